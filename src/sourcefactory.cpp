@@ -1,0 +1,67 @@
+/* The seam between the request server and the kinds of metadata that the daemon can produce. The server knows
+ * nothing of a kind; a factory knows nothing of a client. A factory declines with NULL and no error, and
+ * fails with NULL and an error: only the error tells the two apart.
+ */
+#include "sourcefactory.h"
+
+#include <syslog.h>
+
+G_DEFINE_INTERFACE(SourceFactory, source_factory, G_TYPE_OBJECT)
+
+static void
+source_factory_default_init(SourceFactoryInterface *iface)
+{
+}
+
+/**
+ * source_factory_error_quark:
+ *
+ * The domain of every error that a factory reports. All of them have code 0; the message tells them apart.
+ * Any thread.
+ *
+ * Returns: the quark of "source_factory_error"
+ */
+GQuark
+source_factory_error_quark(void)
+{
+  return g_quark_from_static_string("source_factory_error");
+}
+
+/**
+ * source_factory_create_source:
+ * @self: (transfer none): a factory
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @error: (out) (optional): where to put the failure
+ *
+ * Asks one factory for a source. No argument is checked here: an object of a class that is no factory is a
+ * programming error. Any thread.
+ *
+ * Returns: (transfer full) (nullable): a new element, usually floating, with one source pad to link; %NULL
+ *   without an error when the factory has nothing to contribute, %NULL with one when the request fails
+ */
+GstElement *
+source_factory_create_source(SourceFactory *self, GHashTable *params, GError **error)
+{
+  return SOURCE_FACTORY_GET_IFACE(self)->create_source(self, params, error);
+}
+
+/**
+ * source_factory_fail:
+ * @error: (out) (optional): where to put the failure, unset
+ * @domain: the error's domain
+ * @format: a printf format of the message, followed by its arguments
+ *
+ * Refuses a request: sets an error with code 0 in @domain and logs the same text at warning priority, so that
+ * client and log never tell different stories. Any thread.
+ */
+void
+source_factory_fail(GError **error, GQuark domain, const gchar *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  g_autofree gchar *message = g_strdup_vprintf(format, args);
+  va_end(args);
+
+  syslog(LOG_WARNING, "%s", message);
+  g_set_error_literal(error, domain, 0, message);
+}

@@ -1,0 +1,156 @@
+/*
+ * What a system test needs from the machine around the daemon, put in front of the C library with LD_PRELOAD
+ * so that the daemon itself stays as shipped:
+ *
+ *   TESTHOST_SYSLOG   path of a UNIX datagram socket; every syslog line becomes one datagram "<priority>text"
+ *   TESTHOST_UID      what getuid() answers
+ *   TESTHOST_GID      what getgid() answers
+ *
+ * A variable that is not set leaves its functions as the C library has them. The socket must be writable by
+ * the daemon's user, and its reader should keep up: a full queue holds the daemon for at most SEND_LIMIT and
+ * then costs the line.
+ *
+ * In a build with the address sanitizer, whose runtime insists on being the first library, set
+ * ASAN_OPTIONS=verify_asan_link_order=0 beside LD_PRELOAD. This library is not instrumented itself, so that
+ * one and the same way of loading serves every build.
+ */
+
+#define _GNU_SOURCE
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+/* Above the numbers that socket activation passes and that a test looks at. */
+enum { SYSLOG_FD_MIN = 200 };
+
+/* A longer line is cut; a datagram's own limit is higher. */
+enum { LINE_MAX_BYTES = 64 * 1024 };
+
+static const struct timeval SEND_LIMIT = {.tv_sec = 1};
+
+typedef void (*VsyslogFunc)(int priority, const char *format, va_list args);
+
+/* The fortified entry points, which the headers name only to a fortified caller. */
+void __syslog_chk(int priority, int flag, const char *format, ...);
+void __vsyslog_chk(int priority, int flag, const char *format, va_list args);
+
+static struct sockaddr_un syslog_address = {.sun_family = AF_UNIX};
+static int syslog_fd = -1;
+
+/* Opened once and early, so that the log is still there when the daemon has run out of descriptors. */
+__attribute__((constructor)) static void
+open_syslog_socket(void)
+{
+  const char *path = getenv("TESTHOST_SYSLOG");
+  if (path == NULL || strlen(path) >= sizeof syslog_address.sun_path)
+    return;
+
+  memcpy(syslog_address.sun_path, path, strlen(path) + 1);
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0)
+    return;
+
+  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &SEND_LIMIT, sizeof SEND_LIMIT);
+  syslog_fd = fcntl(fd, F_DUPFD_CLOEXEC, SYSLOG_FD_MIN);
+  if (syslog_fd < 0)
+    syslog_fd = fd;
+  else
+    close(fd);
+}
+
+static void
+send_line(int priority, const char *format, va_list args, int saved_errno)
+{
+  char prefix[16];
+  int prefix_length = snprintf(prefix, sizeof prefix, "<%d>", priority);
+  char *line = malloc(LINE_MAX_BYTES);
+  if (line == NULL)
+    return;
+
+  memcpy(line, prefix, (size_t)prefix_length);
+  errno = saved_errno; /* for %m */
+  int text_length = vsnprintf(line + prefix_length, (size_t)(LINE_MAX_BYTES - prefix_length), format, args);
+  if (text_length >= 0)
+    (void)sendto(syslog_fd, line, strlen(line), MSG_NOSIGNAL, (const struct sockaddr *)&syslog_address,
+                 sizeof syslog_address);
+  free(line);
+}
+
+static void
+log_line(int priority, const char *format, va_list args)
+{
+  int saved_errno = errno;
+
+  if (syslog_fd >= 0) {
+    send_line(priority, format, args, saved_errno);
+  } else {
+    VsyslogFunc real_vsyslog = NULL;
+    *(void **)&real_vsyslog = dlsym(RTLD_NEXT, "vsyslog");
+    errno = saved_errno;
+    real_vsyslog(priority, format, args);
+  }
+
+  errno = saved_errno;
+}
+
+static unsigned int
+id_from_environment(const char *variable, long syscall_number)
+{
+  const char *text = getenv(variable);
+  return text != NULL ? (unsigned int)strtoul(text, NULL, 10) : (unsigned int)syscall(syscall_number);
+}
+
+void
+syslog(int priority, const char *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  log_line(priority, format, args);
+  va_end(args);
+}
+
+void
+vsyslog(int priority, const char *format, va_list args)
+{
+  log_line(priority, format, args);
+}
+
+void
+__syslog_chk(int priority, int flag, const char *format, ...)
+{
+  (void)flag;
+  va_list args;
+  va_start(args, format);
+  log_line(priority, format, args);
+  va_end(args);
+}
+
+void
+__vsyslog_chk(int priority, int flag, const char *format, va_list args)
+{
+  (void)flag;
+  log_line(priority, format, args);
+}
+
+uid_t
+getuid(void)
+{
+  return id_from_environment("TESTHOST_UID", SYS_getuid);
+}
+
+gid_t
+getgid(void)
+{
+  return id_from_environment("TESTHOST_GID", SYS_getgid);
+}

@@ -1,0 +1,268 @@
+#include "selftest.h"
+
+#include <glib-object.h>
+#include <glib-unix.h>
+#include <memory>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr guint64 LIMIT_USEC = 10 * G_USEC_PER_SEC;
+
+int value;
+
+void
+add()
+{
+  value++;
+}
+
+constexpr auto NOTHING = [] {};
+
+void
+use_pool(void (*behind_push)())
+{
+  GThreadPool *pool = g_thread_pool_new([](gpointer item, gpointer) { ++*static_cast<int *>(item); }, nullptr,
+                                        1, TRUE, nullptr);
+  add();
+  g_thread_pool_push(pool, &value, nullptr);
+  behind_push();
+  g_thread_pool_free(pool, FALSE, TRUE);
+  add();
+}
+
+void
+use_queue(void (*behind_push)())
+{
+  g_autoptr(GAsyncQueue) queue = g_async_queue_new();
+  Thread thread([&] {
+    add();
+    g_async_queue_push(queue, &value);
+    behind_push();
+  });
+  ++*static_cast<int *>(g_async_queue_timeout_pop(queue, LIMIT_USEC));
+}
+
+void
+set_up_once()
+{
+  static gsize once;
+  if (g_once_init_enter(&once)) {
+    add();
+    g_once_init_leave(&once, 1);
+  }
+  g_assert_cmpint(value, ==, 1);
+}
+
+GMainLoop *
+get_loop()
+{
+  static GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
+  return loop;
+}
+
+void
+add_and_quit()
+{
+  add();
+  g_main_loop_quit(get_loop());
+}
+
+// Runs a main loop and, from within it, another thread that does something that ends it.
+void
+run_loop_beside(void (*work)(), void (*behind_loop)())
+{
+  std::unique_ptr<Thread> thread;
+  auto start = [&] { thread = std::make_unique<Thread>(work); };
+  g_idle_add_once([](gpointer data) { (*static_cast<decltype(start) *>(data))(); }, &start);
+  g_main_loop_run(get_loop());
+  behind_loop();
+}
+
+gboolean
+on_source(gpointer)
+{
+  add_and_quit();
+  return G_SOURCE_REMOVE;
+}
+
+void
+add_idle()
+{
+  add();
+  g_idle_add(on_source, nullptr);
+}
+
+void
+add_timeout()
+{
+  add();
+  g_timeout_add(1, on_source, nullptr);
+}
+
+void
+add_descriptor_watch()
+{
+  add();
+  g_unix_fd_add(
+      STDERR_FILENO, G_IO_OUT, [](gint, GIOCondition, gpointer) { return on_source(nullptr); }, nullptr);
+}
+
+void
+add_channel_watch()
+{
+  add();
+  g_autoptr(GIOChannel) channel = g_io_channel_unix_new(STDERR_FILENO);
+  g_io_add_watch(
+      channel, G_IO_OUT, [](GIOChannel *, GIOCondition, gpointer) { return on_source(nullptr); }, nullptr);
+}
+
+void
+attach_source()
+{
+  g_autoptr(GSource) source = g_idle_source_new();
+  g_source_set_callback(source, on_source, nullptr, nullptr);
+  add();
+  g_source_attach(source, nullptr);
+}
+
+void
+invoke()
+{
+  add();
+  g_main_context_invoke(nullptr, on_source, nullptr);
+}
+
+void
+wake_up()
+{
+  static std::atomic<bool> woken;
+  Thread thread([] {
+    add();
+    g_main_context_wakeup(nullptr);
+    woken.store(true, std::memory_order_relaxed);
+  });
+  wait_unseen(woken);
+  g_main_context_iteration(nullptr, FALSE);
+  add();
+}
+
+// The callback has run on this thread before another one removes its source and frees what it uses.
+void
+remove_elsewhere()
+{
+  auto *data = new int(0);
+  guint id = g_timeout_add_full(
+      G_PRIORITY_DEFAULT, 1,
+      [](gpointer user_data) -> gboolean {
+        ++*static_cast<int *>(user_data);
+        g_main_loop_quit(get_loop());
+        return G_SOURCE_CONTINUE;
+      },
+      data, [](gpointer user_data) { delete static_cast<int *>(user_data); });
+  static std::atomic<bool> ran;
+  Thread thread([id] {
+    wait_unseen(ran);
+    g_source_remove(id);
+  });
+  g_main_loop_run(get_loop());
+  ran.store(true, std::memory_order_relaxed);
+}
+
+// Whoever drops the last reference reads and frees its state.
+struct Thing {
+  GObject parent;
+  int *value;
+};
+
+struct ThingClass {
+  GObjectClass parent_class;
+};
+
+G_DEFINE_TYPE(Thing, thing, G_TYPE_OBJECT)
+
+void
+thing_finalize(GObject *object)
+{
+  auto *self = reinterpret_cast<Thing *>(object);
+  g_assert_cmpint(*self->value, >, 0);
+  delete self->value;
+  G_OBJECT_CLASS(thing_parent_class)->finalize(object);
+}
+
+void
+thing_init(Thing *self)
+{
+  self->value = new int(1);
+}
+
+void
+thing_class_init(ThingClass *klass)
+{
+  G_OBJECT_CLASS(klass)->finalize = thing_finalize;
+}
+
+Thing *
+thing_new()
+{
+  return static_cast<Thing *>(g_object_new(thing_get_type(), nullptr));
+}
+
+void
+drop_on_two_threads()
+{
+  Thing *thing = thing_new();
+  g_object_ref(thing);
+  Thread thread([thing] {
+    ++*thing->value;
+    g_object_unref(thing);
+  });
+  g_object_unref(thing);
+}
+
+void
+drop_under_another_thread()
+{
+  Thing *thing = thing_new();
+  Thread thread([thing] { ++*thing->value; });
+  g_object_unref(thing);
+}
+
+void
+use_class_set_up_elsewhere()
+{
+  static std::atomic<bool> set_up;
+  Thread thread([] {
+    g_object_unref(thing_new());
+    set_up.store(true, std::memory_order_relaxed);
+  });
+  wait_unseen(set_up);
+  g_object_unref(thing_new());
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(
+    HandOvers, SelfTest,
+    testing::Values(
+        Case{"PoolAndBack", [] { use_pool(NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindPush", [] { use_pool(add); }, RACE},
+        Case{"Queue", [] { use_queue(NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindQueuePush", [] { use_queue(add); }, RACE},
+        Case{"Once", [] { Thread thread(set_up_once), other_thread(set_up_once); }, NO_REPORT},
+        Case{"Idle", [] { run_loop_beside(add_idle, NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindIdle", [] { run_loop_beside([] { add_idle(), add(); }, NOTHING); }, RACE},
+        Case{"Timeout", [] { run_loop_beside(add_timeout, NOTHING); }, NO_REPORT},
+        Case{"DescriptorWatch", [] { run_loop_beside(add_descriptor_watch, NOTHING); }, NO_REPORT},
+        Case{"ChannelWatch", [] { run_loop_beside(add_channel_watch, NOTHING); }, NO_REPORT},
+        Case{"Source", [] { run_loop_beside(attach_source, NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindAttach", [] { run_loop_beside([] { attach_source(), add(); }, NOTHING); }, RACE},
+        Case{"Invoke", [] { run_loop_beside(invoke, NOTHING); }, NO_REPORT},
+        Case{"Quit", [] { run_loop_beside(add_and_quit, add); }, NO_REPORT},
+        Case{"TouchedBehindQuit", [] { run_loop_beside([] { add_and_quit(), add(); }, add); }, RACE},
+        Case{"WakeUp", wake_up, NO_REPORT}, Case{"SourceRemovedElsewhere", remove_elsewhere, NO_REPORT},
+        Case{"LastReference", drop_on_two_threads, NO_REPORT},
+        Case{"ReferenceOfAnother", drop_under_another_thread, RACE_OR_USE_AFTER_FREE},
+        Case{"ClassSetUpElsewhere", use_class_set_up_elsewhere, NO_REPORT}),
+    case_name);

@@ -1,0 +1,154 @@
+#include "selftest.h"
+
+#include <gst/gst.h>
+
+namespace
+{
+
+int value;
+std::atomic<bool> received;
+
+void
+add()
+{
+  value++;
+}
+
+void
+add_when_received()
+{
+  wait_unseen(received);
+  add();
+}
+
+constexpr auto NOTHING = [] {};
+
+// A source and a sink, and a main loop that runs until the first message of the source has arrived.
+class Pipeline
+{
+public:
+  Pipeline(void (*before_post)(), void (*behind_post)())
+      : before_post_(before_post), behind_post_(behind_post)
+  {
+    gst_init(nullptr, nullptr);
+    loop_ = g_main_loop_new(nullptr, FALSE);
+    pipeline_ = gst_pipeline_new(nullptr);
+    source_ = gst_element_factory_make("fakesrc", nullptr);
+    GstElement *sink = gst_element_factory_make("fakesink", nullptr);
+    gst_bin_add_many(GST_BIN(pipeline_), source_, sink, nullptr);
+    gst_element_link(source_, sink);
+  }
+  ~Pipeline()
+  {
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    gst_object_unref(pipeline_);
+    g_main_loop_unref(loop_);
+  }
+  Pipeline(const Pipeline &) = delete;
+  Pipeline &operator=(const Pipeline &) = delete;
+
+  // The first buffer makes the streaming thread post.
+  void post_from_streaming_thread()
+  {
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(source_, "src");
+    gst_pad_add_probe(
+        pad, GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad *, GstPadProbeInfo *, gpointer self) {
+          static_cast<Pipeline *>(self)->post();
+          return GST_PAD_PROBE_REMOVE;
+        },
+        this, nullptr);
+    receive([this] { gst_element_set_state(pipeline_, GST_STATE_PLAYING); });
+  }
+
+  void post_asynchronously()
+  {
+    receive([this] {
+      gst_element_call_async(
+          source_, [](GstElement *, gpointer self) { static_cast<Pipeline *>(self)->post(); }, this, nullptr);
+    });
+  }
+
+private:
+  void post()
+  {
+    before_post_();
+    gst_element_post_message(
+        source_, gst_message_new_application(GST_OBJECT(source_), gst_structure_new_empty("first")));
+    behind_post_();
+    posted_.store(true, std::memory_order_relaxed);
+  }
+
+  void receive(const std::function<void()> &cause)
+  {
+    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_);
+    gst_bus_add_watch(bus, on_message, this);
+    add();
+    cause();
+    g_main_loop_run(loop_);
+    gst_bus_remove_watch(bus);
+  }
+
+  // Goes on when the other thread is through with its part, so that none of the locks that this one takes on
+  // its way back makes an order between the two.
+  static gboolean on_message(GstBus *, GstMessage *message, gpointer user_data)
+  {
+    auto *self = static_cast<Pipeline *>(user_data);
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_APPLICATION) {
+      add();
+      received.store(true, std::memory_order_relaxed);
+      wait_unseen(self->posted_);
+      g_main_loop_quit(self->loop_);
+    }
+    return G_SOURCE_CONTINUE;
+  }
+
+  void (*before_post_)();
+  void (*behind_post_)();
+  std::atomic<bool> posted_ = false;
+  GMainLoop *loop_;
+  GstElement *pipeline_;
+  GstElement *source_;
+};
+
+void
+touch_beside_streaming_thread()
+{
+  Pipeline pipeline(add, NOTHING);
+  Thread thread([] {
+    add();
+    add();
+  });
+  pipeline.post_from_streaming_thread();
+}
+
+// Whoever drops the last reference frees the memory, by way of the library.
+void
+drop_buffer_on_two_threads()
+{
+  gst_init(nullptr, nullptr);
+  auto *data = new int(0);
+  GstBuffer *buffer =
+      gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, data, sizeof *data, 0, sizeof *data, data,
+                                  [](gpointer user_data) { delete static_cast<int *>(user_data); });
+  gst_buffer_ref(buffer);
+  Thread thread([&] {
+    ++*data;
+    gst_buffer_unref(buffer);
+  });
+  gst_buffer_unref(buffer);
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(
+    Pipelines, SelfTest,
+    testing::Values(Case{"Message", [] { Pipeline(add, NOTHING).post_from_streaming_thread(); }, NO_REPORT},
+                    Case{"TouchedBehindPost",
+                         [] { Pipeline(NOTHING, add_when_received).post_from_streaming_thread(); }, RACE},
+                    Case{"CallAsync", [] { Pipeline(add, NOTHING).post_asynchronously(); }, NO_REPORT},
+                    Case{"TouchedBehindPostInCallAsync",
+                         [] { Pipeline(NOTHING, add_when_received).post_asynchronously(); }, RACE},
+                    Case{"TouchedBesideStreamingThread", touch_beside_streaming_thread, RACE},
+                    Case{"LastReferenceToBuffer", drop_buffer_on_two_threads, NO_REPORT}),
+    case_name);
