@@ -1,0 +1,9 @@
+#pragma once
+
+#include <glib.h>
+
+G_BEGIN_DECLS
+
+  GIOChannel *request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+
+G_END_DECLS
