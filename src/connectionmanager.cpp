@@ -1,0 +1,761 @@
+/* One client's pipeline, from the reply to its request to the close of its socket:
+ *
+ *   sources -> onvifxmlmetadatastreamdoc -> queue -> gdppay -> fdsink
+ *
+ * Who keeps it alive. The request's handler holds the reference that made the manager and drops it once the
+ * client is streaming. The blocking probe, the socket watch and the bus watch each hold one while they are
+ * installed; a sync point on its way holds one until it is delivered. Whoever sees the end first, a watch or
+ * a failing prepare, takes the others away, and finalisation closes the descriptor. Nothing else closes it.
+ *
+ * Which threads. A pool thread prepares and starts. A streaming thread runs the probe. The main thread runs
+ * the watches and the stop routine. A thread of GStreamer's own delivers sync points, because a serialised
+ * event waits for the stream it goes into, and the stream waits for a client that does not read.
+ *
+ * What the lock guards. The status, the ids of probe and watches, and the counting of sync points. A watch is
+ * installed and its id is stored under the lock, and its callback takes the lock before it looks at the id,
+ * so that a callback never meets a watch without an id and throws a message away. The lock is never held
+ * while an element changes state.
+ */
+#include "connectionmanager.h"
+
+#include "syncscanner.h"
+
+#include <array>
+#include <cerrno>
+#include <glib-unix.h>
+#include <memory>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <utility>
+
+typedef enum {
+  CONNECTION_MANAGER_STATUS_NEW,
+  CONNECTION_MANAGER_STATUS_PREPARING,
+  CONNECTION_MANAGER_STATUS_PREPARED,
+  CONNECTION_MANAGER_STATUS_STARTED,
+  CONNECTION_MANAGER_STATUS_STOPPED,
+  CONNECTION_MANAGER_STATUS_ERROR,
+} ConnectionManagerStatus;
+
+namespace
+{
+
+struct ConnectionManagerPrivate {
+  ConnectionManagerStatus status = CONNECTION_MANAGER_STATUS_NEW;
+  GstElement *pipeline = nullptr;
+  gulong probe_id = 0;
+  GstElement *document = nullptr;        /* borrowed from the pipeline */
+  std::array<GstElement *, 3> tail = {}; /* likewise: what is behind the document, the sink first */
+  GList *src_lists = nullptr;
+  int fd = -1;
+  guint bus_watch_id = 0;
+  guint socket_watch_id = 0;
+  SyncScanner scanner = {}; /* the main thread's alone */
+  gboolean start_announced = FALSE;
+  guint pending_syncs = 0;
+  gboolean delivering_syncs = FALSE;
+  GMutex lock;
+  GCond cond;
+};
+
+} // namespace
+
+struct _ConnectionManager {
+  GObject parent_instance;
+
+  ConnectionManagerPrivate *priv;
+};
+
+typedef enum {
+  PROP_SOURCE_LIST = 1,
+  PROP_FD,
+  N_PROPERTIES,
+} ConnectionManagerProperty;
+
+static std::array<GParamSpec *, N_PROPERTIES> properties;
+
+G_DEFINE_FINAL_TYPE(ConnectionManager, connection_manager, G_TYPE_OBJECT)
+
+namespace
+{
+
+constexpr const char *PIPELINE_NAME = "metadataserver2client";
+constexpr const char *SINK_NAME = "fdsink";
+constexpr const char *SYNC_POINT_EVENT = "GstMetaDataStreamSetSyncPoint";
+
+constexpr gsize READ_SIZE = 4096;
+
+struct ElementMake {
+  const char *factory;
+  const char *name;
+};
+
+/* What every client's pipeline has behind its sources, in data order. */
+enum { DOCUMENT, QUEUE, PAYLOADER, SINK, N_COMMON_ELEMENTS };
+constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
+    {"onvifxmlmetadatastreamdoc", nullptr},
+    {"queue", nullptr},
+    {"gdppay", nullptr},
+    {"fdsink", SINK_NAME},
+}};
+
+struct ObjectUnref {
+  void operator()(gpointer object) const
+  {
+    gst_object_unref(object);
+  }
+};
+
+/* A full reference, never a floating one. */
+using ElementRef = std::unique_ptr<GstElement, ObjectUnref>;
+using CommonElements = std::array<ElementRef, N_COMMON_ELEMENTS>;
+
+/* With the lock held. */
+void
+set_status(ConnectionManager *conn, ConnectionManagerStatus status)
+{
+  conn->priv->status = status;
+  g_cond_signal(&conn->priv->cond);
+}
+
+gboolean
+make_common_elements(CommonElements *elements)
+{
+  for (gsize i = 0; i < N_COMMON_ELEMENTS; i++) {
+    GstElement *element = gst_element_factory_make(COMMON_ELEMENTS[i].factory, COMMON_ELEMENTS[i].name);
+    if (element == nullptr) {
+      syslog(LOG_ERR, "Could not create %s.", COMMON_ELEMENTS[i].factory);
+      return FALSE;
+    }
+    (*elements)[i].reset(GST_ELEMENT(gst_object_ref_sink(element)));
+  }
+  return TRUE;
+}
+
+gboolean
+add_common_elements(GstElement *pipeline, const CommonElements &elements)
+{
+  for (gsize i = 0; i < N_COMMON_ELEMENTS; i++) {
+    if (!gst_bin_add(GST_BIN(pipeline), elements[i].get())) {
+      syslog(LOG_ERR, "Failed to add %s.", COMMON_ELEMENTS[i].factory);
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+gboolean
+add_source(GstElement *pipeline, GstElement *source, GstElement *document)
+{
+  if (!GST_IS_ELEMENT(source)) {
+    syslog(LOG_ERR, "Not a valid source element to add to metadata server pipeline.");
+    return FALSE;
+  }
+  if (!gst_bin_add(GST_BIN(pipeline), source)) {
+    return FALSE;
+  }
+  if (!gst_element_link(source, document)) {
+    /* The text prints where the source's name is, a BEL and an "A", and not the name: deliberate and kept,
+     * because whoever collects these lines knows them so. */
+    syslog(LOG_ERR, "Failed to link %p\aA and onvifxmlmetadatastreamdoc.",
+           static_cast<const void *>(GST_ELEMENT_NAME(source)));
+    return FALSE;
+  }
+  return TRUE;
+}
+
+gboolean
+add_sources(GstElement *pipeline, GList *sources, GstElement *document)
+{
+  for (GList *item = sources; item != nullptr; item = item->next) {
+    if (!add_source(pipeline, static_cast<GstElement *>(item->data), document)) {
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+/* Builds the pipeline and stores it. On failure nothing is stored, and what was built goes. */
+gboolean
+build_pipeline(ConnectionManager *conn)
+{
+  ElementRef pipeline(gst_pipeline_new(PIPELINE_NAME));
+  if (!pipeline) {
+    syslog(LOG_ERR, "Could not create metadata pipeline.");
+    return FALSE;
+  }
+  gst_object_ref_sink(pipeline.get());
+
+  CommonElements elements;
+  if (!make_common_elements(&elements) || !add_common_elements(pipeline.get(), elements) ||
+      !add_sources(pipeline.get(), conn->priv->src_lists, elements[DOCUMENT].get()) ||
+      !gst_element_link_many(elements[DOCUMENT].get(), elements[QUEUE].get(), elements[PAYLOADER].get(),
+                             elements[SINK].get(), nullptr)) {
+    return FALSE;
+  }
+
+  g_object_set(elements[SINK].get(), "fd", conn->priv->fd, nullptr);
+  conn->priv->document = elements[DOCUMENT].get();
+  conn->priv->tail = {elements[SINK].get(), elements[PAYLOADER].get(), elements[QUEUE].get()};
+  conn->priv->pipeline = pipeline.release();
+  return TRUE;
+}
+
+/* The sink writes whole buffers. On a blocking socket such a write waits, in pieces, for a client that reads
+ * slowly or not at all, and a state change to NULL waits for the write; on a non-blocking one the sink waits
+ * in its poll, which a state change interrupts. A time-out for sending is not as good: it holds for each
+ * piece anew. */
+void
+make_writes_interruptible(int fd)
+{
+  g_autoptr(GError) error = nullptr;
+
+  if (!g_unix_set_fd_nonblocking(fd, TRUE, &error)) {
+    syslog(LOG_WARNING, "Could not make metadata client socket non-blocking: %s", error->message);
+  }
+}
+
+GstPad *
+get_sink_pad(ConnectionManager *conn)
+{
+  g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(conn->priv->pipeline), SINK_NAME);
+
+  return gst_element_get_static_pad(sink, "sink");
+}
+
+/* With the lock held and a reference of the caller's own, since the probe's goes. */
+void
+release_hold(ConnectionManager *conn)
+{
+  if (conn->priv->probe_id == 0) {
+    return;
+  }
+  g_autoptr(GstPad) pad = get_sink_pad(conn);
+  gst_pad_remove_probe(pad, std::exchange(conn->priv->probe_id, 0));
+}
+
+/* Ends a pipeline that never got to streaming. Were the probe left, manager, pipeline, pad and probe would
+ * keep each other for ever. */
+void
+abandon(ConnectionManager *conn)
+{
+  gst_element_set_state(conn->priv->pipeline, GST_STATE_NULL);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  release_hold(conn);
+}
+
+gboolean
+take_pending_sync(ConnectionManager *conn)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+
+  if (conn->priv->status != CONNECTION_MANAGER_STATUS_STARTED || conn->priv->pending_syncs == 0) {
+    conn->priv->delivering_syncs = FALSE;
+    return FALSE;
+  }
+  conn->priv->pending_syncs--;
+  return TRUE;
+}
+
+/* On a thread of GStreamer's own. */
+void
+deliver_sync_points(GstElement *document, gpointer user_data)
+{
+  auto *conn = static_cast<ConnectionManager *>(user_data);
+
+  while (take_pending_sync(conn)) {
+    gst_element_send_event(document, gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM,
+                                                          gst_structure_new_empty(SYNC_POINT_EVENT)));
+  }
+}
+
+/* With the lock held, in STARTED. At most one thread delivers for one client. */
+void
+start_delivering(ConnectionManager *conn)
+{
+  if (conn->priv->pending_syncs == 0 || conn->priv->delivering_syncs) {
+    return;
+  }
+  conn->priv->delivering_syncs = TRUE;
+  gst_element_call_async(conn->priv->document, deliver_sync_points, g_object_ref(conn), g_object_unref);
+}
+
+/* Takes one sync point in, to be delivered now or by the start that has been announced. FALSE when the client
+ * has no business to ask for one yet. */
+gboolean
+take_sync_point(ConnectionManager *conn)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  const gboolean started = conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED;
+  const gboolean starting =
+      conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARED && conn->priv->start_announced;
+
+  if (!started && !starting) {
+    return FALSE;
+  }
+  if (conn->priv->pending_syncs < CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS) {
+    conn->priv->pending_syncs++;
+  }
+  if (started) {
+    start_delivering(conn);
+  }
+  return TRUE;
+}
+
+/* A client decides when this is called, so the status is judged by hand: a precondition macro can be compiled
+ * out, and its warning is all that is wanted of it. */
+void
+send_set_sync_point_event(ConnectionManager *conn)
+{
+  if (!take_sync_point(conn)) {
+    g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC,
+                             "conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED");
+  }
+}
+
+typedef enum {
+  SOCKET_SIDE,
+  BUS_SIDE,
+} StopSide;
+
+/* Takes both watches away but the calling one, which GLib removes when its callback returns. */
+void
+remove_watches(ConnectionManager *conn, StopSide side)
+{
+  guint bus_watch_id = 0;
+  guint socket_watch_id = 0;
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+    bus_watch_id = std::exchange(conn->priv->bus_watch_id, 0);
+    socket_watch_id = std::exchange(conn->priv->socket_watch_id, 0);
+  }
+
+  if (side == BUS_SIDE && socket_watch_id != 0 && !g_source_remove(socket_watch_id)) {
+    syslog(LOG_WARNING, "Could not remove metadata socket I/O watch.");
+  }
+  if (side == SOCKET_SIDE && bus_watch_id != 0 && !g_source_remove(bus_watch_id)) {
+    syslog(LOG_WARNING, "Could not remove metadata bus watch watch.");
+  }
+}
+
+/* Drops the sync points that wait; no more can come, because the main thread, which takes them in, is here.
+ * TRUE when one is under way. */
+gboolean
+cancel_sync_points(ConnectionManager *conn)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+
+  conn->priv->pending_syncs = 0;
+  return conn->priv->delivering_syncs;
+}
+
+/* A sync point under way keeps the document element from changing its state, and waits for the stream, which
+ * may wait for the client. So what is behind the document stops first: then the stream runs empty, the sync
+ * point gets through, and the rest can follow. */
+void
+stop_behind_document(ConnectionManager *conn)
+{
+  for (GstElement *element : conn->priv->tail) {
+    gst_element_set_state(element, GST_STATE_NULL);
+  }
+}
+
+/* The end of the stream, on the main thread, from inside one of the two watches. The calling watch's
+ * reference keeps the manager until its callback returns. */
+void
+stop(ConnectionManager *conn, StopSide side)
+{
+  if (cancel_sync_points(conn)) {
+    stop_behind_document(conn);
+  }
+  if (gst_element_set_state(conn->priv->pipeline, GST_STATE_NULL) != GST_STATE_CHANGE_SUCCESS) {
+    syslog(LOG_ERR, "Could not stop connection manager pipeline.");
+  }
+  remove_watches(conn, side);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  /* After an error start does nothing any more, so the hold has to go here. */
+  release_hold(conn);
+  if (conn->priv->status != CONNECTION_MANAGER_STATUS_ERROR) {
+    set_status(conn, CONNECTION_MANAGER_STATUS_STOPPED);
+  }
+}
+
+/* Reads what has arrived, once and without waiting: a line that the client leaves unfinished stays with the
+ * scanner and keeps nobody. FALSE when the client's input has ended, in whatever way. */
+gboolean
+read_client_input(ConnectionManager *conn, guint *syncs)
+{
+  std::array<gchar, READ_SIZE> data;
+  const ssize_t length = recv(conn->priv->fd, data.data(), data.size(), MSG_DONTWAIT);
+
+  *syncs = 0;
+  if (length > 0) {
+    return sync_scanner_feed(&conn->priv->scanner, data.data(), length, syncs);
+  }
+  if (length < 0 && errno == EINTR) {
+    return TRUE;
+  }
+  if (length < 0 && errno == EAGAIN) {
+    syslog(LOG_ERR, "Reading incoming metadata request interrupted, shutting down.");
+  }
+  return FALSE;
+}
+
+/* The watches are installed from a pool thread under the lock, so whoever gets it here sees their ids. */
+gboolean
+is_watched(ConnectionManager *conn, const guint *watch_id)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+
+  return *watch_id != 0;
+}
+
+/* A failed write means that the client went away, which is nobody's mistake. */
+void
+log_pipeline_error(GstMessage *message)
+{
+  g_autoptr(GError) error = nullptr;
+  g_autofree gchar *debug = nullptr;
+
+  gst_message_parse_error(message, &error, &debug);
+  if (!g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE)) {
+    syslog(LOG_ERR, "Error in metadata connection manager pipeline: %s.", error->message);
+  }
+}
+
+/* A pipeline that refuses to play says why on its bus, where no watch reads it any more. The first error is
+ * the one that led to the others. */
+void
+log_refusal_to_play(ConnectionManager *conn)
+{
+  g_autoptr(GstBus) bus = gst_pipeline_get_bus(GST_PIPELINE(conn->priv->pipeline));
+  g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
+
+  if (message != nullptr) {
+    log_pipeline_error(message);
+  }
+}
+
+/* Sources come floating or not; from here on each is the manager's by one full reference. */
+void
+take_sources(ConnectionManager *conn, GList *sources)
+{
+  conn->priv->src_lists = sources;
+  for (GList *item = sources; item != nullptr; item = item->next) {
+    if (item->data != nullptr && g_object_is_floating(item->data)) {
+      g_object_ref_sink(item->data);
+    }
+  }
+}
+
+void
+release_source(gpointer source)
+{
+  if (source != nullptr) {
+    g_object_unref(source);
+  }
+}
+
+} // namespace
+
+static void
+connection_manager_init(ConnectionManager *self)
+{
+  self->priv = new ConnectionManagerPrivate;
+  g_mutex_init(&self->priv->lock);
+  g_cond_init(&self->priv->cond);
+}
+
+static void
+connection_manager_finalize(GObject *object)
+{
+  ConnectionManager *self = CONNECTION_MANAGER(object);
+
+  g_clear_pointer(&self->priv->pipeline, gst_object_unref);
+  g_list_free_full(self->priv->src_lists, release_source);
+  if (close(self->priv->fd) < 0) {
+    syslog(LOG_ERR, "Could not close metadata client fd when destroying pipeline: %s", g_strerror(errno));
+  }
+  g_mutex_clear(&self->priv->lock);
+  g_cond_clear(&self->priv->cond);
+  delete self->priv;
+
+  G_OBJECT_CLASS(connection_manager_parent_class)->finalize(object);
+}
+
+static void
+connection_manager_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
+{
+  ConnectionManager *self = CONNECTION_MANAGER(object);
+
+  switch (id) {
+  case PROP_SOURCE_LIST:
+    g_value_set_pointer(value, self->priv->src_lists);
+    break;
+  case PROP_FD:
+    g_value_set_int(value, self->priv->fd);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+}
+
+static void
+connection_manager_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
+{
+  ConnectionManager *self = CONNECTION_MANAGER(object);
+
+  switch (id) {
+  case PROP_SOURCE_LIST:
+    take_sources(self, static_cast<GList *>(g_value_get_pointer(value)));
+    break;
+  case PROP_FD:
+    if (self->priv->fd == -1) {
+      self->priv->fd = g_value_get_int(value);
+    }
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+}
+
+static void
+connection_manager_class_init(ConnectionManagerClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  constexpr auto FLAGS =
+      static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_CONSTRUCT_ONLY | G_PARAM_STATIC_STRINGS);
+
+  object_class->finalize = connection_manager_finalize;
+  object_class->get_property = connection_manager_get_property;
+  object_class->set_property = connection_manager_set_property;
+
+  properties[PROP_SOURCE_LIST] = g_param_spec_pointer("source-list", "Source List",
+                                                      "List of sources to generate the metadata xml", FLAGS);
+  properties[PROP_FD] = g_param_spec_int("fd", "File Descriptor", "The file descriptor for metadata client",
+                                         G_MININT, G_MAXINT, -1, FLAGS);
+  g_object_class_install_properties(object_class, properties.size(), properties.data());
+}
+
+namespace
+{
+
+/* Runs on a streaming thread, which stays blocked at the sink until the probe is removed. A probe that comes
+ * too late to be waited for changes nothing. */
+GstPadProbeReturn
+on_first_data(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
+{
+  auto *conn = static_cast<ConnectionManager *>(user_data);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+
+  if (conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARING) {
+    set_status(conn, CONNECTION_MANAGER_STATUS_PREPARED);
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+gboolean
+on_socket(gint fd, GIOCondition condition, gpointer user_data)
+{
+  auto *conn = static_cast<ConnectionManager *>(user_data);
+  guint syncs = 0;
+
+  if (!is_watched(conn, &conn->priv->socket_watch_id)) {
+    return G_SOURCE_CONTINUE;
+  }
+  if (!read_client_input(conn, &syncs)) {
+    stop(conn, SOCKET_SIDE);
+    return G_SOURCE_REMOVE;
+  }
+  for (guint i = 0; i < syncs; i++) {
+    send_set_sync_point_event(conn);
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean
+on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
+{
+  auto *conn = static_cast<ConnectionManager *>(user_data);
+
+  if (!is_watched(conn, &conn->priv->bus_watch_id)) {
+    return G_SOURCE_CONTINUE;
+  }
+  switch (GST_MESSAGE_TYPE(message)) {
+  case GST_MESSAGE_EOS:
+    break;
+  case GST_MESSAGE_ERROR: {
+    log_pipeline_error(message);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+    set_status(conn, CONNECTION_MANAGER_STATUS_ERROR);
+    break;
+  }
+  default:
+    return G_SOURCE_CONTINUE;
+  }
+  stop(conn, BUS_SIDE);
+  return G_SOURCE_REMOVE;
+}
+
+void
+hold_at_sink(ConnectionManager *conn)
+{
+  g_autoptr(GstPad) pad = get_sink_pad(conn);
+  constexpr auto TYPE = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER |
+                                                     GST_PAD_PROBE_TYPE_BUFFER_LIST);
+
+  conn->priv->probe_id = gst_pad_add_probe(pad, TYPE, on_first_data, g_object_ref(conn), g_object_unref);
+}
+
+/* With the lock held. */
+void
+add_watches(ConnectionManager *conn)
+{
+  constexpr auto CONDITION = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
+  g_autoptr(GstBus) bus = gst_pipeline_get_bus(GST_PIPELINE(conn->priv->pipeline));
+
+  conn->priv->socket_watch_id = g_unix_fd_add_full(G_PRIORITY_DEFAULT, conn->priv->fd, CONDITION, on_socket,
+                                                   g_object_ref(conn), g_object_unref);
+  conn->priv->bus_watch_id =
+      gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, on_bus_message, g_object_ref(conn), g_object_unref);
+}
+
+/* Sets the pipeline playing and watches it. TRUE when it can be waited for. */
+gboolean
+play(ConnectionManager *conn)
+{
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+    set_status(conn, CONNECTION_MANAGER_STATUS_PREPARING);
+  }
+  const GstStateChangeReturn change = gst_element_set_state(conn->priv->pipeline, GST_STATE_PLAYING);
+  if (change == GST_STATE_CHANGE_FAILURE) {
+    log_refusal_to_play(conn);
+    return FALSE;
+  }
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  add_watches(conn);
+  if (change != GST_STATE_CHANGE_ASYNC) {
+    set_status(conn, CONNECTION_MANAGER_STATUS_PREPARED);
+  }
+  return TRUE;
+}
+
+/* Waits until the first data is held at the sink, without a limit: some kinds of metadata have nothing to say
+ * for long. The client ends the wait by hanging up. TRUE when the pipeline is ready to start. */
+gboolean
+wait_for_preroll(ConnectionManager *conn)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+
+  while (conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARING) {
+    g_cond_wait(&conn->priv->cond, &conn->priv->lock);
+  }
+  return conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARED;
+}
+
+} // namespace
+
+/**
+ * connection_manager_new:
+ * @src_lists: (transfer full) (element-type GstElement): the sources, each with one source pad to link
+ * @fd: the client's connected stream socket, which the manager closes when it goes
+ *
+ * Makes the manager of one client. Any thread.
+ *
+ * Warnings: "src_lists != NULL" and "fd != -1" are preconditions; when one fails, nothing is taken over.
+ *
+ * Returns: (transfer full) (nullable): a new manager
+ */
+ConnectionManager *
+connection_manager_new(GList *src_lists, int fd)
+{
+  g_return_val_if_fail(src_lists != NULL, nullptr);
+  g_return_val_if_fail(fd != -1, nullptr);
+
+  return CONNECTION_MANAGER(
+      g_object_new(CONNECTION_TYPE_MANAGER, "source-list", src_lists, "fd", fd, nullptr));
+}
+
+/**
+ * connection_manager_prepare:
+ * @conn: (transfer none): a new manager
+ *
+ * Builds the pipeline, sets it playing and waits, without a limit of time, until its first data is held at
+ * the sink or it has come to an end. What goes wrong is logged at error priority. To be called once, on a
+ * thread other than the main one, while the main context is being run.
+ *
+ * Warnings: "conn != NULL", "conn->priv->fd != -1" and "conn->priv->src_lists != NULL" are preconditions.
+ *
+ * Returns: %TRUE when the client may be told "OK"
+ */
+gboolean
+connection_manager_prepare(ConnectionManager *conn)
+{
+  g_return_val_if_fail(conn != NULL, FALSE);
+  g_return_val_if_fail(conn->priv->fd != -1, FALSE);
+  g_return_val_if_fail(conn->priv->src_lists != NULL, FALSE);
+
+  if (!build_pipeline(conn)) {
+    return FALSE;
+  }
+  make_writes_interruptible(conn->priv->fd);
+  hold_at_sink(conn);
+  if (!play(conn) || !wait_for_preroll(conn)) {
+    abandon(conn);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/**
+ * connection_manager_announce_start:
+ * @conn: (transfer none): a prepared manager
+ *
+ * To be called right before the client is told "OK". A "SYNC" line that is read from now on may be the
+ * client's answer to that reply, so it is kept for connection_manager_start() instead of being refused. Any
+ * thread.
+ *
+ * Warnings: "conn != NULL" is a precondition.
+ */
+void
+connection_manager_announce_start(ConnectionManager *conn)
+{
+  g_return_if_fail(conn != NULL);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  conn->priv->start_announced = TRUE;
+}
+
+/**
+ * connection_manager_start:
+ * @conn: (transfer none): a prepared manager
+ *
+ * Releases the hold at the sink, so that data flows to the client. To be called right after the client has
+ * been told "OK". When the pipeline has stopped meanwhile, only the hold goes. Any thread.
+ *
+ * Warnings: "conn != NULL" is a precondition.
+ */
+void
+connection_manager_start(ConnectionManager *conn)
+{
+  g_return_if_fail(conn != NULL);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  switch (conn->priv->status) {
+  case CONNECTION_MANAGER_STATUS_PREPARED:
+    release_hold(conn);
+    set_status(conn, CONNECTION_MANAGER_STATUS_STARTED);
+    start_delivering(conn);
+    break;
+  case CONNECTION_MANAGER_STATUS_STOPPED:
+    release_hold(conn);
+    break;
+  default:
+    break;
+  }
+}

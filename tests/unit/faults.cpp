@@ -1,0 +1,213 @@
+#include "faults.h"
+
+#include "connectionmanager.h"
+#include "requestchannel.h"
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace
+{
+
+std::mutex lock;
+std::set<faults::Call> failing_calls;
+std::set<int> failing_closes;
+std::atomic<unsigned> request_time_divisor = 1;
+std::function<void()> bus_watch_hook;
+std::function<void()> flush_hook;
+
+bool
+take_failure(faults::Call call)
+{
+  std::lock_guard guard(lock);
+
+  return failing_calls.erase(call) > 0;
+}
+
+void
+run_once(std::function<void()> *hook)
+{
+  std::function<void()> taken;
+  {
+    std::lock_guard guard(lock);
+    taken = std::exchange(*hook, nullptr);
+  }
+  if (taken) {
+    taken();
+  }
+}
+
+} // namespace
+
+namespace faults
+{
+
+void
+fail_next(Call call)
+{
+  std::lock_guard guard(lock);
+
+  failing_calls.insert(call);
+}
+
+void
+fail_close_of(int fd)
+{
+  std::lock_guard guard(lock);
+
+  failing_closes.insert(fd);
+}
+
+void
+divide_request_time(unsigned divisor)
+{
+  request_time_divisor = divisor;
+}
+
+void
+after_next_bus_watch(std::function<void()> hook)
+{
+  std::lock_guard guard(lock);
+
+  bus_watch_hook = std::move(hook);
+}
+
+void
+after_next_flush(std::function<void()> hook)
+{
+  std::lock_guard guard(lock);
+
+  flush_hook = std::move(hook);
+}
+
+} // namespace faults
+
+/* The names are the linker's, and so is the wish that they be visible. */
+#pragma GCC visibility push(default)
+extern "C" {
+
+int __real_close(int fd);
+int __wrap_close(int fd);
+int __real_listen(int fd, int backlog);
+int __wrap_listen(int fd, int backlog);
+guint __real_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
+                                    GDestroyNotify notify);
+guint __wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
+                                    GDestroyNotify notify);
+GstElement *__real_gst_pipeline_new(const gchar *name);
+GstElement *__wrap_gst_pipeline_new(const gchar *name);
+GIOStatus __real_g_io_channel_flush(GIOChannel *channel, GError **error);
+GIOStatus __wrap_g_io_channel_flush(GIOChannel *channel, GError **error);
+GIOStatus __real_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
+GIOStatus __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
+GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
+                                           gint max_threads, gboolean exclusive, GError **error);
+GThreadPool *__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
+                                           gint max_threads, gboolean exclusive, GError **error);
+gboolean __real_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error);
+gboolean __wrap_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error);
+ConnectionManager *__real_connection_manager_new(GList *src_lists, int fd);
+ConnectionManager *__wrap_connection_manager_new(GList *src_lists, int fd);
+GIOChannel *__real_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+GIOChannel *__wrap_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+
+int
+__wrap_close(int fd)
+{
+  bool fails = false;
+  {
+    std::lock_guard guard(lock);
+    fails = failing_closes.erase(fd) > 0;
+  }
+  const int result = __real_close(fd);
+
+  if (fails) {
+    errno = EIO;
+    return -1;
+  }
+  return result;
+}
+
+int
+__wrap_listen(int fd, int backlog)
+{
+  if (take_failure(faults::Call::LISTEN)) {
+    errno = EADDRINUSE;
+    return -1;
+  }
+  return __real_listen(fd, backlog);
+}
+
+guint
+__wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
+                              GDestroyNotify notify)
+{
+  const guint id = __real_gst_bus_add_watch_full(bus, priority, function, user_data, notify);
+
+  run_once(&bus_watch_hook);
+  return id;
+}
+
+GstElement *
+__wrap_gst_pipeline_new(const gchar *name)
+{
+  return take_failure(faults::Call::PIPELINE_NEW) ? nullptr : __real_gst_pipeline_new(name);
+}
+
+GIOStatus
+__wrap_g_io_channel_flush(GIOChannel *channel, GError **error)
+{
+  const GIOStatus status = __real_g_io_channel_flush(channel, error);
+
+  run_once(&flush_hook);
+  return status;
+}
+
+GIOStatus
+__wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error)
+{
+  return take_failure(faults::Call::IO_CHANNEL_SET_ENCODING)
+             ? G_IO_STATUS_ERROR
+             : __real_g_io_channel_set_encoding(channel, encoding, error);
+}
+
+GThreadPool *
+__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free, gint max_threads,
+                              gboolean exclusive, GError **error)
+{
+  GThreadPool *pool =
+      __real_g_thread_pool_new_full(function, user_data, item_free, max_threads, exclusive, error);
+
+  if (take_failure(faults::Call::THREAD_POOL_NEW)) {
+    g_set_error_literal(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "No more threads");
+  }
+  return pool;
+}
+
+gboolean
+__wrap_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error)
+{
+  if (take_failure(faults::Call::THREAD_POOL_PUSH)) {
+    g_set_error_literal(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "No more threads");
+    return FALSE;
+  }
+  return __real_g_thread_pool_push(pool, item, error);
+}
+
+ConnectionManager *
+__wrap_connection_manager_new(GList *src_lists, int fd)
+{
+  return take_failure(faults::Call::CONNECTION_MANAGER_NEW) ? nullptr
+                                                            : __real_connection_manager_new(src_lists, fd);
+}
+
+GIOChannel *
+__wrap_request_channel_new(int fd, gsize max_bytes, guint timeout_ms)
+{
+  return __real_request_channel_new(fd, max_bytes, timeout_ms / request_time_divisor);
+}
+}
+#pragma GCC visibility pop

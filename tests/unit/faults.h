@@ -1,0 +1,36 @@
+/* Failures of the system and of the libraries that cannot be brought about from outside. The linker puts the
+ * functions of this file before the real ones (see the "--wrap" arguments in the build), for calls from the
+ * daemon's components and from the tests, and not for those from libraries.
+ */
+#pragma once
+
+#include <functional>
+
+namespace faults
+{
+
+enum class Call {
+  CONNECTION_MANAGER_NEW,
+  IO_CHANNEL_SET_ENCODING,
+  LISTEN,
+  PIPELINE_NEW,
+  THREAD_POOL_NEW,
+  THREAD_POOL_PUSH,
+};
+
+/* Makes the next such call fail. */
+void fail_next(Call call);
+
+/* Makes the next close of this descriptor close it and report a failure with EIO. */
+void fail_close_of(int fd);
+
+/* Gives every request only a part of its time, as long as this is not 1. */
+void divide_request_time(unsigned divisor);
+
+/* Called once, on the calling thread, right after a pipeline's bus got its next watch. */
+void after_next_bus_watch(std::function<void()> hook);
+
+/* Called once, on the calling thread, right after the next flush of a channel. */
+void after_next_flush(std::function<void()> hook);
+
+} // namespace faults

@@ -1,0 +1,1180 @@
+#include "connectionmanager.h"
+
+#include "faults.h"
+#include "testclient.h"
+#include "testelements.h"
+#include "testhost.h"
+
+#include <fcntl.h>
+#include <future>
+#include <glib-unix.h>
+#include <gst/app/gstappsrc.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+using testelements::Behaviour;
+using testelements::SentEvent;
+using testelements::Unusable;
+using testhost::Observed;
+using testhost::SyslogLines;
+using testhost::Texts;
+
+using namespace std::string_literals;
+
+namespace
+{
+
+constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
+constexpr const char *STARTED_EXPRESSION = "conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED";
+
+const SentEvent SYNC_POINT = {GST_EVENT_CUSTOM_DOWNSTREAM, true, "GstMetaDataStreamSetSyncPoint", 0};
+
+using SentEvents = std::vector<SentEvent>;
+
+GList *
+list_of(const std::vector<GstElement *> &sources)
+{
+  GList *list = nullptr;
+
+  for (GstElement *source : sources) {
+    list = g_list_append(list, source);
+  }
+  return list;
+}
+
+/* One client and its manager. */
+class Connection
+{
+public:
+  /* Takes the sources, floating or not. */
+  explicit Connection(const std::vector<GstElement *> &sources)
+      : client(Client::connect_pair(&fd)), source(sources[0]),
+        manager(connection_manager_new(list_of(sources), fd)), observed(manager)
+  {
+    for (GstElement *element : sources) {
+      if (G_IS_OBJECT(element)) {
+        observed_sources.emplace_back(std::make_unique<Observed>(element));
+      }
+    }
+  }
+
+  explicit Connection(Behaviour behaviour) : Connection(std::vector{testelements::make_source(behaviour)})
+  {
+  }
+
+  ~Connection()
+  {
+    release();
+  }
+
+  Connection(const Connection &) = delete;
+  Connection &operator=(const Connection &) = delete;
+
+  /* What a pool thread of the server does. */
+  std::future<bool> begin_to_prepare()
+  {
+    return std::async(std::launch::async, [this] { return connection_manager_prepare(manager) != FALSE; });
+  }
+
+  bool prepare()
+  {
+    auto preparing = begin_to_prepare();
+
+    return wait_for(&preparing);
+  }
+
+  static bool wait_for(std::future<bool> *result)
+  {
+    EXPECT_TRUE(testhost::spin_until(
+        [result] { return result->wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    return result->get();
+  }
+
+  void start()
+  {
+    connection_manager_announce_start(manager);
+    connection_manager_start(manager);
+  }
+
+  /* Prepares, starts and waits until the document is with the client. */
+  void stream()
+  {
+    ASSERT_TRUE(prepare());
+    start();
+    EXPECT_TRUE(testhost::spin_until([this] { return has_document(); }));
+  }
+
+  bool has_document()
+  {
+    return client.received().find(testelements::DOCUMENT_TEXT) != std::string::npos;
+  }
+
+  /* Drops the reference that made the manager. */
+  void release()
+  {
+    g_clear_object(&manager);
+  }
+
+  /* That nothing of the connection is left once the caller's reference is gone. */
+  void expect_gone()
+  {
+    release();
+    EXPECT_TRUE(testhost::spin_until([this] { return !observed.alive(); }));
+    for (const auto &observed_source : observed_sources) {
+      EXPECT_TRUE(testhost::spin_until([&] { return !observed_source->alive(); }));
+    }
+  }
+
+  /* The same, as the client sees it. */
+  void expect_end()
+  {
+    expect_gone();
+    EXPECT_TRUE(client.wait_for_end());
+  }
+
+  GstElement *pipeline() const
+  {
+    return GST_ELEMENT(GST_OBJECT_PARENT(source));
+  }
+
+  int fd = -1;
+  Client client;
+  GstElement *source; /* the first; borrowed */
+  ConnectionManager *manager;
+  Observed observed;
+  std::vector<std::unique_ptr<Observed>> observed_sources;
+};
+
+class ConnectionManagerTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testelements::install();
+  }
+
+  void TearDown() override
+  {
+    EXPECT_EQ(testelements::take_sent_events(), SentEvents());
+    Fixture::TearDown();
+  }
+
+  /* @sources is what prepare fails with; @lines what it logs meanwhile. */
+  void expect_failure(const std::vector<GstElement *> &sources, const SyslogLines &lines)
+  {
+    Connection connection(sources);
+
+    EXPECT_FALSE(connection.prepare());
+    EXPECT_EQ(testhost::take_syslog(), lines);
+    EXPECT_FALSE(connection.client.ended());
+    connection.expect_end();
+    EXPECT_EQ(connection.client.received(), "");
+  }
+
+  static std::vector<GstElement *> two_sources()
+  {
+    return {testelements::make_source(Behaviour::ONE_BUFFER),
+            testelements::make_source(Behaviour::ONE_BUFFER)};
+  }
+
+  static bool wait_for_events(gsize count)
+  {
+    return testhost::spin_until([count] { return testelements::sent_events_size() >= count; });
+  }
+};
+
+std::string
+factory_name(GstElement *element)
+{
+  return GST_OBJECT_NAME(gst_element_get_factory(element));
+}
+
+/* The element behind the source pad of @element. Borrowed. */
+GstElement *
+element_behind(GstElement *element)
+{
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(element, "src");
+  g_autoptr(GstPad) peer = gst_pad_get_peer(pad);
+
+  return peer != nullptr ? GST_ELEMENT(GST_OBJECT_PARENT(peer)) : nullptr;
+}
+
+/* The names of the writable properties that differ from those of an element just made. */
+Texts
+changed_settings(GstElement *element)
+{
+  g_autoptr(GstElement) fresh =
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_create(gst_element_get_factory(element), nullptr)));
+  guint count = 0;
+  g_autofree GParamSpec **properties = g_object_class_list_properties(G_OBJECT_GET_CLASS(element), &count);
+  Texts changed;
+
+  for (guint i = 0; i < count; i++) {
+    const std::string name = properties[i]->name;
+    if ((properties[i]->flags & G_PARAM_WRITABLE) == 0 || name == "name" || name == "parent") {
+      continue;
+    }
+    g_auto(GValue) value = G_VALUE_INIT;
+    g_auto(GValue) fresh_value = G_VALUE_INIT;
+    g_value_init(&value, properties[i]->value_type);
+    g_value_init(&fresh_value, properties[i]->value_type);
+    g_object_get_property(G_OBJECT(element), name.c_str(), &value);
+    g_object_get_property(G_OBJECT(fresh), name.c_str(), &fresh_value);
+    if (g_param_values_cmp(properties[i], &value, &fresh_value) != 0) {
+      changed.push_back(name);
+    }
+  }
+  return changed;
+}
+
+/* Waits until nothing moves any more for a client that does not read: its socket and the queue are full. */
+void
+wait_until_stuck(const Connection &connection)
+{
+  GstElement *queue = element_behind(element_behind(connection.source));
+  guint max_bytes = 0;
+  gint64 full_since_us = 0;
+
+  ASSERT_EQ(factory_name(queue), "queue");
+  g_object_get(queue, "max-size-bytes", &max_bytes, nullptr);
+  ASSERT_TRUE(testhost::spin_until([&] {
+    guint bytes = 0;
+    g_object_get(queue, "current-level-bytes", &bytes, nullptr);
+    const bool full = bytes + testelements::BIG_BUFFER_BYTES > max_bytes;
+    const gint64 now_us = g_get_monotonic_time();
+    full_since_us = full && full_since_us != 0 ? full_since_us : now_us;
+    return full && now_us - full_since_us > SHORT_US;
+  }));
+}
+
+} // namespace
+
+TEST_F(ConnectionManagerTest, HasTwoConstructOnlyProperties)
+{
+  constexpr int FLAGS = G_PARAM_READWRITE | G_PARAM_CONSTRUCT_ONLY;
+  auto *object_class = G_OBJECT_CLASS(g_type_class_ref(connection_manager_get_type()));
+  guint count = 0;
+  g_autofree GParamSpec **properties = g_object_class_list_properties(object_class, &count);
+  GParamSpec *list = g_object_class_find_property(object_class, "source-list");
+  GParamSpec *fd = g_object_class_find_property(object_class, "fd");
+
+  EXPECT_STREQ(g_type_name(connection_manager_get_type()), "ConnectionManager");
+  ASSERT_EQ(count, 2U);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_POINTER(list));
+  EXPECT_STREQ(g_param_spec_get_nick(list), "Source List");
+  EXPECT_STREQ(g_param_spec_get_blurb(list), "List of sources to generate the metadata xml");
+  EXPECT_EQ(list->flags & ~G_PARAM_STATIC_STRINGS, FLAGS);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_INT(fd));
+  EXPECT_STREQ(g_param_spec_get_nick(fd), "File Descriptor");
+  EXPECT_STREQ(g_param_spec_get_blurb(fd), "The file descriptor for metadata client");
+  EXPECT_EQ(fd->flags & ~G_PARAM_STATIC_STRINGS, FLAGS);
+  EXPECT_EQ(G_PARAM_SPEC_INT(fd)->minimum, G_MININT);
+  EXPECT_EQ(G_PARAM_SPEC_INT(fd)->maximum, G_MAXINT);
+  EXPECT_EQ(G_PARAM_SPEC_INT(fd)->default_value, -1);
+  g_type_class_unref(object_class);
+}
+
+TEST_F(ConnectionManagerTest, GivesWhatItWasMadeOf)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  GList *list = nullptr;
+  int fd = -1;
+
+  g_object_get(connection.manager, "source-list", &list, "fd", &fd, nullptr);
+
+  ASSERT_EQ(g_list_length(list), 1U);
+  EXPECT_EQ(list->data, connection.source);
+  EXPECT_EQ(fd, connection.fd);
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerTest, TakesADescriptorOnlyOnce)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  GObjectClass *object_class = G_OBJECT_GET_CLASS(connection.manager);
+  GParamSpec *pspec = g_object_class_find_property(object_class, "fd");
+  GValue value = G_VALUE_INIT;
+  int fd = -1;
+
+  g_value_init(&value, G_TYPE_INT);
+  g_value_set_int(&value, connection.fd + 1);
+  object_class->set_property(G_OBJECT(connection.manager), pspec->param_id, &value, pspec);
+  g_object_get(connection.manager, "fd", &fd, nullptr);
+  EXPECT_EQ(fd, connection.fd);
+}
+
+TEST_F(ConnectionManagerTest, WarnsOfUnknownProperties)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  GObjectClass *object_class = G_OBJECT_GET_CLASS(connection.manager);
+  GParamSpec *pspec = g_object_class_find_property(object_class, "fd");
+  GValue value = G_VALUE_INIT;
+
+  g_value_init(&value, G_TYPE_INT);
+  object_class->set_property(G_OBJECT(connection.manager), 99, &value, pspec);
+  object_class->get_property(G_OBJECT(connection.manager), 99, &value, pspec);
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 2U);
+  for (const std::string &message : messages) {
+    EXPECT_TRUE(
+        message.ends_with("invalid property id 99 for \"fd\" of type 'GParamInt' in 'ConnectionManager'"))
+        << message;
+  }
+}
+
+TEST_F(ConnectionManagerTest, HasNoDescriptorByDefault)
+{
+  auto *manager = CONNECTION_MANAGER(g_object_new(connection_manager_get_type(), nullptr));
+  GList *list = nullptr;
+  int fd = 0;
+
+  g_object_get(manager, "source-list", &list, "fd", &fd, nullptr);
+  EXPECT_EQ(list, nullptr);
+  EXPECT_EQ(fd, -1);
+  g_object_unref(manager);
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{
+          {LOG_ERR, "Could not close metadata client fd when destroying pipeline: Bad file descriptor"}}));
+}
+
+TEST_F(ConnectionManagerTest, ChecksTheArgumentsOfNew)
+{
+  g_autoptr(GList) list = g_list_append(nullptr, GINT_TO_POINTER(1));
+
+  EXPECT_EQ(connection_manager_new(nullptr, 0), nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"src_lists != NULL"}));
+  EXPECT_EQ(connection_manager_new(list, -1), nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"fd != -1"}));
+}
+
+TEST_F(ConnectionManagerTest, ChecksTheArgumentsOfPrepare)
+{
+  EXPECT_FALSE(connection_manager_prepare(nullptr));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"conn != NULL"}));
+
+  GList *list = list_of({testelements::make_source(Behaviour::SILENT)});
+  auto *no_fd = CONNECTION_MANAGER(g_object_new(connection_manager_get_type(), "source-list", list, nullptr));
+  EXPECT_FALSE(connection_manager_prepare(no_fd));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"conn->priv->fd != -1"}));
+  g_object_unref(no_fd);
+  EXPECT_EQ(testhost::take_syslog().size(), 1U);
+
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  auto *no_list = CONNECTION_MANAGER(g_object_new(connection_manager_get_type(), "fd", fd, nullptr));
+  EXPECT_FALSE(connection_manager_prepare(no_list));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"conn->priv->src_lists != NULL"}));
+  g_object_unref(no_list);
+}
+
+TEST_F(ConnectionManagerTest, ChecksTheArgumentsOfStart)
+{
+  connection_manager_announce_start(nullptr);
+  connection_manager_start(nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"conn != NULL", "conn != NULL"}));
+}
+
+TEST_F(ConnectionManagerTest, LogsADescriptorThatIsNotClosedWell)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  faults::fail_close_of(connection.fd);
+
+  connection.expect_end();
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{
+          {LOG_ERR, "Could not close metadata client fd when destroying pipeline: Input/output error"}}));
+}
+
+TEST_F(ConnectionManagerTest, TakesSourcesThatAreNotFloating)
+{
+  GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+  gst_object_ref_sink(source);
+  Connection connection(std::vector{source});
+
+  connection.stream();
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+/* The pipeline. */
+
+TEST_F(ConnectionManagerTest, BuildsThePipelineInOrder)
+{
+  Connection connection(two_sources());
+  ASSERT_TRUE(connection.prepare());
+  std::vector<std::string> children;
+
+  EXPECT_STREQ(GST_OBJECT_NAME(connection.pipeline()), "metadataserver2client");
+  EXPECT_TRUE(GST_IS_PIPELINE(connection.pipeline()));
+  /* A bin puts what is added before what is there. */
+  for (GList *item = g_list_last(GST_BIN_CHILDREN(connection.pipeline())); item != nullptr;
+       item = item->prev) {
+    GstElementFactory *factory = gst_element_get_factory(GST_ELEMENT(item->data));
+    children.emplace_back(factory != nullptr ? GST_OBJECT_NAME(factory) : G_OBJECT_TYPE_NAME(item->data));
+  }
+  EXPECT_EQ(children, (std::vector<std::string>{"onvifxmlmetadatastreamdoc", "queue", "gdppay", "fdsink",
+                                                "TestSource", "TestSource"}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, LinksSourcesToDocumentToQueueToPayloaderToSink)
+{
+  Connection connection(two_sources());
+  ASSERT_TRUE(connection.prepare());
+  GList *list = nullptr;
+  g_object_get(connection.manager, "source-list", &list, nullptr);
+
+  GstElement *document = element_behind(GST_ELEMENT(list->data));
+  EXPECT_EQ(element_behind(GST_ELEMENT(list->next->data)), document);
+  EXPECT_EQ(factory_name(document), "onvifxmlmetadatastreamdoc");
+  EXPECT_EQ(document->numsinkpads, 2);
+  GstElement *queue = element_behind(document);
+  EXPECT_EQ(factory_name(queue), "queue");
+  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(queue), "queue"));
+  GstElement *payloader = element_behind(queue);
+  EXPECT_EQ(factory_name(payloader), "gdppay");
+  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(payloader), "gdppay"));
+  GstElement *sink = element_behind(payloader);
+  EXPECT_EQ(factory_name(sink), "fdsink");
+  EXPECT_STREQ(GST_OBJECT_NAME(sink), "fdsink");
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, LeavesAllSettingsButTheSinksDescriptor)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+  GstElement *queue = element_behind(element_behind(connection.source));
+  GstElement *payloader = element_behind(queue);
+  GstElement *sink = element_behind(payloader);
+  int fd = -1;
+
+  EXPECT_EQ(changed_settings(queue), Texts());
+  EXPECT_EQ(changed_settings(payloader), Texts());
+  EXPECT_EQ(changed_settings(sink), (Texts{"fd"}));
+  g_object_get(sink, "fd", &fd, nullptr);
+  EXPECT_EQ(fd, connection.fd);
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+/* The hold. */
+
+TEST_F(ConnectionManagerTest, SendsNothingBeforeTheStart)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+
+  EXPECT_FALSE(testhost::spin_until([&] { return !connection.client.received().empty(); }, SHORT_US));
+  connection_manager_announce_start(connection.manager);
+  EXPECT_FALSE(testhost::spin_until([&] { return !connection.client.received().empty(); }, SHORT_US));
+  connection_manager_start(connection.manager);
+  EXPECT_TRUE(testhost::spin_until([&] { return connection.has_document(); }));
+
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, HoldsALiveSourceToo)
+{
+  Connection connection(std::vector{testelements::make_live_source(Behaviour::FLOOD)});
+  ASSERT_TRUE(connection.prepare());
+
+  EXPECT_FALSE(testhost::spin_until([&] { return !connection.client.received().empty(); }, SHORT_US));
+  connection.start();
+  EXPECT_TRUE(testhost::spin_until([&] { return connection.has_document(); }));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, StartIsForgivenBeforePrepareAndTwice)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection_manager_start(connection.manager);
+
+  connection.stream();
+  connection_manager_start(connection.manager);
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, StreamsGdpOfTheDocumentsCaps)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  EXPECT_NE(connection.client.received().find("application/x-onvif-metadata"), std::string::npos);
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, StreamsFromAllSources)
+{
+  Connection connection(
+      {testelements::make_source(Behaviour::SILENT), testelements::make_source(Behaviour::ONE_BUFFER)});
+
+  connection.stream();
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+/* Failures of prepare: each releases every source once, and the client sees the end of its connection. */
+
+TEST_F(ConnectionManagerTest, FailsWithoutAPipeline)
+{
+  faults::fail_next(faults::Call::PIPELINE_NEW);
+  expect_failure(two_sources(), {{LOG_ERR, "Could not create metadata pipeline."}});
+}
+
+class ConnectionManagerElementTest : public ConnectionManagerTest,
+                                     public testing::WithParamInterface<const char *>
+{
+};
+
+TEST_P(ConnectionManagerElementTest, FailsWhenItCannotBeMade)
+{
+  const testelements::WithoutFactory without(GetParam());
+
+  expect_failure(two_sources(), {{LOG_ERR, "Could not create "s + GetParam() + "."}});
+}
+
+TEST_P(ConnectionManagerElementTest, FailsWhenItCannotBeAdded)
+{
+  const testelements::ReplacedFactory replaced(GetParam(), Unusable::HAS_PARENT);
+
+  expect_failure(two_sources(), {{LOG_ERR, "Failed to add "s + GetParam() + "."}});
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Elements, ConnectionManagerElementTest,
+                         testing::Values("onvifxmlmetadatastreamdoc", "queue", "gdppay", "fdsink"),
+                         [](const auto &element) { return std::string(element.param); });
+
+TEST_F(ConnectionManagerTest, FailsSilentlyWhenTheCommonElementsCannotBeLinked)
+{
+  for (const char *name : {"queue", "gdppay"}) {
+    const testelements::ReplacedFactory replaced(name, Unusable::HAS_NO_PAD);
+    expect_failure(two_sources(), {});
+  }
+}
+
+TEST_F(ConnectionManagerTest, FailsWithoutAnElementForASource)
+{
+  constexpr const char *TEXT = "Not a valid source element to add to metadata server pipeline.";
+
+  expect_failure({testelements::make_source(Behaviour::SILENT), nullptr}, {{LOG_ERR, TEXT}});
+  expect_failure({nullptr, testelements::make_source(Behaviour::SILENT)}, {{LOG_ERR, TEXT}});
+}
+
+TEST_F(ConnectionManagerTest, FailsWithAnotherObjectForASource)
+{
+  auto *no_element = static_cast<GstElement *>(g_object_new(G_TYPE_OBJECT, nullptr));
+
+  expect_failure({testelements::make_source(Behaviour::SILENT), no_element},
+                 {{LOG_ERR, "Not a valid source element to add to metadata server pipeline."}});
+}
+
+TEST_F(ConnectionManagerTest, FailsSilentlyWhenASourceCannotBeAdded)
+{
+  expect_failure(
+      {testelements::make_source(Behaviour::SILENT), testelements::make_unusable(Unusable::HAS_PARENT)}, {});
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
+}
+
+TEST_F(ConnectionManagerTest, FailsSilentlyWhenTwoSourcesHaveTheSameName)
+{
+  const std::vector<GstElement *> sources = two_sources();
+  gst_object_set_name(GST_OBJECT(sources[0]), "same");
+  gst_object_set_name(GST_OBJECT(sources[1]), "same");
+
+  expect_failure(sources, {});
+}
+
+TEST_F(ConnectionManagerTest, FailsWhenASourceCannotBeLinked)
+{
+  Connection connection(
+      {testelements::make_source(Behaviour::SILENT), testelements::make_unusable(Unusable::HAS_NO_PAD)});
+
+  EXPECT_FALSE(connection.prepare());
+  const SyslogLines lines = testhost::take_syslog();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].priority, LOG_ERR);
+  EXPECT_TRUE(g_regex_match_simple("^Failed to link 0x[0-9a-f]+\\aA and onvifxmlmetadatastreamdoc\\.$",
+                                   lines[0].text.c_str(), static_cast<GRegexCompileFlags>(0),
+                                   static_cast<GRegexMatchFlags>(0)))
+      << testing::PrintToString(lines[0].text);
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerTest, FailsWhenASourceDoesNotStart)
+{
+  expect_failure({testelements::make_source(Behaviour::START_STATE_FAILS)}, {});
+  expect_failure({testelements::make_source(Behaviour::ONE_BUFFER),
+                  testelements::make_source(Behaviour::START_STATE_FAILS)},
+                 {});
+}
+
+TEST_F(ConnectionManagerTest, LogsTheFirstReasonWhenASourceRefusesToStart)
+{
+  expect_failure({testelements::make_source(Behaviour::START_REFUSED)},
+                 {{LOG_ERR, "Error in metadata connection manager pipeline: Broken test source."}});
+}
+
+TEST_F(ConnectionManagerTest, FailsWhenASourceHasAnErrorAtOnce)
+{
+  expect_failure({testelements::make_source(Behaviour::ERROR)},
+                 {{LOG_ERR, "Error in metadata connection manager pipeline: Broken test source."}});
+}
+
+TEST_F(ConnectionManagerTest, LogsADescriptorThatIsNotOpen)
+{
+  /* A small number would soon be somebody else's. */
+  constexpr int NOT_OPEN = 900;
+  ConnectionManager *manager =
+      connection_manager_new(list_of({testelements::make_source(Behaviour::START_STATE_FAILS)}), NOT_OPEN);
+
+  EXPECT_FALSE(connection_manager_prepare(manager));
+  g_object_unref(manager);
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{
+          {LOG_WARNING, "Could not make metadata client socket non-blocking: Bad file descriptor"},
+          {LOG_ERR, "Could not close metadata client fd when destroying pipeline: Bad file descriptor"}}));
+}
+
+/* Sync points. */
+
+TEST_F(ConnectionManagerTest, SendsOneSyncPointForOneLine)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, SendsASyncPointForEachOfSeveralLinesInOneWrite)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  ASSERT_TRUE(connection.client.send("SYNC\nSYNC\nother\nSYNC\n"));
+  EXPECT_TRUE(wait_for_events(3));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT, SYNC_POINT, SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, WaitsForTheRestOfALine)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  Connection other(Behaviour::ONE_BUFFER);
+  connection.stream();
+  const testhost::LatencyMeter meter;
+
+  ASSERT_TRUE(connection.client.send("SYN"));
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.client.unread() == 0; }));
+  other.stream();
+  ASSERT_TRUE(other.client.send("SYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+
+  ASSERT_TRUE(connection.client.send("C\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  EXPECT_LT(meter.longest_us(), G_TIME_SPAN_SECOND);
+  for (Connection *ending : {&connection, &other}) {
+    ending->client.hang_up();
+    ending->expect_gone();
+  }
+}
+
+TEST_F(ConnectionManagerTest, IgnoresEveryOtherLine)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  ASSERT_TRUE(
+      connection.client.send("sync\nSYNC\r\n SYNC\n\n\u20ac\n"s + std::string(100000, 'S') + "\nSYNC"));
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.client.unread() == 0; }));
+  EXPECT_EQ(testelements::sent_events_size(), 0U);
+  ASSERT_TRUE(connection.client.send("\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, WarnsOfASyncLineBeforeTheStartAndSendsNothing)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::glib_messages_size() > 0; }));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{STARTED_EXPRESSION}));
+
+  connection.start();
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.has_document(); }));
+  EXPECT_EQ(testelements::sent_events_size(), 0U);
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, WarnsOfASyncLineWhilePreparing)
+{
+  Connection connection(Behaviour::SILENT);
+  auto preparing = connection.begin_to_prepare();
+
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::glib_messages_size() > 0; }));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{STARTED_EXPRESSION}));
+  connection.client.hang_up();
+  EXPECT_FALSE(Connection::wait_for(&preparing));
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, KeepsASyncLineThatComesBetweenAnnouncementAndStart)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+  connection_manager_announce_start(connection.manager);
+
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.client.unread() == 0; }));
+  EXPECT_EQ(testelements::sent_events_size(), 0U);
+
+  connection_manager_start(connection.manager);
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, KeepsNoMoreSyncPointsThanDocumented)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+  connection_manager_announce_start(connection.manager);
+  std::string lines;
+  for (int i = 0; i < CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS + 10; i++) {
+    lines += "SYNC\n";
+  }
+
+  ASSERT_TRUE(connection.client.send(lines));
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.client.unread() == 0; }));
+  connection_manager_start(connection.manager);
+  EXPECT_TRUE(wait_for_events(CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS));
+  connection.client.hang_up();
+  connection.expect_gone();
+  EXPECT_EQ(testelements::take_sent_events(),
+            SentEvents(CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS, SYNC_POINT));
+}
+
+TEST_F(ConnectionManagerTest, SendsNoSyncPointThatStandsBeforeWrongBytes)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  ASSERT_TRUE(connection.client.send("SYNC\n\xff"));
+  connection.expect_end();
+}
+
+/* Neither the stream, which waits for the client, nor an event that waits for the stream stops the others,
+ * whether the client goes away or only ends what it sends. */
+class ConnectionManagerStuckTest : public ConnectionManagerTest, public testing::WithParamInterface<bool>
+{
+};
+
+TEST_P(ConnectionManagerStuckTest, GoesOnForOthersWhenAClientAsksButDoesNotRead)
+{
+  const testelements::DefaultEventHandling handling;
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  wait_until_stuck(connection);
+  const testhost::LatencyMeter meter;
+
+  ASSERT_TRUE(connection.client.send("SYNC\nSYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_FALSE(testhost::spin_until([] { return testelements::sent_events_size() > 1; }, SHORT_US));
+
+  Connection other(Behaviour::ONE_BUFFER);
+  other.stream();
+  other.client.hang_up();
+  other.expect_gone();
+  if (GetParam()) {
+    connection.client.hang_up();
+  } else {
+    connection.client.half_close();
+  }
+  connection.expect_gone();
+  EXPECT_LT(meter.longest_us(), G_TIME_SPAN_SECOND);
+  testelements::take_sent_events();
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, ConnectionManagerStuckTest, testing::Bool(),
+                         [](const auto &end) { return end.param ? "HangUp"s : "HalfClose"s; });
+
+TEST_F(ConnectionManagerTest, SendsASyncPointDownTheStreamOnceTheClientReadsAgain)
+{
+  const testelements::DefaultEventHandling handling;
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  wait_until_stuck(connection);
+
+  ASSERT_TRUE(connection.client.send("SYNC\nSYNC\n"));
+  EXPECT_TRUE(testhost::spin_until(
+      [&] { return !connection.client.received().empty() && testelements::sent_events_size() == 2; }));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT, SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, NeedsNoProcessorForAClientThatDoesNotRead)
+{
+  constexpr gint64 PERIOD_US = 300 * G_TIME_SPAN_MILLISECOND;
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  wait_until_stuck(connection);
+
+  const gint64 used_before = testhost::processor_time_us();
+  testhost::spin_until([] { return false; }, PERIOD_US);
+  EXPECT_LT(testhost::processor_time_us() - used_before, PERIOD_US / 2);
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, FollowsALineWithoutEndInConstantMemory)
+{
+  constexpr gsize TOTAL_BYTES = 50 * 1024 * 1024;
+  constexpr gsize MAX_GROWTH_BYTES = 8 * 1024 * 1024;
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+  const std::string piece(64 * 1024, 'S');
+  const testhost::LatencyMeter meter;
+  const gsize resident_before = testhost::resident_bytes();
+  gsize sent = 0;
+
+  ASSERT_TRUE(testhost::spin_until([&] {
+    sent += connection.client.send_some(piece);
+    return sent >= TOTAL_BYTES;
+  }));
+  ASSERT_TRUE(connection.client.send("\nSYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  EXPECT_LT(testhost::resident_bytes(), resident_before + MAX_GROWTH_BYTES);
+  EXPECT_LT(meter.longest_us(), G_TIME_SPAN_SECOND);
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+/* The ways in which a connection ends. */
+
+TEST_F(ConnectionManagerTest, WaitsForDataUntilTheClientHangsUp)
+{
+  Connection connection(Behaviour::SILENT);
+  auto preparing = connection.begin_to_prepare();
+
+  EXPECT_FALSE(testhost::spin_until(
+      [&] { return preparing.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, SHORT_US));
+  connection.client.hang_up();
+  EXPECT_FALSE(Connection::wait_for(&preparing));
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerTest, EndsWhenTheClientEndsItsHalfWhilePreparing)
+{
+  Connection connection(Behaviour::SILENT);
+  connection.client.half_close();
+
+  EXPECT_FALSE(connection.prepare());
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerTest, EndsWhenTheStreamEndsBeforeAnyData)
+{
+  Connection connection(Behaviour::END);
+
+  /* The payloader frames the end of the stream too, which may count as data. */
+  if (connection.prepare()) {
+    connection.start();
+  }
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerTest, EndsWhenAWriteFailsWhilePreparing)
+{
+  expect_failure({testelements::make_source(Behaviour::WRITE_ERROR)}, {});
+}
+
+class ConnectionManagerEndTest : public ConnectionManagerTest
+{
+protected:
+  /* Ends the connection at each stage after the preparation. @lines is what it logs, each time. */
+  void expect_end_by(const std::function<void(Connection *)> &end, const SyslogLines &lines)
+  {
+    for (const bool started : {false, true}) {
+      Connection connection(Behaviour::ONE_BUFFER);
+      ASSERT_TRUE(connection.prepare());
+      if (started) {
+        connection.start();
+        ASSERT_TRUE(testhost::spin_until([&] { return connection.has_document(); }));
+        connection.release();
+      }
+      end(&connection);
+      EXPECT_TRUE(testhost::spin_until([&] { return !started || !connection.observed.alive(); }));
+      testhost::dispatch_ready();
+      if (!started) {
+        EXPECT_TRUE(connection.observed.alive());
+        connection.start();
+      }
+      connection.expect_gone();
+      EXPECT_EQ(testhost::take_syslog(), lines);
+    }
+  }
+};
+
+TEST_F(ConnectionManagerEndTest, HangUp)
+{
+  expect_end_by([](Connection *connection) { connection->client.hang_up(); }, {});
+}
+
+TEST_F(ConnectionManagerEndTest, HalfClose)
+{
+  expect_end_by([](Connection *connection) { connection->client.half_close(); }, {});
+}
+
+TEST_F(ConnectionManagerEndTest, HalfCloseBehindALine)
+{
+  expect_end_by(
+      [](Connection *connection) {
+        ASSERT_TRUE(connection->client.send("other\n"));
+        connection->client.half_close();
+      },
+      {});
+}
+
+TEST_F(ConnectionManagerEndTest, BytesThatAreNoText)
+{
+  expect_end_by([](Connection *connection) { ASSERT_TRUE(connection->client.send("\xc0\x80\n")); }, {});
+}
+
+TEST_F(ConnectionManagerEndTest, PipelineError)
+{
+  expect_end_by(
+      [](Connection *connection) {
+        GST_ELEMENT_ERROR(connection->source, STREAM, FAILED, ("Out of order"), (nullptr));
+      },
+      {{LOG_ERR, "Error in metadata connection manager pipeline: Out of order."}});
+}
+
+TEST_F(ConnectionManagerEndTest, ErrorThatEndsInAFullStopIsLoggedWithTwo)
+{
+  expect_end_by(
+      [](Connection *connection) {
+        GST_ELEMENT_ERROR(connection->source, RESOURCE, READ, ("100%% lost."), (nullptr));
+      },
+      {{LOG_ERR, "Error in metadata connection manager pipeline: 100% lost.."}});
+}
+
+TEST_F(ConnectionManagerEndTest, FailedWriteIsNotLogged)
+{
+  expect_end_by(
+      [](Connection *connection) {
+        GST_ELEMENT_ERROR(connection->source, RESOURCE, WRITE, ("Client gone"), (nullptr));
+      },
+      {});
+}
+
+TEST_F(ConnectionManagerEndTest, OtherMessagesEndNothing)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+
+  GST_ELEMENT_WARNING(connection.source, STREAM, FAILED, ("Not so bad"), (nullptr));
+  gst_element_post_message(connection.source, gst_message_new_latency(GST_OBJECT(connection.source)));
+  testhost::dispatch_ready();
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  testelements::take_sent_events();
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerEndTest, EndOfStream)
+{
+  GstElement *source = gst_element_factory_make("appsrc", nullptr);
+  g_autoptr(GstCaps) caps = gst_caps_from_string("application/x-test");
+  g_object_set(source, "caps", caps, nullptr);
+  Connection connection(std::vector{source});
+  gst_app_src_push_buffer(GST_APP_SRC(source), gst_buffer_new_memdup(testelements::DOCUMENT_TEXT,
+                                                                     strlen(testelements::DOCUMENT_TEXT)));
+  connection.stream();
+  connection.release();
+
+  gst_app_src_end_of_stream(GST_APP_SRC(source));
+  connection.expect_end();
+}
+
+/* The client's socket is written to when the client has gone. */
+TEST_F(ConnectionManagerEndTest, HangUpInTheMiddleOfAWrite)
+{
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  connection.release();
+  wait_until_stuck(connection);
+
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
+/* The sink sits in the middle of a large write to a full socket when the pipeline has to stop. */
+TEST_F(ConnectionManagerEndTest, HalfCloseByAClientThatDoesNotRead)
+{
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  connection.release();
+  wait_until_stuck(connection);
+  const testhost::LatencyMeter meter;
+
+  connection.client.half_close();
+  EXPECT_TRUE(testhost::spin_until([&] { return !connection.observed.alive(); }));
+  EXPECT_LT(meter.longest_us(), G_TIME_SPAN_SECOND);
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerEndTest, LogsAPipelineThatDoesNotStopWell)
+{
+  Connection connection(Behaviour::STOP_STATE_FAILS);
+  connection.stream();
+
+  connection.client.hang_up();
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() > 0; }));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_ERR, "Could not stop connection manager pipeline."}}));
+  /* The second attempt succeeds, without which the elements could not go. */
+  EXPECT_EQ(gst_element_set_state(connection.pipeline(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerEndTest, LogsASocketWatchThatCannotBeRemoved)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+  /* The socket watch is the older one. */
+  ASSERT_TRUE(g_source_remove_by_user_data(connection.manager));
+
+  GST_ELEMENT_ERROR(connection.source, STREAM, FAILED, ("Out of order"), (nullptr));
+  connection.expect_end();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, "Error in metadata connection manager pipeline: Out of order."},
+                         {LOG_WARNING, "Could not remove metadata socket I/O watch."}}));
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
+}
+
+TEST_F(ConnectionManagerEndTest, LogsABusWatchThatCannotBeRemoved)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+  g_autoptr(GstBus) bus = gst_element_get_bus(connection.pipeline());
+  ASSERT_TRUE(gst_bus_remove_watch(bus));
+
+  connection.client.hang_up();
+  connection.expect_gone();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Could not remove metadata bus watch watch."}}));
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
+}
+
+/* Somebody else reads the socket between the wake-up and the read. */
+TEST_F(ConnectionManagerEndTest, LogsAReadThatHasToBeTriedAgain)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  const guint thief = g_unix_fd_add(
+      connection.fd, G_IO_IN,
+      [](gint fd, GIOCondition, gpointer) -> gboolean {
+        std::array<char, 64> bytes;
+        EXPECT_EQ(recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT), 5);
+        return G_SOURCE_CONTINUE;
+      },
+      nullptr);
+  connection.stream();
+
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  connection.release();
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() > 0; }));
+  g_source_remove(thief);
+  connection.expect_end();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, "Reading incoming metadata request interrupted, shutting down."}}));
+}
+
+/* A message that is dispatched before the watch's id is known to its callback would be lost, and prepare
+ * would wait for ever. The hook stands between the two, and gives the main thread time to dispatch the error.
+ */
+TEST_F(ConnectionManagerEndTest, LosesNoErrorThatIsDispatchedWhileTheWatchIsInstalled)
+{
+  const unsigned errors_before = testelements::errors_reported();
+  Connection connection(Behaviour::ERROR);
+  bool hooked = false;
+  faults::after_next_bus_watch([&] {
+    g_autoptr(GstBus) bus = gst_element_get_bus(connection.pipeline());
+    const gint64 limit_us = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+    while (testelements::errors_reported() == errors_before && g_get_monotonic_time() < limit_us) {
+      g_thread_yield();
+    }
+    const gint64 end_us = g_get_monotonic_time() + 4 * SHORT_US;
+    while (gst_bus_have_pending(bus) && g_get_monotonic_time() < end_us) {
+      g_thread_yield();
+    }
+    hooked = true;
+  });
+
+  EXPECT_FALSE(connection.prepare());
+  EXPECT_TRUE(hooked);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, "Error in metadata connection manager pipeline: Broken test source."}}));
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerEndTest, LosesNoneOfManyImmediateErrors)
+{
+  for (int round = 0; round < 500; round++) {
+    expect_failure({testelements::make_source(Behaviour::ERROR)},
+                   {{LOG_ERR, "Error in metadata connection manager pipeline: Broken test source."}});
+    ASSERT_FALSE(HasFailure()) << "round " << round;
+  }
+}
+
+/* The client may go at any moment of the preparation. */
+TEST_F(ConnectionManagerEndTest, LeavesNothingOfManyClientsThatHangUpMeanwhile)
+{
+  for (int round = 0; round < 200; round++) {
+    Connection connection(round % 2 == 0 ? Behaviour::ONE_BUFFER : Behaviour::FLOOD);
+    auto preparing = connection.begin_to_prepare();
+    for (int i = 0; i < round % 20; i++) {
+      g_main_context_iteration(nullptr, FALSE);
+    }
+    connection.client.hang_up();
+    if (Connection::wait_for(&preparing)) {
+      connection.start();
+    }
+    connection.expect_gone();
+    ASSERT_FALSE(HasFailure()) << "round " << round;
+  }
+}
