@@ -1,0 +1,98 @@
+/* Turns a request for events into one "onvifeventsrc" element. The factory has no state, so any number of
+ * requests may ask it at once.
+ */
+#include "eventsourcefactory.h"
+
+#include "sourcefactory.h"
+
+struct _EventSourceFactory {
+  GObject parent_instance;
+};
+
+static void event_source_factory_iface_init(SourceFactoryInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(EventSourceFactory, event_source_factory, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(SOURCE_TYPE_FACTORY, event_source_factory_iface_init))
+
+namespace
+{
+
+/* Whether the request asks for events. FALSE with @error set when "event" is neither on nor off. */
+gboolean
+wants_events(GHashTable *params, GError **error)
+{
+  auto event = static_cast<const gchar *>(g_hash_table_lookup(params, "event"));
+
+  if (event == nullptr || g_str_equal(event, "0")) {
+    return FALSE;
+  }
+  if (!g_str_equal(event, "1")) {
+    source_factory_fail(error, source_factory_error_quark(), "Invalid value of 'event' parameter: '%s'.",
+                        event);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* Hands one filter of the request to the element. Absent, the element keeps its own default. */
+void
+set_filter(GstElement *source, const gchar *property, GHashTable *params, const gchar *key)
+{
+  auto escaped = static_cast<const gchar *>(g_hash_table_lookup(params, key));
+  if (escaped == nullptr) {
+    return;
+  }
+
+  /* A header line cannot carry a line break, so filters travel with backslash escapes. */
+  g_autofree gchar *filter = g_strcompress(escaped);
+  g_object_set(source, property, filter, nullptr);
+}
+
+GstElement *
+create_source(SourceFactory *self, GHashTable *params, GError **error)
+{
+  if (!wants_events(params, error)) {
+    return nullptr;
+  }
+
+  GstElement *source = gst_element_factory_make("onvifeventsrc", nullptr);
+  if (source == nullptr) {
+    source_factory_fail(error, source_factory_error_quark(), "Could not construct onvifeventsrc.");
+    return nullptr;
+  }
+
+  set_filter(source, "event-topic", params, "event_topic");
+  set_filter(source, "event-content", params, "event_content");
+  return source;
+}
+
+} // namespace
+
+static void
+event_source_factory_init(EventSourceFactory *self)
+{
+}
+
+static void
+event_source_factory_class_init(EventSourceFactoryClass *klass)
+{
+}
+
+static void
+event_source_factory_iface_init(SourceFactoryInterface *iface)
+{
+  iface->create_source = create_source;
+}
+
+/**
+ * event_source_factory_new:
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): a new factory of event sources
+ */
+EventSourceFactory *
+event_source_factory_new(void)
+{
+  return EVENT_SOURCE_FACTORY(g_object_new(EVENT_TYPE_SOURCE_FACTORY, nullptr));
+}
