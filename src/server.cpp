@@ -1,0 +1,548 @@
+/* The clients' socket. The main thread accepts, two pool threads read requests, ask the factories and prepare
+ * the clients' pipelines; a connection whose request succeeded is handed to a ConnectionManager and
+ * forgotten.
+ *
+ * The factories are registered before the start and stay until finalisation, so the pool threads read the
+ * list without a lock. Everything else of the instance belongs to the main thread.
+ */
+#include "server.h"
+
+#include "connectionmanager.h"
+#include "request.h"
+#include "requestchannel.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <glib/gstdio.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+#include <utility>
+
+namespace
+{
+
+struct ServerPrivate {
+  GThreadPool *pool = nullptr;
+  GIOChannel *channel = nullptr;
+  guint watch_id = 0;
+  gchar *socket_path = nullptr;
+  GSList *factories = nullptr;
+  gboolean running = FALSE;
+  gchar *run_dir = g_strdup(".");
+  int spare_fd = -1;
+};
+
+} // namespace
+
+struct _Server {
+  GObject parent_instance;
+
+  ServerPrivate *priv;
+};
+
+typedef enum {
+  PROP_RUN_DIR = 1,
+  N_PROPERTIES,
+} ServerProperty;
+
+static std::array<GParamSpec *, N_PROPERTIES> properties;
+
+G_DEFINE_FINAL_TYPE(Server, server, G_TYPE_OBJECT)
+
+namespace
+{
+
+constexpr int POOL_THREADS = 2;
+constexpr int BACKLOG = 10;
+constexpr mode_t SOCKET_MODE = 0660;
+
+/* GLib's pool takes no NULL, and 0 is a valid descriptor, so a queued item is the descriptor plus one. */
+gpointer
+descriptor_to_item(int fd)
+{
+  return GINT_TO_POINTER(fd + 1);
+}
+
+int
+descriptor_from_item(gpointer item)
+{
+  return GPOINTER_TO_INT(item) - 1;
+}
+
+void
+close_accepted(int fd)
+{
+  if (close(fd) < 0) {
+    syslog(LOG_ERR, "Could not close accepted metadata server socket: %s", g_strerror(errno));
+  }
+}
+
+void
+close_listening(int fd)
+{
+  if (close(fd) < 0) {
+    syslog(LOG_ERR, "Could not close metadata server socket: %s", g_strerror(errno));
+  }
+}
+
+/* A client that is gone already cannot be told, and that is all that can go wrong here. */
+void
+reply(GIOChannel *channel, const gchar *text)
+{
+  g_io_channel_write_chars(channel, text, static_cast<gssize>(strlen(text) + 1), nullptr, nullptr);
+  g_io_channel_flush(channel, nullptr);
+}
+
+/* Asks every factory in the order of registration. NULL with @failure set when the request fails. */
+GList *
+create_sources(Server *self, GHashTable *params, gchar **failure)
+{
+  g_autolist(GstElement) sources = nullptr;
+
+  for (GSList *item = self->priv->factories; item != nullptr; item = item->next) {
+    g_autoptr(GError) error = nullptr;
+    GstElement *source = source_factory_create_source(SOURCE_FACTORY(item->data), params, &error);
+
+    if (source != nullptr) {
+      sources = g_list_append(sources, source);
+    }
+    if (error != nullptr) {
+      *failure = g_strdup_printf("FAIL\nUnable to create source: %s.", error->message);
+      return nullptr;
+    }
+  }
+  if (sources == nullptr) {
+    *failure = g_strdup("FAIL\nBad request, no metadata can be produced.");
+  }
+  return g_steal_pointer(&sources);
+}
+
+GList *
+read_request_and_create_sources(Server *self, GIOChannel *channel, gchar **failure)
+{
+  g_autoptr(GHashTable) params = request_read(channel, failure);
+
+  return params != nullptr ? create_sources(self, params, failure) : nullptr;
+}
+
+/* Streams the sources to the client. The descriptor is the manager's from here on, the channel only replies.
+ */
+void
+serve(GIOChannel *channel, int fd, GList *sources)
+{
+  g_autoptr(ConnectionManager) manager = connection_manager_new(sources, fd);
+  if (manager == nullptr) {
+    g_list_free_full(sources, gst_object_unref);
+    reply(channel, "FAIL\nCould not create metadata, Internal server error.");
+    return;
+  }
+
+  g_io_channel_set_close_on_unref(channel, FALSE);
+  if (!connection_manager_prepare(manager)) {
+    reply(channel, "FAIL\nCould not produce metadata, Internal server error.");
+    return;
+  }
+  connection_manager_announce_start(manager);
+  reply(channel, "OK");
+  connection_manager_start(manager);
+}
+
+/* On a pool thread: one accepted connection, from its request to its reply. */
+void
+handle_request(gpointer item, gpointer user_data)
+{
+  auto *self = static_cast<Server *>(user_data);
+  const int fd = descriptor_from_item(item);
+  g_autoptr(GIOChannel) channel =
+      request_channel_new(fd, SERVER_MAX_REQUEST_BYTES, SERVER_REQUEST_TIMEOUT_MS);
+  g_autofree gchar *failure = nullptr;
+
+  g_io_channel_set_close_on_unref(channel, TRUE);
+  GList *sources = read_request_and_create_sources(self, channel, &failure);
+  if (sources == nullptr) {
+    reply(channel, failure);
+    return;
+  }
+  serve(channel, fd, sources);
+}
+
+/* What the pool still holds when the server stops. */
+void
+discard_request(gpointer item)
+{
+  close_accepted(descriptor_from_item(item));
+}
+
+void
+queue_request(GThreadPool *pool, int fd)
+{
+  if (g_thread_pool_unprocessed(pool) > SERVER_MAX_WAITING_REQUESTS) {
+    syslog(LOG_WARNING, "Too many unprocessed metadata requests, dropping one.");
+    close_accepted(fd);
+    return;
+  }
+
+  g_autoptr(GError) error = nullptr;
+  if (!g_thread_pool_push(pool, descriptor_to_item(fd), &error)) {
+    syslog(LOG_WARNING, "Could not push metadata client request: %s.", error->message);
+    close_accepted(fd);
+  }
+}
+
+int
+open_spare_descriptor()
+{
+  return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+/* Without a free descriptor a waiting connection can be neither accepted nor refused, and would wake the main
+ * loop for ever. The spare descriptor makes room to accept and close it. */
+void
+drop_waiting_connection(Server *self, int listening_fd)
+{
+  if (self->priv->spare_fd < 0) {
+    return;
+  }
+
+  close(self->priv->spare_fd);
+  const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd >= 0) {
+    close_accepted(fd);
+  }
+  self->priv->spare_fd = open_spare_descriptor();
+}
+
+gboolean
+is_activated_socket(int fd, const gchar *socket_path)
+{
+  return sd_is_socket_unix(fd, SOCK_STREAM, 1, socket_path, 0) > 0;
+}
+
+/* More than one socket for the same path: none is used. The first is closed once for every matching one, so
+ * that the first close succeeds and each further one fails and logs, and the others stay open: deliberate and
+ * kept, the start fails and the process with it. */
+void
+refuse_activated_sockets(int first_fd, int end_fd, const gchar *socket_path)
+{
+  syslog(LOG_ERR, "More than one file descriptor received for '%s': %s", socket_path, g_strerror(errno));
+  for (int fd = SD_LISTEN_FDS_START; fd < end_fd; fd++) {
+    if (is_activated_socket(fd, socket_path)) {
+      close_listening(first_fd);
+    }
+  }
+}
+
+/* Looks for the listening socket among the passed descriptors. @found is -1 when there is none. FALSE when
+ * there is more than one. */
+gboolean
+find_activated_socket(const gchar *socket_path, int *found)
+{
+  const int end_fd = SD_LISTEN_FDS_START + sd_listen_fds(0);
+
+  *found = -1;
+  for (int fd = SD_LISTEN_FDS_START; fd < end_fd; fd++) {
+    if (!is_activated_socket(fd, socket_path)) {
+      continue;
+    }
+    if (*found >= 0) {
+      refuse_activated_sockets(*found, end_fd, socket_path);
+      return FALSE;
+    }
+    *found = fd;
+  }
+  return TRUE;
+}
+
+gboolean
+bind_to_path(int fd, const gchar *socket_path)
+{
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  /* One character less than would fit: deliberate and kept. A longer path is bound where it is cut, and then
+   * the mode of the whole path cannot be set, so that the start fails all the same. */
+  g_strlcpy(address.sun_path, socket_path, sizeof address.sun_path - 1);
+
+  return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+gboolean
+listen_at_path(int fd, const gchar *socket_path)
+{
+  if (!bind_to_path(fd, socket_path)) {
+    syslog(LOG_ERR, "Failed to bind metadata server socket: %s", g_strerror(errno));
+    return FALSE;
+  }
+  if (listen(fd, BACKLOG) < 0) {
+    syslog(LOG_ERR, "Failed to listen on metadata server socket: %s", g_strerror(errno));
+    return FALSE;
+  }
+  if (chmod(socket_path, SOCKET_MODE) < 0) {
+    syslog(LOG_ERR, "Could not set permissions on metadata server socket: %s", g_strerror(errno));
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* A listening socket of the server's own, or -1. */
+int
+create_listening_socket(const gchar *socket_path)
+{
+  if (g_unlink(socket_path) < 0 && errno != ENOENT) {
+    syslog(LOG_ERR, "Could not unlink '%s': %s", socket_path, g_strerror(errno));
+    return -1;
+  }
+
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    syslog(LOG_ERR, "Failed to create metadata server socket: %s", g_strerror(errno));
+    return -1;
+  }
+  if (!listen_at_path(fd, socket_path)) {
+    close_listening(fd);
+    return -1;
+  }
+  return fd;
+}
+
+/* The listening socket that systemd passed on, or else one of the server's own, or -1. */
+int
+obtain_listening_socket(const gchar *socket_path)
+{
+  int fd = -1;
+
+  if (!find_activated_socket(socket_path, &fd)) {
+    return -1;
+  }
+  return fd >= 0 ? fd : create_listening_socket(socket_path);
+}
+
+gboolean
+create_pool(Server *self)
+{
+  g_autoptr(GError) error = nullptr;
+
+  self->priv->pool =
+      g_thread_pool_new_full(handle_request, self, discard_request, POOL_THREADS, TRUE, &error);
+  if (error != nullptr) {
+    syslog(LOG_ERR, "Could not create thread pool for metadata server: '%s'.", error->message);
+    g_clear_pointer(&self->priv->pool, [](GThreadPool *pool) { g_thread_pool_free(pool, TRUE, TRUE); });
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* The descriptor is closed by hand-over to the channel's shutdown, and only there. */
+void
+close_channel(Server *self)
+{
+  g_autoptr(GError) error = nullptr;
+
+  if (g_io_channel_shutdown(self->priv->channel, FALSE, &error) != G_IO_STATUS_NORMAL) {
+    syslog(LOG_WARNING, "Could not shut down metadata server's io channel: %s", error->message);
+  }
+  g_clear_pointer(&self->priv->channel, g_io_channel_unref);
+}
+
+} // namespace
+
+static void
+server_init(Server *self)
+{
+  self->priv = new ServerPrivate;
+}
+
+static void
+server_finalize(GObject *object)
+{
+  Server *self = TESSARD_SERVER(object);
+
+  g_free(self->priv->run_dir);
+  g_slist_free_full(self->priv->factories, g_object_unref);
+  delete self->priv;
+
+  G_OBJECT_CLASS(server_parent_class)->finalize(object);
+}
+
+static void
+server_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
+{
+  switch (id) {
+  case PROP_RUN_DIR:
+    g_value_set_string(value, TESSARD_SERVER(object)->priv->run_dir);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+}
+
+static void
+server_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
+{
+  Server *self = TESSARD_SERVER(object);
+
+  switch (id) {
+  case PROP_RUN_DIR:
+    if (!self->priv->running && g_value_get_string(value) != nullptr) {
+      g_free(self->priv->run_dir);
+      self->priv->run_dir = g_value_dup_string(value);
+    }
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+}
+
+static void
+server_class_init(ServerClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+
+  object_class->finalize = server_finalize;
+  object_class->get_property = server_get_property;
+  object_class->set_property = server_set_property;
+
+  /**
+   * Server:run-dir:
+   *
+   * The folder of the clients' socket. A set has no effect while the server runs, nor has %NULL.
+   */
+  properties[PROP_RUN_DIR] =
+      g_param_spec_string("run-dir", "Run directory", "Run directory", ".",
+                          static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS));
+  g_object_class_install_properties(object_class, properties.size(), properties.data());
+}
+
+namespace
+{
+
+gboolean
+on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
+{
+  auto *self = static_cast<Server *>(user_data);
+  const int listening_fd = g_io_channel_unix_get_fd(channel);
+
+  if (condition != G_IO_IN) {
+    syslog(LOG_ERR, "Error on metadata socket, not able to process metadata client requests.");
+    return G_SOURCE_CONTINUE;
+  }
+
+  const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) {
+    const int error_number = errno;
+    syslog(LOG_ERR, "Could not accept new request on metadata server socket: %s", g_strerror(error_number));
+    if (error_number == EMFILE || error_number == ENFILE) {
+      drop_waiting_connection(self, listening_fd);
+    }
+    return G_SOURCE_CONTINUE;
+  }
+  queue_request(self->priv->pool, fd);
+  return G_SOURCE_CONTINUE;
+}
+
+void
+watch_listening_socket(Server *self, int fd)
+{
+  constexpr auto CONDITION = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
+
+  self->priv->spare_fd = open_spare_descriptor();
+  self->priv->channel = g_io_channel_unix_new(fd);
+  self->priv->watch_id = g_io_add_watch(self->priv->channel, CONDITION, on_accept, self);
+}
+
+} // namespace
+
+/**
+ * server_register_source_factory:
+ * @self: (transfer none): a stopped server
+ * @factory: (transfer none): a factory, to be asked for every request after those registered before it
+ *
+ * The server takes a reference of its own. Main thread.
+ *
+ * Warnings: "priv->running == FALSE" and "factory != NULL" are preconditions; when one fails, nothing is
+ * done.
+ */
+void
+server_register_source_factory(Server *self, SourceFactory *factory)
+{
+  ServerPrivate *priv = self->priv;
+
+  g_return_if_fail(priv->running == FALSE);
+  g_return_if_fail(factory != NULL);
+
+  priv->factories = g_slist_append(priv->factories, g_object_ref(factory));
+}
+
+/**
+ * server_start:
+ * @self: (transfer none): a server
+ *
+ * Listens at "metadata" in the run directory, or on the socket that was passed on for that path, and begins
+ * to accept. What goes wrong is logged at error priority. The server holds a reference to itself until
+ * server_stop(). Main thread.
+ *
+ * Returns: %FALSE when the server was running already or cannot listen
+ */
+gboolean
+server_start(Server *self)
+{
+  ServerPrivate *priv = self->priv;
+
+  if (priv->running) {
+    return FALSE;
+  }
+
+  g_autofree gchar *socket_path = g_strconcat(priv->run_dir, "/metadata", nullptr);
+  const int fd = obtain_listening_socket(socket_path);
+  if (fd < 0) {
+    return FALSE;
+  }
+  if (!create_pool(self)) {
+    close_listening(fd);
+    return FALSE;
+  }
+
+  g_object_ref(self);
+  watch_listening_socket(self, fd);
+  priv->socket_path = g_steal_pointer(&socket_path);
+  priv->running = TRUE;
+  return TRUE;
+}
+
+/**
+ * server_stop:
+ * @self: (transfer none): a server
+ *
+ * Undoes server_start(): drops the requests that wait, waits for those that are being handled, and removes
+ * the socket, also one that was passed on. Clients that are streaming go on. Does nothing when the server is
+ * not running. The caller needs a reference of its own. Main thread.
+ */
+void
+server_stop(Server *self)
+{
+  ServerPrivate *priv = self->priv;
+
+  if (!priv->running) {
+    return;
+  }
+
+  g_thread_pool_free(std::exchange(priv->pool, nullptr), TRUE, TRUE);
+  g_object_unref(self);
+  if (!g_source_remove(std::exchange(priv->watch_id, 0))) {
+    syslog(LOG_WARNING, "Could not remove metadata server's I/O watch.");
+  }
+  close_channel(self);
+  if (g_unlink(priv->socket_path) < 0 && errno != ENOENT) {
+    syslog(LOG_WARNING, "Could not remove metadata server socket file.");
+  }
+  g_clear_pointer(&priv->socket_path, g_free);
+  if (priv->spare_fd >= 0) {
+    close(std::exchange(priv->spare_fd, -1));
+  }
+  priv->running = FALSE;
+}

@@ -1,0 +1,1207 @@
+#include "server.h"
+
+#include "eventsourcefactory.h"
+#include "faults.h"
+#include "testclient.h"
+#include "testelements.h"
+#include "testfactory.h"
+#include "testhost.h"
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <fcntl.h>
+#include <mutex>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+using testelements::Behaviour;
+using testhost::SyslogLine;
+using testhost::SyslogLines;
+using testhost::Texts;
+
+using namespace std::string_literals;
+
+namespace
+{
+
+constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
+
+/* The longest path that is bound as a whole. */
+constexpr gsize MAX_PATH_LENGTH = 106;
+
+/* Doors at which the requests wait until a test lets them in. */
+class Gate
+{
+public:
+  void enter()
+  {
+    std::unique_lock guard(lock_);
+    entered_++;
+    opened_.wait(guard, [this] { return open_; });
+  }
+
+  void open()
+  {
+    std::lock_guard guard(lock_);
+    open_ = true;
+    opened_.notify_all();
+  }
+
+  int entered()
+  {
+    std::lock_guard guard(lock_);
+    return entered_;
+  }
+
+private:
+  std::mutex lock_;
+  std::condition_variable opened_;
+  bool open_ = false;
+  int entered_ = 0;
+};
+
+class ServerTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testelements::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    server_ = TESSARD_SERVER(g_object_new(server_get_type(), "run-dir", dir().c_str(), nullptr));
+    testelements::set_event_source_behaviour(Behaviour::ONE_BUFFER);
+  }
+
+  void TearDown() override
+  {
+    const testhost::Observed observed(server_);
+    if (server_ != nullptr) {
+      server_stop(server_);
+      g_clear_object(&server_);
+    }
+    EXPECT_FALSE(observed.alive());
+    testelements::take_filters();
+    testelements::take_sent_events();
+    Fixture::TearDown();
+  }
+
+  void add_factory(CreateSource create_source)
+  {
+    g_autoptr(TestFactory) factory = test_factory_new(std::move(create_source));
+
+    server_register_source_factory(server_, SOURCE_FACTORY(factory));
+  }
+
+  void add_event_factory()
+  {
+    g_autoptr(EventSourceFactory) factory = event_source_factory_new();
+
+    server_register_source_factory(server_, SOURCE_FACTORY(factory));
+  }
+
+  std::string socket_path() const
+  {
+    return path("metadata");
+  }
+
+  Client connect() const
+  {
+    return Client::connect_to(socket_path());
+  }
+
+  /* The reply to a request whose connection it ends. */
+  std::string ask(const std::string &request) const
+  {
+    Client client = connect();
+
+    EXPECT_TRUE(client.send(request));
+    const std::string reply = client.wait_for_reply();
+    EXPECT_TRUE(client.wait_for_end());
+    EXPECT_EQ(client.received().size(), reply.size() + 1);
+    return reply;
+  }
+
+  void start_with_events()
+  {
+    add_event_factory();
+    ASSERT_TRUE(server_start(server_));
+  }
+
+  /* A client that has its reply and the first document. */
+  Client connect_streaming() const
+  {
+    Client client = connect();
+
+    EXPECT_TRUE(client.send("OPEN\nevent=1\n\n"));
+    EXPECT_EQ(client.wait_for_reply(), "OK");
+    EXPECT_TRUE(testhost::spin_until(
+        [&client] { return client.received().find(testelements::DOCUMENT_TEXT) != std::string::npos; }));
+    return client;
+  }
+
+  void expect_start_failure(const SyslogLines &lines)
+  {
+    EXPECT_FALSE(server_start(server_));
+    EXPECT_EQ(testhost::take_syslog(), lines);
+    /* What failed has left nothing: the next start fails in the same way, or succeeds. */
+    EXPECT_EQ(G_OBJECT(server_)->ref_count, 1U);
+  }
+
+  void set_run_dir(const std::string &run_dir)
+  {
+    g_object_set(server_, "run-dir", run_dir.c_str(), nullptr);
+  }
+
+  std::string run_dir() const
+  {
+    g_autofree gchar *run_dir = nullptr;
+    g_object_get(server_, "run-dir", &run_dir, nullptr);
+    return run_dir;
+  }
+
+  bool socket_exists() const
+  {
+    return g_file_test(socket_path().c_str(), G_FILE_TEST_EXISTS);
+  }
+
+  Server *server_ = nullptr;
+};
+
+/* Lets the process open no descriptor above the highest one, as long as this object lives. */
+class NoMoreDescriptors
+{
+public:
+  NoMoreDescriptors()
+  {
+    rlimit limit = {};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &saved_), 0);
+    limit = saved_;
+    /* Gaps below the limit are filled. */
+    const int highest = *testhost::open_descriptors().rbegin();
+    for (int fd = open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0;
+         fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+      if (fd > highest) {
+        close(fd);
+        break;
+      }
+      fillers_.push_back(fd);
+    }
+    limit.rlim_cur = highest + 1;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  }
+
+  ~NoMoreDescriptors()
+  {
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &saved_), 0);
+    for (const int fd : fillers_) {
+      close(fd);
+    }
+  }
+
+  NoMoreDescriptors(const NoMoreDescriptors &) = delete;
+  NoMoreDescriptors &operator=(const NoMoreDescriptors &) = delete;
+
+private:
+  rlimit saved_ = {};
+  std::vector<int> fillers_;
+};
+
+int
+lowest_free_descriptor()
+{
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+
+  close(fd);
+  return fd;
+}
+
+int
+listen_at(const std::string &socket_path)
+{
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+
+  address.sun_family = AF_UNIX;
+  g_strlcpy(address.sun_path, socket_path.c_str(), sizeof address.sun_path);
+  EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << g_strerror(errno);
+  EXPECT_EQ(listen(fd, 10), 0) << g_strerror(errno);
+  return fd;
+}
+
+struct Exchange {
+  const char *name;
+  std::string request;
+  std::string reply;
+};
+
+std::ostream &
+operator<<(std::ostream &stream, const Exchange &exchange)
+{
+  return stream << exchange.name;
+}
+
+class ServerReplyTest : public ServerTest, public testing::WithParamInterface<Exchange>
+{
+};
+
+} // namespace
+
+/* The object. */
+
+TEST_F(ServerTest, HasOneProperty)
+{
+  guint count = 0;
+  g_autofree GParamSpec **properties = g_object_class_list_properties(G_OBJECT_GET_CLASS(server_), &count);
+
+  EXPECT_STREQ(g_type_name(server_get_type()), "Server");
+  EXPECT_EQ(g_type_parent(server_get_type()), static_cast<GType>(G_TYPE_OBJECT));
+  ASSERT_EQ(count, 1U);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_STRING(properties[0]));
+  EXPECT_STREQ(properties[0]->name, "run-dir");
+  EXPECT_STREQ(g_param_spec_get_nick(properties[0]), "Run directory");
+  EXPECT_STREQ(g_param_spec_get_blurb(properties[0]), "Run directory");
+  EXPECT_EQ(properties[0]->flags & ~G_PARAM_STATIC_STRINGS, static_cast<int>(G_PARAM_READWRITE));
+  EXPECT_STREQ(G_PARAM_SPEC_STRING(properties[0])->default_value, ".");
+}
+
+TEST_F(ServerTest, WarnsOfUnknownProperties)
+{
+  GObjectClass *object_class = G_OBJECT_GET_CLASS(server_);
+  GParamSpec *pspec = g_object_class_find_property(object_class, "run-dir");
+  g_auto(GValue) value = G_VALUE_INIT;
+
+  g_value_init(&value, G_TYPE_STRING);
+  object_class->set_property(G_OBJECT(server_), 99, &value, pspec);
+  object_class->get_property(G_OBJECT(server_), 99, &value, pspec);
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 2U);
+  for (const std::string &message : messages) {
+    EXPECT_TRUE(
+        message.ends_with("invalid property id 99 for \"run-dir\" of type 'GParamString' in 'Server'"))
+        << message;
+  }
+}
+
+TEST_F(ServerTest, RunsInTheCurrentFolderByDefault)
+{
+  g_autoptr(Server) fresh = TESSARD_SERVER(g_object_new(server_get_type(), nullptr));
+  g_autofree gchar *run_dir = nullptr;
+
+  g_object_get(fresh, "run-dir", &run_dir, nullptr);
+  EXPECT_STREQ(run_dir, ".");
+}
+
+TEST_F(ServerTest, KeepsItsRunDirectoryAgainstNull)
+{
+  g_object_set(server_, "run-dir", nullptr, nullptr);
+  EXPECT_EQ(run_dir(), dir());
+}
+
+TEST_F(ServerTest, KeepsItsRunDirectoryWhileRunning)
+{
+  ASSERT_TRUE(server_start(server_));
+  set_run_dir("/elsewhere");
+  EXPECT_EQ(run_dir(), dir());
+  EXPECT_TRUE(socket_exists());
+
+  server_stop(server_);
+  set_run_dir("/elsewhere");
+  EXPECT_EQ(run_dir(), "/elsewhere");
+}
+
+TEST_F(ServerTest, KeepsAReferenceToEachFactory)
+{
+  TestFactory *factory = test_factory_new([](GHashTable *, GError **) { return nullptr; });
+  const testhost::Observed observed(factory);
+
+  server_register_source_factory(server_, SOURCE_FACTORY(factory));
+  g_object_unref(factory);
+  EXPECT_TRUE(observed.alive());
+  g_clear_object(&server_);
+  EXPECT_FALSE(observed.alive());
+}
+
+TEST_F(ServerTest, RefusesToRegisterNothing)
+{
+  server_register_source_factory(server_, nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"factory != NULL"}));
+}
+
+TEST_F(ServerTest, RefusesToRegisterWhileRunning)
+{
+  ASSERT_TRUE(server_start(server_));
+
+  add_event_factory();
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"priv->running == FALSE"}));
+  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nBad request, no metadata can be produced.");
+
+  server_stop(server_);
+  start_with_events();
+  connect_streaming();
+}
+
+/* Start. */
+
+TEST_F(ServerTest, StartsOnce)
+{
+  EXPECT_TRUE(server_start(server_));
+  EXPECT_FALSE(server_start(server_));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, MakesASocketForOwnerAndGroup)
+{
+  struct stat status = {};
+  const mode_t mask = umask(0);
+  ASSERT_TRUE(server_start(server_));
+  umask(mask);
+
+  ASSERT_EQ(stat(socket_path().c_str(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
+}
+
+TEST_F(ServerTest, MakesTheSameSocketUnderAStrictMask)
+{
+  struct stat status = {};
+  const mode_t mask = umask(0777);
+  ASSERT_TRUE(server_start(server_));
+  umask(mask);
+
+  ASSERT_EQ(stat(socket_path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
+}
+
+TEST_F(ServerTest, ReplacesASocketThatWasLeft)
+{
+  close(listen_at(socket_path()));
+
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, ReplacesAFile)
+{
+  ASSERT_TRUE(g_file_set_contents(socket_path().c_str(), "x", 1, nullptr));
+
+  EXPECT_TRUE(server_start(server_));
+}
+
+TEST_F(ServerTest, FailsWhenAFolderIsInTheWay)
+{
+  ASSERT_EQ(mkdir(socket_path().c_str(), 0700), 0);
+
+  expect_start_failure({{LOG_ERR, "Could not unlink '" + socket_path() + "': Is a directory"}});
+}
+
+TEST_F(ServerTest, FailsInAFolderThatDoesNotExist)
+{
+  set_run_dir(path("missing"));
+
+  expect_start_failure({{LOG_ERR, "Failed to bind metadata server socket: No such file or directory"}});
+}
+
+TEST_F(ServerTest, FailsWithoutADescriptor)
+{
+  {
+    const NoMoreDescriptors none;
+    expect_start_failure({{LOG_ERR, "Failed to create metadata server socket: Too many open files"}});
+  }
+  EXPECT_TRUE(server_start(server_));
+}
+
+TEST_F(ServerTest, FailsWhenItCannotListen)
+{
+  faults::fail_next(faults::Call::LISTEN);
+
+  expect_start_failure({{LOG_ERR, "Failed to listen on metadata server socket: Address already in use"}});
+  EXPECT_TRUE(server_start(server_));
+}
+
+TEST_F(ServerTest, FailsWithoutThreads)
+{
+  faults::fail_next(faults::Call::THREAD_POOL_NEW);
+
+  expect_start_failure({{LOG_ERR, "Could not create thread pool for metadata server: 'No more threads'."}});
+  EXPECT_TRUE(server_start(server_));
+}
+
+TEST_F(ServerTest, LogsAListeningSocketThatIsNotClosedWell)
+{
+  faults::fail_next(faults::Call::LISTEN);
+  faults::fail_close_of(lowest_free_descriptor());
+
+  expect_start_failure({{LOG_ERR, "Failed to listen on metadata server socket: Address already in use"},
+                        {LOG_ERR, "Could not close metadata server socket: Input/output error"}});
+}
+
+TEST_F(ServerTest, TakesTheLongestPath)
+{
+  const std::string longest = path(std::string(MAX_PATH_LENGTH - path("/metadata").size(), 'x'));
+  ASSERT_EQ((longest + "/metadata").size(), MAX_PATH_LENGTH);
+  ASSERT_EQ(mkdir(longest.c_str(), 0700), 0);
+  set_run_dir(longest);
+
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_TRUE(g_file_test((longest + "/metadata").c_str(), G_FILE_TEST_EXISTS));
+}
+
+TEST_F(ServerTest, FailsWithAPathThatIsOneLonger)
+{
+  const std::string longer = path(std::string(MAX_PATH_LENGTH - path("/metadata").size() + 1, 'x'));
+  ASSERT_EQ(mkdir(longer.c_str(), 0700), 0);
+  set_run_dir(longer);
+
+  expect_start_failure(
+      {{LOG_ERR, "Could not set permissions on metadata server socket: No such file or directory"}});
+  EXPECT_TRUE(g_file_test((longer + "/metadat").c_str(), G_FILE_TEST_EXISTS));
+}
+
+/* Replies. */
+
+TEST_P(ServerReplyTest, IsFollowedByNulAndTheEnd)
+{
+  start_with_events();
+
+  EXPECT_EQ(ask(GetParam().request), GetParam().reply);
+  testhost::take_syslog();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, ServerReplyTest,
+    testing::Values(Exchange{"UnknownRequest", "CLOSE\n", "FAIL\nUnknown: request: CLOSE\n (6)"},
+                    Exchange{"UnknownRequestWithCarriageReturn", "OPEN\r\nevent=1\n\n",
+                             "FAIL\nUnknown: request: OPEN\r\n (6)"},
+                    Exchange{"HeaderLine", "OPEN\nevent\n", "FAIL\nUnable to parse header line: event."},
+                    Exchange{"EmptyHeaderLine", "OPEN\n\r\n", "FAIL\nUnable to parse header line: ."},
+                    Exchange{"NoParameters", "OPEN\n\n", "FAIL\nBad request, no metadata can be produced."},
+                    Exchange{"NoMetadata", "OPEN\nevent=0\n\n",
+                             "FAIL\nBad request, no metadata can be produced."},
+                    /* The factory's text ends in a full stop already. */
+                    Exchange{"SourceError", "OPEN\nevent=yes\n\n",
+                             "FAIL\nUnable to create source: Invalid value of 'event' parameter: 'yes'.."}),
+    [](const auto &exchange) { return std::string(exchange.param.name); });
+
+TEST_F(ServerTest, RepliesWhenTheRequestEndsEarly)
+{
+  ASSERT_TRUE(server_start(server_));
+
+  for (const auto &[request, reply] :
+       {std::pair(""s, "FAIL\nCould not read request from client socket: "s),
+        std::pair("OPEN\na=b\n"s, "FAIL\nCould not read request header from socket: "s)}) {
+    Client client = connect();
+    ASSERT_TRUE(client.send(request));
+    client.half_close();
+    EXPECT_EQ(client.wait_for_reply(), reply);
+    EXPECT_TRUE(client.wait_for_end());
+  }
+}
+
+/* The reply reaches nobody. */
+TEST_F(ServerTest, ForgetsClientsThatLeaveBeforeTheReply)
+{
+  start_with_events();
+
+  for (const char *request : {"", "OPEN\n", "CLOSE\n", "OPEN\n\n", "OPEN\nevent\n\n"}) {
+    Client client = connect();
+    ASSERT_TRUE(client.send(request));
+    client.hang_up();
+  }
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, RefusesARequestThatIsTooLong)
+{
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect();
+
+  ASSERT_TRUE(client.send("OPEN\na=" + std::string(SERVER_MAX_REQUEST_BYTES, 'x')));
+  EXPECT_EQ(client.wait_for_reply(), "FAIL\nCould not read request header from socket: Request longer than " +
+                                         std::to_string(SERVER_MAX_REQUEST_BYTES) + " bytes");
+  EXPECT_TRUE(client.wait_for_end());
+}
+
+TEST_F(ServerTest, TakesTheLongestRequest)
+{
+  std::atomic<gsize> length = 0;
+  add_factory([&](GHashTable *params, GError **) {
+    length = strlen(static_cast<gchar *>(g_hash_table_lookup(params, "a")));
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+
+  EXPECT_EQ(ask("OPEN\na=" + std::string(SERVER_MAX_REQUEST_BYTES - strlen("OPEN\na=\n\n"), 'x') + "\n\n"),
+            "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_EQ(length, SERVER_MAX_REQUEST_BYTES - strlen("OPEN\na=\n\n"));
+}
+
+TEST_F(ServerTest, GivesUpOnARequestThatTakesTooLong)
+{
+  constexpr unsigned DIVISOR = 100;
+  const std::string milliseconds = std::to_string(SERVER_REQUEST_TIMEOUT_MS / DIVISOR);
+  ASSERT_TRUE(server_start(server_));
+  faults::divide_request_time(DIVISOR);
+  Client silent = connect();
+  Client slow = connect();
+  ASSERT_TRUE(slow.send("OPEN\nevent"));
+
+  EXPECT_EQ(silent.wait_for_reply(),
+            "FAIL\nCould not read request from client socket: Request not complete within " + milliseconds +
+                " ms");
+  EXPECT_EQ(slow.wait_for_reply(),
+            "FAIL\nCould not read request header from socket: Request not complete within " + milliseconds +
+                " ms");
+  faults::divide_request_time(1);
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, RepliesWhenTheEncodingCannotBeSet)
+{
+  ASSERT_TRUE(server_start(server_));
+  faults::fail_next(faults::Call::IO_CHANNEL_SET_ENCODING);
+
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nInternal error: Could not set encoding.");
+}
+
+TEST_F(ServerTest, RepliesWhenThereIsNoManager)
+{
+  GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+  const testhost::Observed observed(source);
+  add_factory([&](GHashTable *, GError **) { return source; });
+  ASSERT_TRUE(server_start(server_));
+  faults::fail_next(faults::Call::CONNECTION_MANAGER_NEW);
+
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nCould not create metadata, Internal server error.");
+  EXPECT_FALSE(observed.alive());
+}
+
+TEST_F(ServerTest, RepliesWhenThePipelineCannotBePrepared)
+{
+  start_with_events();
+  const testelements::WithoutFactory without("gdppay");
+
+  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_ERR, "Could not create gdppay."}}));
+}
+
+TEST_F(ServerTest, RepliesWhenASourceDoesNotStart)
+{
+  start_with_events();
+  testelements::set_event_source_behaviour(Behaviour::START_STATE_FAILS);
+
+  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+}
+
+/* The failure text finds no reader, and the descriptor is closed, when the reply's channel is released. */
+TEST_F(ServerTest, ForgetsAClientThatLeavesWhileItsPipelineIsPrepared)
+{
+  start_with_events();
+  for (const Behaviour behaviour : {Behaviour::SILENT, Behaviour::ONE_BUFFER, Behaviour::START_STATE_FAILS}) {
+    testelements::set_event_source_behaviour(behaviour);
+    testelements::take_filters();
+    Client client = connect();
+    ASSERT_TRUE(client.send("OPEN\nevent=1\nevent_topic=x\n\n"));
+    ASSERT_TRUE(testhost::spin_until([] { return !testelements::take_filters().empty(); }));
+    client.hang_up();
+  }
+  testelements::set_event_source_behaviour(Behaviour::ONE_BUFFER);
+  connect_streaming();
+}
+
+TEST_F(ServerTest, RepliesOkAndStreams)
+{
+  start_with_events();
+  Client client = connect_streaming();
+
+  EXPECT_EQ(client.received().substr(0, 3), "OK\0"s);
+  EXPECT_FALSE(client.ended());
+}
+
+TEST_F(ServerTest, ServesASyncLineSentWithTheRequestAsPartOfTheStream)
+{
+  start_with_events();
+  Client client = connect();
+
+  ASSERT_TRUE(client.send("OPEN\nevent=1\n\nSYNC\n"));
+  EXPECT_EQ(client.wait_for_reply(), "OK");
+  /* It is read before the start, or behind it. */
+  EXPECT_TRUE(testhost::spin_until(
+      [] { return testhost::glib_messages_size() + testelements::sent_events_size() > 0; }));
+  EXPECT_EQ(testhost::take_failed_preconditions().size() + testelements::take_sent_events().size(), 1U);
+}
+
+/* The hook is where the client has its "OK" and the stream is not started yet. */
+TEST_F(ServerTest, LosesNoSyncLineThatAnswersTheReply)
+{
+  start_with_events();
+  Client client = connect();
+  std::atomic<bool> hooked = false;
+  faults::after_next_flush([&] {
+    EXPECT_EQ(client.received(), "OK\0"s);
+    EXPECT_EQ(client.send_some("SYNC\n"), 5U);
+    const gint64 end_us = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+    while (client.unread() > 0 && g_get_monotonic_time() < end_us) {
+      g_thread_yield();
+    }
+    EXPECT_EQ(client.unread(), 0U);
+    hooked = true;
+  });
+
+  ASSERT_TRUE(client.send("OPEN\nevent=1\n\n"));
+  ASSERT_TRUE(testhost::spin_until([&] { return hooked.load(); }));
+  EXPECT_TRUE(testhost::spin_until([] { return testelements::sent_events_size() > 0; }));
+  EXPECT_EQ(testelements::take_sent_events().size(), 1U);
+}
+
+TEST_F(ServerTest, LeavesTheConnectionOfAStreamToItsManager)
+{
+  start_with_events();
+  {
+    Client client = connect_streaming();
+    Client another = connect_streaming();
+    client.hang_up();
+    ASSERT_TRUE(another.send("SYNC\n"));
+    EXPECT_TRUE(testhost::spin_until([] { return testelements::sent_events_size() > 0; }));
+  }
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+/* Factories. */
+
+TEST_F(ServerTest, AsksTheFactoriesInOrderWithTheSameParameters)
+{
+  std::vector<std::string> asked;
+  for (const char *name : {"first", "second", "third"}) {
+    add_factory([&asked, name](GHashTable *params, GError **error) {
+      EXPECT_EQ(*error, nullptr);
+      asked.push_back(name + "="s + static_cast<gchar *>(g_hash_table_lookup(params, "key")));
+      return nullptr;
+    });
+  }
+  ASSERT_TRUE(server_start(server_));
+
+  EXPECT_EQ(ask("OPEN\nkey=value\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_EQ(asked, (Texts{"first=value", "second=value", "third=value"}));
+}
+
+TEST_F(ServerTest, StopsAtTheFirstErrorAndReleasesWhatThereIs)
+{
+  std::optional<testhost::Observed> observed;
+  std::atomic<bool> third_asked = false;
+  add_factory([&](GHashTable *, GError **) {
+    GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+    observed.emplace(source);
+    return source;
+  });
+  add_factory([](GHashTable *, GError **error) {
+    source_factory_fail(error, source_factory_error_quark(), "No head to turn");
+    return nullptr;
+  });
+  add_factory([&](GHashTable *, GError **) {
+    third_asked = true;
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nUnable to create source: No head to turn.");
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "No head to turn"}}));
+  EXPECT_FALSE(third_asked);
+  EXPECT_FALSE(observed->alive());
+}
+
+TEST_F(ServerTest, TakesAnErrorForAFailureWhateverComesWithIt)
+{
+  std::optional<testhost::Observed> observed;
+  add_factory([&](GHashTable *, GError **error) {
+    GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+    observed.emplace(source);
+    g_set_error_literal(error, source_factory_error_quark(), 0, "Both");
+    return source;
+  });
+  ASSERT_TRUE(server_start(server_));
+
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nUnable to create source: Both.");
+  EXPECT_FALSE(observed->alive());
+}
+
+TEST_F(ServerTest, PutsTheSourcesOfAllFactoriesIntoOnePipelineInOrder)
+{
+  std::array<GstElement *, 2> sources = {};
+  for (GstElement *&source : sources) {
+    add_factory([&source](GHashTable *, GError **) {
+      source = testelements::make_source(Behaviour::ONE_BUFFER);
+      return source;
+    });
+  }
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect_streaming();
+
+  GstObject *pipeline = GST_OBJECT_PARENT(sources[0]);
+  ASSERT_EQ(GST_OBJECT_PARENT(sources[1]), pipeline);
+  /* A bin puts what is added before what is there. */
+  EXPECT_EQ(GST_BIN_CHILDREN(pipeline)->data, sources[1]);
+  EXPECT_EQ(GST_BIN_CHILDREN(pipeline)->next->data, sources[0]);
+}
+
+/* The pool. */
+
+TEST_F(ServerTest, HandlesTwoRequestsAtOnceAndKeepsALimitedNumberWaiting)
+{
+  constexpr int HANDLED = 2;
+  constexpr int WAITING = SERVER_MAX_WAITING_REQUESTS + 1;
+  Gate gate;
+  add_factory([&gate](GHashTable *, GError **) {
+    gate.enter();
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients;
+
+  for (int i = 0; i < HANDLED + WAITING; i++) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\n\n"));
+    testhost::dispatch_ready();
+    ASSERT_TRUE(testhost::spin_until([&] { return gate.entered() == std::min(i + 1, HANDLED); }));
+  }
+  EXPECT_EQ(testhost::syslog_size(), 0U);
+  for (int i = 0; i < 2; i++) {
+    Client refused = connect();
+    EXPECT_TRUE(refused.wait_for_end());
+    EXPECT_EQ(refused.received(), "");
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{{LOG_WARNING, "Too many unprocessed metadata requests, dropping one."}}));
+  }
+  EXPECT_EQ(gate.entered(), HANDLED);
+
+  gate.open();
+  for (Client &client : clients) {
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+    EXPECT_TRUE(client.wait_for_end());
+  }
+}
+
+TEST_F(ServerTest, LogsARequestThatCannotBePushed)
+{
+  ASSERT_TRUE(server_start(server_));
+  faults::fail_next(faults::Call::THREAD_POOL_PUSH);
+  Client client = connect();
+
+  EXPECT_TRUE(client.wait_for_end());
+  EXPECT_EQ(client.received(), "");
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Could not push metadata client request: No more threads."}}));
+}
+
+TEST_F(ServerTest, LogsAnAcceptedSocketThatIsNotClosedWell)
+{
+  ASSERT_TRUE(server_start(server_));
+  faults::fail_next(faults::Call::THREAD_POOL_PUSH);
+  Client client = connect();
+  faults::fail_close_of(lowest_free_descriptor());
+
+  EXPECT_TRUE(client.wait_for_end());
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Could not push metadata client request: No more threads."},
+                         {LOG_ERR, "Could not close accepted metadata server socket: Input/output error"}}));
+}
+
+/* The accept watch. */
+
+TEST_F(ServerTest, DropsAConnectionThatIsOutOfDescriptors)
+{
+  ASSERT_TRUE(server_start(server_));
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  {
+    const NoMoreDescriptors none;
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    g_strlcpy(address.sun_path, socket_path().c_str(), sizeof address.sun_path);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    Client client(fd);
+
+    EXPECT_TRUE(client.wait_for_end());
+    EXPECT_FALSE(testhost::spin_until([] { return testhost::syslog_size() > 1; }, SHORT_US));
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{{LOG_ERR, "Could not accept new request on metadata server socket: "
+                                     "Too many open files"}}));
+  }
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, GoesOnBehindManyConnectionsWithoutDescriptors)
+{
+  constexpr int CONNECTIONS = 8;
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients;
+  for (int i = 0; i < CONNECTIONS; i++) {
+    clients.push_back(connect());
+  }
+  {
+    const NoMoreDescriptors none;
+    for (Client &client : clients) {
+      EXPECT_TRUE(client.wait_for_end());
+    }
+  }
+  const SyslogLine line = {LOG_ERR,
+                           "Could not accept new request on metadata server socket: Too many open files"};
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines(CONNECTIONS, line));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+/* The descriptor 0 is one like any other. */
+TEST_F(ServerTest, ServesAConnectionThatIsStandardInput)
+{
+  start_with_events();
+  const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ASSERT_GT(saved, STDIN_FILENO);
+  for (const auto &[request, reply] :
+       {std::pair("OPEN\n\n", "FAIL\nBad request, no metadata can be produced."),
+        std::pair("OPEN\nevent=1\n\n", "OK")}) {
+    Client client = connect();
+    ASSERT_EQ(close(STDIN_FILENO), 0);
+    testhost::dispatch_ready();
+    ASSERT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
+
+    ASSERT_TRUE(client.send(request));
+    EXPECT_EQ(client.wait_for_reply(), reply);
+    client.half_close();
+    EXPECT_TRUE(client.wait_for_end());
+    EXPECT_TRUE(testhost::spin_until([] { return fcntl(STDIN_FILENO, F_GETFD) < 0; }));
+    ASSERT_EQ(dup2(saved, STDIN_FILENO), STDIN_FILENO);
+  }
+  close(saved);
+}
+
+/* Stop. */
+
+TEST_F(ServerTest, StopDoesNothingWhenStopped)
+{
+  server_stop(server_);
+  ASSERT_TRUE(server_start(server_));
+  server_stop(server_);
+  server_stop(server_);
+  EXPECT_EQ(G_OBJECT(server_)->ref_count, 1U);
+}
+
+TEST_F(ServerTest, HoldsAReferenceToItselfWhileRunning)
+{
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(G_OBJECT(server_)->ref_count, 2U);
+  server_stop(server_);
+  EXPECT_EQ(G_OBJECT(server_)->ref_count, 1U);
+}
+
+TEST_F(ServerTest, StopRemovesTheSocket)
+{
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_TRUE(socket_exists());
+  server_stop(server_);
+  EXPECT_FALSE(socket_exists());
+}
+
+TEST_F(ServerTest, StartsAgainAfterStop)
+{
+  add_event_factory();
+  for (int i = 0; i < 3; i++) {
+    ASSERT_TRUE(server_start(server_));
+    connect_streaming();
+    server_stop(server_);
+  }
+}
+
+TEST_F(ServerTest, StopLeavesStreamingClients)
+{
+  start_with_events();
+  Client client = connect_streaming();
+
+  server_stop(server_);
+  ASSERT_TRUE(client.send("SYNC\n"));
+  EXPECT_TRUE(testhost::spin_until([] { return testelements::sent_events_size() > 0; }));
+  EXPECT_FALSE(client.ended());
+}
+
+TEST_F(ServerTest, StopWaitsForTheRequestsBeingHandledAndDropsTheOthers)
+{
+  Gate gate;
+  add_factory([&gate](GHashTable *, GError **) {
+    gate.enter();
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients;
+  for (int i = 0; i < 5; i++) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\n\n"));
+    testhost::dispatch_ready();
+  }
+  ASSERT_TRUE(testhost::spin_until([&] { return gate.entered() == 2; }));
+
+  gate.open();
+  server_stop(server_);
+  int replies = 0;
+  for (Client &client : clients) {
+    EXPECT_TRUE(client.ended());
+    replies += client.received() == "FAIL\nBad request, no metadata can be produced.\0"s ? 1 : 0;
+  }
+  EXPECT_GE(replies, 2);
+}
+
+TEST_F(ServerTest, LogsAWatchThatCannotBeRemoved)
+{
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_TRUE(g_source_remove_by_user_data(server_));
+
+  server_stop(server_);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Could not remove metadata server's I/O watch."}}));
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
+}
+
+TEST_F(ServerTest, LogsASocketThatCannotBeClosed)
+{
+  const int fd = lowest_free_descriptor();
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_EQ(close(fd), 0);
+
+  server_stop(server_);
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{{LOG_WARNING, "Could not shut down metadata server's io channel: Bad file descriptor"}}));
+  EXPECT_EQ(testhost::take_glib_messages(), (Texts{"GLib: Invalid file descriptor."}));
+}
+
+TEST_F(ServerTest, LogsASocketFileThatCannotBeRemoved)
+{
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_EQ(unlink(socket_path().c_str()), 0);
+  ASSERT_EQ(mkdir(socket_path().c_str(), 0700), 0);
+
+  server_stop(server_);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Could not remove metadata server socket file."}}));
+}
+
+TEST_F(ServerTest, StopForgivesASocketFileThatIsGone)
+{
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_EQ(unlink(socket_path().c_str()), 0);
+
+  server_stop(server_);
+}
+
+/* Socket activation. */
+
+class ServerActivationTest : public ServerTest
+{
+protected:
+  /* Passes @fds on, as descriptors from 3 on. What is open there comes back. */
+  void pass_on(const std::vector<int> &fds)
+  {
+    for (gsize i = 0; i < fds.size(); i++) {
+      const int number = SD_LISTEN_FDS_START + static_cast<int>(i);
+      saved_.push_back(fcntl(number, F_DUPFD_CLOEXEC, 100));
+      ASSERT_EQ(dup2(fds[i], number), number);
+      close(fds[i]);
+    }
+    setenv("LISTEN_FDS", std::to_string(fds.size()).c_str(), TRUE);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), TRUE);
+  }
+
+  void TearDown() override
+  {
+    server_stop(server_);
+    unsetenv("LISTEN_FDS");
+    unsetenv("LISTEN_PID");
+    for (gsize i = 0; i < saved_.size(); i++) {
+      const int number = SD_LISTEN_FDS_START + static_cast<int>(i);
+      if (saved_[i] >= 0) {
+        dup2(saved_[i], number);
+        close(saved_[i]);
+      } else {
+        close(number);
+      }
+    }
+    ServerTest::TearDown();
+  }
+
+  /* Gives a descriptor that is to be passed on another number, out of the way of those that are. */
+  static int move_away(int fd)
+  {
+    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 100);
+
+    close(fd);
+    return high;
+  }
+
+  static int listen_high(const std::string &socket_path)
+  {
+    return move_away(listen_at(socket_path));
+  }
+
+  static bool is_open(int fd)
+  {
+    return fcntl(fd, F_GETFD) >= 0;
+  }
+
+private:
+  std::vector<int> saved_;
+};
+
+TEST_F(ServerActivationTest, UsesTheSocketThatWasPassedOn)
+{
+  add_event_factory();
+  const int fd = listen_high(socket_path());
+  ASSERT_EQ(chmod(socket_path().c_str(), 0600), 0);
+  struct stat before = {};
+  struct stat after = {};
+  ASSERT_EQ(stat(socket_path().c_str(), &before), 0);
+  pass_on({fd});
+
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_EQ(stat(socket_path().c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(after.st_mode, before.st_mode);
+  connect_streaming();
+}
+
+TEST_F(ServerActivationTest, LeavesTheEnvironment)
+{
+  pass_on({listen_high(socket_path())});
+
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_STREQ(g_getenv("LISTEN_FDS"), "1");
+}
+
+TEST_F(ServerActivationTest, RemovesTheSocketThatWasPassedOnAtStop)
+{
+  pass_on({listen_high(socket_path())});
+
+  ASSERT_TRUE(server_start(server_));
+  server_stop(server_);
+  EXPECT_FALSE(socket_exists());
+  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START));
+}
+
+TEST_F(ServerActivationTest, FindsTheSocketAmongOthers)
+{
+  pass_on({move_away(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)), listen_high(path("other")),
+           listen_high(socket_path()), listen_high(path("third"))});
+
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  server_stop(server_);
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 1));
+  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START + 2));
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 3));
+}
+
+TEST_F(ServerActivationTest, MakesItsOwnSocketWhenNoneIsForItsPath)
+{
+  pass_on({listen_high(path("other"))});
+
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
+}
+
+TEST_F(ServerActivationTest, IgnoresWhatIsMeantForAnotherProcess)
+{
+  pass_on({listen_high(socket_path())});
+  setenv("LISTEN_PID", "1", TRUE);
+  struct stat before = {};
+  struct stat after = {};
+  ASSERT_EQ(stat(socket_path().c_str(), &before), 0);
+
+  ASSERT_TRUE(server_start(server_));
+  ASSERT_EQ(stat(socket_path().c_str(), &after), 0);
+  EXPECT_EQ(after.st_mode & 07777, 0660U);
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
+}
+
+/* The first is closed once for each that matches; only the first of these succeeds. */
+TEST_F(ServerActivationTest, RefusesTwoSocketsForItsPath)
+{
+  const int fd = listen_high(socket_path());
+  pass_on({fd, fcntl(fd, F_DUPFD_CLOEXEC, 100)});
+
+  EXPECT_FALSE(server_start(server_));
+  const SyslogLines lines = testhost::take_syslog();
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(lines[0].priority, LOG_ERR);
+  EXPECT_TRUE(
+      lines[0].text.starts_with("More than one file descriptor received for '" + socket_path() + "': "))
+      << lines[0].text;
+  EXPECT_EQ(lines[1], (SyslogLine{LOG_ERR, "Could not close metadata server socket: Bad file descriptor"}));
+  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START));
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 1));
+  EXPECT_TRUE(socket_exists());
+  EXPECT_EQ(G_OBJECT(server_)->ref_count, 1U);
+}
+
+TEST_F(ServerActivationTest, LogsEachFurtherCloseOfThreeSocketsForItsPath)
+{
+  const int fd = listen_high(socket_path());
+  pass_on({listen_high(path("other")), fd, fcntl(fd, F_DUPFD_CLOEXEC, 100), fcntl(fd, F_DUPFD_CLOEXEC, 100)});
+
+  EXPECT_FALSE(server_start(server_));
+  const SyslogLines lines = testhost::take_syslog();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_TRUE(
+      lines[0].text.starts_with("More than one file descriptor received for '" + socket_path() + "': "));
+  for (gsize i = 1; i < lines.size(); i++) {
+    EXPECT_EQ(lines[i], (SyslogLine{LOG_ERR, "Could not close metadata server socket: Bad file descriptor"}));
+  }
+  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
+  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START + 1));
+}
+
+/* A listening socket that was shut down is not only readable. */
+TEST_F(ServerActivationTest, LogsAnErrorOfTheListeningSocketAndStays)
+{
+  pass_on({listen_high(socket_path())});
+  ASSERT_TRUE(server_start(server_));
+
+  ASSERT_EQ(shutdown(SD_LISTEN_FDS_START, SHUT_RDWR), 0);
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 2; }));
+  server_stop(server_);
+  for (const SyslogLine &line : testhost::take_syslog()) {
+    EXPECT_EQ(line, (SyslogLine{LOG_ERR,
+                                "Error on metadata socket, not able to process metadata client requests."}));
+  }
+}
+
+/* Many clients at once, and none of them leaves anything. */
+TEST_F(ServerTest, ServesManyClientsThatComeAndGo)
+{
+  constexpr int ROUNDS = 10;
+  constexpr int CLIENTS = 20;
+  start_with_events();
+
+  for (int round = 0; round < ROUNDS; round++) {
+    std::vector<Client> clients;
+    for (int i = 0; i < CLIENTS; i++) {
+      clients.push_back(connect());
+      ASSERT_TRUE(clients.back().send(i % 4 == 3 ? "OPEN\n\n" : "OPEN\nevent=1\n\n"));
+      testhost::dispatch_ready();
+    }
+    for (int i = 0; i < CLIENTS; i++) {
+      if (i % 4 != 2) {
+        EXPECT_EQ(clients[i].wait_for_reply(),
+                  i % 4 == 3 ? "FAIL\nBad request, no metadata can be produced." : "OK");
+      }
+      clients[i].hang_up();
+    }
+  }
+}
