@@ -1,0 +1,37 @@
+#pragma once
+
+#include "eventmessage.h"
+
+#include <memory>
+#include <optional>
+
+namespace sim
+{
+
+/* Which messages somebody wants, as an XPath 1.0 expression over the tt:Message, for example
+ *
+ *   boolean(//tt:SimpleItem[@Name="State" and @Value="true"])
+ *
+ * The prefixes tt, wsnt and tns1 are known. The result is taken as a boolean. */
+class ContentFilter
+{
+public:
+  static constexpr gsize MAX_LENGTH = 4096;
+  /* Far more than a sensible filter needs for one message, yet only milliseconds of work. */
+  static constexpr unsigned long MAX_OPERATIONS = 100000;
+
+  static std::optional<ContentFilter> compile(const char *text, GError **error);
+
+  std::optional<bool> matches(const EventMessage &message, GError **error) const;
+
+private:
+  struct Free {
+    void operator()(xmlXPathCompExpr *expression) const;
+  };
+
+  std::unique_ptr<xmlXPathCompExpr, Free> expression_;
+};
+
+GQuark content_filter_error_quark();
+
+} /* namespace sim */

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <gst/gst.h>
+
+/* What the simulated camera's elements agree on among themselves and with those who use them. */
+
+namespace sim
+{
+
+/* What every source of metadata produces: one complete child element of tt:MetadataStream per buffer. It
+ * declares all namespaces that it uses and has neither an XML declaration nor line breaks. */
+constexpr const char *FRAGMENT_CAPS = "application/x-onvif-metadata-fragment";
+
+/* Complete tt:MetadataStream documents, one per buffer. */
+constexpr const char *DOCUMENT_CAPS = "application/x-onvif-metadata";
+
+GstEvent *sync_point_event_new();
+bool is_sync_point_event(GstEvent *event);
+
+} /* namespace sim */

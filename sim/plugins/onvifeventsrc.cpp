@@ -1,0 +1,417 @@
+#include "onvifeventsrc.h"
+
+#include "contentfilter.h"
+#include "eventmessage.h"
+#include "metadata.h"
+#include "settings.h"
+#include "topicexpression.h"
+#include "world.h"
+
+#include <utility>
+
+/* A live source of the world's events. It sleeps until the world's next change, so it neither polls nor falls
+ * behind. The first buffer shows the present state of every property that passes the filters, and is sent
+ * even if none does, so that a pipeline pre-rolls at once; so does one buffer after each sync point.
+ *
+ * Threads: everything of `Story` belongs to the streaming thread while the element runs, and to the thread
+ * that starts it before. What other threads may touch is in `Waking`, under its lock. The properties are
+ * under the object lock. */
+
+namespace
+{
+
+struct Story {
+  sim::Settings settings;
+  sim::World world{0};
+  std::optional<sim::TopicExpression> topics;
+  std::optional<sim::ContentFilter> contents;
+  sim::WorldTime told_until = 0; /* no change up to here is told again */
+  bool started = false;          /* whether anything has been told */
+};
+
+struct Waking {
+  GMutex lock;
+  GCond changed;
+  bool flushing = false;
+  bool sync_requested = false;
+
+  Waking()
+  {
+    g_mutex_init(&lock);
+    g_cond_init(&changed);
+  }
+  ~Waking()
+  {
+    g_cond_clear(&changed);
+    g_mutex_clear(&lock);
+  }
+};
+
+struct State {
+  char *event_topic = nullptr;
+  char *event_content = nullptr;
+  Story story;
+  Waking waking;
+};
+
+} /* namespace */
+
+struct _TessardSimEventSrc {
+  GstPushSrc parent_instance;
+  State *state;
+};
+
+enum {
+  PROP_0,
+  PROP_EVENT_TOPIC,
+  PROP_EVENT_CONTENT,
+  N_PROPERTIES,
+};
+
+static GParamSpec *properties[N_PROPERTIES];
+
+GST_DEBUG_CATEGORY_STATIC(event_src_debug);
+#define GST_CAT_DEFAULT event_src_debug
+
+G_DEFINE_FINAL_TYPE(TessardSimEventSrc, tessard_sim_event_src, GST_TYPE_PUSH_SRC)
+
+namespace
+{
+
+/* Whoever has been away for longer, for example paused, is shown the present state instead of all the past.
+ */
+constexpr gint64 LONGEST_CATCH_UP = 10 * G_USEC_PER_SEC;
+
+enum class Wake {
+  FLUSHING,
+  SYNC_POINT,
+  CHANGE,
+};
+
+sim::WorldTime
+world_now(const Story &story)
+{
+  return sim::settings_world_time(story.settings, g_get_real_time());
+}
+
+/* Whether what has been told still holds and the story can go on from there. The wall clock may have been
+ * set, in either direction. */
+bool
+can_continue(const Story &story, sim::WorldTime now)
+{
+  sim::WorldTime longest = LONGEST_CATCH_UP * story.settings.speed;
+  return story.started && now >= story.told_until && now - story.told_until <= longest;
+}
+
+/* The monotonic time at which there is something to tell. */
+gint64
+next_deadline(const Story &story)
+{
+  if (!can_continue(story, world_now(story))) {
+    return g_get_monotonic_time();
+  }
+  sim::WorldTime next = story.world.next_change_after(story.told_until);
+  return g_get_monotonic_time() + sim::settings_utc(story.settings, next) - g_get_real_time();
+}
+
+Wake
+wait_for_news(Waking &waking, gint64 deadline)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
+  bool due = false;
+  while (!waking.flushing && !waking.sync_requested && !due) {
+    due = !g_cond_wait_until(&waking.changed, &waking.lock, deadline);
+  }
+  if (waking.flushing) {
+    return Wake::FLUSHING;
+  }
+  return std::exchange(waking.sync_requested, false) ? Wake::SYNC_POINT : Wake::CHANGE;
+}
+
+void
+set_flushing(Waking &waking, bool flushing)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
+  waking.flushing = flushing;
+  g_cond_signal(&waking.changed);
+}
+
+void
+set_sync_requested(Waking &waking, bool requested)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
+  waking.sync_requested = requested;
+  g_cond_signal(&waking.changed);
+}
+
+/* Adds @message to @wanted if the filters let it pass; fails only if a filter cannot be evaluated. */
+bool
+add_if_wanted(const Story &story, sim::EventMessage message, std::vector<sim::EventMessage> &wanted,
+              GError **error)
+{
+  if (story.topics.has_value() && !story.topics->matches(message.topic)) {
+    return true;
+  }
+  if (story.contents.has_value()) {
+    std::optional<bool> matches = story.contents->matches(message, error);
+    if (!matches.has_value()) {
+      return false;
+    }
+    if (!*matches) {
+      return true;
+    }
+  }
+  wanted.push_back(std::move(message));
+  return true;
+}
+
+/* Everything between what was told last and @now, then the whole state if @with_state. */
+bool
+collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool with_state,
+                 std::vector<sim::EventMessage> &wanted, GError **error)
+{
+  if (with_changes) {
+    for (const sim::Change &change : story.world.changes_between(story.told_until, now)) {
+      if (!add_if_wanted(story, sim::event_message_from_change(change, story.settings), wanted, error)) {
+        return false;
+      }
+    }
+  }
+  if (with_state) {
+    for (sim::EventMessage &message : sim::event_messages_of_state(story.world, now, story.settings)) {
+      if (!add_if_wanted(story, std::move(message), wanted, error)) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+/* Tells what is new; leaves @messages empty if nothing that is new is wanted. @answer is whether something
+ * has to be sent nevertheless. */
+bool
+tell(Story &story, bool sync_point, std::vector<sim::EventMessage> &messages, bool *answer, GError **error)
+{
+  sim::WorldTime now = world_now(story);
+  bool continues = can_continue(story, now);
+  bool with_state = sync_point || !continues;
+
+  *answer = with_state;
+  if (!collect_messages(story, now, continues, with_state, messages, error)) {
+    return false;
+  }
+  story.told_until = now;
+  story.started = true;
+  return true;
+}
+
+bool
+read_topics(TessardSimEventSrc *self, const char *text)
+{
+  Story &story = self->state->story;
+  story.topics.reset();
+  if (text == nullptr) {
+    return true;
+  }
+  g_autoptr(GError) error = nullptr;
+  story.topics = sim::TopicExpression::parse(text, &error);
+  if (!story.topics.has_value()) {
+    GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
+                      ("The topic filter of the events is malformed: %s.", error->message), (nullptr));
+  }
+  return story.topics.has_value();
+}
+
+bool
+read_contents(TessardSimEventSrc *self, const char *text)
+{
+  Story &story = self->state->story;
+  story.contents.reset();
+  if (text == nullptr) {
+    return true;
+  }
+  g_autoptr(GError) error = nullptr;
+  story.contents = sim::ContentFilter::compile(text, &error);
+  if (!story.contents.has_value()) {
+    GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
+                      ("The content filter of the events is malformed: %s.", error->message), (nullptr));
+  }
+  return story.contents.has_value();
+}
+
+} /* namespace */
+
+static void
+tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+{
+  State *state = TESSARD_SIM_EVENT_SRC(object)->state;
+  GST_OBJECT_LOCK(object);
+  switch (id) {
+  case PROP_EVENT_TOPIC:
+    g_free(state->event_topic);
+    state->event_topic = g_value_dup_string(value);
+    break;
+  case PROP_EVENT_CONTENT:
+    g_free(state->event_content);
+    state->event_content = g_value_dup_string(value);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+  GST_OBJECT_UNLOCK(object);
+}
+
+static void
+tessard_sim_event_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+{
+  State *state = TESSARD_SIM_EVENT_SRC(object)->state;
+  GST_OBJECT_LOCK(object);
+  switch (id) {
+  case PROP_EVENT_TOPIC:
+    g_value_set_string(value, state->event_topic);
+    break;
+  case PROP_EVENT_CONTENT:
+    g_value_set_string(value, state->event_content);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+  GST_OBJECT_UNLOCK(object);
+}
+
+static void
+tessard_sim_event_src_init(TessardSimEventSrc *self)
+{
+  self->state = new State;
+  gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
+  gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
+  gst_base_src_set_do_timestamp(GST_BASE_SRC(self), TRUE);
+}
+
+static void
+tessard_sim_event_src_finalize(GObject *object)
+{
+  TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(object);
+  g_free(self->state->event_topic);
+  g_free(self->state->event_content);
+  delete self->state;
+  G_OBJECT_CLASS(tessard_sim_event_src_parent_class)->finalize(object);
+}
+
+static gboolean
+tessard_sim_event_src_start(GstBaseSrc *base)
+{
+  TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(base);
+  GST_OBJECT_LOCK(self);
+  g_autofree char *topic = g_strdup(self->state->event_topic);
+  g_autofree char *content = g_strdup(self->state->event_content);
+  GST_OBJECT_UNLOCK(self);
+  if (!read_topics(self, topic) || !read_contents(self, content)) {
+    return FALSE;
+  }
+
+  Story &story = self->state->story;
+  story.settings = sim::settings_load();
+  story.world = sim::World(story.settings.seed);
+  story.started = false;
+  set_sync_requested(self->state->waking, false);
+  return TRUE;
+}
+
+static gboolean
+tessard_sim_event_src_unlock(GstBaseSrc *base)
+{
+  set_flushing(TESSARD_SIM_EVENT_SRC(base)->state->waking, true);
+  return TRUE;
+}
+
+static gboolean
+tessard_sim_event_src_unlock_stop(GstBaseSrc *base)
+{
+  set_flushing(TESSARD_SIM_EVENT_SRC(base)->state->waking, false);
+  return TRUE;
+}
+
+/* Runs in the thread of whoever sends the event, at any time. */
+static gboolean
+tessard_sim_event_src_event(GstBaseSrc *base, GstEvent *event)
+{
+  if (!sim::is_sync_point_event(event)) {
+    return GST_BASE_SRC_CLASS(tessard_sim_event_src_parent_class)->event(base, event);
+  }
+  GST_DEBUG_OBJECT(base, "Sync point requested");
+  set_sync_requested(TESSARD_SIM_EVENT_SRC(base)->state->waking, true);
+  return TRUE;
+}
+
+static GstFlowReturn
+tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
+{
+  TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(push);
+  Story &story = self->state->story;
+  for (;;) {
+    Wake wake = wait_for_news(self->state->waking, next_deadline(story));
+    if (wake == Wake::FLUSHING) {
+      return GST_FLOW_FLUSHING;
+    }
+
+    std::vector<sim::EventMessage> messages;
+    bool answer = false;
+    g_autoptr(GError) error = nullptr;
+    if (!tell(story, wake == Wake::SYNC_POINT, messages, &answer, &error)) {
+      GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
+                        ("The content filter of the events cannot be evaluated: %s.", error->message),
+                        (nullptr));
+      return GST_FLOW_ERROR;
+    }
+    if (messages.empty() && !answer) {
+      continue;
+    }
+    *buffer = sim::event_messages_to_fragment(messages);
+    return GST_FLOW_OK;
+  }
+}
+
+static void
+tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+  GstBaseSrcClass *base_class = GST_BASE_SRC_CLASS(klass);
+
+  GST_DEBUG_CATEGORY_INIT(event_src_debug, "onvifeventsrc", 0, "Events of the simulated camera");
+  object_class->set_property = tessard_sim_event_src_set_property;
+  object_class->get_property = tessard_sim_event_src_get_property;
+  object_class->finalize = tessard_sim_event_src_finalize;
+  base_class->start = tessard_sim_event_src_start;
+  base_class->unlock = tessard_sim_event_src_unlock;
+  base_class->unlock_stop = tessard_sim_event_src_unlock_stop;
+  base_class->event = tessard_sim_event_src_event;
+  GST_PUSH_SRC_CLASS(klass)->create = tessard_sim_event_src_create;
+
+  auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
+  properties[PROP_EVENT_TOPIC] = g_param_spec_string(
+      "event-topic", "Event topic", "ONVIF ConcreteSet topic expression: which topics to send, all if unset",
+      nullptr, flags);
+  properties[PROP_EVENT_CONTENT] = g_param_spec_string(
+      "event-content", "Event content",
+      "XPath expression over tt:Message: which events to send, all if unset", nullptr, flags);
+  g_object_class_install_properties(object_class, N_PROPERTIES, properties);
+
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  gst_element_class_add_pad_template(element_class,
+                                     gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+  gst_element_class_set_static_metadata(element_class, "ONVIF event source", "Source/Metadata",
+                                        "Produces the events of the simulated camera as ONVIF metadata",
+                                        "tessard");
+}
+
+static gboolean
+plugin_init(GstPlugin *plugin)
+{
+  xmlInitParser();
+  return gst_element_register(plugin, "onvifeventsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_EVENT_SRC);
+}
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifeventsrc, "Events of the simulated camera",
+                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")

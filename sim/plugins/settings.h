@@ -1,0 +1,27 @@
+#pragma once
+
+#include "world.h"
+
+namespace sim
+{
+
+/* What can be chosen about the simulated camera. The file named by the environment variable is a key file:
+ *
+ *   [World]
+ *   seed=1
+ *   epoch=2024-01-01T00:00:00Z
+ *   speed=1 */
+constexpr const char *SETTINGS_VARIABLE = "TESSARD_SIM_CONFIG";
+constexpr gint64 FASTEST_SPEED = 100;
+
+struct Settings {
+  guint64 seed = 1;
+  gint64 epoch = G_GINT64_CONSTANT(1704067200); /* seconds since 1970: the start of 2024 */
+  gint64 speed = 1;                             /* world seconds per second */
+};
+
+Settings settings_load();
+WorldTime settings_world_time(const Settings &settings, gint64 utc);
+gint64 settings_utc(const Settings &settings, WorldTime time);
+
+} /* namespace sim */

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <glib.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sim
+{
+
+/* Which topics somebody wants, as an ONVIF ConcreteSet topic expression:
+ *
+ *   TopicExpression ::= TopicPath ('|' TopicPath)*
+ *   TopicPath       ::= RootTopic ('/' ChildTopic)* '//.'?
+ *
+ * A path names one topic; with "//." at its end it names that topic and everything below it. The root topic
+ * has a prefix, a child may have one. Prefixes are compared as they stand, since no client can declare any;
+ * a topic that the camera does not have is allowed and simply never matches. */
+class TopicExpression
+{
+public:
+  static constexpr gsize MAX_LENGTH = 4096;
+  static constexpr gsize MAX_PATHS = 64;
+  static constexpr gsize MAX_DEPTH = 16;
+
+  static std::optional<TopicExpression> parse(const char *text, GError **error);
+
+  bool matches(std::string_view topic) const;
+
+private:
+  struct Path {
+    std::string topic;
+    bool subtree;
+  };
+
+  std::vector<Path> paths_;
+};
+
+GQuark topic_expression_error_quark();
+
+} /* namespace sim */

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <glib.h>
+#include <vector>
+
+/* The story that the whole simulated camera tells: people and vehicles pass through the picture and cross a
+ * line, digital inputs toggle. Everything follows from a seed and a time alone, so every element in every
+ * process sees the same world without talking to the others. */
+
+namespace sim
+{
+
+/* Microseconds of the world's own time; negative before its epoch. */
+using WorldTime = gint64;
+
+/* A position in the picture, normalised: x from -1 (left) to 1 (right), y from -1 (bottom) to 1 (top). */
+struct Point {
+  double x;
+  double y;
+};
+
+struct Line {
+  Point top;
+  Point bottom;
+};
+
+enum class ObjectType {
+  HUMAN,
+  VEHICLE,
+};
+
+enum class Direction {
+  LEFT_TO_RIGHT,
+  RIGHT_TO_LEFT,
+};
+
+struct Object {
+  gint64 id;
+  ObjectType type;
+  Point centre;
+  double width;
+  double height;
+  Point velocity; /* per second */
+};
+
+enum class ChangeType {
+  INPUT,
+  MOTION,
+  CROSSING,
+};
+
+struct Change {
+  WorldTime time;
+  ChangeType type;
+  unsigned input;      /* INPUT: which one */
+  bool state;          /* INPUT and MOTION: the new state */
+  gint64 object_id;    /* CROSSING: who */
+  Direction direction; /* CROSSING: which way */
+
+  bool operator==(const Change &) const = default;
+};
+
+class World
+{
+public:
+  static constexpr unsigned INPUT_COUNT = 2;
+
+  explicit World(guint64 seed);
+
+  Line line() const;
+  std::vector<Object> objects_at(WorldTime time) const;
+  bool motion_at(WorldTime time) const;
+  bool input_at(unsigned input, WorldTime time) const;
+
+  std::vector<Change> changes_between(WorldTime after, WorldTime until) const;
+  WorldTime next_change_after(WorldTime time) const;
+
+private:
+  guint64 seed_;
+};
+
+} /* namespace sim */

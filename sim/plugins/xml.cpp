@@ -1,0 +1,102 @@
+#include "xml.h"
+
+/* Thin helpers over libxml2's writer. Its functions only fail without memory or when start and end do not
+ * match, so the results are not looked at. */
+
+namespace sim
+{
+
+namespace
+{
+
+const xmlChar *
+as_xml(const char *text)
+{
+  return reinterpret_cast<const xmlChar *>(text);
+}
+
+} /* namespace */
+
+/**
+ * xml_start:
+ * @writer: the writer
+ * @element_namespace: the element's namespace, which must be declared here or further out
+ * @name: the element's local name
+ *
+ * Opens an element, to be closed by xml_end().
+ */
+void
+xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name)
+{
+  xmlTextWriterStartElementNS(writer, as_xml(element_namespace.prefix), as_xml(name), nullptr);
+}
+
+/**
+ * xml_attribute:
+ * @writer: the writer, with an element just opened
+ * @name: the attribute's name
+ * @value: its value, which is escaped as needed
+ *
+ * Adds an attribute without a namespace to the open element.
+ */
+void
+xml_attribute(xmlTextWriter *writer, const char *name, const char *value)
+{
+  xmlTextWriterWriteAttribute(writer, as_xml(name), as_xml(value));
+}
+
+/**
+ * xml_declare:
+ * @writer: the writer, with an element just opened
+ * @declared: the namespace
+ *
+ * Declares a namespace on the open element.
+ */
+void
+xml_declare(xmlTextWriter *writer, const XmlNamespace &declared)
+{
+  xmlTextWriterWriteAttributeNS(writer, as_xml("xmlns"), as_xml(declared.prefix), nullptr,
+                                as_xml(declared.uri));
+}
+
+/**
+ * xml_end:
+ * @writer: the writer
+ *
+ * Closes the element opened last.
+ */
+void
+xml_end(xmlTextWriter *writer)
+{
+  xmlTextWriterEndElement(writer);
+}
+
+/**
+ * xml_date_time:
+ * @utc: microseconds since 1970
+ *
+ * Returns: (transfer full): @utc as an xs:dateTime in UTC
+ */
+char *
+xml_date_time(gint64 utc)
+{
+  g_autoptr(GDateTime) origin = g_date_time_new_from_unix_utc(0);
+  g_autoptr(GDateTime) time = g_date_time_add(origin, utc);
+  return g_date_time_format(time, "%Y-%m-%dT%H:%M:%S.%fZ");
+}
+
+/**
+ * xml_to_gst_buffer:
+ * @buffer: what a writer has written; empty afterwards
+ *
+ * Returns: (transfer full): a buffer that owns the text, without copying it
+ */
+GstBuffer *
+xml_to_gst_buffer(xmlBuffer *buffer)
+{
+  gsize size = static_cast<gsize>(xmlBufferLength(buffer));
+  xmlChar *text = xmlBufferDetach(buffer);
+  return gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), text, size, 0, size, text, xmlFree);
+}
+
+} /* namespace sim */

@@ -1,0 +1,140 @@
+#include "contentfilter.h"
+
+#include "hostiletext.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+using sim::Change;
+using sim::ChangeType;
+using sim::ContentFilter;
+using sim::EventMessage;
+
+namespace
+{
+
+EventMessage
+input_on()
+{
+  return sim::event_message_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true},
+                                        {});
+}
+
+EventMessage
+motion_off()
+{
+  return sim::event_message_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {});
+}
+
+EventMessage
+crossing()
+{
+  return sim::event_message_from_change(
+      {.time = 0, .type = ChangeType::CROSSING, .object_id = 12, .direction = sim::Direction::RIGHT_TO_LEFT},
+      {});
+}
+
+struct MatchCase {
+  const char *expression;
+  bool input_on;
+  bool motion_off;
+  bool crossing;
+};
+
+class Matching : public testing::TestWithParam<MatchCase>
+{
+};
+
+TEST_P(Matching, PicksMessages)
+{
+  const MatchCase &expected = GetParam();
+  g_autoptr(GError) error = nullptr;
+  std::optional<ContentFilter> filter = ContentFilter::compile(expected.expression, &error);
+  ASSERT_TRUE(filter.has_value()) << expected.expression << ": " << error->message;
+  EXPECT_EQ(filter->matches(input_on(), &error), expected.input_on);
+  EXPECT_EQ(filter->matches(motion_off(), &error), expected.motion_off);
+  EXPECT_EQ(filter->matches(crossing(), &error), expected.crossing);
+  EXPECT_EQ(error, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Expressions, Matching,
+    testing::Values(
+        MatchCase{"boolean(//tt:SimpleItem[@Name=\"State\" and @Value=\"true\"])", false, false, false},
+        MatchCase{"boolean(//tt:SimpleItem[@Name=\"State\" and @Value=\"false\"])", false, true, false},
+        MatchCase{"boolean(//tt:SimpleItem[@Name='LogicalState' and @Value='true'])", true, false, false},
+        MatchCase{"boolean(//tt:SimpleItem[@Name='ObjectId' and @Value>10])", false, false, true},
+        MatchCase{"boolean(//tt:SimpleItem[@Name='ObjectId' and @Value>12])", false, false, false},
+        MatchCase{"boolean(//tt:SimpleItem[@Value='true']) or boolean(//tt:SimpleItem[@Name='Rule'])", true,
+                  false, true},
+        MatchCase{"not(boolean(//tt:SimpleItem[@Value='true']))", false, true, true},
+        /* Whatever the type of the result, it counts as a boolean. */
+        MatchCase{"//tt:SimpleItem[@Name='State']", false, true, false},
+        MatchCase{"count(//tt:SimpleItem) - 4", true, true, false},
+        MatchCase{"string(//@PropertyOperation)", true, true, false},
+        /* The message is both the root and the place where relative paths begin. */
+        MatchCase{"/tt:Message/@PropertyOperation='Changed'", true, true, false},
+        MatchCase{"@PropertyOperation", true, true, false},
+        MatchCase{"tt:Source/tt:SimpleItem[@Name='InputToken']", true, false, false},
+        MatchCase{"//wsnt:Topic or //tns1:Device", false, false, false},
+        MatchCase{"//SimpleItem", false, false, false}));
+
+class Refused : public testing::TestWithParam<HostileText>
+{
+};
+
+TEST_P(Refused, WithoutRepeatingOrPrintingIt)
+{
+  g_autoptr(GError) error = nullptr;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(ContentFilter::compile(GetParam().text.c_str(), &error).has_value());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, sim::content_filter_error_quark());
+  EXPECT_TRUE(g_str_is_ascii(error->message));
+  EXPECT_LT(strlen(error->message), 100u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Malformed, Refused,
+                         testing::Values<HostileText>("", " ", "1 +", "'", "\"unfinished", "//*[", "]",
+                                                      "boolean(", "a b", "()", "//", "@", "$",
+                                                      "<tt:Message/>", "tt:", ":x", "true() and", "\x01",
+                                                      "//tt:Sim\xff\xfe", "%s%n%s%n("));
+
+INSTANTIATE_TEST_SUITE_P(Unknown, Refused,
+                         testing::Values<HostileText>("frobnicate()", "not(frobnicate())", "x:frobnicate()",
+                                                      "not(x:frobnicate())", "$variable", "not($variable)",
+                                                      "$x:variable", "//x:SimpleItem",
+                                                      "document('/etc/hostname')", "boolean()",
+                                                      "string-length(1, 2)", "count('text')", "1 | 2"));
+
+INSTANTIATE_TEST_SUITE_P(TooMuch, Refused,
+                         testing::Values<HostileText>(repeat("a", ContentFilter::MAX_LENGTH + 1),
+                                                      repeat("a", 10 * 1000 * 1000), repeat("(", 4000),
+                                                      repeat("a[", 2000), repeat("a/", 2048) + "(",
+                                                      repeat("not(", 900) + "1" + repeat(")", 900),
+                                                      repeat("//*[count(", 9) + "//*" + repeat(")>0]", 9)));
+
+TEST(ContentFilterLimits, LongestExpressionIsAccepted)
+{
+  std::string head = "boolean(//tt:SimpleItem[@Name='";
+  std::string tail = "'])";
+  std::string text = head + std::string(ContentFilter::MAX_LENGTH - head.size() - tail.size(), 'a') + tail;
+  ASSERT_EQ(text.size(), ContentFilter::MAX_LENGTH);
+  EXPECT_TRUE(ContentFilter::compile(text.c_str(), nullptr).has_value());
+}
+
+TEST(ContentFilterEvaluation, FailureOnSomeMessagesOnlyIsReported)
+{
+  std::optional<ContentFilter> filter =
+      ContentFilter::compile("not(//@PropertyOperation='Initialized') or frobnicate()", nullptr);
+  ASSERT_TRUE(filter.has_value());
+  EventMessage message = motion_off();
+  EXPECT_EQ(filter->matches(message, nullptr), true);
+  message.operation = "Initialized";
+  g_autoptr(GError) error = nullptr;
+  EXPECT_FALSE(filter->matches(message, &error).has_value());
+  EXPECT_NE(error, nullptr);
+}
+
+} /* namespace */

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <glib.h>
+
+/* Sets the wall clock that the program and its plug-ins see, relative to the real one, in microseconds. */
+void set_wall_clock_offset(gint64 offset);
