@@ -1,0 +1,29 @@
+#pragma once
+
+#include <glib.h>
+
+/* What the process ends with, the same for every sub-command. An error of TESSARDCTL_ERROR has one of these
+ * as its code. */
+enum ExitStatus : int {
+  EXIT_STATUS_SUCCESS = 0,
+  EXIT_STATUS_REFUSED = 1,
+  EXIT_STATUS_USAGE = 2,
+  EXIT_STATUS_NO_CONNECTION = 3,
+  EXIT_STATUS_TIMED_OUT = 4,
+  EXIT_STATUS_ENDED = 5,
+  EXIT_STATUS_MALFORMED = 6,
+  EXIT_STATUS_LOCAL = 7,
+};
+
+/* One sub-command. @run gets the arguments from the sub-command's name on and returns an ExitStatus. */
+struct Command {
+  const gchar *name;
+  const gchar *summary;
+  int (*run)(int argc, char **argv);
+};
+
+#define TESSARDCTL_ERROR (tessardctl_error_quark())
+
+GQuark tessardctl_error_quark(void);
+void command_print_error(const gchar *message);
+int command_usage_error(const gchar *message);

@@ -1,0 +1,201 @@
+/* The way to the stream: connects to the daemon's socket, sends the request and reads the reply.
+ *
+ * The reply ends with a NUL and the stream follows without a gap, often in the same packet. So a read looks
+ * at what has arrived first and takes it up to the NUL only: the next byte in the socket is the stream's
+ * first.
+ *
+ * Everything here waits, for as long as its GCancellable lets it.
+ */
+#include "connection.h"
+#include "command.h"
+
+#include <array>
+#include <cstring>
+#include <gio/gunixsocketaddress.h>
+#include <sys/un.h>
+
+namespace
+{
+
+constexpr gsize MAX_SOCKET_PATH_LENGTH = sizeof(sockaddr_un::sun_path) - 1;
+
+/* A refusal may quote a whole line of the request. */
+constexpr gsize MAX_REPLY_BYTES = 64 * 1024 + 512;
+
+constexpr gsize REPLY_CHUNK_BYTES = 1024;
+
+/* A UNIX socket cannot be waited on for room in the listener's backlog; one can only try again. */
+constexpr gint CONNECT_RETRY_MS = 20;
+
+constexpr gchar REFUSAL[] = "FAIL\n";
+
+void
+set_no_connection(GError **error, const gchar *socket_path, const gchar *cause)
+{
+  g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_NO_CONNECTION, "Could not connect to '%s': %s.",
+              socket_path, cause);
+}
+
+void
+wait_before_retry(GCancellable *cancellable)
+{
+  GPollFD cancelled = {};
+
+  if (g_cancellable_make_pollfd(cancellable, &cancelled)) {
+    g_poll(&cancelled, 1, CONNECT_RETRY_MS);
+    g_cancellable_release_fd(cancellable);
+  }
+}
+
+gboolean
+connect_socket(GSocket *socket, const gchar *socket_path, GCancellable *cancellable, GError **error)
+{
+  g_autoptr(GSocketAddress) address = g_unix_socket_address_new(socket_path);
+  g_autoptr(GError) cause = nullptr;
+
+  while (!g_socket_connect(socket, address, cancellable, &cause)) {
+    if (!g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) ||
+        g_cancellable_is_cancelled(cancellable)) {
+      set_no_connection(error, socket_path, cause->message);
+      return FALSE;
+    }
+    g_clear_error(&cause);
+    wait_before_retry(cancellable);
+  }
+  return TRUE;
+}
+
+/* GLib cuts a path that is too long and would connect to another one. */
+GSocket *
+connect_to(const gchar *socket_path, GCancellable *cancellable, GError **error)
+{
+  if (strlen(socket_path) > MAX_SOCKET_PATH_LENGTH) {
+    set_no_connection(error, socket_path, g_strerror(ENAMETOOLONG));
+    return nullptr;
+  }
+
+  g_autoptr(GError) cause = nullptr;
+  g_autoptr(GSocket) socket =
+      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_DEFAULT, &cause);
+  if (socket == nullptr) {
+    set_no_connection(error, socket_path, cause->message);
+    return nullptr;
+  }
+  if (!connect_socket(socket, socket_path, cancellable, error)) {
+    return nullptr;
+  }
+  return g_steal_pointer(&socket);
+}
+
+/* A daemon that does not want the rest of a request may answer and hang up before it is all sent. What counts
+ * then is the answer, so a failure here is left for the reader of the reply to find. */
+void
+send_request(GSocket *socket, const gchar *request, GCancellable *cancellable)
+{
+  const gsize size = strlen(request);
+
+  for (gsize sent = 0; sent < size;) {
+    const gssize result = g_socket_send(socket, request + sent, size - sent, cancellable, nullptr);
+    if (result < 0) {
+      return;
+    }
+    sent += result;
+  }
+}
+
+gssize
+receive(GSocket *socket, gchar *buffer, gsize size, gint flags, GCancellable *cancellable)
+{
+  GInputVector vector = {buffer, size};
+
+  return g_socket_receive_message(socket, nullptr, &vector, 1, nullptr, nullptr, &flags, cancellable,
+                                  nullptr);
+}
+
+/* Takes what has arrived, up to and with the first NUL, off the socket and adds it to @reply. */
+gboolean
+receive_reply_chunk(GSocket *socket, GString *reply, GCancellable *cancellable)
+{
+  std::array<gchar, REPLY_CHUNK_BYTES> chunk = {};
+
+  const gssize arrived = receive(socket, chunk.data(), chunk.size(), G_SOCKET_MSG_PEEK, cancellable);
+  if (arrived <= 0) {
+    return FALSE;
+  }
+  const auto *nul = static_cast<const gchar *>(memchr(chunk.data(), '\0', arrived));
+  const gssize wanted = nul == nullptr ? arrived : nul - chunk.data() + 1;
+
+  const gssize taken = receive(socket, chunk.data(), wanted, G_SOCKET_MSG_NONE, cancellable);
+  if (taken <= 0) {
+    return FALSE;
+  }
+  g_string_append_len(reply, chunk.data(), taken);
+  return TRUE;
+}
+
+/* Reads up to and with the NUL that ends the reply; the text ends there for C as well. */
+GString *
+receive_reply(GSocket *socket, GCancellable *cancellable, GError **error)
+{
+  g_autoptr(GString) reply = g_string_new(nullptr);
+
+  do {
+    if (reply->len > MAX_REPLY_BYTES) {
+      g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_MALFORMED,
+                  "The daemon's reply is longer than %" G_GSIZE_FORMAT " bytes.", MAX_REPLY_BYTES);
+      return nullptr;
+    }
+    if (!receive_reply_chunk(socket, reply, cancellable)) {
+      g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_ENDED,
+                          "The daemon closed the connection before its reply was complete.");
+      return nullptr;
+    }
+  } while (reply->str[reply->len - 1] != '\0');
+  return g_steal_pointer(&reply);
+}
+
+gboolean
+judge_reply(const gchar *reply, GError **error)
+{
+  if (g_str_equal(reply, "OK")) {
+    return TRUE;
+  }
+  if (g_str_has_prefix(reply, REFUSAL)) {
+    g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, reply + strlen(REFUSAL));
+    return FALSE;
+  }
+  g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_MALFORMED,
+                      "The daemon's reply is neither \"OK\" nor \"FAIL\".");
+  return FALSE;
+}
+
+} // namespace
+
+/**
+ * connection_open:
+ * @socket_path: (transfer none): the daemon's socket
+ * @request: (transfer none): the whole text of the request
+ * @cancellable: (transfer none): ends every wait
+ * @error: return location for an error of %TESSARDCTL_ERROR
+ *
+ * Connects, sends the request and reads the daemon's reply, without a byte of what follows it. Waits for the
+ * daemon until cancelled; after that the error says anything. Any thread.
+ *
+ * Returns: (transfer full) (nullable): the connected socket, with the stream's first byte next, or %NULL when
+ *   there is no connection, no proper reply, or a refusal, whose reason is then the error's message
+ */
+GSocket *
+connection_open(const gchar *socket_path, const gchar *request, GCancellable *cancellable, GError **error)
+{
+  g_autoptr(GSocket) socket = connect_to(socket_path, cancellable, error);
+  if (socket == nullptr) {
+    return nullptr;
+  }
+
+  send_request(socket, request, cancellable);
+  g_autoptr(GString) reply = receive_reply(socket, cancellable, error);
+  if (reply == nullptr || !judge_reply(reply->str, error)) {
+    return nullptr;
+  }
+  return g_steal_pointer(&socket);
+}

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <glib.h>
+
+GString *document_format_line(const gchar *document, gsize size);
+GString *document_format_indented(const gchar *document, gsize size);

@@ -1,0 +1,112 @@
+/* tessardctl's entry: finds the sub-command and hands the rest of the command line to it. Each sub-command
+ * has a file and an option parser of its own and is one line in the table below.
+ */
+#include "command.h"
+#include "stream.h"
+
+#include <array>
+#include <clocale>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::array COMMANDS = {
+    Command{"stream", "Print the metadata that the daemon streams", stream_command_run},
+};
+
+/* A descriptor below 3 that the caller closed would go to the next socket or file that is opened, and output
+ * would end up there. Each gets a stand-in on which reading or writing fails as it does on a closed one. */
+void
+occupy_standard_descriptors(void)
+{
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+    if (fcntl(fd, F_GETFD) < 0) {
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
+gchar *
+describe_commands(void)
+{
+  g_autoptr(GString) text = g_string_new("Commands:\n");
+
+  for (const Command &command : COMMANDS) {
+    g_string_append_printf(text, "  %-10s %s\n", command.name, command.summary);
+  }
+  g_string_append(text, "\n'tessardctl COMMAND --help' tells more about a command.");
+  return g_string_free(g_steal_pointer(&text), FALSE);
+}
+
+/* Parses the options that stand before the sub-command and takes them out of the arguments. */
+gboolean
+parse_options(int *argc, char ***argv, gboolean *version, GError **error)
+{
+  const GOptionEntry entries[] = {
+      {"version", 'V', 0, G_OPTION_ARG_NONE, version, "Print the version and exit", nullptr},
+      {},
+  };
+  g_autoptr(GOptionContext) context = g_option_context_new("COMMAND [ARGUMENT…]");
+  g_autofree gchar *description = describe_commands();
+
+  g_option_context_set_summary(context, "Talks to tessard, the camera's metadata daemon.");
+  g_option_context_set_description(context, description);
+  g_option_context_set_strict_posix(context, TRUE);
+  g_option_context_add_main_entries(context, entries, nullptr);
+  return g_option_context_parse(context, argc, argv, error);
+}
+
+const Command *
+find_command(const gchar *name)
+{
+  for (const Command &command : COMMANDS) {
+    if (g_str_equal(command.name, name)) {
+      return &command;
+    }
+  }
+  return nullptr;
+}
+
+int
+run_command(int argc, char **argv)
+{
+  const Command *command = find_command(argv[0]);
+  if (command == nullptr) {
+    g_autofree gchar *message = g_strdup_printf("Unknown command '%s'.", argv[0]);
+    return command_usage_error(message);
+  }
+
+  g_autofree gchar *words = g_strdup_printf("tessardctl %s", command->name);
+  g_set_prgname(words);
+  return command->run(argc, argv);
+}
+
+} // namespace
+
+int
+main(int argc, char **argv)
+{
+  gboolean version = FALSE;
+  g_autoptr(GError) error = nullptr;
+
+  occupy_standard_descriptors();
+  /* A reader of our output that has gone is an error of the write, not the end of the process. */
+  signal(SIGPIPE, SIG_IGN);
+  setlocale(LC_ALL, "");
+  g_set_prgname("tessardctl");
+
+  if (!parse_options(&argc, &argv, &version, &error)) {
+    return command_usage_error(error->message);
+  }
+  if (version) {
+    g_print("tessardctl version %s\n", TESSARDCTL_VERSION);
+    return EXIT_STATUS_SUCCESS;
+  }
+  if (argc < 2) {
+    return command_usage_error("No command given.");
+  }
+  return run_command(argc - 1, argv + 1);
+}

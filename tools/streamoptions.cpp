@@ -1,0 +1,296 @@
+/* The options of "tessardctl stream" and the request that they make.
+ *
+ * The daemon judges what is asked. Only what could not be sent as one header line is a usage error here, as
+ * is a wrong value of an option that stays on this side. All texts are taken as raw bytes, not in the
+ * locale's encoding, because the daemon shall get exactly what the user typed.
+ */
+#include "streamoptions.h"
+#include "command.h"
+
+#include <array>
+#include <cmath>
+#include <cstring>
+
+namespace
+{
+
+/* A macro, so that the help can be put together from it. */
+#define DEFAULT_SOCKET_PATH "/run/tessard/metadata"
+
+constexpr gdouble MIN_TIMEOUT_SECONDS = 0.001;
+constexpr gdouble MAX_TIMEOUT_SECONDS = 30.0 * 24 * 60 * 60;
+
+constexpr gchar ESCAPED_BLANK[] = "\\040";
+
+constexpr gchar PARAGRAPH_SEPARATOR[] = "\xe2\x80\xa9";
+
+constexpr gchar SUMMARY[] =
+    "Asks tessard for metadata and prints it as it comes: ONVIF documents, one per line.\n"
+    "At least one kind of metadata has to be asked for; the daemon decides about the values.";
+
+constexpr gchar DESCRIPTION[] =
+    "Examples:\n"
+    "  tessardctl stream --event\n"
+    "      every event, until Ctrl-C\n"
+    "  tessardctl stream --event-topic 'tns1:Device//.|tns1:VideoSource//.' --count 1 --pretty\n"
+    "      the first event of two families of topics, indented\n"
+    "  tessardctl stream --analytics 2 --ptz 1 --channel 1 --timeout 60 --output scenes.xml\n"
+    "      objects with polygons and the camera head's position, for a minute, into a file\n"
+    "\n"
+    "Exit status:\n"
+    "  0  the stream was printed until --count or --timeout, Ctrl-C, SIGTERM, or until nobody read it any "
+    "more\n"
+    "  1  the daemon refused the request\n"
+    "  2  wrong usage\n"
+    "  3  no connection to the daemon\n"
+    "  4  --timeout ran out before the daemon's reply, or before --count documents had come\n"
+    "  5  the daemon ended the connection\n"
+    "  6  the daemon sent something that is not a reply or not a metadata stream\n"
+    "  7  the output could not be written, or a part of GStreamer is missing";
+
+enum class ValueKind {
+  TEXT,  /* sent escaped, so anything goes */
+  PLAIN, /* sent as it is */
+};
+
+struct RequestKey {
+  const gchar *key;
+  const gchar *option;
+  gchar *StreamOptions::*value;
+  ValueKind kind;
+};
+
+constexpr std::array REQUEST_KEYS = {
+    RequestKey{"event_topic", "--event-topic", &StreamOptions::event_topic, ValueKind::TEXT},
+    RequestKey{"event_content", "--event-content", &StreamOptions::event_content, ValueKind::TEXT},
+    RequestKey{"analytics", "--analytics", &StreamOptions::analytics, ValueKind::PLAIN},
+    RequestKey{"video_channel", "--channel", &StreamOptions::channel, ValueKind::PLAIN},
+    RequestKey{"ptz", "--ptz", &StreamOptions::ptz, ValueKind::PLAIN},
+    RequestKey{"ptz_pantilt_coordinate_space", "--pantilt-space", &StreamOptions::pantilt_space,
+               ValueKind::PLAIN},
+    RequestKey{"ptz_zoom_coordinate_space", "--zoom-space", &StreamOptions::zoom_space, ValueKind::PLAIN},
+};
+
+/* What GLib's parser can only take as text: numbers that it would read in octal, or accept as infinite. */
+struct NumberTexts {
+  NumberTexts() = default;
+  NumberTexts(const NumberTexts &) = delete;
+  NumberTexts &operator=(const NumberTexts &) = delete;
+  ~NumberTexts()
+  {
+    g_free(count);
+    g_free(timeout);
+  }
+
+  gchar *count = nullptr;
+  gchar *timeout = nullptr;
+};
+
+gboolean
+parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char ***argv, GError **error)
+{
+  const GOptionEntry entries[] = {
+      {"event", 0, 0, G_OPTION_ARG_NONE, &options->event, "Ask for events", nullptr},
+      {"event-topic", 0, 0, G_OPTION_ARG_FILENAME, &options->event_topic,
+       "Ask for events that match a topic expression", "TEXT"},
+      {"event-content", 0, 0, G_OPTION_ARG_FILENAME, &options->event_content,
+       "Ask for events that match a message content filter", "TEXT"},
+      {"analytics", 0, 0, G_OPTION_ARG_FILENAME, &options->analytics,
+       "Ask for detected objects: 1 with bounding boxes, 2 with polygons too", "N"},
+      {"ptz", 0, 0, G_OPTION_ARG_FILENAME, &options->ptz,
+       "Ask for pan, tilt and zoom: 1 status and position, 2 position, 3 status", "N"},
+      {"pantilt-space", 0, 0, G_OPTION_ARG_FILENAME, &options->pantilt_space,
+       "Coordinate space of pan and tilt, 0 to 2", "N"},
+      {"zoom-space", 0, 0, G_OPTION_ARG_FILENAME, &options->zoom_space, "Coordinate space of zoom, 0 to 2",
+       "N"},
+      {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel,
+       "Video channel that --analytics and --ptz mean", "N"},
+      {"socket", 0, 0, G_OPTION_ARG_FILENAME, &options->socket_path,
+       "The daemon's socket (default: " DEFAULT_SOCKET_PATH ")", "PATH"},
+      {"count", 0, 0, G_OPTION_ARG_FILENAME, &numbers->count, "Stop after N documents", "N"},
+      {"timeout", 0, 0, G_OPTION_ARG_FILENAME, &numbers->timeout,
+       "Stop after so many seconds, connecting included; fractions are fine", "SECONDS"},
+      {"sync", 0, 0, G_OPTION_ARG_NONE, &options->sync,
+       "Once the stream has started, ask for everything's present state", nullptr},
+      {"pretty", 0, 0, G_OPTION_ARG_NONE, &options->pretty, "Print indented XML, several lines a document",
+       nullptr},
+      {"output", 0, 0, G_OPTION_ARG_FILENAME, &options->output_path,
+       "Write to a file instead of standard output", "FILE"},
+      {},
+  };
+  g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
+
+  g_option_context_set_summary(context, SUMMARY);
+  g_option_context_set_description(context, DESCRIPTION);
+  g_option_context_add_main_entries(context, entries, nullptr);
+  return g_option_context_parse(context, argc, argv, error);
+}
+
+gboolean
+check_not_empty(const gchar *option, const gchar *value, GError **error)
+{
+  if (value != nullptr && *value == '\0') {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The value of %s is empty.", option);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* The daemon takes a lone carriage return and a paragraph separator for line ends too. */
+gboolean
+check_one_line(const gchar *option, const gchar *value, GError **error)
+{
+  if (value != nullptr &&
+      (strpbrk(value, "\r\n") != nullptr || strstr(value, PARAGRAPH_SEPARATOR) != nullptr)) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The value of %s has more than one line.",
+                option);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+gboolean
+check_values(const StreamOptions *options, GError **error)
+{
+  for (const RequestKey &key : REQUEST_KEYS) {
+    const gchar *value = options->*key.value;
+    if (key.kind == ValueKind::PLAIN &&
+        (!check_not_empty(key.option, value, error) || !check_one_line(key.option, value, error))) {
+      return FALSE;
+    }
+  }
+  return check_not_empty("--socket", options->socket_path, error) &&
+         check_not_empty("--output", options->output_path, error);
+}
+
+gboolean
+parse_count(const gchar *text, guint64 *count, GError **error)
+{
+  if (text == nullptr || g_ascii_string_to_unsigned(text, 10, 1, G_MAXINT64, count, nullptr)) {
+    return TRUE;
+  }
+  g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
+              "The value of --count is '%s', not a whole number from 1 on.", text);
+  return FALSE;
+}
+
+gboolean
+parse_timeout(const gchar *text, guint *timeout_ms, GError **error)
+{
+  if (text == nullptr) {
+    return TRUE;
+  }
+
+  gchar *end = nullptr;
+  const gdouble seconds = g_ascii_strtod(text, &end);
+  if (end == text || *end != '\0' || !(seconds >= MIN_TIMEOUT_SECONDS && seconds <= MAX_TIMEOUT_SECONDS)) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
+                "The value of --timeout is '%s', not a number of seconds from %g to %.0f.", text,
+                MIN_TIMEOUT_SECONDS, MAX_TIMEOUT_SECONDS);
+    return FALSE;
+  }
+  *timeout_ms = static_cast<guint>(std::lround(seconds * 1000));
+  return TRUE;
+}
+
+/* The daemon undoes backslash escapes in texts, after it has cut white space off the line's end. So every
+ * byte that is not printable ASCII is escaped, which leaves no line end in any encoding, and so are blanks at
+ * the end. */
+void
+append_text(GString *request, const gchar *text)
+{
+  g_autofree gchar *escaped = g_strescape(text, nullptr);
+  const gsize length = strlen(escaped);
+  gsize kept = length;
+
+  while (kept > 0 && escaped[kept - 1] == ' ') {
+    kept--;
+  }
+  g_string_append_len(request, escaped, static_cast<gssize>(kept));
+  for (gsize blank = kept; blank < length; blank++) {
+    g_string_append(request, ESCAPED_BLANK);
+  }
+}
+
+void
+append_header_line(GString *request, const RequestKey &key, const gchar *value)
+{
+  g_string_append_printf(request, "%s=", key.key);
+  if (key.kind == ValueKind::TEXT) {
+    append_text(request, value);
+  } else {
+    g_string_append(request, value);
+  }
+  g_string_append_c(request, '\n');
+}
+
+} // namespace
+
+StreamOptions::~StreamOptions()
+{
+  g_free(event_topic);
+  g_free(event_content);
+  g_free(analytics);
+  g_free(ptz);
+  g_free(pantilt_space);
+  g_free(zoom_space);
+  g_free(channel);
+  g_free(socket_path);
+  g_free(output_path);
+}
+
+/**
+ * stream_options_parse:
+ * @options: (transfer none): as constructed; filled in
+ * @argc: number of arguments
+ * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @error: return location for an error, whose message is for the user
+ *
+ * Reads the command line. "--help" prints the help and ends the process. Main thread.
+ *
+ * Returns: %FALSE when the command line is wrong
+ */
+gboolean
+stream_options_parse(StreamOptions *options, int argc, char **argv, GError **error)
+{
+  NumberTexts numbers;
+
+  if (!parse_command_line(options, &numbers, &argc, &argv, error)) {
+    return FALSE;
+  }
+  if (argc > 1) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "Unexpected argument '%s'.", argv[1]);
+    return FALSE;
+  }
+  if (options->socket_path == nullptr) {
+    options->socket_path = g_strdup(DEFAULT_SOCKET_PATH);
+  }
+  return check_values(options, error) && parse_count(numbers.count, &options->count, error) &&
+         parse_timeout(numbers.timeout, &options->timeout_ms, error);
+}
+
+/**
+ * stream_options_build_request:
+ * @options: (transfer none): parsed options
+ *
+ * Writes the request for what the options ask for. A filter of events asks for events as well. Any thread.
+ *
+ * Returns: (transfer full): the request's text, from "OPEN" to the empty line
+ */
+gchar *
+stream_options_build_request(const StreamOptions *options)
+{
+  g_autoptr(GString) request = g_string_new("OPEN\n");
+
+  if (options->event || options->event_topic != nullptr || options->event_content != nullptr) {
+    g_string_append(request, "event=1\n");
+  }
+  for (const RequestKey &key : REQUEST_KEYS) {
+    const gchar *value = options->*key.value;
+    if (value != nullptr) {
+      append_header_line(request, key, value);
+    }
+  }
+  g_string_append_c(request, '\n');
+  return g_string_free(g_steal_pointer(&request), FALSE);
+}
