@@ -1,0 +1,164 @@
+"""A client of the daemon that shares no code with it: the request and the reply over a plain socket, the stream through
+GStreamer's own depayloader."""
+
+import contextlib
+import socket
+import struct
+import time
+
+import gi
+
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst  # noqa: E402
+
+from documents import Document  # noqa: E402
+from waiting import BOUND_SECONDS  # noqa: E402
+
+METADATA_CAPS = "application/x-onvif-metadata"
+
+REPLY_MAX_BYTES = 256 * 1024
+
+
+class ConnectionEnded(Exception):
+    """The daemon closed the connection; the text is what had come before."""
+
+
+class StreamEnded(Exception):
+    """The stream came to its end."""
+
+
+class Client:
+    """One connection, from the request to the end of the stream."""
+
+    def __init__(self, path):
+        self.stream = None
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        # The kernel's time-out, because with one of Python's own a full backlog would be an error at once.
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", BOUND_SECONDS, 0))
+        try:
+            self.socket.connect(str(path))
+        except OSError:
+            self.socket.close()
+            raise
+        self.socket.settimeout(BOUND_SECONDS)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.close()
+
+    def close(self):
+        if self.stream is not None:
+            self.stream.close()
+            self.stream = None
+        self.socket.close()
+
+    def close_writing(self):
+        self.socket.shutdown(socket.SHUT_WR)
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def read_reply(self):
+        """Reads one reply up to its NUL, and not a byte of what follows."""
+        reply = b""
+        while not reply.endswith(b"\0"):
+            if len(reply) > REPLY_MAX_BYTES:
+                raise AssertionError("endless reply")
+            arrived = self._receive(4096, socket.MSG_PEEK)
+            if arrived == b"":
+                raise ConnectionEnded(reply)
+            end = arrived.find(b"\0")
+            reply += self._receive(len(arrived) if end < 0 else end + 1)
+        return reply[:-1]
+
+    def read_to_end(self):
+        """Reads until the daemon closes the connection."""
+        data = b""
+        while arrived := self._receive(65536):
+            data += arrived
+        return data
+
+    def read_exactly(self, size):
+        """Reads so many bytes, which have to come before the end."""
+        data = b""
+        while len(data) < size:
+            arrived = self._receive(size - len(data))
+            if arrived == b"":
+                raise ConnectionEnded(data)
+            data += arrived
+        return data
+
+    def _receive(self, size, flags=0):
+        try:
+            return self.socket.recv(size, flags)
+        except ConnectionResetError:
+            # What the daemon closed with something unread.
+            return b""
+
+    def ask(self, header):
+        """Sends a request with these header lines and returns the text of the reply."""
+        self.send(f"OPEN\n{header}\n".encode())
+        return self.read_reply().decode()
+
+    def start(self, header="event=1\n"):
+        """Asks for a stream, which has to be granted."""
+        assert self.ask(header) == "OK"
+        return self.open_stream()
+
+    def open_stream(self):
+        self.stream = Stream(self.socket)
+        return self.stream
+
+    def sync(self):
+        self.send(b"SYNC\n")
+
+
+class Stream:
+    """What follows the reply "OK", document by document."""
+
+    def __init__(self, connection):
+        self.pipeline = Gst.parse_launch("fdsrc name=source ! gdpdepay ! appsink name=sink sync=false")
+        self.sink = self.pipeline.get_by_name("sink")
+        # The pipeline's own, so that it can outlive the client's.
+        self.connection = connection.dup()
+        self.pipeline.get_by_name("source").set_property("fd", self.connection.fileno())
+        self.pipeline.set_state(Gst.State.PLAYING)
+
+    def next_document(self, seconds=BOUND_SECONDS):
+        """The next document, checked in every way that holds for all of them."""
+        sample = self.sink.emit("try-pull-sample", int(seconds * Gst.SECOND))
+        if sample is None:
+            self._fail_unless_ended(seconds)
+            raise StreamEnded
+        assert sample.get_caps().get_structure(0).get_name() == METADATA_CAPS
+        buffer = sample.get_buffer()
+        return Document(buffer.extract_dup(0, buffer.get_size()))
+
+    def _fail_unless_ended(self, seconds):
+        message = self.pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR)
+        assert message is None, f"the stream is broken: {message.parse_error()}"
+        assert self.sink.get_property("eos"), f"no document within {seconds} s"
+
+    def documents(self, seconds=BOUND_SECONDS):
+        """The documents as they come; the test fails when it still wants more after so many seconds."""
+        deadline = time.monotonic() + seconds
+        while time.monotonic() < deadline:
+            yield self.next_document()
+        raise AssertionError(f"what was waited for did not come within {seconds} s")
+
+    def events(self):
+        """The events of the documents as they come, with the same bound."""
+        for document in self.documents():
+            yield from document.events
+
+    def read_to_end(self):
+        """Reads until the daemon ends the stream; what comes until then has to be whole."""
+        with contextlib.suppress(StreamEnded):
+            for _ in self.documents():
+                pass
+
+    def close(self):
+        self.pipeline.set_state(Gst.State.NULL)
+        self.connection.close()

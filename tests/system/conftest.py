@@ -1,0 +1,95 @@
+"""The fixtures of the system tests.
+
+The daemon comes from a staged installation: TESSARD_STAGE names its root, or else one is made from the build folder
+that TESSARD_BUILD names (build/ by default). It was configured with the prefix /usr and with its tests. With
+ONVIF_SCHEMA_DIR every document received is validated against the official schemas."""
+
+import contextlib
+import os
+import pathlib
+
+import pytest
+
+pytest.register_assert_rewrite("client", "daemon", "documents", "installation", "overdue", "waiting")
+
+import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
+
+import gi
+
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst  # noqa: E402
+
+from daemon import Daemon  # noqa: E402
+from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
+from overdue import OverdueRequests  # noqa: E402
+
+
+@pytest.fixture(scope="session")
+def workspace():
+    made = Workspace()
+    yield made
+    made.remove()
+
+
+@pytest.fixture(scope="session")
+def installation(workspace):
+    os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
+    Gst.init(None)
+    stage = os.environ.get("TESSARD_STAGE")
+    return Installation(pathlib.Path(stage).resolve() if stage else make_stage(workspace), workspace)
+
+
+@pytest.fixture(scope="session")
+def bus(workspace):
+    started = Bus(workspace)
+    yield started
+    started.stop()
+
+
+@pytest.fixture(scope="session")
+def overdue_requests(installation, bus):
+    """Requests that are never finished. They come with the first daemon, so that their long time-out passes while
+    other tests run."""
+    daemon = Daemon(installation, bus)
+    daemon.wait_until_ready()
+    requests = OverdueRequests(daemon)
+    yield requests
+    requests.close()
+    daemon.finish()
+
+
+@pytest.fixture
+def launch(installation, bus, overdue_requests):
+    """Starts a daemon and does not wait for anything; see Daemon for the arguments."""
+    with contextlib.ExitStack() as launched:
+
+        def start(**arguments):
+            daemon = Daemon(installation, bus, **arguments)
+            launched.callback(daemon.finish)
+            return daemon
+
+        yield start
+
+
+@pytest.fixture
+def start_daemon(launch):
+    """Starts a daemon and waits until it answers."""
+
+    def start(**arguments):
+        daemon = launch(**arguments)
+        daemon.wait_until_ready()
+        return daemon
+
+    return start
+
+
+@pytest.fixture
+def daemon(start_daemon):
+    return start_daemon()
+
+
+@pytest.fixture
+def schema():
+    if not documents.SCHEMA_DIR:
+        pytest.skip("ONVIF_SCHEMA_DIR does not name the official schemas")
+    return documents.schema()

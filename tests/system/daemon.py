@@ -1,0 +1,235 @@
+"""The daemon as shipped, as a process of its own, and all that it tells: its log lines, its standard error, its end.
+
+What a test does not expect is a failure: every log line after the start and everything on standard error has to be
+taken by the test, and the daemon has to live until it is told to end."""
+
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import threading
+
+from client import ConnectionEnded, Client
+from installation import EVENT_PLUGIN, SIMULATED_PLUGINS, unprivileged
+from waiting import BOUND_SECONDS, wait_until
+
+ERROR = 3
+WARNING = 4
+INFO = 6
+
+START_LINES = [(INFO, "Starting."), (INFO, "Adding event source factory.")]
+START_LINES_WITHOUT_EVENTS = [(INFO, "Starting."), (INFO, "Events not enabled, not adding event factory.")]
+
+NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
+NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
+
+# The warning about a sync point that was asked for before the reply.
+EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED' failed"
+
+
+class Log:
+    """Takes in the lines that the preloaded library sends, as (priority, text)."""
+
+    LINE_MAX_BYTES = 64 * 1024
+    MARK = b"the line up to which all have arrived"
+
+    def __init__(self, path):
+        self.path = str(path)
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(self.path)
+        os.chmod(self.path, 0o666)
+        self.lines = []
+        self.marks = 0
+        self.changed = threading.Condition()
+        # The kernel keeps few datagrams, so that somebody has to read them all the time.
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        while datagram := self.socket.recv(self.LINE_MAX_BYTES):
+            with self.changed:
+                if datagram == self.MARK:
+                    self.marks += 1
+                else:
+                    priority, text = re.fullmatch(r"<(\d+)>(.*)", datagram.decode(), re.DOTALL).groups()
+                    self.lines.append((int(priority), text))
+                self.changed.notify_all()
+
+    def _send(self, datagram):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.settimeout(BOUND_SECONDS)
+            sender.sendto(datagram, self.path)
+
+    def wait_for(self, count):
+        """Waits until there are so many lines that nobody took, and leaves them."""
+        with self.changed:
+            arrived = self.changed.wait_for(lambda: len(self.lines) >= count, BOUND_SECONDS)
+            assert arrived, f"{count} log lines expected, got {self.lines}"
+
+    def take(self, count=0):
+        """Takes all lines sent so far, but first waits until there are at least so many."""
+        self.wait_for(count)
+        with self.changed:
+            marks = self.marks
+        self._send(self.MARK)
+        with self.changed:
+            assert self.changed.wait_for(lambda: self.marks > marks, BOUND_SECONDS)
+            lines, self.lines = self.lines, []
+        return lines
+
+    def close(self):
+        self._send(b"")
+        self.reader.join(BOUND_SECONDS)
+        self.socket.close()
+
+
+class Daemon:
+    """One daemon; the fixtures `daemon`, `start_daemon` and `launch` make one and clean up after it.
+
+    plugins: what the simulated camera has installed
+    speed: how much faster than the clock the simulated world goes
+    run_dir, run_dir_option: the run folder, by default one that does not exist yet, and the option that names it,
+        None to leave it out
+    options: what else stands on the daemon's command line
+    environment: variables on top of the usual ones
+    sanitizer_options: options of the address sanitizer on top of the session's
+    umask, user: with which the daemon starts; the user in the form of Popen's arguments
+    wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's"""
+
+    def __init__(self, installation, bus, plugins=SIMULATED_PLUGINS, speed=1, run_dir=None,
+                 run_dir_option="--run-dir", options=(), environment=None, sanitizer_options=None, umask=0o022,
+                 user=None, wrapper=None):
+        self.folder = installation.workspace.folder()
+        self.run_dir = self.folder / "run" if run_dir is None else pathlib.Path(run_dir)
+        self.socket_path = self.run_dir / "metadata"
+        self.log = Log(self.folder / "log")
+        self.stdout_path = self.folder / "stdout"
+        self.stderr_path = self.folder / "stderr"
+        self.command = [str(installation.tessard), *options]
+        if run_dir_option:
+            self.command += [run_dir_option, str(self.run_dir)]
+        self.start_lines = START_LINES if EVENT_PLUGIN in plugins else START_LINES_WITHOUT_EVENTS
+        self.stderr_taken = 0
+        self.stderr_allowed = []
+        self.idle_descriptors = None
+        self.ended = False
+        self.environment = {
+            "PATH": os.environ["PATH"],
+            "LC_ALL": "C",
+            "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+            "LD_PRELOAD": str(installation.testhost),
+            "TESTHOST_SYSLOG": self.log.path,
+            "TESSARD_SIM_CONFIG": self._write_simulation(speed),
+            **installation.plugin_environment(plugins),
+            **installation.sanitizer_environment(sanitizer_options),
+            **(environment or {}),
+        }
+        self._start(wrapper or plain, umask, unprivileged() if user is None else user)
+
+    def _write_simulation(self, speed):
+        path = self.folder / "simulation.conf"
+        path.write_text(f"[World]\nspeed={speed}\n", encoding="ascii")
+        return str(path)
+
+    def _start(self, wrapper, umask, user):
+        command, environment = wrapper(self.command, self.environment)
+        with open(self.stdout_path, "wb") as stdout, open(self.stderr_path, "wb") as stderr:
+            self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, stdout=stdout,
+                                            stderr=stderr, cwd="/", umask=umask, **user)
+
+    # Life
+
+    def wait_until_ready(self):
+        """Waits until the daemon answers a request, so that nothing of its start is left to do."""
+        wait_until(self._answers, "the daemon answers")
+        assert self.log.take() == self.start_lines
+        wait_until(lambda: not self._has_clients(), "the daemon has closed the connection")
+        self.idle_descriptors = self.descriptors()
+
+    def _has_clients(self):
+        """Whether the daemon has a connected socket at its path."""
+        connected = "03"
+        sockets = (line.split() for line in pathlib.Path("/proc/net/unix").read_text(encoding="utf-8").splitlines())
+        return any(fields[5] == connected and fields[7:] == [str(self.socket_path)] for fields in sockets)
+
+    def _answers(self):
+        assert self.process.poll() is None, f"the daemon ended: {self.take_stderr()} {self.log.lines}"
+        try:
+            with Client(self.socket_path) as client:
+                return client.ask("") == NOTHING_ASKED
+        except (FileNotFoundError, ConnectionRefusedError, ConnectionEnded):
+            return False
+
+    def wait(self):
+        """Waits for the daemon to end by itself and returns its status."""
+        status = self.process.wait(BOUND_SECONDS)
+        self.ended = True
+        return status
+
+    def end(self, number=signal.SIGTERM):
+        """Ends the daemon by a signal and returns its status."""
+        self.process.send_signal(number)
+        return self.wait()
+
+    def finish(self):
+        """Ends the daemon if it should still run, and fails when there was anything that nobody expected."""
+        try:
+            if not self.ended:
+                assert self.process.poll() is None, f"the daemon ended: {self.take_stderr()}"
+                assert self.end() == -signal.SIGTERM
+            left = self.log.take()
+        finally:
+            self.process.kill()
+            self.process.wait(BOUND_SECONDS)
+            self.log.close()
+        assert left == []
+        assert self._unexpected_on_stderr() == []
+
+    def client(self):
+        return Client(self.socket_path)
+
+    # What it tells
+
+    def stdout(self):
+        return self.stdout_path.read_text(encoding="utf-8")
+
+    def take_stderr(self):
+        """What nobody took yet."""
+        text = self.stderr_path.read_text(encoding="utf-8", errors="backslashreplace")[self.stderr_taken:]
+        self.stderr_taken += len(text)
+        return text
+
+    def allow_on_stderr(self, text):
+        """Lines that hold `text` may come or not."""
+        self.stderr_allowed.append(text)
+
+    def _unexpected_on_stderr(self):
+        return [line for line in self.take_stderr().splitlines()
+                if line and not any(text in line for text in self.stderr_allowed)]
+
+    # What it takes of the machine
+
+    @property
+    def proc(self):
+        return pathlib.Path("/proc", str(self.process.pid))
+
+    def status_field(self, name):
+        (value,) = re.findall(rf"^{name}:\s*(.*)$", (self.proc / "status").read_text(encoding="ascii"),
+                              re.MULTILINE)
+        return value
+
+    def descriptors(self):
+        return len(os.listdir(self.proc / "fd"))
+
+    def threads(self):
+        return int(self.status_field("Threads"))
+
+    def resident_bytes(self):
+        return int(self.status_field("VmRSS").split()[0]) * 1024
+
+
+def plain(command, environment):
+    """The wrapper that is none."""
+    return command, environment

@@ -1,0 +1,142 @@
+"""The daemon's side of the client protocol, one step at a time.
+
+A test starts the client and then walks through the connection itself: accept it, read the request, answer,
+send a piece of the stream, look at what else the client says. No step waits longer than BOUND_SECONDS.
+"""
+import fcntl
+import socket
+import struct
+import termios
+
+import gi
+
+gi.require_version("Gst", "1.0")
+gi.require_version("GstApp", "1.0")
+from gi.repository import Gst, GstApp  # noqa: E402,F401  (GstApp adds the methods of appsrc and appsink)
+
+from waiting import BOUND_SECONDS  # noqa: E402
+
+METADATA_CAPS = "application/x-onvif-metadata"
+
+# The packet header of the GStreamer data protocol: where its type is, the type of one that carries a buffer,
+# and where the length of what follows the header is.
+GDP_TYPE = slice(4, 6)
+GDP_BUFFER = b"\x00\x01"
+GDP_LENGTH = slice(6, 10)
+GDP_HEADER_BYTES = 62
+
+
+class FakeDaemon:
+    """A listening socket at a path."""
+
+    def __init__(self, path, backlog=10):
+        self.path = str(path)
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.settimeout(BOUND_SECONDS)
+        self.listener.bind(self.path)
+        self.listener.listen(backlog)
+        self.connections = []
+
+    def accept(self):
+        """The next client. Its connection lasts until it is closed, or the daemon is."""
+        self.connections.append(Connection(self.listener.accept()[0]))
+        return self.connections[-1]
+
+    def accept_request(self):
+        """Accepts a client and reads its request; leaves the reply to the caller."""
+        connection = self.accept()
+        connection.request = connection.read_request()
+        return connection
+
+    def accept_stream(self):
+        """Accepts a client, reads its request and lets the stream begin."""
+        connection = self.accept_request()
+        connection.send(b"OK\0")
+        return connection
+
+    def close(self):
+        for connection in self.connections:
+            connection.close()
+        self.listener.close()
+
+
+class Connection:
+    """One client, as the daemon sees it."""
+
+    def __init__(self, sock):
+        self.sock = sock
+        self.sock.settimeout(BOUND_SECONDS)
+        self.request = None
+
+    def read_request(self):
+        data = b""
+        while not data.endswith(b"\n\n"):
+            chunk = self.sock.recv(65536)
+            assert chunk, f"the client hung up within its request, after {data!r}"
+            data += chunk
+        return data
+
+    def read(self, size):
+        """The next bytes from the client, fewer than asked for only at its end."""
+        data = b""
+        while len(data) < size:
+            chunk = self.sock.recv(size - len(data))
+            if not chunk:
+                break
+            data += chunk
+        return data
+
+    def read_to_end(self):
+        data = b""
+        while chunk := self.sock.recv(65536):
+            data += chunk
+        return data
+
+    def send(self, data):
+        self.sock.sendall(data)
+
+    def unread_by_client(self):
+        """How much of what was sent the client has not taken yet, in bytes of kernel memory."""
+        return struct.unpack("i", fcntl.ioctl(self.sock, termios.TIOCOUTQ, b"\0" * 4))[0]
+
+    def close(self):
+        self.sock.close()
+
+
+class GdpStream:
+    """Turns documents into the bytes that the daemon's payloader makes of them."""
+
+    def __init__(self, caps=METADATA_CAPS, checksum=True):
+        Gst.init(None)
+        self.pipeline = Gst.parse_launch(
+            f"appsrc name=source format=time caps={caps} ! gdppay crc-header={checksum} "
+            "! appsink name=sink sync=false")
+        self.source = self.pipeline.get_by_name("source")
+        self.sink = self.pipeline.get_by_name("sink")
+        self.time = 0
+        self.pipeline.set_state(Gst.State.PLAYING)
+
+    def document(self, data):
+        """The bytes up to and with the packet that carries @data; the stream's first say what it is."""
+        return b"".join(self.packets(data))
+
+    def packets(self, data):
+        buffer = Gst.Buffer.new_allocate(None, len(data), None)
+        buffer.fill(0, data)
+        buffer.pts = self.time
+        self.time += Gst.MSECOND
+        assert self.source.push_buffer(buffer) == Gst.FlowReturn.OK
+        packets = [self.__pull()]
+        while packets[-1][GDP_TYPE] != GDP_BUFFER:
+            packets.append(self.__pull())
+        return packets
+
+    def close(self):
+        self.pipeline.set_state(Gst.State.NULL)
+
+    def __pull(self):
+        sample = self.sink.try_pull_sample(BOUND_SECONDS * Gst.SECOND)
+        assert sample is not None, "the payloader made nothing of it"
+        buffer = sample.get_buffer()
+        return buffer.extract_dup(0, buffer.get_size())
+

@@ -1,0 +1,160 @@
+"""The staged installation under test, and what stands around it: the user that the daemon runs as, folders that this
+user can reach, GStreamer plug-ins by choice and a private system bus."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+
+import gi
+
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst  # noqa: E402
+
+from waiting import BOUND_SECONDS  # noqa: E402
+
+TREE = pathlib.Path(__file__).resolve().parents[2]
+
+UNPRIVILEGED_USER = "nobody"
+UNPRIVILEGED_GROUP = "nogroup"
+
+# What GStreamer itself brings to every client's pipeline; all else on the machine stays out of sight.
+STANDARD_PLUGINS = ("coreelements", "gdp")
+
+EVENT_PLUGIN = "onvifeventsrc"
+DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
+SIMULATED_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
+
+BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
+
+
+def run_by_root():
+    return os.geteuid() == 0
+
+
+def unprivileged():
+    """Arguments for subprocess that drop a root's privileges; others run things as themselves."""
+    if not run_by_root():
+        return {}
+    return {"user": UNPRIVILEGED_USER, "group": UNPRIVILEGED_GROUP, "extra_groups": []}
+
+
+def documented_limit(header, name):
+    """The value of a constant that a header of the daemon defines: a number, or a product of numbers."""
+    text = (TREE / "src" / header).read_text(encoding="utf-8")
+    (value,) = re.findall(rf"^#define {name} \(?([0-9* ]+)\)?$", text, re.MULTILINE)
+    product = 1
+    for factor in value.split("*"):
+        product *= int(factor)
+    return product
+
+
+class Workspace:
+    """A folder of this session's own, which the daemon's user can enter wherever the tree itself is kept."""
+
+    def __init__(self):
+        self.path = pathlib.Path(tempfile.mkdtemp(prefix="tessard-test-", dir="/tmp"))
+        self.path.chmod(0o755)
+        self.count = 0
+
+    def folder(self, mode=0o755):
+        """A new folder that belongs to the daemon's user. Its path is short, as a socket's has to be."""
+        self.count += 1
+        path = self.path / str(self.count)
+        path.mkdir()
+        path.chmod(mode)
+        if run_by_root():
+            shutil.chown(path, UNPRIVILEGED_USER, UNPRIVILEGED_GROUP)
+        return path
+
+    def remove(self):
+        shutil.rmtree(self.path)
+
+
+class Installation:
+    """Where everything of one staged installation is."""
+
+    def __init__(self, stage, workspace):
+        self.workspace = workspace
+        self.tessard = stage / "usr/bin/tessard"
+        self.testhost = self._only(stage, "usr/lib/**/tessard/tests/libtesthost.so")
+        self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
+                        for name in SIMULATED_PLUGINS}
+        self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
+                         for name in STANDARD_PLUGINS}
+        self.plugin_environments = {}
+
+    @staticmethod
+    def _only(stage, pattern):
+        (path,) = stage.glob(pattern)
+        return path
+
+    def new_plugin_folder(self, names):
+        """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it."""
+        folder = self.workspace.folder()
+        for name in STANDARD_PLUGINS + tuple(names):
+            (folder / self.plugins[name].name).symlink_to(self.plugins[name])
+        return folder, {
+            "GST_PLUGIN_SYSTEM_PATH": "",
+            "GST_PLUGIN_PATH": str(folder),
+            "GST_REGISTRY": str(folder / "registry.bin"),
+            # The scanner is not instrumented and cannot load plug-ins that are.
+            "GST_REGISTRY_FORK": "no",
+        }
+
+    def plugin_environment(self, names):
+        """The same, but one folder for all who ask for the same plug-ins."""
+        key = frozenset(names)
+        if key not in self.plugin_environments:
+            _, self.plugin_environments[key] = self.new_plugin_folder(names)
+        return self.plugin_environments[key]
+
+    def sanitizer_environment(self, more=None):
+        """The sanitizers' variables of this session with more options, made fit for the daemon: its user can read the
+        files that they name, and the preloaded library may come before the sanitizer's own."""
+        variables = {name: re.sub(r"(?<=\bsuppressions=)[^:]+", self._readable_copy, value)
+                     for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
+        options = [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0", more]
+        variables["ASAN_OPTIONS"] = ":".join(filter(None, options))
+        return variables
+
+    def _readable_copy(self, match):
+        original = pathlib.Path(match.group())
+        copy = self.workspace.path / original.name
+        if not copy.exists():
+            shutil.copyfile(original, copy)
+            copy.chmod(0o644)
+        return str(copy)
+
+
+class Bus:
+    """A message bus of this session's own, which stands for the system's."""
+
+    def __init__(self, workspace):
+        folder = workspace.folder()
+        configuration = folder / "bus.conf"
+        text = BUS_CONFIGURATION.read_text(encoding="utf-8")
+        configuration.write_text(text.replace("@socket@", str(folder / "socket")), encoding="utf-8")
+        self.process = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--nosyslog",
+             "--print-address=1"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, cwd="/", text=True, **unprivileged())
+        # Printed once the bus listens.
+        self.address = self.process.stdout.readline().strip()
+        assert self.address.startswith("unix:path="), "the private bus did not start"
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(BOUND_SECONDS)
+        self.process.stdout.close()
+
+
+def make_stage(workspace):
+    """Installs a build folder below the workspace."""
+    build = pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build"))
+    stage = workspace.path / "stage"
+    subprocess.run(["meson", "install", "--no-rebuild", "--quiet", "-C", build, "--destdir", stage], check=True,
+                   umask=0o022)
+    return stage

@@ -1,0 +1,95 @@
+"""Listening sockets that come from systemd."""
+
+import os
+import pathlib
+import re
+import stat
+import sys
+
+import pytest
+
+from daemon import ERROR, START_LINES, plain
+
+# Passed on as a text, because the daemon's user may be unable to read the tree.
+ACTIVATION = pathlib.Path(__file__).with_name("activation.py").read_text(encoding="utf-8")
+
+
+def variables(environment):
+    return [f"{name}={value}" for name, value in environment.items()]
+
+
+def by_systemd(socket_path):
+    """Listens as a socket unit does, and starts the daemon for the first client."""
+
+    def wrap(command, environment):
+        settings = [f"--setenv={variable}" for variable in variables(environment)]
+        return (["systemd-socket-activate", f"--listen={socket_path}", *settings, *command],
+                {"PATH": os.environ["PATH"]})
+
+    return wrap
+
+
+def with_sockets(*paths):
+    """Passes on a listening socket for each of the paths."""
+
+    def wrap(command, environment):
+        return ([sys.executable, "-c", ACTIVATION, ",".join(map(str, paths)), *variables(environment), "--",
+                 *command], {"PATH": os.environ["PATH"]})
+
+    return wrap
+
+
+@pytest.fixture
+def run_dir(workspace):
+    return workspace.folder()
+
+
+def test_socket_of_systemd_is_used_as_it_is(start_daemon, run_dir):
+    path = run_dir / "metadata"
+    daemon = start_daemon(run_dir=run_dir, wrapper=by_systemd(path))
+    for line in ("Listening on", "Communication attempt on fd", "Execing", "Spawned"):
+        daemon.allow_on_stderr(line)
+
+    # A socket of the daemon's own would have this mode.
+    assert stat.S_IMODE(path.stat().st_mode) != 0o660
+    with daemon.client() as client:
+        client.start().next_document()
+
+
+def test_only_socket_of_the_path_is_used(start_daemon, run_dir):
+    own = run_dir / "metadata"
+    daemon = start_daemon(run_dir=run_dir, wrapper=with_sockets(run_dir / "other", own, run_dir / "another"))
+
+    assert stat.S_IMODE(own.stat().st_mode) != 0o660
+    with daemon.client() as client:
+        client.start().next_document()
+
+
+def test_without_a_socket_of_the_path_the_daemon_makes_its_own(start_daemon, run_dir):
+    daemon = start_daemon(run_dir=run_dir, wrapper=with_sockets(run_dir / "other"))
+
+    assert stat.S_IMODE(daemon.socket_path.stat().st_mode) == 0o660
+    with daemon.client() as client:
+        client.start().next_document()
+
+
+@pytest.mark.parametrize("count", [2, 3])
+def test_more_than_one_socket_of_the_path_is_refused(launch, run_dir, count):
+    path = run_dir / "metadata"
+    daemon = launch(run_dir=run_dir, wrapper=with_sockets(*[path] * count))
+
+    assert daemon.wait() == 1
+    lines = daemon.log.take()
+    # The first is closed once for each of them, which works only once.
+    assert lines[:2] == START_LINES
+    priority, text = lines[2]
+    assert priority == ERROR
+    assert re.fullmatch(f"More than one file descriptor received for '{path}': .+", text)
+    assert lines[3:] == ([(ERROR, "Could not close metadata server socket: Bad file descriptor")] * (count - 1)
+                         + [(ERROR, "Could not start server.")])
+
+
+def test_sockets_for_another_process_are_not_used(start_daemon, run_dir):
+    daemon = start_daemon(run_dir=run_dir, environment={"LISTEN_FDS": "1", "LISTEN_PID": "1"}, wrapper=plain)
+
+    assert stat.S_IMODE(daemon.socket_path.stat().st_mode) == 0o660

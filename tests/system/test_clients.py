@@ -1,0 +1,368 @@
+"""Many clients, and clients that misbehave: whatever one does, the others are served, and nothing is left behind."""
+
+import array
+import concurrent.futures
+import contextlib
+import fcntl
+import itertools
+import termios
+import threading
+import time
+
+import pytest
+
+from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
+from documents import INITIALIZED
+from installation import documented_limit
+from waiting import BOUND_SECONDS, wait_until, wait_until_settled
+
+REQUEST_THREADS = 2
+MAX_WAITING = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS") + 1
+
+MIB = 1024 * 1024
+
+# How long anybody may have to wait for a first document while others misbehave.
+OTHERS_SECONDS = 2
+
+# How soon what a client took is free again once it is gone.
+FREED_SECONDS = 2
+
+
+def expect_service(daemon):
+    began = time.monotonic()
+    with daemon.client() as client:
+        document = client.start().next_document()
+    assert document.events[0].operation == INITIALIZED
+    assert time.monotonic() - began <= OTHERS_SECONDS
+
+
+def expect_nothing_left(daemon):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+def bytes_in(client, direction):
+    """How much waits in the client's socket: what it has not read (FIONREAD), or what the daemon has not (TIOCOUTQ)."""
+    count = array.array("i", [0])
+    fcntl.ioctl(client.socket, direction, count)
+    return count[0]
+
+
+def unread(client):
+    return bytes_in(client, termios.FIONREAD)
+
+
+def unsent(client):
+    return bytes_in(client, termios.TIOCOUTQ)
+
+
+@pytest.fixture
+def frugal_daemon(start_daemon):
+    """One that uses freed memory again at once, where the address sanitizer would set it aside for long."""
+    return start_daemon(sanitizer_options="quarantine_size_mb=1")
+
+
+# Crowds
+
+
+def test_thirty_clients_at_once(start_daemon):
+    daemon = start_daemon(speed=100)
+    together = threading.Barrier(30)
+
+    def receive(_):
+        with daemon.client() as client:
+            stream = client.start()
+            together.wait(BOUND_SECONDS)
+            return list(itertools.islice(stream.documents(), 10))
+
+    with concurrent.futures.ThreadPoolExecutor(30) as clients:
+        for documents in clients.map(receive, range(30)):
+            assert documents[0].events[0].operation == INITIALIZED
+
+    expect_nothing_left(daemon)
+
+
+def connect_only(client):
+    pass
+
+
+def send_half_a_request(client):
+    client.send(b"OPEN\nevent")
+
+
+def ask_for_nothing(client):
+    assert client.ask("") == NOTHING_ASKED
+
+
+def ask_wrongly(client):
+    client.send(b"wrong\n")
+    client.read_to_end()
+
+
+def leave_before_the_reply(client):
+    client.send(b"OPEN\nevent=1\n\n")
+
+
+def leave_without_reading(client):
+    assert client.ask("event=1\n") == "OK"
+
+
+def leave_while_reading(client):
+    client.start().next_document()
+
+
+def leave_after_a_sync(client):
+    client.start().next_document()
+    client.sync()
+
+
+def close_the_writing_half(client):
+    stream = client.start()
+    stream.next_document()
+    client.close_writing()
+    stream.read_to_end()
+
+
+def send_what_is_no_text(client):
+    stream = client.start()
+    client.send(b"\xff")
+    stream.read_to_end()
+
+
+WAYS_TO_GO = [connect_only, send_half_a_request, ask_for_nothing, ask_wrongly, leave_before_the_reply,
+              leave_without_reading, leave_while_reading, leave_after_a_sync, close_the_writing_half,
+              send_what_is_no_text]
+
+
+def come_and_go(daemon, count):
+    """So many clients, a few of them at a time, each going in another way."""
+
+    def visit(go):
+        with daemon.client() as client:
+            go(client)
+
+    with concurrent.futures.ThreadPoolExecutor(6) as clients:
+        list(clients.map(visit, itertools.islice(itertools.cycle(WAYS_TO_GO), count)))
+
+
+# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+SPARE_THREADS = 8
+
+# What the allocators, above all that of the address sanitizer, do not give back at once.
+RESIDENT_TOLERANCE = 6 * MIB
+
+
+def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
+    threads = frugal_daemon.threads()
+    come_and_go(frugal_daemon, 200)
+    expect_nothing_left(frugal_daemon)
+    resident = frugal_daemon.resident_bytes()
+
+    come_and_go(frugal_daemon, 200)
+
+    expect_nothing_left(frugal_daemon)
+    wait_until(lambda: frugal_daemon.threads() <= threads + SPARE_THREADS, "the clients' threads have ended")
+    wait_until(lambda: frugal_daemon.resident_bytes() <= resident + RESIDENT_TOLERANCE, "the clients' memory is free")
+    assert frugal_daemon.log.take() == []
+
+
+# Clients that do not read
+
+
+@contextlib.contextmanager
+def stuck_client(daemon, seconds=1):
+    """A client that reads nothing, once its socket has been full for so long."""
+    with daemon.client() as client:
+        assert client.ask("event=1\n") == "OK"
+
+        def ask_for_more():
+            client.sync()
+            return unread(client)
+
+        wait_until_settled(ask_for_more, "the client's socket is full", seconds)
+        assert unread(client) > 0
+        yield client
+
+
+def test_client_that_does_not_read_keeps_nobody(start_daemon):
+    daemon = start_daemon(speed=100)
+    with stuck_client(daemon):
+        expect_service(daemon)
+        expect_service(daemon)
+
+    began = time.monotonic()
+    expect_nothing_left(daemon)
+    assert time.monotonic() - began <= FREED_SECONDS
+    assert daemon.log.take() == []
+
+
+def test_client_that_reads_late_gets_whole_documents(start_daemon):
+    with stuck_client(start_daemon(speed=100)) as client:
+        stream = client.open_stream()
+
+        # More than what had been waiting.
+        assert len(list(itertools.islice(stream.documents(), 500))) == 500
+
+
+def test_signal_ends_the_daemon_while_clients_do_not_read(start_daemon):
+    daemon = start_daemon(speed=100)
+    with stuck_client(daemon):
+        began = time.monotonic()
+        daemon.end()
+
+    assert time.monotonic() - began <= FREED_SECONDS
+
+
+# A packet of the GStreamer data protocol begins with a header of this size, which holds the length of what follows.
+GDP_HEADER_BYTES = 62
+GDP_LENGTH = slice(6, 10)
+
+# More than a socket holds, so that whoever writes it has to wait for the client.
+LARGE_BYTES = 256 * 1024
+
+
+# When the source is held for so long, all that it has to tell then becomes one document that large; after some seconds
+# more it would show the present state instead.
+HELD_SECONDS = 7
+
+
+def read_up_to_a_large_packet(client):
+    """Reads whole packets, and of the first large one the header alone."""
+    deadline = time.monotonic() + BOUND_SECONDS
+    while time.monotonic() < deadline:
+        header = client.read_exactly(GDP_HEADER_BYTES)
+        length = int.from_bytes(header[GDP_LENGTH], "big")
+        if length >= LARGE_BYTES:
+            return
+        client.read_exactly(length)
+    pytest.fail("no large packet came")
+
+
+def test_client_that_stops_reading_within_a_large_document_keeps_nobody(start_daemon):
+    daemon = start_daemon(speed=100)
+    with stuck_client(daemon, HELD_SECONDS) as client:
+        read_up_to_a_large_packet(client)
+        wait_until_settled(lambda: unread(client), "the client's socket is full again")
+        client.close_writing()
+
+        # Ending this client's stream must not wait for the client.
+        expect_service(daemon)
+        expect_service(daemon)
+
+    expect_nothing_left(daemon)
+    assert daemon.log.take() == []
+
+
+# Clients that send too much
+
+# By how much the daemon's memory may still grow with what a client sends. The client sends much more.
+FLOOD_TOLERANCE = 8 * MIB
+
+
+def flood(daemon, client, piece):
+    """Sends many times the piece, which others must not notice, and waits until the daemon has taken all."""
+    for _ in range(64):
+        client.send(piece)
+    expect_service(daemon)
+    wait_until(lambda: unsent(client) == 0, "the daemon has taken all")
+    return daemon.resident_bytes()
+
+
+@pytest.mark.parametrize("piece", [pytest.param(b"x" * MIB, id="endless line"),
+                                   pytest.param(b"SYNC\n" * 10000, id="sync points")])
+def test_flood_takes_no_memory_and_keeps_nobody(frugal_daemon, piece):
+    with frugal_daemon.client() as client:
+        stream = client.start()
+        resident = flood(frugal_daemon, client, piece)
+
+        assert flood(frugal_daemon, client, piece) <= resident + FLOOD_TOLERANCE
+        client.close_writing()
+        stream.read_to_end()
+
+    expect_nothing_left(frugal_daemon)
+
+
+def test_flood_of_sync_points_without_reading(frugal_daemon):
+    with frugal_daemon.client() as client:
+        assert client.ask("event=1\n") == "OK"
+        resident = flood(frugal_daemon, client, b"SYNC\n" * 10000)
+
+        assert flood(frugal_daemon, client, b"SYNC\n" * 10000) <= resident + FLOOD_TOLERANCE
+
+    expect_nothing_left(frugal_daemon)
+
+
+# Clients that say nothing
+
+
+def test_newest_of_too_many_silent_clients_is_dropped(daemon):
+    with contextlib.ExitStack() as stack:
+
+        def connect():
+            return stack.enter_context(daemon.client())
+
+        handled = [connect() for _ in range(REQUEST_THREADS)]
+        for client in handled:
+            client.send(b"OPEN\n")
+        wait_until(lambda: all(unsent(client) == 0 for client in handled), "both request threads are taken")
+        waiting = [connect() for _ in range(MAX_WAITING)]
+
+        for _ in range(3):
+            with daemon.client() as dropped:
+                assert dropped.read_to_end() == b""
+        assert daemon.log.take() == [(WARNING, "Too many unprocessed metadata requests, dropping one.")] * 3
+
+        # Those who wait are served as soon as there is a thread for them.
+        for client in handled:
+            client.close()
+        for client in waiting:
+            assert client.ask("") == NOTHING_ASKED
+
+    expect_service(daemon)
+    expect_nothing_left(daemon)
+
+
+# Descriptors
+
+
+def with_descriptors(count):
+    """Starts the daemon with a limit on its open descriptors."""
+
+    def wrap(command, environment):
+        return ["prlimit", f"--nofile={count}", *command], environment
+
+    return wrap
+
+
+NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket: Too many open files")
+
+
+def test_clients_are_turned_away_while_there_are_no_descriptors(daemon, start_daemon):
+    limited = start_daemon(wrapper=with_descriptors(daemon.idle_descriptors + 1))
+    with limited.client() as last:
+        last.send(b"OPEN\n")
+        wait_until(lambda: unsent(last) == 0, "the last descriptor is taken")
+        for _ in range(3):
+            with limited.client() as client:
+                assert client.read_to_end() == b""
+        assert limited.log.take() == [NO_DESCRIPTOR] * 3
+
+        last.send(b"\n")
+        assert last.read_reply().decode() == NOTHING_ASKED
+
+    expect_nothing_left(limited)
+
+
+@pytest.mark.parametrize("spare", range(1, 6))
+def test_descriptors_that_run_out_on_the_way_cost_one_request(daemon, start_daemon, spare):
+    limited = start_daemon(wrapper=with_descriptors(daemon.idle_descriptors + spare))
+    # GStreamer complains by itself.
+    limited.allow_on_stderr("Too many open files")
+    limited.allow_on_stderr("GStreamer-CRITICAL")
+    with limited.client() as client:
+        reply = client.ask("event=1\n")
+    assert reply == "OK" or reply.startswith("FAIL\nUnable to create source: ") or reply == NOT_PRODUCED
+
+    expect_nothing_left(limited)
+    with limited.client() as client:
+        assert client.ask("") == NOTHING_ASKED
+    limited.log.take()

@@ -1,0 +1,312 @@
+"""What follows "OK": the documents, the sync points, and the ways in which a stream ends."""
+
+import datetime
+import itertools
+import os
+import select
+import subprocess
+import time
+
+import pytest
+from lxml import etree
+
+from client import StreamEnded
+from daemon import EARLY_SYNC_WARNING
+from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM, Document, validate
+from waiting import BOUND_SECONDS, wait_until
+
+# How long a client may have to wait for its first document.
+FIRST_DOCUMENT_SECONDS = 1
+
+END_OF_DOCUMENT = b"</tt:MetadataStream>"
+
+# What is true of every camera that the simulation shows.
+STATES = {
+    (DIGITAL_INPUT, "DigitalInput_1"),
+    (DIGITAL_INPUT, "DigitalInput_2"),
+    (MOTION_ALARM, "VideoSource_1"),
+}
+
+ALL_TOPICS = {DIGITAL_INPUT, MOTION_ALARM, LINE_CROSSED}
+
+
+def now():
+    return datetime.datetime.now(datetime.timezone.utc)
+
+
+def state_of(event):
+    return event.topic, *event.source.values()
+
+
+def expect_states_since(stream, began):
+    """Reads until every state has been shown as it was at `began` or later."""
+    shown = set()
+    for event in stream.events():
+        if event.operation == INITIALIZED and event.time >= began:
+            shown.add(state_of(event))
+        if shown == STATES:
+            break
+
+
+# Documents
+
+
+def test_first_document_comes_within_a_second(daemon):
+    began = time.monotonic()
+    with daemon.client() as client:
+        client.start().next_document()
+
+    assert time.monotonic() - began <= FIRST_DOCUMENT_SECONDS
+
+
+def test_first_document_shows_every_state(daemon):
+    began = now()
+    with daemon.client() as client:
+        events = client.start().next_document().events
+
+    assert {state_of(event) for event in events} == STATES
+    assert {event.operation for event in events} == {INITIALIZED}
+    assert all(began <= event.time <= now() for event in events)
+
+
+def test_later_documents_show_changes(start_daemon):
+    daemon = start_daemon(speed=100)
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        events = list(itertools.islice(stream.events(), 100))
+
+    assert {event.topic for event in events} == ALL_TOPICS
+    for event in events:
+        assert event.operation == (None if event.topic == LINE_CROSSED else CHANGED)
+
+
+def test_states_change_to_the_other_value_each_time(start_daemon):
+    daemon = start_daemon(speed=100)
+    values = {}
+    with daemon.client() as client:
+        stream = client.start()
+        for event in itertools.islice(stream.events(), 100):
+            if event.topic != LINE_CROSSED:
+                values.setdefault(state_of(event), []).extend(event.data.values())
+
+    assert set(values) == STATES
+    for series in values.values():
+        assert all(before != after for before, after in zip(series, series[1:]))
+
+
+def test_documents_are_valid(schema, start_daemon):
+    daemon = start_daemon(speed=100)
+    topics = set()
+    with daemon.client() as client:
+        for document in client.start().documents():
+            assert schema.validate(document.root), schema.error_log
+            topics |= {event.topic for event in document.events}
+            if topics == ALL_TOPICS:
+                break
+
+
+def test_schemas_refuse_what_is_not_valid(schema):
+    wrong = etree.fromstring('<tt:MetadataStream xmlns:tt="http://www.onvif.org/ver10/schema"><tt:VideoAnalytics>'
+                             '<tt:Frame UtcTime="today"/></tt:VideoAnalytics></tt:MetadataStream>')
+
+    with pytest.raises(etree.DocumentInvalid):
+        validate(wrong)
+
+
+def depayload_with_gst_launch(client, environment):
+    return subprocess.Popen(["gst-launch-1.0", "--quiet", "fdsrc", "!", "gdpdepay", "!", "fdsink"],
+                            stdin=client.socket, stdout=subprocess.PIPE, env=os.environ | environment)
+
+
+def read_some(pipe, deadline):
+    assert select.select([pipe], [], [], deadline - time.monotonic())[0], "nothing came in time"
+    return os.read(pipe.fileno(), 65536)
+
+
+def test_stream_is_read_by_an_independent_program(installation, start_daemon):
+    daemon = start_daemon(speed=100)
+    deadline = time.monotonic() + BOUND_SECONDS
+    with daemon.client() as client:
+        assert client.ask("event=1\n") == "OK"
+        with depayload_with_gst_launch(client, installation.plugin_environment([])) as program:
+            received = b""
+            while received.count(END_OF_DOCUMENT) < 20:
+                received += read_some(program.stdout, deadline)
+            client.close_writing()
+            while rest := read_some(program.stdout, deadline):
+                received += rest
+
+            assert program.wait(BOUND_SECONDS) == 0
+
+    *documents, rest = received.split(END_OF_DOCUMENT)
+    assert rest == b""
+    assert all(Document(document + END_OF_DOCUMENT).events for document in documents)
+
+
+# Sync points
+
+
+def test_sync_shows_every_state_again(daemon):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        for _ in range(3):
+            asked = now()
+            client.sync()
+            expect_states_since(stream, asked)
+
+
+def test_sync_right_after_the_reply_is_never_lost(daemon):
+    for _ in range(100):
+        with daemon.client() as client:
+            assert client.ask("event=1\n") == "OK"
+            asked = now()
+            client.sync()
+
+            expect_states_since(client.open_stream(), asked)
+
+
+def test_sync_behind_the_request_is_left_to_the_stream(daemon):
+    daemon.allow_on_stderr(EARLY_SYNC_WARNING)
+    for _ in range(100):
+        with daemon.client() as client:
+            client.send(b"OPEN\nevent=1\n\nSYNC\n")
+            assert client.read_reply() == b"OK"
+            stream = client.open_stream()
+            stream.next_document()
+
+            # Asked for too early it may be refused, but the stream does not suffer.
+            asked = now()
+            client.sync()
+            expect_states_since(stream, asked)
+
+
+@pytest.mark.parametrize("split", range(1, 5))
+def test_sync_that_began_behind_the_request(daemon, split):
+    first, second = b"SYNC\n"[:split], b"SYNC\n"[split:]
+    with daemon.client() as client:
+        client.send(b"OPEN\nevent=1\n\n" + first)
+        assert client.read_reply() == b"OK"
+        stream = client.open_stream()
+        stream.next_document()
+
+        asked = now()
+        client.send(second)
+        expect_states_since(stream, asked)
+
+
+@pytest.mark.parametrize("split", range(1, 5))
+def test_sync_in_two_pieces(daemon, split):
+    first, second = b"SYNC\n"[:split], b"SYNC\n"[split:]
+    with daemon.client() as client, daemon.client() as other:
+        stream = client.start()
+        stream.next_document()
+        client.send(first)
+        # Whatever the first piece does to the daemon, it has done by then.
+        other.start().next_document()
+
+        asked = now()
+        client.send(second)
+        expect_states_since(stream, asked)
+
+
+@pytest.mark.parametrize("text", [b"sync\n", b"SYNC \n", b" SYNC\n", b"SYNC\r\n", b"SYNCSYNC\n", b"\n", b"SYN\n",
+                                  b"OPEN\nevent=1\n\n", b"SYNC", "SYNCé\u2029SYNC\n".encode(),
+                                  pytest.param(b"x" * 10000 + b"\n", id="long")])
+def test_other_lines_are_ignored(start_daemon, text):
+    daemon = start_daemon(speed=100)
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        client.send(text)
+        first = next(event for event in stream.events() if event.operation)
+        assert first.operation == CHANGED
+
+        # And what ends the line makes no sync point of it.
+        asked = now()
+        client.send(b"x\nSYNC\n")
+        expect_states_since(stream, asked)
+
+
+def test_every_sync_in_one_write_counts_once(daemon):
+    with daemon.client() as client:
+        # No topic of this name exists, so that all that comes are answers to sync points.
+        stream = client.start("event=1\nevent_topic=tns1:Nothing\n")
+        assert stream.next_document().events == []
+        client.send(b"SYNC\nother\nSYNC\n")
+
+        assert stream.next_document().events == []
+
+
+def test_silent_filter_sends_nothing_but_answers(start_daemon):
+    daemon = start_daemon(speed=100)
+    with daemon.client() as client, daemon.client() as other:
+        stream = client.start("event=1\nevent_topic=tns1:Nothing\n")
+        stream.next_document()
+        talking = other.start()
+        for _ in itertools.islice(talking.events(), 20):
+            pass
+        client.close_writing()
+
+        with pytest.raises(StreamEnded):
+            stream.next_document()
+
+
+# Ends
+
+
+@pytest.mark.parametrize("text", [b"\xff", b"SYNC\n\xff", b"\x80\n", b"\xc0\x80\n", b"\xed\xa0\x80\n", b"\xc3\n",
+                                  b"\xf4\x90\x80\x80"])
+def test_input_that_is_no_utf8_ends_the_stream(daemon, text):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        client.send(text)
+
+        stream.read_to_end()
+
+
+@pytest.mark.parametrize("text", ["SYNCé\n".encode(), "\u2029\n".encode(), "\U0001f4f7\n".encode()])
+def test_input_that_is_utf8_in_pieces_goes_on(daemon, text):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        for byte in text:
+            client.send(bytes([byte]))
+
+        asked = now()
+        client.sync()
+        expect_states_since(stream, asked)
+
+
+def test_half_close_ends_the_stream(daemon):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        client.close_writing()
+
+        stream.read_to_end()
+
+
+def test_half_close_with_a_piece_of_a_line_ends_the_stream(daemon):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        client.send(b"SYNC")
+        client.close_writing()
+
+        stream.read_to_end()
+
+
+def test_hang_up_frees_all_that_the_client_took(daemon):
+    with daemon.client() as client:
+        client.start().next_document()
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first client's descriptors are closed")
+
+    with daemon.client() as client:
+        client.start().next_document()
+        assert daemon.descriptors() > daemon.idle_descriptors
+
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
+    assert daemon.log.take() == []
