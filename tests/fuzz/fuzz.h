@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <string_view>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+namespace fuzz
+{
+
+// Ends the run as a finding, whatever the build does with assert().
+inline void
+require(bool holds, const char *what)
+{
+  if (!holds) {
+    fprintf(stderr, "Does not hold: %s\n", what);
+    abort();
+  }
+}
+
+inline std::string_view
+as_text(const uint8_t *data, size_t size)
+{
+  return {reinterpret_cast<const char *>(data), size};
+}
+
+// Cuts the data into at most max_pieces pieces of random lengths. The data itself seeds the choice, so that
+// an input is always cut the same way and a seed file holds nothing but what its name says.
+inline std::vector<std::string_view>
+cut_into_pieces(std::string_view data, size_t max_pieces)
+{
+  std::minstd_rand random(static_cast<unsigned>(std::hash<std::string_view>()(data)));
+  std::vector<std::string_view> pieces;
+  while (!data.empty() && pieces.size() + 1 < max_pieces) {
+    pieces.push_back(data.substr(0, 1 + random() % data.size()));
+    data.remove_prefix(pieces.back().size());
+  }
+  if (!data.empty())
+    pieces.push_back(data);
+  return pieces;
+}
+
+} // namespace fuzz
