@@ -13,14 +13,14 @@ G_BEGIN_DECLS
 #define CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS 16
 
 #define CONNECTION_TYPE_MANAGER (connection_manager_get_type())
-  G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
+G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
 
-  ConnectionManager *connection_manager_new(GList * src_lists, int fd);
+ConnectionManager *connection_manager_new(GList *src_lists, int fd);
 
-  gboolean connection_manager_prepare(ConnectionManager * conn);
+gboolean connection_manager_prepare(ConnectionManager *conn);
 
-  void connection_manager_announce_start(ConnectionManager * conn);
+void connection_manager_announce_start(ConnectionManager *conn);
 
-  void connection_manager_start(ConnectionManager * conn);
+void connection_manager_start(ConnectionManager *conn);
 
 G_END_DECLS

@@ -4,6 +4,6 @@
 
 G_BEGIN_DECLS
 
-  GHashTable *request_read(GIOChannel * channel, gchar * *failure);
+GHashTable *request_read(GIOChannel *channel, gchar **failure);
 
 G_END_DECLS

@@ -4,6 +4,6 @@
 
 G_BEGIN_DECLS
 
-  GIOChannel *request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+GIOChannel *request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
 
 G_END_DECLS

@@ -27,12 +27,12 @@ G_BEGIN_DECLS
 #define SERVER_REQUEST_TIMEOUT_MS (10 * 1000)
 
 #define SERVER_TYPE (server_get_type())
-  G_DECLARE_FINAL_TYPE(Server, server, TESSARD, SERVER, GObject)
+G_DECLARE_FINAL_TYPE(Server, server, TESSARD, SERVER, GObject)
 
-  void server_register_source_factory(Server * self, SourceFactory * factory);
+void server_register_source_factory(Server *self, SourceFactory *factory);
 
-  gboolean server_start(Server * self);
+gboolean server_start(Server *self);
 
-  void server_stop(Server * self);
+void server_stop(Server *self);
 
 G_END_DECLS

@@ -4,6 +4,6 @@
 
 G_BEGIN_DECLS
 
-  int stream_command_run(int argc, char **argv);
+int stream_command_run(int argc, char **argv);
 
 G_END_DECLS

@@ -5,13 +5,13 @@
 
 G_BEGIN_DECLS
 
-  /* Registers an event source factory with a new server, and asks it for a source with no parameter at all.
-   * TRUE when it declines. */
-  gboolean use_factory_from_c(void);
+/* Registers an event source factory with a new server, and asks it for a source with no parameter at all.
+ * TRUE when it declines. */
+gboolean use_factory_from_c(void);
 
-  /* Counts the "SYNC" lines in a text. */
-  guint count_syncs_from_c(const gchar *text);
+/* Counts the "SYNC" lines in a text. */
+guint count_syncs_from_c(const gchar *text);
 
-  gsize size_of_scanner_in_c(void);
+gsize size_of_scanner_in_c(void);
 
 G_END_DECLS
