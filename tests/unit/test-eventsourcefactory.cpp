@@ -1,78 +1,19 @@
 #include "eventsourcefactory.h"
 
-#include "sourcefactory.h"
 #include "testelements.h"
+#include "testfactory.h"
 #include "testhost.h"
 
 #include <atomic>
 #include <syslog.h>
 #include <thread>
 
-using testhost::SyslogLines;
+using testfactory::Answer;
+using testfactory::Params;
 using testhost::Texts;
 
 namespace
 {
-
-using Params = std::vector<std::pair<std::string, std::string>>;
-
-/* The answer of a factory to one request. */
-struct Answer {
-  explicit Answer(const Params &params)
-  {
-    g_autoptr(EventSourceFactory) factory = event_source_factory_new();
-    g_autoptr(GHashTable) table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
-    for (const auto &[key, value] : params) {
-      g_hash_table_insert(table, g_strdup(key.c_str()), g_strdup(value.c_str()));
-    }
-
-    source = source_factory_create_source(SOURCE_FACTORY(factory), table, &error);
-    if (source != nullptr) {
-      EXPECT_TRUE(g_object_is_floating(source));
-      gst_object_ref_sink(source);
-    }
-    EXPECT_EQ(g_hash_table_size(table), params.size());
-  }
-
-  ~Answer()
-  {
-    g_clear_object(&source);
-    g_clear_error(&error);
-  }
-
-  Answer(const Answer &) = delete;
-  Answer &operator=(const Answer &) = delete;
-
-  std::string property(const char *name) const
-  {
-    g_autofree gchar *value = nullptr;
-    g_object_get(source, name, &value, nullptr);
-    return value;
-  }
-
-  GstElement *source = nullptr;
-  GError *error = nullptr;
-};
-
-void
-expect_declined(const Params &params)
-{
-  const Answer answer(params);
-
-  EXPECT_EQ(answer.source, nullptr);
-  EXPECT_EQ(answer.error, nullptr);
-}
-
-void
-expect_refused(const Params &params, const std::string &text)
-{
-  const Answer answer(params);
-
-  EXPECT_EQ(answer.source, nullptr);
-  ASSERT_TRUE(g_error_matches(answer.error, source_factory_error_quark(), 0));
-  EXPECT_EQ(answer.error->message, text);
-  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, text}}));
-}
 
 class EventSourceFactoryTest : public testhost::Fixture
 {
@@ -81,6 +22,36 @@ protected:
   {
     testelements::install();
   }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    factory_ = SOURCE_FACTORY(event_source_factory_new());
+  }
+
+  void TearDown() override
+  {
+    g_clear_object(&factory_);
+    Fixture::TearDown();
+  }
+
+  Answer ask(const Params &params) const
+  {
+    return Answer(factory_, params);
+  }
+
+  void expect_declined(const Params &params) const
+  {
+    testfactory::expect_declined(factory_, params);
+  }
+
+  void expect_refused(const Params &params, const std::string &text) const
+  {
+    testfactory::expect_refused(factory_, params, source_factory_error_quark(), text);
+  }
+
+private:
+  SourceFactory *factory_ = nullptr;
 };
 
 } // namespace
@@ -124,7 +95,7 @@ TEST_F(EventSourceFactoryTest, RefusesEveryOtherValue)
 TEST_F(EventSourceFactoryTest, MakesAnElementThatKeepsItsDefaults)
 {
   testelements::take_filters();
-  const Answer answer(Params{{"event", "1"}});
+  const Answer answer = ask({{"event", "1"}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(answer.error, nullptr);
@@ -139,7 +110,7 @@ TEST_F(EventSourceFactoryTest, MakesAnElementThatKeepsItsDefaults)
 TEST_F(EventSourceFactoryTest, SetsTheTopicAlone)
 {
   testelements::take_filters();
-  const Answer answer(Params{{"event", "1"}, {"event_topic", "tns1:Device//."}});
+  const Answer answer = ask({{"event", "1"}, {"event_topic", "tns1:Device//."}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(testelements::take_filters(), (Texts{"event-topic=tns1:Device//."}));
@@ -148,7 +119,7 @@ TEST_F(EventSourceFactoryTest, SetsTheTopicAlone)
 TEST_F(EventSourceFactoryTest, SetsTheContentAlone)
 {
   testelements::take_filters();
-  const Answer answer(Params{{"event", "1"}, {"event_content", "boolean(//tt:SimpleItem)"}});
+  const Answer answer = ask({{"event", "1"}, {"event_content", "boolean(//tt:SimpleItem)"}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(testelements::take_filters(), (Texts{"event-content=boolean(//tt:SimpleItem)"}));
@@ -156,7 +127,7 @@ TEST_F(EventSourceFactoryTest, SetsTheContentAlone)
 
 TEST_F(EventSourceFactoryTest, SetsAnEmptyFilterToo)
 {
-  const Answer answer(Params{{"event", "1"}, {"event_topic", ""}});
+  const Answer answer = ask({{"event", "1"}, {"event_topic", ""}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(answer.property("event-topic"), "");
@@ -164,8 +135,9 @@ TEST_F(EventSourceFactoryTest, SetsAnEmptyFilterToo)
 
 TEST_F(EventSourceFactoryTest, UndoesTheEscapesOfBothFilters)
 {
-  const Answer answer(Params{
-      {"event", "1"}, {"event_topic", R"(a\nb\tc\\d\"e\101\x)"}, {"event_content", R"(\r\b\f\v\303\251\n)"}});
+  const Answer answer = ask({{"event", "1"},
+                             {"event_topic", R"(a\nb\tc\\d\"e\101\x)"},
+                             {"event_content", R"(\r\b\f\v\303\251\n)"}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(answer.property("event-topic"), "a\nb\tc\\d\"eAx");
@@ -174,7 +146,7 @@ TEST_F(EventSourceFactoryTest, UndoesTheEscapesOfBothFilters)
 
 TEST_F(EventSourceFactoryTest, TakesAFilterThatEndsInABackslash)
 {
-  const Answer answer(Params{{"event", "1"}, {"event_topic", "cut\\"}});
+  const Answer answer = ask({{"event", "1"}, {"event_topic", "cut\\"}});
 
   ASSERT_NE(answer.source, nullptr);
   EXPECT_EQ(answer.property("event-topic"), "cut");
@@ -192,15 +164,15 @@ TEST_F(EventSourceFactoryTest, FailsWithoutThePlatformsElement)
 TEST_F(EventSourceFactoryTest, AnswersTwoThreadsAtOnce)
 {
   std::atomic<int> right = 0;
-  const auto ask = [&right](const char *topic) {
+  const auto ask_often = [&right, this](const char *topic) {
     for (int i = 0; i < 50; i++) {
-      const Answer answer(Params{{"event", "1"}, {"event_topic", topic}});
+      const Answer answer = ask({{"event", "1"}, {"event_topic", topic}});
       right += answer.source != nullptr && answer.property("event-topic") == topic ? 1 : 0;
     }
   };
 
-  std::thread other(ask, "the other's");
-  ask("one's");
+  std::thread other(ask_often, "the other's");
+  ask_often("one's");
   other.join();
   EXPECT_EQ(right, 100);
 }

@@ -1,6 +1,8 @@
 #include "testfactory.h"
 
-#include <utility>
+#include "testhost.h"
+
+#include <syslog.h>
 
 struct _TestFactory {
   GObject parent_instance;
@@ -53,3 +55,61 @@ test_factory_new(CreateSource create_source)
   *self->create_source = std::move(create_source);
   return self;
 }
+
+namespace testfactory
+{
+
+Answer::Answer(SourceFactory *factory, const Params &params)
+{
+  g_autoptr(GHashTable) table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+  for (const auto &[key, value] : params) {
+    g_hash_table_insert(table, g_strdup(key.c_str()), g_strdup(value.c_str()));
+  }
+
+  source = source_factory_create_source(factory, table, &error);
+  if (source != nullptr) {
+    EXPECT_TRUE(g_object_is_floating(source));
+    gst_object_ref_sink(source);
+  }
+  EXPECT_EQ(g_hash_table_size(table), params.size());
+}
+
+Answer::~Answer()
+{
+  g_clear_object(&source);
+  g_clear_error(&error);
+}
+
+std::string
+Answer::property(const char *name) const
+{
+  g_auto(GValue) value = G_VALUE_INIT;
+  g_auto(GValue) text = G_VALUE_INIT;
+
+  g_object_get_property(G_OBJECT(source), name, &value);
+  g_value_init(&text, G_TYPE_STRING);
+  g_value_transform(&value, &text);
+  return g_value_get_string(&text);
+}
+
+void
+expect_declined(SourceFactory *factory, const Params &params)
+{
+  const Answer answer(factory, params);
+
+  EXPECT_EQ(answer.source, nullptr);
+  EXPECT_EQ(answer.error, nullptr);
+}
+
+void
+expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text)
+{
+  const Answer answer(factory, params);
+
+  EXPECT_EQ(answer.source, nullptr);
+  ASSERT_TRUE(g_error_matches(answer.error, domain, 0));
+  EXPECT_EQ(answer.error->message, text);
+  EXPECT_EQ(testhost::take_syslog(), (testhost::SyslogLines{{LOG_WARNING, text}}));
+}
+
+} // namespace testfactory

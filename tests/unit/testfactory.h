@@ -1,9 +1,12 @@
-/* A source factory whose answers a test gives. */
+/* A source factory whose answers a test gives, and what a factory under test answers. */
 #pragma once
 
 #include "sourcefactory.h"
 
 #include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 G_DECLARE_FINAL_TYPE(TestFactory, test_factory, TEST, FACTORY, GObject)
 
@@ -11,3 +14,32 @@ using CreateSource = std::function<GstElement *(GHashTable *params, GError **err
 
 /* @create_source runs on the threads that ask the factory. */
 TestFactory *test_factory_new(CreateSource create_source);
+
+namespace testfactory
+{
+
+using Params = std::vector<std::pair<std::string, std::string>>;
+
+/* The answer of a factory to one request. The test owns the source, which no longer floats. */
+class Answer
+{
+public:
+  Answer(SourceFactory *factory, const Params &params);
+  ~Answer();
+  Answer(const Answer &) = delete;
+  Answer &operator=(const Answer &) = delete;
+
+  /* A property of the source as text. */
+  std::string property(const char *name) const;
+
+  GstElement *source = nullptr;
+  GError *error = nullptr;
+};
+
+/* The factory has nothing to contribute. */
+void expect_declined(SourceFactory *factory, const Params &params);
+
+/* The factory fails with @text, which is also the one line that it logs, as a warning. */
+void expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text);
+
+} // namespace testfactory
