@@ -21,7 +21,7 @@ namespace
 gboolean
 wants_events(GHashTable *params, GError **error)
 {
-  auto event = static_cast<const gchar *>(g_hash_table_lookup(params, "event"));
+  const gchar *event = source_factory_lookup_param(params, "event");
 
   if (event == nullptr || g_str_equal(event, "0")) {
     return FALSE;
@@ -38,7 +38,7 @@ wants_events(GHashTable *params, GError **error)
 void
 set_filter(GstElement *source, const gchar *property, GHashTable *params, const gchar *key)
 {
-  auto escaped = static_cast<const gchar *>(g_hash_table_lookup(params, key));
+  const gchar *escaped = source_factory_lookup_param(params, key);
   if (escaped == nullptr) {
     return;
   }

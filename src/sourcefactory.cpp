@@ -46,6 +46,22 @@ source_factory_create_source(SourceFactory *self, GHashTable *params, GError **e
 }
 
 /**
+ * source_factory_lookup_param:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @key: the key of one of them
+ *
+ * Any thread.
+ *
+ * Returns: (transfer none) (nullable): the parameter's text, which lives as long as @params; %NULL if the
+ *   request does not have it
+ */
+const gchar *
+source_factory_lookup_param(GHashTable *params, const gchar *key)
+{
+  return static_cast<const gchar *>(g_hash_table_lookup(params, key));
+}
+
+/**
  * source_factory_fail:
  * @error: (out) (optional): where to put the failure, unset
  * @domain: the error's domain

@@ -26,6 +26,8 @@ GQuark source_factory_error_quark(void);
 
 GstElement *source_factory_create_source(SourceFactory *self, GHashTable *params, GError **error);
 
+const gchar *source_factory_lookup_param(GHashTable *params, const gchar *key);
+
 void source_factory_fail(GError **error, GQuark domain, const gchar *format, ...) G_GNUC_PRINTF(3, 4);
 
 G_END_DECLS

@@ -120,3 +120,12 @@ TEST_F(SourceFactoryTest, FailLogsForACallerThatWantsNoError)
 
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Nobody asks."}}));
 }
+
+TEST_F(SourceFactoryTest, LooksUpAParameterWithoutCopyingIt)
+{
+  gchar value[] = "1";
+  g_hash_table_insert(params_, const_cast<gchar *>("event"), value);
+
+  EXPECT_EQ(source_factory_lookup_param(params_, "event"), value);
+  EXPECT_EQ(source_factory_lookup_param(params_, "ptz"), nullptr);
+}
