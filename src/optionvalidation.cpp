@@ -1,0 +1,110 @@
+/* Judges the parameters that several kinds of metadata have in common. The functions keep no state and write
+ * nothing but their answer, the error and, for a bad value, the same text to the log.
+ *
+ * The texts reach clients, who may compare them: the runs of blanks in them are part of them and stay.
+ */
+#include "optionvalidation.h"
+
+#include "sourcefactory.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+
+namespace
+{
+
+constexpr std::array<std::string_view, 3> ANALYTICS_VALUES = {"0", "1", "2"};
+
+gboolean
+is_all_digits(std::string_view text)
+{
+  return text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+/* strtol() as it is where a long has 32 bits, whatever it has here. */
+gint32
+strtol_32(const gchar *text)
+{
+  const glong value = strtol(text, nullptr, 10);
+
+  if (value > G_MAXINT32 || value < G_MININT32) {
+    errno = ERANGE;
+  }
+  return static_cast<gint32>(std::clamp<glong>(value, G_MININT32, G_MAXINT32));
+}
+
+} // namespace
+
+/**
+ * option_validation_error_quark:
+ *
+ * The domain of the errors about a channel and about analytics. All have code 0. Any thread.
+ *
+ * Returns: the quark of "option_validation_error"
+ */
+GQuark
+option_validation_error_quark(void)
+{
+  return g_quark_from_static_string("option_validation_error");
+}
+
+/**
+ * option_validation_parse_channel:
+ * @value: (transfer none): the text of "video_channel"
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Reads a channel's number: decimal digits and nothing else. An empty text is channel 0. A bad text is logged
+ * at warning priority as well. Any thread.
+ *
+ * Returns: the channel, or -1 with @error set in the domain of option_validation_error_quark()
+ */
+gint32
+option_validation_parse_channel(const gchar *value, GError **error)
+{
+  if (!is_all_digits(value)) {
+    source_factory_fail(error, option_validation_error_quark(),
+                        "Invalid value of 'channel'           parameter: '%s'.", value);
+    return -1;
+  }
+
+  /* errno is deliberately not cleared before: a limit counts as out of bounds exactly if errno reads ERANGE
+   * now, even where that is left from something else. Nobody has a channel with the number of a limit. */
+  const gint32 channel = strtol_32(value);
+  if ((channel == G_MAXINT32 || channel == G_MININT32) && errno == ERANGE) {
+    source_factory_fail(error, option_validation_error_quark(),
+                        "Value out of bounds for 'channel'         parameter: '%s'.", value);
+    return -1;
+  }
+  return channel;
+}
+
+/**
+ * option_validation_parse_analytics:
+ * @value: (transfer none) (nullable): the text of "analytics", %NULL if the request has none
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Reads how much of the analytics is asked for: 0 nothing, which is also what an absent text means, 1 objects
+ * with bounding boxes, 2 objects with polygons too. A bad text is logged at warning priority as well. Any
+ * thread.
+ *
+ * Returns: 0, 1 or 2, or %OPTION_VALIDATION_ANALYTICS_INVALID with @error set in the domain of
+ *   option_validation_error_quark()
+ */
+gint32
+option_validation_parse_analytics(const gchar *value, GError **error)
+{
+  if (value == nullptr) {
+    return 0;
+  }
+
+  const auto *found = std::find(ANALYTICS_VALUES.begin(), ANALYTICS_VALUES.end(), value);
+  if (found == ANALYTICS_VALUES.end()) {
+    source_factory_fail(error, option_validation_error_quark(),
+                        "Invalid value of 'analytics' parameter: '%s'.", value);
+    return OPTION_VALIDATION_ANALYTICS_INVALID;
+  }
+  return static_cast<gint32>(found - ANALYTICS_VALUES.begin());
+}

@@ -1,0 +1,103 @@
+/* Judges the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state and
+ * write nothing but their answer, the error and, for a bad value, the same text to the log.
+ *
+ * The texts reach clients, who may compare them: the runs of blanks in them, each at its own place, are part
+ * of them and stay.
+ */
+#include "ptzvalidation.h"
+
+#include "sourcefactory.h"
+
+namespace
+{
+
+struct Digit {
+  gint32 highest;
+  const gchar *subject; /* what the texts call it, from the blanks before it on */
+};
+
+constexpr Digit PTZ = {3, " 'ptz'         parameter"};
+constexpr Digit PANTILT_SPACE = {2, "         'ptz pantilt coordinate space' parameter"};
+constexpr Digit ZOOM_SPACE = {2, " 'ptz zoom coordinate space'         parameter"};
+
+gint32
+parse_digit(const Digit &digit, const gchar *value, GError **error)
+{
+  if (!g_ascii_isdigit(value[0]) || value[1] != '\0') {
+    source_factory_fail(error, ptz_validation_error_quark(), "Invalid value of%s: '%s'.", digit.subject,
+                        value);
+    return -1;
+  }
+
+  const gint32 number = g_ascii_digit_value(value[0]);
+  if (number > digit.highest) {
+    source_factory_fail(error, ptz_validation_error_quark(), "Value out of bounds for%s: '%s'.",
+                        digit.subject, value);
+    return -1;
+  }
+  return number;
+}
+
+} // namespace
+
+/**
+ * ptz_validation_error_quark:
+ *
+ * The domain of the errors about pan, tilt and zoom. All have code 0. Any thread.
+ *
+ * Returns: the quark of "ptz_validation_error"
+ */
+GQuark
+ptz_validation_error_quark(void)
+{
+  return g_quark_from_static_string("ptz_validation_error");
+}
+
+/**
+ * ptz_validation_parse_ptz:
+ * @value: (transfer none) (nullable): the text of "ptz", %NULL if the request has none
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Reads what is asked for of pan, tilt and zoom: 0 nothing, which is also what an absent text means, 1 status
+ * and position, 2 position, 3 status. A bad text is logged at warning priority as well. Any thread.
+ *
+ * Returns: 0 to 3, or -1 with @error set in the domain of ptz_validation_error_quark()
+ */
+gint32
+ptz_validation_parse_ptz(const gchar *value, GError **error)
+{
+  if (value == nullptr) {
+    return 0;
+  }
+  return parse_digit(PTZ, value, error);
+}
+
+/**
+ * ptz_validation_parse_ptz_pantilt:
+ * @value: (transfer none): the text of "ptz_pantilt_coordinate_space"
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Reads the coordinate space of pan and tilt. A bad text is logged at warning priority as well. Any thread.
+ *
+ * Returns: 0 to 2, or -1 with @error set in the domain of ptz_validation_error_quark()
+ */
+gint32
+ptz_validation_parse_ptz_pantilt(const gchar *value, GError **error)
+{
+  return parse_digit(PANTILT_SPACE, value, error);
+}
+
+/**
+ * ptz_validation_parse_ptz_zoom:
+ * @value: (transfer none): the text of "ptz_zoom_coordinate_space"
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Reads the coordinate space of zoom. A bad text is logged at warning priority as well. Any thread.
+ *
+ * Returns: 0 to 2, or -1 with @error set in the domain of ptz_validation_error_quark()
+ */
+gint32
+ptz_validation_parse_ptz_zoom(const gchar *value, GError **error)
+{
+  return parse_digit(ZOOM_SPACE, value, error);
+}

@@ -1,0 +1,159 @@
+#include "optionvalidation.h"
+
+#include "testhost.h"
+
+#include <cerrno>
+#include <syslog.h>
+
+using testhost::SyslogLines;
+
+namespace
+{
+
+class OptionValidationTest : public testhost::Fixture
+{
+protected:
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    errno = 0;
+  }
+};
+
+void
+expect_error(const GError *error, const std::string &text)
+{
+  ASSERT_TRUE(g_error_matches(error, option_validation_error_quark(), 0));
+  EXPECT_EQ(error->message, text);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, text}}));
+}
+
+void
+expect_channel(const char *text, gint32 channel)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_parse_channel(text, &error), channel);
+  EXPECT_EQ(error, nullptr);
+}
+
+void
+expect_channel_refused(const char *text, const std::string &message)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_parse_channel(text, &error), -1);
+  expect_error(error, message);
+}
+
+std::string
+invalid_channel(const std::string &text)
+{
+  return "Invalid value of 'channel'           parameter: '" + text + "'.";
+}
+
+std::string
+channel_out_of_bounds(const std::string &text)
+{
+  return "Value out of bounds for 'channel'         parameter: '" + text + "'.";
+}
+
+} // namespace
+
+TEST_F(OptionValidationTest, HasItsOwnErrorDomain)
+{
+  EXPECT_STREQ(g_quark_to_string(option_validation_error_quark()), "option_validation_error");
+}
+
+TEST_F(OptionValidationTest, TakesAnEmptyChannelForChannelZero)
+{
+  expect_channel("", 0);
+}
+
+TEST_F(OptionValidationTest, TakesDecimalDigitsForAChannel)
+{
+  expect_channel("0", 0);
+  expect_channel("1", 1);
+  expect_channel("007", 7);
+  expect_channel("010", 10);
+  expect_channel("2147483646", 2147483646);
+}
+
+TEST_F(OptionValidationTest, RefusesAChannelWithAnythingButDigits)
+{
+  for (const char *text :
+       {"-1", "+1", " 1", "1 ", "1a", "a1", "0x1", "1.0", "\t1", "\u0661", "%s", "-", "é"}) {
+    expect_channel_refused(text, invalid_channel(text));
+  }
+}
+
+TEST_F(OptionValidationTest, PutsElevenBlanksIntoTheFirstChannelTextAndNineIntoTheOther)
+{
+  expect_channel_refused("x", "Invalid value of 'channel'" + std::string(11, ' ') + "parameter: 'x'.");
+  expect_channel_refused("99999999999", "Value out of bounds for 'channel'" + std::string(9, ' ') +
+                                            "parameter: '99999999999'.");
+}
+
+TEST_F(OptionValidationTest, RefusesAChannelBeyond32Bits)
+{
+  for (const char *text :
+       {"2147483648", "4294967295", "4294967296", "4294967297", "99999999999", "9223372036854775807",
+        "9223372036854775808", "18446744073709551617", "99999999999999999999999999999999"}) {
+    errno = 0;
+    expect_channel_refused(text, channel_out_of_bounds(text));
+  }
+}
+
+TEST_F(OptionValidationTest, TakesTheLargestChannelUnlessErrnoAlreadyReadsErange)
+{
+  expect_channel("2147483647", G_MAXINT32);
+
+  errno = ERANGE;
+  expect_channel_refused("2147483647", channel_out_of_bounds("2147483647"));
+
+  errno = EINVAL;
+  expect_channel("2147483647", G_MAXINT32);
+}
+
+TEST_F(OptionValidationTest, LeavesErrnoAsItIsForAGoodChannel)
+{
+  errno = ERANGE;
+
+  expect_channel("2147483646", 2147483646);
+  EXPECT_EQ(errno, ERANGE);
+}
+
+TEST_F(OptionValidationTest, RefusesAChannelWithoutAPlaceForTheError)
+{
+  EXPECT_EQ(option_validation_parse_channel("one", nullptr), -1);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, invalid_channel("one")}}));
+}
+
+TEST_F(OptionValidationTest, TakesNoAnalyticsForNone)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_parse_analytics(nullptr, &error), 0);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(OptionValidationTest, TakesTheThreeKindsOfAnalytics)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_parse_analytics("0", &error), 0);
+  EXPECT_EQ(option_validation_parse_analytics("1", &error), 1);
+  EXPECT_EQ(option_validation_parse_analytics("2", &error), 2);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(OptionValidationTest, RefusesEveryOtherAnalyticsWithThree)
+{
+  for (const char *text : {"3", "", " 1", "1 ", "01", "-1", "true", "1\n", "22", "%d"}) {
+    g_autoptr(GError) error = nullptr;
+
+    EXPECT_EQ(option_validation_parse_analytics(text, &error), 3);
+    expect_error(error, "Invalid value of 'analytics' parameter: '" + std::string(text) + "'.");
+  }
+  EXPECT_EQ(OPTION_VALIDATION_ANALYTICS_INVALID, 3);
+}

@@ -1,0 +1,276 @@
+#include "ptzsourcefactory.h"
+
+#include "optionvalidation.h"
+#include "ptzvalidation.h"
+#include "testelements.h"
+#include "testfactory.h"
+#include "testhost.h"
+
+#include <atomic>
+#include <thread>
+#include <utility>
+
+using testfactory::Answer;
+using testfactory::Params;
+using testhost::Texts;
+
+/* The platform's element, with defaults that nobody would set, and a memory for what is set. */
+
+struct TestPtzSource {
+  GstElement parent_instance;
+
+  Texts *settings;
+};
+
+struct TestPtzSourceClass {
+  GstElementClass parent_class;
+};
+
+GType test_ptz_source_get_type();
+G_DEFINE_TYPE(TestPtzSource, test_ptz_source, GST_TYPE_ELEMENT)
+
+static TestPtzSource *
+test_ptz_source(gpointer instance)
+{
+  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_ptz_source_get_type(), TestPtzSource);
+}
+
+static void
+test_ptz_source_set_property(GObject *object, guint, const GValue *value, GParamSpec *spec)
+{
+  g_autofree gchar *text = g_strdup_value_contents(value);
+
+  test_ptz_source(object)->settings->push_back(std::string(spec->name) + "=" + text);
+}
+
+static void
+test_ptz_source_init(TestPtzSource *self)
+{
+  self->settings = new Texts;
+}
+
+static void
+test_ptz_source_finalize(GObject *object)
+{
+  delete test_ptz_source(object)->settings;
+
+  G_OBJECT_CLASS(test_ptz_source_parent_class)->finalize(object);
+}
+
+static void
+test_ptz_source_class_init(TestPtzSourceClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  guint id = 0;
+
+  object_class->set_property = test_ptz_source_set_property;
+  object_class->finalize = test_ptz_source_finalize;
+  for (const char *name :
+       {"channel", "coordinate-space-pantilt", "coordinate-space-zoom", "ptz-move-capabilities"}) {
+    g_object_class_install_property(
+        object_class, ++id, g_param_spec_int(name, name, name, G_MININT32, G_MAXINT32, 0, G_PARAM_WRITABLE));
+  }
+  for (const char *name : {"filter-position", "filter-status"}) {
+    g_object_class_install_property(object_class, ++id,
+                                    g_param_spec_boolean(name, name, name, FALSE, G_PARAM_WRITABLE));
+  }
+  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "PTZ", "Test", "Remembers", "tests");
+}
+
+namespace
+{
+
+constexpr gint32 MOVE_CAPABILITIES = -77;
+
+class PTZSourceFactoryTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    gst_element_register(nullptr, "statuscacheptzsrc", GST_RANK_NONE, test_ptz_source_get_type());
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    factory_ = ptz_source_factory_new(MOVE_CAPABILITIES);
+  }
+
+  void TearDown() override
+  {
+    g_clear_object(&factory_);
+    Fixture::TearDown();
+  }
+
+  void expect_declined(const Params &params) const
+  {
+    testfactory::expect_declined(factory_, params);
+  }
+
+  void expect_refused(const Params &params, GQuark domain, const std::string &text) const
+  {
+    testfactory::expect_refused(factory_, params, domain, text);
+  }
+
+  /* Everything set on the element that the factory makes, in order. */
+  Texts settings_for(const Params &params) const
+  {
+    const Answer answer(factory_, params);
+
+    EXPECT_EQ(answer.error, nullptr);
+    EXPECT_NE(answer.source, nullptr);
+    return answer.source != nullptr ? *test_ptz_source(answer.source)->settings : Texts();
+  }
+
+  SourceFactory *factory_ = nullptr;
+};
+
+} // namespace
+
+TEST_F(PTZSourceFactoryTest, IsAnObjectWithOneFieldThatIsAFactory)
+{
+  const GType type = ptz_source_factory_get_type();
+  GTypeQuery query = {};
+  g_type_query(type, &query);
+
+  EXPECT_STREQ(g_type_name(type), "PTZSourceFactory");
+  EXPECT_EQ(g_type_parent(type), static_cast<GType>(G_TYPE_OBJECT));
+  EXPECT_TRUE(g_type_is_a(type, SOURCE_TYPE_FACTORY));
+  EXPECT_EQ(query.class_size, sizeof(GObjectClass));
+  EXPECT_EQ(G_OBJECT_TYPE(factory_), type);
+}
+
+TEST_F(PTZSourceFactoryTest, DeclinesAnEmptyRequest)
+{
+  expect_declined({});
+}
+
+TEST_F(PTZSourceFactoryTest, DeclinesARequestForNoPtz)
+{
+  expect_declined({{"ptz", "0"}});
+  expect_declined({{"ptz", "0"},
+                   {"video_channel", "3"},
+                   {"ptz_pantilt_coordinate_space", "1"},
+                   {"ptz_zoom_coordinate_space", "2"}});
+  expect_declined({{"video_channel", "3"}, {"analytics", "2"}});
+}
+
+TEST_F(PTZSourceFactoryTest, MakesAnElementWithNoNameOfItsOwn)
+{
+  const Answer answer(factory_, {{"ptz", "1"}});
+
+  ASSERT_NE(answer.source, nullptr);
+  EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(answer.source)), "statuscacheptzsrc");
+  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(answer.source), "testptzsource"));
+  EXPECT_EQ(GST_OBJECT_PARENT(answer.source), nullptr);
+}
+
+TEST_F(PTZSourceFactoryTest, LeavesChannelAndSpacesAtTheElementsDefaultsWhenTheyAreAbsent)
+{
+  EXPECT_EQ(settings_for({{"ptz", "1"}}),
+            (Texts{"filter-position=FALSE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+}
+
+TEST_F(PTZSourceFactoryTest, LeavesTheStatusOutForPositionOnly)
+{
+  EXPECT_EQ(settings_for({{"ptz", "2"}, {"video_channel", "3"}}),
+            (Texts{"channel=3", "filter-position=TRUE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+}
+
+TEST_F(PTZSourceFactoryTest, LeavesThePositionOutForStatusOnly)
+{
+  EXPECT_EQ(settings_for({{"ptz", "3"}}),
+            (Texts{"filter-position=FALSE", "filter-status=TRUE", "ptz-move-capabilities=-77"}));
+}
+
+TEST_F(PTZSourceFactoryTest, SetsEachOptionThatIsGiven)
+{
+  EXPECT_EQ(settings_for({{"ptz", "1"},
+                          {"ptz_zoom_coordinate_space", "2"},
+                          {"ptz_pantilt_coordinate_space", "0"},
+                          {"video_channel", ""}}),
+            (Texts{"channel=0", "coordinate-space-pantilt=0", "coordinate-space-zoom=2",
+                   "filter-position=FALSE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+  EXPECT_EQ(settings_for({{"ptz", "1"}, {"ptz_zoom_coordinate_space", "0"}}),
+            (Texts{"coordinate-space-zoom=0", "filter-position=FALSE", "filter-status=FALSE",
+                   "ptz-move-capabilities=-77"}));
+}
+
+TEST_F(PTZSourceFactoryTest, PassesAnyMoveCapabilitiesOnUnchanged)
+{
+  for (const gint32 capabilities : {0, 1, G_MAXINT32, G_MININT32}) {
+    g_autoptr(SourceFactory) factory = ptz_source_factory_new(capabilities);
+    const Answer answer(factory, {{"ptz", "1"}});
+
+    ASSERT_NE(answer.source, nullptr);
+    EXPECT_EQ(test_ptz_source(answer.source)->settings->back(),
+              "ptz-move-capabilities=" + std::to_string(capabilities));
+  }
+}
+
+TEST_F(PTZSourceFactoryTest, RefusesABadPtz)
+{
+  expect_refused({{"ptz", "4"}}, ptz_validation_error_quark(),
+                 "Value out of bounds for 'ptz'         parameter: '4'.");
+  expect_refused({{"ptz", ""}}, ptz_validation_error_quark(),
+                 "Invalid value of 'ptz'         parameter: ''.");
+}
+
+TEST_F(PTZSourceFactoryTest, RefusesABadChannelEvenWithoutPtz)
+{
+  expect_refused({{"video_channel", "x"}}, option_validation_error_quark(),
+                 "Invalid value of 'channel'           parameter: 'x'.");
+}
+
+TEST_F(PTZSourceFactoryTest, RefusesABadSpaceEvenWhenPtzIsOff)
+{
+  expect_refused({{"ptz", "0"}, {"ptz_zoom_coordinate_space", "5"}}, ptz_validation_error_quark(),
+                 "Value out of bounds for 'ptz zoom coordinate space'         parameter: '5'.");
+  expect_refused({{"ptz_pantilt_coordinate_space", "a"}}, ptz_validation_error_quark(),
+                 "Invalid value of         'ptz pantilt coordinate space' parameter: 'a'.");
+}
+
+TEST_F(PTZSourceFactoryTest, TellsTheFirstBadParameterOfPtzChannelPantiltZoom)
+{
+  Params params = {{"ptz_zoom_coordinate_space", "9"},
+                   {"ptz_pantilt_coordinate_space", "8"},
+                   {"video_channel", "c"},
+                   {"ptz", "7"}};
+
+  expect_refused(params, ptz_validation_error_quark(),
+                 "Value out of bounds for 'ptz'         parameter: '7'.");
+  params.back().second = "0";
+  expect_refused(params, option_validation_error_quark(),
+                 "Invalid value of 'channel'           parameter: 'c'.");
+  params[2].second = "1";
+  expect_refused(params, ptz_validation_error_quark(),
+                 "Value out of bounds for         'ptz pantilt coordinate space' parameter: '8'.");
+  params[1].second = "1";
+  expect_refused(params, ptz_validation_error_quark(),
+                 "Value out of bounds for 'ptz zoom coordinate space'         parameter: '9'.");
+}
+
+TEST_F(PTZSourceFactoryTest, FailsWithoutThePlatformsElement)
+{
+  const testelements::WithoutFactory without("statuscacheptzsrc");
+
+  expect_declined({{"ptz", "0"}});
+  expect_refused({{"ptz", "1"}}, source_factory_error_quark(), "Could not construct statuscacheptzsrc.");
+}
+
+TEST_F(PTZSourceFactoryTest, AnswersTwoThreadsAtOnce)
+{
+  std::atomic<int> right = 0;
+  const auto ask_often = [&right, this](const char *channel) {
+    for (int i = 0; i < 50; i++) {
+      const Answer answer(factory_, {{"ptz", "1"}, {"video_channel", channel}});
+      right += answer.source != nullptr &&
+               test_ptz_source(answer.source)->settings->front() == std::string("channel=") + channel;
+    }
+  };
+
+  std::thread other(ask_often, "1");
+  ask_often("2");
+  other.join();
+  EXPECT_EQ(right, 100);
+}

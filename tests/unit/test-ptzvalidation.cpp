@@ -1,0 +1,114 @@
+#include "ptzvalidation.h"
+
+#include "testhost.h"
+
+#include <syslog.h>
+
+using testhost::SyslogLines;
+
+namespace
+{
+
+using Parse = gint32 (*)(const gchar *value, GError **error);
+
+const std::string NINE_BLANKS(9, ' ');
+
+/* One of the three validators and its texts, up to the value. */
+struct Validator {
+  const char *name;
+  Parse parse;
+  gint32 highest;
+  std::string invalid;
+  std::string out_of_bounds;
+};
+
+const Validator PTZ = {
+    "ptz",
+    ptz_validation_parse_ptz,
+    3,
+    "Invalid value of 'ptz'" + NINE_BLANKS + "parameter: ",
+    "Value out of bounds for 'ptz'" + NINE_BLANKS + "parameter: ",
+};
+
+const Validator PANTILT = {
+    "pantilt",
+    ptz_validation_parse_ptz_pantilt,
+    2,
+    "Invalid value of" + NINE_BLANKS + "'ptz pantilt coordinate space' parameter: ",
+    "Value out of bounds for" + NINE_BLANKS + "'ptz pantilt coordinate space' parameter: ",
+};
+
+const Validator ZOOM = {
+    "zoom",
+    ptz_validation_parse_ptz_zoom,
+    2,
+    "Invalid value of 'ptz zoom coordinate space'" + NINE_BLANKS + "parameter: ",
+    "Value out of bounds for 'ptz zoom coordinate space'" + NINE_BLANKS + "parameter: ",
+};
+
+class PtzValidationTest : public testhost::Fixture, public testing::WithParamInterface<Validator>
+{
+protected:
+  static void expect_refused(const std::string &value, const std::string &start)
+  {
+    const std::string text = start + "'" + value + "'.";
+    g_autoptr(GError) error = nullptr;
+
+    EXPECT_EQ(GetParam().parse(value.c_str(), &error), -1);
+    ASSERT_TRUE(g_error_matches(error, ptz_validation_error_quark(), 0));
+    EXPECT_EQ(error->message, text);
+    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, text}}));
+  }
+};
+
+class PtzValidationDomainTest : public testhost::Fixture
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(All, PtzValidationTest, testing::Values(PTZ, PANTILT, ZOOM),
+                         [](const auto &validator) { return std::string(validator.param.name); });
+
+} // namespace
+
+TEST_F(PtzValidationDomainTest, HasItsOwnName)
+{
+  EXPECT_STREQ(g_quark_to_string(ptz_validation_error_quark()), "ptz_validation_error");
+}
+
+TEST_F(PtzValidationDomainTest, TakesAnAbsentPtzForNone)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(ptz_validation_parse_ptz(nullptr, &error), 0);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_P(PtzValidationTest, TakesEachDigitUpToTheHighest)
+{
+  for (gint32 digit = 0; digit <= GetParam().highest; digit++) {
+    g_autoptr(GError) error = nullptr;
+
+    EXPECT_EQ(GetParam().parse(std::to_string(digit).c_str(), &error), digit);
+    EXPECT_EQ(error, nullptr);
+  }
+}
+
+TEST_P(PtzValidationTest, RefusesEachHigherDigitAsOutOfBounds)
+{
+  for (gint32 digit = GetParam().highest + 1; digit <= 9; digit++) {
+    expect_refused(std::to_string(digit), GetParam().out_of_bounds);
+  }
+}
+
+TEST_P(PtzValidationTest, RefusesAnythingButOneDigitAsInvalid)
+{
+  for (const char *text : {"", "10", "01", "a", "-", "-1", " 1", "1 ", "1\n", "\u0661", "1.0", "%n"}) {
+    expect_refused(text, GetParam().invalid);
+  }
+}
+
+TEST_P(PtzValidationTest, RefusesWithoutAPlaceForTheError)
+{
+  EXPECT_EQ(GetParam().parse("x", nullptr), -1);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, GetParam().invalid + "'x'."}}));
+}
