@@ -8,6 +8,7 @@
 
 umask 022
 TOP=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+DESK_BUILD="build-desk"
 PYTHON=/usr/bin/python3
 STOP_SECONDS=5
 
@@ -106,6 +107,15 @@ make_unprivileged_folder() {
   fi
 }
 
+# Makes a copy of file $1 at $2 that the daemon's user owns.
+install_for_daemon() {
+  local owner=()
+  if [ "$(id -u)" = 0 ]; then
+    owner=(-o "$UNPRIVILEGED_USER" -g "$UNPRIVILEGED_GROUP")
+  fi
+  install -m 0644 "${owner[@]}" -- "$1" "$2"
+}
+
 as_root() {
   if [ "$(id -u)" = 0 ]; then
     "$@"
@@ -145,10 +155,12 @@ configured() {
 }
 
 # Configures build folder $1 of the tree with the given options, unless it has them already. The unit tests are left
-# out of a new one, unless asked for, because they need more packages.
+# out of a new one, unless asked for, because they need more packages. Each daemon keeps its producers in the folder
+# that it is started in, so that several can run side by side and nothing of the system's is touched.
 configure() {
   local build=$1 mode=()
   shift
+  set -- -Dprefix=/usr -Dproducers_conf=producers.conf "$@"
   if [ -e "$build" ] && ! [ -w "$build" ]; then
     die "cannot write to $build (owned by $(stat -c %U "$build")); remove it first"
   fi

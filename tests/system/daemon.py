@@ -6,18 +6,32 @@ taken by the test, and the daemon has to live until it is told to end."""
 import os
 import pathlib
 import re
+import shutil
 import signal
 import socket
 import subprocess
 import threading
 
 from client import ConnectionEnded, Client
-from installation import EVENT_PLUGIN, SIMULATED_PLUGINS, unprivileged
+from installation import (EVENT_PLUGIN, SIMULATED_PLUGINS, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, run_by_root,
+                          unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3
 WARNING = 4
 INFO = 6
+
+# Both built-in trackers support the first two channels and are disabled there.
+PRODUCERS = """\
+[Producers.0.VideoMotionTracker]
+Name=
+[Producers.1.VideoMotionTracker]
+Name=
+[Producers.0.RadarMotionTracker]
+Name=
+[Producers.1.RadarMotionTracker]
+Name=
+"""
 
 START_LINES = [(INFO, "Starting."), (INFO, "Adding event source factory.")]
 START_LINES_WITHOUT_EVENTS = [(INFO, "Starting."), (INFO, "Events not enabled, not adding event factory.")]
@@ -93,17 +107,21 @@ class Daemon:
     run_dir, run_dir_option: the run folder, by default one that does not exist yet, and the option that names it,
         None to leave it out
     options: what else stands on the daemon's command line
+    producers: what is in the daemon's producers.conf at its start, None for no such file
     environment: variables on top of the usual ones
     sanitizer_options: options of the address sanitizer on top of the session's
     umask, user: with which the daemon starts; the user in the form of Popen's arguments
     wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's"""
 
     def __init__(self, installation, bus, plugins=SIMULATED_PLUGINS, speed=1, run_dir=None,
-                 run_dir_option="--run-dir", options=(), environment=None, sanitizer_options=None, umask=0o022,
-                 user=None, wrapper=None):
+                 run_dir_option="--run-dir", options=(), producers=PRODUCERS, environment=None,
+                 sanitizer_options=None, umask=0o022, user=None, wrapper=None):
         self.folder = installation.workspace.folder()
         self.run_dir = self.folder / "run" if run_dir is None else pathlib.Path(run_dir)
         self.socket_path = self.run_dir / "metadata"
+        self.producers_conf = self.folder / "producers.conf"
+        if producers is not None:
+            self._write_producers(producers)
         self.log = Log(self.folder / "log")
         self.stdout_path = self.folder / "stdout"
         self.stderr_path = self.folder / "stderr"
@@ -133,11 +151,16 @@ class Daemon:
         path.write_text(f"[World]\nspeed={speed}\n", encoding="ascii")
         return str(path)
 
+    def _write_producers(self, text):
+        self.producers_conf.write_text(text, encoding="utf-8")
+        if run_by_root():
+            shutil.chown(self.producers_conf, UNPRIVILEGED_USER, UNPRIVILEGED_GROUP)
+
     def _start(self, wrapper, umask, user):
         command, environment = wrapper(self.command, self.environment)
         with open(self.stdout_path, "wb") as stdout, open(self.stderr_path, "wb") as stderr:
             self.process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, stdout=stdout,
-                                            stderr=stderr, cwd="/", umask=umask, **user)
+                                            stderr=stderr, cwd=self.folder, umask=umask, **user)
 
     # Life
 

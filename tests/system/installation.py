@@ -153,7 +153,7 @@ class Bus:
 
 def make_stage(workspace):
     """Installs a build folder below the workspace."""
-    build = pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build"))
+    build = pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build-desk"))
     stage = workspace.path / "stage"
     subprocess.run(["meson", "install", "--no-rebuild", "--quiet", "-C", build, "--destdir", stage], check=True,
                    umask=0o022)
