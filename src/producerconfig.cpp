@@ -1,0 +1,329 @@
+/* The file that keeps on which channels each analytics producer is enabled, and under which configuration
+ * name. Nothing else in the daemon touches it. It is read once, at start-up; from then on the key file in
+ * memory is what counts, and every change replaces the file as a whole and durably. What somebody else writes
+ * into the file meanwhile is lost with the next change, and so are its comments.
+ *
+ * A group is named "Producers.", the channel's number less one, "." and the producer's name. Its key "Name"
+ * holds the configuration name; an empty or absent one means disabled. For a producer that is built in, the
+ * groups are also the list of the channels that it supports, so disabling never removes a group.
+ *
+ * One lock guards the key file, also while it is written and synced. It is taken last: nothing that is called
+ * under it takes another one. Set-up and release come before and after every other use and take none.
+ */
+#include "producerconfig.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <glib/gstdio.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr const char *NAME_KEY = "Name";
+
+struct ProducerConfig {
+  GMutex lock;
+  const gchar *path; /* the caller's */
+  GKeyFile *key_file;
+};
+
+ProducerConfig config;
+
+/* Channel 0 does not exist, but may be asked for: it wraps to the highest index, which no supported channel
+ * has. */
+gchar *
+format_group(const gchar *producer, guint32 channel)
+{
+  return g_strdup_printf("Producers.%u.%s", channel - 1, producer);
+}
+
+/* Of what GLib names a file that it is writing: the file's own name, ".", and six of these. */
+constexpr std::string_view TEMPORARY_LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+constexpr std::string_view DIGITS = "0123456789";
+constexpr gsize TEMPORARY_SUFFIX_SIZE = 6;
+
+/* A suffix that people give too: a date, or the one word that fits. What GLib named so by chance stays. */
+gboolean
+is_given_by_people(std::string_view suffix)
+{
+  return suffix.find_first_not_of(DIGITS) == std::string_view::npos || suffix == "BACKUP";
+}
+
+gboolean
+is_temporary_name(std::string_view name, std::string_view file_name)
+{
+  if (name.size() != file_name.size() + 1 + TEMPORARY_SUFFIX_SIZE || !name.starts_with(file_name) ||
+      name[file_name.size()] != '.') {
+    return FALSE;
+  }
+  const std::string_view suffix = name.substr(file_name.size() + 1);
+  return suffix.find_first_not_of(TEMPORARY_LETTERS) == std::string_view::npos && !is_given_by_people(suffix);
+}
+
+gboolean
+is_own_file(const gchar *path)
+{
+  GStatBuf info = {};
+
+  return g_lstat(path, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid();
+}
+
+/* A save that was killed leaves the new content behind under GLib's temporary name. Nobody reads that, and
+ * nobody misses it. It is no failure when it stays. */
+void
+remove_leftovers(const gchar *path)
+{
+  g_autofree gchar *dir_name = g_path_get_dirname(path);
+  g_autofree gchar *file_name = g_path_get_basename(path);
+  g_autoptr(GDir) dir = g_dir_open(dir_name, 0, nullptr);
+  if (dir == nullptr) {
+    return;
+  }
+
+  const gchar *name = nullptr;
+  for (guint i = 0; i < PRODUCER_CONFIG_MAX_SCANNED_ENTRIES && (name = g_dir_read_name(dir)) != nullptr;
+       i++) {
+    g_autofree gchar *entry = g_build_filename(dir_name, name, nullptr);
+    if (is_temporary_name(name, file_name) && is_own_file(entry)) {
+      g_unlink(entry);
+    }
+  }
+}
+
+/* GLib takes these names only, and takes anything else for a mistake in the program. */
+gboolean
+can_name_group(const gchar *group)
+{
+  if (!g_utf8_validate(group, -1, nullptr)) {
+    return FALSE;
+  }
+  for (const gchar *c = group; *c != '\0'; c++) {
+    if (*c == '[' || *c == ']' || g_ascii_iscntrl(*c)) {
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+gboolean
+set_value(const gchar *group, const gchar *value, GError **error)
+{
+  if (!can_name_group(group)) {
+    g_autofree gchar *escaped = g_strescape(group, nullptr);
+    g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_PARSE, "Not the name of a group: \"%s\"", escaped);
+    return FALSE;
+  }
+  if (!g_utf8_validate(value, -1, nullptr)) {
+    g_autofree gchar *escaped = g_strescape(value, nullptr);
+    g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_UNKNOWN_ENCODING, "Not UTF-8 text: \"%s\"",
+                escaped);
+    return FALSE;
+  }
+  g_key_file_set_string(config.key_file, group, NAME_KEY, value);
+  return TRUE;
+}
+
+void set_file_error(GError **error, const gchar *format, ...) G_GNUC_PRINTF(2, 3);
+
+void
+set_file_error(GError **error, const gchar *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  g_autoptr(GError) failure = g_error_new_valist(G_FILE_ERROR, G_FILE_ERROR_FAILED, format, args);
+  va_end(args);
+
+  g_propagate_error(error, g_steal_pointer(&failure));
+}
+
+gboolean
+sync_and_close(int fd, const gchar *dir, GError **error)
+{
+  if (fsync(fd) < 0) {
+    set_file_error(error, "Failed to sync '%s': %s", dir, g_strerror(errno));
+    close(fd);
+    return FALSE;
+  }
+  if (close(fd) < 0) {
+    set_file_error(error, "Failed to close fd (%d) for %s: %s", fd, dir, g_strerror(errno));
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* Only then does the replacement outlive a loss of power. */
+gboolean
+sync_folder(const gchar *path, GError **error)
+{
+  g_autofree gchar *dir = g_path_get_dirname(path);
+  const int fd = open(dir, O_RDONLY | O_CLOEXEC);
+
+  if (fd < 0) {
+    set_file_error(error, "Failed to open '%s': %s", dir, g_strerror(errno));
+    return FALSE;
+  }
+  return sync_and_close(fd, dir, error);
+}
+
+gboolean
+save(GError **error)
+{
+  return g_key_file_save_to_file(config.key_file, config.path, error) && sync_folder(config.path, error);
+}
+
+/* The channel of a group, or 0 when its index is malformed. Only what stands between the first two dots is
+ * looked at: what comes before the first is never checked, and nothing at all counts as index 0. Deliberate
+ * and kept. */
+guint32
+parse_channel(const gchar *group)
+{
+  const gchar *index = strchr(group, '.') + 1;
+  const gchar *end = strchr(index, '.');
+  gchar *parsed_end = nullptr;
+  const gint64 value = g_ascii_strtoll(index, &parsed_end, 10);
+
+  if (parsed_end != end || value < 0 || value > G_MAXINT32) {
+    return 0;
+  }
+  return static_cast<guint32>(value) + 1;
+}
+
+} // namespace
+
+/**
+ * producer_config_setup:
+ * @path: (transfer none): the file, which must exist; kept until producer_config_free()
+ *
+ * Loads the file. A file that is missing or malformed is fatal to the daemon, which never creates it. What a
+ * killed save left beside the file is removed. Main thread, before every other use.
+ *
+ * Warnings: "could not load producer config from '%s': %s". `errno` then tells what the system met, or EINVAL
+ * when it is the content that is wrong.
+ *
+ * Returns: whether the file is loaded
+ */
+gboolean
+producer_config_setup(const gchar *path)
+{
+  g_autoptr(GError) error = nullptr;
+
+  g_mutex_init(&config.lock);
+  config.path = path;
+  config.key_file = g_key_file_new();
+  if (!g_key_file_load_from_file(config.key_file, path, G_KEY_FILE_NONE, &error)) {
+    const int error_number = error->domain == G_FILE_ERROR ? errno : EINVAL;
+
+    syslog(LOG_WARNING, "could not load producer config from '%s': %s", path, error->message);
+    producer_config_free();
+    errno = error_number;
+    return FALSE;
+  }
+  remove_leftovers(path);
+  return TRUE;
+}
+
+/**
+ * producer_config_free:
+ *
+ * Undoes producer_config_setup(). Main thread, after every other use.
+ */
+void
+producer_config_free(void)
+{
+  g_clear_pointer(&config.key_file, g_key_file_unref);
+  g_mutex_clear(&config.lock);
+}
+
+/**
+ * producer_config_get_name:
+ * @producer: (transfer none): a producer's name
+ * @channel: a video channel, from 1
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full) (nullable): the configuration name, never empty; %NULL when the producer is not
+ *   enabled on the channel
+ */
+gchar *
+producer_config_get_name(const gchar *producer, guint32 channel)
+{
+  g_return_val_if_fail(producer != NULL, NULL);
+
+  g_autofree gchar *group = format_group(producer, channel);
+  g_autofree gchar *name = nullptr;
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+    name = g_key_file_get_string(config.key_file, group, NAME_KEY, nullptr);
+  }
+
+  return name != nullptr && *name != '\0' ? g_steal_pointer(&name) : nullptr;
+}
+
+/**
+ * producer_config_set_name:
+ * @producer: (transfer none): a producer's name
+ * @channel: a video channel, from 1
+ * @name: (transfer none) (nullable): the configuration name under which to enable the producer, or %NULL to
+ *   disable it. An empty name is stored like %NULL, and so reads as disabled at the next start.
+ *
+ * Changes one channel, and replaces the whole file by what is in memory; blocks until that is durable. When
+ * the file cannot be written, memory keeps the change and the next write brings it to the file. A @producer
+ * that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Any thread.
+ *
+ * Warnings: "could not write name to producerconfig: %s"
+ */
+void
+producer_config_set_name(const gchar *producer, guint32 channel, const gchar *name)
+{
+  g_return_if_fail(producer != NULL);
+
+  g_autoptr(GError) error = nullptr;
+  g_autofree gchar *group = format_group(producer, channel);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+
+  if (!set_value(group, name != nullptr ? name : "", &error) || !save(&error)) {
+    syslog(LOG_WARNING, "could not write name to producerconfig: %s", error->message);
+  }
+}
+
+/**
+ * producer_config_get_supported_channels:
+ * @producer: (transfer none): a built-in producer's name
+ *
+ * Looks for the producer's groups. Any thread.
+ *
+ * Warnings: "invalid format of group in producers.conf: %s" for each group of the producer whose index is
+ * malformed; it is left out.
+ *
+ * Returns: (transfer full) (element-type guint32): the video channels, from 1, in the order of the file;
+ *   possibly none
+ */
+GArray *
+producer_config_get_supported_channels(const gchar *producer)
+{
+  g_return_val_if_fail(producer != NULL, NULL);
+
+  GArray *channels = g_array_new(TRUE, TRUE, sizeof(guint32));
+  g_autofree gchar *suffix = g_strconcat(".", producer, nullptr);
+  g_auto(GStrv) groups = nullptr;
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+
+  groups = g_key_file_get_groups(config.key_file, nullptr);
+  for (gchar **group = groups; *group != nullptr; group++) {
+    if (!g_str_has_suffix(*group, suffix)) {
+      continue;
+    }
+    const guint32 channel = parse_channel(*group);
+    if (channel == 0) {
+      syslog(LOG_WARNING, "invalid format of group in producers.conf: %s", *group);
+      continue;
+    }
+    g_array_append_val(channels, channel);
+  }
+  return channels;
+}
