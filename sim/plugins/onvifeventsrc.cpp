@@ -1,11 +1,11 @@
 #include "onvifeventsrc.h"
 
+#include "bookmark.h"
 #include "contentfilter.h"
 #include "eventmessage.h"
 #include "metadata.h"
-#include "settings.h"
 #include "topicexpression.h"
-#include "world.h"
+#include "waking.h"
 
 #include <utility>
 
@@ -14,44 +14,22 @@
  * even if none does, so that a pipeline pre-rolls at once; so does one buffer after each sync point.
  *
  * Threads: everything of `Story` belongs to the streaming thread while the element runs, and to the thread
- * that starts it before. What other threads may touch is in `Waking`, under its lock. The properties are
- * under the object lock. */
+ * that starts it before. `Waking` is for every thread. The properties are under the object lock. */
 
 namespace
 {
 
 struct Story {
-  sim::Settings settings;
-  sim::World world{0};
+  sim::Bookmark bookmark;
   std::optional<sim::TopicExpression> topics;
   std::optional<sim::ContentFilter> contents;
-  sim::WorldTime told_until = 0; /* no change up to here is told again */
-  bool started = false;          /* whether anything has been told */
-};
-
-struct Waking {
-  GMutex lock;
-  GCond changed;
-  bool flushing = false;
-  bool sync_requested = false;
-
-  Waking()
-  {
-    g_mutex_init(&lock);
-    g_cond_init(&changed);
-  }
-  ~Waking()
-  {
-    g_cond_clear(&changed);
-    g_mutex_clear(&lock);
-  }
 };
 
 struct State {
   char *event_topic = nullptr;
   char *event_content = nullptr;
   Story story;
-  Waking waking;
+  sim::Waking waking;
 };
 
 } /* namespace */
@@ -77,72 +55,6 @@ G_DEFINE_FINAL_TYPE(TessardSimEventSrc, tessard_sim_event_src, GST_TYPE_PUSH_SRC
 
 namespace
 {
-
-/* Whoever has been away for longer, for example paused, is shown the present state instead of all the past.
- */
-constexpr gint64 LONGEST_CATCH_UP = 10 * G_USEC_PER_SEC;
-
-enum class Wake {
-  FLUSHING,
-  SYNC_POINT,
-  CHANGE,
-};
-
-sim::WorldTime
-world_now(const Story &story)
-{
-  return sim::settings_world_time(story.settings, g_get_real_time());
-}
-
-/* Whether what has been told still holds and the story can go on from there. The wall clock may have been
- * set, in either direction. */
-bool
-can_continue(const Story &story, sim::WorldTime now)
-{
-  sim::WorldTime longest = LONGEST_CATCH_UP * story.settings.speed;
-  return story.started && now >= story.told_until && now - story.told_until <= longest;
-}
-
-/* The monotonic time at which there is something to tell. */
-gint64
-next_deadline(const Story &story)
-{
-  if (!can_continue(story, world_now(story))) {
-    return g_get_monotonic_time();
-  }
-  sim::WorldTime next = story.world.next_change_after(story.told_until);
-  return g_get_monotonic_time() + sim::settings_utc(story.settings, next) - g_get_real_time();
-}
-
-Wake
-wait_for_news(Waking &waking, gint64 deadline)
-{
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
-  bool due = false;
-  while (!waking.flushing && !waking.sync_requested && !due) {
-    due = !g_cond_wait_until(&waking.changed, &waking.lock, deadline);
-  }
-  if (waking.flushing) {
-    return Wake::FLUSHING;
-  }
-  return std::exchange(waking.sync_requested, false) ? Wake::SYNC_POINT : Wake::CHANGE;
-}
-
-void
-set_flushing(Waking &waking, bool flushing)
-{
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
-  waking.flushing = flushing;
-  g_cond_signal(&waking.changed);
-}
-
-void
-set_sync_requested(Waking &waking, bool requested)
-{
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&waking.lock);
-  waking.sync_requested = requested;
-  g_cond_signal(&waking.changed);
-}
 
 /* Adds @message to @wanted if the filters let it pass; fails only if a filter cannot be evaluated. */
 bool
@@ -170,15 +82,17 @@ bool
 collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool with_state,
                  std::vector<sim::EventMessage> &wanted, GError **error)
 {
+  const sim::World &world = story.bookmark.world();
+  const sim::Settings &settings = story.bookmark.settings();
   if (with_changes) {
-    for (const sim::Change &change : story.world.changes_between(story.told_until, now)) {
-      if (!add_if_wanted(story, sim::event_message_from_change(change, story.settings), wanted, error)) {
+    for (const sim::Change &change : world.changes_between(story.bookmark.told_until(), now)) {
+      if (!add_if_wanted(story, sim::event_message_from_change(change, settings), wanted, error)) {
         return false;
       }
     }
   }
   if (with_state) {
-    for (sim::EventMessage &message : sim::event_messages_of_state(story.world, now, story.settings)) {
+    for (sim::EventMessage &message : sim::event_messages_of_state(world, now, settings)) {
       if (!add_if_wanted(story, std::move(message), wanted, error)) {
         return false;
       }
@@ -192,16 +106,15 @@ collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool
 bool
 tell(Story &story, bool sync_point, std::vector<sim::EventMessage> &messages, bool *answer, GError **error)
 {
-  sim::WorldTime now = world_now(story);
-  bool continues = can_continue(story, now);
+  sim::WorldTime now = story.bookmark.now();
+  bool continues = story.bookmark.can_continue(now);
   bool with_state = sync_point || !continues;
 
   *answer = with_state;
   if (!collect_messages(story, now, continues, with_state, messages, error)) {
     return false;
   }
-  story.told_until = now;
-  story.started = true;
+  story.bookmark.move_to(now);
   return true;
 }
 
@@ -310,25 +223,22 @@ tessard_sim_event_src_start(GstBaseSrc *base)
     return FALSE;
   }
 
-  Story &story = self->state->story;
-  story.settings = sim::settings_load();
-  story.world = sim::World(story.settings.seed);
-  story.started = false;
-  set_sync_requested(self->state->waking, false);
+  self->state->story.bookmark.open();
+  self->state->waking.forget_sync_point();
   return TRUE;
 }
 
 static gboolean
 tessard_sim_event_src_unlock(GstBaseSrc *base)
 {
-  set_flushing(TESSARD_SIM_EVENT_SRC(base)->state->waking, true);
+  TESSARD_SIM_EVENT_SRC(base)->state->waking.set_flushing(true);
   return TRUE;
 }
 
 static gboolean
 tessard_sim_event_src_unlock_stop(GstBaseSrc *base)
 {
-  set_flushing(TESSARD_SIM_EVENT_SRC(base)->state->waking, false);
+  TESSARD_SIM_EVENT_SRC(base)->state->waking.set_flushing(false);
   return TRUE;
 }
 
@@ -336,11 +246,10 @@ tessard_sim_event_src_unlock_stop(GstBaseSrc *base)
 static gboolean
 tessard_sim_event_src_event(GstBaseSrc *base, GstEvent *event)
 {
-  if (!sim::is_sync_point_event(event)) {
+  if (!TESSARD_SIM_EVENT_SRC(base)->state->waking.accept_event(event)) {
     return GST_BASE_SRC_CLASS(tessard_sim_event_src_parent_class)->event(base, event);
   }
   GST_DEBUG_OBJECT(base, "Sync point requested");
-  set_sync_requested(TESSARD_SIM_EVENT_SRC(base)->state->waking, true);
   return TRUE;
 }
 
@@ -350,15 +259,15 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
   TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(push);
   Story &story = self->state->story;
   for (;;) {
-    Wake wake = wait_for_news(self->state->waking, next_deadline(story));
-    if (wake == Wake::FLUSHING) {
+    sim::Wake wake = self->state->waking.wait_until(story.bookmark.next_change_deadline());
+    if (wake == sim::Wake::FLUSHING) {
       return GST_FLOW_FLUSHING;
     }
 
     std::vector<sim::EventMessage> messages;
     bool answer = false;
     g_autoptr(GError) error = nullptr;
-    if (!tell(story, wake == Wake::SYNC_POINT, messages, &answer, &error)) {
+    if (!tell(story, wake == sim::Wake::SYNC_POINT, messages, &answer, &error)) {
       GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                         ("The content filter of the events cannot be evaluated: %s.", error->message),
                         (nullptr));
