@@ -112,9 +112,9 @@ write_notification(xmlTextWriter *writer, const EventMessage &message)
  * @change: what happened in the world
  * @settings: places the world's time on the wall clock
  *
- * Returns: the event that tells @change
+ * Returns: the event that tells @change; nothing for a move of the PTZ head, which the PTZ status shows
  */
-EventMessage
+std::optional<EventMessage>
 event_message_from_change(const Change &change, const Settings &settings)
 {
   gint64 utc = settings_utc(settings, change.time);
@@ -125,6 +125,9 @@ event_message_from_change(const Change &change, const Settings &settings)
     return motion_message(change.state, CHANGED, utc);
   case ChangeType::CROSSING:
     return crossing_message(change.object_id, change.direction, utc);
+  case ChangeType::PAN_TILT:
+  case ChangeType::ZOOM:
+    return std::nullopt;
   }
   g_assert_not_reached();
 }

@@ -4,6 +4,7 @@
 #include "world.h"
 #include "xml.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ struct EventMessage {
   std::vector<EventItem> data;
 };
 
-EventMessage event_message_from_change(const Change &change, const Settings &settings);
+std::optional<EventMessage> event_message_from_change(const Change &change, const Settings &settings);
 std::vector<EventMessage> event_messages_of_state(const World &world, WorldTime time,
                                                   const Settings &settings);
 std::vector<EventMessage> event_message_examples();

@@ -10,8 +10,9 @@
 #include <utility>
 
 /* A live source of the world's events. It sleeps until the world's next change, so it neither polls nor falls
- * behind. The first buffer shows the present state of every property that passes the filters, and is sent
- * even if none does, so that a pipeline pre-rolls at once; so does one buffer after each sync point.
+ * behind; a change that no event tells just lets it sleep on. The first buffer shows the present state of
+ * every property that passes the filters, and is sent even if none does, so that a pipeline pre-rolls at
+ * once; so does one buffer after each sync point.
  *
  * Threads: everything of `Story` belongs to the streaming thread while the element runs, and to the thread
  * that starts it before. `Waking` is for every thread. The properties are under the object lock. */
@@ -86,7 +87,8 @@ collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool
   const sim::Settings &settings = story.bookmark.settings();
   if (with_changes) {
     for (const sim::Change &change : world.changes_between(story.bookmark.told_until(), now)) {
-      if (!add_if_wanted(story, sim::event_message_from_change(change, settings), wanted, error)) {
+      std::optional<sim::EventMessage> message = sim::event_message_from_change(change, settings);
+      if (message.has_value() && !add_if_wanted(story, std::move(*message), wanted, error)) {
         return false;
       }
     }

@@ -9,7 +9,10 @@
  *
  * Objects: each lane has one pass a lap. An object enters wholly outside one edge of the picture, moves on a
  * straight line and leaves wholly outside the other; then the lane is empty until the next lap's pass.
- * Inputs: each input toggles exactly once a lap, so its state is the parity of the laps behind it. */
+ * Inputs: each input toggles exactly once a lap, so its state is the parity of the laps behind it.
+ * Head: each of its two drives, that of pan and tilt and that of the zoom, moves once a lap, from where the
+ * lap before left it. It aims at one half of its range in even laps and at the other in odd ones, so that
+ * every move leads somewhere. */
 
 namespace sim
 {
@@ -22,6 +25,8 @@ constexpr gint64 SECOND = G_USEC_PER_SEC;
 /* Lengths without a common rhythm, so that the lanes and inputs keep drifting against each other. */
 constexpr std::array<gint64, 3> LANE_LAPS = {7 * SECOND, 9 * SECOND, 11 * SECOND};
 constexpr std::array<gint64, World::INPUT_COUNT> INPUT_LAPS = {SECOND * 23 / 10, SECOND * 37 / 10};
+constexpr gint64 PAN_TILT_LAP = 13 * SECOND;
+constexpr gint64 ZOOM_LAP = 17 * SECOND;
 
 /* One toggle a lap means two laps at most between two toggles. */
 constexpr gint64 LONGEST_QUIET = 2 * *std::min_element(INPUT_LAPS.begin(), INPUT_LAPS.end());
@@ -51,16 +56,35 @@ enum class About : guint64 {
   END_LEVEL,
   TOGGLE_TIME,
   FIRST_STATE,
+  PAN,
+  TILT,
+  ZOOM,
+  PAN_TILT_START,
+  ZOOM_START,
+};
+
+/* A straight way at an even speed. */
+struct Move {
+  WorldTime start;
+  WorldTime end; /* the first moment at which it is over */
+  Point from;
+  Point to;
 };
 
 struct Pass {
   gint64 id;
   const Body *body;
   Direction direction;
-  WorldTime start;
-  WorldTime end; /* the first moment at which the object is gone */
-  Point from;
-  Point to;
+  Move move;
+};
+
+/* A part of the head that moves on its own. A zoom has one axis only and leaves the other alone. */
+struct Drive {
+  ChangeType change;
+  gint64 lap;
+  double speed;
+  About start;
+  Point (*aim)(guint64 seed, gint64 lap);
 };
 
 /* The finaliser of SplitMix64. */
@@ -104,6 +128,21 @@ lap_at(WorldTime time, gint64 length)
   return time % length < 0 ? lap - 1 : lap;
 }
 
+bool
+is_under_way(const Move &move, WorldTime time)
+{
+  return time >= move.start && time < move.end;
+}
+
+/* Before its start and after its end, whoever moves stays where they are. */
+Point
+position_at(const Move &move, WorldTime time)
+{
+  double part = static_cast<double>(std::clamp(time, move.start, move.end) - move.start) /
+                static_cast<double>(move.end - move.start);
+  return {std::lerp(move.from.x, move.to.x, part), std::lerp(move.from.y, move.to.y, part)};
+}
+
 Pass
 pass_of(guint64 seed, guint64 lane, gint64 lap)
 {
@@ -120,11 +159,15 @@ pass_of(guint64 seed, guint64 lane, gint64 lap)
       .id = lap * static_cast<gint64>(LANE_LAPS.size()) + static_cast<gint64>(lane) + 1,
       .body = &body,
       .direction = rightwards ? Direction::LEFT_TO_RIGHT : Direction::RIGHT_TO_LEFT,
-      .start = start,
-      .end = start + duration,
-      .from = {rightwards ? -edge : edge,
-               pick(chance(seed, About::START_LEVEL, lane, lap), -highest, highest)},
-      .to = {rightwards ? edge : -edge, pick(chance(seed, About::END_LEVEL, lane, lap), -highest, highest)},
+      .move =
+          {
+              .start = start,
+              .end = start + duration,
+              .from = {rightwards ? -edge : edge,
+                       pick(chance(seed, About::START_LEVEL, lane, lap), -highest, highest)},
+              .to = {rightwards ? edge : -edge,
+                     pick(chance(seed, About::END_LEVEL, lane, lap), -highest, highest)},
+          },
   };
 }
 
@@ -142,37 +185,31 @@ passes_during(guint64 seed, WorldTime first, WorldTime last)
   return passes;
 }
 
-Point
-position_at(const Pass &pass, WorldTime time)
-{
-  double part = static_cast<double>(time - pass.start) / static_cast<double>(pass.end - pass.start);
-  return {std::lerp(pass.from.x, pass.to.x, part), std::lerp(pass.from.y, pass.to.y, part)};
-}
-
 Object
 object_at(const Pass &pass, WorldTime time)
 {
-  double seconds = static_cast<double>(pass.end - pass.start) / SECOND;
+  const Move &move = pass.move;
+  double seconds = static_cast<double>(move.end - move.start) / SECOND;
   return {
       .id = pass.id,
       .type = pass.body->type,
-      .centre = position_at(pass, time),
+      .centre = position_at(move, time),
       .width = pass.body->width,
       .height = pass.body->height,
-      .velocity = {(pass.to.x - pass.from.x) / seconds, (pass.to.y - pass.from.y) / seconds},
+      .velocity = {(move.to.x - move.from.x) / seconds, (move.to.y - move.from.y) / seconds},
   };
 }
 
-/* Both the pass and the line are straight and the line runs through the whole picture, far from its sides, so
+/* Both the move and the line are straight and the line runs through the whole picture, far from its sides, so
  * the object's centre meets it exactly once. */
 WorldTime
-crossing_time(const Pass &pass, const Line &line)
+crossing_time(const Move &move, const Line &line)
 {
   double slant = (line.top.x - line.bottom.x) / (line.top.y - line.bottom.y);
-  double line_at_start = line.bottom.x + slant * (pass.from.y - line.bottom.y);
-  double closing = (pass.to.x - pass.from.x) - slant * (pass.to.y - pass.from.y);
-  double part = (line_at_start - pass.from.x) / closing;
-  return pass.start + std::llround(part * static_cast<double>(pass.end - pass.start));
+  double line_at_start = line.bottom.x + slant * (move.from.y - line.bottom.y);
+  double closing = (move.to.x - move.from.x) - slant * (move.to.y - move.from.y);
+  double part = (line_at_start - move.from.x) / closing;
+  return move.start + std::llround(part * static_cast<double>(move.end - move.start));
 }
 
 WorldTime
@@ -180,6 +217,43 @@ toggle_time(guint64 seed, unsigned input, gint64 lap)
 {
   return lap * INPUT_LAPS[input] +
          pick(chance(seed, About::TOGGLE_TIME, input, lap), gint64{0}, INPUT_LAPS[input]);
+}
+
+bool
+is_odd(gint64 lap)
+{
+  return lap % 2 != 0;
+}
+
+Point
+pan_tilt_aim(guint64 seed, gint64 lap)
+{
+  double sideways = pick(chance(seed, About::PAN, 0, lap), 0.1, 1.0);
+  return {is_odd(lap) ? sideways : -sideways, pick(chance(seed, About::TILT, 0, lap), -1.0, 1.0)};
+}
+
+Point
+zoom_aim(guint64 seed, gint64 lap)
+{
+  double lowest = is_odd(lap) ? 0.6 : 0.0;
+  return {pick(chance(seed, About::ZOOM, 0, lap), lowest, lowest + 0.4), 0};
+}
+
+constexpr Drive PAN_TILT_DRIVE = {ChangeType::PAN_TILT, PAN_TILT_LAP, World::PAN_TILT_SPEED,
+                                  About::PAN_TILT_START, pan_tilt_aim};
+constexpr Drive ZOOM_DRIVE = {ChangeType::ZOOM, ZOOM_LAP, World::ZOOM_SPEED, About::ZOOM_START, zoom_aim};
+
+/* The axis with the longer way moves as fast as it can, and the other arrives with it. */
+Move
+move_of(guint64 seed, const Drive &drive, gint64 lap)
+{
+  Point from = drive.aim(seed, lap - 1);
+  Point to = drive.aim(seed, lap);
+  double way = std::max(std::abs(to.x - from.x), std::abs(to.y - from.y));
+  auto duration = static_cast<gint64>(std::ceil(way / drive.speed * SECOND));
+  gint64 start = pick(chance(seed, drive.start, 0, lap), gint64{0}, drive.lap - duration);
+  return {
+      .start = lap * drive.lap + start, .end = lap * drive.lap + start + duration, .from = from, .to = to};
 }
 
 void
@@ -205,7 +279,7 @@ add_motion_changes(const World &world, const std::vector<Pass> &passes, WorldTim
 {
   std::vector<WorldTime> edges;
   for (const Pass &pass : passes) {
-    for (WorldTime edge : {pass.start, pass.end}) {
+    for (WorldTime edge : {pass.move.start, pass.move.end}) {
       if (edge > after && edge <= until) {
         edges.push_back(edge);
       }
@@ -227,10 +301,26 @@ add_crossings(const Line &line, const std::vector<Pass> &passes, WorldTime after
               std::vector<Change> &changes)
 {
   for (const Pass &pass : passes) {
-    WorldTime time = crossing_time(pass, line);
+    WorldTime time = crossing_time(pass.move, line);
     if (time > after && time <= until) {
       changes.push_back(
           {.time = time, .type = ChangeType::CROSSING, .object_id = pass.id, .direction = pass.direction});
+    }
+  }
+}
+
+/* No move touches the end of its lap, so one has ended before the next starts. */
+void
+add_drive_changes(guint64 seed, const Drive &drive, WorldTime after, WorldTime until,
+                  std::vector<Change> &changes)
+{
+  gint64 last_lap = lap_at(until, drive.lap);
+  for (gint64 lap = lap_at(after, drive.lap); lap <= last_lap; lap++) {
+    Move move = move_of(seed, drive, lap);
+    for (WorldTime edge : {move.start, move.end}) {
+      if (edge > after && edge <= until) {
+        changes.push_back({.time = edge, .type = drive.change, .state = is_under_way(move, edge)});
+      }
     }
   }
 }
@@ -273,7 +363,7 @@ World::objects_at(WorldTime time) const
 {
   std::vector<Object> objects;
   for (const Pass &pass : passes_during(seed_, time, time)) {
-    if (time >= pass.start && time < pass.end) {
+    if (is_under_way(pass.move, time)) {
       objects.push_back(object_at(pass, time));
     }
   }
@@ -303,10 +393,31 @@ bool
 World::input_at(unsigned input, WorldTime time) const
 {
   gint64 lap = lap_at(time, INPUT_LAPS[input]);
-  bool odd_lap = lap % 2 != 0;
   bool toggled = time >= toggle_time(seed_, input, lap);
   bool first = chance(seed_, About::FIRST_STATE, input) % 2 != 0;
-  return first ^ odd_lap ^ toggled;
+  return first ^ is_odd(lap) ^ toggled;
+}
+
+/**
+ * World::ptz_at:
+ * @time: the moment to look at
+ *
+ * Returns: where the PTZ head looks and which of its drives run. A drive runs from the start of a move until
+ *   the moment at which its end is reached, and what it drives changes exactly as long.
+ */
+Ptz
+World::ptz_at(WorldTime time) const
+{
+  Move pan_tilt = move_of(seed_, PAN_TILT_DRIVE, lap_at(time, PAN_TILT_LAP));
+  Move zoom = move_of(seed_, ZOOM_DRIVE, lap_at(time, ZOOM_LAP));
+  Point direction = position_at(pan_tilt, time);
+  return {
+      .pan = direction.x,
+      .tilt = direction.y,
+      .zoom = position_at(zoom, time).x,
+      .pan_tilt_moving = is_under_way(pan_tilt, time),
+      .zoom_moving = is_under_way(zoom, time),
+  };
 }
 
 /**
@@ -331,6 +442,8 @@ World::changes_between(WorldTime after, WorldTime until) const
   add_input_changes(*this, seed_, after, until, changes);
   add_motion_changes(*this, passes, after, until, changes);
   add_crossings(line(), passes, after, until, changes);
+  add_drive_changes(seed_, PAN_TILT_DRIVE, after, until, changes);
+  add_drive_changes(seed_, ZOOM_DRIVE, after, until, changes);
   std::stable_sort(changes.begin(), changes.end(),
                    [](const Change &a, const Change &b) { return a.time < b.time; });
   return changes;

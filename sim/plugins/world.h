@@ -4,8 +4,8 @@
 #include <vector>
 
 /* The story that the whole simulated camera tells: people and vehicles pass through the picture and cross a
- * line, digital inputs toggle. Everything follows from a seed and a time alone, so every element in every
- * process sees the same world without talking to the others. */
+ * line, digital inputs toggle, the PTZ head moves. Everything follows from a seed and a time alone, so every
+ * element in every process sees the same world without talking to the others. */
 
 namespace sim
 {
@@ -43,17 +43,28 @@ struct Object {
   Point velocity; /* per second */
 };
 
+/* Where the PTZ head looks, in ONVIF's generic spaces, and which of its drives run. */
+struct Ptz {
+  double pan;  /* from -1 (left) to 1 (right) */
+  double tilt; /* from -1 (down) to 1 (up) */
+  double zoom; /* from 0 (wide) to 1 (tele) */
+  bool pan_tilt_moving;
+  bool zoom_moving;
+};
+
 enum class ChangeType {
   INPUT,
   MOTION,
   CROSSING,
+  PAN_TILT,
+  ZOOM,
 };
 
 struct Change {
   WorldTime time;
   ChangeType type;
   unsigned input;      /* INPUT: which one */
-  bool state;          /* INPUT and MOTION: the new state */
+  bool state;          /* all but CROSSING: the new state; of a drive: whether it runs */
   gint64 object_id;    /* CROSSING: who */
   Direction direction; /* CROSSING: which way */
 
@@ -65,12 +76,17 @@ class World
 public:
   static constexpr unsigned INPUT_COUNT = 2;
 
+  /* How fast each axis of the head can move, in units of its generic space per second. */
+  static constexpr double PAN_TILT_SPEED = 0.4;
+  static constexpr double ZOOM_SPEED = 0.25;
+
   explicit World(guint64 seed);
 
   Line line() const;
   std::vector<Object> objects_at(WorldTime time) const;
   bool motion_at(WorldTime time) const;
   bool input_at(unsigned input, WorldTime time) const;
+  Ptz ptz_at(WorldTime time) const;
 
   std::vector<Change> changes_between(WorldTime after, WorldTime until) const;
   WorldTime next_change_after(WorldTime time) const;

@@ -16,22 +16,25 @@ namespace
 EventMessage
 input_on()
 {
-  return sim::event_message_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true},
-                                        {});
+  return sim::event_message_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true}, {})
+      .value();
 }
 
 EventMessage
 motion_off()
 {
-  return sim::event_message_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {});
+  return sim::event_message_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {}).value();
 }
 
 EventMessage
 crossing()
 {
-  return sim::event_message_from_change(
-      {.time = 0, .type = ChangeType::CROSSING, .object_id = 12, .direction = sim::Direction::RIGHT_TO_LEFT},
-      {});
+  return sim::event_message_from_change({.time = 0,
+                                         .type = ChangeType::CROSSING,
+                                         .object_id = 12,
+                                         .direction = sim::Direction::RIGHT_TO_LEFT},
+                                        {})
+      .value();
 }
 
 struct MatchCase {

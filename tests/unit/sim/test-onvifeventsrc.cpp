@@ -184,7 +184,9 @@ TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
   for (sim::WorldTime time = start; happened.size() < told.size();) {
     sim::WorldTime next = world.next_change_after(time);
     for (const sim::Change &change : world.changes_between(time, next)) {
-      happened.push_back(sim::event_message_from_change(change, settings));
+      if (std::optional<sim::EventMessage> message = sim::event_message_from_change(change, settings)) {
+        happened.push_back(*message);
+      }
     }
     time = next;
   }

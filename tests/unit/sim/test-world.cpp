@@ -9,6 +9,7 @@ using sim::Change;
 using sim::ChangeType;
 using sim::Direction;
 using sim::Object;
+using sim::Ptz;
 using sim::World;
 using sim::WorldTime;
 
@@ -27,6 +28,12 @@ std::vector<Change>
 changes_of(guint64 seed)
 {
   return World(seed).changes_between(START, END);
+}
+
+bool
+is_of_the_head(const Change &change)
+{
+  return change.type == ChangeType::PAN_TILT || change.type == ChangeType::ZOOM;
 }
 
 const Object *
@@ -79,7 +86,7 @@ TEST(World, EveryKindOfChangeHappens)
       directions[change.direction]++;
     }
   }
-  EXPECT_EQ(counts.size(), 3u);
+  EXPECT_EQ(counts.size(), 5u);
   EXPECT_EQ(directions.size(), 2u);
 }
 
@@ -215,10 +222,12 @@ TEST(World, ObjectsMoveSmoothlyThroughThePicture)
   }
 }
 
+/* Whatever the head does. */
 TEST(World, SomethingHappensEverySecondOrSo)
 {
   for (guint64 seed = 0; seed < 10; seed++) {
     std::vector<Change> changes = changes_of(seed);
+    std::erase_if(changes, is_of_the_head);
     EXPECT_GE(static_cast<WorldTime>(changes.size()), (END - START) / SECOND) << "seed " << seed;
     WorldTime last = START;
     for (const Change &change : changes) {
@@ -236,6 +245,113 @@ TEST(World, NextChangeIsTheFirstOne)
     EXPECT_EQ(world.next_change_after(time), change.time);
     EXPECT_EQ(world.next_change_after(change.time - 1), change.time);
     time = change.time;
+  }
+}
+
+TEST(Head, SameSeedMovesInTheSameWay)
+{
+  for (WorldTime time = START; time < END; time += 700 * MILLISECOND) {
+    Ptz one = World(SEED).ptz_at(time);
+    Ptz other = World(SEED).ptz_at(time);
+    EXPECT_EQ(one.pan, other.pan);
+    EXPECT_EQ(one.tilt, other.tilt);
+    EXPECT_EQ(one.zoom, other.zoom);
+    EXPECT_EQ(one.pan_tilt_moving, other.pan_tilt_moving);
+    EXPECT_EQ(one.zoom_moving, other.zoom_moving);
+  }
+}
+
+TEST(Head, DifferentSeedsDiffer)
+{
+  for (guint64 seed = 0; seed < 20; seed++) {
+    Ptz one = World(seed).ptz_at(START);
+    Ptz other = World(seed + 1).ptz_at(START);
+    EXPECT_NE(one.pan, other.pan) << "seed " << seed;
+    EXPECT_NE(one.tilt, other.tilt) << "seed " << seed;
+    EXPECT_NE(one.zoom, other.zoom) << "seed " << seed;
+  }
+}
+
+TEST(Head, NeverMovesFasterThanItCan)
+{
+  constexpr WorldTime STEP = 10 * MILLISECOND;
+  constexpr double SECONDS = static_cast<double>(STEP) / SECOND;
+  for (guint64 seed = 0; seed < 5; seed++) {
+    World world(seed);
+    Ptz last = world.ptz_at(START);
+    double fastest_pan_tilt = 0;
+    double fastest_zoom = 0;
+    for (WorldTime time = START + STEP; time < END; time += STEP) {
+      Ptz ptz = world.ptz_at(time);
+      fastest_pan_tilt =
+          std::max({fastest_pan_tilt, std::abs(ptz.pan - last.pan), std::abs(ptz.tilt - last.tilt)});
+      fastest_zoom = std::max(fastest_zoom, std::abs(ptz.zoom - last.zoom));
+      last = ptz;
+    }
+    EXPECT_NEAR(fastest_pan_tilt / SECONDS, World::PAN_TILT_SPEED, 1e-5) << "seed " << seed;
+    EXPECT_NEAR(fastest_zoom / SECONDS, World::ZOOM_SPEED, 1e-5) << "seed " << seed;
+  }
+}
+
+/* Looks at every span between two neighbouring changes of a drive, from its first to its last moment. */
+TEST(Head, IsSaidToMoveExactlyWhileItDoes)
+{
+  World world(SEED);
+  std::map<ChangeType, WorldTime> last = {{ChangeType::PAN_TILT, START}, {ChangeType::ZOOM, START}};
+  std::map<ChangeType, int> spans;
+  for (const Change &change : changes_of(SEED)) {
+    if (!is_of_the_head(change)) {
+      continue;
+    }
+    bool pan_tilt = change.type == ChangeType::PAN_TILT;
+    WorldTime step = (change.time - last[change.type]) / 16;
+    for (WorldTime time = last[change.type]; time + step < change.time; time += step) {
+      Ptz now = world.ptz_at(time);
+      Ptz later = world.ptz_at(time + step);
+      bool moves = pan_tilt ? now.pan != later.pan && now.tilt != later.tilt : now.zoom != later.zoom;
+      bool rests = pan_tilt ? now.pan == later.pan && now.tilt == later.tilt : now.zoom == later.zoom;
+      EXPECT_EQ(pan_tilt ? now.pan_tilt_moving : now.zoom_moving, moves) << "at " << time;
+      EXPECT_EQ(moves, !rests) << "at " << time;
+      EXPECT_EQ(moves, !change.state) << "at " << time;
+    }
+    Ptz before = world.ptz_at(change.time - 1);
+    Ptz after = world.ptz_at(change.time);
+    EXPECT_EQ(pan_tilt ? before.pan_tilt_moving : before.zoom_moving, !change.state) << "at " << change.time;
+    EXPECT_EQ(pan_tilt ? after.pan_tilt_moving : after.zoom_moving, change.state) << "at " << change.time;
+    last[change.type] = change.time;
+    spans[change.type]++;
+  }
+  EXPECT_GT(spans[ChangeType::PAN_TILT], 20);
+  EXPECT_GT(spans[ChangeType::ZOOM], 20);
+}
+
+TEST(Head, LooksAroundWithinItsRanges)
+{
+  for (guint64 seed = 0; seed < 5; seed++) {
+    World world(seed);
+    Ptz lowest = world.ptz_at(START);
+    Ptz highest = lowest;
+    for (WorldTime time = START; time < END; time += 200 * MILLISECOND) {
+      Ptz ptz = world.ptz_at(time);
+      lowest.pan = std::min(lowest.pan, ptz.pan);
+      lowest.tilt = std::min(lowest.tilt, ptz.tilt);
+      lowest.zoom = std::min(lowest.zoom, ptz.zoom);
+      highest.pan = std::max(highest.pan, ptz.pan);
+      highest.tilt = std::max(highest.tilt, ptz.tilt);
+      highest.zoom = std::max(highest.zoom, ptz.zoom);
+    }
+    EXPECT_GE(lowest.pan, -1);
+    EXPECT_LT(lowest.pan, -0.5);
+    EXPECT_GT(highest.pan, 0.5);
+    EXPECT_LE(highest.pan, 1);
+    EXPECT_GE(lowest.tilt, -1);
+    EXPECT_LT(lowest.tilt, -0.5);
+    EXPECT_GT(highest.tilt, 0.5);
+    EXPECT_LE(highest.tilt, 1);
+    EXPECT_GE(lowest.zoom, 0);
+    EXPECT_LT(lowest.zoom, 0.4);
+    EXPECT_GT(highest.zoom, 0.6);
+    EXPECT_LE(highest.zoom, 1);
   }
 }
 
