@@ -95,7 +95,7 @@ write_notification(xmlTextWriter *writer, const EventMessage &message)
   xml_start(writer, WSNT, "NotificationMessage");
   xml_start(writer, WSNT, "Topic");
   xml_attribute(writer, "Dialect", TOPIC_DIALECT);
-  xmlTextWriterWriteString(writer, reinterpret_cast<const xmlChar *>(message.topic));
+  xml_text(writer, message.topic);
   xml_end(writer);
   xml_start(writer, WSNT, "Message");
   xml_start(writer, TT, "Message");

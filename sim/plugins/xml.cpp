@@ -46,6 +46,19 @@ xml_attribute(xmlTextWriter *writer, const char *name, const char *value)
 }
 
 /**
+ * xml_text:
+ * @writer: the writer, with an element open
+ * @text: the text, which is escaped as needed
+ *
+ * Adds text to the open element.
+ */
+void
+xml_text(xmlTextWriter *writer, const char *text)
+{
+  xmlTextWriterWriteString(writer, as_xml(text));
+}
+
+/**
  * xml_declare:
  * @writer: the writer, with an element just opened
  * @declared: the namespace

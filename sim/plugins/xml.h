@@ -28,6 +28,7 @@ constexpr XmlNamespace TNSIMCAM = {"tnsimcam", "urn:tessard:simulated-camera:top
 
 void xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name);
 void xml_attribute(xmlTextWriter *writer, const char *name, const char *value);
+void xml_text(xmlTextWriter *writer, const char *text);
 void xml_declare(xmlTextWriter *writer, const XmlNamespace &declared);
 void xml_end(xmlTextWriter *writer);
 char *xml_date_time(gint64 utc);

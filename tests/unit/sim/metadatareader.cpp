@@ -58,6 +58,40 @@ read_event(xmlXPathContext *context, xmlNode *notification)
   return event;
 }
 
+ReadPtzStatus
+read_ptz_status(xmlXPathContext *context, xmlNode *status)
+{
+  return {
+      .pan = find_text(context, status, "string(tt:Position/tt:PanTilt/@x)"),
+      .tilt = find_text(context, status, "string(tt:Position/tt:PanTilt/@y)"),
+      .pan_tilt_space = find_text(context, status, "string(tt:Position/tt:PanTilt/@space)"),
+      .zoom = find_text(context, status, "string(tt:Position/tt:Zoom/@x)"),
+      .zoom_space = find_text(context, status, "string(tt:Position/tt:Zoom/@space)"),
+      .pan_tilt_status = find_text(context, status, "string(tt:MoveStatus/tt:PanTilt)"),
+      .zoom_status = find_text(context, status, "string(tt:MoveStatus/tt:Zoom)"),
+      .utc = find_text(context, status, "string(tt:UtcTime)"),
+  };
+}
+
+template <typename Item>
+std::vector<Item>
+read_all(const std::string &xml, const char *path, Item (*read)(xmlXPathContext *context, xmlNode *node))
+{
+  std::vector<Item> items;
+  g_autoptr(xmlDoc) document = parse(xml);
+  EXPECT_NE(document, nullptr) << xml;
+  if (document == nullptr) {
+    return items;
+  }
+  g_autoptr(xmlXPathContext) context = xmlXPathNewContext(document);
+  xmlXPathRegisterNs(context, as_xml("tt"), as_xml("http://www.onvif.org/ver10/schema"));
+  xmlXPathRegisterNs(context, as_xml("wsnt"), as_xml("http://docs.oasis-open.org/wsn/b-2"));
+  for (xmlNode *node : find(context, xmlDocGetRootElement(document), path)) {
+    items.push_back(read(context, node));
+  }
+  return items;
+}
+
 } /* namespace */
 
 std::string
@@ -85,20 +119,22 @@ root_name(const std::string &xml)
 std::vector<ReadEvent>
 read_events(const std::string &xml)
 {
-  std::vector<ReadEvent> events;
-  g_autoptr(xmlDoc) document = parse(xml);
-  EXPECT_NE(document, nullptr) << xml;
-  if (document == nullptr) {
-    return events;
-  }
-  g_autoptr(xmlXPathContext) context = xmlXPathNewContext(document);
-  xmlXPathRegisterNs(context, as_xml("tt"), as_xml("http://www.onvif.org/ver10/schema"));
-  xmlXPathRegisterNs(context, as_xml("wsnt"), as_xml("http://docs.oasis-open.org/wsn/b-2"));
-  for (xmlNode *notification :
-       find(context, xmlDocGetRootElement(document), "//tt:Event/wsnt:NotificationMessage")) {
-    events.push_back(read_event(context, notification));
-  }
-  return events;
+  return read_all(xml, "//tt:Event/wsnt:NotificationMessage", read_event);
+}
+
+std::vector<ReadPtzStatus>
+read_ptz_statuses(const std::string &xml)
+{
+  return read_all(xml, "//tt:PTZStatus", read_ptz_status);
+}
+
+/* Microseconds since 1970. */
+gint64
+parse_utc(const std::string &text)
+{
+  g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(text.c_str(), nullptr);
+  EXPECT_NE(time, nullptr) << text;
+  return time != nullptr ? g_date_time_to_unix(time) * G_USEC_PER_SEC + g_date_time_get_microsecond(time) : 0;
 }
 
 void

@@ -15,7 +15,21 @@ struct ReadEvent {
   bool operator==(const ReadEvent &) const = default;
 };
 
+/* One status of a PTZ head as a receiver reads it out of XML; what is not there is empty. */
+struct ReadPtzStatus {
+  std::string pan;
+  std::string tilt;
+  std::string pan_tilt_space;
+  std::string zoom;
+  std::string zoom_space;
+  std::string pan_tilt_status;
+  std::string zoom_status;
+  std::string utc;
+};
+
 std::string buffer_text(GstBuffer *buffer);
 std::string root_name(const std::string &xml);
 std::vector<ReadEvent> read_events(const std::string &xml);
+std::vector<ReadPtzStatus> read_ptz_statuses(const std::string &xml);
+gint64 parse_utc(const std::string &text);
 void PrintTo(const ReadEvent &event, std::ostream *stream);

@@ -86,14 +86,6 @@ as_read(const std::vector<sim::EventMessage> &messages)
   return read_events(buffer_text(buffer));
 }
 
-gint64
-parse_utc(const std::string &text)
-{
-  g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(text.c_str(), nullptr);
-  EXPECT_NE(time, nullptr) << text;
-  return g_date_time_to_unix(time) * G_USEC_PER_SEC + g_date_time_get_microsecond(time);
-}
-
 bool
 has_operation(const ReadEvent &event, const char *operation)
 {

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "world.h"
+#include "xml.h"
+
+/* What the state of the world's PTZ head looks like in ONVIF metadata. */
+
+namespace sim
+{
+
+/* Coordinate spaces are numbered: 0 is ONVIF's generic one, the others are this camera's own. */
+constexpr int PTZ_DEFAULT_SPACE = -1;
+constexpr int PTZ_LAST_SPACE = 2;
+
+/* What the driver of the head can move; the camera's own bit set. */
+enum : int {
+  PTZ_MOVES_PAN = 1 << 0,
+  PTZ_MOVES_TILT = 1 << 1,
+  PTZ_MOVES_ZOOM = 1 << 2,
+};
+
+/* What somebody wants to see of the head. */
+struct PtzView {
+  int pan_tilt_space = PTZ_DEFAULT_SPACE;
+  int zoom_space = PTZ_DEFAULT_SPACE;
+  int move_capabilities = 0; /* of PTZ_MOVES_...; all of them if none is set */
+  bool with_position = true;
+  bool with_status = true;
+};
+
+void ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc);
+
+} /* namespace sim */
