@@ -1,5 +1,7 @@
 #include "settings.h"
 
+#include <algorithm>
+
 /* The settings are read once by everyone who needs them and then passed by value. A file that cannot be used
  * as a whole is not used at all: half of somebody's settings would tell yet another story. */
 
@@ -10,6 +12,7 @@ namespace
 {
 
 constexpr const char *WORLD_GROUP = "World";
+constexpr const char *PTZ_GROUP = "PTZ";
 
 /* The end of 2099. With the fastest speed, the world's time then stays within 64 bits. */
 constexpr gint64 LATEST_EPOCH = G_GINT64_CONSTANT(4102444799);
@@ -82,12 +85,30 @@ read_speed(GKeyFile *file, gint64 *speed, GError **error)
 }
 
 bool
+read_ptz_channels(GKeyFile *file, std::vector<int> *channels, GError **error)
+{
+  GError *found = nullptr;
+  gsize count = 0;
+  g_autofree int *values = g_key_file_get_integer_list(file, PTZ_GROUP, "channels", &count, &found);
+  if (found != nullptr) {
+    return settle(found, error);
+  }
+
+  if (std::any_of(values, values + count, [](int channel) { return channel < 0; })) {
+    g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, "no channel is below 0");
+    return false;
+  }
+  channels->assign(values, values + count);
+  return true;
+}
+
+bool
 read_settings(const char *path, Settings *settings, GError **error)
 {
   g_autoptr(GKeyFile) file = g_key_file_new();
   return g_key_file_load_from_file(file, path, G_KEY_FILE_NONE, error) &&
          read_seed(file, &settings->seed, error) && read_epoch(file, &settings->epoch, error) &&
-         read_speed(file, &settings->speed, error);
+         read_speed(file, &settings->speed, error) && read_ptz_channels(file, &settings->ptz_channels, error);
 }
 
 gint64
@@ -123,6 +144,20 @@ settings_load()
     return {};
   }
   return settings;
+}
+
+/**
+ * settings_has_ptz:
+ * @settings: the settings
+ * @channel: a video channel
+ *
+ * Returns: whether the picture of @channel comes through the PTZ head
+ */
+bool
+settings_has_ptz(const Settings &settings, int channel)
+{
+  const std::vector<int> &channels = settings.ptz_channels;
+  return std::find(channels.begin(), channels.end(), channel) != channels.end();
 }
 
 /**

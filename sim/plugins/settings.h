@@ -2,6 +2,8 @@
 
 #include "world.h"
 
+#include <vector>
+
 namespace sim
 {
 
@@ -10,7 +12,10 @@ namespace sim
  *   [World]
  *   seed=1
  *   epoch=2024-01-01T00:00:00Z
- *   speed=1 */
+ *   speed=1
+ *
+ *   [PTZ]
+ *   channels=1 */
 constexpr const char *SETTINGS_VARIABLE = "TESSARD_SIM_CONFIG";
 constexpr gint64 FASTEST_SPEED = 100;
 
@@ -18,9 +23,11 @@ struct Settings {
   guint64 seed = 1;
   gint64 epoch = G_GINT64_CONSTANT(1704067200); /* seconds since 1970: the start of 2024 */
   gint64 speed = 1;                             /* world seconds per second */
+  std::vector<int> ptz_channels = {1};          /* those that look through the PTZ head */
 };
 
 Settings settings_load();
+bool settings_has_ptz(const Settings &settings, int channel);
 WorldTime settings_world_time(const Settings &settings, gint64 utc);
 gint64 settings_utc(const Settings &settings, WorldTime time);
 

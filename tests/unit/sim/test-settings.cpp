@@ -41,6 +41,7 @@ expect_defaults(const Settings &settings)
   EXPECT_EQ(settings.seed, Settings().seed);
   EXPECT_EQ(settings.epoch, Settings().epoch);
   EXPECT_EQ(settings.speed, Settings().speed);
+  EXPECT_EQ(settings.ptz_channels, Settings().ptz_channels);
 }
 
 TEST_F(SettingsTest, DefaultsWithoutFile)
@@ -52,11 +53,12 @@ TEST_F(SettingsTest, DefaultsWithoutFile)
 TEST_F(SettingsTest, ValuesComeFromTheFile)
 {
   SettingsFile file("[World]\nseed=18446744073709551615\nepoch=2024-03-01T12:00:00+01:00\nspeed=20\n"
-                    "[Other]\nkey=value\n");
+                    "[PTZ]\nchannels=2;4\n[Other]\nkey=value\n");
   Settings settings = sim::settings_load();
   EXPECT_EQ(settings.seed, G_MAXUINT64);
   EXPECT_EQ(settings.epoch, 1709290800);
   EXPECT_EQ(settings.speed, 20);
+  EXPECT_EQ(settings.ptz_channels, std::vector<int>({2, 4}));
   EXPECT_EQ(warnings_, 0);
 }
 
@@ -67,6 +69,30 @@ TEST_F(SettingsTest, MissingKeysKeepTheirDefaults)
   EXPECT_EQ(settings.seed, Settings().seed);
   EXPECT_EQ(settings.epoch, Settings().epoch);
   EXPECT_EQ(settings.speed, 2);
+  EXPECT_EQ(warnings_, 0);
+}
+
+TEST_F(SettingsTest, OnlyTheFirstChannelHasAHeadByDefault)
+{
+  EXPECT_FALSE(sim::settings_has_ptz({}, 0));
+  EXPECT_TRUE(sim::settings_has_ptz({}, 1));
+  EXPECT_FALSE(sim::settings_has_ptz({}, 2));
+}
+
+TEST_F(SettingsTest, FileNamesTheChannelsThatHaveAHead)
+{
+  SettingsFile file("[PTZ]\nchannels=0;3\n");
+  Settings settings = sim::settings_load();
+  EXPECT_TRUE(sim::settings_has_ptz(settings, 0));
+  EXPECT_FALSE(sim::settings_has_ptz(settings, 1));
+  EXPECT_TRUE(sim::settings_has_ptz(settings, 3));
+  EXPECT_EQ(warnings_, 0);
+}
+
+TEST_F(SettingsTest, NoChannelNeedsToHaveAHead)
+{
+  SettingsFile file("[PTZ]\nchannels=\n");
+  EXPECT_FALSE(sim::settings_has_ptz(sim::settings_load(), 1));
   EXPECT_EQ(warnings_, 0);
 }
 
@@ -90,12 +116,13 @@ TEST_P(MalformedSettings, WarnOnceAndLeaveTheDefaults)
 
 INSTANTIATE_TEST_SUITE_P(
     Files, MalformedSettings,
-    testing::Values<HostileText>("no key file", "[World]\nseed=many\n", "[World]\nseed=7\nspeed=0\n",
-                                 "[World]\nseed=7\nspeed=101\n", "[World]\nseed=7\nspeed=fast\n",
-                                 "[World]\nseed=7\nepoch=yesterday\n",
-                                 "[World]\nseed=7\nepoch=1969-12-31T23:59:59Z\n",
-                                 "[World]\nseed=7\nepoch=2100-01-01T00:00:00Z\n",
-                                 "[World]\nseed=7\nepoch=\\q\n", "[World]\nseed=7\nepoch=\xff\n"));
+    testing::Values<HostileText>(
+        "no key file", "[World]\nseed=many\n", "[World]\nseed=7\nspeed=0\n", "[World]\nseed=7\nspeed=101\n",
+        "[World]\nseed=7\nspeed=fast\n", "[World]\nseed=7\nepoch=yesterday\n",
+        "[World]\nseed=7\nepoch=1969-12-31T23:59:59Z\n", "[World]\nseed=7\nepoch=2100-01-01T00:00:00Z\n",
+        "[World]\nseed=7\n[PTZ]\nchannels=1;-1\n", "[World]\nseed=7\n[PTZ]\nchannels=all\n",
+        "[World]\nseed=7\n[PTZ]\nchannels=99999999999\n", "[World]\nseed=7\nepoch=\\q\n",
+        "[World]\nseed=7\nepoch=\xff\n"));
 
 TEST_F(SettingsTest, MissingFileWarnsOnceAndLeavesTheDefaults)
 {
