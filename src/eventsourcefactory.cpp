@@ -5,6 +5,8 @@
 
 #include "sourcefactory.h"
 
+#include <string_view>
+
 struct _EventSourceFactory {
   GObject parent_instance;
 };
@@ -34,6 +36,18 @@ wants_events(GHashTable *params, GError **error)
   return TRUE;
 }
 
+/* Undoes backslash escapes. A lone backslash at the end escapes nothing: g_strcompress() drops it with a
+ * warning, and any client can send one, so it is dropped before. */
+gchar *
+unescape(const gchar *escaped)
+{
+  const std::string_view text = escaped;
+  const gsize backslashes = text.size() - (text.find_last_not_of('\\') + 1);
+  g_autofree gchar *complete = g_strndup(escaped, text.size() - backslashes % 2);
+
+  return g_strcompress(complete);
+}
+
 /* Hands one filter of the request to the element. Absent, the element keeps its own default. */
 void
 set_filter(GstElement *source, const gchar *property, GHashTable *params, const gchar *key)
@@ -44,7 +58,7 @@ set_filter(GstElement *source, const gchar *property, GHashTable *params, const 
   }
 
   /* A header line cannot carry a line break, so filters travel with backslash escapes. */
-  g_autofree gchar *filter = g_strcompress(escaped);
+  g_autofree gchar *filter = unescape(escaped);
   g_object_set(source, property, filter, nullptr);
 }
 
