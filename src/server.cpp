@@ -30,7 +30,7 @@ namespace
 struct ServerPrivate {
   GThreadPool *pool = nullptr;
   GIOChannel *channel = nullptr;
-  guint watch_id = 0;
+  guint watch_id = 0; /* the accept watch, or the time-out that puts it back */
   gchar *socket_path = nullptr;
   GSList *factories = nullptr;
   gboolean running = FALSE;
@@ -195,27 +195,40 @@ queue_request(GThreadPool *pool, int fd)
   }
 }
 
-int
-open_spare_descriptor()
+/* There may be none, even right after one was given up: another thread can be faster. So this is tried again
+ * after every connection that is accepted. */
+void
+keep_spare_descriptor(Server *self)
 {
-  return open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (self->priv->spare_fd < 0) {
+    self->priv->spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
 }
 
-/* Without a free descriptor a waiting connection can be neither accepted nor refused, and would wake the main
- * loop for ever. The spare descriptor makes room to accept and close it. */
 void
+give_up_spare_descriptor(Server *self)
+{
+  if (self->priv->spare_fd >= 0) {
+    close(std::exchange(self->priv->spare_fd, -1));
+  }
+}
+
+/* Without a free descriptor a waiting connection can be neither accepted nor refused. The spare descriptor
+ * makes room to accept and close it. FALSE when the connection still waits. */
+gboolean
 drop_waiting_connection(Server *self, int listening_fd)
 {
   if (self->priv->spare_fd < 0) {
-    return;
+    return FALSE;
   }
 
-  close(self->priv->spare_fd);
+  give_up_spare_descriptor(self);
   const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd >= 0) {
     close_accepted(fd);
   }
-  self->priv->spare_fd = open_spare_descriptor();
+  keep_spare_descriptor(self);
+  return fd >= 0;
 }
 
 gboolean
@@ -421,6 +434,34 @@ server_class_init(ServerClass *klass)
 namespace
 {
 
+void watch_for_connections(Server *self);
+
+gboolean
+on_rested(gpointer user_data)
+{
+  watch_for_connections(static_cast<Server *>(user_data));
+  return G_SOURCE_REMOVE;
+}
+
+/* What the accept watch could not deal with would wake it again at once, and the main loop would do nothing
+ * else. So the watch goes for a while. The answer is the watch's. */
+gboolean
+rest(Server *self)
+{
+  self->priv->watch_id = g_timeout_add(SERVER_ACCEPT_REST_MS, on_rested, self);
+  return G_SOURCE_REMOVE;
+}
+
+/* With @error_number of the failed attempt to accept. */
+gboolean
+continue_without_connection(Server *self, int listening_fd, int error_number)
+{
+  const gboolean out_of_descriptors = error_number == EMFILE || error_number == ENFILE;
+
+  syslog(LOG_ERR, "Could not accept new request on metadata server socket: %s", g_strerror(error_number));
+  return out_of_descriptors && drop_waiting_connection(self, listening_fd) ? G_SOURCE_CONTINUE : rest(self);
+}
+
 gboolean
 on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 {
@@ -429,29 +470,23 @@ on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 
   if (condition != G_IO_IN) {
     syslog(LOG_ERR, "Error on metadata socket, not able to process metadata client requests.");
-    return G_SOURCE_CONTINUE;
+    return rest(self);
   }
 
   const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
-    const int error_number = errno;
-    syslog(LOG_ERR, "Could not accept new request on metadata server socket: %s", g_strerror(error_number));
-    if (error_number == EMFILE || error_number == ENFILE) {
-      drop_waiting_connection(self, listening_fd);
-    }
-    return G_SOURCE_CONTINUE;
+    return continue_without_connection(self, listening_fd, errno);
   }
   queue_request(self->priv->pool, fd);
+  keep_spare_descriptor(self);
   return G_SOURCE_CONTINUE;
 }
 
 void
-watch_listening_socket(Server *self, int fd)
+watch_for_connections(Server *self)
 {
   constexpr auto CONDITION = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
 
-  self->priv->spare_fd = open_spare_descriptor();
-  self->priv->channel = g_io_channel_unix_new(fd);
   self->priv->watch_id = g_io_add_watch(self->priv->channel, CONDITION, on_accept, self);
 }
 
@@ -508,7 +543,9 @@ server_start(Server *self)
   }
 
   g_object_ref(self);
-  watch_listening_socket(self, fd);
+  keep_spare_descriptor(self);
+  priv->channel = g_io_channel_unix_new(fd);
+  watch_for_connections(self);
   priv->socket_path = g_steal_pointer(&socket_path);
   priv->running = TRUE;
   return TRUE;
@@ -541,8 +578,6 @@ server_stop(Server *self)
     syslog(LOG_WARNING, "Could not remove metadata server socket file.");
   }
   g_clear_pointer(&priv->socket_path, g_free);
-  if (priv->spare_fd >= 0) {
-    close(std::exchange(priv->spare_fd, -1));
-  }
+  give_up_spare_descriptor(self);
   priv->running = FALSE;
 }

@@ -26,6 +26,13 @@ G_BEGIN_DECLS
  */
 #define SERVER_REQUEST_TIMEOUT_MS (10 * 1000)
 
+/**
+ * SERVER_ACCEPT_REST_MS:
+ *
+ * How long no connection is accepted after one that could be neither accepted nor dropped.
+ */
+#define SERVER_ACCEPT_REST_MS 250
+
 #define SERVER_TYPE (server_get_type())
 G_DECLARE_FINAL_TYPE(Server, server, TESSARD, SERVER, GObject)
 

@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <fcntl.h>
 #include <mutex>
 #include <set>
+#include <sys/socket.h>
 #include <utility>
 
 namespace
@@ -15,6 +18,8 @@ namespace
 std::mutex lock;
 std::set<faults::Call> failing_calls;
 std::set<int> failing_closes;
+std::atomic<int> accept_error_number = 0;
+std::atomic<unsigned> accept_count = 0;
 std::atomic<unsigned> request_time_divisor = 1;
 std::function<void()> bus_watch_hook;
 std::function<void()> flush_hook;
@@ -61,6 +66,23 @@ fail_close_of(int fd)
   failing_closes.insert(fd);
 }
 
+Accepts::Accepts(int error_number)
+{
+  accept_error_number = error_number;
+  accept_count = 0;
+}
+
+Accepts::~Accepts()
+{
+  accept_error_number = 0;
+}
+
+unsigned
+Accepts::count() const
+{
+  return accept_count;
+}
+
 void
 divide_request_time(unsigned divisor)
 {
@@ -89,10 +111,15 @@ after_next_flush(std::function<void()> hook)
 #pragma GCC visibility push(default)
 extern "C" {
 
+int __real_accept4(int fd, sockaddr *address, socklen_t *length, int flags);
+int __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags);
 int __real_close(int fd);
 int __wrap_close(int fd);
 int __real_listen(int fd, int backlog);
 int __wrap_listen(int fd, int backlog);
+/* What open() is called where files may be large. */
+int __real_open64(const char *path, int flags, ...);
+int __wrap_open64(const char *path, int flags, ...);
 guint __real_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
                                     GDestroyNotify notify);
 guint __wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
@@ -113,6 +140,19 @@ ConnectionManager *__real_connection_manager_new(GList *src_lists, int fd);
 ConnectionManager *__wrap_connection_manager_new(GList *src_lists, int fd);
 GIOChannel *__real_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
 GIOChannel *__wrap_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+
+int
+__wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags)
+{
+  const int error_number = accept_error_number;
+
+  accept_count++;
+  if (error_number != 0) {
+    errno = error_number;
+    return -1;
+  }
+  return __real_accept4(fd, address, length, flags);
+}
 
 int
 __wrap_close(int fd)
@@ -139,6 +179,21 @@ __wrap_listen(int fd, int backlog)
     return -1;
   }
   return __real_listen(fd, backlog);
+}
+
+int
+__wrap_open64(const char *path, int flags, ...)
+{
+  if (take_failure(faults::Call::OPEN)) {
+    errno = EMFILE;
+    return -1;
+  }
+
+  va_list args;
+  va_start(args, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
+  va_end(args);
+  return __real_open64(path, flags, mode);
 }
 
 guint

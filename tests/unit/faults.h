@@ -13,6 +13,7 @@ enum class Call {
   CONNECTION_MANAGER_NEW,
   IO_CHANNEL_SET_ENCODING,
   LISTEN,
+  OPEN, /* with EMFILE */
   PIPELINE_NEW,
   THREAD_POOL_NEW,
   THREAD_POOL_PUSH,
@@ -23,6 +24,21 @@ void fail_next(Call call);
 
 /* Makes the next close of this descriptor close it and report a failure with EIO. */
 void fail_close_of(int fd);
+
+/* Counts the calls of accept4(), and makes them all fail, as long as this object lives. There is one at a
+ * time.
+ */
+class Accepts
+{
+public:
+  /* With 0 the calls are only counted. */
+  explicit Accepts(int error_number);
+  ~Accepts();
+  Accepts(const Accepts &) = delete;
+  Accepts &operator=(const Accepts &) = delete;
+
+  unsigned count() const;
+};
 
 /* Gives every request only a part of its time, as long as this is not 1. */
 void divide_request_time(unsigned divisor);

@@ -32,6 +32,7 @@ namespace
 {
 
 constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 REST_US = SERVER_ACCEPT_REST_MS * G_TIME_SPAN_MILLISECOND;
 
 /* The longest path that is bound as a whole. */
 constexpr gsize MAX_PATH_LENGTH = 106;
@@ -251,6 +252,22 @@ operator<<(std::ostream &stream, const Exchange &exchange)
 }
 
 class ServerReplyTest : public ServerTest, public testing::WithParamInterface<Exchange>
+{
+};
+
+struct AcceptFailure {
+  const char *name;
+  int error_number;
+  unsigned calls; /* each time that the watch is there */
+};
+
+std::ostream &
+operator<<(std::ostream &stream, const AcceptFailure &failure)
+{
+  return stream << failure.name;
+}
+
+class ServerAcceptTest : public ServerTest, public testing::WithParamInterface<AcceptFailure>
 {
 };
 
@@ -859,6 +876,93 @@ TEST_F(ServerTest, GoesOnBehindManyConnectionsWithoutDescriptors)
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
 
+/* The accept watch at rest. */
+
+TEST_P(ServerAcceptTest, RestsAndServesTheConnectionOnceItCanBeAccepted)
+{
+  const auto &[name, error_number, calls] = GetParam();
+  const SyslogLine line = {LOG_ERR, "Could not accept new request on metadata server socket: "s +
+                                        g_strerror(error_number)};
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect();
+  {
+    const gint64 begin_us = g_get_monotonic_time();
+    const faults::Accepts failing(error_number);
+    EXPECT_TRUE(testhost::spin_until([&] { return failing.count() >= 3 * calls; }));
+
+    const gint64 wake_ups = failing.count() / calls;
+    EXPECT_LE(wake_ups, 1 + (g_get_monotonic_time() - begin_us) / REST_US);
+    EXPECT_EQ(failing.count() % calls, 0U);
+    EXPECT_EQ(testhost::take_syslog(), SyslogLines(wake_ups, line));
+  }
+  ASSERT_TRUE(client.send("OPEN\n\n"));
+  EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+}
+
+/* Of descriptors there may be none, so that a connection is dropped, which is tried. */
+INSTANTIATE_TEST_SUITE_P(Errors, ServerAcceptTest,
+                         testing::Values(AcceptFailure{"NoMemory", ENOMEM, 1},
+                                         AcceptFailure{"NoBuffers", ENOBUFS, 1},
+                                         AcceptFailure{"NotPermitted", EPERM, 1},
+                                         AcceptFailure{"NoDescriptorInTheProcess", EMFILE, 2},
+                                         AcceptFailure{"NoDescriptorInTheSystem", ENFILE, 2}),
+                         [](const auto &failure) { return std::string(failure.param.name); });
+
+TEST_F(ServerTest, RestsWithoutASpareDescriptorAndTakesAnotherOneLater)
+{
+  const SyslogLine line = {LOG_ERR,
+                           "Could not accept new request on metadata server socket: Too many open files"};
+  ASSERT_TRUE(server_start(server_));
+  Client dropped = connect();
+  Client accepted = connect();
+  Client waiting = connect();
+  {
+    const NoMoreDescriptors none;
+    faults::fail_next(faults::Call::OPEN);
+    EXPECT_TRUE(dropped.wait_for_end());
+    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{line}));
+
+    /* The descriptor that was the spare one is now that of a connection. */
+    const gint64 begin_us = g_get_monotonic_time();
+    const faults::Accepts failing(0);
+    EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 3; }));
+    EXPECT_LE(failing.count(), 2 + (g_get_monotonic_time() - begin_us) / REST_US);
+    EXPECT_EQ(testhost::take_syslog(), SyslogLines(3, line));
+    EXPECT_FALSE(waiting.ended());
+
+    accepted.hang_up();
+    ASSERT_TRUE(waiting.send("OPEN\n\n"));
+    EXPECT_EQ(waiting.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+    EXPECT_TRUE(waiting.wait_for_end());
+  }
+  testhost::take_syslog();
+
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  Client dropped_again = connect();
+  const NoMoreDescriptors none;
+  const faults::Accepts accepts(0);
+  EXPECT_TRUE(dropped_again.wait_for_end());
+  EXPECT_EQ(accepts.count(), 2U);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{line}));
+}
+
+TEST_F(ServerTest, StopsAndStartsAgainWhileItRests)
+{
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect();
+  {
+    const faults::Accepts failing(ENOMEM);
+    ASSERT_TRUE(testhost::spin_until([&] { return failing.count() > 0; }));
+    server_stop(server_);
+    EXPECT_TRUE(client.ended());
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{{LOG_ERR, "Could not accept new request on metadata server socket: "
+                                     "Cannot allocate memory"}}));
+  }
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
 /* The descriptor 0 is one like any other. */
 TEST_F(ServerTest, ServesAConnectionThatIsStandardInput)
 {
@@ -1168,13 +1272,15 @@ TEST_F(ServerActivationTest, LogsEachFurtherCloseOfThreeSocketsForItsPath)
 }
 
 /* A listening socket that was shut down is not only readable. */
-TEST_F(ServerActivationTest, LogsAnErrorOfTheListeningSocketAndStays)
+TEST_F(ServerActivationTest, LogsAnErrorOfTheListeningSocketNowAndThenAndStays)
 {
   pass_on({listen_high(socket_path())});
   ASSERT_TRUE(server_start(server_));
+  const gint64 begin_us = g_get_monotonic_time();
 
   ASSERT_EQ(shutdown(SD_LISTEN_FDS_START, SHUT_RDWR), 0);
-  EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 2; }));
+  EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 3; }));
+  EXPECT_LE(static_cast<gint64>(testhost::syslog_size()), 1 + (g_get_monotonic_time() - begin_us) / REST_US);
   server_stop(server_);
   for (const SyslogLine &line : testhost::take_syslog()) {
     EXPECT_EQ(line, (SyslogLine{LOG_ERR,
