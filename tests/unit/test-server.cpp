@@ -19,6 +19,7 @@
 #include <sys/un.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
+#include <thread>
 #include <unistd.h>
 
 using testelements::Behaviour;
@@ -1037,6 +1038,8 @@ TEST_F(ServerTest, StopLeavesStreamingClients)
 
 TEST_F(ServerTest, StopWaitsForTheRequestsBeingHandledAndDropsTheOthers)
 {
+  constexpr int HANDLED = 2;
+  constexpr int CLIENTS = 5;
   Gate gate;
   add_factory([&gate](GHashTable *, GError **) {
     gate.enter();
@@ -1044,21 +1047,28 @@ TEST_F(ServerTest, StopWaitsForTheRequestsBeingHandledAndDropsTheOthers)
   });
   ASSERT_TRUE(server_start(server_));
   std::vector<Client> clients;
-  for (int i = 0; i < 5; i++) {
+  for (int i = 0; i < CLIENTS; i++) {
     clients.push_back(connect());
     ASSERT_TRUE(clients.back().send("OPEN\n\n"));
     testhost::dispatch_ready();
+    ASSERT_TRUE(testhost::spin_until([&] { return gate.entered() == std::min(i + 1, HANDLED); }));
   }
-  ASSERT_TRUE(testhost::spin_until([&] { return gate.entered() == 2; }));
 
-  gate.open();
+  /* The requests being handled go on only once the stop waits for them. */
+  std::atomic<bool> waited_for = false;
+  std::thread opener([&gate, &waited_for, stopping = gettid()] {
+    waited_for = testhost::wait_until_asleep(stopping);
+    gate.open();
+  });
   server_stop(server_);
-  int replies = 0;
-  for (Client &client : clients) {
-    EXPECT_TRUE(client.ended());
-    replies += client.received() == "FAIL\nBad request, no metadata can be produced.\0"s ? 1 : 0;
+  EXPECT_TRUE(waited_for);
+  for (int i = 0; i < CLIENTS; i++) {
+    EXPECT_TRUE(clients[i].ended()) << i;
+    EXPECT_EQ(clients[i].received(), i < HANDLED ? "FAIL\nBad request, no metadata can be produced.\0"s : ""s)
+        << i;
   }
-  EXPECT_GE(replies, 2);
+  EXPECT_EQ(gate.entered(), HANDLED);
+  opener.join();
 }
 
 TEST_F(ServerTest, LogsAWatchThatCannotBeRemoved)

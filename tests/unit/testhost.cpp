@@ -25,6 +25,7 @@ namespace
 
 constexpr guint WATCHDOG_SECONDS = 100;
 constexpr guint TICK_MS = 2;
+constexpr gint64 ASLEEP_US = 20 * G_TIME_SPAN_MILLISECOND;
 constexpr gsize MAX_LINE_BYTES = 128 * 1024;
 constexpr int MAX_DESCRIPTORS = 1024;
 
@@ -61,6 +62,29 @@ count_threads()
   std::error_code error;
 
   return std::distance(std::filesystem::directory_iterator("/proc/self/task", error), {});
+}
+
+struct Sleep {
+  bool asleep = false;
+  std::string count; /* how often the thread has gone to sleep */
+
+  bool operator==(const Sleep &) const = default;
+};
+
+Sleep
+sleep_of(pid_t tid)
+{
+  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+  Sleep sleep;
+
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("State:")) {
+      sleep.asleep = line.find("S (sleeping)") != std::string::npos;
+    } else if (line.starts_with("voluntary_ctxt_switches:")) {
+      sleep.count = line;
+    }
+  }
+  return sleep;
 }
 
 /* The tracer that is told of every GStreamer object. */
@@ -279,6 +303,26 @@ dispatch_ready()
 {
   while (g_main_context_iteration(nullptr, FALSE)) {
   }
+}
+
+bool
+wait_until_asleep(pid_t tid)
+{
+  const gint64 end_us = g_get_monotonic_time() + SPIN_LIMIT_US;
+  gint64 since_us = g_get_monotonic_time();
+  Sleep last;
+
+  while (g_get_monotonic_time() < end_us) {
+    const Sleep sleep = sleep_of(tid);
+    if (!sleep.asleep || sleep != last) {
+      since_us = g_get_monotonic_time();
+    } else if (g_get_monotonic_time() - since_us > ASLEEP_US) {
+      return true;
+    }
+    last = sleep;
+    g_thread_yield();
+  }
+  return false;
 }
 
 std::set<int>

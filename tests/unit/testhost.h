@@ -16,6 +16,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace testhost
@@ -55,6 +56,10 @@ bool spin_until(const std::function<bool()> &condition, gint64 limit_us = SPIN_L
 
 /* Dispatches everything in the default main context that is ready, and nothing that is not. */
 void dispatch_ready();
+
+/* Waits until the thread @tid of this process sleeps, and has done so for longer than a contended lock would
+ * make it. FALSE when it does not within the bound. Any other thread. */
+bool wait_until_asleep(pid_t tid);
 
 /* The numbers of the open descriptors. */
 std::set<int> open_descriptors();
