@@ -1,16 +1,18 @@
 // A request in any bytes, read through the channel that the server reads it through, and compared with a
 // plain model of what a request is: the reply text or the parameters, and what is left unread for the stream.
 #include "fuzz.h"
-#include "request.h"
 #include "requestchannel.h"
+#include "requestoutcome.h"
 
 #include <array>
 #include <cstring>
-#include <map>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
+
+using requests::Outcome;
+using requests::Params;
 
 namespace
 {
@@ -24,16 +26,6 @@ constexpr gsize MAX_PIECES = 16;
 constexpr guint TIMEOUT_MS = 10 * 1000;
 
 constexpr std::string_view PARAGRAPH_SEPARATOR = "\xe2\x80\xa9";
-
-using Params = std::map<std::string, std::string>;
-
-struct Outcome {
-  bool accepted = false;
-  Params params;
-  std::string failure;
-
-  bool operator==(const Outcome &) const = default;
-};
 
 struct Line {
   bool found = false;
@@ -211,32 +203,15 @@ read_rest(int fd)
   return rest;
 }
 
-Params
-to_params(GHashTable *table)
-{
-  Params params;
-  GHashTableIter iter;
-  gpointer key = nullptr;
-  gpointer value = nullptr;
-  g_hash_table_iter_init(&iter, table);
-  while (g_hash_table_iter_next(&iter, &key, &value)) {
-    fuzz::require(strchr(static_cast<char *>(key), '=') == nullptr, "no key has an equals sign");
-    params[static_cast<char *>(key)] = static_cast<char *>(value);
-  }
-  return params;
-}
-
 Outcome
 read_request(GIOChannel *channel)
 {
-  g_autofree char *failure = nullptr;
-  g_autoptr(GHashTable) table = request_read(channel, &failure);
-  fuzz::require((table != nullptr) != (failure != nullptr), "either parameters or a failure");
-  if (failure != nullptr) {
-    fuzz::require(g_str_has_prefix(failure, "FAIL\n"), "a failure says so");
-    return {false, {}, failure};
-  }
-  return {true, to_params(table), ""};
+  Outcome outcome = requests::read_outcome(channel);
+  fuzz::require(outcome.accepted == outcome.failure.empty(), "either parameters or a failure");
+  fuzz::require(outcome.accepted || outcome.failure.starts_with("FAIL\n"), "a failure says so");
+  for (const auto &[key, value] : outcome.params)
+    fuzz::require(key.find('=') == key.npos, "no key has an equals sign");
+  return outcome;
 }
 
 void

@@ -1,14 +1,16 @@
 #include "requestchannel.h"
 
-#include "request.h"
+#include "requestoutcome.h"
 #include "server.h"
 #include "testclient.h"
 #include "testhost.h"
 
 #include <future>
-#include <map>
 #include <sys/socket.h>
 #include <unistd.h>
+
+using requests::Outcome;
+using requests::Params;
 
 using namespace std::string_literals;
 
@@ -17,23 +19,6 @@ namespace
 
 constexpr guint LONG_MS = 20 * 1000;
 constexpr guint SHORT_MS = 100;
-
-using Params = std::map<std::string, std::string>;
-
-struct Outcome {
-  bool accepted = false;
-  Params params;
-  std::string failure;
-
-  bool operator==(const Outcome &) const = default;
-};
-
-std::ostream &
-operator<<(std::ostream &stream, const Outcome &outcome)
-{
-  return stream << (outcome.accepted ? "accepted " : "refused ") << testing::PrintToString(outcome.failure)
-                << ' ' << testing::PrintToString(outcome.params);
-}
 
 Outcome
 accepted(const Params &params)
@@ -45,25 +30,6 @@ Outcome
 refused(const std::string &failure)
 {
   return {false, {}, failure};
-}
-
-Outcome
-read_request(GIOChannel *channel)
-{
-  g_autofree gchar *failure = nullptr;
-  g_autoptr(GHashTable) table = request_read(channel, &failure);
-  Outcome outcome = {table != nullptr, {}, failure != nullptr ? failure : ""};
-
-  if (table != nullptr) {
-    GHashTableIter iter;
-    gpointer key = nullptr;
-    gpointer value = nullptr;
-    g_hash_table_iter_init(&iter, table);
-    while (g_hash_table_iter_next(&iter, &key, &value)) {
-      outcome.params[static_cast<gchar *>(key)] = static_cast<gchar *>(value);
-    }
-  }
-  return outcome;
 }
 
 /* One connection, whose server's end is a request channel. */
@@ -90,7 +56,7 @@ protected:
     open();
     EXPECT_TRUE(client_->send(bytes));
     client_->half_close();
-    return read_request(channel_);
+    return requests::read_outcome(channel_);
   }
 
   /* What arrived and was not read by the channel. */
@@ -193,7 +159,7 @@ TEST_P(RequestTest, IsReadInTwoPiecesCutAnywhere)
   for (gsize end = 1; end < bytes.size(); end++) {
     open();
     ASSERT_TRUE(client_->send(bytes.substr(0, end)));
-    auto reading = std::async(std::launch::async, read_request, channel_);
+    auto reading = std::async(std::launch::async, requests::read_outcome, channel_);
     ASSERT_TRUE(testhost::spin_until([this, &reading] {
       return client_->unread() == 0 || reading.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     }));
@@ -212,7 +178,7 @@ TEST_F(RequestChannelTest, LeavesWhatStandsBehindTheRequest)
   open();
   ASSERT_TRUE(client_->send("OPEN\nevent=1\n\nSYNC\nSYN"));
 
-  EXPECT_EQ(read_request(channel_), accepted({{"event", "1"}}));
+  EXPECT_EQ(requests::read_outcome(channel_), accepted({{"event", "1"}}));
   EXPECT_EQ(left(), "SYNC\nSYN");
 }
 
@@ -226,7 +192,7 @@ TEST_F(RequestChannelTest, LeavesWhatStandsBehindARequestWithOtherLineEnds)
     if (!ended) {
       ASSERT_TRUE(client_->send("event=0\n\nSYNC\n"));
     }
-    const Outcome outcome = read_request(channel_);
+    const Outcome outcome = requests::read_outcome(channel_);
     if (ended) {
       EXPECT_EQ(outcome, accepted({{"event", "1"}}));
       EXPECT_EQ(left(), "SYNC\n");
@@ -242,7 +208,7 @@ TEST_F(RequestChannelTest, DoesNotWaitBehindTheEmptyLine)
   open();
   ASSERT_TRUE(client_->send("OPEN\n\n"));
 
-  EXPECT_EQ(read_request(channel_), accepted({}));
+  EXPECT_EQ(requests::read_outcome(channel_), accepted({}));
   EXPECT_EQ(left(), "");
 }
 
@@ -253,7 +219,7 @@ TEST_F(RequestChannelTest, TakesTheLongestRequest)
   open();
   ASSERT_TRUE(client_->send(begin + value + "\n\n" + "SYNC\n"));
 
-  EXPECT_EQ(read_request(channel_), accepted({{"event_topic", value}}));
+  EXPECT_EQ(requests::read_outcome(channel_), accepted({{"event_topic", value}}));
   EXPECT_EQ(left(), "SYNC\n");
 }
 
@@ -264,7 +230,7 @@ TEST_F(RequestChannelTest, RefusesARequestThatIsOneByteLonger)
   open();
   ASSERT_TRUE(client_->send(begin + value + "\n\n"));
 
-  EXPECT_EQ(read_request(channel_), refused(NO_HEADER + "Request longer than 65536 bytes"s));
+  EXPECT_EQ(requests::read_outcome(channel_), refused(NO_HEADER + "Request longer than 65536 bytes"s));
 }
 
 TEST_F(RequestChannelTest, RefusesAFirstLineWithoutEnd)
@@ -272,7 +238,7 @@ TEST_F(RequestChannelTest, RefusesAFirstLineWithoutEnd)
   open(16);
   ASSERT_TRUE(client_->send(std::string(17, 'x')));
 
-  EXPECT_EQ(read_request(channel_), refused(NO_REQUEST + "Request longer than 16 bytes"s));
+  EXPECT_EQ(requests::read_outcome(channel_), refused(NO_REQUEST + "Request longer than 16 bytes"s));
 }
 
 TEST_F(RequestChannelTest, GivesUpOnAClientThatSendsNothing)
@@ -280,7 +246,7 @@ TEST_F(RequestChannelTest, GivesUpOnAClientThatSendsNothing)
   open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
   const gint64 begin = g_get_monotonic_time();
 
-  EXPECT_EQ(read_request(channel_), refused(NO_REQUEST + "Request not complete within 100 ms"s));
+  EXPECT_EQ(requests::read_outcome(channel_), refused(NO_REQUEST + "Request not complete within 100 ms"s));
   EXPECT_GE(g_get_monotonic_time() - begin, (SHORT_MS - 1) * G_TIME_SPAN_MILLISECOND);
   EXPECT_LT(g_get_monotonic_time() - begin, 5 * G_TIME_SPAN_SECOND);
 }
@@ -290,7 +256,7 @@ TEST_F(RequestChannelTest, GivesUpOnAHeaderWithoutEnd)
   open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
   ASSERT_TRUE(client_->send("OPEN\nevent=1\nptz"));
 
-  EXPECT_EQ(read_request(channel_), refused(NO_HEADER + "Request not complete within 100 ms"s));
+  EXPECT_EQ(requests::read_outcome(channel_), refused(NO_HEADER + "Request not complete within 100 ms"s));
 }
 
 /* A byte now and then does not win more time. */
@@ -299,7 +265,7 @@ TEST_F(RequestChannelTest, GivesUpOnAClientThatTrickles)
   open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
   ASSERT_TRUE(client_->send("OPEN\na="));
   const gint64 begin = g_get_monotonic_time();
-  auto reading = std::async(std::launch::async, read_request, channel_);
+  auto reading = std::async(std::launch::async, requests::read_outcome, channel_);
   const guint trickle = g_timeout_add(
       SHORT_MS / 10,
       [](gpointer client) -> gboolean {
@@ -324,7 +290,7 @@ TEST_F(RequestChannelTest, NamesTheErrorOfALostConnection)
   ASSERT_EQ(send(fd_, "x", 1, MSG_DONTWAIT), 1);
   client_->hang_up();
 
-  EXPECT_EQ(read_request(channel_), refused(NO_REQUEST + "Connection reset by peer"s));
+  EXPECT_EQ(requests::read_outcome(channel_), refused(NO_REQUEST + "Connection reset by peer"s));
 }
 
 TEST_F(RequestChannelTest, NamesTheErrorOfAConnectionLostInTheHeader)
@@ -332,7 +298,7 @@ TEST_F(RequestChannelTest, NamesTheErrorOfAConnectionLostInTheHeader)
   open();
   ASSERT_EQ(send(fd_, "x", 1, MSG_DONTWAIT), 1);
   ASSERT_TRUE(client_->send("OPEN\n"));
-  auto reading = std::async(std::launch::async, read_request, channel_);
+  auto reading = std::async(std::launch::async, requests::read_outcome, channel_);
   ASSERT_TRUE(testhost::spin_until([this] { return client_->unread() == 0; }));
   client_->hang_up();
 
