@@ -1,6 +1,10 @@
 /* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
+#include "analyticsproducer.h"
 #include "eventsourcefactory.h"
+#include "producerconfig.h"
+#include "ptzsourcefactory.h"
 #include "server.h"
+#include "systembus.h"
 
 #include <cerrno>
 #include <csignal>
@@ -18,6 +22,22 @@ constexpr const char *DEFAULT_RUN_DIR = "/run/tessard";
 constexpr int RUN_DIR_MODE = 0771;
 constexpr mode_t PROCESS_UMASK = 002;
 
+constexpr const char *PTZ_COORDINATOR_NAME = "com.quon.PTZ.Coordinator";
+constexpr const char *PTZ_COORDINATOR_PATH = "/com/quon/PTZ/Coordinator/1";
+constexpr const char *PTZ_COORDINATOR_INTERFACE = "com.quon.PTZ.Coordinator";
+constexpr const char *MOVE_CAPABILITIES_PROPERTY = "DriverMoveCapabilities";
+
+/* A kind of metadata that the daemon offers if the platform brings a plug-in for it. */
+struct Kind {
+  const gchar *plugin;
+  const gchar *adding;
+  const gchar *missing;
+};
+
+constexpr Kind EVENTS = {"onvifeventsrc", "Adding event source factory.",
+                         "Events not enabled, not adding event factory."};
+constexpr Kind PTZ = {"statuscacheptz", "Adding PTZ source factory.",
+                      "PTZ not enabled, not adding PTZ factory."};
 struct Options {
   gchar *run_dir = nullptr;
   gboolean version = FALSE;
@@ -118,15 +138,95 @@ register_factory(Server *server, gpointer factory)
   g_object_unref(factory);
 }
 
-void
-add_event_factory(Server *server)
+gboolean
+is_offered(const Kind &kind)
 {
-  if (!has_plugin("onvifeventsrc")) {
-    syslog(LOG_INFO, "Events not enabled, not adding event factory.");
-    return;
+  const gboolean offered = has_plugin(kind.plugin);
+
+  syslog(LOG_INFO, "%s", offered ? kind.adding : kind.missing);
+  return offered;
+}
+
+/* NULL when @value holds nothing, or is nothing that could. */
+GVariant *
+get_first_child(GVariant *value)
+{
+  if (value == nullptr || !g_variant_is_container(value) || g_variant_n_children(value) == 0) {
+    return nullptr;
   }
-  syslog(LOG_INFO, "Adding event source factory.");
-  register_factory(server, event_source_factory_new());
+  return g_variant_get_child_value(value, 0);
+}
+
+GVariant *
+get_coordinator_property(const gchar *property, GError **error)
+{
+  g_autoptr(GDBusConnection) bus = system_bus_get(error);
+  if (bus == nullptr) {
+    return nullptr;
+  }
+  constexpr auto FLAGS = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
+                                                      G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
+  g_autoptr(GDBusProxy) proxy =
+      g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, FLAGS, nullptr, PTZ_COORDINATOR_NAME,
+                                    PTZ_COORDINATOR_PATH, "org.freedesktop.DBus.Properties", nullptr, error);
+  if (proxy == nullptr) {
+    return nullptr;
+  }
+  return g_dbus_proxy_call_sync(proxy, "Get", g_variant_new("(ss)", PTZ_COORDINATOR_INTERFACE, property),
+                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error);
+}
+
+/* What the bus brings is not to be trusted: another type must not end the daemon. */
+gboolean
+unpack_int32(GVariant *reply, gint32 *number, GError **error)
+{
+  g_autoptr(GVariant) boxed = get_first_child(reply);
+  g_autoptr(GVariant) value = get_first_child(boxed);
+
+  if (value == nullptr || !g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
+    g_set_error_literal(error, g_variant_parse_error_quark(), 0, "Failed to unpack variant");
+    return FALSE;
+  }
+  *number = g_variant_get_int32(value);
+  return TRUE;
+}
+
+/* What the camera's head can move, as its driver says it; 0 if nobody says. */
+gint32
+query_move_capabilities()
+{
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = get_coordinator_property(MOVE_CAPABILITIES_PROPERTY, &error);
+  gint32 capabilities = 0;
+
+  if (reply == nullptr || !unpack_int32(reply, &capabilities, &error)) {
+    /* The blank at its end belongs to the text. */
+    syslog(LOG_INFO, "could not get property %s from %s: %s ", MOVE_CAPABILITIES_PROPERTY,
+           PTZ_COORDINATOR_PATH, error->message);
+  }
+  return capabilities;
+}
+
+/* The order of registration is the order of the sources in every client's pipeline. */
+void
+add_factories(Server *server)
+{
+  if (is_offered(EVENTS)) {
+    register_factory(server, event_source_factory_new());
+  }
+  if (is_offered(PTZ)) {
+    register_factory(server, ptz_source_factory_new(query_move_capabilities()));
+  }
+}
+
+gboolean
+load_producer_config()
+{
+  if (!producer_config_setup(PRODUCERS_CONF)) {
+    syslog(LOG_ERR, "could not load producer config: %s", g_strerror(errno));
+    return FALSE;
+  }
+  return TRUE;
 }
 
 /* Nothing in the daemon quits the loop: it runs until a signal ends the process. */
@@ -140,8 +240,11 @@ run(const gchar *run_dir)
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   g_autoptr(Server) server = TESSARD_SERVER(g_object_new(server_get_type(), "run-dir", run_dir, nullptr));
 
-  /* The order of registration is the order of the sources in every client's pipeline. */
-  add_event_factory(server);
+  if (!load_producer_config()) {
+    return EXIT_FAILURE;
+  }
+  g_autoptr(AnalyticsProducerList) producers = analytics_producer_list_new();
+  add_factories(server);
 
   if (!server_start(server)) {
     syslog(LOG_ERR, "Could not start server.");
@@ -150,6 +253,9 @@ run(const gchar *run_dir)
   g_main_loop_run(loop);
 
   server_stop(server);
+  g_clear_object(&server);
+  g_clear_pointer(&producers, analytics_producer_list_free);
+  producer_config_free();
   return EXIT_SUCCESS;
 }
 

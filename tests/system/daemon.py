@@ -13,8 +13,8 @@ import subprocess
 import threading
 
 from client import ConnectionEnded, Client
-from installation import (EVENT_PLUGIN, SIMULATED_PLUGINS, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, run_by_root,
-                          unprivileged)
+from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER,
+                          run_by_root, unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3
@@ -33,8 +33,33 @@ Name=
 Name=
 """
 
-START_LINES = [(INFO, "Starting."), (INFO, "Adding event source factory.")]
-START_LINES_WITHOUT_EVENTS = [(INFO, "Starting."), (INFO, "Events not enabled, not adding event factory.")]
+# What the daemon says of each kind of metadata when its plug-in is installed, and when it is not.
+KIND_LINES = {
+    EVENT_PLUGIN: ("Adding event source factory.", "Events not enabled, not adding event factory."),
+    PTZ_PLUGIN: ("Adding PTZ source factory.", "PTZ not enabled, not adding PTZ factory."),
+}
+
+
+def no_move_capabilities(reason):
+    return (INFO, f"could not get property DriverMoveCapabilities from /com/quon/PTZ/Coordinator/1: {reason} ")
+
+
+NO_COORDINATOR = no_move_capabilities("GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: The name "
+                                      "com.quon.PTZ.Coordinator was not provided by any .service files")
+
+
+def start_lines(plugins, coordinator_line=NO_COORDINATOR):
+    """What a daemon logs at its start with these plug-ins. The coordinator's line tells why the head's move
+    capabilities are not known; it is None where they are."""
+    lines = [(INFO, "Starting.")]
+    for plugin, (adding, missing) in KIND_LINES.items():
+        lines.append((INFO, adding if plugin in plugins else missing))
+        if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:
+            lines.append(coordinator_line)
+    return lines
+
+
+START_LINES = start_lines(EVENT_PLUGINS)
 
 NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
@@ -113,7 +138,7 @@ class Daemon:
     umask, user: with which the daemon starts; the user in the form of Popen's arguments
     wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's"""
 
-    def __init__(self, installation, bus, plugins=SIMULATED_PLUGINS, speed=1, run_dir=None,
+    def __init__(self, installation, bus, plugins=EVENT_PLUGINS, speed=1, run_dir=None,
                  run_dir_option="--run-dir", options=(), producers=PRODUCERS, environment=None,
                  sanitizer_options=None, umask=0o022, user=None, wrapper=None):
         self.folder = installation.workspace.folder()
@@ -128,7 +153,7 @@ class Daemon:
         self.command = [str(installation.tessard), *options]
         if run_dir_option:
             self.command += [run_dir_option, str(self.run_dir)]
-        self.start_lines = START_LINES if EVENT_PLUGIN in plugins else START_LINES_WITHOUT_EVENTS
+        self.start_lines = start_lines(plugins)
         self.stderr_taken = 0
         self.stderr_allowed = []
         self.idle_descriptors = None

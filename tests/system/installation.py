@@ -24,8 +24,14 @@ UNPRIVILEGED_GROUP = "nogroup"
 STANDARD_PLUGINS = ("coreelements", "gdp")
 
 EVENT_PLUGIN = "onvifeventsrc"
+PTZ_PLUGIN = "statuscacheptz"
+SCENE_PLUGIN = "scene"
+RADAR_PLUGIN = "radarscene"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
 SIMULATED_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
+
+# What a client that asks for events needs.
+EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
 
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 

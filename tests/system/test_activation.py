@@ -81,11 +81,11 @@ def test_more_than_one_socket_of_the_path_is_refused(launch, run_dir, count):
     assert daemon.wait() == 1
     lines = daemon.log.take()
     # The first is closed once for each of them, which works only once.
-    assert lines[:2] == START_LINES
-    priority, text = lines[2]
+    assert lines[:len(START_LINES)] == START_LINES
+    (priority, text), *rest = lines[len(START_LINES):]
     assert priority == ERROR
     assert re.fullmatch(f"More than one file descriptor received for '{path}': .+", text)
-    assert lines[3:] == ([(ERROR, "Could not close metadata server socket: Bad file descriptor")] * (count - 1)
+    assert rest == ([(ERROR, "Could not close metadata server socket: Bad file descriptor")] * (count - 1)
                          + [(ERROR, "Could not start server.")])
 
 

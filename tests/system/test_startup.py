@@ -7,7 +7,7 @@ import stat
 
 import pytest
 
-from daemon import ERROR, INFO, NOTHING_ASKED, START_LINES, START_LINES_WITHOUT_EVENTS
+from daemon import ERROR, INFO, NOTHING_ASKED, START_LINES, start_lines
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, run_by_root
 
 ROOT_REFUSAL = (
@@ -171,15 +171,10 @@ def test_run_dir_that_cannot_be_made(launch, workspace):
 # What is installed
 
 
-@pytest.mark.parametrize("plugins, lines", [
-    ([EVENT_PLUGIN, DOCUMENT_PLUGIN], START_LINES),
-    ([EVENT_PLUGIN], START_LINES),
-    ([DOCUMENT_PLUGIN], START_LINES_WITHOUT_EVENTS),
-    ([], START_LINES_WITHOUT_EVENTS),
-])
-def test_start_logs_what_is_installed(launch, plugins, lines):
+@pytest.mark.parametrize("plugins", [[EVENT_PLUGIN, DOCUMENT_PLUGIN], [EVENT_PLUGIN], [DOCUMENT_PLUGIN], []])
+def test_start_logs_what_is_installed(launch, plugins):
     daemon = launch(plugins=plugins)
-    daemon.start_lines = lines
+    daemon.start_lines = start_lines(plugins)
 
     daemon.wait_until_ready()
 
