@@ -3,15 +3,13 @@
 #include "metadatareader.h"
 #include "settings.h"
 #include "settingsfile.h"
+#include "sourceharness.h"
 #include "wallclock.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <gst/check/gstharness.h>
 #include <gtest/gtest.h>
 #include <map>
-
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(GstHarness, gst_harness_teardown)
 
 using sim::World;
 
@@ -39,25 +37,6 @@ event_src_new(const char *topic = nullptr, const char *content = nullptr)
   GstElement *element = gst_element_factory_make("onvifeventsrc", nullptr);
   g_object_set(element, "event-topic", topic, "event-content", content, nullptr);
   return GST_ELEMENT(gst_object_ref_sink(element));
-}
-
-/* Takes @element and starts it. */
-GstHarness *
-play(GstElement *element)
-{
-  GstHarness *harness = gst_harness_new_with_element(element, nullptr, "src");
-  gst_object_unref(element);
-  gst_harness_use_systemclock(harness);
-  gst_harness_play(harness);
-  return harness;
-}
-
-std::string
-pull_text(GstHarness *harness)
-{
-  g_autoptr(GstBuffer) buffer = gst_harness_pull(harness);
-  EXPECT_NE(buffer, nullptr);
-  return buffer != nullptr ? buffer_text(buffer) : std::string();
 }
 
 std::vector<ReadEvent>
@@ -397,9 +376,7 @@ TEST_F(EventSrc, TellsTheStateAgainAfterARestart)
   g_autoptr(GstHarness) harness = play(event_src_new());
   EXPECT_EQ(count_operation(pull_events(harness), "Initialized"), PROPERTIES);
   gst_element_set_state(harness->element, GST_STATE_NULL);
-  while (gst_harness_buffers_in_queue(harness) > 0) {
-    pull_text(harness);
-  }
+  drop_queued(harness);
   gst_element_set_state(harness->element, GST_STATE_PLAYING);
   EXPECT_EQ(count_operation(pull_events(harness), "Initialized"), PROPERTIES);
 }
@@ -434,9 +411,7 @@ TEST_P(WallClock, WhenItIsSetDuringAPauseTheStateIsToldAnew)
   g_autoptr(GstHarness) harness = play(event_src_new());
   pull_at_least(harness, PROPERTIES + 1);
   ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);
-  while (gst_harness_buffers_in_queue(harness) > 0) {
-    pull_text(harness);
-  }
+  drop_queued(harness);
   set_wall_clock_offset(GetParam() * G_USEC_PER_SEC);
   gst_element_set_state(harness->element, GST_STATE_PLAYING);
   std::vector<ReadEvent> events;

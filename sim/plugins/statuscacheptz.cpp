@@ -1,0 +1,335 @@
+#include "statuscacheptz.h"
+
+#include "bookmark.h"
+#include "metadata.h"
+#include "ptzstatus.h"
+#include "waking.h"
+
+#include <algorithm>
+
+/* A live source of the state of the world's PTZ head. It shows the state on start, after a sync point and
+ * when a drive starts or stops; a few times a second while one runs; and now and then at rest, for receivers
+ * that cannot ask. A channel without a head has no state, which is shown as an empty tt:PTZ, so that a
+ * pipeline pre-rolls all the same.
+ *
+ * Threads: everything of `Report` belongs to the streaming thread while the element runs, and to the thread
+ * that starts it before. `Waking` is for every thread. The properties are under the object lock. */
+
+namespace
+{
+
+struct Properties {
+  int channel = 1;
+  int pan_tilt_space = sim::PTZ_DEFAULT_SPACE;
+  int zoom_space = sim::PTZ_DEFAULT_SPACE;
+  int move_capabilities = 0;
+  bool filter_position = false;
+  bool filter_status = false;
+};
+
+struct Report {
+  sim::Bookmark bookmark;
+  sim::PtzView view;
+  bool has_head = false;
+  gint64 repeat_at = 0; /* when to show the state even if nothing starts or stops; monotonic */
+};
+
+struct State {
+  Properties properties;
+  Report report;
+  sim::Waking waking;
+};
+
+} /* namespace */
+
+struct _TessardSimPtzSrc {
+  GstPushSrc parent_instance;
+  State *state;
+};
+
+enum {
+  PROP_0,
+  PROP_CHANNEL,
+  PROP_COORDINATE_SPACE_PANTILT,
+  PROP_COORDINATE_SPACE_ZOOM,
+  PROP_FILTER_POSITION,
+  PROP_FILTER_STATUS,
+  PROP_PTZ_MOVE_CAPABILITIES,
+  N_PROPERTIES,
+};
+
+static GParamSpec *properties[N_PROPERTIES];
+
+GST_DEBUG_CATEGORY_STATIC(ptz_src_debug);
+#define GST_CAT_DEFAULT ptz_src_debug
+
+G_DEFINE_FINAL_TYPE(TessardSimPtzSrc, tessard_sim_ptz_src, GST_TYPE_PUSH_SRC)
+
+namespace
+{
+
+constexpr gint64 MOVING_INTERVAL = G_USEC_PER_SEC / 5;
+constexpr gint64 RESTING_INTERVAL = 5 * G_USEC_PER_SEC;
+
+/* A filter lets pass what it is named after. Without any, and with both, everything passes. */
+sim::PtzView
+view_from(const Properties &chosen)
+{
+  return {
+      .pan_tilt_space = chosen.pan_tilt_space,
+      .zoom_space = chosen.zoom_space,
+      .move_capabilities = chosen.move_capabilities,
+      .with_position = chosen.filter_position || !chosen.filter_status,
+      .with_status = chosen.filter_status || !chosen.filter_position,
+  };
+}
+
+bool
+is_of_the_head(const sim::Change &change)
+{
+  return change.type == sim::ChangeType::PAN_TILT || change.type == sim::ChangeType::ZOOM;
+}
+
+/* Whether a drive has started or stopped since what was told last. */
+bool
+has_news(const Report &report, sim::WorldTime now)
+{
+  std::vector<sim::Change> changes =
+      report.bookmark.world().changes_between(report.bookmark.told_until(), now);
+  return report.has_head && std::any_of(changes.begin(), changes.end(), is_of_the_head);
+}
+
+bool
+is_due(const Report &report, sim::WorldTime now)
+{
+  return !report.bookmark.can_continue(now) || g_get_monotonic_time() >= report.repeat_at ||
+         has_news(report, now);
+}
+
+GstBuffer *
+fragment_new(const Report &report, const sim::Ptz &ptz, sim::WorldTime now)
+{
+  g_autoptr(xmlBuffer) text = xmlBufferCreate();
+  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
+  xml_start(writer, sim::TT, "PTZ");
+  xml_declare(writer, sim::TT);
+  if (report.has_head) {
+    sim::ptz_status_write(writer, ptz, report.view, sim::settings_utc(report.bookmark.settings(), now));
+  }
+  sim::xml_end(writer);
+  xmlTextWriterFlush(writer);
+  return sim::xml_to_gst_buffer(text);
+}
+
+/* Shows the state at @now and decides when to do so again. */
+GstBuffer *
+show(Report &report, sim::WorldTime now)
+{
+  sim::Ptz ptz = report.bookmark.world().ptz_at(now);
+  bool moving = report.has_head && (ptz.pan_tilt_moving || ptz.zoom_moving);
+  report.repeat_at = g_get_monotonic_time() + (moving ? MOVING_INTERVAL : RESTING_INTERVAL);
+  return fragment_new(report, ptz, now);
+}
+
+} /* namespace */
+
+static void
+tessard_sim_ptz_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+{
+  Properties &chosen = TESSARD_SIM_PTZ_SRC(object)->state->properties;
+  GST_OBJECT_LOCK(object);
+  switch (id) {
+  case PROP_CHANNEL:
+    chosen.channel = g_value_get_int(value);
+    break;
+  case PROP_COORDINATE_SPACE_PANTILT:
+    chosen.pan_tilt_space = g_value_get_int(value);
+    break;
+  case PROP_COORDINATE_SPACE_ZOOM:
+    chosen.zoom_space = g_value_get_int(value);
+    break;
+  case PROP_FILTER_POSITION:
+    chosen.filter_position = g_value_get_boolean(value);
+    break;
+  case PROP_FILTER_STATUS:
+    chosen.filter_status = g_value_get_boolean(value);
+    break;
+  case PROP_PTZ_MOVE_CAPABILITIES:
+    chosen.move_capabilities = g_value_get_int(value);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+  GST_OBJECT_UNLOCK(object);
+}
+
+static void
+tessard_sim_ptz_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+{
+  const Properties &chosen = TESSARD_SIM_PTZ_SRC(object)->state->properties;
+  GST_OBJECT_LOCK(object);
+  switch (id) {
+  case PROP_CHANNEL:
+    g_value_set_int(value, chosen.channel);
+    break;
+  case PROP_COORDINATE_SPACE_PANTILT:
+    g_value_set_int(value, chosen.pan_tilt_space);
+    break;
+  case PROP_COORDINATE_SPACE_ZOOM:
+    g_value_set_int(value, chosen.zoom_space);
+    break;
+  case PROP_FILTER_POSITION:
+    g_value_set_boolean(value, chosen.filter_position);
+    break;
+  case PROP_FILTER_STATUS:
+    g_value_set_boolean(value, chosen.filter_status);
+    break;
+  case PROP_PTZ_MOVE_CAPABILITIES:
+    g_value_set_int(value, chosen.move_capabilities);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+  GST_OBJECT_UNLOCK(object);
+}
+
+static void
+tessard_sim_ptz_src_init(TessardSimPtzSrc *self)
+{
+  self->state = new State;
+  gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
+  gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
+  gst_base_src_set_do_timestamp(GST_BASE_SRC(self), TRUE);
+}
+
+static void
+tessard_sim_ptz_src_finalize(GObject *object)
+{
+  delete TESSARD_SIM_PTZ_SRC(object)->state;
+  G_OBJECT_CLASS(tessard_sim_ptz_src_parent_class)->finalize(object);
+}
+
+static gboolean
+tessard_sim_ptz_src_start(GstBaseSrc *base)
+{
+  State *state = TESSARD_SIM_PTZ_SRC(base)->state;
+  GST_OBJECT_LOCK(base);
+  Properties chosen = state->properties;
+  GST_OBJECT_UNLOCK(base);
+
+  Report &report = state->report;
+  report.bookmark.open();
+  report.view = view_from(chosen);
+  report.has_head = sim::settings_has_ptz(report.bookmark.settings(), chosen.channel);
+  state->waking.forget_sync_point();
+  return TRUE;
+}
+
+static gboolean
+tessard_sim_ptz_src_unlock(GstBaseSrc *base)
+{
+  TESSARD_SIM_PTZ_SRC(base)->state->waking.set_flushing(true);
+  return TRUE;
+}
+
+static gboolean
+tessard_sim_ptz_src_unlock_stop(GstBaseSrc *base)
+{
+  TESSARD_SIM_PTZ_SRC(base)->state->waking.set_flushing(false);
+  return TRUE;
+}
+
+/* Runs in the thread of whoever sends the event, at any time. */
+static gboolean
+tessard_sim_ptz_src_event(GstBaseSrc *base, GstEvent *event)
+{
+  if (!TESSARD_SIM_PTZ_SRC(base)->state->waking.accept_event(event)) {
+    return GST_BASE_SRC_CLASS(tessard_sim_ptz_src_parent_class)->event(base, event);
+  }
+  GST_DEBUG_OBJECT(base, "Sync point requested");
+  return TRUE;
+}
+
+static GstFlowReturn
+tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
+{
+  State *state = TESSARD_SIM_PTZ_SRC(push)->state;
+  Report &report = state->report;
+  for (;;) {
+    gint64 deadline = std::min(report.bookmark.next_change_deadline(), report.repeat_at);
+    sim::Wake wake = state->waking.wait_until(deadline);
+    if (wake == sim::Wake::FLUSHING) {
+      return GST_FLOW_FLUSHING;
+    }
+
+    sim::WorldTime now = report.bookmark.now();
+    bool wanted = wake == sim::Wake::SYNC_POINT || is_due(report, now);
+    report.bookmark.move_to(now);
+    if (wanted) {
+      *buffer = show(report, now);
+      return GST_FLOW_OK;
+    }
+  }
+}
+
+static void
+install_properties(GObjectClass *object_class)
+{
+  auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
+  properties[PROP_CHANNEL] =
+      g_param_spec_int("channel", "Channel", "Video channel whose head to report", 0, G_MAXINT, 1, flags);
+  properties[PROP_COORDINATE_SPACE_PANTILT] =
+      g_param_spec_int("coordinate-space-pantilt", "Pan and tilt coordinate space",
+                       "0 generic, 1 degrees, 2 radians, -1 default", sim::PTZ_DEFAULT_SPACE,
+                       sim::PTZ_LAST_SPACE, sim::PTZ_DEFAULT_SPACE, flags);
+  properties[PROP_COORDINATE_SPACE_ZOOM] = g_param_spec_int(
+      "coordinate-space-zoom", "Zoom coordinate space", "0 generic, 1 millimetres, 2 zoom factor, -1 default",
+      sim::PTZ_DEFAULT_SPACE, sim::PTZ_LAST_SPACE, sim::PTZ_DEFAULT_SPACE, flags);
+  properties[PROP_FILTER_POSITION] =
+      g_param_spec_boolean("filter-position", "Filter position",
+                           "Whether the position alone passes; with both filters everything", FALSE, flags);
+  properties[PROP_FILTER_STATUS] = g_param_spec_boolean(
+      "filter-status", "Filter status", "Whether the move status alone passes; with both filters everything",
+      FALSE, flags);
+  properties[PROP_PTZ_MOVE_CAPABILITIES] =
+      g_param_spec_int("ptz-move-capabilities", "PTZ move capabilities",
+                       "What the driver can move: 1 pan, 2 tilt, 4 zoom; none of them if unknown", G_MININT,
+                       G_MAXINT, 0, flags);
+  g_object_class_install_properties(object_class, N_PROPERTIES, properties);
+}
+
+static void
+tessard_sim_ptz_src_class_init(TessardSimPtzSrcClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+  GstBaseSrcClass *base_class = GST_BASE_SRC_CLASS(klass);
+
+  GST_DEBUG_CATEGORY_INIT(ptz_src_debug, "statuscacheptzsrc", 0, "PTZ status of the simulated camera");
+  object_class->set_property = tessard_sim_ptz_src_set_property;
+  object_class->get_property = tessard_sim_ptz_src_get_property;
+  object_class->finalize = tessard_sim_ptz_src_finalize;
+  base_class->start = tessard_sim_ptz_src_start;
+  base_class->unlock = tessard_sim_ptz_src_unlock;
+  base_class->unlock_stop = tessard_sim_ptz_src_unlock_stop;
+  base_class->event = tessard_sim_ptz_src_event;
+  GST_PUSH_SRC_CLASS(klass)->create = tessard_sim_ptz_src_create;
+  install_properties(object_class);
+
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  gst_element_class_add_pad_template(element_class,
+                                     gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+  gst_element_class_set_static_metadata(element_class, "PTZ status source", "Source/Metadata",
+                                        "Produces the PTZ status of the simulated camera as ONVIF metadata",
+                                        "tessard");
+}
+
+static gboolean
+plugin_init(GstPlugin *plugin)
+{
+  xmlInitParser();
+  return gst_element_register(plugin, "statuscacheptzsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_PTZ_SRC);
+}
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, statuscacheptz, "PTZ status of the simulated camera",
+                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
