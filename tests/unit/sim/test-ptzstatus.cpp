@@ -70,6 +70,12 @@ struct Space {
   const char *second;
 };
 
+void
+PrintTo(const Space &space, std::ostream *stream)
+{
+  *stream << space.number;
+}
+
 class PanTiltSpace : public testing::TestWithParam<Space>
 {
 };
@@ -154,6 +160,12 @@ struct Capabilities {
   const char *pan_tilt_status;
   const char *zoom_status;
 };
+
+void
+PrintTo(const Capabilities &capabilities, std::ostream *stream)
+{
+  *stream << capabilities.bits;
+}
 
 class MoveCapabilities : public testing::TestWithParam<Capabilities>
 {
