@@ -11,7 +11,8 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("client", "daemon", "documents", "installation", "overdue", "waiting")
+pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "simcamera",
+                               "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -23,6 +24,7 @@ from gi.repository import Gst  # noqa: E402
 from daemon import Daemon  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
 from overdue import OverdueRequests  # noqa: E402
+from simcamera import SimulatedCamera  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -87,6 +89,33 @@ def start_daemon(launch):
 @pytest.fixture
 def daemon(start_daemon):
     return start_daemon()
+
+
+@pytest.fixture
+def start_camera(installation, bus):
+    """Starts the simulated camera's services with the given options, by default on the session's bus."""
+    with contextlib.ExitStack() as started:
+
+        def start(*options, on=bus):
+            camera = SimulatedCamera(installation, on, *options)
+            started.callback(camera.finish)
+            camera.wait_until_ready()
+            return camera
+
+        yield start
+
+
+@pytest.fixture
+def camera(start_camera):
+    return start_camera()
+
+
+@pytest.fixture
+def own_bus(workspace):
+    """A bus that nobody else is on."""
+    started = Bus(workspace)
+    yield started
+    started.stop()
 
 
 @pytest.fixture

@@ -85,6 +85,7 @@ class Installation:
     def __init__(self, stage, workspace):
         self.workspace = workspace
         self.tessard = stage / "usr/bin/tessard"
+        self.simcamera = self._only(stage, "usr/lib/**/tessard/sim/simcamera")
         self.testhost = self._only(stage, "usr/lib/**/tessard/tests/libtesthost.so")
         self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "platform.h"
+
+namespace sim
+{
+
+bool control_publish(Platform *platform, GDBusConnection *connection, GError **error);
+bool control_tell(GDBusConnection *connection, const char *const *words, char **answer, GError **error);
+
+} /* namespace sim */

@@ -1,0 +1,253 @@
+/* The simulated camera's services on a bus: simcamera itself, and "simcamera tell", which tells a running one
+ * what to do.
+ */
+#include "bus.h"
+#include "control.h"
+#include "verbs.h"
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <glib-unix.h>
+
+namespace
+{
+
+constexpr int EXIT_USAGE = 2;
+
+struct Options {
+  ~Options()
+  {
+    g_free(bus);
+    g_free(services);
+    g_free(channels);
+    g_free(move_capabilities);
+    g_strfreev(rotations);
+    g_strfreev(misbehaviours);
+  }
+
+  gchar *bus = nullptr;
+  gchar *services = nullptr;
+  gchar *channels = nullptr;
+  gchar *move_capabilities = nullptr;
+  gchar **rotations = nullptr;
+  gchar **misbehaviours = nullptr;
+};
+
+struct Run {
+  GMainLoop *loop;
+  int status = EXIT_SUCCESS;
+};
+
+void
+print_error(const char *message)
+{
+  g_printerr("simcamera: %s\n", message);
+}
+
+int
+usage_error(const char *message)
+{
+  print_error(message);
+  g_printerr("Try '%s --help'.\n", g_get_prgname());
+  return EXIT_USAGE;
+}
+
+int
+failure(const GError *error)
+{
+  print_error(error->message);
+  return EXIT_FAILURE;
+}
+
+/* Texts are taken as they come, for a locale has no say in what goes to the bus. */
+gboolean
+parse_options(Options *options, int *argc, char ***argv, GError **error)
+{
+  const GOptionEntry entries[] = {
+      {"bus", 0, 0, G_OPTION_ARG_FILENAME, &options->bus, "The bus (default: the system's)", "ADDRESS"},
+      {"services", 0, 0, G_OPTION_ARG_FILENAME, &options->services,
+       "The services that are there, with commas (default: all)", "LIST"},
+      {"channels", 0, 0, G_OPTION_ARG_FILENAME, &options->channels, "How many video channels (default: 2)",
+       "N"},
+      {"rotation", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->rotations,
+       "How a channel is rotated; none: its settings do not tell", "CHANNEL=DEGREES"},
+      {"move-capabilities", 0, 0, G_OPTION_ARG_FILENAME, &options->move_capabilities,
+       "What the PTZ driver can do (default: 7)", "N"},
+      {"misbehave", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->misbehaviours, "How a service misbehaves",
+       "SERVICE=HOW[:ARGUMENT]"},
+      {},
+  };
+  g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
+  g_autofree gchar *description = g_strdup_printf(
+      "'simcamera tell [--bus ADDRESS] VERB [ARGUMENT…]' tells a running simcamera what to do.\n\n%s",
+      sim::verbs_describe().c_str());
+
+  g_option_context_set_summary(context, "Plays the D-Bus services of a camera's platform.");
+  g_option_context_set_description(context, description);
+  g_option_context_add_main_entries(context, entries, nullptr);
+  return g_option_context_parse(context, argc, argv, error);
+}
+
+gboolean
+parse_tell_options(gchar **bus, int *argc, char ***argv, GError **error)
+{
+  const GOptionEntry entries[] = {
+      {"bus", 0, 0, G_OPTION_ARG_FILENAME, bus, "The bus (default: the system's)", "ADDRESS"},
+      {},
+  };
+  g_autoptr(GOptionContext) context = g_option_context_new("VERB [ARGUMENT…]");
+  const std::string description = sim::verbs_describe();
+
+  g_option_context_set_summary(context, "Tells a running simcamera what to do, and returns when it is done.");
+  g_option_context_set_description(context, description.c_str());
+  g_option_context_set_strict_posix(context, TRUE);
+  g_option_context_add_main_entries(context, entries, nullptr);
+  return g_option_context_parse(context, argc, argv, error);
+}
+
+bool
+check_no_more(int argc, char **argv, GError **error)
+{
+  return argc < 2 || sim::refuse(error, "unexpected argument '%s'", argv[1]);
+}
+
+bool
+run_verb(sim::Platform *platform, const sim::Words &words, GError **error)
+{
+  return sim::verbs_run(platform, words, error).has_value();
+}
+
+/* An option that may come several times, with values of the form A=B or A=B:C. */
+bool
+run_verbs(sim::Platform *platform, const char *verb, const char *const *values, const char *separators,
+          GError **error)
+{
+  for (; values != nullptr && *values != nullptr; values++) {
+    sim::Words words = {verb};
+    std::string rest = *values;
+    for (const char *separator = separators; *separator != '\0'; separator++) {
+      const gsize end = rest.find(*separator);
+      if (end == std::string::npos) {
+        break;
+      }
+      words.push_back(rest.substr(0, end));
+      rest.erase(0, end + 1);
+    }
+    words.push_back(rest);
+    if (!run_verb(platform, words, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool
+apply_options(sim::Platform *platform, const Options &options, GError **error)
+{
+  return (options.services == nullptr || platform->choose_services(options.services, error)) &&
+         (options.channels == nullptr || run_verb(platform, {"channels", options.channels}, error)) &&
+         (options.move_capabilities == nullptr ||
+          run_verb(platform, {"move-capabilities", options.move_capabilities}, error)) &&
+         run_verbs(platform, "rotation", options.rotations, "=", error) &&
+         run_verbs(platform, "misbehave", options.misbehaviours, "=:", error);
+}
+
+gboolean
+on_signal(gpointer user_data)
+{
+  g_main_loop_quit(static_cast<GMainLoop *>(user_data));
+  return G_SOURCE_CONTINUE;
+}
+
+void
+on_bus_gone(GDBusConnection *connection, gboolean remote_peer_vanished, GError *error, gpointer user_data)
+{
+  auto *run = static_cast<Run *>(user_data);
+
+  print_error("the bus has gone");
+  run->status = EXIT_FAILURE;
+  g_main_loop_quit(run->loop);
+}
+
+/* Runs the main loop until a signal comes or the bus goes. */
+int
+serve(GDBusConnection *connection)
+{
+  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
+  Run run = {loop};
+  const gulong closed = g_signal_connect(connection, "closed", G_CALLBACK(on_bus_gone), &run);
+  const guint interrupted = g_unix_signal_add(SIGINT, on_signal, loop);
+  const guint terminated = g_unix_signal_add(SIGTERM, on_signal, loop);
+
+  g_print("ready\n");
+  g_main_loop_run(loop);
+
+  g_source_remove(terminated);
+  g_source_remove(interrupted);
+  g_signal_handler_disconnect(connection, closed);
+  return run.status;
+}
+
+/* The objects on the bus refer to the platform, which therefore goes after the connection is closed. */
+int
+run_camera(int argc, char **argv)
+{
+  sim::Platform platform;
+  Options options;
+  g_autoptr(GError) error = nullptr;
+
+  if (!parse_options(&options, &argc, &argv, &error) || !check_no_more(argc, argv, &error) ||
+      !apply_options(&platform, options, &error)) {
+    return usage_error(error->message);
+  }
+
+  g_autoptr(GDBusConnection) connection = sim::bus_connect(options.bus, &error);
+  if (connection == nullptr || !platform.publish(connection, &error) ||
+      !sim::control_publish(&platform, connection, &error)) {
+    return failure(error);
+  }
+  const int status = serve(connection);
+  g_dbus_connection_close_sync(connection, nullptr, nullptr);
+  return status;
+}
+
+int
+run_tell(int argc, char **argv)
+{
+  g_autofree gchar *bus = nullptr;
+  g_autofree gchar *answer = nullptr;
+  g_autoptr(GError) error = nullptr;
+
+  g_set_prgname("simcamera tell");
+  if (!parse_tell_options(&bus, &argc, &argv, &error)) {
+    return usage_error(error->message);
+  }
+  if (argc < 2) {
+    return usage_error("no verb given");
+  }
+
+  const char *const *words = argv + 1;
+  g_autoptr(GDBusConnection) connection = sim::bus_connect(bus, &error);
+  if (connection == nullptr || !sim::control_tell(connection, words, &answer, &error)) {
+    return failure(error);
+  }
+  if (*answer != '\0') {
+    g_print("%s\n", answer);
+  }
+  return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int
+main(int argc, char **argv)
+{
+  setlocale(LC_ALL, "");
+  g_set_prgname("simcamera");
+
+  if (argc > 1 && g_str_equal(argv[1], "tell")) {
+    return run_tell(argc - 1, argv + 1);
+  }
+  return run_camera(argc, argv);
+}

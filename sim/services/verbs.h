@@ -1,0 +1,11 @@
+#pragma once
+
+#include "platform.h"
+
+namespace sim
+{
+
+std::optional<std::string> verbs_run(Platform *platform, const Words &words, GError **error);
+std::string verbs_describe();
+
+} /* namespace sim */

@@ -1,0 +1,52 @@
+"""Somebody on the private bus who asks services, one question at a time."""
+
+from gi.repository import Gio, GLib
+
+from waiting import BOUND_SECONDS
+
+CONNECTION_FLAGS = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+                    | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION)
+
+BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+PROPERTIES = "org.freedesktop.DBus.Properties"
+
+
+class BusClient:
+    """One connection. A failed call raises GLib.Error."""
+
+    def __init__(self, bus):
+        self.connection = Gio.DBusConnection.new_for_address_sync(bus.address, CONNECTION_FLAGS, None, None)
+
+    def call(self, name, path, interface, method, arguments=None, seconds=BOUND_SECONDS):
+        """The reply's body as a GVariant."""
+        return self.connection.call_sync(name, path, interface, method, arguments, None,
+                                         Gio.DBusCallFlags.NO_AUTO_START, int(seconds * 1000), None)
+
+    def start_call(self, name, path, interface, method, arguments=None):
+        """Sends a call and does not wait for what becomes of it."""
+        message = Gio.DBusMessage.new_method_call(name, path, interface, method)
+        if arguments is not None:
+            message.set_body(arguments)
+        self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+        self.connection.flush_sync(None)
+
+    def get(self, name, path, interface, prop, **arguments):
+        """The reply to a standard "Get" of a property."""
+        return self.call(name, path, PROPERTIES, "Get", GLib.Variant("(ss)", (interface, prop)), **arguments)
+
+    def has_owner(self, name):
+        return self.call(*BUS, "NameHasOwner", GLib.Variant("(s)", (name,))).unpack()[0]
+
+    def own(self, name):
+        """Takes a name until the connection is closed."""
+        do_not_queue, primary_owner = 4, 1
+        reply = self.call(*BUS, "RequestName", GLib.Variant("(su)", (name, do_not_queue)))
+        assert reply.unpack() == (primary_owner,)
+
+    def close(self):
+        self.connection.close_sync(None)
+
+
+def error_text(error):
+    """What a service said when it failed a call."""
+    return error.message.removeprefix(f"GDBus.Error:{Gio.DBusError.get_remote_error(error)}: ")

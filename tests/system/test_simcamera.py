@@ -1,0 +1,508 @@
+"""The simulated camera's services: what they answer, how they misbehave, and the verbs that change it."""
+
+import signal
+import subprocess
+import time
+
+import pytest
+from gi.repository import Gio, GLib
+
+from busclient import PROPERTIES, BusClient, error_text
+from simcamera import CAPTURE, PTZ, SCENES, SERVICES, Refused, SimulatedCamera
+from waiting import BOUND_SECONDS, wait_until
+
+CONTROL_NAME = "tessard.SimulatedCamera1"
+
+BUS_NAMES = {
+    PTZ: "com.quon.PTZ.Coordinator",
+    CAPTURE: "com.quon.Capt1",
+    SCENES: "com.quon.VideoSceneManager1",
+}
+
+PTZ_OBJECT = (BUS_NAMES[PTZ], "/com/quon/PTZ/Coordinator/1")
+PTZ_PROPERTY = ("com.quon.PTZ.Coordinator", "DriverMoveCapabilities")
+CAPTURE_PATH = "/com/quon/Capt1/Channels"
+CAPTURE_PROPERTY = ("com.quon.Capt1.Channel", "settings")
+SCENES_OBJECT = (BUS_NAMES[SCENES], "/com/quon/VideoSceneManager1")
+SCENES_METHOD = ("com.quon.VideoSceneManager1.Scene", "GetNumberOfChannels")
+
+RIGHT_ANSWERS = {
+    PTZ: "(<7>,)",
+    CAPTURE: "(<{'rotation': <uint32 0>}>,)",
+    SCENES: "(2,)",
+}
+
+DEFAULT_ERROR_TEXT = "The simulated service fails."
+
+# Longer than anything takes that is not waited for, short enough for a test.
+SLOW_MS = 300
+
+MAX_CHANNELS = 16
+
+USAGE, FAILURE = 2, 1
+
+KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
+
+
+class Asker(BusClient):
+    """Asks what the daemon asks."""
+
+    def capture(self, channel=1, **arguments):
+        return self.get(BUS_NAMES[CAPTURE], f"{CAPTURE_PATH}/{channel}", *CAPTURE_PROPERTY, **arguments)
+
+    def ask(self, service, **arguments):
+        """The reply as GVariant's text format has it."""
+        if service == PTZ:
+            reply = self.get(*PTZ_OBJECT, *PTZ_PROPERTY, **arguments)
+        elif service == CAPTURE:
+            reply = self.capture(**arguments)
+        else:
+            reply = self.call(*SCENES_OBJECT, *SCENES_METHOD, **arguments)
+        return reply.print_(True)
+
+    def rotation(self, channel):
+        return self.capture(channel).print_(True)
+
+
+@pytest.fixture
+def asker(bus):
+    connected = Asker(bus)
+    yield connected
+    connected.close()
+
+
+def start_failing(installation, bus, *options):
+    """Starts a camera that ends by itself; its status and what it wrote."""
+    return SimulatedCamera(installation, bus, *options).wait()
+
+
+# What the services answer
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_services_answer_what_the_daemon_asks(camera, asker, service):
+    assert asker.ask(service) == RIGHT_ANSWERS[service]
+
+
+@pytest.mark.parametrize("value", [-2147483648, 0, 2147483647])
+def test_move_capabilities_are_what_was_asked_for(start_camera, asker, value):
+    camera = start_camera("--move-capabilities", str(value))
+    assert asker.ask(PTZ) == f"(<{value}>,)"
+
+    camera.move_capabilities(3)
+    assert asker.ask(PTZ) == "(<3>,)"
+
+    camera.move_capabilities(value)
+    assert asker.ask(PTZ) == f"(<{value}>,)"
+
+
+def test_rotation_is_told_for_each_channel(start_camera, asker):
+    camera = start_camera("--rotation", "1=90", "--rotation", "3=none", "--channels", "3")
+    assert [asker.rotation(channel) for channel in (1, 2, 3)] == [
+        "(<{'rotation': <uint32 90>}>,)", "(<{'rotation': <uint32 0>}>,)", "(<@a{sv} {}>,)"]
+
+    camera.rotation(1, "none")
+    camera.rotation(2, 4294967295)
+    camera.rotation(3, 180)
+    assert [asker.rotation(channel) for channel in (1, 2, 3)] == [
+        "(<@a{sv} {}>,)", "(<{'rotation': <uint32 4294967295>}>,)", "(<{'rotation': <uint32 180>}>,)"]
+
+
+@pytest.mark.parametrize("count", [0, 1, MAX_CHANNELS])
+def test_every_channel_is_an_object_and_counted(start_camera, asker, count):
+    start_camera("--channels", str(count))
+
+    introspection = asker.call(BUS_NAMES[CAPTURE], CAPTURE_PATH, "org.freedesktop.DBus.Introspectable",
+                               "Introspect").unpack()[0]
+    nodes = [node.path for node in Gio.DBusNodeInfo.new_for_xml(introspection).nodes]
+    assert sorted(nodes, key=int) == [str(channel) for channel in range(1, count + 1)]
+    assert asker.ask(SCENES) == f"({count},)"
+
+
+def test_channels_come_and_go_with_their_rotation(camera, asker):
+    camera.rotation(2, 270)
+    camera.channels(1)
+    with pytest.raises(GLib.Error) as failed:
+        asker.capture(2)
+    assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.UnknownMethod"
+
+    camera.channels(2)
+    assert asker.rotation(2) == "(<{'rotation': <uint32 270>}>,)"
+
+
+@pytest.mark.parametrize("name, path, interface, values", [
+    (*PTZ_OBJECT, PTZ_PROPERTY[0], "({'DriverMoveCapabilities': <7>},)"),
+    (BUS_NAMES[CAPTURE], f"{CAPTURE_PATH}/1", CAPTURE_PROPERTY[0], "({'settings': <{'rotation': <uint32 0>}>},)"),
+    (*SCENES_OBJECT, SCENES_METHOD[0], "(@a{sv} {},)"),
+])
+def test_all_properties_can_be_read_at_once(camera, asker, name, path, interface, values):
+    for service in SERVICES:
+        camera.misbehave(service, "never")
+
+    reply = asker.call(name, path, PROPERTIES, "GetAll", GLib.Variant("(s)", (interface,)))
+    assert reply.print_(True) == values
+    assert [camera.calls(service) for service in SERVICES] == [0, 0, 0]
+
+
+# How they misbehave
+
+
+WRONG_REPLIES = [
+    (PTZ, "wrong-type", "(<'wrong'>,)"),
+    (PTZ, "wrong-number", "(<uint32 1>,)"),
+    (PTZ, "no-variant", "(1,)"),
+    (PTZ, "nested", "(<<1>>,)"),
+    (PTZ, "empty", "()"),
+    (CAPTURE, "wrong-type", "(<'wrong'>,)"),
+    (CAPTURE, "wrong-number", "(<{'rotation': <90>}>,)"),
+    (CAPTURE, "wrong-rotation", "(<{'rotation': <'wrong'>}>,)"),
+    (CAPTURE, "no-variant", "({'rotation': <uint32 90>},)"),
+    (CAPTURE, "nested", "(<<{'rotation': <uint32 90>}>>,)"),
+    (CAPTURE, "empty", "()"),
+    (SCENES, "wrong-type", "('wrong',)"),
+    (SCENES, "wrong-number", "(uint32 1,)"),
+    (SCENES, "variant", "(<1>,)"),
+    (SCENES, "nested", "((1,),)"),
+    (SCENES, "empty", "()"),
+]
+
+
+@pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
+def test_wrong_replies_are_sent_as_they_are(camera, asker, service, how, reply):
+    camera.misbehave(service, how)
+    assert asker.ask(service) == reply
+
+    camera.behave(service)
+    assert asker.ask(service) == RIGHT_ANSWERS[service]
+
+
+@pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
+def test_wrong_replies_can_be_asked_for_from_the_start(start_camera, asker, service, how, reply):
+    start_camera("--misbehave", f"{service}={how}")
+
+    assert asker.ask(service) == reply
+
+
+@pytest.mark.parametrize("service", SERVICES)
+@pytest.mark.parametrize("reply", ["(@av [],)", "('two', 'words')", "(<[1, 2]>,)", "({'rotation': 'a=b:c'},)"])
+def test_any_reply_can_be_asked_for(start_camera, asker, service, reply):
+    camera = start_camera("--misbehave", f"{service}=reply:{reply}")
+    assert asker.ask(service) == reply
+
+    camera.misbehave(service, "error")
+    camera.misbehave(service, "reply", reply)
+    assert asker.ask(service) == reply
+
+
+def expect_error(asker, service, text):
+    with pytest.raises(GLib.Error) as failed:
+        asker.ask(service)
+    assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.Failed"
+    assert error_text(failed.value) == text
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_errors_come_with_their_text(camera, asker, service):
+    camera.misbehave(service, "error", "No such ü: 1=2")
+    expect_error(asker, service, "No such ü: 1=2")
+
+    camera.misbehave(service, "error", "")
+    expect_error(asker, service, "")
+
+    camera.misbehave(service, "error")
+    expect_error(asker, service, DEFAULT_ERROR_TEXT)
+
+
+@pytest.mark.parametrize("option, text", [
+    ("ptz=error", DEFAULT_ERROR_TEXT),
+    ("ptz=error:", ""),
+    ("ptz=error:No such ü: 1=2", "No such ü: 1=2"),
+])
+def test_errors_can_be_asked_for_from_the_start(start_camera, asker, option, text):
+    start_camera("--misbehave", option)
+
+    expect_error(asker, PTZ, text)
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_slow_answers_are_right_and_late(camera, asker, service):
+    camera.misbehave(service, "slow", SLOW_MS)
+    began = time.monotonic()
+    assert asker.ask(service) == RIGHT_ANSWERS[service]
+
+    assert time.monotonic() - began >= SLOW_MS / 1000
+
+
+def test_slow_service_keeps_nobody_else_waiting(camera, asker):
+    camera.misbehave(PTZ, "slow", 600000)
+    with pytest.raises(GLib.Error) as failed:
+        asker.ask(PTZ, seconds=SLOW_MS / 1000)
+    assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
+
+    assert asker.ask(CAPTURE) == RIGHT_ANSWERS[CAPTURE]
+    assert asker.ask(SCENES) == RIGHT_ANSWERS[SCENES]
+    camera.behave(PTZ)
+    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_no_answer_ever_comes(camera, asker, service):
+    camera.misbehave(service, "never")
+    with pytest.raises(GLib.Error) as failed:
+        asker.ask(service, seconds=SLOW_MS / 1000)
+    assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
+
+    camera.behave(service)
+    assert asker.ask(service) == RIGHT_ANSWERS[service]
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_misbehaviour_is_one_service_alone(camera, asker, service):
+    camera.misbehave(service, "empty")
+
+    assert {other: asker.ask(other) for other in SERVICES} == RIGHT_ANSWERS | {service: "()"}
+
+
+def test_every_question_counts_whatever_becomes_of_it(camera, asker):
+    assert camera.calls(PTZ) == 0
+    asker.ask(PTZ)
+    camera.misbehave(PTZ, "error")
+    with pytest.raises(GLib.Error):
+        asker.ask(PTZ)
+    camera.misbehave(PTZ, "never")
+    asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
+
+    wait_until(lambda: camera.calls(PTZ) == 3, "the third question has arrived")
+    assert [camera.calls(service) for service in (CAPTURE, SCENES)] == [0, 0]
+
+
+# Which services there are
+
+
+@pytest.mark.parametrize("there", [(), (PTZ,), (CAPTURE, SCENES), SERVICES])
+def test_only_chosen_services_are_there(start_camera, asker, there):
+    start_camera("--services", ",".join(there))
+
+    assert {service for service, name in BUS_NAMES.items() if asker.has_owner(name)} == set(there)
+    assert asker.has_owner(CONTROL_NAME)
+
+
+@pytest.mark.parametrize("service", SERVICES)
+def test_services_vanish_and_appear_before_the_verb_returns(camera, asker, service):
+    for _ in range(5):
+        camera.absent(service)
+        assert not asker.has_owner(BUS_NAMES[service])
+        camera.present(service)
+        assert asker.has_owner(BUS_NAMES[service])
+        assert asker.ask(service) == RIGHT_ANSWERS[service]
+
+
+def test_absent_from_the_start_and_present_later(start_camera, asker):
+    camera = start_camera("--services", "")
+    with pytest.raises(GLib.Error) as failed:
+        asker.ask(SCENES)
+    assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.NameHasNoOwner"
+
+    camera.present(SCENES)
+    assert asker.ask(SCENES) == RIGHT_ANSWERS[SCENES]
+
+
+def test_telling_twice_is_telling_once(camera, asker):
+    camera.absent(PTZ)
+    camera.absent(PTZ)
+    assert not asker.has_owner(BUS_NAMES[PTZ])
+    camera.present(PTZ)
+    camera.present(PTZ)
+    assert asker.has_owner(BUS_NAMES[PTZ])
+
+
+@pytest.mark.parametrize("name", [*BUS_NAMES.values(), CONTROL_NAME])
+def test_taken_name_is_an_error(installation, bus, asker, name):
+    asker.own(name)
+
+    assert start_failing(installation, bus) == (FAILURE, "", f"simcamera: the name {name} is taken\n")
+
+
+def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
+    camera.absent(PTZ)
+    other = BusClient(bus)
+    other.own(BUS_NAMES[PTZ])
+    with pytest.raises(Refused, match=f"^simcamera: the name {BUS_NAMES[PTZ]} is taken\n$"):
+        camera.present(PTZ)
+
+    # Nor does it wait in a queue for the name.
+    other.close()
+    wait_until(lambda: not asker.has_owner(BUS_NAMES[PTZ]), "nobody has the name")
+    camera.present(PTZ)
+    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+
+
+# What is refused
+
+
+@pytest.mark.parametrize("words, text", [
+    (["dance"], "unknown verb 'dance'; there are: absent, present, misbehave, behave, calls, channels, rotation, "
+                "move-capabilities"),
+    ([""], "unknown verb ''; there are: absent, present, misbehave, behave, calls, channels, rotation, "
+           "move-capabilities"),
+    (["absent"], "wrong number of arguments; usage: absent SERVICE"),
+    (["absent", "ptz", "scenes"], "wrong number of arguments; usage: absent SERVICE"),
+    (["absent", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["present", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["behave", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["calls", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["misbehave", "radio", "error"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["misbehave", "ptz"], "wrong number of arguments; usage: misbehave SERVICE HOW [ARGUMENT]"),
+    (["misbehave", "ptz", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, wrong-number, "
+                                    "no-variant, nested, empty"),
+    (["misbehave", "capture", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, "
+                                        "wrong-number, wrong-rotation, no-variant, nested, empty"),
+    (["misbehave", "scenes", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, "
+                                       "wrong-number, variant, nested, empty"),
+    (["misbehave", "ptz", "never", "ever"], "wrong number of arguments; usage: never"),
+    (["misbehave", "ptz", "empty", "1"], "wrong number of arguments; usage: empty"),
+    (["misbehave", "ptz", "slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
+    (["misbehave", "ptz", "slow", "0"], "the delay in milliseconds must be a number from 1 to 600000, not '0'"),
+    (["misbehave", "ptz", "slow", "600001"],
+     "the delay in milliseconds must be a number from 1 to 600000, not '600001'"),
+    (["misbehave", "ptz", "reply"], "wrong number of arguments; usage: reply BODY"),
+    (["misbehave", "ptz", "reply", "5"], "the reply must be a tuple, not '5'"),
+    (["misbehave", "ptz", "reply", "(just 5,)"], "the bus carries no such reply: '(just 5,)'"),
+    (["misbehave", "ptz", "reply", "((),)"], "the bus carries no such reply: '((),)'"),
+    (["misbehave", "ptz", "reply", "(<@mi 5>,)"], "the bus carries no such reply: '(<@mi 5>,)'"),
+    (["channels", "-1"], "the number of channels must be a number from 0 to 16, not '-1'"),
+    (["channels", "17"], "the number of channels must be a number from 0 to 16, not '17'"),
+    (["channels", "two"], "the number of channels must be a number from 0 to 16, not 'two'"),
+    (["channels", ""], "the number of channels must be a number from 0 to 16, not ''"),
+    (["rotation", "1"], "wrong number of arguments; usage: rotation CHANNEL DEGREES"),
+    (["rotation", "0", "90"], "the channel must be a number from 1 to 2, not '0'"),
+    (["rotation", "3", "90"], "the channel must be a number from 1 to 2, not '3'"),
+    (["rotation", "3", "none"], "the channel must be a number from 1 to 2, not '3'"),
+    (["rotation", "1", "-90"], "the rotation must be a number from 0 to 4294967295, not '-90'"),
+    (["rotation", "1", "4294967296"], "the rotation must be a number from 0 to 4294967295, not '4294967296'"),
+    (["move-capabilities", "2147483648"],
+     "the move capabilities must be a number from -2147483648 to 2147483647, not '2147483648'"),
+    (["move-capabilities", "-2147483649"],
+     "the move capabilities must be a number from -2147483648 to 2147483647, not '-2147483649'"),
+])
+def test_wrong_verbs_are_refused_and_change_nothing(camera, asker, words, text):
+    assert camera.run_tell(*words) == (FAILURE, "", f"simcamera: {text}\n")
+
+    assert {service: asker.ask(service) for service in SERVICES} == RIGHT_ANSWERS
+
+
+def test_reply_that_is_no_gvariant_is_refused(camera, asker):
+    with pytest.raises(Refused, match="^simcamera: the reply is not in GVariant's text format: .+\n$"):
+        camera.misbehave(PTZ, "reply", "(5")
+
+    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+
+
+def test_channels_that_are_gone_cannot_be_rotated(camera):
+    camera.channels(0)
+
+    with pytest.raises(Refused, match="^simcamera: the camera has no channel to rotate\n$"):
+        camera.rotation(1, 90)
+
+
+def test_misbehaviour_stays_when_the_next_one_is_refused(camera, asker):
+    camera.misbehave(PTZ, "empty")
+    with pytest.raises(Refused):
+        camera.misbehave(PTZ, "slow", "fast")
+
+    assert asker.ask(PTZ) == "()"
+
+
+def test_words_that_are_not_utf8_are_refused(camera, installation, bus):
+    assert camera.run_tell("absent", b"\xff") == (FAILURE, "", "simcamera: '�' is not UTF-8\n")
+
+    status, out, err = start_failing(installation, bus, "--misbehave", b"ptz=error:\xff")
+    assert (status, out) == (USAGE, "")
+    assert err == "simcamera: '�' is not UTF-8\nTry 'simcamera --help'.\n"
+
+
+def test_telling_without_a_camera_fails(installation, own_bus):
+    camera = SimulatedCamera(installation, own_bus)
+    camera.wait_until_ready()
+    assert camera.end() == (0, "", "")
+
+    assert camera.run_tell("calls", "ptz") == (FAILURE, "", "simcamera: there is no simulated camera on the bus\n")
+
+
+@pytest.mark.parametrize("options, text", [
+    (["--services", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["--services", "ptz,"], "unknown service ''; there are: ptz, capture, scenes"),
+    (["--channels", "17"], "the number of channels must be a number from 0 to 16, not '17'"),
+    (["--rotation", "1"], "wrong number of arguments; usage: rotation CHANNEL DEGREES"),
+    (["--rotation", "3=90"], "the channel must be a number from 1 to 2, not '3'"),
+    (["--rotation", "1=90=90"], "the rotation must be a number from 0 to 4294967295, not '90=90'"),
+    (["--move-capabilities", "many"],
+     "the move capabilities must be a number from -2147483648 to 2147483647, not 'many'"),
+    (["--misbehave", "ptz"], "wrong number of arguments; usage: misbehave SERVICE HOW [ARGUMENT]"),
+    (["--misbehave", "ptz=slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
+    (["now"], "unexpected argument 'now'"),
+    (["--wrong"], "Unknown option --wrong"),
+])
+def test_wrong_options_are_refused_with_a_hint(installation, bus, asker, options, text):
+    assert start_failing(installation, bus, *options) == (
+        USAGE, "", f"simcamera: {text}\nTry 'simcamera --help'.\n")
+    assert not asker.has_owner(CONTROL_NAME)
+
+
+@pytest.mark.parametrize("words, text", [
+    ([], "no verb given"),
+    (["--wrong", "calls", "ptz"], "Unknown option --wrong"),
+])
+def test_tell_without_a_verb_is_refused_with_a_hint(camera, words, text):
+    assert camera.run_tell(*words) == (USAGE, "", f"simcamera: {text}\nTry 'simcamera tell --help'.\n")
+
+
+@pytest.mark.parametrize("words", [["--help"], ["tell", "--help"]])
+def test_help_lists_the_verbs(installation, words):
+    help_text = subprocess.run([installation.simcamera, *words], check=True, capture_output=True, text=True,
+                               timeout=BOUND_SECONDS).stdout
+
+    for verb in ("absent SERVICE", "present SERVICE", "misbehave SERVICE HOW [ARGUMENT]", "behave SERVICE",
+                 "calls SERVICE", "channels N", "rotation CHANNEL DEGREES", "move-capabilities N"):
+        assert f"\n  {verb} " in help_text
+
+
+# How it lives
+
+
+def test_bus_can_be_named(installation, bus, own_bus, start_camera):
+    camera = start_camera("--bus", own_bus.address)
+    with pytest.raises(Refused, match="there is no simulated camera on the bus"):
+        camera.tell("absent", PTZ)
+
+    assert camera.tell("--bus", own_bus.address, "calls", PTZ) == "0\n"
+    alone = Asker(own_bus)
+    assert alone.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+    alone.close()
+
+
+def test_bus_that_is_not_there_is_an_error(installation, bus, workspace):
+    status, out, err = start_failing(installation, bus, "--bus", f"unix:path={workspace.path}/nothing")
+
+    assert (status, out) == (FAILURE, "")
+    assert err.startswith("simcamera: Could not connect: ")
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_signals_end_it_and_nothing_stays(start_camera, asker, number):
+    camera = start_camera()
+    camera.misbehave(PTZ, "slow", 600000)
+    asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
+    wait_until(lambda: camera.calls(PTZ) == 1, "the question has arrived")
+
+    assert camera.end(number) == (0, "", "")
+    assert not any(asker.has_owner(name) for name in (*BUS_NAMES.values(), CONTROL_NAME))
+    start_camera()
+
+
+def test_it_ends_with_its_bus(installation, own_bus):
+    camera = SimulatedCamera(installation, own_bus)
+    camera.wait_until_ready()
+    own_bus.process.terminate()
+
+    assert camera.wait() == (FAILURE, "", "simcamera: the bus has gone\n")
