@@ -183,11 +183,12 @@ listening() {
   awk -v path="$1" '$4 == "00010000" && $8 == path { found = 1 } END { exit !found }' /proc/net/unix
 }
 
-# Waits at most $1 seconds until the started process $3 listens on socket $2.
-wait_for_socket() {
-  local deadline=$((SECONDS + $1))
-  until listening "$2"; do
-    group_lives "$3" && ((SECONDS < deadline)) || return 1
+# Waits at most $1 seconds until the command that follows succeeds, as long as the started process $2 lives.
+wait_until() {
+  local deadline=$((SECONDS + $1)) process=$2
+  shift 2
+  until "$@"; do
+    group_lives "$process" && ((SECONDS < deadline)) || return 1
     sleep 0.05
   done
 }
@@ -198,7 +199,7 @@ start_bus() {
   sed "s|@socket@|$WORK/bus/socket|" "$TOP/scripts/private-bus.conf.in" >"$WORK/bus/bus.conf"
   start "${UNPRIVILEGED[@]}" dbus-daemon --config-file="$WORK/bus/bus.conf" --nofork --nopidfile --nosyslog \
     >"$WORK/bus.log" 2>&1
-  wait_for_socket 10 "$WORK/bus/socket" "$STARTED_PID" ||
+  wait_until 10 "$STARTED_PID" listening "$WORK/bus/socket" ||
     die "the private bus did not start: $(tail -n 1 "$WORK/bus.log")"
   export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$WORK/bus/socket
 }
