@@ -22,7 +22,7 @@ G_DEFINE_TYPE_WITH_CODE(PTZSourceFactory, ptz_source_factory, G_TYPE_OBJECT,
 namespace
 {
 
-/* What the element leaves out. */
+/* What the element narrows itself to. Neither means both. */
 struct Filters {
   gboolean position;
   gboolean status;
