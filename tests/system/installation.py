@@ -28,7 +28,7 @@ PTZ_PLUGIN = "statuscacheptz"
 SCENE_PLUGIN = "scene"
 RADAR_PLUGIN = "radarscene"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
-SIMULATED_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
+SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, DOCUMENT_PLUGIN)
 
 # What a client that asks for events needs.
 EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
