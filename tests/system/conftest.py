@@ -23,7 +23,7 @@ from gi.repository import Gst  # noqa: E402
 
 from daemon import Daemon  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
-from overdue import OverdueRequests  # noqa: E402
+from overdue import OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 
 
@@ -59,6 +59,14 @@ def overdue_requests(installation, bus):
     yield requests
     requests.close()
     daemon.finish()
+
+
+@pytest.fixture(scope="session")
+def overdue_start(installation, workspace):
+    """A daemon whose start takes long. The test that needs it first begins it; another waits for its end."""
+    start = OverdueStart(installation, workspace)
+    yield start
+    start.close()
 
 
 @pytest.fixture

@@ -33,6 +33,9 @@ SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, DOCUMENT_PLUGIN)
 # What a client that asks for events needs.
 EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
 
+# What one that asks for PTZ needs.
+PTZ_PLUGINS = (PTZ_PLUGIN, DOCUMENT_PLUGIN)
+
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 
 

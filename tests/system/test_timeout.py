@@ -1,6 +1,6 @@
-"""The time that a client may take for its request. The requests began with the first daemon of the session."""
+"""The time that a client may take for its request, and the platform for its answer. Both began in earlier tests."""
 
-from overdue import TIMEOUT_SECONDS, TOLERANCE_SECONDS
+from overdue import PATIENCE_SECONDS, TIMEOUT_SECONDS, TOLERANCE_SECONDS
 
 import pytest
 
@@ -25,3 +25,7 @@ def test_others_are_served_once_overdue_requests_are_answered(overdue_requests):
 
     with overdue_requests.daemon.client() as client:
         client.start().next_document()
+
+
+def test_coordinator_that_never_answers(overdue_start):
+    assert PATIENCE_SECONDS <= overdue_start.wait() <= PATIENCE_SECONDS + TOLERANCE_SECONDS
