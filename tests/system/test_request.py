@@ -4,7 +4,7 @@ import pytest
 
 from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
 from documents import INITIALIZED
-from installation import EVENT_PLUGIN, SIMULATED_PLUGINS, documented_limit
+from installation import EVENT_PLUGIN, EVENT_PLUGINS, documented_limit
 
 MAX_REQUEST_BYTES = documented_limit("server.h", "SERVER_MAX_REQUEST_BYTES")
 
@@ -213,7 +213,7 @@ def test_element_that_is_missing(start_daemon):
 
 
 def test_source_that_is_gone_since_the_start(installation, start_daemon):
-    folder, environment = installation.new_plugin_folder(SIMULATED_PLUGINS)
+    folder, environment = installation.new_plugin_folder(EVENT_PLUGINS)
     # The first start loads the plug-in to see what it is, the second one knows.
     start_daemon(environment=environment).end()
     daemon = start_daemon(environment=environment)
