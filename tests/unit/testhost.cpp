@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -197,29 +196,37 @@ class Watchdog : public testing::EmptyTestEventListener
   }
 };
 
+void
+play_to_the_end(GstElement *pipeline)
+{
+  constexpr auto LAST_MESSAGES = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
+  g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(pipeline), "source");
+  g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
+  GstFlowReturn result = GST_FLOW_OK;
+
+  gst_element_set_state(pipeline, GST_STATE_PLAYING);
+  g_signal_emit_by_name(source, "end-of-stream", &result);
+  g_autoptr(GstMessage) last = gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, LAST_MESSAGES);
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+}
+
 /* What GStreamer and GLib set up once and keep, such as clocks and spawners of threads, would look as if the
  * first test that needs it had left it behind. */
 void
 warm_up()
 {
-  constexpr auto LAST_MESSAGES = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
   g_autoptr(GstElement) pipeline =
       gst_parse_launch("appsrc name=source ! queue ! fakesink sync=true", nullptr);
-  g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(pipeline), "source");
-  g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
-  GstFlowReturn result = GST_FLOW_OK;
 
   g_main_context_iteration(nullptr, FALSE);
-  gst_element_set_state(pipeline, GST_STATE_PLAYING);
-  g_signal_emit_by_name(source, "end-of-stream", &result);
-  g_autoptr(GstMessage) last = gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, LAST_MESSAGES);
-  gst_element_set_state(pipeline, GST_STATE_NULL);
-
-  std::promise<void> called;
+  play_to_the_end(pipeline);
   gst_element_call_async(
-      pipeline, [](GstElement *, gpointer) {}, &called,
-      [](gpointer promise) { static_cast<std::promise<void> *>(promise)->set_value(); });
-  called.get_future().wait();
+      pipeline, [](GstElement *, gpointer) {}, nullptr, nullptr);
+  /* Another thread's reference, were it the last one, would close the pipeline's descriptors while the first
+   * test counts them. */
+  while (GST_OBJECT_REFCOUNT_VALUE(pipeline) > 1) {
+    g_thread_yield();
+  }
 }
 
 } // namespace
