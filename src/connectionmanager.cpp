@@ -353,10 +353,15 @@ cancel_sync_points(ConnectionManager *conn)
 
 /* A sync point under way keeps the document element from changing its state, and waits for the stream, which
  * may wait for the client. So what is behind the document stops first: then the stream runs empty, the sync
- * point gets through, and the rest can follow. */
+ * point gets through, and the rest can follow. A change of the pipeline's own that another thread has begun
+ * must not bring these elements back meanwhile, so they no longer follow the pipeline. That is for good:
+ * nothing starts it again. */
 void
 stop_behind_document(ConnectionManager *conn)
 {
+  for (GstElement *element : conn->priv->tail) {
+    gst_element_set_locked_state(element, TRUE);
+  }
   for (GstElement *element : conn->priv->tail) {
     gst_element_set_state(element, GST_STATE_NULL);
   }

@@ -9,9 +9,11 @@
 #include <future>
 #include <glib-unix.h>
 #include <gst/app/gstappsrc.h>
+#include <mutex>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 
 using testelements::Behaviour;
@@ -248,6 +250,78 @@ wait_until_stuck(const Connection &connection)
     return full && now_us - full_since_us > SHORT_US;
   }));
 }
+
+/* Changes the state of a pipeline on another thread as soon as its sink begins to stop, and sees which
+ * elements start from then on. */
+class Disturbance
+{
+public:
+  explicit Disturbance(GstElement *pipeline) : pipeline_(GST_ELEMENT(gst_object_ref(pipeline)))
+  {
+    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
+
+    gst_bus_set_sync_handler(bus, on_message, this, nullptr);
+  }
+
+  /* To be called when the pipeline has stopped. */
+  Texts end()
+  {
+    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline_);
+
+    gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+    EXPECT_TRUE(disturber_.joinable()) << "the sink did not stop";
+    if (disturber_.joinable()) {
+      disturber_.join();
+    }
+    g_clear_pointer(&pipeline_, gst_object_unref);
+    return std::exchange(started_, {});
+  }
+
+private:
+  static bool is_behind_document(const std::string &name)
+  {
+    return name.starts_with("queue") || name.starts_with("gdppay") || name == "fdsink";
+  }
+
+  static GstBusSyncReply on_message(GstBus *, GstMessage *message, gpointer user_data)
+  {
+    auto *self = static_cast<Disturbance *>(user_data);
+    GstState from = GST_STATE_NULL;
+    GstState to = GST_STATE_NULL;
+
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_STATE_CHANGED) {
+      return GST_BUS_PASS;
+    }
+    gst_message_parse_state_changed(message, &from, &to, nullptr);
+    std::lock_guard guard(self->lock_);
+    const std::string name = GST_MESSAGE_SRC_NAME(message);
+    if (self->disturber_.joinable() && to > from && is_behind_document(name)) {
+      self->started_.push_back(name);
+    }
+    if (!self->disturber_.joinable() && to < from && name == "fdsink") {
+      self->disturb();
+    }
+    return GST_BUS_PASS;
+  }
+
+  /* Comes back when the other thread is in the middle of the change. */
+  void disturb()
+  {
+    std::promise<pid_t> tid;
+    std::future<pid_t> begun = tid.get_future();
+
+    disturber_ = std::thread([pipeline = pipeline_, tid = std::move(tid)]() mutable {
+      tid.set_value(gettid());
+      gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    });
+    EXPECT_TRUE(testhost::wait_until_asleep(begun.get()));
+  }
+
+  GstElement *pipeline_;
+  std::mutex lock_;
+  std::thread disturber_;
+  Texts started_;
+};
 
 } // namespace
 
@@ -826,6 +900,29 @@ TEST_P(ConnectionManagerStuckTest, GoesOnForOthersWhenAClientAsksButDoesNotRead)
 
 INSTANTIATE_TEST_SUITE_P(Ends, ConnectionManagerStuckTest, testing::Bool(),
                          [](const auto &end) { return end.param ? "HangUp"s : "HalfClose"s; });
+
+/* A pipeline goes to PLAYING on a thread of GStreamer's own, and may be about to when it has to stop. */
+TEST_F(ConnectionManagerTest, StopsForGoodWhatIsBehindTheDocument)
+{
+  const testelements::DefaultEventHandling handling;
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  wait_until_stuck(connection);
+  gst_element_set_state(connection.pipeline(), GST_STATE_PAUSED);
+  ASSERT_TRUE(testhost::spin_until([&] { return GST_STATE(connection.pipeline()) == GST_STATE_PAUSED; }));
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  ASSERT_TRUE(wait_for_events(1));
+  Disturbance disturbance(connection.pipeline());
+
+  /* Not a hang-up, which ends what the sync point waits for. */
+  connection.client.half_close();
+  connection.release();
+  EXPECT_TRUE(testhost::spin_until([&] { return !connection.observed.alive(); }));
+  EXPECT_EQ(disturbance.end(), Texts());
+  connection.expect_gone();
+  testelements::take_sent_events();
+}
 
 TEST_F(ConnectionManagerTest, SendsASyncPointDownTheStreamOnceTheClientReadsAgain)
 {
