@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sys/socket.h>
 #include <utility>
@@ -20,6 +21,7 @@ std::set<faults::Call> failing_calls;
 std::set<int> failing_closes;
 std::atomic<int> accept_error_number = 0;
 std::atomic<unsigned> accept_count = 0;
+std::optional<std::vector<std::string>> file_calls;
 std::atomic<unsigned> request_time_divisor = 1;
 std::function<void()> bus_watch_hook;
 std::function<void()> flush_hook;
@@ -30,6 +32,16 @@ take_failure(faults::Call call)
   std::lock_guard guard(lock);
 
   return failing_calls.erase(call) > 0;
+}
+
+void
+keep_file_call(const std::string &name, const std::string &argument)
+{
+  std::lock_guard guard(lock);
+
+  if (file_calls.has_value()) {
+    file_calls->push_back(name + " " + argument);
+  }
 }
 
 void
@@ -84,6 +96,22 @@ Accepts::count() const
 }
 
 void
+keep_file_calls()
+{
+  std::lock_guard guard(lock);
+
+  file_calls.emplace();
+}
+
+std::vector<std::string>
+take_file_calls()
+{
+  std::lock_guard guard(lock);
+
+  return std::exchange(file_calls, std::nullopt).value_or(std::vector<std::string>());
+}
+
+void
 divide_request_time(unsigned divisor)
 {
   request_time_divisor = divisor;
@@ -115,11 +143,15 @@ int __real_accept4(int fd, sockaddr *address, socklen_t *length, int flags);
 int __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags);
 int __real_close(int fd);
 int __wrap_close(int fd);
+int __real_fsync(int fd);
+int __wrap_fsync(int fd);
 int __real_listen(int fd, int backlog);
 int __wrap_listen(int fd, int backlog);
 /* What open() is called where files may be large. */
 int __real_open64(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
+gboolean __real_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
+gboolean __wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
 guint __real_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
                                     GDestroyNotify notify);
 guint __wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
@@ -157,6 +189,7 @@ __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags)
 int
 __wrap_close(int fd)
 {
+  keep_file_call("close", std::to_string(fd));
   bool fails = false;
   {
     std::lock_guard guard(lock);
@@ -172,6 +205,25 @@ __wrap_close(int fd)
 }
 
 int
+__wrap_fsync(int fd)
+{
+  keep_file_call("fsync", std::to_string(fd));
+  if (take_failure(faults::Call::FSYNC)) {
+    errno = EIO;
+    return -1;
+  }
+  return __real_fsync(fd);
+}
+
+/* What open() is called where files may be large. */
+gboolean
+__wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error)
+{
+  keep_file_call("save", path);
+  return __real_g_key_file_save_to_file(key_file, path, error);
+}
+
+int
 __wrap_listen(int fd, int backlog)
 {
   if (take_failure(faults::Call::LISTEN)) {
@@ -184,6 +236,7 @@ __wrap_listen(int fd, int backlog)
 int
 __wrap_open64(const char *path, int flags, ...)
 {
+  keep_file_call("open", path);
   if (take_failure(faults::Call::OPEN)) {
     errno = EMFILE;
     return -1;

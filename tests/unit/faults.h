@@ -5,12 +5,15 @@
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace faults
 {
 
 enum class Call {
   CONNECTION_MANAGER_NEW,
+  FSYNC,
   IO_CHANNEL_SET_ENCODING,
   LISTEN,
   OPEN, /* with EMFILE */
@@ -39,6 +42,12 @@ public:
 
   unsigned count() const;
 };
+
+/* Begins to keep the calls that make up a durable save, each as its name and what it was given. */
+void keep_file_calls();
+
+/* Those that were kept, in order, and an end to it. */
+std::vector<std::string> take_file_calls();
 
 /* Gives every request only a part of its time, as long as this is not 1. */
 void divide_request_time(unsigned divisor);

@@ -1,14 +1,28 @@
 #include "producerconfig.h"
 
+#include "faults.h"
 #include "testhost.h"
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <random>
+#include <regex>
+#include <sched.h>
 #include <sstream>
+#include <sys/inotify.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 
 using testhost::SyslogLine;
@@ -46,6 +60,66 @@ invalid_group(const std::string &group)
   return warning("invalid format of group in producers.conf: " + group);
 }
 
+/* What GLib calls the file that it is writing. */
+const std::string TEMPORARY = R"(producers\.conf\.[A-Z0-9]{6})";
+
+constexpr uid_t NOBODY = 65534;
+
+/* Without root's rights, which would be above a file's mode, while this object lives. */
+class Unprivileged
+{
+public:
+  Unprivileged() : user_(geteuid())
+  {
+    if (user_ == 0) {
+      EXPECT_EQ(seteuid(NOBODY), 0);
+    }
+  }
+  ~Unprivileged()
+  {
+    EXPECT_EQ(seteuid(user_), 0);
+  }
+  Unprivileged(const Unprivileged &) = delete;
+  Unprivileged &operator=(const Unprivileged &) = delete;
+
+private:
+  uid_t user_;
+};
+
+/* No file grows beyond a few bytes while this object lives. */
+class TinyFiles
+{
+public:
+  TinyFiles() : handler_(signal(SIGXFSZ, SIG_IGN))
+  {
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &saved_), 0);
+    rlimit limit = saved_;
+    limit.rlim_cur = 10;
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  }
+  ~TinyFiles()
+  {
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &saved_), 0);
+    signal(SIGXFSZ, handler_);
+  }
+  TinyFiles(const TinyFiles &) = delete;
+  TinyFiles &operator=(const TinyFiles &) = delete;
+
+private:
+  sighandler_t handler_;
+  rlimit saved_ = {};
+};
+
+/* The number that the next descriptor gets. */
+int
+next_descriptor()
+{
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+
+  EXPECT_EQ(close(fd), 0);
+  return fd;
+}
+
 std::optional<std::string>
 get_name(const std::string &producer, guint32 channel)
 {
@@ -71,6 +145,7 @@ protected:
   void SetUp() override
   {
     Fixture::SetUp();
+    std::filesystem::permissions(dir(), std::filesystem::perms(0755));
     folder_ = path("etc");
     std::filesystem::create_directory(folder_);
     file_ = folder_ + "/producers.conf";
@@ -85,6 +160,11 @@ protected:
   void write(const std::string &content) const
   {
     std::ofstream(file_) << content;
+  }
+
+  void touch(const std::string &name) const
+  {
+    std::ofstream(folder_ + "/" + name) << "[Producers.0.Any]\nName=of a leftover\n";
   }
 
   std::string content() const
@@ -127,6 +207,30 @@ protected:
     EXPECT_FALSE(producer_config_setup(file_.c_str()));
     EXPECT_EQ(errno, error_number);
     EXPECT_EQ(testhost::take_syslog(), (SyslogLines{load_failure(file_, text)}));
+  }
+
+  /* What a failed save says depends on the name that GLib chose for its file. */
+  static void expect_write_failure(const std::string &pattern)
+  {
+    const SyslogLines lines = testhost::take_syslog();
+
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].priority, LOG_WARNING);
+    EXPECT_TRUE(
+        std::regex_match(lines[0].text, std::regex("could not write name to producerconfig: " + pattern)))
+        << lines[0];
+  }
+
+  /* After a save that failed: all as it was but in memory, and the next save brings the change too. */
+  void expect_carried_by_the_next_save(const std::string &old_content)
+  {
+    EXPECT_EQ(content(), old_content);
+    EXPECT_EQ(get_name("Any", 1), "carried");
+    producer_config_set_name("Any", 2, "next");
+    reload();
+    EXPECT_EQ(get_name("Any", 1), "carried");
+    EXPECT_EQ(get_name("Any", 2), "next");
+    EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
   }
 
   std::set<std::string> entries() const
@@ -195,11 +299,6 @@ TEST_F(ProducerConfigTest, StoresANameInTheFile)
   EXPECT_EQ(content(), "[Producers.0.VideoMotionTracker]\nName=profile1\n");
 }
 
-TEST_F(ProducerConfigTest, RefusesAMissingFile)
-{
-  expect_not_loaded("No such file or directory", ENOENT);
-}
-
 TEST_F(ProducerConfigTest, WarnsOfAMalformedIndex)
 {
   load("[Producers.x.VideoMotionTracker]\n"
@@ -210,19 +309,686 @@ TEST_F(ProducerConfigTest, WarnsOfAMalformedIndex)
        "[Producers.3.VideoMotionTracker]\n");
 
   EXPECT_EQ(supported_channels("VideoMotionTracker"), (Channels{4}));
-  EXPECT_EQ(testhost::take_syslog(),
-            (SyslogLines{invalid_group("Producers.x.VideoMotionTracker"),
-                         invalid_group("Other.VideoMotionTracker"),
-                         invalid_group("Producers.-1.VideoMotionTracker"),
-                         invalid_group("Producers.2147483648.VideoMotionTracker")}));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{invalid_group("Producers.x.VideoMotionTracker"),
+                                                  invalid_group("Other.VideoMotionTracker"),
+                                                  invalid_group("Producers.-1.VideoMotionTracker"),
+                                                  invalid_group("Producers.2147483648.VideoMotionTracker")}));
 }
+
+TEST_F(ProducerConfigTest, ReadsATextThatIsNotUtf8AsDisabled)
+{
+  load("[Producers.0.Any]\nName=\xff\n");
+
+  EXPECT_EQ(get_name("Any", 1), std::nullopt);
+}
+
+TEST_F(ProducerConfigTest, ReadsATranslationAsDisabled)
+{
+  load("[Producers.0.Any]\nName[de]=translated\n");
+
+  EXPECT_EQ(get_name("Any", 1), std::nullopt);
+}
+
+TEST_F(ProducerConfigTest, UndoesEscapesAndTakesUnknownOnesAsTheyStand)
+{
+  load("[Producers.0.Any]\nName=\\stwo\\nlines\\\\\n[Producers.1.Any]\nName=\\x\n");
+
+  EXPECT_EQ(get_name("Any", 1), " two\nlines\\");
+  EXPECT_EQ(get_name("Any", 2), "\\x");
+}
+
+TEST_F(ProducerConfigTest, AsksForAnyChannelAndAnyProducer)
+{
+  load("[Producers.4294967295.Any]\nName=zero\n[Producers.4294967294.Any]\nName=last\n[Producers.0.]\nName="
+       "x\n");
+
+  EXPECT_EQ(get_name("Any", 0), "zero");
+  EXPECT_EQ(get_name("Any", G_MAXUINT32), "last");
+  EXPECT_EQ(get_name("Any", G_MAXINT32), std::nullopt);
+  EXPECT_EQ(get_name("", 1), "x");
+  EXPECT_EQ(get_name("[\n]\xff", 1), std::nullopt);
+  EXPECT_EQ(get_name(std::string(100000, 'x'), 1), std::nullopt);
+}
+
+TEST_F(ProducerConfigTest, CreatesTheGroupOfAChannel)
+{
+  load("[Other]\nKey=value\n");
+  producer_config_set_name("Any", 12, "profile");
+
+  EXPECT_EQ(content(), "[Other]\nKey=value\n\n[Producers.11.Any]\nName=profile\n");
+}
+
+TEST_F(ProducerConfigTest, KeepsTheGroupOfADisabledChannel)
+{
+  load("[Producers.3.Any]\nName=profile\n[Producers.0.Any]\nName=profile\n");
+  producer_config_set_name("Any", 4, nullptr);
+
+  EXPECT_EQ(content(), "[Producers.3.Any]\nName=\n\n[Producers.0.Any]\nName=profile\n");
+  EXPECT_EQ(get_name("Any", 4), std::nullopt);
+  reload();
+  EXPECT_EQ(get_name("Any", 4), std::nullopt);
+  EXPECT_EQ(get_name("Any", 1), "profile");
+  EXPECT_EQ(supported_channels("Any"), (Channels{4, 1}));
+}
+
+TEST_F(ProducerConfigTest, StoresAnEmptyNameLikeNone)
+{
+  load("[Producers.0.Any]\nName=profile\n");
+  producer_config_set_name("Any", 1, "");
+
+  EXPECT_EQ(get_name("Any", 1), std::nullopt);
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=\n");
+}
+
+TEST_F(ProducerConfigTest, StoresChannelZeroOutOfTheWay)
+{
+  load("[Producers.0.Any]\nName=profile\n");
+  producer_config_set_name("Any", 0, "odd");
+
+  EXPECT_EQ(get_name("Any", 0), "odd");
+  EXPECT_EQ(get_name("Any", 1), "profile");
+  EXPECT_EQ(supported_channels("Any"), (Channels{1}));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{invalid_group("Producers.4294967295.Any")}));
+}
+
+TEST_F(ProducerConfigTest, WritesOnceForEveryChange)
+{
+  load("[Producers.0.Any]\nName=profile\n");
+  faults::keep_file_calls();
+  producer_config_set_name("Any", 1, "profile");
+  const int fd = next_descriptor();
+  const Texts calls = faults::take_file_calls();
+
+  EXPECT_EQ(Texts(calls.begin(), calls.end() - 2),
+            (Texts{"save " + file_, "open " + folder_, "fsync " + std::to_string(fd),
+                   "close " + std::to_string(fd)}));
+}
+
+TEST_F(ProducerConfigTest, ReplacesTheFileAsAWhole)
+{
+  load("[Producers.0.Any]\nName=profile\n");
+  std::ifstream reader(file_);
+  producer_config_set_name("Any", 1, "changed");
+  std::stringstream seen;
+  seen << reader.rdbuf();
+
+  EXPECT_EQ(seen.str(), "[Producers.0.Any]\nName=profile\n");
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=changed\n");
+}
+
+namespace
+{
+
+/* Groups and the channel that each yields, or 0 when it is warned of, or nothing when it is another's. */
+
+struct Group {
+  const char *name;
+  const char *producer;
+  const char *group;
+  std::optional<guint32> channel;
+};
+
+std::ostream &
+operator<<(std::ostream &stream, const Group &group)
+{
+  return stream << group.name;
+}
+
+class ProducerConfigGroupTest : public ProducerConfigTest, public testing::WithParamInterface<Group>
+{
+};
+
+const std::vector<Group> GROUPS = {
+    {"First", "Any", "Producers.0.Any", 1},
+    {"Last", "Any", "Producers.2147483647.Any", 2147483648},
+    {"BehindLast", "Any", "Producers.2147483648.Any", 0},
+    {"BeyondUnsigned", "Any", "Producers.4294967296.Any", 0},
+    {"BeyondAll", "Any", "Producers.99999999999999999999999.Any", 0},
+    {"Negative", "Any", "Producers.-1.Any", 0},
+    {"NegativeBeyondAll", "Any", "Producers.-99999999999999999999999.Any", 0},
+    {"NegativeZero", "Any", "Producers.-0.Any", 1},
+    {"Plus", "Any", "Producers.+4.Any", 5},
+    {"LeadingZeros", "Any", "Producers.0000000000000000000000004.Any", 5},
+    {"BlankBefore", "Any", "Producers. 4.Any", 5},
+    {"BlankBehind", "Any", "Producers.4 .Any", 0},
+    {"BlankAlone", "Any", "Producers. .Any", 0},
+    {"SignAlone", "Any", "Producers.-.Any", 0},
+    {"Hexadecimal", "Any", "Producers.0x4.Any", 0},
+    {"Letter", "Any", "Producers.x.Any", 0},
+    {"LetterBehind", "Any", "Producers.4x.Any", 0},
+    {"Fraction", "Any", "Producers.4.5.Any", 5},
+    {"NoIndex", "Any", "Producers.Any", 0},
+    {"EmptyIndex", "Any", "Producers..Any", 1},
+    {"EmptyIndexOfName", "Name", "Producers..Name", 1},
+    {"EmptyWordAndNoIndex", "Any", ".Any", 0},
+    {"EmptyWord", "Any", ".4.Any", 5},
+    {"EmptyWordAndIndex", "Any", "..Any", 1},
+    {"AnyWord", "Any", "What ever.4.Any", 5},
+    {"WordInBetween", "Any", "Producers.4.Other.Any", 5},
+    {"IndexBehindAnotherDot", "Any", "Pro.ducers.4.Any", 0},
+    {"ProducerWithDots", "A.n.y", "Producers.4.A.n.y", 5},
+    {"EndOfAProducerWithDots", "n.y", "Producers.4.A.n.y", 5},
+    {"ProducerWithoutName", "", "Producers.4.", 5},
+    {"ProducerWithoutNameNorIndex", "", "Producers.", 0},
+    {"NotUtf8", "Any", "\xff.4.Any", 5},
+    {"NoDot", "Any", "Any", std::nullopt},
+    {"OtherCase", "Any", "Producers.4.any", std::nullopt},
+    {"LongerProducer", "Any", "Producers.4.ManyAny", std::nullopt},
+    {"BlankBehindAll", "Any", "Producers.4.Any ", std::nullopt},
+};
+
+} // namespace
+
+TEST_P(ProducerConfigGroupTest, YieldsAChannelOrAWarningOrNothing)
+{
+  const Group &example = GetParam();
+  load("["s + example.group + "]\nName=profile\n");
+
+  const guint32 channel = example.channel.value_or(0);
+  EXPECT_EQ(supported_channels(example.producer), channel > 0 ? Channels{channel} : Channels());
+  EXPECT_EQ(testhost::take_syslog(),
+            example.channel == 0U ? SyslogLines{invalid_group(example.group)} : SyslogLines());
+}
+
+INSTANTIATE_TEST_SUITE_P(Groups, ProducerConfigGroupTest, testing::ValuesIn(GROUPS),
+                         [](const auto &example) { return std::string(example.param.name); });
+
+TEST_F(ProducerConfigTest, ListsTheSameChannelAsOftenAsItHasGroups)
+{
+  load("[Producers.0.Any]\n[Other.0.Any]\n[Producers.0.Any]\n");
+
+  EXPECT_EQ(supported_channels("Any"), (Channels{1, 1}));
+}
+
+/* Configuration names that the file's syntax has to carry. */
+
+namespace
+{
+
+class ProducerConfigNameTest : public ProducerConfigTest,
+                               public testing::WithParamInterface<std::pair<const char *, std::string>>
+{
+};
+
+} // namespace
+
+TEST_P(ProducerConfigNameTest, SurvivesTheFile)
+{
+  load("[Producers.0.Any]\n[Producers.2.Any]\nName=next\n");
+  producer_config_set_name("Any", 1, GetParam().second.c_str());
+  EXPECT_EQ(get_name("Any", 1), GetParam().second);
+  reload();
+
+  EXPECT_EQ(get_name("Any", 1), GetParam().second);
+  EXPECT_EQ(get_name("Any", 3), "next");
+  EXPECT_EQ(supported_channels("Any"), (Channels{1, 3}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, ProducerConfigNameTest,
+    testing::Values(std::pair("LineBreak", "two\nlines"s), std::pair("LineBreaksAlone", "\n\r\n"s),
+                    std::pair("LeadingBlanks", "   name"s), std::pair("TrailingBlanks", "name   "s),
+                    std::pair("Blank", " "s), std::pair("Tabs", "\ta\tb\t"s),
+                    std::pair("CarriageReturn", "name\r"s), std::pair("Backslashes", R"(\n\s\\\x\)"s),
+                    std::pair("Semicolons", ";a;;b;"s), std::pair("EqualsSigns", "=Name=x="s),
+                    std::pair("Comment", "# name"s), std::pair("Group", "[Producers.5.Any]"s),
+                    std::pair("GroupOnItsOwnLine", "x\n[Producers.5.Any]\nName=y"s),
+                    std::pair("Quotes", "\"'`"s), std::pair("Percent", "%s%n%"s),
+                    std::pair("NonAscii", "Gr\u00fc\u00dfe \u20ac \U0001f4f7"s),
+                    std::pair("ControlCharacters", "a\x01\x1b\x7f\v\f"s),
+                    std::pair("LineSeparators", "a\u2028b\u2029c\u0085"s),
+                    std::pair("ByteOrderMark", "\ufeffx"s),
+                    std::pair("VeryLong", std::string(1024 * 1024, 'x'))),
+    [](const auto &example) { return std::string(example.param.first); });
+
+TEST_F(ProducerConfigTest, CarriesAnyMixtureOfOddCharacters)
+{
+  const std::vector<std::string> pieces = {" ", "\t", "\n", "\r", "\\",     ";",      "=",
+                                           "#", "[",  "]",  "a",  "\u00e9", "\u20ac", "s"};
+  std::mt19937 random(20261121);
+  std::vector<std::string> names(200);
+  load("");
+
+  for (gsize i = 0; i < names.size(); i++) {
+    for (auto left = 1 + random() % 9; left > 0; left--) {
+      names[i] += pieces[random() % pieces.size()];
+    }
+    producer_config_set_name("Any", i + 1, names[i].c_str());
+  }
+  reload();
+  for (gsize i = 0; i < names.size(); i++) {
+    ASSERT_EQ(get_name("Any", i + 1), names[i]);
+  }
+}
+
+/* Names that the file cannot hold. */
 
 TEST_F(ProducerConfigTest, RefusesAProducerThatCannotBePartOfAGroup)
 {
+  const std::vector<std::pair<std::string, std::string>> producers = {
+      {"a[b", "a[b"},        {"]", "]"},          {"a\nb", R"(a\nb)"},
+      {"a\x01", R"(a\001)"}, {"\x7f", R"(\177)"}, {"a\xff", R"(a\377)"},
+      {"\t", R"(\t)"},       {"\"\n", R"(\"\n)"}, {"\xc0\xaf", R"(\300\257)"},
+  };
+  load("[Producers.0.Any]\nName=profile\n");
+
+  for (const auto &[producer, escaped] : producers) {
+    faults::keep_file_calls();
+    producer_config_set_name(producer.c_str(), 1, "profile");
+    EXPECT_EQ(faults::take_file_calls(), Texts());
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{write_failure("Not the name of a group: \"Producers.0." + escaped + "\"")}));
+    EXPECT_EQ(get_name(producer, 1), std::nullopt);
+  }
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=profile\n");
+}
+
+TEST_F(ProducerConfigTest, RefusesAConfigurationNameThatIsNotUtf8)
+{
+  load("[Producers.0.Any]\nName=profile\n");
+
+  for (const std::string name : {"\xff", "a\xc3", "\xed\xa0\x80"}) {
+    g_autofree gchar *escaped = g_strescape(name.c_str(), nullptr);
+    producer_config_set_name("Any", 1, name.c_str());
+    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{write_failure("Not UTF-8 text: \""s + escaped + "\"")}));
+    EXPECT_EQ(get_name("Any", 1), "profile");
+  }
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=profile\n");
+}
+
+TEST_F(ProducerConfigTest, TakesAnyOtherProducer)
+{
+  const std::string producer = " odd.name;=#\u00e9 \\n";
   load("");
-  producer_config_set_name("a[b", 1, "profile");
+  producer_config_set_name(producer.c_str(), 1, "profile");
+  reload();
+
+  EXPECT_EQ(get_name(producer, 1), "profile");
+  EXPECT_EQ(supported_channels(producer), (Channels{1}));
+}
+
+TEST_F(ProducerConfigTest, NeedsAProducer)
+{
+  load("");
+
+  EXPECT_EQ(producer_config_get_name(nullptr, 1), nullptr);
+  producer_config_set_name(nullptr, 1, "profile");
+  EXPECT_EQ(producer_config_get_supported_channels(nullptr), nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts(3, "producer != NULL"));
+}
+
+/* Files that cannot be loaded. */
+
+TEST_F(ProducerConfigTest, RefusesAMissingFile)
+{
+  expect_not_loaded("No such file or directory", ENOENT);
+  EXPECT_EQ(entries(), std::set<std::string>()) << "it is never created";
+}
+
+TEST_F(ProducerConfigTest, RefusesAMissingFolder)
+{
+  std::filesystem::remove(folder_);
+  expect_not_loaded("No such file or directory", ENOENT);
+}
+
+TEST_F(ProducerConfigTest, RefusesALinkThatLeadsNowhere)
+{
+  std::filesystem::create_symlink("nowhere", file_);
+  expect_not_loaded("No such file or directory", ENOENT);
+}
+
+TEST_F(ProducerConfigTest, RefusesALinkToItself)
+{
+  std::filesystem::create_symlink("producers.conf", file_);
+  expect_not_loaded("Too many levels of symbolic links", ELOOP);
+}
+
+TEST_F(ProducerConfigTest, RefusesAFileThatItMayNotRead)
+{
+  write("");
+  std::filesystem::permissions(file_, std::filesystem::perms::none);
+  const Unprivileged unprivileged;
+  expect_not_loaded("Permission denied", EACCES);
+}
+
+TEST_F(ProducerConfigTest, RefusesAFolderInPlaceOfTheFile)
+{
+  std::filesystem::create_directory(file_);
+  expect_not_loaded("Not a regular file", EINVAL);
+}
+
+TEST_F(ProducerConfigTest, RefusesAMalformedFile)
+{
+  write("[Producers.0.Any]\nwhat?\n");
+  expect_not_loaded(
+      "Key file contains line \u201cwhat?\u201d which is not a key-value pair, group, or comment", EINVAL);
+  write("Name=profile\n");
+  expect_not_loaded("Key file does not start with a group", EINVAL);
+  write("[Producers[0]\n");
+  expect_not_loaded("Invalid group name: Producers[0", EINVAL);
+}
+
+TEST_F(ProducerConfigTest, LeavesEverythingAloneWhenItCannotLoad)
+{
+  write("malformed");
+  touch("producers.conf.A1B2C3");
+  expect_not_loaded(
+      "Key file contains line \u201cmalformed\u201d which is not a key-value pair, group, or comment",
+      EINVAL);
+
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf", "producers.conf.A1B2C3"}));
+}
+
+TEST_F(ProducerConfigTest, LoadsAfterAFailure)
+{
+  expect_not_loaded("No such file or directory", ENOENT);
+  load("[Producers.0.Any]\nName=profile\n");
+
+  EXPECT_EQ(get_name("Any", 1), "profile");
+}
+
+TEST_F(ProducerConfigTest, LoadsAnEmptyFile)
+{
+  load("");
+
+  EXPECT_EQ(supported_channels("Any"), Channels());
+}
+
+/* Saves that fail. */
+
+TEST_F(ProducerConfigTest, KeepsAChangeWhoseFolderIsMissing)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  std::filesystem::remove_all(folder_);
+  faults::keep_file_calls();
+  producer_config_set_name("Any", 1, "carried");
+
+  EXPECT_EQ(faults::take_file_calls(), (Texts{"save " + file_}));
+  expect_write_failure("Failed to create file \u201c" + folder_ + "/" + TEMPORARY +
+                       "\u201d: No such file or directory");
+  std::filesystem::create_directory(folder_);
+  expect_carried_by_the_next_save("");
+}
+
+TEST_F(ProducerConfigTest, KeepsAChangeWhoseFolderIsReadOnly)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  std::filesystem::permissions(folder_, std::filesystem::perms(0555));
+  {
+    const Unprivileged unprivileged;
+    producer_config_set_name("Any", 1, "carried");
+  }
+
+  expect_write_failure("Failed to create file \u201c" + folder_ + "/" + TEMPORARY +
+                       "\u201d: Permission denied");
+  std::filesystem::permissions(folder_, std::filesystem::perms(0755));
+  expect_carried_by_the_next_save("[Producers.0.Any]\nName=old\n");
+}
+
+TEST_F(ProducerConfigTest, KeepsAChangeWhenAFolderTookTheFilesPlace)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  std::filesystem::remove(file_);
+  std::filesystem::create_directory(file_);
+  producer_config_set_name("Any", 1, "carried");
+
+  expect_write_failure("Failed to rename file \u201c" + folder_ + "/" + TEMPORARY + "\u201d to \u201c" +
+                       file_ + "\u201d: g_rename\\(\\) failed: Is a directory");
+  std::filesystem::remove(file_);
+  expect_carried_by_the_next_save("");
+}
+
+TEST_F(ProducerConfigTest, KeepsAChangeThatIsTooLongForAFile)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  {
+    const TinyFiles tiny;
+    producer_config_set_name("Any", 1, "carried");
+  }
+
+  expect_write_failure("Failed to write file \u201c" + folder_ + "/" + TEMPORARY +
+                       "\u201d: .*: File too large");
+  expect_carried_by_the_next_save("[Producers.0.Any]\nName=old\n");
+}
+
+TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeOpened)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  faults::fail_next(faults::Call::OPEN);
+  faults::keep_file_calls();
+  producer_config_set_name("Any", 1, "carried");
+
+  EXPECT_EQ(faults::take_file_calls(), (Texts{"save " + file_, "open " + folder_}));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{write_failure("Failed to open '" + folder_ + "': Too many open files")}));
+  expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeSynced)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  const std::string fd = std::to_string(next_descriptor());
+  faults::fail_next(faults::Call::FSYNC);
+  faults::keep_file_calls();
+  producer_config_set_name("Any", 1, "carried");
+
+  EXPECT_EQ(faults::take_file_calls(),
+            (Texts{"save " + file_, "open " + folder_, "fsync " + fd, "close " + fd}));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{write_failure("Failed to sync '" + folder_ + "': Input/output error")}));
+  expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, TellsTheFirstOfTwoFailures)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  faults::fail_next(faults::Call::FSYNC);
+  faults::fail_close_of(next_descriptor());
+  producer_config_set_name("Any", 1, "carried");
 
   EXPECT_EQ(testhost::take_syslog(),
-            (SyslogLines{write_failure("Not the name of a group: \"Producers.0.a[b\"")}));
-  EXPECT_EQ(content(), "");
+            (SyslogLines{write_failure("Failed to sync '" + folder_ + "': Input/output error")}));
+}
+
+TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeClosed)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  const int fd = next_descriptor();
+  faults::fail_close_of(fd);
+  producer_config_set_name("Any", 1, "carried");
+
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{write_failure("Failed to close fd (" + std::to_string(fd) + ") for " + folder_ +
+                                       ": Input/output error")}));
+  expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, WritesAFileThatSomebodyRemoved)
+{
+  load("[Producers.0.Any]\nName=old\n[Producers.1.Any]\nName=other\n");
+  std::filesystem::remove(file_);
+  producer_config_set_name("Any", 1, "new");
+
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n\n[Producers.1.Any]\nName=other\n");
+}
+
+TEST_F(ProducerConfigTest, ReplacesALinkAndLeavesItsTargetAlone)
+{
+  std::ofstream(path("target")) << "[Producers.0.Any]\nName=old\n";
+  std::filesystem::create_symlink(path("target"), file_);
+  load();
+  EXPECT_EQ(get_name("Any", 1), "old");
+  producer_config_set_name("Any", 1, "new");
+
+  EXPECT_FALSE(std::filesystem::is_symlink(file_));
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n");
+  std::filesystem::rename(path("target"), file_);
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=old\n");
+}
+
+TEST_F(ProducerConfigTest, FindsAFileInTheWorkingFolder)
+{
+  const std::filesystem::path before = std::filesystem::current_path();
+  write("[Producers.0.Any]\nName=old\n");
+  touch("producers.conf.A1B2C3");
+  std::filesystem::current_path(folder_);
+  file_ = "producers.conf";
+  load();
+  faults::keep_file_calls();
+  producer_config_set_name("Any", 1, "new");
+  const Texts calls = faults::take_file_calls();
+  reload();
+  EXPECT_EQ(get_name("Any", 1), "new");
+  std::filesystem::current_path(before);
+
+  EXPECT_EQ(Texts(calls.begin(), calls.begin() + 2), (Texts{"save producers.conf", "open ."}));
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
+}
+
+/* What a killed save leaves behind. */
+
+TEST_F(ProducerConfigTest, RemovesLeftoversAndNeverReadsThem)
+{
+  write("[Producers.0.Any]\nName=profile\n");
+  for (const char *suffix : {"A1B2C3", "ABCDEF", "0A0000", "ZZZZZ9", "BACKU9"}) {
+    touch("producers.conf."s + suffix);
+  }
+  std::ofstream(file_ + ".EMPTY0");
+  load();
+
+  EXPECT_EQ(get_name("Any", 1), "profile");
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
+}
+
+TEST_F(ProducerConfigTest, LeavesEverythingElseBesideTheFile)
+{
+  std::set<std::string> others = {
+      "producers.conf.backup",
+      "producers.conf.orig",
+      "producers.conf.rpmnew",
+      "producers.conf.bak",
+      "producers.conf.BACKUP",
+      "producers.conf.Backup",
+      "producers.conf.261121",
+      "producers.conf.dpkg-old",
+      "producers.conf.a1b2c3",
+      "producers.conf.A1B2C",
+      "producers.conf.A1B2C34",
+      "producers.conf~A1B2C3",
+      "producers.conf.A1B2-3",
+      "producers.conf.A1B2\u00c4",
+      "producers.confA1B2C3",
+      "Producers.conf.A1B2C3",
+      ".producers.conf.A1B2C3",
+      "other.conf.A1B2C3",
+      "A1B2C3",
+      "producers.conf.A1B2C3.A1B2C3",
+      "producers.A1B2C3",
+      "producers.conf.",
+  };
+  for (const std::string &name : others) {
+    touch(name);
+  }
+  others.insert("producers.conf");
+  load("");
+
+  EXPECT_EQ(entries(), others);
+}
+
+TEST_F(ProducerConfigTest, LeavesWhatIsNoFileOfItsOwn)
+{
+  touch("target");
+  std::filesystem::create_symlink("target", file_ + ".L1NKED");
+  std::filesystem::create_symlink("nowhere", file_ + ".L1NKEE");
+  std::filesystem::create_directory(file_ + ".F0LDER");
+  ASSERT_EQ(mkfifo((file_ + ".P1PE00").c_str(), 0600), 0);
+  std::set<std::string> expected = {"producers.conf",        "target",
+                                    "producers.conf.L1NKED", "producers.conf.L1NKEE",
+                                    "producers.conf.F0LDER", "producers.conf.P1PE00"};
+  if (geteuid() == 0) {
+    touch("producers.conf.N0B0DY");
+    ASSERT_EQ(chown((file_ + ".N0B0DY").c_str(), NOBODY, NOBODY), 0);
+    expected.insert("producers.conf.N0B0DY");
+  }
+  load("");
+
+  EXPECT_EQ(entries(), expected);
+}
+
+TEST_F(ProducerConfigTest, LoadsBesideALeftoverThatCannotBeRemoved)
+{
+  write("[Producers.0.Any]\nName=profile\n");
+  touch("producers.conf.A1B2C3");
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown((file_ + ".A1B2C3").c_str(), NOBODY, NOBODY), 0);
+  }
+  std::filesystem::permissions(folder_, std::filesystem::perms(0555));
+  {
+    const Unprivileged unprivileged;
+    load();
+  }
+  std::filesystem::permissions(folder_, std::filesystem::perms(0755));
+
+  EXPECT_EQ(get_name("Any", 1), "profile");
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf", "producers.conf.A1B2C3"}));
+}
+
+TEST_F(ProducerConfigTest, LoadsFromAFolderThatItMayNotList)
+{
+  write("[Producers.0.Any]\nName=profile\n");
+  std::filesystem::permissions(folder_, std::filesystem::perms(0111));
+  {
+    const Unprivileged unprivileged;
+    load();
+  }
+  std::filesystem::permissions(folder_, std::filesystem::perms(0755));
+
+  EXPECT_EQ(get_name("Any", 1), "profile");
+}
+
+TEST_F(ProducerConfigTest, LooksAtSoManyEntriesOnly)
+{
+  constexpr int BEHIND = 50;
+  for (int i = 0; i < PRODUCER_CONFIG_MAX_SCANNED_ENTRIES + BEHIND; i++) {
+    g_autofree gchar *name = g_strdup_printf("producers.conf.A%05d", i);
+    touch(name);
+  }
+  load("");
+
+  EXPECT_GE(entries().size(), BEHIND + 1U);
+  EXPECT_LE(entries().size(), BEHIND + 2U) << "the file itself is an entry too";
+  reload();
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
+}
+
+/* GLib's naming is its own affair and may change with a release. */
+TEST_F(ProducerConfigTest, KnowsHowALeftoverIsCalled)
+{
+  constexpr int SAVES = 30;
+  alignas(inotify_event) std::array<char, 16 * 1024> events = {};
+  load("");
+  const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(fd, folder_.c_str(), IN_CREATE), 0);
+  for (int i = 0; i < SAVES; i++) {
+    producer_config_set_name("Any", 1, "profile");
+  }
+  const ssize_t size = read(fd, events.data(), events.size());
+  close(fd);
+
+  /* A date may have that form too, and stays. */
+  const std::regex date(R"(producers\.conf\.[0-9]{6})");
+  std::set<std::string> expected = {"producers.conf"};
+  int created = 0;
+  for (ssize_t at = 0; at < size; created++) {
+    const auto *event = reinterpret_cast<const inotify_event *>(events.data() + at);
+    touch(event->name);
+    if (std::regex_match(event->name, date)) {
+      expected.insert(event->name);
+    }
+    at += static_cast<ssize_t>(sizeof *event + event->len);
+  }
+  EXPECT_EQ(created, SAVES);
+  EXPECT_EQ(entries().size(), SAVES + 1U);
+  reload();
+  EXPECT_EQ(entries(), expected);
 }
