@@ -3,14 +3,13 @@
 #include "faults.h"
 #include "testhost.h"
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <random>
 #include <regex>
@@ -118,6 +117,43 @@ next_descriptor()
 
   EXPECT_EQ(close(fd), 0);
   return fd;
+}
+
+/* Another process that runs @body and ends. */
+pid_t
+fork_process(const std::function<void()> &body)
+{
+  const pid_t pid = fork();
+
+  if (pid == 0) {
+    body();
+    _exit(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+  }
+  return pid;
+}
+
+int
+wait_for_end(pid_t pid)
+{
+  int status = -1;
+
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  return status;
+}
+
+/* Gives the process mounts of its own, and root's rights over them. */
+bool
+enter_own_namespace()
+{
+  const uid_t user = geteuid();
+  if (user == 0) {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  }
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+    return false;
+  }
+  std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+  return geteuid() == 0;
 }
 
 std::optional<std::string>
@@ -751,6 +787,34 @@ TEST_F(ProducerConfigTest, KeepsAChangeThatIsTooLongForAFile)
   expect_carried_by_the_next_save("[Producers.0.Any]\nName=old\n");
 }
 
+TEST_F(ProducerConfigTest, KeepsAChangeThatTheDiskHasNoRoomFor)
+{
+  constexpr int NO_NAMESPACE = 77;
+  const int status = wait_for_end(fork_process([this] {
+    if (!enter_own_namespace() || mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=16k") != 0) {
+      _exit(NO_NAMESPACE);
+    }
+    load("[Producers.0.Any]\nName=old\n");
+    const std::string too_long(32 * 1024, 'x');
+    producer_config_set_name("Any", 2, too_long.c_str());
+    expect_write_failure("Failed to write file \u201c" + folder_ + "/" + TEMPORARY +
+                         "\u201d: .*: No space left on device");
+    EXPECT_EQ(get_name("Any", 2), too_long);
+    EXPECT_EQ(content(), "[Producers.0.Any]\nName=old\n");
+    EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
+
+    producer_config_set_name("Any", 1, "carried");
+    expect_write_failure(".*: No space left on device");
+    producer_config_set_name("Any", 2, nullptr);
+    expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=\n");
+  }));
+
+  if (WIFEXITED(status) && WEXITSTATUS(status) == NO_NAMESPACE) {
+    GTEST_SKIP() << "no mounts of its own";
+  }
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeOpened)
 {
   load("[Producers.0.Any]\nName=old\n");
@@ -991,4 +1055,140 @@ TEST_F(ProducerConfigTest, KnowsHowALeftoverIsCalled)
   EXPECT_EQ(entries().size(), SAVES + 1U);
   reload();
   EXPECT_EQ(entries(), expected);
+}
+
+/* A process that is killed while it changes names. */
+
+namespace
+{
+
+constexpr int CHANGES = 500;
+constexpr int CHANGED_CHANNELS = 7;
+/* Several blocks, so that half a file would be noticed. */
+constexpr gsize FILLING = 20000;
+
+/* The names of all channels after so many changes. */
+Texts
+names_after(int changes)
+{
+  Texts names(CHANGED_CHANNELS);
+
+  for (int i = 1; i <= changes; i++) {
+    names[i % CHANGED_CHANNELS] = std::to_string(i);
+  }
+  return names;
+}
+
+/* Tells of each change that has been made. */
+void
+change_names(const std::string &file, int acknowledge_fd)
+{
+  if (!producer_config_setup(file.c_str())) {
+    return;
+  }
+  for (int i = 1; i <= CHANGES; i++) {
+    producer_config_set_name("Any", i % CHANGED_CHANNELS + 1, std::to_string(i).c_str());
+    if (write(acknowledge_fd, "", 1) != 1) {
+      return;
+    }
+  }
+}
+
+/* Reads up to so many acknowledgements, and returns how many came before the end. */
+int
+read_acknowledgements(int fd, int limit)
+{
+  char byte = 0;
+  int count = 0;
+
+  while (count < limit && read(fd, &byte, 1) == 1) {
+    count++;
+  }
+  return count;
+}
+
+void
+spin_for(gint64 time_us)
+{
+  const gint64 end = g_get_monotonic_time() + time_us;
+
+  while (g_get_monotonic_time() < end) {
+  }
+}
+
+/* Lets a process change names until it is killed after so many changes and so much time. Returns how many it
+ * acknowledged. */
+int
+change_names_until_killed(const std::string &file, int changes, gint64 time_us)
+{
+  std::array<int, 2> ends = {};
+  EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const pid_t pid = fork_process([&] { change_names(file, ends[1]); });
+  close(ends[1]);
+
+  int acknowledged = read_acknowledgements(ends[0], changes);
+  spin_for(time_us);
+  EXPECT_EQ(kill(pid, SIGKILL), 0);
+  const int status = wait_for_end(pid);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  acknowledged += read_acknowledgements(ends[0], CHANGES);
+  close(ends[0]);
+  return acknowledged;
+}
+
+} // namespace
+
+TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
+{
+  constexpr int ROUNDS = 50;
+  constexpr int MAX_ROUNDS = 500;
+  const std::string filling(FILLING, 'x');
+  std::mt19937 random(std::random_device{}());
+  int rounds_with_leftover = 0;
+
+  for (int round = 0; round < ROUNDS || (rounds_with_leftover == 0 && round < MAX_ROUNDS); round++) {
+    write("[Producers.0.Filling]\nName=" + filling + "\n");
+    const int done = change_names_until_killed(file_, static_cast<int>(random() % 20),
+                                               static_cast<gint64>(random() % 3000));
+    ASSERT_LT(done, CHANGES);
+    rounds_with_leftover += entries().size() > 1 ? 1 : 0;
+
+    load();
+    Texts names;
+    for (guint32 channel = 1; channel <= CHANGED_CHANNELS; channel++) {
+      names.push_back(get_name("Any", channel).value_or(""));
+    }
+    EXPECT_TRUE(names == names_after(done) || names == names_after(done + 1))
+        << testing::PrintToString(names) << " after " << done << " changes";
+    EXPECT_EQ(get_name("Filling", 1), filling);
+    for (const std::string &entry : entries()) {
+      EXPECT_TRUE(std::regex_match(entry, std::regex(R"(producers\.conf(\.[0-9]{6})?)"))) << entry;
+    }
+    unload();
+  }
+  EXPECT_GT(rounds_with_leftover, 0);
+}
+
+TEST_F(ProducerConfigTest, ServesThreadsAtOnce)
+{
+  constexpr guint32 CHANNELS = 100;
+  const auto use = [](const char *producer) {
+    for (guint32 channel = 1; channel <= CHANNELS; channel++) {
+      producer_config_set_name(producer, channel, producer);
+      if (get_name(producer, channel) != producer || supported_channels(producer).size() != channel) {
+        return false;
+      }
+    }
+    return true;
+  };
+  bool other_right = false;
+  load("");
+
+  std::thread other([&] { other_right = use("Other"); });
+  EXPECT_TRUE(use("One"));
+  other.join();
+  EXPECT_TRUE(other_right);
+  reload();
+  EXPECT_EQ(supported_channels("One").size(), CHANNELS);
+  EXPECT_EQ(supported_channels("Other").size(), CHANNELS);
 }
