@@ -30,7 +30,7 @@ struct _AnalyticsProducer {
   gint32 type;
 };
 
-struct _AnalyticsProducerList {
+struct AnalyticsProducerList {
   GHashTable *table;
   GMutex lock; /* for the table and the callbacks; not recursive */
   AnalyticsProducerFunc on_added;

@@ -53,7 +53,7 @@ GPtrArray *analytics_producer_get_all_channels_enabled(AnalyticsProducer *self);
  *
  * The daemon's producers by name.
  */
-typedef struct _AnalyticsProducerList AnalyticsProducerList;
+typedef struct AnalyticsProducerList AnalyticsProducerList;
 
 /**
  * AnalyticsProducerFunc:
