@@ -25,6 +25,7 @@ std::optional<std::vector<std::string>> file_calls;
 std::atomic<unsigned> request_time_divisor = 1;
 std::function<void()> bus_watch_hook;
 std::function<void()> flush_hook;
+std::function<void()> fsync_hook;
 
 bool
 take_failure(faults::Call call)
@@ -126,6 +127,14 @@ after_next_bus_watch(std::function<void()> hook)
 }
 
 void
+before_next_fsync(std::function<void()> hook)
+{
+  std::lock_guard guard(lock);
+
+  fsync_hook = std::move(hook);
+}
+
+void
 after_next_flush(std::function<void()> hook)
 {
   std::lock_guard guard(lock);
@@ -208,6 +217,7 @@ int
 __wrap_fsync(int fd)
 {
   keep_file_call("fsync", std::to_string(fd));
+  run_once(&fsync_hook);
   if (take_failure(faults::Call::FSYNC)) {
     errno = EIO;
     return -1;

@@ -5,11 +5,13 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <optional>
 #include <random>
 #include <regex>
@@ -28,6 +30,7 @@ using testhost::SyslogLine;
 using testhost::SyslogLines;
 using testhost::Texts;
 
+using namespace std::chrono_literals;
 using namespace std::string_literals;
 
 namespace
@@ -1167,6 +1170,40 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
     unload();
   }
   EXPECT_GT(rounds_with_leftover, 0);
+}
+
+/* A change is in memory from the beginning of its save, and counts when it is durable. */
+TEST_F(ProducerConfigTest, LetsOtherThreadsWaitForTheEndOfASave)
+{
+  std::vector<std::thread> others;
+  std::vector<std::future<void>> ends;
+  const auto begin = [&](const std::function<void()> &use) {
+    std::promise<void> begun;
+    std::promise<void> ended;
+    ends.push_back(ended.get_future());
+    others.emplace_back([&begun, use, ended = std::move(ended)]() mutable {
+      begun.set_value();
+      use();
+      ended.set_value();
+    });
+    begun.get_future().wait();
+  };
+  load("[Producers.0.Any]\n");
+  faults::before_next_fsync([&] {
+    begin([] { EXPECT_EQ(get_name("Any", 1), "profile"); });
+    begin([] { EXPECT_EQ(supported_channels("Any"), (Channels{1})); });
+    begin([] { producer_config_set_name("Other", 1, "other"); });
+    for (const std::future<void> &end : ends) {
+      EXPECT_EQ(end.wait_for(30ms), std::future_status::timeout);
+    }
+  });
+  producer_config_set_name("Any", 1, "profile");
+
+  EXPECT_EQ(ends.size(), 3U);
+  for (std::thread &other : others) {
+    other.join();
+  }
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=profile\n\n[Producers.0.Other]\nName=other\n");
 }
 
 TEST_F(ProducerConfigTest, ServesThreadsAtOnce)
