@@ -622,7 +622,6 @@ TEST_P(ConnectionManagerElementTest, FailsWhenItCannotBeAdded)
   const testelements::ReplacedFactory replaced(GetParam(), Unusable::HAS_PARENT);
 
   expect_failure(two_sources(), {{LOG_ERR, "Failed to add "s + GetParam() + "."}});
-  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Elements, ConnectionManagerElementTest,
@@ -632,7 +631,7 @@ INSTANTIATE_TEST_SUITE_P(Elements, ConnectionManagerElementTest,
 TEST_F(ConnectionManagerTest, FailsSilentlyWhenTheCommonElementsCannotBeLinked)
 {
   for (const char *name : {"queue", "gdppay"}) {
-    const testelements::ReplacedFactory replaced(name, Unusable::HAS_NO_PAD);
+    const testelements::ReplacedFactory replaced(name, Unusable::CANNOT_BE_LINKED);
     expect_failure(two_sources(), {});
   }
 }
@@ -657,7 +656,6 @@ TEST_F(ConnectionManagerTest, FailsSilentlyWhenASourceCannotBeAdded)
 {
   expect_failure(
       {testelements::make_source(Behaviour::SILENT), testelements::make_unusable(Unusable::HAS_PARENT)}, {});
-  EXPECT_EQ(testhost::take_glib_messages().size(), 1U);
 }
 
 TEST_F(ConnectionManagerTest, FailsSilentlyWhenTwoSourcesHaveTheSameName)
@@ -671,8 +669,8 @@ TEST_F(ConnectionManagerTest, FailsSilentlyWhenTwoSourcesHaveTheSameName)
 
 TEST_F(ConnectionManagerTest, FailsWhenASourceCannotBeLinked)
 {
-  Connection connection(
-      {testelements::make_source(Behaviour::SILENT), testelements::make_unusable(Unusable::HAS_NO_PAD)});
+  Connection connection({testelements::make_source(Behaviour::SILENT),
+                         testelements::make_unusable(Unusable::CANNOT_BE_LINKED)});
 
   EXPECT_FALSE(connection.prepare());
   const SyslogLines lines = testhost::take_syslog();

@@ -395,61 +395,266 @@ test_document_class_init(TestDocumentClass *klass)
   gst_element_class_set_static_metadata(element_class, "Test document", "Muxer", "Driven by a test", "tests");
 }
 
-/* Elements that cannot be used. */
+/* The elements of scenes, which remember what is set on them. */
 
-struct TestPadless {
-  GstElement parent_instance;
+namespace
+{
+
+struct SceneProperty {
+  const char *name;
+  GType type;
 };
 
-struct TestPadlessClass {
+struct SceneElement {
+  const char *factory;
+  const char *type_name;
+  const char *sink_caps; /* none for a source */
+  const char *src_caps;
+  std::vector<SceneProperty> properties;
+};
+
+const std::array SCENE_ELEMENTS = {
+    SceneElement{"scenesrc",
+                 "TestSceneSource",
+                 nullptr,
+                 "application/vnd.quon.scene",
+                 {{"video-channel", G_TYPE_INT}}},
+    SceneElement{"scene2xml",
+                 "TestSceneConverter",
+                 "application/vnd.quon.scene",
+                 SOURCE_CAPS,
+                 {{"polygon", G_TYPE_BOOLEAN},
+                  {"ptz-move-capabilities", G_TYPE_INT},
+                  {"rotation", G_TYPE_UINT},
+                  {"source-name", G_TYPE_STRING},
+                  {"pan-tilt-space", G_TYPE_INT},
+                  {"zoom-space", G_TYPE_INT},
+                  {"channel", G_TYPE_INT},
+                  {"ptz", G_TYPE_BOOLEAN}}},
+    SceneElement{"radarscenesrc",
+                 "TestRadarSceneSource",
+                 nullptr,
+                 "application/vnd.quon.radarscene",
+                 {{"video-channel", G_TYPE_INT}}},
+    SceneElement{"radarscene2xml",
+                 "TestRadarSceneConverter",
+                 "application/vnd.quon.radarscene",
+                 SOURCE_CAPS,
+                 {{"polygon", G_TYPE_BOOLEAN},
+                  {"velocity", G_TYPE_BOOLEAN},
+                  {"geolocation", G_TYPE_BOOLEAN},
+                  {"rotation", G_TYPE_UINT},
+                  {"source-name", G_TYPE_STRING}}},
+};
+
+std::vector<std::string> scene_settings;
+std::atomic<bool> ptz_is_refused = false;
+
+} // namespace
+
+struct TestSceneElement {
+  GstElement parent_instance;
+
+  std::string *current_settings; /* of the call that sets properties right now */
+  gboolean ptz;
+};
+
+struct TestSceneElementClass {
   GstElementClass parent_class;
 };
 
-GType test_padless_get_type();
-G_DEFINE_TYPE(TestPadless, test_padless, GST_TYPE_ELEMENT)
+GType test_scene_element_get_type();
+G_DEFINE_TYPE(TestSceneElement, test_scene_element, GST_TYPE_ELEMENT)
 
-static void
-test_padless_init(TestPadless *)
+static TestSceneElement *
+test_scene_element(gpointer instance)
 {
+  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_scene_element_get_type(), TestSceneElement);
 }
 
 static void
-test_padless_class_init(TestPadlessClass *klass)
+test_scene_element_set_property(GObject *object, guint, const GValue *value, GParamSpec *pspec)
 {
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Padless", "Test", "Has no pad", "tests");
+  TestSceneElement *self = test_scene_element(object);
+  g_auto(GValue) text = G_VALUE_INIT;
+
+  g_value_init(&text, G_TYPE_STRING);
+  g_value_transform(value, &text);
+  *self->current_settings += std::string(" ") + pspec->name + "=" + g_value_get_string(&text);
+  if (strcmp(pspec->name, "ptz") == 0) {
+    self->ptz = g_value_get_boolean(value) && !ptz_is_refused;
+  }
 }
 
-struct TestTaken {
-  GstElement parent_instance;
-};
+/* Only "ptz" is ever read. */
+static void
+test_scene_element_get_property(GObject *object, guint, GValue *value, GParamSpec *pspec)
+{
+  if (strcmp(pspec->name, "ptz") == 0) {
+    g_value_set_boolean(value, test_scene_element(object)->ptz);
+  }
+}
 
-struct TestTakenClass {
-  GstElementClass parent_class;
-};
+/* Called once behind each call that sets properties, however many. */
+static void
+test_scene_element_dispatch_properties_changed(GObject *object, guint n_pspecs, GParamSpec **pspecs)
+{
+  const std::string settings = std::exchange(*test_scene_element(object)->current_settings, {});
 
-GType test_taken_get_type();
-G_DEFINE_TYPE(TestTaken, test_taken, GST_TYPE_ELEMENT)
+  if (!settings.empty()) {
+    std::lock_guard guard(lock);
+    scene_settings.push_back(GST_OBJECT_NAME(object) + settings);
+  }
+  G_OBJECT_CLASS(test_scene_element_parent_class)->dispatch_properties_changed(object, n_pspecs, pspecs);
+}
 
 static void
-test_taken_init(TestTaken *self)
+test_scene_element_init(TestSceneElement *self)
 {
+  self->current_settings = new std::string;
+}
+
+static void
+test_scene_element_finalize(GObject *object)
+{
+  delete test_scene_element(object)->current_settings;
+
+  G_OBJECT_CLASS(test_scene_element_parent_class)->finalize(object);
+}
+
+static void
+test_scene_element_class_init(TestSceneElementClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+
+  object_class->finalize = test_scene_element_finalize;
+  object_class->dispatch_properties_changed = test_scene_element_dispatch_properties_changed;
+}
+
+static GParamSpec *
+scene_property_spec(const SceneProperty &property)
+{
+  const char *name = property.name;
+
+  switch (property.type) {
+  case G_TYPE_BOOLEAN:
+    return g_param_spec_boolean(name, name, name, FALSE, G_PARAM_READWRITE);
+  case G_TYPE_INT:
+    return g_param_spec_int(name, name, name, G_MININT, G_MAXINT, 0, G_PARAM_READWRITE);
+  case G_TYPE_UINT:
+    return g_param_spec_uint(name, name, name, 0, G_MAXUINT, 0, G_PARAM_READWRITE);
+  default:
+    return g_param_spec_string(name, name, name, nullptr, G_PARAM_READWRITE);
+  }
+}
+
+static void
+add_pad_template(GstElementClass *klass, const char *name, GstPadDirection direction, const char *media_type)
+{
+  g_autoptr(GstCaps) caps = gst_caps_from_string(media_type);
+
+  gst_element_class_add_pad_template(klass, gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
+}
+
+static void
+scene_element_class_init(gpointer klass, gpointer user_data)
+{
+  const auto *description = static_cast<const SceneElement *>(user_data);
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  guint id = 0;
+
+  /* Not inherited. */
+  object_class->get_property = test_scene_element_get_property;
+  object_class->set_property = test_scene_element_set_property;
+  for (const SceneProperty &property : description->properties) {
+    g_object_class_install_property(object_class, ++id, scene_property_spec(property));
+  }
+  if (description->sink_caps != nullptr) {
+    add_pad_template(GST_ELEMENT_CLASS(klass), "sink", GST_PAD_SINK, description->sink_caps);
+  }
+  add_pad_template(GST_ELEMENT_CLASS(klass), "src", GST_PAD_SRC, description->src_caps);
+  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Scenes", "Test", "Remembers", "tests");
+}
+
+static void
+scene_element_init(GTypeInstance *instance, gpointer klass)
+{
+  for (const char *name : {"sink", "src"}) {
+    GstPadTemplate *templ = gst_element_class_get_pad_template(GST_ELEMENT_CLASS(klass), name);
+    if (templ != nullptr) {
+      gst_element_add_pad(GST_ELEMENT(instance), gst_pad_new_from_template(templ, name));
+    }
+  }
+}
+
+static void
+register_scene_element(const SceneElement &description)
+{
+  const GTypeInfo info = {
+      .class_size = sizeof(TestSceneElementClass),
+      .class_init = scene_element_class_init,
+      .class_data = &description,
+      .instance_size = sizeof(TestSceneElement),
+      .instance_init = scene_element_init,
+  };
+
+  if (g_type_from_name(description.type_name) == G_TYPE_INVALID) {
+    const GType type = g_type_register_static(test_scene_element_get_type(), description.type_name, &info,
+                                              static_cast<GTypeFlags>(0));
+    gst_element_register(nullptr, description.factory, GST_RANK_NONE, type);
+  }
+}
+
+/* Elements that cannot be used: those of any type, but for one thing. */
+
+static GObjectClass *
+usable_class(gpointer instance)
+{
+  return G_OBJECT_CLASS(g_type_class_peek_parent(G_OBJECT_GET_CLASS(instance)));
+}
+
+static GstPadLinkReturn
+refuse_link(GstPad *, GstObject *, GstPad *)
+{
+  return GST_PAD_LINK_REFUSED;
+}
+
+static void
+unlinkable_constructed(GObject *object)
+{
+  usable_class(object)->constructed(object);
+
+  for (GList *pad = GST_ELEMENT(object)->pads; pad != nullptr; pad = pad->next) {
+    gst_pad_set_link_function(GST_PAD(pad->data), refuse_link);
+  }
+}
+
+static void
+without_source_pad_constructed(GObject *object)
+{
+  GstElement *element = GST_ELEMENT(object);
+  usable_class(object)->constructed(object);
+
+  while (element->srcpads != nullptr) {
+    gst_element_remove_pad(element, GST_PAD(element->srcpads->data));
+  }
+}
+
+static void
+taken_constructed(GObject *object)
+{
+  usable_class(object)->constructed(object);
+
   /* Any object serves: a bin asks only whether there is a parent. */
-  GST_OBJECT_PARENT(self) = GST_OBJECT(gst_registry_get());
+  GST_OBJECT_PARENT(object) = GST_OBJECT(gst_registry_get());
 }
 
 static void
-test_taken_dispose(GObject *object)
+unusable_dispose(GObject *object)
 {
   GST_OBJECT_PARENT(object) = nullptr;
 
-  G_OBJECT_CLASS(test_taken_parent_class)->dispose(object);
-}
-
-static void
-test_taken_class_init(TestTakenClass *klass)
-{
-  G_OBJECT_CLASS(klass)->dispose = test_taken_dispose;
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Taken", "Test", "Has a parent", "tests");
+  usable_class(object)->dispose(object);
 }
 
 namespace testelements
@@ -457,10 +662,55 @@ namespace testelements
 namespace
 {
 
-GType
-unusable_type(Unusable kind)
+struct UnusableKind {
+  const char *prefix;
+  void (*constructed)(GObject *object);
+};
+
+/* In the order of Unusable. */
+constexpr std::array UNUSABLE_KINDS = {
+    UnusableKind{"TestUnlinkable", unlinkable_constructed},
+    UnusableKind{"TestWithoutSourcePad", without_source_pad_constructed},
+    UnusableKind{"TestTaken", taken_constructed},
+};
+
+void
+unusable_class_init(gpointer klass, gpointer user_data)
 {
-  return kind == Unusable::HAS_PARENT ? test_taken_get_type() : test_padless_get_type();
+  G_OBJECT_CLASS(klass)->constructed = static_cast<const UnusableKind *>(user_data)->constructed;
+  G_OBJECT_CLASS(klass)->dispose = unusable_dispose;
+  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Unusable", "Test", "Unusable", "tests");
+}
+
+GType
+unusable_type(GType usable, Unusable kind)
+{
+  const UnusableKind &description = UNUSABLE_KINDS.at(static_cast<gsize>(kind));
+  const std::string name = std::string(description.prefix) + g_type_name(usable);
+  const GType known = g_type_from_name(name.c_str());
+  if (known != G_TYPE_INVALID) {
+    return known;
+  }
+  GTypeQuery query = {};
+  g_type_query(usable, &query);
+  const GTypeInfo info = {
+      .class_size = static_cast<guint16>(query.class_size),
+      .class_init = unusable_class_init,
+      .class_data = &description,
+      .instance_size = static_cast<guint16>(query.instance_size),
+  };
+
+  return g_type_register_static(usable, name.c_str(), &info, static_cast<GTypeFlags>(0));
+}
+
+/* What a factory makes. */
+GType
+type_made_by(const char *factory_name)
+{
+  g_autoptr(GstElementFactory) known = gst_element_factory_find(factory_name);
+  g_autoptr(GstPluginFeature) loaded = gst_plugin_feature_load(GST_PLUGIN_FEATURE(known));
+
+  return gst_element_factory_get_element_type(GST_ELEMENT_FACTORY(loaded));
 }
 
 } // namespace
@@ -470,6 +720,9 @@ install()
 {
   gst_element_register(nullptr, "onvifxmlmetadatastreamdoc", GST_RANK_NONE, test_document_get_type());
   gst_element_register(nullptr, "onvifeventsrc", GST_RANK_NONE, test_event_source_get_type());
+  for (const SceneElement &description : SCENE_ELEMENTS) {
+    register_scene_element(description);
+  }
 }
 
 GstElement *
@@ -493,7 +746,7 @@ make_live_source(Behaviour behaviour)
 GstElement *
 make_unusable(Unusable kind)
 {
-  return GST_ELEMENT(g_object_new(unusable_type(kind), nullptr));
+  return GST_ELEMENT(g_object_new(unusable_type(GST_TYPE_ELEMENT, kind), nullptr));
 }
 
 void
@@ -514,6 +767,24 @@ take_filters()
   std::lock_guard guard(lock);
 
   return std::exchange(filters, {});
+}
+
+std::vector<std::string>
+take_scene_settings()
+{
+  std::lock_guard guard(lock);
+
+  return std::exchange(scene_settings, {});
+}
+
+WithoutPtz::WithoutPtz()
+{
+  ptz_is_refused = true;
+}
+
+WithoutPtz::~WithoutPtz()
+{
+  ptz_is_refused = false;
 }
 
 std::ostream &
@@ -562,9 +833,10 @@ WithoutFactory::~WithoutFactory()
   gst_object_unref(feature_);
 }
 
-ReplacedFactory::ReplacedFactory(const char *name, Unusable kind) : without_(name), name_(name)
+ReplacedFactory::ReplacedFactory(const char *name, Unusable kind)
+    : type_(unusable_type(type_made_by(name), kind)), without_(name), name_(name)
 {
-  gst_element_register(nullptr, name, GST_RANK_NONE, unusable_type(kind));
+  gst_element_register(nullptr, name, GST_RANK_NONE, type_);
 }
 
 ReplacedFactory::~ReplacedFactory()

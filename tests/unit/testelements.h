@@ -11,7 +11,8 @@
 namespace testelements
 {
 
-/* Makes the doubles of "onvifxmlmetadatastreamdoc" and "onvifeventsrc" known. Once in a process is enough. */
+/* Makes the doubles known: "onvifxmlmetadatastreamdoc", "onvifeventsrc", and those of scenes, "scenesrc",
+ * "scene2xml", "radarscenesrc" and "radarscene2xml". Once in a process is enough. */
 void install();
 
 /* What a source does when its pipeline plays. All but the state failures are told by the streaming thread. */
@@ -38,7 +39,8 @@ GstElement *make_source(Behaviour behaviour);
 GstElement *make_live_source(Behaviour behaviour);
 
 enum class Unusable {
-  HAS_NO_PAD, /* so it cannot be linked */
+  CANNOT_BE_LINKED,
+  HAS_NO_SOURCE_PAD,
   HAS_PARENT, /* so it cannot be added */
 };
 
@@ -53,6 +55,20 @@ unsigned errors_reported();
 
 /* Every property set on an "onvifeventsrc" since the last call, as "name=value". */
 std::vector<std::string> take_filters();
+
+/* Every call since the last call of this that set properties of elements of scenes, of all of them in order,
+ * each as "element property=value property=value". */
+std::vector<std::string> take_scene_settings();
+
+/* No "scene2xml" takes "ptz" as long as this object lives. */
+class WithoutPtz
+{
+public:
+  WithoutPtz();
+  ~WithoutPtz();
+  WithoutPtz(const WithoutPtz &) = delete;
+  WithoutPtz &operator=(const WithoutPtz &) = delete;
+};
 
 struct SentEvent {
   GstEventType type;
@@ -93,7 +109,8 @@ private:
   GstPluginFeature *feature_;
 };
 
-/* Makes an element factory make elements that cannot be used as long as this object lives. */
+/* Makes an element factory make elements that cannot be used as long as this object lives. Nothing else about
+ * them differs from those that it made before. */
 class ReplacedFactory
 {
 public:
@@ -103,6 +120,7 @@ public:
   ReplacedFactory &operator=(const ReplacedFactory &) = delete;
 
 private:
+  GType type_;
   WithoutFactory without_;
   const char *name_;
 };
