@@ -49,8 +49,12 @@ keep_syslog_line(int priority, const char *format, va_list args)
 }
 
 void
-on_glib_message(const gchar *domain, GLogLevelFlags, const gchar *message, gpointer)
+on_glib_message(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer)
 {
+  /* Seen by nobody who does not ask for it. */
+  if ((level & (G_LOG_LEVEL_DEBUG | G_LOG_LEVEL_INFO)) != 0) {
+    return;
+  }
   std::lock_guard guard(lock);
   glib_messages.push_back(std::string(domain != nullptr ? domain : "") + ": " + message);
 }

@@ -1,0 +1,262 @@
+/* What the factories of scenes have in common, for one channel of the camera: the built-in producer and
+ * whether it is enabled, the picture's rotation, and the bin
+ *
+ *   source -> capsfilter -> converter -> "src"
+ *
+ * Nothing here keeps a state, and everything but the publishing runs on the pool threads that ask the
+ * factories. What differs between the kinds, the order of the steps included, is the factories' own.
+ */
+#include "scenesource.h"
+
+#include "optionvalidation.h"
+#include "producerconfig.h"
+#include "sourcefactory.h"
+
+#include <array>
+#include <gio/gio.h>
+
+namespace
+{
+
+/* For a request that names no channel. Not the first number that a request may name, which is 0: channels are
+ * counted from 1, and this default is deliberate and kept. */
+constexpr gint32 DEFAULT_CHANNEL = 1;
+
+constexpr const char *CAPTURE_NAME = "com.quon.Capt1";
+constexpr const char *CAPTURE_CHANNEL_PATH = "/com/quon/Capt1/Channels/%d";
+constexpr const char *CAPTURE_CHANNEL_INTERFACE = "com.quon.Capt1.Channel";
+
+gboolean
+fail(GError **error, const gchar *text)
+{
+  source_factory_fail(error, source_factory_error_quark(), "%s", text);
+  return FALSE;
+}
+
+/* The settings of a channel, as the capture service answers. NULL when it does not answer, or with something
+ * else than one variant: only what was asked for is unpacked. */
+GVariant *
+get_channel_settings(GDBusConnection *bus, gint32 channel)
+{
+  g_autofree gchar *path = g_strdup_printf(CAPTURE_CHANNEL_PATH, channel);
+  g_autoptr(GVariant) reply =
+      g_dbus_connection_call_sync(bus, CAPTURE_NAME, path, "org.freedesktop.DBus.Properties", "Get",
+                                  g_variant_new("(ss)", CAPTURE_CHANNEL_INTERFACE, "settings"), nullptr,
+                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  GVariant *settings = nullptr;
+
+  if (reply != nullptr && g_variant_is_of_type(reply, G_VARIANT_TYPE("(v)"))) {
+    g_variant_get(reply, "(v)", &settings);
+  }
+  return settings;
+}
+
+/* With a reference of the caller's own, so that whatever fails behind it leaves nothing floating. */
+GstElement *
+make_element(const gchar *factory, const gchar *name, const gchar *failure, GError **error)
+{
+  GstElement *element = gst_element_factory_make(factory, name);
+
+  if (element == nullptr) {
+    fail(error, failure);
+    return nullptr;
+  }
+  return GST_ELEMENT(gst_object_ref_sink(element));
+}
+
+GstElement *
+make_source(const SceneSourceKind *kind, gint32 channel, GError **error)
+{
+  GstElement *source = make_element(kind->source, kind->source, kind->no_source, error);
+
+  if (source != nullptr) {
+    g_object_set(source, "video-channel", channel, nullptr);
+  }
+  return source;
+}
+
+GstElement *
+make_filter(const SceneSourceKind *kind, gint32 channel, gboolean polygon, GError **error)
+{
+  GstElement *filter = make_element("capsfilter", kind->filter_name, kind->no_filter, error);
+  if (filter == nullptr) {
+    return nullptr;
+  }
+
+  /* Whoever asks for analytics at all gets bounding boxes. */
+  g_autoptr(GstCaps) caps =
+      gst_caps_new_simple(kind->media_type, "bounding-box", G_TYPE_BOOLEAN, TRUE, "polygon", G_TYPE_BOOLEAN,
+                          polygon, "velocity", G_TYPE_BOOLEAN, TRUE, "channel", G_TYPE_INT, channel, nullptr);
+  g_object_set(filter, "caps", caps, nullptr);
+  return filter;
+}
+
+struct Addition {
+  GstElement *element; /* borrowed */
+  const gchar *failure;
+};
+
+gboolean
+add_all(GstElement *bin, const std::array<Addition, 3> &additions, GError **error)
+{
+  for (const Addition &addition : additions) {
+    if (!gst_bin_add(GST_BIN(bin), addition.element)) {
+      return fail(error, addition.failure);
+    }
+  }
+  return TRUE;
+}
+
+/* A converter without such a pad is the platform's fault, and no reason for GStreamer to complain. */
+gboolean
+add_ghost_pad(GstElement *bin, GstElement *converter)
+{
+  g_autoptr(GstPad) target = gst_element_get_static_pad(converter, "src");
+  if (target == nullptr) {
+    return FALSE;
+  }
+
+  GstPad *pad = gst_ghost_pad_new("src", target);
+  return pad != nullptr && gst_element_add_pad(bin, pad);
+}
+
+} // namespace
+
+/**
+ * scene_source_publish_producer:
+ * @producers: (transfer none): where the producer is listed
+ * @name: the producer's name
+ * @nice_name: its name for people
+ * @sample_frame_xml: what its output looks like
+ *
+ * Makes a built-in producer with the channels that the producer configuration knows for it, and leaves it to
+ * the list. Main thread, before the first request.
+ */
+void
+scene_source_publish_producer(AnalyticsProducerList *producers, const gchar *name, const gchar *nice_name,
+                              const gchar *sample_frame_xml)
+{
+  g_autoptr(GArray) channels = producer_config_get_supported_channels(name);
+  g_autoptr(AnalyticsProducer) producer =
+      analytics_producer_new(name, nice_name, sample_frame_xml, channels, ANALYTICS_PRODUCER_BUILT_IN);
+
+  analytics_producer_list_add(producers, producer);
+}
+
+/**
+ * scene_source_parse_channel:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @error: (out) (optional): where to put the failure
+ *
+ * The channel that a request names with "video_channel", or channel 1. Any thread.
+ *
+ * Returns: the channel, or -1 with the error of option_validation_parse_channel(), which has logged it
+ */
+gint32
+scene_source_parse_channel(GHashTable *params, GError **error)
+{
+  const gchar *channel = source_factory_lookup_param(params, "video_channel");
+
+  return channel != nullptr ? option_validation_parse_channel(channel, error) : DEFAULT_CHANNEL;
+}
+
+/**
+ * scene_source_is_enabled:
+ * @producers: (transfer none): where the producer is listed
+ * @name: the producer's name
+ * @channel: a channel, also one that the producer does not support
+ * @source_name: (out) (transfer full) (nullable): the name under which the producer is enabled there
+ *
+ * Any thread.
+ *
+ * Returns: whether the producer is listed and enabled on @channel
+ */
+gboolean
+scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gint32 channel,
+                        gchar **source_name)
+{
+  g_autoptr(AnalyticsProducer) producer = analytics_producer_list_get_producer(producers, name);
+
+  *source_name = nullptr;
+  return producer != nullptr && analytics_producer_get_channel_enabled(producer, channel, source_name);
+}
+
+/**
+ * scene_source_query_rotation:
+ * @channel: a channel
+ * @rotation: (out): the rotation of its picture in degrees; 0 when the capture service names none as an
+ *   unsigned number, and on failure
+ *
+ * Asks the capture service on the system bus and waits for the answer, with GDBus' default time-out (25
+ * seconds). Logs nothing: what a failure means is the caller's to say. Any thread but the main thread, which
+ * never waits.
+ *
+ * Returns: %FALSE when there is no bus, no service, or no answer that holds the channel's settings
+ */
+gboolean
+scene_source_query_rotation(gint32 channel, guint32 *rotation)
+{
+  *rotation = 0;
+  g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  if (bus == nullptr) {
+    return FALSE;
+  }
+  /* GLib's shared connection ends the process when the bus goes. A stream does not need the bus. */
+  g_dbus_connection_set_exit_on_close(bus, FALSE);
+
+  g_autoptr(GVariant) settings = get_channel_settings(bus, channel);
+  if (settings == nullptr || !g_variant_is_of_type(settings, G_VARIANT_TYPE_VARDICT)) {
+    return FALSE;
+  }
+  g_variant_lookup(settings, "rotation", "u", rotation);
+  return TRUE;
+}
+
+/**
+ * scene_source_new:
+ * @kind: the kind of scenes
+ * @channel: the channel whose scenes are asked for
+ * @polygon: whether objects have polygons
+ * @configure: called once, with the new converter
+ * @user_data: for @configure
+ * @error: (out) (optional): where to put the failure
+ *
+ * Builds the bin. A failure of its own is in the domain source_factory_error_quark(), with the text of @kind,
+ * and logged as a warning; everything made until then is released. Any thread.
+ *
+ * Returns: (transfer floating) (nullable): a bin with one pad, "src"; %NULL with @error set
+ */
+GstElement *
+scene_source_new(const SceneSourceKind *kind, gint32 channel, gboolean polygon,
+                 SceneSourceConfigureFunc configure, gpointer user_data, GError **error)
+{
+  g_autoptr(GstElement) bin = gst_bin_new(kind->bin_name);
+  g_autoptr(GstElement) source = make_source(kind, channel, error);
+  if (source == nullptr) {
+    return nullptr;
+  }
+  g_autoptr(GstElement) filter = make_filter(kind, channel, polygon, error);
+  if (filter == nullptr) {
+    return nullptr;
+  }
+  g_autoptr(GstElement) converter = make_element(kind->converter, kind->converter, kind->no_converter, error);
+  if (converter == nullptr || !configure(converter, user_data, error)) {
+    return nullptr;
+  }
+  const std::array<Addition, 3> additions = {{{converter, kind->converter_not_added},
+                                              {filter, kind->filter_not_added},
+                                              {source, kind->source_not_added}}};
+
+  if (!add_all(bin, additions, error)) {
+    return nullptr;
+  }
+  if (!gst_element_link_many(source, filter, converter, nullptr)) {
+    fail(error, kind->not_linked);
+    return nullptr;
+  }
+  if (!add_ghost_pad(bin, converter)) {
+    fail(error, kind->no_ghost_pad);
+    return nullptr;
+  }
+  return g_steal_pointer(&bin);
+}

@@ -1,0 +1,228 @@
+#include "scenesource.h"
+
+#include "testbus.h"
+#include "testhost.h"
+
+#include <array>
+#include <future>
+#include <optional>
+#include <ostream>
+#include <thread>
+
+using testbus::Bus;
+using testbus::Service;
+using testhost::Texts;
+
+namespace
+{
+
+constexpr const char *CAPTURE = "com.quon.Capt1";
+constexpr const char *ROTATION_180 = "(<{'rotation': <uint32 180>}>,)";
+
+struct Result {
+  gboolean ok;
+  guint32 rotation;
+
+  bool operator==(const Result &) const = default;
+};
+
+std::ostream &
+operator<<(std::ostream &stream, const Result &result)
+{
+  return stream << (result.ok ? "" : "no ") << "answer, rotation " << result.rotation;
+}
+
+constexpr Result FAILURE = {FALSE, 0};
+
+Result
+query(gint32 channel = 1)
+{
+  Result result = {FALSE, 4711};
+
+  result.ok = scene_source_query_rotation(channel, &result.rotation);
+  return result;
+}
+
+class SceneSourceTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testbus::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    bus_.emplace();
+  }
+
+  void TearDown() override
+  {
+    bus_.reset();
+    Fixture::TearDown();
+  }
+
+  std::optional<Bus> bus_;
+};
+
+void
+expect_results(const Texts &bodies, const Result &result)
+{
+  Service capture(CAPTURE, testbus::refuse());
+
+  for (const std::string &body : bodies) {
+    capture.set_answer(testbus::reply(body));
+    EXPECT_EQ(query(), result) << body;
+  }
+  EXPECT_EQ(capture.take_calls().size(), bodies.size());
+}
+
+} // namespace
+
+TEST_F(SceneSourceTest, AsksForTheSettingsOfTheChannel)
+{
+  Service capture(CAPTURE, testbus::reply(ROTATION_180));
+
+  EXPECT_EQ(query(7), (Result{TRUE, 180}));
+  EXPECT_EQ(query(0), (Result{TRUE, 180}));
+  EXPECT_EQ(query(G_MAXINT32), (Result{TRUE, 180}));
+  EXPECT_EQ(
+      capture.take_calls(),
+      (Texts{"/com/quon/Capt1/Channels/7 org.freedesktop.DBus.Properties.Get ('com.quon.Capt1.Channel', "
+             "'settings')",
+             "/com/quon/Capt1/Channels/0 org.freedesktop.DBus.Properties.Get ('com.quon.Capt1.Channel', "
+             "'settings')",
+             "/com/quon/Capt1/Channels/2147483647 org.freedesktop.DBus.Properties.Get "
+             "('com.quon.Capt1.Channel', "
+             "'settings')"}));
+}
+
+TEST_F(SceneSourceTest, FindsTheRotationAmongOtherSettings)
+{
+  expect_results({"(<{'width': <uint32 1920>, 'rotation': <uint32 270>, 'name': <'door'>}>,)"}, {TRUE, 270});
+  expect_results({"(<{'rotation': <uint32 4294967295>}>,)"}, {TRUE, G_MAXUINT32});
+}
+
+TEST_F(SceneSourceTest, TakesNoRotationForZero)
+{
+  expect_results({"(<@a{sv} {}>,)", "(<{'Rotation': <uint32 90>}>,)", "(<{'': <uint32 90>}>,)"}, {TRUE, 0});
+}
+
+TEST_F(SceneSourceTest, TakesARotationOfAnotherTypeForZero)
+{
+  expect_results({"(<{'rotation': <90>}>,)", "(<{'rotation': <'90'>}>,)", "(<{'rotation': <uint64 90>}>,)",
+                  "(<{'rotation': <90.0>}>,)", "(<{'rotation': <true>}>,)",
+                  "(<{'rotation': <(uint32 90,)>}>,)", "(<{'rotation': <[uint32 90]>}>,)",
+                  "(<{'rotation': <@a{sv} {}>}>,)", "(<{'rotation': <<uint32 90>>}>,)"},
+                 {TRUE, 0});
+}
+
+TEST_F(SceneSourceTest, FailsForAReplyThatIsNotOneVariant)
+{
+  expect_results({"()", "(uint32 90,)", "('rotation',)", "({'rotation': <uint32 90>},)",
+                  "(<{'rotation': <uint32 90>}>, 'more')", "('more', <{'rotation': <uint32 90>}>)",
+                  "((<{'rotation': <uint32 90>}>,),)", "([<{'rotation': <uint32 90>}>],)",
+                  "(objectpath '/',)"},
+                 FAILURE);
+}
+
+TEST_F(SceneSourceTest, FailsForSettingsThatAreNoDictionaryOfVariants)
+{
+  expect_results({"(<uint32 90>,)", "(<'rotation'>,)", "(<('rotation', <uint32 90>)>,)",
+                  "(<[('rotation', <uint32 90>)]>,)", "(<{'rotation': uint32 90}>,)",
+                  "(<@a{ss} {'rotation': '90'}>,)", "(<{uint32 1: <uint32 90>}>,)",
+                  "(<<{'rotation': <uint32 90>}>>,)", "(<<<<<<<<'deep'>>>>>>>>,)", "(<@av []>,)"},
+                 FAILURE);
+}
+
+TEST_F(SceneSourceTest, FailsWhenTheServiceRefuses)
+{
+  Service capture(CAPTURE, testbus::refuse());
+
+  EXPECT_EQ(query(), FAILURE);
+  EXPECT_EQ(capture.take_calls().size(), 1U);
+}
+
+TEST_F(SceneSourceTest, FailsWithoutTheService)
+{
+  EXPECT_EQ(query(), FAILURE);
+}
+
+TEST_F(SceneSourceTest, FailsWithoutABus)
+{
+  bus_.reset();
+
+  EXPECT_EQ(query(), FAILURE);
+}
+
+TEST_F(SceneSourceTest, FindsABusThatComesLater)
+{
+  bus_.reset();
+  EXPECT_EQ(query(), FAILURE);
+
+  bus_.emplace();
+  Service capture(CAPTURE, testbus::reply(ROTATION_180));
+  EXPECT_EQ(query(), (Result{TRUE, 180}));
+}
+
+TEST_F(SceneSourceTest, WaitsForASlowAnswer)
+{
+  Service capture(CAPTURE, testbus::reply(ROTATION_180));
+  capture.set_slow(true);
+  auto result = std::async(std::launch::async, [] { return query(); });
+
+  ASSERT_TRUE(testhost::spin_until([&] { return capture.calls_size() == 1; }));
+  EXPECT_EQ(result.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  capture.set_slow(false);
+  EXPECT_EQ(result.get(), (Result{TRUE, 180}));
+}
+
+TEST_F(SceneSourceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
+{
+  std::optional<Service> capture;
+  capture.emplace(CAPTURE, testbus::reply(ROTATION_180));
+  capture->set_slow(true);
+  auto result = std::async(std::launch::async, [] { return query(); });
+
+  ASSERT_TRUE(testhost::spin_until([&] { return capture->calls_size() == 1; }));
+  capture.reset();
+  EXPECT_EQ(result.get(), FAILURE);
+}
+
+/* The process has a connection of its own as well, as the daemon has: GLib shares it with the query. */
+TEST_F(SceneSourceTest, OutlivesTheBus)
+{
+  Service capture(CAPTURE, testbus::reply(ROTATION_180));
+  g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  ASSERT_TRUE(g_dbus_connection_get_exit_on_close(shared));
+  bool closed = false;
+  g_signal_connect(shared, "closed",
+                   G_CALLBACK(+[](GDBusConnection *, gboolean, GError *, bool *flag) { *flag = true; }),
+                   &closed);
+
+  EXPECT_EQ(query(), (Result{TRUE, 180}));
+  EXPECT_FALSE(g_dbus_connection_get_exit_on_close(shared));
+  bus_.reset();
+  EXPECT_TRUE(testhost::spin_until([&] { return closed; }));
+  EXPECT_EQ(query(), FAILURE);
+}
+
+TEST_F(SceneSourceTest, AnswersTwoThreadsAtOnce)
+{
+  Service capture(CAPTURE, [](GDBusMessage *call) {
+    const bool first = g_str_has_suffix(g_dbus_message_get_path(call), "/1");
+    return testbus::reply(first ? "(<{'rotation': <uint32 90>}>,)" : ROTATION_180)(call);
+  });
+  const auto query_often = [](gint32 channel, guint32 rotation) {
+    int right = 0;
+    for (int i = 0; i < 50; i++) {
+      right += query(channel) == Result{TRUE, rotation} ? 1 : 0;
+    }
+    return right;
+  };
+
+  auto other = std::async(std::launch::async, query_often, 2, 180);
+  EXPECT_EQ(query_often(1, 90), 50);
+  EXPECT_EQ(other.get(), 50);
+}

@@ -1,0 +1,340 @@
+#include "testbus.h"
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+namespace testbus
+{
+namespace
+{
+
+constexpr const char *ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
+constexpr std::string_view SOCKET_PLACEHOLDER = "@socket@";
+
+/* Goes with the process. */
+class Directory
+{
+public:
+  Directory()
+  {
+    g_autofree gchar *path = g_dir_make_tmp("tessard-bus-XXXXXX", nullptr);
+    g_assert_nonnull(path);
+    path_ = path;
+  }
+
+  ~Directory()
+  {
+    std::error_code error;
+    std::filesystem::remove_all(path_, error);
+  }
+
+  Directory(const Directory &) = delete;
+  Directory &operator=(const Directory &) = delete;
+
+  std::string path(const char *name) const
+  {
+    return path_ + "/" + name;
+  }
+
+private:
+  std::string path_;
+};
+
+const Directory &
+directory()
+{
+  static const Directory instance;
+
+  return instance;
+}
+
+std::string
+socket_path()
+{
+  return directory().path("socket");
+}
+
+/* The configuration that the system tests use too. */
+std::string
+write_configuration()
+{
+  const std::string path = directory().path("bus.conf");
+  std::ifstream in(PRIVATE_BUS_CONFIGURATION);
+  std::string text(std::istreambuf_iterator<char>(in), {});
+  const gsize placeholder = text.find(SOCKET_PLACEHOLDER);
+  g_assert_cmpuint(placeholder, !=, std::string::npos);
+
+  std::ofstream(path) << text.replace(placeholder, SOCKET_PLACEHOLDER.size(), socket_path());
+  return path;
+}
+
+/* The bus goes with the test program, however that ends. */
+void
+on_child_setup(gpointer)
+{
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
+GDBusConnection *
+connect_to_bus()
+{
+  constexpr auto FLAGS = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+  g_autoptr(GError) error = nullptr;
+  GDBusConnection *connection =
+      g_dbus_connection_new_for_address_sync(g_getenv(ADDRESS_VARIABLE), FLAGS, nullptr, nullptr, &error);
+
+  g_assert_no_error(error);
+  return connection;
+}
+
+void
+own_name(GDBusConnection *connection, const char *name)
+{
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+      g_variant_new("(su)", name, 0U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+
+  g_assert_no_error(error);
+}
+
+std::string
+describe(GDBusMessage *call)
+{
+  GVariant *body = g_dbus_message_get_body(call);
+  g_autofree gchar *arguments = body != nullptr ? g_variant_print(body, TRUE) : g_strdup("()");
+
+  return std::string(g_dbus_message_get_path(call)) + " " + g_dbus_message_get_interface(call) + "." +
+         g_dbus_message_get_member(call) + " " + arguments;
+}
+
+/* A call on its way to the service's thread. */
+struct Call {
+  Service *service;
+  GDBusConnection *connection;
+  GDBusMessage *message;
+};
+
+void
+free_call(gpointer user_data)
+{
+  auto *call = static_cast<Call *>(user_data);
+
+  g_object_unref(call->connection);
+  g_object_unref(call->message);
+  delete call;
+}
+
+void
+on_closed(GDBusConnection *, gboolean, GError *, bool *closed)
+{
+  *closed = true;
+}
+
+} // namespace
+
+void
+install()
+{
+  g_setenv(ADDRESS_VARIABLE, ("unix:path=" + socket_path()).c_str(), TRUE);
+
+  const Bus bus;
+  g_autoptr(GDBusConnection) connection = connect_to_bus();
+  g_dbus_connection_close_sync(connection, nullptr, nullptr);
+}
+
+Bus::Bus()
+{
+  const std::string option = "--config-file=" + write_configuration();
+  const std::array<const char *, 7> command = {"dbus-daemon", option.c_str(),      "--nofork", "--nopidfile",
+                                               "--nosyslog",  "--print-address=1", nullptr};
+  g_autoptr(GError) error = nullptr;
+  gint output = -1;
+
+  g_spawn_async_with_pipes(
+      nullptr, const_cast<gchar **>(command.data()), nullptr,
+      static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL),
+      on_child_setup, nullptr, &pid_, nullptr, &output, nullptr, &error);
+  g_assert_no_error(error);
+
+  /* Printed once the bus listens. */
+  char first = '\0';
+  EXPECT_EQ(read(output, &first, 1), 1) << "the bus did not start";
+  close(output);
+}
+
+Bus::~Bus()
+{
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  unlink(socket_path().c_str());
+}
+
+Answer
+reply(const std::string &body)
+{
+  return [body](GDBusMessage *call) {
+    g_autoptr(GError) error = nullptr;
+    GVariant *tuple = g_variant_parse(nullptr, body.c_str(), nullptr, nullptr, &error);
+    g_assert_no_error(error);
+    GDBusMessage *message = g_dbus_message_new_method_reply(call);
+
+    g_dbus_message_set_body(message, tuple);
+    g_variant_unref(tuple);
+    return message;
+  };
+}
+
+Answer
+refuse()
+{
+  return [](GDBusMessage *call) {
+    return g_dbus_message_new_method_error_literal(call, "com.quon.Test.Error", "No.");
+  };
+}
+
+Service::Service(const char *name, Answer answer)
+    : answer_(std::move(answer)), context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)),
+      thread_([this, name] { run(name); })
+{
+  std::unique_lock guard(lock_);
+
+  changed_.wait(guard, [this] { return ready_; });
+}
+
+Service::~Service()
+{
+  {
+    std::lock_guard guard(lock_);
+    gone_ = true;
+    changed_.notify_all();
+  }
+  g_autoptr(GSource) quit = g_idle_source_new();
+  g_source_set_callback(
+      quit,
+      [](gpointer loop) -> gboolean {
+        g_main_loop_quit(static_cast<GMainLoop *>(loop));
+        return G_SOURCE_REMOVE;
+      },
+      loop_, nullptr);
+  g_source_attach(quit, context_);
+
+  thread_.join();
+  g_main_loop_unref(loop_);
+  g_main_context_unref(context_);
+}
+
+void
+Service::set_answer(Answer answer)
+{
+  std::lock_guard guard(lock_);
+
+  answer_ = std::move(answer);
+}
+
+std::vector<std::string>
+Service::take_calls()
+{
+  std::lock_guard guard(lock_);
+
+  return std::exchange(calls_, {});
+}
+
+gsize
+Service::calls_size()
+{
+  std::lock_guard guard(lock_);
+
+  return calls_.size();
+}
+
+void
+Service::set_slow(bool slow)
+{
+  std::lock_guard guard(lock_);
+
+  slow_ = slow;
+  changed_.notify_all();
+}
+
+void
+Service::run(const char *name)
+{
+  g_main_context_push_thread_default(context_);
+  g_autoptr(GDBusConnection) connection = connect_to_bus();
+  const guint filter_id = g_dbus_connection_add_filter(connection, on_message, this, nullptr);
+  bool closed = false;
+  g_signal_connect(connection, "closed", G_CALLBACK(on_closed), &closed);
+  own_name(connection, name);
+  {
+    std::lock_guard guard(lock_);
+    ready_ = true;
+    changed_.notify_all();
+  }
+
+  g_main_loop_run(loop_);
+  /* Connection and context keep each other as long as the word of the end is on its way. */
+  g_dbus_connection_close_sync(connection, nullptr, nullptr);
+  while (!closed) {
+    g_main_context_iteration(context_, TRUE);
+  }
+  g_dbus_connection_remove_filter(connection, filter_id);
+  g_main_context_pop_thread_default(context_);
+}
+
+/* On GDBus' own thread, which every connection of the process shares: nothing may be waited for here. */
+GDBusMessage *
+Service::on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming, gpointer user_data)
+{
+  auto *self = static_cast<Service *>(user_data);
+
+  if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+    return message;
+  }
+  std::lock_guard guard(self->lock_);
+  auto *call = new Call{self, G_DBUS_CONNECTION(g_object_ref(connection)), message};
+  g_autoptr(GSource) source = g_idle_source_new();
+
+  g_source_set_callback(source, on_call, call, free_call);
+  g_source_attach(source, self->context_);
+  return nullptr;
+}
+
+gboolean
+Service::on_call(gpointer user_data)
+{
+  auto *call = static_cast<Call *>(user_data);
+
+  call->service->answer(call->connection, call->message);
+  return G_SOURCE_REMOVE;
+}
+
+void
+Service::answer(GDBusConnection *connection, GDBusMessage *call)
+{
+  std::unique_lock guard(lock_);
+  calls_.push_back(describe(call));
+  changed_.wait(guard, [this] { return !slow_ || gone_; });
+  if (gone_) {
+    return;
+  }
+  const Answer make_reply = answer_;
+  guard.unlock();
+
+  g_autoptr(GDBusMessage) message = make_reply(call);
+  g_autoptr(GError) error = nullptr;
+  g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, &error);
+  EXPECT_EQ(error, nullptr) << error->message;
+}
+
+} // namespace testbus

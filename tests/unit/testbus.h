@@ -1,0 +1,88 @@
+/* The camera's message bus as the daemon's components need it: a real one of the test program's own, in place
+ * of the system's, with services whose answers a test chooses.
+ *
+ * Every service answers on a thread of its own, so a test may ask it synchronously, and may let an answer
+ * wait.
+ */
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <gio/gio.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testbus
+{
+
+/* Makes this process look for the system's bus where a Bus will be, and nowhere else. Called before a test
+ * sets up, so that what GLib keeps once it has talked to a bus does not look as if the test had left it
+ * behind. Once in a process is enough. */
+void install();
+
+/* The bus. One at a time; without it there is none. */
+class Bus
+{
+public:
+  Bus();
+  ~Bus();
+  Bus(const Bus &) = delete;
+  Bus &operator=(const Bus &) = delete;
+
+private:
+  GPid pid_ = 0;
+};
+
+/* Makes a reply to a call, without sending it. Called on the service's thread. */
+using Answer = std::function<GDBusMessage *(GDBusMessage *call)>;
+
+/* A reply with a body in GVariant's text format, which is a tuple: "(<uint32 90>,)". */
+Answer reply(const std::string &body);
+
+/* A failure with a D-Bus error of the tests' own. */
+Answer refuse();
+
+/* A name on the bus that answers every call in the same way, whatever its object, interface and arguments. */
+class Service
+{
+public:
+  Service(const char *name, Answer answer);
+
+  /* A call that still waits for its answer gets none from the service, but the bus' word that it is gone. */
+  ~Service();
+  Service(const Service &) = delete;
+  Service &operator=(const Service &) = delete;
+
+  void set_answer(Answer answer);
+
+  /* The calls since the last call of this, in order, each as "object interface.method arguments". */
+  std::vector<std::string> take_calls();
+  gsize calls_size();
+
+  /* Lets every call wait for its answer from now on, or no longer. */
+  void set_slow(bool slow);
+
+private:
+  static GDBusMessage *on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming,
+                                  gpointer user_data);
+  static gboolean on_call(gpointer user_data);
+
+  void run(const char *name);
+  void answer(GDBusConnection *connection, GDBusMessage *call);
+
+  std::mutex lock_;
+  std::condition_variable changed_;
+  Answer answer_;
+  std::vector<std::string> calls_;
+  bool slow_ = false;
+  bool ready_ = false;
+  bool gone_ = false;
+
+  GMainContext *context_;
+  GMainLoop *loop_;
+  std::thread thread_;
+};
+
+} // namespace testbus
