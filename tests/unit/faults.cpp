@@ -26,6 +26,7 @@ std::atomic<unsigned> request_time_divisor = 1;
 std::function<void()> bus_watch_hook;
 std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
+std::function<void(gulong)> rest_hook;
 
 bool
 take_failure(faults::Call call)
@@ -142,6 +143,20 @@ after_next_flush(std::function<void()> hook)
   flush_hook = std::move(hook);
 }
 
+Rests::Rests(std::function<void(gulong us)> rest)
+{
+  std::lock_guard guard(lock);
+
+  rest_hook = std::move(rest);
+}
+
+Rests::~Rests()
+{
+  std::lock_guard guard(lock);
+
+  rest_hook = nullptr;
+}
+
 } // namespace faults
 
 /* The names are the linker's, and so is the wish that they be visible. */
@@ -171,6 +186,8 @@ GIOStatus __real_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __wrap_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __real_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 GIOStatus __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
+void __real_g_usleep(gulong us);
+void __wrap_g_usleep(gulong us);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
                                            gint max_threads, gboolean exclusive, GError **error);
 GThreadPool *__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -290,6 +307,19 @@ __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GEr
   return take_failure(faults::Call::IO_CHANNEL_SET_ENCODING)
              ? G_IO_STATUS_ERROR
              : __real_g_io_channel_set_encoding(channel, encoding, error);
+}
+
+void
+__wrap_g_usleep(gulong us)
+{
+  std::function<void(gulong)> rest = __real_g_usleep;
+  {
+    std::lock_guard guard(lock);
+    if (rest_hook) {
+      rest = rest_hook;
+    }
+  }
+  rest(us);
 }
 
 GThreadPool *

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <glib.h>
 #include <string>
 #include <vector>
 
@@ -60,5 +61,18 @@ void before_next_fsync(std::function<void()> hook);
 
 /* Called once, on the calling thread, right after the next flush of a channel. */
 void after_next_flush(std::function<void()> hook);
+
+/* Stands in for every rest that a thread takes with g_usleep(), as long as this object lives. There is one at
+ * a time.
+ */
+class Rests
+{
+public:
+  /* Called on the resting thread with the length in microseconds. */
+  explicit Rests(std::function<void(gulong us)> rest);
+  ~Rests();
+  Rests(const Rests &) = delete;
+  Rests &operator=(const Rests &) = delete;
+};
 
 } // namespace faults

@@ -1,0 +1,247 @@
+/* Turns a request for analytics into the scenes of the video motion tracker on one channel, and publishes the
+ * tracker as a producer.
+ *
+ * A request is judged before anything is waited for: its parameters in a fixed order, then whether the
+ * tracker is enabled on its channel. Only then does it wait for a scene provider, and only then does it ask
+ * the bus. The factory's fields are written once, before the first request, so any number of requests may ask
+ * it at once, and each waits for itself.
+ */
+#include "scenesourcefactory.h"
+
+#include "optionvalidation.h"
+#include "ptzvalidation.h"
+#include "scenesource.h"
+#include "sourcefactory.h"
+
+#include <syslog.h>
+
+struct _SceneSourceFactory {
+  GObject parent_instance;
+
+  GMutex lock;
+  AnalyticsProducerList *producers; /* borrowed */
+  gint32 ptz_move_capabilities;
+  SceneRunningFunc scene_running_func;
+};
+
+static void scene_source_factory_iface_init(SourceFactoryInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(SceneSourceFactory, scene_source_factory, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(SOURCE_TYPE_FACTORY, scene_source_factory_iface_init))
+
+#define PRODUCER "VideoMotionTracker"
+
+namespace
+{
+
+constexpr const char *NICE_NAME = "Quon video motion tracker";
+constexpr const char SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(PRODUCER, "");
+static_assert(sizeof SAMPLE_FRAME - 1 == 860);
+
+/* The values of "analytics". */
+constexpr gint32 ANALYTICS_OFF = 0;
+constexpr gint32 ANALYTICS_WITH_POLYGONS = 2;
+
+constexpr gint32 NO_SPACE = -1;
+
+/* The nine blanks inside are what is left of a broken line; clients know the text so. */
+constexpr SceneSourceKind KIND = {
+    .bin_name = "scenesrcfactorybin",
+    .source = "scenesrc",
+    .filter_name = "scenefilter",
+    .media_type = "application/vnd.quon.scene",
+    .converter = "scene2xml",
+    .no_source = "Could not construct scenesrc.",
+    .no_filter = "Could not construct capsfilter for metadata (analytics) stream.",
+    .no_converter = "Could not construct scene2xml.",
+    .converter_not_added = "Could not add scene2xml to scene source factory bin.",
+    .filter_not_added = "Could not add capsfilter to scene source factory bin.",
+    .source_not_added = "Could not add scenesrc to scene source factory bin.",
+    .not_linked =
+        "Could not link scenesrc, capsfilter and scene2xml         for metadata (analytics) stream.",
+    .no_ghost_pad = "Could not add ghost pad for metadata (analytics) stream.",
+};
+
+struct Request {
+  gint32 analytics;
+  gint32 channel;
+  gint32 ptz;
+  gint32 pan_tilt_space;
+  gint32 zoom_space;
+};
+
+/* What the converter is told. */
+struct Settings {
+  const Request *request;
+  gint32 ptz_move_capabilities;
+  guint32 rotation;
+  const gchar *source_name;
+};
+
+/* One coordinate space, which is judged also when no PTZ is asked for. */
+gboolean
+parse_space(GHashTable *params, const gchar *key, gint32 (*parse)(const gchar *, GError **), gint32 *space,
+            GError **error)
+{
+  const gchar *text = source_factory_lookup_param(params, key);
+
+  *space = text != nullptr ? parse(text, error) : NO_SPACE;
+  return text == nullptr || *space >= 0;
+}
+
+gboolean
+parse_ptz(GHashTable *params, Request *request, GError **error)
+{
+  request->ptz = ptz_validation_parse_ptz(source_factory_lookup_param(params, "ptz"), error);
+
+  return request->ptz >= 0 &&
+         parse_space(params, "ptz_pantilt_coordinate_space", ptz_validation_parse_ptz_pantilt,
+                     &request->pan_tilt_space, error) &&
+         parse_space(params, "ptz_zoom_coordinate_space", ptz_validation_parse_ptz_zoom, &request->zoom_space,
+                     error);
+}
+
+/* FALSE without an error when the request asks for no analytics; its other parameters are not judged then. */
+gboolean
+parse_request(GHashTable *params, Request *request, GError **error)
+{
+  request->analytics =
+      option_validation_parse_analytics(source_factory_lookup_param(params, "analytics"), error);
+  if (request->analytics == ANALYTICS_OFF || request->analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
+    return FALSE;
+  }
+  request->channel = scene_source_parse_channel(params, error);
+  return request->channel >= 0 && parse_ptz(params, request, error);
+}
+
+/* Keeps the calling thread for up to 300 seconds. */
+gboolean
+wait_for_scene_provider(SceneRunningFunc scene_running_func)
+{
+  for (guint left = SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS; left > 0; left--) {
+    if (scene_running_func()) {
+      return TRUE;
+    }
+    g_usleep(G_USEC_PER_SEC);
+  }
+  syslog(LOG_WARNING, "No scene provider available, skipping analytics.");
+  /* Asked once more behind the last second, but too late whatever it answers: deliberate and kept. */
+  scene_running_func();
+  return FALSE;
+}
+
+/* A converter that has no PTZ to offer does not take the property. */
+gboolean
+activate_ptz(GstElement *converter, const Request *request, GError **error)
+{
+  gboolean active = FALSE;
+
+  g_object_set(converter, "pan-tilt-space", request->pan_tilt_space, "zoom-space", request->zoom_space,
+               "channel", request->channel, "ptz", TRUE, nullptr);
+  g_object_get(converter, "ptz", &active, nullptr);
+  if (!active) {
+    source_factory_fail(error, source_factory_error_quark(),
+                        "Could not activate PTZ in the scene2xml element.");
+  }
+  return active;
+}
+
+gboolean
+wants_polygons(const Request *request)
+{
+  return request->analytics == ANALYTICS_WITH_POLYGONS;
+}
+
+gboolean
+configure_converter(GstElement *converter, gpointer user_data, GError **error)
+{
+  auto settings = static_cast<const Settings *>(user_data);
+
+  g_object_set(converter, "polygon", wants_polygons(settings->request), "ptz-move-capabilities",
+               settings->ptz_move_capabilities, "rotation", settings->rotation, "source-name",
+               settings->source_name, nullptr);
+  return settings->request->ptz == 0 || activate_ptz(converter, settings->request, error);
+}
+
+GstElement *
+create_source(SourceFactory *factory, GHashTable *params, GError **error)
+{
+  SceneSourceFactory *self = SCENE_SOURCE_FACTORY(factory);
+  Request request = {};
+  g_autofree gchar *source_name = nullptr;
+  guint32 rotation = 0;
+
+  /* Nothing is read or written under the lock. It is a gate, which lets one request in at a time and holds
+   * none back behind it, least of all one that waits for a provider. Deliberate and kept. */
+  g_mutex_lock(&self->lock);
+  g_mutex_unlock(&self->lock);
+
+  if (!parse_request(params, &request, error) ||
+      !scene_source_is_enabled(self->producers, PRODUCER, request.channel, &source_name) ||
+      !wait_for_scene_provider(self->scene_running_func)) {
+    return nullptr;
+  }
+  /* Scenes that may be turned the wrong way are none, and not worth a word to a client that gets its other
+   * metadata. Radar scenes go on without; the difference is deliberate and kept. */
+  if (!scene_source_query_rotation(request.channel, &rotation)) {
+    return nullptr;
+  }
+
+  Settings settings = {&request, self->ptz_move_capabilities, rotation, source_name};
+  return scene_source_new(&KIND, request.channel, wants_polygons(&request), configure_converter, &settings,
+                          error);
+}
+
+} // namespace
+
+static void
+scene_source_factory_init(SceneSourceFactory *self)
+{
+  g_mutex_init(&self->lock);
+}
+
+static void
+scene_source_factory_finalize(GObject *object)
+{
+  g_mutex_clear(&SCENE_SOURCE_FACTORY(object)->lock);
+
+  G_OBJECT_CLASS(scene_source_factory_parent_class)->finalize(object);
+}
+
+static void
+scene_source_factory_class_init(SceneSourceFactoryClass *klass)
+{
+  G_OBJECT_CLASS(klass)->finalize = scene_source_factory_finalize;
+}
+
+static void
+scene_source_factory_iface_init(SourceFactoryInterface *iface)
+{
+  iface->create_source = create_source;
+}
+
+/**
+ * scene_source_factory_new:
+ * @producers: (transfer none): the list to publish the video motion tracker in; it outlives the factory
+ * @ptz_move_capabilities: what the PTZ driver can move, 0 when unknown
+ * @scene_running_func: tells whether a scene provider is running
+ *
+ * The producer configuration has been set up. The producer stays in the list when the factory goes. Main
+ * thread.
+ *
+ * Returns: (transfer full): a new factory of scene sources
+ */
+SceneSourceFactory *
+scene_source_factory_new(AnalyticsProducerList *producers, gint32 ptz_move_capabilities,
+                         SceneRunningFunc scene_running_func)
+{
+  g_return_val_if_fail(scene_running_func, NULL);
+
+  auto *self = SCENE_SOURCE_FACTORY(g_object_new(SCENE_TYPE_SOURCE_FACTORY, nullptr));
+  self->producers = producers;
+  self->ptz_move_capabilities = ptz_move_capabilities;
+  self->scene_running_func = scene_running_func;
+
+  scene_source_publish_producer(producers, PRODUCER, NICE_NAME, SAMPLE_FRAME);
+  return self;
+}

@@ -1,0 +1,630 @@
+#include "scenesourcefactory.h"
+
+#include "faults.h"
+#include "optionvalidation.h"
+#include "ptzvalidation.h"
+#include "testscenes.h"
+
+#include <barrier>
+#include <future>
+#include <mutex>
+#include <syslog.h>
+
+using testelements::ReplacedFactory;
+using testelements::Unusable;
+using testelements::WithoutPtz;
+using testfactory::Answer;
+using testfactory::Params;
+using testhost::SyslogLines;
+using testhost::Texts;
+using testscenes::BinNames;
+using testscenes::BuildTexts;
+
+namespace
+{
+
+constexpr const char *TRACKER = "VideoMotionTracker";
+constexpr gint32 MOVE_CAPABILITIES = -9;
+constexpr gsize SAMPLE_FRAME_LENGTH = 860;
+constexpr guint MAX_WAIT_SECONDS = 300;
+constexpr const char *WAITED_IN_VAIN = "No scene provider available, skipping analytics.";
+
+constexpr BinNames NAMES = {"scenesrcfactorybin", "scenesrc", "scenefilter", "scene2xml"};
+
+constexpr BuildTexts TEXTS = {
+    "Could not construct scenesrc.",
+    "Could not construct capsfilter for metadata (analytics) stream.",
+    "Could not construct scene2xml.",
+    "Could not add scene2xml to scene source factory bin.",
+    "Could not add capsfilter to scene source factory bin.",
+    "Could not add scenesrc to scene source factory bin.",
+    "Could not link scenesrc, capsfilter and scene2xml         for metadata (analytics) stream.",
+    "Could not add ghost pad for metadata (analytics) stream.",
+};
+
+std::string
+caps(bool polygon, gint32 channel)
+{
+  return std::string("application/vnd.quon.scene, bounding-box=(boolean)true, polygon=(boolean)") +
+         (polygon ? "true" : "false") + ", velocity=(boolean)true, channel=(int)" + std::to_string(channel);
+}
+
+std::string
+out_of_bounds(const std::string &start, const std::string &value)
+{
+  return "Value out of bounds for " + start + " parameter: '" + value + "'.";
+}
+
+/* What the world outside does while a factory waits. Any thread. */
+class Waiting
+{
+public:
+  gboolean probe()
+  {
+    std::function<bool(gsize)> is_running;
+    gsize number = 0;
+    {
+      std::lock_guard guard(lock_);
+      number = ++probes_;
+      is_running = is_running_;
+    }
+    return is_running(number);
+  }
+
+  void rest(gulong us)
+  {
+    std::function<void()> while_resting;
+    {
+      std::lock_guard guard(lock_);
+      rests_.push_back(us);
+      while_resting = while_resting_;
+    }
+    while_resting();
+  }
+
+  /* Decides by the number of the probe, from 1. */
+  void set_running(std::function<bool(gsize)> is_running)
+  {
+    std::lock_guard guard(lock_);
+    is_running_ = std::move(is_running);
+  }
+
+  void set_while_resting(std::function<void()> while_resting)
+  {
+    std::lock_guard guard(lock_);
+    while_resting_ = std::move(while_resting);
+  }
+
+  gsize probes()
+  {
+    std::lock_guard guard(lock_);
+    return probes_;
+  }
+
+  std::vector<gulong> rests()
+  {
+    std::lock_guard guard(lock_);
+    return rests_;
+  }
+
+private:
+  std::mutex lock_;
+  gsize probes_ = 0;
+  std::vector<gulong> rests_;
+  std::function<bool(gsize)> is_running_ = [](gsize) { return true; };
+  std::function<void()> while_resting_ = [] {};
+};
+
+/* The factory's probe is a plain function. */
+Waiting *waiting;
+
+gboolean
+probe()
+{
+  return waiting->probe();
+}
+
+class SceneSourceFactoryTest : public testscenes::Fixture
+{
+protected:
+  void SetUp() override
+  {
+    set_up(TRACKER);
+    waiting = &waiting_;
+    set_factory(scene_source_factory_new(producers(), MOVE_CAPABILITIES, probe));
+  }
+
+  void TearDown() override
+  {
+    waiting = nullptr;
+    testscenes::Fixture::TearDown();
+  }
+
+  /* Neither did a request wait, nor was the bus asked. */
+  void expect_nobody_asked()
+  {
+    EXPECT_EQ(waiting_.probes(), 0U);
+    EXPECT_EQ(waiting_.rests().size(), 0U);
+    EXPECT_EQ(capture().take_calls(), Texts());
+  }
+
+  Waiting waiting_;
+
+private:
+  faults::Rests rests_{[this](gulong us) { waiting_.rest(us); }};
+};
+
+} // namespace
+
+TEST_F(SceneSourceFactoryTest, IsAPlainObjectThatIsAFactory)
+{
+  const GType type = scene_source_factory_get_type();
+  GTypeQuery query = {};
+  g_type_query(type, &query);
+
+  EXPECT_STREQ(g_type_name(type), "SceneSourceFactory");
+  EXPECT_EQ(g_type_parent(type), static_cast<GType>(G_TYPE_OBJECT));
+  EXPECT_TRUE(g_type_is_a(type, SOURCE_TYPE_FACTORY));
+  EXPECT_EQ(query.class_size, sizeof(GObjectClass));
+}
+
+TEST_F(SceneSourceFactoryTest, NeedsAProbe)
+{
+  EXPECT_EQ(scene_source_factory_new(producers(), 0, nullptr), nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"scene_running_func"}));
+}
+
+TEST_F(SceneSourceFactoryTest, DocumentsHowLongARequestWaits)
+{
+  EXPECT_EQ(SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS, MAX_WAIT_SECONDS);
+}
+
+/* The producer. */
+
+TEST_F(SceneSourceFactoryTest, PublishesTheTracker)
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  ASSERT_NE(producer, nullptr);
+  g_autofree gchar *name = nullptr;
+  g_autofree gchar *nice_name = nullptr;
+  gint type = -1;
+
+  g_object_get(producer, "name", &name, "nice-name", &nice_name, "type", &type, nullptr);
+  EXPECT_STREQ(name, TRACKER);
+  EXPECT_STREQ(nice_name, "Quon video motion tracker");
+  EXPECT_EQ(type, 0);
+}
+
+TEST_F(SceneSourceFactoryTest, PublishesTheChannelsOfTheConfiguration)
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  ASSERT_NE(producer, nullptr);
+
+  for (const guint32 channel : {1, 2, 5}) {
+    EXPECT_TRUE(analytics_producer_is_channel_supported(producer, channel)) << channel;
+  }
+  for (const guint32 channel : {0, 3, 4, 6}) {
+    EXPECT_FALSE(analytics_producer_is_channel_supported(producer, channel)) << channel;
+  }
+}
+
+TEST_F(SceneSourceFactoryTest, LeavesTheProducerToTheList)
+{
+  AnalyticsProducer *producer = dup_producer();
+  const testhost::Observed observed(producer);
+  g_object_unref(producer);
+
+  set_factory(nullptr);
+  EXPECT_TRUE(analytics_producer_list_contains(producers(), TRACKER));
+  analytics_producer_list_remove(producers(), TRACKER);
+  EXPECT_FALSE(observed.alive());
+}
+
+TEST_F(SceneSourceFactoryTest, ShowsASampleFrameInOneLine)
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  g_autofree gchar *sample_frame = nullptr;
+
+  g_object_get(producer, "sample-frame-xml", &sample_frame, nullptr);
+  const std::string text = sample_frame;
+  EXPECT_EQ(text.size(), SAMPLE_FRAME_LENGTH);
+  EXPECT_EQ(text, testscenes::print_in_one_line(testscenes::sample_frame(TRACKER, {})));
+  EXPECT_TRUE(testscenes::is_well_formed(text));
+  EXPECT_EQ(text.find_first_of("\n\r\t"), std::string::npos);
+}
+
+/* Parameters. */
+
+TEST_F(SceneSourceFactoryTest, DeclinesARequestForNoAnalytics)
+{
+  expect_declined({});
+  expect_declined({{"analytics", "0"}});
+  expect_declined({{"event", "1"}, {"ptz", "1"}});
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, JudgesNothingElseInARequestForNoAnalytics)
+{
+  expect_declined({{"video_channel", "abc"}});
+  expect_declined({{"analytics", "0"}, {"video_channel", "abc"}, {"ptz", "9"}});
+  expect_declined({{"ptz", "9"}, {"ptz_pantilt_coordinate_space", "9"}, {"ptz_zoom_coordinate_space", "9"}});
+}
+
+TEST_F(SceneSourceFactoryTest, RefusesOtherAnalytics)
+{
+  for (const std::string value : {"3", "", "01", " 1", "yes", "%s"}) {
+    expect_refused({{"analytics", value}}, option_validation_error_quark(),
+                   "Invalid value of 'analytics' parameter: '" + value + "'.");
+  }
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, RefusesABadChannel)
+{
+  expect_refused({{"analytics", "1"}, {"video_channel", "1a"}}, option_validation_error_quark(),
+                 "Invalid value of 'channel'           parameter: '1a'.");
+  expect_refused({{"analytics", "1"}, {"video_channel", "99999999999"}}, option_validation_error_quark(),
+                 "Value out of bounds for 'channel'         parameter: '99999999999'.");
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, RefusesABadPtz)
+{
+  expect_refused({{"analytics", "1"}, {"ptz", "4"}}, ptz_validation_error_quark(),
+                 out_of_bounds("'ptz'        ", "4"));
+  expect_refused({{"analytics", "1"}, {"ptz", ""}}, ptz_validation_error_quark(),
+                 "Invalid value of 'ptz'         parameter: ''.");
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, RefusesABadCoordinateSpaceAlsoWithoutPtz)
+{
+  for (const Params &ptz : {Params{{"ptz", "0"}}, Params{{"ptz", "1"}}, Params{}}) {
+    Params pan_tilt = ptz;
+    pan_tilt.insert(pan_tilt.end(), {{"analytics", "1"}, {"ptz_pantilt_coordinate_space", "7"}});
+    expect_refused(pan_tilt, ptz_validation_error_quark(),
+                   out_of_bounds("        'ptz pantilt coordinate space'", "7"));
+
+    Params zoom = ptz;
+    zoom.insert(zoom.end(), {{"analytics", "1"}, {"ptz_zoom_coordinate_space", "x"}});
+    expect_refused(zoom, ptz_validation_error_quark(),
+                   "Invalid value of 'ptz zoom coordinate space'         parameter: 'x'.");
+  }
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, TellsTheFirstBadParameterOfAnalyticsChannelPtzPantiltZoom)
+{
+  Params params = {{"ptz_zoom_coordinate_space", "6"},
+                   {"ptz_pantilt_coordinate_space", "7"},
+                   {"ptz", "8"},
+                   {"video_channel", "x"},
+                   {"analytics", "9"}};
+
+  expect_refused(params, option_validation_error_quark(), "Invalid value of 'analytics' parameter: '9'.");
+  params[4].second = "1";
+  expect_refused(params, option_validation_error_quark(),
+                 "Invalid value of 'channel'           parameter: 'x'.");
+  params[3].second = "1";
+  expect_refused(params, ptz_validation_error_quark(), out_of_bounds("'ptz'        ", "8"));
+  params[2].second = "1";
+  expect_refused(params, ptz_validation_error_quark(),
+                 out_of_bounds("        'ptz pantilt coordinate space'", "7"));
+  params[1].second = "1";
+  expect_refused(params, ptz_validation_error_quark(),
+                 out_of_bounds("'ptz zoom coordinate space'        ", "6"));
+}
+
+/* Enablement. */
+
+TEST_F(SceneSourceFactoryTest, DeclinesAChannelThatIsNotEnabledAtOnce)
+{
+  waiting_.set_running([](gsize) { return false; });
+
+  expect_declined({{"analytics", "1"}, {"video_channel", "2"}});
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, DeclinesAChannelThatIsNotSupportedAtOnce)
+{
+  for (const char *channel : {"0", "", "3", "2147483646"}) {
+    expect_declined({{"analytics", "2"}, {"video_channel", channel}});
+  }
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, DeclinesWithoutTheProducer)
+{
+  analytics_producer_list_remove(producers(), TRACKER);
+
+  expect_declined({{"analytics", "1"}});
+  expect_nobody_asked();
+}
+
+TEST_F(SceneSourceFactoryTest, FollowsAChannelThatIsEnabledAndDisabled)
+{
+  const Params params = {{"analytics", "1"}, {"video_channel", "2"}};
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+
+  analytics_producer_set_channel_enabled(producer, 2, TRUE, "porch");
+  {
+    const Answer answer = ask(params);
+    EXPECT_NE(answer.source, nullptr);
+  }
+  EXPECT_EQ(testelements::take_scene_settings().back(),
+            "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=porch");
+
+  analytics_producer_set_channel_enabled(producer, 2, FALSE, nullptr);
+  expect_declined(params);
+}
+
+/* Waiting for a scene provider. */
+
+TEST_F(SceneSourceFactoryTest, AsksForAProviderOnceWhenThereIsOne)
+{
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(waiting_.probes(), 1U);
+  EXPECT_EQ(waiting_.rests().size(), 0U);
+}
+
+TEST_F(SceneSourceFactoryTest, WaitsForAProviderThatComesAfterThreeProbes)
+{
+  waiting_.set_running([](gsize number) { return number == 4; });
+  waiting_.set_while_resting([this] { EXPECT_EQ(capture().calls_size(), 0U); });
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(waiting_.probes(), 4U);
+  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(3, 1000000));
+}
+
+TEST_F(SceneSourceFactoryTest, TakesAProviderThatComesWithTheLastProbeThatCounts)
+{
+  waiting_.set_running([](gsize number) { return number == MAX_WAIT_SECONDS; });
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(waiting_.probes(), MAX_WAIT_SECONDS);
+  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(MAX_WAIT_SECONDS - 1, 1000000));
+}
+
+TEST_F(SceneSourceFactoryTest, GivesUpAfterFiveMinutesWithOneWarning)
+{
+  waiting_.set_running([](gsize) { return false; });
+
+  expect_declined({{"analytics", "1"}});
+  EXPECT_EQ(waiting_.probes(), MAX_WAIT_SECONDS + 1);
+  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(MAX_WAIT_SECONDS, 1000000));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}}));
+  EXPECT_EQ(capture().take_calls(), Texts());
+}
+
+TEST_F(SceneSourceFactoryTest, WarnsBeforeTheLastProbeAndDoesNotHeedIt)
+{
+  gsize lines_at_last_rest = 1;
+  gsize lines_at_last_probe = 0;
+  waiting_.set_while_resting([&] { lines_at_last_rest = testhost::syslog_size(); });
+  waiting_.set_running([&](gsize number) {
+    lines_at_last_probe = testhost::syslog_size();
+    return number > MAX_WAIT_SECONDS;
+  });
+
+  expect_declined({{"analytics", "1"}});
+  EXPECT_EQ(waiting_.probes(), MAX_WAIT_SECONDS + 1);
+  EXPECT_EQ(lines_at_last_rest, 0U);
+  EXPECT_EQ(lines_at_last_probe, 1U);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}}));
+}
+
+/* Each rest of one request waits for a rest of the other, so that none can use up the other's time. */
+TEST_F(SceneSourceFactoryTest, LetsTwoRequestsWaitAtOnceEachForItself)
+{
+  std::barrier both(2);
+  waiting_.set_running([](gsize) { return false; });
+  waiting_.set_while_resting([&] { both.arrive_and_wait(); });
+
+  auto other = std::async(std::launch::async, [this] {
+    expect_declined({{"analytics", "1"}, {"video_channel", "5"}});
+  });
+  expect_declined({{"analytics", "2"}});
+  other.get();
+  EXPECT_EQ(waiting_.probes(), 2 * (MAX_WAIT_SECONDS + 1));
+  EXPECT_EQ(waiting_.rests().size(), 2 * MAX_WAIT_SECONDS);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}, {LOG_WARNING, WAITED_IN_VAIN}}));
+}
+
+TEST_F(SceneSourceFactoryTest, BuildsForOneRequestWhileAnotherWaits)
+{
+  std::promise<void> resting;
+  std::promise<void> built;
+  const auto first = std::this_thread::get_id();
+  waiting_.set_running([=](gsize number) { return number > 1 || std::this_thread::get_id() == first; });
+  waiting_.set_while_resting([&] {
+    resting.set_value();
+    built.get_future().wait();
+  });
+
+  auto other = std::async(std::launch::async, [this] {
+    const Answer answer = ask({{"analytics", "1"}, {"video_channel", "5"}});
+    return answer.source != nullptr;
+  });
+  resting.get_future().wait();
+  {
+    const Answer answer = ask({{"analytics", "1"}});
+    EXPECT_NE(answer.source, nullptr);
+  }
+  EXPECT_EQ(capture().take_calls().size(), 1U);
+  built.set_value();
+  EXPECT_TRUE(other.get());
+  EXPECT_EQ(waiting_.rests().size(), 1U);
+}
+
+/* Rotation. */
+
+TEST_F(SceneSourceFactoryTest, AsksForTheRotationOfItsChannelOnce)
+{
+  const Answer answer = ask({{"analytics", "1"}, {"video_channel", "5"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(capture().take_calls(), (Texts{"/com/quon/Capt1/Channels/5 org.freedesktop.DBus.Properties.Get "
+                                           "('com.quon.Capt1.Channel', 'settings')"}));
+}
+
+TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWithoutTheCaptureService)
+{
+  stop_capture();
+
+  expect_declined({{"analytics", "1"}});
+  EXPECT_EQ(waiting_.probes(), 1U);
+}
+
+TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWithoutABus)
+{
+  stop_capture();
+  stop_bus();
+
+  expect_declined({{"analytics", "1"}});
+}
+
+TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWhenTheCaptureServiceAnswersWrong)
+{
+  capture().set_answer(testbus::refuse());
+  expect_declined({{"analytics", "1"}});
+
+  for (const char *body : {"()", "(uint32 90,)", "(<uint32 90>,)"}) {
+    capture().set_answer(testbus::reply(body));
+    expect_declined({{"analytics", "1"}});
+  }
+}
+
+TEST_F(SceneSourceFactoryTest, TakesAMissingRotationForZero)
+{
+  capture().set_answer(testbus::reply("(<@a{sv} {}>,)"));
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(testelements::take_scene_settings().back(),
+            "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=0 source-name=front door");
+}
+
+/* The bin. */
+
+TEST_F(SceneSourceFactoryTest, BuildsABinWithoutPolygonsForTheFirstChannelByDefault)
+{
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_EQ(answer.error, nullptr);
+  testscenes::expect_bin(answer.source, NAMES, caps(false, 1));
+  EXPECT_EQ(testelements::take_scene_settings(),
+            (Texts{"scenesrc video-channel=1",
+                   "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=front door"}));
+}
+
+TEST_F(SceneSourceFactoryTest, BuildsABinWithPolygonsForTheChannelOfTheRequest)
+{
+  const Answer answer = ask({{"analytics", "2"}, {"video_channel", "05"}});
+
+  EXPECT_EQ(answer.error, nullptr);
+  testscenes::expect_bin(answer.source, NAMES, caps(true, 5));
+  EXPECT_EQ(testelements::take_scene_settings(),
+            (Texts{"scenesrc video-channel=5",
+                   "scene2xml polygon=TRUE ptz-move-capabilities=-9 rotation=90 source-name=yard"}));
+}
+
+TEST_F(SceneSourceFactoryTest, ActivatesPtzWithoutCoordinateSpaces)
+{
+  for (const char *ptz : {"1", "2", "3"}) {
+    const Answer answer = ask({{"analytics", "1"}, {"video_channel", "5"}, {"ptz", ptz}});
+
+    EXPECT_NE(answer.source, nullptr);
+    EXPECT_EQ(testelements::take_scene_settings(),
+              (Texts{"scenesrc video-channel=5",
+                     "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=yard",
+                     "scene2xml pan-tilt-space=-1 zoom-space=-1 channel=5 ptz=TRUE"}));
+  }
+}
+
+TEST_F(SceneSourceFactoryTest, ActivatesPtzWithCoordinateSpaces)
+{
+  const Answer answer = ask({{"analytics", "1"},
+                             {"ptz", "1"},
+                             {"ptz_pantilt_coordinate_space", "0"},
+                             {"ptz_zoom_coordinate_space", "2"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(testelements::take_scene_settings().back(),
+            "scene2xml pan-tilt-space=0 zoom-space=2 channel=1 ptz=TRUE");
+}
+
+TEST_F(SceneSourceFactoryTest, LeavesPtzAloneWhenTheRequestHasNone)
+{
+  const Answer answer = ask({{"analytics", "1"},
+                             {"ptz", "0"},
+                             {"ptz_pantilt_coordinate_space", "1"},
+                             {"ptz_zoom_coordinate_space", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(testelements::take_scene_settings().size(), 2U);
+}
+
+TEST_F(SceneSourceFactoryTest, MakesABinOfItsOwnForEachRequest)
+{
+  const Answer one = ask({{"analytics", "1"}});
+  const Answer other = ask({{"analytics", "1"}});
+
+  EXPECT_NE(one.source, nullptr);
+  EXPECT_NE(other.source, nullptr);
+  EXPECT_NE(one.source, other.source);
+}
+
+/* Failures of the bin. */
+
+TEST_F(SceneSourceFactoryTest, FailsWhenAnElementCannotBeMade)
+{
+  expect_failures_to_make({{"analytics", "1"}}, NAMES, TEXTS);
+}
+
+TEST_F(SceneSourceFactoryTest, FailsWhenPtzCannotBeActivated)
+{
+  constexpr const char *TEXT = "Could not activate PTZ in the scene2xml element.";
+  const WithoutPtz without;
+
+  expect_refused({{"analytics", "1"}, {"ptz", "1"}}, source_factory_error_quark(), TEXT);
+  const ReplacedFactory converter(NAMES.converter, Unusable::HAS_PARENT);
+  expect_refused({{"analytics", "1"}, {"ptz", "1"}}, source_factory_error_quark(), TEXT);
+}
+
+TEST_F(SceneSourceFactoryTest, NeedsNoPtzForARequestWithout)
+{
+  const WithoutPtz without;
+  const Answer answer = ask({{"analytics", "1"}, {"ptz", "0"}});
+
+  EXPECT_NE(answer.source, nullptr);
+}
+
+TEST_F(SceneSourceFactoryTest, FailsWhenAnElementCannotBeAdded)
+{
+  expect_failures_to_add({{"analytics", "1"}}, NAMES, TEXTS);
+}
+
+TEST_F(SceneSourceFactoryTest, FailsWhenTheElementsCannotBeLinked)
+{
+  expect_failures_to_link({{"analytics", "2"}, {"ptz", "1"}}, NAMES, TEXTS);
+}
+
+TEST_F(SceneSourceFactoryTest, FailsWhenTheBinCannotGetItsPad)
+{
+  expect_failure_to_add_ghost_pad({{"analytics", "1"}}, NAMES, TEXTS);
+}
+
+TEST_F(SceneSourceFactoryTest, MakesNothingBeforeItHasToFail)
+{
+  expect_declined({{"analytics", "1"}, {"video_channel", "2"}});
+  stop_capture();
+  expect_declined({{"analytics", "1"}});
+
+  EXPECT_EQ(testelements::take_scene_settings(), Texts());
+}

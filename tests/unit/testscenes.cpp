@@ -1,0 +1,312 @@
+#include "testscenes.h"
+
+#include "producerconfig.h"
+
+#include <fstream>
+
+using testelements::ReplacedFactory;
+using testelements::Unusable;
+using testelements::WithoutFactory;
+using testfactory::Answer;
+using testfactory::Params;
+
+namespace testscenes
+{
+namespace
+{
+
+constexpr gsize BLANKS_PER_LEVEL = 2;
+
+void
+print(const Node &node, gsize depth, std::string *out)
+{
+  const std::string indentation(depth * BLANKS_PER_LEVEL, ' ');
+
+  *out += indentation + "<" + node.name;
+  for (const auto &[name, value] : node.attributes) {
+    *out += " " + name + "=\"" + value + "\"";
+  }
+  if (node.children.empty() && node.text.empty()) {
+    *out += node.end_of_empty_tag;
+    return;
+  }
+  *out += ">" + node.text;
+  for (const Node &child : node.children) {
+    print(child, depth + 1, out);
+  }
+  *out += (node.children.empty() ? "" : indentation) + "</" + node.name + ">";
+}
+
+Node
+point(const char *y, const char *x)
+{
+  return {"tt:Point", {{"y", y}, {"x", x}}};
+}
+
+Node
+reference(const char *name, const char *object_id)
+{
+  return {name, {{"ObjectId", object_id}}};
+}
+
+/* A reference of the caller's own. */
+GstElement *
+find(GstElement *bin, const char *name)
+{
+  GstElement *element = gst_bin_get_by_name(GST_BIN(bin), name);
+
+  EXPECT_NE(element, nullptr) << name;
+  return element;
+}
+
+void
+expect_linked(GstElement *from, GstElement *to)
+{
+  g_autoptr(GstPad) src = gst_element_get_static_pad(from, "src");
+  g_autoptr(GstPad) sink = gst_element_get_static_pad(to, "sink");
+  g_autoptr(GstPad) peer = gst_pad_get_peer(src);
+
+  EXPECT_EQ(peer, sink);
+}
+
+void
+expect_ghost_pad(GstElement *bin, GstElement *converter)
+{
+  ASSERT_EQ(bin->numpads, 1);
+  auto *pad = GST_PAD(bin->pads->data);
+  g_autoptr(GstPad) src = gst_element_get_static_pad(converter, "src");
+
+  ASSERT_TRUE(GST_IS_GHOST_PAD(pad));
+  g_autoptr(GstPad) target = gst_ghost_pad_get_target(GST_GHOST_PAD(pad));
+  EXPECT_STREQ(GST_OBJECT_NAME(pad), "src");
+  EXPECT_EQ(GST_PAD_DIRECTION(pad), GST_PAD_SRC);
+  EXPECT_EQ(target, src);
+}
+
+std::string
+factory_name(GstElement *element)
+{
+  return GST_OBJECT_NAME(gst_element_get_factory(element));
+}
+
+} // namespace
+
+std::string
+print_in_one_line(const Node &root)
+{
+  std::string out;
+
+  print(root, 0, &out);
+  return out;
+}
+
+Node
+sample_frame(const std::string &producer, const std::vector<Node> &more_appearance)
+{
+  std::vector<Node> appearance = {
+      {"tt:Shape",
+       {},
+       {{"tt:BoundingBox", {{"bottom", "0.2"}, {"right", "-0.2"}, {"top", "0.6"}, {"left", "-0.6"}}},
+        {"tt:CenterOfGravity", {{"y", "0.4"}, {"x", "-0.4"}}},
+        {"tt:Polygon",
+         {},
+         {point("0.2", "-0.2"), point("0.6", "-0.2"), point("0.6", "-0.6"), point("0.2", "-0.6")}}}}};
+  appearance.insert(appearance.end(), more_appearance.begin(), more_appearance.end());
+
+  return {
+      "tt:SampleFrame",
+      {{"xmlns:tt", "http://www.onvif.org/ver10/schema"},
+       {"Source", producer},
+       {"UtcTime", "2021-08-12T05:36:00Z"}},
+      {{"tt:Object", {{"ObjectId", "105"}}, {{"tt:Appearance", {}, appearance}}},
+       {"tt:ObjectTree",
+        {},
+        {{"tt:Split", {}, {reference("tt:from", "18"), reference("tt:to", "20"), reference("tt:to", "18")}},
+         {"tt:Merge", {}, {reference("tt:from", "19"), reference("tt:from", "18"), reference("tt:to", "18")}},
+         reference("tt:Delete", "11")}}}};
+}
+
+bool
+is_well_formed(const std::string &text)
+{
+  const GMarkupParser parser = {};
+  g_autoptr(GMarkupParseContext) context =
+      g_markup_parse_context_new(&parser, static_cast<GMarkupParseFlags>(0), nullptr, nullptr);
+
+  return g_markup_parse_context_parse(context, text.data(), static_cast<gssize>(text.size()), nullptr) &&
+         g_markup_parse_context_end_parse(context, nullptr);
+}
+
+void
+expect_bin(GstElement *bin, const BinNames &names, const std::string &caps)
+{
+  ASSERT_NE(bin, nullptr);
+  EXPECT_EQ(G_OBJECT_TYPE(bin), GST_TYPE_BIN);
+  EXPECT_STREQ(GST_OBJECT_NAME(bin), names.bin);
+  EXPECT_EQ(GST_OBJECT_PARENT(bin), nullptr);
+
+  /* A bin has its newest child first. */
+  testhost::Texts children;
+  for (GList *child = GST_BIN(bin)->children; child != nullptr; child = child->next) {
+    children.emplace_back(GST_OBJECT_NAME(child->data));
+  }
+  ASSERT_EQ(children, (testhost::Texts{names.source, names.filter, names.converter}));
+
+  g_autoptr(GstElement) source = find(bin, names.source);
+  g_autoptr(GstElement) filter = find(bin, names.filter);
+  g_autoptr(GstElement) converter = find(bin, names.converter);
+  EXPECT_EQ(factory_name(source), names.source);
+  EXPECT_EQ(factory_name(filter), "capsfilter");
+  EXPECT_EQ(factory_name(converter), names.converter);
+
+  g_autoptr(GstCaps) actual_caps = nullptr;
+  g_object_get(filter, "caps", &actual_caps, nullptr);
+  g_autofree gchar *actual = gst_caps_to_string(actual_caps);
+  EXPECT_EQ(actual, caps);
+
+  expect_linked(source, filter);
+  expect_linked(filter, converter);
+  expect_ghost_pad(bin, converter);
+}
+
+void
+Fixture::SetUpTestSuite()
+{
+  testelements::install();
+  testbus::install();
+}
+
+void
+Fixture::set_up(const std::string &tracker)
+{
+  testhost::Fixture::SetUp();
+  tracker_ = tracker;
+  configuration_ = path("producers.conf");
+  std::ofstream(configuration_) << "[Producers.0." << tracker << "]\nName=front door\n"
+                                << "[Producers.4." << tracker << "]\nName=yard\n"
+                                << "[Producers.1." << tracker << "]\nName=\n"
+                                << "[Producers.2.Another]\nName=other\n";
+  ASSERT_TRUE(producer_config_setup(configuration_.c_str()));
+
+  producers_ = analytics_producer_list_new();
+  bus_.emplace();
+  capture_.emplace("com.quon.Capt1", testbus::reply(ROTATION_90));
+  testelements::take_scene_settings();
+}
+
+void
+Fixture::TearDown()
+{
+  g_clear_object(&factory_);
+  g_clear_pointer(&producers_, analytics_producer_list_free);
+  producer_config_free();
+  stop_capture();
+  stop_bus();
+  testhost::Fixture::TearDown();
+}
+
+void
+Fixture::set_factory(gpointer factory)
+{
+  factory_ = SOURCE_FACTORY(factory);
+}
+
+AnalyticsProducerList *
+Fixture::producers() const
+{
+  return producers_;
+}
+
+AnalyticsProducer *
+Fixture::dup_producer() const
+{
+  return analytics_producer_list_get_producer(producers_, tracker_.c_str());
+}
+
+testbus::Service &
+Fixture::capture()
+{
+  return *capture_;
+}
+
+void
+Fixture::stop_capture()
+{
+  capture_.reset();
+}
+
+void
+Fixture::stop_bus()
+{
+  bus_.reset();
+}
+
+Answer
+Fixture::ask(const Params &params) const
+{
+  return Answer(factory_, params);
+}
+
+void
+Fixture::expect_declined(const Params &params) const
+{
+  testfactory::expect_declined(factory_, params);
+}
+
+void
+Fixture::expect_refused(const Params &params, GQuark domain, const std::string &text) const
+{
+  testfactory::expect_refused(factory_, params, domain, text);
+}
+
+void
+Fixture::expect_build_failure(const Params &params, const char *text) const
+{
+  expect_refused(params, source_factory_error_quark(), text);
+}
+
+void
+Fixture::expect_failures_to_make(const Params &params, const BinNames &names, const BuildTexts &texts) const
+{
+  const WithoutFactory no_converter(names.converter);
+  expect_build_failure(params, texts.no_converter);
+
+  const WithoutFactory no_filter("capsfilter");
+  expect_build_failure(params, texts.no_filter);
+
+  const WithoutFactory no_source(names.source);
+  expect_build_failure(params, texts.no_source);
+}
+
+void
+Fixture::expect_failures_to_add(const Params &params, const BinNames &names, const BuildTexts &texts) const
+{
+  const ReplacedFactory source(names.source, Unusable::HAS_PARENT);
+  expect_build_failure(params, texts.source_not_added);
+
+  const ReplacedFactory filter("capsfilter", Unusable::HAS_PARENT);
+  expect_build_failure(params, texts.filter_not_added);
+
+  const ReplacedFactory converter(names.converter, Unusable::HAS_PARENT);
+  expect_build_failure(params, texts.converter_not_added);
+}
+
+void
+Fixture::expect_failures_to_link(const Params &params, const BinNames &names, const BuildTexts &texts) const
+{
+  for (const char *name : {names.source, "capsfilter", names.converter}) {
+    const ReplacedFactory replaced(name, Unusable::CANNOT_BE_LINKED);
+    expect_build_failure(params, texts.not_linked);
+  }
+}
+
+void
+Fixture::expect_failure_to_add_ghost_pad(const Params &params, const BinNames &names,
+                                         const BuildTexts &texts) const
+{
+  const ReplacedFactory converter(names.converter, Unusable::HAS_NO_SOURCE_PAD);
+
+  expect_build_failure(params, texts.no_ghost_pad);
+}
+
+} // namespace testscenes
