@@ -1,0 +1,37 @@
+#pragma once
+
+#include "world.h"
+
+/* Where the world's places are on the ground, in metres and on the earth. */
+
+namespace sim
+{
+
+/* Seen from the camera. Every angle is in degrees, clockwise as seen from above, from the direction in which
+ * the camera looks. */
+struct Polar {
+  double angle;
+  double range; /* metres */
+
+  bool operator==(const Polar &) const = default;
+};
+
+struct Velocity {
+  double speed; /* metres per second */
+  double angle; /* where to */
+
+  bool operator==(const Velocity &) const = default;
+};
+
+struct GeoLocation {
+  double latitude;
+  double longitude;
+  double elevation; /* metres */
+};
+
+Polar ground_position(const Object &object);
+Velocity ground_velocity(const Object &object);
+double ground_size(const Object &object);
+GeoLocation ground_location(const Polar &position);
+
+} /* namespace sim */

@@ -1,0 +1,374 @@
+#include "scenemodel.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+/* A scene travels as one GVariant in the byte order of the machine:
+ *
+ *   y                 the version of the format
+ *   x                 the time in microseconds since 1970
+ *   a(                the objects
+ *     x                 the id
+ *     y                 the type, an ObjectType
+ *     d                 how likely it is of this type, from 0 to 1
+ *     (dd)              the centre: x, y
+ *     m(dddd)           the bounding box: left, top, right, bottom
+ *     a(dd)             the points of the polygon: x, y
+ *     m(dd)             the velocity: metres per second, angle in degrees
+ *     m(ddd)            the radar's echo: angle in degrees, range in metres, size in metres
+ *   )
+ *   ax                the ids of those who have left
+ *
+ * Whoever reads one trusts nothing in it. */
+
+namespace sim
+{
+
+namespace
+{
+
+#define OBJECT_TYPE "(xyd(dd)m(dddd)a(dd)m(dd)m(ddd))"
+#define SCENE_TYPE "(yxa" OBJECT_TYPE "ax)"
+
+constexpr guint8 FORMAT_VERSION = 1;
+
+/* The end of 2099. With the fastest speed, the world's time then stays within 64 bits. */
+constexpr gint64 LATEST_UTC = G_GINT64_CONSTANT(4102444799) * G_USEC_PER_SEC;
+
+/* Beyond everything that moves or is seen on the ground: metres, and metres per second. */
+constexpr double LARGEST_MEASURE = 100000;
+
+constexpr gsize POINTS_MIN = 3;
+
+/* What an object of a type looks like; the outline is in units of the object's width and height. */
+struct Look {
+  ObjectType type;
+  double likelihood;
+  std::array<Point, 6> outline;
+};
+
+constexpr std::array<Look, 2> LOOKS = {{
+    {ObjectType::HUMAN,
+     0.96,
+     {{{-0.2, 0.5}, {0.2, 0.5}, {0.5, 0.1}, {0.3, -0.5}, {-0.3, -0.5}, {-0.5, 0.1}}}},
+    {ObjectType::VEHICLE, 0.92, {{{-0.3, 0.5}, {0.3, 0.5}, {0.5, 0}, {0.5, -0.5}, {-0.5, -0.5}, {-0.5, 0}}}},
+}};
+
+const Look &
+look_of(ObjectType type)
+{
+  return *std::find_if(LOOKS.begin(), LOOKS.end(), [type](const Look &look) { return look.type == type; });
+}
+
+/* An object that enters or leaves shows only a part of itself. */
+Point
+clip(const Point &point)
+{
+  return {std::clamp(point.x, -1.0, 1.0), std::clamp(point.y, -1.0, 1.0)};
+}
+
+Point
+point_of(const Object &object, const Point &part)
+{
+  return clip({object.centre.x + part.x * object.width, object.centre.y + part.y * object.height});
+}
+
+Box
+box_of(const Object &object)
+{
+  Point top_left = point_of(object, {-0.5, 0.5});
+  Point bottom_right = point_of(object, {0.5, -0.5});
+  return {.left = top_left.x, .top = top_left.y, .right = bottom_right.x, .bottom = bottom_right.y};
+}
+
+SceneObject
+scene_object(const Object &object, const SceneDetails &details)
+{
+  const Look &look = look_of(object.type);
+  SceneObject seen = {
+      .id = object.id, .type = object.type, .likelihood = look.likelihood, .centre = clip(object.centre)};
+  if (details.boxes) {
+    seen.box = box_of(object);
+  }
+  if (details.polygons) {
+    for (const Point &part : look.outline) {
+      seen.polygon.push_back(point_of(object, part));
+    }
+  }
+  if (details.velocities) {
+    seen.velocity = ground_velocity(object);
+  }
+  if (details.radar) {
+    seen.radar = {.position = ground_position(object), .size = ground_size(object)};
+  }
+  return seen;
+}
+
+GVariant *
+pack_box(const std::optional<Box> &box)
+{
+  GVariant *packed =
+      box.has_value() ? g_variant_new("(dddd)", box->left, box->top, box->right, box->bottom) : nullptr;
+  return g_variant_new_maybe(G_VARIANT_TYPE("(dddd)"), packed);
+}
+
+GVariant *
+pack_polygon(const std::vector<Point> &polygon)
+{
+  GVariantBuilder points;
+  g_variant_builder_init(&points, G_VARIANT_TYPE("a(dd)"));
+  for (const Point &point : polygon) {
+    g_variant_builder_add(&points, "(dd)", point.x, point.y);
+  }
+  return g_variant_builder_end(&points);
+}
+
+GVariant *
+pack_velocity(const std::optional<Velocity> &velocity)
+{
+  GVariant *packed = velocity.has_value() ? g_variant_new("(dd)", velocity->speed, velocity->angle) : nullptr;
+  return g_variant_new_maybe(G_VARIANT_TYPE("(dd)"), packed);
+}
+
+GVariant *
+pack_radar(const std::optional<RadarEcho> &radar)
+{
+  GVariant *packed = radar.has_value()
+                         ? g_variant_new("(ddd)", radar->position.angle, radar->position.range, radar->size)
+                         : nullptr;
+  return g_variant_new_maybe(G_VARIANT_TYPE("(ddd)"), packed);
+}
+
+void
+pack_object(GVariantBuilder *objects, const SceneObject &object)
+{
+  g_variant_builder_open(objects, G_VARIANT_TYPE(OBJECT_TYPE));
+  g_variant_builder_add(objects, "x", object.id);
+  g_variant_builder_add(objects, "y", static_cast<guint8>(object.type));
+  g_variant_builder_add(objects, "d", object.likelihood);
+  g_variant_builder_add(objects, "(dd)", object.centre.x, object.centre.y);
+  g_variant_builder_add_value(objects, pack_box(object.box));
+  g_variant_builder_add_value(objects, pack_polygon(object.polygon));
+  g_variant_builder_add_value(objects, pack_velocity(object.velocity));
+  g_variant_builder_add_value(objects, pack_radar(object.radar));
+  g_variant_builder_close(objects);
+}
+
+/* False for what is no number, too. */
+bool
+is_between(double value, double low, double high)
+{
+  return value >= low && value <= high;
+}
+
+bool
+is_in_picture(const Point &point)
+{
+  return is_between(point.x, -1, 1) && is_between(point.y, -1, 1);
+}
+
+bool
+is_angle(double value)
+{
+  return is_between(value, -180, 180);
+}
+
+bool
+is_measure(double value)
+{
+  return is_between(value, 0, LARGEST_MEASURE);
+}
+
+bool
+unpack_box(GVariant *packed, std::optional<Box> *box)
+{
+  if (packed == nullptr) {
+    return true;
+  }
+  Box found;
+  g_variant_get(packed, "(dddd)", &found.left, &found.top, &found.right, &found.bottom);
+  *box = found;
+  return is_in_picture({found.left, found.top}) && is_in_picture({found.right, found.bottom}) &&
+         found.left <= found.right && found.bottom <= found.top;
+}
+
+bool
+unpack_polygon(GVariant *packed, std::vector<Point> *polygon)
+{
+  gsize count = g_variant_n_children(packed);
+  if (count != 0 && (count < POINTS_MIN || count > SCENE_POINTS_MAX)) {
+    return false;
+  }
+  for (gsize i = 0; i < count; i++) {
+    Point point;
+    g_variant_get_child(packed, i, "(dd)", &point.x, &point.y);
+    if (!is_in_picture(point)) {
+      return false;
+    }
+    polygon->push_back(point);
+  }
+  return true;
+}
+
+bool
+unpack_velocity(GVariant *packed, std::optional<Velocity> *velocity)
+{
+  if (packed == nullptr) {
+    return true;
+  }
+  Velocity found;
+  g_variant_get(packed, "(dd)", &found.speed, &found.angle);
+  *velocity = found;
+  return is_measure(found.speed) && is_angle(found.angle);
+}
+
+bool
+unpack_radar(GVariant *packed, std::optional<RadarEcho> *radar)
+{
+  if (packed == nullptr) {
+    return true;
+  }
+  RadarEcho found;
+  g_variant_get(packed, "(ddd)", &found.position.angle, &found.position.range, &found.size);
+  *radar = found;
+  return is_angle(found.position.angle) && is_measure(found.position.range) && is_measure(found.size);
+}
+
+bool
+unpack_object(GVariant *packed, SceneObject *object)
+{
+  guint8 type = 0;
+  g_autoptr(GVariant) box = nullptr;
+  g_autoptr(GVariant) polygon = nullptr;
+  g_autoptr(GVariant) velocity = nullptr;
+  g_autoptr(GVariant) radar = nullptr;
+  g_variant_get(packed, "(xyd(dd)m@(dddd)@a(dd)m@(dd)m@(ddd))", &object->id, &type, &object->likelihood,
+                &object->centre.x, &object->centre.y, &box, &polygon, &velocity, &radar);
+  if (type >= LOOKS.size() || !is_between(object->likelihood, 0, 1) || !is_in_picture(object->centre)) {
+    return false;
+  }
+  object->type = static_cast<ObjectType>(type);
+  return unpack_box(box, &object->box) && unpack_polygon(polygon, &object->polygon) &&
+         unpack_velocity(velocity, &object->velocity) && unpack_radar(radar, &object->radar);
+}
+
+bool
+unpack_objects(GVariant *packed, std::vector<SceneObject> *objects)
+{
+  gsize count = g_variant_n_children(packed);
+  if (count > SCENE_OBJECTS_MAX) {
+    return false;
+  }
+  objects->resize(count);
+  for (gsize i = 0; i < count; i++) {
+    g_autoptr(GVariant) object = g_variant_get_child_value(packed, i);
+    if (!unpack_object(object, &(*objects)[i])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool
+unpack_deleted(GVariant *packed, std::vector<gint64> *deleted)
+{
+  gsize count = 0;
+  auto ids = static_cast<const gint64 *>(g_variant_get_fixed_array(packed, &count, sizeof(gint64)));
+  if (count > SCENE_OBJECTS_MAX) {
+    return false;
+  }
+  deleted->assign(ids, ids + count);
+  return true;
+}
+
+/* Returns: (transfer full) (nullable): the content of @buffer, if it is of the right type at all */
+GVariant *
+read_variant(GstBuffer *buffer)
+{
+  if (gst_buffer_get_size(buffer) > SCENE_BYTES_MAX) {
+    return nullptr;
+  }
+  gpointer data = nullptr;
+  gsize size = 0;
+  gst_buffer_extract_dup(buffer, 0, SCENE_BYTES_MAX, &data, &size);
+  g_autoptr(GBytes) bytes = g_bytes_new_take(data, size);
+  g_autoptr(GVariant) variant =
+      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(SCENE_TYPE), bytes, FALSE));
+  return g_variant_is_normal_form(variant) ? g_steal_pointer(&variant) : nullptr;
+}
+
+} /* namespace */
+
+/**
+ * scene_objects:
+ * @objects: objects of the world
+ * @details: what is wanted of them
+ *
+ * Returns: how the camera sees @objects: only what is in the picture, but the radar's measures whole
+ */
+std::vector<SceneObject>
+scene_objects(const std::vector<Object> &objects, const SceneDetails &details)
+{
+  std::vector<SceneObject> seen;
+  seen.reserve(objects.size());
+  for (const Object &object : objects) {
+    seen.push_back(scene_object(object, details));
+  }
+  return seen;
+}
+
+/**
+ * scene_to_buffer:
+ * @scene: a scene
+ *
+ * Returns: (transfer full): a buffer with @scene in the format that scene_from_buffer() reads
+ */
+GstBuffer *
+scene_to_buffer(const Scene &scene)
+{
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE(SCENE_TYPE));
+  g_variant_builder_add(&builder, "y", FORMAT_VERSION);
+  g_variant_builder_add(&builder, "x", scene.utc);
+  g_variant_builder_open(&builder, G_VARIANT_TYPE("a" OBJECT_TYPE));
+  for (const SceneObject &object : scene.objects) {
+    pack_object(&builder, object);
+  }
+  g_variant_builder_close(&builder);
+  g_variant_builder_add_value(&builder, g_variant_new_fixed_array(G_VARIANT_TYPE_INT64, scene.deleted.data(),
+                                                                  scene.deleted.size(), sizeof(gint64)));
+  g_autoptr(GVariant) packed = g_variant_ref_sink(g_variant_builder_end(&builder));
+  g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(packed);
+  return gst_buffer_new_wrapped_bytes(bytes);
+}
+
+/**
+ * scene_from_buffer:
+ * @buffer: any bytes
+ *
+ * Returns: the scene in @buffer; nothing unless every part of it is what scene_to_buffer() could have written
+ *   and within the limits of this format
+ */
+std::optional<Scene>
+scene_from_buffer(GstBuffer *buffer)
+{
+  g_autoptr(GVariant) packed = read_variant(buffer);
+  if (packed == nullptr) {
+    return std::nullopt;
+  }
+  Scene scene;
+  guint8 version = 0;
+  g_autoptr(GVariant) objects = nullptr;
+  g_autoptr(GVariant) deleted = nullptr;
+  g_variant_get(packed, "(yx@a" OBJECT_TYPE "@ax)", &version, &scene.utc, &objects, &deleted);
+  if (version != FORMAT_VERSION || scene.utc < 0 || scene.utc > LATEST_UTC) {
+    return std::nullopt;
+  }
+  if (!unpack_objects(objects, &scene.objects) || !unpack_deleted(deleted, &scene.deleted)) {
+    return std::nullopt;
+  }
+  return scene;
+}
+
+} /* namespace sim */
