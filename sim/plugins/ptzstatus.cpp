@@ -37,6 +37,8 @@ constexpr std::array<ZoomSpace, PTZ_LAST_SPACE + 1> ZOOM_SPACES = {{
     {"urn:tessard:simulated-camera:ptz-spaces:zoom-factor", {1, 30}},
 }};
 
+constexpr int COORDINATE_DIGITS = 4;
+
 constexpr Range GENERIC_PAN_TILT = PAN_TILT_SPACES[0].pan;
 constexpr Range GENERIC_ZOOM = ZOOM_SPACES[0].zoom;
 
@@ -55,13 +57,11 @@ can_move(const PtzView &view, int axes)
   return known == 0 || (known & axes) != 0;
 }
 
-/* Independent of the locale, as XML wants it. */
 void
 write_coordinate(xmlTextWriter *writer, const char *name, double value, Range from, Range to)
 {
   double mapped = std::lerp(to.low, to.high, (value - from.low) / (from.high - from.low));
-  char text[G_ASCII_DTOSTR_BUF_SIZE];
-  xml_attribute(writer, name, g_ascii_formatd(text, sizeof text, "%.4f", mapped));
+  xml_attribute_number(writer, name, mapped, COORDINATE_DIGITS);
 }
 
 void

@@ -1,5 +1,10 @@
 #include "xml.h"
 
+#include <array>
+#include <charconv>
+#include <libxml/chvalid.h>
+#include <string>
+
 /* Thin helpers over libxml2's writer. Its functions only fail without memory or when start and end do not
  * match, so the results are not looked at. */
 
@@ -9,10 +14,24 @@ namespace sim
 namespace
 {
 
+constexpr gunichar REPLACEMENT_CHARACTER = 0xfffd;
+
 const xmlChar *
 as_xml(const char *text)
 {
   return reinterpret_cast<const xmlChar *>(text);
+}
+
+/* The number as text, whatever the locale; what rounds to zero has no sign. */
+std::string
+number_text(double value, int decimals)
+{
+  /* Every double with as many decimals as anybody asks for. */
+  std::array<char, 352> text;
+  char *end =
+      std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed, decimals).ptr;
+  std::string number(text.data(), end);
+  return number.find_first_not_of("-0.") == number.npos && number.front() == '-' ? number.substr(1) : number;
 }
 
 } /* namespace */
@@ -46,6 +65,21 @@ xml_attribute(xmlTextWriter *writer, const char *name, const char *value)
 }
 
 /**
+ * xml_attribute_number:
+ * @writer: the writer, with an element just opened
+ * @name: the attribute's name
+ * @value: its value, a finite number
+ * @decimals: how many decimals to write, from 0 to 9
+ *
+ * Adds an attribute without a namespace to the open element.
+ */
+void
+xml_attribute_number(xmlTextWriter *writer, const char *name, double value, int decimals)
+{
+  xml_attribute(writer, name, number_text(value, decimals).c_str());
+}
+
+/**
  * xml_text:
  * @writer: the writer, with an element open
  * @text: the text, which is escaped as needed
@@ -56,6 +90,40 @@ void
 xml_text(xmlTextWriter *writer, const char *text)
 {
   xmlTextWriterWriteString(writer, as_xml(text));
+}
+
+/**
+ * xml_element:
+ * @writer: the writer
+ * @element_namespace: the element's namespace, which must be declared further out
+ * @name: the element's local name
+ * @text: its text, which is escaped as needed
+ *
+ * Adds an element that holds nothing but text.
+ */
+void
+xml_element(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name, const char *text)
+{
+  xml_start(writer, element_namespace, name);
+  xml_text(writer, text);
+  xml_end(writer);
+}
+
+/**
+ * xml_element_number:
+ * @writer: the writer
+ * @element_namespace: the element's namespace, which must be declared further out
+ * @name: the element's local name
+ * @value: a finite number
+ * @decimals: how many decimals to write, from 0 to 9
+ *
+ * Adds an element that holds nothing but a number.
+ */
+void
+xml_element_number(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
+                   double value, int decimals)
+{
+  xml_element(writer, element_namespace, name, number_text(value, decimals).c_str());
 }
 
 /**
@@ -82,6 +150,24 @@ void
 xml_end(xmlTextWriter *writer)
 {
   xmlTextWriterEndElement(writer);
+}
+
+/**
+ * xml_clean_text:
+ * @text: any bytes
+ *
+ * Returns: (transfer full): @text with U+FFFD in the place of whatever XML allows nowhere
+ */
+char *
+xml_clean_text(const char *text)
+{
+  g_autofree char *valid = g_utf8_make_valid(text, -1);
+  GString *clean = g_string_new(nullptr);
+  for (const char *at = valid; *at != '\0'; at = g_utf8_next_char(at)) {
+    gunichar character = g_utf8_get_char(at);
+    g_string_append_unichar(clean, xmlIsCharQ(character) ? character : REPLACEMENT_CHARACTER);
+  }
+  return g_string_free(clean, FALSE);
 }
 
 /**

@@ -28,9 +28,15 @@ constexpr XmlNamespace TNSIMCAM = {"tnsimcam", "urn:tessard:simulated-camera:top
 
 void xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name);
 void xml_attribute(xmlTextWriter *writer, const char *name, const char *value);
+void xml_attribute_number(xmlTextWriter *writer, const char *name, double value, int decimals);
 void xml_text(xmlTextWriter *writer, const char *text);
+void xml_element(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
+                 const char *text);
+void xml_element_number(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
+                        double value, int decimals);
 void xml_declare(xmlTextWriter *writer, const XmlNamespace &declared);
 void xml_end(xmlTextWriter *writer);
+char *xml_clean_text(const char *text);
 char *xml_date_time(gint64 utc);
 GstBuffer *xml_to_gst_buffer(xmlBuffer *buffer);
 

@@ -22,6 +22,16 @@ parse(const std::string &xml)
   return xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, XML_PARSE_NONET);
 }
 
+xmlXPathContext *
+new_context(xmlDoc *document)
+{
+  xmlXPathContext *context = xmlXPathNewContext(document);
+  xmlXPathRegisterNs(context, as_xml("tt"), as_xml("http://www.onvif.org/ver10/schema"));
+  xmlXPathRegisterNs(context, as_xml("wsnt"), as_xml("http://docs.oasis-open.org/wsn/b-2"));
+  xmlXPathRegisterNs(context, as_xml("qurt"), as_xml("urn:tessard:simulated-camera:radar"));
+  return context;
+}
+
 std::vector<xmlNode *>
 find(xmlXPathContext *context, xmlNode *from, const char *path)
 {
@@ -83,9 +93,7 @@ read_all(const std::string &xml, const char *path, Item (*read)(xmlXPathContext 
   if (document == nullptr) {
     return items;
   }
-  g_autoptr(xmlXPathContext) context = xmlXPathNewContext(document);
-  xmlXPathRegisterNs(context, as_xml("tt"), as_xml("http://www.onvif.org/ver10/schema"));
-  xmlXPathRegisterNs(context, as_xml("wsnt"), as_xml("http://docs.oasis-open.org/wsn/b-2"));
+  g_autoptr(xmlXPathContext) context = new_context(document);
   for (xmlNode *node : find(context, xmlDocGetRootElement(document), path)) {
     items.push_back(read(context, node));
   }
@@ -114,6 +122,19 @@ root_name(const std::string &xml)
   xmlNode *root = xmlDocGetRootElement(document);
   return std::string(reinterpret_cast<const char *>(root->ns->href)) + " " +
          reinterpret_cast<const char *>(root->name);
+}
+
+/* What an XPath expression yields, as text. */
+std::string
+evaluate(const std::string &xml, const std::string &path)
+{
+  g_autoptr(xmlDoc) document = parse(xml);
+  EXPECT_NE(document, nullptr) << xml;
+  if (document == nullptr) {
+    return {};
+  }
+  g_autoptr(xmlXPathContext) context = new_context(document);
+  return find_text(context, xmlDocGetRootElement(document), path.c_str());
 }
 
 std::vector<ReadEvent>

@@ -29,6 +29,7 @@ struct ReadPtzStatus {
 
 std::string buffer_text(GstBuffer *buffer);
 std::string root_name(const std::string &xml);
+std::string evaluate(const std::string &xml, const std::string &path);
 std::vector<ReadEvent> read_events(const std::string &xml);
 std::vector<ReadPtzStatus> read_ptz_statuses(const std::string &xml);
 gint64 parse_utc(const std::string &text);

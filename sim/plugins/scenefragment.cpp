@@ -1,0 +1,278 @@
+#include "scenefragment.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace sim
+{
+
+namespace
+{
+
+/* What only this camera's radar has to say. */
+constexpr XmlNamespace QURT = {"qurt", "urn:tessard:simulated-camera:radar"};
+
+/* Decimals, as many as mean something. */
+constexpr int PICTURE_DIGITS = 4;
+constexpr int MEASURE_DIGITS = 2; /* metres, metres per second, degrees and likelihoods */
+constexpr int EARTH_DIGITS = 7;
+
+/* Turns the picture clockwise: (1, 0) goes to `right`, (0, 1) to `up`. */
+struct Turn {
+  guint rotation;
+  Point right;
+  Point up;
+};
+
+constexpr std::array<Turn, 4> TURNS = {{
+    {0, {1, 0}, {0, 1}},
+    {90, {0, -1}, {1, 0}},
+    {180, {-1, 0}, {0, -1}},
+    {270, {0, 1}, {-1, 0}},
+}};
+
+/* A type has one name among the well-known ones and one, with its misspelling, in the older enumeration. */
+struct ClassNames {
+  ObjectType type;
+  const char *candidate;
+  const char *name;
+};
+
+constexpr std::array<ClassNames, 2> CLASS_NAMES = {{
+    {ObjectType::HUMAN, "Human", "Human"},
+    {ObjectType::VEHICLE, "Vehical", "Vehicle"},
+}};
+
+const Turn *
+find_turn(guint rotation)
+{
+  auto found = std::find_if(TURNS.begin(), TURNS.end(),
+                            [rotation](const Turn &turn) { return turn.rotation == rotation; });
+  return found != TURNS.end() ? &*found : nullptr;
+}
+
+const ClassNames &
+names_of(ObjectType type)
+{
+  return *std::find_if(CLASS_NAMES.begin(), CLASS_NAMES.end(),
+                       [type](const ClassNames &names) { return names.type == type; });
+}
+
+Point
+turn_point(const Turn &turn, const Point &point)
+{
+  return {point.x * turn.right.x + point.y * turn.up.x, point.x * turn.right.y + point.y * turn.up.y};
+}
+
+Box
+turn_box(const Turn &turn, const Box &box)
+{
+  Point one = turn_point(turn, {box.left, box.top});
+  Point other = turn_point(turn, {box.right, box.bottom});
+  return {.left = std::min(one.x, other.x),
+          .top = std::max(one.y, other.y),
+          .right = std::max(one.x, other.x),
+          .bottom = std::min(one.y, other.y)};
+}
+
+void
+write_point(xmlTextWriter *writer, const char *name, const Point &point)
+{
+  xml_start(writer, TT, name);
+  xml_attribute_number(writer, "x", point.x, PICTURE_DIGITS);
+  xml_attribute_number(writer, "y", point.y, PICTURE_DIGITS);
+  xml_end(writer);
+}
+
+void
+write_box(xmlTextWriter *writer, const Box &box)
+{
+  xml_start(writer, TT, "BoundingBox");
+  xml_attribute_number(writer, "left", box.left, PICTURE_DIGITS);
+  xml_attribute_number(writer, "top", box.top, PICTURE_DIGITS);
+  xml_attribute_number(writer, "right", box.right, PICTURE_DIGITS);
+  xml_attribute_number(writer, "bottom", box.bottom, PICTURE_DIGITS);
+  xml_end(writer);
+}
+
+void
+write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+{
+  xml_start(writer, TT, "Shape");
+  write_box(writer, turn_box(turn, *object.box));
+  write_point(writer, "CenterOfGravity", turn_point(turn, object.centre));
+  if (view.polygon && !object.polygon.empty()) {
+    xml_start(writer, TT, "Polygon");
+    for (const Point &point : object.polygon) {
+      write_point(writer, "Point", turn_point(turn, point));
+    }
+    xml_end(writer);
+  }
+  xml_end(writer);
+}
+
+void
+write_class(xmlTextWriter *writer, const SceneObject &object)
+{
+  const ClassNames &names = names_of(object.type);
+  xml_start(writer, TT, "Class");
+  xml_start(writer, TT, "ClassCandidate");
+  xml_element(writer, TT, "Type", names.candidate);
+  xml_element_number(writer, TT, "Likelihood", object.likelihood, MEASURE_DIGITS);
+  xml_end(writer);
+  xml_start(writer, TT, "Type");
+  xml_attribute_number(writer, "Likelihood", object.likelihood, MEASURE_DIGITS);
+  xml_text(writer, names.name);
+  xml_end(writer);
+  xml_end(writer);
+}
+
+/* The radar does not turn with the picture. */
+void
+write_radar(xmlTextWriter *writer, const SceneObject &object, const SceneView &view)
+{
+  xml_start(writer, TT, "Extension");
+  xml_start(writer, QURT, "RadarObjectInfo");
+  xml_declare(writer, QURT);
+  xml_start(writer, QURT, "PolarCoordinate");
+  xml_attribute_number(writer, "angle", object.radar->position.angle, MEASURE_DIGITS);
+  xml_attribute_number(writer, "range", object.radar->position.range, MEASURE_DIGITS);
+  xml_end(writer);
+  if (view.velocity && object.velocity.has_value()) {
+    xml_start(writer, QURT, "Velocity");
+    xml_attribute_number(writer, "m-s", object.velocity->speed, MEASURE_DIGITS);
+    xml_attribute_number(writer, "angle", object.velocity->angle, MEASURE_DIGITS);
+    xml_end(writer);
+  }
+  xml_start(writer, QURT, "Size");
+  xml_attribute_number(writer, "m", object.radar->size, MEASURE_DIGITS);
+  xml_end(writer);
+  xml_end(writer);
+  xml_end(writer);
+}
+
+void
+write_location(xmlTextWriter *writer, const Polar &position)
+{
+  GeoLocation location = ground_location(position);
+  xml_start(writer, TT, "GeoLocation");
+  xml_attribute_number(writer, "lon", location.longitude, EARTH_DIGITS);
+  xml_attribute_number(writer, "lat", location.latitude, EARTH_DIGITS);
+  xml_attribute_number(writer, "elevation", location.elevation, MEASURE_DIGITS);
+  xml_end(writer);
+}
+
+/* A shape needs a box: without one there is none at all. */
+void
+write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+{
+  xml_start(writer, TT, "Appearance");
+  if (object.box.has_value()) {
+    write_shape(writer, object, view, turn);
+  }
+  write_class(writer, object);
+  if (object.radar.has_value()) {
+    write_radar(writer, object, view);
+    if (view.geolocation) {
+      write_location(writer, object.radar->position);
+    }
+  }
+  xml_end(writer);
+}
+
+/* In a turned picture, 0 is still towards its right and 90 away. */
+void
+write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Turn &turn)
+{
+  double yaw = std::remainder(90 - velocity.angle - turn.rotation, 360);
+  xml_start(writer, TT, "Behaviour");
+  xml_element_number(writer, TT, "Speed", velocity.speed, MEASURE_DIGITS);
+  xml_start(writer, TT, "Direction");
+  xml_attribute_number(writer, "yaw", yaw, MEASURE_DIGITS);
+  xml_end(writer);
+  xml_end(writer);
+}
+
+void
+write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+{
+  xml_start(writer, TT, "Object");
+  xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  write_appearance(writer, object, view, turn);
+  if (view.velocity && object.velocity.has_value()) {
+    write_behaviour(writer, *object.velocity, turn);
+  }
+  xml_end(writer);
+}
+
+void
+write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)
+{
+  xml_start(writer, TT, "ObjectTree");
+  for (gint64 id : deleted) {
+    xml_start(writer, TT, "Delete");
+    xml_attribute(writer, "ObjectId", std::to_string(id).c_str());
+    xml_end(writer);
+  }
+  xml_end(writer);
+}
+
+void
+write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
+{
+  const Turn &turn = *find_turn(view.rotation);
+  g_autofree char *utc = xml_date_time(scene.utc);
+  xml_start(writer, TT, "Frame");
+  xml_attribute(writer, "UtcTime", utc);
+  if (view.source_name.has_value()) {
+    xml_attribute(writer, "Source", view.source_name->c_str());
+  }
+  if (ptz.has_value()) {
+    ptz_status_write(writer, *ptz, view.ptz, scene.utc);
+  }
+  for (const SceneObject &object : scene.objects) {
+    write_object(writer, object, view, turn);
+  }
+  if (!scene.deleted.empty()) {
+    write_deleted(writer, scene.deleted);
+  }
+  xml_end(writer);
+}
+
+} /* namespace */
+
+/**
+ * scene_can_rotate:
+ * @rotation: degrees
+ *
+ * Returns: whether @rotation is one by which pictures can be turned: 0, 90, 180 or 270
+ */
+bool
+scene_can_rotate(guint rotation)
+{
+  return find_turn(rotation) != nullptr;
+}
+
+/**
+ * scene_to_fragment:
+ * @scene: the scene
+ * @view: how to show it
+ * @ptz: where the PTZ head looks, if that is to be told
+ *
+ * Returns: (transfer full): one tt:VideoAnalytics element with one tt:Frame, with the caps %FRAGMENT_CAPS
+ */
+GstBuffer *
+scene_to_fragment(const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
+{
+  g_autoptr(xmlBuffer) text = xmlBufferCreate();
+  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
+  xml_start(writer, TT, "VideoAnalytics");
+  xml_declare(writer, TT);
+  write_frame(writer, scene, view, ptz);
+  xml_end(writer);
+  xmlTextWriterFlush(writer);
+  return xml_to_gst_buffer(text);
+}
+
+} /* namespace sim */
