@@ -1,0 +1,373 @@
+#include "scenesrc.h"
+
+#include "bookmark.h"
+#include "scenemodel.h"
+#include "waking.h"
+
+#include <algorithm>
+#include <array>
+#include <gst/base/gstpushsrc.h>
+
+/* A live source of scenes: what is in the picture, again and again while anything is, and now and then while
+ * nothing is. The first scene comes at once, so that a pipeline pre-rolls; so does one after each sync point.
+ * Whoever was in the last scene and has left is told to have left in the next one.
+ *
+ * What is downstream chooses by the caps what the objects come with.
+ *
+ * Threads: `Story` belongs to the streaming thread while the element runs, and to the thread that starts it
+ * before; caps are set in the streaming thread. `Waking` is for every thread. The property is under the
+ * object lock. */
+
+namespace
+{
+
+struct Story {
+  sim::Bookmark bookmark;
+  sim::SceneDetails details;
+  std::vector<gint64> present; /* who was in the last scene */
+};
+
+struct State {
+  int channel = 1;
+  Story story;
+  sim::Waking waking;
+};
+
+struct SceneSrc {
+  GstPushSrc parent_instance;
+  State *state;
+};
+
+struct SceneSrcClass {
+  GstPushSrcClass parent_class;
+  const sim::ScenePlugin *described;
+};
+
+enum {
+  PROP_0,
+  PROP_VIDEO_CHANNEL,
+  N_PROPERTIES,
+};
+
+GParamSpec *properties[N_PROPERTIES];
+gpointer parent_class;
+
+GST_DEBUG_CATEGORY_STATIC(scene_src_debug);
+#define GST_CAT_DEFAULT scene_src_debug
+
+/* Between two scenes at least, and as long as somebody is in the picture. */
+constexpr gint64 INTERVAL = G_USEC_PER_SEC / 10;
+
+/* As long as nobody is. */
+constexpr gint64 EMPTY_INTERVAL = 2 * G_USEC_PER_SEC;
+
+/* What the caps let choose. */
+struct Choice {
+  const char *field;
+  bool sim::SceneDetails::*detail;
+};
+
+constexpr std::array<Choice, 3> CHOICES = {{
+    {"bounding-box", &sim::SceneDetails::boxes},
+    {"polygon", &sim::SceneDetails::polygons},
+    {"velocity", &sim::SceneDetails::velocities},
+}};
+
+SceneSrc *
+as_scene_src(gpointer object)
+{
+  return static_cast<SceneSrc *>(object);
+}
+
+const sim::ScenePlugin &
+described(gpointer object)
+{
+  return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneSrcClass)->described;
+}
+
+/* The time of the next scene. An arrival in an empty picture is not waited for longer than needed. */
+gint64
+next_utc(const Story &story)
+{
+  const sim::Settings &settings = story.bookmark.settings();
+  sim::WorldTime told_until = story.bookmark.told_until();
+  gint64 told_utc = sim::settings_utc(settings, told_until);
+  if (!story.present.empty()) {
+    return told_utc + INTERVAL;
+  }
+  gint64 latest = told_utc + EMPTY_INTERVAL;
+  for (const sim::Change &change :
+       story.bookmark.world().changes_between(told_until, sim::settings_world_time(settings, latest))) {
+    if (change.type == sim::ChangeType::MOTION) {
+      return std::max(told_utc + INTERVAL, sim::settings_utc(settings, change.time));
+    }
+  }
+  return latest;
+}
+
+/* Until the next scene; nothing or less if it is due. */
+gint64
+time_left(const Story &story)
+{
+  if (!story.bookmark.can_continue(story.bookmark.now())) {
+    return 0;
+  }
+  return next_utc(story) - g_get_real_time();
+}
+
+/* The system's two clocks are not read in one moment, so a sleep may turn out to have been too short. */
+sim::Wake
+wait_for_next(State &state)
+{
+  for (;;) {
+    gint64 left = time_left(state.story);
+    sim::Wake wake = state.waking.wait_until(g_get_monotonic_time() + left);
+    if (wake != sim::Wake::DUE || left <= 0) {
+      return wake;
+    }
+  }
+}
+
+std::vector<gint64>
+who_left(const std::vector<gint64> &before, const std::vector<gint64> &present)
+{
+  std::vector<gint64> left;
+  std::copy_if(before.begin(), before.end(), std::back_inserter(left), [&present](gint64 id) {
+    return std::find(present.begin(), present.end(), id) == present.end();
+  });
+  return left;
+}
+
+sim::Scene
+next_scene(Story &story)
+{
+  sim::WorldTime now = story.bookmark.now();
+  std::vector<sim::Object> objects = story.bookmark.world().objects_at(now);
+  std::vector<gint64> present;
+  present.reserve(objects.size());
+  for (const sim::Object &object : objects) {
+    present.push_back(object.id);
+  }
+  sim::Scene scene = {.utc = sim::settings_utc(story.bookmark.settings(), now),
+                      .objects = sim::scene_objects(objects, story.details),
+                      .deleted = who_left(story.present, present)};
+  story.present = std::move(present);
+  story.bookmark.move_to(now);
+  return scene;
+}
+
+int
+channel_of(SceneSrc *self)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
+  return self->state->channel;
+}
+
+void
+set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+{
+  if (id != PROP_VIDEO_CHANNEL) {
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    return;
+  }
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(object));
+  as_scene_src(object)->state->channel = g_value_get_int(value);
+}
+
+void
+get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+{
+  if (id != PROP_VIDEO_CHANNEL) {
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    return;
+  }
+  g_value_set_int(value, channel_of(as_scene_src(object)));
+}
+
+void
+finalize(GObject *object)
+{
+  delete as_scene_src(object)->state;
+  G_OBJECT_CLASS(parent_class)->finalize(object);
+}
+
+GstCaps *
+get_caps(GstBaseSrc *base, GstCaps *filter)
+{
+  g_autoptr(GstCaps) template_caps = gst_pad_get_pad_template_caps(GST_BASE_SRC_PAD(base));
+  g_autoptr(GstCaps) caps = gst_caps_copy(template_caps);
+  gst_caps_set_simple(caps, "channel", G_TYPE_INT, channel_of(as_scene_src(base)), nullptr);
+  return filter != nullptr ? gst_caps_intersect_full(filter, caps, GST_CAPS_INTERSECT_FIRST)
+                           : g_steal_pointer(&caps);
+}
+
+/* Whoever has no wish gets everything. */
+GstCaps *
+fixate(GstBaseSrc *base, GstCaps *caps)
+{
+  GstCaps *one = gst_caps_make_writable(gst_caps_truncate(caps));
+  for (const Choice &choice : CHOICES) {
+    gst_structure_fixate_field_boolean(gst_caps_get_structure(one, 0), choice.field, TRUE);
+  }
+  return GST_BASE_SRC_CLASS(parent_class)->fixate(base, one);
+}
+
+gboolean
+set_caps(GstBaseSrc *base, GstCaps *caps)
+{
+  const GstStructure *chosen = gst_caps_get_structure(caps, 0);
+  for (const Choice &choice : CHOICES) {
+    gboolean wanted = FALSE;
+    if (!gst_structure_get_boolean(chosen, choice.field, &wanted)) {
+      return FALSE;
+    }
+    as_scene_src(base)->state->story.details.*choice.detail = wanted;
+  }
+  return TRUE;
+}
+
+gboolean
+start(GstBaseSrc *base)
+{
+  State *state = as_scene_src(base)->state;
+  state->story.bookmark.open();
+  state->story.present.clear();
+  state->story.details.radar = described(base).radar;
+  state->waking.forget_sync_point();
+  return TRUE;
+}
+
+gboolean
+unlock(GstBaseSrc *base)
+{
+  as_scene_src(base)->state->waking.set_flushing(true);
+  return TRUE;
+}
+
+gboolean
+unlock_stop(GstBaseSrc *base)
+{
+  as_scene_src(base)->state->waking.set_flushing(false);
+  return TRUE;
+}
+
+/* Runs in the thread of whoever sends the event, at any time. */
+gboolean
+on_event(GstBaseSrc *base, GstEvent *event)
+{
+  if (!as_scene_src(base)->state->waking.accept_event(event)) {
+    return GST_BASE_SRC_CLASS(parent_class)->event(base, event);
+  }
+  GST_DEBUG_OBJECT(base, "Sync point requested");
+  return TRUE;
+}
+
+GstFlowReturn
+create(GstPushSrc *push, GstBuffer **buffer)
+{
+  State *state = as_scene_src(push)->state;
+  if (wait_for_next(*state) == sim::Wake::FLUSHING) {
+    return GST_FLOW_FLUSHING;
+  }
+  *buffer = sim::scene_to_buffer(next_scene(state->story));
+  return GST_FLOW_OK;
+}
+
+void
+set_boolean_choice(GstCaps *caps, const char *field)
+{
+  g_auto(GValue) either = G_VALUE_INIT;
+  g_auto(GValue) value = G_VALUE_INIT;
+  g_value_init(&either, GST_TYPE_LIST);
+  g_value_init(&value, G_TYPE_BOOLEAN);
+  for (bool choice : {true, false}) {
+    g_value_set_boolean(&value, choice);
+    gst_value_list_append_value(&either, &value);
+  }
+  gst_caps_set_value(caps, field, &either);
+}
+
+void
+add_pad_template(GstElementClass *element_class, const char *media_type)
+{
+  g_autoptr(GstCaps) caps =
+      gst_caps_new_simple(media_type, "channel", GST_TYPE_INT_RANGE, 0, G_MAXINT, nullptr);
+  for (const Choice &choice : CHOICES) {
+    set_boolean_choice(caps, choice.field);
+  }
+  gst_element_class_add_pad_template(element_class,
+                                     gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+}
+
+void
+class_init(gpointer klass, gpointer class_data)
+{
+  auto plugin = static_cast<const sim::ScenePlugin *>(class_data);
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+  GstBaseSrcClass *base_class = GST_BASE_SRC_CLASS(klass);
+
+  GST_DEBUG_CATEGORY_INIT(scene_src_debug, plugin->source.name, 0, plugin->source.description);
+  parent_class = g_type_class_peek_parent(klass);
+  static_cast<SceneSrcClass *>(klass)->described = plugin;
+  object_class->set_property = set_property;
+  object_class->get_property = get_property;
+  object_class->finalize = finalize;
+  base_class->get_caps = get_caps;
+  base_class->fixate = fixate;
+  base_class->set_caps = set_caps;
+  base_class->start = start;
+  base_class->unlock = unlock;
+  base_class->unlock_stop = unlock_stop;
+  base_class->event = on_event;
+  GST_PUSH_SRC_CLASS(klass)->create = create;
+
+  properties[PROP_VIDEO_CHANNEL] = g_param_spec_int(
+      "video-channel", "Video channel", "The channel whose scenes to send", 0, G_MAXINT, 1,
+      static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY));
+  g_object_class_install_properties(object_class, N_PROPERTIES, properties);
+
+  add_pad_template(element_class, plugin->media_type);
+  gst_element_class_set_static_metadata(element_class, plugin->source.long_name, "Source/Metadata",
+                                        plugin->source.description, "tessard");
+}
+
+void
+instance_init(GTypeInstance *instance, gpointer klass)
+{
+  as_scene_src(instance)->state = new State;
+  gst_base_src_set_live(GST_BASE_SRC(instance), TRUE);
+  gst_base_src_set_format(GST_BASE_SRC(instance), GST_FORMAT_TIME);
+  gst_base_src_set_do_timestamp(GST_BASE_SRC(instance), TRUE);
+}
+
+} /* namespace */
+
+namespace sim
+{
+
+/**
+ * scene_src_register:
+ * @plugin: the plug-in that is being loaded; each may do this once
+ * @described: (transfer none): what it is called; stays where it is for as long as the process lives
+ *
+ * Registers the plug-in's source of scenes.
+ *
+ * Returns: whether that worked
+ */
+bool
+scene_src_register(GstPlugin *plugin, const ScenePlugin *described)
+{
+  GTypeInfo info = {
+      .class_size = sizeof(SceneSrcClass),
+      .class_init = class_init,
+      .class_data = described,
+      .instance_size = sizeof(SceneSrc),
+      .instance_init = instance_init,
+  };
+  GType type =
+      g_type_register_static(GST_TYPE_PUSH_SRC, described->source.type_name, &info, G_TYPE_FLAG_FINAL);
+  return gst_element_register(plugin, described->source.name, GST_RANK_NONE, type);
+}
+
+} /* namespace sim */

@@ -1,0 +1,95 @@
+#include "scenes.h"
+
+#include "wallclock.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+namespace
+{
+
+bool
+stays(bool motion, sim::WorldTime from, sim::WorldTime until)
+{
+  std::vector<sim::Change> changes = STORY.changes_between(from, until);
+  return STORY.motion_at(from) == motion &&
+         std::none_of(changes.begin(), changes.end(),
+                      [](const sim::Change &change) { return change.type == sim::ChangeType::MOTION; });
+}
+
+} /* namespace */
+
+void
+PrintTo(const Scenes &scenes, std::ostream *stream)
+{
+  *stream << scenes.source;
+}
+
+/* Takes @element and starts it. */
+GstHarness *
+play(GstElement *element)
+{
+  return play_with_caps(element, "ANY");
+}
+
+/* As above, with somebody downstream who accepts only @caps. */
+GstHarness *
+play_with_caps(GstElement *element, const std::string &caps)
+{
+  GstHarness *harness = gst_harness_new_with_element(element, nullptr, "src");
+  gst_object_unref(element);
+  gst_harness_use_systemclock(harness);
+  gst_harness_set_sink_caps_str(harness, caps.c_str());
+  gst_harness_play(harness);
+  return harness;
+}
+
+/* Whether somebody is in the picture at every moment of a span. */
+bool
+is_busy(sim::WorldTime from, sim::WorldTime until)
+{
+  return stays(true, from, until);
+}
+
+/* Whether nobody is. */
+bool
+is_empty(sim::WorldTime from, sim::WorldTime until)
+{
+  return stays(false, from, until);
+}
+
+/* Sets the wall clock to the first time of the story with the default settings that is as wanted; the world's
+ * time. It has to be set back. */
+sim::WorldTime
+begin_where(const std::function<bool(sim::WorldTime)> &wanted)
+{
+  constexpr sim::WorldTime STEP = G_USEC_PER_SEC / 25;
+  constexpr sim::WorldTime HOUR = 3600 * gint64{G_USEC_PER_SEC};
+  sim::WorldTime time = 0;
+  while (!wanted(time) && time < HOUR) {
+    time += STEP;
+  }
+  EXPECT_LT(time, HOUR);
+  set_wall_clock_offset(0);
+  set_wall_clock_offset(sim::settings_utc({}, time) - g_get_real_time());
+  return time;
+}
+
+/* The text of the first message of @type, which has to come soon and to be as given. */
+std::string
+pop_message(GstBus *bus, GstMessageType type, GQuark domain, int code)
+{
+  g_autoptr(GstMessage) message = gst_bus_timed_pop_filtered(bus, 5 * GST_SECOND, type);
+  EXPECT_NE(message, nullptr);
+  if (message == nullptr) {
+    return {};
+  }
+  g_autoptr(GError) error = nullptr;
+  if (type == GST_MESSAGE_WARNING) {
+    gst_message_parse_warning(message, &error, nullptr);
+  } else {
+    gst_message_parse_error(message, &error, nullptr);
+  }
+  EXPECT_TRUE(g_error_matches(error, domain, code)) << error->message;
+  return error->message;
+}
