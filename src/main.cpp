@@ -3,6 +3,8 @@
 #include "eventsourcefactory.h"
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
+#include "radarscenesourcefactory.h"
+#include "scenesourcefactory.h"
 #include "server.h"
 #include "systembus.h"
 
@@ -27,6 +29,11 @@ constexpr const char *PTZ_COORDINATOR_PATH = "/com/quon/PTZ/Coordinator/1";
 constexpr const char *PTZ_COORDINATOR_INTERFACE = "com.quon.PTZ.Coordinator";
 constexpr const char *MOVE_CAPABILITIES_PROPERTY = "DriverMoveCapabilities";
 
+constexpr const char *SCENE_MANAGER_NAME = "com.quon.VideoSceneManager1";
+constexpr const char *SCENE_MANAGER_PATH = "/com/quon/VideoSceneManager1";
+constexpr const char *SCENE_MANAGER_INTERFACE = "com.quon.VideoSceneManager1.Scene";
+constexpr int SCENE_MANAGER_TIMEOUT_MS = 1000;
+
 /* A kind of metadata that the daemon offers if the platform brings a plug-in for it. */
 struct Kind {
   const gchar *plugin;
@@ -38,6 +45,11 @@ constexpr Kind EVENTS = {"onvifeventsrc", "Adding event source factory.",
                          "Events not enabled, not adding event factory."};
 constexpr Kind PTZ = {"statuscacheptz", "Adding PTZ source factory.",
                       "PTZ not enabled, not adding PTZ factory."};
+constexpr Kind SCENES = {"scene", "Adding scene source factory.",
+                         "Scenes not enabled, not adding scene factory."};
+constexpr Kind RADAR_SCENES = {"radarscene", "Adding radar scene source factory.",
+                               "Radar scenes not enabled, not adding radar scene factory."};
+
 struct Options {
   gchar *run_dir = nullptr;
   gboolean version = FALSE;
@@ -207,15 +219,53 @@ query_move_capabilities()
   return capabilities;
 }
 
+GVariant *
+call_scene_manager(const gchar *method)
+{
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  if (bus == nullptr) {
+    return nullptr;
+  }
+  g_autoptr(GDBusProxy) proxy =
+      g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_NONE, nullptr, SCENE_MANAGER_NAME,
+                                    SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE, nullptr, nullptr);
+  if (proxy == nullptr) {
+    return nullptr;
+  }
+  return g_dbus_proxy_call_sync(proxy, method, nullptr, G_DBUS_CALL_FLAGS_NONE, SCENE_MANAGER_TIMEOUT_MS,
+                                nullptr, nullptr);
+}
+
+/* Whether somebody provides scenes of a channel at least. Called on the request server's pool threads. */
+gboolean
+is_scene_provider_running()
+{
+  g_autoptr(GVariant) reply = call_scene_manager("GetNumberOfChannels");
+  g_autoptr(GVariant) channels = get_first_child(reply);
+
+  return channels != nullptr && g_variant_is_of_type(channels, G_VARIANT_TYPE_INT32) &&
+         g_variant_get_int32(channels) > 0;
+}
+
 /* The order of registration is the order of the sources in every client's pipeline. */
 void
-add_factories(Server *server)
+add_factories(Server *server, AnalyticsProducerList *producers)
 {
+  gint32 move_capabilities = 0;
+
   if (is_offered(EVENTS)) {
     register_factory(server, event_source_factory_new());
   }
   if (is_offered(PTZ)) {
-    register_factory(server, ptz_source_factory_new(query_move_capabilities()));
+    move_capabilities = query_move_capabilities();
+    register_factory(server, ptz_source_factory_new(move_capabilities));
+  }
+  if (is_offered(SCENES)) {
+    register_factory(server,
+                     scene_source_factory_new(producers, move_capabilities, is_scene_provider_running));
+  }
+  if (is_offered(RADAR_SCENES)) {
+    register_factory(server, radar_scene_source_factory_new(producers));
   }
 }
 
@@ -238,13 +288,15 @@ run(const gchar *run_dir)
     return EXIT_FAILURE;
   }
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
+  /* Outlives the server, whose factories borrow it. */
+  g_autoptr(AnalyticsProducerList) producers = nullptr;
   g_autoptr(Server) server = TESSARD_SERVER(g_object_new(server_get_type(), "run-dir", run_dir, nullptr));
 
   if (!load_producer_config()) {
     return EXIT_FAILURE;
   }
-  g_autoptr(AnalyticsProducerList) producers = analytics_producer_list_new();
-  add_factories(server);
+  producers = analytics_producer_list_new();
+  add_factories(server, producers);
 
   if (!server_start(server)) {
     syslog(LOG_ERR, "Could not start server.");

@@ -11,9 +11,9 @@
 #include "optionvalidation.h"
 #include "producerconfig.h"
 #include "sourcefactory.h"
+#include "systembus.h"
 
 #include <array>
-#include <gio/gio.h>
 
 namespace
 {
@@ -197,13 +197,10 @@ gboolean
 scene_source_query_rotation(gint32 channel, guint32 *rotation)
 {
   *rotation = 0;
-  g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
   if (bus == nullptr) {
     return FALSE;
   }
-  /* GLib's shared connection ends the process when the bus goes. A stream does not need the bus. */
-  g_dbus_connection_set_exit_on_close(bus, FALSE);
-
   g_autoptr(GVariant) settings = get_channel_settings(bus, channel);
   if (settings == nullptr || !g_variant_is_of_type(settings, G_VARIANT_TYPE_VARDICT)) {
     return FALSE;

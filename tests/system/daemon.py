@@ -13,8 +13,8 @@ import subprocess
 import threading
 
 from client import ConnectionEnded, Client
-from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER,
-                          run_by_root, unprivileged)
+from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP,
+                          UNPRIVILEGED_USER, run_by_root, unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3
@@ -37,6 +37,8 @@ Name=
 KIND_LINES = {
     EVENT_PLUGIN: ("Adding event source factory.", "Events not enabled, not adding event factory."),
     PTZ_PLUGIN: ("Adding PTZ source factory.", "PTZ not enabled, not adding PTZ factory."),
+    SCENE_PLUGIN: ("Adding scene source factory.", "Scenes not enabled, not adding scene factory."),
+    RADAR_PLUGIN: ("Adding radar scene source factory.", "Radar scenes not enabled, not adding radar scene factory."),
 }
 
 
