@@ -24,12 +24,8 @@ send_reply(GDBusMethodInvocation *call, GVariant *body)
                                  G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
 }
 
-} /* namespace */
-
-/* A slow answer on its way. Its time-out owns it. */
-struct Service::LateAnswer {
-  Service *service;
-  guint source;
+/* A slow answer on its way. */
+struct LateAnswer {
   GDBusMethodInvocation *invocation; /* owned; unset once answered */
   GVariant *body;                    /* owned */
 
@@ -40,6 +36,25 @@ struct Service::LateAnswer {
   }
 };
 
+gboolean
+on_answer_due(gpointer user_data)
+{
+  auto *late = static_cast<LateAnswer *>(user_data);
+
+  send_reply(g_steal_pointer(&late->invocation), late->body);
+  return G_SOURCE_REMOVE;
+}
+
+/* Takes the call over. */
+void
+send_reply_later(GDBusMethodInvocation *call, GVariant *body, guint delay_ms)
+{
+  g_timeout_add_full(G_PRIORITY_DEFAULT, delay_ms, on_answer_due, new LateAnswer{call, g_variant_ref(body)},
+                     [](gpointer data) { delete static_cast<LateAnswer *>(data); });
+}
+
+} /* namespace */
+
 Service::Service(const char *nick, const char *bus_name, std::span<const WrongReply> wrong_replies)
     : nick_(nick), bus_name_(bus_name), wrong_replies_(wrong_replies)
 {
@@ -47,9 +62,6 @@ Service::Service(const char *nick, const char *bus_name, std::span<const WrongRe
 
 Service::~Service()
 {
-  for (guint source : late_answers_) {
-    g_source_remove(source);
-  }
   g_clear_object(&connection_);
 }
 
@@ -178,7 +190,7 @@ Service::answer(GDBusMethodInvocation *invocation, GVariant *body)
     send_reply(invocation, misbehaviour_.reply.get());
     break;
   case Conduct::SLOW:
-    answer_later(invocation, right);
+    send_reply_later(invocation, right, misbehaviour_.delay_ms);
     break;
   case Conduct::NEVER:
     g_object_unref(invocation);
@@ -207,27 +219,6 @@ Service::answer_property(GDBusMethodInvocation *invocation, const char *name, GV
   GVariant *entry = g_variant_new_dict_entry(g_variant_new_string(name), g_variant_new_variant(right));
   GVariant *all = g_variant_new_array(nullptr, &entry, 1);
   g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(&all, 1));
-}
-
-gboolean
-Service::on_answer_due(gpointer user_data)
-{
-  auto *late = static_cast<LateAnswer *>(user_data);
-
-  send_reply(g_steal_pointer(&late->invocation), late->body);
-  late->service->late_answers_.erase(late->source);
-  return G_SOURCE_REMOVE;
-}
-
-/* Takes the call over. */
-void
-Service::answer_later(GDBusMethodInvocation *invocation, GVariant *body)
-{
-  auto *late = new LateAnswer{this, 0, invocation, g_variant_ref(body)};
-
-  late->source = g_timeout_add_full(G_PRIORITY_DEFAULT, misbehaviour_.delay_ms, on_answer_due, late,
-                                    [](gpointer data) { delete static_cast<LateAnswer *>(data); });
-  late_answers_.insert(late->source);
 }
 
 } /* namespace sim */

@@ -2,8 +2,6 @@
 
 #include "misbehaviour.h"
 
-#include <set>
-
 namespace sim
 {
 
@@ -36,12 +34,6 @@ protected:
   void answer_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value);
 
 private:
-  struct LateAnswer;
-
-  static gboolean on_answer_due(gpointer user_data);
-
-  void answer_later(GDBusMethodInvocation *invocation, GVariant *body);
-
   const std::string nick_;
   const char *bus_name_;
   std::span<const WrongReply> wrong_replies_;
@@ -49,7 +41,6 @@ private:
   bool present_ = true;
   Misbehaviour misbehaviour_;
   guint64 calls_ = 0;
-  std::set<guint> late_answers_; /* the time-outs of slow answers */
 };
 
 } /* namespace sim */
