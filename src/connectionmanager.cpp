@@ -51,7 +51,8 @@ struct ConnectionManagerPrivate {
   int fd = -1;
   guint bus_watch_id = 0;
   guint socket_watch_id = 0;
-  SyncScanner scanner = {}; /* the main thread's alone */
+  SyncScanner scanner = {};    /* the main thread's alone */
+  guint early_sync_points = 0; /* likewise */
   gboolean start_announced = FALSE;
   guint pending_syncs = 0;
   gboolean delivering_syncs = FALSE;
@@ -305,11 +306,13 @@ take_sync_point(ConnectionManager *conn)
 }
 
 /* A client decides when this is called, so the status is judged by hand: a precondition macro can be compiled
- * out, and its warning is all that is wanted of it. */
+ * out, and its warning is all that is wanted of it. A client also decides how often, so it is warned of only
+ * so often. */
 void
 send_set_sync_point_event(ConnectionManager *conn)
 {
-  if (!take_sync_point(conn)) {
+  if (!take_sync_point(conn) && conn->priv->early_sync_points < CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS) {
+    conn->priv->early_sync_points++;
     g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC,
                              "conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED");
   }

@@ -12,6 +12,14 @@ G_BEGIN_DECLS
  */
 #define CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS 16
 
+/**
+ * CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS:
+ *
+ * How many sync points that one client asks for before its stream has started are warned of. All of them are
+ * refused.
+ */
+#define CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS 16
+
 #define CONNECTION_TYPE_MANAGER (connection_manager_get_type())
 G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
 

@@ -817,6 +817,30 @@ TEST_F(ConnectionManagerTest, WarnsOfASyncLineWhilePreparing)
   connection.expect_gone();
 }
 
+TEST_F(ConnectionManagerTest, WarnsOnlySoOftenOfSyncLinesBeforeTheStart)
+{
+  constexpr gsize LIMIT = CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS;
+  Connection connection(Behaviour::ONE_BUFFER);
+  std::string lines;
+  for (gsize i = 0; i < LIMIT * 100; i++) {
+    lines += "SYNC\n";
+  }
+  ASSERT_TRUE(connection.prepare());
+
+  ASSERT_TRUE(connection.client.send(lines));
+  EXPECT_TRUE(testhost::spin_until([&] { return connection.client.unread() == 0; }));
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts(LIMIT, STARTED_EXPRESSION));
+
+  connection.start();
+  ASSERT_TRUE(testhost::spin_until([&] { return connection.has_document(); }));
+  EXPECT_EQ(testelements::sent_events_size(), 0U);
+  ASSERT_TRUE(connection.client.send("SYNC\n"));
+  EXPECT_TRUE(wait_for_events(1));
+  EXPECT_EQ(testelements::take_sent_events(), (SentEvents{SYNC_POINT}));
+  connection.client.hang_up();
+  connection.expect_gone();
+}
+
 TEST_F(ConnectionManagerTest, KeepsASyncLineThatComesBetweenAnnouncementAndStart)
 {
   Connection connection(Behaviour::ONE_BUFFER);
