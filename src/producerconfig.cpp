@@ -273,7 +273,9 @@ producer_config_get_name(const gchar *producer, guint32 channel)
  *
  * Changes one channel, and replaces the whole file by what is in memory; blocks until that is durable. When
  * the file cannot be written, memory keeps the change and the next write brings it to the file. A @producer
- * that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Any thread.
+ * that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Of all text, form
+ * feeds at the beginning of @name alone do not survive the file: GLib neither escapes nor reads them. Any
+ * thread.
  *
  * Warnings: "could not write name to producerconfig: %s"
  */

@@ -580,6 +580,16 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair("VeryLong", std::string(1024 * 1024, 'x'))),
     [](const auto &example) { return std::string(example.param.first); });
 
+TEST_F(ProducerConfigTest, LosesFormFeedsAtTheBeginningOfAName)
+{
+  load("");
+  producer_config_set_name("Any", 1, "\f\fname\f");
+  EXPECT_EQ(get_name("Any", 1), "\f\fname\f");
+  reload();
+
+  EXPECT_EQ(get_name("Any", 1), "name\f");
+}
+
 TEST_F(ProducerConfigTest, CarriesAnyMixtureOfOddCharacters)
 {
   const std::vector<std::string> pieces = {" ", "\t", "\n", "\r", "\\",     ";",      "=",
