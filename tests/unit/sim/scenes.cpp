@@ -25,25 +25,6 @@ PrintTo(const Scenes &scenes, std::ostream *stream)
   *stream << scenes.source;
 }
 
-/* Takes @element and starts it. */
-GstHarness *
-play(GstElement *element)
-{
-  return play_with_caps(element, "ANY");
-}
-
-/* As above, with somebody downstream who accepts only @caps. */
-GstHarness *
-play_with_caps(GstElement *element, const std::string &caps)
-{
-  GstHarness *harness = gst_harness_new_with_element(element, nullptr, "src");
-  gst_object_unref(element);
-  gst_harness_use_systemclock(harness);
-  gst_harness_set_sink_caps_str(harness, caps.c_str());
-  gst_harness_play(harness);
-  return harness;
-}
-
 /* Whether somebody is in the picture at every moment of a span. */
 bool
 is_busy(sim::WorldTime from, sim::WorldTime until)

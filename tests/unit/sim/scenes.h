@@ -2,15 +2,13 @@
 
 #include "scenemodel.h"
 #include "settings.h"
+#include "sourceharness.h"
 
 #include <functional>
-#include <gst/check/gstharness.h>
 #include <ostream>
 #include <string>
 
 /* What the tests of the elements of scenes share. */
-
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(GstHarness, gst_harness_teardown)
 
 /* One of the two plug-ins, as whoever uses it knows it. */
 struct Scenes {
@@ -28,8 +26,6 @@ inline const sim::World STORY(sim::Settings().seed);
 
 void PrintTo(const Scenes &scenes, std::ostream *stream);
 
-GstHarness *play(GstElement *element);
-GstHarness *play_with_caps(GstElement *element, const std::string &caps);
 bool is_busy(sim::WorldTime from, sim::WorldTime until);
 bool is_empty(sim::WorldTime from, sim::WorldTime until);
 sim::WorldTime begin_where(const std::function<bool(sim::WorldTime)> &wanted);

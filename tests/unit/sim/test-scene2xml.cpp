@@ -76,14 +76,6 @@ feed(GstElement *element, const char *media_type)
 }
 
 std::string
-pull_text(GstHarness *harness)
-{
-  g_autoptr(GstBuffer) buffer = gst_harness_pull(harness);
-  EXPECT_NE(buffer, nullptr);
-  return buffer != nullptr ? buffer_text(buffer) : std::string();
-}
-
-std::string
 convert(GstHarness *harness, const Scene &scene)
 {
   EXPECT_EQ(gst_harness_push(harness, sim::scene_to_buffer(scene)), GST_FLOW_OK);

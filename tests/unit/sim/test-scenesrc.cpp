@@ -87,19 +87,7 @@ TEST_P(SceneSrc, IsLiveAndTimestamps)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play(make());
-  GstClockTime last = 0;
-  for (int i = 0; i < 3; i++) {
-    g_autoptr(GstBuffer) buffer = gst_harness_pull(harness);
-    ASSERT_NE(buffer, nullptr);
-    ASSERT_TRUE(GST_BUFFER_PTS_IS_VALID(buffer));
-    EXPECT_GE(GST_BUFFER_PTS(buffer), last);
-    last = GST_BUFFER_PTS(buffer);
-  }
-  g_autoptr(GstQuery) query = gst_query_new_latency();
-  ASSERT_TRUE(gst_element_query(harness->element, query));
-  gboolean live = FALSE;
-  gst_query_parse_latency(query, &live, nullptr, nullptr);
-  EXPECT_TRUE(live);
+  expect_live_with_timestamps(harness, 3);
 }
 
 TEST_P(SceneSrc, OffersBothOfEveryChoiceForItsChannel)

@@ -146,43 +146,17 @@ TEST_F(PtzSrc, StartsWithOneOfEachStickyEventInOrder)
     pull_text(harness);
   }
 
-  std::vector<GstEventType> types;
-  for (GstEvent *event = gst_harness_try_pull_event(harness); event != nullptr;
-       event = gst_harness_try_pull_event(harness)) {
-    types.push_back(GST_EVENT_TYPE(event));
-    if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
-      GstCaps *caps = nullptr;
-      gst_event_parse_caps(event, &caps);
-      EXPECT_STREQ(gst_structure_get_name(gst_caps_get_structure(caps, 0)), sim::FRAGMENT_CAPS);
-    }
-    if (GST_EVENT_TYPE(event) == GST_EVENT_SEGMENT) {
-      const GstSegment *segment = nullptr;
-      gst_event_parse_segment(event, &segment);
-      EXPECT_EQ(segment->format, GST_FORMAT_TIME);
-    }
-    gst_event_unref(event);
-  }
-  std::vector<GstEventType> expected = {GST_EVENT_STREAM_START, GST_EVENT_CAPS, GST_EVENT_SEGMENT};
-  EXPECT_EQ(types, expected);
+  expect_sticky_events_in_order(harness);
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(harness->element, "src");
+  g_autoptr(GstCaps) caps = gst_pad_get_current_caps(pad);
+  EXPECT_STREQ(gst_structure_get_name(gst_caps_get_structure(caps, 0)), sim::FRAGMENT_CAPS);
 }
 
 TEST_F(PtzSrc, IsLiveAndTimestamps)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(ptz_src_new());
-  GstClockTime last = 0;
-  for (int i = 0; i < 5; i++) {
-    g_autoptr(GstBuffer) buffer = gst_harness_pull(harness);
-    ASSERT_NE(buffer, nullptr);
-    ASSERT_TRUE(GST_BUFFER_PTS_IS_VALID(buffer));
-    EXPECT_GE(GST_BUFFER_PTS(buffer), last);
-    last = GST_BUFFER_PTS(buffer);
-  }
-  g_autoptr(GstQuery) query = gst_query_new_latency();
-  ASSERT_TRUE(gst_element_query(harness->element, query));
-  gboolean live = FALSE;
-  gst_query_parse_latency(query, &live, nullptr, nullptr);
-  EXPECT_TRUE(live);
+  expect_live_with_timestamps(harness, 5);
 }
 
 TEST_F(PtzSrc, ShowsThePresentStateOnStart)
