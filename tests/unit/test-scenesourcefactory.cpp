@@ -214,7 +214,7 @@ TEST_F(SceneSourceFactoryTest, LeavesTheProducerToTheList)
   const testhost::Observed observed(producer);
   g_object_unref(producer);
 
-  set_factory(nullptr);
+  release_factory();
   EXPECT_TRUE(analytics_producer_list_contains(producers(), TRACKER));
   analytics_producer_list_remove(producers(), TRACKER);
   EXPECT_FALSE(observed.alive());

@@ -1,12 +1,14 @@
 #include "testbus.h"
 
+#include "testhost.h"
+
 #include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
+#include <string_view>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +20,9 @@ namespace
 {
 
 constexpr const char *ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
+/* That of its thread's main context. */
+constexpr gsize DESCRIPTORS_THAT_GDBUS_KEEPS = 1;
+
 constexpr std::string_view SOCKET_PLACEHOLDER = "@socket@";
 
 /* Goes with the process. */
@@ -146,11 +151,24 @@ on_closed(GDBusConnection *, gboolean, GError *, bool *closed)
 void
 install()
 {
+  static bool installed;
+  if (std::exchange(installed, true)) {
+    return;
+  }
+  /* Tasks bring a thread and a descriptor of their own. */
+  g_type_ensure(G_TYPE_TASK);
+  const gsize before = testhost::open_descriptors().size();
   g_setenv(ADDRESS_VARIABLE, ("unix:path=" + socket_path()).c_str(), TRUE);
+  {
+    const Bus bus;
+    g_autoptr(GDBusConnection) connection = connect_to_bus();
+    g_dbus_connection_close_sync(connection, nullptr, nullptr);
+  }
 
-  const Bus bus;
-  g_autoptr(GDBusConnection) connection = connect_to_bus();
-  g_dbus_connection_close_sync(connection, nullptr, nullptr);
+  /* What else has been opened is closed by GDBus' thread, in its own time. */
+  EXPECT_TRUE(testhost::spin_until([before] {
+    return testhost::open_descriptors().size() == before + DESCRIPTORS_THAT_GDBUS_KEEPS;
+  })) << "GDBus keeps more or less than expected";
 }
 
 Bus::Bus()

@@ -197,7 +197,7 @@ Fixture::set_up(const std::string &tracker)
 void
 Fixture::TearDown()
 {
-  g_clear_object(&factory_);
+  release_factory();
   g_clear_pointer(&producers_, analytics_producer_list_free);
   producer_config_free();
   stop_capture();
@@ -209,6 +209,12 @@ void
 Fixture::set_factory(gpointer factory)
 {
   factory_ = SOURCE_FACTORY(factory);
+}
+
+void
+Fixture::release_factory()
+{
+  g_clear_object(&factory_);
 }
 
 AnalyticsProducerList *

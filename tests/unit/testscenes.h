@@ -70,8 +70,9 @@ protected:
   void set_up(const std::string &tracker);
   void TearDown() override;
 
-  /* The factory under test, which the fixture releases. */
+  /* The factory under test, which the fixture takes over. */
   void set_factory(gpointer factory);
+  void release_factory();
 
   AnalyticsProducerList *producers() const;
   AnalyticsProducer *dup_producer() const;
