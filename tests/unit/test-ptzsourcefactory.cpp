@@ -6,93 +6,36 @@
 #include "testfactory.h"
 #include "testhost.h"
 
-#include <atomic>
+#include <algorithm>
 #include <thread>
-#include <utility>
 
 using testfactory::Answer;
 using testfactory::Params;
 using testhost::Texts;
-
-/* The platform's element, with defaults that nobody would set, and a memory for what is set. */
-
-struct TestPtzSource {
-  GstElement parent_instance;
-
-  Texts *settings;
-};
-
-struct TestPtzSourceClass {
-  GstElementClass parent_class;
-};
-
-GType test_ptz_source_get_type();
-G_DEFINE_TYPE(TestPtzSource, test_ptz_source, GST_TYPE_ELEMENT)
-
-static TestPtzSource *
-test_ptz_source(gpointer instance)
-{
-  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_ptz_source_get_type(), TestPtzSource);
-}
-
-static void
-test_ptz_source_set_property(GObject *object, guint, const GValue *value, GParamSpec *spec)
-{
-  g_autofree gchar *text = g_strdup_value_contents(value);
-
-  test_ptz_source(object)->settings->push_back(std::string(spec->name) + "=" + text);
-}
-
-static void
-test_ptz_source_init(TestPtzSource *self)
-{
-  self->settings = new Texts;
-}
-
-static void
-test_ptz_source_finalize(GObject *object)
-{
-  delete test_ptz_source(object)->settings;
-
-  G_OBJECT_CLASS(test_ptz_source_parent_class)->finalize(object);
-}
-
-static void
-test_ptz_source_class_init(TestPtzSourceClass *klass)
-{
-  GObjectClass *object_class = G_OBJECT_CLASS(klass);
-  guint id = 0;
-
-  object_class->set_property = test_ptz_source_set_property;
-  object_class->finalize = test_ptz_source_finalize;
-  for (const char *name :
-       {"channel", "coordinate-space-pantilt", "coordinate-space-zoom", "ptz-move-capabilities"}) {
-    g_object_class_install_property(
-        object_class, ++id, g_param_spec_int(name, name, name, G_MININT32, G_MAXINT32, 0, G_PARAM_WRITABLE));
-  }
-  for (const char *name : {"filter-position", "filter-status"}) {
-    g_object_class_install_property(object_class, ++id,
-                                    g_param_spec_boolean(name, name, name, FALSE, G_PARAM_WRITABLE));
-  }
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "PTZ", "Test", "Remembers", "tests");
-}
 
 namespace
 {
 
 constexpr gint32 MOVE_CAPABILITIES = -77;
 
+/* The last call, which sets all three. */
+constexpr const char *STATUS_AND_POSITION =
+    "filter-position=FALSE filter-status=FALSE ptz-move-capabilities=-77";
+constexpr const char *POSITION_ONLY = "filter-position=TRUE filter-status=FALSE ptz-move-capabilities=-77";
+constexpr const char *STATUS_ONLY = "filter-position=FALSE filter-status=TRUE ptz-move-capabilities=-77";
+
 class PTZSourceFactoryTest : public testhost::Fixture
 {
 protected:
   static void SetUpTestSuite()
   {
-    gst_element_register(nullptr, "statuscacheptzsrc", GST_RANK_NONE, test_ptz_source_get_type());
+    testelements::install();
   }
 
   void SetUp() override
   {
     Fixture::SetUp();
+    testelements::take_settings();
     factory_ = ptz_source_factory_new(MOVE_CAPABILITIES);
   }
 
@@ -112,14 +55,18 @@ protected:
     testfactory::expect_refused(factory_, params, domain, text);
   }
 
-  /* Everything set on the element that the factory makes, in order. */
+  /* The calls that set properties of the element that the factory makes, each as "property=value ...". */
   Texts settings_for(const Params &params) const
   {
     const Answer answer(factory_, params);
+    Texts settings;
 
     EXPECT_EQ(answer.error, nullptr);
     EXPECT_NE(answer.source, nullptr);
-    return answer.source != nullptr ? *test_ptz_source(answer.source)->settings : Texts();
+    for (const std::string &setting : testelements::take_settings()) {
+      settings.push_back(setting.substr(setting.find(' ') + 1));
+    }
+    return settings;
   }
 
   SourceFactory *factory_ = nullptr;
@@ -167,33 +114,29 @@ TEST_F(PTZSourceFactoryTest, MakesAnElementWithNoNameOfItsOwn)
 
 TEST_F(PTZSourceFactoryTest, LeavesChannelAndSpacesAtTheElementsDefaultsWhenTheyAreAbsent)
 {
-  EXPECT_EQ(settings_for({{"ptz", "1"}}),
-            (Texts{"filter-position=FALSE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+  EXPECT_EQ(settings_for({{"ptz", "1"}}), (Texts{STATUS_AND_POSITION}));
 }
 
 TEST_F(PTZSourceFactoryTest, LeavesTheStatusOutForPositionOnly)
 {
-  EXPECT_EQ(settings_for({{"ptz", "2"}, {"video_channel", "3"}}),
-            (Texts{"channel=3", "filter-position=TRUE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+  EXPECT_EQ(settings_for({{"ptz", "2"}, {"video_channel", "3"}}), (Texts{"channel=3", POSITION_ONLY}));
 }
 
 TEST_F(PTZSourceFactoryTest, LeavesThePositionOutForStatusOnly)
 {
-  EXPECT_EQ(settings_for({{"ptz", "3"}}),
-            (Texts{"filter-position=FALSE", "filter-status=TRUE", "ptz-move-capabilities=-77"}));
+  EXPECT_EQ(settings_for({{"ptz", "3"}}), (Texts{STATUS_ONLY}));
 }
 
 TEST_F(PTZSourceFactoryTest, SetsEachOptionThatIsGiven)
 {
-  EXPECT_EQ(settings_for({{"ptz", "1"},
-                          {"ptz_zoom_coordinate_space", "2"},
-                          {"ptz_pantilt_coordinate_space", "0"},
-                          {"video_channel", ""}}),
-            (Texts{"channel=0", "coordinate-space-pantilt=0", "coordinate-space-zoom=2",
-                   "filter-position=FALSE", "filter-status=FALSE", "ptz-move-capabilities=-77"}));
+  EXPECT_EQ(
+      settings_for({{"ptz", "1"},
+                    {"ptz_zoom_coordinate_space", "2"},
+                    {"ptz_pantilt_coordinate_space", "0"},
+                    {"video_channel", ""}}),
+      (Texts{"channel=0", "coordinate-space-pantilt=0", "coordinate-space-zoom=2", STATUS_AND_POSITION}));
   EXPECT_EQ(settings_for({{"ptz", "1"}, {"ptz_zoom_coordinate_space", "0"}}),
-            (Texts{"coordinate-space-zoom=0", "filter-position=FALSE", "filter-status=FALSE",
-                   "ptz-move-capabilities=-77"}));
+            (Texts{"coordinate-space-zoom=0", STATUS_AND_POSITION}));
 }
 
 TEST_F(PTZSourceFactoryTest, PassesAnyMoveCapabilitiesOnUnchanged)
@@ -203,8 +146,8 @@ TEST_F(PTZSourceFactoryTest, PassesAnyMoveCapabilitiesOnUnchanged)
     const Answer answer(factory, {{"ptz", "1"}});
 
     ASSERT_NE(answer.source, nullptr);
-    EXPECT_EQ(test_ptz_source(answer.source)->settings->back(),
-              "ptz-move-capabilities=" + std::to_string(capabilities));
+    EXPECT_TRUE(g_str_has_suffix(testelements::take_settings().back().c_str(),
+                                 (" ptz-move-capabilities=" + std::to_string(capabilities)).c_str()));
   }
 }
 
@@ -260,17 +203,21 @@ TEST_F(PTZSourceFactoryTest, FailsWithoutThePlatformsElement)
 
 TEST_F(PTZSourceFactoryTest, AnswersTwoThreadsAtOnce)
 {
-  std::atomic<int> right = 0;
-  const auto ask_often = [&right, this](const char *channel) {
-    for (int i = 0; i < 50; i++) {
+  constexpr int TIMES = 50;
+  const auto ask_often = [this](const char *channel) {
+    for (int i = 0; i < TIMES; i++) {
       const Answer answer(factory_, {{"ptz", "1"}, {"video_channel", channel}});
-      right += answer.source != nullptr &&
-               test_ptz_source(answer.source)->settings->front() == std::string("channel=") + channel;
+      EXPECT_NE(answer.source, nullptr);
     }
   };
 
   std::thread other(ask_often, "1");
   ask_often("2");
   other.join();
-  EXPECT_EQ(right, 100);
+  const Texts settings = testelements::take_settings();
+  for (const char *set : {" channel=1", " channel=2"}) {
+    EXPECT_EQ(std::count_if(settings.begin(), settings.end(),
+                            [set](const std::string &line) { return g_str_has_suffix(line.c_str(), set); }),
+              TIMES);
+  }
 }

@@ -103,7 +103,7 @@ protected:
 
     EXPECT_EQ(answer.error, nullptr);
     testscenes::expect_bin(answer.source, NAMES, caps(false, 1));
-    EXPECT_EQ(testelements::take_scene_settings(),
+    EXPECT_EQ(testelements::take_settings(),
               (Texts{"radarscenesrc video-channel=1",
                      "radarscene2xml polygon=FALSE velocity=TRUE geolocation=TRUE rotation=0 "
                      "source-name=front door"}));
@@ -254,7 +254,7 @@ TEST_F(RadarSceneSourceFactoryTest, FollowsAChannelThatIsEnabledAndDisabled)
     const Answer answer = ask(params);
     EXPECT_NE(answer.source, nullptr);
   }
-  EXPECT_EQ(testelements::take_scene_settings().back(),
+  EXPECT_EQ(testelements::take_settings().back(),
             "radarscene2xml polygon=FALSE velocity=TRUE geolocation=TRUE rotation=90 source-name=gate");
 
   analytics_producer_set_channel_enabled(producer, 2, FALSE, nullptr);
@@ -304,7 +304,7 @@ TEST_F(RadarSceneSourceFactoryTest, TakesAMissingRotationForZeroWithoutAWarning)
   const Answer answer = ask({{"analytics", "1"}});
 
   EXPECT_NE(answer.source, nullptr);
-  EXPECT_EQ(testelements::take_scene_settings().back(),
+  EXPECT_EQ(testelements::take_settings().back(),
             "radarscene2xml polygon=FALSE velocity=TRUE geolocation=TRUE rotation=0 source-name=front door");
 }
 
@@ -316,7 +316,7 @@ TEST_F(RadarSceneSourceFactoryTest, BuildsABinWithoutPolygonsForTheFirstChannelB
 
   EXPECT_EQ(answer.error, nullptr);
   testscenes::expect_bin(answer.source, NAMES, caps(false, 1));
-  EXPECT_EQ(testelements::take_scene_settings(),
+  EXPECT_EQ(testelements::take_settings(),
             (Texts{"radarscenesrc video-channel=1",
                    "radarscene2xml polygon=FALSE velocity=TRUE geolocation=TRUE rotation=90 "
                    "source-name=front door"}));
@@ -328,7 +328,7 @@ TEST_F(RadarSceneSourceFactoryTest, BuildsABinWithPolygonsForTheChannelOfTheRequ
 
   EXPECT_EQ(answer.error, nullptr);
   testscenes::expect_bin(answer.source, NAMES, caps(true, 5));
-  EXPECT_EQ(testelements::take_scene_settings(),
+  EXPECT_EQ(testelements::take_settings(),
             (Texts{"radarscenesrc video-channel=5",
                    "radarscene2xml polygon=TRUE velocity=TRUE geolocation=TRUE rotation=90 "
                    "source-name=yard"}));
@@ -368,5 +368,5 @@ TEST_F(RadarSceneSourceFactoryTest, AnswersTwoThreadsAtOnce)
   auto other = std::async(std::launch::async, ask_often, "5");
   EXPECT_EQ(ask_often("1"), 20);
   EXPECT_EQ(other.get(), 20);
-  EXPECT_EQ(testelements::take_scene_settings().size(), 80U);
+  EXPECT_EQ(testelements::take_settings().size(), 80U);
 }

@@ -351,7 +351,7 @@ TEST_F(SceneSourceFactoryTest, FollowsAChannelThatIsEnabledAndDisabled)
     const Answer answer = ask(params);
     EXPECT_NE(answer.source, nullptr);
   }
-  EXPECT_EQ(testelements::take_scene_settings().back(),
+  EXPECT_EQ(testelements::take_settings().back(),
             "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=porch");
 
   analytics_producer_set_channel_enabled(producer, 2, FALSE, nullptr);
@@ -506,7 +506,7 @@ TEST_F(SceneSourceFactoryTest, TakesAMissingRotationForZero)
   const Answer answer = ask({{"analytics", "1"}});
 
   EXPECT_NE(answer.source, nullptr);
-  EXPECT_EQ(testelements::take_scene_settings().back(),
+  EXPECT_EQ(testelements::take_settings().back(),
             "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=0 source-name=front door");
 }
 
@@ -518,7 +518,7 @@ TEST_F(SceneSourceFactoryTest, BuildsABinWithoutPolygonsForTheFirstChannelByDefa
 
   EXPECT_EQ(answer.error, nullptr);
   testscenes::expect_bin(answer.source, NAMES, caps(false, 1));
-  EXPECT_EQ(testelements::take_scene_settings(),
+  EXPECT_EQ(testelements::take_settings(),
             (Texts{"scenesrc video-channel=1",
                    "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=front door"}));
 }
@@ -529,7 +529,7 @@ TEST_F(SceneSourceFactoryTest, BuildsABinWithPolygonsForTheChannelOfTheRequest)
 
   EXPECT_EQ(answer.error, nullptr);
   testscenes::expect_bin(answer.source, NAMES, caps(true, 5));
-  EXPECT_EQ(testelements::take_scene_settings(),
+  EXPECT_EQ(testelements::take_settings(),
             (Texts{"scenesrc video-channel=5",
                    "scene2xml polygon=TRUE ptz-move-capabilities=-9 rotation=90 source-name=yard"}));
 }
@@ -540,7 +540,7 @@ TEST_F(SceneSourceFactoryTest, ActivatesPtzWithoutCoordinateSpaces)
     const Answer answer = ask({{"analytics", "1"}, {"video_channel", "5"}, {"ptz", ptz}});
 
     EXPECT_NE(answer.source, nullptr);
-    EXPECT_EQ(testelements::take_scene_settings(),
+    EXPECT_EQ(testelements::take_settings(),
               (Texts{"scenesrc video-channel=5",
                      "scene2xml polygon=FALSE ptz-move-capabilities=-9 rotation=90 source-name=yard",
                      "scene2xml pan-tilt-space=-1 zoom-space=-1 channel=5 ptz=TRUE"}));
@@ -555,7 +555,7 @@ TEST_F(SceneSourceFactoryTest, ActivatesPtzWithCoordinateSpaces)
                              {"ptz_zoom_coordinate_space", "2"}});
 
   EXPECT_NE(answer.source, nullptr);
-  EXPECT_EQ(testelements::take_scene_settings().back(),
+  EXPECT_EQ(testelements::take_settings().back(),
             "scene2xml pan-tilt-space=0 zoom-space=2 channel=1 ptz=TRUE");
 }
 
@@ -567,7 +567,7 @@ TEST_F(SceneSourceFactoryTest, LeavesPtzAloneWhenTheRequestHasNone)
                              {"ptz_zoom_coordinate_space", "1"}});
 
   EXPECT_NE(answer.source, nullptr);
-  EXPECT_EQ(testelements::take_scene_settings().size(), 2U);
+  EXPECT_EQ(testelements::take_settings().size(), 2U);
 }
 
 TEST_F(SceneSourceFactoryTest, MakesABinOfItsOwnForEachRequest)
@@ -626,5 +626,5 @@ TEST_F(SceneSourceFactoryTest, MakesNothingBeforeItHasToFail)
   stop_capture();
   expect_declined({{"analytics", "1"}});
 
-  EXPECT_EQ(testelements::take_scene_settings(), Texts());
+  EXPECT_EQ(testelements::take_settings(), Texts());
 }

@@ -395,87 +395,97 @@ test_document_class_init(TestDocumentClass *klass)
   gst_element_class_set_static_metadata(element_class, "Test document", "Muxer", "Driven by a test", "tests");
 }
 
-/* The elements of scenes, which remember what is set on them. */
+/* The elements that remember what is set on them. */
 
 namespace
 {
 
-struct SceneProperty {
+struct RememberedProperty {
   const char *name;
   GType type;
 };
 
-struct SceneElement {
+struct RememberingElement {
   const char *factory;
   const char *type_name;
   const char *sink_caps; /* none for a source */
   const char *src_caps;
-  std::vector<SceneProperty> properties;
+  std::vector<RememberedProperty> properties;
 };
 
-const std::array SCENE_ELEMENTS = {
-    SceneElement{"scenesrc",
-                 "TestSceneSource",
-                 nullptr,
-                 "application/vnd.quon.scene",
-                 {{"video-channel", G_TYPE_INT}}},
-    SceneElement{"scene2xml",
-                 "TestSceneConverter",
-                 "application/vnd.quon.scene",
-                 SOURCE_CAPS,
-                 {{"polygon", G_TYPE_BOOLEAN},
-                  {"ptz-move-capabilities", G_TYPE_INT},
-                  {"rotation", G_TYPE_UINT},
-                  {"source-name", G_TYPE_STRING},
-                  {"pan-tilt-space", G_TYPE_INT},
-                  {"zoom-space", G_TYPE_INT},
-                  {"channel", G_TYPE_INT},
-                  {"ptz", G_TYPE_BOOLEAN}}},
-    SceneElement{"radarscenesrc",
-                 "TestRadarSceneSource",
-                 nullptr,
-                 "application/vnd.quon.radarscene",
-                 {{"video-channel", G_TYPE_INT}}},
-    SceneElement{"radarscene2xml",
-                 "TestRadarSceneConverter",
-                 "application/vnd.quon.radarscene",
-                 SOURCE_CAPS,
-                 {{"polygon", G_TYPE_BOOLEAN},
-                  {"velocity", G_TYPE_BOOLEAN},
-                  {"geolocation", G_TYPE_BOOLEAN},
-                  {"rotation", G_TYPE_UINT},
-                  {"source-name", G_TYPE_STRING}}},
+const std::array REMEMBERING_ELEMENTS = {
+    RememberingElement{"statuscacheptzsrc",
+                       "TestPtzSource",
+                       nullptr,
+                       SOURCE_CAPS,
+                       {{"channel", G_TYPE_INT},
+                        {"coordinate-space-pantilt", G_TYPE_INT},
+                        {"coordinate-space-zoom", G_TYPE_INT},
+                        {"filter-position", G_TYPE_BOOLEAN},
+                        {"filter-status", G_TYPE_BOOLEAN},
+                        {"ptz-move-capabilities", G_TYPE_INT}}},
+    RememberingElement{"scenesrc",
+                       "TestSceneSource",
+                       nullptr,
+                       "application/vnd.quon.scene",
+                       {{"video-channel", G_TYPE_INT}}},
+    RememberingElement{"scene2xml",
+                       "TestSceneConverter",
+                       "application/vnd.quon.scene",
+                       SOURCE_CAPS,
+                       {{"polygon", G_TYPE_BOOLEAN},
+                        {"ptz-move-capabilities", G_TYPE_INT},
+                        {"rotation", G_TYPE_UINT},
+                        {"source-name", G_TYPE_STRING},
+                        {"pan-tilt-space", G_TYPE_INT},
+                        {"zoom-space", G_TYPE_INT},
+                        {"channel", G_TYPE_INT},
+                        {"ptz", G_TYPE_BOOLEAN}}},
+    RememberingElement{"radarscenesrc",
+                       "TestRadarSceneSource",
+                       nullptr,
+                       "application/vnd.quon.radarscene",
+                       {{"video-channel", G_TYPE_INT}}},
+    RememberingElement{"radarscene2xml",
+                       "TestRadarSceneConverter",
+                       "application/vnd.quon.radarscene",
+                       SOURCE_CAPS,
+                       {{"polygon", G_TYPE_BOOLEAN},
+                        {"velocity", G_TYPE_BOOLEAN},
+                        {"geolocation", G_TYPE_BOOLEAN},
+                        {"rotation", G_TYPE_UINT},
+                        {"source-name", G_TYPE_STRING}}},
 };
 
-std::vector<std::string> scene_settings;
+std::vector<std::string> settings_made;
 std::atomic<bool> ptz_is_refused = false;
 
 } // namespace
 
-struct TestSceneElement {
+struct TestRememberingElement {
   GstElement parent_instance;
 
   std::string *current_settings; /* of the call that sets properties right now */
   gboolean ptz;
 };
 
-struct TestSceneElementClass {
+struct TestRememberingElementClass {
   GstElementClass parent_class;
 };
 
-GType test_scene_element_get_type();
-G_DEFINE_TYPE(TestSceneElement, test_scene_element, GST_TYPE_ELEMENT)
+GType test_remembering_element_get_type();
+G_DEFINE_TYPE(TestRememberingElement, test_remembering_element, GST_TYPE_ELEMENT)
 
-static TestSceneElement *
-test_scene_element(gpointer instance)
+static TestRememberingElement *
+test_remembering_element(gpointer instance)
 {
-  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_scene_element_get_type(), TestSceneElement);
+  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_remembering_element_get_type(), TestRememberingElement);
 }
 
 static void
-test_scene_element_set_property(GObject *object, guint, const GValue *value, GParamSpec *pspec)
+test_remembering_element_set_property(GObject *object, guint, const GValue *value, GParamSpec *pspec)
 {
-  TestSceneElement *self = test_scene_element(object);
+  TestRememberingElement *self = test_remembering_element(object);
   g_auto(GValue) text = G_VALUE_INIT;
 
   g_value_init(&text, G_TYPE_STRING);
@@ -488,51 +498,52 @@ test_scene_element_set_property(GObject *object, guint, const GValue *value, GPa
 
 /* Only "ptz" is ever read. */
 static void
-test_scene_element_get_property(GObject *object, guint, GValue *value, GParamSpec *pspec)
+test_remembering_element_get_property(GObject *object, guint, GValue *value, GParamSpec *pspec)
 {
   if (strcmp(pspec->name, "ptz") == 0) {
-    g_value_set_boolean(value, test_scene_element(object)->ptz);
+    g_value_set_boolean(value, test_remembering_element(object)->ptz);
   }
 }
 
 /* Called once behind each call that sets properties, however many. */
 static void
-test_scene_element_dispatch_properties_changed(GObject *object, guint n_pspecs, GParamSpec **pspecs)
+test_remembering_element_dispatch_properties_changed(GObject *object, guint n_pspecs, GParamSpec **pspecs)
 {
-  const std::string settings = std::exchange(*test_scene_element(object)->current_settings, {});
+  const std::string settings = std::exchange(*test_remembering_element(object)->current_settings, {});
 
   if (!settings.empty()) {
     std::lock_guard guard(lock);
-    scene_settings.push_back(GST_OBJECT_NAME(object) + settings);
+    settings_made.push_back(GST_OBJECT_NAME(object) + settings);
   }
-  G_OBJECT_CLASS(test_scene_element_parent_class)->dispatch_properties_changed(object, n_pspecs, pspecs);
+  G_OBJECT_CLASS(test_remembering_element_parent_class)
+      ->dispatch_properties_changed(object, n_pspecs, pspecs);
 }
 
 static void
-test_scene_element_init(TestSceneElement *self)
+test_remembering_element_init(TestRememberingElement *self)
 {
   self->current_settings = new std::string;
 }
 
 static void
-test_scene_element_finalize(GObject *object)
+test_remembering_element_finalize(GObject *object)
 {
-  delete test_scene_element(object)->current_settings;
+  delete test_remembering_element(object)->current_settings;
 
-  G_OBJECT_CLASS(test_scene_element_parent_class)->finalize(object);
+  G_OBJECT_CLASS(test_remembering_element_parent_class)->finalize(object);
 }
 
 static void
-test_scene_element_class_init(TestSceneElementClass *klass)
+test_remembering_element_class_init(TestRememberingElementClass *klass)
 {
   GObjectClass *object_class = G_OBJECT_CLASS(klass);
 
-  object_class->finalize = test_scene_element_finalize;
-  object_class->dispatch_properties_changed = test_scene_element_dispatch_properties_changed;
+  object_class->finalize = test_remembering_element_finalize;
+  object_class->dispatch_properties_changed = test_remembering_element_dispatch_properties_changed;
 }
 
 static GParamSpec *
-scene_property_spec(const SceneProperty &property)
+remembered_property_spec(const RememberedProperty &property)
 {
   const char *name = property.name;
 
@@ -557,27 +568,27 @@ add_pad_template(GstElementClass *klass, const char *name, GstPadDirection direc
 }
 
 static void
-scene_element_class_init(gpointer klass, gpointer user_data)
+remembering_element_class_init(gpointer klass, gpointer user_data)
 {
-  const auto *description = static_cast<const SceneElement *>(user_data);
+  const auto *description = static_cast<const RememberingElement *>(user_data);
   GObjectClass *object_class = G_OBJECT_CLASS(klass);
   guint id = 0;
 
   /* Not inherited. */
-  object_class->get_property = test_scene_element_get_property;
-  object_class->set_property = test_scene_element_set_property;
-  for (const SceneProperty &property : description->properties) {
-    g_object_class_install_property(object_class, ++id, scene_property_spec(property));
+  object_class->get_property = test_remembering_element_get_property;
+  object_class->set_property = test_remembering_element_set_property;
+  for (const RememberedProperty &property : description->properties) {
+    g_object_class_install_property(object_class, ++id, remembered_property_spec(property));
   }
   if (description->sink_caps != nullptr) {
     add_pad_template(GST_ELEMENT_CLASS(klass), "sink", GST_PAD_SINK, description->sink_caps);
   }
   add_pad_template(GST_ELEMENT_CLASS(klass), "src", GST_PAD_SRC, description->src_caps);
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Scenes", "Test", "Remembers", "tests");
+  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Memory", "Test", "Remembers", "tests");
 }
 
 static void
-scene_element_init(GTypeInstance *instance, gpointer klass)
+remembering_element_init(GTypeInstance *instance, gpointer klass)
 {
   for (const char *name : {"sink", "src"}) {
     GstPadTemplate *templ = gst_element_class_get_pad_template(GST_ELEMENT_CLASS(klass), name);
@@ -588,19 +599,19 @@ scene_element_init(GTypeInstance *instance, gpointer klass)
 }
 
 static void
-register_scene_element(const SceneElement &description)
+register_remembering_element(const RememberingElement &description)
 {
   const GTypeInfo info = {
-      .class_size = sizeof(TestSceneElementClass),
-      .class_init = scene_element_class_init,
+      .class_size = sizeof(TestRememberingElementClass),
+      .class_init = remembering_element_class_init,
       .class_data = &description,
-      .instance_size = sizeof(TestSceneElement),
-      .instance_init = scene_element_init,
+      .instance_size = sizeof(TestRememberingElement),
+      .instance_init = remembering_element_init,
   };
 
   if (g_type_from_name(description.type_name) == G_TYPE_INVALID) {
-    const GType type = g_type_register_static(test_scene_element_get_type(), description.type_name, &info,
-                                              static_cast<GTypeFlags>(0));
+    const GType type = g_type_register_static(test_remembering_element_get_type(), description.type_name,
+                                              &info, static_cast<GTypeFlags>(0));
     gst_element_register(nullptr, description.factory, GST_RANK_NONE, type);
   }
 }
@@ -720,8 +731,8 @@ install()
 {
   gst_element_register(nullptr, "onvifxmlmetadatastreamdoc", GST_RANK_NONE, test_document_get_type());
   gst_element_register(nullptr, "onvifeventsrc", GST_RANK_NONE, test_event_source_get_type());
-  for (const SceneElement &description : SCENE_ELEMENTS) {
-    register_scene_element(description);
+  for (const RememberingElement &description : REMEMBERING_ELEMENTS) {
+    register_remembering_element(description);
   }
 }
 
@@ -770,11 +781,11 @@ take_filters()
 }
 
 std::vector<std::string>
-take_scene_settings()
+take_settings()
 {
   std::lock_guard guard(lock);
 
-  return std::exchange(scene_settings, {});
+  return std::exchange(settings_made, {});
 }
 
 WithoutPtz::WithoutPtz()

@@ -11,8 +11,9 @@
 namespace testelements
 {
 
-/* Makes the doubles known: "onvifxmlmetadatastreamdoc", "onvifeventsrc", and those of scenes, "scenesrc",
- * "scene2xml", "radarscenesrc" and "radarscene2xml". Once in a process is enough. */
+/* Makes the doubles known: "onvifxmlmetadatastreamdoc", "onvifeventsrc", and those that just remember what is
+ * set on them, "statuscacheptzsrc", "scenesrc", "scene2xml", "radarscenesrc" and "radarscene2xml". Once in a
+ * process is enough. */
 void install();
 
 /* What a source does when its pipeline plays. All but the state failures are told by the streaming thread. */
@@ -56,9 +57,9 @@ unsigned errors_reported();
 /* Every property set on an "onvifeventsrc" since the last call, as "name=value". */
 std::vector<std::string> take_filters();
 
-/* Every call since the last call of this that set properties of elements of scenes, of all of them in order,
- * each as "element property=value property=value". */
-std::vector<std::string> take_scene_settings();
+/* Every call since the last call of this that set properties of elements that remember, of all of them in
+ * order, each as "element property=value property=value". */
+std::vector<std::string> take_settings();
 
 /* No "scene2xml" takes "ptz" as long as this object lives. */
 class WithoutPtz

@@ -191,7 +191,7 @@ Fixture::set_up(const std::string &tracker)
   producers_ = analytics_producer_list_new();
   bus_.emplace();
   capture_.emplace("com.quon.Capt1", testbus::reply(ROTATION_90));
-  testelements::take_scene_settings();
+  testelements::take_settings();
 }
 
 void
