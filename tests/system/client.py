@@ -1,9 +1,13 @@
 """A client of the daemon that shares no code with it: the request and the reply over a plain socket, the stream through
 GStreamer's own depayloader."""
 
+import array
 import contextlib
+import fcntl
+import select
 import socket
 import struct
+import termios
 import time
 
 import gi
@@ -12,11 +16,16 @@ gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
 from documents import Document  # noqa: E402
-from waiting import BOUND_SECONDS  # noqa: E402
+from waiting import BOUND_SECONDS, wait_until_settled  # noqa: E402
 
 METADATA_CAPS = "application/x-onvif-metadata"
 
 REPLY_MAX_BYTES = 256 * 1024
+
+
+def header(**wishes):
+    """A request's header lines: header(ptz=1, video_channel=2)."""
+    return "".join(f"{key}={value}\n" for key, value in wishes.items())
 
 
 class ConnectionEnded(Exception):
@@ -99,8 +108,16 @@ class Client:
 
     def ask(self, header):
         """Sends a request with these header lines and returns the text of the reply."""
-        self.send(f"OPEN\n{header}\n".encode())
+        self.request(header)
         return self.read_reply().decode()
+
+    def request(self, header):
+        """Sends a request with these header lines and does not wait for the reply."""
+        self.send(f"OPEN\n{header}\n".encode())
+
+    def is_answered(self):
+        """Whether anything has come, or the end."""
+        return select.select([self.socket], [], [], 0)[0] != []
 
     def start(self, header="event=1\n"):
         """Asks for a stream, which has to be granted."""
@@ -113,6 +130,36 @@ class Client:
 
     def sync(self):
         self.send(b"SYNC\n")
+
+    # What waits in the socket
+
+    def unread(self):
+        """How many bytes the client has not read."""
+        return self._bytes_in(termios.FIONREAD)
+
+    def unsent(self):
+        """How many bytes the daemon has not read."""
+        return self._bytes_in(termios.TIOCOUTQ)
+
+    def _bytes_in(self, direction):
+        count = array.array("i", [0])
+        fcntl.ioctl(self.socket, direction, count)
+        return count[0]
+
+
+@contextlib.contextmanager
+def stuck_client(daemon, header="event=1\n", seconds=1):
+    """A client that reads nothing, once its socket has been full for so long."""
+    with daemon.client() as client:
+        assert client.ask(header) == "OK"
+
+        def ask_for_more():
+            client.sync()
+            return client.unread()
+
+        wait_until_settled(ask_for_more, "the client's socket is full", seconds)
+        assert client.unread() > 0
+        yield client
 
 
 class Stream:
@@ -152,6 +199,16 @@ class Stream:
         """The events of the documents as they come, with the same bound."""
         for document in self.documents():
             yield from document.events
+
+    def statuses(self):
+        """The states of the PTZ head, but not those within frames; with the same bound."""
+        for document in self.documents():
+            yield from document.ptz
+
+    def frames(self):
+        """The frames of the documents as they come, with the same bound."""
+        for document in self.documents():
+            yield from document.frames
 
     def read_to_end(self):
         """Reads until the daemon ends the stream; what comes until then has to be whole."""

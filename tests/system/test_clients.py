@@ -1,16 +1,14 @@
 """Many clients, and clients that misbehave: whatever one does, the others are served, and nothing is left behind."""
 
-import array
 import concurrent.futures
 import contextlib
-import fcntl
 import itertools
-import termios
 import threading
 import time
 
 import pytest
 
+from client import stuck_client
 from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
 from documents import INITIALIZED
 from installation import documented_limit
@@ -38,21 +36,6 @@ def expect_service(daemon):
 
 def expect_nothing_left(daemon):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-
-
-def bytes_in(client, direction):
-    """How much waits in the client's socket: what it has not read (FIONREAD), or what the daemon has not (TIOCOUTQ)."""
-    count = array.array("i", [0])
-    fcntl.ioctl(client.socket, direction, count)
-    return count[0]
-
-
-def unread(client):
-    return bytes_in(client, termios.FIONREAD)
-
-
-def unsent(client):
-    return bytes_in(client, termios.TIOCOUTQ)
 
 
 @pytest.fixture
@@ -168,21 +151,6 @@ def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
 # Clients that do not read
 
 
-@contextlib.contextmanager
-def stuck_client(daemon, seconds=1):
-    """A client that reads nothing, once its socket has been full for so long."""
-    with daemon.client() as client:
-        assert client.ask("event=1\n") == "OK"
-
-        def ask_for_more():
-            client.sync()
-            return unread(client)
-
-        wait_until_settled(ask_for_more, "the client's socket is full", seconds)
-        assert unread(client) > 0
-        yield client
-
-
 def test_client_that_does_not_read_keeps_nobody(start_daemon):
     daemon = start_daemon(speed=100)
     with stuck_client(daemon):
@@ -239,9 +207,9 @@ def read_up_to_a_large_packet(client):
 
 def test_client_that_stops_reading_within_a_large_document_keeps_nobody(start_daemon):
     daemon = start_daemon(speed=100)
-    with stuck_client(daemon, HELD_SECONDS) as client:
+    with stuck_client(daemon, seconds=HELD_SECONDS) as client:
         read_up_to_a_large_packet(client)
-        wait_until_settled(lambda: unread(client), "the client's socket is full again")
+        wait_until_settled(lambda: client.unread(), "the client's socket is full again")
         client.close_writing()
 
         # Ending this client's stream must not wait for the client.
@@ -263,7 +231,7 @@ def flood(daemon, client, piece):
     for _ in range(64):
         client.send(piece)
     expect_service(daemon)
-    wait_until(lambda: unsent(client) == 0, "the daemon has taken all")
+    wait_until(lambda: client.unsent() == 0, "the daemon has taken all")
     return daemon.resident_bytes()
 
 
@@ -303,7 +271,7 @@ def test_newest_of_too_many_silent_clients_is_dropped(daemon):
         handled = [connect() for _ in range(REQUEST_THREADS)]
         for client in handled:
             client.send(b"OPEN\n")
-        wait_until(lambda: all(unsent(client) == 0 for client in handled), "both request threads are taken")
+        wait_until(lambda: all(client.unsent() == 0 for client in handled), "both request threads are taken")
         waiting = [connect() for _ in range(MAX_WAITING)]
 
         for _ in range(3):
@@ -340,7 +308,7 @@ def test_clients_are_turned_away_while_there_are_no_descriptors(daemon, start_da
     limited = start_daemon(wrapper=with_descriptors(daemon.idle_descriptors + 1))
     with limited.client() as last:
         last.send(b"OPEN\n")
-        wait_until(lambda: unsent(last) == 0, "the last descriptor is taken")
+        wait_until(lambda: last.unsent() == 0, "the last descriptor is taken")
         for _ in range(3):
             with limited.client() as client:
                 assert client.read_to_end() == b""
