@@ -1,5 +1,8 @@
 """Somebody on the private bus who asks services, one question at a time."""
 
+import subprocess
+import threading
+
 from gi.repository import Gio, GLib
 
 from waiting import BOUND_SECONDS
@@ -45,6 +48,28 @@ class BusClient:
 
     def close(self):
         self.connection.close_sync(None)
+
+
+class BusMonitor:
+    """Counts the calls of one method at a name, whether anybody owns it or not."""
+
+    def __init__(self, bus, name, method):
+        self.calls = 0
+        rule = f"type='method_call',destination='{name}',member='{method}'"
+        self.process = subprocess.Popen(["dbus-monitor", "--address", bus.address, rule],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, cwd="/", text=True)
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.calls += line.startswith("method call ")
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait(BOUND_SECONDS)
+        self.reader.join(BOUND_SECONDS)
+        self.process.stdout.close()
 
 
 def error_text(error):

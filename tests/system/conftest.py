@@ -11,8 +11,8 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "simcamera",
-                               "waiting")
+pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "refusals",
+                               "scenes", "simcamera", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -71,11 +71,12 @@ def overdue_start(installation, workspace):
 
 @pytest.fixture
 def launch(installation, bus, overdue_requests):
-    """Starts a daemon and does not wait for anything; see Daemon for the arguments."""
+    """Starts a daemon, by default on the session's bus, and does not wait for anything; see Daemon for the
+    arguments."""
     with contextlib.ExitStack() as launched:
 
-        def start(**arguments):
-            daemon = Daemon(installation, bus, **arguments)
+        def start(on=bus, **arguments):
+            daemon = Daemon(installation, on, **arguments)
             launched.callback(daemon.finish)
             return daemon
 
@@ -119,11 +120,21 @@ def camera(start_camera):
 
 
 @pytest.fixture
-def own_bus(workspace):
-    """A bus that nobody else is on."""
-    started = Bus(workspace)
-    yield started
-    started.stop()
+def start_bus(workspace):
+    """Starts a bus that nobody else is on."""
+    with contextlib.ExitStack() as started:
+
+        def start():
+            bus = Bus(workspace)
+            started.callback(bus.stop)
+            return bus
+
+        yield start
+
+
+@pytest.fixture
+def own_bus(start_bus):
+    return start_bus()
 
 
 @pytest.fixture

@@ -11,6 +11,9 @@ import signal
 import socket
 import subprocess
 import threading
+import time
+
+from gi.repository import GLib
 
 from client import ConnectionEnded, Client
 from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP,
@@ -21,17 +24,21 @@ ERROR = 3
 WARNING = 4
 INFO = 6
 
-# Both built-in trackers support the first two channels and are disabled there.
-PRODUCERS = """\
-[Producers.0.VideoMotionTracker]
-Name=
-[Producers.1.VideoMotionTracker]
-Name=
-[Producers.0.RadarMotionTracker]
-Name=
-[Producers.1.RadarMotionTracker]
-Name=
-"""
+VIDEO_TRACKER, RADAR_TRACKER = "VideoMotionTracker", "RadarMotionTracker"
+
+
+def producers_enabled(names):
+    """A producers' file: both built-in trackers support the first two channels, and are enabled on those that
+    `names` has, under the names there: {(VIDEO_TRACKER, 1): "Front"}."""
+    supported = {(tracker, channel): "" for tracker in (VIDEO_TRACKER, RADAR_TRACKER) for channel in (1, 2)}
+    file = GLib.KeyFile()
+    for (tracker, channel), name in (supported | names).items():
+        file.set_string(f"Producers.{channel - 1}.{tracker}", "Name", name)
+    text, _ = file.to_data()
+    return text
+
+
+PRODUCERS = producers_enabled({})
 
 # What the daemon says of each kind of metadata when its plug-in is installed, and when it is not.
 KIND_LINES = {
@@ -130,7 +137,11 @@ class Daemon:
     """One daemon; the fixtures `daemon`, `start_daemon` and `launch` make one and clean up after it.
 
     plugins: what the simulated camera has installed
+    coordinator_line: what it logs about the PTZ coordinator, None where that answers as it should
     speed: how much faster than the clock the simulated world goes
+    world_seconds: how far the simulated world's story has come at the start, or up to one second of the clock
+        further; None for as far as the time of day has it
+    ptz_channels: which video channels look through the PTZ head
     run_dir, run_dir_option: the run folder, by default one that does not exist yet, and the option that names it,
         None to leave it out
     options: what else stands on the daemon's command line
@@ -140,9 +151,10 @@ class Daemon:
     umask, user: with which the daemon starts; the user in the form of Popen's arguments
     wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's"""
 
-    def __init__(self, installation, bus, plugins=EVENT_PLUGINS, speed=1, run_dir=None,
-                 run_dir_option="--run-dir", options=(), producers=PRODUCERS, environment=None,
-                 sanitizer_options=None, umask=0o022, user=None, wrapper=None):
+    def __init__(self, installation, bus, plugins=EVENT_PLUGINS, coordinator_line=NO_COORDINATOR, speed=1,
+                 world_seconds=None, ptz_channels=(1,), run_dir=None, run_dir_option="--run-dir", options=(),
+                 producers=PRODUCERS, environment=None, sanitizer_options=None, umask=0o022, user=None,
+                 wrapper=None):
         self.folder = installation.workspace.folder()
         self.run_dir = self.folder / "run" if run_dir is None else pathlib.Path(run_dir)
         self.socket_path = self.run_dir / "metadata"
@@ -155,7 +167,7 @@ class Daemon:
         self.command = [str(installation.tessard), *options]
         if run_dir_option:
             self.command += [run_dir_option, str(self.run_dir)]
-        self.start_lines = start_lines(plugins)
+        self.start_lines = start_lines(plugins, coordinator_line)
         self.stderr_taken = 0
         self.stderr_allowed = []
         self.idle_descriptors = None
@@ -166,16 +178,22 @@ class Daemon:
             "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
             "LD_PRELOAD": str(installation.testhost),
             "TESTHOST_SYSLOG": self.log.path,
-            "TESSARD_SIM_CONFIG": self._write_simulation(speed),
+            "TESSARD_SIM_CONFIG": self._write_simulation(speed, world_seconds, ptz_channels),
             **installation.plugin_environment(plugins),
             **installation.sanitizer_environment(sanitizer_options),
             **(environment or {}),
         }
         self._start(wrapper or plain, umask, unprivileged() if user is None else user)
 
-    def _write_simulation(self, speed):
+    def _write_simulation(self, speed, world_seconds, ptz_channels):
+        lines = ["[World]", f"speed={speed}"]
+        if world_seconds is not None:
+            # Told in whole seconds.
+            epoch = time.gmtime(int(time.time() - world_seconds / speed))
+            lines.append(time.strftime("epoch=%Y-%m-%dT%H:%M:%SZ", epoch))
+        lines += ["[PTZ]", f"channels={';'.join(map(str, ptz_channels))}"]
         path = self.folder / "simulation.conf"
-        path.write_text(f"[World]\nspeed={speed}\n", encoding="ascii")
+        path.write_text("".join(f"{line}\n" for line in lines), encoding="ascii")
         return str(path)
 
     def _write_producers(self, text):

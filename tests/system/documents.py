@@ -16,6 +16,7 @@ from lxml import etree  # noqa: E402
 NAMESPACES = {
     "tt": "http://www.onvif.org/ver10/schema",
     "wsnt": "http://docs.oasis-open.org/wsn/b-2",
+    "qurt": "urn:tessard:simulated-camera:radar",
 }
 
 INITIALIZED = "Initialized"
@@ -24,6 +25,22 @@ CHANGED = "Changed"
 DIGITAL_INPUT = "tns1:Device/Trigger/DigitalInput"
 MOTION_ALARM = "tns1:VideoSource/MotionAlarm"
 LINE_CROSSED = "tns1:VideoAnalytics/tnsimcam:LineDetector/Crossed"
+
+# What a document can hold, by the tag of its one child.
+EVENTS, PTZ, SCENE = "Event", "PTZ", "VideoAnalytics"
+
+IDLE, MOVING = "IDLE", "MOVING"
+
+PAN_TILT_SPACES = (
+    "http://www.onvif.org/ver10/tptz/PanTiltSpaces/PositionGenericSpace",
+    "urn:tessard:simulated-camera:ptz-spaces:pan-tilt-degrees",
+    "urn:tessard:simulated-camera:ptz-spaces:pan-tilt-radians",
+)
+ZOOM_SPACES = (
+    "http://www.onvif.org/ver10/tptz/ZoomSpaces/PositionGenericSpace",
+    "urn:tessard:simulated-camera:ptz-spaces:zoom-millimetres",
+    "urn:tessard:simulated-camera:ptz-spaces:zoom-factor",
+)
 
 
 @functools.cache
@@ -37,21 +54,108 @@ def validate(root):
     schema().assertValid(root)
 
 
+def parse_time(text):
+    return datetime.datetime.fromisoformat(text)
+
+
+def find(element, path):
+    return element.find(path, NAMESPACES)
+
+
+def find_all(element, path):
+    return element.findall(path, NAMESPACES)
+
+
+def text_of(element, path):
+    """The text of what is found there, None if nothing is."""
+    return element.findtext(path, None, NAMESPACES)
+
+
+def numbers(element, *names):
+    """The attributes of these names as numbers, None if there is no element."""
+    if element is None:
+        return None
+    values = tuple(float(element.get(name)) for name in names)
+    return values if len(values) > 1 else values[0]
+
+
 class Event:
     """One notification."""
 
     def __init__(self, notification):
-        message = notification.find("wsnt:Message/tt:Message", NAMESPACES)
-        self.topic = notification.findtext("wsnt:Topic", None, NAMESPACES)
+        message = find(notification, "wsnt:Message/tt:Message")
+        self.topic = text_of(notification, "wsnt:Topic")
         self.operation = message.get("PropertyOperation")
-        self.time = datetime.datetime.fromisoformat(message.get("UtcTime"))
+        self.time = parse_time(message.get("UtcTime"))
         self.source = self._items(message, "Source")
         self.data = self._items(message, "Data")
 
     @staticmethod
     def _items(message, part):
-        items = message.findall(f"tt:{part}/tt:SimpleItem", NAMESPACES)
+        items = find_all(message, f"tt:{part}/tt:SimpleItem")
         return {item.get("Name"): item.get("Value") for item in items}
+
+
+class PtzStatus:
+    """Where a PTZ head looks and what of it moves. What was left out is None."""
+
+    def __init__(self, status):
+        self.parts = [etree.QName(part).localname for part in status]
+        self.time = parse_time(text_of(status, "tt:UtcTime"))
+        pan_tilt = find(status, "tt:Position/tt:PanTilt")
+        zoom = find(status, "tt:Position/tt:Zoom")
+        self.pan_tilt = numbers(pan_tilt, "x", "y")
+        self.pan_tilt_space = None if pan_tilt is None else pan_tilt.get("space")
+        self.zoom = numbers(zoom, "x")
+        self.zoom_space = None if zoom is None else zoom.get("space")
+        self.pan_tilt_status = text_of(status, "tt:MoveStatus/tt:PanTilt")
+        self.zoom_status = text_of(status, "tt:MoveStatus/tt:Zoom")
+
+    @property
+    def rests(self):
+        return self.pan_tilt_status == self.zoom_status == IDLE
+
+
+class RadarInfo:
+    """What only the radar measures: degrees, metres and metres per second."""
+
+    def __init__(self, info):
+        self.angle, self.range = numbers(find(info, "qurt:PolarCoordinate"), "angle", "range")
+        self.speed, self.direction = numbers(find(info, "qurt:Velocity"), "m-s", "angle")
+        self.size = numbers(find(info, "qurt:Size"), "m")
+
+
+class SceneObject:
+    """One object of a frame. What was left out is None."""
+
+    def __init__(self, found):
+        appearance = find(found, "tt:Appearance")
+        shape = find(appearance, "tt:Shape")
+        polygon = find(shape, "tt:Polygon")
+        behaviour = find(found, "tt:Behaviour")
+        radar = find(appearance, "tt:Extension/qurt:RadarObjectInfo")
+        self.id = found.get("ObjectId")
+        self.box = numbers(find(shape, "tt:BoundingBox"), "left", "top", "right", "bottom")
+        self.centre = numbers(find(shape, "tt:CenterOfGravity"), "x", "y")
+        self.polygon = None if polygon is None else [numbers(point, "x", "y") for point in polygon]
+        self.type = text_of(appearance, "tt:Class/tt:Type")
+        self.likelihood = numbers(find(appearance, "tt:Class/tt:Type"), "Likelihood")
+        self.speed = None if behaviour is None else float(text_of(behaviour, "tt:Speed"))
+        self.yaw = None if behaviour is None else numbers(find(behaviour, "tt:Direction"), "yaw")
+        self.location = numbers(find(appearance, "tt:GeoLocation"), "lon", "lat", "elevation")
+        self.radar = None if radar is None else RadarInfo(radar)
+
+
+class Frame:
+    """What was in the picture at one moment, who has left it, and where the PTZ head looked if it tells that."""
+
+    def __init__(self, frame):
+        status = find(frame, "tt:PTZStatus")
+        self.time = parse_time(frame.get("UtcTime"))
+        self.source = frame.get("Source")
+        self.objects = {found.get("ObjectId"): SceneObject(found) for found in find_all(frame, "tt:Object")}
+        self.deleted = [found.get("ObjectId") for found in find_all(frame, "tt:ObjectTree/tt:Delete")]
+        self.ptz = None if status is None else PtzStatus(status)
 
 
 class Document:
@@ -65,5 +169,18 @@ class Document:
             validate(self.root)
 
     @property
+    def kind(self):
+        (child,) = self.root
+        return etree.QName(child).localname
+
+    @property
     def events(self):
-        return [Event(found) for found in self.root.findall("tt:Event/wsnt:NotificationMessage", NAMESPACES)]
+        return [Event(found) for found in find_all(self.root, "tt:Event/wsnt:NotificationMessage")]
+
+    @property
+    def ptz(self):
+        return [PtzStatus(found) for found in find_all(self.root, "tt:PTZ/tt:PTZStatus")]
+
+    @property
+    def frames(self):
+        return [Frame(found) for found in find_all(self.root, "tt:VideoAnalytics/tt:Frame")]

@@ -36,6 +36,10 @@ EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
 # What one that asks for PTZ needs.
 PTZ_PLUGINS = (PTZ_PLUGIN, DOCUMENT_PLUGIN)
 
+# What one that asks for scenes or radar scenes needs.
+SCENE_PLUGINS = (SCENE_PLUGIN, DOCUMENT_PLUGIN)
+RADAR_PLUGINS = (RADAR_PLUGIN, DOCUMENT_PLUGIN)
+
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 
 
