@@ -1,0 +1,179 @@
+"""What is different about the radar's scenes."""
+
+import itertools
+import math
+
+import pytest
+
+from client import header
+from daemon import RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
+from installation import EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, RADAR_PLUGINS, SCENE_PLUGINS
+from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, WRONG_CHANNELS, WRONG_PTZ,
+                      WRONG_SPACES, expect_refused)
+from scenes import BUSY_SECONDS, NO_ROTATION, RADAR, RADAR_ROUNDING, is_inside, objects_of, rotate, seen_by_radar
+from simcamera import CAPTURE, SCENES
+
+# Where the simulated camera stands.
+CAMERA_LONGITUDE, CAMERA_LATITUDE, CAMERA_ELEVATION = -0.0015, 51.4779, 46
+
+METRES_PER_DEGREE = 111_000
+
+# How far the measures of one object may be apart, in metres and metres per second.
+MEASURE_TOLERANCE = 0.5
+
+
+@pytest.fixture
+def start_radar_daemon(start_daemon):
+    """Starts a daemon on a camera with nothing but a radar, enabled on the first channels under these names."""
+
+    def start(*names, **arguments):
+        defaults = {"plugins": RADAR_PLUGINS, "speed": 4, "world_seconds": BUSY_SECONDS,
+                    "producers": RADAR.enabled(*names)}
+        return start_daemon(**defaults | arguments)
+
+    return start
+
+
+def some_objects(daemon, **wishes):
+    """The first few objects that come, each as often as it is told."""
+    with daemon.client() as client:
+        return list(itertools.islice(objects_of(client.start(header(**wishes)).frames()), 5))
+
+
+# What is told
+
+
+@pytest.mark.parametrize("analytics", [1, 2])
+def test_objects_have_what_the_radar_measures(camera, start_radar_daemon, analytics):
+    for found in some_objects(start_radar_daemon("one"), analytics=analytics):
+        assert -30 <= found.radar.angle <= 30
+        assert 0 < found.radar.range < 50
+        assert 0 < found.radar.size < 20
+        assert found.radar.speed == found.speed > 0
+        assert -180 <= found.radar.direction <= 180
+
+
+def test_objects_have_their_place_on_the_earth(camera, start_radar_daemon):
+    for found in some_objects(start_radar_daemon("one"), analytics=1):
+        longitude, latitude, elevation = found.location
+        east = (longitude - CAMERA_LONGITUDE) * METRES_PER_DEGREE * math.cos(math.radians(CAMERA_LATITUDE))
+        north = (latitude - CAMERA_LATITUDE) * METRES_PER_DEGREE
+
+        # The camera looks to the east, and its angles are clockwise.
+        angle = math.radians(found.radar.angle)
+        assert east == pytest.approx(found.radar.range * math.cos(angle), abs=MEASURE_TOLERANCE)
+        assert north == pytest.approx(-found.radar.range * math.sin(angle), abs=MEASURE_TOLERANCE)
+        assert elevation == CAMERA_ELEVATION
+
+
+@pytest.mark.parametrize("degrees", [0, 90, 180, 270])
+def test_picture_is_turned_but_not_the_radar(start_camera, start_radar_daemon, degrees):
+    start_camera("--rotation", f"1={degrees}")
+    inside = [found for found in some_objects(start_radar_daemon("one"), analytics=1)
+              if is_inside(found.centre)]
+
+    for found in inside:
+        assert found.centre == pytest.approx(rotate(seen_by_radar(found.radar), degrees), abs=RADAR_ROUNDING)
+    assert inside != []
+
+
+def test_radar_knows_nothing_of_a_head(camera, start_radar_daemon):
+    daemon = start_radar_daemon("one", "two")
+    for wishes in ({"ptz": 1}, {"ptz": 1, "video_channel": 2},
+                   *({key: value} for key, value, _ in WRONG_PTZ + WRONG_SPACES)):
+        with daemon.client() as client:
+            (frame,) = client.start(header(analytics=1, **wishes)).next_document().frames
+        assert frame.ptz is None
+
+
+# What the platform is asked
+
+
+def test_radar_does_not_need_the_scene_provider(camera, start_radar_daemon):
+    daemon = start_radar_daemon("one")
+    camera.misbehave(SCENES, "error")
+
+    assert some_objects(daemon, analytics=1) != []
+    camera.absent(SCENES)
+    assert some_objects(daemon, analytics=1) != []
+    assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 2)
+
+
+def test_each_request_without_rotation_is_warned_of(start_radar_daemon):
+    daemon = start_radar_daemon("one", "two")
+    for wishes in ({"analytics": 1}, {"analytics": 2, "video_channel": 2}):
+        assert some_objects(daemon, **wishes) != []
+        assert daemon.log.take() == [NO_ROTATION]
+
+
+def test_bus_that_is_gone_costs_the_rotation_alone(own_bus, start_radar_daemon):
+    daemon = start_radar_daemon("one", on=own_bus)
+    own_bus.stop()
+
+    assert some_objects(daemon, analytics=1) != []
+    assert some_objects(daemon, analytics=1) != []
+    assert daemon.log.take() == [NO_ROTATION] * 2
+
+
+def start_with_both(start_daemon, **names):
+    """Starts a daemon with both kinds of scenes, enabled on the first channel under these names."""
+    trackers = {"video": (VIDEO_TRACKER, 1), "radar": (RADAR_TRACKER, 1)}
+    return start_daemon(plugins=(RADAR_PLUGIN, *SCENE_PLUGINS), speed=4, world_seconds=BUSY_SECONDS,
+                        producers=producers_enabled({trackers[key]: name for key, name in names.items()}))
+
+
+def sources(daemon, count=10):
+    """Who is named in the first frames."""
+    with daemon.client() as client:
+        frames = client.start(header(analytics=1)).frames()
+        return {frame.source for frame in itertools.islice(frames, count)}
+
+
+def test_one_request_gets_both_kinds_of_scenes(camera, start_daemon):
+    assert sources(start_with_both(start_daemon, video="tracker", radar="radar")) == {"tracker", "radar"}
+    assert camera.calls(CAPTURE) == 2
+
+
+@pytest.mark.parametrize("names", [{"video": "tracker"}, {"radar": "radar"}])
+def test_kind_that_is_not_enabled_leaves_the_other(camera, start_daemon, names):
+    assert sources(start_with_both(start_daemon, **names)) == set(names.values())
+    assert camera.calls(CAPTURE) == 1
+
+
+def test_without_rotation_only_the_radar_has_scenes(camera, start_daemon):
+    daemon = start_with_both(start_daemon, video="tracker", radar="radar")
+    camera.misbehave(CAPTURE, "error")
+
+    assert sources(daemon) == {"radar"}
+    assert daemon.log.take() == [NO_ROTATION]
+
+
+# Refusals
+
+
+@pytest.mark.parametrize("asked", [{}, {"analytics": 0}, {"analytics": 1}], ids=["not asked", "none", "asked"])
+def test_wrong_channel_is_refused_whether_scenes_are_asked_for_or_not(start_radar_daemon, asked):
+    daemon = start_radar_daemon("one")
+
+    for key, value, text in WRONG_CHANNELS:
+        expect_refused(daemon, asked | {key: value}, text.format(value))
+
+
+def test_wrong_channel_costs_the_events_too(start_radar_daemon):
+    daemon = start_radar_daemon(plugins=(EVENT_PLUGIN, *RADAR_PLUGINS))
+
+    expect_refused(daemon, {"event": 1, "video_channel": "abc"}, INVALID_CHANNEL.format("abc"))
+
+
+def test_first_of_several_wrong_values_is_told(start_radar_daemon):
+    daemon = start_radar_daemon("one", plugins=(EVENT_PLUGIN, *RADAR_PLUGINS))
+
+    expect_refused(daemon, {"video_channel": "x", "analytics": "3", "event": "2"}, INVALID_EVENT.format("2"))
+    expect_refused(daemon, {"video_channel": "x", "analytics": "3"}, INVALID_ANALYTICS.format("3"))
+    expect_refused(daemon, {"video_channel": "x"}, INVALID_CHANNEL.format("x"))
+
+
+def test_factory_of_the_head_judges_first(camera, start_radar_daemon):
+    daemon = start_radar_daemon("one", plugins=(PTZ_PLUGIN, *RADAR_PLUGINS), coordinator_line=None)
+
+    expect_refused(daemon, {"analytics": "3", "video_channel": "x"}, INVALID_CHANNEL.format("x"))
