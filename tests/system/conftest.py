@@ -54,11 +54,13 @@ def overdue_requests(installation, bus):
     """Requests that are never finished. They come with the first daemon, so that their long time-out passes while
     other tests run."""
     daemon = Daemon(installation, bus)
-    daemon.wait_until_ready()
-    requests = OverdueRequests(daemon)
-    yield requests
-    requests.close()
-    daemon.finish()
+    try:
+        daemon.wait_until_ready()
+        requests = OverdueRequests(daemon)
+        yield requests
+        requests.close()
+    finally:
+        daemon.finish()
 
 
 @pytest.fixture(scope="session")
