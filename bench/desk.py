@@ -1,0 +1,63 @@
+"""The daemon of the system tests, with its bus and the simulated camera, for somebody who measures it.
+
+They come from the staged installation that TESSARD_STAGE names, or from one made from the build folder that
+TESSARD_BUILD names (build-desk/ by default)."""
+
+import contextlib
+import os
+import pathlib
+import statistics
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
+sys.dont_write_bytecode = True
+
+import gi  # noqa: E402
+
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst  # noqa: E402
+
+from daemon import Daemon  # noqa: E402
+from installation import SIMULATED_PLUGINS, Bus, Installation, Workspace, make_stage  # noqa: E402
+from simcamera import SimulatedCamera  # noqa: E402
+
+
+@contextlib.contextmanager
+def running_daemon(producers, *camera_options):
+    """A daemon that is ready, with these contents of its producers.conf and every plug-in, and its bus."""
+    workspace = Workspace()
+    os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
+    Gst.init(None)
+    with contextlib.ExitStack() as running:
+        running.callback(workspace.remove)
+        stage = os.environ.get("TESSARD_STAGE")
+        installation = Installation(pathlib.Path(stage).resolve() if stage else make_stage(workspace), workspace)
+        bus = Bus(workspace)
+        running.callback(bus.stop)
+        camera = SimulatedCamera(installation, bus, *camera_options)
+        running.callback(camera.finish)
+        camera.wait_until_ready()
+        daemon = Daemon(installation, bus, plugins=SIMULATED_PLUGINS, producers=producers, coordinator_line=None)
+        running.callback(daemon.finish)
+        daemon.wait_until_ready()
+        yield daemon, bus
+
+
+def print_table(subject, times, base):
+    """A row for each kind of measurement, compared with the kind `base`; times in seconds."""
+    base_median = statistics.median(times[base])
+    print(f"| {subject} | times | median ms | p99 ms | median against {base} |")
+    print("|---|---|---|---|---|")
+    for kind, values in times.items():
+        median = statistics.median(values)
+        p99 = statistics.quantiles(values, n=100, method="inclusive")[-1]
+        print(f"| {kind} | {len(values)} | {median * 1000:.2f} | {p99 * 1000:.2f} | {median / base_median:.2f} |")
+
+
+def parse_count(parser, default):
+    """Adds --count to a command line of its own, and returns the value."""
+    parser.add_argument("--count", type=int, default=default, help=f"how often to measure each (default {default})")
+    arguments = parser.parse_args()
+    if arguments.count < 2:
+        parser.error("--count has to be 2 at least")
+    return arguments.count
