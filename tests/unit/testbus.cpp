@@ -102,15 +102,23 @@ connect_to_bus()
   return connection;
 }
 
+/* What the bus itself says. */
+GVariant *
+ask_bus(GDBusConnection *connection, const char *method, GVariant *arguments)
+{
+  g_autoptr(GError) error = nullptr;
+  GVariant *reply = g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                "org.freedesktop.DBus", method, arguments, nullptr,
+                                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+
+  g_assert_no_error(error);
+  return reply;
+}
+
 void
 own_name(GDBusConnection *connection, const char *name)
 {
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-      g_variant_new("(su)", name, 0U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-
-  g_assert_no_error(error);
+  g_variant_unref(ask_bus(connection, "RequestName", g_variant_new("(su)", name, 0U)));
 }
 
 std::string
@@ -353,6 +361,136 @@ Service::answer(GDBusConnection *connection, GDBusMessage *call)
   g_autoptr(GError) error = nullptr;
   g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, &error);
   EXPECT_EQ(error, nullptr) << error->message;
+}
+
+namespace
+{
+
+std::string
+describe_error(GError *error)
+{
+  g_autofree gchar *name = g_dbus_error_get_remote_error(error);
+
+  g_dbus_error_strip_remote_error(error);
+  return std::string(name != nullptr ? name : "not from the bus") + ": " + error->message;
+}
+
+void
+on_reply(GObject *connection, GAsyncResult *result, gpointer user_data)
+{
+  const std::unique_ptr<Peer::Outcome> outcome(static_cast<Peer::Outcome *>(user_data));
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) body = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
+
+  if (body == nullptr) {
+    **outcome = describe_error(error);
+    return;
+  }
+  g_autofree gchar *text = g_variant_print(body, FALSE);
+  **outcome = text;
+}
+
+} // namespace
+
+Peer::Peer() : connection_(connect_to_bus())
+{
+  g_signal_connect(connection_, "closed", G_CALLBACK(on_closed), &closed_);
+}
+
+Peer::~Peer()
+{
+  if (subscription_id_ != 0) {
+    g_dbus_connection_signal_unsubscribe(connection_, subscription_id_);
+  }
+  close();
+  g_object_unref(connection_);
+}
+
+GDBusConnection *
+Peer::connection() const
+{
+  return connection_;
+}
+
+void
+Peer::close()
+{
+  g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+  EXPECT_TRUE(testhost::spin_until([this] { return closed_; }));
+}
+
+std::string
+Peer::name() const
+{
+  return g_dbus_connection_get_unique_name(connection_);
+}
+
+void
+Peer::own(const char *name) const
+{
+  own_name(connection_, name);
+}
+
+void
+Peer::release(const char *name) const
+{
+  g_variant_unref(ask_bus(connection_, "ReleaseName", g_variant_new("(s)", name)));
+}
+
+bool
+Peer::has_owner(const char *name) const
+{
+  g_autoptr(GVariant) reply = ask_bus(connection_, "NameHasOwner", g_variant_new("(s)", name));
+  gboolean owned = FALSE;
+
+  g_variant_get(reply, "(b)", &owned);
+  return owned != FALSE;
+}
+
+Peer::Outcome
+Peer::start(const Call &call) const
+{
+  auto outcome = std::make_shared<std::optional<std::string>>();
+
+  g_dbus_connection_call(connection_, call.destination.c_str(), call.path.c_str(), call.interface.c_str(),
+                         call.method.c_str(), call.arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, G_MAXINT,
+                         nullptr, on_reply, new Outcome(outcome));
+  return outcome;
+}
+
+std::string
+Peer::call(const Call &call) const
+{
+  const Outcome outcome = start(call);
+
+  EXPECT_TRUE(testhost::spin_until([&outcome] { return outcome->has_value(); })) << call.method;
+  return outcome->value_or("no answer");
+}
+
+void
+Peer::listen(const std::string &sender)
+{
+  subscription_id_ =
+      g_dbus_connection_signal_subscribe(connection_, sender.c_str(), nullptr, nullptr, nullptr, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, on_signal, this, nullptr);
+  /* The bus knows of it once it has answered something later. */
+  has_owner(sender.c_str());
+}
+
+std::vector<std::string>
+Peer::take_signals()
+{
+  return std::exchange(signals_, {});
+}
+
+void
+Peer::on_signal(GDBusConnection *, const gchar *, const gchar *path, const gchar *interface,
+                const gchar *signal, GVariant *arguments, gpointer user_data)
+{
+  g_autofree gchar *text = g_variant_print(arguments, FALSE);
+
+  static_cast<Peer *>(user_data)->signals_.push_back(std::string(path) + " " + interface + "." + signal +
+                                                     " " + text);
 }
 
 } // namespace testbus

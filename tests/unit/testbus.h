@@ -9,7 +9,9 @@
 #include <condition_variable>
 #include <functional>
 #include <gio/gio.h>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -83,6 +85,57 @@ private:
   GMainContext *context_;
   GMainLoop *loop_;
   std::thread thread_;
+};
+
+/* Somebody on the bus who asks the code under test, in the default main context, where that answers. */
+class Peer
+{
+public:
+  Peer();
+  ~Peer();
+  Peer(const Peer &) = delete;
+  Peer &operator=(const Peer &) = delete;
+
+  GDBusConnection *connection() const;
+
+  /* Closes the connection, and waits until everybody has been told. */
+  void close();
+
+  /* The connection's own name, which the bus chose. */
+  std::string name() const;
+
+  void own(const char *name) const;
+  void release(const char *name) const;
+  bool has_owner(const char *name) const;
+
+  /* What becomes of a call: the reply's body in GVariant's text format, or the name of the D-Bus error, ": "
+   * and its text; nothing yet. */
+  using Outcome = std::shared_ptr<std::optional<std::string>>;
+
+  /* What is asked of whom. The arguments are a tuple, of which this takes a floating reference. */
+  struct Call {
+    std::string destination;
+    std::string path;
+    std::string interface;
+    std::string method;
+    GVariant *arguments = nullptr;
+  };
+
+  Outcome start(const Call &call) const;
+  std::string call(const Call &call) const;
+
+  /* Notes the signals of this sender from now on, each as "object interface.signal arguments". */
+  void listen(const std::string &sender);
+  std::vector<std::string> take_signals();
+
+private:
+  static void on_signal(GDBusConnection *connection, const gchar *sender, const gchar *path,
+                        const gchar *interface, const gchar *signal, GVariant *arguments, gpointer user_data);
+
+  GDBusConnection *connection_;
+  bool closed_ = false;
+  guint subscription_id_ = 0;
+  std::vector<std::string> signals_;
 };
 
 } // namespace testbus
