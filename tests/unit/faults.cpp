@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <fcntl.h>
+#include <gio/gio.h>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -19,6 +20,7 @@ namespace
 std::mutex lock;
 std::set<faults::Call> failing_calls;
 std::set<int> failing_closes;
+std::set<std::string> failing_signals;
 std::atomic<int> accept_error_number = 0;
 std::atomic<unsigned> accept_count = 0;
 std::optional<std::vector<std::string>> file_calls;
@@ -34,6 +36,14 @@ take_failure(faults::Call call)
   std::lock_guard guard(lock);
 
   return failing_calls.erase(call) > 0;
+}
+
+bool
+take_signal_failure(const gchar *signal)
+{
+  std::lock_guard guard(lock);
+
+  return failing_signals.erase(signal) > 0;
 }
 
 void
@@ -78,6 +88,14 @@ fail_close_of(int fd)
   std::lock_guard guard(lock);
 
   failing_closes.insert(fd);
+}
+
+void
+fail_next_connection_to(const std::string &signal)
+{
+  std::lock_guard guard(lock);
+
+  failing_signals.insert(signal);
 }
 
 Accepts::Accepts(int error_number)
@@ -174,6 +192,8 @@ int __wrap_listen(int fd, int backlog);
 /* What open() is called where files may be large. */
 int __real_open64(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
+void __real_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
+void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
 gboolean __real_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
 gboolean __wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
 guint __real_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
@@ -186,6 +206,14 @@ GIOStatus __real_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __wrap_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __real_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 GIOStatus __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
+gulong __real_g_signal_connect_data(gpointer instance, const gchar *signal, GCallback handler,
+                                    gpointer user_data, GClosureNotify destroy, GConnectFlags flags);
+gulong __wrap_g_signal_connect_data(gpointer instance, const gchar *signal, GCallback handler,
+                                    gpointer user_data, GClosureNotify destroy, GConnectFlags flags);
+gulong __real_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback handler,
+                                      gpointer object, GConnectFlags flags);
+gulong __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback handler,
+                                      gpointer object, GConnectFlags flags);
 void __real_g_usleep(gulong us);
 void __wrap_g_usleep(gulong us);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -242,7 +270,13 @@ __wrap_fsync(int fd)
   return __real_fsync(fd);
 }
 
-/* What open() is called where files may be large. */
+void
+__wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value)
+{
+  keep_file_call("reply", g_dbus_method_invocation_get_method_name(invocation));
+  __real_g_dbus_method_invocation_return_value(invocation, value);
+}
+
 gboolean
 __wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error)
 {
@@ -307,6 +341,24 @@ __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GEr
   return take_failure(faults::Call::IO_CHANNEL_SET_ENCODING)
              ? G_IO_STATUS_ERROR
              : __real_g_io_channel_set_encoding(channel, encoding, error);
+}
+
+gulong
+__wrap_g_signal_connect_data(gpointer instance, const gchar *signal, GCallback handler, gpointer user_data,
+                             GClosureNotify destroy, GConnectFlags flags)
+{
+  return take_signal_failure(signal)
+             ? 0
+             : __real_g_signal_connect_data(instance, signal, handler, user_data, destroy, flags);
+}
+
+gulong
+__wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback handler, gpointer object,
+                               GConnectFlags flags)
+{
+  return take_signal_failure(signal)
+             ? 0
+             : __real_g_signal_connect_object(instance, signal, handler, object, flags);
 }
 
 void

@@ -44,7 +44,11 @@ public:
   unsigned count() const;
 };
 
-/* Begins to keep the calls that make up a durable save, each as its name and what it was given. */
+/* Makes the next connection to this signal fail. */
+void fail_next_connection_to(const std::string &signal);
+
+/* Begins to keep the calls that make up a durable save, each as its name and what it was given, and the
+ * replies to calls on the bus. */
 void keep_file_calls();
 
 /* Those that were kept, in order, and an end to it. */

@@ -1,0 +1,386 @@
+/* The producers on the bus: one object each below the root, and at the root, beside GLib's object manager,
+ * the interface that changes several at once. GLib keeps the objects, which are found by path; there is no
+ * table of them here.
+ *
+ * A producer's name is the last element of its object's path as it is. A producer whose name cannot be that
+ * has no object; clients can have its data all the same.
+ *
+ * What is asked for is judged as a whole before anything changes. Then every change is written, and so
+ * durable, before the next one; the reply comes last. The main thread does all of this, so that no call sees
+ * half of another; until a call is answered nothing else of the main thread's is.
+ *
+ * No connection between a producer and its object keeps either: it ends with the first of the two. A call
+ * holds its producer while it runs, and one that arrives for an object that has gone is refused by GLib.
+ *
+ * When the bus goes away its connection is let go of. GLib shares one connection among all, for as long as
+ * somebody has it: only so can the daemon's own calls reach a bus that comes back.
+ */
+#include "dbusproducermanager.h"
+
+#include "metadataserver1.h"
+
+#include <cstring>
+#include <syslog.h>
+
+namespace
+{
+
+constexpr const char *ROOT_PATH = "/com/quon/MetadataServer1/Producers";
+constexpr const char *MANAGER_INTERFACE = "com.quon.MetadataServer1.ProducerManager";
+constexpr const char *CHANNELS_TYPE = "a(ibs)";
+constexpr const char *CHANNEL_TYPE = "(ibs)";
+
+GDBusObjectManagerServer *object_manager;
+
+/* Exported as long as there is a connection. */
+MetadataServer1ProducerManager *manager_skeleton;
+
+/* NULL when the name cannot be an element of a path. */
+gchar *
+make_path(const gchar *name)
+{
+  g_autofree gchar *path = g_strdup_printf("%s/%s", ROOT_PATH, name);
+
+  return strchr(name, '/') == nullptr && g_variant_is_object_path(path) ? g_steal_pointer(&path) : nullptr;
+}
+
+gchar *
+get_property(AnalyticsProducer *producer, const gchar *name)
+{
+  gchar *text = nullptr;
+
+  g_object_get(producer, name, &text, nullptr);
+  return text;
+}
+
+/* A message is UTF-8, but a sample frame is what an element of the platform's made. */
+gchar *
+get_valid_property(AnalyticsProducer *producer, const gchar *name)
+{
+  g_autofree gchar *text = get_property(producer, name);
+
+  return g_utf8_make_valid(text, -1);
+}
+
+void
+set_channels(MetadataServer1Producer *skeleton, GPtrArray *channels)
+{
+  GVariantBuilder builder;
+
+  g_variant_builder_init(&builder, G_VARIANT_TYPE(CHANNELS_TYPE));
+  for (guint i = 0; i < channels->len; i++) {
+    const auto *entry = static_cast<AnalyticsProducerChannel *>(g_ptr_array_index(channels, i));
+    g_variant_builder_add(&builder, CHANNEL_TYPE, static_cast<gint32>(entry->channel), entry->enabled,
+                          entry->name != nullptr ? entry->name : "");
+  }
+  metadata_server1_producer_set_channels_enabled(skeleton, g_variant_builder_end(&builder));
+}
+
+/* The texts are copied once. Deliberate and kept: only enablement follows the producer. */
+MetadataServer1Producer *
+make_skeleton(AnalyticsProducer *producer)
+{
+  MetadataServer1Producer *skeleton = metadata_server1_producer_skeleton_new();
+  g_autofree gchar *name = get_property(producer, "name");
+  g_autofree gchar *nice_name = get_valid_property(producer, "nice-name");
+  g_autofree gchar *sample_frame_xml = get_valid_property(producer, "sample-frame-xml");
+
+  g_object_set(skeleton, "name", name, "nice-name", nice_name, "sample-frame-xml", sample_frame_xml, nullptr);
+  set_channels(skeleton, analytics_producer_get_all_channels_enabled(producer));
+  return skeleton;
+}
+
+/* No supported channel is beyond the range of int32, so that no negative one is taken for a supported one. */
+gboolean
+supports_all(AnalyticsProducer *producer, GVariant *channels)
+{
+  GVariantIter iter;
+  gint32 channel = 0;
+
+  g_variant_iter_init(&iter, channels);
+  while (g_variant_iter_next(&iter, CHANNEL_TYPE, &channel, nullptr, nullptr)) {
+    if (!analytics_producer_is_channel_supported(producer, static_cast<guint32>(channel))) {
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+void
+apply(AnalyticsProducer *producer, GVariant *channels)
+{
+  GVariantIter iter;
+  gint32 channel = 0;
+  gboolean enabled = FALSE;
+  const gchar *name = nullptr;
+
+  g_variant_iter_init(&iter, channels);
+  while (g_variant_iter_next(&iter, "(ib&s)", &channel, &enabled, &name)) {
+    analytics_producer_set_channel_enabled(producer, static_cast<guint32>(channel), enabled, name);
+  }
+}
+
+/* One entry of a call for several producers, and the producer of its name, if there is one. Both are held. */
+struct Change {
+  AnalyticsProducer *producer;
+  GVariant *channels;
+
+  Change(AnalyticsProducerList *producers, GVariant *entry)
+  {
+    const gchar *name = nullptr;
+
+    g_variant_get(entry, "{&s@a(ibs)}", &name, &channels);
+    producer = analytics_producer_list_get_producer(producers, name);
+  }
+
+  ~Change()
+  {
+    g_clear_object(&producer);
+    g_variant_unref(channels);
+  }
+
+  Change(const Change &) = delete;
+  Change &operator=(const Change &) = delete;
+};
+
+/* A missing producer outweighs an unsupported channel, wherever the two are. */
+gboolean
+validate(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
+{
+  GVariantIter iter;
+  gboolean all_supported = TRUE;
+
+  g_variant_iter_init(&iter, wanted);
+  while (g_autoptr(GVariant) entry = g_variant_iter_next_value(&iter)) {
+    const Change change(producers, entry);
+    if (change.producer == nullptr) {
+      g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                          "Producer with specified name does not exist");
+      return FALSE;
+    }
+    all_supported = all_supported && supports_all(change.producer, change.channels);
+  }
+  if (!all_supported) {
+    g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                        "Videochannel is not supported on producer");
+  }
+  return all_supported;
+}
+
+/* What can be applied is, and stays so when something else cannot. */
+gboolean
+apply_all(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
+{
+  GVariantIter iter;
+  gboolean all_applied = TRUE;
+
+  g_variant_iter_init(&iter, wanted);
+  while (g_autoptr(GVariant) entry = g_variant_iter_next_value(&iter)) {
+    const Change change(producers, entry);
+    if (change.producer == nullptr) {
+      all_applied = FALSE;
+      continue;
+    }
+    apply(change.producer, change.channels);
+  }
+  if (!all_applied) {
+    g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_FAILED,
+                        "Failed to apply configuration to producer");
+  }
+  return all_applied;
+}
+
+} // namespace
+
+static void
+on_channels_enabled_notify(AnalyticsProducer *producer, GParamSpec *, MetadataServer1Producer *skeleton)
+{
+  gpointer channels = nullptr;
+
+  g_object_get(producer, "channels-enabled", &channels, nullptr);
+  set_channels(skeleton, static_cast<GPtrArray *>(channels));
+}
+
+static gboolean
+on_handle_set_channels_enabled(MetadataServer1Producer *skeleton, GDBusMethodInvocation *invocation,
+                               GVariant *enabled_channels, AnalyticsProducer *producer)
+{
+  if (!supports_all(producer, enabled_channels)) {
+    g_autoptr(GError) error = g_error_new_literal(
+        G_DBUS_ERROR, G_DBUS_ERROR_FAILED, "Tried to enable/disable producer on non-supported channel");
+    g_dbus_method_invocation_return_gerror(invocation, error);
+    return TRUE;
+  }
+  apply(producer, enabled_channels);
+  metadata_server1_producer_complete_set_channels_enabled(skeleton, invocation);
+  return TRUE;
+}
+
+static gboolean
+on_handle_set_producers_enabled(MetadataServer1ProducerManager *skeleton, GDBusMethodInvocation *invocation,
+                                GVariant *enabled_producers, gpointer user_data)
+{
+  auto *producers = static_cast<AnalyticsProducerList *>(user_data);
+  g_autoptr(GError) error = nullptr;
+
+  if (!validate(producers, enabled_producers, &error) || !apply_all(producers, enabled_producers, &error)) {
+    g_dbus_method_invocation_return_gerror(invocation, error);
+    return TRUE;
+  }
+  metadata_server1_producer_manager_complete_set_producers_enabled(skeleton, invocation);
+  return TRUE;
+}
+
+/* Connecting to an object, as both do here, keeps it while it is called, and ends with it. */
+static void
+connect_to_producer(MetadataServer1Producer *skeleton, AnalyticsProducer *producer)
+{
+  g_signal_connect_object(producer, "notify::channels-enabled", G_CALLBACK(on_channels_enabled_notify),
+                          skeleton, static_cast<GConnectFlags>(0));
+  if (g_signal_connect_object(skeleton, "handle-set-channels-enabled",
+                              G_CALLBACK(on_handle_set_channels_enabled), producer,
+                              static_cast<GConnectFlags>(0)) == 0) {
+    syslog(LOG_WARNING, "Error connecting callback for SetChannelsEnabled");
+  }
+}
+
+static void
+on_producer_added(AnalyticsProducer *producer)
+{
+  g_autofree gchar *name = get_property(producer, "name");
+  g_autofree gchar *path = make_path(name);
+  if (path == nullptr) {
+    g_autofree gchar *escaped = g_strescape(name, nullptr);
+    syslog(LOG_WARNING, "producer \"%s\" is not on the bus: its name cannot end an object's path", escaped);
+    return;
+  }
+
+  g_autoptr(GDBusObjectSkeleton) object = g_dbus_object_skeleton_new(path);
+  g_autoptr(MetadataServer1Producer) skeleton = make_skeleton(producer);
+  connect_to_producer(skeleton, producer);
+  g_dbus_object_skeleton_add_interface(object, G_DBUS_INTERFACE_SKELETON(skeleton));
+  g_dbus_object_manager_server_export(object_manager, object);
+}
+
+static void
+on_producer_removed(AnalyticsProducer *producer)
+{
+  g_autofree gchar *name = get_property(producer, "name");
+  g_autofree gchar *path = make_path(name);
+
+  if (path != nullptr) {
+    g_dbus_object_manager_server_unexport(object_manager, path);
+  }
+}
+
+/* Leaves no trace of this component on the connection, and keeps it no longer. */
+static void
+leave_bus()
+{
+  g_autoptr(GDBusConnection) connection = g_dbus_object_manager_server_get_connection(object_manager);
+  if (connection == nullptr) {
+    return;
+  }
+
+  g_signal_handlers_disconnect_by_data(connection, &object_manager);
+  g_dbus_object_manager_server_set_connection(object_manager, nullptr);
+  if (manager_skeleton != nullptr) {
+    g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(manager_skeleton));
+    g_clear_object(&manager_skeleton);
+  }
+}
+
+static void
+on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
+{
+  leave_bus();
+}
+
+static void
+export_manager(GDBusConnection *connection, AnalyticsProducerList *producers)
+{
+  g_autoptr(MetadataServer1ProducerManager) skeleton = metadata_server1_producer_manager_skeleton_new();
+  g_autoptr(GError) error = nullptr;
+
+  if (g_signal_connect(skeleton, "handle-set-producers-enabled", G_CALLBACK(on_handle_set_producers_enabled),
+                       producers) == 0) {
+    syslog(LOG_WARNING, "Error connecting callback for SetProducersEnabled");
+  }
+  if (!g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection, ROOT_PATH, &error)) {
+    syslog(LOG_WARNING, "failed to export interface '%s': %s", MANAGER_INTERFACE, error->message);
+    return;
+  }
+  manager_skeleton = g_steal_pointer(&skeleton);
+}
+
+/**
+ * dbus_producer_manager_init:
+ * @producers: (transfer none): the daemon's producers
+ *
+ * Has each producer that is added to the list from now on made an object, and each that is removed deprived
+ * of it. Nobody sees the objects before dbus_producer_manager_on_bus_acquired(). Main thread, as is every
+ * later change of the list.
+ *
+ * Warnings, when a producer is added: "producer \"%s\" is not on the bus: its name cannot end an object's
+ * path", "Error connecting callback for SetChannelsEnabled"
+ */
+void
+dbus_producer_manager_init(AnalyticsProducerList *producers)
+{
+  g_return_if_fail(producers != NULL);
+
+  if (object_manager == nullptr) {
+    object_manager = g_dbus_object_manager_server_new(ROOT_PATH);
+  }
+  analytics_producer_list_set_callbacks(producers, on_producer_added, on_producer_removed);
+}
+
+/**
+ * dbus_producer_manager_on_bus_acquired:
+ * @connection: (transfer none): the connection to show the objects on; kept until it is closed, or until
+ *   dbus_producer_manager_teardown()
+ * @producers: (transfer none): the daemon's producers; must live as long as @connection is kept
+ *
+ * Shows the objects that there are and will be, and the manager's interface at their root. A connection that
+ * is closed already is left alone. Main thread, after dbus_producer_manager_init().
+ *
+ * Warnings: "Error connecting callback for SetProducersEnabled", "failed to export interface '%s': %s"; the
+ * producers' objects are there all the same
+ */
+void
+dbus_producer_manager_on_bus_acquired(GDBusConnection *connection, AnalyticsProducerList *producers)
+{
+  g_return_if_fail(G_IS_DBUS_CONNECTION(connection));
+  g_return_if_fail(producers != NULL);
+  g_return_if_fail(object_manager != NULL);
+  g_return_if_fail(manager_skeleton == NULL);
+
+  if (g_dbus_connection_is_closed(connection)) {
+    return;
+  }
+  g_dbus_object_manager_server_set_connection(object_manager, connection);
+  g_signal_connect(connection, "closed", G_CALLBACK(on_connection_closed), &object_manager);
+  export_manager(connection, producers);
+}
+
+/**
+ * dbus_producer_manager_teardown:
+ *
+ * Withdraws every object, and lets go of the connection and of all that dbus_producer_manager_init() made.
+ * The list's callbacks stay, so the list must not change any more. Main thread.
+ */
+void
+dbus_producer_manager_teardown(void)
+{
+  if (object_manager == nullptr) {
+    return;
+  }
+  leave_bus();
+
+  g_autolist(GDBusObject) objects = g_dbus_object_manager_get_objects(G_DBUS_OBJECT_MANAGER(object_manager));
+  for (GList *link = objects; link != nullptr; link = link->next) {
+    g_dbus_object_manager_server_unexport(object_manager,
+                                          g_dbus_object_get_object_path(G_DBUS_OBJECT(link->data)));
+  }
+  g_clear_object(&object_manager);
+}
