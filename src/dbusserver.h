@@ -1,0 +1,11 @@
+#pragma once
+
+#include "analyticsproducer.h"
+
+G_BEGIN_DECLS
+
+void dbus_server_init(AnalyticsProducerList *producers);
+
+void dbus_server_teardown(void);
+
+G_END_DECLS

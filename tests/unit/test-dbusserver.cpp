@@ -1,0 +1,238 @@
+#include "dbusserver.h"
+
+#include "producerconfig.h"
+#include "scenesource.h"
+#include "systembus.h"
+#include "testbus.h"
+#include "testhost.h"
+
+#include <fstream>
+#include <optional>
+#include <syslog.h>
+
+using testbus::Bus;
+using testbus::Peer;
+using testbus::Service;
+using testhost::Observed;
+using testhost::SyslogLine;
+using testhost::SyslogLines;
+using testhost::Texts;
+
+namespace
+{
+
+constexpr const char *NAME = "com.quon.MetadataServer1";
+
+const SyslogLine BUS_ACQUIRED = {LOG_INFO, "Bus acquired"};
+const SyslogLine NAME_ACQUIRED = {LOG_INFO, "DBus-name acquired"};
+const SyslogLine NAME_LOST = {LOG_INFO, "DBus-name was lost"};
+
+class DBusServerTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testbus::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    file_ = path("producers.conf");
+    std::ofstream(file_) << "# producers\n";
+    ASSERT_TRUE(producer_config_setup(file_.c_str()));
+    producers_ = analytics_producer_list_new();
+  }
+
+  void TearDown() override
+  {
+    dbus_server_teardown();
+    analytics_producer_list_free(producers_);
+    producer_config_free();
+    wait_for_release();
+    bus_.reset();
+    Fixture::TearDown();
+  }
+
+  /* Waits until so many lines were logged, and sees that these are they. */
+  static void expect_log(const SyslogLines &lines)
+  {
+    EXPECT_TRUE(testhost::spin_until([&lines] { return testhost::syslog_size() >= lines.size(); }));
+    EXPECT_EQ(testhost::take_syslog(), lines);
+  }
+
+  /* Waits until the server has the bus and logged exactly what it should, and keeps an eye on the connection.
+   */
+  void expect_bus(const SyslogLine &name_line = NAME_ACQUIRED)
+  {
+    expect_log({BUS_ACQUIRED, name_line});
+    g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    EXPECT_FALSE(g_dbus_connection_get_exit_on_close(bus));
+    shared_.emplace(bus);
+  }
+
+  /* Nobody has the shared connection any more, so that the next one will be new. */
+  void wait_for_release()
+  {
+    EXPECT_TRUE(testhost::spin_until([this] { return !shared_.has_value() || !shared_->alive(); }));
+    shared_.reset();
+  }
+
+  void add(const char *name)
+  {
+    const guint32 channel = 1;
+    g_autoptr(GArray) channels = g_array_new(FALSE, FALSE, sizeof(guint32));
+    g_array_append_val(channels, channel);
+    g_autoptr(AnalyticsProducer) producer =
+        analytics_producer_new(name, name, "<sample/>", channels, ANALYTICS_PRODUCER_BUILT_IN);
+
+    ASSERT_TRUE(analytics_producer_list_add(producers_, producer));
+  }
+
+  static std::string enable(const Peer &tool, const char *producer)
+  {
+    return tool.call({NAME, "/com/quon/MetadataServer1/Producers", "com.quon.MetadataServer1.ProducerManager",
+                      "SetProducersEnabled", g_variant_new_parsed("({%s: [(1, true, 'x')]},)", producer)});
+  }
+
+  AnalyticsProducerList *producers_ = nullptr;
+  std::optional<Bus> bus_;
+  std::optional<Observed> shared_;
+
+private:
+  std::string file_;
+};
+
+} // namespace
+
+TEST_F(DBusServerTest, ServesUnderItsName)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+  add("One");
+  expect_bus();
+
+  const Peer tool;
+  EXPECT_EQ(enable(tool, "One"), "()");
+}
+
+TEST_F(DBusServerTest, WaitsForNothingAtItsStart)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+  dbus_server_teardown();
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  shared_.emplace(bus);
+  g_clear_object(&bus);
+  wait_for_release();
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+}
+
+TEST_F(DBusServerTest, GivesItsNameUpAtTearDown)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+  expect_bus();
+  const Peer tool;
+  EXPECT_TRUE(tool.has_owner(NAME));
+
+  dbus_server_teardown();
+  EXPECT_FALSE(tool.has_owner(NAME));
+  dbus_server_teardown();
+}
+
+TEST_F(DBusServerTest, StartsAgainAfterTearDown)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+  expect_bus();
+  dbus_server_teardown();
+  wait_for_release();
+  dbus_server_init(producers_);
+  expect_bus();
+}
+
+TEST_F(DBusServerTest, GetsTheNameWhenItsOwnerGivesItUp)
+{
+  bus_.emplace();
+  const Peer owner;
+  owner.own(NAME);
+  dbus_server_init(producers_);
+  add("One");
+  expect_bus(NAME_LOST);
+
+  owner.release(NAME);
+  expect_log({NAME_ACQUIRED});
+  EXPECT_EQ(enable(owner, "One"), "()");
+}
+
+TEST_F(DBusServerTest, DoesWithoutABus)
+{
+  dbus_server_init(producers_);
+  expect_log({NAME_LOST});
+
+  add("One");
+  bus_.emplace();
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  ASSERT_NE(bus, nullptr);
+  shared_.emplace(bus);
+  const Peer tool;
+  EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";
+}
+
+TEST_F(DBusServerTest, OutlivesTheBus)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+  add("One");
+  expect_bus();
+
+  bus_.reset();
+  expect_log({NAME_LOST});
+  add("Two");
+  analytics_producer_list_remove(producers_, "One");
+}
+
+TEST_F(DBusServerTest, OutlivesTheBusWhileItWaitsForItsName)
+{
+  bus_.emplace();
+  {
+    const Peer owner;
+    owner.own(NAME);
+    dbus_server_init(producers_);
+    expect_bus(NAME_LOST);
+    bus_.reset();
+  }
+  testhost::dispatch_ready();
+  add("One");
+}
+
+TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
+{
+  guint32 rotation = 0;
+  bus_.emplace();
+  dbus_server_init(producers_);
+  expect_bus();
+  bus_.reset();
+  expect_log({NAME_LOST});
+  wait_for_release();
+  EXPECT_FALSE(scene_source_query_rotation(1, &rotation));
+
+  bus_.emplace();
+  Service capture("com.quon.Capt1", testbus::reply("(<{'rotation': <uint32 180>}>,)"));
+  EXPECT_TRUE(scene_source_query_rotation(1, &rotation));
+  EXPECT_EQ(rotation, 180U);
+  const Peer tool;
+  EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";
+}
+
+TEST_F(DBusServerTest, ChecksItsArguments)
+{
+  dbus_server_init(nullptr);
+  dbus_server_init(producers_);
+  dbus_server_init(producers_);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"producers != NULL", "owner_id == 0"}));
+  expect_log({NAME_LOST});
+}
