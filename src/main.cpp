@@ -1,5 +1,6 @@
 /* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
 #include "analyticsproducer.h"
+#include "dbusserver.h"
 #include "eventsourcefactory.h"
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
@@ -296,6 +297,8 @@ run(const gchar *run_dir)
     return EXIT_FAILURE;
   }
   producers = analytics_producer_list_new();
+  syslog(LOG_INFO, "Setting up D-Bus server.");
+  dbus_server_init(producers);
   add_factories(server, producers);
 
   if (!server_start(server)) {
@@ -306,6 +309,7 @@ run(const gchar *run_dir)
 
   server_stop(server);
   g_clear_object(&server);
+  dbus_server_teardown();
   g_clear_pointer(&producers, analytics_producer_list_free);
   producer_config_free();
   return EXIT_SUCCESS;

@@ -12,7 +12,7 @@ import pathlib
 import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "refusals",
-                               "scenes", "simcamera", "waiting")
+                               "scenes", "simcamera", "tool", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -50,10 +50,11 @@ def bus(workspace):
 
 
 @pytest.fixture(scope="session")
-def overdue_requests(installation, bus):
+def overdue_requests(installation, workspace):
     """Requests that are never finished. They come with the first daemon, so that their long time-out passes while
-    other tests run."""
-    daemon = Daemon(installation, bus)
+    other tests run. It is on a bus of its own, for the daemons of those tests want its name."""
+    own_bus = Bus(workspace)
+    daemon = Daemon(installation, own_bus)
     try:
         daemon.wait_until_ready()
         requests = OverdueRequests(daemon)
@@ -61,6 +62,7 @@ def overdue_requests(installation, bus):
         requests.close()
     finally:
         daemon.finish()
+        own_bus.stop()
 
 
 @pytest.fixture(scope="session")

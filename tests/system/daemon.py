@@ -60,7 +60,7 @@ NO_COORDINATOR = no_move_capabilities("GDBus.Error:org.freedesktop.DBus.Error.Se
 def start_lines(plugins, coordinator_line=NO_COORDINATOR):
     """What a daemon logs at its start with these plug-ins. The coordinator's line tells why the head's move
     capabilities are not known; it is None where they are."""
-    lines = [(INFO, "Starting.")]
+    lines = [(INFO, "Starting."), (INFO, "Setting up D-Bus server.")]
     for plugin, (adding, missing) in KIND_LINES.items():
         lines.append((INFO, adding if plugin in plugins else missing))
         if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:
@@ -69,6 +69,15 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
 
 
 START_LINES = start_lines(EVENT_PLUGINS)
+
+# What the daemon says of the bus, in its main loop and so after its start: it has its name there, somebody else has
+# the name, there is no bus.
+BUS_ACQUIRED_LINE = (INFO, "Bus acquired")
+NAME_ACQUIRED_LINE = (INFO, "DBus-name acquired")
+NAME_LOST_LINE = (INFO, "DBus-name was lost")
+BUS_LINES = [BUS_ACQUIRED_LINE, NAME_ACQUIRED_LINE]
+NAME_TAKEN_LINES = [BUS_ACQUIRED_LINE, NAME_LOST_LINE]
+NO_BUS_LINES = [NAME_LOST_LINE]
 
 NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
@@ -149,12 +158,13 @@ class Daemon:
     environment: variables on top of the usual ones
     sanitizer_options: options of the address sanitizer on top of the session's
     umask, user: with which the daemon starts; the user in the form of Popen's arguments
-    wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's"""
+    wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's
+    bus_lines: what the daemon says of the bus"""
 
     def __init__(self, installation, bus, plugins=EVENT_PLUGINS, coordinator_line=NO_COORDINATOR, speed=1,
                  world_seconds=None, ptz_channels=(1,), run_dir=None, run_dir_option="--run-dir", options=(),
                  producers=PRODUCERS, environment=None, sanitizer_options=None, umask=0o022, user=None,
-                 wrapper=None):
+                 wrapper=None, bus_lines=tuple(BUS_LINES)):
         self.folder = installation.workspace.folder()
         self.run_dir = self.folder / "run" if run_dir is None else pathlib.Path(run_dir)
         self.socket_path = self.run_dir / "metadata"
@@ -168,6 +178,7 @@ class Daemon:
         if run_dir_option:
             self.command += [run_dir_option, str(self.run_dir)]
         self.start_lines = start_lines(plugins, coordinator_line)
+        self.bus_lines = bus_lines
         self.stderr_taken = 0
         self.stderr_allowed = []
         self.idle_descriptors = None
@@ -212,7 +223,8 @@ class Daemon:
     def wait_until_ready(self):
         """Waits until the daemon answers a request, so that nothing of its start is left to do."""
         wait_until(self._answers, "the daemon answers")
-        assert self.log.take() == self.start_lines
+        lines = [*self.start_lines, *self.bus_lines]
+        assert self.log.take(len(lines)) == lines
         wait_until(lambda: not self._has_clients(), "the daemon has closed the connection")
         self.idle_descriptors = self.descriptors()
 

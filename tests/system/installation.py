@@ -93,6 +93,7 @@ class Installation:
         self.workspace = workspace
         self.tessard = stage / "usr/bin/tessard"
         self.simcamera = self._only(stage, "usr/lib/**/tessard/sim/simcamera")
+        self.bus_policy = stage / "usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
         self.testhost = self._only(stage, "usr/lib/**/tessard/tests/libtesthost.so")
         self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
@@ -144,25 +145,34 @@ class Installation:
 
 
 class Bus:
-    """A message bus of this session's own, which stands for the system's."""
+    """A message bus of this session's own, which stands for the system's: one where everybody may do everything, or
+    else with a configuration whose "@socket@" stands for the socket's path."""
 
-    def __init__(self, workspace):
+    def __init__(self, workspace, configuration=None):
         folder = workspace.folder()
-        configuration = folder / "bus.conf"
-        text = BUS_CONFIGURATION.read_text(encoding="utf-8")
-        configuration.write_text(text.replace("@socket@", str(folder / "socket")), encoding="utf-8")
+        self.configuration = folder / "bus.conf"
+        text = configuration or BUS_CONFIGURATION.read_text(encoding="utf-8")
+        self.configuration.write_text(text.replace("@socket@", str(folder / "socket")), encoding="utf-8")
+        self.address = None
+        self.process = None
+        self.start()
+
+    def start(self):
+        """Also after stop(), at the same address again."""
         self.process = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--nosyslog",
+            ["dbus-daemon", f"--config-file={self.configuration}", "--nofork", "--nopidfile", "--nosyslog",
              "--print-address=1"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, cwd="/", text=True, **unprivileged())
-        # Printed once the bus listens.
-        self.address = self.process.stdout.readline().strip()
+        # Printed once the bus listens. What follows the comma is new with each start.
+        self.address, _, _ = self.process.stdout.readline().strip().partition(",")
         assert self.address.startswith("unix:path="), "the private bus did not start"
 
     def stop(self):
-        self.process.terminate()
-        self.process.wait(BOUND_SECONDS)
-        self.process.stdout.close()
+        if self.process:
+            self.process.terminate()
+            self.process.wait(BOUND_SECONDS)
+            self.process.stdout.close()
+        self.process = None
 
 
 def make_stage(workspace):

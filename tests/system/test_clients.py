@@ -3,6 +3,8 @@
 import concurrent.futures
 import contextlib
 import itertools
+import os
+import subprocess
 import threading
 import time
 
@@ -11,7 +13,7 @@ import pytest
 from client import stuck_client
 from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
 from documents import INITIALIZED
-from installation import documented_limit
+from installation import documented_limit, unprivileged
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 REQUEST_THREADS = 2
@@ -292,20 +294,22 @@ def test_newest_of_too_many_silent_clients_is_dropped(daemon):
 # Descriptors
 
 
-def with_descriptors(count):
-    """Starts the daemon with a limit on its open descriptors."""
-
-    def wrap(command, environment):
-        return ["prlimit", f"--nofile={count}", *command], environment
-
-    return wrap
+def leave_descriptors(daemon, count):
+    """Lets the running daemon open only so many descriptors more."""
+    taken = set(map(int, os.listdir(daemon.proc / "fd")))
+    free = (number for number in itertools.count() if number not in taken)
+    limit = next(itertools.islice(free, count, None))
+    # Root itself may not everywhere, but the daemon's own user.
+    subprocess.run(["prlimit", f"--pid={daemon.process.pid}", f"--nofile={limit}"], check=True, cwd="/",
+                   **unprivileged())
 
 
 NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket: Too many open files")
 
 
-def test_clients_are_turned_away_while_there_are_no_descriptors(daemon, start_daemon):
-    limited = start_daemon(wrapper=with_descriptors(daemon.idle_descriptors + 1))
+def test_clients_are_turned_away_while_there_are_no_descriptors(start_daemon):
+    limited = start_daemon()
+    leave_descriptors(limited, 1)
     with limited.client() as last:
         last.send(b"OPEN\n")
         wait_until(lambda: last.unsent() == 0, "the last descriptor is taken")
@@ -321,8 +325,9 @@ def test_clients_are_turned_away_while_there_are_no_descriptors(daemon, start_da
 
 
 @pytest.mark.parametrize("spare", range(1, 6))
-def test_descriptors_that_run_out_on_the_way_cost_one_request(daemon, start_daemon, spare):
-    limited = start_daemon(wrapper=with_descriptors(daemon.idle_descriptors + spare))
+def test_descriptors_that_run_out_on_the_way_cost_one_request(start_daemon, spare):
+    limited = start_daemon()
+    leave_descriptors(limited, spare)
     # GStreamer complains by itself.
     limited.allow_on_stderr("Too many open files")
     limited.allow_on_stderr("GStreamer-CRITICAL")

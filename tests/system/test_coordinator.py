@@ -8,7 +8,7 @@ import pytest
 from gi.repository import GLib
 
 from busclient import BusClient
-from daemon import NO_COORDINATOR, no_move_capabilities, start_lines
+from daemon import NO_BUS_LINES, NO_COORDINATOR, no_move_capabilities, start_lines
 from documents import NAMESPACES
 from installation import EVENT_PLUGINS, PTZ_PLUGINS
 from simcamera import CAPTURE, PTZ, SCENES
@@ -133,9 +133,9 @@ def test_without_ptz_nobody_is_asked(camera, start_daemon):
 
 
 def test_each_start_asks_anew(camera, start_with_ptz):
-    start_with_ptz(None)
+    start_with_ptz(None).end()
     camera.misbehave(PTZ, "empty")
-    start_with_ptz(NOT_UNPACKED)
+    start_with_ptz(NOT_UNPACKED).end()
     camera.behave(PTZ)
     start_with_ptz(None)
 
@@ -208,4 +208,5 @@ def test_coordinator_without_the_object(bus, start_with_ptz):
 
 def test_bus_that_is_not_there(start_with_ptz, workspace):
     start_with_ptz(no_move_capabilities("Could not connect: No such file or directory"),
-                   environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"})
+                   environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"},
+                   bus_lines=NO_BUS_LINES)

@@ -6,7 +6,7 @@ import math
 import pytest
 
 from client import header
-from daemon import RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
+from daemon import NAME_LOST_LINE, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
 from installation import EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, RADAR_PLUGINS, SCENE_PLUGINS
 from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, WRONG_CHANNELS, WRONG_PTZ,
                       WRONG_SPACES, expect_refused)
@@ -109,6 +109,7 @@ def test_each_request_without_rotation_is_warned_of(start_radar_daemon):
 def test_bus_that_is_gone_costs_the_rotation_alone(own_bus, start_radar_daemon):
     daemon = start_radar_daemon("one", on=own_bus)
     own_bus.stop()
+    assert daemon.log.take(1) == [NAME_LOST_LINE]
 
     assert some_objects(daemon, analytics=1) != []
     assert some_objects(daemon, analytics=1) != []

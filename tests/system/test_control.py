@@ -1,0 +1,268 @@
+"""The control service on the bus: what it changes, what it keeps, and what becomes of it without a bus."""
+
+import signal
+import threading
+
+import pytest
+from gi.repository import GLib
+
+from busclient import BusClient, error_text
+from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINES, NOTHING_ASKED, RADAR_TRACKER,
+                    VIDEO_TRACKER)
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
+from simcamera import CAPTURE
+from tool import NAME, Tool, path_of
+from waiting import BOUND_SECONDS, wait_until
+
+PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, DOCUMENT_PLUGIN)
+
+SCENES = "analytics=1\nvideo_channel=1\n"
+
+# How many calls each of two tools makes, and how many one makes at least before the daemon is killed.
+CALLS = 500
+CALLS_BEFORE_KILL = 50
+
+
+@pytest.fixture
+def start(start_daemon):
+    def started(**arguments):
+        return start_daemon(plugins=PLUGINS, **arguments)
+
+    return started
+
+
+@pytest.fixture
+def daemon(start):
+    return start()
+
+
+@pytest.fixture
+def tool(bus):
+    made = Tool(bus)
+    yield made
+    made.close()
+
+
+def stored(daemon):
+    """What the file says: the configuration name of each producer and channel, empty where disabled."""
+    file = GLib.KeyFile()
+    assert file.load_from_file(str(daemon.producers_conf), GLib.KeyFileFlags.NONE)
+    groups, _ = file.get_groups()
+    names = {}
+    for group in groups:
+        _, index, producer = group.split(".", 2)
+        names[producer, int(index) + 1] = file.get_string(group, "Name")
+    return names
+
+
+def told(tool):
+    """The same as the bus says it."""
+    return {(producer, channel): name for producer in (VIDEO_TRACKER, RADAR_TRACKER)
+            for channel, _, name in tool.properties(producer)["ChannelsEnabled"]}
+
+
+def source_of_scenes(daemon):
+    """The name under which a client receives scenes; None when there are none."""
+    with daemon.client() as client:
+        reply = client.ask(SCENES)
+        if reply == NOTHING_ASKED:
+            return None
+        assert reply == "OK"
+        stream = client.open_stream()
+        for document in stream.documents():
+            sources = {frame.get("Source") for frame in document.root.iter("{*}Frame")}
+            if sources:
+                (source,) = sources
+                return source
+    return None
+
+
+# What it shows and changes
+
+
+def test_built_in_producers_are_listed(daemon, tool):
+    assert tool.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
+    for producer in (VIDEO_TRACKER, RADAR_TRACKER):
+        properties = tool.properties(producer)
+        assert properties["Name"] == producer
+        assert properties["SampleFrameXML"].startswith("<tt:SampleFrame ")
+        assert properties["ChannelsEnabled"] == [(1, False, ""), (2, False, "")]
+
+
+def test_producers_without_their_plugin_are_not_listed(start_daemon, tool):
+    start_daemon()
+
+    assert tool.objects() == set()
+
+
+def test_enabling_a_producer_answers_requests_for_it(camera, daemon, tool):
+    assert source_of_scenes(daemon) is None
+
+    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    assert source_of_scenes(daemon) == "left door"
+
+    tool.set_producers({VIDEO_TRACKER: [(1, True, "right door")]})
+    assert source_of_scenes(daemon) == "right door"
+
+    tool.set_channels(VIDEO_TRACKER, (1, False, ""))
+    assert source_of_scenes(daemon) is None
+
+
+def test_running_streams_keep_what_they_began_with(camera, daemon, tool):
+    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    with daemon.client() as client:
+        stream = client.start(SCENES)
+        stream.next_document()
+
+        tool.set_channels(VIDEO_TRACKER, (1, False, ""))
+        for _ in range(3):
+            stream.next_document()
+
+
+def test_restart_keeps_what_was_enabled(camera, start, tool):
+    first = start()
+    tool.set_producers({VIDEO_TRACKER: [(1, True, "door \"ä\" = [x]\n")], RADAR_TRACKER: [(2, True, " yard ")]})
+    first.end()
+    start(producers=first.producers_conf.read_text(encoding="utf-8"))
+
+    assert tool.channels(VIDEO_TRACKER) == [(1, True, "door \"ä\" = [x]\n"), (2, False, "")]
+    assert tool.channels(RADAR_TRACKER) == [(1, False, ""), (2, True, " yard ")]
+
+
+def test_refused_calls_change_nothing(daemon, tool):
+    before = daemon.producers_conf.read_text(encoding="utf-8")
+
+    with pytest.raises(GLib.Error) as failed:
+        tool.set_channels(VIDEO_TRACKER, (1, True, "x"), (-1, True, "x"))
+    assert error_text(failed.value) == "Tried to enable/disable producer on non-supported channel"
+    with pytest.raises(GLib.Error) as failed:
+        tool.set_producers({"Nobody": [], VIDEO_TRACKER: [(1, True, "x")]})
+    assert error_text(failed.value) == "Producer with specified name does not exist"
+    assert daemon.producers_conf.read_text(encoding="utf-8") == before
+
+
+# Many calls
+
+
+def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
+    acknowledged = {VIDEO_TRACKER: 0, RADAR_TRACKER: 0}
+
+    def switch(producer):
+        own = Tool(bus)
+        for i in range(CALLS):
+            if i % 2:
+                own.set_channels(producer, (1, True, f"{producer} {i}"))
+            else:
+                own.set_producers({producer: [(2, True, f"{producer} {i}")]})
+            acknowledged[producer] += 1
+        own.set_channels(producer, (2, True, f"{producer} last"))
+        own.close()
+
+    threads = [threading.Thread(target=switch, args=(producer,)) for producer in acknowledged]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(10 * BOUND_SECONDS)
+
+    assert acknowledged == {VIDEO_TRACKER: CALLS, RADAR_TRACKER: CALLS}
+    expected = {(producer, channel): name for producer in acknowledged
+                for channel, name in ((1, f"{producer} {CALLS - 1}"), (2, f"{producer} last"))}
+    assert told(tool) == expected
+    assert stored(daemon) == expected
+
+
+def test_killed_in_the_middle_of_changes(start, bus):
+    daemon = start()
+    sent, acknowledged = [], []
+    enough = threading.Event()
+
+    def switch():
+        own = Tool(bus)
+        try:
+            while True:
+                sent.append(str(len(sent)))
+                own.set_channels(VIDEO_TRACKER, (1, True, sent[-1]))
+                acknowledged.append(sent[-1])
+                if len(acknowledged) == CALLS_BEFORE_KILL:
+                    enough.set()
+        except GLib.Error:
+            own.close()
+
+    thread = threading.Thread(target=switch)
+    thread.start()
+    assert enough.wait(BOUND_SECONDS)
+    daemon.end(signal.SIGKILL)
+    thread.join(BOUND_SECONDS)
+
+    assert len(sent) == len(acknowledged) + 1
+    names = stored(daemon)
+    last = names[VIDEO_TRACKER, 1]
+    assert last in (acknowledged[-1], sent[-1])
+    assert names == {(VIDEO_TRACKER, 1): last, (VIDEO_TRACKER, 2): "",
+                     (RADAR_TRACKER, 1): "", (RADAR_TRACKER, 2): ""}
+
+    start(producers=daemon.producers_conf.read_text(encoding="utf-8"))
+    survivor = Tool(bus)
+    assert survivor.channels(VIDEO_TRACKER) == [(1, True, last), (2, False, "")]
+    survivor.close()
+
+
+# Without the bus
+
+
+def test_without_a_bus_clients_are_served(start_daemon, workspace):
+    daemon = start_daemon(environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"},
+                          bus_lines=NO_BUS_LINES)
+
+    with daemon.client() as client:
+        client.start().next_document()
+
+
+def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
+    owner = BusClient(own_bus)
+    owner.own(NAME)
+    daemon = start_daemon(on=own_bus, bus_lines=NAME_TAKEN_LINES)
+
+    with daemon.client() as client:
+        client.start().next_document()
+    owner.close()
+    # The daemon was next in the bus' queue.
+    assert daemon.log.take(1) == [NAME_ACQUIRED_LINE]
+
+
+def test_bus_that_goes_away_ends_no_stream(own_bus, start):
+    daemon = start(on=own_bus)
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+
+        own_bus.stop()
+        assert daemon.log.take(1) == [NAME_LOST_LINE]
+        client.sync()
+        stream.next_document()
+
+
+def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera):
+    daemon = start(on=own_bus)
+    tool = Tool(own_bus)
+    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    tool.close()
+
+    own_bus.stop()
+    assert daemon.log.take(1) == [NAME_LOST_LINE]
+    own_bus.start()
+    camera = start_camera(on=own_bus)
+    assert source_of_scenes(daemon) == "left door"
+    assert camera.calls(CAPTURE) == 1
+
+    stranger = BusClient(own_bus)
+    assert not stranger.has_owner(NAME), "the daemon asks for its name only at its start"
+    stranger.close()
+
+
+def test_descriptors_are_released_with_the_bus(own_bus, start):
+    daemon = start(on=own_bus)
+
+    own_bus.stop()
+    assert daemon.log.take(1) == [NAME_LOST_LINE]
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors - 1, "the connection is closed")
