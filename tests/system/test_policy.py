@@ -1,0 +1,170 @@
+"""Who may do what on a bus that loads the installed policy."""
+
+import subprocess
+import sys
+
+import pytest
+
+from daemon import VIDEO_TRACKER
+from installation import UNPRIVILEGED_USER, Bus, run_by_root
+from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from waiting import BOUND_SECONDS
+
+# What the policy grants is the name of a user and a group that an installed system has. Here others that are on every
+# Debian stand in for them.
+DAEMON_USER, ADMIN_GROUP = "tessard", "tessard-admin"
+STAND_IN_GROUP = "games"
+
+# Neither is the daemon's user. The first is in no group of interest, the second in the administrators'.
+STRANGER = {"user": "daemon", "group": "daemon", "extra_groups": []}
+ADMINISTRATOR = {"user": "daemon", "group": "daemon", "extra_groups": [STAND_IN_GROUP]}
+ROOT_USER = {"user": "root", "group": "root", "extra_groups": []}
+DAEMON = {"user": UNPRIVILEGED_USER, "group": "daemon", "extra_groups": []}
+
+# The rules of a system bus for those that no other file names: nobody owns a name or calls anybody but the bus.
+CONFIGURATION = """\
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=@socket@</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+  </policy>
+  <include>@policy@</include>
+</busconfig>
+"""
+
+# Makes one call and prints the D-Bus error that it fails with, if it does. A program of its own, for its user.
+CALLER = """\
+import sys
+from gi.repository import Gio, GLib
+address, name, path, interface, method, arguments = sys.argv[1:]
+flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+try:
+    bus.call_sync(name, path, interface, method, GLib.Variant.parse(None, arguments), None, 0, -1, None)
+except GLib.Error as error:
+    print(Gio.DBusError.get_remote_error(error))
+"""
+
+# Prints the first change of an object's properties.
+LISTENER = """\
+import sys
+from gi.repository import Gio, GLib
+address, path = sys.argv[1:]
+flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+loop = GLib.MainLoop()
+def on_signal(bus, sender, path, interface, signal, arguments):
+    print(arguments.unpack()[1])
+    loop.quit()
+bus.signal_subscribe(None, None, "PropertiesChanged", path, None, 0, on_signal)
+bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", None, None, 0, -1,
+              None)
+print("listening", flush=True)
+loop.run()
+"""
+
+REFUSED = "org.freedesktop.DBus.Error.AccessDenied"
+
+pytestmark = pytest.mark.skipif(not run_by_root(), reason="only root can be several users")
+
+
+@pytest.fixture(scope="module")
+def policed_bus(installation, workspace):
+    text = installation.bus_policy.read_text(encoding="utf-8")
+    for placeholder, stand_in in ((f'user="{DAEMON_USER}"', f'user="{UNPRIVILEGED_USER}"'),
+                                  (f'group="{ADMIN_GROUP}"', f'group="{STAND_IN_GROUP}"')):
+        assert text.count(placeholder) == 1
+        text = text.replace(placeholder, stand_in)
+    policy = workspace.folder() / "policy.conf"
+    policy.write_text(text, encoding="utf-8")
+    made = Bus(workspace, CONFIGURATION.replace("@policy@", str(policy)))
+    yield made
+    made.stop()
+
+
+@pytest.fixture
+def daemon(policed_bus, start_daemon):
+    return start_daemon(on=policed_bus, plugins=("scene",))
+
+
+def call(bus, user, name, path, interface, method, arguments="()"):
+    """Has a user make a call; the name of the D-Bus error, empty when it succeeded."""
+    caller = subprocess.run(
+        [sys.executable, "-I", "-c", CALLER, bus.address, name, path, interface, method, arguments],
+        stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd="/", check=True, timeout=BOUND_SECONDS, **user)
+    assert caller.stderr == ""
+    return caller.stdout.strip()
+
+
+def own_name(bus, user):
+    return call(bus, user, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+                f"('{NAME}', uint32 0)")
+
+
+def switch_producers(bus, user):
+    return call(bus, user, NAME, ROOT, MANAGER, "SetProducersEnabled", f"({{'{VIDEO_TRACKER}': [(1, true, 'x')]}},)")
+
+
+def switch_channels(bus, user):
+    return call(bus, user, NAME, path_of(VIDEO_TRACKER), PRODUCER, "SetChannelsEnabled", "([(1, true, 'x')],)")
+
+
+def test_daemon_gets_its_name(daemon, policed_bus):
+    assert own_name(policed_bus, DAEMON) == ""
+
+
+@pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
+def test_nobody_else_gets_the_name(policed_bus, user):
+    assert own_name(policed_bus, user) == REFUSED
+
+
+@pytest.mark.parametrize("switch", [switch_producers, switch_channels])
+@pytest.mark.parametrize("user", [ADMINISTRATOR, ROOT_USER])
+def test_root_and_administrators_switch_producers(daemon, policed_bus, user, switch):
+    assert switch(policed_bus, user) == ""
+    assert "Name=x" in daemon.producers_conf.read_text(encoding="utf-8").splitlines()
+
+
+@pytest.mark.parametrize("switch", [switch_producers, switch_channels])
+def test_others_switch_nothing(daemon, policed_bus, switch):
+    before = daemon.producers_conf.read_text(encoding="utf-8")
+
+    assert switch(policed_bus, STRANGER) == REFUSED
+    assert daemon.producers_conf.read_text(encoding="utf-8") == before
+
+
+@pytest.mark.parametrize("path, interface, method, arguments", [
+    (ROOT, OBJECT_MANAGER, "GetManagedObjects", "()"),
+    (ROOT, "org.freedesktop.DBus.Introspectable", "Introspect", "()"),
+    (ROOT, "org.freedesktop.DBus.Peer", "Ping", "()"),
+    (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Introspectable", "Introspect", "()"),
+    (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "Get", f"('{PRODUCER}', 'ChannelsEnabled')"),
+    (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "GetAll", f"('{PRODUCER}',)"),
+])
+def test_everybody_may_look(daemon, policed_bus, path, interface, method, arguments):
+    assert call(policed_bus, STRANGER, NAME, path, interface, method, arguments) == ""
+
+
+def test_everybody_hears_of_changes(daemon, policed_bus):
+    listener = subprocess.Popen(
+        [sys.executable, "-I", "-c", LISTENER, policed_bus.address, path_of(VIDEO_TRACKER)],
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, cwd="/", **STRANGER)
+    assert listener.stdout.readline() == "listening\n"
+
+    assert switch_channels(policed_bus, ADMINISTRATOR) == ""
+    out, _ = listener.communicate(timeout=BOUND_SECONDS)
+    assert out == "{'ChannelsEnabled': [(1, True, 'x'), (2, False, '')]}\n"
