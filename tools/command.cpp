@@ -2,30 +2,7 @@
  * and one way of telling the user about them.
  */
 #include "command.h"
-
-namespace
-{
-
-/* The text with its control characters spelled out. A message may carry bytes from the daemon or from a file
- * name, and none of them may reach the terminal as a command. */
-gchar *
-make_printable(const gchar *text)
-{
-  g_autofree gchar *valid = g_utf8_make_valid(text, -1);
-  g_autoptr(GString) printable = g_string_new(nullptr);
-
-  for (const gchar *p = valid; *p != '\0'; p = g_utf8_next_char(p)) {
-    const gunichar c = g_utf8_get_char(p);
-    if (g_unichar_iscntrl(c)) {
-      g_string_append_printf(printable, "\\u%04x", c);
-    } else {
-      g_string_append_unichar(printable, c);
-    }
-  }
-  return g_string_free(g_steal_pointer(&printable), FALSE);
-}
-
-} // namespace
+#include "printable.h"
 
 G_DEFINE_QUARK(tessardctl_error, tessardctl_error)
 
@@ -33,12 +10,13 @@ G_DEFINE_QUARK(tessardctl_error, tessardctl_error)
  * command_print_error:
  * @message: (transfer none): what went wrong, in any bytes
  *
- * Writes one line to standard error. Any thread.
+ * Writes one line to standard error. The message may carry bytes from the daemon or from a file name, and
+ * none of them may reach the terminal as a command. Any thread.
  */
 void
 command_print_error(const gchar *message)
 {
-  g_autofree gchar *printable = make_printable(message);
+  g_autofree gchar *printable = printable_line(message);
 
   g_printerr("tessardctl: %s\n", printable);
 }
@@ -58,4 +36,41 @@ command_usage_error(const gchar *message)
   command_print_error(message);
   g_printerr("Try '%s --help'.\n", g_get_prgname());
   return EXIT_STATUS_USAGE;
+}
+
+/**
+ * command_report_outcome:
+ * @outcome: (transfer none) (nullable): what ended the command, of %TESSARDCTL_ERROR; %NULL when nothing went
+ * wrong
+ *
+ * Tells the user what went wrong, if anything. Main thread.
+ *
+ * Returns: the exit status for it
+ */
+int
+command_report_outcome(const GError *outcome)
+{
+  if (outcome == nullptr) {
+    return EXIT_STATUS_SUCCESS;
+  }
+  command_print_error(outcome->message);
+  return outcome->code;
+}
+
+/**
+ * command_check_not_empty:
+ * @option: (transfer none): the option's name
+ * @value: (transfer none) (nullable): what the user gave for it, %NULL for nothing
+ * @error: return location for an error, whose message is for the user
+ *
+ * Returns: %FALSE when the option was given without a text. Any thread.
+ */
+gboolean
+command_check_not_empty(const gchar *option, const gchar *value, GError **error)
+{
+  if (value != nullptr && *value == '\0') {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The value of %s is empty.", option);
+    return FALSE;
+  }
+  return TRUE;
 }

@@ -27,3 +27,5 @@ struct Command {
 GQuark tessardctl_error_quark(void);
 void command_print_error(const gchar *message);
 int command_usage_error(const gchar *message);
+int command_report_outcome(const GError *outcome);
+gboolean command_check_not_empty(const gchar *option, const gchar *value, GError **error);

@@ -481,31 +481,21 @@ tear_down(Session *session)
 }
 
 int
-report_outcome(const GError *outcome)
-{
-  if (outcome == nullptr) {
-    return EXIT_STATUS_SUCCESS;
-  }
-  command_print_error(outcome->message);
-  return outcome->code;
-}
-
-int
 run_session(Session *session)
 {
   g_autoptr(GError) error = nullptr;
 
   if (!open_output(session, &error)) {
-    return report_outcome(error);
+    return command_report_outcome(error);
   }
   watch_for_end(session);
   if (!build_pipeline(session, &error)) {
-    return report_outcome(error);
+    return command_report_outcome(error);
   }
   start_connecting(session);
   g_main_loop_run(session->loop);
   tear_down(session);
-  return report_outcome(session->outcome);
+  return command_report_outcome(session->outcome);
 }
 
 } // namespace

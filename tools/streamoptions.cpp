@@ -126,16 +126,6 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
   return g_option_context_parse(context, argc, argv, error);
 }
 
-gboolean
-check_not_empty(const gchar *option, const gchar *value, GError **error)
-{
-  if (value != nullptr && *value == '\0') {
-    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The value of %s is empty.", option);
-    return FALSE;
-  }
-  return TRUE;
-}
-
 /* The daemon takes a lone carriage return and a paragraph separator for line ends too. */
 gboolean
 check_one_line(const gchar *option, const gchar *value, GError **error)
@@ -155,12 +145,12 @@ check_values(const StreamOptions *options, GError **error)
   for (const RequestKey &key : REQUEST_KEYS) {
     const gchar *value = options->*key.value;
     if (key.kind == ValueKind::PLAIN &&
-        (!check_not_empty(key.option, value, error) || !check_one_line(key.option, value, error))) {
+        (!command_check_not_empty(key.option, value, error) || !check_one_line(key.option, value, error))) {
       return FALSE;
     }
   }
-  return check_not_empty("--socket", options->socket_path, error) &&
-         check_not_empty("--output", options->output_path, error);
+  return command_check_not_empty("--socket", options->socket_path, error) &&
+         command_check_not_empty("--output", options->output_path, error);
 }
 
 gboolean

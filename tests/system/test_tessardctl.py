@@ -68,7 +68,7 @@ class Result:
         self.status, self.out, self.err = status, out, err
 
 
-class Tool:
+class Tessardctl:
     """A running tessardctl."""
 
     def __init__(self, *args, env=None, **popen_args):
@@ -99,7 +99,7 @@ def tool_under_test(tmp_path_factory):
     if not os.path.isfile(os.environ.get("TESSARDCTL", "")):
         pytest.fail("the environment variable TESSARDCTL must name the tool under test")
     nowhere = tmp_path_factory.mktemp("tessardctl") / "nothing"
-    assert Tool("stream", "--socket", nowhere).finish().status == NO_CONNECTION
+    assert Tessardctl("stream", "--socket", nowhere).finish().status == NO_CONNECTION
 
 
 @pytest.fixture
@@ -122,7 +122,7 @@ def start():
     tools = []
 
     def start_tool(*args, **popen_args):
-        tools.append(Tool(*args, **popen_args))
+        tools.append(Tessardctl(*args, **popen_args))
         return tools[-1]
 
     yield start_tool
