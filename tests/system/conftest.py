@@ -12,7 +12,7 @@ import pathlib
 import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "refusals",
-                               "scenes", "simcamera", "tool", "waiting")
+                               "scenes", "simcamera", "tessardctl", "tool", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -25,6 +25,7 @@ from daemon import Daemon  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
 from overdue import OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
+from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -146,3 +147,30 @@ def schema():
     if not documents.SCHEMA_DIR:
         pytest.skip("ONVIF_SCHEMA_DIR does not name the official schemas")
     return documents.schema()
+
+
+@pytest.fixture(scope="session")
+def tool_under_test(workspace):
+    """Finds the tool, and lets GStreamer look at its plug-ins once, before a test with a time limit does."""
+    if not os.path.isfile(os.environ.get("TESSARDCTL", "")):
+        pytest.fail("the environment variable TESSARDCTL must name the tool under test")
+    assert Tessardctl("stream", "--socket", workspace.path / "nothing").finish().status == NO_CONNECTION
+
+
+@pytest.fixture
+def start(tool_under_test):
+    """Starts tools, and leaves none behind."""
+    tools = []
+
+    def start_tool(*args, **popen_args):
+        tools.append(Tessardctl(*args, **popen_args))
+        return tools[-1]
+
+    yield start_tool
+    for tool in tools:
+        tool.clean_up()
+
+
+@pytest.fixture
+def run(start):
+    return lambda *args, **popen_args: start(*args, **popen_args).finish()

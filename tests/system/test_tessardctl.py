@@ -1,4 +1,4 @@
-"""tessardctl against a daemon that the test plays itself. TESSARDCTL names the tool."""
+"""tessardctl against a daemon that the test plays itself."""
 import contextlib
 import ctypes
 import errno
@@ -20,9 +20,9 @@ import xml.etree.ElementTree
 import pytest
 
 from fakedaemon import GDP_HEADER_BYTES, GDP_LENGTH, FakeDaemon, GdpStream
+from tessardctl import (ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, TIMED_OUT, USAGE, read_lines,
+                        read_some)
 from waiting import BOUND_SECONDS, wait_until
-
-SUCCESS, REFUSED, USAGE, NO_CONNECTION, TIMED_OUT, ENDED, MALFORMED, LOCAL = range(8)
 
 ENDED_TEXT = b"tessardctl: The daemon ended the stream.\n"
 CUT_REPLY_TEXT = b"tessardctl: The daemon closed the connection before its reply was complete.\n"
@@ -46,62 +46,6 @@ def bytes_in_pipe(fd):
     return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, b"\0" * 4))[0]
 
 
-def read_some(fd):
-    ready, _, _ = select.select([fd], [], [], BOUND_SECONDS)
-    assert ready, "nothing to read within the bound"
-    return os.read(fd, 65536)
-
-
-def read_lines(fd, count):
-    """Exactly @count lines, and nothing may have come behind them."""
-    data = b""
-    while data.count(b"\n") < count:
-        chunk = read_some(fd)
-        assert chunk, f"the output ended after {data!r}"
-        data += chunk
-    assert data.count(b"\n") == count and data.endswith(b"\n")
-    return data.splitlines(keepends=True)
-
-
-class Result:
-    def __init__(self, status, out, err):
-        self.status, self.out, self.err = status, out, err
-
-
-class Tessardctl:
-    """A running tessardctl."""
-
-    def __init__(self, *args, env=None, **popen_args):
-        pipes = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
-        environment = os.environ | {"LC_ALL": "C.UTF-8"} | (env or {})
-        self.process = subprocess.Popen([os.environ["TESSARDCTL"], *args], env=environment,
-                                        **(pipes | popen_args))
-
-    @property
-    def out(self):
-        return self.process.stdout.fileno()
-
-    def kill(self, number=signal.SIGINT):
-        self.process.send_signal(number)
-
-    def finish(self):
-        out, err = self.process.communicate(timeout=BOUND_SECONDS)
-        return Result(self.process.returncode, out, err)
-
-    def end_by(self, number=signal.SIGINT):
-        self.kill(number)
-        return self.finish()
-
-
-@pytest.fixture(scope="module", autouse=True)
-def tool_under_test(tmp_path_factory):
-    """Finds the tool, and lets GStreamer look at its plug-ins once, before a test with a time limit does."""
-    if not os.path.isfile(os.environ.get("TESSARDCTL", "")):
-        pytest.fail("the environment variable TESSARDCTL must name the tool under test")
-    nowhere = tmp_path_factory.mktemp("tessardctl") / "nothing"
-    assert Tessardctl("stream", "--socket", nowhere).finish().status == NO_CONNECTION
-
-
 @pytest.fixture
 def fake_daemon(tmp_path):
     daemon = FakeDaemon(tmp_path / "metadata")
@@ -117,25 +61,6 @@ def gdp():
 
 
 @pytest.fixture
-def start():
-    """Starts tools, and leaves none behind."""
-    tools = []
-
-    def start_tool(*args, **popen_args):
-        tools.append(Tessardctl(*args, **popen_args))
-        return tools[-1]
-
-    yield start_tool
-    for tool in tools:
-        if tool.process.poll() is None:
-            tool.process.kill()
-        tool.process.wait(BOUND_SECONDS)
-        for stream in (tool.process.stdout, tool.process.stderr):
-            if stream is not None:
-                stream.close()
-
-
-@pytest.fixture
 def stream(start, fake_daemon):
     """Starts "tessardctl stream" on the test's own daemon."""
 
@@ -143,11 +68,6 @@ def stream(start, fake_daemon):
         return start("stream", "--socket", fake_daemon.path, *args, **popen_args)
 
     return start_stream
-
-
-@pytest.fixture
-def run(start):
-    return lambda *args, **popen_args: start(*args, **popen_args).finish()
 
 
 class Terminal:
