@@ -15,7 +15,7 @@ STOP_SECONDS=5
 # To build and run; without dpkg-dev Meson does not see where Debian has its libraries.
 RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
-  gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
+  libjson-glib-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
 # To run every test beside that.
 TEST_PACKAGES=(libgtest-dev gstreamer1.0-tools systemd

@@ -63,7 +63,9 @@ command_report_outcome(const GError *outcome)
  * @value: (transfer none) (nullable): what the user gave for it, %NULL for nothing
  * @error: return location for an error, whose message is for the user
  *
- * Returns: %FALSE when the option was given without a text. Any thread.
+ * Any thread.
+ *
+ * Returns: %FALSE when the option was given without a text
  */
 gboolean
 command_check_not_empty(const gchar *option, const gchar *value, GError **error)

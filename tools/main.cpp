@@ -1,7 +1,9 @@
 /* tessardctl's entry: finds the sub-command and hands the rest of the command line to it. Each sub-command
- * has a file and an option parser of its own and is one line in the table below.
+ * reads its own options and is one line in the table below.
  */
 #include "command.h"
+#include "monitor.h"
+#include "producercommands.h"
 #include "stream.h"
 
 #include <array>
@@ -15,6 +17,12 @@ namespace
 
 constexpr std::array COMMANDS = {
     Command{"stream", "Print the metadata that the daemon streams", stream_command_run},
+    Command{"producers", "List the analytics producers", producers_command_run},
+    Command{"show", "Print all about one producer", show_command_run},
+    Command{"enable", "Enable a producer on a video channel", enable_command_run},
+    Command{"disable", "Disable a producer on a video channel", disable_command_run},
+    Command{"apply", "Enable and disable many at once, from a file", apply_command_run},
+    Command{"monitor", "Print changes of the producers as they happen", monitor_command_run},
 };
 
 /* A descriptor below 3 that the caller closed would go to the next socket or file that is opened, and output

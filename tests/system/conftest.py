@@ -11,8 +11,8 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "installation", "overdue", "refusals",
-                               "scenes", "simcamera", "tessardctl", "tool", "waiting")
+pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "fakeservice", "installation",
+                               "overdue", "refusals", "scenes", "simcamera", "tessardctl", "tool", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -23,7 +23,7 @@ from gi.repository import Gst  # noqa: E402
 
 from daemon import Daemon  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
-from overdue import OverdueRequests, OverdueStart  # noqa: E402
+from overdue import OverdueCalls, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 
@@ -157,8 +157,17 @@ def tool_under_test(workspace):
     assert Tessardctl("stream", "--socket", workspace.path / "nothing").finish().status == NO_CONNECTION
 
 
+@pytest.fixture(scope="session")
+def overdue_calls(tool_under_test, workspace):
+    """tessardctl's calls that have no reply. They come with the first tool, as overdue requests do with the first
+    daemon."""
+    calls = OverdueCalls(workspace)
+    yield calls
+    calls.close()
+
+
 @pytest.fixture
-def start(tool_under_test):
+def start(overdue_calls):
     """Starts tools, and leaves none behind."""
     tools = []
 

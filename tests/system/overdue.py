@@ -1,6 +1,7 @@
-"""What never comes to an end by itself, and how the daemon ends it: requests that are never finished, and a start whose
-question to the PTZ coordinator is never answered."""
+"""What never comes to an end by itself, and how it is ended: the daemon's requests that are never finished, its start
+whose question to the PTZ coordinator is never answered, and tessardctl's calls to a daemon that never replies."""
 
+import json
 import select
 import socket
 import threading
@@ -8,14 +9,20 @@ import time
 
 from client import Client, ConnectionEnded
 from daemon import Daemon, no_move_capabilities, start_lines
+from fakeservice import FakeService, path_of, properties
 from installation import PTZ_PLUGINS, Bus, documented_limit
 from simcamera import PTZ, SimulatedCamera
+from tessardctl import Tessardctl
 from waiting import wait_until
 
 TIMEOUT_SECONDS = documented_limit("server.h", "SERVER_REQUEST_TIMEOUT_MS") / 1000
 
 # How long the daemon waits for an answer on the bus; GDBus's default.
 PATIENCE_SECONDS = 25
+
+# How long tessardctl waits for the bus and for a reply, and for each change on top of that.
+CALL_SECONDS = documented_limit("../tools/producerbus.h", "PRODUCER_BUS_TIMEOUT_SECONDS")
+CHANGE_SECONDS = documented_limit("../tools/producerbus.h", "PRODUCER_BUS_SECONDS_PER_CHANGE")
 
 # How much later than its time-out an answer may come on a busy machine.
 TOLERANCE_SECONDS = 10
@@ -98,3 +105,77 @@ class OverdueStart:
         self.daemon.finish()
         self.camera.finish()
         self.bus.stop()
+
+
+class OverdueCall(threading.Thread):
+    """One command of tessardctl, from its start to its end."""
+
+    def __init__(self, tool, seconds):
+        super().__init__(daemon=True)
+        self.began = time.monotonic()
+        self.tool = tool
+        self.seconds = None
+        self.patience_seconds = seconds + TOLERANCE_SECONDS
+        self.start()
+
+    def run(self):
+        self.out, self.err = self.tool.process.communicate()
+        self.seconds = time.monotonic() - self.began
+
+    def wait(self):
+        """The status and what was written, once the command has ended."""
+        self.join(self.patience_seconds)
+        assert not self.is_alive()
+        return self.tool.process.returncode, self.out, self.err
+
+
+class OverdueCalls:
+    """A command for each call of the daemon that has no reply, and one on a bus that says nothing."""
+
+    CHANGES = 3
+
+    def __init__(self, workspace):
+        self.folder = workspace.folder()
+        self.silent_bus = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.silent_bus.bind(str(self.folder / "silent-bus"))
+        self.silent_bus.listen()
+        self.buses = [Bus(workspace), Bus(workspace)]
+        self.services = [self._start_service(self.buses[0], "GetManagedObjects"),
+                         self._start_service(self.buses[1], "SetChannelsEnabled", "SetProducersEnabled")]
+        list_bus, change_bus = (bus.address for bus in self.buses)
+        self.calls = {
+            "producers": self._start_call(0, list_bus, "producers"),
+            "monitor": self._start_call(0, list_bus, "monitor"),
+            "enable": self._start_call(1, change_bus, "enable", "a", "1", "name"),
+            "disable": self._start_call(1, change_bus, "disable", "a", "1"),
+            "apply": self._start_call(self.CHANGES, change_bus, "apply", str(self._write_changes())),
+            "connecting": self._start_call(0, f"unix:path={self.folder}/silent-bus", "producers"),
+        }
+
+    @staticmethod
+    def _start_service(bus, *silent):
+        service = FakeService(bus)
+        service.producers = {path_of("a"): properties("a")}
+        service.silent = set(silent)
+        service.start()
+        return service
+
+    @staticmethod
+    def _start_call(changes, address, *words):
+        return OverdueCall(Tessardctl(*words, "--bus", address), CALL_SECONDS + changes * CHANGE_SECONDS)
+
+    def _write_changes(self):
+        path = self.folder / "changes.json"
+        channels = [{"Channel": 1, "Enabled": False}] * self.CHANGES
+        path.write_text(json.dumps([{"Name": "a", "Channels": channels}]), encoding="ascii")
+        return path
+
+    def close(self):
+        for call in self.calls.values():
+            call.tool.process.kill()
+            call.wait()
+        for service in self.services:
+            service.close()
+        for bus in self.buses:
+            bus.stop()
+        self.silent_bus.close()

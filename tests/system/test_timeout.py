@@ -1,6 +1,9 @@
-"""The time that a client may take for its request, and the platform for its answer. Both began in earlier tests."""
+"""The time that a client may take for its request, the platform for its answer, and the daemon for its reply to
+tessardctl. All of them began in earlier tests."""
 
-from overdue import PATIENCE_SECONDS, TIMEOUT_SECONDS, TOLERANCE_SECONDS
+from overdue import CALL_SECONDS, CHANGE_SECONDS, PATIENCE_SECONDS, TIMEOUT_SECONDS, TOLERANCE_SECONDS, OverdueCalls
+from tessardctl import NO_CONNECTION
+from tessardctl import TIMED_OUT as TIMED_OUT_STATUS
 
 import pytest
 
@@ -29,3 +32,22 @@ def test_others_are_served_once_overdue_requests_are_answered(overdue_requests):
 
 def test_coordinator_that_never_answers(overdue_start):
     assert PATIENCE_SECONDS <= overdue_start.wait() <= PATIENCE_SECONDS + TOLERANCE_SECONDS
+
+
+def expect_call_given_up(call, status, seconds, message):
+    assert call.wait() == (status, b"", f"tessardctl: {message}\n".encode())
+    assert seconds <= call.seconds <= seconds + TOLERANCE_SECONDS
+
+
+@pytest.mark.parametrize("command, changes", [("producers", 0), ("monitor", 0), ("enable", 1), ("disable", 1),
+                                              ("apply", OverdueCalls.CHANGES)])
+def test_daemon_that_never_replies_over_the_bus(overdue_calls, command, changes):
+    seconds = CALL_SECONDS + changes * CHANGE_SECONDS
+
+    expect_call_given_up(overdue_calls.calls[command], TIMED_OUT_STATUS, seconds,
+                         f"No reply within {seconds} seconds.")
+
+
+def test_bus_that_says_nothing(overdue_calls):
+    expect_call_given_up(overdue_calls.calls["connecting"], NO_CONNECTION, CALL_SECONDS,
+                         "Could not connect to the bus: No answer in time.")

@@ -1,0 +1,145 @@
+"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them."""
+
+import contextlib
+import threading
+
+from gi.repository import Gio, GLib
+
+from busclient import BusClient
+from waiting import BOUND_SECONDS
+
+NAME = "com.quon.MetadataServer1"
+ROOT = "/com/quon/MetadataServer1/Producers"
+PRODUCER = "com.quon.MetadataServer1.Producer"
+MANAGER = "com.quon.MetadataServer1.ProducerManager"
+OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
+PROPERTIES = "org.freedesktop.DBus.Properties"
+
+ARGUMENTS = {"GetManagedObjects": "", "SetProducersEnabled": "a{sa(ibs)}", "SetChannelsEnabled": "a(ibs)"}
+
+SAMPLE_FRAME = '<tt:SampleFrame xmlns:tt="http://www.onvif.org/ver10/schema"><tt:Object/></tt:SampleFrame>'
+
+
+def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
+    """A producer's, each of the type that the interface says."""
+    return {
+        "Name": GLib.Variant("s", name),
+        "NiceName": GLib.Variant("s", nice_name),
+        "SampleFrameXML": GLib.Variant("s", frame),
+        "ChannelsEnabled": GLib.Variant("a(ibs)", list(channels)),
+    }
+
+
+def path_of(name):
+    return f"{ROOT}/{name}"
+
+
+class FakeService:
+    """One owner of the daemon's name.
+
+    producers: properties by object path; what GetManagedObjects tells
+    replies: by method, what to reply in place of the right thing
+    errors: by method, the error's name and message
+    silent: methods that are never answered; leaving: methods in the middle of which the service leaves
+    calls: what came, as (path, method, arguments); flags: with which message flags"""
+
+    def __init__(self, bus):
+        self.producers = {}
+        self.replies = {}
+        self.errors = {}
+        self.silent = set()
+        self.leaving = set()
+        self.calls = []
+        self.flags = set()
+        self.kept = []
+        self.started = threading.Event()
+        self.client = BusClient(bus)
+        self.context = GLib.MainContext()
+        self.loop = GLib.MainLoop(self.context)
+        self.thread = threading.Thread(target=self._run, daemon=True)
+
+    def _run(self):
+        self.context.push_thread_default()
+        self._register(ROOT, OBJECT_MANAGER, "GetManagedObjects")
+        self._register(ROOT, MANAGER, "SetProducersEnabled")
+        for path in self.producers:
+            self._register(path, PRODUCER, "SetChannelsEnabled")
+        self.client.own(NAME)
+        self.started.set()
+        self.loop.run()
+        self.context.pop_thread_default()
+
+    def start(self):
+        """Takes the name; the producers and replies are set."""
+        self.thread.start()
+        assert self.started.wait(BOUND_SECONDS)
+
+    def _register(self, path, interface, method):
+        reply = self.replies.get(method)
+        returned = (reply.get_type_string()[1:-1] if reply is not None else
+                    "a{oa{sa{sv}}}" if method == "GetManagedObjects" else "")
+        arguments = f'<arg type="{ARGUMENTS[method]}" direction="in"/>' if ARGUMENTS[method] else ""
+        results = f'<arg type="{returned}" direction="out"/>' if returned else ""
+        node = Gio.DBusNodeInfo.new_for_xml(
+            f'<node><interface name="{interface}"><method name="{method}">{arguments}{results}</method>'
+            "</interface></node>")
+        self.client.connection.register_object(path, node.interfaces[0], self._on_call, None, None)
+
+    def _on_call(self, connection, sender, path, interface, method, arguments, invocation):
+        self.calls.append((path, method, arguments.unpack()))
+        self.flags.add(invocation.get_message().get_flags())
+        if method in self.silent:
+            self.kept.append(invocation)
+        elif method in self.leaving:
+            connection.close_sync(None)
+        elif method in self.errors:
+            invocation.return_dbus_error(*self.errors[method])
+        elif method in self.replies:
+            invocation.return_value(self.replies[method])
+        elif method == "GetManagedObjects":
+            invocation.return_value(self._objects())
+        else:
+            invocation.return_value(None)
+
+    def _objects(self):
+        objects = {path: {PRODUCER: values} for path, values in self.producers.items()}
+        return GLib.Variant("(a{oa{sa{sv}}})", (objects,))
+
+    def answer_kept(self):
+        """Answers what asked for the objects and was kept waiting."""
+        self.kept.pop().return_value(self._objects())
+
+    def set_calls(self):
+        """The calls that change something."""
+        return [call for call in self.calls if call[1] != "GetManagedObjects"]
+
+    # Signals
+
+    def emit(self, path, interface, signal, body):
+        self.client.connection.emit_signal(None, path, interface, signal, body)
+        self.client.connection.flush_sync(None)
+
+    def add(self, name, *args, **kwargs):
+        self.producers[path_of(name)] = properties(name, *args, **kwargs)
+        self.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                  GLib.Variant("(oa{sa{sv}})", (path_of(name), {PRODUCER: self.producers[path_of(name)]})))
+
+    def remove(self, name):
+        del self.producers[path_of(name)]
+        self.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path_of(name), [PRODUCER])))
+
+    def change(self, name, channels):
+        value = GLib.Variant("a(ibs)", channels)
+        self.producers[path_of(name)]["ChannelsEnabled"] = value
+        self.emit(path_of(name), PROPERTIES, "PropertiesChanged",
+                  GLib.Variant("(sa{sv}as)", (PRODUCER, {"ChannelsEnabled": value}, [])))
+
+    # Life
+
+    def close(self):
+        """Gives up the name, once, by leaving the bus."""
+        with contextlib.suppress(GLib.Error):
+            self.client.close()
+        if self.thread.is_alive():
+            self.context.invoke_full(GLib.PRIORITY_DEFAULT, self.loop.quit)
+            self.thread.join(BOUND_SECONDS)

@@ -1,0 +1,136 @@
+/* The command lines of the commands that talk to the daemon over the bus.
+ *
+ * The daemon judges what is asked. Only what the bus could not carry is a usage error here.
+ */
+#include "arguments.h"
+#include "command.h"
+
+namespace
+{
+
+constexpr gchar EXIT_STATUSES[] = "Exit status:\n"
+                                  "  0  done\n"
+                                  "  1  the daemon refused\n"
+                                  "  2  wrong usage\n"
+                                  "  3  no connection to the bus, or the daemon is not on it\n"
+                                  "  4  the daemon did not reply in time\n"
+                                  "  5  the daemon or the bus went away before the reply\n"
+                                  "  6  the daemon sent something of a wrong type\n"
+                                  "  7  a file could not be read, or the output not written";
+
+gboolean
+parse_command_line(Arguments *arguments, const ArgumentRules *rules, const GOptionEntry *options, int argc,
+                   char **argv, GError **error)
+{
+  const GOptionEntry entries[] = {
+      {"bus", 0, 0, G_OPTION_ARG_FILENAME, &arguments->bus_address, "The bus (default: the system's)",
+       "ADDRESS"},
+      {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &arguments->words, nullptr,
+       *rules->names != '\0' ? rules->names : nullptr},
+      {},
+  };
+  g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
+  g_autofree gchar *description =
+      g_strconcat(rules->description != nullptr ? rules->description : "", EXIT_STATUSES, nullptr);
+
+  g_option_context_set_summary(context, rules->summary);
+  g_option_context_set_description(context, description);
+  if (options != nullptr) {
+    g_option_context_add_main_entries(context, options, nullptr);
+  }
+  g_option_context_add_main_entries(context, entries, nullptr);
+  return g_option_context_parse(context, &argc, &argv, error);
+}
+
+gboolean
+check_word_count(const Arguments *arguments, const gchar *names, GError **error)
+{
+  g_auto(GStrv) wanted = g_strsplit(names, " ", -1);
+  const guint wanted_count = g_strv_length(wanted);
+  const guint count = arguments->words != nullptr ? g_strv_length(arguments->words) : 0;
+
+  if (count < wanted_count) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "Missing argument %s.", wanted[count]);
+    return FALSE;
+  }
+  if (count > wanted_count) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "Unexpected argument '%s'.",
+                arguments->words[wanted_count]);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+} // namespace
+
+Arguments::~Arguments()
+{
+  g_free(bus_address);
+  g_strfreev(words);
+}
+
+/**
+ * arguments_parse:
+ * @arguments: (transfer none): as constructed; filled in
+ * @rules: (transfer none): what the command takes
+ * @options: (transfer none) (nullable): options beside "--bus", to be filled in
+ * @argc: number of arguments
+ * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @error: return location for an error, whose message is for the user
+ *
+ * Reads the command line. "--help" prints the help and ends the process. Main thread.
+ *
+ * Returns: %FALSE when the command line is wrong
+ */
+gboolean
+arguments_parse(Arguments *arguments, const ArgumentRules *rules, const GOptionEntry *options, int argc,
+                char **argv, GError **error)
+{
+  return parse_command_line(arguments, rules, options, argc, argv, error) &&
+         command_check_not_empty("--bus", arguments->bus_address, error) &&
+         check_word_count(arguments, rules->names, error);
+}
+
+/**
+ * arguments_check_text:
+ * @name: (transfer none): the argument's name
+ * @text: (transfer none): what the user gave for it
+ * @error: return location for an error, whose message is for the user
+ *
+ * Any thread.
+ *
+ * Returns: whether the bus can carry @text, which is whether it is UTF-8
+ */
+gboolean
+arguments_check_text(const gchar *name, const gchar *text, GError **error)
+{
+  if (g_utf8_validate(text, -1, nullptr)) {
+    return TRUE;
+  }
+  g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The argument %s is not UTF-8.", name);
+  return FALSE;
+}
+
+/**
+ * arguments_parse_channel:
+ * @text: (transfer none): what the user gave
+ * @channel: (out): the channel's number
+ * @error: return location for an error, whose message is for the user
+ *
+ * Reads a decimal number, which need not be one of a channel that there is. Any thread.
+ *
+ * Returns: %FALSE when the bus could not carry it
+ */
+gboolean
+arguments_parse_channel(const gchar *text, gint32 *channel, GError **error)
+{
+  gint64 number = 0;
+
+  if (!g_ascii_string_to_signed(text, 10, G_MININT32, G_MAXINT32, &number, nullptr)) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
+                "The argument CHANNEL is '%s', not a whole number of 32 bits.", text);
+    return FALSE;
+  }
+  *channel = static_cast<gint32>(number);
+  return TRUE;
+}

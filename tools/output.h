@@ -1,0 +1,5 @@
+#pragma once
+
+#include <glib.h>
+
+gboolean output_write(const gchar *text, GError **error);

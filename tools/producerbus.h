@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gio/gio.h>
+
+/**
+ * PRODUCER_BUS_TIMEOUT_SECONDS:
+ *
+ * How long the bus may take to let us in, and the daemon to reply.
+ */
+#define PRODUCER_BUS_TIMEOUT_SECONDS 30
+
+/**
+ * PRODUCER_BUS_SECONDS_PER_CHANGE:
+ *
+ * How much longer the reply may take for each channel that a call changes: the daemon writes and syncs its
+ * file for every one of them first.
+ */
+#define PRODUCER_BUS_SECONDS_PER_CHANGE 1
+
+#define PRODUCER_BUS_NAME "com.quon.MetadataServer1"
+#define PRODUCER_BUS_ROOT "/com/quon/MetadataServer1/Producers"
+#define PRODUCER_BUS_PRODUCER "com.quon.MetadataServer1.Producer"
+#define PRODUCER_BUS_MANAGER "com.quon.MetadataServer1.ProducerManager"
+#define PRODUCER_BUS_OBJECT_MANAGER "org.freedesktop.DBus.ObjectManager"
+
+/* What GetManagedObjects returns, and the interfaces of one object in it. */
+#define PRODUCER_BUS_OBJECTS_TYPE G_VARIANT_TYPE("(a{oa{sa{sv}}})")
+#define PRODUCER_BUS_INTERFACES_TYPE G_VARIANT_TYPE("a{sa{sv}}")
+
+GDBusConnection *producer_bus_connect(const gchar *address, GError **error);
+GVariant *producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *interface,
+                            const gchar *method, GVariant *arguments, const GVariantType *reply_type,
+                            gsize change_count, GError **error);
+gboolean producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *type, GError **error);
+GError *producer_bus_judge_failure(const GError *cause, guint seconds);

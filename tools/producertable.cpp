@@ -1,0 +1,258 @@
+/* The producers as people and programs read them. Whatever texts come from the bus, a table has one line for
+ * each channel of a producer and nothing in it reaches the terminal as a command.
+ */
+#include "producertable.h"
+#include "documentformat.h"
+#include "printable.h"
+
+#include <algorithm>
+#include <array>
+#include <json-glib/json-glib.h>
+
+namespace
+{
+
+constexpr gsize COLUMNS = 5;
+
+constexpr gint COLUMN_GAP = 2;
+
+/* What stands for a configuration where a channel is disabled, or for a channel where there is none. */
+constexpr gchar NOTHING[] = "-";
+
+using Row = std::array<std::string, COLUMNS>;
+
+std::string
+make_printable(const std::string &text)
+{
+  g_autofree gchar *printable = printable_line(text.c_str());
+
+  return printable;
+}
+
+/* In columns of a terminal. */
+gint
+measure_width(const std::string &text)
+{
+  gint width = 0;
+
+  for (const gchar *p = text.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
+    const gunichar c = g_utf8_get_char(p);
+    width += g_unichar_iszerowidth(c) ? 0 : g_unichar_iswide(c) ? 2 : 1;
+  }
+  return width;
+}
+
+const gchar *
+get_state(const ProducerChannel &channel)
+{
+  return channel.enabled ? "enabled" : "disabled";
+}
+
+std::vector<Row>
+make_rows(const Producers &producers)
+{
+  std::vector<Row> rows = {{"NAME", "NICE NAME", "CHANNEL", "STATE", "CONFIGURATION"}};
+
+  for (const Producer &producer : producers) {
+    const std::string name = make_printable(producer.name);
+    const std::string nice_name = make_printable(producer.nice_name);
+    if (producer.channels.empty()) {
+      rows.push_back({name, nice_name, NOTHING, NOTHING, NOTHING});
+    }
+    for (const ProducerChannel &channel : producer.channels) {
+      rows.push_back({name, nice_name, std::to_string(channel.channel), get_state(channel),
+                      channel.enabled ? make_printable(channel.configuration) : NOTHING});
+    }
+  }
+  return rows;
+}
+
+std::array<gint, COLUMNS>
+measure_columns(const std::vector<Row> &rows)
+{
+  std::array<gint, COLUMNS> widths = {};
+
+  for (const Row &row : rows) {
+    for (gsize column = 0; column < COLUMNS; column++) {
+      widths[column] = std::max(widths[column], measure_width(row[column]));
+    }
+  }
+  return widths;
+}
+
+/* The last column needs no blanks behind it. */
+void
+append_row(GString *table, const Row &row, const std::array<gint, COLUMNS> &widths)
+{
+  for (gsize column = 0; column + 1 < COLUMNS; column++) {
+    const gint padding = widths[column] - measure_width(row[column]) + COLUMN_GAP;
+    g_string_append_printf(table, "%s%*s", row[column].c_str(), padding, "");
+  }
+  g_string_append_printf(table, "%s\n", row[COLUMNS - 1].c_str());
+}
+
+void
+add_text(JsonBuilder *builder, const gchar *member, const std::string &text)
+{
+  json_builder_set_member_name(builder, member);
+  json_builder_add_string_value(builder, text.c_str());
+}
+
+void
+add_channel(JsonBuilder *builder, const ProducerChannel &channel)
+{
+  json_builder_begin_object(builder);
+  json_builder_set_member_name(builder, "Channel");
+  json_builder_add_int_value(builder, channel.channel);
+  json_builder_set_member_name(builder, "Enabled");
+  json_builder_add_boolean_value(builder, channel.enabled);
+  add_text(builder, "Configuration", channel.configuration);
+  json_builder_end_object(builder);
+}
+
+void
+add_producer(JsonBuilder *builder, const Producer &producer)
+{
+  json_builder_begin_object(builder);
+  add_text(builder, "Name", producer.name);
+  add_text(builder, "NiceName", producer.nice_name);
+  json_builder_set_member_name(builder, "Channels");
+  json_builder_begin_array(builder);
+  for (const ProducerChannel &channel : producer.channels) {
+    add_channel(builder, channel);
+  }
+  json_builder_end_array(builder);
+  json_builder_end_object(builder);
+}
+
+void
+append_field(GString *text, const gchar *field, const std::string &value)
+{
+  g_string_append_printf(text, "%s: %s\n", field, make_printable(value).c_str());
+}
+
+void
+append_channel(GString *text, const ProducerChannel &channel)
+{
+  g_string_append_printf(text, "Channel %d: %s", channel.channel, get_state(channel));
+  if (channel.enabled) {
+    g_string_append_printf(text, " as '%s'", make_printable(channel.configuration).c_str());
+  }
+  g_string_append_c(text, '\n');
+}
+
+} // namespace
+
+/**
+ * producer_table_format:
+ * @producers: the producers
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): a table with a line for each channel of each producer
+ */
+gchar *
+producer_table_format(const Producers &producers)
+{
+  const std::vector<Row> rows = make_rows(producers);
+  const std::array<gint, COLUMNS> widths = measure_columns(rows);
+  g_autoptr(GString) table = g_string_new(nullptr);
+
+  for (const Row &row : rows) {
+    append_row(table, row, widths);
+  }
+  return g_string_free(g_steal_pointer(&table), FALSE);
+}
+
+/**
+ * producer_table_format_json:
+ * @producers: the producers
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): the same in JSON, which is what apply_file_read() takes
+ */
+gchar *
+producer_table_format_json(const Producers &producers)
+{
+  g_autoptr(JsonBuilder) builder = json_builder_new();
+
+  json_builder_begin_array(builder);
+  for (const Producer &producer : producers) {
+    add_producer(builder, producer);
+  }
+  json_builder_end_array(builder);
+
+  g_autoptr(JsonNode) root = json_builder_get_root(builder);
+  g_autofree gchar *json = json_to_string(root, TRUE);
+  g_autofree gchar *printable = printable_lines(json);
+  return g_strconcat(printable, "\n", nullptr);
+}
+
+/**
+ * producer_table_format_names:
+ * @producers: the producers
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): their names, one a line
+ */
+gchar *
+producer_table_format_names(const Producers &producers)
+{
+  g_autoptr(GString) names = g_string_new(nullptr);
+
+  for (const Producer &producer : producers) {
+    g_string_append_printf(names, "%s\n", make_printable(producer.name).c_str());
+  }
+  return g_string_free(g_steal_pointer(&names), FALSE);
+}
+
+/**
+ * producer_table_format_channels:
+ * @producer: a producer
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): the numbers of the channels that it supports, one a line
+ */
+gchar *
+producer_table_format_channels(const Producer &producer)
+{
+  g_autoptr(GString) channels = g_string_new(nullptr);
+
+  for (const ProducerChannel &channel : producer.channels) {
+    g_string_append_printf(channels, "%d\n", channel.channel);
+  }
+  return g_string_free(g_steal_pointer(&channels), FALSE);
+}
+
+/**
+ * producer_table_format_one:
+ * @producer: a producer
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): all about it, its sample frame indented and last
+ */
+gchar *
+producer_table_format_one(const Producer &producer)
+{
+  g_autoptr(GString) text = g_string_new(nullptr);
+  const std::string &frame = producer.sample_frame;
+
+  append_field(text, "Name", producer.name);
+  append_field(text, "Nice name", producer.nice_name);
+  append_field(text, "Object", producer.path);
+  for (const ProducerChannel &channel : producer.channels) {
+    append_channel(text, channel);
+  }
+  if (frame.empty()) {
+    g_string_append(text, "Sample frame: none\n");
+  } else {
+    g_autoptr(GString) indented = document_format_indented(frame.c_str(), frame.size());
+    g_autofree gchar *printable = printable_lines(indented->str);
+    g_string_append_printf(text, "Sample frame:\n%s", printable);
+  }
+  return g_string_free(g_steal_pointer(&text), FALSE);
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "producers.h"
+
+gchar *producer_table_format(const Producers &producers);
+gchar *producer_table_format_json(const Producers &producers);
+gchar *producer_table_format_names(const Producers &producers);
+gchar *producer_table_format_channels(const Producer &producer);
+gchar *producer_table_format_one(const Producer &producer);
