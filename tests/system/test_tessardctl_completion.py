@@ -1,0 +1,168 @@
+"""What bash and zsh offer behind tessardctl."""
+
+import os
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from fakeservice import FakeService, path_of, properties
+from installation import TREE
+from tessardctl import SUCCESS
+from waiting import BOUND_SECONDS
+
+BASH = TREE / "tools/completion/tessardctl.bash"
+ZSH = TREE / "tools/completion/_tessardctl"
+
+COMMANDS = ["stream", "producers", "show", "enable", "disable", "apply", "monitor"]
+
+# What the shell does when the tabulator is hit, with words taken apart as it does.
+ASK_BASH = """\
+set -u
+source "$0"
+COMP_LINE=$1 COMP_POINT=${#1}
+_tessardctl "$TESSARDCTL" "" ""
+((${#COMPREPLY[@]} == 0)) || printf '%s\\n' "${COMPREPLY[@]}"
+"""
+
+
+@pytest.fixture
+def offered(tool_under_test, own_bus, tmp_path):
+    """What bash offers at the end of a line behind the tool's name."""
+
+    def ask(line, bus=own_bus.address):
+        result = subprocess.run(
+            ["bash", "-c", ASK_BASH, BASH, "tessardctl " + line], cwd=tmp_path, capture_output=True, text=True,
+            timeout=BOUND_SECONDS, check=True,
+            env=os.environ | {"LC_ALL": "C.UTF-8", "DBUS_SYSTEM_BUS_ADDRESS": bus})
+        assert result.stderr == ""
+        return result.stdout.splitlines()
+
+    return ask
+
+
+@pytest.fixture
+def service(own_bus):
+    started = FakeService(own_bus)
+    started.producers = {path_of(name): properties(name, channels=[(1, False, ""), (12, False, ""), (2, False, "")])
+                         for name in ("VideoMotionTracker", "VideoCounter", "Radar")}
+    started.start()
+    yield started
+    started.close()
+
+
+def options_of(run, *command):
+    return re.findall(r"^  (?:-\w, )?(--[a-z-]+)", run(*command, "--help").out.decode(), re.MULTILINE)
+
+
+def test_commands(offered, run):
+    listed = re.search(r"Commands:\n((?:  .*\n)+)", run("--help").out.decode()).group(1)
+    assert [line.split()[0] for line in listed.splitlines()] == COMMANDS
+    assert offered("") == COMMANDS
+    assert offered("s") == ["stream", "show"]
+    assert offered("--help s") == ["stream", "show"]
+
+
+@pytest.mark.parametrize("command", [[], *([command] for command in COMMANDS)])
+def test_options(offered, run, command):
+    words = "".join(word + " " for word in command)
+    assert offered(words + "-") == offered(words + "--")
+    assert sorted(offered(words + "--")) == sorted(options_of(run, *command))
+
+
+def test_options_by_their_beginning(offered):
+    assert offered("stream --event --event-") == ["--event-topic", "--event-content"]
+    assert offered("stream --event-topic x --pr") == ["--pretty"]
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_options_that_take_a_value_are_known(offered, run, command):
+    help_text = run(command, "--help").out.decode()
+    for option in re.findall(r"^  (--[a-z-]+)=", help_text, re.MULTILINE):
+        assert offered(f"{command} {option} --") == []
+
+
+@pytest.mark.parametrize("line", ["show ", "enable ", "disable ", "producers --channels "])
+def test_names_of_producers(offered, service, line):
+    assert offered(line) == ["Radar", "VideoCounter", "VideoMotionTracker"]
+    assert offered(line + "Video") == ["VideoCounter", "VideoMotionTracker"]
+    assert offered(line + "x") == []
+
+
+@pytest.mark.parametrize("command", ["enable", "disable"])
+def test_channels_of_a_producer(offered, service, command):
+    assert offered(f"{command} Radar ") == ["1", "2", "12"]
+    assert offered(f"{command} Radar 1") == ["1", "12"]
+    assert offered(f"{command} nobody ") == []
+
+
+@pytest.mark.parametrize("line", ["show Radar ", "disable Radar 1 ", "enable Radar 1 ", "monitor ", "producers ",
+                                  "stream ", "nothing ", "show --bus ", "stream --count "])
+def test_nothing_to_offer(offered, service, line):
+    assert offered(line) == []
+
+
+@pytest.mark.parametrize("option", ["--bus {}", "--bus={}"])
+def test_bus_of_the_command_line(offered, service, own_bus, option):
+    line = "enable " + option.format(own_bus.address)
+    assert offered(line + " R", bus="unix:path=/nonexistent/bus") == ["Radar"]
+    assert offered(line + " Radar ", bus="unix:path=/nonexistent/bus") == ["1", "2", "12"]
+
+
+@pytest.mark.parametrize("line", ["show ", "enable Radar ", "producers --channels "])
+def test_nothing_when_the_bus_or_the_daemon_is_away(offered, line):
+    assert offered(line) == []
+    assert offered(line, bus="unix:path=/nonexistent/bus") == []
+
+
+def test_daemon_that_never_replies_is_given_up_soon(offered, own_bus):
+    silent = FakeService(own_bus)
+    silent.silent.add("GetManagedObjects")
+    silent.start()
+    assert offered("show ") == []
+    silent.close()
+
+
+def test_names_are_never_run(offered, own_bus, tmp_path):
+    names = ["$(touch run)", "`touch run`", "a b", "a'b", "*", "-x", ";touch run"]
+    evil = FakeService(own_bus)
+    evil.producers = {path_of(f"p{number}"): properties(name) for number, name in enumerate(names)}
+    evil.start()
+    given = offered("show ")
+    assert not (tmp_path / "run").exists()
+    unquoted = subprocess.run(["bash", "-c", "printf '%s\\n' " + " ".join(given)], cwd=tmp_path, capture_output=True,
+                              text=True, check=True).stdout.splitlines()
+    assert unquoted == sorted(names)
+    assert offered("show a\\ ") == ["a\\ b"]
+    assert not (tmp_path / "run").exists()
+    evil.close()
+
+
+@pytest.mark.parametrize("line", ["apply ", "stream --output ", "stream --socket "])
+def test_files(offered, tmp_path, line):
+    (tmp_path / "changes.json").touch()
+    (tmp_path / "other.json").touch()
+    assert sorted(offered(line)) == ["changes.json", "other.json"]
+    assert offered(line + "ch") == ["changes.json"]
+
+
+def test_bash_knows_the_function():
+    result = subprocess.run(["bash", "-c", 'source "$0" && complete -p tessardctl', BASH], capture_output=True,
+                            text=True, check=True)
+    assert result.stdout == "complete -F _tessardctl tessardctl\n"
+
+
+def test_zsh_offers_the_same(run):
+    text = ZSH.read_text(encoding="utf-8")
+    assert text.startswith("#compdef tessardctl\n")
+    assert re.findall(r"^    '(\w+):", text, re.MULTILINE) == COMMANDS
+    every_option = {option for command in COMMANDS for option in options_of(run, command)} | set(options_of(run))
+    described = set(re.findall(r"'(?:\([^)]*\))?(--[a-z-]+)=?\[", text))
+    assert described == every_option
+
+
+def test_zsh_understands_its_file():
+    if shutil.which("zsh") is None:
+        pytest.skip("zsh is not installed")
+    assert subprocess.run(["zsh", "-n", ZSH], check=False).returncode == SUCCESS

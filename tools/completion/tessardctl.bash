@@ -1,0 +1,100 @@
+# shellcheck shell=bash
+# bash's completion for tessardctl. Producers and their channels come from the bus; when nobody answers there, soon
+# enough, there are none. What comes from it is only ever compared and quoted, never evaluated.
+
+_TESSARDCTL_ASK_SECONDS=2
+
+_tessardctl_commands() {
+  printf '%s\n' stream producers show enable disable apply monitor
+}
+
+# The options of a command, or of tessardctl itself.
+_tessardctl_options() {
+  printf '%s\n' --help
+  case $1 in
+  '') printf '%s\n' --version ;;
+  stream)
+    printf '%s\n' --event --event-topic --event-content --analytics --ptz --pantilt-space --zoom-space --channel \
+      --socket --count --timeout --sync --pretty --output
+    ;;
+  producers) printf '%s\n' --json --names --channels --bus ;;
+  show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
+  esac
+}
+
+# Whether the word that follows this one is its value.
+_tessardctl_takes_value() {
+  case $1 in
+  --event-topic | --event-content | --analytics | --ptz | --pantilt-space | --zoom-space | --channel | --socket | \
+    --count | --timeout | --output | --channels | --bus) return 0 ;;
+  *) return 1 ;;
+  esac
+}
+
+# Adds those of the lines on standard input that begin with $1 to what is offered.
+_tessardctl_offer() {
+  local candidate
+  while IFS= read -r candidate; do
+    if [[ $candidate == "$1"* ]]; then
+      COMPREPLY+=("$(printf '%q' "$candidate")")
+    fi
+  done
+}
+
+_tessardctl_offer_files() {
+  compopt -o filenames 2>/dev/null
+  mapfile -t COMPREPLY < <(compgen -f -- "$1")
+}
+
+_tessardctl() {
+  local tool=$1 line=${COMP_LINE:0:COMP_POINT}
+  local -a words=() bus=() given=()
+  local current word command='' option='' index
+
+  COMPREPLY=()
+  # The line as it was typed: bash takes words apart at colons, which addresses have. Backslashes quote. The x keeps
+  # an empty word, or a quoted blank, at the end.
+  # shellcheck disable=SC2162
+  read -a words <<<"${line}x"
+  current=${words[-1]%x}
+  for ((index = 1; index < ${#words[@]} - 1; index++)); do
+    word=${words[index]}
+    if [[ -n $option ]]; then
+      if [[ $option == --bus ]]; then
+        bus=(--bus "$word")
+      fi
+      option=''
+    elif [[ $word == --bus=* ]]; then
+      bus=(--bus "${word#--bus=}")
+    elif _tessardctl_takes_value "$word"; then
+      option=$word
+    elif [[ $word != -* && -z $command ]]; then
+      command=$word
+    elif [[ $word != -* ]]; then
+      given+=("$word")
+    fi
+  done
+
+  if [[ -n $option ]]; then
+    case $option in
+    --socket | --output) _tessardctl_offer_files "$current" ;;
+    --channels) _tessardctl_offer "$current" < <(_tessardctl_ask --names) ;;
+    esac
+  elif [[ $current == -* ]]; then
+    _tessardctl_offer "$current" < <(_tessardctl_options "$command")
+  else
+    case $command/${#given[@]} in
+    /0) _tessardctl_offer "$current" < <(_tessardctl_commands) ;;
+    show/0 | enable/0 | disable/0) _tessardctl_offer "$current" < <(_tessardctl_ask --names) ;;
+    enable/1 | disable/1) _tessardctl_offer "$current" < <(_tessardctl_ask --channels "${given[0]}") ;;
+    apply/0) _tessardctl_offer_files "$current" ;;
+    esac
+  fi
+}
+
+# Asks the bus that the command line names, in the variables of _tessardctl.
+_tessardctl_ask() {
+  timeout "$_TESSARDCTL_ASK_SECONDS" "$tool" producers "${bus[@]}" "$@" </dev/null 2>/dev/null
+}
+
+complete -F _tessardctl tessardctl
