@@ -5,15 +5,9 @@ import threading
 
 from gi.repository import Gio, GLib
 
-from busclient import BusClient
+from busclient import PROPERTIES, BusClient
+from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
-
-NAME = "com.quon.MetadataServer1"
-ROOT = "/com/quon/MetadataServer1/Producers"
-PRODUCER = "com.quon.MetadataServer1.Producer"
-MANAGER = "com.quon.MetadataServer1.ProducerManager"
-OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
-PROPERTIES = "org.freedesktop.DBus.Properties"
 
 ARGUMENTS = {"GetManagedObjects": "", "SetProducersEnabled": "a{sa(ibs)}", "SetChannelsEnabled": "a(ibs)"}
 
@@ -28,10 +22,6 @@ def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
         "SampleFrameXML": GLib.Variant("s", frame),
         "ChannelsEnabled": GLib.Variant("a(ibs)", list(channels)),
     }
-
-
-def path_of(name):
-    return f"{ROOT}/{name}"
 
 
 class FakeService:

@@ -9,10 +9,11 @@ import time
 
 from client import Client, ConnectionEnded
 from daemon import Daemon, no_move_capabilities, start_lines
-from fakeservice import FakeService, path_of, properties
+from fakeservice import FakeService, properties
 from installation import PTZ_PLUGINS, Bus, documented_limit
 from simcamera import PTZ, SimulatedCamera
 from tessardctl import Tessardctl
+from tool import path_of
 from waiting import wait_until
 
 TIMEOUT_SECONDS = documented_limit("server.h", "SERVER_REQUEST_TIMEOUT_MS") / 1000

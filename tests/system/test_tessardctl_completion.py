@@ -7,9 +7,10 @@ import subprocess
 
 import pytest
 
-from fakeservice import FakeService, path_of, properties
+from fakeservice import FakeService, properties
 from installation import TREE
 from tessardctl import SUCCESS
+from tool import path_of
 from waiting import BOUND_SECONDS
 
 BASH = TREE / "tools/completion/tessardctl.bash"

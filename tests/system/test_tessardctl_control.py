@@ -9,10 +9,14 @@ import signal
 import pytest
 from gi.repository import Gio, GLib
 
-from fakeservice import OBJECT_MANAGER, PRODUCER, PROPERTIES, ROOT, FakeService, path_of, properties
+from busclient import PROPERTIES
+from daemon import RADAR_TRACKER as RADAR
+from daemon import VIDEO_TRACKER as VIDEO
+from fakeservice import FakeService, properties
 from installation import TREE, Bus, documented_limit
 from overdue import CALL_SECONDS
 from tessardctl import ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, USAGE, read_lines, read_some
+from tool import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import wait_until
 
 MAX_PRODUCERS = documented_limit("../tools/producers.h", "PRODUCERS_MAX")
@@ -22,8 +26,6 @@ MAX_FILE_BYTES = documented_limit("../tools/applyfile.h", "APPLY_FILE_MAX_BYTES"
 MAX_FILE_DEPTH = documented_limit("../tools/applyfile.h", "APPLY_FILE_MAX_DEPTH")
 
 NOT_THERE = b"tessardctl: The daemon is not on the bus: nobody owns 'com.quon.MetadataServer1'.\n"
-
-VIDEO, RADAR = "VideoMotionTracker", "RadarMotionTracker"
 
 # Every command as it can be given when all is well.
 COMMANDS = {

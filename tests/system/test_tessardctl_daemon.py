@@ -1,0 +1,138 @@
+"""tessardctl's commands that talk to the daemon over the bus, against the daemon."""
+
+import json
+
+import pytest
+
+from daemon import RADAR_TRACKER, VIDEO_TRACKER
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
+from tessardctl import REFUSED, SUCCESS, read_lines
+
+PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, DOCUMENT_PLUGIN)
+
+# What the file says when the daemon of a test starts.
+PRODUCERS = """\
+[Producers.0.VideoMotionTracker]
+Name=
+[Producers.1.VideoMotionTracker]
+Name=front door
+[Producers.0.RadarMotionTracker]
+Name=
+"""
+
+TABLE = """\
+NAME                NICE NAME                  CHANNEL  STATE     CONFIGURATION
+RadarMotionTracker  Quon radar motion tracker  1        disabled  -
+VideoMotionTracker  Quon video motion tracker  1        disabled  -
+VideoMotionTracker  Quon video motion tracker  2        enabled   front door
+"""
+
+
+@pytest.fixture
+def start_with_trackers(start_daemon):
+    def started(plugins=PLUGINS, producers=PRODUCERS):
+        return start_daemon(plugins=plugins, producers=producers)
+
+    return started
+
+
+@pytest.fixture
+def daemon(start_with_trackers):
+    return start_with_trackers()
+
+
+@pytest.fixture
+def control(start, bus):
+    return lambda command, *args: start(command, "--bus", bus.address, *args)
+
+
+@pytest.fixture
+def ask(control):
+    return lambda *args: control(*args).finish()
+
+
+def test_what_there_is(daemon, ask):
+    result = ask("producers")
+    assert (result.status, result.out.decode(), result.err) == (SUCCESS, TABLE, b"")
+
+
+def test_all_about_one(daemon, ask):
+    result = ask("show", VIDEO_TRACKER)
+    head, frame = result.out.decode().split("Sample frame:\n")
+    assert head == ("Name: VideoMotionTracker\nNice name: Quon video motion tracker\n"
+                    "Object: /com/quon/MetadataServer1/Producers/VideoMotionTracker\n"
+                    "Channel 1: disabled\nChannel 2: enabled as 'front door'\n")
+    assert frame.startswith('<?xml version="1.0" encoding="UTF-8"?>\n<tt:SampleFrame ')
+    assert frame.endswith("\n</tt:SampleFrame>\n")
+
+
+def test_switching_is_kept_and_seen(daemon, ask, control):
+    monitor = control("monitor")
+    assert read_lines(monitor.out, 1) == [b"daemon present, producers: 2\n"]
+
+    assert ask("enable", RADAR_TRACKER, "1", "forecourt").status == SUCCESS
+    assert ask("disable", VIDEO_TRACKER, "2").status == SUCCESS
+
+    assert read_lines(monitor.out, 2) == [b"enabled RadarMotionTracker 1: forecourt\n",
+                                          b"disabled VideoMotionTracker 2\n"]
+    assert daemon.producers_conf.read_text(encoding="utf-8").split() == [
+        "[Producers.0.VideoMotionTracker]", "Name=", "[Producers.1.VideoMotionTracker]", "Name=",
+        "[Producers.0.RadarMotionTracker]", "Name=forecourt"]
+
+
+@pytest.mark.parametrize("command, reason", [
+    (["enable", VIDEO_TRACKER, "3", "x"], "Tried to enable/disable producer on non-supported channel"),
+    (["disable", RADAR_TRACKER, "2"], "Tried to enable/disable producer on non-supported channel"),
+    (["disable", "--", VIDEO_TRACKER, "-1"], "Tried to enable/disable producer on non-supported channel"),
+    (["enable", "nobody", "1", "x"], "There is no producer 'nobody'."),
+])
+def test_refused_switch_changes_nothing(daemon, ask, command, reason):
+    result = ask(*command)
+    assert (result.status, result.out, result.err.decode()) == (REFUSED, b"", f"tessardctl: {reason}\n")
+    assert ask("producers").out.decode() == TABLE
+
+
+def apply(ask, path, producers):
+    path.write_text(json.dumps(producers), encoding="utf-8")
+    return ask("apply", str(path))
+
+
+def channels(*tuples):
+    return [{"Channel": channel, "Enabled": enabled, "Configuration": name} for channel, enabled, name in tuples]
+
+
+def test_going_back_to_how_things_were(daemon, ask, tmp_path):
+    before = json.loads(ask("producers", "--json").out)
+    result = apply(ask, tmp_path / "file", [
+        {"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"), (2, False, ""))},
+        {"Name": RADAR_TRACKER, "Channels": channels((1, True, "b"))}])
+    assert (result.status, result.err) == (SUCCESS, b"")
+    assert ask("producers").out.decode() != TABLE
+
+    assert apply(ask, tmp_path / "file", before).status == SUCCESS
+    assert ask("producers").out.decode() == TABLE
+
+
+@pytest.mark.parametrize("name, channel, reason", [
+    ("nobody", 1, "Producer with specified name does not exist"),
+    (RADAR_TRACKER, 2, "Videochannel is not supported on producer"),
+])
+def test_refused_file_changes_nothing(daemon, ask, tmp_path, name, channel, reason):
+    result = apply(ask, tmp_path / "file", [{"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"))},
+                                            {"Name": name, "Channels": channels((channel, True, "b"))}])
+    assert (result.status, result.err.decode()) == (REFUSED, f"tessardctl: {reason}\n")
+    assert ask("producers").out.decode() == TABLE
+
+
+def test_monitor_survives_a_restart(start_with_trackers, control):
+    first = start_with_trackers()
+    monitor = control("monitor")
+    assert read_lines(monitor.out, 1) == [b"daemon present, producers: 2\n"]
+
+    first.end()
+    assert read_lines(monitor.out, 1) == [b"daemon absent\n"]
+
+    start_with_trackers(plugins=(EVENT_PLUGIN, SCENE_PLUGIN, DOCUMENT_PLUGIN),
+                        producers=PRODUCERS.replace("front", "back"))
+    assert read_lines(monitor.out, 3) == [b"daemon present, producers: 1\n", b"removed RadarMotionTracker\n",
+                                          b"enabled VideoMotionTracker 2: back door\n"]
