@@ -5,6 +5,7 @@ import sys
 
 import pytest
 
+import tessardctl
 from daemon import VIDEO_TRACKER
 from installation import UNPRIVILEGED_USER, Bus, run_by_root
 from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
@@ -168,3 +169,16 @@ def test_everybody_hears_of_changes(daemon, policed_bus):
     assert switch_channels(policed_bus, ADMINISTRATOR) == ""
     out, _ = listener.communicate(timeout=BOUND_SECONDS)
     assert out == "{'ChannelsEnabled': [(1, True, 'x'), (2, False, '')]}\n"
+
+
+@pytest.mark.parametrize("user, status, error", [
+    (STRANGER, tessardctl.REFUSED, "tessardctl: Rejected send message, "),
+    (ADMINISTRATOR, tessardctl.SUCCESS, ""),
+])
+def test_tessardctl_tells_whether_its_user_may(daemon, policed_bus, start, user, status, error):
+    look = start("producers", "--bus", policed_bus.address, "--names", cwd="/", **user).finish()
+    switch = start("enable", "--bus", policed_bus.address, VIDEO_TRACKER, "1", "x", cwd="/", **user).finish()
+
+    assert (look.status, look.out.decode(), look.err) == (tessardctl.SUCCESS, f"{VIDEO_TRACKER}\n", b"")
+    assert (switch.status, switch.out) == (status, b"")
+    assert switch.err.decode().startswith(error) and switch.err.count(b"\n") == (1 if error else 0)
