@@ -111,10 +111,11 @@ class OverdueStart:
 class OverdueCall(threading.Thread):
     """One command of tessardctl, from its start to its end."""
 
-    def __init__(self, tool, seconds):
+    def __init__(self, seconds, *words):
         super().__init__(daemon=True)
+        # On a busy machine the command may have begun to wait long before its start is over here.
         self.began = time.monotonic()
-        self.tool = tool
+        self.tool = Tessardctl(*words)
         self.seconds = None
         self.patience_seconds = seconds + TOLERANCE_SECONDS
         self.start()
@@ -163,7 +164,7 @@ class OverdueCalls:
 
     @staticmethod
     def _start_call(changes, address, *words):
-        return OverdueCall(Tessardctl(*words, "--bus", address), CALL_SECONDS + changes * CHANGE_SECONDS)
+        return OverdueCall(CALL_SECONDS + changes * CHANGE_SECONDS, *words, "--bus", address)
 
     def _write_changes(self):
         path = self.folder / "changes.json"
