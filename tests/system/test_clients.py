@@ -11,9 +11,9 @@ import time
 import pytest
 
 from client import stuck_client
-from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
+from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, RADAR_TRACKER, WARNING, producers_enabled
 from documents import INITIALIZED
-from installation import documented_limit, unprivileged
+from installation import RADAR_PLUGINS, documented_limit, unprivileged
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 REQUEST_THREADS = 2
@@ -336,6 +336,23 @@ def test_descriptors_that_run_out_on_the_way_cost_one_request(start_daemon, spar
     assert reply == "OK" or reply.startswith("FAIL\nUnable to create source: ") or reply == NOT_PRODUCED
 
     expect_nothing_left(limited)
+    with limited.client() as client:
+        assert client.ask("") == NOTHING_ASKED
+    limited.log.take()
+
+
+@pytest.mark.parametrize("spare", range(1, 15))
+def test_descriptors_that_run_out_while_the_platform_is_asked_cost_one_request(camera, start_daemon, spare):
+    limited = start_daemon(plugins=RADAR_PLUGINS, producers=producers_enabled({(RADAR_TRACKER, 1): "radar"}))
+    limited.allow_on_stderr("Too many open files")
+    limited.allow_on_stderr("GStreamer-CRITICAL")
+    leave_descriptors(limited, spare)
+    with limited.client() as client:
+        client.send(b"OPEN\nanalytics=1\n\n")
+        wait_until(lambda: client.unsent() == 0, "the request is read")
+        client.close_writing()
+        client.read_to_end()
+
     with limited.client() as client:
         assert client.ask("") == NOTHING_ASKED
     limited.log.take()
