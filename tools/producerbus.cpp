@@ -57,8 +57,9 @@ connect_in_time(const gchar *address, GError **error)
 {
   g_autoptr(GCancellable) cancellable = g_cancellable_new();
   g_autoptr(GAsyncResult) result = nullptr;
+  /* GLib rounds a time-out in seconds, also down. */
   const guint overdue =
-      g_timeout_add_seconds(PRODUCER_BUS_TIMEOUT_SECONDS, on_connecting_overdue, cancellable);
+      g_timeout_add(PRODUCER_BUS_TIMEOUT_SECONDS * 1000, on_connecting_overdue, cancellable);
 
   g_dbus_connection_new_for_address(address, CONNECTION_FLAGS, nullptr, cancellable, on_connected, &result);
   while (result == nullptr) {
