@@ -79,13 +79,18 @@ stop_group() {
   kill -KILL -- "-$1" 2>/dev/null || true
 }
 
-cleanup() {
+# Ends everything that was started, the latest first.
+stop_started() {
   local index
   trap '' INT TERM HUP
   for ((index = ${#STARTED[@]} - 1; index >= 0; index--)); do
     stop_group "${STARTED[index]}"
   done
   wait 2>/dev/null || true
+}
+
+cleanup() {
+  stop_started
   rm -rf -- "$WORK"
 }
 
