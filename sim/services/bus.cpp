@@ -9,7 +9,7 @@ namespace sim
 namespace
 {
 
-/* Values that the D-Bus specification gives. */
+/* Values of the bus' own protocol. */
 constexpr guint32 DO_NOT_QUEUE = 4;
 constexpr guint32 PRIMARY_OWNER = 1;
 constexpr guint32 ALREADY_OWNER = 4;

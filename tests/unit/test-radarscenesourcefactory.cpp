@@ -129,45 +129,22 @@ TEST_F(RadarSceneSourceFactoryTest, IsAPlainObjectThatIsAFactory)
 
 TEST_F(RadarSceneSourceFactoryTest, PublishesTheTracker)
 {
-  g_autoptr(AnalyticsProducer) producer = dup_producer();
-  ASSERT_NE(producer, nullptr);
-  g_autofree gchar *name = nullptr;
-  g_autofree gchar *nice_name = nullptr;
-  gint type = -1;
+  expect_published("Quon radar motion tracker");
+}
 
-  g_object_get(producer, "name", &name, "nice-name", &nice_name, "type", &type, nullptr);
-  EXPECT_STREQ(name, TRACKER);
-  EXPECT_STREQ(nice_name, "Quon radar motion tracker");
-  EXPECT_EQ(type, 0);
-  for (const guint32 channel : {1, 2, 5}) {
-    EXPECT_TRUE(analytics_producer_is_channel_supported(producer, channel)) << channel;
-  }
-  EXPECT_FALSE(analytics_producer_is_channel_supported(producer, 3));
+TEST_F(RadarSceneSourceFactoryTest, PublishesTheChannelsOfTheConfiguration)
+{
+  expect_supported_channels({1, 2, 5}, {0, 3, 4, 6});
 }
 
 TEST_F(RadarSceneSourceFactoryTest, LeavesTheProducerToTheList)
 {
-  AnalyticsProducer *producer = dup_producer();
-  const testhost::Observed observed(producer);
-  g_object_unref(producer);
-
-  release_factory();
-  EXPECT_TRUE(analytics_producer_list_contains(producers(), TRACKER));
-  analytics_producer_list_remove(producers(), TRACKER);
-  EXPECT_FALSE(observed.alive());
+  expect_left_to_the_list();
 }
 
 TEST_F(RadarSceneSourceFactoryTest, ShowsASampleFrameInOneLine)
 {
-  g_autoptr(AnalyticsProducer) producer = dup_producer();
-  g_autofree gchar *sample_frame = nullptr;
-
-  g_object_get(producer, "sample-frame-xml", &sample_frame, nullptr);
-  const std::string frame = sample_frame;
-  EXPECT_EQ(frame.size(), SAMPLE_FRAME_LENGTH);
-  EXPECT_EQ(frame, testscenes::print_in_one_line(testscenes::sample_frame(TRACKER, radar_appearance())));
-  EXPECT_TRUE(testscenes::is_well_formed(frame));
-  EXPECT_EQ(frame.find_first_of("\n\r\t"), std::string::npos);
+  expect_sample_frame(SAMPLE_FRAME_LENGTH, testscenes::sample_frame(TRACKER, radar_appearance()));
 }
 
 TEST_F(RadarSceneSourceFactoryTest, LeavesThePrefixOfTheRadarUndeclared)

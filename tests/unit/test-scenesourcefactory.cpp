@@ -183,54 +183,22 @@ TEST_F(SceneSourceFactoryTest, DocumentsHowLongARequestWaits)
 
 TEST_F(SceneSourceFactoryTest, PublishesTheTracker)
 {
-  g_autoptr(AnalyticsProducer) producer = dup_producer();
-  ASSERT_NE(producer, nullptr);
-  g_autofree gchar *name = nullptr;
-  g_autofree gchar *nice_name = nullptr;
-  gint type = -1;
-
-  g_object_get(producer, "name", &name, "nice-name", &nice_name, "type", &type, nullptr);
-  EXPECT_STREQ(name, TRACKER);
-  EXPECT_STREQ(nice_name, "Quon video motion tracker");
-  EXPECT_EQ(type, 0);
+  expect_published("Quon video motion tracker");
 }
 
 TEST_F(SceneSourceFactoryTest, PublishesTheChannelsOfTheConfiguration)
 {
-  g_autoptr(AnalyticsProducer) producer = dup_producer();
-  ASSERT_NE(producer, nullptr);
-
-  for (const guint32 channel : {1, 2, 5}) {
-    EXPECT_TRUE(analytics_producer_is_channel_supported(producer, channel)) << channel;
-  }
-  for (const guint32 channel : {0, 3, 4, 6}) {
-    EXPECT_FALSE(analytics_producer_is_channel_supported(producer, channel)) << channel;
-  }
+  expect_supported_channels({1, 2, 5}, {0, 3, 4, 6});
 }
 
 TEST_F(SceneSourceFactoryTest, LeavesTheProducerToTheList)
 {
-  AnalyticsProducer *producer = dup_producer();
-  const testhost::Observed observed(producer);
-  g_object_unref(producer);
-
-  release_factory();
-  EXPECT_TRUE(analytics_producer_list_contains(producers(), TRACKER));
-  analytics_producer_list_remove(producers(), TRACKER);
-  EXPECT_FALSE(observed.alive());
+  expect_left_to_the_list();
 }
 
 TEST_F(SceneSourceFactoryTest, ShowsASampleFrameInOneLine)
 {
-  g_autoptr(AnalyticsProducer) producer = dup_producer();
-  g_autofree gchar *sample_frame = nullptr;
-
-  g_object_get(producer, "sample-frame-xml", &sample_frame, nullptr);
-  const std::string text = sample_frame;
-  EXPECT_EQ(text.size(), SAMPLE_FRAME_LENGTH);
-  EXPECT_EQ(text, testscenes::print_in_one_line(testscenes::sample_frame(TRACKER, {})));
-  EXPECT_TRUE(testscenes::is_well_formed(text));
-  EXPECT_EQ(text.find_first_of("\n\r\t"), std::string::npos);
+  expect_sample_frame(SAMPLE_FRAME_LENGTH, testscenes::sample_frame(TRACKER, {}));
 }
 
 /* Parameters. */

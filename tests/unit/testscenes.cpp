@@ -236,6 +236,64 @@ Fixture::capture()
 }
 
 void
+Fixture::expect_published(const char *nice_name) const
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  ASSERT_NE(producer, nullptr);
+  g_autofree gchar *name = nullptr;
+  g_autofree gchar *actual_nice_name = nullptr;
+  gint type = -1;
+
+  g_object_get(producer, "name", &name, "nice-name", &actual_nice_name, "type", &type, nullptr);
+  EXPECT_EQ(name, tracker_);
+  EXPECT_STREQ(actual_nice_name, nice_name);
+  EXPECT_EQ(type, ANALYTICS_PRODUCER_BUILT_IN);
+}
+
+void
+Fixture::expect_supported_channels(const std::vector<guint32> &supported,
+                                   const std::vector<guint32> &others) const
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  ASSERT_NE(producer, nullptr);
+
+  for (const guint32 channel : supported) {
+    EXPECT_TRUE(analytics_producer_is_channel_supported(producer, channel)) << channel;
+  }
+  for (const guint32 channel : others) {
+    EXPECT_FALSE(analytics_producer_is_channel_supported(producer, channel)) << channel;
+  }
+}
+
+void
+Fixture::expect_left_to_the_list()
+{
+  AnalyticsProducer *producer = dup_producer();
+  const testhost::Observed observed(producer);
+  g_object_unref(producer);
+
+  release_factory();
+  EXPECT_TRUE(analytics_producer_list_contains(producers_, tracker_.c_str()));
+  analytics_producer_list_remove(producers_, tracker_.c_str());
+  EXPECT_FALSE(observed.alive());
+}
+
+void
+Fixture::expect_sample_frame(gsize length, const Node &root) const
+{
+  g_autoptr(AnalyticsProducer) producer = dup_producer();
+  ASSERT_NE(producer, nullptr);
+  g_autofree gchar *sample_frame = nullptr;
+
+  g_object_get(producer, "sample-frame-xml", &sample_frame, nullptr);
+  const std::string text = sample_frame;
+  EXPECT_EQ(text.size(), length);
+  EXPECT_EQ(text, print_in_one_line(root));
+  EXPECT_TRUE(is_well_formed(text));
+  EXPECT_EQ(text.find_first_of("\n\r\t"), std::string::npos);
+}
+
+void
 Fixture::stop_capture()
 {
   capture_.reset();

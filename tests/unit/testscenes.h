@@ -77,6 +77,16 @@ protected:
   AnalyticsProducerList *producers() const;
   AnalyticsProducer *dup_producer() const;
   testbus::Service &capture();
+
+  /* The producer is a built-in one, and nobody but the list keeps it. */
+  void expect_published(const char *nice_name) const;
+  void expect_supported_channels(const std::vector<guint32> &supported,
+                                 const std::vector<guint32> &others) const;
+  void expect_left_to_the_list();
+
+  /* What the producer shows as a sample, @length characters, is @root and has no line breaks. */
+  void expect_sample_frame(gsize length, const Node &root) const;
+
   void stop_capture();
   void stop_bus();
 

@@ -42,6 +42,15 @@ drop_queued(GstHarness *harness)
 }
 
 void
+expect_other_event_refused(GstHarness *harness)
+{
+  GstStructure *other = gst_structure_new_empty("GstSomethingElse");
+
+  EXPECT_FALSE(
+      gst_harness_push_upstream_event(harness, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, other)));
+}
+
+void
 expect_sticky_events_in_order(GstHarness *harness)
 {
   std::vector<GstEventType> types;

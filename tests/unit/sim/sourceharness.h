@@ -11,6 +11,9 @@ GstHarness *play_with_caps(GstElement *element, const std::string &caps);
 std::string pull_text(GstHarness *harness);
 void drop_queued(GstHarness *harness);
 
+/* Whether it takes no custom event but the one that it knows. */
+void expect_other_event_refused(GstHarness *harness);
+
 /* Whether its stream begins as every live source's: at least one buffer has been pulled. */
 void expect_sticky_events_in_order(GstHarness *harness);
 

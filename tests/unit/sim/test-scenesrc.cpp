@@ -354,9 +354,7 @@ TEST_P(SceneSrc, DoesNotAnswerOtherEvents)
 {
   g_autoptr(GstHarness) harness = play(make());
   pull_scene(harness);
-  GstStructure *other = gst_structure_new_empty("GstSomethingElse");
-  EXPECT_FALSE(
-      gst_harness_push_upstream_event(harness, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, other)));
+  expect_other_event_refused(harness);
 }
 
 INSTANTIATE_TEST_SUITE_P(Plugins, SceneSrc, testing::Values(SCENE, RADAR_SCENE));
