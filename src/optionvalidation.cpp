@@ -82,6 +82,25 @@ option_validation_parse_channel(const gchar *value, GError **error)
 }
 
 /**
+ * option_validation_lookup_channel:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * The channel whose analytics a request means: the one that it names with "video_channel", or
+ * %OPTION_VALIDATION_DEFAULT_CHANNEL. Any thread.
+ *
+ * Returns: the channel, or -1 with the error of option_validation_parse_channel(), which has logged it
+ */
+gint32
+option_validation_lookup_channel(GHashTable *params, GError **error)
+{
+  const gchar *channel = source_factory_lookup_param(params, "video_channel");
+
+  return channel != nullptr ? option_validation_parse_channel(channel, error)
+                            : OPTION_VALIDATION_DEFAULT_CHANNEL;
+}
+
+/**
  * option_validation_parse_analytics:
  * @value: (transfer none) (nullable): the text of "analytics", %NULL if the request has none
  * @error: (out) (optional): where to put the failure, unset

@@ -5,6 +5,14 @@
 G_BEGIN_DECLS
 
 /**
+ * OPTION_VALIDATION_DEFAULT_CHANNEL:
+ *
+ * The video channel that a request for analytics means when it names none. Not the first number that a
+ * request may name, which is 0: channels are counted from 1, and this default is deliberate and kept.
+ */
+#define OPTION_VALIDATION_DEFAULT_CHANNEL 1
+
+/**
  * OPTION_VALIDATION_ANALYTICS_INVALID:
  *
  * What option_validation_parse_analytics() returns for a text that it refuses.
@@ -14,6 +22,8 @@ G_BEGIN_DECLS
 GQuark option_validation_error_quark(void);
 
 gint32 option_validation_parse_channel(const gchar *value, GError **error);
+
+gint32 option_validation_lookup_channel(GHashTable *params, GError **error);
 
 gint32 option_validation_parse_analytics(const gchar *value, GError **error);
 

@@ -7,6 +7,7 @@
  */
 #include "radarscenesourcefactory.h"
 
+#include "optionvalidation.h"
 #include "scenesource.h"
 #include "sourcefactory.h"
 
@@ -137,7 +138,7 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
   if (!parse_analytics(params, &analytics, error)) {
     return nullptr;
   }
-  const gint32 channel = scene_source_parse_channel(params, error);
+  const gint32 channel = option_validation_lookup_channel(params, error);
   if (channel < 0) {
     return nullptr;
   }

@@ -8,7 +8,6 @@
  */
 #include "scenesource.h"
 
-#include "optionvalidation.h"
 #include "producerconfig.h"
 #include "sourcefactory.h"
 #include "systembus.h"
@@ -17,10 +16,6 @@
 
 namespace
 {
-
-/* For a request that names no channel. Not the first number that a request may name, which is 0: channels are
- * counted from 1, and this default is deliberate and kept. */
-constexpr gint32 DEFAULT_CHANNEL = 1;
 
 constexpr const char *CAPTURE_NAME = "com.quon.Capt1";
 constexpr const char *CAPTURE_CHANNEL_PATH = "/com/quon/Capt1/Channels/%d";
@@ -107,19 +102,6 @@ add_all(GstElement *bin, const std::array<Addition, 3> &additions, GError **erro
   return TRUE;
 }
 
-/* A converter without such a pad is the platform's fault, and no reason for GStreamer to complain. */
-gboolean
-add_ghost_pad(GstElement *bin, GstElement *converter)
-{
-  g_autoptr(GstPad) target = gst_element_get_static_pad(converter, "src");
-  if (target == nullptr) {
-    return FALSE;
-  }
-
-  GstPad *pad = gst_ghost_pad_new("src", target);
-  return pad != nullptr && gst_element_add_pad(bin, pad);
-}
-
 } // namespace
 
 /**
@@ -141,23 +123,6 @@ scene_source_publish_producer(AnalyticsProducerList *producers, const gchar *nam
       analytics_producer_new(name, nice_name, sample_frame_xml, channels, ANALYTICS_PRODUCER_BUILT_IN);
 
   analytics_producer_list_add(producers, producer);
-}
-
-/**
- * scene_source_parse_channel:
- * @params: (transfer none) (element-type utf8 utf8): the request's parameters
- * @error: (out) (optional): where to put the failure
- *
- * The channel that a request names with "video_channel", or channel 1. Any thread.
- *
- * Returns: the channel, or -1 with the error of option_validation_parse_channel(), which has logged it
- */
-gint32
-scene_source_parse_channel(GHashTable *params, GError **error)
-{
-  const gchar *channel = source_factory_lookup_param(params, "video_channel");
-
-  return channel != nullptr ? option_validation_parse_channel(channel, error) : DEFAULT_CHANNEL;
 }
 
 /**
@@ -251,7 +216,7 @@ scene_source_new(const SceneSourceKind *kind, gint32 channel, gboolean polygon,
     fail(error, kind->not_linked);
     return nullptr;
   }
-  if (!add_ghost_pad(bin, converter)) {
+  if (!source_factory_add_ghost_pad(bin, converter)) {
     fail(error, kind->no_ghost_pad);
     return nullptr;
   }

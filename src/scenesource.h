@@ -93,8 +93,6 @@ typedef gboolean (*SceneSourceConfigureFunc)(GstElement *converter, gpointer use
 void scene_source_publish_producer(AnalyticsProducerList *producers, const gchar *name,
                                    const gchar *nice_name, const gchar *sample_frame_xml);
 
-gint32 scene_source_parse_channel(GHashTable *params, GError **error);
-
 gboolean scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gint32 channel,
                                  gchar **source_name);
 

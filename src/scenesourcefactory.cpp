@@ -110,7 +110,7 @@ parse_request(GHashTable *params, Request *request, GError **error)
   if (request->analytics == ANALYTICS_OFF || request->analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
     return FALSE;
   }
-  request->channel = scene_source_parse_channel(params, error);
+  request->channel = option_validation_lookup_channel(params, error);
   return request->channel >= 0 && parse_ptz(params, request, error);
 }
 

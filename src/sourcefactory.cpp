@@ -62,6 +62,28 @@ source_factory_lookup_param(GHashTable *params, const gchar *key)
 }
 
 /**
+ * source_factory_add_ghost_pad:
+ * @bin: (transfer none): the bin that a factory builds
+ * @last: (transfer none): the element in it whose pad "src" is the bin's output
+ *
+ * Gives @bin the one pad that a source has to have, "src". An element without such a pad is the platform's
+ * fault, and no reason for GStreamer to complain. Any thread.
+ *
+ * Returns: %FALSE when there is no pad to show, or it cannot be added
+ */
+gboolean
+source_factory_add_ghost_pad(GstElement *bin, GstElement *last)
+{
+  g_autoptr(GstPad) target = gst_element_get_static_pad(last, "src");
+  if (target == nullptr) {
+    return FALSE;
+  }
+
+  GstPad *pad = gst_ghost_pad_new("src", target);
+  return pad != nullptr && gst_element_add_pad(bin, pad);
+}
+
+/**
  * source_factory_fail:
  * @error: (out) (optional): where to put the failure, unset
  * @domain: the error's domain

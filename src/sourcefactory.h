@@ -28,6 +28,8 @@ GstElement *source_factory_create_source(SourceFactory *self, GHashTable *params
 
 const gchar *source_factory_lookup_param(GHashTable *params, const gchar *key);
 
+gboolean source_factory_add_ghost_pad(GstElement *bin, GstElement *last);
+
 void source_factory_fail(GError **error, GQuark domain, const gchar *format, ...) G_GNUC_PRINTF(3, 4);
 
 G_END_DECLS

@@ -46,6 +46,29 @@ expect_channel_refused(const char *text, const std::string &message)
   expect_error(error, message);
 }
 
+using Params = std::vector<std::pair<const char *, const char *>>;
+
+GHashTable *
+make_params(const Params &pairs)
+{
+  GHashTable *params = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+
+  for (const auto &[key, value] : pairs) {
+    g_hash_table_insert(params, g_strdup(key), g_strdup(value));
+  }
+  return params;
+}
+
+void
+expect_channel_of(const Params &pairs, gint32 channel)
+{
+  g_autoptr(GHashTable) params = make_params(pairs);
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_lookup_channel(params, &error), channel);
+  EXPECT_EQ(error, nullptr);
+}
+
 std::string
 invalid_channel(const std::string &text)
 {
@@ -127,6 +150,27 @@ TEST_F(OptionValidationTest, RefusesAChannelWithoutAPlaceForTheError)
 {
   EXPECT_EQ(option_validation_parse_channel("one", nullptr), -1);
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, invalid_channel("one")}}));
+}
+
+TEST_F(OptionValidationTest, TakesTheFirstChannelForARequestThatNamesNone)
+{
+  expect_channel_of({}, OPTION_VALIDATION_DEFAULT_CHANNEL);
+  expect_channel_of({{"channel", "7"}, {"analytics", "2"}}, 1);
+}
+
+TEST_F(OptionValidationTest, TakesTheChannelThatARequestNames)
+{
+  expect_channel_of({{"video_channel", "7"}}, 7);
+  expect_channel_of({{"video_channel", ""}}, 0);
+}
+
+TEST_F(OptionValidationTest, RefusesABadChannelOfARequest)
+{
+  g_autoptr(GHashTable) params = make_params({{"video_channel", "1a"}});
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_lookup_channel(params, &error), -1);
+  expect_error(error, invalid_channel("1a"));
 }
 
 TEST_F(OptionValidationTest, TakesNoAnalyticsForNone)

@@ -129,3 +129,26 @@ TEST_F(SourceFactoryTest, LooksUpAParameterWithoutCopyingIt)
   EXPECT_EQ(source_factory_lookup_param(params_, "event"), value);
   EXPECT_EQ(source_factory_lookup_param(params_, "ptz"), nullptr);
 }
+
+TEST_F(SourceFactoryTest, ShowsTheOutputOfTheLastElementAsTheBins)
+{
+  g_autoptr(GstElement) bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr)));
+  GstElement *last = gst_element_factory_make("identity", nullptr);
+  gst_bin_add(GST_BIN(bin), last);
+
+  ASSERT_TRUE(source_factory_add_ghost_pad(bin, last));
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(bin, "src");
+  ASSERT_TRUE(GST_IS_GHOST_PAD(pad));
+  g_autoptr(GstPad) target = gst_ghost_pad_get_target(GST_GHOST_PAD(pad));
+  EXPECT_EQ(GST_PAD_PARENT(target), last);
+}
+
+TEST_F(SourceFactoryTest, ShowsNothingOfAnElementWithoutAnOutput)
+{
+  g_autoptr(GstElement) bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr)));
+  GstElement *last = gst_element_factory_make("fakesink", nullptr);
+  gst_bin_add(GST_BIN(bin), last);
+
+  EXPECT_FALSE(source_factory_add_ghost_pad(bin, last));
+  EXPECT_EQ(bin->numpads, 0);
+}
