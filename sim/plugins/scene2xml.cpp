@@ -4,7 +4,6 @@
 #include "scenefragment.h"
 #include "settings.h"
 
-#include <algorithm>
 #include <array>
 #include <gst/base/gstbasetransform.h>
 #include <utility>
@@ -217,10 +216,8 @@ clean_name(const std::optional<std::string> &name)
   if (!name.has_value()) {
     return std::nullopt;
   }
-  g_autofree char *clean = sim::xml_clean_text(name->c_str());
-  g_autofree char *beginning =
-      g_utf8_substring(clean, 0, std::min(g_utf8_strlen(clean, -1), sim::SOURCE_NAME_MAX));
-  return beginning;
+  g_autofree char *clean = sim::xml_clean_beginning(name->c_str(), sim::SOURCE_NAME_MAX);
+  return clean;
 }
 
 guint

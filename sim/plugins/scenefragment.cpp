@@ -1,5 +1,7 @@
 #include "scenefragment.h"
 
+#include "frame.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -14,8 +16,6 @@ namespace
 constexpr XmlNamespace QURT = {"qurt", "urn:tessard:simulated-camera:radar"};
 
 /* Decimals, as many as mean something. */
-constexpr int PICTURE_DIGITS = 4;
-constexpr int MEASURE_DIGITS = 2; /* metres, metres per second, degrees and likelihoods */
 constexpr int EARTH_DIGITS = 7;
 
 /* Turns the picture clockwise: (1, 0) goes to `right`, (0, 1) to `up`. */
@@ -32,16 +32,14 @@ constexpr std::array<Turn, 4> TURNS = {{
     {270, {0, 1}, {-1, 0}},
 }};
 
-/* A type has one name among the well-known ones and one, with its misspelling, in the older enumeration. */
-struct ClassNames {
+struct TypeName {
   ObjectType type;
-  const char *candidate;
   const char *name;
 };
 
-constexpr std::array<ClassNames, 2> CLASS_NAMES = {{
-    {ObjectType::HUMAN, "Human", "Human"},
-    {ObjectType::VEHICLE, "Vehical", "Vehicle"},
+constexpr std::array<TypeName, 2> TYPE_NAMES = {{
+    {ObjectType::HUMAN, "Human"},
+    {ObjectType::VEHICLE, "Vehicle"},
 }};
 
 const Turn *
@@ -52,11 +50,12 @@ find_turn(guint rotation)
   return found != TURNS.end() ? &*found : nullptr;
 }
 
-const ClassNames &
-names_of(ObjectType type)
+const char *
+name_of(ObjectType type)
 {
-  return *std::find_if(CLASS_NAMES.begin(), CLASS_NAMES.end(),
-                       [type](const ClassNames &names) { return names.type == type; });
+  return std::find_if(TYPE_NAMES.begin(), TYPE_NAMES.end(),
+                      [type](const TypeName &named) { return named.type == type; })
+      ->name;
 }
 
 Point
@@ -77,55 +76,15 @@ turn_box(const Turn &turn, const Box &box)
 }
 
 void
-write_point(xmlTextWriter *writer, const char *name, const Point &point)
-{
-  xml_start(writer, TT, name);
-  xml_attribute_number(writer, "x", point.x, PICTURE_DIGITS);
-  xml_attribute_number(writer, "y", point.y, PICTURE_DIGITS);
-  xml_end(writer);
-}
-
-void
-write_box(xmlTextWriter *writer, const Box &box)
-{
-  xml_start(writer, TT, "BoundingBox");
-  xml_attribute_number(writer, "left", box.left, PICTURE_DIGITS);
-  xml_attribute_number(writer, "top", box.top, PICTURE_DIGITS);
-  xml_attribute_number(writer, "right", box.right, PICTURE_DIGITS);
-  xml_attribute_number(writer, "bottom", box.bottom, PICTURE_DIGITS);
-  xml_end(writer);
-}
-
-void
 write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
 {
-  xml_start(writer, TT, "Shape");
-  write_box(writer, turn_box(turn, *object.box));
-  write_point(writer, "CenterOfGravity", turn_point(turn, object.centre));
-  if (view.polygon && !object.polygon.empty()) {
-    xml_start(writer, TT, "Polygon");
+  std::vector<Point> polygon;
+  if (view.polygon) {
     for (const Point &point : object.polygon) {
-      write_point(writer, "Point", turn_point(turn, point));
+      polygon.push_back(turn_point(turn, point));
     }
-    xml_end(writer);
   }
-  xml_end(writer);
-}
-
-void
-write_class(xmlTextWriter *writer, const SceneObject &object)
-{
-  const ClassNames &names = names_of(object.type);
-  xml_start(writer, TT, "Class");
-  xml_start(writer, TT, "ClassCandidate");
-  xml_element(writer, TT, "Type", names.candidate);
-  xml_element_number(writer, TT, "Likelihood", object.likelihood, MEASURE_DIGITS);
-  xml_end(writer);
-  xml_start(writer, TT, "Type");
-  xml_attribute_number(writer, "Likelihood", object.likelihood, MEASURE_DIGITS);
-  xml_text(writer, names.name);
-  xml_end(writer);
-  xml_end(writer);
+  frame_write_shape(writer, turn_box(turn, *object.box), turn_point(turn, object.centre), polygon);
 }
 
 /* The radar does not turn with the picture. */
@@ -171,7 +130,7 @@ write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneVi
   if (object.box.has_value()) {
     write_shape(writer, object, view, turn);
   }
-  write_class(writer, object);
+  frame_write_class(writer, name_of(object.type), object.likelihood);
   if (object.radar.has_value()) {
     write_radar(writer, object, view);
     if (view.geolocation) {
@@ -207,18 +166,6 @@ write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &
 }
 
 void
-write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)
-{
-  xml_start(writer, TT, "ObjectTree");
-  for (gint64 id : deleted) {
-    xml_start(writer, TT, "Delete");
-    xml_attribute(writer, "ObjectId", std::to_string(id).c_str());
-    xml_end(writer);
-  }
-  xml_end(writer);
-}
-
-void
 write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
 {
   const Turn &turn = *find_turn(view.rotation);
@@ -234,9 +181,7 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
   for (const SceneObject &object : scene.objects) {
     write_object(writer, object, view, turn);
   }
-  if (!scene.deleted.empty()) {
-    write_deleted(writer, scene.deleted);
-  }
+  frame_write_deleted(writer, scene.deleted);
   xml_end(writer);
 }
 

@@ -1,5 +1,7 @@
 #include "scenemodel.h"
 
+#include "metadata.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -32,9 +34,6 @@ namespace
 #define SCENE_TYPE "(yxa" OBJECT_TYPE "ax)"
 
 constexpr guint8 FORMAT_VERSION = 1;
-
-/* The end of 2099. With the fastest speed, the world's time then stays within 64 bits. */
-constexpr gint64 LATEST_UTC = G_GINT64_CONSTANT(4102444799) * G_USEC_PER_SEC;
 
 /* Beyond everything that moves or is seen on the ground: metres, and metres per second. */
 constexpr double LARGEST_MEASURE = 100000;

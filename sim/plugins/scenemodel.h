@@ -1,5 +1,6 @@
 #pragma once
 
+#include "frame.h"
 #include "ground.h"
 
 #include <gst/gst.h>
@@ -9,15 +10,6 @@
 
 namespace sim
 {
-
-struct Box {
-  double left;
-  double top;
-  double right;
-  double bottom;
-
-  bool operator==(const Box &) const = default;
-};
 
 /* What only the radar measures. */
 struct RadarEcho {

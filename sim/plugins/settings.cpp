@@ -1,5 +1,7 @@
 #include "settings.h"
 
+#include "metadata.h"
+
 #include <algorithm>
 
 /* The settings are read once by everyone who needs them and then passed by value. A file that cannot be used
@@ -13,9 +15,6 @@ namespace
 
 constexpr const char *WORLD_GROUP = "World";
 constexpr const char *PTZ_GROUP = "PTZ";
-
-/* The end of 2099. With the fastest speed, the world's time then stays within 64 bits. */
-constexpr gint64 LATEST_EPOCH = G_GINT64_CONSTANT(4102444799);
 
 /* A key that is not there leaves the default; any other failure spoils the file. */
 bool
@@ -57,7 +56,7 @@ read_epoch(GKeyFile *file, gint64 *epoch, GError **error)
   g_autoptr(GTimeZone) utc = g_time_zone_new_utc();
   g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(text, utc);
   gint64 value = time != nullptr ? g_date_time_to_unix(time) : -1;
-  if (value < 0 || value > LATEST_EPOCH) {
+  if (value < 0 || value > LATEST_UTC / G_USEC_PER_SEC) {
     g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE,
                 "the epoch must be an ISO 8601 time from 1970 to 2099");
     return false;

@@ -1,5 +1,6 @@
 #include "xml.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <libxml/chvalid.h>
@@ -168,6 +169,20 @@ xml_clean_text(const char *text)
     g_string_append_unichar(clean, xmlIsCharQ(character) ? character : REPLACEMENT_CHARACTER);
   }
   return g_string_free(clean, FALSE);
+}
+
+/**
+ * xml_clean_beginning:
+ * @text: any bytes
+ * @max_characters: how many characters to keep
+ *
+ * Returns: (transfer full): the beginning of @text, cleaned like xml_clean_text() does
+ */
+char *
+xml_clean_beginning(const char *text, glong max_characters)
+{
+  g_autofree char *clean = xml_clean_text(text);
+  return g_utf8_substring(clean, 0, std::min(g_utf8_strlen(clean, -1), max_characters));
 }
 
 /**

@@ -37,6 +37,7 @@ void xml_element_number(xmlTextWriter *writer, const XmlNamespace &element_names
 void xml_declare(xmlTextWriter *writer, const XmlNamespace &declared);
 void xml_end(xmlTextWriter *writer);
 char *xml_clean_text(const char *text);
+char *xml_clean_beginning(const char *text, glong max_characters);
 char *xml_date_time(gint64 utc);
 GstBuffer *xml_to_gst_buffer(xmlBuffer *buffer);
 
