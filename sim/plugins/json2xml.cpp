@@ -1,0 +1,229 @@
+#include "json2xml.h"
+
+#include "metadata.h"
+#include "producerfragment.h"
+
+#include <libxml/parser.h>
+#include <utility>
+
+/* Turns each text that external producers are heard with into one fragment of ONVIF metadata. A text that is
+ * malformed is left out, or what is wrong in it is; the stream goes on, and the first of several in a row is
+ * warned of.
+ *
+ * The texts come as bytes without caps, so that neither caps nor a segment of bytes from upstream mean
+ * anything to those downstream: the output has its own.
+ *
+ * Threads: the properties are under the object lock. `was_malformed` belongs to the streaming thread, and to
+ * the thread that starts the element before. */
+
+struct _TessardSimJsonToXml {
+  GstElement parent_instance;
+  GstPad *src_pad; /* borrowed */
+  gboolean exclude_polygon;
+  gboolean sample_frame;
+  gboolean was_malformed;
+};
+
+enum {
+  PROP_0,
+  PROP_EXCLUDE_POLYGON,
+  PROP_SAMPLE_FRAME,
+  N_PROPERTIES,
+};
+
+static GParamSpec *properties[N_PROPERTIES];
+
+GST_DEBUG_CATEGORY_STATIC(json_to_xml_debug);
+#define GST_CAT_DEFAULT json_to_xml_debug
+
+G_DEFINE_FINAL_TYPE(TessardSimJsonToXml, tessard_sim_json_to_xml, GST_TYPE_ELEMENT)
+
+namespace
+{
+
+sim::ProducerView
+current_view(TessardSimJsonToXml *self)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
+  return {.polygon = !self->exclude_polygon, .sample = self->sample_frame != FALSE};
+}
+
+/* Producers share the stream, and the first of many warnings says enough. */
+void
+tell_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
+{
+  bool is_malformed = flaws.fatal != nullptr || flaws.partial != nullptr;
+  if (std::exchange(self->was_malformed, is_malformed) || !is_malformed) {
+    return;
+  }
+  if (flaws.fatal != nullptr) {
+    GST_ELEMENT_WARNING(self, STREAM, DECODE, ("A frame of a producer is malformed and left out."),
+                        ("%s", flaws.fatal));
+  } else {
+    GST_ELEMENT_WARNING(self, STREAM, DECODE, ("A part of a producer's frame is malformed and left out."),
+                        ("%s", flaws.partial));
+  }
+}
+
+gboolean
+push_caps(TessardSimJsonToXml *self)
+{
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  return gst_pad_push_event(self->src_pad, gst_event_new_caps(caps));
+}
+
+/* Only a segment of times means the same after the conversion. */
+GstEvent *
+own_segment(GstEvent *event)
+{
+  const GstSegment *segment = nullptr;
+  gst_event_parse_segment(event, &segment);
+  if (segment->format == GST_FORMAT_TIME) {
+    return event;
+  }
+  GstSegment times;
+  gst_segment_init(&times, GST_FORMAT_TIME);
+  GstEvent *own = gst_event_new_segment(&times);
+  gst_event_set_seqnum(own, gst_event_get_seqnum(event));
+  gst_event_unref(event);
+  return own;
+}
+
+GstFlowReturn
+on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
+{
+  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(parent);
+  g_autoptr(GstBuffer) input = buffer;
+  sim::ProducerFlaws flaws;
+  std::optional<sim::ProducerFrame> frame = sim::producer_frame_from_buffer(input, &flaws);
+  tell_flaws(self, flaws);
+  if (!frame.has_value()) {
+    return GST_FLOW_OK;
+  }
+  GstBuffer *output = sim::producer_frame_to_fragment(*frame, current_view(self), g_get_real_time());
+  gst_buffer_copy_into(output, input, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
+  return gst_pad_push(self->src_pad, output);
+}
+
+gboolean
+on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
+{
+  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(parent);
+  switch (GST_EVENT_TYPE(event)) {
+  case GST_EVENT_STREAM_START:
+    return gst_pad_event_default(pad, parent, event) && push_caps(self);
+  case GST_EVENT_CAPS:
+    gst_event_unref(event);
+    return TRUE;
+  case GST_EVENT_SEGMENT:
+    return gst_pad_event_default(pad, parent, own_segment(event));
+  default:
+    return gst_pad_event_default(pad, parent, event);
+  }
+}
+
+} /* namespace */
+
+static void
+tessard_sim_json_to_xml_init(TessardSimJsonToXml *self)
+{
+  GstElement *element = GST_ELEMENT(self);
+  GstElementClass *klass = GST_ELEMENT_GET_CLASS(self);
+  GstPad *sink_pad = gst_pad_new_from_template(gst_element_class_get_pad_template(klass, "sink"), "sink");
+  gst_pad_set_chain_function(sink_pad, on_chain);
+  gst_pad_set_event_function(sink_pad, on_sink_event);
+  gst_element_add_pad(element, sink_pad);
+
+  self->src_pad = gst_pad_new_from_template(gst_element_class_get_pad_template(klass, "src"), "src");
+  gst_pad_use_fixed_caps(self->src_pad);
+  gst_element_add_pad(element, self->src_pad);
+}
+
+static void
+tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+{
+  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
+  switch (id) {
+  case PROP_EXCLUDE_POLYGON:
+    self->exclude_polygon = g_value_get_boolean(value);
+    break;
+  case PROP_SAMPLE_FRAME:
+    self->sample_frame = g_value_get_boolean(value);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+}
+
+static void
+tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+{
+  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
+  switch (id) {
+  case PROP_EXCLUDE_POLYGON:
+    g_value_set_boolean(value, self->exclude_polygon);
+    break;
+  case PROP_SAMPLE_FRAME:
+    g_value_set_boolean(value, self->sample_frame);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+}
+
+static GstStateChangeReturn
+tessard_sim_json_to_xml_change_state(GstElement *element, GstStateChange transition)
+{
+  if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) {
+    TESSARD_SIM_JSON_TO_XML(element)->was_malformed = FALSE;
+  }
+  return GST_ELEMENT_CLASS(tessard_sim_json_to_xml_parent_class)->change_state(element, transition);
+}
+
+static void
+install_properties(GObjectClass *object_class)
+{
+  auto flags =
+      static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
+  properties[PROP_EXCLUDE_POLYGON] = g_param_spec_boolean(
+      "exclude-polygon", "Exclude polygon", "Whether to leave out the outlines of objects", FALSE, flags);
+  properties[PROP_SAMPLE_FRAME] = g_param_spec_boolean(
+      "sample-frame", "Sample frame", "Whether each text is a producer's sample, not a part of its stream",
+      FALSE, flags);
+  g_object_class_install_properties(object_class, N_PROPERTIES, properties);
+}
+
+static void
+tessard_sim_json_to_xml_class_init(TessardSimJsonToXmlClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
+
+  GST_DEBUG_CATEGORY_INIT(json_to_xml_debug, "json2xml", 0, "External producers of the simulated camera");
+  object_class->set_property = tessard_sim_json_to_xml_set_property;
+  object_class->get_property = tessard_sim_json_to_xml_get_property;
+  element_class->change_state = tessard_sim_json_to_xml_change_state;
+  install_properties(object_class);
+
+  g_autoptr(GstCaps) any = gst_caps_new_any();
+  gst_element_class_add_pad_template(element_class,
+                                     gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, any));
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  gst_element_class_add_pad_template(element_class,
+                                     gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+  gst_element_class_set_static_metadata(element_class, "JSON to ONVIF metadata", "Formatter/Metadata",
+                                        "Turns what external producers send into ONVIF metadata", "tessard");
+}
+
+static gboolean
+plugin_init(GstPlugin *plugin)
+{
+  xmlInitParser();
+  return gst_element_register(plugin, "json2xml", GST_RANK_NONE, TESSARD_SIM_TYPE_JSON_TO_XML);
+}
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml,
+                  "External producers of the simulated camera", plugin_init, VERSION, GST_LICENSE_UNKNOWN,
+                  PACKAGE, "tessard")

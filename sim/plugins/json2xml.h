@@ -1,0 +1,10 @@
+#pragma once
+
+#include <gst/gst.h>
+
+G_BEGIN_DECLS
+
+#define TESSARD_SIM_TYPE_JSON_TO_XML (tessard_sim_json_to_xml_get_type())
+G_DECLARE_FINAL_TYPE(TessardSimJsonToXml, tessard_sim_json_to_xml, TESSARD_SIM, JSON_TO_XML, GstElement)
+
+G_END_DECLS

@@ -1,0 +1,124 @@
+#include "producerfragment.h"
+
+#include "metadata.h"
+
+namespace sim
+{
+
+namespace
+{
+
+/* What all frames of one text have in common. */
+struct Manner {
+  const ProducerView &view;
+  const char *source; /* unset if the frames are nobody's */
+  gint64 arrival;
+};
+
+Point
+centre_of(const ProducerObject &object)
+{
+  const Box &box = *object.box;
+  return object.centre.value_or(Point{(box.left + box.right) / 2, (box.bottom + box.top) / 2});
+}
+
+void
+write_type(xmlTextWriter *writer, const ProducerObject &object)
+{
+  g_autofree char *type = xml_clean_text(object.type->c_str());
+  frame_write_class(writer, type, object.likelihood);
+}
+
+/* ONVIF has no shape without a box. */
+void
+write_appearance(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
+{
+  if (!object.box.has_value() && !object.type.has_value()) {
+    return;
+  }
+  xml_start(writer, TT, "Appearance");
+  if (object.box.has_value()) {
+    frame_write_shape(writer, *object.box, centre_of(object),
+                      view.polygon ? object.polygon : std::vector<Point>());
+  }
+  if (object.type.has_value()) {
+    write_type(writer, object);
+  }
+  xml_end(writer);
+}
+
+void
+write_object(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
+{
+  xml_start(writer, TT, "Object");
+  xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  write_appearance(writer, object, view);
+  xml_end(writer);
+}
+
+/* The element is open, and the same whatever it is called. */
+void
+write_item(xmlTextWriter *writer, const ProducerItem &item, const Manner &manner)
+{
+  g_autofree char *utc = xml_date_time(item.utc.value_or(manner.arrival));
+  xml_attribute(writer, "UtcTime", utc);
+  if (manner.source != nullptr) {
+    xml_attribute(writer, "Source", manner.source);
+  }
+  for (const ProducerObject &object : item.objects) {
+    write_object(writer, object, manner.view);
+  }
+  frame_write_deleted(writer, item.deleted);
+}
+
+void
+write_sample(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
+{
+  xml_start(writer, TT, "SampleFrame");
+  xml_declare(writer, TT);
+  write_item(writer, frame.items.front(), manner);
+  xml_end(writer);
+}
+
+void
+write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
+{
+  xml_start(writer, TT, "VideoAnalytics");
+  xml_declare(writer, TT);
+  for (const ProducerItem &item : frame.items) {
+    xml_start(writer, TT, "Frame");
+    write_item(writer, item, manner);
+    xml_end(writer);
+  }
+  xml_end(writer);
+}
+
+} /* namespace */
+
+/**
+ * producer_frame_to_fragment:
+ * @frame: the frame, which has an item at least
+ * @view: how to show it
+ * @arrival: when it came, in microseconds since 1970: the time of what has none of its own
+ *
+ * Returns: (transfer full): one tt:VideoAnalytics element with one tt:Frame for each item, with the caps
+ *   %FRAGMENT_CAPS; or one tt:SampleFrame, of the first item
+ */
+GstBuffer *
+producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival)
+{
+  bool is_start = frame.source == STREAM_START_SOURCE;
+  g_autofree char *source = xml_clean_beginning(frame.source.c_str(), SOURCE_NAME_MAX);
+  Manner manner = {.view = view, .source = is_start ? nullptr : source, .arrival = arrival};
+  g_autoptr(xmlBuffer) text = xmlBufferCreate();
+  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
+  if (view.sample) {
+    write_sample(writer, frame, manner);
+  } else {
+    write_frames(writer, frame, manner);
+  }
+  xmlTextWriterFlush(writer);
+  return xml_to_gst_buffer(text);
+}
+
+} /* namespace sim */
