@@ -1,35 +1,26 @@
 #include "scenesrc.h"
 
-#include "bookmark.h"
-#include "scenemodel.h"
+#include "scenestory.h"
 #include "waking.h"
 
-#include <algorithm>
 #include <array>
 #include <gst/base/gstpushsrc.h>
 
-/* A live source of scenes: what is in the picture, again and again while anything is, and now and then while
- * nothing is. The first scene comes at once, so that a pipeline pre-rolls; so does one after each sync point.
- * Whoever was in the last scene and has left is told to have left in the next one.
+/* A live source of scenes, see SceneStory. The first comes at once, so that a pipeline pre-rolls; so does one
+ * after each sync point.
  *
  * What is downstream chooses by the caps what the objects come with.
  *
- * Threads: `Story` belongs to the streaming thread while the element runs, and to the thread that starts it
+ * Threads: the story belongs to the streaming thread while the element runs, and to the thread that starts it
  * before; caps are set in the streaming thread. `Waking` is for every thread. The property is under the
  * object lock. */
 
 namespace
 {
 
-struct Story {
-  sim::Bookmark bookmark;
-  sim::SceneDetails details;
-  std::vector<gint64> present; /* who was in the last scene */
-};
-
 struct State {
   int channel = 1;
-  Story story;
+  sim::SceneStory story;
   sim::Waking waking;
 };
 
@@ -55,12 +46,6 @@ gpointer parent_class;
 GST_DEBUG_CATEGORY_STATIC(scene_src_debug);
 #define GST_CAT_DEFAULT scene_src_debug
 
-/* Between two scenes at least, and as long as somebody is in the picture. */
-constexpr gint64 INTERVAL = G_USEC_PER_SEC / 10;
-
-/* As long as nobody is. */
-constexpr gint64 EMPTY_INTERVAL = 2 * G_USEC_PER_SEC;
-
 /* What the caps let choose. */
 struct Choice {
   const char *field;
@@ -85,75 +70,17 @@ described(gpointer object)
   return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneSrcClass)->described;
 }
 
-/* The time of the next scene. An arrival in an empty picture is not waited for longer than needed. */
-gint64
-next_utc(const Story &story)
-{
-  const sim::Settings &settings = story.bookmark.settings();
-  sim::WorldTime told_until = story.bookmark.told_until();
-  gint64 told_utc = sim::settings_utc(settings, told_until);
-  if (!story.present.empty()) {
-    return told_utc + INTERVAL;
-  }
-  gint64 latest = told_utc + EMPTY_INTERVAL;
-  for (const sim::Change &change :
-       story.bookmark.world().changes_between(told_until, sim::settings_world_time(settings, latest))) {
-    if (change.type == sim::ChangeType::MOTION) {
-      return std::max(told_utc + INTERVAL, sim::settings_utc(settings, change.time));
-    }
-  }
-  return latest;
-}
-
-/* Until the next scene; nothing or less if it is due. */
-gint64
-time_left(const Story &story)
-{
-  if (!story.bookmark.can_continue(story.bookmark.now())) {
-    return 0;
-  }
-  return next_utc(story) - g_get_real_time();
-}
-
 /* The system's two clocks are not read in one moment, so a sleep may turn out to have been too short. */
 sim::Wake
 wait_for_next(State &state)
 {
   for (;;) {
-    gint64 left = time_left(state.story);
+    gint64 left = state.story.time_left();
     sim::Wake wake = state.waking.wait_until(g_get_monotonic_time() + left);
     if (wake != sim::Wake::DUE || left <= 0) {
       return wake;
     }
   }
-}
-
-std::vector<gint64>
-who_left(const std::vector<gint64> &before, const std::vector<gint64> &present)
-{
-  std::vector<gint64> left;
-  std::copy_if(before.begin(), before.end(), std::back_inserter(left), [&present](gint64 id) {
-    return std::find(present.begin(), present.end(), id) == present.end();
-  });
-  return left;
-}
-
-sim::Scene
-next_scene(Story &story)
-{
-  sim::WorldTime now = story.bookmark.now();
-  std::vector<sim::Object> objects = story.bookmark.world().objects_at(now);
-  std::vector<gint64> present;
-  present.reserve(objects.size());
-  for (const sim::Object &object : objects) {
-    present.push_back(object.id);
-  }
-  sim::Scene scene = {.utc = sim::settings_utc(story.bookmark.settings(), now),
-                      .objects = sim::scene_objects(objects, story.details),
-                      .deleted = who_left(story.present, present)};
-  story.present = std::move(present);
-  story.bookmark.move_to(now);
-  return scene;
 }
 
 int
@@ -230,8 +157,7 @@ gboolean
 start(GstBaseSrc *base)
 {
   State *state = as_scene_src(base)->state;
-  state->story.bookmark.open();
-  state->story.present.clear();
+  state->story.open();
   state->story.details.radar = described(base).radar;
   state->waking.forget_sync_point();
   return TRUE;
@@ -269,7 +195,7 @@ create(GstPushSrc *push, GstBuffer **buffer)
   if (wait_for_next(*state) == sim::Wake::FLUSHING) {
     return GST_FLOW_FLUSHING;
   }
-  *buffer = sim::scene_to_buffer(next_scene(state->story));
+  *buffer = sim::scene_to_buffer(state->story.next_scene());
   return GST_FLOW_OK;
 }
 

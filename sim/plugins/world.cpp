@@ -461,4 +461,26 @@ World::next_change_after(WorldTime time) const
   return changes_between(time, time + LONGEST_QUIET).front().time;
 }
 
+/**
+ * World::first_arrival_between:
+ * @after: end of what is known already
+ * @until: last moment to look at
+ * @only: the one type of objects that counts; all if unset
+ *
+ * Returns: when an object first enters the picture, later than @after and no later than @until, if one does
+ */
+std::optional<WorldTime>
+World::first_arrival_between(WorldTime after, WorldTime until, std::optional<ObjectType> only) const
+{
+  std::optional<WorldTime> first;
+  for (const Pass &pass : passes_during(seed_, after, until)) {
+    WorldTime start = pass.move.start;
+    bool counts = start > after && start <= until && (!only.has_value() || pass.body->type == *only);
+    if (counts && (!first.has_value() || start < *first)) {
+      first = start;
+    }
+  }
+  return first;
+}
+
 } /* namespace sim */

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <glib.h>
+#include <optional>
 #include <vector>
 
 /* The story that the whole simulated camera tells: people and vehicles pass through the picture and cross a
@@ -90,6 +91,8 @@ public:
 
   std::vector<Change> changes_between(WorldTime after, WorldTime until) const;
   WorldTime next_change_after(WorldTime time) const;
+  std::optional<WorldTime> first_arrival_between(WorldTime after, WorldTime until,
+                                                 std::optional<ObjectType> only) const;
 
 private:
   guint64 seed_;
