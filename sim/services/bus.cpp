@@ -1,5 +1,7 @@
 #include "bus.h"
 
+#include <cstring>
+
 /* GLib's g_bus_own_name() tells later, by a callback, and waits in a queue for a name that is taken. Here
  * whoever asks has to know at once, and a name that is taken is an error, so the bus itself is asked. */
 
@@ -53,6 +55,55 @@ bus_connect(const char *address, GError **error)
       static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
       nullptr, nullptr, error);
+}
+
+/**
+ * bus_can_carry:
+ * @value: any value
+ *
+ * Maybe types are none of the bus. GDBus finds those inside of variants when it writes the message, but takes
+ * a body for granted.
+ *
+ * Returns: whether @value can be in a message
+ */
+bool
+bus_can_carry(GVariant *value)
+{
+  g_autoptr(GDBusMessage) message = g_dbus_message_new_signal("/message", "any.Interface", "Any");
+  gsize size = 0;
+
+  if (strchr(g_variant_get_type_string(value), 'm') != nullptr) {
+    return false;
+  }
+  g_dbus_message_set_body(
+      message, g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE) ? value : g_variant_new("(v)", value));
+  g_autofree guchar *blob =
+      g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr);
+  return blob != nullptr;
+}
+
+/**
+ * bus_reply:
+ * @call: (transfer full): a call
+ * @body: (transfer floating): the reply's body, a tuple of whatever type
+ * @fds: (nullable): the reply's descriptors
+ *
+ * Replies. GDBus would hold a method's result against the interface and drop what does not fit, so this is
+ * sent as a message.
+ */
+void
+bus_reply(GDBusMethodInvocation *call, GVariant *body, GUnixFDList *fds)
+{
+  g_autoptr(GDBusMethodInvocation) invocation = call;
+  g_autoptr(GDBusMessage) reply =
+      g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
+
+  g_dbus_message_set_body(reply, body);
+  if (fds != nullptr) {
+    g_dbus_message_set_unix_fd_list(reply, fds);
+  }
+  g_dbus_connection_send_message(g_dbus_method_invocation_get_connection(invocation), reply,
+                                 G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
 }
 
 /**

@@ -24,6 +24,9 @@ struct Options {
     g_free(move_capabilities);
     g_strfreev(rotations);
     g_strfreev(misbehaviours);
+    g_free(producers);
+    g_strfreev(recordings);
+    g_free(rate);
   }
 
   gchar *bus = nullptr;
@@ -32,6 +35,10 @@ struct Options {
   gchar *move_capabilities = nullptr;
   gchar **rotations = nullptr;
   gchar **misbehaviours = nullptr;
+  gchar *producers = nullptr;
+  gchar **recordings = nullptr;
+  gchar *rate = nullptr;
+  gboolean once = FALSE;
 };
 
 struct Run {
@@ -76,6 +83,13 @@ parse_options(Options *options, int *argc, char ***argv, GError **error)
        "What the PTZ driver can do (default: 7)", "N"},
       {"misbehave", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->misbehaviours, "How a service misbehaves",
        "SERVICE=HOW[:ARGUMENT]"},
+      {"producers", 0, 0, G_OPTION_ARG_FILENAME, &options->producers,
+       "The built-in producers that are there, with commas (default: all)", "LIST"},
+      {"producer", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->recordings,
+       "One more producer, which replays a file of JSON lines; -: what comes on standard input", "NAME=FILE"},
+      {"rate", 0, 0, G_OPTION_ARG_FILENAME, &options->rate,
+       "How many messages a second are replayed; 0: as fast as they are taken (default: as recorded)", "N"},
+      {"once", 0, 0, G_OPTION_ARG_NONE, &options->once, "End streams with what they replay", nullptr},
       {},
   };
   g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
@@ -150,7 +164,11 @@ apply_options(sim::Platform *platform, const Options &options, GError **error)
          (options.move_capabilities == nullptr ||
           run_verb(platform, {"move-capabilities", options.move_capabilities}, error)) &&
          run_verbs(platform, "rotation", options.rotations, "=", error) &&
-         run_verbs(platform, "misbehave", options.misbehaviours, "=:", error);
+         run_verbs(platform, "misbehave", options.misbehaviours, "=:", error) &&
+         (options.producers == nullptr || platform->receiver->choose_producers(options.producers, error)) &&
+         (options.rate == nullptr || run_verb(platform, {"rate", options.rate}, error)) &&
+         (!options.once || run_verb(platform, {"once", "yes"}, error)) &&
+         run_verbs(platform, "add-producer", options.recordings, "=", error);
 }
 
 gboolean
@@ -245,6 +263,7 @@ main(int argc, char **argv)
 {
   setlocale(LC_ALL, "");
   g_set_prgname("simcamera");
+  signal(SIGPIPE, SIG_IGN); /* readers of streams go when they like */
 
   if (argc > 1 && g_str_equal(argv[1], "tell")) {
     return run_tell(argc - 1, argv + 1);

@@ -1,7 +1,8 @@
 #include "misbehaviour.h"
 
+#include "bus.h"
+
 #include <array>
-#include <cstring>
 
 /* The ways to misbehave that every service has stand in one table; replies of a wrong form are named by each
  * service, which alone knows what the right one is. GDBus would check replies against the interface, so a
@@ -14,23 +15,6 @@ namespace
 {
 
 constexpr const char *DEFAULT_ERROR_TEXT = "The simulated service fails.";
-
-/* Maybe types are none of the bus. GDBus finds those inside of variants when it writes the message, but takes
- * a body for granted. */
-bool
-is_sendable(GVariant *body)
-{
-  g_autoptr(GDBusMessage) message = g_dbus_message_new_signal("/message", "any.Interface", "Any");
-  gsize size = 0;
-
-  if (strchr(g_variant_get_type_string(body), 'm') != nullptr) {
-    return false;
-  }
-  g_dbus_message_set_body(message, body);
-  g_autofree guchar *blob =
-      g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr);
-  return blob != nullptr;
-}
 
 bool
 prepare_error(Misbehaviour *misbehaviour, const std::string *argument, GError **error)
@@ -52,7 +36,7 @@ prepare_reply(Misbehaviour *misbehaviour, const std::string *argument, GError **
   if (!g_variant_is_of_type(body, G_VARIANT_TYPE_TUPLE)) {
     return refuse(error, "the reply must be a tuple, not '%s'", argument->c_str());
   }
-  if (!is_sendable(body)) {
+  if (!bus_can_carry(body)) {
     return refuse(error, "the bus carries no such reply: '%s'", argument->c_str());
   }
   misbehaviour->conduct = Conduct::REPLY;
@@ -115,6 +99,7 @@ prepare(const WrongReply &wrong, const Words &words, Misbehaviour *misbehaviour,
   if (words.size() > 1) {
     return refuse(error, "wrong number of arguments; usage: %s", wrong.kind);
   }
+  misbehaviour->reply_has_descriptors = wrong.with_descriptors;
   return prepare_reply(misbehaviour, &body, error);
 }
 

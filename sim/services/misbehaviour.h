@@ -20,6 +20,7 @@ enum class Conduct {
 struct WrongReply {
   const char *kind;
   const char *body;
+  bool with_descriptors = false; /* whether those of the right answer come with it */
 };
 
 /* How a service answers. */
@@ -33,6 +34,7 @@ struct Misbehaviour {
   Conduct conduct = Conduct::GOOD;
   std::string error_text;
   std::unique_ptr<GVariant, Free> reply;
+  bool reply_has_descriptors = false; /* those of the right answer */
   guint delay_ms = 0;
 };
 

@@ -9,24 +9,14 @@
 namespace sim
 {
 
-namespace
-{
-
-Words
-split(const std::string &list)
-{
-  g_auto(GStrv) parts = g_strsplit(list.c_str(), ",", -1);
-
-  return Words(parts, parts + g_strv_length(parts));
-}
-
-} /* namespace */
-
 Platform::Platform()
 {
   services_.push_back(std::make_unique<PtzCoordinator>(camera));
   services_.push_back(std::make_unique<VideoCapture>(camera));
   services_.push_back(std::make_unique<SceneManager>(camera));
+  auto metadata_receiver = std::make_unique<MetadataReceiver>(camera);
+  receiver = metadata_receiver.get();
+  services_.push_back(std::move(metadata_receiver));
 }
 
 /**
@@ -76,7 +66,7 @@ Platform::service_list() const
 bool
 Platform::choose_services(const std::string &list, GError **error)
 {
-  const Words wanted = split(list);
+  const Words wanted = words_split(list);
 
   for (const std::string &nick : wanted) {
     if (find_service(nick, error) == nullptr) {

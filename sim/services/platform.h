@@ -1,7 +1,7 @@
 #pragma once
 
 #include "camera.h"
-#include "service.h"
+#include "metadatareceiver.h"
 
 namespace sim
 {
@@ -13,6 +13,7 @@ public:
   Platform();
 
   Camera camera;
+  MetadataReceiver *receiver; /* one of the services */
 
   Service *find_service(const std::string &nick, GError **error) const;
   std::string service_list() const;

@@ -10,29 +10,45 @@ namespace
 
 constexpr const char *ERROR_NAME = "org.freedesktop.DBus.Error.Failed";
 
-/* As a message, because GDBus holds a method's result against the interface and drops what does not fit.
- * Takes the call over. */
+/* Takes the call over. */
 void
-send_reply(GDBusMethodInvocation *call, GVariant *body)
+answer_rightly(GDBusMethodInvocation *invocation, const RightAnswer &right)
 {
-  g_autoptr(GDBusMethodInvocation) invocation = call;
-  g_autoptr(GDBusMessage) reply =
-      g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
+  GError *error = nullptr;
+  const std::optional<Reply> reply = right(&error);
 
-  g_dbus_message_set_body(reply, body);
-  g_dbus_connection_send_message(g_dbus_method_invocation_get_connection(invocation), reply,
-                                 G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+  if (!reply.has_value()) {
+    g_dbus_method_invocation_take_error(invocation, error);
+    return;
+  }
+  g_autoptr(GUnixFDList) fds = reply->fds;
+  bus_reply(invocation, reply->body, fds);
+}
+
+/* A reply of a wrong form, which may come with the right one's descriptors. Takes the call over. */
+void
+answer_wrongly(GDBusMethodInvocation *invocation, const Misbehaviour &how, const RightAnswer &right)
+{
+  g_autoptr(GVariant) unused = nullptr;
+  g_autoptr(GUnixFDList) fds = nullptr;
+
+  if (how.reply_has_descriptors) {
+    if (const std::optional<Reply> reply = right(nullptr)) {
+      unused = g_variant_ref_sink(reply->body);
+      fds = reply->fds;
+    }
+  }
+  bus_reply(invocation, how.reply.get(), fds);
 }
 
 /* A slow answer on its way. */
 struct LateAnswer {
   GDBusMethodInvocation *invocation; /* owned; unset once answered */
-  GVariant *body;                    /* owned */
+  RightAnswer right;
 
   ~LateAnswer()
   {
     g_clear_object(&invocation);
-    g_variant_unref(body);
   }
 };
 
@@ -41,15 +57,15 @@ on_answer_due(gpointer user_data)
 {
   auto *late = static_cast<LateAnswer *>(user_data);
 
-  send_reply(g_steal_pointer(&late->invocation), late->body);
+  answer_rightly(g_steal_pointer(&late->invocation), late->right);
   return G_SOURCE_REMOVE;
 }
 
 /* Takes the call over. */
 void
-send_reply_later(GDBusMethodInvocation *call, GVariant *body, guint delay_ms)
+answer_later(GDBusMethodInvocation *call, RightAnswer right, guint delay_ms)
 {
-  g_timeout_add_full(G_PRIORITY_DEFAULT, delay_ms, on_answer_due, new LateAnswer{call, g_variant_ref(body)},
+  g_timeout_add_full(G_PRIORITY_DEFAULT, delay_ms, on_answer_due, new LateAnswer{call, std::move(right)},
                      [](gpointer data) { delete static_cast<LateAnswer *>(data); });
 }
 
@@ -176,21 +192,37 @@ Service::behave()
 void
 Service::answer(GDBusMethodInvocation *invocation, GVariant *body)
 {
-  g_autoptr(GVariant) right = g_variant_ref_sink(body);
+  const std::shared_ptr<GVariant> right(g_variant_ref_sink(body), g_variant_unref);
+
+  answer(invocation, {}, [right](GError **error) { return Reply{.body = right.get()}; });
+}
+
+/**
+ * Service::answer:
+ * @invocation: (transfer full): a question
+ * @particular: how whoever was asked misbehaves for itself; counts before how the service does
+ * @right: makes the right answer, when that is sent
+ *
+ * Answers as the service behaves at the moment.
+ */
+void
+Service::answer(GDBusMethodInvocation *invocation, const Misbehaviour &particular, RightAnswer right)
+{
+  const Misbehaviour &how = particular.conduct != Conduct::GOOD ? particular : misbehaviour_;
 
   calls_++;
-  switch (misbehaviour_.conduct) {
+  switch (how.conduct) {
   case Conduct::GOOD:
-    send_reply(invocation, right);
+    answer_rightly(invocation, right);
     break;
   case Conduct::ERROR:
-    g_dbus_method_invocation_return_dbus_error(invocation, ERROR_NAME, misbehaviour_.error_text.c_str());
+    g_dbus_method_invocation_return_dbus_error(invocation, ERROR_NAME, how.error_text.c_str());
     break;
   case Conduct::REPLY:
-    send_reply(invocation, misbehaviour_.reply.get());
+    answer_wrongly(invocation, how, right);
     break;
   case Conduct::SLOW:
-    send_reply_later(invocation, right, misbehaviour_.delay_ms);
+    answer_later(invocation, std::move(right), how.delay_ms);
     break;
   case Conduct::NEVER:
     g_object_unref(invocation);

@@ -2,8 +2,21 @@
 
 #include "misbehaviour.h"
 
+#include <functional>
+#include <gio/gunixfdlist.h>
+#include <optional>
+
 namespace sim
 {
+
+/* What answers a question. */
+struct Reply {
+  GVariant *body;             /* floating, or somebody else's */
+  GUnixFDList *fds = nullptr; /* owned by whoever gets the reply; unset if no descriptors come with it */
+};
+
+/* Makes the right answer, or sets the error that is the right answer. */
+using RightAnswer = std::function<std::optional<Reply>(GError **error)>;
 
 /* One service of the platform: a name on the bus, objects behind it, and how it behaves. Main thread only.
  *
@@ -31,6 +44,7 @@ protected:
   virtual bool export_objects(GDBusConnection *connection, GError **error) = 0;
 
   void answer(GDBusMethodInvocation *invocation, GVariant *body);
+  void answer(GDBusMethodInvocation *invocation, const Misbehaviour &particular, RightAnswer right);
   void answer_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value);
 
 private:

@@ -110,6 +110,149 @@ run_move_capabilities(Platform *platform, const Words &arguments, Answer *answer
   return true;
 }
 
+bool
+run_add_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  return platform->receiver->add_producer(arguments[0], arguments.size() > 1 ? &arguments[1] : nullptr,
+                                          error);
+}
+
+bool
+run_remove_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  return platform->receiver->remove_producer(arguments[0], error);
+}
+
+bool
+run_property(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  return platform->receiver->set_property(arguments[0], arguments[1], arguments[2], error);
+}
+
+bool
+run_sample_frame(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+
+  if (producer == nullptr) {
+    return false;
+  }
+  producer->set_sample_frame(arguments[1]);
+  return true;
+}
+
+bool
+run_misbehave_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+
+  return producer != nullptr &&
+         producer->misbehave(arguments[1], Words(arguments.begin() + 2, arguments.end()), error);
+}
+
+bool
+run_behave_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+
+  if (producer == nullptr) {
+    return false;
+  }
+  producer->behave();
+  return true;
+}
+
+bool
+run_streams(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  const Producer *producer = platform->receiver->find_producer(arguments[0], error);
+
+  if (producer == nullptr) {
+    return false;
+  }
+  *answer = std::to_string(producer->stream_count());
+  return true;
+}
+
+bool
+run_hang_up(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+
+  if (producer == nullptr) {
+    return false;
+  }
+  producer->hang_up();
+  return true;
+}
+
+/* One of two words. */
+bool
+parse_choice(const std::string &word, const char *what, const char *yes, const char *no, bool *chosen,
+             GError **error)
+{
+  if (word != yes && word != no) {
+    return refuse(error, "%s must be %s or %s, not '%s'", what, yes, no, word.c_str());
+  }
+  *chosen = word == yes;
+  return true;
+}
+
+bool
+run_descriptors(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+  Descriptors descriptors;
+  const std::string mode = arguments.size() > 2 ? arguments[2] : "blocking";
+
+  if (producer == nullptr ||
+      !parse_choice(arguments[1], "the descriptor", "socket", "pipe", &descriptors.socket, error) ||
+      !parse_choice(mode, "its mode", "blocking", "nonblocking", &descriptors.blocking, error)) {
+    return false;
+  }
+  producer->descriptors = descriptors;
+  return true;
+}
+
+bool
+run_pieces(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  Producer *producer = platform->receiver->find_producer(arguments[0], error);
+  gint64 bytes = 0;
+  gint64 pause_ms = 0;
+
+  if (producer == nullptr ||
+      !parse_number(arguments[1], "the number of bytes", 0, Pieces::MAX_BYTES, &bytes, error) ||
+      !parse_number(arguments[2], "the pause in milliseconds", 0, Pieces::MAX_PAUSE_MS, &pause_ms, error)) {
+    return false;
+  }
+  producer->pieces = {.bytes = static_cast<gsize>(bytes), .pause_ms = static_cast<guint>(pause_ms)};
+  return true;
+}
+
+bool
+run_rate(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  std::optional<guint> *rate = &platform->receiver->pace.rate;
+  gint64 number = 0;
+
+  if (arguments[0] == "recorded") {
+    rate->reset();
+    return true;
+  }
+  if (!parse_number(arguments[0], "the rate", 0, Pace::MAX_RATE, &number, error)) {
+    return false;
+  }
+  *rate = static_cast<guint>(number);
+  return true;
+}
+
+bool
+run_once(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  return parse_choice(arguments[0], "once", "yes", "no", &platform->receiver->pace.once, error);
+}
+
 struct Verb {
   const char *name;
   gsize min_arguments;
@@ -131,6 +274,27 @@ constexpr std::array VERBS = {
          run_rotation},
     Verb{"move-capabilities", 1, 1, "move-capabilities N", "the PTZ driver has these capabilities",
          run_move_capabilities},
+    Verb{"add-producer", 1, 2, "add-producer NAME [FILE]",
+         "a producer comes: a built-in one, or one that replays the file", run_add_producer},
+    Verb{"remove-producer", 1, 1, "remove-producer NAME", "the producer goes, and its streams end",
+         run_remove_producer},
+    Verb{"property", 3, 3, "property NAME PROPERTY VALUE",
+         "the producer is announced anew with this; none: without it", run_property},
+    Verb{"sample-frame", 2, 2, "sample-frame NAME TEXT", "this is the producer's sample frame",
+         run_sample_frame},
+    Verb{"misbehave-producer", 3, 4, "misbehave-producer NAME METHOD HOW [ARGUMENT]",
+         "the producer's method answers so from now on", run_misbehave_producer},
+    Verb{"behave-producer", 1, 1, "behave-producer NAME", "the producer's methods answer rightly from now on",
+         run_behave_producer},
+    Verb{"streams", 1, 1, "streams NAME", "prints how many of the producer's streams are open", run_streams},
+    Verb{"hang-up", 1, 1, "hang-up NAME", "all streams of the producer end", run_hang_up},
+    Verb{"descriptors", 2, 3, "descriptors NAME pipe|socket [nonblocking]",
+         "what the producer's later streams are", run_descriptors},
+    Verb{"pieces", 3, 3, "pieces NAME BYTES MILLISECONDS",
+         "messages come in such pieces with such pauses; 0: whole", run_pieces},
+    Verb{"rate", 1, 1, "rate N|recorded", "later replays tell so many messages a second; 0: all at once",
+         run_rate},
+    Verb{"once", 1, 1, "once yes|no", "whether replays end with their recording", run_once},
 };
 
 const Verb *

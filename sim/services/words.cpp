@@ -25,6 +25,20 @@ refuse(GError **error, const char *format, ...)
 }
 
 /**
+ * words_split:
+ * @list: words with commas between them; may be empty
+ *
+ * Returns: the words
+ */
+Words
+words_split(const std::string &list)
+{
+  g_auto(GStrv) parts = g_strsplit(list.c_str(), ",", -1);
+
+  return Words(parts, parts + g_strv_length(parts));
+}
+
+/**
  * check_text:
  * @word: the word
  * @error: set if the bus carries no such text

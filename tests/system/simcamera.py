@@ -7,8 +7,8 @@ import subprocess
 from installation import unprivileged
 from waiting import BOUND_SECONDS
 
-PTZ, CAPTURE, SCENES = "ptz", "capture", "scenes"
-SERVICES = (PTZ, CAPTURE, SCENES)
+PTZ, CAPTURE, SCENES, RECEIVER = "ptz", "capture", "scenes", "receiver"
+SERVICES = (PTZ, CAPTURE, SCENES, RECEIVER)
 
 
 class Refused(Exception):

@@ -8,7 +8,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import PROPERTIES, BusClient, error_text
-from simcamera import CAPTURE, PTZ, SCENES, SERVICES, Refused, SimulatedCamera
+from simcamera import CAPTURE, PTZ, RECEIVER, SCENES, SERVICES, Refused, SimulatedCamera
 from waiting import BOUND_SECONDS, wait_until
 
 CONTROL_NAME = "tessard.SimulatedCamera1"
@@ -17,6 +17,7 @@ BUS_NAMES = {
     PTZ: "com.quon.PTZ.Coordinator",
     CAPTURE: "com.quon.Capt1",
     SCENES: "com.quon.VideoSceneManager1",
+    RECEIVER: "com.quon.MetadataReceiver1",
 }
 
 PTZ_OBJECT = (BUS_NAMES[PTZ], "/com/quon/PTZ/Coordinator/1")
@@ -26,10 +27,19 @@ CAPTURE_PROPERTY = ("com.quon.Capt1.Channel", "settings")
 SCENES_OBJECT = (BUS_NAMES[SCENES], "/com/quon/VideoSceneManager1")
 SCENES_METHOD = ("com.quon.VideoSceneManager1.Scene", "GetNumberOfChannels")
 
+RECEIVER_OBJECT = (BUS_NAMES[RECEIVER], "/com/quon/MetadataReceiver1/Producers/VehicleDetector")
+RECEIVER_METHOD = ("com.quon.MetadataReceiver1.Producer", "GetSampleFrame")
+
+SAMPLE_FRAME = (
+    '{"UtcTime":"2024-01-01T00:00:00.000000Z","Objects":[{"Id":2,"BoundingBox":{"Left":0.18000000000000002,'
+    '"Top":0.14000000000000001,"Right":0.62,"Bottom":-0.14000000000000001},"Type":"Vehicle",'
+    '"Likelihood":0.92000000000000004}],"Deleted":[]}')
+
 RIGHT_ANSWERS = {
     PTZ: "(<7>,)",
     CAPTURE: "(<{'rotation': <uint32 0>}>,)",
     SCENES: "(2,)",
+    RECEIVER: f"('{SAMPLE_FRAME}',)",
 }
 
 DEFAULT_ERROR_TEXT = "The simulated service fails."
@@ -40,6 +50,10 @@ SLOW_MS = 300
 MAX_CHANNELS = 16
 
 USAGE, FAILURE = 2, 1
+
+VERBS = ("absent, present, misbehave, behave, calls, channels, rotation, move-capabilities, add-producer, "
+         "remove-producer, property, sample-frame, misbehave-producer, behave-producer, streams, hang-up, "
+         "descriptors, pieces, rate, once")
 
 KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
@@ -56,6 +70,8 @@ class Asker(BusClient):
             reply = self.get(*PTZ_OBJECT, *PTZ_PROPERTY, **arguments)
         elif service == CAPTURE:
             reply = self.capture(**arguments)
+        elif service == RECEIVER:
+            reply = self.call(*RECEIVER_OBJECT, *RECEIVER_METHOD, **arguments)
         else:
             reply = self.call(*SCENES_OBJECT, *SCENES_METHOD, **arguments)
         return reply.print_(True)
@@ -134,6 +150,9 @@ def test_channels_come_and_go_with_their_rotation(camera, asker):
     (*PTZ_OBJECT, PTZ_PROPERTY[0], "({'DriverMoveCapabilities': <7>},)"),
     (BUS_NAMES[CAPTURE], f"{CAPTURE_PATH}/1", CAPTURE_PROPERTY[0], "({'settings': <{'rotation': <uint32 0>}>},)"),
     (*SCENES_OBJECT, SCENES_METHOD[0], "(@a{sv} {},)"),
+    (*RECEIVER_OBJECT, RECEIVER_METHOD[0], "({'Name': <'VehicleDetector'>, "
+                                           "'NiceName': <'Simulated vehicle detector'>, "
+                                           "'SupportedChannels': <[uint32 1, 2]>},)"),
 ])
 def test_all_properties_can_be_read_at_once(camera, asker, name, path, interface, values):
     for service in SERVICES:
@@ -141,7 +160,7 @@ def test_all_properties_can_be_read_at_once(camera, asker, name, path, interface
 
     reply = asker.call(name, path, PROPERTIES, "GetAll", GLib.Variant("(s)", (interface,)))
     assert reply.print_(True) == values
-    assert [camera.calls(service) for service in SERVICES] == [0, 0, 0]
+    assert [camera.calls(service) for service in SERVICES] == [0] * len(SERVICES)
 
 
 # How they misbehave
@@ -164,6 +183,8 @@ WRONG_REPLIES = [
     (SCENES, "variant", "(<1>,)"),
     (SCENES, "nested", "((1,),)"),
     (SCENES, "empty", "()"),
+    (RECEIVER, "wrong-type", "(1,)"),
+    (RECEIVER, "empty", "()"),
 ]
 
 
@@ -341,17 +362,15 @@ def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
 
 
 @pytest.mark.parametrize("words, text", [
-    (["dance"], "unknown verb 'dance'; there are: absent, present, misbehave, behave, calls, channels, rotation, "
-                "move-capabilities"),
-    ([""], "unknown verb ''; there are: absent, present, misbehave, behave, calls, channels, rotation, "
-           "move-capabilities"),
+    (["dance"], f"unknown verb 'dance'; there are: {VERBS}"),
+    ([""], f"unknown verb ''; there are: {VERBS}"),
     (["absent"], "wrong number of arguments; usage: absent SERVICE"),
     (["absent", "ptz", "scenes"], "wrong number of arguments; usage: absent SERVICE"),
-    (["absent", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
-    (["present", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
-    (["behave", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
-    (["calls", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
-    (["misbehave", "radio", "error"], "unknown service 'radio'; there are: ptz, capture, scenes"),
+    (["absent", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["present", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["behave", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["calls", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["misbehave", "radio", "error"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
     (["misbehave", "ptz"], "wrong number of arguments; usage: misbehave SERVICE HOW [ARGUMENT]"),
     (["misbehave", "ptz", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, wrong-number, "
                                     "no-variant, nested, empty"),
@@ -430,8 +449,8 @@ def test_telling_without_a_camera_fails(installation, own_bus):
 
 
 @pytest.mark.parametrize("options, text", [
-    (["--services", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes"),
-    (["--services", "ptz,"], "unknown service ''; there are: ptz, capture, scenes"),
+    (["--services", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["--services", "ptz,"], "unknown service ''; there are: ptz, capture, scenes, receiver"),
     (["--channels", "17"], "the number of channels must be a number from 0 to 16, not '17'"),
     (["--rotation", "1"], "wrong number of arguments; usage: rotation CHANNEL DEGREES"),
     (["--rotation", "3=90"], "the channel must be a number from 1 to 2, not '3'"),
@@ -463,7 +482,11 @@ def test_help_lists_the_verbs(installation, words):
                                timeout=BOUND_SECONDS).stdout
 
     for verb in ("absent SERVICE", "present SERVICE", "misbehave SERVICE HOW [ARGUMENT]", "behave SERVICE",
-                 "calls SERVICE", "channels N", "rotation CHANNEL DEGREES", "move-capabilities N"):
+                 "calls SERVICE", "channels N", "rotation CHANNEL DEGREES", "move-capabilities N",
+                 "add-producer NAME [FILE]", "remove-producer NAME", "property NAME PROPERTY VALUE",
+                 "sample-frame NAME TEXT", "misbehave-producer NAME METHOD HOW [ARGUMENT]", "behave-producer NAME",
+                 "streams NAME", "hang-up NAME", "descriptors NAME pipe|socket [nonblocking]",
+                 "pieces NAME BYTES MILLISECONDS", "rate N|recorded", "once yes|no"):
         assert f"\n  {verb} " in help_text
 
 

@@ -1,0 +1,71 @@
+#include "linesplitter.h"
+
+namespace sim
+{
+
+/**
+ * LineSplitter::push:
+ * @bytes: what comes next
+ *
+ * Takes more bytes. To be called when pop() has nothing left, so that no more than one line is kept.
+ */
+void
+LineSplitter::push(std::string_view bytes)
+{
+  bytes_.erase(0, begin_);
+  searched_ -= begin_;
+  begin_ = 0;
+  bytes_.append(bytes);
+}
+
+/**
+ * LineSplitter::finish:
+ *
+ * Ends the last line, unless it has an end of its own.
+ */
+void
+LineSplitter::finish()
+{
+  push("\n");
+}
+
+/**
+ * LineSplitter::pop:
+ *
+ * Returns: the next whole line without its end, if there is one
+ */
+std::optional<SharedText>
+LineSplitter::pop()
+{
+  for (;;) {
+    const gsize end = bytes_.find('\n', searched_);
+    const gsize size = (end == std::string::npos ? bytes_.size() : end) - begin_;
+    const gsize begin = begin_;
+
+    dropping_ = dropping_ || size > Message::MAX_TEXT_BYTES;
+    begin_ = end != std::string::npos ? end + 1 : dropping_ ? bytes_.size() : begin_;
+    searched_ = end != std::string::npos ? end + 1 : bytes_.size();
+    if (end == std::string::npos) {
+      return std::nullopt;
+    }
+    if (dropping_) {
+      dropping_ = false;
+      dropped_++;
+    } else if (size > 0) {
+      return shared_text_copy(std::string_view(bytes_).substr(begin, size));
+    }
+  }
+}
+
+/**
+ * LineSplitter::dropped:
+ *
+ * Returns: how many lines have been left out because they are longer than %Message::MAX_TEXT_BYTES
+ */
+gsize
+LineSplitter::dropped() const
+{
+  return dropped_;
+}
+
+} /* namespace sim */

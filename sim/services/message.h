@@ -1,0 +1,41 @@
+#pragma once
+
+#include <array>
+#include <glib.h>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <sys/uio.h>
+
+namespace sim
+{
+
+/* Text that several may hold without copying it. */
+using SharedText = std::shared_ptr<GBytes>;
+
+SharedText shared_text_copy(std::string_view text);
+SharedText shared_text_part(const SharedText &whole, gsize offset, gsize size);
+std::string_view shared_text_view(const SharedText &text);
+
+/* A message on its way into a producer's stream: four bytes of length in the byte order of the machine, then
+ * the text. */
+class Message
+{
+public:
+  static constexpr gsize MAX_TEXT_BYTES = 16 * 1024 * 1024;
+
+  Message() = default;
+  explicit Message(SharedText text);
+
+  bool is_sent() const;
+  std::span<const iovec> rest(gsize limit);
+  void advance(gsize bytes);
+
+private:
+  SharedText text_;
+  guint32 length_ = 0;
+  gsize sent_ = 0; /* bytes, those of the length among them */
+  std::array<iovec, 2> parts_ = {};
+};
+
+} /* namespace sim */

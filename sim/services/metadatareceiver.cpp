@@ -1,0 +1,302 @@
+#include "metadatareceiver.h"
+
+#include "inputfeed.h"
+#include "producerinterface.h"
+#include "worldfeed.h"
+
+#include <algorithm>
+#include <cstring>
+#include <gio/gunixfdlist.h>
+#include <unistd.h>
+
+namespace sim
+{
+
+namespace
+{
+
+constexpr const char *PRODUCERS_PATH = "/com/quon/MetadataReceiver1/Producers";
+
+constexpr const char *STANDARD_INPUT = "-";
+
+/* What is wrong for both methods. */
+constexpr std::array WRONG_REPLIES = {
+    WrongReply{"wrong-type", "(1,)"},
+    WrongReply{"empty", "()"},
+};
+
+/* A producer that is there from the start and tells of one type of objects. */
+struct BuiltIn {
+  const char *name;
+  const char *nice_name;
+  ObjectType only;
+  bool polygons;
+};
+
+constexpr std::array BUILT_INS = {
+    BuiltIn{"PersonDetector", "Simulated person detector", ObjectType::HUMAN, true},
+    BuiltIn{"VehicleDetector", "Simulated vehicle detector", ObjectType::VEHICLE, false},
+};
+
+const BuiltIn *
+find_built_in(const std::string &name)
+{
+  const auto *found = std::find_if(BUILT_INS.begin(), BUILT_INS.end(),
+                                   [&name](const BuiltIn &entry) { return name == entry.name; });
+
+  return found != BUILT_INS.end() ? found : nullptr;
+}
+
+std::string
+path_of(const std::string &name)
+{
+  return std::string(PRODUCERS_PATH) + "/" + name;
+}
+
+bool
+check_name(const std::string &name, GError **error)
+{
+  const bool element =
+      std::all_of(name.begin(), name.end(), [](char c) { return g_ascii_isalnum(c) || c == '_'; });
+
+  if (name.empty() || !element || name.size() > MetadataReceiver::MAX_NAME_BYTES) {
+    return refuse(
+        error, "a producer's name must be 1 to %" G_GSIZE_FORMAT " letters, digits and underscores, not '%s'",
+        MetadataReceiver::MAX_NAME_BYTES, name.c_str());
+  }
+  return true;
+}
+
+std::optional<Reply>
+sample_frame_reply(const Producer &producer)
+{
+  return Reply{.body = g_variant_new("(s)", producer.sample_frame().c_str())};
+}
+
+std::optional<Reply>
+stream_reply(Producer *producer, gint32 channel, GError **error)
+{
+  const int fd = producer->open_stream(channel, error);
+
+  if (fd < 0) {
+    return std::nullopt;
+  }
+  return Reply{.body = g_variant_new("(h)", 0), .fds = g_unix_fd_list_new_from_array(&fd, 1)};
+}
+
+} /* namespace */
+
+MetadataReceiver::MetadataReceiver(const Camera &camera)
+    : Service("receiver", "com.quon.MetadataReceiver1", WRONG_REPLIES), camera_(camera),
+      manager_(g_dbus_object_manager_server_new(PRODUCERS_PATH))
+{
+  for (const BuiltIn &built_in : BUILT_INS) {
+    add_producer(built_in.name, nullptr, nullptr);
+  }
+}
+
+MetadataReceiver::~MetadataReceiver()
+{
+  g_object_unref(manager_);
+}
+
+bool
+MetadataReceiver::export_objects(GDBusConnection *connection, GError **error)
+{
+  g_dbus_object_manager_server_set_connection(manager_, connection);
+  return true;
+}
+
+/**
+ * MetadataReceiver::find_producer:
+ * @name: its name
+ * @error: set if there is no such producer
+ *
+ * Returns: (transfer none) (nullable): the producer
+ */
+Producer *
+MetadataReceiver::find_producer(const std::string &name, GError **error) const
+{
+  const auto found = producers_.find(name);
+  std::string list;
+
+  if (found != producers_.end()) {
+    return found->second.producer.get();
+  }
+  for (const auto &[other, announced] : producers_) {
+    list.append(list.empty() ? "" : ", ").append(other);
+  }
+  refuse(error, "unknown producer '%s'; there are: %s", name.c_str(), list.c_str());
+  return nullptr;
+}
+
+/**
+ * MetadataReceiver::choose_producers:
+ * @list: the built-in producers that shall be there, with commas between them; may be empty
+ * @error: set if there is no such producer
+ *
+ * Removes all others. To be called before any producer is added.
+ *
+ * Returns: whether it is done
+ */
+bool
+MetadataReceiver::choose_producers(const std::string &list, GError **error)
+{
+  const Words wanted = words_split(list);
+
+  for (const std::string &name : wanted) {
+    if (find_producer(name, error) == nullptr) {
+      return false;
+    }
+  }
+  for (const BuiltIn &built_in : BUILT_INS) {
+    if (std::find(wanted.begin(), wanted.end(), built_in.name) == wanted.end()) {
+      remove_producer(built_in.name, nullptr);
+    }
+  }
+  return true;
+}
+
+/**
+ * MetadataReceiver::add_producer:
+ * @name: its name
+ * @file: (nullable): what to replay, "-" for standard input
+ * @error: set if the name is taken or not fit for an object's path, the file is no recording, standard input
+ * is read already, or there are %MAX_PRODUCERS producers
+ *
+ * Announces a producer. Without a file it tells of the world's objects: a built-in one as always, any other
+ * of all.
+ *
+ * Returns: whether it is there
+ */
+bool
+MetadataReceiver::add_producer(const std::string &name, const std::string *file, GError **error)
+{
+  if (!check_name(name, error)) {
+    return false;
+  }
+  if (producers_.contains(name)) {
+    return refuse(error, "there is a producer '%s' already", name.c_str());
+  }
+  if (producers_.size() == MAX_PRODUCERS) {
+    return refuse(error, "there are %" G_GSIZE_FORMAT " producers already", MAX_PRODUCERS);
+  }
+  std::unique_ptr<Feed> feed = make_feed(name, file, error);
+  if (feed == nullptr) {
+    return false;
+  }
+  const BuiltIn *built_in = file == nullptr ? find_built_in(name) : nullptr;
+  announce(std::make_shared<Producer>(name, built_in != nullptr ? built_in->nice_name : name, camera_,
+                                      std::move(feed)),
+           file != nullptr && *file == STANDARD_INPUT);
+  return true;
+}
+
+std::unique_ptr<Feed>
+MetadataReceiver::make_feed(const std::string &name, const std::string *file, GError **error)
+{
+  if (file == nullptr) {
+    const BuiltIn *built_in = find_built_in(name);
+    return built_in != nullptr ? std::make_unique<WorldFeed>(built_in->only, built_in->polygons)
+                               : std::make_unique<WorldFeed>(std::nullopt, true);
+  }
+  if (*file == STANDARD_INPUT) {
+    for (const auto &[other, announced] : producers_) {
+      if (announced.reads_input) {
+        refuse(error, "'%s' reads the standard input already", other.c_str());
+        return nullptr;
+      }
+    }
+    return std::make_unique<InputFeed>(STDIN_FILENO, pace);
+  }
+  std::shared_ptr<const Recording> recording = recording_load(*file, error);
+  return recording != nullptr ? std::make_unique<ReplayFeed>(std::move(recording), pace) : nullptr;
+}
+
+void
+MetadataReceiver::announce(std::shared_ptr<Producer> producer, bool reads_input)
+{
+  const std::string name = producer->name();
+  const std::weak_ptr<Producer> weak = producer;
+  g_autoptr(GDBusObjectSkeleton) object = g_dbus_object_skeleton_new(path_of(name).c_str());
+  g_autoptr(GDBusInterfaceSkeleton) interface = producer_interface_new(
+      [announced = producer.get()] { return announced->properties(); },
+      [this, weak](const char *method, GVariant *arguments, GDBusMethodInvocation *invocation) {
+        on_call(weak, method, arguments, invocation);
+      });
+
+  g_dbus_object_skeleton_add_interface(object, interface);
+  g_dbus_object_manager_server_export(manager_, object);
+  producers_[name] = {std::move(producer), {g_steal_pointer(&object), g_object_unref}, reads_input};
+}
+
+/**
+ * MetadataReceiver::remove_producer:
+ * @name: its name
+ * @error: set if there is no such producer
+ *
+ * Takes the producer from the bus and hangs its streams up.
+ *
+ * Returns: whether it is gone
+ */
+bool
+MetadataReceiver::remove_producer(const std::string &name, GError **error)
+{
+  if (find_producer(name, error) == nullptr) {
+    return false;
+  }
+  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
+  producers_.erase(name);
+  return true;
+}
+
+/**
+ * MetadataReceiver::set_property:
+ * @name: a producer's name
+ * @property: one of its properties
+ * @value: its value, see Producer::set_property()
+ * @error: set if there is no such producer or property, or the bus carries no such value
+ *
+ * Takes the producer from the bus and announces it with the new value, for whoever watches reads properties
+ * when they are announced. Its streams go on.
+ *
+ * Returns: whether it is done
+ */
+bool
+MetadataReceiver::set_property(const std::string &name, const std::string &property, const std::string &value,
+                               GError **error)
+{
+  Producer *producer = find_producer(name, error);
+
+  if (producer == nullptr || !producer->set_property(property, value, error)) {
+    return false;
+  }
+  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
+  g_dbus_object_manager_server_export(manager_, producers_[name].object.get());
+  return true;
+}
+
+/* What the producer does for itself counts before what the whole service does. */
+void
+MetadataReceiver::on_call(const std::weak_ptr<Producer> &called, const char *method, GVariant *arguments,
+                          GDBusMethodInvocation *invocation)
+{
+  const std::shared_ptr<Producer> producer = called.lock();
+  const bool stream = g_str_equal(method, "GetStreamFd");
+  gint32 channel = 0;
+
+  if (stream) {
+    g_variant_get(arguments, "(i)", &channel);
+  }
+  answer(invocation, producer->misbehaviour(stream ? Method::GET_STREAM_FD : Method::GET_SAMPLE_FRAME),
+         [called, stream, channel](GError **error) -> std::optional<Reply> {
+           const std::shared_ptr<Producer> still = called.lock();
+           if (still == nullptr) {
+             g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT, "the producer has gone");
+             return std::nullopt;
+           }
+           return stream ? stream_reply(still.get(), channel, error) : sample_frame_reply(*still);
+         });
+}
+
+} /* namespace sim */

@@ -1,0 +1,162 @@
+#include "producerinterface.h"
+
+#include "bus.h"
+
+namespace
+{
+
+constexpr const char *XML = R"(
+<node>
+  <interface name="com.quon.MetadataReceiver1.Producer">
+    <method name="GetSampleFrame">
+      <arg name="frame" type="s" direction="out"/>
+    </method>
+    <method name="GetStreamFd">
+      <arg name="channel" type="i" direction="in"/>
+      <arg name="fd" type="h" direction="out"/>
+    </method>
+    <property name="Name" type="s" access="read"/>
+    <property name="NiceName" type="s" access="read"/>
+    <property name="SupportedChannels" type="au" access="read"/>
+  </interface>
+</node>)";
+
+struct State {
+  sim::ProducerProperties properties;
+  sim::ProducerCall call;
+};
+
+struct ProducerInterface {
+  GDBusInterfaceSkeleton parent_instance;
+  State *state;
+};
+
+struct ProducerInterfaceClass {
+  GDBusInterfaceSkeletonClass parent_class;
+};
+
+GType producer_interface_get_type(void);
+
+G_DEFINE_FINAL_TYPE(ProducerInterface, producer_interface, G_TYPE_DBUS_INTERFACE_SKELETON)
+
+State *
+state_of(gpointer object)
+{
+  return static_cast<ProducerInterface *>(object)->state;
+}
+
+GVariant *
+all_properties(gpointer object)
+{
+  return g_variant_ref_sink(state_of(object)->properties());
+}
+
+/* What came to the standard interface for properties. A property that is left out is one that does not exist.
+ */
+void
+answer_property(gpointer object, GVariant *arguments, GDBusMethodInvocation *invocation)
+{
+  g_autoptr(GVariant) properties = all_properties(object);
+  const gchar *name = nullptr;
+
+  if (g_str_equal(g_dbus_method_invocation_get_method_name(invocation), "GetAll")) {
+    sim::bus_reply(invocation, g_variant_new("(@a{sv})", properties), nullptr);
+    return;
+  }
+  g_variant_get(arguments, "(s&s)", nullptr, &name);
+  g_autoptr(GVariant) value = g_variant_lookup_value(properties, name, nullptr);
+  if (value == nullptr) {
+    g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                                          "No such property “%s”", name);
+    return;
+  }
+  sim::bus_reply(invocation, g_variant_new("(v)", value), nullptr);
+}
+
+void
+on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, const gchar *interface,
+        const gchar *method, GVariant *arguments, GDBusMethodInvocation *invocation, gpointer user_data)
+{
+  if (g_str_equal(interface, "org.freedesktop.DBus.Properties")) {
+    answer_property(user_data, arguments, invocation);
+  } else {
+    state_of(user_data)->call(method, arguments, invocation);
+  }
+}
+
+GDBusInterfaceInfo *
+get_info(GDBusInterfaceSkeleton *skeleton)
+{
+  static GDBusNodeInfo *const NODE = g_dbus_node_info_new_for_xml(XML, nullptr);
+
+  return NODE->interfaces[0];
+}
+
+GDBusInterfaceVTable *
+get_vtable(GDBusInterfaceSkeleton *skeleton)
+{
+  /* Without get_property, what comes for properties comes to method_call. */
+  static GDBusInterfaceVTable vtable = {on_call, nullptr, nullptr, {}};
+
+  return &vtable;
+}
+
+GVariant *
+get_properties(GDBusInterfaceSkeleton *skeleton)
+{
+  return all_properties(skeleton);
+}
+
+/* Nothing changes while the object is announced. */
+void
+flush(GDBusInterfaceSkeleton *skeleton)
+{
+}
+
+void
+finalize(GObject *object)
+{
+  delete state_of(object);
+  G_OBJECT_CLASS(producer_interface_parent_class)->finalize(object);
+}
+
+void
+producer_interface_init(ProducerInterface *self)
+{
+  self->state = new State;
+}
+
+void
+producer_interface_class_init(ProducerInterfaceClass *klass)
+{
+  GDBusInterfaceSkeletonClass *skeleton_class = G_DBUS_INTERFACE_SKELETON_CLASS(klass);
+
+  G_OBJECT_CLASS(klass)->finalize = finalize;
+  skeleton_class->get_info = get_info;
+  skeleton_class->get_vtable = get_vtable;
+  skeleton_class->get_properties = get_properties;
+  skeleton_class->flush = flush;
+}
+
+} /* namespace */
+
+namespace sim
+{
+
+/**
+ * producer_interface_new:
+ * @properties: tells what the properties are at the moment
+ * @call: answers the methods
+ *
+ * Returns: (transfer full): the interface, to be put on an object
+ */
+GDBusInterfaceSkeleton *
+producer_interface_new(ProducerProperties properties, ProducerCall call)
+{
+  auto *self = static_cast<ProducerInterface *>(g_object_new(producer_interface_get_type(), nullptr));
+
+  *self->state = {std::move(properties), std::move(call)};
+  return G_DBUS_INTERFACE_SKELETON(self);
+}
+
+} /* namespace sim */

@@ -1,0 +1,63 @@
+#include "worldfeed.h"
+
+#include "sceneitem.h"
+#include "scenestory.h"
+
+namespace sim
+{
+
+namespace
+{
+
+class WorldTeller : public Teller
+{
+public:
+  WorldTeller(std::optional<ObjectType> only, const SceneDetails &details)
+  {
+    story_.open(only);
+    story_.details = details;
+  }
+
+  bool has_ended() const override
+  {
+    return false;
+  }
+
+  gint64 due() override
+  {
+    return g_get_monotonic_time() + story_.time_left();
+  }
+
+  SharedText next() override
+  {
+    return shared_text_copy(scene_to_item(story_.next_scene()));
+  }
+
+private:
+  SceneStory story_;
+};
+
+} /* namespace */
+
+/**
+ * WorldFeed:
+ * @only: the one type of objects to tell of; all if unset
+ * @polygons: whether to tell their polygons
+ */
+WorldFeed::WorldFeed(std::optional<ObjectType> only, bool polygons) : only_(only), polygons_(polygons)
+{
+}
+
+std::unique_ptr<Teller>
+WorldFeed::open(Wake wake)
+{
+  return std::make_unique<WorldTeller>(only_, SceneDetails{.polygons = polygons_, .velocities = false});
+}
+
+std::string
+WorldFeed::sample_frame() const
+{
+  return scene_example_item(only_, polygons_);
+}
+
+} /* namespace sim */
