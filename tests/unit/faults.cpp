@@ -26,6 +26,7 @@ std::atomic<unsigned> accept_count = 0;
 std::optional<std::vector<std::string>> file_calls;
 std::atomic<unsigned> request_time_divisor = 1;
 std::function<void()> bus_watch_hook;
+std::function<void()> empty_read_hook;
 std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
 std::function<void(gulong)> rest_hook;
@@ -161,6 +162,14 @@ after_next_flush(std::function<void()> hook)
   flush_hook = std::move(hook);
 }
 
+void
+after_empty_reads(std::function<void()> hook)
+{
+  std::lock_guard guard(lock);
+
+  empty_read_hook = std::move(hook);
+}
+
 Rests::Rests(std::function<void(gulong us)> rest)
 {
   std::lock_guard guard(lock);
@@ -202,8 +211,16 @@ guint __wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc funct
                                     GDestroyNotify notify);
 GstElement *__real_gst_pipeline_new(const gchar *name);
 GstElement *__wrap_gst_pipeline_new(const gchar *name);
+guint __real_g_io_add_watch_full(GIOChannel *channel, gint priority, GIOCondition condition, GIOFunc function,
+                                 gpointer user_data, GDestroyNotify notify);
+guint __wrap_g_io_add_watch_full(GIOChannel *channel, gint priority, GIOCondition condition, GIOFunc function,
+                                 gpointer user_data, GDestroyNotify notify);
 GIOStatus __real_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __wrap_g_io_channel_flush(GIOChannel *channel, GError **error);
+GIOStatus __real_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
+                                         GError **error);
+GIOStatus __wrap_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
+                                         GError **error);
 GIOStatus __real_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 GIOStatus __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 gulong __real_g_signal_connect_data(gpointer instance, const gchar *signal, GCallback handler,
@@ -214,6 +231,10 @@ gulong __real_g_signal_connect_object(gpointer instance, const gchar *signal, GC
                                       gpointer object, GConnectFlags flags);
 gulong __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback handler,
                                       gpointer object, GConnectFlags flags);
+gpointer __real_g_try_malloc(gsize size);
+gpointer __wrap_g_try_malloc(gsize size);
+gpointer __real_g_try_malloc0(gsize size);
+gpointer __wrap_g_try_malloc0(gsize size);
 void __real_g_usleep(gulong us);
 void __wrap_g_usleep(gulong us);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -326,6 +347,15 @@ __wrap_gst_pipeline_new(const gchar *name)
   return take_failure(faults::Call::PIPELINE_NEW) ? nullptr : __real_gst_pipeline_new(name);
 }
 
+guint
+__wrap_g_io_add_watch_full(GIOChannel *channel, gint priority, GIOCondition condition, GIOFunc function,
+                           gpointer user_data, GDestroyNotify notify)
+{
+  return take_failure(faults::Call::IO_ADD_WATCH)
+             ? 0
+             : __real_g_io_add_watch_full(channel, priority, condition, function, user_data, notify);
+}
+
 GIOStatus
 __wrap_g_io_channel_flush(GIOChannel *channel, GError **error)
 {
@@ -336,11 +366,30 @@ __wrap_g_io_channel_flush(GIOChannel *channel, GError **error)
 }
 
 GIOStatus
+__wrap_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
+                               GError **error)
+{
+  const GIOStatus status = __real_g_io_channel_read_chars(channel, buf, count, bytes_read, error);
+  std::function<void()> hook;
+  {
+    std::lock_guard guard(lock);
+    hook = empty_read_hook;
+  }
+
+  if (hook && status == G_IO_STATUS_AGAIN) {
+    hook();
+  }
+  return status;
+}
+
+GIOStatus
 __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error)
 {
-  return take_failure(faults::Call::IO_CHANNEL_SET_ENCODING)
-             ? G_IO_STATUS_ERROR
-             : __real_g_io_channel_set_encoding(channel, encoding, error);
+  if (take_failure(faults::Call::IO_CHANNEL_SET_ENCODING)) {
+    g_set_error_literal(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FAILED, "No such encoding");
+    return G_IO_STATUS_ERROR;
+  }
+  return __real_g_io_channel_set_encoding(channel, encoding, error);
 }
 
 gulong
@@ -359,6 +408,18 @@ __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback
   return take_signal_failure(signal)
              ? 0
              : __real_g_signal_connect_object(instance, signal, handler, object, flags);
+}
+
+gpointer
+__wrap_g_try_malloc(gsize size)
+{
+  return take_failure(faults::Call::TRY_MALLOC) ? nullptr : __real_g_try_malloc(size);
+}
+
+gpointer
+__wrap_g_try_malloc0(gsize size)
+{
+  return take_failure(faults::Call::TRY_MALLOC0) ? nullptr : __real_g_try_malloc0(size);
 }
 
 void

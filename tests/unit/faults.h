@@ -15,12 +15,15 @@ namespace faults
 enum class Call {
   CONNECTION_MANAGER_NEW,
   FSYNC,
+  IO_ADD_WATCH,
   IO_CHANNEL_SET_ENCODING,
   LISTEN,
   OPEN, /* with EMFILE */
   PIPELINE_NEW,
   THREAD_POOL_NEW,
   THREAD_POOL_PUSH,
+  TRY_MALLOC,
+  TRY_MALLOC0,
 };
 
 /* Makes the next such call fail. */
@@ -65,6 +68,10 @@ void before_next_fsync(std::function<void()> hook);
 
 /* Called once, on the calling thread, right after the next flush of a channel. */
 void after_next_flush(std::function<void()> hook);
+
+/* Called on the reading thread after every read of a channel that found nothing, until it is set to nothing.
+ */
+void after_empty_reads(std::function<void()> hook);
 
 /* Stands in for every rest that a thread takes with g_usleep(), as long as this object lives. There is one at
  * a time.

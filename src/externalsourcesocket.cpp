@@ -1,0 +1,549 @@
+/* Reads one producer's stream, cuts it into messages and hands each on as a JSON frame.
+ *
+ * Two ways of reading. How a stream is read was decided by the mode in which its descriptor came, and
+ * producers have got used to it. On a non-blocking one a message has to be there when it is begun: what is
+ * missing by then makes it void. On a blocking one a message was waited for; here that must not keep the main
+ * loop, so the pieces are kept until the last one has come. Neither way trusts the descriptor's mode, which
+ * everybody who shares the open file can change: a read happens only where poll() has seen something to read.
+ *
+ * Which threads. The main thread reads and delivers. Any thread closes, pauses and goes on.
+ *
+ * What the lock guards. The channel with the message that is being read, and the id of the watch. The reader
+ * holds it for one message, which never waits for the producer; close holds it to shut the channel down, so
+ * that nobody reads a descriptor whose number is another file's by then. No callback is called with it held,
+ * nor is a watch removed, since that may release the user data. The owner may hold a lock of its own while it
+ * closes without notification, pauses or goes on, and may take that lock in the callbacks.
+ *
+ * Who keeps it alive. The open socket and each of its watches are holders. All holders together have one
+ * reference on the socket and the user data; the last one, a watch that is just being dispatched perhaps,
+ * releases the user data and then the reference, on whichever thread that is. A paused socket has no watch: a
+ * descriptor that has been hung up is always ready for poll(), so it must not be polled at all.
+ */
+#include "externalsourcesocket.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <syslog.h>
+#include <utility>
+
+namespace
+{
+
+/* A message as far as it has been read. */
+struct Message {
+  guint32 length; /* starts from zero: what a short read leaves out counts as zero */
+  gsize length_read;
+  guint8 *payload;
+  gsize left;   /* how much of the payload is still to be read */
+  gsize offset; /* where it goes */
+};
+
+} // namespace
+
+struct _ExternalSourceSocket {
+  GObject parent_instance;
+
+  gchar *source_name;
+  gint closed;  /* atomic */
+  gint holders; /* atomic */
+  gboolean keeps_pieces;
+  GMutex lock;
+  guint watch_id;
+  GIOChannel *channel; /* NULL once closed */
+  Message message;
+  ExternalSourceSocketDataFunc on_data;
+  ExternalSourceSocketCloseFunc on_close;
+  GDestroyNotify user_data_free;
+  gpointer user_data;
+};
+
+typedef enum {
+  PROP_SOURCE_NAME = 1,
+  N_PROPERTIES,
+} ExternalSourceSocketProperty;
+
+static std::array<GParamSpec *, N_PROPERTIES> properties;
+
+G_DEFINE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, G_TYPE_OBJECT)
+
+namespace
+{
+
+/* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
+constexpr gsize BUFFER_SIZE = 64 * 1024;
+
+constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
+
+GIOStatus (*read_descriptor)(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error);
+
+GIOStatus
+read_if_ready(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
+{
+  pollfd descriptor = {g_io_channel_unix_get_fd(channel), POLLIN, 0};
+
+  if (poll(&descriptor, 1, 0) <= 0) {
+    *bytes_read = 0;
+    return G_IO_STATUS_AGAIN;
+  }
+  return read_descriptor(channel, buf, count, bytes_read, error);
+}
+
+/* GLib's channel but for its read. */
+GIOChannel *
+make_channel(gint fd)
+{
+  GIOChannel *channel = g_io_channel_unix_new(fd);
+  static GIOFuncs funcs = [channel] {
+    GIOFuncs copy = *channel->funcs;
+    read_descriptor = std::exchange(copy.io_read, read_if_ready);
+    return copy;
+  }();
+
+  channel->funcs = &funcs;
+  return channel;
+}
+
+ExternalSourceSocket *
+hold(ExternalSourceSocket *self)
+{
+  g_atomic_int_inc(&self->holders);
+  return self;
+}
+
+void
+release_hold(gpointer user_data)
+{
+  auto *self = static_cast<ExternalSourceSocket *>(user_data);
+
+  if (!g_atomic_int_dec_and_test(&self->holders)) {
+    return;
+  }
+  if (self->user_data_free != nullptr) {
+    self->user_data_free(self->user_data);
+  }
+  g_object_unref(self);
+}
+
+void
+log_read_failure(const char *what, const char *message, int error_number)
+{
+  syslog(LOG_ERR, "Could not read request %s from client socket: %s: %s", what, message,
+         g_strerror(error_number));
+}
+
+/* One read of the channel, in pieces of its buffer's size. Asked for more at once, GLib first gathers all of
+ * it in that buffer, which never shrinks again and ends the process where it cannot grow. */
+GIOStatus
+read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read, GError **error)
+{
+  auto *buffer = static_cast<gchar *>(data);
+  GIOStatus status = G_IO_STATUS_NORMAL;
+
+  *bytes_read = 0;
+  while (*bytes_read < count && status == G_IO_STATUS_NORMAL) {
+    gsize piece = 0;
+    status = g_io_channel_read_chars(channel, buffer + *bytes_read,
+                                     std::min(count - *bytes_read, BUFFER_SIZE), &piece, error);
+    *bytes_read += piece;
+  }
+  if (*bytes_read > 0) {
+    g_clear_error(error);
+    return G_IO_STATUS_NORMAL;
+  }
+  return status;
+}
+
+/* The same, but what fails is logged. @what is read is named for that. */
+GIOStatus
+read_logged(ExternalSourceSocket *self, const char *what, gpointer data, gsize count, gsize *bytes_read)
+{
+  g_autoptr(GError) error = nullptr;
+  const GIOStatus status = read_channel(self->channel, data, count, bytes_read, &error);
+
+  if (status == G_IO_STATUS_ERROR) {
+    const int error_number = errno;
+    log_read_failure(what, error->message, error_number);
+  }
+  return status;
+}
+
+GIOStatus
+read_length(ExternalSourceSocket *self)
+{
+  Message *message = &self->message;
+  auto *bytes = reinterpret_cast<guint8 *>(&message->length);
+
+  while (message->length_read < sizeof message->length) {
+    gsize count = 0;
+    const GIOStatus status = read_logged(self, "length", bytes + message->length_read,
+                                         sizeof message->length - message->length_read, &count);
+    if (status != G_IO_STATUS_NORMAL) {
+      return status;
+    }
+    /* Deliberate and kept: without keeping pieces, a length that came short is taken as it is. */
+    message->length_read = self->keeps_pieces ? message->length_read + count : sizeof message->length;
+  }
+  return G_IO_STATUS_NORMAL;
+}
+
+/* Memory that a length asks for must not end the process. What no read reaches is zero, never what the memory
+ * held before. */
+gboolean
+make_payload(Message *message)
+{
+  if (message->length > EXTERNAL_SOURCE_MAX_PAYLOAD) {
+    log_read_failure("data", g_strerror(EMSGSIZE), EMSGSIZE);
+    return FALSE;
+  }
+  message->payload = static_cast<guint8 *>(g_try_malloc0(message->length));
+  if (message->payload == nullptr) {
+    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
+    return FALSE;
+  }
+  message->left = message->length;
+  return TRUE;
+}
+
+GIOStatus
+read_payload(ExternalSourceSocket *self)
+{
+  Message *message = &self->message;
+
+  if (message->payload == nullptr && !make_payload(message)) {
+    return G_IO_STATUS_ERROR;
+  }
+  while (message->left > 0) {
+    gsize count = 0;
+    const GIOStatus status =
+        read_logged(self, "data", message->payload + message->offset, message->left, &count);
+    if (status != G_IO_STATUS_NORMAL) {
+      return status;
+    }
+    message->left -= count;
+    /* Deliberate and kept: without keeping pieces, each further read goes where the one before it alone would
+     * have ended. That is right for a payload of two reads, and its third is known not to be. */
+    message->offset = self->keeps_pieces ? message->offset + count : count;
+  }
+  return G_IO_STATUS_NORMAL;
+}
+
+void
+drop_message(ExternalSourceSocket *self)
+{
+  g_free(self->message.payload);
+  self->message = {};
+}
+
+/* With the lock held. @payload stays NULL after a message without one. */
+GIOStatus
+read_message_locked(ExternalSourceSocket *self, guint8 **payload, gsize *length)
+{
+  GIOStatus status = read_length(self);
+
+  if (status == G_IO_STATUS_NORMAL && self->message.length > 0) {
+    status = read_payload(self);
+  }
+  if (status == G_IO_STATUS_NORMAL) {
+    *length = self->message.length;
+    *payload = std::exchange(self->message.payload, nullptr);
+  }
+  if (status != G_IO_STATUS_AGAIN || !self->keeps_pieces) {
+    drop_message(self);
+  }
+  return status;
+}
+
+/* Reads what is there of one message, and never waits. %G_IO_STATUS_AGAIN when it is not complete, or when
+ * the socket has been closed meanwhile. */
+GIOStatus
+read_message(ExternalSourceSocket *self, guint8 **payload, gsize *length)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+
+  return self->channel != nullptr ? read_message_locked(self, payload, length) : G_IO_STATUS_AGAIN;
+}
+
+/* NULL when there is no memory for it. */
+guint8 *
+make_frame(const gchar *source_name, const guint8 *payload, gsize length, gsize *size)
+{
+  const gsize start_size = strlen(EXTERNAL_SOURCE_FRAME_START) - strlen("%s") + strlen(source_name);
+  const gsize end_size = strlen(EXTERNAL_SOURCE_FRAME_END);
+
+  *size = start_size + length + end_size;
+  auto *frame = static_cast<guint8 *>(g_try_malloc(*size));
+  if (frame == nullptr) {
+    return nullptr;
+  }
+  /* The terminator goes where the payload begins. */
+  g_snprintf(reinterpret_cast<gchar *>(frame), start_size + 1, EXTERNAL_SOURCE_FRAME_START, source_name);
+  memcpy(frame + start_size, payload, length);
+  memcpy(frame + start_size + length, EXTERNAL_SOURCE_FRAME_END, end_size);
+  return frame;
+}
+
+void
+deliver(ExternalSourceSocket *self, const guint8 *payload, gsize length)
+{
+  gsize size = 0;
+
+  if (payload == nullptr || g_atomic_int_get(&self->closed) != 0) {
+    return;
+  }
+  guint8 *frame = make_frame(self->source_name, payload, length, &size);
+  if (frame == nullptr) {
+    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
+    external_source_socket_close(self, TRUE);
+    return;
+  }
+  self->on_data(self, frame, size, self->user_data);
+}
+
+} // namespace
+
+static void
+external_source_socket_init(ExternalSourceSocket *self)
+{
+  g_mutex_init(&self->lock);
+}
+
+/* Does not chain up: deliberate and kept, the channel and the watch went with the close. What GLib has
+ * attached of its own to every object that goes would stay for good, so it goes here. */
+static void
+external_source_socket_finalize(GObject *object)
+{
+  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
+
+  g_free(self->source_name);
+  g_mutex_clear(&self->lock);
+  g_datalist_clear(&object->qdata);
+}
+
+static void
+external_source_socket_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
+{
+  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
+
+  switch (id) {
+  case PROP_SOURCE_NAME:
+    g_value_set_string(value, self->source_name);
+    break;
+  default:
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+}
+
+static void
+external_source_socket_class_init(ExternalSourceSocketClass *klass)
+{
+  GObjectClass *object_class = G_OBJECT_CLASS(klass);
+
+  object_class->finalize = external_source_socket_finalize;
+  object_class->get_property = external_source_socket_get_property;
+
+  properties[PROP_SOURCE_NAME] =
+      g_param_spec_string("source-name", "Name of source", "Name of source connected to this socket", nullptr,
+                          static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
+  g_object_class_install_properties(object_class, properties.size(), properties.data());
+}
+
+namespace
+{
+
+/* One message each time, so that a producer with much to say does not keep the main loop: what the channel
+ * has read ahead makes it ready again. */
+gboolean
+on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
+{
+  auto *self = static_cast<ExternalSourceSocket *>(user_data);
+  g_autofree guint8 *payload = nullptr;
+  gsize length = 0;
+
+  if ((condition & G_IO_IN) == 0 && (condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0) {
+    external_source_socket_close(self, TRUE);
+    return G_SOURCE_CONTINUE;
+  }
+  switch (read_message(self, &payload, &length)) {
+  case G_IO_STATUS_NORMAL:
+    deliver(self, payload, length);
+    break;
+  case G_IO_STATUS_AGAIN:
+    break;
+  default:
+    external_source_socket_close(self, TRUE);
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+/* With the lock held. */
+void
+add_watch(ExternalSourceSocket *self)
+{
+  self->watch_id =
+      g_io_add_watch_full(self->channel, G_PRIORITY_DEFAULT, CONDITIONS, on_ready, hold(self), release_hold);
+  if (self->watch_id == 0) {
+    /* Not the last one: the socket is open. */
+    release_hold(self);
+  }
+}
+
+/* FALSE when the stream cannot be read; that is logged. */
+gboolean
+start_reading(ExternalSourceSocket *self)
+{
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+
+  if (g_io_channel_set_encoding(self->channel, nullptr, &error) != G_IO_STATUS_NORMAL) {
+    syslog(LOG_WARNING, "Failed to set encoding on channel: %s", error->message);
+    return FALSE;
+  }
+  g_io_channel_set_buffer_size(self->channel, BUFFER_SIZE);
+
+  self->keeps_pieces = (g_io_channel_get_flags(self->channel) & G_IO_FLAG_NONBLOCK) == 0;
+  if (self->keeps_pieces) {
+    /* For the case that somebody else reads what poll() has seen. Where it fails, poll() has to do. */
+    g_io_channel_set_flags(self->channel, G_IO_FLAG_NONBLOCK, nullptr);
+  }
+  /* A descriptor that cannot be read is to fail when it is read, like any other: GLib would take it for the
+   * caller's mistake. Looking at the flags has set this. */
+  self->channel->is_readable = TRUE;
+
+  add_watch(self);
+  if (self->watch_id == 0) {
+    syslog(LOG_WARNING, "Failed to add gio watch of externalsourcesocket fd");
+    return FALSE;
+  }
+  return TRUE;
+}
+
+/* With the lock held. Closes the descriptor. */
+void
+shut_down(ExternalSourceSocket *self)
+{
+  g_autoptr(GError) error = nullptr;
+
+  if (g_io_channel_shutdown(self->channel, TRUE, &error) != G_IO_STATUS_NORMAL) {
+    const int error_number = errno;
+    syslog(LOG_ERR, "Failed to close channel: %s: %s", error->message, g_strerror(error_number));
+  }
+  g_clear_pointer(&self->channel, g_io_channel_unref);
+  drop_message(self);
+}
+
+} // namespace
+
+/**
+ * external_source_socket_new:
+ * @consumer_fd: (transfer full): the descriptor of a producer's stream; the mode in which it is, blocking or
+ *   not, decides whether a message may come in pieces
+ * @source_name: the name that stands in every frame
+ * @on_data: called with each frame
+ * @on_close: called when the stream ends
+ * @user_data: (transfer full): for both
+ * @user_data_free: (nullable): releases @user_data when the socket is closed and no callback is under way; on
+ *   any thread
+ *
+ * Reads a producer's stream in the default main context until it ends, fails or is closed. The socket then
+ * closes the descriptor; until then it keeps itself alive. A descriptor that cannot be read at all is closed
+ * and @user_data is released, with a line at warning priority. Any thread.
+ *
+ * Warnings: "consumer_fd > -1", "source_name != NULL", "on_data != NULL" and "on_close != NULL" are
+ * preconditions; when one fails, neither the descriptor nor @user_data is taken over.
+ *
+ * Returns: (transfer full) (nullable): a new socket
+ */
+ExternalSourceSocket *
+external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalSourceSocketDataFunc on_data,
+                           ExternalSourceSocketCloseFunc on_close, gpointer user_data,
+                           GDestroyNotify user_data_free)
+{
+  g_return_val_if_fail(consumer_fd > -1, nullptr);
+  g_return_val_if_fail(source_name != NULL, nullptr);
+  g_return_val_if_fail(on_data != NULL, nullptr);
+  g_return_val_if_fail(on_close != NULL, nullptr);
+
+  auto *self = TESSARD_EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
+  self->source_name = g_strdup(source_name);
+  self->channel = make_channel(consumer_fd);
+  self->on_data = on_data;
+  self->on_close = on_close;
+  self->user_data = user_data;
+  self->user_data_free = user_data_free;
+  hold(static_cast<ExternalSourceSocket *>(g_object_ref(self)));
+
+  if (!start_reading(self)) {
+    external_source_socket_close(self, FALSE);
+    g_clear_object(&self);
+  }
+  return self;
+}
+
+/**
+ * external_source_socket_set_paused:
+ * @self: (transfer none): a socket
+ * @paused: whether to stop reading, or to go on
+ *
+ * Stops reading until further notice, which the producer meets as a stream that takes no more; not even its
+ * hanging up is noticed meanwhile. Nothing is lost, and nothing happens to a socket that is closed or is in
+ * that state already. When a frame is being delivered on the main thread it is the last one. Any thread.
+ *
+ * Warnings: "self != NULL" is a precondition.
+ */
+void
+external_source_socket_set_paused(ExternalSourceSocket *self, gboolean paused)
+{
+  g_return_if_fail(self != NULL);
+
+  guint removed_id = 0;
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+    if (paused) {
+      removed_id = std::exchange(self->watch_id, 0);
+    } else if (self->channel != nullptr && self->watch_id == 0) {
+      add_watch(self);
+    }
+  }
+  if (removed_id != 0) {
+    g_source_remove(removed_id);
+  }
+}
+
+/**
+ * external_source_socket_close:
+ * @self: (transfer none): a socket
+ * @notify: whether to call the function that is told of the stream's end
+ *
+ * Closes the socket and its descriptor, once: whoever comes later does nothing, and does not wait for the
+ * first. Without @notify that function is not called by this close; one last frame may still be being
+ * delivered on the main thread, which is why the user data are released only after that. A failure is logged
+ * at error priority. Any thread.
+ *
+ * Warnings: "self != NULL" is a precondition.
+ */
+void
+external_source_socket_close(ExternalSourceSocket *self, gboolean notify)
+{
+  g_return_if_fail(self != NULL);
+
+  guint watch_id = 0;
+
+  if (!g_atomic_int_compare_and_exchange(&self->closed, 0, 1)) {
+    return;
+  }
+  if (notify) {
+    self->on_close(self, self->user_data);
+  }
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+    shut_down(self);
+    watch_id = std::exchange(self->watch_id, 0);
+  }
+  if (watch_id != 0) {
+    g_source_remove(watch_id);
+  }
+  release_hold(self);
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <glib-object.h>
+
+G_BEGIN_DECLS
+
+/**
+ * EXTERNAL_SOURCE_FRAME_START:
+ *
+ * What stands before the items in a producer's JSON frame: a format that takes the name of the source, which
+ * nothing escapes.
+ */
+#define EXTERNAL_SOURCE_FRAME_START "{\"Source\":\"%s\",\"Data\":{\"Item\":["
+
+/**
+ * EXTERNAL_SOURCE_FRAME_END:
+ *
+ * What stands behind the items in a producer's JSON frame.
+ */
+#define EXTERNAL_SOURCE_FRAME_END "]}}"
+
+/**
+ * EXTERNAL_SOURCE_MAX_PAYLOAD:
+ *
+ * The length of the longest message that is read from a producer. The producers' format knows no limit; this
+ * one is the daemon's, because a stream that is out of step announces any length, and all that follows would
+ * be swallowed.
+ */
+#define EXTERNAL_SOURCE_MAX_PAYLOAD (64 * 1024 * 1024)
+
+#define EXTERNAL_TYPE_SOURCE_SOCKET (external_source_socket_get_type())
+G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, TESSARD, EXTERNAL_SOURCE_SOCKET, GObject)
+
+/**
+ * ExternalSourceSocketDataFunc:
+ * @socket: (transfer none): the socket
+ * @frame: (transfer full): a JSON frame without a terminator, for g_free()
+ * @size: its length
+ * @user_data: what external_source_socket_new() was given
+ *
+ * Called on the main thread for each message, with no lock of the socket held. It may close the socket or
+ * pause it. When another thread closes the socket, one last call may be under way.
+ */
+typedef void (*ExternalSourceSocketDataFunc)(ExternalSourceSocket *socket, guint8 *frame, gsize size,
+                                             gpointer user_data);
+
+/**
+ * ExternalSourceSocketCloseFunc:
+ * @socket: (transfer none): the socket
+ * @user_data: what external_source_socket_new() was given
+ *
+ * Called once, when the producer's stream has ended or failed, with no lock of the socket held. Never called
+ * by a close without notification.
+ */
+typedef void (*ExternalSourceSocketCloseFunc)(ExternalSourceSocket *socket, gpointer user_data);
+
+ExternalSourceSocket *external_source_socket_new(gint consumer_fd, const gchar *source_name,
+                                                 ExternalSourceSocketDataFunc on_data,
+                                                 ExternalSourceSocketCloseFunc on_close, gpointer user_data,
+                                                 GDestroyNotify user_data_free);
+
+void external_source_socket_set_paused(ExternalSourceSocket *self, gboolean paused);
+
+void external_source_socket_close(ExternalSourceSocket *self, gboolean notify);
+
+G_END_DECLS

@@ -1,0 +1,913 @@
+#include "externalsourcesocket.h"
+
+#include "faults.h"
+#include "testhost.h"
+#include "teststream.h"
+
+#include <array>
+#include <atomic>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <thread>
+#include <unistd.h>
+
+using testhost::Observed;
+using testhost::SyslogLines;
+using testhost::Texts;
+using teststream::Carrier;
+using teststream::Mode;
+using teststream::Producer;
+
+using namespace std::string_literals;
+
+namespace
+{
+
+constexpr const char *NAME = "camera 1";
+constexpr gint64 STALL_US = 2 * G_TIME_SPAN_SECOND;
+
+/* What GLib says of its own accord when it makes an error of EBADF. */
+const Texts BAD_DESCRIPTOR = {"GLib: Invalid file descriptor."};
+
+/* A socket with all that it tells. What happens is kept in order: frames, "closed" and "released". */
+class Reader
+{
+public:
+  explicit Reader(int fd, const char *name = NAME)
+      : socket(external_source_socket_new(fd, name, on_data, on_close, this, on_release)), observed(socket)
+  {
+  }
+
+  ~Reader()
+  {
+    if (socket != nullptr) {
+      external_source_socket_close(socket, FALSE);
+    }
+    g_clear_object(&socket);
+    EXPECT_TRUE(testhost::spin_until([this] { return released.load(); }));
+    EXPECT_FALSE(observed.alive());
+  }
+
+  Reader(const Reader &) = delete;
+  Reader &operator=(const Reader &) = delete;
+
+  static void on_data(ExternalSourceSocket *socket, guint8 *frame, gsize size, gpointer user_data)
+  {
+    auto *self = static_cast<Reader *>(user_data);
+    g_autofree guint8 *taken = frame;
+
+    EXPECT_EQ(socket, self->socket);
+    EXPECT_FALSE(self->released);
+    self->events.emplace_back(reinterpret_cast<const char *>(taken), size);
+    if (self->during_data) {
+      self->during_data();
+    }
+  }
+
+  static void on_close(ExternalSourceSocket *socket, gpointer user_data)
+  {
+    auto *self = static_cast<Reader *>(user_data);
+
+    EXPECT_EQ(socket, self->socket);
+    EXPECT_FALSE(self->released);
+    self->events.emplace_back("closed");
+    external_source_socket_close(socket, TRUE);
+  }
+
+  static void on_release(gpointer user_data)
+  {
+    auto *self = static_cast<Reader *>(user_data);
+
+    EXPECT_FALSE(self->released);
+    self->events.emplace_back("released");
+    self->released = true;
+  }
+
+  /* What happened until nothing more happens. */
+  Texts take_events()
+  {
+    testhost::dispatch_ready();
+    return std::exchange(events, {});
+  }
+
+  Texts events;
+  std::function<void()> during_data;
+  std::atomic<bool> released = false;
+  ExternalSourceSocket *socket;
+  Observed observed;
+};
+
+const Texts NOTHING;
+const Texts ENDED = {"closed", "released"};
+
+Texts
+frames(const Texts &payloads, const Texts &more = NOTHING)
+{
+  Texts result;
+
+  for (const std::string &payload : payloads) {
+    result.push_back(teststream::frame(NAME, payload));
+  }
+  result.insert(result.end(), more.begin(), more.end());
+  return result;
+}
+
+class ExternalSourceSocketTest : public testhost::Fixture
+{
+protected:
+  void TearDown() override
+  {
+    faults::after_empty_reads(nullptr);
+    Fixture::TearDown();
+  }
+};
+
+class AnyStreamTest : public ExternalSourceSocketTest,
+                      public testing::WithParamInterface<std::tuple<Carrier, Mode>>
+{
+protected:
+  static Producer make_producer()
+  {
+    return Producer(std::get<0>(GetParam()), std::get<1>(GetParam()));
+  }
+};
+
+class PiecesTest : public ExternalSourceSocketTest, public testing::WithParamInterface<Carrier>
+{
+protected:
+  static constexpr const char *LONG = "0123456789";
+};
+
+/* Sends @pieces one by one, each where a read has found nothing. */
+void
+send_while_reading(const Producer &producer, Texts pieces)
+{
+  auto left = std::make_shared<Texts>(std::move(pieces));
+
+  faults::after_empty_reads([&producer, left] {
+    if (!left->empty()) {
+      producer.send(left->front());
+      left->erase(left->begin());
+    }
+  });
+}
+
+gint64
+count_read_calls()
+{
+  std::ifstream file("/proc/self/io");
+  std::string name;
+  gint64 count = 0;
+
+  while (file >> name >> count) {
+    if (name == "syscr:") {
+      return count;
+    }
+  }
+  ADD_FAILURE() << "no count of read calls";
+  return 0;
+}
+
+/* How often the default main context polls within a while that has nothing else to do. */
+unsigned
+count_polls()
+{
+  static unsigned polls;
+  GPollFunc poll_func = g_main_context_get_poll_func(nullptr);
+  bool over = false;
+  auto end = [](gpointer user_data) { *static_cast<bool *>(user_data) = true; };
+
+  polls = 0;
+  g_main_context_set_poll_func(nullptr, [](GPollFD *fds, guint count, gint timeout) {
+    polls++;
+    return g_poll(fds, count, timeout);
+  });
+  g_timeout_add_once(100, end, &over);
+  while (!over) {
+    g_main_context_iteration(nullptr, TRUE);
+  }
+  g_main_context_set_poll_func(nullptr, poll_func);
+  return polls;
+}
+
+std::string
+length_only(guint32 length)
+{
+  return std::string(reinterpret_cast<const char *>(&length), sizeof length);
+}
+
+} // namespace
+
+TEST_F(ExternalSourceSocketTest, HasOneReadOnlyProperty)
+{
+  auto *object_class = G_OBJECT_CLASS(g_type_class_ref(external_source_socket_get_type()));
+  guint count = 0;
+  g_autofree GParamSpec **properties = g_object_class_list_properties(object_class, &count);
+  GParamSpec *name = g_object_class_find_property(object_class, "source-name");
+
+  EXPECT_STREQ(g_type_name(external_source_socket_get_type()), "ExternalSourceSocket");
+  ASSERT_EQ(count, 1U);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_STRING(name));
+  EXPECT_STREQ(g_param_spec_get_nick(name), "Name of source");
+  EXPECT_STREQ(g_param_spec_get_blurb(name), "Name of source connected to this socket");
+  EXPECT_EQ(name->flags, G_PARAM_READABLE | G_PARAM_STATIC_STRINGS);
+  EXPECT_EQ(G_PARAM_SPEC_STRING(name)->default_value, nullptr);
+  g_type_class_unref(object_class);
+}
+
+TEST_F(ExternalSourceSocketTest, GivesItsName)
+{
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+  g_autofree gchar *name = nullptr;
+
+  g_object_get(reader.socket, "source-name", &name, nullptr);
+  EXPECT_STREQ(name, NAME);
+}
+
+TEST_F(ExternalSourceSocketTest, HasNoNameByDefault)
+{
+  auto *socket = G_OBJECT(g_object_new(external_source_socket_get_type(), nullptr));
+  g_auto(GValue) name = G_VALUE_INIT;
+
+  g_value_init(&name, G_TYPE_STRING);
+  g_value_set_static_string(&name, "something");
+  g_object_get_property(socket, "source-name", &name);
+  EXPECT_EQ(g_value_get_string(&name), nullptr);
+  g_object_unref(socket);
+}
+
+TEST_F(ExternalSourceSocketTest, WarnsOfUnknownProperties)
+{
+  auto *socket = G_OBJECT(g_object_new(external_source_socket_get_type(), nullptr));
+  GObjectClass *object_class = G_OBJECT_GET_CLASS(socket);
+  GValue value = G_VALUE_INIT;
+
+  object_class->get_property(socket, 99, &value, g_object_class_find_property(object_class, "source-name"));
+  g_object_unref(socket);
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 1U);
+  EXPECT_TRUE(messages[0].ends_with(
+      "invalid property id 99 for \"source-name\" of type 'GParamString' in 'ExternalSourceSocket'"))
+      << messages[0];
+}
+
+TEST_F(ExternalSourceSocketTest, TakesNothingOverWhenAnArgumentIsWrong)
+{
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  const auto on_release = [](gpointer) { ADD_FAILURE() << "released"; };
+
+  EXPECT_EQ(external_source_socket_new(-1, NAME, Reader::on_data, Reader::on_close, this, on_release),
+            nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, nullptr, Reader::on_data, Reader::on_close, this, on_release),
+            nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, NAME, nullptr, Reader::on_close, this, on_release), nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, NAME, Reader::on_data, nullptr, this, on_release), nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(),
+            (Texts{"consumer_fd > -1", "source_name != NULL", "on_data != NULL", "on_close != NULL"}));
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(ExternalSourceSocketTest, ChecksForASocket)
+{
+  external_source_socket_set_paused(nullptr, TRUE);
+  external_source_socket_close(nullptr, TRUE);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"self != NULL", "self != NULL"}));
+}
+
+TEST_F(ExternalSourceSocketTest, NeedsNoReleaseFunction)
+{
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  auto *socket = external_source_socket_new(
+      producer.consumer_fd, NAME, [](auto *, guint8 *, gsize, gpointer) {}, [](auto *, gpointer) {}, nullptr,
+      nullptr);
+  Observed observed(socket);
+
+  external_source_socket_close(socket, FALSE);
+  g_object_unref(socket);
+  EXPECT_FALSE(observed.alive());
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, AnyStreamTest,
+                         testing::Combine(testing::Values(Carrier::PIPE, Carrier::SOCKET),
+                                          testing::Values(Mode::BLOCKING, Mode::NON_BLOCKING)),
+                         [](const auto &stream) {
+                           return (std::get<0>(stream.param) == Carrier::PIPE ? "Pipe"s : "Socket"s) +
+                                  (std::get<1>(stream.param) == Mode::BLOCKING ? "Blocking" : "NonBlocking");
+                         });
+
+TEST_P(AnyStreamTest, DeliversAMessageAsOneFrameWithoutTerminator)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message(R"({"Id":1},{"Id":2})"));
+  EXPECT_EQ(reader.take_events(), (Texts{R"({"Source":"camera 1","Data":{"Item":[{"Id":1},{"Id":2}]}})"}));
+}
+
+TEST_P(AnyStreamTest, DeliversThePayloadAsItIs)
+{
+  Producer producer = make_producer();
+  const std::string payload = "\0\xff]}}%s\n"s;
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message(payload));
+  EXPECT_EQ(reader.take_events(), frames({payload}));
+}
+
+TEST_P(AnyStreamTest, DoesNotEscapeTheName)
+{
+  Producer producer = make_producer();
+  const std::string name = R"(a"b\%s%n)" + std::string(100 * 1000, 'x');
+  Reader reader(producer.consumer_fd, name.c_str());
+
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(reader.take_events(), (Texts{teststream::frame(name, "1")}));
+}
+
+TEST_P(AnyStreamTest, SkipsAMessageWithoutPayload)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message(""));
+  EXPECT_EQ(reader.take_events(), NOTHING);
+  producer.send(teststream::message("") + teststream::message("1") + teststream::message(""));
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+}
+
+TEST_P(AnyStreamTest, ReadsOneMessageAtATime)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+  Texts payloads;
+
+  for (int i = 0; i < 100; i++) {
+    payloads.push_back(std::to_string(i));
+    producer.send(teststream::message(payloads.back()));
+  }
+  gsize before = 0;
+  while (g_main_context_iteration(nullptr, FALSE)) {
+    EXPECT_LE(reader.events.size(), before + 1);
+    before = reader.events.size();
+  }
+  EXPECT_EQ(reader.take_events(), frames(payloads));
+}
+
+TEST_P(AnyStreamTest, ReadsABigMessageInFewReads)
+{
+  Producer producer = make_producer();
+  const std::string payload(100 * 1000, 'x');
+  Reader reader(producer.consumer_fd);
+  fcntl(producer.consumer_fd, F_SETPIPE_SZ, 1024 * 1024);
+  producer.send(teststream::message(payload));
+
+  const gint64 before = count_read_calls();
+  g_main_context_iteration(nullptr, FALSE);
+  EXPECT_LT(count_read_calls() - before, 16);
+  EXPECT_EQ(reader.take_events(), frames({payload}));
+}
+
+TEST_P(AnyStreamTest, ClosesOnceWhenTheProducerHangsUp)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.hang_up();
+  EXPECT_EQ(reader.take_events(), ENDED);
+  EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
+  external_source_socket_close(reader.socket, TRUE);
+  EXPECT_EQ(reader.take_events(), NOTHING);
+}
+
+TEST_P(AnyStreamTest, DeliversWhatCameBeforeTheHangUp)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message("1") + teststream::message("2") + teststream::message("3"));
+  producer.hang_up();
+  EXPECT_EQ(reader.take_events(), frames({"1", "2", "3"}, ENDED));
+}
+
+TEST_P(AnyStreamTest, DropsALengthThatTheProducerLeavesUnfinished)
+{
+  for (gsize size = 1; size < sizeof(guint32); size++) {
+    Producer producer = make_producer();
+    Reader reader(producer.consumer_fd);
+
+    producer.send(teststream::message("1").substr(0, size));
+    producer.hang_up();
+    EXPECT_EQ(reader.take_events(), ENDED) << size;
+  }
+}
+
+TEST_P(AnyStreamTest, DropsAPayloadThatTheProducerLeavesUnfinished)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message("12") + teststream::message("34").substr(0, 5));
+  producer.hang_up();
+  EXPECT_EQ(reader.take_events(), frames({"12"}, ENDED));
+}
+
+TEST_P(AnyStreamTest, EndsAtALengthOverTheBound)
+{
+  for (const guint32 length : {EXTERNAL_SOURCE_MAX_PAYLOAD + 1U, G_MAXUINT32}) {
+    Producer producer = make_producer();
+    Reader reader(producer.consumer_fd);
+
+    producer.send(length_only(length) + "payload");
+    EXPECT_EQ(reader.take_events(), ENDED);
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{{LOG_ERR, "Could not read request data from client socket: Message too long: "
+                                     "Message too long"}}));
+  }
+}
+
+TEST_P(AnyStreamTest, TakesALengthAtTheBound)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(length_only(EXTERNAL_SOURCE_MAX_PAYLOAD) + "payload");
+  EXPECT_EQ(reader.take_events(), NOTHING);
+}
+
+TEST_P(AnyStreamTest, EndsWithoutMemoryForThePayloadOrTheFrame)
+{
+  for (const auto call : {faults::Call::TRY_MALLOC0, faults::Call::TRY_MALLOC}) {
+    Producer producer = make_producer();
+    Reader reader(producer.consumer_fd);
+
+    faults::fail_next(call);
+    producer.send(teststream::message("1"));
+    EXPECT_EQ(reader.take_events(), ENDED);
+    EXPECT_EQ(
+        testhost::take_syslog(),
+        (SyslogLines{{LOG_ERR, "Could not read request data from client socket: Cannot allocate memory: "
+                               "Cannot allocate memory"}}));
+  }
+}
+
+TEST_P(AnyStreamTest, ClosesWithoutNotification)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message("1"));
+  external_source_socket_close(reader.socket, FALSE);
+  EXPECT_EQ(reader.events, (Texts{"released"}));
+  EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
+  EXPECT_EQ(reader.take_events(), (Texts{"released"}));
+}
+
+TEST_P(AnyStreamTest, ClosesWithNotification)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  external_source_socket_close(reader.socket, TRUE);
+  EXPECT_EQ(reader.take_events(), ENDED);
+}
+
+TEST_P(AnyStreamTest, MayBeClosedWhileItDelivers)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  reader.during_data = [&] {
+    external_source_socket_close(reader.socket, FALSE);
+    EXPECT_FALSE(reader.released);
+  };
+  producer.send(teststream::message("1") + teststream::message("2"));
+  EXPECT_EQ(reader.take_events(), frames({"1"}, {"released"}));
+}
+
+TEST_P(AnyStreamTest, LivesWithoutItsMakersReference)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+  ExternalSourceSocket *socket = reader.socket;
+
+  g_object_unref(socket);
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+  EXPECT_TRUE(reader.observed.alive());
+  producer.hang_up();
+  EXPECT_EQ(reader.take_events(), ENDED);
+  EXPECT_FALSE(reader.observed.alive());
+  reader.socket = nullptr;
+}
+
+TEST_P(AnyStreamTest, ClosesADescriptorThatItCannotSetUp)
+{
+  Producer producer = make_producer();
+  faults::fail_next(faults::Call::IO_CHANNEL_SET_ENCODING);
+  Reader reader(producer.consumer_fd);
+
+  EXPECT_EQ(reader.socket, nullptr);
+  EXPECT_EQ(reader.events, (Texts{"released"}));
+  EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Failed to set encoding on channel: No such encoding"}}));
+}
+
+TEST_P(AnyStreamTest, ClosesADescriptorThatItCannotWatch)
+{
+  Producer producer = make_producer();
+  faults::fail_next(faults::Call::IO_ADD_WATCH);
+  Reader reader(producer.consumer_fd);
+
+  EXPECT_EQ(reader.socket, nullptr);
+  EXPECT_EQ(reader.events, (Texts{"released"}));
+  EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Failed to add gio watch of externalsourcesocket fd"}}));
+}
+
+TEST_P(AnyStreamTest, NeverWaitsWhateverModeTheDescriptorGets)
+{
+  Producer producer = make_producer();
+  const int shared_fd = fcntl(producer.consumer_fd, F_DUPFD_CLOEXEC, 0);
+  Reader reader(producer.consumer_fd);
+  testhost::LatencyMeter latency;
+
+  for (const gsize size : {1, 5, 2}) {
+    fcntl(shared_fd, F_SETFL, 0);
+    producer.send(teststream::message("12").substr(0, size));
+    EXPECT_EQ(reader.take_events(), NOTHING);
+  }
+  EXPECT_LT(latency.longest_us(), STALL_US);
+  close(shared_fd);
+}
+
+TEST_P(AnyStreamTest, ReadsNothingWhilePaused)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  external_source_socket_set_paused(reader.socket, TRUE);
+  external_source_socket_set_paused(reader.socket, TRUE);
+  producer.send(teststream::message("1"));
+  producer.hang_up();
+  EXPECT_EQ(reader.take_events(), NOTHING);
+  external_source_socket_set_paused(reader.socket, FALSE);
+  external_source_socket_set_paused(reader.socket, FALSE);
+  EXPECT_EQ(reader.take_events(), frames({"1"}, ENDED));
+}
+
+TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAhead)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  producer.send(teststream::message("1") + teststream::message("2"));
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+
+  /* From another thread, with nothing left in the descriptor that would wake the main loop. */
+  std::thread thread([&] { external_source_socket_set_paused(reader.socket, FALSE); });
+  EXPECT_TRUE(testhost::spin_until([&] { return !reader.events.empty(); }));
+  thread.join();
+  EXPECT_EQ(reader.take_events(), frames({"2"}));
+}
+
+TEST_P(AnyStreamTest, DoesNotWakeTheMainLoopWhilePaused)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  producer.send(teststream::message("1") + teststream::message("2"));
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+  producer.send(teststream::message("3"));
+  producer.hang_up();
+
+  EXPECT_LE(count_polls(), 3U);
+  EXPECT_EQ(reader.take_events(), NOTHING);
+}
+
+TEST_P(AnyStreamTest, ClosesWhilePaused)
+{
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+
+  external_source_socket_set_paused(reader.socket, TRUE);
+  producer.send(teststream::message("1"));
+  external_source_socket_close(reader.socket, FALSE);
+  EXPECT_EQ(reader.events, (Texts{"released"}));
+  EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
+  external_source_socket_set_paused(reader.socket, FALSE);
+  EXPECT_EQ(reader.take_events(), (Texts{"released"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Carriers, PiecesTest, testing::Values(Carrier::PIPE, Carrier::SOCKET),
+                         [](const auto &carrier) {
+                           return carrier.param == Carrier::PIPE ? "Pipe" : "Socket";
+                         });
+
+TEST_P(PiecesTest, OfABlockingStreamMayBeCutAnywhere)
+{
+  const std::string bytes = teststream::message("1") + teststream::message("") + teststream::message(LONG);
+
+  for (gsize cut = 1; cut < bytes.size(); cut++) {
+    Producer producer(GetParam(), Mode::BLOCKING);
+    Reader reader(producer.consumer_fd);
+
+    producer.send(bytes.substr(0, cut));
+    testhost::dispatch_ready();
+    producer.send(bytes.substr(cut));
+    EXPECT_EQ(reader.take_events(), frames({"1", LONG})) << cut;
+  }
+}
+
+TEST_P(PiecesTest, OfABlockingStreamMayBeSingleBytes)
+{
+  Producer producer(GetParam(), Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  for (const char byte : teststream::message(LONG) + teststream::message("1")) {
+    producer.send(std::string(1, byte));
+    testhost::dispatch_ready();
+  }
+  EXPECT_EQ(reader.take_events(), frames({LONG, "1"}));
+}
+
+TEST_P(PiecesTest, OfABlockingStreamAreKeptThroughAPause)
+{
+  Producer producer(GetParam(), Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message(LONG).substr(0, 7));
+  testhost::dispatch_ready();
+  external_source_socket_set_paused(reader.socket, TRUE);
+  producer.send(teststream::message(LONG).substr(7));
+  external_source_socket_set_paused(reader.socket, FALSE);
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+}
+
+TEST_P(PiecesTest, OfABlockingStreamGoWithTheSocket)
+{
+  Producer producer(GetParam(), Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  producer.send(teststream::message(LONG).substr(0, 7));
+  testhost::dispatch_ready();
+  external_source_socket_close(reader.socket, FALSE);
+  EXPECT_EQ(reader.take_events(), (Texts{"released"}));
+}
+
+TEST_P(PiecesTest, OfANonBlockingPayloadAreDropped)
+{
+  for (gsize cut = 4; cut < 4 + strlen(LONG); cut++) {
+    Producer producer(GetParam(), Mode::NON_BLOCKING);
+    Reader reader(producer.consumer_fd);
+
+    producer.send(teststream::message(LONG).substr(0, cut));
+    EXPECT_EQ(reader.take_events(), NOTHING);
+    producer.send(teststream::message("next"));
+    EXPECT_EQ(reader.take_events(), frames({"next"})) << cut;
+  }
+}
+
+TEST_P(PiecesTest, OfANonBlockingLengthAreTakenAsTheLength)
+{
+  for (gsize cut = 1; cut < 4; cut++) {
+    Producer producer(GetParam(), Mode::NON_BLOCKING);
+    Reader reader(producer.consumer_fd);
+
+    send_while_reading(producer, {LONG});
+    producer.send(teststream::message(LONG).substr(0, cut));
+    EXPECT_EQ(reader.take_events(), frames({LONG})) << cut;
+
+    /* Without a payload it is a message that nothing came of. */
+    producer.send(teststream::message("x").substr(0, cut));
+    EXPECT_EQ(reader.take_events(), NOTHING);
+    producer.send(teststream::message("next"));
+    EXPECT_EQ(reader.take_events(), frames({"next"})) << cut;
+  }
+}
+
+TEST_P(PiecesTest, OfANonBlockingLengthOfZeroAreAMessageWithoutPayload)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  producer.send("\0"s);
+  EXPECT_EQ(reader.take_events(), NOTHING);
+  producer.send(teststream::message("next"));
+  EXPECT_EQ(reader.take_events(), frames({"next"}));
+}
+
+TEST_P(PiecesTest, OfANonBlockingPayloadInTwoReadsAreJoined)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_while_reading(producer, {"456789"});
+  producer.send(teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+}
+
+TEST_P(PiecesTest, OfANonBlockingPayloadInThreeReadsOverlap)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_while_reading(producer, {"45", "6789"});
+  producer.send(teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_EQ(reader.take_events(), frames({"016789"s + std::string(4, '\0')}));
+}
+
+TEST_P(PiecesTest, OfABlockingPayloadInThreeReadsAreJoined)
+{
+  Producer producer(GetParam(), Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_while_reading(producer, {"45", "6789"});
+  producer.send(teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+}
+
+TEST_F(ExternalSourceSocketTest, EndsWhenALengthCannotBeRead)
+{
+  Reader folder(open("/", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(folder.take_events(), ENDED);
+  Reader write_only(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  EXPECT_EQ(write_only.take_events(), ENDED);
+
+  const std::string text = "Could not read request length from client socket: ";
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, text + "Is a directory: Is a directory"},
+                         {LOG_ERR, text + "Bad file descriptor: Bad file descriptor"}}));
+  EXPECT_EQ(testhost::take_glib_messages(), BAD_DESCRIPTOR);
+}
+
+TEST_F(ExternalSourceSocketTest, EndsWhenAPayloadCannotBeRead)
+{
+  for (const Mode mode : {Mode::BLOCKING, Mode::NON_BLOCKING}) {
+    Producer producer(Carrier::SOCKET, mode);
+    Reader reader(producer.consumer_fd);
+
+    /* A peer that goes without having read what it was sent resets the connection. */
+    EXPECT_EQ(write(producer.consumer_fd, "unread", 6), 6);
+    producer.send(length_only(1));
+    producer.hang_up();
+    EXPECT_EQ(reader.take_events(), ENDED);
+    EXPECT_EQ(
+        testhost::take_syslog(),
+        (SyslogLines{{LOG_ERR, "Could not read request data from client socket: Connection reset by peer: "
+                               "Connection reset by peer"}}));
+  }
+}
+
+TEST_F(ExternalSourceSocketTest, LogsAFailureToClose)
+{
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  close(producer.consumer_fd);
+  external_source_socket_close(reader.socket, FALSE);
+  EXPECT_EQ(reader.take_events(), (Texts{"released"}));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, "Failed to close channel: Bad file descriptor: Bad file descriptor"}}));
+  EXPECT_EQ(testhost::take_glib_messages(), BAD_DESCRIPTOR);
+}
+
+namespace
+{
+
+constexpr int ROUNDS = 300;
+
+/* A producer that never rests, read by the main thread, and another thread that closes the socket at some
+ * time. Then the number of the descriptor is at once that of a file with bytes that nobody may take. */
+class Race
+{
+public:
+  explicit Race(int round) : round_(round)
+  {
+    socket_ = external_source_socket_new(producer_.consumer_fd, NAME, on_data, on_close, this, on_release);
+    sender_ = std::thread([this] { send(); });
+    closer_ = std::thread([this] { close_and_reuse(); });
+  }
+
+  ~Race()
+  {
+    EXPECT_TRUE(testhost::spin_until([this] { return released_ && over_; }));
+    sender_.join();
+    closer_.join();
+    expect_untouched();
+    g_object_unref(socket_);
+    EXPECT_EQ(closes_, 0U);
+  }
+
+  Race(const Race &) = delete;
+  Race &operator=(const Race &) = delete;
+
+private:
+  static void on_data(ExternalSourceSocket *, guint8 *frame, gsize size, gpointer user_data)
+  {
+    auto *self = static_cast<Race *>(user_data);
+    static const std::string EXPECTED = teststream::frame(NAME, PAYLOAD);
+    g_autofree guint8 *taken = frame;
+
+    EXPECT_FALSE(self->released_);
+    EXPECT_EQ(std::string_view(reinterpret_cast<const char *>(taken), size), EXPECTED);
+    self->frames_++;
+  }
+
+  static void on_close(ExternalSourceSocket *, gpointer user_data)
+  {
+    static_cast<Race *>(user_data)->closes_++;
+  }
+
+  static void on_release(gpointer user_data)
+  {
+    static_cast<Race *>(user_data)->released_ = true;
+  }
+
+  void send()
+  {
+    const std::string bytes = teststream::message(PAYLOAD);
+    gsize sent = 0;
+
+    while (!over_) {
+      sent = (sent + producer_.send_some(bytes.data() + sent, bytes.size() - sent)) % bytes.size();
+    }
+  }
+
+  void close_and_reuse()
+  {
+    /* Every second round begins before the first frame. */
+    while (frames_ < static_cast<unsigned>(round_ % 2) * (round_ % 16)) {
+      g_thread_yield();
+    }
+    external_source_socket_set_paused(socket_, round_ % 3 == 0);
+    external_source_socket_close(socket_, FALSE);
+    EXPECT_EQ(pipe2(reused_.data(), O_CLOEXEC), 0);
+    EXPECT_EQ(write(reused_[1], "untouched", 9), 9);
+    over_ = true;
+  }
+
+  void expect_untouched()
+  {
+    int count = 0;
+
+    testhost::dispatch_ready();
+    EXPECT_EQ(ioctl(reused_[0], FIONREAD, &count), 0);
+    EXPECT_EQ(count, 9);
+    close(reused_[0]);
+    close(reused_[1]);
+  }
+
+  static const std::string PAYLOAD;
+
+  int round_;
+  Producer producer_{Carrier::PIPE, Mode::BLOCKING};
+  ExternalSourceSocket *socket_;
+  std::array<int, 2> reused_ = {-1, -1};
+  std::atomic<unsigned> frames_ = 0;
+  std::atomic<unsigned> closes_ = 0;
+  std::atomic<bool> released_ = false;
+  std::atomic<bool> over_ = false;
+  std::thread sender_;
+  std::thread closer_;
+};
+
+const std::string Race::PAYLOAD(1000, 'x');
+
+} // namespace
+
+TEST_F(ExternalSourceSocketTest, MayBeClosedByAnotherThreadAtAnyTime)
+{
+  for (int round = 0; round < ROUNDS; round++) {
+    Race race(round);
+  }
+}
+
+TEST_F(ExternalSourceSocketTest, IsClosedOnceByManyThreads)
+{
+  const std::string bytes = teststream::message("1");
+
+  for (int round = 0; round < ROUNDS; round++) {
+    Producer producer(Carrier::SOCKET, Mode::NON_BLOCKING);
+    Reader reader(producer.consumer_fd);
+    std::thread one([&] { external_source_socket_close(reader.socket, FALSE); });
+    std::thread other([&] { external_source_socket_set_paused(reader.socket, round % 2); });
+
+    producer.send_some(bytes.data(), bytes.size());
+    producer.hang_up();
+    testhost::dispatch_ready();
+    one.join();
+    other.join();
+    EXPECT_TRUE(testhost::spin_until([&] { return reader.released.load(); }));
+    EXPECT_EQ(reader.events.back(), "released");
+    EXPECT_LE(std::count(reader.events.begin(), reader.events.end(), "closed"), 1);
+  }
+}
