@@ -1,0 +1,21 @@
+#pragma once
+
+#include <gst/app/gstappsrc.h>
+
+G_BEGIN_DECLS
+
+/**
+ * EXTERNAL_SRC_QUEUE_LIMIT:
+ *
+ * While more bytes than these wait in the element for the client's stream, no producer is read for it.
+ */
+#define EXTERNAL_SRC_QUEUE_LIMIT (1024 * 1024)
+
+#define EXTERNAL_TYPE_SRC (external_src_get_type())
+G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, TESSARD, EXTERNAL_SRC, GstAppSrc)
+
+ExternalSrc *external_src_new(void);
+
+void external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name);
+
+G_END_DECLS

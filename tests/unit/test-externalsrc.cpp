@@ -1,0 +1,662 @@
+#include "externalsrc.h"
+
+#include "externalsourcesocket.h"
+#include "faults.h"
+#include "testhost.h"
+#include "teststream.h"
+
+#include <atomic>
+#include <fcntl.h>
+#include <gst/app/gstappsink.h>
+#include <memory>
+#include <syslog.h>
+#include <thread>
+#include <unistd.h>
+
+using testhost::Observed;
+using testhost::SyslogLines;
+using testhost::Texts;
+using teststream::Carrier;
+using teststream::Mode;
+using teststream::Producer;
+
+namespace
+{
+
+constexpr const char *NAME = "tracker";
+
+guint
+num_sockets(ExternalSrc *src)
+{
+  guint count = 0;
+
+  g_object_get(src, "num-sockets", &count, nullptr);
+  return count;
+}
+
+gint
+video_channel(ExternalSrc *src)
+{
+  gint channel = 0;
+
+  g_object_get(src, "video-channel", &channel, nullptr);
+  return channel;
+}
+
+bool
+is_open(int fd)
+{
+  return fcntl(fd, F_GETFD) >= 0;
+}
+
+std::string
+text_of(GstBuffer *buffer)
+{
+  GstMapInfo map = GST_MAP_INFO_INIT;
+
+  EXPECT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+  std::string text(reinterpret_cast<const char *>(map.data), map.size);
+  gst_buffer_unmap(buffer, &map);
+  return text;
+}
+
+/* An element and a sink that takes one buffer whenever it is asked for one. */
+class Branch
+{
+public:
+  Branch()
+      : src(external_src_new()), observed(src), pipeline_(gst_pipeline_new(nullptr)),
+        sink_(GST_APP_SINK(gst_element_factory_make("appsink", nullptr)))
+  {
+    gst_object_ref_sink(pipeline_);
+    g_object_set(sink_, "sync", FALSE, "max-buffers", 1, nullptr);
+    gst_bin_add_many(GST_BIN(pipeline_), GST_ELEMENT(src), GST_ELEMENT(sink_), nullptr);
+    EXPECT_TRUE(gst_element_link(GST_ELEMENT(src), GST_ELEMENT(sink_)));
+  }
+
+  ~Branch()
+  {
+    if (pipeline_ != nullptr) {
+      stop();
+    }
+    drop_pipeline();
+    EXPECT_TRUE(testhost::spin_until([this] { return !observed.alive(); }));
+  }
+
+  Branch(const Branch &) = delete;
+  Branch &operator=(const Branch &) = delete;
+
+  void drop_pipeline()
+  {
+    g_clear_pointer(&pipeline_, gst_object_unref);
+  }
+
+  /* Any thread. */
+  void set_state(GstState state) const
+  {
+    EXPECT_NE(gst_element_set_state(pipeline_, state), GST_STATE_CHANGE_FAILURE);
+  }
+
+  void play() const
+  {
+    set_state(GST_STATE_PLAYING);
+  }
+
+  void stop() const
+  {
+    set_state(GST_STATE_NULL);
+  }
+
+  guint64 queued_bytes() const
+  {
+    return gst_app_src_get_current_level_bytes(GST_APP_SRC(src));
+  }
+
+  bool ended() const
+  {
+    return gst_app_sink_is_eos(sink_);
+  }
+
+  /* NULL when there is none yet. */
+  GstSample *pull() const
+  {
+    return gst_app_sink_try_pull_sample(sink_, 0);
+  }
+
+  GstSample *wait_for_sample() const
+  {
+    GstSample *sample = nullptr;
+
+    EXPECT_TRUE(testhost::spin_until([&] {
+      sample = pull();
+      return sample != nullptr;
+    }));
+    return sample;
+  }
+
+  std::string wait_for_text() const
+  {
+    g_autoptr(GstSample) sample = wait_for_sample();
+
+    return sample != nullptr ? text_of(gst_sample_get_buffer(sample)) : "nothing";
+  }
+
+  ExternalSrc *src; /* borrowed from the pipeline */
+  Observed observed;
+
+private:
+  GstElement *pipeline_;
+  GstAppSink *sink_;
+};
+
+/* Numbered messages, sent as fast as they are taken; what they look like follows from the number. */
+class Numbered
+{
+public:
+  using Size = gsize (*)(gsize number);
+
+  Numbered(gsize count, Size size) : count_(count), size_(size)
+  {
+  }
+
+  std::string payload(gsize number) const
+  {
+    std::string text = std::to_string(number);
+
+    text.resize(std::max(text.size(), size_(number)), static_cast<char>('a' + number % 26));
+    return text;
+  }
+
+  std::string frame(gsize number) const
+  {
+    return teststream::frame(NAME, payload(number));
+  }
+
+  /* As much as goes without waiting. FALSE when all has been sent. */
+  bool send_some(const Producer &producer)
+  {
+    while (sent_ < count_) {
+      if (offset_ == bytes_.size()) {
+        bytes_ = teststream::message(payload(sent_));
+        offset_ = 0;
+      }
+      const gsize size = producer.send_some(bytes_.data() + offset_, bytes_.size() - offset_);
+      offset_ += size;
+      total_ += size;
+      if (size == 0) {
+        return true;
+      }
+      sent_ += offset_ == bytes_.size() ? 1 : 0;
+    }
+    return false;
+  }
+
+  gsize count() const
+  {
+    return count_;
+  }
+
+  gsize total() const
+  {
+    return total_;
+  }
+
+private:
+  gsize count_;
+  Size size_;
+  gsize sent_ = 0;
+  gsize total_ = 0;
+  std::string bytes_;
+  gsize offset_ = 0;
+};
+
+/* Takes what a branch delivers until all of @messages has come, in order. */
+void
+expect_all(const Branch &branch, const Numbered &messages, const std::function<void()> &meanwhile)
+{
+  gsize number = 0;
+
+  EXPECT_TRUE(testhost::spin_until(
+      [&] {
+        meanwhile();
+        for (GstSample *sample = branch.pull(); sample != nullptr; sample = branch.pull()) {
+          EXPECT_TRUE(text_of(gst_sample_get_buffer(sample)) == messages.frame(number)) << number;
+          gst_sample_unref(sample);
+          number++;
+        }
+        return number == messages.count() || testing::Test::HasFailure();
+      },
+      60 * G_TIME_SPAN_SECOND))
+      << number;
+  testhost::dispatch_ready();
+  EXPECT_EQ(branch.pull(), nullptr);
+}
+
+class ExternalSrcTest : public testhost::Fixture
+{
+protected:
+  static void add(const Branch &branch, const Producer &producer)
+  {
+    external_src_add_socket(branch.src, producer.consumer_fd, NAME);
+  }
+};
+
+} // namespace
+
+TEST_F(ExternalSrcTest, HasTwoProperties)
+{
+  auto *object_class = G_OBJECT_CLASS(g_type_class_ref(external_src_get_type()));
+  GParamSpec *sockets = g_object_class_find_property(object_class, "num-sockets");
+  GParamSpec *channel = g_object_class_find_property(object_class, "video-channel");
+
+  EXPECT_STREQ(g_type_name(external_src_get_type()), "ExternalSrc");
+  EXPECT_EQ(g_type_parent(external_src_get_type()), GST_TYPE_APP_SRC);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_UINT(sockets));
+  EXPECT_EQ(sockets->owner_type, external_src_get_type());
+  EXPECT_STREQ(g_param_spec_get_nick(sockets), "Number of sockets");
+  EXPECT_STREQ(g_param_spec_get_blurb(sockets), "Number of sockets to connected producers");
+  EXPECT_EQ(sockets->flags, G_PARAM_READABLE | G_PARAM_STATIC_STRINGS);
+  EXPECT_EQ(G_PARAM_SPEC_UINT(sockets)->minimum, 0U);
+  EXPECT_EQ(G_PARAM_SPEC_UINT(sockets)->maximum, G_MAXUINT);
+  EXPECT_EQ(G_PARAM_SPEC_UINT(sockets)->default_value, 0U);
+  ASSERT_TRUE(G_IS_PARAM_SPEC_INT(channel));
+  EXPECT_EQ(channel->owner_type, external_src_get_type());
+  EXPECT_STREQ(g_param_spec_get_nick(channel), "Videochannel");
+  EXPECT_STREQ(g_param_spec_get_blurb(channel), "Videochannel to get metadata for");
+  EXPECT_EQ(channel->flags, G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
+  EXPECT_EQ(G_PARAM_SPEC_INT(channel)->minimum, 1);
+  EXPECT_EQ(G_PARAM_SPEC_INT(channel)->maximum, G_MAXINT);
+  EXPECT_EQ(G_PARAM_SPEC_INT(channel)->default_value, 1);
+  EXPECT_LT(sockets->param_id, channel->param_id);
+  g_type_class_unref(object_class);
+}
+
+TEST_F(ExternalSrcTest, IsMadeFloatingWithoutAFactory)
+{
+  ExternalSrc *src = external_src_new();
+
+  EXPECT_TRUE(g_object_is_floating(src));
+  EXPECT_EQ(gst_element_get_factory(GST_ELEMENT(src)), nullptr);
+  EXPECT_EQ(num_sockets(src), 0U);
+  EXPECT_EQ(video_channel(src), 1);
+  gst_object_unref(gst_object_ref_sink(src));
+}
+
+TEST_F(ExternalSrcTest, KeepsTheApplicationSourcesDefaults)
+{
+  Branch branch;
+  g_autoptr(GstElement) app_src =
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("appsrc", nullptr)));
+  guint count = 0;
+  g_autofree GParamSpec **properties = g_object_class_list_properties(G_OBJECT_GET_CLASS(app_src), &count);
+
+  for (guint i = 0; i < count; i++) {
+    const std::string name = properties[i]->name;
+    if ((properties[i]->flags & G_PARAM_WRITABLE) == 0 || name == "name" || name == "parent") {
+      continue;
+    }
+    g_auto(GValue) value = G_VALUE_INIT;
+    g_auto(GValue) plain = G_VALUE_INIT;
+    g_value_init(&value, properties[i]->value_type);
+    g_value_init(&plain, properties[i]->value_type);
+    g_object_get_property(G_OBJECT(branch.src), name.c_str(), &value);
+    g_object_get_property(G_OBJECT(app_src), name.c_str(), &plain);
+    EXPECT_EQ(g_param_values_cmp(properties[i], &value, &plain), 0) << name;
+  }
+}
+
+TEST_F(ExternalSrcTest, TakesAVideoChannelFromOneOn)
+{
+  Branch branch;
+
+  g_object_set(branch.src, "video-channel", G_MAXINT, nullptr);
+  EXPECT_EQ(video_channel(branch.src), G_MAXINT);
+  g_object_set(branch.src, "video-channel", 0, nullptr);
+  EXPECT_EQ(video_channel(branch.src), G_MAXINT);
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 1U);
+  EXPECT_NE(messages[0].find("out of range for property 'video-channel'"), std::string::npos) << messages[0];
+}
+
+TEST_F(ExternalSrcTest, StoresEveryValueInTheVideoChannel)
+{
+  Branch branch;
+  auto *object_class = G_OBJECT_CLASS(g_type_class_peek(external_src_get_type()));
+  GValue value = G_VALUE_INIT;
+
+  g_value_init(&value, G_TYPE_INT);
+  g_value_set_int(&value, 7);
+  object_class->set_property(G_OBJECT(branch.src), 99, &value,
+                             g_object_class_find_property(object_class, "num-sockets"));
+  EXPECT_EQ(video_channel(branch.src), 7);
+}
+
+TEST_F(ExternalSrcTest, WarnsOfUnknownProperties)
+{
+  Branch branch;
+  auto *object_class = G_OBJECT_CLASS(g_type_class_peek(external_src_get_type()));
+  GValue value = G_VALUE_INIT;
+
+  object_class->get_property(G_OBJECT(branch.src), 99, &value,
+                             g_object_class_find_property(object_class, "num-sockets"));
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 1U);
+  EXPECT_TRUE(messages[0].ends_with(
+      "invalid property id 99 for \"num-sockets\" of type 'GParamUInt' in 'ExternalSrc'"))
+      << messages[0];
+}
+
+TEST_F(ExternalSrcTest, ChecksTheArgumentsOfASocket)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  external_src_add_socket(nullptr, producer.consumer_fd, NAME);
+  external_src_add_socket(branch.src, producer.consumer_fd, nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"src != NULL", "source_name != NULL"}));
+  EXPECT_EQ(close(producer.consumer_fd), 0);
+}
+
+TEST_F(ExternalSrcTest, IgnoresWhatIsNoDescriptor)
+{
+  Branch branch;
+
+  external_src_add_socket(branch.src, -1, NAME);
+  EXPECT_EQ(num_sockets(branch.src), 0U);
+}
+
+TEST_F(ExternalSrcTest, DeliversEachMessageAsOneBufferWithoutTimes)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  branch.play();
+  add(branch, producer);
+  /* GStreamer's base class starts a stream with a decoding time of 0, whatever its first buffer is. */
+  producer.send(teststream::message("first"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "first"));
+
+  producer.send(teststream::message("{}") + teststream::message("{},{}"));
+  for (const char *payload : {"{}", "{},{}"}) {
+    g_autoptr(GstSample) sample = branch.wait_for_sample();
+    ASSERT_NE(sample, nullptr);
+    GstBuffer *buffer = gst_sample_get_buffer(sample);
+    EXPECT_EQ(text_of(buffer), teststream::frame(NAME, payload));
+    EXPECT_EQ(gst_buffer_n_memory(buffer), 1U);
+    EXPECT_FALSE(GST_BUFFER_PTS_IS_VALID(buffer));
+    EXPECT_FALSE(GST_BUFFER_DTS_IS_VALID(buffer));
+    EXPECT_FALSE(GST_BUFFER_DURATION_IS_VALID(buffer));
+    EXPECT_EQ(gst_sample_get_caps(sample), nullptr);
+  }
+}
+
+TEST_F(ExternalSrcTest, GathersManyProducers)
+{
+  Branch branch;
+  Producer one(Carrier::PIPE, Mode::BLOCKING);
+  Producer other(Carrier::SOCKET, Mode::NON_BLOCKING);
+
+  branch.play();
+  external_src_add_socket(branch.src, one.consumer_fd, "one");
+  external_src_add_socket(branch.src, other.consumer_fd, "other");
+  one.send(teststream::message("1"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame("one", "1"));
+  other.send(teststream::message("2"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame("other", "2"));
+}
+
+TEST_F(ExternalSrcTest, CountsTheOpenStreams)
+{
+  Branch branch;
+  Producer one(Carrier::PIPE, Mode::BLOCKING);
+  Producer other(Carrier::SOCKET, Mode::NON_BLOCKING);
+
+  branch.play();
+  add(branch, one);
+  EXPECT_EQ(num_sockets(branch.src), 1U);
+  add(branch, other);
+  EXPECT_EQ(num_sockets(branch.src), 2U);
+  one.hang_up();
+  EXPECT_TRUE(testhost::spin_until([&] { return num_sockets(branch.src) == 1; }));
+  other.send(teststream::message("1"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  EXPECT_EQ(num_sockets(branch.src), 1U);
+  other.hang_up();
+  EXPECT_TRUE(testhost::spin_until([&] { return num_sockets(branch.src) == 0; }));
+}
+
+TEST_F(ExternalSrcTest, GoesOnWithoutProducers)
+{
+  Branch branch;
+  Producer one(Carrier::PIPE, Mode::BLOCKING);
+  Producer other(Carrier::PIPE, Mode::BLOCKING);
+
+  branch.play();
+  add(branch, one);
+  one.hang_up();
+  EXPECT_TRUE(testhost::spin_until([&] { return num_sockets(branch.src) == 0; }));
+  add(branch, other);
+  other.send(teststream::message("1"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  EXPECT_FALSE(branch.ended());
+}
+
+TEST_F(ExternalSrcTest, KeepsWhatComesBeforeTheStart)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  add(branch, producer);
+  producer.send(teststream::message("1"));
+  testhost::dispatch_ready();
+  branch.play();
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+}
+
+TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItStops)
+{
+  Branch branch;
+  Producer one(Carrier::PIPE, Mode::BLOCKING);
+  Producer other(Carrier::SOCKET, Mode::NON_BLOCKING);
+
+  branch.play();
+  add(branch, one);
+  add(branch, other);
+  one.send(teststream::message("1"));
+  branch.set_state(GST_STATE_PAUSED);
+  EXPECT_EQ(num_sockets(branch.src), 2U);
+  branch.set_state(GST_STATE_READY);
+  EXPECT_EQ(num_sockets(branch.src), 0U);
+  EXPECT_FALSE(is_open(one.consumer_fd));
+  EXPECT_FALSE(is_open(other.consumer_fd));
+}
+
+TEST_F(ExternalSrcTest, ClosesDescriptorsThatComeAfterItsStop)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  branch.play();
+  branch.set_state(GST_STATE_READY);
+  add(branch, producer);
+  EXPECT_FALSE(is_open(producer.consumer_fd));
+  EXPECT_EQ(num_sockets(branch.src), 0U);
+  branch.play();
+
+  Producer late(Carrier::PIPE, Mode::BLOCKING);
+  add(branch, late);
+  EXPECT_FALSE(is_open(late.consumer_fd));
+}
+
+TEST_F(ExternalSrcTest, ClosesNothingAtOtherChangesOfState)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  add(branch, producer);
+  branch.set_state(GST_STATE_READY);
+  branch.set_state(GST_STATE_NULL);
+  branch.play();
+  EXPECT_EQ(num_sockets(branch.src), 1U);
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+}
+
+TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItsPipelineGoesWithoutHavingStarted)
+{
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Producer late(Carrier::PIPE, Mode::BLOCKING);
+  Branch branch;
+  auto *src = TESSARD_EXTERNAL_SRC(gst_object_ref(branch.src));
+
+  add(branch, producer);
+  producer.send(teststream::message("1"));
+  branch.drop_pipeline();
+  EXPECT_EQ(num_sockets(src), 0U);
+  EXPECT_FALSE(is_open(producer.consumer_fd));
+
+  external_src_add_socket(src, late.consumer_fd, NAME);
+  EXPECT_FALSE(is_open(late.consumer_fd));
+  gst_object_unref(src);
+}
+
+TEST_F(ExternalSrcTest, LivesUntilItsProducersHaveGone)
+{
+  ExternalSrc *src = external_src_new();
+  Observed observed(src);
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  gst_object_ref_sink(src);
+  external_src_add_socket(src, producer.consumer_fd, NAME);
+  gst_object_unref(src);
+  EXPECT_TRUE(observed.alive());
+  producer.hang_up();
+  EXPECT_TRUE(testhost::spin_until([&] { return !observed.alive(); }));
+}
+
+TEST_F(ExternalSrcTest, LivesOnWithoutASocketThatCannotBeSetUp)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+
+  faults::fail_next(faults::Call::IO_CHANNEL_SET_ENCODING);
+  add(branch, producer);
+  EXPECT_EQ(num_sockets(branch.src), 0U);
+  EXPECT_FALSE(is_open(producer.consumer_fd));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Failed to set encoding on channel: No such encoding"}}));
+}
+
+TEST_F(ExternalSrcTest, BoundsWhatWaitsForAClientThatDoesNotRead)
+{
+  constexpr gsize MESSAGE_SIZE = 100 * 1000;
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Producer other(Carrier::PIPE, Mode::BLOCKING);
+  Numbered messages(500, [](gsize) { return MESSAGE_SIZE; });
+  const gsize limit = EXTERNAL_SRC_QUEUE_LIMIT + messages.frame(0).size();
+
+  branch.set_state(GST_STATE_PAUSED);
+  add(branch, producer);
+  EXPECT_TRUE(testhost::spin_until([&] {
+    messages.send_some(producer);
+    EXPECT_LE(branch.queued_bytes(), limit);
+    return branch.queued_bytes() > EXTERNAL_SRC_QUEUE_LIMIT;
+  }));
+
+  /* It stays so, also for a producer who comes now. */
+  add(branch, other);
+  other.send(teststream::message("unread"));
+  const gsize queued = branch.queued_bytes();
+  for (int i = 0; i < 1000; i++) {
+    messages.send_some(producer);
+    testhost::dispatch_ready();
+  }
+  EXPECT_EQ(branch.queued_bytes(), queued);
+  EXPECT_LT(messages.total(), 3 * limit);
+  external_src_add_socket(branch.src, -1, NAME);
+  other.hang_up();
+  EXPECT_EQ(num_sockets(branch.src), 2U);
+  branch.stop();
+  EXPECT_FALSE(is_open(producer.consumer_fd));
+}
+
+TEST_F(ExternalSrcTest, LosesNothingForAClientThatReadsLate)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Numbered messages(500, [](gsize) { return gsize{100 * 1000}; });
+
+  branch.set_state(GST_STATE_PAUSED);
+  add(branch, producer);
+  EXPECT_TRUE(testhost::spin_until([&] {
+    messages.send_some(producer);
+    return branch.queued_bytes() > EXTERNAL_SRC_QUEUE_LIMIT;
+  }));
+  branch.play();
+  expect_all(branch, messages, [&] {
+    messages.send_some(producer);
+    EXPECT_LE(branch.queued_bytes(), EXTERNAL_SRC_QUEUE_LIMIT + messages.frame(0).size());
+  });
+}
+
+TEST_F(ExternalSrcTest, DeliversManyMessagesCompleteAndInOrder)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  /* Most are small, one in a hundred is big, up to 200 KB. */
+  Numbered messages(10 * 1000,
+                    [](gsize number) { return number % 100 == 0 ? number * 20 + 10 : number % 1000 + 10; });
+
+  branch.play();
+  add(branch, producer);
+  std::thread sender([&] {
+    while (messages.send_some(producer)) {
+      g_thread_yield();
+    }
+  });
+  expect_all(branch, messages, [] {});
+  sender.join();
+}
+
+TEST_F(ExternalSrcTest, StopsWhileItsProducersComeAndGo)
+{
+  constexpr int ROUNDS = 500;
+  const std::string bytes = teststream::message(std::string(1000, 'x'));
+
+  for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+    Branch branch;
+    std::vector<std::unique_ptr<Producer>> producers;
+    for (int i = 0; i < 3; i++) {
+      producers.push_back(std::make_unique<Producer>(i == 0 ? Carrier::SOCKET : Carrier::PIPE,
+                                                     i == 1 ? Mode::NON_BLOCKING : Mode::BLOCKING));
+    }
+    branch.play();
+    add(branch, *producers[0]);
+    add(branch, *producers[1]);
+
+    std::atomic<bool> over = false;
+    std::thread sender([&] {
+      for (int i = 0; i < 10 + round % 7; i++) {
+        producers[0]->send_some(bytes.data(), bytes.size());
+        producers[1]->send_some(bytes.data(), bytes.size());
+      }
+      producers[0]->hang_up();
+    });
+    std::thread stopper([&] {
+      for (int i = 0; i < round % 16; i++) {
+        g_thread_yield();
+      }
+      branch.stop();
+      over = true;
+    });
+    for (int i = 0; i < round % 20; i++) {
+      g_main_context_iteration(nullptr, FALSE);
+    }
+    add(branch, *producers[2]);
+    EXPECT_TRUE(testhost::spin_until([&] { return over.load(); }));
+    sender.join();
+    stopper.join();
+    EXPECT_EQ(num_sockets(branch.src), 0U);
+  }
+}
