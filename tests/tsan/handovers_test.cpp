@@ -170,6 +170,55 @@ remove_elsewhere()
   ran.store(true, std::memory_order_relaxed);
 }
 
+// Another thread removes the watch while its callback runs, so that the callback's thread releases what it
+// uses.
+void
+remove_while_dispatched(void (*behind_removal)(int *data))
+{
+  static std::atomic<bool> running;
+  static std::atomic<bool> removed;
+  g_autoptr(GIOChannel) channel = g_io_channel_unix_new(STDERR_FILENO);
+  auto *data = new int(0);
+  guint id = g_io_add_watch_full(
+      channel, G_PRIORITY_DEFAULT, G_IO_OUT,
+      [](GIOChannel *, GIOCondition, gpointer user_data) -> gboolean {
+        running.store(true, std::memory_order_relaxed);
+        wait_unseen(removed);
+        ++*static_cast<int *>(user_data);
+        return G_SOURCE_CONTINUE;
+      },
+      data,
+      [](gpointer user_data) {
+        delete static_cast<int *>(user_data);
+        g_main_loop_quit(get_loop());
+      });
+  Thread thread([&] {
+    wait_unseen(running);
+    g_source_remove(id);
+    removed.store(true, std::memory_order_relaxed);
+    behind_removal(data);
+  });
+  g_main_loop_run(get_loop());
+}
+
+// Many hold what the last of them frees.
+void
+hold_on_two_threads(void (*behind_release)(int *data))
+{
+  struct Held {
+    gint holders = 2;
+    int *data = new int(0);
+  } held;
+  auto use_and_release = [&] {
+    int *data = held.data;
+    g_atomic_int_add(data, 1);
+    if (g_atomic_int_dec_and_test(&held.holders))
+      delete data;
+    behind_release(data);
+  };
+  Thread thread(use_and_release), other_thread(use_and_release);
+}
+
 // Whoever drops the last reference reads and frees its state.
 struct Thing {
   GObject parent;
@@ -262,6 +311,12 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"Quit", [] { run_loop_beside(add_and_quit, add); }, NO_REPORT},
         Case{"TouchedBehindQuit", [] { run_loop_beside([] { add_and_quit(), add(); }, add); }, RACE},
         Case{"WakeUp", wake_up, NO_REPORT}, Case{"SourceRemovedElsewhere", remove_elsewhere, NO_REPORT},
+        Case{"WatchRemovedWhileDispatched", [] { remove_while_dispatched([](int *) {}); }, NO_REPORT},
+        Case{"TouchedBehindRemovalOfWatch", [] { remove_while_dispatched([](int *data) { ++*data; }); },
+             RACE_OR_USE_AFTER_FREE},
+        Case{"LastHolder", [] { hold_on_two_threads([](int *) {}); }, NO_REPORT},
+        Case{"TouchedBehindRelease", [] { hold_on_two_threads([](int *data) { ++*data; }); },
+             RACE_OR_USE_AFTER_FREE},
         Case{"LastReference", drop_on_two_threads, NO_REPORT},
         Case{"ReferenceOfAnother", drop_under_another_thread, RACE_OR_USE_AFTER_FREE},
         Case{"ClassSetUpElsewhere", use_class_set_up_elsewhere, NO_REPORT}),

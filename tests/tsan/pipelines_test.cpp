@@ -122,6 +122,32 @@ touch_beside_streaming_thread()
   pipeline.post_from_streaming_thread();
 }
 
+// From the thread that pushes into an application source to the one that takes from it.
+void
+push_to_streaming_thread(void (*behind_push)())
+{
+  gst_init(nullptr, nullptr);
+  g_autoptr(GstElement) pipeline = gst_parse_launch("appsrc name=source ! fakesink sync=false", nullptr);
+  g_autoptr(GstElement) source = gst_bin_get_by_name(GST_BIN(pipeline), "source");
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(source, "src");
+  gst_pad_add_probe(
+      pad, GST_PAD_PROBE_TYPE_BUFFER,
+      [](GstPad *, GstPadProbeInfo *, gpointer) {
+        add();
+        received.store(true, std::memory_order_relaxed);
+        return GST_PAD_PROBE_REMOVE;
+      },
+      nullptr, nullptr);
+  gst_element_set_state(pipeline, GST_STATE_PLAYING);
+  g_autoptr(GstBuffer) buffer = gst_buffer_new();
+  GstFlowReturn result = GST_FLOW_OK;
+  add();
+  g_signal_emit_by_name(source, "push-buffer", buffer, &result);
+  wait_unseen(received);
+  behind_push();
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+}
+
 // Whoever drops the last reference frees the memory, by way of the library.
 void
 drop_buffer_on_two_threads()
@@ -150,5 +176,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"TouchedBehindPostInCallAsync",
                          [] { Pipeline(NOTHING, add_when_received).post_asynchronously(); }, RACE},
                     Case{"TouchedBesideStreamingThread", touch_beside_streaming_thread, RACE},
+                    Case{"Push", [] { push_to_streaming_thread(NOTHING); }, NO_REPORT},
+                    Case{"TouchedBehindPush", [] { push_to_streaming_thread(add); }, RACE},
                     Case{"LastReferenceToBuffer", drop_buffer_on_two_threads, NO_REPORT}),
     case_name);
