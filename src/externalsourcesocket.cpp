@@ -280,8 +280,8 @@ make_frame(const gchar *source_name, const guint8 *payload, gsize length, gsize 
   }
   /* The terminator goes where the payload begins. */
   g_snprintf(reinterpret_cast<gchar *>(frame), start_size + 1, EXTERNAL_SOURCE_FRAME_START, source_name);
-  memcpy(frame + start_size, payload, length);
-  memcpy(frame + start_size + length, EXTERNAL_SOURCE_FRAME_END, end_size);
+  std::copy_n(payload, length, frame + start_size);
+  std::copy_n(EXTERNAL_SOURCE_FRAME_END, end_size, frame + start_size + length);
   return frame;
 }
 
