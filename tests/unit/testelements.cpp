@@ -661,6 +661,23 @@ taken_constructed(GObject *object)
 }
 
 static void
+ended_constructed(GObject *object)
+{
+  GstFlowReturn result = GST_FLOW_ERROR;
+  usable_class(object)->constructed(object);
+
+  g_signal_emit_by_name(object, "end-of-stream", &result);
+}
+
+static void
+never_waiting_constructed(GObject *object)
+{
+  usable_class(object)->constructed(object);
+
+  g_object_set(object, "async", FALSE, nullptr);
+}
+
+static void
 unusable_dispose(GObject *object)
 {
   GST_OBJECT_PARENT(object) = nullptr;
@@ -683,6 +700,8 @@ constexpr std::array UNUSABLE_KINDS = {
     UnusableKind{"TestUnlinkable", unlinkable_constructed},
     UnusableKind{"TestWithoutSourcePad", without_source_pad_constructed},
     UnusableKind{"TestTaken", taken_constructed},
+    UnusableKind{"TestEnded", ended_constructed},
+    UnusableKind{"TestNeverWaiting", never_waiting_constructed},
 };
 
 void

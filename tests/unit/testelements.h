@@ -42,7 +42,9 @@ GstElement *make_live_source(Behaviour behaviour);
 enum class Unusable {
   CANNOT_BE_LINKED,
   HAS_NO_SOURCE_PAD,
-  HAS_PARENT, /* so it cannot be added */
+  HAS_PARENT,  /* so it cannot be added */
+  HAS_ENDED,   /* an "appsrc" that takes no buffer */
+  NEVER_WAITS, /* a sink that does not wait for data before it plays */
 };
 
 /* A floating element. */
