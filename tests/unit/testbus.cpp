@@ -268,6 +268,15 @@ Service::set_answer(Answer answer)
   answer_ = std::move(answer);
 }
 
+void
+Service::send(GDBusMessage *message)
+{
+  g_autoptr(GError) error = nullptr;
+
+  g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, &error);
+  EXPECT_EQ(error, nullptr) << error->message;
+}
+
 std::vector<std::string>
 Service::take_calls()
 {
@@ -304,6 +313,7 @@ Service::run(const char *name)
   own_name(connection, name);
   {
     std::lock_guard guard(lock_);
+    connection_ = connection;
     ready_ = true;
     changed_.notify_all();
   }
@@ -341,12 +351,12 @@ Service::on_call(gpointer user_data)
 {
   auto *call = static_cast<Call *>(user_data);
 
-  call->service->answer(call->connection, call->message);
+  call->service->answer(call->message);
   return G_SOURCE_REMOVE;
 }
 
 void
-Service::answer(GDBusConnection *connection, GDBusMessage *call)
+Service::answer(GDBusMessage *call)
 {
   std::unique_lock guard(lock_);
   calls_.push_back(describe(call));
@@ -358,9 +368,9 @@ Service::answer(GDBusConnection *connection, GDBusMessage *call)
   guard.unlock();
 
   g_autoptr(GDBusMessage) message = make_reply(call);
-  g_autoptr(GError) error = nullptr;
-  g_dbus_connection_send_message(connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, &error);
-  EXPECT_EQ(error, nullptr) << error->message;
+  if (message != nullptr) {
+    send(message);
+  }
 }
 
 namespace

@@ -37,7 +37,8 @@ private:
   GPid pid_ = 0;
 };
 
-/* Makes a reply to a call, without sending it. Called on the service's thread. */
+/* Makes a reply to a call, without sending it, or none, when the test sends one later. Called on the
+ * service's thread. */
 using Answer = std::function<GDBusMessage *(GDBusMessage *call)>;
 
 /* A reply with a body in GVariant's text format, which is a tuple: "(<uint32 90>,)". */
@@ -59,6 +60,9 @@ public:
 
   void set_answer(Answer answer);
 
+  /* Sends a reply or a signal of the service's. */
+  void send(GDBusMessage *message);
+
   /* The calls since the last call of this, in order, each as "object interface.method arguments". */
   std::vector<std::string> take_calls();
   gsize calls_size();
@@ -72,11 +76,12 @@ private:
   static gboolean on_call(gpointer user_data);
 
   void run(const char *name);
-  void answer(GDBusConnection *connection, GDBusMessage *call);
+  void answer(GDBusMessage *call);
 
   std::mutex lock_;
   std::condition_variable changed_;
   Answer answer_;
+  GDBusConnection *connection_ = nullptr;
   std::vector<std::string> calls_;
   bool slow_ = false;
   bool ready_ = false;

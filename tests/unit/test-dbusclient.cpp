@@ -1,0 +1,983 @@
+#include "dbusclient.h"
+
+#include "faults.h"
+#include "producerconfig.h"
+#include "systembus.h"
+#include "testbus.h"
+#include "testconverter.h"
+#include "testhost.h"
+#include "testreceiver.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <syslog.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+using testbus::Bus;
+using testconverter::Behaviour;
+using testconverter::Hold;
+using testhost::spin_until;
+using testhost::SyslogLine;
+using testhost::SyslogLines;
+using testhost::Texts;
+using testreceiver::Object;
+using testreceiver::Receiver;
+
+using namespace std::string_literals;
+
+namespace
+{
+
+constexpr const char *ROOT = "/com/quon/MetadataReceiver1/Producers/";
+constexpr const char *XML = R"(<tt:SampleFrame>{"Source":"Faces","Data":{"Item":[{}]}}</tt:SampleFrame>)";
+constexpr const char *NOT_FOUND = "tried to find a dbus object for producer which did not exist";
+constexpr const char *NO_FD = "Failed to parse fd from variant: the reply holds no such descriptor\n";
+constexpr const char *REFUSED = "GDBus.Error:com.quon.Test.Error: No.";
+
+SyslogLine
+warning(const std::string &text)
+{
+  return {LOG_WARNING, text};
+}
+
+SyslogLine
+left_out(const std::string &element, const std::string &reason)
+{
+  return warning("left out producer object " + (ROOT + element) + ": " + reason);
+}
+
+class DbusClientTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testbus::install();
+    testconverter::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    std::ofstream(path("producers.conf")) << "# none\n";
+    ASSERT_TRUE(producer_config_setup(path("producers.conf").c_str()));
+    producers_ = analytics_producer_list_new();
+    bus_.emplace();
+    receiver_.emplace();
+  }
+
+  /* Without its bus the client is as it was before its start. */
+  void TearDown() override
+  {
+    testconverter::set_behaviour(Behaviour::CONVERT);
+    receiver_.reset();
+    close_bus();
+    Fixture::TearDown();
+    testconverter::take_inputs();
+    analytics_producer_list_free(producers_);
+    producer_config_free();
+  }
+
+  /* Waits until nobody has the connection any more, nor anything is on its way from it. */
+  void close_bus()
+  {
+    std::optional<testhost::Observed> connection;
+    {
+      g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+      if (shared != nullptr) {
+        connection.emplace(shared);
+      }
+    }
+    bus_.reset();
+    EXPECT_TRUE(spin_until([&connection] { return !connection.has_value() || !connection->alive(); }));
+  }
+
+  void start()
+  {
+    ASSERT_TRUE(dbus_client_init(producers_));
+  }
+
+  /* Names, in their order. */
+  Texts listed() const
+  {
+    Texts names;
+
+    analytics_producer_list_foreach(
+        producers_,
+        [](AnalyticsProducer *producer, gpointer user_data) {
+          g_autofree gchar *name = nullptr;
+          g_object_get(producer, "name", &name, nullptr);
+          static_cast<Texts *>(user_data)->emplace_back(name);
+        },
+        &names);
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  void expect_listed(const Texts &names) const
+  {
+    EXPECT_TRUE(spin_until([&] { return listed() == names; })) << testing::PrintToString(listed());
+  }
+
+  static void expect_lines(const SyslogLines &lines)
+  {
+    EXPECT_TRUE(spin_until([&] { return testhost::syslog_size() >= lines.size(); }));
+    EXPECT_EQ(testhost::take_syslog(), lines);
+  }
+
+  /* Whatever comes before this producer is through by the time that it is listed. */
+  void expect_listed_after_another(const Texts &names)
+  {
+    Texts all = names;
+
+    receiver_->add("Zebras");
+    all.emplace_back("Zebras");
+    expect_listed(all);
+  }
+
+  AnalyticsProducerList *producers_ = nullptr;
+  std::optional<Bus> bus_;
+  std::optional<Receiver> receiver_;
+};
+
+Object
+with_sample_frame(const std::string &name, testbus::Answer answer)
+{
+  Object object = testreceiver::producer(name);
+
+  object.sample_frame = std::move(answer);
+  return object;
+}
+
+Object
+with_stream(const std::string &name, testbus::Answer answer)
+{
+  Object object = testreceiver::producer(name);
+
+  object.stream_fd = std::move(answer);
+  return object;
+}
+
+/* Somebody who asks for a stream. */
+struct Client {
+  std::vector<std::string> calls; /* "on_fd <name>" and "free", in their order */
+  gint fd = -2;
+  std::thread::id thread;
+
+  ~Client()
+  {
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+
+  bool connect(const char *producer, gint channel = 1)
+  {
+    return dbus_client_connect_producer(producer, "front door", channel, on_fd, this, on_free) != FALSE;
+  }
+
+  bool is_done() const
+  {
+    return !calls.empty() && calls.back() == "free";
+  }
+
+  static void on_fd(gint fd, const gchar *source_name, gpointer user_data)
+  {
+    auto *self = static_cast<Client *>(user_data);
+
+    self->fd = fd;
+    self->thread = std::this_thread::get_id();
+    self->calls.push_back("on_fd "s + source_name);
+  }
+
+  static void on_free(gpointer user_data)
+  {
+    static_cast<Client *>(user_data)->calls.emplace_back("free");
+  }
+};
+
+const std::vector<std::string> SERVED = {"on_fd front door", "free"};
+const std::vector<std::string> NOT_SERVED = {"free"};
+
+/* Both ends of a pipe, of which the test's own are closed with this object. */
+struct Pipe {
+  std::array<int, 2> ends = {-1, -1};
+
+  Pipe()
+  {
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  }
+
+  ~Pipe()
+  {
+    close_reader();
+    close(ends[1]);
+  }
+
+  Pipe(const Pipe &) = delete;
+  Pipe &operator=(const Pipe &) = delete;
+
+  void close_reader()
+  {
+    if (ends[0] >= 0) {
+      close(std::exchange(ends[0], -1));
+    }
+  }
+};
+
+} // namespace
+
+TEST_F(DbusClientTest, ListsWhatIsAnnouncedBeforeItStarts)
+{
+  Object faces = testreceiver::producer("Faces");
+  faces.interfaces = testreceiver::with_properties(
+      "{'Name': <'Faces'>, 'NiceName': <'Face finder'>, 'SupportedChannels': <[uint32 3, 1, 2]>}");
+  receiver_->add("Faces", faces);
+  start();
+  EXPECT_EQ(listed(), Texts());
+
+  expect_listed({"Faces"});
+  g_autoptr(AnalyticsProducer) producer = analytics_producer_list_get_producer(producers_, "Faces");
+  g_autofree gchar *nice_name = nullptr;
+  g_autofree gchar *xml = nullptr;
+  gint kind = -1;
+  g_object_get(producer, "nice-name", &nice_name, "sample-frame-xml", &xml, "type", &kind, nullptr);
+  EXPECT_STREQ(nice_name, "Face finder");
+  EXPECT_STREQ(xml, XML);
+  EXPECT_EQ(kind, ANALYTICS_PRODUCER_EXTERNAL);
+  std::vector<guint32> channels;
+  GPtrArray *entries = analytics_producer_get_all_channels_enabled(producer);
+  for (guint i = 0; i < entries->len; i++) {
+    channels.push_back(static_cast<AnalyticsProducerChannel *>(g_ptr_array_index(entries, i))->channel);
+  }
+  EXPECT_EQ(channels, std::vector<guint32>({3, 1, 2}));
+  EXPECT_EQ(receiver_->take_calls(), Texts({"Faces GetSampleFrame ()"}));
+}
+
+TEST_F(DbusClientTest, ListsWhatIsAnnouncedLater)
+{
+  start();
+
+  receiver_->add("Faces");
+  receiver_->add("Plates");
+  expect_listed({"Faces", "Plates"});
+}
+
+TEST_F(DbusClientTest, WaitsForAReceiverThatIsNotThereYet)
+{
+  receiver_->leave();
+  start();
+
+  receiver_->add("Faces");
+  receiver_->come_back();
+  expect_listed({"Faces"});
+}
+
+TEST_F(DbusClientTest, LeavesOutWhatCannotBeConverted)
+{
+  start();
+  testconverter::set_behaviour(Behaviour::FAIL);
+
+  receiver_->add("Faces");
+  expect_lines({warning("failed to convert sample frame from: Faces")});
+  testconverter::set_behaviour(Behaviour::CONVERT);
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, LeavesOutWhatDoesNotAnswer)
+{
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::refuse()));
+  expect_lines({warning("on_get_sample_frame failed: "s + REFUSED)});
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, ClipsWhatAnErrorSays)
+{
+  const std::string long_text(DBUS_CLIENT_MAX_LOGGED_BYTES - 1, 'x');
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", [&](GDBusMessage *call) {
+                   return g_dbus_message_new_method_error_literal(call, "org.freedesktop.DBus.Error.Failed",
+                                                                  (long_text + "\u00e4\u00e4").c_str());
+                 }));
+  const std::string whole = "GDBus.Error:org.freedesktop.DBus.Error.Failed: " + long_text;
+  expect_lines(
+      {warning("on_get_sample_frame failed: " + whole.substr(0, DBUS_CLIENT_MAX_LOGGED_BYTES) + "...")});
+}
+
+class OddSampleFrameTest : public DbusClientTest, public testing::WithParamInterface<const char *>
+{
+};
+
+TEST_P(OddSampleFrameTest, IsNone)
+{
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::reply(GetParam())));
+  expect_lines({warning("failed to fetch sample frame")});
+  expect_listed_after_another({});
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, OddSampleFrameTest,
+                         testing::Values("()", "(1,)", "('{}', 'more')", "(['{}'],)", "('',)"));
+
+TEST_F(DbusClientTest, BoundsTheSampleFrame)
+{
+  const std::string longest(DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES, 'x');
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::reply("('" + longest + "',)")));
+  expect_listed({"Faces"});
+  receiver_->add("Plates", with_sample_frame("Plates", testbus::reply("('" + longest + "x',)")));
+  expect_lines({left_out("Plates", "its sample frame is too long")});
+}
+
+namespace
+{
+
+struct OddObject {
+  const char *behaviour;
+  std::string interfaces;
+  const char *reason;
+};
+
+void
+PrintTo(const OddObject &object, std::ostream *stream)
+{
+  *stream << object.behaviour;
+}
+
+constexpr const char *NO_NAME = "it has no property Name of type s";
+constexpr const char *NO_NICE_NAME = "it has no property NiceName of type s";
+constexpr const char *NO_CHANNELS = "it has no property SupportedChannels of type au";
+constexpr const char *NO_ELEMENT = "its name cannot end an object's path";
+
+std::string
+properties(const std::string &name, const std::string &nice_name, const std::string &channels)
+{
+  return testreceiver::with_properties("{'Name': <" + name + ">, 'NiceName': <" + nice_name +
+                                       ">, 'SupportedChannels': <" + channels + ">}");
+}
+
+std::string
+quoted(gsize length)
+{
+  return "'" + std::string(length, 'x') + "'";
+}
+
+std::string
+channels(gsize count)
+{
+  std::string text = "[uint32 1";
+
+  for (gsize i = 1; i < count; i++) {
+    text += ", " + std::to_string(i + 1);
+  }
+  return text + "]";
+}
+
+} // namespace
+
+class OddObjectTest : public DbusClientTest, public testing::WithParamInterface<OddObject>
+{
+};
+
+TEST_P(OddObjectTest, IsLeftOutAndTheOthersGoOn)
+{
+  Object odd = testreceiver::producer("Odd");
+  odd.interfaces = GetParam().interfaces;
+  receiver_->add("Odd", odd);
+  start();
+
+  expect_lines({left_out("Odd", GetParam().reason)});
+  expect_listed_after_another({});
+  receiver_->remove_interface("Odd", "com.quon.Other1");
+  receiver_->remove("Odd");
+  receiver_->remove("Zebras");
+  expect_listed({});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Objects, OddObjectTest,
+    testing::Values(
+        OddObject{"WithoutInterface", "{'com.quon.Other1': {'Name': <'Odd'>}}",
+                  "it has no interface com.quon.MetadataReceiver1.Producer"},
+        OddObject{"WithoutProperties", testreceiver::with_properties("@a{sv} {}"), NO_NAME},
+        OddObject{"WithoutName",
+                  testreceiver::with_properties("{'NiceName': <'Odd'>, 'SupportedChannels': <[uint32 1]>}"),
+                  NO_NAME},
+        OddObject{"WithoutNiceName",
+                  testreceiver::with_properties("{'Name': <'Odd'>, 'SupportedChannels': <[uint32 1]>}"),
+                  NO_NICE_NAME},
+        OddObject{"WithoutChannels", testreceiver::with_properties("{'Name': <'Odd'>, 'NiceName': <'Odd'>}"),
+                  NO_CHANNELS},
+        OddObject{"NameOfAnotherType", properties("4711", "'Odd'", "[uint32 1]"), NO_NAME},
+        OddObject{"NiceNameOfAnotherType", properties("'Odd'", "['Odd']", "[uint32 1]"), NO_NICE_NAME},
+        OddObject{"ChannelsOfAnotherType", properties("'Odd'", "'Odd'", "[1, 2]"), NO_CHANNELS},
+        OddObject{"OneChannelAlone", properties("'Odd'", "'Odd'", "uint32 1"), NO_CHANNELS},
+        OddObject{"EmptyName", properties("''", "'Odd'", "[uint32 1]"), NO_ELEMENT},
+        OddObject{"NameOfSeveralElements", properties("'Odd/One'", "'Odd'", "[uint32 1]"), NO_ELEMENT},
+        OddObject{"NameWithABlank", properties("'Odd one'", "'Odd'", "[uint32 1]"), NO_ELEMENT},
+        OddObject{"NameBeyondAscii", properties("'\u00d6dd'", "'Odd'", "[uint32 1]"), NO_ELEMENT},
+        OddObject{"NameTooLong", properties(quoted(DBUS_CLIENT_MAX_NAME_BYTES + 1), "'Odd'", "[uint32 1]"),
+                  "its name is too long"},
+        OddObject{"NameOfAMegabyte", properties(quoted(1000000), "'Odd'", "[uint32 1]"),
+                  "its name is too long"},
+        OddObject{"NiceNameTooLong",
+                  properties("'Odd'", quoted(DBUS_CLIENT_MAX_NICE_NAME_BYTES + 1), "[uint32 1]"),
+                  "its nice name is too long"},
+        OddObject{"TooManyChannels", properties("'Odd'", "'Odd'", channels(DBUS_CLIENT_MAX_CHANNELS + 1)),
+                  "it supports too many channels"}),
+    [](const auto &object) { return std::string(object.param.behaviour); });
+
+TEST_F(DbusClientTest, ListsWhatIsAtTheBounds)
+{
+  Object longest = testreceiver::producer("Longest");
+  longest.interfaces = properties(quoted(DBUS_CLIENT_MAX_NAME_BYTES), quoted(DBUS_CLIENT_MAX_NICE_NAME_BYTES),
+                                  channels(DBUS_CLIENT_MAX_CHANNELS));
+  receiver_->add("Longest", longest);
+  Object shortest = testreceiver::producer("Shortest");
+  shortest.interfaces = properties("'_'", "''", "@au []");
+  receiver_->add("Shortest", shortest);
+  start();
+
+  expect_listed({"_", std::string(DBUS_CLIENT_MAX_NAME_BYTES, 'x')});
+}
+
+TEST_F(DbusClientTest, ClipsALongPath)
+{
+  const std::string element(2 * DBUS_CLIENT_MAX_LOGGED_BYTES, 'x');
+  Object odd = testreceiver::producer("Odd");
+  odd.interfaces = testreceiver::with_properties("@a{sv} {}");
+  start();
+
+  receiver_->add(element, odd);
+  const std::string clipped = (ROOT + element).substr(0, DBUS_CLIENT_MAX_LOGGED_BYTES);
+  expect_lines({warning("left out producer object " + clipped + "...: " + NO_NAME)});
+}
+
+TEST_F(DbusClientTest, BoundsHowManyAreTakenUp)
+{
+  Texts names;
+  for (unsigned i = 0; i < DBUS_CLIENT_MAX_PRODUCERS; i++) {
+    names.push_back("P" + std::to_string(i));
+    receiver_->add(names.back());
+  }
+  std::sort(names.begin(), names.end());
+  start();
+  expect_listed(names);
+
+  receiver_->add("Faces");
+  expect_lines({left_out("Faces", "there are too many")});
+  receiver_->remove("Faces");
+  receiver_->remove(names.back());
+  names.pop_back();
+  expect_listed_after_another(names);
+}
+
+TEST_F(DbusClientTest, DoesNotCountWhatItLeftOut)
+{
+  start();
+  for (unsigned i = 0; i < DBUS_CLIENT_MAX_PRODUCERS; i++) {
+    receiver_->add("P" + std::to_string(i), with_sample_frame("P", testbus::reply("()")));
+  }
+  expect_lines(SyslogLines(DBUS_CLIENT_MAX_PRODUCERS, warning("failed to fetch sample frame")));
+
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, RemovesExactlyTheOneWhoseObjectGoes)
+{
+  start();
+  receiver_->add("Faces");
+  receiver_->add("Plates");
+  expect_listed({"Faces", "Plates"});
+
+  receiver_->remove("Faces");
+  expect_listed({"Plates"});
+}
+
+TEST_F(DbusClientTest, ForgetsByTheNameThatWasListed)
+{
+  Object object = testreceiver::producer("Faces");
+  start();
+  receiver_->add("SomeObject", object);
+  expect_listed({"Faces"});
+
+  receiver_->remove("SomeObject");
+  expect_listed({});
+}
+
+TEST_F(DbusClientTest, IgnoresThatANameGoesThatIsNotListed)
+{
+  start();
+  receiver_->add("Faces");
+  expect_listed({"Faces"});
+  analytics_producer_list_remove(producers_, "Faces");
+
+  receiver_->remove("Faces");
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, LeavesTheBuiltInOneWhenItsNamesakeGoes)
+{
+  g_autoptr(GArray) none = g_array_new(FALSE, FALSE, sizeof(guint32));
+  g_autoptr(AnalyticsProducer) built_in =
+      analytics_producer_new("Radar", "Radar", "<xml/>", none, ANALYTICS_PRODUCER_BUILT_IN);
+  analytics_producer_list_add(producers_, built_in);
+  start();
+
+  receiver_->add("Radar");
+  expect_lines({warning("tried to add a producer that already exists: Radar")});
+  receiver_->remove("Radar");
+  expect_listed_after_another({"Radar"});
+  g_autoptr(AnalyticsProducer) still = analytics_producer_list_get_producer(producers_, "Radar");
+  EXPECT_EQ(still, built_in);
+}
+
+TEST_F(DbusClientTest, LeavesTheFirstOneWhenItsNamesakeGoes)
+{
+  start();
+  receiver_->add("Faces");
+  expect_listed({"Faces"});
+
+  receiver_->add("Other", testreceiver::producer("Faces"));
+  expect_lines({warning("tried to add a producer that already exists: Faces")});
+  receiver_->remove("Other");
+  expect_listed_after_another({"Faces"});
+}
+
+TEST_F(DbusClientTest, DoesNotListWhatGoesBeforeItsReply)
+{
+  start();
+  receiver_->add("Faces", with_sample_frame("Faces", receiver_->hold()));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+
+  receiver_->remove("Faces");
+  receiver_->release_held(testbus::reply("('{}',)"));
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, DoesNotListWhatLosesItsInterfaceBeforeItsReply)
+{
+  Object faces = with_sample_frame("Faces", receiver_->hold());
+  faces.interfaces.insert(1, "'com.quon.Other1': {'Name': <'Faces'>}, ");
+  start();
+  receiver_->add("Faces", faces);
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+
+  receiver_->remove_interface("Faces", "com.quon.MetadataReceiver1.Producer");
+  receiver_->release_held(testbus::reply("('{}',)"));
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, DoesNotListWhatGoesDuringItsConversion)
+{
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  {
+    const Hold hold;
+    receiver_->add("Faces");
+    ASSERT_TRUE(spin_until([&hold] { return hold.waiting() == 1; }));
+    receiver_->remove("Faces");
+    testconverter::set_behaviour(Behaviour::CONVERT);
+    expect_listed_after_another({});
+  }
+  receiver_->remove("Zebras");
+  expect_listed({});
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, CountsOnlyTheOneThatCameBackUnderAPath)
+{
+  start();
+  receiver_->add("Faces", with_sample_frame("Faces", receiver_->hold()));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  receiver_->remove("Faces");
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::reply("('new',)")));
+  expect_listed({"Faces"});
+
+  receiver_->release_held(testbus::reply("('old',)"));
+  expect_listed_after_another({"Faces"});
+  g_autoptr(AnalyticsProducer) producer = analytics_producer_list_get_producer(producers_, "Faces");
+  g_autofree gchar *xml = nullptr;
+  g_object_get(producer, "sample-frame-xml", &xml, nullptr);
+  EXPECT_STREQ(xml, R"(<tt:SampleFrame>{"Source":"Faces","Data":{"Item":[new]}}</tt:SampleFrame>)");
+}
+
+TEST_F(DbusClientTest, KeepsTheMainLoopGoingWhileItConverts)
+{
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  {
+    const Hold hold;
+    receiver_->add("Faces");
+    ASSERT_TRUE(spin_until([&hold] { return hold.waiting() == 1; }));
+    EXPECT_EQ(listed(), Texts());
+    testconverter::set_behaviour(Behaviour::CONVERT);
+    expect_listed_after_another({});
+  }
+  expect_listed({"Faces", "Zebras"});
+}
+
+TEST_F(DbusClientTest, ConvertsOnlySoManyAtATime)
+{
+  constexpr unsigned COUNT = 3 * DBUS_CLIENT_MAX_CONVERSIONS;
+  Texts names;
+  for (unsigned i = 0; i < COUNT; i++) {
+    names.push_back("P" + std::to_string(i));
+    receiver_->add(names.back());
+  }
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  std::optional<Hold> hold(std::in_place);
+
+  ASSERT_TRUE(spin_until([&hold] { return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS; }));
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == COUNT; }));
+  testhost::dispatch_ready();
+  EXPECT_EQ(hold->most_waiting(), DBUS_CLIENT_MAX_CONVERSIONS);
+  hold.reset();
+  expect_listed(names);
+}
+
+TEST_F(DbusClientTest, DropsWhatGoesWhileItWaitsForAConversion)
+{
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  std::optional<Hold> hold(std::in_place);
+  for (unsigned i = 0; i < DBUS_CLIENT_MAX_CONVERSIONS; i++) {
+    receiver_->add("P" + std::to_string(i));
+  }
+  ASSERT_TRUE(spin_until([&hold] { return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS; }));
+  testconverter::take_inputs();
+  receiver_->add("Faces");
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == DBUS_CLIENT_MAX_CONVERSIONS + 1; }));
+  receiver_->remove("Faces");
+  receiver_->add("Plates");
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == DBUS_CLIENT_MAX_CONVERSIONS + 2; }));
+
+  hold.reset();
+  expect_listed({"P0", "P1", "Plates"});
+  EXPECT_EQ(testconverter::take_inputs().size(), 1);
+}
+
+TEST_F(DbusClientTest, FollowsAReceiverThatLeavesAndComesBack)
+{
+  receiver_->add("Faces");
+  receiver_->add("Plates");
+  start();
+  expect_listed({"Faces", "Plates"});
+
+  receiver_->leave();
+  expect_listed({});
+  receiver_->come_back();
+  expect_listed({"Faces", "Plates"});
+}
+
+TEST_F(DbusClientTest, TakesUpAReceiverThatComesBackDuringConversions)
+{
+  constexpr unsigned COUNT = DBUS_CLIENT_MAX_PRODUCERS;
+  for (unsigned i = 0; i < COUNT; i++) {
+    receiver_->add("P" + std::to_string(i));
+  }
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  std::optional<Hold> hold(std::in_place);
+  ASSERT_TRUE(spin_until([this, &hold] {
+    return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS && receiver_->calls_size() == COUNT;
+  }));
+
+  receiver_->leave();
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == 2 * COUNT; }));
+  hold.reset();
+  EXPECT_TRUE(spin_until([this] { return listed().size() == COUNT; }));
+  testhost::take_syslog();
+}
+
+TEST_F(DbusClientTest, ListsNothingAnyMoreWithoutTheBus)
+{
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+
+  receiver_.reset();
+  bus_.reset();
+  expect_listed({});
+  Client client;
+  EXPECT_FALSE(client.connect("Faces"));
+  expect_lines({warning(NOT_FOUND)});
+  EXPECT_EQ(client.calls, std::vector<std::string>());
+}
+
+TEST_F(DbusClientTest, LetsGoOfADeadConnectionAndCanStartAgain)
+{
+  start();
+  receiver_.reset();
+  close_bus();
+
+  bus_.emplace();
+  receiver_.emplace();
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+}
+
+TEST_F(DbusClientTest, SurvivesTheBusDuringAConversion)
+{
+  start();
+  testconverter::set_behaviour(Behaviour::HOLD);
+  std::optional<Hold> hold(std::in_place);
+  for (unsigned i = 0; i < 2 * DBUS_CLIENT_MAX_CONVERSIONS; i++) {
+    receiver_->add("P" + std::to_string(i));
+  }
+  ASSERT_TRUE(spin_until([&hold] { return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS; }));
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == 2 * DBUS_CLIENT_MAX_CONVERSIONS; }));
+
+  receiver_.reset();
+  bus_.reset();
+  testconverter::take_inputs();
+  hold.reset();
+  ASSERT_TRUE(spin_until([] { return g_main_context_pending(nullptr) == FALSE; }));
+  EXPECT_EQ(listed(), Texts());
+  testhost::take_syslog();
+}
+
+TEST_F(DbusClientTest, FailsWithoutABus)
+{
+  receiver_.reset();
+  bus_.reset();
+  g_autoptr(GError) error = nullptr;
+  EXPECT_EQ(system_bus_get(&error), nullptr);
+
+  EXPECT_FALSE(dbus_client_init(producers_));
+  expect_lines({warning("Failed to connect to metadata-receiver over DBus: "s + error->message)});
+}
+
+TEST_F(DbusClientTest, FailsWhenTheReceiverRefuses)
+{
+  receiver_->set_managed_objects(testbus::refuse());
+
+  EXPECT_FALSE(dbus_client_init(producers_));
+  expect_lines({warning("Failed to connect to metadata-receiver over DBus: "s + REFUSED)});
+}
+
+TEST_F(DbusClientTest, NeedsAList)
+{
+  EXPECT_FALSE(dbus_client_init(nullptr));
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"list != NULL"}));
+}
+
+TEST_F(DbusClientTest, FailsWithoutTheSignalOfNewObjects)
+{
+  receiver_->add("Faces");
+  faults::fail_next_connection_to("object-added");
+
+  EXPECT_FALSE(dbus_client_init(producers_));
+  expect_lines({warning("failed to connect signal 'object-added' to dbus manager")});
+  ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == 1; }));
+  receiver_->add("Plates");
+  testhost::dispatch_ready();
+  EXPECT_EQ(listed(), Texts());
+}
+
+TEST_F(DbusClientTest, FailsWithoutTheSignalOfObjectsThatGo)
+{
+  faults::fail_next_connection_to("object-removed");
+
+  EXPECT_FALSE(dbus_client_init(producers_));
+  expect_lines({warning("failed to connect signal 'object-removed' to dbus manager"),
+                warning("failed to connect signal 'object-added' to dbus manager")});
+  Client client;
+  EXPECT_FALSE(client.connect("Faces"));
+  expect_lines({warning(NOT_FOUND)});
+  start();
+  receiver_->add("Faces");
+  expect_listed({"Faces"});
+}
+
+TEST_F(DbusClientTest, HandsOverAStream)
+{
+  Pipe pipe;
+  receiver_->add("Faces", with_stream("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})));
+  start();
+  Client client;
+
+  ASSERT_TRUE(client.connect("Faces", 3));
+  EXPECT_EQ(client.calls, std::vector<std::string>());
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  EXPECT_EQ(client.calls, SERVED);
+  EXPECT_EQ(client.thread, std::this_thread::get_id());
+  pipe.close_reader();
+  ASSERT_EQ(write(pipe.ends[1], "x", 1), 1);
+  char byte = '\0';
+  EXPECT_EQ(read(client.fd, &byte, 1), 1);
+  EXPECT_EQ(byte, 'x');
+  EXPECT_TRUE((fcntl(client.fd, F_GETFD) & FD_CLOEXEC) != 0);
+  expect_listed({"Faces"});
+  EXPECT_EQ(receiver_->take_calls(), Texts({"Faces GetSampleFrame ()", "Faces GetStreamFd (3,)"}));
+}
+
+TEST_F(DbusClientTest, ClosesTheDescriptorsThatNobodyAskedFor)
+{
+  Pipe wanted;
+  Pipe other;
+  receiver_->add("Faces", with_stream("Faces", testreceiver::reply_with_fds(
+                                                   "(handle 1,)", {other.ends[0], wanted.ends[0]})));
+  start();
+  Client client;
+
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  wanted.close_reader();
+  other.close_reader();
+  EXPECT_EQ(write(wanted.ends[1], "x", 1), 1);
+  /* Closed by the sender too, but on a thread of its own. */
+  EXPECT_TRUE(spin_until([&other] { return write(other.ends[1], "x", 1) < 0; }));
+  expect_listed({"Faces"});
+}
+
+namespace
+{
+
+struct OddStream {
+  const char *body;
+  bool with_fd;
+};
+
+void
+PrintTo(const OddStream &stream, std::ostream *out)
+{
+  *out << stream.body << (stream.with_fd ? " with a descriptor" : " without one");
+}
+
+class OddStreamTest : public DbusClientTest, public testing::WithParamInterface<OddStream>
+{
+};
+
+} // namespace
+
+TEST_P(OddStreamTest, GivesNoDescriptor)
+{
+  const auto [body, with_fd] = GetParam();
+  Pipe pipe;
+  std::vector<int> fds;
+  if (with_fd) {
+    fds.push_back(pipe.ends[0]);
+  }
+  receiver_->add("Faces", with_stream("Faces", with_fd ? testreceiver::reply_with_fds(body, fds)
+                                                       : testbus::reply(body)));
+  start();
+  expect_listed({"Faces"});
+  Client client;
+
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  EXPECT_EQ(client.calls, SERVED);
+  EXPECT_EQ(client.fd, -1);
+  expect_lines({warning(NO_FD)});
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, OddStreamTest,
+                         testing::Values(OddStream{"(handle 0,)", false}, OddStream{"(handle 1,)", true},
+                                         OddStream{"(handle -1,)", true},
+                                         OddStream{"(handle 2147483647,)", true}, OddStream{"()", true},
+                                         OddStream{"()", false}, OddStream{"(0,)", true},
+                                         OddStream{"('0',)", false}, OddStream{"(handle 0, 'x')", true}));
+
+TEST_F(DbusClientTest, ReleasesTheUserDataOfAFailedCall)
+{
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+  Client client;
+
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  EXPECT_EQ(client.calls, NOT_SERVED);
+  expect_lines({{LOG_INFO, "handle_get_stream_fd failed: "s + REFUSED}});
+}
+
+TEST_F(DbusClientTest, NeedsNoReleaseOfTheUserData)
+{
+  receiver_->add("Faces", with_stream("Faces", testbus::reply("(handle 0,)")));
+  start();
+  expect_listed({"Faces"});
+  Client client;
+
+  ASSERT_TRUE(dbus_client_connect_producer("Faces", "front door", 1, Client::on_fd, &client, nullptr));
+  ASSERT_TRUE(spin_until([&client] { return !client.calls.empty(); }));
+  EXPECT_EQ(client.calls, std::vector<std::string>({"on_fd front door"}));
+  expect_lines({warning(NO_FD)});
+}
+
+TEST_F(DbusClientTest, CallsNothingBackForAnObjectThatIsGone)
+{
+  start();
+  receiver_->add("Faces");
+  expect_listed({"Faces"});
+  receiver_->remove("Faces");
+  expect_listed({});
+  Client client;
+
+  for (const char *name : {"Faces", "", "Fa/ces", "Fa ces", "F\u00e4ces"}) {
+    EXPECT_FALSE(client.connect(name)) << name;
+    expect_lines({warning(NOT_FOUND)});
+  }
+  EXPECT_EQ(receiver_->take_calls(), Texts({"Faces GetSampleFrame ()"}));
+  EXPECT_EQ(client.calls, std::vector<std::string>());
+}
+
+TEST_F(DbusClientTest, NeedsTheNamesAndWhoTakesTheDescriptor)
+{
+  EXPECT_FALSE(dbus_client_connect_producer(nullptr, "front door", 1, Client::on_fd, nullptr, nullptr));
+  EXPECT_FALSE(dbus_client_connect_producer("Faces", nullptr, 1, Client::on_fd, nullptr, nullptr));
+  EXPECT_FALSE(dbus_client_connect_producer("Faces", "front door", 1, nullptr, nullptr, nullptr));
+  EXPECT_EQ(testhost::take_failed_preconditions(),
+            Texts({"producer_name != NULL", "source_name != NULL", "on_fd != NULL"}));
+}
+
+TEST_F(DbusClientTest, EndsARequestWhoseReceiverLeaves)
+{
+  receiver_->add("Faces", with_stream("Faces", receiver_->hold()));
+  start();
+  expect_listed({"Faces"});
+  Client client;
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+
+  receiver_->leave();
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  EXPECT_EQ(client.calls, NOT_SERVED);
+  const SyslogLines lines = testhost::take_syslog();
+  ASSERT_EQ(lines.size(), 1);
+  EXPECT_EQ(lines[0].priority, LOG_INFO);
+  EXPECT_TRUE(lines[0].text.starts_with("handle_get_stream_fd failed: ")) << lines[0];
+  expect_listed({});
+  receiver_->come_back();
+  receiver_->release_held(testbus::refuse());
+  expect_listed({"Faces"});
+}
+
+TEST_F(DbusClientTest, EndsARequestWhoseBusGoes)
+{
+  receiver_->add("Faces", with_stream("Faces", receiver_->hold()));
+  start();
+  expect_listed({"Faces"});
+  Client client;
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+
+  bus_.reset();
+  ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  EXPECT_EQ(client.calls, NOT_SERVED);
+  EXPECT_EQ(testhost::take_syslog().size(), 1);
+}

@@ -1,0 +1,84 @@
+/* The platform's metadata receiver on the private bus, with the objects, the properties and the replies that
+ * a test wants it to have.
+ */
+#pragma once
+
+#include "testbus.h"
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace testreceiver
+{
+
+/* What the receiver says of one of its objects. */
+struct Object {
+  std::string interfaces; /* a{sa{sv}} in GVariant's text format */
+  testbus::Answer sample_frame;
+  testbus::Answer stream_fd;
+};
+
+/* The interface of a producer with these properties, a{sv} in GVariant's text format. */
+std::string with_properties(const std::string &properties);
+
+/* A producer of the channels 1 and 2 that answers as it should. */
+Object producer(const std::string &name);
+
+/* A reply with these descriptors, which stay the caller's, and a body that is a tuple. */
+testbus::Answer reply_with_fds(const std::string &body, const std::vector<int> &fds);
+
+class Receiver
+{
+public:
+  /* On the bus from here on. */
+  Receiver();
+  ~Receiver() = default;
+  Receiver(const Receiver &) = delete;
+  Receiver &operator=(const Receiver &) = delete;
+
+  /* Adds an object of this name below the root, and tells, when on the bus. */
+  void add(const std::string &element, Object object);
+  void add(const std::string &name);
+  void remove(const std::string &element);
+
+  /* Takes an object's interface away, but not the object. */
+  void remove_interface(const std::string &element, const std::string &interface);
+
+  /* What answers GetManagedObjects in place of the objects, until it is empty. */
+  void set_managed_objects(testbus::Answer answer);
+
+  /* Leaves the bus and takes its objects along. */
+  void leave();
+  void come_back();
+
+  /* An answer that waits for a release. */
+  testbus::Answer hold();
+
+  /* How many wait. */
+  gsize held();
+
+  /* Sends an answer to all calls that wait; those who called may have gone. */
+  void release_held(const testbus::Answer &answer);
+
+  /* The calls of producers' methods since the last call of this, in order, each as "element method
+   * arguments". */
+  std::vector<std::string> take_calls();
+  gsize calls_size();
+
+private:
+  GDBusMessage *answer(GDBusMessage *call);
+  testbus::Answer find_answer(const std::string &element, const std::string &method);
+  void emit(const char *signal, GVariant *arguments);
+
+  std::mutex lock_;
+  std::map<std::string, Object> objects_;
+  testbus::Answer managed_objects_;
+  std::vector<GDBusMessage *> held_;
+  std::vector<std::string> calls_;
+  std::optional<testbus::Service> service_;
+};
+
+} // namespace testreceiver
