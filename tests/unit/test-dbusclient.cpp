@@ -981,3 +981,115 @@ TEST_F(DbusClientTest, EndsARequestWhoseBusGoes)
   EXPECT_EQ(client.calls, NOT_SERVED);
   EXPECT_EQ(testhost::take_syslog().size(), 1);
 }
+
+TEST_F(DbusClientTest, ServesRequestsOfOtherThreads)
+{
+  constexpr unsigned THREADS = 2;
+  constexpr unsigned REQUESTS = 50;
+  Pipe pipe;
+  receiver_->add("Faces", with_stream("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})));
+  start();
+  expect_listed({"Faces"});
+  std::vector<Client> clients(THREADS * REQUESTS);
+  std::vector<std::thread> threads;
+
+  for (unsigned thread = 0; thread < THREADS; thread++) {
+    threads.emplace_back([&clients, thread] {
+      for (unsigned i = 0; i < REQUESTS; i++) {
+        EXPECT_TRUE(clients[thread * REQUESTS + i].connect("Faces"));
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  for (const Client &client : clients) {
+    ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+    EXPECT_EQ(client.calls, SERVED);
+    EXPECT_EQ(client.thread, std::this_thread::get_id());
+    EXPECT_GE(client.fd, 0);
+  }
+}
+
+TEST_F(DbusClientTest, LosesNoDescriptorToARequestWhoseClientIsGone)
+{
+  constexpr unsigned RACES = 500;
+  constexpr unsigned AT_A_TIME = 50; /* the bus has a limit */
+  Pipe pipe;
+  receiver_->add("Faces", with_stream("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})));
+  start();
+  expect_listed({"Faces"});
+  std::atomic<unsigned> freed = 0;
+  std::atomic<unsigned> requests = 0;
+
+  /* What takes the descriptor is gone before the reply, or is not: both threads drop a reference to it. */
+  std::thread requester([&] {
+    for (unsigned i = 0; i < RACES; i++) {
+      while (requests - freed >= AT_A_TIME) {
+        g_thread_yield();
+      }
+      g_autoptr(GCancellable) taker = g_cancellable_new();
+      g_object_set_data_full(G_OBJECT(taker), "freed", &freed,
+                             [](gpointer count) { ++*static_cast<std::atomic<unsigned> *>(count); });
+      requests += dbus_client_connect_producer(
+          "Faces", "front door", 1, [](gint fd, const gchar *, gpointer) { close(fd); }, g_object_ref(taker),
+          g_object_unref);
+    }
+  });
+  ASSERT_TRUE(spin_until([&freed] { return freed == RACES; }));
+  requester.join();
+  EXPECT_EQ(requests, RACES);
+}
+
+TEST_F(DbusClientTest, LosesNoRequestWhenTheBusGoesMeanwhile)
+{
+  constexpr unsigned RACES = 500;
+  receiver_->add("Faces", with_stream("Faces", testbus::reply("(handle 0,)")));
+  start();
+  expect_listed({"Faces"});
+  std::atomic<unsigned> ended = 0;
+  std::atomic<unsigned> refused = 0;
+  std::atomic<bool> begun = false;
+
+  std::thread requester([&] {
+    for (unsigned i = 0; i < RACES; i++) {
+      const gboolean made = dbus_client_connect_producer(
+          "Faces", "front door", 1, [](gint, const gchar *, gpointer) {}, &ended,
+          [](gpointer count) { ++*static_cast<std::atomic<unsigned> *>(count); });
+      refused += made ? 0 : 1;
+      begun = true;
+    }
+  });
+  ASSERT_TRUE(spin_until([&begun] { return begun.load(); }));
+  close_bus();
+  ASSERT_TRUE(spin_until([&] { return ended + refused == RACES; }));
+  requester.join();
+  Client client;
+  EXPECT_FALSE(client.connect("Faces"));
+  EXPECT_EQ(testhost::take_syslog().size(), RACES + 1);
+}
+
+/* GDBus then drops the descriptors and delivers the rest. */
+TEST_F(DbusClientTest, KeepsTheBusWhenNoDescriptorIsFreeForAReply)
+{
+  Pipe pipe;
+  receiver_->add("Faces", with_stream("Faces", receiver_->hold()));
+  start();
+  expect_listed({"Faces"});
+  Client client;
+  ASSERT_TRUE(client.connect("Faces"));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  {
+    std::optional<testhost::FreeDescriptors> none;
+    receiver_->release_held([&](GDBusMessage *call) {
+      GDBusMessage *reply = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})(call);
+      none.emplace(0);
+      return reply;
+    });
+    ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
+  }
+  expect_lines({warning(NO_FD)});
+  EXPECT_EQ(client.calls, SERVED);
+  EXPECT_EQ(client.fd, -1);
+  expect_listed_after_another({"Faces"});
+}

@@ -3,12 +3,8 @@
 #include "testbus.h"
 #include "testhost.h"
 
-#include <fcntl.h>
-#include <optional>
-#include <sys/resource.h>
-#include <unistd.h>
-
 using testbus::Bus;
+using testhost::FreeDescriptors;
 
 namespace
 {
@@ -20,36 +16,6 @@ protected:
   {
     testbus::install();
   }
-};
-
-/* Leaves only so many descriptors to open, as long as this object lives. */
-class FreeDescriptors
-{
-public:
-  explicit FreeDescriptors(rlim_t count)
-  {
-    std::set<int> taken = testhost::open_descriptors();
-    struct rlimit limit = {};
-
-    getrlimit(RLIMIT_NOFILE, &before_);
-    limit = before_;
-    limit.rlim_cur = 0;
-    for (rlim_t left = count; left > 0; limit.rlim_cur++) {
-      left -= taken.contains(static_cast<int>(limit.rlim_cur)) ? 0 : 1;
-    }
-    setrlimit(RLIMIT_NOFILE, &limit);
-  }
-
-  ~FreeDescriptors()
-  {
-    setrlimit(RLIMIT_NOFILE, &before_);
-  }
-
-  FreeDescriptors(const FreeDescriptors &) = delete;
-  FreeDescriptors &operator=(const FreeDescriptors &) = delete;
-
-private:
-  struct rlimit before_;
 };
 
 } // namespace

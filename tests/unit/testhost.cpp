@@ -349,6 +349,27 @@ open_descriptors()
   return open;
 }
 
+FreeDescriptors::FreeDescriptors(rlim_t count)
+{
+  const std::set<int> taken = open_descriptors();
+  struct rlimit limit = {};
+
+  getrlimit(RLIMIT_NOFILE, &before_);
+  limit = before_;
+  /* Up to the first one that is too many, and no lower: poll() looks at the limit too. */
+  limit.rlim_cur = 0;
+  for (rlim_t left = count + 1; left > 0; limit.rlim_cur++) {
+    left -= taken.contains(static_cast<int>(limit.rlim_cur)) ? 0 : 1;
+  }
+  limit.rlim_cur--;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+FreeDescriptors::~FreeDescriptors()
+{
+  setrlimit(RLIMIT_NOFILE, &before_);
+}
+
 gsize
 resident_bytes()
 {

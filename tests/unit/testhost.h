@@ -16,6 +16,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -63,6 +64,19 @@ bool wait_until_asleep(pid_t tid);
 
 /* The numbers of the open descriptors. */
 std::set<int> open_descriptors();
+
+/* Leaves only so many descriptors to open, as long as this object lives. */
+class FreeDescriptors
+{
+public:
+  explicit FreeDescriptors(rlim_t count);
+  ~FreeDescriptors();
+  FreeDescriptors(const FreeDescriptors &) = delete;
+  FreeDescriptors &operator=(const FreeDescriptors &) = delete;
+
+private:
+  struct rlimit before_;
+};
 
 gsize resident_bytes();
 
