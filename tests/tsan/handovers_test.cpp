@@ -1,8 +1,10 @@
 #include "selftest.h"
 
-#include <glib-object.h>
+#include <array>
+#include <gio/gio.h>
 #include <glib-unix.h>
 #include <memory>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace
@@ -146,6 +148,63 @@ wake_up()
   wait_unseen(woken);
   g_main_context_iteration(nullptr, FALSE);
   add();
+}
+
+// Nobody is at its other end, so a call fails. Its callback hears of that in the main context all the same.
+GDBusConnection *
+make_connection()
+{
+  std::array<int, 2> ends;
+  g_assert_cmpint(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), ==, 0);
+  close(ends[1]);
+  g_autoptr(GSocket) socket = g_socket_new_from_fd(ends[0], nullptr);
+  g_autoptr(GSocketConnection) stream = g_socket_connection_factory_create_connection(socket);
+  return g_dbus_connection_new_sync(G_IO_STREAM(stream), nullptr, G_DBUS_CONNECTION_FLAGS_NONE, nullptr,
+                                    nullptr, nullptr);
+}
+
+// Kept, because dropping it would be an order of its own.
+GDBusConnection *
+get_connection()
+{
+  static GDBusConnection *connection = make_connection();
+  return connection;
+}
+
+// The callback goes on when the other thread is through, so that nothing that the library does with the call
+// behind it makes an order.
+void
+call_on_bus(void (*behind_call)())
+{
+  static std::atomic<bool> called;
+  get_connection();
+  auto work = [behind_call] {
+    add();
+    g_dbus_connection_call_with_unix_fd_list(
+        get_connection(), nullptr, "/", "com.quon.Test", "Call", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+        nullptr, nullptr,
+        [](GObject *, GAsyncResult *, gpointer) {
+          wait_unseen(called);
+          add_and_quit();
+        },
+        nullptr);
+    behind_call();
+    called.store(true, std::memory_order_relaxed);
+  };
+  Thread thread(work);
+  g_main_loop_run(get_loop());
+}
+
+// A thread that nobody joins hands over through the main context.
+void
+start_thread()
+{
+  auto work = [](gpointer) -> gpointer {
+    add_idle();
+    return nullptr;
+  };
+  add();
+  g_thread_unref(g_thread_try_new("unjoined", work, nullptr, nullptr));
 }
 
 // The callback has run on this thread before another one removes its source and frees what it uses.
@@ -308,6 +367,11 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"Source", [] { run_loop_beside(attach_source, NOTHING); }, NO_REPORT},
         Case{"TouchedBehindAttach", [] { run_loop_beside([] { attach_source(), add(); }, NOTHING); }, RACE},
         Case{"Invoke", [] { run_loop_beside(invoke, NOTHING); }, NO_REPORT},
+        Case{"BusCall", [] { call_on_bus(NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindBusCall", [] { call_on_bus(add); }, RACE},
+        Case{"UnjoinedThread", [] { run_loop_beside(start_thread, NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindUnjoinedThread", [] { run_loop_beside([] { start_thread(), add(); }, NOTHING); },
+             RACE},
         Case{"Quit", [] { run_loop_beside(add_and_quit, add); }, NO_REPORT},
         Case{"TouchedBehindQuit", [] { run_loop_beside([] { add_and_quit(), add(); }, add); }, RACE},
         Case{"WakeUp", wake_up, NO_REPORT}, Case{"SourceRemovedElsewhere", remove_elsewhere, NO_REPORT},
