@@ -15,6 +15,7 @@
  */
 #include "dbusclient.h"
 
+#include "receiverfilter.h"
 #include "sampleframe.h"
 #include "systembus.h"
 
@@ -73,6 +74,7 @@ GMutex manager_lock;
 GDBusObjectManager *manager; /* written by the main thread alone, under the lock */
 
 AnalyticsProducerList *producers; /* borrowed */
+guint filter_id;                  /* on the manager's connection */
 GHashTable *entries;              /* of Announced by path */
 GQueue waiting = G_QUEUE_INIT;    /* of Candidate, for a conversion */
 guint conversions;                /* that run */
@@ -501,6 +503,7 @@ leave_receiver()
   set_manager(nullptr);
   g_signal_handlers_disconnect_by_data(left, producers);
   g_signal_handlers_disconnect_by_data(get_connection(left), &manager);
+  g_dbus_connection_remove_filter(get_connection(left), filter_id);
   g_hash_table_foreach_remove(entries, withdraw_entry, nullptr);
 }
 
@@ -542,9 +545,14 @@ make_manager(GError **error)
   if (connection == nullptr) {
     return nullptr;
   }
-  return g_dbus_object_manager_client_new_for_bus_sync(
+  filter_id = receiver_filter_add(connection, PRODUCERS_PATH);
+  GDBusObjectManager *made = g_dbus_object_manager_client_new_for_bus_sync(
       G_BUS_TYPE_SYSTEM, G_DBUS_OBJECT_MANAGER_CLIENT_FLAGS_NONE, RECEIVER_NAME, PRODUCERS_PATH, nullptr,
       nullptr, nullptr, nullptr, error);
+  if (made == nullptr) {
+    g_dbus_connection_remove_filter(connection, filter_id);
+  }
+  return made;
 }
 
 gboolean

@@ -7,9 +7,10 @@ G_BEGIN_DECLS
 /**
  * DBUS_CLIENT_MAX_PRODUCERS:
  *
- * How many of the receiver's objects are taken up at a time.
+ * How many of the receiver's objects are taken up at a time. Each is a reply to wait for, of which the bus
+ * allows a connection 128: this leaves some for the streams.
  */
-#define DBUS_CLIENT_MAX_PRODUCERS 128
+#define DBUS_CLIENT_MAX_PRODUCERS 96
 
 /**
  * DBUS_CLIENT_MAX_NAME_BYTES:

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -1092,4 +1093,95 @@ TEST_F(DbusClientTest, KeepsTheBusWhenNoDescriptorIsFreeForAReply)
   EXPECT_EQ(client.calls, SERVED);
   EXPECT_EQ(client.fd, -1);
   expect_listed_after_another({"Faces"});
+}
+
+/* What GLib's object manager client would not survive. */
+class OddManagerTest : public DbusClientTest, public testing::WithParamInterface<const char *>
+{
+};
+
+TEST_P(OddManagerTest, FailsWhenItsReplyHasTheWrongType)
+{
+  receiver_->set_managed_objects(testbus::reply(GetParam()));
+
+  EXPECT_FALSE(dbus_client_init(producers_));
+  expect_lines(
+      {warning("Failed to connect to metadata-receiver over DBus: "
+               "GDBus.Error:org.freedesktop.DBus.Error.InvalidSignature: The reply has the wrong type")});
+}
+
+TEST_P(OddManagerTest, IsLeftOutWhenASignalHasTheWrongType)
+{
+  constexpr std::array<std::pair<const char *, const char *>, 3> SIGNALS = {{
+      {"org.freedesktop.DBus.ObjectManager", "InterfacesAdded"},
+      {"org.freedesktop.DBus.ObjectManager", "InterfacesRemoved"},
+      {"org.freedesktop.DBus.Properties", "PropertiesChanged"},
+  }};
+  const std::string root = std::string(ROOT).substr(0, strlen(ROOT) - 1);
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+
+  for (const auto &[interface, signal] : SIGNALS) {
+    receiver_->emit(root, interface, signal, GetParam());
+    receiver_->emit(ROOT + "Faces"s, interface, signal, GetParam());
+  }
+  expect_listed_after_another({"Faces"});
+  expect_lines(SyslogLines(2 * SIGNALS.size(),
+                           warning("left out a signal of the metadata receiver: it has the wrong type")));
+}
+
+TEST_P(OddManagerTest, IsIgnoredWhenItComesBack)
+{
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+  receiver_->leave();
+  expect_listed({});
+
+  receiver_->set_managed_objects(testbus::reply(GetParam()));
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([] { return testhost::glib_messages_size() > 0; }));
+  const Texts messages = testhost::take_glib_messages();
+  ASSERT_EQ(messages.size(), 1);
+  EXPECT_TRUE(messages[0].ends_with("The reply has the wrong type")) << messages[0];
+  EXPECT_EQ(listed(), Texts());
+}
+
+INSTANTIATE_TEST_SUITE_P(Bodies, OddManagerTest,
+                         testing::Values("()", "(1,)", "('x',)", "([('x', 1)],)", "(objectpath '/x',)",
+                                         "(@a{oa{sa{sv}}} {}, 1)"));
+
+TEST_F(DbusClientTest, SurvivesObjectsFromElsewhere)
+{
+  start();
+
+  for (const char *path : {"/", "/other", "/com/quon/MetadataReceiver1/Producers", "/com/quon/a/b"}) {
+    receiver_->emit(std::string(ROOT).substr(0, strlen(ROOT) - 1), "org.freedesktop.DBus.ObjectManager",
+                    "InterfacesRemoved", "(objectpath '"s + path + "', ['com.quon.Other1'])");
+    receiver_->emit(std::string(ROOT).substr(0, strlen(ROOT) - 1), "org.freedesktop.DBus.ObjectManager",
+                    "InterfacesAdded",
+                    "(objectpath '"s + path + "', {'com.quon.Other1': {'Name': <'Faces'>}})");
+  }
+  EXPECT_TRUE(spin_until([] { return testhost::syslog_size() >= 4; }));
+  testhost::take_syslog();
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, DoesNotWaitForAReceiverThatComesBackAndHangs)
+{
+  receiver_->add("Faces");
+  start();
+  expect_listed({"Faces"});
+  receiver_->leave();
+  expect_listed({});
+
+  receiver_->set_managed_objects(receiver_->hold());
+  receiver_->come_back();
+  EXPECT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  testhost::dispatch_ready();
+  EXPECT_EQ(receiver_->held(), 1);
+  receiver_->release_held(testbus::refuse());
+  EXPECT_TRUE(spin_until([] { return testhost::glib_messages_size() > 0; }));
+  EXPECT_EQ(testhost::take_glib_messages().size(), 1);
 }

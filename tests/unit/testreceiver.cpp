@@ -120,6 +120,12 @@ Receiver::remove_interface(const std::string &element, const std::string &interf
 }
 
 void
+Receiver::emit(const std::string &path, const char *interface, const char *signal, const std::string &body)
+{
+  send_signal(path, interface, signal, g_variant_new_parsed(body.c_str()));
+}
+
+void
 Receiver::set_managed_objects(Answer answer)
 {
   std::lock_guard guard(lock_);
@@ -237,7 +243,13 @@ Receiver::find_answer(const std::string &element, const std::string &method)
 void
 Receiver::emit(const char *signal, GVariant *arguments)
 {
-  g_autoptr(GDBusMessage) message = g_dbus_message_new_signal(ROOT, OBJECT_MANAGER, signal);
+  send_signal(ROOT, OBJECT_MANAGER, signal, arguments);
+}
+
+void
+Receiver::send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments)
+{
+  g_autoptr(GDBusMessage) message = g_dbus_message_new_signal(path.c_str(), interface, signal);
 
   g_dbus_message_set_body(message, arguments);
   if (service_.has_value()) {

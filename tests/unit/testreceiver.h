@@ -47,6 +47,9 @@ public:
   /* Takes an object's interface away, but not the object. */
   void remove_interface(const std::string &element, const std::string &interface);
 
+  /* Sends a signal whose body is a tuple in GVariant's text format. */
+  void emit(const std::string &path, const char *interface, const char *signal, const std::string &body);
+
   /* What answers GetManagedObjects in place of the objects, until it is empty. */
   void set_managed_objects(testbus::Answer answer);
 
@@ -72,6 +75,7 @@ private:
   GDBusMessage *answer(GDBusMessage *call);
   testbus::Answer find_answer(const std::string &element, const std::string &method);
   void emit(const char *signal, GVariant *arguments);
+  void send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments);
 
   std::mutex lock_;
   std::map<std::string, Object> objects_;
