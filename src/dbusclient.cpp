@@ -11,7 +11,8 @@
  * All of this is the main thread's, with two exceptions. A conversion may wait for as long as the converter
  * has, so it has a thread of its own: that owns the candidate until it hands it back to the main loop, and
  * touches nothing else. And request threads ask for streams: they take a reference to the object manager,
- * under the one lock here, which is held for that alone.
+ * under the one lock here, which is held for that alone. They may hold the list's lock meanwhile; no signal
+ * of the object manager is emitted under a lock.
  */
 #include "dbusclient.h"
 
@@ -681,7 +682,7 @@ dbus_client_init(AnalyticsProducerList *list)
  *
  * Asks the receiver for a stream of one producer. The reply is handled in the main thread: @on_fd is called
  * unless the call failed, and @user_data_free after it in any case. Any thread that has no default main
- * context of its own.
+ * context of its own, for that would get the reply; also with the list's lock held.
  *
  * Warnings: "tried to find a dbus object for producer which did not exist"; later "Failed to parse fd from
  * variant: %s\n", whereupon @on_fd gets -1. Infos: "handle_get_stream_fd failed: %s"
