@@ -269,14 +269,15 @@ read_deleted(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
   }
 }
 
-/* Whether it is a date and a time of the day, with dashes and colons; GLib takes weeks and more. */
+/* Whether it is a date and a time of the day, with dashes and colons, and no leap second; GLib takes weeks
+ * and more. */
 bool
 has_shape_of_time(const std::string &text)
 {
-  constexpr std::string_view SHAPE = "0000-00-00T00:00:00";
+  constexpr std::string_view SHAPE = "9999-19-39T29:59:59"; /* with the highest digits */
   return text.size() > SHAPE.size() &&
          std::equal(SHAPE.begin(), SHAPE.end(), text.begin(), [](char shape, char character) {
-           return shape == '0' ? g_ascii_isdigit(character) : shape == character;
+           return g_ascii_isdigit(shape) ? character >= '0' && character <= shape : character == shape;
          });
 }
 

@@ -1,0 +1,151 @@
+#include "jsonform.h"
+
+#include "hostiletext.h"
+
+#include <gtest/gtest.h>
+
+using sim::JSON_DEPTH_MAX;
+using sim::JSON_MEMBERS_MAX;
+using sim::JSON_VALUES_MAX;
+
+namespace
+{
+
+bool
+is_accepted(std::string text)
+{
+  return sim::json_form_check(&text).has_value();
+}
+
+/* So many values in one array, beside the array itself. */
+std::string
+array_of(gsize count)
+{
+  return "[" + (count > 0 ? "0" + repeat(",0", count - 1) : "") + "]";
+}
+
+std::string
+object_of(gsize count)
+{
+  return "{" + (count > 0 ? "\"\":0" + repeat(",\"\":0", count - 1) : "") + "}";
+}
+
+std::string
+nested(const char *open, const char *close, gsize depth)
+{
+  return repeat(open, depth) + repeat(close, depth);
+}
+
+class Json : public testing::TestWithParam<HostileText>
+{
+};
+
+TEST_P(Json, IsAccepted)
+{
+  EXPECT_TRUE(is_accepted(GetParam().text));
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, Json,
+                         testing::Values("{}", "[]", " \t\r\n[ \t\r\n] \t\r\n", "true", "false", "null",
+                                         "\"\"", "[true,false,null]", "{\"a\":{\"b\":[]},\"c\":[{}]}",
+                                         "{\"a\":1,\"a\":2}", "\"\\\"\\\\\\/\\b\\f\\n\\r\\t\"",
+                                         "\"\\u0001\\uFFFF\\u00e9\"", "\"\\ud83c\\udfa5\"", "\"\xc3\xa9\"",
+                                         "\"\x7f\"", "\"]}[{,:\"", "0", "-0", "-0.0", "10", "1.5", "1e5",
+                                         "1E+5", "1e-5", "0.0e0", "1e999", "-1.25E-3",
+                                         "123456789012345678901234567890.5"));
+
+class NoJson : public testing::TestWithParam<HostileText>
+{
+};
+
+TEST_P(NoJson, IsRefused)
+{
+  EXPECT_FALSE(is_accepted(GetParam().text));
+  EXPECT_FALSE(is_accepted("[" + GetParam().text + "]")) << "in an array";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, NoJson,
+    testing::Values(" ,", "{", "[", "}", "]", "{]", "[}", "[}]", "[[]", "[1,]", "[,1]", "[1,,2]", "[1 2]",
+                    "[1:2]", "{\"a\"}", "{\"a\":}", "{\"a\" 1}", "{\"a\":1,}", "{,}", "{1:2}", "{a:1}",
+                    "{\"a\":1:2}", "{\"a\",1}", "{\"a\":1 \"b\":2}", "1 2", "{}{}", "[]x", "tru", "truefalse",
+                    "True", "nul", "NaN", "Infinity", "-Infinity", "'a'", "var a = 1", "/* a */ 1", "// a\n1",
+                    "# a\n1", "\f1", "\"", "\"a", "\"a\\\"", "\"\\", "\"a\nb\"", "\"\t\"", "\"\\x\"",
+                    "\"\\'\"", "\"\\u12\"", "\"\\u123", "\"\\u12g4\"", "\"\\u-123\"", "\"\\u0000\"",
+                    "\"\\ud83c\"", "\"\\ud83c\\u0041\"", "\"\\ud83cx\"", "\"\\ud83c\\", "\"\\udfa5\"", "01",
+                    "-", "--1", "- 1", "+1", ".5", "1.", "1.e5", "1e", "1e+", "1e5.5", "0x10", "1f", "1_000",
+                    "\"\xff\"", "\"\xc3\"", "\"\xed\xa0\x80\"", "\xef\xbb\xbf{}", std::string("\"a\0b\"", 5),
+                    std::string("\0", 1)));
+
+TEST(JsonForm, NothingIsNoJson)
+{
+  EXPECT_FALSE(is_accepted(""));
+  EXPECT_FALSE(is_accepted("   "));
+}
+
+TEST(JsonForm, DepthIsBounded)
+{
+  EXPECT_TRUE(is_accepted(nested("[", "]", JSON_DEPTH_MAX)));
+  EXPECT_FALSE(is_accepted(nested("[", "]", JSON_DEPTH_MAX + 1)));
+  EXPECT_TRUE(is_accepted(repeat("{\"\":", JSON_DEPTH_MAX) + "0" + repeat("}", JSON_DEPTH_MAX)));
+  EXPECT_FALSE(is_accepted(repeat("{\"\":", JSON_DEPTH_MAX + 1) + "0" + repeat("}", JSON_DEPTH_MAX + 1)));
+}
+
+TEST(JsonForm, BracketsInStringsHaveNoDepth)
+{
+  EXPECT_TRUE(is_accepted("\"" + repeat("[", 1000000) + "\""));
+  EXPECT_TRUE(is_accepted("\"" + repeat("\\\"[", 1000000) + "\""));
+}
+
+TEST(JsonForm, AMillionBracketsAreRefused)
+{
+  EXPECT_FALSE(is_accepted(repeat("[", 1000000)));
+  EXPECT_FALSE(is_accepted(repeat("{\"a\":", 1000000)));
+  EXPECT_FALSE(is_accepted(nested("[", "]", 1000000)));
+}
+
+TEST(JsonForm, ValuesAreBounded)
+{
+  EXPECT_TRUE(is_accepted(array_of(JSON_VALUES_MAX - 1)));
+  EXPECT_FALSE(is_accepted(array_of(JSON_VALUES_MAX)));
+}
+
+TEST(JsonForm, MembersOfEachObjectAreBounded)
+{
+  EXPECT_TRUE(is_accepted(object_of(JSON_MEMBERS_MAX)));
+  EXPECT_FALSE(is_accepted(object_of(JSON_MEMBERS_MAX + 1)));
+  EXPECT_TRUE(is_accepted("[" + object_of(JSON_MEMBERS_MAX) + "," + object_of(JSON_MEMBERS_MAX) + "]"));
+}
+
+TEST(JsonForm, MembersAreCountedByDepth)
+{
+  std::string text = "{\"a\":{\"b\":0,\"c\":{}},\"d\":[{\"e\":0}],\"f\":{\"g\":0}}";
+  std::optional<sim::JsonForm> form = sim::json_form_check(&text);
+  ASSERT_TRUE(form.has_value());
+  EXPECT_EQ(form->members[0], 3u);
+  EXPECT_EQ(form->members[1], 1u) << "of the last object only";
+  text = "{\"a\":1,\"a\":1}";
+  EXPECT_EQ(sim::json_form_check(&text)->members[0], 2u) << "also of those with one name";
+}
+
+struct Number {
+  const char *text;
+  const char *tamed;
+};
+
+TEST(JsonForm, WholeNumbersBeyond64BitsAreHuge)
+{
+  for (const Number &number : {Number{"[9223372036854775807]", "[9223372036854775807]"},
+                               Number{"[9223372036854775808]", "[1e99               ]"},
+                               Number{"[-9223372036854775808]", "[-9223372036854775808]"},
+                               Number{"[-9223372036854775809]", "[1e99                ]"},
+                               Number{"[18446744073709551616,1]", "[1e99                ,1]"},
+                               Number{"[18446744073709551616.0]", "[18446744073709551616.0]"},
+                               Number{"\"18446744073709551616\"", "\"18446744073709551616\""}}) {
+    std::string text = number.text;
+    EXPECT_TRUE(sim::json_form_check(&text).has_value()) << number.text;
+    EXPECT_EQ(text, number.tamed);
+  }
+}
+
+} /* namespace */
