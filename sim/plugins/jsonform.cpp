@@ -208,7 +208,7 @@ Walk::skip_string()
 {
   at_++;
   while (at_ < end_ && *at_ != '"') {
-    if (g_ascii_iscntrl(*at_) && *at_ != '\x7f') {
+    if (*at_ >= '\0' && *at_ < ' ') {
       return false;
     }
     if (*at_ != '\\') {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <json-glib/json-glib.h>
 #include <set>
 
@@ -36,6 +37,12 @@ struct Part {
   bool (*read)(JsonNode *value, ProducerObject *object);
   const char *flaw;
 };
+
+bool
+is_control_character(char character)
+{
+  return character >= '\0' && character < ' ';
+}
 
 bool
 read_number(JsonNode *node, double low, double high, double *number)
@@ -152,11 +159,13 @@ read_polygon(JsonNode *node, ProducerObject *object)
   return true;
 }
 
+/* A line break would stay one in XML, and metadata have none. */
 bool
 read_type(JsonNode *node, ProducerObject *object)
 {
   const char *type = get_text(node);
-  if (type == nullptr || *type == '\0' || g_utf8_strlen(type, -1) > PRODUCER_TYPE_MAX) {
+  if (type == nullptr || *type == '\0' || g_utf8_strlen(type, -1) > PRODUCER_TYPE_MAX ||
+      std::any_of(type, type + strlen(type), is_control_character)) {
     return false;
   }
   object->type = type;
@@ -179,7 +188,7 @@ constexpr std::array<Part, 6> PARTS = {{
     {"BoundingBox", false, read_box, "a \"BoundingBox\" is none, or not in the picture"},
     {"CenterOfGravity", false, read_centre, "a \"CenterOfGravity\" is no point in the picture"},
     {"Polygon", false, read_polygon, "a \"Polygon\" is none, not in the picture or has too many points"},
-    {"Type", false, read_type, "a \"Type\" is no text, empty or too long"},
+    {"Type", false, read_type, "a \"Type\" is no text, empty, too long or has control characters"},
     {"Likelihood", false, read_likelihood, "a \"Likelihood\" is not from 0 to 1"},
 }};
 

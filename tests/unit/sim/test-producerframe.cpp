@@ -90,7 +90,7 @@ constexpr const char *BAD_DELETED = "one of \"Deleted\" is no whole number of 64
 constexpr const char *BAD_BOX = "a \"BoundingBox\" is none, or not in the picture";
 constexpr const char *BAD_CENTRE = "a \"CenterOfGravity\" is no point in the picture";
 constexpr const char *BAD_POLYGON = "a \"Polygon\" is none, not in the picture or has too many points";
-constexpr const char *BAD_TYPE = "a \"Type\" is no text, empty or too long";
+constexpr const char *BAD_TYPE = "a \"Type\" is no text, empty, too long or has control characters";
 constexpr const char *BAD_LIKELIHOOD = "a \"Likelihood\" is not from 0 to 1";
 
 TEST_F(ProducerFrames, EveryMemberIsRead)
@@ -301,7 +301,8 @@ TEST_F(ProducerFrames, TypesAndLikelihoodsAreBounded)
 {
   EXPECT_EQ(read_whole(item_with(R"("Type":"<&\"","Likelihood":1)")).items[0].objects[0].type, "<&\"");
   EXPECT_EQ(read_whole(item_with(R"("Likelihood":0)")).items[0].objects[0].likelihood, 0);
-  for (const char *type : {"null", "1", "true", "[]", "[\"a\"]", "{}", "\"\""}) {
+  for (const char *type :
+       {"null", "1", "true", "[]", "[\"a\"]", "{}", "\"\"", "\"a\\nb\"", "\"\\u0001\"", "\"\\u001f\""}) {
     read_flawed(item_with(std::string(R"("Type":)") + type), BAD_TYPE);
   }
   for (const char *likelihood : {"null", "\"1\"", "true", "[]", "{}", "-0.01", "1.01", "1e999", "-1e999"}) {
