@@ -19,7 +19,8 @@ RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
 
 # To run every test beside that.
 TEST_PACKAGES=(libgtest-dev zsh gstreamer1.0-tools systemd
-  python3-pytest python3-pytest-xdist python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
+  python3-pytest python3-pytest-xdist python3-gi python3-jsonschema python3-lxml
+  gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
 # The daemon refuses to run as root, so for root this drops to a user that owns nothing; others run it as themselves.

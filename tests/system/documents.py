@@ -59,7 +59,8 @@ def parse_time(text):
 
 
 def find(element, path):
-    return element.find(path, NAMESPACES)
+    """None also if there is no element."""
+    return None if element is None else element.find(path, NAMESPACES)
 
 
 def find_all(element, path):
@@ -68,7 +69,8 @@ def find_all(element, path):
 
 def text_of(element, path):
     """The text of what is found there, None if nothing is."""
-    return element.findtext(path, None, NAMESPACES)
+    found = find(element, path)
+    return None if found is None else found.text or ""
 
 
 def numbers(element, *names):
@@ -139,7 +141,7 @@ class SceneObject:
         self.centre = numbers(find(shape, "tt:CenterOfGravity"), "x", "y")
         self.polygon = None if polygon is None else [numbers(point, "x", "y") for point in polygon]
         self.type = text_of(appearance, "tt:Class/tt:Type")
-        self.likelihood = numbers(find(appearance, "tt:Class/tt:Type"), "Likelihood")
+        self.likelihood = numbers(find(appearance, "tt:Class/tt:Type[@Likelihood]"), "Likelihood")
         self.speed = None if behaviour is None else float(text_of(behaviour, "tt:Speed"))
         self.yaw = None if behaviour is None else numbers(find(behaviour, "tt:Direction"), "yaw")
         self.location = numbers(find(appearance, "tt:GeoLocation"), "lon", "lat", "elevation")
