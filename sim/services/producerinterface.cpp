@@ -87,9 +87,9 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
 GDBusInterfaceInfo *
 get_info(GDBusInterfaceSkeleton *skeleton)
 {
-  static GDBusNodeInfo *const NODE = g_dbus_node_info_new_for_xml(XML, nullptr);
+  static GDBusNodeInfo *const node = g_dbus_node_info_new_for_xml(XML, nullptr);
 
-  return NODE->interfaces[0];
+  return node->interfaces[0];
 }
 
 GDBusInterfaceVTable *

@@ -29,12 +29,11 @@ answer_rightly(GDBusMethodInvocation *invocation, const RightAnswer &right)
 void
 answer_wrongly(GDBusMethodInvocation *invocation, const Misbehaviour &how, const RightAnswer &right)
 {
-  g_autoptr(GVariant) unused = nullptr;
   g_autoptr(GUnixFDList) fds = nullptr;
 
   if (how.reply_has_descriptors) {
     if (const std::optional<Reply> reply = right(nullptr)) {
-      unused = g_variant_ref_sink(reply->body);
+      g_variant_unref(g_variant_ref_sink(reply->body));
       fds = reply->fds;
     }
   }
