@@ -59,24 +59,23 @@ bus_connect(const char *address, GError **error)
 
 /**
  * bus_can_carry:
- * @value: any value
+ * @body: a tuple
  *
  * Maybe types are none of the bus. GDBus finds those inside of variants when it writes the message, but takes
  * a body for granted.
  *
- * Returns: whether @value can be in a message
+ * Returns: whether @body can be a message's
  */
 bool
-bus_can_carry(GVariant *value)
+bus_can_carry(GVariant *body)
 {
   g_autoptr(GDBusMessage) message = g_dbus_message_new_signal("/message", "any.Interface", "Any");
   gsize size = 0;
 
-  if (strchr(g_variant_get_type_string(value), 'm') != nullptr) {
+  if (strchr(g_variant_get_type_string(body), 'm') != nullptr) {
     return false;
   }
-  g_dbus_message_set_body(
-      message, g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE) ? value : g_variant_new("(v)", value));
+  g_dbus_message_set_body(message, body);
   g_autofree guchar *blob =
       g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr);
   return blob != nullptr;

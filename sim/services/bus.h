@@ -7,7 +7,7 @@ namespace sim
 {
 
 GDBusConnection *bus_connect(const char *address, GError **error);
-bool bus_can_carry(GVariant *value);
+bool bus_can_carry(GVariant *body);
 void bus_reply(GDBusMethodInvocation *call, GVariant *body, GUnixFDList *fds);
 bool bus_register_object(GDBusConnection *connection, const char *path, const char *xml,
                          const GDBusInterfaceVTable *vtable, gpointer user_data, GError **error);

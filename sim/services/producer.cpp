@@ -137,10 +137,18 @@ Producer::property_value(const char *property) const
   return g_variant_ref_sink(channels_variant(camera_.channels));
 }
 
+/**
+ * Producer::sample_frame:
+ *
+ * Returns: the sample frame, made fit for the bus
+ */
 std::string
 Producer::sample_frame() const
 {
-  return sample_frame_.has_value() ? *sample_frame_ : feed_->sample_frame();
+  const std::string text = sample_frame_.has_value() ? *sample_frame_ : feed_->sample_frame();
+  g_autofree gchar *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+
+  return valid;
 }
 
 /* Whoever has replaced the list by something else gets streams of any channel. */
@@ -250,7 +258,8 @@ Producer::set_property(const std::string &property, const std::string &value, GE
   if (parsed == nullptr) {
     return refuse(error, "the value is not in GVariant's text format: %s", found->message);
   }
-  if (!bus_can_carry(parsed)) {
+  g_autoptr(GVariant) body = g_variant_ref_sink(g_variant_new("(v)", parsed));
+  if (!bus_can_carry(body)) {
     return refuse(error, "the bus carries no such value: '%s'", value.c_str());
   }
   replaced_[property] = share(parsed);

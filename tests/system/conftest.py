@@ -12,7 +12,8 @@ import pathlib
 import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "fakeservice", "installation",
-                               "overdue", "refusals", "scenes", "simcamera", "tessardctl", "tool", "waiting")
+                               "overdue", "receiver", "refusals", "scenes", "simcamera", "tessardctl", "tool",
+                               "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -107,11 +108,12 @@ def daemon(start_daemon):
 
 @pytest.fixture
 def start_camera(installation, bus):
-    """Starts the simulated camera's services with the given options, by default on the session's bus."""
+    """Starts the simulated camera's services with the given options, by default on the session's bus; see
+    SimulatedCamera for the arguments."""
     with contextlib.ExitStack() as started:
 
-        def start(*options, on=bus):
-            camera = SimulatedCamera(installation, on, *options)
+        def start(*options, on=bus, **arguments):
+            camera = SimulatedCamera(installation, on, *options, **arguments)
             started.callback(camera.finish)
             camera.wait_until_ready()
             return camera

@@ -19,17 +19,21 @@ class SimulatedCamera:
     """One simcamera; the fixtures `camera` and `start_camera` make one and clean up after it.
 
     options: its command line
-    bus: where it plays, which it takes for the system's bus"""
+    bus: where it plays, which it takes for the system's bus
+    stdin: its standard input
+    variables: what its environment has beside the usual"""
 
-    def __init__(self, installation, bus, *options):
+    def __init__(self, installation, bus, *options, stdin=subprocess.DEVNULL, variables=None):
         self.program = str(installation.simcamera)
         self.environment = {
             "PATH": os.environ["PATH"],
             "LC_ALL": "C.UTF-8",
             "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
             **installation.sanitizer_environment(),
+            **(variables or {}),
         }
-        self.process = subprocess.Popen([self.program, *options], **self._pipes(), **unprivileged())
+        self.process = subprocess.Popen([self.program, *options], **self._pipes() | {"stdin": stdin},
+                                        **unprivileged())
 
     def _pipes(self):
         return {"env": self.environment, "stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
@@ -98,3 +102,39 @@ class SimulatedCamera:
 
     def move_capabilities(self, value):
         self.tell("move-capabilities", value)
+
+    def add_producer(self, name, *file):
+        self.tell("add-producer", name, *file)
+
+    def remove_producer(self, name):
+        self.tell("remove-producer", name)
+
+    def property(self, name, prop, value):
+        self.tell("property", name, prop, value)
+
+    def sample_frame(self, name, text):
+        self.tell("sample-frame", name, text)
+
+    def misbehave_producer(self, name, method, *how):
+        self.tell("misbehave-producer", name, method, *how)
+
+    def behave_producer(self, name):
+        self.tell("behave-producer", name)
+
+    def streams(self, name):
+        """How many streams of the producer are open."""
+        return int(self.tell("streams", name))
+
+    def hang_up(self, name):
+        self.tell("hang-up", name)
+
+    def descriptors(self, name, *kind):
+        self.tell("descriptors", name, *kind)
+
+    def pieces(self, name, size, pause_ms):
+        self.tell("pieces", name, size, pause_ms)
+
+    # What it holds
+
+    def descriptor_count(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
