@@ -248,6 +248,48 @@ TEST(World, NextChangeIsTheFirstOne)
   }
 }
 
+/* Who enters from one look to the next. */
+std::vector<Object>
+newcomers(const World &world, WorldTime before, WorldTime now, std::optional<sim::ObjectType> only)
+{
+  std::vector<Object> there = world.objects_at(before);
+  std::vector<Object> objects = world.objects_at(now);
+  std::erase_if(objects, [&](const Object &object) {
+    return find(there, object.id) != nullptr || (only.has_value() && object.type != *only);
+  });
+  return objects;
+}
+
+TEST(World, ArrivalsAreWhereSomebodyOfTheTypeEnters)
+{
+  constexpr WorldTime LOOK = 50 * MILLISECOND;
+  World world(SEED);
+  for (std::optional<sim::ObjectType> only :
+       {std::optional<sim::ObjectType>(), {sim::ObjectType::HUMAN}, {sim::ObjectType::VEHICLE}}) {
+    int arrivals = 0;
+    WorldTime told = START;
+    while (std::optional<WorldTime> arrival = world.first_arrival_between(told, END, only)) {
+      EXPECT_FALSE(newcomers(world, *arrival - 1, *arrival, only).empty());
+      for (WorldTime time = told; time + LOOK < *arrival; time += LOOK) {
+        EXPECT_TRUE(newcomers(world, time, time + LOOK, only).empty());
+      }
+      told = *arrival;
+      arrivals++;
+    }
+    EXPECT_GT(arrivals, 10);
+  }
+}
+
+TEST(World, ArrivalsHaveTheirSpan)
+{
+  World world(SEED);
+  WorldTime arrival = *world.first_arrival_between(START, END, std::nullopt);
+  EXPECT_EQ(world.first_arrival_between(arrival - 1, arrival, std::nullopt), arrival);
+  EXPECT_EQ(world.first_arrival_between(START, arrival - 1, std::nullopt), std::nullopt);
+  EXPECT_NE(world.first_arrival_between(arrival, END, std::nullopt), arrival);
+  EXPECT_EQ(world.first_arrival_between(arrival, arrival, std::nullopt), std::nullopt);
+}
+
 TEST(Head, SameSeedMovesInTheSameWay)
 {
   for (WorldTime time = START; time < END; time += 700 * MILLISECOND) {

@@ -1,0 +1,84 @@
+#include "message.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+
+using sim::Message;
+using sim::shared_text_copy;
+
+namespace
+{
+
+std::string
+wire_form(const std::string &text)
+{
+  auto length = static_cast<guint32>(text.size());
+  std::string form(sizeof length, '\0');
+  std::memcpy(form.data(), &length, sizeof length);
+  return form + text;
+}
+
+std::string
+take(Message &message, gsize limit)
+{
+  std::string bytes;
+  for (const iovec &part : message.rest(limit)) {
+    bytes.append(static_cast<const char *>(part.iov_base), part.iov_len);
+  }
+  message.advance(bytes.size());
+  return bytes;
+}
+
+TEST(MessageTest, NothingIsSentToBeginWith)
+{
+  EXPECT_TRUE(Message().is_sent());
+}
+
+TEST(MessageTest, LengthComesBeforeTheText)
+{
+  Message message(shared_text_copy("{}"));
+  EXPECT_FALSE(message.is_sent());
+  EXPECT_EQ(take(message, G_MAXSIZE), wire_form("{}"));
+  EXPECT_TRUE(message.is_sent());
+}
+
+TEST(MessageTest, EmptyTextHasALengthToo)
+{
+  Message message(shared_text_copy(""));
+  EXPECT_FALSE(message.is_sent());
+  EXPECT_EQ(take(message, G_MAXSIZE), wire_form(""));
+  EXPECT_TRUE(message.is_sent());
+}
+
+TEST(MessageTest, AnyPiecesMakeTheWhole)
+{
+  const std::string text = "0123456789";
+  for (gsize size = 1; size <= text.size() + 5; size++) {
+    Message message(shared_text_copy(text));
+    std::string sent;
+    while (!message.is_sent()) {
+      std::string piece = take(message, size);
+      ASSERT_GT(piece.size(), 0U);
+      ASSERT_LE(piece.size(), size);
+      sent += piece;
+    }
+    EXPECT_EQ(sent, wire_form(text)) << size;
+  }
+}
+
+TEST(MessageTest, WhatWasNotTakenComesAgain)
+{
+  Message message(shared_text_copy("abc"));
+  message.rest(G_MAXSIZE);
+  message.advance(2);
+  EXPECT_EQ(take(message, G_MAXSIZE), wire_form("abc").substr(2));
+}
+
+TEST(MessageTest, PartKeepsTheWhole)
+{
+  sim::SharedText part = sim::shared_text_part(shared_text_copy("abcdef"), 2, 3);
+  EXPECT_EQ(sim::shared_text_view(part), "cde");
+}
+
+} /* namespace */
