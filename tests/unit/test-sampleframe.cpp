@@ -35,8 +35,9 @@ class SampleFrameTest : public testhost::Fixture
 protected:
   static void SetUpTestSuite()
   {
-    testconverter::install();
     testelements::install();
+    /* In place of the converter among those. */
+    testconverter::install();
   }
 
   void TearDown() override

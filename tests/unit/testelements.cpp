@@ -455,6 +455,8 @@ const std::array REMEMBERING_ELEMENTS = {
                         {"geolocation", G_TYPE_BOOLEAN},
                         {"rotation", G_TYPE_UINT},
                         {"source-name", G_TYPE_STRING}}},
+    RememberingElement{
+        "json2xml", "TestJsonConverter", "ANY", SOURCE_CAPS, {{"exclude-polygon", G_TYPE_BOOLEAN}}},
 };
 
 std::vector<std::string> settings_made;

@@ -12,8 +12,8 @@ namespace testelements
 {
 
 /* Makes the doubles known: "onvifxmlmetadatastreamdoc", "onvifeventsrc", and those that just remember what is
- * set on them, "statuscacheptzsrc", "scenesrc", "scene2xml", "radarscenesrc" and "radarscene2xml". Once in a
- * process is enough. */
+ * set on them, "statuscacheptzsrc", "scenesrc", "scene2xml", "radarscenesrc", "radarscene2xml" and
+ * "json2xml". Once in a process is enough. */
 void install();
 
 /* What a source does when its pipeline plays. All but the state failures are told by the streaming thread. */

@@ -112,4 +112,34 @@ expect_refused(SourceFactory *factory, const Params &params, GQuark domain, cons
   EXPECT_EQ(testhost::take_syslog(), (testhost::SyslogLines{{LOG_WARNING, text}}));
 }
 
+void
+expect_linked(GstElement *from, GstElement *to)
+{
+  g_autoptr(GstPad) src = gst_element_get_static_pad(from, "src");
+  g_autoptr(GstPad) sink = gst_element_get_static_pad(to, "sink");
+  g_autoptr(GstPad) peer = gst_pad_get_peer(src);
+
+  EXPECT_EQ(peer, sink);
+}
+
+void
+expect_ghost_pad(GstElement *bin, GstElement *converter)
+{
+  ASSERT_EQ(bin->numpads, 1);
+  auto *pad = GST_PAD(bin->pads->data);
+  g_autoptr(GstPad) src = gst_element_get_static_pad(converter, "src");
+
+  ASSERT_TRUE(GST_IS_GHOST_PAD(pad));
+  g_autoptr(GstPad) target = gst_ghost_pad_get_target(GST_GHOST_PAD(pad));
+  EXPECT_STREQ(GST_OBJECT_NAME(pad), "src");
+  EXPECT_EQ(GST_PAD_DIRECTION(pad), GST_PAD_SRC);
+  EXPECT_EQ(target, src);
+}
+
+std::string
+factory_name(GstElement *element)
+{
+  return GST_OBJECT_NAME(gst_element_get_factory(element));
+}
+
 } // namespace testfactory

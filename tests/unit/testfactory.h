@@ -42,4 +42,13 @@ void expect_declined(SourceFactory *factory, const Params &params);
 /* The factory fails with @text, which is also the one line that it logs, as a warning. */
 void expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text);
 
+/* The name of the factory that made an element. */
+std::string factory_name(GstElement *element);
+
+/* Whether the pad "src" of one is linked to the pad "sink" of the other. */
+void expect_linked(GstElement *from, GstElement *to);
+
+/* Whether the bin has one pad, "src", which shows that of @last. */
+void expect_ghost_pad(GstElement *bin, GstElement *last);
+
 } // namespace testfactory

@@ -59,36 +59,6 @@ find(GstElement *bin, const char *name)
   return element;
 }
 
-void
-expect_linked(GstElement *from, GstElement *to)
-{
-  g_autoptr(GstPad) src = gst_element_get_static_pad(from, "src");
-  g_autoptr(GstPad) sink = gst_element_get_static_pad(to, "sink");
-  g_autoptr(GstPad) peer = gst_pad_get_peer(src);
-
-  EXPECT_EQ(peer, sink);
-}
-
-void
-expect_ghost_pad(GstElement *bin, GstElement *converter)
-{
-  ASSERT_EQ(bin->numpads, 1);
-  auto *pad = GST_PAD(bin->pads->data);
-  g_autoptr(GstPad) src = gst_element_get_static_pad(converter, "src");
-
-  ASSERT_TRUE(GST_IS_GHOST_PAD(pad));
-  g_autoptr(GstPad) target = gst_ghost_pad_get_target(GST_GHOST_PAD(pad));
-  EXPECT_STREQ(GST_OBJECT_NAME(pad), "src");
-  EXPECT_EQ(GST_PAD_DIRECTION(pad), GST_PAD_SRC);
-  EXPECT_EQ(target, src);
-}
-
-std::string
-factory_name(GstElement *element)
-{
-  return GST_OBJECT_NAME(gst_element_get_factory(element));
-}
-
 } // namespace
 
 std::string
@@ -155,18 +125,18 @@ expect_bin(GstElement *bin, const BinNames &names, const std::string &caps)
   g_autoptr(GstElement) source = find(bin, names.source);
   g_autoptr(GstElement) filter = find(bin, names.filter);
   g_autoptr(GstElement) converter = find(bin, names.converter);
-  EXPECT_EQ(factory_name(source), names.source);
-  EXPECT_EQ(factory_name(filter), "capsfilter");
-  EXPECT_EQ(factory_name(converter), names.converter);
+  EXPECT_EQ(testfactory::factory_name(source), names.source);
+  EXPECT_EQ(testfactory::factory_name(filter), "capsfilter");
+  EXPECT_EQ(testfactory::factory_name(converter), names.converter);
 
   g_autoptr(GstCaps) actual_caps = nullptr;
   g_object_get(filter, "caps", &actual_caps, nullptr);
   g_autofree gchar *actual = gst_caps_to_string(actual_caps);
   EXPECT_EQ(actual, caps);
 
-  expect_linked(source, filter);
-  expect_linked(filter, converter);
-  expect_ghost_pad(bin, converter);
+  testfactory::expect_linked(source, filter);
+  testfactory::expect_linked(filter, converter);
+  testfactory::expect_ghost_pad(bin, converter);
 }
 
 void

@@ -1,0 +1,221 @@
+/* Turns a request for analytics into one branch for all external producers that are enabled on a channel:
+ * their streams come together in an ExternalSrc, and "json2xml" makes ONVIF of them. The built-in producers
+ * have factories of their own.
+ *
+ * A request only asks for the streams. They come later, on the main thread, each to the source that asked,
+ * which every question keeps alive until its answer has come; a source that has stopped or left its bin by
+ * then closes what it gets. Meanwhile one frame of the daemon's own lets the client's pipeline start, however
+ * silent the producers are.
+ *
+ * The factory's field is written once, before the first request, so any number of requests may ask it at
+ * once.
+ */
+#include "externalsourcefactory.h"
+
+#include "dbusclient.h"
+#include "externalsrc.h"
+#include "optionvalidation.h"
+#include "sourcefactory.h"
+
+#include <cstring>
+
+struct _ExternalSourceFactory {
+  GObject parent_instance;
+
+  AnalyticsProducerList *producers; /* borrowed */
+};
+
+static void external_source_factory_iface_init(SourceFactoryInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(ExternalSourceFactory, external_source_factory, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(SOURCE_TYPE_FACTORY, external_source_factory_iface_init))
+
+/* The runs of blanks are what is left of broken lines; converters know the text so. */
+#define STREAM_START_FRAME                                                                                   \
+  "{     \"Source\": \"StreamStart\",     \"Data\": {         \"Item\": [             {"                     \
+  "                 \"TimestampMono\": \"%lli\",                 \"UtcTime\": \"%s\""                        \
+  "             }         ]     } }"
+
+namespace
+{
+
+constexpr gint32 WITH_POLYGONS = 2;
+
+/* What goes from one producer to the next while a request connects them. */
+struct Connection {
+  ExternalSrc *source; /* borrowed */
+  gint32 channel;
+  guint count;
+};
+
+/* Without an element. */
+GstElement *
+fail(GError **error, const gchar *text)
+{
+  source_factory_fail(error, source_factory_error_quark(), "%s", text);
+  return nullptr;
+}
+
+/* With a reference of the caller's own, like every element here. */
+ExternalSrc *
+make_source(gint32 channel, GError **error)
+{
+  ExternalSrc *source = external_src_new();
+
+  if (source == nullptr) {
+    fail(error, "Could not construct externalsrc.");
+    return nullptr;
+  }
+  /* A request may name channel 0, on which there is nothing; the property does not take it. */
+  if (channel > 0) {
+    g_object_set(source, "video-channel", channel, nullptr);
+  }
+  return TESSARD_EXTERNAL_SRC(gst_object_ref_sink(source));
+}
+
+GstElement *
+make_converter(gboolean exclude_polygon, GError **error)
+{
+  GstElement *converter = gst_element_factory_make("json2xml", "json2xml");
+
+  if (converter == nullptr) {
+    return fail(error, "Could not construct json2xml.");
+  }
+  g_object_set(converter, "exclude-polygon", exclude_polygon, nullptr);
+  return GST_ELEMENT(gst_object_ref_sink(converter));
+}
+
+/* Floating. */
+GstElement *
+make_bin(ExternalSrc *source, gboolean exclude_polygon, GError **error)
+{
+  g_autoptr(GstElement) bin = gst_bin_new("externalsrcfactorybin");
+  g_autoptr(GstElement) converter = make_converter(exclude_polygon, error);
+  if (converter == nullptr) {
+    return nullptr;
+  }
+
+  if (!gst_bin_add(GST_BIN(bin), GST_ELEMENT(source)) || !gst_bin_add(GST_BIN(bin), converter) ||
+      !gst_element_link(GST_ELEMENT(source), converter)) {
+    return fail(error, "Could not link externalsrc and json2xml.");
+  }
+  if (!source_factory_add_ghost_pad(bin, converter)) {
+    return fail(error, "Could not add ghost pad for external metadata stream.");
+  }
+  return g_steal_pointer(&bin);
+}
+
+/* On the main thread, with the descriptor that becomes the source's. */
+void
+on_fd(gint fd, const gchar *source_name, gpointer user_data)
+{
+  external_src_add_socket(TESSARD_EXTERNAL_SRC(user_data), fd, source_name);
+}
+
+/* A producer whose stream cannot be asked for counts all the same: its client gets the others, and a stream
+ * that stays open for those. */
+void
+connect_producer(AnalyticsProducer *producer, gpointer user_data)
+{
+  auto *connection = static_cast<Connection *>(user_data);
+  g_autofree gchar *source_name = nullptr;
+  g_autofree gchar *name = nullptr;
+  gint type = ANALYTICS_PRODUCER_BUILT_IN;
+
+  if (!analytics_producer_get_channel_enabled(producer, static_cast<guint32>(connection->channel),
+                                              &source_name)) {
+    return;
+  }
+  g_object_get(producer, "name", &name, "type", &type, nullptr);
+  if (type != ANALYTICS_PRODUCER_EXTERNAL) {
+    return;
+  }
+
+  connection->count++;
+  g_object_ref(connection->source);
+  if (!dbus_client_connect_producer(name, source_name, connection->channel, on_fd, connection->source,
+                                    g_object_unref)) {
+    g_object_unref(connection->source);
+  }
+}
+
+guint
+connect_producers(AnalyticsProducerList *producers, ExternalSrc *source, gint32 channel)
+{
+  Connection connection = {source, channel, 0};
+
+  analytics_producer_list_foreach(producers, connect_producer, &connection);
+  return connection.count;
+}
+
+void
+push_stream_start(ExternalSrc *source)
+{
+  g_autoptr(GDateTime) now = g_date_time_new_now_utc();
+  g_autofree gchar *utc_time = g_date_time_format_iso8601(now);
+  gchar *frame =
+      g_strdup_printf(STREAM_START_FRAME, static_cast<long long>(g_get_monotonic_time()), utc_time);
+
+  gst_app_src_push_buffer(GST_APP_SRC(source), gst_buffer_new_wrapped(frame, strlen(frame)));
+}
+
+GstElement *
+create_source(SourceFactory *factory, GHashTable *params, GError **error)
+{
+  ExternalSourceFactory *self = EXTERNAL_SOURCE_FACTORY(factory);
+  const gint32 analytics =
+      option_validation_parse_analytics(source_factory_lookup_param(params, "analytics"), error);
+  if (analytics == 0 || analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
+    return nullptr;
+  }
+  const gint32 channel = option_validation_lookup_channel(params, error);
+  if (channel < 0) {
+    return nullptr;
+  }
+
+  g_autoptr(ExternalSrc) source = make_source(channel, error);
+  if (source == nullptr) {
+    return nullptr;
+  }
+  g_autoptr(GstElement) bin = make_bin(source, analytics != WITH_POLYGONS, error);
+  if (bin == nullptr || connect_producers(self->producers, source, channel) == 0) {
+    return nullptr;
+  }
+  push_stream_start(source);
+  return g_steal_pointer(&bin);
+}
+
+} // namespace
+
+static void
+external_source_factory_init(ExternalSourceFactory *self)
+{
+}
+
+static void
+external_source_factory_class_init(ExternalSourceFactoryClass *klass)
+{
+}
+
+static void
+external_source_factory_iface_init(SourceFactoryInterface *iface)
+{
+  iface->create_source = create_source;
+}
+
+/**
+ * external_source_factory_new:
+ * @producers: (transfer none): the list of all producers; it outlives the factory
+ *
+ * Any thread.
+ *
+ * Returns: (transfer full): a new factory of external sources
+ */
+ExternalSourceFactory *
+external_source_factory_new(AnalyticsProducerList *producers)
+{
+  auto *self = EXTERNAL_SOURCE_FACTORY(g_object_new(EXTERNAL_TYPE_SOURCE_FACTORY, nullptr));
+
+  self->producers = producers;
+  return self;
+}
