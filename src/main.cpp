@@ -1,7 +1,9 @@
 /* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
 #include "analyticsproducer.h"
+#include "dbusclient.h"
 #include "dbusserver.h"
 #include "eventsourcefactory.h"
+#include "externalsourcefactory.h"
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
 #include "radarscenesourcefactory.h"
@@ -268,6 +270,8 @@ add_factories(Server *server, AnalyticsProducerList *producers)
   if (is_offered(RADAR_SCENES)) {
     register_factory(server, radar_scene_source_factory_new(producers));
   }
+  syslog(LOG_INFO, "Adding external source factory.");
+  register_factory(server, external_source_factory_new(producers));
 }
 
 gboolean
@@ -305,6 +309,9 @@ run(const gchar *run_dir)
     syslog(LOG_ERR, "Could not start server.");
     return EXIT_FAILURE;
   }
+  /* Without the receiver service there are no external producers, and everything else is there. */
+  syslog(LOG_INFO, "Setting up D-Bus client.");
+  dbus_client_init(producers);
   g_main_loop_run(loop);
 
   server_stop(server);

@@ -65,7 +65,7 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
         lines.append((INFO, adding if plugin in plugins else missing))
         if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:
             lines.append(coordinator_line)
-    return lines
+    return lines + [(INFO, "Adding external source factory."), (INFO, "Setting up D-Bus client.")]
 
 
 START_LINES = start_lines(EVENT_PLUGINS)
