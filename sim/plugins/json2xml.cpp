@@ -112,9 +112,6 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
   switch (GST_EVENT_TYPE(event)) {
   case GST_EVENT_STREAM_START:
     return gst_pad_event_default(pad, parent, event) && push_caps(self);
-  case GST_EVENT_CAPS:
-    gst_event_unref(event);
-    return TRUE;
   case GST_EVENT_SEGMENT:
     return gst_pad_event_default(pad, parent, own_segment(event));
   default:
