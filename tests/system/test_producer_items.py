@@ -343,6 +343,18 @@ def test_documented_example_is_told_as_documented(convert):
     assert (seen.type, seen.likelihood) == ("Human", 0.96)
 
 
+def test_recordings_are_told_whole(convert):
+    recordings = list((TREE / "sim/recordings").glob("*.jsonl"))
+    assert recordings
+    for recording in recordings:
+        items = recording.read_text(encoding="utf-8").splitlines()
+        assert items
+        for text, (outputs, warnings) in zip(items, convert(items), strict=True):
+            assert warnings == [] and accepted_by_schema(text), text
+            (frame,) = frames_of(outputs)
+            assert len(frame.objects) == len(json.loads(text)["Objects"])
+
+
 def test_several_items_are_one_fragment(convert):
     (result,) = convert([", ".join(documented_items())])
     assert result[1] == []
