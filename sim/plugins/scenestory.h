@@ -7,8 +7,8 @@ namespace sim
 {
 
 /* The story of the world scene by scene: what is in the picture, again and again while anything is, and now
- * and then while nothing is. The first scene is due at once. Whoever was in the last scene and has left is told
- * to have left in the next one.
+ * and then while nothing is. The first scene is due at once. Whoever was in the last scene and has left is
+ * told to have left in the next one.
  *
  * Belongs to one thread at a time. */
 class SceneStory
