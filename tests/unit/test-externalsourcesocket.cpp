@@ -8,6 +8,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -723,6 +724,31 @@ TEST_P(PiecesTest, OfANonBlockingPayloadInThreeReadsOverlap)
   send_while_reading(producer, {"45", "6789"});
   producer.send(teststream::message(LONG).substr(0, 4 + 4));
   EXPECT_EQ(reader.take_events(), frames({"016789"s + std::string(4, '\0')}));
+}
+
+TEST_P(PiecesTest, AreNotDeliveredWhenTheSocketIsClosedMeanwhile)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  std::promise<pid_t> tid;
+  std::thread closer;
+
+  faults::after_empty_reads([&] {
+    if (closer.joinable()) {
+      return;
+    }
+    closer = std::thread([&] {
+      tid.set_value(gettid());
+      external_source_socket_close(reader.socket, FALSE);
+    });
+    /* It waits for the reader. */
+    EXPECT_TRUE(testhost::wait_until_asleep(tid.get_future().get()));
+    producer.send("456789");
+  });
+  producer.send(teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_TRUE(testhost::spin_until([&] { return reader.released.load(); }));
+  closer.join();
+  EXPECT_EQ(reader.take_events(), (Texts{"released"}));
 }
 
 TEST_P(PiecesTest, OfABlockingPayloadInThreeReadsAreJoined)
