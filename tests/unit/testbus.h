@@ -60,7 +60,7 @@ public:
 
   void set_answer(Answer answer);
 
-  /* Sends a reply or a signal of the service's. */
+  /* Sends a reply or a signal of the service's. The bus may be gone by then. */
   void send(GDBusMessage *message);
 
   /* The calls since the last call of this, in order, each as "object interface.method arguments". */
