@@ -155,17 +155,13 @@ get_proxy(GDBusObject *object)
   return interface != nullptr ? G_DBUS_PROXY(interface) : nullptr;
 }
 
-/* The proxy of an object that is still the one that the receiver shows under its path, or NULL. The object
- * tells, not the proxy: GLib makes another of those when it is told of an object twice, as it is of one that
- * comes while it asks for all. */
+/* The proxy of an object that is still announced, with the interface, or NULL. The object tells, not the
+ * proxy: GLib makes another of those when it is told of an object twice, as it is of one that comes while it
+ * asks for all. */
 GDBusProxy *
 get_current_proxy(const Announced *entry)
 {
-  if (g_hash_table_lookup(entries, path_of(entry)) != entry) {
-    return nullptr;
-  }
-  g_autoptr(GDBusObject) current = g_dbus_object_manager_get_object(manager, path_of(entry));
-  return current == entry->object ? get_proxy(current) : nullptr;
+  return g_hash_table_lookup(entries, path_of(entry)) == entry ? get_proxy(entry->object) : nullptr;
 }
 
 /* One whose producer will not be listed counts no more. */
