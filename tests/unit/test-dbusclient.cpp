@@ -1081,11 +1081,13 @@ TEST_F(DbusClientTest, KeepsTheBusWhenNoDescriptorIsFreeForAReply)
   ASSERT_TRUE(client.connect("Faces"));
   ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
   {
+    /* The sender's copy of the descriptor stays open as long as the message. */
+    g_autoptr(GDBusMessage) sent = nullptr;
     std::optional<testhost::FreeDescriptors> none;
     receiver_->release_held([&](GDBusMessage *call) {
-      GDBusMessage *reply = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})(call);
+      sent = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})(call);
       none.emplace(0);
-      return reply;
+      return G_DBUS_MESSAGE(g_object_ref(sent));
     });
     ASSERT_TRUE(spin_until([&client] { return client.is_done(); }));
   }

@@ -84,6 +84,14 @@ Receiver::Receiver()
   come_back();
 }
 
+Receiver::~Receiver()
+{
+  service_.reset();
+  for (GDBusMessage *call : held_) {
+    g_object_unref(call);
+  }
+}
+
 void
 Receiver::add(const std::string &element, Object object)
 {

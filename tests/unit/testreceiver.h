@@ -35,7 +35,7 @@ class Receiver
 public:
   /* On the bus from here on. */
   Receiver();
-  ~Receiver() = default;
+  ~Receiver();
   Receiver(const Receiver &) = delete;
   Receiver &operator=(const Receiver &) = delete;
 
