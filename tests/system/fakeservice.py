@@ -1,4 +1,5 @@
-"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them."""
+"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them; and what any
+stand-in has to do."""
 
 import contextlib
 import threading
@@ -24,24 +25,11 @@ def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
     }
 
 
-class FakeService:
-    """One owner of the daemon's name.
+class StandIn:
+    """One owner of a name, who answers in a thread of its own."""
 
-    producers: properties by object path; what GetManagedObjects tells
-    replies: by method, what to reply in place of the right thing
-    errors: by method, the error's name and message
-    silent: methods that are never answered; leaving: methods in the middle of which the service leaves
-    calls: what came, as (path, method, arguments); flags: with which message flags"""
-
-    def __init__(self, bus):
-        self.producers = {}
-        self.replies = {}
-        self.errors = {}
-        self.silent = set()
-        self.leaving = set()
-        self.calls = []
-        self.flags = set()
-        self.kept = []
+    def __init__(self, bus, name):
+        self.name = name
         self.started = threading.Event()
         self.client = BusClient(bus)
         self.context = GLib.MainContext()
@@ -50,19 +38,59 @@ class FakeService:
 
     def _run(self):
         self.context.push_thread_default()
-        self._register(ROOT, OBJECT_MANAGER, "GetManagedObjects")
-        self._register(ROOT, MANAGER, "SetProducersEnabled")
-        for path in self.producers:
-            self._register(path, PRODUCER, "SetChannelsEnabled")
-        self.client.own(NAME)
+        self._register_all()
+        self.client.own(self.name)
         self.started.set()
         self.loop.run()
         self.context.pop_thread_default()
 
+    def _register_all(self):
+        """Puts everything on the bus that is there from the start. What is registered is answered by this thread."""
+        raise NotImplementedError
+
     def start(self):
-        """Takes the name; the producers and replies are set."""
+        """Takes the name."""
         self.thread.start()
         assert self.started.wait(BOUND_SECONDS)
+
+    def emit(self, path, interface, signal, body):
+        self.client.connection.emit_signal(None, path, interface, signal, body)
+        self.client.connection.flush_sync(None)
+
+    def close(self):
+        """Gives up the name, once, by leaving the bus."""
+        with contextlib.suppress(GLib.Error):
+            self.client.close()
+        if self.thread.is_alive():
+            self.context.invoke_full(GLib.PRIORITY_DEFAULT, self.loop.quit)
+            self.thread.join(BOUND_SECONDS)
+
+
+class FakeService(StandIn):
+    """One owner of the daemon's name, who is started once the producers and replies are set.
+
+    producers: properties by object path; what GetManagedObjects tells
+    replies: by method, what to reply in place of the right thing
+    errors: by method, the error's name and message
+    silent: methods that are never answered; leaving: methods in the middle of which the service leaves
+    calls: what came, as (path, method, arguments); flags: with which message flags"""
+
+    def __init__(self, bus):
+        super().__init__(bus, NAME)
+        self.producers = {}
+        self.replies = {}
+        self.errors = {}
+        self.silent = set()
+        self.leaving = set()
+        self.calls = []
+        self.flags = set()
+        self.kept = []
+
+    def _register_all(self):
+        self._register(ROOT, OBJECT_MANAGER, "GetManagedObjects")
+        self._register(ROOT, MANAGER, "SetProducersEnabled")
+        for path in self.producers:
+            self._register(path, PRODUCER, "SetChannelsEnabled")
 
     def _register(self, path, interface, method):
         reply = self.replies.get(method)
@@ -105,10 +133,6 @@ class FakeService:
 
     # Signals
 
-    def emit(self, path, interface, signal, body):
-        self.client.connection.emit_signal(None, path, interface, signal, body)
-        self.client.connection.flush_sync(None)
-
     def add(self, name, *args, **kwargs):
         self.producers[path_of(name)] = properties(name, *args, **kwargs)
         self.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
@@ -123,13 +147,3 @@ class FakeService:
         self.producers[path_of(name)]["ChannelsEnabled"] = value
         self.emit(path_of(name), PROPERTIES, "PropertiesChanged",
                   GLib.Variant("(sa{sv}as)", (PRODUCER, {"ChannelsEnabled": value}, [])))
-
-    # Life
-
-    def close(self):
-        """Gives up the name, once, by leaving the bus."""
-        with contextlib.suppress(GLib.Error):
-            self.client.close()
-        if self.thread.is_alive():
-            self.context.invoke_full(GLib.PRIORITY_DEFAULT, self.loop.quit)
-            self.thread.join(BOUND_SECONDS)
