@@ -46,6 +46,11 @@ class BusClient:
         reply = self.call(*BUS, "RequestName", GLib.Variant("(su)", (name, do_not_queue)))
         assert reply.unpack() == (primary_owner,)
 
+    def give_up(self, name):
+        released = 1
+        reply = self.call(*BUS, "ReleaseName", GLib.Variant("(s)", (name,)))
+        assert reply.unpack() == (released,)
+
     def close(self):
         self.connection.close_sync(None)
 

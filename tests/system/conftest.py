@@ -11,9 +11,9 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "fakeservice", "installation",
-                               "overdue", "receiver", "refusals", "scenes", "simcamera", "tessardctl", "tool",
-                               "waiting")
+pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "external", "fakereceiver",
+                               "fakeservice", "installation", "overdue", "receiver", "refusals", "scenes", "simcamera",
+                               "tessardctl", "tool", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -23,10 +23,13 @@ gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
 from daemon import Daemon  # noqa: E402
+from external import BOTH_ENABLED, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
+from fakereceiver import FakeReceiver  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
 from overdue import OverdueCalls, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
+from tool import Tool  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -108,12 +111,12 @@ def daemon(start_daemon):
 
 @pytest.fixture
 def start_camera(installation, bus):
-    """Starts the simulated camera's services with the given options, by default on the session's bus; see
-    SimulatedCamera for the arguments."""
+    """Starts the simulated camera's services with the given options, by default on the session's bus and without
+    external producers; see SimulatedCamera for the arguments."""
     with contextlib.ExitStack() as started:
 
-        def start(*options, on=bus, **arguments):
-            camera = SimulatedCamera(installation, on, *options, **arguments)
+        def start(*options, on=bus, producers="", **arguments):
+            camera = SimulatedCamera(installation, on, *options, producers=producers, **arguments)
             started.callback(camera.finish)
             camera.wait_until_ready()
             return camera
@@ -124,6 +127,36 @@ def start_camera(installation, bus):
 @pytest.fixture
 def camera(start_camera):
     return start_camera()
+
+
+@pytest.fixture
+def tool(bus):
+    """Somebody who switches producers."""
+    made = Tool(bus)
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def receiver(bus):
+    """A metadata receiver without producers yet."""
+    made = FakeReceiver(bus)
+    made.start()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def start_listing_daemon(receiver, tool, start_daemon):
+    """Starts a daemon and waits until it lists all producers that the receiver has."""
+
+    def start(**arguments):
+        daemon = start_daemon(**{"plugins": EXTERNAL_PLUGINS, "producers": BOTH_ENABLED} | arguments)
+        wait_until_listed(tool, *(producer.name for producer in receiver.producers))
+        daemon.idle_descriptors = daemon.descriptors()
+        return daemon
+
+    return start
 
 
 @pytest.fixture

@@ -57,6 +57,10 @@ NO_COORDINATOR = no_move_capabilities("GDBus.Error:org.freedesktop.DBus.Error.Se
                                       "com.quon.PTZ.Coordinator was not provided by any .service files")
 
 
+# The last line of a start. What the daemon says of the bus comes after it, and the server was started before.
+STARTED_LINE = (INFO, "Setting up D-Bus client.")
+
+
 def start_lines(plugins, coordinator_line=NO_COORDINATOR):
     """What a daemon logs at its start with these plug-ins. The coordinator's line tells why the head's move
     capabilities are not known; it is None where they are."""
@@ -65,19 +69,22 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
         lines.append((INFO, adding if plugin in plugins else missing))
         if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:
             lines.append(coordinator_line)
-    return lines + [(INFO, "Adding external source factory."), (INFO, "Setting up D-Bus client.")]
+    return lines + [(INFO, "Adding external source factory."), STARTED_LINE]
 
 
 START_LINES = start_lines(EVENT_PLUGINS)
+START_LINES_UP_TO_SERVER = START_LINES[:START_LINES.index(STARTED_LINE)]
 
-# What the daemon says of the bus, in its main loop and so after its start: it has its name there, somebody else has
-# the name, there is no bus.
+# What the daemon says of the bus after its start: it has its name there, somebody else has the name, there is no bus.
 BUS_ACQUIRED_LINE = (INFO, "Bus acquired")
 NAME_ACQUIRED_LINE = (INFO, "DBus-name acquired")
 NAME_LOST_LINE = (INFO, "DBus-name was lost")
 BUS_LINES = [BUS_ACQUIRED_LINE, NAME_ACQUIRED_LINE]
 NAME_TAKEN_LINES = [BUS_ACQUIRED_LINE, NAME_LOST_LINE]
-NO_BUS_LINES = [NAME_LOST_LINE]
+NO_BUS_LINES = [
+    (WARNING, "Failed to connect to metadata-receiver over DBus: Could not connect: No such file or directory"),
+    NAME_LOST_LINE,
+]
 
 NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
@@ -165,6 +172,7 @@ class Daemon:
                  world_seconds=None, ptz_channels=(1,), run_dir=None, run_dir_option="--run-dir", options=(),
                  producers=PRODUCERS, environment=None, sanitizer_options=None, umask=0o022, user=None,
                  wrapper=None, bus_lines=tuple(BUS_LINES)):
+        self.plugins = plugins
         self.folder = installation.workspace.folder()
         self.run_dir = self.folder / "run" if run_dir is None else pathlib.Path(run_dir)
         self.socket_path = self.run_dir / "metadata"

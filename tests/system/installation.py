@@ -20,8 +20,8 @@ TREE = pathlib.Path(__file__).resolve().parents[2]
 UNPRIVILEGED_USER = "nobody"
 UNPRIVILEGED_GROUP = "nogroup"
 
-# What GStreamer itself brings to every client's pipeline; all else on the machine stays out of sight.
-STANDARD_PLUGINS = ("coreelements", "gdp")
+# What GStreamer itself brings to the daemon's pipelines; all else on the machine stays out of sight.
+STANDARD_PLUGINS = ("coreelements", "gdp", "app")
 
 EVENT_PLUGIN = "onvifeventsrc"
 PTZ_PLUGIN = "statuscacheptz"
@@ -37,9 +37,9 @@ EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
 # What one that asks for PTZ needs.
 PTZ_PLUGINS = (PTZ_PLUGIN, DOCUMENT_PLUGIN)
 
-# What one that asks for scenes or radar scenes needs.
-SCENE_PLUGINS = (SCENE_PLUGIN, DOCUMENT_PLUGIN)
-RADAR_PLUGINS = (RADAR_PLUGIN, DOCUMENT_PLUGIN)
+# What one that asks for scenes or radar scenes needs: no analytics at all without the converter of external producers.
+SCENE_PLUGINS = (SCENE_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
+RADAR_PLUGINS = (RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 

@@ -82,7 +82,7 @@ class OverdueStart:
 
     def __init__(self, installation, workspace):
         self.bus = Bus(workspace)
-        self.camera = SimulatedCamera(installation, self.bus, "--misbehave", "ptz=never")
+        self.camera = SimulatedCamera(installation, self.bus, "--misbehave", "ptz=never", producers="")
         self.camera.wait_until_ready()
         self.began = time.time()
         self.daemon = Daemon(installation, self.bus, plugins=PTZ_PLUGINS)

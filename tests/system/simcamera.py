@@ -20,10 +20,11 @@ class SimulatedCamera:
 
     options: its command line
     bus: where it plays, which it takes for the system's bus
+    producers: which of its own external producers it has, with commas; all if that is not said
     stdin: its standard input
     variables: what its environment has beside the usual"""
 
-    def __init__(self, installation, bus, *options, stdin=subprocess.DEVNULL, variables=None):
+    def __init__(self, installation, bus, *options, producers=None, stdin=subprocess.DEVNULL, variables=None):
         self.program = str(installation.simcamera)
         self.environment = {
             "PATH": os.environ["PATH"],
@@ -32,7 +33,8 @@ class SimulatedCamera:
             **installation.sanitizer_environment(),
             **(variables or {}),
         }
-        self.process = subprocess.Popen([self.program, *options], **self._pipes() | {"stdin": stdin},
+        own = () if producers is None else ("--producers", producers)
+        self.process = subprocess.Popen([self.program, *own, *options], **self._pipes() | {"stdin": stdin},
                                         **unprivileged())
 
     def _pipes(self):

@@ -1,4 +1,5 @@
-"""Every kind of metadata in one stream: events, the PTZ head's state and both kinds of scenes of one world."""
+"""Every kind of metadata in one stream: events, the PTZ head's state, both kinds of scenes and what an external producer
+detects, all of one world."""
 
 import concurrent.futures
 import datetime
@@ -11,37 +12,46 @@ import pytest
 from client import header, stuck_client
 from daemon import ERROR, NOT_PRODUCED, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
 from documents import EVENTS, INITIALIZED, LINE_CROSSED, PTZ, SCENE
-from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN,
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN,
                           SIMULATED_PLUGINS)
 from scenes import BUSY_SECONDS, ROUNDING, Tracks, interpolate
+from tool import path_of
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
-# Under which names the trackers are enabled, so that each kind of scenes is known by the frames' source.
-VIDEO, RADAR = "the video's", "the radar's"
+# The simulated camera's external producer of persons.
+PERSONS_PRODUCER = "PersonDetector"
 
-EVERY_KIND = {EVENTS, PTZ, VIDEO, RADAR}
+# Under which names the trackers and the external producer are enabled, so that each kind is known by the frames' source.
+VIDEO, RADAR, PERSONS = "the video's", "the radar's", "the persons'"
+
+EVERY_KIND = {EVENTS, PTZ, VIDEO, RADAR, PERSONS}
 
 EVERYTHING = {"event": 1, "ptz": 1, "analytics": 2}
 
-# What is enabled on each channel.
-BOTH_CHANNEL, VIDEO_CHANNEL, RADAR_CHANNEL = 1, 2, 3
+# What is enabled on each channel: everything, and each kind of scenes alone.
+ALL_CHANNEL, VIDEO_CHANNEL, RADAR_CHANNEL = 1, 2, 3
 PRODUCERS = producers_enabled({
-    (VIDEO_TRACKER, BOTH_CHANNEL): VIDEO,
-    (RADAR_TRACKER, BOTH_CHANNEL): RADAR,
+    (VIDEO_TRACKER, ALL_CHANNEL): VIDEO,
+    (RADAR_TRACKER, ALL_CHANNEL): RADAR,
+    (PERSONS_PRODUCER, ALL_CHANNEL): PERSONS,
     (VIDEO_TRACKER, VIDEO_CHANNEL): VIDEO,
     (RADAR_TRACKER, RADAR_CHANNEL): RADAR,
 })
 
 
 @pytest.fixture
-def start_full_daemon(start_camera, start_daemon):
-    """Starts a camera that has everything on all of its channels, and a daemon on it."""
+def start_full_daemon(start_camera, start_daemon, tool):
+    """Starts a camera that has everything on all of its channels, and a daemon on it that knows the external producer
+    unless it cannot convert what that says."""
 
     def start(**arguments):
-        start_camera("--channels", "3")
+        start_camera("--channels", "3", producers=PERSONS_PRODUCER)
         defaults = {"plugins": SIMULATED_PLUGINS, "coordinator_line": None, "producers": PRODUCERS, "speed": 4,
                     "world_seconds": BUSY_SECONDS, "ptz_channels": (1, 2, 3)}
-        return start_daemon(**defaults | arguments)
+        daemon = start_daemon(**defaults | arguments)
+        if JSON_PLUGIN in daemon.plugins:
+            wait_until(lambda: path_of(PERSONS_PRODUCER) in tool.objects(), "the external producer is listed")
+        return daemon
 
     return start
 
@@ -51,6 +61,7 @@ def now():
 
 
 def kind_of(document):
+    """None for what only opens the external producers' part of a stream."""
     if document.kind != SCENE:
         return document.kind
     (frame,) = document.frames
@@ -62,6 +73,7 @@ def read_until_every(kinds, documents, count=10):
     found = set()
     for read, document in enumerate(documents, 1):
         found.add(kind_of(document))
+        found.discard(None)
         if read >= count and kinds <= found:
             return found
 
@@ -79,8 +91,8 @@ def test_one_request_gets_every_kind(start_full_daemon):
 # The order of the sources
 
 # As GStreamer names them.
-SOURCES_IN_ORDER = ["tessardsimeventsrc0", "tessardsimptzsrc0", "scenesrcfactorybin",
-                    "radarscenesrcfactorybin"]
+SOURCES_IN_ORDER = ["tessardsimeventsrc0", "tessardsimptzsrc0", "scenesrcfactorybin", "radarscenesrcfactorybin",
+                    "externalsrcfactorybin"]
 
 # What GStreamer traces of a source and its pad of the document element.
 LINKED = re.compile(r"linked (\w+):src and tessardsimmetadatastreamdoc0:sink_(\d+), successful$",
@@ -121,7 +133,8 @@ def test_crossings_are_those_of_the_objects_in_the_scenes(start_full_daemon):
         for document in client.start(header(**EVERYTHING)).documents():
             reported += reported_crossings(document)
             for frame in document.frames:
-                tracks[frame.source].add(frame)
+                if frame.source in tracks:
+                    tracks[frame.source].add(frame)
             for event in reported:
                 name = event.data["ObjectId"]
                 seen = [track.at(name, event.time) for track in tracks.values()]
@@ -141,6 +154,8 @@ def test_objects_look_alike_to_video_and_radar(start_full_daemon):
     objects = {VIDEO: {}, RADAR: {}}
     with start_full_daemon().client() as client:
         for frame in client.start(header(**EVERYTHING)).frames():
+            if frame.source not in objects:
+                continue
             objects[frame.source] |= {name: found.type for name, found in frame.objects.items()}
             known = set(objects[VIDEO]) & set(objects[RADAR])
             if len(known) >= 3:
@@ -197,15 +212,16 @@ def shows_state_since(document, asked):
     return any(time >= asked for time in times)
 
 
-def test_sync_point_makes_every_kind_show_its_state(start_full_daemon):
+def test_sync_point_makes_every_kind_of_the_camera_show_its_state(start_full_daemon):
     with start_full_daemon().client() as client:
         stream = client.start(header(**EVERYTHING))
         read_until_every(EVERY_KIND, stream.documents())
         for _ in range(3):
             asked = now()
             client.sync()
-            read_until_every(EVERY_KIND, (document for document in stream.documents()
-                                          if shows_state_since(document, asked)), count=0)
+            # External producers are not asked for anything; they tell what they see when they see it.
+            read_until_every(EVERY_KIND - {PERSONS}, (document for document in stream.documents()
+                                                      if shows_state_since(document, asked)), count=0)
 
 
 # What is missing
@@ -231,7 +247,7 @@ def test_camera_that_cannot_make_documents_has_nothing(start_full_daemon):
 
 SCENE_WISHES = [
     ({}, set()),
-    ({"analytics": 1, "video_channel": BOTH_CHANNEL}, {VIDEO, RADAR}),
+    ({"analytics": 1, "video_channel": ALL_CHANNEL}, {VIDEO, RADAR, PERSONS}),
     ({"analytics": 2, "video_channel": VIDEO_CHANNEL}, {VIDEO}),
     ({"analytics": 1, "video_channel": RADAR_CHANNEL}, {RADAR}),
 ]

@@ -9,12 +9,12 @@ from gi.repository import GLib
 from busclient import BusClient, error_text
 from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINES, NOTHING_ASKED, RADAR_TRACKER,
                     VIDEO_TRACKER)
-from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
 from simcamera import CAPTURE
 from tool import NAME, Tool, path_of
 from waiting import BOUND_SECONDS, wait_until
 
-PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, DOCUMENT_PLUGIN)
+PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 SCENES = "analytics=1\nvideo_channel=1\n"
 
@@ -34,13 +34,6 @@ def start(start_daemon):
 @pytest.fixture
 def daemon(start):
     return start()
-
-
-@pytest.fixture
-def tool(bus):
-    made = Tool(bus)
-    yield made
-    made.close()
 
 
 def stored(daemon):

@@ -10,7 +10,7 @@ from busclient import BusMonitor
 from client import header
 from daemon import NOTHING_ASKED, producers_enabled
 from documents import EVENTS, PAN_TILT_SPACES, SCENE, ZOOM_SPACES
-from installation import EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGINS
+from installation import EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGINS
 from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, INVALID_PAN_TILT_SPACE, INVALID_PTZ,
                       INVALID_ZOOM_SPACE, PAN_TILT_SPACE_OUT_OF_BOUNDS, PTZ_OUT_OF_BOUNDS, WRONG_ANALYTICS,
                       WRONG_CHANNELS, WRONG_PTZ, WRONG_SPACES, expect_refused)
@@ -102,11 +102,10 @@ def test_nothing_is_told_unless_asked_for(camera, start_scene_daemon, kind, wish
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
-@pytest.mark.parametrize("analytics", ["1", "3"])
-def test_camera_without_scenes_does_not_know_the_key(camera, start_daemon, analytics):
-    daemon = start_daemon(plugins=EVENT_PLUGINS)
+def test_camera_without_scenes_has_none(camera, start_daemon):
+    daemon = start_daemon(plugins=(JSON_PLUGIN, *EVENT_PLUGINS), producers=VIDEO.enabled("one"))
 
-    expect_nothing(daemon, analytics=analytics)
+    expect_nothing(daemon, analytics=1)
 
 
 def test_sync_point_is_answered(camera, start_scene_daemon, kind):

@@ -1,5 +1,6 @@
 """The simulated camera's services: what they answer, how they misbehave, and the verbs that change it."""
 
+import functools
 import signal
 import subprocess
 import time
@@ -78,6 +79,12 @@ class Asker(BusClient):
 
     def rotation(self, channel):
         return self.capture(channel).print_(True)
+
+
+@pytest.fixture
+def start_camera(start_camera):
+    """Starts one with all that it has by itself."""
+    return functools.partial(start_camera, producers=None)
 
 
 @pytest.fixture

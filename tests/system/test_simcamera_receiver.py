@@ -1,6 +1,7 @@
 """The simulated camera's metadata receiver: its producers, their streams, and the verbs that change them."""
 
 import datetime
+import functools
 import json
 import os
 import subprocess
@@ -31,6 +32,12 @@ MAX_FILE_BYTES = 64 * 1024 * 1024
 
 # More than a pipe holds, so that its writer cannot be rid of it while nobody reads.
 LARGE_LINE = b'{"Filling":"' + b"x" * 1000000 + b'"}'
+
+
+@pytest.fixture
+def start_camera(start_camera):
+    """Starts one with all that it has by itself."""
+    return functools.partial(start_camera, producers=None)
 
 
 @pytest.fixture

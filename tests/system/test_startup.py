@@ -7,7 +7,7 @@ import stat
 
 import pytest
 
-from daemon import ERROR, INFO, NOTHING_ASKED, START_LINES, start_lines
+from daemon import ERROR, INFO, NOTHING_ASKED, START_LINES_UP_TO_SERVER, start_lines
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, run_by_root
 
 ROOT_REFUSAL = (
@@ -37,7 +37,7 @@ def mode_of_run_dir(daemon):
 def expect_failed_server(daemon, reason):
     """Waits for a start that fails at the server, with exactly this line beside the usual ones."""
     assert daemon.wait() == 1
-    assert daemon.log.take() == START_LINES + [(ERROR, reason), CANNOT_START]
+    assert daemon.log.take() == START_LINES_UP_TO_SERVER + [(ERROR, reason), CANNOT_START]
     assert daemon.stdout() == ""
 
 

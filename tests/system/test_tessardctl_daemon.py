@@ -5,10 +5,10 @@ import json
 import pytest
 
 from daemon import RADAR_TRACKER, VIDEO_TRACKER
-from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
 from tessardctl import REFUSED, SUCCESS, read_lines
 
-PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, DOCUMENT_PLUGIN)
+PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 # What the file says when the daemon of a test starts.
 PRODUCERS = """\

@@ -1,0 +1,59 @@
+"""External producers: what they say, and how it comes to a client."""
+
+import itertools
+import json
+
+from client import header
+from daemon import WARNING, producers_enabled
+from installation import DOCUMENT_PLUGIN, JSON_PLUGIN
+from tool import path_of
+from waiting import wait_until
+
+EXTERNAL_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
+
+# Without polygons.
+ANALYTICS = header(analytics=1)
+
+DETECTOR, COUNTER = "Detector", "Counter"
+
+# Under which names they are enabled on the first channel.
+GATE, YARD = "the gate's", "the yard's"
+
+# The producers' file that has one of them enabled.
+DETECTOR_ENABLED = producers_enabled({(DETECTOR, 1): GATE})
+BOTH_ENABLED = producers_enabled({(DETECTOR, 1): GATE, (COUNTER, 1): YARD})
+
+
+def numbered(*numbers):
+    """An item that carries numbers to its receiver: as the ids of objects that have left."""
+    return json.dumps({"Deleted": numbers}, separators=(",", ":"))
+
+
+def wait_until_listed(tool, *names):
+    """Waits until the daemon has these producers and no other external ones on the bus."""
+    paths = {path_of(name) for name in names}
+    wait_until(lambda: tool.objects() == paths, f"{names} are listed")
+
+
+def left_out(producer, reason):
+    """What the daemon says of an object that is not good for a producer."""
+    return (WARNING, f"left out producer object {producer.path}: {reason}")
+
+
+def told(stream):
+    """What producers tell, as it comes: (source, numbers) of each frame, without what only opens the stream."""
+    for frame in stream.frames():
+        if frame.source is not None:
+            yield frame.source, [int(number) for number in frame.deleted]
+
+
+def expect_told(stream, *expected):
+    """Expects the next frames of producers to be these, each a source and its numbers."""
+    for source, *numbers in expected:
+        assert next(told(stream)) == (source, numbers)
+
+
+def read_numbers(stream, source, count):
+    """The next numbers of one source, until there are so many."""
+    numbers = itertools.chain.from_iterable(found for found_source, found in told(stream) if found_source == source)
+    return list(itertools.islice(numbers, count))
