@@ -1,0 +1,288 @@
+"""Requests for what external producers tell: who is asked for it, under which name it comes, and what there is when nobody
+tells anything."""
+
+import datetime
+import itertools
+
+import pytest
+
+from client import header
+from daemon import NOTHING_ASKED, VIDEO_TRACKER, WARNING, producers_enabled
+from documents import EVENTS
+from external import (ANALYTICS, COUNTER, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, YARD, expect_told,
+                      numbered, wait_until_listed)
+from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS
+from refusals import WRONG_ANALYTICS, WRONG_CHANNELS, expect_refused
+from simcamera import CAPTURE, SCENES
+from waiting import wait_until
+
+WITH_POLYGONS = header(analytics=2)
+
+NO_CONVERTER = "Could not construct json2xml."
+
+POLYGON = ('{"Objects":[{"Id":1,"BoundingBox":{"Left":-0.5,"Top":0.5,"Right":0.5,"Bottom":-0.5},'
+           '"Polygon":[[-0.5,0.5],[0.5,0.5],[0,-0.5]]}]}')
+
+
+def expect_nothing(daemon, **wishes):
+    with daemon.client() as client:
+        assert client.ask(header(**wishes)) == NOTHING_ASKED
+
+
+def expect_idle(daemon):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+def source_of(daemon, producer, number, **wishes):
+    """Under which name a new client receives what the producer tells it."""
+    streams = len(producer.streams)
+    with daemon.client() as client:
+        stream = client.start(header(**{"analytics": 1} | wishes))
+        producer.wait_for_stream(streams + 1).send(numbered(number))
+        for frame in stream.frames():
+            if frame.deleted == [str(number)]:
+                return frame.source
+
+
+# How a stream begins
+
+
+def test_first_document_only_opens_the_stream(receiver, start_listing_daemon):
+    receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+    asked = datetime.datetime.now(datetime.timezone.utc)
+    with daemon.client() as client:
+        document = client.start(ANALYTICS).next_document()
+
+    (frame,) = document.frames
+    assert (frame.source, frame.objects, frame.deleted) == (None, {}, [])
+    assert frame.time >= asked - datetime.timedelta(seconds=1)
+    expect_idle(daemon)
+
+
+def test_every_frame_has_the_name_under_which_its_producer_is_enabled(receiver, start_listing_daemon):
+    detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+    daemon = start_listing_daemon()
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        for number in range(5):
+            detector.wait_for_stream().send(numbered(number))
+            expect_told(stream, (GATE, number))
+            counter.wait_for_stream().send(numbered(number, -number))
+            expect_told(stream, (YARD, number, -number))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_message_of_several_items_is_one_document(receiver, start_listing_daemon):
+    detector = receiver.add(DETECTOR)
+    with start_listing_daemon().client() as client:
+        stream = client.start(ANALYTICS)
+        stream.next_document()
+        detector.wait_for_stream().send(f"{numbered(1)},{numbered(2)} , {numbered(3)}")
+        frames = stream.next_document().frames
+
+    assert [(frame.source, frame.deleted) for frame in frames] == [(GATE, ["1"]), (GATE, ["2"]), (GATE, ["3"])]
+
+
+@pytest.mark.parametrize("wishes, polygons", [(ANALYTICS, False), (WITH_POLYGONS, True)])
+def test_polygons_come_when_asked_for(receiver, start_listing_daemon, wishes, polygons):
+    detector = receiver.add(DETECTOR)
+    with start_listing_daemon().client() as client:
+        stream = client.start(wishes)
+        stream.next_document()
+        detector.wait_for_stream().send(POLYGON)
+        (frame,) = stream.next_document().frames
+
+    assert frame.objects["1"].box == (-0.5, 0.5, 0.5, -0.5)
+    assert frame.objects["1"].polygon == ([(-0.5, 0.5), (0.5, 0.5), (0, -0.5)] if polygons else None)
+
+
+def test_sync_point_leaves_the_stream_as_it_is(receiver, start_listing_daemon):
+    detector = receiver.add(DETECTOR)
+    with start_listing_daemon().client() as client:
+        stream = client.start(ANALYTICS)
+        for number in range(3):
+            client.sync()
+            detector.wait_for_stream().send(numbered(number))
+            expect_told(stream, (GATE, number))
+
+
+# Channels and names
+
+
+def test_channel_is_the_first_unless_asked_for(receiver, start_listing_daemon):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): "one", (DETECTOR, 2): "two"}))
+
+    assert source_of(daemon, detector, 1) == "one"
+    assert source_of(daemon, detector, 2, video_channel=1) == "one"
+    assert source_of(daemon, detector, 3, video_channel="002") == "two"
+    assert [stream.channel for stream in detector.streams] == [1, 1, 2]
+
+
+@pytest.mark.parametrize("wishes", [{"analytics": 1, "video_channel": 2}, {"analytics": 1, "video_channel": 0},
+                                    {"analytics": 2, "video_channel": 2147483646}, {"analytics": 0}, {}])
+def test_channel_that_is_not_enabled_brings_nothing(receiver, start_listing_daemon, wishes):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+
+    expect_nothing(daemon, **wishes)
+    expect_idle(daemon)
+    assert detector.streams == []
+
+
+def test_channel_that_the_producer_does_not_support_brings_nothing(receiver, start_listing_daemon):
+    detector = receiver.add(DETECTOR, channels=(2,))
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): "one", (DETECTOR, 2): "two"}))
+
+    expect_nothing(daemon, analytics=1)
+    assert source_of(daemon, detector, 1, video_channel=2) == "two"
+
+
+def test_channel_that_is_not_enabled_leaves_the_events(receiver, start_listing_daemon):
+    receiver.add(DETECTOR)
+    daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), speed=100)
+    with daemon.client() as client:
+        documents = client.start(header(event=1, analytics=1, video_channel=2)).documents()
+
+        assert {document.kind for document in itertools.islice(documents, 10)} == {EVENTS}
+
+
+def test_producer_that_is_not_there_brings_nothing(start_daemon):
+    expect_nothing(start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED), analytics=1)
+
+
+@pytest.mark.parametrize("name", [
+    "Größe ☂ 長い 名前",
+    "\U0001f4f7",
+    "<a href='x'>&amp;</a>]]>",
+    "%s%n{};[group]=",
+    pytest.param("x" * 1000, id="long"),
+])
+def test_source_is_the_configuration_name(receiver, start_listing_daemon, name):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): name}))
+
+    assert source_of(daemon, detector, 1) == name
+
+
+# The name goes into the frame as it is.
+@pytest.mark.parametrize("name", [
+    'the "gate"',
+    "back\\slash",
+    '","Data":{"Item":[{"Deleted":[666]}]},"Source":"another',
+])
+def test_name_that_breaks_its_own_frames_costs_nobody_else(receiver, start_listing_daemon, name):
+    detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): name, (COUNTER, 1): YARD}))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        for number in range(10):
+            detector.wait_for_stream().send(numbered(number))
+            counter.wait_for_stream().send(numbered(number))
+            expect_told(stream, (YARD, number))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+# Switching producers on the bus
+
+
+def test_enabled_renamed_and_disabled_while_clients_stream(receiver, tool, start_listing_daemon):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon(producers="")
+    expect_nothing(daemon, analytics=1)
+
+    tool.set_channels(DETECTOR, (1, True, "first"))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        first = detector.wait_for_stream()
+        first.send(numbered(1))
+        expect_told(stream, ("first", 1))
+
+        tool.set_channels(DETECTOR, (1, True, "second"))
+        assert source_of(daemon, detector, 2) == "second"
+        tool.set_channels(DETECTOR, (1, False, ""))
+        expect_nothing(daemon, analytics=1)
+
+        # What streams keeps what it had.
+        first.send(numbered(3))
+        expect_told(stream, ("first", 3))
+
+    expect_idle(daemon)
+
+
+def test_enabled_producer_does_not_join_what_streams(receiver, tool, start_listing_daemon):
+    detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+    daemon = start_listing_daemon(producers=DETECTOR_ENABLED)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        tool.set_channels(COUNTER, (1, True, YARD))
+        assert source_of(daemon, counter, 1) == YARD
+
+        detector.wait_for_stream().send(numbered(2))
+        expect_told(stream, (GATE, 2))
+        assert len(counter.streams) == 1
+
+
+# Built-in producers
+
+
+def test_built_in_producer_does_not_count(start_camera, receiver, tool, start_daemon):
+    start_camera("--services", f"{CAPTURE},{SCENES}")
+    detector = receiver.add(DETECTOR)
+    daemon = start_daemon(plugins=(SCENE_PLUGIN, *EXTERNAL_PLUGINS), world_seconds=4, speed=4,
+                          producers=producers_enabled({(VIDEO_TRACKER, 1): "video"}))
+    wait_until_listed(tool, VIDEO_TRACKER, DETECTOR)
+    with daemon.client() as client:
+        documents = itertools.islice(client.start(ANALYTICS).documents(), 10)
+
+        # Not even one without a source, which would open the external producers' part.
+        assert [[frame.source for frame in document.frames] for document in documents] == [["video"]] * 10
+    assert detector.streams == []
+
+
+# Without the converter
+
+
+@pytest.mark.parametrize("wishes", [{"analytics": 1}, {"analytics": 2, "video_channel": 2},
+                                    {"event": 1, "ptz": 1, "analytics": 1}])
+def test_without_the_converter_there_are_no_analytics(start_daemon, start_camera, wishes):
+    start_camera()
+    daemon = start_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != JSON_PLUGIN], coordinator_line=None,
+                          producers=producers_enabled({(VIDEO_TRACKER, 1): "video"}))
+
+    expect_refused(daemon, wishes, NO_CONVERTER)
+    with daemon.client() as client:
+        assert client.start(header(event=1)).next_document().kind == EVENTS
+
+
+def test_without_the_converter_no_producer_is_listed(receiver, tool, start_daemon):
+    daemon = start_daemon(plugins=())
+    receiver.add(DETECTOR)
+
+    assert daemon.log.take(1) == [(WARNING, f"failed to convert sample frame from: {DETECTOR}")]
+    assert tool.objects() == set()
+
+
+# Wrong values
+
+
+@pytest.mark.parametrize("key, value, text", WRONG_ANALYTICS + WRONG_CHANNELS)
+def test_wrong_values_are_refused(receiver, start_listing_daemon, key, value, text):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+
+    expect_refused(daemon, {"analytics": 1} | {key: value}, text.format(value))
+    assert detector.streams == []
+
+
+def test_wrong_channel_is_not_looked_at_unless_asked_for(receiver, start_listing_daemon):
+    receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+
+    expect_nothing(daemon, analytics=0, video_channel="x")
+    expect_nothing(daemon, video_channel="x")
