@@ -1,5 +1,6 @@
 """External producers: what they say, and how it comes to a client."""
 
+import datetime
 import itertools
 import json
 
@@ -13,6 +14,9 @@ EXTERNAL_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 # Without polygons.
 ANALYTICS = header(analytics=1)
+
+# For a stream that shows that it goes on though no producer tells anything.
+ANALYTICS_AND_EVENTS = header(analytics=1, event=1)
 
 DETECTOR, COUNTER = "Detector", "Counter"
 
@@ -49,11 +53,17 @@ def told(stream):
 
 def expect_told(stream, *expected):
     """Expects the next frames of producers to be these, each a source and its numbers."""
-    for source, *numbers in expected:
-        assert next(told(stream)) == (source, numbers)
+    assert list(itertools.islice(told(stream), len(expected))) == [(source, numbers) for source, *numbers in expected]
 
 
 def read_numbers(stream, source, count):
     """The next numbers of one source, until there are so many."""
     numbers = itertools.chain.from_iterable(found for found_source, found in told(stream) if found_source == source)
     return list(itertools.islice(numbers, count))
+
+
+def expect_alive(client, stream):
+    """Expects of a stream that has events too that it goes on."""
+    asked = datetime.datetime.now(datetime.timezone.utc)
+    client.sync()
+    assert any(event.time >= asked for event in stream.events())

@@ -1,0 +1,509 @@
+"""Which external producers there are: what the metadata receiver announces, how wrongly it may, and what becomes of them when
+it goes."""
+
+import signal
+import time
+
+import pytest
+from gi.repository import GLib
+from lxml import etree
+
+from busclient import PROPERTIES
+from daemon import NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING
+from documents import NAMESPACES
+from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD,
+                      expect_alive, expect_told, left_out, numbered, told, wait_until_listed)
+from fakereceiver import FakeReceiver, Producer
+from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
+from receiver import PRODUCER
+from simcamera import RECEIVER
+from tool import Tool
+from waiting import BOUND_SECONDS, wait_until
+
+MAX_PRODUCERS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_PRODUCERS")
+MAX_NAME_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_NAME_BYTES")
+MAX_NICE_NAME_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_NICE_NAME_BYTES")
+MAX_CHANNELS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_CHANNELS")
+MAX_SAMPLE_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES")
+MAX_LOGGED_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_LOGGED_BYTES")
+
+# How long a conversion may take, and an answer with the sample frame.
+CONVERSION_SECONDS = documented_limit("sampleframe.h", "SAMPLE_FRAME_TIMEOUT_MS") / 1000
+ANSWER_SECONDS = 10
+
+# How long anybody may wait for the daemon while it waits for somebody else.
+PROMPT_SECONDS = 2
+
+NOT_FETCHED = (WARNING, "failed to fetch sample frame")
+
+NO_NAME = "it has no property Name of type s"
+NO_NICE_NAME = "it has no property NiceName of type s"
+NO_CHANNELS = "it has no property SupportedChannels of type au"
+BAD_NAME = "its name cannot end an object's path"
+
+
+def not_converted(name):
+    return (WARNING, f"failed to convert sample frame from: {name}")
+
+
+def already_there(name):
+    return (WARNING, f"tried to add a producer that already exists: {name}")
+
+
+def error_of(text):
+    return f"GDBus.Error:org.freedesktop.DBus.Error.Failed: {text}"
+
+
+def fail_with(producer, text):
+    producer.on_sample = lambda call: call.fail(text)
+
+
+def reply_with(producer, body):
+    producer.on_sample = lambda call: call.reply(body)
+
+
+def expect_answers_while(daemon, condition):
+    """Asks the daemon again and again, and each time it has to answer at once, until the condition holds."""
+    while not condition():
+        asked = time.monotonic()
+        with daemon.client() as client:
+            assert client.ask("") == NOTHING_ASKED
+        assert time.monotonic() - asked < PROMPT_SECONDS
+
+
+@pytest.fixture
+def daemon(start_listing_daemon):
+    """One that knows no external producer yet."""
+    return start_listing_daemon()
+
+
+# What is listed
+
+
+@pytest.mark.parametrize("first", ["daemon", "receiver"])
+def test_producers_are_listed_whoever_is_first(receiver, start_daemon, tool, first):
+    def announce():
+        receiver.add(DETECTOR, channels=(3, 1, 2))
+        receiver.add(COUNTER, channels=())
+
+    if first == "receiver":
+        announce()
+    daemon = start_daemon(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
+    if first == "daemon":
+        announce()
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+    properties = tool.properties(DETECTOR)
+    assert (properties["Name"], properties["NiceName"]) == (DETECTOR, f"The {DETECTOR}")
+    # In the order announced.
+    assert properties["ChannelsEnabled"] == [(3, False, ""), (1, True, GATE), (2, False, "")]
+    assert tool.channels(COUNTER) == []
+    assert daemon.log.take() == []
+
+
+def test_sample_frame_is_converted(receiver, daemon, tool):
+    receiver.add(DETECTOR, sample='{"Objects":[{"Id":7,"Type":"Human","Likelihood":0.5}],"Deleted":[6]}')
+    wait_until_listed(tool, DETECTOR)
+
+    frame = etree.fromstring(tool.properties(DETECTOR)["SampleFrameXML"])
+    assert frame.tag == f"{{{NAMESPACES['tt']}}}SampleFrame"
+    assert frame.get("Source") == DETECTOR
+    assert [found.get("ObjectId") for found in frame.iterfind("tt:Object", NAMESPACES)] == ["7"]
+    assert frame.xpath("string(.//tt:Class/tt:Type)", namespaces=NAMESPACES) == "Human"
+
+
+def test_producer_that_goes_is_listed_no_more(receiver, daemon, tool):
+    detector = receiver.add(DETECTOR)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        running = detector.wait_for_stream()
+
+        receiver.remove(detector)
+        wait_until_listed(tool, COUNTER)
+        # What streams goes on.
+        running.send(numbered(1))
+        expect_told(stream, (GATE, 1))
+
+        receiver.announce(detector)
+        wait_until_listed(tool, DETECTOR, COUNTER)
+        with daemon.client() as second:
+            other = second.start(ANALYTICS)
+            detector.wait_for_stream(2).send(numbered(2))
+            expect_told(other, (GATE, 2))
+    assert daemon.log.take() == []
+
+
+def test_producers_that_come_and_go_leave_nothing_behind(receiver, daemon, tool):
+    for _ in range(50):
+        detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+        receiver.remove(detector)
+        receiver.remove(counter)
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the conversions' descriptors are closed")
+    assert daemon.log.take() == []
+
+
+def test_producers_are_limited_in_number(receiver, daemon, tool):
+    # One after the other, none of which is ever listed.
+    hopeless = Producer("odd")
+    fail_with(hopeless, "no")
+    for _ in range(3):
+        receiver.announce(hopeless)
+        assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {error_of('no')}")]
+        receiver.remove(hopeless)
+    listed = [receiver.add(f"listed{number}") for number in range(MAX_PRODUCERS)]
+    last = receiver.add("last")
+    assert daemon.log.take(1) == [left_out(last, "there are too many")]
+    wait_until_listed(tool, *(producer.name for producer in listed))
+
+    receiver.remove(listed.pop())
+    receiver.remove(last)
+    receiver.announce(last)
+    wait_until_listed(tool, "last", *(producer.name for producer in listed))
+
+
+# Names that are taken
+
+
+def test_producer_named_like_a_built_in_one_is_refused(receiver, start_daemon, tool):
+    daemon = start_daemon(plugins=(SCENE_PLUGIN, *EXTERNAL_PLUGINS))
+    before = tool.properties(VIDEO_TRACKER)
+    intruder = receiver.add(VIDEO_TRACKER)
+    assert daemon.log.take(1) == [already_there(VIDEO_TRACKER)]
+    assert tool.properties(VIDEO_TRACKER) == before
+
+    receiver.remove(intruder)
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, VIDEO_TRACKER, DETECTOR)
+    assert tool.properties(VIDEO_TRACKER) == before
+
+
+def test_second_object_of_the_same_name_is_refused(receiver, daemon, tool):
+    first = receiver.add(DETECTOR, channels=(1,))
+    wait_until_listed(tool, DETECTOR)
+    second = receiver.add(DETECTOR, element="second", channels=(2,))
+    assert daemon.log.take(1) == [already_there(DETECTOR)]
+
+    receiver.remove(second)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [1]
+    receiver.remove(first)
+    wait_until_listed(tool, COUNTER)
+
+
+def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon, tool):
+    detector = receiver.add(DETECTOR)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+    detector.properties["Name"] = GLib.Variant("s", COUNTER)
+    receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
+                  GLib.Variant("(sa{sv}as)", (PRODUCER, {"Name": detector.properties["Name"]}, [])))
+    receiver.remove(detector)
+    wait_until_listed(tool, COUNTER)
+
+
+# What is announced wrongly
+
+
+@pytest.mark.parametrize("name, value, reason", [
+    ("Name", None, NO_NAME),
+    ("Name", GLib.Variant("i", 1), NO_NAME),
+    ("Name", GLib.Variant("ay", b"Detector"), NO_NAME),
+    ("Name", GLib.Variant("v", GLib.Variant("s", DETECTOR)), NO_NAME),
+    *[("Name", GLib.Variant("s", text), BAD_NAME)
+      for text in ("", "a/b", "/", "a.b", "a-b", "a b", "ä", "a\nb", "%s%n", "../Producers")],
+    pytest.param("Name", GLib.Variant("s", "x" * (MAX_NAME_BYTES + 1)), "its name is too long", id="long name"),
+    pytest.param("Name", GLib.Variant("s", "x" * 1024 * 1024), "its name is too long", id="name of 1 MiB"),
+    ("NiceName", None, NO_NICE_NAME),
+    ("NiceName", GLib.Variant("as", ["a"]), NO_NICE_NAME),
+    pytest.param("NiceName", GLib.Variant("s", "x" * (MAX_NICE_NAME_BYTES + 1)), "its nice name is too long",
+                 id="long nice name"),
+    ("SupportedChannels", None, NO_CHANNELS),
+    ("SupportedChannels", GLib.Variant("ai", [1]), NO_CHANNELS),
+    ("SupportedChannels", GLib.Variant("u", 1), NO_CHANNELS),
+    ("SupportedChannels", GLib.Variant("s", "1"), NO_CHANNELS),
+    pytest.param("SupportedChannels", GLib.Variant("au", range(1, MAX_CHANNELS + 2)), "it supports too many channels",
+                 id="many channels"),
+])
+def test_wrong_property_costs_its_object_alone(receiver, daemon, tool, name, value, reason):
+    odd = Producer("odd")
+    if value is None:
+        del odd.properties[name]
+    else:
+        odd.properties[name] = value
+    receiver.announce(odd)
+    receiver.add(DETECTOR)
+
+    assert daemon.log.take(1) == [left_out(odd, reason)]
+    wait_until_listed(tool, DETECTOR)
+    receiver.remove(odd)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    assert daemon.log.take() == []
+
+
+def test_longest_names_are_listed(receiver, daemon, tool):
+    name = "x" * MAX_NAME_BYTES
+    producer = Producer(name, channels=range(1, MAX_CHANNELS + 1))
+    producer.properties["NiceName"] = GLib.Variant("s", "y" * MAX_NICE_NAME_BYTES)
+    receiver.announce(producer)
+    wait_until_listed(tool, name)
+
+    assert tool.properties(name)["NiceName"] == "y" * MAX_NICE_NAME_BYTES
+    assert len(tool.channels(name)) == MAX_CHANNELS
+
+
+def test_object_without_the_interface_costs_itself_alone(receiver, daemon, tool):
+    other = Producer("other")
+    other.interfaces = {"com.quon.MetadataReceiver1.Consumer": other.properties}
+    receiver.announce(other)
+    receiver.add(DETECTOR)
+
+    assert daemon.log.take(1) == [left_out(other, f"it has no interface {PRODUCER}")]
+    wait_until_listed(tool, DETECTOR)
+    receiver.remove(other)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+
+def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, tool):
+    receiver.add(DETECTOR, channels=(2147483647, 2147483648, 1, 4294967295))
+    wait_until_listed(tool, DETECTOR)
+
+    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [2147483647, 1]
+    assert daemon.log.take() == [(WARNING, f"left out 2 channels above 2147483647 of producer {DETECTOR}")]
+
+
+# Sample frames
+
+
+@pytest.mark.parametrize("body", [None, GLib.Variant("(i)", (1,)), GLib.Variant("(as)", (["{}"],)),
+                                  GLib.Variant("(ss)", ("{}", "{}")), GLib.Variant("(v)", (GLib.Variant("s", "{}"),)),
+                                  GLib.Variant("(s)", ("",))])
+def test_answer_that_is_no_sample_frame(receiver, daemon, tool, body):
+    odd = Producer("odd")
+    reply_with(odd, body)
+    receiver.announce(odd)
+    receiver.add(DETECTOR)
+
+    assert daemon.log.take(1) == [NOT_FETCHED]
+    wait_until_listed(tool, DETECTOR)
+
+
+@pytest.mark.parametrize("text", ["No sample yet.", "100 %s%n", "größer"])
+def test_failed_sample_frame(receiver, daemon, tool, text):
+    odd = Producer("odd")
+    fail_with(odd, text)
+    receiver.announce(odd)
+    receiver.add(DETECTOR)
+
+    assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {error_of(text)}")]
+    wait_until_listed(tool, DETECTOR)
+
+
+def test_long_error_does_not_fill_the_log(receiver, daemon):
+    odd = Producer("odd")
+    fail_with(odd, "x" * 100000)
+    receiver.announce(odd)
+
+    message = error_of("x" * 100000)[:MAX_LOGGED_BYTES]
+    assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {message}...")]
+
+
+def test_sample_frame_is_limited_in_length(receiver, daemon, tool):
+    def sample(length):
+        return numbered(1).ljust(length)
+
+    odd = receiver.add("odd", sample=sample(MAX_SAMPLE_BYTES + 1))
+    assert daemon.log.take(1) == [left_out(odd, "its sample frame is too long")]
+
+
+def test_slow_sample_frame_keeps_nobody(receiver, daemon, tool):
+    slow = Producer("slow")
+    slow.on_sample = slow.keep
+    receiver.announce(slow)
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+
+    slow.tell_sample(slow.kept.pop())
+    wait_until_listed(tool, "slow", DETECTOR)
+    assert daemon.log.take() == []
+
+
+def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, tool):
+    gone = Producer(DETECTOR)
+    gone.on_sample = gone.keep
+    receiver.announce(gone)
+    wait_until(lambda: gone.kept, "its sample frame is asked for")
+    receiver.remove(gone)
+    successor = receiver.add(DETECTOR, channels=(2,))
+    gone.tell_sample(gone.kept.pop())
+    wait_until_listed(tool, DETECTOR)
+    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [2]
+
+    receiver.remove(successor)
+    wait_until_listed(tool)
+    assert daemon.log.take() == []
+
+
+def test_sample_frame_that_never_comes_is_given_up(receiver, daemon, tool):
+    silent = Producer("silent")
+    silent.on_sample = silent.keep
+    receiver.announce(silent)
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+    asked = time.monotonic()
+    expect_answers_while(daemon, lambda: daemon.log.lines)
+
+    assert ANSWER_SECONDS - PROMPT_SECONDS < time.monotonic() - asked < ANSWER_SECONDS + BOUND_SECONDS
+    assert daemon.log.take() == [(WARNING, "on_get_sample_frame failed: Timeout was reached")]
+    # Now it is too late.
+    silent.tell_sample(silent.kept.pop())
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+
+def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, tool):
+    receiver.add("odd", sample="no JSON")
+    asked = time.monotonic()
+    detector = receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        detector.wait_for_stream().send(numbered(1))
+        expect_told(stream, (GATE, 1))
+        assert time.monotonic() - asked < CONVERSION_SECONDS
+        expect_answers_while(daemon, lambda: daemon.log.lines)
+        detector.wait_for_stream().send(numbered(2))
+        expect_told(stream, (GATE, 2))
+
+    assert CONVERSION_SECONDS - 1 < time.monotonic() - asked
+    assert daemon.log.take() == [not_converted("odd")]
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the descriptors are closed")
+
+
+def test_platform_that_cannot_convert_lists_nobody(receiver, tool, start_daemon):
+    daemon = start_daemon(plugins=(EVENT_PLUGIN,))
+    receiver.add(DETECTOR)
+    receiver.add(COUNTER)
+
+    assert daemon.log.take(2) == [not_converted(DETECTOR), not_converted(COUNTER)]
+    assert tool.objects() == set()
+
+
+# The receiver comes and goes
+
+
+def test_receiver_that_leaves_and_comes_back(receiver, daemon, tool):
+    detector = receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+    tool.set_channels(DETECTOR, (2, True, "two"))
+    enabled = tool.channels(DETECTOR)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        running = detector.wait_for_stream()
+        for number in range(3):
+            receiver.leave()
+            wait_until_listed(tool)
+            with daemon.client() as other:
+                assert other.ask(ANALYTICS) == NOTHING_ASKED
+            running.send(numbered(number))
+            expect_told(stream, (GATE, number))
+
+            receiver.come_back()
+            wait_until_listed(tool, DETECTOR)
+            assert tool.channels(DETECTOR) == enabled
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
+    assert daemon.log.take() == []
+
+
+def test_receiver_that_comes_back_with_others(bus, start_daemon, tool):
+    first = FakeReceiver(bus)
+    first.add(DETECTOR)
+    first.start()
+    daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), producers=BOTH_ENABLED)
+    wait_until_listed(tool, DETECTOR)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS_AND_EVENTS)
+        first.producers[0].wait_for_stream().send(numbered(1))
+        expect_told(stream, (GATE, 1))
+        # With all of its streams.
+        first.close()
+        wait_until_listed(tool)
+
+        second = FakeReceiver(bus)
+        counter = second.add(COUNTER)
+        second.start()
+        wait_until_listed(tool, COUNTER)
+        with daemon.client() as other:
+            streams = other.start(ANALYTICS)
+            counter.wait_for_stream().send(numbered(1))
+            expect_told(streams, (YARD, 1))
+        second.close()
+        expect_alive(client, stream)
+    assert daemon.log.take() == []
+
+
+def test_camera_whose_receiver_goes_and_comes_back(start_camera, start_daemon, tool):
+    camera = start_camera("--rate", "20", producers="PersonDetector")
+    daemon = start_daemon(plugins=EXTERNAL_PLUGINS, world_seconds=4)
+    wait_until_listed(tool, "PersonDetector")
+    tool.set_channels("PersonDetector", (1, True, "persons"))
+    with daemon.client() as client:
+        frames = told(client.start(ANALYTICS))
+        assert next(frames)[0] == "persons"
+
+        camera.absent(RECEIVER)
+        wait_until_listed(tool)
+        camera.present(RECEIVER)
+        wait_until_listed(tool, "PersonDetector")
+        assert tool.channels("PersonDetector")[0] == (1, True, "persons")
+        with daemon.client() as second:
+            assert next(told(second.start(ANALYTICS)))[0] == "persons"
+    assert daemon.log.take() == []
+
+
+def test_camera_that_is_killed_ends_no_stream(start_camera, start_daemon, tool):
+    camera = start_camera(producers="PersonDetector")
+    daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), world_seconds=4)
+    wait_until_listed(tool, "PersonDetector")
+    tool.set_channels("PersonDetector", (1, True, "persons"))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS_AND_EVENTS)
+        next(told(stream))
+        camera.end(signal.SIGKILL)
+        wait_until_listed(tool)
+
+        start_camera(producers="PersonDetector")
+        wait_until_listed(tool, "PersonDetector")
+        expect_alive(client, stream)
+    assert daemon.log.take() == []
+
+
+def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
+    receiver, tool = FakeReceiver(own_bus), Tool(own_bus)
+    detector = receiver.add(DETECTOR)
+    receiver.start()
+    daemon = start_daemon(on=own_bus, plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
+    wait_until_listed(tool, DETECTOR)
+    tool.close()
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        running = detector.wait_for_stream()
+
+        own_bus.stop()
+        assert daemon.log.take(1) == [NAME_LOST_LINE]
+        running.send(numbered(1))
+        expect_told(stream, (GATE, 1))
+        with daemon.client() as other:
+            assert other.ask(ANALYTICS) == NOTHING_ASKED
+        running.send(numbered(2))
+        expect_told(stream, (GATE, 2))
+    receiver.close()
+    assert daemon.log.take() == []
