@@ -353,6 +353,17 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
 namespace
 {
 
+/* GLib looks at what a channel has read ahead only after it has waited for the descriptor, and nothing may
+ * end that wait. So a watch is ready by its own time as long as there is something. With the lock held. */
+void
+set_ready_time(ExternalSourceSocket *self, GSource *watch)
+{
+  const gboolean has_read_ahead =
+      self->channel != nullptr && (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
+
+  g_source_set_ready_time(watch, has_read_ahead ? 0 : -1);
+}
+
 /* One message each time, so that a producer with much to say does not keep the main loop: what the channel
  * has read ahead makes it ready again. */
 gboolean
@@ -375,6 +386,9 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
   default:
     external_source_socket_close(self, TRUE);
   }
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+  set_ready_time(self, g_main_current_source());
   return G_SOURCE_CONTINUE;
 }
 
@@ -387,7 +401,10 @@ add_watch(ExternalSourceSocket *self)
   if (self->watch_id == 0) {
     /* Not the last one: the socket is open. */
     release_hold(self);
+    return;
   }
+  /* It stays until somebody removes it by its id, which nobody can know yet. */
+  set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
 }
 
 /* FALSE when the stream cannot be read; that is logged. */

@@ -579,6 +579,37 @@ TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAhead)
   EXPECT_EQ(reader.take_events(), frames({"2"}));
 }
 
+TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAheadWhenTheMainLoopWaits)
+{
+  static ExternalSourceSocket *paused;
+  static std::vector<bool> waits;
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
+  GPollFunc poll_func = g_main_context_get_poll_func(nullptr);
+
+  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  producer.send(teststream::message("1") + teststream::message("2"));
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+
+  paused = reader.socket;
+  waits.clear();
+  g_main_context_set_poll_func(nullptr, [](GPollFD *fds, guint count, gint timeout) {
+    waits.push_back(timeout != 0);
+    if (paused != nullptr) {
+      std::thread thread([] { external_source_socket_set_paused(std::exchange(paused, nullptr), FALSE); });
+      thread.join();
+    }
+    return g_poll(fds, count, 0);
+  });
+  g_main_context_iteration(nullptr, TRUE);
+  g_main_context_iteration(nullptr, TRUE);
+  g_main_context_set_poll_func(nullptr, poll_func);
+
+  /* The second time there is nothing that would end a wait. */
+  EXPECT_EQ(waits, (std::vector<bool>{true, false}));
+  EXPECT_EQ(reader.take_events(), frames({"2"}));
+}
+
 TEST_P(AnyStreamTest, DoesNotWakeTheMainLoopWhilePaused)
 {
   Producer producer = make_producer();
