@@ -18,6 +18,9 @@ from gi.repository import Gst  # noqa: E402
 from documents import Document  # noqa: E402
 from waiting import BOUND_SECONDS, wait_until_settled  # noqa: E402
 
+# Looked up here: PyGObject does that at the first use, and not well when that is in several threads at once.
+SAMPLE, BUFFER = Gst.Sample, Gst.Buffer
+
 METADATA_CAPS = "application/x-onvif-metadata"
 
 REPLY_MAX_BYTES = 256 * 1024

@@ -1,0 +1,514 @@
+"""The streams of external producers: how they are asked for, how messages may come, and that a bad one harms nobody else."""
+
+import itertools
+import json
+import os
+import re
+import threading
+
+import pytest
+from gi.repository import GLib
+
+from daemon import ERROR, INFO, NOTHING_ASKED, WARNING, producers_enabled
+from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
+                      expect_told, numbered, read_numbers, told)
+from fakereceiver import message
+from installation import EVENT_PLUGIN, documented_limit
+from receiver import LENGTH
+from waiting import BOUND_SECONDS, wait_until
+
+MAX_PAYLOAD_BYTES = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MAX_PAYLOAD")
+
+NO_DESCRIPTOR = (WARNING, "Failed to parse fd from variant: the reply holds no such descriptor\n")
+NO_OBJECT = (WARNING, "tried to find a dbus object for producer which did not exist")
+TOO_LONG = (ERROR, "Could not read request data from client socket: Message too long: Message too long")
+
+# More than everything on the way from a producer to a client takes.
+FLOOD_MESSAGES = 1500
+
+# For how long a stream that takes nothing is full.
+STUCK_SECONDS = 1
+
+# How much the daemon may keep for a client that does not read: its queue, what is being converted, and what allocators
+# do not give back.
+RESIDENT_GROWTH_BYTES = 16 * 1024 * 1024
+
+
+def stream_failed(text):
+    return (INFO, f"handle_get_stream_fd failed: GDBus.Error:org.freedesktop.DBus.Error.Failed: {text}")
+
+
+@pytest.fixture
+def detector(receiver):
+    return receiver.add(DETECTOR)
+
+
+@pytest.fixture
+def counter(receiver):
+    return receiver.add(COUNTER)
+
+
+@pytest.fixture
+def daemon(detector, counter, start_listing_daemon):
+    return start_listing_daemon()
+
+
+@pytest.fixture(params=["pipe", "socket"])
+def kind_of_stream(request, detector):
+    if request.param == "socket":
+        detector.use_sockets()
+
+
+def expect_idle(daemon):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+def expect_answer(daemon):
+    with daemon.client() as client:
+        assert client.ask("") == NOTHING_ASKED
+
+
+def read_all_numbers(stream, count):
+    """The numbers of so many documents of a producer, which are too many to be checked in every way."""
+    numbers = []
+    while count > 0:
+        found = [int(number) for number in re.findall(rb'<tt:Delete ObjectId="(\d+)"', stream.next_data())]
+        numbers += found
+        count -= bool(found)
+    return numbers
+
+
+# Asking for a stream
+
+
+@pytest.mark.parametrize("text", ["No stream.", "", "100 %s%n"])
+def test_failed_stream_costs_its_producer_alone(detector, counter, daemon, text):
+    detector.on_stream = lambda call: call.fail(text)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+        assert daemon.log.take(1) == [stream_failed(text)]
+
+    expect_idle(daemon)
+
+
+def test_only_producer_that_fails_leaves_a_stream_that_says_nothing(detector, start_listing_daemon):
+    detector.on_stream = lambda call: call.fail("No stream.")
+    daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS_AND_EVENTS)
+        assert daemon.log.take(1) == [stream_failed("No stream.")]
+        expect_alive(client, stream)
+
+    expect_idle(daemon)
+
+
+def answer_without_list(call):
+    call.reply(GLib.Variant("(h)", (0,)))
+
+
+def answer_with_wrong_index(index):
+    def answer(call):
+        read_fd, write_fd = os.pipe()
+        call.reply(GLib.Variant("(h)", (index,)), [read_fd])
+        os.close(read_fd)
+        os.close(write_fd)
+
+    return answer
+
+
+def answer_with_wrong_type(body):
+    def answer(call):
+        with open("/dev/null", "rb") as file:
+            call.reply(body, [file.fileno()])
+
+    return answer
+
+
+@pytest.mark.parametrize("answer", [
+    pytest.param(answer_without_list, id="no list"),
+    *[pytest.param(answer_with_wrong_index(index), id=f"index {index}") for index in (1, 2147483647, -1, -2147483648)],
+    *[pytest.param(answer_with_wrong_type(body), id=str(body))
+      for body in (None, GLib.Variant("(i)", (0,)), GLib.Variant("(hh)", (0, 0)), GLib.Variant("(s)", ("0",)))],
+])
+def test_answer_without_a_descriptor_costs_its_producer_alone(detector, counter, daemon, answer):
+    detector.on_stream = answer
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+        assert daemon.log.take(1) == [NO_DESCRIPTOR]
+
+    expect_idle(daemon)
+
+
+def test_descriptor_that_cannot_be_read_costs_its_producer_alone(detector, counter, daemon):
+    def answer(call):
+        with open("/dev/null", "wb") as file:
+            call.reply(GLib.Variant("(h)", (0,)), [file.fileno()])
+
+    detector.on_stream = answer
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+        ((priority, text),) = daemon.log.take(1)
+        assert priority == ERROR
+        assert text.startswith("Could not read request length from client socket: Bad file descriptor: ")
+
+    # GLib takes it for a mistake of the daemon's.
+    daemon.allow_on_stderr("GLib-WARNING **: ")
+    expect_idle(daemon)
+
+
+def test_second_descriptor_of_an_answer_is_used_when_it_says_so(detector, daemon):
+    def answer(call):
+        first_read, first_write = os.pipe()
+        second_read, second_write = os.pipe()
+        os.write(second_write, message(numbered(2)))
+        call.reply(GLib.Variant("(h)", (1,)), [first_read, second_read])
+        for fd in (first_read, first_write, second_read, second_write):
+            os.close(fd)
+
+    detector.on_stream = answer
+    with daemon.client() as client:
+        expect_told(client.start(ANALYTICS), (GATE, 2))
+
+    expect_idle(daemon)
+
+
+def test_late_stream_joins_while_the_others_go_on(detector, counter, daemon):
+    detector.on_stream = detector.keep
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+        expect_answer(daemon)
+
+        detector.give_stream(detector.kept.pop())
+        detector.wait_for_stream().send(numbered(2))
+        expect_told(stream, (GATE, 2))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_descriptor_that_comes_after_the_client_has_gone_is_closed(detector, daemon):
+    detector.on_stream = detector.keep
+    with daemon.client() as client:
+        client.start(ANALYTICS).next_document()
+        wait_until(lambda: detector.kept, "a stream is asked for")
+    expect_idle(daemon)
+
+    detector.give_stream(detector.kept.pop())
+    wait_until(detector.wait_for_stream().is_closed, "the descriptor is closed")
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_producer_whose_object_has_another_name_is_not_found(receiver, start_listing_daemon):
+    odd = receiver.add(DETECTOR, element="odd")
+    counter = receiver.add(COUNTER)
+    daemon = start_listing_daemon()
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        assert daemon.log.take(1) == [NO_OBJECT]
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+
+    expect_idle(daemon)
+    assert odd.streams == []
+
+
+# Messages
+
+
+def test_messages_in_pieces_are_delivered_whole(kind_of_stream, detector, counter, daemon):
+    data = message(numbered(1, 2, 3)) + message(numbered(4))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        pieces = detector.wait_for_stream()
+        for number, byte in enumerate(data):
+            pieces.write(bytes([byte]))
+            pieces.wait_until_taken()
+            if number % 4 == 0:
+                # Nobody waits for the rest.
+                expect_answer(daemon)
+                counter.wait_for_stream().send(numbered(number))
+        expected = [(GATE, [1, 2, 3]), (GATE, [4])]
+        frames = list(itertools.islice(told(stream), len(expected) + len(range(0, len(data), 4))))
+
+    assert [frame for frame in frames if frame[0] == GATE] == expected
+    assert [numbers for source, numbers in frames if source == YARD] == [[n] for n in range(0, len(data), 4)]
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+@pytest.mark.parametrize("size", [65535, 65536, 200_000, 1_000_000])
+def test_long_message_is_delivered_whole(kind_of_stream, detector, daemon, size):
+    # Ids that tell where something is missing, twice or misplaced, over the whole length.
+    items = [numbered(*range(start, start + 1000)) for start in range(10**15, 10**15 + size // 17000 * 1000, 1000)]
+    payload = ",".join(items).ljust(size)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        detector.wait_for_stream().send(payload, numbered(1))
+        numbers = read_numbers(stream, GATE, 1000 * len(items) + 1)
+
+    assert numbers == [*range(10**15, 10**15 + 1000 * len(items)), 1]
+    expect_idle(daemon)
+
+
+def test_empty_messages_are_nothing(kind_of_stream, detector, daemon):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        detector.wait_for_stream().send("", numbered(1), "", "", numbered(2))
+        expect_told(stream, (GATE, 1), (GATE, 2))
+
+    assert daemon.log.take() == []
+
+
+def test_descriptor_that_does_not_block_has_whole_messages(kind_of_stream, detector, daemon):
+    detector.nonblocking = True
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        feed = detector.wait_for_stream()
+        feed.send(numbered(1), numbered(2, 3))
+        expect_told(stream, (GATE, 1), (GATE, 2, 3))
+
+        # What is not there when a message is begun makes it void.
+        feed.write(LENGTH.pack(100) + b'{"Deleted":[666]}')
+        feed.wait_until_taken()
+        expect_answer(daemon)
+        feed.send(numbered(4))
+        expect_told(stream, (GATE, 4))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_stream_that_ends_in_a_message_drops_it(kind_of_stream, detector, counter, daemon):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        feed = detector.wait_for_stream()
+        feed.write(message(numbered(1)) + message(numbered(666))[:-1])
+        expect_told(stream, (GATE, 1))
+        with_both = daemon.descriptors()
+        feed.close()
+        wait_until(lambda: daemon.descriptors() == with_both - 1, "the stream is closed")
+        counter.wait_for_stream().send(numbered(2))
+        expect_told(stream, (YARD, 2))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+@pytest.mark.parametrize("length", [MAX_PAYLOAD_BYTES + 1, 2**31, 2**32 - 1])
+def test_endless_message_ends_its_producer_alone(kind_of_stream, detector, counter, daemon, length):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        feed = detector.wait_for_stream()
+        feed.write(message(numbered(1)) + LENGTH.pack(length) + b"{" * 1000)
+        expect_told(stream, (GATE, 1))
+        assert daemon.log.take(1) == [TOO_LONG]
+        wait_until(feed.is_closed, "the stream is closed")
+        counter.wait_for_stream().send(numbered(2))
+        expect_told(stream, (YARD, 2))
+
+    expect_idle(daemon)
+
+
+def test_announced_length_takes_no_memory_of_its_own(detector, daemon):
+    with daemon.client() as client:
+        client.start(ANALYTICS).next_document()
+        before = daemon.resident_bytes()
+        detector.wait_for_stream().write(LENGTH.pack(MAX_PAYLOAD_BYTES))
+        detector.wait_for_stream().wait_until_taken()
+        expect_answer(daemon)
+        assert daemon.resident_bytes() < before + MAX_PAYLOAD_BYTES / 4
+
+    expect_idle(daemon)
+
+
+# Producers that hang up
+
+
+def test_producer_that_hangs_up_goes_alone(kind_of_stream, detector, counter, daemon):
+    with daemon.client() as client, daemon.client() as other:
+        stream = client.start(ANALYTICS)
+        first = detector.wait_for_stream()
+        counter.wait_for_stream()
+        others = other.start(ANALYTICS)
+        second = detector.wait_for_stream(2)
+        first.send(numbered(1))
+        second.send(numbered(1))
+        expect_told(stream, (GATE, 1))
+        expect_told(others, (GATE, 1))
+        counter.wait_for_stream(2)
+        with_all = daemon.descriptors()
+        first.close()
+        wait_until(lambda: daemon.descriptors() == with_all - 1, "the one stream is closed")
+
+        second.send(numbered(2))
+        expect_told(others, (GATE, 2))
+        for each, its_client in zip(counter.streams, (stream, others)):
+            each.send(numbered(3))
+            expect_told(its_client, (YARD, 3))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_last_producer_that_hangs_up_does_not_end_the_stream(kind_of_stream, detector, start_listing_daemon):
+    daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS_AND_EVENTS)
+        detector.wait_for_stream().send(numbered(1))
+        expect_told(stream, (GATE, 1))
+        with_it = daemon.descriptors()
+        detector.streams[0].close()
+        wait_until(lambda: daemon.descriptors() == with_it - 1, "the stream is closed")
+        expect_alive(client, stream)
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_client_that_leaves_closes_its_streams(kind_of_stream, detector, counter, daemon):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        detector.wait_for_stream().send(numbered(1))
+        expect_told(stream, (GATE, 1))
+
+    wait_until(detector.streams[0].is_closed, "the detector's stream is closed")
+    wait_until(counter.wait_for_stream().is_closed, "the counter's stream is closed")
+    expect_idle(daemon)
+
+
+# Hostile messages
+
+BOX = {"Left": -0.5, "Top": 0.5, "Right": 0.5, "Bottom": -0.5}
+
+
+def of_type(text, **options):
+    """An item with one object of that type."""
+    return json.dumps({"Objects": [{"Id": 1, "BoundingBox": BOX, "Type": text, "Likelihood": 1}]}, **options)
+
+
+@pytest.mark.parametrize("payload", [
+    b"no JSON",
+    b"{",
+    b"}" * 100,
+    b"]}}",
+    b'{"Deleted":[666]}]}}{"Source":"x","Data":{"Item":[{"Deleted":[666]}',
+    b'{"Deleted":[666]}]},"Source":"x"},{"Data":{"Item":[{}',
+    b"\xff\xfe\x00\x80",
+    b'{"Deleted":["\xff"]}',
+    b"\0" * 1000,
+    b"[" * 100_000,
+    b'{"a":' * 10_000,
+    b'"' + b"\\" * 1001,
+    pytest.param(b" " * 2_000_000, id="too long"),
+    pytest.param(",".join(["{}"] * 65).encode(), id="many items"),
+    numbered(*range(1025)).encode(),
+], ids=lambda payload: repr(payload[:40]))
+def test_malformed_message_is_left_out(detector, counter, daemon, payload):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        feed = detector.wait_for_stream()
+        for number in range(3):
+            feed.send(payload, numbered(number))
+            expect_told(stream, (GATE, number))
+        counter.wait_for_stream().send(numbered(3))
+        expect_told(stream, (YARD, 3))
+
+    expect_idle(daemon)
+    # The converter warns of it; that is the platform's business and nothing for the log.
+    assert daemon.log.take() == []
+
+
+@pytest.mark.parametrize("text", ["<a href='x'>&amp;</a>", "</tt:Type></tt:Class>", "]]>", "<!-- --", "&#0;&lol;", "%s%n",
+                                  "\u202e\ufffe", "\U0001f4f7"], ids=repr)
+def test_markup_comes_as_the_text_that_it_is(detector, daemon, text):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        stream.next_document()
+        detector.wait_for_stream().send(of_type(text, ensure_ascii=False))
+        (frame,) = stream.next_document().frames
+
+    assert frame.objects["1"].type == text.replace("\ufffe", "\ufffd")
+
+
+@pytest.mark.parametrize("character", ["\0", "\x01", "\x1f", "\ud800", "\uffff"], ids=repr)
+def test_what_xml_does_not_allow_breaks_no_document(detector, daemon, character):
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        # As JSON escapes it.
+        detector.wait_for_stream().send(of_type(f"a{character}b"), numbered(1))
+        for frame in stream.frames():
+            if frame.deleted == ["1"]:
+                break
+
+
+# Clients that do not read
+
+
+def flood_messages():
+    """Messages, each of which becomes a longer document."""
+    return [numbered(*range(10**15 + 500 * number, 10**15 + 500 * number + 500)) for number in range(FLOOD_MESSAGES)]
+
+
+def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_stream, detector, start_listing_daemon):
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): GATE}),
+                                  sanitizer_options="quarantine_size_mb=1")
+    data = b"".join(map(message, flood_messages()))
+    with daemon.client() as stuck, daemon.client() as reader:
+        assert stuck.ask(ANALYTICS) == "OK"
+        slow = detector.wait_for_stream()
+        before = daemon.resident_bytes()
+        taken = slow.write_until_full(data, STUCK_SECONDS)
+        assert 0 < taken < len(data) / 2, "the producer is slowed down"
+        assert daemon.resident_bytes() - before < RESIDENT_GROWTH_BYTES
+
+        # While that one goes on as soon as there is room, the other client gets everything.
+        stream = reader.start(ANALYTICS)
+        fast = detector.wait_for_stream(2)
+        received = []
+        for number in range(0, FLOOD_MESSAGES, 100):
+            fast.send(numbered(number))
+            received += read_numbers(stream, GATE, 1)
+        assert received == list(range(0, FLOOD_MESSAGES, 100))
+
+        rest = threading.Thread(target=slow.write, args=(data[taken:],))
+        rest.start()
+        numbers = read_all_numbers(stuck.open_stream(), FLOOD_MESSAGES)
+        rest.join(BOUND_SECONDS)
+        assert numbers == list(range(10**15, 10**15 + 500 * FLOOD_MESSAGES))
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detector, daemon):
+    data = b"".join(map(message, flood_messages()))
+    with daemon.client() as stuck:
+        assert stuck.ask(ANALYTICS) == "OK"
+        slow = detector.wait_for_stream()
+        slow.write_until_full(data, STUCK_SECONDS)
+
+    wait_until(slow.is_closed, "the producer's stream is closed")
+    expect_idle(daemon)
+
+
+def test_producer_that_hangs_up_on_a_client_that_does_not_read_loses_nothing(kind_of_stream, detector, daemon):
+    data = b"".join(map(message, flood_messages()))
+    size = len(message(flood_messages()[0]))
+    with daemon.client() as stuck:
+        assert stuck.ask(ANALYTICS) == "OK"
+        slow = detector.wait_for_stream()
+        whole = slow.write_until_full(data, STUCK_SECONDS) // size
+        slow.close()
+        numbers = read_all_numbers(stuck.open_stream(), whole)
+
+    assert numbers == list(range(10**15, 10**15 + 500 * whole))
+    expect_idle(daemon)
