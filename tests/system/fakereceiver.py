@@ -180,12 +180,15 @@ def make_sockets():
 
 class FakeReceiver(StandIn):
     """The owner of the receiver's name. Producers may come and go before it has started, while it is there and while
-    it has left."""
+    it has left.
+
+    on_objects: takes a Call for all objects in place of the right answer, in the thread of the receiver"""
 
     def __init__(self, bus):
         super().__init__(bus, NAME)
         self.producers = []
         self.gone = []
+        self.on_objects = self.tell_objects
         self.registrations = {}
         self.present = False
 
@@ -195,8 +198,11 @@ class FakeReceiver(StandIn):
             self._register(producer)
 
     def _on_objects(self, connection, sender, path, interface, method, arguments, invocation):
+        self.on_objects(Call(connection, invocation, ()))
+
+    def tell_objects(self, call):
         objects = {producer.path: producer.interfaces for producer in self.producers}
-        Call(connection, invocation, ()).reply(GLib.Variant("(a{oa{sa{sv}}})", (objects,)))
+        call.reply(GLib.Variant("(a{oa{sa{sv}}})", (objects,)))
 
     def _register(self, producer):
         """Has calls to its path answered, also those that come after it has been removed."""

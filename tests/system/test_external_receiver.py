@@ -9,13 +9,13 @@ from gi.repository import GLib
 from lxml import etree
 
 from busclient import PROPERTIES
-from daemon import NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING
+from daemon import BUS_LINES, NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING
 from documents import NAMESPACES
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD,
                       expect_alive, expect_told, left_out, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
-from receiver import PRODUCER
+from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import RECEIVER
 from tool import Tool
 from waiting import BOUND_SECONDS, wait_until
@@ -35,6 +35,9 @@ ANSWER_SECONDS = 10
 PROMPT_SECONDS = 2
 
 NOT_FETCHED = (WARNING, "failed to fetch sample frame")
+
+# How what has the wrong type looks to GLib.
+WRONG_REPLY = "GDBus.Error:org.freedesktop.DBus.Error.InvalidSignature: The reply has the wrong type"
 
 NO_NAME = "it has no property Name of type s"
 NO_NICE_NAME = "it has no property NiceName of type s"
@@ -395,6 +398,69 @@ def test_platform_that_cannot_convert_lists_nobody(receiver, tool, start_daemon)
 
     assert daemon.log.take(2) == [not_converted(DETECTOR), not_converted(COUNTER)]
     assert tool.objects() == set()
+
+
+# What the receiver itself says wrongly
+
+WRONG_SIGNAL = (WARNING, "left out a signal of the metadata receiver: it has the wrong type")
+
+
+def not_connected(reason):
+    return (WARNING, f"Failed to connect to metadata-receiver over DBus: {reason}")
+
+
+@pytest.mark.parametrize("body", [None, GLib.Variant("(s)", ("x",)), GLib.Variant("(a{oa{ss}})", ({"/a": {"x": "y"}},)),
+                                  GLib.Variant("(a{sa{sa{sv}}})", ({},)), GLib.Variant("(a{oa{sa{sv}}}i)", ({}, 1))])
+def test_wrong_answer_of_the_receiver_leaves_a_daemon_without_producers(receiver, launch, body):
+    receiver.on_objects = lambda call: call.reply(body)
+    daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
+    daemon.bus_lines = [not_connected(WRONG_REPLY), *BUS_LINES]
+    daemon.wait_until_ready()
+
+    receiver.add(DETECTOR)
+    with daemon.client() as client:
+        assert client.ask(ANALYTICS) == NOTHING_ASKED
+
+
+def test_receiver_that_fails_leaves_a_daemon_without_producers(receiver, launch):
+    receiver.on_objects = lambda call: call.fail("No list.")
+    daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
+    daemon.bus_lines = [not_connected(error_of("No list.")), *BUS_LINES]
+    daemon.wait_until_ready()
+
+    with daemon.client() as client:
+        assert client.ask(ANALYTICS) == NOTHING_ASKED
+
+
+@pytest.mark.parametrize("path, interface, name, body", [
+    *[(ROOT, OBJECT_MANAGER, "InterfacesAdded", body)
+      for body in (None, GLib.Variant("(o)", (ROOT,)), GLib.Variant("(sa{sa{sv}})", ("x", {})),
+                   GLib.Variant("(oa{ss})", (f"{ROOT}/x", {PRODUCER: "x"})))],
+    *[(ROOT, OBJECT_MANAGER, "InterfacesRemoved", body)
+      for body in (None, GLib.Variant("(os)", (path_of(DETECTOR), PRODUCER)), GLib.Variant("(as)", ([PRODUCER],)))],
+    *[(path_of(DETECTOR), PROPERTIES, "PropertiesChanged", body)
+      for body in (None, GLib.Variant("(s)", (PRODUCER,)), GLib.Variant("(sa{ss}as)", (PRODUCER, {"Name": "x"}, [])))],
+])
+def test_wrong_signal_is_left_out(receiver, daemon, tool, path, interface, name, body):
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+
+    receiver.emit(path, interface, name, body)
+    assert daemon.log.take(1) == [WRONG_SIGNAL]
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    assert daemon.log.take() == []
+
+
+def test_strangers_announce_nothing(bus, receiver, daemon, tool):
+    stranger = FakeReceiver(bus)
+    stranger.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                  GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces)))
+    stranger.close()
+    receiver.add(DETECTOR)
+
+    wait_until_listed(tool, DETECTOR)
+    assert daemon.log.take() == []
 
 
 # The receiver comes and goes
