@@ -143,8 +143,7 @@ class Producer:
         self.streams = []
         self.kept = []
 
-    def on_call(self, connection, sender, path, interface, method, arguments, invocation):
-        call = Call(connection, invocation, arguments.unpack())
+    def on_call(self, method, call):
         (self.on_sample if method == "GetSampleFrame" else self.on_stream)(call)
 
     def keep(self, call):
@@ -189,7 +188,7 @@ class FakeReceiver(StandIn):
         self.producers = []
         self.gone = []
         self.on_objects = self.tell_objects
-        self.registrations = {}
+        self.answering = {}
         self.present = False
 
     def _register_all(self):
@@ -205,11 +204,14 @@ class FakeReceiver(StandIn):
         call.reply(GLib.Variant("(a{oa{sa{sv}}})", (objects,)))
 
     def _register(self, producer):
-        """Has calls to its path answered, also those that come after it has been removed."""
-        if producer.path in self.registrations:
-            self.client.connection.unregister_object(self.registrations[producer.path])
-        self.registrations[producer.path] = self.client.connection.register_object(
-            producer.path, PRODUCER_NODE.interfaces[0], producer.on_call, None, None)
+        """Has calls to its path answered by this producer, also those that come after it has been removed."""
+        is_new = producer.path not in self.answering
+        self.answering[producer.path] = producer
+        if is_new:
+            self.client.connection.register_object(producer.path, PRODUCER_NODE.interfaces[0], self._on_call, None, None)
+
+    def _on_call(self, connection, sender, path, interface, method, arguments, invocation):
+        self.answering[path].on_call(method, Call(connection, invocation, arguments.unpack()))
 
     def _in_thread(self, work):
         """Has something done by the thread that answers, and waits for it."""

@@ -13,7 +13,7 @@ import pytest
 from gi.repository import GLib
 
 from client import header
-from daemon import producers_enabled
+from daemon import NOTHING_ASKED, producers_enabled
 from documents import Document
 from external import ANALYTICS, COUNTER, DETECTOR, numbered
 from fakereceiver import message
@@ -52,14 +52,14 @@ SOURCE = re.compile(rb'<tt:Frame [^>]*Source="([^"]*)"')
 NUMBER = re.compile(rb'<tt:Delete ObjectId="(\d+)"')
 
 RACES = 500
-AT_ONCE = 8
+AT_ONCE = 4
 LATEST_MILLISECONDS = 30
 
 # GLib keeps threads that have nothing to do for a while, and so many of them at the most.
 SPARE_THREADS = 8
 
 # What the allocators do not give back at once.
-RESIDENT_GROWTH = 1.25
+RESIDENT_GROWTH = 1.5
 
 
 def random_size(chance):
@@ -188,6 +188,9 @@ def leave_somewhere(daemon, seed):
             select.select([client.socket], [], [], chance.randrange(LATEST_MILLISECONDS) / 1000)
             if client.is_answered():
                 client.read_exactly(1)
+    # Requests of clients that have gone wait all the same, and only so many may.
+    with daemon.client() as client:
+        assert client.ask("") == NOTHING_ASKED
 
 
 def run_races(daemon, seeds):

@@ -9,7 +9,7 @@ import threading
 import pytest
 from gi.repository import GLib
 
-from daemon import ERROR, INFO, NOTHING_ASKED, WARNING, producers_enabled
+from daemon import ERROR, INFO, NOTHING_ASKED, WARNING
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
                       expect_told, numbered, read_numbers, told)
 from fakereceiver import message
@@ -23,8 +23,9 @@ NO_DESCRIPTOR = (WARNING, "Failed to parse fd from variant: the reply holds no s
 NO_OBJECT = (WARNING, "tried to find a dbus object for producer which did not exist")
 TOO_LONG = (ERROR, "Could not read request data from client socket: Message too long: Message too long")
 
-# More than everything on the way from a producer to a client takes.
-FLOOD_MESSAGES = 1500
+# More than twice of what everything on the way from a producer to a client takes: messages of this length, with so many
+# numbers in each.
+FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 8500, 20
 
 # For how long a stream that takes nothing is full.
 STUCK_SECONDS = 1
@@ -453,62 +454,59 @@ def test_what_xml_does_not_allow_breaks_no_document(detector, daemon, character)
 # Clients that do not read
 
 
-def flood_messages():
-    """Messages, each of which becomes a longer document."""
-    return [numbered(*range(10**15 + 500 * number, 10**15 + 500 * number + 500)) for number in range(FLOOD_MESSAGES)]
+@pytest.fixture(scope="module")
+def flood():
+    return b"".join(message(numbered(*range(FLOOD_NUMBERS * number, FLOOD_NUMBERS * (number + 1))).ljust(FLOOD_BYTES))
+                    for number in range(FLOOD_MESSAGES))
 
 
-def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_stream, detector, start_listing_daemon):
-    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): GATE}),
-                                  sanitizer_options="quarantine_size_mb=1")
-    data = b"".join(map(message, flood_messages()))
+def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_stream, detector, start_listing_daemon,
+                                                                        flood):
+    daemon = start_listing_daemon(sanitizer_options="quarantine_size_mb=1")
     with daemon.client() as stuck, daemon.client() as reader:
         assert stuck.ask(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
         before = daemon.resident_bytes()
-        taken = slow.write_until_full(data, STUCK_SECONDS)
-        assert 0 < taken < len(data) / 2, "the producer is slowed down"
+        taken = slow.write_until_full(flood, STUCK_SECONDS)
+        assert 0 < taken < len(flood) / 2, "the producer is slowed down"
         assert daemon.resident_bytes() - before < RESIDENT_GROWTH_BYTES
 
-        # While that one goes on as soon as there is room, the other client gets everything.
+        # The same producer's stream to another client is as fast as ever.
         stream = reader.start(ANALYTICS)
         fast = detector.wait_for_stream(2)
         received = []
-        for number in range(0, FLOOD_MESSAGES, 100):
+        for number in range(20):
             fast.send(numbered(number))
             received += read_numbers(stream, GATE, 1)
-        assert received == list(range(0, FLOOD_MESSAGES, 100))
+        assert received == list(range(20))
 
-        rest = threading.Thread(target=slow.write, args=(data[taken:],))
+        rest = threading.Thread(target=slow.write, args=(flood[taken:],))
         rest.start()
         numbers = read_all_numbers(stuck.open_stream(), FLOOD_MESSAGES)
         rest.join(BOUND_SECONDS)
-        assert numbers == list(range(10**15, 10**15 + 500 * FLOOD_MESSAGES))
+        assert numbers == list(range(FLOOD_NUMBERS * FLOOD_MESSAGES))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
 
 
-def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detector, daemon):
-    data = b"".join(map(message, flood_messages()))
+def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detector, daemon, flood):
     with daemon.client() as stuck:
         assert stuck.ask(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
-        slow.write_until_full(data, STUCK_SECONDS)
+        slow.write_until_full(flood, STUCK_SECONDS)
 
     wait_until(slow.is_closed, "the producer's stream is closed")
     expect_idle(daemon)
 
 
-def test_producer_that_hangs_up_on_a_client_that_does_not_read_loses_nothing(kind_of_stream, detector, daemon):
-    data = b"".join(map(message, flood_messages()))
-    size = len(message(flood_messages()[0]))
+def test_producer_that_hangs_up_on_a_client_that_does_not_read_loses_nothing(kind_of_stream, detector, daemon, flood):
     with daemon.client() as stuck:
         assert stuck.ask(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
-        whole = slow.write_until_full(data, STUCK_SECONDS) // size
+        whole = slow.write_until_full(flood, STUCK_SECONDS) // len(message(" " * FLOOD_BYTES))
         slow.close()
         numbers = read_all_numbers(stuck.open_stream(), whole)
 
-    assert numbers == list(range(10**15, 10**15 + 500 * whole))
+    assert numbers == list(range(FLOOD_NUMBERS * whole))
     expect_idle(daemon)
