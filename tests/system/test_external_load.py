@@ -56,6 +56,9 @@ RACES = 500
 AT_ONCE = 4
 LATEST_MILLISECONDS = 30
 
+# How many may still be without their stream when another begins: the bus lets a daemon wait for 128 answers.
+MAX_PENDING = 64
+
 # GLib keeps threads that have nothing to do for a while, and so many of them at the most.
 SPARE_THREADS = 8
 
@@ -159,30 +162,42 @@ def test_each_client_gets_all_of_its_channel_in_order(detector, counter, start_l
     assert daemon.log.take() == []
 
 
-def give_late(producer, receiver, chance):
-    """Has the producer give its streams some time after they were asked for, each with messages already in it."""
+class LateStreams:
+    """Has a producer give its streams some time after they were asked for, each with messages already in it."""
 
-    def give(call):
+    def __init__(self, producer, context):
+        self.chance = random.Random(SEED)
+        self.context = context
+        self.count = 0
+        self.kept = []
+        producer.on_stream = self.answer
+
+    def answer(self, call):
+        timer = GLib.timeout_source_new(self.chance.randrange(LATEST_MILLISECONDS))
+        timer.set_callback(lambda _: self.give(call))
+        timer.attach(self.context)
+
+    def give(self, call):
         read_fd, write_fd = os.pipe()
         os.write(write_fd, message(numbered(1)) * 10 + LENGTH.pack(100))
         call.reply(GLib.Variant("(h)", (0,)), [read_fd])
         os.close(read_fd)
-        os.close(write_fd) if chance.randrange(2) else kept.append(write_fd)
+        if self.chance.randrange(2):
+            os.close(write_fd)
+        else:
+            self.kept.append(write_fd)
+        self.count += 1
         return False
 
-    def answer(call):
-        timer = GLib.timeout_source_new(chance.randrange(LATEST_MILLISECONDS))
-        timer.set_callback(lambda _: give(call))
-        timer.attach(receiver.context)
-
-    kept = []
-    producer.on_stream = answer
-    return kept
+    def close(self):
+        for write_fd in self.kept:
+            os.close(write_fd)
 
 
-def leave_somewhere(daemon, seed):
+def leave_somewhere(daemon, late_streams, number):
     """Asks for a stream, and leaves at any moment."""
-    chance = random.Random(seed)
+    wait_until(lambda: number - late_streams.count < MAX_PENDING, "earlier streams have been given")
+    chance = random.Random(number)
     with daemon.client() as client:
         client.request(ANALYTICS)
         for _ in range(chance.randrange(4)):
@@ -194,24 +209,24 @@ def leave_somewhere(daemon, seed):
         assert client.ask("") == NOTHING_ASKED
 
 
-def run_races(daemon, seeds):
+def run_races(daemon, late_streams, numbers):
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
-        list(clients.map(lambda seed: leave_somewhere(daemon, seed), seeds, timeout=LOAD_SECONDS))
+        list(clients.map(lambda number: leave_somewhere(daemon, late_streams, number), numbers, timeout=LOAD_SECONDS))
 
 
 def test_clients_that_leave_before_their_streams_come_leave_nothing_behind(receiver, detector, start_listing_daemon):
-    kept = give_late(detector, receiver, random.Random(SEED))
+    late_streams = LateStreams(detector, receiver.context)
     daemon = start_listing_daemon(sanitizer_options="quarantine_size_mb=1")
     threads = daemon.threads()
-    run_races(daemon, range(RACES // 5))
+    run_races(daemon, late_streams, range(RACES // 5))
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first clients' descriptors are closed")
     resident = wait_until_settled(daemon.resident_bytes, "the memory that is always used is in use")
 
-    run_races(daemon, range(RACES // 5, RACES))
+    run_races(daemon, late_streams, range(RACES // 5, RACES))
+    wait_until(lambda: late_streams.count == RACES, "every client's stream has been asked for and given")
 
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
     wait_until(lambda: daemon.threads() <= threads + SPARE_THREADS, "their threads have ended")
     wait_until(lambda: daemon.resident_bytes() <= resident * RESIDENT_GROWTH, "their memory is free")
-    for write_fd in kept:
-        os.close(write_fd)
+    late_streams.close()
     assert daemon.log.take() == []
