@@ -499,7 +499,6 @@ leave_receiver()
 
   set_manager(nullptr);
   g_signal_handlers_disconnect_by_data(left, producers);
-  g_signal_handlers_disconnect_by_data(get_connection(left), &manager);
   g_dbus_connection_remove_filter(get_connection(left), filter_id);
   g_hash_table_foreach_remove(entries, withdraw_entry, nullptr);
 }
@@ -565,7 +564,7 @@ connect_signals()
     syslog(LOG_WARNING, "failed to connect signal 'object-added' to dbus manager");
     return FALSE;
   }
-  g_signal_connect(get_connection(manager), "closed", G_CALLBACK(on_connection_closed), &manager);
+  g_signal_connect(get_connection(manager), "closed", G_CALLBACK(on_connection_closed), nullptr);
   return TRUE;
 }
 
