@@ -683,6 +683,64 @@ TEST_F(DbusClientTest, DropsWhatGoesWhileItWaitsForAConversion)
   EXPECT_EQ(testconverter::take_inputs().size(), 1);
 }
 
+/* Only objects count, not what becomes of their interfaces. */
+TEST_F(DbusClientTest, LeavesOutAnObjectWhoseInterfaceComesLater)
+{
+  Object faces = testreceiver::producer("Faces");
+  faces.interfaces = "{'com.quon.Other1': {'Name': <'Faces'>}}";
+  start();
+  receiver_->add("Faces", faces);
+  expect_lines({left_out("Faces", "it has no interface com.quon.MetadataReceiver1.Producer")});
+
+  receiver_->add("Faces");
+  expect_listed_after_another({});
+  receiver_->remove_interface("Faces", "com.quon.Other1");
+  receiver_->remove("Faces");
+  receiver_->add("Faces");
+  expect_listed({"Faces", "Zebras"});
+}
+
+TEST_F(DbusClientTest, KeepsAProducerAsLongAsItsObject)
+{
+  Object faces = testreceiver::producer("Faces");
+  faces.interfaces.insert(1, "'com.quon.Other1': {'Name': <'Faces'>}, ");
+  start();
+  receiver_->add("Faces", faces);
+  expect_listed({"Faces"});
+
+  receiver_->remove_interface("Faces", "com.quon.MetadataReceiver1.Producer");
+  expect_listed_after_another({"Faces"});
+  receiver_->remove("Zebras");
+  expect_listed({"Faces"});
+  receiver_->add("Faces", testreceiver::producer("Others"));
+  receiver_->add("Faces", testreceiver::producer("Others"));
+  expect_listed_after_another({"Faces"});
+  EXPECT_EQ(receiver_->take_calls(),
+            Texts({"Faces GetSampleFrame ()", "Zebras GetSampleFrame ()", "Zebras GetSampleFrame ()"}));
+  receiver_->remove("Faces");
+  receiver_->remove_interface("Faces", "com.quon.Other1");
+  expect_listed({"Zebras"});
+}
+
+/* Names that are none are as good as any that is not asked for. */
+TEST_F(DbusClientTest, IgnoresInterfacesWithoutAProperName)
+{
+  Object faces = testreceiver::producer("Faces");
+  faces.interfaces.insert(1, "'': @a{sv} {}, 'no name': {'Name': <'Odd'>, '': <1>}, ");
+  Object none = testreceiver::producer("None");
+  none.interfaces = "@a{sa{sv}} {}";
+  receiver_->add("Faces", faces);
+  start();
+  expect_listed({"Faces"});
+
+  Object plates = testreceiver::producer("Plates");
+  plates.interfaces.insert(1, "'': @a{sv} {}, 'no name': {'Name': <'Odd'>, '': <1>}, ");
+  receiver_->add("Plates", plates);
+  expect_listed({"Faces", "Plates"});
+  receiver_->add("None", none);
+  expect_lines({left_out("None", "it has no interface com.quon.MetadataReceiver1.Producer")});
+}
+
 TEST_F(DbusClientTest, FollowsAReceiverThatLeavesAndComesBack)
 {
   receiver_->add("Faces");
@@ -755,11 +813,15 @@ TEST_F(DbusClientTest, SurvivesTheBusDuringAConversion)
   ASSERT_TRUE(spin_until([&hold] { return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS; }));
   ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == 2 * DBUS_CLIENT_MAX_CONVERSIONS; }));
 
+  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+  const testhost::Observed connection(shared);
+  g_clear_object(&shared);
   receiver_.reset();
   bus_.reset();
   testconverter::take_inputs();
   hold.reset();
-  ASSERT_TRUE(spin_until([] { return g_main_context_pending(nullptr) == FALSE; }));
+  /* Every conversion and every call that is under way has it. */
+  ASSERT_TRUE(spin_until([&connection] { return !connection.alive(); }));
   EXPECT_EQ(listed(), Texts());
   testhost::take_syslog();
 }
@@ -815,6 +877,22 @@ TEST_F(DbusClientTest, FailsWithoutTheSignalOfObjectsThatGo)
   start();
   receiver_->add("Faces");
   expect_listed({"Faces"});
+}
+
+TEST_F(DbusClientTest, HearsNothingOfTheReceiverAfterAFailedStart)
+{
+  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+  receiver_->set_managed_objects(testbus::refuse());
+  EXPECT_FALSE(dbus_client_init(producers_));
+  receiver_->set_managed_objects({});
+  faults::fail_next_connection_to("object-removed");
+  EXPECT_FALSE(dbus_client_init(producers_));
+  testhost::take_syslog();
+
+  receiver_->emit(ROOT + "Faces"s, "org.freedesktop.DBus.Properties", "PropertiesChanged", "()",
+                  g_dbus_connection_get_unique_name(shared));
+  hear_all();
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
 }
 
 TEST_F(DbusClientTest, HandsOverAStream)

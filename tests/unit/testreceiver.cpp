@@ -128,9 +128,10 @@ Receiver::remove_interface(const std::string &element, const std::string &interf
 }
 
 void
-Receiver::emit(const std::string &path, const char *interface, const char *signal, const std::string &body)
+Receiver::emit(const std::string &path, const char *interface, const char *signal, const std::string &body,
+               const char *destination)
 {
-  send_signal(path, interface, signal, g_variant_new_parsed(body.c_str()));
+  send_signal(path, interface, signal, g_variant_new_parsed(body.c_str()), destination);
 }
 
 void
@@ -251,14 +252,16 @@ Receiver::find_answer(const std::string &element, const std::string &method)
 void
 Receiver::emit(const char *signal, GVariant *arguments)
 {
-  send_signal(ROOT, OBJECT_MANAGER, signal, arguments);
+  send_signal(ROOT, OBJECT_MANAGER, signal, arguments, nullptr);
 }
 
 void
-Receiver::send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments)
+Receiver::send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments,
+                      const char *destination)
 {
   g_autoptr(GDBusMessage) message = g_dbus_message_new_signal(path.c_str(), interface, signal);
 
+  g_dbus_message_set_destination(message, destination);
   g_dbus_message_set_body(message, arguments);
   if (service_.has_value()) {
     service_->send(message);

@@ -47,8 +47,10 @@ public:
   /* Takes an object's interface away, but not the object. */
   void remove_interface(const std::string &element, const std::string &interface);
 
-  /* Sends a signal whose body is a tuple in GVariant's text format. */
-  void emit(const std::string &path, const char *interface, const char *signal, const std::string &body);
+  /* Sends a signal whose body is a tuple in GVariant's text format; to everybody who listens, or to one
+   * connection whether it listens or not. */
+  void emit(const std::string &path, const char *interface, const char *signal, const std::string &body,
+            const char *destination = nullptr);
 
   /* What answers GetManagedObjects in place of the objects, until it is empty. */
   void set_managed_objects(testbus::Answer answer);
@@ -75,7 +77,8 @@ private:
   GDBusMessage *answer(GDBusMessage *call);
   testbus::Answer find_answer(const std::string &element, const std::string &method);
   void emit(const char *signal, GVariant *arguments);
-  void send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments);
+  void send_signal(const std::string &path, const char *interface, const char *signal, GVariant *arguments,
+                   const char *destination);
 
   std::mutex lock_;
   std::map<std::string, Object> objects_;
