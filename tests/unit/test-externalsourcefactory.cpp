@@ -177,8 +177,10 @@ first_buffer(GstElement *bin)
 class ExternalSourceFactoryTest : public testhost::Fixture
 {
 protected:
+  /* In a place whose time is not UTC. */
   static void SetUpTestSuite()
   {
+    g_setenv("TZ", "JST-9", TRUE);
     testelements::install();
     gst_object_unref(gst_object_ref_sink(external_src_new()));
   }
@@ -285,6 +287,7 @@ TEST_F(ExternalSourceFactoryTest, RefusesABadChannel)
                  "Invalid value of 'channel'           parameter: '1a'.");
   expect_refused({{"analytics", "2"}, {"video_channel", "99999999999"}}, option_validation_error_quark(),
                  "Value out of bounds for 'channel'         parameter: '99999999999'.");
+  EXPECT_EQ(testelements::take_settings(), Texts());
 }
 
 /* Who is asked. */
