@@ -208,7 +208,7 @@ Walk::skip_string()
 {
   at_++;
   while (at_ < end_ && *at_ != '"') {
-    if (*at_ >= '\0' && *at_ < ' ') {
+    if (static_cast<guchar>(*at_) < ' ') {
       return false;
     }
     if (*at_ != '\\') {

@@ -41,7 +41,7 @@ struct Part {
 bool
 is_control_character(char character)
 {
-  return character >= '\0' && character < ' ';
+  return static_cast<guchar>(character) < ' ';
 }
 
 bool
