@@ -4,13 +4,17 @@
 
 #include <algorithm>
 #include <array>
-#include <json-glib/json-glib.h>
+#include <charconv>
+#include <cmath>
 
 namespace sim
 {
 
 namespace
 {
+
+constexpr double NUMBER_PARTS = 10000;
+constexpr gsize NUMBER_SIZE = 32; /* for what is in a picture */
 
 /* When the example was seen. */
 constexpr gint64 EXAMPLE_UTC = G_GINT64_CONSTANT(1704067200) * G_USEC_PER_SEC;
@@ -38,55 +42,56 @@ name_of(ObjectType type)
       ->name;
 }
 
-void
-add_number(JsonBuilder *builder, const char *name, double value)
+/* As few digits as the number needs, four decimals at most, whatever the locale. */
+std::string
+number_text(double value)
 {
-  json_builder_set_member_name(builder, name);
-  json_builder_add_double_value(builder, value);
+  std::array<char, NUMBER_SIZE> text = {};
+  const double rounded = std::round(value * NUMBER_PARTS) / NUMBER_PARTS + 0.0; /* makes -0 to 0 */
+  const auto [end, error] = std::to_chars(text.begin(), text.end(), rounded, std::chars_format::fixed);
+
+  return {text.begin(), end};
 }
 
-void
-add_box(JsonBuilder *builder, const Box &box)
+/* Puts commas between the texts of all parts. */
+template <typename Part, typename MakeText>
+std::string
+list_text(const std::vector<Part> &parts, MakeText make_text)
 {
-  json_builder_set_member_name(builder, "BoundingBox");
-  json_builder_begin_object(builder);
-  add_number(builder, "Left", box.left);
-  add_number(builder, "Top", box.top);
-  add_number(builder, "Right", box.right);
-  add_number(builder, "Bottom", box.bottom);
-  json_builder_end_object(builder);
-}
+  std::string list;
 
-void
-add_polygon(JsonBuilder *builder, const std::vector<Point> &polygon)
-{
-  json_builder_set_member_name(builder, "Polygon");
-  json_builder_begin_array(builder);
-  for (const Point &point : polygon) {
-    json_builder_begin_array(builder);
-    json_builder_add_double_value(builder, point.x);
-    json_builder_add_double_value(builder, point.y);
-    json_builder_end_array(builder);
+  for (const Part &part : parts) {
+    list.append(list.empty() ? "" : ",").append(make_text(part));
   }
-  json_builder_end_array(builder);
+  return "[" + list + "]";
 }
 
-void
-add_object(JsonBuilder *builder, const SceneObject &object)
+std::string
+box_text(const Box &box)
 {
-  json_builder_begin_object(builder);
-  json_builder_set_member_name(builder, "Id");
-  json_builder_add_int_value(builder, object.id);
+  return R"({"Left":)" + number_text(box.left) + R"(,"Top":)" + number_text(box.top) + R"(,"Right":)" +
+         number_text(box.right) + R"(,"Bottom":)" + number_text(box.bottom) + "}";
+}
+
+std::string
+point_text(const Point &point)
+{
+  return "[" + number_text(point.x) + "," + number_text(point.y) + "]";
+}
+
+std::string
+object_text(const SceneObject &object)
+{
+  std::string text = R"({"Id":)" + std::to_string(object.id);
+
   if (object.box.has_value()) {
-    add_box(builder, *object.box);
+    text += R"(,"BoundingBox":)" + box_text(*object.box);
   }
   if (!object.polygon.empty()) {
-    add_polygon(builder, object.polygon);
+    text += R"(,"Polygon":)" + list_text(object.polygon, point_text);
   }
-  json_builder_set_member_name(builder, "Type");
-  json_builder_add_string_value(builder, name_of(object.type));
-  add_number(builder, "Likelihood", object.likelihood);
-  json_builder_end_object(builder);
+  return text + R"(,"Type":")" + name_of(object.type) + R"(","Likelihood":)" +
+         number_text(object.likelihood) + "}";
 }
 
 } /* namespace */
@@ -100,29 +105,10 @@ add_object(JsonBuilder *builder, const SceneObject &object)
 std::string
 scene_to_item(const Scene &scene)
 {
-  g_autoptr(JsonBuilder) builder = json_builder_new();
   g_autofree char *utc = xml_date_time(scene.utc);
 
-  json_builder_begin_object(builder);
-  json_builder_set_member_name(builder, "UtcTime");
-  json_builder_add_string_value(builder, utc);
-  json_builder_set_member_name(builder, "Objects");
-  json_builder_begin_array(builder);
-  for (const SceneObject &object : scene.objects) {
-    add_object(builder, object);
-  }
-  json_builder_end_array(builder);
-  json_builder_set_member_name(builder, "Deleted");
-  json_builder_begin_array(builder);
-  for (const gint64 id : scene.deleted) {
-    json_builder_add_int_value(builder, id);
-  }
-  json_builder_end_array(builder);
-  json_builder_end_object(builder);
-
-  g_autoptr(JsonNode) root = json_builder_get_root(builder);
-  g_autofree gchar *text = json_to_string(root, FALSE);
-  return text;
+  return R"({"UtcTime":")" + std::string(utc) + R"(","Objects":)" + list_text(scene.objects, object_text) +
+         R"(,"Deleted":)" + list_text(scene.deleted, [](gint64 id) { return std::to_string(id); }) + "}";
 }
 
 /**

@@ -8,7 +8,6 @@ using sim::SceneObject;
 namespace
 {
 
-/* Numbers that JSON shows as they are. */
 SceneObject
 person()
 {
@@ -48,6 +47,19 @@ TEST(SceneItem, LargestIdIsKept)
   std::string item = sim::scene_to_item({.utc = 0, .objects = {object}, .deleted = {G_MININT64}});
   EXPECT_NE(item.find("\"Id\":9223372036854775807,"), std::string::npos);
   EXPECT_NE(item.find("\"Deleted\":[-9223372036854775808]"), std::string::npos);
+}
+
+TEST(SceneItem, NumbersAreRoundedToFourDecimals)
+{
+  SceneObject object = person();
+  object.likelihood = 0.96;
+  object.box = {{.left = -0.00004, .top = 0.12345678, .right = 0.99996, .bottom = -0.0001}};
+  object.polygon.clear();
+  std::string item = sim::scene_to_item({.utc = 0, .objects = {object}, .deleted = {}});
+  EXPECT_NE(item.find(R"("BoundingBox":{"Left":0,"Top":0.1235,"Right":1,"Bottom":-0.0001},)"),
+            std::string::npos)
+      << item;
+  EXPECT_NE(item.find(R"("Likelihood":0.96})"), std::string::npos) << item;
 }
 
 TEST(SceneItem, ExampleShowsWhatWasAskedFor)
