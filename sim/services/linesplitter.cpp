@@ -3,6 +3,18 @@
 namespace sim
 {
 
+namespace
+{
+
+/* Some end their lines with two characters, of which the first is left alone where there is a line. */
+bool
+is_empty(std::string_view line)
+{
+  return line.empty() || line == "\r";
+}
+
+} /* namespace */
+
 /**
  * LineSplitter::push:
  * @bytes: what comes next
@@ -51,8 +63,8 @@ LineSplitter::pop()
     if (dropping_) {
       dropping_ = false;
       dropped_++;
-    } else if (size > 0) {
-      return shared_text_copy(std::string_view(bytes_).substr(begin, size));
+    } else if (const std::string_view line(bytes_.data() + begin, size); !is_empty(line)) {
+      return shared_text_copy(line);
     }
   }
 }

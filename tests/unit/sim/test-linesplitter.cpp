@@ -29,7 +29,7 @@ TEST(LineSplitterTest, NothingHasNoLine)
 TEST(LineSplitterTest, LinesComeWithoutTheirEndsAndEmptyOnesNotAtAll)
 {
   LineSplitter splitter;
-  splitter.push("\none\n\n\ntwo\r\n three\n");
+  splitter.push("\none\n\n\ntwo\r\n\r\n three\n");
   EXPECT_EQ(pop_all(splitter), std::vector<std::string>({"one", "two\r", " three"}));
 }
 
