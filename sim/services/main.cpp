@@ -8,7 +8,9 @@
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <glib-unix.h>
+#include <unistd.h>
 
 namespace
 {
@@ -256,11 +258,21 @@ run_tell(int argc, char **argv)
   return EXIT_SUCCESS;
 }
 
-} // namespace
+/* With a closed standard input, whatever is opened first would take its place, for a producer to read. */
+void
+ensure_standard_input()
+{
+  if (fcntl(STDIN_FILENO, F_GETFD) < 0) {
+    open("/dev/null", O_RDONLY);
+  }
+}
+
+} /* namespace */
 
 int
 main(int argc, char **argv)
 {
+  ensure_standard_input();
   setlocale(LC_ALL, "");
   g_set_prgname("simcamera");
   signal(SIGPIPE, SIG_IGN); /* readers of streams go when they like */

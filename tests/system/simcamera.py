@@ -21,7 +21,7 @@ class SimulatedCamera:
     options: its command line
     bus: where it plays, which it takes for the system's bus
     producers: which of its own external producers it has, with commas; all if that is not said
-    stdin: its standard input
+    stdin: its standard input; closed if that is None
     variables: what its environment has beside the usual"""
 
     def __init__(self, installation, bus, *options, producers=None, stdin=subprocess.DEVNULL, variables=None):
@@ -34,7 +34,8 @@ class SimulatedCamera:
             **(variables or {}),
         }
         own = () if producers is None else ("--producers", producers)
-        self.process = subprocess.Popen([self.program, *own, *options], **self._pipes() | {"stdin": stdin},
+        closing = ("sh", "-c", 'exec "$@" <&-', "sh") if stdin is None else ()
+        self.process = subprocess.Popen([*closing, self.program, *own, *options], **self._pipes() | {"stdin": stdin},
                                         **unprivileged())
 
     def _pipes(self):

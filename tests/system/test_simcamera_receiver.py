@@ -520,6 +520,13 @@ def test_too_long_lines_of_the_input_are_left_out(installation, bus, client, wor
 
 def test_one_producer_at_most_reads_the_input(camera, client):
     camera.add_producer("Mine", "-")
+def test_closed_input_is_an_empty_one(start_camera, client):
+    """What has the place of standard input then must not be read."""
+    start_camera("--producer", "Mine=-", "--once", stdin=None)
+
+    client.open("Mine").expect_end()
+
+
     assert refused(camera, "add-producer", "Other", "-") == "'Mine' reads the standard input already"
 
     camera.remove_producer("Mine")
