@@ -92,6 +92,27 @@ check_file(const std::string &path, GError **error)
   return true;
 }
 
+bool
+cut_into_lines(std::string_view content, const std::string &path, Recording *recording, GError **error)
+{
+  LineSplitter splitter;
+
+  splitter.push(content);
+  splitter.finish();
+  while (std::optional<SharedText> line = splitter.pop()) {
+    if (recording->lines.size() == Recording::MAX_LINES) {
+      return refuse(error, "'%s' has more than %" G_GSIZE_FORMAT " lines", path.c_str(),
+                    Recording::MAX_LINES);
+    }
+    recording->lines.push_back({*line, recording_find_stamp(shared_text_view(*line))});
+  }
+  if (splitter.dropped() > 0) {
+    return refuse(error, "'%s' has a line longer than %" G_GSIZE_FORMAT " bytes", path.c_str(),
+                  Message::MAX_TEXT_BYTES);
+  }
+  return !recording->lines.empty() || refuse(error, "'%s' has no line", path.c_str());
+}
+
 } /* namespace */
 
 /**
@@ -129,8 +150,8 @@ recording_find_stamp(std::string_view line)
 /**
  * recording_load:
  * @path: a file
- * @error: set if there is no such file, it has no line, or it is longer than %Recording::MAX_BYTES or has a
- * line longer than %Message::MAX_TEXT_BYTES
+ * @error: set if there is no such file, it has no line or more than %Recording::MAX_LINES, or it is longer
+ * than %Recording::MAX_BYTES or has a line longer than %Message::MAX_TEXT_BYTES
  *
  * Reads a file of lines. What is in them is nobody's concern here.
  *
@@ -143,7 +164,6 @@ recording_load(const std::string &path, GError **error)
   gsize size = 0;
   g_autoptr(GError) found = nullptr;
   auto recording = std::make_shared<Recording>();
-  LineSplitter splitter;
 
   if (!check_file(path, error)) {
     return nullptr;
@@ -152,18 +172,7 @@ recording_load(const std::string &path, GError **error)
     refuse(error, "cannot read '%s': %s", path.c_str(), found->message);
     return nullptr;
   }
-  splitter.push({content, size});
-  splitter.finish();
-  while (std::optional<SharedText> line = splitter.pop()) {
-    recording->lines.push_back({*line, recording_find_stamp(shared_text_view(*line))});
-  }
-  if (splitter.dropped() > 0) {
-    refuse(error, "'%s' has a line longer than %" G_GSIZE_FORMAT " bytes", path.c_str(),
-           Message::MAX_TEXT_BYTES);
-    return nullptr;
-  }
-  if (recording->lines.empty()) {
-    refuse(error, "'%s' has no line", path.c_str());
+  if (!cut_into_lines({content, size}, path, recording.get(), error)) {
     return nullptr;
   }
   return recording;

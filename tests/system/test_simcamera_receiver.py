@@ -29,6 +29,7 @@ MAX_PRODUCERS = 64
 MAX_NAME_BYTES = 255
 MAX_LINE_BYTES = 16 * 1024 * 1024
 MAX_FILE_BYTES = 64 * 1024 * 1024
+MAX_FILE_LINES = 1000000
 
 # More than a pipe holds, so that its writer cannot be rid of it while nobody reads.
 LARGE_LINE = b'{"Filling":"' + b"x" * 1000000 + b'"}'
@@ -404,7 +405,8 @@ def test_longest_name_is_taken(start_camera, client, record):
     ([], "has no line"),
     ([b"", b"", b""], "has no line"),
     ([b"x" * (MAX_LINE_BYTES + 1)], f"has a line longer than {MAX_LINE_BYTES} bytes"),
-])
+    ([b"1"] * (MAX_FILE_LINES + 1), f"has more than {MAX_FILE_LINES} lines"),
+], ids=["empty", "empty lines", "long line", "many lines"])
 def test_files_that_are_no_recordings_are_refused(camera, client, record, lines, text):
     path = record(*lines)
 
