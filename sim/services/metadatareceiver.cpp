@@ -19,6 +19,9 @@ constexpr const char *PRODUCERS_PATH = "/com/quon/MetadataReceiver1/Producers";
 
 constexpr const char *STANDARD_INPUT = "-";
 
+/* Every object has these, and GDBus answers for them. */
+constexpr const char *STANDARD_INTERFACES = "org.freedesktop.DBus.";
+
 /* What is wrong for both methods. */
 constexpr std::array WRONG_REPLIES = {
     WrongReply{"wrong-type", "(1,)"},
@@ -216,18 +219,27 @@ MetadataReceiver::make_feed(const std::string &name, const std::string *file, GE
 void
 MetadataReceiver::announce(std::shared_ptr<Producer> producer, bool reads_input)
 {
+  std::shared_ptr<GDBusObjectSkeleton> object = make_object(producer, PRODUCER_INTERFACE);
   const std::string name = producer->name();
+
+  g_dbus_object_manager_server_export(manager_, object.get());
+  producers_[name] = {std::move(producer), std::move(object), reads_input};
+}
+
+/* The producer outlives its object's time on the bus. */
+std::shared_ptr<GDBusObjectSkeleton>
+MetadataReceiver::make_object(const std::shared_ptr<Producer> &producer, const std::string &interface_name)
+{
   const std::weak_ptr<Producer> weak = producer;
-  g_autoptr(GDBusObjectSkeleton) object = g_dbus_object_skeleton_new(path_of(name).c_str());
   g_autoptr(GDBusInterfaceSkeleton) interface = producer_interface_new(
-      [announced = producer.get()] { return announced->properties(); },
+      interface_name, [announced = producer.get()] { return announced->properties(); },
       [this, weak](const char *method, GVariant *arguments, GDBusMethodInvocation *invocation) {
         on_call(weak, method, arguments, invocation);
       });
+  GDBusObjectSkeleton *object = g_dbus_object_skeleton_new(path_of(producer->name()).c_str());
 
   g_dbus_object_skeleton_add_interface(object, interface);
-  g_dbus_object_manager_server_export(manager_, object);
-  producers_[name] = {std::move(producer), {g_steal_pointer(&object), g_object_unref}, reads_input};
+  return {object, g_object_unref};
 }
 
 /**
@@ -273,6 +285,32 @@ MetadataReceiver::set_property(const std::string &name, const std::string &prope
   }
   g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
   g_dbus_object_manager_server_export(manager_, producers_[name].object.get());
+  return true;
+}
+
+/**
+ * MetadataReceiver::set_interface:
+ * @name: a producer's name
+ * @interface: what the producer's interface is called from now on
+ * @error: set if there is no such producer, or @interface is no name for it
+ *
+ * Takes the producer from the bus and announces it with that interface only. Its streams go on.
+ *
+ * Returns: whether it is done
+ */
+bool
+MetadataReceiver::set_interface(const std::string &name, const std::string &interface, GError **error)
+{
+  if (find_producer(name, error) == nullptr) {
+    return false;
+  }
+  if (!g_dbus_is_interface_name(interface.c_str()) || interface.starts_with(STANDARD_INTERFACES)) {
+    return refuse(error, "not a name for a producer's interface: '%s'", interface.c_str());
+  }
+  Announced &announced = producers_[name];
+  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
+  announced.object = make_object(announced.producer, interface);
+  g_dbus_object_manager_server_export(manager_, announced.object.get());
   return true;
 }
 

@@ -25,6 +25,7 @@ public:
   bool remove_producer(const std::string &name, GError **error);
   bool set_property(const std::string &name, const std::string &property, const std::string &value,
                     GError **error);
+  bool set_interface(const std::string &name, const std::string &interface, GError **error);
 
   Pace pace;
 
@@ -41,6 +42,8 @@ private:
 
   std::unique_ptr<Feed> make_feed(const std::string &name, const std::string *file, GError **error);
   void announce(std::shared_ptr<Producer> producer, bool reads_input);
+  std::shared_ptr<GDBusObjectSkeleton> make_object(const std::shared_ptr<Producer> &producer,
+                                                   const std::string &interface_name);
   void on_call(const std::weak_ptr<Producer> &called, const char *method, GVariant *arguments,
                GDBusMethodInvocation *invocation);
 

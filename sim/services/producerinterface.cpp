@@ -2,12 +2,15 @@
 
 #include "bus.h"
 
+#include <memory>
+
 namespace
 {
 
+/* A format: the interface's name. */
 constexpr const char *XML = R"(
 <node>
-  <interface name="com.quon.MetadataReceiver1.Producer">
+  <interface name="%s">
     <method name="GetSampleFrame">
       <arg name="frame" type="s" direction="out"/>
     </method>
@@ -22,6 +25,7 @@ constexpr const char *XML = R"(
 </node>)";
 
 struct State {
+  std::shared_ptr<GDBusNodeInfo> node;
   sim::ProducerProperties properties;
   sim::ProducerCall call;
 };
@@ -87,9 +91,7 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
 GDBusInterfaceInfo *
 get_info(GDBusInterfaceSkeleton *skeleton)
 {
-  static GDBusNodeInfo *const node = g_dbus_node_info_new_for_xml(XML, nullptr);
-
-  return node->interfaces[0];
+  return state_of(skeleton)->node->interfaces[0];
 }
 
 GDBusInterfaceVTable *
@@ -145,17 +147,21 @@ namespace sim
 
 /**
  * producer_interface_new:
+ * @name: its name, which is fit for an interface
  * @properties: tells what the properties are at the moment
  * @call: answers the methods
  *
  * Returns: (transfer full): the interface, to be put on an object
  */
 GDBusInterfaceSkeleton *
-producer_interface_new(ProducerProperties properties, ProducerCall call)
+producer_interface_new(const std::string &name, ProducerProperties properties, ProducerCall call)
 {
   auto *self = static_cast<ProducerInterface *>(g_object_new(producer_interface_get_type(), nullptr));
+  g_autofree gchar *xml = g_strdup_printf(XML, name.c_str());
 
-  *self->state = {std::move(properties), std::move(call)};
+  *self->state = {{g_dbus_node_info_new_for_xml(xml, nullptr), g_dbus_node_info_unref},
+                  std::move(properties),
+                  std::move(call)};
   return G_DBUS_INTERFACE_SKELETON(self);
 }
 

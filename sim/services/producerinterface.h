@@ -2,13 +2,16 @@
 
 #include <functional>
 #include <gio/gio.h>
+#include <string>
 
 namespace sim
 {
 
-/* The interface com.quon.MetadataReceiver1.Producer on an object. It is written by hand because it tells
- * whatever properties it is given, those of a wrong type among them, where a generated one would have them
- * right. */
+/* The interface com.quon.MetadataReceiver1.Producer on an object, or the same under another name. It is
+ * written by hand because it tells whatever properties it is given, those of a wrong type among them, where a
+ * generated one would have them right. */
+
+constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
 
 /* Returns: (transfer floating): the properties, a{sv} */
 using ProducerProperties = std::function<GVariant *()>;
@@ -17,6 +20,7 @@ using ProducerProperties = std::function<GVariant *()>;
 using ProducerCall =
     std::function<void(const char *method, GVariant *arguments, GDBusMethodInvocation *invocation)>;
 
-GDBusInterfaceSkeleton *producer_interface_new(ProducerProperties properties, ProducerCall call);
+GDBusInterfaceSkeleton *producer_interface_new(const std::string &name, ProducerProperties properties,
+                                               ProducerCall call);
 
 } /* namespace sim */

@@ -130,6 +130,12 @@ run_property(Platform *platform, const Words &arguments, Answer *answer, GError 
 }
 
 bool
+run_interface(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+{
+  return platform->receiver->set_interface(arguments[0], arguments[1], error);
+}
+
+bool
 run_sample_frame(Platform *platform, const Words &arguments, Answer *answer, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
@@ -280,6 +286,8 @@ constexpr std::array VERBS = {
          run_remove_producer},
     Verb{"property", 3, 3, "property NAME PROPERTY VALUE",
          "the producer is announced anew with this; none: without it", run_property},
+    Verb{"interface", 2, 2, "interface NAME INTERFACE",
+         "the producer is announced anew with this interface only", run_interface},
     Verb{"sample-frame", 2, 2, "sample-frame NAME TEXT", "this is the producer's sample frame",
          run_sample_frame},
     Verb{"misbehave-producer", 3, 4, "misbehave-producer NAME METHOD HOW [ARGUMENT]",

@@ -139,7 +139,8 @@ class Watcher:
     @staticmethod
     def _see(seen):
         """The object's own name, and what it says that it is."""
-        name = seen.get_interface(PRODUCER).get_cached_property("Name")
+        interface = seen.get_interface(PRODUCER)
+        name = interface.get_cached_property("Name") if interface else None
         return seen.get_object_path().removeprefix(f"{ROOT}/"), name.print_(True) if name else None
 
     def wait(self, count):

@@ -115,6 +115,9 @@ class SimulatedCamera:
     def property(self, name, prop, value):
         self.tell("property", name, prop, value)
 
+    def interface(self, name, interface):
+        self.tell("interface", name, interface)
+
     def sample_frame(self, name, text):
         self.tell("sample-frame", name, text)
 

@@ -520,8 +520,6 @@ def test_too_long_lines_of_the_input_are_left_out(installation, bus, client, wor
     assert camera.end() == (0, "", f"simcamera: left out a line longer than {MAX_LINE_BYTES} bytes\n")
 
 
-def test_one_producer_at_most_reads_the_input(camera, client):
-    camera.add_producer("Mine", "-")
 def test_closed_input_is_an_empty_one(start_camera, client):
     """What has the place of standard input then must not be read."""
     start_camera("--producer", "Mine=-", "--once", stdin=None)
@@ -529,6 +527,8 @@ def test_closed_input_is_an_empty_one(start_camera, client):
     client.open("Mine").expect_end()
 
 
+def test_one_producer_at_most_reads_the_input(camera, client):
+    camera.add_producer("Mine", "-")
     assert refused(camera, "add-producer", "Other", "-") == "'Mine' reads the standard input already"
 
     camera.remove_producer("Mine")
@@ -737,6 +737,26 @@ def test_replaced_channels_are_those_that_get_streams(camera, client):
         client.ask_stream(PERSONS, 1)
 
 
+def test_interface_is_replaced_and_announced_anew(camera, client, watch):
+    stream = client.open(PERSONS)
+    told = client.properties(PERSONS)
+    watcher = watch()
+    camera.interface(PERSONS, "some.Other1")
+
+    assert set(client.producers()[path_of(PERSONS)]) == {"some.Other1"}
+    assert client.get(NAME, path_of(PERSONS), "some.Other1", "Name").unpack() == (PERSONS,)
+    with pytest.raises(GLib.Error) as failed:
+        client.sample_frame(PERSONS)
+    assert remote_error(failed)[0] == "UnknownMethod"
+    stream.item()
+
+    camera.interface(PERSONS, PRODUCER)
+    assert client.properties(PERSONS) == told
+    assert watcher.wait(4) == [("removed", PERSONS, f"'{PERSONS}'"), ("added", PERSONS, None),
+                               ("removed", PERSONS, None), ("added", PERSONS, f"'{PERSONS}'")]
+    client.open(PERSONS).item()
+
+
 def test_very_long_name_can_be_announced(camera, client):
     """Longer than a command line may be, so that it comes over the bus."""
     value = "'" + "x" * 1000000 + "'"
@@ -892,7 +912,7 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
 @pytest.mark.parametrize("words, text", [
     *[([verb, "Nobody", *rest], f"unknown producer 'Nobody'; there are: {PERSONS}, {VEHICLES}")
-      for verb, *rest in (["remove-producer"], ["property", "Name", "none"], ["sample-frame", "x"],
+      for verb, *rest in (["remove-producer"], ["property", "Name", "none"], ["interface", PRODUCER], ["sample-frame", "x"],
                           ["misbehave-producer", "GetStreamFd", "never"], ["behave-producer"], ["streams"],
                           ["hang-up"], ["descriptors", "pipe"], ["pieces", "0", "0"])],
     (["add-producer", PERSONS], f"there is a producer '{PERSONS}' already"),
@@ -902,6 +922,8 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
     (["property", PERSONS, "Name", "just 1"], "the bus carries no such value: 'just 1'"),
     (["property", PERSONS, "Name", "<just 1>"], "the bus carries no such value: '<just 1>'"),
     (["property", PERSONS, "Name", "()"], "the bus carries no such value: '()'"),
+    (["interface", PERSONS, "none"], "not a name for a producer's interface: 'none'"),
+    (["interface", PERSONS, PROPERTIES], f"not a name for a producer's interface: '{PROPERTIES}'"),
     (["misbehave-producer", PERSONS, "Get", "never"], "unknown method 'Get'; there are: GetSampleFrame, GetStreamFd"),
     (["misbehave-producer", PERSONS, "GetStreamFd", "badly"],
      f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, no-descriptor, wrong-index, empty"),
