@@ -32,30 +32,12 @@ constexpr std::array<Turn, 4> TURNS = {{
     {270, {0, 1}, {-1, 0}},
 }};
 
-struct TypeName {
-  ObjectType type;
-  const char *name;
-};
-
-constexpr std::array<TypeName, 2> TYPE_NAMES = {{
-    {ObjectType::HUMAN, "Human"},
-    {ObjectType::VEHICLE, "Vehicle"},
-}};
-
 const Turn *
 find_turn(guint rotation)
 {
   auto found = std::find_if(TURNS.begin(), TURNS.end(),
                             [rotation](const Turn &turn) { return turn.rotation == rotation; });
   return found != TURNS.end() ? &*found : nullptr;
-}
-
-const char *
-name_of(ObjectType type)
-{
-  return std::find_if(TYPE_NAMES.begin(), TYPE_NAMES.end(),
-                      [type](const TypeName &named) { return named.type == type; })
-      ->name;
 }
 
 Point
@@ -130,7 +112,7 @@ write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneVi
   if (object.box.has_value()) {
     write_shape(writer, object, view, turn);
   }
-  frame_write_class(writer, name_of(object.type), object.likelihood);
+  frame_write_class(writer, scene_type_name(object.type), object.likelihood);
   if (object.radar.has_value()) {
     write_radar(writer, object, view);
     if (view.geolocation) {

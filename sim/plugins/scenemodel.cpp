@@ -40,18 +40,24 @@ constexpr double LARGEST_MEASURE = 100000;
 
 constexpr gsize POINTS_MIN = 3;
 
-/* What an object of a type looks like; the outline is in units of the object's width and height. */
+/* What an object of a type is called and looks like; the outline is in units of the object's width and
+ * height. */
 struct Look {
   ObjectType type;
+  const char *name;
   double likelihood;
   std::array<Point, 6> outline;
 };
 
 constexpr std::array<Look, 2> LOOKS = {{
     {ObjectType::HUMAN,
+     "Human",
      0.96,
      {{{-0.2, 0.5}, {0.2, 0.5}, {0.5, 0.1}, {0.3, -0.5}, {-0.3, -0.5}, {-0.5, 0.1}}}},
-    {ObjectType::VEHICLE, 0.92, {{{-0.3, 0.5}, {0.3, 0.5}, {0.5, 0}, {0.5, -0.5}, {-0.5, -0.5}, {-0.5, 0}}}},
+    {ObjectType::VEHICLE,
+     "Vehicle",
+     0.92,
+     {{{-0.3, 0.5}, {0.3, 0.5}, {0.5, 0}, {0.5, -0.5}, {-0.5, -0.5}, {-0.5, 0}}}},
 }};
 
 const Look &
@@ -298,6 +304,18 @@ read_variant(GstBuffer *buffer)
 }
 
 } /* namespace */
+
+/**
+ * scene_type_name:
+ * @type: what an object is
+ *
+ * Returns: what ONVIF calls it
+ */
+const char *
+scene_type_name(ObjectType type)
+{
+  return look_of(type).name;
+}
 
 /**
  * scene_objects:

@@ -49,6 +49,7 @@ constexpr gsize SCENE_OBJECTS_MAX = 64;
 constexpr gsize SCENE_POINTS_MAX = 32;
 constexpr gsize SCENE_BYTES_MAX = 65536;
 
+const char *scene_type_name(ObjectType type);
 std::vector<SceneObject> scene_objects(const std::vector<Object> &objects, const SceneDetails &details);
 GstBuffer *scene_to_buffer(const Scene &scene);
 std::optional<Scene> scene_from_buffer(GstBuffer *buffer);

@@ -24,24 +24,6 @@ constexpr std::array<Object, 2> EXAMPLE_OBJECTS = {{
     {.id = 2, .type = ObjectType::VEHICLE, .centre = {0.4, 0}, .width = 0.44, .height = 0.28},
 }};
 
-struct TypeName {
-  ObjectType type;
-  const char *name;
-};
-
-constexpr std::array<TypeName, 2> TYPE_NAMES = {{
-    {ObjectType::HUMAN, "Human"},
-    {ObjectType::VEHICLE, "Vehicle"},
-}};
-
-const char *
-name_of(ObjectType type)
-{
-  return std::find_if(TYPE_NAMES.begin(), TYPE_NAMES.end(),
-                      [type](const TypeName &entry) { return entry.type == type; })
-      ->name;
-}
-
 /* As few digits as the number needs, four decimals at most, whatever the locale. */
 std::string
 number_text(double value)
@@ -90,7 +72,7 @@ object_text(const SceneObject &object)
   if (!object.polygon.empty()) {
     text += R"(,"Polygon":)" + list_text(object.polygon, point_text);
   }
-  return text + R"(,"Type":")" + name_of(object.type) + R"(","Likelihood":)" +
+  return text + R"(,"Type":")" + scene_type_name(object.type) + R"(","Likelihood":)" +
          number_text(object.likelihood) + "}";
 }
 
