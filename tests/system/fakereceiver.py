@@ -208,7 +208,8 @@ class FakeReceiver(StandIn):
         is_new = producer.path not in self.answering
         self.answering[producer.path] = producer
         if is_new:
-            self.client.connection.register_object(producer.path, PRODUCER_NODE.interfaces[0], self._on_call, None, None)
+            self.client.connection.register_object(producer.path, PRODUCER_NODE.interfaces[0], self._on_call, None,
+                                                   None)
 
     def _on_call(self, connection, sender, path, interface, method, arguments, invocation):
         self.answering[path].on_call(method, Call(connection, invocation, arguments.unpack()))

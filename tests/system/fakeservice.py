@@ -1,5 +1,5 @@
-"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them; and what any
-stand-in has to do."""
+"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them; and what
+any stand-in has to do."""
 
 import contextlib
 import threading

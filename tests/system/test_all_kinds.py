@@ -1,5 +1,5 @@
-"""Every kind of metadata in one stream: events, the PTZ head's state, both kinds of scenes and what an external producer
-detects, all of one world."""
+"""Every kind of metadata in one stream: events, the PTZ head's state, both kinds of scenes and what an external
+producer detects, all of one world."""
 
 import concurrent.futures
 import datetime
@@ -21,7 +21,7 @@ from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 # The simulated camera's external producer of persons.
 PERSONS_PRODUCER = "PersonDetector"
 
-# Under which names the trackers and the external producer are enabled, so that each kind is known by the frames' source.
+# Under which names the trackers and the external producer are enabled, so that each is known by the frames' source.
 VIDEO, RADAR, PERSONS = "the video's", "the radar's", "the persons'"
 
 EVERY_KIND = {EVENTS, PTZ, VIDEO, RADAR, PERSONS}

@@ -1,5 +1,5 @@
-"""Requests for what external producers tell: who is asked for it, under which name it comes, and what there is when nobody
-tells anything."""
+"""Requests for what external producers tell: who is asked for it, under which name it comes, and what there is when
+nobody tells anything."""
 
 import datetime
 import itertools

@@ -1,4 +1,5 @@
-"""External producers with much to say to several clients, and clients that leave while their streams are still to come."""
+"""External producers with much to say to several clients, and clients that leave while their streams are still to
+come."""
 
 import concurrent.futures
 import itertools

@@ -1,5 +1,5 @@
-"""Which external producers there are: what the metadata receiver announces, how wrongly it may, and what becomes of them when
-it goes."""
+"""Which external producers there are: what the metadata receiver announces, how wrongly it may, and what becomes of
+them when it goes."""
 
 import signal
 import time

@@ -1,5 +1,5 @@
-"""A metadata receiver that says nothing when the daemon starts. The daemon waits for it as long as for anything on the bus,
-which is why this is on its own."""
+"""A metadata receiver that says nothing when the daemon starts. The daemon waits for it as long as for anything on the
+bus, which is why this is on its own."""
 
 import time
 

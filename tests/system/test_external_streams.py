@@ -1,4 +1,5 @@
-"""The streams of external producers: how they are asked for, how messages may come, and that a bad one harms nobody else."""
+"""The streams of external producers: how they are asked for, how messages may come, and that a bad one harms nobody
+else."""
 
 import itertools
 import json
@@ -428,8 +429,8 @@ def test_malformed_message_is_left_out(detector, counter, daemon, payload):
     assert daemon.log.take() == []
 
 
-@pytest.mark.parametrize("text", ["<a href='x'>&amp;</a>", "</tt:Type></tt:Class>", "]]>", "<!-- --", "&#0;&lol;", "%s%n",
-                                  "\u202e\ufffe", "\U0001f4f7"], ids=repr)
+@pytest.mark.parametrize("text", ["<a href='x'>&amp;</a>", "</tt:Type></tt:Class>", "]]>", "<!-- --", "&#0;&lol;",
+                                  "%s%n", "\u202e\ufffe", "\U0001f4f7"], ids=repr)
 def test_markup_comes_as_the_text_that_it_is(detector, daemon, text):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
