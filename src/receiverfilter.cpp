@@ -7,7 +7,7 @@
 #include "receiverfilter.h"
 
 #include <array>
-#include <atomic>
+#include <set>
 #include <syslog.h>
 
 namespace
@@ -28,9 +28,11 @@ constexpr std::array SIGNALS = {
     Signal{"org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as"},
 };
 
+/* A service that gives its name up and takes it again is asked once more, and may answer both questions. The
+ * bus limits how many wait for an answer. */
 struct Filter {
   gchar *root_path;
-  std::atomic<guint32> objects_serial; /* that of the last question for all objects */
+  std::set<guint32> objects_serials; /* of the questions for all objects that wait */
 };
 
 void
@@ -56,11 +58,12 @@ is_objects_call(const Filter *filter, GDBusMessage *message)
          g_strcmp0(g_dbus_message_get_member(message), "GetManagedObjects") == 0;
 }
 
+/* The first answer to a question is the only one that anybody gets. */
 gboolean
-is_wrong_objects_reply(const Filter *filter, GDBusMessage *message)
+is_wrong_objects_reply(Filter *filter, GDBusMessage *message)
 {
-  return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_RETURN &&
-         g_dbus_message_get_reply_serial(message) == filter->objects_serial &&
+  return filter->objects_serials.erase(g_dbus_message_get_reply_serial(message)) > 0 &&
+         g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_RETURN &&
          !has_signature(message, OBJECTS_SIGNATURE);
 }
 
@@ -104,7 +107,7 @@ on_message(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer
 
   if (!incoming) {
     if (is_objects_call(filter, message)) {
-      filter->objects_serial = g_dbus_message_get_serial(message);
+      filter->objects_serials.insert(g_dbus_message_get_serial(message));
     }
     return message;
   }
@@ -136,7 +139,7 @@ on_message(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer
 guint
 receiver_filter_add(GDBusConnection *connection, const gchar *root_path)
 {
-  auto *filter = new Filter{g_strdup(root_path), 0};
+  auto *filter = new Filter{g_strdup(root_path), {}};
 
   return g_dbus_connection_add_filter(connection, on_message, filter, free_filter);
 }

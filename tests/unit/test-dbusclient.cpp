@@ -1240,6 +1240,23 @@ TEST_P(OddManagerTest, IsIgnoredWhenItComesBack)
   EXPECT_EQ(listed(), Texts());
 }
 
+TEST_P(OddManagerTest, IsIgnoredWhenItIsLateAndThereIsANewerQuestion)
+{
+  start();
+  receiver_->set_managed_objects(receiver_->hold());
+  receiver_->come_back_at_once();
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  receiver_->come_back_at_once();
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 2; }));
+
+  receiver_->release_held(testbus::reply(GetParam()));
+  ASSERT_TRUE(spin_until([] { return testhost::glib_messages_size() == 2; }));
+  for (const std::string &message : testhost::take_glib_messages()) {
+    EXPECT_TRUE(message.ends_with("The reply has the wrong type")) << message;
+  }
+  EXPECT_EQ(listed(), Texts());
+}
+
 INSTANTIATE_TEST_SUITE_P(Bodies, OddManagerTest,
                          testing::Values("()", "(1,)", "('x',)", "([('x', 1)],)", "(objectpath '/x',)",
                                          "(@a{oa{sa{sv}}} {}, 1)"));

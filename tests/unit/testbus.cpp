@@ -277,6 +277,13 @@ Service::send(GDBusMessage *message)
   EXPECT_TRUE(error == nullptr || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) << error->message;
 }
 
+void
+Service::take_name_again(const char *name)
+{
+  g_variant_unref(ask_bus(connection_, "ReleaseName", g_variant_new("(s)", name)));
+  own_name(connection_, name);
+}
+
 std::vector<std::string>
 Service::take_calls()
 {

@@ -63,6 +63,9 @@ public:
   /* Sends a reply or a signal of the service's. The bus may be gone by then. */
   void send(GDBusMessage *message);
 
+  /* Gives the name up and takes it again, without leaving the bus. */
+  void take_name_again(const char *name);
+
   /* The calls since the last call of this, in order, each as "object interface.method arguments". */
   std::vector<std::string> take_calls();
   gsize calls_size();

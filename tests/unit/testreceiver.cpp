@@ -154,6 +154,12 @@ Receiver::come_back()
   service_.emplace(NAME, [this](GDBusMessage *call) { return answer(call); });
 }
 
+void
+Receiver::come_back_at_once()
+{
+  service_->take_name_again(NAME);
+}
+
 Answer
 Receiver::hold()
 {

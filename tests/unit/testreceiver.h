@@ -59,6 +59,9 @@ public:
   void leave();
   void come_back();
 
+  /* The same without leaving the bus: calls that wait can still be answered. */
+  void come_back_at_once();
+
   /* An answer that waits for a release. */
   testbus::Answer hold();
 
