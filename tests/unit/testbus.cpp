@@ -326,10 +326,13 @@ Service::run(const char *name)
   }
 
   g_main_loop_run(loop_);
-  /* Connection and context keep each other as long as the word of the end is on its way. */
+  /* Connection and context keep each other as long as the word of the end, or a call before it, is on its
+   * way. */
   g_dbus_connection_close_sync(connection, nullptr, nullptr);
   while (!closed) {
     g_main_context_iteration(context_, TRUE);
+  }
+  while (g_main_context_iteration(context_, FALSE)) {
   }
   g_dbus_connection_remove_filter(connection, filter_id);
   g_main_context_pop_thread_default(context_);
