@@ -341,7 +341,19 @@ TEST_P(OddSampleFrameTest, IsNone)
 }
 
 INSTANTIATE_TEST_SUITE_P(Replies, OddSampleFrameTest,
-                         testing::Values("()", "(1,)", "('{}', 'more')", "(['{}'],)", "('',)"));
+                         testing::Values("()", "(1,)", "('{}', 'more')", "(['{}'],)"));
+
+TEST_F(DbusClientTest, GivesAnEmptySampleFrameToTheConverter)
+{
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::reply("('',)")));
+  expect_listed({"Faces"});
+  g_autoptr(AnalyticsProducer) producer = analytics_producer_list_get_producer(producers_, "Faces");
+  g_autofree gchar *xml = nullptr;
+  g_object_get(producer, "sample-frame-xml", &xml, nullptr);
+  EXPECT_STREQ(xml, R"(<tt:SampleFrame>{"Source":"Faces","Data":{"Item":[]}}</tt:SampleFrame>)");
+}
 
 TEST_F(DbusClientTest, BoundsTheSampleFrame)
 {
