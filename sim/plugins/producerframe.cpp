@@ -27,6 +27,10 @@ constexpr guint DATA_MEMBERS = 1;  /* "Item" */
 constexpr guint POINTS_MIN = 3;
 constexpr guint COORDINATES = 2;
 
+/* A date and a time of the day, with the highest digits. */
+constexpr std::string_view TIME_SHAPE = "9999-19-39T29:59:59";
+constexpr gsize TIME_FRACTION_DIGITS = 9;
+
 /* Beyond every whole number of 64 bits, and a number that a double can hold. */
 constexpr double INTEGERS_END = 9223372036854775808.0;
 
@@ -278,16 +282,25 @@ read_deleted(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
   }
 }
 
+/* Whether no more digits follow the seconds and a dot or comma than GLib has room for. A zone is shorter. */
+bool
+has_fit_fraction(std::string_view rest)
+{
+  return std::min(rest.find_first_not_of("0123456789", 1), rest.size()) <= 1 + TIME_FRACTION_DIGITS;
+}
+
 /* Whether it is a date and a time of the day, with dashes and colons, and no leap second; GLib takes weeks
  * and more. */
 bool
-has_shape_of_time(const std::string &text)
+has_shape_of_time(std::string_view text)
 {
-  constexpr std::string_view SHAPE = "9999-19-39T29:59:59"; /* with the highest digits */
-  return text.size() > SHAPE.size() &&
-         std::equal(SHAPE.begin(), SHAPE.end(), text.begin(), [](char shape, char character) {
-           return g_ascii_isdigit(shape) ? character >= '0' && character <= shape : character == shape;
-         });
+  return text.size() > TIME_SHAPE.size() &&
+         std::equal(TIME_SHAPE.begin(), TIME_SHAPE.end(), text.begin(),
+                    [](char shape, char character) {
+                      return g_ascii_isdigit(shape) ? character >= '0' && character <= shape
+                                                    : character == shape;
+                    }) &&
+         has_fit_fraction(text.substr(TIME_SHAPE.size()));
 }
 
 std::optional<gint64>

@@ -319,6 +319,7 @@ TEST_F(ProducerFrames, TimesAreIso8601WithAZone)
   for (const Time &time : {Time{"1970-01-01T00:00:00Z", 0}, Time{"1970-01-01T00:00:01.5Z", SECOND * 3 / 2},
                            Time{"1970-01-01T02:00:00+02:00", 0}, Time{"1970-01-01T02:00:00+02", 0},
                            Time{"1969-12-31T23:30:00-0030", 0}, Time{"1970-01-01T00:00:00,5Z", SECOND / 2},
+                           Time{"1970-01-01T00:00:00.123456789Z", 123456},
                            Time{"2099-12-31T23:59:59Z", G_GINT64_CONSTANT(4102444799) * SECOND}}) {
     ProducerFrame frame = read_whole(frame_of(std::string(R"({"UtcTime":")") + time.text + "\"}"));
     EXPECT_EQ(frame.items[0].utc, time.utc) << time.text;
@@ -350,6 +351,7 @@ TEST_F(ProducerFrames, TimesAreIso8601WithAZone)
                            "\"2024-01-01T00:00:00Zz\"",
                            "\" 2024-01-01T00:00:00Z\"",
                            "\"2024-01-01T00:00:00+99:99\"",
+                           "\"2024-01-01T00:00:00.1234567890Z\"",
                            "\"2024-01-01T00:00:00.Z\""}) {
     ProducerFrame frame =
         read_flawed(frame_of(std::string(R"({"UtcTime":)") + time + R"(,"Objects":[{"Id":1}]})"), BAD_TIME);
