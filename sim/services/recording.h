@@ -12,7 +12,7 @@ namespace sim
 /* What a producer said some time: lines of JSON, an item each. */
 struct Recording {
   static constexpr gsize MAX_BYTES = 64 * 1024 * 1024;
-  static constexpr gsize MAX_LINES = 1000000;
+  static constexpr gsize MAX_LINES = 100000;
 
   /* Where a line tells its time. */
   struct Stamp {

@@ -29,7 +29,7 @@ MAX_PRODUCERS = 64
 MAX_NAME_BYTES = 255
 MAX_LINE_BYTES = 16 * 1024 * 1024
 MAX_FILE_BYTES = 64 * 1024 * 1024
-MAX_FILE_LINES = 1000000
+MAX_FILE_LINES = 100000
 
 # More than a pipe holds, so that its writer cannot be rid of it while nobody reads.
 LARGE_LINE = b'{"Filling":"' + b"x" * 1000000 + b'"}'
