@@ -32,9 +32,8 @@ RECEIVER_OBJECT = (BUS_NAMES[RECEIVER], "/com/quon/MetadataReceiver1/Producers/V
 RECEIVER_METHOD = ("com.quon.MetadataReceiver1.Producer", "GetSampleFrame")
 
 SAMPLE_FRAME = (
-    '{"UtcTime":"2024-01-01T00:00:00.000000Z","Objects":[{"Id":2,"BoundingBox":{"Left":0.18000000000000002,'
-    '"Top":0.14000000000000001,"Right":0.62,"Bottom":-0.14000000000000001},"Type":"Vehicle",'
-    '"Likelihood":0.92000000000000004}],"Deleted":[]}')
+    '{"UtcTime":"2024-01-01T00:00:00.000000Z","Objects":[{"Id":2,"BoundingBox":{"Left":0.18,"Top":0.14,"Right":0.62,'
+    '"Bottom":-0.14},"Type":"Vehicle","Likelihood":0.92}],"Deleted":[]}')
 
 RIGHT_ANSWERS = {
     PTZ: "(<7>,)",
@@ -53,7 +52,7 @@ MAX_CHANNELS = 16
 USAGE, FAILURE = 2, 1
 
 VERBS = ("absent, present, misbehave, behave, calls, channels, rotation, move-capabilities, add-producer, "
-         "remove-producer, property, sample-frame, misbehave-producer, behave-producer, streams, hang-up, "
+         "remove-producer, property, interface, sample-frame, misbehave-producer, behave-producer, streams, hang-up, "
          "descriptors, pieces, rate, once")
 
 KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"

@@ -912,9 +912,9 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
 @pytest.mark.parametrize("words, text", [
     *[([verb, "Nobody", *rest], f"unknown producer 'Nobody'; there are: {PERSONS}, {VEHICLES}")
-      for verb, *rest in (["remove-producer"], ["property", "Name", "none"], ["interface", PRODUCER], ["sample-frame", "x"],
-                          ["misbehave-producer", "GetStreamFd", "never"], ["behave-producer"], ["streams"],
-                          ["hang-up"], ["descriptors", "pipe"], ["pieces", "0", "0"])],
+      for verb, *rest in (["remove-producer"], ["property", "Name", "none"], ["interface", PRODUCER],
+                          ["sample-frame", "x"], ["misbehave-producer", "GetStreamFd", "never"], ["behave-producer"],
+                          ["streams"], ["hang-up"], ["descriptors", "pipe"], ["pieces", "0", "0"])],
     (["add-producer", PERSONS], f"there is a producer '{PERSONS}' already"),
     (["add-producer", "a b"], f"a producer's name must be 1 to {MAX_NAME_BYTES} letters, digits and underscores, not "
                               "'a b'"),
