@@ -80,14 +80,17 @@ def test_more_than_one_socket_of_the_path_is_refused(launch, run_dir, count):
 
     assert daemon.wait() == 1
     lines = daemon.log.take()
-    # The first is closed once for each of them, which works only once.
     begun = len(START_LINES_UP_TO_SERVER)
     assert lines[:begun] == START_LINES_UP_TO_SERVER
     (priority, text), *rest = lines[begun:]
     assert priority == ERROR
     assert re.fullmatch(f"More than one file descriptor received for '{path}': .+", text)
-    assert rest == ([(ERROR, "Could not close metadata server socket: Bad file descriptor")] * (count - 1)
-                         + [(ERROR, "Could not start server.")])
+    # The first is closed once for each of them, which works only once, unless the thread of the bus connection opens
+    # something in between, which then has its number.
+    *failed_closes, last = rest
+    assert last == (ERROR, "Could not start server.")
+    assert len(failed_closes) < count
+    assert set(failed_closes) <= {(ERROR, "Could not close metadata server socket: Bad file descriptor")}
 
 
 def test_sockets_for_another_process_are_not_used(start_daemon, run_dir):
