@@ -178,10 +178,14 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
     return nullptr;
   }
   g_autoptr(GstElement) bin = make_bin(source, analytics != WITH_POLYGONS, error);
-  if (bin == nullptr || connect_producers(self->producers, source, channel) == 0) {
+  if (bin == nullptr) {
     return nullptr;
   }
+  /* Before anybody is asked: a producer may be quicker than this thread, and this frame is the first. */
   push_stream_start(source);
+  if (connect_producers(self->producers, source, channel) == 0) {
+    return nullptr;
+  }
   return g_steal_pointer(&bin);
 }
 

@@ -47,6 +47,7 @@ public:
   {
     std::lock_guard guard(lock_);
 
+    frames_ = gst_app_src_get_current_level_buffers(GST_APP_SRC(question.user_data));
     question.text = std::string(producer) + " as " + question.source_name + " on " + std::to_string(channel);
     questions_.push_back(std::move(question));
     return answers_;
@@ -63,6 +64,14 @@ public:
     return questions;
   }
 
+  /* How many frames the source had at the last question. */
+  guint64 frames()
+  {
+    std::lock_guard guard(lock_);
+
+    return frames_;
+  }
+
   /* With FALSE, no question is ever answered. */
   void set_answers(gboolean answers)
   {
@@ -75,6 +84,7 @@ private:
   std::mutex lock_;
   std::vector<Question> questions_;
   gboolean answers_ = TRUE;
+  guint64 frames_ = 0;
 };
 
 Receiver *receiver;
@@ -402,6 +412,14 @@ TEST_F(ExternalSourceFactoryTest, StartsTheStreamWithAFrameOfTheMonotonicAndTheU
   ASSERT_NE(utc, nullptr) << frame;
   EXPECT_GE(g_date_time_difference(utc, before), 0);
   EXPECT_GE(g_date_time_difference(after, utc), 0);
+}
+
+TEST_F(ExternalSourceFactoryTest, HasTheFirstFrameBeforeAnyProducerIsAsked)
+{
+  const Answer answer = ask({{"analytics", "1"}, {"video_channel", "3"}});
+  release(receiver_.take());
+
+  EXPECT_EQ(receiver_.frames(), 1U);
 }
 
 /* The streams. */
