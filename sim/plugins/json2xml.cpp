@@ -137,7 +137,7 @@ tessard_sim_json_to_xml_init(TessardSimJsonToXml *self)
 }
 
 static void
-tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
@@ -149,12 +149,12 @@ tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *va
     self->sample_frame = g_value_get_boolean(value);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
 }
 
 static void
-tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
   TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
@@ -166,7 +166,7 @@ tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, G
     g_value_set_boolean(value, self->sample_frame);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
 }
 
