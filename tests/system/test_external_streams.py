@@ -292,13 +292,15 @@ def test_descriptor_that_does_not_block_has_whole_messages(kind_of_stream, detec
 def test_stream_that_ends_in_a_message_drops_it(kind_of_stream, detector, counter, daemon):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
-        feed = detector.wait_for_stream()
+        feed, other = detector.wait_for_stream(), counter.wait_for_stream()
+        other.send(numbered(1))
+        expect_told(stream, (YARD, 1))
         feed.write(message(numbered(1)) + message(numbered(666))[:-1])
         expect_told(stream, (GATE, 1))
         with_both = daemon.descriptors()
         feed.close()
         wait_until(lambda: daemon.descriptors() == with_both - 1, "the stream is closed")
-        counter.wait_for_stream().send(numbered(2))
+        other.send(numbered(2))
         expect_told(stream, (YARD, 2))
 
     expect_idle(daemon)
@@ -347,6 +349,9 @@ def test_producer_that_hangs_up_goes_alone(kind_of_stream, detector, counter, da
         expect_told(stream, (GATE, 1))
         expect_told(others, (GATE, 1))
         counter.wait_for_stream(2)
+        for each, its_client in zip(counter.streams, (stream, others)):
+            each.send(numbered(2))
+            expect_told(its_client, (YARD, 2))
         with_all = daemon.descriptors()
         first.close()
         wait_until(lambda: daemon.descriptors() == with_all - 1, "the one stream is closed")
