@@ -30,6 +30,7 @@ from overdue import OverdueCalls, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from tool import Tool  # noqa: E402
+from waiting import wait_until_settled  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -153,7 +154,8 @@ def start_listing_daemon(receiver, tool, start_daemon):
     def start(**arguments):
         daemon = start_daemon(**{"plugins": EXTERNAL_PLUGINS, "producers": BOTH_ENABLED} | arguments)
         wait_until_listed(tool, *(producer.name for producer in receiver.producers))
-        daemon.idle_descriptors = daemon.descriptors()
+        # Of the conversions, threads of GStreamer's may still be letting go.
+        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
         return daemon
 
     return start
