@@ -37,6 +37,19 @@ constexpr gint DEFAULT_TIMEOUT = -1;
 
 constexpr const char *NAME_CHARACTERS = G_CSET_A_2_Z G_CSET_a_2_z G_CSET_DIGITS "_";
 
+/* A property that is a text, how long it may be, and what is said of one that cannot be used. */
+struct TextProperty {
+  const gchar *name;
+  gsize max_bytes;
+  const gchar *missing;
+  const gchar *too_long;
+};
+
+constexpr TextProperty NAME = {"Name", DBUS_CLIENT_MAX_NAME_BYTES, "it has no property Name of type s",
+                               "its name is too long"};
+constexpr TextProperty NICE_NAME = {"NiceName", DBUS_CLIENT_MAX_NICE_NAME_BYTES,
+                                    "it has no property NiceName of type s", "its nice name is too long"};
+
 /* An object that the receiver announces, or did. */
 struct Announced {
   GDBusObject *object;
@@ -191,40 +204,29 @@ get_property(GDBusProxy *proxy, const gchar *name, const gchar *type)
 
 /* This and the next two take a property over, unless it cannot be used: then they tell why. */
 const gchar *
-take_name(GDBusProxy *proxy, gchar **name)
+take_text(GDBusProxy *proxy, const TextProperty &property, gchar **text)
 {
-  g_autoptr(GVariant) value = get_property(proxy, "Name", "s");
-  gsize length = 0;
+  g_autoptr(GVariant) value = get_property(proxy, property.name, "s");
 
   if (value == nullptr) {
-    return "it has no property Name of type s";
+    return property.missing;
   }
-  const gchar *text = g_variant_get_string(value, &length);
-  if (length > DBUS_CLIENT_MAX_NAME_BYTES) {
-    return "its name is too long";
+  if (strlen(g_variant_get_string(value, nullptr)) > property.max_bytes) {
+    return property.too_long;
   }
-  if (!is_path_element(text)) {
-    return "its name cannot end an object's path";
-  }
-  *name = g_strdup(text);
+  *text = g_variant_dup_string(value, nullptr);
   return nullptr;
 }
 
 const gchar *
-take_nice_name(GDBusProxy *proxy, gchar **nice_name)
+take_name(GDBusProxy *proxy, gchar **name)
 {
-  g_autoptr(GVariant) value = get_property(proxy, "NiceName", "s");
-  gsize length = 0;
+  const gchar *problem = take_text(proxy, NAME, name);
 
-  if (value == nullptr) {
-    return "it has no property NiceName of type s";
+  if (problem == nullptr && !is_path_element(*name)) {
+    return "its name cannot end an object's path";
   }
-  const gchar *text = g_variant_get_string(value, &length);
-  if (length > DBUS_CLIENT_MAX_NICE_NAME_BYTES) {
-    return "its nice name is too long";
-  }
-  *nice_name = g_strdup(text);
-  return nullptr;
+  return problem;
 }
 
 const gchar *
@@ -267,7 +269,7 @@ take_properties(GDBusProxy *proxy, Candidate *candidate)
   const gchar *problem = take_name(proxy, &candidate->name);
 
   if (problem == nullptr) {
-    problem = take_nice_name(proxy, &candidate->nice_name);
+    problem = take_text(proxy, NICE_NAME, &candidate->nice_name);
   }
   if (problem == nullptr) {
     problem = take_channels(proxy, &candidate->channels);
