@@ -1,0 +1,101 @@
+/* Keeps file descriptors free for what must not fail.
+ *
+ * GLib ends the process when it cannot make a main context, which takes a descriptor, and clients and
+ * producers decide how many descriptors the daemon needs. So code that opens descriptors on behalf of others,
+ * or makes a main context, reserves them first. A reservation succeeds only if DESCRIPTOR_RESERVE_SIZE
+ * descriptors stay free beyond everything that is reserved.
+ *
+ * A reservation lasts while its holder opens descriptors. Once they are open they count as used, and the
+ * holder frees the reservation. Until then an opened descriptor counts twice: the sum is never too low.
+ *
+ * The kernel is asked which descriptors are open, because elements of the platform open descriptors that
+ * nobody here sees. Looking needs no descriptor. It begins at the highest number, where descriptors are free
+ * as long as there are many.
+ */
+#include "descriptorreserve.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+struct DescriptorReservation {
+  guint count;
+};
+
+namespace
+{
+
+GMutex lock;
+guint64 reserved; /* by all reservations */
+
+int
+get_limit()
+{
+  struct rlimit limit = {};
+
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<int>(MIN(limit.rlim_cur, static_cast<rlim_t>(G_MAXINT)));
+}
+
+/* F_GETFD succeeds for every open descriptor, also for one that can be neither read nor polled. */
+gboolean
+are_free(guint64 count)
+{
+  for (int fd = get_limit() - 1; fd >= 0 && count > 0; fd--) {
+    count -= fcntl(fd, F_GETFD) < 0 ? 1 : 0;
+  }
+  return count == 0;
+}
+
+gboolean
+reserve(guint count)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+
+  if (!are_free(reserved + count + DESCRIPTOR_RESERVE_SIZE)) {
+    return FALSE;
+  }
+  reserved += count;
+  return TRUE;
+}
+
+} // namespace
+
+/**
+ * descriptor_reservation_new:
+ * @count: how many descriptors are about to be opened at most; with 0 the reserve is only looked at
+ * @error: (out) (optional): where to put the failure
+ *
+ * Reserves descriptors, if the reserve stays untouched. Takes microseconds while descriptors abound. Any
+ * thread.
+ *
+ * Returns: (transfer full) (nullable): the reservation, to be freed once the descriptors are open or not
+ *   needed; %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when too few are free
+ */
+DescriptorReservation *
+descriptor_reservation_new(guint count, GError **error)
+{
+  if (!reserve(count)) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES, "Too few free file descriptors");
+    return nullptr;
+  }
+  auto *self = g_new0(DescriptorReservation, 1);
+
+  self->count = count;
+  return self;
+}
+
+/**
+ * descriptor_reservation_free:
+ * @self: (transfer full): a reservation
+ *
+ * Gives the reserved descriptors back. Any thread.
+ */
+void
+descriptor_reservation_free(DescriptorReservation *self)
+{
+  g_return_if_fail(self != NULL);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  reserved -= self->count;
+  g_free(self);
+}

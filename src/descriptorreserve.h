@@ -1,0 +1,27 @@
+#pragma once
+
+#include <gio/gio.h>
+
+G_BEGIN_DECLS
+
+/**
+ * DESCRIPTOR_RESERVE_SIZE:
+ *
+ * How many file descriptors stay free, whatever is reserved: for the bus, the producers' file and the log.
+ */
+#define DESCRIPTOR_RESERVE_SIZE 32
+
+/**
+ * DescriptorReservation:
+ *
+ * File descriptors that are promised to somebody who is about to open them.
+ */
+typedef struct DescriptorReservation DescriptorReservation;
+
+DescriptorReservation *descriptor_reservation_new(guint count, GError **error);
+
+void descriptor_reservation_free(DescriptorReservation *self);
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(DescriptorReservation, descriptor_reservation_free)
+
+G_END_DECLS
