@@ -540,7 +540,8 @@ namespace
 GDBusObjectManager *
 make_manager(GError **error)
 {
-  g_autoptr(GDBusConnection) connection = system_bus_get(error);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GDBusConnection) connection = system_bus_get(&reservation, error);
   if (connection == nullptr) {
     return nullptr;
   }

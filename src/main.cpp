@@ -175,7 +175,8 @@ get_first_child(GVariant *value)
 GVariant *
 get_coordinator_property(const gchar *property, GError **error)
 {
-  g_autoptr(GDBusConnection) bus = system_bus_get(error);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, error);
   if (bus == nullptr) {
     return nullptr;
   }
@@ -225,7 +226,8 @@ query_move_capabilities()
 GVariant *
 call_scene_manager(const gchar *method)
 {
-  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, nullptr);
   if (bus == nullptr) {
     return nullptr;
   }

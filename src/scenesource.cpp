@@ -162,7 +162,8 @@ gboolean
 scene_source_query_rotation(gint32 channel, guint32 *rotation)
 {
   *rotation = 0;
-  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, nullptr);
   if (bus == nullptr) {
     return FALSE;
   }

@@ -1,17 +1,16 @@
 #pragma once
 
-#include <gio/gio.h>
+#include "descriptorreserve.h"
 
 G_BEGIN_DECLS
 
 /**
- * SYSTEM_BUS_SPARE_DESCRIPTORS:
+ * SYSTEM_BUS_CALL_DESCRIPTORS:
  *
- * How many descriptors have to be free for a call that waits for its reply: those of a new connection and of
- * a few calls at once.
+ * How many descriptors a new connection and a call that waits for its reply open at most.
  */
-#define SYSTEM_BUS_SPARE_DESCRIPTORS 8
+#define SYSTEM_BUS_CALL_DESCRIPTORS 8
 
-GDBusConnection *system_bus_get(GError **error);
+GDBusConnection *system_bus_get(DescriptorReservation **reservation, GError **error);
 
 G_END_DECLS

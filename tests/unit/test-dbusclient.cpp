@@ -90,7 +90,7 @@ protected:
   {
     std::optional<testhost::Observed> connection;
     {
-      g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+      g_autoptr(GDBusConnection) shared = system_bus_get(nullptr, nullptr);
       if (shared != nullptr) {
         connection.emplace(shared);
       }
@@ -102,7 +102,7 @@ protected:
   /* What the receiver has said until now comes before its answer to something else. */
   static void hear_all()
   {
-    g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+    g_autoptr(GDBusConnection) shared = system_bus_get(nullptr, nullptr);
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply =
         g_dbus_connection_call_sync(shared, "com.quon.MetadataReceiver1", "/", "com.quon.Other1", "Anything",
@@ -825,7 +825,7 @@ TEST_F(DbusClientTest, SurvivesTheBusDuringAConversion)
   ASSERT_TRUE(spin_until([&hold] { return hold->waiting() == DBUS_CLIENT_MAX_CONVERSIONS; }));
   ASSERT_TRUE(spin_until([this] { return receiver_->calls_size() == 2 * DBUS_CLIENT_MAX_CONVERSIONS; }));
 
-  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr, nullptr);
   const testhost::Observed connection(shared);
   g_clear_object(&shared);
   receiver_.reset();
@@ -843,7 +843,7 @@ TEST_F(DbusClientTest, FailsWithoutABus)
   receiver_.reset();
   bus_.reset();
   g_autoptr(GError) error = nullptr;
-  EXPECT_EQ(system_bus_get(&error), nullptr);
+  EXPECT_EQ(system_bus_get(nullptr, &error), nullptr);
 
   EXPECT_FALSE(dbus_client_init(producers_));
   expect_lines({warning("Failed to connect to metadata-receiver over DBus: "s + error->message)});
@@ -893,7 +893,7 @@ TEST_F(DbusClientTest, FailsWithoutTheSignalOfObjectsThatGo)
 
 TEST_F(DbusClientTest, HearsNothingOfTheReceiverAfterAFailedStart)
 {
-  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr);
+  g_autoptr(GDBusConnection) shared = system_bus_get(nullptr, nullptr);
   receiver_->set_managed_objects(testbus::refuse());
   EXPECT_FALSE(dbus_client_init(producers_));
   receiver_->set_managed_objects({});

@@ -123,7 +123,7 @@ TEST_F(DBusServerTest, WaitsForNothingAtItsStart)
 
   EXPECT_EQ(testhost::take_syslog(), SyslogLines());
   dbus_server_teardown();
-  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr, nullptr);
   shared_.emplace(bus);
   g_clear_object(&bus);
   wait_for_release();
@@ -175,7 +175,7 @@ TEST_F(DBusServerTest, DoesWithoutABus)
 
   add("One");
   bus_.emplace();
-  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr);
+  g_autoptr(GDBusConnection) bus = system_bus_get(nullptr, nullptr);
   ASSERT_NE(bus, nullptr);
   shared_.emplace(bus);
   const Peer tool;

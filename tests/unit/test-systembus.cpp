@@ -25,11 +25,11 @@ TEST_F(SystemBusTest, GetsTheSharedConnectionThatSurvivesTheBus)
   const Bus bus;
   g_autoptr(GError) error = nullptr;
 
-  g_autoptr(GDBusConnection) connection = system_bus_get(&error);
+  g_autoptr(GDBusConnection) connection = system_bus_get(nullptr, &error);
   ASSERT_NE(connection, nullptr);
   EXPECT_EQ(error, nullptr);
   EXPECT_FALSE(g_dbus_connection_get_exit_on_close(connection));
-  g_autoptr(GDBusConnection) other = system_bus_get(&error);
+  g_autoptr(GDBusConnection) other = system_bus_get(nullptr, &error);
   EXPECT_EQ(other, connection);
 }
 
@@ -37,33 +37,52 @@ TEST_F(SystemBusTest, FailsWithoutABus)
 {
   g_autoptr(GError) error = nullptr;
 
-  EXPECT_EQ(system_bus_get(&error), nullptr);
+  EXPECT_EQ(system_bus_get(nullptr, &error), nullptr);
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(system_bus_get(nullptr), nullptr);
+  EXPECT_EQ(system_bus_get(nullptr, nullptr), nullptr);
 }
 
 TEST_F(SystemBusTest, FailsWhileTooFewDescriptorsAreFree)
 {
   const Bus bus;
 
-  for (rlim_t count = 0; count < SYSTEM_BUS_SPARE_DESCRIPTORS; count++) {
+  for (rlim_t count = 0; count < DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS; count++) {
     const FreeDescriptors free(count);
+    g_autoptr(DescriptorReservation) reservation = nullptr;
     g_autoptr(GError) error = nullptr;
 
-    EXPECT_EQ(system_bus_get(&error), nullptr);
+    EXPECT_EQ(system_bus_get(&reservation, &error), nullptr);
+    EXPECT_EQ(reservation, nullptr);
     ASSERT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) << count;
     EXPECT_STREQ(error->message, "Too few free file descriptors");
   }
 }
 
-TEST_F(SystemBusTest, NeedsNoMoreDescriptorsThanItLooksFor)
+TEST_F(SystemBusTest, KeepsTheReservationForTheCaller)
 {
   const Bus bus;
-  const FreeDescriptors free(SYSTEM_BUS_SPARE_DESCRIPTORS);
+  g_autoptr(GDBusConnection) held = system_bus_get(nullptr, nullptr);
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+
+  g_autoptr(GDBusConnection) connection = system_bus_get(&reservation, nullptr);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_EQ(descriptor_reservation_new(1, nullptr), nullptr);
+  g_clear_pointer(&reservation, descriptor_reservation_free);
+  g_autoptr(DescriptorReservation) other = descriptor_reservation_new(SYSTEM_BUS_CALL_DESCRIPTORS, nullptr);
+  EXPECT_NE(other, nullptr);
+}
+
+TEST_F(SystemBusTest, NeedsNoMoreDescriptorsThanItReserves)
+{
+  const Bus bus;
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
   g_autoptr(GError) error = nullptr;
 
-  g_autoptr(GDBusConnection) connection = system_bus_get(&error);
+  g_autoptr(GDBusConnection) connection = system_bus_get(&reservation, &error);
   ASSERT_NE(connection, nullptr);
+  const FreeDescriptors none_of_the_reserve(SYSTEM_BUS_CALL_DESCRIPTORS / 2);
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping",
       nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
