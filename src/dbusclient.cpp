@@ -1,27 +1,38 @@
-/* The external producers: what the platform's metadata receiver announces on the bus is put into the list of
- * producers, and their streams are fetched from it.
+/* The external producers: the client lists what the platform's metadata receiver announces on the bus, and
+ * fetches the streams of the producers from it.
  *
- * An announced object is asked for its sample frame; what it answers is converted, and only then is its
- * producer listed. Every step of the way back looks whether the very same object is still there, because one
- * that goes meanwhile must not be listed, and one that comes back under its path is another. Whose producer
- * is listed is remembered by object: an object whose producer was refused takes nobody else's with it when it
- * goes. What is announced is nothing to rely on: every type and every length is checked, and an object that
- * has anything wrong costs one line in the log.
+ * The way of an object. It is announced (WAITING), asked for its sample frame when it is its turn (ASKED),
+ * its reply is converted (CONVERTING), and its producer is listed (LISTED). It can be left out on the way,
+ * with one line in the log, and stays so (LEFT_OUT); or because the sample frames of all producers together
+ * would be too long (NO_ROOM), and is then asked again when another one goes. Everything that is announced
+ * has the wrong type or length until it is checked.
  *
- * All of this is the main thread's, with two exceptions. A conversion may wait for as long as the converter
- * has, so it has a thread of its own: that owns the candidate until it hands it back to the main loop, and
- * touches nothing else. And request threads ask for streams: they take a reference to the object manager,
- * under the one lock here, which is held for that alone. They may hold the list's lock meanwhile; no signal
- * of the object manager is emitted under a lock.
+ * An object has one entry in a table, from its announcement until it is withdrawn. What is under way for an
+ * entry is cancelled when the entry goes, so that no callback meets an entry that is no more. The entry
+ * remembers the name under which its producer was listed: an object whose producer was refused takes nobody
+ * else's with it when it goes.
+ *
+ * Only DBUS_CLIENT_MAX_PRODUCERS objects at a time are asked, converted or listed. The other ones wait, in
+ * their order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not remembered; when others have gone, the receiver
+ * is asked for all of them again.
+ *
+ * Threads. The main thread does everything but one thing: request threads look an object up, when they ask
+ * for its stream. The lock guards the table and the connection for that; the main thread, which alone changes
+ * them, reads them without it. Request threads may hold the list's lock meanwhile, so the main thread never
+ * holds this lock when it uses the list.
  */
 #include "dbusclient.h"
 
-#include "receiverfilter.h"
-#include "sampleframe.h"
+#include "descriptorreserve.h"
+#include "logtext.h"
+#include "producerproperties.h"
+#include "receivercalls.h"
+#include "receiverwatch.h"
+#include "sampleframequeue.h"
 #include "systembus.h"
 
+#include <algorithm>
 #include <cstring>
-#include <gio/gunixfdlist.h>
 #include <memory>
 #include <syslog.h>
 #include <utility>
@@ -29,54 +40,37 @@
 namespace
 {
 
-constexpr const char *RECEIVER_NAME = "com.quon.MetadataReceiver1";
-constexpr const char *PRODUCERS_PATH = "/com/quon/MetadataReceiver1/Producers";
-constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
 constexpr gint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
 constexpr gint DEFAULT_TIMEOUT = -1;
 
-constexpr const char *NAME_CHARACTERS = G_CSET_A_2_Z G_CSET_a_2_z G_CSET_DIGITS "_";
+enum class State { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
-/* A property that is a text, how long it may be, and what is said of one that cannot be used. */
-struct TextProperty {
-  const gchar *name;
-  gsize max_bytes;
-  const gchar *missing;
-  const gchar *too_long;
-};
-
-constexpr TextProperty NAME = {"Name", DBUS_CLIENT_MAX_NAME_BYTES, "it has no property Name of type s",
-                               "its name is too long"};
-constexpr TextProperty NICE_NAME = {"NiceName", DBUS_CLIENT_MAX_NICE_NAME_BYTES,
-                                    "it has no property NiceName of type s", "its nice name is too long"};
-
-/* An object that the receiver announces, or did. */
+/* An object that the receiver announces. */
 struct Announced {
-  GDBusObject *object;
-  gchar *listed_name; /* NULL as long as no producer of this object is listed */
+  gchar *path = nullptr;
+  ProducerProperties *properties = nullptr;
+  State state = State::LEFT_OUT;
+  GCancellable *cancellable = nullptr;         /* of its call, in ASKED */
+  SampleFrameConversion *conversion = nullptr; /* in CONVERTING */
+  gchar *listed_name = nullptr;                /* in LISTED */
+  gsize xml_bytes = 0;                         /* in LISTED */
+
+  Announced() = default;
+  ~Announced();
+  Announced(const Announced &) = delete;
+  Announced &operator=(const Announced &) = delete;
 };
 
-/* A producer on its way into the list. */
-struct Candidate {
-  Announced *announced = nullptr;
-  gchar *name = nullptr;
-  gchar *nice_name = nullptr;
-  GArray *channels = nullptr;
-  gchar *json = nullptr;
-  gchar *xml = nullptr;
-
-  Candidate() = default;
-  ~Candidate();
-  Candidate(const Candidate &) = delete;
-  Candidate &operator=(const Candidate &) = delete;
-};
-
-/* A stream that somebody asked for. */
+/* A stream that somebody asks for. */
 struct StreamRequest {
+  GDBusConnection *connection = nullptr;
+  gchar *path = nullptr;
+  gint channel = 0;
+  GCancellable *cancellable = nullptr;
   gchar *source_name = nullptr;
   DbusClientFdFunc on_fd = nullptr;
-  GDestroyNotify user_data_free = nullptr;
   gpointer user_data = nullptr;
+  GDestroyNotify user_data_free = nullptr;
 
   StreamRequest() = default;
   ~StreamRequest();
@@ -84,44 +78,27 @@ struct StreamRequest {
   StreamRequest &operator=(const StreamRequest &) = delete;
 };
 
-GMutex manager_lock;
-GDBusObjectManager *manager; /* written by the main thread alone, under the lock */
+AnalyticsProducerList *producers;  /* borrowed; NULL before the start and after the end */
+DescriptorReservation *connecting; /* of the attempt to reach the bus that is under way, or NULL */
+guint connect_id;                  /* the time-out before that, or 0 */
+guint retry_s;
+gulong closed_id;
 
-AnalyticsProducerList *producers; /* borrowed */
-guint filter_id;                  /* on the manager's connection */
-GHashTable *entries;              /* of Announced by path */
-GQueue waiting = G_QUEUE_INIT;    /* of Candidate, for a conversion */
-guint conversions;                /* that run */
+GMutex lock;
+GDBusConnection *connection;
+GHashTable *entries; /* of Announced by path */
 
-void
-clear_announced(gpointer data)
+GQueue waiting = G_QUEUE_INIT; /* of Announced, in the state WAITING */
+guint taken_up;                /* how many are asked, converted or listed */
+gsize xml_bytes_in_all;        /* of those that are listed */
+gboolean missed;               /* objects that were one too many */
+
+Announced::~Announced()
 {
-  auto *entry = static_cast<Announced *>(data);
-
-  g_object_unref(entry->object);
-  g_free(entry->listed_name);
-}
-
-void
-release_announced(gpointer entry)
-{
-  g_rc_box_release_full(entry, clear_announced);
-}
-
-Announced *
-acquire_announced(Announced *entry)
-{
-  return static_cast<Announced *>(g_rc_box_acquire(entry));
-}
-
-Candidate::~Candidate()
-{
-  release_announced(announced);
-  g_free(name);
-  g_free(nice_name);
-  g_clear_pointer(&channels, g_array_unref);
-  g_free(json);
-  g_free(xml);
+  g_free(path);
+  g_clear_pointer(&properties, producer_properties_free);
+  g_clear_object(&cancellable);
+  g_free(listed_name);
 }
 
 StreamRequest::~StreamRequest()
@@ -130,124 +107,60 @@ StreamRequest::~StreamRequest()
     user_data_free(user_data);
   }
   g_free(source_name);
+  g_clear_object(&cancellable);
+  g_free(path);
+  g_clear_object(&connection);
 }
 
-/* What others wrote, at a length that suits a line of the log. */
-gchar *
-clip(const gchar *text)
+void
+free_announced(gpointer entry)
 {
-  const gsize length = strlen(text);
-  if (length <= DBUS_CLIENT_MAX_LOGGED_BYTES) {
-    return g_strndup(text, length);
-  }
-  const gchar *end = g_utf8_find_prev_char(text, text + DBUS_CLIENT_MAX_LOGGED_BYTES + 1);
-
-  return g_strdup_printf("%.*s...", static_cast<int>(end - text), text);
+  delete static_cast<Announced *>(entry);
 }
 
 void
 log_left_out(const gchar *path, const gchar *reason)
 {
-  g_autofree gchar *clipped = clip(path);
+  g_autofree gchar *clipped = log_text_clip(path);
 
   syslog(LOG_WARNING, "left out producer object %s: %s", clipped, reason);
 }
 
-const gchar *
-path_of(const Announced *entry)
+Announced *
+find(const gchar *path)
 {
-  return g_dbus_object_get_object_path(entry->object);
-}
-
-/* NULL when the object has none. */
-GDBusProxy *
-get_proxy(GDBusObject *object)
-{
-  GDBusInterface *interface = g_dbus_object_get_interface(object, PRODUCER_INTERFACE);
-
-  return interface != nullptr ? G_DBUS_PROXY(interface) : nullptr;
-}
-
-/* The proxy of an object that is still announced, with the interface, or NULL. The object tells, not the
- * proxy: GLib makes another of those when it is told of an object twice, as it is of one that comes while it
- * asks for all. */
-GDBusProxy *
-get_current_proxy(const Announced *entry)
-{
-  return g_hash_table_lookup(entries, path_of(entry)) == entry ? get_proxy(entry->object) : nullptr;
-}
-
-/* One whose producer will not be listed counts no more. */
-void
-forget(const Announced *entry)
-{
-  if (g_hash_table_lookup(entries, path_of(entry)) == entry) {
-    g_hash_table_remove(entries, path_of(entry));
-  }
+  return static_cast<Announced *>(g_hash_table_lookup(entries, path));
 }
 
 gboolean
-is_path_element(const gchar *name)
+is_taken_up(State state)
 {
-  return *name != '\0' && name[strspn(name, NAME_CHARACTERS)] == '\0';
+  return state == State::ASKED || state == State::CONVERTING || state == State::LISTED;
 }
 
-/* A property as it was announced last, or NULL when there is none of this type. */
-GVariant *
-get_property(GDBusProxy *proxy, const gchar *name, const gchar *type)
-{
-  g_autoptr(GVariant) value = g_dbus_proxy_get_cached_property(proxy, name);
+void ask_next();
 
-  return value != nullptr && g_variant_is_of_type(value, G_VARIANT_TYPE(type)) ? g_steal_pointer(&value)
-                                                                               : nullptr;
+/* Counts who is taken up. */
+void
+set_state(Announced *entry, State state)
+{
+  taken_up += is_taken_up(state) ? 1 : 0;
+  taken_up -= is_taken_up(entry->state) ? 1 : 0;
+  entry->state = state;
 }
 
-/* This and the next two take a property over, unless it cannot be used: then they tell why. */
-const gchar *
-take_text(GDBusProxy *proxy, const TextProperty &property, gchar **text)
+void
+leave_out(Announced *entry)
 {
-  g_autoptr(GVariant) value = get_property(proxy, property.name, "s");
-
-  if (value == nullptr) {
-    return property.missing;
-  }
-  if (strlen(g_variant_get_string(value, nullptr)) > property.max_bytes) {
-    return property.too_long;
-  }
-  *text = g_variant_dup_string(value, nullptr);
-  return nullptr;
+  set_state(entry, State::LEFT_OUT);
+  ask_next();
 }
 
-const gchar *
-take_name(GDBusProxy *proxy, gchar **name)
+void
+let_wait(Announced *entry)
 {
-  const gchar *problem = take_text(proxy, NAME, name);
-
-  if (problem == nullptr && !is_path_element(*name)) {
-    return "its name cannot end an object's path";
-  }
-  return problem;
-}
-
-const gchar *
-take_channels(GDBusProxy *proxy, GArray **channels)
-{
-  g_autoptr(GVariant) value = get_property(proxy, "SupportedChannels", "au");
-  GVariantIter iter;
-  guint32 channel = 0;
-
-  if (value == nullptr) {
-    return "it has no property SupportedChannels of type au";
-  }
-  if (g_variant_n_children(value) > DBUS_CLIENT_MAX_CHANNELS) {
-    return "it supports too many channels";
-  }
-  *channels = g_array_new(FALSE, FALSE, sizeof channel);
-  g_variant_iter_init(&iter, value);
-  while (g_variant_iter_next(&iter, "u", &channel)) {
-    g_array_append_val(*channels, channel);
-  }
-  return nullptr;
+  set_state(entry, State::WAITING);
+  g_queue_push_tail(&waiting, entry);
 }
 
 /* Takes the sample frame out of the reply, unless it holds none. Whether an empty one is any good is the
@@ -262,314 +175,260 @@ take_sample_frame(GVariant *reply, gchar **json)
   return TRUE;
 }
 
-/* Takes all properties over, or tells why it cannot. */
-const gchar *
-take_properties(GDBusProxy *proxy, Candidate *candidate)
+gboolean
+is_room_for(gsize xml_bytes)
 {
-  const gchar *problem = take_name(proxy, &candidate->name);
-
-  if (problem == nullptr) {
-    problem = take_text(proxy, NICE_NAME, &candidate->nice_name);
-  }
-  if (problem == nullptr) {
-    problem = take_channels(proxy, &candidate->channels);
-  }
-  return problem;
-}
-
-/* What the producer of this object will be, or NULL when it cannot be one. */
-Candidate *
-make_candidate(Announced *entry, GDBusProxy *proxy, GVariant *reply)
-{
-  auto candidate = std::make_unique<Candidate>();
-  candidate->announced = acquire_announced(entry);
-
-  const gchar *problem = take_properties(proxy, candidate.get());
-  if (problem != nullptr) {
-    log_left_out(path_of(entry), problem);
-    return nullptr;
-  }
-  if (!take_sample_frame(reply, &candidate->json)) {
-    syslog(LOG_WARNING, "failed to fetch sample frame");
-    return nullptr;
-  }
-  if (strlen(candidate->json) > DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES) {
-    log_left_out(path_of(entry), "its sample frame is too long");
-    return nullptr;
-  }
-  return candidate.release();
+  return xml_bytes_in_all + xml_bytes <= DBUS_CLIENT_MAX_XML_BYTES_IN_ALL;
 }
 
 void
-list_producer(const Candidate *candidate)
+log_failed_conversion(const Announced *entry)
 {
+  syslog(LOG_WARNING, "failed to convert sample frame from: %s",
+         producer_properties_get_name(entry->properties));
+}
+
+void
+list_producer(Announced *entry, const gchar *xml)
+{
+  const ProducerProperties *properties = entry->properties;
+  const gchar *name = producer_properties_get_name(properties);
   g_autoptr(AnalyticsProducer) producer =
-      analytics_producer_new(candidate->name, candidate->nice_name, candidate->xml, candidate->channels,
-                             ANALYTICS_PRODUCER_EXTERNAL);
+      analytics_producer_new(name, producer_properties_get_nice_name(properties), xml,
+                             producer_properties_get_channels(properties), ANALYTICS_PRODUCER_EXTERNAL);
 
-  if (analytics_producer_list_add(producers, producer)) {
-    candidate->announced->listed_name = g_strdup(candidate->name);
+  if (!analytics_producer_list_add(producers, producer)) {
+    leave_out(entry);
+    return;
+  }
+  set_state(entry, State::LISTED);
+  entry->listed_name = g_strdup(name);
+  entry->xml_bytes = strlen(xml);
+  xml_bytes_in_all += entry->xml_bytes;
+}
+
+void
+on_converted(const gchar *xml, gpointer user_data)
+{
+  auto *entry = static_cast<Announced *>(user_data);
+
+  entry->conversion = nullptr;
+  if (xml == nullptr || strlen(xml) > DBUS_CLIENT_MAX_XML_BYTES) {
+    log_failed_conversion(entry);
+    leave_out(entry);
+  } else if (!is_room_for(strlen(xml))) {
+    log_failed_conversion(entry);
+    set_state(entry, State::NO_ROOM);
+    ask_next();
   } else {
-    forget(candidate->announced);
+    list_producer(entry, xml);
   }
 }
 
-void
-finish_candidate(const Candidate *candidate)
-{
-  g_autoptr(GDBusProxy) proxy = get_current_proxy(candidate->announced);
-  if (proxy == nullptr) {
-    return;
-  }
-  if (candidate->xml == nullptr) {
-    syslog(LOG_WARNING, "failed to convert sample frame from: %s", candidate->name);
-    forget(candidate->announced);
-    return;
-  }
-  list_producer(candidate);
-}
-
-void start_conversions();
-
-} // namespace
-
-/* Back in the main thread. */
-static gboolean
-on_converted(gpointer user_data)
-{
-  const std::unique_ptr<Candidate> candidate(static_cast<Candidate *>(user_data));
-
-  conversions--;
-  finish_candidate(candidate.get());
-  start_conversions();
-  return G_SOURCE_REMOVE;
-}
-
-namespace
-{
-
-/* The thread of one conversion. */
-gpointer
-convert(gpointer user_data)
-{
-  auto *candidate = static_cast<Candidate *>(user_data);
-
-  candidate->xml = sample_frame_convert(&candidate->json, candidate->name);
-  g_idle_add_full(G_PRIORITY_DEFAULT, on_converted, candidate, nullptr);
-  return nullptr;
-}
-
-/* Without a thread there is no conversion. */
-void
-start_conversion(Candidate *candidate)
-{
-  GThread *thread = g_thread_try_new("sample-frame", convert, candidate, nullptr);
-  if (thread == nullptr) {
-    finish_candidate(candidate);
-    delete candidate;
-    return;
-  }
-  g_thread_unref(thread);
-  conversions++;
-}
-
-void
-start_conversions()
-{
-  while (conversions < DBUS_CLIENT_MAX_CONVERSIONS && !g_queue_is_empty(&waiting)) {
-    start_conversion(static_cast<Candidate *>(g_queue_pop_head(&waiting)));
-  }
-}
-
-void
-drop_waiting(const Announced *entry)
-{
-  for (GList *link = waiting.head; link != nullptr; link = link->next) {
-    auto *candidate = static_cast<Candidate *>(link->data);
-    if (candidate->announced == entry) {
-      g_queue_delete_link(&waiting, link);
-      delete candidate;
-      return;
-    }
-  }
-}
-
-/* Goes on with what an object answered, unless it is gone. */
+/* Takes the sample frame of an object that can be a producer to its conversion. */
 void
 take_reply(Announced *entry, GVariant *reply)
 {
-  g_autoptr(GDBusProxy) proxy = get_current_proxy(entry);
-  if (proxy == nullptr) {
-    return;
+  g_autofree gchar *json = nullptr;
+  const gchar *problem = producer_properties_get_problem(entry->properties);
+
+  if (problem != nullptr) {
+    log_left_out(entry->path, problem);
+    leave_out(entry);
+  } else if (!take_sample_frame(reply, &json)) {
+    syslog(LOG_WARNING, "failed to fetch sample frame");
+    leave_out(entry);
+  } else if (strlen(json) > DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES) {
+    log_left_out(entry->path, "its sample frame is too long");
+    leave_out(entry);
+  } else {
+    set_state(entry, State::CONVERTING);
+    entry->conversion = sample_frame_queue_add(
+        g_steal_pointer(&json), producer_properties_get_name(entry->properties), on_converted, entry);
   }
-  Candidate *candidate = make_candidate(entry, proxy, reply);
-  if (candidate == nullptr) {
-    forget(entry);
-    return;
-  }
-  g_queue_push_tail(&waiting, candidate);
-  start_conversions();
 }
 
-} // namespace
-
-static void
-on_sample_frame(GObject *proxy, GAsyncResult *result, gpointer user_data)
+void
+on_sample_frame(GVariant *reply, GUnixFDList *, const GError *error, gpointer user_data)
 {
   auto *entry = static_cast<Announced *>(user_data);
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_proxy_call_finish(G_DBUS_PROXY(proxy), result, &error);
 
-  if (reply != nullptr) {
-    take_reply(entry, reply);
-  } else {
-    g_autofree gchar *message = clip(error->message);
+  g_clear_object(&entry->cancellable);
+  if (reply == nullptr) {
+    g_autofree gchar *message = log_text_clip(error->message);
     syslog(LOG_WARNING, "on_get_sample_frame failed: %s", message);
-    forget(entry);
-  }
-  release_announced(entry);
-}
-
-namespace
-{
-
-void
-request_sample_frame(GDBusObject *object)
-{
-  const gchar *path = g_dbus_object_get_object_path(object);
-  g_autoptr(GDBusProxy) proxy = get_proxy(object);
-
-  if (proxy == nullptr) {
-    log_left_out(path, "it has no interface com.quon.MetadataReceiver1.Producer");
+    leave_out(entry);
     return;
   }
-  if (g_hash_table_size(entries) >= DBUS_CLIENT_MAX_PRODUCERS) {
+  take_reply(entry, reply);
+}
+
+void
+ask(Announced *entry)
+{
+  set_state(entry, State::ASKED);
+  entry->cancellable = g_cancellable_new();
+
+  const ReceiverCall call = {
+      .connection = connection,
+      .path = entry->path,
+      .method = "GetSampleFrame",
+      .parameters = nullptr,
+      .descriptors = 0,
+      .timeout_ms = SAMPLE_FRAME_CALL_TIMEOUT_MS,
+      .cancellable = entry->cancellable,
+  };
+  receiver_call(&call, on_sample_frame, entry, nullptr);
+}
+
+void
+ask_next()
+{
+  while (taken_up < DBUS_CLIENT_MAX_PRODUCERS && !g_queue_is_empty(&waiting)) {
+    ask(static_cast<Announced *>(g_queue_pop_head(&waiting)));
+  }
+}
+
+Announced *
+add_entry(const gchar *path, GVariant *properties)
+{
+  auto *entry = new Announced;
+  entry->path = g_strdup(path);
+  entry->properties = producer_properties_new(properties);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_hash_table_insert(entries, entry->path, entry);
+  return entry;
+}
+
+/* The objects that are one too many are told of when they begin to be. */
+void
+note_missed(const gchar *path)
+{
+  if (!missed) {
     log_left_out(path, "there are too many");
+  }
+  missed = TRUE;
+}
+
+void
+announce(const gchar *path, GVariant *properties)
+{
+  Announced *known = find(path);
+  if (known != nullptr) {
+    if (known->state != State::CONVERTING) {
+      g_clear_pointer(&known->properties, producer_properties_free);
+      known->properties = producer_properties_new(properties);
+    }
     return;
   }
-  auto *entry = g_rc_box_new0(Announced);
-  entry->object = G_DBUS_OBJECT(g_object_ref(object));
-  g_hash_table_insert(entries, const_cast<gchar *>(path), entry);
-  g_dbus_proxy_call(proxy, "GetSampleFrame", nullptr, G_DBUS_CALL_FLAGS_NONE, SAMPLE_FRAME_CALL_TIMEOUT_MS,
-                    nullptr, on_sample_frame, acquire_announced(entry));
+  if (g_hash_table_size(entries) >= DBUS_CLIENT_MAX_OBJECTS) {
+    note_missed(path);
+    return;
+  }
+  if (taken_up >= DBUS_CLIENT_MAX_PRODUCERS) {
+    log_left_out(path, "there are too many");
+  }
+  let_wait(add_entry(path, properties));
+  ask_next();
 }
 
-/* Takes its producer out of the list, if it is the one that put it there. */
+/* Takes back what an entry has led to until now. */
 void
-withdraw(const Announced *entry)
+undo(Announced *entry)
 {
-  drop_waiting(entry);
-  if (entry->listed_name != nullptr && analytics_producer_list_contains(producers, entry->listed_name)) {
-    analytics_producer_list_remove(producers, entry->listed_name);
+  switch (entry->state) {
+  case State::WAITING:
+    g_queue_remove(&waiting, entry);
+    break;
+  case State::ASKED:
+    g_cancellable_cancel(entry->cancellable);
+    break;
+  case State::CONVERTING:
+    sample_frame_queue_cancel(entry->conversion);
+    break;
+  case State::LISTED:
+    xml_bytes_in_all -= entry->xml_bytes;
+    if (analytics_producer_list_contains(producers, entry->listed_name)) {
+      analytics_producer_list_remove(producers, entry->listed_name);
+    }
+    break;
+  default:
+    break;
+  }
+  set_state(entry, State::LEFT_OUT);
+}
+
+void
+let_wait_again(gpointer, gpointer value, gpointer)
+{
+  auto *entry = static_cast<Announced *>(value);
+
+  if (entry->state == State::NO_ROOM) {
+    let_wait(entry);
   }
 }
 
-gboolean
-withdraw_entry(gpointer, gpointer entry, gpointer)
+/* What is free now goes to those that had no place. */
+void
+fill_up(gboolean has_more_room)
 {
-  withdraw(static_cast<Announced *>(entry));
-  return TRUE;
+  if (has_more_room) {
+    g_hash_table_foreach(entries, let_wait_again, nullptr);
+  }
+  ask_next();
+  if (missed && g_hash_table_size(entries) < DBUS_CLIENT_MAX_OBJECTS) {
+    missed = FALSE;
+    receiver_watch_ask_again();
+  }
 }
 
 void
-set_manager(GDBusObjectManager *new_manager)
+withdraw(Announced *entry)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&manager_lock);
+  const gboolean was_listed = entry->state == State::LISTED;
 
-  manager = new_manager;
+  undo(entry);
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    g_hash_table_remove(entries, entry->path);
+  }
+  fill_up(was_listed);
 }
 
-/* A reference, or NULL. Any thread. */
-GDBusObjectManager *
-get_manager()
+void
+withdraw_all()
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&manager_lock);
+  GHashTableIter iter;
+  gpointer entry = nullptr;
 
-  return manager != nullptr ? G_DBUS_OBJECT_MANAGER(g_object_ref(manager)) : nullptr;
+  g_hash_table_iter_init(&iter, entries);
+  while (g_hash_table_iter_next(&iter, nullptr, &entry)) {
+    undo(static_cast<Announced *>(entry));
+  }
+  missed = FALSE;
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_hash_table_remove_all(entries);
 }
 
-GDBusConnection *
-get_connection(GDBusObjectManager *of_manager)
+void
+set_connection(GDBusConnection *new_connection)
 {
-  return g_dbus_object_manager_client_get_connection(G_DBUS_OBJECT_MANAGER_CLIENT(of_manager));
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+
+  g_set_object(&connection, new_connection);
 }
 
 /* Nothing is announced any more, and nothing keeps the connection. */
 void
-leave_receiver()
+leave_bus()
 {
-  g_autoptr(GDBusObjectManager) left = manager;
-
-  set_manager(nullptr);
-  g_signal_handlers_disconnect_by_data(left, producers);
-  g_dbus_connection_remove_filter(get_connection(left), filter_id);
-  g_hash_table_foreach_remove(entries, withdraw_entry, nullptr);
-}
-
-} // namespace
-
-static void
-on_object_added(GDBusObjectManager *, GDBusObject *object, gpointer)
-{
-  request_sample_frame(object);
-}
-
-static void
-on_object_removed(GDBusObjectManager *, GDBusObject *object, gpointer)
-{
-  const gchar *path = g_dbus_object_get_object_path(object);
-  const auto *entry = static_cast<Announced *>(g_hash_table_lookup(entries, path));
-
-  if (entry != nullptr) {
-    withdraw(entry);
-    g_hash_table_remove(entries, path);
+  receiver_watch_stop();
+  withdraw_all();
+  if (connection != nullptr) {
+    g_signal_handler_disconnect(connection, std::exchange(closed_id, 0));
   }
-}
-
-/* The receiver client would otherwise last as long as the daemon. But GLib gives out a connection for as long
- * as somebody has it, also a dead one, and then nobody else's question would reach a bus that comes back. */
-static void
-on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
-{
-  leave_receiver();
-}
-
-namespace
-{
-
-GDBusObjectManager *
-make_manager(GError **error)
-{
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) connection = system_bus_get(&reservation, error);
-  if (connection == nullptr) {
-    return nullptr;
-  }
-  filter_id = receiver_filter_add(connection, PRODUCERS_PATH);
-  GDBusObjectManager *made = g_dbus_object_manager_client_new_for_bus_sync(
-      G_BUS_TYPE_SYSTEM, G_DBUS_OBJECT_MANAGER_CLIENT_FLAGS_NONE, RECEIVER_NAME, PRODUCERS_PATH, nullptr,
-      nullptr, nullptr, nullptr, error);
-  if (made == nullptr) {
-    g_dbus_connection_remove_filter(connection, filter_id);
-  }
-  return made;
-}
-
-gboolean
-connect_signals()
-{
-  if (g_signal_connect(manager, "object-added", G_CALLBACK(on_object_added), producers) == 0) {
-    syslog(LOG_WARNING, "failed to connect signal 'object-added' to dbus manager");
-    return FALSE;
-  }
-  if (g_signal_connect(manager, "object-removed", G_CALLBACK(on_object_removed), producers) == 0) {
-    syslog(LOG_WARNING, "failed to connect signal 'object-removed' to dbus manager");
-    /* Not true of this signal, but deliberate and kept: who looks for the one line finds it either way. */
-    syslog(LOG_WARNING, "failed to connect signal 'object-added' to dbus manager");
-    return FALSE;
-  }
-  g_signal_connect(get_connection(manager), "closed", G_CALLBACK(on_connection_closed), nullptr);
-  return TRUE;
+  set_connection(nullptr);
 }
 
 /* Returns the descriptor, for the caller to close, or -1. GLib itself does not always say what is wrong. */
@@ -594,80 +453,188 @@ take_fd(GVariant *reply, GUnixFDList *fds)
   return fd;
 }
 
-GDBusObject *
-find_object(const gchar *producer_name)
+void
+on_stream_fd(GVariant *reply, GUnixFDList *fds, const GError *error, gpointer user_data)
 {
-  g_autoptr(GDBusObjectManager) current = get_manager();
-  if (current == nullptr) {
-    return nullptr;
-  }
-  g_autofree gchar *path = g_strdup_printf("%s/%s", PRODUCERS_PATH, producer_name);
-
-  return g_variant_is_object_path(path) ? g_dbus_object_manager_get_object(current, path) : nullptr;
-}
-
-} // namespace
-
-static void
-on_stream_fd(GObject *connection, GAsyncResult *result, gpointer user_data)
-{
-  const std::unique_ptr<StreamRequest> request(static_cast<StreamRequest *>(user_data));
-  g_autoptr(GUnixFDList) fds = nullptr;
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply =
-      g_dbus_connection_call_with_unix_fd_list_finish(G_DBUS_CONNECTION(connection), &fds, result, &error);
+  auto *request = static_cast<StreamRequest *>(user_data);
 
   if (reply == nullptr) {
-    g_autofree gchar *message = clip(error->message);
+    g_autofree gchar *message = log_text_clip(error->message);
     syslog(LOG_INFO, "handle_get_stream_fd failed: %s", message);
     return;
   }
   request->on_fd(take_fd(reply, fds), request->source_name, request->user_data);
 }
 
+void
+free_stream_request(gpointer request)
+{
+  delete static_cast<StreamRequest *>(request);
+}
+
+gboolean
+on_stream_request(gpointer user_data)
+{
+  auto *request = static_cast<StreamRequest *>(user_data);
+  const ReceiverCall call = {
+      .connection = request->connection,
+      .path = request->path,
+      .method = "GetStreamFd",
+      .parameters = g_variant_new("(i)", request->channel),
+      .descriptors = 1,
+      .timeout_ms = DEFAULT_TIMEOUT,
+      .cancellable = request->cancellable,
+  };
+
+  receiver_call(&call, on_stream_fd, request, free_stream_request);
+  return G_SOURCE_REMOVE;
+}
+
+/* The connection on which the object is announced, or NULL. Any thread. */
+GDBusConnection *
+find_connection(const gchar *path)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+
+  return connection != nullptr && g_hash_table_contains(entries, path)
+             ? G_DBUS_CONNECTION(g_object_ref(connection))
+             : nullptr;
+}
+
+} // namespace
+
+static void
+on_interfaces_added(const gchar *path, GVariant *interfaces)
+{
+  g_autoptr(GVariant) properties =
+      g_variant_lookup_value(interfaces, RECEIVER_PRODUCER_INTERFACE, G_VARIANT_TYPE_VARDICT);
+
+  if (!g_str_has_prefix(path, RECEIVER_PRODUCERS_PATH "/")) {
+    log_left_out(path, "it is not below " RECEIVER_PRODUCERS_PATH);
+  } else if (properties != nullptr) {
+    announce(path, properties);
+  } else if (find(path) == nullptr) {
+    log_left_out(path, "it has no interface " RECEIVER_PRODUCER_INTERFACE);
+  }
+}
+
+/* Without its interface an object is no producer, whatever else it has. */
+static void
+on_interfaces_removed(const gchar *path, const gchar *const *interfaces)
+{
+  Announced *entry = find(path);
+
+  if (entry != nullptr && g_strv_contains(interfaces, RECEIVER_PRODUCER_INTERFACE)) {
+    withdraw(entry);
+  }
+}
+
+/* A conversion goes on with the properties that it began with. */
+static void
+on_properties_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
+{
+  const Announced *entry = find(path);
+
+  if (entry != nullptr && entry->state != State::CONVERTING) {
+    producer_properties_change(entry->properties, changed, invalidated);
+  }
+}
+
+static const ReceiverWatchFuncs WATCH_FUNCS = {
+    .on_interfaces_added = on_interfaces_added,
+    .on_interfaces_removed = on_interfaces_removed,
+    .on_properties_changed = on_properties_changed,
+    .on_vanished = withdraw_all,
+};
+
+/* GLib gives a connection out for as long as somebody has it, also a dead one, and then nobody else's
+ * question would reach a bus that comes back. So the client lets go of it, for good. */
+static void
+on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
+{
+  leave_bus();
+}
+
+static void connect_to_bus();
+
+static gboolean
+on_time_to_connect(gpointer)
+{
+  connect_id = 0;
+  connect_to_bus();
+  return G_SOURCE_REMOVE;
+}
+
+static void
+connect_later(const GError *error)
+{
+  receiver_watch_log_failure(error);
+  connect_id = g_timeout_add_seconds(retry_s, on_time_to_connect, nullptr);
+  retry_s = std::min<guint>(2 * retry_s, RECEIVER_WATCH_LAST_RETRY_S);
+}
+
+static void
+on_connected(GObject *, GAsyncResult *result, gpointer user_data)
+{
+  g_autoptr(DescriptorReservation) attempt = static_cast<DescriptorReservation *>(user_data);
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GDBusConnection) connected = g_bus_get_finish(result, &error);
+
+  if (connected != nullptr) {
+    g_dbus_connection_set_exit_on_close(connected, FALSE);
+  }
+  if (attempt != connecting) {
+    return;
+  }
+  connecting = nullptr;
+  if (connected != nullptr && g_dbus_connection_is_closed(connected)) {
+    g_set_error_literal(&error, G_IO_ERROR, G_IO_ERROR_CLOSED, "The connection is closed");
+  }
+  if (error != nullptr) {
+    connect_later(error);
+    return;
+  }
+  closed_id = g_signal_connect(connected, "closed", G_CALLBACK(on_connection_closed), nullptr);
+  set_connection(connected);
+  receiver_watch_start(connected, &WATCH_FUNCS);
+}
+
+/* The attempt cannot be cancelled: it is everybody's who asks for the shared connection meanwhile. */
+static void
+connect_to_bus()
+{
+  g_autoptr(GError) error = nullptr;
+
+  connecting = descriptor_reservation_new(SYSTEM_BUS_CALL_DESCRIPTORS, &error);
+  if (connecting == nullptr) {
+    connect_later(error);
+    return;
+  }
+  g_bus_get(G_BUS_TYPE_SYSTEM, nullptr, on_connected, connecting);
+}
+
 /**
  * dbus_client_init:
- * @list: (transfer none): the daemon's producers; lives as long as the main loop runs
+ * @list: (transfer none): the daemon's producers; lives until dbus_client_teardown()
  *
  * Lists the producers that the platform's metadata receiver announces from now on, as long as it announces
- * them, and as long as the connection to the system bus lasts. Blocks for the receiver's answer. Once, or
- * again after it failed or the connection was lost. Main thread.
+ * them, and as long as the connection to the system bus lasts. Nothing waits for the bus or the receiver
+ * here; while one of them fails, it is asked again. Main thread; once until dbus_client_teardown().
  *
- * Warnings: "Failed to connect to metadata-receiver over DBus: %s", "failed to connect signal 'object-added'
- * to dbus manager", "failed to connect signal 'object-removed' to dbus manager"; later, of one producer each,
- * "on_get_sample_frame failed: %s", "failed to fetch sample frame", "failed to convert sample frame from: %s"
- * and "left out producer object %s: %s"
- *
- * Returns: whether the receiver is watched; if not, there are no external producers
+ * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failure of the bus or of the
+ * receiver to tell what there is; of one producer each, "on_get_sample_frame failed: %s", "failed to fetch
+ * sample frame", "failed to convert sample frame from: %s" and "left out producer object %s: %s"
  */
-gboolean
+void
 dbus_client_init(AnalyticsProducerList *list)
 {
-  g_return_val_if_fail(list != NULL, FALSE);
-  g_return_val_if_fail(manager == NULL, FALSE);
+  g_return_if_fail(list != NULL);
+  g_return_if_fail(producers == NULL);
 
-  g_autoptr(GError) error = nullptr;
-  GDBusObjectManager *made = make_manager(&error);
-  if (made == nullptr) {
-    g_autofree gchar *message = clip(error->message);
-    syslog(LOG_WARNING, "Failed to connect to metadata-receiver over DBus: %s", message);
-    return FALSE;
-  }
-  if (entries == nullptr) {
-    entries = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, release_announced);
-  }
   producers = list;
-  set_manager(made);
-
-  g_autolist(GDBusObject) objects = g_dbus_object_manager_get_objects(manager);
-  for (GList *link = objects; link != nullptr; link = link->next) {
-    request_sample_frame(G_DBUS_OBJECT(link->data));
-  }
-  if (!connect_signals()) {
-    leave_receiver();
-    return FALSE;
-  }
-  return TRUE;
+  retry_s = RECEIVER_WATCH_FIRST_RETRY_S;
+  entries = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free_announced);
+  connect_to_bus();
 }
 
 /**
@@ -675,40 +642,66 @@ dbus_client_init(AnalyticsProducerList *list)
  * @producer_name: (transfer none): the producer's name
  * @source_name: (transfer none): what to give to @on_fd
  * @channel: the video channel, from 1
+ * @cancellable: (transfer none) (nullable): ends the request when the stream is not wanted any more
  * @on_fd: takes the descriptor
  * @user_data: for @on_fd
  * @user_data_free: (nullable): releases @user_data
  *
- * Asks the receiver for a stream of one producer. The reply is handled in the main thread: @on_fd is called
- * unless the call failed, and @user_data_free after it in any case. Any thread that has no default main
- * context of its own, for that would get the reply; also with the list's lock held.
+ * Asks the receiver for a stream of one producer, as soon as it is its turn and a descriptor can be reserved
+ * for it. The reply is handled in the main thread: @on_fd is called unless the call failed or was cancelled,
+ * and @user_data_free after it in any case. Any thread, also with the list's lock held.
  *
  * Warnings: "tried to find a dbus object for producer which did not exist"; later "Failed to parse fd from
  * variant: %s\n", whereupon @on_fd gets -1. Infos: "handle_get_stream_fd failed: %s"
  *
- * Returns: whether there will be a reply; if not, nothing is called and @user_data stays the caller's
+ * Returns: whether the request was made; if not, nothing is called and @user_data stays the caller's
  */
 gboolean
 dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name, gint channel,
-                             DbusClientFdFunc on_fd, gpointer user_data, GDestroyNotify user_data_free)
+                             GCancellable *cancellable, DbusClientFdFunc on_fd, gpointer user_data,
+                             GDestroyNotify user_data_free)
 {
   g_return_val_if_fail(producer_name != NULL, FALSE);
   g_return_val_if_fail(source_name != NULL, FALSE);
   g_return_val_if_fail(on_fd != NULL, FALSE);
 
-  g_autoptr(GDBusObject) object = find_object(producer_name);
-  if (object == nullptr) {
+  g_autofree gchar *path = g_strdup_printf("%s/%s", RECEIVER_PRODUCERS_PATH, producer_name);
+  g_autoptr(GDBusConnection) found = find_connection(path);
+  if (found == nullptr) {
     syslog(LOG_WARNING, "tried to find a dbus object for producer which did not exist");
     return FALSE;
   }
   auto *request = new StreamRequest;
+  request->connection = g_steal_pointer(&found);
+  request->path = g_steal_pointer(&path);
+  request->channel = channel;
+  request->cancellable = cancellable != nullptr ? G_CANCELLABLE(g_object_ref(cancellable)) : nullptr;
   request->source_name = g_strdup(source_name);
   request->on_fd = on_fd;
-  request->user_data_free = user_data_free;
   request->user_data = user_data;
-  g_dbus_connection_call_with_unix_fd_list(
-      g_dbus_object_proxy_get_connection(G_DBUS_OBJECT_PROXY(object)), RECEIVER_NAME,
-      g_dbus_object_get_object_path(object), PRODUCER_INTERFACE, "GetStreamFd", g_variant_new("(i)", channel),
-      nullptr, G_DBUS_CALL_FLAGS_NONE, DEFAULT_TIMEOUT, nullptr, nullptr, on_stream_fd, request);
+  request->user_data_free = user_data_free;
+  g_idle_add_full(G_PRIORITY_DEFAULT, on_stream_request, request, nullptr);
   return TRUE;
+}
+
+/**
+ * dbus_client_teardown:
+ *
+ * Undoes dbus_client_init(): the external producers leave the list, and nothing is asked any more. Streams
+ * that are asked for already still get their replies. Main thread.
+ */
+void
+dbus_client_teardown(void)
+{
+  if (producers == nullptr) {
+    return;
+  }
+  g_clear_handle_id(&connect_id, g_source_remove);
+  connecting = nullptr; /* what is under way frees itself */
+  leave_bus();
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    g_clear_pointer(&entries, g_hash_table_unref);
+  }
+  producers = nullptr;
 }

@@ -2,36 +2,23 @@
 
 #include "analyticsproducer.h"
 
+#include <gio/gio.h>
+
 G_BEGIN_DECLS
+
+/**
+ * DBUS_CLIENT_MAX_OBJECTS:
+ *
+ * How many of the receiver's objects are known at a time.
+ */
+#define DBUS_CLIENT_MAX_OBJECTS 1024
 
 /**
  * DBUS_CLIENT_MAX_PRODUCERS:
  *
- * How many of the receiver's objects are taken up at a time. Each is a reply to wait for, of which the bus
- * allows a connection 128: this leaves some for the streams.
+ * How many of the known objects are producers, or are about to be; the others wait until one of these goes.
  */
 #define DBUS_CLIENT_MAX_PRODUCERS 96
-
-/**
- * DBUS_CLIENT_MAX_NAME_BYTES:
- *
- * The length of a producer's name.
- */
-#define DBUS_CLIENT_MAX_NAME_BYTES 255
-
-/**
- * DBUS_CLIENT_MAX_NICE_NAME_BYTES:
- *
- * The length of a producer's name for display.
- */
-#define DBUS_CLIENT_MAX_NICE_NAME_BYTES 1024
-
-/**
- * DBUS_CLIENT_MAX_CHANNELS:
- *
- * How many video channels a producer may support.
- */
-#define DBUS_CLIENT_MAX_CHANNELS 256
 
 /**
  * DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES:
@@ -41,18 +28,19 @@ G_BEGIN_DECLS
 #define DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES 1048576
 
 /**
- * DBUS_CLIENT_MAX_CONVERSIONS:
+ * DBUS_CLIENT_MAX_XML_BYTES:
  *
- * How many sample frames are converted at a time; the others wait.
+ * The length of a sample frame, in XML.
  */
-#define DBUS_CLIENT_MAX_CONVERSIONS 2
+#define DBUS_CLIENT_MAX_XML_BYTES 262144
 
 /**
- * DBUS_CLIENT_MAX_LOGGED_BYTES:
+ * DBUS_CLIENT_MAX_XML_BYTES_IN_ALL:
  *
- * How much of a text that comes from the bus goes into a line of the log.
+ * The length of all listed producers' sample frames in XML together. One message of the control service holds
+ * all of them, and the bus disconnects whoever sends a message of more than 32 MiB.
  */
-#define DBUS_CLIENT_MAX_LOGGED_BYTES 512
+#define DBUS_CLIENT_MAX_XML_BYTES_IN_ALL 8388608
 
 /**
  * DbusClientFdFunc:
@@ -64,10 +52,12 @@ G_BEGIN_DECLS
  */
 typedef void (*DbusClientFdFunc)(gint fd, const gchar *source_name, gpointer user_data);
 
-gboolean dbus_client_init(AnalyticsProducerList *list);
+void dbus_client_init(AnalyticsProducerList *list);
 
 gboolean dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name, gint channel,
-                                      DbusClientFdFunc on_fd, gpointer user_data,
+                                      GCancellable *cancellable, DbusClientFdFunc on_fd, gpointer user_data,
                                       GDestroyNotify user_data_free);
+
+void dbus_client_teardown(void);
 
 G_END_DECLS

@@ -133,8 +133,9 @@ connect_producer(AnalyticsProducer *producer, gpointer user_data)
 
   connection->count++;
   g_object_ref(connection->source);
-  if (!dbus_client_connect_producer(name, source_name, connection->channel, on_fd, connection->source,
-                                    g_object_unref)) {
+  if (!dbus_client_connect_producer(name, source_name, connection->channel,
+                                    external_src_get_cancellable(connection->source), on_fd,
+                                    connection->source, g_object_unref)) {
     g_object_unref(connection->source);
   }
 }

@@ -33,6 +33,7 @@ struct _ExternalSrc {
   GPtrArray *sockets;
   guint num_sockets; /* the length of the list, atomic: for those who read it without the lock */
   gint32 video_channel;
+  GCancellable *cancellable; /* never changes */
   GMutex lock;
 };
 
@@ -75,11 +76,13 @@ set_paused(ExternalSrc *src, gboolean paused)
   }
 }
 
-/* For good: an element is not used again, and descriptors that still arrive are closed at once. */
+/* For good: an element is not used again. Streams that are still asked for are not wanted any more, and
+ * descriptors that still arrive are closed at once. */
 void
 close_all(ExternalSrc *src)
 {
   src->closing = TRUE;
+  g_cancellable_cancel(src->cancellable);
   for (guint i = 0; i < src->sockets->len; i++) {
     external_source_socket_close(get_socket(src, i), FALSE);
   }
@@ -95,6 +98,7 @@ external_src_init(ExternalSrc *src)
   g_mutex_init(&src->lock);
   src->sockets = g_ptr_array_new_with_free_func(g_object_unref);
   src->video_channel = 1;
+  src->cancellable = g_cancellable_new();
 }
 
 static void
@@ -103,6 +107,7 @@ external_src_finalize(GObject *object)
   ExternalSrc *src = TESSARD_EXTERNAL_SRC(object);
 
   g_ptr_array_unref(src->sockets);
+  g_object_unref(src->cancellable);
   g_mutex_clear(&src->lock);
 
   G_OBJECT_CLASS(external_src_parent_class)->finalize(object);
@@ -272,4 +277,19 @@ external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
   external_source_socket_set_paused(socket, src->paused);
   g_ptr_array_add(src->sockets, socket);
   count_sockets(src);
+}
+
+/**
+ * external_src_get_cancellable:
+ * @src: (transfer none): the element
+ *
+ * Whoever asks for a stream on behalf of the element ends the question when this is cancelled. Any thread.
+ *
+ * Returns: (transfer none): what is cancelled when the element wants no more streams: when it goes from
+ *   PAUSED to READY or is taken out of its bin
+ */
+GCancellable *
+external_src_get_cancellable(ExternalSrc *src)
+{
+  return src->cancellable;
 }

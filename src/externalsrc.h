@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gio/gio.h>
 #include <gst/app/gstappsrc.h>
 
 G_BEGIN_DECLS
@@ -17,5 +18,7 @@ G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, TESSARD, EXTERNAL_SRC, GstAppSrc
 ExternalSrc *external_src_new(void);
 
 void external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name);
+
+GCancellable *external_src_get_cancellable(ExternalSrc *src);
 
 G_END_DECLS

@@ -318,6 +318,7 @@ run(const gchar *run_dir)
 
   server_stop(server);
   g_clear_object(&server);
+  dbus_client_teardown();
   dbus_server_teardown();
   g_clear_pointer(&producers, analytics_producer_list_free);
   producer_config_free();

@@ -94,16 +94,18 @@ bool no_source = false;
 
 extern "C" {
 gboolean __wrap_dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name,
-                                             gint channel, DbusClientFdFunc on_fd, gpointer user_data,
-                                             GDestroyNotify user_data_free);
+                                             gint channel, GCancellable *cancellable, DbusClientFdFunc on_fd,
+                                             gpointer user_data, GDestroyNotify user_data_free);
 ExternalSrc *__real_external_src_new(void);
 ExternalSrc *__wrap_external_src_new(void);
 }
 
 gboolean
 __wrap_dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name, gint channel,
-                                    DbusClientFdFunc on_fd, gpointer user_data, GDestroyNotify user_data_free)
+                                    GCancellable *cancellable, DbusClientFdFunc on_fd, gpointer user_data,
+                                    GDestroyNotify user_data_free)
 {
+  EXPECT_EQ(cancellable, external_src_get_cancellable(TESSARD_EXTERNAL_SRC(user_data)));
   return receiver->ask(producer_name, {"", on_fd, source_name, user_data, user_data_free}, channel);
 }
 

@@ -465,8 +465,10 @@ TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItStops)
   one.send(teststream::message("1"));
   branch.set_state(GST_STATE_PAUSED);
   EXPECT_EQ(num_sockets(branch.src), 2U);
+  EXPECT_FALSE(g_cancellable_is_cancelled(external_src_get_cancellable(branch.src)));
   branch.set_state(GST_STATE_READY);
   EXPECT_EQ(num_sockets(branch.src), 0U);
+  EXPECT_TRUE(g_cancellable_is_cancelled(external_src_get_cancellable(branch.src)));
   EXPECT_FALSE(is_open(one.consumer_fd));
   EXPECT_FALSE(is_open(other.consumer_fd));
 }
@@ -498,6 +500,7 @@ TEST_F(ExternalSrcTest, ClosesNothingAtOtherChangesOfState)
   branch.set_state(GST_STATE_NULL);
   branch.play();
   EXPECT_EQ(num_sockets(branch.src), 1U);
+  EXPECT_FALSE(g_cancellable_is_cancelled(external_src_get_cancellable(branch.src)));
   producer.send(teststream::message("1"));
   EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
 }
@@ -513,6 +516,7 @@ TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItsPipelineGoesWithoutHavingStarted)
   producer.send(teststream::message("1"));
   branch.drop_pipeline();
   EXPECT_EQ(num_sockets(src), 0U);
+  EXPECT_TRUE(g_cancellable_is_cancelled(external_src_get_cancellable(src)));
   EXPECT_FALSE(is_open(producer.consumer_fd));
 
   external_src_add_socket(src, late.consumer_fd, NAME);

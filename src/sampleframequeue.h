@@ -1,0 +1,64 @@
+#pragma once
+
+#include <glib.h>
+
+G_BEGIN_DECLS
+
+/**
+ * SAMPLE_FRAME_QUEUE_MAX_RUNNING:
+ *
+ * How many sample frames are converted at a time; the others wait.
+ */
+#define SAMPLE_FRAME_QUEUE_MAX_RUNNING 2
+
+/**
+ * SAMPLE_FRAME_QUEUE_MAX_SECONDS:
+ *
+ * How long a conversion may take. One that takes longer has failed, and the next one begins.
+ */
+#define SAMPLE_FRAME_QUEUE_MAX_SECONDS 10
+
+/**
+ * SAMPLE_FRAME_QUEUE_MAX_STUCK:
+ *
+ * How many conversions that took too long may still occupy a thread. With so many, the converter is taken to
+ * be broken: nothing is given to it until one of them returns.
+ */
+#define SAMPLE_FRAME_QUEUE_MAX_STUCK 8
+
+/**
+ * SAMPLE_FRAME_QUEUE_DESCRIPTORS:
+ *
+ * How many descriptors the pipeline of a conversion opens at most.
+ */
+#define SAMPLE_FRAME_QUEUE_DESCRIPTORS 8
+
+/**
+ * SAMPLE_FRAME_QUEUE_REST_MS:
+ *
+ * How long conversions rest when no descriptors can be reserved for one.
+ */
+#define SAMPLE_FRAME_QUEUE_REST_MS 250
+
+/**
+ * SampleFrameConversion:
+ *
+ * A conversion that waits or runs.
+ */
+typedef struct SampleFrameConversion SampleFrameConversion;
+
+/**
+ * SampleFrameFunc:
+ * @xml: (transfer none) (nullable): the sample frame as ONVIF XML, or %NULL when it could not be converted
+ * @user_data: what sample_frame_queue_add() was given
+ *
+ * Called in the main thread, at the end of the conversion.
+ */
+typedef void (*SampleFrameFunc)(const gchar *xml, gpointer user_data);
+
+SampleFrameConversion *sample_frame_queue_add(gchar *json, const gchar *producer_name, SampleFrameFunc func,
+                                              gpointer user_data);
+
+void sample_frame_queue_cancel(SampleFrameConversion *conversion);
+
+G_END_DECLS
