@@ -7,17 +7,21 @@
  * holds the configuration name; an empty or absent one means disabled. For a producer that is built in, the
  * groups are also the list of the channels that it supports, so disabling never removes a group.
  *
+ * A save writes the new content beside the file, under a name of this component's own, and renames it; so a
+ * reader never sees half a file. One process at a time may use a file: a second one would take the other's
+ * new content for something left behind.
+ *
  * One lock guards the key file, also while it is written and synced. It is taken last: nothing that is called
  * under it takes another one. Set-up and release come before and after every other use and take none.
  */
 #include "producerconfig.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <glib/gstdio.h>
 #include <string_view>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -42,57 +46,20 @@ format_group(const gchar *producer, guint32 channel)
   return g_strdup_printf("Producers.%u.%s", channel - 1, producer);
 }
 
-/* Of what GLib names a file that it is writing: the file's own name, ".", and six of these. */
-constexpr std::string_view TEMPORARY_LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-constexpr std::string_view DIGITS = "0123456789";
-constexpr gsize TEMPORARY_SUFFIX_SIZE = 6;
-
-/* A suffix that people give too: a date, or the one word that fits. What GLib named so by chance stays. */
-gboolean
-is_given_by_people(std::string_view suffix)
+/* Nobody else makes a file of this name, so that it can be removed and written over unasked. */
+gchar *
+make_temporary_path()
 {
-  return suffix.find_first_not_of(DIGITS) == std::string_view::npos || suffix == "BACKUP";
+  return g_strconcat(config.path, PRODUCER_CONFIG_TEMPORARY_SUFFIX, nullptr);
 }
 
-gboolean
-is_temporary_name(std::string_view name, std::string_view file_name)
-{
-  if (name.size() != file_name.size() + 1 + TEMPORARY_SUFFIX_SIZE || !name.starts_with(file_name) ||
-      name[file_name.size()] != '.') {
-    return FALSE;
-  }
-  const std::string_view suffix = name.substr(file_name.size() + 1);
-  return suffix.find_first_not_of(TEMPORARY_LETTERS) == std::string_view::npos && !is_given_by_people(suffix);
-}
-
-gboolean
-is_own_file(const gchar *path)
-{
-  GStatBuf info = {};
-
-  return g_lstat(path, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid();
-}
-
-/* A save that was killed leaves the new content behind under GLib's temporary name. Nobody reads that, and
- * nobody misses it. It is no failure when it stays. */
+/* A save that was killed leaves its new content behind, whole or not. It is no failure when that stays. */
 void
-remove_leftovers(const gchar *path)
+remove_leftover()
 {
-  g_autofree gchar *dir_name = g_path_get_dirname(path);
-  g_autofree gchar *file_name = g_path_get_basename(path);
-  g_autoptr(GDir) dir = g_dir_open(dir_name, 0, nullptr);
-  if (dir == nullptr) {
-    return;
-  }
+  g_autofree gchar *temporary = make_temporary_path();
 
-  const gchar *name = nullptr;
-  for (guint i = 0; i < PRODUCER_CONFIG_MAX_SCANNED_ENTRIES && (name = g_dir_read_name(dir)) != nullptr;
-       i++) {
-    g_autofree gchar *entry = g_build_filename(dir_name, name, nullptr);
-    if (is_temporary_name(name, file_name) && is_own_file(entry)) {
-      g_unlink(entry);
-    }
-  }
+  g_unlink(temporary);
 }
 
 /* GLib takes these names only, and takes anything else for a mistake in the program. */
@@ -142,25 +109,84 @@ set_file_error(GError **error, const gchar *format, ...)
 }
 
 gboolean
-sync_and_close(int fd, const gchar *dir, GError **error)
+write_all(int fd, const gchar *path, std::string_view data, GError **error)
+{
+  while (!data.empty()) {
+    const ssize_t written = write(fd, data.data(), data.size());
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written < 0) {
+      set_file_error(error, "Failed to write '%s': %s", path, g_strerror(errno));
+      return FALSE;
+    }
+    data.remove_prefix(static_cast<gsize>(written));
+  }
+  return TRUE;
+}
+
+gboolean
+sync_and_close(int fd, const gchar *path, GError **error)
 {
   if (fsync(fd) < 0) {
-    set_file_error(error, "Failed to sync '%s': %s", dir, g_strerror(errno));
+    set_file_error(error, "Failed to sync '%s': %s", path, g_strerror(errno));
     close(fd);
     return FALSE;
   }
   if (close(fd) < 0) {
-    set_file_error(error, "Failed to close fd (%d) for %s: %s", fd, dir, g_strerror(errno));
+    set_file_error(error, "Failed to close fd (%d) for %s: %s", fd, path, g_strerror(errno));
     return FALSE;
   }
   return TRUE;
 }
 
+/* The mode is the one that GLib's own functions give. */
+gboolean
+write_new_file(const gchar *path, std::string_view data, GError **error)
+{
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+
+  if (fd < 0) {
+    set_file_error(error, "Failed to create '%s': %s", path, g_strerror(errno));
+    return FALSE;
+  }
+  if (!write_all(fd, path, data, error)) {
+    close(fd);
+    return FALSE;
+  }
+  return sync_and_close(fd, path, error);
+}
+
+gboolean
+rename_to_file(const gchar *path, GError **error)
+{
+  if (rename(path, config.path) < 0) {
+    set_file_error(error, "Failed to rename '%s' to '%s': %s", path, config.path, g_strerror(errno));
+    return FALSE;
+  }
+  return TRUE;
+}
+
+gboolean
+replace_file(GError **error)
+{
+  g_autofree gchar *temporary = make_temporary_path();
+  gsize length = 0;
+  g_autofree gchar *data = g_key_file_to_data(config.key_file, &length, nullptr);
+
+  g_unlink(temporary);
+  if (write_new_file(temporary, {data, length}, error) && rename_to_file(temporary, error)) {
+    return TRUE;
+  }
+  g_unlink(temporary);
+  return FALSE;
+}
+
 /* Only then does the replacement outlive a loss of power. */
 gboolean
-sync_folder(const gchar *path, GError **error)
+sync_folder(GError **error)
 {
-  g_autofree gchar *dir = g_path_get_dirname(path);
+  g_autofree gchar *dir = g_path_get_dirname(config.path);
   const int fd = open(dir, O_RDONLY | O_CLOEXEC);
 
   if (fd < 0) {
@@ -173,7 +199,7 @@ sync_folder(const gchar *path, GError **error)
 gboolean
 save(GError **error)
 {
-  return g_key_file_save_to_file(config.key_file, config.path, error) && sync_folder(config.path, error);
+  return replace_file(error) && sync_folder(error);
 }
 
 /* The channel of a group, or 0 when its index is malformed. Only what stands between the first two dots is
@@ -200,7 +226,8 @@ parse_channel(const gchar *group)
  * @path: (transfer none): the file, which must exist; kept until producer_config_free()
  *
  * Loads the file. A file that is missing or malformed is fatal to the daemon, which never creates it. What a
- * killed save left beside the file is removed. Main thread, before every other use.
+ * killed save left beside the file, under its name and #PRODUCER_CONFIG_TEMPORARY_SUFFIX, is removed. Main
+ * thread, before every other use.
  *
  * Warnings: "could not load producer config from '%s': %s". `errno` then tells what the system met, or EINVAL
  * when it is the content that is wrong.
@@ -223,7 +250,7 @@ producer_config_setup(const gchar *path)
     errno = error_number;
     return FALSE;
   }
-  remove_leftovers(path);
+  remove_leftover();
   return TRUE;
 }
 

@@ -5,11 +5,12 @@
 G_BEGIN_DECLS
 
 /**
- * PRODUCER_CONFIG_MAX_SCANNED_ENTRIES:
+ * PRODUCER_CONFIG_TEMPORARY_SUFFIX:
  *
- * How many entries of the file's folder are looked at for what a killed save left behind.
+ * What the file's name is extended by while its new content is written. A file of that name is the daemon's,
+ * which removes it at its start and writes over it.
  */
-#define PRODUCER_CONFIG_MAX_SCANNED_ENTRIES 1000
+#define PRODUCER_CONFIG_TEMPORARY_SUFFIX ".tessard-new"
 
 gboolean producer_config_setup(const gchar *path);
 

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <gio/gio.h>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -18,8 +19,9 @@ namespace
 {
 
 std::mutex lock;
-std::set<faults::Call> failing_calls;
-std::set<int> failing_closes;
+/* Each with how many calls come before the one that fails. */
+std::map<faults::Call, unsigned> failing_calls;
+std::map<int, unsigned> failing_closes;
 std::set<std::string> failing_signals;
 std::atomic<int> accept_error_number = 0;
 std::atomic<unsigned> accept_count = 0;
@@ -31,12 +33,24 @@ std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
 std::function<void(gulong)> rest_hook;
 
+template <typename Key>
+bool
+take_failure_of(std::map<Key, unsigned> *failing, Key key)
+{
+  std::lock_guard guard(lock);
+  const auto found = failing->find(key);
+
+  if (found == failing->end() || found->second-- > 0) {
+    return false;
+  }
+  failing->erase(found);
+  return true;
+}
+
 bool
 take_failure(faults::Call call)
 {
-  std::lock_guard guard(lock);
-
-  return failing_calls.erase(call) > 0;
+  return take_failure_of(&failing_calls, call);
 }
 
 bool
@@ -76,19 +90,19 @@ namespace faults
 {
 
 void
-fail_next(Call call)
+fail_next(Call call, unsigned skipped)
 {
   std::lock_guard guard(lock);
 
-  failing_calls.insert(call);
+  failing_calls[call] = skipped;
 }
 
 void
-fail_close_of(int fd)
+fail_close_of(int fd, unsigned skipped)
 {
   std::lock_guard guard(lock);
 
-  failing_closes.insert(fd);
+  failing_closes[fd] = skipped;
 }
 
 void
@@ -203,8 +217,8 @@ int __real_open64(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
 void __real_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
 void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
-gboolean __real_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
-gboolean __wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error);
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to);
 guint __real_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
                                     GDestroyNotify notify);
 guint __wrap_gst_bus_add_watch_full(GstBus *bus, gint priority, GstBusFunc function, gpointer user_data,
@@ -265,11 +279,7 @@ int
 __wrap_close(int fd)
 {
   keep_file_call("close", std::to_string(fd));
-  bool fails = false;
-  {
-    std::lock_guard guard(lock);
-    fails = failing_closes.erase(fd) > 0;
-  }
+  const bool fails = take_failure_of(&failing_closes, fd);
   const int result = __real_close(fd);
 
   if (fails) {
@@ -298,11 +308,11 @@ __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, 
   __real_g_dbus_method_invocation_return_value(invocation, value);
 }
 
-gboolean
-__wrap_g_key_file_save_to_file(GKeyFile *key_file, const gchar *path, GError **error)
+int
+__wrap_rename(const char *from, const char *to)
 {
-  keep_file_call("save", path);
-  return __real_g_key_file_save_to_file(key_file, path, error);
+  keep_file_call("rename", to);
+  return __real_rename(from, to);
 }
 
 int

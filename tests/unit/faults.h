@@ -26,11 +26,12 @@ enum class Call {
   TRY_MALLOC0,
 };
 
-/* Makes the next such call fail. */
-void fail_next(Call call);
+/* Makes the next such call fail, behind so many that do not. */
+void fail_next(Call call, unsigned skipped = 0);
 
-/* Makes the next close of this descriptor close it and report a failure with EIO. */
-void fail_close_of(int fd);
+/* Makes the next close of this descriptor, behind so many that do not fail, close it and report a failure
+ * with EIO. */
+void fail_close_of(int fd, unsigned skipped = 0);
 
 /* Counts the calls of accept4(), and makes them all fail, as long as this object lives. There is one at a
  * time.

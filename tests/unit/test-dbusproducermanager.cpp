@@ -344,7 +344,7 @@ protected:
     faults::keep_file_calls();
     function();
     return std::ranges::count_if(faults::take_file_calls(),
-                                 [](const std::string &call) { return call.starts_with("save "); });
+                                 [](const std::string &call) { return call.starts_with("rename "); });
   }
 
   AnalyticsProducerList *producers_ = nullptr;
@@ -620,8 +620,8 @@ TEST_F(DBusProducerManagerTest, LetsTheLastTupleOfAChannelWin)
 
 TEST_F(DBusProducerManagerTest, AnswersWhenEveryChangeIsOnDisk)
 {
-  const Texts two_saves_and_reply = {"save", "open",  "fsync", "close", "save",
-                                     "open", "fsync", "close", "reply"};
+  const Texts two_saves_and_reply = {"open",  "fsync", "close",  "rename", "open",  "fsync", "close", "open",
+                                     "fsync", "close", "rename", "open",   "fsync", "close", "reply"};
   acquire();
   add("One");
 
@@ -643,7 +643,7 @@ TEST_F(DBusProducerManagerTest, AnswersWhenAChangeCannotBeWritten)
 {
   acquire();
   add("One");
-  faults::fail_next(faults::Call::FSYNC);
+  faults::fail_next(faults::Call::FSYNC, 1);
 
   EXPECT_EQ(set_channels("One", "[(1, true, 'a')]"), DONE);
   EXPECT_EQ(testhost::take_syslog(),
