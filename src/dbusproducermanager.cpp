@@ -18,6 +18,7 @@
 #include "dbusproducermanager.h"
 
 #include "metadataserver1.h"
+#include "producerconfig.h"
 
 #include <cstring>
 #include <syslog.h>
@@ -106,6 +107,45 @@ supports_all(AnalyticsProducer *producer, GVariant *channels)
   return TRUE;
 }
 
+/* The name in a tuple that disables is ignored, however long it is. */
+gboolean
+names_fit(GVariant *channels)
+{
+  GVariantIter iter;
+  gboolean enabled = FALSE;
+  const gchar *name = nullptr;
+
+  g_variant_iter_init(&iter, channels);
+  while (g_variant_iter_next(&iter, "(ib&s)", nullptr, &enabled, &name)) {
+    if (enabled && strlen(name) > PRODUCER_CONFIG_MAX_NAME_BYTES) {
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+void
+set_name_error(GError **error)
+{
+  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED, "Configuration name is longer than %d bytes",
+              PRODUCER_CONFIG_MAX_NAME_BYTES);
+}
+
+gboolean
+validate_channels(AnalyticsProducer *producer, GVariant *channels, GError **error)
+{
+  if (!supports_all(producer, channels)) {
+    g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_FAILED,
+                        "Tried to enable/disable producer on non-supported channel");
+    return FALSE;
+  }
+  if (!names_fit(channels)) {
+    set_name_error(error);
+    return FALSE;
+  }
+  return TRUE;
+}
+
 void
 apply(AnalyticsProducer *producer, GVariant *channels)
 {
@@ -143,12 +183,14 @@ struct Change {
   Change &operator=(const Change &) = delete;
 };
 
-/* A missing producer outweighs an unsupported channel, wherever the two are. */
+/* A missing producer outweighs an unsupported channel, and that a name that is too long, wherever they are.
+ */
 gboolean
-validate(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
+validate_producers(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
 {
   GVariantIter iter;
   gboolean all_supported = TRUE;
+  gboolean all_fit = TRUE;
 
   g_variant_iter_init(&iter, wanted);
   while (g_autoptr(GVariant) entry = g_variant_iter_next_value(&iter)) {
@@ -159,12 +201,17 @@ validate(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
       return FALSE;
     }
     all_supported = all_supported && supports_all(change.producer, change.channels);
+    all_fit = all_fit && names_fit(change.channels);
   }
   if (!all_supported) {
     g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
                         "Videochannel is not supported on producer");
+    return FALSE;
   }
-  return all_supported;
+  if (!all_fit) {
+    set_name_error(error);
+  }
+  return all_fit;
 }
 
 /* What can be applied is, and stays so when something else cannot. */
@@ -205,9 +252,9 @@ static gboolean
 on_handle_set_channels_enabled(MetadataServer1Producer *skeleton, GDBusMethodInvocation *invocation,
                                GVariant *enabled_channels, AnalyticsProducer *producer)
 {
-  if (!supports_all(producer, enabled_channels)) {
-    g_autoptr(GError) error = g_error_new_literal(
-        G_DBUS_ERROR, G_DBUS_ERROR_FAILED, "Tried to enable/disable producer on non-supported channel");
+  g_autoptr(GError) error = nullptr;
+
+  if (!validate_channels(producer, enabled_channels, &error)) {
     g_dbus_method_invocation_return_gerror(invocation, error);
     return TRUE;
   }
@@ -223,7 +270,8 @@ on_handle_set_producers_enabled(MetadataServer1ProducerManager *skeleton, GDBusM
   auto *producers = static_cast<AnalyticsProducerList *>(user_data);
   g_autoptr(GError) error = nullptr;
 
-  if (!validate(producers, enabled_producers, &error) || !apply_all(producers, enabled_producers, &error)) {
+  if (!validate_producers(producers, enabled_producers, &error) ||
+      !apply_all(producers, enabled_producers, &error)) {
     g_dbus_method_invocation_return_gerror(invocation, error);
     return TRUE;
   }

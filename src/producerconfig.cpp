@@ -28,6 +28,7 @@
 namespace
 {
 
+constexpr const char *GROUP_PREFIX = "Producers.";
 constexpr const char *NAME_KEY = "Name";
 
 struct ProducerConfig {
@@ -43,7 +44,7 @@ ProducerConfig config;
 gchar *
 format_group(const gchar *producer, guint32 channel)
 {
-  return g_strdup_printf("Producers.%u.%s", channel - 1, producer);
+  return g_strdup_printf("%s%u.%s", GROUP_PREFIX, channel - 1, producer);
 }
 
 /* Nobody else makes a file of this name, so that it can be removed and written over unasked. */
@@ -60,6 +61,29 @@ remove_leftover()
   g_autofree gchar *temporary = make_temporary_path();
 
   g_unlink(temporary);
+}
+
+gboolean
+has_long_name(const gchar *group)
+{
+  g_autofree gchar *name = g_key_file_get_string(config.key_file, group, NAME_KEY, nullptr);
+
+  return name != nullptr && strlen(name) > PRODUCER_CONFIG_MAX_NAME_BYTES;
+}
+
+/* GLib lists a group as often as it stands in the file. */
+void
+warn_of_long_names()
+{
+  g_auto(GStrv) groups = g_key_file_get_groups(config.key_file, nullptr);
+  g_autoptr(GHashTable) seen = g_hash_table_new(g_str_hash, g_str_equal);
+
+  for (gchar **group = groups; *group != nullptr; group++) {
+    if (g_str_has_prefix(*group, GROUP_PREFIX) && g_hash_table_add(seen, *group) && has_long_name(*group)) {
+      syslog(LOG_WARNING, "configuration name longer than %d bytes in producers.conf: %s",
+             PRODUCER_CONFIG_MAX_NAME_BYTES, *group);
+    }
+  }
 }
 
 /* GLib takes these names only, and takes anything else for a mistake in the program. */
@@ -230,7 +254,8 @@ parse_channel(const gchar *group)
  * thread, before every other use.
  *
  * Warnings: "could not load producer config from '%s': %s". `errno` then tells what the system met, or EINVAL
- * when it is the content that is wrong.
+ * when it is the content that is wrong. "configuration name longer than %d bytes in producers.conf: %s" for
+ * each group whose name exceeds #PRODUCER_CONFIG_MAX_NAME_BYTES; the name counts as it is.
  *
  * Returns: whether the file is loaded
  */
@@ -250,6 +275,7 @@ producer_config_setup(const gchar *path)
     errno = error_number;
     return FALSE;
   }
+  warn_of_long_names();
   remove_leftover();
   return TRUE;
 }

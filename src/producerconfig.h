@@ -12,6 +12,14 @@ G_BEGIN_DECLS
  */
 #define PRODUCER_CONFIG_TEMPORARY_SUFFIX ".tessard-new"
 
+/**
+ * PRODUCER_CONFIG_MAX_NAME_BYTES:
+ *
+ * How long a configuration name may be that is asked for on the bus, where all names together have to fit
+ * into one message. The file may hold longer ones.
+ */
+#define PRODUCER_CONFIG_MAX_NAME_BYTES 256
+
 gboolean producer_config_setup(const gchar *path);
 
 void producer_config_free(void);

@@ -4,17 +4,19 @@ import signal
 import threading
 
 import pytest
-from gi.repository import GLib
+from gi.repository import Gio, GLib
 
 from busclient import BusClient, error_text
 from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINES, NOTHING_ASKED, RADAR_TRACKER,
-                    VIDEO_TRACKER)
-from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN
+                    VIDEO_TRACKER, WARNING, producers_enabled)
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit)
 from simcamera import CAPTURE
 from tool import NAME, Tool, path_of
 from waiting import BOUND_SECONDS, wait_until
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
+
+NAME_BYTES = documented_limit("producerconfig.h", "PRODUCER_CONFIG_MAX_NAME_BYTES")
 
 SCENES = "analytics=1\nvideo_channel=1\n"
 
@@ -132,6 +134,42 @@ def test_refused_calls_change_nothing(daemon, tool):
         tool.set_producers({"Nobody": [], VIDEO_TRACKER: [(1, True, "x")]})
     assert error_text(failed.value) == "Producer with specified name does not exist"
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
+
+
+# Two such names would not fit into one message.
+HUGE_NAME = "x" * (17 * 1024 * 1024)
+
+
+def test_huge_names_are_refused_and_the_bus_keeps_the_daemon(daemon, tool):
+    before = daemon.producers_conf.read_text(encoding="utf-8")
+
+    for change in (lambda: tool.set_channels(VIDEO_TRACKER, (1, True, HUGE_NAME)),
+                   lambda: tool.set_producers({RADAR_TRACKER: [(1, True, HUGE_NAME)]})):
+        with pytest.raises(GLib.Error) as failed:
+            change()
+        assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.LimitsExceeded"
+        assert error_text(failed.value) == f"Configuration name is longer than {NAME_BYTES} bytes"
+    assert tool.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
+    assert set(told(tool).values()) == {""}
+    assert daemon.producers_conf.read_text(encoding="utf-8") == before
+
+
+def test_longest_name_is_taken(daemon, tool):
+    name = "ü" * (NAME_BYTES // 2)
+    tool.set_channels(VIDEO_TRACKER, (1, True, name))
+
+    assert told(tool)[VIDEO_TRACKER, 1] == name
+    assert stored(daemon)[VIDEO_TRACKER, 1] == name
+
+
+def test_longer_name_in_the_file_is_used_and_told(launch, tool):
+    name = "x" * (NAME_BYTES + 1)
+    daemon = launch(plugins=PLUGINS, producers=producers_enabled({(VIDEO_TRACKER, 1): name}))
+    daemon.start_lines.insert(1, (WARNING, f"configuration name longer than {NAME_BYTES} bytes in producers.conf: "
+                                           f"Producers.0.{VIDEO_TRACKER}"))
+    daemon.wait_until_ready()
+
+    assert tool.channels(VIDEO_TRACKER) == [(1, True, name), (2, False, "")]
 
 
 # Many calls

@@ -45,6 +45,11 @@ constexpr const char *NOT_SUPPORTED_ON_PRODUCER =
 constexpr const char *NOT_APPLIED =
     "org.freedesktop.DBus.Error.Failed: Failed to apply configuration to producer";
 
+constexpr const char *NAME_TOO_LONG =
+    "org.freedesktop.DBus.Error.LimitsExceeded: Configuration name is longer than 256 bytes";
+
+const std::string TOO_LONG(PRODUCER_CONFIG_MAX_NAME_BYTES + 1, 'x');
+
 constexpr const char *DONE = "()";
 
 /* A folder whose files cost no disk's time, where there is one. */
@@ -56,6 +61,17 @@ std::string
 path_of(const std::string &producer)
 {
   return ROOT + "/"s + producer;
+}
+
+std::string
+repeat(const std::string &text, gsize count)
+{
+  std::string repeated;
+
+  for (gsize i = 0; i < count; i++) {
+    repeated += text;
+  }
+  return repeated;
 }
 
 SyslogLine
@@ -669,21 +685,93 @@ TEST_F(DBusProducerManagerTest, TakesNoNegativeOrUnknownChannelForASupportedOne)
   EXPECT_EQ(channels("One"), "(<[(1, false, ''), (2147483647, true, 'x')]>,)");
 }
 
-TEST_F(DBusProducerManagerTest, StoresAVeryLongNameWhole)
+TEST_F(DBusProducerManagerTest, StoresTheLongestNameWhole)
 {
-  const std::string name = std::string(1024UL * 1024UL, 'x') + "\n=[]ü";
+  const std::string name = std::string(252, 'x') + "=[]\"";
+  ASSERT_EQ(name.size(), PRODUCER_CONFIG_MAX_NAME_BYTES);
   acquire();
-  AnalyticsProducer *producer = add("One");
+  add("One");
 
-  EXPECT_EQ(tool_->call(method(path_of("One"), PRODUCER, "SetChannelsEnabled",
-                               g_variant_new_parsed("([(1, true, %s)],)", name.c_str()))),
-            DONE);
-  g_autofree gchar *stored = nullptr;
-  EXPECT_TRUE(analytics_producer_get_channel_enabled(producer, 1, &stored));
-  EXPECT_EQ(stored, name);
+  EXPECT_EQ(set_channels("One", "[(1, true, '" + name + "')]"), DONE);
+  EXPECT_EQ(channels("One"), "(<[(1, true, '" + name + "'), (2, false, '')]>,)");
   g_autofree gchar *configured = producer_config_get_name("One", 1);
   EXPECT_EQ(configured, name);
-  EXPECT_NE(channels("One").find(std::string(1024UL * 1024UL, 'x')), std::string::npos);
+  EXPECT_EQ(set_producers("{'One': [(2, true, '" + name + "')]}"), DONE);
+  EXPECT_EQ(channels("One"), "(<[(1, true, '" + name + "'), (2, true, '" + name + "')]>,)");
+}
+
+TEST_F(DBusProducerManagerTest, RefusesANameThatIsTooLong)
+{
+  const std::string characters = repeat("ü", PRODUCER_CONFIG_MAX_NAME_BYTES / 2) + "x";
+  ASSERT_EQ(TOO_LONG.size(), PRODUCER_CONFIG_MAX_NAME_BYTES + 1);
+  ASSERT_EQ(characters.size(), PRODUCER_CONFIG_MAX_NAME_BYTES + 1) << "what counts is bytes";
+  acquire();
+  add("One");
+  add("Two");
+  take_signals();
+
+  EXPECT_EQ(saves([&] {
+              for (const std::string &name : {TOO_LONG, characters}) {
+                const std::string enable = "(1, true, '" + name + "')";
+                EXPECT_EQ(set_channels("One", "[" + enable + "]"), NAME_TOO_LONG);
+                EXPECT_EQ(set_channels("One", "[(2, true, 'x'), " + enable + "]"), NAME_TOO_LONG);
+                EXPECT_EQ(set_channels("One", "[" + enable + ", (1, false, '')]"), NAME_TOO_LONG);
+                EXPECT_EQ(set_producers("{'One': [(1, true, 'x')], 'Two': [" + enable + "]}"), NAME_TOO_LONG);
+                EXPECT_EQ(set_producers("{'One': [" + enable + "], 'Two': [(1, true, 'x')]}"), NAME_TOO_LONG);
+              }
+            }),
+            0U);
+  EXPECT_EQ(channels("One"), "(<"s + BOTH_DISABLED + ">,)");
+  EXPECT_EQ(channels("Two"), "(<"s + BOTH_DISABLED + ">,)");
+  EXPECT_EQ(content(), "# producers\n");
+  EXPECT_EQ(take_signals(), Texts());
+}
+
+TEST_F(DBusProducerManagerTest, ReportsEverythingElseBeforeANameThatIsTooLong)
+{
+  const std::string enable = "(1, true, '" + TOO_LONG + "')";
+  acquire();
+  add("One");
+  add("Two", {2});
+
+  EXPECT_EQ(set_channels("One", "[" + enable + ", (3, false, '')]"), NOT_SUPPORTED);
+  EXPECT_EQ(set_channels("One", "[(3, true, '" + TOO_LONG + "')]"), NOT_SUPPORTED);
+  EXPECT_EQ(set_producers("{'One': [" + enable + "], 'Nobody': []}"), NO_PRODUCER);
+  EXPECT_EQ(set_producers("{'Nobody': [" + enable + "]}"), NO_PRODUCER);
+  EXPECT_EQ(set_producers("{'One': [" + enable + "], 'Two': [(1, false, '')]}"), NOT_SUPPORTED_ON_PRODUCER);
+  EXPECT_EQ(set_producers("{'Two': [" + enable + "], 'One': []}"), NOT_SUPPORTED_ON_PRODUCER);
+}
+
+TEST_F(DBusProducerManagerTest, IgnoresTheNameInATupleThatDisablesHoweverLongItIs)
+{
+  acquire();
+  add("One");
+  set_channels("One", "[(1, true, 'x'), (2, true, 'x')]");
+
+  EXPECT_EQ(set_channels("One", "[(1, false, '" + TOO_LONG + "')]"), DONE);
+  EXPECT_EQ(set_producers("{'One': [(2, false, '" + TOO_LONG + "')]}"), DONE);
+  EXPECT_EQ(channels("One"), "(<"s + BOTH_DISABLED + ">,)");
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=\n\n[Producers.1.One]\nName=\n");
+}
+
+TEST_F(DBusProducerManagerTest, ShowsALongNameThatStandsInTheFile)
+{
+  producer_config_free();
+  std::ofstream(file_) << "[Producers.0.One]\nName=" + TOO_LONG + "\n";
+  ASSERT_TRUE(producer_config_setup(file_.c_str()));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "configuration name longer than 256 bytes in producers.conf: "
+                                       "Producers.0.One"}}));
+  acquire();
+  add("One");
+  EXPECT_EQ(channels("One"), "(<[(1, true, '" + TOO_LONG + "'), (2, false, '')]>,)");
+
+  EXPECT_EQ(set_channels("One", "[(2, true, 'x')]"), DONE);
+  EXPECT_EQ(set_channels("One", "[(1, true, '" + TOO_LONG + "')]"), NAME_TOO_LONG);
+  EXPECT_EQ(channels("One"), "(<[(1, true, '" + TOO_LONG + "'), (2, true, 'x')]>,)");
+  remove("One");
+  add("One");
+  EXPECT_EQ(channels("One"), "(<[(1, true, '" + TOO_LONG + "'), (2, true, 'x')]>,)");
 }
 
 TEST_F(DBusProducerManagerTest, TakesAnEmptyNameAsItIs)

@@ -107,6 +107,12 @@ private:
   rlimit saved_ = {};
 };
 
+SyslogLine
+long_name(const std::string &group)
+{
+  return warning("configuration name longer than 256 bytes in producers.conf: " + group);
+}
+
 /* The number that the next descriptor gets. */
 int
 next_descriptor()
@@ -371,6 +377,30 @@ TEST_F(ProducerConfigTest, ReadsATranslationAsDisabled)
   EXPECT_EQ(get_name("Any", 1), std::nullopt);
 }
 
+TEST_F(ProducerConfigTest, WarnsOnceOfALongNameAndUsesIt)
+{
+  const std::string longest(PRODUCER_CONFIG_MAX_NAME_BYTES, 'x');
+  /* In the file blanks at the beginning take two bytes each. */
+  const std::string longest_escaped = "\\s" + longest.substr(1);
+  const std::string too_long = longest + "x";
+  load("[Producers.0.Any]\nName=" + too_long + "\n[Producers.1.Any]\nName=" + longest +
+       "\n[Producers.2.Any]\nName=" + longest_escaped + "\n[Producers.3.Any]\nOther=" + too_long +
+       "\n[Other.0.Any]\nName=" + too_long + "\n[Producers.x.Any]\nName=" + longest.substr(1) +
+       "\u00fc\n[Producers.0.Any]\nName=" + too_long + "\n");
+
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{long_name("Producers.0.Any"), long_name("Producers.x.Any")}));
+  EXPECT_EQ(get_name("Any", 1), too_long);
+  EXPECT_EQ(get_name("Any", 1), too_long);
+  EXPECT_EQ(get_name("Any", 2), longest);
+  producer_config_set_name("Any", 5, "profile");
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+
+  reload();
+  EXPECT_EQ(get_name("Any", 1), too_long);
+  EXPECT_EQ(testhost::take_syslog().size(), 2U);
+}
+
 TEST_F(ProducerConfigTest, UndoesEscapesAndTakesUnknownOnesAsTheyStand)
 {
   load("[Producers.0.Any]\nName=\\stwo\\nlines\\\\\n[Producers.1.Any]\nName=\\x\n");
@@ -576,9 +606,19 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair("NonAscii", "Gr\u00fc\u00dfe \u20ac \U0001f4f7"s),
                     std::pair("ControlCharacters", "a\x01\x1b\x7f\v\f"s),
                     std::pair("LineSeparators", "a\u2028b\u2029c\u0085"s),
-                    std::pair("ByteOrderMark", "\ufeffx"s),
-                    std::pair("VeryLong", std::string(1024 * 1024, 'x'))),
+                    std::pair("ByteOrderMark", "\ufeffx"s)),
     [](const auto &example) { return std::string(example.param.first); });
+
+TEST_F(ProducerConfigTest, CarriesAVeryLongName)
+{
+  const std::string name(1024 * 1024, 'x');
+  load("");
+  producer_config_set_name("Any", 1, name.c_str());
+  reload();
+
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{long_name("Producers.0.Any")});
+  EXPECT_EQ(get_name("Any", 1), name);
+}
 
 TEST_F(ProducerConfigTest, LosesFormFeedsAtTheBeginningOfAName)
 {
@@ -1054,7 +1094,19 @@ namespace
 constexpr int CHANGES = 500;
 constexpr int CHANGED_CHANNELS = 7;
 /* Several blocks, so that half a file would be noticed. */
-constexpr gsize FILLING = 20000;
+constexpr guint32 FILLED_CHANNELS = 80;
+const std::string FILLING(PRODUCER_CONFIG_MAX_NAME_BYTES, 'x');
+
+std::string
+filling_content()
+{
+  std::string content;
+
+  for (guint32 i = 0; i < FILLED_CHANNELS; i++) {
+    content += "[Producers." + std::to_string(i) + ".Filling]\nName=" + FILLING + "\n";
+  }
+  return content;
+}
 
 /* The names of all channels after so many changes. */
 Texts
@@ -1131,12 +1183,11 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
 {
   constexpr int ROUNDS = 200;
   constexpr int MAX_ROUNDS = 500;
-  const std::string filling(FILLING, 'x');
   std::mt19937 random(std::random_device{}());
   int rounds_with_leftover = 0;
 
   for (int round = 0; round < ROUNDS || (rounds_with_leftover == 0 && round < MAX_ROUNDS); round++) {
-    write("[Producers.0.Filling]\nName=" + filling + "\n");
+    write(filling_content());
     const int done = change_names_until_killed(file_, static_cast<int>(random() % 20),
                                                static_cast<gint64>(random() % 3000));
     ASSERT_LT(done, CHANGES);
@@ -1149,7 +1200,9 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
     }
     EXPECT_TRUE(names == names_after(done) || names == names_after(done + 1))
         << testing::PrintToString(names) << " after " << done << " changes";
-    EXPECT_EQ(get_name("Filling", 1), filling);
+    for (guint32 channel = 1; channel <= FILLED_CHANNELS; channel++) {
+      ASSERT_EQ(get_name("Filling", channel), FILLING);
+    }
     EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
     unload();
   }
