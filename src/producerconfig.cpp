@@ -11,8 +11,12 @@
  * reader never sees half a file. One process at a time may use a file: a second one would take the other's
  * new content for something left behind.
  *
- * One lock guards the key file, also while it is written and synced. It is taken last: nothing that is called
- * under it takes another one. Set-up and release come before and after every other use and take none.
+ * As long as the file is older than memory, because a save failed, a time-out of the default main context
+ * saves again. Any save that succeeds ends it, on whichever thread.
+ *
+ * One lock guards the key file, also while it is written and synced, and the time-out's id. It is taken last:
+ * nothing that is called under it takes another one. Set-up and release come before and after every other use
+ * and take none.
  */
 #include "producerconfig.h"
 
@@ -35,6 +39,7 @@ struct ProducerConfig {
   GMutex lock;
   const gchar *path; /* the caller's */
   GKeyFile *key_file;
+  guint retry_id; /* 0 unless the file is older than memory */
 };
 
 ProducerConfig config;
@@ -226,6 +231,12 @@ save(GError **error)
   return replace_file(error) && sync_folder(error);
 }
 
+void
+stop_retrying()
+{
+  g_clear_handle_id(&config.retry_id, g_source_remove);
+}
+
 /* The channel of a group, or 0 when its index is malformed. Only what stands between the first two dots is
  * looked at: what comes before the first is never checked, and nothing at all counts as index 0. Deliberate
  * and kept. */
@@ -244,6 +255,32 @@ parse_channel(const gchar *group)
 }
 
 } // namespace
+
+/* While it waited for the lock, another thread may have saved and ended the time-out. */
+static gboolean
+on_retry(gpointer)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+
+  if (config.retry_id != 0 && save(nullptr)) {
+    stop_retrying();
+    syslog(LOG_INFO, "wrote to producerconfig what could not be written before");
+  }
+  return G_SOURCE_CONTINUE;
+}
+
+static gboolean
+save_or_retry(GError **error)
+{
+  if (save(error)) {
+    stop_retrying();
+    return TRUE;
+  }
+  if (config.retry_id == 0) {
+    config.retry_id = g_timeout_add_seconds(PRODUCER_CONFIG_RETRY_SECONDS, on_retry, nullptr);
+  }
+  return FALSE;
+}
 
 /**
  * producer_config_setup:
@@ -283,11 +320,13 @@ producer_config_setup(const gchar *path)
 /**
  * producer_config_free:
  *
- * Undoes producer_config_setup(). Main thread, after every other use.
+ * Undoes producer_config_setup(). A file that could not be written is not tried again. Main thread, after
+ * every other use.
  */
 void
 producer_config_free(void)
 {
+  stop_retrying();
   g_clear_pointer(&config.key_file, g_key_file_unref);
   g_mutex_clear(&config.lock);
 }
@@ -325,10 +364,13 @@ producer_config_get_name(const gchar *producer, guint32 channel)
  *   disable it. An empty name is stored like %NULL, and so reads as disabled at the next start.
  *
  * Changes one channel, and replaces the whole file by what is in memory; blocks until that is durable. When
- * the file cannot be written, memory keeps the change and the next write brings it to the file. A @producer
- * that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Of all text, form
- * feeds at the beginning of @name alone do not survive the file: GLib neither escapes nor reads them. Any
- * thread.
+ * the file cannot be written, memory keeps the change, and the next write brings it to the file: that of
+ * another change, or the default main context's every #PRODUCER_CONFIG_RETRY_SECONDS, which says "wrote to
+ * producerconfig what could not be written before" at info priority when it has succeeded, and nothing when
+ * it has not. A
+ * @producer that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Of all
+ * text, form feeds at the beginning of @name alone do not survive the file: GLib neither escapes nor reads
+ * them. Any thread.
  *
  * Warnings: "could not write name to producerconfig: %s"
  */
@@ -341,7 +383,7 @@ producer_config_set_name(const gchar *producer, guint32 channel, const gchar *na
   g_autofree gchar *group = format_group(producer, channel);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
 
-  if (!set_value(group, name != nullptr ? name : "", &error) || !save(&error)) {
+  if (!set_value(group, name != nullptr ? name : "", &error) || !save_or_retry(&error)) {
     syslog(LOG_WARNING, "could not write name to producerconfig: %s", error->message);
   }
 }

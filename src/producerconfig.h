@@ -20,6 +20,13 @@ G_BEGIN_DECLS
  */
 #define PRODUCER_CONFIG_MAX_NAME_BYTES 256
 
+/**
+ * PRODUCER_CONFIG_RETRY_SECONDS:
+ *
+ * How often a file that could not be written is tried again.
+ */
+#define PRODUCER_CONFIG_RETRY_SECONDS 60
+
 gboolean producer_config_setup(const gchar *path);
 
 void producer_config_free(void);

@@ -3,6 +3,7 @@
 #include "connectionmanager.h"
 #include "requestchannel.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -32,6 +33,14 @@ std::function<void()> empty_read_hook;
 std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
 std::function<void(gulong)> rest_hook;
+
+struct TimeOut {
+  guint id;
+  guint seconds;
+};
+
+/* Nothing while seconds have their length. */
+std::optional<std::vector<TimeOut>> short_time_outs;
 
 template <typename Key>
 bool
@@ -146,6 +155,14 @@ take_file_calls()
   return std::exchange(file_calls, std::nullopt).value_or(std::vector<std::string>());
 }
 
+gsize
+file_calls_size()
+{
+  std::lock_guard guard(lock);
+
+  return file_calls.has_value() ? file_calls->size() : 0;
+}
+
 void
 divide_request_time(unsigned divisor)
 {
@@ -198,6 +215,42 @@ Rests::~Rests()
   rest_hook = nullptr;
 }
 
+ShortSeconds::ShortSeconds()
+{
+  std::lock_guard guard(lock);
+
+  short_time_outs.emplace();
+}
+
+ShortSeconds::~ShortSeconds()
+{
+  std::lock_guard guard(lock);
+
+  short_time_outs.reset();
+}
+
+std::vector<unsigned>
+ShortSeconds::begun() const
+{
+  std::lock_guard guard(lock);
+  std::vector<unsigned> lengths;
+
+  for (const TimeOut &time_out : *short_time_outs) {
+    lengths.push_back(time_out.seconds);
+  }
+  return lengths;
+}
+
+unsigned
+ShortSeconds::count() const
+{
+  std::lock_guard guard(lock);
+
+  return std::ranges::count_if(*short_time_outs, [](const TimeOut &time_out) {
+    return g_main_context_find_source_by_id(nullptr, time_out.id) != nullptr;
+  });
+}
+
 } // namespace faults
 
 /* The names are the linker's, and so is the wish that they be visible. */
@@ -245,6 +298,8 @@ gulong __real_g_signal_connect_object(gpointer instance, const gchar *signal, GC
                                       gpointer object, GConnectFlags flags);
 gulong __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback handler,
                                       gpointer object, GConnectFlags flags);
+guint __real_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
+guint __wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
 gpointer __real_g_try_malloc(gsize size);
 gpointer __wrap_g_try_malloc(gsize size);
 gpointer __real_g_try_malloc0(gsize size);
@@ -418,6 +473,19 @@ __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GCallback
   return take_signal_failure(signal)
              ? 0
              : __real_g_signal_connect_object(instance, signal, handler, object, flags);
+}
+
+guint
+__wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data)
+{
+  std::lock_guard guard(lock);
+
+  if (!short_time_outs.has_value()) {
+    return __real_g_timeout_add_seconds(seconds, function, user_data);
+  }
+  const guint id = g_timeout_add(seconds, function, user_data);
+  short_time_outs->push_back({id, seconds});
+  return id;
 }
 
 gpointer

@@ -58,6 +58,9 @@ void keep_file_calls();
 /* Those that were kept, in order, and an end to it. */
 std::vector<std::string> take_file_calls();
 
+/* How many were kept until now. */
+gsize file_calls_size();
+
 /* Gives every request only a part of its time, as long as this is not 1. */
 void divide_request_time(unsigned divisor);
 
@@ -85,6 +88,24 @@ public:
   ~Rests();
   Rests(const Rests &) = delete;
   Rests &operator=(const Rests &) = delete;
+};
+
+/* Makes the seconds of every time-out that begins milliseconds, as long as this object lives. There is one at
+ * a time.
+ */
+class ShortSeconds
+{
+public:
+  ShortSeconds();
+  ~ShortSeconds();
+  ShortSeconds(const ShortSeconds &) = delete;
+  ShortSeconds &operator=(const ShortSeconds &) = delete;
+
+  /* The lengths in seconds of all time-outs that began. */
+  std::vector<unsigned> begun() const;
+
+  /* How many of them have not ended. */
+  unsigned count() const;
 };
 
 } // namespace faults

@@ -4,6 +4,7 @@
 #include "testhost.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -112,6 +113,8 @@ long_name(const std::string &group)
 {
   return warning("configuration name longer than 256 bytes in producers.conf: " + group);
 }
+
+const SyslogLine WRITTEN = {LOG_INFO, "wrote to producerconfig what could not be written before"};
 
 /* The number that the next descriptor gets. */
 int
@@ -934,6 +937,174 @@ TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeClosed)
   expect_write_failure("Failed to close fd (" + std::to_string(fd) + ") for " + folder_ +
                        ": Input/output error");
   expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n");
+}
+
+/* Saves that are tried again. */
+
+TEST_F(ProducerConfigTest, TriesAgainEveryMinuteUntilTheFileIsWritten)
+{
+  constexpr gsize TRIES = 3;
+  const faults::ShortSeconds seconds;
+  load("[Producers.0.Any]\nName=old\n");
+  std::filesystem::remove_all(folder_);
+  producer_config_set_name("Any", 1, "carried");
+  expect_write_failure("Failed to create '" + temporary_ + "': No such file or directory");
+  EXPECT_EQ(seconds.begun(), std::vector{60U});
+
+  faults::keep_file_calls();
+  EXPECT_TRUE(testhost::spin_until([] { return faults::file_calls_size() >= TRIES; }));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+  for (const std::string &call : faults::take_file_calls()) {
+    EXPECT_EQ(call, "open " + temporary_);
+  }
+
+  std::filesystem::create_directory(folder_);
+  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
+  EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
+  EXPECT_EQ(seconds.begun().size(), 1U);
+}
+
+TEST_F(ProducerConfigTest, TriesAgainWhatMayNotBeDurable)
+{
+  const faults::ShortSeconds seconds;
+  load("[Producers.0.Any]\nName=old\n");
+  const int fd = next_descriptor();
+  faults::fail_next(faults::Call::FSYNC, 1);
+  producer_config_set_name("Any", 1, "carried");
+  expect_write_failure("Failed to sync '" + folder_ + "': Input/output error");
+
+  faults::keep_file_calls();
+  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  EXPECT_EQ(faults::take_file_calls(), save_calls(fd));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+}
+
+TEST_F(ProducerConfigTest, EndsTryingWithAChangeThatIsWritten)
+{
+  const faults::ShortSeconds seconds;
+  load("[Producers.0.Any]\nName=old\n");
+  faults::fail_next(faults::Call::FSYNC);
+  producer_config_set_name("Any", 1, "carried");
+  expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+  EXPECT_EQ(seconds.count(), 1U);
+  producer_config_set_name("Any", 2, "next");
+
+  EXPECT_EQ(seconds.count(), 0U);
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=next\n");
+}
+
+TEST_F(ProducerConfigTest, TriesOnceForAllChanges)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  for (const guint32 channel : {1, 2}) {
+    faults::fail_next(faults::Call::FSYNC);
+    producer_config_set_name("Any", channel, "carried");
+    expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+  }
+  EXPECT_EQ(seconds.begun().size(), 1U);
+
+  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, TriesAgainAfterEachFailure)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  for (const char *name : {"first", "second"}) {
+    faults::fail_next(faults::Call::FSYNC);
+    producer_config_set_name("Any", 1, name);
+    expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+    EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+    EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+    EXPECT_EQ(content(), "[Producers.0.Any]\nName="s + name + "\n");
+  }
+}
+
+TEST_F(ProducerConfigTest, DoesNotTryAgainWhatItRefuses)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  producer_config_set_name("[", 1, "profile");
+  producer_config_set_name("Any", 1, "\xff");
+
+  EXPECT_EQ(testhost::take_syslog().size(), 2U);
+  EXPECT_EQ(seconds.begun().size(), 0U);
+}
+
+TEST_F(ProducerConfigTest, TriesAgainWhateverItRefusesMeanwhile)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  faults::fail_next(faults::Call::FSYNC);
+  producer_config_set_name("Any", 1, "carried");
+  producer_config_set_name("Any", 1, "\xff");
+  EXPECT_EQ(testhost::take_syslog().size(), 2U);
+
+  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, EndsTryingWhenItIsFreed)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  faults::fail_next(faults::Call::FSYNC);
+  producer_config_set_name("Any", 1, "carried");
+  expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+  EXPECT_EQ(seconds.count(), 1U);
+  unload();
+
+  EXPECT_EQ(seconds.count(), 0U);
+  EXPECT_EQ(content(), "");
+}
+
+TEST_F(ProducerConfigTest, TriesAgainOnTheMainContextForAnyThread)
+{
+  const faults::ShortSeconds seconds;
+  load("");
+  faults::fail_next(faults::Call::FSYNC);
+  std::thread([] { producer_config_set_name("Any", 1, "carried"); }).join();
+  expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+
+  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
+}
+
+TEST_F(ProducerConfigTest, DoesNotTryAgainWhatAnotherThreadWritesMeanwhile)
+{
+  const faults::ShortSeconds seconds;
+  const pid_t main_thread = gettid();
+  std::atomic<bool> saving = false;
+  std::atomic<bool> saved = false;
+  load("");
+  faults::fail_next(faults::Call::FSYNC);
+  producer_config_set_name("Any", 1, "carried");
+  expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+
+  faults::keep_file_calls();
+  faults::before_next_fsync([&] {
+    saving = true;
+    EXPECT_TRUE(testhost::wait_until_asleep(main_thread)) << "the time-out waits for the lock";
+  });
+  std::thread other([&saved] {
+    producer_config_set_name("Any", 2, "next");
+    saved = true;
+  });
+  while (!saving) {
+  }
+  while (!saved) {
+    g_main_context_iteration(nullptr, FALSE);
+  }
+  other.join();
+  EXPECT_EQ(faults::take_file_calls().size(), SAVE_CALLS) << "of the other thread";
+  EXPECT_EQ(seconds.count(), 0U);
 }
 
 TEST_F(ProducerConfigTest, WritesAFileThatSomebodyRemoved)
