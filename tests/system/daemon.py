@@ -38,6 +38,18 @@ def producers_enabled(names):
     return text
 
 
+def stored_names(path):
+    """What a producers' file says: the configuration name of each producer and channel, empty where disabled."""
+    file = GLib.KeyFile()
+    assert file.load_from_file(str(path), GLib.KeyFileFlags.NONE)
+    groups, _ = file.get_groups()
+    names = {}
+    for group in groups:
+        _, index, producer = group.split(".", 2)
+        names[producer, int(index) + 1] = file.get_string(group, "Name")
+    return names
+
+
 PRODUCERS = producers_enabled({})
 
 # What the daemon says of each kind of metadata when its plug-in is installed, and when it is not.
@@ -202,7 +214,8 @@ class Daemon:
             **installation.sanitizer_environment(sanitizer_options),
             **(environment or {}),
         }
-        self._start(wrapper or plain, umask, unprivileged() if user is None else user)
+        self.start_arguments = (wrapper or plain, umask, unprivileged() if user is None else user)
+        self._start(*self.start_arguments)
 
     def _write_simulation(self, speed, world_seconds, ptz_channels):
         lines = ["[World]", f"speed={speed}"]
@@ -260,6 +273,14 @@ class Daemon:
         """Ends the daemon by a signal and returns its status."""
         self.process.send_signal(number)
         return self.wait()
+
+    def start_again(self):
+        """Starts the daemon once more where it was, after it has ended."""
+        assert self.ended
+        assert self._unexpected_on_stderr() == []
+        self.stderr_taken = 0
+        self.ended = False
+        self._start(*self.start_arguments)
 
     def finish(self):
         """Ends the daemon if it should still run, and fails when there was anything that nobody expected."""

@@ -1,6 +1,5 @@
 """The control service on the bus: what it changes, what it keeps, and what becomes of it without a bus."""
 
-import signal
 import threading
 
 import pytest
@@ -8,8 +7,8 @@ from gi.repository import Gio, GLib
 
 from busclient import BusClient, error_text
 from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINES, NOTHING_ASKED, RADAR_TRACKER,
-                    VIDEO_TRACKER, WARNING, producers_enabled)
-from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit)
+                    VIDEO_TRACKER, WARNING, producers_enabled, stored_names)
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
 from simcamera import CAPTURE
 from tool import NAME, Tool, path_of
 from waiting import BOUND_SECONDS, wait_until
@@ -20,9 +19,8 @@ NAME_BYTES = documented_limit("producerconfig.h", "PRODUCER_CONFIG_MAX_NAME_BYTE
 
 SCENES = "analytics=1\nvideo_channel=1\n"
 
-# How many calls each of two tools makes, and how many one makes at least before the daemon is killed.
+# How many calls each of two tools makes.
 CALLS = 500
-CALLS_BEFORE_KILL = 50
 
 
 @pytest.fixture
@@ -36,24 +34,6 @@ def start(start_daemon):
 @pytest.fixture
 def daemon(start):
     return start()
-
-
-def stored(daemon):
-    """What the file says: the configuration name of each producer and channel, empty where disabled."""
-    file = GLib.KeyFile()
-    assert file.load_from_file(str(daemon.producers_conf), GLib.KeyFileFlags.NONE)
-    groups, _ = file.get_groups()
-    names = {}
-    for group in groups:
-        _, index, producer = group.split(".", 2)
-        names[producer, int(index) + 1] = file.get_string(group, "Name")
-    return names
-
-
-def told(tool):
-    """The same as the bus says it."""
-    return {(producer, channel): name for producer in (VIDEO_TRACKER, RADAR_TRACKER)
-            for channel, _, name in tool.properties(producer)["ChannelsEnabled"]}
 
 
 def source_of_scenes(daemon):
@@ -150,7 +130,7 @@ def test_huge_names_are_refused_and_the_bus_keeps_the_daemon(daemon, tool):
         assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.LimitsExceeded"
         assert error_text(failed.value) == f"Configuration name is longer than {NAME_BYTES} bytes"
     assert tool.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
-    assert set(told(tool).values()) == {""}
+    assert set(tool.names(VIDEO_TRACKER, RADAR_TRACKER).values()) == {""}
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
 
 
@@ -158,8 +138,8 @@ def test_longest_name_is_taken(daemon, tool):
     name = "ü" * (NAME_BYTES // 2)
     tool.set_channels(VIDEO_TRACKER, (1, True, name))
 
-    assert told(tool)[VIDEO_TRACKER, 1] == name
-    assert stored(daemon)[VIDEO_TRACKER, 1] == name
+    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER)[VIDEO_TRACKER, 1] == name
+    assert stored_names(daemon.producers_conf)[VIDEO_TRACKER, 1] == name
 
 
 def test_longer_name_in_the_file_is_used_and_told(launch, tool):
@@ -198,44 +178,8 @@ def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
     assert acknowledged == {VIDEO_TRACKER: CALLS, RADAR_TRACKER: CALLS}
     expected = {(producer, channel): name for producer in acknowledged
                 for channel, name in ((1, f"{producer} {CALLS - 1}"), (2, f"{producer} last"))}
-    assert told(tool) == expected
-    assert stored(daemon) == expected
-
-
-def test_killed_in_the_middle_of_changes(start, bus):
-    daemon = start()
-    sent, acknowledged = [], []
-    enough = threading.Event()
-
-    def switch():
-        own = Tool(bus)
-        try:
-            while True:
-                sent.append(str(len(sent)))
-                own.set_channels(VIDEO_TRACKER, (1, True, sent[-1]))
-                acknowledged.append(sent[-1])
-                if len(acknowledged) == CALLS_BEFORE_KILL:
-                    enough.set()
-        except GLib.Error:
-            own.close()
-
-    thread = threading.Thread(target=switch)
-    thread.start()
-    assert enough.wait(BOUND_SECONDS)
-    daemon.end(signal.SIGKILL)
-    thread.join(BOUND_SECONDS)
-
-    assert len(sent) == len(acknowledged) + 1
-    names = stored(daemon)
-    last = names[VIDEO_TRACKER, 1]
-    assert last in (acknowledged[-1], sent[-1])
-    assert names == {(VIDEO_TRACKER, 1): last, (VIDEO_TRACKER, 2): "",
-                     (RADAR_TRACKER, 1): "", (RADAR_TRACKER, 2): ""}
-
-    start(producers=daemon.producers_conf.read_text(encoding="utf-8"))
-    survivor = Tool(bus)
-    assert survivor.channels(VIDEO_TRACKER) == [(1, True, last), (2, False, "")]
-    survivor.close()
+    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == expected
+    assert stored_names(daemon.producers_conf) == expected
 
 
 # Without the bus

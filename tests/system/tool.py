@@ -29,6 +29,10 @@ class Tool(BusClient):
         """(channel, enabled, name) of every channel."""
         return self.get(NAME, path_of(producer), PRODUCER, "ChannelsEnabled").unpack()[0]
 
+    def names(self, *producers):
+        """The configuration name of each of the producers and channels, empty where disabled."""
+        return {(producer, channel): name for producer in producers for channel, _, name in self.channels(producer)}
+
     def set_channels(self, producer, *channels):
         reply = self.call(NAME, path_of(producer), PRODUCER, "SetChannelsEnabled",
                           GLib.Variant("(a(ibs))", (channels,)))

@@ -5,6 +5,8 @@
  *   TESTHOST_SYSLOG   path of a UNIX datagram socket; every syslog line becomes one datagram "<priority>text"
  *   TESTHOST_UID      what getuid() answers
  *   TESTHOST_GID      what getgid() answers
+ *   TESTHOST_FAULTS   path of a folder; as long as it has an entry "sync-file" or "sync-folder", fsync() of a
+ * file or a folder fails with EIO
  *
  * A variable that is not set leaves its functions as the C library has them. The socket must be writable by
  * the daemon's user, and its reader should keep up: a full queue holds the daemon for at most SEND_LIMIT and
@@ -20,11 +22,13 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -141,6 +145,30 @@ __vsyslog_chk(int priority, int flag, const char *format, va_list args)
 {
   (void)flag;
   log_line(priority, format, args);
+}
+
+static int
+has_fault(const char *name)
+{
+  const char *folder = getenv("TESTHOST_FAULTS");
+  char path[PATH_MAX];
+
+  if (folder == NULL)
+    return 0;
+  int length = snprintf(path, sizeof path, "%s/%s", folder, name);
+  return length < (int)sizeof path && access(path, F_OK) == 0;
+}
+
+int
+fsync(int fd)
+{
+  struct stat status;
+
+  if (fstat(fd, &status) == 0 && has_fault(S_ISDIR(status.st_mode) ? "sync-folder" : "sync-file")) {
+    errno = EIO;
+    return -1;
+  }
+  return (int)syscall(SYS_fsync, fd);
 }
 
 uid_t

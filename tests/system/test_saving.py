@@ -1,0 +1,326 @@
+"""The producers' file when it cannot be written, and when the daemon is killed in a storm of changes."""
+
+import concurrent.futures
+import contextlib
+import random
+import signal
+import subprocess
+import threading
+import time
+
+import pytest
+from gi.repository import GLib
+
+from daemon import INFO, RADAR_TRACKER, VIDEO_TRACKER, WARNING, Daemon, stored_names
+from installation import (RADAR_PLUGINS, SCENE_PLUGINS, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, Bus, documented_limit,
+                          run_by_root)
+from tool import NAME, Tool
+from waiting import BOUND_SECONDS, wait_until
+
+PLUGINS = tuple({*SCENE_PLUGINS, *RADAR_PLUGINS})
+
+RETRY_SECONDS = documented_limit("producerconfig.h", "PRODUCER_CONFIG_RETRY_SECONDS")
+
+# How much later than that a try may come on a busy machine, and how much earlier, for it comes with a whole second.
+TOLERANCE_SECONDS = 10
+EARLY_SECONDS = 2
+
+WRITTEN_LINE = (INFO, "wrote to producerconfig what could not be written before")
+
+TEMPORARY = "producers.conf.tessard-new"
+
+UNCHANGED = {(VIDEO_TRACKER, 1): "", (VIDEO_TRACKER, 2): "", (RADAR_TRACKER, 1): "", (RADAR_TRACKER, 2): ""}
+CHANGED = UNCHANGED | {(VIDEO_TRACKER, 1): "left door"}
+
+NO_DISK = "a file system of its own takes root's rights"
+
+# A killed daemon's rounds, and how many daemons go through them side by side.
+ROUNDS = 200
+LANES = 4
+
+# How many calls there are at most before somebody looks whether it is time for the kill.
+MAX_CALLS = 20
+
+
+class Failure:
+    """A way in which the file cannot be written; by itself none. A subclass says what the daemon's warning is about,
+    and what the file holds then."""
+
+    reason = None
+    stored = UNCHANGED
+
+    def __init__(self, workspace):
+        self.faults = workspace.folder()
+
+    def arguments(self):
+        """The daemon's."""
+        return {}
+
+    def folder(self, daemon):
+        return daemon.folder
+
+    def begin(self, daemon):
+        """Lets saves fail from now on."""
+
+    def end(self, daemon):
+        """Lets them succeed again."""
+
+    def check(self, daemon):
+        """While saves fail."""
+        assert stored_names(self.folder(daemon) / "producers.conf") == self.stored
+
+
+class ReadOnlyFolder(Failure):
+    reason = f"Failed to create '{TEMPORARY}': Permission denied"
+
+    def begin(self, daemon):
+        daemon.folder.chmod(0o555)
+
+    def end(self, daemon):
+        daemon.folder.chmod(0o755)
+
+
+class FolderThatCannotBeOpened(ReadOnlyFolder):
+    reason = "Failed to open '.': Permission denied"
+    stored = CHANGED
+
+    def begin(self, daemon):
+        daemon.folder.chmod(0o333)
+
+
+class FailedRename(Failure):
+    """A folder has the file's name."""
+
+    reason = f"Failed to rename '{TEMPORARY}' to 'producers.conf': Is a directory"
+
+    def begin(self, daemon):
+        daemon.producers_conf.unlink()
+        daemon.producers_conf.mkdir()
+
+    def end(self, daemon):
+        daemon.producers_conf.rmdir()
+
+    def check(self, daemon):
+        assert list(daemon.producers_conf.iterdir()) == []
+
+
+class FailedSync(Failure):
+    reason = f"Failed to sync '{TEMPORARY}': Input/output error"
+    entry = "sync-file"
+
+    def arguments(self):
+        return {"environment": {"TESTHOST_FAULTS": str(self.faults)}}
+
+    def begin(self, daemon):
+        (self.faults / self.entry).touch()
+
+    def end(self, daemon):
+        (self.faults / self.entry).unlink()
+
+
+class FailedSyncOfTheFolder(FailedSync):
+    reason = "Failed to sync '.': Input/output error"
+    entry = "sync-folder"
+    stored = CHANGED
+
+
+class FullDisk(Failure):
+    """The daemon's working folder is a small file system, which nobody else sees and which goes with the daemon."""
+
+    reason = f"Failed to write '{TEMPORARY}': No space left on device"
+    MOUNT = ("mkdir disk && mount -t tmpfs -o size=64k,mode=755,uid=$0,gid=$1 tmpfs disk && "
+             "cp -p producers.conf disk && cd disk && shift && exec \"$@\"")
+    UNSHARE = ("unshare", "--mount", "sh", "-c")
+
+    @classmethod
+    def is_possible(cls):
+        return run_by_root() and subprocess.run([*cls.UNSHARE, "mount -t tmpfs tmpfs /mnt"], check=False,
+                                                stderr=subprocess.DEVNULL).returncode == 0
+
+    def __init__(self, workspace):
+        super().__init__(workspace)
+        if not self.is_possible():
+            pytest.skip(NO_DISK)
+
+    def arguments(self):
+        drop = ("setpriv", f"--reuid={UNPRIVILEGED_USER}", f"--regid={UNPRIVILEGED_GROUP}", "--clear-groups")
+
+        def wrap(command, environment):
+            return [*self.UNSHARE, self.MOUNT, UNPRIVILEGED_USER, UNPRIVILEGED_GROUP, *drop, *command], environment
+
+        return {"user": {}, "wrapper": wrap}
+
+    def folder(self, daemon):
+        return daemon.proc / "cwd"
+
+    def begin(self, daemon):
+        with contextlib.suppress(OSError), open(self.folder(daemon) / "filling", "wb", buffering=0) as file:
+            while file.write(b"x" * 4096):
+                pass
+
+    def end(self, daemon):
+        (self.folder(daemon) / "filling").unlink()
+
+
+FAILURES = [ReadOnlyFolder, FolderThatCannotBeOpened, FailedRename, FailedSync, FailedSyncOfTheFolder, FullDisk]
+
+
+def temporary_files(folder):
+    return list(folder.glob("producers.conf?*"))
+
+
+def change_while_saves_fail(failure, daemon, tool):
+    """Makes a change that is acknowledged and in effect, but not saved."""
+    failure.begin(daemon)
+    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    assert daemon.log.take(1) == [(WARNING, f"could not write name to producerconfig: {failure.reason}")]
+    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == CHANGED
+    failure.check(daemon)
+    failure.end(daemon)
+
+
+def expect_stored(failure, daemon, names):
+    folder = failure.folder(daemon)
+    assert stored_names(folder / "producers.conf") == names
+    assert temporary_files(folder) == []
+
+
+class Retry:
+    """A daemon with a change that it could not save, but now could."""
+
+    def __init__(self, kind, installation, workspace):
+        self.failure = kind(workspace)
+        self.bus = Bus(workspace)
+        self.daemon = Daemon(installation, self.bus, plugins=PLUGINS, **self.failure.arguments())
+        self.tool = Tool(self.bus)
+
+    def begin(self):
+        self.daemon.wait_until_ready()
+        self.began = time.monotonic()
+        change_while_saves_fail(self.failure, self.daemon, self.tool)
+
+    def close(self):
+        self.tool.close()
+        self.daemon.finish()
+        self.bus.stop()
+
+
+@pytest.fixture(scope="module")
+def retries(installation, workspace):
+    """One retry for each failure that this machine can have. They begin together and take a minute."""
+    with contextlib.ExitStack() as started:
+        made = {}
+        for kind in FAILURES:
+            if kind is FullDisk and not FullDisk.is_possible():
+                continue
+            made[kind] = Retry(kind, installation, workspace)
+            started.callback(made[kind].close)
+            made[kind].begin()
+        yield made
+
+
+@pytest.fixture(params=FAILURES, ids=lambda kind: kind.__name__)
+def failure(request, workspace):
+    return request.param(workspace)
+
+
+# Before the retries, which the first test begins, are over.
+
+
+def test_change_that_cannot_be_saved_comes_with_the_next(retries, failure, start_daemon, tool):
+    daemon = start_daemon(plugins=PLUGINS, **failure.arguments())
+    change_while_saves_fail(failure, daemon, tool)
+
+    tool.set_channels(RADAR_TRACKER, (2, True, "yard"))
+    expect_stored(failure, daemon, CHANGED | {(RADAR_TRACKER, 2): "yard"})
+    assert daemon.log.take() == []
+
+
+class Storm(threading.Thread):
+    """Changes one channel after the other by each of the methods in turn, until the daemon is gone."""
+
+    def __init__(self, tool, names):
+        super().__init__(daemon=True)
+        self.tool = tool
+        self.acknowledged = dict(names)
+        self.sent = dict(names)
+        self.calls = 0
+        self.start()
+
+    def run(self):
+        with contextlib.suppress(GLib.Error):
+            while True:
+                channel = 1 + self.calls // 2 % 2
+                name = f"{time.monotonic_ns()}"
+                self.sent[VIDEO_TRACKER, channel] = name
+                if self.calls % 2:
+                    self.tool.set_producers({VIDEO_TRACKER: [(channel, True, name)]})
+                else:
+                    self.tool.set_channels(VIDEO_TRACKER, (channel, True, name))
+                self.acknowledged[VIDEO_TRACKER, channel] = name
+                self.calls += 1
+
+
+def kill_in_a_storm(daemon, tool, names):
+    """What the file says afterwards, and whether the kill came in the middle of a save."""
+    storm = Storm(tool, names)
+    calls = random.randrange(MAX_CALLS)
+    wait_until(lambda: storm.calls >= calls, "the storm goes on")
+    assert daemon.end(signal.SIGKILL) == -signal.SIGKILL
+    storm.join(BOUND_SECONDS)
+
+    stored = stored_names(daemon.producers_conf)
+    assert stored in (storm.acknowledged, storm.sent)
+    return stored, temporary_files(daemon.folder) != []
+
+
+def start_again(daemon, tool):
+    wait_until(lambda: not tool.has_owner(NAME), "the bus knows that the daemon is gone")
+    daemon.start_again()
+    daemon.wait_until_ready()
+
+
+def kill_again_and_again(installation, workspace, rounds):
+    """In how many rounds the kill came in the middle of a save."""
+    with contextlib.ExitStack() as started:
+        bus = Bus(workspace)
+        started.callback(bus.stop)
+        daemon = Daemon(installation, bus, plugins=PLUGINS)
+        started.callback(daemon.finish)
+        tool = Tool(bus)
+        started.callback(tool.close)
+        daemon.wait_until_ready()
+
+        names, cut_saves = UNCHANGED, 0
+        for _ in range(rounds):
+            names, cut_save = kill_in_a_storm(daemon, tool, names)
+            cut_saves += cut_save
+            start_again(daemon, tool)
+            assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == names
+            assert temporary_files(daemon.folder) == []
+    return cut_saves
+
+
+def test_killed_in_a_storm_of_changes(retries, installation, workspace):
+    with concurrent.futures.ThreadPoolExecutor(LANES) as lanes:
+        outcomes = [lanes.submit(kill_again_and_again, installation, workspace, ROUNDS // LANES)
+                    for _ in range(LANES)]
+        cut_saves = sum(outcome.result() for outcome in outcomes)
+
+    assert cut_saves > 0, "no kill came in the middle of a save"
+
+
+# When they are over.
+
+
+@pytest.mark.parametrize("kind", FAILURES, ids=lambda kind: kind.__name__)
+def test_change_that_cannot_be_saved_is_saved_later(retries, kind):
+    if kind not in retries:
+        pytest.skip(NO_DISK)
+    retry = retries[kind]
+
+    wait_until(lambda: retry.daemon.log.lines, "the file has been written", RETRY_SECONDS + TOLERANCE_SECONDS)
+    seconds = time.monotonic() - retry.began
+    assert retry.daemon.log.take() == [WRITTEN_LINE]
+    assert seconds >= RETRY_SECONDS - EARLY_SECONDS
+    expect_stored(retry.failure, retry.daemon, CHANGED)
