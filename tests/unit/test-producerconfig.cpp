@@ -1264,20 +1264,8 @@ namespace
 
 constexpr int CHANGES = 500;
 constexpr int CHANGED_CHANNELS = 7;
-/* Several blocks, so that half a file would be noticed. */
-constexpr guint32 FILLED_CHANNELS = 80;
-const std::string FILLING(PRODUCER_CONFIG_MAX_NAME_BYTES, 'x');
-
-std::string
-filling_content()
-{
-  std::string content;
-
-  for (guint32 i = 0; i < FILLED_CHANNELS; i++) {
-    content += "[Producers." + std::to_string(i) + ".Filling]\nName=" + FILLING + "\n";
-  }
-  return content;
-}
+/* Several blocks, so that half a file would be noticed. It is nobody's name. */
+const std::string FILLING = "[Filling]\nText=" + std::string(20000, 'x') + "\n";
 
 /* The names of all channels after so many changes. */
 Texts
@@ -1358,7 +1346,7 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
   int rounds_with_leftover = 0;
 
   for (int round = 0; round < ROUNDS || (rounds_with_leftover == 0 && round < MAX_ROUNDS); round++) {
-    write(filling_content());
+    write(FILLING);
     const int done = change_names_until_killed(file_, static_cast<int>(random() % 20),
                                                static_cast<gint64>(random() % 3000));
     ASSERT_LT(done, CHANGES);
@@ -1371,9 +1359,7 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
     }
     EXPECT_TRUE(names == names_after(done) || names == names_after(done + 1))
         << testing::PrintToString(names) << " after " << done << " changes";
-    for (guint32 channel = 1; channel <= FILLED_CHANNELS; channel++) {
-      ASSERT_EQ(get_name("Filling", channel), FILLING);
-    }
+    EXPECT_TRUE(content().starts_with(FILLING));
     EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
     unload();
   }
