@@ -6,6 +6,7 @@
 #include "dbusserver.h"
 
 #include "dbusproducermanager.h"
+#include "systembus.h"
 
 #include <syslog.h>
 
@@ -22,8 +23,7 @@ static void
 on_bus_acquired(GDBusConnection *connection, const gchar *, gpointer user_data)
 {
   syslog(LOG_INFO, "Bus acquired");
-  /* GLib lets its shared connection end the process when the bus goes away. */
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  system_bus_prepare(connection);
   dbus_producer_manager_on_bus_acquired(connection, static_cast<AnalyticsProducerList *>(user_data));
 }
 

@@ -8,6 +8,17 @@
  */
 #include "systembus.h"
 
+#include "descriptorfilter.h"
+
+namespace
+{
+
+constexpr const char *PREPARED_KEY = "tessard-system-bus-prepared";
+
+GMutex prepare_lock;
+
+} // namespace
+
 /**
  * system_bus_get:
  * @reservation: (out) (optional) (transfer full): what the calls that wait need; to be held until the last of
@@ -37,9 +48,30 @@ system_bus_get(DescriptorReservation **reservation, GError **error)
   if (connection == nullptr) {
     return nullptr;
   }
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  system_bus_prepare(connection);
   if (reservation != nullptr) {
     *reservation = g_steal_pointer(&reserved);
   }
   return connection;
+}
+
+/**
+ * system_bus_prepare:
+ * @connection: (transfer none): a connection to the system bus
+ *
+ * Makes a connection one that the daemon can live with: the bus may go away, and nobody on the bus can take
+ * the daemon's descriptors. What system_bus_get() returns is prepared; whoever has a connection in another
+ * way prepares it before anything else. More often does no harm. Any thread.
+ */
+void
+system_bus_prepare(GDBusConnection *connection)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&prepare_lock);
+
+  if (g_object_get_data(G_OBJECT(connection), PREPARED_KEY) != nullptr) {
+    return;
+  }
+  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  descriptor_filter_add(connection);
+  g_object_set_data(G_OBJECT(connection), PREPARED_KEY, GINT_TO_POINTER(TRUE));
 }

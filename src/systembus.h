@@ -13,4 +13,6 @@ G_BEGIN_DECLS
 
 GDBusConnection *system_bus_get(DescriptorReservation **reservation, GError **error);
 
+void system_bus_prepare(GDBusConnection *connection);
+
 G_END_DECLS

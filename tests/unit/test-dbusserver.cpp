@@ -7,8 +7,10 @@
 #include "testhost.h"
 
 #include <fstream>
+#include <gio/gunixfdlist.h>
 #include <optional>
 #include <syslog.h>
+#include <unistd.h>
 
 using testbus::Bus;
 using testbus::Peer;
@@ -114,6 +116,25 @@ TEST_F(DBusServerTest, ServesUnderItsName)
 
   const Peer tool;
   EXPECT_EQ(enable(tool, "One"), "()");
+}
+
+TEST_F(DBusServerTest, TakesNoDescriptors)
+{
+  bus_.emplace();
+  dbus_server_init(producers_);
+  expect_bus();
+
+  const Peer tool;
+  g_autoptr(GUnixFDList) fds = g_unix_fd_list_new();
+  ASSERT_EQ(g_unix_fd_list_append(fds, STDERR_FILENO, nullptr), 0);
+  g_autoptr(GDBusMessage) call = g_dbus_message_new_method_call(
+      NAME, "/com/quon/MetadataServer1/Producers", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects");
+  g_dbus_message_set_unix_fd_list(call, fds);
+  g_autoptr(GDBusMessage) reply = g_dbus_connection_send_message_with_reply_sync(
+      tool.connection(), call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_STREQ(g_dbus_message_get_error_name(reply), "org.freedesktop.DBus.Error.NotSupported");
+  expect_log({{LOG_WARNING, "refused file descriptors from " + tool.name() + ": nobody asked for them"}});
 }
 
 TEST_F(DBusServerTest, WaitsForNothingAtItsStart)

@@ -1,10 +1,35 @@
 #include "systembus.h"
 
+#include "descriptorfilter.h"
 #include "testbus.h"
 #include "testhost.h"
 
+#include <array>
+#include <atomic>
+#include <thread>
+
 using testbus::Bus;
+using testbus::Peer;
 using testhost::FreeDescriptors;
+
+namespace
+{
+
+std::atomic<int> filters_added;
+
+} // namespace
+
+extern "C" {
+void __real_descriptor_filter_add(GDBusConnection *connection);
+void __wrap_descriptor_filter_add(GDBusConnection *connection);
+}
+
+void
+__wrap_descriptor_filter_add(GDBusConnection *connection)
+{
+  filters_added++;
+  __real_descriptor_filter_add(connection);
+}
 
 namespace
 {
@@ -15,6 +40,12 @@ protected:
   static void SetUpTestSuite()
   {
     testbus::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    filters_added = 0;
   }
 };
 
@@ -31,6 +62,48 @@ TEST_F(SystemBusTest, GetsTheSharedConnectionThatSurvivesTheBus)
   EXPECT_FALSE(g_dbus_connection_get_exit_on_close(connection));
   g_autoptr(GDBusConnection) other = system_bus_get(nullptr, &error);
   EXPECT_EQ(other, connection);
+  EXPECT_EQ(filters_added, 1);
+}
+
+TEST_F(SystemBusTest, PreparesAConnectionOnce)
+{
+  const Bus bus;
+  const Peer peer;
+
+  g_dbus_connection_set_exit_on_close(peer.connection(), TRUE);
+  system_bus_prepare(peer.connection());
+  EXPECT_FALSE(g_dbus_connection_get_exit_on_close(peer.connection()));
+  system_bus_prepare(peer.connection());
+  EXPECT_EQ(filters_added, 1);
+
+  const Peer other;
+  system_bus_prepare(other.connection());
+  EXPECT_EQ(filters_added, 2);
+}
+
+TEST_F(SystemBusTest, PreparesAConnectionOnceForThreadsThatComeTogether)
+{
+  constexpr int ROUNDS = 20;
+  constexpr int THREADS = 4;
+  const Bus bus;
+
+  for (int round = 1; round <= ROUNDS; round++) {
+    const Peer peer;
+    std::atomic<int> waited_for = THREADS;
+    std::array<std::thread, THREADS> threads;
+    for (std::thread &thread : threads) {
+      thread = std::thread([&waited_for, &peer] {
+        waited_for--;
+        while (waited_for > 0) {
+        }
+        system_bus_prepare(peer.connection());
+      });
+    }
+    for (std::thread &thread : threads) {
+      thread.join();
+    }
+    ASSERT_EQ(filters_added, round);
+  }
 }
 
 TEST_F(SystemBusTest, FailsWithoutABus)
