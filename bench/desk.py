@@ -32,7 +32,7 @@ def running_daemon(producers, *camera_options):
         running.callback(workspace.remove)
         stage = os.environ.get("TESSARD_STAGE")
         installation = Installation(pathlib.Path(stage).resolve() if stage else make_stage(workspace), workspace)
-        bus = Bus(workspace)
+        bus = Bus(installation)
         running.callback(bus.stop)
         camera = SimulatedCamera(installation, bus, *camera_options)
         running.callback(camera.finish)

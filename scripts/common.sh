@@ -200,10 +200,22 @@ wait_until() {
   done
 }
 
+# The bus policy that is installed below $STAGE, in which others stand in for whom it names: the daemon's user here for
+# the daemon's, and the group of a caller that is not root for the administrators'.
+bus_policy() {
+  local stand_ins=(-e "s|user=\"tessard\"|user=\"$UNPRIVILEGED_USER\"|")
+  if [ "$(id -u)" != 0 ]; then
+    stand_ins=(-e "s|user=\"tessard\"|user=\"$(id -un)\"|" -e "s|group=\"tessard-admin\"|group=\"$(id -gn)\"|")
+  fi
+  sed "${stand_ins[@]}" "$STAGE/usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
+}
+
 # A bus of this run's own, at $WORK/bus/socket: nothing of the machine's system bus is used or seen.
 start_bus() {
   make_unprivileged_folder "$WORK/bus"
-  sed "s|@socket@|$WORK/bus/socket|" "$TOP/scripts/private-bus.conf.in" >"$WORK/bus/bus.conf"
+  bus_policy >"$WORK/bus/policy.conf"
+  sed -e "s|@socket@|$WORK/bus/socket|" -e "s|@policy@|$WORK/bus/policy.conf|" "$TOP/scripts/private-bus.conf.in" \
+    >"$WORK/bus/bus.conf"
   start "${UNPRIVILEGED[@]}" dbus-daemon --config-file="$WORK/bus/bus.conf" --nofork --nopidfile --nosyslog \
     >"$WORK/bus.log" 2>&1
   wait_until 10 "$STARTED_PID" listening "$WORK/bus/socket" ||

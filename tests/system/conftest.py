@@ -25,7 +25,7 @@ from gi.repository import Gst  # noqa: E402
 from daemon import Daemon  # noqa: E402
 from external import BOTH_ENABLED, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
-from installation import Bus, Installation, Workspace, make_stage  # noqa: E402
+from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
 from overdue import OverdueCalls, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
@@ -49,17 +49,17 @@ def installation(workspace):
 
 
 @pytest.fixture(scope="session")
-def bus(workspace):
-    started = Bus(workspace)
+def bus(installation):
+    started = Bus(installation)
     yield started
     started.stop()
 
 
 @pytest.fixture(scope="session")
-def overdue_requests(installation, workspace):
+def overdue_requests(installation):
     """Requests that are never finished. They come with the first daemon, so that their long time-out passes while
     other tests run. It is on a bus of its own, for the daemons of those tests want its name."""
-    own_bus = Bus(workspace)
+    own_bus = Bus(installation)
     daemon = Daemon(installation, own_bus)
     try:
         daemon.wait_until_ready()
@@ -72,9 +72,9 @@ def overdue_requests(installation, workspace):
 
 
 @pytest.fixture(scope="session")
-def overdue_start(installation, workspace):
+def overdue_start(installation):
     """A daemon whose start takes long. The test that needs it first begins it; another waits for its end."""
-    start = OverdueStart(installation, workspace)
+    start = OverdueStart(installation)
     yield start
     start.close()
 
@@ -162,12 +162,12 @@ def start_listing_daemon(receiver, tool, start_daemon):
 
 
 @pytest.fixture
-def start_bus(workspace):
-    """Starts a bus that nobody else is on."""
+def start_bus(installation):
+    """Starts a bus that nobody else is on; see Bus for the arguments."""
     with contextlib.ExitStack() as started:
 
-        def start():
-            bus = Bus(workspace)
+        def start(**arguments):
+            bus = Bus(installation, **arguments)
             started.callback(bus.stop)
             return bus
 
@@ -177,6 +177,12 @@ def start_bus(workspace):
 @pytest.fixture
 def own_bus(start_bus):
     return start_bus()
+
+
+@pytest.fixture
+def stand_in_bus(start_bus):
+    """A bus where this process stands for the daemon."""
+    return start_bus(owner=testing_user())
 
 
 @pytest.fixture
@@ -195,10 +201,10 @@ def tool_under_test(workspace):
 
 
 @pytest.fixture(scope="session")
-def overdue_calls(tool_under_test, workspace):
+def overdue_calls(tool_under_test, installation):
     """tessardctl's calls that have no reply. They come with the first tool, as overdue requests do with the first
     daemon."""
-    calls = OverdueCalls(workspace)
+    calls = OverdueCalls(installation)
     yield calls
     calls.close()
 

@@ -1,8 +1,10 @@
 """The staged installation under test, and what stands around it: the user that the daemon runs as, folders that this
 user can reach, GStreamer plug-ins by choice and a private system bus."""
 
+import grp
 import os
 import pathlib
+import pwd
 import re
 import shutil
 import subprocess
@@ -43,6 +45,10 @@ RADAR_PLUGINS = (RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 
+# Whom the installed bus policy names, each once.
+DAEMON_USER = "tessard"
+ADMIN_GROUP = "tessard-admin"
+
 
 def run_by_root():
     return os.geteuid() == 0
@@ -53,6 +59,10 @@ def unprivileged():
     if not run_by_root():
         return {}
     return {"user": UNPRIVILEGED_USER, "group": UNPRIVILEGED_GROUP, "extra_groups": []}
+
+
+def testing_user():
+    return pwd.getpwuid(os.geteuid()).pw_name
 
 
 def documented_limit(header, name):
@@ -146,17 +156,39 @@ class Installation:
 
 
 class Bus:
-    """A message bus of this session's own, which stands for the system's: one where everybody may do everything, or
-    else with a configuration whose "@socket@" stands for the socket's path."""
+    """A message bus of this session's own, which stands for the system's and has the installed policy for the daemon's
+    name.
 
-    def __init__(self, workspace, configuration=None):
-        folder = workspace.folder()
+    owner: the user that stands in for the daemon's, by default the one that daemons are started as
+    administrators: the group that stands in for the administrators', by default that of the user who tests; root needs
+    none
+    text: the bus' configuration, if not the usual one; "@socket@" and "@policy@" in it stand for the paths"""
+
+    def __init__(self, installation, owner=None, administrators=None, text=None):
+        folder = installation.workspace.folder()
+        policy = folder / "policy.conf"
+        policy.write_text(self._policy(installation, owner, administrators), encoding="utf-8")
+        text = text or BUS_CONFIGURATION.read_text(encoding="utf-8")
+        for placeholder, path in (("@socket@", folder / "socket"), ("@policy@", policy)):
+            text = text.replace(placeholder, str(path))
         self.configuration = folder / "bus.conf"
-        text = configuration or BUS_CONFIGURATION.read_text(encoding="utf-8")
-        self.configuration.write_text(text.replace("@socket@", str(folder / "socket")), encoding="utf-8")
+        self.configuration.write_text(text, encoding="utf-8")
         self.address = None
         self.process = None
         self.start()
+
+    @staticmethod
+    def _policy(installation, owner, administrators):
+        """The installed policy as it is, but for whom it names: they are not there on a machine that only tests."""
+        text = installation.bus_policy.read_text(encoding="utf-8")
+        owner = owner or (UNPRIVILEGED_USER if run_by_root() else testing_user())
+        if not run_by_root():
+            administrators = administrators or grp.getgrgid(os.getegid()).gr_name
+        for placeholder, stand_in in ((f'user="{DAEMON_USER}"', f'user="{owner}"'),
+                                      (f'group="{ADMIN_GROUP}"', f'group="{administrators or ADMIN_GROUP}"')):
+            assert text.count(placeholder) == 1
+            text = text.replace(placeholder, stand_in)
+        return text
 
     def start(self):
         """Also after stop(), at the same address again."""

@@ -10,7 +10,7 @@ import time
 from client import Client, ConnectionEnded
 from daemon import Daemon, no_move_capabilities, start_lines
 from fakeservice import FakeService, properties
-from installation import PTZ_PLUGINS, Bus, documented_limit
+from installation import PTZ_PLUGINS, Bus, documented_limit, testing_user
 from simcamera import PTZ, SimulatedCamera
 from tessardctl import Tessardctl
 from tool import path_of
@@ -80,8 +80,8 @@ class OverdueRequests:
 class OverdueStart:
     """A daemon on a bus where the PTZ coordinator never answers."""
 
-    def __init__(self, installation, workspace):
-        self.bus = Bus(workspace)
+    def __init__(self, installation):
+        self.bus = Bus(installation)
         self.camera = SimulatedCamera(installation, self.bus, "--misbehave", "ptz=never", producers="")
         self.camera.wait_until_ready()
         self.began = time.time()
@@ -136,12 +136,12 @@ class OverdueCalls:
 
     CHANGES = 3
 
-    def __init__(self, workspace):
-        self.folder = workspace.folder()
+    def __init__(self, installation):
+        self.folder = installation.workspace.folder()
         self.silent_bus = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.silent_bus.bind(str(self.folder / "silent-bus"))
         self.silent_bus.listen()
-        self.buses = [Bus(workspace), Bus(workspace)]
+        self.buses = [Bus(installation, owner=testing_user()) for _ in range(2)]
         self.services = [self._start_service(self.buses[0], "GetManagedObjects"),
                          self._start_service(self.buses[1], "SetChannelsEnabled", "SetProducersEnabled")]
         list_bus, change_bus = (bus.address for bus in self.buses)

@@ -194,13 +194,12 @@ def test_without_a_bus_clients_are_served(start_daemon, workspace):
 
 
 def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
-    owner = BusClient(own_bus)
-    owner.own(NAME)
+    owner = start_daemon(on=own_bus)
     daemon = start_daemon(on=own_bus, bus_lines=NAME_TAKEN_LINES)
 
     with daemon.client() as client:
         client.start().next_document()
-    owner.close()
+    owner.end()
     # The daemon was next in the bus' queue.
     assert daemon.log.take(1) == [NAME_ACQUIRED_LINE]
 

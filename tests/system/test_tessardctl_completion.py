@@ -29,10 +29,10 @@ _tessardctl "$TESSARDCTL" "" ""
 
 
 @pytest.fixture
-def offered(tool_under_test, own_bus, tmp_path):
+def offered(tool_under_test, stand_in_bus, tmp_path):
     """What bash offers at the end of a line behind the tool's name."""
 
-    def ask(line, bus=own_bus.address):
+    def ask(line, bus=stand_in_bus.address):
         result = subprocess.run(
             ["bash", "-c", ASK_BASH, BASH, "tessardctl " + line], cwd=tmp_path, capture_output=True, text=True,
             timeout=BOUND_SECONDS, check=True,
@@ -44,8 +44,8 @@ def offered(tool_under_test, own_bus, tmp_path):
 
 
 @pytest.fixture
-def service(own_bus):
-    started = FakeService(own_bus)
+def service(stand_in_bus):
+    started = FakeService(stand_in_bus)
     started.producers = {path_of(name): properties(name, channels=[(1, False, ""), (12, False, ""), (2, False, "")])
                          for name in ("VideoMotionTracker", "VideoCounter", "Radar")}
     started.start()
@@ -105,8 +105,8 @@ def test_nothing_to_offer(offered, service, line):
 
 
 @pytest.mark.parametrize("option", ["--bus {}", "--bus={}"])
-def test_bus_of_the_command_line(offered, service, own_bus, option):
-    line = "enable " + option.format(own_bus.address)
+def test_bus_of_the_command_line(offered, service, stand_in_bus, option):
+    line = "enable " + option.format(stand_in_bus.address)
     assert offered(line + " R", bus="unix:path=/nonexistent/bus") == ["Radar"]
     assert offered(line + " Radar ", bus="unix:path=/nonexistent/bus") == ["1", "2", "12"]
 
@@ -117,17 +117,17 @@ def test_nothing_when_the_bus_or_the_daemon_is_away(offered, line):
     assert offered(line, bus="unix:path=/nonexistent/bus") == []
 
 
-def test_daemon_that_never_replies_is_given_up_soon(offered, own_bus):
-    silent = FakeService(own_bus)
+def test_daemon_that_never_replies_is_given_up_soon(offered, stand_in_bus):
+    silent = FakeService(stand_in_bus)
     silent.silent.add("GetManagedObjects")
     silent.start()
     assert offered("show ") == []
     silent.close()
 
 
-def test_names_are_never_run(offered, own_bus, tmp_path):
+def test_names_are_never_run(offered, stand_in_bus, tmp_path):
     names = ["$(touch run)", "`touch run`", "a b", "a'b", "*", "-x", ";touch run"]
-    evil = FakeService(own_bus)
+    evil = FakeService(stand_in_bus)
     evil.producers = {path_of(f"p{number}"): properties(name) for number, name in enumerate(names)}
     evil.start()
     given = offered("show ")

@@ -13,7 +13,7 @@ from busclient import PROPERTIES
 from daemon import RADAR_TRACKER as RADAR
 from daemon import VIDEO_TRACKER as VIDEO
 from fakeservice import FakeService, properties
-from installation import TREE, Bus, documented_limit
+from installation import TREE, documented_limit
 from overdue import CALL_SECONDS
 from tessardctl import ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, USAGE, read_lines, read_some
 from tool import OBJECT_MANAGER, PRODUCER, ROOT, path_of
@@ -48,12 +48,12 @@ def producer(channel=CHANNEL, name='"a"'):
 
 
 @pytest.fixture
-def make_service(own_bus):
+def make_service(stand_in_bus):
     """Makes stand-ins, which are started later."""
     services = []
 
     def make():
-        services.append(FakeService(own_bus))
+        services.append(FakeService(stand_in_bus))
         return services[-1]
 
     yield make
@@ -79,11 +79,11 @@ def started(service):
 
 
 @pytest.fixture
-def control(start, own_bus):
+def control(start, stand_in_bus):
     """Starts a command on the bus of the test, which may stand for the system's."""
 
     def start_control(*args, env=None, **popen_args):
-        return start(*args, env={"DBUS_SYSTEM_BUS_ADDRESS": own_bus.address} | (env or {}), **popen_args)
+        return start(*args, env={"DBUS_SYSTEM_BUS_ADDRESS": stand_in_bus.address} | (env or {}), **popen_args)
 
     return start_control
 
@@ -176,13 +176,10 @@ class TestBus:
         assert (result.status, result.out, result.err) == (NO_CONNECTION, b"", NOT_THERE)
 
     @pytest.mark.parametrize("command", COMMANDS)
-    def test_another_bus_than_the_systems(self, ask, workspace, started, own_bus, command):
-        systems = Bus(workspace)
-        try:
-            result = ask(*COMMANDS[command], "--bus", own_bus.address,
-                         env={"DBUS_SYSTEM_BUS_ADDRESS": systems.address})
-        finally:
-            systems.stop()
+    def test_another_bus_than_the_systems(self, ask, start_bus, started, stand_in_bus, command):
+        systems = start_bus()
+        result = ask(*COMMANDS[command], "--bus", stand_in_bus.address,
+                     env={"DBUS_SYSTEM_BUS_ADDRESS": systems.address})
         assert (result.status, result.err) == (SUCCESS, b"")
         assert started.calls != []
 
@@ -702,9 +699,9 @@ class TestMonitor:
         result = tool.end_by(signal.SIGINT)
         assert (result.status, result.out, result.err) == (SUCCESS, b"", b"")
 
-    def test_nobody_else_makes_lines(self, monitor, started, own_bus):
+    def test_nobody_else_makes_lines(self, monitor, started, stand_in_bus):
         tool = monitor("daemon present, producers: 2")
-        stranger = FakeService(own_bus)
+        stranger = FakeService(stand_in_bus)
         stranger.add("fake")
         stranger.remove("fake")
         stranger.client.has_owner("com.quon.MetadataServer1")
@@ -763,9 +760,9 @@ class TestMonitor:
         result = control("monitor").finish()
         assert (result.status, result.out, result.err) == (REFUSED, b"", b"tessardctl: Not you.\n")
 
-    def test_bus_ends(self, monitor, started, own_bus):
+    def test_bus_ends(self, monitor, started, stand_in_bus):
         tool = monitor("daemon present, producers: 2")
-        own_bus.stop()
+        stand_in_bus.stop()
         result = tool.finish()
         assert (result.status, result.err) == (ENDED, b"tessardctl: The bus closed the connection.\n")
         # The bus may part with the daemon first, and then says so.

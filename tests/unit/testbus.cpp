@@ -68,12 +68,11 @@ socket_path()
   return directory().path("socket");
 }
 
-/* The configuration that the system tests use too. */
 std::string
 write_configuration()
 {
   const std::string path = directory().path("bus.conf");
-  std::ifstream in(PRIVATE_BUS_CONFIGURATION);
+  std::ifstream in(BUS_CONFIGURATION);
   std::string text(std::istreambuf_iterator<char>(in), {});
   const gsize placeholder = text.find(SOCKET_PLACEHOLDER);
   g_assert_cmpuint(placeholder, !=, std::string::npos);
