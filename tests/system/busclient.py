@@ -40,6 +40,10 @@ class BusClient:
     def has_owner(self, name):
         return self.call(*BUS, "NameHasOwner", GLib.Variant("(s)", (name,))).unpack()[0]
 
+    def owner_of(self, name):
+        """The connection's own name."""
+        return self.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (name,))).unpack()[0]
+
     def own(self, name):
         """Takes a name until the connection is closed."""
         do_not_queue, primary_owner = 4, 1

@@ -6,6 +6,7 @@ import sys
 import pytest
 
 import tessardctl
+from busclient import BusClient
 from daemon import VIDEO_TRACKER
 from installation import UNPRIVILEGED_USER, Bus, run_by_root
 from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
@@ -20,17 +21,44 @@ ADMINISTRATOR = {"user": "daemon", "group": "daemon", "extra_groups": [STAND_IN_
 ROOT_USER = {"user": "root", "group": "root", "extra_groups": []}
 DAEMON = {"user": UNPRIVILEGED_USER, "group": "daemon", "extra_groups": []}
 
-# Makes one call and prints the D-Bus error that it fails with, if it does. A program of its own, for its user.
+# Makes one call, with so many descriptors, and prints the D-Bus error that it fails with, if it does. A program of its
+# own, for its user.
 CALLER = """\
 import sys
 from gi.repository import Gio, GLib
-address, name, path, interface, method, arguments = sys.argv[1:]
+address, name, path, interface, method, arguments, count = sys.argv[1:]
 flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
 bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+descriptors = Gio.UnixFDList.new()
+for _ in range(int(count)):
+    descriptors.append(sys.stdin.fileno())
 try:
-    bus.call_sync(name, path, interface, method, GLib.Variant.parse(None, arguments), None, 0, -1, None)
+    bus.call_with_unix_fd_list_sync(name, path, interface, method, GLib.Variant.parse(None, arguments), None, 0, -1,
+                                    descriptors, None)
 except GLib.Error as error:
     print(Gio.DBusError.get_remote_error(error))
+"""
+
+# Sends a signal and a reply that nobody asked for to one peer, each with a descriptor, and waits until the bus has seen
+# them.
+SENDER = """\
+import sys
+from gi.repository import Gio, GLib
+address, destination, path = sys.argv[1:]
+flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+bus = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+descriptors = Gio.UnixFDList.new()
+descriptors.append(sys.stdin.fileno())
+signal = Gio.DBusMessage.new_signal(path, "org.freedesktop.DBus.Properties", "PropertiesChanged")
+reply = Gio.DBusMessage()
+reply.set_message_type(Gio.DBusMessageType.METHOD_RETURN)
+reply.set_reply_serial(1)
+for message in (signal, reply):
+    message.set_destination(destination)
+    message.set_unix_fd_list(descriptors)
+    bus.send_message(message, 0)
+bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", None, None, 0, -1,
+              None)
 """
 
 # Prints the first change of an object's properties.
@@ -68,13 +96,17 @@ def daemon(policed_bus, start_daemon):
     return start_daemon(on=policed_bus, plugins=("scene",))
 
 
-def call(bus, user, name, path, interface, method, arguments="()"):
+def run_as(user, program, *arguments):
+    """What a Python program prints."""
+    process = subprocess.run([sys.executable, "-I", "-c", program, *arguments], stdin=subprocess.DEVNULL,
+                             capture_output=True, text=True, cwd="/", check=True, timeout=BOUND_SECONDS, **user)
+    assert process.stderr == ""
+    return process.stdout.strip()
+
+
+def call(bus, user, name, path, interface, method, arguments="()", descriptors=0):
     """Has a user make a call; the name of the D-Bus error, empty when it succeeded."""
-    caller = subprocess.run(
-        [sys.executable, "-I", "-c", CALLER, bus.address, name, path, interface, method, arguments],
-        stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd="/", check=True, timeout=BOUND_SECONDS, **user)
-    assert caller.stderr == ""
-    return caller.stdout.strip()
+    return run_as(user, CALLER, bus.address, name, path, interface, method, arguments, str(descriptors))
 
 
 def own_name(bus, user):
@@ -135,6 +167,36 @@ def test_everybody_hears_of_changes(daemon, policed_bus):
     assert switch_channels(policed_bus, ADMINISTRATOR) == ""
     out, _ = listener.communicate(timeout=BOUND_SECONDS)
     assert out == "{'ChannelsEnabled': [(1, True, 'x'), (2, False, '')]}\n"
+
+
+@pytest.fixture(params=["name", "unique name"])
+def destination(request, daemon, policed_bus):
+    """What the daemon can be sent to."""
+    if request.param == "name":
+        return NAME
+    client = BusClient(policed_bus)
+    owner = client.owner_of(NAME)
+    client.close()
+    return owner
+
+
+@pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
+def test_nobody_calls_with_descriptors(daemon, policed_bus, destination, user):
+    question = (destination, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()")
+
+    assert call(policed_bus, user, *question, descriptors=1) == REFUSED
+    assert call(policed_bus, user, *question, descriptors=16) == REFUSED
+    assert call(policed_bus, user, *question) == ""
+    # Of what had come through, the daemon would have logged that it refused it.
+    assert daemon.log.take() == []
+
+
+@pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
+def test_nobody_sends_descriptors_otherwise(daemon, policed_bus, destination, user):
+    run_as(user, SENDER, policed_bus.address, destination, ROOT)
+
+    assert call(policed_bus, ROOT_USER, NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects") == ""
+    assert daemon.log.take() == []
 
 
 @pytest.mark.parametrize("user, status, error", [
