@@ -332,6 +332,12 @@ class Daemon:
     def descriptors(self):
         return len(os.listdir(self.proc / "fd"))
 
+    def limit_descriptors(self, limit):
+        """Lets the running daemon open no number from this one on, until it is let again."""
+        # Root itself may not everywhere, but the daemon's own user.
+        subprocess.run(["prlimit", f"--pid={self.process.pid}", f"--nofile={limit}:"], check=True, cwd="/",
+                       **unprivileged())
+
     def threads(self):
         return int(self.status_field("Threads"))
 

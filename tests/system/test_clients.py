@@ -298,10 +298,7 @@ def leave_descriptors(daemon, count):
     """Lets the running daemon open only so many descriptors more."""
     taken = set(map(int, os.listdir(daemon.proc / "fd")))
     free = (number for number in itertools.count() if number not in taken)
-    limit = next(itertools.islice(free, count, None))
-    # Root itself may not everywhere, but the daemon's own user.
-    subprocess.run(["prlimit", f"--pid={daemon.process.pid}", f"--nofile={limit}"], check=True, cwd="/",
-                   **unprivileged())
+    daemon.limit_descriptors(next(itertools.islice(free, count, None)))
 
 
 NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket: Too many open files")
