@@ -46,10 +46,11 @@ is_stream_call(GDBusMessage *message)
          g_strcmp0(g_dbus_message_get_member(message), STREAM_METHOD) == 0;
 }
 
+/* A peer may send a type that the enumeration cannot hold. */
 gboolean
 is_reply(GDBusMessage *message)
 {
-  const GDBusMessageType type = g_dbus_message_get_message_type(message);
+  const int type = g_dbus_message_get_message_type(message);
 
   return type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR;
 }
