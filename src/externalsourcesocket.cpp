@@ -25,8 +25,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 #include <utility>
 
 namespace
@@ -75,7 +78,7 @@ namespace
 /* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
 constexpr gsize BUFFER_SIZE = 64 * 1024;
 
-constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP);
+constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
 GIOStatus (*read_descriptor)(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error);
 
@@ -407,6 +410,51 @@ add_watch(ExternalSourceSocket *self)
   set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
 }
 
+/* Why a descriptor cannot carry a stream. NULL when it can, and for a folder, whose read fails.
+ *
+ * No watch on another kind would ever rest: poll() reports a device or an event counter as readable again
+ * and again, and a descriptor that only names a file as invalid. */
+const gchar *
+find_refusal(gint fd)
+{
+  const int flags = fcntl(fd, F_GETFL);
+  const int access_mode = flags & O_ACCMODE;
+  struct stat status = {};
+
+  if (flags < 0 || fstat(fd, &status) != 0) {
+    return g_strerror(errno);
+  }
+  if ((flags & O_PATH) != 0 || (access_mode != O_RDONLY && access_mode != O_RDWR)) {
+    return "it is not open for reading";
+  }
+  switch (status.st_mode & S_IFMT) {
+  case S_IFIFO:
+  case S_IFSOCK:
+  case S_IFREG:
+  case S_IFDIR:
+    return nullptr;
+  case S_IFCHR:
+  case S_IFBLK:
+    return "it is a device";
+  default:
+    return "it is neither a pipe nor a socket nor a file";
+  }
+}
+
+/* FALSE when the descriptor has been refused; that is logged. */
+gboolean
+accept_descriptor(gint fd, const gchar *source_name)
+{
+  const gchar *reason = find_refusal(fd);
+
+  if (reason != nullptr) {
+    syslog(LOG_WARNING, "closed the stream of producer \"%.*s\": %s", EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES,
+           source_name, reason);
+    close(fd);
+  }
+  return reason == nullptr;
+}
+
 /* FALSE when the stream cannot be read; that is logged. */
 gboolean
 start_reading(ExternalSourceSocket *self)
@@ -425,9 +473,6 @@ start_reading(ExternalSourceSocket *self)
     /* For the case that somebody else reads what poll() has seen. Where it fails, poll() has to do. */
     g_io_channel_set_flags(self->channel, G_IO_FLAG_NONBLOCK, nullptr);
   }
-  /* A descriptor that cannot be read is to fail when it is read, like any other: GLib would take it for the
-   * caller's mistake. Looking at the flags has set this. */
-  self->channel->is_readable = TRUE;
 
   add_watch(self);
   if (self->watch_id == 0) {
@@ -465,13 +510,17 @@ shut_down(ExternalSourceSocket *self)
  *   any thread
  *
  * Reads a producer's stream in the default main context until it ends, fails or is closed. The socket then
- * closes the descriptor; until then it keeps itself alive. A descriptor that cannot be read at all is closed
- * and @user_data is released, with a line at warning priority. Any thread.
+ * closes the descriptor; until then it keeps itself alive.
+ *
+ * A descriptor that cannot carry a stream is closed and @user_data is released, with a line at warning
+ * priority that names @source_name: one that is not open for reading, and one that is neither a pipe nor a
+ * socket nor a file. So is one that cannot be watched, with a line that names nobody. A folder is accepted;
+ * its first read fails, which is logged at error priority. Any thread.
  *
  * Warnings: "consumer_fd > -1", "source_name != NULL", "on_data != NULL" and "on_close != NULL" are
  * preconditions; when one fails, neither the descriptor nor @user_data is taken over.
  *
- * Returns: (transfer full) (nullable): a new socket
+ * Returns: (transfer full) (nullable): a new socket, or %NULL when @consumer_fd is no stream
  */
 ExternalSourceSocket *
 external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalSourceSocketDataFunc on_data,
@@ -483,6 +532,12 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalS
   g_return_val_if_fail(on_data != NULL, nullptr);
   g_return_val_if_fail(on_close != NULL, nullptr);
 
+  if (!accept_descriptor(consumer_fd, source_name)) {
+    if (user_data_free != nullptr) {
+      user_data_free(user_data);
+    }
+    return nullptr;
+  }
   auto *self = TESSARD_EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
   self->source_name = g_strdup(source_name);
   self->channel = make_channel(consumer_fd);

@@ -249,8 +249,9 @@ external_src_new(void)
  * @source_name: the name that stands in every frame of this producer
  *
  * Reads one more producer, until its stream ends, the element goes from PAUSED to READY or it is taken out of
- * its bin. After either of the last two the descriptor is closed at once. One that cannot be read is closed,
- * and logged at warning priority. Any thread.
+ * its bin. After either of the last two the descriptor is closed at once. A descriptor that
+ * external_source_socket_new() refuses is closed and the element goes on without it; the line at warning
+ * priority names @source_name. Any thread.
  *
  * Warnings: "src != NULL" and "source_name != NULL" are preconditions; when one fails, the descriptor is not
  * taken over.

@@ -341,6 +341,18 @@ class Daemon:
     def threads(self):
         return int(self.status_field("Threads"))
 
+    def processor_seconds(self):
+        # Behind the name, which may hold anything.
+        fields = (self.proc / "stat").read_text(encoding="utf-8").rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def processor_share(self, seconds):
+        """How much of one core the daemon takes during so many seconds."""
+        before = self.processor_seconds()
+        end = time.monotonic() + seconds
+        wait_until(lambda: time.monotonic() >= end, "the time has passed")
+        return (self.processor_seconds() - before) / seconds
+
     def resident_bytes(self):
         return int(self.status_field("VmRSS").split()[0]) * 1024
 

@@ -31,6 +31,10 @@ FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 8500, 20
 # For how long a stream that takes nothing is full.
 STUCK_SECONDS = 1
 
+# For how long the daemon is watched while it has nothing to do, and how much of a core it may take meanwhile.
+REST_SECONDS = 0.5
+RESTING_SHARE = 0.5
+
 # How much the daemon may keep for a client that does not read: its queue, what is being converted, and what allocators
 # do not give back.
 RESIDENT_GROWTH_BYTES = 16 * 1024 * 1024
@@ -145,23 +149,77 @@ def test_answer_without_a_descriptor_costs_its_producer_alone(detector, counter,
     expect_idle(daemon)
 
 
-def test_descriptor_that_cannot_be_read_costs_its_producer_alone(detector, counter, daemon):
+def answer_with_file(path, flags):
     def answer(call):
-        with open("/dev/null", "wb") as file:
-            call.reply(GLib.Variant("(h)", (0,)), [file.fileno()])
+        fd = os.open(path, flags)
+        call.reply(GLib.Variant("(h)", (0,)), [fd])
+        os.close(fd)
 
+    return answer
+
+
+def answer_with_write_end(call):
+    read_fd, write_fd = os.pipe()
+    call.reply(GLib.Variant("(h)", (0,)), [write_fd])
+    os.close(read_fd)
+    os.close(write_fd)
+
+
+def answer_with_event_counter(call):
+    # Each read takes one of them.
+    fd = os.eventfd(2**32 - 1, os.EFD_SEMAPHORE)
+    call.reply(GLib.Variant("(h)", (0,)), [fd])
+    os.close(fd)
+
+
+@pytest.mark.parametrize("answer, reason", [
+    pytest.param(answer_with_file("/dev/zero", os.O_RDONLY), "it is a device", id="endless device"),
+    pytest.param(answer_with_file("/dev/null", os.O_RDONLY), "it is a device", id="empty device"),
+    pytest.param(answer_with_file("/dev/null", os.O_WRONLY), "it is not open for reading", id="write-only device"),
+    pytest.param(answer_with_file("/", os.O_PATH), "it is not open for reading", id="path"),
+    pytest.param(answer_with_write_end, "it is not open for reading", id="write end"),
+    pytest.param(answer_with_event_counter, "it is neither a pipe nor a socket nor a file", id="event counter"),
+])
+def test_descriptor_that_is_no_stream_costs_its_producer_alone(detector, counter, daemon, answer, reason):
     detector.on_stream = answer
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
         expect_told(stream, (YARD, 1))
-        ((priority, text),) = daemon.log.take(1)
-        assert priority == ERROR
-        assert text.startswith("Could not read request length from client socket: Bad file descriptor: ")
+        assert daemon.log.take(1) == [(WARNING, f'closed the stream of producer "{GATE}": {reason}')]
+        assert daemon.processor_share(REST_SECONDS) < RESTING_SHARE
+        counter.wait_for_stream().send(numbered(2))
+        expect_told(stream, (YARD, 2))
 
-    # GLib takes it for a mistake of the daemon's.
-    daemon.allow_on_stderr("GLib-WARNING **: ")
     expect_idle(daemon)
+
+
+def test_folder_fails_when_it_is_read(detector, counter, daemon):
+    detector.on_stream = answer_with_file("/", os.O_RDONLY)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        counter.wait_for_stream().send(numbered(1))
+        expect_told(stream, (YARD, 1))
+        assert daemon.log.take(1) == [
+            (ERROR, "Could not read request length from client socket: Is a directory: Is a directory"),
+        ]
+
+    expect_idle(daemon)
+
+
+def test_file_is_read_to_its_end(detector, counter, daemon, tmp_path):
+    path = tmp_path / "messages"
+    path.write_bytes(message(numbered(1)) + message(numbered(2)))
+    detector.on_stream = answer_with_file(path, os.O_RDONLY)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        expect_told(stream, (GATE, 1), (GATE, 2))
+        counter.wait_for_stream().send(numbered(3))
+        expect_told(stream, (YARD, 3))
+        assert daemon.processor_share(REST_SECONDS) < RESTING_SHARE
+
+    expect_idle(daemon)
+    assert daemon.log.take() == []
 
 
 def test_second_descriptor_of_an_answer_is_used_when_it_says_so(detector, daemon):

@@ -10,8 +10,15 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
@@ -173,6 +180,8 @@ count_read_calls()
   return 0;
 }
 
+constexpr guint WHILE_MS = 100;
+
 /* How often the default main context polls within a while that has nothing else to do. */
 unsigned
 count_polls()
@@ -187,13 +196,239 @@ count_polls()
     polls++;
     return g_poll(fds, count, timeout);
   });
-  g_timeout_add_once(100, end, &over);
+  g_timeout_add_once(WHILE_MS, end, &over);
   while (!over) {
     g_main_context_iteration(nullptr, TRUE);
   }
   g_main_context_set_poll_func(nullptr, poll_func);
   return polls;
 }
+
+/* Expects that the main loop has nothing to do, and does nothing. */
+void
+expect_rest()
+{
+  const gint64 used_before = testhost::processor_time_us();
+
+  EXPECT_LE(count_polls(), 3U);
+  EXPECT_LT(testhost::processor_time_us() - used_before, WHILE_MS * 1000 / 2);
+}
+
+/* The other end of what is read, for as long as the test needs it. */
+class Peer
+{
+public:
+  Peer() = default;
+
+  ~Peer()
+  {
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+
+  Peer(const Peer &) = delete;
+  Peer &operator=(const Peer &) = delete;
+
+  int fd = -1;
+};
+
+/* The same file, opened once more. */
+int
+reopen(int fd, int flags)
+{
+  return open(("/proc/self/fd/" + std::to_string(fd)).c_str(), flags | O_CLOEXEC);
+}
+
+int
+open_pair(int type, Peer *peer)
+{
+  std::array<int, 2> ends = {-1, -1};
+
+  EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
+  peer->fd = ends[1];
+  return ends[0];
+}
+
+int
+open_empty_file(off_t size = 0)
+{
+  const int fd = memfd_create("file", MFD_CLOEXEC);
+
+  EXPECT_EQ(ftruncate(fd, size), 0);
+  return fd;
+}
+
+/* With an address that the kernel chooses. */
+int
+open_listening_socket(sockaddr_un *address, socklen_t *size)
+{
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+
+  *address = {AF_UNIX, {}};
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(address), sizeof address->sun_family), 0);
+  EXPECT_EQ(listen(fd, 1), 0);
+  *size = sizeof *address;
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(address), size), 0);
+  return fd;
+}
+
+struct Descriptor {
+  const char *name;
+  int (*open)(Peer *peer);
+};
+
+/* One that cannot be a stream, and what the warning says of it. */
+struct Refused : Descriptor {
+  std::string reason;
+};
+
+constexpr const char *NOT_READABLE = "it is not open for reading";
+constexpr const char *A_DEVICE = "it is a device";
+constexpr const char *OF_NO_KIND = "it is neither a pipe nor a socket nor a file";
+
+const std::vector<Refused> REFUSED = {
+    {{"NullDevice", [](Peer *) { return open("/dev/null", O_RDONLY | O_CLOEXEC); }}, A_DEVICE},
+    {{"ZeroDevice", [](Peer *) { return open("/dev/zero", O_RDWR | O_CLOEXEC); }}, A_DEVICE},
+    {{"Terminal", [](Peer *) { return open("/dev/ptmx", O_RDWR | O_NOCTTY | O_CLOEXEC); }}, A_DEVICE},
+    {{"PathOfFolder", [](Peer *) { return open("/", O_PATH | O_CLOEXEC); }}, NOT_READABLE},
+    {{"PathOfFile", [](Peer *) { return open("/proc/self/exe", O_PATH | O_CLOEXEC); }}, NOT_READABLE},
+    {{"PathOfDevice", [](Peer *) { return open("/dev/zero", O_PATH | O_CLOEXEC); }}, NOT_READABLE},
+    {{"WriteOnlyDevice", [](Peer *) { return open("/dev/null", O_WRONLY | O_CLOEXEC); }}, NOT_READABLE},
+    {{"WriteOnlyFile",
+      [](Peer *peer) {
+        peer->fd = open_empty_file();
+        return reopen(peer->fd, O_WRONLY);
+      }},
+     NOT_READABLE},
+    {{"WriteEndOfPipe",
+      [](Peer *peer) {
+        std::array<int, 2> ends = {-1, -1};
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        peer->fd = ends[0];
+        return ends[1];
+      }},
+     NOT_READABLE},
+    {{"EventCounter", [](Peer *) { return eventfd(G_MAXUINT32, EFD_SEMAPHORE | EFD_CLOEXEC); }}, OF_NO_KIND},
+    {{"Timer",
+      [](Peer *) {
+        const itimerspec always = {{0, 1}, {0, 1}};
+        const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+        EXPECT_EQ(timerfd_settime(fd, 0, &always, nullptr), 0);
+        return fd;
+      }},
+     OF_NO_KIND},
+    {{"Signals",
+      [](Peer *) {
+        sigset_t none;
+        sigemptyset(&none);
+        return signalfd(-1, &none, SFD_CLOEXEC);
+      }},
+     OF_NO_KIND},
+    {{"Epoll", [](Peer *) { return epoll_create1(EPOLL_CLOEXEC); }}, OF_NO_KIND},
+    {{"Inotify", [](Peer *) { return inotify_init1(IN_CLOEXEC); }}, OF_NO_KIND},
+    {{"ClosedDescriptor",
+      [](Peer *) {
+        const int fd = open_empty_file();
+        close(fd);
+        return fd;
+      }},
+     "Bad file descriptor"},
+};
+
+/* One that can be read, though it is no producer's stream, and what comes of it. */
+struct Odd : Descriptor {
+  Texts events;
+  SyslogLines lines;
+};
+
+SyslogLines
+failure(const std::string &what, const std::string &text)
+{
+  return {{LOG_ERR, "Could not read request " + what + " from client socket: " + text + ": " + text}};
+}
+
+const std::vector<Odd> ODD = {
+    {{"Folder", [](Peer *) { return open("/", O_RDONLY | O_CLOEXEC); }},
+     ENDED,
+     failure("length", "Is a directory")},
+    {{"EmptyFile", [](Peer *) { return open_empty_file(); }}, ENDED, {}},
+    {{"SparseFile", [](Peer *) { return open_empty_file(100 * 1000); }}, ENDED, {}},
+    {{"KernelsText", [](Peer *) { return open("/proc/sys/kernel/ostype", O_RDONLY | O_CLOEXEC); }},
+     ENDED,
+     failure("data", "Message too long")},
+    {{"KernelsMemory", [](Peer *) { return open("/proc/self/mem", O_RDONLY | O_CLOEXEC); }},
+     ENDED,
+     failure("length", "Input/output error")},
+    {{"KernelsNamespace", [](Peer *) { return open("/proc/self/ns/uts", O_RDONLY | O_CLOEXEC); }},
+     ENDED,
+     failure("length", "Invalid argument")},
+    {{"ListeningSocket",
+      [](Peer *) {
+        sockaddr_un address;
+        socklen_t size = 0;
+        return open_listening_socket(&address, &size);
+      }},
+     NOTHING,
+     {}},
+    {{"ListeningSocketWithAPeer",
+      [](Peer *peer) {
+        sockaddr_un address;
+        socklen_t size = 0;
+        const int fd = open_listening_socket(&address, &size);
+        peer->fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(connect(peer->fd, reinterpret_cast<sockaddr *>(&address), size), 0);
+        return fd;
+      }},
+     ENDED,
+     failure("length", "Invalid argument")},
+    {{"UnconnectedSocket", [](Peer *) { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); }}, ENDED, {}},
+    {{"UnboundDatagramSocket", [](Peer *) { return socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); }},
+     NOTHING,
+     {}},
+    {{"SocketWithAnEmptyDatagram",
+      [](Peer *peer) {
+        const int fd = open_pair(SOCK_DGRAM, peer);
+        EXPECT_EQ(send(peer->fd, nullptr, 0, 0), 0);
+        return fd;
+      }},
+     ENDED,
+     {}},
+    {{"SocketWithAnUrgentByte",
+      [](Peer *peer) {
+        const int fd = open_pair(SOCK_STREAM, peer);
+        EXPECT_EQ(send(peer->fd, "x", 1, MSG_OOB), 1);
+        return fd;
+      }},
+     NOTHING,
+     {}},
+    {{"SocketWithAnError",
+      [](Peer *peer) {
+        const int fd = open_pair(SOCK_STREAM, peer);
+        /* A peer that goes without having read what it was sent resets the connection. */
+        EXPECT_EQ(write(fd, "unread", 6), 6);
+        close(std::exchange(peer->fd, -1));
+        return fd;
+      }},
+     ENDED,
+     failure("length", "Connection reset by peer")},
+    {{"SocketShutDown",
+      [](Peer *peer) {
+        const int fd = open_pair(SOCK_STREAM, peer);
+        EXPECT_EQ(shutdown(fd, SHUT_RD), 0);
+        return fd;
+      }},
+     ENDED,
+     {}},
+};
+
+class RefusedTest : public ExternalSourceSocketTest, public testing::WithParamInterface<Refused>
+{
+};
+
+class OddTest : public ExternalSourceSocketTest, public testing::WithParamInterface<Odd>
+{
+};
 
 std::string
 length_only(guint32 length)
@@ -792,18 +1027,105 @@ TEST_P(PiecesTest, OfABlockingPayloadInThreeReadsAreJoined)
   EXPECT_EQ(reader.take_events(), frames({LONG}));
 }
 
-TEST_F(ExternalSourceSocketTest, EndsWhenALengthCannotBeRead)
-{
-  Reader folder(open("/", O_RDONLY | O_CLOEXEC));
-  EXPECT_EQ(folder.take_events(), ENDED);
-  Reader write_only(open("/dev/null", O_WRONLY | O_CLOEXEC));
-  EXPECT_EQ(write_only.take_events(), ENDED);
+INSTANTIATE_TEST_SUITE_P(Descriptors, RefusedTest, testing::ValuesIn(REFUSED),
+                         [](const auto &refused) { return refused.param.name; });
 
-  const std::string text = "Could not read request length from client socket: ";
+TEST_P(RefusedTest, IsClosedWithOneWarning)
+{
+  Peer peer;
+  const int fd = GetParam().open(&peer);
+  ASSERT_GE(fd, 0);
+  Reader reader(fd);
+
+  EXPECT_EQ(reader.socket, nullptr);
+  EXPECT_EQ(reader.events, (Texts{"released"}));
+  EXPECT_LT(fcntl(fd, F_GETFD), 0);
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{{LOG_WARNING, R"(closed the stream of producer "camera 1": )" + GetParam().reason}}));
+  expect_rest();
+}
+
+TEST_F(ExternalSourceSocketTest, RefusesABlockDevice)
+{
+  const int fd = open("/dev/loop0", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    GTEST_SKIP() << "no block device that may be opened";
+  }
+  Reader reader(fd);
+
+  EXPECT_EQ(reader.socket, nullptr);
   EXPECT_EQ(testhost::take_syslog(),
-            (SyslogLines{{LOG_ERR, text + "Is a directory: Is a directory"},
-                         {LOG_ERR, text + "Bad file descriptor: Bad file descriptor"}}));
+            (SyslogLines{{LOG_WARNING, R"(closed the stream of producer "camera 1": it is a device)"}}));
+}
+
+TEST_F(ExternalSourceSocketTest, LogsOnlyTheStartOfALongNameThatItRefuses)
+{
+  const std::string name(100 * 1000, 'x');
+  Reader reader(open("/dev/null", O_RDONLY | O_CLOEXEC), name.c_str());
+
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "closed the stream of producer \"" +
+                                           name.substr(0, EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES) +
+                                           "\": it is a device"}}));
+}
+
+TEST_F(ExternalSourceSocketTest, NeedsNoReleaseFunctionForWhatItRefuses)
+{
+  EXPECT_EQ(external_source_socket_new(
+                open("/dev/null", O_RDONLY | O_CLOEXEC), NAME, [](auto *, guint8 *, gsize, gpointer) {},
+                [](auto *, gpointer) {}, nullptr, nullptr),
+            nullptr);
+  EXPECT_EQ(testhost::take_syslog().size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Descriptors, OddTest, testing::ValuesIn(ODD),
+                         [](const auto &odd) { return odd.param.name; });
+
+TEST_P(OddTest, EndsOrLeavesTheMainLoopAtRest)
+{
+  Peer peer;
+  const int fd = GetParam().open(&peer);
+  ASSERT_GE(fd, 0);
+  Reader reader(fd);
+
+  EXPECT_EQ(reader.take_events(), GetParam().events);
+  EXPECT_EQ(testhost::take_syslog(), GetParam().lines);
+  expect_rest();
+}
+
+TEST_F(ExternalSourceSocketTest, EndsWhenItsDescriptorIsNotValidAnyMore)
+{
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  close(producer.consumer_fd);
+  EXPECT_EQ(reader.take_events(), ENDED);
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_ERR, "Failed to close channel: Bad file descriptor: Bad file descriptor"}}));
   EXPECT_EQ(testhost::take_glib_messages(), BAD_DESCRIPTOR);
+  expect_rest();
+}
+
+TEST_F(ExternalSourceSocketTest, EmptyMessagesWithoutEndLeaveTheMainLoopToOthers)
+{
+  constexpr int TURNS = 1000;
+  Peer file;
+  file.fd = open_empty_file(G_MAXINT32);
+  Reader reader(fcntl(file.fd, F_DUPFD_CLOEXEC, 0));
+  testhost::LatencyMeter latency;
+  int turns = 0;
+
+  g_idle_add_full(
+      G_PRIORITY_DEFAULT,
+      [](gpointer user_data) -> gboolean { return ++*static_cast<int *>(user_data) < TURNS; }, &turns,
+      nullptr);
+  EXPECT_TRUE(testhost::spin_until([&] { return turns == TURNS; }));
+  EXPECT_LT(latency.longest_us(), STALL_US);
+  /* One message each turn needs no more than what has been read ahead. */
+  EXPECT_GT(lseek(file.fd, 0, SEEK_CUR), 0);
+  EXPECT_LE(lseek(file.fd, 0, SEEK_CUR), 64 * 1024);
+  EXPECT_EQ(reader.events, NOTHING);
 }
 
 TEST_F(ExternalSourceSocketTest, EndsWhenAPayloadCannotBeRead)

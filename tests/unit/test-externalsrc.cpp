@@ -551,6 +551,23 @@ TEST_F(ExternalSrcTest, LivesOnWithoutASocketThatCannotBeSetUp)
             (SyslogLines{{LOG_WARNING, "Failed to set encoding on channel: No such encoding"}}));
 }
 
+TEST_F(ExternalSrcTest, LivesOnWithoutADescriptorThatIsNoStream)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+
+  branch.play();
+  add(branch, producer);
+  external_src_add_socket(branch.src, fd, NAME);
+  EXPECT_EQ(num_sockets(branch.src), 1U);
+  EXPECT_FALSE(is_open(fd));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, R"(closed the stream of producer "tracker": it is a device)"}}));
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+}
+
 TEST_F(ExternalSrcTest, BoundsWhatWaitsForAClientThatDoesNotRead)
 {
   constexpr gsize MESSAGE_SIZE = 100 * 1000;
