@@ -1,23 +1,26 @@
 /* Reads one producer's stream, cuts it into messages and hands each on as a JSON frame.
  *
- * Two ways of reading. How a stream is read was decided by the mode in which its descriptor came, and
- * producers have got used to it. On a non-blocking one a message has to be there when it is begun: what is
- * missing by then makes it void. On a blocking one a message was waited for; here that must not keep the main
- * loop, so the pieces are kept until the last one has come. Neither way trusts the descriptor's mode, which
- * everybody who shares the open file can change: a read happens only where poll() has seen something to read.
+ * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read. Set: a message
+ * must be complete when its length is read, otherwise it is discarded. Clear: the pieces are collected until
+ * the message is complete.
  *
- * Which threads. The main thread reads and delivers. Any thread closes, pauses and goes on.
+ * Reads: no read waits for the producer, and none changes or trusts the flags of the open file, which other
+ * processes and other sockets may share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs,
+ * and in older kernels all pipes, do not support RWF_NOWAIT; they are read by vmsplice() or splice() with
+ * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable. Only a file system that waits for a
+ * peer could make such a read wait.
  *
- * What the lock guards. The channel with the message that is being read, and the id of the watch. The reader
- * holds it for one message, which never waits for the producer; close holds it to shut the channel down, so
- * that nobody reads a descriptor whose number is another file's by then. No callback is called with it held,
- * nor is a watch removed, since that may release the user data. The owner may hold a lock of its own while it
- * closes without notification, pauses or goes on, and may take that lock in the callbacks.
+ * Threads: the main thread reads and delivers. Any thread closes, pauses and resumes.
  *
- * Who keeps it alive. The open socket and each of its watches are holders. All holders together have one
- * reference on the socket and the user data; the last one, a watch that is just being dispatched perhaps,
- * releases the user data and then the reference, on whichever thread that is. A paused socket has no watch: a
- * descriptor that has been hung up is always ready for poll(), so it must not be polled at all.
+ * Lock: it guards the channel, the message that is being read and the id of the watch. The reader holds it
+ * for one message. Close holds it while it shuts the channel down, so that no read uses a descriptor number
+ * that already belongs to another file. No callback is called with the lock held, and no watch is removed,
+ * because that can release the user data. The owner may hold a lock of its own while it closes without
+ * notification, pauses or resumes, and may take that lock in the callbacks.
+ *
+ * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
+ * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
+ * has no watch, because poll() would report a hang-up again and again.
  */
 #include "externalsourcesocket.h"
 
@@ -27,7 +30,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <utility>
@@ -80,32 +85,119 @@ constexpr gsize BUFFER_SIZE = 64 * 1024;
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
-GIOStatus (*read_descriptor)(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error);
+/* Reads from a descriptor like read(), but fails with EAGAIN where that would wait. */
+using ReadFunc = gssize (*)(gint fd, gchar *buf, gsize count);
 
-GIOStatus
-read_if_ready(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
+/* Whether poll() has anything to report, be it data, the end or a failure. */
+gboolean
+is_readable(gint fd)
 {
-  pollfd descriptor = {g_io_channel_unix_get_fd(channel), POLLIN, 0};
+  pollfd descriptor = {fd, POLLIN, 0};
 
-  if (poll(&descriptor, 1, 0) <= 0) {
-    *bytes_read = 0;
-    return G_IO_STATUS_AGAIN;
-  }
-  return read_descriptor(channel, buf, count, bytes_read, error);
+  return poll(&descriptor, 1, 0) > 0;
 }
 
-/* GLib's channel but for its read. */
+gssize
+read_socket(gint fd, gchar *buf, gsize count)
+{
+  return recv(fd, buf, count, MSG_DONTWAIT);
+}
+
+/* Moves the bytes into a pipe of its own and takes all of them from there. */
+gssize
+read_spliced(gint fd, gchar *buf, gsize count)
+{
+  std::array<gint, 2> ends = {-1, -1};
+
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+    return -1;
+  }
+  gssize size = splice(fd, nullptr, ends[1], nullptr, count, SPLICE_F_NONBLOCK);
+  if (size > 0) {
+    size = read(ends[0], buf, size);
+  }
+  const int error_number = errno;
+  close(ends[0]);
+  close(ends[1]);
+  errno = error_number;
+  return size;
+}
+
+gssize
+read_pipe(gint fd, gchar *buf, gsize count)
+{
+  const iovec piece = {buf, count};
+  const gssize size = preadv2(fd, &piece, 1, -1, RWF_NOWAIT);
+
+  if (size >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
+    return size;
+  }
+  /* To a FIFO that is open for reading and writing vmsplice() would write. */
+  return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY ? vmsplice(fd, &piece, 1, SPLICE_F_NONBLOCK)
+                                                      : read_spliced(fd, buf, count);
+}
+
+gssize
+read_file(gint fd, gchar *buf, gsize count)
+{
+  if (!is_readable(fd)) {
+    errno = EAGAIN;
+    return -1;
+  }
+  return read(fd, buf, count);
+}
+
+/* Sets errno when it fails. */
+template <ReadFunc READ>
+GIOStatus
+read_descriptor(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
+{
+  const gssize size = TEMP_FAILURE_RETRY(READ(g_io_channel_unix_get_fd(channel), buf, count));
+  const int error_number = errno;
+
+  *bytes_read = std::max<gssize>(size, 0);
+  if (size >= 0) {
+    return size > 0 ? G_IO_STATUS_NORMAL : G_IO_STATUS_EOF;
+  }
+  if (error_number == EAGAIN) {
+    return G_IO_STATUS_AGAIN;
+  }
+  g_set_error_literal(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FAILED, g_strerror(error_number));
+  errno = error_number;
+  return G_IO_STATUS_ERROR;
+}
+
+/* GLib's functions of a channel, but with this read. */
+template <ReadFunc READ>
+GIOFuncs *
+get_funcs(const GIOFuncs *glib_funcs)
+{
+  static GIOFuncs funcs = [glib_funcs] {
+    GIOFuncs copy = *glib_funcs;
+    copy.io_read = read_descriptor<READ>;
+    return copy;
+  }();
+
+  return &funcs;
+}
+
 GIOChannel *
 make_channel(gint fd)
 {
   GIOChannel *channel = g_io_channel_unix_new(fd);
-  static GIOFuncs funcs = [channel] {
-    GIOFuncs copy = *channel->funcs;
-    read_descriptor = std::exchange(copy.io_read, read_if_ready);
-    return copy;
-  }();
+  struct stat status = {};
 
-  channel->funcs = &funcs;
+  fstat(fd, &status);
+  switch (status.st_mode & S_IFMT) {
+  case S_IFSOCK:
+    channel->funcs = get_funcs<read_socket>(channel->funcs);
+    break;
+  case S_IFIFO:
+    channel->funcs = get_funcs<read_pipe>(channel->funcs);
+    break;
+  default:
+    channel->funcs = get_funcs<read_file>(channel->funcs);
+  }
   return channel;
 }
 
@@ -468,11 +560,7 @@ start_reading(ExternalSourceSocket *self)
   }
   g_io_channel_set_buffer_size(self->channel, BUFFER_SIZE);
 
-  self->keeps_pieces = (g_io_channel_get_flags(self->channel) & G_IO_FLAG_NONBLOCK) == 0;
-  if (self->keeps_pieces) {
-    /* For the case that somebody else reads what poll() has seen. Where it fails, poll() has to do. */
-    g_io_channel_set_flags(self->channel, G_IO_FLAG_NONBLOCK, nullptr);
-  }
+  self->keeps_pieces = (fcntl(g_io_channel_unix_get_fd(self->channel), F_GETFL) & O_NONBLOCK) == 0;
 
   add_watch(self);
   if (self->watch_id == 0) {

@@ -13,7 +13,7 @@ from gi.repository import GLib
 from daemon import ERROR, INFO, NOTHING_ASKED, WARNING
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
                       expect_told, numbered, read_numbers, told)
-from fakereceiver import message
+from fakereceiver import Stream, message
 from installation import EVENT_PLUGIN, documented_limit
 from receiver import LENGTH
 from waiting import BOUND_SECONDS, wait_until
@@ -344,6 +344,26 @@ def test_descriptor_that_does_not_block_has_whole_messages(kind_of_stream, detec
         expect_told(stream, (GATE, 4))
 
     expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def test_same_read_end_again_is_read_in_the_same_way(kind_of_stream, detector, daemon):
+    read_fd, write_fd = detector.make_pair()
+    detector.on_stream = lambda call: call.reply(GLib.Variant("(h)", (0,)), [read_fd])
+    feed = Stream(write_fd, 1)
+    for number in range(3):
+        with daemon.client() as client:
+            stream = client.start(ANALYTICS)
+            data = message(numbered(number))
+            feed.write(data[:10])
+            feed.wait_until_taken()
+            expect_answer(daemon)
+            feed.write(data[10:])
+            expect_told(stream, (GATE, number))
+            assert os.get_blocking(read_fd)
+        expect_idle(daemon)
+    os.close(read_fd)
+    feed.close()
     assert daemon.log.take() == []
 
 

@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <utility>
 
 namespace
@@ -28,6 +29,7 @@ std::atomic<int> accept_error_number = 0;
 std::atomic<unsigned> accept_count = 0;
 std::optional<std::vector<std::string>> file_calls;
 std::atomic<unsigned> request_time_divisor = 1;
+std::atomic<unsigned> read_calls = 0;
 std::function<void()> bus_watch_hook;
 std::function<void()> empty_read_hook;
 std::function<void()> flush_hook;
@@ -163,6 +165,12 @@ file_calls_size()
   return file_calls.has_value() ? file_calls->size() : 0;
 }
 
+unsigned
+read_call_count()
+{
+  return read_calls;
+}
+
 void
 divide_request_time(unsigned divisor)
 {
@@ -268,6 +276,15 @@ int __wrap_listen(int fd, int backlog);
 /* What open() is called where files may be large. */
 int __real_open64(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
+/* What preadv2() is called where files may be large. */
+ssize_t __real_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags);
+ssize_t __wrap_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags);
+ssize_t __real_recv(int fd, void *buf, size_t count, int flags);
+ssize_t __wrap_recv(int fd, void *buf, size_t count, int flags);
+ssize_t __real_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags);
+ssize_t __wrap_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags);
+ssize_t __real_vmsplice(int fd, const iovec *pieces, size_t count, unsigned flags);
+ssize_t __wrap_vmsplice(int fd, const iovec *pieces, size_t count, unsigned flags);
 void __real_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
 void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation *invocation, GVariant *value);
 int __real_rename(const char *from, const char *to);
@@ -394,6 +411,34 @@ __wrap_open64(const char *path, int flags, ...)
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
   va_end(args);
   return __real_open64(path, flags, mode);
+}
+
+ssize_t
+__wrap_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags)
+{
+  read_calls++;
+  return __real_preadv64v2(fd, pieces, count, offset, flags);
+}
+
+ssize_t
+__wrap_recv(int fd, void *buf, size_t count, int flags)
+{
+  read_calls++;
+  return __real_recv(fd, buf, count, flags);
+}
+
+ssize_t
+__wrap_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags)
+{
+  read_calls++;
+  return __real_splice(from, from_offset, to, to_offset, count, flags);
+}
+
+ssize_t
+__wrap_vmsplice(int fd, const iovec *pieces, size_t count, unsigned flags)
+{
+  read_calls++;
+  return __real_vmsplice(fd, pieces, count, flags);
 }
 
 guint

@@ -61,6 +61,9 @@ std::vector<std::string> take_file_calls();
 /* How many were kept until now. */
 gsize file_calls_size();
 
+/* How many calls have read from a descriptor so far, but for read() itself. */
+unsigned read_call_count();
+
 /* Gives every request only a part of its time, as long as this is not 1. */
 void divide_request_time(unsigned divisor);
 

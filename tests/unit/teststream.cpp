@@ -26,15 +26,24 @@ frame(const std::string &source_name, const std::string &payload)
   return R"({"Source":")" + source_name + R"(","Data":{"Item":[)" + payload + "]}}";
 }
 
+int
+reopen(int fd, int flags)
+{
+  return open(("/proc/self/fd/" + std::to_string(fd)).c_str(), flags | O_CLOEXEC);
+}
+
 Producer::Producer(Carrier carrier, Mode mode)
 {
   std::array<int, 2> ends = {-1, -1};
-  const int result = carrier == Carrier::PIPE
-                         ? pipe2(ends.data(), O_CLOEXEC)
-                         : socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
+  const int result = carrier == Carrier::SOCKET
+                         ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data())
+                         : pipe2(ends.data(), O_CLOEXEC);
 
   EXPECT_EQ(result, 0) << g_strerror(errno);
-  consumer_fd = ends[0];
+  consumer_fd = carrier == Carrier::FIFO ? reopen(ends[0], O_RDONLY) : ends[0];
+  if (carrier == Carrier::FIFO) {
+    close(ends[0]);
+  }
   fd_ = ends[1];
   EXPECT_TRUE(g_unix_set_fd_nonblocking(fd_, TRUE, nullptr));
   EXPECT_TRUE(g_unix_set_fd_nonblocking(consumer_fd, mode == Mode::NON_BLOCKING, nullptr));

@@ -7,7 +7,8 @@
 namespace teststream
 {
 
-enum class Carrier { PIPE, SOCKET };
+/* A FIFO is what a pipe is once it has been opened by a path. */
+enum class Carrier { PIPE, FIFO, SOCKET };
 enum class Mode { BLOCKING, NON_BLOCKING };
 
 /* A length before a payload. */
@@ -15,6 +16,9 @@ std::string message(const std::string &payload);
 
 /* The frame that comes of it. */
 std::string frame(const std::string &source_name, const std::string &payload);
+
+/* Opens the file of a descriptor once more, with an open file description of its own. */
+int reopen(int fd, int flags);
 
 class Producer
 {
