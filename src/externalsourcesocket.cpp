@@ -2,7 +2,9 @@
  *
  * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read. Set: a message
  * must be complete when its length is read, otherwise it is discarded. Clear: the pieces are collected until
- * the message is complete.
+ * the message is complete. A pause delays the producer, which can then write only the first part of a
+ * message, so a stream that was paused collects pieces in both modes until it has caught up: until nothing is
+ * left to read between two messages.
  *
  * Reads: no read waits for the producer, and none changes or trusts the flags of the open file, which other
  * processes and other sockets may share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs,
@@ -12,11 +14,11 @@
  *
  * Threads: the main thread reads and delivers. Any thread closes, pauses and resumes.
  *
- * Lock: it guards the channel, the message that is being read and the id of the watch. The reader holds it
- * for one message. Close holds it while it shuts the channel down, so that no read uses a descriptor number
- * that already belongs to another file. No callback is called with the lock held, and no watch is removed,
- * because that can release the user data. The owner may hold a lock of its own while it closes without
- * notification, pauses or resumes, and may take that lock in the callbacks.
+ * Lock: it guards the channel, the message that is being read, the id of the watch and whether the stream is
+ * catching up. The reader holds it for one message. Close holds it while it shuts the channel down, so that
+ * no read uses a descriptor number that already belongs to another file. No callback is called with the lock
+ * held, and no watch is removed, because that can release the user data. The owner may hold a lock of its own
+ * while it closes without notification, pauses or resumes, and may take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
@@ -55,9 +57,10 @@ struct _ExternalSourceSocket {
   GObject parent_instance;
 
   gchar *source_name;
-  gint closed;  /* atomic */
-  gint holders; /* atomic */
-  gboolean keeps_pieces;
+  gint closed;             /* atomic */
+  gint holders;            /* atomic */
+  gboolean is_blocking;    /* the mode in which the descriptor arrived */
+  gboolean is_catching_up; /* has been paused, and has not yet found the stream empty between two messages */
   GMutex lock;
   guint watch_id;
   GIOChannel *channel; /* NULL once closed */
@@ -265,6 +268,34 @@ read_logged(ExternalSourceSocket *self, const char *what, gpointer data, gsize c
   return status;
 }
 
+/* Whether a message may come in pieces. The answer is the same from its first byte to its last. With the lock
+ * held. */
+gboolean
+keeps_pieces(ExternalSourceSocket *self)
+{
+  return self->is_blocking || self->is_catching_up;
+}
+
+/* With the lock held, and not after the close. */
+gboolean
+has_read_ahead(ExternalSourceSocket *self)
+{
+  return (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
+}
+
+/* Ends the catching up when nothing is left to read between two messages. A paused stream has not caught up,
+ * whatever the last read before the pause has left. With the lock held, and not after the close. */
+void
+check_caught_up(ExternalSourceSocket *self)
+{
+  const gboolean is_between_messages = self->message.length_read == 0;
+
+  if (self->is_catching_up && self->watch_id != 0 && is_between_messages && !has_read_ahead(self) &&
+      !is_readable(g_io_channel_unix_get_fd(self->channel))) {
+    self->is_catching_up = FALSE;
+  }
+}
+
 GIOStatus
 read_length(ExternalSourceSocket *self)
 {
@@ -279,7 +310,7 @@ read_length(ExternalSourceSocket *self)
       return status;
     }
     /* Deliberate and kept: without keeping pieces, a length that came short is taken as it is. */
-    message->length_read = self->keeps_pieces ? message->length_read + count : sizeof message->length;
+    message->length_read = keeps_pieces(self) ? message->length_read + count : sizeof message->length;
   }
   return G_IO_STATUS_NORMAL;
 }
@@ -320,7 +351,7 @@ read_payload(ExternalSourceSocket *self)
     message->left -= count;
     /* Deliberate and kept: without keeping pieces, each further read goes where the one before it alone would
      * have ended. That is right for a payload of two reads, and its third is known not to be. */
-    message->offset = self->keeps_pieces ? message->offset + count : count;
+    message->offset = keeps_pieces(self) ? message->offset + count : count;
   }
   return G_IO_STATUS_NORMAL;
 }
@@ -345,9 +376,10 @@ read_message_locked(ExternalSourceSocket *self, guint8 **payload, gsize *length)
     *length = self->message.length;
     *payload = std::exchange(self->message.payload, nullptr);
   }
-  if (status != G_IO_STATUS_AGAIN || !self->keeps_pieces) {
+  if (status != G_IO_STATUS_AGAIN || !keeps_pieces(self)) {
     drop_message(self);
   }
+  check_caught_up(self);
   return status;
 }
 
@@ -453,10 +485,7 @@ namespace
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
-  const gboolean has_read_ahead =
-      self->channel != nullptr && (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
-
-  g_source_set_ready_time(watch, has_read_ahead ? 0 : -1);
+  g_source_set_ready_time(watch, self->channel != nullptr && has_read_ahead(self) ? 0 : -1);
 }
 
 /* One message each time, so that a producer with much to say does not keep the main loop: what the channel
@@ -560,7 +589,7 @@ start_reading(ExternalSourceSocket *self)
   }
   g_io_channel_set_buffer_size(self->channel, BUFFER_SIZE);
 
-  self->keeps_pieces = (fcntl(g_io_channel_unix_get_fd(self->channel), F_GETFL) & O_NONBLOCK) == 0;
+  self->is_blocking = (fcntl(g_io_channel_unix_get_fd(self->channel), F_GETFL) & O_NONBLOCK) == 0;
 
   add_watch(self);
   if (self->watch_id == 0) {
@@ -648,8 +677,10 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalS
  * @paused: whether to stop reading, or to go on
  *
  * Stops reading until further notice, which the producer meets as a stream that takes no more; not even its
- * hanging up is noticed meanwhile. Nothing is lost, and nothing happens to a socket that is closed or is in
- * that state already. When a frame is being delivered on the main thread it is the last one. Any thread.
+ * hanging up is noticed meanwhile. The pause loses nothing: from then until the stream has been found empty
+ * between two messages, messages may come in pieces in either mode of the descriptor. Nothing happens to a
+ * socket that is closed or is in that state already. When a frame is being delivered on the main thread it is
+ * the last one. Any thread.
  *
  * Warnings: "self != NULL" is a precondition.
  */
@@ -663,8 +694,10 @@ external_source_socket_set_paused(ExternalSourceSocket *self, gboolean paused)
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
     if (paused) {
       removed_id = std::exchange(self->watch_id, 0);
+      self->is_catching_up = TRUE;
     } else if (self->channel != nullptr && self->watch_id == 0) {
       add_watch(self);
+      check_caught_up(self);
     }
   }
   if (removed_id != 0) {

@@ -176,6 +176,10 @@ class Stream:
         self.pipeline.get_by_name("source").set_property("fd", self.connection.fileno())
         self.pipeline.set_state(Gst.State.PLAYING)
 
+    def read_no_further_than(self, count):
+        """Reads nothing while so many documents wait to be taken."""
+        self.sink.set_property("max-buffers", count)
+
     def next_document(self, seconds=BOUND_SECONDS):
         """The next document, checked in every way that holds for all of them."""
         return Document(self.next_data(seconds))

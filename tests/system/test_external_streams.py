@@ -6,6 +6,7 @@ import json
 import os
 import re
 import threading
+import time
 
 import pytest
 from gi.repository import GLib
@@ -27,6 +28,9 @@ TOO_LONG = (ERROR, "Could not read request data from client socket: Message too 
 # More than twice of what everything on the way from a producer to a client takes: messages of this length, with so many
 # numbers in each.
 FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 8500, 20
+
+# Messages that fit into a pipe as a whole, how many numbers each has, and how often the client reads nothing.
+BURST_BYTES, BURST_NUMBERS, BURST_ROUNDS = 50_000, 500, 8
 
 # For how long a stream that takes nothing is full.
 STUCK_SECONDS = 1
@@ -570,6 +574,52 @@ def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_s
         rest.join(BOUND_SECONDS)
         assert numbers == list(range(FLOOD_NUMBERS * FLOOD_MESSAGES))
 
+    expect_idle(daemon)
+    assert daemon.log.take() == []
+
+
+def is_taken(feed, daemon):
+    """Whether the daemon takes what has been written. When not, everything behind it is full."""
+    give_up = time.monotonic() + STUCK_SECONDS
+    wait_until(lambda: feed.unread() == 0 or time.monotonic() > give_up, "the daemon had time")
+    for _ in range(2):
+        # It looks at its streams as often as at its clients.
+        if feed.unread():
+            expect_answer(daemon)
+    return feed.unread() == 0
+
+
+def test_client_that_reads_in_bursts_loses_nothing_of_a_stream_that_does_not_block(kind_of_stream, detector, daemon):
+    detector.nonblocking = True
+    count = itertools.count()
+    received = []
+
+    def next_message():
+        number = next(count) * BURST_NUMBERS
+        return message(numbered(*range(number, number + BURST_NUMBERS)).ljust(BURST_BYTES))
+
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        stream.read_no_further_than(1)
+        feed = detector.wait_for_stream()
+        for _ in range(BURST_ROUNDS):
+            # While the daemon reads, each message is there as a whole. What it leaves there tells that it has paused.
+            feed.write(next_message())
+            while is_taken(feed, daemon):
+                feed.write(next_message())
+
+            rest = b""
+            while not rest:
+                data = next_message()
+                rest = data[feed.write_until_full(data, 0):]
+            writer = threading.Thread(target=feed.write, args=(rest,))
+            writer.start()
+            while writer.is_alive():
+                received += read_all_numbers(stream, 1)
+        sent = next(count)
+        received += read_all_numbers(stream, sent - len(received) // BURST_NUMBERS)
+
+    assert received == list(range(sent * BURST_NUMBERS))
     expect_idle(daemon)
     assert daemon.log.take() == []
 

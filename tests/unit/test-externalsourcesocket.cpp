@@ -176,6 +176,25 @@ send_while_reading(const Producer &producer, Texts pieces)
   });
 }
 
+/* Pauses the socket while @bytes come. */
+void
+send_in_a_pause(const Producer &producer, const Reader &reader, const std::string &bytes)
+{
+  external_source_socket_set_paused(reader.socket, TRUE);
+  producer.send(bytes);
+  external_source_socket_set_paused(reader.socket, FALSE);
+}
+
+/* Expects that pieces are dropped, as they are where a non-blocking stream has not been paused. */
+void
+expect_pieces_to_be_dropped(const Producer &producer, Reader *reader)
+{
+  producer.send(teststream::message("dropped").substr(0, 7));
+  EXPECT_EQ(reader->take_events(), NOTHING);
+  producer.send(teststream::message("next"));
+  EXPECT_EQ(reader->take_events(), frames({"next"}));
+}
+
 constexpr guint WHILE_MS = 100;
 
 /* How often the default main context polls within a while that has nothing else to do. */
@@ -1091,6 +1110,104 @@ TEST_P(PiecesTest, OfANonBlockingPayloadInThreeReadsOverlap)
   EXPECT_EQ(reader.take_events(), frames({"016789"s + std::string(4, '\0')}));
 }
 
+TEST_P(PiecesTest, OfANonBlockingStreamThatAPauseCutsAreKept)
+{
+  const std::string bytes = teststream::message("1") + teststream::message("") + teststream::message(LONG);
+
+  for (gsize cut = 1; cut < bytes.size(); cut++) {
+    Producer producer(GetParam(), Mode::NON_BLOCKING);
+    Reader reader(producer.consumer_fd);
+
+    send_in_a_pause(producer, reader, bytes.substr(0, cut));
+    testhost::dispatch_ready();
+    /* Between two messages the stream has caught up, and everything else comes at once. */
+    producer.send(bytes.substr(cut));
+    EXPECT_EQ(reader.take_events(), frames({"1", LONG})) << cut;
+    expect_pieces_to_be_dropped(producer, &reader);
+  }
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamThatAPauseCutsMayBeSingleBytes)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  const std::string bytes = teststream::message(LONG);
+
+  send_in_a_pause(producer, reader, bytes.substr(0, 1));
+  for (const char byte : bytes.substr(1)) {
+    testhost::dispatch_ready();
+    producer.send(std::string(1, byte));
+  }
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+  expect_pieces_to_be_dropped(producer, &reader);
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamAreKeptUntilNothingIsLeftBetweenTwoMessages)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  const std::string bytes = teststream::message(LONG);
+
+  send_in_a_pause(producer, reader, bytes.substr(0, 6));
+  EXPECT_EQ(reader.take_events(), NOTHING);
+  for (int i = 0; i < 3; i++) {
+    producer.send(bytes.substr(6) + bytes.substr(0, 6));
+    EXPECT_EQ(reader.take_events(), frames({LONG}));
+  }
+  producer.send(bytes.substr(6));
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+  expect_pieces_to_be_dropped(producer, &reader);
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamAreKeptThroughSeveralPauses)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  const std::string bytes = teststream::message(LONG);
+
+  for (int i = 0; i < 3; i++) {
+    for (gsize sent = 0; sent < bytes.size(); sent += 2) {
+      EXPECT_EQ(reader.take_events(), NOTHING);
+      send_in_a_pause(producer, reader, bytes.substr(sent, 2));
+    }
+    EXPECT_EQ(reader.take_events(), frames({LONG}));
+    expect_pieces_to_be_dropped(producer, &reader);
+  }
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamThatAPauseCutsAreJoined)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_while_reading(producer, {"45", "6789"});
+  send_in_a_pause(producer, reader, teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_EQ(reader.take_events(), frames({LONG}));
+
+  send_while_reading(producer, {"45", "6789"});
+  producer.send(teststream::message(LONG).substr(0, 4 + 4));
+  EXPECT_EQ(reader.take_events(), frames({"016789"s + std::string(4, '\0')}));
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamAreDroppedAfterAPauseInWhichNothingCame)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_in_a_pause(producer, reader, "");
+  expect_pieces_to_be_dropped(producer, &reader);
+}
+
+TEST_P(PiecesTest, OfANonBlockingStreamAreDroppedAfterAPauseWithWholeMessages)
+{
+  Producer producer(GetParam(), Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+
+  send_in_a_pause(producer, reader, teststream::message("1") + teststream::message("2"));
+  EXPECT_EQ(reader.take_events(), frames({"1", "2"}));
+  expect_pieces_to_be_dropped(producer, &reader);
+}
+
 TEST_P(PiecesTest, AreNotDeliveredWhenTheSocketIsClosedMeanwhile)
 {
   Producer producer(GetParam(), Mode::NON_BLOCKING);
@@ -1367,6 +1484,38 @@ TEST_F(ExternalSourceSocketTest, MayBeClosedByAnotherThreadAtAnyTime)
   for (int round = 0; round < ROUNDS; round++) {
     Race race(round);
   }
+}
+
+/* A pause that comes while the main thread is about to read what came before it must not be over with that.
+ */
+TEST_F(ExternalSourceSocketTest, MayBePausedByAnotherThreadAtAnyTime)
+{
+  constexpr gsize COUNT = 20 * 1000;
+  const std::string bytes = teststream::message("0123456789");
+  Producer producer(Carrier::PIPE, Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  std::atomic<gsize> received = 0;
+  std::atomic<bool> over = false;
+  reader.during_data = [&] { received++; };
+
+  std::thread pauser([&] {
+    for (gsize i = 0; i < COUNT && !over; i++) {
+      producer.send(bytes);
+      for (gsize waited = 0; waited < i % 997 && received == 2 * i; waited++) {
+      }
+      send_in_a_pause(producer, reader, bytes.substr(0, 7));
+      for (int unread = 1; unread > 0 && !over;) {
+        ioctl(producer.consumer_fd, FIONREAD, &unread);
+      }
+      producer.send(bytes.substr(7));
+      while (received < 2 * i + 2 && !over) {
+        g_thread_yield();
+      }
+    }
+  });
+  EXPECT_TRUE(testhost::spin_until([&] { return received == 2 * COUNT; }));
+  over = true;
+  pauser.join();
 }
 
 TEST_F(ExternalSourceSocketTest, IsClosedOnceByManyThreads)

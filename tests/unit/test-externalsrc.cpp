@@ -172,23 +172,40 @@ public:
     return teststream::frame(NAME, payload(number));
   }
 
+  /* One message, or what is left of one. FALSE when not all of it goes without waiting. */
+  bool send_one(const Producer &producer)
+  {
+    if (!is_cut()) {
+      bytes_ = teststream::message(payload(sent_));
+      offset_ = 0;
+    }
+    const gsize size = producer.send_some(bytes_.data() + offset_, bytes_.size() - offset_);
+    offset_ += size;
+    total_ += size;
+    sent_ += is_cut() ? 0 : 1;
+    return !is_cut();
+  }
+
   /* As much as goes without waiting. FALSE when all has been sent. */
   bool send_some(const Producer &producer)
   {
     while (sent_ < count_) {
-      if (offset_ == bytes_.size()) {
-        bytes_ = teststream::message(payload(sent_));
-        offset_ = 0;
-      }
-      const gsize size = producer.send_some(bytes_.data() + offset_, bytes_.size() - offset_);
-      offset_ += size;
-      total_ += size;
-      if (size == 0) {
+      if (!send_one(producer)) {
         return true;
       }
-      sent_ += offset_ == bytes_.size() ? 1 : 0;
     }
     return false;
+  }
+
+  /* Whether a message has been sent in part. */
+  bool is_cut() const
+  {
+    return offset_ < bytes_.size();
+  }
+
+  gsize sent() const
+  {
+    return sent_;
   }
 
   gsize count() const
@@ -620,6 +637,38 @@ TEST_F(ExternalSrcTest, LosesNothingForAClientThatReadsLate)
     messages.send_some(producer);
     EXPECT_LE(branch.queued_bytes(), EXTERNAL_SRC_QUEUE_LIMIT + messages.frame(0).size());
   });
+}
+
+TEST_F(ExternalSrcTest, LosesNothingOfANonBlockingStreamForAClientThatReadsInBursts)
+{
+  constexpr int ROUNDS = 30;
+  for (const Carrier carrier : {Carrier::PIPE, Carrier::FIFO, Carrier::SOCKET}) {
+    Branch branch;
+    Producer producer(carrier, Mode::NON_BLOCKING);
+    Numbered messages(G_MAXSIZE, [](gsize number) { return number % 17 * 1900 + 10; });
+    gsize received = 0;
+    branch.play();
+    add(branch, producer);
+
+    for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+      /* While the stream is read, each message is there as a whole. */
+      while (branch.queued_bytes() <= EXTERNAL_SRC_QUEUE_LIMIT) {
+        ASSERT_TRUE(messages.send_one(producer));
+        testhost::dispatch_ready();
+      }
+      /* Now it is paused, and the producer fills it. */
+      while (messages.send_one(producer)) {
+      }
+      EXPECT_TRUE(testhost::spin_until([&] {
+        for (GstSample *sample = branch.pull(); sample != nullptr; sample = branch.pull()) {
+          EXPECT_TRUE(text_of(gst_sample_get_buffer(sample)) == messages.frame(received)) << received;
+          gst_sample_unref(sample);
+          received++;
+        }
+        return received == messages.sent() || HasFailure();
+      }));
+    }
+  }
 }
 
 TEST_F(ExternalSrcTest, DeliversManyMessagesCompleteAndInOrder)
