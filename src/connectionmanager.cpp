@@ -631,30 +631,39 @@ add_watches(ConnectionManager *conn)
       gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, on_bus_message, g_object_ref(conn), g_object_unref);
 }
 
-/* Sets the pipeline playing and watches it. TRUE when it can be waited for. */
+/* Sets the pipeline playing and watches it. FALSE when it refuses. @needs_data: whether an end without any
+ * data is a failure, which it is not of a live pipeline. Only at PAUSED a pipeline tells that it is live:
+ * from there on the sink, which waits for data, makes the change asynchronous. */
 gboolean
-play(ConnectionManager *conn)
+play(ConnectionManager *conn, gboolean *needs_data)
 {
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
     set_status(conn, CONNECTION_MANAGER_STATUS_PREPARING);
   }
-  const GstStateChangeReturn change = gst_element_set_state(conn->priv->pipeline, GST_STATE_PLAYING);
-  if (change == GST_STATE_CHANGE_FAILURE) {
+  const GstStateChangeReturn paused = gst_element_set_state(conn->priv->pipeline, GST_STATE_PAUSED);
+  const GstStateChangeReturn playing = paused != GST_STATE_CHANGE_FAILURE
+                                           ? gst_element_set_state(conn->priv->pipeline, GST_STATE_PLAYING)
+                                           : GST_STATE_CHANGE_FAILURE;
+  if (playing == GST_STATE_CHANGE_FAILURE) {
     log_refusal_to_play(conn);
     return FALSE;
   }
+  /* The first change may be through before the second one begins. */
+  const gboolean async = paused == GST_STATE_CHANGE_ASYNC || playing == GST_STATE_CHANGE_ASYNC;
+  *needs_data = async && paused != GST_STATE_CHANGE_NO_PREROLL;
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
   add_watches(conn);
-  if (change != GST_STATE_CHANGE_ASYNC) {
+  if (!async) {
     set_status(conn, CONNECTION_MANAGER_STATUS_PREPARED);
   }
   return TRUE;
 }
 
 /* Waits until the first data is held at the sink, without a limit: some kinds of metadata have nothing to say
- * for long. The client ends the wait by hanging up. TRUE when the pipeline is ready to start. */
+ * for long. The client ends the wait by hanging up. FALSE when the pipeline has come to an end, which the
+ * stop routine takes care of. */
 gboolean
 wait_for_preroll(ConnectionManager *conn)
 {
@@ -697,6 +706,9 @@ connection_manager_new(GList *src_lists, int fd)
  * the sink or it has come to an end. What goes wrong is logged at error priority. To be called once, on a
  * thread other than the main one, while the main context is being run.
  *
+ * A live pipeline counts as prepared once it plays: when it ends before its first data, its client is told
+ * "OK" all the same and sees the end behind that. So nothing depends on which comes first.
+ *
  * Warnings: "conn != NULL", "conn->priv->fd != -1" and "conn->priv->src_lists != NULL" are preconditions.
  *
  * Returns: %TRUE when the client may be told "OK"
@@ -713,11 +725,12 @@ connection_manager_prepare(ConnectionManager *conn)
   }
   make_writes_interruptible(conn->priv->fd);
   hold_at_sink(conn);
-  if (!play(conn) || !wait_for_preroll(conn)) {
+  gboolean needs_data = TRUE;
+  if (!play(conn, &needs_data)) {
     abandon(conn);
     return FALSE;
   }
-  return TRUE;
+  return wait_for_preroll(conn) || !needs_data;
 }
 
 /**

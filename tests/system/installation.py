@@ -110,6 +110,8 @@ class Installation:
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
+        self.failing_plugins = {EVENT_PLUGIN: self._only(stage,
+                                                         f"usr/lib/**/tessard/tests/plugins/libgst{EVENT_PLUGIN}.so")}
         self.plugin_environments = {}
 
     @staticmethod
@@ -117,11 +119,13 @@ class Installation:
         (path,) = stage.glob(pattern)
         return path
 
-    def new_plugin_folder(self, names):
-        """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it."""
+    def new_plugin_folder(self, names, failing=False):
+        """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it. Where
+        there is a plug-in that fails as its test wishes, `failing` takes that one."""
         folder = self.workspace.folder()
+        plugins = self.plugins | (self.failing_plugins if failing else {})
         for name in STANDARD_PLUGINS + tuple(names):
-            (folder / self.plugins[name].name).symlink_to(self.plugins[name])
+            (folder / plugins[name].name).symlink_to(plugins[name])
         return folder, {
             "GST_PLUGIN_SYSTEM_PATH": "",
             "GST_PLUGIN_PATH": str(folder),

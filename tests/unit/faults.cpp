@@ -35,6 +35,7 @@ std::function<void()> empty_read_hook;
 std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
 std::function<void(gulong)> rest_hook;
+thread_local std::function<void()> unlock_hook;
 
 struct TimeOut {
   guint id;
@@ -186,6 +187,12 @@ after_next_bus_watch(std::function<void()> hook)
 }
 
 void
+after_next_unlock(std::function<void()> hook)
+{
+  unlock_hook = std::move(hook);
+}
+
+void
 before_next_fsync(std::function<void()> hook)
 {
   std::lock_guard guard(lock);
@@ -317,6 +324,8 @@ gulong __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GC
                                       gpointer object, GConnectFlags flags);
 guint __real_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
 guint __wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
+void __real_g_mutex_unlock(GMutex *mutex);
+void __wrap_g_mutex_unlock(GMutex *mutex);
 gpointer __real_g_try_malloc(gsize size);
 gpointer __wrap_g_try_malloc(gsize size);
 gpointer __real_g_try_malloc0(gsize size);
@@ -531,6 +540,15 @@ __wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_
   const guint id = g_timeout_add(seconds, function, user_data);
   short_time_outs->push_back({id, seconds});
   return id;
+}
+
+void
+__wrap_g_mutex_unlock(GMutex *mutex)
+{
+  __real_g_mutex_unlock(mutex);
+  if (unlock_hook) {
+    std::exchange(unlock_hook, nullptr)();
+  }
 }
 
 gpointer

@@ -70,6 +70,9 @@ void divide_request_time(unsigned divisor);
 /* Called once, on the calling thread, right after a pipeline's bus got its next watch. */
 void after_next_bus_watch(std::function<void()> hook);
 
+/* Called once, on the thread that sets it, right after that thread's next g_mutex_unlock(). */
+void after_next_unlock(std::function<void()> hook);
+
 /* Called once, on the calling thread, before the next fsync(). */
 void before_next_fsync(std::function<void()> hook);
 

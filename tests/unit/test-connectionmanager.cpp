@@ -1280,6 +1280,139 @@ TEST_F(ConnectionManagerEndTest, LosesNoneOfManyImmediateErrors)
   }
 }
 
+/* The client of a live source is told "OK", whenever the end comes. */
+class ConnectionManagerLiveTest : public ConnectionManagerTest, public testing::WithParamInterface<bool>
+{
+protected:
+  static constexpr int ROUNDS = 200;
+
+  static bool source_fails()
+  {
+    return GetParam();
+  }
+
+  static std::unique_ptr<Connection> connect(Behaviour behaviour = Behaviour::ONE_BUFFER)
+  {
+    return std::make_unique<Connection>(std::vector{testelements::make_live_source(behaviour)});
+  }
+
+  /* One that ends at once, before any data. */
+  static std::unique_ptr<Connection> connect_ending()
+  {
+    std::unique_ptr<Connection> connection = connect(source_fails() ? Behaviour::ERROR : Behaviour::SILENT);
+
+    if (!source_fails()) {
+      connection->client.half_close();
+    }
+    return connection;
+  }
+
+  static void end(Connection *connection)
+  {
+    if (source_fails()) {
+      GST_ELEMENT_ERROR(connection->source, STREAM, FAILED, ("%s", testelements::ERROR_TEXT), (nullptr));
+    } else {
+      connection->client.half_close();
+    }
+  }
+
+  /* What the server does with a connection that is prepared. */
+  static void reply_and_start(Connection *connection)
+  {
+    connection_manager_announce_start(connection->manager);
+    EXPECT_EQ(write(connection->fd, "OK", 3), 3) << g_strerror(errno);
+    connection_manager_start(connection->manager);
+  }
+
+  static void expect_ok_and_end(Connection *connection)
+  {
+    SyslogLines lines;
+    if (source_fails()) {
+      lines.push_back({LOG_ERR, "Error in metadata connection manager pipeline: Broken test source."});
+    }
+
+    connection->expect_end();
+    EXPECT_EQ(connection->client.received().substr(0, 3), "OK\0"s);
+    EXPECT_EQ(testhost::take_syslog(), lines);
+  }
+
+  /* Whether nobody has the manager any more but who made it. */
+  static bool is_left_alone(ConnectionManager *manager)
+  {
+    return g_atomic_int_get(reinterpret_cast<gint *>(&G_OBJECT(manager)->ref_count)) == 1;
+  }
+
+  /* For a thread other than the main one. */
+  static bool wait_until_left_alone(ConnectionManager *manager)
+  {
+    const gint64 end_us = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+
+    while (!is_left_alone(manager) && g_get_monotonic_time() < end_us) {
+      g_thread_yield();
+    }
+    return is_left_alone(manager);
+  }
+};
+
+/* The hooks run on the preparing thread, the second one right where the watches may be dispatched. */
+TEST_P(ConnectionManagerLiveTest, EndsBeforeThePreparationLooks)
+{
+  for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+    const std::unique_ptr<Connection> connection = connect_ending();
+    bool stopped = false;
+    faults::after_next_bus_watch(
+        [&] { faults::after_next_unlock([&] { stopped = wait_until_left_alone(connection->manager); }); });
+
+    EXPECT_TRUE(connection->prepare()) << "round " << round;
+    EXPECT_TRUE(stopped);
+    reply_and_start(connection.get());
+    expect_ok_and_end(connection.get());
+    EXPECT_EQ(connection->client.received(), "OK\0"s);
+  }
+}
+
+TEST_P(ConnectionManagerLiveTest, EndsWhileThePreparationWaits)
+{
+  for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+    const std::unique_ptr<Connection> connection = connect_ending();
+
+    EXPECT_TRUE(connection->prepare()) << "round " << round;
+    reply_and_start(connection.get());
+    expect_ok_and_end(connection.get());
+    EXPECT_EQ(connection->client.received(), "OK\0"s);
+  }
+}
+
+TEST_P(ConnectionManagerLiveTest, EndsBeforeTheStart)
+{
+  for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+    const std::unique_ptr<Connection> connection = connect();
+
+    EXPECT_TRUE(connection_manager_prepare(connection->manager)) << "round " << round;
+    end(connection.get());
+    EXPECT_TRUE(testhost::spin_until([&] { return is_left_alone(connection->manager); }));
+    reply_and_start(connection.get());
+    expect_ok_and_end(connection.get());
+    EXPECT_EQ(connection->client.received(), "OK\0"s);
+  }
+}
+
+/* Nothing is dispatched before the start. */
+TEST_P(ConnectionManagerLiveTest, EndsBehindTheStart)
+{
+  for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+    const std::unique_ptr<Connection> connection = connect();
+
+    EXPECT_TRUE(connection_manager_prepare(connection->manager)) << "round " << round;
+    end(connection.get());
+    reply_and_start(connection.get());
+    expect_ok_and_end(connection.get());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, ConnectionManagerLiveTest, testing::Bool(),
+                         [](const auto &end) { return end.param ? "Error"s : "HalfClose"s; });
+
 /* The client may go at any moment of the preparation. */
 TEST_F(ConnectionManagerEndTest, LeavesNothingOfManyClientsThatHangUpMeanwhile)
 {
