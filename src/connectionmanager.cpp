@@ -5,7 +5,12 @@
  * Who keeps it alive. The request's handler holds the reference that made the manager and drops it once the
  * client is streaming. The blocking probe, the socket watch and the bus watch each hold one while they are
  * installed; a sync point on its way holds one until it is delivered. Whoever sees the end first, a watch or
- * a failing prepare, takes the others away, and finalisation closes the descriptor. Nothing else closes it.
+ * a prepare whose pipeline refuses to play, takes the others away, and finalisation closes the descriptor.
+ * Nothing else closes it, and no element can keep the manager from being finalised.
+ *
+ * What does not stop. An element may fail on its way to NULL, and its pipeline with it. Then every element is
+ * stopped singly, and one that refuses still is taken out of the pipeline and left behind, alone, with
+ * whatever thread it has of its own.
  *
  * Which threads. A pool thread prepares and starts. A streaming thread runs the probe. The main thread runs
  * the watches and the stop routine. A thread of GStreamer's own delivers sync points, because a serialised
@@ -28,6 +33,7 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 typedef enum {
   CONNECTION_MANAGER_STATUS_NEW,
@@ -44,6 +50,7 @@ namespace
 struct ConnectionManagerPrivate {
   ConnectionManagerStatus status = CONNECTION_MANAGER_STATUS_NEW;
   GstElement *pipeline = nullptr;
+  GstPad *held_pad = nullptr; /* the sink's, as long as the probe is there */
   gulong probe_id = 0;
   GstElement *document = nullptr;        /* borrowed from the pipeline */
   std::array<GstElement *, 3> tail = {}; /* likewise: what is behind the document, the sink first */
@@ -217,14 +224,6 @@ make_writes_interruptible(int fd)
   }
 }
 
-GstPad *
-get_sink_pad(ConnectionManager *conn)
-{
-  g_autoptr(GstElement) sink = gst_bin_get_by_name(GST_BIN(conn->priv->pipeline), SINK_NAME);
-
-  return gst_element_get_static_pad(sink, "sink");
-}
-
 /* With the lock held and a reference of the caller's own, since the probe's goes. */
 void
 release_hold(ConnectionManager *conn)
@@ -232,16 +231,105 @@ release_hold(ConnectionManager *conn)
   if (conn->priv->probe_id == 0) {
     return;
   }
-  g_autoptr(GstPad) pad = get_sink_pad(conn);
+  g_autoptr(GstPad) pad = std::exchange(conn->priv->held_pad, nullptr);
   gst_pad_remove_probe(pad, std::exchange(conn->priv->probe_id, 0));
 }
 
-/* Ends a pipeline that never got to streaming. Were the probe left, manager, pipeline, pad and probe would
- * keep each other for ever. */
+gboolean
+set_to_null(GstElement *element)
+{
+  return gst_element_set_state(element, GST_STATE_NULL) == GST_STATE_CHANGE_SUCCESS;
+}
+
+std::vector<ElementRef>
+children_from_sink_up(GstBin *bin)
+{
+  std::vector<ElementRef> children;
+  g_autoptr(GstIterator) iterator = gst_bin_iterate_sorted(bin);
+  const GstIteratorForeachFunction keep = [](const GValue *item, gpointer list) {
+    static_cast<std::vector<ElementRef> *>(list)->emplace_back(GST_ELEMENT(g_value_dup_object(item)));
+  };
+
+  while (gst_iterator_foreach(iterator, keep, &children) == GST_ITERATOR_RESYNC) {
+    children.clear();
+    gst_iterator_resync(iterator);
+  }
+  return children;
+}
+
+/* Lets go whatever threads of other elements are inside an element that does not stop, the one that is held
+ * at the sink for example: those elements could not stop either. */
+void
+flush(GstElement *element)
+{
+  const GstElementForeachPadFunc flush_pad = [](GstElement *, GstPad *pad, gpointer) -> gboolean {
+    gst_pad_send_event(pad, gst_event_new_flush_start());
+    return TRUE;
+  };
+
+  gst_element_foreach_sink_pad(element, flush_pad, nullptr);
+}
+
+/* GStreamer would free an element that is not in NULL together with what its threads still use. So it keeps a
+ * reference that nobody drops. Out of its bin and unlinked it keeps nothing but itself. */
+void
+leave_behind(GstBin *bin, GstElement *element)
+{
+  gst_object_ref(element);
+  gst_bin_remove(bin, element);
+}
+
+void stop_children(GstBin *bin);
+
+gboolean
+stop_element(GstElement *element)
+{
+  if (set_to_null(element)) {
+    return TRUE;
+  }
+  if (GST_IS_BIN(element)) {
+    stop_children(GST_BIN(element));
+    return set_to_null(element);
+  }
+  flush(element);
+  return FALSE;
+}
+
+/* Stops each child of a bin that cannot stop as a whole, asks those that refuse once more when the others
+ * have stopped, and takes out whoever still refuses. The sink comes first: a source may be waiting for room
+ * behind it. Nothing starts meanwhile: the bin's attempt has ended whatever change another thread had begun.
+ */
+void
+stop_children(GstBin *bin)
+{
+  std::vector<ElementRef> children = children_from_sink_up(bin);
+
+  std::erase_if(children, [](const ElementRef &child) { return stop_element(child.get()); });
+  for (const ElementRef &child : children) {
+    if (!set_to_null(child.get())) {
+      leave_behind(bin, child.get());
+    }
+  }
+}
+
+/* Takes the pipeline down, or as much of it as stops. */
+void
+stop_pipeline(ConnectionManager *conn)
+{
+  if (set_to_null(conn->priv->pipeline)) {
+    return;
+  }
+  syslog(LOG_ERR, "Could not stop connection manager pipeline.");
+  stop_children(GST_BIN(conn->priv->pipeline));
+  set_to_null(conn->priv->pipeline);
+}
+
+/* Ends a pipeline that refused to play. Were the probe left, manager, pipeline, pad and probe would keep each
+ * other for ever. */
 void
 abandon(ConnectionManager *conn)
 {
-  gst_element_set_state(conn->priv->pipeline, GST_STATE_NULL);
+  stop_pipeline(conn);
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
   release_hold(conn);
@@ -378,9 +466,7 @@ stop(ConnectionManager *conn, StopSide side)
   if (cancel_sync_points(conn)) {
     stop_behind_document(conn);
   }
-  if (gst_element_set_state(conn->priv->pipeline, GST_STATE_NULL) != GST_STATE_CHANGE_SUCCESS) {
-    syslog(LOG_ERR, "Could not stop connection manager pipeline.");
-  }
+  stop_pipeline(conn);
   remove_watches(conn, side);
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
@@ -611,11 +697,12 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
 void
 hold_at_sink(ConnectionManager *conn)
 {
-  g_autoptr(GstPad) pad = get_sink_pad(conn);
   constexpr auto TYPE = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER |
                                                      GST_PAD_PROBE_TYPE_BUFFER_LIST);
 
-  conn->priv->probe_id = gst_pad_add_probe(pad, TYPE, on_first_data, g_object_ref(conn), g_object_unref);
+  conn->priv->held_pad = gst_element_get_static_pad(conn->priv->tail[0], "sink");
+  conn->priv->probe_id =
+      gst_pad_add_probe(conn->priv->held_pad, TYPE, on_first_data, g_object_ref(conn), g_object_unref);
 }
 
 /* With the lock held. */

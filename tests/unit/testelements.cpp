@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <gst/base/gstpushsrc.h>
+#include <map>
 #include <mutex>
 #include <ostream>
 #include <utility>
@@ -134,13 +135,7 @@ test_source_change_state(GstElement *element, GstStateChange transition)
     GST_ELEMENT_ERROR(self, CORE, STATE_CHANGE, ("Consequence"), (nullptr));
     return GST_STATE_CHANGE_FAILURE;
   }
-  const auto result = GST_ELEMENT_CLASS(test_source_parent_class)->change_state(element, transition);
-  if (self->behaviour == Behaviour::STOP_STATE_FAILS && transition == GST_STATE_CHANGE_READY_TO_NULL) {
-    /* The next one succeeds, so that the element can be disposed of. */
-    self->behaviour = Behaviour::SILENT;
-    return GST_STATE_CHANGE_FAILURE;
-  }
-  return result;
+  return GST_ELEMENT_CLASS(test_source_parent_class)->change_state(element, transition);
 }
 
 static void
@@ -618,13 +613,85 @@ register_remembering_element(const RememberingElement &description)
   }
 }
 
-/* Elements that cannot be used: those of any type, but for one thing. */
+/* Elements of any type, but for one thing. */
 
 static GObjectClass *
 usable_class(gpointer instance)
 {
   return G_OBJECT_CLASS(g_type_class_peek_parent(G_OBJECT_GET_CLASS(instance)));
 }
+
+/* Those that fail in a state change. */
+
+namespace
+{
+
+using testelements::StateFailure;
+
+/* Both under the lock: how the elements of a type fail that are made from now on, and how the living ones do.
+ */
+std::map<GType, StateFailure> failures_of_types;
+std::map<GstElement *, StateFailure> failures_of_elements;
+
+/* Whether this very change fails, and @works as the failure has it. */
+bool
+take_state_failure(GstElement *element, GstStateChange change, bool *works)
+{
+  std::lock_guard guard(lock);
+  StateFailure &failure = failures_of_elements.at(element);
+
+  *works = failure.works;
+  if (failure.change != change || failure.times == 0) {
+    return false;
+  }
+  failure.times -= failure.times != testelements::FOR_EVER ? 1 : 0;
+  return true;
+}
+
+} // namespace
+
+static void
+failing_constructed(GObject *object)
+{
+  usable_class(object)->constructed(object);
+
+  std::lock_guard guard(lock);
+  failures_of_elements[GST_ELEMENT(object)] = failures_of_types.at(G_OBJECT_TYPE(object));
+}
+
+static void
+failing_finalize(GObject *object)
+{
+  {
+    std::lock_guard guard(lock);
+    failures_of_elements.erase(GST_ELEMENT(object));
+  }
+  usable_class(object)->finalize(object);
+}
+
+static GstStateChangeReturn
+failing_change_state(GstElement *element, GstStateChange change)
+{
+  bool works = true;
+  const bool fails = take_state_failure(element, change, &works);
+  GstStateChangeReturn result = GST_STATE_CHANGE_FAILURE;
+
+  if (!fails || works) {
+    result = GST_ELEMENT_CLASS(usable_class(element))->change_state(element, change);
+  }
+  return fails ? GST_STATE_CHANGE_FAILURE : result;
+}
+
+static void
+failing_class_init(gpointer klass, gpointer)
+{
+  G_OBJECT_CLASS(klass)->constructed = failing_constructed;
+  G_OBJECT_CLASS(klass)->finalize = failing_finalize;
+  GST_ELEMENT_CLASS(klass)->change_state = failing_change_state;
+  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Failing", "Test", "Failing", "tests");
+}
+
+/* Those that cannot be used. */
 
 static GstPadLinkReturn
 refuse_link(GstPad *, GstObject *, GstPad *)
@@ -714,11 +781,11 @@ unusable_class_init(gpointer klass, gpointer user_data)
   gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Unusable", "Test", "Unusable", "tests");
 }
 
+/* A type like @usable, but for what @class_init does. */
 GType
-unusable_type(GType usable, Unusable kind)
+derived_type(GType usable, const std::string &prefix, GClassInitFunc class_init, gconstpointer class_data)
 {
-  const UnusableKind &description = UNUSABLE_KINDS.at(static_cast<gsize>(kind));
-  const std::string name = std::string(description.prefix) + g_type_name(usable);
+  const std::string name = prefix + g_type_name(usable);
   const GType known = g_type_from_name(name.c_str());
   if (known != G_TYPE_INVALID) {
     return known;
@@ -727,12 +794,30 @@ unusable_type(GType usable, Unusable kind)
   g_type_query(usable, &query);
   const GTypeInfo info = {
       .class_size = static_cast<guint16>(query.class_size),
-      .class_init = unusable_class_init,
-      .class_data = &description,
+      .class_init = class_init,
+      .class_data = class_data,
       .instance_size = static_cast<guint16>(query.instance_size),
   };
 
   return g_type_register_static(usable, name.c_str(), &info, static_cast<GTypeFlags>(0));
+}
+
+GType
+unusable_type(GType usable, Unusable kind)
+{
+  const UnusableKind &description = UNUSABLE_KINDS.at(static_cast<gsize>(kind));
+
+  return derived_type(usable, description.prefix, unusable_class_init, &description);
+}
+
+GType
+failing_type(GType usable, const StateFailure &failure)
+{
+  const GType type = derived_type(usable, "TestFailing", failing_class_init, nullptr);
+  std::lock_guard guard(lock);
+
+  failures_of_types[type] = failure;
+  return type;
 }
 
 /* What a factory makes. */
@@ -773,6 +858,47 @@ make_live_source(Behaviour behaviour)
 
   gst_base_src_set_live(GST_BASE_SRC(source), TRUE);
   return source;
+}
+
+GstElement *
+make_failing_source(Behaviour behaviour, const StateFailure &failure, bool live)
+{
+  auto *source = test_source(g_object_new(failing_type(test_source_get_type(), failure), nullptr));
+
+  source->behaviour = behaviour;
+  gst_base_src_set_live(GST_BASE_SRC(source), live);
+  return GST_ELEMENT(source);
+}
+
+std::vector<GstElement *>
+failing_elements()
+{
+  std::lock_guard guard(lock);
+  std::vector<GstElement *> elements;
+
+  elements.reserve(failures_of_elements.size());
+  for (const auto &failing : failures_of_elements) {
+    elements.push_back(failing.first);
+  }
+  return elements;
+}
+
+gsize
+release_failing_elements()
+{
+  {
+    std::lock_guard guard(lock);
+    for (auto &failing : failures_of_elements) {
+      failing.second.times = 0;
+    }
+  }
+
+  const std::vector<GstElement *> elements = failing_elements();
+  for (GstElement *element : elements) {
+    gst_element_set_state(element, GST_STATE_NULL);
+    gst_object_unref(element);
+  }
+  return elements.size();
 }
 
 GstElement *
@@ -866,9 +992,18 @@ WithoutFactory::~WithoutFactory()
 }
 
 ReplacedFactory::ReplacedFactory(const char *name, Unusable kind)
-    : type_(unusable_type(type_made_by(name), kind)), without_(name), name_(name)
+    : ReplacedFactory(name, unusable_type(type_made_by(name), kind))
 {
-  gst_element_register(nullptr, name, GST_RANK_NONE, type_);
+}
+
+ReplacedFactory::ReplacedFactory(const char *name, const StateFailure &failure)
+    : ReplacedFactory(name, failing_type(type_made_by(name), failure))
+{
+}
+
+ReplacedFactory::ReplacedFactory(const char *name, GType type) : without_(name), name_(name)
+{
+  gst_element_register(nullptr, name, GST_RANK_NONE, type);
 }
 
 ReplacedFactory::~ReplacedFactory()

@@ -16,7 +16,8 @@ namespace testelements
  * "json2xml". Once in a process is enough. */
 void install();
 
-/* What a source does when its pipeline plays. All but the state failures are told by the streaming thread. */
+/* What a source does when its pipeline plays. All but the failures to start are told by the streaming thread.
+ */
 enum class Behaviour {
   ONE_BUFFER,        /* one document, then nothing */
   SILENT,            /* nothing, ever */
@@ -26,7 +27,6 @@ enum class Behaviour {
   WRITE_ERROR,       /* the error of a failed write at once */
   START_STATE_FAILS, /* the change of state to PAUSED fails */
   START_REFUSED,     /* the same, with a failure with ERROR_TEXT and another one posted before */
-  STOP_STATE_FAILS,  /* one document, and then the change of state to NULL fails */
 };
 
 constexpr gsize BIG_BUFFER_BYTES = 1024 * 1024;
@@ -38,6 +38,25 @@ GstElement *make_source(Behaviour behaviour);
 
 /* The same, but live. */
 GstElement *make_live_source(Behaviour behaviour);
+
+/* How an element fails in one of its state changes. */
+struct StateFailure {
+  GstStateChange change;
+  bool works;     /* the element does what belongs to the change all the same */
+  unsigned times; /* how often each element fails, before the change succeeds */
+};
+
+constexpr unsigned FOR_EVER = G_MAXUINT;
+
+/* A floating source that fails so. */
+GstElement *make_failing_source(Behaviour behaviour, const StateFailure &failure, bool live = false);
+
+/* All living elements that fail in a state change. Borrowed. */
+std::vector<GstElement *> failing_elements();
+
+/* Ends all failures, stops the elements and drops the reference that whoever could not stop them has left on
+ * each. How many there were. */
+gsize release_failing_elements();
 
 enum class Unusable {
   CANNOT_BE_LINKED,
@@ -112,18 +131,20 @@ private:
   GstPluginFeature *feature_;
 };
 
-/* Makes an element factory make elements that cannot be used as long as this object lives. Nothing else about
- * them differs from those that it made before. */
+/* Makes an element factory make elements that cannot be used, or that fail in a state change, as long as this
+ * object lives. Nothing else about them differs from those that it made before. */
 class ReplacedFactory
 {
 public:
   ReplacedFactory(const char *name, Unusable kind);
+  ReplacedFactory(const char *name, const StateFailure &failure);
   ~ReplacedFactory();
   ReplacedFactory(const ReplacedFactory &) = delete;
   ReplacedFactory &operator=(const ReplacedFactory &) = delete;
 
 private:
-  GType type_;
+  ReplacedFactory(const char *name, GType type);
+
   WithoutFactory without_;
   const char *name_;
 };

@@ -59,14 +59,6 @@ on_glib_message(const gchar *domain, GLogLevelFlags level, const gchar *message,
   glib_messages.push_back(std::string(domain != nullptr ? domain : "") + ": " + message);
 }
 
-gsize
-count_threads()
-{
-  std::error_code error;
-
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task", error), {});
-}
-
 struct Sleep {
   bool asleep = false;
   std::string count; /* how often the thread has gone to sleep */
@@ -114,24 +106,6 @@ count_objects(const GstStructure *activity, const char *list_name, int step,
     const std::string type = gst_structure_get_string(entry, "type-name");
     (*counts)[type + " " + gst_structure_get_string(entry, "address")] += step;
   }
-}
-
-/* Type and address of every live object that is traced. */
-std::set<std::string>
-live_objects()
-{
-  static std::map<std::string, int> counts;
-  g_autoptr(GstStructure) activity = nullptr;
-  std::set<std::string> live;
-
-  g_signal_emit_by_name(leaks_tracer, "activity-get-checkpoint", &activity);
-  count_objects(activity, "objects-created-list", 1, &counts);
-  count_objects(activity, "objects-removed-list", -1, &counts);
-  std::erase_if(counts, [](const auto &count) { return count.second == 0; });
-  for (const auto &count : counts) {
-    live.insert(count.first);
-  }
-  return live;
 }
 
 /* The numbers of a context's sources rise by one, so that two new ones enclose all that came between. */
@@ -368,6 +342,31 @@ FreeDescriptors::FreeDescriptors(rlim_t count)
 FreeDescriptors::~FreeDescriptors()
 {
   setrlimit(RLIMIT_NOFILE, &before_);
+}
+
+gsize
+count_threads()
+{
+  std::error_code error;
+
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task", error), {});
+}
+
+std::set<std::string>
+live_objects()
+{
+  static std::map<std::string, int> counts;
+  g_autoptr(GstStructure) activity = nullptr;
+  std::set<std::string> live;
+
+  g_signal_emit_by_name(leaks_tracer, "activity-get-checkpoint", &activity);
+  count_objects(activity, "objects-created-list", 1, &counts);
+  count_objects(activity, "objects-removed-list", -1, &counts);
+  std::erase_if(counts, [](const auto &count) { return count.second == 0; });
+  for (const auto &count : counts) {
+    live.insert(count.first);
+  }
+  return live;
 }
 
 gsize

@@ -78,6 +78,11 @@ private:
   struct rlimit before_;
 };
 
+gsize count_threads();
+
+/* Type and address, divided by a blank, of every living element, pad and bus. */
+std::set<std::string> live_objects();
+
 gsize resident_bytes();
 
 /* What all threads of the process have used together. */
