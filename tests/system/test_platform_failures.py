@@ -1,0 +1,133 @@
+"""Platform elements that fail: what the client of such an element is told, and that nothing is left of it."""
+
+import concurrent.futures
+
+import pytest
+
+from client import header
+from daemon import ERROR, NOT_PRODUCED
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, PTZ_PLUGIN
+from waiting import wait_until
+
+PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, DOCUMENT_PLUGIN)
+
+STARTS = ("NULL->READY", "READY->PAUSED", "PAUSED->PLAYING")
+STOPS = ("PLAYING->PAUSED", "PAUSED->READY", "READY->NULL")
+
+NOT_STOPPED_LINE = (ERROR, "Could not stop connection manager pipeline.")
+
+ONE_BY_ONE = 40
+AT_ONCE = 10
+
+# Often enough for any client.
+FOR_EVER = 1000
+
+# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+SPARE_THREADS = 8
+
+
+@pytest.fixture
+def start_failing(installation, start_daemon):
+    """Starts a daemon whose event source fails in this state change, so many times each."""
+
+    def start(fails, works=False, times=FOR_EVER):
+        _, environment = installation.new_plugin_folder(PLUGINS, failing=True)
+        wishes = {"TESTPLUGIN_FAILS": fails, "TESTPLUGIN_WORKS": str(int(works)), "TESTPLUGIN_TIMES": str(times)}
+        return start_daemon(plugins=PLUGINS, environment=environment | wishes)
+
+    return start
+
+
+def come_and_go(daemon, visit):
+    """Clients one after another, and some at once. Returns how many there were."""
+    for _ in range(ONE_BY_ONE):
+        visit(daemon)
+    with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
+        list(clients.map(visit, [daemon] * AT_ONCE))
+    return ONE_BY_ONE + AT_ONCE
+
+
+def expect_nothing_left(daemon, threads):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    wait_until(lambda: daemon.threads() <= threads + SPARE_THREADS, "the clients' threads have ended")
+
+
+def expect_service(daemon):
+    """For a client that asks for something else."""
+    with daemon.client() as client:
+        assert client.start(header(ptz=3)).next_document().ptz
+
+
+def be_refused(daemon):
+    with daemon.client() as client:
+        assert client.ask(header(event=1)) == NOT_PRODUCED
+        assert client.read_to_end() == b""
+
+
+def stream_and_leave(daemon):
+    with daemon.client() as client:
+        client.start().next_document()
+
+
+def stream_to_the_end(daemon):
+    with daemon.client() as client:
+        stream = client.start()
+        stream.next_document()
+        client.close_writing()
+        stream.read_to_end()
+
+
+@pytest.mark.parametrize("works", [False, True], ids=["undone", "done"])
+@pytest.mark.parametrize("change", STARTS)
+def test_source_that_does_not_start(start_failing, change, works):
+    daemon = start_failing(change, works)
+    threads = daemon.threads()
+
+    come_and_go(daemon, be_refused)
+
+    expect_nothing_left(daemon, threads)
+    expect_service(daemon)
+
+
+@pytest.mark.parametrize("leave", [stream_and_leave, stream_to_the_end])
+@pytest.mark.parametrize("times", [1, FOR_EVER], ids=["once", "always"])
+@pytest.mark.parametrize("works", [False, True], ids=["undone", "done"])
+@pytest.mark.parametrize("change", STOPS)
+def test_source_that_does_not_stop(start_failing, change, works, times, leave):
+    daemon = start_failing(change, works, times)
+    threads = daemon.threads()
+
+    count = come_and_go(daemon, leave)
+
+    assert daemon.log.take(count) == [NOT_STOPPED_LINE] * count
+    # A source that refuses for ever may keep its own thread, unless it has stopped it.
+    stopped = change == "READY->NULL" or (change == "PAUSED->READY" and works)
+    expect_nothing_left(daemon, threads + (count if times == FOR_EVER and not stopped else 0))
+    expect_service(daemon)
+
+
+ROUNDS = 200
+
+
+def test_stream_that_fails_at_once_is_granted(start_failing):
+    daemon = start_failing("STREAM")
+    for _ in range(ROUNDS):
+        with daemon.client() as client:
+            assert client.ask(header(event=1)) == "OK"
+            client.open_stream().read_to_end()
+
+    line = (ERROR, "Error in metadata connection manager pipeline: No events.")
+    assert daemon.log.take(ROUNDS) == [line] * ROUNDS
+    expect_nothing_left(daemon, daemon.threads())
+    expect_service(daemon)
+
+
+def test_stream_of_a_client_that_has_ended_its_half_is_granted(daemon):
+    for _ in range(ROUNDS):
+        with daemon.client() as client:
+            client.request(header(event=1))
+            client.close_writing()
+            assert client.read_reply() == b"OK"
+            client.open_stream().read_to_end()
+
+    expect_nothing_left(daemon, daemon.threads())
