@@ -61,7 +61,8 @@ system_bus_get(DescriptorReservation **reservation, GError **error)
  *
  * Makes a connection one that the daemon can live with: the bus may go away, and nobody on the bus can take
  * the daemon's descriptors. What system_bus_get() returns is prepared; whoever has a connection in another
- * way prepares it before anything else. More often does no harm. Any thread.
+ * way prepares it before the first call on it, because the descriptor in the reply to an earlier call for a
+ * stream would be refused. More often does no harm. Any thread.
  */
 void
 system_bus_prepare(GDBusConnection *connection)
