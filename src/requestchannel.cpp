@@ -11,6 +11,7 @@
 #include "requestchannel.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -23,6 +24,8 @@ namespace
 /* A reply fits into the buffer of a socket that nothing was written to, so this bound is for the odd client
  * that has made the buffer smaller. */
 constexpr int WRITE_TIMEOUT_MS = 1000;
+
+constexpr gsize DISCARD_SIZE = 4096;
 
 /* GLib hands out GIOChannel pointers; the first member makes them ours. */
 struct RequestChannel {
@@ -160,7 +163,10 @@ on_write(GIOChannel *channel, const gchar *buf, gsize count, gsize *bytes_writte
 GIOStatus
 on_close(GIOChannel *channel, GError **error)
 {
-  return close(from_channel(channel)->fd) < 0 ? fail_with_errno(error) : G_IO_STATUS_NORMAL;
+  const int fd = from_channel(channel)->fd;
+
+  request_channel_discard_input(fd);
+  return close(fd) < 0 ? fail_with_errno(error) : G_IO_STATUS_NORMAL;
 }
 
 void
@@ -199,7 +205,7 @@ GIOFuncs request_channel_funcs = {
 
 /**
  * request_channel_new:
- * @fd: a connected stream socket; the channel closes it only if told so with
+ * @fd: a connected stream socket; the channel discards its input and closes it only if told so with
  * g_io_channel_set_close_on_unref()
  * @max_bytes: how many bytes may be read in all
  * @timeout_ms: how many milliseconds from now reading may take in all
@@ -227,4 +233,23 @@ request_channel_new(int fd, gsize max_bytes, guint timeout_ms)
   self->timeout_ms = timeout_ms;
   self->deadline = g_get_monotonic_time() + timeout_ms * G_TIME_SPAN_MILLISECOND;
   return &self->channel;
+}
+
+/**
+ * request_channel_discard_input:
+ * @fd: a connected stream socket, about to be closed
+ *
+ * Ends what the client can send and throws away what has arrived. The client reads what it was sent and then
+ * the end of the stream; a socket that is closed with something unread would give it an error instead. Waits
+ * for nobody. Any thread.
+ */
+void
+request_channel_discard_input(int fd)
+{
+  std::array<gchar, DISCARD_SIZE> data;
+
+  /* Nothing arrives after the shutdown, so the loop ends with what the socket's buffer held. */
+  shutdown(fd, SHUT_RD);
+  while (recv(fd, data.data(), data.size(), MSG_DONTWAIT) > 0) {
+  }
 }

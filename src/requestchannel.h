@@ -6,4 +6,6 @@ G_BEGIN_DECLS
 
 GIOChannel *request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
 
+void request_channel_discard_input(int fd);
+
 G_END_DECLS

@@ -78,6 +78,7 @@ descriptor_from_item(gpointer item)
 void
 close_accepted(int fd)
 {
+  request_channel_discard_input(fd);
   if (close(fd) < 0) {
     syslog(LOG_ERR, "Could not close accepted metadata server socket: %s", g_strerror(errno));
   }
@@ -146,6 +147,7 @@ serve(GIOChannel *channel, int fd, GList *sources)
   g_io_channel_set_close_on_unref(channel, FALSE);
   if (!connection_manager_prepare(manager)) {
     reply(channel, "FAIL\nCould not produce metadata, Internal server error.");
+    request_channel_discard_input(fd);
     return;
   }
   connection_manager_announce_start(manager);

@@ -20,6 +20,9 @@ namespace
 constexpr guint LONG_MS = 20 * 1000;
 constexpr guint SHORT_MS = 100;
 
+/* More than one read takes, and less than a socket holds. */
+constexpr gsize MORE_BYTES = 20'000;
+
 Outcome
 accepted(const Params &params)
 {
@@ -390,4 +393,54 @@ TEST_F(RequestChannelTest, ClosesTheDescriptorOnlyWhenToldSo)
   g_clear_pointer(&channel_, g_io_channel_unref);
   EXPECT_FALSE(client_->ended());
   EXPECT_EQ(close(fd_), 0);
+}
+
+/* Out-of-band bytes included. */
+TEST_F(RequestChannelTest, ClosesWithTheReplyAndTheEndWhateverIsUnread)
+{
+  for (const int flags : {0, static_cast<int>(MSG_OOB)}) {
+    open();
+    client_->send_some(std::string(MORE_BYTES, 'x'), flags);
+    client_->send_some("SYNC\n", flags);
+    ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
+    g_io_channel_write_chars(channel_, "FAIL", 5, nullptr, nullptr);
+    g_clear_pointer(&channel_, g_io_channel_unref);
+
+    EXPECT_TRUE(client_->ended());
+    EXPECT_EQ(client_->received(), "FAIL\0"s);
+  }
+}
+
+TEST_F(RequestChannelTest, DiscardsWhatHasComeAndRefusesMore)
+{
+  open();
+  ASSERT_TRUE(client_->send(std::string(MORE_BYTES, 'x')));
+
+  request_channel_discard_input(fd_);
+  EXPECT_EQ(client_->unread(), 0U);
+  EXPECT_FALSE(client_->send("x"));
+  EXPECT_EQ(send(fd_, "OK", 3, MSG_DONTWAIT), 3);
+  EXPECT_EQ(client_->received(), "OK\0"s);
+  EXPECT_FALSE(client_->ended());
+}
+
+/* The client waits for room when the socket is full. */
+TEST_F(RequestChannelTest, DiscardingFreesAClientThatIsSending)
+{
+  open();
+  auto sending = std::async(std::launch::async, [this] { return client_->send_until_refused(); });
+  ASSERT_TRUE(testhost::spin_until([this] { return client_->unread() > MORE_BYTES; }));
+
+  request_channel_discard_input(fd_);
+  EXPECT_EQ(sending.get(), EPIPE);
+}
+
+TEST_F(RequestChannelTest, DiscardsTheInputOfAClientThatIsGone)
+{
+  open();
+  ASSERT_TRUE(client_->send("x"));
+  client_->hang_up();
+
+  request_channel_discard_input(fd_);
+  EXPECT_EQ(left(), "");
 }

@@ -35,6 +35,9 @@ namespace
 constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
 constexpr gint64 REST_US = SERVER_ACCEPT_REST_MS * G_TIME_SPAN_MILLISECOND;
 
+/* What a client sends without being asked; more than one read takes, and less than a socket holds. */
+constexpr gsize MORE_BYTES = 20'000;
+
 /* The longest path that is bound as a whole. */
 constexpr gsize MAX_PATH_LENGTH = 106;
 
@@ -511,6 +514,15 @@ INSTANTIATE_TEST_SUITE_P(
                              "FAIL\nUnable to create source: Invalid value of 'event' parameter: 'yes'.."}),
     [](const auto &exchange) { return std::string(exchange.param.name); });
 
+/* What is behind a request is not read, and may be more than one read takes. */
+TEST_P(ServerReplyTest, IsFollowedByTheEndAlsoWhenTheClientHasSentMore)
+{
+  start_with_events();
+
+  EXPECT_EQ(ask(GetParam().request + std::string(MORE_BYTES, 'x')), GetParam().reply);
+  testhost::take_syslog();
+}
+
 TEST_F(ServerTest, RepliesWhenTheRequestEndsEarly)
 {
   ASSERT_TRUE(server_start(server_));
@@ -544,10 +556,26 @@ TEST_F(ServerTest, RefusesARequestThatIsTooLong)
   ASSERT_TRUE(server_start(server_));
   Client client = connect();
 
-  ASSERT_TRUE(client.send("OPEN\na=" + std::string(SERVER_MAX_REQUEST_BYTES, 'x')));
+  ASSERT_TRUE(client.send("OPEN\na=" + std::string(SERVER_MAX_REQUEST_BYTES + MORE_BYTES, 'x')));
   EXPECT_EQ(client.wait_for_reply(), "FAIL\nCould not read request header from socket: Request longer than " +
                                          std::to_string(SERVER_MAX_REQUEST_BYTES) + " bytes");
   EXPECT_TRUE(client.wait_for_end());
+}
+
+/* The server closes while the client is sending, at another moment each time. */
+TEST_F(ServerTest, RefusesAClientThatSendsWithoutEnd)
+{
+  constexpr int ROUNDS = 100;
+  ASSERT_TRUE(server_start(server_));
+
+  for (int i = 0; i < ROUNDS; i++) {
+    Client client = connect();
+    while (client.send("OPEN\nwrong\n")) {
+      testhost::dispatch_ready();
+    }
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nUnable to parse header line: wrong.");
+    EXPECT_TRUE(client.wait_for_end());
+  }
 }
 
 TEST_F(ServerTest, TakesTheLongestRequest)
@@ -589,7 +617,7 @@ TEST_F(ServerTest, RepliesWhenTheEncodingCannotBeSet)
   ASSERT_TRUE(server_start(server_));
   faults::fail_next(faults::Call::IO_CHANNEL_SET_ENCODING);
 
-  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nInternal error: Could not set encoding.");
+  EXPECT_EQ(ask("OPEN\n\nSYNC\n"), "FAIL\nInternal error: Could not set encoding.");
 }
 
 TEST_F(ServerTest, RepliesWhenThereIsNoManager)
@@ -600,7 +628,7 @@ TEST_F(ServerTest, RepliesWhenThereIsNoManager)
   ASSERT_TRUE(server_start(server_));
   faults::fail_next(faults::Call::CONNECTION_MANAGER_NEW);
 
-  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nCould not create metadata, Internal server error.");
+  EXPECT_EQ(ask("OPEN\n\nSYNC\n"), "FAIL\nCould not create metadata, Internal server error.");
   EXPECT_FALSE(observed.alive());
 }
 
@@ -609,7 +637,7 @@ TEST_F(ServerTest, RepliesWhenThePipelineCannotBePrepared)
   start_with_events();
   const testelements::WithoutFactory without("gdppay");
 
-  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+  EXPECT_EQ(ask("OPEN\nevent=1\n\nSYNC\n"), "FAIL\nCould not produce metadata, Internal server error.");
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_ERR, "Could not create gdppay."}}));
 }
 
@@ -618,7 +646,7 @@ TEST_F(ServerTest, RepliesWhenASourceDoesNotStart)
   start_with_events();
   testelements::set_event_source_behaviour(Behaviour::START_STATE_FAILS);
 
-  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+  EXPECT_EQ(ask("OPEN\nevent=1\n\nSYNC\n"), "FAIL\nCould not produce metadata, Internal server error.");
 }
 
 /* The failure text finds no reader, and the descriptor is closed, when the reply's channel is released. */
@@ -795,6 +823,7 @@ TEST_F(ServerTest, HandlesTwoRequestsAtOnceAndKeepsALimitedNumberWaiting)
   EXPECT_EQ(testhost::syslog_size(), 0U);
   for (int i = 0; i < 2; i++) {
     Client refused = connect();
+    ASSERT_TRUE(refused.send("OPEN\n\n"));
     EXPECT_TRUE(refused.wait_for_end());
     EXPECT_EQ(refused.received(), "");
     EXPECT_EQ(testhost::take_syslog(),
@@ -815,6 +844,7 @@ TEST_F(ServerTest, LogsARequestThatCannotBePushed)
   faults::fail_next(faults::Call::THREAD_POOL_PUSH);
   Client client = connect();
 
+  ASSERT_TRUE(client.send("OPEN\n\n"));
   EXPECT_TRUE(client.wait_for_end());
   EXPECT_EQ(client.received(), "");
   EXPECT_EQ(testhost::take_syslog(),
@@ -955,7 +985,7 @@ TEST_F(ServerTest, StopsAndStartsAgainWhileItRests)
     const faults::Accepts failing(ENOMEM);
     ASSERT_TRUE(testhost::spin_until([&] { return failing.count() > 0; }));
     server_stop(server_);
-    EXPECT_TRUE(client.ended());
+    EXPECT_TRUE(client.was_reset());
     EXPECT_EQ(testhost::take_syslog(),
               (SyslogLines{{LOG_ERR, "Could not accept new request on metadata server socket: "
                                      "Cannot allocate memory"}}));

@@ -16,7 +16,8 @@ Client::Client(int fd) : fd_(fd)
 }
 
 Client::Client(Client &&other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), received_(std::move(other.received_)), ended_(other.ended_)
+    : fd_(std::exchange(other.fd_, -1)), received_(std::move(other.received_)), ended_(other.ended_),
+      was_reset_(other.was_reset_)
 {
 }
 
@@ -66,11 +67,21 @@ Client::send(const std::string &bytes)
 }
 
 gsize
-Client::send_some(const std::string &bytes)
+Client::send_some(const std::string &bytes, int flags)
 {
-  const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), flags | MSG_DONTWAIT | MSG_NOSIGNAL);
 
   return std::max<ssize_t>(count, 0);
+}
+
+int
+Client::send_until_refused()
+{
+  const std::string bytes(4096, 'x');
+
+  while (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
+  }
+  return errno;
 }
 
 void
@@ -107,7 +118,15 @@ bool
 Client::ended()
 {
   receive();
+  EXPECT_FALSE(was_reset_);
   return ended_;
+}
+
+bool
+Client::was_reset()
+{
+  receive();
+  return was_reset_;
 }
 
 std::string
@@ -141,5 +160,6 @@ Client::receive()
   while (!ended_ && (count = recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0) {
     received_.append(bytes.data(), count);
   }
-  ended_ = ended_ || count == 0 || (count < 0 && errno != EAGAIN);
+  was_reset_ = was_reset_ || (count < 0 && errno != EAGAIN);
+  ended_ = ended_ || count == 0 || was_reset_;
 }

@@ -25,8 +25,12 @@ public:
   /* FALSE when the server's end is closed. */
   bool send(const std::string &bytes);
 
-  /* As much of @bytes as goes without waiting. */
-  gsize send_some(const std::string &bytes);
+  /* As much of @bytes as goes without waiting, with the flags of send(). */
+  gsize send_some(const std::string &bytes, int flags = 0);
+
+  /* Sends until the server's end takes no more for good, and waits for room meanwhile. The error's number.
+   * Any thread. */
+  int send_until_refused();
 
   /* Ends what the client sends; it goes on reading. */
   void half_close();
@@ -38,8 +42,13 @@ public:
   /* All bytes received so far. */
   const std::string &received();
 
-  /* Whether the server's end is closed and all that it sent was received. */
+  /* Whether the server's end is closed and all that it sent was received. An error in place of the end fails
+   * the test. */
   bool ended();
+
+  /* Whether an error came in place of the end: the server's end was closed with something unread, or was
+   * never accepted. */
+  bool was_reset();
 
   /* Waits for a NUL and gives what stands before it. */
   std::string wait_for_reply();
@@ -53,4 +62,5 @@ private:
   int fd_;
   std::string received_;
   bool ended_ = false;
+  bool was_reset_ = false;
 };
