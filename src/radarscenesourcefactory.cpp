@@ -127,6 +127,24 @@ configure_converter(GstElement *converter, gpointer user_data, GError **error)
   return TRUE;
 }
 
+/* FALSE when the platform cannot be asked for a shortage of descriptors. */
+gboolean
+find_rotation(gint32 channel, guint32 *rotation, GError **error)
+{
+  g_autoptr(GError) shortage = nullptr;
+
+  if (scene_source_query_rotation(channel, rotation, &shortage)) {
+    return TRUE;
+  }
+  if (shortage != nullptr) {
+    g_propagate_error(error, g_steal_pointer(&shortage));
+    return FALSE;
+  }
+  /* Better unturned than not at all. */
+  syslog(LOG_WARNING, "could not get rotation from capt, using rotation 0");
+  return TRUE;
+}
+
 GstElement *
 create_source(SourceFactory *factory, GHashTable *params, GError **error)
 {
@@ -146,9 +164,8 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
       analytics == Analytics::OFF) {
     return nullptr;
   }
-  if (!scene_source_query_rotation(channel, &rotation)) {
-    /* Better unturned than not at all. */
-    syslog(LOG_WARNING, "could not get rotation from capt, using rotation 0");
+  if (!find_rotation(channel, &rotation, error)) {
+    return nullptr;
   }
 
   Settings settings = {analytics == Analytics::WITH_POLYGONS, rotation, source_name};

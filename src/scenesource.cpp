@@ -151,20 +151,27 @@ scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gin
  * @channel: a channel
  * @rotation: (out): the rotation of its picture in degrees; 0 when the capture service names none as an
  *   unsigned number, and on failure
+ * @error: (out) (optional): where to put a shortage of descriptors; no other failure is an error
  *
  * Asks the capture service on the system bus and waits for the answer, with GDBus' default time-out (25
  * seconds). Logs nothing: what a failure means is the caller's to say. Any thread but the main thread, which
  * never waits.
  *
- * Returns: %FALSE when there is no bus, no service, or no answer that holds the channel's settings
+ * Returns: %FALSE without an error when there is no bus, no service, or no answer that holds the channel's
+ *   settings; %FALSE with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when too few descriptors are free to
+ *   ask
  */
 gboolean
-scene_source_query_rotation(gint32 channel, guint32 *rotation)
+scene_source_query_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
   *rotation = 0;
   g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, nullptr);
+  g_autoptr(GError) cause = nullptr;
+  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, &cause);
   if (bus == nullptr) {
+    if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
+      g_propagate_error(error, g_steal_pointer(&cause));
+    }
     return FALSE;
   }
   g_autoptr(GVariant) settings = get_channel_settings(bus, channel);

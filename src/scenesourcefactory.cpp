@@ -182,8 +182,9 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
     return nullptr;
   }
   /* Scenes that may be turned the wrong way are none, and not worth a word to a client that gets its other
-   * metadata. Radar scenes go on without; the difference is deliberate and kept. */
-  if (!scene_source_query_rotation(request.channel, &rotation)) {
+   * metadata. Radar scenes go on without; the difference is deliberate and kept. A shortage of descriptors
+   * fails the request. */
+  if (!scene_source_query_rotation(request.channel, &rotation, error)) {
     return nullptr;
   }
 

@@ -239,11 +239,11 @@ TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
   bus_.reset();
   expect_log({NAME_LOST});
   wait_for_release();
-  EXPECT_FALSE(scene_source_query_rotation(1, &rotation));
+  EXPECT_FALSE(scene_source_query_rotation(1, &rotation, nullptr));
 
   bus_.emplace();
   Service capture("com.quon.Capt1", testbus::reply("(<{'rotation': <uint32 180>}>,)"));
-  EXPECT_TRUE(scene_source_query_rotation(1, &rotation));
+  EXPECT_TRUE(scene_source_query_rotation(1, &rotation, nullptr));
   EXPECT_EQ(rotation, 180U);
   const Peer tool;
   EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";

@@ -264,6 +264,11 @@ TEST_F(RadarSceneSourceFactoryTest, GoesOnUnturnedWithoutABus)
   expect_rotation_unknown();
 }
 
+TEST_F(RadarSceneSourceFactoryTest, FailsWhenTooFewDescriptorsAreFreeToAsk)
+{
+  expect_shortage({{"analytics", "1"}});
+}
+
 TEST_F(RadarSceneSourceFactoryTest, GoesOnUnturnedWhenTheCaptureServiceAnswersWrong)
 {
   capture().set_answer(testbus::refuse());

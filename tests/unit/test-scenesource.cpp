@@ -1,5 +1,6 @@
 #include "scenesource.h"
 
+#include "systembus.h"
 #include "testbus.h"
 #include "testhost.h"
 
@@ -38,8 +39,10 @@ Result
 query(gint32 channel = 1)
 {
   Result result = {FALSE, 4711};
+  g_autoptr(GError) error = nullptr;
 
-  result.ok = scene_source_query_rotation(channel, &result.rotation);
+  result.ok = scene_source_query_rotation(channel, &result.rotation, &error);
+  EXPECT_EQ(error, nullptr);
   return result;
 }
 
@@ -153,6 +156,24 @@ TEST_F(SceneSourceTest, FailsWithoutABus)
 {
   bus_.reset();
 
+  EXPECT_EQ(query(), FAILURE);
+}
+
+/* The only failure that is an error. */
+TEST_F(SceneSourceTest, FailsWithAnErrorWhenTooFewDescriptorsAreFree)
+{
+  constexpr guint ENOUGH = DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS;
+
+  for (guint count = 0; count < ENOUGH; count++) {
+    const testhost::FreeDescriptors free(count);
+    g_autoptr(GError) error = nullptr;
+    guint32 rotation = 4711;
+
+    EXPECT_FALSE(scene_source_query_rotation(1, &rotation, &error)) << count;
+    EXPECT_EQ(rotation, 0U);
+    EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) << count;
+  }
+  const testhost::FreeDescriptors free(ENOUGH);
   EXPECT_EQ(query(), FAILURE);
 }
 

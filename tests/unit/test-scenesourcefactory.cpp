@@ -457,6 +457,11 @@ TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWithoutABus)
   expect_declined({{"analytics", "1"}});
 }
 
+TEST_F(SceneSourceFactoryTest, FailsWhenTooFewDescriptorsAreFreeToAsk)
+{
+  expect_shortage({{"analytics", "1"}});
+}
+
 TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWhenTheCaptureServiceAnswersWrong)
 {
   capture().set_answer(testbus::refuse());

@@ -1,6 +1,7 @@
 #include "testscenes.h"
 
 #include "producerconfig.h"
+#include "systembus.h"
 
 #include <fstream>
 
@@ -291,6 +292,18 @@ void
 Fixture::expect_refused(const Params &params, GQuark domain, const std::string &text) const
 {
   testfactory::expect_refused(factory_, params, domain, text);
+}
+
+void
+Fixture::expect_shortage(const Params &params)
+{
+  const testhost::FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);
+  const Answer answer(factory_, params);
+
+  EXPECT_EQ(answer.source, nullptr);
+  EXPECT_TRUE(g_error_matches(answer.error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
+  EXPECT_EQ(capture().take_calls(), testhost::Texts());
+  EXPECT_EQ(testhost::take_syslog(), testhost::SyslogLines());
 }
 
 void

@@ -94,6 +94,10 @@ protected:
   void expect_declined(const testfactory::Params &params) const;
   void expect_refused(const testfactory::Params &params, GQuark domain, const std::string &text) const;
 
+  /* With too few descriptors to ask the capture service the factory passes the shortage on, and logs nothing.
+   */
+  void expect_shortage(const testfactory::Params &params);
+
   /* @params make a bin when nothing is in the way. */
   void expect_failures_to_make(const testfactory::Params &params, const BinNames &names,
                                const BuildTexts &texts) const;
