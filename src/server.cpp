@@ -4,10 +4,17 @@
  *
  * The factories are registered before the start and stay until finalisation, so the pool threads read the
  * list without a lock. Everything else of the instance belongs to the main thread.
+ *
+ * Clients decide how many descriptors are open, and DESCRIPTOR_RESERVE_SIZE of them have to stay free for
+ * others. A pool thread reserves what a pipeline opens before anything of it is made. A connection that
+ * touches the reserve as soon as it is accepted is refused at once, on the main thread: left in the backlog,
+ * it would wake the accept watch for ever.
  */
 #include "server.h"
 
 #include "connectionmanager.h"
+#include "descriptorreserve.h"
+#include "ratelimitedlog.h"
 #include "request.h"
 #include "requestchannel.h"
 
@@ -62,6 +69,12 @@ constexpr int POOL_THREADS = 2;
 constexpr int BACKLOG = 10;
 constexpr mode_t SOCKET_MODE = 0660;
 
+constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
+
+/* Every client can cause this line. */
+RateLimitedLog shortage_log =
+    RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
+
 /* GLib's pool takes no NULL, and 0 is a valid descriptor, so a queued item is the descriptor plus one. */
 gpointer
 descriptor_to_item(int fd)
@@ -100,6 +113,23 @@ reply(GIOChannel *channel, const gchar *text)
   g_io_channel_flush(channel, nullptr);
 }
 
+void
+log_shortage()
+{
+  rate_limited_log(&shortage_log, LOG_WARNING, "Too few free file descriptors, refused a metadata request.");
+}
+
+/* The whole reply to a request that no pipeline can be made for. */
+gchar *
+make_failure(const GError *error)
+{
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
+    log_shortage();
+    return g_strdup(NOT_CREATED);
+  }
+  return g_strdup_printf("FAIL\nUnable to create source: %s.", error->message);
+}
+
 /* Asks every factory in the order of registration. NULL with @failure set when the request fails. */
 GList *
 create_sources(Server *self, GHashTable *params, gchar **failure)
@@ -114,7 +144,7 @@ create_sources(Server *self, GHashTable *params, gchar **failure)
       sources = g_list_append(sources, source);
     }
     if (error != nullptr) {
-      *failure = g_strdup_printf("FAIL\nUnable to create source: %s.", error->message);
+      *failure = make_failure(error);
       return nullptr;
     }
   }
@@ -124,23 +154,36 @@ create_sources(Server *self, GHashTable *params, gchar **failure)
   return g_steal_pointer(&sources);
 }
 
+/* Reserves what the pipeline opens before the first source is made. */
 GList *
-read_request_and_create_sources(Server *self, GIOChannel *channel, gchar **failure)
+read_request_and_create_sources(Server *self, GIOChannel *channel, DescriptorReservation **reservation,
+                                gchar **failure)
 {
   g_autoptr(GHashTable) params = request_read(channel, failure);
+  if (params == nullptr) {
+    return nullptr;
+  }
 
-  return params != nullptr ? create_sources(self, params, failure) : nullptr;
+  g_autoptr(GError) shortage = nullptr;
+  *reservation = descriptor_reservation_new(SERVER_PIPELINE_DESCRIPTORS, &shortage);
+  if (*reservation == nullptr) {
+    *failure = make_failure(shortage);
+    return nullptr;
+  }
+  return create_sources(self, params, failure);
 }
 
 /* Streams the sources to the client. The descriptor is the manager's from here on, the channel only replies.
+ * The reservation is taken over, and given back once the pipeline has everything open.
  */
 void
-serve(GIOChannel *channel, int fd, GList *sources)
+serve(GIOChannel *channel, int fd, GList *sources, DescriptorReservation *reserved)
 {
+  g_autoptr(DescriptorReservation) reservation = reserved;
   g_autoptr(ConnectionManager) manager = connection_manager_new(sources, fd);
   if (manager == nullptr) {
     g_list_free_full(sources, gst_object_unref);
-    reply(channel, "FAIL\nCould not create metadata, Internal server error.");
+    reply(channel, NOT_CREATED);
     return;
   }
 
@@ -150,6 +193,7 @@ serve(GIOChannel *channel, int fd, GList *sources)
     request_channel_discard_input(fd);
     return;
   }
+  g_clear_pointer(&reservation, descriptor_reservation_free);
   connection_manager_announce_start(manager);
   reply(channel, "OK");
   connection_manager_start(manager);
@@ -163,15 +207,16 @@ handle_request(gpointer item, gpointer user_data)
   const int fd = descriptor_from_item(item);
   g_autoptr(GIOChannel) channel =
       request_channel_new(fd, SERVER_MAX_REQUEST_BYTES, SERVER_REQUEST_TIMEOUT_MS);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
   g_autofree gchar *failure = nullptr;
 
   g_io_channel_set_close_on_unref(channel, TRUE);
-  GList *sources = read_request_and_create_sources(self, channel, &failure);
+  GList *sources = read_request_and_create_sources(self, channel, &reservation, &failure);
   if (sources == nullptr) {
     reply(channel, failure);
     return;
   }
-  serve(channel, fd, sources);
+  serve(channel, fd, sources, g_steal_pointer(&reservation));
 }
 
 /* What the pool still holds when the server stops. */
@@ -197,6 +242,23 @@ queue_request(GThreadPool *pool, int fd)
   }
 }
 
+gboolean
+is_reserve_untouched()
+{
+  g_autoptr(DescriptorReservation) nothing = descriptor_reservation_new(0, nullptr);
+
+  return nothing != nullptr;
+}
+
+/* The reply fits into a new connection's buffer, so this waits for nobody. */
+void
+refuse_for_shortage(int fd)
+{
+  log_shortage();
+  send(fd, NOT_CREATED, strlen(NOT_CREATED) + 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+  close_accepted(fd);
+}
+
 /* There may be none, even right after one was given up: another thread can be faster. So this is tried again
  * after every connection that is accepted. */
 void
@@ -215,10 +277,10 @@ give_up_spare_descriptor(Server *self)
   }
 }
 
-/* Without a free descriptor a waiting connection can be neither accepted nor refused. The spare descriptor
- * makes room to accept and close it. FALSE when the connection still waits. */
+/* Elements of the platform open descriptors that nobody reserved, so there may be none at all. Then the spare
+ * one makes room to accept a waiting connection and to refuse it. FALSE when the connection still waits. */
 gboolean
-drop_waiting_connection(Server *self, int listening_fd)
+refuse_waiting_connection(Server *self, int listening_fd)
 {
   if (self->priv->spare_fd < 0) {
     return FALSE;
@@ -227,7 +289,7 @@ drop_waiting_connection(Server *self, int listening_fd)
   give_up_spare_descriptor(self);
   const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd >= 0) {
-    close_accepted(fd);
+    refuse_for_shortage(fd);
   }
   keep_spare_descriptor(self);
   return fd >= 0;
@@ -461,7 +523,7 @@ continue_without_connection(Server *self, int listening_fd, int error_number)
   const gboolean out_of_descriptors = error_number == EMFILE || error_number == ENFILE;
 
   syslog(LOG_ERR, "Could not accept new request on metadata server socket: %s", g_strerror(error_number));
-  return out_of_descriptors && drop_waiting_connection(self, listening_fd) ? G_SOURCE_CONTINUE : rest(self);
+  return out_of_descriptors && refuse_waiting_connection(self, listening_fd) ? G_SOURCE_CONTINUE : rest(self);
 }
 
 gboolean
@@ -479,7 +541,11 @@ on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
   if (fd < 0) {
     return continue_without_connection(self, listening_fd, errno);
   }
-  queue_request(self->priv->pool, fd);
+  if (is_reserve_untouched()) {
+    queue_request(self->priv->pool, fd);
+  } else {
+    refuse_for_shortage(fd);
+  }
   keep_spare_descriptor(self);
   return G_SOURCE_CONTINUE;
 }

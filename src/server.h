@@ -29,9 +29,24 @@ G_BEGIN_DECLS
 /**
  * SERVER_ACCEPT_REST_MS:
  *
- * How long no connection is accepted after one that could be neither accepted nor dropped.
+ * How long no connection is accepted after one that could be neither accepted nor refused.
  */
 #define SERVER_ACCEPT_REST_MS 250
+
+/**
+ * SERVER_PIPELINE_DESCRIPTORS:
+ *
+ * How many descriptors a client's pipeline opens at most: four of its own, and two for each platform element,
+ * which are the sources of every kind and the document element.
+ */
+#define SERVER_PIPELINE_DESCRIPTORS 16
+
+/**
+ * SERVER_SHORTAGE_WARNING_INTERVAL_MS:
+ *
+ * How long the warning about too few descriptors keeps the next one back.
+ */
+#define SERVER_SHORTAGE_WARNING_INTERVAL_MS 1000
 
 #define SERVER_TYPE (server_get_type())
 G_DECLARE_FINAL_TYPE(Server, server, TESSARD, SERVER, GObject)

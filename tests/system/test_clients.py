@@ -3,17 +3,15 @@
 import concurrent.futures
 import contextlib
 import itertools
-import os
-import subprocess
 import threading
 import time
 
 import pytest
 
 from client import stuck_client
-from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, RADAR_TRACKER, WARNING, producers_enabled
+from daemon import NOTHING_ASKED, WARNING
 from documents import INITIALIZED
-from installation import RADAR_PLUGINS, documented_limit, unprivileged
+from installation import documented_limit
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 REQUEST_THREADS = 2
@@ -289,67 +287,3 @@ def test_newest_of_too_many_silent_clients_is_dropped(daemon):
 
     expect_service(daemon)
     expect_nothing_left(daemon)
-
-
-# Descriptors
-
-
-def leave_descriptors(daemon, count):
-    """Lets the running daemon open only so many descriptors more."""
-    taken = set(map(int, os.listdir(daemon.proc / "fd")))
-    free = (number for number in itertools.count() if number not in taken)
-    daemon.limit_descriptors(next(itertools.islice(free, count, None)))
-
-
-NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket: Too many open files")
-
-
-def test_clients_are_turned_away_while_there_are_no_descriptors(start_daemon):
-    limited = start_daemon()
-    leave_descriptors(limited, 1)
-    with limited.client() as last:
-        last.send(b"OPEN\n")
-        wait_until(lambda: last.unsent() == 0, "the last descriptor is taken")
-        for _ in range(3):
-            with limited.client() as client:
-                assert client.read_to_end() == b""
-        assert limited.log.take() == [NO_DESCRIPTOR] * 3
-
-        last.send(b"\n")
-        assert last.read_reply().decode() == NOTHING_ASKED
-
-    expect_nothing_left(limited)
-
-
-@pytest.mark.parametrize("spare", range(1, 6))
-def test_descriptors_that_run_out_on_the_way_cost_one_request(start_daemon, spare):
-    limited = start_daemon()
-    leave_descriptors(limited, spare)
-    # GStreamer complains by itself.
-    limited.allow_on_stderr("Too many open files")
-    limited.allow_on_stderr("GStreamer-CRITICAL")
-    with limited.client() as client:
-        reply = client.ask("event=1\n")
-    assert reply == "OK" or reply.startswith("FAIL\nUnable to create source: ") or reply == NOT_PRODUCED
-
-    expect_nothing_left(limited)
-    with limited.client() as client:
-        assert client.ask("") == NOTHING_ASKED
-    limited.log.take()
-
-
-@pytest.mark.parametrize("spare", range(1, 15))
-def test_descriptors_that_run_out_while_the_platform_is_asked_cost_one_request(camera, start_daemon, spare):
-    limited = start_daemon(plugins=RADAR_PLUGINS, producers=producers_enabled({(RADAR_TRACKER, 1): "radar"}))
-    limited.allow_on_stderr("Too many open files")
-    limited.allow_on_stderr("GStreamer-CRITICAL")
-    leave_descriptors(limited, spare)
-    with limited.client() as client:
-        client.send(b"OPEN\nanalytics=1\n\n")
-        wait_until(lambda: client.unsent() == 0, "the request is read")
-        client.close_writing()
-        client.read_to_end()
-
-    with limited.client() as client:
-        assert client.ask("") == NOTHING_ASKED
-    limited.log.take()

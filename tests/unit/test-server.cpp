@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include "descriptorreserve.h"
 #include "eventsourcefactory.h"
 #include "faults.h"
 #include "testclient.h"
@@ -23,6 +24,7 @@
 #include <unistd.h>
 
 using testelements::Behaviour;
+using testhost::FreeDescriptors;
 using testhost::SyslogLine;
 using testhost::SyslogLines;
 using testhost::Texts;
@@ -37,6 +39,10 @@ constexpr gint64 REST_US = SERVER_ACCEPT_REST_MS * G_TIME_SPAN_MILLISECOND;
 
 /* What a client sends without being asked; more than one read takes, and less than a socket holds. */
 constexpr gsize MORE_BYTES = 20'000;
+
+constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
+
+constexpr gint64 WARNING_INTERVAL_US = SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND;
 
 /* The longest path that is bound as a whole. */
 constexpr gsize MAX_PATH_LENGTH = 106;
@@ -221,6 +227,32 @@ private:
   std::vector<int> fillers_;
 };
 
+bool
+can_reserve(guint count)
+{
+  g_autoptr(DescriptorReservation) reservation = descriptor_reservation_new(count, nullptr);
+
+  return reservation != nullptr;
+}
+
+bool
+is_shortage_warning(const SyslogLine &line)
+{
+  return line.priority == LOG_WARNING &&
+         line.text.starts_with("Too few free file descriptors, refused a metadata request.");
+}
+
+/* Takes the log's lines and gives those that do not warn of a shortage. The interval goes on from one test to
+ * the next, so a shortage may have no line of its own. */
+SyslogLines
+take_syslog_but_shortages()
+{
+  SyslogLines lines = testhost::take_syslog();
+
+  std::erase_if(lines, is_shortage_warning);
+  return lines;
+}
+
 int
 lowest_free_descriptor()
 {
@@ -242,6 +274,9 @@ listen_at(const std::string &socket_path)
   EXPECT_EQ(listen(fd, 10), 0) << g_strerror(errno);
   return fd;
 }
+
+const SyslogLine OUT_OF_DESCRIPTORS = {
+    LOG_ERR, "Could not accept new request on metadata server socket: Too many open files"};
 
 struct Exchange {
   const char *name;
@@ -864,9 +899,172 @@ TEST_F(ServerTest, LogsAnAcceptedSocketThatIsNotClosedWell)
                          {LOG_ERR, "Could not close accepted metadata server socket: Input/output error"}}));
 }
 
+/* The reserve of descriptors. */
+
+/* As the factories say it; every kind of shortage is the server's to tell. */
+TEST_F(ServerTest, TellsAFactorysShortageInItsOwnWords)
+{
+  std::optional<testhost::Observed> observed;
+  std::atomic<bool> third_asked = false;
+  add_factory([&](GHashTable *, GError **) {
+    GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+    observed.emplace(source);
+    return source;
+  });
+  add_factory([](GHashTable *, GError **error) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES, "None left");
+    return nullptr;
+  });
+  add_factory([&](GHashTable *, GError **) {
+    third_asked = true;
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+
+  EXPECT_EQ(ask("OPEN\n\nSYNC\n"), NOT_CREATED);
+  EXPECT_EQ(take_syslog_but_shortages(), SyslogLines());
+  EXPECT_FALSE(third_asked);
+  EXPECT_FALSE(observed->alive());
+}
+
+/* Every number of descriptors up to those that a pipeline needs beside its connection, and the last one
+ * serves. */
+TEST_F(ServerTest, AsksNoFactoryUnlessAPipelinesDescriptorsAreFree)
+{
+  constexpr guint ENOUGH = DESCRIPTOR_RESERVE_SIZE + SERVER_PIPELINE_DESCRIPTORS + 1;
+  std::atomic<unsigned> asked = 0;
+  add_factory([&](GHashTable *, GError **) {
+    asked++;
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+
+  for (guint count = 0; count <= ENOUGH; count++) {
+    Client client = connect();
+    ASSERT_TRUE(client.send("OPEN\n\nSYNC\n"));
+    const FreeDescriptors free(count);
+    EXPECT_EQ(client.wait_for_reply(),
+              count < ENOUGH ? NOT_CREATED : "FAIL\nBad request, no metadata can be produced.");
+    EXPECT_TRUE(client.wait_for_end()) << count;
+    EXPECT_EQ(take_syslog_but_shortages(), SyslogLines(count == 0 ? 1 : 0, OUT_OF_DESCRIPTORS)) << count;
+  }
+  EXPECT_EQ(asked, 1U);
+}
+
+TEST_F(ServerTest, StreamsWithNoMoreThanAPipelinesDescriptors)
+{
+  start_with_events();
+  connect_streaming().hang_up();
+  Client client = connect();
+  ASSERT_TRUE(client.send("OPEN\nevent=1\n\n"));
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SERVER_PIPELINE_DESCRIPTORS + 1);
+
+  EXPECT_EQ(client.wait_for_reply(), "OK");
+  EXPECT_TRUE(client.wait_for_bytes(sizeof "OK" + strlen(testelements::DOCUMENT_TEXT)));
+  EXPECT_TRUE(can_reserve(0));
+}
+
+/* While the factories are asked the pipeline's descriptors are nobody else's, and afterwards they are. */
+TEST_F(ServerTest, ReservesAPipelinesDescriptorsWhileItIsMade)
+{
+  constexpr guint MORE = 5;
+  Gate gate;
+  add_factory([&gate](GHashTable *, GError **) {
+    gate.enter();
+    return testelements::make_source(Behaviour::ONE_BUFFER);
+  });
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect();
+  ASSERT_TRUE(client.send("OPEN\n\n"));
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SERVER_PIPELINE_DESCRIPTORS + 1 + MORE);
+  ASSERT_TRUE(testhost::spin_until([&gate] { return gate.entered() == 1; }));
+
+  EXPECT_TRUE(can_reserve(MORE));
+  EXPECT_FALSE(can_reserve(MORE + 1));
+  gate.open();
+  EXPECT_EQ(client.wait_for_reply(), "OK");
+  EXPECT_TRUE(can_reserve(MORE + SERVER_PIPELINE_DESCRIPTORS / 2));
+  client.hang_up();
+  EXPECT_TRUE(testhost::spin_until([] { return can_reserve(MORE + SERVER_PIPELINE_DESCRIPTORS + 1); }));
+}
+
+TEST_F(ServerTest, GivesTheReservationBackHoweverARequestFails)
+{
+  start_with_events();
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SERVER_PIPELINE_DESCRIPTORS + 8);
+
+  for (int i = 0; i < 8; i++) {
+    EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+    EXPECT_TRUE(testhost::spin_until([] { return can_reserve(SERVER_PIPELINE_DESCRIPTORS + 4); }));
+    const testelements::WithoutFactory without("gdppay");
+    EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+    EXPECT_TRUE(testhost::spin_until([] { return can_reserve(SERVER_PIPELINE_DESCRIPTORS + 4); }));
+  }
+  for (const SyslogLine &line : testhost::take_syslog()) {
+    EXPECT_EQ(line, (SyslogLine{LOG_ERR, "Could not create gdppay."}));
+  }
+}
+
+/* Both request threads are busy, and those who wait send nothing: neither is waited for. */
+TEST_F(ServerTest, RefusesAConnectionThatTouchesTheReserveAtOnce)
+{
+  constexpr int HANDLED = 2;
+  constexpr int WAITING = 3;
+  Gate gate;
+  add_factory([&gate](GHashTable *, GError **) {
+    gate.enter();
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> handled;
+  for (int i = 0; i < HANDLED; i++) {
+    handled.push_back(connect());
+    ASSERT_TRUE(handled.back().send("OPEN\n\n"));
+    ASSERT_TRUE(testhost::spin_until([&] { return gate.entered() == i + 1; }));
+  }
+  std::vector<Client> clients;
+  for (int i = 0; i < 2 * WAITING; i++) {
+    clients.push_back(connect());
+  }
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + HANDLED * SERVER_PIPELINE_DESCRIPTORS + WAITING);
+
+  for (int i = WAITING; i < 2 * WAITING; i++) {
+    EXPECT_EQ(clients[i].wait_for_reply(), NOT_CREATED);
+    EXPECT_TRUE(clients[i].wait_for_end());
+  }
+  EXPECT_EQ(take_syslog_but_shortages(), SyslogLines());
+  EXPECT_TRUE(can_reserve(0));
+  EXPECT_FALSE(can_reserve(1));
+  gate.open();
+  for (int i = 0; i < WAITING; i++) {
+    ASSERT_TRUE(clients[i].send("OPEN\n\n"));
+    EXPECT_EQ(clients[i].wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+}
+
+/* The lines of one shortage, which is as long as the test wants. */
+TEST_F(ServerTest, WarnsOfAShortageAtMostOnceAnInterval)
+{
+  ASSERT_TRUE(server_start(server_));
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE - 1);
+  std::vector<gint64> times_us;
+  guint64 refused = 0;
+
+  while (times_us.size() < 3) {
+    Client client = connect();
+    ASSERT_EQ(client.wait_for_reply(), NOT_CREATED);
+    refused++;
+    const SyslogLines lines = testhost::take_syslog();
+    ASSERT_TRUE(std::all_of(lines.begin(), lines.end(), is_shortage_warning)) << lines.front();
+    times_us.insert(times_us.end(), lines.size(), g_get_monotonic_time());
+  }
+  EXPECT_GE(times_us[2] - times_us[1], WARNING_INTERVAL_US - SHORT_US);
+  EXPECT_GT(refused, times_us.size());
+}
+
 /* The accept watch. */
 
-TEST_F(ServerTest, DropsAConnectionThatIsOutOfDescriptors)
+TEST_F(ServerTest, RefusesAConnectionThatIsOutOfDescriptors)
 {
   ASSERT_TRUE(server_start(server_));
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -878,11 +1076,10 @@ TEST_F(ServerTest, DropsAConnectionThatIsOutOfDescriptors)
     ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     Client client(fd);
 
+    EXPECT_EQ(client.wait_for_reply(), NOT_CREATED);
     EXPECT_TRUE(client.wait_for_end());
-    EXPECT_FALSE(testhost::spin_until([] { return testhost::syslog_size() > 1; }, SHORT_US));
-    EXPECT_EQ(testhost::take_syslog(),
-              (SyslogLines{{LOG_ERR, "Could not accept new request on metadata server socket: "
-                                     "Too many open files"}}));
+    EXPECT_FALSE(testhost::spin_until([] { return testhost::syslog_size() > 2; }, SHORT_US));
+    EXPECT_EQ(take_syslog_but_shortages(), (SyslogLines{OUT_OF_DESCRIPTORS}));
   }
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
@@ -894,16 +1091,16 @@ TEST_F(ServerTest, GoesOnBehindManyConnectionsWithoutDescriptors)
   std::vector<Client> clients;
   for (int i = 0; i < CONNECTIONS; i++) {
     clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\n\n"));
   }
   {
     const NoMoreDescriptors none;
     for (Client &client : clients) {
+      EXPECT_EQ(client.wait_for_reply(), NOT_CREATED);
       EXPECT_TRUE(client.wait_for_end());
     }
   }
-  const SyslogLine line = {LOG_ERR,
-                           "Could not accept new request on metadata server socket: Too many open files"};
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines(CONNECTIONS, line));
+  EXPECT_EQ(take_syslog_but_shortages(), SyslogLines(CONNECTIONS, OUT_OF_DESCRIPTORS));
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
 
@@ -939,42 +1136,43 @@ INSTANTIATE_TEST_SUITE_P(Errors, ServerAcceptTest,
                                          AcceptFailure{"NoDescriptorInTheSystem", ENFILE, 2}),
                          [](const auto &failure) { return std::string(failure.param.name); });
 
+/* Another thread has opened what was free for a moment, before the server could. */
 TEST_F(ServerTest, RestsWithoutASpareDescriptorAndTakesAnotherOneLater)
 {
-  const SyslogLine line = {LOG_ERR,
-                           "Could not accept new request on metadata server socket: Too many open files"};
   ASSERT_TRUE(server_start(server_));
-  Client dropped = connect();
-  Client accepted = connect();
-  Client waiting = connect();
+  Client refused = connect();
   {
     const NoMoreDescriptors none;
     faults::fail_next(faults::Call::OPEN);
-    EXPECT_TRUE(dropped.wait_for_end());
-    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{line}));
+    EXPECT_EQ(refused.wait_for_reply(), NOT_CREATED);
+    EXPECT_TRUE(refused.wait_for_end());
+    const int taken = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(taken, 0);
+    EXPECT_EQ(take_syslog_but_shortages(), (SyslogLines{OUT_OF_DESCRIPTORS}));
+    refused.hang_up();
+    Client waiting = connect();
 
-    /* The descriptor that was the spare one is now that of a connection. */
     const gint64 begin_us = g_get_monotonic_time();
     const faults::Accepts failing(0);
     EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 3; }));
     EXPECT_LE(failing.count(), 2 + (g_get_monotonic_time() - begin_us) / REST_US);
-    EXPECT_EQ(testhost::take_syslog(), SyslogLines(3, line));
+    EXPECT_EQ(take_syslog_but_shortages(), SyslogLines(3, OUT_OF_DESCRIPTORS));
     EXPECT_FALSE(waiting.ended());
 
-    accepted.hang_up();
-    ASSERT_TRUE(waiting.send("OPEN\n\n"));
-    EXPECT_EQ(waiting.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+    close(taken);
+    EXPECT_EQ(waiting.wait_for_reply(), NOT_CREATED);
     EXPECT_TRUE(waiting.wait_for_end());
   }
-  testhost::take_syslog();
+  take_syslog_but_shortages();
 
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
-  Client dropped_again = connect();
+  Client refused_again = connect();
   const NoMoreDescriptors none;
   const faults::Accepts accepts(0);
-  EXPECT_TRUE(dropped_again.wait_for_end());
+  EXPECT_EQ(refused_again.wait_for_reply(), NOT_CREATED);
+  EXPECT_TRUE(refused_again.wait_for_end());
   EXPECT_EQ(accepts.count(), 2U);
-  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{line}));
+  EXPECT_EQ(take_syslog_but_shortages(), (SyslogLines{OUT_OF_DESCRIPTORS}));
 }
 
 TEST_F(ServerTest, StopsAndStartsAgainWhileItRests)

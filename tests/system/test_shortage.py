@@ -1,0 +1,210 @@
+"""Descriptors that run out: each client is served or told, and the daemon serves everybody once there are enough again.
+And what a client of each kind costs, which the limits of the service are made for."""
+
+import concurrent.futures
+import contextlib
+import itertools
+import os
+import re
+import time
+
+import pytest
+
+from client import header
+from daemon import ERROR, NOTHING_ASKED, RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
+from installation import SIMULATED_PLUGINS, TREE, documented_limit
+from tool import path_of
+from waiting import wait_until, wait_until_settled
+
+RESERVE = documented_limit("descriptorreserve.h", "DESCRIPTOR_RESERVE_SIZE")
+PIPELINE = documented_limit("server.h", "SERVER_PIPELINE_DESCRIPTORS")
+BUS_CALL = documented_limit("systembus.h", "SYSTEM_BUS_CALL_DESCRIPTORS")
+WARNING_SECONDS = documented_limit("server.h", "SERVER_SHORTAGE_WARNING_INTERVAL_MS") / 1000
+
+# Below so many, the client's connection included, nothing of a pipeline is made. With so many one is: what it has open
+# counts as reserved too until it is complete, and asking the platform takes more.
+TOO_FEW = RESERVE + PIPELINE + 1
+ENOUGH = RESERVE + 2 * PIPELINE + BUS_CALL + 1
+
+NOT_CREATED = "FAIL\nCould not create metadata, Internal server error."
+
+NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket: Too many open files")
+
+SHORTAGE = re.compile(r"Too few free file descriptors, refused a metadata request\."
+                      r"( \(\d+ more since the last such line\))?")
+
+# The video channels on which one kind of analytics is enabled, and the one on which all are.
+VIDEO_CHANNEL, RADAR_CHANNEL, EXTERNAL_CHANNEL, FULL_CHANNEL = CHANNELS = (1, 2, 3, 4)
+
+KINDS = {
+    "event": {"event": 1},
+    "ptz": {"ptz": 1},
+    "scenes": {"analytics": 1, "video_channel": VIDEO_CHANNEL},
+    "radar": {"analytics": 1, "video_channel": RADAR_CHANNEL},
+    "external": {"analytics": 1, "video_channel": EXTERNAL_CHANNEL},
+    "all": {"event": 1, "ptz": 1, "analytics": 2, "video_channel": FULL_CHANNEL},
+}
+
+# With too few descriptors to ask the scene service, a request for video scenes waits for it.
+WAITING_KINDS = ("scenes", "all")
+
+# The external producers, each enabled where any is.
+EXTERNAL = ("First", "Second", "Third")
+
+PRODUCERS = producers_enabled({
+    (VIDEO_TRACKER, VIDEO_CHANNEL): "video",
+    (VIDEO_TRACKER, FULL_CHANNEL): "video",
+    (RADAR_TRACKER, RADAR_CHANNEL): "radar",
+    (RADAR_TRACKER, FULL_CHANNEL): "radar",
+} | {(name, channel): name for name in EXTERNAL for channel in (EXTERNAL_CHANNEL, FULL_CHANNEL)})
+
+
+@pytest.fixture
+def full_daemon(start_camera, start_daemon, tool):
+    """A daemon on a camera that has everything, once it knows the external producers and nothing is left of that."""
+    camera = start_camera("--channels", str(len(CHANNELS)))
+    daemon = start_daemon(plugins=SIMULATED_PLUGINS, coordinator_line=None, producers=PRODUCERS, speed=4,
+                          ptz_channels=CHANNELS)
+    for name in EXTERNAL:
+        camera.add_producer(name)
+    wait_until(lambda: tool.objects() >= {path_of(name) for name in EXTERNAL}, "the external producers are listed")
+    # The first client has plug-ins loaded and threads made that stay.
+    with daemon.client() as client:
+        client.start(header(**KINDS["all"])).next_document()
+    daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "the daemon is idle")
+    return daemon
+
+
+# Running out
+
+
+@contextlib.contextmanager
+def free_descriptors(daemon, count):
+    """Lets the running daemon open only so many descriptors more."""
+    limits = (daemon.proc / "limits").read_text(encoding="ascii")
+    (before,) = re.findall(r"^Max open files +(\d+)", limits, re.MULTILINE)
+    taken = set(map(int, os.listdir(daemon.proc / "fd")))
+    free = (number for number in itertools.count() if number not in taken)
+    daemon.limit_descriptors(next(itertools.islice(free, count, None)))
+    try:
+        yield
+    finally:
+        daemon.limit_descriptors(before)
+
+
+def expect_idle(daemon):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+def ask(client, wishes):
+    """Asks for metadata and returns the text of the reply, which may be there before the request."""
+    with contextlib.suppress(BrokenPipeError):
+        client.request(header(**wishes))
+    return client.read_reply().decode()
+
+
+def ask_and_read(daemon, wishes):
+    """Asks for metadata; whether it came. Otherwise there has to be the text and then the end."""
+    with daemon.client() as client:
+        reply = ask(client, wishes)
+        if reply == "OK":
+            client.open_stream().next_document()
+            return True
+        assert reply == NOT_CREATED
+        assert client.read_to_end() == b""
+        return False
+
+
+def expect_only_shortages(daemon, began, without_any=0):
+    """Expects of the log nothing but warnings of the shortage, not too many of them since that moment, and the lines
+    about connections that came when there was no descriptor at all."""
+    lines = daemon.log.take()
+    assert lines.count(NO_DESCRIPTOR) == without_any
+    warnings = [line for line in lines if line != NO_DESCRIPTOR]
+    assert all(priority == WARNING and SHORTAGE.fullmatch(text) for priority, text in warnings)
+    assert 1 <= len(warnings) <= 1 + (time.monotonic() - began) / WARNING_SECONDS
+
+
+def numbers_of_descriptors(kind):
+    """Every number up to one that is enough, but none that makes a request wait."""
+    return [*range(TOO_FEW if kind in WAITING_KINDS else ENOUGH), ENOUGH]
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_every_number_of_free_descriptors_serves_or_refuses(full_daemon, kind):
+    began = time.monotonic()
+    served = {}
+    for count in numbers_of_descriptors(kind):
+        with free_descriptors(full_daemon, count):
+            served[count] = ask_and_read(full_daemon, KINDS[kind])
+            expect_idle(full_daemon)
+        assert ask_and_read(full_daemon, KINDS[kind])
+        expect_idle(full_daemon)
+
+    assert served[ENOUGH]
+    assert not any(served[count] for count in range(TOO_FEW))
+    expect_only_shortages(full_daemon, began, without_any=1)
+
+
+def test_clients_without_a_descriptor_are_refused_one_by_one(full_daemon):
+    began = time.monotonic()
+    with free_descriptors(full_daemon, 0):
+        for _ in range(10):
+            assert not ask_and_read(full_daemon, KINDS["event"])
+
+    expect_only_shortages(full_daemon, began, without_any=10)
+    assert ask_and_read(full_daemon, KINDS["all"])
+
+
+def test_waiting_clients_leave_the_reserve(full_daemon):
+    began = time.monotonic()
+    with contextlib.ExitStack() as stack, free_descriptors(full_daemon, RESERVE + 3):
+        silent = [stack.enter_context(full_daemon.client()) for _ in range(3)]
+        wait_until(lambda: full_daemon.descriptors() == full_daemon.idle_descriptors + 3, "they are accepted")
+        for _ in range(10):
+            assert not ask_and_read(full_daemon, KINDS["event"])
+        assert full_daemon.descriptors() == full_daemon.idle_descriptors + 3
+        for client in silent:
+            client.request("")
+            assert client.read_reply().decode() in (NOTHING_ASKED, NOT_CREATED)
+
+    expect_only_shortages(full_daemon, began)
+    assert ask_and_read(full_daemon, KINDS["all"])
+
+
+# A crowd
+
+CROWD = 150
+CROWD_LIMIT = 512
+CROWD_KINDS = [kind for kind in KINDS if kind not in WAITING_KINDS]
+
+# How many may wait for their replies at a time; beyond what the daemon keeps waiting, some would have none.
+AT_ONCE = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS")
+
+
+def test_each_client_of_a_crowd_is_answered(full_daemon):
+    began = time.monotonic()
+    full_daemon.limit_descriptors(CROWD_LIMIT)
+    with contextlib.ExitStack() as stack:
+
+        def ask_for(kind):
+            client = stack.enter_context(full_daemon.client())
+            reply = ask(client, KINDS[kind])
+            assert reply in ("OK", NOT_CREATED)
+            return client, reply == "OK"
+
+        with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
+            asked = list(clients.map(ask_for, itertools.islice(itertools.cycle(CROWD_KINDS), CROWD)))
+
+        served = [client for client, is_served in asked if is_served]
+        assert 0 < len(served) < CROWD
+        assert full_daemon.descriptors() <= CROWD_LIMIT - RESERVE
+        for client, is_served in asked:
+            if not is_served:
+                assert client.read_to_end() == b""
+        for client in served:
+            client.open_stream().next_document()
+
+    expect_idle(full_daemon)
+    expect_only_shortages(full_daemon, began)
+    assert ask_and_read(full_daemon, KINDS["all"])
