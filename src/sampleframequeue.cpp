@@ -5,6 +5,8 @@
  * cannot be ended from outside. So a conversion that takes too long is given up: its caller is told, its
  * place goes to the next one, and its thread stays behind until the converter lets go of it.
  *
+ * A conversion for which there are too few descriptors or threads waits until there are enough.
+ *
  * The main thread begins conversions from a source of its own, never from inside a call, so that no caller is
  * called back before it knows what it has asked for.
  *
@@ -15,6 +17,7 @@
 #include "descriptorreserve.h"
 #include "sampleframe.h"
 
+#include <syslog.h>
 #include <utility>
 
 struct SampleFrameConversion {
@@ -37,6 +40,7 @@ GQueue waiting = G_QUEUE_INIT; /* of SampleFrameConversion */
 guint running;
 guint stuck;    /* those that were given up, whose threads are still there */
 guint start_id; /* the source that begins the next ones, or 0 */
+gboolean short_of_resources;
 
 void
 free_conversion(SampleFrameConversion *conversion)
@@ -118,43 +122,70 @@ fail(SampleFrameConversion *conversion)
 }
 
 /* The deadline is there before the thread, which may be through at once. */
-void
-begin(SampleFrameConversion *conversion)
+gboolean
+start_thread(SampleFrameConversion *conversion, GError **error)
 {
   conversion->deadline_id = g_timeout_add_seconds(SAMPLE_FRAME_QUEUE_MAX_SECONDS, on_deadline, conversion);
-  GThread *thread = g_thread_try_new("sample-frame", convert, conversion, nullptr);
+  GThread *thread = g_thread_try_new("sample-frame", convert, conversion, error);
   if (thread == nullptr) {
-    g_source_remove(conversion->deadline_id);
-    fail(conversion);
-    return;
+    g_clear_handle_id(&conversion->deadline_id, g_source_remove);
+    return FALSE;
   }
   g_thread_unref(thread);
-  running++;
+  return TRUE;
 }
 
 /* FALSE when it has to wait. */
 gboolean
-reserve_descriptors(SampleFrameConversion *conversion)
+begin(SampleFrameConversion *conversion, GError **error)
 {
-  conversion->reservation = descriptor_reservation_new(SAMPLE_FRAME_QUEUE_DESCRIPTORS, nullptr);
-  return conversion->reservation != nullptr;
+  conversion->reservation = descriptor_reservation_new(SAMPLE_FRAME_QUEUE_DESCRIPTORS, error);
+  if (conversion->reservation == nullptr) {
+    return FALSE;
+  }
+  if (!start_thread(conversion, error)) {
+    g_clear_pointer(&conversion->reservation, descriptor_reservation_free);
+    return FALSE;
+  }
+  running++;
+  return TRUE;
+}
+
+/* The shortage is logged when it begins. */
+void
+rest(const GError *error)
+{
+  if (!short_of_resources) {
+    syslog(LOG_WARNING, "sample frames wait for their conversion: %s", error->message);
+  }
+  short_of_resources = TRUE;
+  start_id = g_timeout_add(SAMPLE_FRAME_QUEUE_REST_MS, start, nullptr);
+}
+
+/* Any of those that run may get stuck. Once too many are, none runs, and those that wait can fail. */
+gboolean
+has_place()
+{
+  return running == 0 ||
+         (running < SAMPLE_FRAME_QUEUE_MAX_RUNNING && running + stuck < SAMPLE_FRAME_QUEUE_MAX_STUCK);
 }
 
 gboolean
 start(gpointer)
 {
   start_id = 0;
-  while (running < SAMPLE_FRAME_QUEUE_MAX_RUNNING && !g_queue_is_empty(&waiting)) {
+  while (has_place() && !g_queue_is_empty(&waiting)) {
+    g_autoptr(GError) error = nullptr;
     auto *conversion = static_cast<SampleFrameConversion *>(g_queue_peek_head(&waiting));
-    if (stuck < SAMPLE_FRAME_QUEUE_MAX_STUCK && !reserve_descriptors(conversion)) {
-      start_id = g_timeout_add(SAMPLE_FRAME_QUEUE_REST_MS, start, nullptr);
-      break;
-    }
-    g_queue_pop_head(&waiting);
-    if (stuck < SAMPLE_FRAME_QUEUE_MAX_STUCK) {
-      begin(conversion);
-    } else {
+    if (stuck == SAMPLE_FRAME_QUEUE_MAX_STUCK) {
+      g_queue_pop_head(&waiting);
       fail(conversion);
+    } else if (begin(conversion, &error)) {
+      g_queue_pop_head(&waiting);
+      short_of_resources = FALSE;
+    } else {
+      rest(error);
+      break;
     }
   }
   return G_SOURCE_REMOVE;
@@ -170,6 +201,8 @@ start(gpointer)
  * @user_data: for @func
  *
  * Converts a sample frame when its turn comes. Main thread.
+ *
+ * Warnings: "sample frames wait for their conversion: %s", when a shortage of descriptors or threads begins
  *
  * Returns: (transfer none): the conversion, which goes when @func has been called
  */

@@ -36,7 +36,7 @@ G_BEGIN_DECLS
 /**
  * SAMPLE_FRAME_QUEUE_REST_MS:
  *
- * How long conversions rest when no descriptors can be reserved for one.
+ * How long conversions rest when there are too few descriptors or threads for one.
  */
 #define SAMPLE_FRAME_QUEUE_REST_MS 250
 
