@@ -40,8 +40,11 @@
 namespace
 {
 
-constexpr gint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
-constexpr gint DEFAULT_TIMEOUT = -1;
+constexpr guint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
+constexpr guint STREAM_CALL_TIMEOUT_MS = 25000; /* GDBus' default */
+
+/* Of an object that is named like its producer. */
+constexpr gsize MAX_PATH_BYTES = sizeof(RECEIVER_PRODUCERS_PATH "/") - 1 + PRODUCER_PROPERTIES_MAX_NAME_BYTES;
 
 enum class State { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
@@ -482,7 +485,7 @@ on_stream_request(gpointer user_data)
       .method = "GetStreamFd",
       .parameters = g_variant_new("(i)", request->channel),
       .descriptors = 1,
-      .timeout_ms = DEFAULT_TIMEOUT,
+      .timeout_ms = STREAM_CALL_TIMEOUT_MS,
       .cancellable = request->cancellable,
   };
 
@@ -511,6 +514,8 @@ on_interfaces_added(const gchar *path, GVariant *interfaces)
 
   if (!g_str_has_prefix(path, RECEIVER_PRODUCERS_PATH "/")) {
     log_left_out(path, "it is not below " RECEIVER_PRODUCERS_PATH);
+  } else if (strlen(path) > MAX_PATH_BYTES) {
+    log_left_out(path, "its path is too long");
   } else if (properties != nullptr) {
     announce(path, properties);
   } else if (find(path) == nullptr) {

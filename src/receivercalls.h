@@ -8,10 +8,18 @@ G_BEGIN_DECLS
 /**
  * RECEIVER_CALLS_MAX_UNDER_WAY:
  *
- * How many calls wait for the receiver's reply at a time; the others wait for their turn. The bus allows a
- * connection 128.
+ * How many calls wait for the receiver's reply at a time; the others wait for their turn.
  */
 #define RECEIVER_CALLS_MAX_UNDER_WAY 32
+
+/**
+ * RECEIVER_CALLS_MAX_UNANSWERED:
+ *
+ * How many calls the receiver may leave without a reply, with those that nobody waits for any more; as long
+ * as there are so many, no further one is made. The bus allows a connection 128, and the daemon has others to
+ * call.
+ */
+#define RECEIVER_CALLS_MAX_UNANSWERED 96
 
 /**
  * RECEIVER_CALLS_REST_MS:
@@ -34,7 +42,7 @@ G_BEGIN_DECLS
  * @method: a method of its producer interface
  * @parameters: (transfer floating) (nullable): a tuple
  * @descriptors: how many descriptors the reply is to bring; they are reserved before the call is made
- * @timeout_ms: how long to wait for the reply once the call is made, or -1 for GDBus' default
+ * @timeout_ms: how long to wait for the reply once the call is made
  * @cancellable: (transfer none) (nullable): ends the call
  *
  * A call of one of the receiver's objects.
@@ -45,7 +53,7 @@ typedef struct ReceiverCall {
   const gchar *method;
   GVariant *parameters;
   guint descriptors;
-  gint timeout_ms;
+  guint timeout_ms;
   GCancellable *cancellable;
 } ReceiverCall;
 

@@ -546,13 +546,23 @@ TEST_F(DbusClientTest, ListsWhatIsAtTheBounds)
 TEST_F(DbusClientTest, ClipsALongPath)
 {
   const std::string element(2 * LOG_TEXT_MAX_BYTES, 'x');
-  Object odd = testreceiver::producer("Odd");
-  odd.interfaces = testreceiver::with_properties("@a{sv} {}");
   start();
 
-  receiver_->add(element, odd);
+  receiver_->add(element);
   const std::string clipped = (ROOT + element).substr(0, LOG_TEXT_MAX_BYTES);
-  expect_lines({warning("left out producer object " + clipped + "...: " + NO_NAME)});
+  expect_lines({warning("left out producer object " + clipped + "...: its path is too long")});
+  expect_listed_after_another({});
+}
+
+TEST_F(DbusClientTest, BoundsThePath)
+{
+  const std::string longest(PRODUCER_PROPERTIES_MAX_NAME_BYTES, 'x');
+  receiver_->add(longest);
+  receiver_->add(longest + "x", testreceiver::producer("Odd"));
+  start();
+
+  expect_lines({left_out(longest + "x", "its path is too long")});
+  expect_listed({longest});
 }
 
 TEST_F(DbusClientTest, BoundsHowManyAreTakenUp)

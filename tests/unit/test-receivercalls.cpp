@@ -1,0 +1,382 @@
+#include "receivercalls.h"
+
+#include "descriptorreserve.h"
+#include "systembus.h"
+#include "testbus.h"
+#include "testhost.h"
+#include "testreceiver.h"
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <string>
+#include <syslog.h>
+#include <utility>
+#include <vector>
+
+using testbus::Bus;
+using testhost::spin_until;
+using testhost::SyslogLines;
+using testhost::Texts;
+using testreceiver::Object;
+using testreceiver::Receiver;
+
+namespace
+{
+
+constexpr const char *ROOT = "/com/quon/MetadataReceiver1/Producers/";
+constexpr guint LONG_MS = 60000;
+
+/* Somebody who makes a call. */
+struct Caller {
+  GCancellable *cancellable = g_cancellable_new();
+  unsigned ends = 0;
+  unsigned frees = 0;
+  std::string end; /* the reply's body, or the error's text */
+
+  Caller() = default;
+  Caller(const Caller &) = delete;
+  Caller &operator=(const Caller &) = delete;
+
+  ~Caller()
+  {
+    g_object_unref(cancellable);
+  }
+
+  static void on_end(GVariant *reply, GUnixFDList *, const GError *error, gpointer user_data)
+  {
+    auto *self = static_cast<Caller *>(user_data);
+    g_autofree gchar *body = reply != nullptr ? g_variant_print(reply, FALSE) : nullptr;
+
+    EXPECT_EQ(self->frees, 0);
+    EXPECT_NE(reply == nullptr, error == nullptr);
+    self->ends++;
+    self->end = body != nullptr ? body : error->message;
+  }
+
+  static void on_free(gpointer user_data)
+  {
+    static_cast<Caller *>(user_data)->frees++;
+  }
+};
+
+struct Terms {
+  guint timeout_ms = LONG_MS;
+  guint descriptors = 0;
+  const char *method = "GetStreamFd";
+};
+
+class ReceiverCallsTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testbus::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    bus_.emplace();
+    receiver_.emplace();
+    connection_ = system_bus_get(nullptr, nullptr);
+  }
+
+  /* Without the bus all calls have ended. */
+  void TearDown() override
+  {
+    const testhost::Observed connection(connection_);
+
+    g_clear_object(&connection_);
+    receiver_.reset();
+    bus_.reset();
+    EXPECT_TRUE(spin_until([&connection] { return !connection.alive(); }));
+    Fixture::TearDown();
+  }
+
+  void add(const std::string &name, testbus::Answer stream_fd)
+  {
+    Object object = testreceiver::producer(name);
+
+    object.stream_fd = std::move(stream_fd);
+    receiver_->add(name, object);
+  }
+
+  void call(Caller *caller, const std::string &name, GVariant *parameters = nullptr,
+            const Terms &terms = {}) const
+  {
+    const std::string path = ROOT + name;
+    const ReceiverCall call = {connection_,       path.c_str(),     terms.method,       parameters,
+                               terms.descriptors, terms.timeout_ms, caller->cancellable};
+
+    receiver_call(&call, Caller::on_end, caller, Caller::on_free);
+  }
+
+  GDBusConnection *connection_ = nullptr;
+  std::optional<Bus> bus_;
+  std::optional<Receiver> receiver_;
+};
+
+testbus::Answer
+refuse_as_beyond_limits()
+{
+  return [](GDBusMessage *call) {
+    return g_dbus_message_new_method_error_literal(call, "org.freedesktop.DBus.Error.LimitsExceeded",
+                                                   "No more.");
+  };
+}
+
+} // namespace
+
+TEST_F(ReceiverCallsTest, PassesOnAReply)
+{
+  Caller caller;
+  add("Faces", testbus::reply("('text', 1)"));
+
+  call(&caller, "Faces", g_variant_new("(i)", 3));
+  EXPECT_EQ(caller.ends, 0);
+  ASSERT_TRUE(spin_until([&caller] { return caller.frees > 0; }));
+  EXPECT_EQ(caller.end, "('text', 1)");
+  EXPECT_EQ(receiver_->take_calls(), Texts({"Faces GetStreamFd (3,)"}));
+  testhost::dispatch_ready();
+  EXPECT_EQ(caller.ends, 1);
+  EXPECT_EQ(caller.frees, 1);
+}
+
+TEST_F(ReceiverCallsTest, PassesOnAFailure)
+{
+  Caller caller;
+  add("Faces", testbus::refuse());
+
+  call(&caller, "Faces");
+  ASSERT_TRUE(spin_until([&caller] { return caller.frees > 0; }));
+  EXPECT_EQ(caller.end, "GDBus.Error:com.quon.Test.Error: No.");
+}
+
+TEST_F(ReceiverCallsTest, NeedsNoCancellableAndNothingToRelease)
+{
+  Caller caller;
+  const std::string path = ROOT + std::string("Faces");
+  const ReceiverCall nobodys = {connection_, path.c_str(), "GetStreamFd", nullptr, 0, LONG_MS, nullptr};
+  add("Faces", testbus::reply("()"));
+
+  receiver_call(&nobodys, Caller::on_end, &caller, nullptr);
+  ASSERT_TRUE(spin_until([&caller] { return caller.ends > 0; }));
+  EXPECT_EQ(caller.end, "()");
+}
+
+TEST_F(ReceiverCallsTest, MakesAFewAtATimeInTheirOrder)
+{
+  constexpr gint COUNT = 2 * RECEIVER_CALLS_MAX_UNDER_WAY;
+  std::vector<Caller> callers(COUNT);
+  Texts calls;
+  add("Faces", receiver_->hold());
+  for (gint i = 0; i < COUNT; i++) {
+    call(&callers[i], "Faces", g_variant_new("(i)", i));
+    calls.push_back("Faces GetStreamFd (" + std::to_string(i) + ",)");
+  }
+
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  testhost::dispatch_ready();
+  EXPECT_EQ(receiver_->held(), RECEIVER_CALLS_MAX_UNDER_WAY);
+  receiver_->release_held(testbus::reply("()"));
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  receiver_->release_held(testbus::reply("()"));
+  ASSERT_TRUE(spin_until([&callers] { return callers.back().frees == 1; }));
+  EXPECT_EQ(receiver_->take_calls(), calls);
+}
+
+TEST_F(ReceiverCallsTest, GivesUpWhatIsNotAnsweredInTime)
+{
+  constexpr guint SHORT_MS = 10;
+  Caller slow;
+  add("Faces", receiver_->hold());
+  call(&slow, "Faces", nullptr, {.timeout_ms = SHORT_MS});
+
+  ASSERT_TRUE(spin_until([&slow] { return slow.frees > 0; }));
+  EXPECT_EQ(slow.end, "Timeout was reached");
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  receiver_->release_held(testbus::reply("()"));
+  Caller next;
+  add("Plates", testbus::reply("('next',)"));
+  call(&next, "Plates");
+  ASSERT_TRUE(spin_until([&next] { return next.frees > 0; }));
+  EXPECT_EQ(slow.ends, 1);
+  EXPECT_EQ(slow.frees, 1);
+}
+
+TEST_F(ReceiverCallsTest, EndsWithoutAWordWhenItIsCancelled)
+{
+  std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNDER_WAY + 2);
+  add("Faces", receiver_->hold());
+  for (Caller &caller : callers) {
+    call(&caller, "Faces");
+  }
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+
+  for (Caller &caller : callers) {
+    g_cancellable_cancel(caller.cancellable);
+  }
+  testhost::dispatch_ready();
+  for (const Caller &caller : callers) {
+    EXPECT_EQ(caller.frees, 1);
+  }
+  receiver_->release_held(testbus::reply("()"));
+  Caller next;
+  add("Plates", testbus::reply("()"));
+  call(&next, "Plates");
+  ASSERT_TRUE(spin_until([&next] { return next.frees > 0; }));
+  for (const Caller &caller : callers) {
+    EXPECT_EQ(caller.ends, 0);
+    EXPECT_EQ(caller.frees, 1);
+  }
+  EXPECT_EQ(receiver_->calls_size(), RECEIVER_CALLS_MAX_UNDER_WAY + 1);
+}
+
+/* For the bus a call that was given up is still open. */
+TEST_F(ReceiverCallsTest, StopsCallingAReceiverThatNeverAnswers)
+{
+  constexpr gsize WAVES = RECEIVER_CALLS_MAX_UNANSWERED / RECEIVER_CALLS_MAX_UNDER_WAY;
+  add("Faces", receiver_->hold());
+  for (gsize wave = 1; wave <= WAVES; wave++) {
+    std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNDER_WAY);
+    for (Caller &caller : callers) {
+      call(&caller, "Faces");
+    }
+    ASSERT_TRUE(spin_until([&] { return receiver_->held() == wave * RECEIVER_CALLS_MAX_UNDER_WAY; }));
+    for (Caller &caller : callers) {
+      g_cancellable_cancel(caller.cancellable);
+    }
+    ASSERT_TRUE(spin_until([&callers] {
+      return std::all_of(callers.begin(), callers.end(),
+                         [](const Caller &caller) { return caller.frees == 1; });
+    }));
+  }
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+
+  std::vector<Caller> others(3);
+  for (Caller &caller : others) {
+    call(&caller, "Faces");
+  }
+  testhost::dispatch_ready();
+  EXPECT_EQ(testhost::take_syslog(),
+            SyslogLines({{LOG_WARNING, "calls of the metadata receiver wait: it leaves 96 unanswered"}}));
+  g_cancellable_cancel(others.front().cancellable);
+  testhost::dispatch_ready();
+  EXPECT_EQ(others.front().frees, 1);
+  EXPECT_EQ(receiver_->held(), RECEIVER_CALLS_MAX_UNANSWERED);
+  add("Faces", testbus::reply("()"));
+  receiver_->release_held(testbus::reply("()"));
+  ASSERT_TRUE(spin_until([&others] { return others.back().frees == 1; }));
+  EXPECT_EQ(others.back().end, "()");
+}
+
+TEST_F(ReceiverCallsTest, CallsAReceiverThatComesBackWithoutAnAnswer)
+{
+  constexpr guint SHORT_MS = 10;
+  std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNANSWERED);
+  add("Faces", receiver_->hold());
+  for (Caller &caller : callers) {
+    call(&caller, "Faces", nullptr, {.timeout_ms = SHORT_MS});
+  }
+  ASSERT_TRUE(spin_until([&callers] {
+    return std::all_of(callers.begin(), callers.end(),
+                       [](const Caller &caller) { return caller.frees == 1; });
+  }));
+  Caller next;
+  call(&next, "Plates", nullptr, {});
+  EXPECT_EQ(testhost::take_syslog().size(), 1);
+  EXPECT_EQ(next.frees, 0);
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNANSWERED; }));
+
+  receiver_->leave();
+  add("Plates", testbus::reply("()"));
+  ASSERT_TRUE(spin_until([&next] { return next.frees == 1; }));
+  receiver_->come_back();
+  Caller last;
+  call(&last, "Plates");
+  ASSERT_TRUE(spin_until([&last] { return last.frees == 1; }));
+  EXPECT_EQ(last.end, "()");
+}
+
+/* It is called again behind the others. */
+TEST_F(ReceiverCallsTest, LetsNobodyWaitForAProducerThatAlwaysRefuses)
+{
+  std::vector<Caller> refused(2 * RECEIVER_CALLS_MAX_UNDER_WAY);
+  Caller other;
+  add("Faces", refuse_as_beyond_limits());
+  add("Plates", testbus::reply("()"));
+  for (Caller &caller : refused) {
+    call(&caller, "Faces");
+  }
+  call(&other, "Plates");
+
+  ASSERT_TRUE(spin_until([&other] { return other.frees == 1; }));
+  for (Caller &caller : refused) {
+    EXPECT_EQ(caller.ends, 0);
+    g_cancellable_cancel(caller.cancellable);
+  }
+  ASSERT_TRUE(spin_until([&refused] { return refused.back().frees == 1; }));
+  /* Comes when the queue rests no more. */
+  Caller last;
+  call(&last, "Plates");
+  ASSERT_TRUE(spin_until([&last] { return last.frees == 1; }));
+}
+
+TEST_F(ReceiverCallsTest, HoldsItsDescriptorsUntilTheReply)
+{
+  Caller first;
+  Caller second;
+  add("Faces", receiver_->hold());
+  call(&first, "Faces", nullptr, {.descriptors = 1});
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  const testhost::FreeDescriptors one(DESCRIPTOR_RESERVE_SIZE + 1);
+
+  g_cancellable_cancel(first.cancellable);
+  ASSERT_TRUE(spin_until([&first] { return first.frees == 1; }));
+  call(&second, "Faces", nullptr, {.descriptors = 1});
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      SyslogLines({{LOG_WARNING, "streams of external producers wait: too few free file descriptors"}}));
+  add("Faces", testbus::reply("()"));
+  receiver_->release_held(testbus::reply("()"));
+  ASSERT_TRUE(spin_until([&second] { return second.frees == 1; }));
+  EXPECT_EQ(second.end, "()");
+}
+
+TEST_F(ReceiverCallsTest, CanBeMadeFromInsideAnEnd)
+{
+  Caller next;
+  std::function<void()> on_end = [&] { call(&next, "Faces"); };
+  const std::string path = ROOT + std::string("Faces");
+  const ReceiverCall first = {connection_, path.c_str(), "GetStreamFd", nullptr, 0, LONG_MS, nullptr};
+  add("Faces", testbus::reply("()"));
+
+  receiver_call(
+      &first,
+      [](GVariant *, GUnixFDList *, const GError *, gpointer user_data) {
+        (*static_cast<std::function<void()> *>(user_data))();
+      },
+      &on_end, nullptr);
+  ASSERT_TRUE(spin_until([&next] { return next.frees == 1; }));
+  EXPECT_EQ(next.end, "()");
+}
+
+TEST_F(ReceiverCallsTest, FailsWithItsConnection)
+{
+  std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNDER_WAY + 1);
+  add("Faces", receiver_->hold());
+  for (Caller &caller : callers) {
+    call(&caller, "Faces");
+  }
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+
+  bus_.reset();
+  ASSERT_TRUE(spin_until([&callers] {
+    return std::all_of(callers.begin(), callers.end(),
+                       [](const Caller &caller) { return caller.frees == 1; });
+  }));
+  for (const Caller &caller : callers) {
+    EXPECT_EQ(caller.ends, 1);
+  }
+}

@@ -1,0 +1,369 @@
+#include "receiverwatch.h"
+
+#include "systembus.h"
+#include "testbus.h"
+#include "testhost.h"
+#include "testreceiver.h"
+
+#include <gio/gio.h>
+#include <optional>
+#include <string>
+#include <syslog.h>
+#include <vector>
+
+using testbus::Bus;
+using testhost::spin_until;
+using testhost::SyslogLine;
+using testhost::SyslogLines;
+using testhost::Texts;
+using testreceiver::Receiver;
+
+namespace
+{
+
+constexpr const char *ROOT = "/com/quon/MetadataReceiver1/Producers";
+constexpr const char *PRODUCER = "com.quon.MetadataReceiver1.Producer";
+constexpr const char *MANAGER = "org.freedesktop.DBus.ObjectManager";
+constexpr const char *PROPERTIES = "org.freedesktop.DBus.Properties";
+
+const SyslogLine REFUSED = {LOG_WARNING, "Failed to connect to metadata-receiver over DBus: "
+                                         "GDBus.Error:com.quon.Test.Error: No."};
+
+Texts heard;
+std::vector<guint> waits_s; /* between questions */
+bool is_impatient;          /* whether those are left out */
+
+std::string
+name_of(const gchar *path)
+{
+  const std::string text = path;
+
+  return text.substr(text.rfind('/') + 1);
+}
+
+std::string
+join(const gchar *const *names)
+{
+  g_autofree gchar *text = g_strjoinv(" ", const_cast<gchar **>(names));
+
+  return text;
+}
+
+void
+on_added(const gchar *path, GVariant *interfaces)
+{
+  heard.push_back("+" + name_of(path) + " " + std::to_string(g_variant_n_children(interfaces)));
+}
+
+void
+on_removed(const gchar *path, const gchar *const *interfaces)
+{
+  heard.push_back("-" + name_of(path) + " " + join(interfaces));
+}
+
+void
+on_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
+{
+  g_autofree gchar *text = g_variant_print(changed, FALSE);
+
+  heard.push_back("*" + name_of(path) + " " + text + " " + join(invalidated));
+}
+
+void
+on_vanished()
+{
+  heard.emplace_back("vanished");
+}
+
+constexpr ReceiverWatchFuncs FUNCS = {on_added, on_removed, on_changed, on_vanished};
+
+class ReceiverWatchTest : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite()
+  {
+    testbus::install();
+  }
+
+  void SetUp() override
+  {
+    Fixture::SetUp();
+    bus_.emplace();
+    receiver_.emplace();
+    connection_ = system_bus_get(nullptr, nullptr);
+  }
+
+  void TearDown() override
+  {
+    const testhost::Observed connection(connection_);
+
+    receiver_watch_stop();
+    heard.clear();
+    waits_s.clear();
+    is_impatient = false;
+    g_clear_object(&connection_);
+    receiver_.reset();
+    bus_.reset();
+    EXPECT_TRUE(spin_until([&connection] { return !connection.alive(); }));
+    Fixture::TearDown();
+  }
+
+  void start() const
+  {
+    receiver_watch_start(connection_, &FUNCS);
+  }
+
+  /* Everything until now, and no more. */
+  void expect_heard(Texts texts)
+  {
+    receiver_->emit(ROOT, MANAGER, "InterfacesAdded", "(objectpath '/last', @a{sa{sv}} {})");
+    texts.emplace_back("+last 0");
+    EXPECT_TRUE(spin_until([&texts] { return heard.size() >= texts.size() && heard.back() == "+last 0"; }));
+    EXPECT_EQ(heard, texts);
+    heard.clear();
+  }
+
+  /* Starts, and waits until the receiver has said all. */
+  void start_and_listen()
+  {
+    receiver_->add("First");
+    start();
+    ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+    EXPECT_EQ(heard, Texts({"+First 1"}));
+    heard.clear();
+  }
+
+  GDBusConnection *connection_ = nullptr;
+  std::optional<Bus> bus_;
+  std::optional<Receiver> receiver_;
+};
+
+} // namespace
+
+/* The names are the linker's, and so is the wish that they be visible. */
+#pragma GCC visibility push(default)
+extern "C" {
+
+guint __real_g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer user_data);
+guint __wrap_g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer user_data);
+
+guint
+__wrap_g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer user_data)
+{
+  waits_s.push_back(interval);
+  return is_impatient ? g_timeout_add(1, function, user_data)
+                      : __real_g_timeout_add_seconds(interval, function, user_data);
+}
+}
+#pragma GCC visibility pop
+
+TEST_F(ReceiverWatchTest, TellsWhatThereIsAndWhatChanges)
+{
+  start_and_listen();
+
+  receiver_->add("Second");
+  receiver_->emit(std::string(ROOT) + "/Second", PROPERTIES, "PropertiesChanged",
+                  "('com.quon.MetadataReceiver1.Producer', {'Name': <'Other'>}, ['NiceName', 'x'])");
+  receiver_->remove("Second");
+  receiver_->remove_interface("First", "");
+  expect_heard(
+      {"+Second 1", "*Second {'Name': <'Other'>} NiceName x", std::string("-Second ") + PRODUCER, "-First "});
+}
+
+TEST_F(ReceiverWatchTest, IgnoresWhatIsNotAProducers)
+{
+  start_and_listen();
+
+  receiver_->emit(std::string(ROOT) + "/First", PROPERTIES, "PropertiesChanged",
+                  "('com.quon.Other1', {'Name': <'Other'>}, @as [])");
+  receiver_->emit(std::string(ROOT) + "/First", MANAGER, "InterfacesAdded",
+                  "(objectpath '/x', @a{sa{sv}} {})");
+  receiver_->emit(ROOT, "com.quon.Other1", "InterfacesAdded", "(objectpath '/x', @a{sa{sv}} {})");
+  receiver_->emit(ROOT, MANAGER, "Other", "(1,)");
+  expect_heard({});
+}
+
+/* Whether they are sent to all or to the daemon alone. */
+TEST_F(ReceiverWatchTest, IgnoresStrangers)
+{
+  const char *daemon = g_dbus_connection_get_unique_name(connection_);
+  testbus::Service stranger("com.quon.Stranger1", testbus::refuse());
+  start_and_listen();
+
+  for (const char *destination : {static_cast<const char *>(nullptr), daemon}) {
+    for (const char *body : {"(objectpath '/x', @a{sa{sv}} {})", "(1,)"}) {
+      for (const char *signal : {"InterfacesAdded", "InterfacesRemoved"}) {
+        g_autoptr(GDBusMessage) message = g_dbus_message_new_signal(ROOT, MANAGER, signal);
+        g_dbus_message_set_destination(message, destination);
+        g_dbus_message_set_body(message, g_variant_new_parsed(body));
+        stranger.send(message);
+      }
+      g_autoptr(GDBusMessage) message = g_dbus_message_new_signal(ROOT, PROPERTIES, "PropertiesChanged");
+      g_dbus_message_set_destination(message, destination);
+      g_dbus_message_set_body(message, g_variant_new_parsed(body));
+      stranger.send(message);
+    }
+  }
+  /* Theirs have arrived before the answer to a call. */
+  g_autoptr(GVariant) reply =
+      g_dbus_connection_call_sync(connection_, "com.quon.Stranger1", "/", "com.quon.Other1", "Anything",
+                                  nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  expect_heard({});
+}
+
+/* Names that the bus gives away are not to be had from anybody else. */
+TEST_F(ReceiverWatchTest, IgnoresWhatOthersSayOfTheName)
+{
+  testbus::Service stranger("com.quon.Stranger1", testbus::refuse());
+  start_and_listen();
+
+  g_autoptr(GDBusMessage) message =
+      g_dbus_message_new_signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged");
+  g_dbus_message_set_destination(message, g_dbus_connection_get_unique_name(connection_));
+  g_dbus_message_set_body(message, g_variant_new("(sss)", RECEIVER_NAME, ":1.1", ""));
+  stranger.send(message);
+  g_autoptr(GVariant) reply =
+      g_dbus_connection_call_sync(connection_, "com.quon.Stranger1", "/", "com.quon.Other1", "Anything",
+                                  nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  expect_heard({});
+}
+
+TEST_F(ReceiverWatchTest, FollowsTheName)
+{
+  start_and_listen();
+
+  receiver_->leave();
+  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([] { return heard.size() >= 2; }));
+  EXPECT_EQ(heard, Texts({"vanished", "+First 1"}));
+}
+
+TEST_F(ReceiverWatchTest, IsSilentAboutAReceiverThatIsNotThere)
+{
+  receiver_->leave();
+  start();
+
+  receiver_->add("First");
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  EXPECT_EQ(heard, Texts({"+First 1"}));
+}
+
+TEST_F(ReceiverWatchTest, CallsNothingOnceItHasStopped)
+{
+  start_and_listen();
+
+  receiver_->add("Second");
+  receiver_->leave();
+  receiver_watch_stop();
+  testbus::Peer peer;
+  EXPECT_TRUE(spin_until([&peer] { return !peer.has_owner(RECEIVER_NAME); }));
+  testhost::dispatch_ready();
+  EXPECT_EQ(heard, Texts());
+  receiver_watch_stop();
+}
+
+TEST_F(ReceiverWatchTest, CanStopAtAnyMoment)
+{
+  receiver_->set_managed_objects(receiver_->hold());
+  start();
+  receiver_watch_stop();
+  start();
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  receiver_watch_stop();
+  receiver_->set_managed_objects(testbus::refuse());
+  start();
+  EXPECT_TRUE(spin_until([] { return testhost::syslog_size() == 1; }));
+  receiver_watch_stop();
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines({REFUSED}));
+  receiver_->release_held(testbus::reply("(@a{oa{sa{sv}}} {'/x': {}},)"));
+  receiver_->set_managed_objects({});
+  start_and_listen();
+}
+
+TEST_F(ReceiverWatchTest, StartsOnce)
+{
+  start();
+  start();
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"watch.connection == nullptr"}));
+}
+
+/* The waits double up to a bound, and begin anew with an answer and with another receiver. */
+TEST_F(ReceiverWatchTest, AsksLessAndLessOften)
+{
+  const std::vector<guint> waits = {1, 2, 4, 8, 16, 32, 60, 60};
+  ASSERT_EQ(waits.front(), RECEIVER_WATCH_FIRST_RETRY_S);
+  ASSERT_EQ(waits.back(), RECEIVER_WATCH_LAST_RETRY_S);
+  is_impatient = true;
+  receiver_->set_managed_objects(testbus::refuse());
+  start();
+  ASSERT_TRUE(spin_until([&waits] { return waits_s.size() >= waits.size(); }));
+  EXPECT_EQ(std::vector<guint>(waits_s.begin(), waits_s.begin() + 8), waits);
+
+  receiver_->set_managed_objects({});
+  receiver_->add("First");
+  ASSERT_TRUE(spin_until([] { return heard.size() == 2; }));
+  waits_s.clear();
+  receiver_->set_managed_objects(testbus::refuse());
+  receiver_watch_ask_again();
+  ASSERT_TRUE(spin_until([] { return waits_s.size() >= 4; }));
+  EXPECT_EQ(std::vector<guint>(waits_s.begin(), waits_s.begin() + 4), std::vector<guint>({1, 1, 2, 4}));
+
+  receiver_->leave();
+  ASSERT_TRUE(spin_until([] { return heard.back() == "vanished"; }));
+  waits_s.clear();
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([] { return waits_s.size() >= 2; }));
+  EXPECT_EQ(std::vector<guint>(waits_s.begin(), waits_s.begin() + 2), std::vector<guint>({1, 2}));
+  receiver_watch_stop();
+  const SyslogLines lines = testhost::take_syslog();
+  EXPECT_EQ(lines, SyslogLines(lines.size(), REFUSED));
+}
+
+TEST_F(ReceiverWatchTest, AsksAgainOnceForSeveralReasons)
+{
+  is_impatient = true;
+  start_and_listen();
+
+  receiver_watch_ask_again();
+  receiver_watch_ask_again();
+  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  expect_heard({"+First 1"});
+  EXPECT_EQ(waits_s, std::vector<guint>({RECEIVER_WATCH_FIRST_RETRY_S}));
+}
+
+TEST_F(ReceiverWatchTest, AsksNobodyAgain)
+{
+  receiver_watch_ask_again();
+  receiver_->leave();
+  start();
+  receiver_watch_ask_again();
+  testhost::dispatch_ready();
+  receiver_watch_ask_again();
+  EXPECT_EQ(waits_s, std::vector<guint>());
+}
+
+TEST_F(ReceiverWatchTest, ForgetsToAskAReceiverThatLeaves)
+{
+  start_and_listen();
+  receiver_watch_ask_again();
+
+  receiver_->leave();
+  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  receiver_->come_back();
+  ASSERT_TRUE(spin_until([] { return heard.size() == 2; }));
+  expect_heard({"vanished", "+First 1"});
+}
+
+TEST_F(ReceiverWatchTest, TellsOfObjectsInAnAnswerWhateverTheirNumber)
+{
+  constexpr unsigned COUNT = 5000;
+  receiver_->leave();
+  for (unsigned i = 0; i < COUNT; i++) {
+    receiver_->add("P" + std::to_string(i));
+  }
+  receiver_->come_back();
+  start();
+  EXPECT_TRUE(spin_until([] { return heard.size() == COUNT; }));
+}
