@@ -26,7 +26,7 @@ from daemon import Daemon  # noqa: E402
 from external import BOTH_ENABLED, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
-from overdue import OverdueCalls, OverdueRequests, OverdueStart  # noqa: E402
+from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from tool import Tool  # noqa: E402
@@ -77,6 +77,14 @@ def overdue_start(installation):
     start = OverdueStart(installation)
     yield start
     start.close()
+
+
+@pytest.fixture(scope="session")
+def overdue_receiver(installation, workspace):
+    """A receiver that is silent for long. The test that needs it first begins it; another waits for its end."""
+    receiver = OverdueReceiver(installation, workspace)
+    yield receiver
+    receiver.close()
 
 
 @pytest.fixture

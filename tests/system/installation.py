@@ -110,8 +110,8 @@ class Installation:
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
-        self.failing_plugins = {EVENT_PLUGIN: self._only(stage,
-                                                         f"usr/lib/**/tessard/tests/plugins/libgst{EVENT_PLUGIN}.so")}
+        self.failing_plugins = {name: self._only(stage, f"usr/lib/**/tessard/tests/plugins/libgst{name}.so")
+                                for name in (EVENT_PLUGIN, JSON_PLUGIN)}
         self.plugin_environments = {}
 
     @staticmethod

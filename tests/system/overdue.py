@@ -1,5 +1,6 @@
 """What never comes to an end by itself, and how it is ended: the daemon's requests that are never finished, its start
-whose question to the PTZ coordinator is never answered, and tessardctl's calls to a daemon that never replies."""
+whose question to the PTZ coordinator is never answered, a metadata receiver that is silent for long, and tessardctl's
+calls to a daemon that never replies."""
 
 import json
 import select
@@ -9,11 +10,13 @@ import time
 
 from client import Client, ConnectionEnded
 from daemon import Daemon, no_move_capabilities, start_lines
+from external import DETECTOR, EXTERNAL_PLUGINS, wait_until_listed
+from fakereceiver import FakeReceiver
 from fakeservice import FakeService, properties
 from installation import PTZ_PLUGINS, Bus, documented_limit, testing_user
 from simcamera import PTZ, SimulatedCamera
 from tessardctl import Tessardctl
-from tool import path_of
+from tool import Tool, path_of
 from waiting import wait_until
 
 TIMEOUT_SECONDS = documented_limit("server.h", "SERVER_REQUEST_TIMEOUT_MS") / 1000
@@ -105,6 +108,47 @@ class OverdueStart:
             self.daemon.log.take()
         self.daemon.finish()
         self.camera.finish()
+        self.bus.stop()
+
+
+class OverdueReceiver:
+    """A metadata receiver that answers nothing for longer than the daemon waits, and a daemon that asks it."""
+
+    SILENT_SECONDS = 28
+
+    def __init__(self, installation, workspace):
+        self.bus = Bus(workspace)
+        self.tool = Tool(self.bus)
+        self.receiver = FakeReceiver(self.bus)
+        self.receiver.add(DETECTOR)
+        self.kept = []
+        self.receiver.on_objects = self.kept.append
+        self.receiver.start()
+        self.began = time.monotonic()
+        self.daemon = Daemon(installation, self.bus, plugins=EXTERNAL_PLUGINS)
+        wait_until(lambda: self.kept, "the receiver has been asked")
+        self.timer = threading.Timer(self.SILENT_SECONDS, self._answer)
+        self.timer.start()
+        self.daemon.wait_until_ready()
+
+    def _answer(self):
+        self.receiver.on_objects = self.receiver.tell_objects
+        for call in self.kept:
+            self.receiver.tell_objects(call)
+
+    def is_silent(self):
+        return self.tool.objects() == set()
+
+    def wait_until_listed(self):
+        self.timer.join()
+        wait_until_listed(self.tool, DETECTOR)
+
+    def close(self):
+        self.timer.cancel()
+        self.tool.close()
+        self.receiver.close()
+        self.daemon.log.take()
+        self.daemon.finish()
         self.bus.stop()
 
 

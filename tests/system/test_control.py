@@ -6,8 +6,9 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import BusClient, error_text
-from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINES, NOTHING_ASKED, RADAR_TRACKER,
+from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINE, NOTHING_ASKED, RADAR_TRACKER,
                     VIDEO_TRACKER, WARNING, producers_enabled, stored_names)
+from fakereceiver import FakeReceiver
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
 from simcamera import CAPTURE
 from tool import NAME, Tool, path_of
@@ -187,10 +188,12 @@ def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
 
 def test_without_a_bus_clients_are_served(start_daemon, workspace):
     daemon = start_daemon(environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"},
-                          bus_lines=NO_BUS_LINES)
+                          bus_lines=[NAME_LOST_LINE], repeated_lines=[NO_BUS_LINE])
 
     with daemon.client() as client:
         client.start().next_document()
+        # The daemon looks for it again and again.
+        assert set(daemon.log.take(2)) == {NO_BUS_LINE}
 
 
 def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
@@ -235,7 +238,13 @@ def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera)
 
 
 def test_descriptors_are_released_with_the_bus(own_bus, start):
+    receiver = FakeReceiver(own_bus)
+    asked = []
+    receiver.on_objects = asked.append
+    receiver.start()
     daemon = start(on=own_bus)
+    wait_until(lambda: asked, "all of the daemon has the connection")
+    receiver.close()
 
     own_bus.stop()
     assert daemon.log.take(1) == [NAME_LOST_LINE]

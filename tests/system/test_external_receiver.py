@@ -15,17 +15,21 @@ from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DE
                       expect_alive, expect_told, left_out, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
+from overdue import PATIENCE_SECONDS
 from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import RECEIVER
 from tool import Tool
 from waiting import BOUND_SECONDS, wait_until
 
 MAX_PRODUCERS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_PRODUCERS")
-MAX_NAME_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_NAME_BYTES")
-MAX_NICE_NAME_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_NICE_NAME_BYTES")
-MAX_CHANNELS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_CHANNELS")
+MAX_NAME_BYTES = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_NAME_BYTES")
+MAX_NICE_NAME_BYTES = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES")
+MAX_CHANNELS = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_CHANNELS")
 MAX_SAMPLE_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES")
-MAX_LOGGED_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_LOGGED_BYTES")
+MAX_LOGGED_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
+
+# How many are announced beyond those that are listed, and how many of these go.
+TOO_MANY, GOING = 24, 90
 
 # How long a conversion may take, and an answer with the sample frame.
 CONVERSION_SECONDS = documented_limit("sampleframe.h", "SAMPLE_FRAME_TIMEOUT_MS") / 1000
@@ -35,9 +39,6 @@ ANSWER_SECONDS = 10
 PROMPT_SECONDS = 2
 
 NOT_FETCHED = (WARNING, "failed to fetch sample frame")
-
-# How what has the wrong type looks to GLib.
-WRONG_REPLY = "GDBus.Error:org.freedesktop.DBus.Error.InvalidSignature: The reply has the wrong type"
 
 NO_NAME = "it has no property Name of type s"
 NO_NICE_NAME = "it has no property NiceName of type s"
@@ -78,6 +79,16 @@ def expect_answers_while(daemon, condition):
 def daemon(start_listing_daemon):
     """One that knows no external producer yet."""
     return start_listing_daemon()
+
+
+# First of all, for it takes long
+
+
+def test_silent_receiver_delays_nobody(overdue_receiver):
+    with overdue_receiver.daemon.client() as client:
+        assert client.ask(ANALYTICS) == NOTHING_ASKED
+    assert time.monotonic() - overdue_receiver.began < PATIENCE_SECONDS, "the receiver is asked for the first time"
+    assert overdue_receiver.is_silent()
 
 
 # What is listed
@@ -275,6 +286,51 @@ def test_object_without_the_interface_costs_itself_alone(receiver, daemon, tool)
     wait_until_listed(tool, DETECTOR, COUNTER)
 
 
+def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_again(receiver, daemon, tool):
+    detector = Producer(DETECTOR)
+    detector.interfaces = {PRODUCER: detector.properties, "com.quon.MetadataReceiver1.Consumer": {}}
+    receiver.announce(detector)
+    wait_until_listed(tool, DETECTOR)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        running = detector.wait_for_stream()
+
+        receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (detector.path, [PRODUCER])))
+        wait_until_listed(tool)
+        running.send(numbered(1))
+        expect_told(stream, (GATE, 1))
+
+    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                  GLib.Variant("(oa{sa{sv}})", (detector.path, {PRODUCER: detector.properties})))
+    wait_until_listed(tool, DETECTOR)
+    assert daemon.log.take() == []
+
+
+def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, daemon, tool):
+    listed = [Producer(f"listed{number}") for number in range(MAX_PRODUCERS)]
+    for producer in listed:
+        producer.interfaces = {PRODUCER: producer.properties, "com.quon.MetadataReceiver1.Consumer": {}}
+        receiver.announce(producer)
+    last = receiver.add("last")
+    assert daemon.log.take(1) == [left_out(last, "there are too many")]
+
+    first = listed.pop(0)
+    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (first.path, [PRODUCER])))
+    wait_until_listed(tool, "last", *(producer.name for producer in listed))
+
+
+def test_producers_that_were_too_many_are_listed_when_others_go(receiver, daemon, tool):
+    producers = [receiver.add(f"producer{number}") for number in range(MAX_PRODUCERS + TOO_MANY)]
+    assert daemon.log.take(TOO_MANY) == [left_out(producer, "there are too many")
+                                         for producer in producers[MAX_PRODUCERS:]]
+    wait_until_listed(tool, *(producer.name for producer in producers[:MAX_PRODUCERS]))
+
+    for producer in producers[:GOING]:
+        receiver.remove(producer)
+    wait_until_listed(tool, *(producer.name for producer in producers[GOING:]))
+    assert daemon.log.take() == []
+
+
 def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, tool):
     receiver.add(DETECTOR, channels=(2147483647, 2147483648, 1, 4294967295))
     wait_until_listed(tool, DETECTOR)
@@ -409,27 +465,46 @@ def not_connected(reason):
     return (WARNING, f"Failed to connect to metadata-receiver over DBus: {reason}")
 
 
+def expect_asked_again(receiver, launch, tool, failure):
+    """Expects that a daemon takes what the receiver announces meanwhile, and all of it once the receiver tells."""
+    receiver.add(DETECTOR)
+    daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED, repeated_lines=[not_connected(failure)])
+    daemon.log.wait_for(len(daemon.start_lines) + len(BUS_LINES) + 1)
+    daemon.wait_until_ready()
+    receiver.add(COUNTER)
+    wait_until_listed(tool, COUNTER)
+
+    receiver.on_objects = receiver.tell_objects
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+
 @pytest.mark.parametrize("body", [None, GLib.Variant("(s)", ("x",)), GLib.Variant("(a{oa{ss}})", ({"/a": {"x": "y"}},)),
                                   GLib.Variant("(a{sa{sa{sv}}})", ({},)), GLib.Variant("(a{oa{sa{sv}}}i)", ({}, 1))])
-def test_wrong_answer_of_the_receiver_leaves_a_daemon_without_producers(receiver, launch, body):
+def test_receiver_that_answers_wrongly_is_asked_again(receiver, launch, tool, body):
     receiver.on_objects = lambda call: call.reply(body)
-    daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
-    daemon.bus_lines = [not_connected(WRONG_REPLY), *BUS_LINES]
-    daemon.wait_until_ready()
-
-    receiver.add(DETECTOR)
-    with daemon.client() as client:
-        assert client.ask(ANALYTICS) == NOTHING_ASKED
+    returned = body.get_type_string() if body else "()"
+    expect_asked_again(receiver, launch, tool,
+                       f"Method \u201c{OBJECT_MANAGER}.GetManagedObjects\u201d returned type \u201c{returned}\u201d, "
+                       "but expected \u201c(a{oa{sa{sv}}})\u201d")
 
 
-def test_receiver_that_fails_leaves_a_daemon_without_producers(receiver, launch):
+def test_receiver_that_fails_is_asked_again(receiver, launch, tool):
     receiver.on_objects = lambda call: call.fail("No list.")
-    daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
-    daemon.bus_lines = [not_connected(error_of("No list.")), *BUS_LINES]
-    daemon.wait_until_ready()
+    expect_asked_again(receiver, launch, tool, error_of("No list."))
 
-    with daemon.client() as client:
-        assert client.ask(ANALYTICS) == NOTHING_ASKED
+
+def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon, tool):
+    receiver.add(DETECTOR)
+    wait_until_listed(tool, DETECTOR)
+    receiver.leave()
+    wait_until_listed(tool)
+
+    receiver.on_objects = lambda call: call.fail("No list.")
+    receiver.come_back()
+    daemon.log.wait_for(1)
+    receiver.on_objects = receiver.tell_objects
+    wait_until_listed(tool, DETECTOR)
+    assert set(daemon.log.take()) == {not_connected(error_of("No list."))}
 
 
 @pytest.mark.parametrize("path, interface, name, body", [
@@ -576,3 +651,11 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
         expect_told(stream, (GATE, 3))
     receiver.close()
     assert daemon.log.take() == []
+
+
+# Last of all, for it takes long
+
+
+def test_receiver_that_is_slow_at_first_is_asked_again(overdue_receiver):
+    overdue_receiver.wait_until_listed()
+    assert overdue_receiver.daemon.log.take(1) == [not_connected("Timeout was reached")]

@@ -1,0 +1,442 @@
+"""External producers and their receiver at their worst: in crowds, in haste, without descriptors, with what is too long
+or has the wrong type, and on a platform whose converter hangs. The daemon lives, and loses nothing that it can have."""
+
+import concurrent.futures
+import contextlib
+import itertools
+import os
+import subprocess
+
+import pytest
+from gi.repository import GLib
+
+from busclient import PROPERTIES
+from client import header
+from daemon import NOTHING_ASKED, RADAR_TRACKER, WARNING, producers_enabled
+from external import (ANALYTICS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_told, left_out,
+                      numbered, told, wait_until_listed)
+from fakereceiver import FakeReceiver, Producer
+from installation import EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, documented_limit, unprivileged
+from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from simcamera import CAPTURE, RECEIVER
+from tool import NAME
+from waiting import wait_until, wait_until_settled
+
+MAX_PRODUCERS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_PRODUCERS")
+MAX_XML_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_XML_BYTES")
+MAX_XML_BYTES_IN_ALL = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_XML_BYTES_IN_ALL")
+MAX_UNDER_WAY = documented_limit("receivercalls.h", "RECEIVER_CALLS_MAX_UNDER_WAY")
+MAX_UNANSWERED = documented_limit("receivercalls.h", "RECEIVER_CALLS_MAX_UNANSWERED")
+CONVERSION_SECONDS = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_SECONDS")
+MAX_STUCK = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_STUCK")
+
+# What the bus lets everybody leave unanswered.
+BUS_REPLIES = 128
+
+# What a bus takes in one message.
+BUS_MESSAGE_BYTES = 32 * 1024 * 1024
+
+ROUNDS = 15
+
+CROWD_OF_PRODUCERS, CROWD_OF_CLIENTS = 8, 40
+CROWD = [f"producer{number}" for number in range(CROWD_OF_PRODUCERS)]
+CROWD_AND_RADAR_ENABLED = producers_enabled({(name, 1): name for name in CROWD} | {(RADAR_TRACKER, 1): "radar"})
+
+# More than any crowd here needs.
+MANY_DESCRIPTORS = 8192
+
+WRONG_SIGNAL = (WARNING, "left out a signal of the metadata receiver: it has the wrong type")
+
+
+def not_converted(name):
+    return (WARNING, f"failed to convert sample frame from: {name}")
+
+
+def limit_descriptors(daemon, limit):
+    """Changes how many descriptors the running daemon may have, now and later."""
+    subprocess.run(["prlimit", f"--pid={daemon.process.pid}", f"--nofile={limit}:"], check=True, cwd="/",
+                   **unprivileged())
+
+
+def leave_descriptors(daemon, count):
+    """Lets the running daemon open only so many descriptors more, for the time being."""
+    taken = set(map(int, os.listdir(daemon.proc / "fd")))
+    free = (number for number in itertools.count() if number not in taken)
+    limit_descriptors(daemon, next(itertools.islice(free, count, None)))
+
+
+# Haste
+
+
+def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed(bus, start_daemon, tool):
+    daemon = start_daemon(plugins=EXTERNAL_PLUGINS)
+    for number in range(ROUNDS):
+        receiver = FakeReceiver(bus)
+        names = [f"round{number}_{name}" for name in "abc"]
+        for name in names:
+            receiver.add(name)
+        receiver.start()
+        for producer in receiver.producers:
+            receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                          GLib.Variant("(oa{sa{sv}})", (producer.path, producer.interfaces)))
+        wait_until_listed(tool, *names)
+        receiver.close()
+        wait_until_listed(tool)
+    assert daemon.log.take() == []
+
+
+# Crowds
+
+
+class SlowStreams:
+    """Has producers give their streams in a while, all that have been asked for by then at once."""
+
+    PAUSE_MS = 20
+
+    def __init__(self, context):
+        self.context = context
+        self.open = []
+        self.most_open = 0
+
+    def keep(self, producer, call):
+        if not self.open:
+            timer = GLib.timeout_source_new(self.PAUSE_MS)
+            timer.set_callback(self._give)
+            timer.attach(self.context)
+        self.open.append((producer, call))
+        self.most_open = max(self.most_open, len(self.open))
+
+    def _give(self, _):
+        calls, self.open = self.open, []
+        for producer, call in calls:
+            producer.give_stream(call)
+        return False
+
+
+@pytest.fixture
+def start_crowd(start_camera, bus, start_daemon, tool):
+    """Starts a camera with a radar, a receiver with a crowd of producers, and a daemon with all of them enabled."""
+    made = []
+
+    def start():
+        camera = start_camera("--rotation", "1=90")
+        camera.absent(RECEIVER)
+        receiver = FakeReceiver(bus)
+        made.append(receiver)
+        for name in CROWD:
+            receiver.add(name)
+        receiver.start()
+        daemon = start_daemon(plugins=(RADAR_PLUGIN, *EXTERNAL_PLUGINS), producers=CROWD_AND_RADAR_ENABLED)
+        limit_descriptors(daemon, MANY_DESCRIPTORS)
+        wait_until_listed(tool, RADAR_TRACKER, *CROWD)
+        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
+        return camera, receiver, daemon
+
+    yield start
+    for receiver in made:
+        receiver.close()
+
+
+def read_from_all(client):
+    """Reads until every producer of the crowd has told something."""
+    stream = client.open_stream()
+    sources = set()
+    for source, _ in told(stream):
+        sources.add(source)
+        if sources >= set(CROWD):
+            return sources - {"radar"}
+    return sources
+
+
+def test_crowd_of_clients_gets_every_stream_of_a_crowd_of_producers(start_crowd):
+    camera, receiver, daemon = start_crowd()
+    streams = SlowStreams(receiver.context)
+    for producer in receiver.producers:
+        producer.on_stream = lambda call, producer=producer: streams.keep(producer, call)
+
+    with contextlib.ExitStack() as stack:
+        clients = [stack.enter_context(daemon.client()) for _ in range(CROWD_OF_CLIENTS)]
+        for client in clients:
+            client.request(ANALYTICS)
+        for client in clients:
+            assert client.read_reply() == b"OK"
+        for producer in receiver.producers:
+            producer.wait_for_stream(CROWD_OF_CLIENTS)
+            for stream in producer.streams:
+                stream.send(numbered(1))
+        with concurrent.futures.ThreadPoolExecutor(CROWD_OF_CLIENTS) as readers:
+            assert list(readers.map(read_from_all, clients)) == [set(CROWD)] * CROWD_OF_CLIENTS
+
+    assert [len(producer.streams) for producer in receiver.producers] == [CROWD_OF_CLIENTS] * CROWD_OF_PRODUCERS
+    assert streams.most_open == MAX_UNDER_WAY
+    assert camera.calls(CAPTURE) == CROWD_OF_CLIENTS
+    # Nobody's radar was left unturned.
+    assert daemon.log.take() == []
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+def reply_too_late(call):
+    """With a stream that nobody takes any more."""
+    read_fd, write_fd = os.pipe()
+    call.reply(GLib.Variant("(h)", (0,)), [read_fd])
+    os.close(read_fd)
+    os.close(write_fd)
+
+
+def test_crowds_that_go_while_the_receiver_holds_its_replies_leave_nothing_behind(start_crowd):
+    camera, receiver, daemon = start_crowd()
+    threads = daemon.threads()
+    kept = []
+    for producer in receiver.producers:
+        producer.on_stream = kept.append
+
+    # More than the bus lets the daemon leave open.
+    for crowd in range(BUS_REPLIES // MAX_UNDER_WAY + 1):
+        with contextlib.ExitStack() as stack:
+            clients = [stack.enter_context(daemon.client()) for _ in range(CROWD_OF_CLIENTS)]
+            for client in clients:
+                client.request(ANALYTICS)
+            for client in clients:
+                assert client.read_reply() == b"OK"
+            wait_until(lambda: len(kept) >= min((crowd + 1) * MAX_UNDER_WAY, MAX_UNANSWERED),
+                       "the receiver is asked")
+        wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+        wait_until(lambda: daemon.threads() <= threads + CROWD_OF_PRODUCERS, "their threads have ended")
+    assert len(kept) == MAX_UNANSWERED
+    assert daemon.log.take(1) == [
+        (WARNING, f"calls of the metadata receiver wait: it leaves {MAX_UNANSWERED} unanswered")]
+
+    with daemon.client() as client:
+        client.request(ANALYTICS)
+        assert client.read_reply() == b"OK"
+        # The platform is still asked, and answers.
+        assert camera.calls(CAPTURE) == (crowd + 1) * CROWD_OF_CLIENTS + 1
+        assert daemon.log.take() == []
+        for producer in receiver.producers:
+            producer.on_stream = producer.give_stream
+        for call in list(kept):
+            reply_too_late(call)
+        for producer in receiver.producers:
+            producer.wait_for_stream().send(numbered(1))
+        assert read_from_all(client) == set(CROWD)
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
+    assert daemon.log.take() == []
+
+
+# Descriptors
+
+
+def allow_shortage(daemon):
+    """GStreamer and GLib complain by themselves."""
+    daemon.allow_on_stderr("Too many open files")
+    daemon.allow_on_stderr("CRITICAL")
+    daemon.allow_on_stderr("WARNING")
+
+
+def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_daemon, tool):
+    detector = receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+    limit_descriptors(daemon, MANY_DESCRIPTORS)
+    allow_shortage(daemon)
+
+    for free in range(41):
+        leave_descriptors(daemon, free)
+        late = receiver.add(f"late{free}")
+        receiver.leave()
+        receiver.come_back()
+        with daemon.client() as client:
+            client.request(ANALYTICS)
+            with contextlib.suppress(GLib.Error):
+                tool.call(NAME, "/com/quon/MetadataServer1/Producers", "com.quon.MetadataServer1.ProducerManager",
+                          "SetProducersEnabled", GLib.Variant("(a{sa(ibs)})", ({DETECTOR: [(1, True, GATE)]},)))
+            assert daemon.process.poll() is None, f"with {free} descriptors: {daemon.take_stderr()}"
+        limit_descriptors(daemon, MANY_DESCRIPTORS)
+
+        wait_until_listed(tool, DETECTOR, late.name)
+        before = len(detector.streams)
+        with daemon.client() as client:
+            stream = client.start(ANALYTICS)
+            detector.wait_for_stream(before + 1)
+            for running in detector.streams[before:]:
+                running.send(numbered(free))
+            expect_told(stream, (GATE, free))
+        receiver.remove(late)
+        wait_until_listed(tool, DETECTOR)
+    daemon.log.take()
+
+
+def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemon, tool):
+    daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
+    limit_descriptors(daemon, 512)
+    allow_shortage(daemon)
+    with contextlib.ExitStack() as stack:
+        for _ in range(103):
+            stack.enter_context(daemon.client()).request(header(event=1))
+        receiver.add(DETECTOR)
+        receiver.leave()
+        receiver.come_back()
+        with daemon.client() as client:
+            client.request("")
+        assert daemon.process.poll() is None, daemon.take_stderr()
+    wait_until_listed(tool, DETECTOR)
+    daemon.log.take()
+
+
+def test_bursts_of_streams_end_nobody(receiver, start_listing_daemon, tool):
+    detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+    daemon = start_listing_daemon()
+    limit_descriptors(daemon, 512)
+    allow_shortage(daemon)
+    for _ in range(3):
+        with contextlib.ExitStack() as stack:
+            for _ in range(83):
+                stack.enter_context(daemon.client()).request(ANALYTICS)
+            receiver.leave()
+            receiver.come_back()
+        wait_until_listed(tool, DETECTOR, COUNTER)
+    limit_descriptors(daemon, MANY_DESCRIPTORS)
+    before = len(detector.streams), len(counter.streams)
+    with daemon.client() as client:
+        stream = client.start(ANALYTICS)
+        for producer, count in zip((detector, counter), before):
+            producer.wait_for_stream(count + 1)
+            for running in producer.streams[count:]:
+                if not running.is_closed():
+                    running.send(numbered(7))
+        found = told(stream)
+        assert sorted([next(found), next(found)]) == [(GATE, [7]), (YARD, [7])]
+    daemon.log.take()
+
+
+# Wrong types
+
+WRONG_BODIES = (None, GLib.Variant("(i)", (1,)), GLib.Variant("(s)", (PRODUCER,)), GLib.Variant("(o)", (ROOT,)),
+                GLib.Variant("(sa{ss}as)", (PRODUCER, {"Name": "x"}, [])), GLib.Variant("(oa{ss})", (ROOT, {})),
+                GLib.Variant("(a{sv})", ({},)), GLib.Variant("(v)", (GLib.Variant("i", 1),)))
+SIGNALS = ((OBJECT_MANAGER, "InterfacesAdded"), (OBJECT_MANAGER, "InterfacesRemoved"),
+           (PROPERTIES, "PropertiesChanged"))
+PATHS = (ROOT, path_of(DETECTOR), path_of("nobody"), "/", "/elsewhere")
+
+
+def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, tool):
+    daemon = daemon_listing_detector
+    # Objects outside the receiver's root, which it has named.
+    for path in ("/elsewhere", "/com/quon/Other"):
+        receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                      GLib.Variant("(oa{sa{sv}})", (path, Producer("elsewhere").interfaces)))
+        assert daemon.log.take(1) == [(WARNING, f"left out producer object {path}: it is not below {ROOT}")]
+    owner = tool.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner",
+                      GLib.Variant("(s)", (NAME,))).unpack()[0]
+    wrong = 0
+    for destination in (None, owner):
+        for path, (interface, signal), body in itertools.product(PATHS, SIGNALS, WRONG_BODIES):
+            receiver.client.connection.emit_signal(destination, path, interface, signal, body)
+            # The object manager's signals come from its path, those of properties from any.
+            wrong += path == ROOT or interface == PROPERTIES
+    receiver.client.connection.flush_sync(None)
+
+    assert daemon.log.take(wrong) == [WRONG_SIGNAL] * wrong
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    assert daemon.log.take() == []
+
+
+def test_strangers_signals_are_nobodys(bus, receiver, daemon_listing_detector, tool):
+    daemon = daemon_listing_detector
+    owner = tool.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner",
+                      GLib.Variant("(s)", (NAME,))).unpack()[0]
+    right = [(OBJECT_MANAGER, "InterfacesAdded",
+              GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces))),
+             (OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path_of(DETECTOR), [PRODUCER]))),
+             (PROPERTIES, "PropertiesChanged",
+              GLib.Variant("(sa{sv}as)", (PRODUCER, {"Name": GLib.Variant("s", "stranger")}, [])))]
+    wrong = [(*signal, body) for signal, body in itertools.product(SIGNALS, WRONG_BODIES)]
+    stranger = FakeReceiver(bus)
+    for destination, path in itertools.product((None, owner), PATHS):
+        for interface, signal, body in right + wrong:
+            stranger.client.connection.emit_signal(destination, path, interface, signal, body)
+    stranger.client.connection.flush_sync(None)
+
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+    assert daemon.log.take() == []
+    stranger.close()
+
+
+@pytest.fixture
+def daemon_listing_detector(receiver, start_listing_daemon):
+    receiver.add(DETECTOR)
+    return start_listing_daemon()
+
+
+# Sample frames that are too long
+
+
+def sample_of(xml_bytes):
+    """A sample frame whose XML has about so many bytes."""
+    polygon = "[" + ",".join(["[0.1234,-0.5678]"] * 128) + "]"
+    box = '"BoundingBox":{"Left":-0.5,"Top":0.5,"Right":0.5,"Bottom":-0.5}'
+    # A point takes so many bytes there.
+    count = xml_bytes // (128 * len('<tt:Point x="0.1234" y="-0.5678"/>'))
+    objects = ",".join(f'{{"Id":{number},{box},"Polygon":{polygon}}}' for number in range(count))
+    return f'{{"Objects":[{objects}]}}'
+
+
+def xml_bytes_of(tool, names):
+    return [len(tool.properties(name)["SampleFrameXML"].encode()) for name in names]
+
+
+def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_listing_daemon, tool):
+    daemon = start_listing_daemon()
+    too_long = sample_of(MAX_XML_BYTES * 3 // 2)
+    assert MAX_PRODUCERS * MAX_XML_BYTES * 3 // 2 > BUS_MESSAGE_BYTES
+    alone = [receiver.add(f"alone{number}", sample=too_long) for number in range(MAX_PRODUCERS)]
+    wait_until(lambda: len(daemon.log.lines) >= MAX_PRODUCERS or len(tool.objects()) >= MAX_PRODUCERS,
+               "each is listed or refused", 2 * MAX_PRODUCERS)
+    assert tool.has_owner(NAME)
+    assert sorted(daemon.log.take()) == sorted(not_converted(producer.name) for producer in alone)
+    for producer in alone:
+        receiver.remove(producer)
+
+    sample = sample_of(MAX_XML_BYTES * 2 // 3)
+    together = [receiver.add(f"together{number}", sample=sample) for number in range(MAX_PRODUCERS)]
+    wait_until(lambda: len(daemon.log.lines) + len(tool.objects()) >= MAX_PRODUCERS,
+               "each is listed or refused", 2 * MAX_PRODUCERS)
+    refused = daemon.log.take()
+    listed = [producer for producer in together if not_converted(producer.name) not in refused]
+    wait_until_listed(tool, *(producer.name for producer in listed))
+    lengths = xml_bytes_of(tool, [producer.name for producer in listed])
+    assert MAX_XML_BYTES // 2 < max(lengths) <= MAX_XML_BYTES
+    assert MAX_XML_BYTES_IN_ALL - max(lengths) < sum(lengths) <= MAX_XML_BYTES_IN_ALL
+    assert tool.has_owner(NAME)
+
+    # One of them goes, and another one takes its place.
+    receiver.remove(listed.pop())
+    wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
+    daemon.log.take()
+
+
+# A converter that hangs
+
+
+def test_converter_that_hangs_costs_its_producer_alone(installation, receiver, start_daemon, tool, workspace):
+    _, plugins = installation.new_plugin_folder(EXTERNAL_PLUGINS, failing=True)
+    daemon = start_daemon(plugins=EXTERNAL_PLUGINS, environment=plugins)
+    threads = daemon.threads()
+    folder = workspace.folder()
+    (folder / "hang").touch()
+    # They would take both places for good.
+    stuck = [receiver.add(f"stuck{number}", sample=f'{{"hang":"{folder}/hang"}}') for number in range(2)]
+    receiver.add(DETECTOR)
+    wait_until(lambda: len(daemon.log.lines) >= len(stuck), "they are given up", CONVERSION_SECONDS + 20)
+    assert sorted(daemon.log.take()) == [not_converted(producer.name) for producer in stuck]
+    wait_until_listed(tool, DETECTOR)
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+    # What is given up stays so, and its threads go when the converter lets go.
+    (folder / "hang").unlink()
+    wait_until(lambda: daemon.threads() <= threads + 2, "the threads have ended")
+    assert tool.objects() == {f"/com/quon/MetadataServer1/Producers/{name}" for name in (DETECTOR, COUNTER)}
+    with daemon.client() as client:
+        assert client.ask("") == NOTHING_ASKED
