@@ -39,6 +39,13 @@ def wait_until_listed(tool, *names):
     wait_until(lambda: tool.objects() == paths, f"{names} are listed")
 
 
+WRONG_SIGNAL = (WARNING, "left out a signal of the metadata receiver: it has the wrong type")
+
+
+def not_converted(name):
+    return (WARNING, f"failed to convert sample frame from: {name}")
+
+
 def left_out(producer, reason):
     """What the daemon says of an object that is not good for a producer."""
     return (WARNING, f"left out producer object {producer.path}: {reason}")

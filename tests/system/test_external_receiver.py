@@ -11,8 +11,9 @@ from lxml import etree
 from busclient import PROPERTIES
 from daemon import BUS_LINES, NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING
 from documents import NAMESPACES
-from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD,
-                      expect_alive, expect_told, left_out, numbered, told, wait_until_listed)
+from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE,
+                      WRONG_SIGNAL, YARD, expect_alive, expect_told, left_out, not_converted, numbered, told,
+                      wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
 from overdue import PATIENCE_SECONDS
@@ -44,10 +45,6 @@ NO_NAME = "it has no property Name of type s"
 NO_NICE_NAME = "it has no property NiceName of type s"
 NO_CHANNELS = "it has no property SupportedChannels of type au"
 BAD_NAME = "its name cannot end an object's path"
-
-
-def not_converted(name):
-    return (WARNING, f"failed to convert sample frame from: {name}")
 
 
 def already_there(name):
@@ -457,9 +454,6 @@ def test_platform_that_cannot_convert_lists_nobody(receiver, tool, start_daemon)
 
 
 # What the receiver itself says wrongly
-
-WRONG_SIGNAL = (WARNING, "left out a signal of the metadata receiver: it has the wrong type")
-
 
 def not_connected(reason):
     return (WARNING, f"Failed to connect to metadata-receiver over DBus: {reason}")

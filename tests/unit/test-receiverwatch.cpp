@@ -358,7 +358,7 @@ TEST_F(ReceiverWatchTest, ForgetsToAskAReceiverThatLeaves)
 
 TEST_F(ReceiverWatchTest, TellsOfObjectsInAnAnswerWhateverTheirNumber)
 {
-  constexpr unsigned COUNT = 5000;
+  constexpr unsigned COUNT = 2000;
   receiver_->leave();
   for (unsigned i = 0; i < COUNT; i++) {
     receiver_->add("P" + std::to_string(i));
