@@ -229,9 +229,21 @@ def allow_shortage(daemon):
     daemon.allow_on_stderr("WARNING")
 
 
+def request_if_possible(client, wishes):
+    """Of a daemon that may have turned the client away already."""
+    with contextlib.suppress(OSError):
+        client.request(wishes)
+
+
+def expect_some_reply(client):
+    """Of a daemon that may turn its clients away."""
+    with contextlib.suppress(ConnectionEnded, OSError):
+        client.read_reply()
+
+
 def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_daemon, tool):
     detector = receiver.add(DETECTOR)
-    daemon = start_listing_daemon()
+    daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): GATE, (DETECTOR, 2): GATE}))
     limit_descriptors(daemon, MANY_DESCRIPTORS)
     allow_shortage(daemon)
 
@@ -241,29 +253,25 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
         receiver.leave()
         receiver.come_back()
         with daemon.client() as client:
-            client.request(ANALYTICS)
+            request_if_possible(client, ANALYTICS)
             with contextlib.suppress(GLib.Error):
                 tool.set_producers({DETECTOR: [(1, True, GATE)]})
             assert daemon.process.poll() is None, f"with {free} descriptors: {daemon.take_stderr()}"
         limit_descriptors(daemon, MANY_DESCRIPTORS)
 
         wait_until_listed(tool, DETECTOR, late.name)
-        before = len(detector.streams)
+        # On another channel, for the stream of the client before may still come.
         with daemon.client() as client:
-            stream = client.start(ANALYTICS)
-            detector.wait_for_stream(before + 1)
-            for running in detector.streams[before:]:
-                running.send(numbered(free))
+            stream = client.start(header(analytics=1, video_channel=2))
+            running = wait_until(lambda: next((found for found in detector.streams if found.channel == 2), None),
+                                 "the stream is asked for")
+            running.send(numbered(free))
             expect_told(stream, (GATE, free))
+        detector.streams.remove(running)
+        running.close()
         receiver.remove(late)
         wait_until_listed(tool, DETECTOR)
     daemon.log.take()
-
-
-def expect_some_reply(client):
-    """Of a daemon that may turn its clients away."""
-    with contextlib.suppress(ConnectionEnded, OSError):
-        client.read_reply()
 
 
 def restart(receiver, daemon):
@@ -288,8 +296,7 @@ def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemo
     with contextlib.ExitStack() as stack:
         for _ in range(EVENT_CLIENTS):
             client = stack.enter_context(daemon.client())
-            with contextlib.suppress(OSError):
-                client.request(header(event=1))
+            request_if_possible(client, header(event=1))
             expect_some_reply(client)
         # Those that were turned away may have left some.
         leave_descriptors(daemon, 0)
@@ -308,14 +315,16 @@ def test_bursts_of_streams_end_nobody(start_crowd, tool):
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(daemon.client()) for _ in range(BURST_CLIENTS)]
             for client in clients:
-                client.request(ANALYTICS)
+                request_if_possible(client, ANALYTICS)
             restart(receiver, daemon)
             for client in clients:
                 expect_some_reply(client)
             assert daemon.process.poll() is None, daemon.take_stderr()
+        wait_until(lambda: daemon.descriptors() <= daemon.idle_descriptors, "the clients' descriptors are closed")
+        for producer in receiver.producers:
+            producer.close()
     limit_descriptors(daemon, MANY_DESCRIPTORS)
     wait_until_listed(tool, RADAR_TRACKER, *CROWD)
-    wait_until(lambda: daemon.descriptors() <= daemon.idle_descriptors, "the clients' descriptors are closed")
     before = {producer: len(producer.streams) for producer in receiver.producers}
     with daemon.client() as client:
         client.request(ANALYTICS)
@@ -425,10 +434,10 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     assert MAX_XML_BYTES_IN_ALL - max(lengths) < sum(lengths) <= MAX_XML_BYTES_IN_ALL
     assert tool.has_owner(NAME)
 
-    # One of them goes, and another one takes its place.
+    # One of them goes, and another one takes its place; all others are refused once more.
     receiver.remove(listed.pop())
     wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
-    daemon.log.take()
+    assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
 
 
 # A converter that hangs
