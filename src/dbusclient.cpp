@@ -191,8 +191,17 @@ log_failed_conversion(const Announced *entry)
          producer_properties_get_name(entry->properties));
 }
 
+/* On the bus, where every byte that is no UTF-8 text is replaced by three. */
+gsize
+count_bytes_on_bus(const gchar *xml)
+{
+  g_autofree gchar *valid = g_utf8_make_valid(xml, -1);
+
+  return strlen(valid);
+}
+
 void
-list_producer(Announced *entry, const gchar *xml)
+list_producer(Announced *entry, const gchar *xml, gsize xml_bytes)
 {
   const ProducerProperties *properties = entry->properties;
   const gchar *name = producer_properties_get_name(properties);
@@ -206,7 +215,7 @@ list_producer(Announced *entry, const gchar *xml)
   }
   set_state(entry, State::LISTED);
   entry->listed_name = g_strdup(name);
-  entry->xml_bytes = strlen(xml);
+  entry->xml_bytes = xml_bytes;
   xml_bytes_in_all += entry->xml_bytes;
 }
 
@@ -214,17 +223,18 @@ void
 on_converted(const gchar *xml, gpointer user_data)
 {
   auto *entry = static_cast<Announced *>(user_data);
+  const gsize xml_bytes = xml != nullptr ? count_bytes_on_bus(xml) : 0;
 
   entry->conversion = nullptr;
-  if (xml == nullptr || strlen(xml) > DBUS_CLIENT_MAX_XML_BYTES) {
+  if (xml == nullptr || xml_bytes > DBUS_CLIENT_MAX_XML_BYTES) {
     log_failed_conversion(entry);
     leave_out(entry);
-  } else if (!is_room_for(strlen(xml))) {
+  } else if (!is_room_for(xml_bytes)) {
     log_failed_conversion(entry);
     set_state(entry, State::NO_ROOM);
     ask_next();
   } else {
-    list_producer(entry, xml);
+    list_producer(entry, xml, xml_bytes);
   }
 }
 
@@ -586,7 +596,7 @@ on_connected(GObject *, GAsyncResult *result, gpointer user_data)
   g_autoptr(GDBusConnection) connected = g_bus_get_finish(result, &error);
 
   if (connected != nullptr) {
-    g_dbus_connection_set_exit_on_close(connected, FALSE);
+    system_bus_prepare(connected);
   }
   if (attempt != connecting) {
     return;

@@ -365,12 +365,12 @@ producer_config_get_name(const gchar *producer, guint32 channel)
  *
  * Changes one channel, and replaces the whole file by what is in memory; blocks until that is durable. When
  * the file cannot be written, memory keeps the change, and the next write brings it to the file: that of
- * another change, or the default main context's every #PRODUCER_CONFIG_RETRY_SECONDS, which says "wrote to
- * producerconfig what could not be written before" at info priority when it has succeeded, and nothing when
- * it has not. A
- * @producer that cannot be part of a group's name, or a @name that is not UTF-8, changes nothing. Of all
- * text, form feeds at the beginning of @name alone do not survive the file: GLib neither escapes nor reads
- * them. Any thread.
+ * another change, or the default main context's, every #PRODUCER_CONFIG_RETRY_SECONDS. A producer that cannot
+ * be part of a group's name, or a name that is not UTF-8, changes nothing. Of all text, form feeds at the
+ * beginning of @name alone do not survive the file: GLib neither escapes nor reads them. Any thread.
+ *
+ * Infos: "wrote to producerconfig what could not be written before", when a write that was tried again has
+ * succeeded
  *
  * Warnings: "could not write name to producerconfig: %s"
  */

@@ -403,6 +403,19 @@ TEST_F(DbusClientTest, BoundsTheXml)
   expect_listed_after_another({"Faces"});
 }
 
+/* Each byte that is no text becomes three on the bus. */
+TEST_F(DbusClientTest, BoundsTheXmlAsItIsOnTheBus)
+{
+  testconverter::set_behaviour(Behaviour::BAD_TEXT);
+  start();
+
+  receiver_->add("Faces", with_sample_frame("Faces", testbus::reply("('" + std::string(1000, 'x') + "',)")));
+  expect_listed({"Faces"});
+  const std::string third(DBUS_CLIENT_MAX_XML_BYTES / 3 + 1, 'x');
+  receiver_->add("Plates", with_sample_frame("Plates", testbus::reply("('" + third + "',)")));
+  expect_lines({warning("failed to convert sample frame from: Plates")});
+}
+
 /* Who had no room is asked again when another one goes. */
 TEST_F(DbusClientTest, BoundsTheXmlOfAllTogether)
 {

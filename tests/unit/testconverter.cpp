@@ -105,6 +105,8 @@ convert(TestConverter *self, const std::string &text)
     return push(self, {});
   case Behaviour::BYTES:
     return push(self, {testconverter::BYTES});
+  case Behaviour::BAD_TEXT:
+    return push(self, {std::string(text.size(), '\xff')});
   case Behaviour::IN_PIECES:
     return push(self, {testconverter::XML_START, text, testconverter::XML_END});
   case Behaviour::CONVERT_TWICE:

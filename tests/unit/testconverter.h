@@ -19,6 +19,7 @@ enum class Behaviour {
   IN_PIECES,       /* the same, each part in a memory of its own */
   EMPTY,           /* a buffer of no bytes */
   BYTES,           /* BYTES, which are not all text */
+  BAD_TEXT,        /* as many bytes as came in, none of which is text */
   SWALLOW,         /* nothing, ever */
   HOLD,            /* nothing as long as there is a Hold, and then as CONVERT */
   FAIL,            /* an error of the stream */
