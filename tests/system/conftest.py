@@ -80,9 +80,9 @@ def overdue_start(installation):
 
 
 @pytest.fixture(scope="session")
-def overdue_receiver(installation, workspace):
+def overdue_receiver(installation):
     """A receiver that is silent for long. The test that needs it first begins it; another waits for its end."""
-    receiver = OverdueReceiver(installation, workspace)
+    receiver = OverdueReceiver(installation)
     yield receiver
     receiver.close()
 

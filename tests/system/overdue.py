@@ -116,8 +116,8 @@ class OverdueReceiver:
 
     SILENT_SECONDS = 28
 
-    def __init__(self, installation, workspace):
-        self.bus = Bus(workspace)
+    def __init__(self, installation):
+        self.bus = Bus(installation)
         self.tool = Tool(self.bus)
         self.receiver = FakeReceiver(self.bus)
         self.receiver.add(DETECTOR)
