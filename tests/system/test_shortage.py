@@ -1,5 +1,5 @@
 """Descriptors that run out: each client is served or told, and the daemon serves everybody once there are enough again.
-And what a client of each kind costs, which the limits of the service are made for."""
+And what a client of each kind costs, which the limits of the service are made for: the docs say it."""
 
 import concurrent.futures
 import contextlib
@@ -32,6 +32,9 @@ NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket:
 
 SHORTAGE = re.compile(r"Too few free file descriptors, refused a metadata request\."
                       r"( \(\d+ more since the last such line\))?")
+
+# What the daemon may say of the producers' streams of a client that has been served.
+STREAMS_WAIT = (WARNING, "streams of external producers wait: too few free file descriptors")
 
 # The video channels on which one kind of analytics is enabled, and the one on which all are.
 VIDEO_CHANNEL, RADAR_CHANNEL, EXTERNAL_CHANNEL, FULL_CHANNEL = CHANNELS = (1, 2, 3, 4)
@@ -120,8 +123,8 @@ def expect_only_shortages(daemon, began, without_any=0):
     about connections that came when there was no descriptor at all."""
     lines = daemon.log.take()
     assert lines.count(NO_DESCRIPTOR) == without_any
-    warnings = [line for line in lines if line != NO_DESCRIPTOR]
-    assert all(priority == WARNING and SHORTAGE.fullmatch(text) for priority, text in warnings)
+    warnings = [line for line in lines if line[0] == WARNING and SHORTAGE.fullmatch(line[1])]
+    assert [line for line in lines if line not in (NO_DESCRIPTOR, STREAMS_WAIT, *warnings)] == []
     assert 1 <= len(warnings) <= 1 + (time.monotonic() - began) / WARNING_SECONDS
 
 
@@ -174,6 +177,8 @@ def test_waiting_clients_leave_the_reserve(full_daemon):
 
 # A crowd
 
+REQUEST_THREADS = 2
+
 CROWD = 150
 CROWD_LIMIT = 512
 CROWD_KINDS = [kind for kind in KINDS if kind not in WAITING_KINDS]
@@ -208,3 +213,70 @@ def test_each_client_of_a_crowd_is_answered(full_daemon):
     expect_idle(full_daemon)
     expect_only_shortages(full_daemon, began)
     assert ask_and_read(full_daemon, KINDS["all"])
+
+
+# What clients cost
+
+DOCS = (TREE / "docs/architecture.md").read_text(encoding="utf-8")
+MANUAL = (TREE / "docs/tessard.8").read_text(encoding="utf-8")
+UNIT = (TREE / "data/tessard.service.in").read_text(encoding="utf-8")
+
+NAMES_IN_DOCS = {"event": "events", "ptz": "the camera head", "scenes": "video scenes", "radar": "radar scenes",
+                 "external": "external producers", "all": "everything"}
+
+COST = re.compile(r"^\| ([a-z ]+) \| (\d+)(, and 1 for each [a-z ]+)? \| (\d+) \|$", re.MULTILINE)
+DOCUMENTED_COSTS = {name: (int(descriptors), bool(producers), int(threads))
+                    for name, descriptors, producers, threads in COST.findall(DOCS)}
+
+# How many clients are measured together.
+MEASURED = 4
+
+# What a sync point on its way takes.
+SYNC_THREADS = 1
+
+
+def number(text):
+    return int(text.replace(",", ""))
+
+
+def limit_in_unit(name):
+    (value,) = re.findall(rf"^{name}=(\d+)$", UNIT, re.MULTILINE)
+    return int(value)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_client_costs_what_the_docs_say(full_daemon, kind):
+    descriptors, with_producers, threads = DOCUMENTED_COSTS[NAMES_IN_DOCS[kind]]
+    descriptors += len(EXTERNAL) if with_producers else 0
+    idle_threads = wait_until_settled(full_daemon.threads, "threads of the start have ended")
+    with contextlib.ExitStack() as stack:
+        for _ in range(MEASURED):
+            client = stack.enter_context(full_daemon.client())
+            client.start(header(**KINDS[kind])).next_document()
+        wait_until(lambda: full_daemon.descriptors() == full_daemon.idle_descriptors + MEASURED * descriptors,
+                   "the clients' descriptors are open")
+        wait_until(lambda: full_daemon.threads() == idle_threads + MEASURED * threads, "their threads have been made")
+
+
+def test_descriptors_of_the_service_are_those_of_the_sum():
+    rows = re.search(r"^\| descriptors \| sum \|\n\|---\|---\|\n((?:\|.*\n)+)", DOCS, re.MULTILINE).group(1)
+    sums = {name: number(value) for name, value in re.findall(r"^\| (.+) \| ([\d,]+) \|$", rows, re.MULTILINE)}
+    *parts, together = sums.values()
+    clients, producers, each = map(int, re.findall(r"\d+", next(iter(sums))))
+
+    assert each == DOCUMENTED_COSTS["everything"][0] + producers
+    assert parts[0] == clients * each
+    assert RESERVE in parts and AT_ONCE + 1 in parts and REQUEST_THREADS * (1 + PIPELINE + BUS_CALL) in parts
+    assert sum(parts) == together <= limit_in_unit("LimitNOFILE")
+    assert f"{parts[0]} descriptors, and {together - parts[0]} for the daemon itself" in re.sub(r"\s+", " ", MANUAL)
+
+
+def test_descriptors_run_out_before_threads_whatever_clients_ask_for():
+    descriptors, tasks = limit_in_unit("LimitNOFILE"), limit_in_unit("TasksMax")
+    (own_threads,) = map(int, re.findall(r"threads, and (\d+) are for the daemon itself", DOCS))
+
+    assert len(DOCUMENTED_COSTS) == len(KINDS)
+    for cost, _, threads in DOCUMENTED_COSTS.values():
+        assert descriptors // cost * (threads + SYNC_THREADS) + own_threads <= tasks
+    for text in (DOCS, MANUAL):
+        assert f"LimitNOFILE={descriptors}" in text and f"TasksMax={tasks}" in text
