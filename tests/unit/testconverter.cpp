@@ -251,9 +251,9 @@ Hold::most_waiting() const
 std::ostream &
 operator<<(std::ostream &stream, Behaviour behaviour)
 {
-  constexpr std::array<const char *, 11> NAMES = {"CONVERT",        "CONVERT_TWICE",   "IN_PIECES", "EMPTY",
-                                                  "BYTES",          "SWALLOW",         "HOLD",      "FAIL",
-                                                  "REFUSE_TO_WAKE", "REFUSE_TO_START", "LIVE"};
+  constexpr std::array<const char *, 12> NAMES = {"CONVERT", "CONVERT_TWICE",  "IN_PIECES",       "EMPTY",
+                                                  "BYTES",   "BAD_TEXT",       "SWALLOW",         "HOLD",
+                                                  "FAIL",    "REFUSE_TO_WAKE", "REFUSE_TO_START", "LIVE"};
 
   return stream << NAMES.at(static_cast<gsize>(behaviour));
 }
