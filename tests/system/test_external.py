@@ -11,7 +11,7 @@ from daemon import NOTHING_ASKED, VIDEO_TRACKER, WARNING, producers_enabled
 from documents import EVENTS
 from external import (ANALYTICS, COUNTER, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, YARD, expect_told,
                       numbered, wait_until_listed)
-from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS
+from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS, documented_limit
 from refusals import WRONG_ANALYTICS, WRONG_CHANNELS, expect_refused
 from simcamera import CAPTURE, SCENES
 from waiting import wait_until
@@ -159,7 +159,7 @@ def test_producer_that_is_not_there_brings_nothing(start_daemon):
     "\U0001f4f7",
     "<a href='x'>&amp;</a>]]>",
     "%s%n{};[group]=",
-    pytest.param("x" * 1000, id="long"),
+    pytest.param("x" * documented_limit("producerconfig.h", "PRODUCER_CONFIG_MAX_NAME_BYTES"), id="longest"),
 ])
 def test_source_is_the_configuration_name(receiver, start_listing_daemon, name):
     detector = receiver.add(DETECTOR)

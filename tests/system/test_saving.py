@@ -190,7 +190,7 @@ class Retry:
 
     def __init__(self, kind, installation, workspace):
         self.failure = kind(workspace)
-        self.bus = Bus(workspace)
+        self.bus = Bus(installation)
         self.daemon = Daemon(installation, self.bus, plugins=PLUGINS, **self.failure.arguments())
         self.tool = Tool(self.bus)
 
@@ -280,10 +280,10 @@ def start_again(daemon, tool):
     daemon.wait_until_ready()
 
 
-def kill_again_and_again(installation, workspace, rounds):
+def kill_again_and_again(installation, rounds):
     """In how many rounds the kill came in the middle of a save."""
     with contextlib.ExitStack() as started:
-        bus = Bus(workspace)
+        bus = Bus(installation)
         started.callback(bus.stop)
         daemon = Daemon(installation, bus, plugins=PLUGINS)
         started.callback(daemon.finish)
@@ -301,9 +301,9 @@ def kill_again_and_again(installation, workspace, rounds):
     return cut_saves
 
 
-def test_killed_in_a_storm_of_changes(retries, installation, workspace):
+def test_killed_in_a_storm_of_changes(retries, installation):
     with concurrent.futures.ThreadPoolExecutor(LANES) as lanes:
-        outcomes = [lanes.submit(kill_again_and_again, installation, workspace, ROUNDS // LANES)
+        outcomes = [lanes.submit(kill_again_and_again, installation, ROUNDS // LANES)
                     for _ in range(LANES)]
         cut_saves = sum(outcome.result() for outcome in outcomes)
 

@@ -10,7 +10,8 @@ from busclient import BusMonitor
 from client import header
 from daemon import NOTHING_ASKED, producers_enabled
 from documents import EVENTS, PAN_TILT_SPACES, SCENE, ZOOM_SPACES
-from installation import EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGINS
+from installation import (EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGINS,
+                          documented_limit)
 from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, INVALID_PAN_TILT_SPACE, INVALID_PTZ,
                       INVALID_ZOOM_SPACE, PAN_TILT_SPACE_OUT_OF_BOUNDS, PTZ_OUT_OF_BOUNDS, WRONG_ANALYTICS,
                       WRONG_CHANNELS, WRONG_PTZ, WRONG_SPACES, expect_refused)
@@ -144,7 +145,7 @@ def test_channel_beyond_the_usual_ones(start_camera, start_daemon, kind):
     "\ttabs\tand blanks  ",
     "%s%n{}\\n",
     "name=value;[group]",
-    pytest.param("x" * 1000, id="long"),
+    pytest.param("x" * documented_limit("producerconfig.h", "PRODUCER_CONFIG_MAX_NAME_BYTES"), id="longest"),
 ])
 def test_source_is_the_configuration_name(camera, start_scene_daemon, kind, name):
     daemon = start_scene_daemon(kind, name)
