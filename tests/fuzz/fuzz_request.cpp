@@ -2,7 +2,7 @@
 // plain model of what a request is: the reply text or the parameters, and what is left unread for the stream.
 #include "fuzz.h"
 #include "requestchannel.h"
-#include "requestoutcome.h"
+#include "requestmodel.h"
 
 #include <array>
 #include <cstring>
@@ -11,8 +11,8 @@
 #include <unistd.h>
 #include <utility>
 
+using requests::Expectation;
 using requests::Outcome;
-using requests::Params;
 
 namespace
 {
@@ -24,118 +24,6 @@ constexpr gsize MAX_INPUT_BYTES = 8 * 1024;
 // Far less than the descriptors that may be on their way between two sockets.
 constexpr gsize MAX_PIECES = 16;
 constexpr guint TIMEOUT_MS = 10 * 1000;
-
-constexpr std::string_view PARAGRAPH_SEPARATOR = "\xe2\x80\xa9";
-
-struct Line {
-  bool found = false;
-  std::string_view text; // with its terminator
-  gsize terminator_size = 0;
-};
-
-// What the reader has to make of the input, and how far it may read for that.
-struct Expectation {
-  Outcome outcome;
-  gsize min_taken = 0;
-  gsize max_taken = 0;
-};
-
-gsize
-terminator_at(std::string_view rest)
-{
-  if (rest.starts_with("\r\n"))
-    return 2;
-  if (rest.starts_with(PARAGRAPH_SEPARATOR))
-    return PARAGRAPH_SEPARATOR.size();
-  return rest.front() == '\n' || rest.front() == '\r' || rest.front() == '\0' ? 1 : 0;
-}
-
-class Model
-{
-public:
-  explicit Model(std::string_view input)
-      : readable_(input.substr(0, MAX_REQUEST_BYTES)), bounded_(input.size() >= MAX_REQUEST_BYTES)
-  {
-  }
-
-  Expectation run()
-  {
-    Outcome outcome = open();
-    gsize max_taken = outcome.accepted ? position_ : end_of_input_line();
-    return {std::move(outcome), position_, max_taken};
-  }
-
-private:
-  Line next_line()
-  {
-    std::string_view rest = readable_.substr(position_);
-    for (gsize i = 0; i < rest.size(); i++) {
-      gsize terminator_size = terminator_at(rest.substr(i));
-      bool open_end = rest[i] == '\r' && i + 1 == rest.size() && bounded_;
-      if (terminator_size > 0 && !open_end)
-        return take(rest.substr(0, i + terminator_size), terminator_size);
-    }
-    Line last = take(rest, 0);
-    return rest.empty() || bounded_ ? Line() : last;
-  }
-
-  Line take(std::string_view text, gsize terminator_size)
-  {
-    position_ += text.size();
-    return {true, text, terminator_size};
-  }
-
-  Outcome open()
-  {
-    Line line = next_line();
-    if (!line.found)
-      return fail("Could not read request from client socket: " + reason());
-    if (line.text != "OPEN\n")
-      return fail("Unknown: request: " + std::string(line.text.substr(0, line.text.find('\0'))) + " (" +
-                  std::to_string(line.text.size()) + ")");
-    return header();
-  }
-
-  Outcome header()
-  {
-    Params params;
-    for (;;) {
-      Line line = next_line();
-      if (!line.found)
-        return fail("Could not read request header from socket: " + reason());
-      if (line.text == "\n")
-        return {true, std::move(params), ""};
-      std::string_view text = line.text.substr(0, line.text.size() - line.terminator_size);
-      std::string_view stripped = text.substr(0, text.find_last_not_of(" \t\n\f\r") + 1);
-      gsize equals = stripped.find('=');
-      if (equals == stripped.npos)
-        return fail("Unable to parse header line: " + std::string(text) + ".");
-      params[std::string(stripped.substr(0, equals))] = stripped.substr(equals + 1);
-    }
-  }
-
-  static Outcome fail(const std::string &reason)
-  {
-    return {false, {}, "FAIL\n" + reason};
-  }
-
-  std::string reason() const
-  {
-    return bounded_ ? "Request longer than " + std::to_string(MAX_REQUEST_BYTES) + " bytes" : "";
-  }
-
-  // A request that fails has been read no further than to the line feed behind what is wrong with it.
-  gsize end_of_input_line() const
-  {
-    gsize last = position_ > 0 ? position_ - 1 : 0;
-    gsize line_feed = readable_.find('\n', last);
-    return line_feed == readable_.npos ? readable_.size() : line_feed + 1;
-  }
-
-  std::string_view readable_;
-  bool bounded_; // behind what is readable comes the bound, not the end of the stream
-  gsize position_ = 0;
-};
 
 // The client's end of a connection; the channel has the server's.
 class Client
@@ -259,7 +147,7 @@ int
 LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
   std::string_view input = fuzz::as_text(data, size).substr(0, MAX_INPUT_BYTES);
-  Expectation expected = Model(input).run();
+  Expectation expected = requests::Model(input, MAX_REQUEST_BYTES).run();
   check(input, fuzz::cut_into_pieces(input, 1), Ending::WAITS_FOR_REPLY, expected);
   check(input, fuzz::cut_into_pieces(input, MAX_PIECES), Ending::HANGS_UP, expected);
   return 0;
