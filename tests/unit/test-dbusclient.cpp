@@ -1464,9 +1464,12 @@ TEST_F(DbusClientTest, GivesUpWhenTheLimitsStayExceeded)
 TEST_F(DbusClientTest, ReservesADescriptorForEachStream)
 {
   Pipe pipe;
-  receiver_->add("Faces", with_stream("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})));
+  /* Without a conversion, whose threads would close descriptors of theirs at any time. */
+  Object faces = with_sample_frame("Faces", receiver_->hold());
+  faces.stream_fd = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]});
+  receiver_->add("Faces", faces);
   start();
-  expect_listed({"Faces"});
+  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
   std::vector<Client> clients(3);
   const auto count_done = [&clients] {
     return std::count_if(clients.begin(), clients.end(),
