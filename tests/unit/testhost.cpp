@@ -22,7 +22,7 @@ namespace testhost
 namespace
 {
 
-constexpr guint WATCHDOG_SECONDS = 100;
+constexpr guint WATCHDOG_SECONDS = 200;
 constexpr guint TICK_MS = 2;
 constexpr gint64 ASLEEP_US = 20 * G_TIME_SPAN_MILLISECOND;
 constexpr gsize MAX_LINE_BYTES = 128 * 1024;

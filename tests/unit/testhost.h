@@ -23,7 +23,7 @@
 namespace testhost
 {
 
-constexpr gint64 SPIN_LIMIT_US = 20 * G_TIME_SPAN_SECOND;
+constexpr gint64 SPIN_LIMIT_US = 60 * G_TIME_SPAN_SECOND;
 
 struct SyslogLine {
   int priority;
