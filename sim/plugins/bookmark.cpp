@@ -79,11 +79,13 @@ Bookmark::can_continue(WorldTime now) const
 gint64
 Bookmark::next_change_deadline() const
 {
-  if (!can_continue(now())) {
+  /* The wall clock may be set between two looks at it; the sleep would then be as long as it was set back. */
+  gint64 utc = g_get_real_time();
+  if (!can_continue(settings_world_time(settings_, utc))) {
     return g_get_monotonic_time();
   }
   WorldTime next = world_.next_change_after(told_until_);
-  return g_get_monotonic_time() + settings_utc(settings_, next) - g_get_real_time();
+  return g_get_monotonic_time() + settings_utc(settings_, next) - utc;
 }
 
 /**

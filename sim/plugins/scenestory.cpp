@@ -42,10 +42,12 @@ SceneStory::open(std::optional<ObjectType> only)
 gint64
 SceneStory::time_left() const
 {
-  if (!bookmark_.can_continue(bookmark_.now())) {
+  /* One look at the wall clock, which may be set between two. */
+  gint64 utc = g_get_real_time();
+  if (!bookmark_.can_continue(settings_world_time(bookmark_.settings(), utc))) {
     return 0;
   }
-  return next_utc() - g_get_real_time();
+  return next_utc() - utc;
 }
 
 /**
