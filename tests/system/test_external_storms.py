@@ -437,6 +437,7 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     # One of them goes, and another one takes its place; all others are refused once more.
     receiver.remove(listed.pop())
     wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
+    wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", 2 * MAX_PRODUCERS)
     assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
 
 
