@@ -166,12 +166,8 @@ scene_source_query_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
   *rotation = 0;
   g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GError) cause = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, &cause);
+  g_autoptr(GDBusConnection) bus = system_bus_find(&reservation, error);
   if (bus == nullptr) {
-    if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
-      g_propagate_error(error, g_steal_pointer(&cause));
-    }
     return FALSE;
   }
   g_autoptr(GVariant) settings = get_channel_settings(bus, channel);

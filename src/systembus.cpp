@@ -56,6 +56,29 @@ system_bus_get(DescriptorReservation **reservation, GError **error)
 }
 
 /**
+ * system_bus_find:
+ * @reservation: (out) (optional) (transfer full): the same as for system_bus_get()
+ * @error: (out) (optional): where to put a shortage of descriptors; no other failure is an error
+ *
+ * Does what system_bus_get() does, for callers to whom a bus that is missing is no failure. Any thread.
+ *
+ * Returns: (transfer full) (nullable): the connection; %NULL without an error when the bus cannot be reached,
+ *   %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when %SYSTEM_BUS_CALL_DESCRIPTORS descriptors
+ *   cannot be reserved
+ */
+GDBusConnection *
+system_bus_find(DescriptorReservation **reservation, GError **error)
+{
+  g_autoptr(GError) cause = nullptr;
+  GDBusConnection *connection = system_bus_get(reservation, &cause);
+
+  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
+    g_propagate_error(error, g_steal_pointer(&cause));
+  }
+  return connection;
+}
+
+/**
  * system_bus_prepare:
  * @connection: (transfer none): a connection to the system bus
  *

@@ -13,6 +13,8 @@ G_BEGIN_DECLS
 
 GDBusConnection *system_bus_get(DescriptorReservation **reservation, GError **error);
 
+GDBusConnection *system_bus_find(DescriptorReservation **reservation, GError **error);
+
 void system_bus_prepare(GDBusConnection *connection);
 
 G_END_DECLS

@@ -131,6 +131,42 @@ TEST_F(SystemBusTest, FailsWhileTooFewDescriptorsAreFree)
   }
 }
 
+TEST_F(SystemBusTest, FindsTheSharedConnection)
+{
+  const Bus bus;
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GError) error = nullptr;
+
+  g_autoptr(GDBusConnection) connection = system_bus_find(&reservation, &error);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_NE(reservation, nullptr);
+  EXPECT_EQ(error, nullptr);
+  g_autoptr(GDBusConnection) other = system_bus_get(nullptr, nullptr);
+  EXPECT_EQ(other, connection);
+}
+
+TEST_F(SystemBusTest, FindsNothingWithoutABus)
+{
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(system_bus_find(&reservation, &error), nullptr);
+  EXPECT_EQ(reservation, nullptr);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(SystemBusTest, FailsToFindTheBusWhileTooFewDescriptorsAreFree)
+{
+  const Bus bus;
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(system_bus_find(&reservation, &error), nullptr);
+  EXPECT_EQ(reservation, nullptr);
+  EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
+}
+
 TEST_F(SystemBusTest, KeepsTheReservationForTheCaller)
 {
   const Bus bus;
