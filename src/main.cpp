@@ -35,7 +35,6 @@ constexpr const char *MOVE_CAPABILITIES_PROPERTY = "DriverMoveCapabilities";
 constexpr const char *SCENE_MANAGER_NAME = "com.quon.VideoSceneManager1";
 constexpr const char *SCENE_MANAGER_PATH = "/com/quon/VideoSceneManager1";
 constexpr const char *SCENE_MANAGER_INTERFACE = "com.quon.VideoSceneManager1.Scene";
-constexpr int SCENE_MANAGER_TIMEOUT_MS = 1000;
 
 /* A kind of metadata that the daemon offers if the platform brings a plug-in for it. */
 struct Kind {
@@ -223,29 +222,26 @@ query_move_capabilities()
   return capabilities;
 }
 
+/* Makes one call and no proxy: a proxy would load properties that nobody reads first, and wait for them with
+ * GDBus' default time-out. NULL without an error when there is no answer. */
 GVariant *
-call_scene_manager(const gchar *method)
+call_scene_manager(const gchar *method, gint timeout_ms, GCancellable *cancellable, GError **error)
 {
   g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, nullptr);
+  g_autoptr(GDBusConnection) bus = system_bus_find(&reservation, error);
   if (bus == nullptr) {
     return nullptr;
   }
-  g_autoptr(GDBusProxy) proxy =
-      g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_NONE, nullptr, SCENE_MANAGER_NAME,
-                                    SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE, nullptr, nullptr);
-  if (proxy == nullptr) {
-    return nullptr;
-  }
-  return g_dbus_proxy_call_sync(proxy, method, nullptr, G_DBUS_CALL_FLAGS_NONE, SCENE_MANAGER_TIMEOUT_MS,
-                                nullptr, nullptr);
+  return g_dbus_connection_call_sync(bus, SCENE_MANAGER_NAME, SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE,
+                                     method, nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout_ms,
+                                     cancellable, nullptr);
 }
 
 /* Whether somebody provides scenes of a channel at least. Called on the request server's pool threads. */
 gboolean
-is_scene_provider_running()
+is_scene_provider_running(gint timeout_ms, GCancellable *cancellable, GError **error)
 {
-  g_autoptr(GVariant) reply = call_scene_manager("GetNumberOfChannels");
+  g_autoptr(GVariant) reply = call_scene_manager("GetNumberOfChannels", timeout_ms, cancellable, error);
   g_autoptr(GVariant) channels = get_first_child(reply);
 
   return channels != nullptr && g_variant_is_of_type(channels, G_VARIANT_TYPE_INT32) &&

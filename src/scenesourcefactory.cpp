@@ -5,6 +5,10 @@
  * tracker is enabled on its channel. Only then does it wait for a scene provider, and only then does it ask
  * the bus. The factory's fields are written once, before the first request, so any number of requests may ask
  * it at once, and each waits for itself.
+ *
+ * The wait ends with a provider, at its deadline, with a shortage of descriptors, or when the current
+ * GCancellable of the calling thread is cancelled. Resting takes no descriptor: the cancellation wakes a
+ * condition.
  */
 #include "scenesourcefactory.h"
 
@@ -43,6 +47,8 @@ constexpr gint32 ANALYTICS_OFF = 0;
 constexpr gint32 ANALYTICS_WITH_POLYGONS = 2;
 
 constexpr gint32 NO_SPACE = -1;
+
+constexpr gint64 PROBE_INTERVAL_US = SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS * G_TIME_SPAN_MILLISECOND;
 
 /* The nine blanks inside are what is left of a broken line; clients know the text so. */
 constexpr SceneSourceKind KIND = {
@@ -114,19 +120,94 @@ parse_request(GHashTable *params, Request *request, GError **error)
   return request->channel >= 0 && parse_ptz(params, request, error);
 }
 
-/* Keeps the calling thread for up to 300 seconds. */
-gboolean
-wait_for_scene_provider(SceneRunningFunc scene_running_func)
+/* Lets the calling thread rest until a point in time or the cancellation. */
+class Rest
 {
-  for (guint left = SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS; left > 0; left--) {
-    if (scene_running_func()) {
+public:
+  explicit Rest(GCancellable *cancellable) : cancellable_(cancellable)
+  {
+    g_mutex_init(&lock_);
+    g_cond_init(&cancelled_);
+    if (cancellable_ != nullptr) {
+      handler_id_ = g_cancellable_connect(cancellable_, G_CALLBACK(on_cancelled), this, nullptr);
+    }
+  }
+
+  /* g_cancellable_disconnect() waits for a callback that is running. */
+  ~Rest()
+  {
+    g_cancellable_disconnect(cancellable_, handler_id_);
+    g_cond_clear(&cancelled_);
+    g_mutex_clear(&lock_);
+  }
+
+  Rest(const Rest &) = delete;
+  Rest &operator=(const Rest &) = delete;
+
+  void until(gint64 end_us)
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
+
+    gboolean woken = TRUE;
+
+    while (woken && !g_cancellable_is_cancelled(cancellable_)) {
+      woken = g_cond_wait_until(&cancelled_, &lock_, end_us);
+    }
+  }
+
+private:
+  static void on_cancelled(GCancellable *, gpointer user_data)
+  {
+    auto *self = static_cast<Rest *>(user_data);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock_);
+
+    g_cond_signal(&self->cancelled_);
+  }
+
+  GCancellable *cancellable_; /* borrowed; may be NULL */
+  gulong handler_id_ = 0;
+  GMutex lock_;
+  GCond cancelled_;
+};
+
+/* 0 once the deadline has passed. */
+gint
+milliseconds_until(gint64 deadline_us)
+{
+  const gint64 left_us = MAX(deadline_us - g_get_monotonic_time(), 0);
+
+  return static_cast<gint>(left_us / G_TIME_SPAN_MILLISECOND);
+}
+
+/* Keeps the calling thread until its deadline at most. FALSE without an error when nobody has come by then.
+ */
+gboolean
+wait_for_scene_provider(SceneRunningFunc scene_running_func, GError **error)
+{
+  GCancellable *cancellable = g_cancellable_get_current();
+  Rest rest(cancellable);
+  const gint64 deadline_us =
+      g_get_monotonic_time() + SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS * G_TIME_SPAN_SECOND;
+
+  for (gint left_ms = milliseconds_until(deadline_us); left_ms > 0;
+       left_ms = milliseconds_until(deadline_us)) {
+    g_autoptr(GError) shortage = nullptr;
+    if (scene_running_func(MIN(left_ms, SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS), cancellable, &shortage)) {
       return TRUE;
     }
-    g_usleep(G_USEC_PER_SEC);
+    if (shortage != nullptr) {
+      g_propagate_error(error, g_steal_pointer(&shortage));
+      return FALSE;
+    }
+    rest.until(MIN(deadline_us, g_get_monotonic_time() + PROBE_INTERVAL_US));
+    if (g_cancellable_set_error_if_cancelled(cancellable, error)) {
+      return FALSE;
+    }
   }
   syslog(LOG_WARNING, "No scene provider available, skipping analytics.");
-  /* Asked once more behind the last second, but too late whatever it answers: deliberate and kept. */
-  scene_running_func();
+  /* Asked once more behind the deadline, too late whatever the answer is: deliberate and kept. Nobody waits
+   * for the answer. */
+  scene_running_func(0, cancellable, nullptr);
   return FALSE;
 }
 
@@ -178,7 +259,7 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
 
   if (!parse_request(params, &request, error) ||
       !scene_source_is_enabled(self->producers, PRODUCER, request.channel, &source_name) ||
-      !wait_for_scene_provider(self->scene_running_func)) {
+      !wait_for_scene_provider(self->scene_running_func, error)) {
     return nullptr;
   }
   /* Scenes that may be turned the wrong way are none, and not worth a word to a client that gets its other

@@ -18,7 +18,7 @@ from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, INVALID
 from scenes import (BUSY_SECONDS, NO_ROTATION, RADAR, RADAR_ROUNDING, ROUNDING, VIDEO, Tracks, is_inside,
                     objects_of, rotate, seen_by_radar)
 from simcamera import CAPTURE, PTZ, SCENES
-from waiting import wait_until, wait_until_settled
+from waiting import suspended, wait_until, wait_until_settled
 
 WITH_BOXES, WITH_POLYGONS = 1, 2
 
@@ -387,6 +387,18 @@ def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, sta
             start_and_expect_frames(client)
     for daemon in daemons:
         assert daemon.log.take() == []
+
+
+def test_provider_that_hangs_is_asked_again_and_again(camera, monitor, start_scene_daemon):
+    daemon = start_scene_daemon(VIDEO, "one")
+    with daemon.client() as client:
+        with suspended(camera.process):
+            client.request(header(analytics=1))
+            wait_until(lambda: monitor.calls >= 4, "the daemon looks for the provider four times")
+            assert not client.is_answered()
+
+        start_and_expect_frames(client)
+    assert daemon.log.take() == []
 
 
 def test_requests_that_wait_keep_those_behind_them(camera, start_scene_daemon):

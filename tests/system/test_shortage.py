@@ -48,9 +48,6 @@ KINDS = {
     "all": {"event": 1, "ptz": 1, "analytics": 2, "video_channel": FULL_CHANNEL},
 }
 
-# With too few descriptors to ask the scene service, a request for video scenes waits for it.
-WAITING_KINDS = ("scenes", "all")
-
 # The external producers, each enabled where any is.
 EXTERNAL = ("First", "Second", "Third")
 
@@ -128,16 +125,11 @@ def expect_only_shortages(daemon, began, without_any=0):
     assert 1 <= len(warnings) <= 1 + (time.monotonic() - began) / WARNING_SECONDS
 
 
-def numbers_of_descriptors(kind):
-    """Every number up to one that is enough, but none that makes a request wait."""
-    return [*range(TOO_FEW if kind in WAITING_KINDS else ENOUGH), ENOUGH]
-
-
 @pytest.mark.parametrize("kind", KINDS)
 def test_every_number_of_free_descriptors_serves_or_refuses(full_daemon, kind):
     began = time.monotonic()
     served = {}
-    for count in numbers_of_descriptors(kind):
+    for count in range(ENOUGH + 1):
         with free_descriptors(full_daemon, count):
             served[count] = ask_and_read(full_daemon, KINDS[kind])
             expect_idle(full_daemon)
@@ -181,7 +173,6 @@ REQUEST_THREADS = 2
 
 CROWD = 150
 CROWD_LIMIT = 512
-CROWD_KINDS = [kind for kind in KINDS if kind not in WAITING_KINDS]
 
 # How many may wait for their replies at a time; beyond what the daemon keeps waiting, some would have none.
 AT_ONCE = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS")
@@ -199,7 +190,7 @@ def test_each_client_of_a_crowd_is_answered(full_daemon):
             return client, reply == "OK"
 
         with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
-            asked = list(clients.map(ask_for, itertools.islice(itertools.cycle(CROWD_KINDS), CROWD)))
+            asked = list(clients.map(ask_for, itertools.islice(itertools.cycle(KINDS), CROWD)))
 
         served = [client for client, is_served in asked if is_served]
         assert 0 < len(served) < CROWD

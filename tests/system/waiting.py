@@ -1,5 +1,7 @@
-"""Waiting for conditions, always with a bound."""
+"""Waiting for conditions, always with a bound; and keeping others waiting."""
 
+import contextlib
+import signal
 import threading
 import time
 
@@ -38,3 +40,13 @@ def wait_until_settled(measure, what, seconds=1):
 
     wait_until(settled, what)
     return seen[0]
+
+
+@contextlib.contextmanager
+def suspended(process):
+    """While this lasts, the process keeps everything that it has and does nothing."""
+    process.send_signal(signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        process.send_signal(signal.SIGCONT)

@@ -34,7 +34,10 @@ std::function<void()> bus_watch_hook;
 std::function<void()> empty_read_hook;
 std::function<void()> flush_hook;
 std::function<void()> fsync_hook;
-std::function<void(gulong)> rest_hook;
+std::function<void(gint64)> rest_hook;
+gint64 stopped_clock_us;
+std::atomic<bool> rests_are_endless = false;
+thread_local gint64 spent_us;
 thread_local std::function<void()> unlock_hook;
 
 struct TimeOut {
@@ -216,10 +219,12 @@ after_empty_reads(std::function<void()> hook)
   empty_read_hook = std::move(hook);
 }
 
-Rests::Rests(std::function<void(gulong us)> rest)
+Rests::Rests(std::function<void(gint64 us)> rest)
 {
+  const gint64 now_us = g_get_monotonic_time();
   std::lock_guard guard(lock);
 
+  stopped_clock_us = now_us;
   rest_hook = std::move(rest);
 }
 
@@ -228,6 +233,22 @@ Rests::~Rests()
   std::lock_guard guard(lock);
 
   rest_hook = nullptr;
+}
+
+void
+Rests::spend(gint64 us)
+{
+  spent_us += us;
+}
+
+EndlessRests::EndlessRests()
+{
+  rests_are_endless = true;
+}
+
+EndlessRests::~EndlessRests()
+{
+  rests_are_endless = false;
 }
 
 ShortSeconds::ShortSeconds()
@@ -324,14 +345,16 @@ gulong __wrap_g_signal_connect_object(gpointer instance, const gchar *signal, GC
                                       gpointer object, GConnectFlags flags);
 guint __real_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
 guint __wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_data);
+gboolean __real_g_cond_wait_until(GCond *cond, GMutex *mutex, gint64 end_time);
+gboolean __wrap_g_cond_wait_until(GCond *cond, GMutex *mutex, gint64 end_time);
+gint64 __real_g_get_monotonic_time(void);
+gint64 __wrap_g_get_monotonic_time(void);
 void __real_g_mutex_unlock(GMutex *mutex);
 void __wrap_g_mutex_unlock(GMutex *mutex);
 gpointer __real_g_try_malloc(gsize size);
 gpointer __wrap_g_try_malloc(gsize size);
 gpointer __real_g_try_malloc0(gsize size);
 gpointer __wrap_g_try_malloc0(gsize size);
-void __real_g_usleep(gulong us);
-void __wrap_g_usleep(gulong us);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
                                            gint max_threads, gboolean exclusive, GError **error);
 GThreadPool *__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -542,6 +565,38 @@ __wrap_g_timeout_add_seconds(guint seconds, GSourceFunc function, gpointer user_
   return id;
 }
 
+gboolean
+__wrap_g_cond_wait_until(GCond *cond, GMutex *mutex, gint64 end_time)
+{
+  if (rests_are_endless) {
+    g_cond_wait(cond, mutex);
+    return TRUE;
+  }
+
+  const gint64 us = end_time - g_get_monotonic_time();
+  std::function<void(gint64)> rest;
+  {
+    std::lock_guard guard(lock);
+    rest = rest_hook;
+  }
+  if (!rest) {
+    return __real_g_cond_wait_until(cond, mutex, end_time);
+  }
+  faults::Rests::spend(us);
+  g_mutex_unlock(mutex);
+  rest(us);
+  g_mutex_lock(mutex);
+  return FALSE;
+}
+
+gint64
+__wrap_g_get_monotonic_time(void)
+{
+  std::lock_guard guard(lock);
+
+  return rest_hook ? stopped_clock_us + spent_us : __real_g_get_monotonic_time();
+}
+
 void
 __wrap_g_mutex_unlock(GMutex *mutex)
 {
@@ -561,19 +616,6 @@ gpointer
 __wrap_g_try_malloc0(gsize size)
 {
   return take_failure(faults::Call::TRY_MALLOC0) ? nullptr : __real_g_try_malloc0(size);
-}
-
-void
-__wrap_g_usleep(gulong us)
-{
-  std::function<void(gulong)> rest = __real_g_usleep;
-  {
-    std::lock_guard guard(lock);
-    if (rest_hook) {
-      rest = rest_hook;
-    }
-  }
-  rest(us);
 }
 
 GThreadPool *

@@ -83,17 +83,32 @@ void after_next_flush(std::function<void()> hook);
  */
 void after_empty_reads(std::function<void()> hook);
 
-/* Stands in for every rest that a thread takes with g_usleep(), as long as this object lives. There is one at
- * a time.
+/* Stands in for the clock and for every rest that a thread takes with g_cond_wait_until(), as long as this
+ * object lives. The clock stands still but for the time that the thread which looks at it has rested and
+ * spent. There is one at a time.
  */
 class Rests
 {
 public:
-  /* Called on the resting thread with the length in microseconds. */
-  explicit Rests(std::function<void(gulong us)> rest);
+  /* Called on the resting thread with the length in microseconds, in place of the wait. */
+  explicit Rests(std::function<void(gint64 us)> rest);
   ~Rests();
   Rests(const Rests &) = delete;
   Rests &operator=(const Rests &) = delete;
+
+  /* Lets time pass for the calling thread. */
+  static void spend(gint64 us);
+};
+
+/* Takes the end off every rest that a thread takes with g_cond_wait_until(), as long as this object lives:
+ * only another thread can end it. There is one at a time. */
+class EndlessRests
+{
+public:
+  EndlessRests();
+  ~EndlessRests();
+  EndlessRests(const EndlessRests &) = delete;
+  EndlessRests &operator=(const EndlessRests &) = delete;
 };
 
 /* Makes the seconds of every time-out that begins milliseconds, as long as this object lives. There is one at

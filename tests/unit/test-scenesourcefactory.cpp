@@ -8,7 +8,9 @@
 #include <barrier>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <syslog.h>
+#include <unistd.h>
 
 using testelements::ReplacedFactory;
 using testelements::Unusable;
@@ -27,6 +29,7 @@ constexpr const char *TRACKER = "VideoMotionTracker";
 constexpr gint32 MOVE_CAPABILITIES = -9;
 constexpr gsize SAMPLE_FRAME_LENGTH = 860;
 constexpr guint MAX_WAIT_SECONDS = 300;
+constexpr gint64 MAX_WAIT_US = MAX_WAIT_SECONDS * G_TIME_SPAN_SECOND;
 constexpr const char *WAITED_IN_VAIN = "No scene provider available, skipping analytics.";
 
 constexpr BinNames NAMES = {"scenesrcfactorybin", "scenesrc", "scenefilter", "scene2xml"};
@@ -59,19 +62,27 @@ out_of_bounds(const std::string &start, const std::string &value)
 class Waiting
 {
 public:
-  gboolean probe()
+  /* One question whether a provider is running. */
+  struct Probe {
+    gsize number; /* from 1 */
+    gint timeout_ms;
+    GCancellable *cancellable; /* borrowed */
+    GError **error;
+  };
+
+  gboolean probe(gint timeout_ms, GCancellable *cancellable, GError **error)
   {
-    std::function<bool(gsize)> is_running;
+    std::function<bool(const Probe &)> is_running;
     gsize number = 0;
     {
       std::lock_guard guard(lock_);
       number = ++probes_;
       is_running = is_running_;
     }
-    return is_running(number);
+    return is_running({number, timeout_ms, cancellable, error});
   }
 
-  void rest(gulong us)
+  void rest(gint64 us)
   {
     std::function<void()> while_resting;
     {
@@ -82,8 +93,7 @@ public:
     while_resting();
   }
 
-  /* Decides by the number of the probe, from 1. */
-  void set_running(std::function<bool(gsize)> is_running)
+  void set_running(std::function<bool(const Probe &)> is_running)
   {
     std::lock_guard guard(lock_);
     is_running_ = std::move(is_running);
@@ -101,7 +111,7 @@ public:
     return probes_;
   }
 
-  std::vector<gulong> rests()
+  std::vector<gint64> rests()
   {
     std::lock_guard guard(lock_);
     return rests_;
@@ -110,19 +120,48 @@ public:
 private:
   std::mutex lock_;
   gsize probes_ = 0;
-  std::vector<gulong> rests_;
-  std::function<bool(gsize)> is_running_ = [](gsize) { return true; };
+  std::vector<gint64> rests_;
+  std::function<bool(const Probe &)> is_running_ = [](const Probe &) { return true; };
   std::function<void()> while_resting_ = [] {};
 };
+
+using Probe = Waiting::Probe;
 
 /* The factory's probe is a plain function. */
 Waiting *waiting;
 
 gboolean
-probe()
+probe(gint timeout_ms, GCancellable *cancellable, GError **error)
 {
-  return waiting->probe();
+  return waiting->probe(timeout_ms, cancellable, error);
 }
+
+bool
+never(const Probe &)
+{
+  return false;
+}
+
+/* Makes a cancellable the current one of the calling thread. */
+class Current
+{
+public:
+  explicit Current(GCancellable *cancellable) : cancellable_(cancellable)
+  {
+    g_cancellable_push_current(cancellable_);
+  }
+
+  ~Current()
+  {
+    g_cancellable_pop_current(cancellable_);
+  }
+
+  Current(const Current &) = delete;
+  Current &operator=(const Current &) = delete;
+
+private:
+  GCancellable *cancellable_; /* borrowed */
+};
 
 class SceneSourceFactoryTest : public testscenes::Fixture
 {
@@ -136,6 +175,7 @@ protected:
 
   void TearDown() override
   {
+    rests_.reset();
     waiting = nullptr;
     testscenes::Fixture::TearDown();
   }
@@ -148,10 +188,19 @@ protected:
     EXPECT_EQ(capture().take_calls(), Texts());
   }
 
-  Waiting waiting_;
+  /* The request fails because it was cancelled, after so many probes. */
+  void expect_cancelled(gsize probes)
+  {
+    const Answer answer = ask({{"analytics", "1"}});
 
-private:
-  faults::Rests rests_{[this](gulong us) { waiting_.rest(us); }};
+    EXPECT_EQ(answer.source, nullptr);
+    EXPECT_TRUE(g_error_matches(answer.error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
+    EXPECT_EQ(waiting_.probes(), probes);
+    EXPECT_EQ(capture().take_calls(), Texts());
+  }
+
+  Waiting waiting_;
+  std::optional<faults::Rests> rests_{[this](gint64 us) { waiting_.rest(us); }};
 };
 
 } // namespace
@@ -177,6 +226,8 @@ TEST_F(SceneSourceFactoryTest, NeedsAProbe)
 TEST_F(SceneSourceFactoryTest, DocumentsHowLongARequestWaits)
 {
   EXPECT_EQ(SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS, MAX_WAIT_SECONDS);
+  EXPECT_EQ(SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS, 1000);
+  EXPECT_EQ(SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS, 1000);
 }
 
 /* The producer. */
@@ -287,7 +338,7 @@ TEST_F(SceneSourceFactoryTest, TellsTheFirstBadParameterOfAnalyticsChannelPtzPan
 
 TEST_F(SceneSourceFactoryTest, DeclinesAChannelThatIsNotEnabledAtOnce)
 {
-  waiting_.set_running([](gsize) { return false; });
+  waiting_.set_running(never);
 
   expect_declined({{"analytics", "1"}, {"video_channel", "2"}});
   expect_nobody_asked();
@@ -339,32 +390,32 @@ TEST_F(SceneSourceFactoryTest, AsksForAProviderOnceWhenThereIsOne)
 
 TEST_F(SceneSourceFactoryTest, WaitsForAProviderThatComesAfterThreeProbes)
 {
-  waiting_.set_running([](gsize number) { return number == 4; });
+  waiting_.set_running([](const Probe &probe) { return probe.number == 4; });
   waiting_.set_while_resting([this] { EXPECT_EQ(capture().calls_size(), 0U); });
   const Answer answer = ask({{"analytics", "1"}});
 
   EXPECT_NE(answer.source, nullptr);
   EXPECT_EQ(waiting_.probes(), 4U);
-  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(3, 1000000));
+  EXPECT_EQ(waiting_.rests(), std::vector<gint64>(3, 1000000));
 }
 
 TEST_F(SceneSourceFactoryTest, TakesAProviderThatComesWithTheLastProbeThatCounts)
 {
-  waiting_.set_running([](gsize number) { return number == MAX_WAIT_SECONDS; });
+  waiting_.set_running([](const Probe &probe) { return probe.number == MAX_WAIT_SECONDS; });
   const Answer answer = ask({{"analytics", "1"}});
 
   EXPECT_NE(answer.source, nullptr);
   EXPECT_EQ(waiting_.probes(), MAX_WAIT_SECONDS);
-  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(MAX_WAIT_SECONDS - 1, 1000000));
+  EXPECT_EQ(waiting_.rests(), std::vector<gint64>(MAX_WAIT_SECONDS - 1, 1000000));
 }
 
 TEST_F(SceneSourceFactoryTest, GivesUpAfterFiveMinutesWithOneWarning)
 {
-  waiting_.set_running([](gsize) { return false; });
+  waiting_.set_running(never);
 
   expect_declined({{"analytics", "1"}});
   EXPECT_EQ(waiting_.probes(), MAX_WAIT_SECONDS + 1);
-  EXPECT_EQ(waiting_.rests(), std::vector<gulong>(MAX_WAIT_SECONDS, 1000000));
+  EXPECT_EQ(waiting_.rests(), std::vector<gint64>(MAX_WAIT_SECONDS, 1000000));
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}}));
   EXPECT_EQ(capture().take_calls(), Texts());
 }
@@ -374,9 +425,9 @@ TEST_F(SceneSourceFactoryTest, WarnsBeforeTheLastProbeAndDoesNotHeedIt)
   gsize lines_at_last_rest = 1;
   gsize lines_at_last_probe = 0;
   waiting_.set_while_resting([&] { lines_at_last_rest = testhost::syslog_size(); });
-  waiting_.set_running([&](gsize number) {
+  waiting_.set_running([&](const Probe &probe) {
     lines_at_last_probe = testhost::syslog_size();
-    return number > MAX_WAIT_SECONDS;
+    return probe.number > MAX_WAIT_SECONDS;
   });
 
   expect_declined({{"analytics", "1"}});
@@ -390,7 +441,7 @@ TEST_F(SceneSourceFactoryTest, WarnsBeforeTheLastProbeAndDoesNotHeedIt)
 TEST_F(SceneSourceFactoryTest, LetsTwoRequestsWaitAtOnceEachForItself)
 {
   std::barrier both(2);
-  waiting_.set_running([](gsize) { return false; });
+  waiting_.set_running(never);
   waiting_.set_while_resting([&] { both.arrive_and_wait(); });
 
   auto other = std::async(std::launch::async, [this] {
@@ -409,7 +460,8 @@ TEST_F(SceneSourceFactoryTest, BuildsForOneRequestWhileAnotherWaits)
   std::promise<void> resting;
   std::promise<void> built;
   const auto first = std::this_thread::get_id();
-  waiting_.set_running([=](gsize number) { return number > 1 || std::this_thread::get_id() == first; });
+  waiting_.set_running(
+      [=](const Probe &probe) { return probe.number > 1 || std::this_thread::get_id() == first; });
   waiting_.set_while_resting([&] {
     resting.set_value();
     built.get_future().wait();
@@ -427,6 +479,148 @@ TEST_F(SceneSourceFactoryTest, BuildsForOneRequestWhileAnotherWaits)
   EXPECT_EQ(capture().take_calls().size(), 1U);
   built.set_value();
   EXPECT_TRUE(other.get());
+  EXPECT_EQ(waiting_.rests().size(), 1U);
+}
+
+/* A second without an answer and a second of rest, again and again. */
+TEST_F(SceneSourceFactoryTest, GivesUpAfterFiveMinutesOfAProviderThatHangs)
+{
+  std::vector<gint> time_outs;
+  waiting_.set_running([&](const Probe &probe) {
+    time_outs.push_back(probe.timeout_ms);
+    faults::Rests::spend(probe.timeout_ms * G_TIME_SPAN_MILLISECOND);
+    return false;
+  });
+  std::vector<gint> expected(MAX_WAIT_SECONDS / 2, 1000);
+  expected.push_back(0);
+  const gint64 begin_us = g_get_monotonic_time();
+
+  expect_declined({{"analytics", "1"}});
+  EXPECT_EQ(g_get_monotonic_time() - begin_us, MAX_WAIT_US);
+  EXPECT_EQ(time_outs, expected);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}}));
+}
+
+/* The first probe takes its time, for whatever reason. */
+TEST_F(SceneSourceFactoryTest, NeitherProbesNorRestsBeyondTheDeadline)
+{
+  for (const gint64 left_us : {G_TIME_SPAN_SECOND / 2, G_TIME_SPAN_SECOND * 3 / 2}) {
+    std::vector<gint> time_outs;
+    waiting_.set_running([&](const Probe &probe) {
+      const gint64 taken_us = time_outs.empty() ? MAX_WAIT_US - left_us : 0;
+      time_outs.push_back(probe.timeout_ms);
+      faults::Rests::spend(taken_us);
+      return false;
+    });
+    const gint64 begin_us = g_get_monotonic_time();
+
+    expect_declined({{"analytics", "1"}});
+    EXPECT_EQ(g_get_monotonic_time() - begin_us, MAX_WAIT_US);
+    EXPECT_EQ(time_outs, left_us < G_TIME_SPAN_SECOND ? (std::vector<gint>{1000, 0})
+                                                      : (std::vector<gint>{1000, 500, 0}));
+    EXPECT_EQ(waiting_.rests().back(), G_TIME_SPAN_SECOND / 2);
+    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, WAITED_IN_VAIN}}));
+  }
+}
+
+TEST_F(SceneSourceFactoryTest, FailsAtOnceWhenTooFewDescriptorsAreFreeToLookForAProvider)
+{
+  constexpr gsize LAST = 3;
+  waiting_.set_running([](const Probe &probe) {
+    if (probe.number == LAST) {
+      g_set_error_literal(probe.error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES, "None left");
+    }
+    return false;
+  });
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_EQ(answer.source, nullptr);
+  ASSERT_TRUE(g_error_matches(answer.error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
+  EXPECT_STREQ(answer.error->message, "None left");
+  EXPECT_EQ(waiting_.probes(), LAST);
+  EXPECT_EQ(waiting_.rests().size(), LAST - 1);
+  EXPECT_EQ(capture().take_calls(), Texts());
+}
+
+/* The end of the wait. */
+
+TEST_F(SceneSourceFactoryTest, HandsTheCurrentCancellableToTheProbe)
+{
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  std::vector<GCancellable *> given;
+  waiting_.set_running([&](const Probe &probe) {
+    given.push_back(probe.cancellable);
+    return probe.number != 1;
+  });
+  {
+    const Current current(cancellable);
+    const Answer answer = ask({{"analytics", "1"}});
+    EXPECT_NE(answer.source, nullptr);
+  }
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
+  EXPECT_EQ(given, (std::vector<GCancellable *>{cancellable, cancellable, nullptr}));
+  EXPECT_FALSE(
+      g_signal_has_handler_pending(cancellable, g_signal_lookup("cancelled", G_TYPE_CANCELLABLE), 0, TRUE));
+}
+
+TEST_F(SceneSourceFactoryTest, EndsWithARequestThatIsCancelledWhileItIsProbed)
+{
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  const Current current(cancellable);
+  waiting_.set_running([=](const Probe &probe) {
+    if (probe.number == 2) {
+      g_cancellable_cancel(cancellable);
+    }
+    return false;
+  });
+
+  expect_cancelled(2);
+  EXPECT_EQ(waiting_.rests().size(), 1U);
+}
+
+TEST_F(SceneSourceFactoryTest, EndsWithARequestThatIsCancelledAlready)
+{
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  const Current current(cancellable);
+  waiting_.set_running(never);
+  g_cancellable_cancel(cancellable);
+
+  expect_cancelled(1);
+  EXPECT_EQ(waiting_.rests().size(), 0U);
+}
+
+/* The rest itself would never end. */
+TEST_F(SceneSourceFactoryTest, WakesFromARestWhenTheRequestIsCancelled)
+{
+  rests_.reset();
+  const faults::EndlessRests rests;
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  std::promise<pid_t> tid;
+  std::future<pid_t> asked = tid.get_future();
+  waiting_.set_running(never);
+
+  auto request = std::async(std::launch::async, [&] {
+    const Current current(cancellable);
+    tid.set_value(gettid());
+    expect_cancelled(1);
+  });
+  EXPECT_TRUE(testhost::wait_until_asleep(asked.get()));
+  g_cancellable_cancel(cancellable);
+  request.get();
+}
+
+TEST_F(SceneSourceFactoryTest, RestsWithoutADescriptor)
+{
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  const Current current(cancellable);
+  const std::set<int> before = testhost::open_descriptors();
+  waiting_.set_running([](const Probe &probe) { return probe.number == 2; });
+  waiting_.set_while_resting([&] { EXPECT_EQ(testhost::open_descriptors(), before); });
+  const Answer answer = ask({{"analytics", "1"}});
+
+  EXPECT_NE(answer.source, nullptr);
   EXPECT_EQ(waiting_.rests().size(), 1U);
 }
 
