@@ -4,9 +4,15 @@
  *
  * Who keeps it alive. The request's handler holds the reference that made the manager and drops it once the
  * client is streaming. The blocking probe, the socket watch and the bus watch each hold one while they are
- * installed; a sync point on its way holds one until it is delivered. Whoever sees the end first, a watch or
- * a prepare whose pipeline refuses to play, takes the others away, and finalisation closes the descriptor.
- * Nothing else closes it, and no element can keep the manager from being finalised.
+ * installed; a sync point on its way holds one until it is delivered; the line of ends holds one. Whoever
+ * sees the end first, a watch or a prepare whose pipeline refuses to play, takes the others away, and
+ * finalisation closes the descriptor. Nothing else closes it, and no element can keep the manager from being
+ * finalised.
+ *
+ * How it ends. Taking a pipeline down stops its threads and waits for them, which takes milliseconds, and
+ * many clients may go at once. So the watch that sees the end only detaches the client: both watches go, its
+ * stream is closed, a prepare that waits comes back. The manager then stands in line, and each turn of the
+ * main loop takes a bounded number of pipelines down.
  *
  * What does not stop. An element may fail on its way to NULL, and its pipeline with it. Then every element is
  * stopped singly, and one that refuses still is taken out of the pipeline and left behind, alone, with
@@ -107,6 +113,10 @@ constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
     {"gdppay", nullptr},
     {"fdsink", SINK_NAME},
 }};
+
+/* The managers whose pipelines are to be taken down, oldest first, with a reference to each. The main
+ * thread's alone. */
+GQueue ends = G_QUEUE_INIT;
 
 struct ObjectUnref {
   void operator()(gpointer object) const
@@ -431,8 +441,7 @@ remove_watches(ConnectionManager *conn, StopSide side)
   }
 }
 
-/* Drops the sync points that wait; no more can come, because the main thread, which takes them in, is here.
- * TRUE when one is under way. */
+/* Drops the sync points that wait; no more can come without the socket watch. TRUE when one is under way. */
 gboolean
 cancel_sync_points(ConnectionManager *conn)
 {
@@ -458,23 +467,61 @@ stop_behind_document(ConnectionManager *conn)
   }
 }
 
-/* The end of the stream, on the main thread, from inside one of the two watches. The calling watch's
- * reference keeps the manager until its callback returns. */
+/* Takes the pipeline of a manager down whose client is detached. */
 void
-stop(ConnectionManager *conn, StopSide side)
+stop(ConnectionManager *conn)
 {
   if (cancel_sync_points(conn)) {
     stop_behind_document(conn);
   }
   stop_pipeline(conn);
-  remove_watches(conn, side);
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
-  /* After an error start does nothing any more, so the hold has to go here. */
   release_hold(conn);
-  if (conn->priv->status != CONNECTION_MANAGER_STATUS_ERROR) {
-    set_status(conn, CONNECTION_MANAGER_STATUS_STOPPED);
+}
+
+/* Every turn of the main loop calls this once while somebody stands in line, whatever else it dispatches. */
+gboolean
+on_turn(gpointer user_data)
+{
+  for (guint i = 0; i < CONNECTION_MANAGER_MAX_ENDS_PER_TURN && !g_queue_is_empty(&ends); i++) {
+    g_autoptr(ConnectionManager) conn = CONNECTION_MANAGER(g_queue_pop_head(&ends));
+    stop(conn);
   }
+  return g_queue_is_empty(&ends) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
+
+void
+stand_in_line(ConnectionManager *conn)
+{
+  if (g_queue_is_empty(&ends)) {
+    g_idle_add_full(G_PRIORITY_DEFAULT, on_turn, nullptr, nullptr);
+  }
+  g_queue_push_tail(&ends, g_object_ref(conn));
+}
+
+/* Nobody waits for the client from here on. TRUE when it has been streaming. */
+gboolean
+set_ended(ConnectionManager *conn, ConnectionManagerStatus status)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
+  const gboolean was_started = conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED;
+
+  set_status(conn, status);
+  return was_started;
+}
+
+/* The end of the stream, on the main thread, from inside one of the two watches. The calling watch's
+ * reference keeps the manager until its callback returns. A client that has only closed its writing half is
+ * told nothing more while its pipeline stands in line; before the start, the reply is still to come. */
+void
+end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
+{
+  remove_watches(conn, side);
+  if (set_ended(conn, status)) {
+    shutdown(conn->priv->fd, SHUT_WR);
+  }
+  stand_in_line(conn);
 }
 
 /* Reads what has arrived, once and without waiting: a line that the client leaves unfinished stays with the
@@ -661,7 +708,7 @@ on_socket(gint fd, GIOCondition condition, gpointer user_data)
     return G_SOURCE_CONTINUE;
   }
   if (!read_client_input(conn, &syncs)) {
-    stop(conn, SOCKET_SIDE);
+    end(conn, SOCKET_SIDE, CONNECTION_MANAGER_STATUS_STOPPED);
     return G_SOURCE_REMOVE;
   }
   for (guint i = 0; i < syncs; i++) {
@@ -680,18 +727,15 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
   }
   switch (GST_MESSAGE_TYPE(message)) {
   case GST_MESSAGE_EOS:
-    break;
-  case GST_MESSAGE_ERROR: {
+    end(conn, BUS_SIDE, CONNECTION_MANAGER_STATUS_STOPPED);
+    return G_SOURCE_REMOVE;
+  case GST_MESSAGE_ERROR:
     log_pipeline_error(message);
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
-    set_status(conn, CONNECTION_MANAGER_STATUS_ERROR);
-    break;
-  }
+    end(conn, BUS_SIDE, CONNECTION_MANAGER_STATUS_ERROR);
+    return G_SOURCE_REMOVE;
   default:
     return G_SOURCE_CONTINUE;
   }
-  stop(conn, BUS_SIDE);
-  return G_SOURCE_REMOVE;
 }
 
 void
@@ -749,8 +793,8 @@ play(ConnectionManager *conn, gboolean *needs_data)
 }
 
 /* Waits until the first data is held at the sink, without a limit: some kinds of metadata have nothing to say
- * for long. The client ends the wait by hanging up. FALSE when the pipeline has come to an end, which the
- * stop routine takes care of. */
+ * for long. The client ends the wait by hanging up. FALSE when the stream has come to an end, which the main
+ * thread takes care of. */
 gboolean
 wait_for_preroll(ConnectionManager *conn)
 {
@@ -844,7 +888,8 @@ connection_manager_announce_start(ConnectionManager *conn)
  * @conn: (transfer none): a prepared manager
  *
  * Releases the hold at the sink, so that data flows to the client. To be called right after the client has
- * been told "OK". When the pipeline has stopped meanwhile, only the hold goes. Any thread.
+ * been told "OK". When the stream has ended meanwhile, nothing flows, and the hold goes with the pipeline.
+ * Any thread.
  *
  * Warnings: "conn != NULL" is a precondition.
  */
@@ -854,16 +899,9 @@ connection_manager_start(ConnectionManager *conn)
   g_return_if_fail(conn != NULL);
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&conn->priv->lock);
-  switch (conn->priv->status) {
-  case CONNECTION_MANAGER_STATUS_PREPARED:
+  if (conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARED) {
     release_hold(conn);
     set_status(conn, CONNECTION_MANAGER_STATUS_STARTED);
     start_delivering(conn);
-    break;
-  case CONNECTION_MANAGER_STATUS_STOPPED:
-    release_hold(conn);
-    break;
-  default:
-    break;
   }
 }

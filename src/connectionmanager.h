@@ -20,6 +20,13 @@ G_BEGIN_DECLS
  */
 #define CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS 16
 
+/**
+ * CONNECTION_MANAGER_MAX_ENDS_PER_TURN:
+ *
+ * How many pipelines are taken down in one turn of the main loop. The others that have ended wait in line.
+ */
+#define CONNECTION_MANAGER_MAX_ENDS_PER_TURN 1
+
 #define CONNECTION_TYPE_MANAGER (connection_manager_get_type())
 G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
 

@@ -12,7 +12,7 @@ from client import stuck_client
 from daemon import NOTHING_ASKED, WARNING
 from documents import INITIALIZED
 from installation import documented_limit
-from waiting import BOUND_SECONDS, wait_until, wait_until_settled
+from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
 
 REQUEST_THREADS = 2
 MAX_WAITING = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS") + 1
@@ -146,6 +146,35 @@ def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
     wait_until(lambda: frugal_daemon.threads() <= threads + SPARE_THREADS, "the clients' threads have ended")
     wait_until(lambda: frugal_daemon.resident_bytes() <= resident + RESIDENT_TOLERANCE, "the clients' memory is free")
     assert frugal_daemon.log.take() == []
+
+
+# Clients that end at once, the limit of descriptors that fits them, and how many answers the daemon gives others between
+# the ends at least.
+ENDING = 250
+ENDING_LIMIT = 2048
+ANSWERS_BETWEEN = 5
+
+
+def test_clients_that_end_at_once_keep_nobody(start_daemon, tool):
+    daemon = start_daemon()
+    daemon.limit_descriptors(ENDING_LIMIT)
+    with contextlib.ExitStack() as stack:
+        clients = []
+        for _ in range(ENDING):
+            clients.append(stack.enter_context(daemon.client()))
+            clients[-1].start()
+        with suspended(daemon.process):
+            for client in clients:
+                client.close_writing()
+        answers = 0
+        deadline = time.monotonic() + BOUND_SECONDS
+        while daemon.descriptors() > daemon.idle_descriptors and time.monotonic() < deadline:
+            tool.objects()
+            answers += 1
+        for client in clients:
+            client.read_to_end()
+    expect_nothing_left(daemon)
+    assert answers > ANSWERS_BETWEEN
 
 
 # Clients that do not read

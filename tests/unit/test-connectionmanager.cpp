@@ -5,6 +5,7 @@
 #include "testelements.h"
 #include "testhost.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <future>
 #include <glib-unix.h>
@@ -1180,6 +1181,106 @@ TEST_F(ConnectionManagerEndTest, HalfCloseByAClientThatDoesNotRead)
   EXPECT_TRUE(testhost::spin_until([&] { return !connection.observed.alive(); }));
   EXPECT_LT(meter.longest_us(), G_TIME_SPAN_SECOND);
   connection.expect_end();
+}
+
+/* Many ends at once. */
+
+namespace
+{
+
+/* One turn of the main loop, which dispatches everything that is ready when it begins. */
+void
+turn()
+{
+  g_main_context_iteration(nullptr, FALSE);
+}
+
+gsize
+count_alive(const std::vector<std::unique_ptr<Connection>> &connections)
+{
+  return std::ranges::count_if(connections,
+                               [](const auto &connection) { return connection->observed.alive(); });
+}
+
+} // namespace
+
+TEST_F(ConnectionManagerEndTest, TakesDownItsShareOfPipelinesInEachTurn)
+{
+  constexpr gsize CLIENTS = 20;
+  std::vector<std::unique_ptr<Connection>> connections;
+  for (gsize i = 0; i < CLIENTS; i++) {
+    connections.push_back(std::make_unique<Connection>(Behaviour::ONE_BUFFER));
+    connections.back()->stream();
+    connections.back()->release();
+  }
+  testhost::dispatch_ready();
+
+  for (gsize i = 0; i < CLIENTS; i += 2) {
+    connections[i]->client.hang_up();
+    GST_ELEMENT_ERROR(connections[i + 1]->source, RESOURCE, WRITE, ("Client gone"), (nullptr));
+  }
+  for (gsize alive = CLIENTS; alive > 0; alive = count_alive(connections)) {
+    turn();
+    ASSERT_GE(count_alive(connections) + CONNECTION_MANAGER_MAX_ENDS_PER_TURN, alive);
+  }
+}
+
+TEST_F(ConnectionManagerEndTest, DoesNotWaitForAClientInLine)
+{
+  Connection connection(Behaviour::SILENT);
+  std::promise<pid_t> tid;
+  std::future<pid_t> begun = tid.get_future();
+  auto preparing = std::async(std::launch::async, [&] {
+    tid.set_value(gettid());
+    return connection_manager_prepare(connection.manager) != FALSE;
+  });
+  ASSERT_TRUE(testhost::wait_until_asleep(begun.get()));
+  testhost::dispatch_ready();
+
+  connection.client.half_close();
+  turn();
+  ASSERT_EQ(preparing.wait_for(std::chrono::microseconds(testhost::SPIN_LIMIT_US)),
+            std::future_status::ready);
+  EXPECT_FALSE(preparing.get());
+  EXPECT_EQ(GST_STATE(connection.source), GST_STATE_PAUSED);
+  connection.expect_end();
+}
+
+TEST_F(ConnectionManagerEndTest, SendsNothingMoreToAClientInLine)
+{
+  Connection connection(Behaviour::FLOOD);
+  ASSERT_TRUE(connection.prepare());
+  connection.start();
+  ASSERT_TRUE(testhost::spin_until([&] { return GST_STATE(connection.pipeline()) == GST_STATE_PLAYING; }));
+  testhost::dispatch_ready();
+
+  connection.client.half_close();
+  turn();
+  const gint64 end_us = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+  while (!connection.client.ended() && g_get_monotonic_time() < end_us) {
+    g_thread_yield();
+  }
+  EXPECT_TRUE(connection.client.ended());
+  EXPECT_EQ(GST_STATE(connection.pipeline()), GST_STATE_PLAYING);
+  connection.expect_gone();
+}
+
+TEST_F(ConnectionManagerEndTest, StartsNothingForAClientInLine)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  ASSERT_TRUE(connection.prepare());
+  testhost::dispatch_ready();
+
+  connection.client.half_close();
+  turn();
+  connection.start();
+  const gint64 end_us = g_get_monotonic_time() + SHORT_US;
+  while (g_get_monotonic_time() < end_us) {
+    EXPECT_EQ(connection.client.received(), "");
+    g_thread_yield();
+  }
+  connection.expect_end();
+  EXPECT_EQ(connection.client.received(), "");
 }
 
 TEST_F(ConnectionManagerEndTest, LogsASocketWatchThatCannotBeRemoved)
