@@ -4,11 +4,48 @@
  *
  * No key is judged here. What a key means is the business of the source factories. Failures are reply texts,
  * not errors: they carry the client's own bytes, which need not be text.
+ *
+ * A request is scanned while its text arrives and read once it has arrived. The scan only finds out where the
+ * text ends: it keeps two positions, looks at every byte once and stores nothing, so the main loop can afford
+ * it for every client. It judges as much of a line as decides that, and request_read() ends at the same line.
  */
 #include "request.h"
 
+#include <string_view>
+
 namespace
 {
+
+constexpr std::string_view PARAGRAPH_SEPARATOR = "\xe2\x80\xa9";
+
+/* How many bytes the line end takes that @rest begins with. 0 when there is none. */
+gsize
+measure_line_end(std::string_view rest)
+{
+  switch (rest.front()) {
+  case '\n':
+  case '\0':
+    return 1;
+  case '\r':
+    return rest.starts_with("\r\n") ? 2 : 1;
+  default:
+    return rest.starts_with(PARAGRAPH_SEPARATOR) ? PARAGRAPH_SEPARATOR.size() : 0;
+  }
+}
+
+/* Whether the next byte has to tell what line end @rest begins with. */
+gboolean
+is_line_end_open(std::string_view rest)
+{
+  return rest == "\r" || (rest.size() < PARAGRAPH_SEPARATOR.size() && PARAGRAPH_SEPARATOR.starts_with(rest));
+}
+
+/* Whether a line is the last that is read: the empty line, or one that makes the request wrong. */
+gboolean
+is_last_line(std::string_view line, std::string_view line_end, gboolean is_first)
+{
+  return is_first ? line != "OPEN" || line_end != "\n" : line.find('=') == std::string_view::npos;
+}
 
 const gchar *
 message_or_nothing(const GError *error)
@@ -75,12 +112,48 @@ read_header_line(GIOChannel *channel, GHashTable *params, gchar **failure)
 } // namespace
 
 /**
+ * request_scan:
+ * @scan: (transfer none): the state of one request, as the call before left it
+ * @text: (array length=length): all that has arrived of it, what was scanned before included
+ * @length: how many bytes that is
+ * @end: (out): how many of them are the request's, set only with %TRUE
+ *
+ * Looks for the end of a request: behind its empty line, or behind the first line that makes it wrong. One
+ * thread at a time for one @scan.
+ *
+ * Returns: %TRUE when the request has ended, so that request_read() makes the same of @text up to @end
+ *   whatever follows; @scan is then of no further use
+ */
+gboolean
+request_scan(RequestScan *scan, const gchar *text, gsize length, gsize *end)
+{
+  const std::string_view arrived(text, length);
+
+  while (scan->scanned < length && !is_line_end_open(arrived.substr(scan->scanned))) {
+    const std::string_view line_end =
+        arrived.substr(scan->scanned, measure_line_end(arrived.substr(scan->scanned)));
+    if (line_end.empty()) {
+      scan->scanned++;
+      continue;
+    }
+    const std::string_view line = arrived.substr(scan->line, scan->scanned - scan->line);
+    const gboolean is_last = is_last_line(line, line_end, scan->line == 0);
+    scan->scanned += line_end.size();
+    scan->line = scan->scanned;
+    if (is_last) {
+      *end = scan->scanned;
+      return TRUE;
+    }
+  }
+  return FALSE;
+}
+
+/**
  * request_read:
- * @channel: (transfer none): the client's channel, just made
+ * @channel: (transfer none): a channel that has the request's text, just made
  * @failure: (out) (transfer full): the whole reply to a request that cannot be read, unset before
  *
- * Reads one request up to and with the empty line that ends it. Waits for the client as long as @channel
- * does. Any thread.
+ * Reads one request up to and with the empty line that ends it. Any thread.
  *
  * Returns: (transfer full) (nullable) (element-type utf8 utf8): the request's parameters, keys and values
  * owned by the table

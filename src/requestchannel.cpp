@@ -1,12 +1,9 @@
-/* The channel through which a pool thread reads one request and writes its reply.
+/* The channel between a pool thread and one client: it reads the request's text from memory, where a
+ * RequestReader has collected it, and writes the reply to the socket. So reading never waits, and GLib's line
+ * reader may read ahead.
  *
- * A GLib channel reads ahead. Here it must not: what a client sends behind its request belongs to the stream,
- * which reads the same descriptor by other means. So a read looks at what has arrived first and takes it up
- * to the next line feed only; as a request ends with a line that is a lone line feed, not one byte more than
- * the request is ever taken.
- *
- * A request is bounded in length and in time, because a client that sends without end, or nothing at all,
- * would hold one of the few pool threads. Past either bound reading fails with an error that says so.
+ * A request that did not arrive as a whole is read as far as it goes. Behind that the channel ends like the
+ * client's stream, or fails with the reason.
  */
 #include "requestchannel.h"
 
@@ -16,7 +13,6 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace
 {
@@ -31,10 +27,9 @@ constexpr gsize DISCARD_SIZE = 4096;
 struct RequestChannel {
   GIOChannel channel;
   int fd;
-  gsize max_bytes;
-  gsize bytes_left;
-  guint timeout_ms;
-  gint64 deadline; /* monotonic, microseconds */
+  const gchar *text; /* what was not read yet */
+  gsize length;
+  const gchar *failure;
   gboolean write_failed;
 };
 
@@ -57,71 +52,23 @@ fail_with_errno(GError **error)
   return G_IO_STATUS_ERROR;
 }
 
-/* Waits for @events until @deadline. Like poll(): positive when there is something to do, 0 when time is up.
- */
-int
-wait_for(int fd, short events, gint64 deadline)
-{
-  pollfd descriptor = {fd, events, 0};
-  int result = 0;
-
-  do {
-    const gint64 left_us = std::max<gint64>(deadline - g_get_monotonic_time(), 0);
-    const auto left_ms = static_cast<int>((left_us + 999) / 1000);
-    result = poll(&descriptor, 1, left_ms);
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
-
-/* How many of the bytes that have arrived, at most @count, make up the current line so far. 0 at the end of
- * the stream, negative with errno set on failure. */
-ssize_t
-peek_line(int fd, gchar *buf, gsize count)
-{
-  const ssize_t arrived = recv(fd, buf, count, MSG_PEEK | MSG_DONTWAIT);
-  if (arrived <= 0) {
-    return arrived;
-  }
-
-  const auto *line_feed = static_cast<const gchar *>(memchr(buf, '\n', arrived));
-  return line_feed == nullptr ? arrived : line_feed - buf + 1;
-}
-
 GIOStatus
 on_read(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
 {
   RequestChannel *self = from_channel(channel);
-  *bytes_read = 0;
 
-  if (self->bytes_left == 0) {
-    g_set_error(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FBIG,
-                "Request longer than %" G_GSIZE_FORMAT " bytes", self->max_bytes);
-    return G_IO_STATUS_ERROR;
+  *bytes_read = std::min(count, self->length);
+  if (*bytes_read > 0) {
+    memcpy(buf, self->text, *bytes_read);
+    self->text += *bytes_read;
+    self->length -= *bytes_read;
+    return G_IO_STATUS_NORMAL;
   }
-
-  const int ready = wait_for(self->fd, POLLIN, self->deadline);
-  if (ready < 0) {
-    return fail_with_errno(error);
-  }
-  if (ready == 0) {
-    g_set_error(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FAILED, "Request not complete within %u ms",
-                self->timeout_ms);
-    return G_IO_STATUS_ERROR;
-  }
-
-  ssize_t taken = peek_line(self->fd, buf, std::min(count, self->bytes_left));
-  if (taken > 0) {
-    taken = recv(self->fd, buf, taken, MSG_DONTWAIT);
-  }
-  if (taken < 0) {
-    return fail_with_errno(error);
-  }
-  if (taken == 0) {
+  if (self->failure == nullptr) {
     return G_IO_STATUS_EOF;
   }
-  self->bytes_left -= taken;
-  *bytes_read = taken;
-  return G_IO_STATUS_NORMAL;
+  g_set_error_literal(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FAILED, self->failure);
+  return G_IO_STATUS_ERROR;
 }
 
 /* Waits for room and writes what fits. Negative with errno set on failure, also when there is no room in
@@ -129,9 +76,15 @@ on_read(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError 
 ssize_t
 write_in_time(int fd, const gchar *buf, gsize count)
 {
-  const int ready =
-      wait_for(fd, POLLOUT, g_get_monotonic_time() + WRITE_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND);
+  const gint64 deadline = g_get_monotonic_time() + WRITE_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+  pollfd descriptor = {fd, POLLOUT, 0};
+  int ready = 0;
 
+  do {
+    const gint64 left_us = std::max<gint64>(deadline - g_get_monotonic_time(), 0);
+    const auto left_ms = static_cast<int>((left_us + 999) / 1000);
+    ready = poll(&descriptor, 1, left_ms);
+  } while (ready < 0 && errno == EINTR);
   if (ready == 0) {
     errno = EAGAIN;
   }
@@ -160,23 +113,14 @@ on_write(GIOChannel *channel, const gchar *buf, gsize count, gsize *bytes_writte
   return G_IO_STATUS_NORMAL;
 }
 
-GIOStatus
-on_close(GIOChannel *channel, GError **error)
-{
-  const int fd = from_channel(channel)->fd;
-
-  request_channel_discard_input(fd);
-  return close(fd) < 0 ? fail_with_errno(error) : G_IO_STATUS_NORMAL;
-}
-
 void
 on_free(GIOChannel *channel)
 {
   g_free(from_channel(channel));
 }
 
-/* GLib asks for the flags, and sets them, when it closes a channel with something left to write. Reads and
- * writes here are bounded in time whatever the flags say, so there are none. */
+/* GLib asks for the flags, and sets them, when a channel goes with something left to write. Reads never wait
+ * here and writes are bounded in time whatever the flags say, so there are none. */
 GIOFlags
 on_get_flags(GIOChannel *channel)
 {
@@ -189,12 +133,12 @@ on_set_flags(GIOChannel *channel, GIOFlags flags, GError **error)
   return G_IO_STATUS_NORMAL;
 }
 
-/* Nobody seeks in a request or watches its channel. */
+/* Nobody seeks in a request or watches its channel, and the descriptor is not the channel's to close. */
 GIOFuncs request_channel_funcs = {
     .io_read = on_read,
     .io_write = on_write,
     .io_seek = nullptr,
-    .io_close = on_close,
+    .io_close = nullptr,
     .io_create_watch = nullptr,
     .io_free = on_free,
     .io_set_flags = on_set_flags,
@@ -205,19 +149,20 @@ GIOFuncs request_channel_funcs = {
 
 /**
  * request_channel_new:
- * @fd: a connected stream socket; the channel discards its input and closes it only if told so with
- * g_io_channel_set_close_on_unref()
- * @max_bytes: how many bytes may be read in all
- * @timeout_ms: how many milliseconds from now reading may take in all
+ * @fd: a connected stream socket, for the reply; stays open when the channel goes
+ * @text: (transfer none) (array length=length) (nullable): what was read of the request, kept by the caller
+ * @length: how many bytes that is
+ * @failure: (transfer none) (nullable): why there is no more, kept by the caller; %NULL when the client's
+ *   stream ends behind @text, or nothing behind @text matters
  *
- * Makes a channel for one request. Reading beyond a bound fails with a %G_IO_CHANNEL_ERROR. One thread at a
- * time.
+ * Makes a channel for one request and its reply. Reading beyond @text fails with a %G_IO_CHANNEL_ERROR that
+ * has @failure as its message. One thread at a time.
  *
  * Returns: (transfer full): a channel for g_io_channel_read_line(), g_io_channel_write_chars(),
  *   g_io_channel_flush() and g_io_channel_unref(); others are not served
  */
 GIOChannel *
-request_channel_new(int fd, gsize max_bytes, guint timeout_ms)
+request_channel_new(int fd, const gchar *text, gsize length, const gchar *failure)
 {
   auto *self = g_new0(RequestChannel, 1);
 
@@ -228,10 +173,9 @@ request_channel_new(int fd, gsize max_bytes, guint timeout_ms)
   /* Bytes from the start, so that a reply can end in a NUL even if the encoding cannot be set later. */
   g_clear_pointer(&self->channel.encoding, g_free);
   self->fd = fd;
-  self->max_bytes = max_bytes;
-  self->bytes_left = max_bytes;
-  self->timeout_ms = timeout_ms;
-  self->deadline = g_get_monotonic_time() + timeout_ms * G_TIME_SPAN_MILLISECOND;
+  self->text = text;
+  self->length = length;
+  self->failure = failure;
   return &self->channel;
 }
 

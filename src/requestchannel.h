@@ -4,7 +4,7 @@
 
 G_BEGIN_DECLS
 
-GIOChannel *request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+GIOChannel *request_channel_new(int fd, const gchar *text, gsize length, const gchar *failure);
 
 void request_channel_discard_input(int fd);
 

@@ -1,9 +1,14 @@
-/* The clients' socket. The main thread accepts, two pool threads read requests, ask the factories and prepare
- * the clients' pipelines; a connection whose request succeeded is handed to a ConnectionManager and
+/* The clients' socket. The main thread accepts and reads requests, two pool threads ask the factories and
+ * prepare the clients' pipelines; a connection whose request succeeded is handed to a ConnectionManager and
  * forgotten.
  *
+ * A connection waits twice: on the main loop until its request has arrived, then for a pool thread. No pool
+ * thread ever waits for a client to send, so a client that is slow or silent keeps nobody from being served.
+ * One bound counts those who wait at both, and of those who have not sent their request a user has a share.
+ *
  * The factories are registered before the start and stay until finalisation, so the pool threads read the
- * list without a lock. Everything else of the instance belongs to the main thread.
+ * list without a lock. Everything else of the instance belongs to the main thread. A Connection belongs to
+ * the main thread until it is queued, and to one pool thread from then on.
  *
  * Clients decide how many descriptors are open, and DESCRIPTOR_RESERVE_SIZE of them have to stay free for
  * others. A pool thread reserves what a pipeline opens before anything of it is made. A connection that
@@ -17,6 +22,7 @@
 #include "ratelimitedlog.h"
 #include "request.h"
 #include "requestchannel.h"
+#include "requestreader.h"
 
 #include <array>
 #include <cerrno>
@@ -40,6 +46,7 @@ struct ServerPrivate {
   guint watch_id = 0; /* the accept watch, or the time-out that puts it back */
   gchar *socket_path = nullptr;
   GSList *factories = nullptr;
+  GQueue reading = G_QUEUE_INIT; /* the Connections whose requests have not arrived */
   gboolean running = FALSE;
   gchar *run_dir = g_strdup(".");
   int spare_fd = -1;
@@ -75,18 +82,14 @@ constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal s
 RateLimitedLog shortage_log =
     RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
 
-/* GLib's pool takes no NULL, and 0 is a valid descriptor, so a queued item is the descriptor plus one. */
-gpointer
-descriptor_to_item(int fd)
-{
-  return GINT_TO_POINTER(fd + 1);
-}
-
-int
-descriptor_from_item(gpointer item)
-{
-  return GPOINTER_TO_INT(item) - 1;
-}
+/* One accepted connection, with all that is held for it, until its request is answered. */
+struct Connection {
+  Server *server; /* borrowed */
+  int fd;         /* -1 once it is a manager's */
+  uid_t user;
+  RequestReader *reader;
+  DescriptorReservation *reservation; /* while the request is handled */
+};
 
 void
 close_accepted(int fd)
@@ -96,6 +99,19 @@ close_accepted(int fd)
     syslog(LOG_ERR, "Could not close accepted metadata server socket: %s", g_strerror(errno));
   }
 }
+
+void
+connection_free(Connection *connection)
+{
+  g_clear_pointer(&connection->reader, request_reader_free);
+  g_clear_pointer(&connection->reservation, descriptor_reservation_free);
+  if (connection->fd >= 0) {
+    close_accepted(connection->fd);
+  }
+  g_free(connection);
+}
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(Connection, connection_free)
 
 void
 close_listening(int fd)
@@ -130,6 +146,19 @@ make_failure(const GError *error)
   return g_strdup_printf("FAIL\nUnable to create source: %s.", error->message);
 }
 
+/* Takes what the request of one more streaming client needs, before the first source is made. */
+gboolean
+take_resources(Connection *connection, gchar **failure)
+{
+  g_autoptr(GError) shortage = nullptr;
+  connection->reservation = descriptor_reservation_new(SERVER_PIPELINE_DESCRIPTORS, &shortage);
+  if (connection->reservation == nullptr) {
+    *failure = make_failure(shortage);
+    return FALSE;
+  }
+  return TRUE;
+}
+
 /* Asks every factory in the order of registration. NULL with @failure set when the request fails. */
 GList *
 create_sources(Server *self, GHashTable *params, gchar **failure)
@@ -154,92 +183,124 @@ create_sources(Server *self, GHashTable *params, gchar **failure)
   return g_steal_pointer(&sources);
 }
 
-/* Reserves what the pipeline opens before the first source is made. */
 GList *
-read_request_and_create_sources(Server *self, GIOChannel *channel, DescriptorReservation **reservation,
-                                gchar **failure)
+read_request_and_create_sources(Connection *connection, GIOChannel *channel, gchar **failure)
 {
   g_autoptr(GHashTable) params = request_read(channel, failure);
-  if (params == nullptr) {
+  if (params == nullptr || !take_resources(connection, failure)) {
     return nullptr;
   }
 
-  g_autoptr(GError) shortage = nullptr;
-  *reservation = descriptor_reservation_new(SERVER_PIPELINE_DESCRIPTORS, &shortage);
-  if (*reservation == nullptr) {
-    *failure = make_failure(shortage);
-    return nullptr;
-  }
-  return create_sources(self, params, failure);
+  return create_sources(connection->server, params, failure);
 }
 
-/* Streams the sources to the client. The descriptor is the manager's from here on, the channel only replies.
- * The reservation is taken over, and given back once the pipeline has everything open.
+/* Streams the sources to the client. The descriptor is the manager's from here on, the channel only
+ * replies. The reservation is given back once the pipeline has everything open.
  */
 void
-serve(GIOChannel *channel, int fd, GList *sources, DescriptorReservation *reserved)
+serve(Connection *connection, GIOChannel *channel, GList *sources)
 {
-  g_autoptr(DescriptorReservation) reservation = reserved;
-  g_autoptr(ConnectionManager) manager = connection_manager_new(sources, fd);
+  g_autoptr(ConnectionManager) manager = connection_manager_new(sources, connection->fd);
   if (manager == nullptr) {
     g_list_free_full(sources, gst_object_unref);
     reply(channel, NOT_CREATED);
     return;
   }
 
-  g_io_channel_set_close_on_unref(channel, FALSE);
+  const int fd = std::exchange(connection->fd, -1);
   if (!connection_manager_prepare(manager)) {
     reply(channel, "FAIL\nCould not produce metadata, Internal server error.");
     request_channel_discard_input(fd);
     return;
   }
-  g_clear_pointer(&reservation, descriptor_reservation_free);
+  g_clear_pointer(&connection->reservation, descriptor_reservation_free);
   connection_manager_announce_start(manager);
   reply(channel, "OK");
   connection_manager_start(manager);
 }
 
-/* On a pool thread: one accepted connection, from its request to its reply. */
+/* On a pool thread: one connection, from its request to its reply. */
 void
 handle_request(gpointer item, gpointer user_data)
 {
-  auto *self = static_cast<Server *>(user_data);
-  const int fd = descriptor_from_item(item);
-  g_autoptr(GIOChannel) channel =
-      request_channel_new(fd, SERVER_MAX_REQUEST_BYTES, SERVER_REQUEST_TIMEOUT_MS);
-  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(Connection) connection = static_cast<Connection *>(item);
+  gsize length = 0;
+  const gchar *text = request_reader_get_text(connection->reader, &length);
+  const gchar *end = request_reader_get_failure(connection->reader);
+  g_autoptr(GIOChannel) channel = request_channel_new(connection->fd, text, length, end);
   g_autofree gchar *failure = nullptr;
-
-  g_io_channel_set_close_on_unref(channel, TRUE);
-  GList *sources = read_request_and_create_sources(self, channel, &reservation, &failure);
+  GList *sources = read_request_and_create_sources(connection, channel, &failure);
   if (sources == nullptr) {
     reply(channel, failure);
     return;
   }
-  serve(channel, fd, sources, g_steal_pointer(&reservation));
+  serve(connection, channel, sources);
 }
 
-/* What the pool still holds when the server stops. */
+/* What has not been handled when the server stops. */
 void
 discard_request(gpointer item)
 {
-  close_accepted(descriptor_from_item(item));
+  connection_free(static_cast<Connection *>(item));
+}
+
+/* The connection's request has arrived, as far as it ever will. */
+void
+on_request_read(RequestReader *reader, gpointer user_data)
+{
+  g_autoptr(Connection) connection = static_cast<Connection *>(user_data);
+  ServerPrivate *priv = connection->server->priv;
+
+  g_queue_remove(&priv->reading, connection);
+  g_autoptr(GError) error = nullptr;
+  if (!g_thread_pool_push(priv->pool, connection, &error)) {
+    syslog(LOG_WARNING, "Could not push metadata client request: %s.", error->message);
+    return;
+  }
+  g_steal_pointer(&connection);
+}
+
+/* Who has connected. */
+uid_t
+get_user(int fd)
+{
+  ucred credentials = {};
+  socklen_t size = sizeof credentials;
+
+  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+  return credentials.uid;
+}
+
+gboolean
+may_wait(Server *self, uid_t user)
+{
+  const GQueue *reading = &self->priv->reading;
+  guint unfinished = 0;
+
+  for (const GList *item = reading->head; item != nullptr; item = item->next) {
+    unfinished += static_cast<Connection *>(item->data)->user == user ? 1 : 0;
+  }
+  return g_thread_pool_unprocessed(self->priv->pool) + reading->length <= SERVER_MAX_WAITING_REQUESTS &&
+         unfinished < SERVER_MAX_UNFINISHED_REQUESTS;
 }
 
 void
-queue_request(GThreadPool *pool, int fd)
+read_request(Server *self, int fd)
 {
-  if (g_thread_pool_unprocessed(pool) > SERVER_MAX_WAITING_REQUESTS) {
+  const uid_t user = get_user(fd);
+  if (!may_wait(self, user)) {
     syslog(LOG_WARNING, "Too many unprocessed metadata requests, dropping one.");
     close_accepted(fd);
     return;
   }
 
-  g_autoptr(GError) error = nullptr;
-  if (!g_thread_pool_push(pool, descriptor_to_item(fd), &error)) {
-    syslog(LOG_WARNING, "Could not push metadata client request: %s.", error->message);
-    close_accepted(fd);
-  }
+  auto *connection = g_new0(Connection, 1);
+  connection->server = self;
+  connection->fd = fd;
+  connection->user = user;
+  connection->reader = request_reader_new(fd, SERVER_MAX_REQUEST_BYTES, SERVER_REQUEST_TIMEOUT_MS,
+                                          on_request_read, connection);
+  g_queue_push_tail(&self->priv->reading, connection);
 }
 
 gboolean
@@ -542,7 +603,7 @@ on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
     return continue_without_connection(self, listening_fd, errno);
   }
   if (is_reserve_untouched()) {
-    queue_request(self->priv->pool, fd);
+    read_request(self, fd);
   } else {
     refuse_for_shortage(fd);
   }
@@ -623,9 +684,9 @@ server_start(Server *self)
  * server_stop:
  * @self: (transfer none): a server
  *
- * Undoes server_start(): drops the requests that wait, waits for those that are being handled, and removes
- * the socket, also one that was passed on. Clients that are streaming go on. Does nothing when the server is
- * not running. The caller needs a reference of its own. Main thread.
+ * Undoes server_start(): drops the requests that have not arrived or wait, waits for those that are being
+ * handled, and removes the socket, also one that was passed on. Clients that are streaming go on. Does
+ * nothing when the server is not running. The caller needs a reference of its own. Main thread.
  */
 void
 server_stop(Server *self)
@@ -637,6 +698,7 @@ server_stop(Server *self)
   }
 
   g_thread_pool_free(std::exchange(priv->pool, nullptr), TRUE, TRUE);
+  g_queue_clear_full(&priv->reading, discard_request);
   g_object_unref(self);
   if (!g_source_remove(std::exchange(priv->watch_id, 0))) {
     syslog(LOG_WARNING, "Could not remove metadata server's I/O watch.");

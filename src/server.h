@@ -7,10 +7,17 @@ G_BEGIN_DECLS
 /**
  * SERVER_MAX_WAITING_REQUESTS:
  *
- * A new connection is queued only while at most so many others wait for a pool thread, so at most one more
- * ever wait.
+ * A new connection is kept only while at most so many others wait, for their request to arrive or for a pool
+ * thread, so at most one more ever wait.
  */
 #define SERVER_MAX_WAITING_REQUESTS 100
+
+/**
+ * SERVER_MAX_UNFINISHED_REQUESTS:
+ *
+ * How many of those who wait may be clients of one user that have not sent all of their request.
+ */
+#define SERVER_MAX_UNFINISHED_REQUESTS 64
 
 /**
  * SERVER_MAX_REQUEST_BYTES:
@@ -22,7 +29,7 @@ G_BEGIN_DECLS
 /**
  * SERVER_REQUEST_TIMEOUT_MS:
  *
- * How long a client may take to send its request, from the moment that a pool thread turns to it.
+ * How long a client may take to send its request, from the moment that its connection is accepted.
  */
 #define SERVER_REQUEST_TIMEOUT_MS (10 * 1000)
 

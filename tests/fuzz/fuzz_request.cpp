@@ -1,8 +1,9 @@
-// A request in any bytes, read through the channel that the server reads it through, and compared with a
-// plain model of what a request is: the reply text or the parameters, and what is left unread for the stream.
+// A request in any bytes, collected and parsed as the server does it, and compared with a plain model of what
+// a request is: the reply text or the parameters, and what is left unread for the stream.
 #include "fuzz.h"
 #include "requestchannel.h"
 #include "requestmodel.h"
+#include "requestreader.h"
 
 #include <array>
 #include <cstring>
@@ -25,7 +26,7 @@ constexpr gsize MAX_INPUT_BYTES = 8 * 1024;
 constexpr gsize MAX_PIECES = 16;
 constexpr guint TIMEOUT_MS = 10 * 1000;
 
-// The client's end of a connection; the channel has the server's.
+// The client's end of a connection; the server's is there as long.
 class Client
 {
 public:
@@ -36,6 +37,7 @@ public:
   ~Client()
   {
     hang_up();
+    close_server_end();
   }
   Client(const Client &) = delete;
   Client &operator=(const Client &) = delete;
@@ -44,6 +46,11 @@ public:
   {
     if (ends_[0] >= 0)
       close(std::exchange(ends_[0], -1));
+  }
+  void close_server_end()
+  {
+    if (ends_[1] >= 0)
+      close(std::exchange(ends_[1], -1));
   }
   int fd() const
   {
@@ -91,6 +98,25 @@ read_rest(int fd)
   return rest;
 }
 
+void
+on_end(RequestReader *, gpointer ended)
+{
+  fuzz::require(!*static_cast<bool *>(ended), "a request ends once");
+  *static_cast<bool *>(ended) = true;
+}
+
+// As many turns of the main loop as the request takes. The client says no more, so that each turn ends it or
+// reads on.
+void
+collect(RequestReader *reader, const bool &ended)
+{
+  while (!ended)
+    fuzz::require(g_main_context_iteration(nullptr, FALSE), "nothing is waited for");
+  gsize length = 0;
+  request_reader_get_text(reader, &length);
+  fuzz::require(length <= MAX_REQUEST_BYTES, "the bound holds");
+}
+
 Outcome
 read_request(GIOChannel *channel)
 {
@@ -121,22 +147,30 @@ check(std::string_view input, const std::vector<std::string_view> &pieces, Endin
       const Expectation &expected)
 {
   Client client;
-  GIOChannel *channel = request_channel_new(client.server_fd(), MAX_REQUEST_BYTES, TIMEOUT_MS);
-  g_io_channel_set_close_on_unref(channel, TRUE);
+  bool ended = false;
+  g_autoptr(RequestReader) reader =
+      request_reader_new(client.server_fd(), MAX_REQUEST_BYTES, TIMEOUT_MS, on_end, &ended);
   for (std::string_view piece : pieces)
     send_piece(client.fd(), piece);
   shutdown(client.fd(), SHUT_WR);
   if (ending == Ending::HANGS_UP)
     client.hang_up();
 
+  collect(reader, ended);
+  gsize length = 0;
+  const gchar *text = request_reader_get_text(reader, &length);
+  g_autoptr(GIOChannel) channel =
+      request_channel_new(client.server_fd(), text, length, request_reader_get_failure(reader));
   Outcome outcome = read_request(channel);
   fuzz::require(outcome == expected.outcome, "the outcome is the model's");
-  check_rest(input, read_rest(client.server_fd()), expected);
+  std::string rest = read_rest(client.server_fd());
+  check_rest(input, rest, expected);
+  fuzz::require(length + rest.size() == input.size(), "nothing is lost");
 
   std::string reply = (outcome.accepted ? "OK" : outcome.failure) + '\0';
   g_io_channel_write_chars(channel, reply.data(), static_cast<gssize>(reply.size()), nullptr, nullptr);
   g_io_channel_flush(channel, nullptr);
-  g_io_channel_unref(channel);
+  client.close_server_end();
   if (ending == Ending::WAITS_FOR_REPLY)
     fuzz::require(read_rest(client.fd()) == reply, "the client gets the reply and the end");
 }

@@ -473,15 +473,11 @@ private:
     }
   }
 
-  // Two clients that say nothing keep all others waiting, so that they end their halves first.
-  void wait_for_reply(Client &client)
+  // Clients that have not sent all of their requests keep nobody waiting.
+  static void wait_for_reply(const Client &client)
   {
-    if (!client.is_complete())
-      return;
-    for (auto &other : clients_)
-      if (other && !other->is_complete())
-        other->half_close();
-    spin_until([&client] { return client.has_reply() || client.has_ended(); });
+    if (client.is_complete())
+      spin_until([&client] { return client.has_reply() || client.has_ended(); });
   }
 
   void wait_for_replies()

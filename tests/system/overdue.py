@@ -68,7 +68,7 @@ class OverdueRequest(threading.Thread):
 
 
 class OverdueRequests:
-    """One of each kind; they take both of the daemon's request threads."""
+    """One of each kind; neither keeps anybody else waiting."""
 
     def __init__(self, daemon):
         self.daemon = daemon

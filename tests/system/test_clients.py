@@ -1,7 +1,6 @@
 """Many clients, and clients that misbehave: whatever one does, the others are served, and nothing is left behind."""
 
 import concurrent.futures
-import contextlib
 import itertools
 import threading
 import time
@@ -9,13 +8,9 @@ import time
 import pytest
 
 from client import stuck_client
-from daemon import NOTHING_ASKED, WARNING
+from daemon import NOTHING_ASKED
 from documents import INITIALIZED
-from installation import documented_limit
 from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
-
-REQUEST_THREADS = 2
-MAX_WAITING = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS") + 1
 
 MIB = 1024 * 1024
 
@@ -286,33 +281,3 @@ def test_flood_of_sync_points_without_reading(frugal_daemon):
         assert flood(frugal_daemon, client, b"SYNC\n" * 10000) <= resident + FLOOD_TOLERANCE
 
     expect_nothing_left(frugal_daemon)
-
-
-# Clients that say nothing
-
-
-def test_newest_of_too_many_silent_clients_is_dropped(daemon):
-    with contextlib.ExitStack() as stack:
-
-        def connect():
-            return stack.enter_context(daemon.client())
-
-        handled = [connect() for _ in range(REQUEST_THREADS)]
-        for client in handled:
-            client.send(b"OPEN\n")
-        wait_until(lambda: all(client.unsent() == 0 for client in handled), "both request threads are taken")
-        waiting = [connect() for _ in range(MAX_WAITING)]
-
-        for _ in range(3):
-            with daemon.client() as dropped:
-                assert dropped.read_to_end() == b""
-        assert daemon.log.take() == [(WARNING, "Too many unprocessed metadata requests, dropping one.")] * 3
-
-        # Those who wait are served as soon as there is a thread for them.
-        for client in handled:
-            client.close()
-        for client in waiting:
-            assert client.ask("") == NOTHING_ASKED
-
-    expect_service(daemon)
-    expect_nothing_left(daemon)

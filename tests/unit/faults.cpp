@@ -1,7 +1,7 @@
 #include "faults.h"
 
 #include "connectionmanager.h"
-#include "requestchannel.h"
+#include "requestreader.h"
 
 #include <algorithm>
 #include <atomic>
@@ -363,8 +363,10 @@ gboolean __real_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **er
 gboolean __wrap_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error);
 ConnectionManager *__real_connection_manager_new(GList *src_lists, int fd);
 ConnectionManager *__wrap_connection_manager_new(GList *src_lists, int fd);
-GIOChannel *__real_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
-GIOChannel *__wrap_request_channel_new(int fd, gsize max_bytes, guint timeout_ms);
+RequestReader *__real_request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,
+                                         gpointer user_data);
+RequestReader *__wrap_request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,
+                                         gpointer user_data);
 
 int
 __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags)
@@ -648,10 +650,11 @@ __wrap_connection_manager_new(GList *src_lists, int fd)
                                                             : __real_connection_manager_new(src_lists, fd);
 }
 
-GIOChannel *
-__wrap_request_channel_new(int fd, gsize max_bytes, guint timeout_ms)
+RequestReader *
+__wrap_request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,
+                          gpointer user_data)
 {
-  return __real_request_channel_new(fd, max_bytes, timeout_ms / request_time_divisor);
+  return __real_request_reader_new(fd, max_bytes, timeout_ms / request_time_divisor, on_end, user_data);
 }
 }
 #pragma GCC visibility pop

@@ -37,6 +37,9 @@ namespace
 constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
 constexpr gint64 REST_US = SERVER_ACCEPT_REST_MS * G_TIME_SPAN_MILLISECOND;
 
+/* How many requests are handled at once. */
+constexpr int HANDLED = 2;
+
 /* What a client sends without being asked; more than one read takes, and less than a socket holds. */
 constexpr gsize MORE_BYTES = 20'000;
 
@@ -55,7 +58,15 @@ public:
   {
     std::unique_lock guard(lock_);
     entered_++;
-    opened_.wait(guard, [this] { return open_; });
+    opened_.wait(guard, [this] { return open_ || passes_ > 0; });
+    passes_ -= open_ ? 0 : 1;
+  }
+
+  void let_one_in()
+  {
+    std::lock_guard guard(lock_);
+    passes_++;
+    opened_.notify_one();
   }
 
   void open()
@@ -75,6 +86,7 @@ private:
   std::mutex lock_;
   std::condition_variable opened_;
   bool open_ = false;
+  int passes_ = 0;
   int entered_ = 0;
 };
 
@@ -140,6 +152,30 @@ protected:
     EXPECT_TRUE(client.wait_for_end());
     EXPECT_EQ(client.received().size(), reply.size() + 1);
     return reply;
+  }
+
+  /* Clients whose requests take threads of the pool, as long as the gate of their factory is closed. */
+  std::vector<Client> enter(Gate &gate, int count) const
+  {
+    std::vector<Client> clients;
+
+    for (int i = 0; i < count; i++) {
+      clients.push_back(connect());
+      EXPECT_TRUE(clients.back().send("OPEN\n\n"));
+      EXPECT_TRUE(testhost::spin_until([&] { return gate.entered() == i + 1; }));
+    }
+    return clients;
+  }
+
+  /* The next client is closed without a reply. */
+  void expect_dropped() const
+  {
+    Client dropped = connect();
+
+    EXPECT_TRUE(dropped.wait_for_end());
+    EXPECT_EQ(dropped.received(), "");
+    EXPECT_EQ(testhost::take_syslog(),
+              (SyslogLines{{LOG_WARNING, "Too many unprocessed metadata requests, dropping one."}}));
   }
 
   void start_with_events()
@@ -839,7 +875,6 @@ TEST_F(ServerTest, PutsTheSourcesOfAllFactoriesIntoOnePipelineInOrder)
 
 TEST_F(ServerTest, HandlesTwoRequestsAtOnceAndKeepsALimitedNumberWaiting)
 {
-  constexpr int HANDLED = 2;
   constexpr int WAITING = SERVER_MAX_WAITING_REQUESTS + 1;
   Gate gate;
   add_factory([&gate](GHashTable *, GError **) {
@@ -873,6 +908,122 @@ TEST_F(ServerTest, HandlesTwoRequestsAtOnceAndKeepsALimitedNumberWaiting)
   }
 }
 
+/* Those who have sent nothing or a part count like those who have sent all. */
+TEST_F(ServerTest, CountsWhoeverWaitsInOneBound)
+{
+  constexpr int WAITING = SERVER_MAX_WAITING_REQUESTS + 1;
+  constexpr int UNFINISHED = 10;
+  Gate gate;
+  add_factory([&gate](GHashTable *, GError **) {
+    gate.enter();
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients = enter(gate, HANDLED);
+  std::vector<Client> unfinished;
+  for (int i = 0; i < UNFINISHED; i++) {
+    unfinished.push_back(connect());
+    ASSERT_TRUE(unfinished.back().send(i % 2 == 0 ? "" : "OPEN\n"));
+    testhost::dispatch_ready();
+  }
+  for (int i = 0; i < WAITING - UNFINISHED; i++) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\n\n"));
+    testhost::dispatch_ready();
+  }
+  EXPECT_EQ(testhost::syslog_size(), 0U);
+  expect_dropped();
+
+  gate.open();
+  for (Client &client : clients) {
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+}
+
+TEST_F(ServerTest, GivesAUserAShareOfThoseWhoHaveNotSentTheirRequest)
+{
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> unfinished;
+  for (int i = 0; i < SERVER_MAX_UNFINISHED_REQUESTS; i++) {
+    unfinished.push_back(connect());
+    ASSERT_TRUE(unfinished.back().send(i % 2 == 0 ? "" : "OPEN\n"));
+    testhost::dispatch_ready();
+  }
+  EXPECT_EQ(testhost::syslog_size(), 0U);
+  expect_dropped();
+
+  /* One that has sent its request, or has left, is none of them any more. */
+  ASSERT_TRUE(unfinished[1].send("\n"));
+  EXPECT_EQ(unfinished[1].wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  Client another = connect();
+  testhost::dispatch_ready();
+  expect_dropped();
+  unfinished[0].hang_up();
+  testhost::dispatch_ready();
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+}
+
+TEST_F(ServerTest, ServesOthersWhileManyClientsHaveNotSentTheirRequests)
+{
+  start_with_events();
+  std::vector<Client> unfinished;
+  for (int i = 0; i < SERVER_MAX_UNFINISHED_REQUESTS - 1; i++) {
+    unfinished.push_back(connect());
+    ASSERT_TRUE(unfinished.back().send(i % 2 == 0 ? "" : "OPEN\nevent"));
+    testhost::dispatch_ready();
+  }
+
+  connect_streaming();
+  for (gsize i = 1; i < unfinished.size(); i += 2) {
+    ASSERT_TRUE(unfinished[i].send("=0\n\n"));
+    EXPECT_EQ(unfinished[i].wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+}
+
+/* Not in the order in which they connected. Of the two threads one is kept, so that the other one has all. */
+TEST_F(ServerTest, HandlesRequestsInTheOrderInWhichTheyBecameWhole)
+{
+  constexpr int CLIENTS = 8;
+  Gate gate;
+  std::mutex lock;
+  Texts order;
+  Texts expected;
+  add_factory([&](GHashTable *params, GError **) {
+    const auto *number = static_cast<gchar *>(g_hash_table_lookup(params, "number"));
+    if (number == nullptr) {
+      gate.enter();
+      return nullptr;
+    }
+    std::lock_guard guard(lock);
+    order.emplace_back(number);
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> handled = enter(gate, HANDLED);
+  std::vector<Client> clients;
+  for (int i = 0; i < CLIENTS; i++) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\n"));
+    testhost::dispatch_ready();
+  }
+  for (int i = CLIENTS - 1; i >= 0; i--) {
+    expected.push_back(std::to_string(i));
+    ASSERT_TRUE(clients[i].send("number=" + expected.back() + "\n\n"));
+    testhost::dispatch_ready();
+  }
+
+  gate.let_one_in();
+  for (Client &client : clients) {
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+  EXPECT_EQ(order, expected);
+  gate.open();
+  for (Client &client : handled) {
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+}
+
 TEST_F(ServerTest, LogsARequestThatCannotBePushed)
 {
   ASSERT_TRUE(server_start(server_));
@@ -893,6 +1044,7 @@ TEST_F(ServerTest, LogsAnAcceptedSocketThatIsNotClosedWell)
   Client client = connect();
   faults::fail_close_of(lowest_free_descriptor());
 
+  ASSERT_TRUE(client.send("OPEN\n\n"));
   EXPECT_TRUE(client.wait_for_end());
   EXPECT_EQ(testhost::take_syslog(),
             (SyslogLines{{LOG_WARNING, "Could not push metadata client request: No more threads."},
@@ -1008,7 +1160,6 @@ TEST_F(ServerTest, GivesTheReservationBackHoweverARequestFails)
 /* Both request threads are busy, and those who wait send nothing: neither is waited for. */
 TEST_F(ServerTest, RefusesAConnectionThatTouchesTheReserveAtOnce)
 {
-  constexpr int HANDLED = 2;
   constexpr int WAITING = 3;
   Gate gate;
   add_factory([&gate](GHashTable *, GError **) {
@@ -1266,7 +1417,6 @@ TEST_F(ServerTest, StopLeavesStreamingClients)
 
 TEST_F(ServerTest, StopWaitsForTheRequestsBeingHandledAndDropsTheOthers)
 {
-  constexpr int HANDLED = 2;
   constexpr int CLIENTS = 5;
   Gate gate;
   add_factory([&gate](GHashTable *, GError **) {
@@ -1297,6 +1447,25 @@ TEST_F(ServerTest, StopWaitsForTheRequestsBeingHandledAndDropsTheOthers)
   }
   EXPECT_EQ(gate.entered(), HANDLED);
   opener.join();
+}
+
+TEST_F(ServerTest, StopDropsThoseWhoHaveNotSentTheirRequest)
+{
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients;
+  for (const char *bytes : {"", "OPEN\n", "OPEN\na=b"}) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send(bytes));
+    testhost::dispatch_ready();
+  }
+
+  server_stop(server_);
+  for (Client &client : clients) {
+    EXPECT_TRUE(client.ended());
+    EXPECT_EQ(client.received(), "");
+  }
+  ASSERT_TRUE(server_start(server_));
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
 
 TEST_F(ServerTest, LogsAWatchThatCannotBeRemoved)

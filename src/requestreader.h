@@ -1,0 +1,41 @@
+#pragma once
+
+#include <glib.h>
+
+G_BEGIN_DECLS
+
+/**
+ * REQUEST_READER_BYTES_PER_TURN:
+ *
+ * How many bytes of one connection the main loop reads before it turns to everybody else.
+ */
+#define REQUEST_READER_BYTES_PER_TURN 4096
+
+/**
+ * RequestReader:
+ *
+ * The text of one client's request, while it arrives and afterwards.
+ */
+typedef struct RequestReader RequestReader;
+
+/**
+ * RequestReaderFunc:
+ * @reader: (transfer none): the reader, which reads no more; may be freed at once, also by another thread
+ * @user_data: what was given to request_reader_new()
+ *
+ * Called once, on the main thread, when no more of the request has to be waited for.
+ */
+typedef void (*RequestReaderFunc)(RequestReader *reader, gpointer user_data);
+
+RequestReader *request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,
+                                  gpointer user_data);
+
+const gchar *request_reader_get_text(const RequestReader *self, gsize *length);
+
+const gchar *request_reader_get_failure(const RequestReader *self);
+
+void request_reader_free(RequestReader *self);
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(RequestReader, request_reader_free)
+
+G_END_DECLS
