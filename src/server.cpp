@@ -19,6 +19,7 @@
 
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
+#include "hangupwatch.h"
 #include "ratelimitedlog.h"
 #include "request.h"
 #include "requestchannel.h"
@@ -159,9 +160,10 @@ take_resources(Connection *connection, gchar **failure)
   return TRUE;
 }
 
-/* Asks every factory in the order of registration. NULL with @failure set when the request fails. */
+/* Asks every factory in the order of registration. NULL with @failure set when the request fails, or the
+ * client has hung up, which @cancellable tells. */
 GList *
-create_sources(Server *self, GHashTable *params, gchar **failure)
+create_sources(Server *self, GHashTable *params, GCancellable *cancellable, gchar **failure)
 {
   g_autolist(GstElement) sources = nullptr;
 
@@ -172,7 +174,7 @@ create_sources(Server *self, GHashTable *params, gchar **failure)
     if (source != nullptr) {
       sources = g_list_append(sources, source);
     }
-    if (error != nullptr) {
+    if (error != nullptr || g_cancellable_set_error_if_cancelled(cancellable, &error)) {
       *failure = make_failure(error);
       return nullptr;
     }
@@ -183,6 +185,7 @@ create_sources(Server *self, GHashTable *params, gchar **failure)
   return g_steal_pointer(&sources);
 }
 
+/* The watch goes before the reply, and before the connection is a manager's. */
 GList *
 read_request_and_create_sources(Connection *connection, GIOChannel *channel, gchar **failure)
 {
@@ -191,7 +194,8 @@ read_request_and_create_sources(Connection *connection, GIOChannel *channel, gch
     return nullptr;
   }
 
-  return create_sources(connection->server, params, failure);
+  g_autoptr(HangUpWatch) watch = hang_up_watch_new(connection->fd);
+  return create_sources(connection->server, params, g_cancellable_get_current(), failure);
 }
 
 /* Streams the sources to the client. The descriptor is the manager's from here on, the channel only
@@ -224,6 +228,10 @@ void
 handle_request(gpointer item, gpointer user_data)
 {
   g_autoptr(Connection) connection = static_cast<Connection *>(item);
+  if (hang_up_watch_is_gone(connection->fd)) {
+    return;
+  }
+
   gsize length = 0;
   const gchar *text = request_reader_get_text(connection->reader, &length);
   const gchar *end = request_reader_get_failure(connection->reader);
@@ -244,7 +252,8 @@ discard_request(gpointer item)
   connection_free(static_cast<Connection *>(item));
 }
 
-/* The connection's request has arrived, as far as it ever will. */
+/* The connection's request has arrived, as far as it ever will. One whose client has hung up meanwhile takes
+ * no other's place in the queue. */
 void
 on_request_read(RequestReader *reader, gpointer user_data)
 {
@@ -252,6 +261,9 @@ on_request_read(RequestReader *reader, gpointer user_data)
   ServerPrivate *priv = connection->server->priv;
 
   g_queue_remove(&priv->reading, connection);
+  if (hang_up_watch_is_gone(connection->fd)) {
+    return;
+  }
   g_autoptr(GError) error = nullptr;
   if (!g_thread_pool_push(priv->pool, connection, &error)) {
     syslog(LOG_WARNING, "Could not push metadata client request: %s.", error->message);

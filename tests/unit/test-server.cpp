@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <fcntl.h>
+#include <gio/gio.h>
 #include <mutex>
 #include <optional>
 #include <sys/resource.h>
@@ -934,6 +935,14 @@ TEST_F(ServerTest, CountsWhoeverWaitsInOneBound)
   EXPECT_EQ(testhost::syslog_size(), 0U);
   expect_dropped();
 
+  /* One that leaves makes room for one. */
+  unfinished.pop_back();
+  testhost::dispatch_ready();
+  clients.push_back(connect());
+  testhost::dispatch_ready();
+  expect_dropped();
+
+  ASSERT_TRUE(clients.back().send("OPEN\n\n"));
   gate.open();
   for (Client &client : clients) {
     EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
@@ -1022,6 +1031,114 @@ TEST_F(ServerTest, HandlesRequestsInTheOrderInWhichTheyBecameWhole)
   for (Client &client : handled) {
     EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
   }
+}
+
+/* Hang-ups. */
+
+TEST_F(ServerTest, AsksNoFactoryForAClientThatHasHungUpByItsTurn)
+{
+  Gate gate;
+  std::atomic<int> asked = 0;
+  add_factory([&](GHashTable *params, GError **) {
+    asked++;
+    if (g_hash_table_size(params) == 0) {
+      gate.enter();
+    }
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> handled = enter(gate, HANDLED);
+  for (int i = 0; i < 20; i++) {
+    Client gone = connect();
+    ASSERT_TRUE(gone.send("OPEN\na=b\n\n"));
+    testhost::dispatch_ready();
+  }
+  Client waiting = connect();
+  ASSERT_TRUE(waiting.send("OPEN\na=b\n\n"));
+  waiting.half_close();
+  testhost::dispatch_ready();
+
+  gate.open();
+  for (Client &client : handled) {
+    EXPECT_EQ(client.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  }
+  EXPECT_EQ(waiting.wait_for_reply(), "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_EQ(asked, HANDLED + 1);
+}
+
+/* A factory that waits for something of the platform, and is set free by the cancellable alone. */
+TEST_F(ServerTest, EndsAFactorysWaitWhenTheClientHangsUp)
+{
+  std::atomic<int> waiting = 0;
+  std::atomic<int> cancelled = 0;
+  std::atomic<bool> asked_behind = false;
+  add_factory([&](GHashTable *params, GError **) {
+    if (g_hash_table_size(params) > 0) {
+      waiting++;
+      cancelled += testhost::wait_until_cancelled() ? 1 : 0;
+    }
+    return nullptr;
+  });
+  add_factory([&](GHashTable *params, GError **) {
+    asked_behind = asked_behind || g_hash_table_size(params) > 0;
+    return nullptr;
+  });
+  ASSERT_TRUE(server_start(server_));
+  std::vector<Client> clients;
+  for (int i = 0; i < HANDLED; i++) {
+    clients.push_back(connect());
+    ASSERT_TRUE(clients.back().send("OPEN\na=b\n\n"));
+  }
+  ASSERT_TRUE(testhost::spin_until([&] { return waiting == HANDLED; }));
+  clients[0].half_close();
+  ASSERT_EQ(clients[1].send_some("SYNC\n"), 5U);
+  EXPECT_FALSE(testhost::spin_until([&] { return cancelled > 0; }, SHORT_US));
+
+  for (int i = 0; i < HANDLED; i++) {
+    clients[i].hang_up();
+    EXPECT_TRUE(testhost::spin_until([&] { return cancelled == i + 1; })) << i;
+  }
+  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
+  EXPECT_FALSE(asked_behind);
+}
+
+/* Making one would log what is missing. */
+TEST_F(ServerTest, MakesNoPipelineForAClientThatHungUpMeanwhile)
+{
+  const testelements::WithoutFactory without("gdppay");
+  std::atomic<bool> waiting = false;
+  std::atomic<bool> cancelled = false;
+  std::optional<testhost::Observed> observed;
+  add_factory([&](GHashTable *, GError **) {
+    GstElement *source = testelements::make_source(Behaviour::ONE_BUFFER);
+    observed.emplace(source);
+    waiting = true;
+    cancelled = testhost::wait_until_cancelled();
+    return source;
+  });
+  ASSERT_TRUE(server_start(server_));
+  Client client = connect();
+  ASSERT_TRUE(client.send("OPEN\n\n"));
+  ASSERT_TRUE(testhost::spin_until([&] { return waiting.load(); }));
+  client.hang_up();
+
+  EXPECT_TRUE(testhost::spin_until([&] { return cancelled.load(); }));
+  EXPECT_TRUE(testhost::spin_until([&] { return !observed->alive(); }));
+}
+
+TEST_F(ServerTest, LeavesNoCancellableBehindTheFactories)
+{
+  std::atomic<bool> hooked = false;
+  start_with_events();
+  faults::after_next_flush([&] {
+    EXPECT_EQ(g_cancellable_get_current(), nullptr);
+    hooked = true;
+  });
+
+  Client client = connect();
+  ASSERT_TRUE(client.send("OPEN\nevent=1\n\n"));
+  EXPECT_EQ(client.wait_for_reply(), "OK");
+  EXPECT_TRUE(hooked);
 }
 
 TEST_F(ServerTest, LogsARequestThatCannotBePushed)

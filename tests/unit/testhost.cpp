@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gio/gio.h>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -308,6 +309,20 @@ wait_until_asleep(pid_t tid)
     g_thread_yield();
   }
   return false;
+}
+
+bool
+wait_until_cancelled()
+{
+  GCancellable *cancellable = g_cancellable_get_current();
+  GPollFD descriptor = {};
+
+  if (!g_cancellable_make_pollfd(cancellable, &descriptor)) {
+    return false;
+  }
+  g_poll(&descriptor, 1, SPIN_LIMIT_US / G_TIME_SPAN_MILLISECOND);
+  g_cancellable_release_fd(cancellable);
+  return g_cancellable_is_cancelled(cancellable);
 }
 
 std::set<int>

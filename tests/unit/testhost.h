@@ -62,6 +62,10 @@ void dispatch_ready();
  * make it. FALSE when it does not within the bound. Any other thread. */
 bool wait_until_asleep(pid_t tid);
 
+/* Waits until the calling thread's current cancellable is cancelled. FALSE when there is none, or it is not
+ * within the bound. */
+bool wait_until_cancelled();
+
 /* The numbers of the open descriptors. */
 std::set<int> open_descriptors();
 

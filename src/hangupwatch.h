@@ -1,0 +1,22 @@
+#pragma once
+
+#include <gio/gio.h>
+
+G_BEGIN_DECLS
+
+/**
+ * HangUpWatch:
+ *
+ * Cancels what a thread does for a client when that client hangs up.
+ */
+typedef struct HangUpWatch HangUpWatch;
+
+HangUpWatch *hang_up_watch_new(int fd);
+
+void hang_up_watch_free(HangUpWatch *self);
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(HangUpWatch, hang_up_watch_free)
+
+gboolean hang_up_watch_is_gone(int fd);
+
+G_END_DECLS
