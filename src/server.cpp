@@ -11,12 +11,13 @@
  * the main thread until it is queued, and to one pool thread from then on.
  *
  * Clients decide how many descriptors are open, and DESCRIPTOR_RESERVE_SIZE of them have to stay free for
- * others. A pool thread reserves what a pipeline opens before anything of it is made. A connection that
- * touches the reserve as soon as it is accepted is refused at once, on the main thread: left in the backlog,
- * it would wake the accept watch for ever.
+ * others. A pool thread reserves what a pipeline opens before anything of it is made, and takes the client's
+ * place among those that may stream. A connection that touches the reserve as soon as it is accepted is
+ * refused at once, on the main thread: left in the backlog, it would wake the accept watch for ever.
  */
 #include "server.h"
 
+#include "clientplaces.h"
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
 #include "hangupwatch.h"
@@ -79,8 +80,12 @@ constexpr mode_t SOCKET_MODE = 0660;
 
 constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
 
-/* Every client can cause this line. */
+constexpr const char *PLACE_KEY = "tessard-client-place";
+
+/* Every client can cause these lines. */
 RateLimitedLog shortage_log =
+    RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
+RateLimitedLog places_log =
     RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
 
 /* One accepted connection, with all that is held for it, until its request is answered. */
@@ -89,7 +94,8 @@ struct Connection {
   int fd;         /* -1 once it is a manager's */
   uid_t user;
   RequestReader *reader;
-  DescriptorReservation *reservation; /* while the request is handled */
+  ClientPlace *place;                 /* while the request is handled */
+  DescriptorReservation *reservation; /* likewise */
 };
 
 void
@@ -106,6 +112,7 @@ connection_free(Connection *connection)
 {
   g_clear_pointer(&connection->reader, request_reader_free);
   g_clear_pointer(&connection->reservation, descriptor_reservation_free);
+  g_clear_pointer(&connection->place, client_place_free);
   if (connection->fd >= 0) {
     close_accepted(connection->fd);
   }
@@ -151,6 +158,13 @@ make_failure(const GError *error)
 gboolean
 take_resources(Connection *connection, gchar **failure)
 {
+  connection->place = client_place_new(connection->user);
+  if (connection->place == nullptr) {
+    rate_limited_log(&places_log, LOG_WARNING, "Too many metadata clients, refused a metadata request.");
+    *failure = g_strdup(NOT_CREATED);
+    return FALSE;
+  }
+
   g_autoptr(GError) shortage = nullptr;
   connection->reservation = descriptor_reservation_new(SERVER_PIPELINE_DESCRIPTORS, &shortage);
   if (connection->reservation == nullptr) {
@@ -198,7 +212,7 @@ read_request_and_create_sources(Connection *connection, GIOChannel *channel, gch
   return create_sources(connection->server, params, g_cancellable_get_current(), failure);
 }
 
-/* Streams the sources to the client. The descriptor is the manager's from here on, the channel only
+/* Streams the sources to the client. Descriptor and place are the manager's from here on, the channel only
  * replies. The reservation is given back once the pipeline has everything open.
  */
 void
@@ -212,6 +226,8 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   }
 
   const int fd = std::exchange(connection->fd, -1);
+  g_object_set_data_full(G_OBJECT(manager), PLACE_KEY, std::exchange(connection->place, nullptr),
+                         [](gpointer place) { client_place_free(static_cast<ClientPlace *>(place)); });
   if (!connection_manager_prepare(manager)) {
     reply(channel, "FAIL\nCould not produce metadata, Internal server error.");
     request_channel_discard_input(fd);

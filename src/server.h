@@ -51,7 +51,7 @@ G_BEGIN_DECLS
 /**
  * SERVER_SHORTAGE_WARNING_INTERVAL_MS:
  *
- * How long the warning about too few descriptors keeps the next one back.
+ * How long the warning about too few descriptors keeps the next one back, and the one about too many clients.
  */
 #define SERVER_SHORTAGE_WARNING_INTERVAL_MS 1000
 

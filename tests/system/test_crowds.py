@@ -1,10 +1,12 @@
-"""Crowds of clients: those who are slow or silent keep nobody waiting."""
+"""Crowds of clients: those who are slow or silent keep nobody waiting, and those who stream leave room for others."""
 
+import contextlib
 import statistics
 import time
 
 import pytest
 
+from client import header
 from crowd import Crowd
 from daemon import NOTHING_ASKED, WARNING
 from installation import documented_limit, run_by_root
@@ -12,8 +14,13 @@ from waiting import wait_until
 
 MAX_WAITING = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS") + 1
 MAX_UNFINISHED = documented_limit("server.h", "SERVER_MAX_UNFINISHED_REQUESTS")
+PLACES = documented_limit("clientplaces.h", "CLIENT_PLACES")
+KEPT_PLACES = documented_limit("clientplaces.h", "CLIENT_PLACES_KEPT")
+SHARED_PLACES = PLACES - KEPT_PLACES
 
 DROPPED = (WARNING, "Too many unprocessed metadata requests, dropping one.")
+NO_PLACE = "Too many metadata clients, refused a metadata request."
+NOT_CREATED = "FAIL\nCould not create metadata, Internal server error."
 
 # How long a client may have to wait for its "OK": half of the tries and each of them.
 TRIES = 50
@@ -24,7 +31,7 @@ WORST_SECONDS = 0.250
 SLOWED = 3
 
 # Users that need not exist; nobody else is one of them.
-STRANGERS = range(61000, 61002)
+STRANGERS = range(61000, 61000 + KEPT_PLACES + 1)
 
 needs_root = pytest.mark.skipif(not run_by_root(), reason="only root can be several users")
 
@@ -109,3 +116,76 @@ def test_newest_of_all_users_slow_clients_is_dropped(daemon):
                    "those who left are closed")
         with daemon.client() as client:
             assert client.ask("") == NOTHING_ASKED
+
+
+# Those who stream
+
+EVENT_REQUEST = f"OPEN\n{header(event=1)}\n"
+
+# What that many clients of events need, at five each, and the reserve.
+ENOUGH_DESCRIPTORS = 2048
+
+
+def expect_streams(daemon, count):
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + 5 * count, f"{count} clients stream")
+
+
+def expect_refusal(daemon):
+    with daemon.client() as client:
+        assert client.ask(header(event=1)) == NOT_CREATED
+        assert client.read_to_end() == b""
+
+
+def expect_one_warning(daemon):
+    ((priority, text), *others) = daemon.log.take(1)
+    assert (priority, text) == (WARNING, NO_PLACE)
+    for line in others:
+        assert line[0] == WARNING and line[1].startswith(f"{NO_PLACE} (")
+
+
+def stream_in_all_shared_places(stack, daemon):
+    """Clients of the user who tests; each has its "OK"."""
+    daemon.limit_descriptors(ENOUGH_DESCRIPTORS)
+    clients = []
+    while len(clients) < SHARED_PLACES:
+        clients.append(stack.enter_context(daemon.client()))
+        assert clients[-1].ask(header(event=1)) == "OK"
+    expect_streams(daemon, SHARED_PLACES)
+    return clients
+
+
+def test_one_user_has_all_places_but_those_that_are_kept(daemon):
+    with contextlib.ExitStack() as stack:
+        first, *_ = stream_in_all_shared_places(stack, daemon)
+        for _ in range(3):
+            expect_refusal(daemon)
+        expect_one_warning(daemon)
+
+        first.close()
+        expect_streams(daemon, SHARED_PLACES - 1)
+        with daemon.client() as client:
+            client.start().next_document()
+        expect_streams(daemon, SHARED_PLACES - 1)
+
+
+@needs_root
+def test_each_place_that_is_kept_serves_a_user_that_has_none(daemon):
+    with contextlib.ExitStack() as stack:
+        stream_in_all_shared_places(stack, daemon)
+        for stranger in STRANGERS[:KEPT_PLACES]:
+            crowd = stack.enter_context(Crowd(daemon, 1, user=stranger, beginning=EVENT_REQUEST))
+            assert crowd.next_reply() == "OK"
+        expect_streams(daemon, PLACES)
+        assert daemon.log.take() == []
+
+        # Now there is none left, for whomever.
+        for user in (None, STRANGERS[0], STRANGERS[-1]):
+            with Crowd(daemon, 1, user=user, beginning=EVENT_REQUEST) as refused:
+                assert refused.next_reply() == NOT_CREATED
+        expect_one_warning(daemon)
+        crowd.close()
+        expect_streams(daemon, PLACES - 1)
+        with Crowd(daemon, 1, user=STRANGERS[-1], beginning=EVENT_REQUEST) as served:
+            assert served.next_reply() == "OK"
+
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")

@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include "clientplaces.h"
 #include "descriptorreserve.h"
 #include "eventsourcefactory.h"
 #include "faults.h"
@@ -270,6 +271,14 @@ can_reserve(guint count)
   g_autoptr(DescriptorReservation) reservation = descriptor_reservation_new(count, nullptr);
 
   return reservation != nullptr;
+}
+
+bool
+can_have_place()
+{
+  g_autoptr(ClientPlace) place = client_place_new(getuid());
+
+  return place != nullptr;
 }
 
 bool
@@ -1139,6 +1148,44 @@ TEST_F(ServerTest, LeavesNoCancellableBehindTheFactories)
   ASSERT_TRUE(client.send("OPEN\nevent=1\n\n"));
   EXPECT_EQ(client.wait_for_reply(), "OK");
   EXPECT_TRUE(hooked);
+}
+
+/* The places of those that stream. */
+
+/* All but one of the places are taken by others. */
+TEST_F(ServerTest, RefusesAClientWithoutAPlaceAndTakesOneForEachThatStreams)
+{
+  std::vector<ClientPlace *> others;
+  for (gsize i = 0; i < CLIENT_PLACES - CLIENT_PLACES_KEPT - 1; i++) {
+    others.push_back(client_place_new(getuid()));
+    ASSERT_NE(others.back(), nullptr);
+  }
+  start_with_events();
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(ask("OPEN\nevent=0\n\n"), "FAIL\nBad request, no metadata can be produced.");
+    ASSERT_TRUE(testhost::spin_until([] { return can_have_place(); }));
+    Client client = connect_streaming();
+    for (int k = 0; k < 3; k++) {
+      EXPECT_EQ(ask("OPEN\nevent=1\n\nSYNC\n"), NOT_CREATED);
+      EXPECT_FALSE(can_have_place());
+    }
+    client.hang_up();
+    ASSERT_TRUE(testhost::spin_until([] { return can_have_place(); }));
+  }
+  const testelements::WithoutFactory without("gdppay");
+  EXPECT_EQ(ask("OPEN\nevent=1\n\n"), "FAIL\nCould not produce metadata, Internal server error.");
+  EXPECT_TRUE(testhost::spin_until([] { return can_have_place(); }));
+
+  const SyslogLines lines = testhost::take_syslog();
+  EXPECT_EQ(lines.front(),
+            (SyslogLine{LOG_WARNING, "Too many metadata clients, refused a metadata request."}));
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const SyslogLine &line) { return line.priority == LOG_WARNING; }),
+            1);
+  EXPECT_EQ(lines.back(), (SyslogLine{LOG_ERR, "Could not create gdppay."}));
+  for (ClientPlace *place : others) {
+    client_place_free(place);
+  }
 }
 
 TEST_F(ServerTest, LogsARequestThatCannotBePushed)

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <glib.h>
+#include <sys/types.h>
+
+G_BEGIN_DECLS
+
+/**
+ * CLIENT_PLACES:
+ *
+ * How many clients may stream at once.
+ */
+#define CLIENT_PLACES 256
+
+/**
+ * CLIENT_PLACES_KEPT:
+ *
+ * How many of the places are kept for users that hold none.
+ */
+#define CLIENT_PLACES_KEPT 32
+
+/**
+ * ClientPlace:
+ *
+ * One user's right to have a client stream.
+ */
+typedef struct ClientPlace ClientPlace;
+
+ClientPlace *client_place_new(uid_t user);
+
+void client_place_free(ClientPlace *self);
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientPlace, client_place_free)
+
+G_END_DECLS
