@@ -129,6 +129,27 @@ attach_source()
   g_source_attach(source, nullptr);
 }
 
+// Another thread says when the source is ready.
+void
+make_source_ready(void (*behind_ready)())
+{
+  static GSourceFuncs funcs = {nullptr,
+                               nullptr,
+                               [](GSource *, GSourceFunc function, gpointer data) -> gboolean { return function(data); },
+                               nullptr,
+                               nullptr,
+                               nullptr};
+  g_autoptr(GSource) source = g_source_new(&funcs, sizeof(GSource));
+  g_source_set_callback(source, on_source, nullptr, nullptr);
+  g_source_attach(source, nullptr);
+  Thread thread([&] {
+    add();
+    g_source_set_ready_time(source, 0);
+    behind_ready();
+  });
+  g_main_loop_run(get_loop());
+}
+
 void
 invoke()
 {
@@ -366,6 +387,8 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"ChannelWatch", [] { run_loop_beside(add_channel_watch, NOTHING); }, NO_REPORT},
         Case{"Source", [] { run_loop_beside(attach_source, NOTHING); }, NO_REPORT},
         Case{"TouchedBehindAttach", [] { run_loop_beside([] { attach_source(), add(); }, NOTHING); }, RACE},
+        Case{"ReadySource", [] { make_source_ready(NOTHING); }, NO_REPORT},
+        Case{"TouchedBehindReadyTime", [] { make_source_ready(add); }, RACE},
         Case{"Invoke", [] { run_loop_beside(invoke, NOTHING); }, NO_REPORT},
         Case{"BusCall", [] { call_on_bus(NOTHING); }, NO_REPORT},
         Case{"TouchedBehindBusCall", [] { call_on_bus(add); }, RACE},

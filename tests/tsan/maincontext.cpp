@@ -1,6 +1,6 @@
-// Hand-overs to the thread that runs a main context: whatever went before a source was attached goes before
-// its callback, and the callback goes before what the removal of the source or the end of a main loop leads
-// to.
+// Hand-overs to the thread that runs a main context: whatever went before a source was attached, or before
+// its ready time was set, goes before its callback, and the callback goes before what the removal of the
+// source or the end of a main loop leads to.
 #include "real.h"
 
 #include <atomic>
@@ -98,6 +98,14 @@ g_source_attach(GSource *source, GMainContext *context)
   FIND_REAL(g_source_attach);
   __tsan_release(source);
   return real(source, context);
+}
+
+INTERPOSED void
+g_source_set_ready_time(GSource *source, gint64 ready_time)
+{
+  FIND_REAL(g_source_set_ready_time);
+  __tsan_release(source);
+  real(source, ready_time);
 }
 
 INTERPOSED guint
