@@ -6,7 +6,7 @@
  *
  * What does change, an entry's flag and name, the main thread alone writes, while request threads read it
  * through the functions that copy. Both take the entries' lock, one for all producers: it is held for a copy
- * or an exchange, never while the file is written or a change is notified. The main thread, as the only
+ * or an exchange, never while a change is handed to the file or notified. The main thread, as the only
  * writer, may read entries without it; so the array that is lent is for the main thread only.
  *
  * The list's lock is held during the callbacks and during each function called by foreach. Order of the
@@ -292,8 +292,8 @@ analytics_producer_new(const gchar *name, const gchar *nice_name, const gchar *s
  * @enabled: whether to enable the producer on it
  * @name: (transfer none) (nullable): the configuration name; ignored when disabling
  *
- * Changes the entry, writes the configuration file, which blocks until the change is durable, and notifies
- * #AnalyticsProducer:channels-enabled. Main thread.
+ * Changes the entry, hands the change to producer_config_set_name(), which does not wait for the disk, and
+ * notifies #AnalyticsProducer:channels-enabled. Main thread.
  *
  * Warnings: "Tried to enable/disable producer on non-supported channel %u on %s"; nothing is changed
  */

@@ -5,12 +5,17 @@
  * A producer's name is the last element of its object's path as it is. A producer whose name cannot be that
  * has no object; clients can have its data all the same.
  *
- * What is asked for is judged as a whole before anything changes. Then every change is written, and so
- * durable, before the next one; the reply comes last. The main thread does all of this, so that no call sees
- * half of another; until a call is answered nothing else of the main thread's is.
+ * Calls of both methods stand in one line, in the order of their arrival, and have their turn one after the
+ * other: none sees half of another. At its turn a call is judged as a whole before anything changes. Then
+ * every tuple is one change in memory, which is on disk before the next one is made; request threads see it
+ * at once. A producer that a call changes tells of nothing until the last change is on disk: then its object
+ * shows all changes, and the reply follows. The main thread does all of this, in short steps: the
+ * configuration calls it back when a change is on disk.
  *
- * No connection between a producer and its object keeps either: it ends with the first of the two. A call
- * holds its producer while it runs, and one that arrives for an object that has gone is refused by GLib.
+ * No connection between a producer and its object keeps either: it ends with the first of the two. A call in
+ * the line holds its producer and the interface that it came by. One that arrives for an object that has gone
+ * is refused by GLib, and one whose object goes while it waits or in the middle ends with the same error.
+ * When the connection goes, the line goes with it.
  *
  * When the bus goes away its connection is let go of. GLib shares one connection among all, for as long as
  * somebody has it: only so can the daemon's own calls reach a bus that comes back.
@@ -22,6 +27,7 @@
 
 #include <cstring>
 #include <syslog.h>
+#include <utility>
 
 namespace
 {
@@ -35,6 +41,25 @@ GDBusObjectManagerServer *object_manager;
 
 /* Exported as long as there is a connection. */
 MetadataServer1ProducerManager *manager_skeleton;
+
+/* One of SetChannelsEnabled has a producer, and one of SetProducersEnabled has none. */
+struct Call {
+  GDBusInterfaceSkeleton *skeleton;
+  GDBusMethodInvocation *invocation; /* NULL once it is answered */
+  GVariant *wanted;
+  AnalyticsProducer *producer;
+  AnalyticsProducerList *producers; /* borrowed; NULL for a call with a producer */
+
+  gboolean judged;
+  gsize entry;        /* the next one of `wanted`, for a call without a producer */
+  gsize tuple;        /* the next one of the producer's */
+  gboolean missed;    /* something could not be applied */
+  GPtrArray *changed; /* the producers that tell nothing until the end */
+};
+
+/* Of Call. It is the first one's turn, and while there is one, a source goes on with it. */
+GQueue line = G_QUEUE_INIT;
+guint step_id;
 
 /* NULL when the name cannot be an element of a path. */
 gchar *
@@ -146,20 +171,6 @@ validate_channels(AnalyticsProducer *producer, GVariant *channels, GError **erro
   return TRUE;
 }
 
-void
-apply(AnalyticsProducer *producer, GVariant *channels)
-{
-  GVariantIter iter;
-  gint32 channel = 0;
-  gboolean enabled = FALSE;
-  const gchar *name = nullptr;
-
-  g_variant_iter_init(&iter, channels);
-  while (g_variant_iter_next(&iter, "(ib&s)", &channel, &enabled, &name)) {
-    analytics_producer_set_channel_enabled(producer, static_cast<guint32>(channel), enabled, name);
-  }
-}
-
 /* One entry of a call for several producers, and the producer of its name, if there is one. Both are held. */
 struct Change {
   AnalyticsProducer *producer;
@@ -214,27 +225,207 @@ validate_producers(AnalyticsProducerList *producers, GVariant *wanted, GError **
   return all_fit;
 }
 
+Call *
+call_new(gpointer skeleton, GDBusMethodInvocation *invocation, GVariant *wanted)
+{
+  auto *call = g_new0(Call, 1);
+
+  call->skeleton = G_DBUS_INTERFACE_SKELETON(g_object_ref(skeleton));
+  call->invocation = invocation;
+  call->wanted = g_variant_ref(wanted);
+  call->changed = g_ptr_array_new_with_free_func(g_object_unref);
+  return call;
+}
+
+/* So that a producer's object shows all changes of a call at once. */
+void
+hold_notifications(Call *call, AnalyticsProducer *producer)
+{
+  if (!g_ptr_array_find(call->changed, producer, nullptr)) {
+    g_object_freeze_notify(G_OBJECT(producer));
+    g_ptr_array_add(call->changed, g_object_ref(producer));
+  }
+}
+
+void
+release_notifications(Call *call)
+{
+  for (guint i = 0; i < call->changed->len; i++) {
+    g_object_thaw_notify(G_OBJECT(g_ptr_array_index(call->changed, i)));
+  }
+  g_ptr_array_set_size(call->changed, 0);
+}
+
+void
+complete(Call *call)
+{
+  GDBusMethodInvocation *invocation = std::exchange(call->invocation, nullptr);
+
+  if (call->producer != nullptr) {
+    metadata_server1_producer_complete_set_channels_enabled(METADATA_SERVER1_PRODUCER(call->skeleton),
+                                                            invocation);
+  } else {
+    metadata_server1_producer_manager_complete_set_producers_enabled(
+        METADATA_SERVER1_PRODUCER_MANAGER(call->skeleton), invocation);
+  }
+}
+
+void
+answer(Call *call, const GError *error)
+{
+  release_notifications(call);
+  if (error != nullptr) {
+    g_dbus_method_invocation_return_gerror(std::exchange(call->invocation, nullptr), error);
+  } else {
+    complete(call);
+  }
+}
+
+/* With the words of GLib, which refuses later calls. */
+void
+set_gone_error(const Call *call, GError **error)
+{
+  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "No such interface “%s” on object at path %s",
+              g_dbus_method_invocation_get_interface_name(call->invocation),
+              g_dbus_method_invocation_get_object_path(call->invocation));
+}
+
+void
+call_free(Call *call)
+{
+  if (call->invocation != nullptr) {
+    g_autoptr(GError) error = nullptr;
+    set_gone_error(call, &error);
+    answer(call, error);
+  }
+  g_object_unref(call->skeleton);
+  g_variant_unref(call->wanted);
+  g_clear_object(&call->producer);
+  g_ptr_array_unref(call->changed);
+  g_free(call);
+}
+
+gboolean
+is_withdrawn(const Call *call)
+{
+  return g_dbus_interface_skeleton_get_connection(call->skeleton) == nullptr;
+}
+
+void
+apply_tuple(Call *call, AnalyticsProducer *producer, GVariant *channels)
+{
+  gint32 channel = 0;
+  gboolean enabled = FALSE;
+  g_autofree gchar *name = nullptr;
+
+  g_variant_get_child(channels, call->tuple, "(ibs)", &channel, &enabled, &name);
+  call->tuple++;
+  hold_notifications(call, producer);
+  analytics_producer_set_channel_enabled(producer, static_cast<guint32>(channel), enabled, name);
+}
+
+gboolean
+supports_next(const Call *call, AnalyticsProducer *producer, GVariant *channels)
+{
+  gint32 channel = 0;
+
+  g_variant_get_child(channels, call->tuple, CHANNEL_TYPE, &channel, nullptr, nullptr);
+  return analytics_producer_is_channel_supported(producer, static_cast<guint32>(channel));
+}
+
+/* Whether a change is on its way to the disk. */
+gboolean
+apply_next_of_producer(Call *call)
+{
+  if (call->tuple == g_variant_n_children(call->wanted)) {
+    return FALSE;
+  }
+  if (is_withdrawn(call)) {
+    call->missed = TRUE;
+    return FALSE;
+  }
+  apply_tuple(call, call->producer, call->wanted);
+  return TRUE;
+}
+
+/* A producer that comes again in the middle is another one, perhaps with other channels. */
+gboolean
+apply_next_of_entry(Call *call, const Change &change)
+{
+  const gsize count = g_variant_n_children(change.channels);
+
+  if (count > 0 && call->tuple == count) {
+    return FALSE;
+  }
+  if (change.producer == nullptr || (count > 0 && !supports_next(call, change.producer, change.channels))) {
+    call->missed = TRUE;
+    return FALSE;
+  }
+  if (count == 0) {
+    return FALSE;
+  }
+  apply_tuple(call, change.producer, change.channels);
+  return TRUE;
+}
+
 /* What can be applied is, and stays so when something else cannot. */
 gboolean
-apply_all(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
+apply_next_of_all(Call *call)
 {
-  GVariantIter iter;
-  gboolean all_applied = TRUE;
-
-  g_variant_iter_init(&iter, wanted);
-  while (g_autoptr(GVariant) entry = g_variant_iter_next_value(&iter)) {
-    const Change change(producers, entry);
-    if (change.producer == nullptr) {
-      all_applied = FALSE;
-      continue;
+  for (; call->entry < g_variant_n_children(call->wanted); call->entry++, call->tuple = 0) {
+    g_autoptr(GVariant) entry = g_variant_get_child_value(call->wanted, call->entry);
+    if (apply_next_of_entry(call, Change(call->producers, entry))) {
+      return TRUE;
     }
-    apply(change.producer, change.channels);
   }
-  if (!all_applied) {
+  return FALSE;
+}
+
+/* Before anything changes. */
+gboolean
+judge(Call *call, GError **error)
+{
+  if (call->judged) {
+    return TRUE;
+  }
+  call->judged = TRUE;
+  if (call->producer == nullptr) {
+    return validate_producers(call->producers, call->wanted, error);
+  }
+  if (is_withdrawn(call)) {
+    set_gone_error(call, error);
+    return FALSE;
+  }
+  return validate_channels(call->producer, call->wanted, error);
+}
+
+void
+set_missed_error(const Call *call, GError **error)
+{
+  if (call->producer != nullptr) {
+    set_gone_error(call, error);
+  } else {
     g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_FAILED,
                         "Failed to apply configuration to producer");
   }
-  return all_applied;
+}
+
+/* One step: a change that is on its way to the disk, or the answer. FALSE with the answer. */
+gboolean
+go_on(Call *call)
+{
+  g_autoptr(GError) error = nullptr;
+
+  if (judge(call, &error)) {
+    if (call->producer != nullptr ? apply_next_of_producer(call) : apply_next_of_all(call)) {
+      return TRUE;
+    }
+    if (call->missed) {
+      set_missed_error(call, &error);
+    }
+  }
+  answer(call, error);
+  return FALSE;
 }
 
 } // namespace
@@ -248,18 +439,56 @@ on_channels_enabled_notify(AnalyticsProducer *producer, GParamSpec *, MetadataSe
   set_channels(skeleton, static_cast<GPtrArray *>(channels));
 }
 
+static gboolean on_step(gpointer);
+
+/* Gives the first call of the line one step, and has the next step follow when the disk is ready for it. */
+static void
+take_step()
+{
+  if (!go_on(static_cast<Call *>(g_queue_peek_head(&line)))) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&line)));
+  }
+  if (!g_queue_is_empty(&line)) {
+    step_id = producer_config_call_when_saved(on_step, nullptr);
+  }
+}
+
+static gboolean
+on_step(gpointer)
+{
+  step_id = 0;
+  take_step();
+  return G_SOURCE_REMOVE;
+}
+
+/* Takes the call. */
+static void
+line_up(Call *call)
+{
+  g_queue_push_tail(&line, call);
+  if (g_queue_get_length(&line) == 1) {
+    take_step();
+  }
+}
+
+/* What the calls have changed so far stays. */
+static void
+clear_line()
+{
+  g_clear_handle_id(&step_id, g_source_remove);
+  while (!g_queue_is_empty(&line)) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&line)));
+  }
+}
+
 static gboolean
 on_handle_set_channels_enabled(MetadataServer1Producer *skeleton, GDBusMethodInvocation *invocation,
                                GVariant *enabled_channels, AnalyticsProducer *producer)
 {
-  g_autoptr(GError) error = nullptr;
+  Call *call = call_new(skeleton, invocation, enabled_channels);
 
-  if (!validate_channels(producer, enabled_channels, &error)) {
-    g_dbus_method_invocation_return_gerror(invocation, error);
-    return TRUE;
-  }
-  apply(producer, enabled_channels);
-  metadata_server1_producer_complete_set_channels_enabled(skeleton, invocation);
+  call->producer = ANALYTICS_PRODUCER(g_object_ref(producer));
+  line_up(call);
   return TRUE;
 }
 
@@ -267,15 +496,10 @@ static gboolean
 on_handle_set_producers_enabled(MetadataServer1ProducerManager *skeleton, GDBusMethodInvocation *invocation,
                                 GVariant *enabled_producers, gpointer user_data)
 {
-  auto *producers = static_cast<AnalyticsProducerList *>(user_data);
-  g_autoptr(GError) error = nullptr;
+  Call *call = call_new(skeleton, invocation, enabled_producers);
 
-  if (!validate_producers(producers, enabled_producers, &error) ||
-      !apply_all(producers, enabled_producers, &error)) {
-    g_dbus_method_invocation_return_gerror(invocation, error);
-    return TRUE;
-  }
-  metadata_server1_producer_manager_complete_set_producers_enabled(skeleton, invocation);
+  call->producers = static_cast<AnalyticsProducerList *>(user_data);
+  line_up(call);
   return TRUE;
 }
 
@@ -321,7 +545,8 @@ on_producer_removed(AnalyticsProducer *producer)
   }
 }
 
-/* Leaves no trace of this component on the connection, and keeps it no longer. */
+/* Leaves no trace of this component on the connection, and keeps it no longer. Calls in the line are answered
+ * if the connection still can. */
 static void
 leave_bus()
 {
@@ -330,6 +555,7 @@ leave_bus()
     return;
   }
 
+  clear_line();
   g_signal_handlers_disconnect_by_data(connection, &object_manager);
   g_dbus_object_manager_server_set_connection(object_manager, nullptr);
   if (manager_skeleton != nullptr) {
@@ -415,7 +641,8 @@ dbus_producer_manager_on_bus_acquired(GDBusConnection *connection, AnalyticsProd
  * dbus_producer_manager_teardown:
  *
  * Withdraws every object, and lets go of the connection and of all that dbus_producer_manager_init() made.
- * The list's callbacks stay, so the list must not change any more. Main thread.
+ * Calls that have not been answered fail; what they have changed so far stays. The list's callbacks stay, so
+ * the list must not change any more. Main thread, before producer_config_free().
  */
 void
 dbus_producer_manager_teardown(void)

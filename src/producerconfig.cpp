@@ -11,12 +11,16 @@
  * reader never sees half a file. One process at a time may use a file: a second one would take the other's
  * new content for something left behind.
  *
- * As long as the file is older than memory, because a save failed, a time-out of the default main context
- * saves again. Any save that succeeds ends it, on whichever thread.
+ * Threads: one thread, from set-up to release, does all the writing and works its jobs off in order. Each
+ * save writes what is in memory when the save begins, so an older content never follows a newer one. Nobody
+ * waits for a save: who wants to know its end queues a job behind it.
  *
- * One lock guards the key file, also while it is written and synced, and the time-out's id. It is taken last:
- * nothing that is called under it takes another one. Set-up and release come before and after every other use
- * and take none.
+ * As long as the file is older than memory, because a save failed, a time-out of the default main context
+ * queues another save. Any save that succeeds ends the time-out.
+ *
+ * One lock guards what is in memory: the key file, the time-out's id and the number of saves to come. It is
+ * never held while the disk is waited for. It is taken last: nothing that is called under it takes another
+ * one. Set-up and release come before and after every other use and take none.
  */
 #include "producerconfig.h"
 
@@ -28,6 +32,7 @@
 #include <string_view>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -35,11 +40,26 @@ namespace
 constexpr const char *GROUP_PREFIX = "Producers.";
 constexpr const char *NAME_KEY = "Name";
 
+enum class JobKind {
+  SAVE_CHANGE,
+  SAVE_AGAIN,
+  TELL,
+  END,
+};
+
+struct Job {
+  JobKind kind;
+  GSource *source; /* the one to dispatch, for TELL; owned */
+};
+
 struct ProducerConfig {
   GMutex lock;
   const gchar *path; /* the caller's */
   GKeyFile *key_file;
-  guint retry_id; /* 0 unless the file is older than memory */
+  guint retry_id;      /* 0 unless the file is older than memory */
+  guint saves_to_come; /* queued or under way */
+  GAsyncQueue *jobs;
+  GThread *thread;
 };
 
 ProducerConfig config;
@@ -196,12 +216,20 @@ rename_to_file(const gchar *path, GError **error)
   return TRUE;
 }
 
+gchar *
+take_snapshot(gsize *length)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+
+  return g_key_file_to_data(config.key_file, length, nullptr);
+}
+
 gboolean
 replace_file(GError **error)
 {
   g_autofree gchar *temporary = make_temporary_path();
   gsize length = 0;
-  g_autofree gchar *data = g_key_file_to_data(config.key_file, &length, nullptr);
+  g_autofree gchar *data = take_snapshot(&length);
 
   g_unlink(temporary);
   if (write_new_file(temporary, {data, length}, error) && rename_to_file(temporary, error)) {
@@ -237,6 +265,24 @@ stop_retrying()
   g_clear_handle_id(&config.retry_id, g_source_remove);
 }
 
+void
+queue_job(JobKind kind, GSource *source = nullptr)
+{
+  auto *job = g_new0(Job, 1);
+
+  job->kind = kind;
+  job->source = source;
+  g_async_queue_push(config.jobs, job);
+}
+
+/* The caller has the lock. */
+void
+queue_save(JobKind kind)
+{
+  config.saves_to_come++;
+  queue_job(kind);
+}
+
 /* The channel of a group, or 0 when its index is malformed. Only what stands between the first two dots is
  * looked at: what comes before the first is never checked, and nothing at all counts as index 0. Deliberate
  * and kept. */
@@ -256,45 +302,133 @@ parse_channel(const gchar *group)
 
 } // namespace
 
-/* While it waited for the lock, another thread may have saved and ended the time-out. */
+/* A save that is to come brings everything, so none is added. */
 static gboolean
 on_retry(gpointer)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
 
-  if (config.retry_id != 0 && save(nullptr)) {
-    stop_retrying();
-    syslog(LOG_INFO, "wrote to producerconfig what could not be written before");
+  if (config.retry_id != 0 && config.saves_to_come == 0) {
+    queue_save(JobKind::SAVE_AGAIN);
   }
   return G_SOURCE_CONTINUE;
 }
 
-static gboolean
-save_or_retry(GError **error)
+static void
+end_save(gboolean saved)
 {
-  if (save(error)) {
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+
+  config.saves_to_come--;
+  if (saved) {
     stop_retrying();
-    return TRUE;
-  }
-  if (config.retry_id == 0) {
+  } else if (config.retry_id == 0) {
     config.retry_id = g_timeout_add_seconds(PRODUCER_CONFIG_RETRY_SECONDS, on_retry, nullptr);
   }
-  return FALSE;
+}
+
+static void
+save_change()
+{
+  g_autoptr(GError) error = nullptr;
+  const gboolean saved = save(&error);
+
+  end_save(saved);
+  if (!saved) {
+    syslog(LOG_WARNING, "could not write name to producerconfig: %s", error->message);
+  }
+}
+
+static void
+save_again()
+{
+  const gboolean saved = save(nullptr);
+
+  end_save(saved);
+  if (saved) {
+    syslog(LOG_INFO, "wrote to producerconfig what could not be written before");
+  }
+}
+
+/* The source may have been removed meanwhile. */
+static void
+make_ready(GSource *source)
+{
+  g_source_set_ready_time(source, 0);
+  g_source_unref(source);
+}
+
+/* The saving thread. */
+static gpointer
+work_off_jobs(gpointer)
+{
+  while (true) {
+    g_autofree auto *job = static_cast<Job *>(g_async_queue_pop(config.jobs));
+
+    switch (job->kind) {
+    case JobKind::SAVE_CHANGE:
+      save_change();
+      break;
+    case JobKind::SAVE_AGAIN:
+      save_again();
+      break;
+    case JobKind::TELL:
+      make_ready(job->source);
+      break;
+    case JobKind::END:
+      return nullptr;
+    }
+  }
+}
+
+static gboolean
+dispatch_once(GSource *, GSourceFunc function, gpointer user_data)
+{
+  function(user_data);
+  return G_SOURCE_REMOVE;
+}
+
+/* Ready when its time has come, and not before. */
+static GSourceFuncs told_source_funcs = {nullptr, nullptr, dispatch_once, nullptr, nullptr, nullptr};
+
+static gboolean
+start_thread()
+{
+  g_autoptr(GError) error = nullptr;
+
+  config.jobs = g_async_queue_new();
+  config.thread = g_thread_try_new("producer-config", work_off_jobs, nullptr, &error);
+  if (config.thread == nullptr) {
+    syslog(LOG_WARNING, "could not start the thread that writes producer config: %s", error->message);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+static void
+end_thread()
+{
+  if (config.thread != nullptr) {
+    queue_job(JobKind::END);
+    g_thread_join(std::exchange(config.thread, nullptr));
+  }
+  g_clear_pointer(&config.jobs, g_async_queue_unref);
 }
 
 /**
  * producer_config_setup:
  * @path: (transfer none): the file, which must exist; kept until producer_config_free()
  *
- * Loads the file. A file that is missing or malformed is fatal to the daemon, which never creates it. What a
- * killed save left beside the file, under its name and #PRODUCER_CONFIG_TEMPORARY_SUFFIX, is removed. Main
- * thread, before every other use.
+ * Loads the file, and starts the thread that saves it. A file that is missing or malformed is fatal to the
+ * daemon, which never creates it. What a killed save left beside the file, under its name and
+ * #PRODUCER_CONFIG_TEMPORARY_SUFFIX, is removed. Main thread, before every other use.
  *
  * Warnings: "could not load producer config from '%s': %s". `errno` then tells what the system met, or EINVAL
- * when it is the content that is wrong. "configuration name longer than %d bytes in producers.conf: %s" for
+ * when it is the content that is wrong. "could not start the thread that writes producer config: %s", with
+ * `errno` EAGAIN. "configuration name longer than %d bytes in producers.conf: %s" for
  * each group whose name exceeds #PRODUCER_CONFIG_MAX_NAME_BYTES; the name counts as it is.
  *
- * Returns: whether the file is loaded
+ * Returns: whether the file is loaded and can be saved
  */
 gboolean
 producer_config_setup(const gchar *path)
@@ -312,6 +446,11 @@ producer_config_setup(const gchar *path)
     errno = error_number;
     return FALSE;
   }
+  if (!start_thread()) {
+    producer_config_free();
+    errno = EAGAIN;
+    return FALSE;
+  }
   warn_of_long_names();
   remove_leftover();
   return TRUE;
@@ -320,12 +459,13 @@ producer_config_setup(const gchar *path)
 /**
  * producer_config_free:
  *
- * Undoes producer_config_setup(). A file that could not be written is not tried again. Main thread, after
- * every other use.
+ * Undoes producer_config_setup(). Waits for the saves that are to come; a file that could not be written is
+ * not tried again. Main thread, after every other use.
  */
 void
 producer_config_free(void)
 {
+  end_thread();
   stop_retrying();
   g_clear_pointer(&config.key_file, g_key_file_unref);
   g_mutex_clear(&config.lock);
@@ -363,10 +503,11 @@ producer_config_get_name(const gchar *producer, guint32 channel)
  * @name: (transfer none) (nullable): the configuration name under which to enable the producer, or %NULL to
  *   disable it. An empty name is stored like %NULL, and so reads as disabled at the next start.
  *
- * Changes one channel, and replaces the whole file by what is in memory; blocks until that is durable. When
- * the file cannot be written, memory keeps the change, and the next write brings it to the file: that of
- * another change, or the default main context's, every #PRODUCER_CONFIG_RETRY_SECONDS. A producer that cannot
- * be part of a group's name, or a name that is not UTF-8, changes nothing. Of all text, form feeds at the
+ * Changes one channel in memory, and has the whole file replaced by what is in memory, once for each call and
+ * in their order. Does not wait for that: see producer_config_call_when_saved(). When the file cannot be
+ * written, memory keeps the change, and the next write brings it to the file: that of another change, or the
+ * one that the default main context asks for every #PRODUCER_CONFIG_RETRY_SECONDS. A producer that cannot be
+ * part of a group's name, or a name that is not UTF-8, changes nothing. Of all text, form feeds at the
  * beginning of @name alone do not survive the file: GLib neither escapes nor reads them. Any thread.
  *
  * Infos: "wrote to producerconfig what could not be written before", when a write that was tried again has
@@ -381,11 +522,37 @@ producer_config_set_name(const gchar *producer, guint32 channel, const gchar *na
 
   g_autoptr(GError) error = nullptr;
   g_autofree gchar *group = format_group(producer, channel);
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
-
-  if (!set_value(group, name != nullptr ? name : "", &error) || !save_or_retry(&error)) {
-    syslog(LOG_WARNING, "could not write name to producerconfig: %s", error->message);
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
+    if (set_value(group, name != nullptr ? name : "", &error)) {
+      queue_save(JobKind::SAVE_CHANGE);
+      return;
+    }
   }
+  syslog(LOG_WARNING, "could not write name to producerconfig: %s", error->message);
+}
+
+/**
+ * producer_config_call_when_saved:
+ * @function: called once, in the default main context; what it returns does not count
+ * @user_data: for @function
+ *
+ * Has @function called when every change that was made before this call has been written durably, or could
+ * not be. Until then the source can be removed, as every other one, also after producer_config_free(). Any
+ * thread.
+ *
+ * Returns: the id of the source, greater than 0
+ */
+guint
+producer_config_call_when_saved(GSourceFunc function, gpointer user_data)
+{
+  g_return_val_if_fail(function != NULL, 0);
+
+  GSource *source = g_source_new(&told_source_funcs, sizeof(GSource));
+  g_source_set_callback(source, function, user_data, nullptr);
+  const guint id = g_source_attach(source, nullptr);
+  queue_job(JobKind::TELL, source);
+  return id;
 }
 
 /**

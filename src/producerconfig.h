@@ -35,6 +35,8 @@ gchar *producer_config_get_name(const gchar *producer, guint32 channel);
 
 void producer_config_set_name(const gchar *producer, guint32 channel, const gchar *name);
 
+guint producer_config_call_when_saved(GSourceFunc function, gpointer user_data);
+
 GArray *producer_config_get_supported_channels(const gchar *producer);
 
 G_END_DECLS

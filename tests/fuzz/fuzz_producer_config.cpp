@@ -3,6 +3,7 @@
  */
 #include "fuzz.h"
 #include "producerconfig.h"
+#include "saves.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -192,13 +193,13 @@ check_change(const std::string &producer, guint32 channel, const std::string &na
 {
   const bool stored = can_be_stored(producer, name);
 
-  producer_config_set_name(producer.c_str(), channel, name.c_str());
+  saves::set_name(producer.c_str(), channel, name.c_str());
   const Lines lines = take_syslog();
   fuzz::require(lines.size() == 1 && lines[0].starts_with(WRITE_FAILURE), "one warning");
   fuzz::require(is_text(lines[0]), "a warning is text");
   check_name(producer, channel, stored ? name : old_name);
 
-  producer_config_set_name(producer.c_str(), channel, nullptr);
+  saves::set_name(producer.c_str(), channel, nullptr);
   fuzz::require(take_syslog().size() == 1, "one warning");
   check_name(producer, channel, can_be_stored(producer, "") ? "" : old_name);
 }

@@ -5,15 +5,17 @@
  * and a name an entry of the latter. "+" or "-", a channel, a blank and a name are a tuple; "x" or "u" and a
  * number make the name of the last one longer, by characters of one byte or of two. What follows "R" or "r"
  * to the end of the input is the argument of a last call in GVariant's serialised form, for the manager or
- * for the first producer.
+ * for the first producer. With a line "A" all calls are made at once, and are worked off in their order.
  */
 #include "analyticsproducer.h"
 #include "dbusproducermanager.h"
 #include "fuzz.h"
 #include "producerconfig.h"
+#include "saves.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <charconv>
 #include <cstdarg>
 #include <gio/gio.h>
@@ -70,7 +72,8 @@ struct Call {
   std::vector<Entry> entries;
 };
 
-gsize write_failures;
+/* Also counted by the thread that saves. */
+std::atomic<gsize> write_failures;
 
 /* What the producers are, and what becomes of them. A longer name than a call may give has come from the
  * file. */
@@ -161,27 +164,37 @@ public:
     return server_;
   }
 
-  /* The reply's body, or NULL and an error. */
-  GVariant *call(const std::string &path, const char *interface, const char *method, GVariant *arguments,
-                 GError **error) const
-  {
-    Reply reply = {nullptr, error, false};
+  /* A body or an error, once it has come. */
+  struct Reply {
+    Reply() = default;
+    ~Reply()
+    {
+      g_clear_pointer(&body, g_variant_unref);
+      g_clear_error(&error);
+    }
+    Reply(const Reply &) = delete;
+    Reply &operator=(const Reply &) = delete;
 
+    GVariant *body = nullptr;
+    GError *error = nullptr;
+    bool came = false;
+  };
+
+  void start(const std::string &path, const char *interface, const char *method, GVariant *arguments,
+             Reply *reply) const
+  {
     g_dbus_connection_call(client_, nullptr, path.c_str(), interface, method, arguments, nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, on_reply, &reply);
+                           G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, on_reply, reply);
+  }
+
+  static void wait_for(const Reply &reply)
+  {
     while (!reply.came) {
       g_main_context_iteration(nullptr, TRUE);
     }
-    return reply.body;
   }
 
 private:
-  struct Reply {
-    GVariant *body;
-    GError **error;
-    bool came;
-  };
-
   static void begin(int fd, const gchar *guid, GDBusConnectionFlags flags, GDBusConnection **connection)
   {
     g_autoptr(GSocket) socket = g_socket_new_from_fd(fd, nullptr);
@@ -202,7 +215,7 @@ private:
   {
     auto *reply = static_cast<Reply *>(user_data);
 
-    reply->body = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, reply->error);
+    reply->body = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &reply->error);
     reply->came = true;
   }
 
@@ -437,7 +450,7 @@ read_serialised(bool for_manager, std::string_view bytes)
 }
 
 std::vector<Call>
-parse(std::string_view input)
+parse(std::string_view input, bool *at_once)
 {
   std::vector<Call> calls;
 
@@ -447,6 +460,7 @@ parse(std::string_view input)
       break;
     }
     const gsize end = std::min(input.find('\n'), input.size());
+    *at_once = *at_once || input.substr(0, end) == "A";
     parse_line(input.substr(0, end), &calls);
     input.remove_prefix(std::min(end + 1, input.size()));
   }
@@ -454,24 +468,28 @@ parse(std::string_view input)
   return calls;
 }
 
-std::string
-make_call(const Connection &connection, const Call &call)
+void
+start_call(const Connection &connection, const Call &call, Connection::Reply *reply)
 {
   const std::string path = call.producer.has_value() ? ROOT + ("/" + *call.producer) : ROOT;
   GVariant *argument = make_argument(call);
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) body =
-      connection.call(path, call.producer.has_value() ? PRODUCER : MANAGER,
-                      call.producer.has_value() ? "SetChannelsEnabled" : "SetProducersEnabled",
-                      g_variant_new_tuple(&argument, 1), &error);
 
-  if (body != nullptr) {
-    g_autofree gchar *text = g_variant_print(body, FALSE);
+  connection.start(path, call.producer.has_value() ? PRODUCER : MANAGER,
+                   call.producer.has_value() ? "SetChannelsEnabled" : "SetProducersEnabled",
+                   g_variant_new_tuple(&argument, 1), reply);
+}
+
+std::string
+get_outcome(const Connection::Reply &reply)
+{
+  Connection::wait_for(reply);
+  if (reply.body != nullptr) {
+    g_autofree gchar *text = g_variant_print(reply.body, FALSE);
     return text;
   }
-  g_autofree gchar *name = g_dbus_error_get_remote_error(error);
-  g_dbus_error_strip_remote_error(error);
-  return std::string(name != nullptr ? name : "") + ": " + error->message;
+  g_autofree gchar *name = g_dbus_error_get_remote_error(reply.error);
+  g_dbus_error_strip_remote_error(reply.error);
+  return std::string(name != nullptr ? name : "") + ": " + reply.error->message;
 }
 
 void
@@ -509,13 +527,42 @@ check_shown(GVariant *objects, const Model &model, gsize index)
 void
 check_objects(const Connection &connection, const Model &model)
 {
-  g_autoptr(GVariant) body = connection.call(ROOT, OBJECT_MANAGER, "GetManagedObjects", nullptr, nullptr);
-  fuzz::require(body != nullptr, "the objects can be listed");
-  g_autoptr(GVariant) objects = g_variant_get_child_value(body, 0);
+  Connection::Reply reply;
+  connection.start(ROOT, OBJECT_MANAGER, "GetManagedObjects", nullptr, &reply);
+  Connection::wait_for(reply);
+  fuzz::require(reply.body != nullptr, "the objects can be listed");
+  g_autoptr(GVariant) objects = g_variant_get_child_value(reply.body, 0);
 
   fuzz::require(g_variant_n_children(objects) == 2, "two producers have objects");
   check_shown(objects, model, 0);
   check_shown(objects, model, 1);
+}
+
+void
+call_one_by_one(const Connection &connection, const Service &service, const std::vector<Call> &calls,
+                Model *model)
+{
+  for (const Call &call : calls) {
+    Connection::Reply reply;
+    start_call(connection, call, &reply);
+    fuzz::require(get_outcome(reply) == model->call(call), "the outcome is the model's");
+    check_state(service, *model);
+  }
+}
+
+void
+call_at_once(const Connection &connection, const Service &service, const std::vector<Call> &calls,
+             Model *model)
+{
+  std::vector<Connection::Reply> replies(calls.size());
+
+  for (gsize i = 0; i < calls.size(); i++) {
+    start_call(connection, calls[i], &replies[i]);
+  }
+  for (gsize i = 0; i < calls.size(); i++) {
+    fuzz::require(get_outcome(replies[i]) == model->call(calls[i]), "the outcome is the model's");
+  }
+  check_state(service, *model);
 }
 
 } // namespace
@@ -542,12 +589,12 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
   Model model;
 
   service.reset(model);
+  saves::wait();
   write_failures = 0;
   check_state(service, model);
-  for (const Call &call : parse(fuzz::as_text(data, size))) {
-    fuzz::require(make_call(connection, call) == model.call(call), "the outcome is the model's");
-    check_state(service, model);
-  }
+  bool at_once = false;
+  const std::vector<Call> calls = parse(fuzz::as_text(data, size), &at_once);
+  (at_once ? call_at_once : call_one_by_one)(connection, service, calls, &model);
   check_objects(connection, model);
   return 0;
 }

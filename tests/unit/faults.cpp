@@ -2,6 +2,7 @@
 
 #include "connectionmanager.h"
 #include "requestreader.h"
+#include "testhost.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <set>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <thread>
 #include <utility>
 
 namespace
@@ -203,6 +205,51 @@ before_next_fsync(std::function<void()> hook)
   fsync_hook = std::move(hook);
 }
 
+struct HeldSync::State {
+  std::atomic<bool> held = false;
+  std::atomic<bool> released = false;
+};
+
+HeldSync::HeldSync() : state_(std::make_shared<State>())
+{
+  before_next_fsync([state = state_] {
+    state->held = true;
+    state->released.wait(false);
+  });
+}
+
+HeldSync::~HeldSync()
+{
+  if (!is_holding()) {
+    before_next_fsync(nullptr);
+  }
+  release();
+}
+
+bool
+HeldSync::is_holding() const
+{
+  return state_->held;
+}
+
+bool
+HeldSync::wait() const
+{
+  const gint64 end = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+
+  while (!is_holding() && g_get_monotonic_time() < end) {
+    std::this_thread::yield();
+  }
+  return is_holding();
+}
+
+void
+HeldSync::release()
+{
+  state_->released = true;
+  state_->released.notify_all();
+}
+
 void
 after_next_flush(std::function<void()> hook)
 {
@@ -355,6 +402,8 @@ gpointer __real_g_try_malloc(gsize size);
 gpointer __wrap_g_try_malloc(gsize size);
 gpointer __real_g_try_malloc0(gsize size);
 gpointer __wrap_g_try_malloc0(gsize size);
+GThread *__real_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
+GThread *__wrap_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
                                            gint max_threads, gboolean exclusive, GError **error);
 GThreadPool *__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -618,6 +667,16 @@ gpointer
 __wrap_g_try_malloc0(gsize size)
 {
   return take_failure(faults::Call::TRY_MALLOC0) ? nullptr : __real_g_try_malloc0(size);
+}
+
+GThread *
+__wrap_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error)
+{
+  if (take_failure(faults::Call::THREAD_NEW)) {
+    g_set_error_literal(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "No more threads");
+    return nullptr;
+  }
+  return __real_g_thread_try_new(name, func, data, error);
 }
 
 GThreadPool *

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <glib.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ enum class Call {
   LISTEN,
   OPEN, /* with EMFILE */
   PIPELINE_NEW,
+  THREAD_NEW,
   THREAD_POOL_NEW,
   THREAD_POOL_PUSH,
   TRY_MALLOC,
@@ -75,6 +77,29 @@ void after_next_unlock(std::function<void()> hook);
 
 /* Called once, on the calling thread, before the next fsync(). */
 void before_next_fsync(std::function<void()> hook);
+
+/* Holds the thread that makes the next call of fsync(), before it does, until this object lets it go or ends.
+ */
+class HeldSync
+{
+public:
+  HeldSync();
+  ~HeldSync();
+  HeldSync(const HeldSync &) = delete;
+  HeldSync &operator=(const HeldSync &) = delete;
+
+  /* Whether the thread is there. */
+  bool is_holding() const;
+
+  /* Waits for it, and dispatches nothing. FALSE when it does not come within the bound. */
+  bool wait() const;
+
+  void release();
+
+private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
 
 /* Called once, on the calling thread, right after the next flush of a channel. */
 void after_next_flush(std::function<void()> hook);

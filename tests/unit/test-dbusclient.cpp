@@ -85,10 +85,10 @@ protected:
     dbus_client_teardown();
     receiver_.reset();
     close_bus();
+    producer_config_free();
     Fixture::TearDown();
     testconverter::take_inputs();
     analytics_producer_list_free(producers_);
-    producer_config_free();
   }
 
   /* Waits until nobody has the connection any more, nor anything is on its way from it. */

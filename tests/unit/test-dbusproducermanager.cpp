@@ -48,6 +48,14 @@ constexpr const char *NOT_APPLIED =
 constexpr const char *NAME_TOO_LONG =
     "org.freedesktop.DBus.Error.LimitsExceeded: Configuration name is longer than 256 bytes";
 
+/* The error of a call for an object that has gone. */
+std::string
+gone(const std::string &interface, const std::string &object)
+{
+  return "org.freedesktop.DBus.Error.UnknownMethod: No such interface “" + interface +
+         "” on object at path " + object;
+}
+
 const std::string TOO_LONG(PRODUCER_CONFIG_MAX_NAME_BYTES + 1, 'x');
 
 constexpr const char *DONE = "()";
@@ -303,10 +311,45 @@ protected:
     return tool_->call(set_channels_call(producer, channels));
   }
 
+  Peer::Call set_producers_call(const std::string &wanted) const
+  {
+    return method(ROOT, MANAGER, "SetProducersEnabled",
+                  g_variant_new("(@a{sa(ibs)})", parse("a{sa(ibs)}", wanted)));
+  }
+
   std::string set_producers(const std::string &wanted) const
   {
-    return tool_->call(method(ROOT, MANAGER, "SetProducersEnabled",
-                              g_variant_new("(@a{sa(ibs)})", parse("a{sa(ibs)}", wanted))));
+    return tool_->call(set_producers_call(wanted));
+  }
+
+  /* Has the first of several calls wait for the disk, and returns when it does. */
+  Peer::Outcome start_and_hold(const Peer::Call &call, const faults::HeldSync &sync) const
+  {
+    Peer::Outcome outcome = tool_->start(call);
+
+    EXPECT_TRUE(testhost::spin_until([&sync] { return sync.is_holding(); }));
+    return outcome;
+  }
+
+  /* Starts calls that arrive behind one that is worked off. */
+  std::vector<Peer::Outcome> start_behind(const std::vector<Peer::Call> &calls)
+  {
+    const Arrivals arrivals(service_->connection());
+    std::vector<Peer::Outcome> outcomes;
+
+    outcomes.reserve(calls.size());
+    for (const Peer::Call &call : calls) {
+      outcomes.push_back(tool_->start(call));
+    }
+    EXPECT_TRUE(arrivals.wait_for(calls.size()));
+    testhost::dispatch_ready();
+    return outcomes;
+  }
+
+  static std::string wait_for(const Peer::Outcome &outcome)
+  {
+    EXPECT_TRUE(testhost::spin_until([&outcome] { return outcome->has_value(); }));
+    return outcome->value_or("nothing");
   }
 
   std::string get(const std::string &producer, const char *property) const
@@ -873,17 +916,51 @@ TEST_F(DBusProducerManagerTest, AppliesTheSameProducerTwiceInOrder)
 TEST_F(DBusProducerManagerTest, KeepsWhatCouldBeAppliedWhenAProducerGoesMeanwhile)
 {
   acquire();
-  AnalyticsProducer *first = add("First");
+  add("First");
   add("Passing");
   add("Last");
-  const OnChange on_change(first, [this] { remove("Passing"); });
+  faults::HeldSync sync;
+  const Peer::Outcome outcome = start_and_hold(
+      set_producers_call(
+          "{'First': [(1, true, 'a')], 'Passing': [(1, true, 'b')], 'Last': [(1, true, 'c')]}"),
+      sync);
+  remove("Passing");
+  sync.release();
 
-  EXPECT_EQ(
-      set_producers("{'First': [(1, true, 'a')], 'Passing': [(1, true, 'b')], 'Last': [(1, true, 'c')]}"),
-      NOT_APPLIED);
+  EXPECT_EQ(wait_for(outcome), NOT_APPLIED);
   EXPECT_EQ(channels("First"), "(<[(1, true, 'a'), (2, false, '')]>,)");
   EXPECT_EQ(channels("Last"), "(<[(1, true, 'c'), (2, false, '')]>,)");
   EXPECT_EQ(content(), "[Producers.0.First]\nName=a\n\n[Producers.0.Last]\nName=c\n");
+}
+
+TEST_F(DBusProducerManagerTest, GoesOnWithAProducerThatComesAgainAndSupportsTheChannel)
+{
+  acquire();
+  add("One", {1, 2, 3});
+  faults::HeldSync sync;
+  const Peer::Outcome outcome = start_and_hold(
+      set_producers_call("{'One': [(1, true, 'a'), (2, true, 'b'), (3, true, 'c'), (1, true, 'd')]}"), sync);
+  remove("One");
+  add("One", {1, 2});
+  sync.release();
+
+  EXPECT_EQ(wait_for(outcome), NOT_APPLIED);
+  EXPECT_EQ(channels("One"), "(<[(1, true, 'a'), (2, true, 'b')]>,)");
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=a\n\n[Producers.1.One]\nName=b\n");
+}
+
+TEST_F(DBusProducerManagerTest, MissesAnEntryWithoutTuplesWhoseProducerGoes)
+{
+  acquire();
+  add("One");
+  add("Passing");
+  faults::HeldSync sync;
+  const Peer::Outcome outcome =
+      start_and_hold(set_producers_call("{'One': [(1, true, 'a')], 'Passing': []}"), sync);
+  remove("Passing");
+  sync.release();
+
+  EXPECT_EQ(wait_for(outcome), NOT_APPLIED);
 }
 
 TEST_F(DBusProducerManagerTest, TakesTenThousandTuplesInOneCall)
@@ -914,6 +991,76 @@ TEST_F(DBusProducerManagerTest, TakesTenThousandTuplesInOneCall)
   }
 }
 
+/* Calls beside each other, and beside the disk */
+
+TEST_F(DBusProducerManagerTest, ServesOthersWhileTheDiskIsWaitedFor)
+{
+  acquire();
+  AnalyticsProducer *producer = add("One");
+  take_signals();
+  faults::HeldSync sync;
+  const Peer::Outcome outcome =
+      start_and_hold(set_channels_call("One", "[(1, true, 'x'), (2, true, 'y')]"), sync);
+
+  EXPECT_TRUE(analytics_producer_get_channel_enabled(producer, 1, nullptr)) << "in memory at once";
+  EXPECT_FALSE(analytics_producer_get_channel_enabled(producer, 2, nullptr)) << "one after the other";
+  EXPECT_EQ(channels("One"), "(<"s + BOTH_DISABLED + ">,)") << "on the bus when all is on disk";
+  add("Two");
+  EXPECT_EQ(take_signals().size(), 1U) << "the other producer's";
+  EXPECT_FALSE(outcome->has_value());
+
+  sync.release();
+  EXPECT_EQ(wait_for(outcome), DONE);
+  EXPECT_EQ(channels("One"), "(<[(1, true, 'x'), (2, true, 'y')]>,)");
+  EXPECT_EQ(take_signals(), (Texts{changed("One", "[(1, true, 'x'), (2, true, 'y')]")}));
+}
+
+TEST_F(DBusProducerManagerTest, ShowsWhatIsChangedBeforeItAnswersAndTellsAfterwards)
+{
+  Texts events;
+  acquire();
+  AnalyticsProducer *producer = add("One");
+  take_signals();
+  const OnChange on_change(producer, [&events] {
+    events.push_back("shown after " + std::to_string(faults::file_calls_size()) + " calls");
+  });
+  faults::keep_file_calls();
+  EXPECT_EQ(set_channels("One", "[(1, true, 'x'), (2, true, 'y')]"), DONE);
+
+  EXPECT_EQ(events, (Texts{"shown after 14 calls"})) << "two saves, and no reply yet";
+  EXPECT_EQ(faults::take_file_calls().size(), 15U);
+  EXPECT_EQ(take_signals().size(), 1U);
+}
+
+TEST_F(DBusProducerManagerTest, WorksOffCallsInTheOrderOfTheirArrival)
+{
+  acquire();
+  add("One");
+  faults::HeldSync sync;
+  const Peer::Outcome first =
+      start_and_hold(set_channels_call("One", "[(1, true, 'a'), (2, true, 'a')]"), sync);
+  const std::vector<Peer::Outcome> waiting = start_behind(
+      {set_producers_call("{'One': [(1, true, 'b'), (2, true, 'b')]}"),
+       set_channels_call("One", "[(3, true, 'x')]"), set_channels_call("One", "[(2, true, 'c')]"),
+       set_producers_call("{'Late': [(1, true, 'd')]}"), set_producers_call("{'Nobody': []}")});
+  for (const Peer::Outcome &outcome : waiting) {
+    EXPECT_FALSE(outcome->has_value());
+  }
+  add("Late");
+  take_signals();
+  sync.release();
+
+  EXPECT_EQ(wait_for(waiting.back()), NO_PRODUCER);
+  EXPECT_EQ((Texts{wait_for(first), wait_for(waiting[0]), wait_for(waiting[1]), wait_for(waiting[2]),
+                   wait_for(waiting[3])}),
+            (Texts{DONE, DONE, NOT_SUPPORTED, DONE, DONE}))
+      << "each is judged at its turn";
+  EXPECT_EQ(take_signals(), (Texts{changed("One", "[(1, true, 'a'), (2, true, 'a')]"),
+                                   changed("One", "[(1, true, 'b'), (2, true, 'b')]"),
+                                   changed("One", "[(1, true, 'b'), (2, true, 'c')]"),
+                                   changed("Late", "[(1, true, 'd'), (2, false, '')]")}));
+}
+
 /* Producers that go */
 
 TEST_F(DBusProducerManagerTest, RefusesACallThatWaitsWhileItsProducerGoes)
@@ -926,25 +1073,58 @@ TEST_F(DBusProducerManagerTest, RefusesACallThatWaitsWhileItsProducerGoes)
 
   remove("One");
   ASSERT_TRUE(testhost::spin_until([&outcome] { return outcome->has_value(); }));
-  EXPECT_TRUE((*outcome)->starts_with("org.freedesktop.DBus.Error.UnknownMethod: ")) << **outcome;
+  EXPECT_EQ(**outcome, gone(PRODUCER, path_of("One")));
   EXPECT_EQ(content(), "# producers\n");
 }
 
-TEST_F(DBusProducerManagerTest, HoldsAProducerThatGoesDuringItsOwnCall)
+TEST_F(DBusProducerManagerTest, EndsACallInTheMiddleWhenItsProducerGoes)
 {
   acquire();
-  AnalyticsProducer *producer = add("One");
-  auto on_change = std::make_unique<OnChange>(producer, [this] {
-    if (analytics_producer_list_contains(producers_, "One")) {
-      remove("One");
-    }
-  });
-  const Observed observed(producer);
+  const Observed observed(add("One"));
+  faults::HeldSync sync;
+  const Peer::Outcome outcome =
+      start_and_hold(set_channels_call("One", "[(1, true, 'x'), (2, true, 'y')]"), sync);
+  remove("One");
+  EXPECT_TRUE(observed.alive());
+  sync.release();
 
-  EXPECT_EQ(set_channels("One", "[(1, true, 'x'), (2, true, 'y')]"), DONE);
-  EXPECT_EQ(content(), "[Producers.0.One]\nName=x\n\n[Producers.1.One]\nName=y\n");
-  on_change.reset();
+  EXPECT_EQ(wait_for(outcome), gone(PRODUCER, path_of("One")));
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=x\n");
   EXPECT_FALSE(observed.alive());
+}
+
+TEST_F(DBusProducerManagerTest, CompletesACallWhoseProducerGoesDuringItsLastSave)
+{
+  acquire();
+  const Observed observed(add("One"));
+  faults::HeldSync sync;
+  const Peer::Outcome outcome = start_and_hold(set_channels_call("One", "[(1, true, 'x')]"), sync);
+  remove("One");
+  sync.release();
+
+  EXPECT_EQ(wait_for(outcome), DONE);
+  EXPECT_FALSE(observed.alive());
+}
+
+TEST_F(DBusProducerManagerTest, RefusesACallInTheLineWhoseProducerGoes)
+{
+  acquire();
+  add("One");
+  const Observed observed(add("Passing"));
+  faults::HeldSync sync;
+  const Peer::Outcome first = start_and_hold(set_channels_call("One", "[(1, true, 'x')]"), sync);
+  const std::vector<Peer::Outcome> waiting = start_behind(
+      {set_channels_call("Passing", "[(1, true, 'y')]"), set_channels_call("One", "[(2, true, 'z')]")});
+  remove("Passing");
+  add("Passing");
+  sync.release();
+
+  EXPECT_EQ(wait_for(first), DONE);
+  EXPECT_EQ(wait_for(waiting[0]), gone(PRODUCER, path_of("Passing"))) << "the one that came again is another";
+  EXPECT_EQ(wait_for(waiting[1]), DONE);
+  EXPECT_FALSE(observed.alive());
+  EXPECT_EQ(channels("Passing"), "(<"s + BOTH_DISABLED + ">,)");
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=x\n\n[Producers.1.One]\nName=z\n");
 }
 
 TEST_F(DBusProducerManagerTest, RefusesCallsOfAProducerThatIsNoMore)
@@ -1023,6 +1203,48 @@ TEST_F(DBusProducerManagerTest, RefusesACallThatWaitsAtTearDown)
     ASSERT_TRUE(testhost::spin_until([&outcome] { return outcome->has_value(); }));
     EXPECT_TRUE((*outcome)->starts_with("org.freedesktop.DBus.Error.UnknownMethod: ")) << **outcome;
   }
+}
+
+TEST_F(DBusProducerManagerTest, RefusesCallsInTheLineAtTearDown)
+{
+  acquire();
+  const Observed observed(add("One"));
+  faults::HeldSync sync;
+  const Peer::Outcome first =
+      start_and_hold(set_channels_call("One", "[(1, true, 'x'), (2, true, 'y')]"), sync);
+  const std::vector<Peer::Outcome> waiting = start_behind(
+      {set_channels_call("One", "[(2, true, 'z')]"), set_producers_call("{'One': [(2, true, 'z')]}")});
+
+  stop();
+  EXPECT_FALSE(observed.alive()) << "without waiting for the disk";
+  EXPECT_EQ(wait_for(first), gone(PRODUCER, path_of("One")));
+  EXPECT_EQ(wait_for(waiting[0]), gone(PRODUCER, path_of("One")));
+  EXPECT_EQ(wait_for(waiting[1]), gone(MANAGER, ROOT));
+  sync.release();
+  producer_config_free();
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=x\n");
+  ASSERT_TRUE(producer_config_setup(file_.c_str()));
+}
+
+TEST_F(DBusProducerManagerTest, DropsCallsInTheLineWhenTheConnectionCloses)
+{
+  acquire();
+  AnalyticsProducer *producer = add("One");
+  faults::HeldSync sync;
+  start_and_hold(set_channels_call("One", "[(1, true, 'x'), (2, true, 'y')]"), sync);
+  start_behind(
+      {set_channels_call("One", "[(2, true, 'z')]"), set_producers_call("{'One': [(2, true, 'z')]}")});
+  const Observed connection(service_->connection());
+
+  service_.reset();
+  EXPECT_TRUE(testhost::spin_until([&connection] { return !connection.alive(); }));
+  EXPECT_EQ(references(producer), 1U) << "the list's";
+  sync.release();
+  service_.emplace();
+  acquire();
+  EXPECT_EQ(channels("One"), "(<[(1, true, 'x'), (2, false, '')]>,)");
+  EXPECT_EQ(set_channels("One", "[(2, true, 'later')]"), DONE);
+  EXPECT_EQ(content(), "[Producers.0.One]\nName=x\n\n[Producers.1.One]\nName=later\n");
 }
 
 TEST_F(DBusProducerManagerTest, TearsDownWithoutABus)

@@ -1,6 +1,7 @@
 #include "producerconfig.h"
 
 #include "faults.h"
+#include "saves.h"
 #include "testhost.h"
 
 #include <array>
@@ -112,6 +113,12 @@ SyslogLine
 long_name(const std::string &group)
 {
   return warning("configuration name longer than 256 bytes in producers.conf: " + group);
+}
+
+gboolean
+count_to_three(gpointer count)
+{
+  return ++*static_cast<guint *>(count) < 3;
 }
 
 const SyslogLine WRITTEN = {LOG_INFO, "wrote to producerconfig what could not be written before"};
@@ -253,9 +260,27 @@ protected:
     EXPECT_EQ(testhost::take_syslog(), (SyslogLines{load_failure(file_, text)}));
   }
 
+  /* Dispatches nothing. */
+  static void wait_for_syslog(gsize lines)
+  {
+    const gint64 end = g_get_monotonic_time() + testhost::SPIN_LIMIT_US;
+
+    while (testhost::syslog_size() < lines && g_get_monotonic_time() < end) {
+      std::this_thread::yield();
+    }
+  }
+
   static void expect_write_failure(const std::string &text)
   {
+    wait_for_syslog(1);
     EXPECT_EQ(testhost::take_syslog(), SyslogLines{write_failure(text)});
+  }
+
+  /* A save that was tried again has succeeded. */
+  static void expect_written_later()
+  {
+    EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() > 0; }));
+    EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
   }
 
   /* What a save calls when descriptors get this number: all, or the first so many. */
@@ -274,7 +299,7 @@ protected:
   {
     EXPECT_EQ(content(), old_content);
     EXPECT_EQ(get_name("Any", 1), "carried");
-    producer_config_set_name("Any", 2, "next");
+    saves::set_name("Any", 2, "next");
     reload();
     EXPECT_EQ(get_name("Any", 1), "carried");
     EXPECT_EQ(get_name("Any", 2), "next");
@@ -344,7 +369,7 @@ TEST_F(ProducerConfigTest, ListsSupportedChannelsInTheOrderOfTheFile)
 TEST_F(ProducerConfigTest, StoresANameInTheFile)
 {
   load("# gone with the first change\n[Producers.0.VideoMotionTracker]\nName=\n");
-  producer_config_set_name("VideoMotionTracker", 1, "profile1");
+  saves::set_name("VideoMotionTracker", 1, "profile1");
 
   EXPECT_EQ(get_name("VideoMotionTracker", 1), "profile1");
   EXPECT_EQ(content(), "[Producers.0.VideoMotionTracker]\nName=profile1\n");
@@ -396,7 +421,7 @@ TEST_F(ProducerConfigTest, WarnsOnceOfALongNameAndUsesIt)
   EXPECT_EQ(get_name("Any", 1), too_long);
   EXPECT_EQ(get_name("Any", 1), too_long);
   EXPECT_EQ(get_name("Any", 2), longest);
-  producer_config_set_name("Any", 5, "profile");
+  saves::set_name("Any", 5, "profile");
   EXPECT_EQ(testhost::take_syslog(), SyslogLines());
 
   reload();
@@ -428,7 +453,7 @@ TEST_F(ProducerConfigTest, AsksForAnyChannelAndAnyProducer)
 TEST_F(ProducerConfigTest, CreatesTheGroupOfAChannel)
 {
   load("[Other]\nKey=value\n");
-  producer_config_set_name("Any", 12, "profile");
+  saves::set_name("Any", 12, "profile");
 
   EXPECT_EQ(content(), "[Other]\nKey=value\n\n[Producers.11.Any]\nName=profile\n");
 }
@@ -436,7 +461,7 @@ TEST_F(ProducerConfigTest, CreatesTheGroupOfAChannel)
 TEST_F(ProducerConfigTest, KeepsTheGroupOfADisabledChannel)
 {
   load("[Producers.3.Any]\nName=profile\n[Producers.0.Any]\nName=profile\n");
-  producer_config_set_name("Any", 4, nullptr);
+  saves::set_name("Any", 4, nullptr);
 
   EXPECT_EQ(content(), "[Producers.3.Any]\nName=\n\n[Producers.0.Any]\nName=profile\n");
   EXPECT_EQ(get_name("Any", 4), std::nullopt);
@@ -449,7 +474,7 @@ TEST_F(ProducerConfigTest, KeepsTheGroupOfADisabledChannel)
 TEST_F(ProducerConfigTest, StoresAnEmptyNameLikeNone)
 {
   load("[Producers.0.Any]\nName=profile\n");
-  producer_config_set_name("Any", 1, "");
+  saves::set_name("Any", 1, "");
 
   EXPECT_EQ(get_name("Any", 1), std::nullopt);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=\n");
@@ -458,7 +483,7 @@ TEST_F(ProducerConfigTest, StoresAnEmptyNameLikeNone)
 TEST_F(ProducerConfigTest, StoresChannelZeroOutOfTheWay)
 {
   load("[Producers.0.Any]\nName=profile\n");
-  producer_config_set_name("Any", 0, "odd");
+  saves::set_name("Any", 0, "odd");
 
   EXPECT_EQ(get_name("Any", 0), "odd");
   EXPECT_EQ(get_name("Any", 1), "profile");
@@ -471,7 +496,7 @@ TEST_F(ProducerConfigTest, WritesOnceForEveryChange)
   load("[Producers.0.Any]\nName=profile\n");
   const int fd = next_descriptor();
   faults::keep_file_calls();
-  producer_config_set_name("Any", 1, "profile");
+  saves::set_name("Any", 1, "profile");
 
   EXPECT_EQ(faults::take_file_calls(), save_calls(fd));
 }
@@ -480,7 +505,7 @@ TEST_F(ProducerConfigTest, ReplacesTheFileAsAWhole)
 {
   load("[Producers.0.Any]\nName=profile\n");
   std::ifstream reader(file_);
-  producer_config_set_name("Any", 1, "changed");
+  saves::set_name("Any", 1, "changed");
   std::stringstream seen;
   seen << reader.rdbuf();
 
@@ -587,7 +612,7 @@ class ProducerConfigNameTest : public ProducerConfigTest,
 TEST_P(ProducerConfigNameTest, SurvivesTheFile)
 {
   load("[Producers.0.Any]\n[Producers.2.Any]\nName=next\n");
-  producer_config_set_name("Any", 1, GetParam().second.c_str());
+  saves::set_name("Any", 1, GetParam().second.c_str());
   EXPECT_EQ(get_name("Any", 1), GetParam().second);
   reload();
 
@@ -616,7 +641,7 @@ TEST_F(ProducerConfigTest, CarriesAVeryLongName)
 {
   const std::string name(1024 * 1024, 'x');
   load("");
-  producer_config_set_name("Any", 1, name.c_str());
+  saves::set_name("Any", 1, name.c_str());
   reload();
 
   EXPECT_EQ(testhost::take_syslog(), SyslogLines{long_name("Producers.0.Any")});
@@ -626,7 +651,7 @@ TEST_F(ProducerConfigTest, CarriesAVeryLongName)
 TEST_F(ProducerConfigTest, LosesFormFeedsAtTheBeginningOfAName)
 {
   load("");
-  producer_config_set_name("Any", 1, "\f\fname\f");
+  saves::set_name("Any", 1, "\f\fname\f");
   EXPECT_EQ(get_name("Any", 1), "\f\fname\f");
   reload();
 
@@ -645,7 +670,7 @@ TEST_F(ProducerConfigTest, CarriesAnyMixtureOfOddCharacters)
     for (auto left = 1 + random() % 9; left > 0; left--) {
       names[i] += pieces[random() % pieces.size()];
     }
-    producer_config_set_name("Any", i + 1, names[i].c_str());
+    saves::set_name("Any", i + 1, names[i].c_str());
   }
   reload();
   for (gsize i = 0; i < names.size(); i++) {
@@ -666,7 +691,7 @@ TEST_F(ProducerConfigTest, RefusesAProducerThatCannotBePartOfAGroup)
 
   for (const auto &[producer, escaped] : producers) {
     faults::keep_file_calls();
-    producer_config_set_name(producer.c_str(), 1, "profile");
+    saves::set_name(producer.c_str(), 1, "profile");
     EXPECT_EQ(faults::take_file_calls(), Texts());
     EXPECT_EQ(testhost::take_syslog(),
               (SyslogLines{write_failure("Not the name of a group: \"Producers.0." + escaped + "\"")}));
@@ -681,7 +706,7 @@ TEST_F(ProducerConfigTest, RefusesAConfigurationNameThatIsNotUtf8)
 
   for (const std::string name : {"\xff", "a\xc3", "\xed\xa0\x80"}) {
     g_autofree gchar *escaped = g_strescape(name.c_str(), nullptr);
-    producer_config_set_name("Any", 1, name.c_str());
+    saves::set_name("Any", 1, name.c_str());
     EXPECT_EQ(testhost::take_syslog(), (SyslogLines{write_failure("Not UTF-8 text: \""s + escaped + "\"")}));
     EXPECT_EQ(get_name("Any", 1), "profile");
   }
@@ -692,7 +717,7 @@ TEST_F(ProducerConfigTest, TakesAnyOtherProducer)
 {
   const std::string producer = " odd.name;=#\u00e9 \\n";
   load("");
-  producer_config_set_name(producer.c_str(), 1, "profile");
+  saves::set_name(producer.c_str(), 1, "profile");
   reload();
 
   EXPECT_EQ(get_name(producer, 1), "profile");
@@ -707,6 +732,8 @@ TEST_F(ProducerConfigTest, NeedsAProducer)
   producer_config_set_name(nullptr, 1, "profile");
   EXPECT_EQ(producer_config_get_supported_channels(nullptr), nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(), Texts(3, "producer != NULL"));
+  EXPECT_EQ(producer_config_call_when_saved(nullptr, nullptr), 0U);
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts{"function != NULL"});
 }
 
 /* Files that cannot be loaded. */
@@ -779,6 +806,21 @@ TEST_F(ProducerConfigTest, LoadsAfterAFailure)
   EXPECT_EQ(get_name("Any", 1), "profile");
 }
 
+TEST_F(ProducerConfigTest, RefusesToLoadWithoutAThread)
+{
+  write("[Producers.0.Any]\nName=profile\n");
+  faults::fail_next(faults::Call::THREAD_NEW);
+  errno = ERANGE;
+  EXPECT_FALSE(producer_config_setup(file_.c_str()));
+
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(
+      testhost::take_syslog(),
+      (SyslogLines{warning("could not start the thread that writes producer config: No more threads")}));
+  load();
+  EXPECT_EQ(get_name("Any", 1), "profile");
+}
+
 TEST_F(ProducerConfigTest, LoadsAnEmptyFile)
 {
   load("");
@@ -793,7 +835,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhoseFolderIsMissing)
   load("[Producers.0.Any]\nName=old\n");
   std::filesystem::remove_all(folder_);
   faults::keep_file_calls();
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   EXPECT_EQ(faults::take_file_calls(), save_calls(-1, 1));
   expect_write_failure("Failed to create '" + temporary_ + "': No such file or directory");
@@ -807,7 +849,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhoseFolderIsReadOnly)
   std::filesystem::permissions(folder_, std::filesystem::perms(0555));
   {
     const Unprivileged unprivileged;
-    producer_config_set_name("Any", 1, "carried");
+    saves::set_name("Any", 1, "carried");
   }
 
   expect_write_failure("Failed to create '" + temporary_ + "': Permission denied");
@@ -820,7 +862,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhenAFolderTookTheFilesPlace)
   load("[Producers.0.Any]\nName=old\n");
   std::filesystem::remove(file_);
   std::filesystem::create_directory(file_);
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to rename '" + temporary_ + "' to '" + file_ + "': Is a directory");
   EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
@@ -833,7 +875,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeThatIsTooLongForAFile)
   load("[Producers.0.Any]\nName=old\n");
   {
     const TinyFiles tiny;
-    producer_config_set_name("Any", 1, "carried");
+    saves::set_name("Any", 1, "carried");
   }
 
   expect_write_failure("Failed to write '" + temporary_ + "': File too large");
@@ -849,16 +891,17 @@ TEST_F(ProducerConfigTest, KeepsAChangeThatTheDiskHasNoRoomFor)
     }
     load("[Producers.0.Any]\nName=old\n");
     const std::string too_long(32 * 1024, 'x');
-    producer_config_set_name("Any", 2, too_long.c_str());
+    saves::set_name("Any", 2, too_long.c_str());
     expect_write_failure("Failed to write '" + temporary_ + "': No space left on device");
     EXPECT_EQ(get_name("Any", 2), too_long);
     EXPECT_EQ(content(), "[Producers.0.Any]\nName=old\n");
     EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
 
-    producer_config_set_name("Any", 1, "carried");
+    saves::set_name("Any", 1, "carried");
     expect_write_failure("Failed to write '" + temporary_ + "': No space left on device");
-    producer_config_set_name("Any", 2, nullptr);
-    expect_carried_by_the_next_save("[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=\n");
+    saves::set_name("Any", 2, "next");
+    EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=next\n");
+    EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
   }));
 
   if (WIFEXITED(status) && WEXITSTATUS(status) == NO_NAMESPACE) {
@@ -871,7 +914,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhoseContentCannotBeSynced)
 {
   load("[Producers.0.Any]\nName=old\n");
   faults::fail_next(faults::Call::FSYNC);
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
   EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
@@ -883,7 +926,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhoseContentCannotBeClosed)
   load("[Producers.0.Any]\nName=old\n");
   const int fd = next_descriptor();
   faults::fail_close_of(fd);
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to close fd (" + std::to_string(fd) + ") for " + temporary_ +
                        ": Input/output error");
@@ -897,7 +940,7 @@ TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeOpened)
   const int fd = next_descriptor();
   faults::fail_next(faults::Call::OPEN, 1);
   faults::keep_file_calls();
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   EXPECT_EQ(faults::take_file_calls(), save_calls(fd, SAVE_CALLS - 2));
   expect_write_failure("Failed to open '" + folder_ + "': Too many open files");
@@ -910,7 +953,7 @@ TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeSynced)
   const int fd = next_descriptor();
   faults::fail_next(faults::Call::FSYNC, 1);
   faults::keep_file_calls();
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   EXPECT_EQ(faults::take_file_calls(), save_calls(fd));
   expect_write_failure("Failed to sync '" + folder_ + "': Input/output error");
@@ -922,7 +965,7 @@ TEST_F(ProducerConfigTest, TellsTheFirstOfTwoFailures)
   load("[Producers.0.Any]\nName=old\n");
   faults::fail_next(faults::Call::FSYNC, 1);
   faults::fail_close_of(next_descriptor(), 1);
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to sync '" + folder_ + "': Input/output error");
 }
@@ -932,7 +975,7 @@ TEST_F(ProducerConfigTest, TellsOfAFolderThatCannotBeClosed)
   load("[Producers.0.Any]\nName=old\n");
   const int fd = next_descriptor();
   faults::fail_close_of(fd, 1);
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to close fd (" + std::to_string(fd) + ") for " + folder_ +
                        ": Input/output error");
@@ -959,8 +1002,8 @@ TEST_F(ProducerConfigTest, TriesAgainEveryMinuteUntilTheFileIsWritten)
   }
 
   std::filesystem::create_directory(folder_);
-  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  expect_written_later();
+  EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
   EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
   EXPECT_EQ(seconds.begun().size(), 1U);
@@ -976,9 +1019,9 @@ TEST_F(ProducerConfigTest, TriesAgainWhatMayNotBeDurable)
   expect_write_failure("Failed to sync '" + folder_ + "': Input/output error");
 
   faults::keep_file_calls();
-  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
+  expect_written_later();
+  EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(faults::take_file_calls(), save_calls(fd));
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
 }
 
 TEST_F(ProducerConfigTest, EndsTryingWithAChangeThatIsWritten)
@@ -989,7 +1032,7 @@ TEST_F(ProducerConfigTest, EndsTryingWithAChangeThatIsWritten)
   producer_config_set_name("Any", 1, "carried");
   expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
   EXPECT_EQ(seconds.count(), 1U);
-  producer_config_set_name("Any", 2, "next");
+  saves::set_name("Any", 2, "next");
 
   EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=next\n");
@@ -1006,8 +1049,8 @@ TEST_F(ProducerConfigTest, TriesOnceForAllChanges)
   }
   EXPECT_EQ(seconds.begun().size(), 1U);
 
-  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  expect_written_later();
+  EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n\n[Producers.1.Any]\nName=carried\n");
 }
 
@@ -1019,8 +1062,8 @@ TEST_F(ProducerConfigTest, TriesAgainAfterEachFailure)
     faults::fail_next(faults::Call::FSYNC);
     producer_config_set_name("Any", 1, name);
     expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
-    EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
-    EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+    expect_written_later();
+    EXPECT_EQ(seconds.count(), 0U);
     EXPECT_EQ(content(), "[Producers.0.Any]\nName="s + name + "\n");
   }
 }
@@ -1043,10 +1086,11 @@ TEST_F(ProducerConfigTest, TriesAgainWhateverItRefusesMeanwhile)
   faults::fail_next(faults::Call::FSYNC);
   producer_config_set_name("Any", 1, "carried");
   producer_config_set_name("Any", 1, "\xff");
+  wait_for_syslog(2);
   EXPECT_EQ(testhost::take_syslog().size(), 2U);
 
-  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  expect_written_later();
+  EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
 }
 
@@ -1072,38 +1116,29 @@ TEST_F(ProducerConfigTest, TriesAgainOnTheMainContextForAnyThread)
   std::thread([] { producer_config_set_name("Any", 1, "carried"); }).join();
   expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
 
-  EXPECT_TRUE(testhost::spin_until([&seconds] { return seconds.count() == 0; }));
-  EXPECT_EQ(testhost::take_syslog(), SyslogLines{WRITTEN});
+  expect_written_later();
+  EXPECT_EQ(seconds.count(), 0U);
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=carried\n");
 }
 
-TEST_F(ProducerConfigTest, DoesNotTryAgainWhatAnotherThreadWritesMeanwhile)
+TEST_F(ProducerConfigTest, DoesNotTryAgainWhatAnotherSaveWillBring)
 {
   const faults::ShortSeconds seconds;
-  const pid_t main_thread = gettid();
-  std::atomic<bool> saving = false;
-  std::atomic<bool> saved = false;
   load("");
   faults::fail_next(faults::Call::FSYNC);
   producer_config_set_name("Any", 1, "carried");
   expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
 
   faults::keep_file_calls();
-  faults::before_next_fsync([&] {
-    saving = true;
-    EXPECT_TRUE(testhost::wait_until_asleep(main_thread)) << "the time-out waits for the lock";
-  });
-  std::thread other([&saved] {
-    producer_config_set_name("Any", 2, "next");
-    saved = true;
-  });
-  while (!saving) {
-  }
-  while (!saved) {
-    g_main_context_iteration(nullptr, FALSE);
-  }
-  other.join();
-  EXPECT_EQ(faults::take_file_calls().size(), SAVE_CALLS) << "of the other thread";
+  faults::HeldSync sync;
+  producer_config_set_name("Any", 2, "next");
+  EXPECT_TRUE(sync.wait());
+  guint turns = 0;
+  g_timeout_add(seconds.begun().at(0), count_to_three, &turns);
+  EXPECT_TRUE(testhost::spin_until([&turns] { return turns == 3; })) << "the time-out had its turns too";
+  sync.release();
+  saves::wait();
+  EXPECT_EQ(faults::take_file_calls().size(), SAVE_CALLS) << "of the other save";
   EXPECT_EQ(seconds.count(), 0U);
 }
 
@@ -1111,7 +1146,7 @@ TEST_F(ProducerConfigTest, WritesAFileThatSomebodyRemoved)
 {
   load("[Producers.0.Any]\nName=old\n[Producers.1.Any]\nName=other\n");
   std::filesystem::remove(file_);
-  producer_config_set_name("Any", 1, "new");
+  saves::set_name("Any", 1, "new");
 
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n\n[Producers.1.Any]\nName=other\n");
 }
@@ -1122,7 +1157,7 @@ TEST_F(ProducerConfigTest, ReplacesALinkAndLeavesItsTargetAlone)
   std::filesystem::create_symlink(path("target"), file_);
   load();
   EXPECT_EQ(get_name("Any", 1), "old");
-  producer_config_set_name("Any", 1, "new");
+  saves::set_name("Any", 1, "new");
 
   EXPECT_FALSE(std::filesystem::is_symlink(file_));
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n");
@@ -1139,7 +1174,7 @@ TEST_F(ProducerConfigTest, FindsAFileInTheWorkingFolder)
   file_ = "producers.conf";
   load();
   faults::keep_file_calls();
-  producer_config_set_name("Any", 1, "new");
+  saves::set_name("Any", 1, "new");
   const Texts calls = faults::take_file_calls();
   reload();
   EXPECT_EQ(get_name("Any", 1), "new");
@@ -1177,7 +1212,7 @@ TEST_F(ProducerConfigTest, LeavesEverythingElseBesideTheFile)
   }
   others.insert("producers.conf");
   load("");
-  producer_config_set_name("Any", 1, "profile");
+  saves::set_name("Any", 1, "profile");
 
   EXPECT_EQ(entries(), others);
 }
@@ -1187,7 +1222,7 @@ TEST_F(ProducerConfigTest, FollowsNoLinkInPlaceOfALeftover)
   load("[Producers.0.Any]\nName=profile\n");
   touch("target");
   std::filesystem::create_symlink("target", temporary_);
-  producer_config_set_name("Any", 1, "new");
+  saves::set_name("Any", 1, "new");
 
   EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf", "target"}));
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n");
@@ -1200,7 +1235,7 @@ TEST_F(ProducerConfigTest, WritesOverALeftover)
 {
   load("[Producers.0.Any]\nName=old\n");
   std::ofstream(temporary_) << std::string(100'000, 'x');
-  producer_config_set_name("Any", 1, "new");
+  saves::set_name("Any", 1, "new");
 
   EXPECT_EQ(content(), "[Producers.0.Any]\nName=new\n");
   EXPECT_EQ(entries(), (std::set<std::string>{"producers.conf"}));
@@ -1210,7 +1245,7 @@ TEST_F(ProducerConfigTest, KeepsAChangeWhenAFolderTookTheTemporaryFilesPlace)
 {
   std::filesystem::create_directory(temporary_);
   load("[Producers.0.Any]\nName=old\n");
-  producer_config_set_name("Any", 1, "carried");
+  saves::set_name("Any", 1, "carried");
 
   expect_write_failure("Failed to create '" + temporary_ + "': File exists");
   std::filesystem::remove(temporary_);
@@ -1238,7 +1273,7 @@ TEST_F(ProducerConfigTest, LeavesTheModeOfTheFileToTheUmask)
   load("");
   for (const mode_t mask : {0002, 0027, 0077}) {
     const mode_t before = umask(mask);
-    producer_config_set_name("Any", 1, "profile");
+    saves::set_name("Any", 1, "profile");
     umask(before);
     EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0666 & ~mask));
   }
@@ -1287,7 +1322,7 @@ change_names(const std::string &file, int acknowledge_fd)
     return;
   }
   for (int i = 1; i <= CHANGES; i++) {
-    producer_config_set_name("Any", i % CHANGED_CHANNELS + 1, std::to_string(i).c_str());
+    saves::set_name("Any", i % CHANGED_CHANNELS + 1, std::to_string(i).c_str());
     if (write(acknowledge_fd, "", 1) != 1) {
       return;
     }
@@ -1366,38 +1401,104 @@ TEST_F(ProducerConfigTest, LosesNothingThatIsDoneWhenItIsKilled)
   EXPECT_GT(rounds_with_leftover, 0);
 }
 
-/* A change is in memory from the beginning of its save, and counts when it is durable. */
-TEST_F(ProducerConfigTest, LetsOtherThreadsWaitForTheEndOfASave)
-{
-  std::vector<std::thread> others;
-  std::vector<std::future<void>> ends;
-  const auto begin = [&](const std::function<void()> &use) {
-    std::promise<void> begun;
-    std::promise<void> ended;
-    ends.push_back(ended.get_future());
-    others.emplace_back([&begun, use, ended = std::move(ended)]() mutable {
-      begun.set_value();
-      use();
-      ended.set_value();
-    });
-    begun.get_future().wait();
-  };
-  load("[Producers.0.Any]\n");
-  faults::before_next_fsync([&] {
-    begin([] { EXPECT_EQ(get_name("Any", 1), "profile"); });
-    begin([] { EXPECT_EQ(supported_channels("Any"), (Channels{1})); });
-    begin([] { producer_config_set_name("Other", 1, "other"); });
-    for (const std::future<void> &end : ends) {
-      EXPECT_EQ(end.wait_for(30ms), std::future_status::timeout);
-    }
-  });
-  producer_config_set_name("Any", 1, "profile");
+/* Saves beside everything else. */
 
-  EXPECT_EQ(ends.size(), 3U);
-  for (std::thread &other : others) {
-    other.join();
+TEST_F(ProducerConfigTest, WaitsForNoDiskToReadAndChange)
+{
+  load("[Producers.0.Any]\nName=old\n");
+  faults::HeldSync sync;
+  producer_config_set_name("Any", 1, "new");
+  ASSERT_TRUE(sync.wait());
+
+  EXPECT_EQ(get_name("Any", 1), "new");
+  EXPECT_EQ(supported_channels("Any"), (Channels{1}));
+  producer_config_set_name("Any", 1, "newer");
+  EXPECT_EQ(get_name("Any", 1), "newer");
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=old\n");
+  sync.release();
+  saves::wait();
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=newer\n");
+}
+
+/* What is in memory when the save begins. The second sync of a save is the folder's. */
+TEST_F(ProducerConfigTest, WritesWhatIsInMemoryInTheOrderOfTheChanges)
+{
+  load("");
+  faults::keep_file_calls();
+  auto file_sync = std::make_unique<faults::HeldSync>();
+  producer_config_set_name("Any", 1, "first");
+  ASSERT_TRUE(file_sync->wait());
+  for (const char *name : {"second", "third"}) {
+    producer_config_set_name("Any", 1, name);
   }
-  EXPECT_EQ(content(), "[Producers.0.Any]\nName=profile\n\n[Producers.0.Other]\nName=other\n");
+  {
+    const faults::HeldSync folder_sync;
+    file_sync.reset();
+    ASSERT_TRUE(folder_sync.wait());
+    EXPECT_EQ(content(), "[Producers.0.Any]\nName=first\n");
+  }
+  saves::wait();
+
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=third\n");
+  EXPECT_EQ(faults::take_file_calls().size(), 3 * SAVE_CALLS) << "one save for each change";
+}
+
+TEST_F(ProducerConfigTest, TellsWhenAChangeIsSaved)
+{
+  bool told = false;
+  load("");
+  faults::HeldSync sync;
+  producer_config_set_name("Any", 1, "profile");
+  EXPECT_GT(producer_config_call_when_saved(saves::set_saved, &told), 0U);
+  ASSERT_TRUE(sync.wait());
+  testhost::dispatch_ready();
+  EXPECT_FALSE(told);
+
+  sync.release();
+  EXPECT_TRUE(testhost::spin_until([&told] { return told; }));
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=profile\n");
+}
+
+TEST_F(ProducerConfigTest, TellsOfAChangeThatCannotBeSaved)
+{
+  bool told = false;
+  load("");
+  faults::fail_next(faults::Call::FSYNC);
+  producer_config_set_name("Any", 1, "profile");
+  producer_config_call_when_saved(saves::set_saved, &told);
+
+  EXPECT_TRUE(testhost::spin_until([&told] { return told; }));
+  expect_write_failure("Failed to sync '" + temporary_ + "': Input/output error");
+}
+
+TEST_F(ProducerConfigTest, TellsNobodyWhoNoLongerWaits)
+{
+  std::array<bool, 2> told = {};
+  load("");
+  faults::HeldSync sync;
+  producer_config_set_name("Any", 1, "profile");
+  std::array<guint, 2> ids = {};
+  for (gsize i = 0; i < ids.size(); i++) {
+    ids.at(i) = producer_config_call_when_saved(saves::set_saved, &told.at(i));
+  }
+  ASSERT_TRUE(sync.wait());
+  EXPECT_TRUE(g_source_remove(ids[0]));
+  sync.release();
+  unload();
+  EXPECT_TRUE(g_source_remove(ids[1])) << "also when the time to tell has come";
+
+  testhost::dispatch_ready();
+  EXPECT_EQ(told, (std::array<bool, 2>{}));
+}
+
+TEST_F(ProducerConfigTest, SavesEverythingBeforeItIsFreed)
+{
+  load("");
+  producer_config_set_name("Any", 1, "one");
+  producer_config_set_name("Any", 2, "two");
+  unload();
+
+  EXPECT_EQ(content(), "[Producers.0.Any]\nName=one\n\n[Producers.1.Any]\nName=two\n");
 }
 
 TEST_F(ProducerConfigTest, ServesThreadsAtOnce)
