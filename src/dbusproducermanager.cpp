@@ -428,6 +428,59 @@ go_on(Call *call)
   return FALSE;
 }
 
+/* An entry without a tuple costs a look-up, like one with a tuple, and counts as much. */
+gsize
+count_tuples(const Call *call)
+{
+  const gsize entries = g_variant_n_children(call->wanted);
+  if (call->producer != nullptr || entries > DBUS_PRODUCER_MANAGER_MAX_TUPLES) {
+    return entries;
+  }
+
+  gsize count = 0;
+  for (gsize i = 0; i < entries; i++) {
+    g_autoptr(GVariant) channels = nullptr;
+    g_variant_get_child(call->wanted, i, "{&s@a(ibs)}", nullptr, &channels);
+    count += MAX(1, g_variant_n_children(channels));
+  }
+  return count;
+}
+
+/* Of those behind the first one. */
+gsize
+count_waiting_bytes()
+{
+  gsize bytes = 0;
+
+  for (const GList *link = g_queue_peek_nth_link(&line, 1); link != nullptr; link = link->next) {
+    bytes += g_variant_get_size(static_cast<const Call *>(link->data)->wanted);
+  }
+  return bytes;
+}
+
+gboolean
+has_place(const Call *call)
+{
+  return g_queue_is_empty(&line) || (g_queue_get_length(&line) <= DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS &&
+                                     count_waiting_bytes() + g_variant_get_size(call->wanted) <=
+                                         DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES);
+}
+
+gboolean
+check_limits(const Call *call, GError **error)
+{
+  if (count_tuples(call) > DBUS_PRODUCER_MANAGER_MAX_TUPLES) {
+    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED, "More than %d tuples in one call",
+                DBUS_PRODUCER_MANAGER_MAX_TUPLES);
+    return FALSE;
+  }
+  if (!has_place(call)) {
+    g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED, "Too many calls wait");
+    return FALSE;
+  }
+  return TRUE;
+}
+
 } // namespace
 
 static void
@@ -465,6 +518,13 @@ on_step(gpointer)
 static void
 line_up(Call *call)
 {
+  g_autoptr(GError) error = nullptr;
+
+  if (!check_limits(call, &error)) {
+    answer(call, error);
+    call_free(call);
+    return;
+  }
   g_queue_push_tail(&line, call);
   if (g_queue_get_length(&line) == 1) {
     take_step();

@@ -44,6 +44,8 @@ constexpr const char *NOT_SUPPORTED_ON_PRODUCER =
     "org.freedesktop.DBus.Error.InvalidArgs: Videochannel is not supported on producer";
 constexpr const char *NAME_TOO_LONG =
     "org.freedesktop.DBus.Error.LimitsExceeded: Configuration name is longer than 256 bytes";
+constexpr const char *TOO_MANY_TUPLES =
+    "org.freedesktop.DBus.Error.LimitsExceeded: More than 4096 tuples in one call";
 constexpr const char *DONE = "()";
 
 constexpr gsize MAX_CALLS = 8;
@@ -94,6 +96,9 @@ public:
   /* The outcome. */
   std::string call(const Call &call)
   {
+    if (count_tuples(call) > 4096) {
+      return TOO_MANY_TUPLES;
+    }
     const bool all_known = std::ranges::all_of(
         call.entries, [this](const Entry &entry) { return state_.contains(entry.producer); });
     if (!all_known) {
@@ -129,6 +134,16 @@ public:
   }
 
 private:
+  static gsize count_tuples(const Call &call)
+  {
+    gsize count = 0;
+
+    for (const Entry &entry : call.entries) {
+      count += std::max<gsize>(1, entry.tuples.size());
+    }
+    return count;
+  }
+
   template <typename Predicate> static bool all_tuples(const Call &call, Predicate predicate)
   {
     return std::ranges::all_of(call.entries, [&predicate](const Entry &entry) {

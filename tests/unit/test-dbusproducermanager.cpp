@@ -45,6 +45,10 @@ constexpr const char *NOT_SUPPORTED_ON_PRODUCER =
 constexpr const char *NOT_APPLIED =
     "org.freedesktop.DBus.Error.Failed: Failed to apply configuration to producer";
 
+constexpr const char *TOO_MANY_TUPLES =
+    "org.freedesktop.DBus.Error.LimitsExceeded: More than 4096 tuples in one call";
+constexpr const char *TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded: Too many calls wait";
+
 constexpr const char *NAME_TOO_LONG =
     "org.freedesktop.DBus.Error.LimitsExceeded: Configuration name is longer than 256 bytes";
 
@@ -963,32 +967,105 @@ TEST_F(DBusProducerManagerTest, MissesAnEntryWithoutTuplesWhoseProducerGoes)
   EXPECT_EQ(wait_for(outcome), NOT_APPLIED);
 }
 
-TEST_F(DBusProducerManagerTest, TakesTenThousandTuplesInOneCall)
+/* Limits of calls */
+
+TEST_F(DBusProducerManagerTest, TakesSoManyTuplesAndNoMore)
 {
+  ASSERT_EQ(DBUS_PRODUCER_MANAGER_MAX_TUPLES, 4096);
   if (std::filesystem::is_directory(MEMORY_DIR)) {
     producer_config_free();
     load(MEMORY_DIR + "/tessard-"s + std::to_string(getpid()) + ".conf");
   }
-  constexpr gint32 COUNT = 10'000;
   acquire();
-  AnalyticsProducer *producer = add("One");
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ibs)"));
-  for (gint32 i = 1; i <= COUNT; i++) {
-    g_variant_builder_add(&builder, "(ibs)", 1 + i % 2, TRUE, std::to_string(i).c_str());
-  }
+  add("One");
+  add("Two");
+  const auto tuples = [](gint32 count) {
+    std::string text;
+    for (gint32 i = 1; i <= count; i++) {
+      text += (i > 1 ? ", (" : "(") + std::to_string(1 + i % 2) + ", true, '" + std::to_string(i) + "')";
+    }
+    return text;
+  };
 
   EXPECT_EQ(saves([&] {
-              EXPECT_EQ(tool_->call(method(path_of("One"), PRODUCER, "SetChannelsEnabled",
-                                           g_variant_new("(a(ibs))", &builder))),
-                        DONE);
+              EXPECT_EQ(set_channels("One", "[" + tuples(4097) + "]"), TOO_MANY_TUPLES);
+              EXPECT_EQ(set_channels("One", "[" + tuples(4096) + ", (3, true, 'x')]"), TOO_MANY_TUPLES);
+              EXPECT_EQ(set_producers("{'Nobody': [" + tuples(4097) + "]}"), TOO_MANY_TUPLES);
+              EXPECT_EQ(set_producers("{'One': [" + tuples(4000) + "], 'Two': [" + tuples(97) + "]}"),
+                        TOO_MANY_TUPLES);
+              EXPECT_EQ(set_producers("{'One': [" + tuples(4096) + "], 'Two': []}"), TOO_MANY_TUPLES);
             }),
-            COUNT);
-  EXPECT_EQ(channels("One"), "(<[(1, true, '10000'), (2, true, '9999')]>,)");
-  EXPECT_TRUE(analytics_producer_get_channel_enabled(producer, 1, nullptr));
+            0U);
+  EXPECT_EQ(channels("One"), "(<"s + BOTH_DISABLED + ">,)");
+  EXPECT_EQ(saves([&] { EXPECT_EQ(set_channels("One", "[" + tuples(4096) + "]"), DONE); }), 4096U);
+  EXPECT_EQ(channels("One"), "(<[(1, true, '4096'), (2, true, '4095')]>,)");
+  EXPECT_EQ(set_producers("{'One': [" + tuples(4000) + "], 'Two': [" + tuples(96) + "]}"), DONE);
+  EXPECT_EQ(channels("One"), "(<[(1, true, '4000'), (2, true, '3999')]>,)");
+  EXPECT_EQ(channels("Two"), "(<[(1, true, '96'), (2, true, '95')]>,)");
   if (file_.starts_with(MEMORY_DIR)) {
     std::filesystem::remove(file_);
   }
+}
+
+TEST_F(DBusProducerManagerTest, CountsEntriesWithoutTuples)
+{
+  acquire();
+  add("One");
+  const auto call = [this](gsize entries) {
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("a{sa(ibs)}"));
+    for (gsize i = 0; i < entries; i++) {
+      g_variant_builder_add(&builder, "{s@a(ibs)}", "One", parse("a(ibs)", "[]"));
+    }
+    return tool_->call(method(ROOT, MANAGER, "SetProducersEnabled", g_variant_new("(a{sa(ibs)})", &builder)));
+  };
+
+  EXPECT_EQ(call(DBUS_PRODUCER_MANAGER_MAX_TUPLES), DONE);
+  EXPECT_EQ(call(DBUS_PRODUCER_MANAGER_MAX_TUPLES + 1), TOO_MANY_TUPLES);
+}
+
+TEST_F(DBusProducerManagerTest, RefusesACallWhenTooManyWait)
+{
+  acquire();
+  add("One");
+  faults::HeldSync sync;
+  const Peer::Outcome first = start_and_hold(set_channels_call("One", "[(1, true, 'x')]"), sync);
+  std::vector<Peer::Call> calls;
+  calls.reserve(DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS);
+  for (int i = 0; i < DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS; i++) {
+    calls.push_back(i % 2 != 0 ? set_channels_call("One", "[]") : set_producers_call("{}"));
+  }
+  const std::vector<Peer::Outcome> waiting = start_behind(calls);
+
+  EXPECT_EQ(set_channels("One", "[(2, true, 'y')]"), TOO_MANY_CALLS);
+  EXPECT_EQ(set_producers("{'One': [(2, true, 'y')]}"), TOO_MANY_CALLS);
+  sync.release();
+  EXPECT_EQ(wait_for(first), DONE);
+  for (const Peer::Outcome &outcome : waiting) {
+    EXPECT_EQ(wait_for(outcome), DONE);
+  }
+  EXPECT_EQ(channels("One"), "(<[(1, true, 'x'), (2, false, '')]>,)");
+  EXPECT_EQ(set_channels("One", "[(2, true, 'y')]"), DONE);
+}
+
+TEST_F(DBusProducerManagerTest, RefusesACallWhenTooMuchWaits)
+{
+  const std::string half(DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES / 2, 'x');
+  const std::string disable = "[(1, false, '" + half + "')]";
+  acquire();
+  add("One");
+  faults::HeldSync sync;
+  const Peer::Outcome first =
+      start_and_hold(set_channels_call("One", "[(1, false, '" + half + half + half + "')]"), sync);
+  const std::vector<Peer::Outcome> waiting = start_behind({set_channels_call("One", disable)});
+
+  EXPECT_EQ(set_channels("One", disable), TOO_MANY_CALLS);
+  const std::vector<Peer::Outcome> small = start_behind({set_channels_call("One", "[(2, true, 'x')]")});
+  sync.release();
+  EXPECT_EQ(wait_for(first), DONE) << "whatever its size";
+  EXPECT_EQ(wait_for(waiting[0]), DONE);
+  EXPECT_EQ(wait_for(small[0]), DONE);
+  EXPECT_EQ(channels("One"), "(<[(1, false, ''), (2, true, 'x')]>,)");
 }
 
 /* Calls beside each other, and beside the disk */
