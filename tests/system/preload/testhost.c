@@ -6,7 +6,8 @@
  *   TESTHOST_UID      what getuid() answers
  *   TESTHOST_GID      what getgid() answers
  *   TESTHOST_FAULTS   path of a folder; as long as it has an entry "sync-file" or "sync-folder", fsync() of a
- * file or a folder fails with EIO
+ * file or a folder fails with EIO, and as long as it has one "sync-slowly", every fsync() takes SLOW_SYNC
+ * more
  *
  * A variable that is not set leaves its functions as the C library has them. The socket must be writable by
  * the daemon's user, and its reader should keep up: a full queue holds the daemon for at most SEND_LIMIT and
@@ -33,6 +34,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 /* Above the numbers that socket activation passes and that a test looks at. */
@@ -42,6 +44,8 @@ enum { SYSLOG_FD_MIN = 200 };
 enum { LINE_MAX_BYTES = 64 * 1024 };
 
 static const struct timeval SEND_LIMIT = {.tv_sec = 1};
+
+static const struct timespec SLOW_SYNC = {.tv_nsec = 300 * 1000 * 1000};
 
 typedef void (*VsyslogFunc)(int priority, const char *format, va_list args);
 
@@ -168,6 +172,8 @@ fsync(int fd)
     errno = EIO;
     return -1;
   }
+  if (has_fault("sync-slowly"))
+    (void)nanosleep(&SLOW_SYNC, NULL);
   return (int)syscall(SYS_fsync, fd);
 }
 

@@ -1,0 +1,110 @@
+"""Others are served while a call waits for a disk on which every sync takes 300 ms."""
+
+import statistics
+import threading
+import time
+
+import pytest
+from gi.repository import GLib
+
+from busclient import BusClient
+from daemon import VIDEO_TRACKER, stored_names
+from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, SCENE_PLUGIN
+from tool import MANAGER, NAME, PRODUCER, ROOT, Tool, path_of
+from waiting import BOUND_SECONDS
+
+PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, DOCUMENT_PLUGIN)
+
+TUPLES = 20
+
+PRODUCERS = "".join(f"[Producers.{index}.{VIDEO_TRACKER}]\nName=\n" for index in range(TUPLES))
+
+# A save syncs the file and its folder.
+LEAST_SECONDS = TUPLES * 2 * 0.3
+
+TRIES = 50
+MEDIAN_SECONDS = 0.020
+WORST_SECONDS = 0.250
+
+# On a machine that is busy with something else: how many times as long as without the call it may take.
+BUSY_FACTOR = 2
+
+
+@pytest.fixture
+def daemon(start_daemon, workspace):
+    faults = workspace.folder()
+    (faults / "sync-slowly").touch()
+    return start_daemon(plugins=PLUGINS, producers=PRODUCERS, environment={"TESTHOST_FAULTS": str(faults)})
+
+
+class Change(threading.Thread):
+    """One call with all tuples, on a connection of its own."""
+
+    def __init__(self, bus, *call):
+        super().__init__(daemon=True)
+        self.client = BusClient(bus)
+        self.arguments = call
+        self.began = time.monotonic()
+        self.seconds = None
+        self.start()
+
+    def run(self):
+        reply = self.client.call(NAME, *self.arguments, seconds=10 * BOUND_SECONDS)
+        assert reply.unpack() == ()
+        self.seconds = time.monotonic() - self.began
+
+    def finish(self):
+        """How long it took."""
+        self.join(10 * BOUND_SECONDS)
+        assert self.seconds is not None, "the call failed"
+        self.client.close()
+        return self.seconds
+
+
+TUPLES_OF_CALL = [(channel, True, f"name {channel}") for channel in range(1, TUPLES + 1)]
+
+CALLS = {
+    "SetChannelsEnabled": (path_of(VIDEO_TRACKER), PRODUCER, "SetChannelsEnabled",
+                           GLib.Variant("(a(ibs))", (TUPLES_OF_CALL,))),
+    "SetProducersEnabled": (ROOT, MANAGER, "SetProducersEnabled",
+                            GLib.Variant("(a{sa(ibs)})", ({VIDEO_TRACKER: TUPLES_OF_CALL},))),
+}
+
+
+def times(function):
+    """How long each of the tries takes."""
+    seconds = []
+    for _ in range(TRIES):
+        began = time.monotonic()
+        function()
+        seconds.append(time.monotonic() - began)
+    return seconds
+
+
+def expect_short(seconds, undisturbed, what):
+    for measure, limit in ((statistics.median, MEDIAN_SECONDS), (max, WORST_SECONDS)):
+        allowed = max(limit, BUSY_FACTOR * measure(undisturbed))
+        assert measure(seconds) <= allowed, f"{what}: {sorted(seconds)}, without the call {sorted(undisturbed)}"
+
+
+@pytest.mark.parametrize("call", CALLS)
+def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, tool, call):
+    def start_client():
+        with daemon.client() as client:
+            assert client.ask("event=1\n") == "OK"
+
+    # A real ping is answered by the connection's own thread, and a property by the main loop.
+    def ping():
+        tool.get(NAME, path_of(VIDEO_TRACKER), PRODUCER, "Name")
+
+    undisturbed_pings, undisturbed_starts = times(ping), times(start_client)
+    change = Change(bus, *CALLS[call])
+    pings, starts = times(ping), times(start_client)
+    expect_short(pings, undisturbed_pings, "pings")
+    expect_short(starts, undisturbed_starts, "the OK of clients that ask for events")
+    assert change.is_alive(), "all tries were meanwhile"
+
+    assert change.finish() >= LEAST_SECONDS
+    names = {(VIDEO_TRACKER, channel): name for channel, _, name in TUPLES_OF_CALL}
+    assert tool.names(VIDEO_TRACKER) == names
+    assert stored_names(daemon.producers_conf) == names
