@@ -23,8 +23,9 @@ from simcamera import SimulatedCamera  # noqa: E402
 
 
 @contextlib.contextmanager
-def running_daemon(producers, *camera_options):
-    """A daemon that is ready, with these contents of its producers.conf and every plug-in, and its bus."""
+def running_daemon(producers, *camera_options, verbs=()):
+    """A daemon that is ready, with these contents of its producers.conf and every plug-in, and its bus. The camera is
+    told the verbs before the daemon starts."""
     workspace = Workspace()
     os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
     Gst.init(None)
@@ -37,6 +38,8 @@ def running_daemon(producers, *camera_options):
         camera = SimulatedCamera(installation, bus, *camera_options)
         running.callback(camera.finish)
         camera.wait_until_ready()
+        for verb in verbs:
+            camera.tell(*verb)
         daemon = Daemon(installation, bus, plugins=SIMULATED_PLUGINS, producers=producers, coordinator_line=None)
         running.callback(daemon.finish)
         daemon.wait_until_ready()
