@@ -29,6 +29,7 @@
  */
 #include "connectionmanager.h"
 
+#include "memory.h"
 #include "syncscanner.h"
 
 #include <array>
@@ -623,6 +624,7 @@ connection_manager_finalize(GObject *object)
   g_mutex_clear(&self->priv->lock);
   g_cond_clear(&self->priv->cond);
   delete self->priv;
+  memory_trim_later();
 
   G_OBJECT_CLASS(connection_manager_parent_class)->finalize(object);
 }

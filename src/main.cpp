@@ -4,6 +4,7 @@
 #include "dbusserver.h"
 #include "eventsourcefactory.h"
 #include "externalsourcefactory.h"
+#include "memory.h"
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
 #include "radarscenesourcefactory.h"
@@ -290,6 +291,7 @@ run(const gchar *run_dir)
   if (!create_run_dir(run_dir)) {
     return EXIT_FAILURE;
   }
+  memory_start_trimming();
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   /* Outlives the server, whose factories borrow it. */
   g_autoptr(AnalyticsProducerList) producers = nullptr;
@@ -318,6 +320,7 @@ run(const gchar *run_dir)
   dbus_server_teardown();
   g_clear_pointer(&producers, analytics_producer_list_free);
   producer_config_free();
+  memory_stop_trimming();
   return EXIT_SUCCESS;
 }
 
@@ -326,6 +329,7 @@ run(const gchar *run_dir)
 int
 main(int argc, char **argv)
 {
+  memory_set_up();
   if (is_root()) {
     refuse_root();
     return EXIT_FAILURE;

@@ -2,6 +2,7 @@
  * reads its own options and is one line in the table below.
  */
 #include "command.h"
+#include "memory.h"
 #include "monitor.h"
 #include "producercommands.h"
 #include "stream.h"
@@ -100,6 +101,7 @@ main(int argc, char **argv)
   gboolean version = FALSE;
   g_autoptr(GError) error = nullptr;
 
+  memory_set_up();
   occupy_standard_descriptors();
   /* A reader of our output that has gone is an error of the write, not the end of the process. */
   signal(SIGPIPE, SIG_IGN);

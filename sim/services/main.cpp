@@ -3,6 +3,7 @@
  */
 #include "bus.h"
 #include "control.h"
+#include "memory.h"
 #include "verbs.h"
 
 #include <clocale>
@@ -272,6 +273,7 @@ ensure_standard_input()
 int
 main(int argc, char **argv)
 {
+  memory_set_up();
   ensure_standard_input();
   setlocale(LC_ALL, "");
   g_set_prgname("simcamera");
