@@ -12,17 +12,29 @@
  * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable. Only a file system that waits for a
  * peer could make such a read wait.
  *
- * Threads: the main thread reads and delivers. Any thread closes, pauses and resumes.
+ * Turns: one dispatch reads one message at most, and of its payload no more than this socket's share of
+ * EXTERNAL_SOURCE_TURN_BYTES. All open sockets have an equal share, so that a turn of the main loop is
+ * bounded however many are ready, and none waits for another. A message that this cuts is not in pieces in
+ * the sense of the modes: the next turn goes on with the read.
+ *
+ * Memory: a message's frame is allocated when its length is known, and the payload is read into its place.
+ * The account (messageaccount.h) counts it from then until it has been handed on. Between two messages the
+ * account decides whether the next may begin; if not, the socket is paused until the account resumes it. When
+ * a message needs room that there is not, the account names the sockets whose streams end for it, this one
+ * perhaps. A message that has begun is never paused, and has EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS.
+ *
+ * Threads: the main thread reads, delivers, pauses and resumes. Any thread closes.
  *
  * Lock: it guards the channel, the message that is being read, the id of the watch and whether the stream is
- * catching up. The reader holds it for one message. Close holds it while it shuts the channel down, so that
- * no read uses a descriptor number that already belongs to another file. No callback is called with the lock
- * held, and no watch is removed, because that can release the user data. The owner may hold a lock of its own
- * while it closes without notification, pauses or resumes, and may take that lock in the callbacks.
+ * catching up. The reader holds it for one turn. Close holds it while it shuts the channel down, so that
+ * no read uses a descriptor number that already belongs to another file. The account's lock is taken under
+ * it. No callback is called with the lock held, no other socket is closed, and no watch is removed, because
+ * that can release the user data. The owner may hold a lock of its own while it closes without notification,
+ * and may take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
- * has no watch, because poll() would report a hang-up again and again.
+ * has no watch, because poll() would report a hang-up again and again; the account has a reference then.
  */
 #include "externalsourcesocket.h"
 
@@ -46,9 +58,12 @@ namespace
 struct Message {
   guint32 length; /* starts from zero: what a short read leaves out counts as zero */
   gsize length_read;
-  guint8 *payload;
-  gsize left;   /* how much of the payload is still to be read */
-  gsize offset; /* where it goes */
+  gint64 deadline_us; /* monotonic; 0 until a turn has left the message unfinished */
+  guint8 *frame;      /* NULL until the length is known */
+  gsize size;         /* the frame's */
+  gsize left;         /* how much of the payload is still to be read */
+  gsize offset;       /* where in the payload it goes */
+  gsize run;          /* how much has been read since nothing was there */
 };
 
 } // namespace
@@ -57,10 +72,12 @@ struct _ExternalSourceSocket {
   GObject parent_instance;
 
   gchar *source_name;
+  gchar *frame_start;
+  MessageReader *reader;
   gint closed;             /* atomic */
   gint holders;            /* atomic */
   gboolean is_blocking;    /* the mode in which the descriptor arrived */
-  gboolean is_catching_up; /* has been paused, and has not yet found the stream empty between two messages */
+  gboolean is_catching_up; /* was paused, and has not found the stream empty between two messages since */
   GMutex lock;
   guint watch_id;
   GIOChannel *channel; /* NULL once closed */
@@ -85,6 +102,9 @@ namespace
 
 /* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
 constexpr gsize BUFFER_SIZE = 64 * 1024;
+
+/* How many sockets there are, atomic. */
+gint open_sockets;
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
@@ -283,14 +303,14 @@ has_read_ahead(ExternalSourceSocket *self)
   return (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
 }
 
-/* Ends the catching up when nothing is left to read between two messages. A paused stream has not caught up,
- * whatever the last read before the pause has left. With the lock held, and not after the close. */
+/* Ends the catching up when nothing is left to read between two messages. With the lock held, and not after
+ * the close. */
 void
 check_caught_up(ExternalSourceSocket *self)
 {
   const gboolean is_between_messages = self->message.length_read == 0;
 
-  if (self->is_catching_up && self->watch_id != 0 && is_between_messages && !has_read_ahead(self) &&
+  if (self->is_catching_up && is_between_messages && !has_read_ahead(self) &&
       !is_readable(g_io_channel_unix_get_fd(self->channel))) {
     self->is_catching_up = FALSE;
   }
@@ -315,43 +335,66 @@ read_length(ExternalSourceSocket *self)
   return G_IO_STATUS_NORMAL;
 }
 
+gsize
+get_frame_size(ExternalSourceSocket *self)
+{
+  return strlen(self->frame_start) + self->message.length + strlen(EXTERNAL_SOURCE_FRAME_END);
+}
+
 /* Memory that a length asks for must not end the process. What no read reaches is zero, never what the memory
  * held before. */
 gboolean
-make_payload(Message *message)
+make_frame(ExternalSourceSocket *self)
 {
-  if (message->length > EXTERNAL_SOURCE_MAX_PAYLOAD) {
-    log_read_failure("data", g_strerror(EMSGSIZE), EMSGSIZE);
-    return FALSE;
-  }
-  message->payload = static_cast<guint8 *>(g_try_malloc0(message->length));
-  if (message->payload == nullptr) {
+  Message *message = &self->message;
+  const gsize start_size = strlen(self->frame_start);
+
+  message->size = get_frame_size(self);
+  message->frame = static_cast<guint8 *>(g_try_malloc0(message->size));
+  if (message->frame == nullptr) {
     log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
     return FALSE;
   }
+  std::copy_n(self->frame_start, start_size, message->frame);
+  std::copy_n(EXTERNAL_SOURCE_FRAME_END, strlen(EXTERNAL_SOURCE_FRAME_END),
+              message->frame + start_size + message->length);
   message->left = message->length;
   return TRUE;
 }
 
+/* How much of a payload this turn may read. */
+gsize
+get_share()
+{
+  const gsize sockets = std::max(g_atomic_int_get(&open_sockets), 1);
+
+  return std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / sockets, EXTERNAL_SOURCE_MIN_READ_BYTES);
+}
+
+/* %G_IO_STATUS_NORMAL when nothing is left to be read, or the turn is over. */
 GIOStatus
 read_payload(ExternalSourceSocket *self)
 {
   Message *message = &self->message;
+  guint8 *payload = message->frame + strlen(self->frame_start);
+  gsize share = get_share();
 
-  if (message->payload == nullptr && !make_payload(message)) {
-    return G_IO_STATUS_ERROR;
-  }
-  while (message->left > 0) {
+  while (message->left > 0 && share > 0) {
+    const gsize wanted = std::min(message->left, share);
     gsize count = 0;
-    const GIOStatus status =
-        read_logged(self, "data", message->payload + message->offset, message->left, &count);
+    const GIOStatus status = read_logged(self, "data", payload + message->offset, wanted, &count);
     if (status != G_IO_STATUS_NORMAL) {
       return status;
     }
     message->left -= count;
+    message->offset += count;
+    message->run += count;
+    share -= count;
     /* Deliberate and kept: without keeping pieces, each further read goes where the one before it alone would
      * have ended. That is right for a payload of two reads, and its third is known not to be. */
-    message->offset = keeps_pieces(self) ? message->offset + count : count;
+    if (count < wanted && !keeps_pieces(self)) {
+      message->offset = std::exchange(message->run, 0);
+    }
   }
   return G_IO_STATUS_NORMAL;
 }
@@ -359,74 +402,137 @@ read_payload(ExternalSourceSocket *self)
 void
 drop_message(ExternalSourceSocket *self)
 {
-  g_free(self->message.payload);
+  g_free(self->message.frame);
   self->message = {};
+  message_reader_end(self->reader);
 }
 
-/* With the lock held. @payload stays NULL after a message without one. */
-GIOStatus
-read_message_locked(ExternalSourceSocket *self, guint8 **payload, gsize *length)
+/* What a message leaves when nothing more of it is read in this turn. With the lock held. */
+void
+settle_message(ExternalSourceSocket *self, GIOStatus status)
 {
-  GIOStatus status = read_length(self);
-
-  if (status == G_IO_STATUS_NORMAL && self->message.length > 0) {
-    status = read_payload(self);
-  }
   if (status == G_IO_STATUS_NORMAL) {
-    *length = self->message.length;
-    *payload = std::exchange(self->message.payload, nullptr);
-  }
-  if (status != G_IO_STATUS_AGAIN || !keeps_pieces(self)) {
+    self->message = {};
+  } else if (status != G_IO_STATUS_AGAIN || !keeps_pieces(self)) {
     drop_message(self);
   }
   check_caught_up(self);
-  return status;
 }
 
-/* Reads what is there of one message, and never waits. %G_IO_STATUS_AGAIN when it is not complete, or when
- * the socket has been closed meanwhile. */
+/* With the lock held. Charges a message with a payload. */
 GIOStatus
-read_message(ExternalSourceSocket *self, guint8 **payload, gsize *length)
+begin_message(ExternalSourceSocket *self)
+{
+  const GIOStatus status = read_length(self);
+
+  if (status != G_IO_STATUS_NORMAL || self->message.length == 0) {
+    return status;
+  }
+  if (self->message.length > EXTERNAL_SOURCE_MAX_PAYLOAD) {
+    log_read_failure("data", g_strerror(EMSGSIZE), EMSGSIZE);
+    return G_IO_STATUS_ERROR;
+  }
+  message_reader_begin(self->reader, get_frame_size(self));
+  return G_IO_STATUS_NORMAL;
+}
+
+/* Reads the length of the next message, unless one has begun. %G_IO_STATUS_NORMAL when a payload may follow,
+ * and @needs_room when its memory is not there yet. */
+GIOStatus
+start_message(ExternalSourceSocket *self, gboolean *needs_room)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
 
-  return self->channel != nullptr ? read_message_locked(self, payload, length) : G_IO_STATUS_AGAIN;
-}
-
-/* NULL when there is no memory for it. */
-guint8 *
-make_frame(const gchar *source_name, const guint8 *payload, gsize length, gsize *size)
-{
-  const gsize start_size = strlen(EXTERNAL_SOURCE_FRAME_START) - strlen("%s") + strlen(source_name);
-  const gsize end_size = strlen(EXTERNAL_SOURCE_FRAME_END);
-
-  *size = start_size + length + end_size;
-  auto *frame = static_cast<guint8 *>(g_try_malloc(*size));
-  if (frame == nullptr) {
-    return nullptr;
+  if (self->channel == nullptr) {
+    return G_IO_STATUS_AGAIN;
   }
-  /* The terminator goes where the payload begins. */
-  g_snprintf(reinterpret_cast<gchar *>(frame), start_size + 1, EXTERNAL_SOURCE_FRAME_START, source_name);
-  std::copy_n(payload, length, frame + start_size);
-  std::copy_n(EXTERNAL_SOURCE_FRAME_END, end_size, frame + start_size + length);
-  return frame;
+  if (self->message.frame != nullptr) {
+    return G_IO_STATUS_NORMAL;
+  }
+  const GIOStatus status = begin_message(self);
+  if (status != G_IO_STATUS_NORMAL) {
+    settle_message(self, status);
+  }
+  *needs_room = status == G_IO_STATUS_NORMAL && self->message.length > 0;
+  return status;
 }
 
 void
-deliver(ExternalSourceSocket *self, const guint8 *payload, gsize length)
+end_for_lack_of_memory(ExternalSourceSocket *self)
 {
-  gsize size = 0;
-
-  if (payload == nullptr || g_atomic_int_get(&self->closed) != 0) {
-    return;
-  }
-  guint8 *frame = make_frame(self->source_name, payload, length, &size);
-  if (frame == nullptr) {
+  if (g_atomic_int_get(&self->closed) == 0) {
     log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
-    external_source_socket_close(self, TRUE);
+  }
+  external_source_socket_close(self, TRUE);
+}
+
+/* Ends whatever stream has to end for this one's message, and be it its own. Without the lock. */
+void
+make_room(ExternalSourceSocket *self)
+{
+  gboolean is_over = FALSE;
+
+  while (!is_over) {
+    g_autoptr(GObject) owner = message_account_take_excess();
+    is_over = owner == nullptr || owner == G_OBJECT(self);
+    if (owner != nullptr) {
+      end_for_lack_of_memory(TESSARD_EXTERNAL_SOURCE_SOCKET(owner));
+    }
+  }
+}
+
+/* @frame stays NULL after a message without a payload. */
+GIOStatus
+continue_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+  Message *message = &self->message;
+  GIOStatus status = G_IO_STATUS_NORMAL;
+
+  if (self->channel == nullptr) {
+    return G_IO_STATUS_AGAIN;
+  }
+  if (message->length > 0) {
+    status = message->frame != nullptr || make_frame(self) ? read_payload(self) : G_IO_STATUS_ERROR;
+  }
+  if (status == G_IO_STATUS_NORMAL && message->left > 0) {
+    return G_IO_STATUS_AGAIN;
+  }
+  if (status == G_IO_STATUS_NORMAL) {
+    *size = message->size;
+    *frame = message->frame;
+  }
+  settle_message(self, status);
+  return status;
+}
+
+/* Reads what is there of one message and within the turn's share, and never waits. %G_IO_STATUS_AGAIN when it
+ * is not complete, or when the socket has been closed meanwhile. */
+GIOStatus
+read_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
+{
+  gboolean needs_room = FALSE;
+  const GIOStatus status = start_message(self, &needs_room);
+
+  if (needs_room) {
+    make_room(self);
+  }
+  return status == G_IO_STATUS_NORMAL ? continue_message(self, frame, size) : status;
+}
+
+/* Takes @frame over. */
+void
+deliver(ExternalSourceSocket *self, guint8 *frame, gsize size)
+{
+  if (frame == nullptr) {
     return;
   }
-  self->on_data(self, frame, size, self->user_data);
+  if (g_atomic_int_get(&self->closed) == 0) {
+    self->on_data(self, frame, size, self->user_data);
+  } else {
+    g_free(frame);
+  }
+  message_reader_end(self->reader);
 }
 
 } // namespace
@@ -445,6 +551,8 @@ external_source_socket_finalize(GObject *object)
   ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
 
   g_free(self->source_name);
+  g_free(self->frame_start);
+  g_clear_pointer(&self->reader, message_reader_free);
   g_mutex_clear(&self->lock);
   g_datalist_clear(&object->qdata);
 }
@@ -481,11 +589,51 @@ namespace
 {
 
 /* GLib looks at what a channel has read ahead only after it has waited for the descriptor, and nothing may
- * end that wait. So a watch is ready by its own time as long as there is something. With the lock held. */
+ * end that wait. So a watch is ready by its own time as long as there is something, and when the time of an
+ * unfinished message is over. With the lock held. */
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
-  g_source_set_ready_time(watch, self->channel != nullptr && has_read_ahead(self) ? 0 : -1);
+  const gint64 deadline_us = self->message.deadline_us;
+
+  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : deadline_us != 0 ? deadline_us : -1);
+}
+
+/* Prepares the next turn. What a message that has taken too long lacks, as the log names it, or NULL. */
+const char *
+find_overdue(ExternalSourceSocket *self)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+  Message *message = &self->message;
+  const gint64 now_us = message->length_read > 0 ? g_get_monotonic_time() : 0;
+
+  if (self->channel == nullptr) {
+    return nullptr;
+  }
+  if (message->length_read > 0 && message->deadline_us == 0) {
+    message->deadline_us = now_us + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
+  }
+  if (message->length_read > 0 && now_us >= message->deadline_us) {
+    return message->frame != nullptr ? "data" : "length";
+  }
+  set_ready_time(self, g_main_current_source());
+  return nullptr;
+}
+
+/* Between two messages, whether the next one has to wait. Then this turn is the watch's last, and the account
+ * resumes the socket. To be asked before a turn, and after it too: what a producer sends once its message has
+ * filled the queue may come in pieces. */
+gboolean
+has_to_wait(ExternalSourceSocket *self)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+
+  if (self->channel == nullptr || self->message.length_read > 0 || message_reader_may_begin(self->reader)) {
+    return FALSE;
+  }
+  self->watch_id = 0;
+  self->is_catching_up = TRUE;
+  return TRUE;
 }
 
 /* One message each time, so that a producer with much to say does not keep the main loop: what the channel
@@ -494,16 +642,19 @@ gboolean
 on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 {
   auto *self = static_cast<ExternalSourceSocket *>(user_data);
-  g_autofree guint8 *payload = nullptr;
-  gsize length = 0;
+  guint8 *frame = nullptr;
+  gsize size = 0;
 
   if ((condition & G_IO_IN) == 0 && (condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0) {
     external_source_socket_close(self, TRUE);
     return G_SOURCE_CONTINUE;
   }
-  switch (read_message(self, &payload, &length)) {
+  if (has_to_wait(self)) {
+    return G_SOURCE_REMOVE;
+  }
+  switch (read_message(self, &frame, &size)) {
   case G_IO_STATUS_NORMAL:
-    deliver(self, payload, length);
+    deliver(self, frame, size);
     break;
   case G_IO_STATUS_AGAIN:
     break;
@@ -511,9 +662,12 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
     external_source_socket_close(self, TRUE);
   }
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
-  set_ready_time(self, g_main_current_source());
-  return G_SOURCE_CONTINUE;
+  const char *overdue = find_overdue(self);
+  if (overdue != nullptr) {
+    log_read_failure(overdue, g_strerror(ETIMEDOUT), ETIMEDOUT);
+    external_source_socket_close(self, TRUE);
+  }
+  return has_to_wait(self) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 /* With the lock held. */
@@ -529,6 +683,18 @@ add_watch(ExternalSourceSocket *self)
   }
   /* It stays until somebody removes it by its id, which nobody can know yet. */
   set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
+}
+
+void
+on_resume(GObject *owner)
+{
+  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(owner);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+
+  if (self->channel != nullptr) {
+    add_watch(self);
+    check_caught_up(self);
+  }
 }
 
 /* Why a descriptor cannot carry a stream. NULL when it can, and for a folder, whose read fails.
@@ -611,6 +777,7 @@ shut_down(ExternalSourceSocket *self)
   }
   g_clear_pointer(&self->channel, g_io_channel_unref);
   drop_message(self);
+  message_reader_stop(self->reader);
 }
 
 } // namespace
@@ -620,6 +787,7 @@ shut_down(ExternalSourceSocket *self)
  * @consumer_fd: (transfer full): the descriptor of a producer's stream; the mode in which it is, blocking or
  *   not, decides whether a message may come in pieces
  * @source_name: the name that stands in every frame
+ * @account: (transfer none): what the client holds; decides when a message may begin
  * @on_data: called with each frame
  * @on_close: called when the stream ends
  * @user_data: (transfer full): for both
@@ -629,23 +797,30 @@ shut_down(ExternalSourceSocket *self)
  * Reads a producer's stream in the default main context until it ends, fails or is closed. The socket then
  * closes the descriptor; until then it keeps itself alive.
  *
+ * Between two messages, the stream is read only while @account lets one begin; the producer meets a pause as
+ * a stream that takes no more, and not even its hanging up is noticed meanwhile. The pause loses nothing:
+ * from then until the stream has been found empty between two messages, messages may come in pieces in either
+ * mode of the descriptor. A message that takes longer than EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS, and one for
+ * whose length there is no room, end the stream, which is logged at error priority.
+ *
  * A descriptor that cannot carry a stream is closed and @user_data is released, with a line at warning
  * priority that names @source_name: one that is not open for reading, and one that is neither a pipe nor a
  * socket nor a file. So is one that cannot be watched, with a line that names nobody. A folder is accepted;
  * its first read fails, which is logged at error priority. Any thread.
  *
- * Warnings: "consumer_fd > -1", "source_name != NULL", "on_data != NULL" and "on_close != NULL" are
- * preconditions; when one fails, neither the descriptor nor @user_data is taken over.
+ * Warnings: "consumer_fd > -1", "source_name != NULL", "account != NULL", "on_data != NULL" and
+ * "on_close != NULL" are preconditions; when one fails, neither the descriptor nor @user_data is taken over.
  *
  * Returns: (transfer full) (nullable): a new socket, or %NULL when @consumer_fd is no stream
  */
 ExternalSourceSocket *
-external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalSourceSocketDataFunc on_data,
-                           ExternalSourceSocketCloseFunc on_close, gpointer user_data,
-                           GDestroyNotify user_data_free)
+external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAccount *account,
+                           ExternalSourceSocketDataFunc on_data, ExternalSourceSocketCloseFunc on_close,
+                           gpointer user_data, GDestroyNotify user_data_free)
 {
   g_return_val_if_fail(consumer_fd > -1, nullptr);
   g_return_val_if_fail(source_name != NULL, nullptr);
+  g_return_val_if_fail(account != NULL, nullptr);
   g_return_val_if_fail(on_data != NULL, nullptr);
   g_return_val_if_fail(on_close != NULL, nullptr);
 
@@ -657,52 +832,21 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, ExternalS
   }
   auto *self = TESSARD_EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
   self->source_name = g_strdup(source_name);
+  self->frame_start = g_strdup_printf(EXTERNAL_SOURCE_FRAME_START, source_name);
+  self->reader = message_reader_new(account, G_OBJECT(self), on_resume);
   self->channel = make_channel(consumer_fd);
   self->on_data = on_data;
   self->on_close = on_close;
   self->user_data = user_data;
   self->user_data_free = user_data_free;
   hold(static_cast<ExternalSourceSocket *>(g_object_ref(self)));
+  g_atomic_int_inc(&open_sockets);
 
   if (!start_reading(self)) {
     external_source_socket_close(self, FALSE);
     g_clear_object(&self);
   }
   return self;
-}
-
-/**
- * external_source_socket_set_paused:
- * @self: (transfer none): a socket
- * @paused: whether to stop reading, or to go on
- *
- * Stops reading until further notice, which the producer meets as a stream that takes no more; not even its
- * hanging up is noticed meanwhile. The pause loses nothing: from then until the stream has been found empty
- * between two messages, messages may come in pieces in either mode of the descriptor. Nothing happens to a
- * socket that is closed or is in that state already. When a frame is being delivered on the main thread it is
- * the last one. Any thread.
- *
- * Warnings: "self != NULL" is a precondition.
- */
-void
-external_source_socket_set_paused(ExternalSourceSocket *self, gboolean paused)
-{
-  g_return_if_fail(self != NULL);
-
-  guint removed_id = 0;
-  {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
-    if (paused) {
-      removed_id = std::exchange(self->watch_id, 0);
-      self->is_catching_up = TRUE;
-    } else if (self->channel != nullptr && self->watch_id == 0) {
-      add_watch(self);
-      check_caught_up(self);
-    }
-  }
-  if (removed_id != 0) {
-    g_source_remove(removed_id);
-  }
 }
 
 /**
@@ -738,5 +882,6 @@ external_source_socket_close(ExternalSourceSocket *self, gboolean notify)
   if (watch_id != 0) {
     g_source_remove(watch_id);
   }
+  g_atomic_int_add(&open_sockets, -1);
   release_hold(self);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "messageaccount.h"
+
 #include <glib-object.h>
 
 G_BEGIN_DECLS
@@ -29,6 +31,28 @@ G_BEGIN_DECLS
 #define EXTERNAL_SOURCE_MAX_PAYLOAD (64 * 1024 * 1024)
 
 /**
+ * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS:
+ *
+ * How long a message may take from its first byte to its last.
+ */
+#define EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS (10 * 1000)
+
+/**
+ * EXTERNAL_SOURCE_TURN_BYTES:
+ *
+ * How many bytes of messages all sockets together read in one turn of the main loop. Each takes an equal
+ * share of it, but EXTERNAL_SOURCE_MIN_READ_BYTES at least.
+ */
+#define EXTERNAL_SOURCE_TURN_BYTES (2 * 1024 * 1024)
+
+/**
+ * EXTERNAL_SOURCE_MIN_READ_BYTES:
+ *
+ * How many bytes of a message a socket may read in one turn of the main loop, however many sockets there are.
+ */
+#define EXTERNAL_SOURCE_MIN_READ_BYTES (4 * 1024)
+
+/**
  * EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES:
  *
  * How much of a source's name goes into a line of the log.
@@ -45,8 +69,9 @@ G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, TESSARD, EXTE
  * @size: its length
  * @user_data: what external_source_socket_new() was given
  *
- * Called on the main thread for each message, with no lock of the socket held. It may close the socket or
- * pause it. When another thread closes the socket, one last call may be under way.
+ * Called on the main thread for each message, with no lock of the socket held. It may close the socket. When
+ * another thread closes the socket, one last call may be under way. The message counts as one that is being
+ * read until the function returns.
  */
 typedef void (*ExternalSourceSocketDataFunc)(ExternalSourceSocket *socket, guint8 *frame, gsize size,
                                              gpointer user_data);
@@ -62,11 +87,10 @@ typedef void (*ExternalSourceSocketDataFunc)(ExternalSourceSocket *socket, guint
 typedef void (*ExternalSourceSocketCloseFunc)(ExternalSourceSocket *socket, gpointer user_data);
 
 ExternalSourceSocket *external_source_socket_new(gint consumer_fd, const gchar *source_name,
+                                                 MessageAccount *account,
                                                  ExternalSourceSocketDataFunc on_data,
                                                  ExternalSourceSocketCloseFunc on_close, gpointer user_data,
                                                  GDestroyNotify user_data_free);
-
-void external_source_socket_set_paused(ExternalSourceSocket *self, gboolean paused);
 
 void external_source_socket_close(ExternalSourceSocket *self, gboolean notify);
 

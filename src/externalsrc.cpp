@@ -6,21 +6,24 @@
  * stop.
  *
  * Which threads. The main thread adds sockets and runs their callbacks. Whoever changes the pipeline's state
- * stops the element. A streaming thread takes the buffers and asks for more.
+ * stops the element. A streaming thread takes the buffers.
  *
- * What the lock guards. The list, whether the element is closing and whether its sockets are paused. Under it
- * the locks of the application source and of the sockets may be taken, neither of which is ever held when
- * this one is taken: a socket calls back without its own, and so does the application source. The element
- * closes its sockets without notification, so the close callback never meets the lock in its own thread.
+ * What the lock guards. The list, whether the element is closing, and the order in which the length of the
+ * queue is told to the account. Under it the locks of the application source, of the sockets and of the
+ * account may be taken, none of which is ever held when this one is taken: a socket calls back without its
+ * own, and so does the application source. The element closes its sockets without notification, so the close
+ * callback never meets the lock in its own thread.
  *
- * A client that does not read. The application source takes whatever is pushed. So when too much waits in it,
- * reading stops, for this client alone, and its producers see a stream that takes no more. It goes on when
- * the application source has run empty and asks. That cannot be missed: how much waits is looked at under the
- * lock, and the question that follows the last of it needs the lock too.
+ * A client that does not read. The application source takes whatever is pushed. So the account of the client
+ * (messageaccount.h) is told how much waits in it, after each push and after each buffer that a streaming
+ * thread has taken. When that is too much the sockets are paused, for this client alone, and its producers
+ * see a stream that takes no more. Of two threads that tell at once, the one that has looked at the queue
+ * last tells last, because both look and tell under the lock.
  */
 #include "externalsrc.h"
 
 #include "externalsourcesocket.h"
+#include "messageaccount.h"
 
 #include <array>
 #include <unistd.h>
@@ -29,11 +32,11 @@ struct _ExternalSrc {
   GstAppSrc parent_instance;
 
   gboolean closing;
-  gboolean paused;
   GPtrArray *sockets;
   guint num_sockets; /* the length of the list, atomic: for those who read it without the lock */
   gint32 video_channel;
   GCancellable *cancellable; /* never changes */
+  MessageAccount *account;   /* likewise */
   GMutex lock;
 };
 
@@ -65,15 +68,12 @@ count_sockets(ExternalSrc *src)
 }
 
 void
-set_paused(ExternalSrc *src, gboolean paused)
+count_queue(ExternalSrc *src)
 {
-  if (src->paused == paused) {
-    return;
-  }
-  src->paused = paused;
-  for (guint i = 0; i < src->sockets->len; i++) {
-    external_source_socket_set_paused(get_socket(src, i), paused);
-  }
+  auto *app_src = GST_APP_SRC(src);
+  const guint64 overhead = gst_app_src_get_current_level_buffers(app_src) * MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
+
+  message_account_set_queued(src->account, gst_app_src_get_current_level_bytes(app_src) + overhead);
 }
 
 /* For good: an element is not used again. Streams that are still asked for are not wanted any more, and
@@ -99,6 +99,7 @@ external_src_init(ExternalSrc *src)
   src->sockets = g_ptr_array_new_with_free_func(g_object_unref);
   src->video_channel = 1;
   src->cancellable = g_cancellable_new();
+  src->account = message_account_new();
 }
 
 static void
@@ -108,6 +109,9 @@ external_src_finalize(GObject *object)
 
   g_ptr_array_unref(src->sockets);
   g_object_unref(src->cancellable);
+  /* What still waits goes with the parent class. */
+  message_account_set_queued(src->account, 0);
+  message_account_unref(src->account);
   g_mutex_clear(&src->lock);
 
   G_OBJECT_CLASS(external_src_parent_class)->finalize(object);
@@ -146,6 +150,7 @@ external_src_state_changed(GstElement *element, GstState old_state, GstState new
   if (old_state == GST_STATE_PAUSED && new_state == GST_STATE_READY) {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
     close_all(src);
+    count_queue(src);
   }
 }
 
@@ -163,14 +168,17 @@ external_src_set_bus(GstElement *element, GstBus *bus)
   }
 }
 
-/* On a streaming thread that has found nothing more to take. */
-static void
-external_src_need_data(GstAppSrc *app_src, guint length)
+/* On a streaming thread, which waits here for the next buffer. */
+static GstFlowReturn
+external_src_create(GstBaseSrc *base_src, guint64 offset, guint size, GstBuffer **buffer)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(app_src);
+  ExternalSrc *src = TESSARD_EXTERNAL_SRC(base_src);
+  const GstFlowReturn result =
+      GST_BASE_SRC_CLASS(external_src_parent_class)->create(base_src, offset, size, buffer);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
 
-  set_paused(src, FALSE);
+  count_queue(src);
+  return result;
 }
 
 static void
@@ -183,7 +191,7 @@ external_src_class_init(ExternalSrcClass *klass)
   object_class->set_property = external_src_set_property;
   GST_ELEMENT_CLASS(klass)->set_bus = external_src_set_bus;
   GST_ELEMENT_CLASS(klass)->state_changed = external_src_state_changed;
-  GST_APP_SRC_CLASS(klass)->need_data = external_src_need_data;
+  GST_BASE_SRC_CLASS(klass)->create = external_src_create;
 
   properties[PROP_NUM_SOCKETS] =
       g_param_spec_uint("num-sockets", "Number of sockets", "Number of sockets to connected producers", 0,
@@ -202,14 +210,11 @@ void
 on_data(ExternalSourceSocket *socket, guint8 *frame, gsize size, gpointer user_data)
 {
   auto *src = static_cast<ExternalSrc *>(user_data);
-  auto *app_src = GST_APP_SRC(src);
 
-  gst_app_src_push_buffer(app_src, gst_buffer_new_wrapped(frame, size));
+  gst_app_src_push_buffer(GST_APP_SRC(src), gst_buffer_new_wrapped(frame, size));
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
-  if (gst_app_src_get_current_level_bytes(app_src) > EXTERNAL_SRC_QUEUE_LIMIT) {
-    set_paused(src, TRUE);
-  }
+  count_queue(src);
 }
 
 /* A producer that goes does not end the stream, not even the last one. */
@@ -270,12 +275,11 @@ external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
     close(fd);
     return;
   }
-  ExternalSourceSocket *socket =
-      external_source_socket_new(fd, source_name, on_data, on_close, gst_object_ref(src), gst_object_unref);
+  ExternalSourceSocket *socket = external_source_socket_new(fd, source_name, src->account, on_data, on_close,
+                                                            gst_object_ref(src), gst_object_unref);
   if (socket == nullptr) {
     return;
   }
-  external_source_socket_set_paused(socket, src->paused);
   g_ptr_array_add(src->sockets, socket);
   count_sockets(src);
 }

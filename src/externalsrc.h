@@ -5,13 +5,6 @@
 
 G_BEGIN_DECLS
 
-/**
- * EXTERNAL_SRC_QUEUE_LIMIT:
- *
- * While more bytes than these wait in the element for the client's stream, no producer is read for it.
- */
-#define EXTERNAL_SRC_QUEUE_LIMIT (1024 * 1024)
-
 #define EXTERNAL_TYPE_SRC (external_src_get_type())
 G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, TESSARD, EXTERNAL_SRC, GstAppSrc)
 

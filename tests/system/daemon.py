@@ -360,6 +360,11 @@ class Daemon:
     def resident_bytes(self):
         return int(self.status_field("VmRSS").split()[0]) * 1024
 
+    def private_bytes(self):
+        """What would be free if the daemon ended."""
+        sums = (self.proc / "smaps_rollup").read_text(encoding="ascii")
+        return sum(int(kilobytes) for kilobytes in re.findall(r"^Private_\w+:\s*(\d+) kB$", sums, re.MULTILINE)) * 1024
+
 
 def plain(command, environment):
     """The wrapper that is none."""

@@ -27,7 +27,7 @@ TOO_LONG = (ERROR, "Could not read request data from client socket: Message too 
 
 # More than twice of what everything on the way from a producer to a client takes: messages of this length, with so many
 # numbers in each.
-FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 8500, 20
+FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 25_000, 20
 
 # Messages that a pipe and a socket take in one piece, how many numbers each has, and how often the client reads nothing.
 # A socket cuts what is longer than some 36 KB, and the daemon may read between the pieces.
@@ -42,7 +42,7 @@ RESTING_SHARE = 0.5
 
 # How much the daemon may keep for a client that does not read: its queue, what is being converted, and what allocators
 # do not give back.
-RESIDENT_GROWTH_BYTES = 16 * 1024 * 1024
+RESIDENT_GROWTH_BYTES = 24 * 1024 * 1024
 
 
 def stream_failed(text):

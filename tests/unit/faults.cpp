@@ -398,8 +398,6 @@ gint64 __real_g_get_monotonic_time(void);
 gint64 __wrap_g_get_monotonic_time(void);
 void __real_g_mutex_unlock(GMutex *mutex);
 void __wrap_g_mutex_unlock(GMutex *mutex);
-gpointer __real_g_try_malloc(gsize size);
-gpointer __wrap_g_try_malloc(gsize size);
 gpointer __real_g_try_malloc0(gsize size);
 gpointer __wrap_g_try_malloc0(gsize size);
 GThread *__real_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
@@ -655,12 +653,6 @@ __wrap_g_mutex_unlock(GMutex *mutex)
   if (unlock_hook) {
     std::exchange(unlock_hook, nullptr)();
   }
-}
-
-gpointer
-__wrap_g_try_malloc(gsize size)
-{
-  return take_failure(faults::Call::TRY_MALLOC) ? nullptr : __real_g_try_malloc(size);
 }
 
 gpointer

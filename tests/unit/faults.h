@@ -24,7 +24,6 @@ enum class Call {
   THREAD_NEW,
   THREAD_POOL_NEW,
   THREAD_POOL_PUSH,
-  TRY_MALLOC,
   TRY_MALLOC0,
 };
 

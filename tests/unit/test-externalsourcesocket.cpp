@@ -4,6 +4,7 @@
 #include "testhost.h"
 #include "teststream.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <fcntl.h>
@@ -40,12 +41,50 @@ constexpr gint64 STALL_US = 2 * G_TIME_SPAN_SECOND;
 /* What GLib says of its own accord when it makes an error of EBADF. */
 const Texts BAD_DESCRIPTOR = {"GLib: Invalid file descriptor."};
 
+/* What a client holds. */
+class Account
+{
+public:
+  Account() : account(message_account_new())
+  {
+  }
+
+  ~Account()
+  {
+    hold(0);
+    message_account_unref(account);
+  }
+
+  Account(const Account &) = delete;
+  Account &operator=(const Account &) = delete;
+
+  /* Has so much in its queue. Any thread. */
+  void hold(gsize bytes) const
+  {
+    message_account_set_queued(account, bytes);
+  }
+
+  /* Lets no message begin, and lets them begin again. Any thread. */
+  void pause() const
+  {
+    hold(MESSAGE_ACCOUNT_CLIENT_LIMIT + 1);
+  }
+
+  void resume() const
+  {
+    hold(0);
+  }
+
+  MessageAccount *account;
+};
+
 /* A socket with all that it tells. What happens is kept in order: frames, "closed" and "released". */
 class Reader
 {
 public:
   explicit Reader(int fd, const char *name = NAME)
-      : socket(external_source_socket_new(fd, name, on_data, on_close, this, on_release)), observed(socket)
+      : socket(external_source_socket_new(fd, name, client.account, on_data, on_close, this, on_release)),
+        observed(socket)
   {
   }
 
@@ -104,9 +143,14 @@ public:
   Texts events;
   std::function<void()> during_data;
   std::atomic<bool> released = false;
+  Account client;
   ExternalSourceSocket *socket;
   Observed observed;
 };
+
+const SyslogLines NO_MEMORY = {
+    {LOG_ERR,
+     "Could not read request data from client socket: Cannot allocate memory: Cannot allocate memory"}};
 
 const Texts NOTHING;
 const Texts ENDED = {"closed", "released"};
@@ -130,6 +174,7 @@ protected:
   {
     faults::after_empty_reads(nullptr);
     Fixture::TearDown();
+    EXPECT_EQ(message_account_get_total(), 0U);
   }
 };
 
@@ -176,13 +221,14 @@ send_while_reading(const Producer &producer, Texts pieces)
   });
 }
 
-/* Pauses the socket while @bytes come. */
+/* Pauses the socket, which is between two messages or goes on to the end of one, while @bytes come. */
 void
 send_in_a_pause(const Producer &producer, const Reader &reader, const std::string &bytes)
 {
-  external_source_socket_set_paused(reader.socket, TRUE);
+  reader.client.pause();
   producer.send(bytes);
-  external_source_socket_set_paused(reader.socket, FALSE);
+  testhost::dispatch_ready();
+  reader.client.resume();
 }
 
 /* Expects that pieces are dropped, as they are where a non-blocking stream has not been paused. */
@@ -505,30 +551,38 @@ TEST_F(ExternalSourceSocketTest, TakesNothingOverWhenAnArgumentIsWrong)
   const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
   const auto on_release = [](gpointer) { ADD_FAILURE() << "released"; };
 
-  EXPECT_EQ(external_source_socket_new(-1, NAME, Reader::on_data, Reader::on_close, this, on_release),
+  const auto on_data = Reader::on_data;
+  const auto on_close = Reader::on_close;
+  const Account client;
+
+  EXPECT_EQ(external_source_socket_new(-1, NAME, client.account, on_data, on_close, this, on_release),
             nullptr);
-  EXPECT_EQ(external_source_socket_new(fd, nullptr, Reader::on_data, Reader::on_close, this, on_release),
+  EXPECT_EQ(external_source_socket_new(fd, nullptr, client.account, on_data, on_close, this, on_release),
             nullptr);
-  EXPECT_EQ(external_source_socket_new(fd, NAME, nullptr, Reader::on_close, this, on_release), nullptr);
-  EXPECT_EQ(external_source_socket_new(fd, NAME, Reader::on_data, nullptr, this, on_release), nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, NAME, nullptr, on_data, on_close, this, on_release), nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, NAME, client.account, nullptr, on_close, this, on_release),
+            nullptr);
+  EXPECT_EQ(external_source_socket_new(fd, NAME, client.account, on_data, nullptr, this, on_release),
+            nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(),
-            (Texts{"consumer_fd > -1", "source_name != NULL", "on_data != NULL", "on_close != NULL"}));
+            (Texts{"consumer_fd > -1", "source_name != NULL", "account != NULL", "on_data != NULL",
+                   "on_close != NULL"}));
   EXPECT_EQ(close(fd), 0);
 }
 
 TEST_F(ExternalSourceSocketTest, ChecksForASocket)
 {
-  external_source_socket_set_paused(nullptr, TRUE);
   external_source_socket_close(nullptr, TRUE);
-  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"self != NULL", "self != NULL"}));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"self != NULL"}));
 }
 
 TEST_F(ExternalSourceSocketTest, NeedsNoReleaseFunction)
 {
+  const Account client;
   Producer producer(Carrier::PIPE, Mode::BLOCKING);
   auto *socket = external_source_socket_new(
-      producer.consumer_fd, NAME, [](auto *, guint8 *, gsize, gpointer) {}, [](auto *, gpointer) {}, nullptr,
-      nullptr);
+      producer.consumer_fd, NAME, client.account, [](auto *, guint8 *, gsize, gpointer) {},
+      [](auto *, gpointer) {}, nullptr, nullptr);
   Observed observed(socket);
 
   external_source_socket_close(socket, FALSE);
@@ -684,20 +738,15 @@ TEST_P(AnyStreamTest, TakesALengthAtTheBound)
   EXPECT_EQ(reader.take_events(), NOTHING);
 }
 
-TEST_P(AnyStreamTest, EndsWithoutMemoryForThePayloadOrTheFrame)
+TEST_P(AnyStreamTest, EndsWithoutMemoryForTheFrame)
 {
-  for (const auto call : {faults::Call::TRY_MALLOC0, faults::Call::TRY_MALLOC}) {
-    Producer producer = make_producer();
-    Reader reader(producer.consumer_fd);
+  Producer producer = make_producer();
+  Reader reader(producer.consumer_fd);
 
-    faults::fail_next(call);
-    producer.send(teststream::message("1"));
-    EXPECT_EQ(reader.take_events(), ENDED);
-    EXPECT_EQ(
-        testhost::take_syslog(),
-        (SyslogLines{{LOG_ERR, "Could not read request data from client socket: Cannot allocate memory: "
-                               "Cannot allocate memory"}}));
-  }
+  faults::fail_next(faults::Call::TRY_MALLOC0);
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(reader.take_events(), ENDED);
+  EXPECT_EQ(testhost::take_syslog(), NO_MEMORY);
 }
 
 TEST_P(AnyStreamTest, ClosesWithoutNotification)
@@ -908,13 +957,11 @@ TEST_P(AnyStreamTest, ReadsNothingWhilePaused)
   Producer producer = make_producer();
   Reader reader(producer.consumer_fd);
 
-  external_source_socket_set_paused(reader.socket, TRUE);
-  external_source_socket_set_paused(reader.socket, TRUE);
+  reader.client.pause();
   producer.send(teststream::message("1"));
   producer.hang_up();
   EXPECT_EQ(reader.take_events(), NOTHING);
-  external_source_socket_set_paused(reader.socket, FALSE);
-  external_source_socket_set_paused(reader.socket, FALSE);
+  reader.client.resume();
   EXPECT_EQ(reader.take_events(), frames({"1"}, ENDED));
 }
 
@@ -923,12 +970,12 @@ TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAhead)
   Producer producer = make_producer();
   Reader reader(producer.consumer_fd);
 
-  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  reader.during_data = [&] { reader.client.pause(); };
   producer.send(teststream::message("1") + teststream::message("2"));
   EXPECT_EQ(reader.take_events(), frames({"1"}));
 
   /* From another thread, with nothing left in the descriptor that would wake the main loop. */
-  std::thread thread([&] { external_source_socket_set_paused(reader.socket, FALSE); });
+  std::thread thread([&] { reader.client.resume(); });
   EXPECT_TRUE(testhost::spin_until([&] { return !reader.events.empty(); }));
   thread.join();
   EXPECT_EQ(reader.take_events(), frames({"2"}));
@@ -936,22 +983,22 @@ TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAhead)
 
 TEST_P(AnyStreamTest, GoesOnWithWhatItHasReadAheadWhenTheMainLoopWaits)
 {
-  static ExternalSourceSocket *paused;
+  static const Account *paused;
   static std::vector<bool> waits;
   Producer producer = make_producer();
   Reader reader(producer.consumer_fd);
   GPollFunc poll_func = g_main_context_get_poll_func(nullptr);
 
-  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  reader.during_data = [&] { reader.client.pause(); };
   producer.send(teststream::message("1") + teststream::message("2"));
   EXPECT_EQ(reader.take_events(), frames({"1"}));
 
-  paused = reader.socket;
+  paused = &reader.client;
   waits.clear();
   g_main_context_set_poll_func(nullptr, [](GPollFD *fds, guint count, gint timeout) {
     waits.push_back(timeout != 0);
     if (paused != nullptr) {
-      std::thread thread([] { external_source_socket_set_paused(std::exchange(paused, nullptr), FALSE); });
+      std::thread thread([] { std::exchange(paused, nullptr)->resume(); });
       thread.join();
     }
     return g_poll(fds, count, 0);
@@ -970,7 +1017,7 @@ TEST_P(AnyStreamTest, DoesNotWakeTheMainLoopWhilePaused)
   Producer producer = make_producer();
   Reader reader(producer.consumer_fd);
 
-  reader.during_data = [&] { external_source_socket_set_paused(reader.socket, TRUE); };
+  reader.during_data = [&] { reader.client.pause(); };
   producer.send(teststream::message("1") + teststream::message("2"));
   EXPECT_EQ(reader.take_events(), frames({"1"}));
   producer.send(teststream::message("3"));
@@ -985,12 +1032,13 @@ TEST_P(AnyStreamTest, ClosesWhilePaused)
   Producer producer = make_producer();
   Reader reader(producer.consumer_fd);
 
-  external_source_socket_set_paused(reader.socket, TRUE);
+  reader.client.pause();
   producer.send(teststream::message("1"));
+  EXPECT_EQ(reader.take_events(), NOTHING);
   external_source_socket_close(reader.socket, FALSE);
   EXPECT_EQ(reader.events, (Texts{"released"}));
   EXPECT_LT(fcntl(producer.consumer_fd, F_GETFD), 0);
-  external_source_socket_set_paused(reader.socket, FALSE);
+  reader.client.resume();
   EXPECT_EQ(reader.take_events(), (Texts{"released"}));
 }
 
@@ -1029,12 +1077,26 @@ TEST_P(PiecesTest, OfABlockingStreamAreKeptThroughAPause)
   Producer producer(GetParam(), Mode::BLOCKING);
   Reader reader(producer.consumer_fd);
 
-  producer.send(teststream::message(LONG).substr(0, 7));
+  send_in_a_pause(producer, reader, teststream::message(LONG).substr(0, 7));
   testhost::dispatch_ready();
-  external_source_socket_set_paused(reader.socket, TRUE);
   producer.send(teststream::message(LONG).substr(7));
-  external_source_socket_set_paused(reader.socket, FALSE);
   EXPECT_EQ(reader.take_events(), frames({LONG}));
+}
+
+TEST_P(PiecesTest, OfAMessageThatHasBegunAreReadDuringAPause)
+{
+  for (gsize begun = 1; begun < 4 + strlen(LONG); begun++) {
+    Producer producer(GetParam(), Mode::BLOCKING);
+    Reader reader(producer.consumer_fd);
+
+    producer.send(teststream::message(LONG).substr(0, begun));
+    testhost::dispatch_ready();
+    reader.client.pause();
+    producer.send(teststream::message(LONG).substr(begun) + teststream::message("next"));
+    EXPECT_EQ(reader.take_events(), frames({LONG})) << begun;
+    reader.client.resume();
+    EXPECT_EQ(reader.take_events(), frames({"next"})) << begun;
+  }
 }
 
 TEST_P(PiecesTest, OfABlockingStreamGoWithTheSocket)
@@ -1288,9 +1350,11 @@ TEST_F(ExternalSourceSocketTest, LogsOnlyTheStartOfALongNameThatItRefuses)
 
 TEST_F(ExternalSourceSocketTest, NeedsNoReleaseFunctionForWhatItRefuses)
 {
+  const Account client;
+
   EXPECT_EQ(external_source_socket_new(
-                open("/dev/null", O_RDONLY | O_CLOEXEC), NAME, [](auto *, guint8 *, gsize, gpointer) {},
-                [](auto *, gpointer) {}, nullptr, nullptr),
+                open("/dev/null", O_RDONLY | O_CLOEXEC), NAME, client.account,
+                [](auto *, guint8 *, gsize, gpointer) {}, [](auto *, gpointer) {}, nullptr, nullptr),
             nullptr);
   EXPECT_EQ(testhost::take_syslog().size(), 1U);
 }
@@ -1344,6 +1408,242 @@ TEST_F(ExternalSourceSocketTest, EmptyMessagesWithoutEndLeaveTheMainLoopToOthers
   EXPECT_EQ(reader.events, NOTHING);
 }
 
+namespace
+{
+
+constexpr gsize MIB = 1024 * 1024;
+
+/* A message that is not complete: its length, and not a byte more. */
+void
+begin_message(const Producer &producer, gsize length)
+{
+  producer.send(length_only(length));
+  testhost::dispatch_ready();
+}
+
+/* A file with one message of a payload of any bytes. */
+int
+open_file_with_message(const std::string &payload, int flags)
+{
+  const std::string bytes = teststream::message(payload);
+  Peer file;
+
+  file.fd = open_empty_file();
+  EXPECT_EQ(write(file.fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  return teststream::reopen(file.fd, O_RDONLY | flags);
+}
+
+std::string
+numbers(gsize size)
+{
+  std::string text;
+
+  for (int number = 0; text.size() < size; number++) {
+    text += std::to_string(number) + ",";
+  }
+  return text.substr(0, size);
+}
+
+} // namespace
+
+TEST_F(ExternalSourceSocketTest, EndsMessagesThatTakeTooLong)
+{
+  constexpr gint64 LIMIT_US = G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
+  constexpr guint DRIP_MS = 50;
+  const std::string long_message = teststream::message(std::string(MIB, 'x'));
+  Producer silent_length(Carrier::PIPE, Mode::BLOCKING);
+  Producer silent_data(Carrier::SOCKET, Mode::BLOCKING);
+  Producer dripping(Carrier::PIPE, Mode::BLOCKING);
+  Producer paused(Carrier::PIPE, Mode::NON_BLOCKING);
+  Producer between(Carrier::PIPE, Mode::BLOCKING);
+  Reader length_reader(silent_length.consumer_fd);
+  Reader data_reader(silent_data.consumer_fd);
+  Reader dripping_reader(dripping.consumer_fd);
+  Reader paused_reader(paused.consumer_fd);
+  Reader between_reader(between.consumer_fd);
+
+  const gint64 begun_us = g_get_monotonic_time();
+  silent_length.send(long_message.substr(0, 1));
+  silent_data.send(long_message.substr(0, 1000));
+  dripping.send(long_message.substr(0, 1000));
+  send_in_a_pause(paused, paused_reader, long_message.substr(0, 1000));
+  between.send(teststream::message("1"));
+  const auto drip = [](gpointer user_data) -> gboolean {
+    const char byte = 'x';
+    static_cast<Producer *>(user_data)->send_some(&byte, 1);
+    return G_SOURCE_CONTINUE;
+  };
+  const guint dripping_id = g_timeout_add(DRIP_MS, drip, &dripping);
+
+  EXPECT_TRUE(testhost::spin_until([&] {
+    return length_reader.released || data_reader.released || dripping_reader.released ||
+           paused_reader.released;
+  }));
+  EXPECT_GE(g_get_monotonic_time(), begun_us + LIMIT_US);
+  EXPECT_TRUE(testhost::spin_until([&] {
+    return length_reader.released && data_reader.released && dripping_reader.released &&
+           paused_reader.released;
+  }));
+  EXPECT_LT(g_get_monotonic_time(), begun_us + 2 * LIMIT_US);
+  g_source_remove(dripping_id);
+
+  for (Reader *reader : {&length_reader, &data_reader, &dripping_reader, &paused_reader}) {
+    EXPECT_EQ(reader->take_events(), ENDED);
+  }
+  EXPECT_EQ(between_reader.take_events(), frames({"1"}));
+  SyslogLines lines = testhost::take_syslog();
+  std::ranges::sort(lines, {}, &testhost::SyslogLine::text);
+  const SyslogLines data = failure("data", "Connection timed out");
+  const SyslogLines length = failure("length", "Connection timed out");
+  EXPECT_EQ(lines, (SyslogLines{data[0], data[0], data[0], length[0]}));
+}
+
+TEST_F(ExternalSourceSocketTest, GivesEachMessageItsOwnTime)
+{
+  const std::string bytes = teststream::message("0123456789");
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+  const gint64 end_us =
+      g_get_monotonic_time() + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS * 5 / 4;
+
+  /* No message is ever complete when it is begun, and none is late. */
+  producer.send(bytes.substr(0, 6));
+  EXPECT_TRUE(testhost::spin_until([&] {
+    producer.send(bytes.substr(6) + bytes.substr(0, 6));
+    testhost::dispatch_ready();
+    return g_get_monotonic_time() > end_us;
+  }));
+  producer.send(bytes.substr(6));
+  testhost::dispatch_ready();
+  EXPECT_FALSE(reader.released);
+  for (const std::string &event : reader.take_events()) {
+    EXPECT_EQ(event, teststream::frame(NAME, "0123456789"));
+  }
+}
+
+TEST_F(ExternalSourceSocketTest, ChargesAMessageFromItsLengthToItsDelivery)
+{
+  constexpr gsize LENGTH = 1000;
+  const std::string bytes = teststream::message(std::string(LENGTH, 'x'));
+  const gsize charge =
+      teststream::frame(NAME, std::string(LENGTH, 'x')).size() + MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+  gsize during_data = 0;
+  reader.during_data = [&] { during_data = message_account_get_total(); };
+
+  producer.send(bytes.substr(0, 3));
+  testhost::dispatch_ready();
+  EXPECT_EQ(message_account_get_total(), 0U);
+  producer.send(bytes.substr(3, 1));
+  testhost::dispatch_ready();
+  EXPECT_EQ(message_account_get_total(), charge);
+  producer.send(bytes.substr(4));
+  testhost::dispatch_ready();
+  EXPECT_EQ(during_data, charge);
+  EXPECT_EQ(message_account_get_total(), 0U);
+}
+
+TEST_F(ExternalSourceSocketTest, EndsTheUnfinishedMessageOfTheClientThatHoldsMost)
+{
+  Producer modest(Carrier::PIPE, Mode::BLOCKING);
+  Producer first(Carrier::PIPE, Mode::BLOCKING);
+  Producer second(Carrier::PIPE, Mode::BLOCKING);
+  Reader modest_reader(modest.consumer_fd);
+  Reader first_reader(first.consumer_fd);
+  Reader second_reader(second.consumer_fd);
+
+  begin_message(modest, 20 * MIB);
+  begin_message(first, 60 * MIB);
+  EXPECT_EQ(first_reader.events, NOTHING);
+  begin_message(second, 50 * MIB);
+  EXPECT_EQ(first_reader.take_events(), ENDED);
+  EXPECT_EQ(testhost::take_syslog(), NO_MEMORY);
+  EXPECT_EQ(second_reader.events, NOTHING);
+
+  /* The message that begins may be the one. */
+  Producer third(Carrier::PIPE, Mode::BLOCKING);
+  Reader third_reader(third.consumer_fd);
+  begin_message(third, 60 * MIB);
+  EXPECT_EQ(third_reader.take_events(), ENDED);
+  EXPECT_EQ(testhost::take_syslog(), NO_MEMORY);
+  EXPECT_EQ(second_reader.events, NOTHING);
+  EXPECT_EQ(modest_reader.events, NOTHING);
+  EXPECT_LE(message_account_get_total(), 128U * MIB);
+}
+
+TEST_F(ExternalSourceSocketTest, BeginsNoMessageWhileAllClientsTogetherHoldTooMuch)
+{
+  const Account other;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  Producer begun(Carrier::PIPE, Mode::BLOCKING);
+  Reader reader(producer.consumer_fd);
+  Reader begun_reader(begun.consumer_fd);
+
+  begun.send(teststream::message("begun").substr(0, 5));
+  testhost::dispatch_ready();
+  other.hold(MESSAGE_ACCOUNT_TOTAL_LIMIT + 1);
+  begun.send(teststream::message("begun").substr(5) + teststream::message("2"));
+  producer.send(teststream::message("1"));
+  EXPECT_EQ(reader.take_events(), NOTHING);
+  EXPECT_EQ(begun_reader.take_events(), frames({"begun"}));
+  expect_rest();
+
+  other.hold(MESSAGE_ACCOUNT_TOTAL_LIMIT - MIB);
+  EXPECT_EQ(reader.take_events(), frames({"1"}));
+  EXPECT_EQ(begun_reader.take_events(), frames({"2"}));
+}
+
+TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfAMessageInEachTurn)
+{
+  constexpr gsize SOCKETS = 4;
+  constexpr off_t READ_AHEAD = 64 * 1024;
+  constexpr off_t SHARE = EXTERNAL_SOURCE_TURN_BYTES / SOCKETS;
+  const std::string payload = numbers(8 * MIB);
+  for (const int flags : {0, O_NONBLOCK}) {
+    std::array<Peer, SOCKETS> files;
+    std::vector<std::unique_ptr<Reader>> readers;
+    for (Peer &file : files) {
+      const int fd = open_file_with_message(payload, flags);
+      file.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+      readers.push_back(std::make_unique<Reader>(fd));
+    }
+
+    for (off_t turn = 1; turn < 8; turn++) {
+      g_main_context_iteration(nullptr, FALSE);
+      for (const Peer &file : files) {
+        /* Each gets as far as the others. */
+        EXPECT_GE(lseek(file.fd, 0, SEEK_CUR), turn * SHARE);
+        EXPECT_LE(lseek(file.fd, 0, SEEK_CUR), turn * SHARE + READ_AHEAD);
+      }
+    }
+    for (const auto &reader : readers) {
+      EXPECT_TRUE(reader->take_events() == frames({payload}, ENDED));
+    }
+  }
+}
+
+/* What the turns cut is not what the producer left unfinished. */
+TEST_F(ExternalSourceSocketTest, ANonBlockingMessageMayTakeSeveralTurns)
+{
+  const std::string payload = numbers(900 * 1000);
+  std::vector<std::unique_ptr<Producer>> idle;
+  std::vector<std::unique_ptr<Reader>> idle_readers;
+  Producer producer(Carrier::PIPE, Mode::NON_BLOCKING);
+  Reader reader(producer.consumer_fd);
+  ASSERT_GE(fcntl(producer.consumer_fd, F_SETPIPE_SZ, MIB), 0);
+  for (int i = 0; i < 7; i++) {
+    idle.push_back(std::make_unique<Producer>(Carrier::PIPE, Mode::BLOCKING));
+    idle_readers.push_back(std::make_unique<Reader>(idle.back()->consumer_fd));
+  }
+
+  producer.send(teststream::message(payload));
+  g_main_context_iteration(nullptr, FALSE);
+  EXPECT_EQ(reader.events, NOTHING);
+  EXPECT_TRUE(reader.take_events() == frames({payload}));
+  expect_pieces_to_be_dropped(producer, &reader);
+}
+
 TEST_F(ExternalSourceSocketTest, EndsWhenAPayloadCannotBeRead)
 {
   for (const Mode mode : {Mode::BLOCKING, Mode::NON_BLOCKING}) {
@@ -1387,7 +1687,8 @@ class Race
 public:
   explicit Race(int round) : round_(round)
   {
-    socket_ = external_source_socket_new(producer_.consumer_fd, NAME, on_data, on_close, this, on_release);
+    socket_ = external_source_socket_new(producer_.consumer_fd, NAME, client_.account, on_data, on_close,
+                                         this, on_release);
     sender_ = std::thread([this] { send(); });
     closer_ = std::thread([this] { close_and_reuse(); });
   }
@@ -1443,7 +1744,9 @@ private:
     while (frames_ < static_cast<unsigned>(round_ % 2) * (round_ % 16)) {
       g_thread_yield();
     }
-    external_source_socket_set_paused(socket_, round_ % 3 == 0);
+    if (round_ % 3 == 0) {
+      client_.pause();
+    }
     external_source_socket_close(socket_, FALSE);
     EXPECT_EQ(pipe2(reused_.data(), O_CLOEXEC), 0);
     EXPECT_EQ(write(reused_[1], "untouched", 9), 9);
@@ -1464,6 +1767,7 @@ private:
   static const std::string PAYLOAD;
 
   int round_;
+  Account client_;
   Producer producer_{Carrier::PIPE, Mode::BLOCKING};
   ExternalSourceSocket *socket_;
   std::array<int, 2> reused_ = {-1, -1};
@@ -1486,36 +1790,51 @@ TEST_F(ExternalSourceSocketTest, MayBeClosedByAnotherThreadAtAnyTime)
   }
 }
 
-/* A pause that comes while the main thread is about to read what came before it must not be over with that.
- */
-TEST_F(ExternalSourceSocketTest, MayBePausedByAnotherThreadAtAnyTime)
+/* Whatever the main thread is about to do when another thread ends the pause, no piece is dropped. */
+TEST_F(ExternalSourceSocketTest, MayBeResumedByAnotherThreadAtAnyTime)
 {
-  constexpr gsize COUNT = 20 * 1000;
+  constexpr gsize COUNT = 2000;
   const std::string bytes = teststream::message("0123456789");
   Producer producer(Carrier::PIPE, Mode::NON_BLOCKING);
   Reader reader(producer.consumer_fd);
   std::atomic<gsize> received = 0;
+  std::atomic<gsize> turns = 0;
   std::atomic<bool> over = false;
-  reader.during_data = [&] { received++; };
+  const auto count_turn = [](gpointer user_data) -> gboolean {
+    ++*static_cast<std::atomic<gsize> *>(user_data);
+    return G_SOURCE_CONTINUE;
+  };
+  reader.during_data = [&] {
+    if (received % 2 == 0) {
+      reader.client.pause();
+    }
+    received++;
+  };
+  const guint turning = g_idle_add_full(G_PRIORITY_DEFAULT, count_turn, &turns, nullptr);
+  const auto wait_for = [&over](const std::atomic<gsize> &counter, gsize count) {
+    while (counter < count && !over) {
+      g_thread_yield();
+    }
+  };
 
-  std::thread pauser([&] {
+  std::thread resumer([&] {
     for (gsize i = 0; i < COUNT && !over; i++) {
       producer.send(bytes);
-      for (gsize waited = 0; waited < i % 997 && received == 2 * i; waited++) {
+      wait_for(received, 2 * i + 1);
+      producer.send(bytes.substr(0, 7));
+      /* Then the socket has been paused. */
+      wait_for(turns, turns + 2);
+      for (gsize waited = 0; waited < i % 997; waited++) {
       }
-      send_in_a_pause(producer, reader, bytes.substr(0, 7));
-      for (int unread = 1; unread > 0 && !over;) {
-        ioctl(producer.consumer_fd, FIONREAD, &unread);
-      }
+      reader.client.resume();
       producer.send(bytes.substr(7));
-      while (received < 2 * i + 2 && !over) {
-        g_thread_yield();
-      }
+      wait_for(received, 2 * i + 2);
     }
   });
-  EXPECT_TRUE(testhost::spin_until([&] { return received == 2 * COUNT; }));
+  EXPECT_TRUE(testhost::spin_until([&] { return received == 2 * COUNT; })) << received;
   over = true;
-  pauser.join();
+  resumer.join();
+  g_source_remove(turning);
 }
 
 TEST_F(ExternalSourceSocketTest, IsClosedOnceByManyThreads)
@@ -1526,7 +1845,7 @@ TEST_F(ExternalSourceSocketTest, IsClosedOnceByManyThreads)
     Producer producer(Carrier::SOCKET, Mode::NON_BLOCKING);
     Reader reader(producer.consumer_fd);
     std::thread one([&] { external_source_socket_close(reader.socket, FALSE); });
-    std::thread other([&] { external_source_socket_set_paused(reader.socket, round % 2); });
+    std::thread other([&] { round % 2 != 0 ? reader.client.pause() : reader.client.resume(); });
 
     producer.send_some(bytes.data(), bytes.size());
     producer.hang_up();

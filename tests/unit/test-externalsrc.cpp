@@ -2,6 +2,7 @@
 
 #include "externalsourcesocket.h"
 #include "faults.h"
+#include "messageaccount.h"
 #include "testhost.h"
 #include "teststream.h"
 
@@ -110,6 +111,12 @@ public:
   guint64 queued_bytes() const
   {
     return gst_app_src_get_current_level_bytes(GST_APP_SRC(src));
+  }
+
+  /* What the account counts while no message is being read. */
+  static gsize held_bytes()
+  {
+    return message_account_get_total();
   }
 
   bool ended() const
@@ -252,6 +259,12 @@ expect_all(const Branch &branch, const Numbered &messages, const std::function<v
 class ExternalSrcTest : public testhost::Fixture
 {
 protected:
+  void TearDown() override
+  {
+    Fixture::TearDown();
+    EXPECT_EQ(message_account_get_total(), 0U);
+  }
+
   static void add(const Branch &branch, const Producer &producer)
   {
     external_src_add_socket(branch.src, producer.consumer_fd, NAME);
@@ -592,32 +605,92 @@ TEST_F(ExternalSrcTest, BoundsWhatWaitsForAClientThatDoesNotRead)
   Producer producer(Carrier::PIPE, Mode::BLOCKING);
   Producer other(Carrier::PIPE, Mode::BLOCKING);
   Numbered messages(500, [](gsize) { return MESSAGE_SIZE; });
-  const gsize limit = EXTERNAL_SRC_QUEUE_LIMIT + messages.frame(0).size();
+  const gsize limit = MESSAGE_ACCOUNT_CLIENT_LIMIT + messages.frame(0).size();
 
   branch.set_state(GST_STATE_PAUSED);
   add(branch, producer);
   EXPECT_TRUE(testhost::spin_until([&] {
     messages.send_some(producer);
     EXPECT_LE(branch.queued_bytes(), limit);
-    return branch.queued_bytes() > EXTERNAL_SRC_QUEUE_LIMIT;
+    return branch.held_bytes() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
   }));
 
-  /* It stays so, also for a producer who comes now. */
+  /* The message that has begun is read on. Then it stays so, also for a producer who comes now. */
   add(branch, other);
   other.send(teststream::message("unread"));
-  const gsize queued = branch.queued_bytes();
   for (int i = 0; i < 1000; i++) {
     messages.send_some(producer);
     testhost::dispatch_ready();
   }
-  /* The sink may have taken its first buffer late. */
-  EXPECT_LE(branch.queued_bytes(), queued);
-  EXPECT_LT(messages.total(), 3 * limit);
+  EXPECT_LE(branch.queued_bytes(), limit);
+  EXPECT_LT(messages.total(), 2 * limit);
   external_src_add_socket(branch.src, -1, NAME);
   other.hang_up();
   EXPECT_EQ(num_sockets(branch.src), 2U);
   branch.stop();
   EXPECT_FALSE(is_open(producer.consumer_fd));
+}
+
+TEST_F(ExternalSrcTest, CountsWhatWaitsForItsClient)
+{
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  const auto expected = [&branch] {
+    return branch.queued_bytes() +
+           gst_app_src_get_current_level_buffers(GST_APP_SRC(branch.src)) * MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
+  };
+
+  branch.set_state(GST_STATE_PAUSED);
+  add(branch, producer);
+  for (int i = 0; i < 100; i++) {
+    producer.send(teststream::message(std::string(i * 10 + 1, 'x')));
+    testhost::dispatch_ready();
+  }
+  EXPECT_TRUE(testhost::spin_until([&] { return Branch::held_bytes() == expected(); }));
+  EXPECT_GT(Branch::held_bytes(), 90U * (MESSAGE_ACCOUNT_MESSAGE_OVERHEAD + 1));
+  branch.play();
+  for (int i = 0; i < 50; i++) {
+    branch.wait_for_text();
+  }
+  EXPECT_TRUE(testhost::spin_until([&] { return Branch::held_bytes() == expected(); }));
+  EXPECT_GT(Branch::held_bytes(), 0U);
+  branch.stop();
+  EXPECT_EQ(Branch::held_bytes(), 0U);
+}
+
+TEST_F(ExternalSrcTest, AClientThatHoldsTooMuchStopsTheOthersUntilItGoes)
+{
+  /* So that each is within its own limit. */
+  constexpr gsize CLIENTS = 2 * MESSAGE_ACCOUNT_TOTAL_LIMIT / MESSAGE_ACCOUNT_CLIENT_LIMIT;
+  Branch branch;
+  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  std::vector<std::unique_ptr<Branch>> stuck;
+  std::vector<std::unique_ptr<Producer>> producers;
+  const std::string bytes = teststream::message(std::string(60 * 1000, 'x'));
+
+  branch.play();
+  add(branch, producer);
+  for (gsize i = 0; i < CLIENTS; i++) {
+    stuck.push_back(std::make_unique<Branch>());
+    producers.push_back(std::make_unique<Producer>(Carrier::SOCKET, Mode::BLOCKING));
+    stuck.back()->set_state(GST_STATE_PAUSED);
+    add(*stuck.back(), *producers.back());
+  }
+  std::vector<gsize> sent(CLIENTS);
+  EXPECT_TRUE(testhost::spin_until([&] {
+    for (gsize i = 0; i < CLIENTS; i++) {
+      sent[i] =
+          (sent[i] + producers[i]->send_some(bytes.data() + sent[i], bytes.size() - sent[i])) % bytes.size();
+    }
+    return Branch::held_bytes() > MESSAGE_ACCOUNT_TOTAL_LIMIT;
+  }));
+  EXPECT_LE(Branch::held_bytes(), MESSAGE_ACCOUNT_TOTAL_LIMIT + MESSAGE_ACCOUNT_CLIENT_LIMIT);
+  producer.send(teststream::message("1"));
+  testhost::dispatch_ready();
+  EXPECT_EQ(branch.pull(), nullptr);
+
+  stuck.back()->stop();
+  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
 }
 
 TEST_F(ExternalSrcTest, LosesNothingForAClientThatReadsLate)
@@ -630,12 +703,12 @@ TEST_F(ExternalSrcTest, LosesNothingForAClientThatReadsLate)
   add(branch, producer);
   EXPECT_TRUE(testhost::spin_until([&] {
     messages.send_some(producer);
-    return branch.queued_bytes() > EXTERNAL_SRC_QUEUE_LIMIT;
+    return branch.held_bytes() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
   }));
   branch.play();
   expect_all(branch, messages, [&] {
     messages.send_some(producer);
-    EXPECT_LE(branch.queued_bytes(), EXTERNAL_SRC_QUEUE_LIMIT + messages.frame(0).size());
+    EXPECT_LE(branch.queued_bytes(), MESSAGE_ACCOUNT_CLIENT_LIMIT + messages.frame(0).size());
   });
 }
 
@@ -652,7 +725,7 @@ TEST_F(ExternalSrcTest, LosesNothingOfANonBlockingStreamForAClientThatReadsInBur
 
     for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
       /* While the stream is read, each message is there as a whole. */
-      while (branch.queued_bytes() <= EXTERNAL_SRC_QUEUE_LIMIT) {
+      while (branch.held_bytes() <= MESSAGE_ACCOUNT_CLIENT_LIMIT) {
         ASSERT_TRUE(messages.send_one(producer));
         testhost::dispatch_ready();
       }
