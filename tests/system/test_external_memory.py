@@ -1,0 +1,163 @@
+"""What the daemon keeps of producers' messages: how much at a time, how long, and that it gives it back."""
+
+import contextlib
+import itertools
+import json
+import os
+import statistics
+import threading
+import time
+
+import pytest
+from gi.repository import GLib
+
+from daemon import ERROR, producers_enabled
+from external import ANALYTICS, COUNTER, DETECTOR, GATE, expect_told, numbered
+from installation import documented_limit
+from receiver import LENGTH
+from waiting import BOUND_SECONDS, wait_until, wait_until_settled
+
+MIB = 1024 * 1024
+
+CLIENT_LIMIT = documented_limit("messageaccount.h", "MESSAGE_ACCOUNT_CLIENT_LIMIT")
+TOTAL_LIMIT = documented_limit("messageaccount.h", "MESSAGE_ACCOUNT_TOTAL_LIMIT")
+TIMEOUT_SECONDS = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS") / 1000
+
+# A sanitizer brings an allocator of its own, which keeps what is freed.
+needs_allocator = pytest.mark.skipif("ASAN_OPTIONS" in os.environ, reason="a sanitizer's allocator is in use")
+
+TIMED_OUT = (ERROR, "Could not read request data from client socket: Connection timed out: Connection timed out")
+NO_MEMORY = (ERROR, "Could not read request data from client socket: Cannot allocate memory: Cannot allocate memory")
+
+# Producers that begin long messages and never end them, and clients of theirs.
+HOGS = ("Hog1", "Hog2", "Hog3", "Hog4")
+HOG_BYTES = 40_000_000
+CLIENTS = 10
+WITH_HOGS = producers_enabled({(name, 1): name for name in (*HOGS, COUNTER)})
+
+# What the daemon may use beside the messages: pipelines, and what each stream has read ahead.
+BESIDE_BYTES = 32 * MIB
+
+# Clients that come and go, so many at a time, each with one long message, and how much more they may leave than the
+# first of them, for whom everything is loaded and prepared that is needed once.
+ROUNDS, AT_ONCE, LONG_BYTES = 10, 10, 900_000
+LEFT_BYTES = MIB
+
+# Longer than the daemon takes to give memory back.
+SETTLED_SECONDS = 3
+
+# Producers that always have long messages, how often somebody else asks for something meanwhile, and how long that may
+# take.
+LONG_READERS, FILE_BYTES, FILE_MESSAGES = 2, 60 * MIB, 2000
+ASKED = 50
+MEDIAN_SECONDS, LONGEST_SECONDS = 0.020, 0.250
+
+
+def begin_long_message(stream):
+    """Writes all of a long message but its last byte, or as much as is taken before the stream is closed."""
+    with contextlib.suppress(BrokenPipeError):
+        stream.write((LENGTH.pack(HOG_BYTES) + bytes(HOG_BYTES))[:-1], TIMEOUT_SECONDS + BOUND_SECONDS)
+
+
+@needs_allocator
+def test_unfinished_messages_take_bounded_memory_and_time(receiver, start_listing_daemon):
+    hogs = [receiver.add(name) for name in HOGS]
+    counter = receiver.add(COUNTER)
+    daemon = start_listing_daemon(producers=WITH_HOGS)
+    idle = daemon.private_bytes()
+    with contextlib.ExitStack() as running:
+        streams = [running.enter_context(daemon.client()).start(ANALYTICS) for _ in range(CLIENTS)]
+        counter.wait_for_stream(CLIENTS)
+        for hog in hogs:
+            hog.wait_for_stream(CLIENTS)
+        writers = [threading.Thread(target=begin_long_message, args=(stream,)) for hog in hogs for stream in hog.streams]
+        for writer in writers:
+            writer.start()
+
+        count = itertools.count()
+
+        def have_ended():
+            # Those that behave go on.
+            number = next(count)
+            for feed, stream in zip(counter.streams, streams):
+                feed.send(numbered(number))
+                expect_told(stream, (COUNTER, number))
+            assert daemon.private_bytes() - idle < TOTAL_LIMIT + CLIENT_LIMIT + BESIDE_BYTES
+            return all(stream.is_closed() for hog in hogs for stream in hog.streams)
+
+        wait_until(have_ended, "the unfinished messages are gone", TIMEOUT_SECONDS + BOUND_SECONDS)
+        for writer in writers:
+            writer.join(BOUND_SECONDS)
+
+        lines = daemon.log.take(len(writers))
+        assert len(lines) == len(writers)
+        assert set(lines) == {TIMED_OUT, NO_MEMORY}
+        # What fits has its time.
+        assert lines.count(TIMED_OUT) == TOTAL_LIMIT // HOG_BYTES
+        wait_until(lambda: daemon.private_bytes() - idle < BESIDE_BYTES, "the messages' memory is free")
+
+        for feed, stream in zip(counter.streams, streams):
+            feed.send(numbered(1))
+            expect_told(stream, (COUNTER, 1))
+
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    assert daemon.log.take() == []
+
+
+def come_and_go(daemon, producer):
+    """One round of clients, each of which receives a long message."""
+    known = len(producer.streams)
+    long_message = json.dumps({"Deleted": [1], "Filling": "x" * LONG_BYTES})
+    with contextlib.ExitStack() as running:
+        streams = [running.enter_context(daemon.client()).start(ANALYTICS) for _ in range(AT_ONCE)]
+        producer.wait_for_stream(known + AT_ONCE)
+        for feed, stream in zip(producer.streams[known:], streams):
+            feed.send(long_message, numbered(2))
+            expect_told(stream, (GATE, 1), (GATE, 2))
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+
+
+@needs_allocator
+def test_memory_of_clients_that_have_gone_is_given_back(receiver, start_listing_daemon):
+    detector = receiver.add(DETECTOR)
+    receiver.add(COUNTER)
+    daemon = start_listing_daemon()
+
+    come_and_go(daemon, detector)
+    idle = wait_until_settled(daemon.private_bytes, "nothing more is given back", SETTLED_SECONDS)
+    for _ in range(ROUNDS):
+        come_and_go(daemon, detector)
+    wait_until(lambda: daemon.private_bytes() - idle <= LEFT_BYTES, "the memory is given back")
+    assert daemon.log.take() == []
+
+
+def answer_with_long_messages(call):
+    """A file with many long messages; most of it is a hole."""
+    fd = os.memfd_create("messages")
+    for number in range(FILE_MESSAGES):
+        os.pwrite(fd, LENGTH.pack(FILE_BYTES), number * (LENGTH.size + FILE_BYTES))
+    os.ftruncate(fd, FILE_MESSAGES * (LENGTH.size + FILE_BYTES))
+    call.reply(GLib.Variant("(h)", (0,)), [fd])
+    os.close(fd)
+
+
+def test_reading_long_messages_keeps_nobody_waiting(receiver, start_listing_daemon, tool):
+    detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
+    detector.on_stream = answer_with_long_messages
+    daemon = start_listing_daemon()
+    times = []
+    with contextlib.ExitStack() as running:
+        for _ in range(LONG_READERS):
+            running.enter_context(daemon.client()).start(ANALYTICS)
+        for _ in range(ASKED):
+            began = time.perf_counter()
+            tool.objects()
+            times.append(time.perf_counter() - began)
+        # They are still being read.
+        assert daemon.descriptors() > daemon.idle_descriptors + LONG_READERS
+        counter.wait_for_stream(LONG_READERS)
+        assert statistics.median(times) <= MEDIAN_SECONDS
+        assert max(times) <= LONGEST_SECONDS
+
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    assert daemon.log.take() == []
