@@ -29,8 +29,8 @@ wants_events(GHashTable *params, GError **error)
     return FALSE;
   }
   if (!g_str_equal(event, "1")) {
-    source_factory_fail(error, source_factory_error_quark(), "Invalid value of 'event' parameter: '%s'.",
-                        event);
+    source_factory_refuse_value(error, source_factory_error_quark(), "Invalid value of 'event' parameter",
+                                event);
     return FALSE;
   }
   return TRUE;

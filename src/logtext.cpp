@@ -1,25 +1,76 @@
-/* Texts from outside, on their way into the log. */
+/* Texts from outside, on their way into the log: bounded in length, and on one line, so that nobody writes
+ * lines that look like the daemon's.
+ */
 #include "logtext.h"
 
 #include <cstring>
 
+namespace
+{
+
+/* Separators of lines and paragraphs are no control characters. */
+gboolean
+breaks_line(gunichar character)
+{
+  const GUnicodeType type = g_unichar_type(character);
+
+  return type == G_UNICODE_CONTROL || type == G_UNICODE_LINE_SEPARATOR ||
+         type == G_UNICODE_PARAGRAPH_SEPARATOR;
+}
+
+void
+append_escaped(GString *line, const gchar *begin, const gchar *end)
+{
+  for (const gchar *byte = begin; byte < end; byte++) {
+    g_string_append_printf(line, "\\x%02x", static_cast<guint8>(*byte));
+  }
+}
+
+/* Appends the character at @text, or its first byte if that begins none, and returns what follows. */
+const gchar *
+append_next(GString *line, const gchar *text, const gchar *end)
+{
+  const gunichar character = g_utf8_get_char_validated(text, end - text);
+  const gboolean is_valid = g_unichar_validate(character);
+  const gchar *next = is_valid ? g_utf8_next_char(text) : text + 1;
+
+  if (!is_valid || breaks_line(character)) {
+    append_escaped(line, text, next);
+  } else {
+    g_string_append_len(line, text, next - text);
+  }
+  return next;
+}
+
+} // namespace
+
 /**
  * log_text_clip:
- * @text: (transfer none): UTF-8 text
+ * @text: (transfer none): any bytes
  *
- * Any thread.
+ * Makes a text fit for a line of the log: bytes that are no UTF-8 text, control characters and separators of
+ * lines become "\xHH" each; a backslash stays what it is. Of what comes out, as many whole characters stay as
+ * fit into %LOG_TEXT_MAX_BYTES, followed by "... (N bytes left out)" with the count of those of @text. Any
+ * thread.
  *
- * Returns: (transfer full): the text, or as many whole characters of it as fit into %LOG_TEXT_MAX_BYTES,
- *   followed by three dots
+ * Returns: (transfer full): UTF-8 text without a line break
  */
 gchar *
 log_text_clip(const gchar *text)
 {
-  const gsize length = strlen(text);
-  if (length <= LOG_TEXT_MAX_BYTES) {
-    return g_strndup(text, length);
-  }
-  const gchar *end = g_utf8_find_prev_char(text, text + LOG_TEXT_MAX_BYTES + 1);
+  const gchar *end = text + strlen(text);
+  g_autoptr(GString) line = g_string_new(nullptr);
 
-  return g_strdup_printf("%.*s...", static_cast<int>(end - text), text);
+  while (text < end) {
+    const gsize length = line->len;
+    const gchar *next = append_next(line, text, end);
+    if (line->len > LOG_TEXT_MAX_BYTES) {
+      g_string_truncate(line, length);
+      g_string_append_printf(line, "... (%" G_GSIZE_FORMAT " bytes left out)",
+                             static_cast<gsize>(end - text));
+      break;
+    }
+    text = next;
+  }
+  return g_string_free(g_steal_pointer(&line), FALSE);
 }

@@ -7,9 +7,9 @@ G_BEGIN_DECLS
 /**
  * LOG_TEXT_MAX_BYTES:
  *
- * How much of a text that comes from outside goes into a line of the log.
+ * How many bytes of a line of the log a text takes that comes from outside.
  */
-#define LOG_TEXT_MAX_BYTES 512
+#define LOG_TEXT_MAX_BYTES 1024
 
 gchar *log_text_clip(const gchar *text);
 

@@ -1,5 +1,5 @@
 /* Judges the parameters that several kinds of metadata have in common. The functions keep no state and write
- * nothing but their answer, the error and, for a bad value, the same text to the log.
+ * nothing but their answer, the error and, for a bad value, a line of the log.
  *
  * The texts reach clients, who may compare them: the runs of blanks in them are part of them and stay.
  */
@@ -65,8 +65,8 @@ gint32
 option_validation_parse_channel(const gchar *value, GError **error)
 {
   if (!is_all_digits(value)) {
-    source_factory_fail(error, option_validation_error_quark(),
-                        "Invalid value of 'channel'           parameter: '%s'.", value);
+    source_factory_refuse_value(error, option_validation_error_quark(),
+                                "Invalid value of 'channel'           parameter", value);
     return -1;
   }
 
@@ -74,8 +74,8 @@ option_validation_parse_channel(const gchar *value, GError **error)
    * now, even where that is left from something else. Nobody has a channel with the number of a limit. */
   const gint32 channel = strtol_32(value);
   if ((channel == G_MAXINT32 || channel == G_MININT32) && errno == ERANGE) {
-    source_factory_fail(error, option_validation_error_quark(),
-                        "Value out of bounds for 'channel'         parameter: '%s'.", value);
+    source_factory_refuse_value(error, option_validation_error_quark(),
+                                "Value out of bounds for 'channel'         parameter", value);
     return -1;
   }
   return channel;
@@ -121,8 +121,8 @@ option_validation_parse_analytics(const gchar *value, GError **error)
 
   const auto *found = std::find(ANALYTICS_VALUES.begin(), ANALYTICS_VALUES.end(), value);
   if (found == ANALYTICS_VALUES.end()) {
-    source_factory_fail(error, option_validation_error_quark(),
-                        "Invalid value of 'analytics' parameter: '%s'.", value);
+    source_factory_refuse_value(error, option_validation_error_quark(),
+                                "Invalid value of 'analytics' parameter", value);
     return OPTION_VALIDATION_ANALYTICS_INVALID;
   }
   return static_cast<gint32>(found - ANALYTICS_VALUES.begin());

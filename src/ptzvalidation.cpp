@@ -1,5 +1,5 @@
 /* Judges the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state and
- * write nothing but their answer, the error and, for a bad value, the same text to the log.
+ * write nothing but their answer, the error and, for a bad value, a line of the log.
  *
  * The texts reach clients, who may compare them: the runs of blanks in them, each at its own place, are part
  * of them and stay.
@@ -13,26 +13,37 @@ namespace
 
 struct Digit {
   gint32 highest;
-  const gchar *subject; /* what the texts call it, from the blanks before it on */
+  const gchar *invalid;
+  const gchar *out_of_bounds;
 };
 
-constexpr Digit PTZ = {3, " 'ptz'         parameter"};
-constexpr Digit PANTILT_SPACE = {2, "         'ptz pantilt coordinate space' parameter"};
-constexpr Digit ZOOM_SPACE = {2, " 'ptz zoom coordinate space'         parameter"};
+constexpr Digit PTZ = {
+    3,
+    "Invalid value of 'ptz'         parameter",
+    "Value out of bounds for 'ptz'         parameter",
+};
+constexpr Digit PANTILT_SPACE = {
+    2,
+    "Invalid value of         'ptz pantilt coordinate space' parameter",
+    "Value out of bounds for         'ptz pantilt coordinate space' parameter",
+};
+constexpr Digit ZOOM_SPACE = {
+    2,
+    "Invalid value of 'ptz zoom coordinate space'         parameter",
+    "Value out of bounds for 'ptz zoom coordinate space'         parameter",
+};
 
 gint32
 parse_digit(const Digit &digit, const gchar *value, GError **error)
 {
   if (!g_ascii_isdigit(value[0]) || value[1] != '\0') {
-    source_factory_fail(error, ptz_validation_error_quark(), "Invalid value of%s: '%s'.", digit.subject,
-                        value);
+    source_factory_refuse_value(error, ptz_validation_error_quark(), digit.invalid, value);
     return -1;
   }
 
   const gint32 number = g_ascii_digit_value(value[0]);
   if (number > digit.highest) {
-    source_factory_fail(error, ptz_validation_error_quark(), "Value out of bounds for%s: '%s'.",
-                        digit.subject, value);
+    source_factory_refuse_value(error, ptz_validation_error_quark(), digit.out_of_bounds, value);
     return -1;
   }
   return number;

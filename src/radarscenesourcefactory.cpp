@@ -109,8 +109,8 @@ parse_analytics(GHashTable *params, Analytics *analytics, GError **error)
     return TRUE;
   }
   if (!g_str_equal(text, "1") && !g_str_equal(text, "2")) {
-    source_factory_fail(error, source_factory_error_quark(), "Invalid value of 'analytics' parameter: '%s'.",
-                        text);
+    source_factory_refuse_value(error, source_factory_error_quark(), "Invalid value of 'analytics' parameter",
+                                text);
     return FALSE;
   }
   *analytics = g_str_equal(text, "2") ? Analytics::WITH_POLYGONS : Analytics::ON;

@@ -4,6 +4,8 @@
  */
 #include "sourcefactory.h"
 
+#include "logtext.h"
+
 #include <syslog.h>
 
 G_DEFINE_INTERFACE(SourceFactory, source_factory, G_TYPE_OBJECT)
@@ -90,7 +92,8 @@ source_factory_add_ghost_pad(GstElement *bin, GstElement *last)
  * @format: a printf format of the message, followed by its arguments
  *
  * Refuses a request: sets an error with code 0 in @domain and logs the same text at warning priority, so that
- * client and log never tell different stories. Any thread.
+ * client and log never tell different stories. For a text of the client's there is
+ * source_factory_refuse_value(). Any thread.
  */
 void
 source_factory_fail(GError **error, GQuark domain, const gchar *format, ...)
@@ -102,4 +105,24 @@ source_factory_fail(GError **error, GQuark domain, const gchar *format, ...)
 
   syslog(LOG_WARNING, "%s", message);
   g_set_error_literal(error, domain, 0, message);
+}
+
+/**
+ * source_factory_refuse_value:
+ * @error: (out) (optional): where to put the failure, unset
+ * @domain: the error's domain
+ * @problem: what is wrong with @value
+ * @value: the client's text, any bytes
+ *
+ * Refuses a request for one of its texts: sets an error with code 0 in @domain and the message "@problem:
+ * '@value'.", and logs the same at warning priority. The error has the whole text; the log's line has what
+ * log_text_clip() makes of it. Any thread.
+ */
+void
+source_factory_refuse_value(GError **error, GQuark domain, const gchar *problem, const gchar *value)
+{
+  g_autofree gchar *logged = log_text_clip(value);
+
+  syslog(LOG_WARNING, "%s: '%s'.", problem, logged);
+  g_set_error(error, domain, 0, "%s: '%s'.", problem, value);
 }

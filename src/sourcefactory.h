@@ -32,4 +32,6 @@ gboolean source_factory_add_ghost_pad(GstElement *bin, GstElement *last);
 
 void source_factory_fail(GError **error, GQuark domain, const gchar *format, ...) G_GNUC_PRINTF(3, 4);
 
+void source_factory_refuse_value(GError **error, GQuark domain, const gchar *problem, const gchar *value);
+
 G_END_DECLS

@@ -17,7 +17,7 @@ from gi.repository import GLib
 
 from client import ConnectionEnded, Client
 from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP,
-                          UNPRIVILEGED_USER, run_by_root, unprivileged)
+                          UNPRIVILEGED_USER, documented_limit, run_by_root, unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3
@@ -98,6 +98,14 @@ NO_BUS_LINE = (WARNING,
 
 NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
+
+LOGGED_TEXT_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
+
+
+def clipped(text):
+    """What a line has of a longer text of one-byte characters."""
+    return f"{text[:LOGGED_TEXT_BYTES]}... ({len(text) - LOGGED_TEXT_BYTES} bytes left out)"
+
 
 # The warning about a sync point that was asked for before the reply.
 EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED' failed"

@@ -9,7 +9,7 @@ from gi.repository import GLib
 from lxml import etree
 
 from busclient import PROPERTIES
-from daemon import BUS_LINES, NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING
+from daemon import BUS_LINES, NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING, clipped
 from documents import NAMESPACES
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE,
                       WRONG_SIGNAL, YARD, expect_alive, expect_told, left_out, not_converted, numbered, told,
@@ -27,7 +27,6 @@ MAX_NAME_BYTES = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_M
 MAX_NICE_NAME_BYTES = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES")
 MAX_CHANNELS = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_CHANNELS")
 MAX_SAMPLE_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES")
-MAX_LOGGED_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
 
 # How many are announced beyond those that are listed, and how many of these go.
 TOO_MANY, GOING = 24, 90
@@ -367,8 +366,8 @@ def test_long_error_does_not_fill_the_log(receiver, daemon):
     fail_with(odd, "x" * 100000)
     receiver.announce(odd)
 
-    message = error_of("x" * 100000)[:MAX_LOGGED_BYTES]
-    assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {message}...")]
+    message = clipped(error_of("x" * 100000))
+    assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {message}")]
 
 
 def test_sample_frame_is_limited_in_length(receiver, daemon, tool):

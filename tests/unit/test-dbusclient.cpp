@@ -60,6 +60,14 @@ left_out(const std::string &element, const std::string &reason)
   return warning("left out producer object " + (ROOT + element) + ": " + reason);
 }
 
+/* Of a text that is longer than the log takes. */
+std::string
+clip(const std::string &text)
+{
+  return text.substr(0, LOG_TEXT_MAX_BYTES) + "... (" + std::to_string(text.size() - LOG_TEXT_MAX_BYTES) +
+         " bytes left out)";
+}
+
 class DbusClientTest : public testhost::Fixture
 {
 protected:
@@ -336,7 +344,7 @@ TEST_F(DbusClientTest, ClipsWhatAnErrorSays)
                                                                   (long_text + "\u00e4\u00e4").c_str());
                  }));
   const std::string whole = "GDBus.Error:org.freedesktop.DBus.Error.Failed: " + long_text;
-  expect_lines({warning("on_get_sample_frame failed: " + whole.substr(0, LOG_TEXT_MAX_BYTES) + "...")});
+  expect_lines({warning("on_get_sample_frame failed: " + clip(whole + "\u00e4\u00e4"))});
 }
 
 class OddSampleFrameTest : public DbusClientTest, public testing::WithParamInterface<const char *>
@@ -562,8 +570,7 @@ TEST_F(DbusClientTest, ClipsALongPath)
   start();
 
   receiver_->add(element);
-  const std::string clipped = (ROOT + element).substr(0, LOG_TEXT_MAX_BYTES);
-  expect_lines({warning("left out producer object " + clipped + "...: its path is too long")});
+  expect_lines({warning("left out producer object " + clip(ROOT + element) + ": its path is too long")});
   expect_listed_after_another({});
 }
 

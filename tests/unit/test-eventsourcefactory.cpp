@@ -50,6 +50,11 @@ protected:
     testfactory::expect_refused(factory_, params, source_factory_error_quark(), text);
   }
 
+  void expect_hostile_values_refused(const std::string &key, const std::string &problem) const
+  {
+    testfactory::expect_hostile_values_refused(factory_, key, source_factory_error_quark(), problem);
+  }
+
 private:
   SourceFactory *factory_ = nullptr;
 };
@@ -90,6 +95,11 @@ TEST_F(EventSourceFactoryTest, RefusesEveryOtherValue)
   for (const std::string value : {"true", "01", "", "2", "-1", "1 ", " 1", "11", "%s"}) {
     expect_refused({{"event", value}}, "Invalid value of 'event' parameter: '" + value + "'.");
   }
+}
+
+TEST_F(EventSourceFactoryTest, LogsAFitPartOfAHostileValue)
+{
+  expect_hostile_values_refused("event", "Invalid value of 'event' parameter");
 }
 
 TEST_F(EventSourceFactoryTest, MakesAnElementThatKeepsItsDefaults)

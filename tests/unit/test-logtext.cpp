@@ -45,8 +45,8 @@ TEST_F(LogTextTest, ClipsWhatIsLonger)
 {
   const std::string longest(LOG_TEXT_MAX_BYTES, 'x');
 
-  EXPECT_EQ(clip(longest + "x"), longest + "...");
-  EXPECT_EQ(clip(longest + std::string(1000000, 'y')), longest + "...");
+  EXPECT_EQ(clip(longest + "x"), longest + "... (1 bytes left out)");
+  EXPECT_EQ(clip(longest + std::string(1000000, 'y')), longest + "... (1000000 bytes left out)");
 }
 
 class LogTextCharacterTest : public LogTextTest, public testing::WithParamInterface<const char *>
@@ -61,9 +61,47 @@ TEST_P(LogTextCharacterTest, IsKeptAsAWhole)
   for (gsize before = 0; before < character.size(); before++) {
     const std::string text = std::string(before, 'x') + repeat(character, LOG_TEXT_MAX_BYTES + 1);
     const gsize whole = (LOG_TEXT_MAX_BYTES - before) / character.size();
-    EXPECT_EQ(clip(text), std::string(before, 'x') + repeat(character, whole) + "...");
+    const gsize left_out = (LOG_TEXT_MAX_BYTES + 1 - whole) * character.size();
+    EXPECT_EQ(clip(text), std::string(before, 'x') + repeat(character, whole) + "... (" +
+                              std::to_string(left_out) + " bytes left out)");
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Lengths, LogTextCharacterTest,
                          testing::Values("x", "\u00e4", "\u20ac", "\U0001f600"));
+
+struct Escape {
+  std::string text;
+  std::string line;
+};
+
+class LogTextEscapeTest : public LogTextTest, public testing::WithParamInterface<Escape>
+{
+};
+
+TEST_P(LogTextEscapeTest, MakesOneLineOfText)
+{
+  EXPECT_EQ(clip("<" + GetParam().text + ">"), "<" + GetParam().line + ">");
+  EXPECT_EQ(clip(GetParam().text), GetParam().line);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, LogTextEscapeTest,
+                         testing::Values(Escape{"a\nb", R"(a\x0ab)"},
+                                         Escape{"\r\t\v\x1b[2J", R"(\x0d\x09\x0b\x1b[2J)"},
+                                         Escape{"\x7f", R"(\x7f)"}, Escape{"\u0085", R"(\xc2\x85)"},
+                                         Escape{"\u2028\u2029", R"(\xe2\x80\xa8\xe2\x80\xa9)"},
+                                         Escape{"\xff\xfe", R"(\xff\xfe)"}, Escape{"\xe2\x82", R"(\xe2\x82)"},
+                                         Escape{"\xe2\x82x", R"(\xe2\x82x)"},
+                                         Escape{"\xed\xa0\x80", R"(\xed\xa0\x80)"},
+                                         Escape{"\xc0\xaf", R"(\xc0\xaf)"}, Escape{R"(a\nb)", R"(a\nb)"},
+                                         Escape{"100 %s%n", "100 %s%n"}, Escape{"\u00e4", "\u00e4"}));
+
+/* The bound is that of the line. */
+TEST_F(LogTextTest, CountsWhatAnEscapeTakes)
+{
+  constexpr gsize ESCAPED = 4;
+  const gsize fitting = LOG_TEXT_MAX_BYTES / ESCAPED;
+
+  EXPECT_EQ(clip(std::string(fitting, '\n')), repeat(R"(\x0a)", fitting));
+  EXPECT_EQ(clip(std::string(fitting + 2, '\xff')), repeat(R"(\xff)", fitting) + "... (2 bytes left out)");
+}

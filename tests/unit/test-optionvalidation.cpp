@@ -1,11 +1,14 @@
 #include "optionvalidation.h"
 
+#include "logtext.h"
 #include "testhost.h"
 
 #include <cerrno>
 #include <syslog.h>
 
 using testhost::SyslogLines;
+
+using namespace std::string_literals;
 
 namespace
 {
@@ -21,11 +24,17 @@ protected:
 };
 
 void
-expect_error(const GError *error, const std::string &text)
+expect_error(const GError *error, const std::string &text, const std::string &line)
 {
   ASSERT_TRUE(g_error_matches(error, option_validation_error_quark(), 0));
   EXPECT_EQ(error->message, text);
-  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, text}}));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, line}}));
+}
+
+void
+expect_error(const GError *error, const std::string &text)
+{
+  expect_error(error, text, text);
 }
 
 void
@@ -104,10 +113,37 @@ TEST_F(OptionValidationTest, TakesDecimalDigitsForAChannel)
 
 TEST_F(OptionValidationTest, RefusesAChannelWithAnythingButDigits)
 {
-  for (const char *text :
-       {"-1", "+1", " 1", "1 ", "1a", "a1", "0x1", "1.0", "\t1", "\u0661", "%s", "-", "é"}) {
+  for (const char *text : {"-1", "+1", " 1", "1 ", "1a", "a1", "0x1", "1.0", "\u0661", "%s", "-", "é"}) {
     expect_channel_refused(text, invalid_channel(text));
   }
+}
+
+/* The error has the value as it is. */
+TEST_F(OptionValidationTest, LogsAFitPartOfAHostileValue)
+{
+  const std::string digits(LOG_TEXT_MAX_BYTES, '9');
+  for (const auto &[value, logged] :
+       {std::pair("\t1"s, R"(\x091)"s), std::pair(digits + "x", digits + "... (1 bytes left out)"),
+        std::pair("\xff\n"s, R"(\xff\x0a)"s)}) {
+    g_autoptr(GError) error = nullptr;
+    EXPECT_EQ(option_validation_parse_channel(value.c_str(), &error), -1);
+    expect_error(error, invalid_channel(value), invalid_channel(logged));
+
+    g_autoptr(GError) other_error = nullptr;
+    EXPECT_EQ(option_validation_parse_analytics(value.c_str(), &other_error), 3);
+    expect_error(other_error, "Invalid value of 'analytics' parameter: '" + value + "'.",
+                 "Invalid value of 'analytics' parameter: '" + logged + "'.");
+  }
+}
+
+TEST_F(OptionValidationTest, LogsAFitPartOfAChannelWithTooManyDigits)
+{
+  const std::string digits(LOG_TEXT_MAX_BYTES, '9');
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_parse_channel((digits + "99").c_str(), &error), -1);
+  expect_error(error, channel_out_of_bounds(digits + "99"),
+               channel_out_of_bounds(digits + "... (2 bytes left out)"));
 }
 
 TEST_F(OptionValidationTest, PutsElevenBlanksIntoTheFirstChannelTextAndNineIntoTheOther)
@@ -193,7 +229,7 @@ TEST_F(OptionValidationTest, TakesTheThreeKindsOfAnalytics)
 
 TEST_F(OptionValidationTest, RefusesEveryOtherAnalyticsWithThree)
 {
-  for (const char *text : {"3", "", " 1", "1 ", "01", "-1", "true", "1\n", "22", "%d"}) {
+  for (const char *text : {"3", "", " 1", "1 ", "01", "-1", "true", "22", "%d"}) {
     g_autoptr(GError) error = nullptr;
 
     EXPECT_EQ(option_validation_parse_analytics(text, &error), 3);

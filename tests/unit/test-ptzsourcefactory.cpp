@@ -55,6 +55,11 @@ protected:
     testfactory::expect_refused(factory_, params, domain, text);
   }
 
+  void expect_hostile_values_refused(const std::string &key, const std::string &problem) const
+  {
+    testfactory::expect_hostile_values_refused(factory_, key, ptz_validation_error_quark(), problem);
+  }
+
   /* The calls that set properties of the element that the factory makes, each as "property=value ...". */
   Texts settings_for(const Params &params) const
   {
@@ -157,6 +162,15 @@ TEST_F(PTZSourceFactoryTest, RefusesABadPtz)
                  "Value out of bounds for 'ptz'         parameter: '4'.");
   expect_refused({{"ptz", ""}}, ptz_validation_error_quark(),
                  "Invalid value of 'ptz'         parameter: ''.");
+}
+
+TEST_F(PTZSourceFactoryTest, LogsAFitPartOfAHostileValue)
+{
+  expect_hostile_values_refused("ptz", "Invalid value of 'ptz'         parameter");
+  expect_hostile_values_refused("ptz_pantilt_coordinate_space",
+                                "Invalid value of         'ptz pantilt coordinate space' parameter");
+  expect_hostile_values_refused("ptz_zoom_coordinate_space",
+                                "Invalid value of 'ptz zoom coordinate space'         parameter");
 }
 
 TEST_F(PTZSourceFactoryTest, RefusesABadChannelEvenWithoutPtz)

@@ -102,9 +102,20 @@ TEST_P(PtzValidationTest, RefusesEachHigherDigitAsOutOfBounds)
 
 TEST_P(PtzValidationTest, RefusesAnythingButOneDigitAsInvalid)
 {
-  for (const char *text : {"", "10", "01", "a", "-", "-1", " 1", "1 ", "1\n", "\u0661", "1.0", "%n"}) {
+  for (const char *text : {"", "10", "01", "a", "-", "-1", " 1", "1 ", "\u0661", "1.0", "%n"}) {
     expect_refused(text, GetParam().invalid);
   }
+}
+
+/* The error has the value as it is. */
+TEST_P(PtzValidationTest, LogsAFitPartOfAHostileValue)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(GetParam().parse("1\n", &error), -1);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->message, GetParam().invalid + "'1\n'.");
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, GetParam().invalid + R"('1\x0a'.)"}}));
 }
 
 TEST_P(PtzValidationTest, RefusesWithoutAPlaceForTheError)

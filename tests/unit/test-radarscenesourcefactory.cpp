@@ -174,6 +174,14 @@ TEST_F(RadarSceneSourceFactoryTest, RefusesOtherAnalyticsInItsOwnDomain)
   }
 }
 
+TEST_F(RadarSceneSourceFactoryTest, LogsAFitPartOfAHostileValue)
+{
+  expect_hostile_values_refused("analytics", source_factory_error_quark(),
+                                "Invalid value of 'analytics' parameter");
+  expect_hostile_values_refused("video_channel", option_validation_error_quark(),
+                                "Invalid value of 'channel'           parameter");
+}
+
 TEST_F(RadarSceneSourceFactoryTest, RefusesABadChannelAlsoWithoutAnalytics)
 {
   for (const Params &analytics : {Params{}, Params{{"analytics", "0"}}, Params{{"analytics", "1"}}}) {

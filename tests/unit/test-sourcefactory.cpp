@@ -1,8 +1,10 @@
 #include "sourcefactory.h"
 
+#include "logtext.h"
 #include "testfactory.h"
 #include "testhost.h"
 
+#include <string>
 #include <syslog.h>
 
 using testhost::SyslogLine;
@@ -119,6 +121,52 @@ TEST_F(SourceFactoryTest, FailLogsForACallerThatWantsNoError)
   source_factory_fail(nullptr, source_factory_error_quark(), "Nobody asks.");
 
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Nobody asks."}}));
+}
+
+TEST_F(SourceFactoryTest, RefusesAValueInTheSameWordsToClientAndLog)
+{
+  const GQuark domain = g_quark_from_static_string("another_domain");
+  g_autoptr(GError) error = nullptr;
+
+  source_factory_refuse_value(&error, domain, "Invalid %s", "50%s");
+
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, domain);
+  EXPECT_EQ(error->code, 0);
+  EXPECT_STREQ(error->message, "Invalid %s: '50%s'.");
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Invalid %s: '50%s'."}}));
+}
+
+/* The client is told all of it. */
+TEST_F(SourceFactoryTest, RefusesALongValueWithABoundedLine)
+{
+  const std::string longest(LOG_TEXT_MAX_BYTES, 'x');
+  g_autoptr(GError) error = nullptr;
+
+  source_factory_refuse_value(&error, source_factory_error_quark(), "No", (longest + "yz").c_str());
+
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->message, "No: '" + longest + "yz'.");
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "No: '" + longest + "... (2 bytes left out)'."}}));
+}
+
+TEST_F(SourceFactoryTest, RefusesAnyBytesWithALineOfText)
+{
+  g_autoptr(GError) error = nullptr;
+
+  source_factory_refuse_value(&error, source_factory_error_quark(), "No", "a\n\xff\x1b");
+
+  ASSERT_NE(error, nullptr);
+  EXPECT_STREQ(error->message, "No: 'a\n\xff\x1b'.");
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, R"(No: 'a\x0a\xff\x1b'.)"}}));
+}
+
+TEST_F(SourceFactoryTest, RefusesAValueForACallerThatWantsNoError)
+{
+  source_factory_refuse_value(nullptr, source_factory_error_quark(), "Invalid", "x");
+
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Invalid: 'x'."}}));
 }
 
 TEST_F(SourceFactoryTest, LooksUpAParameterWithoutCopyingIt)

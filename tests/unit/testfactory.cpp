@@ -1,5 +1,6 @@
 #include "testfactory.h"
 
+#include "logtext.h"
 #include "testhost.h"
 
 #include <syslog.h>
@@ -110,6 +111,35 @@ expect_refused(SourceFactory *factory, const Params &params, GQuark domain, cons
   ASSERT_TRUE(g_error_matches(answer.error, domain, 0));
   EXPECT_EQ(answer.error->message, text);
   EXPECT_EQ(testhost::take_syslog(), (testhost::SyslogLines{{LOG_WARNING, text}}));
+}
+
+const std::vector<HostileValue> &
+hostile_values()
+{
+  constexpr gsize LEFT_OUT = 3000;
+  static const std::vector<HostileValue> values = {
+      {std::string(LOG_TEXT_MAX_BYTES, 'x'), std::string(LOG_TEXT_MAX_BYTES, 'x')},
+      {std::string(LOG_TEXT_MAX_BYTES + LEFT_OUT, 'x'),
+       std::string(LOG_TEXT_MAX_BYTES, 'x') + "... (" + std::to_string(LEFT_OUT) + " bytes left out)"},
+      {"a\nb\t\x1b[2J\xff", R"(a\x0ab\x09\x1b[2J\xff)"},
+  };
+
+  return values;
+}
+
+void
+expect_hostile_values_refused(SourceFactory *factory, const std::string &key, GQuark domain,
+                              const std::string &problem)
+{
+  for (const HostileValue &hostile : hostile_values()) {
+    const Answer answer(factory, {{key, hostile.value}});
+
+    EXPECT_EQ(answer.source, nullptr);
+    ASSERT_TRUE(g_error_matches(answer.error, domain, 0));
+    EXPECT_EQ(answer.error->message, problem + ": '" + hostile.value + "'.");
+    EXPECT_EQ(testhost::take_syslog(),
+              (testhost::SyslogLines{{LOG_WARNING, problem + ": '" + hostile.logged + "'."}}));
+  }
 }
 
 void

@@ -42,6 +42,18 @@ void expect_declined(SourceFactory *factory, const Params &params);
 /* The factory fails with @text, which is also the one line that it logs, as a warning. */
 void expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text);
 
+/* A text of a client's that no line of the log may hold as it is, and what stands there in its place. */
+struct HostileValue {
+  std::string value;
+  std::string logged;
+};
+
+const std::vector<HostileValue> &hostile_values();
+
+/* Whether each hostile value of the parameter @key fails as it is, and with a fit line of the log. */
+void expect_hostile_values_refused(SourceFactory *factory, const std::string &key, GQuark domain,
+                                   const std::string &problem);
+
 /* The name of the factory that made an element. */
 std::string factory_name(GstElement *element);
 

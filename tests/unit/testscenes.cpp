@@ -295,6 +295,13 @@ Fixture::expect_refused(const Params &params, GQuark domain, const std::string &
 }
 
 void
+Fixture::expect_hostile_values_refused(const std::string &key, GQuark domain,
+                                       const std::string &problem) const
+{
+  testfactory::expect_hostile_values_refused(factory_, key, domain, problem);
+}
+
+void
 Fixture::expect_shortage(const Params &params)
 {
   const testhost::FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);

@@ -93,6 +93,7 @@ protected:
   testfactory::Answer ask(const testfactory::Params &params) const;
   void expect_declined(const testfactory::Params &params) const;
   void expect_refused(const testfactory::Params &params, GQuark domain, const std::string &text) const;
+  void expect_hostile_values_refused(const std::string &key, GQuark domain, const std::string &problem) const;
 
   /* With too few descriptors to ask the capture service the factory passes the shortage on, and logs nothing.
    */

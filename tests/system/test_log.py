@@ -1,0 +1,73 @@
+"""What goes into the system log: nobody outside decides how much, nor what a line is."""
+
+import pytest
+
+from client import header
+from daemon import LOGGED_TEXT_BYTES, WARNING, clipped
+from installation import EVENT_PLUGINS, PTZ_PLUGINS, RADAR_PLUGINS, SCENE_PLUGINS, documented_limit
+
+MAX_REQUEST_BYTES = documented_limit("server.h", "SERVER_MAX_REQUEST_BYTES")
+
+NOT_CREATED = "FAIL\nUnable to create source: %s."
+
+CHANNEL = "Invalid value of 'channel'           parameter: '%s'."
+CHANNEL_BOUNDS = "Value out of bounds for 'channel'         parameter: '%s'."
+PTZ = "Invalid value of 'ptz'         parameter: '%s'."
+ANALYTICS = "Invalid value of 'analytics' parameter: '%s'."
+EVENT = "Invalid value of 'event' parameter: '%s'."
+
+# Each kind of metadata with the parameters that its factory refuses, and how. What is long has to be a number where a
+# number is looked for.
+REFUSALS = [
+    pytest.param(EVENT_PLUGINS, "event", EVENT, "x", id="event"),
+    pytest.param(PTZ_PLUGINS, "ptz", PTZ, "1", id="ptz"),
+    pytest.param(PTZ_PLUGINS, "video_channel", CHANNEL_BOUNDS, "9", id="digits"),
+    pytest.param(SCENE_PLUGINS, "video_channel", CHANNEL, "x", id="scenes"),
+    pytest.param(RADAR_PLUGINS, "analytics", ANALYTICS, "2", id="radar"),
+]
+
+# Some bytes that move a terminal's cursor or are no text, and what the log has of them.
+HOSTILE, ESCAPED = b"\x1b[2J\xff\t\x7f\xe2\x82 1", "\\x1b[2J\\xff\\x09\\x7f\\xe2\\x82 1"
+
+# As the client whose requests filled a log.
+DIGITS = 4000
+REQUESTS = 200
+
+
+def exchange(daemon, key, value):
+    with daemon.client() as client:
+        # Some look at their parameters only when something is asked of them.
+        client.send(b"OPEN\nanalytics=1\n" + key.encode() + b"=" + value + b"\n\n")
+        return client.read_to_end()
+
+
+@pytest.mark.parametrize("plugins, key, text, character", REFUSALS)
+@pytest.mark.parametrize("length", [LOGGED_TEXT_BYTES, LOGGED_TEXT_BYTES + 1, DIGITS, MAX_REQUEST_BYTES - 100])
+def test_long_value_is_told_whole_and_logged_in_part(start_daemon, plugins, key, text, character, length):
+    daemon = start_daemon(plugins=plugins)
+    value = character * length
+
+    assert exchange(daemon, key, value.encode()) == (NOT_CREATED % (text % value)).encode() + b"\0"
+    logged = clipped(value) if length > LOGGED_TEXT_BYTES else value
+    assert daemon.log.take(1) == [(WARNING, text % logged)]
+
+
+@pytest.mark.parametrize("plugins, key, text", [(EVENT_PLUGINS, "event", EVENT), (PTZ_PLUGINS, "video_channel", CHANNEL),
+                                                (PTZ_PLUGINS, "ptz", PTZ), (RADAR_PLUGINS, "analytics", ANALYTICS)])
+def test_hostile_value_is_told_as_it_is_and_logged_as_one_line(start_daemon, plugins, key, text):
+    daemon = start_daemon(plugins=plugins)
+    before, after = text.encode().split(b"%s")
+
+    assert exchange(daemon, key, HOSTILE) == (b"FAIL\nUnable to create source: " + before + HOSTILE + after + b".\0")
+    assert daemon.log.take(1) == [(WARNING, text % ESCAPED)]
+
+
+def test_many_requests_make_one_short_line_each(start_daemon):
+    daemon = start_daemon(plugins=PTZ_PLUGINS)
+    request = header(video_channel="9" * DIGITS)
+    for _ in range(REQUESTS):
+        with daemon.client() as client:
+            assert client.ask(request).startswith("FAIL\nUnable to create source: Value out of bounds")
+
+    lines = daemon.log.take(REQUESTS)
+    assert lines == [(WARNING, CHANNEL_BOUNDS % clipped("9" * DIGITS))] * REQUESTS
