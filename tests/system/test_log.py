@@ -1,10 +1,12 @@
 """What goes into the system log: nobody outside decides how much, nor what a line is."""
 
+import re
+
 import pytest
 
 from client import header
 from daemon import LOGGED_TEXT_BYTES, WARNING, clipped
-from installation import EVENT_PLUGINS, PTZ_PLUGINS, RADAR_PLUGINS, SCENE_PLUGINS, documented_limit
+from installation import EVENT_PLUGINS, PTZ_PLUGINS, RADAR_PLUGINS, SCENE_PLUGINS, TREE, documented_limit
 
 MAX_REQUEST_BYTES = documented_limit("server.h", "SERVER_MAX_REQUEST_BYTES")
 
@@ -71,3 +73,12 @@ def test_many_requests_make_one_short_line_each(start_daemon):
 
     lines = daemon.log.take(REQUESTS)
     assert lines == [(WARNING, CHANNEL_BOUNDS % clipped("9" * DIGITS))] * REQUESTS
+
+
+def test_unit_limits_the_rate_of_lines():
+    unit = (TREE / "data/tessard.service.in").read_text(encoding="utf-8")
+    docs = (TREE / "docs/architecture.md").read_text(encoding="utf-8")
+    (seconds,) = re.findall(r"^LogRateLimitIntervalSec=(\d+)$", unit, re.MULTILINE)
+    (burst,) = re.findall(r"^LogRateLimitBurst=(\d+)$", unit, re.MULTILINE)
+
+    assert f"| lines of the log | {int(burst):,} in {seconds} s" in docs
