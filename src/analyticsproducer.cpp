@@ -15,6 +15,7 @@
 #include "analyticsproducer.h"
 
 #include "producerconfig.h"
+#include "ratelimitedlog.h"
 
 #include <array>
 #include <syslog.h>
@@ -54,6 +55,10 @@ namespace
 {
 
 constexpr guint32 MAX_CHANNEL = G_MAXINT32;
+
+/* Whoever announces producers can cause this line. */
+RateLimitedLog channels_log =
+    RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 /* For `enabled` and `name` of every entry of every producer. */
 GMutex entries_lock;
@@ -108,7 +113,8 @@ append_channels(AnalyticsProducer *self, GArray *channels)
     append_channel(self, channel);
   }
   if (left_out > 0) {
-    syslog(LOG_WARNING, "left out %u channels above %u of producer %s", left_out, MAX_CHANNEL, self->name);
+    rate_limited_log(&channels_log, LOG_WARNING, "left out %u channels above %u of producer %s", left_out,
+                     MAX_CHANNEL, self->name);
   }
 }
 

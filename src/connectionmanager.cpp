@@ -30,6 +30,7 @@
 #include "connectionmanager.h"
 
 #include "memory.h"
+#include "ratelimitedlog.h"
 #include "syncscanner.h"
 
 #include <array>
@@ -100,6 +101,9 @@ constexpr const char *SINK_NAME = "fdsink";
 constexpr const char *SYNC_POINT_EVENT = "GstMetaDataStreamSetSyncPoint";
 
 constexpr gsize READ_SIZE = 4096;
+
+/* There is a line for each client. */
+RateLimitedLog blocking_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 struct ElementMake {
   const char *factory;
@@ -231,7 +235,8 @@ make_writes_interruptible(int fd)
   g_autoptr(GError) error = nullptr;
 
   if (!g_unix_set_fd_nonblocking(fd, TRUE, &error)) {
-    syslog(LOG_WARNING, "Could not make metadata client socket non-blocking: %s", error->message);
+    rate_limited_log(&blocking_log, LOG_WARNING, "Could not make metadata client socket non-blocking: %s",
+                     error->message);
   }
 }
 

@@ -26,6 +26,7 @@
 #include "descriptorreserve.h"
 #include "logtext.h"
 #include "producerproperties.h"
+#include "ratelimitedlog.h"
 #include "receivercalls.h"
 #include "receiverwatch.h"
 #include "sampleframequeue.h"
@@ -45,6 +46,11 @@ constexpr guint STREAM_CALL_TIMEOUT_MS = 25000; /* GDBus' default */
 
 /* Of an object that is named like its producer. */
 constexpr gsize MAX_PATH_BYTES = sizeof(RECEIVER_PRODUCERS_PATH "/") - 1 + PRODUCER_PROPERTIES_MAX_NAME_BYTES;
+
+/* For each object there may be one of these lines, and the receiver has as many objects as it wants. */
+RateLimitedLog left_out_log =
+    RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
+RateLimitedLog missed_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 enum class State { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
@@ -122,11 +128,11 @@ free_announced(gpointer entry)
 }
 
 void
-log_left_out(const gchar *path, const gchar *reason)
+log_left_out(const gchar *path, const gchar *reason, RateLimitedLog *log = &left_out_log)
 {
   g_autofree gchar *clipped = log_text_clip(path);
 
-  syslog(LOG_WARNING, "left out producer object %s: %s", clipped, reason);
+  rate_limited_log(log, LOG_WARNING, "left out producer object %s: %s", clipped, reason);
 }
 
 Announced *
@@ -319,7 +325,7 @@ void
 note_missed(const gchar *path)
 {
   if (!missed) {
-    log_left_out(path, "there are too many");
+    log_left_out(path, "there are too many", &missed_log);
   }
   missed = TRUE;
 }

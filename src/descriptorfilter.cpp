@@ -23,7 +23,6 @@
 
 struct DescriptorFilter {
   std::vector<guint32> stream_calls; /* serials of those without a reply, the oldest first */
-  RateLimitedLog refusals;
 };
 
 namespace
@@ -34,6 +33,9 @@ constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer"
 constexpr const char *STREAM_METHOD = "GetStreamFd";
 
 constexpr const char *DATA_KEY = "tessard-descriptor-filter";
+
+/* Of all connections. */
+RateLimitedLog refusals = RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US);
 
 constexpr const char *REFUSED_ERROR = "org.freedesktop.DBus.Error.NotSupported";
 
@@ -165,8 +167,7 @@ on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming
     send_answer(connection, answer);
   }
   if (passed != original) {
-    rate_limited_log(&filter->refusals, LOG_WARNING,
-                     "refused file descriptors from %s: nobody asked for them",
+    rate_limited_log(&refusals, LOG_WARNING, "refused file descriptors from %s: nobody asked for them",
                      g_dbus_message_get_sender(original));
   }
   return passed;
@@ -182,7 +183,7 @@ on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming
 DescriptorFilter *
 descriptor_filter_new(void)
 {
-  return new DescriptorFilter{{}, RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US)};
+  return new DescriptorFilter;
 }
 
 /**

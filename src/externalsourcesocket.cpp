@@ -38,6 +38,8 @@
  */
 #include "externalsourcesocket.h"
 
+#include "ratelimitedlog.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -105,6 +107,9 @@ constexpr gsize BUFFER_SIZE = 64 * 1024;
 
 /* How many sockets there are, atomic. */
 gint open_sockets;
+
+/* Producers give as many streams as there are clients that ask. */
+RateLimitedLog refusals = RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
@@ -735,8 +740,8 @@ accept_descriptor(gint fd, const gchar *source_name)
   const gchar *reason = find_refusal(fd);
 
   if (reason != nullptr) {
-    syslog(LOG_WARNING, "closed the stream of producer \"%.*s\": %s", EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES,
-           source_name, reason);
+    rate_limited_log(&refusals, LOG_WARNING, "closed the stream of producer \"%.*s\": %s",
+                     EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES, source_name, reason);
     close(fd);
   }
   return reason == nullptr;

@@ -8,6 +8,7 @@
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
 #include "radarscenesourcefactory.h"
+#include "ratelimitedlog.h"
 #include "scenesourcefactory.h"
 #include "server.h"
 #include "systembus.h"
@@ -320,6 +321,7 @@ run(const gchar *run_dir)
   dbus_server_teardown();
   g_clear_pointer(&producers, analytics_producer_list_free);
   producer_config_free();
+  rate_limited_log_flush();
   memory_stop_trimming();
   return EXIT_SUCCESS;
 }

@@ -24,6 +24,8 @@
  */
 #include "producerconfig.h"
 
+#include "ratelimitedlog.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -51,6 +53,10 @@ struct Job {
   JobKind kind;
   GSource *source; /* the one to dispatch, for TELL; owned */
 };
+
+/* The file may have any number of groups. */
+RateLimitedLog long_names_log =
+    RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 struct ProducerConfig {
   GMutex lock;
@@ -105,8 +111,9 @@ warn_of_long_names()
 
   for (gchar **group = groups; *group != nullptr; group++) {
     if (g_str_has_prefix(*group, GROUP_PREFIX) && g_hash_table_add(seen, *group) && has_long_name(*group)) {
-      syslog(LOG_WARNING, "configuration name longer than %d bytes in producers.conf: %s",
-             PRODUCER_CONFIG_MAX_NAME_BYTES, *group);
+      rate_limited_log(&long_names_log, LOG_WARNING,
+                       "configuration name longer than %d bytes in producers.conf: %s",
+                       PRODUCER_CONFIG_MAX_NAME_BYTES, *group);
     }
   }
 }

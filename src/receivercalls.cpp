@@ -20,6 +20,7 @@
 #include "receivercalls.h"
 
 #include "descriptorreserve.h"
+#include "ratelimitedlog.h"
 #include "receiverwatch.h"
 
 #include <memory>
@@ -31,6 +32,10 @@ namespace
 
 /* GDBus' time-out that is none. */
 constexpr gint NO_TIMEOUT = G_MAXINT;
+
+/* A shortage may begin and end all the time. */
+RateLimitedLog descriptors_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
+RateLimitedLog answers_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 enum class State { WAITING, UNDER_WAY, GIVEN_UP };
 
@@ -166,7 +171,8 @@ reserve_descriptors(Call *call)
   }
   call->reservation = descriptor_reservation_new(call->descriptors, nullptr);
   if (call->reservation == nullptr && !short_of_descriptors) {
-    syslog(LOG_WARNING, "streams of external producers wait: too few free file descriptors");
+    rate_limited_log(&descriptors_log, LOG_WARNING,
+                     "streams of external producers wait: too few free file descriptors");
   }
   short_of_descriptors = call->reservation == nullptr;
   return !short_of_descriptors;
@@ -180,7 +186,8 @@ may_be_answered()
     return TRUE;
   }
   if (!short_of_answers) {
-    syslog(LOG_WARNING, "calls of the metadata receiver wait: it leaves %u unanswered", unanswered);
+    rate_limited_log(&answers_log, LOG_WARNING,
+                     "calls of the metadata receiver wait: it leaves %u unanswered", unanswered);
   }
   short_of_answers = TRUE;
   return FALSE;

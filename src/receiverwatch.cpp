@@ -16,6 +16,7 @@
 #include "receiverwatch.h"
 
 #include "logtext.h"
+#include "ratelimitedlog.h"
 
 #include <algorithm>
 #include <array>
@@ -29,6 +30,9 @@ constexpr const char *OBJECT_MANAGER_INTERFACE = "org.freedesktop.DBus.ObjectMan
 constexpr const char *PROPERTIES_INTERFACE = "org.freedesktop.DBus.Properties";
 constexpr const char *OBJECTS_TYPE = "(a{oa{sa{sv}}})";
 constexpr gint DEFAULT_TIMEOUT = -1;
+
+/* The receiver sends as many signals as it wants. */
+RateLimitedLog wrong_type_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 struct Watch {
   GDBusConnection *connection; /* NULL as long as nothing is watched */
@@ -114,7 +118,8 @@ has_type(GVariant *parameters, const gchar *type)
   if (g_variant_is_of_type(parameters, G_VARIANT_TYPE(type))) {
     return TRUE;
   }
-  syslog(LOG_WARNING, "left out a signal of the metadata receiver: it has the wrong type");
+  rate_limited_log(&wrong_type_log, LOG_WARNING,
+                   "left out a signal of the metadata receiver: it has the wrong type");
   return FALSE;
 }
 

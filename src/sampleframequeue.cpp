@@ -15,6 +15,7 @@
 #include "sampleframequeue.h"
 
 #include "descriptorreserve.h"
+#include "ratelimitedlog.h"
 #include "sampleframe.h"
 
 #include <syslog.h>
@@ -41,6 +42,9 @@ guint running;
 guint stuck;    /* those that were given up, whose threads are still there */
 guint start_id; /* the source that begins the next ones, or 0 */
 gboolean short_of_resources;
+
+/* A shortage may begin and end all the time. */
+RateLimitedLog shortage_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 void
 free_conversion(SampleFrameConversion *conversion)
@@ -156,7 +160,8 @@ void
 rest(const GError *error)
 {
   if (!short_of_resources) {
-    syslog(LOG_WARNING, "sample frames wait for their conversion: %s", error->message);
+    rate_limited_log(&shortage_log, LOG_WARNING, "sample frames wait for their conversion: %s",
+                     error->message);
   }
   short_of_resources = TRUE;
   start_id = g_timeout_add(SAMPLE_FRAME_QUEUE_REST_MS, start, nullptr);

@@ -12,6 +12,7 @@
 #include "fuzz.h"
 #include "producerconfig.h"
 #include "producerproperties.h"
+#include "ratelimitedlog.h"
 #include "receiverwatch.h"
 
 #include <algorithm>
@@ -280,7 +281,7 @@ parse(std::string_view input)
   return records;
 }
 
-/* Everything until now has been heard. */
+/* Everything until now has been heard. The fence's line may be one that is left out, and then the last. */
 void
 wait_for_fence(Bus *bus)
 {
@@ -290,6 +291,7 @@ wait_for_fence(Bus *bus)
       g_variant_new("(o@a{sa{sv}})", FENCE, g_variant_new_array(G_VARIANT_TYPE("{sa{sv}}"), nullptr, 0)));
   while (!fence_heard) {
     g_main_context_iteration(nullptr, TRUE);
+    rate_limited_log_flush();
   }
 }
 

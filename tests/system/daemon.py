@@ -99,7 +99,18 @@ NO_BUS_LINE = (WARNING,
 NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
 
+# How many lines of its own, each of which names something else, it writes before it counts them, and for how long it
+# counts.
+LOG_BURST = documented_limit("ratelimitedlog.h", "RATE_LIMITED_LOG_BURST")
+LOG_SECONDS = documented_limit("ratelimitedlog.h", "RATE_LIMITED_LOG_INTERVAL_US") / 1e6
+
 LOGGED_TEXT_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
+
+
+def with_count(line, count):
+    """The last line of those that were left out, which tells of so many others."""
+    priority, text = line
+    return (priority, f"{text} ({count} more since the last such line)")
 
 
 def clipped(text):
@@ -364,6 +375,11 @@ class Daemon:
         end = time.monotonic() + seconds
         wait_until(lambda: time.monotonic() >= end, "the time has passed")
         return (self.processor_seconds() - before) / seconds
+
+    def private_bytes(self):
+        """What it alone has in memory."""
+        rollup = (self.proc / "smaps_rollup").read_text(encoding="ascii")
+        return 1024 * sum(map(int, re.findall(r"^Private_(?:Clean|Dirty): +(\d+) kB$", rollup, re.MULTILINE)))
 
     def resident_bytes(self):
         return int(self.status_field("VmRSS").split()[0]) * 1024

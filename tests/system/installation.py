@@ -2,6 +2,7 @@
 user can reach, GStreamer plug-ins by choice and a private system bus."""
 
 import grp
+import math
 import os
 import pathlib
 import pwd
@@ -65,14 +66,23 @@ def testing_user():
     return pwd.getpwuid(os.geteuid()).pw_name
 
 
+# GLib's names for a time in microseconds.
+TIME_SPANS = {"G_TIME_SPAN_MILLISECOND": 1000, "G_TIME_SPAN_SECOND": 1000 * 1000}
+
+
+def defined_limits(folder, header):
+    """The constants that a header defines and that are a number, or a product of numbers: their values by name."""
+    text = (TREE / folder / header).read_text(encoding="utf-8")
+    limits = {}
+    for name, value in re.findall(r"^#define ([A-Z0-9_]+) \(?((?:\d+|G_TIME_SPAN_\w+)(?: \* (?:\d+|G_TIME_SPAN_\w+))*)\)?$",
+                                  text, re.MULTILINE):
+        limits[name] = math.prod(TIME_SPANS.get(factor) or int(factor) for factor in value.split(" * "))
+    return limits
+
+
 def documented_limit(header, name):
-    """The value of a constant that a header of the daemon defines: a number, or a product of numbers."""
-    text = (TREE / "src" / header).read_text(encoding="utf-8")
-    (value,) = re.findall(rf"^#define {name} \(?([0-9* ]+)\)?$", text, re.MULTILINE)
-    product = 1
-    for factor in value.split("*"):
-        product *= int(factor)
-    return product
+    """The value of a constant of the daemon, which docs/architecture.md lists."""
+    return defined_limits("src", header)[name]
 
 
 class Workspace:

@@ -5,6 +5,7 @@
 #include "logtext.h"
 #include "producerconfig.h"
 #include "producerproperties.h"
+#include "ratelimitedlog.h"
 #include "receivercalls.h"
 #include "receiverwatch.h"
 #include "sampleframequeue.h"
@@ -58,6 +59,13 @@ SyslogLine
 left_out(const std::string &element, const std::string &reason)
 {
   return warning("left out producer object " + (ROOT + element) + ": " + reason);
+}
+
+/* As the last one of many. */
+SyslogLine
+with_count(const SyslogLine &line, guint count)
+{
+  return {line.priority, line.text + " (" + std::to_string(count) + " more since the last such line)"};
 }
 
 /* Of a text that is longer than the log takes. */
@@ -615,7 +623,10 @@ TEST_F(DbusClientTest, ListsThoseThatWereTooManyWhenOthersGo)
   }
   start();
   ASSERT_TRUE(spin_until([this] { return listed().size() == DBUS_CLIENT_MAX_PRODUCERS; }));
-  EXPECT_EQ(testhost::take_syslog().size(), COUNT - DBUS_CLIENT_MAX_PRODUCERS);
+  EXPECT_EQ(testhost::take_syslog().size(), RATE_LIMITED_LOG_BURST);
+  rate_limited_log_flush();
+  expect_lines({with_count(left_out(names.back(), "there are too many"),
+                           COUNT - DBUS_CLIENT_MAX_PRODUCERS - RATE_LIMITED_LOG_BURST - 1)});
 
   const Texts first = listed();
   for (unsigned i = 0; i < GONE; i++) {
@@ -625,23 +636,63 @@ TEST_F(DbusClientTest, ListsThoseThatWereTooManyWhenOthersGo)
   expect_listed(names);
 }
 
-TEST_F(DbusClientTest, AsksAgainForTheObjectsThatItCouldNotRemember)
+class TooManyObjectsTest : public DbusClientTest
 {
-  const auto name = [](unsigned i) { return "P" + std::to_string(10000 + i); };
-  for (unsigned i = 0; i < DBUS_CLIENT_MAX_OBJECTS + 10; i++) {
-    receiver_->add(name(i));
+protected:
+  static std::string name(unsigned i)
+  {
+    return "P" + std::to_string(10000 + i);
   }
-  hear_all();
-  start();
-  ASSERT_TRUE(spin_until([this] { return listed().size() == DBUS_CLIENT_MAX_PRODUCERS; }));
-  const SyslogLines lines = testhost::take_syslog();
-  ASSERT_EQ(lines.size(), DBUS_CLIENT_MAX_OBJECTS - DBUS_CLIENT_MAX_PRODUCERS + 1);
-  EXPECT_EQ(lines.back(), left_out(name(DBUS_CLIENT_MAX_OBJECTS), "there are too many"));
+
+  void add_too_many()
+  {
+    for (unsigned i = 0; i < DBUS_CLIENT_MAX_OBJECTS + 10; i++) {
+      receiver_->add(name(i));
+    }
+    hear_all();
+  }
+
+  /* The first ones of those that wait, and the first one that is not remembered, are told at once. */
+  void expect_too_many() const
+  {
+    ASSERT_TRUE(spin_until([this] { return listed().size() == DBUS_CLIENT_MAX_PRODUCERS; }));
+    const SyslogLines lines = testhost::take_syslog();
+    ASSERT_EQ(lines.size(), RATE_LIMITED_LOG_BURST + 1);
+    EXPECT_EQ(lines.front(), left_out(name(DBUS_CLIENT_MAX_PRODUCERS), "there are too many"));
+    EXPECT_EQ(lines.back(), left_out(name(DBUS_CLIENT_MAX_OBJECTS), "there are too many"));
+    rate_limited_log_flush();
+    expect_lines(
+        {with_count(left_out(name(DBUS_CLIENT_MAX_OBJECTS - 1), "there are too many"),
+                    DBUS_CLIENT_MAX_OBJECTS - DBUS_CLIENT_MAX_PRODUCERS - RATE_LIMITED_LOG_BURST - 1)});
+  }
 
   /* One that waits goes: the first that was missed waits in its place, and the next one is missed. */
-  receiver_->remove(name(DBUS_CLIENT_MAX_OBJECTS - 1));
-  expect_lines({left_out(name(DBUS_CLIENT_MAX_OBJECTS), "there are too many"),
-                left_out(name(DBUS_CLIENT_MAX_OBJECTS + 1), "there are too many")});
+  void expect_the_next_when_one_goes()
+  {
+    receiver_->remove(name(DBUS_CLIENT_MAX_OBJECTS - 1));
+    expect_lines({left_out(name(DBUS_CLIENT_MAX_OBJECTS), "there are too many"),
+                  left_out(name(DBUS_CLIENT_MAX_OBJECTS + 1), "there are too many")});
+  }
+};
+
+TEST_F(TooManyObjectsTest, AreAskedForAgainWhenTheyAreThereAtTheStart)
+{
+  add_too_many();
+  start();
+  expect_too_many();
+  expect_the_next_when_one_goes();
+}
+
+TEST_F(TooManyObjectsTest, AreAskedForAgainWhenTheyAreAnnounced)
+{
+  start();
+  expect_listed_after_another({});
+  receiver_->remove("Zebras");
+  expect_listed({});
+
+  add_too_many();
+  expect_too_many();
+  expect_the_next_when_one_goes();
 }
 
 TEST_F(DbusClientTest, DoesNotCountWhatItLeftOut)
@@ -1603,7 +1654,10 @@ TEST_P(OddManagerTest, IsLeftOutWhenASignalHasTheWrongType)
     receiver_->emit(path, PROPERTIES, "PropertiesChanged", GetParam());
   }
   expect_listed_after_another({"Faces"});
-  expect_lines(SyslogLines(6, warning("left out a signal of the metadata receiver: it has the wrong type")));
+  const SyslogLine line = warning("left out a signal of the metadata receiver: it has the wrong type");
+  expect_lines({line});
+  rate_limited_log_flush();
+  expect_lines({with_count(line, 4)});
 }
 
 TEST_P(OddManagerTest, HasFailedWhenItComesBack)

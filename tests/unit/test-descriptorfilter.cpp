@@ -1,5 +1,6 @@
 #include "descriptorfilter.h"
 
+#include "ratelimitedlog.h"
 #include "testbus.h"
 #include "testhost.h"
 
@@ -435,6 +436,8 @@ TEST_F(DescriptorFilterTest, RefusesDescriptorsOnTheBusWithoutTheMainLoop)
   EXPECT_EQ(lines.front().text,
             "refused file descriptors from " + stranger.name() + ": nobody asked for them");
   EXPECT_LE(lines.size(), seconds + 1);
+  rate_limited_log_flush();
+  EXPECT_LE(testhost::take_syslog().size(), 1U);
 }
 
 TEST_F(DescriptorFilterTest, LetsAStreamThroughOnTheBus)

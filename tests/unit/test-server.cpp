@@ -4,6 +4,7 @@
 #include "descriptorreserve.h"
 #include "eventsourcefactory.h"
 #include "faults.h"
+#include "ratelimitedlog.h"
 #include "testclient.h"
 #include "testelements.h"
 #include "testfactory.h"
@@ -92,6 +93,8 @@ private:
   int entered_ = 0;
 };
 
+SyslogLines take_syslog_but_shortages();
+
 class ServerTest : public testhost::Fixture
 {
 protected:
@@ -117,6 +120,8 @@ protected:
     EXPECT_FALSE(observed.alive());
     testelements::take_filters();
     testelements::take_sent_events();
+    rate_limited_log_flush();
+    EXPECT_EQ(take_syslog_but_shortages(), SyslogLines());
     Fixture::TearDown();
   }
 
@@ -288,8 +293,8 @@ is_shortage_warning(const SyslogLine &line)
          line.text.starts_with("Too few free file descriptors, refused a metadata request.");
 }
 
-/* Takes the log's lines and gives those that do not warn of a shortage. The interval goes on from one test to
- * the next, so a shortage may have no line of its own. */
+/* Takes the log's lines and gives those that do not warn of a shortage: one that comes too soon after another
+ * one has no line of its own. */
 SyslogLines
 take_syslog_but_shortages()
 {

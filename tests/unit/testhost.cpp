@@ -1,5 +1,7 @@
 #include "testhost.h"
 
+#include "ratelimitedlog.h"
+
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -466,6 +468,7 @@ void
 Fixture::TearDown()
 {
   dispatch_ready();
+  rate_limited_log_flush();
   EXPECT_TRUE(spin_until([this] { return added(descriptors_, open_descriptors()).empty(); }))
       << "descriptors left: " << testing::PrintToString(added(descriptors_, open_descriptors()));
   EXPECT_TRUE(added(open_descriptors(), descriptors_).empty())
