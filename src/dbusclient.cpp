@@ -14,7 +14,8 @@
  *
  * Only DBUS_CLIENT_MAX_PRODUCERS objects at a time are asked, converted or listed. The other ones wait, in
  * their order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not remembered; when others have gone, the receiver
- * is asked for all of them again.
+ * is asked for all of them again. Of its answer only a part is looked at, which is no shorter, so that it has
+ * an object that is not known wherever there is room for one.
  *
  * Threads. The main thread does everything but one thing: request threads look an object up, when they ask
  * for its stream. The lock guards the table and the connection for that; the main thread, which alone changes
@@ -40,6 +41,8 @@
 
 namespace
 {
+
+static_assert(RECEIVER_WATCH_MAX_OBJECTS >= DBUS_CLIENT_MAX_OBJECTS);
 
 constexpr guint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
 constexpr guint STREAM_CALL_TIMEOUT_MS = 25000; /* GDBus' default */
@@ -564,6 +567,7 @@ on_properties_changed(const gchar *path, GVariant *changed, const gchar *const *
 static const ReceiverWatchFuncs WATCH_FUNCS = {
     .on_interfaces_added = on_interfaces_added,
     .on_interfaces_removed = on_interfaces_removed,
+    .on_objects_cut = note_missed,
     .on_properties_changed = on_properties_changed,
     .on_vanished = withdraw_all,
 };

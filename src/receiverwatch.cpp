@@ -69,15 +69,20 @@ void
 report_objects(GVariant *reply)
 {
   g_autoptr(GVariant) objects = g_variant_get_child_value(reply, 0);
-  GVariantIter iter;
+  const gsize count = g_variant_n_children(objects);
 
-  g_variant_iter_init(&iter, objects);
-  while (g_autoptr(GVariant) entry = g_variant_iter_next_value(&iter)) {
+  for (gsize i = 0; i < std::min<gsize>(count, RECEIVER_WATCH_MAX_OBJECTS); i++) {
     const gchar *path = nullptr;
     g_autoptr(GVariant) interfaces = nullptr;
 
-    g_variant_get(entry, "{&o@a{sa{sv}}}", &path, &interfaces);
+    g_variant_get_child(objects, i, "{&o@a{sa{sv}}}", &path, &interfaces);
     watch.funcs->on_interfaces_added(path, interfaces);
+  }
+  if (count > RECEIVER_WATCH_MAX_OBJECTS) {
+    const gchar *path = nullptr;
+
+    g_variant_get_child(objects, RECEIVER_WATCH_MAX_OBJECTS, "{&o@a{sa{sv}}}", &path, nullptr);
+    watch.funcs->on_objects_cut(path);
   }
 }
 

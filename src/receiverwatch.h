@@ -40,9 +40,18 @@ G_BEGIN_DECLS
 #define RECEIVER_WATCH_LAST_RETRY_S 60
 
 /**
+ * RECEIVER_WATCH_MAX_OBJECTS:
+ *
+ * How many objects of the receiver's answer are looked at, in its order.
+ */
+#define RECEIVER_WATCH_MAX_OBJECTS 1024
+
+/**
  * ReceiverWatchFuncs:
  * @on_interfaces_added: an object has these interfaces, an a{sa{sv}}; called again for one that is known
  * @on_interfaces_removed: an object has these interfaces no more
+ * @on_objects_cut: the receiver has more objects than %RECEIVER_WATCH_MAX_OBJECTS, of which this is the first
+ *   one that is not looked at
  * @on_properties_changed: properties of an object's producer interface changed: an a{sv} of the new ones, and
  *   the names of those that are not known any more
  * @on_vanished: the receiver left the bus, and its objects with it
@@ -52,6 +61,7 @@ G_BEGIN_DECLS
 typedef struct ReceiverWatchFuncs {
   void (*on_interfaces_added)(const gchar *path, GVariant *interfaces);
   void (*on_interfaces_removed)(const gchar *path, const gchar *const *interfaces);
+  void (*on_objects_cut)(const gchar *path);
   void (*on_properties_changed)(const gchar *path, GVariant *changed, const gchar *const *invalidated);
   void (*on_vanished)(void);
 } ReceiverWatchFuncs;

@@ -695,6 +695,26 @@ TEST_F(TooManyObjectsTest, AreAskedForAgainWhenTheyAreAnnounced)
   expect_the_next_when_one_goes();
 }
 
+/* Each of them has a reason to be left out, and takes a part of what is looked at. */
+TEST_F(DbusClientTest, LogsFewOfManyObjectsThatAreNoProducers)
+{
+  const Object odd = {"@a{sa{sv}} {}", {}, {}};
+  for (unsigned i = 0; i < RECEIVER_WATCH_MAX_OBJECTS + 10; i++) {
+    receiver_->add("P" + std::to_string(10000 + i), odd);
+  }
+  hear_all();
+  start();
+
+  ASSERT_TRUE(spin_until([] { return testhost::syslog_size() > RATE_LIMITED_LOG_BURST; }));
+  const SyslogLines lines = testhost::take_syslog();
+  ASSERT_EQ(lines.size(), RATE_LIMITED_LOG_BURST + 1);
+  EXPECT_EQ(lines.front(), left_out("P10000", "it has no interface com.quon.MetadataReceiver1.Producer"));
+  EXPECT_EQ(lines.back(), left_out("P11024", "there are too many"));
+  rate_limited_log_flush();
+  expect_lines({with_count(left_out("P11023", "it has no interface com.quon.MetadataReceiver1.Producer"),
+                           RECEIVER_WATCH_MAX_OBJECTS - RATE_LIMITED_LOG_BURST - 1)});
+}
+
 TEST_F(DbusClientTest, DoesNotCountWhatItLeftOut)
 {
   start();
