@@ -70,19 +70,31 @@ def testing_user():
 TIME_SPANS = {"G_TIME_SPAN_MILLISECOND": 1000, "G_TIME_SPAN_SECOND": 1000 * 1000}
 
 
-def defined_limits(folder, header):
-    """The constants that a header defines and that are a number, or a product of numbers: their values by name."""
-    text = (TREE / folder / header).read_text(encoding="utf-8")
-    limits = {}
-    for name, value in re.findall(r"^#define ([A-Z0-9_]+) \(?((?:\d+|G_TIME_SPAN_\w+)(?: \* (?:\d+|G_TIME_SPAN_\w+))*)\)?$",
-                                  text, re.MULTILINE):
-        limits[name] = math.prod(TIME_SPANS.get(factor) or int(factor) for factor in value.split(" * "))
-    return limits
+def value_of(expression, names=None):
+    """The value of a number, or of a sum of products of numbers and names."""
+    names = TIME_SPANS | (names or {})
+
+    def value_of_factor(text):
+        return names[text] if text in names else int(text)
+
+    return sum(math.prod(value_of_factor(factor.strip()) for factor in product.split("*"))
+               for product in expression.strip("()").split("+"))
+
+
+def defined_limits(header):
+    """The numbers that a header defines, by name. Texts, types and macros with arguments are left out; a number that
+    is written in any other way than as a sum is an error."""
+    numbers = {}
+    for name, value in re.findall(r"^#define (\w+) +([^\n]+)$", header.read_text(encoding="utf-8"), re.MULTILINE):
+        if '"' not in value and not re.search(r"\w\(", value):
+            numbers[name] = value_of(value, numbers)
+    return numbers
 
 
 def documented_limit(header, name):
-    """The value of a constant of the daemon, which docs/architecture.md lists."""
-    return defined_limits("src", header)[name]
+    """The value of a constant that a header of the daemon defines. The tests of the documentation compare it with
+    what is told there."""
+    return defined_limits(TREE / "src" / header)[name]
 
 
 class Workspace:

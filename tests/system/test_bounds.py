@@ -1,0 +1,109 @@
+"""The tables of what is bounded, in the documentation: every bound that the headers name is there with its value, and
+nothing else."""
+
+import re
+
+import pytest
+
+from installation import TREE, defined_limits, value_of
+
+DOCUMENTATION = TREE / "docs/architecture.md"
+
+# Of the daemon, of what it shares with other programs, and of the tools. Every number that a header of these defines is
+# a bound unless it stands here; so is a number of a component's own whose name has one of the words.
+FOLDERS = ("src", "common", "tools")
+NO_BOUNDS = {"OPTION_VALIDATION_DEFAULT_CHANNEL", "OPTION_VALIDATION_ANALYTICS_INVALID"}
+OWN_NUMBER = re.compile(r"^constexpr [\w:]+ ([A-Z0-9_]+) = ([\d*+ ]+);", re.MULTILINE)
+BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "THREADS", "TIMEOUT"}
+
+# What a row tells is more by this: a newcomer is taken while at most so many wait.
+TOLD_MORE = {"SERVER_MAX_WAITING_REQUESTS": 1}
+
+# How a table begins, whatever its first column is about.
+TABLE = re.compile(r"^\|[^|\n]*\| bound \| where it is named \|\n\|[-|]*\|\n((?:\|.*\|\n)+)", re.MULTILINE)
+NAME = re.compile(r"`([A-Z][A-Z0-9_]+)`")
+
+KIB, MIB = 1024, 1024 * 1024
+
+# In what units times are counted, by the last word of a constant's name.
+MILLISECONDS = {"US": 1 / 1000, "MS": 1, "S": 1000, "SECONDS": 1000}
+
+
+def files(pattern):
+    return sorted(path for folder in FOLDERS for path in (TREE / folder).glob(pattern))
+
+
+def constants():
+    found = {}
+    for header in files("*.h"):
+        found |= defined_limits(header)
+    for source in files("*.cpp"):
+        own = OWN_NUMBER.findall(source.read_text(encoding="utf-8"))
+        found |= {name: value_of(value) for name, value in own if not BOUND_WORDS.isdisjoint(name.split("_"))}
+    return {name: value + TOLD_MORE.get(name, 0) for name, value in found.items() if name not in NO_BOUNDS}
+
+
+def rows():
+    """Each row as the text of the bound and the names of its constants."""
+    tables = TABLE.findall(DOCUMENTATION.read_text(encoding="utf-8"))
+    cells = [line.strip("|").split(" | ") for table in tables for line in table.splitlines()]
+    assert len(tables) >= 2 and all(len(row) == 3 for row in cells), cells
+    return [(bound, NAME.findall(where)) for _, bound, where in cells]
+
+
+CONSTANTS = constants()
+ROWS = rows()
+
+
+def ways_to_tell(name, value):
+    """A constant's value as a row may tell it, each as a regular expression."""
+    milliseconds = MILLISECONDS.get(name.rpartition("_")[2])
+    if milliseconds is not None:
+        value = round(value * milliseconds)
+        ways = [f"{value:,} ms"] + ([f"{value // 1000:,} s"] if value % 1000 == 0 else [])
+        ways += ["a second"] if value == 1000 else []
+    else:
+        ways = [f"{value:,}"] + (["one"] if value == 1 else [])
+        ways += [f"{value // unit:,} {word}" for unit, word in ((KIB, "KiB"), (MIB, "MiB"))
+                                 if value >= unit and value % unit == 0]
+    return [rf"(?<![\w.,]){re.escape(way)}(?!\w|[.,]\d)" for way in ways]
+
+
+@pytest.mark.parametrize("name, value", CONSTANTS.items())
+def test_bound_is_documented_with_its_value(name, value):
+    bounds = [bound for bound, names in ROWS if name in names]
+    assert bounds, f"{DOCUMENTATION} does not name {name}"
+    assert any(re.search(way, bound) for way in ways_to_tell(name, value) for bound in bounds), \
+        f"{name} is {value}, not: {bounds}"
+
+
+def test_documented_names_are_those_of_the_headers():
+    assert {name for _, names in ROWS for name in names} <= CONSTANTS.keys()
+
+
+# The comparison itself
+
+
+@pytest.mark.parametrize("name, value, bound, told", [
+    ("A_MAX_BYTES", 65536, "65,536 bytes", True),
+    ("A_MAX_BYTES", 65536, "64 KiB", True),
+    ("A_MAX_BYTES", 65536, "64 MiB", False),
+    ("A_MAX_BYTES", 65536, "164 KiB", False),
+    ("A_MAX_BYTES", 65536, "65,536,000 bytes", False),
+    ("A_MAX", 16, "16", True),
+    ("A_MAX", 16, "at most 16, and no more", True),
+    ("A_MAX", 16, "116 or 1,016 or 16.5 or 160", False),
+    ("A_TIME_MS", 10000, "10 s", True),
+    ("A_TIME_MS", 10000, "10,000 ms", True),
+    ("A_TIME_MS", 10000, "10", False),
+    ("A_TIME_MS", 250, "0 s", False),
+    ("A_TIME_US", 1000000, "1 in 1 s", True),
+    ("A_TIME_US", 1000000, "one a second", True),
+    ("A_TIME_US", 2000000, "one a second", False),
+    ("A_MAX", 1, "one at a time", True),
+    ("A_MAX", 1, "none", False),
+    ("A_TIME_S", 60, "60 s", True),
+    ("A_TIME_S", 60, "60 seconds", False),
+])
+def test_values_are_compared_with_their_units(name, value, bound, told):
+    assert any(re.search(way, bound) for way in ways_to_tell(name, value)) == told
