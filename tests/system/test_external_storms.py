@@ -5,14 +5,17 @@ import concurrent.futures
 import contextlib
 import itertools
 import os
+import re
 import subprocess
+import threading
+import time
 
 import pytest
 from gi.repository import GLib
 
 from busclient import BUS, PROPERTIES
 from client import ConnectionEnded, header
-from daemon import NOTHING_ASKED, RADAR_TRACKER, WARNING, producers_enabled, with_count
+from daemon import LOG_BURST, LOG_SECONDS, NOTHING_ASKED, RADAR_TRACKER, WARNING, producers_enabled, with_count
 from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_told,
                       not_converted, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
@@ -21,8 +24,9 @@ from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import CAPTURE, RECEIVER
 from tool import NAME
 from tool import path_of as listed_path_of
-from waiting import wait_until, wait_until_settled
+from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
+MAX_OBJECTS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_OBJECTS")
 MAX_PRODUCERS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_PRODUCERS")
 MAX_XML_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_XML_BYTES")
 MAX_XML_BYTES_IN_ALL = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_XML_BYTES_IN_ALL")
@@ -41,6 +45,8 @@ ROUNDS = 15
 CROWD_OF_PRODUCERS, CROWD_OF_CLIENTS = 8, 40
 CROWD = [f"producer{number}" for number in range(CROWD_OF_PRODUCERS)]
 CROWD_AND_RADAR_ENABLED = producers_enabled({(name, 1): name for name in CROWD} | {(RADAR_TRACKER, 1): "radar"})
+
+SANITIZED = "ASAN_OPTIONS" in os.environ
 
 # More than any crowd here needs.
 MANY_DESCRIPTORS = 8192
@@ -440,6 +446,101 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
     wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", 2 * MAX_PRODUCERS)
     assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
+
+
+# Objects and properties without an end
+
+# What the platform's receiver says at its worst.
+FLOOD_OBJECTS = 50_000
+FLOOD_CHANGES, FLOOD_CHANGE_BYTES = 30, 8 * 1024 * 1024
+
+# How long it may take to hear all of it.
+FLOOD_SECONDS = 120
+
+# What may stay of it, with all objects that are known and beside GDBus' buffer, which is as long as the longest message.
+FLOOD_GROWTH_BYTES = 4 * 1024 * 1024
+
+LAST = "/last"
+
+# What is said of an object that does not answer, and of one that is too many or is none.
+NO_ANSWER = re.compile(r"on_get_sample_frame failed: .*")
+LEFT_OUT = re.compile(rf"left out producer object (\S+): (there are too many|it is not below {ROOT})"
+                      r"( \(\d+ more since the last such line\))?")
+
+
+def announce_in_one_reply(receiver, objects):
+    asked = threading.Event()
+    body = GLib.Variant("(a{oa{sa{sv}}})", (objects,))
+
+    def reply(call):
+        call.reply(body)
+        asked.set()
+
+    receiver.on_objects = reply
+    receiver.leave()
+    receiver.come_back()
+    assert asked.wait(BOUND_SECONDS)
+
+
+def announce_one_by_one(receiver, objects):
+    for path, interfaces in objects.items():
+        receiver.client.connection.emit_signal(None, ROOT, OBJECT_MANAGER, "InterfacesAdded",
+                                               GLib.Variant("(oa{sa{sv}})", (path, interfaces)))
+    receiver.client.connection.flush_sync(None)
+
+
+def announce_last(receiver):
+    """What is said of this object comes behind everything else."""
+    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (LAST, {})))
+
+
+def expect_memory_back(daemon, before, message_bytes):
+    """Expects what the daemon alone has in memory to be hardly more than before. A sanitizer's allocator keeps what it
+    likes."""
+    if not SANITIZED:
+        bound = before + message_bytes + FLOOD_GROWTH_BYTES
+        wait_until(lambda: daemon.private_bytes() < bound, f"no more than {bound} bytes")
+
+
+@pytest.mark.parametrize("announce", [announce_in_one_reply, announce_one_by_one])
+def test_objects_without_an_end_leave_little_in_memory_and_in_the_log(receiver, start_listing_daemon, announce):
+    daemon = start_listing_daemon()
+    before = daemon.private_bytes()
+    began = time.monotonic()
+    announce(receiver, {
+        producer.path: producer.interfaces for producer in map(Producer, map("flood{}".format, range(FLOOD_OBJECTS)))})
+    announce_last(receiver)
+
+    def unanswered():
+        return sum(NO_ANSWER.fullmatch(text) is not None for _, text in list(daemon.log.lines))
+
+    def heard_last():
+        return any(text.startswith(f"left out producer object {LAST}: ") for _, text in list(daemon.log.lines))
+
+    wait_until(lambda: unanswered() >= MAX_OBJECTS and heard_last(), "all known objects are asked", FLOOD_SECONDS)
+    # GLib keeps for later use what it took a single answer apart into.
+    if announce is announce_one_by_one:
+        expect_memory_back(daemon, before, 0)
+    lines = daemon.log.take()
+    left_out = [match for match in (LEFT_OUT.fullmatch(text) for _, text in lines) if match is not None]
+    assert len(left_out) + MAX_OBJECTS == len(lines)
+    # With the first one that is not known, and those that are told at the end of an interval.
+    assert len(left_out) <= 1 + (LOG_BURST + 1) * (1 + (time.monotonic() - began) / LOG_SECONDS)
+
+
+def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, tool):
+    receiver.add(DETECTOR)
+    daemon = start_listing_daemon()
+    (detector,) = receiver.producers
+    before = daemon.private_bytes()
+    for name in itertools.islice(itertools.cycle(("NiceName", "Name", "Unknown")), FLOOD_CHANGES):
+        receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
+                      GLib.Variant("(sa{sv}as)", (PRODUCER, {name: GLib.Variant("s", "x" * FLOOD_CHANGE_BYTES)}, [])))
+    receiver.add(COUNTER)
+    wait_until_listed(tool, DETECTOR, COUNTER)
+
+    expect_memory_back(daemon, before, FLOOD_CHANGE_BYTES)
+    assert daemon.log.take() == []
 
 
 # A converter that hangs
