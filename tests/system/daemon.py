@@ -3,6 +3,7 @@
 What a test does not expect is a failure: every log line after the start and everything on standard error has to be
 taken by the test, and the daemon has to live until it is told to end."""
 
+import itertools
 import os
 import pathlib
 import re
@@ -361,13 +362,18 @@ class Daemon:
         subprocess.run(["prlimit", f"--pid={self.process.pid}", f"--nofile={limit}:"], check=True, cwd="/",
                        **unprivileged())
 
+    def leave_descriptors(self, count, at_least=0):
+        """Lets the running daemon open only so many descriptors more, until it is let again; or some more, so that the
+        limit is not below `at_least`."""
+        taken = set(map(int, os.listdir(self.proc / "fd")))
+        free = (number for number in itertools.count() if number not in taken)
+        self.limit_descriptors(max(at_least, next(itertools.islice(free, count, None))))
+
     def threads(self):
         return int(self.status_field("Threads"))
 
     def processor_seconds(self):
-        # Behind the name, which may hold anything.
-        fields = (self.proc / "stat").read_text(encoding="utf-8").rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        return processor_seconds(self.process.pid)
 
     def processor_share(self, seconds):
         """How much of one core the daemon takes during so many seconds."""
@@ -388,6 +394,12 @@ class Daemon:
         """What would be free if the daemon ended."""
         sums = (self.proc / "smaps_rollup").read_text(encoding="ascii")
         return sum(int(kilobytes) for kilobytes in re.findall(r"^Private_\w+:\s*(\d+) kB$", sums, re.MULTILINE)) * 1024
+
+
+def processor_seconds(pid):
+    # Behind the name, which may hold anything.
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def plain(command, environment):

@@ -3,6 +3,7 @@
 import datetime
 import itertools
 import json
+import re
 
 from client import header
 from daemon import WARNING, producers_enabled
@@ -26,6 +27,11 @@ GATE, YARD = "the gate's", "the yard's"
 # The producers' file that has one of them enabled.
 DETECTOR_ENABLED = producers_enabled({(DETECTOR, 1): GATE})
 BOTH_ENABLED = producers_enabled({(DETECTOR, 1): GATE, (COUNTER, 1): YARD})
+
+
+# Whose frame a document has, and the numbers in it, for those who expect so many that parsing takes too long.
+SOURCE = re.compile(rb'<tt:Frame [^>]*Source="([^"]*)"')
+NUMBER = re.compile(rb'<tt:Delete ObjectId="(\d+)"')
 
 
 def numbered(*numbers):

@@ -6,7 +6,6 @@ import itertools
 import math
 import os
 import random
-import re
 import select
 import threading
 
@@ -16,7 +15,7 @@ from gi.repository import GLib
 from client import header
 from daemon import NOTHING_ASKED, producers_enabled
 from documents import Document
-from external import ANALYTICS, COUNTER, DETECTOR, numbered
+from external import ANALYTICS, COUNTER, DETECTOR, NUMBER, SOURCE, numbered
 from fakereceiver import message
 from receiver import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
@@ -49,9 +48,6 @@ CHANNELS = {1: (DETECTOR, COUNTER), 2: (DETECTOR,), 3: (COUNTER,)}
 CLIENT_CHANNELS = (1, 1, 2, 2, 3)
 ENABLED = producers_enabled({(producer, channel): NAMES[producer]
                              for channel, producers in CHANNELS.items() for producer in producers})
-
-SOURCE = re.compile(rb'<tt:Frame [^>]*Source="([^"]*)"')
-NUMBER = re.compile(rb'<tt:Delete ObjectId="(\d+)"')
 
 RACES = 500
 AT_ONCE = 4

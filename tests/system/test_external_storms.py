@@ -6,7 +6,6 @@ import contextlib
 import itertools
 import os
 import re
-import subprocess
 import threading
 import time
 
@@ -19,7 +18,7 @@ from daemon import LOG_BURST, LOG_SECONDS, NOTHING_ASKED, RADAR_TRACKER, WARNING
 from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_told,
                       not_converted, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
-from installation import EVENT_PLUGIN, RADAR_PLUGIN, documented_limit, unprivileged
+from installation import EVENT_PLUGIN, RADAR_PLUGIN, documented_limit
 from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import CAPTURE, RECEIVER
 from tool import NAME
@@ -53,19 +52,6 @@ MANY_DESCRIPTORS = 8192
 
 # What a daemon of few descriptors is asked for: more than there is room for.
 CROWDED_DESCRIPTORS, EVENT_CLIENTS, BURST_CLIENTS = 512, 110, 83
-
-
-def limit_descriptors(daemon, limit):
-    """Changes how many descriptors the running daemon may have, now and later."""
-    subprocess.run(["prlimit", f"--pid={daemon.process.pid}", f"--nofile={limit}:"], check=True, cwd="/",
-                   **unprivileged())
-
-
-def leave_descriptors(daemon, count):
-    """Lets the running daemon open only so many descriptors more, for the time being."""
-    taken = set(map(int, os.listdir(daemon.proc / "fd")))
-    free = (number for number in itertools.count() if number not in taken)
-    limit_descriptors(daemon, next(itertools.islice(free, count, None)))
 
 
 # Haste
@@ -129,7 +115,7 @@ def start_crowd(start_camera, bus, start_daemon, tool):
             receiver.add(name)
         receiver.start()
         daemon = start_daemon(plugins=(RADAR_PLUGIN, *EXTERNAL_PLUGINS), producers=CROWD_AND_RADAR_ENABLED)
-        limit_descriptors(daemon, MANY_DESCRIPTORS)
+        daemon.limit_descriptors(MANY_DESCRIPTORS)
         wait_until_listed(tool, RADAR_TRACKER, *CROWD)
         daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
         return camera, receiver, daemon
@@ -250,11 +236,11 @@ def expect_some_reply(client):
 def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_daemon, tool):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): GATE, (DETECTOR, 2): GATE}))
-    limit_descriptors(daemon, MANY_DESCRIPTORS)
+    daemon.limit_descriptors(MANY_DESCRIPTORS)
     allow_shortage(daemon)
 
     for free in range(41):
-        leave_descriptors(daemon, free)
+        daemon.leave_descriptors(free)
         late = receiver.add(f"late{free}")
         receiver.leave()
         receiver.come_back()
@@ -263,7 +249,7 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
             with contextlib.suppress(GLib.Error):
                 tool.set_producers({DETECTOR: [(1, True, GATE)]})
             assert daemon.process.poll() is None, f"with {free} descriptors: {daemon.take_stderr()}"
-        limit_descriptors(daemon, MANY_DESCRIPTORS)
+        daemon.limit_descriptors(MANY_DESCRIPTORS)
 
         wait_until_listed(tool, DETECTOR, late.name)
         # On another channel, for the stream of the client before may still come.
@@ -297,7 +283,7 @@ def restart(receiver, daemon):
 
 def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemon, tool):
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
-    limit_descriptors(daemon, CROWDED_DESCRIPTORS)
+    daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
     with contextlib.ExitStack() as stack:
         for _ in range(EVENT_CLIENTS):
@@ -305,17 +291,17 @@ def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemo
             request_if_possible(client, header(event=1))
             expect_some_reply(client)
         # Those that were turned away may have left some.
-        leave_descriptors(daemon, 0)
+        daemon.leave_descriptors(0)
         receiver.add(DETECTOR)
         restart(receiver, daemon)
-    limit_descriptors(daemon, CROWDED_DESCRIPTORS)
+    daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     wait_until_listed(tool, DETECTOR)
     daemon.log.take()
 
 
 def test_bursts_of_streams_end_nobody(start_crowd, tool):
     _, receiver, daemon = start_crowd()
-    limit_descriptors(daemon, CROWDED_DESCRIPTORS)
+    daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
     for _ in range(4):
         with contextlib.ExitStack() as stack:
@@ -329,7 +315,7 @@ def test_bursts_of_streams_end_nobody(start_crowd, tool):
         wait_until(lambda: daemon.descriptors() <= daemon.idle_descriptors, "the clients' descriptors are closed")
         for producer in receiver.producers:
             producer.close()
-    limit_descriptors(daemon, MANY_DESCRIPTORS)
+    daemon.limit_descriptors(MANY_DESCRIPTORS)
     wait_until_listed(tool, RADAR_TRACKER, *CROWD)
     before = {producer: len(producer.streams) for producer in receiver.producers}
     with daemon.client() as client:

@@ -28,7 +28,7 @@ def wait_until(condition, what, seconds=BOUND_SECONDS):
         _never.wait(LOOK_SECONDS)
 
 
-def wait_until_settled(measure, what, seconds=1):
+def wait_until_settled(measure, what, seconds=1, within=BOUND_SECONDS):
     """Waits until measure() has kept its value for so long, and returns the value."""
     seen = [measure(), time.monotonic()]
 
@@ -38,7 +38,7 @@ def wait_until_settled(measure, what, seconds=1):
             seen[:] = [value, time.monotonic()]
         return time.monotonic() - seen[1] >= seconds
 
-    wait_until(settled, what)
+    wait_until(settled, what, within)
     return seen[0]
 
 
