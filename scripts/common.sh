@@ -18,9 +18,8 @@ RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libjson-glib-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
 # To run every test beside that.
-TEST_PACKAGES=(libgtest-dev zsh gstreamer1.0-tools systemd
-  python3-pytest python3-pytest-xdist python3-gi python3-jsonschema python3-lxml
-  gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
+TEST_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
+  zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
 # The daemon refuses to run as root, so for root this drops to a user that owns nothing; others run it as themselves.
@@ -62,6 +61,16 @@ run() {
   stop_group "$STARTED_PID"
   unset 'STARTED[-1]'
   return "$status"
+}
+
+# Runs a step with its output put aside: a person wants to see it only when it failed. A function has to
+# join its commands with &&: in a condition, bash goes on behind one that fails.
+quietly() {
+  local what=$1 log=$WORK/$1.log
+  shift
+  run "$@" >"$log" 2>&1 && return 0
+  tail -n 30 "$log" >&2
+  die "$what failed; the lines above are the end of its output"
 }
 
 # Whether a process of the group still runs; one that has ended and waits for its parent does not.
