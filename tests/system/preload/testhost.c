@@ -8,6 +8,8 @@
  *   TESTHOST_FAULTS   path of a folder; as long as it has an entry "sync-file" or "sync-folder", fsync() of a
  * file or a folder fails with EIO, and as long as it has one "sync-slowly", every fsync() takes SLOW_SYNC
  * more
+ *   TESTHOST_LEAK_CHECK  if set, SIGUSR2 has the address sanitizer look for leaks while the program goes on;
+ * its report goes to standard error, and behind it a line "leak check: N", where N is 0 when it found none
  *
  * A variable that is not set leaves its functions as the C library has them. The socket must be writable by
  * the daemon's user, and its reader should keep up: a full queue holds the daemon for at most SEND_LIMIT and
@@ -24,6 +26,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -75,6 +79,47 @@ open_syslog_socket(void)
     syslog_fd = fd;
   else
     close(fd);
+}
+
+/* The sanitizer's own, in builds with it. */
+int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
+
+static sigset_t
+leak_check_signals(void)
+{
+  sigset_t signals;
+
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGUSR2);
+  return signals;
+}
+
+/* A thread, for a signal handler might interrupt the allocator. */
+static void *
+check_leaks(void *unused)
+{
+  sigset_t signals = leak_check_signals();
+  int number;
+
+  (void)unused;
+  while (sigwait(&signals, &number) == 0) {
+    int found = __lsan_do_recoverable_leak_check != NULL ? __lsan_do_recoverable_leak_check() : -1;
+    dprintf(STDERR_FILENO, "leak check: %d\n", found);
+  }
+  return NULL;
+}
+
+/* All later threads inherit that the signal is blocked. */
+__attribute__((constructor)) static void
+start_leak_checks(void)
+{
+  sigset_t signals = leak_check_signals();
+  pthread_t thread;
+
+  if (getenv("TESTHOST_LEAK_CHECK") == NULL || pthread_sigmask(SIG_BLOCK, &signals, NULL) != 0)
+    return;
+  if (pthread_create(&thread, NULL, check_leaks, NULL) == 0)
+    pthread_detach(thread);
 }
 
 static void
