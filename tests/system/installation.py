@@ -128,6 +128,8 @@ class Installation:
         self.simcamera = self._only(stage, "usr/lib/**/tessard/sim/simcamera")
         self.bus_policy = stage / "usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
         self.testhost = self._only(stage, "usr/lib/**/tessard/tests/libtesthost.so")
+        # Only a build with the thread sanitizer has it.
+        self.tsan_glib = next(stage.glob("usr/lib/**/tessard/tests/libtsan-glib-preload.so"), None)
         self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
