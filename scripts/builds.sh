@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # what the sourcing scripts use looks unused from here
-# The kinds of builds that check tests, and what it takes to run them; sourced behind common.sh.
+# The kinds of builds that check and soak test, and what it takes to run them; sourced behind common.sh.
 
 # Beside -Db_sanitize: shared objects leave the runtime's symbols to the program, and the normal build has shown all
 # warnings; on instrumented code the compiler sees ghosts. Optimising the address build would take three times as long
@@ -24,6 +24,8 @@ ADDRESS_ENVIRONMENT=("${FIXED_LAYOUT[@]}" env G_SLICE=always-malloc
 
 # The tests of the suite "threads" set the thread sanitizer's options themselves.
 THREAD_ENVIRONMENT=("${FIXED_LAYOUT[@]}")
+DAEMON_THREAD_ENVIRONMENT=("${FIXED_LAYOUT[@]}" env
+  "TSAN_OPTIONS=suppressions=$TOP/tests/tsan/suppressions.txt:second_deadlock_stack=1")
 
 # Builds those files of a build folder that standard input names, one a line, and no more.
 build_files() {

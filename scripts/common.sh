@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # what the sourcing scripts use looks unused from here
-# What demo and check share; sourced by them under `set -euo pipefail`.
+# What demo, check and soak share; sourced by them under `set -euo pipefail`.
 #
 # Everything that runs for long is started by `start`, in a process group of its own, and ended by `cleanup`, which
 # the traps below call however the script ends. Temporary files live in $WORK, below /tmp, because the tree itself
@@ -17,9 +17,11 @@ RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
   libjson-glib-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
+# To soak beside that: what the helpers of the system tests are made of.
+SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
+
 # To run every test beside that.
-TEST_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0
-  zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
+TEST_PACKAGES=("${SOAK_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
 # The daemon refuses to run as root, so for root this drops to a user that owns nothing; others run it as themselves.

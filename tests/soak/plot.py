@@ -1,0 +1,122 @@
+"""Draws a soak as an SVG picture: one panel for each figure, over the time of the run."""
+
+import math
+import xml.sax.saxutils
+
+from records import PEERS, QUESTIONS, REPLY, series_name
+
+WIDTH, PANEL_HEIGHT = 900, 150
+LEFT, RIGHT, TOP, GAP, BOTTOM = 80, 210, 56, 34, 44
+COLOURS = ("#1f5fa8", "#c8501e", "#2e8540", "#7a4fa3")
+TICKS_Y, TICKS_X = 4, 8
+
+
+class Panel:
+    """title, and its lines: a label and the values, None where there is none, one for each time"""
+
+    def __init__(self, title, lines):
+        self.title = title
+        self.lines = lines
+
+    def top(self):
+        """The highest value of its axis, never nothing."""
+        return max((value for _, values in self.lines for value in values if value is not None), default=0) or 1
+
+
+def panels_of(records):
+    def usage(name):
+        return [getattr(record.usage, name) for record in records]
+
+    def p99(series):
+        return [latency.p99 if (latency := record.latencies[series]) else None for record in records]
+
+    return [
+        Panel("private memory, MiB", [("private memory", usage("private_mib"))]),
+        Panel("descriptors", [("descriptors", usage("descriptors"))]),
+        Panel("threads", [("threads", usage("threads"))]),
+        *(Panel(f"bus {question}, 99th percentile, ms",
+                [(peer, p99(series_name(peer, question))) for peer in PEERS]) for question in QUESTIONS),
+        Panel("reply to a request, 99th percentile, ms", [("clients", p99(REPLY))]),
+    ]
+
+
+def round_step(top, ticks):
+    """A step of 1, 2 or 5 times a power of ten that makes about so many ticks."""
+    raw = top / ticks
+    power = 10 ** math.floor(math.log10(raw))
+    return next(factor * power for factor in (1, 2, 5, 10) if factor * power >= raw)
+
+
+def ticks_of(top, ticks):
+    """Where the ticks of an axis are that ends at the last of them."""
+    step = round_step(top, ticks)
+    return [number * step for number in range(math.ceil(top / step) + 1)]
+
+
+def text(x, y, content, anchor="start", size=12, more=""):
+    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" font-size="{size}"{more}>'
+            f"{xml.sax.saxutils.escape(content)}</text>")
+
+
+def line(x1, y1, x2, y2, colour):
+    return f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"/>'
+
+
+def paths(points, colour):
+    """The points joined; None ends a piece of the line."""
+    pieces, piece = [], []
+    for point in [*points, None]:
+        if point is not None:
+            piece.append("%.1f,%.1f" % point)
+        elif piece:
+            pieces.append(piece)
+            piece = []
+    return [f'<polyline fill="none" stroke="{colour}" stroke-width="1.5" points="{" ".join(found)}"/>'
+            for found in pieces]
+
+
+def draw_panel(panel, top, minutes, ticks_x):
+    """One panel with its upper edge at `top`; minutes: when each value was measured."""
+    ticks_y = ticks_of(panel.top(), TICKS_Y)
+
+    def x_of(minute):
+        return LEFT + (WIDTH - LEFT - RIGHT) * minute / ticks_x[-1]
+
+    def y_of(value):
+        return top + PANEL_HEIGHT * (1 - value / ticks_y[-1])
+
+    yield text(LEFT, top - 8, panel.title, size=13, more=' font-weight="bold"')
+    for tick in ticks_y:
+        yield line(LEFT, y_of(tick), WIDTH - RIGHT, y_of(tick), "#dddddd")
+        yield text(LEFT - 8, y_of(tick) + 4, f"{tick:g}", "end")
+    for tick in ticks_x:
+        yield line(x_of(tick), top + PANEL_HEIGHT, x_of(tick), top + PANEL_HEIGHT + 4, "#444444")
+    yield line(LEFT, top, LEFT, top + PANEL_HEIGHT, "#444444")
+    yield line(LEFT, top + PANEL_HEIGHT, WIDTH - RIGHT, top + PANEL_HEIGHT, "#444444")
+    for number, ((label, values), colour) in enumerate(zip(panel.lines, COLOURS)):
+        yield from paths([None if value is None else (x_of(minute), y_of(value))
+                          for minute, value in zip(minutes, values)], colour)
+        y = top + 12 + 20 * number
+        yield f'<line x1="{WIDTH - RIGHT + 16}" y1="{y}" x2="{WIDTH - RIGHT + 40}" y2="{y}" stroke="{colour}" ' \
+              'stroke-width="3"/>'
+        yield text(WIDTH - RIGHT + 48, y + 4, label)
+
+
+def draw(run, title):
+    """The whole picture, as SVG text."""
+    panels = panels_of(run.records)
+    minutes = [record.seconds / 60 for record in run.records]
+    ticks_x = ticks_of(max(minutes, default=0) or 1, TICKS_X)
+    height = TOP + len(panels) * (PANEL_HEIGHT + GAP) + BOTTOM
+    drawn = [text(LEFT, 18, title, size=15, more=' font-weight="bold"')]
+    for number, panel in enumerate(panels):
+        drawn += draw_panel(panel, TOP + number * (PANEL_HEIGHT + GAP), minutes, ticks_x)
+    bottom = TOP + len(panels) * (PANEL_HEIGHT + GAP) - GAP + 20
+    for tick in ticks_x:
+        x = LEFT + (WIDTH - LEFT - RIGHT) * tick / ticks_x[-1]
+        drawn.append(text(x, bottom, f"{tick:g}", "middle"))
+    drawn.append(text((LEFT + WIDTH - RIGHT) / 2, bottom + 20, "minutes", "middle"))
+    body = "\n".join(drawn)
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" '
+            f'height="{height}" font-family="sans-serif" fill="#222222">\n'
+            f'<rect width="{WIDTH}" height="{height}" fill="#ffffff"/>\n{body}\n</svg>\n')

@@ -1,0 +1,57 @@
+"""What a soak tells: its summary, its picture, and the figures of the docs."""
+
+import pathlib
+
+import plot
+from announcements import ENABLED
+from judge import BUILDS, NORMAL, judge
+from records import SERIES, Run, triple
+
+RUN_FILE = "run.json"
+
+DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
+TEXT, PICTURE = DOCS / "soak.md", DOCS / "soak.svg"
+BEGIN, END = "<!-- figures -->\n", "<!-- end of figures -->\n"
+
+
+def picture(run):
+    return plot.draw(run, f"{run.minutes:g} minutes of load, {run.build} build")
+
+
+def verdict(criteria):
+    return "passed" if all(criterion.passed for criterion in criteria) else "FAILED"
+
+
+def summary(run, criteria):
+    lines = ["", *(criterion.line() for criterion in criteria), ""]
+    lines += [f"{name}: {count}" for name, count in sorted({**run.done, **run.served}.items())]
+    lines += [f"{series}: {triple(run.latencies.get(series))} ms (median, 99th percentile, worst)" for series in SERIES]
+    lines += [f"excused for want of descriptors: {run.excused}", f"not kept waiting for producers: {run.waived}",
+              f"soak, {run.build} build, {run.minutes:g} minutes: {verdict(criteria)}"]
+    return "\n".join(lines)
+
+
+def table(run):
+    """The figures of a run, as Markdown."""
+    criteria = judge(run, len(ENABLED))
+    rows = [f"### {run.build.capitalize()} build, {run.minutes:g} minutes: {verdict(criteria)}", "",
+            "| criterion | figure | bound |", "|---|---|---|",
+            *(f"| {criterion.name} | {criterion.figure} | {criterion.bound} |" for criterion in criteria),
+            f"| clients that got all that they should | {sum(run.served.values())} | |"]
+    rows += [f"| {series}: median, 99th percentile, worst | {triple(run.latencies.get(series))} ms | |"
+             for series in SERIES]
+    return "\n".join(rows) + "\n"
+
+
+def document(folder):
+    """Writes the figures of every build whose records are in the folder into the docs, and draws the normal build's."""
+    runs = [Run.load(path) for build in BUILDS if (path := folder / build / RUN_FILE).exists()]
+    if not runs:
+        return f"no records in {folder}"
+    head, rest = TEXT.read_text(encoding="utf-8").split(BEGIN)
+    _, tail = rest.split(END)
+    TEXT.write_text(head + BEGIN + "\n" + "\n".join(map(table, runs)) + "\n" + END + tail, encoding="utf-8")
+    for run in runs:
+        if run.build == NORMAL:
+            PICTURE.write_text(picture(run), encoding="utf-8")
+    return 0

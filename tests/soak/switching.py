@@ -1,0 +1,59 @@
+"""Somebody who switches producers in storms, and looks whether each storm ended as it should."""
+
+import asyncio
+import contextlib
+
+from gi.repository import GLib
+
+from daemon import RADAR_TRACKER, VIDEO_TRACKER
+from load import WRONG
+from tool import NAME, PRODUCER, Tool, path_of
+from visits import SPARE_CHANNEL
+
+TRACKERS = (VIDEO_TRACKER, RADAR_TRACKER)
+
+# How many calls come at once, and how many changes the longest call has.
+MOST_CALLS, MOST_CHANGES = 40, 400
+
+# A call waits for those before it.
+CALL_SECONDS = 60
+
+
+class Switcher:
+    def __init__(self, load):
+        self.load = load
+        self.tool = Tool(load.bus)
+
+    def _start_calls(self):
+        for number in range(self.load.chance.randrange(MOST_CALLS)):
+            changes = [(SPARE_CHANNEL, bool(number % 2), f"storm {number}")]
+            self.tool.start_call(NAME, path_of(self.load.chance.choice(TRACKERS)), PRODUCER, "SetChannelsEnabled",
+                                 GLib.Variant("(a(ibs))", (changes,)))
+
+    def _set(self, tracker, changes):
+        self.tool.call(NAME, path_of(tracker), PRODUCER, "SetChannelsEnabled", GLib.Variant("(a(ibs))", (changes,)),
+                       CALL_SECONDS)
+
+    def _storm(self):
+        """Many calls at once and a long one; what each tracker is set to last has to be what it says then."""
+        self._start_calls()
+        last = f"storm {self.load.chance.random()}"
+        for tracker in TRACKERS:
+            changes = [(SPARE_CHANNEL, True, f"{last}, {number}")
+                       for number in range(self.load.chance.randrange(1, MOST_CHANGES))]
+            self._set(tracker, [*changes, (SPARE_CHANNEL, True, last)])
+        return [tracker for tracker in TRACKERS if (SPARE_CHANNEL, True, last) not in self.tool.channels(tracker)]
+
+    async def storm(self):
+        try:
+            wrong = await asyncio.to_thread(self._storm)
+        except GLib.Error as error:
+            self.load.fail("switches", WRONG, error.message)
+            return
+        self.load.done["storms of switches"] += 1
+        for tracker in wrong:
+            self.load.fail("switches", WRONG, f"{tracker} is not as it was set")
+
+    def close(self):
+        with contextlib.suppress(GLib.Error):
+            self.tool.close()
