@@ -390,11 +390,6 @@ class Daemon:
     def resident_bytes(self):
         return int(self.status_field("VmRSS").split()[0]) * 1024
 
-    def private_bytes(self):
-        """What would be free if the daemon ended."""
-        sums = (self.proc / "smaps_rollup").read_text(encoding="ascii")
-        return sum(int(kilobytes) for kilobytes in re.findall(r"^Private_\w+:\s*(\d+) kB$", sums, re.MULTILINE)) * 1024
-
 
 def processor_seconds(pid):
     # Behind the name, which may hold anything.
