@@ -1188,6 +1188,10 @@ TEST_F(ServerTest, RefusesAClientWithoutAPlaceAndTakesOneForEachThatStreams)
                           [](const SyslogLine &line) { return line.priority == LOG_WARNING; }),
             1);
   EXPECT_EQ(lines.back(), (SyslogLine{LOG_ERR, "Could not create gdppay."}));
+  rate_limited_log_flush();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Too many metadata clients, refused a metadata request. "
+                                       "(7 more since the last such line)"}}));
   for (ClientPlace *place : others) {
     client_place_free(place);
   }
