@@ -1,6 +1,7 @@
 """Many clients, and clients that misbehave: whatever one does, the others are served, and nothing is left behind."""
 
 import concurrent.futures
+import contextlib
 import itertools
 import threading
 import time
@@ -143,9 +144,9 @@ def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
     assert frugal_daemon.log.take() == []
 
 
-# Clients that end at once, the limit of descriptors that fits them, and how many answers the daemon gives others between
-# the ends at least.
-ENDING = 250
+# Clients that end at once, nearly as many as one user may have, the limit of descriptors that fits them, and how many
+# answers the daemon gives others between the ends at least.
+ENDING = 220
 ENDING_LIMIT = 2048
 ANSWERS_BETWEEN = 5
 
