@@ -102,7 +102,7 @@ constexpr const char *SYNC_POINT_EVENT = "GstMetaDataStreamSetSyncPoint";
 
 constexpr gsize READ_SIZE = 4096;
 
-/* There is a line for each client. */
+/* Every client can cause this line. */
 RateLimitedLog blocking_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 struct ElementMake {
@@ -518,8 +518,8 @@ set_ended(ConnectionManager *conn, ConnectionManagerStatus status)
 }
 
 /* The end of the stream, on the main thread, from inside one of the two watches. The calling watch's
- * reference keeps the manager until its callback returns. A client that has only closed its writing half is
- * told nothing more while its pipeline stands in line; before the start, the reply is still to come. */
+ * reference keeps the manager until its callback returns. A streaming client that still reads sees its end
+ * now, and not when its pipeline's turn comes. Before the start the socket stays open for the reply. */
 void
 end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
 {

@@ -224,7 +224,7 @@ query_move_capabilities()
   return capabilities;
 }
 
-/* Makes one call and no proxy: a proxy would load properties that nobody reads first, and wait for them with
+/* Calls without a proxy: a new proxy loads all properties, which nobody reads here, and waits for them with
  * GDBus' default time-out. NULL without an error when there is no answer. */
 GVariant *
 call_scene_manager(const gchar *method, gint timeout_ms, GCancellable *cancellable, GError **error)

@@ -7,7 +7,8 @@
  *
  * A request is scanned while its text arrives and read once it has arrived. The scan only finds out where the
  * text ends: it keeps two positions, looks at every byte once and stores nothing, so the main loop can afford
- * it for every client. It judges as much of a line as decides that, and request_read() ends at the same line.
+ * it for every client. Of a line it judges only whether the request ends there; request_read() ends at the
+ * same line.
  */
 #include "request.h"
 

@@ -32,7 +32,7 @@ struct RequestReader {
 namespace
 {
 
-/* Whether more has to arrive; sets the failure when it must not. */
+/* FALSE with the failure set when the deadline has passed. */
 gboolean
 is_time_left(RequestReader *self)
 {
@@ -43,6 +43,7 @@ is_time_left(RequestReader *self)
   return FALSE;
 }
 
+/* FALSE with the failure set when the text is as long as it may be. */
 gboolean
 is_room_left(RequestReader *self)
 {

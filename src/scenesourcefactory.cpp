@@ -147,7 +147,6 @@ public:
   void until(gint64 end_us)
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
-
     gboolean woken = TRUE;
 
     while (woken && !g_cancellable_is_cancelled(cancellable_)) {

@@ -4,7 +4,8 @@
  *
  * A connection waits twice: on the main loop until its request has arrived, then for a pool thread. No pool
  * thread ever waits for a client to send, so a client that is slow or silent keeps nobody from being served.
- * One bound counts those who wait at both, and of those who have not sent their request a user has a share.
+ * SERVER_MAX_WAITING_REQUESTS bounds both waits together, SERVER_MAX_UNFINISHED_REQUESTS one user's
+ * connections in the first.
  *
  * The factories are registered before the start and stay until finalisation, so the pool threads read the
  * list without a lock. Everything else of the instance belongs to the main thread. A Connection belongs to
@@ -199,7 +200,7 @@ create_sources(Server *self, GHashTable *params, GCancellable *cancellable, gcha
   return g_steal_pointer(&sources);
 }
 
-/* The watch goes before the reply, and before the connection is a manager's. */
+/* The hang-up watch ends before the reply is written and before a manager takes the descriptor. */
 GList *
 read_request_and_create_sources(Connection *connection, GIOChannel *channel, gchar **failure)
 {
@@ -268,8 +269,8 @@ discard_request(gpointer item)
   connection_free(static_cast<Connection *>(item));
 }
 
-/* The connection's request has arrived, as far as it ever will. One whose client has hung up meanwhile takes
- * no other's place in the queue. */
+/* No more of the request will arrive. When the client has hung up, its connection is closed and takes no
+ * place in the queue. */
 void
 on_request_read(RequestReader *reader, gpointer user_data)
 {

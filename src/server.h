@@ -51,7 +51,8 @@ G_BEGIN_DECLS
 /**
  * SERVER_SHORTAGE_WARNING_INTERVAL_MS:
  *
- * How long the warning about too few descriptors keeps the next one back, and the one about too many clients.
+ * The interval of two warnings, the one about too few descriptors and the one about too many clients: each is
+ * written once in it.
  */
 #define SERVER_SHORTAGE_WARNING_INTERVAL_MS 1000
 
