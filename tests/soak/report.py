@@ -11,6 +11,7 @@ RUN_FILE = "run.json"
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 TEXT, PICTURE = DOCS / "soak.md", DOCS / "soak.svg"
+PICTURE_LINK = f"![The figures of that run over its time]({PICTURE.name})\n"
 BEGIN, END = "<!-- figures -->\n", "<!-- end of figures -->\n"
 
 
@@ -50,8 +51,11 @@ def document(folder):
         return f"no records in {folder}"
     head, rest = TEXT.read_text(encoding="utf-8").split(BEGIN)
     _, tail = rest.split(END)
-    TEXT.write_text(head + BEGIN + "\n" + "\n".join(map(table, runs)) + "\n" + END + tail, encoding="utf-8")
+    parts = []
     for run in runs:
+        parts.append(table(run))
         if run.build == NORMAL:
             PICTURE.write_text(picture(run), encoding="utf-8")
+            parts.append(PICTURE_LINK)
+    TEXT.write_text(head + BEGIN + "\n" + "\n".join(parts) + "\n" + END + tail, encoding="utf-8")
     return 0

@@ -357,6 +357,7 @@ def test_docs_get_the_figures_of_all_builds_that_were_soaked(tmp_path, monkeypat
     assert "### Normal build, 10 minutes: passed" in written and "### Thread build, 10 minutes: FAILED" in written
     assert "| clients that did not get what they should | 7 | none |" in written
     assert picture.read_text().startswith("<svg")
+    assert "](soak.svg)\n\n### Thread build" in written
 
 
 def test_docs_without_records_are_left(tmp_path):
