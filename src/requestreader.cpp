@@ -198,6 +198,8 @@ request_reader_get_failure(const RequestReader *self)
  *
  * Stops reading and forgets the text. The descriptor stays open. Main thread until the reader has called its
  * function, any thread afterwards.
+ *
+ * Warnings: "self != NULL" is a precondition.
  */
 void
 request_reader_free(RequestReader *self)

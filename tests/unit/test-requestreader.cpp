@@ -440,6 +440,12 @@ TEST_F(RequestReaderTest, StopsReadingWhenItIsFreed)
   EXPECT_FALSE(client_->ended());
 }
 
+TEST_F(RequestReaderTest, RefusesToFreeNothing)
+{
+  request_reader_free(nullptr);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (testhost::Texts{"self != NULL"}));
+}
+
 /* As somebody does who passes it on. */
 TEST_F(RequestReaderTest, MayBeFreedAsSoonAsItHasEnded)
 {
