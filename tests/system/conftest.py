@@ -11,7 +11,7 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "daemon", "documents", "external", "fakereceiver",
+pytest.register_assert_rewrite("busclient", "client", "crowd", "daemon", "documents", "external", "fakereceiver",
                                "fakeservice", "installation", "overdue", "receiver", "refusals", "scenes", "simcamera",
                                "tessardctl", "tool", "waiting")
 
