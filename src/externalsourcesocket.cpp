@@ -13,9 +13,10 @@
  * peer could make such a read wait.
  *
  * Turns: one dispatch reads one message at most, and of its payload no more than this socket's share of
- * EXTERNAL_SOURCE_TURN_BYTES. All open sockets have an equal share, so that a turn of the main loop is
- * bounded however many are ready, and none waits for another. A message that this cuts is not in pieces in
- * the sense of the modes: the next turn goes on with the read.
+ * EXTERNAL_SOURCE_TURN_BYTES. All open sockets have an equal share for a message that begins, so that a turn
+ * of the main loop is bounded however many are ready, and none waits for another. For a message that goes on,
+ * only the sockets with such a message share the same number of bytes: idle sockets do not slow it down. A
+ * message that a turn cuts is not in pieces in the sense of the modes: the next turn goes on with the read.
  *
  * Memory: a message's frame is allocated when its length is known, and the payload is read into its place.
  * The account (messageaccount.h) counts it from then until it has been handed on. Between two messages the
@@ -105,8 +106,9 @@ namespace
 /* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
 constexpr gsize BUFFER_SIZE = 64 * 1024;
 
-/* How many sockets there are, atomic. */
+/* How many sockets there are, and how many of them have a message that a turn has left unfinished. Atomic. */
 gint open_sockets;
+gint unfinished_messages;
 
 /* Producers give as many streams as there are clients that ask. */
 RateLimitedLog refusals = RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
@@ -367,11 +369,19 @@ make_frame(ExternalSourceSocket *self)
   return TRUE;
 }
 
+/* Whether a turn has left the message that is being read unfinished. */
+gboolean
+goes_on(const Message *message)
+{
+  return message->deadline_us != 0;
+}
+
 /* How much of a payload this turn may read. */
 gsize
-get_share()
+get_share(const Message *message)
 {
-  const gsize sockets = std::max(g_atomic_int_get(&open_sockets), 1);
+  const gsize sockets =
+      std::max(g_atomic_int_get(goes_on(message) ? &unfinished_messages : &open_sockets), 1);
 
   return std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / sockets, EXTERNAL_SOURCE_MIN_READ_BYTES);
 }
@@ -382,7 +392,7 @@ read_payload(ExternalSourceSocket *self)
 {
   Message *message = &self->message;
   guint8 *payload = message->frame + strlen(self->frame_start);
-  gsize share = get_share();
+  gsize share = get_share(message);
 
   while (message->left > 0 && share > 0) {
     const gsize wanted = std::min(message->left, share);
@@ -404,11 +414,21 @@ read_payload(ExternalSourceSocket *self)
   return G_IO_STATUS_NORMAL;
 }
 
+/* Makes the socket ready for the next message. Frees nothing. */
+void
+clear_message(ExternalSourceSocket *self)
+{
+  if (goes_on(&self->message)) {
+    g_atomic_int_add(&unfinished_messages, -1);
+  }
+  self->message = {};
+}
+
 void
 drop_message(ExternalSourceSocket *self)
 {
   g_free(self->message.frame);
-  self->message = {};
+  clear_message(self);
   message_reader_end(self->reader);
 }
 
@@ -417,7 +437,7 @@ void
 settle_message(ExternalSourceSocket *self, GIOStatus status)
 {
   if (status == G_IO_STATUS_NORMAL) {
-    self->message = {};
+    clear_message(self);
   } else if (status != G_IO_STATUS_AGAIN || !keeps_pieces(self)) {
     drop_message(self);
   }
@@ -615,8 +635,9 @@ find_overdue(ExternalSourceSocket *self)
   if (self->channel == nullptr) {
     return nullptr;
   }
-  if (message->length_read > 0 && message->deadline_us == 0) {
+  if (message->length_read > 0 && !goes_on(message)) {
     message->deadline_us = now_us + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
+    g_atomic_int_inc(&unfinished_messages);
   }
   if (message->length_read > 0 && now_us >= message->deadline_us) {
     return message->frame != nullptr ? "data" : "length";

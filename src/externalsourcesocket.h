@@ -40,8 +40,9 @@ G_BEGIN_DECLS
 /**
  * EXTERNAL_SOURCE_TURN_BYTES:
  *
- * How many bytes of messages all sockets together read in one turn of the main loop. Each takes an equal
- * share of it, but EXTERNAL_SOURCE_MIN_READ_BYTES at least.
+ * How many bytes of messages that begin all sockets together read in one turn of the main loop, and how many
+ * of messages that go on. Of the former each open socket takes an equal share, of the latter each socket with
+ * such a message, but EXTERNAL_SOURCE_MIN_READ_BYTES at least.
  */
 #define EXTERNAL_SOURCE_TURN_BYTES (2 * 1024 * 1024)
 

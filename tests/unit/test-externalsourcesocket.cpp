@@ -1623,6 +1623,28 @@ TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfAMessageInEachTurn)
   }
 }
 
+TEST_F(ExternalSourceSocketTest, ReadsAMessageInFewTurnsBesideManyIdleStreams)
+{
+  constexpr gsize IDLE = 200;
+  constexpr gsize TURNS = 4; /* the first one, which reads little, the rest, and the end of the file */
+  const std::string payload = numbers(EXTERNAL_SOURCE_TURN_BYTES);
+  std::vector<std::unique_ptr<Producer>> idle;
+  std::vector<std::unique_ptr<Reader>> idle_readers;
+  for (gsize i = 0; i < IDLE; i++) {
+    idle.push_back(std::make_unique<Producer>(Carrier::SOCKET, Mode::BLOCKING));
+    idle_readers.push_back(std::make_unique<Reader>(idle.back()->consumer_fd));
+  }
+
+  /* The second message finds the count as the first one left it. */
+  for (int message = 0; message < 2; message++) {
+    Reader reader(open_file_with_message(payload, 0));
+    for (gsize turn = 0; turn < TURNS; turn++) {
+      g_main_context_iteration(nullptr, FALSE);
+    }
+    EXPECT_TRUE(reader.events == frames({payload}, ENDED)) << message;
+  }
+}
+
 /* What the turns cut is not what the producer left unfinished. */
 TEST_F(ExternalSourceSocketTest, ANonBlockingMessageMayTakeSeveralTurns)
 {
