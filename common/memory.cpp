@@ -77,9 +77,10 @@ memory_set_up(void)
 /**
  * memory_start_trimming:
  *
- * Lets memory_trim_later() have an effect. Without a thread for it nothing is ever trimmed. Main thread.
+ * Starts the thread that trims for memory_trim_later(). If it cannot be started, nothing is ever trimmed.
+ * Main thread.
  *
- * Warnings: "trimmer == NULL" is a precondition: it has not been started, or has been stopped since.
+ * Warnings: "trimmer == NULL" is a precondition: it has not been started, or was stopped since.
  */
 void
 memory_start_trimming(void)

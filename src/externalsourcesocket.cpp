@@ -491,7 +491,8 @@ end_for_lack_of_memory(ExternalSourceSocket *self)
   external_source_socket_close(self, TRUE);
 }
 
-/* Ends whatever stream has to end for this one's message, and be it its own. Without the lock. */
+/* Ends the streams that the account names, until there is room for this socket's message or its own stream
+ * has ended. Without the lock. */
 void
 make_room(ExternalSourceSocket *self)
 {

@@ -6,14 +6,16 @@
  *
  * Rules. A client that holds more than MESSAGE_ACCOUNT_CLIENT_LIMIT begins no message until it holds no more
  * than MESSAGE_ACCOUNT_CLIENT_RESUME. While all clients together hold more than MESSAGE_ACCOUNT_TOTAL_LIMIT,
- * nobody begins one. Both hold at the boundary of two messages: a message that has begun is read on. When one
- * that begins makes the sum exceed the limit, messages that are being read have to end, the new one included,
- * until the sum is within the limit again. The one that ends is of the client that holds most, among those
- * that are beyond MESSAGE_ACCOUNT_CLIENT_LIMIT and have a message to end. Of this client's messages it is the
- * longest. Of equal ones, in both cases, the one that began first ends. When no such client is left, the
- * others hold what they may and nothing ends: the message that has begun is then no longer than a client's
- * limit. Only if the sum was beyond the limit before it, which is so when its length came in pieces, it ends
- * all the same. So the sum never exceeds both limits together.
+ * nobody begins one. A message that has begun is not paused.
+ *
+ * When a message that begins makes the sum exceed MESSAGE_ACCOUNT_TOTAL_LIMIT, messages that are being read
+ * end until the sum is within the limit, each time the longest one of the client that holds most. Of equal
+ * ones the one that began first ends. Only clients that hold more than MESSAGE_ACCOUNT_CLIENT_LIMIT lose
+ * messages. When none of them has a message left, the message that began is no longer than that limit, and
+ * is read. So the sum never exceeds both limits together.
+ *
+ * A reader whose length comes in pieces may begin before the sum exceeds the limit, and know its length only
+ * afterwards. When nobody else has to end a message for it, its own message ends.
  *
  * Waiting. A reader that may not begin waits. Any thread may lower a count. When that lets a waiting reader
  * go on, a source in the default main context is added, at most one at a time, which calls the readers on the

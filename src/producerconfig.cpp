@@ -19,8 +19,8 @@
  * queues another save. Any save that succeeds ends the time-out.
  *
  * One lock guards what is in memory: the key file, the time-out's id and the number of saves to come. It is
- * never held while the disk is waited for. It is taken last: nothing that is called under it takes another
- * one. Set-up and release come before and after every other use and take none.
+ * never held while the disk is waited for. It is taken last: under it only GLib takes locks of its own.
+ * Set-up and release come before and after every other use and take none.
  */
 #include "producerconfig.h"
 
