@@ -39,6 +39,7 @@
  */
 #include "externalsourcesocket.h"
 
+#include "logtext.h"
 #include "ratelimitedlog.h"
 
 #include <algorithm>
@@ -762,8 +763,8 @@ accept_descriptor(gint fd, const gchar *source_name)
   const gchar *reason = find_refusal(fd);
 
   if (reason != nullptr) {
-    rate_limited_log(&refusals, LOG_WARNING, "closed the stream of producer \"%.*s\": %s",
-                     EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES, source_name, reason);
+    g_autofree gchar *name = log_text_clip(source_name);
+    rate_limited_log(&refusals, LOG_WARNING, "closed the stream of producer \"%s\": %s", name, reason);
     close(fd);
   }
   return reason == nullptr;

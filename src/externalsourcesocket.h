@@ -53,13 +53,6 @@ G_BEGIN_DECLS
  */
 #define EXTERNAL_SOURCE_MIN_READ_BYTES (4 * 1024)
 
-/**
- * EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES:
- *
- * How much of a source's name goes into a line of the log.
- */
-#define EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES 256
-
 #define EXTERNAL_TYPE_SOURCE_SOCKET (external_source_socket_get_type())
 G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, TESSARD, EXTERNAL_SOURCE_SOCKET, GObject)
 

@@ -1,6 +1,7 @@
 #include "externalsourcesocket.h"
 
 #include "faults.h"
+#include "logtext.h"
 #include "testhost.h"
 #include "teststream.h"
 
@@ -1339,13 +1340,20 @@ TEST_F(ExternalSourceSocketTest, RefusesABlockDevice)
 
 TEST_F(ExternalSourceSocketTest, LogsOnlyTheStartOfALongNameThatItRefuses)
 {
-  const std::string name(100 * 1000, 'x');
+  const std::string name(LOG_TEXT_MAX_BYTES + 3, 'x');
   Reader reader(open("/dev/null", O_RDONLY | O_CLOEXEC), name.c_str());
 
   EXPECT_EQ(testhost::take_syslog(),
-            (SyslogLines{{LOG_WARNING, "closed the stream of producer \"" +
-                                           name.substr(0, EXTERNAL_SOURCE_MAX_LOGGED_NAME_BYTES) +
-                                           "\": it is a device"}}));
+            (SyslogLines{{LOG_WARNING, "closed the stream of producer \"" + name.substr(3) +
+                                           "... (3 bytes left out)\": it is a device"}}));
+}
+
+TEST_F(ExternalSourceSocketTest, LogsANameThatItRefusesOnOneLine)
+{
+  Reader reader(open("/dev/null", O_RDONLY | O_CLOEXEC), "two\nlines");
+
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, R"(closed the stream of producer "two\x0alines": it is a device)"}}));
 }
 
 TEST_F(ExternalSourceSocketTest, NeedsNoReleaseFunctionForWhatItRefuses)
