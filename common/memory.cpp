@@ -10,6 +10,10 @@
  * once and an interval later, because what asks may still have to be freed. Requests that come meanwhile are
  * one.
  *
+ * GLib before 2.76 has small blocks of its own, its slices, and keeps all that were ever in use at one time.
+ * It can be told to take them from the C library's allocator instead, but only before its own initialisation,
+ * which is over when main() begins.
+ *
  * Another allocator, a sanitizer's for example, ignores all of this.
  */
 #include "memory.h"
@@ -59,13 +63,27 @@ trim_on_request(gpointer user_data)
   return nullptr;
 }
 
+#if !GLIB_CHECK_VERSION(2, 76, 0) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+void
+give_up_slices()
+{
+  G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+  g_slice_set_config(G_SLICE_CONFIG_ALWAYS_MALLOC, TRUE);
+  G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
+/* What stands in this section of a program runs before the initialisation of any library. Nothing but such a
+ * setting can be made there. */
+[[gnu::used, gnu::section(".preinit_array")]] void (*const before_libraries)() = give_up_slices;
+#endif
+
 } // namespace
 
 /**
  * memory_set_up:
  *
  * Fixes the allocator's mapping threshold and the number of its heaps. To be called first of all in main(),
- * before there is another thread.
+ * before there is another thread. A program that has this function has no slices of GLib's from its start.
  */
 void
 memory_set_up(void)

@@ -16,6 +16,7 @@
 #include "receiverwatch.h"
 
 #include "logtext.h"
+#include "memory.h"
 #include "ratelimitedlog.h"
 
 #include <algorithm>
@@ -105,6 +106,8 @@ on_objects(GObject *connection, GAsyncResult *result, gpointer)
   }
   watch.retry_s = RECEIVER_WATCH_FIRST_RETRY_S;
   report_objects(reply);
+  /* A long answer was taken apart into a great many small blocks. */
+  memory_trim_later();
 }
 
 void

@@ -146,6 +146,27 @@ TEST_F(MemoryTest, ManyThreadsShareFewHeaps)
   }
 }
 
+TEST_F(MemoryTest, GLibKeepsNoSmallBlocks)
+{
+  constexpr gsize BLOCKS = 200000;
+  constexpr gsize SIZE = 64;
+  std::vector<gpointer> blocks;
+
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  blocks.reserve(BLOCKS);
+  const gsize before = mallinfo2().uordblks;
+  while (blocks.size() < BLOCKS) {
+    blocks.push_back(g_slice_alloc(SIZE));
+  }
+  EXPECT_GE(mallinfo2().uordblks, before + BLOCKS * SIZE);
+  for (gpointer block : blocks) {
+    g_slice_free1(SIZE, block);
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + BLOCKS * SIZE / 10);
+}
+
 TEST_F(MemoryTest, TrimsNothingUnlessItIsStarted)
 {
   memory_trim_later();
