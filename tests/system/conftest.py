@@ -12,8 +12,8 @@ import pathlib
 import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "crowd", "daemon", "documents", "external", "fakereceiver",
-                               "fakeservice", "installation", "overdue", "receiver", "refusals", "scenes", "simcamera",
-                               "tessardctl", "tool", "waiting")
+                               "fakeservice", "installation", "overdue", "promptness", "receiver", "refusals", "scenes",
+                               "simcamera", "tessardctl", "tool", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 

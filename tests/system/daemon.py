@@ -3,6 +3,7 @@
 What a test does not expect is a failure: every log line after the start and everything on standard error has to be
 taken by the test, and the daemon has to live until it is told to end."""
 
+import contextlib
 import itertools
 import os
 import pathlib
@@ -119,6 +120,8 @@ def clipped(text):
     return f"{text[:LOGGED_TEXT_BYTES]}... ({len(text) - LOGGED_TEXT_BYTES} bytes left out)"
 
 
+COUNTED = re.compile(r"(.*) \(\d+ more since the last such line\)", re.DOTALL)
+
 # The warning about a sync point that was asked for before the reply.
 EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED' failed"
 
@@ -135,6 +138,7 @@ class Log:
         self.socket.bind(self.path)
         os.chmod(self.path, 0o666)
         self.lines = []
+        self.taken = set()
         self.marks = 0
         self.changed = threading.Condition()
         # The kernel keeps few datagrams, so that somebody has to read them all the time.
@@ -171,7 +175,15 @@ class Log:
         with self.changed:
             assert self.changed.wait_for(lambda: self.marks > marks, BOUND_SECONDS)
             lines, self.lines = self.lines, []
+        self.taken.update(lines)
         return lines
+
+    def is_count_of_taken(self, line):
+        """Whether it only counts lines that were left out since one that was taken. It comes at the end of an interval,
+        so a test may be over before it."""
+        priority, text = line
+        match = COUNTED.fullmatch(text)
+        return match is not None and (priority, match[1]) in self.taken
 
     def close(self):
         self._send(b"")
@@ -312,7 +324,7 @@ class Daemon:
             if not self.ended:
                 assert self.process.poll() is None, f"the daemon ended: {self.take_stderr()}"
                 assert self.end() == -signal.SIGTERM
-            left = self.log.take()
+            left = [line for line in self.log.take() if not self.log.is_count_of_taken(line)]
         finally:
             self.process.kill()
             self.process.wait(BOUND_SECONDS)
@@ -374,6 +386,20 @@ class Daemon:
 
     def processor_seconds(self):
         return processor_seconds(self.process.pid)
+
+    def is_at_rest(self, seconds):
+        """Whether none of its threads runs, or waits for a processor, during so many seconds."""
+        end = time.monotonic() + seconds
+        wait_until(lambda: self._runs() or time.monotonic() >= end, "the time has passed")
+        return time.monotonic() >= end and not self._runs()
+
+    def _runs(self):
+        return any(state != "S" for state in self._thread_states())
+
+    def _thread_states(self):
+        for task in (self.proc / "task").iterdir():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                yield (task / "stat").read_text(encoding="utf-8").rpartition(")")[2].split()[0]
 
     def processor_share(self, seconds):
         """How much of one core the daemon takes during so many seconds."""

@@ -2,7 +2,6 @@
 
 import contextlib
 import re
-import statistics
 import time
 
 import pytest
@@ -11,6 +10,7 @@ from client import header
 from crowd import Crowd
 from daemon import NOTHING_ASKED, WARNING
 from installation import documented_limit, run_by_root
+from promptness import expect_prompt, times
 from waiting import wait_until
 
 MAX_WAITING = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS") + 1
@@ -25,14 +25,6 @@ NO_PLACE_LINE = re.compile(rf"{re.escape(NO_PLACE)}( \((?P<more>\d+) more since 
 WARNING_SECONDS = documented_limit("server.h", "SERVER_SHORTAGE_WARNING_INTERVAL_MS") / 1000
 NOT_CREATED = "FAIL\nCould not create metadata, Internal server error."
 
-# How long a client may have to wait for its "OK": half of the tries and each of them.
-TRIES = 50
-MEDIAN_SECONDS = 0.020
-WORST_SECONDS = 0.250
-
-# How much longer it may be than without the crowd, where a sanitizer or a busy machine makes that long by itself.
-SLOWED = 3
-
 # Users that need not exist; nobody else is one of them.
 STRANGERS = range(61000, 61000 + KEPT_PLACES + 1)
 
@@ -43,20 +35,16 @@ needs_root = pytest.mark.skipif(not run_by_root(), reason="only root can be seve
 
 
 def times_to_ok(daemon):
-    """How long each of some clients waited, one after the other."""
-    seconds = []
-    for _ in range(TRIES):
+    """How long each of some clients waits, one after the other."""
+    def start():
         with daemon.client() as client:
-            began = time.monotonic()
             assert client.ask("event=1\n") == "OK"
-            seconds.append(time.monotonic() - began)
-    return sorted(seconds)
+
+    return times(start)
 
 
 def expect_prompt_service(daemon, alone):
-    seconds = times_to_ok(daemon)
-    assert statistics.median(seconds) <= max(MEDIAN_SECONDS, SLOWED * statistics.median(alone)), (seconds, alone)
-    assert max(seconds) <= max(WORST_SECONDS, SLOWED * max(alone)), (seconds, alone)
+    expect_prompt(times_to_ok(daemon), alone, "OK")
 
 
 WAYS_TO_WAIT = {

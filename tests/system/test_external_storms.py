@@ -32,6 +32,10 @@ MAX_XML_BYTES_IN_ALL = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_XML_BYT
 MAX_UNDER_WAY = documented_limit("receivercalls.h", "RECEIVER_CALLS_MAX_UNDER_WAY")
 MAX_UNANSWERED = documented_limit("receivercalls.h", "RECEIVER_CALLS_MAX_UNANSWERED")
 CONVERSION_SECONDS = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_SECONDS")
+CONVERSIONS_AT_ONCE = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_RUNNING")
+
+# With a sanitizer, on a busy machine, each may take all the time that it has.
+ALL_CONVERTED_SECONDS = MAX_PRODUCERS * CONVERSION_SECONDS / CONVERSIONS_AT_ONCE
 
 # What the bus lets everybody leave unanswered.
 BUS_REPLIES = 128
@@ -409,7 +413,7 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     assert MAX_PRODUCERS * MAX_XML_BYTES * 3 // 2 > BUS_MESSAGE_BYTES
     alone = [receiver.add(f"alone{number}", sample=too_long) for number in range(MAX_PRODUCERS)]
     wait_until(lambda: len(daemon.log.lines) >= MAX_PRODUCERS or len(tool.objects()) >= MAX_PRODUCERS,
-               "each is listed or refused", 2 * MAX_PRODUCERS)
+               "each is listed or refused", ALL_CONVERTED_SECONDS)
     assert tool.has_owner(NAME)
     assert sorted(daemon.log.take()) == sorted(not_converted(producer.name) for producer in alone)
     for producer in alone:
@@ -418,7 +422,7 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     sample = sample_of(MAX_XML_BYTES * 2 // 3)
     together = [receiver.add(f"together{number}", sample=sample) for number in range(MAX_PRODUCERS)]
     wait_until(lambda: len(daemon.log.lines) + len(tool.objects()) >= MAX_PRODUCERS,
-               "each is listed or refused", 2 * MAX_PRODUCERS)
+               "each is listed or refused", ALL_CONVERTED_SECONDS)
     refused = daemon.log.take()
     listed = [producer for producer in together if not_converted(producer.name) not in refused]
     wait_until_listed(tool, *(producer.name for producer in listed))
@@ -430,7 +434,7 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     # One of them goes, and another one takes its place; all others are refused once more.
     receiver.remove(listed.pop())
     wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
-    wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", 2 * MAX_PRODUCERS)
+    wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", ALL_CONVERTED_SECONDS)
     assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
 
 
@@ -450,6 +454,8 @@ LAST = "/last"
 
 # What is said of an object that does not answer, and of one that is too many or is none.
 NO_ANSWER = re.compile(r"on_get_sample_frame failed: .*")
+CALLS_WAIT = re.compile(rf"calls of the metadata receiver wait: it leaves {MAX_UNANSWERED} unanswered"
+                        r"( \(\d+ more since the last such line\))?")
 LEFT_OUT = re.compile(rf"left out producer object (\S+): (there are too many|it is not below {ROOT})"
                       r"( \(\d+ more since the last such line\))?")
 
@@ -509,8 +515,11 @@ def test_objects_without_an_end_leave_little_in_memory_and_in_the_log(receiver, 
     wait_until(lambda: unanswered() >= MAX_OBJECTS and heard_last(), "all known objects are asked", FLOOD_SECONDS)
     expect_memory_back(daemon, before, message_bytes)
     lines = daemon.log.take()
-    left_out = [match for match in (LEFT_OUT.fullmatch(text) for _, text in lines) if match is not None]
-    assert len(left_out) + MAX_OBJECTS == len(lines)
+    left_out = [text for _, text in lines if LEFT_OUT.fullmatch(text)]
+    unanswered_lines = [text for _, text in lines if NO_ANSWER.fullmatch(text)]
+    assert len(unanswered_lines) == MAX_OBJECTS
+    # The receiver, busy with its own signals, may answer late.
+    assert all(CALLS_WAIT.fullmatch(text) for _, text in lines if text not in left_out + unanswered_lines)
     # With the first one that is not known, and those that are told at the end of an interval.
     assert len(left_out) <= 1 + (LOG_BURST + 1) * (1 + (time.monotonic() - began) / LOG_SECONDS)
 

@@ -1,6 +1,5 @@
 """Others are served while a call waits for a disk on which every sync takes 300 ms."""
 
-import statistics
 import threading
 import time
 
@@ -10,6 +9,7 @@ from gi.repository import GLib
 from busclient import BusClient
 from daemon import VIDEO_TRACKER, stored_names
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, SCENE_PLUGIN
+from promptness import expect_prompt, times
 from tool import MANAGER, NAME, PRODUCER, ROOT, Tool, path_of
 from waiting import BOUND_SECONDS
 
@@ -21,13 +21,6 @@ PRODUCERS = "".join(f"[Producers.{index}.{VIDEO_TRACKER}]\nName=\n" for index in
 
 # A save syncs the file and its folder.
 LEAST_SECONDS = TUPLES * 2 * 0.3
-
-TRIES = 50
-MEDIAN_SECONDS = 0.020
-WORST_SECONDS = 0.250
-
-# On a machine that is busy with something else: how many times as long as without the call it may take.
-BUSY_FACTOR = 2
 
 
 @pytest.fixture
@@ -71,22 +64,6 @@ CALLS = {
 }
 
 
-def times(function):
-    """How long each of the tries takes."""
-    seconds = []
-    for _ in range(TRIES):
-        began = time.monotonic()
-        function()
-        seconds.append(time.monotonic() - began)
-    return seconds
-
-
-def expect_short(seconds, undisturbed, what):
-    for measure, limit in ((statistics.median, MEDIAN_SECONDS), (max, WORST_SECONDS)):
-        allowed = max(limit, BUSY_FACTOR * measure(undisturbed))
-        assert measure(seconds) <= allowed, f"{what}: {sorted(seconds)}, without the call {sorted(undisturbed)}"
-
-
 @pytest.mark.parametrize("call", CALLS)
 def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, tool, call):
     def start_client():
@@ -100,8 +77,8 @@ def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, tool, ca
     undisturbed_pings, undisturbed_starts = times(ping), times(start_client)
     change = Change(bus, *CALLS[call])
     pings, starts = times(ping), times(start_client)
-    expect_short(pings, undisturbed_pings, "pings")
-    expect_short(starts, undisturbed_starts, "the OK of clients that ask for events")
+    expect_prompt(pings, undisturbed_pings, "pings")
+    expect_prompt(starts, undisturbed_starts, "the OK of clients that ask for events")
     assert change.is_alive(), "all tries were meanwhile"
 
     assert change.finish() >= LEAST_SECONDS

@@ -1,0 +1,28 @@
+"""How long others may take while somebody keeps the daemon busy."""
+
+import statistics
+import time
+
+TRIES = 50
+MEDIAN_SECONDS = 0.020
+WORST_SECONDS = 0.250
+
+# How many times as long as without what keeps the daemon busy, where a sanitizer or a busy machine makes that long by
+# itself.
+SLOWED = 3
+
+
+def times(function):
+    """How long each of the tries takes."""
+    seconds = []
+    for _ in range(TRIES):
+        began = time.monotonic()
+        function()
+        seconds.append(time.monotonic() - began)
+    return seconds
+
+
+def expect_prompt(seconds, undisturbed, what):
+    for measure, limit in ((statistics.median, MEDIAN_SECONDS), (max, WORST_SECONDS)):
+        allowed = max(limit, SLOWED * measure(undisturbed))
+        assert measure(seconds) <= allowed, f"{what}: {sorted(seconds)}, undisturbed {sorted(undisturbed)}"
