@@ -2,6 +2,7 @@
 wrongly and as late as it wants. For producers that behave there is the simulated camera."""
 
 import array
+import contextlib
 import fcntl
 import os
 import select
@@ -255,3 +256,17 @@ class FakeReceiver(StandIn):
         super().close()
         for producer in self.producers + self.gone:
             producer.close()
+
+
+@contextlib.contextmanager
+def all_connected(bus):
+    """For the start of a daemon, all of which has its connection to the bus at the end."""
+    receiver = FakeReceiver(bus)
+    asked = []
+    receiver.on_objects = asked.append
+    receiver.start()
+    try:
+        yield
+        wait_until(lambda: asked, "all of the daemon has the connection")
+    finally:
+        receiver.close()

@@ -8,7 +8,7 @@ from gi.repository import Gio, GLib
 from busclient import BusClient, error_text
 from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINE, NOTHING_ASKED, RADAR_TRACKER,
                     VIDEO_TRACKER, WARNING, producers_enabled, stored_names)
-from fakereceiver import FakeReceiver
+from fakereceiver import all_connected
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
 from simcamera import CAPTURE
 from tool import NAME, Tool, path_of
@@ -208,7 +208,8 @@ def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
 
 
 def test_bus_that_goes_away_ends_no_stream(own_bus, start):
-    daemon = start(on=own_bus)
+    with all_connected(own_bus):
+        daemon = start(on=own_bus)
     with daemon.client() as client:
         stream = client.start()
         stream.next_document()
@@ -220,7 +221,8 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start):
 
 
 def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera):
-    daemon = start(on=own_bus)
+    with all_connected(own_bus):
+        daemon = start(on=own_bus)
     tool = Tool(own_bus)
     tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     tool.close()
@@ -238,13 +240,8 @@ def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera)
 
 
 def test_descriptors_are_released_with_the_bus(own_bus, start):
-    receiver = FakeReceiver(own_bus)
-    asked = []
-    receiver.on_objects = asked.append
-    receiver.start()
-    daemon = start(on=own_bus)
-    wait_until(lambda: asked, "all of the daemon has the connection")
-    receiver.close()
+    with all_connected(own_bus):
+        daemon = start(on=own_bus)
 
     own_bus.stop()
     assert daemon.log.take(1) == [NAME_LOST_LINE]

@@ -7,6 +7,7 @@ import pytest
 
 from client import header
 from daemon import NAME_LOST_LINE, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
+from fakereceiver import all_connected
 from installation import EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, RADAR_PLUGINS, SCENE_PLUGINS
 from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, WRONG_CHANNELS, WRONG_PTZ,
                       WRONG_SPACES, expect_refused)
@@ -107,7 +108,8 @@ def test_each_request_without_rotation_is_warned_of(start_radar_daemon):
 
 
 def test_bus_that_is_gone_costs_the_rotation_alone(own_bus, start_radar_daemon):
-    daemon = start_radar_daemon("one", on=own_bus)
+    with all_connected(own_bus):
+        daemon = start_radar_daemon("one", on=own_bus)
     own_bus.stop()
     assert daemon.log.take(1) == [NAME_LOST_LINE]
 
