@@ -74,7 +74,7 @@ give_up_slices()
 
 /* What stands in this section of a program runs before the initialisation of any library. Nothing but such a
  * setting can be made there. */
-[[gnu::used, gnu::section(".preinit_array")]] void (*const before_libraries)() = give_up_slices;
+[[gnu::used, gnu::section(".preinit_array")]] void (*const BEFORE_LIBRARIES)() = give_up_slices;
 #endif
 
 } // namespace
