@@ -500,7 +500,7 @@ make_room(ExternalSourceSocket *self)
   gboolean is_over = FALSE;
 
   while (!is_over) {
-    g_autoptr(GObject) owner = message_account_take_excess();
+    g_autoptr(GObject) owner = message_reader_take_excess(self->reader);
     is_over = owner == nullptr || owner == G_OBJECT(self);
     if (owner != nullptr) {
       end_for_lack_of_memory(TESSARD_EXTERNAL_SOURCE_SOCKET(owner));

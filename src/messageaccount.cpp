@@ -187,15 +187,14 @@ find_biggest()
   return biggest;
 }
 
-/* Whose message has to end for the one that began last. */
+/* Whose message has to end for that of @newest, which may have ended meanwhile. */
 MessageReader *
-find_excess()
+find_excess(MessageReader *newest)
 {
-  if (totals.bytes <= MESSAGE_ACCOUNT_TOTAL_LIMIT || totals.unfinished.empty()) {
+  if (totals.bytes <= MESSAGE_ACCOUNT_TOTAL_LIMIT || newest->unfinished == 0) {
     return nullptr;
   }
   MessageReader *biggest = find_biggest();
-  MessageReader *newest = totals.unfinished.back();
   const gboolean was_beyond = totals.bytes - newest->unfinished > MESSAGE_ACCOUNT_TOTAL_LIMIT;
 
   return biggest == nullptr && was_beyond ? newest : biggest;
@@ -354,7 +353,7 @@ message_reader_may_begin(MessageReader *reader)
  * @reader: (transfer none): a reader that reads no message
  * @bytes: what is about to be allocated for the message, without MESSAGE_ACCOUNT_MESSAGE_OVERHEAD
  *
- * Charges a message whose length is known. Before its memory is allocated, message_account_take_excess() says
+ * Charges a message whose length is known. Before its memory is allocated, message_reader_take_excess() says
  * whose has to go for it. Main thread.
  */
 void
@@ -403,18 +402,20 @@ message_reader_stop(MessageReader *reader)
 }
 
 /**
- * message_account_take_excess:
+ * message_reader_take_excess:
+ * @reader: (transfer none): a reader whose message has just begun
  *
  * To be called after message_reader_begin(), until there is nothing more or the message that began is the one
- * that ends. Each owner has to end its stream for lack of memory; its message counts no longer. Main thread.
+ * that ends. Each owner has to end its stream for lack of memory; its message counts no longer. When
+ * @reader's message has ended meanwhile, nothing has to go for it. Main thread.
  *
  * Returns: (transfer full) (nullable): the owner of a reader whose message has to end
  */
 GObject *
-message_account_take_excess(void)
+message_reader_take_excess(MessageReader *reader)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-  MessageReader *excess = find_excess();
+  MessageReader *excess = find_excess(reader);
 
   if (excess == nullptr) {
     return nullptr;

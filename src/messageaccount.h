@@ -78,7 +78,7 @@ void message_reader_end(MessageReader *reader);
 
 void message_reader_stop(MessageReader *reader);
 
-GObject *message_account_take_excess(void);
+GObject *message_reader_take_excess(MessageReader *reader);
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(MessageAccount, message_account_unref)
 

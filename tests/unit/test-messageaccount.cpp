@@ -104,13 +104,13 @@ public:
   Owner other{account};
 };
 
-/* Whose messages have to end, in order. */
+/* Whose messages have to end for that of @newest, in order. */
 std::vector<GObject *>
-take_excess()
+take_excess(const Owner &newest)
 {
   std::vector<GObject *> owners;
 
-  while (GObject *owner = message_account_take_excess()) {
+  while (GObject *owner = message_reader_take_excess(newest.reader)) {
     owners.push_back(owner);
     g_object_unref(owner);
   }
@@ -298,7 +298,7 @@ TEST_F(MessageAccountTest, HasNoExcessWithinTheLimit)
   Client client;
 
   client.one.begin(MESSAGE_ACCOUNT_TOTAL_LIMIT - OVERHEAD);
-  EXPECT_EQ(take_excess(), Objects());
+  EXPECT_EQ(take_excess(client.one), Objects());
   client.one.end();
 }
 
@@ -313,13 +313,13 @@ TEST_F(MessageAccountTest, TakesTheLongestMessageOfTheClientThatHoldsMost)
   queueing.other.begin(10 * MIB + 1);
   reading.one.begin(20 * MIB);
   longest.one.begin(30 * MIB);
-  EXPECT_EQ(take_excess(), Objects());
+  EXPECT_EQ(take_excess(longest.one), Objects());
   reading.other.begin(20 * MIB);
-  EXPECT_EQ(take_excess(), (Objects{queueing.other.object}));
+  EXPECT_EQ(take_excess(reading.other), (Objects{queueing.other.object}));
   EXPECT_EQ(message_account_get_total(), 120 * MIB + 4 * OVERHEAD);
   reading.other.end();
   reading.other.begin(29 * MIB);
-  EXPECT_EQ(take_excess(), (Objects{queueing.one.object}));
+  EXPECT_EQ(take_excess(reading.other), (Objects{queueing.one.object}));
 }
 
 TEST_F(MessageAccountTest, TakesAsMuchAsItNeeds)
@@ -333,9 +333,10 @@ TEST_F(MessageAccountTest, TakesAsMuchAsItNeeds)
   second.one.begin(30 * MIB);
   second.other.begin(30 * MIB);
   third.one.begin(64 * MIB);
-  EXPECT_EQ(take_excess(), (Objects{third.one.object}));
+  EXPECT_EQ(take_excess(third.one), (Objects{third.one.object}));
   third.queue(60 * MIB);
-  EXPECT_EQ(take_excess(), (Objects{first.one.object, second.one.object}));
+  third.other.begin(1);
+  EXPECT_EQ(take_excess(third.other), (Objects{first.one.object, second.one.object}));
 }
 
 TEST_F(MessageAccountTest, TakesTheFirstOfEqualOnes)
@@ -347,7 +348,7 @@ TEST_F(MessageAccountTest, TakesTheFirstOfEqualOnes)
   second.one.begin(40 * MIB);
   second.other.begin(40 * MIB);
   first.other.begin(40 * MIB);
-  EXPECT_EQ(take_excess(), (Objects{first.one.object}));
+  EXPECT_EQ(take_excess(first.other), (Objects{first.one.object}));
 }
 
 TEST_F(MessageAccountTest, TakesNothingFromClientsWithinTheirLimit)
@@ -359,12 +360,12 @@ TEST_F(MessageAccountTest, TakesNothingFromClientsWithinTheirLimit)
   full.queue(MESSAGE_ACCOUNT_TOTAL_LIMIT - MIB);
   client.one.begin(1000);
   other.one.begin(2 * MIB);
-  EXPECT_EQ(take_excess(), Objects());
+  EXPECT_EQ(take_excess(other.one), Objects());
   EXPECT_FALSE(client.other.may_begin());
 
   /* The client that holds most among those that have a message to end. */
   client.other.begin(MESSAGE_ACCOUNT_CLIENT_LIMIT);
-  EXPECT_EQ(take_excess(), (Objects{client.other.object}));
+  EXPECT_EQ(take_excess(client.other), (Objects{client.other.object}));
 }
 
 TEST_F(MessageAccountTest, TakesAMessageThatBeginsThoughNobodyMay)
@@ -374,7 +375,20 @@ TEST_F(MessageAccountTest, TakesAMessageThatBeginsThoughNobodyMay)
 
   full.queue(MESSAGE_ACCOUNT_TOTAL_LIMIT + 1);
   client.one.begin(1000);
-  EXPECT_EQ(take_excess(), (Objects{client.one.object}));
+  EXPECT_EQ(take_excess(client.one), (Objects{client.one.object}));
+}
+
+TEST_F(MessageAccountTest, TakesNothingForAMessageThatHasEndedMeanwhile)
+{
+  Client full;
+  Client first;
+  Client last;
+
+  first.one.begin(1000);
+  full.queue(MESSAGE_ACCOUNT_TOTAL_LIMIT + 1);
+  last.one.begin(1000);
+  last.one.end();
+  EXPECT_EQ(take_excess(last.one), Objects());
 }
 
 TEST_F(MessageAccountTest, MissesNoWakeUpWhateverThreadLowersACount)
