@@ -79,7 +79,9 @@ IDLE_PEER_POLICY = f"""\
 """
 
 REPORT = re.compile(r"(?:WARNING: ThreadSanitizer|ERROR: (?:Address|Leak)Sanitizer|: runtime error): ?")
-COMPLAINT = re.compile(r"\S+-(?:CRITICAL|WARNING|ERROR) \*\*|\*\* \(|assertion '.*' failed|Too many open files")
+# A stream that arrived when the limit had just been lowered cannot be kept, which the daemon tells as it should.
+COMPLAINT = re.compile(r"\S+-(?:CRITICAL|WARNING|ERROR) \*\*|\*\* \(|assertion '.*' failed"
+                       r"|(?<!Failed to parse fd from variant: dup: )Too many open files")
 LEAK_CHECK = re.compile(r"^leak check: (\d+)$", re.MULTILINE)
 
 NUMBER = re.compile(r"\d+")
@@ -393,7 +395,15 @@ class Soak:
                   excused=len(excused), waived=self.reports.waived, complaints=self.log.complaints(),
                   reports=self.log.reports(), leaks=leaks, ended=ended)
         self._save_failures()
+        if ended is None:
+            self._save_what_stays()
         return run
+
+    def _save_what_stays(self):
+        """What the descriptors and the memory of the end are of, to find what was not given back."""
+        (self.out / "descriptors").write_text("".join(f"{number} {target}\n" for number, target in
+                                                      sorted(self.daemon.open_files().items())), encoding="utf-8")
+        (self.out / "smaps").write_bytes((self.daemon.proc / "smaps").read_bytes())
 
     def _save_failures(self):
         failures = [failure | {"excused": self.shortages.excuse(failure)} for failure in self.reports.failures]

@@ -368,6 +368,11 @@ class Daemon:
     def descriptors(self):
         return len(os.listdir(self.proc / "fd"))
 
+    def open_files(self):
+        """What each of its descriptors is, by number."""
+        folder = self.proc / "fd"
+        return {int(number): os.readlink(folder / number) for number in os.listdir(folder)}
+
     def limit_descriptors(self, limit):
         """Lets the running daemon open no number from this one on, until it is let again."""
         # Root itself may not everywhere, but the daemon's own user.
