@@ -394,12 +394,12 @@ def daemon_listing_detector(receiver, start_listing_daemon):
 
 
 def sample_of(xml_bytes):
-    """A sample frame whose XML has about so many bytes."""
-    polygon = "[" + ",".join(["[0.1234,-0.5678]"] * 128) + "]"
-    box = '"BoundingBox":{"Left":-0.5,"Top":0.5,"Right":0.5,"Bottom":-0.5}'
-    # A point takes so many bytes there.
-    count = xml_bytes // (128 * len('<tt:Point x="0.1234" y="-0.5678"/>'))
-    objects = ",".join(f'{{"Id":{number},{box},"Polygon":{polygon}}}' for number in range(count))
+    """A sample frame whose XML has about so many bytes, most of them of few JSON values: with a sanitizer the converter
+    takes long for each value."""
+    kind = "&" * 64
+    count = xml_bytes // len(f"<tt:Object ObjectId='100'><tt:Appearance><tt:Class><tt:Type>{kind.replace('&', '&amp;')}"
+                             "</tt:Type></tt:Class></tt:Appearance></tt:Object>")
+    objects = ",".join(f'{{"Id":{number},"Type":"{kind}"}}' for number in range(count))
     return f'{{"Objects":[{objects}]}}'
 
 
