@@ -319,9 +319,11 @@ class Soak:
         now = (self.daemon.processor_seconds(), processor_seconds(self.load.process.pid))
         shares = [(later - earlier) / since for earlier, later in zip(processors, now)]
         with self.reports.lock:
-            failed = sum(not self.shortages.excuse(failure) for failure in self.reports.failures)
+            failures = [failure for failure in self.reports.failures if not self.shortages.excuse(failure)]
             record = Record(round(seconds, 1), self._usage(), self.reports.clients,
-                            sum(self.reports.served.values()), failed, *shares, self.latencies.take())
+                            sum(self.reports.served.values()), len(failures), *shares, self.latencies.take())
+        for failure in failures[self.records[-1].failures if self.records else 0:]:
+            print(f"failed: {failure['who']}: {failure['what']}", flush=True)
         self.records.append(record)
         self.record_file.add(record)
         print(record.line(), flush=True)
