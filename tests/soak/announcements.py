@@ -107,7 +107,7 @@ class Announcements:
         except (BrokenPipeError, ConnectionResetError):
             pass
         except (OSError, ValueError) as error:
-            self.load.fail("a producer", WRONG, repr(error))
+            self.load.fail("a producer", Failed(WRONG, repr(error)))
         finally:
             stream.close()
 
@@ -144,9 +144,11 @@ class Announcements:
 
     async def hang(self):
         """Nothing is answered for a while; then all is."""
+        began = time.monotonic()
         self.hanging = True
         await self.load.pause(2, 8)
         self.hanging = False
+        self.load.hangs.append((began, time.monotonic()))
         kept, self.kept = self.kept, []
         for answer in kept:
             self._answer(answer)

@@ -59,7 +59,7 @@ async def disturb(load, announcements):
                 try:
                     await trouble()
                 except Failed as failed:
-                    load.fail(name, failed.category, str(failed), failed.moment)
+                    load.fail(name, failed)
             load.done[name] += 1
 
 

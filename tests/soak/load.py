@@ -11,14 +11,20 @@ import time
 REFUSED, MISSING, WRONG = "refused", "missing", "wrong"
 
 
+# How long the receiver takes to answer when it does not hang.
+ANSWER_SECONDS = 1
+
+
 class Failed(Exception):
-    """Somebody did not get what he should; moment: when that was asked for that did not come, or when what came was
-    not right."""
+    """A client did not get what it should.
+
+    moment: when that was asked for that did not come, or when what came was not right
+    until: until when what was asked for may have been on its way"""
 
     def __init__(self, category, what, moment=None):
         super().__init__(what)
         self.category = category
-        self.moment = time.monotonic() if moment is None else moment
+        self.moment = self.until = time.monotonic() if moment is None else moment
 
 
 class Load:
@@ -40,6 +46,8 @@ class Load:
         self.troubles = []
         # Since when the receiver's producers have been as they should be; None while they are not.
         self.steady_since = None
+        # When the receiver hung: began and ended.
+        self.hangs = []
 
     def seconds(self, shortest, longest):
         return self.chance.uniform(shortest, longest)
@@ -51,9 +59,13 @@ class Load:
         """Whether all producers that behave have been there since that moment."""
         return self.steady_since is not None and self.steady_since <= since
 
-    def fail(self, who, category, what, moment=None):
-        self.failures.append({"who": who, "category": category, "what": what,
-                              "moment": time.monotonic() if moment is None else moment})
+    def answered_by(self, asked):
+        """When the receiver has answered what it was asked at that moment."""
+        return max((ended for began, ended in self.hangs if began - ANSWER_SECONDS <= asked <= ended), default=asked)
+
+    def fail(self, who, failed):
+        self.failures.append({"who": who, "category": failed.category, "what": str(failed), "moment": failed.moment,
+                              "until": failed.until})
 
     @contextlib.contextmanager
     def trouble(self, name):

@@ -180,9 +180,9 @@ class Shortages:
 
     def excuse(self, failure):
         """Whether a client could not get what it wanted because of a shortage."""
-        moment = failure["moment"]
+        moment, until = failure["moment"], failure["until"]
         return failure["category"] != WRONG and any(
-            began - SHORTAGE_MARGIN_SECONDS <= moment <= (ended or moment) + SHORTAGE_MARGIN_SECONDS
+            began - SHORTAGE_MARGIN_SECONDS <= until and moment <= (ended or moment) + SHORTAGE_MARGIN_SECONDS
             for began, ended in self.windows)
 
 

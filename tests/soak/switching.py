@@ -6,7 +6,7 @@ import contextlib
 from gi.repository import GLib
 
 from daemon import RADAR_TRACKER, VIDEO_TRACKER
-from load import WRONG
+from load import WRONG, Failed
 from tool import NAME, PRODUCER, Tool, path_of
 from visits import SPARE_CHANNEL
 
@@ -48,11 +48,11 @@ class Switcher:
         try:
             wrong = await asyncio.to_thread(self._storm)
         except GLib.Error as error:
-            self.load.fail("switches", WRONG, error.message)
+            self.load.fail("switches", Failed(WRONG, error.message))
             return
         self.load.done["storms of switches"] += 1
         for tracker in wrong:
-            self.load.fail("switches", WRONG, f"{tracker} is not as it was set")
+            self.load.fail("switches", Failed(WRONG, f"{tracker} is not as it was set"))
 
     def close(self):
         with contextlib.suppress(GLib.Error):

@@ -16,7 +16,7 @@ import report  # noqa: E402
 import run as program  # noqa: E402
 from judge import (ADDRESS, BUILDS, MAX_GROWTH_MIB, MAX_KEPT_MIB, MAX_P99_MS, MAX_PRIVATE_MIB,  # noqa: E402
                    MAX_TIMES_IDLE_PEER, MAX_WORST_MS, NORMAL, SLOWNESS, THREAD, growth, judge, slope)
-from load import MISSING, REFUSED, WRONG, Failed  # noqa: E402
+from load import MISSING, REFUSED, WRONG, Failed, Load  # noqa: E402
 from records import (CALL, DAEMON, IDLE_PEER, PING, QUESTIONS, RECORD_SECONDS, SERIES, Latency, Record,  # noqa: E402
                      RecordFile, Run, Usage, series_name)
 from visits import DOCUMENT_END, EVENT_STATE, KINDS, NUMBERS, WELL_BEHAVED, Watch  # noqa: E402
@@ -191,20 +191,41 @@ def test_growth_is_that_of_the_second_half():
 # Who is excused
 
 
-@pytest.mark.parametrize("category, moment, excused", [
-    (REFUSED, 105.0, True), (MISSING, 105.0, True), (WRONG, 105.0, False), (REFUSED, 99.0, True),
-    (REFUSED, 98.0, False), (REFUSED, 111.0, True), (REFUSED, 112.0, False)])
-def test_shortage_excuses_what_it_can_have_caused(category, moment, excused):
+def failure(category, moment, until=None):
+    return {"category": category, "moment": moment, "until": moment if until is None else until}
+
+
+@pytest.mark.parametrize("of, excused", [
+    (failure(REFUSED, 105.0), True), (failure(MISSING, 105.0), True), (failure(WRONG, 105.0), False),
+    (failure(REFUSED, 99.0), True), (failure(REFUSED, 98.0), False), (failure(REFUSED, 111.0), True),
+    (failure(REFUSED, 112.0), False), (failure(MISSING, 95.0, 99.0), True), (failure(MISSING, 95.0, 98.0), False),
+    (failure(MISSING, 95.0, 120.0), True), (failure(MISSING, 112.0, 120.0), False)])
+def test_shortage_excuses_what_it_can_have_caused(of, excused):
     shortages = program.Shortages(daemon=None)
     shortages.windows = [[20.0, 30.0], [100.0, 110.0]]
-    assert shortages.excuse({"category": category, "moment": moment}) is excused
+    assert shortages.excuse(of) is excused
 
 
 def test_shortage_that_lasts_excuses_what_comes_within_it():
     shortages = program.Shortages(daemon=None)
     shortages.windows = [[100.0, None]]
-    assert shortages.excuse({"category": REFUSED, "moment": 150.0})
-    assert not shortages.excuse({"category": REFUSED, "moment": 90.0})
+    assert shortages.excuse(failure(REFUSED, 150.0))
+    assert not shortages.excuse(failure(REFUSED, 90.0))
+
+
+def test_receiver_that_hangs_answers_when_it_goes_on():
+    load = Load("socket", None, 1, 20)
+    load.hangs = [(20.0, 28.0), (100.0, 107.0)]
+    assert [load.answered_by(asked) for asked in (50.0, 98.0, 99.5, 105.0, 107.5)] == [50.0, 98.0, 107.0, 107.0, 107.5]
+
+
+def test_failure_tells_until_when_its_answer_may_have_been_on_its_way():
+    load = Load("socket", None, 1, 20)
+    failed = Failed(MISSING, "it is not there", 100.0)
+    failed.until = 107.0
+    load.fail("a client", failed)
+    assert load.take_report()["failures"] == [{"who": "a client", "category": MISSING, "what": "it is not there",
+                                               "moment": 100.0, "until": 107.0}]
 
 
 # What clients look for
