@@ -86,6 +86,7 @@ LEAK_CHECK = re.compile(r"^leak check: (\d+)$", re.MULTILINE)
 
 NUMBER = re.compile(r"\d+")
 MAX_DISTINCT_LINES = 2000
+MAX_KEPT_CHARACTERS = 300
 
 
 class Process:
@@ -210,15 +211,19 @@ class LoadReports:
 
 
 class DaemonLog:
-    """What the daemon says, counted by lines that differ in more than numbers."""
+    """What the daemon says, counted by lines that differ in more than numbers; and when it said it."""
 
-    def __init__(self, daemon):
+    def __init__(self, daemon, moments):
+        """moments: the file that gets each line and when it came"""
         self.daemon = daemon
         self.lines = collections.Counter()
+        self.moments = moments
         self.stderr = ""
 
     def look(self):
+        now = time.monotonic()
         for priority, text in self.daemon.log.take():
+            self.moments.write(f"{now:.1f} <{priority}> {text[:MAX_KEPT_CHARACTERS]!r}\n")
             line = f"<{priority}> {NUMBER.sub('N', text)}"
             if line in self.lines or len(self.lines) < MAX_DISTINCT_LINES:
                 self.lines[line] += 1
@@ -249,7 +254,7 @@ class Soak:
         self.records = []
         self.stack = contextlib.ExitStack()
 
-    def _start(self):
+    def _start(self, moments):
         workspace = Workspace()
         self.stack.callback(workspace.remove)
         os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
@@ -263,7 +268,7 @@ class Soak:
         self.stack.callback(camera.finish)
         camera.wait_until_ready()
         self._start_daemon(installation)
-        self.log = DaemonLog(self.daemon)
+        self.log = DaemonLog(self.daemon, moments)
 
     def _start_daemon(self, installation):
         preloaded = [installation.testhost]
@@ -323,7 +328,7 @@ class Soak:
             record = Record(round(seconds, 1), self._usage(), self.reports.clients,
                             sum(self.reports.served.values()), len(failures), *shares, self.latencies.take())
         for failure in failures[self.records[-1].failures if self.records else 0:]:
-            print(f"failed: {failure['who']}: {failure['what']}", flush=True)
+            print(f"failed at {failure['moment']:.1f}: {failure['who']}: {failure['what']}", flush=True)
         self.records.append(record)
         self.record_file.add(record)
         print(record.line(), flush=True)
@@ -419,7 +424,7 @@ class Soak:
         self.record_file = RecordFile(self.out / "records.csv")
         with self.stack:
             self.stack.callback(self.record_file.close)
-            self._start()
+            self._start(self.stack.enter_context(open(self.out / "lines", "w", encoding="utf-8")))
             try:
                 return self._soak()
             finally:
