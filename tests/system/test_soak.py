@@ -1,9 +1,11 @@
 """What judges a soak: every criterion can fail, and what it is told is what is kept and drawn. The soak itself runs by
 hand."""
 
+import io
 import pathlib
 import random
 import sys
+import time
 import types
 import xml.etree.ElementTree
 
@@ -20,6 +22,7 @@ from load import MISSING, REFUSED, WRONG, Failed, Load  # noqa: E402
 from records import (CALL, DAEMON, IDLE_PEER, PING, QUESTIONS, RECORD_SECONDS, SERIES, Latency, Record,  # noqa: E402
                      RecordFile, Run, Usage, series_name)
 from visits import DOCUMENT_END, EVENT_STATE, KINDS, NUMBERS, WELL_BEHAVED, Watch  # noqa: E402
+from waiting import BOUND_SECONDS  # noqa: E402
 
 MINUTES = 10
 PRODUCERS = 12
@@ -300,17 +303,29 @@ def test_number_that_is_lost_or_comes_twice_is_seen(numbers):
 ])
 def test_complaints_and_reports_are_counted(said, complaints, reports):
     daemon = types.SimpleNamespace(log=types.SimpleNamespace(take=lambda: []), take_stderr=lambda: said)
-    log = program.DaemonLog(daemon)
+    log = program.DaemonLog(daemon, io.StringIO())
     log.look()
     assert (log.complaints(), log.reports()) == (complaints, reports)
 
 
 def test_complaint_in_the_system_log_counts():
-    lines = [(4, "assertion 'object != NULL' failed"), (4, "Invalid value of 'event' parameter: '2'.")]
+    lines = [(4, "assertion 'object != NULL' failed"), (4, "Invalid value of 'event' parameter: '2'."),
+             (4, "Creating pipes for GWakeup: Too many open files"),
+             (4, "Failed to parse fd from variant: dup: Too many open files")]
     daemon = types.SimpleNamespace(log=types.SimpleNamespace(take=lambda: lines), take_stderr=lambda: "")
-    log = program.DaemonLog(daemon)
+    log = program.DaemonLog(daemon, io.StringIO())
     log.look()
-    assert log.complaints() == 1
+    assert log.complaints() == 2
+
+
+def test_lines_of_the_daemon_are_kept_with_their_moments():
+    lines = [(4, "one"), (3, "two\nlines" + "x" * program.MAX_KEPT_CHARACTERS)]
+    daemon = types.SimpleNamespace(log=types.SimpleNamespace(take=lambda: lines), take_stderr=lambda: "")
+    kept = io.StringIO()
+    program.DaemonLog(daemon, kept).look()
+    moments, texts = zip(*(line.split(" ", 1) for line in kept.getvalue().splitlines()))
+    assert texts == ("<4> 'one'", "<3> 'two\\nlines" + "x" * (program.MAX_KEPT_CHARACTERS - 9) + "'")
+    assert all(abs(float(moment) - time.monotonic()) < BOUND_SECONDS for moment in moments)
 
 
 # What is kept
