@@ -179,8 +179,7 @@ add_source(GstElement *pipeline, GstElement *source, GstElement *document)
     return FALSE;
   }
   if (!gst_element_link(source, document)) {
-    /* The text prints where the source's name is, a BEL and an "A", and not the name: deliberate and kept,
-     * because whoever collects these lines knows them so. */
+    /* docs/compatibility.md, "link failure text". */
     syslog(LOG_ERR, "Failed to link %p\aA and onvifxmlmetadatastreamdoc.",
            static_cast<const void *>(GST_ELEMENT_NAME(source)));
     return FALSE;

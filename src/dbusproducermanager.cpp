@@ -102,7 +102,7 @@ set_channels(MetadataServer1Producer *skeleton, GPtrArray *channels)
   metadata_server1_producer_set_channels_enabled(skeleton, g_variant_builder_end(&builder));
 }
 
-/* The texts are copied once. Deliberate and kept: only enablement follows the producer. */
+/* Copies the texts once (docs/compatibility.md, "texts on the bus"); the channels follow the producer. */
 MetadataServer1Producer *
 make_skeleton(AnalyticsProducer *producer)
 {

@@ -33,9 +33,8 @@ on_name_acquired(GDBusConnection *, const gchar *, gpointer)
   syslog(LOG_INFO, "DBus-name acquired");
 }
 
-/* There is no bus, it went away, or somebody else has the name. Deliberately mild and kept: the daemon goes
- * on without the name and asks no more. It waits in the bus' queue, though, so the name may come by itself.
- */
+/* There is no bus, the bus went away, or another process owns the name; docs/compatibility.md, "lost bus
+ * name". The daemon stays in the bus' queue, so the name may still come. */
 static void
 on_name_lost(GDBusConnection *, const gchar *, gpointer)
 {

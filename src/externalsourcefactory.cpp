@@ -30,7 +30,7 @@ static void external_source_factory_iface_init(SourceFactoryInterface *iface);
 G_DEFINE_TYPE_WITH_CODE(ExternalSourceFactory, external_source_factory, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(SOURCE_TYPE_FACTORY, external_source_factory_iface_init))
 
-/* The runs of blanks are what is left of broken lines; converters know the text so. */
+/* docs/compatibility.md, "stream start frame". */
 #define STREAM_START_FRAME                                                                                   \
   "{     \"Source\": \"StreamStart\",     \"Data\": {         \"Item\": [             {"                     \
   "                 \"TimestampMono\": \"%lli\",                 \"UtcTime\": \"%s\""                        \

@@ -1,10 +1,10 @@
 /* Reads one producer's stream, cuts it into messages and hands each on as a JSON frame.
  *
- * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read. Set: a message
- * must be complete when its length is read, otherwise it is discarded. Clear: the pieces are collected until
- * the message is complete. A pause delays the producer, which can then write only the first part of a
- * message, so a stream that was paused collects pieces in both modes until it has caught up: until nothing is
- * left to read between two messages.
+ * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read
+ * (docs/compatibility.md, "partial messages"). Set: a message must be complete when its length is read,
+ * otherwise it is discarded. Clear: the pieces are collected until the message is complete. A pause delays
+ * the producer, which can then write only the first part of a message, so a stream that was paused collects
+ * pieces in both modes until it has caught up: until nothing is left to read between two messages.
  *
  * Reads: no read waits for the producer, and none changes or trusts the flags of the open file, which other
  * processes and other sockets may share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs,
@@ -337,7 +337,7 @@ read_length(ExternalSourceSocket *self)
     if (status != G_IO_STATUS_NORMAL) {
       return status;
     }
-    /* Deliberate and kept: without keeping pieces, a length that came short is taken as it is. */
+    /* Without collecting pieces, a short length counts as read (docs/compatibility.md, "short length"). */
     message->length_read = keeps_pieces(self) ? message->length_read + count : sizeof message->length;
   }
   return G_IO_STATUS_NORMAL;
@@ -406,8 +406,8 @@ read_payload(ExternalSourceSocket *self)
     message->offset += count;
     message->run += count;
     share -= count;
-    /* Deliberate and kept: without keeping pieces, each further read goes where the one before it alone would
-     * have ended. That is right for a payload of two reads, and its third is known not to be. */
+    /* Without collecting pieces, each further read begins at the size of the one before it
+     * (docs/compatibility.md, "overlapping reads"). */
     if (count < wanted && !keeps_pieces(self)) {
       message->offset = std::exchange(message->run, 0);
     }
@@ -570,8 +570,8 @@ external_source_socket_init(ExternalSourceSocket *self)
   g_mutex_init(&self->lock);
 }
 
-/* Does not chain up: deliberate and kept, the channel and the watch went with the close. What GLib has
- * attached of its own to every object that goes would stay for good, so it goes here. */
+/* Does not chain up, and so clears itself the data that GLib attaches to an object. The close has released
+ * channel and watch. */
 static void
 external_source_socket_finalize(GObject *object)
 {

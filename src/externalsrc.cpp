@@ -141,7 +141,7 @@ external_src_set_property(GObject *object, guint id, const GValue *value, GParam
   TESSARD_EXTERNAL_SRC(object)->video_channel = g_value_get_int(value);
 }
 
-/* Does not chain up: deliberate and kept, the parent classes do nothing here. */
+/* Does not chain up: no parent class implements this. */
 static void
 external_src_state_changed(GstElement *element, GstState old_state, GstState new_state, GstState pending)
 {

@@ -119,8 +119,7 @@ print_version()
   g_print("%s\n", gst_version);
 }
 
-/* Where a platform puts what it must do before anything of the daemon's is set up. Deliberately empty and
- * kept: the place in the order is what it is for. */
+/* Hook for ports to a platform: runs before the daemon sets up anything. Empty here. */
 void
 tessard_init()
 {
@@ -217,7 +216,7 @@ query_move_capabilities()
   gint32 capabilities = 0;
 
   if (reply == nullptr || !unpack_int32(reply, &capabilities, &error)) {
-    /* The blank at its end belongs to the text. */
+    /* docs/compatibility.md, "last blank of a line". */
     syslog(LOG_INFO, "could not get property %s from %s: %s ", MOVE_CAPABILITIES_PROPERTY,
            PTZ_COORDINATOR_PATH, error->message);
   }

@@ -1,7 +1,7 @@
 /* Judges the parameters that several kinds of metadata have in common. The functions keep no state and write
  * nothing but their answer, the error and, for a bad value, a line of the log.
  *
- * The texts reach clients, who may compare them: the runs of blanks in them are part of them and stay.
+ * Texts: docs/compatibility.md, "blanks in texts".
  */
 #include "optionvalidation.h"
 
@@ -70,8 +70,7 @@ option_validation_parse_channel(const gchar *value, GError **error)
     return -1;
   }
 
-  /* errno is deliberately not cleared before: a limit counts as out of bounds exactly if errno reads ERANGE
-   * now, even where that is left from something else. Nobody has a channel with the number of a limit. */
+  /* errno is not cleared before the conversion; docs/compatibility.md, "errno of a channel". */
   const gint32 channel = strtol_32(value);
   if ((channel == G_MAXINT32 || channel == G_MININT32) && errno == ERANGE) {
     source_factory_refuse_value(error, option_validation_error_quark(),

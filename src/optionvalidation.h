@@ -7,8 +7,7 @@ G_BEGIN_DECLS
 /**
  * OPTION_VALIDATION_DEFAULT_CHANNEL:
  *
- * The video channel that a request for analytics means when it names none. Not the first number that a
- * request may name, which is 0: channels are counted from 1, and this default is deliberate and kept.
+ * The video channel of a request for analytics that names none; docs/compatibility.md, "default channel".
  */
 #define OPTION_VALIDATION_DEFAULT_CHANNEL 1
 

@@ -290,9 +290,8 @@ queue_save(JobKind kind)
   queue_job(kind);
 }
 
-/* The channel of a group, or 0 when its index is malformed. Only what stands between the first two dots is
- * looked at: what comes before the first is never checked, and nothing at all counts as index 0. Deliberate
- * and kept. */
+/* The channel of a group, or 0 when its index is malformed. Checks only the text between the first two dots;
+ * docs/compatibility.md, "group names". */
 guint32
 parse_channel(const gchar *group)
 {

@@ -36,9 +36,8 @@ constexpr std::array<Filters, 4> FILTERS = {{
     {FALSE, TRUE},
 }};
 
-/* A parameter that becomes a property of the element, which keeps its own default where the request is
- * silent. So the channel is not 1 then, as it is for scenes: which head is meant is the platform's to say.
- * That is deliberate. */
+/* A parameter that becomes a property of the element. An absent one leaves the element's default, also for
+ * the channel (docs/compatibility.md, "PTZ channel"). */
 struct Option {
   const gchar *key;
   const gchar *property;

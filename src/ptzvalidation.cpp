@@ -1,8 +1,7 @@
 /* Judges the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state and
  * write nothing but their answer, the error and, for a bad value, a line of the log.
  *
- * The texts reach clients, who may compare them: the runs of blanks in them, each at its own place, are part
- * of them and stay.
+ * Texts: docs/compatibility.md, "blanks in texts".
  */
 #include "ptzvalidation.h"
 

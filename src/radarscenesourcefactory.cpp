@@ -26,9 +26,7 @@ G_DEFINE_TYPE_WITH_CODE(RadarSceneSourceFactory, radar_scene_source_factory, G_T
 
 #define PRODUCER "RadarMotionTracker"
 
-/* What a radar tells of an object beside its shape. Configuration tools know this text, with its oddities,
- * and they are kept: "Vehical" in the first class and "Vehicle" further down, the prefix "qurt" that nothing
- * declares, and the one blank before a slash. */
+/* What a radar reports of an object beside its shape; docs/compatibility.md, "radar sample frame". */
 #define RADAR_APPEARANCE                                                                                     \
   "      <tt:Class>"                                                                                         \
   "        <tt:ClassCandidate>"                                                                              \
@@ -70,7 +68,7 @@ constexpr const char *NICE_NAME = "Quon radar motion tracker";
 constexpr const char SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(PRODUCER, RADAR_APPEARANCE);
 static_assert(sizeof SAMPLE_FRAME - 1 == 2007);
 
-/* The runs of blanks inside are what is left of broken lines; clients know the texts so. */
+/* docs/compatibility.md, "blanks in texts". */
 constexpr SceneSourceKind KIND = {
     .bin_name = "radarscenesrcfactorybin",
     .source = "radarscenesrc",
@@ -97,8 +95,7 @@ struct Settings {
   const gchar *source_name;
 };
 
-/* The same test and text as in the validation of options, and yet not a call of it: this factory fails in its
- * own error domain, which is deliberate and kept. */
+/* Same check and text as option_validation_parse_analytics(); docs/compatibility.md, "radar error domain". */
 gboolean
 parse_analytics(GHashTable *params, Analytics *analytics, GError **error)
 {
@@ -140,7 +137,7 @@ find_rotation(gint32 channel, guint32 *rotation, GError **error)
     g_propagate_error(error, g_steal_pointer(&shortage));
     return FALSE;
   }
-  /* Better unturned than not at all. */
+  /* docs/compatibility.md, "rotation failure". */
   syslog(LOG_WARNING, "could not get rotation from capt, using rotation 0");
   return TRUE;
 }

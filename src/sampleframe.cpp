@@ -63,7 +63,7 @@ append_text(GstBuffer *buffer, gchar *text)
       buffer, gst_memory_new_wrapped(static_cast<GstMemoryFlags>(0), text, size, 0, size, text, g_free));
 }
 
-/* Takes the JSON over. The name stands in the frame as it is. */
+/* Takes ownership of the JSON. The name: docs/compatibility.md, "unescaped names". */
 GstBuffer *
 make_frame(gchar *json, const gchar *producer_name)
 {
@@ -123,9 +123,7 @@ sample_frame_convert(gchar **json, const gchar *producer_name)
   if (gst_app_src_push_buffer(source, frame) != GST_FLOW_OK) {
     return nullptr;
   }
-  /* A pipeline that waits for its sink's first buffer says so, and nothing else will do, success included. It
-   * is then released in the state that it has got to: GStreamer keeps one that is past waking, with its
-   * thread and its bus. Both are deliberate and kept; only a broken converter gets here. */
+  /* docs/compatibility.md, "conversion state". Only a broken converter gets here. */
   if (gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_ASYNC) {
     return nullptr;
   }

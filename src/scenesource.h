@@ -12,7 +12,7 @@ G_BEGIN_DECLS
  * @more_appearance: what its object shows beside its shape, a string literal
  *
  * A sample frame of scenes as a string literal: the document pretty-printed with two blanks per level of
- * depth and joined into one line. The runs of blanks are what is left of the lines, and they are kept.
+ * depth and joined into one line; docs/compatibility.md, "blanks in sample frames".
  */
 #define SCENE_SAMPLE_FRAME(producer, more_appearance)                                                        \
   "<tt:SampleFrame xmlns:tt=\"http://www.onvif.org/ver10/schema\" Source=\"" producer "\""                   \

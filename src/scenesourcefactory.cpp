@@ -50,7 +50,7 @@ constexpr gint32 NO_SPACE = -1;
 
 constexpr gint64 PROBE_INTERVAL_US = SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS * G_TIME_SPAN_MILLISECOND;
 
-/* The nine blanks inside are what is left of a broken line; clients know the text so. */
+/* docs/compatibility.md, "blanks in texts". */
 constexpr SceneSourceKind KIND = {
     .bin_name = "scenesrcfactorybin",
     .source = "scenesrc",
@@ -204,8 +204,7 @@ wait_for_scene_provider(SceneRunningFunc scene_running_func, GError **error)
     }
   }
   syslog(LOG_WARNING, "No scene provider available, skipping analytics.");
-  /* Asked once more behind the deadline, too late whatever the answer is: deliberate and kept. Nobody waits
-   * for the answer. */
+  /* docs/compatibility.md, "probe after the deadline". Does not wait for the reply. */
   scene_running_func(0, cancellable, nullptr);
   return FALSE;
 }
@@ -251,8 +250,7 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
   g_autofree gchar *source_name = nullptr;
   guint32 rotation = 0;
 
-  /* Nothing is read or written under the lock. It is a gate, which lets one request in at a time and holds
-   * none back behind it, least of all one that waits for a provider. Deliberate and kept. */
+  /* docs/compatibility.md, "scene request gate". Guards no data, and is released before any wait. */
   g_mutex_lock(&self->lock);
   g_mutex_unlock(&self->lock);
 
@@ -261,9 +259,8 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
       !wait_for_scene_provider(self->scene_running_func, error)) {
     return nullptr;
   }
-  /* Scenes that may be turned the wrong way are none, and not worth a word to a client that gets its other
-   * metadata. Radar scenes go on without; the difference is deliberate and kept. A shortage of descriptors
-   * fails the request. */
+  /* Without a rotation the request goes on without scenes (docs/compatibility.md, "rotation failure"). A
+   * shortage of descriptors fails it. */
   if (!scene_source_query_rotation(request.channel, &rotation, error)) {
     return nullptr;
   }

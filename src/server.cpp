@@ -391,9 +391,8 @@ is_activated_socket(int fd, const gchar *socket_path)
   return sd_is_socket_unix(fd, SOCK_STREAM, 1, socket_path, 0) > 0;
 }
 
-/* More than one socket for the same path: none is used. The first is closed once for every matching one, so
- * that the first close succeeds and each further one fails and logs, and the others stay open: deliberate and
- * kept, the start fails and the process with it. */
+/* Closes the first socket once for every matching one (docs/compatibility.md, "several activated sockets").
+ * The start fails, and the process ends. */
 void
 refuse_activated_sockets(int first_fd, int end_fd, const gchar *socket_path)
 {
@@ -431,8 +430,8 @@ bind_to_path(int fd, const gchar *socket_path)
 {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  /* One character less than would fit: deliberate and kept. A longer path is bound where it is cut, and then
-   * the mode of the whole path cannot be set, so that the start fails all the same. */
+  /* docs/compatibility.md, "socket path length". A longer path is cut here, and setting the mode of the whole
+   * path then fails the start. */
   g_strlcpy(address.sun_path, socket_path, sizeof address.sun_path - 1);
 
   return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;

@@ -3,7 +3,7 @@
 from client import header
 from daemon import WARNING
 
-# What a broken line of a text once left in it; clients know the texts so.
+# docs/compatibility.md, "blanks in texts".
 RUN = " " * 9
 
 INVALID_EVENT = "Invalid value of 'event' parameter: '{}'."

@@ -558,6 +558,24 @@ TEST_F(DBusProducerManagerTest, MakesTextsFitForAMessage)
   EXPECT_EQ(get("Raw", "SampleFrameXML"), "(<'<\xef\xbf\xbd/>'>,)");
 }
 
+/* docs/compatibility.md, "texts on the bus". */
+TEST_F(DBusProducerManagerTest, KeepsTheTextsOfTheExport)
+{
+  acquire();
+  AnalyticsProducer *producer = add("One");
+  auto *klass = G_OBJECT_GET_CLASS(producer);
+
+  for (const char *name : {"name", "nice-name", "sample-frame-xml"}) {
+    GParamSpec *spec = g_object_class_find_property(klass, name);
+    g_auto(GValue) value = G_VALUE_INIT;
+    g_value_init(&value, G_TYPE_STRING);
+    g_value_set_static_string(&value, "changed");
+    klass->set_property(G_OBJECT(producer), spec->param_id, &value, spec);
+    g_object_notify_by_pspec(G_OBJECT(producer), spec);
+  }
+  EXPECT_EQ(managed_objects(), "({" + managed("One", BOTH_DISABLED) + "},)");
+}
+
 TEST_F(DBusProducerManagerTest, LeavesOutProducersWhoseNamesEndNoPath)
 {
   acquire();

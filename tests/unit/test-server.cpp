@@ -595,7 +595,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Exchange{"NoParameters", "OPEN\n\n", "FAIL\nBad request, no metadata can be produced."},
                     Exchange{"NoMetadata", "OPEN\nevent=0\n\n",
                              "FAIL\nBad request, no metadata can be produced."},
-                    /* The factory's text ends in a full stop already. */
+                    /* docs/compatibility.md, "two full stops". */
                     Exchange{"SourceError", "OPEN\nevent=yes\n\n",
                              "FAIL\nUnable to create source: Invalid value of 'event' parameter: 'yes'.."}),
     [](const auto &exchange) { return std::string(exchange.param.name); });
