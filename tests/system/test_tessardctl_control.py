@@ -159,7 +159,7 @@ def test_man_page_tells_the_limits():
     assert MAX_FILE_BYTES % mebibyte == MAX_PENDING_BYTES % mebibyte == 0
     assert f"may take {CALL_SECONDS} seconds each" in page
     assert f"is JSON of at most {MAX_FILE_BYTES // mebibyte} MiB" in page
-    assert f"A reader that lets more than {MAX_PENDING_BYTES // mebibyte} MiB wait" in page
+    assert f"falls more than {MAX_PENDING_BYTES // mebibyte} MiB behind" in page
 
 
 class TestBus:
