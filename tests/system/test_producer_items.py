@@ -365,9 +365,9 @@ def test_several_items_are_one_fragment(convert):
 
 
 @pytest.mark.parametrize("header, name, words", [
-    ("producerframe.h", "PRODUCER_FRAME_BYTES_MAX", "bytes of a message, with what the daemon puts around it"),
+    ("producerframe.h", "PRODUCER_FRAME_BYTES_MAX", "bytes of a message, including the daemon's frame around it"),
     ("jsonform.h", "JSON_VALUES_MAX", "JSON values of a message"),
-    ("jsonform.h", "JSON_DEPTH_MAX", "arrays and objects in each other, three of which are the daemon's"),
+    ("jsonform.h", "JSON_DEPTH_MAX", "nested arrays and objects, three of which are the daemon's"),
     ("jsonform.h", "JSON_MEMBERS_MAX", "members of an object"),
     ("producerframe.h", "PRODUCER_ITEMS_MAX", "items of a message"),
     ("producerframe.h", "PRODUCER_OBJECTS_MAX", "`Objects` of an item"),
