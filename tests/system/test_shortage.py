@@ -211,10 +211,10 @@ DOCS = (TREE / "docs/architecture.md").read_text(encoding="utf-8")
 MANUAL = (TREE / "docs/tessard.8").read_text(encoding="utf-8")
 UNIT = (TREE / "data/tessard.service.in").read_text(encoding="utf-8")
 
-NAMES_IN_DOCS = {"event": "events", "ptz": "the camera head", "scenes": "video scenes", "radar": "radar scenes",
+NAMES_IN_DOCS = {"event": "events", "ptz": "PTZ", "scenes": "video scenes", "radar": "radar scenes",
                  "external": "external producers", "all": "everything"}
 
-COST = re.compile(r"^\| ([a-z ]+) \| (\d+)(, and 1 for each [a-z ]+)? \| (\d+) \|$", re.MULTILINE)
+COST = re.compile(r"^\| ([A-Za-z ]+) \| (\d+)(, and 1 for each [a-z ]+)? \| (\d+) \|$", re.MULTILINE)
 DOCUMENTED_COSTS = {name: (int(descriptors), bool(producers), int(threads))
                     for name, descriptors, producers, threads in COST.findall(DOCS)}
 
