@@ -71,12 +71,10 @@ on_read(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError 
   return G_IO_STATUS_ERROR;
 }
 
-/* Waits for room and writes what fits. Negative with errno set on failure, also when there is no room in
- * time. */
-ssize_t
-write_in_time(int fd, const gchar *buf, gsize count)
+/* FALSE with errno set when there is none in time. @deadline: monotonic, microseconds. */
+gboolean
+wait_for_room(int fd, gint64 deadline)
 {
-  const gint64 deadline = g_get_monotonic_time() + WRITE_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
   pollfd descriptor = {fd, POLLOUT, 0};
   int ready = 0;
 
@@ -88,7 +86,21 @@ write_in_time(int fd, const gchar *buf, gsize count)
   if (ready == 0) {
     errno = EAGAIN;
   }
-  return ready > 0 ? send(fd, buf, count, MSG_DONTWAIT | MSG_NOSIGNAL) : -1;
+  return ready > 0;
+}
+
+/* Writes what fits. Negative with errno set on failure, also when there is no room in time. A socket takes
+ * far more than poll() reports room for, so poll() is asked only when nothing fits. */
+ssize_t
+write_in_time(int fd, const gchar *buf, gsize count)
+{
+  const gint64 deadline = g_get_monotonic_time() + WRITE_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+  ssize_t written = send(fd, buf, count, MSG_DONTWAIT | MSG_NOSIGNAL);
+
+  while (written < 0 && errno == EAGAIN && wait_for_room(fd, deadline)) {
+    written = send(fd, buf, count, MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+  return written;
 }
 
 /* GLib keeps what could not be written and tries again when the channel goes. By then the descriptor may be

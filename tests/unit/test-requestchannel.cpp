@@ -1,6 +1,7 @@
 #include "requestchannel.h"
 
 #include "requestoutcome.h"
+#include "server.h"
 #include "testclient.h"
 #include "testhost.h"
 
@@ -158,6 +159,21 @@ TEST_F(RequestChannelTest, NeverWritesToWhoeverGetsTheDescriptorNext)
   for (const int fd : next) {
     EXPECT_EQ(close(fd), 0);
   }
+}
+
+/* It names the request, which a client may make as long as a request can be. */
+TEST_F(RequestChannelTest, WritesTheLongestReplyThoughTheClientDoesNotReadYet)
+{
+  open();
+  const std::string reply(SERVER_MAX_REQUEST_BYTES + 100, 'x');
+
+  ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
+  EXPECT_EQ(
+      g_io_channel_write_chars(channel_, reply.data(), static_cast<gssize>(reply.size()), nullptr, nullptr),
+      G_IO_STATUS_NORMAL);
+  EXPECT_EQ(g_io_channel_flush(channel_, nullptr), G_IO_STATUS_NORMAL);
+  g_clear_pointer(&channel_, g_io_channel_unref);
+  EXPECT_TRUE(client_->received() == reply);
 }
 
 /* The client reads nothing, so that its socket takes no more. Nor does releasing the channel wait for it. */
