@@ -75,14 +75,15 @@ class Load:
         self.troubles.append({"trouble": name, "began": began, "ended": time.monotonic()})
 
     @contextlib.asynccontextmanager
-    async def step(self, what, category=MISSING):
-        """What has to be over before the patience is."""
+    async def step(self, what, category=MISSING, more_seconds=0):
+        """What has to be over before the patience is, and some seconds more."""
         began = time.monotonic()
+        seconds = self.patience + more_seconds
         try:
-            async with asyncio.timeout(self.patience):
+            async with asyncio.timeout(seconds):
                 yield
         except TimeoutError:
-            raise Failed(category, f"not within {self.patience} s: {what}", began) from None
+            raise Failed(category, f"not within {seconds} s: {what}", began) from None
 
     def take_report(self):
         """Everything counted so far, and what is new since the last time."""

@@ -11,6 +11,7 @@ from daemon import NOTHING_ASKED
 from documents import Document
 from external import NUMBER, SOURCE
 from fakedaemon import GDP_BUFFER, GDP_HEADER_BYTES, GDP_LENGTH, GDP_TYPE
+from installation import documented_limit
 from load import MISSING, REFUSED, WRONG, Failed, readable
 from refusals import INVALID_ANALYTICS, INVALID_EVENT
 
@@ -29,6 +30,9 @@ CHECKED = 50
 # How many numbers of each producer a client waits for.
 NUMBERS = 3
 
+# How long a message may take. One of more than a client may hold keeps the client's other producers waiting meanwhile.
+MESSAGE_SECONDS = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS") / 1000
+
 DOCUMENT_START = re.compile(rb"(?:<\?xml[^>]*\?>\s*)?<tt:MetadataStream\b")
 DOCUMENT_END = b"</tt:MetadataStream>"
 EVENT_STATE, PTZ_STATUS = b'PropertyOperation="Initialized"', b"<tt:PTZStatus"
@@ -41,12 +45,15 @@ class Waived(Exception):
 
 class Kind:
     """What a client asks for, and what has to come of it: these bytes, at the start and after each sync point, and the
-    numbers of the producers that behave."""
+    numbers of the producers that behave.
 
-    def __init__(self, marks=(), numbers=False, **wishes):
+    pauses_seconds: for how long its numbers may wait for longer messages of the same client"""
+
+    def __init__(self, marks=(), numbers=False, pauses_seconds=0, **wishes):
         self.request = f"OPEN\n{header(**wishes)}\n".encode()
         self.marks = frozenset(marks)
         self.numbers = numbers
+        self.pauses_seconds = pauses_seconds
 
 
 KINDS = {
@@ -56,7 +63,8 @@ KINDS = {
     "scenes": Kind([VIDEO_FRAME], analytics=2, video_channel=VIDEO_CHANNEL),
     "radar scenes": Kind([RADAR_FRAME], analytics=1, video_channel=RADAR_CHANNEL),
     "external producers": Kind(numbers=True, analytics=1, video_channel=EXTERNAL_CHANNEL),
-    "everything": Kind([EVENT_STATE, PTZ_STATUS, VIDEO_FRAME, RADAR_FRAME], numbers=True, event=1, ptz=1, analytics=2,
+    "everything": Kind([EVENT_STATE, PTZ_STATUS, VIDEO_FRAME, RADAR_FRAME], numbers=True,
+                       pauses_seconds=NUMBERS * MESSAGE_SECONDS, event=1, ptz=1, analytics=2,
                        video_channel=FULL_CHANNEL),
 }
 
@@ -202,9 +210,9 @@ class Visit:
 # Clients that behave
 
 
-async def receive(load, visit, watch, is_enough, what):
+async def receive(load, visit, watch, is_enough, what, more_seconds=0):
     """Reads documents until there is enough."""
-    async with load.step(what):
+    async with load.step(what, more_seconds=more_seconds):
         while not is_enough():
             document = await visit.document()
             if document is None:
@@ -218,7 +226,7 @@ async def receive_numbers(load, visit, watch, asked):
         return watch.has_numbers() or not load.is_steady(asked)
 
     try:
-        await receive(load, visit, watch, is_enough, "the numbers of producers")
+        await receive(load, visit, watch, is_enough, "the numbers of producers", watch.kind.pauses_seconds)
     except Failed as failed:
         # A stream that has fallen silent brings no document to look again at.
         if failed.category != MISSING:
