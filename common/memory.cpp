@@ -27,6 +27,15 @@
 #include <malloc.h>
 #include <utility>
 
+/* GCC defines macros, Clang has features. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HAS_SANITIZER TRUE
+#elif defined(__has_feature)
+#define HAS_SANITIZER (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#else
+#define HAS_SANITIZER FALSE
+#endif
+
 namespace
 {
 
@@ -89,7 +98,7 @@ exchange_kept_blocks()
   }
 }
 
-#if !GLIB_CHECK_VERSION(2, 76, 0) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !GLIB_CHECK_VERSION(2, 76, 0) && !HAS_SANITIZER
 void
 give_up_slices()
 {
@@ -144,7 +153,9 @@ memory_start_trimming(void)
 void
 memory_trim_later(void)
 {
-  exchange_kept_blocks();
+  if (!HAS_SANITIZER) {
+    exchange_kept_blocks();
+  }
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
   trims_left = TRIMS_FOR_A_REQUEST;
