@@ -10,10 +10,6 @@
  * once and an interval later, because what asks may still have to be freed. Requests that come meanwhile are
  * one.
  *
- * For each thread the allocator keeps some freed blocks of every small size, which no trim touches. Each of
- * them may keep a page that is otherwise free. Only the thread itself can take them out, so it does when it
- * asks for a trim.
- *
  * GLib before 2.76 has small blocks of its own, its slices, and keeps all that were ever in use at one time.
  * It can be told to take them from the C library's allocator instead, but only before its own initialisation,
  * which is over when main() begins.
@@ -22,30 +18,13 @@
  */
 #include "memory.h"
 
-#include <algorithm>
-#include <array>
 #include <malloc.h>
 #include <utility>
-
-/* GCC defines macros, Clang has features. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HAS_SANITIZER TRUE
-#elif defined(__has_feature)
-#define HAS_SANITIZER (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
-#else
-#define HAS_SANITIZER FALSE
-#endif
 
 namespace
 {
 
 constexpr guint TRIMS_FOR_A_REQUEST = 2;
-
-/* The blocks that the allocator keeps for a thread: of which sizes, and how many of each. */
-constexpr gsize SMALLEST_KEPT = 24;
-constexpr gsize LARGEST_KEPT = 1032;
-constexpr gsize STEP_OF_KEPT = 16;
-constexpr gsize KEPT_OF_A_SIZE = 7;
 
 GMutex lock;
 GCond changed;
@@ -84,21 +63,7 @@ trim_on_request(gpointer user_data)
   return nullptr;
 }
 
-/* Exchanges the blocks that the allocator keeps for the calling thread for others. It hands out first what it
- * keeps, and then what is free between blocks in use, in pages that stay anyway. Of the blocks that are freed
- * it keeps the first ones. */
-void
-exchange_kept_blocks()
-{
-  std::array<gpointer, 2 * KEPT_OF_A_SIZE> blocks;
-
-  for (gsize size = SMALLEST_KEPT; size <= LARGEST_KEPT; size += STEP_OF_KEPT) {
-    std::generate(blocks.begin(), blocks.end(), [size] { return g_try_malloc(size); });
-    std::for_each(blocks.rbegin(), blocks.rend(), g_free);
-  }
-}
-
-#if !GLIB_CHECK_VERSION(2, 76, 0) && !HAS_SANITIZER
+#if !GLIB_CHECK_VERSION(2, 76, 0) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void
 give_up_slices()
 {
@@ -147,17 +112,13 @@ memory_start_trimming(void)
  * memory_trim_later:
  *
  * Asks for what is free, and what is freed shortly, to be given back to the system. Never waits for that. At
- * most one trim begins within MEMORY_TRIM_INTERVAL_MS, however often this is called. What the allocator keeps
- * for the calling thread becomes free at once, which takes some 60 microseconds on a desk. Any thread.
+ * most one trim begins within MEMORY_TRIM_INTERVAL_MS, however often this is called. Any thread.
  */
 void
 memory_trim_later(void)
 {
-  if (!HAS_SANITIZER) {
-    exchange_kept_blocks();
-  }
-
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+
   trims_left = TRIMS_FOR_A_REQUEST;
   g_cond_signal(&changed);
 }

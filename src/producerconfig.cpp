@@ -24,7 +24,6 @@
  */
 #include "producerconfig.h"
 
-#include "memory.h"
 #include "ratelimitedlog.h"
 
 #include <cerrno>
@@ -385,7 +384,6 @@ work_off_jobs(gpointer)
     case JobKind::END:
       return nullptr;
     }
-    memory_trim_later();
   }
 }
 

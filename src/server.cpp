@@ -22,7 +22,6 @@
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
 #include "hangupwatch.h"
-#include "memory.h"
 #include "ratelimitedlog.h"
 #include "request.h"
 #include "requestchannel.h"
@@ -241,11 +240,11 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   connection_manager_start(manager);
 }
 
-/* One connection, from its request to its reply. */
+/* On a pool thread: one connection, from its request to its reply. */
 void
-handle_connection(Connection *item)
+handle_request(gpointer item, gpointer user_data)
 {
-  g_autoptr(Connection) connection = item;
+  g_autoptr(Connection) connection = static_cast<Connection *>(item);
   if (hang_up_watch_is_gone(connection->fd)) {
     return;
   }
@@ -261,14 +260,6 @@ handle_connection(Connection *item)
     return;
   }
   serve(connection, channel, sources);
-}
-
-/* On a pool thread, which may have nothing to do for long afterwards. */
-void
-handle_request(gpointer item, gpointer user_data)
-{
-  handle_connection(static_cast<Connection *>(item));
-  memory_trim_later();
 }
 
 /* What has not been handled when the server stops. */

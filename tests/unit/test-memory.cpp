@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <malloc.h>
 #include <memory>
 #include <string>
@@ -62,42 +61,6 @@ count_heaps()
     count++;
   }
   return count;
-}
-
-/* In whole pages, what the process has in memory. */
-gsize
-count_resident_pages()
-{
-  gsize size = 0;
-  gsize resident = 0;
-  FILE *file = fopen("/proc/self/statm", "r");
-
-  EXPECT_EQ(fscanf(file, "%zu %zu", &size, &resident), 2);
-  fclose(file);
-  return resident;
-}
-
-/* Frees seven blocks of each small size, each in a page that is free but for it: the allocator keeps them.
- * They come from the end of the heap, because so many others take all that is free before it. Returns those.
- */
-std::vector<Block>
-scatter_kept_blocks()
-{
-  constexpr gsize SPACE = 4000;
-  constexpr unsigned OTHERS_OF_A_SIZE = 500;
-  std::vector<Block> others;
-  std::vector<Block> blocks;
-  std::vector<Block> spaces;
-
-  for (gsize size = 24; size <= 1032; size += 16) {
-    std::generate_n(std::back_inserter(others), OTHERS_OF_A_SIZE, [size] { return Block(malloc(size)); });
-    for (unsigned i = 0; i < 7; i++) {
-      blocks.emplace_back(malloc(size));
-      spaces.emplace_back(malloc(SPACE));
-      memset(spaces.back().get(), 1, SPACE);
-    }
-  }
-  return others;
 }
 
 class MemoryTest : public testhost::Fixture
@@ -181,22 +144,6 @@ TEST_F(MemoryTest, ManyThreadsShareFewHeaps)
   for (std::thread &thread : threads) {
     thread.join();
   }
-}
-
-TEST_F(MemoryTest, BlocksThatAreKeptForTheThreadGoToo)
-{
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
-  const std::vector<Block> others = scatter_kept_blocks();
-  __real_malloc_trim(0);
-  const gsize before = count_resident_pages();
-
-  memory_start_trimming();
-  memory_trim_later();
-  memory_stop_trimming();
-  __real_malloc_trim(0);
-  EXPECT_LT(count_resident_pages() + 300, before);
 }
 
 TEST_F(MemoryTest, GLibKeepsNoSmallBlocks)
