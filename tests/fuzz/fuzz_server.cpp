@@ -337,7 +337,8 @@ private:
   Server *server_;
 };
 
-// Descriptors that are short for as long as this lives.
+// Descriptors that are short for as long as this lives. The limit is above the number of those that are open,
+// or poll() would refuse to wait for them: a process whose limit stands still never has more.
 class Shortage
 {
 public:
@@ -349,7 +350,7 @@ public:
     limit.rlim_cur = 0;
     for (gsize left = free + 1; left > 0; limit.rlim_cur++)
       left -= taken.contains(static_cast<int>(limit.rlim_cur)) ? 0 : 1;
-    limit.rlim_cur--;
+    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur - 1, taken.size() + 1);
     setrlimit(RLIMIT_NOFILE, &limit);
   }
   ~Shortage()

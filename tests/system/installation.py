@@ -20,6 +20,9 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 
+# Whether the installed programs have the address sanitizer, which is slow and brings an allocator of its own.
+SANITIZED = "ASAN_OPTIONS" in os.environ
+
 UNPRIVILEGED_USER = "nobody"
 UNPRIVILEGED_GROUP = "nogroup"
 

@@ -17,17 +17,16 @@ from daemon import NOTHING_ASKED, producers_enabled
 from documents import Document
 from external import ANALYTICS, COUNTER, DETECTOR, NUMBER, SOURCE, numbered
 from fakereceiver import message
+from installation import SANITIZED
 from receiver import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 # Whoever sees something odd once sees it again.
 SEED = 2407
 
-# An instrumented daemon takes many times as long for each number.
-SANITIZED = "ASAN_OPTIONS" in os.environ
-
 # How many messages each producer sends to each client. One in so many has any length up to the longest, the others are
 # short; within that, each order of magnitude is as frequent as the next.
+# A daemon with a sanitizer takes many times as long for each number.
 MESSAGES = 1_000 if SANITIZED else 10_000
 ONE_IN_LONG = 100 if SANITIZED else 10
 SHORTEST_BYTES, SHORT_BYTES, LONGEST_BYTES = 10, 2_000, 200_000

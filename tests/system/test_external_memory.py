@@ -12,7 +12,7 @@ from gi.repository import GLib
 
 from daemon import ERROR, producers_enabled
 from external import ANALYTICS, COUNTER, DETECTOR, GATE, expect_told, numbered
-from installation import documented_limit
+from installation import SANITIZED, documented_limit
 from promptness import expect_prompt, times
 from receiver import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
@@ -24,7 +24,7 @@ TOTAL_LIMIT = documented_limit("messageaccount.h", "MESSAGE_ACCOUNT_TOTAL_LIMIT"
 TIMEOUT_SECONDS = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS") / 1000
 
 # A sanitizer brings an allocator of its own, which keeps what is freed.
-needs_allocator = pytest.mark.skipif("ASAN_OPTIONS" in os.environ, reason="a sanitizer's allocator is in use")
+needs_allocator = pytest.mark.skipif(SANITIZED, reason="a sanitizer's allocator is in use")
 
 TIMED_OUT = (ERROR, "Could not read request data from client socket: Connection timed out: Connection timed out")
 NO_MEMORY = (ERROR, "Could not read request data from client socket: Cannot allocate memory: Cannot allocate memory")

@@ -18,7 +18,7 @@ from daemon import LOG_BURST, LOG_SECONDS, NOTHING_ASKED, RADAR_TRACKER, WARNING
 from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_told,
                       not_converted, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
-from installation import EVENT_PLUGIN, RADAR_PLUGIN, documented_limit
+from installation import EVENT_PLUGIN, RADAR_PLUGIN, SANITIZED, documented_limit
 from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import CAPTURE, RECEIVER
 from tool import NAME
@@ -48,8 +48,6 @@ ROUNDS = 15
 CROWD_OF_PRODUCERS, CROWD_OF_CLIENTS = 8, 40
 CROWD = [f"producer{number}" for number in range(CROWD_OF_PRODUCERS)]
 CROWD_AND_RADAR_ENABLED = producers_enabled({(name, 1): name for name in CROWD} | {(RADAR_TRACKER, 1): "radar"})
-
-SANITIZED = "ASAN_OPTIONS" in os.environ
 
 # More than any crowd here needs.
 MANY_DESCRIPTORS = 8192
