@@ -5,7 +5,6 @@ import itertools
 import json
 import os
 import threading
-import time
 
 import pytest
 from gi.repository import GLib
