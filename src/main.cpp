@@ -1,5 +1,6 @@
 /* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
 #include "analyticsproducer.h"
+#include "buscall.h"
 #include "dbusclient.h"
 #include "dbusserver.h"
 #include "eventsourcefactory.h"
@@ -233,9 +234,10 @@ call_scene_manager(const gchar *method, gint timeout_ms, GCancellable *cancellab
   if (bus == nullptr) {
     return nullptr;
   }
-  return g_dbus_connection_call_sync(bus, SCENE_MANAGER_NAME, SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE,
-                                     method, nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, timeout_ms,
-                                     cancellable, nullptr);
+  const BusCall call = {bus,     SCENE_MANAGER_NAME, SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE, method,
+                        nullptr, timeout_ms};
+
+  return bus_call_sync(&call, cancellable, nullptr);
 }
 
 /* Whether somebody provides scenes of a channel at least. Called on the request server's pool threads. */

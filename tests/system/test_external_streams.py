@@ -6,7 +6,6 @@ import json
 import os
 import re
 import threading
-import time
 
 import pytest
 from gi.repository import GLib

@@ -10,7 +10,7 @@ from busclient import BusClient
 from daemon import VIDEO_TRACKER, stored_names
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, SCENE_PLUGIN
 from promptness import expect_prompt, times
-from tool import MANAGER, NAME, PRODUCER, ROOT, Tool, path_of
+from tool import MANAGER, NAME, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, DOCUMENT_PLUGIN)
