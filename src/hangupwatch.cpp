@@ -1,8 +1,8 @@
 /* Tells a thread that waits on behalf of a client when that client has hung up.
  *
- * The thread works for the client with a cancellable as its current one, and whatever it calls may look at
- * that: a source factory knows no clients. The main loop watches the descriptor and cancels. A client that
- * ends its writing half only is still there and is waiting for its reply.
+ * The thread has a cancellable as its current one while it works for the client. The functions that it calls
+ * can check that cancellable: a source factory knows no clients. The main loop watches the descriptor and
+ * cancels. A client that ends its writing half only is still there and is waiting for its reply.
  *
  * The main loop's callback holds a reference to the cancellable and touches nothing else. So a watch may go
  * at any time, on the thread that it is for, while the callback runs; the descriptor may be closed right

@@ -208,7 +208,7 @@ unpack_int32(GVariant *reply, gint32 *number, GError **error)
   return TRUE;
 }
 
-/* What the camera's head can move, as its driver says it; 0 if nobody says. */
+/* What the camera's head can move, as its driver reports it; 0 without a report. */
 gint32
 query_move_capabilities()
 {
@@ -224,7 +224,7 @@ query_move_capabilities()
   return capabilities;
 }
 
-/* Calls without a proxy: a new proxy loads all properties, which nobody reads here, and waits for them with
+/* Calls without a proxy: a new proxy loads all properties, which are not needed here, and waits for them with
  * GDBus' default time-out. NULL without an error when there is no answer. */
 GVariant *
 call_scene_manager(const gchar *method, gint timeout_ms, GCancellable *cancellable, GError **error)

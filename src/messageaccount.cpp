@@ -6,7 +6,7 @@
  *
  * Rules. A client that holds more than MESSAGE_ACCOUNT_CLIENT_LIMIT begins no message until it holds no more
  * than MESSAGE_ACCOUNT_CLIENT_RESUME. While all clients together hold more than MESSAGE_ACCOUNT_TOTAL_LIMIT,
- * nobody begins one. A message that has begun is not paused.
+ * no client begins one. A message that has begun is not paused.
  *
  * When a message that begins makes the sum exceed MESSAGE_ACCOUNT_TOTAL_LIMIT, messages that are being read
  * end until the sum is within the limit, each time the longest one of the client that holds most. Of equal
@@ -15,7 +15,7 @@
  * is read. So the sum never exceeds both limits together.
  *
  * A reader whose length comes in pieces may begin before the sum exceeds the limit, and know its length only
- * afterwards. When nobody else has to end a message for it, its own message ends.
+ * afterwards. If no other message can end to make room, its own message ends.
  *
  * Waiting. A reader that may not begin waits. Any thread may lower a count. When that lets a waiting reader
  * go on, a source in the default main context is added, at most one at a time, which calls the readers on the
@@ -169,7 +169,7 @@ set_unfinished(MessageReader *reader, gsize bytes)
   set_count(reader->account, &reader->account->unfinished, others + bytes);
 }
 
-/* NULL when nobody who reads a message is beyond the limit of a client. */
+/* NULL when no client that reads a message exceeds the limit of a client. */
 MessageReader *
 find_biggest()
 {

@@ -38,8 +38,8 @@ source_factory_error_quark(void)
  * Asks one factory for a source. No argument is checked here: an object of a class that is no factory is a
  * programming error. Any thread.
  *
- * A factory that waits ends its wait when the calling thread's current #GCancellable is cancelled, because
- * nobody needs the source any more, and fails the request.
+ * When the calling thread's current #GCancellable is cancelled, the source is not needed. A factory that
+ * waits then ends its wait and fails the request.
  *
  * Returns: (transfer full) (nullable): a new element, usually floating, with one source pad to link; %NULL
  *   without an error when the factory has nothing to contribute, %NULL with one when the request fails

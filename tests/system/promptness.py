@@ -1,4 +1,4 @@
-"""How long others may take while somebody keeps the daemon busy."""
+"""How long the daemon may take for one client while another keeps it busy."""
 
 import statistics
 import time

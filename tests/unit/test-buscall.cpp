@@ -32,6 +32,27 @@ protected:
   }
 };
 
+/* On GDBus' own thread. */
+GDBusMessage *
+drop_and_cancel(GDBusConnection *connection, GDBusMessage *message, gboolean is_incoming, gpointer user_data)
+{
+  if (is_incoming && g_strcmp0(g_dbus_message_get_member(message), "Ask") == 0) {
+    g_clear_object(&message);
+    g_cancellable_cancel(G_CANCELLABLE(user_data));
+  }
+  return message;
+}
+
+/* Keeps the calling thread busy for so long: the moments of a cancellation are finer than a sleep. */
+void
+spin_for(gint64 time_us)
+{
+  const gint64 end_us = g_get_monotonic_time() + time_us;
+
+  while (g_get_monotonic_time() < end_us) {
+  }
+}
+
 } // namespace
 
 TEST_F(BusCallTest, ReturnsTheReply)
@@ -74,35 +95,24 @@ TEST_F(BusCallTest, EndsWhenItIsCancelledBefore)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
-/* Nobody answers for a connection of this program, which dispatches nothing meanwhile. */
+/* The call is cancelled when it reaches its destination, which drops it. */
 TEST_F(BusCallTest, EndsWhenItIsCancelledMeanwhile)
 {
   const Bus bus;
   const Peer peer;
   const Peer silent;
   const std::string name = silent.name();
-  g_dbus_connection_add_filter(
-      silent.connection(),
-      [](GDBusConnection *, GDBusMessage *message, gboolean is_incoming, gpointer) -> GDBusMessage * {
-        if (is_incoming) {
-          g_clear_object(&message);
-        }
-        return message;
-      },
-      nullptr, nullptr);
-  const BusCall call = {peer.connection(), name.c_str(), "/", "org.example.Silent", "Ask", nullptr, -1};
   g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  g_dbus_connection_add_filter(silent.connection(), drop_and_cancel, g_object_ref(cancellable),
+                               g_object_unref);
+  const BusCall call = {peer.connection(), name.c_str(), "/", "org.example.Silent", "Ask", nullptr, -1};
   g_autoptr(GError) error = nullptr;
-  std::thread canceller([cancellable] {
-    g_usleep(50 * 1000);
-    g_cancellable_cancel(cancellable);
-  });
 
   EXPECT_EQ(bus_call_sync(&call, cancellable, &error), nullptr);
-  canceller.join();
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
+/* At each moment from the call to long behind its reply. */
 TEST_F(BusCallTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogether)
 {
   constexpr unsigned ROUNDS = 3000;
@@ -118,7 +128,7 @@ TEST_F(BusCallTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogether)
     const unsigned delay_us = chance() % LONGEST_US;
     g_autoptr(GCancellable) cancellable = g_cancellable_new();
     std::thread canceller([cancellable, delay_us] {
-      g_usleep(delay_us);
+      spin_for(delay_us);
       g_cancellable_cancel(cancellable);
     });
     g_autoptr(GVariant) reply = bus_call_sync(&call, cancellable, nullptr);
