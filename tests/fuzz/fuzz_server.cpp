@@ -71,6 +71,10 @@ constexpr int MAX_DESCRIPTORS = 1024;
 
 const std::string NOTHING = "FAIL\nBad request, no metadata can be produced.";
 const std::string NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
+constexpr const char *OVERDUE[] = {
+    "FAIL\nCould not read request from client socket: Request not complete within 10000 ms",
+    "FAIL\nCould not read request header from socket: Request not complete within 10000 ms",
+};
 const std::string NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error.";
 
 GstElement *
@@ -277,6 +281,8 @@ private:
     }
     if (was_short)
       replies.insert(NOT_CREATED);
+    if (is_overdue())
+      replies.insert(std::begin(OVERDUE), std::end(OVERDUE));
     return replies;
   }
 
@@ -296,7 +302,14 @@ private:
     return {kind == LACKS ? NOT_CREATED : NOTHING};
   }
 
+  // On a machine that is too busy, a request may have met its time-out.
+  bool is_overdue() const
+  {
+    return g_get_monotonic_time() >= begin_us_ + SERVER_REQUEST_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+  }
+
   int fd_;
+  const gint64 begin_us_ = g_get_monotonic_time();
   guint watch_ = 0;
   std::string sent_;
   std::string received_;
