@@ -32,6 +32,8 @@ void memory_start_trimming(void);
 
 void memory_trim_later(void);
 
+void memory_hand_over_kept_blocks(void);
+
 void memory_stop_trimming(void);
 
 G_END_DECLS

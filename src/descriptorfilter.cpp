@@ -14,6 +14,7 @@
  */
 #include "descriptorfilter.h"
 
+#include "memory.h"
 #include "ratelimitedlog.h"
 
 #include <algorithm>
@@ -170,6 +171,7 @@ on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming
     rate_limited_log(&refusals, LOG_WARNING, "refused file descriptors from %s: nobody asked for them",
                      g_dbus_message_get_sender(original));
   }
+  memory_hand_over_kept_blocks();
   return passed;
 }
 

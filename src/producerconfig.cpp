@@ -24,6 +24,7 @@
  */
 #include "producerconfig.h"
 
+#include "memory.h"
 #include "ratelimitedlog.h"
 
 #include <cerrno>
@@ -384,6 +385,8 @@ work_off_jobs(gpointer)
     case JobKind::END:
       return nullptr;
     }
+    memory_trim_later();
+    memory_hand_over_kept_blocks();
   }
 }
 

@@ -22,6 +22,7 @@
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
 #include "hangupwatch.h"
+#include "memory.h"
 #include "ratelimitedlog.h"
 #include "request.h"
 #include "requestchannel.h"
@@ -240,11 +241,11 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   connection_manager_start(manager);
 }
 
-/* On a pool thread: one connection, from its request to its reply. */
+/* One connection, from its request to its reply. */
 void
-handle_request(gpointer item, gpointer user_data)
+handle_connection(Connection *item)
 {
-  g_autoptr(Connection) connection = static_cast<Connection *>(item);
+  g_autoptr(Connection) connection = item;
   if (hang_up_watch_is_gone(connection->fd)) {
     return;
   }
@@ -260,6 +261,14 @@ handle_request(gpointer item, gpointer user_data)
     return;
   }
   serve(connection, channel, sources);
+}
+
+/* On a pool thread, which may have nothing to do for long afterwards. */
+void
+handle_request(gpointer item, gpointer)
+{
+  handle_connection(static_cast<Connection *>(item));
+  memory_hand_over_kept_blocks();
 }
 
 /* What has not been handled when the server stops. */

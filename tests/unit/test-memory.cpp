@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <malloc.h>
 #include <memory>
 #include <string>
@@ -62,6 +64,101 @@ count_heaps()
   }
   return count;
 }
+
+/* In whole pages, what the process has in memory. */
+gsize
+count_resident_pages()
+{
+  gsize size = 0;
+  gsize resident = 0;
+  FILE *file = fopen("/proc/self/statm", "r");
+
+  EXPECT_EQ(fscanf(file, "%zu %zu", &size, &resident), 2);
+  fclose(file);
+  return resident;
+}
+
+/* Frees seven blocks of each small size, each in a page that is free but for it: the allocator keeps them.
+ * They come from the end of the heap, because so many others take all that is free before it. Returns those.
+ */
+std::vector<Block>
+scatter_kept_blocks()
+{
+  constexpr gsize SPACE = 4000;
+  constexpr unsigned OTHERS_OF_A_SIZE = 500;
+  std::vector<Block> others;
+  std::vector<Block> blocks;
+  std::vector<Block> spaces;
+
+  for (gsize size = 24; size <= 1032; size += 16) {
+    std::generate_n(std::back_inserter(others), OTHERS_OF_A_SIZE, [size] { return Block(malloc(size)); });
+    for (unsigned i = 0; i < 7; i++) {
+      blocks.emplace_back(malloc(size));
+      spaces.emplace_back(malloc(SPACE));
+      memset(spaces.back().get(), 1, SPACE);
+    }
+  }
+  return others;
+}
+
+/* Takes all that the allocator keeps for the calling thread, so that whoever allocates next takes more. */
+std::vector<Block>
+take_kept_blocks()
+{
+  std::vector<Block> blocks;
+
+  for (gsize size = 24; size <= 1032; size += 16) {
+    std::generate_n(std::back_inserter(blocks), 7, [size] { return Block(malloc(size)); });
+  }
+  return blocks;
+}
+
+/* A thread of the program that stays. Frees blocks and, once told, hands over what is kept of them. */
+class Worker
+{
+public:
+  Worker() : thread([this] { run(); })
+  {
+    EXPECT_TRUE(testhost::spin_until([this] { return scattered.load(); }));
+  }
+
+  ~Worker()
+  {
+    over = true;
+    thread.join();
+  }
+
+  void hand_over()
+  {
+    told = true;
+    EXPECT_TRUE(testhost::spin_until([this] { return done.load(); }));
+  }
+
+private:
+  void run()
+  {
+    others = scatter_kept_blocks();
+    scattered = true;
+    wait_for(told);
+    memory_hand_over_kept_blocks();
+    done = true;
+    wait_for(over);
+  }
+
+  static void wait_for(const std::atomic<bool> &flag)
+  {
+    while (!flag) {
+      g_thread_yield();
+    }
+  }
+
+  std::vector<Block> others;
+  std::atomic<bool> scattered = false;
+  std::atomic<bool> told = false;
+  std::atomic<bool> done = false;
+  std::atomic<bool> over = false;
+  std::thread thread;
+};
 
 class MemoryTest : public testhost::Fixture
 {
@@ -144,6 +241,86 @@ TEST_F(MemoryTest, ManyThreadsShareFewHeaps)
   for (std::thread &thread : threads) {
     thread.join();
   }
+}
+
+TEST_F(MemoryTest, ReturnsWhatIsKeptForTheMainThread)
+{
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  const std::vector<Block> others = scatter_kept_blocks();
+  __real_malloc_trim(0);
+  const gsize before = count_resident_pages();
+
+  memory_start_trimming();
+  memory_trim_later();
+  EXPECT_TRUE(testhost::spin_until([] { return trims == 1; }));
+  memory_stop_trimming();
+  EXPECT_LT(count_resident_pages() + 300, before);
+}
+
+TEST_F(MemoryTest, ReturnsWhatAThreadHandsOver)
+{
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  Worker worker;
+  memory_start_trimming();
+  memory_trim_later();
+  EXPECT_TRUE(testhost::spin_until([] { return trims == 1; }));
+  const gsize before = count_resident_pages();
+
+  worker.hand_over();
+  EXPECT_TRUE(testhost::spin_until([] { return trims == 2; }));
+  memory_stop_trimming();
+  EXPECT_LT(count_resident_pages() + 300, before);
+}
+
+TEST_F(MemoryTest, AThreadHandsOverOnceBeforeATrim)
+{
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  memory_start_trimming();
+  memory_trim_later();
+  memory_hand_over_kept_blocks();
+  const std::vector<Block> kept = take_kept_blocks();
+  const gsize before = mallinfo2().uordblks;
+
+  memory_hand_over_kept_blocks();
+  EXPECT_EQ(mallinfo2().uordblks, before);
+  memory_stop_trimming();
+}
+
+TEST_F(MemoryTest, AThreadHandsNothingOverUnlessATrimIsWanted)
+{
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  memory_start_trimming();
+  memory_trim_later();
+  EXPECT_TRUE(testhost::spin_until([] { return trims == 2; }));
+  const std::vector<Block> kept = take_kept_blocks();
+  const gsize before = mallinfo2().uordblks;
+
+  memory_hand_over_kept_blocks();
+  EXPECT_EQ(mallinfo2().uordblks, before);
+  memory_stop_trimming();
+}
+
+TEST_F(MemoryTest, StopsWhileTheMainThreadIsAsked)
+{
+  memory_start_trimming();
+  memory_trim_later();
+  /* Nothing of it is dispatched here. */
+  const gint64 end_us = g_get_monotonic_time() + 10 * G_TIME_SPAN_SECOND;
+  while (!g_main_context_pending(nullptr) && g_get_monotonic_time() < end_us) {
+    g_thread_yield();
+  }
+  EXPECT_TRUE(g_main_context_pending(nullptr));
+  memory_stop_trimming();
+  EXPECT_FALSE(g_main_context_pending(nullptr));
+  EXPECT_EQ(trims, 0U);
 }
 
 TEST_F(MemoryTest, GLibKeepsNoSmallBlocks)
