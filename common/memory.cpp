@@ -12,8 +12,8 @@
  *
  * For each thread the allocator keeps up to seven freed blocks of every small size. No trim returns them, and
  * each can keep a page that is otherwise free. Only the thread itself gets them, by allocating, and if it
- * frees them, the allocator keeps them again. So threads that stay hand them over before a trim, and a thread
- * that ends frees them: for that one the allocator keeps nothing.
+ * frees them, the allocator keeps them again. So threads that stay take them, and a thread that ends frees
+ * them: for that one the allocator keeps nothing.
  *
  * GLib before 2.76 has small blocks of its own, its slices, and keeps all that were ever in use at one time.
  * It can be told to take them from the C library's allocator instead, but only before its own initialisation,
@@ -50,6 +50,19 @@ Block *handed_over;
 gboolean main_thread_asked;
 gboolean stopping;
 
+/* The blocks that the allocator keeps for the calling thread, or as many others, before @rest. */
+Block *
+take_kept_blocks(Block *rest)
+{
+  for (gsize size = SMALLEST_KEPT; size <= LARGEST_KEPT; size += STEP_OF_KEPT) {
+    for (gsize i = 0; i < KEPT_OF_A_SIZE; i++) {
+      auto *block = static_cast<Block *>(g_malloc(size));
+      block->next = std::exchange(rest, block);
+    }
+  }
+  return rest;
+}
+
 gpointer
 free_blocks(gpointer user_data)
 {
@@ -65,11 +78,11 @@ free_blocks_on_thread(Block *blocks)
 {
   GThread *thread = blocks == nullptr ? nullptr : g_thread_try_new("free", free_blocks, blocks, nullptr);
 
-  if (thread != nullptr) {
-    g_thread_join(thread);
-  } else {
+  if (thread == nullptr) {
     free_blocks(blocks);
+    return;
   }
+  g_thread_join(thread);
 }
 
 gboolean
@@ -214,12 +227,19 @@ memory_hand_over_kept_blocks(void)
   if (trims_left == 0 || std::exchange(handed_over_for, trims_begun) == trims_begun) {
     return;
   }
-  for (gsize size = SMALLEST_KEPT; size <= LARGEST_KEPT; size += STEP_OF_KEPT) {
-    for (gsize i = 0; i < KEPT_OF_A_SIZE; i++) {
-      auto *block = static_cast<Block *>(g_malloc(size));
-      block->next = std::exchange(handed_over, block);
-    }
-  }
+  handed_over = take_kept_blocks(handed_over);
+}
+
+/**
+ * memory_free_kept_blocks:
+ *
+ * Frees the freed blocks that the allocator keeps for the calling thread, for later trims to return. Starts a
+ * thread and waits for its end. For threads that may have nothing to do for long. Any thread.
+ */
+void
+memory_free_kept_blocks(void)
+{
+  free_blocks_on_thread(take_kept_blocks(nullptr));
 }
 
 /**

@@ -34,6 +34,8 @@ void memory_trim_later(void);
 
 void memory_hand_over_kept_blocks(void);
 
+void memory_free_kept_blocks(void);
+
 void memory_stop_trimming(void);
 
 G_END_DECLS

@@ -268,7 +268,7 @@ void
 handle_request(gpointer item, gpointer)
 {
   handle_connection(static_cast<Connection *>(item));
-  memory_hand_over_kept_blocks();
+  memory_free_kept_blocks();
 }
 
 /* What has not been handled when the server stops. */

@@ -80,8 +80,9 @@ IDLE_PEER_POLICY = f"""\
 
 REPORT = re.compile(r"(?:WARNING: ThreadSanitizer|ERROR: (?:Address|Leak)Sanitizer|: runtime error): ?")
 # A stream that arrived when the limit had just been lowered cannot be kept, which the daemon tells as it should.
-COMPLAINT = re.compile(r"\S+-(?:CRITICAL|WARNING|ERROR) \*\*|\*\* \(|assertion '.*' failed"
-                       r"|(?<!Failed to parse fd from variant: dup: )Too many open files")
+COMPLAINT = re.compile(r"\S+-(?:CRITICAL|WARNING|ERROR) \*\*|\*\* \(|assertion '.*' failed")
+# A complaint on standard error alone: in the log the daemon's own lines end so.
+SHORTAGE = "Too many open files"
 LEAK_CHECK = re.compile(r"^leak check: (\d+)$", re.MULTILINE)
 
 NUMBER = re.compile(r"\d+")
@@ -233,7 +234,7 @@ class DaemonLog:
 
     def complaints(self):
         return (sum(count for line, count in self.lines.items() if COMPLAINT.search(line))
-                + sum(1 for line in self.stderr.splitlines() if COMPLAINT.search(line)))
+                + sum(1 for line in self.stderr.splitlines() if COMPLAINT.search(line) or SHORTAGE in line))
 
     def reports(self):
         return len(REPORT.findall(self.stderr))

@@ -276,6 +276,20 @@ TEST_F(MemoryTest, ReturnsWhatAThreadHandsOver)
   EXPECT_LT(count_resident_pages() + 300, before);
 }
 
+TEST_F(MemoryTest, FreesWhatIsKeptForTheCallingThread)
+{
+  if (HAS_OWN_ALLOCATOR) {
+    GTEST_SKIP() << "a sanitizer's allocator is in use";
+  }
+  const std::vector<Block> others = scatter_kept_blocks();
+  __real_malloc_trim(0);
+  const gsize before = count_resident_pages();
+
+  memory_free_kept_blocks();
+  __real_malloc_trim(0);
+  EXPECT_LT(count_resident_pages() + 300, before);
+}
+
 TEST_F(MemoryTest, AThreadHandsOverOnceBeforeATrim)
 {
   if (HAS_OWN_ALLOCATOR) {
