@@ -265,7 +265,7 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledWhileItWaits)
 
   sample_frame_queue_cancel(cancelled.conversion);
   hold.reset();
-  ASSERT_TRUE(spin_until([&next] { return next.calls == 1; }));
+  ASSERT_TRUE(spin_until([&] { return next.calls == 1 && have_ended(callers); }));
   EXPECT_EQ(cancelled.calls, 0);
   std::lock_guard guard(lock);
   EXPECT_EQ(std::count(converted.begin(), converted.end(), xml_of("cancelled", "Faces")), 0);
