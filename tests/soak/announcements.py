@@ -35,7 +35,8 @@ ENABLED = (*WELL_BEHAVED, *MISBEHAVED, *COMERS)
 
 ON_SOCKETS, NONBLOCKING = ("Good2", "Huge"), ("Garbage",)
 
-# Sample frames, of which most are right and one is too long. GDBus keeps a buffer of the longest message.
+# Sample frames. Most are valid; the longest exceeds the limit by a few bytes only, because GDBus keeps a buffer as
+# large as the longest message.
 SAMPLES = (SAMPLE, SAMPLE, SAMPLE, SAMPLE, "{", '{"Filling":"' + "x" * (1024 * 1024) + '"}')
 
 # How long it may take until the producers that behave are on the bus again, behind all others.

@@ -101,7 +101,20 @@ scatter_kept_blocks()
   return others;
 }
 
-/* Takes all that the allocator keeps for the calling thread, so that whoever allocates next takes more. */
+/* How many pages @work returns of those in which blocks are kept for the calling thread. */
+gsize
+count_returned_pages(const std::function<void()> &work)
+{
+  const std::vector<Block> others = scatter_kept_blocks();
+  malloc_trim(0);
+  const gsize before = count_resident_pages();
+
+  work();
+  const gsize after = count_resident_pages();
+  return before - std::min(before, after);
+}
+
+/* Empties what the allocator keeps for the calling thread: its next allocation increases the bytes in use. */
 std::vector<Block>
 take_kept_blocks()
 {
@@ -172,6 +185,19 @@ protected:
   }
 };
 
+/* What the sanitizers' allocators do otherwise. */
+class AllocatorTest : public MemoryTest
+{
+protected:
+  void SetUp() override
+  {
+    MemoryTest::SetUp();
+    if (HAS_OWN_ALLOCATOR) {
+      GTEST_SKIP() << "a sanitizer's allocator is in use";
+    }
+  }
+};
+
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -196,11 +222,8 @@ __wrap_malloc_trim(size_t padding)
 #pragma GCC visibility pop
 
 /* First of all, before anything has changed the allocator's mind. */
-TEST_F(MemoryTest, MapsLargeBlocksWhateverWasFreedBefore)
+TEST_F(AllocatorTest, MapsLargeBlocksWhateverWasFreedBefore)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   memory_set_up();
   for (const gsize mib : {1, 8, 16, 30}) {
     const Block block(malloc(mib * 1024 * 1024));
@@ -216,16 +239,13 @@ TEST_F(MemoryTest, MapsLargeBlocksWhateverWasFreedBefore)
   EXPECT_EQ(count_mappings(), before + 1);
 }
 
-TEST_F(MemoryTest, ManyThreadsShareFewHeaps)
+TEST_F(AllocatorTest, ManyThreadsShareFewHeaps)
 {
   constexpr gsize THREADS = 16;
   std::atomic<gsize> holding = 0;
   std::atomic<bool> over = false;
   std::vector<std::thread> threads;
 
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   memory_set_up();
   /* Other threads may have theirs already. */
   const gsize before = count_heaps();
@@ -246,27 +266,20 @@ TEST_F(MemoryTest, ManyThreadsShareFewHeaps)
   }
 }
 
-TEST_F(MemoryTest, ReturnsWhatIsKeptForTheMainThread)
+TEST_F(AllocatorTest, ReturnsWhatIsKeptForTheMainThread)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
-  const std::vector<Block> others = scatter_kept_blocks();
-  __real_malloc_trim(0);
-  const gsize before = count_resident_pages();
-
-  memory_start_trimming();
-  memory_trim_later();
-  EXPECT_TRUE(testhost::spin_until([] { return trims == 1; }));
-  memory_stop_trimming();
-  EXPECT_LT(count_resident_pages() + 300, before);
+  EXPECT_GT(count_returned_pages([] {
+              trims = 0;
+              memory_start_trimming();
+              memory_trim_later();
+              EXPECT_TRUE(testhost::spin_until([] { return trims == 1; }));
+              memory_stop_trimming();
+            }),
+            300U);
 }
 
-TEST_F(MemoryTest, ReturnsWhatAThreadHandsOver)
+TEST_F(AllocatorTest, ReturnsWhatAThreadHandsOver)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   Worker worker;
   memory_start_trimming();
   memory_trim_later();
@@ -279,25 +292,17 @@ TEST_F(MemoryTest, ReturnsWhatAThreadHandsOver)
   EXPECT_LT(count_resident_pages() + 300, before);
 }
 
-TEST_F(MemoryTest, FreesWhatIsKeptForTheCallingThread)
+TEST_F(AllocatorTest, FreesWhatIsKeptForTheCallingThread)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
-  const std::vector<Block> others = scatter_kept_blocks();
-  __real_malloc_trim(0);
-  const gsize before = count_resident_pages();
-
-  memory_free_kept_blocks();
-  __real_malloc_trim(0);
-  EXPECT_LT(count_resident_pages() + 300, before);
+  EXPECT_GT(count_returned_pages([] {
+              memory_free_kept_blocks();
+              malloc_trim(0);
+            }),
+            300U);
 }
 
-TEST_F(MemoryTest, AThreadHandsOverOnceBeforeATrim)
+TEST_F(AllocatorTest, AThreadHandsOverOnceBeforeATrim)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   memory_start_trimming();
   memory_trim_later();
   memory_hand_over_kept_blocks();
@@ -309,11 +314,8 @@ TEST_F(MemoryTest, AThreadHandsOverOnceBeforeATrim)
   memory_stop_trimming();
 }
 
-TEST_F(MemoryTest, AThreadHandsNothingOverUnlessATrimIsWanted)
+TEST_F(AllocatorTest, AThreadHandsNothingOverUnlessATrimIsWanted)
 {
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   memory_start_trimming();
   memory_trim_later();
   EXPECT_TRUE(testhost::spin_until([] { return trims == 2; }));
@@ -340,15 +342,12 @@ TEST_F(MemoryTest, StopsWhileTheMainThreadIsAsked)
   EXPECT_EQ(trims, 0U);
 }
 
-TEST_F(MemoryTest, GLibKeepsNoSmallBlocks)
+TEST_F(AllocatorTest, GLibKeepsNoSmallBlocks)
 {
   constexpr gsize BLOCKS = 200000;
   constexpr gsize SIZE = 64;
   std::vector<gpointer> blocks;
 
-  if (HAS_OWN_ALLOCATOR) {
-    GTEST_SKIP() << "a sanitizer's allocator is in use";
-  }
   blocks.reserve(BLOCKS);
   const gsize before = mallinfo2().uordblks;
   while (blocks.size() < BLOCKS) {
