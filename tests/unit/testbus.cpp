@@ -120,6 +120,33 @@ own_name(GDBusConnection *connection, const char *name)
   g_variant_unref(ask_bus(connection, "RequestName", g_variant_new("(su)", name, 0U)));
 }
 
+void
+on_settled(GObject *connection, GAsyncResult *result, gpointer settled)
+{
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply =
+      g_dbus_connection_call_finish(reinterpret_cast<GDBusConnection *>(connection), result, &error);
+
+  g_assert_no_error(error);
+  *static_cast<bool *>(settled) = true;
+}
+
+/* A call that waits has a descriptor of its own, which the thread of GDBus may close after the call has
+ * returned. That thread has closed it when it brings the reply to a later call; this one has no descriptor.
+ * It needs a thread's own context, since it dispatches that. */
+void
+wait_for_earlier_calls(GDBusConnection *connection)
+{
+  bool settled = false;
+
+  g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                         "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, on_settled,
+                         &settled);
+  while (!settled) {
+    g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
+  }
+}
+
 std::string
 describe(GDBusMessage *call)
 {
@@ -317,6 +344,7 @@ Service::run(const char *name)
   bool closed = false;
   g_signal_connect(connection, "closed", G_CALLBACK(on_closed), &closed);
   own_name(connection, name);
+  wait_for_earlier_calls(connection);
   {
     std::lock_guard guard(lock_);
     connection_ = connection;
