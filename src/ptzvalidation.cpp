@@ -29,7 +29,7 @@ constexpr Digit PANTILT_SPACE = {
 constexpr Digit ZOOM_SPACE = {
     2,
     "Invalid value of 'ptz zoom coordinate space'         parameter",
-    "Value out of bounds for 'ptz zoom coordinate space'         parameter",
+    "Value out of bounds for         'ptz zoom coordinate space' parameter",
 };
 
 gint32

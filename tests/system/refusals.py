@@ -16,7 +16,7 @@ INVALID_PAN_TILT_SPACE = f"Invalid value of{RUN}'ptz pantilt coordinate space' p
 PAN_TILT_SPACE_OUT_OF_BOUNDS = (f"Value out of bounds for{RUN}'ptz pantilt coordinate space' "
                                 "parameter: '{}'.")
 INVALID_ZOOM_SPACE = f"Invalid value of 'ptz zoom coordinate space'{RUN}parameter: '{{}}'."
-ZOOM_SPACE_OUT_OF_BOUNDS = f"Value out of bounds for 'ptz zoom coordinate space'{RUN}parameter: '{{}}'."
+ZOOM_SPACE_OUT_OF_BOUNDS = f"Value out of bounds for{RUN}'ptz zoom coordinate space' parameter: '{{}}'."
 
 # Each key with values that are refused, and how.
 WRONG_CHANNELS = [

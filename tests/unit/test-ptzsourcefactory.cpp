@@ -182,7 +182,7 @@ TEST_F(PTZSourceFactoryTest, RefusesABadChannelEvenWithoutPtz)
 TEST_F(PTZSourceFactoryTest, RefusesABadSpaceEvenWhenPtzIsOff)
 {
   expect_refused({{"ptz", "0"}, {"ptz_zoom_coordinate_space", "5"}}, ptz_validation_error_quark(),
-                 "Value out of bounds for 'ptz zoom coordinate space'         parameter: '5'.");
+                 "Value out of bounds for         'ptz zoom coordinate space' parameter: '5'.");
   expect_refused({{"ptz_pantilt_coordinate_space", "a"}}, ptz_validation_error_quark(),
                  "Invalid value of         'ptz pantilt coordinate space' parameter: 'a'.");
 }
@@ -204,7 +204,7 @@ TEST_F(PTZSourceFactoryTest, TellsTheFirstBadParameterOfPtzChannelPantiltZoom)
                  "Value out of bounds for         'ptz pantilt coordinate space' parameter: '8'.");
   params[1].second = "1";
   expect_refused(params, ptz_validation_error_quark(),
-                 "Value out of bounds for 'ptz zoom coordinate space'         parameter: '9'.");
+                 "Value out of bounds for         'ptz zoom coordinate space' parameter: '9'.");
 }
 
 TEST_F(PTZSourceFactoryTest, FailsWithoutThePlatformsElement)

@@ -43,7 +43,7 @@ const Validator ZOOM = {
     ptz_validation_parse_ptz_zoom,
     2,
     "Invalid value of 'ptz zoom coordinate space'" + NINE_BLANKS + "parameter: ",
-    "Value out of bounds for 'ptz zoom coordinate space'" + NINE_BLANKS + "parameter: ",
+    "Value out of bounds for" + NINE_BLANKS + "'ptz zoom coordinate space' parameter: ",
 };
 
 class PtzValidationTest : public testhost::Fixture, public testing::WithParamInterface<Validator>

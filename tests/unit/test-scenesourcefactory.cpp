@@ -331,7 +331,7 @@ TEST_F(SceneSourceFactoryTest, TellsTheFirstBadParameterOfAnalyticsChannelPtzPan
                  out_of_bounds("        'ptz pantilt coordinate space'", "7"));
   params[1].second = "1";
   expect_refused(params, ptz_validation_error_quark(),
-                 out_of_bounds("'ptz zoom coordinate space'        ", "6"));
+                 out_of_bounds("        'ptz zoom coordinate space'", "6"));
 }
 
 /* Enablement. */
