@@ -756,10 +756,15 @@ find_refusal(gint fd)
   }
 }
 
-/* FALSE when the descriptor has been refused; that is logged. */
+/* FALSE when the descriptor has been refused; that is logged. The receiver can cause a negative one, so it is
+ * checked by hand: a precondition macro can be compiled out. */
 gboolean
 accept_descriptor(gint fd, const gchar *source_name)
 {
+  if (fd < 0) {
+    g_return_if_fail_warning(G_LOG_DOMAIN, "external_source_socket_new", "consumer_fd > -1");
+    return FALSE;
+  }
   const gchar *reason = find_refusal(fd);
 
   if (reason != nullptr) {
@@ -834,10 +839,12 @@ shut_down(ExternalSourceSocket *self)
  * A descriptor that cannot carry a stream is closed and @user_data is released, with a line at warning
  * priority that names @source_name: one that is not open for reading, and one that is neither a pipe nor a
  * socket nor a file. So is one that cannot be watched, with a line that names nobody. A folder is accepted;
- * its first read fails, which is logged at error priority. Any thread.
+ * its first read fails, which is logged at error priority. A negative descriptor releases @user_data too. Any
+ * thread.
  *
- * Warnings: "consumer_fd > -1", "source_name != NULL", "account != NULL", "on_data != NULL" and
- * "on_close != NULL" are preconditions; when one fails, neither the descriptor nor @user_data is taken over.
+ * Warnings: "source_name != NULL", "account != NULL", "on_data != NULL" and "on_close != NULL" are
+ * preconditions; when one fails, neither the descriptor nor @user_data is taken over. A negative descriptor
+ * raises the same kind of warning, "consumer_fd > -1", also where preconditions are not checked.
  *
  * Returns: (transfer full) (nullable): a new socket, or %NULL when @consumer_fd is no stream
  */
@@ -846,7 +853,6 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
                            ExternalSourceSocketDataFunc on_data, ExternalSourceSocketCloseFunc on_close,
                            gpointer user_data, GDestroyNotify user_data_free)
 {
-  g_return_val_if_fail(consumer_fd > -1, nullptr);
   g_return_val_if_fail(source_name != NULL, nullptr);
   g_return_val_if_fail(account != NULL, nullptr);
   g_return_val_if_fail(on_data != NULL, nullptr);

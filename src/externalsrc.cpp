@@ -249,8 +249,7 @@ external_src_new(void)
 /**
  * external_src_add_socket:
  * @src: (transfer none): the element
- * @fd: (transfer full): the descriptor of a producer's stream; a negative one, which is what is left of a
- *   request that has failed and was logged, is ignored
+ * @fd: (transfer full): the descriptor of a producer's stream, or -1 from a reply without one
  * @source_name: the name that stands in every frame of this producer
  *
  * Reads one more producer, until its stream ends, the element goes from PAUSED to READY or it is taken out of
@@ -259,7 +258,7 @@ external_src_new(void)
  * priority names @source_name. Any thread.
  *
  * Warnings: "src != NULL" and "source_name != NULL" are preconditions; when one fails, the descriptor is not
- * taken over.
+ * taken over. "consumer_fd > -1" when @fd is negative and the element still takes streams.
  */
 void
 external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
@@ -267,9 +266,6 @@ external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
   g_return_if_fail(src != NULL);
   g_return_if_fail(source_name != NULL);
 
-  if (fd < 0) {
-    return;
-  }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
   if (src->closing) {
     close(fd);

@@ -79,8 +79,11 @@ IDLE_PEER_POLICY = f"""\
 """
 
 REPORT = re.compile(r"(?:WARNING: ThreadSanitizer|ERROR: (?:Address|Leak)Sanitizer|: runtime error): ?")
-# A stream that arrived when the limit had just been lowered cannot be kept, which the daemon tells as it should.
-COMPLAINT = re.compile(r"\S+-(?:CRITICAL|WARNING|ERROR) \*\*|\*\* \(|assertion '.*' failed")
+# A stream that arrived when the limit had just been lowered cannot be kept, which the daemon reports with a line in the
+# log and a warning about its descriptor.
+NO_STREAM = "assertion 'consumer_fd > -1' failed"
+COMPLAINT = re.compile(rf"\S+-(?:CRITICAL|WARNING|ERROR) \*\*(?!.*{NO_STREAM})|\*\* \("
+                       rf"|(?!{NO_STREAM})assertion '.*' failed")
 # A complaint on standard error alone: in the log the daemon's own lines end so.
 SHORTAGE = "Too many open files"
 LEAK_CHECK = re.compile(r"^leak check: (\d+)$", re.MULTILINE)

@@ -21,6 +21,7 @@ from waiting import BOUND_SECONDS, wait_until
 MAX_PAYLOAD_BYTES = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MAX_PAYLOAD")
 
 NO_DESCRIPTOR = (WARNING, "Failed to parse fd from variant: the reply holds no such descriptor\n")
+NEGATIVE_DESCRIPTOR = "assertion 'consumer_fd > -1' failed"
 NO_OBJECT = (WARNING, "tried to find a dbus object for producer which did not exist")
 TOO_LONG = (ERROR, "Could not read request data from client socket: Message too long: Message too long")
 
@@ -149,6 +150,7 @@ def test_answer_without_a_descriptor_costs_its_producer_alone(detector, counter,
         counter.wait_for_stream().send(numbered(1))
         expect_told(stream, (YARD, 1))
         assert daemon.log.take(1) == [NO_DESCRIPTOR]
+        wait_until(lambda: NEGATIVE_DESCRIPTOR in daemon.take_stderr(), "the warning is on standard error")
 
     expect_idle(daemon)
 

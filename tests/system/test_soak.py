@@ -294,6 +294,8 @@ def test_number_that_is_lost_or_comes_twice_is_seen(numbers):
     ("\n", 0, 0),
     ("(tessard:7): GLib-GObject-CRITICAL **: 10:00:00.000: g_object_unref: assertion failed\n", 1, 0),
     ("(tessard:7): GStreamer-WARNING **: 10:00:00.000: something\n", 1, 0),
+    ("(tessard:7): tessard-CRITICAL **: 10:00:00.000: f: assertion 'consumer_fd > -1' failed\n", 0, 0),
+    ("(tessard:7): tessard-CRITICAL **: 10:00:00.000: f: assertion 'conn != NULL' failed\n", 1, 0),
     ("GLib: Too many open files\n", 1, 0),
     ("==7==ERROR: AddressSanitizer: heap-use-after-free on address 0x1\n", 0, 1),
     ("==7==ERROR: LeakSanitizer: detected memory leaks\nleak check: 1\n", 0, 1),

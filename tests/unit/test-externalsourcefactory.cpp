@@ -463,6 +463,7 @@ TEST_F(ExternalSourceFactoryTest, CopesWithAStreamThatFailed)
 
   ASSERT_EQ(questions.size(), 1U);
   questions[0].on_fd(-1, "yard", questions[0].user_data);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1"}));
   release(questions);
   g_object_get(source, "num-sockets", &sockets, nullptr);
   EXPECT_EQ(sockets, 0U);

@@ -556,8 +556,6 @@ TEST_F(ExternalSourceSocketTest, TakesNothingOverWhenAnArgumentIsWrong)
   const auto on_close = Reader::on_close;
   const Account client;
 
-  EXPECT_EQ(external_source_socket_new(-1, NAME, client.account, on_data, on_close, this, on_release),
-            nullptr);
   EXPECT_EQ(external_source_socket_new(fd, nullptr, client.account, on_data, on_close, this, on_release),
             nullptr);
   EXPECT_EQ(external_source_socket_new(fd, NAME, nullptr, on_data, on_close, this, on_release), nullptr);
@@ -566,9 +564,25 @@ TEST_F(ExternalSourceSocketTest, TakesNothingOverWhenAnArgumentIsWrong)
   EXPECT_EQ(external_source_socket_new(fd, NAME, client.account, on_data, nullptr, this, on_release),
             nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(),
-            (Texts{"consumer_fd > -1", "source_name != NULL", "account != NULL", "on_data != NULL",
-                   "on_close != NULL"}));
+            (Texts{"source_name != NULL", "account != NULL", "on_data != NULL", "on_close != NULL"}));
   EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(ExternalSourceSocketTest, ReleasesTheUserDataOfANegativeDescriptor)
+{
+  for (const int fd : {-1, G_MININT}) {
+    const Account client;
+    int released = 0;
+
+    EXPECT_EQ(external_source_socket_new(fd, NAME, client.account, Reader::on_data, Reader::on_close,
+                                         &released, [](gpointer count) { ++*static_cast<int *>(count); }),
+              nullptr);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(external_source_socket_new(fd, NAME, client.account, Reader::on_data, Reader::on_close, nullptr,
+                                         nullptr),
+              nullptr);
+    EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1", "consumer_fd > -1"}));
+  }
 }
 
 TEST_F(ExternalSourceSocketTest, ChecksForASocket)

@@ -387,10 +387,22 @@ TEST_F(ExternalSrcTest, ChecksTheArgumentsOfASocket)
   EXPECT_EQ(close(producer.consumer_fd), 0);
 }
 
-TEST_F(ExternalSrcTest, IgnoresWhatIsNoDescriptor)
+/* The branch's destructor finds a reference that is left. */
+TEST_F(ExternalSrcTest, WarnsOfANegativeDescriptorAndKeepsNoReference)
 {
   Branch branch;
 
+  external_src_add_socket(branch.src, -1, NAME);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1"}));
+  EXPECT_EQ(num_sockets(branch.src), 0U);
+}
+
+TEST_F(ExternalSrcTest, TakesANegativeDescriptorSilentlyOnceItCloses)
+{
+  Branch branch;
+
+  branch.set_state(GST_STATE_PAUSED);
+  branch.stop();
   external_src_add_socket(branch.src, -1, NAME);
   EXPECT_EQ(num_sockets(branch.src), 0U);
 }
@@ -625,6 +637,7 @@ TEST_F(ExternalSrcTest, BoundsWhatWaitsForAClientThatDoesNotRead)
   EXPECT_LE(branch.queued_bytes(), limit);
   EXPECT_LT(messages.total(), 2 * limit);
   external_src_add_socket(branch.src, -1, NAME);
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1"}));
   other.hang_up();
   EXPECT_EQ(num_sockets(branch.src), 2U);
   branch.stop();
