@@ -301,7 +301,7 @@ analytics_producer_new(const gchar *name, const gchar *nice_name, const gchar *s
  * Changes the entry, hands the change to producer_config_set_name(), which does not wait for the disk, and
  * notifies #AnalyticsProducer:channels-enabled. Main thread.
  *
- * Warnings: "Tried to enable/disable producer on non-supported channel %u on %s"; nothing is changed
+ * Warnings: "Tried to enable/disable producer on non-supported channel %d on %s"; nothing is changed
  */
 void
 analytics_producer_set_channel_enabled(AnalyticsProducer *self, guint32 channel, gboolean enabled,
@@ -312,8 +312,8 @@ analytics_producer_set_channel_enabled(AnalyticsProducer *self, guint32 channel,
 
   AnalyticsProducerChannel *entry = find_channel(self, channel);
   if (entry == nullptr) {
-    syslog(LOG_WARNING, "Tried to enable/disable producer on non-supported channel %u on %s", channel,
-           self->name);
+    syslog(LOG_WARNING, "Tried to enable/disable producer on non-supported channel %d on %s",
+           static_cast<gint32>(channel), self->name);
     return;
   }
 

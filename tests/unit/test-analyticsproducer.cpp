@@ -535,14 +535,16 @@ TEST_F(AnalyticsProducerTest, RefusesAChannelThatItDoesNotSupport)
   const Notifications notifications(producer);
   const std::string before = content();
 
-  for (const guint32 channel : {0U, 1U, 7U, G_MAXUINT32}) {
+  /* The log has the channel as the bus does, where it is a signed number. */
+  for (const gint32 logged : {0, 1, 7, -1}) {
+    const auto channel = static_cast<guint32>(logged);
     EXPECT_FALSE(analytics_producer_is_channel_supported(producer, channel));
     EXPECT_EQ(state(producer, channel), "disabled");
     for (const bool enabled : {true, false}) {
       analytics_producer_set_channel_enabled(producer, channel, enabled, "profile");
       EXPECT_EQ(testhost::take_syslog(),
                 (SyslogLines{{LOG_WARNING, "Tried to enable/disable producer on non-supported channel " +
-                                               std::to_string(channel) + " on Stored"}}));
+                                               std::to_string(logged) + " on Stored"}}));
     }
   }
   EXPECT_TRUE(analytics_producer_is_channel_supported(producer, 2));
