@@ -1,7 +1,7 @@
 """The daemon of the system tests, with its bus and the simulated camera, for somebody who measures it.
 
 They come from the staged installation that TESSARD_STAGE names, or from one made from the build folder that
-TESSARD_BUILD names (build-desk/ by default)."""
+TESSARD_BUILD names (build-desk/ by default), which has the tests' own libraries in any case."""
 
 import contextlib
 import os

@@ -58,6 +58,11 @@ def run_by_root():
     return os.geteuid() == 0
 
 
+def build_folder():
+    """The build folder of the installation under test."""
+    return pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build-desk")).resolve()
+
+
 def unprivileged():
     """Arguments for subprocess that drop a root's privileges; others run things as themselves."""
     if not run_by_root():
@@ -123,21 +128,22 @@ class Workspace:
 
 
 class Installation:
-    """Where everything of one staged installation is."""
+    """Where everything of one staged installation is, and of the tests' libraries, which are never installed."""
 
     def __init__(self, stage, workspace):
         self.workspace = workspace
+        self.stage = stage
         self.tessard = stage / "usr/bin/tessard"
         self.simcamera = self._only(stage, "usr/lib/**/tessard/sim/simcamera")
         self.bus_policy = stage / "usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
-        self.testhost = self._only(stage, "usr/lib/**/tessard/tests/libtesthost.so")
+        self.testhost = self._test_library("tests/system/preload/libtesthost.so")
         # Only a build with the thread sanitizer has it.
-        self.tsan_glib = next(stage.glob("usr/lib/**/tessard/tests/libtsan-glib-preload.so"), None)
+        self.tsan_glib = self._test_library("tests/tsan/libtsan-glib-preload.so")
         self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
-        self.failing_plugins = {name: self._only(stage, f"usr/lib/**/tessard/tests/plugins/libgst{name}.so")
+        self.failing_plugins = {name: self._test_library(f"tests/system/plugins/libgst{name}.so")
                                 for name in (EVENT_PLUGIN, JSON_PLUGIN)}
         self.plugin_environments = {}
 
@@ -145,6 +151,11 @@ class Installation:
     def _only(stage, pattern):
         (path,) = stage.glob(pattern)
         return path
+
+    def _test_library(self, name):
+        """A copy of a library that the build made, which the daemon's user can read; None when the build has none."""
+        original = build_folder() / name
+        return self._readable_copy(original) if original.exists() else None
 
     def new_plugin_folder(self, names, failing=False):
         """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it. Where
@@ -171,19 +182,21 @@ class Installation:
     def sanitizer_environment(self, more=None):
         """The sanitizers' variables of this session with more options, made fit for the daemon: its user can read the
         files that they name, and the preloaded library may come before the sanitizer's own."""
-        variables = {name: re.sub(r"(?<=\bsuppressions=)[^:]+", self._readable_copy, value)
+        variables = {name: re.sub(r"(?<=\bsuppressions=)[^:]+", self._copy_match, value)
                      for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
         options = [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0", more]
         variables["ASAN_OPTIONS"] = ":".join(filter(None, options))
         return variables
 
-    def _readable_copy(self, match):
-        original = pathlib.Path(match.group())
+    def _copy_match(self, match):
+        return str(self._readable_copy(pathlib.Path(match.group())))
+
+    def _readable_copy(self, original):
         copy = self.workspace.path / original.name
         if not copy.exists():
             shutil.copyfile(original, copy)
             copy.chmod(0o644)
-        return str(copy)
+        return copy
 
 
 class Bus:
@@ -240,9 +253,8 @@ class Bus:
 
 
 def make_stage(workspace):
-    """Installs a build folder below the workspace."""
-    build = pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build-desk"))
+    """Installs the build folder below the workspace."""
     stage = workspace.path / "stage"
-    subprocess.run(["meson", "install", "--no-rebuild", "--quiet", "-C", build, "--destdir", stage], check=True,
-                   umask=0o022)
+    subprocess.run(["meson", "install", "--no-rebuild", "--quiet", "-C", build_folder(), "--destdir", stage],
+                   check=True, umask=0o022)
     return stage
