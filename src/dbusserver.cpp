@@ -17,6 +17,29 @@ constexpr const char *BUS_NAME = "com.quon.MetadataServer1";
 
 guint owner_id; /* 0 when the name is not asked for */
 
+GCancellable *lookup; /* cancels looking for the name's owner; NULL when the name is not asked for */
+
+constexpr const char *NO_CONNECTION = "there is no connection to the system bus";
+
+void
+log_unavailable(const gchar *reason)
+{
+  syslog(LOG_WARNING, "The control service is unavailable: %s.", reason);
+}
+
+/* A connection that owns the name by now has logged that it acquired it. */
+void
+log_owner(GDBusConnection *connection, GVariant *reply)
+{
+  const gchar *owner = nullptr;
+
+  g_variant_get(reply, "(&s)", &owner);
+  if (g_strcmp0(owner, g_dbus_connection_get_unique_name(connection)) != 0) {
+    g_autofree gchar *reason = g_strdup_printf("%s has the name %s", owner, BUS_NAME);
+    log_unavailable(reason);
+  }
+}
+
 } // namespace
 
 static void
@@ -33,12 +56,38 @@ on_name_acquired(GDBusConnection *, const gchar *, gpointer)
   syslog(LOG_INFO, "DBus-name acquired");
 }
 
-/* There is no bus, the bus went away, or another process owns the name; docs/compatibility.md, "lost bus
- * name". The daemon stays in the bus' queue, so the name may still come. */
+/* GLib does not pass on why the bus gave no name. A name without an owner is one that the policy refused. */
 static void
-on_name_lost(GDBusConnection *, const gchar *, gpointer)
+on_name_owner(GObject *source, GAsyncResult *result, gpointer)
+{
+  GDBusConnection *connection = G_DBUS_CONNECTION(source);
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GVariant) reply = g_dbus_connection_call_finish(connection, result, &error);
+
+  if (reply != nullptr) {
+    log_owner(connection, reply);
+  } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+    log_unavailable("the bus policy does not let this user own the name com.quon.MetadataServer1");
+  } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
+    log_unavailable(NO_CONNECTION);
+  } else if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+    log_unavailable(error->message);
+  }
+}
+
+/* There is no bus, the bus went away, another process owns the name or the policy refuses it;
+ * docs/compatibility.md, "lost bus name". The daemon stays in the bus' queue, so the name may still come. */
+static void
+on_name_lost(GDBusConnection *connection, const gchar *, gpointer)
 {
   syslog(LOG_INFO, "DBus-name was lost");
+  if (connection == nullptr) {
+    log_unavailable(NO_CONNECTION);
+    return;
+  }
+  g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                         "GetNameOwner", g_variant_new("(s)", BUS_NAME), G_VARIANT_TYPE("(s)"),
+                         G_DBUS_CALL_FLAGS_NONE, -1, lookup, on_name_owner, nullptr);
 }
 
 /**
@@ -50,6 +99,9 @@ on_name_lost(GDBusConnection *, const gchar *, gpointer)
  * thread.
  *
  * Infos: "Bus acquired", "DBus-name acquired", "DBus-name was lost"
+ *
+ * Warnings: "The control service is unavailable: %s." says why the name was lost: no bus, another owner, or
+ * the bus' policy
  */
 void
 dbus_server_init(AnalyticsProducerList *producers)
@@ -58,6 +110,7 @@ dbus_server_init(AnalyticsProducerList *producers)
   g_return_if_fail(owner_id == 0);
 
   dbus_producer_manager_init(producers);
+  lookup = g_cancellable_new();
   owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, on_bus_acquired,
                             on_name_acquired, on_name_lost, producers, nullptr);
 }
@@ -73,6 +126,8 @@ dbus_server_teardown(void)
   if (owner_id != 0) {
     g_bus_unown_name(owner_id);
     owner_id = 0;
+    g_cancellable_cancel(lookup);
+    g_clear_object(&lookup);
   }
   dbus_producer_manager_teardown();
 }

@@ -89,12 +89,29 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
 START_LINES = start_lines(EVENT_PLUGINS)
 START_LINES_UP_TO_SERVER = START_LINES[:START_LINES.index(STARTED_LINE)]
 
-# What the daemon says of the bus after its start: it has its name there, somebody else has the name, there is no bus.
+# What the daemon says of the bus after its start: it has its name there, there is no bus, the policy refuses the name, or
+# it is another connection's.
 BUS_ACQUIRED_LINE = (INFO, "Bus acquired")
 NAME_ACQUIRED_LINE = (INFO, "DBus-name acquired")
 NAME_LOST_LINE = (INFO, "DBus-name was lost")
 BUS_LINES = [BUS_ACQUIRED_LINE, NAME_ACQUIRED_LINE]
-NAME_TAKEN_LINES = [BUS_ACQUIRED_LINE, NAME_LOST_LINE]
+
+
+def unavailable(reason):
+    """Why the daemon has no control service on the bus."""
+    return (WARNING, f"The control service is unavailable: {reason}.")
+
+
+NO_CONNECTION_LINES = [NAME_LOST_LINE, unavailable("there is no connection to the system bus")]
+NAME_REFUSED_LINES = [BUS_ACQUIRED_LINE, NAME_LOST_LINE,
+                      unavailable("the bus policy does not let this user own the name com.quon.MetadataServer1")]
+
+
+def name_taken_lines(owner):
+    """What it says when the connection `owner` has its name."""
+    return [BUS_ACQUIRED_LINE, NAME_LOST_LINE, unavailable(f"{owner} has the name com.quon.MetadataServer1")]
+
+
 NO_BUS_LINE = (WARNING,
                "Failed to connect to metadata-receiver over DBus: Could not connect: No such file or directory")
 

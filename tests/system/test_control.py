@@ -6,8 +6,8 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import BusClient, error_text
-from daemon import (NAME_ACQUIRED_LINE, NAME_LOST_LINE, NAME_TAKEN_LINES, NO_BUS_LINE, NOTHING_ASKED, RADAR_TRACKER,
-                    VIDEO_TRACKER, WARNING, producers_enabled, stored_names)
+from daemon import (NAME_ACQUIRED_LINE, NAME_REFUSED_LINES, NO_BUS_LINE, NO_CONNECTION_LINES, NOTHING_ASKED,
+                    RADAR_TRACKER, VIDEO_TRACKER, WARNING, name_taken_lines, producers_enabled, stored_names)
 from fakereceiver import all_connected
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
 from simcamera import CAPTURE
@@ -188,7 +188,7 @@ def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
 
 def test_without_a_bus_clients_are_served(start_daemon, workspace):
     daemon = start_daemon(environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"},
-                          bus_lines=[NAME_LOST_LINE], repeated_lines=[NO_BUS_LINE])
+                          bus_lines=NO_CONNECTION_LINES, repeated_lines=[NO_BUS_LINE])
 
     with daemon.client() as client:
         client.start().next_document()
@@ -198,13 +198,22 @@ def test_without_a_bus_clients_are_served(start_daemon, workspace):
 
 def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
     owner = start_daemon(on=own_bus)
-    daemon = start_daemon(on=own_bus, bus_lines=NAME_TAKEN_LINES)
+    stranger = BusClient(own_bus)
+    daemon = start_daemon(on=own_bus, bus_lines=name_taken_lines(stranger.owner_of(NAME)))
+    stranger.close()
 
     with daemon.client() as client:
         client.start().next_document()
     owner.end()
     # The daemon was next in the bus' queue.
     assert daemon.log.take(1) == [NAME_ACQUIRED_LINE]
+
+
+def test_with_the_name_refused_clients_are_served(start_bus, start_daemon):
+    daemon = start_daemon(on=start_bus(owner="daemon"), bus_lines=NAME_REFUSED_LINES)
+
+    with daemon.client() as client:
+        client.start().next_document()
 
 
 def test_bus_that_goes_away_ends_no_stream(own_bus, start):
@@ -215,7 +224,7 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start):
         stream.next_document()
 
         own_bus.stop()
-        assert daemon.log.take(1) == [NAME_LOST_LINE]
+        assert daemon.log.take(2) == NO_CONNECTION_LINES
         client.sync()
         stream.next_document()
 
@@ -228,7 +237,7 @@ def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera)
     tool.close()
 
     own_bus.stop()
-    assert daemon.log.take(1) == [NAME_LOST_LINE]
+    assert daemon.log.take(2) == NO_CONNECTION_LINES
     own_bus.start()
     camera = start_camera(on=own_bus)
     assert source_of_scenes(daemon) == "left door"
@@ -244,5 +253,5 @@ def test_descriptors_are_released_with_the_bus(own_bus, start):
         daemon = start(on=own_bus)
 
     own_bus.stop()
-    assert daemon.log.take(1) == [NAME_LOST_LINE]
+    assert daemon.log.take(2) == NO_CONNECTION_LINES
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors - 1, "the connection is closed")

@@ -8,7 +8,7 @@ import pytest
 from gi.repository import GLib
 
 from busclient import BusClient
-from daemon import NAME_LOST_LINE, NO_BUS_LINE, NO_COORDINATOR, no_move_capabilities, start_lines
+from daemon import NO_BUS_LINE, NO_CONNECTION_LINES, NO_COORDINATOR, no_move_capabilities, start_lines
 from documents import NAMESPACES
 from installation import EVENT_PLUGINS, PTZ_PLUGINS
 from simcamera import CAPTURE, PTZ, SCENES
@@ -209,4 +209,4 @@ def test_coordinator_without_the_object(bus, start_with_ptz):
 def test_bus_that_is_not_there(start_with_ptz, workspace):
     start_with_ptz(no_move_capabilities("Could not connect: No such file or directory"),
                    environment={"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={workspace.path}/nothing"},
-                   bus_lines=[NAME_LOST_LINE], repeated_lines=[NO_BUS_LINE])
+                   bus_lines=NO_CONNECTION_LINES, repeated_lines=[NO_BUS_LINE])

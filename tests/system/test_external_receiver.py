@@ -9,7 +9,7 @@ from gi.repository import GLib
 from lxml import etree
 
 from busclient import PROPERTIES
-from daemon import (BUS_LINES, LOG_BURST, NAME_LOST_LINE, NOTHING_ASKED, VIDEO_TRACKER, WARNING, clipped,
+from daemon import (BUS_LINES, LOG_BURST, NO_CONNECTION_LINES, NOTHING_ASKED, VIDEO_TRACKER, WARNING, clipped,
                     with_count)
 from documents import NAMESPACES
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE,
@@ -637,7 +637,7 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
         expect_told(stream, (GATE, 1))
 
         own_bus.stop()
-        assert daemon.log.take(1) == [NAME_LOST_LINE]
+        assert daemon.log.take(2) == NO_CONNECTION_LINES
         running.send(numbered(2))
         expect_told(stream, (GATE, 2))
         with daemon.client() as other:

@@ -6,7 +6,7 @@ import math
 import pytest
 
 from client import header
-from daemon import NAME_LOST_LINE, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
+from daemon import NO_CONNECTION_LINES, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
 from fakereceiver import all_connected
 from installation import EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, RADAR_PLUGINS, SCENE_PLUGINS
 from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, WRONG_CHANNELS, WRONG_PTZ,
@@ -111,7 +111,7 @@ def test_bus_that_is_gone_costs_the_rotation_alone(own_bus, start_radar_daemon):
     with all_connected(own_bus):
         daemon = start_radar_daemon("one", on=own_bus)
     own_bus.stop()
-    assert daemon.log.take(1) == [NAME_LOST_LINE]
+    assert daemon.log.take(2) == NO_CONNECTION_LINES
 
     assert some_objects(daemon, analytics=1) != []
     assert some_objects(daemon, analytics=1) != []

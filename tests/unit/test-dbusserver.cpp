@@ -29,6 +29,16 @@ const SyslogLine BUS_ACQUIRED = {LOG_INFO, "Bus acquired"};
 const SyslogLine NAME_ACQUIRED = {LOG_INFO, "DBus-name acquired"};
 const SyslogLine NAME_LOST = {LOG_INFO, "DBus-name was lost"};
 
+const SyslogLine NO_BUS = {LOG_WARNING,
+                           "The control service is unavailable: there is no connection to the system bus."};
+
+SyslogLine
+name_taken(const Peer &owner)
+{
+  return {LOG_WARNING,
+          "The control service is unavailable: " + owner.name() + " has the name com.quon.MetadataServer1."};
+}
+
 class DBusServerTest : public testhost::Fixture
 {
 protected:
@@ -65,9 +75,11 @@ protected:
 
   /* Waits until the server has the bus and logged exactly what it should, and keeps an eye on the connection.
    */
-  void expect_bus(const SyslogLine &name_line = NAME_ACQUIRED)
+  void expect_bus(const SyslogLines &name_lines = {NAME_ACQUIRED})
   {
-    expect_log({BUS_ACQUIRED, name_line});
+    SyslogLines lines = {BUS_ACQUIRED};
+    lines.insert(lines.end(), name_lines.begin(), name_lines.end());
+    expect_log(lines);
     g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     EXPECT_FALSE(g_dbus_connection_get_exit_on_close(bus));
     shared_.emplace(bus);
@@ -182,17 +194,35 @@ TEST_F(DBusServerTest, GetsTheNameWhenItsOwnerGivesItUp)
   owner.own(NAME);
   dbus_server_init(producers_);
   add("One");
-  expect_bus(NAME_LOST);
+  expect_bus({NAME_LOST, name_taken(owner)});
 
   owner.release(NAME);
   expect_log({NAME_ACQUIRED});
   EXPECT_EQ(enable(owner, "One"), "()");
 }
 
+TEST_F(DBusServerTest, CancelsItsLookUpAtTearDown)
+{
+  bus_.emplace();
+  const Peer owner;
+  owner.own(NAME);
+  dbus_server_init(producers_);
+  /* No event of the bus is dispatched between the loss and the tear-down. */
+  ASSERT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 2; }));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{BUS_ACQUIRED, NAME_LOST}));
+  {
+    g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    shared_.emplace(bus);
+  }
+  dbus_server_teardown();
+  wait_for_release();
+  EXPECT_EQ(testhost::take_syslog(), SyslogLines());
+}
+
 TEST_F(DBusServerTest, DoesWithoutABus)
 {
   dbus_server_init(producers_);
-  expect_log({NAME_LOST});
+  expect_log({NAME_LOST, NO_BUS});
 
   add("One");
   bus_.emplace();
@@ -211,7 +241,7 @@ TEST_F(DBusServerTest, OutlivesTheBus)
   expect_bus();
 
   bus_.reset();
-  expect_log({NAME_LOST});
+  expect_log({NAME_LOST, NO_BUS});
   add("Two");
   analytics_producer_list_remove(producers_, "One");
 }
@@ -223,7 +253,7 @@ TEST_F(DBusServerTest, OutlivesTheBusWhileItWaitsForItsName)
     const Peer owner;
     owner.own(NAME);
     dbus_server_init(producers_);
-    expect_bus(NAME_LOST);
+    expect_bus({NAME_LOST, name_taken(owner)});
     bus_.reset();
   }
   testhost::dispatch_ready();
@@ -237,7 +267,7 @@ TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
   dbus_server_init(producers_);
   expect_bus();
   bus_.reset();
-  expect_log({NAME_LOST});
+  expect_log({NAME_LOST, NO_BUS});
   wait_for_release();
   EXPECT_FALSE(scene_source_query_rotation(1, &rotation, nullptr));
 
@@ -255,5 +285,5 @@ TEST_F(DBusServerTest, ChecksItsArguments)
   dbus_server_init(producers_);
   dbus_server_init(producers_);
   EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"producers != NULL", "owner_id == 0"}));
-  expect_log({NAME_LOST});
+  expect_log({NAME_LOST, NO_BUS});
 }
