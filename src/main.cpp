@@ -6,6 +6,7 @@
 #include "eventsourcefactory.h"
 #include "externalsourcefactory.h"
 #include "memory.h"
+#include "neededelements.h"
 #include "producerconfig.h"
 #include "ptzsourcefactory.h"
 #include "radarscenesourcefactory.h"
@@ -306,6 +307,7 @@ run(const gchar *run_dir)
   syslog(LOG_INFO, "Setting up D-Bus server.");
   dbus_server_init(producers);
   add_factories(server, producers);
+  needed_elements_check();
 
   if (!server_start(server)) {
     syslog(LOG_ERR, "Could not start server.");

@@ -18,8 +18,9 @@ import time
 from gi.repository import GLib
 
 from client import ConnectionEnded, Client
-from installation import (EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP,
-                          UNPRIVILEGED_USER, documented_limit, run_by_root, unprivileged)
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN,
+                          SCENE_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, documented_limit, run_by_root,
+                          unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3
@@ -75,6 +76,19 @@ NO_COORDINATOR = no_move_capabilities("GDBus.Error:org.freedesktop.DBus.Error.Se
 STARTED_LINE = (INFO, "Setting up D-Bus client.")
 
 
+def missing_elements(*names):
+    return (WARNING, f"GStreamer elements are missing, and requests that need them fail: {', '.join(names)}.")
+
+
+def missing_lines(plugins):
+    """What it says at its start of elements that plug-ins do not bring: the converter is needed for analytics."""
+    needed = {DOCUMENT_PLUGIN}
+    if {SCENE_PLUGIN, RADAR_PLUGIN} & set(plugins):
+        needed.add(JSON_PLUGIN)
+    names = [name for name in (DOCUMENT_PLUGIN, JSON_PLUGIN) if name in needed - set(plugins)]
+    return [missing_elements(*names)] if names else []
+
+
 def start_lines(plugins, coordinator_line=NO_COORDINATOR):
     """What a daemon logs at its start with these plug-ins. The coordinator's line tells why the head's move
     capabilities are not known; it is None where they are."""
@@ -83,14 +97,13 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
         lines.append((INFO, adding if plugin in plugins else missing))
         if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:
             lines.append(coordinator_line)
-    return lines + [(INFO, "Adding external source factory."), STARTED_LINE]
+    return lines + [(INFO, "Adding external source factory."), *missing_lines(plugins), STARTED_LINE]
 
 
 START_LINES = start_lines(EVENT_PLUGINS)
 START_LINES_UP_TO_SERVER = START_LINES[:START_LINES.index(STARTED_LINE)]
 
-# What the daemon says of the bus after its start: it has its name there, there is no bus, the policy refuses the name, or
-# it is another connection's.
+# What the daemon says of the bus after its start: it has its name there, there is no bus, the policy refuses the name.
 BUS_ACQUIRED_LINE = (INFO, "Bus acquired")
 NAME_ACQUIRED_LINE = (INFO, "DBus-name acquired")
 NAME_LOST_LINE = (INFO, "DBus-name was lost")

@@ -157,12 +157,13 @@ class Installation:
         original = build_folder() / name
         return self._readable_copy(original) if original.exists() else None
 
-    def new_plugin_folder(self, names, failing=False):
+    def new_plugin_folder(self, names, failing=False, without=()):
         """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it. Where
-        there is a plug-in that fails as its test wishes, `failing` takes that one."""
+        there is a plug-in that fails as its test wishes, `failing` takes that one. `without` leaves some of GStreamer's
+        own out."""
         folder = self.workspace.folder()
         plugins = self.plugins | (self.failing_plugins if failing else {})
-        for name in STANDARD_PLUGINS + tuple(names):
+        for name in (set(STANDARD_PLUGINS) - set(without)) | set(names):
             (folder / plugins[name].name).symlink_to(plugins[name])
         return folder, {
             "GST_PLUGIN_SYSTEM_PATH": "",

@@ -7,8 +7,10 @@ import stat
 
 import pytest
 
-from daemon import ERROR, INFO, NOTHING_ASKED, START_LINES_UP_TO_SERVER, start_lines
-from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, run_by_root
+from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_ASKED, START_LINES_UP_TO_SERVER, STARTED_LINE, missing_elements,
+                    start_lines)
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, run_by_root,
+                          unprivileged)
 
 ROOT_REFUSAL = (
     "Don't run as root. To start as non root use:\n"
@@ -171,12 +173,24 @@ def test_run_dir_that_cannot_be_made(launch, workspace):
 # What is installed
 
 
-@pytest.mark.parametrize("plugins", [[EVENT_PLUGIN, DOCUMENT_PLUGIN], [EVENT_PLUGIN], [DOCUMENT_PLUGIN], []])
+@pytest.mark.parametrize("plugins", [[EVENT_PLUGIN, DOCUMENT_PLUGIN], [EVENT_PLUGIN], [DOCUMENT_PLUGIN], [],
+                                     [SCENE_PLUGIN, DOCUMENT_PLUGIN], [RADAR_PLUGIN, JSON_PLUGIN]])
 def test_start_logs_what_is_installed(launch, plugins):
     daemon = launch(plugins=plugins)
     daemon.start_lines = start_lines(plugins)
 
     daemon.wait_until_ready()
+
+
+def test_elements_that_gstreamer_does_not_bring_are_named(launch, installation):
+    _, environment = installation.new_plugin_folder([EVENT_PLUGIN, DOCUMENT_PLUGIN], without=["gdp", "app"])
+    daemon = launch(environment=environment)
+    daemon.start_lines = START_LINES_UP_TO_SERVER + [missing_elements("gdppay", "appsrc", "appsink"), STARTED_LINE]
+
+    daemon.wait_until_ready()
+    with daemon.client() as client:
+        assert client.ask("event=1\n") == NOT_PRODUCED
+    assert daemon.log.take(1) == [(ERROR, "Could not create gdppay.")]
 
 
 def test_without_plugins_the_server_still_answers(start_daemon):
