@@ -14,6 +14,7 @@
 #include "scenesourcefactory.h"
 #include "server.h"
 #include "systembus.h"
+#include "terminal.h"
 
 #include <cerrno>
 #include <csignal>
@@ -27,6 +28,7 @@
 namespace
 {
 
+constexpr int EXIT_WRONG_USAGE = 2;
 constexpr const char *DEFAULT_RUN_DIR = "/run/tessard";
 constexpr int RUN_DIR_MODE = 0771;
 constexpr mode_t PROCESS_UMASK = 002;
@@ -346,10 +348,14 @@ main(int argc, char **argv)
   if (!parse_options(&argc, &argv, &options)) {
     return EXIT_FAILURE;
   }
+  if (!terminal_check_arguments(argc, argv)) {
+    return EXIT_WRONG_USAGE;
+  }
   if (options.version) {
     print_version();
     return EXIT_SUCCESS;
   }
   tessard_init();
+  terminal_show_log();
   return run(options.run_dir != nullptr ? options.run_dir : DEFAULT_RUN_DIR);
 }

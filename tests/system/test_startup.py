@@ -1,9 +1,13 @@
 """The daemon's start: identity, options, run folder, what it logs, and how it ends."""
 
+import contextlib
+import os
 import pathlib
+import pty
 import signal
 import socket
 import stat
+import subprocess
 
 import pytest
 
@@ -15,6 +19,9 @@ from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUG
 ROOT_REFUSAL = (
     "Don't run as root. To start as non root use:\n"
     'su -c "env GST_REGISTRY=/etc/gstreamer/registry.bin /usr/bin/tessard" -s /bin/sh metadata\n')
+
+UNKNOWN_ARGUMENT = ("tessard: unknown argument: wrong\n"
+                    "Usage: tessard [--run-dir=DIRECTORY] [--version] [GStreamer options]\n")
 
 HELP_HINT = "Try -? or --help for more information.\n"
 
@@ -94,6 +101,16 @@ def test_wrong_options_are_told_with_a_hint(launch, options, message):
     assert daemon.stdout() == ""
     assert daemon.log.take() == []
     assert not daemon.run_dir.exists()
+
+
+@pytest.mark.parametrize("options", [["wrong"], ["--version", "wrong"], ["wrong", "other"], ["--", "wrong"]])
+def test_unknown_arguments_are_refused(launch, options):
+    daemon = launch(options=options, run_dir_option=None)
+
+    assert daemon.wait() == 2
+    assert daemon.take_stderr() == UNKNOWN_ARGUMENT
+    assert daemon.stdout() == ""
+    assert daemon.log.take() == []
 
 
 @pytest.mark.parametrize("option", ["--help", "-?"])
@@ -260,6 +277,46 @@ def test_socket_path_too_long(launch, workspace):
 
     expect_failed_server(daemon, "Could not set permissions on metadata server socket: No such file or directory")
     assert [path.name for path in run_dir.iterdir()] == ["metadat"]
+
+
+# Standard error
+
+
+def run_to_failed_start(installation, workspace, **streams):
+    """Runs a daemon whose run folder cannot be made, with the real log, and returns that folder and the process."""
+    file = workspace.folder() / "file"
+    file.touch()
+    environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", **installation.plugin_environment([]),
+                   **installation.sanitizer_environment()}
+    process = subprocess.run([installation.tessard, "--run-dir", file / "run"], env=environment, cwd="/", check=False,
+                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, **streams, **unprivileged())
+    assert process.returncode == 1
+    return file / "run", process
+
+
+def read_terminal(fd):
+    """What was written to a terminal whose other end is closed."""
+    text = b""
+    with contextlib.suppress(OSError):
+        while data := os.read(fd, 4096):
+            text += data
+    return text.decode()
+
+
+def test_log_is_on_standard_error_when_that_is_a_terminal(installation, workspace):
+    user_side, daemon_side = pty.openpty()
+    run_dir, _ = run_to_failed_start(installation, workspace, stderr=daemon_side)
+    os.close(daemon_side)
+
+    assert read_terminal(user_side) == ("tessard: Starting.\r\n"
+                                        f"tessard: could not create directory '{run_dir}': Not a directory\r\n")
+    os.close(user_side)
+
+
+def test_log_is_not_on_standard_error_when_that_is_a_pipe(installation, workspace):
+    _, process = run_to_failed_start(installation, workspace, stderr=subprocess.PIPE)
+
+    assert process.stderr == b""
 
 
 # Signals

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <glib.h>
+
+G_BEGIN_DECLS
+
+void terminal_show_log(void);
+
+gboolean terminal_check_arguments(int argc, char **argv);
+
+G_END_DECLS
