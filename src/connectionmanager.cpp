@@ -29,6 +29,7 @@
  */
 #include "connectionmanager.h"
 
+#include "elementwarnings.h"
 #include "memory.h"
 #include "ratelimitedlog.h"
 #include "syncscanner.h"
@@ -739,6 +740,9 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
     log_pipeline_error(message);
     end(conn, BUS_SIDE, CONNECTION_MANAGER_STATUS_ERROR);
     return G_SOURCE_REMOVE;
+  case GST_MESSAGE_WARNING:
+    element_warnings_log(message);
+    return G_SOURCE_CONTINUE;
   default:
     return G_SOURCE_CONTINUE;
   }

@@ -211,6 +211,24 @@ rate_limited_log(RateLimitedLog *log, int priority, const gchar *format, ...)
 }
 
 /**
+ * rate_limited_log_is_idle:
+ * @log: a line's state
+ *
+ * Whether the next line of @log would be written, without a count. Such a state may be used for another line.
+ * Any thread.
+ *
+ * Returns: %TRUE when no interval is under way and no line is left out
+ */
+gboolean
+rate_limited_log_is_idle(RateLimitedLog *log)
+{
+  g_return_val_if_fail(log != NULL, FALSE);
+
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  return log->last == nullptr && (log->begin_us == 0 || get_remaining_us(log) <= 0);
+}
+
+/**
  * rate_limited_log_flush:
  *
  * Writes the line that was left out last of each #RateLimitedLog, without waiting for the end of its

@@ -69,6 +69,8 @@ struct RateLimitedLog {
 
 void rate_limited_log(RateLimitedLog *log, int priority, const gchar *format, ...) G_GNUC_PRINTF(3, 4);
 
+gboolean rate_limited_log_is_idle(RateLimitedLog *log);
+
 void rate_limited_log_flush(void);
 
 G_END_DECLS

@@ -33,10 +33,24 @@ BOTH_ENABLED = producers_enabled({(DETECTOR, 1): GATE, (COUNTER, 1): YARD})
 SOURCE = re.compile(rb'<tt:Frame [^>]*Source="([^"]*)"')
 NUMBER = re.compile(rb'<tt:Delete ObjectId="(\d+)"')
 
+CONVERTER_WARNING = re.compile(r"Warning from json2xml in metadata connection manager pipeline: "
+                               r"A (frame of a producer|part of a producer's frame) is malformed and left out\. \(.+?\)"
+                               r"( \(\d+ more since the last such line\))?")
+
 
 def numbered(*numbers):
     """An item that carries numbers to its receiver: as the ids of objects that have left."""
     return json.dumps({"Deleted": numbers}, separators=(",", ":"))
+
+
+def expect_converter_warning(daemon):
+    """The converter warns of malformed frames: in one line, and with the count of the others in another one at the end of
+    each interval."""
+    lines = daemon.log.take(1)
+    matches = [CONVERTER_WARNING.fullmatch(text) for _, text in lines]
+    assert all(matches)
+    assert {priority for priority, _ in lines} == {WARNING}
+    assert [match for match in matches if match[2] is None] == matches[:1]
 
 
 def wait_until_listed(tool, *names):

@@ -1,6 +1,7 @@
 #include "connectionmanager.h"
 
 #include "faults.h"
+#include "ratelimitedlog.h"
 #include "testclient.h"
 #include "testelements.h"
 #include "testhost.h"
@@ -1132,6 +1133,10 @@ TEST_F(ConnectionManagerEndTest, OtherMessagesEndNothing)
   GST_ELEMENT_WARNING(connection.source, STREAM, FAILED, ("Not so bad"), (nullptr));
   gst_element_post_message(connection.source, gst_message_new_latency(GST_OBJECT(connection.source)));
   testhost::dispatch_ready();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING,
+                          "Warning from TestSource in metadata connection manager pipeline: Not so bad"}}));
+  rate_limited_log_flush();
   ASSERT_TRUE(connection.client.send("SYNC\n"));
   EXPECT_TRUE(wait_for_events(1));
   testelements::take_sent_events();

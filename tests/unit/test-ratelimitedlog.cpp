@@ -213,9 +213,26 @@ TEST_F(RateLimitedLogTest, FlushTellsOfEveryLineAndBeginsAnew)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "refused"}}));
 }
 
+TEST_F(RateLimitedLogTest, IsIdleWhenItsIntervalIsOverAndNothingIsLeftOut)
+{
+  EXPECT_TRUE(rate_limited_log_is_idle(&log_));
+  rate_limited_log(&log_, LOG_WARNING, "refused");
+  EXPECT_FALSE(rate_limited_log_is_idle(&log_)) << "in its interval";
+  rate_limited_log(&log_, LOG_WARNING, "refused");
+  log_.interval_us = 0;
+  EXPECT_FALSE(rate_limited_log_is_idle(&log_)) << "with a line left out";
+  testhost::take_syslog();
+
+  rate_limited_log(&log_, LOG_WARNING, "refused");
+  EXPECT_TRUE(rate_limited_log_is_idle(&log_));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, line_with_count(1)}}));
+}
+
 TEST_F(RateLimitedLogTest, ChecksItsArguments)
 {
+  EXPECT_FALSE(rate_limited_log_is_idle(nullptr));
   rate_limited_log(nullptr, LOG_WARNING, "refused");
   rate_limited_log(&log_, LOG_WARNING, nullptr);
-  EXPECT_EQ(testhost::take_failed_preconditions(), (testhost::Texts{"log != NULL", "format != NULL"}));
+  EXPECT_EQ(testhost::take_failed_preconditions(),
+            (testhost::Texts{"log != NULL", "log != NULL", "format != NULL"}));
 }
