@@ -1,8 +1,15 @@
 """What an installation has, and what it does not."""
 
 import json
+import subprocess
+
+import pytest
 
 from installation import TREE, build_folder
+
+SMALLEST = ["-Dtests=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
+UNREAD_POLICY = ("WARNING: The system bus does not read policies in {}/share/dbus-1/system.d and will refuse the "
+                 "daemon its name; configure with --prefix=/usr.")
 
 
 def test_tests_install_nothing(installation):
@@ -13,3 +20,11 @@ def test_tests_install_nothing(installation):
     assert [path for path in installed
             if path.startswith((f"{build_folder()}/tests/", f"{TREE}/tests/"))] == []
     assert list(installation.stage.glob("usr/lib/**/tessard/tests")) == []
+
+
+@pytest.mark.parametrize("prefix, warned", [("/usr", False), ("/usr/local", True), ("/opt/tessard", True)])
+def test_prefix_whose_policies_the_bus_does_not_read_is_warned_of(tmp_path, prefix, warned):
+    setup = subprocess.run(["meson", "setup", f"--prefix={prefix}", *SMALLEST, tmp_path / "build", TREE],
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True)
+
+    assert (UNREAD_POLICY.format(prefix) in setup.stdout) is warned
