@@ -1,5 +1,7 @@
 #include "contentfilter.h"
 
+#include "worldevents.h"
+
 #include <array>
 #include <cstring>
 #include <libxml/xpathInternals.h>
@@ -67,7 +69,7 @@ context_new(xmlDoc *document, GError **found)
   context->error = on_xpath_error;
   context->userData = found;
   context->opLimit = ContentFilter::MAX_OPERATIONS;
-  for (const XmlNamespace &known : {TT, WSNT, TNS1}) {
+  for (const onvif::XmlNamespace &known : {onvif::TT, onvif::WSNT, onvif::TNS1}) {
     xmlXPathRegisterNs(context, reinterpret_cast<const xmlChar *>(known.prefix),
                        reinterpret_cast<const xmlChar *>(known.uri));
   }
@@ -151,7 +153,7 @@ ContentFilter::compile(const char *text, GError **error)
   if (!settle(filter.expression_ == nullptr, found, error)) {
     return std::nullopt;
   }
-  for (const EventMessage &example : event_message_examples()) {
+  for (const onvif::EventMessage &example : world_event_examples()) {
     if (!filter.matches(example, error).has_value()) {
       return std::nullopt;
     }
@@ -167,11 +169,11 @@ ContentFilter::compile(const char *text, GError **error)
  * Returns: whether @message is wanted, or nothing with @error set
  */
 std::optional<bool>
-ContentFilter::matches(const EventMessage &message, GError **error) const
+ContentFilter::matches(const onvif::EventMessage &message, GError **error) const
 {
   Quiet quiet;
   g_autoptr(GError) found = nullptr;
-  g_autoptr(xmlDoc) document = event_message_to_document(message);
+  g_autoptr(xmlDoc) document = onvif::event_message_to_document(message);
   g_autoptr(xmlXPathContext) context = context_new(document, &found);
   context->node = xmlDocGetRootElement(document);
   g_autoptr(xmlXPathObject) result = xmlXPathCompiledEval(expression_.get(), context);

@@ -2,6 +2,7 @@
 
 #include "eventmessage.h"
 
+#include <libxml/xpath.h>
 #include <memory>
 #include <optional>
 
@@ -22,7 +23,7 @@ public:
 
   static std::optional<ContentFilter> compile(const char *text, GError **error);
 
-  std::optional<bool> matches(const EventMessage &message, GError **error) const;
+  std::optional<bool> matches(const onvif::EventMessage &message, GError **error) const;
 
 private:
   struct Free {

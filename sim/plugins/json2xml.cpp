@@ -68,7 +68,7 @@ tell_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
 gboolean
 push_caps(TessardSimJsonToXml *self)
 {
-  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   return gst_pad_push_event(self->src_pad, gst_event_new_caps(caps));
 }
 
@@ -207,7 +207,7 @@ tessard_sim_json_to_xml_class_init(TessardSimJsonToXmlClass *klass)
   g_autoptr(GstCaps) any = gst_caps_new_any();
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, any));
-  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
   gst_element_class_set_static_metadata(element_class, "JSON to ONVIF metadata", "Formatter/Metadata",

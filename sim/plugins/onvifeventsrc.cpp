@@ -2,10 +2,10 @@
 
 #include "bookmark.h"
 #include "contentfilter.h"
-#include "eventmessage.h"
 #include "metadata.h"
 #include "topicexpression.h"
 #include "waking.h"
+#include "worldevents.h"
 
 #include <utility>
 
@@ -59,7 +59,7 @@ namespace
 
 /* Adds @message to @wanted if the filters let it pass; fails only if a filter cannot be evaluated. */
 bool
-add_if_wanted(const Story &story, sim::EventMessage message, std::vector<sim::EventMessage> &wanted,
+add_if_wanted(const Story &story, onvif::EventMessage message, std::vector<onvif::EventMessage> &wanted,
               GError **error)
 {
   if (story.topics.has_value() && !story.topics->matches(message.topic)) {
@@ -81,20 +81,20 @@ add_if_wanted(const Story &story, sim::EventMessage message, std::vector<sim::Ev
 /* Everything between what was told last and @now, then the whole state if @with_state. */
 bool
 collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool with_state,
-                 std::vector<sim::EventMessage> &wanted, GError **error)
+                 std::vector<onvif::EventMessage> &wanted, GError **error)
 {
   const sim::World &world = story.bookmark.world();
   const sim::Settings &settings = story.bookmark.settings();
   if (with_changes) {
     for (const sim::Change &change : world.changes_between(story.bookmark.told_until(), now)) {
-      std::optional<sim::EventMessage> message = sim::event_message_from_change(change, settings);
+      std::optional<onvif::EventMessage> message = sim::world_event_from_change(change, settings);
       if (message.has_value() && !add_if_wanted(story, std::move(*message), wanted, error)) {
         return false;
       }
     }
   }
   if (with_state) {
-    for (sim::EventMessage &message : sim::event_messages_of_state(world, now, settings)) {
+    for (onvif::EventMessage &message : sim::world_events_of_state(world, now, settings)) {
       if (!add_if_wanted(story, std::move(message), wanted, error)) {
         return false;
       }
@@ -106,7 +106,7 @@ collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool
 /* Tells what is new; leaves @messages empty if nothing that is new is wanted. @answer is whether something
  * has to be sent nevertheless. */
 bool
-tell(Story &story, bool sync_point, std::vector<sim::EventMessage> &messages, bool *answer, GError **error)
+tell(Story &story, bool sync_point, std::vector<onvif::EventMessage> &messages, bool *answer, GError **error)
 {
   sim::WorldTime now = story.bookmark.now();
   bool continues = story.bookmark.can_continue(now);
@@ -266,7 +266,7 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
       return GST_FLOW_FLUSHING;
     }
 
-    std::vector<sim::EventMessage> messages;
+    std::vector<onvif::EventMessage> messages;
     bool answer = false;
     g_autoptr(GError) error = nullptr;
     if (!tell(story, wake == sim::Wake::SYNC_POINT, messages, &answer, &error)) {
@@ -278,7 +278,7 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
     if (messages.empty() && !answer) {
       continue;
     }
-    *buffer = sim::event_messages_to_fragment(messages);
+    *buffer = onvif::event_messages_to_fragment(messages, {&sim::TNSIMCAM, 1});
     return GST_FLOW_OK;
   }
 }
@@ -309,7 +309,7 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
       "XPath expression over tt:Message: which events to send, all if unset", nullptr, flags);
   g_object_class_install_properties(object_class, N_PROPERTIES, properties);
 
-  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
   gst_element_class_set_static_metadata(element_class, "ONVIF event source", "Source/Metadata",

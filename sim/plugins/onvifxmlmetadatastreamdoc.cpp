@@ -142,7 +142,7 @@ push_headers(TessardSimMetadataStreamDoc *self)
     gst_event_set_group_id(stream_start, gst_util_group_id_next());
     gst_pad_push_event(self->src_pad, stream_start);
 
-    g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::DOCUMENT_CAPS);
+    g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::DOCUMENT_CAPS);
     gst_pad_push_event(self->src_pad, gst_event_new_caps(caps));
     output.headers_sent = true;
   }
@@ -235,7 +235,7 @@ gboolean
 push_sync_point(GstElement *element, GstPad *pad, gpointer user_data)
 {
   auto handled = static_cast<bool *>(user_data);
-  if (gst_pad_push_event(pad, sim::sync_point_event_new())) {
+  if (gst_pad_push_event(pad, onvif::sync_point_event_new())) {
     *handled = true;
   }
   return TRUE;
@@ -375,7 +375,7 @@ tessard_sim_metadata_stream_doc_change_state(GstElement *element, GstStateChange
 static gboolean
 tessard_sim_metadata_stream_doc_send_event(GstElement *element, GstEvent *event)
 {
-  if (!sim::is_sync_point_event(event)) {
+  if (!onvif::is_sync_point_event(event)) {
     return GST_ELEMENT_CLASS(tessard_sim_metadata_stream_doc_parent_class)->send_event(element, event);
   }
   gst_event_unref(event);
@@ -398,10 +398,10 @@ tessard_sim_metadata_stream_doc_class_init(TessardSimMetadataStreamDocClass *kla
   element_class->change_state = tessard_sim_metadata_stream_doc_change_state;
   element_class->send_event = tessard_sim_metadata_stream_doc_send_event;
 
-  g_autoptr(GstCaps) fragment_caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) fragment_caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(
       element_class, gst_pad_template_new("sink_%u", GST_PAD_SINK, GST_PAD_REQUEST, fragment_caps));
-  g_autoptr(GstCaps) document_caps = gst_caps_new_empty_simple(sim::DOCUMENT_CAPS);
+  g_autoptr(GstCaps) document_caps = gst_caps_new_empty_simple(onvif::DOCUMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, document_caps));
   gst_element_class_set_static_metadata(element_class, "ONVIF metadata stream document", "Muxer/Formatter",

@@ -1,6 +1,7 @@
 #include "producerfragment.h"
 
 #include "metadata.h"
+#include "metadatalimits.h"
 
 namespace sim
 {
@@ -15,18 +16,18 @@ struct Manner {
   gint64 arrival;
 };
 
-Point
+onvif::Point
 centre_of(const ProducerObject &object)
 {
-  const Box &box = *object.box;
-  return object.centre.value_or(Point{(box.left + box.right) / 2, (box.bottom + box.top) / 2});
+  const onvif::Box &box = *object.box;
+  return object.centre.value_or(onvif::Point{(box.left + box.right) / 2, (box.bottom + box.top) / 2});
 }
 
 void
 write_type(xmlTextWriter *writer, const ProducerObject &object)
 {
-  g_autofree char *type = xml_clean_text(object.type->c_str());
-  frame_write_class(writer, type, object.likelihood);
+  g_autofree char *type = onvif::xml_clean_text(object.type->c_str());
+  onvif::frame_write_class(writer, type, object.likelihood);
 }
 
 /* ONVIF has no shape without a box. */
@@ -36,61 +37,61 @@ write_appearance(xmlTextWriter *writer, const ProducerObject &object, const Prod
   if (!object.box.has_value() && !object.type.has_value()) {
     return;
   }
-  xml_start(writer, TT, "Appearance");
+  onvif::xml_start(writer, onvif::TT, "Appearance");
   if (object.box.has_value()) {
-    frame_write_shape(writer, *object.box, centre_of(object),
-                      view.polygon ? object.polygon : std::vector<Point>());
+    onvif::frame_write_shape(writer, *object.box, centre_of(object),
+                             view.polygon ? object.polygon : std::vector<onvif::Point>());
   }
   if (object.type.has_value()) {
     write_type(writer, object);
   }
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 void
 write_object(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
 {
-  xml_start(writer, TT, "Object");
-  xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  onvif::xml_start(writer, onvif::TT, "Object");
+  onvif::xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
   write_appearance(writer, object, view);
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 /* The element is open, and the same whatever it is called. */
 void
 write_item(xmlTextWriter *writer, const ProducerItem &item, const Manner &manner)
 {
-  g_autofree char *utc = xml_date_time(item.utc.value_or(manner.arrival));
-  xml_attribute(writer, "UtcTime", utc);
+  g_autofree char *utc = onvif::xml_date_time(item.utc.value_or(manner.arrival));
+  onvif::xml_attribute(writer, "UtcTime", utc);
   if (manner.source != nullptr) {
-    xml_attribute(writer, "Source", manner.source);
+    onvif::xml_attribute(writer, "Source", manner.source);
   }
   for (const ProducerObject &object : item.objects) {
     write_object(writer, object, manner.view);
   }
-  frame_write_deleted(writer, item.deleted);
+  onvif::frame_write_deleted(writer, item.deleted);
 }
 
 void
 write_sample(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
 {
-  xml_start(writer, TT, "SampleFrame");
-  xml_declare(writer, TT);
+  onvif::xml_start(writer, onvif::TT, "SampleFrame");
+  onvif::xml_declare(writer, onvif::TT);
   write_item(writer, frame.items.front(), manner);
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 void
 write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
 {
-  xml_start(writer, TT, "VideoAnalytics");
-  xml_declare(writer, TT);
+  onvif::xml_start(writer, onvif::TT, "VideoAnalytics");
+  onvif::xml_declare(writer, onvif::TT);
   for (const ProducerItem &item : frame.items) {
-    xml_start(writer, TT, "Frame");
+    onvif::xml_start(writer, onvif::TT, "Frame");
     write_item(writer, item, manner);
-    xml_end(writer);
+    onvif::xml_end(writer);
   }
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 } /* namespace */
@@ -108,7 +109,7 @@ GstBuffer *
 producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival)
 {
   bool is_start = frame.source == STREAM_START_SOURCE;
-  g_autofree char *source = xml_clean_beginning(frame.source.c_str(), SOURCE_NAME_MAX);
+  g_autofree char *source = onvif::xml_clean_beginning(frame.source.c_str(), onvif::SOURCE_NAME_MAX);
   Manner manner = {.view = view, .source = is_start ? nullptr : source, .arrival = arrival};
   g_autoptr(xmlBuffer) text = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
@@ -118,7 +119,7 @@ producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view,
     write_frames(writer, frame, manner);
   }
   xmlTextWriterFlush(writer);
-  return xml_to_gst_buffer(text);
+  return onvif::fragment_to_buffer(text);
 }
 
 } /* namespace sim */

@@ -1,7 +1,7 @@
 #include "producerframe.h"
 
 #include "jsonform.h"
-#include "metadata.h"
+#include "metadatalimits.h"
 
 #include <algorithm>
 #include <array>
@@ -92,7 +92,7 @@ read_coordinate(JsonNode *node, double *coordinate)
 }
 
 bool
-read_point(JsonNode *node, Point *point)
+read_point(JsonNode *node, onvif::Point *point)
 {
   if (!JSON_NODE_HOLDS_ARRAY(node)) {
     return false;
@@ -123,7 +123,7 @@ read_box(JsonNode *node, ProducerObject *object)
     return false;
   }
   JsonObject *sides = json_node_get_object(node);
-  Box box;
+  onvif::Box box;
   if (!read_side(sides, "Left", &box.left) || !read_side(sides, "Top", &box.top) ||
       !read_side(sides, "Right", &box.right) || !read_side(sides, "Bottom", &box.bottom)) {
     return false;
@@ -135,7 +135,7 @@ read_box(JsonNode *node, ProducerObject *object)
 bool
 read_centre(JsonNode *node, ProducerObject *object)
 {
-  Point centre;
+  onvif::Point centre;
   if (!read_point(node, &centre)) {
     return false;
   }
@@ -315,7 +315,7 @@ read_time(JsonNode *node)
     return std::nullopt;
   }
   gint64 utc = g_date_time_to_unix(time) * G_USEC_PER_SEC + g_date_time_get_microsecond(time);
-  return utc >= 0 && utc <= LATEST_UTC ? std::optional<gint64>(utc) : std::nullopt;
+  return utc >= 0 && utc <= onvif::LATEST_UTC ? std::optional<gint64>(utc) : std::nullopt;
 }
 
 void

@@ -12,9 +12,9 @@ namespace sim
 
 struct ProducerObject {
   gint64 id;
-  std::optional<Box> box;
-  std::optional<Point> centre;
-  std::vector<Point> polygon; /* no points, or three and more */
+  std::optional<onvif::Box> box;
+  std::optional<onvif::Point> centre;
+  std::vector<onvif::Point> polygon; /* no points, or three and more */
   std::optional<std::string> type;
   std::optional<double> likelihood;
 };

@@ -61,7 +61,7 @@ void
 write_coordinate(xmlTextWriter *writer, const char *name, double value, Range from, Range to)
 {
   double mapped = std::lerp(to.low, to.high, (value - from.low) / (from.high - from.low));
-  xml_attribute_number(writer, name, mapped, COORDINATE_DIGITS);
+  onvif::xml_attribute_number(writer, name, mapped, COORDINATE_DIGITS);
 }
 
 void
@@ -70,29 +70,29 @@ write_pan_tilt(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view)
   const PanTiltSpace &space = space_of(PAN_TILT_SPACES, view.pan_tilt_space);
   double pan = can_move(view, PTZ_MOVES_PAN) ? ptz.pan : 0;
   double tilt = can_move(view, PTZ_MOVES_TILT) ? ptz.tilt : 0;
-  xml_start(writer, TT, "PanTilt");
+  onvif::xml_start(writer, onvif::TT, "PanTilt");
   write_coordinate(writer, "x", pan, GENERIC_PAN_TILT, space.pan);
   write_coordinate(writer, "y", tilt, GENERIC_PAN_TILT, space.tilt);
-  xml_attribute(writer, "space", space.uri);
-  xml_end(writer);
+  onvif::xml_attribute(writer, "space", space.uri);
+  onvif::xml_end(writer);
 }
 
 void
 write_zoom(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view)
 {
   const ZoomSpace &space = space_of(ZOOM_SPACES, view.zoom_space);
-  xml_start(writer, TT, "Zoom");
+  onvif::xml_start(writer, onvif::TT, "Zoom");
   write_coordinate(writer, "x", ptz.zoom, GENERIC_ZOOM, space.zoom);
-  xml_attribute(writer, "space", space.uri);
-  xml_end(writer);
+  onvif::xml_attribute(writer, "space", space.uri);
+  onvif::xml_end(writer);
 }
 
 void
 write_move_status(xmlTextWriter *writer, const char *name, bool moving)
 {
-  xml_start(writer, TT, name);
-  xml_text(writer, moving ? "MOVING" : "IDLE");
-  xml_end(writer);
+  onvif::xml_start(writer, onvif::TT, name);
+  onvif::xml_text(writer, moving ? "MOVING" : "IDLE");
+  onvif::xml_end(writer);
 }
 
 } /* namespace */
@@ -112,33 +112,33 @@ ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gin
 {
   bool pan_tilt = can_move(view, PTZ_MOVES_PAN | PTZ_MOVES_TILT);
   bool zoom = can_move(view, PTZ_MOVES_ZOOM);
-  g_autofree char *utc_text = xml_date_time(utc);
+  g_autofree char *utc_text = onvif::xml_date_time(utc);
 
-  xml_start(writer, TT, "PTZStatus");
+  onvif::xml_start(writer, onvif::TT, "PTZStatus");
   if (view.with_position) {
-    xml_start(writer, TT, "Position");
+    onvif::xml_start(writer, onvif::TT, "Position");
     if (pan_tilt) {
       write_pan_tilt(writer, ptz, view);
     }
     if (zoom) {
       write_zoom(writer, ptz, view);
     }
-    xml_end(writer);
+    onvif::xml_end(writer);
   }
   if (view.with_status) {
-    xml_start(writer, TT, "MoveStatus");
+    onvif::xml_start(writer, onvif::TT, "MoveStatus");
     if (pan_tilt) {
       write_move_status(writer, "PanTilt", ptz.pan_tilt_moving);
     }
     if (zoom) {
       write_move_status(writer, "Zoom", ptz.zoom_moving);
     }
-    xml_end(writer);
+    onvif::xml_end(writer);
   }
-  xml_start(writer, TT, "UtcTime");
-  xml_text(writer, utc_text);
-  xml_end(writer);
-  xml_end(writer);
+  onvif::xml_start(writer, onvif::TT, "UtcTime");
+  onvif::xml_text(writer, utc_text);
+  onvif::xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 } /* namespace sim */

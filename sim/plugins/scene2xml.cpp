@@ -1,6 +1,8 @@
 #include "scene2xml.h"
 
 #include "metadata.h"
+#include "metadatalimits.h"
+#include "scenebuffer.h"
 #include "scenefragment.h"
 #include "settings.h"
 
@@ -216,7 +218,7 @@ clean_name(const std::optional<std::string> &name)
   if (!name.has_value()) {
     return std::nullopt;
   }
-  g_autofree char *clean = sim::xml_clean_beginning(name->c_str(), sim::SOURCE_NAME_MAX);
+  g_autofree char *clean = onvif::xml_clean_beginning(name->c_str(), onvif::SOURCE_NAME_MAX);
   return clean;
 }
 
@@ -342,7 +344,7 @@ class_init(gpointer klass, gpointer class_data)
   }
 
   add_pad_template(element_class, "sink", GST_PAD_SINK, plugin->media_type);
-  add_pad_template(element_class, "src", GST_PAD_SRC, sim::FRAGMENT_CAPS);
+  add_pad_template(element_class, "src", GST_PAD_SRC, onvif::FRAGMENT_CAPS);
   gst_element_class_set_static_metadata(element_class, plugin->converter.long_name, "Formatter/Metadata",
                                         plugin->converter.description, "tessard");
 }

@@ -1,6 +1,7 @@
 #include "scenefragment.h"
 
 #include "frame.h"
+#include "metadata.h"
 
 #include <algorithm>
 #include <array>
@@ -13,7 +14,7 @@ namespace
 {
 
 /* What only this camera's radar has to say. */
-constexpr XmlNamespace QURT = {"qurt", "urn:tessard:simulated-camera:radar"};
+constexpr onvif::XmlNamespace QURT = {"qurt", "urn:tessard:simulated-camera:radar"};
 
 /* Decimals, as many as mean something. */
 constexpr int EARTH_DIGITS = 7;
@@ -66,60 +67,60 @@ write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &v
       polygon.push_back(turn_point(turn, point));
     }
   }
-  frame_write_shape(writer, turn_box(turn, *object.box), turn_point(turn, object.centre), polygon);
+  onvif::frame_write_shape(writer, turn_box(turn, *object.box), turn_point(turn, object.centre), polygon);
 }
 
 /* The radar does not turn with the picture. */
 void
 write_radar(xmlTextWriter *writer, const SceneObject &object, const SceneView &view)
 {
-  xml_start(writer, TT, "Extension");
-  xml_start(writer, QURT, "RadarObjectInfo");
-  xml_declare(writer, QURT);
-  xml_start(writer, QURT, "PolarCoordinate");
-  xml_attribute_number(writer, "angle", object.radar->position.angle, MEASURE_DIGITS);
-  xml_attribute_number(writer, "range", object.radar->position.range, MEASURE_DIGITS);
-  xml_end(writer);
+  onvif::xml_start(writer, onvif::TT, "Extension");
+  onvif::xml_start(writer, QURT, "RadarObjectInfo");
+  onvif::xml_declare(writer, QURT);
+  onvif::xml_start(writer, QURT, "PolarCoordinate");
+  onvif::xml_attribute_number(writer, "angle", object.radar->position.angle, onvif::MEASURE_DIGITS);
+  onvif::xml_attribute_number(writer, "range", object.radar->position.range, onvif::MEASURE_DIGITS);
+  onvif::xml_end(writer);
   if (view.velocity && object.velocity.has_value()) {
-    xml_start(writer, QURT, "Velocity");
-    xml_attribute_number(writer, "m-s", object.velocity->speed, MEASURE_DIGITS);
-    xml_attribute_number(writer, "angle", object.velocity->angle, MEASURE_DIGITS);
-    xml_end(writer);
+    onvif::xml_start(writer, QURT, "Velocity");
+    onvif::xml_attribute_number(writer, "m-s", object.velocity->speed, onvif::MEASURE_DIGITS);
+    onvif::xml_attribute_number(writer, "angle", object.velocity->angle, onvif::MEASURE_DIGITS);
+    onvif::xml_end(writer);
   }
-  xml_start(writer, QURT, "Size");
-  xml_attribute_number(writer, "m", object.radar->size, MEASURE_DIGITS);
-  xml_end(writer);
-  xml_end(writer);
-  xml_end(writer);
+  onvif::xml_start(writer, QURT, "Size");
+  onvif::xml_attribute_number(writer, "m", object.radar->size, onvif::MEASURE_DIGITS);
+  onvif::xml_end(writer);
+  onvif::xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 void
 write_location(xmlTextWriter *writer, const Polar &position)
 {
   GeoLocation location = ground_location(position);
-  xml_start(writer, TT, "GeoLocation");
-  xml_attribute_number(writer, "lon", location.longitude, EARTH_DIGITS);
-  xml_attribute_number(writer, "lat", location.latitude, EARTH_DIGITS);
-  xml_attribute_number(writer, "elevation", location.elevation, MEASURE_DIGITS);
-  xml_end(writer);
+  onvif::xml_start(writer, onvif::TT, "GeoLocation");
+  onvif::xml_attribute_number(writer, "lon", location.longitude, EARTH_DIGITS);
+  onvif::xml_attribute_number(writer, "lat", location.latitude, EARTH_DIGITS);
+  onvif::xml_attribute_number(writer, "elevation", location.elevation, onvif::MEASURE_DIGITS);
+  onvif::xml_end(writer);
 }
 
 /* A shape needs a box: without one there is none at all. */
 void
 write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
 {
-  xml_start(writer, TT, "Appearance");
+  onvif::xml_start(writer, onvif::TT, "Appearance");
   if (object.box.has_value()) {
     write_shape(writer, object, view, turn);
   }
-  frame_write_class(writer, scene_type_name(object.type), object.likelihood);
+  onvif::frame_write_class(writer, scene_type_name(object.type), object.likelihood);
   if (object.radar.has_value()) {
     write_radar(writer, object, view);
     if (view.geolocation) {
       write_location(writer, object.radar->position);
     }
   }
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 /* In a turned picture, 0 is still towards its right and 90 away. */
@@ -127,35 +128,35 @@ void
 write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Turn &turn)
 {
   double yaw = std::remainder(90 - velocity.angle - turn.rotation, 360);
-  xml_start(writer, TT, "Behaviour");
-  xml_element_number(writer, TT, "Speed", velocity.speed, MEASURE_DIGITS);
-  xml_start(writer, TT, "Direction");
-  xml_attribute_number(writer, "yaw", yaw, MEASURE_DIGITS);
-  xml_end(writer);
-  xml_end(writer);
+  onvif::xml_start(writer, onvif::TT, "Behaviour");
+  onvif::xml_element_number(writer, onvif::TT, "Speed", velocity.speed, onvif::MEASURE_DIGITS);
+  onvif::xml_start(writer, onvif::TT, "Direction");
+  onvif::xml_attribute_number(writer, "yaw", yaw, onvif::MEASURE_DIGITS);
+  onvif::xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 void
 write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
 {
-  xml_start(writer, TT, "Object");
-  xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  onvif::xml_start(writer, onvif::TT, "Object");
+  onvif::xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
   write_appearance(writer, object, view, turn);
   if (view.velocity && object.velocity.has_value()) {
     write_behaviour(writer, *object.velocity, turn);
   }
-  xml_end(writer);
+  onvif::xml_end(writer);
 }
 
 void
 write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
 {
   const Turn &turn = *find_turn(view.rotation);
-  g_autofree char *utc = xml_date_time(scene.utc);
-  xml_start(writer, TT, "Frame");
-  xml_attribute(writer, "UtcTime", utc);
+  g_autofree char *utc = onvif::xml_date_time(scene.utc);
+  onvif::xml_start(writer, onvif::TT, "Frame");
+  onvif::xml_attribute(writer, "UtcTime", utc);
   if (view.source_name.has_value()) {
-    xml_attribute(writer, "Source", view.source_name->c_str());
+    onvif::xml_attribute(writer, "Source", view.source_name->c_str());
   }
   if (ptz.has_value()) {
     ptz_status_write(writer, *ptz, view.ptz, scene.utc);
@@ -163,8 +164,8 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
   for (const SceneObject &object : scene.objects) {
     write_object(writer, object, view, turn);
   }
-  frame_write_deleted(writer, scene.deleted);
-  xml_end(writer);
+  onvif::frame_write_deleted(writer, scene.deleted);
+  onvif::xml_end(writer);
 }
 
 } /* namespace */
@@ -194,12 +195,12 @@ scene_to_fragment(const Scene &scene, const SceneView &view, const std::optional
 {
   g_autoptr(xmlBuffer) text = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  xml_start(writer, TT, "VideoAnalytics");
-  xml_declare(writer, TT);
+  onvif::xml_start(writer, onvif::TT, "VideoAnalytics");
+  onvif::xml_declare(writer, onvif::TT);
   write_frame(writer, scene, view, ptz);
-  xml_end(writer);
+  onvif::xml_end(writer);
   xmlTextWriterFlush(writer);
-  return xml_to_gst_buffer(text);
+  return onvif::fragment_to_buffer(text);
 }
 
 } /* namespace sim */

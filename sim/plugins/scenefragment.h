@@ -3,6 +3,7 @@
 #include "ptzstatus.h"
 #include "scenemodel.h"
 
+#include <gst/gst.h>
 #include <string>
 
 /* What scenes look like as ONVIF metadata. */

@@ -1,5 +1,6 @@
 #include "scenesrc.h"
 
+#include "scenebuffer.h"
 #include "scenestory.h"
 #include "waking.h"
 

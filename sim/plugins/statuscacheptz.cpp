@@ -111,14 +111,14 @@ fragment_new(const Report &report, const sim::Ptz &ptz, sim::WorldTime now)
 {
   g_autoptr(xmlBuffer) text = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  xml_start(writer, sim::TT, "PTZ");
-  xml_declare(writer, sim::TT);
+  onvif::xml_start(writer, onvif::TT, "PTZ");
+  onvif::xml_declare(writer, onvif::TT);
   if (report.has_head) {
     sim::ptz_status_write(writer, ptz, report.view, sim::settings_utc(report.bookmark.settings(), now));
   }
-  sim::xml_end(writer);
+  onvif::xml_end(writer);
   xmlTextWriterFlush(writer);
-  return sim::xml_to_gst_buffer(text);
+  return onvif::fragment_to_buffer(text);
 }
 
 /* Shows the state at @now and decides when to do so again. */
@@ -316,7 +316,7 @@ tessard_sim_ptz_src_class_init(TessardSimPtzSrcClass *klass)
   GST_PUSH_SRC_CLASS(klass)->create = tessard_sim_ptz_src_create;
   install_properties(object_class);
 
-  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
   gst_element_class_set_static_metadata(element_class, "PTZ status source", "Source/Metadata",

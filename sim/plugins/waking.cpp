@@ -58,7 +58,7 @@ Waking::set_flushing(bool flushing)
 bool
 Waking::accept_event(GstEvent *event)
 {
-  if (!is_sync_point_event(event)) {
+  if (!onvif::is_sync_point_event(event)) {
     return false;
   }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);

@@ -40,7 +40,7 @@ move_to(const Recording::Line &line, gint64 utc)
     return line.text;
   }
   const std::string_view text = shared_text_view(line.text);
-  g_autofree char *time = xml_date_time(utc);
+  g_autofree char *time = onvif::xml_date_time(utc);
   std::string moved(text.substr(0, line.stamp->offset));
   moved.append(time).append(text.substr(line.stamp->offset + line.stamp->size));
   return moved.size() <= Message::MAX_TEXT_BYTES ? shared_text_copy(moved) : line.text;

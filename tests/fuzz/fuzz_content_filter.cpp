@@ -1,6 +1,7 @@
 // A content filter in any bytes, compiled and evaluated on one message of every topic.
 #include "contentfilter.h"
 #include "fuzz.h"
+#include "worldevents.h"
 
 #include <string>
 
@@ -28,7 +29,7 @@ compile(const std::string &text)
 }
 
 bool
-evaluate(const ContentFilter &filter, const sim::EventMessage &message)
+evaluate(const ContentFilter &filter, const onvif::EventMessage &message)
 {
   g_autoptr(GError) error = nullptr;
   std::optional<bool> wanted = filter.matches(message, &error);
@@ -49,7 +50,7 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
   fuzz::require(text.size() <= ContentFilter::MAX_LENGTH, "the length is bounded");
   std::optional<ContentFilter> opposite = compile("not(" + text + ")");
-  for (const sim::EventMessage &message : sim::event_message_examples()) {
+  for (const onvif::EventMessage &message : sim::world_event_examples()) {
     bool wanted = evaluate(*filter, message);
     if (opposite.has_value())
       fuzz::require(evaluate(*opposite, message) != wanted, "the opposite filter gives the opposite");

@@ -41,7 +41,7 @@ check_object(const ProducerObject &object)
   fuzz::require(object.polygon.empty() ||
                     (object.polygon.size() >= 3 && object.polygon.size() <= sim::PRODUCER_POINTS_MAX),
                 "polygons are polygons");
-  for (const sim::Point &point : object.polygon)
+  for (const onvif::Point &point : object.polygon)
     require_in_picture(point.x, point.y);
   if (object.type.has_value())
     fuzz::require(!object.type->empty() && g_utf8_strlen(object.type->c_str(), -1) <= sim::PRODUCER_TYPE_MAX,

@@ -1,5 +1,6 @@
 // A scene in any bytes, as a converter gets it: refused, or within the limits of the format and told in XML.
 #include "fuzz.h"
+#include "scenebuffer.h"
 #include "scenefragment.h"
 #include "xml.h"
 

@@ -58,8 +58,8 @@ is_valid_fragment(const std::string &fragment)
     return testing::AssertionFailure() << "cannot read the schemas: " << errors;
   }
 
-  std::string text =
-      "<tt:MetadataStream xmlns:tt=\"" + std::string(sim::TT.uri) + "\">" + fragment + "</tt:MetadataStream>";
+  std::string text = "<tt:MetadataStream xmlns:tt=\"" + std::string(onvif::TT.uri) + "\">" + fragment +
+                     "</tt:MetadataStream>";
   g_autoptr(xmlDoc) document =
       xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, XML_PARSE_NONET);
   if (document == nullptr) {

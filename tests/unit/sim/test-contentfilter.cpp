@@ -1,39 +1,40 @@
 #include "contentfilter.h"
 
 #include "hostiletext.h"
+#include "worldevents.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 
+using onvif::EventMessage;
 using sim::Change;
 using sim::ChangeType;
 using sim::ContentFilter;
-using sim::EventMessage;
 
 namespace
 {
 
-EventMessage
+onvif::EventMessage
 input_on()
 {
-  return sim::event_message_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true}, {})
+  return sim::world_event_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true}, {})
       .value();
 }
 
-EventMessage
+onvif::EventMessage
 motion_off()
 {
-  return sim::event_message_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {}).value();
+  return sim::world_event_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {}).value();
 }
 
-EventMessage
+onvif::EventMessage
 crossing()
 {
-  return sim::event_message_from_change({.time = 0,
-                                         .type = ChangeType::CROSSING,
-                                         .object_id = 12,
-                                         .direction = sim::Direction::RIGHT_TO_LEFT},
-                                        {})
+  return sim::world_event_from_change({.time = 0,
+                                       .type = ChangeType::CROSSING,
+                                       .object_id = 12,
+                                       .direction = sim::Direction::RIGHT_TO_LEFT},
+                                      {})
       .value();
 }
 
@@ -132,7 +133,7 @@ TEST(ContentFilterEvaluation, FailureOnSomeMessagesOnlyIsReported)
   std::optional<ContentFilter> filter =
       ContentFilter::compile("not(//@PropertyOperation='Initialized') or frobnicate()", nullptr);
   ASSERT_TRUE(filter.has_value());
-  EventMessage message = motion_off();
+  onvif::EventMessage message = motion_off();
   EXPECT_EQ(filter->matches(message, nullptr), true);
   message.operation = "Initialized";
   g_autoptr(GError) error = nullptr;

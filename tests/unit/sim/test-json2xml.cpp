@@ -1,5 +1,6 @@
 #include "hostiletext.h"
 #include "metadata.h"
+#include "metadatalimits.h"
 #include "metadatareader.h"
 #include "producerframe.h"
 #include "schema.h"
@@ -279,7 +280,7 @@ TEST_F(JsonToXml, HostileTextsDoNoHarm)
         Named{"<![CDATA[&lt;]]> &#0; %s%n", "<![CDATA[&lt;]]> &#0; %s%n"}, Named{"a\\nb\\r\\tc", "a\nb\r\tc"},
         Named{"a\\u0001\\u001f\x7f", "a\xef\xbf\xbd\xef\xbf\xbd\x7f"}, Named{"\\uffff", "\xef\xbf\xbd"},
         Named{"\\ud83c\\udfa5", "\xf0\x9f\x8e\xa5"},
-        Named{repeat("\xc3\xa9", 100000), repeat("\xc3\xa9", sim::SOURCE_NAME_MAX)}}) {
+        Named{repeat("\xc3\xa9", 100000), repeat("\xc3\xa9", onvif::SOURCE_NAME_MAX)}}) {
     std::string text = convert(frame_of("{}", named.json.text));
     EXPECT_EQ(evaluate(text, "string(/tt:VideoAnalytics/tt:Frame/@Source)"), named.told);
     EXPECT_EQ(evaluate(text, "count(//tt:Frame/@Source)"), "1");
@@ -307,7 +308,7 @@ void
 expect_own_stream(GstHarness *harness)
 {
   g_autoptr(GstCaps) caps = gst_pad_get_current_caps(harness->sinkpad);
-  g_autoptr(GstCaps) fragments = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) fragments = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   EXPECT_TRUE(gst_caps_is_equal(caps, fragments));
   expect_sticky_events_in_order(harness);
 }

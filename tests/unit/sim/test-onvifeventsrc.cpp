@@ -1,10 +1,10 @@
-#include "eventmessage.h"
 #include "metadata.h"
 #include "metadatareader.h"
 #include "settings.h"
 #include "settingsfile.h"
 #include "sourceharness.h"
 #include "wallclock.h"
+#include "worldevents.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -59,9 +59,9 @@ pull_at_least(GstHarness *harness, gsize count)
 }
 
 std::vector<ReadEvent>
-as_read(const std::vector<sim::EventMessage> &messages)
+as_read(const std::vector<onvif::EventMessage> &messages)
 {
-  g_autoptr(GstBuffer) buffer = sim::event_messages_to_fragment(messages);
+  g_autoptr(GstBuffer) buffer = onvif::event_messages_to_fragment(messages, {});
   return read_events(buffer_text(buffer));
 }
 
@@ -123,15 +123,15 @@ TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
   ASSERT_FALSE(first.empty());
   gint64 start_utc = parse_utc(first.front().utc);
   sim::WorldTime start = sim::settings_world_time(settings, start_utc);
-  EXPECT_EQ(first, as_read(sim::event_messages_of_state(world, start, settings)));
+  EXPECT_EQ(first, as_read(sim::world_events_of_state(world, start, settings)));
   EXPECT_EQ(count_operation(first, "Initialized"), PROPERTIES);
 
   std::vector<ReadEvent> told = pull_at_least(harness, 40);
-  std::vector<sim::EventMessage> happened;
+  std::vector<onvif::EventMessage> happened;
   for (sim::WorldTime time = start; happened.size() < told.size();) {
     sim::WorldTime next = world.next_change_after(time);
     for (const sim::Change &change : world.changes_between(time, next)) {
-      if (std::optional<sim::EventMessage> message = sim::event_message_from_change(change, settings)) {
+      if (std::optional<onvif::EventMessage> message = sim::world_event_from_change(change, settings)) {
         happened.push_back(*message);
       }
     }
@@ -169,7 +169,7 @@ TEST_F(EventSrc, ShowsEveryStateAgainAfterASyncPoint)
   g_autoptr(GstHarness) harness = play(event_src_new());
   EXPECT_EQ(count_operation(pull_events(harness), "Initialized"), PROPERTIES);
   for (int round = 0; round < 3; round++) {
-    ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+    ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
     std::vector<ReadEvent> events;
     for (int pulled = 0; pulled < 1000 && count_operation(events, "Initialized") == 0; pulled++) {
       for (const ReadEvent &event : pull_events(harness)) {
@@ -185,7 +185,7 @@ TEST_F(EventSrc, AnswersStartAndSyncPointEvenIfNothingMatches)
 {
   g_autoptr(GstHarness) harness = play(event_src_new(NOTHING));
   EXPECT_TRUE(pull_events(harness).empty());
-  ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
   std::string text = pull_text(harness);
   EXPECT_EQ(root_name(text), "http://www.onvif.org/ver10/schema Event");
   EXPECT_TRUE(read_events(text).empty());
@@ -197,7 +197,7 @@ TEST_F(EventSrc, DoesNotAnswerOtherEvents)
   g_autoptr(GstHarness) harness = play(event_src_new(NOTHING));
   pull_text(harness);
   expect_other_event_refused(harness);
-  ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
   pull_text(harness);
   EXPECT_EQ(gst_harness_buffers_received(harness), 2u);
 }

@@ -33,8 +33,8 @@ protected:
   {
     first_ = gst_harness_new_with_padnames("onvifxmlmetadatastreamdoc", "sink_%u", "src");
     second_ = gst_harness_new_with_element(first_->element, "sink_%u", nullptr);
-    gst_harness_set_src_caps_str(first_, sim::FRAGMENT_CAPS);
-    gst_harness_set_src_caps_str(second_, sim::FRAGMENT_CAPS);
+    gst_harness_set_src_caps_str(first_, onvif::FRAGMENT_CAPS);
+    gst_harness_set_src_caps_str(second_, onvif::FRAGMENT_CAPS);
   }
 
   void TearDown() override
@@ -152,7 +152,7 @@ count_sync_points(GstHarness *input)
   int count = 0;
   for (GstEvent *event = gst_harness_try_pull_upstream_event(input); event != nullptr;
        event = gst_harness_try_pull_upstream_event(input)) {
-    if (GST_EVENT_TYPE(event) == GST_EVENT_CUSTOM_UPSTREAM && sim::is_sync_point_event(event)) {
+    if (GST_EVENT_TYPE(event) == GST_EVENT_CUSTOM_UPSTREAM && onvif::is_sync_point_event(event)) {
       count++;
     }
     gst_event_unref(event);
@@ -340,7 +340,7 @@ TEST_F(MetadataStreamDoc, InputsMayComeAndGoWhileOthersStream)
   });
   for (int i = 0; i < 100; i++) {
     GstHarness *visitor = gst_harness_new_with_element(element(), "sink_%u", nullptr);
-    gst_harness_set_src_caps_str(visitor, sim::FRAGMENT_CAPS);
+    gst_harness_set_src_caps_str(visitor, onvif::FRAGMENT_CAPS);
     EXPECT_EQ(gst_harness_push(visitor, fragment_new()), GST_FLOW_OK);
     gst_harness_teardown(visitor);
   }

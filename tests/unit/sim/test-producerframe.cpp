@@ -107,7 +107,7 @@ TEST_F(ProducerFrames, EveryMemberIsRead)
   ASSERT_EQ(frame.items[0].objects.size(), 1u);
   const ProducerObject &object = frame.items[0].objects[0];
   EXPECT_EQ(object.id, 12);
-  EXPECT_EQ(object.box, (sim::Box{.left = -0.6, .top = 0.6, .right = -0.2, .bottom = 0.2}));
+  EXPECT_EQ(object.box, (onvif::Box{.left = -0.6, .top = 0.6, .right = -0.2, .bottom = 0.2}));
   EXPECT_EQ(object.centre->x, -0.3);
   EXPECT_EQ(object.centre->y, 0.3);
   ASSERT_EQ(object.polygon.size(), 3u);
@@ -256,7 +256,7 @@ box_with(const char *left, const char *top, const char *right, const char *botto
 TEST_F(ProducerFrames, BoxesAreInThePictureAndStandUpright)
 {
   EXPECT_EQ(read_whole(box_with("-1", "1.0", "1e0", "-1")).items[0].objects[0].box,
-            (sim::Box{.left = -1, .top = 1, .right = 1, .bottom = -1}));
+            (onvif::Box{.left = -1, .top = 1, .right = 1, .bottom = -1}));
   read_whole(box_with("0", "0", "0", "0"));
   for (const std::string &text : {box_with("0.1", "1", "0", "-1"),
                                   box_with("-1", "0", "1", "0.1"),

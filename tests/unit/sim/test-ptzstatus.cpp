@@ -26,10 +26,10 @@ status_text(const Ptz &ptz, const PtzView &view)
 {
   g_autoptr(xmlBuffer) buffer = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(buffer, 0);
-  xml_start(writer, sim::TT, "PTZ");
-  xml_declare(writer, sim::TT);
+  onvif::xml_start(writer, onvif::TT, "PTZ");
+  onvif::xml_declare(writer, onvif::TT);
   sim::ptz_status_write(writer, ptz, view, UTC);
-  sim::xml_end(writer);
+  onvif::xml_end(writer);
   xmlTextWriterFlush(writer);
   return reinterpret_cast<const char *>(xmlBufferContent(buffer));
 }

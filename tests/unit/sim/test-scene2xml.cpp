@@ -1,14 +1,16 @@
 #include "scene2xml.h"
 
-#include "eventmessage.h"
 #include "hostiletext.h"
 #include "metadata.h"
+#include "metadatalimits.h"
 #include "metadatareader.h"
+#include "scenebuffer.h"
 #include "scenefragment.h"
 #include "scenes.h"
 #include "schema.h"
 #include "settingsfile.h"
 #include "wallclock.h"
+#include "worldevents.h"
 
 #include <algorithm>
 #include <cmath>
@@ -157,7 +159,7 @@ TEST_P(SceneToXml, MakesFragmentsOfItsKindOfScenesOnly)
   g_autoptr(GstHarness) harness = feed(GST_ELEMENT(gst_object_ref(element)), GetParam().media_type);
   convert(harness, example_scene());
   g_autoptr(GstCaps) caps = gst_pad_get_current_caps(harness->sinkpad);
-  g_autoptr(GstCaps) fragments = gst_caps_new_empty_simple(sim::FRAGMENT_CAPS);
+  g_autoptr(GstCaps) fragments = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   EXPECT_TRUE(gst_caps_is_equal(caps, fragments));
 }
 
@@ -247,7 +249,7 @@ TEST_P(SceneToXml, HostileSourceNamesDoNoHarm)
       {"\xed\xa0\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},
       {"\xef\xbf\xbe", "\xef\xbf\xbd"},
       {"\xf0\x9f\x8e\xa5", "\xf0\x9f\x8e\xa5"},
-      {repeat("\xc3\xa9", 100000), repeat("\xc3\xa9", sim::SOURCE_NAME_MAX)},
+      {repeat("\xc3\xa9", 100000), repeat("\xc3\xa9", onvif::SOURCE_NAME_MAX)},
   };
   for (const Named &named : names) {
     GstElement *element = make();
@@ -406,7 +408,7 @@ TEST_P(SceneChain, AnswersASyncPointAtOnce)
   begin_where([](WorldTime time) { return is_empty(time, time + 4 * gint64{G_USEC_PER_SEC}); });
   g_autoptr(GstHarness) harness = play(make_chain(false));
   gint64 first = parse_utc(evaluate(pull_text(harness), "string(//tt:Frame/@UtcTime)"));
-  ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
   gint64 second = parse_utc(evaluate(pull_text(harness), "string(//tt:Frame/@UtcTime)"));
   EXPECT_LT(second - first, G_USEC_PER_SEC);
 }
@@ -438,7 +440,7 @@ TEST_P(SceneChain, ShowsWhoCrossesTheLine)
   std::vector<sim::Change> changes = STORY.changes_between(begin + LEAD, begin + LEAD + 10 * MILLISECOND);
   const sim::Change *crossing = find_crossing(changes);
   ASSERT_NE(crossing, nullptr);
-  sim::EventMessage event = sim::event_message_from_change(*crossing, {}).value();
+  onvif::EventMessage event = sim::world_event_from_change(*crossing, {}).value();
   const std::string &id = event.data.at(0).value;
   double to_right = event.data.at(1).value == "LeftToRight" ? 1 : -1;
 

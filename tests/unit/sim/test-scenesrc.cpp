@@ -1,4 +1,5 @@
 #include "metadata.h"
+#include "scenebuffer.h"
 #include "scenes.h"
 #include "settingsfile.h"
 #include "wallclock.h"
@@ -80,7 +81,7 @@ begin_empty(gint64 length)
 void
 ask_for_sync_point(GstHarness *harness)
 {
-  EXPECT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  EXPECT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
 }
 
 TEST_P(SceneSrc, IsLiveAndTimestamps)

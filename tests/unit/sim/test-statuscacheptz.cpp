@@ -79,10 +79,10 @@ expected_text(const PtzView &view, gint64 utc)
   Ptz ptz = World(settings.seed).ptz_at(sim::settings_world_time(settings, utc));
   g_autoptr(xmlBuffer) buffer = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(buffer, 0);
-  xml_start(writer, sim::TT, "PTZ");
-  xml_declare(writer, sim::TT);
+  onvif::xml_start(writer, onvif::TT, "PTZ");
+  onvif::xml_declare(writer, onvif::TT);
   sim::ptz_status_write(writer, ptz, view, utc);
-  sim::xml_end(writer);
+  onvif::xml_end(writer);
   xmlTextWriterFlush(writer);
   return reinterpret_cast<const char *>(xmlBufferContent(buffer));
 }
@@ -149,7 +149,7 @@ TEST_F(PtzSrc, StartsWithOneOfEachStickyEventInOrder)
   expect_sticky_events_in_order(harness);
   g_autoptr(GstPad) pad = gst_element_get_static_pad(harness->element, "src");
   g_autoptr(GstCaps) caps = gst_pad_get_current_caps(pad);
-  EXPECT_STREQ(gst_structure_get_name(gst_caps_get_structure(caps, 0)), sim::FRAGMENT_CAPS);
+  EXPECT_STREQ(gst_structure_get_name(gst_caps_get_structure(caps, 0)), onvif::FRAGMENT_CAPS);
 }
 
 TEST_F(PtzSrc, IsLiveAndTimestamps)
@@ -242,7 +242,7 @@ TEST_F(PtzSrc, ShowsTheStateAtOnceAfterASyncPoint)
   g_autoptr(GstHarness) harness = play(ptz_src_new());
   pull_text(harness);
   for (int round = 0; round < 3; round++) {
-    ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+    ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
     std::string text = pull_text(harness);
     EXPECT_EQ(text, expected_text({}, utc_of(text)));
     EXPECT_LT(utc_of(text), world.until);
@@ -255,7 +255,7 @@ TEST_F(PtzSrc, DoesNotAnswerOtherEvents)
   g_autoptr(GstHarness) harness = play(ptz_src_new_for_channel(CHANNEL_WITHOUT_HEAD));
   pull_text(harness);
   expect_other_event_refused(harness);
-  ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
   pull_text(harness);
   EXPECT_EQ(gst_harness_buffers_received(harness), 2u);
 }
@@ -265,7 +265,7 @@ TEST_F(PtzSrc, ChannelWithoutHeadIsAnsweredWithAnEmptyElement)
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(ptz_src_new_for_channel(CHANNEL_WITHOUT_HEAD));
   EXPECT_EQ(pull_text(harness), EMPTY);
-  ASSERT_TRUE(gst_harness_push_upstream_event(harness, sim::sync_point_event_new()));
+  ASSERT_TRUE(gst_harness_push_upstream_event(harness, onvif::sync_point_event_new()));
   EXPECT_EQ(pull_text(harness), EMPTY);
 }
 

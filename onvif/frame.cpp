@@ -4,7 +4,7 @@
 #include <array>
 #include <string>
 
-namespace sim
+namespace onvif
 {
 
 namespace
@@ -138,4 +138,4 @@ frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)
   xml_end(writer);
 }
 
-} /* namespace sim */
+} /* namespace onvif */

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "frame.h"
+#include "geometry.h"
 #include "ground.h"
 
-#include <gst/gst.h>
 #include <optional>
+#include <vector>
 
 /* What passes between the sources of scenes and their converters. */
 
@@ -44,14 +44,7 @@ struct SceneDetails {
   bool radar = false;
 };
 
-/* What a receiver accepts; a larger scene is none of ours. */
-constexpr gsize SCENE_OBJECTS_MAX = 64;
-constexpr gsize SCENE_POINTS_MAX = 32;
-constexpr gsize SCENE_BYTES_MAX = 65536;
-
 const char *scene_type_name(ObjectType type);
 std::vector<SceneObject> scene_objects(const std::vector<Object> &objects, const SceneDetails &details);
-GstBuffer *scene_to_buffer(const Scene &scene);
-std::optional<Scene> scene_from_buffer(GstBuffer *buffer);
 
 } /* namespace sim */

@@ -1,6 +1,6 @@
 #include "metadata.h"
 
-namespace sim
+namespace onvif
 {
 
 namespace
@@ -33,4 +33,18 @@ is_sync_point_event(GstEvent *event)
   return gst_event_has_name(event, SYNC_POINT_NAME);
 }
 
-} /* namespace sim */
+/**
+ * fragment_to_buffer:
+ * @text: a fragment, written; empty afterwards
+ *
+ * Returns: (transfer full): a buffer that owns the text, which is not copied
+ */
+GstBuffer *
+fragment_to_buffer(xmlBuffer *text)
+{
+  gsize size = static_cast<gsize>(xmlBufferLength(text));
+  xmlChar *bytes = xmlBufferDetach(text);
+  return gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes, size, 0, size, bytes, xmlFree);
+}
+
+} /* namespace onvif */

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "geometry.h"
+
 #include <glib.h>
 #include <optional>
 #include <vector>
@@ -14,11 +16,8 @@ namespace sim
 /* Microseconds of the world's own time; negative before its epoch. */
 using WorldTime = gint64;
 
-/* A position in the picture, normalised: x from -1 (left) to 1 (right), y from -1 (bottom) to 1 (top). */
-struct Point {
-  double x;
-  double y;
-};
+using onvif::Box;
+using onvif::Point;
 
 struct Line {
   Point top;
@@ -29,6 +28,8 @@ enum class ObjectType {
   HUMAN,
   VEHICLE,
 };
+
+constexpr guint8 OBJECT_TYPE_COUNT = 2;
 
 enum class Direction {
   LEFT_TO_RIGHT,

@@ -1,12 +1,14 @@
-#include "eventmessage.h"
+#include "worldevents.h"
+
+#include <string>
 
 namespace sim
 {
 
+using onvif::EventMessage;
+
 namespace
 {
-
-constexpr const char *TOPIC_DIALECT = "http://www.onvif.org/ver10/tev/topicExpression/ConcreteSet";
 
 constexpr const char *INPUT_TOPIC = "tns1:Device/Trigger/DigitalInput";
 constexpr const char *MOTION_TOPIC = "tns1:VideoSource/MotionAlarm";
@@ -31,7 +33,7 @@ direction_text(Direction direction)
   return direction == Direction::LEFT_TO_RIGHT ? "LeftToRight" : "RightToLeft";
 }
 
-EventMessage
+onvif::EventMessage
 input_message(unsigned input, bool state, const char *operation, gint64 utc)
 {
   return {.topic = INPUT_TOPIC,
@@ -41,7 +43,7 @@ input_message(unsigned input, bool state, const char *operation, gint64 utc)
           .data = {{"LogicalState", boolean_text(state)}}};
 }
 
-EventMessage
+onvif::EventMessage
 motion_message(bool state, const char *operation, gint64 utc)
 {
   return {.topic = MOTION_TOPIC,
@@ -51,7 +53,7 @@ motion_message(bool state, const char *operation, gint64 utc)
           .data = {{"State", boolean_text(state)}}};
 }
 
-EventMessage
+onvif::EventMessage
 crossing_message(gint64 object_id, Direction direction, gint64 utc)
 {
   return {
@@ -63,59 +65,17 @@ crossing_message(gint64 object_id, Direction direction, gint64 utc)
   };
 }
 
-void
-write_items(xmlTextWriter *writer, const char *list, const std::vector<EventItem> &items)
-{
-  xml_start(writer, TT, list);
-  for (const EventItem &item : items) {
-    xml_start(writer, TT, "SimpleItem");
-    xml_attribute(writer, "Name", item.name);
-    xml_attribute(writer, "Value", item.value.c_str());
-    xml_end(writer);
-  }
-  xml_end(writer);
-}
-
-/* The inside of a tt:Message that the caller has opened. */
-void
-write_message_content(xmlTextWriter *writer, const EventMessage &message)
-{
-  g_autofree char *utc = xml_date_time(message.utc);
-  xml_attribute(writer, "UtcTime", utc);
-  if (message.operation != nullptr) {
-    xml_attribute(writer, "PropertyOperation", message.operation);
-  }
-  write_items(writer, "Source", message.source);
-  write_items(writer, "Data", message.data);
-}
-
-void
-write_notification(xmlTextWriter *writer, const EventMessage &message)
-{
-  xml_start(writer, WSNT, "NotificationMessage");
-  xml_start(writer, WSNT, "Topic");
-  xml_attribute(writer, "Dialect", TOPIC_DIALECT);
-  xml_text(writer, message.topic);
-  xml_end(writer);
-  xml_start(writer, WSNT, "Message");
-  xml_start(writer, TT, "Message");
-  write_message_content(writer, message);
-  xml_end(writer);
-  xml_end(writer);
-  xml_end(writer);
-}
-
 } /* namespace */
 
 /**
- * event_message_from_change:
+ * world_event_from_change:
  * @change: what happened in the world
  * @settings: places the world's time on the wall clock
  *
  * Returns: the event that tells @change; nothing for a move of the PTZ head, which the PTZ status shows
  */
-std::optional<EventMessage>
-event_message_from_change(const Change &change, const Settings &settings)
+std::optional<onvif::EventMessage>
+world_event_from_change(const Change &change, const Settings &settings)
 {
   gint64 utc = settings_utc(settings, change.time);
   switch (change.type) {
@@ -133,18 +93,18 @@ event_message_from_change(const Change &change, const Settings &settings)
 }
 
 /**
- * event_messages_of_state:
+ * world_events_of_state:
  * @world: the world
  * @time: the moment to look at
  * @settings: places the world's time on the wall clock
  *
  * Returns: one event for every property, with its state at @time
  */
-std::vector<EventMessage>
-event_messages_of_state(const World &world, WorldTime time, const Settings &settings)
+std::vector<onvif::EventMessage>
+world_events_of_state(const World &world, WorldTime time, const Settings &settings)
 {
   gint64 utc = settings_utc(settings, time);
-  std::vector<EventMessage> messages;
+  std::vector<onvif::EventMessage> messages;
   for (unsigned input = 0; input < World::INPUT_COUNT; input++) {
     messages.push_back(input_message(input, world.input_at(input, time), INITIALIZED, utc));
   }
@@ -153,57 +113,15 @@ event_messages_of_state(const World &world, WorldTime time, const Settings &sett
 }
 
 /**
- * event_message_examples:
+ * world_event_examples:
  *
  * Returns: one event of every topic, for trying out whether a filter works at all
  */
-std::vector<EventMessage>
-event_message_examples()
+std::vector<onvif::EventMessage>
+world_event_examples()
 {
   return {input_message(0, true, CHANGED, 0), motion_message(true, CHANGED, 0),
           crossing_message(1, Direction::LEFT_TO_RIGHT, 0)};
-}
-
-/**
- * event_message_to_document:
- * @message: the event
- *
- * Returns: (transfer full): a document whose root is the event's tt:Message
- */
-xmlDoc *
-event_message_to_document(const EventMessage &message)
-{
-  xmlDoc *document = nullptr;
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterDoc(&document, 0);
-  xmlTextWriterStartDocument(writer, nullptr, nullptr, nullptr);
-  xml_start(writer, TT, "Message");
-  xml_declare(writer, TT);
-  write_message_content(writer, message);
-  xmlTextWriterEndDocument(writer);
-  return document;
-}
-
-/**
- * event_messages_to_fragment:
- * @messages: any number of events, also none
- *
- * Returns: (transfer full): one tt:Event element with all of @messages, with the caps %FRAGMENT_CAPS
- */
-GstBuffer *
-event_messages_to_fragment(const std::vector<EventMessage> &messages)
-{
-  g_autoptr(xmlBuffer) text = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  xml_start(writer, TT, "Event");
-  for (const XmlNamespace &declared : {TT, WSNT, TNS1, TNSIMCAM}) {
-    xml_declare(writer, declared);
-  }
-  for (const EventMessage &message : messages) {
-    write_notification(writer, message);
-  }
-  xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return xml_to_gst_buffer(text);
 }
 
 } /* namespace sim */

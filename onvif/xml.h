@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gst/gst.h>
+#include <glib.h>
 #include <libxml/tree.h>
 #include <libxml/xmlwriter.h>
 #include <libxml/xpath.h>
@@ -12,7 +12,7 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathCompExpr, xmlXPathFreeCompExpr)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathContext, xmlXPathFreeContext)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathObject, xmlXPathFreeObject)
 
-namespace sim
+namespace onvif
 {
 
 struct XmlNamespace {
@@ -22,9 +22,7 @@ struct XmlNamespace {
 
 constexpr XmlNamespace TT = {"tt", "http://www.onvif.org/ver10/schema"};
 constexpr XmlNamespace WSNT = {"wsnt", "http://docs.oasis-open.org/wsn/b-2"};
-/* Topics of ONVIF's own tree, and those below them that only this camera has. */
 constexpr XmlNamespace TNS1 = {"tns1", "http://www.onvif.org/ver10/topics"};
-constexpr XmlNamespace TNSIMCAM = {"tnsimcam", "urn:tessard:simulated-camera:topics"};
 
 void xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name);
 void xml_attribute(xmlTextWriter *writer, const char *name, const char *value);
@@ -39,6 +37,5 @@ void xml_end(xmlTextWriter *writer);
 char *xml_clean_text(const char *text);
 char *xml_clean_beginning(const char *text, glong max_characters);
 char *xml_date_time(gint64 utc);
-GstBuffer *xml_to_gst_buffer(xmlBuffer *buffer);
 
-} /* namespace sim */
+} /* namespace onvif */

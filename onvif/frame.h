@@ -1,23 +1,15 @@
 #pragma once
 
-#include "world.h"
+#include "geometry.h"
 #include "xml.h"
 
 #include <optional>
+#include <vector>
 
 /* The parts of a tt:Frame that everybody who tells of objects writes alike. */
 
-namespace sim
+namespace onvif
 {
-
-struct Box {
-  double left;
-  double top;
-  double right;
-  double bottom;
-
-  bool operator==(const Box &) const = default;
-};
 
 /* Decimals of likelihoods and whatever else is measured: as many as mean something. */
 constexpr int MEASURE_DIGITS = 2;
@@ -27,4 +19,4 @@ void frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centr
 void frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double> likelihood);
 void frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted);
 
-} /* namespace sim */
+} /* namespace onvif */

@@ -1,6 +1,6 @@
 #include "settings.h"
 
-#include "metadata.h"
+#include "metadatalimits.h"
 
 #include <algorithm>
 
@@ -56,7 +56,7 @@ read_epoch(GKeyFile *file, gint64 *epoch, GError **error)
   g_autoptr(GTimeZone) utc = g_time_zone_new_utc();
   g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(text, utc);
   gint64 value = time != nullptr ? g_date_time_to_unix(time) : -1;
-  if (value < 0 || value > LATEST_UTC / G_USEC_PER_SEC) {
+  if (value < 0 || value > onvif::LATEST_UTC / G_USEC_PER_SEC) {
     g_set_error(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE,
                 "the epoch must be an ISO 8601 time from 1970 to 2099");
     return false;

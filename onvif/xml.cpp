@@ -9,7 +9,7 @@
 /* Thin helpers over libxml2's writer. Its functions only fail without memory or when start and end do not
  * match, so the results are not looked at. */
 
-namespace sim
+namespace onvif
 {
 
 namespace
@@ -199,18 +199,4 @@ xml_date_time(gint64 utc)
   return g_date_time_format(time, "%Y-%m-%dT%H:%M:%S.%fZ");
 }
 
-/**
- * xml_to_gst_buffer:
- * @buffer: what a writer has written; empty afterwards
- *
- * Returns: (transfer full): a buffer that owns the text, without copying it
- */
-GstBuffer *
-xml_to_gst_buffer(xmlBuffer *buffer)
-{
-  gsize size = static_cast<gsize>(xmlBufferLength(buffer));
-  xmlChar *text = xmlBufferDetach(buffer);
-  return gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), text, size, 0, size, text, xmlFree);
-}
-
-} /* namespace sim */
+} /* namespace onvif */
