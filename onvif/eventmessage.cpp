@@ -23,7 +23,7 @@ write_items(xmlTextWriter *writer, const char *list, const std::vector<EventItem
   xml_end(writer);
 }
 
-/* The inside of a tt:Message that the caller has opened. */
+/* Writes the content of the open tt:Message. */
 void
 write_message_content(xmlTextWriter *writer, const EventMessage &message)
 {

@@ -12,7 +12,7 @@ namespace
 
 constexpr int PICTURE_DIGITS = 4;
 
-/* A type that the older enumeration has, and what it is called there. All others are "Other". */
+/* A type that ONVIF's older enumeration has, and its name there. All other types are "Other". */
 struct ClassNames {
   const char *name;
   const char *candidate;
@@ -69,9 +69,9 @@ write_candidate(xmlTextWriter *writer, const char *type, double likelihood)
 /**
  * frame_write_shape:
  * @writer: the writer, with an appearance open
- * @box: what surrounds the object
+ * @box: the object's bounding box
  * @centre: its centre of gravity
- * @polygon: its outline: no points, or three and more
+ * @polygon: its outline: empty, or at least three points
  *
  * Adds a shape.
  */
@@ -95,10 +95,10 @@ frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centre,
 /**
  * frame_write_class:
  * @writer: the writer, with an appearance open
- * @type: what the object is: characters that XML allows
- * @likelihood: how likely it is that, from 0 to 1
+ * @type: the object's type; only characters that XML allows
+ * @likelihood: the likelihood of the type, from 0 to 1
  *
- * Adds a class, in both the older and the newer form. The older one cannot do without a likelihood.
+ * Adds a class in the newer form and, if there is a likelihood, in the older form, which requires one.
  */
 void
 frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double> likelihood)
@@ -118,10 +118,10 @@ frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double>
 
 /**
  * frame_write_deleted:
- * @writer: the writer, with a frame open that has all its objects
- * @deleted: the ids of those who have left
+ * @writer: the writer, with a frame open after its objects
+ * @deleted: the ids of objects that have left
  *
- * Adds a tree of objects, unless nobody has left.
+ * Adds an object tree with the deleted objects, unless there are none.
  */
 void
 frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)

@@ -6,12 +6,12 @@
 #include <optional>
 #include <vector>
 
-/* The parts of a tt:Frame that everybody who tells of objects writes alike. */
+/* The parts of a tt:Frame that are the same for all sources of objects. */
 
 namespace onvif
 {
 
-/* Decimals of likelihoods and whatever else is measured: as many as mean something. */
+/* Decimals of likelihoods and of measurements. */
 constexpr int MEASURE_DIGITS = 2;
 
 void frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centre,

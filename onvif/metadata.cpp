@@ -13,7 +13,7 @@ constexpr const char *SYNC_POINT_NAME = "GstMetaDataStreamSetSyncPoint";
 /**
  * sync_point_event_new:
  *
- * Returns: (transfer full): an upstream event that asks a source to show its whole present state again
+ * Returns: (transfer full): an upstream event that makes a source send its complete current state
  */
 GstEvent *
 sync_point_event_new()
@@ -23,9 +23,9 @@ sync_point_event_new()
 
 /**
  * is_sync_point_event:
- * @event: any event
+ * @event: an event of any direction
  *
- * Returns: whether @event, in whichever direction it travels, asks for a sync point
+ * Returns: whether @event is a sync point
  */
 bool
 is_sync_point_event(GstEvent *event)

@@ -3,13 +3,13 @@
 #include <gst/gst.h>
 #include <libxml/tree.h>
 
-/* What the simulated camera's elements agree on among themselves and with those who use them. */
+/* The caps and events of elements that produce ONVIF metadata. */
 
 namespace onvif
 {
 
-/* What every source of metadata produces: one complete child element of tt:MetadataStream per buffer. It
- * declares all namespaces that it uses and has neither an XML declaration nor line breaks. */
+/* Fragments: one complete child element of tt:MetadataStream per buffer. It declares all namespaces that it
+ * uses and has neither an XML declaration nor line breaks. */
 constexpr const char *FRAGMENT_CAPS = "application/x-onvif-metadata-fragment";
 
 /* Complete tt:MetadataStream documents, one per buffer. */

@@ -6,8 +6,8 @@
 #include <libxml/chvalid.h>
 #include <string>
 
-/* Thin helpers over libxml2's writer. Its functions only fail without memory or when start and end do not
- * match, so the results are not looked at. */
+/* Helpers for libxml2's writer. Its functions fail only without memory or when start and end do not match, so
+ * their results are not checked. */
 
 namespace onvif
 {
@@ -23,11 +23,11 @@ as_xml(const char *text)
   return reinterpret_cast<const xmlChar *>(text);
 }
 
-/* The number as text, whatever the locale; what rounds to zero has no sign. */
+/* Independent of the locale. Numbers that round to zero have no sign. */
 std::string
 number_text(double value, int decimals)
 {
-  /* Every double with as many decimals as anybody asks for. */
+  /* Long enough for every double with up to 9 decimals. */
   std::array<char, 352> text;
   char *end =
       std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed, decimals).ptr;
@@ -40,10 +40,10 @@ number_text(double value, int decimals)
 /**
  * xml_start:
  * @writer: the writer
- * @element_namespace: the element's namespace, which must be declared here or further out
+ * @element_namespace: the element's namespace, declared on this or an outer element
  * @name: the element's local name
  *
- * Opens an element, to be closed by xml_end().
+ * Opens an element; xml_end() closes it.
  */
 void
 xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name)
@@ -55,7 +55,7 @@ xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const ch
  * xml_attribute:
  * @writer: the writer, with an element just opened
  * @name: the attribute's name
- * @value: its value, which is escaped as needed
+ * @value: its value; the writer escapes it
  *
  * Adds an attribute without a namespace to the open element.
  */
@@ -70,7 +70,7 @@ xml_attribute(xmlTextWriter *writer, const char *name, const char *value)
  * @writer: the writer, with an element just opened
  * @name: the attribute's name
  * @value: its value, a finite number
- * @decimals: how many decimals to write, from 0 to 9
+ * @decimals: the number of decimals, from 0 to 9
  *
  * Adds an attribute without a namespace to the open element.
  */
@@ -83,7 +83,7 @@ xml_attribute_number(xmlTextWriter *writer, const char *name, double value, int 
 /**
  * xml_text:
  * @writer: the writer, with an element open
- * @text: the text, which is escaped as needed
+ * @text: the text; the writer escapes it
  *
  * Adds text to the open element.
  */
@@ -96,11 +96,11 @@ xml_text(xmlTextWriter *writer, const char *text)
 /**
  * xml_element:
  * @writer: the writer
- * @element_namespace: the element's namespace, which must be declared further out
+ * @element_namespace: the element's namespace, declared on an outer element
  * @name: the element's local name
- * @text: its text, which is escaped as needed
+ * @text: its text; the writer escapes it
  *
- * Adds an element that holds nothing but text.
+ * Adds an element that contains only text.
  */
 void
 xml_element(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name, const char *text)
@@ -113,12 +113,12 @@ xml_element(xmlTextWriter *writer, const XmlNamespace &element_namespace, const 
 /**
  * xml_element_number:
  * @writer: the writer
- * @element_namespace: the element's namespace, which must be declared further out
+ * @element_namespace: the element's namespace, declared on an outer element
  * @name: the element's local name
  * @value: a finite number
- * @decimals: how many decimals to write, from 0 to 9
+ * @decimals: the number of decimals, from 0 to 9
  *
- * Adds an element that holds nothing but a number.
+ * Adds an element that contains only a number.
  */
 void
 xml_element_number(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
@@ -145,7 +145,7 @@ xml_declare(xmlTextWriter *writer, const XmlNamespace &declared)
  * xml_end:
  * @writer: the writer
  *
- * Closes the element opened last.
+ * Closes the innermost open element.
  */
 void
 xml_end(xmlTextWriter *writer)
@@ -157,7 +157,8 @@ xml_end(xmlTextWriter *writer)
  * xml_clean_text:
  * @text: any bytes
  *
- * Returns: (transfer full): @text with U+FFFD in the place of whatever XML allows nowhere
+ * Returns: (transfer full): @text with U+FFFD in place of invalid UTF-8 and of characters that XML does not
+ * allow
  */
 char *
 xml_clean_text(const char *text)
@@ -174,9 +175,9 @@ xml_clean_text(const char *text)
 /**
  * xml_clean_beginning:
  * @text: any bytes
- * @max_characters: how many characters to keep
+ * @max_characters: the maximum length
  *
- * Returns: (transfer full): the beginning of @text, cleaned like xml_clean_text() does
+ * Returns: (transfer full): the beginning of @text, cleaned by xml_clean_text()
  */
 char *
 xml_clean_beginning(const char *text, glong max_characters)

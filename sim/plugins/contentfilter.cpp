@@ -6,8 +6,9 @@
 #include <cstring>
 #include <libxml/xpathInternals.h>
 
-/* The texts come from clients. XPath's own functions can neither load documents nor have effects, and no
- * others are registered; what is left to bound is the length of the text and the work of an evaluation. */
+/* The expressions come from clients. XPath's core functions have no side effects and load no documents, and
+ * no other functions are registered. So only the length of the text and the steps of an evaluation need
+ * limits. */
 
 namespace sim
 {
@@ -49,8 +50,8 @@ fault_text(int code)
   return "It is no XPath expression";
 }
 
-/* Without a handler of its own the context would write to standard error. The library gives a code only, in
- * the numbering of all its errors. */
+/* Without a handler, the context writes errors to standard error. libxml2 passes a code in the numbering of
+ * all its errors, and no text. */
 void
 on_xpath_error(void *user_data, xmlErrorPtr found)
 {
@@ -81,30 +82,30 @@ on_generic_error(void *user_data, const char *format, ...)
 {
 }
 
-/* Some failures the library also prints on standard error, with the client's text in them. The handler that
- * does so belongs to the calling thread. */
-class Quiet
+/* Suppresses libxml2's generic error handler of the calling thread, which prints some errors, including the
+ * client's text, to standard error. */
+class SilentErrors
 {
 public:
-  Quiet() : handler_(xmlGenericError), context_(xmlGenericErrorContext)
+  SilentErrors() : handler_(xmlGenericError), context_(xmlGenericErrorContext)
   {
     xmlSetGenericErrorFunc(nullptr, on_generic_error);
   }
-  ~Quiet()
+  ~SilentErrors()
   {
     xmlSetGenericErrorFunc(context_, handler_);
   }
-  Quiet(const Quiet &) = delete;
-  Quiet &operator=(const Quiet &) = delete;
+  SilentErrors(const SilentErrors &) = delete;
+  SilentErrors &operator=(const SilentErrors &) = delete;
 
 private:
   xmlGenericErrorFunc handler_;
   void *context_;
 };
 
-/* A call that fails tells the context's handler why, but for a few rare cases. */
+/* Sets @error from the context's handler. In a few cases a call fails without calling the handler. */
 bool
-settle(bool failed, GError *found, GError **error)
+check_result(bool failed, GError *found, GError **error)
 {
   if (found != nullptr) {
     g_propagate_error(error, g_error_copy(found));
@@ -124,13 +125,13 @@ ContentFilter::Free::operator()(xmlXPathCompExpr *expression) const
 
 /**
  * ContentFilter::compile:
- * @text: the expression, in any bytes
- * @error: set if @text is no XPath expression, or one that cannot be evaluated over the camera's messages
+ * @text: the expression, any bytes
+ * @error: set if @text is not an XPath expression or cannot be evaluated on the camera's messages
  *
- * Unknown functions, variables and prefixes only show in an evaluation, so the expression is tried on one
- * message of every topic.
+ * libxml2 detects unknown functions, variables and prefixes in an evaluation only, so the expression is
+ * evaluated on one message of each topic.
  *
- * Returns: the filter, or nothing with @error set
+ * Returns: the filter; unset with @error set
  */
 std::optional<ContentFilter>
 ContentFilter::compile(const char *text, GError **error)
@@ -145,12 +146,12 @@ ContentFilter::compile(const char *text, GError **error)
     return std::nullopt;
   }
 
-  Quiet quiet;
+  SilentErrors silent;
   g_autoptr(GError) found = nullptr;
   g_autoptr(xmlXPathContext) context = context_new(nullptr, &found);
   ContentFilter filter;
   filter.expression_.reset(xmlXPathCtxtCompile(context, reinterpret_cast<const xmlChar *>(text)));
-  if (!settle(filter.expression_ == nullptr, found, error)) {
+  if (!check_result(filter.expression_ == nullptr, found, error)) {
     return std::nullopt;
   }
   for (const onvif::EventMessage &example : world_event_examples()) {
@@ -164,20 +165,20 @@ ContentFilter::compile(const char *text, GError **error)
 /**
  * ContentFilter::matches:
  * @message: an event
- * @error: set if the evaluation fails, for example because it takes more than %MAX_OPERATIONS steps
+ * @error: set if the evaluation fails, for example after %MAX_OPERATIONS steps
  *
- * Returns: whether @message is wanted, or nothing with @error set
+ * Returns: whether the filter selects @message; unset with @error set
  */
 std::optional<bool>
 ContentFilter::matches(const onvif::EventMessage &message, GError **error) const
 {
-  Quiet quiet;
+  SilentErrors silent;
   g_autoptr(GError) found = nullptr;
   g_autoptr(xmlDoc) document = onvif::event_message_to_document(message);
   g_autoptr(xmlXPathContext) context = context_new(document, &found);
   context->node = xmlDocGetRootElement(document);
   g_autoptr(xmlXPathObject) result = xmlXPathCompiledEval(expression_.get(), context);
-  if (!settle(result == nullptr, found, error)) {
+  if (!check_result(result == nullptr, found, error)) {
     return std::nullopt;
   }
   return xmlXPathCastToBoolean(result) != 0;

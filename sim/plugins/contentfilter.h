@@ -9,16 +9,16 @@
 namespace sim
 {
 
-/* Which messages somebody wants, as an XPath 1.0 expression over the tt:Message, for example
+/* Selects events by an XPath 1.0 expression over the tt:Message, for example
  *
  *   boolean(//tt:SimpleItem[@Name="State" and @Value="true"])
  *
- * The prefixes tt, wsnt and tns1 are known. The result is taken as a boolean. */
+ * The prefixes tt, wsnt and tns1 are declared. The result is converted to a boolean. */
 class ContentFilter
 {
 public:
   static constexpr gsize MAX_LENGTH = 4096;
-  /* Far more than a sensible filter needs for one message, yet only milliseconds of work. */
+  /* Steps of one evaluation: far more than a useful filter needs, and only milliseconds of CPU time. */
   static constexpr unsigned long MAX_OPERATIONS = 100000;
 
   static std::optional<ContentFilter> compile(const char *text, GError **error);

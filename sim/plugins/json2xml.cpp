@@ -2,19 +2,18 @@
 
 #include "metadata.h"
 #include "producerfragment.h"
+#include "registration.h"
 
-#include <libxml/parser.h>
 #include <utility>
 
-/* Turns each text that external producers are heard with into one fragment of ONVIF metadata. A text that is
- * malformed is left out, or what is wrong in it is; the stream goes on, and the first of several in a row is
- * warned of.
+/* Converts each frame of external producers to one fragment of ONVIF metadata. Malformed frames, or malformed
+ * parts of them, are dropped; the first of a series of them causes a warning.
  *
- * The texts come as bytes without caps, so that neither caps nor a segment of bytes from upstream mean
- * anything to those downstream: the output has its own.
+ * The input is bytes without caps, so caps and byte segments from upstream have no meaning downstream. The
+ * element sends its own.
  *
- * Threads: the properties are under the object lock. `was_malformed` belongs to the streaming thread, and to
- * the thread that starts the element before. */
+ * Threads: the object lock protects the properties. Only the streaming thread uses `was_malformed` while the
+ * element runs, and before that the thread that starts it. */
 
 struct _TessardSimJsonToXml {
   GstElement parent_instance;
@@ -48,9 +47,9 @@ current_view(TessardSimJsonToXml *self)
   return {.polygon = !self->exclude_polygon, .sample = self->sample_frame != FALSE};
 }
 
-/* Producers share the stream, and the first of many warnings says enough. */
+/* Warns of the first of a series of malformed frames only. */
 void
-tell_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
+warn_of_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
 {
   bool is_malformed = flaws.fatal != nullptr || flaws.partial != nullptr;
   if (std::exchange(self->was_malformed, is_malformed) || !is_malformed) {
@@ -72,7 +71,7 @@ push_caps(TessardSimJsonToXml *self)
   return gst_pad_push_event(self->src_pad, gst_event_new_caps(caps));
 }
 
-/* Only a segment of times means the same after the conversion. */
+/* Only a segment in time format stays valid after the conversion. */
 GstEvent *
 own_segment(GstEvent *event)
 {
@@ -96,7 +95,7 @@ on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
   g_autoptr(GstBuffer) input = buffer;
   sim::ProducerFlaws flaws;
   std::optional<sim::ProducerFrame> frame = sim::producer_frame_from_buffer(input, &flaws);
-  tell_flaws(self, flaws);
+  warn_of_flaws(self, flaws);
   if (!frame.has_value()) {
     return GST_FLOW_OK;
   }
@@ -217,8 +216,7 @@ tessard_sim_json_to_xml_class_init(TessardSimJsonToXmlClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  xmlInitParser();
-  return gst_element_register(plugin, "json2xml", GST_RANK_NONE, TESSARD_SIM_TYPE_JSON_TO_XML);
+  return sim::element_register(plugin, "json2xml", TESSARD_SIM_TYPE_JSON_TO_XML);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml,

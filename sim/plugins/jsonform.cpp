@@ -4,12 +4,12 @@
 #include <charconv>
 #include <string_view>
 
-/* json-glib alone does not do for text from outside. It calls itself for every level of nesting, until the
- * stack ends; a member that is there twice costs a walk over all others; comments, zeros in front and half of
- * a pair of surrogates are fine with it; and it wraps around whole numbers that have no 64 bits.
+/* json-glib is not safe for untrusted text. It recurses for each level of nesting until the stack is
+ * exhausted; a repeated member takes time in proportion to the number of members; it accepts comments,
+ * leading zeros and unpaired surrogates; integers beyond 64 bits wrap around.
  *
- * So a text is walked through once before, with JSON's own grammar, in constant memory. What passes is JSON
- * of bounded size and shape. */
+ * So a text is checked against JSON's grammar before, in constant memory. A text that passes is JSON of
+ * bounded size and depth. */
 
 namespace sim
 {
@@ -17,7 +17,7 @@ namespace sim
 namespace
 {
 
-/* What stands for a number that is too large: one that is too large for everything. */
+/* Replaces an integer that is too large; beyond the limits of all members. */
 constexpr std::string_view HUGE_NUMBER = "1e99";
 
 constexpr std::array<std::string_view, 3> LITERALS = {"true", "false", "null"};
@@ -82,7 +82,7 @@ private:
   bool digits();
   bool fraction();
   bool exponent();
-  void tame(char *first);
+  void replace_huge(char *first);
   bool take(char wanted);
 
   char *at_;
@@ -220,7 +220,7 @@ Walk::skip_string()
   return take('"');
 }
 
-/* No text can hold the escape of a NUL, or half of a pair. */
+/* The escapes of NUL and of unpaired surrogates are invalid. */
 bool
 Walk::skip_escape()
 {
@@ -268,7 +268,7 @@ Walk::literal()
   return false;
 }
 
-/* What directly follows a number is no part of one, and no value is expected there. */
+/* A character directly after a number that is not part of it is an error of the next token. */
 bool
 Walk::number()
 {
@@ -282,7 +282,7 @@ Walk::number()
     return false;
   }
   if (at_ == whole_end) {
-    tame(first);
+    replace_huge(first);
   }
   return true;
 }
@@ -315,9 +315,9 @@ Walk::exponent()
   return digits();
 }
 
-/* Puts another number in the place of a whole one that has no 64 bits; it is shorter. */
+/* Replaces an integer beyond 64 bits by a shorter number. */
 void
-Walk::tame(char *first)
+Walk::replace_huge(char *first)
 {
   gint64 value = 0;
   if (std::from_chars(first, at_, value).ec == std::errc()) {
@@ -344,13 +344,13 @@ Walk::take(char wanted)
  * json_form_check:
  * @text: (inout): any bytes
  *
- * Whether a parser can be let loose on @text: whether it is one JSON value in valid UTF-8, nested no deeper
- * than %JSON_DEPTH_MAX, of at most %JSON_VALUES_MAX values, with at most %JSON_MEMBERS_MAX members in each
- * object. Takes time in proportion to the length of @text, and no memory.
+ * Checks that @text is one JSON value in valid UTF-8, nested no deeper than %JSON_DEPTH_MAX, of at most
+ * %JSON_VALUES_MAX values, with at most %JSON_MEMBERS_MAX members in each object. Takes time in proportion to
+ * the length of @text and constant memory.
  *
- * Whole numbers that have no 64 bits are replaced by 1e99, since parsers do not agree on them.
+ * Replaces integers beyond 64 bits by 1e99, because parsers differ on them.
  *
- * Returns: the form of @text; nothing if a parser must not see it
+ * Returns: the form of @text; unset if the check fails
  */
 std::optional<JsonForm>
 json_form_check(std::string *text)

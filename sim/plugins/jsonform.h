@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-/* What is looked at before a text goes to the JSON parser. */
+/* A check of a text before it is parsed as JSON. */
 
 namespace sim
 {
@@ -14,7 +14,8 @@ constexpr guint JSON_DEPTH_MAX = 32;
 constexpr guint JSON_VALUES_MAX = 65536;
 constexpr guint JSON_MEMBERS_MAX = 64;
 
-/* How many members the object has that came last at each depth, or 0 for an array; the outermost is at 0. */
+/* For each depth, the number of members of the last object, or 0 for an array; the outermost value is at 0.
+ */
 struct JsonForm {
   std::array<guint, JSON_DEPTH_MAX> members;
 };

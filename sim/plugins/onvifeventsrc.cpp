@@ -1,27 +1,28 @@
 #include "onvifeventsrc.h"
 
-#include "bookmark.h"
 #include "contentfilter.h"
 #include "metadata.h"
+#include "registration.h"
+#include "sourcewait.h"
 #include "topicexpression.h"
-#include "waking.h"
+#include "worldcursor.h"
 #include "worldevents.h"
 
 #include <utility>
 
-/* A live source of the world's events. It sleeps until the world's next change, so it neither polls nor falls
- * behind; a change that no event tells just lets it sleep on. The first buffer shows the present state of
- * every property that passes the filters, and is sent even if none does, so that a pipeline pre-rolls at
- * once; so does one buffer after each sync point.
+/* A live source of the world's events. It waits for the world's next change and does not poll; a change
+ * without an event sends nothing. The first buffer and the first one after a sync point have the current
+ * state of every property that passes the filters. They are sent even if no property does, so that the
+ * pipeline pre-rolls.
  *
- * Threads: everything of `Story` belongs to the streaming thread while the element runs, and to the thread
- * that starts it before. `Waking` is for every thread. The properties are under the object lock. */
+ * Threads: only the streaming thread uses `StreamingState` while the element runs, and before that the thread
+ * that starts it. `SourceWait` locks itself. The object lock protects the properties. */
 
 namespace
 {
 
-struct Story {
-  sim::Bookmark bookmark;
+struct StreamingState {
+  sim::WorldCursor cursor;
   std::optional<sim::TopicExpression> topics;
   std::optional<sim::ContentFilter> contents;
 };
@@ -29,8 +30,8 @@ struct Story {
 struct State {
   char *event_topic = nullptr;
   char *event_content = nullptr;
-  Story story;
-  sim::Waking waking;
+  StreamingState streaming;
+  sim::SourceWait wait;
 };
 
 } /* namespace */
@@ -57,16 +58,16 @@ G_DEFINE_FINAL_TYPE(TessardSimEventSrc, tessard_sim_event_src, GST_TYPE_PUSH_SRC
 namespace
 {
 
-/* Adds @message to @wanted if the filters let it pass; fails only if a filter cannot be evaluated. */
+/* Adds @message to @selected if it passes the filters. Fails only if a filter cannot be evaluated. */
 bool
-add_if_wanted(const Story &story, onvif::EventMessage message, std::vector<onvif::EventMessage> &wanted,
-              GError **error)
+add_if_selected(const StreamingState &streaming, onvif::EventMessage message,
+                std::vector<onvif::EventMessage> &selected, GError **error)
 {
-  if (story.topics.has_value() && !story.topics->matches(message.topic)) {
+  if (streaming.topics.has_value() && !streaming.topics->matches(message.topic)) {
     return true;
   }
-  if (story.contents.has_value()) {
-    std::optional<bool> matches = story.contents->matches(message, error);
+  if (streaming.contents.has_value()) {
+    std::optional<bool> matches = streaming.contents->matches(message, error);
     if (!matches.has_value()) {
       return false;
     }
@@ -74,28 +75,28 @@ add_if_wanted(const Story &story, onvif::EventMessage message, std::vector<onvif
       return true;
     }
   }
-  wanted.push_back(std::move(message));
+  selected.push_back(std::move(message));
   return true;
 }
 
-/* Everything between what was told last and @now, then the whole state if @with_state. */
+/* Adds the changes between the cursor's position and @now if @with_changes, then the state if @with_state. */
 bool
-collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool with_state,
-                 std::vector<onvif::EventMessage> &wanted, GError **error)
+collect_messages(const StreamingState &streaming, sim::WorldTime now, bool with_changes, bool with_state,
+                 std::vector<onvif::EventMessage> &selected, GError **error)
 {
-  const sim::World &world = story.bookmark.world();
-  const sim::Settings &settings = story.bookmark.settings();
+  const sim::World &world = streaming.cursor.world();
+  const sim::Settings &settings = streaming.cursor.settings();
   if (with_changes) {
-    for (const sim::Change &change : world.changes_between(story.bookmark.told_until(), now)) {
+    for (const sim::Change &change : world.changes_between(streaming.cursor.position(), now)) {
       std::optional<onvif::EventMessage> message = sim::world_event_from_change(change, settings);
-      if (message.has_value() && !add_if_wanted(story, std::move(*message), wanted, error)) {
+      if (message.has_value() && !add_if_selected(streaming, std::move(*message), selected, error)) {
         return false;
       }
     }
   }
   if (with_state) {
     for (onvif::EventMessage &message : sim::world_events_of_state(world, now, settings)) {
-      if (!add_if_wanted(story, std::move(message), wanted, error)) {
+      if (!add_if_selected(streaming, std::move(message), selected, error)) {
         return false;
       }
     }
@@ -103,55 +104,55 @@ collect_messages(const Story &story, sim::WorldTime now, bool with_changes, bool
   return true;
 }
 
-/* Tells what is new; leaves @messages empty if nothing that is new is wanted. @answer is whether something
- * has to be sent nevertheless. */
+/* Adds the new events to @messages. @must_send: (out): whether to send even an empty list. */
 bool
-tell(Story &story, bool sync_point, std::vector<onvif::EventMessage> &messages, bool *answer, GError **error)
+collect_new(StreamingState &streaming, bool sync_point, std::vector<onvif::EventMessage> &messages,
+            bool *must_send, GError **error)
 {
-  sim::WorldTime now = story.bookmark.now();
-  bool continues = story.bookmark.can_continue(now);
+  sim::WorldTime now = streaming.cursor.now();
+  bool continues = streaming.cursor.can_continue(now);
   bool with_state = sync_point || !continues;
 
-  *answer = with_state;
-  if (!collect_messages(story, now, continues, with_state, messages, error)) {
+  *must_send = with_state;
+  if (!collect_messages(streaming, now, continues, with_state, messages, error)) {
     return false;
   }
-  story.bookmark.move_to(now);
+  streaming.cursor.advance_to(now);
   return true;
 }
 
 bool
 read_topics(TessardSimEventSrc *self, const char *text)
 {
-  Story &story = self->state->story;
-  story.topics.reset();
+  StreamingState &streaming = self->state->streaming;
+  streaming.topics.reset();
   if (text == nullptr) {
     return true;
   }
   g_autoptr(GError) error = nullptr;
-  story.topics = sim::TopicExpression::parse(text, &error);
-  if (!story.topics.has_value()) {
+  streaming.topics = sim::TopicExpression::parse(text, &error);
+  if (!streaming.topics.has_value()) {
     GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                       ("The topic filter of the events is malformed: %s.", error->message), (nullptr));
   }
-  return story.topics.has_value();
+  return streaming.topics.has_value();
 }
 
 bool
 read_contents(TessardSimEventSrc *self, const char *text)
 {
-  Story &story = self->state->story;
-  story.contents.reset();
+  StreamingState &streaming = self->state->streaming;
+  streaming.contents.reset();
   if (text == nullptr) {
     return true;
   }
   g_autoptr(GError) error = nullptr;
-  story.contents = sim::ContentFilter::compile(text, &error);
-  if (!story.contents.has_value()) {
+  streaming.contents = sim::ContentFilter::compile(text, &error);
+  if (!streaming.contents.has_value()) {
     GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                       ("The content filter of the events is malformed: %s.", error->message), (nullptr));
   }
-  return story.contents.has_value();
+  return streaming.contents.has_value();
 }
 
 } /* namespace */
@@ -225,30 +226,30 @@ tessard_sim_event_src_start(GstBaseSrc *base)
     return FALSE;
   }
 
-  self->state->story.bookmark.open();
-  self->state->waking.forget_sync_point();
+  self->state->streaming.cursor.open();
+  self->state->wait.clear_sync_point();
   return TRUE;
 }
 
 static gboolean
 tessard_sim_event_src_unlock(GstBaseSrc *base)
 {
-  TESSARD_SIM_EVENT_SRC(base)->state->waking.set_flushing(true);
+  TESSARD_SIM_EVENT_SRC(base)->state->wait.set_flushing(true);
   return TRUE;
 }
 
 static gboolean
 tessard_sim_event_src_unlock_stop(GstBaseSrc *base)
 {
-  TESSARD_SIM_EVENT_SRC(base)->state->waking.set_flushing(false);
+  TESSARD_SIM_EVENT_SRC(base)->state->wait.set_flushing(false);
   return TRUE;
 }
 
-/* Runs in the thread of whoever sends the event, at any time. */
+/* Called on the thread that sends the event. */
 static gboolean
 tessard_sim_event_src_event(GstBaseSrc *base, GstEvent *event)
 {
-  if (!TESSARD_SIM_EVENT_SRC(base)->state->waking.accept_event(event)) {
+  if (!TESSARD_SIM_EVENT_SRC(base)->state->wait.handle_event(event)) {
     return GST_BASE_SRC_CLASS(tessard_sim_event_src_parent_class)->event(base, event);
   }
   GST_DEBUG_OBJECT(base, "Sync point requested");
@@ -259,23 +260,23 @@ static GstFlowReturn
 tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
 {
   TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(push);
-  Story &story = self->state->story;
+  StreamingState &streaming = self->state->streaming;
   for (;;) {
-    sim::Wake wake = self->state->waking.wait_until(story.bookmark.next_change_deadline());
-    if (wake == sim::Wake::FLUSHING) {
+    sim::WakeReason wake = self->state->wait.wait_until(streaming.cursor.next_change_deadline());
+    if (wake == sim::WakeReason::FLUSHING) {
       return GST_FLOW_FLUSHING;
     }
 
     std::vector<onvif::EventMessage> messages;
-    bool answer = false;
+    bool must_send = false;
     g_autoptr(GError) error = nullptr;
-    if (!tell(story, wake == sim::Wake::SYNC_POINT, messages, &answer, &error)) {
+    if (!collect_new(streaming, wake == sim::WakeReason::SYNC_POINT, messages, &must_send, &error)) {
       GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                         ("The content filter of the events cannot be evaluated: %s.", error->message),
                         (nullptr));
       return GST_FLOW_ERROR;
     }
-    if (messages.empty() && !answer) {
+    if (messages.empty() && !must_send) {
       continue;
     }
     *buffer = onvif::event_messages_to_fragment(messages, {&sim::TNSIMCAM, 1});
@@ -302,11 +303,11 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
 
   auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
   properties[PROP_EVENT_TOPIC] = g_param_spec_string(
-      "event-topic", "Event topic", "ONVIF ConcreteSet topic expression: which topics to send, all if unset",
-      nullptr, flags);
+      "event-topic", "Event topic",
+      "ONVIF ConcreteSet topic expression that selects the topics to send; all if unset", nullptr, flags);
   properties[PROP_EVENT_CONTENT] = g_param_spec_string(
       "event-content", "Event content",
-      "XPath expression over tt:Message: which events to send, all if unset", nullptr, flags);
+      "XPath expression over tt:Message that selects the events to send; all if unset", nullptr, flags);
   g_object_class_install_properties(object_class, N_PROPERTIES, properties);
 
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
@@ -320,8 +321,7 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  xmlInitParser();
-  return gst_element_register(plugin, "onvifeventsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_EVENT_SRC);
+  return sim::element_register(plugin, "onvifeventsrc", TESSARD_SIM_TYPE_EVENT_SRC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifeventsrc, "Events of the simulated camera",

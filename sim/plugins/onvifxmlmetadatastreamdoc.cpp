@@ -1,27 +1,28 @@
 #include "onvifxmlmetadatastreamdoc.h"
 
 #include "metadata.h"
+#include "registration.h"
 
 #include <cstring>
 #include <unordered_set>
 
-/* Joins any number of inputs into one stream of documents. Each buffer of each input becomes at once one
- * document; no input ever waits for another, except while one of them is pushing.
+/* Joins any number of inputs into one stream of documents. Each buffer of each input becomes one document and
+ * is pushed immediately. An input waits for another one only while that one is pushing.
  *
- * Locks, in this order: the stream lock of the source pad makes the inputs take turns downstream and guards
- * `Output`; the object lock guards `Inputs` and is never held while anything is pushed. A flush and a sync
- * point take no stream lock on their way: the thread that holds one may be stuck downstream.
+ * Locks, in this order: the stream lock of the source pad serialises the inputs and protects `Output`; the
+ * object lock protects `Inputs` and is never held during a push. Flush-start events and sync points do not
+ * take the stream lock, because the thread that holds it may be blocked downstream.
  *
- * A flush of one input flushes what is downstream of all. What the others push meanwhile is lost, but to
- * them all is well, since nobody flushes them. */
+ * A flush of one input flushes downstream for all inputs. Buffers that other inputs push meanwhile are lost,
+ * but their push returns GST_FLOW_OK, because they are not flushing themselves. */
 
 namespace
 {
 
 struct Inputs {
-  std::unordered_set<GstPad *> open;     /* not yet ended, neither by an EOS nor by being released */
+  std::unordered_set<GstPad *> open;     /* without EOS so far, and not released */
   std::unordered_set<GstPad *> flushing; /* between flush-start and flush-stop */
-  guint flush_count = 0;                 /* flushes that have gone downstream */
+  guint flush_count = 0;                 /* flushes that were sent downstream */
   guint next_number = 0;                 /* for the name of the next pad */
 };
 
@@ -101,7 +102,7 @@ static_text(const char *text)
                                 nullptr);
 }
 
-/* The output has one segment whose times are running times, whatever the segments of the inputs. */
+/* The output has one segment in running time; the segments of the inputs may differ. */
 GstClockTime
 to_running_time(GstPad *pad, GstClockTime time)
 {
@@ -163,7 +164,7 @@ push_end_of_stream(TessardSimMetadataStreamDoc *self)
   gst_pad_push_event(self->src_pad, gst_event_new_eos());
 }
 
-/* Returns whether this was the last one, which is true once only. */
+/* Returns: whether this was the last open input; true once only */
 bool
 close_input(TessardSimMetadataStreamDoc *self, GstPad *pad)
 {
@@ -223,7 +224,7 @@ stop_flush(TessardSimMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
   return gst_pad_push_event(self->src_pad, g_steal_pointer(&owned));
 }
 
-/* A flush takes back an end of stream before it. */
+/* A flush cancels a previous end of stream. */
 void
 reopen_input(TessardSimMetadataStreamDoc *self, GstPad *pad)
 {
@@ -241,7 +242,7 @@ push_sync_point(GstElement *element, GstPad *pad, gpointer user_data)
   return TRUE;
 }
 
-/* Starts afresh with the pads that there are. */
+/* Resets the state; all current pads are open. */
 void
 reset(TessardSimMetadataStreamDoc *self)
 {
@@ -297,7 +298,7 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
   default:
     break;
   }
-  /* Sticky events describe one input only; the output has its own. */
+  /* Sticky events describe one input only. The element sends its own. */
   if (gst_event_type_get_flags(GST_EVENT_TYPE(event)) & GST_EVENT_TYPE_STICKY) {
     gst_event_unref(event);
     return TRUE;
@@ -332,10 +333,10 @@ tessard_sim_metadata_stream_doc_finalize(GObject *object)
 
 static GstPad *
 tessard_sim_metadata_stream_doc_request_new_pad(GstElement *element, GstPadTemplate *pad_template,
-                                                const char *wanted_name, const GstCaps *caps)
+                                                const char *requested_name, const GstCaps *caps)
 {
   TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(element);
-  g_autofree char *name = g_strdup(wanted_name);
+  g_autofree char *name = g_strdup(requested_name);
   if (name == nullptr) {
     ObjectLock lock(self);
     name = g_strdup_printf("sink_%u", self->state->inputs.next_number++);
@@ -349,7 +350,7 @@ tessard_sim_metadata_stream_doc_request_new_pad(GstElement *element, GstPadTempl
   return pad;
 }
 
-/* Waits for the buffer that the input has under way, if any. */
+/* Deactivating the pad waits until a buffer that the input is pushing has been pushed. */
 static void
 tessard_sim_metadata_stream_doc_release_pad(GstElement *element, GstPad *pad)
 {
@@ -405,15 +406,13 @@ tessard_sim_metadata_stream_doc_class_init(TessardSimMetadataStreamDocClass *kla
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, document_caps));
   gst_element_class_set_static_metadata(element_class, "ONVIF metadata stream document", "Muxer/Formatter",
-                                        "Makes each piece of ONVIF metadata a document of its own",
-                                        "tessard");
+                                        "Wraps each fragment of ONVIF metadata in a document", "tessard");
 }
 
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  return gst_element_register(plugin, "onvifxmlmetadatastreamdoc", GST_RANK_NONE,
-                              TESSARD_SIM_TYPE_METADATA_STREAM_DOC);
+  return sim::element_register(plugin, "onvifxmlmetadatastreamdoc", TESSARD_SIM_TYPE_METADATA_STREAM_DOC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifxmlmetadatastreamdoc,

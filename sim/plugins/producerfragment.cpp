@@ -9,10 +9,10 @@ namespace sim
 namespace
 {
 
-/* What all frames of one text have in common. */
-struct Manner {
+/* Common to all items of a frame. */
+struct FrameContext {
   const ProducerView &view;
-  const char *source; /* unset if the frames are nobody's */
+  const char *source; /* nullptr for the start of a stream */
   gint64 arrival;
 };
 
@@ -30,7 +30,7 @@ write_type(xmlTextWriter *writer, const ProducerObject &object)
   onvif::frame_write_class(writer, type, object.likelihood);
 }
 
-/* ONVIF has no shape without a box. */
+/* ONVIF requires a box in a shape. */
 void
 write_appearance(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
 {
@@ -57,38 +57,38 @@ write_object(xmlTextWriter *writer, const ProducerObject &object, const Producer
   onvif::xml_end(writer);
 }
 
-/* The element is open, and the same whatever it is called. */
+/* Writes the attributes and content of the open tt:Frame or tt:SampleFrame. */
 void
-write_item(xmlTextWriter *writer, const ProducerItem &item, const Manner &manner)
+write_item(xmlTextWriter *writer, const ProducerItem &item, const FrameContext &context)
 {
-  g_autofree char *utc = onvif::xml_date_time(item.utc.value_or(manner.arrival));
+  g_autofree char *utc = onvif::xml_date_time(item.utc.value_or(context.arrival));
   onvif::xml_attribute(writer, "UtcTime", utc);
-  if (manner.source != nullptr) {
-    onvif::xml_attribute(writer, "Source", manner.source);
+  if (context.source != nullptr) {
+    onvif::xml_attribute(writer, "Source", context.source);
   }
   for (const ProducerObject &object : item.objects) {
-    write_object(writer, object, manner.view);
+    write_object(writer, object, context.view);
   }
   onvif::frame_write_deleted(writer, item.deleted);
 }
 
 void
-write_sample(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
+write_sample(xmlTextWriter *writer, const ProducerFrame &frame, const FrameContext &context)
 {
   onvif::xml_start(writer, onvif::TT, "SampleFrame");
   onvif::xml_declare(writer, onvif::TT);
-  write_item(writer, frame.items.front(), manner);
+  write_item(writer, frame.items.front(), context);
   onvif::xml_end(writer);
 }
 
 void
-write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &manner)
+write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const FrameContext &context)
 {
   onvif::xml_start(writer, onvif::TT, "VideoAnalytics");
   onvif::xml_declare(writer, onvif::TT);
   for (const ProducerItem &item : frame.items) {
     onvif::xml_start(writer, onvif::TT, "Frame");
-    write_item(writer, item, manner);
+    write_item(writer, item, context);
     onvif::xml_end(writer);
   }
   onvif::xml_end(writer);
@@ -98,9 +98,9 @@ write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const Manner &ma
 
 /**
  * producer_frame_to_fragment:
- * @frame: the frame, which has an item at least
- * @view: how to show it
- * @arrival: when it came, in microseconds since 1970: the time of what has none of its own
+ * @frame: the frame, with at least one item
+ * @view: the parts to show
+ * @arrival: the time of arrival in microseconds since 1970, for items without a time
  *
  * Returns: (transfer full): one tt:VideoAnalytics element with one tt:Frame for each item, with the caps
  *   %FRAGMENT_CAPS; or one tt:SampleFrame, of the first item
@@ -110,13 +110,13 @@ producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view,
 {
   bool is_start = frame.source == STREAM_START_SOURCE;
   g_autofree char *source = onvif::xml_clean_beginning(frame.source.c_str(), onvif::SOURCE_NAME_MAX);
-  Manner manner = {.view = view, .source = is_start ? nullptr : source, .arrival = arrival};
+  FrameContext context = {.view = view, .source = is_start ? nullptr : source, .arrival = arrival};
   g_autoptr(xmlBuffer) text = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
   if (view.sample) {
-    write_sample(writer, frame, manner);
+    write_sample(writer, frame, context);
   } else {
-    write_frames(writer, frame, manner);
+    write_frames(writer, frame, context);
   }
   xmlTextWriterFlush(writer);
   return onvif::fragment_to_buffer(text);

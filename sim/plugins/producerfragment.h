@@ -2,14 +2,14 @@
 
 #include "producerframe.h"
 
-/* What the frames of producers look like as ONVIF metadata. */
+/* The frames of external producers as ONVIF metadata. */
 
 namespace sim
 {
 
 struct ProducerView {
   bool polygon = true;
-  bool sample = false; /* the one tt:SampleFrame that shows what a producer's frames are like */
+  bool sample = false; /* write one tt:SampleFrame, an example of the producer's frames */
 };
 
 GstBuffer *producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival);

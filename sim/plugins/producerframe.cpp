@@ -10,11 +10,10 @@
 #include <json-glib/json-glib.h>
 #include <set>
 
-/* The daemon puts what a producer sends into a frame as it is, and so it does with the producer's name.
- * Nothing in a frame is trusted, therefore; not even that it is one frame with one source.
+/* The daemon inserts a producer's text and name into a frame without checking them. Nothing in a frame is
+ * trusted, not even that it is one frame with one source.
  *
- * What is wrong inside an object costs that object, so that a detector with one bad box still shows all
- * others. What is wrong around the objects costs the frame. */
+ * An error inside an object drops that object only. An error outside of the objects drops the frame. */
 
 namespace sim
 {
@@ -27,14 +26,14 @@ constexpr guint DATA_MEMBERS = 1;  /* "Item" */
 constexpr guint POINTS_MIN = 3;
 constexpr guint COORDINATES = 2;
 
-/* A date and a time of the day, with the highest digits. */
+/* A date and a time, with the highest digit at each position. */
 constexpr std::string_view TIME_SHAPE = "9999-19-39T29:59:59";
 constexpr gsize TIME_FRACTION_DIGITS = 9;
 
-/* Beyond every whole number of 64 bits, and a number that a double can hold. */
+/* The first number beyond the integers of 64 bits; a double represents it exactly. */
 constexpr double INTEGERS_END = 9223372036854775808.0;
 
-/* A part of an object, and how it is read out of a value; what is false then is the flaw. */
+/* A part of an object, and the function that reads it; if that fails, `flaw` is the error. */
 struct Part {
   const char *name;
   bool required;
@@ -163,7 +162,7 @@ read_polygon(JsonNode *node, ProducerObject *object)
   return true;
 }
 
-/* A line break would stay one in XML, and metadata have none. */
+/* A line break would be written unchanged, but fragments have no line breaks. */
 bool
 read_type(JsonNode *node, ProducerObject *object)
 {
@@ -250,7 +249,7 @@ length_of(JsonArray *list)
   return list != nullptr ? json_array_get_length(list) : 0;
 }
 
-/* Of two objects with one id, the second is left out, for receivers take them for one. */
+/* Of two objects with the same id, the second is dropped: receivers would treat them as one. */
 void
 read_objects(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
 {
@@ -282,15 +281,15 @@ read_deleted(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
   }
 }
 
-/* Whether no more digits follow the seconds and a dot or comma than GLib has room for. A zone is shorter. */
+/* Whether the fraction of the seconds has no more digits than GLib can parse. */
 bool
 has_fit_fraction(std::string_view rest)
 {
   return std::min(rest.find_first_not_of("0123456789", 1), rest.size()) <= 1 + TIME_FRACTION_DIGITS;
 }
 
-/* Whether it is a date and a time of the day, with dashes and colons, and no leap second; GLib takes weeks
- * and more. */
+/* Whether it is a date and a time with dashes and colons, without a leap second. GLib accepts more formats,
+ * for example weeks. */
 bool
 has_shape_of_time(std::string_view text)
 {
@@ -394,7 +393,8 @@ read_frame(JsonNode *root, ProducerFrame *frame, ProducerFlaws *flaws)
   return read_items(items, frame, flaws);
 }
 
-/* Otherwise a producer could close the frame that it is put into and open one with another source. */
+/* Otherwise a producer could close the frame that its text is inserted into and open one with another source.
+ */
 bool
 is_one_frame(const JsonForm &form)
 {
@@ -406,11 +406,11 @@ is_one_frame(const JsonForm &form)
 /**
  * producer_frame_from_buffer:
  * @buffer: any bytes
- * @flaws: (out): what is wrong with them
+ * @flaws: (out): the errors found
  *
- * Reads the text that the daemon makes of what a producer sends.
+ * Parses a frame of the daemon with a producer's text.
  *
- * Returns: what is right in @buffer; nothing if that makes no frame, and only then @flaws has a fatal one
+ * Returns: the valid parts of @buffer; unset if @flaws has a fatal error
  */
 std::optional<ProducerFrame>
 producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws)

@@ -5,7 +5,7 @@
 #include <gst/gst.h>
 #include <string>
 
-/* What external producers of metadata say; docs/producers.md has the format in words. */
+/* The frames of external producers; docs/producers.md documents the format. */
 
 namespace sim
 {
@@ -14,7 +14,7 @@ struct ProducerObject {
   gint64 id;
   std::optional<onvif::Box> box;
   std::optional<onvif::Point> centre;
-  std::vector<onvif::Point> polygon; /* no points, or three and more */
+  std::vector<onvif::Point> polygon; /* empty, or at least three points */
   std::optional<std::string> type;
   std::optional<double> likelihood;
 };
@@ -22,7 +22,7 @@ struct ProducerObject {
 struct ProducerItem {
   std::optional<gint64> utc; /* microseconds since 1970 */
   std::vector<ProducerObject> objects;
-  std::vector<gint64> deleted; /* who has left */
+  std::vector<gint64> deleted; /* ids of objects that have left */
 };
 
 struct ProducerFrame {
@@ -30,21 +30,21 @@ struct ProducerFrame {
   std::vector<ProducerItem> items;
 };
 
-/* What is wrong with a frame, each as the part of a sentence; unset if nothing is. */
+/* The errors in a frame, as parts of a sentence; nullptr without an error. */
 struct ProducerFlaws {
-  const char *fatal = nullptr;   /* why there is no frame at all */
-  const char *partial = nullptr; /* why something in it was left out, the first if there are several */
+  const char *fatal = nullptr;   /* the reason to drop the frame */
+  const char *partial = nullptr; /* the reason to drop the first dropped part */
 };
 
-/* What a producer may send. Too many points or characters cost the object that has them, all else costs the
+/* The limits of a frame. Too many points or characters cause the object to be dropped, everything else the
  * frame. */
 constexpr gsize PRODUCER_FRAME_BYTES_MAX = 1048576;
 constexpr guint PRODUCER_ITEMS_MAX = 64;
-constexpr guint PRODUCER_OBJECTS_MAX = 1024; /* of an item; as many may have left */
+constexpr guint PRODUCER_OBJECTS_MAX = 1024; /* of an item; also the maximum of its deleted objects */
 constexpr guint PRODUCER_POINTS_MAX = 128;
 constexpr glong PRODUCER_TYPE_MAX = 64; /* characters */
 
-/* Who speaks when a stream starts, before any producer does. */
+/* The source of the frame at the start of a stream. */
 constexpr const char *STREAM_START_SOURCE = "StreamStart";
 
 std::optional<ProducerFrame> producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws);

@@ -42,7 +42,7 @@ constexpr int COORDINATE_DIGITS = 4;
 constexpr Range GENERIC_PAN_TILT = PAN_TILT_SPACES[0].pan;
 constexpr Range GENERIC_ZOOM = ZOOM_SPACES[0].zoom;
 
-/* The default space, and what no element offers, is the generic one. */
+/* The default space and unknown numbers select the generic space. */
 template <typename Space>
 const Space &
 space_of(const std::array<Space, PTZ_LAST_SPACE + 1> &spaces, int number)
@@ -101,11 +101,11 @@ write_move_status(xmlTextWriter *writer, const char *name, bool moving)
  * ptz_status_write:
  * @writer: the writer, with the namespace %TT declared
  * @ptz: the state of the head
- * @view: what to show of it and how; a number that no coordinate space has stands for the default one
+ * @view: the parts to show; unknown coordinate spaces select the default one
  * @utc: the time of @ptz in microseconds since 1970
  *
- * Writes one tt:PTZStatus. ONVIF gives pan and tilt as a pair only, so if just one of them can move, the
- * other stands in the middle.
+ * Writes one tt:PTZStatus. ONVIF has pan and tilt as a pair only: if one of them cannot move, its value is
+ * the middle of the range.
  */
 void
 ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc)

@@ -3,7 +3,7 @@
 #include "world.h"
 #include "xml.h"
 
-/* What the state of the world's PTZ head looks like in ONVIF metadata. */
+/* The state of the world's PTZ head as ONVIF metadata. */
 
 namespace sim
 {
@@ -12,18 +12,18 @@ namespace sim
 constexpr int PTZ_DEFAULT_SPACE = -1;
 constexpr int PTZ_LAST_SPACE = 2;
 
-/* What the driver of the head can move; the camera's own bit set. */
+/* The axes that the driver of the head can move, in the camera's own bit mask. */
 enum : int {
   PTZ_MOVES_PAN = 1 << 0,
   PTZ_MOVES_TILT = 1 << 1,
   PTZ_MOVES_ZOOM = 1 << 2,
 };
 
-/* What somebody wants to see of the head. */
+/* The parts of the state to show. */
 struct PtzView {
   int pan_tilt_space = PTZ_DEFAULT_SPACE;
   int zoom_space = PTZ_DEFAULT_SPACE;
-  int move_capabilities = 0; /* of PTZ_MOVES_...; all of them if none is set */
+  int move_capabilities = 0; /* mask of PTZ_MOVES_...; all axes if no bit is set */
   bool with_position = true;
   bool with_status = true;
 };

@@ -1,7 +1,4 @@
-#include "scene2xml.h"
-#include "scenesrc.h"
-
-#include <libxml/parser.h>
+#include "sceneplugin.h"
 
 namespace
 {
@@ -28,8 +25,7 @@ constexpr sim::ScenePlugin RADAR_SCENE = {
 gboolean
 plugin_init(GstPlugin *plugin)
 {
-  xmlInitParser();
-  return sim::scene_src_register(plugin, &RADAR_SCENE) && sim::scene_converter_register(plugin, &RADAR_SCENE);
+  return sim::scene_plugin_register(plugin, &RADAR_SCENE);
 }
 
 } /* namespace */

@@ -11,14 +11,14 @@
 #include <utility>
 #include <variant>
 
-/* Turns each scene into one fragment of ONVIF metadata. A scene that is malformed is left out; the stream
- * goes on, and the first of several in a row is warned of.
+/* Converts each scene to one fragment of ONVIF metadata. Malformed scenes are dropped; the first of a series
+ * of them causes a warning.
  *
- * Where the PTZ head looks is no part of a scene: the converter asks the world. The settings are read when
- * the element is made, since whether a channel has a PTZ head is asked for before it starts.
+ * The position of the PTZ head is not part of a scene; the converter reads it from the world. The settings
+ * are read when the element is created, because the property "ptz" depends on them before the element starts.
  *
- * Threads: `Options` are under the object lock. `Work` belongs to the streaming thread while the element
- * runs, and to the thread that starts it before. */
+ * Threads: the object lock protects `Options`. Only the streaming thread uses `StreamingState` while the
+ * element runs, and before that the thread that starts it. */
 
 namespace
 {
@@ -27,19 +27,19 @@ struct Options {
   bool polygon = false;
   guint rotation = 0;
   std::optional<std::string> source_name;
-  /* The scene's own */
+  /* Of scene2xml only */
   int ptz_move_capabilities = 0;
   int pan_tilt_space = sim::PTZ_DEFAULT_SPACE;
   int zoom_space = sim::PTZ_DEFAULT_SPACE;
   int channel = 1;
   bool ptz = false;
-  /* The radar's own */
+  /* Of radarscene2xml only */
   bool velocity = false;
   bool geolocation = false;
 };
 
-/* How the options are followed while the element runs. */
-struct Work {
+/* What the element uses while it runs. */
+struct StreamingState {
   sim::SceneView view;
   bool with_ptz = false;
   bool was_malformed = false;
@@ -48,7 +48,7 @@ struct Work {
 struct State {
   sim::Settings settings;
   Options options;
-  Work work;
+  StreamingState streaming;
 };
 
 struct SceneConverter {
@@ -58,7 +58,7 @@ struct SceneConverter {
 
 struct SceneConverterClass {
   GstBaseTransformClass parent_class;
-  const sim::ScenePlugin *described;
+  const sim::ScenePlugin *description;
 };
 
 enum class Owner {
@@ -78,24 +78,24 @@ struct Property {
   Option option;
 };
 
-/* A property's id is its place here, counted from 1. */
+/* A property's id is its index plus 1. */
 constexpr std::array<Property, 10> PROPERTIES = {{
-    {"polygon", "Polygon", "Whether to tell the outlines of objects", Owner::BOTH, &Options::polygon},
-    {"rotation", "Rotation", "Degrees by which the picture is turned clockwise: 0, 90, 180 or 270",
-     Owner::BOTH, &Options::rotation},
-    {"source-name", "Source name", "Who is named as the source of every frame, nobody if unset", Owner::BOTH,
+    {"polygon", "Polygon", "Whether to write the polygons of objects", Owner::BOTH, &Options::polygon},
+    {"rotation", "Rotation", "Clockwise rotation of the picture in degrees: 0, 90, 180 or 270", Owner::BOTH,
+     &Options::rotation},
+    {"source-name", "Source name", "Source of every frame; none if unset", Owner::BOTH,
      &Options::source_name},
-    {"ptz-move-capabilities", "PTZ move capabilities", "What the PTZ driver can move, 0 if unknown",
+    {"ptz-move-capabilities", "PTZ move capabilities", "Mask of what the PTZ driver can move; 0 if unknown",
      Owner::SCENE, &Options::ptz_move_capabilities},
-    {"pan-tilt-space", "Pan-tilt space", "Coordinate space of pan and tilt, -1 for the default", Owner::SCENE,
+    {"pan-tilt-space", "Pan-tilt space", "Coordinate space of pan and tilt; -1 for the default", Owner::SCENE,
      &Options::pan_tilt_space},
-    {"zoom-space", "Zoom space", "Coordinate space of the zoom, -1 for the default", Owner::SCENE,
+    {"zoom-space", "Zoom space", "Coordinate space of the zoom; -1 for the default", Owner::SCENE,
      &Options::zoom_space},
-    {"channel", "Channel", "The channel whose PTZ head is told of", Owner::SCENE, &Options::channel},
-    {"ptz", "PTZ", "Whether to tell the state of the PTZ head; stays false on a channel without one",
+    {"channel", "Channel", "Video channel whose PTZ head to report", Owner::SCENE, &Options::channel},
+    {"ptz", "PTZ", "Whether to write the state of the PTZ head; always false for a channel without one",
      Owner::SCENE, &Options::ptz},
-    {"velocity", "Velocity", "Whether to tell how objects move", Owner::RADAR, &Options::velocity},
-    {"geolocation", "Geolocation", "Whether to tell where on the earth objects are", Owner::RADAR,
+    {"velocity", "Velocity", "Whether to write the velocities of objects", Owner::RADAR, &Options::velocity},
+    {"geolocation", "Geolocation", "Whether to write the locations of objects on the earth", Owner::RADAR,
      &Options::geolocation},
 }};
 
@@ -111,9 +111,9 @@ as_converter(gpointer object)
 }
 
 const sim::ScenePlugin &
-described(gpointer object)
+description_of(gpointer object)
 {
-  return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneConverterClass)->described;
+  return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneConverterClass)->description;
 }
 
 GParamSpec *
@@ -181,7 +181,7 @@ struct ValueWriter {
   }
 };
 
-/* A channel without a PTZ head has nothing to tell of one, whatever was asked for. */
+/* Without a PTZ head on the channel, "ptz" is always false. */
 Options
 effective_options(SceneConverter *self)
 {
@@ -239,11 +239,11 @@ start(GstBaseTransform *base)
 {
   SceneConverter *self = as_converter(base);
   Options options = effective_options(self);
-  self->state->work = {
+  self->state->streaming = {
       .view = {.source_name = clean_name(options.source_name),
                .rotation = rotation_of(self, options),
                .polygon = options.polygon,
-               .velocity = options.velocity || !described(self).radar,
+               .velocity = options.velocity || !description_of(self).radar,
                .geolocation = options.geolocation,
                .ptz = {.pan_tilt_space = options.pan_tilt_space,
                        .zoom_space = options.zoom_space,
@@ -267,7 +267,7 @@ std::optional<sim::Scene>
 read_scene(SceneConverter *self, GstBuffer *buffer)
 {
   std::optional<sim::Scene> scene = sim::scene_from_buffer(buffer);
-  bool first = !std::exchange(self->state->work.was_malformed, !scene.has_value());
+  bool first = !std::exchange(self->state->streaming.was_malformed, !scene.has_value());
   if (!scene.has_value() && first) {
     GST_ELEMENT_WARNING(self, STREAM, DECODE, ("A scene is malformed and left out."),
                         ("%" G_GSIZE_FORMAT " bytes", gst_buffer_get_size(buffer)));
@@ -278,14 +278,14 @@ read_scene(SceneConverter *self, GstBuffer *buffer)
 std::optional<sim::Ptz>
 ptz_at(const State &state, gint64 utc)
 {
-  if (!state.work.with_ptz) {
+  if (!state.streaming.with_ptz) {
     return std::nullopt;
   }
   sim::World world(state.settings.seed);
   return world.ptz_at(sim::settings_world_time(state.settings, utc));
 }
 
-/* The base class has put the input aside and asks until there is no more output. */
+/* The base class calls this until there is no output; `queued_buf` is the input. */
 GstFlowReturn
 generate_output(GstBaseTransform *base, GstBuffer **output)
 {
@@ -299,7 +299,7 @@ generate_output(GstBaseTransform *base, GstBuffer **output)
   if (!scene.has_value()) {
     return GST_BASE_TRANSFORM_FLOW_DROPPED;
   }
-  *output = sim::scene_to_fragment(*scene, self->state->work.view, ptz_at(*self->state, scene->utc));
+  *output = sim::scene_to_fragment(*scene, self->state->streaming.view, ptz_at(*self->state, scene->utc));
   gst_buffer_copy_into(*output, input, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
   return GST_FLOW_OK;
 }
@@ -329,7 +329,7 @@ class_init(gpointer klass, gpointer class_data)
 
   GST_DEBUG_CATEGORY_INIT(scene_converter_debug, plugin->converter.name, 0, plugin->converter.description);
   parent_class = g_type_class_peek_parent(klass);
-  static_cast<SceneConverterClass *>(klass)->described = plugin;
+  static_cast<SceneConverterClass *>(klass)->description = plugin;
   object_class->set_property = set_property;
   object_class->get_property = get_property;
   object_class->finalize = finalize;
@@ -352,7 +352,7 @@ class_init(gpointer klass, gpointer class_data)
 void
 instance_init(GTypeInstance *instance, gpointer klass)
 {
-  as_converter(instance)->state = new State{.settings = sim::settings_load(), .options = {}, .work = {}};
+  as_converter(instance)->state = new State{.settings = sim::settings_load(), .options = {}, .streaming = {}};
   gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(instance), FALSE);
 }
 
@@ -362,27 +362,21 @@ namespace sim
 {
 
 /**
- * scene_converter_register:
- * @plugin: the plug-in that is being loaded; each may do this once
- * @described: (transfer none): what it is called; stays where it is for as long as the process lives
+ * scene_converter_type_info:
+ * @description: (transfer none): the plug-in's description, which must stay valid as long as the process runs
  *
- * Registers the plug-in's converter from scenes to ONVIF metadata.
- *
- * Returns: whether that worked
+ * Returns: the converter's class, for element_register_class()
  */
-bool
-scene_converter_register(GstPlugin *plugin, const ScenePlugin *described)
+GTypeInfo
+scene_converter_type_info(const ScenePlugin *description)
 {
-  GTypeInfo info = {
+  return {
       .class_size = sizeof(SceneConverterClass),
       .class_init = class_init,
-      .class_data = described,
+      .class_data = description,
       .instance_size = sizeof(SceneConverter),
       .instance_init = instance_init,
   };
-  GType type = g_type_register_static(GST_TYPE_BASE_TRANSFORM, described->converter.type_name, &info,
-                                      G_TYPE_FLAG_FINAL);
-  return gst_element_register(plugin, described->converter.name, GST_RANK_NONE, type);
 }
 
 } /* namespace sim */

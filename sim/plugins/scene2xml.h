@@ -5,6 +5,6 @@
 namespace sim
 {
 
-bool scene_converter_register(GstPlugin *plugin, const ScenePlugin *described);
+GTypeInfo scene_converter_type_info(const ScenePlugin *description);
 
 } /* namespace sim */

@@ -2,23 +2,23 @@
 
 #include "metadatalimits.h"
 
-/* A scene travels as one GVariant in the byte order of the machine:
+/* A scene is serialised as one GVariant in the byte order of the machine:
  *
  *   y                 the version of the format
  *   x                 the time in microseconds since 1970
  *   a(                the objects
  *     x                 the id
  *     y                 the type, an ObjectType
- *     d                 how likely it is of this type, from 0 to 1
+ *     d                 the likelihood of the type, from 0 to 1
  *     (dd)              the centre: x, y
  *     m(dddd)           the bounding box: left, top, right, bottom
  *     a(dd)             the points of the polygon: x, y
  *     m(dd)             the velocity: metres per second, angle in degrees
  *     m(ddd)            the radar's echo: angle in degrees, range in metres, size in metres
  *   )
- *   ax                the ids of those who have left
+ *   ax                the ids of objects that have left
  *
- * Whoever reads one trusts nothing in it. */
+ * The reader checks every value. */
 
 namespace sim
 {
@@ -31,7 +31,7 @@ namespace
 
 constexpr guint8 FORMAT_VERSION = 1;
 
-/* Beyond everything that moves or is seen on the ground: metres, and metres per second. */
+/* The maximum of distances in metres and of speeds in metres per second. */
 constexpr double LARGEST_MEASURE = 100000;
 
 constexpr gsize POINTS_MIN = 3;
@@ -86,7 +86,7 @@ pack_object(GVariantBuilder *objects, const SceneObject &object)
   g_variant_builder_close(objects);
 }
 
-/* False for what is no number, too. */
+/* Also false for NaN. */
 bool
 is_between(double value, double low, double high)
 {
@@ -213,7 +213,7 @@ unpack_deleted(GVariant *packed, std::vector<gint64> *deleted)
   return true;
 }
 
-/* Returns: (transfer full) (nullable): the content of @buffer, if it is of the right type at all */
+/* Returns: (transfer full) (nullable): the content of @buffer, if it has the right type */
 GVariant *
 read_variant(GstBuffer *buffer)
 {
@@ -235,7 +235,7 @@ read_variant(GstBuffer *buffer)
  * scene_to_buffer:
  * @scene: a scene
  *
- * Returns: (transfer full): a buffer with @scene in the format that scene_from_buffer() reads
+ * Returns: (transfer full): a buffer with @scene, for scene_from_buffer()
  */
 GstBuffer *
 scene_to_buffer(const Scene &scene)
@@ -260,8 +260,7 @@ scene_to_buffer(const Scene &scene)
  * scene_from_buffer:
  * @buffer: any bytes
  *
- * Returns: the scene in @buffer; nothing unless every part of it is what scene_to_buffer() could have written
- *   and within the limits of this format
+ * Returns: the scene in @buffer, if it is in the format of scene_to_buffer() and within its limits
  */
 std::optional<Scene>
 scene_from_buffer(GstBuffer *buffer)

@@ -4,12 +4,12 @@
 
 #include <gst/gst.h>
 
-/* The form in which a scene travels from its source to its converter. */
+/* The serialised form of scenes between a source and its converter. */
 
 namespace sim
 {
 
-/* What a receiver accepts; a larger scene is none of ours. */
+/* Limits of a scene; a larger one is malformed. */
 constexpr gsize SCENE_OBJECTS_MAX = 64;
 constexpr gsize SCENE_POINTS_MAX = 32;
 constexpr gsize SCENE_BYTES_MAX = 65536;

@@ -13,45 +13,46 @@ namespace sim
 namespace
 {
 
-/* What only this camera's radar has to say. */
+/* The camera's own extension for measurements of the radar. */
 constexpr onvif::XmlNamespace QURT = {"qurt", "urn:tessard:simulated-camera:radar"};
 
-/* Decimals, as many as mean something. */
+/* Decimals of degrees on the earth; more than the precision of the position. */
 constexpr int EARTH_DIGITS = 7;
 
-/* Turns the picture clockwise: (1, 0) goes to `right`, (0, 1) to `up`. */
-struct Turn {
-  guint rotation;
+/* A clockwise rotation of the picture: (1, 0) becomes `right`, (0, 1) becomes `up`. */
+struct Rotation {
+  guint degrees;
   Point right;
   Point up;
 };
 
-constexpr std::array<Turn, 4> TURNS = {{
+constexpr std::array<Rotation, 4> ROTATIONS = {{
     {0, {1, 0}, {0, 1}},
     {90, {0, -1}, {1, 0}},
     {180, {-1, 0}, {0, -1}},
     {270, {0, 1}, {-1, 0}},
 }};
 
-const Turn *
-find_turn(guint rotation)
+const Rotation *
+find_rotation(guint degrees)
 {
-  auto found = std::find_if(TURNS.begin(), TURNS.end(),
-                            [rotation](const Turn &turn) { return turn.rotation == rotation; });
-  return found != TURNS.end() ? &*found : nullptr;
+  auto found = std::find_if(ROTATIONS.begin(), ROTATIONS.end(),
+                            [degrees](const Rotation &rotation) { return rotation.degrees == degrees; });
+  return found != ROTATIONS.end() ? &*found : nullptr;
 }
 
 Point
-turn_point(const Turn &turn, const Point &point)
+rotate_point(const Rotation &rotation, const Point &point)
 {
-  return {point.x * turn.right.x + point.y * turn.up.x, point.x * turn.right.y + point.y * turn.up.y};
+  return {point.x * rotation.right.x + point.y * rotation.up.x,
+          point.x * rotation.right.y + point.y * rotation.up.y};
 }
 
 Box
-turn_box(const Turn &turn, const Box &box)
+rotate_box(const Rotation &rotation, const Box &box)
 {
-  Point one = turn_point(turn, {box.left, box.top});
-  Point other = turn_point(turn, {box.right, box.bottom});
+  Point one = rotate_point(rotation, {box.left, box.top});
+  Point other = rotate_point(rotation, {box.right, box.bottom});
   return {.left = std::min(one.x, other.x),
           .top = std::max(one.y, other.y),
           .right = std::max(one.x, other.x),
@@ -59,18 +60,19 @@ turn_box(const Turn &turn, const Box &box)
 }
 
 void
-write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Rotation &rotation)
 {
   std::vector<Point> polygon;
   if (view.polygon) {
     for (const Point &point : object.polygon) {
-      polygon.push_back(turn_point(turn, point));
+      polygon.push_back(rotate_point(rotation, point));
     }
   }
-  onvif::frame_write_shape(writer, turn_box(turn, *object.box), turn_point(turn, object.centre), polygon);
+  onvif::frame_write_shape(writer, rotate_box(rotation, *object.box), rotate_point(rotation, object.centre),
+                           polygon);
 }
 
-/* The radar does not turn with the picture. */
+/* The rotation of the picture does not apply to the radar. */
 void
 write_radar(xmlTextWriter *writer, const SceneObject &object, const SceneView &view)
 {
@@ -105,13 +107,14 @@ write_location(xmlTextWriter *writer, const Polar &position)
   onvif::xml_end(writer);
 }
 
-/* A shape needs a box: without one there is none at all. */
+/* ONVIF requires a box in a shape; without a box no shape is written. */
 void
-write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneView &view,
+                 const Rotation &rotation)
 {
   onvif::xml_start(writer, onvif::TT, "Appearance");
   if (object.box.has_value()) {
-    write_shape(writer, object, view, turn);
+    write_shape(writer, object, view, rotation);
   }
   onvif::frame_write_class(writer, scene_type_name(object.type), object.likelihood);
   if (object.radar.has_value()) {
@@ -123,11 +126,11 @@ write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneVi
   onvif::xml_end(writer);
 }
 
-/* In a turned picture, 0 is still towards its right and 90 away. */
+/* In a rotated picture too, 0 is to its right and 90 away from the camera. */
 void
-write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Turn &turn)
+write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Rotation &rotation)
 {
-  double yaw = std::remainder(90 - velocity.angle - turn.rotation, 360);
+  double yaw = std::remainder(90 - velocity.angle - rotation.degrees, 360);
   onvif::xml_start(writer, onvif::TT, "Behaviour");
   onvif::xml_element_number(writer, onvif::TT, "Speed", velocity.speed, onvif::MEASURE_DIGITS);
   onvif::xml_start(writer, onvif::TT, "Direction");
@@ -137,13 +140,14 @@ write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Turn &tur
 }
 
 void
-write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Turn &turn)
+write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &view,
+             const Rotation &rotation)
 {
   onvif::xml_start(writer, onvif::TT, "Object");
   onvif::xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
-  write_appearance(writer, object, view, turn);
+  write_appearance(writer, object, view, rotation);
   if (view.velocity && object.velocity.has_value()) {
-    write_behaviour(writer, *object.velocity, turn);
+    write_behaviour(writer, *object.velocity, rotation);
   }
   onvif::xml_end(writer);
 }
@@ -151,7 +155,7 @@ write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &
 void
 write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
 {
-  const Turn &turn = *find_turn(view.rotation);
+  const Rotation &rotation = *find_rotation(view.rotation);
   g_autofree char *utc = onvif::xml_date_time(scene.utc);
   onvif::xml_start(writer, onvif::TT, "Frame");
   onvif::xml_attribute(writer, "UtcTime", utc);
@@ -162,7 +166,7 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
     ptz_status_write(writer, *ptz, view.ptz, scene.utc);
   }
   for (const SceneObject &object : scene.objects) {
-    write_object(writer, object, view, turn);
+    write_object(writer, object, view, rotation);
   }
   onvif::frame_write_deleted(writer, scene.deleted);
   onvif::xml_end(writer);
@@ -174,19 +178,19 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
  * scene_can_rotate:
  * @rotation: degrees
  *
- * Returns: whether @rotation is one by which pictures can be turned: 0, 90, 180 or 270
+ * Returns: whether pictures can be rotated by @rotation: 0, 90, 180 or 270
  */
 bool
 scene_can_rotate(guint rotation)
 {
-  return find_turn(rotation) != nullptr;
+  return find_rotation(rotation) != nullptr;
 }
 
 /**
  * scene_to_fragment:
  * @scene: the scene
- * @view: how to show it
- * @ptz: where the PTZ head looks, if that is to be told
+ * @view: the parts to show
+ * @ptz: the state of the PTZ head, if it is to be shown
  *
  * Returns: (transfer full): one tt:VideoAnalytics element with one tt:Frame, with the caps %FRAGMENT_CAPS
  */

@@ -6,15 +6,15 @@
 #include <gst/gst.h>
 #include <string>
 
-/* What scenes look like as ONVIF metadata. */
+/* Scenes as ONVIF metadata. */
 
 namespace sim
 {
 
-/* What a converter was asked for. */
+/* The parts of a scene to show, and how. */
 struct SceneView {
   std::optional<std::string> source_name; /* characters that XML allows */
-  guint rotation = 0;                     /* degrees clockwise; one that scene_can_rotate() allows */
+  guint rotation = 0;                     /* clockwise in degrees; scene_can_rotate() is true for it */
   bool polygon = false;
   bool velocity = false;
   bool geolocation = false;

@@ -1,25 +1,20 @@
 #pragma once
 
-#include <gst/gst.h>
+#include "registration.h"
 
-/* The two plug-ins of scenes differ in little more than names. Each registers its own types from the same
- * code; a type's class carries the description that it was registered with. */
+/* The two plug-ins of scenes differ in their names and in whether they are the radar's. Each registers its
+ * own types from the same code; the class of a type refers to the plug-in's description. */
 
 namespace sim
 {
 
-struct SceneElement {
-  const char *name;      /* of its factory */
-  const char *type_name; /* of its class */
-  const char *long_name;
-  const char *description;
+struct ScenePlugin {
+  const char *media_type; /* of the scenes between source and converter */
+  bool radar;
+  ElementDescription source;
+  ElementDescription converter;
 };
 
-struct ScenePlugin {
-  const char *media_type; /* of what the source produces and the converter takes */
-  bool radar;
-  SceneElement source;
-  SceneElement converter;
-};
+bool scene_plugin_register(GstPlugin *plugin, const ScenePlugin *description);
 
 } /* namespace sim */

@@ -1,28 +1,27 @@
 #include "scenesrc.h"
 
 #include "scenebuffer.h"
-#include "scenestory.h"
-#include "waking.h"
+#include "scenesequence.h"
+#include "sourcewait.h"
 
 #include <array>
 #include <gst/base/gstpushsrc.h>
 
-/* A live source of scenes, see SceneStory. The first comes at once, so that a pipeline pre-rolls; so does one
- * after each sync point.
+/* A live source of scenes, see SceneSequence. The first scene, and one after each sync point, is sent
+ * immediately; so the pipeline pre-rolls.
  *
- * What is downstream chooses by the caps what the objects come with.
+ * Downstream selects the parts of the objects by the caps.
  *
- * Threads: the story belongs to the streaming thread while the element runs, and to the thread that starts it
- * before; caps are set in the streaming thread. `Waking` is for every thread. The property is under the
- * object lock. */
+ * Threads: only the streaming thread uses the scenes and sets caps while the element runs, and before that
+ * the thread that starts it. `SourceWait` locks itself. The object lock protects the property. */
 
 namespace
 {
 
 struct State {
   int channel = 1;
-  sim::SceneStory story;
-  sim::Waking waking;
+  sim::SceneSequence scenes;
+  sim::SourceWait wait;
 };
 
 struct SceneSrc {
@@ -32,7 +31,7 @@ struct SceneSrc {
 
 struct SceneSrcClass {
   GstPushSrcClass parent_class;
-  const sim::ScenePlugin *described;
+  const sim::ScenePlugin *description;
 };
 
 enum {
@@ -47,13 +46,13 @@ gpointer parent_class;
 GST_DEBUG_CATEGORY_STATIC(scene_src_debug);
 #define GST_CAT_DEFAULT scene_src_debug
 
-/* What the caps let choose. */
-struct Choice {
+/* A part of the objects that the caps select. */
+struct Selection {
   const char *field;
   bool sim::SceneDetails::*detail;
 };
 
-constexpr std::array<Choice, 3> CHOICES = {{
+constexpr std::array<Selection, 3> SELECTIONS = {{
     {"bounding-box", &sim::SceneDetails::boxes},
     {"polygon", &sim::SceneDetails::polygons},
     {"velocity", &sim::SceneDetails::velocities},
@@ -66,19 +65,20 @@ as_scene_src(gpointer object)
 }
 
 const sim::ScenePlugin &
-described(gpointer object)
+description_of(gpointer object)
 {
-  return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneSrcClass)->described;
+  return *G_TYPE_INSTANCE_GET_CLASS(object, 0, SceneSrcClass)->description;
 }
 
-/* The system's two clocks are not read in one moment, so a sleep may turn out to have been too short. */
-sim::Wake
+/* The wall clock and the monotonic clock cannot be read at the same time, so a wait may be slightly too
+ * short. */
+sim::WakeReason
 wait_for_next(State &state)
 {
   for (;;) {
-    gint64 left = state.story.time_left();
-    sim::Wake wake = state.waking.wait_until(g_get_monotonic_time() + left);
-    if (wake != sim::Wake::DUE || left <= 0) {
+    gint64 left = state.scenes.time_until_next();
+    sim::WakeReason wake = state.wait.wait_until(g_get_monotonic_time() + left);
+    if (wake != sim::WakeReason::DEADLINE || left <= 0) {
       return wake;
     }
   }
@@ -129,13 +129,13 @@ get_caps(GstBaseSrc *base, GstCaps *filter)
                            : g_steal_pointer(&caps);
 }
 
-/* Whoever has no wish gets everything. */
+/* A field that downstream leaves open becomes true. */
 GstCaps *
 fixate(GstBaseSrc *base, GstCaps *caps)
 {
   GstCaps *one = gst_caps_make_writable(gst_caps_truncate(caps));
-  for (const Choice &choice : CHOICES) {
-    gst_structure_fixate_field_boolean(gst_caps_get_structure(one, 0), choice.field, TRUE);
+  for (const Selection &selection : SELECTIONS) {
+    gst_structure_fixate_field_boolean(gst_caps_get_structure(one, 0), selection.field, TRUE);
   }
   return GST_BASE_SRC_CLASS(parent_class)->fixate(base, one);
 }
@@ -144,12 +144,12 @@ gboolean
 set_caps(GstBaseSrc *base, GstCaps *caps)
 {
   const GstStructure *chosen = gst_caps_get_structure(caps, 0);
-  for (const Choice &choice : CHOICES) {
+  for (const Selection &selection : SELECTIONS) {
     gboolean wanted = FALSE;
-    if (!gst_structure_get_boolean(chosen, choice.field, &wanted)) {
+    if (!gst_structure_get_boolean(chosen, selection.field, &wanted)) {
       return FALSE;
     }
-    as_scene_src(base)->state->story.details.*choice.detail = wanted;
+    as_scene_src(base)->state->scenes.details.*selection.detail = wanted;
   }
   return TRUE;
 }
@@ -158,31 +158,31 @@ gboolean
 start(GstBaseSrc *base)
 {
   State *state = as_scene_src(base)->state;
-  state->story.open();
-  state->story.details.radar = described(base).radar;
-  state->waking.forget_sync_point();
+  state->scenes.open();
+  state->scenes.details.radar = description_of(base).radar;
+  state->wait.clear_sync_point();
   return TRUE;
 }
 
 gboolean
 unlock(GstBaseSrc *base)
 {
-  as_scene_src(base)->state->waking.set_flushing(true);
+  as_scene_src(base)->state->wait.set_flushing(true);
   return TRUE;
 }
 
 gboolean
 unlock_stop(GstBaseSrc *base)
 {
-  as_scene_src(base)->state->waking.set_flushing(false);
+  as_scene_src(base)->state->wait.set_flushing(false);
   return TRUE;
 }
 
-/* Runs in the thread of whoever sends the event, at any time. */
+/* Called on the thread that sends the event. */
 gboolean
 on_event(GstBaseSrc *base, GstEvent *event)
 {
-  if (!as_scene_src(base)->state->waking.accept_event(event)) {
+  if (!as_scene_src(base)->state->wait.handle_event(event)) {
     return GST_BASE_SRC_CLASS(parent_class)->event(base, event);
   }
   GST_DEBUG_OBJECT(base, "Sync point requested");
@@ -193,15 +193,15 @@ GstFlowReturn
 create(GstPushSrc *push, GstBuffer **buffer)
 {
   State *state = as_scene_src(push)->state;
-  if (wait_for_next(*state) == sim::Wake::FLUSHING) {
+  if (wait_for_next(*state) == sim::WakeReason::FLUSHING) {
     return GST_FLOW_FLUSHING;
   }
-  *buffer = sim::scene_to_buffer(state->story.next_scene());
+  *buffer = sim::scene_to_buffer(state->scenes.next_scene());
   return GST_FLOW_OK;
 }
 
 void
-set_boolean_choice(GstCaps *caps, const char *field)
+set_boolean_list(GstCaps *caps, const char *field)
 {
   g_auto(GValue) either = G_VALUE_INIT;
   g_auto(GValue) value = G_VALUE_INIT;
@@ -219,8 +219,8 @@ add_pad_template(GstElementClass *element_class, const char *media_type)
 {
   g_autoptr(GstCaps) caps =
       gst_caps_new_simple(media_type, "channel", GST_TYPE_INT_RANGE, 0, G_MAXINT, nullptr);
-  for (const Choice &choice : CHOICES) {
-    set_boolean_choice(caps, choice.field);
+  for (const Selection &selection : SELECTIONS) {
+    set_boolean_list(caps, selection.field);
   }
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
@@ -236,7 +236,7 @@ class_init(gpointer klass, gpointer class_data)
 
   GST_DEBUG_CATEGORY_INIT(scene_src_debug, plugin->source.name, 0, plugin->source.description);
   parent_class = g_type_class_peek_parent(klass);
-  static_cast<SceneSrcClass *>(klass)->described = plugin;
+  static_cast<SceneSrcClass *>(klass)->description = plugin;
   object_class->set_property = set_property;
   object_class->get_property = get_property;
   object_class->finalize = finalize;
@@ -250,7 +250,7 @@ class_init(gpointer klass, gpointer class_data)
   GST_PUSH_SRC_CLASS(klass)->create = create;
 
   properties[PROP_VIDEO_CHANNEL] = g_param_spec_int(
-      "video-channel", "Video channel", "The channel whose scenes to send", 0, G_MAXINT, 1,
+      "video-channel", "Video channel", "Video channel whose scenes to send", 0, G_MAXINT, 1,
       static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY));
   g_object_class_install_properties(object_class, N_PROPERTIES, properties);
 
@@ -274,27 +274,21 @@ namespace sim
 {
 
 /**
- * scene_src_register:
- * @plugin: the plug-in that is being loaded; each may do this once
- * @described: (transfer none): what it is called; stays where it is for as long as the process lives
+ * scene_src_type_info:
+ * @description: (transfer none): the plug-in's description, which must stay valid as long as the process runs
  *
- * Registers the plug-in's source of scenes.
- *
- * Returns: whether that worked
+ * Returns: the source's class, for element_register_class()
  */
-bool
-scene_src_register(GstPlugin *plugin, const ScenePlugin *described)
+GTypeInfo
+scene_src_type_info(const ScenePlugin *description)
 {
-  GTypeInfo info = {
+  return {
       .class_size = sizeof(SceneSrcClass),
       .class_init = class_init,
-      .class_data = described,
+      .class_data = description,
       .instance_size = sizeof(SceneSrc),
       .instance_init = instance_init,
   };
-  GType type =
-      g_type_register_static(GST_TYPE_PUSH_SRC, described->source.type_name, &info, G_TYPE_FLAG_FINAL);
-  return gst_element_register(plugin, described->source.name, GST_RANK_NONE, type);
 }
 
 } /* namespace sim */

@@ -5,6 +5,6 @@
 namespace sim
 {
 
-bool scene_src_register(GstPlugin *plugin, const ScenePlugin *described);
+GTypeInfo scene_src_type_info(const ScenePlugin *description);
 
 } /* namespace sim */

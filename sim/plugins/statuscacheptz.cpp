@@ -1,19 +1,20 @@
 #include "statuscacheptz.h"
 
-#include "bookmark.h"
 #include "metadata.h"
 #include "ptzstatus.h"
-#include "waking.h"
+#include "registration.h"
+#include "sourcewait.h"
+#include "worldcursor.h"
 
 #include <algorithm>
 
-/* A live source of the state of the world's PTZ head. It shows the state on start, after a sync point and
- * when a drive starts or stops; a few times a second while one runs; and now and then at rest, for receivers
- * that cannot ask. A channel without a head has no state, which is shown as an empty tt:PTZ, so that a
- * pipeline pre-rolls all the same.
+/* A live source of the state of the world's PTZ head. It sends the state on start, after a sync point, when a
+ * drive starts or stops, every MOVING_INTERVAL while a drive runs, and every IDLE_INTERVAL while both are
+ * idle, for receivers that cannot request a sync point. For a channel without a head it sends an empty
+ * tt:PTZ, so that the pipeline pre-rolls.
  *
- * Threads: everything of `Report` belongs to the streaming thread while the element runs, and to the thread
- * that starts it before. `Waking` is for every thread. The properties are under the object lock. */
+ * Threads: only the streaming thread uses `StreamingState` while the element runs, and before that the thread
+ * that starts it. `SourceWait` locks itself. The object lock protects the properties. */
 
 namespace
 {
@@ -27,17 +28,17 @@ struct Properties {
   bool filter_status = false;
 };
 
-struct Report {
-  sim::Bookmark bookmark;
+struct StreamingState {
+  sim::WorldCursor cursor;
   sim::PtzView view;
   bool has_head = false;
-  gint64 repeat_at = 0; /* when to show the state even if nothing starts or stops; monotonic */
+  gint64 repeat_at = 0; /* monotonic time at which to repeat an unchanged state */
 };
 
 struct State {
   Properties properties;
-  Report report;
-  sim::Waking waking;
+  StreamingState streaming;
+  sim::SourceWait wait;
 };
 
 } /* namespace */
@@ -69,9 +70,9 @@ namespace
 {
 
 constexpr gint64 MOVING_INTERVAL = G_USEC_PER_SEC / 5;
-constexpr gint64 RESTING_INTERVAL = 5 * G_USEC_PER_SEC;
+constexpr gint64 IDLE_INTERVAL = 5 * G_USEC_PER_SEC;
 
-/* A filter lets pass what it is named after. Without any, and with both, everything passes. */
+/* A filter selects the part that it is named after. No filter and both filters select everything. */
 sim::PtzView
 view_from(const Properties &chosen)
 {
@@ -85,50 +86,50 @@ view_from(const Properties &chosen)
 }
 
 bool
-is_of_the_head(const sim::Change &change)
+is_head_change(const sim::Change &change)
 {
   return change.type == sim::ChangeType::PAN_TILT || change.type == sim::ChangeType::ZOOM;
 }
 
-/* Whether a drive has started or stopped since what was told last. */
+/* Whether a drive has started or stopped since the cursor's position. */
 bool
-has_news(const Report &report, sim::WorldTime now)
+has_head_changed(const StreamingState &streaming, sim::WorldTime now)
 {
   std::vector<sim::Change> changes =
-      report.bookmark.world().changes_between(report.bookmark.told_until(), now);
-  return report.has_head && std::any_of(changes.begin(), changes.end(), is_of_the_head);
+      streaming.cursor.world().changes_between(streaming.cursor.position(), now);
+  return streaming.has_head && std::any_of(changes.begin(), changes.end(), is_head_change);
 }
 
 bool
-is_due(const Report &report, sim::WorldTime now)
+is_due(const StreamingState &streaming, sim::WorldTime now)
 {
-  return !report.bookmark.can_continue(now) || g_get_monotonic_time() >= report.repeat_at ||
-         has_news(report, now);
+  return !streaming.cursor.can_continue(now) || g_get_monotonic_time() >= streaming.repeat_at ||
+         has_head_changed(streaming, now);
 }
 
 GstBuffer *
-fragment_new(const Report &report, const sim::Ptz &ptz, sim::WorldTime now)
+fragment_new(const StreamingState &streaming, const sim::Ptz &ptz, sim::WorldTime now)
 {
   g_autoptr(xmlBuffer) text = xmlBufferCreate();
   g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
   onvif::xml_start(writer, onvif::TT, "PTZ");
   onvif::xml_declare(writer, onvif::TT);
-  if (report.has_head) {
-    sim::ptz_status_write(writer, ptz, report.view, sim::settings_utc(report.bookmark.settings(), now));
+  if (streaming.has_head) {
+    sim::ptz_status_write(writer, ptz, streaming.view, sim::settings_utc(streaming.cursor.settings(), now));
   }
   onvif::xml_end(writer);
   xmlTextWriterFlush(writer);
   return onvif::fragment_to_buffer(text);
 }
 
-/* Shows the state at @now and decides when to do so again. */
+/* Returns the state at @now and schedules its repetition. */
 GstBuffer *
-show(Report &report, sim::WorldTime now)
+next_fragment(StreamingState &streaming, sim::WorldTime now)
 {
-  sim::Ptz ptz = report.bookmark.world().ptz_at(now);
-  bool moving = report.has_head && (ptz.pan_tilt_moving || ptz.zoom_moving);
-  report.repeat_at = g_get_monotonic_time() + (moving ? MOVING_INTERVAL : RESTING_INTERVAL);
-  return fragment_new(report, ptz, now);
+  sim::Ptz ptz = streaming.cursor.world().ptz_at(now);
+  bool moving = streaming.has_head && (ptz.pan_tilt_moving || ptz.zoom_moving);
+  streaming.repeat_at = g_get_monotonic_time() + (moving ? MOVING_INTERVAL : IDLE_INTERVAL);
+  return fragment_new(streaming, ptz, now);
 }
 
 } /* namespace */
@@ -217,33 +218,33 @@ tessard_sim_ptz_src_start(GstBaseSrc *base)
   Properties chosen = state->properties;
   GST_OBJECT_UNLOCK(base);
 
-  Report &report = state->report;
-  report.bookmark.open();
-  report.view = view_from(chosen);
-  report.has_head = sim::settings_has_ptz(report.bookmark.settings(), chosen.channel);
-  state->waking.forget_sync_point();
+  StreamingState &streaming = state->streaming;
+  streaming.cursor.open();
+  streaming.view = view_from(chosen);
+  streaming.has_head = sim::settings_has_ptz(streaming.cursor.settings(), chosen.channel);
+  state->wait.clear_sync_point();
   return TRUE;
 }
 
 static gboolean
 tessard_sim_ptz_src_unlock(GstBaseSrc *base)
 {
-  TESSARD_SIM_PTZ_SRC(base)->state->waking.set_flushing(true);
+  TESSARD_SIM_PTZ_SRC(base)->state->wait.set_flushing(true);
   return TRUE;
 }
 
 static gboolean
 tessard_sim_ptz_src_unlock_stop(GstBaseSrc *base)
 {
-  TESSARD_SIM_PTZ_SRC(base)->state->waking.set_flushing(false);
+  TESSARD_SIM_PTZ_SRC(base)->state->wait.set_flushing(false);
   return TRUE;
 }
 
-/* Runs in the thread of whoever sends the event, at any time. */
+/* Called on the thread that sends the event. */
 static gboolean
 tessard_sim_ptz_src_event(GstBaseSrc *base, GstEvent *event)
 {
-  if (!TESSARD_SIM_PTZ_SRC(base)->state->waking.accept_event(event)) {
+  if (!TESSARD_SIM_PTZ_SRC(base)->state->wait.handle_event(event)) {
     return GST_BASE_SRC_CLASS(tessard_sim_ptz_src_parent_class)->event(base, event);
   }
   GST_DEBUG_OBJECT(base, "Sync point requested");
@@ -254,19 +255,19 @@ static GstFlowReturn
 tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
 {
   State *state = TESSARD_SIM_PTZ_SRC(push)->state;
-  Report &report = state->report;
+  StreamingState &streaming = state->streaming;
   for (;;) {
-    gint64 deadline = std::min(report.bookmark.next_change_deadline(), report.repeat_at);
-    sim::Wake wake = state->waking.wait_until(deadline);
-    if (wake == sim::Wake::FLUSHING) {
+    gint64 deadline = std::min(streaming.cursor.next_change_deadline(), streaming.repeat_at);
+    sim::WakeReason wake = state->wait.wait_until(deadline);
+    if (wake == sim::WakeReason::FLUSHING) {
       return GST_FLOW_FLUSHING;
     }
 
-    sim::WorldTime now = report.bookmark.now();
-    bool wanted = wake == sim::Wake::SYNC_POINT || is_due(report, now);
-    report.bookmark.move_to(now);
-    if (wanted) {
-      *buffer = show(report, now);
+    sim::WorldTime now = streaming.cursor.now();
+    bool send = wake == sim::WakeReason::SYNC_POINT || is_due(streaming, now);
+    streaming.cursor.advance_to(now);
+    if (send) {
+      *buffer = next_fragment(streaming, now);
       return GST_FLOW_OK;
     }
   }
@@ -277,7 +278,7 @@ install_properties(GObjectClass *object_class)
 {
   auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
   properties[PROP_CHANNEL] =
-      g_param_spec_int("channel", "Channel", "Video channel whose head to report", 0, G_MAXINT, 1, flags);
+      g_param_spec_int("channel", "Channel", "Video channel whose PTZ head to report", 0, G_MAXINT, 1, flags);
   properties[PROP_COORDINATE_SPACE_PANTILT] =
       g_param_spec_int("coordinate-space-pantilt", "Pan and tilt coordinate space",
                        "0 generic, 1 degrees, 2 radians, -1 default", sim::PTZ_DEFAULT_SPACE,
@@ -287,14 +288,13 @@ install_properties(GObjectClass *object_class)
       sim::PTZ_DEFAULT_SPACE, sim::PTZ_LAST_SPACE, sim::PTZ_DEFAULT_SPACE, flags);
   properties[PROP_FILTER_POSITION] =
       g_param_spec_boolean("filter-position", "Filter position",
-                           "Whether the position alone passes; with both filters everything", FALSE, flags);
-  properties[PROP_FILTER_STATUS] = g_param_spec_boolean(
-      "filter-status", "Filter status", "Whether the move status alone passes; with both filters everything",
-      FALSE, flags);
-  properties[PROP_PTZ_MOVE_CAPABILITIES] =
-      g_param_spec_int("ptz-move-capabilities", "PTZ move capabilities",
-                       "What the driver can move: 1 pan, 2 tilt, 4 zoom; none of them if unknown", G_MININT,
-                       G_MAXINT, 0, flags);
+                           "Send the position only; everything if both filters are set", FALSE, flags);
+  properties[PROP_FILTER_STATUS] =
+      g_param_spec_boolean("filter-status", "Filter status",
+                           "Send the move status only; everything if both filters are set", FALSE, flags);
+  properties[PROP_PTZ_MOVE_CAPABILITIES] = g_param_spec_int(
+      "ptz-move-capabilities", "PTZ move capabilities",
+      "Mask of what the driver can move: 1 pan, 2 tilt, 4 zoom; 0 if unknown", G_MININT, G_MAXINT, 0, flags);
   g_object_class_install_properties(object_class, N_PROPERTIES, properties);
 }
 
@@ -327,8 +327,7 @@ tessard_sim_ptz_src_class_init(TessardSimPtzSrcClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  xmlInitParser();
-  return gst_element_register(plugin, "statuscacheptzsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_PTZ_SRC);
+  return sim::element_register(plugin, "statuscacheptzsrc", TESSARD_SIM_TYPE_PTZ_SRC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, statuscacheptz, "PTZ status of the simulated camera",

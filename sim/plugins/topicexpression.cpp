@@ -3,7 +3,7 @@
 #include <cstring>
 #include <libxml/tree.h>
 
-/* The texts come from clients. Messages say what is wrong and where by number, and never repeat the text. */
+/* The expressions come from clients. Error messages name a path by its number and do not repeat the text. */
 
 namespace sim
 {
@@ -47,9 +47,9 @@ is_qname(std::string_view text)
   return xmlValidateQName(reinterpret_cast<const xmlChar *>(terminated.c_str()), 0) == 0;
 }
 
-/* Returns what is wrong with a path, or nothing. */
+/* Returns: (nullable): the error in a path */
 const char *
-find_fault(std::string_view topic)
+find_error(std::string_view topic)
 {
   std::vector<std::string_view> names = split(topic, '/');
   if (names.size() > TopicExpression::MAX_DEPTH) {
@@ -73,12 +73,12 @@ find_fault(std::string_view topic)
 
 /**
  * TopicExpression::parse:
- * @text: the expression, in any bytes
- * @error: set if @text is no ConcreteSet topic expression or exceeds one of the limits
+ * @text: the expression, any bytes
+ * @error: set if @text is not a ConcreteSet topic expression or exceeds a limit
  *
- * Blanks and line breaks around a path are ignored.
+ * White space around a path is ignored.
  *
- * Returns: the expression, or nothing with @error set
+ * Returns: the expression; unset with @error set
  */
 std::optional<TopicExpression>
 TopicExpression::parse(const char *text, GError **error)
@@ -88,7 +88,7 @@ TopicExpression::parse(const char *text, GError **error)
                 MAX_LENGTH);
     return std::nullopt;
   }
-  /* The library's name check takes some bytes for characters that they are not. */
+  /* libxml2's check of names requires valid UTF-8. */
   if (!g_utf8_validate(text, -1, nullptr)) {
     g_set_error_literal(error, topic_expression_error_quark(), 0, "It is not UTF-8");
     return std::nullopt;
@@ -107,10 +107,10 @@ TopicExpression::parse(const char *text, GError **error)
     if (subtree) {
       topic.remove_suffix(SUBTREE.size());
     }
-    const char *fault = find_fault(topic);
-    if (fault != nullptr) {
+    const char *found = find_error(topic);
+    if (found != nullptr) {
       g_set_error(error, topic_expression_error_quark(), 0, "Path %" G_GSIZE_FORMAT " %s",
-                  expression.paths_.size() + 1, fault);
+                  expression.paths_.size() + 1, found);
       return std::nullopt;
     }
     expression.paths_.push_back({std::string(topic), subtree});
@@ -120,9 +120,9 @@ TopicExpression::parse(const char *text, GError **error)
 
 /**
  * TopicExpression::matches:
- * @topic: a whole topic, from its root
+ * @topic: a complete topic, from its root
  *
- * Returns: whether one of the paths names @topic
+ * Returns: whether a path selects @topic
  */
 bool
 TopicExpression::matches(std::string_view topic) const

@@ -9,14 +9,14 @@
 namespace sim
 {
 
-/* Which topics somebody wants, as an ONVIF ConcreteSet topic expression:
+/* Selects topics by an ONVIF ConcreteSet topic expression:
  *
  *   TopicExpression ::= TopicPath ('|' TopicPath)*
  *   TopicPath       ::= RootTopic ('/' ChildTopic)* '//.'?
  *
- * A path names one topic; with "//." at its end it names that topic and everything below it. The root topic
- * has a prefix, a child may have one. Prefixes are compared as they stand, since no client can declare any;
- * a topic that the camera does not have is allowed and simply never matches. */
+ * A path selects one topic; with "//." at its end it also selects all topics below. The root topic has a
+ * prefix, a child may have one. Prefixes are compared as text, because a client cannot declare namespaces. An
+ * unknown topic is valid and matches nothing. */
 class TopicExpression
 {
 public:

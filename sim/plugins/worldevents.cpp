@@ -69,10 +69,10 @@ crossing_message(gint64 object_id, Direction direction, gint64 utc)
 
 /**
  * world_event_from_change:
- * @change: what happened in the world
- * @settings: places the world's time on the wall clock
+ * @change: a change in the world
+ * @settings: the settings, for the conversion of times
  *
- * Returns: the event that tells @change; nothing for a move of the PTZ head, which the PTZ status shows
+ * Returns: the event for @change; unset for moves of the PTZ head, which are part of the PTZ status
  */
 std::optional<onvif::EventMessage>
 world_event_from_change(const Change &change, const Settings &settings)
@@ -95,10 +95,10 @@ world_event_from_change(const Change &change, const Settings &settings)
 /**
  * world_events_of_state:
  * @world: the world
- * @time: the moment to look at
- * @settings: places the world's time on the wall clock
+ * @time: the time
+ * @settings: the settings, for the conversion of times
  *
- * Returns: one event for every property, with its state at @time
+ * Returns: one event for each property, with its state at @time
  */
 std::vector<onvif::EventMessage>
 world_events_of_state(const World &world, WorldTime time, const Settings &settings)
@@ -115,7 +115,7 @@ world_events_of_state(const World &world, WorldTime time, const Settings &settin
 /**
  * world_event_examples:
  *
- * Returns: one event of every topic, for trying out whether a filter works at all
+ * Returns: one event of each topic, for checking filters
  */
 std::vector<onvif::EventMessage>
 world_event_examples()

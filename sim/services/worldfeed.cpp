@@ -1,7 +1,7 @@
 #include "worldfeed.h"
 
 #include "sceneitem.h"
-#include "scenestory.h"
+#include "scenesequence.h"
 
 namespace sim
 {
@@ -14,8 +14,8 @@ class WorldTeller : public Teller
 public:
   WorldTeller(std::optional<ObjectType> only, const SceneDetails &details)
   {
-    story_.open(only);
-    story_.details = details;
+    scenes_.open(only);
+    scenes_.details = details;
   }
 
   bool has_ended() const override
@@ -25,16 +25,16 @@ public:
 
   gint64 due() override
   {
-    return g_get_monotonic_time() + story_.time_left();
+    return g_get_monotonic_time() + scenes_.time_until_next();
   }
 
   SharedText next() override
   {
-    return shared_text_copy(scene_to_item(story_.next_scene()));
+    return shared_text_copy(scene_to_item(scenes_.next_scene()));
   }
 
 private:
-  SceneStory story_;
+  SceneSequence scenes_;
 };
 
 } /* namespace */

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <numbers>
 
-/* The picture is read like a map: across it goes the angle, up it goes the range, both evenly, and what
- * stands for an object is its centre. */
+/* The picture is interpreted as a map: x is proportional to the angle and y to the range. An object's
+ * position is its centre. */
 
 namespace sim
 {
@@ -15,10 +15,10 @@ namespace
 constexpr double DEGREE = std::numbers::pi / 180;
 
 constexpr double HALF_VIEW = 20 * DEGREE; /* from the middle of the picture to its sides */
-constexpr double MIDDLE_RANGE = 20;       /* metres, as is the next */
+constexpr double MIDDLE_RANGE = 20;       /* metres, like HALF_DEPTH */
 constexpr double HALF_DEPTH = 15;         /* from the middle of the picture to its upper and lower edge */
 
-/* Where the camera stands, and where it looks, clockwise from north. */
+/* The camera's location, and its direction, clockwise from north. */
 constexpr GeoLocation SITE = {.latitude = 51.4779, .longitude = -0.0015, .elevation = 46};
 constexpr double HEADING = 90 * DEGREE;
 
@@ -43,7 +43,7 @@ range_of(const Object &object)
  * ground_position:
  * @object: an object of the world
  *
- * Returns: where it is
+ * Returns: its position on the ground
  */
 Polar
 ground_position(const Object &object)
@@ -55,7 +55,7 @@ ground_position(const Object &object)
  * ground_velocity:
  * @object: an object of the world
  *
- * Returns: how fast it moves over the ground and where to
+ * Returns: its velocity over the ground
  */
 Velocity
 ground_velocity(const Object &object)
@@ -70,7 +70,7 @@ ground_velocity(const Object &object)
  * ground_size:
  * @object: an object of the world
  *
- * Returns: how wide it looks, in metres
+ * Returns: its apparent width in metres
  */
 double
 ground_size(const Object &object)
@@ -80,9 +80,9 @@ ground_size(const Object &object)
 
 /**
  * ground_location:
- * @position: a place seen from the camera
+ * @position: a position relative to the camera
  *
- * Returns: the same place on the earth
+ * Returns: the same position on the earth
  */
 GeoLocation
 ground_location(const Polar &position)

@@ -2,12 +2,12 @@
 
 #include "world.h"
 
-/* Where the world's places are on the ground, in metres and on the earth. */
+/* Converts positions in the picture to positions on the ground and on the earth. */
 
 namespace sim
 {
 
-/* Seen from the camera. Every angle is in degrees, clockwise as seen from above, from the direction in which
+/* Relative to the camera. All angles are in degrees, clockwise seen from above, from the direction in which
  * the camera looks. */
 struct Polar {
   double angle;
@@ -18,7 +18,7 @@ struct Polar {
 
 struct Velocity {
   double speed; /* metres per second */
-  double angle; /* where to */
+  double angle; /* its direction */
 
   bool operator==(const Velocity &) const = default;
 };

@@ -9,16 +9,15 @@ namespace sim
 namespace
 {
 
-/* What an object of a type is called and looks like; the outline is in units of the object's width and
- * height. */
-struct Look {
+/* The name and appearance of a type of objects; the outline is in units of the object's width and height. */
+struct Appearance {
   ObjectType type;
   const char *name;
   double likelihood;
   std::array<Point, 6> outline;
 };
 
-constexpr std::array<Look, 2> LOOKS = {{
+constexpr std::array<Appearance, OBJECT_TYPE_COUNT> APPEARANCES = {{
     {ObjectType::HUMAN,
      "Human",
      0.96,
@@ -29,13 +28,14 @@ constexpr std::array<Look, 2> LOOKS = {{
      {{{-0.3, 0.5}, {0.3, 0.5}, {0.5, 0}, {0.5, -0.5}, {-0.5, -0.5}, {-0.5, 0}}}},
 }};
 
-const Look &
-look_of(ObjectType type)
+const Appearance &
+appearance_of(ObjectType type)
 {
-  return *std::find_if(LOOKS.begin(), LOOKS.end(), [type](const Look &look) { return look.type == type; });
+  return *std::find_if(APPEARANCES.begin(), APPEARANCES.end(),
+                       [type](const Appearance &appearance) { return appearance.type == type; });
 }
 
-/* An object that enters or leaves shows only a part of itself. */
+/* Of an object that enters or leaves, only the part in the picture is visible. */
 Point
 clip(const Point &point)
 {
@@ -59,14 +59,16 @@ box_of(const Object &object)
 SceneObject
 scene_object(const Object &object, const SceneDetails &details)
 {
-  const Look &look = look_of(object.type);
-  SceneObject seen = {
-      .id = object.id, .type = object.type, .likelihood = look.likelihood, .centre = clip(object.centre)};
+  const Appearance &appearance = appearance_of(object.type);
+  SceneObject seen = {.id = object.id,
+                      .type = object.type,
+                      .likelihood = appearance.likelihood,
+                      .centre = clip(object.centre)};
   if (details.boxes) {
     seen.box = box_of(object);
   }
   if (details.polygons) {
-    for (const Point &part : look.outline) {
+    for (const Point &part : appearance.outline) {
       seen.polygon.push_back(point_of(object, part));
     }
   }
@@ -83,22 +85,23 @@ scene_object(const Object &object, const SceneDetails &details)
 
 /**
  * scene_type_name:
- * @type: what an object is
+ * @type: a type of objects
  *
- * Returns: what ONVIF calls it
+ * Returns: its name in ONVIF
  */
 const char *
 scene_type_name(ObjectType type)
 {
-  return look_of(type).name;
+  return appearance_of(type).name;
 }
 
 /**
  * scene_objects:
  * @objects: objects of the world
- * @details: what is wanted of them
+ * @details: the parts to include
  *
- * Returns: how the camera sees @objects: only what is in the picture, but the radar's measures whole
+ * Returns: @objects as the camera detects them, clipped to the picture; the radar's measurements are not
+ * clipped
  */
 std::vector<SceneObject>
 scene_objects(const std::vector<Object> &objects, const SceneDetails &details)

@@ -6,12 +6,12 @@
 #include <optional>
 #include <vector>
 
-/* What passes between the sources of scenes and their converters. */
+/* A scene: the objects that the camera detects at one time. */
 
 namespace sim
 {
 
-/* What only the radar measures. */
+/* The measurements that only the radar has. */
 struct RadarEcho {
   Polar position;
   double size; /* metres */
@@ -25,7 +25,7 @@ struct SceneObject {
   double likelihood;
   Point centre;
   std::optional<Box> box;
-  std::vector<Point> polygon; /* no points, or three and more */
+  std::vector<Point> polygon; /* empty, or at least three points */
   std::optional<Velocity> velocity;
   std::optional<RadarEcho> radar;
 };
@@ -33,10 +33,10 @@ struct SceneObject {
 struct Scene {
   gint64 utc; /* microseconds since 1970 */
   std::vector<SceneObject> objects;
-  std::vector<gint64> deleted; /* who has left since the scene before */
+  std::vector<gint64> deleted; /* ids of objects that have left since the previous scene */
 };
 
-/* What the objects of a scene come with. */
+/* The parts that the objects of a scene have. */
 struct SceneDetails {
   bool boxes = true;
   bool polygons = true;

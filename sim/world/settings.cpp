@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-/* The settings are read once by everyone who needs them and then passed by value. A file that cannot be used
- * as a whole is not used at all: half of somebody's settings would tell yet another story. */
+/* Each user reads the settings once and passes them on by value. A file with any error is ignored completely:
+ * applying a part of it would select a simulation that is not configured anywhere. */
 
 namespace sim
 {
@@ -16,9 +16,9 @@ namespace
 constexpr const char *WORLD_GROUP = "World";
 constexpr const char *PTZ_GROUP = "PTZ";
 
-/* A key that is not there leaves the default; any other failure spoils the file. */
+/* A missing key keeps the default; any other error makes the file invalid. */
 bool
-settle(GError *found, GError **error)
+accept_missing(GError *found, GError **error)
 {
   if (found == nullptr) {
     return true;
@@ -38,7 +38,7 @@ read_seed(GKeyFile *file, guint64 *seed, GError **error)
   GError *found = nullptr;
   guint64 value = g_key_file_get_uint64(file, WORLD_GROUP, "seed", &found);
   if (found != nullptr) {
-    return settle(found, error);
+    return accept_missing(found, error);
   }
   *seed = value;
   return true;
@@ -50,7 +50,7 @@ read_epoch(GKeyFile *file, gint64 *epoch, GError **error)
   GError *found = nullptr;
   g_autofree char *text = g_key_file_get_string(file, WORLD_GROUP, "epoch", &found);
   if (found != nullptr) {
-    return settle(found, error);
+    return accept_missing(found, error);
   }
 
   g_autoptr(GTimeZone) utc = g_time_zone_new_utc();
@@ -71,7 +71,7 @@ read_speed(GKeyFile *file, gint64 *speed, GError **error)
   GError *found = nullptr;
   gint64 value = g_key_file_get_int64(file, WORLD_GROUP, "speed", &found);
   if (found != nullptr) {
-    return settle(found, error);
+    return accept_missing(found, error);
   }
 
   if (value < 1 || value > FASTEST_SPEED) {
@@ -90,7 +90,7 @@ read_ptz_channels(GKeyFile *file, std::vector<int> *channels, GError **error)
   gsize count = 0;
   g_autofree int *values = g_key_file_get_integer_list(file, PTZ_GROUP, "channels", &count, &found);
   if (found != nullptr) {
-    return settle(found, error);
+    return accept_missing(found, error);
   }
 
   if (std::any_of(values, values + count, [](int channel) { return channel < 0; })) {
@@ -122,9 +122,9 @@ divide_rounding_up(gint64 value, gint64 divisor)
 /**
  * settings_load:
  *
- * Reads the file that the environment variable %SETTINGS_VARIABLE names. Without the variable the defaults
- * hold; they also hold, after one warning, if the file cannot be read or any value in it is wrong. Groups and
- * keys that are not known are left to others.
+ * Reads the file that the environment variable %SETTINGS_VARIABLE names. Without the variable, the defaults
+ * apply. If the file cannot be read or contains a wrong value, one warning is logged and the defaults apply.
+ * Unknown groups and keys are ignored.
  *
  * Returns: the settings
  */
@@ -150,7 +150,7 @@ settings_load()
  * @settings: the settings
  * @channel: a video channel
  *
- * Returns: whether the picture of @channel comes through the PTZ head
+ * Returns: whether @channel has the PTZ head
  */
 bool
 settings_has_ptz(const Settings &settings, int channel)
@@ -164,7 +164,7 @@ settings_has_ptz(const Settings &settings, int channel)
  * @settings: the settings
  * @utc: wall clock time in microseconds since 1970, as g_get_real_time() gives it
  *
- * Returns: what the world's clock shows at @utc
+ * Returns: the time of the world's clock at @utc
  */
 WorldTime
 settings_world_time(const Settings &settings, gint64 utc)
@@ -177,7 +177,7 @@ settings_world_time(const Settings &settings, gint64 utc)
  * @settings: the settings
  * @time: a time of the world
  *
- * Returns: the first microsecond of the wall clock at which the world's clock has reached @time
+ * Returns: the earliest wall clock time, in microseconds since 1970, at which the world's clock reaches @time
  */
 gint64
 settings_utc(const Settings &settings, WorldTime time)

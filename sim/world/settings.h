@@ -7,7 +7,7 @@
 namespace sim
 {
 
-/* What can be chosen about the simulated camera. The file named by the environment variable is a key file:
+/* The settings of the simulated camera. The environment variable names a key file:
  *
  *   [World]
  *   seed=1
@@ -23,7 +23,7 @@ struct Settings {
   guint64 seed = 1;
   gint64 epoch = G_GINT64_CONSTANT(1704067200); /* seconds since 1970: the start of 2024 */
   gint64 speed = 1;                             /* world seconds per second */
-  std::vector<int> ptz_channels = {1};          /* those that look through the PTZ head */
+  std::vector<int> ptz_channels = {1};          /* video channels with the PTZ head */
 };
 
 Settings settings_load();

@@ -4,15 +4,15 @@
 #include <array>
 #include <cmath>
 
-/* Time is cut into laps, one after the other, and every chance is a hash of the seed, the lap's number and
- * what the chance is about. So any moment can be looked at without having lived through those before it.
+/* Time is divided into consecutive cycles. Every random value is a hash of the seed, the cycle's number and
+ * the value's purpose, so the state at any time is computed without simulating the time before it.
  *
- * Objects: each lane has one pass a lap. An object enters wholly outside one edge of the picture, moves on a
- * straight line and leaves wholly outside the other; then the lane is empty until the next lap's pass.
- * Inputs: each input toggles exactly once a lap, so its state is the parity of the laps behind it.
- * Head: each of its two drives, that of pan and tilt and that of the zoom, moves once a lap, from where the
- * lap before left it. It aims at one half of its range in even laps and at the other in odd ones, so that
- * every move leads somewhere. */
+ * Objects: each lane has one pass per cycle. An object starts completely outside one side of the picture,
+ * moves in a straight line and ends completely outside the other. The lane is then empty until the next
+ * cycle's pass. Inputs: each input toggles once per cycle, so its state is the parity of the number of
+ * cycles. Head: each of its two drives, pan-tilt and zoom, moves once per cycle and starts where the previous
+ * cycle ended. Even and odd cycles have targets in opposite halves of the range, so that no move has length
+ * 0. */
 
 namespace sim
 {
@@ -22,33 +22,33 @@ namespace
 
 constexpr gint64 SECOND = G_USEC_PER_SEC;
 
-/* Lengths without a common rhythm, so that the lanes and inputs keep drifting against each other. */
-constexpr std::array<gint64, 3> LANE_LAPS = {7 * SECOND, 9 * SECOND, 11 * SECOND};
-constexpr std::array<gint64, World::INPUT_COUNT> INPUT_LAPS = {SECOND * 23 / 10, SECOND * 37 / 10};
-constexpr gint64 PAN_TILT_LAP = 13 * SECOND;
-constexpr gint64 ZOOM_LAP = 17 * SECOND;
+/* The lengths have no small common multiple, so that lanes and inputs do not repeat in step. */
+constexpr std::array<gint64, 3> LANE_CYCLES = {7 * SECOND, 9 * SECOND, 11 * SECOND};
+constexpr std::array<gint64, World::INPUT_COUNT> INPUT_CYCLES = {SECOND * 23 / 10, SECOND * 37 / 10};
+constexpr gint64 PAN_TILT_CYCLE = 13 * SECOND;
+constexpr gint64 ZOOM_CYCLE = 17 * SECOND;
 
-/* One toggle a lap means two laps at most between two toggles. */
-constexpr gint64 LONGEST_QUIET = 2 * *std::min_element(INPUT_LAPS.begin(), INPUT_LAPS.end());
+/* An input toggles once per cycle, so two toggles are at most two cycles apart. */
+constexpr gint64 MAX_TIME_WITHOUT_CHANGE = 2 * *std::min_element(INPUT_CYCLES.begin(), INPUT_CYCLES.end());
 
-struct Body {
+struct ObjectModel {
   ObjectType type;
   double width;
   double height;
-  gint64 fastest; /* time for one pass */
-  gint64 slowest;
+  gint64 min_duration; /* of one pass */
+  gint64 max_duration;
 };
 
-constexpr std::array<Body, 2> BODIES = {{
+constexpr std::array<ObjectModel, 2> OBJECT_MODELS = {{
     {ObjectType::HUMAN, 0.12, 0.42, SECOND * 7 / 2, SECOND * 5},
     {ObjectType::VEHICLE, 0.44, 0.28, SECOND * 3 / 2, SECOND * 5 / 2},
 }};
 
-/* What a chance is about; part of the hash, so that the chances of one lap are independent. */
-enum class About : guint64 {
+/* The purpose of a random value; part of the hash, so that the values of one cycle are independent. */
+enum class Purpose : guint64 {
   LINE_PLACE = 1,
   LINE_SLANT,
-  BODY,
+  MODEL,
   DURATION,
   START,
   DIRECTION,
@@ -63,28 +63,28 @@ enum class About : guint64 {
   ZOOM_START,
 };
 
-/* A straight way at an even speed. */
+/* A straight move at constant speed. */
 struct Move {
   WorldTime start;
-  WorldTime end; /* the first moment at which it is over */
+  WorldTime end; /* the first time at which it is complete */
   Point from;
   Point to;
 };
 
 struct Pass {
   gint64 id;
-  const Body *body;
+  const ObjectModel *model;
   Direction direction;
   Move move;
 };
 
-/* A part of the head that moves on its own. A zoom has one axis only and leaves the other alone. */
+/* A part of the head that moves independently. The zoom uses the x axis only. */
 struct Drive {
   ChangeType change;
-  gint64 lap;
+  gint64 cycle;
   double speed;
-  About start;
-  Point (*aim)(guint64 seed, gint64 lap);
+  Purpose start;
+  Point (*target)(guint64 seed, gint64 cycle);
 };
 
 /* The finaliser of SplitMix64. */
@@ -98,43 +98,43 @@ mix(guint64 value)
 }
 
 guint64
-chance(guint64 seed, About about, guint64 who = 0, gint64 lap = 0)
+random_hash(guint64 seed, Purpose purpose, guint64 subject = 0, gint64 cycle = 0)
 {
   guint64 hash = mix(seed);
-  for (guint64 part : {static_cast<guint64>(about), who, static_cast<guint64>(lap)}) {
+  for (guint64 part : {static_cast<guint64>(purpose), subject, static_cast<guint64>(cycle)}) {
     hash = mix(hash ^ part);
   }
   return hash;
 }
 
-/* A number from `low` up to but not including `high`. */
+/* A uniformly distributed number from `low` up to but not including `high`. */
 gint64
-pick(guint64 hash, gint64 low, gint64 high)
+uniform(guint64 hash, gint64 low, gint64 high)
 {
   return low + static_cast<gint64>(hash % static_cast<guint64>(high - low));
 }
 
 double
-pick(guint64 hash, double low, double high)
+uniform(guint64 hash, double low, double high)
 {
   constexpr double STEPS = 1 << 24;
   return low + (high - low) * static_cast<double>(hash >> 40) / STEPS;
 }
 
 gint64
-lap_at(WorldTime time, gint64 length)
+cycle_at(WorldTime time, gint64 length)
 {
-  gint64 lap = time / length;
-  return time % length < 0 ? lap - 1 : lap;
+  gint64 cycle = time / length;
+  return time % length < 0 ? cycle - 1 : cycle;
 }
 
 bool
-is_under_way(const Move &move, WorldTime time)
+is_active(const Move &move, WorldTime time)
 {
   return time >= move.start && time < move.end;
 }
 
-/* Before its start and after its end, whoever moves stays where they are. */
+/* Before the start of the move the position is its start, after the end its end. */
 Point
 position_at(const Move &move, WorldTime time)
 {
@@ -144,42 +144,44 @@ position_at(const Move &move, WorldTime time)
 }
 
 Pass
-pass_of(guint64 seed, guint64 lane, gint64 lap)
+pass_of(guint64 seed, guint64 lane, gint64 cycle)
 {
-  const Body &body = BODIES[chance(seed, About::BODY, lane, lap) % BODIES.size()];
-  gint64 duration = pick(chance(seed, About::DURATION, lane, lap), body.fastest, body.slowest);
-  gint64 latest_start = LANE_LAPS[lane] - duration;
-  WorldTime start =
-      lap * LANE_LAPS[lane] + pick(chance(seed, About::START, lane, lap), gint64{0}, latest_start);
-  bool rightwards = chance(seed, About::DIRECTION, lane, lap) % 2 == 0;
-  double edge = 1 + body.width / 2;
-  double highest = 1 - body.height / 2;
+  const ObjectModel &model =
+      OBJECT_MODELS[random_hash(seed, Purpose::MODEL, lane, cycle) % OBJECT_MODELS.size()];
+  gint64 duration =
+      uniform(random_hash(seed, Purpose::DURATION, lane, cycle), model.min_duration, model.max_duration);
+  gint64 latest_start = LANE_CYCLES[lane] - duration;
+  WorldTime start = cycle * LANE_CYCLES[lane] +
+                    uniform(random_hash(seed, Purpose::START, lane, cycle), gint64{0}, latest_start);
+  bool rightwards = random_hash(seed, Purpose::DIRECTION, lane, cycle) % 2 == 0;
+  double edge = 1 + model.width / 2;
+  double highest = 1 - model.height / 2;
 
   return {
-      .id = lap * static_cast<gint64>(LANE_LAPS.size()) + static_cast<gint64>(lane) + 1,
-      .body = &body,
+      .id = cycle * static_cast<gint64>(LANE_CYCLES.size()) + static_cast<gint64>(lane) + 1,
+      .model = &model,
       .direction = rightwards ? Direction::LEFT_TO_RIGHT : Direction::RIGHT_TO_LEFT,
       .move =
           {
               .start = start,
               .end = start + duration,
               .from = {rightwards ? -edge : edge,
-                       pick(chance(seed, About::START_LEVEL, lane, lap), -highest, highest)},
+                       uniform(random_hash(seed, Purpose::START_LEVEL, lane, cycle), -highest, highest)},
               .to = {rightwards ? edge : -edge,
-                     pick(chance(seed, About::END_LEVEL, lane, lap), -highest, highest)},
+                     uniform(random_hash(seed, Purpose::END_LEVEL, lane, cycle), -highest, highest)},
           },
   };
 }
 
-/* Every pass whose lap touches the time from `first` to `last`. */
+/* Every pass whose cycle overlaps the time from `first` to `last`. */
 std::vector<Pass>
 passes_during(guint64 seed, WorldTime first, WorldTime last)
 {
   std::vector<Pass> passes;
-  for (guint64 lane = 0; lane < LANE_LAPS.size(); lane++) {
-    gint64 last_lap = lap_at(last, LANE_LAPS[lane]);
-    for (gint64 lap = lap_at(first, LANE_LAPS[lane]); lap <= last_lap; lap++) {
-      passes.push_back(pass_of(seed, lane, lap));
+  for (guint64 lane = 0; lane < LANE_CYCLES.size(); lane++) {
+    gint64 last_cycle = cycle_at(last, LANE_CYCLES[lane]);
+    for (gint64 cycle = cycle_at(first, LANE_CYCLES[lane]); cycle <= last_cycle; cycle++) {
+      passes.push_back(pass_of(seed, lane, cycle));
     }
   }
   return passes;
@@ -192,16 +194,16 @@ object_at(const Pass &pass, WorldTime time)
   double seconds = static_cast<double>(move.end - move.start) / SECOND;
   return {
       .id = pass.id,
-      .type = pass.body->type,
+      .type = pass.model->type,
       .centre = position_at(move, time),
-      .width = pass.body->width,
-      .height = pass.body->height,
+      .width = pass.model->width,
+      .height = pass.model->height,
       .velocity = {(move.to.x - move.from.x) / seconds, (move.to.y - move.from.y) / seconds},
   };
 }
 
-/* Both the move and the line are straight and the line runs through the whole picture, far from its sides, so
- * the object's centre meets it exactly once. */
+/* Move and line are straight, and the line runs from the top to the bottom of the picture, away from its
+ * sides: the object's centre crosses it exactly once. */
 WorldTime
 crossing_time(const Move &move, const Line &line)
 {
@@ -213,47 +215,51 @@ crossing_time(const Move &move, const Line &line)
 }
 
 WorldTime
-toggle_time(guint64 seed, unsigned input, gint64 lap)
+toggle_time(guint64 seed, unsigned input, gint64 cycle)
 {
-  return lap * INPUT_LAPS[input] +
-         pick(chance(seed, About::TOGGLE_TIME, input, lap), gint64{0}, INPUT_LAPS[input]);
+  return cycle * INPUT_CYCLES[input] +
+         uniform(random_hash(seed, Purpose::TOGGLE_TIME, input, cycle), gint64{0}, INPUT_CYCLES[input]);
 }
 
 bool
-is_odd(gint64 lap)
+is_odd(gint64 cycle)
 {
-  return lap % 2 != 0;
+  return cycle % 2 != 0;
 }
 
 Point
-pan_tilt_aim(guint64 seed, gint64 lap)
+pan_tilt_target(guint64 seed, gint64 cycle)
 {
-  double sideways = pick(chance(seed, About::PAN, 0, lap), 0.1, 1.0);
-  return {is_odd(lap) ? sideways : -sideways, pick(chance(seed, About::TILT, 0, lap), -1.0, 1.0)};
+  double sideways = uniform(random_hash(seed, Purpose::PAN, 0, cycle), 0.1, 1.0);
+  return {is_odd(cycle) ? sideways : -sideways,
+          uniform(random_hash(seed, Purpose::TILT, 0, cycle), -1.0, 1.0)};
 }
 
 Point
-zoom_aim(guint64 seed, gint64 lap)
+zoom_target(guint64 seed, gint64 cycle)
 {
-  double lowest = is_odd(lap) ? 0.6 : 0.0;
-  return {pick(chance(seed, About::ZOOM, 0, lap), lowest, lowest + 0.4), 0};
+  double lowest = is_odd(cycle) ? 0.6 : 0.0;
+  return {uniform(random_hash(seed, Purpose::ZOOM, 0, cycle), lowest, lowest + 0.4), 0};
 }
 
-constexpr Drive PAN_TILT_DRIVE = {ChangeType::PAN_TILT, PAN_TILT_LAP, World::PAN_TILT_SPEED,
-                                  About::PAN_TILT_START, pan_tilt_aim};
-constexpr Drive ZOOM_DRIVE = {ChangeType::ZOOM, ZOOM_LAP, World::ZOOM_SPEED, About::ZOOM_START, zoom_aim};
+constexpr Drive PAN_TILT_DRIVE = {ChangeType::PAN_TILT, PAN_TILT_CYCLE, World::PAN_TILT_SPEED,
+                                  Purpose::PAN_TILT_START, pan_tilt_target};
+constexpr Drive ZOOM_DRIVE = {ChangeType::ZOOM, ZOOM_CYCLE, World::ZOOM_SPEED, Purpose::ZOOM_START,
+                              zoom_target};
 
-/* The axis with the longer way moves as fast as it can, and the other arrives with it. */
+/* The axis with the longer distance moves at full speed; both arrive at the same time. */
 Move
-move_of(guint64 seed, const Drive &drive, gint64 lap)
+move_of(guint64 seed, const Drive &drive, gint64 cycle)
 {
-  Point from = drive.aim(seed, lap - 1);
-  Point to = drive.aim(seed, lap);
-  double way = std::max(std::abs(to.x - from.x), std::abs(to.y - from.y));
-  auto duration = static_cast<gint64>(std::ceil(way / drive.speed * SECOND));
-  gint64 start = pick(chance(seed, drive.start, 0, lap), gint64{0}, drive.lap - duration);
-  return {
-      .start = lap * drive.lap + start, .end = lap * drive.lap + start + duration, .from = from, .to = to};
+  Point from = drive.target(seed, cycle - 1);
+  Point to = drive.target(seed, cycle);
+  double distance = std::max(std::abs(to.x - from.x), std::abs(to.y - from.y));
+  auto duration = static_cast<gint64>(std::ceil(distance / drive.speed * SECOND));
+  gint64 start = uniform(random_hash(seed, drive.start, 0, cycle), gint64{0}, drive.cycle - duration);
+  return {.start = cycle * drive.cycle + start,
+          .end = cycle * drive.cycle + start + duration,
+          .from = from,
+          .to = to};
 }
 
 void
@@ -261,9 +267,9 @@ add_input_changes(const World &world, guint64 seed, WorldTime after, WorldTime u
                   std::vector<Change> &changes)
 {
   for (unsigned input = 0; input < World::INPUT_COUNT; input++) {
-    gint64 last_lap = lap_at(until, INPUT_LAPS[input]);
-    for (gint64 lap = lap_at(after, INPUT_LAPS[input]); lap <= last_lap; lap++) {
-      WorldTime time = toggle_time(seed, input, lap);
+    gint64 last_cycle = cycle_at(until, INPUT_CYCLES[input]);
+    for (gint64 cycle = cycle_at(after, INPUT_CYCLES[input]); cycle <= last_cycle; cycle++) {
+      WorldTime time = toggle_time(seed, input, cycle);
       if (time > after && time <= until) {
         changes.push_back(
             {.time = time, .type = ChangeType::INPUT, .input = input, .state = world.input_at(input, time)});
@@ -272,7 +278,7 @@ add_input_changes(const World &world, guint64 seed, WorldTime after, WorldTime u
   }
 }
 
-/* The alarm can only change where a pass starts or ends, but need not: another object may be under way. */
+/* The alarm changes only where a pass starts or ends, and not while another object is in the picture. */
 void
 add_motion_changes(const World &world, const std::vector<Pass> &passes, WorldTime after, WorldTime until,
                    std::vector<Change> &changes)
@@ -309,17 +315,17 @@ add_crossings(const Line &line, const std::vector<Pass> &passes, WorldTime after
   }
 }
 
-/* No move touches the end of its lap, so one has ended before the next starts. */
+/* A move ends before its cycle does, so moves never overlap. */
 void
 add_drive_changes(guint64 seed, const Drive &drive, WorldTime after, WorldTime until,
                   std::vector<Change> &changes)
 {
-  gint64 last_lap = lap_at(until, drive.lap);
-  for (gint64 lap = lap_at(after, drive.lap); lap <= last_lap; lap++) {
-    Move move = move_of(seed, drive, lap);
+  gint64 last_cycle = cycle_at(until, drive.cycle);
+  for (gint64 cycle = cycle_at(after, drive.cycle); cycle <= last_cycle; cycle++) {
+    Move move = move_of(seed, drive, cycle);
     for (WorldTime edge : {move.start, move.end}) {
       if (edge > after && edge <= until) {
-        changes.push_back({.time = edge, .type = drive.change, .state = is_under_way(move, edge)});
+        changes.push_back({.time = edge, .type = drive.change, .state = is_active(move, edge)});
       }
     }
   }
@@ -329,10 +335,9 @@ add_drive_changes(guint64 seed, const Drive &drive, WorldTime after, WorldTime u
 
 /**
  * World:
- * @seed: chooses the story
+ * @seed: selects the simulation
  *
- * A value without state of its own: copies and objects made with the same seed show the same world, and every
- * function may be called from any thread.
+ * The world has no state but its seed: all worlds with the same seed are equal. All functions: any thread.
  */
 World::World(guint64 seed) : seed_(seed)
 {
@@ -341,29 +346,29 @@ World::World(guint64 seed) : seed_(seed)
 /**
  * World::line:
  *
- * Returns: the line that is watched; it runs from the upper to the lower edge of the picture and never moves
+ * Returns: the line of the line detector, from the upper to the lower edge of the picture; constant
  */
 Line
 World::line() const
 {
-  double place = pick(chance(seed_, About::LINE_PLACE), -0.3, 0.3);
-  double slant = pick(chance(seed_, About::LINE_SLANT), -0.2, 0.2);
+  double place = uniform(random_hash(seed_, Purpose::LINE_PLACE), -0.3, 0.3);
+  double slant = uniform(random_hash(seed_, Purpose::LINE_SLANT), -0.2, 0.2);
   return {.top = {place + slant / 2, 1}, .bottom = {place - slant / 2, -1}};
 }
 
 /**
  * World::objects_at:
- * @time: the moment to look at
+ * @time: the time
  *
- * Returns: every object of which a part is in the picture. An object keeps its id from entering to leaving,
- *   and no other object ever has it.
+ * Returns: the objects that are at least partly in the picture. An object keeps its id from entering to
+ * leaving; ids are never reused.
  */
 std::vector<Object>
 World::objects_at(WorldTime time) const
 {
   std::vector<Object> objects;
   for (const Pass &pass : passes_during(seed_, time, time)) {
-    if (is_under_way(pass.move, time)) {
+    if (is_active(pass.move, time)) {
       objects.push_back(object_at(pass, time));
     }
   }
@@ -372,7 +377,7 @@ World::objects_at(WorldTime time) const
 
 /**
  * World::motion_at:
- * @time: the moment to look at
+ * @time: the time
  *
  * Returns: whether an object moves in the picture
  */
@@ -385,50 +390,50 @@ World::motion_at(WorldTime time) const
 /**
  * World::input_at:
  * @input: a digital input, below %INPUT_COUNT
- * @time: the moment to look at
+ * @time: the time
  *
  * Returns: the input's logical state
  */
 bool
 World::input_at(unsigned input, WorldTime time) const
 {
-  gint64 lap = lap_at(time, INPUT_LAPS[input]);
-  bool toggled = time >= toggle_time(seed_, input, lap);
-  bool first = chance(seed_, About::FIRST_STATE, input) % 2 != 0;
-  return first ^ is_odd(lap) ^ toggled;
+  gint64 cycle = cycle_at(time, INPUT_CYCLES[input]);
+  bool toggled = time >= toggle_time(seed_, input, cycle);
+  bool first = random_hash(seed_, Purpose::FIRST_STATE, input) % 2 != 0;
+  return first ^ is_odd(cycle) ^ toggled;
 }
 
 /**
  * World::ptz_at:
- * @time: the moment to look at
+ * @time: the time
  *
- * Returns: where the PTZ head looks and which of its drives run. A drive runs from the start of a move until
- *   the moment at which its end is reached, and what it drives changes exactly as long.
+ * Returns: the position of the PTZ head and which of its drives run. A drive runs from the start of a move
+ * until its end is reached; the position changes only while it runs.
  */
 Ptz
 World::ptz_at(WorldTime time) const
 {
-  Move pan_tilt = move_of(seed_, PAN_TILT_DRIVE, lap_at(time, PAN_TILT_LAP));
-  Move zoom = move_of(seed_, ZOOM_DRIVE, lap_at(time, ZOOM_LAP));
+  Move pan_tilt = move_of(seed_, PAN_TILT_DRIVE, cycle_at(time, PAN_TILT_CYCLE));
+  Move zoom = move_of(seed_, ZOOM_DRIVE, cycle_at(time, ZOOM_CYCLE));
   Point direction = position_at(pan_tilt, time);
   return {
       .pan = direction.x,
       .tilt = direction.y,
       .zoom = position_at(zoom, time).x,
-      .pan_tilt_moving = is_under_way(pan_tilt, time),
-      .zoom_moving = is_under_way(zoom, time),
+      .pan_tilt_moving = is_active(pan_tilt, time),
+      .zoom_moving = is_active(zoom, time),
   };
 }
 
 /**
  * World::changes_between:
- * @after: end of what is known already
- * @until: last moment to look at
+ * @after: start of the interval, exclusive
+ * @until: end of the interval, inclusive
  *
- * What happens later than @after and no later than @until, so consecutive calls miss and repeat nothing. A
- * change of state is in force at its own time. The work grows with the length of the span.
+ * Consecutive intervals neither miss nor repeat a change. A new state applies at the time of its change. The
+ * cost is proportional to the length of the interval.
  *
- * Returns: the changes in the order of their times
+ * Returns: the changes in the interval, in the order of their times
  */
 std::vector<Change>
 World::changes_between(WorldTime after, WorldTime until) const
@@ -451,23 +456,23 @@ World::changes_between(WorldTime after, WorldTime until) const
 
 /**
  * World::next_change_after:
- * @time: end of what is known already
+ * @time: the time
  *
- * Returns: the time of the first change after @time; there is always one within a few seconds
+ * Returns: the time of the first change after @time, at most a few seconds later
  */
 WorldTime
 World::next_change_after(WorldTime time) const
 {
-  return changes_between(time, time + LONGEST_QUIET).front().time;
+  return changes_between(time, time + MAX_TIME_WITHOUT_CHANGE).front().time;
 }
 
 /**
  * World::first_arrival_between:
- * @after: end of what is known already
- * @until: last moment to look at
- * @only: the one type of objects that counts; all if unset
+ * @after: start of the interval, exclusive
+ * @until: end of the interval, inclusive
+ * @only: the only type of objects to consider; all types if unset
  *
- * Returns: when an object first enters the picture, later than @after and no later than @until, if one does
+ * Returns: the time at which the first object enters the picture in the interval, if one does
  */
 std::optional<WorldTime>
 World::first_arrival_between(WorldTime after, WorldTime until, std::optional<ObjectType> only) const
@@ -475,7 +480,7 @@ World::first_arrival_between(WorldTime after, WorldTime until, std::optional<Obj
   std::optional<WorldTime> first;
   for (const Pass &pass : passes_during(seed_, after, until)) {
     WorldTime start = pass.move.start;
-    bool counts = start > after && start <= until && (!only.has_value() || pass.body->type == *only);
+    bool counts = start > after && start <= until && (!only.has_value() || pass.model->type == *only);
     if (counts && (!first.has_value() || start < *first)) {
       first = start;
     }

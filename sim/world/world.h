@@ -6,9 +6,9 @@
 #include <optional>
 #include <vector>
 
-/* The story that the whole simulated camera tells: people and vehicles pass through the picture and cross a
- * line, digital inputs toggle, the PTZ head moves. Everything follows from a seed and a time alone, so every
- * element in every process sees the same world without talking to the others. */
+/* The simulation behind the simulated camera: people and vehicles pass through the picture and cross a line,
+ * digital inputs toggle, the PTZ head moves. A seed and a time determine everything, so all elements and
+ * processes show the same world without communicating. */
 
 namespace sim
 {
@@ -45,7 +45,7 @@ struct Object {
   Point velocity; /* per second */
 };
 
-/* Where the PTZ head looks, in ONVIF's generic spaces, and which of its drives run. */
+/* The position of the PTZ head, in ONVIF's generic spaces, and which of its drives run. */
 struct Ptz {
   double pan;  /* from -1 (left) to 1 (right) */
   double tilt; /* from -1 (down) to 1 (up) */
@@ -65,10 +65,10 @@ enum class ChangeType {
 struct Change {
   WorldTime time;
   ChangeType type;
-  unsigned input;      /* INPUT: which one */
+  unsigned input;      /* INPUT: its number */
   bool state;          /* all but CROSSING: the new state; of a drive: whether it runs */
-  gint64 object_id;    /* CROSSING: who */
-  Direction direction; /* CROSSING: which way */
+  gint64 object_id;    /* CROSSING: the object that crosses */
+  Direction direction; /* CROSSING: its direction */
 
   bool operator==(const Change &) const = default;
 };
@@ -78,7 +78,7 @@ class World
 public:
   static constexpr unsigned INPUT_COUNT = 2;
 
-  /* How fast each axis of the head can move, in units of its generic space per second. */
+  /* The maximum speed of each axis of the head, in units of its generic space per second. */
   static constexpr double PAN_TILT_SPEED = 0.4;
   static constexpr double ZOOM_SPEED = 0.25;
 

@@ -1,5 +1,5 @@
 // What a producer sends, in any bytes, as the daemon frames it or as a frame of its own: left out with a
-// reason, or told in XML under the producer's own name and within the limits.
+// reason, or written as XML under the producer's own name and within the limits.
 #include "fuzz.h"
 #include "jsonform.h"
 #include "producerfragment.h"
@@ -78,9 +78,9 @@ count_children(xmlNode *node, const char *name)
 void
 check_element(xmlNode *element, const ProducerItem &item)
 {
-  fuzz::require(count_children(element, "Object") == item.objects.size(), "every object is told, once");
+  fuzz::require(count_children(element, "Object") == item.objects.size(), "every object is written once");
   fuzz::require(count_children(element, "ObjectTree") == (item.deleted.empty() ? 0 : 1),
-                "who has left is told");
+                "every deleted object is written");
 }
 
 void
@@ -99,7 +99,7 @@ check_fragment(const ProducerFrame &frame, const sim::ProducerView &view)
   if (view.sample) {
     check_element(root, frame.items.front());
   } else {
-    fuzz::require(count_children(root, "Frame") == frame.items.size(), "every item is told, once");
+    fuzz::require(count_children(root, "Frame") == frame.items.size(), "every item is written once");
     xmlNode *element = xmlFirstElementChild(root);
     for (const ProducerItem &item : frame.items) {
       check_element(element, item);

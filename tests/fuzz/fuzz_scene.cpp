@@ -1,4 +1,4 @@
-// A scene in any bytes, as a converter gets it: refused, or within the limits of the format and told in XML.
+// A scene in any bytes, as a converter gets it: refused, or within the limits of the format and in XML.
 #include "fuzz.h"
 #include "scenebuffer.h"
 #include "scenefragment.h"

@@ -124,7 +124,7 @@ root_name(const std::string &xml)
          reinterpret_cast<const char *>(root->name);
 }
 
-/* What an XPath expression yields, as text. */
+/* The value of an XPath expression as text. */
 std::string
 evaluate(const std::string &xml, const std::string &path)
 {

@@ -11,8 +11,8 @@ namespace
 bool
 stays(bool motion, sim::WorldTime from, sim::WorldTime until)
 {
-  std::vector<sim::Change> changes = STORY.changes_between(from, until);
-  return STORY.motion_at(from) == motion &&
+  std::vector<sim::Change> changes = DEFAULT_WORLD.changes_between(from, until);
+  return DEFAULT_WORLD.motion_at(from) == motion &&
          std::none_of(changes.begin(), changes.end(),
                       [](const sim::Change &change) { return change.type == sim::ChangeType::MOTION; });
 }
@@ -25,22 +25,22 @@ PrintTo(const Scenes &scenes, std::ostream *stream)
   *stream << scenes.source;
 }
 
-/* Whether somebody is in the picture at every moment of a span. */
+/* Whether there are objects in the picture during a whole interval. */
 bool
 is_busy(sim::WorldTime from, sim::WorldTime until)
 {
   return stays(true, from, until);
 }
 
-/* Whether nobody is. */
+/* Whether the picture is empty during a whole interval. */
 bool
 is_empty(sim::WorldTime from, sim::WorldTime until)
 {
   return stays(false, from, until);
 }
 
-/* Sets the wall clock to the first time of the story with the default settings that is as wanted; the world's
- * time. It has to be set back. */
+/* Sets the wall clock to the first time of the default world that meets @wanted, and returns the world's
+ * time. The caller resets the wall clock. */
 sim::WorldTime
 begin_where(const std::function<bool(sim::WorldTime)> &wanted)
 {
@@ -56,7 +56,7 @@ begin_where(const std::function<bool(sim::WorldTime)> &wanted)
   return time;
 }
 
-/* The text of the first message of @type, which has to come soon and to be as given. */
+/* The text of the next message of @type, which must arrive within the bound and have the given error. */
 std::string
 pop_message(GstBus *bus, GstMessageType type, GQuark domain, int code)
 {

@@ -8,9 +8,9 @@
 #include <ostream>
 #include <string>
 
-/* What the tests of the elements of scenes share. */
+/* Shared by the tests of the elements for scenes. */
 
-/* One of the two plug-ins, as whoever uses it knows it. */
+/* The public names of one of the two plug-ins. */
 struct Scenes {
   const char *source;
   const char *converter;
@@ -21,8 +21,8 @@ struct Scenes {
 constexpr Scenes SCENE = {"scenesrc", "scene2xml", "application/vnd.quon.scene", false};
 constexpr Scenes RADAR_SCENE = {"radarscenesrc", "radarscene2xml", "application/vnd.quon.radarscene", true};
 
-/* The story with the default settings. */
-inline const sim::World STORY(sim::Settings().seed);
+/* The world with the default settings. */
+inline const sim::World DEFAULT_WORLD(sim::Settings().seed);
 
 void PrintTo(const Scenes &scenes, std::ostream *stream);
 

@@ -13,7 +13,7 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlSchemaValidCtxt, xmlSchemaFreeValidCtxt)
 namespace
 {
 
-/* The schemas make the parser warn of imports that it has seen before. */
+/* The schemas cause warnings about repeated imports. */
 void
 on_warning(void *user_data, const char *format, ...)
 {

@@ -5,14 +5,14 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-/* Takes @element and starts it. */
+/* Starts @element. (transfer full) */
 GstHarness *
 play(GstElement *element)
 {
   return play_with_caps(element, "ANY");
 }
 
-/* As above, with somebody downstream who accepts only @caps. */
+/* The same with a sink that accepts only @caps. */
 GstHarness *
 play_with_caps(GstElement *element, const std::string &caps)
 {

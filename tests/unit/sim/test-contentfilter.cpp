@@ -49,7 +49,7 @@ class Matching : public testing::TestWithParam<MatchCase>
 {
 };
 
-TEST_P(Matching, PicksMessages)
+TEST_P(Matching, SelectsMessages)
 {
   const MatchCase &expected = GetParam();
   g_autoptr(GError) error = nullptr;
@@ -72,11 +72,11 @@ INSTANTIATE_TEST_SUITE_P(
         MatchCase{"boolean(//tt:SimpleItem[@Value='true']) or boolean(//tt:SimpleItem[@Name='Rule'])", true,
                   false, true},
         MatchCase{"not(boolean(//tt:SimpleItem[@Value='true']))", false, true, true},
-        /* Whatever the type of the result, it counts as a boolean. */
+        /* A result of any type is converted to a boolean. */
         MatchCase{"//tt:SimpleItem[@Name='State']", false, true, false},
         MatchCase{"count(//tt:SimpleItem) - 4", true, true, false},
         MatchCase{"string(//@PropertyOperation)", true, true, false},
-        /* The message is both the root and the place where relative paths begin. */
+        /* The message is the root and the context node. */
         MatchCase{"/tt:Message/@PropertyOperation='Changed'", true, true, false},
         MatchCase{"@PropertyOperation", true, true, false},
         MatchCase{"tt:Source/tt:SimpleItem[@Name='InputToken']", true, false, false},
@@ -87,7 +87,7 @@ class Refused : public testing::TestWithParam<HostileText>
 {
 };
 
-TEST_P(Refused, WithoutRepeatingOrPrintingIt)
+TEST_P(Refused, WithAnErrorThatDoesNotRepeatIt)
 {
   g_autoptr(GError) error = nullptr;
   testing::internal::CaptureStderr();
@@ -128,7 +128,7 @@ TEST(ContentFilterLimits, LongestExpressionIsAccepted)
   EXPECT_TRUE(ContentFilter::compile(text.c_str(), nullptr).has_value());
 }
 
-TEST(ContentFilterEvaluation, FailureOnSomeMessagesOnlyIsReported)
+TEST(ContentFilterEvaluation, FailureOnASingleMessageIsReported)
 {
   std::optional<ContentFilter> filter =
       ContentFilter::compile("not(//@PropertyOperation='Initialized') or frobnicate()", nullptr);

@@ -15,7 +15,7 @@ namespace
 
 constexpr double DEGREE = std::numbers::pi / 180;
 
-/* The length of a degree on a ball of the size of the earth. */
+/* The length of a degree on a sphere with the radius of the earth. */
 constexpr double METRES_PER_DEGREE = 6371000 * DEGREE;
 
 Object
@@ -45,7 +45,7 @@ between(const GeoLocation &from, const GeoLocation &to)
           (to.latitude - from.latitude) * METRES_PER_DEGREE};
 }
 
-TEST(Ground, PictureIsAMapOfAnglesAndRanges)
+TEST(Ground, PictureMapsToAnglesAndRanges)
 {
   EXPECT_EQ(sim::ground_position(object_at({0, 0})), (Polar{0, 20}));
   Polar left_below = sim::ground_position(object_at({-1, -1}));
@@ -56,7 +56,7 @@ TEST(Ground, PictureIsAMapOfAnglesAndRanges)
   EXPECT_NEAR(right_above.range, 35, 1e-9);
 }
 
-TEST(Ground, VelocityIsWhatPositionsChangeBy)
+TEST(Ground, VelocityIsTheRateOfChangeOfThePosition)
 {
   constexpr double MOMENT = 1e-6;
   for (Point velocity : {Point{1, 0}, Point{-1, 0}, Point{0, 1}, Point{0, -1}, Point{0.4, -0.3}}) {
@@ -73,7 +73,7 @@ TEST(Ground, VelocityIsWhatPositionsChangeBy)
   }
 }
 
-TEST(Ground, SizeGrowsWithTheRange)
+TEST(Ground, SizeIsProportionalToTheRange)
 {
   double near = sim::ground_size(object_at({0, -1}));
   double far = sim::ground_size(object_at({0, 1}));
@@ -81,13 +81,13 @@ TEST(Ground, SizeGrowsWithTheRange)
   EXPECT_NEAR(sim::ground_size(object_at({0, 0})), 0.12 * 20 * DEGREE * 20, 1e-9);
 }
 
-TEST(Ground, LocationIsAsFarFromTheCameraAsThePosition)
+TEST(Ground, LocationHasTheRangeOfThePosition)
 {
   GeoLocation camera = sim::ground_location({0, 0});
   for (Polar position : {Polar{0, 30}, Polar{-20, 5}, Polar{20, 35}}) {
     Point metres = between(camera, sim::ground_location(position));
     EXPECT_NEAR(std::hypot(metres.x, metres.y), position.range, 0.01);
-    /* The camera looks to the east. */
+    /* The camera is directed to the east. */
     EXPECT_NEAR(std::atan2(-metres.y, metres.x) / DEGREE, position.angle, 0.01);
   }
 }

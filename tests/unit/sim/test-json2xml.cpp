@@ -13,14 +13,14 @@
 namespace
 {
 
-/* As the daemon makes it, with its blanks. */
+/* A frame as the daemon makes it. */
 constexpr const char *STREAM_START =
     "{     \"Source\": \"StreamStart\",     \"Data\": {         \"Item\": [             {                 "
     "\"TimestampMono\": \"1234567890\",                 \"UtcTime\": \"2024-01-01T00:00:00.250000Z\"         "
     "    }"
     "         ]     } }";
 
-/* An item with everything that one can have. */
+/* An item with all members. */
 constexpr const char *EXAMPLE_ITEM =
     "{\"UtcTime\": \"2024-01-01T00:00:00Z\", \"Objects\": [{\"Id\": 12, "
     "\"BoundingBox\": {\"Left\": -0.6, \"Top\": 0.6, \"Right\": -0.2, \"Bottom\": 0.2}, "
@@ -60,7 +60,7 @@ frame_of(const std::string &items, const std::string &source = "Front door")
   return "{\"Source\":\"" + source + "\",\"Data\":{\"Item\":[" + items + "]}}";
 }
 
-/* The element by itself, with a stream before it as an application source makes one, and its messages. */
+/* The element in a harness, with the stream of an application source, and its messages. */
 class JsonToXml : public testing::Test
 {
 protected:
@@ -122,7 +122,7 @@ protected:
     EXPECT_EQ(message, nullptr);
   }
 
-  /* The one complaint that there is: a warning, as its text and why. */
+  /* The only message: a warning, as its text and its debug text. */
   std::pair<std::string, std::string> pop_warning()
   {
     g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus_, GST_MESSAGE_WARNING);
@@ -166,12 +166,12 @@ TEST_F(JsonToXml, EachItemBecomesAFrameOfOneBuffer)
             IN_ANALYTICS(EXAMPLE_FRAME(EXAMPLE_POLYGON) EXAMPLE_FRAME(EXAMPLE_POLYGON)));
 }
 
-TEST_F(JsonToXml, StreamStartIsAnEmptyFrameOfNobody)
+TEST_F(JsonToXml, StreamStartIsAnEmptyFrameWithoutSource)
 {
   EXPECT_EQ(convert(STREAM_START), IN_ANALYTICS("<tt:Frame UtcTime=\"2024-01-01T00:00:00.250000Z\"/>"));
 }
 
-TEST_F(JsonToXml, BuffersMayHaveSeveralMemories)
+TEST_F(JsonToXml, AcceptsBuffersWithSeveralMemories)
 {
   GstBuffer *buffer = gst_buffer_new();
   for (const char *piece : {"{\"Source\":\"Front door\",\"Data\":{\"Item\":[", EXAMPLE_ITEM, "]}}"}) {
@@ -181,7 +181,7 @@ TEST_F(JsonToXml, BuffersMayHaveSeveralMemories)
   EXPECT_EQ(pull_text(harness_), IN_ANALYTICS(EXAMPLE_FRAME(EXAMPLE_POLYGON)));
 }
 
-TEST_F(JsonToXml, PropertiesMayChangeAtAnyTime)
+TEST_F(JsonToXml, PropertiesCanChangeWhilePlaying)
 {
   gboolean exclude_polygon = TRUE;
   gboolean sample_frame = TRUE;
@@ -199,7 +199,7 @@ TEST_F(JsonToXml, PropertiesMayChangeAtAnyTime)
   EXPECT_EQ(convert(frame_of(EXAMPLE_ITEM)), IN_ANALYTICS(EXAMPLE_FRAME(EXAMPLE_POLYGON)));
 }
 
-TEST_F(JsonToXml, ASampleIsOneElementOfTheFirstItem)
+TEST_F(JsonToXml, SampleFrameHasTheFirstItem)
 {
   g_object_set(element_, "sample-frame", TRUE, nullptr);
   EXPECT_EQ(convert(frame_of(std::string(EXAMPLE_ITEM) + ",{}")),
@@ -210,7 +210,7 @@ TEST_F(JsonToXml, ASampleIsOneElementOfTheFirstItem)
   EXPECT_TRUE(sample_frame);
 }
 
-TEST_F(JsonToXml, WithoutATimeOrWithAWrongOneItIsTheArrival)
+TEST_F(JsonToXml, TimeOfArrivalReplacesAMissingOrInvalidTime)
 {
   for (const char *item : {"{}", "{\"UtcTime\":\"yesterday\"}"}) {
     gint64 before = g_get_real_time();
@@ -222,7 +222,7 @@ TEST_F(JsonToXml, WithoutATimeOrWithAWrongOneItIsTheArrival)
   EXPECT_EQ(pop_warning().first, PART_WARNING);
 }
 
-TEST_F(JsonToXml, ACentreThatIsGivenCounts)
+TEST_F(JsonToXml, CentreOfTheItemIsUsed)
 {
   std::string text = convert_object(
       ",\"BoundingBox\":{\"Left\":0,\"Top\":1,\"Right\":1,\"Bottom\":0},\"CenterOfGravity\":[0.25,-1e-9]");
@@ -230,7 +230,7 @@ TEST_F(JsonToXml, ACentreThatIsGivenCounts)
   EXPECT_EQ(evaluate(text, "string(//tt:CenterOfGravity/@y)"), "0.0000");
 }
 
-TEST_F(JsonToXml, WithoutABoxThereIsNoShape)
+TEST_F(JsonToXml, ObjectWithoutBoxHasNoShape)
 {
   std::string text =
       convert_object(",\"Polygon\":[[0,0],[0,1],[1,1]],\"CenterOfGravity\":[0,0],\"Type\":\"Face\"");
@@ -247,7 +247,7 @@ struct ClassCase {
   const char *type_likelihood;
 };
 
-TEST_F(JsonToXml, ClassesHaveTheOlderAndTheNewerForm)
+TEST_F(JsonToXml, WritesClassesInBothForms)
 {
   for (const ClassCase &expected :
        {ClassCase{",\"Type\":\"Human\",\"Likelihood\":1", "Human", "1.00", "Human", "1.00"},
@@ -270,10 +270,10 @@ TEST_F(JsonToXml, ClassesHaveTheOlderAndTheNewerForm)
 
 struct Named {
   HostileText json; /* between quotes */
-  std::string told;
+  std::string written;
 };
 
-TEST_F(JsonToXml, HostileTextsDoNoHarm)
+TEST_F(JsonToXml, HostileTextsAreEscapedOrReplaced)
 {
   for (const Named &named :
        {Named{"", ""}, Named{"\\\"/><tt:Object ObjectId=\\\"1\\\"/>", "\"/><tt:Object ObjectId=\"1\"/>"},
@@ -282,7 +282,7 @@ TEST_F(JsonToXml, HostileTextsDoNoHarm)
         Named{"\\ud83c\\udfa5", "\xf0\x9f\x8e\xa5"},
         Named{repeat("\xc3\xa9", 100000), repeat("\xc3\xa9", onvif::SOURCE_NAME_MAX)}}) {
     std::string text = convert(frame_of("{}", named.json.text));
-    EXPECT_EQ(evaluate(text, "string(/tt:VideoAnalytics/tt:Frame/@Source)"), named.told);
+    EXPECT_EQ(evaluate(text, "string(/tt:VideoAnalytics/tt:Frame/@Source)"), named.written);
     EXPECT_EQ(evaluate(text, "count(//tt:Frame/@Source)"), "1");
     EXPECT_EQ(evaluate(text, "count(//tt:Frame/*)"), "0");
     EXPECT_EQ(text.find('\n'), text.npos);
@@ -291,7 +291,7 @@ TEST_F(JsonToXml, HostileTextsDoNoHarm)
   EXPECT_EQ(evaluate(text, "string(//tt:Class/tt:Type)"), "\"]]></tt:Type><&\xef\xbf\xbd");
 }
 
-TEST_F(JsonToXml, WhatItMakesIsValid)
+TEST_F(JsonToXml, OutputIsValid)
 {
   if (!have_onvif_schemas()) {
     GTEST_SKIP() << "ONVIF_SCHEMA_DIR does not name the official schemas";
@@ -313,13 +313,13 @@ expect_own_stream(GstHarness *harness)
   expect_sticky_events_in_order(harness);
 }
 
-TEST_F(JsonToXml, TheStreamHasItsOwnCapsAndSegment)
+TEST_F(JsonToXml, SendsItsOwnCapsAndSegment)
 {
   convert(frame_of("{}"));
   expect_own_stream(harness_);
 }
 
-TEST_F(JsonToXml, CapsFromUpstreamMeanNothing)
+TEST_F(JsonToXml, IgnoresCapsFromUpstream)
 {
   g_autoptr(GstHarness) harness = gst_harness_new("json2xml");
   gst_harness_set_src_caps_str(harness, "application/json");
@@ -328,7 +328,7 @@ TEST_F(JsonToXml, CapsFromUpstreamMeanNothing)
   expect_own_stream(harness);
 }
 
-TEST_F(JsonToXml, SegmentsOfTimesAndTimestampsAreKept)
+TEST_F(JsonToXml, KeepsTimeSegmentsAndTimestamps)
 {
   GstSegment segment;
   gst_segment_init(&segment, GST_FORMAT_TIME);
@@ -351,7 +351,7 @@ TEST_F(JsonToXml, SegmentsOfTimesAndTimestampsAreKept)
   EXPECT_FALSE(GST_BUFFER_PTS_IS_VALID(untimed) || GST_BUFFER_DTS_IS_VALID(untimed));
 }
 
-TEST_F(JsonToXml, FlushAndEndPass)
+TEST_F(JsonToXml, ForwardsFlushAndEndOfStream)
 {
   convert(frame_of("{}"));
   pull_events();
@@ -364,7 +364,7 @@ TEST_F(JsonToXml, FlushAndEndPass)
                                                       GST_EVENT_SEGMENT, GST_EVENT_EOS}));
 }
 
-TEST_F(JsonToXml, WhatIsMalformedIsLeftOutWithOneWarning)
+TEST_F(JsonToXml, MalformedFramesAreDroppedWithOneWarning)
 {
   for (int round = 0; round < 2; round++) {
     for (const std::string &text :
@@ -379,7 +379,7 @@ TEST_F(JsonToXml, WhatIsMalformedIsLeftOutWithOneWarning)
   }
 }
 
-TEST_F(JsonToXml, MalformedPartsAreLeftOutWithOneWarning)
+TEST_F(JsonToXml, MalformedPartsAreDroppedWithOneWarning)
 {
   for (int round = 0; round < 2; round++) {
     for (int i = 0; i < 3; i++) {
@@ -395,7 +395,7 @@ TEST_F(JsonToXml, MalformedPartsAreLeftOutWithOneWarning)
   }
 }
 
-TEST_F(JsonToXml, ANewStartWarnsAnew)
+TEST_F(JsonToXml, WarnsAgainAfterARestart)
 {
   push("no JSON");
   EXPECT_EQ(pop_warning().first, WHOLE_WARNING);
@@ -407,7 +407,7 @@ TEST_F(JsonToXml, ANewStartWarnsAnew)
   EXPECT_EQ(pop_warning().first, WHOLE_WARNING);
 }
 
-TEST_F(JsonToXml, WhatDownstreamSaysReachesUpstream)
+TEST_F(JsonToXml, ReturnsTheFlowResultOfDownstream)
 {
   GST_PAD_SET_FLUSHING(harness_->sinkpad);
   EXPECT_EQ(gst_harness_push(harness_, new_buffer(frame_of("{}"))), GST_FLOW_FLUSHING);
@@ -415,7 +415,7 @@ TEST_F(JsonToXml, WhatDownstreamSaysReachesUpstream)
   EXPECT_EQ(pop_warning().first, WHOLE_WARNING);
 }
 
-/* Behind an application source as it comes, which is what the daemon has. */
+/* Behind an application source with default properties, as in the daemon. */
 class JsonChain : public testing::Test
 {
 protected:
@@ -457,7 +457,7 @@ protected:
   GstElement *sink_ = nullptr;
 };
 
-TEST_F(JsonChain, ASampleIsConverted)
+TEST_F(JsonChain, SampleFrameIsConverted)
 {
   ASSERT_TRUE(gst_element_link_many(source_, converter_, sink_, nullptr));
   g_object_set(converter_, "sample-frame", TRUE, nullptr);
@@ -466,8 +466,8 @@ TEST_F(JsonChain, ASampleIsConverted)
   EXPECT_EQ(root_name(pull()), "http://www.onvif.org/ver10/schema SampleFrame");
 }
 
-/* The stream-start frame alone makes the pipeline pre-roll; nobody waits for a producer. */
-TEST_F(JsonChain, DocumentsComeBesideALiveSource)
+/* The stream-start frame alone makes the pipeline pre-roll, without any producer. */
+TEST_F(JsonChain, StreamsBesideALiveSource)
 {
   GstElement *documents = gst_element_factory_make("onvifxmlmetadatastreamdoc", nullptr);
   GstElement *live = gst_element_factory_make("statuscacheptzsrc", nullptr);

@@ -17,7 +17,7 @@ is_accepted(std::string text)
   return sim::json_form_check(&text).has_value();
 }
 
-/* So many values in one array, beside the array itself. */
+/* An array of @count values; the array is one more value. */
 std::string
 array_of(gsize count)
 {
@@ -54,18 +54,18 @@ INSTANTIATE_TEST_SUITE_P(Texts, Json,
                                          "1E+5", "1e-5", "0.0e0", "1e999", "-1.25E-3",
                                          "123456789012345678901234567890.5"));
 
-class NoJson : public testing::TestWithParam<HostileText>
+class InvalidJson : public testing::TestWithParam<HostileText>
 {
 };
 
-TEST_P(NoJson, IsRefused)
+TEST_P(InvalidJson, IsRefused)
 {
   EXPECT_FALSE(is_accepted(GetParam().text));
   EXPECT_FALSE(is_accepted("[" + GetParam().text + "]")) << "in an array";
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Texts, NoJson,
+    Texts, InvalidJson,
     testing::Values(" ,", "{", "[", "}", "]", "{]", "[}", "[}]", "[1}", "{\"a\":1]", "[[]", "[1,]", "[,1]",
                     "[1,,2]", "[1 2]", "[1:2]", "{\"a\"}", "{\"a\":}", "{\"a\" 1}", "{\"a\":1,}", "{,}",
                     "{1:2}", "{a:1}", "{\"a\":1:2}", "{\"a\",1}", "{\"a\":1 \"b\":2}", "1 2", "{}{}", "[]x",
@@ -77,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "0x10", "1f", "1_000", "\"\xff\"", "\"\xc3\"", "\"\xed\xa0\x80\"", "\xef\xbb\xbf{}",
                     std::string("\"a\0b\"", 5), std::string("\0", 1)));
 
-TEST(JsonForm, NothingIsNoJson)
+TEST(JsonForm, EmptyTextIsRefused)
 {
   EXPECT_FALSE(is_accepted(""));
   EXPECT_FALSE(is_accepted("   "));
@@ -91,7 +91,7 @@ TEST(JsonForm, DepthIsBounded)
   EXPECT_FALSE(is_accepted(repeat("{\"\":", JSON_DEPTH_MAX + 1) + "0" + repeat("}", JSON_DEPTH_MAX + 1)));
 }
 
-TEST(JsonForm, BracketsInStringsHaveNoDepth)
+TEST(JsonForm, BracketsInStringsDoNotCount)
 {
   EXPECT_TRUE(is_accepted("\"" + repeat("[", 1000000) + "\""));
   EXPECT_TRUE(is_accepted("\"" + repeat("\\\"[", 1000000) + "\""));
@@ -133,7 +133,7 @@ struct Number {
   const char *tamed;
 };
 
-TEST(JsonForm, WholeNumbersBeyond64BitsAreHuge)
+TEST(JsonForm, IntegersBeyond64BitsAreReplaced)
 {
   for (const Number &number : {Number{"[9223372036854775807]", "[9223372036854775807]"},
                                Number{"[9223372036854775808]", "[1e99               ]"},

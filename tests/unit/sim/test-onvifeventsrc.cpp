@@ -16,7 +16,7 @@ using sim::World;
 namespace
 {
 
-/* Fast enough to see dozens of events in a second. */
+/* There are dozens of events per second. */
 constexpr const char *FAST = "[World]\nseed=7\nspeed=50\n";
 
 constexpr const char *ALL_OF_INPUTS = "tns1:Device//.";
@@ -112,7 +112,7 @@ TEST_F(EventSrc, BufferIsOneSelfContainedElement)
   }
 }
 
-TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
+TEST_F(EventSrc, SendsEveryStateThenTheChangesOfTheWorld)
 {
   SettingsFile file(FAST);
   sim::Settings settings = sim::settings_load();
@@ -126,9 +126,9 @@ TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
   EXPECT_EQ(first, as_read(sim::world_events_of_state(world, start, settings)));
   EXPECT_EQ(count_operation(first, "Initialized"), PROPERTIES);
 
-  std::vector<ReadEvent> told = pull_at_least(harness, 40);
+  std::vector<ReadEvent> received = pull_at_least(harness, 40);
   std::vector<onvif::EventMessage> happened;
-  for (sim::WorldTime time = start; happened.size() < told.size();) {
+  for (sim::WorldTime time = start; happened.size() < received.size();) {
     sim::WorldTime next = world.next_change_after(time);
     for (const sim::Change &change : world.changes_between(time, next)) {
       if (std::optional<onvif::EventMessage> message = sim::world_event_from_change(change, settings)) {
@@ -137,11 +137,11 @@ TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
     }
     time = next;
   }
-  happened.resize(told.size(), happened.front());
-  EXPECT_EQ(told, as_read(happened));
+  happened.resize(received.size(), happened.front());
+  EXPECT_EQ(received, as_read(happened));
 
   std::map<std::string, int> operations;
-  for (const ReadEvent &event : told) {
+  for (const ReadEvent &event : received) {
     operations[event.topic.substr(0, event.topic.find('/')) + " " + event.operation]++;
   }
   EXPECT_EQ(operations.size(), 3u);
@@ -150,7 +150,7 @@ TEST_F(EventSrc, ShowsEveryStateThenWhatTheWorldDoes)
   EXPECT_GT(operations["tns1:VideoAnalytics "], 0);
 }
 
-TEST_F(EventSrc, TellsOfChangesWhenTheyHappen)
+TEST_F(EventSrc, SendsChangesWhenTheyHappen)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new());
@@ -163,7 +163,7 @@ TEST_F(EventSrc, TellsOfChangesWhenTheyHappen)
   }
 }
 
-TEST_F(EventSrc, ShowsEveryStateAgainAfterASyncPoint)
+TEST_F(EventSrc, SendsEveryStateAfterASyncPoint)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new());
@@ -180,8 +180,8 @@ TEST_F(EventSrc, ShowsEveryStateAgainAfterASyncPoint)
   }
 }
 
-/* With a filter that nothing passes, only a start and a sync point can make a buffer. */
-TEST_F(EventSrc, AnswersStartAndSyncPointEvenIfNothingMatches)
+/* With a filter that no event passes, only start and sync point cause a buffer. */
+TEST_F(EventSrc, SendsABufferOnStartAndSyncPointEvenIfNothingMatches)
 {
   g_autoptr(GstHarness) harness = play(event_src_new(NOTHING));
   EXPECT_TRUE(pull_events(harness).empty());
@@ -192,7 +192,7 @@ TEST_F(EventSrc, AnswersStartAndSyncPointEvenIfNothingMatches)
   EXPECT_EQ(gst_harness_buffers_received(harness), 2u);
 }
 
-TEST_F(EventSrc, DoesNotAnswerOtherEvents)
+TEST_F(EventSrc, IgnoresOtherEvents)
 {
   g_autoptr(GstHarness) harness = play(event_src_new(NOTHING));
   pull_text(harness);
@@ -202,7 +202,7 @@ TEST_F(EventSrc, DoesNotAnswerOtherEvents)
   EXPECT_EQ(gst_harness_buffers_received(harness), 2u);
 }
 
-TEST_F(EventSrc, TopicFilterHolds)
+TEST_F(EventSrc, TopicFilterSelectsEvents)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new(ALL_OF_INPUTS));
@@ -212,7 +212,7 @@ TEST_F(EventSrc, TopicFilterHolds)
   }
 }
 
-TEST_F(EventSrc, ContentFilterHolds)
+TEST_F(EventSrc, ContentFilterSelectsEvents)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness =
@@ -224,7 +224,7 @@ TEST_F(EventSrc, ContentFilterHolds)
   }
 }
 
-TEST_F(EventSrc, BothFiltersHoldTogether)
+TEST_F(EventSrc, BothFiltersApply)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(
@@ -271,7 +271,7 @@ class MalformedFilter : public EventSrc, public testing::WithParamInterface<Malf
 {
 };
 
-/* The element's own message comes first; the base class adds a general one. */
+/* The first message is the element's own; the base class adds a general one. */
 std::string
 first_error(GstBus *bus, GQuark *domain, int *code)
 {
@@ -287,7 +287,7 @@ first_error(GstBus *bus, GQuark *domain, int *code)
   return error->message;
 }
 
-TEST_P(MalformedFilter, FailsTheStateChangeWithOneClearError)
+TEST_P(MalformedFilter, FailsTheStateChangeWithOneError)
 {
   g_autoptr(GstElement) element = event_src_new(GetParam().topic, GetParam().content);
   g_autoptr(GstBus) bus = gst_bus_new();
@@ -316,7 +316,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Malformed{nullptr, "%s%n()", "The content filter of the events is malformed: "},
                     Malformed{"tns1:A", "\xff", "The content filter of the events is malformed: "}));
 
-TEST_F(EventSrc, CanStartAfterItsFilterWasMended)
+TEST_F(EventSrc, CanStartAfterItsFilterIsCorrected)
 {
   g_autoptr(GstElement) element = event_src_new("malformed");
   EXPECT_EQ(gst_element_set_state(element, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
@@ -326,8 +326,8 @@ TEST_F(EventSrc, CanStartAfterItsFilterWasMended)
   gst_element_set_state(element, GST_STATE_NULL);
 }
 
-/* Nothing shows in advance that this one cannot be evaluated for a message on start. */
-TEST_F(EventSrc, FilterThatFailsLaterEndsTheStream)
+/* The check of the filter on start cannot detect that it fails for a later message. */
+TEST_F(EventSrc, FilterThatFailsWhileStreamingEndsTheStream)
 {
   g_autoptr(GstBus) bus = gst_bus_new();
   GstElement *element = event_src_new(nullptr, "not(//@PropertyOperation='Initialized') or frobnicate()");
@@ -344,7 +344,7 @@ TEST_F(EventSrc, FilterThatFailsLaterEndsTheStream)
   gst_element_set_bus(harness->element, nullptr);
 }
 
-TEST_F(EventSrc, TellsTheStateAgainAfterARestart)
+TEST_F(EventSrc, SendsTheStateAfterARestart)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new());
@@ -364,7 +364,7 @@ protected:
   }
 };
 
-TEST_P(WallClock, WhenItIsSetTheStateIsToldAnew)
+TEST_P(WallClock, SettingItSendsTheState)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new());
@@ -379,7 +379,7 @@ TEST_P(WallClock, WhenItIsSetTheStateIsToldAnew)
   EXPECT_LT(std::abs(parse_utc(events.front().utc) - g_get_real_time()), 60 * G_USEC_PER_SEC);
 }
 
-TEST_P(WallClock, WhenItIsSetDuringAPauseTheStateIsToldAnew)
+TEST_P(WallClock, SettingItDuringAPauseSendsTheState)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(event_src_new());
@@ -397,8 +397,8 @@ TEST_P(WallClock, WhenItIsSetDuringAPauseTheStateIsToldAnew)
 
 INSTANTIATE_TEST_SUITE_P(Offsets, WallClock, testing::Values(gint64{-3600}, gint64{3600}));
 
-/* A seed in whose world nothing happens for `quiet` from `now` on. Some seed has two quiet seconds at any
- * moment, since every input may be about to stay as it is for longer. */
+/* A seed with no change in the world for `quiet` from `now` on. For two seconds there is such a seed at any
+ * time, because an input may keep its state longer. */
 guint64
 find_quiet_seed(sim::WorldTime now, gint64 quiet)
 {

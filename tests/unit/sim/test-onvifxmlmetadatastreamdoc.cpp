@@ -19,7 +19,7 @@ constexpr const char *DOCUMENT = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
 
 constexpr gint64 PATIENCE = 10 * G_USEC_PER_SEC;
 
-/* The element with two inputs, which push by hand, and an output, from which buffers and events are pulled.
+/* The element with two inputs that the test pushes to, and an output that it pulls buffers and events from.
  */
 class MetadataStreamDoc : public testing::Test
 {
@@ -65,7 +65,7 @@ protected:
     return types;
   }
 
-  /* Takes an input out of the element, as if its source went away. */
+  /* Releases an input, as when its source is removed. */
   void release(GstHarness **input)
   {
     g_autoptr(GstPad) pad = gst_pad_get_peer((*input)->srcpad);
@@ -89,7 +89,7 @@ using Types = std::vector<GstEventType>;
 const Types HEADERS = {GST_EVENT_STREAM_START, GST_EVENT_CAPS, GST_EVENT_SEGMENT};
 const Types HEADERS_AND_END = {GST_EVENT_STREAM_START, GST_EVENT_CAPS, GST_EVENT_SEGMENT, GST_EVENT_EOS};
 
-/* Waits, with a bound, for something that another thread announces. */
+/* Waits, with a bound, for a signal of another thread. */
 class Signal
 {
 public:
@@ -160,7 +160,7 @@ count_sync_points(GstHarness *input)
   return count;
 }
 
-/* What the client's pipeline sends. */
+/* The event that a client's pipeline sends. */
 GstEvent *
 downstream_sync_point_new()
 {
@@ -168,7 +168,7 @@ downstream_sync_point_new()
                               gst_structure_new_empty("GstMetaDataStreamSetSyncPoint"));
 }
 
-TEST_F(MetadataStreamDoc, MakesADocumentOfEachFragment)
+TEST_F(MetadataStreamDoc, WrapsEachFragmentInADocument)
 {
   EXPECT_EQ(gst_harness_push(first_, fragment_new()), GST_FLOW_OK);
   EXPECT_EQ(pull(), DOCUMENT);
@@ -204,7 +204,7 @@ TEST_F(MetadataStreamDoc, KeepsTimestamps)
   }
 }
 
-TEST_F(MetadataStreamDoc, TimestampsAreRunningTimesOfTheInput)
+TEST_F(MetadataStreamDoc, ConvertsTimestampsToRunningTime)
 {
   GstSegment segment;
   gst_segment_init(&segment, GST_FORMAT_TIME);
@@ -230,7 +230,7 @@ TEST_F(MetadataStreamDoc, SendsOneOfEachStickyEventBeforeTheFirstBuffer)
   EXPECT_EQ(gst_harness_buffers_received(first_), 3u);
 }
 
-TEST_F(MetadataStreamDoc, CapsAreThoseOfDocuments)
+TEST_F(MetadataStreamDoc, SourcePadHasTheCapsOfDocuments)
 {
   gst_harness_push(first_, fragment_new());
   g_autoptr(GstCaps) caps = gst_pad_get_current_caps(first_->sinkpad);
@@ -238,14 +238,14 @@ TEST_F(MetadataStreamDoc, CapsAreThoseOfDocuments)
   EXPECT_STREQ(text, "application/x-onvif-metadata");
 }
 
-TEST_F(MetadataStreamDoc, RefusesInputsThatAreNoFragments)
+TEST_F(MetadataStreamDoc, RefusesInputsWithOtherCaps)
 {
   g_autoptr(GstPad) pad = gst_pad_get_peer(first_->srcpad);
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple("text/plain");
   EXPECT_FALSE(gst_pad_send_event(pad, gst_event_new_caps(caps)));
 }
 
-TEST_F(MetadataStreamDoc, NoInputWaitsForAnother)
+TEST_F(MetadataStreamDoc, InputsDoNotWaitForEachOther)
 {
   for (GstHarness *input : {first_, first_, second_, first_, second_, second_}) {
     EXPECT_EQ(gst_harness_push(input, fragment_new()), GST_FLOW_OK);
@@ -253,7 +253,7 @@ TEST_F(MetadataStreamDoc, NoInputWaitsForAnother)
   }
 }
 
-/* Counts how often a second buffer comes while one is still on its way. */
+/* Counts buffers that arrive while another one is being pushed. */
 struct Crowd {
   std::atomic<int> inside = 0;
   std::atomic<int> clashes = 0;
@@ -271,7 +271,7 @@ on_passing(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
   return GST_PAD_PROBE_OK;
 }
 
-TEST_F(MetadataStreamDoc, TwoThreadsTakeTurnsWithoutLoss)
+TEST_F(MetadataStreamDoc, TwoThreadsAreSerialisedWithoutLoss)
 {
   constexpr guint COUNT = 500;
   Crowd crowd;
@@ -306,7 +306,7 @@ TEST_F(MetadataStreamDoc, EndsWhenEveryInputHasEnded)
   EXPECT_EQ(gst_harness_buffers_received(first_), 2u);
 }
 
-TEST_F(MetadataStreamDoc, EndsProperlyWithoutAnyBuffer)
+TEST_F(MetadataStreamDoc, EndsWithoutAnyBuffer)
 {
   gst_harness_push_event(first_, gst_event_new_eos());
   gst_harness_push_event(second_, gst_event_new_eos());
@@ -321,7 +321,7 @@ TEST_F(MetadataStreamDoc, ReleasedInputCountsAsEnded)
   EXPECT_EQ(events(), HEADERS_AND_END);
 }
 
-TEST_F(MetadataStreamDoc, ReleaseOfOneOfTwoInputsGoesOn)
+TEST_F(MetadataStreamDoc, ReleaseOfOneInputDoesNotEndTheStream)
 {
   release(&second_);
   EXPECT_EQ(gst_harness_push(first_, fragment_new()), GST_FLOW_OK);
@@ -330,7 +330,7 @@ TEST_F(MetadataStreamDoc, ReleaseOfOneOfTwoInputsGoesOn)
   EXPECT_EQ(events(), Types{GST_EVENT_EOS});
 }
 
-TEST_F(MetadataStreamDoc, InputsMayComeAndGoWhileOthersStream)
+TEST_F(MetadataStreamDoc, InputsCanBeAddedAndReleasedWhileOthersStream)
 {
   std::atomic<bool> stop = false;
   std::thread streaming([&] {
@@ -350,7 +350,7 @@ TEST_F(MetadataStreamDoc, InputsMayComeAndGoWhileOthersStream)
   EXPECT_EQ(events(), HEADERS);
 }
 
-TEST_F(MetadataStreamDoc, StreamingInputMayBeReleased)
+TEST_F(MetadataStreamDoc, StreamingInputCanBeReleased)
 {
   GstPad *source = first_->srcpad;
   std::atomic<GstFlowReturn> result = GST_FLOW_OK;
@@ -374,7 +374,7 @@ TEST_F(MetadataStreamDoc, SyncPointReachesEverySource)
     EXPECT_EQ(count_sync_points(first_), 1);
     EXPECT_EQ(count_sync_points(second_), 1);
   }
-  /* It is for the sources alone. */
+  /* The event is not sent downstream. */
   EXPECT_EQ(events(), Types());
 }
 
@@ -400,7 +400,7 @@ TEST_F(MetadataStreamDoc, SyncPointDoesNotWaitForABlockedStream)
   EXPECT_EQ(pull(), DOCUMENT);
 }
 
-TEST_F(MetadataStreamDoc, OtherEventsGoTheirUsualWay)
+TEST_F(MetadataStreamDoc, OtherEventsAreHandledByTheParentClass)
 {
   gst_harness_push(first_, fragment_new());
   EXPECT_EQ(events(), HEADERS);
@@ -409,7 +409,7 @@ TEST_F(MetadataStreamDoc, OtherEventsGoTheirUsualWay)
   EXPECT_EQ(events(), Types{GST_EVENT_CUSTOM_DOWNSTREAM});
 }
 
-TEST_F(MetadataStreamDoc, TellsInputsWhatDownstreamAnswers)
+TEST_F(MetadataStreamDoc, ReturnsTheFlowResultOfDownstreamToInputs)
 {
   gst_harness_push(first_, fragment_new());
   for (GstFlowReturn expected : {GST_FLOW_EOS, GST_FLOW_ERROR, GST_FLOW_NOT_LINKED, GST_FLOW_FLUSHING}) {
@@ -428,7 +428,7 @@ TEST_F(MetadataStreamDoc, TellsInputsWhatDownstreamAnswers)
   EXPECT_EQ(gst_harness_push(first_, fragment_new()), GST_FLOW_OK);
 }
 
-TEST_F(MetadataStreamDoc, FlushOfOneInputSparesTheOthers)
+TEST_F(MetadataStreamDoc, FlushOfOneInputDoesNotStopTheOthers)
 {
   gst_harness_push(first_, fragment_new());
   EXPECT_EQ(events(), HEADERS);
@@ -441,7 +441,7 @@ TEST_F(MetadataStreamDoc, FlushOfOneInputSparesTheOthers)
   EXPECT_EQ(events(), Types{GST_EVENT_SEGMENT});
 }
 
-TEST_F(MetadataStreamDoc, OverlappingFlushesAreOneFlush)
+TEST_F(MetadataStreamDoc, OverlappingFlushesAreMerged)
 {
   gst_harness_push(first_, fragment_new());
   gst_harness_push_event(first_, gst_event_new_flush_start());
@@ -452,7 +452,7 @@ TEST_F(MetadataStreamDoc, OverlappingFlushesAreOneFlush)
   EXPECT_EQ(events(), Types{GST_EVENT_FLUSH_STOP});
 }
 
-TEST_F(MetadataStreamDoc, FlushFreesABlockedStream)
+TEST_F(MetadataStreamDoc, FlushUnblocksABlockedStream)
 {
   Block block(first_->sinkpad);
   std::atomic<GstFlowReturn> result = GST_FLOW_OK;
@@ -474,7 +474,7 @@ TEST_F(MetadataStreamDoc, ReleaseOfAFlushingInputEndsItsFlush)
   EXPECT_EQ(gst_harness_buffers_received(first_), 2u);
 }
 
-TEST_F(MetadataStreamDoc, FlushTakesBackTheEndOfAnInput)
+TEST_F(MetadataStreamDoc, FlushCancelsTheEndOfAnInput)
 {
   gst_harness_push_event(first_, gst_event_new_eos());
   gst_harness_push_event(first_, gst_event_new_flush_start());
@@ -489,14 +489,14 @@ TEST_F(MetadataStreamDoc, FlushTakesBackTheEndOfAnInput)
   EXPECT_EQ(events().back(), GST_EVENT_EOS);
 }
 
-TEST_F(MetadataStreamDoc, LatencyIsThatOfTheSlowestSource)
+TEST_F(MetadataStreamDoc, ReportsTheLatencyOfTheSlowestSource)
 {
   gst_harness_set_upstream_latency(first_, 20 * GST_MSECOND);
   gst_harness_set_upstream_latency(second_, 50 * GST_MSECOND);
   EXPECT_EQ(gst_harness_query_latency(first_), 50 * GST_MSECOND);
 }
 
-TEST_F(MetadataStreamDoc, RestartBeginsANewStream)
+TEST_F(MetadataStreamDoc, RestartStartsANewStream)
 {
   gst_harness_push(first_, fragment_new());
   gst_harness_push_event(first_, gst_event_new_eos());
@@ -527,7 +527,7 @@ TEST_F(MetadataStreamDoc, PadsAreNumberedAndNamedOnRequest)
 }
 
 /* Both elements together, as in a client's pipeline. */
-TEST_F(MetadataStreamDoc, SyncPointMakesTheEventSourceTellItsStatesAgain)
+TEST_F(MetadataStreamDoc, SyncPointMakesTheEventSourceSendItsStates)
 {
   g_autoptr(GstHarness) harness = gst_harness_new_parse("onvifeventsrc event-topic=tns1:Device//. ! "
                                                         "onvifxmlmetadatastreamdoc name=document");

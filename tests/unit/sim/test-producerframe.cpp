@@ -117,7 +117,7 @@ TEST_F(ProducerFrames, EveryMemberIsRead)
   EXPECT_EQ(object.likelihood, 0.96);
 }
 
-TEST_F(ProducerFrames, NothingInAnItemIsNeeded)
+TEST_F(ProducerFrames, AllMembersOfAnItemAreOptional)
 {
   ProducerFrame frame = read_whole(frame_of(R"({},{"Objects":[]},{"Deleted":[]},{"Objects":[{"Id":1}]})"));
   ASSERT_EQ(frame.items.size(), 4u);
@@ -128,20 +128,20 @@ TEST_F(ProducerFrames, NothingInAnItemIsNeeded)
   EXPECT_TRUE(object.polygon.empty());
 }
 
-TEST_F(ProducerFrames, OtherMembersMeanNothing)
+TEST_F(ProducerFrames, UnknownMembersAreIgnored)
 {
   ProducerFrame frame = read_whole(frame_of(
       R"({"Blob":[{"Id":[]}],"id":1,"Objects":[{"Id":1,"Colour":null,"Box":[9]}],"TimestampMono":"1"})"));
   EXPECT_EQ(frame.items[0].objects.size(), 1u);
 }
 
-TEST_F(ProducerFrames, OfMembersWithOneNameTheLastCounts)
+TEST_F(ProducerFrames, LastOfRepeatedMembersIsUsed)
 {
   ProducerFrame frame = read_whole(frame_of(R"({"Objects":[{"Id":"one","Id":2}]})"));
   EXPECT_EQ(frame.items[0].objects[0].id, 2);
 }
 
-TEST_F(ProducerFrames, ATextMayBeInSeveralMemories)
+TEST_F(ProducerFrames, AcceptsATextInSeveralMemories)
 {
   g_autoptr(GstBuffer) buffer = gst_buffer_new();
   for (const char *piece : {R"({"Source":"Y","Data":{"Item":[)", R"({"Deleted":[)", "7]}", "]}}"}) {
@@ -155,7 +155,7 @@ TEST_F(ProducerFrames, ATextMayBeInSeveralMemories)
   EXPECT_EQ(frame->items[0].deleted, std::vector<gint64>{7});
 }
 
-TEST_F(ProducerFrames, WhatIsNoFrameIsRefused)
+TEST_F(ProducerFrames, OtherTextsAreRefused)
 {
   expect_refused("", NO_JSON);
   expect_refused("{", NO_JSON);
@@ -184,8 +184,8 @@ TEST_F(ProducerFrames, WhatIsNoFrameIsRefused)
   expect_refused(frame_of("[{}]"), "an item is no object");
 }
 
-/* The daemon puts a producer's bytes and its name into the frame as they are. */
-TEST_F(ProducerFrames, AProducerCannotSpeakForAnother)
+/* The daemon inserts a producer's bytes and its name into the frame unchanged. */
+TEST_F(ProducerFrames, ProducerCannotChangeTheSource)
 {
   expect_refused(frame_of(R"({}]},"Source":"Y","Data":{"Item":[{})"), NOT_ONE);
   expect_refused(frame_of(R"({}],"Item":[{})"), NOT_ONE);
@@ -194,7 +194,7 @@ TEST_F(ProducerFrames, AProducerCannotSpeakForAnother)
   expect_refused(R"({"Source":"X","Source":"Y","Data":{"Item":[{}]}})", NOT_ONE);
 }
 
-TEST_F(ProducerFrames, ListsThatAreNoneCostTheFrame)
+TEST_F(ProducerFrames, InvalidListsDropTheFrame)
 {
   for (const char *list : {"null", "1", "\"\"", "{}", "true"}) {
     expect_refused(frame_of(std::string(R"({"Objects":)") + list + "}"), BAD_LIST);
@@ -202,7 +202,7 @@ TEST_F(ProducerFrames, ListsThatAreNoneCostTheFrame)
   }
 }
 
-TEST_F(ProducerFrames, WhatIsNoObjectIsLeftOut)
+TEST_F(ProducerFrames, InvalidObjectsAreDropped)
 {
   for (const char *object : {"1", "null", "\"a\"", "[]", "[1]"}) {
     ProducerFrame frame = read_flawed(
@@ -211,7 +211,7 @@ TEST_F(ProducerFrames, WhatIsNoObjectIsLeftOut)
   }
 }
 
-TEST_F(ProducerFrames, IdsAreWholeNumbersOf64Bits)
+TEST_F(ProducerFrames, IdsAreIntegersOf64Bits)
 {
   struct Id {
     const char *text;
@@ -237,7 +237,7 @@ TEST_F(ProducerFrames, IdsAreWholeNumbersOf64Bits)
   read_flawed(frame_of(R"({"Objects":[{"Type":"Human"}]})"), BAD_ID);
 }
 
-TEST_F(ProducerFrames, OfTwoObjectsWithOneIdTheFirstCounts)
+TEST_F(ProducerFrames, SecondObjectWithTheSameIdIsDropped)
 {
   ProducerFrame frame =
       read_flawed(frame_of(R"({"Objects":[{"Id":1,"Type":"a"},{"Id":1.0,"Type":"b"},{"Id":2}]})"), SAME_ID);
@@ -253,7 +253,7 @@ box_with(const char *left, const char *top, const char *right, const char *botto
                    right + R"(,"Bottom":)" + bottom + "}");
 }
 
-TEST_F(ProducerFrames, BoxesAreInThePictureAndStandUpright)
+TEST_F(ProducerFrames, BoxesAreInThePictureAndNotReversed)
 {
   EXPECT_EQ(read_whole(box_with("-1", "1.0", "1e0", "-1")).items[0].objects[0].box,
             (onvif::Box{.left = -1, .top = 1, .right = 1, .bottom = -1}));
@@ -282,7 +282,7 @@ TEST_F(ProducerFrames, BoxesAreInThePictureAndStandUpright)
   }
 }
 
-TEST_F(ProducerFrames, CentresAndPolygonsAreOfPointsInThePicture)
+TEST_F(ProducerFrames, CentresAndPolygonsAreInThePicture)
 {
   for (const char *point : {"[]", "[0]", "[0,0,0]", "[0,1.5]", "[-1.5,0]", "[0,1e999]", "[\"0\",0]",
                             "{\"x\":0,\"y\":0}", "0", "null", "\"\""}) {
@@ -360,14 +360,14 @@ TEST_F(ProducerFrames, TimesAreIso8601WithAZone)
   }
 }
 
-TEST_F(ProducerFrames, TheFirstFlawIsTold)
+TEST_F(ProducerFrames, FirstFlawIsReported)
 {
   read_flawed(frame_of(R"({"UtcTime":1,"Objects":[{"Id":0.5},{"Id":1,"Type":1}],"Deleted":[null]})"),
               BAD_TIME);
   read_flawed(frame_of(R"({"Objects":[{"Id":0.5},{"Id":1,"Type":1}],"Deleted":[null]})"), BAD_ID);
 }
 
-/* As many copies of @text as given, with commas between them. */
+/* @count copies of @text, separated by commas. */
 std::string
 list_of(const std::string &text, gsize count)
 {

@@ -20,7 +20,7 @@ constexpr Ptz TURNING = {
 constexpr Ptz ZOOMING = {
     .pan = -0.5, .tilt = 0.25, .zoom = 0.5, .pan_tilt_moving = false, .zoom_moving = true};
 
-/* What a converter puts around it, so that the result is a whole child of tt:MetadataStream. */
+/* Wraps the status as a converter does, so that the result is a complete child of tt:MetadataStream. */
 std::string
 status_text(const Ptz &ptz, const PtzView &view)
 {
@@ -42,7 +42,7 @@ read_status(const Ptz &ptz, const PtzView &view)
   return statuses.size() == 1 ? statuses.front() : ReadPtzStatus();
 }
 
-TEST(PtzStatus, SaysEverythingInTheOrderOfTheSchema)
+TEST(PtzStatus, WritesEverythingInTheOrderOfTheSchema)
 {
   EXPECT_EQ(
       status_text(TURNING, {}),
@@ -80,7 +80,7 @@ class PanTiltSpace : public testing::TestWithParam<Space>
 {
 };
 
-TEST_P(PanTiltSpace, HasItsUnitsAndLeavesTheZoomAlone)
+TEST_P(PanTiltSpace, HasItsUnitsAndDoesNotChangeTheZoom)
 {
   ReadPtzStatus status = read_status(TURNING, {.pan_tilt_space = GetParam().number});
   EXPECT_EQ(status.pan_tilt_space, GetParam().uri);
@@ -104,7 +104,7 @@ class ZoomSpace : public testing::TestWithParam<Space>
 {
 };
 
-TEST_P(ZoomSpace, HasItsUnitsAndLeavesPanAndTiltAlone)
+TEST_P(ZoomSpace, HasItsUnitsAndDoesNotChangePanAndTilt)
 {
   ReadPtzStatus status = read_status(TURNING, {.zoom_space = GetParam().number});
   EXPECT_EQ(status.zoom_space, GetParam().uri);
@@ -136,7 +136,7 @@ TEST(PtzStatus, EndsOfTheRangesAreReached)
   EXPECT_EQ(read_status(most, view).zoom, "129.0000");
 }
 
-TEST(PtzStatus, PositionCanBeLeftOut)
+TEST(PtzStatus, PositionCanBeOmitted)
 {
   std::string text = status_text(TURNING, {.with_position = false});
   EXPECT_EQ(text.find("Position"), text.npos) << text;
@@ -144,7 +144,7 @@ TEST(PtzStatus, PositionCanBeLeftOut)
   EXPECT_FALSE(read_ptz_statuses(text).at(0).utc.empty());
 }
 
-TEST(PtzStatus, StatusCanBeLeftOut)
+TEST(PtzStatus, StatusCanBeOmitted)
 {
   std::string text = status_text(TURNING, {.with_status = false});
   EXPECT_EQ(text.find("MoveStatus"), text.npos) << text;
@@ -171,7 +171,7 @@ class MoveCapabilities : public testing::TestWithParam<Capabilities>
 {
 };
 
-TEST_P(MoveCapabilities, OnlyWhatCanMoveIsShown)
+TEST_P(MoveCapabilities, OnlyMovableAxesAreShown)
 {
   ReadPtzStatus status = read_status(TURNING, {.move_capabilities = GetParam().bits});
   EXPECT_EQ(status.pan, GetParam().pan);

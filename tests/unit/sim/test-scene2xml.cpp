@@ -67,7 +67,7 @@ protected:
   }
 };
 
-/* Takes @element and starts it with a stream of scenes before it. */
+/* Starts @element with a stream of scenes. (transfer full) */
 GstHarness *
 feed(GstElement *element, const char *media_type)
 {
@@ -97,14 +97,14 @@ evaluate_number(const std::string &xml, const std::string &path)
   return g_ascii_strtod(evaluate(xml, path).c_str(), nullptr);
 }
 
-TEST_P(SceneToXml, UnlessAskedToTellsNoMoreThanNeeded)
+TEST_P(SceneToXml, DefaultsWriteTheMinimum)
 {
   g_autoptr(GstHarness) harness = feed(make(), GetParam().media_type);
   EXPECT_EQ(convert(harness, example_scene()),
             fragment_text(example_scene(), {.velocity = !GetParam().radar}));
 }
 
-TEST_P(SceneToXml, PropertiesShapeTheFragment)
+TEST_P(SceneToXml, PropertiesSelectTheContent)
 {
   GstElement *element = make();
   g_object_set(element, "polygon", TRUE, "rotation", 270u, "source-name", "Front door", nullptr);
@@ -146,7 +146,7 @@ TEST_P(SceneToXml, HasThePropertiesOfItsKindOnly)
   }
 }
 
-TEST_P(SceneToXml, MakesFragmentsOfItsKindOfScenesOnly)
+TEST_P(SceneToXml, AcceptsItsOwnKindOfScenesOnly)
 {
   g_autoptr(GstElement) element = make();
   const char *other = GetParam().radar ? SCENE.media_type : RADAR_SCENE.media_type;
@@ -163,7 +163,7 @@ TEST_P(SceneToXml, MakesFragmentsOfItsKindOfScenesOnly)
   EXPECT_TRUE(gst_caps_is_equal(caps, fragments));
 }
 
-TEST_P(SceneToXml, KeepsTimesAndPassesOnSegmentFlushAndEnd)
+TEST_P(SceneToXml, KeepsTimesAndForwardsSegmentFlushAndEndOfStream)
 {
   g_autoptr(GstHarness) harness = feed(make(), GetParam().media_type);
   GstBuffer *buffer = sim::scene_to_buffer(example_scene());
@@ -194,7 +194,7 @@ TEST_P(SceneToXml, KeepsTimesAndPassesOnSegmentFlushAndEnd)
   EXPECT_EQ(types, expected);
 }
 
-TEST_P(SceneToXml, MalformedScenesAreLeftOutWithOneWarning)
+TEST_P(SceneToXml, MalformedScenesAreDroppedWithOneWarning)
 {
   GstElement *element = make();
   g_autoptr(GstBus) bus = gst_bus_new();
@@ -217,7 +217,7 @@ TEST_P(SceneToXml, MalformedScenesAreLeftOutWithOneWarning)
   gst_element_set_bus(harness->element, nullptr);
 }
 
-TEST_P(SceneToXml, OtherRotationsWarnAndDoNothing)
+TEST_P(SceneToXml, OtherRotationsWarnAndAreIgnored)
 {
   GstElement *element = make();
   g_autoptr(GstBus) bus = gst_bus_new();
@@ -237,7 +237,7 @@ struct Named {
   std::string source;
 };
 
-TEST_P(SceneToXml, HostileSourceNamesDoNoHarm)
+TEST_P(SceneToXml, HostileSourceNamesAreEscapedOrReplaced)
 {
   const std::vector<Named> names = {
       {"", ""},
@@ -265,12 +265,12 @@ TEST_P(SceneToXml, HostileSourceNamesDoNoHarm)
 
 INSTANTIATE_TEST_SUITE_P(Plugins, SceneToXml, testing::Values(SCENE, RADAR_SCENE));
 
-/* What only the radar's converter has. */
+/* Properties of the radar's converter only. */
 class RadarSceneToXml : public SceneToXml
 {
 };
 
-TEST_P(RadarSceneToXml, VelocityAndGeolocationAreChoices)
+TEST_P(RadarSceneToXml, VelocityAndGeolocationAreOptional)
 {
   for (unsigned choice = 0; choice < 4; choice++) {
     bool velocity = (choice & 1) != 0;
@@ -285,7 +285,7 @@ TEST_P(RadarSceneToXml, VelocityAndGeolocationAreChoices)
 
 INSTANTIATE_TEST_SUITE_P(Radar, RadarSceneToXml, testing::Values(RADAR_SCENE));
 
-/* What only the scene's converter has. */
+/* Properties of scene2xml only. */
 class PtzOfScenes : public SceneToXml
 {
 protected:
@@ -297,7 +297,7 @@ protected:
   }
 };
 
-TEST_P(PtzOfScenes, IsToldInTheSpacesThatAreAskedFor)
+TEST_P(PtzOfScenes, IsWrittenInTheSelectedSpaces)
 {
   GstElement *element = make();
   g_object_set(element, "ptz-move-capabilities", 0, "pan-tilt-space", 1, "zoom-space", 2, "channel", 1, "ptz",
@@ -307,12 +307,12 @@ TEST_P(PtzOfScenes, IsToldInTheSpacesThatAreAskedFor)
   SceneView view = {.velocity = true, .ptz = {.pan_tilt_space = 1, .zoom_space = 2}};
   for (gint64 utc = UTC; utc < UTC + 30 * gint64{G_USEC_PER_SEC}; utc += 1700 * MILLISECOND) {
     Scene scene = {.utc = utc, .objects = {example()}};
-    sim::Ptz ptz = STORY.ptz_at(sim::settings_world_time({}, utc));
+    sim::Ptz ptz = DEFAULT_WORLD.ptz_at(sim::settings_world_time({}, utc));
     EXPECT_EQ(convert(harness, scene), fragment_text(scene, view, ptz));
   }
 }
 
-TEST_P(PtzOfScenes, SaysOnlyWhatCanMove)
+TEST_P(PtzOfScenes, HasOnlyMovableAxes)
 {
   GstElement *element = make();
   g_object_set(element, "ptz-move-capabilities", static_cast<int>(sim::PTZ_MOVES_ZOOM), "ptz", TRUE, nullptr);
@@ -322,7 +322,7 @@ TEST_P(PtzOfScenes, SaysOnlyWhatCanMove)
   EXPECT_EQ(evaluate(text, "count(//tt:PTZStatus/tt:Position/tt:PanTilt)"), "0");
 }
 
-TEST_P(PtzOfScenes, IsNotToldUnlessAskedFor)
+TEST_P(PtzOfScenes, IsOptional)
 {
   GstElement *element = make();
   EXPECT_FALSE(read_ptz(element));
@@ -344,8 +344,8 @@ TEST_P(PtzOfScenes, StaysFalseOnAChannelWithoutAHead)
   EXPECT_EQ(evaluate(convert(harness, example_scene()), "count(//tt:PTZStatus)"), "0");
 }
 
-/* A scene may come with any time that the format allows. */
-TEST_P(PtzOfScenes, IsToldAtTheEndsOfTime)
+/* A scene can have any time that the format allows. */
+TEST_P(PtzOfScenes, IsWrittenForTheEarliestAndTheLatestTime)
 {
   SettingsFile settings("[World]\nspeed=100\nepoch=2099-12-31T23:59:59Z\n");
   GstElement *element = make();
@@ -359,7 +359,7 @@ TEST_P(PtzOfScenes, IsToldAtTheEndsOfTime)
 
 INSTANTIATE_TEST_SUITE_P(Scene, PtzOfScenes, testing::Values(SCENE));
 
-/* Source, caps filter and converter, as the daemon puts them together. */
+/* Source, caps filter and converter, as in the daemon. */
 class SceneChain : public SceneToXml
 {
 protected:
@@ -389,7 +389,7 @@ protected:
   }
 };
 
-TEST_P(SceneChain, HonoursTheFilter)
+TEST_P(SceneChain, CapsFilterSelectsTheContent)
 {
   begin_where([](WorldTime time) { return is_busy(time - 500 * MILLISECOND, time + 2000 * MILLISECOND); });
   for (bool polygon : {false, true}) {
@@ -403,7 +403,7 @@ TEST_P(SceneChain, HonoursTheFilter)
   }
 }
 
-TEST_P(SceneChain, AnswersASyncPointAtOnce)
+TEST_P(SceneChain, SendsASceneImmediatelyAfterASyncPoint)
 {
   begin_where([](WorldTime time) { return is_empty(time, time + 4 * gint64{G_USEC_PER_SEC}); });
   g_autoptr(GstHarness) harness = play(make_chain(false));
@@ -430,14 +430,16 @@ find_crossing(const std::vector<sim::Change> &changes)
   return found != changes.end() ? &*found : nullptr;
 }
 
-/* Who is reported to cross the line is the one who is seen to cross it, in the frames before and after. */
-TEST_P(SceneChain, ShowsWhoCrossesTheLine)
+/* The object of the event is on different sides of the line in the frames before and after the crossing. */
+TEST_P(SceneChain, ShowsTheObjectThatCrossesTheLine)
 {
   constexpr gint64 LEAD = 350 * MILLISECOND;
   WorldTime begin = begin_where([](WorldTime time) {
-    return find_crossing(STORY.changes_between(time + LEAD, time + LEAD + 10 * MILLISECOND)) != nullptr;
+    return find_crossing(DEFAULT_WORLD.changes_between(time + LEAD, time + LEAD + 10 * MILLISECOND)) !=
+           nullptr;
   });
-  std::vector<sim::Change> changes = STORY.changes_between(begin + LEAD, begin + LEAD + 10 * MILLISECOND);
+  std::vector<sim::Change> changes =
+      DEFAULT_WORLD.changes_between(begin + LEAD, begin + LEAD + 10 * MILLISECOND);
   const sim::Change *crossing = find_crossing(changes);
   ASSERT_NE(crossing, nullptr);
   onvif::EventMessage event = sim::world_event_from_change(*crossing, {}).value();
@@ -451,7 +453,7 @@ TEST_P(SceneChain, ShowsWhoCrossesTheLine)
     std::string text = pull_text(harness);
     std::string centre = "//tt:Object[@ObjectId='" + id + "']//tt:CenterOfGravity";
     ASSERT_EQ(evaluate(text, "count(" + centre + ")"), "1") << text;
-    double beyond = to_right * side(STORY.line(), evaluate_number(text, "string(" + centre + "/@x)"),
+    double beyond = to_right * side(DEFAULT_WORLD.line(), evaluate_number(text, "string(" + centre + "/@x)"),
                                     evaluate_number(text, "string(" + centre + "/@y)"));
     gint64 utc = parse_utc(evaluate(text, "string(//tt:Frame/@UtcTime)"));
     utc < event.utc ? before++ : after++;
@@ -461,7 +463,7 @@ TEST_P(SceneChain, ShowsWhoCrossesTheLine)
   EXPECT_GT(after, 0);
 }
 
-TEST_P(SceneChain, SchemasAllowItAll)
+TEST_P(SceneChain, OutputIsValid)
 {
   if (!have_onvif_schemas()) {
     GTEST_SKIP() << "ONVIF_SCHEMA_DIR does not name the official schemas";

@@ -27,7 +27,7 @@ namespace
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
-/* The format once more, as its description has it. */
+/* The documented format. */
 constexpr const char *FORMAT = "(yxa(xyd(dd)m(dddd)a(dd)m(dd)m(ddd))ax)";
 
 SceneObject
@@ -82,7 +82,7 @@ protected:
   }
 };
 
-TEST_F(SceneBuffer, SceneArrivesAsItWasSent)
+TEST_F(SceneBuffer, SceneIsReadAsItWasWritten)
 {
   SceneObject bare = {.id = 2, .type = sim::ObjectType::HUMAN, .likelihood = 1, .centre = {1, -1}};
   Scene scene = {.utc = 1704067200123456, .objects = {whole_object(), bare}, .deleted = {G_MAXINT64, -1}};
@@ -93,7 +93,7 @@ TEST_F(SceneBuffer, SceneArrivesAsItWasSent)
   EXPECT_EQ(arrived->deleted, scene.deleted);
 }
 
-TEST_F(SceneBuffer, EmptySceneArrives)
+TEST_F(SceneBuffer, EmptySceneIsReadAsItWasWritten)
 {
   std::optional<Scene> arrived = pass_on(Scene{.utc = 5});
   ASSERT_TRUE(arrived.has_value());
@@ -101,7 +101,7 @@ TEST_F(SceneBuffer, EmptySceneArrives)
   EXPECT_TRUE(arrived->deleted.empty());
 }
 
-TEST_F(SceneBuffer, FormatIsTheDocumentedOne)
+TEST_F(SceneBuffer, FormatIsAsDocumented)
 {
   EXPECT_TRUE(is_accepted("(1, 0, [], [])"));
   EXPECT_TRUE(
@@ -109,7 +109,7 @@ TEST_F(SceneBuffer, FormatIsTheDocumentedOne)
                   "(1.0, 1.0)], just (5.0, 90.0), just (10.0, 20.0, 2.0))], [6])"));
 }
 
-TEST_F(SceneBuffer, EverythingInTheWorldCanBeSent)
+TEST_F(SceneBuffer, AllScenesOfTheWorldAreAccepted)
 {
   sim::World world(3);
   gsize count = 0;
@@ -121,7 +121,7 @@ TEST_F(SceneBuffer, EverythingInTheWorldCanBeSent)
   EXPECT_GT(count, 100u);
 }
 
-TEST_F(SceneBuffer, ClippedObjectCanBeSent)
+TEST_F(SceneBuffer, ClippedObjectsAreAccepted)
 {
   sim::Object object = {.type = sim::ObjectType::VEHICLE, .centre = {0, 0.8}, .width = 0.44, .height = 0.28};
   for (double x : {-1.2, -1.0, 1.0, 1.2}) {
@@ -130,7 +130,7 @@ TEST_F(SceneBuffer, ClippedObjectCanBeSent)
   }
 }
 
-TEST_F(SceneBuffer, NothingBeginsASceneButAWholeOne)
+TEST_F(SceneBuffer, TruncatedScenesAreRefused)
 {
   g_autoptr(GstBuffer) buffer = sim::scene_to_buffer({.utc = 1, .objects = {whole_object()}, .deleted = {4}});
   GstMapInfo map;
@@ -142,9 +142,9 @@ TEST_F(SceneBuffer, NothingBeginsASceneButAWholeOne)
   gst_buffer_unmap(buffer, &map);
 }
 
-/* Whatever a single wrong byte makes of a scene, it can be sent on: all its parts are still in their limits.
- */
-TEST_F(SceneBuffer, WrongBytesNeverMakeMoreThanAValidScene)
+/* A scene with a wrong byte that is accepted can be written and read again: all its parts are within the
+ * limits. */
+TEST_F(SceneBuffer, WrongBytesAreRefusedOrMakeAValidScene)
 {
   g_autoptr(GstBuffer) buffer = sim::scene_to_buffer({.utc = 1, .objects = {whole_object()}, .deleted = {4}});
   gpointer data = nullptr;
@@ -169,7 +169,7 @@ TEST_F(SceneBuffer, WrongBytesNeverMakeMoreThanAValidScene)
   EXPECT_GT(refused, size);
 }
 
-TEST_F(SceneBuffer, BufferMayNotBeTooLong)
+TEST_F(SceneBuffer, TooLongBuffersAreRefused)
 {
   std::vector<guint8> zeros(sim::SCENE_BYTES_MAX + 1);
   EXPECT_FALSE(is_accepted(zeros.data(), zeros.size()));
@@ -257,7 +257,7 @@ TEST_F(SceneBuffer, OtherVersionsAreRefused)
   EXPECT_FALSE(is_accepted("(2, 0, [], [])"));
 }
 
-TEST_F(SceneBuffer, TimesBeyondTheWorldsClockAreRefused)
+TEST_F(SceneBuffer, TimesOutsideTheLimitsAreRefused)
 {
   EXPECT_TRUE(is_accepted("(1, 4102444799000000, [], [])"));
   EXPECT_FALSE(is_accepted("(1, 4102444799000001, [], [])"));

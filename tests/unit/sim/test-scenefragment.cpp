@@ -14,8 +14,7 @@ namespace
 
 constexpr gint64 UTC = G_GINT64_CONSTANT(1704067200250000);
 
-/* A point near each corner, clockwise from the upper left, and nothing that looks the same when it is turned.
- */
+/* A point near each corner, clockwise from the upper left; no rotation maps the points to themselves. */
 SceneObject
 vehicle()
 {
@@ -64,7 +63,7 @@ protected:
   }
 };
 
-TEST_F(SceneFragment, SceneIsToldWhole)
+TEST_F(SceneFragment, WritesAllPartsOfAScene)
 {
   Scene scene = {.utc = UTC, .objects = {vehicle()}, .deleted = {11, -12}};
   EXPECT_EQ(
@@ -84,7 +83,7 @@ TEST_F(SceneFragment, SceneIsToldWhole)
       "</tt:Frame></tt:VideoAnalytics>");
 }
 
-TEST_F(SceneFragment, RadarHasItsOwnDataInTheExtension)
+TEST_F(SceneFragment, WritesRadarDataInTheExtension)
 {
   std::string text = fragment_text(echo(), everything());
   EXPECT_NE(text.find("</tt:Class><tt:Extension>"
@@ -103,7 +102,7 @@ TEST_F(SceneFragment, EmptySceneIsAnEmptyFrame)
             "<tt:Frame UtcTime=\"2024-01-01T00:00:00.250000Z\"/></tt:VideoAnalytics>");
 }
 
-TEST_F(SceneFragment, PolygonIsToldOnlyIfAskedFor)
+TEST_F(SceneFragment, PolygonIsOptional)
 {
   EXPECT_EQ(evaluate(fragment_text(vehicle(), {.polygon = false}), "count(//tt:Polygon)"), "0");
   EXPECT_EQ(evaluate(fragment_text(vehicle(), {.polygon = true}), "count(//tt:Polygon/tt:Point)"), "4");
@@ -112,7 +111,7 @@ TEST_F(SceneFragment, PolygonIsToldOnlyIfAskedFor)
   EXPECT_EQ(evaluate(fragment_text(without, {.polygon = true}), "count(//tt:Polygon)"), "0");
 }
 
-TEST_F(SceneFragment, VelocityIsToldOnlyIfAskedFor)
+TEST_F(SceneFragment, VelocityIsOptional)
 {
   std::string without = fragment_text(echo(), {.velocity = false});
   EXPECT_EQ(evaluate(without, "count(//tt:Behaviour | //qurt:Velocity)"), "0");
@@ -125,7 +124,7 @@ TEST_F(SceneFragment, VelocityIsToldOnlyIfAskedFor)
             "0");
 }
 
-TEST_F(SceneFragment, GeolocationIsToldOnlyIfAskedForAndMeasured)
+TEST_F(SceneFragment, GeolocationIsOptionalAndNeedsTheRadar)
 {
   EXPECT_EQ(evaluate(fragment_text(echo(), {.geolocation = false}), "count(//tt:GeoLocation)"), "0");
   EXPECT_EQ(evaluate(fragment_text(vehicle(), {.geolocation = true}), "count(//tt:GeoLocation)"), "0");
@@ -136,8 +135,8 @@ TEST_F(SceneFragment, GeolocationIsToldOnlyIfAskedForAndMeasured)
   EXPECT_EQ(evaluate(with, "string(//@elevation)"), "46.00");
 }
 
-/* ONVIF has no shape without a box. */
-TEST_F(SceneFragment, WithoutABoxThereIsNoShape)
+/* ONVIF requires a box in a shape. */
+TEST_F(SceneFragment, ObjectWithoutBoxHasNoShape)
 {
   SceneObject object = vehicle();
   object.box.reset();
@@ -188,7 +187,7 @@ class Rotation : public SceneFragment, public testing::WithParamInterface<Rotate
 {
 };
 
-TEST_P(Rotation, TurnsEverythingInThePictureClockwise)
+TEST_P(Rotation, RotatesEverythingInThePictureClockwise)
 {
   SceneView view = everything();
   view.rotation = GetParam().rotation;
@@ -206,7 +205,7 @@ TEST_P(Rotation, TurnsEverythingInThePictureClockwise)
   EXPECT_EQ(evaluate(text, "string(//tt:Speed)"), "4.50");
 }
 
-TEST_P(Rotation, LeavesWhatTheRadarMeasuresAlone)
+TEST_P(Rotation, DoesNotRotateRadarMeasurements)
 {
   SceneView view = everything();
   std::string upright = fragment_text(echo(), view);
@@ -230,7 +229,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Rotated{270, "-0.8000 0.7000 0.4000 -0.9000", "0.1000 0.2000",
                             "(-0.8000 -0.9000)(-0.6000 0.7000)(0.4000 0.5000)(0.2000 -0.3000)", "120.00"}));
 
-TEST_F(SceneFragment, PicturesTurnByRightAnglesOnly)
+TEST_F(SceneFragment, PicturesRotateByRightAnglesOnly)
 {
   for (guint rotation : {0u, 90u, 180u, 270u}) {
     EXPECT_TRUE(sim::scene_can_rotate(rotation)) << rotation;
@@ -259,7 +258,7 @@ TEST_F(SceneFragment, SourceNameIsEscaped)
   EXPECT_EQ(text.find('\n'), text.npos);
 }
 
-TEST_F(SceneFragment, SchemasAllowEveryShapeOfIt)
+TEST_F(SceneFragment, OutputIsValid)
 {
   if (!have_onvif_schemas()) {
     GTEST_SKIP() << "ONVIF_SCHEMA_DIR does not name the official schemas";
@@ -271,7 +270,7 @@ TEST_F(SceneFragment, SchemasAllowEveryShapeOfIt)
                                 fragment_text(Scene{.utc = UTC}, {})));
 }
 
-TEST_F(SceneFragment, SchemasRefuseAnAttributeThatTheyDoNotKnow)
+TEST_F(SceneFragment, SchemaRefusesAnUnknownAttribute)
 {
   if (!have_onvif_schemas()) {
     GTEST_SKIP() << "ONVIF_SCHEMA_DIR does not name the official schemas";

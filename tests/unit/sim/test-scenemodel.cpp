@@ -22,7 +22,7 @@ object_at(Point centre)
           .velocity = {1, 0.1}};
 }
 
-TEST(SceneModel, ObjectHasOnlyTheDetailsThatAreWanted)
+TEST(SceneModel, ObjectHasOnlyTheSelectedDetails)
 {
   Object object = object_at({0, 0});
   for (unsigned wanted = 0; wanted < 16; wanted++) {
@@ -39,7 +39,7 @@ TEST(SceneModel, ObjectHasOnlyTheDetailsThatAreWanted)
   }
 }
 
-TEST(SceneModel, ObjectIsWhereTheWorldHasIt)
+TEST(SceneModel, ObjectHasThePositionOfTheWorld)
 {
   Object object = object_at({0.3, -0.2});
   SceneObject seen = sim::scene_objects({object}, {.radar = true}).front();
@@ -56,7 +56,7 @@ TEST(SceneModel, ObjectIsWhereTheWorldHasIt)
   }
 }
 
-TEST(SceneModel, ObjectAtTheEdgeShowsOnlyWhatIsInThePicture)
+TEST(SceneModel, ObjectAtTheEdgeIsClipped)
 {
   for (double x : {-1.2, -1.0, 1.0, 1.2}) {
     SceneObject seen = sim::scene_objects({object_at({x, 0.8})}, {.radar = true}).front();

@@ -91,7 +91,7 @@ TEST_P(SceneSrc, IsLiveAndTimestamps)
   expect_live_with_timestamps(harness, 3);
 }
 
-TEST_P(SceneSrc, OffersBothOfEveryChoiceForItsChannel)
+TEST_P(SceneSrc, OffersAllCapsOfItsChannel)
 {
   g_autoptr(GstElement) element = make();
   g_object_set(element, "video-channel", 3, nullptr);
@@ -108,7 +108,7 @@ TEST_P(SceneSrc, OffersBothOfEveryChoiceForItsChannel)
   EXPECT_TRUE(gst_caps_is_equal(caps, expected));
 }
 
-TEST_P(SceneSrc, GivesEverythingIfNobodyMinds)
+TEST_P(SceneSrc, SelectsEverythingByDefault)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play(make());
@@ -120,7 +120,7 @@ TEST_P(SceneSrc, GivesEverythingIfNobodyMinds)
   EXPECT_TRUE(scene.objects[0].box.has_value());
 }
 
-TEST_P(SceneSrc, BuffersHaveWhatTheCapsSay)
+TEST_P(SceneSrc, BuffersHaveThePartsOfTheCaps)
 {
   begin_busy();
   for (unsigned choice = 0; choice < 8; choice++) {
@@ -140,7 +140,7 @@ TEST_P(SceneSrc, BuffersHaveWhatTheCapsSay)
   }
 }
 
-TEST_P(SceneSrc, WhatIsDownstreamMayChangeItsMind)
+TEST_P(SceneSrc, DownstreamCanRenegotiate)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play_with_caps(make(), caps_text(GetParam(), true, false, true));
@@ -185,7 +185,7 @@ TEST_P(SceneSrc, ShowsTheWorld)
   g_autoptr(GstHarness) harness = play(make());
   for (int i = 0; i < 5; i++) {
     Scene scene = pull_scene(harness);
-    std::vector<sim::Object> objects = STORY.objects_at(sim::settings_world_time({}, scene.utc));
+    std::vector<sim::Object> objects = DEFAULT_WORLD.objects_at(sim::settings_world_time({}, scene.utc));
     ASSERT_EQ(scene.objects.size(), objects.size());
     for (gsize at = 0; at < objects.size(); at++) {
       EXPECT_EQ(scene.objects[at].id, objects[at].id);
@@ -198,7 +198,7 @@ TEST_P(SceneSrc, ShowsTheWorld)
   }
 }
 
-TEST_P(SceneSrc, TellsTheStoryOfItsSettings)
+TEST_P(SceneSrc, UsesTheSimulationOfItsSettings)
 {
   SettingsFile file("[World]\nseed=77\nspeed=10\nepoch=2023-05-01T00:00:00Z\n");
   sim::Settings settings = sim::settings_load();
@@ -215,7 +215,7 @@ TEST_P(SceneSrc, TellsTheStoryOfItsSettings)
   }
 }
 
-TEST_P(SceneSrc, TellsAboutTenScenesASecondWhileSomebodyIsThere)
+TEST_P(SceneSrc, SendsTenScenesASecondWhileThePictureIsNotEmpty)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play(make());
@@ -230,7 +230,7 @@ TEST_P(SceneSrc, TellsAboutTenScenesASecondWhileSomebodyIsThere)
   EXPECT_LE(shortest, 150 * MILLISECOND);
 }
 
-TEST_P(SceneSrc, ShowsAnEmptyPictureAtOnceAndThenSlowly)
+TEST_P(SceneSrc, SendsAnEmptyPictureImmediatelyAndThenRarely)
 {
   begin_empty(4 * SECOND);
   gint64 before = g_get_real_time();
@@ -244,7 +244,7 @@ TEST_P(SceneSrc, ShowsAnEmptyPictureAtOnceAndThenSlowly)
   EXPECT_GE(second.utc - first.utc, 1900 * MILLISECOND);
 }
 
-TEST_P(SceneSrc, AnswersASyncPointAtOnce)
+TEST_P(SceneSrc, SendsASceneImmediatelyAfterASyncPoint)
 {
   begin_empty(4 * SECOND);
   g_autoptr(GstHarness) harness = play(make());
@@ -255,7 +255,7 @@ TEST_P(SceneSrc, AnswersASyncPointAtOnce)
   EXPECT_LT(second - first, SECOND);
 }
 
-TEST_P(SceneSrc, DoesNotWaitLongForAnArrival)
+TEST_P(SceneSrc, SendsASceneWhenAnObjectArrives)
 {
   WorldTime begin = begin_where([](WorldTime time) {
     return is_empty(time, time + 600 * MILLISECOND) && !is_empty(time, time + 650 * MILLISECOND);
@@ -272,16 +272,17 @@ TEST_P(SceneSrc, DoesNotWaitLongForAnArrival)
 bool
 is_there(gint64 id, WorldTime time)
 {
-  std::vector<sim::Object> objects = STORY.objects_at(time);
+  std::vector<sim::Object> objects = DEFAULT_WORLD.objects_at(time);
   return std::any_of(objects.begin(), objects.end(),
                      [id](const sim::Object &object) { return object.id == id; });
 }
 
-/* Who is in the picture at a time and has left it half a second later, if not much earlier; or 0. */
+/* The id of an object that is in the picture at a time and has left half a second later; 0 if there is none.
+ */
 gint64
 who_leaves_after(WorldTime time)
 {
-  for (const sim::Object &object : STORY.objects_at(time)) {
+  for (const sim::Object &object : DEFAULT_WORLD.objects_at(time)) {
     if (is_there(object.id, time + 450 * MILLISECOND) && !is_there(object.id, time + 500 * MILLISECOND)) {
       return object.id;
     }
@@ -289,7 +290,7 @@ who_leaves_after(WorldTime time)
   return 0;
 }
 
-TEST_P(SceneSrc, TellsOnceThatSomebodyHasLeft)
+TEST_P(SceneSrc, ListsADeletedObjectOnce)
 {
   WorldTime begin = begin_where([](WorldTime time) { return who_leaves_after(time) != 0; });
   gint64 id = who_leaves_after(begin);
@@ -311,7 +312,7 @@ TEST_P(SceneSrc, TellsOnceThatSomebodyHasLeft)
   }
 }
 
-TEST_P(SceneSrc, ForgetsWhoWasThereWhenItIsRestarted)
+TEST_P(SceneSrc, RestartForgetsThePreviousObjects)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play(make());
@@ -326,7 +327,7 @@ TEST_P(SceneSrc, ForgetsWhoWasThereWhenItIsRestarted)
   EXPECT_TRUE(pull_scene(harness).deleted.empty());
 }
 
-TEST_P(SceneSrc, GoesOnWhenTheWallClockIsSet)
+TEST_P(SceneSrc, ContinuesWhenTheWallClockIsSet)
 {
   begin_busy();
   g_autoptr(GstHarness) harness = play(make());
@@ -351,7 +352,7 @@ TEST_P(SceneSrc, StopsWithoutWaitingForTheNextScene)
   EXPECT_LT(g_get_monotonic_time() - before, SECOND);
 }
 
-TEST_P(SceneSrc, DoesNotAnswerOtherEvents)
+TEST_P(SceneSrc, IgnoresOtherEvents)
 {
   g_autoptr(GstHarness) harness = play(make());
   pull_scene(harness);

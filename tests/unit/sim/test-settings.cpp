@@ -79,7 +79,7 @@ TEST_F(SettingsTest, OnlyTheFirstChannelHasAHeadByDefault)
   EXPECT_FALSE(sim::settings_has_ptz({}, 2));
 }
 
-TEST_F(SettingsTest, FileNamesTheChannelsThatHaveAHead)
+TEST_F(SettingsTest, FileSelectsTheChannelsWithAHead)
 {
   SettingsFile file("[PTZ]\nchannels=0;3\n");
   Settings settings = sim::settings_load();
@@ -89,7 +89,7 @@ TEST_F(SettingsTest, FileNamesTheChannelsThatHaveAHead)
   EXPECT_EQ(warnings_, 0);
 }
 
-TEST_F(SettingsTest, NoChannelNeedsToHaveAHead)
+TEST_F(SettingsTest, ListOfChannelsCanBeEmpty)
 {
   SettingsFile file("[PTZ]\nchannels=\n");
   EXPECT_FALSE(sim::settings_has_ptz(sim::settings_load(), 1));
@@ -107,7 +107,7 @@ class MalformedSettings : public SettingsTest, public testing::WithParamInterfac
 {
 };
 
-TEST_P(MalformedSettings, WarnOnceAndLeaveTheDefaults)
+TEST_P(MalformedSettings, WarnOnceAndUseTheDefaults)
 {
   SettingsFile file(GetParam().text);
   expect_defaults(sim::settings_load());
@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
         "[World]\nseed=7\n[PTZ]\nchannels=99999999999\n", "[World]\nseed=7\nepoch=\\q\n",
         "[World]\nseed=7\nepoch=\xff\n"));
 
-TEST_F(SettingsTest, MissingFileWarnsOnceAndLeavesTheDefaults)
+TEST_F(SettingsTest, MissingFileWarnsOnceAndUsesTheDefaults)
 {
   g_setenv(sim::SETTINGS_VARIABLE, "/nonexistent/settings", TRUE);
   expect_defaults(sim::settings_load());
@@ -141,7 +141,7 @@ TEST(SettingsTime, WorldStartsAtItsEpochAndRunsAtItsSpeed)
   EXPECT_EQ(sim::settings_world_time(settings, epoch - 5), -15);
 }
 
-TEST(SettingsTime, WallClockHasReachedTheWorldsTime)
+TEST(SettingsTime, ConvertsWorldTimeToTheFirstWallClockTime)
 {
   Settings settings{.seed = 1, .epoch = 1000, .speed = 3};
   for (sim::WorldTime time = -10; time <= 10; time++) {

@@ -20,7 +20,7 @@ using sim::WorldTime;
 namespace
 {
 
-/* Fast enough to see the head start and stop dozens of times in a second. */
+/* The head starts and stops dozens of times per second. */
 constexpr const char *FAST = "[World]\nseed=7\nspeed=100\n";
 
 constexpr gint64 MOVING_INTERVAL = G_USEC_PER_SEC / 5;
@@ -71,7 +71,7 @@ utc_of(const std::string &text)
   return parse_utc(read_status(text).utc);
 }
 
-/* What has to be shown at @utc. */
+/* The expected content at @utc. */
 std::string
 expected_text(const PtzView &view, gint64 utc)
 {
@@ -107,7 +107,7 @@ rests(const Ptz &ptz)
   return !ptz.pan_tilt_moving && !ptz.zoom_moving;
 }
 
-/* Settings for a world whose head goes on resting, or moving, for `duration` from now on. */
+/* Settings for a world whose head is idle, or moves, for `duration` from now on. */
 std::string
 settings_for_steady_head(bool resting, gint64 duration)
 {
@@ -119,7 +119,7 @@ settings_for_steady_head(bool resting, gint64 duration)
   return "[World]\nseed=" + std::to_string(seed) + "\n";
 }
 
-/* A world in which nothing at all happens from now on until `until`, and the head rests. */
+/* A world without any change from now until `until`, with an idle head. */
 struct QuietWorld {
   std::string settings;
   gint64 until; /* wall clock */
@@ -159,7 +159,7 @@ TEST_F(PtzSrc, IsLiveAndTimestamps)
   expect_live_with_timestamps(harness, 5);
 }
 
-TEST_F(PtzSrc, ShowsThePresentStateOnStart)
+TEST_F(PtzSrc, SendsTheCurrentStateOnStart)
 {
   gint64 before = g_get_real_time();
   g_autoptr(GstHarness) harness = play(ptz_src_new());
@@ -169,8 +169,8 @@ TEST_F(PtzSrc, ShowsThePresentStateOnStart)
   EXPECT_EQ(text, expected_text({}, utc_of(text)));
 }
 
-/* Sooner than the regular repetition, a buffer only comes because a drive has started or stopped. */
-TEST_F(PtzSrc, ShowsEveryStartAndStopOfADrive)
+/* A buffer before the regular repetition means that a drive has started or stopped. */
+TEST_F(PtzSrc, SendsEveryStartAndStopOfADrive)
 {
   SettingsFile file(FAST);
   sim::Settings settings = sim::settings_load();
@@ -198,7 +198,7 @@ TEST_F(PtzSrc, ShowsEveryStartAndStopOfADrive)
   EXPECT_EQ(seen.size(), 4u);
 }
 
-TEST_F(PtzSrc, RepeatsAFewTimesASecondWhileTheHeadMoves)
+TEST_F(PtzSrc, RepeatsSeveralTimesASecondWhileTheHeadMoves)
 {
   constexpr gint64 MOVING = G_USEC_PER_SEC * 5 / 2;
   gint64 until = g_get_real_time() + MOVING;
@@ -221,7 +221,7 @@ TEST_F(PtzSrc, RepeatsAFewTimesASecondWhileTheHeadMoves)
   EXPECT_EQ(repeated, 5);
 }
 
-TEST_F(PtzSrc, IsQuietButForASlowRepetitionWhileTheHeadRests)
+TEST_F(PtzSrc, RepeatsRarelyWhileTheHeadIsIdle)
 {
   SettingsFile settings(settings_for_steady_head(true, RESTING_INTERVAL + 2 * G_USEC_PER_SEC));
   g_autoptr(GstHarness) harness = play(ptz_src_new());
@@ -235,7 +235,7 @@ TEST_F(PtzSrc, IsQuietButForASlowRepetitionWhileTheHeadRests)
   EXPECT_EQ(second.zoom_status, "IDLE");
 }
 
-TEST_F(PtzSrc, ShowsTheStateAtOnceAfterASyncPoint)
+TEST_F(PtzSrc, SendsTheStateImmediatelyAfterASyncPoint)
 {
   QuietWorld world = find_quiet_world();
   SettingsFile settings(world.settings);
@@ -250,7 +250,7 @@ TEST_F(PtzSrc, ShowsTheStateAtOnceAfterASyncPoint)
   EXPECT_EQ(gst_harness_buffers_received(harness), 4u);
 }
 
-TEST_F(PtzSrc, DoesNotAnswerOtherEvents)
+TEST_F(PtzSrc, IgnoresOtherEvents)
 {
   g_autoptr(GstHarness) harness = play(ptz_src_new_for_channel(CHANNEL_WITHOUT_HEAD));
   pull_text(harness);
@@ -260,7 +260,7 @@ TEST_F(PtzSrc, DoesNotAnswerOtherEvents)
   EXPECT_EQ(gst_harness_buffers_received(harness), 2u);
 }
 
-TEST_F(PtzSrc, ChannelWithoutHeadIsAnsweredWithAnEmptyElement)
+TEST_F(PtzSrc, ChannelWithoutHeadHasAnEmptyElement)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(ptz_src_new_for_channel(CHANNEL_WITHOUT_HEAD));
@@ -269,8 +269,8 @@ TEST_F(PtzSrc, ChannelWithoutHeadIsAnsweredWithAnEmptyElement)
   EXPECT_EQ(pull_text(harness), EMPTY);
 }
 
-/* However much the head of other channels moves. */
-TEST_F(PtzSrc, ChannelWithoutHeadIsQuiet)
+/* Although the head of other channels moves. */
+TEST_F(PtzSrc, ChannelWithoutHeadSendsNoChanges)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) with_head = play(ptz_src_new());
@@ -282,7 +282,7 @@ TEST_F(PtzSrc, ChannelWithoutHeadIsQuiet)
   EXPECT_EQ(gst_harness_buffers_received(without_head), 1u);
 }
 
-TEST_F(PtzSrc, SettingsSayWhichChannelsHaveAHead)
+TEST_F(PtzSrc, SettingsSelectTheChannelsWithAHead)
 {
   SettingsFile settings("[PTZ]\nchannels=2;3\n");
   for (int channel = 0; channel < 5; channel++) {
@@ -321,7 +321,7 @@ class Chosen : public PtzSrc, public testing::WithParamInterface<Choice>
 {
 };
 
-TEST_P(Chosen, IsWhatIsShown)
+TEST_P(Chosen, IsShown)
 {
   GstElement *element = ptz_src_new();
   GetParam().choose(element);
@@ -382,7 +382,7 @@ TEST_F(PtzSrc, PropertiesHaveTheirDefaultsAndCanBeReadBack)
   }
 }
 
-TEST_F(PtzSrc, ShowsTheStateAgainAfterARestartWithOtherProperties)
+TEST_F(PtzSrc, SendsTheStateAfterARestartWithOtherProperties)
 {
   SettingsFile settings(settings_for_steady_head(true, 3 * G_USEC_PER_SEC));
   g_autoptr(GstHarness) harness = play(ptz_src_new());
@@ -399,7 +399,7 @@ class PtzWallClock : public PtzSrc, public testing::WithParamInterface<gint64>
 {
 };
 
-TEST_P(PtzWallClock, WhenItIsSetTheStateOfTheNewTimeIsShown)
+TEST_P(PtzWallClock, SettingItSendsTheStateOfTheNewTime)
 {
   SettingsFile settings(FAST);
   g_autoptr(GstHarness) harness = play(ptz_src_new());
@@ -418,7 +418,7 @@ TEST_P(PtzWallClock, WhenItIsSetTheStateOfTheNewTimeIsShown)
 
 INSTANTIATE_TEST_SUITE_P(Offsets, PtzWallClock, testing::Values(gint64{-3600}, gint64{3600}));
 
-/* Several times, because it may be stopped before it has fallen asleep. */
+/* Several times, because the stop may come before the wait. */
 TEST_F(PtzSrc, StopsWithoutWaitingForTheNextChange)
 {
   QuietWorld world = find_quiet_world();

@@ -25,7 +25,7 @@ class Matching : public testing::TestWithParam<MatchCase>
 {
 };
 
-TEST_P(Matching, PicksTopics)
+TEST_P(Matching, SelectsTopics)
 {
   const MatchCase &expected = GetParam();
   g_autoptr(GError) error = nullptr;
@@ -42,7 +42,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         MatchCase{INPUT, true, false, false}, MatchCase{MOTION, false, true, false},
         MatchCase{CROSSING, false, false, true},
-        /* A topic is not what lies below it, nor does a subtree begin inside a name. */
+        /* A topic does not include the topics below it, and a subtree does not begin within a name. */
         MatchCase{"tns1:Device", false, false, false}, MatchCase{"tns1:Device/Trigger", false, false, false},
         MatchCase{"tns1:Dev//.", false, false, false}, MatchCase{"tns1:Device/Trig//.", false, false, false},
         MatchCase{"tns1:Device/Trigger/DigitalInput/More", false, false, false},
@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
         MatchCase{"tns1:Device//.|tns1:VideoSource/MotionAlarm", true, true, false},
         MatchCase{"tns1:Device//.|tns1:VideoSource//.|tns1:VideoAnalytics//.", true, true, true},
         MatchCase{" tns1:Device//. |\n\ttns1:VideoSource//.\r\n", true, true, false},
-        /* Well-formed, but nothing that this camera has. */
+        /* Well-formed but unknown topics. */
         MatchCase{"tns1:Nothing//.", false, false, false}, MatchCase{"other:Device//.", false, false, false},
         MatchCase{"tns1:Ger\xc3\xa4t//.", false, false, false}));
 
@@ -64,7 +64,7 @@ class Malformed : public testing::TestWithParam<HostileText>
 {
 };
 
-TEST_P(Malformed, IsRefusedWithoutRepeatingIt)
+TEST_P(Malformed, IsRefusedWithAnErrorThatDoesNotRepeatIt)
 {
   g_autoptr(GError) error = nullptr;
   EXPECT_FALSE(TopicExpression::parse(GetParam().text.c_str(), &error).has_value());

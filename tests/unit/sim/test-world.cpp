@@ -20,7 +20,7 @@ constexpr WorldTime SECOND = G_USEC_PER_SEC;
 constexpr WorldTime MILLISECOND = SECOND / 1000;
 constexpr guint64 SEED = 42;
 
-/* How the tests look at a world: for five minutes, a part of them before its epoch. */
+/* The interval of the tests: five minutes, a part of them before the epoch. */
 constexpr WorldTime START = -60 * SECOND;
 constexpr WorldTime END = 240 * SECOND;
 
@@ -31,7 +31,7 @@ changes_of(guint64 seed)
 }
 
 bool
-is_of_the_head(const Change &change)
+is_head_change(const Change &change)
 {
   return change.type == ChangeType::PAN_TILT || change.type == ChangeType::ZOOM;
 }
@@ -53,7 +53,7 @@ side(const sim::Line &line, const sim::Point &point)
   return (point.y - line.top.y) * dx - (point.x - line.top.x) * dy;
 }
 
-TEST(World, SameSeedTellsTheSameStory)
+TEST(World, SameSeedGivesTheSameWorld)
 {
   EXPECT_EQ(changes_of(SEED), changes_of(SEED));
   for (WorldTime time = START; time < END; time += 700 * MILLISECOND) {
@@ -90,7 +90,7 @@ TEST(World, EveryKindOfChangeHappens)
   EXPECT_EQ(directions.size(), 2u);
 }
 
-TEST(World, ChangesComeInOrderAndWithinTheirSpan)
+TEST(World, ChangesAreInOrderAndWithinTheInterval)
 {
   std::vector<Change> changes = changes_of(SEED);
   EXPECT_TRUE(std::is_sorted(changes.begin(), changes.end(),
@@ -99,7 +99,7 @@ TEST(World, ChangesComeInOrderAndWithinTheirSpan)
   EXPECT_LE(changes.back().time, END);
 }
 
-TEST(World, ConsecutiveSpansMissAndRepeatNothing)
+TEST(World, ConsecutiveIntervalsMissAndRepeatNothing)
 {
   World world(SEED);
   std::vector<Change> whole = changes_of(SEED);
@@ -114,7 +114,7 @@ TEST(World, ConsecutiveSpansMissAndRepeatNothing)
   EXPECT_EQ(joined, whole);
 }
 
-TEST(World, EmptyAndBackwardSpansHoldNothing)
+TEST(World, EmptyAndReversedIntervalsHaveNoChanges)
 {
   World world(SEED);
   WorldTime time = changes_of(SEED).front().time;
@@ -123,7 +123,7 @@ TEST(World, EmptyAndBackwardSpansHoldNothing)
   EXPECT_EQ(world.changes_between(time - 1, time).size(), 1u);
 }
 
-TEST(World, StatesChangeExactlyWhenAnnounced)
+TEST(World, StatesChangeAtTheTimesOfTheChanges)
 {
   World world(SEED);
   std::vector<bool> inputs;
@@ -134,7 +134,7 @@ TEST(World, StatesChangeExactlyWhenAnnounced)
   WorldTime last = START;
 
   for (const Change &change : changes_of(SEED)) {
-    /* Just before the change everything is as it was left. */
+    /* Before the change, the states are those after the previous one. */
     for (WorldTime time : {(last + change.time) / 2, change.time - 1}) {
       if (time <= last || time >= change.time) {
         continue;
@@ -222,12 +222,12 @@ TEST(World, ObjectsMoveSmoothlyThroughThePicture)
   }
 }
 
-/* Whatever the head does. */
-TEST(World, SomethingHappensEverySecondOrSo)
+/* Changes of the head do not count. */
+TEST(World, ChangesAreFrequent)
 {
   for (guint64 seed = 0; seed < 10; seed++) {
     std::vector<Change> changes = changes_of(seed);
-    std::erase_if(changes, is_of_the_head);
+    std::erase_if(changes, is_head_change);
     EXPECT_GE(static_cast<WorldTime>(changes.size()), (END - START) / SECOND) << "seed " << seed;
     WorldTime last = START;
     for (const Change &change : changes) {
@@ -248,7 +248,7 @@ TEST(World, NextChangeIsTheFirstOne)
   }
 }
 
-/* Who enters from one look to the next. */
+/* The objects that enter between two times. */
 std::vector<Object>
 newcomers(const World &world, WorldTime before, WorldTime now, std::optional<sim::ObjectType> only)
 {
@@ -260,27 +260,27 @@ newcomers(const World &world, WorldTime before, WorldTime now, std::optional<sim
   return objects;
 }
 
-TEST(World, ArrivalsAreWhereSomebodyOfTheTypeEnters)
+TEST(World, ArrivalsAreWhereAnObjectOfTheTypeEnters)
 {
-  constexpr WorldTime LOOK = 50 * MILLISECOND;
+  constexpr WorldTime STEP = 50 * MILLISECOND;
   World world(SEED);
   for (std::optional<sim::ObjectType> only :
        {std::optional<sim::ObjectType>(), {sim::ObjectType::HUMAN}, {sim::ObjectType::VEHICLE}}) {
     int arrivals = 0;
-    WorldTime told = START;
-    while (std::optional<WorldTime> arrival = world.first_arrival_between(told, END, only)) {
+    WorldTime known = START;
+    while (std::optional<WorldTime> arrival = world.first_arrival_between(known, END, only)) {
       EXPECT_FALSE(newcomers(world, *arrival - 1, *arrival, only).empty());
-      for (WorldTime time = told; time + LOOK < *arrival; time += LOOK) {
-        EXPECT_TRUE(newcomers(world, time, time + LOOK, only).empty());
+      for (WorldTime time = known; time + STEP < *arrival; time += STEP) {
+        EXPECT_TRUE(newcomers(world, time, time + STEP, only).empty());
       }
-      told = *arrival;
+      known = *arrival;
       arrivals++;
     }
     EXPECT_GT(arrivals, 10);
   }
 }
 
-TEST(World, ArrivalsHaveTheirSpan)
+TEST(World, ArrivalsAreWithinTheInterval)
 {
   World world(SEED);
   WorldTime arrival = *world.first_arrival_between(START, END, std::nullopt);
@@ -290,7 +290,7 @@ TEST(World, ArrivalsHaveTheirSpan)
   EXPECT_EQ(world.first_arrival_between(arrival, arrival, std::nullopt), std::nullopt);
 }
 
-TEST(Head, SameSeedMovesInTheSameWay)
+TEST(Head, SameSeedGivesTheSameMoves)
 {
   for (WorldTime time = START; time < END; time += 700 * MILLISECOND) {
     Ptz one = World(SEED).ptz_at(time);
@@ -314,7 +314,7 @@ TEST(Head, DifferentSeedsDiffer)
   }
 }
 
-TEST(Head, NeverMovesFasterThanItCan)
+TEST(Head, SpeedIsLimited)
 {
   constexpr WorldTime STEP = 10 * MILLISECOND;
   constexpr double SECONDS = static_cast<double>(STEP) / SECOND;
@@ -335,14 +335,14 @@ TEST(Head, NeverMovesFasterThanItCan)
   }
 }
 
-/* Looks at every span between two neighbouring changes of a drive, from its first to its last moment. */
-TEST(Head, IsSaidToMoveExactlyWhileItDoes)
+/* Checks every interval between two consecutive changes of a drive, from its start to its end. */
+TEST(Head, MoveStatusMatchesTheMoves)
 {
   World world(SEED);
   std::map<ChangeType, WorldTime> last = {{ChangeType::PAN_TILT, START}, {ChangeType::ZOOM, START}};
   std::map<ChangeType, int> spans;
   for (const Change &change : changes_of(SEED)) {
-    if (!is_of_the_head(change)) {
+    if (!is_head_change(change)) {
       continue;
     }
     bool pan_tilt = change.type == ChangeType::PAN_TILT;
@@ -367,7 +367,7 @@ TEST(Head, IsSaidToMoveExactlyWhileItDoes)
   EXPECT_GT(spans[ChangeType::ZOOM], 20);
 }
 
-TEST(Head, LooksAroundWithinItsRanges)
+TEST(Head, MovesThroughItsWholeRanges)
 {
   for (guint64 seed = 0; seed < 5; seed++) {
     World world(seed);

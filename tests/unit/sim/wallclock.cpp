@@ -10,29 +10,29 @@ constexpr int NEVER = -1;
 
 std::atomic<gint64> wall_clock_offset = 0;
 std::atomic<gint64> later_offset = 0;
-std::atomic<int> looks_until_later = NEVER;
+std::atomic<int> reads_until_change = NEVER;
 
 } /* namespace */
 
 void
 set_wall_clock_offset(gint64 offset)
 {
-  looks_until_later = NEVER;
+  reads_until_change = NEVER;
   wall_clock_offset = offset;
 }
 
 void
-set_wall_clock_offset_after(int looks, gint64 offset)
+set_wall_clock_offset_after(int reads, gint64 offset)
 {
   later_offset = offset;
-  looks_until_later = looks;
+  reads_until_change = reads;
 }
 
-/* The program's own definition comes before the library's, for the plug-ins too. */
+/* The program's definition takes precedence over GLib's, in the plug-ins too. */
 [[gnu::visibility("default")]] gint64
 g_get_real_time()
 {
-  if (looks_until_later.load() != NEVER && looks_until_later-- == 0) {
+  if (reads_until_change.load() != NEVER && reads_until_change-- == 0) {
     set_wall_clock_offset(later_offset);
   }
   timespec now;

@@ -1,0 +1,45 @@
+#include "registration.h"
+
+#include <libxml/parser.h>
+
+namespace sim
+{
+
+/**
+ * element_register:
+ * @plugin: the plug-in that is being loaded
+ * @name: the name of the element's factory
+ * @type: the element's type
+ *
+ * Registers an element. Initialises libxml2 before, because elements use it from several threads.
+ *
+ * Returns: whether the element is registered
+ */
+bool
+element_register(GstPlugin *plugin, const char *name, GType type)
+{
+  xmlInitParser();
+  return gst_element_register(plugin, name, GST_RANK_NONE, type);
+}
+
+/**
+ * element_register_class:
+ * @plugin: the plug-in that is being loaded; each may register a class once
+ * @element: the names of the element
+ * @parent: the parent type
+ * @info: the class; its class data must stay valid as long as the process runs
+ *
+ * Registers a final type and its element. Several plug-ins register the same code this way, each under its
+ * own type name.
+ *
+ * Returns: whether the element is registered
+ */
+bool
+element_register_class(GstPlugin *plugin, const ElementDescription &element, GType parent,
+                       const GTypeInfo &info)
+{
+  GType type = g_type_register_static(parent, element.type_name, &info, G_TYPE_FLAG_FINAL);
+  return element_register(plugin, element.name, type);
+}
+
+} /* namespace sim */

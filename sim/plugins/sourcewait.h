@@ -1,0 +1,45 @@
+#pragma once
+
+#include <gst/gst.h>
+
+/* The wait of a live source in its create function. A deadline, a sync point or flushing ends it. A source
+ * has one instance and forwards three functions of its base class:
+ *
+ *   unlock       set_flushing(true)
+ *   unlock_stop  set_flushing(false)
+ *   event        handle_event(), and the parent class's function for all other events
+ *
+ * A common base class is not possible: every plug-in has its own copy of this code, one process may load
+ * several plug-ins, and GObject registers a class name once. */
+
+namespace sim
+{
+
+enum class WakeReason {
+  FLUSHING,
+  SYNC_POINT,
+  DEADLINE,
+};
+
+class SourceWait
+{
+public:
+  SourceWait();
+  ~SourceWait();
+  SourceWait(const SourceWait &) = delete;
+  SourceWait &operator=(const SourceWait &) = delete;
+
+  void clear_sync_point();
+  void set_flushing(bool flushing);
+  bool handle_event(GstEvent *event);
+
+  WakeReason wait_until(gint64 deadline);
+
+private:
+  GMutex lock_; /* guards all below */
+  GCond changed_;
+  bool flushing_ = false;
+  bool sync_requested_ = false;
+};
+
+} /* namespace sim */
