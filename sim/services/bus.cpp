@@ -2,8 +2,9 @@
 
 #include <cstring>
 
-/* GLib's g_bus_own_name() tells later, by a callback, and waits in a queue for a name that is taken. Here
- * whoever asks has to know at once, and a name that is taken is an error, so the bus itself is asked. */
+/* g_bus_own_name() reports its result later, in a callback, and waits in a queue for a name that is taken. A
+ * verb needs the result before it returns, and a taken name is an error, so these functions call the bus
+ * directly. */
 
 namespace sim
 {
@@ -11,13 +12,14 @@ namespace sim
 namespace
 {
 
-/* Values of the bus' own protocol. */
+/* Values of the D-Bus protocol. */
 constexpr guint32 DO_NOT_QUEUE = 4;
 constexpr guint32 PRIMARY_OWNER = 1;
 constexpr guint32 ALREADY_OWNER = 4;
 
 bool
-ask_bus(GDBusConnection *connection, const char *method, GVariant *arguments, guint32 *answer, GError **error)
+call_bus(GDBusConnection *connection, const char *method, GVariant *arguments, guint32 *result,
+         GError **error)
 {
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
       connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, arguments,
@@ -26,7 +28,7 @@ ask_bus(GDBusConnection *connection, const char *method, GVariant *arguments, gu
   if (reply == nullptr) {
     return false;
   }
-  g_variant_get(reply, "(u)", answer);
+  g_variant_get(reply, "(u)", result);
   return true;
 }
 
@@ -34,10 +36,10 @@ ask_bus(GDBusConnection *connection, const char *method, GVariant *arguments, gu
 
 /**
  * bus_connect:
- * @address: (nullable): a bus, the system's if unset
- * @error: set if there is no such bus
+ * @address: (nullable): the address of a bus; the system bus if %NULL
+ * @error: set if the connection fails
  *
- * Opens a connection of its own, the end of which is not the end of the process.
+ * Opens a private connection. The process does not exit when it closes.
  *
  * Returns: (transfer full) (nullable): the connection
  */
@@ -61,10 +63,10 @@ bus_connect(const char *address, GError **error)
  * bus_can_carry:
  * @body: a tuple
  *
- * Maybe types are none of the bus. GDBus finds those inside of variants when it writes the message, but takes
- * a body for granted.
+ * D-Bus has no maybe types. GDBus detects them inside of variants when it serialises a message, but not in
+ * the body's own type.
  *
- * Returns: whether @body can be a message's
+ * Returns: whether @body can be sent as the body of a message
  */
 bool
 bus_can_carry(GVariant *body)
@@ -84,11 +86,11 @@ bus_can_carry(GVariant *body)
 /**
  * bus_reply:
  * @call: (transfer full): a call
- * @body: (transfer floating): the reply's body, a tuple of whatever type
+ * @body: (transfer floating): the reply's body, a tuple of any type
  * @fds: (nullable): the reply's descriptors
  *
- * Replies. GDBus would hold a method's result against the interface and drop what does not fit, so this is
- * sent as a message.
+ * Sends a reply. GDBus compares a method's result with the interface and drops one of another type, so the
+ * reply is sent as a message.
  */
 void
 bus_reply(GDBusMethodInvocation *call, GVariant *body, GUnixFDList *fds)
@@ -108,15 +110,15 @@ bus_reply(GDBusMethodInvocation *call, GVariant *body, GUnixFDList *fds)
 /**
  * bus_register_object:
  * @connection: a connection to a bus
- * @path: where the object is
- * @xml: introspection data of its one interface, which the program brings and which is therefore right
- * @vtable: what answers; must stay
+ * @path: the object's path
+ * @xml: valid introspection data of its only interface
+ * @vtable: (transfer none): handles its calls; must stay valid as long as the connection
  * @user_data: for @vtable
- * @error: set if there is an object already
+ * @error: set if there is already an object at @path
  *
- * Puts an object on the bus for as long as the connection lasts.
+ * Exports an object until the connection closes.
  *
- * Returns: whether it is there
+ * Returns: whether the object is exported
  */
 bool
 bus_register_object(GDBusConnection *connection, const char *path, const char *xml,
@@ -132,22 +134,21 @@ bus_register_object(GDBusConnection *connection, const char *path, const char *x
  * bus_name_own:
  * @connection: a connection to a bus
  * @name: a well-known name
- * @error: set if the name is somebody else's, or the bus does not give it
+ * @error: set if the name has another owner or the bus refuses it
  *
- * Takes the name, from which only bus_name_release() or the connection's end parts it. Blocks until the bus
- * has answered.
+ * Acquires the name until bus_name_release() or until the connection closes. Blocks until the bus replies.
  *
  * Returns: whether the name is owned
  */
 bool
 bus_name_own(GDBusConnection *connection, const char *name, GError **error)
 {
-  guint32 answer = 0;
+  guint32 result = 0;
 
-  if (!ask_bus(connection, "RequestName", g_variant_new("(su)", name, DO_NOT_QUEUE), &answer, error)) {
+  if (!call_bus(connection, "RequestName", g_variant_new("(su)", name, DO_NOT_QUEUE), &result, error)) {
     return false;
   }
-  if (answer != PRIMARY_OWNER && answer != ALREADY_OWNER) {
+  if (result != PRIMARY_OWNER && result != ALREADY_OWNER) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_EXISTS, "the name %s is taken", name);
     return false;
   }
@@ -158,18 +159,18 @@ bus_name_own(GDBusConnection *connection, const char *name, GError **error)
  * bus_name_release:
  * @connection: a connection to a bus
  * @name: a well-known name
- * @error: set if the bus does not answer
+ * @error: set if the bus does not reply
  *
- * Gives the name up, if it is owned. Blocks until the bus has answered.
+ * Releases the name if it is owned. Blocks until the bus replies.
  *
- * Returns: whether the name is not owned any more
+ * Returns: whether the name is not owned
  */
 bool
 bus_name_release(GDBusConnection *connection, const char *name, GError **error)
 {
-  guint32 answer = 0;
+  guint32 result = 0;
 
-  return ask_bus(connection, "ReleaseName", g_variant_new("(s)", name), &answer, error);
+  return call_bus(connection, "ReleaseName", g_variant_new("(s)", name), &result, error);
 }
 
 } /* namespace sim */

@@ -7,7 +7,7 @@
 namespace sim
 {
 
-/* What the services tell about the camera. A channel that goes keeps its rotation for when it comes back. */
+/* The properties of the camera that the services report. A channel keeps its rotation while it is removed. */
 struct Camera {
   static constexpr guint MAX_CHANNELS = 16;
 
@@ -16,10 +16,10 @@ struct Camera {
     rotations.fill(0);
   }
 
-  gint32 move_capabilities = 7; /* pan, tilt and zoom, in this camera's own bit set */
+  gint32 move_capabilities = 7; /* pan, tilt and zoom, in the camera's own bit mask */
   guint channels = 2;
   std::array<std::optional<guint32>, MAX_CHANNELS>
-      rotations; /* by number less one; unset: not in the settings */
+      rotations; /* index: channel - 1; unset: not in the settings */
 };
 
 } /* namespace sim */

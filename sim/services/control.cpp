@@ -3,8 +3,8 @@
 #include "bus.h"
 #include "verbs.h"
 
-/* Both ends of the simulated camera's own interface, by which tests and people tell a running one what to do.
- * Its name is taken last: who sees it may rely on everything else. */
+/* The server and the client of the D-Bus interface that controls a running simulated camera. The camera
+ * acquires this name last, so all services are available when the name appears. */
 
 namespace sim
 {
@@ -20,8 +20,8 @@ constexpr const char *XML = R"(
 <node>
   <interface name="tessard.SimulatedCamera1">
     <method name="Tell">
-      <arg name="words" type="as" direction="in"/>
-      <arg name="answer" type="s" direction="out"/>
+      <arg name="command" type="as" direction="in"/>
+      <arg name="result" type="s" direction="out"/>
     </method>
   </interface>
 </node>)";
@@ -35,10 +35,10 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
   g_autoptr(GError) error = nullptr;
 
   g_variant_get(arguments, "(^a&s)", &texts);
-  const Words words(texts, texts + g_strv_length(const_cast<gchar **>(texts)));
-  const std::optional<std::string> answer = verbs_run(platform, words, &error);
-  if (answer.has_value()) {
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", answer->c_str()));
+  const Arguments command(texts, texts + g_strv_length(const_cast<gchar **>(texts)));
+  const std::optional<std::string> result = verbs_run(platform, command, &error);
+  if (result.has_value()) {
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", result->c_str()));
   } else {
     g_dbus_method_invocation_return_dbus_error(invocation, ERROR_NAME, error->message);
   }
@@ -52,9 +52,9 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
  * @connection: the connection to the bus
  * @error: set if another simulated camera is on the bus
  *
- * Takes verbs from the bus from now on.
+ * Exports the control interface.
  *
- * Returns: whether it does
+ * Returns: whether it is exported
  */
 bool
 control_publish(Platform *platform, GDBusConnection *connection, GError **error)
@@ -68,30 +68,30 @@ control_publish(Platform *platform, GDBusConnection *connection, GError **error)
 /**
  * control_tell:
  * @connection: the connection to the bus
- * @words: a verb and its arguments, %NULL-terminated
- * @answer: (out) (transfer full): the camera's answer
- * @error: set if the camera refuses, with what it says, or if there is none
+ * @command: a verb and its arguments, %NULL-terminated
+ * @result: (out) (transfer full): the result of the verb
+ * @error: set if the camera refuses the command, with its message, or if there is no camera
  *
- * Tells the simulated camera on the bus to do something. Blocks until it is done.
+ * Sends a command to the simulated camera on the bus. Blocks until it has taken effect.
  *
- * Returns: whether it is done
+ * Returns: whether the command has taken effect
  */
 bool
-control_tell(GDBusConnection *connection, const char *const *words, char **answer, GError **error)
+control_tell(GDBusConnection *connection, const char *const *command, char **result, GError **error)
 {
-  for (const char *const *word = words; *word != nullptr; word++) {
-    if (!check_text(*word, error)) {
+  for (const char *const *argument = command; *argument != nullptr; argument++) {
+    if (!check_text(*argument, error)) {
       return false;
     }
   }
 
   g_autoptr(GError) found = nullptr;
   g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-      connection, BUS_NAME, OBJECT_PATH, BUS_NAME, "Tell", g_variant_new("(^as)", words),
+      connection, BUS_NAME, OBJECT_PATH, BUS_NAME, "Tell", g_variant_new("(^as)", command),
       G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, &found);
 
   if (reply != nullptr) {
-    g_variant_get(reply, "(s)", answer);
+    g_variant_get(reply, "(s)", result);
     return true;
   }
   if (g_error_matches(found, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||

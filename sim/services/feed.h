@@ -5,41 +5,42 @@
 #include <functional>
 #include <string>
 
-/* What a producer has to say, and what one of its streams says of it. Main thread only. */
+/* The messages of a producer and of one of its streams. Main thread only. */
 
 namespace sim
 {
 
-/* Nothing is due before the teller wakes its stream. */
+/* A time that never comes. */
 constexpr gint64 NEVER = G_MAXINT64;
 
-/* What one stream tells. The stream asks for the next text when it has got rid of the one before, so that
- * nothing piles up for a reader who does not read. */
-class Teller
+/* The messages of one stream. The stream requests the next message when it has sent the previous one, so no
+ * messages accumulate for a slow reader. */
+class MessageSource
 {
 public:
-  virtual ~Teller() = default;
+  virtual ~MessageSource() = default;
 
-  /* Whether nothing will come any more, and the stream shall be hung up. */
+  /* Whether there are no more messages; the stream then closes. */
   virtual bool has_ended() const = 0;
 
-  /* When the next text is due, as g_get_monotonic_time() has it. */
+  /* The time of the next message, on the clock of g_get_monotonic_time(); NEVER until the source calls
+   * Notify. */
   virtual gint64 due() = 0;
 
-  /* The text that is due; unset if there is none after all. */
+  /* The message that is due; unset if there is none after all. */
   virtual SharedText next() = 0;
 };
 
-/* What a producer's streams have in common. */
+/* The common part of a producer's streams. */
 class Feed
 {
 public:
-  /* Tells the stream that what its teller says of due() and has_ended() is no longer so. */
-  using Wake = std::function<void()>;
+  /* Notifies the stream that the results of due() and has_ended() have changed. */
+  using Notify = std::function<void()>;
 
   virtual ~Feed() = default;
 
-  virtual std::unique_ptr<Teller> open(Wake wake) = 0;
+  virtual std::unique_ptr<MessageSource> open(Notify notify) = 0;
   virtual std::string sample_frame() const = 0;
 };
 

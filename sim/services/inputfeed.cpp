@@ -8,8 +8,8 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
-/* The descriptor may be shared with other processes, a terminal for example, and is therefore left in the
- * mode that it has: it is read once each time that it has something. */
+/* Other processes may share the descriptor, for example a terminal, so its mode is not changed. It is read
+ * once each time poll() reports data. */
 
 namespace sim
 {
@@ -21,11 +21,11 @@ constexpr gsize READ_BYTES = 65536;
 
 } /* namespace */
 
-/* One stream's ear. */
-class InputFeed::Listener : public Teller
+/* The messages of one stream. */
+class InputFeed::Listener : public MessageSource
 {
 public:
-  Listener(InputFeed *feed, Wake wake) : feed_(feed), wake_(std::move(wake))
+  Listener(InputFeed *feed, Notify notify) : feed_(feed), notify_(std::move(notify))
   {
     feed_->listeners_.push_back(this);
   }
@@ -33,7 +33,7 @@ public:
   ~Listener() override
   {
     std::erase(feed_->listeners_, this);
-    feed_->go_on();
+    feed_->advance();
   }
 
   Listener(const Listener &) = delete;
@@ -41,7 +41,7 @@ public:
 
   bool has_ended() const override
   {
-    return feed_->at_end_ && line_ == nullptr && feed_->pace_.once;
+    return feed_->at_end_ && line_ == nullptr && feed_->options_.once;
   }
 
   gint64 due() override
@@ -54,7 +54,7 @@ public:
     SharedText line = std::move(line_);
 
     line_ = nullptr;
-    feed_->go_on();
+    feed_->advance();
     return line;
   }
 
@@ -63,29 +63,29 @@ public:
     return line_ != nullptr;
   }
 
-  void give(SharedText line)
+  void deliver(SharedText line)
   {
     line_ = std::move(line);
-    wake_();
+    notify_();
   }
 
-  void tell_end()
+  void notify_end()
   {
-    wake_();
+    notify_();
   }
 
 private:
   InputFeed *feed_;
-  const Wake wake_;
-  SharedText line_; /* waits for its stream; unset if there is none */
+  const Notify notify_;
+  SharedText line_; /* the line that the stream has not taken yet */
 };
 
 /**
  * InputFeed:
- * @fd: (transfer none): what to read
- * @pace: whether the streams end with the input; outlives the feed
+ * @fd: (transfer none): the descriptor to read
+ * @options: whether the streams end with the input; outlive the feed
  */
-InputFeed::InputFeed(int fd, const Pace &pace) : fd_(fd), pace_(pace)
+InputFeed::InputFeed(int fd, const ReplayOptions &options) : fd_(fd), options_(options)
 {
 }
 
@@ -94,12 +94,12 @@ InputFeed::~InputFeed()
   set_watching(false);
 }
 
-std::unique_ptr<Teller>
-InputFeed::open(Wake wake)
+std::unique_ptr<MessageSource>
+InputFeed::open(Notify notify)
 {
-  auto listener = std::make_unique<Listener>(this, std::move(wake));
+  auto listener = std::make_unique<Listener>(this, std::move(notify));
 
-  go_on();
+  advance();
   return listener;
 }
 
@@ -110,31 +110,31 @@ InputFeed::sample_frame() const
 }
 
 bool
-InputFeed::is_anybody_waited_for() const
+InputFeed::is_line_pending() const
 {
   return std::any_of(listeners_.begin(), listeners_.end(),
                      [](const Listener *listener) { return listener->has_line(); });
 }
 
-/* Tells the next line as soon as everybody is ready for it. */
+/* Delivers the next line when every stream has taken the previous one. */
 void
-InputFeed::go_on()
+InputFeed::advance()
 {
-  if (listeners_.empty() || is_anybody_waited_for()) {
+  if (listeners_.empty() || is_line_pending()) {
     set_watching(false);
     return;
   }
   const std::optional<SharedText> line = splitter_.pop();
-  if (splitter_.dropped() > told_dropped_) {
-    told_dropped_ = splitter_.dropped();
+  if (splitter_.dropped() > reported_drops_) {
+    reported_drops_ = splitter_.dropped();
     g_printerr("simcamera: left out a line longer than %" G_GSIZE_FORMAT " bytes\n", Message::MAX_TEXT_BYTES);
   }
   set_watching(!line.has_value() && !at_end_);
   for (Listener *listener : listeners_) {
     if (line.has_value()) {
-      listener->give(*line);
+      listener->deliver(*line);
     } else if (at_end_) {
-      listener->tell_end();
+      listener->notify_end();
     }
   }
 }
@@ -160,7 +160,7 @@ InputFeed::read_some()
     at_end_ = true;
     splitter_.finish();
   }
-  go_on();
+  advance();
 }
 
 void

@@ -6,18 +6,18 @@
 namespace sim
 {
 
-/* Tells what comes on a descriptor, line by line, to all streams that are open. It reads only while there are
- * streams and each has taken the line before. At the end of the input the streams stay, or end with the
- * pace's "once". */
+/* Sends each line of a descriptor to all open streams. It reads only while there are streams and each of them
+ * has taken the previous line. At the end of the input the streams stay open; with the option "once" they
+ * end. */
 class InputFeed : public Feed
 {
 public:
-  InputFeed(int fd, const Pace &pace);
+  InputFeed(int fd, const ReplayOptions &options);
   ~InputFeed() override;
   InputFeed(const InputFeed &) = delete;
   InputFeed &operator=(const InputFeed &) = delete;
 
-  std::unique_ptr<Teller> open(Wake wake) override;
+  std::unique_ptr<MessageSource> open(Notify notify) override;
   std::string sample_frame() const override;
 
 private:
@@ -25,16 +25,16 @@ private:
 
   static gboolean on_readable(gint fd, GIOCondition condition, gpointer user_data);
 
-  void go_on();
-  bool is_anybody_waited_for() const;
+  void advance();
+  bool is_line_pending() const;
   void read_some();
   void set_watching(bool watching);
 
   const int fd_;
-  const Pace &pace_;
-  std::vector<Listener *> listeners_; /* each is its stream's */
+  const ReplayOptions &options_;
+  std::vector<Listener *> listeners_; /* owned by their streams */
   LineSplitter splitter_;
-  gsize told_dropped_ = 0;
+  gsize reported_drops_ = 0;
   bool at_end_ = false;
   guint watch_ = 0;
 };

@@ -6,7 +6,7 @@ namespace sim
 namespace
 {
 
-/* Some end their lines with two characters, of which the first is left alone where there is a line. */
+/* Lines may end with CR LF; the CR of a line that is not empty is kept. */
 bool
 is_empty(std::string_view line)
 {
@@ -17,9 +17,9 @@ is_empty(std::string_view line)
 
 /**
  * LineSplitter::push:
- * @bytes: what comes next
+ * @bytes: the next bytes
  *
- * Takes more bytes. To be called when pop() has nothing left, so that no more than one line is kept.
+ * Adds bytes. Call it when pop() returns no line, so that at most one incomplete line is stored.
  */
 void
 LineSplitter::push(std::string_view bytes)
@@ -33,7 +33,7 @@ LineSplitter::push(std::string_view bytes)
 /**
  * LineSplitter::finish:
  *
- * Ends the last line, unless it has an end of its own.
+ * Terminates the last line, if it is not terminated.
  */
 void
 LineSplitter::finish()
@@ -44,7 +44,7 @@ LineSplitter::finish()
 /**
  * LineSplitter::pop:
  *
- * Returns: the next whole line without its end, if there is one
+ * Returns: the next complete line without its terminator, if there is one
  */
 std::optional<SharedText>
 LineSplitter::pop()
@@ -72,7 +72,7 @@ LineSplitter::pop()
 /**
  * LineSplitter::dropped:
  *
- * Returns: how many lines have been left out because they are longer than %Message::MAX_TEXT_BYTES
+ * Returns: the number of lines that were dropped because they are longer than %Message::MAX_TEXT_BYTES
  */
 gsize
 LineSplitter::dropped() const

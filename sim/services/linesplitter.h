@@ -8,7 +8,7 @@
 namespace sim
 {
 
-/* Cuts bytes, as they come, into lines. Empty lines are left out, as are those that no message could carry.
+/* Splits a sequence of bytes into lines. Empty lines, and lines that are too long for a message, are dropped.
  */
 class LineSplitter
 {
@@ -19,11 +19,11 @@ public:
   gsize dropped() const;
 
 private:
-  std::string bytes_;  /* what has come and is not cut yet */
+  std::string bytes_;  /* bytes that are not split yet */
   gsize begin_ = 0;    /* of the next line in `bytes_` */
-  gsize searched_ = 0; /* up to where no line ends */
+  gsize searched_ = 0; /* no line ends before this offset */
   gsize dropped_ = 0;
-  bool dropping_ = false; /* a line that is too long already */
+  bool dropping_ = false; /* whether the current line is too long */
 };
 
 } /* namespace sim */

@@ -1,5 +1,5 @@
-/* The simulated camera's services on a bus: simcamera itself, and "simcamera tell", which tells a running one
- * what to do.
+/* simcamera, which runs the simulated camera's D-Bus services, and "simcamera tell", which controls a running
+ * one.
  */
 #include "bus.h"
 #include "control.h"
@@ -26,7 +26,7 @@ struct Options {
     g_free(channels);
     g_free(move_capabilities);
     g_strfreev(rotations);
-    g_strfreev(misbehaviours);
+    g_strfreev(faults);
     g_free(producers);
     g_strfreev(recordings);
     g_free(rate);
@@ -37,7 +37,7 @@ struct Options {
   gchar *channels = nullptr;
   gchar *move_capabilities = nullptr;
   gchar **rotations = nullptr;
-  gchar **misbehaviours = nullptr;
+  gchar **faults = nullptr;
   gchar *producers = nullptr;
   gchar **recordings = nullptr;
   gchar *rate = nullptr;
@@ -70,37 +70,37 @@ failure(const GError *error)
   return EXIT_FAILURE;
 }
 
-/* Texts are taken as they come, for a locale has no say in what goes to the bus. */
+/* Options are not converted from the locale's encoding: the bus carries UTF-8. */
 gboolean
 parse_options(Options *options, int *argc, char ***argv, GError **error)
 {
   const GOptionEntry entries[] = {
-      {"bus", 0, 0, G_OPTION_ARG_FILENAME, &options->bus, "The bus (default: the system's)", "ADDRESS"},
+      {"bus", 0, 0, G_OPTION_ARG_FILENAME, &options->bus, "The bus (default: the system bus)", "ADDRESS"},
       {"services", 0, 0, G_OPTION_ARG_FILENAME, &options->services,
-       "The services that are there, with commas (default: all)", "LIST"},
-      {"channels", 0, 0, G_OPTION_ARG_FILENAME, &options->channels, "How many video channels (default: 2)",
+       "The services to run, comma-separated (default: all)", "LIST"},
+      {"channels", 0, 0, G_OPTION_ARG_FILENAME, &options->channels, "Number of video channels (default: 2)",
        "N"},
       {"rotation", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->rotations,
-       "How a channel is rotated; none: its settings do not tell", "CHANNEL=DEGREES"},
+       "Rotation of a channel; none: not in its settings", "CHANNEL=DEGREES"},
       {"move-capabilities", 0, 0, G_OPTION_ARG_FILENAME, &options->move_capabilities,
-       "What the PTZ driver can do (default: 7)", "N"},
-      {"misbehave", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->misbehaviours, "How a service misbehaves",
-       "SERVICE=HOW[:ARGUMENT]"},
+       "Move capabilities of the PTZ driver (default: 7)", "N"},
+      {"fault", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->faults, "Injects a fault into a service",
+       "SERVICE=FAULT[:ARGUMENT]"},
       {"producers", 0, 0, G_OPTION_ARG_FILENAME, &options->producers,
-       "The built-in producers that are there, with commas (default: all)", "LIST"},
+       "The built-in producers to run, comma-separated (default: all)", "LIST"},
       {"producer", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &options->recordings,
-       "One more producer, which replays a file of JSON lines; -: what comes on standard input", "NAME=FILE"},
+       "Adds a producer that replays a file of JSON lines; -: standard input", "NAME=FILE"},
       {"rate", 0, 0, G_OPTION_ARG_FILENAME, &options->rate,
-       "How many messages a second are replayed; 0: as fast as they are taken (default: as recorded)", "N"},
-      {"once", 0, 0, G_OPTION_ARG_NONE, &options->once, "End streams with what they replay", nullptr},
+       "Messages per second of replays; 0: as fast as the reader takes them (default: as recorded)", "N"},
+      {"once", 0, 0, G_OPTION_ARG_NONE, &options->once, "End a stream after its recording", nullptr},
       {},
   };
   g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
-  g_autofree gchar *description = g_strdup_printf(
-      "'simcamera tell [--bus ADDRESS] VERB [ARGUMENT…]' tells a running simcamera what to do.\n\n%s",
-      sim::verbs_describe().c_str());
+  g_autofree gchar *description =
+      g_strdup_printf("'simcamera tell [--bus ADDRESS] VERB [ARGUMENT…]' controls a running simcamera.\n\n%s",
+                      sim::verbs_describe().c_str());
 
-  g_option_context_set_summary(context, "Plays the D-Bus services of a camera's platform.");
+  g_option_context_set_summary(context, "Simulates the D-Bus services of a camera's platform.");
   g_option_context_set_description(context, description);
   g_option_context_add_main_entries(context, entries, nullptr);
   return g_option_context_parse(context, argc, argv, error);
@@ -110,13 +110,14 @@ gboolean
 parse_tell_options(gchar **bus, int *argc, char ***argv, GError **error)
 {
   const GOptionEntry entries[] = {
-      {"bus", 0, 0, G_OPTION_ARG_FILENAME, bus, "The bus (default: the system's)", "ADDRESS"},
+      {"bus", 0, 0, G_OPTION_ARG_FILENAME, bus, "The bus (default: the system bus)", "ADDRESS"},
       {},
   };
   g_autoptr(GOptionContext) context = g_option_context_new("VERB [ARGUMENT…]");
   const std::string description = sim::verbs_describe();
 
-  g_option_context_set_summary(context, "Tells a running simcamera what to do, and returns when it is done.");
+  g_option_context_set_summary(context,
+                               "Controls a running simcamera. Returns when the verb has taken effect.");
   g_option_context_set_description(context, description.c_str());
   g_option_context_set_strict_posix(context, TRUE);
   g_option_context_add_main_entries(context, entries, nullptr);
@@ -130,29 +131,29 @@ check_no_more(int argc, char **argv, GError **error)
 }
 
 bool
-run_verb(sim::Platform *platform, const sim::Words &words, GError **error)
+run_verb(sim::Platform *platform, const sim::Arguments &command, GError **error)
 {
-  return sim::verbs_run(platform, words, error).has_value();
+  return sim::verbs_run(platform, command, error).has_value();
 }
 
-/* An option that may come several times, with values of the form A=B or A=B:C. */
+/* Runs a verb for each value of an option. Values have the form A=B or A=B:C. */
 bool
 run_verbs(sim::Platform *platform, const char *verb, const char *const *values, const char *separators,
           GError **error)
 {
   for (; values != nullptr && *values != nullptr; values++) {
-    sim::Words words = {verb};
+    sim::Arguments command = {verb};
     std::string rest = *values;
     for (const char *separator = separators; *separator != '\0'; separator++) {
       const gsize end = rest.find(*separator);
       if (end == std::string::npos) {
         break;
       }
-      words.push_back(rest.substr(0, end));
+      command.push_back(rest.substr(0, end));
       rest.erase(0, end + 1);
     }
-    words.push_back(rest);
-    if (!run_verb(platform, words, error)) {
+    command.push_back(rest);
+    if (!run_verb(platform, command, error)) {
       return false;
     }
   }
@@ -167,7 +168,7 @@ apply_options(sim::Platform *platform, const Options &options, GError **error)
          (options.move_capabilities == nullptr ||
           run_verb(platform, {"move-capabilities", options.move_capabilities}, error)) &&
          run_verbs(platform, "rotation", options.rotations, "=", error) &&
-         run_verbs(platform, "misbehave", options.misbehaviours, "=:", error) &&
+         run_verbs(platform, "inject-fault", options.faults, "=:", error) &&
          (options.producers == nullptr || platform->receiver->choose_producers(options.producers, error)) &&
          (options.rate == nullptr || run_verb(platform, {"rate", options.rate}, error)) &&
          (!options.once || run_verb(platform, {"once", "yes"}, error)) &&
@@ -182,22 +183,23 @@ on_signal(gpointer user_data)
 }
 
 void
-on_bus_gone(GDBusConnection *connection, gboolean remote_peer_vanished, GError *error, gpointer user_data)
+on_connection_closed(GDBusConnection *connection, gboolean remote_peer_vanished, GError *error,
+                     gpointer user_data)
 {
   auto *run = static_cast<Run *>(user_data);
 
-  print_error("the bus has gone");
+  print_error("the connection to the bus is closed");
   run->status = EXIT_FAILURE;
   g_main_loop_quit(run->loop);
 }
 
-/* Runs the main loop until a signal comes or the bus goes. */
+/* Runs the main loop until a signal arrives or the connection closes. */
 int
 serve(GDBusConnection *connection)
 {
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   Run run = {loop};
-  const gulong closed = g_signal_connect(connection, "closed", G_CALLBACK(on_bus_gone), &run);
+  const gulong closed = g_signal_connect(connection, "closed", G_CALLBACK(on_connection_closed), &run);
   const guint interrupted = g_unix_signal_add(SIGINT, on_signal, loop);
   const guint terminated = g_unix_signal_add(SIGTERM, on_signal, loop);
 
@@ -210,7 +212,7 @@ serve(GDBusConnection *connection)
   return run.status;
 }
 
-/* The objects on the bus refer to the platform, which therefore goes after the connection is closed. */
+/* Exported objects refer to the platform, so the connection closes before the platform is destroyed. */
 int
 run_camera(int argc, char **argv)
 {
@@ -237,7 +239,7 @@ int
 run_tell(int argc, char **argv)
 {
   g_autofree gchar *bus = nullptr;
-  g_autofree gchar *answer = nullptr;
+  g_autofree gchar *result = nullptr;
   g_autoptr(GError) error = nullptr;
 
   g_set_prgname("simcamera tell");
@@ -248,18 +250,18 @@ run_tell(int argc, char **argv)
     return usage_error("no verb given");
   }
 
-  const char *const *words = argv + 1;
+  const char *const *command = argv + 1;
   g_autoptr(GDBusConnection) connection = sim::bus_connect(bus, &error);
-  if (connection == nullptr || !sim::control_tell(connection, words, &answer, &error)) {
+  if (connection == nullptr || !sim::control_tell(connection, command, &result, &error)) {
     return failure(error);
   }
-  if (*answer != '\0') {
-    g_print("%s\n", answer);
+  if (*result != '\0') {
+    g_print("%s\n", result);
   }
   return EXIT_SUCCESS;
 }
 
-/* With a closed standard input, whatever is opened first would take its place, for a producer to read. */
+/* If standard input is closed, the next descriptor would take its number, and a producer would read it. */
 void
 ensure_standard_input()
 {
@@ -277,7 +279,7 @@ main(int argc, char **argv)
   ensure_standard_input();
   setlocale(LC_ALL, "");
   g_set_prgname("simcamera");
-  signal(SIGPIPE, SIG_IGN); /* readers of streams go when they like */
+  signal(SIGPIPE, SIG_IGN); /* a stream's reader may close its end at any time */
 
   if (argc > 1 && g_str_equal(argv[1], "tell")) {
     return run_tell(argc - 1, argv + 1);

@@ -20,10 +20,10 @@ shared_text_copy(std::string_view text)
 /**
  * shared_text_part:
  * @whole: a text
- * @offset: where the part begins
- * @size: how long it is, not beyond the end of @whole
+ * @offset: the start of the part
+ * @size: its length; the part ends within @whole
  *
- * Returns: the part, which keeps @whole
+ * Returns: the part; it holds a reference to @whole
  */
 SharedText
 shared_text_part(const SharedText &whole, gsize offset, gsize size)
@@ -35,7 +35,7 @@ shared_text_part(const SharedText &whole, gsize offset, gsize size)
  * shared_text_view:
  * @text: a text
  *
- * Returns: the bytes of @text, which stay as long as it
+ * Returns: the bytes of @text; valid as long as @text
  */
 std::string_view
 shared_text_view(const SharedText &text)
@@ -47,9 +47,9 @@ shared_text_view(const SharedText &text)
 
 /**
  * Message:
- * @text: what to send, at most %MAX_TEXT_BYTES
+ * @text: the text, at most %MAX_TEXT_BYTES
  *
- * A message without a text is one that is sent.
+ * A message without a text counts as sent.
  */
 Message::Message(SharedText text) : text_(std::move(text))
 {
@@ -59,7 +59,7 @@ Message::Message(SharedText text) : text_(std::move(text))
 /**
  * Message::is_sent:
  *
- * Returns: whether nothing is left to send
+ * Returns: whether all bytes are sent
  */
 bool
 Message::is_sent() const
@@ -69,9 +69,9 @@ Message::is_sent() const
 
 /**
  * Message::rest:
- * @limit: how many bytes are wanted at most
+ * @limit: the maximum number of bytes
  *
- * Returns: what is to be sent next, for writev(); good until the message is used again
+ * Returns: the bytes to send next, for writev(); valid until the next call of a method
  */
 std::span<const iovec>
 Message::rest(gsize limit)
@@ -89,7 +89,7 @@ Message::rest(gsize limit)
 
 /**
  * Message::advance:
- * @bytes: how many of the bytes of rest() have been sent
+ * @bytes: the number of bytes of rest() that were sent
  */
 void
 Message::advance(gsize bytes)

@@ -10,15 +10,16 @@
 namespace sim
 {
 
-/* Text that several may hold without copying it. */
+/* A text that several owners share without copying it. */
 using SharedText = std::shared_ptr<GBytes>;
 
 SharedText shared_text_copy(std::string_view text);
 SharedText shared_text_part(const SharedText &whole, gsize offset, gsize size);
 std::string_view shared_text_view(const SharedText &text);
 
-/* A message on its way into a producer's stream: four bytes of length in the byte order of the machine, then
- * the text. */
+/* A message that is being written to a stream: four bytes of length in the byte order of the machine, then
+ * the text.
+ */
 class Message
 {
 public:
@@ -34,7 +35,7 @@ public:
 private:
   SharedText text_;
   guint32 length_ = 0;
-  gsize sent_ = 0; /* bytes, those of the length among them */
+  gsize sent_ = 0; /* bytes, including the length */
   std::array<iovec, 2> parts_ = {};
 };
 

@@ -19,16 +19,16 @@ constexpr const char *PRODUCERS_PATH = "/com/quon/MetadataReceiver1/Producers";
 
 constexpr const char *STANDARD_INPUT = "-";
 
-/* Every object has these, and GDBus answers for them. */
+/* GDBus implements these interfaces for every object. */
 constexpr const char *STANDARD_INTERFACES = "org.freedesktop.DBus.";
 
-/* What is wrong for both methods. */
+/* Replies that are wrong for both methods. */
 constexpr std::array WRONG_REPLIES = {
     WrongReply{"wrong-type", "(1,)"},
     WrongReply{"empty", "()"},
 };
 
-/* A producer that is there from the start and tells of one type of objects. */
+/* A producer that exists from the start and reports one type of objects. */
 struct BuiltIn {
   const char *name;
   const char *nice_name;
@@ -113,7 +113,7 @@ MetadataReceiver::export_objects(GDBusConnection *connection, GError **error)
 /**
  * MetadataReceiver::find_producer:
  * @name: its name
- * @error: set if there is no such producer
+ * @error: set if the producer is unknown
  *
  * Returns: (transfer none) (nullable): the producer
  */
@@ -135,25 +135,25 @@ MetadataReceiver::find_producer(const std::string &name, GError **error) const
 
 /**
  * MetadataReceiver::choose_producers:
- * @list: the built-in producers that shall be there, with commas between them; may be empty
- * @error: set if there is no such producer
+ * @list: a comma-separated list of the built-in producers to keep; may be empty
+ * @error: set if a producer is unknown
  *
- * Removes all others. To be called before any producer is added.
+ * Removes all other built-in producers. Call it before any producer is added.
  *
- * Returns: whether it is done
+ * Returns: whether @list is valid
  */
 bool
 MetadataReceiver::choose_producers(const std::string &list, GError **error)
 {
-  const Words wanted = words_split(list);
+  const Arguments chosen = arguments_split(list);
 
-  for (const std::string &name : wanted) {
+  for (const std::string &name : chosen) {
     if (find_producer(name, error) == nullptr) {
       return false;
     }
   }
   for (const BuiltIn &built_in : BUILT_INS) {
-    if (std::find(wanted.begin(), wanted.end(), built_in.name) == wanted.end()) {
+    if (std::find(chosen.begin(), chosen.end(), built_in.name) == chosen.end()) {
       remove_producer(built_in.name, nullptr);
     }
   }
@@ -163,14 +163,14 @@ MetadataReceiver::choose_producers(const std::string &list, GError **error)
 /**
  * MetadataReceiver::add_producer:
  * @name: its name
- * @file: (nullable): what to replay, "-" for standard input
- * @error: set if the name is taken or not fit for an object's path, the file is no recording, standard input
- * is read already, or there are %MAX_PRODUCERS producers
+ * @file: (nullable): the file to replay, "-" for standard input
+ * @error: set if the name is in use or invalid in an object's path, @file is not a recording, another
+ * producer reads standard input, or there are %MAX_PRODUCERS producers
  *
- * Announces a producer. Without a file it tells of the world's objects: a built-in one as always, any other
- * of all.
+ * Exports a producer. Without a file it reports objects of the world: a built-in producer its type, any other
+ * all types.
  *
- * Returns: whether it is there
+ * Returns: whether the producer is added
  */
 bool
 MetadataReceiver::add_producer(const std::string &name, const std::string *file, GError **error)
@@ -210,10 +210,10 @@ MetadataReceiver::make_feed(const std::string &name, const std::string *file, GE
         return nullptr;
       }
     }
-    return std::make_unique<InputFeed>(STDIN_FILENO, pace);
+    return std::make_unique<InputFeed>(STDIN_FILENO, replay_options);
   }
   std::shared_ptr<const Recording> recording = recording_load(*file, error);
-  return recording != nullptr ? std::make_unique<ReplayFeed>(std::move(recording), pace) : nullptr;
+  return recording != nullptr ? std::make_unique<ReplayFeed>(std::move(recording), replay_options) : nullptr;
 }
 
 void
@@ -245,11 +245,11 @@ MetadataReceiver::make_object(const std::shared_ptr<Producer> &producer, const s
 /**
  * MetadataReceiver::remove_producer:
  * @name: its name
- * @error: set if there is no such producer
+ * @error: set if the producer is unknown
  *
- * Takes the producer from the bus and hangs its streams up.
+ * Removes the producer from the bus and closes its streams.
  *
- * Returns: whether it is gone
+ * Returns: whether the producer is removed
  */
 bool
 MetadataReceiver::remove_producer(const std::string &name, GError **error)
@@ -267,12 +267,12 @@ MetadataReceiver::remove_producer(const std::string &name, GError **error)
  * @name: a producer's name
  * @property: one of its properties
  * @value: its value, see Producer::set_property()
- * @error: set if there is no such producer or property, or the bus carries no such value
+ * @error: set if the producer or the property is unknown or the bus carries no such value
  *
- * Takes the producer from the bus and announces it with the new value, for whoever watches reads properties
- * when they are announced. Its streams go on.
+ * Removes the producer from the bus and exports it again with the new value, because clients read properties
+ * only when an object is added. Its streams continue.
  *
- * Returns: whether it is done
+ * Returns: whether the property is set
  */
 bool
 MetadataReceiver::set_property(const std::string &name, const std::string &property, const std::string &value,
@@ -291,12 +291,12 @@ MetadataReceiver::set_property(const std::string &name, const std::string &prope
 /**
  * MetadataReceiver::set_interface:
  * @name: a producer's name
- * @interface: what the producer's interface is called from now on
- * @error: set if there is no such producer, or @interface is no name for it
+ * @interface: the new name of the producer's interface
+ * @error: set if the producer is unknown or @interface is not a valid name
  *
- * Takes the producer from the bus and announces it with that interface only. Its streams go on.
+ * Removes the producer from the bus and exports it again with this interface only. Its streams continue.
  *
- * Returns: whether it is done
+ * Returns: whether the interface is set
  */
 bool
 MetadataReceiver::set_interface(const std::string &name, const std::string &interface, GError **error)
@@ -314,7 +314,7 @@ MetadataReceiver::set_interface(const std::string &name, const std::string &inte
   return true;
 }
 
-/* What the producer does for itself counts before what the whole service does. */
+/* A fault of the producer's method overrides a fault of the service. */
 void
 MetadataReceiver::on_call(const std::weak_ptr<Producer> &called, const char *method, GVariant *arguments,
                           GDBusMethodInvocation *invocation)
@@ -326,15 +326,15 @@ MetadataReceiver::on_call(const std::weak_ptr<Producer> &called, const char *met
   if (stream) {
     g_variant_get(arguments, "(i)", &channel);
   }
-  answer(invocation, producer->misbehaviour(stream ? Method::GET_STREAM_FD : Method::GET_SAMPLE_FRAME),
-         [called, stream, channel](GError **error) -> std::optional<Reply> {
-           const std::shared_ptr<Producer> still = called.lock();
-           if (still == nullptr) {
-             g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT, "the producer has gone");
-             return std::nullopt;
-           }
-           return stream ? stream_reply(still.get(), channel, error) : sample_frame_reply(*still);
-         });
+  reply(invocation, producer->fault_of(stream ? Method::GET_STREAM_FD : Method::GET_SAMPLE_FRAME),
+        [called, stream, channel](GError **error) -> std::optional<Reply> {
+          const std::shared_ptr<Producer> still = called.lock();
+          if (still == nullptr) {
+            g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT, "the producer has gone");
+            return std::nullopt;
+          }
+          return stream ? stream_reply(still.get(), channel, error) : sample_frame_reply(*still);
+        });
 }
 
 } /* namespace sim */

@@ -8,8 +8,8 @@
 namespace sim
 {
 
-/* The service that receives metadata from producers of analytics, and hands their streams out. Each producer
- * is an object, which an object manager announces. */
+/* The service that receives metadata from producers of analytics and hands out their streams. Each producer
+ * is an object of an object manager. */
 class MetadataReceiver : public Service
 {
 public:
@@ -27,7 +27,7 @@ public:
                     GError **error);
   bool set_interface(const std::string &name, const std::string &interface, GError **error);
 
-  Pace pace;
+  ReplayOptions replay_options;
 
 protected:
   bool export_objects(GDBusConnection *connection, GError **error) override;

@@ -1,7 +1,6 @@
 #include "platform.h"
 
-#include "ptzcoordinator.h"
-#include "scenemanager.h"
+#include "valueservice.h"
 #include "videocapture.h"
 
 #include <algorithm>
@@ -11,9 +10,9 @@ namespace sim
 
 Platform::Platform()
 {
-  services_.push_back(std::make_unique<PtzCoordinator>(camera));
+  services_.push_back(std::make_unique<ValueService>(PTZ_COORDINATOR, camera));
   services_.push_back(std::make_unique<VideoCapture>(camera));
-  services_.push_back(std::make_unique<SceneManager>(camera));
+  services_.push_back(std::make_unique<ValueService>(SCENE_MANAGER, camera));
   auto metadata_receiver = std::make_unique<MetadataReceiver>(camera);
   receiver = metadata_receiver.get();
   services_.push_back(std::move(metadata_receiver));
@@ -21,7 +20,7 @@ Platform::Platform()
 
 /**
  * Platform::find_service:
- * @nick: what options and verbs call the service
+ * @nick: the name of the service in options and verbs
  * @error: set if there is no such service
  *
  * Returns: (transfer none) (nullable): the service
@@ -41,7 +40,7 @@ Platform::find_service(const std::string &nick, GError **error) const
 /**
  * Platform::service_list:
  *
- * Returns: every service, for a person to read
+ * Returns: the names of all services, for messages
  */
 std::string
 Platform::service_list() const
@@ -56,25 +55,26 @@ Platform::service_list() const
 
 /**
  * Platform::choose_services:
- * @list: the services that shall be there, with commas between them; may be empty
- * @error: set if there is no such service
+ * @list: a comma-separated list of the services to be present; may be empty
+ * @error: set if a service is unknown
  *
- * Makes all other services absent. To be called before they are on a bus.
+ * Makes all other services absent. Call it before publish().
  *
- * Returns: whether it is done
+ * Returns: whether @list is valid
  */
 bool
 Platform::choose_services(const std::string &list, GError **error)
 {
-  const Words wanted = words_split(list);
+  const Arguments chosen = arguments_split(list);
 
-  for (const std::string &nick : wanted) {
+  for (const std::string &nick : chosen) {
     if (find_service(nick, error) == nullptr) {
       return false;
     }
   }
   return std::all_of(services_.begin(), services_.end(), [&](const auto &service) {
-    return std::find(wanted.begin(), wanted.end(), service->nick()) != wanted.end() || service->vanish(error);
+    return std::find(chosen.begin(), chosen.end(), service->nick()) != chosen.end() ||
+           service->make_absent(error);
   });
 }
 
@@ -83,9 +83,9 @@ Platform::choose_services(const std::string &list, GError **error)
  * @connection: the connection to the bus
  * @error: set if a name is taken
  *
- * Puts every service on the bus.
+ * Publishes all services.
  *
- * Returns: whether all are there that should be
+ * Returns: whether all services are published
  */
 bool
 Platform::publish(GDBusConnection *connection, GError **error)

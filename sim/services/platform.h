@@ -6,14 +6,14 @@
 namespace sim
 {
 
-/* The camera and all its services. */
+/* The camera and its services. */
 class Platform
 {
 public:
   Platform();
 
   Camera camera;
-  MetadataReceiver *receiver; /* one of the services */
+  MetadataReceiver *receiver; /* owned by services_ */
 
   Service *find_service(const std::string &nick, GError **error) const;
   std::string service_list() const;

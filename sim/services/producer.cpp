@@ -61,7 +61,7 @@ channels_variant(guint count)
   return g_variant_builder_end(&channels);
 }
 
-/* @fds: (out): the reader's end and the writer's, which does not block */
+/* @fds: (out): the read end and the non-blocking write end */
 bool
 open_pair(const Descriptors &descriptors, int fds[2], GError **error)
 {
@@ -84,9 +84,9 @@ open_pair(const Descriptors &descriptors, int fds[2], GError **error)
 /**
  * Producer:
  * @name: its name on the bus
- * @nice_name: its name for people
+ * @nice_name: its name for display
  * @camera: has the channels; outlives the producer
- * @feed: what its streams tell
+ * @feed: the messages of its streams
  */
 Producer::Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed)
     : name_(std::move(name)), nice_name_(std::move(nice_name)), camera_(camera), feed_(std::move(feed))
@@ -102,31 +102,31 @@ Producer::name() const
 /**
  * Producer::properties:
  *
- * Returns: (transfer floating): what the producer says of itself, a{sv}
+ * Returns: (transfer floating): the current properties, a{sv}
  */
 GVariant *
 Producer::properties() const
 {
-  GVariantBuilder told;
+  GVariantBuilder dictionary;
 
-  g_variant_builder_init(&told, G_VARIANT_TYPE_VARDICT);
+  g_variant_builder_init(&dictionary, G_VARIANT_TYPE_VARDICT);
   for (const char *property : PROPERTIES) {
     g_autoptr(GVariant) value = property_value(property);
     if (value != nullptr) {
-      g_variant_builder_add(&told, "{sv}", property, value);
+      g_variant_builder_add(&dictionary, "{sv}", property, value);
     }
   }
-  return g_variant_builder_end(&told);
+  return g_variant_builder_end(&dictionary);
 }
 
-/* Returns: (transfer full) (nullable): what the property is at the moment; unset if it is left out */
+/* Returns: (transfer full) (nullable): the current value of the property; %NULL if it is omitted */
 GVariant *
 Producer::property_value(const char *property) const
 {
-  const auto replaced = replaced_.find(property);
+  const auto overridden = overridden_.find(property);
 
-  if (replaced != replaced_.end()) {
-    return replaced->second != nullptr ? g_variant_ref(replaced->second.get()) : nullptr;
+  if (overridden != overridden_.end()) {
+    return overridden->second != nullptr ? g_variant_ref(overridden->second.get()) : nullptr;
   }
   if (g_str_equal(property, NAME)) {
     return g_variant_ref_sink(g_variant_new_string(name_.c_str()));
@@ -140,7 +140,7 @@ Producer::property_value(const char *property) const
 /**
  * Producer::sample_frame:
  *
- * Returns: the sample frame, made fit for the bus
+ * Returns: the sample frame, as valid UTF-8
  */
 std::string
 Producer::sample_frame() const
@@ -151,7 +151,7 @@ Producer::sample_frame() const
   return valid;
 }
 
-/* Whoever has replaced the list by something else gets streams of any channel. */
+/* If the property is overridden by another type, every channel is supported. */
 bool
 Producer::check_channel(gint32 channel, GError **error) const
 {
@@ -173,11 +173,12 @@ Producer::check_channel(gint32 channel, GError **error) const
 /**
  * Producer::open_stream:
  * @channel: a video channel
- * @error: set if it is not supported, or there are %MAX_STREAMS streams
+ * @error: set if the channel is not supported or there are %MAX_STREAMS streams
  *
- * Begins a stream, which lasts until its reader goes, there is nothing more to tell, or it is hung up.
+ * Opens a stream. It ends when its reader closes the descriptor, when there are no more messages, or with
+ * hang_up().
  *
- * Returns: (transfer full): the reader's descriptor, or -1
+ * Returns: (transfer full): the descriptor of the read end, or -1
  */
 int
 Producer::open_stream(gint32 channel, GError **error)
@@ -203,7 +204,7 @@ Producer::open_stream(gint32 channel, GError **error)
 /**
  * Producer::hang_up:
  *
- * Ends all streams at once, even in the middle of a message.
+ * Closes all streams immediately, even within a message.
  */
 void
 Producer::hang_up()
@@ -214,7 +215,7 @@ Producer::hang_up()
 /**
  * Producer::stream_count:
  *
- * Returns: how many streams are open
+ * Returns: the number of open streams
  */
 gsize
 Producer::stream_count() const
@@ -224,7 +225,7 @@ Producer::stream_count() const
 
 /**
  * Producer::set_sample_frame:
- * @text: the sample frame from now on, whether it is an item or not
+ * @text: the new sample frame; not checked
  */
 void
 Producer::set_sample_frame(const std::string &text)
@@ -235,12 +236,12 @@ Producer::set_sample_frame(const std::string &text)
 /**
  * Producer::set_property:
  * @property: a property of the interface
- * @value: its value in GVariant's text format, or "none" to leave it out
- * @error: set if there is no such property, or the bus carries no such value
+ * @value: its value in GVariant's text format, or "none" to omit it
+ * @error: set if the property is unknown or the bus carries no such value
  *
- * Replaces what properties() says.
+ * Overrides the value in properties().
  *
- * Returns: whether it does
+ * Returns: whether the value is overridden
  */
 bool
 Producer::set_property(const std::string &property, const std::string &value, GError **error)
@@ -250,7 +251,7 @@ Producer::set_property(const std::string &property, const std::string &value, GE
                   SUPPORTED_CHANNELS);
   }
   if (value == "none") {
-    replaced_[property] = nullptr;
+    overridden_[property] = nullptr;
     return true;
   }
   g_autoptr(GError) found = nullptr;
@@ -262,53 +263,53 @@ Producer::set_property(const std::string &property, const std::string &value, GE
   if (!bus_can_carry(body)) {
     return refuse(error, "the bus carries no such value: '%s'", value.c_str());
   }
-  replaced_[property] = share(parsed);
+  overridden_[property] = share(parsed);
   return true;
 }
 
 /**
- * Producer::misbehave:
+ * Producer::inject_fault:
  * @method: a method of the interface
- * @words: how, see misbehaviour_parse()
- * @error: set if there is no such method or misbehaviour; the producer then goes on as before
+ * @arguments: the fault and its argument, see fault_parse()
+ * @error: set if the method or the fault is unknown; the current fault then stays
  *
- * Misbehaves from the method's next call on.
+ * Injects a fault into the replies to all later calls of the method.
  *
- * Returns: whether it does
+ * Returns: whether the fault is injected
  */
 bool
-Producer::misbehave(const std::string &method, const Words &words, GError **error)
+Producer::inject_fault(const std::string &method, const Arguments &arguments, GError **error)
 {
   const auto *kind = std::find_if(METHODS.begin(), METHODS.end(),
                                   [&method](const MethodKind &entry) { return method == entry.name; });
-  Misbehaviour asked;
+  Fault fault;
 
   if (kind == METHODS.end()) {
     return refuse(error, "unknown method '%s'; there are: %s, %s", method.c_str(), METHODS[0].name,
                   METHODS[1].name);
   }
-  if (!misbehaviour_parse(words, kind->wrong_replies, &asked, error)) {
+  if (!fault_parse(arguments, kind->wrong_replies, &fault, error)) {
     return false;
   }
-  misbehaviours_[static_cast<gsize>(kind->method)] = std::move(asked);
+  faults_[static_cast<gsize>(kind->method)] = std::move(fault);
   return true;
 }
 
 /**
- * Producer::behave:
+ * Producer::clear_faults:
  *
- * Answers both methods rightly from the next call on.
+ * Sends correct replies to all later calls of both methods.
  */
 void
-Producer::behave()
+Producer::clear_faults()
 {
-  misbehaviours_ = {};
+  faults_ = {};
 }
 
-const Misbehaviour &
-Producer::misbehaviour(Method method) const
+const Fault &
+Producer::fault_of(Method method) const
 {
-  return misbehaviours_[static_cast<gsize>(method)];
+  return faults_[static_cast<gsize>(method)];
 }
 
 } /* namespace sim */

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "camera.h"
-#include "misbehaviour.h"
+#include "fault.h"
 #include "stream.h"
 
 #include <map>
@@ -14,13 +14,13 @@ enum class Method {
   GET_STREAM_FD,
 };
 
-/* What GetStreamFd hands out. */
+/* The descriptors that GetStreamFd returns. */
 struct Descriptors {
-  bool socket = false; /* or else a pipe */
+  bool socket = false; /* if false, a pipe */
   bool blocking = true;
 };
 
-/* One producer of analytics: what it says of itself, and its streams. Main thread only. */
+/* One producer of analytics: its properties, its sample frame and its streams. Main thread only. */
 class Producer
 {
 public:
@@ -37,9 +37,9 @@ public:
 
   void set_sample_frame(const std::string &text);
   bool set_property(const std::string &property, const std::string &value, GError **error);
-  bool misbehave(const std::string &method, const Words &words, GError **error);
-  void behave();
-  const Misbehaviour &misbehaviour(Method method) const;
+  bool inject_fault(const std::string &method, const Arguments &arguments, GError **error);
+  void clear_faults();
+  const Fault &fault_of(Method method) const;
 
   Descriptors descriptors;
   Pieces pieces;
@@ -51,9 +51,10 @@ private:
   const std::string name_;
   const std::string nice_name_;
   const Camera &camera_;
-  std::optional<std::string> sample_frame_;                   /* in place of the feed's */
-  std::map<std::string, std::shared_ptr<GVariant>> replaced_; /* properties; an unset one is left out */
-  std::array<Misbehaviour, 2> misbehaviours_;
+  std::optional<std::string> sample_frame_; /* overrides the feed's */
+  std::map<std::string, std::shared_ptr<GVariant>>
+      overridden_; /* properties; one without a value is omitted */
+  std::array<Fault, 2> faults_;
   const std::unique_ptr<Feed> feed_;
   std::vector<std::unique_ptr<Stream>> streams_;
 };

@@ -7,7 +7,7 @@
 namespace
 {
 
-/* A format: the interface's name. */
+/* A format string; its argument is the name of the interface. */
 constexpr const char *XML = R"(
 <node>
   <interface name="%s">
@@ -55,10 +55,9 @@ all_properties(gpointer object)
   return g_variant_ref_sink(state_of(object)->properties());
 }
 
-/* What came to the standard interface for properties. A property that is left out is one that does not exist.
- */
+/* Replies to a call of the standard interface for properties. An omitted property does not exist. */
 void
-answer_property(gpointer object, GVariant *arguments, GDBusMethodInvocation *invocation)
+reply_property(gpointer object, GVariant *arguments, GDBusMethodInvocation *invocation)
 {
   g_autoptr(GVariant) properties = all_properties(object);
   const gchar *name = nullptr;
@@ -82,7 +81,7 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
         const gchar *method, GVariant *arguments, GDBusMethodInvocation *invocation, gpointer user_data)
 {
   if (g_str_equal(interface, "org.freedesktop.DBus.Properties")) {
-    answer_property(user_data, arguments, invocation);
+    reply_property(user_data, arguments, invocation);
   } else {
     state_of(user_data)->call(method, arguments, invocation);
   }
@@ -97,7 +96,7 @@ get_info(GDBusInterfaceSkeleton *skeleton)
 GDBusInterfaceVTable *
 get_vtable(GDBusInterfaceSkeleton *skeleton)
 {
-  /* Without get_property, what comes for properties comes to method_call. */
+  /* Without get_property, GDBus passes calls for properties to method_call. */
   static GDBusInterfaceVTable vtable = {on_call, nullptr, nullptr, {}};
 
   return &vtable;
@@ -109,7 +108,7 @@ get_properties(GDBusInterfaceSkeleton *skeleton)
   return all_properties(skeleton);
 }
 
-/* Nothing changes while the object is announced. */
+/* The properties do not change while the object is exported. */
 void
 flush(GDBusInterfaceSkeleton *skeleton)
 {
@@ -147,11 +146,11 @@ namespace sim
 
 /**
  * producer_interface_new:
- * @name: its name, which is fit for an interface
- * @properties: tells what the properties are at the moment
- * @call: answers the methods
+ * @name: a valid name of an interface
+ * @properties: returns the current properties
+ * @call: replies to the methods
  *
- * Returns: (transfer full): the interface, to be put on an object
+ * Returns: (transfer full): the interface, for an object
  */
 GDBusInterfaceSkeleton *
 producer_interface_new(const std::string &name, ProducerProperties properties, ProducerCall call)

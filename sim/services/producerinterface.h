@@ -7,9 +7,9 @@
 namespace sim
 {
 
-/* The interface com.quon.MetadataReceiver1.Producer on an object, or the same under another name. It is
- * written by hand because it tells whatever properties it is given, those of a wrong type among them, where a
- * generated one would have them right. */
+/* The interface com.quon.MetadataReceiver1.Producer of an object, or the same interface under another name.
+ * It is not generated, because it returns any properties that it is given, including those of a wrong type.
+ */
 
 constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
 

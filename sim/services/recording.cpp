@@ -1,7 +1,7 @@
 #include "recording.h"
 
+#include "arguments.h"
 #include "linesplitter.h"
-#include "words.h"
 
 #include <sys/stat.h>
 
@@ -12,9 +12,9 @@ namespace
 {
 
 constexpr std::string_view TIME_MEMBER = "UtcTime";
-constexpr gsize LONGEST_TIME = 64;
+constexpr gsize MAX_TIME_LENGTH = 64;
 
-/* Returns: where the string literal that begins at @begin ends: at its closing quote, or beyond the line */
+/* Returns: the offset of the closing quote of the string literal at @begin, or the end of the line */
 gsize
 end_of_string(std::string_view line, gsize begin)
 {
@@ -35,7 +35,7 @@ skip_blanks(std::string_view line, gsize at)
   return at;
 }
 
-/* Returns: where the value of a member begins whose name ends at @at, if it is a string */
+/* Returns: the offset of the value of the member whose name ends at @at, if it is a string */
 std::optional<gsize>
 find_string_value(std::string_view line, gsize at)
 {
@@ -52,7 +52,7 @@ parse_time(std::string_view text)
 {
   g_autoptr(GTimeZone) utc = g_time_zone_new_utc();
 
-  if (text.size() > LONGEST_TIME) {
+  if (text.size() > MAX_TIME_LENGTH) {
     return std::nullopt;
   }
   g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(std::string(text).c_str(), utc);
@@ -117,12 +117,12 @@ cut_into_lines(std::string_view content, const std::string &path, Recording *rec
 
 /**
  * recording_find_stamp:
- * @line: any text, supposedly a JSON object
+ * @line: any text, normally a JSON object
  *
- * Looks for the member "UtcTime" of the object itself, not of one inside of it. Nothing but that is looked
- * at, so that the rest of the line can stay as it is, be it right or wrong.
+ * Finds the member "UtcTime" of the outermost object. The rest of the line is not checked and may be
+ * malformed.
  *
- * Returns: where the line tells its time, if it does
+ * Returns: the time of the line, if it has one
  */
 std::optional<Recording::Stamp>
 recording_find_stamp(std::string_view line)
@@ -150,10 +150,10 @@ recording_find_stamp(std::string_view line)
 /**
  * recording_load:
  * @path: a file
- * @error: set if there is no such file, it has no line or more than %Recording::MAX_LINES, or it is longer
- * than %Recording::MAX_BYTES or has a line longer than %Message::MAX_TEXT_BYTES
+ * @error: set if the file cannot be read, has no line or more than %Recording::MAX_LINES, is longer than
+ *   %Recording::MAX_BYTES, or has a line longer than %Message::MAX_TEXT_BYTES
  *
- * Reads a file of lines. What is in them is nobody's concern here.
+ * Reads a file of lines. Their content is not checked.
  *
  * Returns: (nullable): the recording
  */

@@ -9,12 +9,12 @@
 namespace sim
 {
 
-/* What a producer said some time: lines of JSON, an item each. */
+/* The recorded messages of a producer: lines of JSON, one item each. */
 struct Recording {
   static constexpr gsize MAX_BYTES = 64 * 1024 * 1024;
   static constexpr gsize MAX_LINES = 100000;
 
-  /* Where a line tells its time. */
+  /* The time of a line, and its place in the text. */
   struct Stamp {
     gsize offset;
     gsize size;
@@ -26,7 +26,7 @@ struct Recording {
     std::optional<Stamp> stamp;
   };
 
-  std::vector<Line> lines; /* one at least */
+  std::vector<Line> lines; /* at least one */
 };
 
 std::optional<Recording::Stamp> recording_find_stamp(std::string_view line);

@@ -10,8 +10,9 @@ namespace sim
 namespace
 {
 
-/* The gaps before each line. Lines without a time follow at once, as do those that go back in time. Before
- * the first line, which follows the last one, there is the gap that came last. */
+/* The time before each line. Lines without a time, and lines with an earlier time than the previous one,
+ * follow immediately. The time before the first line of a repetition is that before the last line with a
+ * time. */
 std::vector<gint64>
 measure_gaps(const Recording &recording)
 {
@@ -22,35 +23,35 @@ measure_gaps(const Recording &recording)
   for (const Recording::Line &line : recording.lines) {
     gint64 gap = 0;
     if (line.stamp.has_value()) {
-      gap = std::clamp(line.stamp->utc - before.value_or(line.stamp->utc), gint64{0}, Replay::LONGEST_GAP);
+      gap = std::clamp(line.stamp->utc - before.value_or(line.stamp->utc), gint64{0}, Replay::MAX_GAP);
       latest_gap = before.has_value() ? gap : latest_gap;
       before = line.stamp->utc;
     }
     gaps.push_back(gap);
   }
-  gaps.front() = std::max(latest_gap, Replay::SHORTEST_RESTART);
+  gaps.front() = std::max(latest_gap, Replay::MIN_RESTART);
   return gaps;
 }
 
-/* Tells the line's item as of another time. */
+/* Replaces the time of a line. */
 SharedText
-move_to(const Recording::Line &line, gint64 utc)
+with_time(const Recording::Line &line, gint64 utc)
 {
   if (!line.stamp.has_value()) {
     return line.text;
   }
   const std::string_view text = shared_text_view(line.text);
   g_autofree char *time = onvif::xml_date_time(utc);
-  std::string moved(text.substr(0, line.stamp->offset));
-  moved.append(time).append(text.substr(line.stamp->offset + line.stamp->size));
-  return moved.size() <= Message::MAX_TEXT_BYTES ? shared_text_copy(moved) : line.text;
+  std::string shifted(text.substr(0, line.stamp->offset));
+  shifted.append(time).append(text.substr(line.stamp->offset + line.stamp->size));
+  return shifted.size() <= Message::MAX_TEXT_BYTES ? shared_text_copy(shifted) : line.text;
 }
 
-class ReplayTeller : public Teller
+class ReplayMessages : public MessageSource
 {
 public:
-  ReplayTeller(std::shared_ptr<const Recording> recording, const Pace &pace)
-      : replay_(std::move(recording), pace, g_get_monotonic_time())
+  ReplayMessages(std::shared_ptr<const Recording> recording, const ReplayOptions &options)
+      : replay_(std::move(recording), options, g_get_monotonic_time())
   {
   }
 
@@ -77,14 +78,14 @@ private:
 
 /**
  * Replay:
- * @recording: what to replay
- * @pace: how
- * @now: the present time, at which the first line is due
+ * @recording: the recording
+ * @options: the options
+ * @now: the current time; the first line is due at this time
  */
-Replay::Replay(std::shared_ptr<const Recording> recording, const Pace &pace, gint64 now)
-    : recording_(std::move(recording)), pace_(pace), due_(now)
+Replay::Replay(std::shared_ptr<const Recording> recording, const ReplayOptions &options, gint64 now)
+    : recording_(std::move(recording)), options_(options), due_(now)
 {
-  if (!pace_.rate.has_value()) {
+  if (!options_.rate.has_value()) {
     gaps_ = measure_gaps(*recording_);
   }
 }
@@ -92,18 +93,18 @@ Replay::Replay(std::shared_ptr<const Recording> recording, const Pace &pace, gin
 /**
  * Replay::has_ended:
  *
- * Returns: whether the last line has been told and nothing follows
+ * Returns: whether the replay has ended
  */
 bool
 Replay::has_ended() const
 {
-  return pace_.once && index_ == recording_->lines.size();
+  return options_.once && index_ == recording_->lines.size();
 }
 
 /**
  * Replay::due:
  *
- * Returns: when the next line is due
+ * Returns: the time of the next line
  */
 gint64
 Replay::due() const
@@ -113,25 +114,25 @@ Replay::due() const
 
 /**
  * Replay::next:
- * @now: the present time
- * @utc_now: the same as microseconds since 1970
+ * @now: the current time
+ * @utc_now: the same time in microseconds since 1970
  *
- * Tells the next line, which is due. With a rate, it is as recorded; else as of the time at which it is due.
+ * Call it when a line is due.
  *
- * Returns: the line
+ * Returns: the next line; with a rate unchanged, otherwise with the time at which it is due
  */
 SharedText
 Replay::next(gint64 now, gint64 utc_now)
 {
-  if (now - due_ > LONGEST_CATCH_UP || pace_.rate == 0U) {
+  if (now - due_ > MAX_CATCH_UP || options_.rate == 0U) {
     due_ = now;
   }
   const gsize count = recording_->lines.size();
   const Recording::Line &line = recording_->lines[index_ % count];
-  SharedText text = pace_.rate.has_value() ? line.text : move_to(line, utc_now - (now - due_));
+  SharedText text = options_.rate.has_value() ? line.text : with_time(line, utc_now - (now - due_));
 
   index_++;
-  if (index_ == count && !pace_.once) {
+  if (index_ == count && !options_.once) {
     index_ = 0;
   }
   due_ += gap_before(index_ % count);
@@ -141,26 +142,26 @@ Replay::next(gint64 now, gint64 utc_now)
 gint64
 Replay::gap_before(gsize line) const
 {
-  if (!pace_.rate.has_value()) {
+  if (!options_.rate.has_value()) {
     return gaps_[line];
   }
-  return *pace_.rate > 0 ? G_TIME_SPAN_SECOND / *pace_.rate : 0;
+  return *options_.rate > 0 ? G_TIME_SPAN_SECOND / *options_.rate : 0;
 }
 
 /**
  * ReplayFeed:
- * @recording: what to replay
- * @pace: how; outlives the feed, and streams take what it is when they begin
+ * @recording: the recording
+ * @options: the options; outlive the feed. A stream uses their values at its start.
  */
-ReplayFeed::ReplayFeed(std::shared_ptr<const Recording> recording, const Pace &pace)
-    : recording_(std::move(recording)), pace_(pace)
+ReplayFeed::ReplayFeed(std::shared_ptr<const Recording> recording, const ReplayOptions &options)
+    : recording_(std::move(recording)), options_(options)
 {
 }
 
-std::unique_ptr<Teller>
-ReplayFeed::open(Wake wake)
+std::unique_ptr<MessageSource>
+ReplayFeed::open(Notify notify)
 {
-  return std::make_unique<ReplayTeller>(recording_, pace_);
+  return std::make_unique<ReplayMessages>(recording_, options_);
 }
 
 std::string

@@ -6,30 +6,30 @@
 namespace sim
 {
 
-/* How recordings are replayed. */
-struct Pace {
+/* The options of a replay. */
+struct ReplayOptions {
   static constexpr guint MAX_RATE = 1000000;
 
   std::optional<guint>
-      rate;          /* messages a second, 0 as fast as they are taken; unset: as they were recorded */
-  bool once = false; /* whether the stream ends with the recording */
+      rate;          /* messages per second; 0: as fast as the reader takes them; unset: as recorded */
+  bool once = false; /* whether the stream ends after the recording */
 };
 
-/* One replay of a recording, for ever or once. All times are microseconds: those of the clock that never
- * jumps, unless they are called UTC. */
+/* One replay of a recording, repeated or once. All times are in microseconds, on the monotonic clock unless
+ * their name has "utc". */
 class Replay
 {
 public:
-  /* Between two lines, however far apart they were recorded. */
-  static constexpr gint64 LONGEST_GAP = 60 * 60 * G_TIME_SPAN_SECOND;
+  /* The maximum time between two lines. */
+  static constexpr gint64 MAX_GAP = 60 * 60 * G_TIME_SPAN_SECOND;
 
-  /* Between the last line and the first. */
-  static constexpr gint64 SHORTEST_RESTART = 100 * G_TIME_SPAN_MILLISECOND;
+  /* The minimum time between the last line and the first one of the next repetition. */
+  static constexpr gint64 MIN_RESTART = 100 * G_TIME_SPAN_MILLISECOND;
 
-  /* A replay that had to wait for longer does not hurry to make up for it. */
-  static constexpr gint64 LONGEST_CATCH_UP = G_TIME_SPAN_SECOND;
+  /* A replay that is late by more than this continues at its normal rate. */
+  static constexpr gint64 MAX_CATCH_UP = G_TIME_SPAN_SECOND;
 
-  Replay(std::shared_ptr<const Recording> recording, const Pace &pace, gint64 now);
+  Replay(std::shared_ptr<const Recording> recording, const ReplayOptions &options, gint64 now);
 
   bool has_ended() const;
   gint64 due() const;
@@ -39,24 +39,24 @@ private:
   gint64 gap_before(gsize line) const;
 
   const std::shared_ptr<const Recording> recording_;
-  const Pace pace_;
+  const ReplayOptions options_;
   gsize index_ = 0; /* of the next line */
   gint64 due_;
-  std::vector<gint64> gaps_; /* before each line, as recorded */
+  std::vector<gint64> gaps_; /* time before each line, as recorded */
 };
 
-/* Replays a recording on each stream from its start. */
+/* Replays a recording on each stream, from the start of the recording. */
 class ReplayFeed : public Feed
 {
 public:
-  ReplayFeed(std::shared_ptr<const Recording> recording, const Pace &pace);
+  ReplayFeed(std::shared_ptr<const Recording> recording, const ReplayOptions &options);
 
-  std::unique_ptr<Teller> open(Wake wake) override;
+  std::unique_ptr<MessageSource> open(Notify notify) override;
   std::string sample_frame() const override;
 
 private:
   const std::shared_ptr<const Recording> recording_;
-  const Pace &pace_;
+  const ReplayOptions &options_;
 };
 
 } /* namespace sim */

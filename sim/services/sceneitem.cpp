@@ -14,9 +14,9 @@ namespace
 {
 
 constexpr double NUMBER_PARTS = 10000;
-constexpr gsize NUMBER_SIZE = 32; /* for what is in a picture */
+constexpr gsize NUMBER_SIZE = 32; /* for coordinates in the picture */
 
-/* When the example was seen. */
+/* The time of the example. */
 constexpr gint64 EXAMPLE_UTC = G_GINT64_CONSTANT(1704067200) * G_USEC_PER_SEC;
 
 constexpr std::array<Object, 2> EXAMPLE_OBJECTS = {{
@@ -24,18 +24,18 @@ constexpr std::array<Object, 2> EXAMPLE_OBJECTS = {{
     {.id = 2, .type = ObjectType::VEHICLE, .centre = {0.4, 0}, .width = 0.44, .height = 0.28},
 }};
 
-/* As few digits as the number needs, four decimals at most, whatever the locale. */
+/* The shortest form, with at most four decimals, independent of the locale. */
 std::string
 number_text(double value)
 {
   std::array<char, NUMBER_SIZE> text = {};
-  const double rounded = std::round(value * NUMBER_PARTS) / NUMBER_PARTS + 0.0; /* makes -0 to 0 */
+  const double rounded = std::round(value * NUMBER_PARTS) / NUMBER_PARTS + 0.0; /* converts -0 to 0 */
   const auto [end, error] = std::to_chars(text.begin(), text.end(), rounded, std::chars_format::fixed);
 
   return {text.begin(), end};
 }
 
-/* Puts commas between the texts of all parts. */
+/* A JSON array of all parts. */
 template <typename Part, typename MakeText>
 std::string
 list_text(const std::vector<Part> &parts, MakeText make_text)
@@ -82,7 +82,7 @@ object_text(const SceneObject &object)
  * scene_to_item:
  * @scene: a scene
  *
- * Returns: @scene as a producer's item, one line of JSON
+ * Returns: @scene as an item of a producer, one line of JSON
  */
 std::string
 scene_to_item(const Scene &scene)
@@ -95,10 +95,10 @@ scene_to_item(const Scene &scene)
 
 /**
  * scene_example_item:
- * @only: the one type of objects to show; all if unset
- * @polygons: whether they have polygons
+ * @only: the only type of objects to include; all types if unset
+ * @polygons: whether the objects have polygons
  *
- * Returns: an item as scene_to_item() makes it, always the same
+ * Returns: an example of an item; constant
  */
 std::string
 scene_example_item(std::optional<ObjectType> only, bool polygons)

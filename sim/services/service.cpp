@@ -10,12 +10,12 @@ namespace
 
 constexpr const char *ERROR_NAME = "org.freedesktop.DBus.Error.Failed";
 
-/* Takes the call over. */
+/* @invocation: (transfer full) */
 void
-answer_rightly(GDBusMethodInvocation *invocation, const RightAnswer &right)
+send_reply(GDBusMethodInvocation *invocation, const ReplyMaker &make_reply)
 {
   GError *error = nullptr;
-  const std::optional<Reply> reply = right(&error);
+  const std::optional<Reply> reply = make_reply(&error);
 
   if (!reply.has_value()) {
     g_dbus_method_invocation_take_error(invocation, error);
@@ -25,47 +25,49 @@ answer_rightly(GDBusMethodInvocation *invocation, const RightAnswer &right)
   bus_reply(invocation, reply->body, fds);
 }
 
-/* A reply of a wrong form, which may come with the right one's descriptors. Takes the call over. */
+/* Sends a reply of a wrong form, if necessary with the correct reply's descriptors.
+ *
+ * @invocation: (transfer full) */
 void
-answer_wrongly(GDBusMethodInvocation *invocation, const Misbehaviour &how, const RightAnswer &right)
+send_wrong_reply(GDBusMethodInvocation *invocation, const Fault &fault, const ReplyMaker &make_reply)
 {
   g_autoptr(GUnixFDList) fds = nullptr;
 
-  if (how.reply_has_descriptors) {
-    if (const std::optional<Reply> reply = right(nullptr)) {
+  if (fault.reply_has_descriptors) {
+    if (const std::optional<Reply> reply = make_reply(nullptr)) {
       g_variant_unref(g_variant_ref_sink(reply->body));
       fds = reply->fds;
     }
   }
-  bus_reply(invocation, how.reply.get(), fds);
+  bus_reply(invocation, fault.reply.get(), fds);
 }
 
-/* A slow answer on its way. */
-struct LateAnswer {
-  GDBusMethodInvocation *invocation; /* owned; unset once answered */
-  RightAnswer right;
+struct DelayedReply {
+  GDBusMethodInvocation *invocation; /* owned; nullptr after the reply */
+  ReplyMaker make_reply;
 
-  ~LateAnswer()
+  ~DelayedReply()
   {
     g_clear_object(&invocation);
   }
 };
 
 gboolean
-on_answer_due(gpointer user_data)
+on_reply_due(gpointer user_data)
 {
-  auto *late = static_cast<LateAnswer *>(user_data);
+  auto *delayed = static_cast<DelayedReply *>(user_data);
 
-  answer_rightly(g_steal_pointer(&late->invocation), late->right);
+  send_reply(g_steal_pointer(&delayed->invocation), delayed->make_reply);
   return G_SOURCE_REMOVE;
 }
 
-/* Takes the call over. */
+/* @invocation: (transfer full) */
 void
-answer_later(GDBusMethodInvocation *call, RightAnswer right, guint delay_ms)
+reply_later(GDBusMethodInvocation *invocation, ReplyMaker make_reply, guint delay_ms)
 {
-  g_timeout_add_full(G_PRIORITY_DEFAULT, delay_ms, on_answer_due, new LateAnswer{call, std::move(right)},
-                     [](gpointer data) { delete static_cast<LateAnswer *>(data); });
+  g_timeout_add_full(G_PRIORITY_DEFAULT, delay_ms, on_reply_due,
+                     new DelayedReply{invocation, std::move(make_reply)},
+                     [](gpointer data) { delete static_cast<DelayedReply *>(data); });
 }
 
 } /* namespace */
@@ -89,7 +91,7 @@ Service::nick() const
 /**
  * Service::calls:
  *
- * Returns: how many questions have arrived, whatever became of them
+ * Returns: the number of calls that have arrived, including those with faults
  */
 guint64
 Service::calls() const
@@ -102,9 +104,9 @@ Service::calls() const
  * @connection: the connection to the bus
  * @error: set if the name is taken
  *
- * Puts the objects on the bus and then takes the name, unless the service is to be absent. To be called once.
+ * Exports the objects and then acquires the name, unless the service is absent. Call it once.
  *
- * Returns: whether the service is there, as far as it should be
+ * Returns: whether the service is published
  */
 bool
 Service::publish(GDBusConnection *connection, GError **error)
@@ -114,15 +116,15 @@ Service::publish(GDBusConnection *connection, GError **error)
 }
 
 /**
- * Service::appear:
+ * Service::make_present:
  * @error: set if the name is taken
  *
- * Owns the name, at once or as soon as there is a bus.
+ * Acquires the name, or makes publish() acquire it.
  *
- * Returns: whether the service is there
+ * Returns: whether the service is present
  */
 bool
-Service::appear(GError **error)
+Service::make_present(GError **error)
 {
   if (connection_ != nullptr && !bus_name_own(connection_, bus_name_, error)) {
     return false;
@@ -132,15 +134,15 @@ Service::appear(GError **error)
 }
 
 /**
- * Service::vanish:
- * @error: set if the bus does not answer
+ * Service::make_absent:
+ * @error: set if the bus does not reply
  *
- * Gives the name up, or does not take it in the first place.
+ * Releases the name, or keeps publish() from acquiring it.
  *
  * Returns: whether the service is absent
  */
 bool
-Service::vanish(GError **error)
+Service::make_absent(GError **error)
 {
   if (connection_ != nullptr && !bus_name_release(connection_, bus_name_, error)) {
     return false;
@@ -150,104 +152,104 @@ Service::vanish(GError **error)
 }
 
 /**
- * Service::misbehave:
- * @words: how, see misbehaviour_parse()
- * @error: set if there is no such misbehaviour; the service then goes on as before
+ * Service::inject_fault:
+ * @arguments: the fault and its argument, see fault_parse()
+ * @error: set if the fault is unknown; the current fault then stays
  *
- * Misbehaves from the next question on. Slow answers on their way still come.
+ * Injects a fault into the replies to all later calls. Delayed replies to earlier calls are still sent.
  *
- * Returns: whether it does
+ * Returns: whether the fault is injected
  */
 bool
-Service::misbehave(const Words &words, GError **error)
+Service::inject_fault(const Arguments &arguments, GError **error)
 {
-  Misbehaviour asked;
+  Fault fault;
 
-  if (!misbehaviour_parse(words, wrong_replies_, &asked, error)) {
+  if (!fault_parse(arguments, wrong_replies_, &fault, error)) {
     return false;
   }
-  misbehaviour_ = std::move(asked);
+  fault_ = std::move(fault);
   return true;
 }
 
 /**
- * Service::behave:
+ * Service::clear_fault:
  *
- * Gives the right answer from the next question on.
+ * Sends correct replies to all later calls.
  */
 void
-Service::behave()
+Service::clear_fault()
 {
-  misbehaviour_ = {};
+  fault_ = {};
 }
 
 /**
- * Service::answer:
- * @invocation: (transfer full): a question
- * @body: (transfer floating): the right answer
+ * Service::reply:
+ * @invocation: (transfer full): a call
+ * @body: (transfer floating): the correct reply
  *
- * Answers as the service behaves at the moment.
+ * Replies, with the service's fault if there is one.
  */
 void
-Service::answer(GDBusMethodInvocation *invocation, GVariant *body)
+Service::reply(GDBusMethodInvocation *invocation, GVariant *body)
 {
-  const std::shared_ptr<GVariant> right(g_variant_ref_sink(body), g_variant_unref);
+  const std::shared_ptr<GVariant> correct(g_variant_ref_sink(body), g_variant_unref);
 
-  answer(invocation, {}, [right](GError **error) { return Reply{.body = right.get()}; });
+  reply(invocation, {}, [correct](GError **error) { return Reply{.body = correct.get()}; });
 }
 
 /**
- * Service::answer:
- * @invocation: (transfer full): a question
- * @particular: how whoever was asked misbehaves for itself; counts before how the service does
- * @right: makes the right answer, when that is sent
+ * Service::reply:
+ * @invocation: (transfer full): a call
+ * @own_fault: the fault of the object that was called; overrides the service's fault
+ * @make_reply: makes the correct reply when it is sent
  *
- * Answers as the service behaves at the moment.
+ * Replies, with the fault if there is one.
  */
 void
-Service::answer(GDBusMethodInvocation *invocation, const Misbehaviour &particular, RightAnswer right)
+Service::reply(GDBusMethodInvocation *invocation, const Fault &own_fault, ReplyMaker make_reply)
 {
-  const Misbehaviour &how = particular.conduct != Conduct::GOOD ? particular : misbehaviour_;
+  const Fault &fault = own_fault.type != FaultType::NONE ? own_fault : fault_;
 
   calls_++;
-  switch (how.conduct) {
-  case Conduct::GOOD:
-    answer_rightly(invocation, right);
+  switch (fault.type) {
+  case FaultType::NONE:
+    send_reply(invocation, make_reply);
     break;
-  case Conduct::ERROR:
-    g_dbus_method_invocation_return_dbus_error(invocation, ERROR_NAME, how.error_text.c_str());
+  case FaultType::ERROR:
+    g_dbus_method_invocation_return_dbus_error(invocation, ERROR_NAME, fault.error_text.c_str());
     break;
-  case Conduct::REPLY:
-    answer_wrongly(invocation, how, right);
+  case FaultType::REPLY:
+    send_wrong_reply(invocation, fault, make_reply);
     break;
-  case Conduct::SLOW:
-    answer_later(invocation, std::move(right), how.delay_ms);
+  case FaultType::DELAY:
+    reply_later(invocation, std::move(make_reply), fault.delay_ms);
     break;
-  case Conduct::NEVER:
+  case FaultType::NO_REPLY:
     g_object_unref(invocation);
     break;
   }
 }
 
 /**
- * Service::answer_property:
- * @invocation: (transfer full): what came to the standard interface for properties
- * @name: the only property that the object has
+ * Service::reply_property:
+ * @invocation: (transfer full): a call of the standard interface for properties
+ * @name: the only property of the object
  * @value: (transfer floating): its value
  *
- * Answers "Get", which is a question, and "GetAll", which is none: that comes from tools that look around,
- * and from clients that keep copies of properties.
+ * Replies to "Get", with the service's fault if there is one, and to "GetAll", which is never counted and
+ * always correct: generic D-Bus tools and proxies that cache properties call it.
  */
 void
-Service::answer_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value)
+Service::reply_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value)
 {
-  g_autoptr(GVariant) right = g_variant_ref_sink(value);
+  g_autoptr(GVariant) correct = g_variant_ref_sink(value);
 
   if (g_str_equal(g_dbus_method_invocation_get_method_name(invocation), "Get")) {
-    answer(invocation, g_variant_new("(v)", right));
+    reply(invocation, g_variant_new("(v)", correct));
     return;
   }
-  GVariant *entry = g_variant_new_dict_entry(g_variant_new_string(name), g_variant_new_variant(right));
+  GVariant *entry = g_variant_new_dict_entry(g_variant_new_string(name), g_variant_new_variant(correct));
   GVariant *all = g_variant_new_array(nullptr, &entry, 1);
   g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(&all, 1));
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "misbehaviour.h"
+#include "fault.h"
 
 #include <functional>
 #include <gio/gunixfdlist.h>
@@ -9,20 +9,20 @@
 namespace sim
 {
 
-/* What answers a question. */
+/* The reply to a call. */
 struct Reply {
-  GVariant *body;             /* floating, or somebody else's */
-  GUnixFDList *fds = nullptr; /* owned by whoever gets the reply; unset if no descriptors come with it */
+  GVariant *body;             /* floating, or owned by the maker of the reply */
+  GUnixFDList *fds = nullptr; /* (transfer full) (nullable): its descriptors */
 };
 
-/* Makes the right answer, or sets the error that is the right answer. */
-using RightAnswer = std::function<std::optional<Reply>(GError **error)>;
+/* Makes the correct reply; unset with @error set if the correct reply is an error. */
+using ReplyMaker = std::function<std::optional<Reply>(GError **error)>;
 
-/* One service of the platform: a name on the bus, objects behind it, and how it behaves. Main thread only.
+/* One service of the platform: a name on the bus, its objects, and the fault that is injected into it. Main
+ * thread only.
  *
- * A service's own file says what its objects are and what the right answer to a question is; answer() then
- * gives that answer or whatever somebody asked for in its place. Only the questions that go through answer()
- * are counted and misbehaved upon. */
+ * A derived class exports its objects and passes the correct reply to each call to reply(), which counts the
+ * call and applies the fault. Calls that do not go through reply() are not counted and have no fault. */
 class Service
 {
 public:
@@ -35,25 +35,25 @@ public:
   guint64 calls() const;
 
   bool publish(GDBusConnection *connection, GError **error);
-  bool appear(GError **error);
-  bool vanish(GError **error);
-  bool misbehave(const Words &words, GError **error);
-  void behave();
+  bool make_present(GError **error);
+  bool make_absent(GError **error);
+  bool inject_fault(const Arguments &arguments, GError **error);
+  void clear_fault();
 
 protected:
   virtual bool export_objects(GDBusConnection *connection, GError **error) = 0;
 
-  void answer(GDBusMethodInvocation *invocation, GVariant *body);
-  void answer(GDBusMethodInvocation *invocation, const Misbehaviour &particular, RightAnswer right);
-  void answer_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value);
+  void reply(GDBusMethodInvocation *invocation, GVariant *body);
+  void reply(GDBusMethodInvocation *invocation, const Fault &own_fault, ReplyMaker make_reply);
+  void reply_property(GDBusMethodInvocation *invocation, const char *name, GVariant *value);
 
 private:
   const std::string nick_;
   const char *bus_name_;
   std::span<const WrongReply> wrong_replies_;
-  GDBusConnection *connection_ = nullptr; /* owned; unset until the service is published */
+  GDBusConnection *connection_ = nullptr; /* owned; nullptr until publish() */
   bool present_ = true;
-  Misbehaviour misbehaviour_;
+  Fault fault_;
   guint64 calls_ = 0;
 };
 

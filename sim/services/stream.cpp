@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <unistd.h>
 
-/* One source of the main loop does everything: it waits for the descriptor to take more, or for a time, and
- * always for the reader to go. The descriptor never blocks, and one turn of the loop writes once, so a stream
- * holds up nobody. */
+/* One GSource waits until the descriptor is writable or until a time, and always for the reader to close its
+ * end. The descriptor is non-blocking and each dispatch writes once, so a stream never blocks the main loop.
+ */
 
 namespace sim
 {
@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr auto NOTHING = static_cast<GIOCondition>(0);
-constexpr gint64 AT_ONCE = 0;
+constexpr gint64 IMMEDIATELY = 0;
 constexpr gint64 NO_TIME = -1;
 
 } /* namespace */
@@ -27,10 +27,10 @@ struct Stream::Source {
 
 /**
  * Stream:
- * @fd: (transfer full): where to write, a descriptor that does not block
- * @feed: what to tell; outlives the stream
- * @pieces: how to write; outlives the stream and may change
- * @ended: called when the stream is over; it destroys the stream
+ * @fd: (transfer full): the write end, non-blocking
+ * @feed: the messages; outlives the stream
+ * @pieces: the pieces to write; outlives the stream and may change
+ * @ended: called when the stream has ended; destroys the stream
  */
 Stream::Stream(int fd, Feed *feed, const Pieces &pieces, Ended ended)
     : fd_(fd), pieces_(pieces), ended_(std::move(ended))
@@ -40,8 +40,8 @@ Stream::Stream(int fd, Feed *feed, const Pieces &pieces, Ended ended)
   source_ = reinterpret_cast<Source *>(g_source_new(&functions, sizeof(Source)));
   source_->stream = this;
   source_->tag = g_source_add_unix_fd(&source_->base, fd, NOTHING);
-  teller_ = feed->open([this] { wake(); });
-  g_source_set_ready_time(&source_->base, AT_ONCE);
+  messages_ = feed->open([this] { wake(); });
+  g_source_set_ready_time(&source_->base, IMMEDIATELY);
   g_source_attach(&source_->base, nullptr);
 }
 
@@ -59,8 +59,8 @@ Stream::on_ready(GSource *base, GSourceFunc callback, gpointer user_data)
   Stream *stream = source->stream;
   const guint condition = g_source_query_unix_fd(base, source->tag);
 
-  if ((condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0 || !stream->go_on()) {
-    stream->ended_(stream); /* which destroys it */
+  if ((condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0 || !stream->advance()) {
+    stream->ended_(stream); /* destroys the stream */
   }
   return G_SOURCE_CONTINUE;
 }
@@ -73,34 +73,35 @@ Stream::wait_for(GIOCondition condition, gint64 ready_time)
 }
 
 void
-Stream::wait_for_teller()
+Stream::wait_for_message()
 {
-  const gint64 due = teller_->has_ended() ? AT_ONCE : teller_->due();
+  const gint64 due = messages_->has_ended() ? IMMEDIATELY : messages_->due();
 
   wait_for(NOTHING, due == NEVER ? NO_TIME : due);
 }
 
-/* A stream with a message on its way asks its teller by itself, later. */
+/* While a message is being written, no notification is necessary: the stream requests the next message
+ * afterwards. */
 void
 Stream::wake()
 {
   if (message_.is_sent()) {
-    g_source_set_ready_time(&source_->base, AT_ONCE);
+    g_source_set_ready_time(&source_->base, IMMEDIATELY);
   }
 }
 
-/* Returns: whether the stream is not over */
+/* Returns: whether the stream has not ended */
 bool
-Stream::go_on()
+Stream::advance()
 {
   if (!message_.is_sent()) {
     return write_piece();
   }
-  if (teller_->has_ended()) {
+  if (messages_->has_ended()) {
     return false;
   }
   if (!take_next()) {
-    wait_for_teller();
+    wait_for_message();
     return true;
   }
   return write_piece();
@@ -109,10 +110,10 @@ Stream::go_on()
 bool
 Stream::take_next()
 {
-  if (teller_->due() > g_get_monotonic_time()) {
+  if (messages_->due() > g_get_monotonic_time()) {
     return false;
   }
-  SharedText text = teller_->next();
+  SharedText text = messages_->next();
   if (text == nullptr) {
     return false;
   }
@@ -120,7 +121,7 @@ Stream::take_next()
   return true;
 }
 
-/* Returns: whether the reader is still there */
+/* Returns: whether the reader has not closed its end */
 bool
 Stream::write_piece()
 {
@@ -135,7 +136,7 @@ Stream::write_piece()
   message_.advance(static_cast<gsize>(written));
   if (message_.is_sent()) {
     message_ = {};
-    wait_for_teller();
+    wait_for_message();
   } else if (pieces_.bytes > 0) {
     wait_for(NOTHING,
              g_get_monotonic_time() + static_cast<gint64>(pieces_.pause_ms) * G_TIME_SPAN_MILLISECOND);

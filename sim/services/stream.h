@@ -5,17 +5,18 @@
 namespace sim
 {
 
-/* In which pieces messages are written. */
+/* The pieces in which messages are written. */
 struct Pieces {
   static constexpr gsize MAX_BYTES = Message::MAX_TEXT_BYTES;
   static constexpr guint MAX_PAUSE_MS = 60 * 1000;
 
-  gsize bytes = 0; /* none: whole */
+  gsize bytes = 0; /* 0: each message in one piece */
   guint pause_ms = 0;
 };
 
-/* The written end of one stream. It lives until its reader goes or its teller has ended, which it tells its
- * owner, or until the owner destroys it. There is one message on its way at most. Main thread only. */
+/* The write end of one stream. It ends when the reader closes its end or when there are no more messages, and
+ * then notifies its owner; the owner may also destroy it before. It writes one message at a time. Main thread
+ * only. */
 class Stream
 {
 public:
@@ -32,17 +33,17 @@ private:
   static gboolean on_ready(GSource *base, GSourceFunc callback, gpointer user_data);
 
   void wait_for(GIOCondition condition, gint64 ready_time);
-  void wait_for_teller();
+  void wait_for_message();
   void wake();
-  bool go_on();
+  bool advance();
   bool take_next();
   bool write_piece();
 
   const int fd_; /* owned */
   const Pieces &pieces_;
   const Ended ended_;
-  std::unique_ptr<Teller> teller_;
-  Message message_; /* what is on its way */
+  std::unique_ptr<MessageSource> messages_;
+  Message message_; /* the message that is being written */
   Source *source_;  /* owned */
 };
 

@@ -1,8 +1,8 @@
 #include "verbs.h"
 
-/* What can be asked of the camera, one line of the table each. A verb that fails has changed nothing; one
- * that succeeds is in force when it returns. The command line's settings are verbs too, so that both have the
- * same limits and errors. */
+/* A table of the verbs that control the camera. A verb that fails changes nothing; one that succeeds has
+ * taken effect when it returns. The command line options run verbs too, so both have the same limits and
+ * errors. */
 
 namespace sim
 {
@@ -10,59 +10,60 @@ namespace sim
 namespace
 {
 
-/* What a verb may answer beside that it is done. */
-using Answer = std::string;
+/* What a verb returns; often empty. */
+using Result = std::string;
 
 bool
-run_absent(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_absent(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Service *service = platform->find_service(arguments[0], error);
 
-  return service != nullptr && service->vanish(error);
+  return service != nullptr && service->make_absent(error);
 }
 
 bool
-run_present(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_present(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Service *service = platform->find_service(arguments[0], error);
 
-  return service != nullptr && service->appear(error);
+  return service != nullptr && service->make_present(error);
 }
 
 bool
-run_misbehave(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_inject_fault(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Service *service = platform->find_service(arguments[0], error);
 
-  return service != nullptr && service->misbehave(Words(arguments.begin() + 1, arguments.end()), error);
+  return service != nullptr &&
+         service->inject_fault(Arguments(arguments.begin() + 1, arguments.end()), error);
 }
 
 bool
-run_behave(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_clear_fault(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Service *service = platform->find_service(arguments[0], error);
 
   if (service == nullptr) {
     return false;
   }
-  service->behave();
+  service->clear_fault();
   return true;
 }
 
 bool
-run_calls(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_calls(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   const Service *service = platform->find_service(arguments[0], error);
 
   if (service == nullptr) {
     return false;
   }
-  *answer = std::to_string(service->calls());
+  *result = std::to_string(service->calls());
   return true;
 }
 
 bool
-run_channels(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_channels(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   gint64 channels = 0;
 
@@ -74,7 +75,7 @@ run_channels(Platform *platform, const Words &arguments, Answer *answer, GError 
 }
 
 bool
-run_rotation(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_rotation(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Camera *camera = &platform->camera;
   gint64 channel = 0;
@@ -99,7 +100,7 @@ run_rotation(Platform *platform, const Words &arguments, Answer *answer, GError 
 }
 
 bool
-run_move_capabilities(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_move_capabilities(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   gint64 capabilities = 0;
 
@@ -111,32 +112,32 @@ run_move_capabilities(Platform *platform, const Words &arguments, Answer *answer
 }
 
 bool
-run_add_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_add_producer(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   return platform->receiver->add_producer(arguments[0], arguments.size() > 1 ? &arguments[1] : nullptr,
                                           error);
 }
 
 bool
-run_remove_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_remove_producer(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   return platform->receiver->remove_producer(arguments[0], error);
 }
 
 bool
-run_property(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_property(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   return platform->receiver->set_property(arguments[0], arguments[1], arguments[2], error);
 }
 
 bool
-run_interface(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_interface(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   return platform->receiver->set_interface(arguments[0], arguments[1], error);
 }
 
 bool
-run_sample_frame(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_sample_frame(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
 
@@ -148,40 +149,40 @@ run_sample_frame(Platform *platform, const Words &arguments, Answer *answer, GEr
 }
 
 bool
-run_misbehave_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_inject_producer_fault(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
 
   return producer != nullptr &&
-         producer->misbehave(arguments[1], Words(arguments.begin() + 2, arguments.end()), error);
+         producer->inject_fault(arguments[1], Arguments(arguments.begin() + 2, arguments.end()), error);
 }
 
 bool
-run_behave_producer(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_clear_producer_faults(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
 
   if (producer == nullptr) {
     return false;
   }
-  producer->behave();
+  producer->clear_faults();
   return true;
 }
 
 bool
-run_streams(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_streams(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   const Producer *producer = platform->receiver->find_producer(arguments[0], error);
 
   if (producer == nullptr) {
     return false;
   }
-  *answer = std::to_string(producer->stream_count());
+  *result = std::to_string(producer->stream_count());
   return true;
 }
 
 bool
-run_hang_up(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_hang_up(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
 
@@ -192,20 +193,20 @@ run_hang_up(Platform *platform, const Words &arguments, Answer *answer, GError *
   return true;
 }
 
-/* One of two words. */
+/* Parses one of two keywords. */
 bool
-parse_choice(const std::string &word, const char *what, const char *yes, const char *no, bool *chosen,
+parse_choice(const std::string &argument, const char *what, const char *yes, const char *no, bool *chosen,
              GError **error)
 {
-  if (word != yes && word != no) {
-    return refuse(error, "%s must be %s or %s, not '%s'", what, yes, no, word.c_str());
+  if (argument != yes && argument != no) {
+    return refuse(error, "%s must be %s or %s, not '%s'", what, yes, no, argument.c_str());
   }
-  *chosen = word == yes;
+  *chosen = argument == yes;
   return true;
 }
 
 bool
-run_descriptors(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_descriptors(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
   Descriptors descriptors;
@@ -221,7 +222,7 @@ run_descriptors(Platform *platform, const Words &arguments, Answer *answer, GErr
 }
 
 bool
-run_pieces(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_pieces(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
   Producer *producer = platform->receiver->find_producer(arguments[0], error);
   gint64 bytes = 0;
@@ -237,16 +238,16 @@ run_pieces(Platform *platform, const Words &arguments, Answer *answer, GError **
 }
 
 bool
-run_rate(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_rate(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
-  std::optional<guint> *rate = &platform->receiver->pace.rate;
+  std::optional<guint> *rate = &platform->receiver->replay_options.rate;
   gint64 number = 0;
 
   if (arguments[0] == "recorded") {
     rate->reset();
     return true;
   }
-  if (!parse_number(arguments[0], "the rate", 0, Pace::MAX_RATE, &number, error)) {
+  if (!parse_number(arguments[0], "the rate", 0, ReplayOptions::MAX_RATE, &number, error)) {
     return false;
   }
   *rate = static_cast<guint>(number);
@@ -254,9 +255,9 @@ run_rate(Platform *platform, const Words &arguments, Answer *answer, GError **er
 }
 
 bool
-run_once(Platform *platform, const Words &arguments, Answer *answer, GError **error)
+run_once(Platform *platform, const Arguments &arguments, Result *result, GError **error)
 {
-  return parse_choice(arguments[0], "once", "yes", "no", &platform->receiver->pace.once, error);
+  return parse_choice(arguments[0], "once", "yes", "no", &platform->receiver->replay_options.once, error);
 }
 
 struct Verb {
@@ -265,44 +266,44 @@ struct Verb {
   gsize max_arguments;
   const char *usage;
   const char *summary;
-  bool (*run)(Platform *platform, const Words &arguments, Answer *answer, GError **error);
+  bool (*run)(Platform *platform, const Arguments &arguments, Result *result, GError **error);
 };
 
 constexpr std::array VERBS = {
-    Verb{"absent", 1, 1, "absent SERVICE", "the service gives its name up", run_absent},
-    Verb{"present", 1, 1, "present SERVICE", "the service takes its name", run_present},
-    Verb{"misbehave", 2, 3, "misbehave SERVICE HOW [ARGUMENT]", "the service answers so from now on",
-         run_misbehave},
-    Verb{"behave", 1, 1, "behave SERVICE", "the service answers rightly from now on", run_behave},
-    Verb{"calls", 1, 1, "calls SERVICE", "prints how often the service has been asked", run_calls},
-    Verb{"channels", 1, 1, "channels N", "the camera has so many channels", run_channels},
-    Verb{"rotation", 2, 2, "rotation CHANNEL DEGREES", "the channel is rotated so; none: it does not tell",
-         run_rotation},
-    Verb{"move-capabilities", 1, 1, "move-capabilities N", "the PTZ driver has these capabilities",
+    Verb{"absent", 1, 1, "absent SERVICE", "the service releases its name", run_absent},
+    Verb{"present", 1, 1, "present SERVICE", "the service acquires its name", run_present},
+    Verb{"inject-fault", 2, 3, "inject-fault SERVICE FAULT [ARGUMENT]", "the service replies with this fault",
+         run_inject_fault},
+    Verb{"clear-fault", 1, 1, "clear-fault SERVICE", "the service replies correctly again", run_clear_fault},
+    Verb{"calls", 1, 1, "calls SERVICE", "prints the number of calls to the service", run_calls},
+    Verb{"channels", 1, 1, "channels N", "sets the number of channels", run_channels},
+    Verb{"rotation", 2, 2, "rotation CHANNEL DEGREES",
+         "sets the channel's rotation; none: not in its settings", run_rotation},
+    Verb{"move-capabilities", 1, 1, "move-capabilities N", "sets the move capabilities of the PTZ driver",
          run_move_capabilities},
     Verb{"add-producer", 1, 2, "add-producer NAME [FILE]",
-         "a producer comes: a built-in one, or one that replays the file", run_add_producer},
-    Verb{"remove-producer", 1, 1, "remove-producer NAME", "the producer goes, and its streams end",
+         "adds a producer: a built-in one, or one that replays the file", run_add_producer},
+    Verb{"remove-producer", 1, 1, "remove-producer NAME", "removes the producer and closes its streams",
          run_remove_producer},
     Verb{"property", 3, 3, "property NAME PROPERTY VALUE",
-         "the producer is announced anew with this; none: without it", run_property},
-    Verb{"interface", 2, 2, "interface NAME INTERFACE",
-         "the producer is announced anew with this interface only", run_interface},
-    Verb{"sample-frame", 2, 2, "sample-frame NAME TEXT", "this is the producer's sample frame",
+         "exports the producer again with this value; none: without the property", run_property},
+    Verb{"interface", 2, 2, "interface NAME INTERFACE", "exports the producer again with this interface only",
+         run_interface},
+    Verb{"sample-frame", 2, 2, "sample-frame NAME TEXT", "sets the producer's sample frame",
          run_sample_frame},
-    Verb{"misbehave-producer", 3, 4, "misbehave-producer NAME METHOD HOW [ARGUMENT]",
-         "the producer's method answers so from now on", run_misbehave_producer},
-    Verb{"behave-producer", 1, 1, "behave-producer NAME", "the producer's methods answer rightly from now on",
-         run_behave_producer},
-    Verb{"streams", 1, 1, "streams NAME", "prints how many of the producer's streams are open", run_streams},
-    Verb{"hang-up", 1, 1, "hang-up NAME", "all streams of the producer end", run_hang_up},
+    Verb{"inject-producer-fault", 3, 4, "inject-producer-fault NAME METHOD FAULT [ARGUMENT]",
+         "the producer's method replies with this fault", run_inject_producer_fault},
+    Verb{"clear-producer-faults", 1, 1, "clear-producer-faults NAME",
+         "the producer's methods reply correctly again", run_clear_producer_faults},
+    Verb{"streams", 1, 1, "streams NAME", "prints the number of the producer's open streams", run_streams},
+    Verb{"hang-up", 1, 1, "hang-up NAME", "closes all streams of the producer", run_hang_up},
     Verb{"descriptors", 2, 3, "descriptors NAME pipe|socket [nonblocking]",
-         "what the producer's later streams are", run_descriptors},
+         "sets the kind of the producer's later streams", run_descriptors},
     Verb{"pieces", 3, 3, "pieces NAME BYTES MILLISECONDS",
-         "messages come in such pieces with such pauses; 0: whole", run_pieces},
-    Verb{"rate", 1, 1, "rate N|recorded", "later replays tell so many messages a second; 0: all at once",
+         "writes messages in pieces with pauses between them; 0 bytes: whole", run_pieces},
+    Verb{"rate", 1, 1, "rate N|recorded", "sets the messages per second of later replays; 0: no pauses",
          run_rate},
-    Verb{"once", 1, 1, "once yes|no", "whether replays end with their recording", run_once},
+    Verb{"once", 1, 1, "once yes|no", "whether replays end after their recording", run_once},
 };
 
 const Verb *
@@ -325,22 +326,22 @@ find_verb(const std::string &name, GError **error)
 /**
  * verbs_run:
  * @platform: the camera
- * @words: a verb and its arguments
- * @error: set if it cannot be done; nothing has changed then
+ * @command: a verb and its arguments
+ * @error: set if the command fails; it has changed nothing then
  *
- * Does what somebody asks for. When it returns, the change is in force.
+ * Runs a verb. It has taken effect when this returns.
  *
- * Returns: the answer, often an empty one, or nothing with @error set
+ * Returns: the result of the verb, often empty; unset with @error set
  */
 std::optional<std::string>
-verbs_run(Platform *platform, const Words &words, GError **error)
+verbs_run(Platform *platform, const Arguments &command, GError **error)
 {
-  const Verb *verb = find_verb(words.empty() ? "" : words[0], error);
+  const Verb *verb = find_verb(command.empty() ? "" : command[0], error);
   if (verb == nullptr) {
     return std::nullopt;
   }
 
-  const Words arguments(words.begin() + 1, words.end());
+  const Arguments arguments(command.begin() + 1, command.end());
   for (const std::string &argument : arguments) {
     if (!check_text(argument.c_str(), error)) {
       return std::nullopt;
@@ -351,17 +352,17 @@ verbs_run(Platform *platform, const Words &words, GError **error)
     return std::nullopt;
   }
 
-  Answer answer;
-  if (!verb->run(platform, arguments, &answer, error)) {
+  Result result;
+  if (!verb->run(platform, arguments, &result, error)) {
     return std::nullopt;
   }
-  return answer;
+  return result;
 }
 
 /**
  * verbs_describe:
  *
- * Returns: every verb, a line each, for a person to read
+ * Returns: the usage of all verbs, one per line
  */
 std::string
 verbs_describe()

@@ -5,7 +5,7 @@
 namespace sim
 {
 
-std::optional<std::string> verbs_run(Platform *platform, const Words &words, GError **error);
+std::optional<std::string> verbs_run(Platform *platform, const Arguments &command, GError **error);
 std::string verbs_describe();
 
 } /* namespace sim */

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-/* The channels come and go, so the objects are a subtree, which GDBus asks about at every call. */
+/* The number of channels changes, so the objects are a subtree, which GDBus enumerates at every call. */
 
 namespace sim
 {
@@ -65,7 +65,7 @@ VideoCapture::on_enumerate(GDBusConnection *connection, const gchar *sender, con
   return g_strv_builder_end(nodes);
 }
 
-/* The folder of the channels, whose node is unset, is no object itself. */
+/* @node is nullptr for the parent of the channels, which is not an object. */
 GDBusInterfaceInfo **
 VideoCapture::on_introspect(GDBusConnection *connection, const gchar *sender, const gchar *path,
                             const gchar *node, gpointer user_data)
@@ -85,7 +85,7 @@ VideoCapture::on_dispatch(GDBusConnection *connection, const gchar *sender, cons
                           const gchar *interface, const gchar *node, gpointer *call_user_data,
                           gpointer user_data)
 {
-  /* Without get_property, what comes for properties comes to method_call. */
+  /* Without get_property, GDBus passes calls for properties to method_call. */
   static constexpr GDBusInterfaceVTable VTABLE = {on_call, nullptr, nullptr, {}};
 
   *call_user_data = user_data;
@@ -99,10 +99,10 @@ VideoCapture::on_call(GDBusConnection *connection, const gchar *sender, const gc
 {
   auto *self = static_cast<VideoCapture *>(user_data);
 
-  self->answer_property(invocation, "settings", self->settings_of(path));
+  self->reply_property(invocation, "settings", self->settings_of(path));
 }
 
-/* GDBus has compared the path with the nodes, so that it ends in a channel's number. */
+/* GDBus has compared the path with the enumerated nodes, so it ends with a valid channel. */
 GVariant *
 VideoCapture::settings_of(const char *path) const
 {

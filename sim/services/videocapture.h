@@ -6,7 +6,7 @@
 namespace sim
 {
 
-/* The service that captures video, with an object for each channel that the camera has at the moment. */
+/* The service that captures video, with an object for each current channel of the camera. */
 class VideoCapture : public Service
 {
 public:

@@ -9,10 +9,10 @@ namespace sim
 namespace
 {
 
-class WorldTeller : public Teller
+class WorldMessages : public MessageSource
 {
 public:
-  WorldTeller(std::optional<ObjectType> only, const SceneDetails &details)
+  WorldMessages(std::optional<ObjectType> only, const SceneDetails &details)
   {
     scenes_.open(only);
     scenes_.details = details;
@@ -41,17 +41,17 @@ private:
 
 /**
  * WorldFeed:
- * @only: the one type of objects to tell of; all if unset
- * @polygons: whether to tell their polygons
+ * @only: the only type of objects to include; all types if unset
+ * @polygons: whether the objects have polygons
  */
 WorldFeed::WorldFeed(std::optional<ObjectType> only, bool polygons) : only_(only), polygons_(polygons)
 {
 }
 
-std::unique_ptr<Teller>
-WorldFeed::open(Wake wake)
+std::unique_ptr<MessageSource>
+WorldFeed::open(Notify notify)
 {
-  return std::make_unique<WorldTeller>(only_, SceneDetails{.polygons = polygons_, .velocities = false});
+  return std::make_unique<WorldMessages>(only_, SceneDetails{.polygons = polygons_, .velocities = false});
 }
 
 std::string

@@ -8,18 +8,18 @@
 namespace sim
 {
 
-/* Tells what is in the picture now. Each stream has its own story, which leaves out what there is no room
- * for. */
+/* Sends the objects in the picture. Each stream has its own sequence of scenes; a slow reader misses scenes.
+ */
 class WorldFeed : public Feed
 {
 public:
   WorldFeed(std::optional<ObjectType> only, bool polygons);
 
-  std::unique_ptr<Teller> open(Wake wake) override;
+  std::unique_ptr<MessageSource> open(Notify notify) override;
   std::string sample_frame() const override;
 
 private:
-  const std::optional<ObjectType> only_; /* all objects if unset */
+  const std::optional<ObjectType> only_; /* all types if unset */
   const bool polygons_;
 };
 

@@ -85,7 +85,7 @@ class OverdueStart:
 
     def __init__(self, installation):
         self.bus = Bus(installation)
-        self.camera = SimulatedCamera(installation, self.bus, "--misbehave", "ptz=never", producers="")
+        self.camera = SimulatedCamera(installation, self.bus, "--fault", "ptz=never", producers="")
         self.camera.wait_until_ready()
         self.began = time.time()
         self.daemon = Daemon(installation, self.bus, plugins=PTZ_PLUGINS)

@@ -87,11 +87,11 @@ class SimulatedCamera:
     def present(self, service):
         self.tell("present", service)
 
-    def misbehave(self, service, *how):
-        self.tell("misbehave", service, *how)
+    def inject_fault(self, service, *fault):
+        self.tell("inject-fault", service, *fault)
 
-    def behave(self, service):
-        self.tell("behave", service)
+    def clear_fault(self, service):
+        self.tell("clear-fault", service)
 
     def calls(self, service):
         """How often the service has been asked."""
@@ -121,11 +121,11 @@ class SimulatedCamera:
     def sample_frame(self, name, text):
         self.tell("sample-frame", name, text)
 
-    def misbehave_producer(self, name, method, *how):
-        self.tell("misbehave-producer", name, method, *how)
+    def inject_producer_fault(self, name, method, *fault):
+        self.tell("inject-producer-fault", name, method, *fault)
 
-    def behave_producer(self, name):
-        self.tell("behave-producer", name)
+    def clear_producer_faults(self, name):
+        self.tell("clear-producer-faults", name)
 
     def streams(self, name):
         """How many streams of the producer are open."""

@@ -90,7 +90,7 @@ def test_answer_reaches_the_element(start_camera, start_with_ptz, capabilities, 
 
 def test_without_an_answer_the_element_gets_0(camera, start_with_ptz):
     camera.move_capabilities(ZOOM)
-    camera.misbehave(PTZ, "error")
+    camera.inject_fault(PTZ, "error")
     daemon = start_with_ptz(no_move_capabilities(
         "GDBus.Error:org.freedesktop.DBus.Error.Failed: The simulated service fails."))
 
@@ -99,7 +99,7 @@ def test_without_an_answer_the_element_gets_0(camera, start_with_ptz):
 
 
 def test_slow_answer_is_waited_for(camera, start_with_ptz):
-    camera.misbehave(PTZ, "slow", SLOW_MS)
+    camera.inject_fault(PTZ, "slow", SLOW_MS)
     began = time.monotonic()
     start_with_ptz(None)
 
@@ -134,9 +134,9 @@ def test_without_ptz_nobody_is_asked(camera, start_daemon):
 
 def test_each_start_asks_anew(camera, start_with_ptz):
     start_with_ptz(None).end()
-    camera.misbehave(PTZ, "empty")
+    camera.inject_fault(PTZ, "empty")
     start_with_ptz(NOT_UNPACKED).end()
-    camera.behave(PTZ)
+    camera.clear_fault(PTZ)
     start_with_ptz(None)
 
     assert camera.calls(PTZ) == 3
@@ -157,14 +157,14 @@ def test_other_services_are_no_coordinator(start_camera, start_with_ptz):
 
 @pytest.mark.parametrize("text", ["The driver is not loaded.", "", "100 %s %n", "ü"])
 def test_error_is_told_as_it_came(camera, start_with_ptz, text):
-    camera.misbehave(PTZ, "error", text)
+    camera.inject_fault(PTZ, "error", text)
 
     start_with_ptz(no_move_capabilities(f"GDBus.Error:org.freedesktop.DBus.Error.Failed: {text}"))
 
 
 @pytest.mark.parametrize("how", ["wrong-type", "wrong-number", "no-variant", "nested", "empty"])
 def test_answer_of_a_wrong_form(camera, start_with_ptz, how):
-    camera.misbehave(PTZ, how)
+    camera.inject_fault(PTZ, how)
 
     start_with_ptz(NOT_UNPACKED)
 
@@ -182,13 +182,13 @@ def test_answer_of_a_wrong_form(camera, start_with_ptz, how):
     "('3', <3>)",
 ])
 def test_answer_of_a_form_nobody_thought_of(camera, start_with_ptz, body):
-    camera.misbehave(PTZ, "reply", body)
+    camera.inject_fault(PTZ, "reply", body)
 
     start_with_ptz(NOT_UNPACKED)
 
 
 def test_coordinator_that_ends_without_an_answer(camera, launch_with_ptz):
-    camera.misbehave(PTZ, "never")
+    camera.inject_fault(PTZ, "never")
     daemon = launch_with_ptz(NO_REPLY)
     wait_until(lambda: camera.calls(PTZ) == 1, "the coordinator has been asked")
     camera.end()

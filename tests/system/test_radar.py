@@ -92,7 +92,7 @@ def test_radar_knows_nothing_of_a_head(camera, start_radar_daemon):
 
 def test_radar_does_not_need_the_scene_provider(camera, start_radar_daemon):
     daemon = start_radar_daemon("one")
-    camera.misbehave(SCENES, "error")
+    camera.inject_fault(SCENES, "error")
 
     assert some_objects(daemon, analytics=1) != []
     camera.absent(SCENES)
@@ -145,7 +145,7 @@ def test_kind_that_is_not_enabled_leaves_the_other(camera, start_daemon, names):
 
 def test_without_rotation_only_the_radar_has_scenes(camera, start_daemon):
     daemon = start_with_both(start_daemon, video="tracker", radar="radar")
-    camera.misbehave(CAPTURE, "error")
+    camera.inject_fault(CAPTURE, "error")
 
     assert sources(daemon) == {"radar"}
     assert daemon.log.take() == [NO_ROTATION]

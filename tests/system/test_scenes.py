@@ -249,16 +249,16 @@ def test_rotation_of_another_type_counts_as_none(start_camera, start_scene_daemo
     daemon = start_scene_daemon(kind, "one", "two")
     with daemon.client() as first, daemon.client() as second:
         plain = first.start(header(analytics=1, video_channel=2))
-        camera.misbehave(CAPTURE, how)
+        camera.inject_fault(CAPTURE, how)
         compare_places(plain, second.start(header(analytics=1)), 0)
 
 
 def test_slow_capture_service_is_waited_for(start_camera, start_scene_daemon, kind):
-    camera = start_camera("--rotation", "1=90", "--misbehave", "capture=slow:300")
+    camera = start_camera("--rotation", "1=90", "--fault", "capture=slow:300")
     daemon = start_scene_daemon(kind, "one", "two")
     with daemon.client() as first, daemon.client() as second:
         turned = first.start(header(analytics=1))
-        camera.behave(CAPTURE)
+        camera.clear_fault(CAPTURE)
         compare_places(second.start(header(analytics=1, video_channel=2)), turned, 90)
 
 
@@ -270,19 +270,19 @@ def no_object(camera):
     camera.channels(1)
 
 
-def misbehave(*how):
+def inject_fault(*fault):
 
-    def misbehave_so(camera):
-        camera.misbehave(CAPTURE, *how)
+    def inject(camera):
+        camera.inject_fault(CAPTURE, *fault)
 
-    misbehave_so.__name__ = how[0]
-    return misbehave_so
+    inject.__name__ = fault[0]
+    return inject
 
 
-FAILURES = [no_service, no_object, misbehave("error"), misbehave("error", "Grund: 100 % unbekannt"),
-            misbehave("wrong-type"), misbehave("no-variant"), misbehave("nested"), misbehave("empty"),
-            misbehave("reply", "(<@a{su} {'rotation': 90}>,)"),
-            misbehave("reply", "(<{'rotation': <uint32 90>}>, 1)")]
+FAILURES = [no_service, no_object, inject_fault("error"), inject_fault("error", "Grund: 100 % unbekannt"),
+            inject_fault("wrong-type"), inject_fault("no-variant"), inject_fault("nested"), inject_fault("empty"),
+            inject_fault("reply", "(<@a{su} {'rotation': 90}>,)"),
+            inject_fault("reply", "(<{'rotation': <uint32 90>}>, 1)")]
 
 
 def expect_no_rotation(daemon, kind, **wishes):
@@ -308,7 +308,7 @@ def test_capture_service_that_fails(start_camera, start_scene_daemon, kind, fail
 
 
 def test_capture_service_that_ends_without_an_answer(start_camera, start_scene_daemon, kind):
-    camera = start_camera("--misbehave", "capture=never")
+    camera = start_camera("--fault", "capture=never")
     daemon = start_scene_daemon(kind, "one")
     with daemon.client() as client:
         client.request(header(analytics=1))
@@ -321,9 +321,9 @@ def test_capture_service_that_ends_without_an_answer(start_camera, start_scene_d
 
 def test_capture_service_that_recovers(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one")
-    camera.misbehave(CAPTURE, "error")
+    camera.inject_fault(CAPTURE, "error")
     expect_no_rotation(daemon, kind, analytics=1)
-    camera.behave(CAPTURE)
+    camera.clear_fault(CAPTURE)
 
     assert first_frame(daemon, analytics=1).source == "one"
 
@@ -374,7 +374,7 @@ def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, sta
     with contextlib.ExitStack() as stack:
         for how in WRONG_ANSWERS:
             bus = start_bus()
-            cameras.append(start_camera("--misbehave", f"scenes={':'.join(how)}", on=bus))
+            cameras.append(start_camera("--fault", f"scenes={':'.join(how)}", on=bus))
             daemons.append(start_scene_daemon(VIDEO, "one", on=bus))
         clients = [stack.enter_context(daemon.client()) for daemon in daemons]
         for client in clients:
@@ -383,7 +383,7 @@ def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, sta
             wait_until(lambda camera=camera: camera.calls(SCENES) >= 2, "the daemon asks the provider again")
         assert not any(client.is_answered() for client in clients)
         for camera in cameras:
-            camera.behave(SCENES)
+            camera.clear_fault(SCENES)
 
         for client in clients:
             start_and_expect_frames(client)

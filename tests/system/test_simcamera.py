@@ -1,4 +1,4 @@
-"""The simulated camera's services: what they answer, how they misbehave, and the verbs that change it."""
+"""The simulated camera's services: what they answer, the faults that can be injected, and the verbs."""
 
 import functools
 import signal
@@ -51,9 +51,9 @@ MAX_CHANNELS = 16
 
 USAGE, FAILURE = 2, 1
 
-VERBS = ("absent, present, misbehave, behave, calls, channels, rotation, move-capabilities, add-producer, "
-         "remove-producer, property, interface, sample-frame, misbehave-producer, behave-producer, streams, hang-up, "
-         "descriptors, pieces, rate, once")
+VERBS = ("absent, present, inject-fault, clear-fault, calls, channels, rotation, move-capabilities, add-producer, "
+         "remove-producer, property, interface, sample-frame, inject-producer-fault, clear-producer-faults, streams, "
+         "hang-up, descriptors, pieces, rate, once")
 
 KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
@@ -162,14 +162,14 @@ def test_channels_come_and_go_with_their_rotation(camera, asker):
 ])
 def test_all_properties_can_be_read_at_once(camera, asker, name, path, interface, values):
     for service in SERVICES:
-        camera.misbehave(service, "never")
+        camera.inject_fault(service, "never")
 
     reply = asker.call(name, path, PROPERTIES, "GetAll", GLib.Variant("(s)", (interface,)))
     assert reply.print_(True) == values
     assert [camera.calls(service) for service in SERVICES] == [0] * len(SERVICES)
 
 
-# How they misbehave
+# Faults
 
 
 WRONG_REPLIES = [
@@ -196,16 +196,16 @@ WRONG_REPLIES = [
 
 @pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
 def test_wrong_replies_are_sent_as_they_are(camera, asker, service, how, reply):
-    camera.misbehave(service, how)
+    camera.inject_fault(service, how)
     assert asker.ask(service) == reply
 
-    camera.behave(service)
+    camera.clear_fault(service)
     assert asker.ask(service) == RIGHT_ANSWERS[service]
 
 
 @pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
 def test_wrong_replies_can_be_asked_for_from_the_start(start_camera, asker, service, how, reply):
-    start_camera("--misbehave", f"{service}={how}")
+    start_camera("--fault", f"{service}={how}")
 
     assert asker.ask(service) == reply
 
@@ -213,11 +213,11 @@ def test_wrong_replies_can_be_asked_for_from_the_start(start_camera, asker, serv
 @pytest.mark.parametrize("service", SERVICES)
 @pytest.mark.parametrize("reply", ["(@av [],)", "('two', 'words')", "(<[1, 2]>,)", "({'rotation': 'a=b:c'},)"])
 def test_any_reply_can_be_asked_for(start_camera, asker, service, reply):
-    camera = start_camera("--misbehave", f"{service}=reply:{reply}")
+    camera = start_camera("--fault", f"{service}=reply:{reply}")
     assert asker.ask(service) == reply
 
-    camera.misbehave(service, "error")
-    camera.misbehave(service, "reply", reply)
+    camera.inject_fault(service, "error")
+    camera.inject_fault(service, "reply", reply)
     assert asker.ask(service) == reply
 
 
@@ -230,13 +230,13 @@ def expect_error(asker, service, text):
 
 @pytest.mark.parametrize("service", SERVICES)
 def test_errors_come_with_their_text(camera, asker, service):
-    camera.misbehave(service, "error", "No such ü: 1=2")
+    camera.inject_fault(service, "error", "No such ü: 1=2")
     expect_error(asker, service, "No such ü: 1=2")
 
-    camera.misbehave(service, "error", "")
+    camera.inject_fault(service, "error", "")
     expect_error(asker, service, "")
 
-    camera.misbehave(service, "error")
+    camera.inject_fault(service, "error")
     expect_error(asker, service, DEFAULT_ERROR_TEXT)
 
 
@@ -246,14 +246,14 @@ def test_errors_come_with_their_text(camera, asker, service):
     ("ptz=error:No such ü: 1=2", "No such ü: 1=2"),
 ])
 def test_errors_can_be_asked_for_from_the_start(start_camera, asker, option, text):
-    start_camera("--misbehave", option)
+    start_camera("--fault", option)
 
     expect_error(asker, PTZ, text)
 
 
 @pytest.mark.parametrize("service", SERVICES)
 def test_slow_answers_are_right_and_late(camera, asker, service):
-    camera.misbehave(service, "slow", SLOW_MS)
+    camera.inject_fault(service, "slow", SLOW_MS)
     began = time.monotonic()
     assert asker.ask(service) == RIGHT_ANSWERS[service]
 
@@ -261,31 +261,31 @@ def test_slow_answers_are_right_and_late(camera, asker, service):
 
 
 def test_slow_service_keeps_nobody_else_waiting(camera, asker):
-    camera.misbehave(PTZ, "slow", 600000)
+    camera.inject_fault(PTZ, "slow", 600000)
     with pytest.raises(GLib.Error) as failed:
         asker.ask(PTZ, seconds=SLOW_MS / 1000)
     assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
 
     assert asker.ask(CAPTURE) == RIGHT_ANSWERS[CAPTURE]
     assert asker.ask(SCENES) == RIGHT_ANSWERS[SCENES]
-    camera.behave(PTZ)
+    camera.clear_fault(PTZ)
     assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
 
 
 @pytest.mark.parametrize("service", SERVICES)
 def test_no_answer_ever_comes(camera, asker, service):
-    camera.misbehave(service, "never")
+    camera.inject_fault(service, "never")
     with pytest.raises(GLib.Error) as failed:
         asker.ask(service, seconds=SLOW_MS / 1000)
     assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
 
-    camera.behave(service)
+    camera.clear_fault(service)
     assert asker.ask(service) == RIGHT_ANSWERS[service]
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_misbehaviour_is_one_service_alone(camera, asker, service):
-    camera.misbehave(service, "empty")
+def test_a_fault_affects_one_service_only(camera, asker, service):
+    camera.inject_fault(service, "empty")
 
     assert {other: asker.ask(other) for other in SERVICES} == RIGHT_ANSWERS | {service: "()"}
 
@@ -293,10 +293,10 @@ def test_misbehaviour_is_one_service_alone(camera, asker, service):
 def test_every_question_counts_whatever_becomes_of_it(camera, asker):
     assert camera.calls(PTZ) == 0
     asker.ask(PTZ)
-    camera.misbehave(PTZ, "error")
+    camera.inject_fault(PTZ, "error")
     with pytest.raises(GLib.Error):
         asker.ask(PTZ)
-    camera.misbehave(PTZ, "never")
+    camera.inject_fault(PTZ, "never")
     asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
 
     wait_until(lambda: camera.calls(PTZ) == 3, "the third question has arrived")
@@ -374,27 +374,27 @@ def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
     (["absent", "ptz", "scenes"], "wrong number of arguments; usage: absent SERVICE"),
     (["absent", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
     (["present", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
-    (["behave", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["clear-fault", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
     (["calls", "radio"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
-    (["misbehave", "radio", "error"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
-    (["misbehave", "ptz"], "wrong number of arguments; usage: misbehave SERVICE HOW [ARGUMENT]"),
-    (["misbehave", "ptz", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, wrong-number, "
+    (["inject-fault", "radio", "error"], "unknown service 'radio'; there are: ptz, capture, scenes, receiver"),
+    (["inject-fault", "ptz"], "wrong number of arguments; usage: inject-fault SERVICE FAULT [ARGUMENT]"),
+    (["inject-fault", "ptz", "badly"], f"unknown fault 'badly'; there are: {KINDS}, wrong-type, wrong-number, "
                                     "no-variant, nested, empty"),
-    (["misbehave", "capture", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, "
+    (["inject-fault", "capture", "badly"], f"unknown fault 'badly'; there are: {KINDS}, wrong-type, "
                                         "wrong-number, wrong-rotation, no-variant, nested, empty"),
-    (["misbehave", "scenes", "badly"], f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, "
+    (["inject-fault", "scenes", "badly"], f"unknown fault 'badly'; there are: {KINDS}, wrong-type, "
                                        "wrong-number, variant, nested, empty"),
-    (["misbehave", "ptz", "never", "ever"], "wrong number of arguments; usage: never"),
-    (["misbehave", "ptz", "empty", "1"], "wrong number of arguments; usage: empty"),
-    (["misbehave", "ptz", "slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
-    (["misbehave", "ptz", "slow", "0"], "the delay in milliseconds must be a number from 1 to 600000, not '0'"),
-    (["misbehave", "ptz", "slow", "600001"],
+    (["inject-fault", "ptz", "never", "ever"], "wrong number of arguments; usage: never"),
+    (["inject-fault", "ptz", "empty", "1"], "wrong number of arguments; usage: empty"),
+    (["inject-fault", "ptz", "slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
+    (["inject-fault", "ptz", "slow", "0"], "the delay in milliseconds must be a number from 1 to 600000, not '0'"),
+    (["inject-fault", "ptz", "slow", "600001"],
      "the delay in milliseconds must be a number from 1 to 600000, not '600001'"),
-    (["misbehave", "ptz", "reply"], "wrong number of arguments; usage: reply BODY"),
-    (["misbehave", "ptz", "reply", "5"], "the reply must be a tuple, not '5'"),
-    (["misbehave", "ptz", "reply", "(just 5,)"], "the bus carries no such reply: '(just 5,)'"),
-    (["misbehave", "ptz", "reply", "((),)"], "the bus carries no such reply: '((),)'"),
-    (["misbehave", "ptz", "reply", "(<@mi 5>,)"], "the bus carries no such reply: '(<@mi 5>,)'"),
+    (["inject-fault", "ptz", "reply"], "wrong number of arguments; usage: reply BODY"),
+    (["inject-fault", "ptz", "reply", "5"], "the reply must be a tuple, not '5'"),
+    (["inject-fault", "ptz", "reply", "(just 5,)"], "the bus carries no such reply: '(just 5,)'"),
+    (["inject-fault", "ptz", "reply", "((),)"], "the bus carries no such reply: '((),)'"),
+    (["inject-fault", "ptz", "reply", "(<@mi 5>,)"], "the bus carries no such reply: '(<@mi 5>,)'"),
     (["channels", "-1"], "the number of channels must be a number from 0 to 16, not '-1'"),
     (["channels", "17"], "the number of channels must be a number from 0 to 16, not '17'"),
     (["channels", "two"], "the number of channels must be a number from 0 to 16, not 'two'"),
@@ -418,7 +418,7 @@ def test_wrong_verbs_are_refused_and_change_nothing(camera, asker, words, text):
 
 def test_reply_that_is_no_gvariant_is_refused(camera, asker):
     with pytest.raises(Refused, match="^simcamera: the reply is not in GVariant's text format: .+\n$"):
-        camera.misbehave(PTZ, "reply", "(5")
+        camera.inject_fault(PTZ, "reply", "(5")
 
     assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
 
@@ -430,10 +430,10 @@ def test_channels_that_are_gone_cannot_be_rotated(camera):
         camera.rotation(1, 90)
 
 
-def test_misbehaviour_stays_when_the_next_one_is_refused(camera, asker):
-    camera.misbehave(PTZ, "empty")
+def test_a_fault_stays_when_the_next_one_is_refused(camera, asker):
+    camera.inject_fault(PTZ, "empty")
     with pytest.raises(Refused):
-        camera.misbehave(PTZ, "slow", "fast")
+        camera.inject_fault(PTZ, "slow", "fast")
 
     assert asker.ask(PTZ) == "()"
 
@@ -441,7 +441,7 @@ def test_misbehaviour_stays_when_the_next_one_is_refused(camera, asker):
 def test_words_that_are_not_utf8_are_refused(camera, installation, bus):
     assert camera.run_tell("absent", b"\xff") == (FAILURE, "", "simcamera: '�' is not UTF-8\n")
 
-    status, out, err = start_failing(installation, bus, "--misbehave", b"ptz=error:\xff")
+    status, out, err = start_failing(installation, bus, "--fault", b"ptz=error:\xff")
     assert (status, out) == (USAGE, "")
     assert err == "simcamera: '�' is not UTF-8\nTry 'simcamera --help'.\n"
 
@@ -463,8 +463,8 @@ def test_telling_without_a_camera_fails(installation, own_bus):
     (["--rotation", "1=90=90"], "the rotation must be a number from 0 to 4294967295, not '90=90'"),
     (["--move-capabilities", "many"],
      "the move capabilities must be a number from -2147483648 to 2147483647, not 'many'"),
-    (["--misbehave", "ptz"], "wrong number of arguments; usage: misbehave SERVICE HOW [ARGUMENT]"),
-    (["--misbehave", "ptz=slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
+    (["--fault", "ptz"], "wrong number of arguments; usage: inject-fault SERVICE FAULT [ARGUMENT]"),
+    (["--fault", "ptz=slow"], "wrong number of arguments; usage: slow MILLISECONDS"),
     (["now"], "unexpected argument 'now'"),
     (["--wrong"], "Unknown option --wrong"),
 ])
@@ -487,11 +487,11 @@ def test_help_lists_the_verbs(installation, words):
     help_text = subprocess.run([installation.simcamera, *words], check=True, capture_output=True, text=True,
                                timeout=BOUND_SECONDS).stdout
 
-    for verb in ("absent SERVICE", "present SERVICE", "misbehave SERVICE HOW [ARGUMENT]", "behave SERVICE",
+    for verb in ("absent SERVICE", "present SERVICE", "inject-fault SERVICE FAULT [ARGUMENT]", "clear-fault SERVICE",
                  "calls SERVICE", "channels N", "rotation CHANNEL DEGREES", "move-capabilities N",
                  "add-producer NAME [FILE]", "remove-producer NAME", "property NAME PROPERTY VALUE",
-                 "sample-frame NAME TEXT", "misbehave-producer NAME METHOD HOW [ARGUMENT]", "behave-producer NAME",
-                 "streams NAME", "hang-up NAME", "descriptors NAME pipe|socket [nonblocking]",
+                 "sample-frame NAME TEXT", "inject-producer-fault NAME METHOD FAULT [ARGUMENT]",
+                 "clear-producer-faults NAME", "streams NAME", "hang-up NAME", "descriptors NAME pipe|socket [nonblocking]",
                  "pieces NAME BYTES MILLISECONDS", "rate N|recorded", "once yes|no"):
         assert f"\n  {verb} " in help_text
 
@@ -520,7 +520,7 @@ def test_bus_that_is_not_there_is_an_error(installation, bus, workspace):
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 def test_signals_end_it_and_nothing_stays(start_camera, asker, number):
     camera = start_camera()
-    camera.misbehave(PTZ, "slow", 600000)
+    camera.inject_fault(PTZ, "slow", 600000)
     asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
     wait_until(lambda: camera.calls(PTZ) == 1, "the question has arrived")
 
@@ -534,4 +534,4 @@ def test_it_ends_with_its_bus(installation, own_bus):
     camera.wait_until_ready()
     own_bus.process.terminate()
 
-    assert camera.wait() == (FAILURE, "", "simcamera: the bus has gone\n")
+    assert camera.wait() == (FAILURE, "", "simcamera: the connection to the bus is closed\n")

@@ -789,10 +789,10 @@ METHODS = {"GetSampleFrame": "(s)", "GetStreamFd": "(h)"}
     (["reply", "('two', 'words')"], "('two', 'words')"),
 ])
 def test_wrong_replies_are_sent_as_they_are(camera, client, method, how, reply):
-    camera.misbehave_producer(PERSONS, method, *how)
+    camera.inject_producer_fault(PERSONS, method, *how)
     assert ask(client, method).print_(True) == reply
 
-    camera.behave_producer(PERSONS)
+    camera.clear_producer_faults(PERSONS)
     assert ask(client, method).get_type_string() == METHODS[method]
 
 
@@ -803,13 +803,13 @@ def test_wrong_replies_are_sent_as_they_are(camera, client, method, how, reply):
     ("GetStreamFd", "wrong-type", "('wrong',)"),
 ])
 def test_wrong_replies_with_names_are_sent_as_they_are(camera, client, method, how, reply):
-    camera.misbehave_producer(PERSONS, method, how)
+    camera.inject_producer_fault(PERSONS, method, how)
 
     assert ask(client, method).print_(True) == reply
 
 
 def test_reply_without_a_descriptor(camera, client):
-    camera.misbehave_producer(PERSONS, "GetStreamFd", "no-descriptor")
+    camera.inject_producer_fault(PERSONS, "GetStreamFd", "no-descriptor")
     reply, descriptors = client.ask_stream(PERSONS)
 
     assert reply.print_(True) == "(handle 0,)"
@@ -818,7 +818,7 @@ def test_reply_without_a_descriptor(camera, client):
 
 
 def test_reply_with_a_wrong_index(camera, client):
-    camera.misbehave_producer(PERSONS, "GetStreamFd", "wrong-index")
+    camera.inject_producer_fault(PERSONS, "GetStreamFd", "wrong-index")
     reply, descriptors = client.ask_stream(PERSONS)
 
     assert reply.print_(True) == "(handle 1,)"
@@ -829,7 +829,7 @@ def test_reply_with_a_wrong_index(camera, client):
 
 @pytest.mark.parametrize("method", METHODS)
 def test_errors_come_with_their_text(camera, client, method):
-    camera.misbehave_producer(PERSONS, method, "error", "No such ü")
+    camera.inject_producer_fault(PERSONS, method, "error", "No such ü")
     with pytest.raises(GLib.Error) as failed:
         ask(client, method)
 
@@ -839,7 +839,7 @@ def test_errors_come_with_their_text(camera, client, method):
 
 @pytest.mark.parametrize("method", METHODS)
 def test_slow_answers_are_right_and_late(camera, client, method):
-    camera.misbehave_producer(PERSONS, method, "slow", SLOW_MS)
+    camera.inject_producer_fault(PERSONS, method, "slow", SLOW_MS)
     began = time.monotonic()
 
     assert ask(client, method).get_type_string() == METHODS[method]
@@ -848,7 +848,7 @@ def test_slow_answers_are_right_and_late(camera, client, method):
 
 @pytest.mark.parametrize("method", METHODS)
 def test_no_answer_ever_comes(camera, client, method):
-    camera.misbehave_producer(PERSONS, method, "never")
+    camera.inject_producer_fault(PERSONS, method, "never")
     with pytest.raises(GLib.Error) as failed:
         ask(client, method, seconds=SLOW_MS / 1000)
 
@@ -857,7 +857,7 @@ def test_no_answer_ever_comes(camera, client, method):
 
 
 def test_slow_answer_of_a_producer_that_goes_is_an_error(camera, client):
-    camera.misbehave_producer(PERSONS, "GetSampleFrame", "slow", SLOW_MS)
+    camera.inject_producer_fault(PERSONS, "GetSampleFrame", "slow", SLOW_MS)
     outcome = []
     client.connection.call(NAME, path_of(PERSONS), PRODUCER, "GetSampleFrame", None, None,
                            Gio.DBusCallFlags.NONE, BOUND_SECONDS * 1000, None,
@@ -876,21 +876,21 @@ def test_slow_answer_of_a_producer_that_goes_is_an_error(camera, client):
     assert remote_error(failed) == ("UnknownObject", "the producer has gone")
 
 
-def test_misbehaviour_is_one_method_of_one_producer(camera, client):
-    camera.misbehave_producer(PERSONS, "GetSampleFrame", "empty")
+def test_a_fault_affects_one_method_of_one_producer_only(camera, client):
+    camera.inject_producer_fault(PERSONS, "GetSampleFrame", "empty")
 
     client.open(PERSONS).item()
     assert client.sample_frame(VEHICLES)
 
 
-def test_whole_service_misbehaves_but_for_who_does_it_differently(camera, client):
-    camera.misbehave(RECEIVER, "wrong-type")
-    camera.misbehave_producer(PERSONS, "GetStreamFd", "empty")
+def test_a_fault_of_a_method_overrides_the_fault_of_the_service(camera, client):
+    camera.inject_fault(RECEIVER, "wrong-type")
+    camera.inject_producer_fault(PERSONS, "GetStreamFd", "empty")
 
     assert client.ask_sample_frame(PERSONS).print_(True) == "(1,)"
     assert client.ask_stream(PERSONS)[0].print_(True) == "()"
     assert client.ask_stream(VEHICLES)[0].print_(True) == "(1,)"
-    camera.behave(RECEIVER)
+    camera.clear_fault(RECEIVER)
     assert client.ask_stream(PERSONS)[0].print_(True) == "()"
     client.open(VEHICLES).item()
 
@@ -898,7 +898,7 @@ def test_whole_service_misbehaves_but_for_who_does_it_differently(camera, client
 def test_both_methods_of_all_producers_count(camera, client):
     client.sample_frame(PERSONS)
     client.open(VEHICLES)
-    camera.misbehave_producer(PERSONS, "GetStreamFd", "empty")
+    camera.inject_producer_fault(PERSONS, "GetStreamFd", "empty")
     client.ask_stream(PERSONS)
 
     assert camera.calls(RECEIVER) == 3
@@ -913,8 +913,8 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 @pytest.mark.parametrize("words, text", [
     *[([verb, "Nobody", *rest], f"unknown producer 'Nobody'; there are: {PERSONS}, {VEHICLES}")
       for verb, *rest in (["remove-producer"], ["property", "Name", "none"], ["interface", PRODUCER],
-                          ["sample-frame", "x"], ["misbehave-producer", "GetStreamFd", "never"], ["behave-producer"],
-                          ["streams"], ["hang-up"], ["descriptors", "pipe"], ["pieces", "0", "0"])],
+                          ["sample-frame", "x"], ["inject-producer-fault", "GetStreamFd", "never"],
+                          ["clear-producer-faults"], ["streams"], ["hang-up"], ["descriptors", "pipe"], ["pieces", "0", "0"])],
     (["add-producer", PERSONS], f"there is a producer '{PERSONS}' already"),
     (["add-producer", "a b"], f"a producer's name must be 1 to {MAX_NAME_BYTES} letters, digits and underscores, not "
                               "'a b'"),
@@ -924,11 +924,12 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
     (["property", PERSONS, "Name", "()"], "the bus carries no such value: '()'"),
     (["interface", PERSONS, "none"], "not a name for a producer's interface: 'none'"),
     (["interface", PERSONS, PROPERTIES], f"not a name for a producer's interface: '{PROPERTIES}'"),
-    (["misbehave-producer", PERSONS, "Get", "never"], "unknown method 'Get'; there are: GetSampleFrame, GetStreamFd"),
-    (["misbehave-producer", PERSONS, "GetStreamFd", "badly"],
-     f"unknown misbehaviour 'badly'; there are: {KINDS}, wrong-type, no-descriptor, wrong-index, empty"),
-    (["misbehave-producer", PERSONS, "GetSampleFrame", "no-descriptor"],
-     f"unknown misbehaviour 'no-descriptor'; there are: {KINDS}, wrong-type, variant, nested, empty"),
+    (["inject-producer-fault", PERSONS, "Get", "never"],
+     "unknown method 'Get'; there are: GetSampleFrame, GetStreamFd"),
+    (["inject-producer-fault", PERSONS, "GetStreamFd", "badly"],
+     f"unknown fault 'badly'; there are: {KINDS}, wrong-type, no-descriptor, wrong-index, empty"),
+    (["inject-producer-fault", PERSONS, "GetSampleFrame", "no-descriptor"],
+     f"unknown fault 'no-descriptor'; there are: {KINDS}, wrong-type, variant, nested, empty"),
     (["descriptors", PERSONS, "file"], "the descriptor must be socket or pipe, not 'file'"),
     (["descriptors", PERSONS, "pipe", "slow"], "its mode must be blocking or nonblocking, not 'slow'"),
     (["pieces", PERSONS, "-1", "0"], f"the number of bytes must be a number from 0 to {MAX_LINE_BYTES}, not '-1'"),

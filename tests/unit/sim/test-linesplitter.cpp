@@ -18,7 +18,7 @@ pop_all(LineSplitter &splitter)
   return lines;
 }
 
-TEST(LineSplitterTest, NothingHasNoLine)
+TEST(LineSplitterTest, EmptyInputHasNoLine)
 {
   LineSplitter splitter;
   EXPECT_EQ(splitter.pop(), std::nullopt);
@@ -26,14 +26,14 @@ TEST(LineSplitterTest, NothingHasNoLine)
   EXPECT_EQ(splitter.pop(), std::nullopt);
 }
 
-TEST(LineSplitterTest, LinesComeWithoutTheirEndsAndEmptyOnesNotAtAll)
+TEST(LineSplitterTest, DropsTerminatorsAndEmptyLines)
 {
   LineSplitter splitter;
   splitter.push("\none\n\n\ntwo\r\n\r\n three\n");
   EXPECT_EQ(pop_all(splitter), std::vector<std::string>({"one", "two\r", " three"}));
 }
 
-TEST(LineSplitterTest, AnyCutMakesTheSameLines)
+TEST(LineSplitterTest, LinesDoNotDependOnTheChunks)
 {
   const std::string text = "one\n\ntwo\nthree";
   for (gsize cut = 0; cut <= text.size(); cut++) {
@@ -52,7 +52,7 @@ TEST(LineSplitterTest, AnyCutMakesTheSameLines)
   }
 }
 
-TEST(LineSplitterTest, BytesAreLeftAlone)
+TEST(LineSplitterTest, BytesAreNotChanged)
 {
   const std::string line("\0\xff\"", 3);
   LineSplitter splitter;
@@ -60,7 +60,7 @@ TEST(LineSplitterTest, BytesAreLeftAlone)
   EXPECT_EQ(pop_all(splitter), std::vector<std::string>({line}));
 }
 
-TEST(LineSplitterTest, LongestLineIsTakenAndALongerOneLeftOut)
+TEST(LineSplitterTest, AcceptsTheLongestLineAndDropsALongerOne)
 {
   const std::string longest(Message::MAX_TEXT_BYTES, 'x');
   LineSplitter splitter;
@@ -69,7 +69,7 @@ TEST(LineSplitterTest, LongestLineIsTakenAndALongerOneLeftOut)
   EXPECT_EQ(splitter.dropped(), 1U);
 }
 
-TEST(LineSplitterTest, TooLongLineIsLeftOutHoweverItComes)
+TEST(LineSplitterTest, DropsATooLongLineInAnyChunks)
 {
   const std::string half(Message::MAX_TEXT_BYTES / 2 + 1, 'x');
   LineSplitter splitter;

@@ -30,7 +30,7 @@ take(Message &message, gsize limit)
   return bytes;
 }
 
-TEST(MessageTest, NothingIsSentToBeginWith)
+TEST(MessageTest, StartsUnsent)
 {
   EXPECT_TRUE(Message().is_sent());
 }
@@ -43,7 +43,7 @@ TEST(MessageTest, LengthComesBeforeTheText)
   EXPECT_TRUE(message.is_sent());
 }
 
-TEST(MessageTest, EmptyTextHasALengthToo)
+TEST(MessageTest, EmptyTextHasALength)
 {
   Message message(shared_text_copy(""));
   EXPECT_FALSE(message.is_sent());
@@ -51,7 +51,7 @@ TEST(MessageTest, EmptyTextHasALengthToo)
   EXPECT_TRUE(message.is_sent());
 }
 
-TEST(MessageTest, AnyPiecesMakeTheWhole)
+TEST(MessageTest, AnyPiecesAddUpToTheMessage)
 {
   const std::string text = "0123456789";
   for (gsize size = 1; size <= text.size() + 5; size++) {
@@ -67,7 +67,7 @@ TEST(MessageTest, AnyPiecesMakeTheWhole)
   }
 }
 
-TEST(MessageTest, WhatWasNotTakenComesAgain)
+TEST(MessageTest, UnsentBytesAreReturnedAgain)
 {
   Message message(shared_text_copy("abc"));
   message.rest(G_MAXSIZE);
@@ -75,7 +75,7 @@ TEST(MessageTest, WhatWasNotTakenComesAgain)
   EXPECT_EQ(take(message, G_MAXSIZE), wire_form("abc").substr(2));
 }
 
-TEST(MessageTest, PartKeepsTheWhole)
+TEST(MessageTest, PartHoldsAReferenceToTheWhole)
 {
   sim::SharedText part = sim::shared_text_part(shared_text_copy("abcdef"), 2, 3);
   EXPECT_EQ(sim::shared_text_view(part), "cde");

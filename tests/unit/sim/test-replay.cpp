@@ -2,17 +2,17 @@
 
 #include <gtest/gtest.h>
 
-using sim::Pace;
 using sim::Recording;
 using sim::recording_find_stamp;
 using sim::Replay;
+using sim::ReplayOptions;
 
 namespace
 {
 
 constexpr gint64 SECOND = G_TIME_SPAN_SECOND;
 
-/* The present, by either clock. */
+/* The current time on both clocks. */
 constexpr gint64 NOW = 1000 * SECOND;
 constexpr gint64 UTC_NOW = G_GINT64_CONSTANT(1704067200) * SECOND; /* the start of 2024 */
 
@@ -38,7 +38,7 @@ text_of(const sim::SharedText &text)
   return std::string(sim::shared_text_view(text));
 }
 
-/* Tells the next line at the very time at which it is due. */
+/* Takes the next line at the time at which it is due. */
 std::string
 next(Replay &replay)
 {
@@ -57,7 +57,7 @@ gaps_of(Replay &replay, int count)
   return gaps;
 }
 
-TEST(Stamp, IsFoundInTheObjectItself)
+TEST(Stamp, IsFoundInTheOutermostObject)
 {
   const std::string line = R"({"A":{"UtcTime":"2020-02-03T00:00:01Z"},"B":["UtcTime",{}] , "UtcTime" : )"
                            R"("1970-01-01T00:00:02.5Z","C":1})";
@@ -67,14 +67,14 @@ TEST(Stamp, IsFoundInTheObjectItself)
   EXPECT_EQ(line.substr(stamp->offset, stamp->size), "1970-01-01T00:00:02.5Z");
 }
 
-TEST(Stamp, OtherTimeZonesCount)
+TEST(Stamp, TimeZonesAreApplied)
 {
   auto stamp = recording_find_stamp(R"({"UtcTime":"1970-01-01T01:00:00+01:00"})");
   ASSERT_TRUE(stamp.has_value());
   EXPECT_EQ(stamp->utc, 0);
 }
 
-TEST(Stamp, TextThatLooksLikeOneIsNone)
+TEST(Stamp, SimilarTextIsNotAStamp)
 {
   auto stamp = recording_find_stamp(
       R"({"A":"{\"UtcTime\":\"2020-02-03T00:00:01Z\"}","UtcTime":"1970-01-01T00:00:00Z"})");
@@ -100,65 +100,64 @@ INSTANTIATE_TEST_SUITE_P(
         "}}{\"UtcTime\":\"1970-01-01T00:00:00Z\"}", "{\"x\":\"UtcTime\"}",
         "{\"UtcTime\":\"1970-01-01T00:00:00.00000000000000000000000000000000000000000000000000Z\"}"));
 
-TEST(ReplayTest, FirstLineIsDueAtOnceAndTellsOfNow)
+TEST(ReplayTest, FirstLineIsDueImmediatelyWithTheCurrentTime)
 {
   Replay replay(recording_of({line_at("01"), line_at("02")}), {}, NOW);
   EXPECT_EQ(replay.due(), NOW);
   EXPECT_EQ(text_of(replay.next(NOW, UTC_NOW)), R"({"UtcTime":"2024-01-01T00:00:00.000000Z"})");
 }
 
-TEST(ReplayTest, LinesKeepTheirDistanceAndTheLastGapComesBeforeTheFirst)
+TEST(ReplayTest, LinesKeepTheirGapsAndTheLastGapRepeatsBeforeTheFirst)
 {
   Replay replay(recording_of({line_at("01"), line_at("02.5"), line_at("02.75")}), {}, NOW);
   EXPECT_EQ(gaps_of(replay, 6), std::vector<gint64>({1500000, 250000, 250000, 1500000, 250000, 250000}));
   EXPECT_EQ(next(replay), R"({"UtcTime":"2024-01-01T00:00:04.000000Z"})");
 }
 
-TEST(ReplayTest, ShortLatenessIsMadeUpForAndTold)
+TEST(ReplayTest, CatchesUpAfterAShortDelay)
 {
   Replay replay(recording_of({line_at("01"), line_at("02")}), {}, NOW);
-  EXPECT_EQ(text_of(replay.next(NOW + Replay::LONGEST_CATCH_UP, UTC_NOW + Replay::LONGEST_CATCH_UP)),
+  EXPECT_EQ(text_of(replay.next(NOW + Replay::MAX_CATCH_UP, UTC_NOW + Replay::MAX_CATCH_UP)),
             R"({"UtcTime":"2024-01-01T00:00:00.000000Z"})");
   EXPECT_EQ(replay.due(), NOW + SECOND);
 }
 
-TEST(ReplayTest, AfterALongWaitItGoesOnFromThere)
+TEST(ReplayTest, ContinuesAtItsRateAfterALongDelay)
 {
-  const gint64 late = Replay::LONGEST_CATCH_UP + 1;
+  const gint64 late = Replay::MAX_CATCH_UP + 1;
   Replay replay(recording_of({line_at("01"), line_at("02")}), {}, NOW);
   EXPECT_EQ(text_of(replay.next(NOW + late, UTC_NOW + late)), R"({"UtcTime":"2024-01-01T00:00:01.000001Z"})");
   EXPECT_EQ(replay.due(), NOW + late + SECOND);
 }
 
-TEST(ReplayTest, LinesWithoutATimeFollowAtOnceUnchanged)
+TEST(ReplayTest, LinesWithoutATimeFollowImmediatelyUnchanged)
 {
   Replay replay(recording_of({"a", line_at("01"), "b", line_at("03"), "c"}), {}, NOW);
   EXPECT_EQ(gaps_of(replay, 5), std::vector<gint64>({0, 0, 2 * SECOND, 0, 2 * SECOND}));
   EXPECT_EQ(next(replay), "a");
 }
 
-TEST(ReplayTest, TimesThatGoBackFollowAtOnceAndLongGapsAreBounded)
+TEST(ReplayTest, DecreasingTimesFollowImmediatelyAndLongGapsAreLimited)
 {
   Replay replay(recording_of({line_at("05"), line_at("01"), R"({"UtcTime":"2030-01-01T00:00:00Z"})"}), {},
                 NOW);
-  EXPECT_EQ(gaps_of(replay, 3), std::vector<gint64>({0, Replay::LONGEST_GAP, Replay::LONGEST_GAP}));
+  EXPECT_EQ(gaps_of(replay, 3), std::vector<gint64>({0, Replay::MAX_GAP, Replay::MAX_GAP}));
 }
 
-TEST(ReplayTest, RecordingWithoutTimesDoesNotSpin)
+TEST(ReplayTest, RecordingWithoutTimesHasTheMinimumRestartGap)
 {
   Replay replay(recording_of({"a", "b"}), {}, NOW);
-  EXPECT_EQ(gaps_of(replay, 4),
-            std::vector<gint64>({0, Replay::SHORTEST_RESTART, 0, Replay::SHORTEST_RESTART}));
+  EXPECT_EQ(gaps_of(replay, 4), std::vector<gint64>({0, Replay::MIN_RESTART, 0, Replay::MIN_RESTART}));
 }
 
-TEST(ReplayTest, WithARateLinesComeEvenlyAndUnchanged)
+TEST(ReplayTest, RateSendsUnchangedLinesAtEqualIntervals)
 {
   Replay replay(recording_of({line_at("01"), line_at("09")}), {.rate = 4U}, NOW);
   EXPECT_EQ(gaps_of(replay, 3), std::vector<gint64>(3, SECOND / 4));
   EXPECT_EQ(next(replay), line_at("09"));
 }
 
-TEST(ReplayTest, WithoutARateAtAllEveryLineIsDueAtOnce)
+TEST(ReplayTest, RateZeroMakesEveryLineDueImmediately)
 {
   Replay replay(recording_of({line_at("01"), line_at("09")}), {.rate = 0U}, NOW);
   for (int i = 0; i < 5; i++) {
@@ -167,7 +166,7 @@ TEST(ReplayTest, WithoutARateAtAllEveryLineIsDueAtOnce)
   }
 }
 
-TEST(ReplayTest, OnceEndsBehindTheLastLine)
+TEST(ReplayTest, OnceEndsAfterTheLastLine)
 {
   Replay replay(recording_of({"a", "b"}), {.rate = 0U, .once = true}, NOW);
   EXPECT_FALSE(replay.has_ended());
@@ -177,7 +176,7 @@ TEST(ReplayTest, OnceEndsBehindTheLastLine)
   EXPECT_TRUE(replay.has_ended());
 }
 
-TEST(ReplayTest, ForEverNeverEnds)
+TEST(ReplayTest, RepeatedReplayNeverEnds)
 {
   Replay replay(recording_of({"a"}), {.rate = 0U}, NOW);
   for (int i = 0; i < 10; i++) {
@@ -186,7 +185,7 @@ TEST(ReplayTest, ForEverNeverEnds)
   }
 }
 
-TEST(ReplayTest, LongestLineIsNotMadeLonger)
+TEST(ReplayTest, LineOfMaximumLengthIsNotMadeLonger)
 {
   std::string line = line_at("01");
   line += std::string(sim::Message::MAX_TEXT_BYTES - line.size(), ' ');

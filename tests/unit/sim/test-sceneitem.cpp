@@ -19,7 +19,7 @@ person()
           .polygon = {{-0.5, 0.5}, {0.25, 0.5}, {0.25, -0.25}}};
 }
 
-TEST(SceneItem, TellsEverythingOfAnObject)
+TEST(SceneItem, WritesAllPartsOfAnObject)
 {
   EXPECT_EQ(
       sim::scene_to_item({.utc = 1500000, .objects = {person()}, .deleted = {11, 10}}),
@@ -28,7 +28,7 @@ TEST(SceneItem, TellsEverythingOfAnObject)
       R"("Likelihood":0.5}],"Deleted":[11,10]})");
 }
 
-TEST(SceneItem, LeavesOutWhatASceneDoesNotHave)
+TEST(SceneItem, OmitsMissingParts)
 {
   SceneObject vehicle = person();
   vehicle.type = sim::ObjectType::VEHICLE;
@@ -62,7 +62,7 @@ TEST(SceneItem, NumbersAreRoundedToFourDecimals)
   EXPECT_NE(item.find(R"("Likelihood":0.96})"), std::string::npos) << item;
 }
 
-TEST(SceneItem, ExampleShowsWhatWasAskedFor)
+TEST(SceneItem, ExampleHasTheSelectedObjects)
 {
   std::string all = sim::scene_example_item(std::nullopt, true);
   EXPECT_NE(all.find("\"Human\""), std::string::npos);
