@@ -24,6 +24,9 @@ USAGE, FAILURE = 2, 1
 # Longer than anything takes that is not waited for, short enough for a test.
 SLOW_MS = 300
 
+# Long enough for a verb to take effect meanwhile, even on a busy machine.
+VERY_SLOW_MS = 3000
+
 MAX_STREAMS = 64
 MAX_PRODUCERS = 64
 MAX_NAME_BYTES = 255
@@ -857,7 +860,7 @@ def test_no_answer_ever_comes(camera, client, method):
 
 
 def test_slow_answer_of_a_producer_that_goes_is_an_error(camera, client):
-    camera.inject_producer_fault(PERSONS, "GetSampleFrame", "slow", SLOW_MS)
+    camera.inject_producer_fault(PERSONS, "GetSampleFrame", "slow", VERY_SLOW_MS)
     outcome = []
     client.connection.call(NAME, path_of(PERSONS), PRODUCER, "GetSampleFrame", None, None,
                            Gio.DBusCallFlags.NONE, BOUND_SECONDS * 1000, None,
