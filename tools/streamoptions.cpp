@@ -14,8 +14,9 @@
 namespace
 {
 
-/* A macro, so that the help can be put together from it. */
+/* Macros, because the help text is concatenated from them. */
 #define DEFAULT_SOCKET_PATH "/run/tessard/metadata"
+#define SOCKET_VARIABLE "TESSARD_SOCKET"
 
 constexpr gdouble MIN_TIMEOUT_SECONDS = 0.001;
 constexpr gdouble MAX_TIMEOUT_SECONDS = 30.0 * 24 * 60 * 60;
@@ -106,7 +107,7 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
       {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel,
        "Video channel that --analytics and --ptz mean", "N"},
       {"socket", 0, 0, G_OPTION_ARG_FILENAME, &options->socket_path,
-       "The daemon's socket (default: " DEFAULT_SOCKET_PATH ")", "PATH"},
+       "The daemon's socket (default: $" SOCKET_VARIABLE ", or " DEFAULT_SOCKET_PATH ")", "PATH"},
       {"count", 0, 0, G_OPTION_ARG_FILENAME, &numbers->count, "Stop after N documents", "N"},
       {"timeout", 0, 0, G_OPTION_ARG_FILENAME, &numbers->timeout,
        "Stop after so many seconds, connecting included; fractions are fine", "SECONDS"},
@@ -137,6 +138,15 @@ check_one_line(const gchar *option, const gchar *value, GError **error)
     return FALSE;
   }
   return TRUE;
+}
+
+/* An empty variable counts as unset. */
+const gchar *
+get_default_socket_path(void)
+{
+  const gchar *path = g_getenv(SOCKET_VARIABLE);
+
+  return path != nullptr && *path != '\0' ? path : DEFAULT_SOCKET_PATH;
 }
 
 gboolean
@@ -253,7 +263,7 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
     return FALSE;
   }
   if (options->socket_path == nullptr) {
-    options->socket_path = g_strdup(DEFAULT_SOCKET_PATH);
+    options->socket_path = g_strdup(get_default_socket_path());
   }
   return check_values(options, error) && parse_count(numbers.count, &options->count, error) &&
          parse_timeout(numbers.timeout, &options->timeout_ms, error);

@@ -112,7 +112,7 @@ class TestUsage:
             "--event", "--event-topic=TEXT", "--event-content=TEXT", "--analytics=N", "--ptz=N",
             "--pantilt-space=N", "--zoom-space=N", "--channel=N", "--socket=PATH", "--count=N",
             "--timeout=SECONDS", "--sync", "--pretty", "--output=FILE"]
-        assert "(default: /run/tessard/metadata)" in text
+        assert "(default: $TESSARD_SOCKET, or /run/tessard/metadata)" in text
         assert "\nExamples:\n  tessardctl stream --event\n" in text
         assert re.findall(r"^  (\d)  \S", text, re.MULTILINE) == [str(status) for status in range(8)]
 
@@ -354,6 +354,18 @@ class TestConnection:
         result = run("stream", "--event", "--socket", path)
         assert result.err == no_connection(path, "No such file or directory")
         assert result.status == NO_CONNECTION
+
+    def test_default_socket_from_the_environment(self, start, fake_daemon):
+        start("stream", "--event", env={"TESSARD_SOCKET": fake_daemon.path})
+        assert fake_daemon.accept_request().request == b"OPEN\nevent=1\n\n"
+
+    def test_option_overrides_the_environment(self, start, fake_daemon, tmp_path):
+        start("stream", "--event", "--socket", fake_daemon.path, env={"TESSARD_SOCKET": str(tmp_path / "other")})
+        assert fake_daemon.accept_request().request == b"OPEN\nevent=1\n\n"
+
+    def test_empty_variable_counts_as_unset(self, run):
+        result = run("stream", "--event", "--timeout", "1", env={"TESSARD_SOCKET": ""})
+        assert result.err == no_connection("/run/tessard/metadata", "No such file or directory")
 
     def test_nobody_listens(self, run, fake_daemon):
         fake_daemon.close()
