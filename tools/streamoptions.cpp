@@ -18,6 +18,8 @@ namespace
 #define DEFAULT_SOCKET_PATH "/run/tessard/metadata"
 #define SOCKET_VARIABLE "TESSARD_SOCKET"
 
+constexpr gchar STANDARD_OUTPUT[] = "-";
+
 constexpr gdouble MIN_TIMEOUT_SECONDS = 0.001;
 constexpr gdouble MAX_TIMEOUT_SECONDS = 30.0 * 24 * 60 * 60;
 
@@ -116,7 +118,7 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
       {"pretty", 0, 0, G_OPTION_ARG_NONE, &options->pretty, "Print indented XML, several lines a document",
        nullptr},
       {"output", 0, 0, G_OPTION_ARG_FILENAME, &options->output_path,
-       "Write to a file instead of standard output", "FILE"},
+       "Write to a file instead of standard output; '-' is standard output", "FILE"},
       {},
   };
   g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
@@ -264,6 +266,9 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
   }
   if (options->socket_path == nullptr) {
     options->socket_path = g_strdup(get_default_socket_path());
+  }
+  if (g_strcmp0(options->output_path, STANDARD_OUTPUT) == 0) {
+    g_clear_pointer(&options->output_path, g_free);
   }
   return check_values(options, error) && parse_count(numbers.count, &options->count, error) &&
          parse_timeout(numbers.timeout, &options->timeout_ms, error);

@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-/* What the user asked of "tessardctl stream". Texts are in the user's own bytes, NULL when not given. */
+/* The options of "tessardctl stream". Texts hold the bytes of the command line, NULL without the option. */
 struct StreamOptions {
   StreamOptions() = default;
   StreamOptions(const StreamOptions &) = delete;
@@ -18,7 +18,7 @@ struct StreamOptions {
   gchar *zoom_space = nullptr;
   gchar *channel = nullptr;
   gchar *socket_path = nullptr;
-  gchar *output_path = nullptr;
+  gchar *output_path = nullptr; /* NULL for standard output */
   gboolean sync = FALSE;
   gboolean pretty = FALSE;
   guint64 count = 0;    /* documents; 0 for no end */

@@ -464,6 +464,13 @@ class TestOutput:
         assert (result.status, result.out, result.err) == (SUCCESS, b"", b"")
         assert path.read_bytes() == b"".join(LINES[:2])
 
+    def test_dash_is_standard_output(self, stream, fake_daemon, gdp, tmp_path):
+        tool = stream("--event", "--count", "1", "--output", "-", cwd=tmp_path)
+        fake_daemon.accept_stream().send(gdp.document(DOCUMENTS[0]))
+        result = tool.finish()
+        assert (result.status, result.out, result.err) == (SUCCESS, LINES[0], b"")
+        assert list(tmp_path.glob("-")) == []
+
     def test_file_that_cannot_be_opened(self, stream, fake_daemon, tmp_path):
         path = tmp_path / "no" / "documents"
         result = stream("--event", "--output", path).finish()
