@@ -1,5 +1,5 @@
-/* tessardctl's entry: finds the sub-command and hands the rest of the command line to it. Each sub-command
- * reads its own options and is one line in the table below.
+/* Start-up of tessardctl: finds the command and passes it the rest of the command line. Each command parses
+ * its own options and is one row of the table below.
  */
 #include "command.h"
 #include "memory.h"
@@ -16,14 +16,18 @@
 namespace
 {
 
+int help_command_run(int argc, char **argv);
+
 constexpr std::array COMMANDS = {
     Command{"stream", "Print the metadata that the daemon streams", stream_command_run},
     Command{"producers", "List the analytics producers", producers_command_run},
+    Command{"list", "The same as producers", producers_command_run},
     Command{"show", "Print all about one producer", show_command_run},
     Command{"enable", "Enable a producer on a video channel", enable_command_run},
     Command{"disable", "Disable a producer on a video channel", disable_command_run},
     Command{"apply", "Enable and disable many at once, from a file", apply_command_run},
     Command{"monitor", "Print changes of the producers as they happen", monitor_command_run},
+    Command{"help", "Print this help, or that of a command", help_command_run},
 };
 
 /* A descriptor below 3 that the caller closed would go to the next socket or file that is opened, and output
@@ -46,11 +50,11 @@ describe_commands(void)
   for (const Command &command : COMMANDS) {
     g_string_append_printf(text, "  %-10s %s\n", command.name, command.summary);
   }
-  g_string_append(text, "\n'tessardctl COMMAND --help' tells more about a command.");
+  g_string_append(text, "\n'tessardctl help COMMAND' prints the options of a command.");
   return g_string_free(g_steal_pointer(&text), FALSE);
 }
 
-/* Parses the options that stand before the sub-command and takes them out of the arguments. */
+/* Parses the options in front of the command and removes them from the arguments. "--help" exits. */
 gboolean
 parse_options(int *argc, char ***argv, gboolean *version, GError **error)
 {
@@ -91,6 +95,43 @@ run_command(int argc, char **argv)
   g_autofree gchar *words = g_strdup_printf("tessardctl %s", command->name);
   g_set_prgname(words);
   return command->run(argc, argv);
+}
+
+/* GLib's parser prints the help on "--help" and exits with success. @command is NULL for tessardctl itself.
+ */
+int
+print_help(char *command)
+{
+  char program[] = "tessardctl";
+  char help[] = "--help";
+  std::array<char *, 3> words = {command != nullptr ? command : program, help, nullptr};
+  int argc = words.size() - 1;
+  char **argv = words.data();
+  gboolean version = FALSE;
+
+  if (command != nullptr) {
+    return run_command(argc, argv);
+  }
+  parse_options(&argc, &argv, &version, nullptr);
+  return EXIT_STATUS_SUCCESS;
+}
+
+int
+help_command_run(int argc, char **argv)
+{
+  g_autoptr(GOptionContext) context = g_option_context_new("[COMMAND]");
+  g_autoptr(GError) error = nullptr;
+
+  g_option_context_set_summary(context, "Prints the commands of tessardctl, or the options of one command.");
+  if (!g_option_context_parse(context, &argc, &argv, &error)) {
+    return command_usage_error(error->message);
+  }
+  if (argc > 2) {
+    g_autofree gchar *message = g_strdup_printf("Unexpected argument '%s'.", argv[2]);
+    return command_usage_error(message);
+  }
+  g_set_prgname("tessardctl");
+  return print_help(argc == 2 ? argv[1] : nullptr);
 }
 
 } // namespace

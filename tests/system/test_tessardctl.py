@@ -103,6 +103,13 @@ class TestUsage:
         assert b"\n  stream     Print the metadata that the daemon streams\n" in result.out
         assert result.err == b""
 
+    @pytest.mark.parametrize("words", [[], ["stream"], ["producers"], ["list"], ["apply"], ["help"]])
+    def test_help_command_prints_what_the_option_prints(self, run, words):
+        by_command, by_option = run("help", *words), run(*words, "--help")
+        assert (by_command.status, by_command.err) == (SUCCESS, b"")
+        assert by_command.out == by_option.out
+        assert by_command.out.startswith(" ".join(["Usage:\n  tessardctl", *words, ""]).encode())
+
     def test_stream_help_names_every_option_and_status(self, run):
         result = run("stream", "--help")
         text = result.out.decode()
@@ -131,6 +138,9 @@ class TestUsage:
     @pytest.mark.parametrize("args, message, words", [
         ([], "No command given.", "tessardctl"),
         (["stram"], "Unknown command 'stram'.", "tessardctl"),
+        (["help", "stram"], "Unknown command 'stram'.", "tessardctl"),
+        (["help", "stream", "now"], "Unexpected argument 'now'.", "tessardctl help"),
+        (["help", "--all"], "Unknown option --all", "tessardctl help"),
         (["--stream"], "Unknown option --stream", "tessardctl"),
         (["stream", "--evnt"], "Unknown option --evnt", "tessardctl stream"),
         (["stream", "--event", "now"], "Unexpected argument 'now'.", "tessardctl stream"),

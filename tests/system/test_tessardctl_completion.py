@@ -16,7 +16,7 @@ from waiting import BOUND_SECONDS
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
-COMMANDS = ["stream", "producers", "show", "enable", "disable", "apply", "monitor"]
+COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "help"]
 
 # What the shell does when the tabulator is hit, with words taken apart as it does.
 ASK_BASH = """\
@@ -63,6 +63,9 @@ def test_commands(offered, run):
     assert offered("") == COMMANDS
     assert offered("s") == ["stream", "show"]
     assert offered("--help s") == ["stream", "show"]
+    assert offered("help ") == COMMANDS
+    assert offered("help s") == ["stream", "show"]
+    assert offered("help show ") == []
 
 
 @pytest.mark.parametrize("command", [[], *([command] for command in COMMANDS)])
@@ -84,7 +87,7 @@ def test_options_that_take_a_value_are_known(offered, run, command):
         assert offered(f"{command} {option} --") == []
 
 
-@pytest.mark.parametrize("line", ["show ", "enable ", "disable ", "producers --channels "])
+@pytest.mark.parametrize("line", ["show ", "enable ", "disable ", "producers --channels ", "list --channels "])
 def test_names_of_producers(offered, service, line):
     assert offered(line) == ["Radar", "VideoCounter", "VideoMotionTracker"]
     assert offered(line + "Video") == ["VideoCounter", "VideoMotionTracker"]

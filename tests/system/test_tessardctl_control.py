@@ -36,7 +36,7 @@ COMMANDS = {
     "apply": ["apply", "-"],
 }
 
-ALL_COMMANDS = COMMANDS | {"monitor": ["monitor"]}
+ALL_COMMANDS = COMMANDS | {"monitor": ["monitor"], "list": ["list"]}
 
 
 CHANNEL = '{"Channel": 1, "Enabled": true, "Configuration": "c"}'
@@ -112,7 +112,7 @@ class TestUsage:
             assert re.search(rf"^  {command} +\S", text, re.MULTILINE)
 
     @pytest.mark.parametrize("command, arguments", [
-        ("producers", ""), ("show", " NAME"), ("enable", " NAME CHANNEL CONFIGURATION"),
+        ("producers", ""), ("list", ""), ("show", " NAME"), ("enable", " NAME CHANNEL CONFIGURATION"),
         ("disable", " NAME CHANNEL"), ("apply", " FILE"), ("monitor", ""),
     ])
     def test_help_of_each(self, run, command, arguments):
@@ -282,6 +282,11 @@ class TestProducers:
             "RadarMotionTracker  Quon radar motion tracker  1        disabled  -\n"
             "VideoMotionTracker  Quon video motion tracker  1        enabled   profile1\n"
             "VideoMotionTracker  Quon video motion tracker  2        disabled  -\n")
+
+    def test_list_is_another_word(self, ask, started):
+        for options in ([], ["--json"], ["--names"], ["--channels", VIDEO]):
+            listed, expected = ask("list", *options), ask("producers", *options)
+            assert (listed.status, listed.out, listed.err) == (SUCCESS, expected.out, b"")
 
     def test_no_producers(self, ask, service):
         service.producers = {}

@@ -5,7 +5,7 @@
 _TESSARDCTL_ASK_SECONDS=2
 
 _tessardctl_commands() {
-  printf '%s\n' stream producers show enable disable apply monitor
+  printf '%s\n' stream producers list show enable disable apply monitor help
 }
 
 # The options of a command, or of tessardctl itself.
@@ -17,7 +17,7 @@ _tessardctl_options() {
     printf '%s\n' --event --event-topic --event-content --analytics --ptz --pantilt-space --zoom-space --channel \
       --socket --count --timeout --sync --pretty --output
     ;;
-  producers) printf '%s\n' --json --names --channels --bus ;;
+  producers | list) printf '%s\n' --json --names --channels --bus ;;
   show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
   esac
 }
@@ -84,7 +84,7 @@ _tessardctl() {
     _tessardctl_offer "$current" < <(_tessardctl_options "$command")
   else
     case $command/${#given[@]} in
-    /0) _tessardctl_offer "$current" < <(_tessardctl_commands) ;;
+    /0 | help/0) _tessardctl_offer "$current" < <(_tessardctl_commands) ;;
     show/0 | enable/0 | disable/0) _tessardctl_offer "$current" < <(_tessardctl_ask --names) ;;
     enable/1 | disable/1) _tessardctl_offer "$current" < <(_tessardctl_ask --channels "${given[0]}") ;;
     apply/0) _tessardctl_offer_files "$current" ;;
