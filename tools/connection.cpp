@@ -12,6 +12,9 @@
 #include <array>
 #include <cstring>
 #include <gio/gunixsocketaddress.h>
+#include <glib/gstdio.h>
+#include <grp.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 namespace
@@ -29,11 +32,51 @@ constexpr gint CONNECT_RETRY_MS = 20;
 
 constexpr gchar REFUSAL[] = "FAIL\n";
 
+/* Enough for a group with many members; a longer entry is shown by its number. */
+constexpr gsize GROUP_ENTRY_BYTES = 16 * 1024;
+
 void
 set_no_connection(GError **error, const gchar *socket_path, const gchar *cause)
 {
   g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_NO_CONNECTION, "Could not connect to '%s': %s.",
               socket_path, cause);
+}
+
+gchar *
+get_group_name(gid_t id)
+{
+  std::array<char, GROUP_ENTRY_BYTES> entry = {};
+  struct group group = {};
+  struct group *found = nullptr;
+
+  getgrgid_r(id, &group, entry.data(), entry.size(), &found);
+  return found != nullptr ? g_strdup(found->gr_name) : g_strdup_printf("%u", id);
+}
+
+/* The mode of the socket decides who can connect. NULL when it is not the mode that refuses this user. */
+gchar *
+describe_socket_group(const gchar *socket_path)
+{
+  constexpr mode_t WRITABLE = S_IWGRP | S_IWOTH;
+  GStatBuf status = {};
+
+  if (g_stat(socket_path, &status) != 0 || (status.st_mode & WRITABLE) != S_IWGRP) {
+    return nullptr;
+  }
+  g_autofree gchar *group = get_group_name(status.st_gid);
+  return g_strdup_printf("only root and members of the group '%s' can", group);
+}
+
+void
+set_connect_failure(GError **error, const gchar *socket_path, const GError *cause)
+{
+  g_autofree gchar *reason = g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED)
+                                 ? describe_socket_group(socket_path)
+                                 : nullptr;
+  g_autofree gchar *text =
+      reason != nullptr ? g_strdup_printf("%s; %s", cause->message, reason) : g_strdup(cause->message);
+
+  set_no_connection(error, socket_path, text);
 }
 
 void
@@ -56,7 +99,7 @@ connect_socket(GSocket *socket, const gchar *socket_path, GCancellable *cancella
   while (!g_socket_connect(socket, address, cancellable, &cause)) {
     if (!g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) ||
         g_cancellable_is_cancelled(cancellable)) {
-      set_no_connection(error, socket_path, cause->message);
+      set_connect_failure(error, socket_path, cause);
       return FALSE;
     }
     g_clear_error(&cause);

@@ -14,12 +14,15 @@ namespace
 constexpr auto CONNECTION_FLAGS = static_cast<GDBusConnectionFlags>(
     G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
 
-/* How the bus itself tells that the daemon is not there, or no longer. */
+/* The bus' own errors, in place of a reply of the daemon. */
 struct BusFailure {
   const gchar *name;
   ExitStatus status;
   const gchar *text;
 };
+
+constexpr gchar NOT_ALLOWED[] = "The bus policy refused the call: only root and members of the "
+                                "group '" PRODUCER_BUS_ADMIN_GROUP "' can enable and disable producers.";
 
 constexpr gchar NOT_THERE[] = "The daemon is not on the bus: nobody owns '" PRODUCER_BUS_NAME "'.";
 
@@ -73,6 +76,15 @@ connect_in_time(const gchar *address, GError **error)
     set_no_connection(error, cause);
   }
   return connection;
+}
+
+/* Access to the daemon's own methods is the policy's decision alone; the daemon refuses no caller. A policy
+ * that refuses even the standard methods is another fault, which the bus' own text describes. */
+gboolean
+is_refused_by_policy(const gchar *interface, const GError *cause)
+{
+  return g_str_has_prefix(interface, PRODUCER_BUS_NAME) &&
+         g_error_matches(cause, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
 }
 
 GError *
@@ -145,6 +157,10 @@ producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *i
       connection, PRODUCER_BUS_NAME, path, interface, method, arguments, nullptr,
       G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(seconds * 1000), nullptr, &cause);
 
+  if (reply == nullptr && is_refused_by_policy(interface, cause)) {
+    g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, NOT_ALLOWED);
+    return nullptr;
+  }
   if (reply == nullptr) {
     g_propagate_error(error, producer_bus_judge_failure(cause, seconds));
     return nullptr;

@@ -17,6 +17,9 @@
  */
 #define PRODUCER_BUS_SECONDS_PER_CHANGE 1
 
+/* The group whose members the bus policy lets change producers, beside root. */
+#define PRODUCER_BUS_ADMIN_GROUP "tessard-admin"
+
 #define PRODUCER_BUS_NAME "com.quon.MetadataServer1"
 #define PRODUCER_BUS_ROOT "/com/quon/MetadataServer1/Producers"
 #define PRODUCER_BUS_PRODUCER "com.quon.MetadataServer1.Producer"

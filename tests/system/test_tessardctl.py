@@ -8,6 +8,7 @@ import os
 import pty
 import re
 import select
+import shutil
 import signal
 import socket
 import struct
@@ -20,6 +21,7 @@ import xml.etree.ElementTree
 import pytest
 
 from fakedaemon import GDP_HEADER_BYTES, GDP_LENGTH, FakeDaemon, GdpStream
+from installation import run_by_root
 from tessardctl import (ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, TIMED_OUT, USAGE, read_lines,
                         read_some)
 from waiting import BOUND_SECONDS, wait_until
@@ -382,6 +384,21 @@ class TestConnection:
         result = run("stream", "--event", "--socket", fake_daemon.path)
         assert result.err == no_connection(fake_daemon.path, "Connection refused")
         assert result.status == NO_CONNECTION
+
+    @pytest.mark.skipif(not run_by_root(), reason="only root can run the tool as another user")
+    @pytest.mark.parametrize("mode, reason", [
+        (0o660, "Permission denied; only root and members of the group 'games' can"),
+        (0o600, "Permission denied"),
+    ])
+    def test_socket_of_another_group(self, run, workspace, mode, reason):
+        daemon = FakeDaemon(workspace.folder() / "metadata")
+        shutil.chown(daemon.path, group="games")
+        os.chmod(daemon.path, mode)
+        result = run("stream", "--event", "--socket", daemon.path, cwd="/", user="daemon", group="daemon",
+                     extra_groups=[])
+        assert result.err == no_connection(daemon.path, reason)
+        assert result.status == NO_CONNECTION
+        daemon.close()
 
     def test_path_that_is_too_long_is_not_cut(self, run, tmp_path, monkeypatch):
         monkeypatch.chdir(tmp_path)
