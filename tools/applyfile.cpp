@@ -7,6 +7,7 @@
  */
 #include "applyfile.h"
 #include "command.h"
+#include "configurationname.h"
 #include "jsonreader.h"
 
 #include <array>
@@ -115,6 +116,19 @@ read_array(JsonReader *reader, const gchar *what, ReadItem read_item, GError **e
   return reader->expect(']', error);
 }
 
+gboolean
+read_configuration(JsonReader *reader, Channel *channel, GError **error)
+{
+  const gchar *place = reader->find_next();
+
+  channel->has_configuration = TRUE;
+  if (!reader->read_string(&channel->configuration, error)) {
+    return FALSE;
+  }
+  g_autofree gchar *fault = configuration_name_describe_fault(channel->configuration.c_str());
+  return fault == nullptr || reader->refuse(place, error, "a configuration name that %s", fault);
+}
+
 constexpr std::array CHANNEL_MEMBERS = {
     Member<Channel>{"Channel", TRUE,
                     [](JsonReader *reader, Channel *channel, GError **error) {
@@ -124,11 +138,7 @@ constexpr std::array CHANNEL_MEMBERS = {
                     [](JsonReader *reader, Channel *channel, GError **error) {
                       return reader->read_boolean(&channel->enabled, error);
                     }},
-    Member<Channel>{"Configuration", FALSE,
-                    [](JsonReader *reader, Channel *channel, GError **error) {
-                      channel->has_configuration = TRUE;
-                      return reader->read_string(&channel->configuration, error);
-                    }},
+    Member<Channel>{"Configuration", FALSE, read_configuration},
 };
 
 gboolean

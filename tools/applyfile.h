@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-/* All functions: any thread. */
+/* All functions can be called on any thread. */
 
 /**
  * APPLY_FILE_MAX_BYTES:

@@ -1,9 +1,11 @@
-/* The command lines of the commands that talk to the daemon over the bus.
+/* The command lines of the commands that call the daemon over the bus.
  *
- * The daemon judges what is asked. Only what the bus could not carry is a usage error here.
+ * The daemon validates names and channels. A usage error is only what the bus cannot carry, and a
+ * configuration name that the daemon accepts but that breaks frames.
  */
 #include "arguments.h"
 #include "command.h"
+#include "configurationname.h"
 
 namespace
 {
@@ -72,13 +74,13 @@ Arguments::~Arguments()
 /**
  * arguments_parse:
  * @arguments: (transfer none): as constructed; filled in
- * @rules: (transfer none): what the command takes
- * @options: (transfer none) (nullable): options beside "--bus", to be filled in
+ * @rules: (transfer none): the arguments of the command, and its help
+ * @options: (transfer none) (nullable): options in addition to "--bus", to be filled in
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  * @error: return location for an error, whose message is for the user
  *
- * Reads the command line. "--help" prints the help and ends the process. Main thread.
+ * Parses the command line. "--help" prints the help and exits.
  *
  * Returns: %FALSE when the command line is wrong
  */
@@ -92,34 +94,37 @@ arguments_parse(Arguments *arguments, const ArgumentRules *rules, const GOptionE
 }
 
 /**
- * arguments_check_text:
- * @name: (transfer none): the argument's name
- * @text: (transfer none): what the user gave for it
+ * arguments_check_configuration:
+ * @text: (transfer none): the argument CONFIGURATION
  * @error: return location for an error, whose message is for the user
  *
- * Any thread.
- *
- * Returns: whether the bus can carry @text, which is whether it is UTF-8
+ * Returns: whether the bus can carry @text, and producers can have it in their frames
  */
 gboolean
-arguments_check_text(const gchar *name, const gchar *text, GError **error)
+arguments_check_configuration(const gchar *text, GError **error)
 {
-  if (g_utf8_validate(text, -1, nullptr)) {
-    return TRUE;
+  if (!g_utf8_validate(text, -1, nullptr)) {
+    g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
+                        "The argument CONFIGURATION is not UTF-8.");
+    return FALSE;
   }
-  g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The argument %s is not UTF-8.", name);
-  return FALSE;
+  g_autofree gchar *fault = configuration_name_describe_fault(text);
+  if (fault != nullptr) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The argument CONFIGURATION %s.", fault);
+    return FALSE;
+  }
+  return TRUE;
 }
 
 /**
  * arguments_parse_channel:
- * @text: (transfer none): what the user gave
+ * @text: (transfer none): the argument CHANNEL
  * @channel: (out): the channel's number
  * @error: return location for an error, whose message is for the user
  *
- * Reads a decimal number, which need not be one of a channel that there is. Any thread.
+ * Parses a decimal number. The daemon decides whether that channel exists.
  *
- * Returns: %FALSE when the bus could not carry it
+ * Returns: %FALSE when the bus cannot carry the number
  */
 gboolean
 arguments_parse_channel(const gchar *text, gint32 *channel, GError **error)

@@ -85,7 +85,7 @@ parse_producers(Arguments *arguments, ProducersOptions *options, int argc, char 
   }
   if ((options->json ? 1 : 0) + (options->names ? 1 : 0) + (options->channels_of != nullptr ? 1 : 0) > 1) {
     g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
-                        "Of --json, --names and --channels there can be one.");
+                        "Only one of --json, --names and --channels is allowed.");
     return FALSE;
   }
   return TRUE;
@@ -247,7 +247,7 @@ enable_command_run(int argc, char **argv)
 
   if (!arguments_parse(&arguments, &ENABLE_RULES, nullptr, argc, argv, &error) ||
       !arguments_parse_channel(arguments.words[1], &channel.channel, &error) ||
-      !arguments_check_text("CONFIGURATION", arguments.words[2], &error)) {
+      !arguments_check_configuration(arguments.words[2], &error)) {
     return command_usage_error(error->message);
   }
   channel.enabled = TRUE;

@@ -38,6 +38,10 @@ COMMANDS = {
 ALL_COMMANDS = COMMANDS | {"monitor": ["monitor"], "list": ["list"]}
 
 
+# What the name of a configuration cannot contain.
+BAD_CHARACTERS = [('"', "a quotation mark"), ("\\", "a backslash"), ("\n", "a control character"),
+                  ("\x01", "a control character"), ("\x7f", "a control character")]
+
 CHANNEL = '{"Channel": 1, "Enabled": true, "Configuration": "c"}'
 
 
@@ -124,13 +128,16 @@ class TestUsage:
 
     @pytest.mark.parametrize("args, message", [
         (["producers", "now"], "Unexpected argument 'now'."),
-        (["producers", "--json", "--names"], "Of --json, --names and --channels there can be one."),
-        (["producers", "--names", "--channels", "a"], "Of --json, --names and --channels there can be one."),
+        (["producers", "--json", "--names"], "Only one of --json, --names and --channels is allowed."),
+        (["producers", "--names", "--channels", "a"], "Only one of --json, --names and --channels is allowed."),
         (["show"], "Missing argument NAME."),
         (["show", "a", "b"], "Unexpected argument 'b'."),
         (["enable", "a", "1"], "Missing argument CONFIGURATION."),
         (["enable", "a", "1", "b", "c"], "Unexpected argument 'c'."),
         (["enable", "a", "1", b"\xff"], "The argument CONFIGURATION is not UTF-8."),
+        *((["enable", "a", "1", f"c{character}d"],
+           f"The argument CONFIGURATION contains {name}, which would make the producer's frames malformed.")
+          for character, name in BAD_CHARACTERS),
         (["disable", "a"], "Missing argument CHANNEL."),
         (["disable", "a", "-1"], "Unknown option -1"),
         (["apply"], "Missing argument FILE."),
@@ -463,10 +470,11 @@ class TestApply:
 
     def test_every_text_survives(self, ask, service):
         text = "\x01\x1b\x7f\u009b\u2028\"\\u001b\\\U000e0001\U0001f600é\n\t/"
-        service.producers = {path_of("a"): properties(text, "a", [(1, True, text)])}
+        configuration = "\u2028\U000e0001\U0001f600é/'"
+        service.producers = {path_of("a"): properties(text, "a", [(1, True, configuration)])}
         service.start()
         assert ask("apply", "-", stdin=ask("producers", "--json").out.decode()).status == SUCCESS
-        assert service.set_calls() == [(ROOT, "SetProducersEnabled", ({text: [(1, True, text)]},))]
+        assert service.set_calls() == [(ROOT, "SetProducersEnabled", ({text: [(1, True, configuration)]},))]
 
     def test_file(self, ask, started, tmp_path):
         path = tmp_path / "changes.json"
@@ -575,6 +583,17 @@ class TestApply:
         result = ask("apply", str(path))
         assert result.err == (f"tessardctl: Could not apply '{path}': line {line}, column {column}: a byte that is not "
                               "UTF-8.\n").encode()
+        assert (result.status, started.calls) == (LOCAL, [])
+
+    @pytest.mark.parametrize("character, name", BAD_CHARACTERS)
+    def test_configuration_that_makes_frames_malformed(self, ask, started, character, name):
+        text = json.dumps([{"Name": "a", "Channels": [{"Channel": 1, "Enabled": True,
+                                                       "Configuration": f"c{character}d"}]}])
+        result = ask("apply", "-", stdin=text)
+        column = text.index('"c') + 1
+        assert result.err.decode() == (
+            f"tessardctl: Could not apply 'standard input': line 1, column {column}: a configuration name that "
+            f"contains {name}, which would make the producer's frames malformed.\n")
         assert (result.status, started.calls) == (LOCAL, [])
 
     def test_byte_order_mark(self, ask, started):

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <glib.h>
+
+/* All functions can be called on any thread. */
+
+gchar *configuration_name_describe_fault(const gchar *name);
