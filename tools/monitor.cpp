@@ -1,13 +1,13 @@
-/* "tessardctl monitor": prints a line for each change of the producers, as it happens.
+/* "tessardctl monitor": prints a line for each change of the producers.
  *
- * It knows the producers by object path. When the daemon comes it subscribes to all that this very owner of
- * the name signals, and then asks for everything. The bus keeps the order, so a signal from before the reply
- * is contained in it and is passed over, and one that comes later is a change. What the daemon was like when
- * it went is kept until it is back: the lines then tell what is different.
+ * Producers are identified by object path. When the daemon appears, the monitor subscribes to the signals of
+ * that owner of the name and then requests all objects. The bus keeps the order: the reply already includes
+ * every signal that arrives before it, so those are ignored, and every later one is a change. The last known
+ * state is kept while the daemon is away; after its return the lines show the differences.
  *
- * The first word of a line is always one of the monitor's own, whatever names there are.
+ * The first word of a line is always one of the monitor's own, never a name.
  *
- * All of it runs on the main thread.
+ * Everything runs on the main thread.
  */
 #include "monitor.h"
 #include "arguments.h"
@@ -29,10 +29,10 @@ constexpr ArgumentRules RULES = {
     "",
     "Prints a line for each change of the analytics producers as it happens, until Ctrl-C.",
     "Lines:\n"
-    "  daemon present, producers: N    it is on the bus; N are there now\n"
-    "  daemon absent                   it is not on the bus\n"
-    "  added NAME: NICE NAME           a producer has come\n"
-    "  removed NAME                    a producer has gone\n"
+    "  daemon present, producers: N    the daemon is on the bus and has N producers\n"
+    "  daemon absent                   the daemon is not on the bus\n"
+    "  added NAME: NICE NAME           a producer has been added\n"
+    "  removed NAME                    a producer has been removed\n"
     "  enabled NAME CHANNEL: CONFIGURATION\n"
     "  disabled NAME CHANNEL\n"
     "\n",
@@ -55,16 +55,16 @@ struct Session {
   guint watch = 0;
 
   guint subscription = 0;          /* to the owner's signals; 0 while the daemon is absent */
-  GCancellable *loading = nullptr; /* while the reply with all producers is awaited */
-  guint pending_replies = 0;       /* of cancelled calls too */
-  gboolean has_looked = FALSE;     /* whether there is a state that changes can be told from */
+  GCancellable *loading = nullptr; /* while the call for all producers is pending */
+  guint pending_replies = 0;       /* includes those of cancelled calls */
+  gboolean has_state = FALSE;      /* whether changes can be computed */
   ProducersByPath producers;       /* the last known */
 
   gboolean finished = FALSE;
   GError *outcome = nullptr;
 };
 
-/* Ends the session, with success when @outcome is NULL. Takes @outcome. The first to say it decides. */
+/* Ends the session, with success when @outcome is NULL. Takes @outcome. Only the first call counts. */
 void
 finish(Session *session, GError *outcome)
 {
@@ -98,18 +98,7 @@ print_line(Session *session, const gchar *format, ...)
   session->lines->write(printable);
 }
 
-const ProducerChannel *
-find_channel(const Producer &producer, gint32 number)
-{
-  for (const ProducerChannel &channel : producer.channels) {
-    if (channel.channel == number) {
-      return &channel;
-    }
-  }
-  return nullptr;
-}
-
-/* A channel that was not there was as good as disabled, and the other way round. */
+/* NULL, for a channel that is missing, counts as disabled. */
 void
 print_channel_change(Session *session, const Producer &producer, const ProducerChannel *before,
                      const ProducerChannel *after)
@@ -129,12 +118,12 @@ void
 print_channel_changes(Session *session, const Producer &before, const Producer &after)
 {
   for (const ProducerChannel &channel : before.channels) {
-    if (find_channel(after, channel.channel) == nullptr) {
+    if (producer_find_channel(after, channel.channel) == nullptr) {
       print_channel_change(session, after, &channel, nullptr);
     }
   }
   for (const ProducerChannel &channel : after.channels) {
-    print_channel_change(session, after, find_channel(before, channel.channel), &channel);
+    print_channel_change(session, after, producer_find_channel(before, channel.channel), &channel);
   }
 }
 
@@ -145,7 +134,7 @@ remove_producer(Session *session, ProducersByPath::iterator position)
   session->producers.erase(position);
 }
 
-/* Takes in a producer that has come, or one that is there already and may have changed. */
+/* Adds a producer, or compares it with its last known state. */
 void
 update_producer(Session *session, Producer producer)
 {
@@ -167,15 +156,15 @@ update_producer(Session *session, Producer producer)
 void
 update_all(Session *session, Producers producers)
 {
-  ProducersByPath there;
+  ProducersByPath current;
 
   for (const Producer &producer : producers) {
-    there.emplace(producer.path, producer);
+    current.emplace(producer.path, producer);
   }
   for (auto position = session->producers.begin(); position != session->producers.end();) {
-    const auto current = position++;
-    if (!there.contains(current->first)) {
-      remove_producer(session, current);
+    const auto known = position++;
+    if (!current.contains(known->first)) {
+      remove_producer(session, known);
     }
   }
   for (Producer &producer : producers) {
@@ -221,7 +210,7 @@ on_interfaces_removed(Session *session, const gchar *object_path, GVariant *body
   }
 }
 
-/* Of a producer's properties only the channels ever change. */
+/* A producer's other properties are constant. */
 void
 on_properties_changed(Session *session, const gchar *object_path, GVariant *body)
 {
@@ -282,12 +271,11 @@ on_daemon_signal(GDBusConnection *connection, const gchar *sender_name, const gc
   }
 }
 
-/* Why the daemon did not tell its producers. That it has gone shows by the name's owner as well, which says
- * more: it may come back. */
+/* A daemon that has left the bus is no error here: the watch on its name reports that, and its return. */
 void
-judge_load_failure(Session *session, const GError *cause)
+handle_load_failure(Session *session, const GError *cause)
 {
-  g_autoptr(GError) error = producer_bus_judge_failure(cause, PRODUCER_BUS_TIMEOUT_SECONDS);
+  g_autoptr(GError) error = producer_bus_convert_failure(cause, PRODUCER_BUS_TIMEOUT_SECONDS);
 
   if (error->code != EXIT_STATUS_NO_CONNECTION && error->code != EXIT_STATUS_ENDED) {
     finish(session, g_steal_pointer(&error));
@@ -309,12 +297,12 @@ take_objects(Session *session, GVariant *objects)
   }
 
   print_line(session, "daemon present, producers: %" G_GSIZE_FORMAT, producers->size());
-  if (!session->has_looked) {
+  if (!session->has_state) {
     for (const Producer &producer : *producers) {
       session->producers.emplace(producer.path, producer);
     }
   }
-  session->has_looked = TRUE;
+  session->has_state = TRUE;
   update_all(session, std::move(*producers));
 }
 
@@ -331,7 +319,7 @@ on_objects_loaded(GObject *source_object, GAsyncResult *result, gpointer user_da
     return;
   }
   if (objects == nullptr) {
-    judge_load_failure(session, cause);
+    handle_load_failure(session, cause);
     return;
   }
   g_clear_object(&session->loading);
@@ -366,7 +354,7 @@ forget_owner(Session *session)
   }
 }
 
-/* When the bus goes the daemon's name goes too, which says nothing about the daemon. */
+/* Also called when the bus closes the connection, which says nothing about the daemon. */
 void
 on_daemon_vanished(GDBusConnection *connection, const gchar *name, gpointer user_data)
 {
@@ -374,7 +362,7 @@ on_daemon_vanished(GDBusConnection *connection, const gchar *name, gpointer user
 
   forget_owner(session);
   if (!g_dbus_connection_is_closed(session->connection)) {
-    session->has_looked = TRUE;
+    session->has_state = TRUE;
     print_line(session, "daemon absent");
   }
 }
@@ -404,7 +392,7 @@ Session::Session(GDBusConnection *bus_connection)
 {
 }
 
-/* Nothing may call back afterwards, cancelled calls included. */
+/* No callback can run afterwards, not even that of a cancelled call. */
 Session::~Session()
 {
   g_bus_unwatch_name(watch);
@@ -425,10 +413,11 @@ Session::~Session()
 /**
  * monitor_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl monitor" until it is interrupted or nobody reads it any more. SIGPIPE must be ignored.
- * Main thread.
+ * Runs "tessardctl monitor" until an interrupt, or until the reader of its output hangs up. SIGPIPE must be
+ * ignored.
+ *
  *
  * Returns: the exit status
  */

@@ -1,7 +1,7 @@
-/* The way to the daemon's objects, on the system's bus or on one that the user names.
+/* Calls of the daemon, on the system bus or on the bus of --bus.
  *
- * Every wait ends. The daemon is not started for being asked: who is not there has nothing to show. What
- * comes back is whatever its sender made it, so a body's type is checked before anybody unpacks it.
+ * Every wait is bounded. A call never activates the daemon, because only a running one has producers. The
+ * type of each body is checked before it is unpacked.
  */
 #include "producerbus.h"
 #include "command.h"
@@ -24,16 +24,16 @@ struct BusFailure {
 constexpr gchar NOT_ALLOWED[] = "The bus policy refused the call: only root and members of the "
                                 "group '" PRODUCER_BUS_ADMIN_GROUP "' can enable and disable producers.";
 
-constexpr gchar NOT_THERE[] = "The daemon is not on the bus: nobody owns '" PRODUCER_BUS_NAME "'.";
+constexpr gchar ABSENT[] = "The daemon is not on the bus: '" PRODUCER_BUS_NAME "' has no owner.";
 
 constexpr std::array BUS_FAILURES = {
-    BusFailure{"org.freedesktop.DBus.Error.ServiceUnknown", EXIT_STATUS_NO_CONNECTION, NOT_THERE},
-    BusFailure{"org.freedesktop.DBus.Error.NameHasNoOwner", EXIT_STATUS_NO_CONNECTION, NOT_THERE},
+    BusFailure{"org.freedesktop.DBus.Error.ServiceUnknown", EXIT_STATUS_NO_CONNECTION, ABSENT},
+    BusFailure{"org.freedesktop.DBus.Error.NameHasNoOwner", EXIT_STATUS_NO_CONNECTION, ABSENT},
     BusFailure{"org.freedesktop.DBus.Error.NoReply", EXIT_STATUS_ENDED, "The daemon left without a reply."},
 };
 
 gboolean
-on_connecting_overdue(gpointer user_data)
+on_connect_time_out(gpointer user_data)
 {
   g_cancellable_cancel(static_cast<GCancellable *>(user_data));
   return G_SOURCE_CONTINUE;
@@ -48,27 +48,26 @@ on_connected(GObject *source_object, GAsyncResult *result, gpointer user_data)
 void
 set_no_connection(GError **error, const GError *cause)
 {
-  const gboolean overdue = g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  const gboolean timed_out = g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CANCELLED);
 
   g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_NO_CONNECTION, "Could not connect to the bus: %s.",
-              overdue ? "No answer in time" : cause->message);
+              timed_out ? "No reply in time" : cause->message);
 }
 
-/* Whoever listens at the address may be no bus and never say a word. */
+/* The process that listens at the address can be anything, and never reply. */
 GDBusConnection *
 connect_in_time(const gchar *address, GError **error)
 {
   g_autoptr(GCancellable) cancellable = g_cancellable_new();
   g_autoptr(GAsyncResult) result = nullptr;
-  /* GLib rounds a time-out in seconds, also down. */
-  const guint overdue =
-      g_timeout_add(PRODUCER_BUS_TIMEOUT_SECONDS * 1000, on_connecting_overdue, cancellable);
+  /* GLib can shorten a time-out in seconds by rounding. */
+  const guint time_out = g_timeout_add(PRODUCER_BUS_TIMEOUT_SECONDS * 1000, on_connect_time_out, cancellable);
 
   g_dbus_connection_new_for_address(address, CONNECTION_FLAGS, nullptr, cancellable, on_connected, &result);
   while (result == nullptr) {
     g_main_context_iteration(nullptr, TRUE);
   }
-  g_source_remove(overdue);
+  g_source_remove(time_out);
 
   g_autoptr(GError) cause = nullptr;
   GDBusConnection *connection = g_dbus_connection_new_for_address_finish(result, &cause);
@@ -88,7 +87,7 @@ is_refused_by_policy(const gchar *interface, const GError *cause)
 }
 
 GError *
-judge_remote_failure(const GError *cause)
+convert_remote_failure(const GError *cause)
 {
   g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
   g_autoptr(GError) stripped = g_error_copy(cause);
@@ -107,13 +106,13 @@ judge_remote_failure(const GError *cause)
 
 /**
  * producer_bus_connect:
- * @address: (transfer none) (nullable): the bus, %NULL for the system's
+ * @address: (transfer none) (nullable): the bus, %NULL for the system bus
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Opens a connection of its own, whose end is not the end of the process. Waits at most
- * %PRODUCER_BUS_TIMEOUT_SECONDS, with the default main context running. Main thread.
+ * Opens a private connection; the process survives its end. Blocks for at most %PRODUCER_BUS_TIMEOUT_SECONDS
+ * and runs the default main context meanwhile.
  *
- * Returns: (transfer full) (nullable): the connection, %NULL when there is no such bus
+ * Returns: (transfer full) (nullable): the connection
  */
 GDBusConnection *
 producer_bus_connect(const gchar *address, GError **error)
@@ -123,12 +122,12 @@ producer_bus_connect(const gchar *address, GError **error)
   }
 
   g_autoptr(GError) cause = nullptr;
-  g_autofree gchar *systems = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &cause);
-  if (systems == nullptr) {
+  g_autofree gchar *system_address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &cause);
+  if (system_address == nullptr) {
     set_no_connection(error, cause);
     return nullptr;
   }
-  return connect_in_time(systems, error);
+  return connect_in_time(system_address, error);
 }
 
 /**
@@ -138,11 +137,11 @@ producer_bus_connect(const gchar *address, GError **error)
  * @interface: (transfer none): the interface
  * @method: (transfer none): its method
  * @arguments: (transfer floating) (nullable): the method's arguments
- * @reply_type: (transfer none): what the reply must be
+ * @reply_type: (transfer none): the type of a valid reply
  * @change_count: how many channels the method changes
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Calls a method of the daemon and waits for its reply. Any thread.
+ * Calls a method of the daemon and blocks until its reply or the time limit.
  *
  * Returns: (transfer full) (nullable): the reply, which has the type @reply_type
  */
@@ -162,7 +161,7 @@ producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *i
     return nullptr;
   }
   if (reply == nullptr) {
-    g_propagate_error(error, producer_bus_judge_failure(cause, seconds));
+    g_propagate_error(error, producer_bus_convert_failure(cause, seconds));
     return nullptr;
   }
   return producer_bus_check_type(reply, method, reply_type, error) ? g_steal_pointer(&reply) : nullptr;
@@ -172,10 +171,8 @@ producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *i
  * producer_bus_check_type:
  * @body: (transfer none): the body of a reply or a signal
  * @what: (transfer none): the method or signal
- * @type: (transfer none): what @body must be
+ * @type: (transfer none): the type of a valid body
  * @error: return location for an error of %TESSARDCTL_ERROR
- *
- * Any thread.
  *
  * Returns: whether @body has the type
  */
@@ -193,20 +190,31 @@ producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *t
 }
 
 /**
- * producer_bus_judge_failure:
- * @cause: (transfer none): why GDBus has no reply to a call of the daemon
- * @seconds: how long the call could take
+ * producer_bus_is_refusal_of_daemon:
+ * @error: (transfer none) (nullable): the error of producer_bus_call()
  *
- * Any thread.
+ * Returns: whether the daemon itself refused the call; %FALSE when the bus policy did
+ */
+gboolean
+producer_bus_is_refusal_of_daemon(const GError *error)
+{
+  return g_error_matches(error, TESSARDCTL_ERROR, EXIT_STATUS_REFUSED) &&
+         !g_str_equal(error->message, NOT_ALLOWED);
+}
+
+/**
+ * producer_bus_convert_failure:
+ * @cause: (transfer none): the error of GDBus for a call of the daemon
+ * @seconds: the time limit of the call
  *
  * Returns: (transfer full): the error of %TESSARDCTL_ERROR for it, whose message is the daemon's own when the
  *   daemon refused
  */
 GError *
-producer_bus_judge_failure(const GError *cause, guint seconds)
+producer_bus_convert_failure(const GError *cause, guint seconds)
 {
   if (g_dbus_error_is_remote_error(cause)) {
-    return judge_remote_failure(cause);
+    return convert_remote_failure(cause);
   }
   if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
     return g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_TIMED_OUT, "No reply within %u seconds.", seconds);

@@ -2,18 +2,20 @@
 
 #include <gio/gio.h>
 
+/* producer_bus_connect() is for the main thread, the other functions for any. */
+
 /**
  * PRODUCER_BUS_TIMEOUT_SECONDS:
  *
- * How long the bus may take to let us in, and the daemon to reply.
+ * The time limit for the connection to the bus, and for the daemon's reply.
  */
 #define PRODUCER_BUS_TIMEOUT_SECONDS 30
 
 /**
  * PRODUCER_BUS_SECONDS_PER_CHANGE:
  *
- * How much longer the reply may take for each channel that a call changes: the daemon writes and syncs its
- * file for every one of them first.
+ * The additional time for each channel that a call changes: the daemon writes and syncs its file for each of
+ * them before it replies.
  */
 #define PRODUCER_BUS_SECONDS_PER_CHANGE 1
 
@@ -26,7 +28,7 @@
 #define PRODUCER_BUS_MANAGER "com.quon.MetadataServer1.ProducerManager"
 #define PRODUCER_BUS_OBJECT_MANAGER "org.freedesktop.DBus.ObjectManager"
 
-/* What GetManagedObjects returns, and the interfaces of one object in it. */
+/* The reply of GetManagedObjects, and the interfaces of one object in it. */
 #define PRODUCER_BUS_OBJECTS_TYPE G_VARIANT_TYPE("(a{oa{sa{sv}}})")
 #define PRODUCER_BUS_INTERFACES_TYPE G_VARIANT_TYPE("a{sa{sv}}")
 
@@ -35,4 +37,5 @@ GVariant *producer_bus_call(GDBusConnection *connection, const gchar *path, cons
                             const gchar *method, GVariant *arguments, const GVariantType *reply_type,
                             gsize change_count, GError **error);
 gboolean producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *type, GError **error);
-GError *producer_bus_judge_failure(const GError *cause, guint seconds);
+gboolean producer_bus_is_refusal_of_daemon(const GError *error);
+GError *producer_bus_convert_failure(const GError *cause, guint seconds);

@@ -145,8 +145,54 @@ print_producer(const gchar *bus_address, const gchar *name, GError **error)
   return output_write(text, error);
 }
 
-/* The object is looked up, not put together from the name: what is not there then has a name in the error,
- * and no name needs to be a path. */
+gchar *
+format_channel_numbers(const Producer &producer)
+{
+  g_autoptr(GString) numbers = g_string_new(nullptr);
+
+  for (const ProducerChannel &channel : producer.channels) {
+    g_string_append_printf(numbers, "%s%d", numbers->len > 0 ? ", " : "", channel.channel);
+  }
+  return numbers->len > 0 ? g_string_free(g_steal_pointer(&numbers), FALSE) : g_strdup("none");
+}
+
+/* Appends the channels of @producer to a refusal when @channel is not one of them: the daemon's own text does
+ * not name them. Returns whether it did. */
+gboolean
+add_channels_to_refusal(GError **error, const Producer &producer, gint32 channel)
+{
+  if (producer_find_channel(producer, channel) != nullptr) {
+    return FALSE;
+  }
+  g_autofree gchar *numbers = format_channel_numbers(producer);
+  g_autofree gchar *text =
+      g_strdup_printf("%s. Channels of '%s': %s.", (*error)->message, producer.name.c_str(), numbers);
+  g_clear_error(error);
+  g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, text);
+  return TRUE;
+}
+
+/* The same for the first such channel of a request to change many. */
+void
+explain_refused_request(GError **error, const Producers &producers, GVariant *request)
+{
+  for (gsize index = 0; index < g_variant_n_children(request); index++) {
+    const gchar *name = nullptr;
+    g_autoptr(GVariant) tuples = nullptr;
+    g_variant_get_child(request, index, "{&s@a(ibs)}", &name, &tuples);
+    const Producer *producer = producers_find(producers, name, nullptr);
+    for (gsize tuple = 0; producer != nullptr && tuple < g_variant_n_children(tuples); tuple++) {
+      gint32 channel = 0;
+      g_variant_get_child(tuples, tuple, "(ibs)", &channel, nullptr, nullptr);
+      if (add_channels_to_refusal(error, *producer, channel)) {
+        return;
+      }
+    }
+  }
+}
+
+/* The name selects the object in the daemon's list and is not part of a path: any name works, and an error
+ * can name a producer that does not exist. */
 gboolean
 set_channel_enabled(const gchar *bus_address, const gchar *name, const ProducerChannel &channel,
                     GError **error)
@@ -163,10 +209,18 @@ set_channel_enabled(const gchar *bus_address, const gchar *name, const ProducerC
 
   GVariant *tuple = g_variant_new("(ibs)", channel.channel, channel.enabled, channel.configuration.c_str());
   GVariant *channels = g_variant_new_array(G_VARIANT_TYPE("(ibs)"), &tuple, 1);
+  g_autoptr(GError) refusal = nullptr;
   g_autoptr(GVariant) reply =
       producer_bus_call(connection, producer->path.c_str(), PRODUCER_BUS_PRODUCER, "SetChannelsEnabled",
-                        g_variant_new_tuple(&channels, 1), G_VARIANT_TYPE_UNIT, 1, error);
-  return reply != nullptr;
+                        g_variant_new_tuple(&channels, 1), G_VARIANT_TYPE_UNIT, 1, &refusal);
+  if (reply != nullptr) {
+    return TRUE;
+  }
+  if (producer_bus_is_refusal_of_daemon(refusal)) {
+    add_channels_to_refusal(&refusal, *producer, channel.channel);
+  }
+  g_propagate_error(error, g_steal_pointer(&refusal));
+  return FALSE;
 }
 
 gboolean
@@ -176,10 +230,20 @@ apply_request(const gchar *bus_address, GVariant *request, gsize change_count, G
   if (connection == nullptr) {
     return FALSE;
   }
+  g_autoptr(GError) refusal = nullptr;
   g_autoptr(GVariant) reply =
       producer_bus_call(connection, PRODUCER_BUS_ROOT, PRODUCER_BUS_MANAGER, "SetProducersEnabled",
-                        g_variant_new_tuple(&request, 1), G_VARIANT_TYPE_UNIT, change_count, error);
-  return reply != nullptr;
+                        g_variant_new_tuple(&request, 1), G_VARIANT_TYPE_UNIT, change_count, &refusal);
+  if (reply != nullptr) {
+    return TRUE;
+  }
+  const std::optional<Producers> producers =
+      producer_bus_is_refusal_of_daemon(refusal) ? producers_fetch(connection, nullptr) : std::nullopt;
+  if (producers.has_value()) {
+    explain_refused_request(&refusal, *producers, request);
+  }
+  g_propagate_error(error, g_steal_pointer(&refusal));
+  return FALSE;
 }
 
 } // namespace

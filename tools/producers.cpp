@@ -1,5 +1,5 @@
-/* The producers as they come over the bus. The daemon is trusted with what it says and not with how: each
- * value has its type checked, and there is an end to how much of it is taken in.
+/* Reads the producers from the daemon's replies and signals. The type of each value is checked, and their
+ * number is bounded.
  */
 #include "producers.h"
 #include "command.h"
@@ -10,7 +10,6 @@
 namespace
 {
 
-/* Borrows the type; the value is the caller's. */
 GVariant *
 get_property(const gchar *path, GVariant *properties, const gchar *name, const GVariantType *type,
              GError **error)
@@ -46,12 +45,29 @@ comes_before(const Producer &one, const Producer &other)
 } // namespace
 
 /**
+ * producer_find_channel:
+ * @producer: a producer
+ * @number: the number of a channel
+ *
+ * Returns: (transfer none) (nullable): the channel, valid as long as @producer is unchanged; %NULL when the
+ * producer does not support it
+ */
+const ProducerChannel *
+producer_find_channel(const Producer &producer, gint32 number)
+{
+  for (const ProducerChannel &channel : producer.channels) {
+    if (channel.channel == number) {
+      return &channel;
+    }
+  }
+  return nullptr;
+}
+
+/**
  * producer_read_channels:
  * @path: (transfer none): the producer's object path
- * @properties: (transfer none): properties of its, of the type "a{sv}"
+ * @properties: (transfer none): its properties, of the type "a{sv}"
  * @error: return location for an error of %TESSARDCTL_ERROR
- *
- * Any thread.
  *
  * Returns: the producer's channels, or nothing with @error set
  */
@@ -91,8 +107,6 @@ producer_read_channels(const gchar *path, GVariant *properties, GError **error)
  * @properties: (transfer none): the properties of its producer interface, of the type "a{sv}"
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Any thread.
- *
  * Returns: the producer, or nothing with @error set
  */
 std::optional<Producer>
@@ -116,10 +130,10 @@ producer_read(const gchar *path, GVariant *properties, GError **error)
 
 /**
  * producers_read:
- * @objects: (transfer none): what GetManagedObjects returned, of the type %PRODUCER_BUS_OBJECTS_TYPE
+ * @objects: (transfer none): the reply of GetManagedObjects, of the type %PRODUCER_BUS_OBJECTS_TYPE
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Objects that are no producers are left out. Any thread.
+ * Skips objects without the producer interface.
  *
  * Returns: the producers, or nothing with @error set
  */
@@ -157,7 +171,7 @@ producers_read(GVariant *objects, GError **error)
  * @connection: (transfer none): the connection
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Asks the daemon for its producers and waits for the reply. Any thread.
+ * Requests the daemon's producers and blocks until the reply or the time limit.
  *
  * Returns: the producers, or nothing with @error set
  */
@@ -177,9 +191,7 @@ producers_fetch(GDBusConnection *connection, GError **error)
  * @name: (transfer none): a producer's name
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Any thread.
- *
- * Returns: (transfer none) (nullable): the producer of that name, as long as @producers stay
+ * Returns: (transfer none) (nullable): the producer of that name, valid as long as @producers is unchanged
  */
 const Producer *
 producers_find(const Producers &producers, const gchar *name, GError **error)

@@ -5,28 +5,30 @@
 #include <string>
 #include <vector>
 
+/* All functions can be called on any thread. */
+
 /**
  * PRODUCERS_MAX:
  *
- * How many producers are taken in; far above what a camera has.
+ * The most producers that are accepted; a camera has far fewer.
  */
 #define PRODUCERS_MAX 1000
 
 /**
  * PRODUCERS_MAX_CHANNELS:
  *
- * How many channels of one producer are taken in.
+ * The most channels of one producer that are accepted.
  */
 #define PRODUCERS_MAX_CHANNELS 1000
 
-/* A channel that a producer supports. The configuration is empty where it is disabled. */
+/* A channel that a producer supports. The configuration is empty while the channel is disabled. */
 struct ProducerChannel {
   gint32 channel = 0;
   gboolean enabled = FALSE;
   std::string configuration;
 };
 
-/* A producer as the daemon shows it. All texts are UTF-8 and may hold control characters. */
+/* A producer on the bus. All texts are UTF-8 and can contain control characters. */
 struct Producer {
   std::string path;
   std::string name;
@@ -37,6 +39,7 @@ struct Producer {
 
 using Producers = std::vector<Producer>; /* by name */
 
+const ProducerChannel *producer_find_channel(const Producer &producer, gint32 number);
 std::optional<Producer> producer_read(const gchar *path, GVariant *properties, GError **error);
 std::optional<std::vector<ProducerChannel>> producer_read_channels(const gchar *path, GVariant *properties,
                                                                    GError **error);

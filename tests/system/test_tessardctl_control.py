@@ -24,7 +24,7 @@ MAX_CHANNELS = documented_limit("../tools/producers.h", "PRODUCERS_MAX_CHANNELS"
 MAX_PENDING_BYTES = documented_limit("../tools/linewriter.h", "LINE_WRITER_MAX_PENDING_BYTES")
 MAX_FILE_BYTES = documented_limit("../tools/applyfile.h", "APPLY_FILE_MAX_BYTES")
 
-NOT_THERE = b"tessardctl: The daemon is not on the bus: nobody owns 'com.quon.MetadataServer1'.\n"
+NOT_THERE = b"tessardctl: The daemon is not on the bus: 'com.quon.MetadataServer1' has no owner.\n"
 
 # Every command as it can be given when all is well.
 COMMANDS = {
@@ -447,6 +447,12 @@ class TestSwitch:
     def test_daemon_judges_an_empty_configuration(self, ask, started):
         assert ask("enable", VIDEO, "1", "").status == SUCCESS
         assert started.set_calls() == [(path_of(VIDEO), "SetChannelsEnabled", ([(1, True, "")],))]
+
+    def test_refused_channel_of_a_producer_without_channels(self, ask, service):
+        service.producers = {path_of("a"): properties("a", "A")}
+        service.errors["SetChannelsEnabled"] = ("org.freedesktop.DBus.Error.Failed", "No")
+        service.start()
+        assert ask("disable", "a", "1").err == b"tessardctl: No. Channels of 'a': none.\n"
 
     @pytest.mark.parametrize("arguments", [["enable", "nobody", "1", "a"], ["disable", "nobody", "1"]])
     def test_no_such_producer(self, ask, started, arguments):

@@ -81,9 +81,13 @@ def test_switching_is_kept_and_seen(daemon, ask, control):
 
 
 @pytest.mark.parametrize("command, reason", [
-    (["enable", VIDEO_TRACKER, "3", "x"], "Tried to enable/disable producer on non-supported channel"),
-    (["disable", RADAR_TRACKER, "2"], "Tried to enable/disable producer on non-supported channel"),
-    (["disable", "--", VIDEO_TRACKER, "-1"], "Tried to enable/disable producer on non-supported channel"),
+    (["enable", VIDEO_TRACKER, "3", "x"],
+     "Tried to enable/disable producer on non-supported channel. Channels of 'VideoMotionTracker': 1, 2."),
+    (["disable", RADAR_TRACKER, "2"],
+     "Tried to enable/disable producer on non-supported channel. Channels of 'RadarMotionTracker': 1."),
+    (["disable", "--", VIDEO_TRACKER, "-1"],
+     "Tried to enable/disable producer on non-supported channel. Channels of 'VideoMotionTracker': 1, 2."),
+    (["enable", VIDEO_TRACKER, "1", "x" * 257], "Configuration name is longer than 256 bytes"),
     (["enable", "nobody", "1", "x"], "There is no producer 'nobody'."),
 ])
 def test_refused_switch_changes_nothing(daemon, ask, command, reason):
@@ -115,7 +119,7 @@ def test_going_back_to_how_things_were(daemon, ask, tmp_path):
 
 @pytest.mark.parametrize("name, channel, reason", [
     ("nobody", 1, "Producer with specified name does not exist"),
-    (RADAR_TRACKER, 2, "Videochannel is not supported on producer"),
+    (RADAR_TRACKER, 2, "Videochannel is not supported on producer. Channels of 'RadarMotionTracker': 1."),
 ])
 def test_refused_file_changes_nothing(daemon, ask, tmp_path, name, channel, reason):
     result = apply(ask, tmp_path / "file", [{"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"))},

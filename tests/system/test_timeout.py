@@ -50,4 +50,4 @@ def test_daemon_that_never_replies_over_the_bus(overdue_calls, command, changes)
 
 def test_bus_that_says_nothing(overdue_calls):
     expect_call_given_up(overdue_calls.calls["connecting"], NO_CONNECTION, CALL_SECONDS,
-                         "Could not connect to the bus: No answer in time.")
+                         "Could not connect to the bus: No reply in time.")
