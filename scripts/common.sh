@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2034 # what the sourcing scripts use looks unused from here
-# What demo, check and soak share; sourced by them under `set -euo pipefail`.
+# shellcheck disable=SC2034 # the sourcing scripts use the variables
+# The common part of demo, check and soak, which source it under `set -euo pipefail`.
 #
-# Everything that runs for long is started by `start`, in a process group of its own, and ended by `cleanup`, which
-# the traps below call however the script ends. Temporary files live in $WORK, below /tmp, because the tree itself
-# may be in a folder that the daemon's user cannot read.
+# `start` starts every long-running process in a process group of its own. `cleanup` ends them; the traps below call it
+# on every exit of the script. Temporary files are in $WORK, below /tmp, because the tree itself may be in a folder that
+# the daemon's user cannot read.
 
 umask 022
 TOP=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
@@ -12,20 +12,20 @@ DESK_BUILD="build-desk"
 PYTHON=/usr/bin/python3
 STOP_SECONDS=5
 
-# To build and run; without dpkg-dev Meson does not see where Debian has its libraries.
+# Needed to build and run. Meson finds Debian's library folder with dpkg-dev.
 RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
   libjson-glib-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
-# To soak beside that: what the helpers of the system tests are made of.
+# Needed in addition to soak: the helpers of the system tests use them.
 SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
 
-# To run every test beside that.
+# Needed in addition to run every test.
 TEST_PACKAGES=("${SOAK_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
-# The daemon refuses to run as root, so for root this drops to a user that owns nothing; others run it as themselves.
-# Either way the command ends with the script that started it, even when that is killed.
+# A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to
+# run as root), else as the same user. The command ends with its parent, even when that is killed.
 UNPRIVILEGED_USER=nobody
 UNPRIVILEGED_GROUP=nogroup
 UNPRIVILEGED=(setpriv --pdeathsig TERM)
@@ -44,8 +44,8 @@ die() {
   exit 1
 }
 
-# Starts a command in its own process group and leaves its process id in $STARTED_PID. Job control does that without
-# making the command deaf to SIGINT, as a plain background command would be.
+# Starts a command in its own process group and sets $STARTED_PID. Job control keeps SIGINT working, which a plain
+# background command ignores.
 start() {
   set -m
   "$@" </dev/null &
@@ -54,8 +54,8 @@ start() {
   STARTED+=("$STARTED_PID")
 }
 
-# Runs a command or function to its end, with all that it started, and returns its status; unlike a plain command it
-# lets the traps act at once.
+# Runs a command or function, ends what it leaves running, and returns its status. Traps run at once meanwhile; during a
+# plain command they would wait for its end.
 run() {
   local status=0
   start "$@"
@@ -65,8 +65,8 @@ run() {
   return "$status"
 }
 
-# Runs a step with its output put aside: a person wants to see it only when it failed. A function has to
-# join its commands with &&: in a condition, bash goes on behind one that fails.
+# Runs a step and prints its output only when it fails. A function must join its commands with &&, because in a
+# condition bash continues after a failure.
 quietly() {
   local what=$1 log=$WORK/$1.log
   shift
@@ -75,13 +75,13 @@ quietly() {
   die "$what failed; the lines above are the end of its output"
 }
 
-# Whether a process of the group still runs; one that has ended and waits for its parent does not.
+# Whether a process of the group runs; zombies do not count.
 group_lives() {
   { cat /proc/[0-9]*/stat 2>/dev/null || true; } |
     awk -v group="$1" '{ sub(/^.*\) /, "") } $3 == group && $1 != "Z" { found = 1 } END { exit !found }'
 }
 
-# Asks a started group to end, and kills it when it has not done so within STOP_SECONDS.
+# Terminates a started group, and kills it after STOP_SECONDS.
 stop_group() {
   local deadline=$((SECONDS + STOP_SECONDS))
   kill -TERM -- "-$1" 2>/dev/null || return 0
@@ -91,7 +91,7 @@ stop_group() {
   kill -KILL -- "-$1" 2>/dev/null || true
 }
 
-# Ends everything that was started, the latest first.
+# Ends every started group in reverse order.
 stop_started() {
   local index
   trap '' INT TERM HUP
@@ -106,7 +106,7 @@ cleanup() {
   rm -rf -- "$WORK"
 }
 
-# A folder of this run's own that everybody can read, removed at the end.
+# Creates $WORK, which every user can read and which is removed at the end.
 make_work_folder() {
   WORK=$(mktemp -d /tmp/tessard.XXXXXXXX)
   trap cleanup EXIT
@@ -116,7 +116,7 @@ make_work_folder() {
   chmod 0755 "$WORK"
 }
 
-# Makes a folder that the daemon's user owns.
+# Creates a folder that the daemon's user owns.
 make_unprivileged_folder() {
   mkdir -p -- "$1"
   if [ "$(id -u)" = 0 ]; then
@@ -124,7 +124,7 @@ make_unprivileged_folder() {
   fi
 }
 
-# Makes a copy of file $1 at $2 that the daemon's user owns.
+# Copies file $1 to $2 with the daemon's user as its owner.
 install_for_daemon() {
   local owner=()
   if [ "$(id -u)" = 0 ]; then
@@ -171,10 +171,10 @@ configured() {
   [ -f "$1/build.ninja" ] && "$PYTHON" "$TOP/scripts/build-has-options" "$@"
 }
 
-# Configures build folder $1 of the tree with the given options, unless it has them already. The unit tests are left
-# out of a new one, unless asked for, because they need more packages. Each daemon keeps its producers in the folder
-# that it is started in, so that several can run side by side and nothing of the system's is touched. Of debugging
-# information there are lines alone, for the sanitizers' reports: more of it takes a fifth longer to compile.
+# Configures build folder $1 of the tree with the given options, unless it has them already. A new folder has no tests by
+# default, because they need more packages. Each daemon keeps producers.conf in its working folder, so several can run at
+# the same time and the system's file is never used. Debugging information is limited to lines, for the sanitizers'
+# reports: all of it takes a fifth longer to compile.
 configure() {
   local build=$1 mode=()
   shift
@@ -196,12 +196,12 @@ stage() {
   DESTDIR=$2 meson install -C "$1" --no-rebuild --quiet
 }
 
-# Whether somebody listens on the UNIX socket $1; the file alone appears a moment earlier.
+# Whether a process listens on the UNIX socket $1; the file alone appears a moment earlier.
 listening() {
   awk -v path="$1" '$4 == "00010000" && $8 == path { found = 1 } END { exit !found }' /proc/net/unix
 }
 
-# Waits at most $1 seconds until the command that follows succeeds, as long as the started process $2 lives.
+# Waits at most $1 seconds until the command behind them succeeds, as long as the started process $2 lives.
 wait_until() {
   local deadline=$((SECONDS + $1)) process=$2
   shift 2
@@ -211,17 +211,17 @@ wait_until() {
   done
 }
 
-# The bus policy that is installed below $STAGE, in which others stand in for whom it names: the daemon's user here for
-# the daemon's, and the group of a caller that is not root for the administrators'.
+# Prints the bus policy that is installed below $STAGE, with users of this machine: the user that runs the daemon here
+# replaces the daemon's, and the group of a caller that is not root replaces the administrators'.
 bus_policy() {
-  local stand_ins=(-e "s|user=\"tessard\"|user=\"$UNPRIVILEGED_USER\"|")
+  local replacements=(-e "s|user=\"tessard\"|user=\"$UNPRIVILEGED_USER\"|")
   if [ "$(id -u)" != 0 ]; then
-    stand_ins=(-e "s|user=\"tessard\"|user=\"$(id -un)\"|" -e "s|group=\"tessard-admin\"|group=\"$(id -gn)\"|")
+    replacements=(-e "s|user=\"tessard\"|user=\"$(id -un)\"|" -e "s|group=\"tessard-admin\"|group=\"$(id -gn)\"|")
   fi
-  sed "${stand_ins[@]}" "$STAGE/usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
+  sed "${replacements[@]}" "$STAGE/usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
 }
 
-# A bus of this run's own, at $WORK/bus/socket: nothing of the machine's system bus is used or seen.
+# Starts a private bus at $WORK/bus/socket. The machine's system bus is not used.
 start_bus() {
   make_unprivileged_folder "$WORK/bus"
   bus_policy >"$WORK/bus/policy.conf"

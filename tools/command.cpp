@@ -1,5 +1,5 @@
-/* What all sub-commands share: one domain of errors, each of which knows the exit status that it leads to,
- * and one way of telling the user about them.
+/* The common part of all commands: one error domain, whose codes are exit statuses, and one way to report
+ * errors.
  */
 #include "command.h"
 #include "printable.h"
@@ -8,10 +8,10 @@ G_DEFINE_QUARK(tessardctl_error, tessardctl_error)
 
 /**
  * command_print_error:
- * @message: (transfer none): what went wrong, in any bytes
+ * @message: (transfer none): the error, in any bytes
  *
- * Writes one line to standard error. The message may carry bytes from the daemon or from a file name, and
- * none of them may reach the terminal as a command. Any thread.
+ * Writes one line to standard error. The message can contain bytes from the daemon or of a file name; control
+ * characters are escaped, so none of them reaches the terminal.
  */
 void
 command_print_error(const gchar *message)
@@ -23,10 +23,10 @@ command_print_error(const gchar *message)
 
 /**
  * command_usage_error:
- * @message: (transfer none): what is wrong with the command line
+ * @message: (transfer none): the fault of the command line
  *
- * Writes the message to standard error, and where to read what would have been right. The program's name as
- * GLib knows it must be the words that the user typed up to here. Main thread.
+ * Writes the message to standard error, and the command that prints the help. The program name of GLib must
+ * be "tessardctl" with the command parsed so far.
  *
  * Returns: the exit status for it
  */
@@ -40,10 +40,10 @@ command_usage_error(const gchar *message)
 
 /**
  * command_report_outcome:
- * @outcome: (transfer none) (nullable): what ended the command, of %TESSARDCTL_ERROR; %NULL when nothing went
- * wrong
+ * @outcome: (transfer none) (nullable): the error of %TESSARDCTL_ERROR that ended the command; %NULL for
+ * success
  *
- * Tells the user what went wrong, if anything. Main thread.
+ * Writes the error, if there is one, to standard error.
  *
  * Returns: the exit status for it
  */
@@ -60,12 +60,10 @@ command_report_outcome(const GError *outcome)
 /**
  * command_check_not_empty:
  * @option: (transfer none): the option's name
- * @value: (transfer none) (nullable): what the user gave for it, %NULL for nothing
+ * @value: (transfer none) (nullable): its value, %NULL when the option is absent
  * @error: return location for an error, whose message is for the user
  *
- * Any thread.
- *
- * Returns: %FALSE when the option was given without a text
+ * Returns: %FALSE when the value is empty
  */
 gboolean
 command_check_not_empty(const gchar *option, const gchar *value, GError **error)

@@ -2,8 +2,9 @@
 
 #include <glib.h>
 
-/* What the process ends with, the same for every sub-command. An error of TESSARDCTL_ERROR has one of these
- * as its code. */
+/* command_usage_error() and command_report_outcome() are for the main thread, the other functions for any. */
+
+/* The exit statuses, the same for every command. An error of TESSARDCTL_ERROR has one of them as its code. */
 enum ExitStatus : int {
   EXIT_STATUS_SUCCESS = 0,
   EXIT_STATUS_REFUSED = 1,
@@ -15,7 +16,7 @@ enum ExitStatus : int {
   EXIT_STATUS_LOCAL = 7,
 };
 
-/* One sub-command. @run gets the arguments from the sub-command's name on and returns an ExitStatus. */
+/* One command. @run gets the arguments from the command's name on and returns an ExitStatus. */
 struct Command {
   const gchar *name;
   const gchar *summary;

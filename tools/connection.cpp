@@ -1,10 +1,10 @@
-/* The way to the stream: connects to the daemon's socket, sends the request and reads the reply.
+/* Connects to the daemon's socket, sends the request and reads the reply.
  *
- * The reply ends with a NUL and the stream follows without a gap, often in the same packet. So a read looks
- * at what has arrived first and takes it up to the NUL only: the next byte in the socket is the stream's
- * first.
+ * The reply ends with a NUL and the stream follows without a gap, often in the same packet. Each read
+ * therefore peeks first and consumes no byte behind the NUL: the next byte in the socket is the first one of
+ * the stream.
  *
- * Everything here waits, for as long as its GCancellable lets it.
+ * All functions block until their GCancellable is cancelled.
  */
 #include "connection.h"
 #include "command.h"
@@ -22,12 +22,12 @@ namespace
 
 constexpr gsize MAX_SOCKET_PATH_LENGTH = sizeof(sockaddr_un::sun_path) - 1;
 
-/* A refusal may quote a whole line of the request. */
+/* A refusal can quote a whole line of the request. */
 constexpr gsize MAX_REPLY_BYTES = 64 * 1024 + 512;
 
 constexpr gsize REPLY_CHUNK_BYTES = 1024;
 
-/* A UNIX socket cannot be waited on for room in the listener's backlog; one can only try again. */
+/* poll() does not report room in the backlog of a UNIX socket, so a connect is repeated. */
 constexpr gint CONNECT_RETRY_MS = 20;
 
 constexpr gchar REFUSAL[] = "FAIL\n";
@@ -108,7 +108,7 @@ connect_socket(GSocket *socket, const gchar *socket_path, GCancellable *cancella
   return TRUE;
 }
 
-/* GLib cuts a path that is too long and would connect to another one. */
+/* GLib truncates a path that is too long and would connect to another socket. */
 GSocket *
 connect_to(const gchar *socket_path, GCancellable *cancellable, GError **error)
 {
@@ -130,8 +130,8 @@ connect_to(const gchar *socket_path, GCancellable *cancellable, GError **error)
   return g_steal_pointer(&socket);
 }
 
-/* A daemon that does not want the rest of a request may answer and hang up before it is all sent. What counts
- * then is the answer, so a failure here is left for the reader of the reply to find. */
+/* The daemon can refuse a request and hang up before all of it is sent. The reply then has the reason, so a
+ * failure to send is not reported here. */
 void
 send_request(GSocket *socket, const gchar *request, GCancellable *cancellable)
 {
@@ -155,7 +155,7 @@ receive(GSocket *socket, gchar *buffer, gsize size, gint flags, GCancellable *ca
                                   nullptr);
 }
 
-/* Takes what has arrived, up to and with the first NUL, off the socket and adds it to @reply. */
+/* Moves the bytes that have arrived, up to the first NUL and including it, from the socket to @reply. */
 gboolean
 receive_reply_chunk(GSocket *socket, GString *reply, GCancellable *cancellable)
 {
@@ -176,7 +176,7 @@ receive_reply_chunk(GSocket *socket, GString *reply, GCancellable *cancellable)
   return TRUE;
 }
 
-/* Reads up to and with the NUL that ends the reply; the text ends there for C as well. */
+/* Reads up to the NUL that ends the reply. */
 GString *
 receive_reply(GSocket *socket, GCancellable *cancellable, GError **error)
 {
@@ -198,7 +198,7 @@ receive_reply(GSocket *socket, GCancellable *cancellable, GError **error)
 }
 
 gboolean
-judge_reply(const gchar *reply, GError **error)
+check_reply(const gchar *reply, GError **error)
 {
   if (g_str_equal(reply, "OK")) {
     return TRUE;
@@ -218,14 +218,14 @@ judge_reply(const gchar *reply, GError **error)
  * connection_open:
  * @socket_path: (transfer none): the daemon's socket
  * @request: (transfer none): the whole text of the request
- * @cancellable: (transfer none): ends every wait
+ * @cancellable: (transfer none): cancels every wait
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Connects, sends the request and reads the daemon's reply, without a byte of what follows it. Waits for the
- * daemon until cancelled; after that the error says anything. Any thread.
+ * Connects, sends the request and reads the daemon's reply, but no byte behind it. Blocks until cancelled;
+ * the error then has any code.
  *
- * Returns: (transfer full) (nullable): the connected socket, with the stream's first byte next, or %NULL when
- *   there is no connection, no proper reply, or a refusal, whose reason is then the error's message
+ * Returns: (transfer full) (nullable): the connected socket, from which the stream's first byte is read next;
+ * %NULL without a connection or a valid reply, and on a refusal, whose reason is the error's message
  */
 GSocket *
 connection_open(const gchar *socket_path, const gchar *request, GCancellable *cancellable, GError **error)
@@ -237,7 +237,7 @@ connection_open(const gchar *socket_path, const gchar *request, GCancellable *ca
 
   send_request(socket, request, cancellable);
   g_autoptr(GString) reply = receive_reply(socket, cancellable, error);
-  if (reply == nullptr || !judge_reply(reply->str, error)) {
+  if (reply == nullptr || !check_reply(reply->str, error)) {
     return nullptr;
   }
   return g_steal_pointer(&socket);

@@ -1,5 +1,5 @@
-/* How a metadata document is written: on one line as it came, or indented for people. Either way it ends with
- * a line break. Documents come from outside; parsing one opens no file and no connection.
+/* Formats a metadata document: on one line, unchanged otherwise, or indented for people. Both end with a line
+ * break. Documents are not trusted: parsing one opens no file and no connection.
  */
 #include "documentformat.h"
 
@@ -14,7 +14,7 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlBuffer, xmlBufferFree)
 namespace
 {
 
-/* Entities stay references: a document that expands to something large stays small. */
+/* Entities stay references, so a document cannot expand. */
 constexpr int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
 constexpr gchar ENCODING[] = "UTF-8";
@@ -35,7 +35,7 @@ length_without_trailing_space(const gchar *document, gsize size)
 }
 
 GString *
-format_as_it_is(const gchar *document, gsize size)
+format_unchanged(const gchar *document, gsize size)
 {
   GString *text = g_string_new_len(document, static_cast<gssize>(size));
 
@@ -52,8 +52,8 @@ format_as_it_is(const gchar *document, gsize size)
  * @document: (transfer none) (array length=size): one document
  * @size: its length in bytes
  *
- * Puts the document on one line: white space at its end goes, every other line break becomes a blank. Any
- * thread.
+ * Formats the document as one line: removes white space at its end and replaces every other line break by a
+ * blank.
  *
  * Returns: (transfer full): the document and a line break
  */
@@ -73,8 +73,7 @@ document_format_line(const gchar *document, gsize size)
  * @document: (transfer none) (array length=size): one document
  * @size: its length in bytes, at most %G_MAXINT
  *
- * Indents the document, in UTF-8 and with an XML declaration whatever it came with. What does not parse is
- * left as it came. Any thread.
+ * Indents the document, in UTF-8 and with an XML declaration. A document that does not parse stays unchanged.
  *
  * Returns: (transfer full): the document, ending with a line break
  */
@@ -83,7 +82,7 @@ document_format_indented(const gchar *document, gsize size)
 {
   g_autoptr(xmlDoc) parsed = xmlReadMemory(document, static_cast<int>(size), nullptr, nullptr, PARSE_OPTIONS);
   if (parsed == nullptr) {
-    return format_as_it_is(document, size);
+    return format_unchanged(document, size);
   }
 
   g_autoptr(xmlBuffer) buffer = xmlBufferCreate();

@@ -9,7 +9,7 @@
 
 /**
  * LineWriter::LineWriter:
- * @fd: where to write; must stay open
+ * @fd: the descriptor to write to; must stay open
  * @on_end: called at most once, from the main loop or within write()
  * @user_data: for @on_end
  */
@@ -19,7 +19,7 @@ LineWriter::LineWriter(int descriptor, EndCallback end_callback, gpointer end_da
 {
 }
 
-/* What the reader would take at once it still gets. */
+/* Writes the pending bytes that the descriptor takes without blocking. */
 LineWriter::~LineWriter()
 {
   GPollFD poll = {fd, G_IO_OUT, 0};
@@ -37,7 +37,8 @@ LineWriter::~LineWriter()
  * LineWriter::write:
  * @line: (transfer none): a text without a line break
  *
- * Adds a line, to be written from the main loop. A reader that has let too many wait is the end.
+ * Queues a line, which the main loop writes. Over %LINE_WRITER_MAX_PENDING_BYTES the writer ends with an
+ * error.
  */
 void
 LineWriter::write(const gchar *line)
@@ -57,7 +58,7 @@ LineWriter::write(const gchar *line)
   }
 }
 
-/* A reader that has gone shows at once, not with the next line. */
+/* Without this watch, a hang-up would not be noticed before the next line. */
 gboolean
 LineWriter::on_hang_up(gint descriptor, GIOCondition condition, gpointer data)
 {
@@ -77,7 +78,7 @@ LineWriter::on_writable(gint descriptor, GIOCondition condition, gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-/* A pipe that polls as writable takes PIPE_BUF bytes at once. */
+/* A pipe that polls as writable takes PIPE_BUF bytes without blocking. */
 gboolean
 LineWriter::write_piece()
 {

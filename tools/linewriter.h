@@ -5,15 +5,15 @@
 /**
  * LINE_WRITER_MAX_PENDING_BYTES:
  *
- * How much is kept for a reader that does not read.
+ * The most bytes that wait for a reader that does not read.
  */
 #define LINE_WRITER_MAX_PENDING_BYTES (1024 * 1024)
 
-/* Writes lines as soon as their reader takes them, and never waits for it. Main thread only. */
+/* Writes lines without ever blocking on their reader. For the main thread. */
 class LineWriter
 {
 public:
-  /* Called once nothing can be written any more: without an outcome when the reader has gone. Takes it. */
+  /* Called when writing has become impossible. Takes @outcome, which is NULL when the reader has hung up. */
   using EndCallback = void (*)(GError *outcome, gpointer user_data);
 
   LineWriter(int fd, EndCallback on_end, gpointer user_data);
@@ -32,7 +32,7 @@ private:
   int fd;
   EndCallback on_end;
   gpointer user_data;
-  GString *pending; /* what the reader has not taken yet */
+  GString *pending; /* not written yet */
   guint hang_up_source;
   guint writable_source = 0; /* while something is pending */
   gboolean ended = FALSE;

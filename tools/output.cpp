@@ -7,11 +7,12 @@
 
 /**
  * output_write:
- * @text: (transfer none): what to write
+ * @text: (transfer none): the text
  * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Writes a text to standard output, for as long as its reader takes. A reader that has gone has read enough.
- * Main thread.
+ * Writes a text to standard output and blocks until its reader has taken it. A reader that hangs up is no
+ * error.
+ *
  *
  * Returns: %FALSE when the text could not be written
  */

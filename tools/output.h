@@ -2,4 +2,6 @@
 
 #include <glib.h>
 
+/* All functions are for the main thread. */
+
 gboolean output_write(const gchar *text, GError **error);

@@ -1,5 +1,5 @@
-/* Texts from outside, made fit for a terminal and for whoever reads lines. Nothing of what stays can move the
- * cursor, start a line or turn the direction of what stands around it.
+/* Makes untrusted text safe for a terminal and for line-based tools: no character of the result moves the
+ * cursor, starts a line or changes the direction of the text around it.
  */
 #include "printable.h"
 
@@ -12,7 +12,7 @@ constexpr gunichar LOW_SURROGATE = 0xdc00;
 constexpr guint SURROGATE_BITS = 10;
 constexpr gunichar SURROGATE_MASK = (1U << SURROGATE_BITS) - 1;
 
-/* Separators of lines and paragraphs are printable for GLib. */
+/* GLib counts the separators of lines and paragraphs as printable. */
 gboolean
 is_printable(gunichar c)
 {
@@ -21,7 +21,7 @@ is_printable(gunichar c)
   return g_unichar_isprint(c) && type != G_UNICODE_LINE_SEPARATOR && type != G_UNICODE_PARAGRAPH_SEPARATOR;
 }
 
-/* In JSON's notation, so that what is JSON stays so. */
+/* In JSON's notation, so that JSON text stays JSON. */
 void
 append_escaped(GString *printable, gunichar c)
 {
@@ -57,7 +57,7 @@ escape_all_but(const gchar *text, const gchar *kept)
  * printable_line:
  * @text: (transfer none): any bytes
  *
- * Spells out the control characters of a text that is to stand on one line. Any thread.
+ * Escapes the control characters of a text for one line.
  *
  * Returns: (transfer full): the text in UTF-8, without a line break
  */
@@ -71,8 +71,8 @@ printable_line(const gchar *text)
  * printable_lines:
  * @text: (transfer none): any bytes
  *
- * Spells out the control characters of a text of several lines. Line feeds and tabs stay; JSON stays what it
- * says. Any thread.
+ * Escapes the control characters of a text of several lines, except line feeds and tabs. JSON text keeps its
+ * meaning.
  *
  * Returns: (transfer full): the text in UTF-8
  */

@@ -1,7 +1,7 @@
-/* The commands that ask the daemon one thing and end: what producers there are, and to enable or disable
- * them.
+/* The commands with one request: to list producers, and to enable and disable them.
  *
- * Each reads its command line, connects, asks and prints, and stops at the first of these that fails.
+ * Each parses its command line, connects, calls the daemon and prints, and stops at the first of these that
+ * fails.
  */
 #include "producercommands.h"
 #include "applyfile.h"
@@ -22,7 +22,7 @@ constexpr ArgumentRules PRODUCERS_RULES = {
 
 constexpr ArgumentRules SHOW_RULES = {
     "NAME",
-    "Prints all about one analytics producer, with its sample frame.",
+    "Prints all properties of an analytics producer, with its sample frame.",
     nullptr,
 };
 
@@ -44,13 +44,13 @@ constexpr ArgumentRules DISABLE_RULES = {
 
 constexpr ArgumentRules APPLY_RULES = {
     "FILE",
-    "Enables and disables many at once, as the file says; '-' is standard input.\n"
+    "Enables and disables many channels at once, from a file; '-' is standard input.\n"
     "The file has the form that 'tessardctl producers --json' prints. Channels that are\n"
-    "not in it stay as they are. Where one of them is wrong the daemon changes none.",
+    "not in it stay unchanged. If one of them is wrong, the daemon changes none.",
     "Example:\n"
     "  tessardctl producers --json > before.json\n"
     "  tessardctl apply before.json\n"
-    "      back to how things were\n"
+    "      restores the earlier state\n"
     "\n",
 };
 
@@ -251,9 +251,9 @@ apply_request(const gchar *bus_address, GVariant *request, gsize change_count, G
 /**
  * producers_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl producers". SIGPIPE must be ignored. Main thread.
+ * Runs "tessardctl producers". SIGPIPE must be ignored.
  *
  * Returns: the exit status
  */
@@ -274,9 +274,9 @@ producers_command_run(int argc, char **argv)
 /**
  * show_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl show". SIGPIPE must be ignored. Main thread.
+ * Runs "tessardctl show". SIGPIPE must be ignored.
  *
  * Returns: the exit status
  */
@@ -296,9 +296,9 @@ show_command_run(int argc, char **argv)
 /**
  * enable_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl enable". Main thread.
+ * Runs "tessardctl enable".
  *
  * Returns: the exit status
  */
@@ -323,9 +323,9 @@ enable_command_run(int argc, char **argv)
 /**
  * disable_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl disable". Main thread.
+ * Runs "tessardctl disable".
  *
  * Returns: the exit status
  */
@@ -347,9 +347,9 @@ disable_command_run(int argc, char **argv)
 /**
  * apply_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl apply". Main thread.
+ * Runs "tessardctl apply".
  *
  * Returns: the exit status
  */

@@ -1,5 +1,5 @@
-/* The producers as people and programs read them. Whatever texts come from the bus, a table has one line for
- * each channel of a producer and nothing in it reaches the terminal as a command.
+/* Formats producers for people and for programs. A table has one line for each channel of a producer, and no
+ * control character, whatever the texts of the bus contain.
  */
 #include "producertable.h"
 #include "documentformat.h"
@@ -16,7 +16,7 @@ constexpr gsize COLUMNS = 5;
 
 constexpr gint COLUMN_GAP = 2;
 
-/* What stands for a configuration where a channel is disabled, or for a channel where there is none. */
+/* Printed for the configuration of a disabled channel, and for a channel that does not exist. */
 constexpr gchar NOTHING[] = "-";
 
 using Row = std::array<std::string, COLUMNS>;
@@ -80,7 +80,7 @@ measure_columns(const std::vector<Row> &rows)
   return widths;
 }
 
-/* The last column needs no blanks behind it. */
+/* The last column is not padded. */
 void
 append_row(GString *table, const Row &row, const std::array<gint, COLUMNS> &widths)
 {
@@ -147,8 +147,6 @@ append_channel(GString *text, const ProducerChannel &channel)
  * producer_table_format:
  * @producers: the producers
  *
- * Any thread.
- *
  * Returns: (transfer full): a table with a line for each channel of each producer
  */
 gchar *
@@ -168,9 +166,7 @@ producer_table_format(const Producers &producers)
  * producer_table_format_json:
  * @producers: the producers
  *
- * Any thread.
- *
- * Returns: (transfer full): the same in JSON, which is what apply_file_read() takes
+ * Returns: (transfer full): the producers in JSON, in the form that apply_file_read() reads
  */
 gchar *
 producer_table_format_json(const Producers &producers)
@@ -193,9 +189,7 @@ producer_table_format_json(const Producers &producers)
  * producer_table_format_names:
  * @producers: the producers
  *
- * Any thread.
- *
- * Returns: (transfer full): their names, one a line
+ * Returns: (transfer full): their names, one per line
  */
 gchar *
 producer_table_format_names(const Producers &producers)
@@ -212,9 +206,7 @@ producer_table_format_names(const Producers &producers)
  * producer_table_format_channels:
  * @producer: a producer
  *
- * Any thread.
- *
- * Returns: (transfer full): the numbers of the channels that it supports, one a line
+ * Returns: (transfer full): the numbers of the channels that it supports, one per line
  */
 gchar *
 producer_table_format_channels(const Producer &producer)
@@ -231,9 +223,7 @@ producer_table_format_channels(const Producer &producer)
  * producer_table_format_one:
  * @producer: a producer
  *
- * Any thread.
- *
- * Returns: (transfer full): all about it, its sample frame indented and last
+ * Returns: (transfer full): all its properties, with the indented sample frame at the end
  */
 gchar *
 producer_table_format_one(const Producer &producer)

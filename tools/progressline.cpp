@@ -4,11 +4,11 @@
 
 /**
  * ProgressLine::show:
- * @documents: how many documents have been written
- * @bytes: how many bytes they had
+ * @documents: the number of documents written
+ * @bytes: their length
  * @elapsed_us: microseconds since the stream's start
  *
- * Writes the line over the one before it. Blanks cover what a longer one would leave behind.
+ * Replaces the line. Blanks overwrite the end of a longer one.
  */
 void
 ProgressLine::show(guint64 documents, guint64 bytes, gint64 elapsed_us)
@@ -26,7 +26,7 @@ ProgressLine::show(guint64 documents, guint64 bytes, gint64 elapsed_us)
 /**
  * ProgressLine::end:
  *
- * Leaves the line as it stands; what is written next starts on a line of its own.
+ * Ends the line; later text starts on a new one.
  */
 void
 ProgressLine::end()

@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-/* One line on standard error that says how far things are, rewritten in place. Main thread only. */
+/* One line on standard error that shows the progress of a stream, rewritten in place. For the main thread. */
 class ProgressLine
 {
 public:
@@ -10,5 +10,5 @@ public:
   void end();
 
 private:
-  glong width = 0; /* columns that the last text took */
+  glong width = 0; /* of the last text, in columns */
 };

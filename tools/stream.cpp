@@ -1,12 +1,11 @@
-/* "tessardctl stream": asks the daemon for metadata and writes each document that comes.
+/* "tessardctl stream": requests metadata from the daemon and writes each document.
  *
- * Three threads take part. The main thread runs the main loop with everything that may end the stream:
- * signals, the time limit, a reader of the output that has gone, the pipeline's bus. A task thread connects
- * and waits for the daemon's reply. The pipeline's streaming thread writes the documents. The last two may
- * wait for long, and the one cancellable ends all their waits.
+ * Three threads take part. The main thread runs the main loop with everything that can end the stream:
+ * signals, the time limit, a hang-up of the output's reader, the pipeline's bus. A task thread connects and
+ * waits for the daemon's reply. The pipeline's streaming thread writes the documents. The last two can block
+ * for long; one cancellable ends all their waits.
  *
- * Whoever finds that the stream is over says so with finish(). The first to say it decides how the process
- * ends.
+ * Each of them ends the stream with finish(). The first call decides the exit status.
  */
 #include "stream.h"
 #include "command.h"
@@ -30,7 +29,7 @@
 namespace
 {
 
-/* Far above any real document. A stream that promises more would be collected in memory without end. */
+/* Far above any real document. Without a bound, a malformed stream could fill the memory. */
 constexpr gsize MAX_DOCUMENT_BYTES = 64 * 1024 * 1024;
 
 constexpr guint READ_BLOCK_BYTES = 64 * 1024;
@@ -148,8 +147,8 @@ open_output(Session *session, GError **error)
   return TRUE;
 }
 
-/* Writes without ever waiting in the write itself: the stream polls the descriptor together with the
- * cancellable first, and a pipe that polls as writable takes a piece of PIPE_BUF bytes at once. */
+/* Never blocks in write(): the output stream polls the descriptor together with the cancellable first, and a
+ * pipe that polls as writable takes PIPE_BUF bytes without blocking. */
 gboolean
 write_text(Session *session, const GString *text, GError **error)
 {
@@ -165,7 +164,7 @@ write_text(Session *session, const GString *text, GError **error)
   return TRUE;
 }
 
-/* A reader that has gone is one of the usual ends of the stream, so there is nothing to report. */
+/* A hang-up of the reader is a normal end of the stream. */
 void
 finish_by_write_error(Session *session, const GError *cause)
 {
@@ -175,10 +174,10 @@ finish_by_write_error(Session *session, const GError *cause)
                                     get_output_name(session), cause->message));
 }
 
-/* By now the stream has started, so the daemon listens for sync requests. Should the line not get through,
- * the connection has ended, which the pipeline finds when it has read what is left. */
+/* The stream has started, so the daemon reads sync requests. Sending can only fail on a connection that has
+ * ended, which the pipeline reports once it has read the rest. */
 void
-ask_for_sync_point(Session *session)
+request_sync_point(Session *session)
 {
   g_socket_send(session->socket, SYNC_LINE, strlen(SYNC_LINE), session->cancellable, nullptr);
 }
@@ -207,7 +206,7 @@ count_document(Session *session, gsize size)
   session->bytes += size;
   session->bytes_since_document = 0;
   if (documents == 1 && session->options->sync) {
-    ask_for_sync_point(session);
+    request_sync_point(session);
   }
   if (documents == session->options->count) {
     finish(session, nullptr);
@@ -237,7 +236,7 @@ on_new_sample(GstAppSink *sink, gpointer user_data)
   return g_cancellable_is_cancelled(session->cancellable) ? GST_FLOW_EOS : GST_FLOW_OK;
 }
 
-/* Streaming thread: every block that is read comes by here before the depayloader collects it. */
+/* Streaming thread: called for every block, before the depayloader collects it. */
 GstPadProbeReturn
 on_block_read(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
 {
@@ -283,7 +282,7 @@ set_up_elements(Session *session)
   gst_app_sink_set_callbacks(GST_APP_SINK(session->sink), &callbacks, session, nullptr);
 }
 
-/* Done before connecting, so that the daemon is not asked for a stream that could not be read. */
+/* Built before connecting: without a pipeline the stream could not be read. */
 gboolean
 build_pipeline(Session *session, GError **error)
 {
@@ -314,7 +313,7 @@ on_signal(gpointer user_data)
 }
 
 GError *
-judge_time_out(const Session *session)
+get_time_out_outcome(const Session *session)
 {
   const gdouble seconds = session->options->timeout_ms / 1000.0;
 
@@ -334,11 +333,11 @@ on_time_out(gpointer user_data)
 {
   auto *session = static_cast<Session *>(user_data);
 
-  finish(session, judge_time_out(session));
+  finish(session, get_time_out_outcome(session));
   return G_SOURCE_CONTINUE;
 }
 
-/* An output that nobody reads ends the stream at once, not with the next document. */
+/* Without this watch, a hang-up would not be noticed before the next document. */
 gboolean
 on_output_hang_up(gint fd, GIOCondition condition, gpointer user_data)
 {
@@ -366,9 +365,10 @@ new_ended_error(void)
   return g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_ENDED, "The daemon ended the stream.");
 }
 
-/* A read error is the connection's end, no more: the daemon closed it with our sync request unread. */
+/* A read error only means that the connection has ended: the daemon closed it before it read the sync
+ * request. */
 GError *
-judge_pipeline_error(GstMessage *message)
+convert_pipeline_error(GstMessage *message)
 {
   g_autoptr(GError) cause = nullptr;
 
@@ -390,7 +390,7 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
     finish(session, new_ended_error());
     break;
   case GST_MESSAGE_ERROR:
-    finish(session, judge_pipeline_error(message));
+    finish(session, convert_pipeline_error(message));
     break;
   default:
     break;
@@ -464,7 +464,7 @@ watch_for_end(Session *session)
   }
 }
 
-/* The signals go back to their default action first: should anything below get stuck, another Ctrl-C ends it.
+/* Restores the default action of the signals first: if a step below blocks, another Ctrl-C ends the process.
  */
 void
 tear_down(Session *session)
@@ -503,9 +503,9 @@ run_session(Session *session)
 /**
  * stream_command_run:
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  *
- * Runs "tessardctl stream" until the stream is over. SIGPIPE must be ignored. Main thread.
+ * Runs "tessardctl stream" until the stream is over. SIGPIPE must be ignored.
  *
  * Returns: the exit status
  */

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+/* All functions are for the main thread. */
+
 G_BEGIN_DECLS
 
 int stream_command_run(int argc, char **argv);

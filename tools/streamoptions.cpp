@@ -1,8 +1,8 @@
-/* The options of "tessardctl stream" and the request that they make.
+/* The options of "tessardctl stream" and the request that they form.
  *
- * The daemon judges what is asked. Only what could not be sent as one header line is a usage error here, as
- * is a wrong value of an option that stays on this side. All texts are taken as raw bytes, not in the
- * locale's encoding, because the daemon shall get exactly what the user typed.
+ * The daemon validates the request. A usage error is only a value that does not fit one header line, and a
+ * wrong value of an option that the daemon does not get. All texts are raw bytes, not in the locale's
+ * encoding, because the daemon gets exactly the bytes of the command line.
  */
 #include "streamoptions.h"
 #include "command.h"
@@ -28,8 +28,8 @@ constexpr gchar ESCAPED_BLANK[] = "\\040";
 constexpr gchar PARAGRAPH_SEPARATOR[] = "\xe2\x80\xa9";
 
 constexpr gchar SUMMARY[] =
-    "Asks tessard for metadata and prints it as it comes: ONVIF documents, one per line.\n"
-    "At least one kind of metadata has to be asked for; the daemon decides about the values.";
+    "Requests metadata from tessard and prints it as it arrives: ONVIF documents, one per line.\n"
+    "A request names at least one kind of metadata; the daemon validates the values.";
 
 constexpr gchar DESCRIPTION[] =
     "Examples:\n"
@@ -41,19 +41,18 @@ constexpr gchar DESCRIPTION[] =
     "      objects with polygons and the camera head's position, for a minute, into a file\n"
     "\n"
     "Exit status:\n"
-    "  0  the stream was printed until --count or --timeout, Ctrl-C, SIGTERM, or until nobody read it any "
-    "more\n"
+    "  0  the stream was printed until --count or --timeout, Ctrl-C, SIGTERM, or until its reader hung up\n"
     "  1  the daemon refused the request\n"
     "  2  wrong usage\n"
     "  3  no connection to the daemon\n"
-    "  4  --timeout ran out before the daemon's reply, or before --count documents had come\n"
+    "  4  --timeout expired before the daemon's reply, or before --count documents had arrived\n"
     "  5  the daemon ended the connection\n"
-    "  6  the daemon sent something that is not a reply or not a metadata stream\n"
+    "  6  the daemon sent a malformed reply or stream\n"
     "  7  the output could not be written, or a part of GStreamer is missing";
 
 enum class ValueKind {
-  TEXT,  /* sent escaped, so anything goes */
-  PLAIN, /* sent as it is */
+  TEXT,  /* sent escaped, so any bytes are valid */
+  PLAIN, /* sent unchanged */
 };
 
 struct RequestKey {
@@ -74,7 +73,7 @@ constexpr std::array REQUEST_KEYS = {
     RequestKey{"ptz_zoom_coordinate_space", "--zoom-space", &StreamOptions::zoom_space, ValueKind::PLAIN},
 };
 
-/* What GLib's parser can only take as text: numbers that it would read in octal, or accept as infinite. */
+/* Numbers that GLib's parser would read in octal, or accept as infinite, are parsed from text. */
 struct NumberTexts {
   NumberTexts() = default;
   NumberTexts(const NumberTexts &) = delete;
@@ -106,16 +105,16 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
        "Coordinate space of pan and tilt, 0 to 2", "N"},
       {"zoom-space", 0, 0, G_OPTION_ARG_FILENAME, &options->zoom_space, "Coordinate space of zoom, 0 to 2",
        "N"},
-      {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel,
-       "Video channel that --analytics and --ptz mean", "N"},
+      {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel, "Video channel of --analytics and --ptz",
+       "N"},
       {"socket", 0, 0, G_OPTION_ARG_FILENAME, &options->socket_path,
        "The daemon's socket (default: $" SOCKET_VARIABLE ", or " DEFAULT_SOCKET_PATH ")", "PATH"},
       {"count", 0, 0, G_OPTION_ARG_FILENAME, &numbers->count, "Stop after N documents", "N"},
       {"timeout", 0, 0, G_OPTION_ARG_FILENAME, &numbers->timeout,
-       "Stop after so many seconds, connecting included; fractions are fine", "SECONDS"},
+       "Stop after SECONDS, including the time to connect; fractions are allowed", "SECONDS"},
       {"sync", 0, 0, G_OPTION_ARG_NONE, &options->sync,
-       "Once the stream has started, ask for everything's present state", nullptr},
-      {"pretty", 0, 0, G_OPTION_ARG_NONE, &options->pretty, "Print indented XML, several lines a document",
+       "Once the stream has started, ask for the current state of everything", nullptr},
+      {"pretty", 0, 0, G_OPTION_ARG_NONE, &options->pretty, "Print indented XML, several lines per document",
        nullptr},
       {"output", 0, 0, G_OPTION_ARG_FILENAME, &options->output_path,
        "Write to a file instead of standard output; '-' is standard output", "FILE"},
@@ -129,7 +128,7 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
   return g_option_context_parse(context, argc, argv, error);
 }
 
-/* The daemon takes a lone carriage return and a paragraph separator for line ends too. */
+/* For the daemon, a carriage return and a paragraph separator end a line too. */
 gboolean
 check_one_line(const gchar *option, const gchar *value, GError **error)
 {
@@ -195,9 +194,9 @@ parse_timeout(const gchar *text, guint *timeout_ms, GError **error)
   return TRUE;
 }
 
-/* The daemon undoes backslash escapes in texts, after it has cut white space off the line's end. So every
- * byte that is not printable ASCII is escaped, which leaves no line end in any encoding, and so are blanks at
- * the end. */
+/* The daemon removes white space at the end of the line and then undoes backslash escapes. Every byte that is
+ * not printable ASCII is therefore escaped, so no encoding has a line end in it, and so are blanks at the
+ * end. */
 void
 append_text(GString *request, const gchar *text)
 {
@@ -245,10 +244,10 @@ StreamOptions::~StreamOptions()
  * stream_options_parse:
  * @options: (transfer none): as constructed; filled in
  * @argc: number of arguments
- * @argv: (transfer none): the arguments, from the sub-command's name on
+ * @argv: (transfer none): the arguments, from the command's name on
  * @error: return location for an error, whose message is for the user
  *
- * Reads the command line. "--help" prints the help and ends the process. Main thread.
+ * Parses the command line. "--help" prints the help and exits.
  *
  * Returns: %FALSE when the command line is wrong
  */
@@ -278,7 +277,7 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
  * stream_options_build_request:
  * @options: (transfer none): parsed options
  *
- * Writes the request for what the options ask for. A filter of events asks for events as well. Any thread.
+ * A filter of events requests events as well.
  *
  * Returns: (transfer full): the request's text, from "OPEN" to the empty line
  */

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+/* stream_options_parse() is for the main thread, stream_options_build_request() for any. */
+
 /* The options of "tessardctl stream". Texts hold the bytes of the command line, NULL without the option. */
 struct StreamOptions {
   StreamOptions() = default;

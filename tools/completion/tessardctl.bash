@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# bash's completion for tessardctl. Producers and their channels come from the bus; when nobody answers there, soon
-# enough, there are none. What comes from it is only ever compared and quoted, never evaluated.
+# Completion for tessardctl in bash. Producers and their channels come from the bus; without a reply in time there are
+# none. Text from the bus is only compared and quoted, never evaluated.
 
-_TESSARDCTL_ASK_SECONDS=2
+_TESSARDCTL_QUERY_SECONDS=2
 
 _tessardctl_commands() {
   printf '%s\n' stream producers list show enable disable apply monitor help
@@ -31,7 +31,7 @@ _tessardctl_takes_value() {
   esac
 }
 
-# Adds those of the lines on standard input that begin with $1 to what is offered.
+# Adds the lines on standard input that begin with $1 to the candidates.
 _tessardctl_offer() {
   local candidate
   while IFS= read -r candidate; do
@@ -52,8 +52,8 @@ _tessardctl() {
   local current word command='' option='' index
 
   COMPREPLY=()
-  # The line as it was typed: bash takes words apart at colons, which addresses have. Backslashes quote. The x keeps
-  # an empty word, or a quoted blank, at the end.
+  # Bash splits words at colons, which addresses contain, so the words come from the line itself. Backslashes quote. The
+  # x keeps an empty word, or a quoted blank, at the end.
   # shellcheck disable=SC2162
   read -a words <<<"${line}x"
   current=${words[-1]%x}
@@ -78,23 +78,23 @@ _tessardctl() {
   if [[ -n $option ]]; then
     case $option in
     --socket | --output) _tessardctl_offer_files "$current" ;;
-    --channels) _tessardctl_offer "$current" < <(_tessardctl_ask --names) ;;
+    --channels) _tessardctl_offer "$current" < <(_tessardctl_query --names) ;;
     esac
   elif [[ $current == -* ]]; then
     _tessardctl_offer "$current" < <(_tessardctl_options "$command")
   else
     case $command/${#given[@]} in
     /0 | help/0) _tessardctl_offer "$current" < <(_tessardctl_commands) ;;
-    show/0 | enable/0 | disable/0) _tessardctl_offer "$current" < <(_tessardctl_ask --names) ;;
-    enable/1 | disable/1) _tessardctl_offer "$current" < <(_tessardctl_ask --channels "${given[0]}") ;;
+    show/0 | enable/0 | disable/0) _tessardctl_offer "$current" < <(_tessardctl_query --names) ;;
+    enable/1 | disable/1) _tessardctl_offer "$current" < <(_tessardctl_query --channels "${given[0]}") ;;
     apply/0) _tessardctl_offer_files "$current" ;;
     esac
   fi
 }
 
-# Asks the bus that the command line names, in the variables of _tessardctl.
-_tessardctl_ask() {
-  timeout "$_TESSARDCTL_ASK_SECONDS" "$tool" producers "${bus[@]}" "$@" </dev/null 2>/dev/null
+# Lists producers on the bus of the command line; uses the variables of _tessardctl.
+_tessardctl_query() {
+  timeout "$_TESSARDCTL_QUERY_SECONDS" "$tool" producers "${bus[@]}" "$@" </dev/null 2>/dev/null
 }
 
 complete -F _tessardctl tessardctl
