@@ -1,0 +1,211 @@
+"""The demo: its options, what it prints, what it keeps running for other terminals, and that it leaves nothing."""
+
+import contextlib
+import os
+import pathlib
+import re
+import signal
+import subprocess
+
+import pytest
+
+from installation import TREE
+from tessardctl import REFUSED
+from waiting import wait_until
+
+DEMO = TREE / "demo"
+
+# The demo starts five programs one after the other, and waits 30 s for each.
+DEMO_SECONDS = 150
+STREAM_SECONDS = 5
+
+ITEM = ('{"Objects": [{"Id": 7, "Type": "Human", '
+        '"BoundingBox": {"Left": -0.1, "Top": 0.1, "Right": 0.1, "Bottom": -0.1}}]}')
+
+
+def processes_of(folder):
+    """The processes that have the folder in their command line or environment, by id: the command lines."""
+    found = {}
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            command = (process / "cmdline").read_bytes()
+            if str(folder).encode() in command + (process / "environ").read_bytes():
+                found[int(process.name)] = command.split(b"\0")
+    return found
+
+
+class Demo:
+    """A running demo. Its output goes to files, where a test looks for lines."""
+
+    def __init__(self, installation, folder, *args, stdin=subprocess.DEVNULL):
+        self.out_path, self.err_path = folder / "out", folder / "err"
+        environment = {name: value for name, value in os.environ.items() if not name.startswith("GST_")}
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.process = subprocess.Popen(
+                [DEMO, *args, "--stage", installation.tessard.parents[2]], stdin=stdin, stdout=out, stderr=err,
+                # The scanner is not instrumented and cannot load plug-ins that are.
+                env=environment | installation.sanitizer_environment() | {"GST_REGISTRY_FORK": "no"})
+
+    @property
+    def out(self):
+        return self.out_path.read_text(encoding="utf-8")
+
+    @property
+    def err(self):
+        return self.err_path.read_text(encoding="utf-8")
+
+    def wait_for(self, pattern):
+        """Waits until the output has a match of a regular expression, and returns that."""
+
+        def search():
+            match = re.search(pattern, self.out, re.MULTILINE)
+            assert match or self.process.poll() is None, f"{self.out}{self.err}"
+            return match
+
+        return wait_until(search, pattern, DEMO_SECONDS)
+
+    def work_folder(self):
+        return pathlib.Path(self.wait_for(r"socket (/tmp/tessard\.\w+)/run/metadata$")[1])
+
+    def finish(self):
+        """Waits for the end, and makes sure that nothing is left."""
+        status = self.process.wait(DEMO_SECONDS)
+        for folder in re.findall(r"/tmp/tessard\.\w+", self.out):
+            assert not pathlib.Path(folder).exists()
+            assert processes_of(folder) == {}
+        return status
+
+    def end_by(self, number):
+        self.process.send_signal(number)
+        return self.finish()
+
+    def clean_up(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(DEMO_SECONDS)
+
+
+@pytest.fixture
+def start_demo(installation, tmp_path):
+    demos = []
+
+    def start(*args, **popen_args):
+        demos.append(Demo(installation, tmp_path, *args, **popen_args))
+        return demos[-1]
+
+    yield start
+    for demo in demos:
+        demo.clean_up()
+
+
+@pytest.fixture
+def env_file(tmp_path):
+    return tmp_path / "tessard env"
+
+
+@pytest.fixture
+def serving(start_demo, env_file):
+    """A demo that serves."""
+    demo = start_demo("--serve", "--env", env_file)
+    wait_until(lambda: env_file.exists() or demo.process.poll() is not None, "the demo serves", DEMO_SECONDS)
+    assert demo.process.poll() is None, demo.err
+    return demo
+
+
+def in_another_terminal(lines, command):
+    """Runs a command behind shell lines, in a shell without any other variable of the demo."""
+    kept = {name: value for name, value in os.environ.items() if name == "PATH" or name.endswith("SAN_OPTIONS")}
+    return subprocess.run(["sh", "-c", f"{lines}\n{command}"], env=kept | {"LC_ALL": "C.UTF-8"},
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=DEMO_SECONDS)
+
+
+class TestUsage:
+    def run(self, *args):
+        return subprocess.run([DEMO, *args], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+                              timeout=DEMO_SECONDS)
+
+    def test_help(self):
+        result = self.run("--help")
+        assert (result.returncode, result.stderr) == (0, "")
+        assert result.stdout.startswith("Usage: ./demo ")
+        assert re.findall(r"^  (--[a-z]+)", result.stdout, re.MULTILINE) == [
+            "--seconds", "--producer", "--serve", "--env", "--stage", "--help"]
+
+    @pytest.mark.parametrize("args, message", [
+        (["--nonsense"], "unknown argument: --nonsense"),
+        (["--seconds"], "--seconds needs a number"),
+        (["--seconds", "0"], "not a number of seconds from 1 to 99999: 0"),
+        (["--seconds=1s"], "not a number of seconds from 1 to 99999: 1s"),
+        (["--env", "file"], "--env needs --serve"),
+        (["--serve", "--env"], "--env needs FILE"),
+        (["--serve", "--seconds", "5"], "--serve streams nothing, so --seconds has no meaning"),
+        (["--serve", "--env", "/dev/null"], "not a regular file: /dev/null"),
+        (["--serve", "--env", "/nonexistent/file"], "cannot write to the folder of: /nonexistent/file"),
+        (["--stage", "/nonexistent"], "no installation with prefix /usr below: /nonexistent"),
+        (["--producer", "Mine"], "not NAME=FILE with a name of letters, digits and underscores: Mine"),
+        (["--producer", "a b=-"], "not NAME=FILE with a name of letters, digits and underscores: a b=-"),
+        (["--producer", "PersonDetector=-"], "the demo has a producer PersonDetector already"),
+        (["--producer", "Mine=/nonexistent"], "not a file that can be read, or empty: /nonexistent"),
+    ])
+    def test_wrong_usage(self, args, message):
+        result = self.run(*args)
+        assert (result.returncode, result.stdout) == (2, "")
+        assert result.stderr.startswith(f"demo: {message}\nUsage: ./demo ")
+
+
+def test_stream_with_a_producer_of_standard_input(start_demo):
+    detections = f"while echo '{ITEM}' && echo nonsense; do sleep 0.2; done"
+    with subprocess.Popen(["sh", "-c", detections], stdout=subprocess.PIPE) as detector:
+        demo = start_demo("--seconds", str(STREAM_SECONDS), "--producer", "Mine=-", stdin=detector.stdout)
+        detector.stdout.close()
+        status = demo.finish()
+    assert (status, demo.err) == (0, ""), demo.out
+    for name in ("VideoMotionTracker", "RadarMotionTracker", "PersonDetector", "Mine"):
+        assert re.search(rf"^{name} .* enabled ", demo.out, re.MULTILINE)
+    assert len(re.findall(r"^tessard: Warning from json2xml in .*malformed", demo.out, re.MULTILINE)) == 1
+    summary = demo.out.splitlines()[-1]
+    assert re.match(r"\d+ documents, \d+ bytes in \d+ s: ", summary)
+    for kind in ("events", "PTZ", "video scenes of Entrance", "radar scenes of Forecourt", "detections of Persons",
+                 "detections of Mine"):
+        assert re.search(rf"\b[1-9]\d* {kind}\b", summary)
+
+
+class TestServe:
+    def test_environment_file_serves_another_terminal(self, serving, env_file):
+        names = [line.split("=")[0] for line in env_file.read_text(encoding="utf-8").splitlines()]
+        assert names == [f"export {name}" for name in
+                         ("DBUS_SYSTEM_BUS_ADDRESS", "TESSARD_SOCKET", "GST_PLUGIN_PATH", "PATH")]
+
+        def run(command):
+            return in_another_terminal(f'. "{env_file}"', command)
+
+        listed = run("tessardctl list --names").stdout.split()
+        assert {"PersonDetector", "RadarMotionTracker", "VideoMotionTracker"} <= set(listed)
+        assert run("tessardctl disable PersonDetector 1").stderr == ""
+        assert run("tessardctl stream --event --count 1").stdout.count("</tt:MetadataStream>") == 1
+        assert run('test -f "$GST_PLUGIN_PATH/libgstonvifeventsrc.so"').returncode == 0
+
+        # What the daemon logs from then on is printed.
+        assert run("tessardctl stream --analytics 9").returncode == REFUSED
+        serving.wait_for(r"^tessard: Invalid value of 'analytics' parameter: '9'\.$")
+        assert "Starting." not in serving.out
+
+        assert serving.end_by(signal.SIGINT) == 130
+        assert serving.err == ""
+        assert not env_file.exists()
+
+    def test_without_a_file_the_lines_are_printed(self, start_demo):
+        demo = start_demo("--serve")
+        demo.wait_for(r"^export PATH=.*\n")
+        lines = "\n".join(line for line in demo.out.splitlines() if line.startswith("export "))
+        assert "PersonDetector" in in_another_terminal(lines, "tessardctl producers").stdout
+        assert demo.end_by(signal.SIGTERM) == 143
+
+    def test_daemon_that_ends_is_the_end(self, serving, env_file):
+        folder = serving.work_folder()
+        daemons = [process for process, command in processes_of(folder).items() if command[0].endswith(b"/bin/tessard")]
+        assert len(daemons) == 1
+        os.kill(daemons[0], signal.SIGKILL)
+        assert serving.finish() == 1
+        assert serving.err == "demo: ended by itself: the daemon\n"
+        assert not env_file.exists()
