@@ -1,6 +1,8 @@
 """What bash and zsh offer behind tessardctl."""
 
 import os
+import pathlib
+import pty
 import re
 import shutil
 import subprocess
@@ -9,16 +11,15 @@ import pytest
 
 from fakeservice import FakeService, properties
 from installation import TREE
-from tessardctl import SUCCESS
 from tool import path_of
-from waiting import BOUND_SECONDS
+from waiting import BOUND_SECONDS, wait_until
 
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
 COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "help"]
 
-# What the shell does when the tabulator is hit, with words taken apart as it does.
+# Calls the completion function as bash does on a tab, with the words as bash splits them.
 ASK_BASH = """\
 set -u
 source "$0"
@@ -166,7 +167,94 @@ def test_zsh_offers_the_same(run):
     assert described == every_option
 
 
-def test_zsh_understands_its_file():
+# Start-up of an interactive zsh in which Ctrl-X writes the candidates for the word at the cursor to a file. Calls of
+# compadd that only fill arrays are zsh's own.
+ZSHRC = """\
+PS1='' OFFERED=$ZDOTDIR/offered
+fpath=(%s $fpath)
+autoload -Uz compinit && compinit -D -u
+compadd() {
+  local -a arguments=("$@") matches
+  if (( ! ${arguments[(I)-[OAD]*]} )); then
+    builtin compadd -O matches "$@"
+    (( ! $#matches )) || print -rl -- $matches >>$OFFERED
+  fi
+  builtin compadd "$@"
+}
+offer() {
+  _main_complete
+  compstate[insert]='' compstate[list]=''
+  print end >>$OFFERED
+}
+zle -C offer list-choices offer
+bindkey '^X' offer
+zle-line-init() { print start >>$OFFERED }
+zle -N zle-line-init
+"""
+
+
+class Zsh:
+    """An interactive zsh on a terminal of its own."""
+
+    def __init__(self, folder, bus_address):
+        self.offered = folder / "offered"
+        self.offered.touch()
+        (folder / ".zshrc").write_text(ZSHRC % ZSH.parent, encoding="utf-8")
+        tool_folder = pathlib.Path(os.environ["TESSARDCTL"]).parent
+        self.terminal, side = pty.openpty()
+        self.process = subprocess.Popen(
+            ["zsh", "-d", "-i"], cwd=folder, stdin=side, stdout=side, stderr=side, start_new_session=True,
+            env=os.environ | {"ZDOTDIR": str(folder), "DBUS_SYSTEM_BUS_ADDRESS": bus_address, "TERM": "dumb",
+                              "LC_ALL": "C.UTF-8", "PATH": f"{tool_folder}:{os.environ['PATH']}"})
+        os.close(side)
+
+    def lines(self):
+        return self.offered.read_text(encoding="utf-8").splitlines()
+
+    def ask(self, line):
+        wait_until(lambda: "start" in self.lines(), "zsh reads a line")
+        os.write(self.terminal, f"tessardctl {line}\x18".encode())
+        wait_until(lambda: "end" in self.lines(), "zsh completes the line")
+        return sorted(set(self.lines()) - {"start", "end"})
+
+    def close(self):
+        self.process.kill()
+        self.process.wait(BOUND_SECONDS)
+        os.close(self.terminal)
+
+
+@pytest.fixture
+def offered_by_zsh(tool_under_test, stand_in_bus, tmp_path):
     if shutil.which("zsh") is None:
         pytest.skip("zsh is not installed")
-    assert subprocess.run(["zsh", "-n", ZSH], check=False).returncode == SUCCESS
+    zsh = Zsh(tmp_path, stand_in_bus.address)
+    yield zsh.ask
+    zsh.close()
+
+
+@pytest.mark.parametrize("line, candidates", [
+    ("", sorted(COMMANDS)),
+    ("s", ["show", "stream"]),
+    ("help s", ["show", "stream"]),
+    ("stream --event-", ["--event-content", "--event-topic"]),
+    ("stream --analytics=", ["0", "1", "2"]),
+    ("list --", ["--bus", "--channels", "--help", "--json", "--names"]),
+    ("list --json --", ["--bus", "--help"]),
+    ("producers --channels Video", ["VideoCounter", "VideoMotionTracker"]),
+    ("show ", ["Radar", "VideoCounter", "VideoMotionTracker"]),
+    ("enable Radar ", ["1", "12", "2"]),
+    ("disable Radar 1", ["1", "12"]),
+    ("disable nobody ", []),
+    ("monitor x", []),
+])
+def test_zsh_offers(offered_by_zsh, service, line, candidates):
+    assert offered_by_zsh(line) == candidates
+
+
+def test_zsh_offers_files(offered_by_zsh, tmp_path):
+    (tmp_path / "changes.json").touch()
+    assert offered_by_zsh("apply ch") == ["changes.json"]
+
+
+def test_zsh_uses_the_bus_of_the_command_line(offered_by_zsh, service):
+    assert offered_by_zsh("show --bus=unix:path=/nonexistent/bus ") == []
