@@ -18,8 +18,8 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 METADATA_CAPS = "application/x-onvif-metadata"
 
-# The packet header of the GStreamer data protocol: where its type is, the type of one that carries a buffer,
-# and where the length of what follows the header is.
+# The packet header of the GStreamer data protocol: the place of its type, the type of a packet with a buffer, and the
+# place of the length of the payload.
 GDP_TYPE = slice(4, 6)
 GDP_BUFFER = b"\x00\x01"
 GDP_LENGTH = slice(6, 10)
@@ -49,7 +49,7 @@ class FakeDaemon:
         return connection
 
     def accept_stream(self):
-        """Accepts a client, reads its request and lets the stream begin."""
+        """Accepts a client, reads its request and replies with OK."""
         connection = self.accept_request()
         connection.send(b"OK\0")
         return connection
@@ -61,7 +61,7 @@ class FakeDaemon:
 
 
 class Connection:
-    """One client, as the daemon sees it."""
+    """The daemon's side of one connection."""
 
     def __init__(self, sock):
         self.sock = sock
@@ -77,7 +77,7 @@ class Connection:
         return data
 
     def read(self, size):
-        """The next bytes from the client, fewer than asked for only at its end."""
+        """The next bytes from the client, fewer only at the end of the connection."""
         data = b""
         while len(data) < size:
             chunk = self.sock.recv(size - len(data))
@@ -96,7 +96,7 @@ class Connection:
         self.sock.sendall(data)
 
     def unread_by_client(self):
-        """How much of what was sent the client has not taken yet, in bytes of kernel memory."""
+        """The bytes that the client has not read yet, in kernel memory."""
         return struct.unpack("i", fcntl.ioctl(self.sock, termios.TIOCOUTQ, b"\0" * 4))[0]
 
     def close(self):
@@ -104,7 +104,7 @@ class Connection:
 
 
 class GdpStream:
-    """Turns documents into the bytes that the daemon's payloader makes of them."""
+    """Converts documents to the bytes of the daemon's payloader."""
 
     def __init__(self, caps=METADATA_CAPS, checksum=True):
         Gst.init(None)
@@ -117,7 +117,7 @@ class GdpStream:
         self.pipeline.set_state(Gst.State.PLAYING)
 
     def document(self, data):
-        """The bytes up to and with the packet that carries @data; the stream's first say what it is."""
+        """The bytes up to the packet with @data and including it; the first ones of a stream have its caps."""
         return b"".join(self.packets(data))
 
     def packets(self, data):

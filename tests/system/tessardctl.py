@@ -17,7 +17,7 @@ def read_some(fd):
 
 
 def read_lines(fd, count):
-    """Exactly @count lines, and nothing may have come behind them."""
+    """Exactly @count lines; the output must not have more by then."""
     data = b""
     while data.count(b"\n") < count:
         chunk = read_some(fd)

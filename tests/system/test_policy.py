@@ -1,4 +1,4 @@
-"""Who may do what on a bus that loads the installed policy."""
+"""What each user can do on a bus with the installed policy."""
 
 import subprocess
 import sys
@@ -12,10 +12,10 @@ from installation import ADMIN_GROUP, UNPRIVILEGED_USER, Bus, run_by_root
 from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
 
-# Stands in for the administrators'; it is on every Debian.
+# Replaces the administrators' group; every Debian has it.
 STAND_IN_GROUP = "games"
 
-# Neither is the daemon's user. The first is in no group of interest, the second in the administrators'.
+# Neither is the daemon's user. Only the second is in the administrators' group.
 STRANGER = {"user": "daemon", "group": "daemon", "extra_groups": []}
 ADMINISTRATOR = {"user": "daemon", "group": "daemon", "extra_groups": [STAND_IN_GROUP]}
 ROOT_USER = {"user": "root", "group": "root", "extra_groups": []}
@@ -39,7 +39,7 @@ except GLib.Error as error:
     print(Gio.DBusError.get_remote_error(error))
 """
 
-# Sends a signal and a reply that nobody asked for to one peer, each with a descriptor, and waits until the bus has seen
+# Sends a signal and an unrequested reply to one peer, each with a descriptor, and waits until the bus has seen
 # them.
 SENDER = """\
 import sys
@@ -114,11 +114,11 @@ def own_name(bus, user):
                 f"('{NAME}', uint32 0)")
 
 
-def switch_producers(bus, user):
+def change_producers(bus, user):
     return call(bus, user, NAME, ROOT, MANAGER, "SetProducersEnabled", f"({{'{VIDEO_TRACKER}': [(1, true, 'x')]}},)")
 
 
-def switch_channels(bus, user):
+def change_channels(bus, user):
     return call(bus, user, NAME, path_of(VIDEO_TRACKER), PRODUCER, "SetChannelsEnabled", "([(1, true, 'x')],)")
 
 
@@ -127,22 +127,22 @@ def test_daemon_gets_its_name(daemon, policed_bus):
 
 
 @pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
-def test_nobody_else_gets_the_name(policed_bus, user):
+def test_other_users_are_refused_the_name(policed_bus, user):
     assert own_name(policed_bus, user) == REFUSED
 
 
-@pytest.mark.parametrize("switch", [switch_producers, switch_channels])
+@pytest.mark.parametrize("change", [change_producers, change_channels])
 @pytest.mark.parametrize("user", [ADMINISTRATOR, ROOT_USER])
-def test_root_and_administrators_switch_producers(daemon, policed_bus, user, switch):
-    assert switch(policed_bus, user) == ""
+def test_root_and_administrators_change_producers(daemon, policed_bus, user, change):
+    assert change(policed_bus, user) == ""
     assert "Name=x" in daemon.producers_conf.read_text(encoding="utf-8").splitlines()
 
 
-@pytest.mark.parametrize("switch", [switch_producers, switch_channels])
-def test_others_switch_nothing(daemon, policed_bus, switch):
+@pytest.mark.parametrize("change", [change_producers, change_channels])
+def test_other_users_change_nothing(daemon, policed_bus, change):
     before = daemon.producers_conf.read_text(encoding="utf-8")
 
-    assert switch(policed_bus, STRANGER) == REFUSED
+    assert change(policed_bus, STRANGER) == REFUSED
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
 
 
@@ -154,17 +154,17 @@ def test_others_switch_nothing(daemon, policed_bus, switch):
     (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "Get", f"('{PRODUCER}', 'ChannelsEnabled')"),
     (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "GetAll", f"('{PRODUCER}',)"),
 ])
-def test_everybody_may_look(daemon, policed_bus, path, interface, method, arguments):
+def test_any_user_can_read(daemon, policed_bus, path, interface, method, arguments):
     assert call(policed_bus, STRANGER, NAME, path, interface, method, arguments) == ""
 
 
-def test_everybody_hears_of_changes(daemon, policed_bus):
+def test_any_user_receives_changes(daemon, policed_bus):
     listener = subprocess.Popen(
         [sys.executable, "-I", "-c", LISTENER, policed_bus.address, path_of(VIDEO_TRACKER)],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, cwd="/", **STRANGER)
     assert listener.stdout.readline() == "listening\n"
 
-    assert switch_channels(policed_bus, ADMINISTRATOR) == ""
+    assert change_channels(policed_bus, ADMINISTRATOR) == ""
     out, _ = listener.communicate(timeout=BOUND_SECONDS)
     assert out == "{'ChannelsEnabled': [(1, True, 'x'), (2, False, '')]}\n"
 
@@ -181,18 +181,18 @@ def destination(request, daemon, policed_bus):
 
 
 @pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
-def test_nobody_calls_with_descriptors(daemon, policed_bus, destination, user):
-    question = (destination, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()")
+def test_calls_with_descriptors_are_refused(daemon, policed_bus, destination, user):
+    read_call = (destination, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()")
 
-    assert call(policed_bus, user, *question, descriptors=1) == REFUSED
-    assert call(policed_bus, user, *question, descriptors=16) == REFUSED
-    assert call(policed_bus, user, *question) == ""
+    assert call(policed_bus, user, *read_call, descriptors=1) == REFUSED
+    assert call(policed_bus, user, *read_call, descriptors=16) == REFUSED
+    assert call(policed_bus, user, *read_call) == ""
     # Of what had come through, the daemon would have logged that it refused it.
     assert daemon.log.take() == []
 
 
 @pytest.mark.parametrize("user", [STRANGER, ADMINISTRATOR, ROOT_USER])
-def test_nobody_sends_descriptors_otherwise(daemon, policed_bus, destination, user):
+def test_other_messages_with_descriptors_are_refused(daemon, policed_bus, destination, user):
     run_as(user, SENDER, policed_bus.address, destination, ROOT)
 
     assert call(policed_bus, ROOT_USER, NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects") == ""
@@ -205,12 +205,12 @@ def test_nobody_sends_descriptors_otherwise(daemon, policed_bus, destination, us
      "disable producers.\n"),
     (ADMINISTRATOR, tessardctl.SUCCESS, ""),
 ])
-def test_tessardctl_tells_whether_its_user_may(daemon, policed_bus, start, user, status, error):
-    look = start("producers", "--bus", policed_bus.address, "--names", cwd="/", **user).finish()
-    switch = start("enable", "--bus", policed_bus.address, VIDEO_TRACKER, "1", "x", cwd="/", **user).finish()
+def test_tessardctl_reports_a_refusal(daemon, policed_bus, start, user, status, error):
+    listed = start("producers", "--bus", policed_bus.address, "--names", cwd="/", **user).finish()
+    changed = start("enable", "--bus", policed_bus.address, VIDEO_TRACKER, "1", "x", cwd="/", **user).finish()
 
-    assert (look.status, look.out.decode(), look.err) == (tessardctl.SUCCESS, f"{VIDEO_TRACKER}\n", b"")
-    assert (switch.status, switch.out, switch.err.decode()) == (status, b"", error)
+    assert (listed.status, listed.out.decode(), listed.err) == (tessardctl.SUCCESS, f"{VIDEO_TRACKER}\n", b"")
+    assert (changed.status, changed.out, changed.err.decode()) == (status, b"", error)
 
 
 def test_tessardctl_apply_names_the_group(daemon, policed_bus, start, tmp_path):

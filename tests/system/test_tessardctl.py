@@ -1,4 +1,4 @@
-"""tessardctl against a daemon that the test plays itself."""
+"""tessardctl stream against a fake daemon."""
 import contextlib
 import ctypes
 import errno
@@ -64,7 +64,7 @@ def gdp():
 
 @pytest.fixture
 def stream(start, fake_daemon):
-    """Starts "tessardctl stream" on the test's own daemon."""
+    """Starts "tessardctl stream" on the fake daemon."""
 
     def start_stream(*args, **popen_args):
         return start("stream", "--socket", fake_daemon.path, *args, **popen_args)
@@ -73,7 +73,7 @@ def stream(start, fake_daemon):
 
 
 class Terminal:
-    """A terminal that the test looks at from behind."""
+    """A terminal and what is written to it."""
 
     def __init__(self):
         self.master, self.slave = (os.fdopen(fd, "r+b", buffering=0) for fd in pty.openpty())
@@ -82,7 +82,7 @@ class Terminal:
         return read_some(self.master.fileno())
 
     def read_to_end(self):
-        """What came until nobody had the terminal open any more."""
+        """What is written until every process has closed the terminal."""
         data = b""
         with contextlib.suppress(OSError):
             while chunk := self.read():
@@ -125,7 +125,7 @@ class TestUsage:
         assert "\nExamples:\n  tessardctl stream --event\n" in text
         assert re.findall(r"^  (\d)  \S", text, re.MULTILINE) == [str(status) for status in range(8)]
 
-    def test_help_that_nobody_reads(self, run):
+    def test_help_without_a_reader(self, run):
         reader, writer = os.pipe()
         os.close(reader)
         with os.fdopen(writer, "wb") as unread:
@@ -188,7 +188,7 @@ class TestUsage:
 
 
 def undo_escapes(sent):
-    """What the daemon makes of a text; in bytes, which GLib's own Python binding does not take here."""
+    """Undoes escapes as the daemon does; in bytes, which GLib's Python binding does not accept here."""
     glib = ctypes.CDLL("libglib-2.0.so.0")
     glib.g_strcompress.restype = ctypes.c_char_p
     return glib.g_strcompress(ctypes.c_char_p(sent))
@@ -352,7 +352,7 @@ def has_socket(tool):
 
 @pytest.fixture
 def busy_daemon(tmp_path):
-    """A daemon that has a client waiting already and lets no more wait."""
+    """A daemon whose backlog is full."""
     daemon = FakeDaemon(tmp_path / "busy", backlog=0)
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as other:
         other.connect(daemon.path)
@@ -379,7 +379,7 @@ class TestConnection:
         result = run("stream", "--event", "--timeout", "1", env={"TESSARD_SOCKET": ""})
         assert result.err == no_connection("/run/tessard/metadata", "No such file or directory")
 
-    def test_nobody_listens(self, run, fake_daemon):
+    def test_socket_without_a_listener(self, run, fake_daemon):
         fake_daemon.close()
         result = run("stream", "--event", "--socket", fake_daemon.path)
         assert result.err == no_connection(fake_daemon.path, "Connection refused")
@@ -609,7 +609,7 @@ class TestSync:
 
 
 def read_after_hang_up(connection):
-    """What a client said that left with some of the stream unread, which counts as a reset."""
+    """What a client sent that hung up with some of the stream unread, which resets the connection."""
     try:
         return connection.read_to_end()
     except ConnectionResetError:
@@ -663,7 +663,7 @@ class TestEnd:
         assert tool.process.stderr.read() == b""
 
     def fill_output(self, tool, connection, gdp):
-        """Sends a document that is larger than the output's pipe and waits until no further piece fits."""
+        """Sends a document that is larger than the output's pipe and waits until the pipe is full."""
         size = fcntl.fcntl(tool.out, fcntl.F_GETPIPE_SZ)
         document = metadata("x" * (size + PIPE_BUF))
         connection.send(gdp.document(document))
@@ -798,7 +798,7 @@ class TestProgress:
     LINE = re.compile(r"(\d+) documents, ([\d.]+)\xa0?.*?(bytes|kB), (\d+\.\d) documents/s *")
 
     def shown(self, data):
-        """The texts that were shown one after the other, and what came behind the line's end."""
+        """The texts of the progress line in their order, and what follows the line."""
         head, _, tail = data.decode().replace("\r\n", "\n").partition("\n")
         assert head.startswith("\r")
         return head[1:].split("\r"), tail

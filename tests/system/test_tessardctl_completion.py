@@ -1,4 +1,4 @@
-"""What bash and zsh offer behind tessardctl."""
+"""The completions of bash and zsh for tessardctl."""
 
 import os
 import pathlib
@@ -31,7 +31,7 @@ _tessardctl "$TESSARDCTL" "" ""
 
 @pytest.fixture
 def offered(tool_under_test, stand_in_bus, tmp_path):
-    """What bash offers at the end of a line behind the tool's name."""
+    """The candidates of bash at the end of a line behind "tessardctl"."""
 
     def ask(line, bus=stand_in_bus.address):
         result = subprocess.run(
@@ -99,7 +99,7 @@ def test_names_of_producers(offered, service, line):
 def test_channels_of_a_producer(offered, service, command):
     assert offered(f"{command} Radar ") == ["1", "2", "12"]
     assert offered(f"{command} Radar 1") == ["1", "12"]
-    assert offered(f"{command} nobody ") == []
+    assert offered(f"{command} unknown ") == []
 
 
 @pytest.mark.parametrize("line", ["show Radar ", "disable Radar 1 ", "enable Radar 1 ", "monitor ", "producers ",
@@ -244,7 +244,7 @@ def offered_by_zsh(tool_under_test, stand_in_bus, tmp_path):
     ("show ", ["Radar", "VideoCounter", "VideoMotionTracker"]),
     ("enable Radar ", ["1", "12", "2"]),
     ("disable Radar 1", ["1", "12"]),
-    ("disable nobody ", []),
+    ("disable unknown ", []),
     ("monitor x", []),
 ])
 def test_zsh_offers(offered_by_zsh, service, line, candidates):

@@ -1,4 +1,4 @@
-"""tessardctl's commands that talk to the daemon over the bus, against a stand-in for the daemon."""
+"""tessardctl's commands that call the daemon over the bus, against a fake daemon."""
 
 import json
 import os
@@ -24,9 +24,9 @@ MAX_CHANNELS = documented_limit("../tools/producers.h", "PRODUCERS_MAX_CHANNELS"
 MAX_PENDING_BYTES = documented_limit("../tools/linewriter.h", "LINE_WRITER_MAX_PENDING_BYTES")
 MAX_FILE_BYTES = documented_limit("../tools/applyfile.h", "APPLY_FILE_MAX_BYTES")
 
-NOT_THERE = b"tessardctl: The daemon is not on the bus: 'com.quon.MetadataServer1' has no owner.\n"
+ABSENT = b"tessardctl: The daemon is not on the bus: 'com.quon.MetadataServer1' has no owner.\n"
 
-# Every command as it can be given when all is well.
+# A valid command line of every command.
 COMMANDS = {
     "producers": ["producers"],
     "show": ["show", VIDEO],
@@ -46,13 +46,13 @@ CHANNEL = '{"Channel": 1, "Enabled": true, "Configuration": "c"}'
 
 
 def producer(channel=CHANNEL, name='"a"'):
-    """A file for one."""
+    """A file with one producer."""
     return f'[{{"Name": {name}, "Channels": [{channel}]}}]'
 
 
 @pytest.fixture
 def make_service(stand_in_bus):
-    """Makes stand-ins, which are started later."""
+    """Makes fake daemons, which the test starts."""
     services = []
 
     def make():
@@ -66,7 +66,7 @@ def make_service(stand_in_bus):
 
 @pytest.fixture
 def service(make_service):
-    """A stand-in with the two trackers, not started yet."""
+    """A fake daemon with the two trackers, not started yet."""
     made = make_service()
     made.producers = {
         path_of(VIDEO): properties(VIDEO, "Quon video motion tracker", [(2, False, ""), (1, True, "profile1")]),
@@ -83,7 +83,7 @@ def started(service):
 
 @pytest.fixture
 def control(start, stand_in_bus):
-    """Starts a command on the bus of the test, which may stand for the system's."""
+    """Starts a command with the bus of the test as the system bus."""
 
     def start_control(*args, env=None, **popen_args):
         return start(*args, env={"DBUS_SYSTEM_BUS_ADDRESS": stand_in_bus.address} | (env or {}), **popen_args)
@@ -93,7 +93,7 @@ def control(start, stand_in_bus):
 
 @pytest.fixture
 def ask(control, tmp_path):
-    """Runs a command to its end, with a text for its standard input."""
+    """Runs a command with a text as its standard input."""
 
     def run_control(*args, stdin="[]", **popen_args):
         path = tmp_path / "stdin"
@@ -159,7 +159,7 @@ class TestUsage:
                                      "bits.\n".encode())
 
 
-def test_man_page_tells_the_limits():
+def test_man_page_has_the_limits():
     page = (TREE / "docs/tessardctl.1").read_text(encoding="utf-8")
     mebibyte = 1024 * 1024
     assert MAX_FILE_BYTES % mebibyte == MAX_PENDING_BYTES % mebibyte == 0
@@ -177,9 +177,9 @@ class TestBus:
         assert (result.status, result.out) == (NO_CONNECTION, b"")
 
     @pytest.mark.parametrize("command", COMMANDS)
-    def test_nobody_owns_the_name(self, ask, command):
+    def test_name_without_an_owner(self, ask, command):
         result = ask(*COMMANDS[command])
-        assert (result.status, result.out, result.err) == (NO_CONNECTION, b"", NOT_THERE)
+        assert (result.status, result.out, result.err) == (NO_CONNECTION, b"", ABSENT)
 
     @pytest.mark.parametrize("command", COMMANDS)
     def test_another_bus_than_the_systems(self, ask, start_bus, started, stand_in_bus, command):
@@ -363,9 +363,9 @@ class TestProducers:
 
     def test_channels_of_one(self, ask, started):
         assert ask("producers", "--channels", VIDEO).out == b"1\n2\n"
-        result = ask("producers", "--channels", "nobody")
+        result = ask("producers", "--channels", "unknown")
         assert (result.status, result.out, result.err) == (
-            REFUSED, b"", b"tessardctl: There is no producer 'nobody'.\n")
+            REFUSED, b"", b"tessardctl: There is no producer 'unknown'.\n")
 
     def test_output_that_cannot_be_written(self, control, started):
         with open("/dev/full", "wb") as full:
@@ -374,7 +374,7 @@ class TestProducers:
             LOCAL, b"tessardctl: Could not write to standard output: Error writing to file descriptor: "
                    b"No space left on device.\n")
 
-    def test_output_that_nobody_reads(self, control, started):
+    def test_output_without_a_reader(self, control, started):
         reader, writer = os.pipe()
         os.close(reader)
         with os.fdopen(writer, "wb") as unread:
@@ -419,7 +419,7 @@ class TestShow:
             b"Nice name: n\\u000aChannel 1: enabled", b"Object: " + path_of("a").encode(),
             b"Channel 2: enabled as 'c\\u000ad'", b"Sample frame: none"]
 
-    @pytest.mark.parametrize("name", ["nobody", "", "a/b", "../x", b"\xff"])
+    @pytest.mark.parametrize("name", ["unknown", "", "a/b", "../x", b"\xff"])
     def test_no_such_producer(self, ask, started, name):
         result = ask("show", name)
         shown = name if isinstance(name, str) else "\ufffd"
@@ -440,11 +440,11 @@ class TestSwitch:
 
     @pytest.mark.parametrize("text, number", [("0", 0), ("-5", -5), ("007", 7), ("2147483647", 2147483647),
                                               ("-2147483648", -2147483648)])
-    def test_daemon_judges_the_channel(self, ask, started, text, number):
+    def test_daemon_validates_the_channel(self, ask, started, text, number):
         assert ask("disable", "--", VIDEO, text).status == SUCCESS
         assert started.set_calls() == [(path_of(VIDEO), "SetChannelsEnabled", ([(number, False, "")],))]
 
-    def test_daemon_judges_an_empty_configuration(self, ask, started):
+    def test_daemon_validates_an_empty_configuration(self, ask, started):
         assert ask("enable", VIDEO, "1", "").status == SUCCESS
         assert started.set_calls() == [(path_of(VIDEO), "SetChannelsEnabled", ([(1, True, "")],))]
 
@@ -454,10 +454,10 @@ class TestSwitch:
         service.start()
         assert ask("disable", "a", "1").err == b"tessardctl: No. Channels of 'a': none.\n"
 
-    @pytest.mark.parametrize("arguments", [["enable", "nobody", "1", "a"], ["disable", "nobody", "1"]])
+    @pytest.mark.parametrize("arguments", [["enable", "unknown", "1", "a"], ["disable", "unknown", "1"]])
     def test_no_such_producer(self, ask, started, arguments):
         result = ask(*arguments)
-        assert (result.status, result.err) == (REFUSED, b"tessardctl: There is no producer 'nobody'.\n")
+        assert (result.status, result.err) == (REFUSED, b"tessardctl: There is no producer 'unknown'.\n")
         assert started.set_calls() == []
 
     def test_producer_is_found_by_its_name_not_its_path(self, ask, service):
@@ -632,7 +632,7 @@ class TestApply:
 class TestMonitor:
     @pytest.fixture
     def monitor(self, control):
-        """Starts a monitor and takes its first line, by which it knows what there is."""
+        """Starts a monitor and reads its first line, after which it has the state of all producers."""
 
         def start_monitor(first_line):
             tool = control("monitor")
@@ -673,14 +673,14 @@ class TestMonitor:
                      GLib.Variant("(sa{sv}as)", (PRODUCER, {"NiceName": GLib.Variant("s", "n")}, [])))
         started.emit(path_of(VIDEO), PROPERTIES, "PropertiesChanged",
                      GLib.Variant("(sa{sv}as)", ("com.quon.Other", {"ChannelsEnabled": GLib.Variant("i", 1)}, [])))
-        started.emit(path_of("nobody"), PROPERTIES, "PropertiesChanged",
+        started.emit(path_of("unknown"), PROPERTIES, "PropertiesChanged",
                      GLib.Variant("(sa{sv}as)", (PRODUCER, {"ChannelsEnabled": GLib.Variant("i", 1)}, [])))
         started.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                      GLib.Variant("(oa{sa{sv}})", (path_of("other"), {"com.quon.Other": {}})))
         started.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
                      GLib.Variant("(oas)", (path_of(VIDEO), ["com.quon.Other"])))
         started.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
-                     GLib.Variant("(oas)", (path_of("nobody"), [PRODUCER])))
+                     GLib.Variant("(oas)", (path_of("unknown"), [PRODUCER])))
         started.emit(ROOT, "com.quon.Other", "InterfacesAdded", GLib.Variant("(i)", (1,)))
         started.remove(RADAR)
         assert lines_of(tool, 1) == ["removed RadarMotionTracker"]
@@ -751,7 +751,7 @@ class TestMonitor:
         result = tool.end_by(signal.SIGINT)
         assert (result.status, result.out, result.err) == (SUCCESS, b"", b"")
 
-    def test_nobody_else_makes_lines(self, monitor, started, stand_in_bus):
+    def test_signals_of_other_senders_are_ignored(self, monitor, started, stand_in_bus):
         tool = monitor("daemon present, producers: 2")
         stranger = FakeService(stand_in_bus)
         stranger.add("fake")
@@ -817,10 +817,10 @@ class TestMonitor:
         stand_in_bus.stop()
         result = tool.finish()
         assert (result.status, result.err) == (ENDED, b"tessardctl: The bus closed the connection.\n")
-        # The bus may part with the daemon first, and then says so.
+        # The bus can disconnect the daemon first, and then signals that.
         assert result.out in (b"", b"daemon absent\n")
 
-    def test_nobody_reads_any_more(self, control, started):
+    def test_reader_hangs_up(self, control, started):
         reader, writer = os.pipe()
         with os.fdopen(writer, "wb") as output:
             tool = control("monitor", stdout=output)
@@ -847,7 +847,7 @@ class TestMonitor:
         os.close(reader)
         os.close(writer)
 
-    def test_reader_that_does_not_read_delays_nobody(self, control, started, full_pipe):
+    def test_reader_that_does_not_read_delays_no_interrupt(self, control, started, full_pipe):
         tool = control("monitor", stdout=full_pipe)
         wait_until(lambda: started.calls, "the monitor asks")
         assert tool.end_by(signal.SIGINT).status == SUCCESS

@@ -1,4 +1,4 @@
-"""tessardctl's commands that talk to the daemon over the bus, against the daemon."""
+"""tessardctl's commands that call the daemon over the bus, against the daemon."""
 
 import json
 
@@ -10,7 +10,7 @@ from tessardctl import REFUSED, SUCCESS, read_lines
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
-# What the file says when the daemon of a test starts.
+# The file of producers at the start of a daemon.
 PRODUCERS = """\
 [Producers.0.VideoMotionTracker]
 Name=
@@ -88,7 +88,7 @@ def test_switching_is_kept_and_seen(daemon, ask, control):
     (["disable", "--", VIDEO_TRACKER, "-1"],
      "Tried to enable/disable producer on non-supported channel. Channels of 'VideoMotionTracker': 1, 2."),
     (["enable", VIDEO_TRACKER, "1", "x" * 257], "Configuration name is longer than 256 bytes"),
-    (["enable", "nobody", "1", "x"], "There is no producer 'nobody'."),
+    (["enable", "unknown", "1", "x"], "There is no producer 'unknown'."),
 ])
 def test_refused_switch_changes_nothing(daemon, ask, command, reason):
     result = ask(*command)
@@ -118,7 +118,7 @@ def test_going_back_to_how_things_were(daemon, ask, tmp_path):
 
 
 @pytest.mark.parametrize("name, channel, reason", [
-    ("nobody", 1, "Producer with specified name does not exist"),
+    ("unknown", 1, "Producer with specified name does not exist"),
     (RADAR_TRACKER, 2, "Videochannel is not supported on producer. Channels of 'RadarMotionTracker': 1."),
 ])
 def test_refused_file_changes_nothing(daemon, ask, tmp_path, name, channel, reason):

@@ -1,4 +1,4 @@
-"""Somebody who lists and switches the daemon's producers on the bus."""
+"""A client on the bus that lists, enables and disables the daemon's producers."""
 
 from gi.repository import GLib
 
