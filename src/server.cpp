@@ -22,6 +22,7 @@
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
 #include "hangupwatch.h"
+#include "listeningsocket.h"
 #include "memory.h"
 #include "ratelimitedlog.h"
 #include "request.h"
@@ -34,10 +35,7 @@
 #include <fcntl.h>
 #include <glib/gstdio.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <utility>
 
@@ -77,8 +75,6 @@ namespace
 {
 
 constexpr int POOL_THREADS = 2;
-constexpr int BACKLOG = 10;
-constexpr mode_t SOCKET_MODE = 0660;
 
 constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
 
@@ -122,14 +118,6 @@ connection_free(Connection *connection)
 }
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(Connection, connection_free)
-
-void
-close_listening(int fd)
-{
-  if (close(fd) < 0) {
-    syslog(LOG_ERR, "Could not close metadata server socket: %s", g_strerror(errno));
-  }
-}
 
 /* A client that is gone already cannot be told, and that is all that can go wrong here. */
 void
@@ -395,109 +383,6 @@ refuse_waiting_connection(Server *self, int listening_fd)
 }
 
 gboolean
-is_activated_socket(int fd, const gchar *socket_path)
-{
-  return sd_is_socket_unix(fd, SOCK_STREAM, 1, socket_path, 0) > 0;
-}
-
-/* Closes the first socket once for every matching one (docs/compatibility.md, "several activated sockets").
- * The start fails, and the process ends. */
-void
-refuse_activated_sockets(int first_fd, int end_fd, const gchar *socket_path)
-{
-  syslog(LOG_ERR, "More than one file descriptor received for '%s': %s", socket_path, g_strerror(errno));
-  for (int fd = SD_LISTEN_FDS_START; fd < end_fd; fd++) {
-    if (is_activated_socket(fd, socket_path)) {
-      close_listening(first_fd);
-    }
-  }
-}
-
-/* Looks for the listening socket among the passed descriptors. @found is -1 when there is none. FALSE when
- * there is more than one. */
-gboolean
-find_activated_socket(const gchar *socket_path, int *found)
-{
-  const int end_fd = SD_LISTEN_FDS_START + sd_listen_fds(0);
-
-  *found = -1;
-  for (int fd = SD_LISTEN_FDS_START; fd < end_fd; fd++) {
-    if (!is_activated_socket(fd, socket_path)) {
-      continue;
-    }
-    if (*found >= 0) {
-      refuse_activated_sockets(*found, end_fd, socket_path);
-      return FALSE;
-    }
-    *found = fd;
-  }
-  return TRUE;
-}
-
-gboolean
-bind_to_path(int fd, const gchar *socket_path)
-{
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  /* docs/compatibility.md, "socket path length". A longer path is cut here, and setting the mode of the whole
-   * path then fails the start. */
-  g_strlcpy(address.sun_path, socket_path, sizeof address.sun_path - 1);
-
-  return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-}
-
-gboolean
-listen_at_path(int fd, const gchar *socket_path)
-{
-  if (!bind_to_path(fd, socket_path)) {
-    syslog(LOG_ERR, "Failed to bind metadata server socket: %s", g_strerror(errno));
-    return FALSE;
-  }
-  if (listen(fd, BACKLOG) < 0) {
-    syslog(LOG_ERR, "Failed to listen on metadata server socket: %s", g_strerror(errno));
-    return FALSE;
-  }
-  if (chmod(socket_path, SOCKET_MODE) < 0) {
-    syslog(LOG_ERR, "Could not set permissions on metadata server socket: %s", g_strerror(errno));
-    return FALSE;
-  }
-  return TRUE;
-}
-
-/* A listening socket of the server's own, or -1. */
-int
-create_listening_socket(const gchar *socket_path)
-{
-  if (g_unlink(socket_path) < 0 && errno != ENOENT) {
-    syslog(LOG_ERR, "Could not unlink '%s': %s", socket_path, g_strerror(errno));
-    return -1;
-  }
-
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    syslog(LOG_ERR, "Failed to create metadata server socket: %s", g_strerror(errno));
-    return -1;
-  }
-  if (!listen_at_path(fd, socket_path)) {
-    close_listening(fd);
-    return -1;
-  }
-  return fd;
-}
-
-/* The listening socket that systemd passed on, or else one of the server's own, or -1. */
-int
-obtain_listening_socket(const gchar *socket_path)
-{
-  int fd = -1;
-
-  if (!find_activated_socket(socket_path, &fd)) {
-    return -1;
-  }
-  return fd >= 0 ? fd : create_listening_socket(socket_path);
-}
-
-gboolean
 create_pool(Server *self)
 {
   g_autoptr(GError) error = nullptr;
@@ -699,12 +584,12 @@ server_start(Server *self)
   }
 
   g_autofree gchar *socket_path = g_strconcat(priv->run_dir, "/metadata", nullptr);
-  const int fd = obtain_listening_socket(socket_path);
+  const int fd = listening_socket_open(socket_path);
   if (fd < 0) {
     return FALSE;
   }
   if (!create_pool(self)) {
-    close_listening(fd);
+    listening_socket_close(fd);
     return FALSE;
   }
 

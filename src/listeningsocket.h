@@ -1,0 +1,18 @@
+#pragma once
+
+#include <glib.h>
+
+G_BEGIN_DECLS
+
+/**
+ * LISTENING_SOCKET_BACKLOG:
+ *
+ * How many connections the kernel keeps until they are accepted.
+ */
+#define LISTENING_SOCKET_BACKLOG 10
+
+gint listening_socket_open(const gchar *path);
+
+void listening_socket_close(gint fd);
+
+G_END_DECLS
