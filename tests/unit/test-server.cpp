@@ -9,6 +9,7 @@
 #include "testelements.h"
 #include "testfactory.h"
 #include "testhost.h"
+#include "testsockets.h"
 
 #include <array>
 #include <atomic>
@@ -31,6 +32,10 @@ using testhost::FreeDescriptors;
 using testhost::SyslogLine;
 using testhost::SyslogLines;
 using testhost::Texts;
+using testsockets::is_open;
+using testsockets::listen_at;
+using testsockets::listen_high;
+using testsockets::lowest_free_descriptor;
 
 using namespace std::string_literals;
 
@@ -304,28 +309,6 @@ take_syslog_but_shortages()
   return lines;
 }
 
-int
-lowest_free_descriptor()
-{
-  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-
-  close(fd);
-  return fd;
-}
-
-int
-listen_at(const std::string &socket_path)
-{
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address = {};
-
-  address.sun_family = AF_UNIX;
-  g_strlcpy(address.sun_path, socket_path.c_str(), sizeof address.sun_path);
-  EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << g_strerror(errno);
-  EXPECT_EQ(listen(fd, 10), 0) << g_strerror(errno);
-  return fd;
-}
-
 const SyslogLine OUT_OF_DESCRIPTORS = {
     LOG_ERR, "Could not accept new request on metadata server socket: Too many open files"};
 
@@ -467,49 +450,12 @@ TEST_F(ServerTest, StartsOnce)
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
 
-TEST_F(ServerTest, MakesASocketForOwnerAndGroup)
-{
-  struct stat status = {};
-  const mode_t mask = umask(0);
-  ASSERT_TRUE(server_start(server_));
-  umask(mask);
-
-  ASSERT_EQ(stat(socket_path().c_str(), &status), 0);
-  EXPECT_TRUE(S_ISSOCK(status.st_mode));
-  EXPECT_EQ(status.st_mode & 07777, 0660U);
-}
-
-TEST_F(ServerTest, MakesTheSameSocketUnderAStrictMask)
-{
-  struct stat status = {};
-  const mode_t mask = umask(0777);
-  ASSERT_TRUE(server_start(server_));
-  umask(mask);
-
-  ASSERT_EQ(stat(socket_path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0660U);
-}
-
 TEST_F(ServerTest, ReplacesASocketThatWasLeft)
 {
   close(listen_at(socket_path()));
 
   ASSERT_TRUE(server_start(server_));
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
-}
-
-TEST_F(ServerTest, ReplacesAFile)
-{
-  ASSERT_TRUE(g_file_set_contents(socket_path().c_str(), "x", 1, nullptr));
-
-  EXPECT_TRUE(server_start(server_));
-}
-
-TEST_F(ServerTest, FailsWhenAFolderIsInTheWay)
-{
-  ASSERT_EQ(mkdir(socket_path().c_str(), 0700), 0);
-
-  expect_start_failure({{LOG_ERR, "Could not unlink '" + socket_path() + "': Is a directory"}});
 }
 
 TEST_F(ServerTest, FailsInAFolderThatDoesNotExist)
@@ -519,38 +465,12 @@ TEST_F(ServerTest, FailsInAFolderThatDoesNotExist)
   expect_start_failure({{LOG_ERR, "Failed to bind metadata server socket: No such file or directory"}});
 }
 
-TEST_F(ServerTest, FailsWithoutADescriptor)
-{
-  {
-    const NoMoreDescriptors none;
-    expect_start_failure({{LOG_ERR, "Failed to create metadata server socket: Too many open files"}});
-  }
-  EXPECT_TRUE(server_start(server_));
-}
-
-TEST_F(ServerTest, FailsWhenItCannotListen)
-{
-  faults::fail_next(faults::Call::LISTEN);
-
-  expect_start_failure({{LOG_ERR, "Failed to listen on metadata server socket: Address already in use"}});
-  EXPECT_TRUE(server_start(server_));
-}
-
 TEST_F(ServerTest, FailsWithoutThreads)
 {
   faults::fail_next(faults::Call::THREAD_POOL_NEW);
 
   expect_start_failure({{LOG_ERR, "Could not create thread pool for metadata server: 'No more threads'."}});
   EXPECT_TRUE(server_start(server_));
-}
-
-TEST_F(ServerTest, LogsAListeningSocketThatIsNotClosedWell)
-{
-  faults::fail_next(faults::Call::LISTEN);
-  faults::fail_close_of(lowest_free_descriptor());
-
-  expect_start_failure({{LOG_ERR, "Failed to listen on metadata server socket: Address already in use"},
-                        {LOG_ERR, "Could not close metadata server socket: Input/output error"}});
 }
 
 TEST_F(ServerTest, TakesTheLongestPath)
@@ -562,17 +482,6 @@ TEST_F(ServerTest, TakesTheLongestPath)
 
   ASSERT_TRUE(server_start(server_));
   EXPECT_TRUE(g_file_test((longest + "/metadata").c_str(), G_FILE_TEST_EXISTS));
-}
-
-TEST_F(ServerTest, FailsWithAPathThatIsOneLonger)
-{
-  const std::string longer = path(std::string(MAX_PATH_LENGTH - path("/metadata").size() + 1, 'x'));
-  ASSERT_EQ(mkdir(longer.c_str(), 0700), 0);
-  set_run_dir(longer);
-
-  expect_start_failure(
-      {{LOG_ERR, "Could not set permissions on metadata server socket: No such file or directory"}});
-  EXPECT_TRUE(g_file_test((longer + "/metadat").c_str(), G_FILE_TEST_EXISTS));
 }
 
 /* Replies. */
@@ -1689,57 +1598,20 @@ TEST_F(ServerTest, StopForgivesASocketFileThatIsGone)
 class ServerActivationTest : public ServerTest
 {
 protected:
-  /* Passes @fds on, as descriptors from 3 on. What is open there comes back. */
   void pass_on(const std::vector<int> &fds)
   {
-    for (gsize i = 0; i < fds.size(); i++) {
-      const int number = SD_LISTEN_FDS_START + static_cast<int>(i);
-      saved_.push_back(fcntl(number, F_DUPFD_CLOEXEC, 100));
-      ASSERT_EQ(dup2(fds[i], number), number);
-      close(fds[i]);
-    }
-    setenv("LISTEN_FDS", std::to_string(fds.size()).c_str(), TRUE);
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), TRUE);
+    passed_.emplace(fds);
   }
 
   void TearDown() override
   {
     server_stop(server_);
-    unsetenv("LISTEN_FDS");
-    unsetenv("LISTEN_PID");
-    for (gsize i = 0; i < saved_.size(); i++) {
-      const int number = SD_LISTEN_FDS_START + static_cast<int>(i);
-      if (saved_[i] >= 0) {
-        dup2(saved_[i], number);
-        close(saved_[i]);
-      } else {
-        close(number);
-      }
-    }
+    passed_.reset();
     ServerTest::TearDown();
   }
 
-  /* Gives a descriptor that is to be passed on another number, out of the way of those that are. */
-  static int move_away(int fd)
-  {
-    const int high = fcntl(fd, F_DUPFD_CLOEXEC, 100);
-
-    close(fd);
-    return high;
-  }
-
-  static int listen_high(const std::string &socket_path)
-  {
-    return move_away(listen_at(socket_path));
-  }
-
-  static bool is_open(int fd)
-  {
-    return fcntl(fd, F_GETFD) >= 0;
-  }
-
 private:
-  std::vector<int> saved_;
+  std::optional<testsockets::PassedDescriptors> passed_;
 };
 
 TEST_F(ServerActivationTest, UsesTheSocketThatWasPassedOn)
@@ -1759,14 +1631,6 @@ TEST_F(ServerActivationTest, UsesTheSocketThatWasPassedOn)
   connect_streaming();
 }
 
-TEST_F(ServerActivationTest, LeavesTheEnvironment)
-{
-  pass_on({listen_high(socket_path())});
-
-  ASSERT_TRUE(server_start(server_));
-  EXPECT_STREQ(g_getenv("LISTEN_FDS"), "1");
-}
-
 TEST_F(ServerActivationTest, RemovesTheSocketThatWasPassedOnAtStop)
 {
   pass_on({listen_high(socket_path())});
@@ -1775,43 +1639,6 @@ TEST_F(ServerActivationTest, RemovesTheSocketThatWasPassedOnAtStop)
   server_stop(server_);
   EXPECT_FALSE(socket_exists());
   EXPECT_FALSE(is_open(SD_LISTEN_FDS_START));
-}
-
-TEST_F(ServerActivationTest, FindsTheSocketAmongOthers)
-{
-  pass_on({move_away(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)), listen_high(path("other")),
-           listen_high(socket_path()), listen_high(path("third"))});
-
-  ASSERT_TRUE(server_start(server_));
-  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
-  server_stop(server_);
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 1));
-  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START + 2));
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 3));
-}
-
-TEST_F(ServerActivationTest, MakesItsOwnSocketWhenNoneIsForItsPath)
-{
-  pass_on({listen_high(path("other"))});
-
-  ASSERT_TRUE(server_start(server_));
-  EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
-}
-
-TEST_F(ServerActivationTest, IgnoresWhatIsMeantForAnotherProcess)
-{
-  pass_on({listen_high(socket_path())});
-  setenv("LISTEN_PID", "1", TRUE);
-  struct stat before = {};
-  struct stat after = {};
-  ASSERT_EQ(stat(socket_path().c_str(), &before), 0);
-
-  ASSERT_TRUE(server_start(server_));
-  ASSERT_EQ(stat(socket_path().c_str(), &after), 0);
-  EXPECT_EQ(after.st_mode & 07777, 0660U);
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
 }
 
 /* The first is closed once for each that matches; only the first of these succeeds. */
@@ -1832,23 +1659,6 @@ TEST_F(ServerActivationTest, RefusesTwoSocketsForItsPath)
   EXPECT_TRUE(is_open(SD_LISTEN_FDS_START + 1));
   EXPECT_TRUE(socket_exists());
   EXPECT_EQ(G_OBJECT(server_)->ref_count, 1U);
-}
-
-TEST_F(ServerActivationTest, LogsEachFurtherCloseOfThreeSocketsForItsPath)
-{
-  const int fd = listen_high(socket_path());
-  pass_on({listen_high(path("other")), fd, fcntl(fd, F_DUPFD_CLOEXEC, 100), fcntl(fd, F_DUPFD_CLOEXEC, 100)});
-
-  EXPECT_FALSE(server_start(server_));
-  const SyslogLines lines = testhost::take_syslog();
-  ASSERT_EQ(lines.size(), 3U);
-  EXPECT_TRUE(
-      lines[0].text.starts_with("More than one file descriptor received for '" + socket_path() + "': "));
-  for (gsize i = 1; i < lines.size(); i++) {
-    EXPECT_EQ(lines[i], (SyslogLine{LOG_ERR, "Could not close metadata server socket: Bad file descriptor"}));
-  }
-  EXPECT_TRUE(is_open(SD_LISTEN_FDS_START));
-  EXPECT_FALSE(is_open(SD_LISTEN_FDS_START + 1));
 }
 
 /* A listening socket that was shut down is not only readable. */
