@@ -1,20 +1,20 @@
-/* The clients' socket. The main thread accepts and reads requests, two pool threads ask the factories and
- * prepare the clients' pipelines; a connection whose request succeeded is handed to a ConnectionManager and
- * forgotten.
+/* Accepts clients, reads their requests and starts their streams. The main thread accepts connections and
+ * reads requests. Two pool threads ask the factories for sources and prepare the pipelines. A connection
+ * whose request succeeds goes to a ConnectionManager, and the server keeps no trace of it.
  *
- * A connection waits twice: on the main loop until its request has arrived, then for a pool thread. No pool
- * thread ever waits for a client to send, so a client that is slow or silent keeps nobody from being served.
- * SERVER_MAX_WAITING_REQUESTS bounds both waits together, SERVER_MAX_UNFINISHED_REQUESTS one user's
- * connections in the first.
+ * A connection waits twice: on the main loop until its request is complete, then in the queue of the pool.
+ * Pool threads never wait for a client to send, so a slow or silent client delays no other. Limits:
+ * SERVER_MAX_WAITING_REQUESTS for both waits together, SERVER_MAX_UNFINISHED_REQUESTS for the connections of
+ * one user in the first.
  *
- * The factories are registered before the start and stay until finalisation, so the pool threads read the
- * list without a lock. Everything else of the instance belongs to the main thread. A Connection belongs to
- * the main thread until it is queued, and to one pool thread from then on.
+ * Threads. Factories are registered before the start and stay until finalisation, so pool threads read the
+ * list without a lock. The main thread owns everything else of the instance. It also owns each Connection
+ * until the Connection is queued; from then on one pool thread owns it.
  *
- * Clients decide how many descriptors are open, and DESCRIPTOR_RESERVE_SIZE of them have to stay free for
- * others. A pool thread reserves what a pipeline opens before anything of it is made, and takes the client's
- * place among those that may stream. A connection that touches the reserve as soon as it is accepted is
- * refused at once, on the main thread: left in the backlog, it would wake the accept watch for ever.
+ * Descriptors. Clients decide how many are open, and DESCRIPTOR_RESERVE_SIZE of them must stay free. A pool
+ * thread reserves the descriptors of a pipeline, and takes the client's place among the streaming clients,
+ * before it makes any part of the pipeline. The main thread refuses a connection that touches the reserve as
+ * soon as it is accepted: in the backlog the connection would wake the accept watch forever.
  */
 #include "server.h"
 
@@ -80,20 +80,20 @@ constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal s
 
 constexpr const char *PLACE_KEY = "tessard-client-place";
 
-/* Every client can cause these lines. */
+/* Any client can cause these lines. */
 RateLimitedLog shortage_log =
     RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
 RateLimitedLog places_log =
     RATE_LIMITED_LOG_INIT(SERVER_SHORTAGE_WARNING_INTERVAL_MS * G_TIME_SPAN_MILLISECOND);
 
-/* One accepted connection, with all that is held for it, until its request is answered. */
+/* One accepted connection and its resources, until the reply to its request. */
 struct Connection {
   Server *server; /* borrowed */
-  int fd;         /* -1 once it is a manager's */
+  int fd;         /* -1 once a manager owns it */
   uid_t user;
   RequestReader *reader;
-  ClientPlace *place;                 /* while the request is handled */
-  DescriptorReservation *reservation; /* likewise */
+  ClientPlace *place;                 /* while a pool thread handles the request */
+  DescriptorReservation *reservation; /* the same */
 };
 
 void
@@ -119,7 +119,7 @@ connection_free(Connection *connection)
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(Connection, connection_free)
 
-/* A client that is gone already cannot be told, and that is all that can go wrong here. */
+/* A write fails only when the client has hung up, which needs no handling here. */
 void
 reply(GIOChannel *channel, const gchar *text)
 {
@@ -133,7 +133,7 @@ log_shortage()
   rate_limited_log(&shortage_log, LOG_WARNING, "Too few free file descriptors, refused a metadata request.");
 }
 
-/* The whole reply to a request that no pipeline can be made for. */
+/* Returns the reply to a request for which a factory or the reservation failed. */
 gchar *
 make_failure(const GError *error)
 {
@@ -144,7 +144,7 @@ make_failure(const GError *error)
   return g_strdup_printf("FAIL\nUnable to create source: %s.", error->message);
 }
 
-/* Takes what the request of one more streaming client needs, before the first source is made. */
+/* Takes the place and the descriptors of one more streaming client. */
 gboolean
 take_resources(Connection *connection, gchar **failure)
 {
@@ -164,8 +164,8 @@ take_resources(Connection *connection, gchar **failure)
   return TRUE;
 }
 
-/* Asks every factory in the order of registration. NULL with @failure set when the request fails, or the
- * client has hung up, which @cancellable tells. */
+/* Asks all factories in the order of registration. Returns NULL and sets @failure when the request fails or
+ * @cancellable is cancelled, that is, when the client has hung up. */
 GList *
 create_sources(Server *self, GHashTable *params, GCancellable *cancellable, gchar **failure)
 {
@@ -189,7 +189,7 @@ create_sources(Server *self, GHashTable *params, GCancellable *cancellable, gcha
   return g_steal_pointer(&sources);
 }
 
-/* The hang-up watch ends before the reply is written and before a manager takes the descriptor. */
+/* The hang-up watch must end before the reply is written and before a manager takes the descriptor. */
 GList *
 read_request_and_create_sources(Connection *connection, GIOChannel *channel, gchar **failure)
 {
@@ -202,9 +202,8 @@ read_request_and_create_sources(Connection *connection, GIOChannel *channel, gch
   return create_sources(connection->server, params, g_cancellable_get_current(), failure);
 }
 
-/* Streams the sources to the client. Descriptor and place are the manager's from here on, the channel only
- * replies. The reservation is given back once the pipeline has everything open.
- */
+/* Streams the sources to the client. The manager takes over descriptor and place; the channel only writes the
+ * reply. The reservation ends when the pipeline has opened all of its descriptors. */
 void
 serve(Connection *connection, GIOChannel *channel, GList *sources)
 {
@@ -229,7 +228,7 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   connection_manager_start(manager);
 }
 
-/* One connection, from its request to its reply. */
+/* Handles one connection, from its request to its reply. */
 void
 handle_connection(Connection *item)
 {
@@ -251,23 +250,23 @@ handle_connection(Connection *item)
   serve(connection, channel, sources);
 }
 
-/* On a pool thread, which may have nothing to do for long afterwards. */
+/* Runs on a pool thread, which can be idle for long afterwards. */
 void
-handle_request(gpointer item, gpointer)
+handle_request(gpointer item, gpointer user_data)
 {
   handle_connection(static_cast<Connection *>(item));
   memory_free_kept_blocks();
 }
 
-/* What has not been handled when the server stops. */
+/* Drops a request that is not handled yet when the server stops. */
 void
 discard_request(gpointer item)
 {
   connection_free(static_cast<Connection *>(item));
 }
 
-/* No more of the request will arrive. When the client has hung up, its connection is closed and takes no
- * place in the queue. */
+/* Queues a connection whose request is complete, or cannot become complete. Closes it instead when the client
+ * has hung up. */
 void
 on_request_read(RequestReader *reader, gpointer user_data)
 {
@@ -286,7 +285,7 @@ on_request_read(RequestReader *reader, gpointer user_data)
   g_steal_pointer(&connection);
 }
 
-/* Who has connected. */
+/* Returns the user of the client's process. */
 uid_t
 get_user(int fd)
 {
@@ -337,7 +336,7 @@ is_reserve_untouched()
   return nothing != nullptr;
 }
 
-/* The reply fits into a new connection's buffer, so this waits for nobody. */
+/* The reply fits into the send buffer of a new connection, so send() does not wait. */
 void
 refuse_for_shortage(int fd)
 {
@@ -346,8 +345,8 @@ refuse_for_shortage(int fd)
   close_accepted(fd);
 }
 
-/* There may be none, even right after one was given up: another thread can be faster. So this is tried again
- * after every connection that is accepted. */
+/* Can fail even after give_up_spare_descriptor(), when another thread takes the free number first. It is
+ * therefore called again after every accepted connection. */
 void
 keep_spare_descriptor(Server *self)
 {
@@ -364,8 +363,9 @@ give_up_spare_descriptor(Server *self)
   }
 }
 
-/* Elements of the platform open descriptors that nobody reserved, so there may be none at all. Then the spare
- * one makes room to accept a waiting connection and to refuse it. FALSE when the connection still waits. */
+/* Platform elements open descriptors without a reservation, so no descriptor may be free. The spare one is
+ * then closed to make room for a waiting connection, which is accepted and refused. FALSE when the connection
+ * still waits. */
 gboolean
 refuse_waiting_connection(Server *self, int listening_fd)
 {
@@ -397,7 +397,7 @@ create_pool(Server *self)
   return TRUE;
 }
 
-/* The descriptor is closed by hand-over to the channel's shutdown, and only there. */
+/* The channel's shutdown closes the listening socket. */
 void
 close_channel(Server *self)
 {
@@ -470,7 +470,7 @@ server_class_init(ServerClass *klass)
   /**
    * Server:run-dir:
    *
-   * The folder of the clients' socket. A set has no effect while the server runs, nor has %NULL.
+   * The folder of the listening socket. Writes have no effect while the server runs; %NULL has none ever.
    */
   properties[PROP_RUN_DIR] =
       g_param_spec_string("run-dir", "Run directory", "Run directory", ".",
@@ -484,29 +484,30 @@ namespace
 void watch_for_connections(Server *self);
 
 gboolean
-on_rested(gpointer user_data)
+on_backed_off(gpointer user_data)
 {
   watch_for_connections(static_cast<Server *>(user_data));
   return G_SOURCE_REMOVE;
 }
 
-/* What the accept watch could not deal with would wake it again at once, and the main loop would do nothing
- * else. So the watch goes for a while. The answer is the watch's. */
+/* Removes the accept watch for SERVER_ACCEPT_BACKOFF_MS: a connection or an error that it cannot handle would
+ * wake it again at once and keep the main loop busy. Returns what the watch's callback has to return. */
 gboolean
-rest(Server *self)
+back_off(Server *self)
 {
-  self->priv->watch_id = g_timeout_add(SERVER_ACCEPT_REST_MS, on_rested, self);
+  self->priv->watch_id = g_timeout_add(SERVER_ACCEPT_BACKOFF_MS, on_backed_off, self);
   return G_SOURCE_REMOVE;
 }
 
-/* With @error_number of the failed attempt to accept. */
+/* Handles a failed accept4() with its @error_number. */
 gboolean
 continue_without_connection(Server *self, int listening_fd, int error_number)
 {
   const gboolean out_of_descriptors = error_number == EMFILE || error_number == ENFILE;
 
   syslog(LOG_ERR, "Could not accept new request on metadata server socket: %s", g_strerror(error_number));
-  return out_of_descriptors && refuse_waiting_connection(self, listening_fd) ? G_SOURCE_CONTINUE : rest(self);
+  return out_of_descriptors && refuse_waiting_connection(self, listening_fd) ? G_SOURCE_CONTINUE
+                                                                             : back_off(self);
 }
 
 gboolean
@@ -517,7 +518,7 @@ on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 
   if (condition != G_IO_IN) {
     syslog(LOG_ERR, "Error on metadata socket, not able to process metadata client requests.");
-    return rest(self);
+    return back_off(self);
   }
 
   const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -546,12 +547,12 @@ watch_for_connections(Server *self)
 /**
  * server_register_source_factory:
  * @self: (transfer none): a stopped server
- * @factory: (transfer none): a factory, to be asked for every request after those registered before it
+ * @factory: (transfer none): a factory; each request asks the factories in the order of registration
  *
- * The server takes a reference of its own. Main thread.
+ * Takes a reference to the factory. Main thread.
  *
- * Warnings: "priv->running == FALSE" and "factory != NULL" are preconditions; when one fails, nothing is
- * done.
+ * Warnings: "priv->running == FALSE" and "factory != NULL" are preconditions; nothing changes when one of
+ * them fails.
  */
 void
 server_register_source_factory(Server *self, SourceFactory *factory)
@@ -568,11 +569,13 @@ server_register_source_factory(Server *self, SourceFactory *factory)
  * server_start:
  * @self: (transfer none): a server
  *
- * Listens at "metadata" in the run directory, or on the socket that was passed on for that path, and begins
- * to accept. What goes wrong is logged at error priority. The server holds a reference to itself until
- * server_stop(). Main thread.
+ * Opens the listening socket at "metadata" in the run directory and begins to accept connections. The server
+ * holds a reference to itself until server_stop(). Main thread.
  *
- * Returns: %FALSE when the server was running already or cannot listen
+ * Errors in the log: those of listening_socket_open(); "Could not create thread pool for metadata server:
+ * '%s'."
+ *
+ * Returns: %FALSE when the server already runs or cannot start
  */
 gboolean
 server_start(Server *self)
@@ -606,9 +609,12 @@ server_start(Server *self)
  * server_stop:
  * @self: (transfer none): a server
  *
- * Undoes server_start(): drops the requests that have not arrived or wait, waits for those that are being
- * handled, and removes the socket, also one that was passed on. Clients that are streaming go on. Does
- * nothing when the server is not running. The caller needs a reference of its own. Main thread.
+ * Undoes server_start(): drops the requests that are incomplete or queued, waits for those that pool threads
+ * handle, closes the listening socket and removes its file, also of a socket that systemd passed. Streaming
+ * clients continue. Does nothing when the server does not run. The caller must hold a reference. Main thread.
+ *
+ * Warnings: "Could not remove metadata server's I/O watch."; "Could not shut down metadata server's io
+ * channel: %s"; "Could not remove metadata server socket file."
  */
 void
 server_stop(Server *self)

@@ -7,52 +7,51 @@ G_BEGIN_DECLS
 /**
  * SERVER_MAX_WAITING_REQUESTS:
  *
- * A new connection is kept only while at most so many others wait, for their request to arrive or for a pool
- * thread, so at most one more ever wait.
+ * A new connection is kept only while at most this many others wait, for the end of their request or for a
+ * pool thread. So the highest number of waiting connections is one more.
  */
 #define SERVER_MAX_WAITING_REQUESTS 100
 
 /**
  * SERVER_MAX_UNFINISHED_REQUESTS:
  *
- * How many of those who wait may be clients of one user that have not sent all of their request.
+ * How many of the waiting connections may be of one user and without a complete request.
  */
 #define SERVER_MAX_UNFINISHED_REQUESTS 64
 
 /**
  * SERVER_MAX_REQUEST_BYTES:
  *
- * The length of the longest request that is read, from "OPEN" to the empty line.
+ * The length of the longest request, from "OPEN" to the empty line.
  */
 #define SERVER_MAX_REQUEST_BYTES (64 * 1024)
 
 /**
  * SERVER_REQUEST_TIMEOUT_MS:
  *
- * How long a client may take to send its request, from the moment that its connection is accepted.
+ * How long a client may take to send its request, counted from the acceptance of its connection.
  */
 #define SERVER_REQUEST_TIMEOUT_MS (10 * 1000)
 
 /**
- * SERVER_ACCEPT_REST_MS:
+ * SERVER_ACCEPT_BACKOFF_MS:
  *
  * How long no connection is accepted after one that could be neither accepted nor refused.
  */
-#define SERVER_ACCEPT_REST_MS 250
+#define SERVER_ACCEPT_BACKOFF_MS 250
 
 /**
  * SERVER_PIPELINE_DESCRIPTORS:
  *
- * How many descriptors a client's pipeline opens at most: four of its own, and two for each platform element,
- * which are the sources of every kind and the document element.
+ * How many descriptors a client's pipeline opens at most: four of its own, and two for each platform element
+ * (one source of each kind, and the document element).
  */
 #define SERVER_PIPELINE_DESCRIPTORS 16
 
 /**
  * SERVER_SHORTAGE_WARNING_INTERVAL_MS:
  *
- * The interval of two warnings, the one about too few descriptors and the one about too many clients: each is
- * written once in it.
+ * The shortest time between two warnings about too few descriptors, and between two about too many clients.
  */
 #define SERVER_SHORTAGE_WARNING_INTERVAL_MS 1000
 

@@ -43,7 +43,7 @@ namespace
 {
 
 constexpr gint64 SHORT_US = 50 * G_TIME_SPAN_MILLISECOND;
-constexpr gint64 REST_US = SERVER_ACCEPT_REST_MS * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 BACKOFF_US = SERVER_ACCEPT_BACKOFF_MS * G_TIME_SPAN_MILLISECOND;
 
 /* How many requests are handled at once. */
 constexpr int HANDLED = 2;
@@ -1337,9 +1337,9 @@ TEST_F(ServerTest, GoesOnBehindManyConnectionsWithoutDescriptors)
   EXPECT_EQ(ask("OPEN\n\n"), "FAIL\nBad request, no metadata can be produced.");
 }
 
-/* The accept watch at rest. */
+/* The accept watch, and its back-off. */
 
-TEST_P(ServerAcceptTest, RestsAndServesTheConnectionOnceItCanBeAccepted)
+TEST_P(ServerAcceptTest, BacksOffAndServesTheConnectionOnceItCanBeAccepted)
 {
   const auto &[name, error_number, calls] = GetParam();
   const SyslogLine line = {LOG_ERR, "Could not accept new request on metadata server socket: "s +
@@ -1352,7 +1352,7 @@ TEST_P(ServerAcceptTest, RestsAndServesTheConnectionOnceItCanBeAccepted)
     EXPECT_TRUE(testhost::spin_until([&] { return failing.count() >= 3 * calls; }));
 
     const gint64 wake_ups = failing.count() / calls;
-    EXPECT_LE(wake_ups, 1 + (g_get_monotonic_time() - begin_us) / REST_US);
+    EXPECT_LE(wake_ups, 1 + (g_get_monotonic_time() - begin_us) / BACKOFF_US);
     EXPECT_EQ(failing.count() % calls, 0U);
     EXPECT_EQ(testhost::take_syslog(), SyslogLines(wake_ups, line));
   }
@@ -1370,7 +1370,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, ServerAcceptTest,
                          [](const auto &failure) { return std::string(failure.param.name); });
 
 /* Another thread has opened what was free for a moment, before the server could. */
-TEST_F(ServerTest, RestsWithoutASpareDescriptorAndTakesAnotherOneLater)
+TEST_F(ServerTest, BacksOffWithoutASpareDescriptorAndTakesAnotherOneLater)
 {
   ASSERT_TRUE(server_start(server_));
   Client refused = connect();
@@ -1388,7 +1388,7 @@ TEST_F(ServerTest, RestsWithoutASpareDescriptorAndTakesAnotherOneLater)
     const gint64 begin_us = g_get_monotonic_time();
     const faults::Accepts failing(0);
     EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 3; }));
-    EXPECT_LE(failing.count(), 2 + (g_get_monotonic_time() - begin_us) / REST_US);
+    EXPECT_LE(failing.count(), 2 + (g_get_monotonic_time() - begin_us) / BACKOFF_US);
     EXPECT_EQ(take_syslog_but_shortages(), SyslogLines(3, OUT_OF_DESCRIPTORS));
     EXPECT_FALSE(waiting.ended());
 
@@ -1408,7 +1408,7 @@ TEST_F(ServerTest, RestsWithoutASpareDescriptorAndTakesAnotherOneLater)
   EXPECT_EQ(take_syslog_but_shortages(), (SyslogLines{OUT_OF_DESCRIPTORS}));
 }
 
-TEST_F(ServerTest, StopsAndStartsAgainWhileItRests)
+TEST_F(ServerTest, StopsAndStartsAgainWhileItBacksOff)
 {
   ASSERT_TRUE(server_start(server_));
   Client client = connect();
@@ -1670,7 +1670,8 @@ TEST_F(ServerActivationTest, LogsAnErrorOfTheListeningSocketNowAndThenAndStays)
 
   ASSERT_EQ(shutdown(SD_LISTEN_FDS_START, SHUT_RDWR), 0);
   EXPECT_TRUE(testhost::spin_until([] { return testhost::syslog_size() >= 3; }));
-  EXPECT_LE(static_cast<gint64>(testhost::syslog_size()), 1 + (g_get_monotonic_time() - begin_us) / REST_US);
+  EXPECT_LE(static_cast<gint64>(testhost::syslog_size()),
+            1 + (g_get_monotonic_time() - begin_us) / BACKOFF_US);
   server_stop(server_);
   for (const SyslogLine &line : testhost::take_syslog()) {
     EXPECT_EQ(line, (SyslogLine{LOG_ERR,
