@@ -1,16 +1,14 @@
-/* The producers of analytics data that a client can ask for, and the one list of them.
+/* A producer of analytics data that a client can request.
  *
  * A producer knows its supported channels, and on which of them it is enabled under which configuration name.
- * Being enabled and having a name are the same fact, here and in the file. The channels of a producer and its
- * other properties never change once it is made.
+ * It is enabled exactly where it has a name, in memory and in the file. The set of channels and the other
+ * properties of a producer do not change after construction.
  *
- * What does change, an entry's flag and name, the main thread alone writes, while request threads read it
- * through the functions that copy. Both take the entries' lock, one for all producers: it is held for a copy
- * or an exchange, never while a change is handed to the file or notified. The main thread, as the only
- * writer, may read entries without it; so the array that is lent is for the main thread only.
- *
- * The list's lock is held during the callbacks and during each function called by foreach. Order of the
- * locks: the list's, then the entries' or the file's; under either of these two, no other is taken.
+ * Threads. The main thread alone writes an entry's flag and name. Request threads read them through the
+ * functions that copy. Writers and these functions take the entries' lock, one for all producers. The lock is
+ * held for a copy or an exchange, not while the file's copy changes or a notification is sent. No other lock
+ * is taken under it. The main thread is the only writer and may read entries without the lock, so the
+ * producer's own array of entries is for the main thread only.
  */
 #include "analyticsproducer.h"
 
@@ -31,13 +29,6 @@ struct _AnalyticsProducer {
   gint32 type;
 };
 
-struct AnalyticsProducerList {
-  GHashTable *table;
-  GMutex lock; /* for the table and the callbacks; not recursive */
-  AnalyticsProducerFunc on_added;
-  AnalyticsProducerFunc on_removed;
-};
-
 typedef enum {
   PROP_NAME = 1,
   PROP_NICE_NAME,
@@ -56,11 +47,11 @@ namespace
 
 constexpr guint32 MAX_CHANNEL = G_MAXINT32;
 
-/* Whoever announces producers can cause this line. */
+/* An external producer can cause this line. */
 RateLimitedLog channels_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
-/* For `enabled` and `name` of every entry of every producer. */
+/* Guards `enabled` and `name` of each entry of all producers. */
 GMutex entries_lock;
 
 void
@@ -72,7 +63,7 @@ free_channel(gpointer data)
   g_free(entry);
 }
 
-/* The first of several entries of the same channel. Entries neither come nor go, so no lock is needed. */
+/* Returns the first entry of the channel. The set of entries is constant, so no lock is needed. */
 AnalyticsProducerChannel *
 find_channel(AnalyticsProducer *self, guint32 channel)
 {
@@ -96,9 +87,9 @@ append_channel(AnalyticsProducer *self, guint32 channel)
   g_ptr_array_add(self->channels, entry);
 }
 
-/* On the system bus and in the platform's elements a channel is a signed number, so that one above its range
- * would come out negative there. The file's highest index yields such a channel, and an external producer may
- * announce one: it is left out. */
+/* A channel is a signed number on the system bus and in the platform's elements, where one above that range
+ * becomes negative. The highest index in the file yields such a channel, and an external producer can
+ * announce one. Such a channel is left out. */
 void
 append_channels(AnalyticsProducer *self, GArray *channels)
 {
@@ -118,7 +109,7 @@ append_channels(AnalyticsProducer *self, GArray *channels)
   }
 }
 
-/* Returns the name that the entry had, for the caller to free. */
+/* Returns the entry's previous name (transfer full). */
 gchar *
 exchange_name(AnalyticsProducerChannel *entry, gchar *name)
 {
@@ -126,12 +117,6 @@ exchange_name(AnalyticsProducerChannel *entry, gchar *name)
 
   entry->enabled = name != nullptr;
   return std::exchange(entry->name, name);
-}
-
-AnalyticsProducer *
-lookup(AnalyticsProducerList *list, const gchar *name)
-{
-  return static_cast<AnalyticsProducer *>(g_hash_table_lookup(list->table, name));
 }
 
 } // namespace
@@ -234,7 +219,7 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
   /**
    * AnalyticsProducer:sample-frame-xml:
    *
-   * One tt:SampleFrame document that shows what the producer's data looks like.
+   * A tt:SampleFrame document, an example of the producer's data.
    */
   properties[PROP_SAMPLE_FRAME_XML] =
       g_param_spec_string("sample-frame-xml", "Sample frame XML",
@@ -242,7 +227,7 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
   /**
    * AnalyticsProducer:channels-enabled: (type GPtrArray)
    *
-   * The producer's own array of #AnalyticsProducerChannel, lent, for the main thread. Notified after each
+   * The producer's own array of #AnalyticsProducerChannel, to read on the main thread. Notified after each
    * change of an entry.
    */
   properties[PROP_CHANNELS_ENABLED] =
@@ -263,12 +248,12 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
  * analytics_producer_new:
  * @name: (transfer none): the key in the list and in the configuration file
  * @nice_name: (transfer none): the name for display
- * @sample_frame_xml: (transfer none): one tt:SampleFrame document
+ * @sample_frame_xml: (transfer none): a tt:SampleFrame document
  * @supported_channels: (transfer none) (element-type guint32): the video channels, from 1
  * @type: an #AnalyticsProducerKind
  *
- * Makes a producer with one entry for each channel, in the same order. It starts enabled on the channels for
- * which the configuration holds a name. Main thread.
+ * Makes a producer with one entry for each channel, in the same order. It is enabled on the channels for
+ * which the configuration has a name.
  *
  * Warnings: "left out %u channels above %u of producer %s" when channels are beyond the range of int32
  *
@@ -298,8 +283,8 @@ analytics_producer_new(const gchar *name, const gchar *nice_name, const gchar *s
  * @enabled: whether to enable the producer on it
  * @name: (transfer none) (nullable): the configuration name; ignored when disabling
  *
- * Changes the entry, hands the change to producer_config_set_name(), which does not wait for the disk, and
- * notifies #AnalyticsProducer:channels-enabled. Main thread.
+ * Changes the entry and the configuration, and notifies #AnalyticsProducer:channels-enabled. Does not wait
+ * for the disk.
  *
  * Warnings: "Tried to enable/disable producer on non-supported channel %d on %s"; nothing is changed
  */
@@ -317,7 +302,7 @@ analytics_producer_set_channel_enabled(AnalyticsProducer *self, guint32 channel,
     return;
   }
 
-  /* The old name goes last: it may be the very one that was given. */
+  /* @name may be the old name, which therefore lives until the end. */
   g_autofree gchar *old_name = exchange_name(entry, enabled ? g_strdup(name) : nullptr);
   producer_config_set_name(self->name, channel, entry->name);
   g_object_notify_by_pspec(G_OBJECT(self), properties[PROP_CHANNELS_ENABLED]);
@@ -329,8 +314,6 @@ analytics_producer_set_channel_enabled(AnalyticsProducer *self, guint32 channel,
  * @channel: a video channel, from 1
  * @out_name: (out) (optional) (nullable) (transfer full): where to put a copy of the configuration name;
  *   %NULL when the producer is not enabled on the channel
- *
- * Any thread.
  *
  * Returns: whether the producer is enabled on the channel; %FALSE when it does not support it
  */
@@ -358,8 +341,6 @@ analytics_producer_get_channel_enabled(AnalyticsProducer *self, guint32 channel,
  * @self: (transfer none): a producer
  * @channel: a video channel, from 1
  *
- * Any thread.
- *
  * Returns: whether the producer has an entry for the channel
  */
 gboolean
@@ -374,10 +355,10 @@ analytics_producer_is_channel_supported(AnalyticsProducer *self, guint32 channel
  * analytics_producer_get_all_channels_enabled:
  * @self: (transfer none): a producer
  *
- * Main thread, also for every look at the array.
+ * The array, too, is for the main thread only.
  *
  * Returns: (transfer none) (element-type AnalyticsProducerChannel): the producer's own entries, in the order
- *   in which the channels were given; they live as long as the producer
+ *   of the channels at construction; they live as long as the producer
  */
 GPtrArray *
 analytics_producer_get_all_channels_enabled(AnalyticsProducer *self)
@@ -385,180 +366,4 @@ analytics_producer_get_all_channels_enabled(AnalyticsProducer *self)
   g_return_val_if_fail(ANALYTICS_IS_PRODUCER(self), NULL);
 
   return self->channels;
-}
-
-/**
- * analytics_producer_list_new:
- *
- * Returns: (transfer full): an empty list without callbacks
- */
-AnalyticsProducerList *
-analytics_producer_list_new(void)
-{
-  auto *list = g_new0(AnalyticsProducerList, 1);
-
-  list->table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_object_unref);
-  g_mutex_init(&list->lock);
-  return list;
-}
-
-/**
- * analytics_producer_list_free:
- * @list: (transfer full): a list that nobody uses any more
- *
- * Drops the list's references to its producers. No callback is called.
- */
-void
-analytics_producer_list_free(AnalyticsProducerList *list)
-{
-  g_return_if_fail(list != NULL);
-
-  g_hash_table_unref(list->table);
-  g_mutex_clear(&list->lock);
-  g_free(list);
-}
-
-/**
- * analytics_producer_list_set_callbacks:
- * @list: (transfer none): a list
- * @on_added: (nullable): called for each producer that is added from now on
- * @on_removed: (nullable): called for each producer that is removed from now on, while it is still listed
- *
- * Replaces both callbacks. They run in the thread that changes the list. Any thread.
- */
-void
-analytics_producer_list_set_callbacks(AnalyticsProducerList *list, AnalyticsProducerFunc on_added,
-                                      AnalyticsProducerFunc on_removed)
-{
-  g_return_if_fail(list != NULL);
-
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-  list->on_added = on_added;
-  list->on_removed = on_removed;
-}
-
-/**
- * analytics_producer_list_add:
- * @list: (transfer none): a list
- * @producer: (transfer none): a producer, of which the list takes a reference of its own
- *
- * Any thread; in the daemon it is the main thread.
- *
- * Warnings: "tried to add a producer that already exists: %s"; the existing producer stays. "list != NULL"
- * and "producer != NULL" are preconditions.
- *
- * Returns: whether the producer was added
- */
-gboolean
-analytics_producer_list_add(AnalyticsProducerList *list, AnalyticsProducer *producer)
-{
-  g_return_val_if_fail(list != NULL, FALSE);
-  g_return_val_if_fail(producer != NULL, FALSE);
-
-  g_autofree gchar *name = nullptr;
-  g_object_get(producer, "name", &name, nullptr);
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-
-  if (g_hash_table_contains(list->table, name)) {
-    syslog(LOG_WARNING, "tried to add a producer that already exists: %s", name);
-    return FALSE;
-  }
-  g_hash_table_insert(list->table, g_strdup(name), g_object_ref(producer));
-  if (list->on_added != nullptr) {
-    list->on_added(producer);
-  }
-  return TRUE;
-}
-
-/**
- * analytics_producer_list_remove:
- * @list: (transfer none): a list
- * @name: (transfer none): a producer's name
- *
- * Drops the list's reference to the producer. Any thread; in the daemon it is the main thread.
- *
- * Warnings: "tried to remove non-existing producer: %s"
- */
-void
-analytics_producer_list_remove(AnalyticsProducerList *list, const gchar *name)
-{
-  g_return_if_fail(list != NULL);
-  g_return_if_fail(name != NULL);
-
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-  AnalyticsProducer *producer = lookup(list, name);
-
-  if (producer == nullptr) {
-    syslog(LOG_WARNING, "tried to remove non-existing producer: %s", name);
-    return;
-  }
-  if (list->on_removed != nullptr) {
-    list->on_removed(producer);
-  }
-  g_hash_table_remove(list->table, name);
-}
-
-/**
- * analytics_producer_list_foreach:
- * @list: (transfer none): a list
- * @function: called for each producer, in any order
- * @user_data: for @function
- *
- * Any thread.
- */
-void
-analytics_producer_list_foreach(AnalyticsProducerList *list, AnalyticsProducerForeachFunc function,
-                                gpointer user_data)
-{
-  g_return_if_fail(list != NULL);
-  g_return_if_fail(function != NULL);
-
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-  GHashTableIter iter;
-  gpointer producer = nullptr;
-
-  g_hash_table_iter_init(&iter, list->table);
-  while (g_hash_table_iter_next(&iter, nullptr, &producer)) {
-    function(ANALYTICS_PRODUCER(producer), user_data);
-  }
-}
-
-/**
- * analytics_producer_list_contains:
- * @list: (transfer none): a list
- * @name: (transfer none): a producer's name
- *
- * Any thread.
- *
- * Returns: whether the list has a producer of that name
- */
-gboolean
-analytics_producer_list_contains(AnalyticsProducerList *list, const gchar *name)
-{
-  g_return_val_if_fail(list != NULL, FALSE);
-  g_return_val_if_fail(name != NULL, FALSE);
-
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-  return g_hash_table_contains(list->table, name);
-}
-
-/**
- * analytics_producer_list_get_producer:
- * @list: (transfer none): a list
- * @name: (transfer none): a producer's name
- *
- * Any thread.
- *
- * Returns: (transfer full) (nullable): the producer of that name
- */
-AnalyticsProducer *
-analytics_producer_list_get_producer(AnalyticsProducerList *list, const gchar *name)
-{
-  g_return_val_if_fail(list != NULL, NULL);
-  g_return_val_if_fail(name != NULL, NULL);
-
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
-  AnalyticsProducer *producer = lookup(list, name);
-
-  return producer != nullptr ? ANALYTICS_PRODUCER(g_object_ref(producer)) : nullptr;
 }

@@ -6,9 +6,10 @@ G_BEGIN_DECLS
 
 /**
  * AnalyticsProducerKind:
- * @ANALYTICS_PRODUCER_BUILT_IN: its data is produced inside the daemon's own pipelines
- * @ANALYTICS_PRODUCER_EXTERNAL: it is announced on the system bus and read over a stream descriptor
- * @ANALYTICS_PRODUCER_LAST_KIND: the end of the range that the property takes; nothing makes such a producer
+ * @ANALYTICS_PRODUCER_BUILT_IN: elements of the daemon's pipelines produce the data
+ * @ANALYTICS_PRODUCER_EXTERNAL: an object on the system bus announces the producer; its data comes over a
+ *   stream descriptor
+ * @ANALYTICS_PRODUCER_LAST_KIND: the end of the property's range; no producer is of this kind
  *
  * Where a producer's data comes from: the values of #AnalyticsProducer:type.
  */
@@ -24,7 +25,7 @@ typedef enum {
  * @enabled: whether the producer is enabled on it
  * @name: the configuration name; %NULL exactly when disabled
  *
- * What a producer knows of one supported channel.
+ * A producer's entry for one supported channel.
  */
 typedef struct {
   guint32 channel;
@@ -32,6 +33,14 @@ typedef struct {
   gchar *name;
 } AnalyticsProducerChannel;
 
+/**
+ * AnalyticsProducer:
+ *
+ * A producer of analytics data that a client can request.
+ *
+ * Main thread, except analytics_producer_get_channel_enabled() and analytics_producer_is_channel_supported(),
+ * which any thread can call.
+ */
 #define ANALYTICS_TYPE_PRODUCER (analytics_producer_get_type())
 G_DECLARE_FINAL_TYPE(AnalyticsProducer, analytics_producer, ANALYTICS, PRODUCER, GObject)
 
@@ -47,49 +56,5 @@ gboolean analytics_producer_get_channel_enabled(AnalyticsProducer *self, guint32
 gboolean analytics_producer_is_channel_supported(AnalyticsProducer *self, guint32 channel);
 
 GPtrArray *analytics_producer_get_all_channels_enabled(AnalyticsProducer *self);
-
-/**
- * AnalyticsProducerList:
- *
- * The daemon's producers by name.
- */
-typedef struct AnalyticsProducerList AnalyticsProducerList;
-
-/**
- * AnalyticsProducerFunc:
- * @producer: (transfer none): the producer that was added, or that is about to be removed
- *
- * Called with the list's lock held: it must not call any function of the list.
- */
-typedef void (*AnalyticsProducerFunc)(AnalyticsProducer *producer);
-
-/**
- * AnalyticsProducerForeachFunc:
- * @producer: (transfer none): one producer of the list
- * @user_data: what analytics_producer_list_foreach() was given
- *
- * Called with the list's lock held: it must not call any function of the list.
- */
-typedef void (*AnalyticsProducerForeachFunc)(AnalyticsProducer *producer, gpointer user_data);
-
-AnalyticsProducerList *analytics_producer_list_new(void);
-
-void analytics_producer_list_free(AnalyticsProducerList *list);
-
-void analytics_producer_list_set_callbacks(AnalyticsProducerList *list, AnalyticsProducerFunc on_added,
-                                           AnalyticsProducerFunc on_removed);
-
-gboolean analytics_producer_list_add(AnalyticsProducerList *list, AnalyticsProducer *producer);
-
-void analytics_producer_list_remove(AnalyticsProducerList *list, const gchar *name);
-
-void analytics_producer_list_foreach(AnalyticsProducerList *list, AnalyticsProducerForeachFunc function,
-                                     gpointer user_data);
-
-gboolean analytics_producer_list_contains(AnalyticsProducerList *list, const gchar *name);
-
-AnalyticsProducer *analytics_producer_list_get_producer(AnalyticsProducerList *list, const gchar *name);
-
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(AnalyticsProducerList, analytics_producer_list_free)
 
 G_END_DECLS

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "analyticsproducer.h"
+#include "analyticsproducerlist.h"
 
 #include <gio/gio.h>
 

@@ -1,5 +1,5 @@
 /* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
-#include "analyticsproducer.h"
+#include "analyticsproducerlist.h"
 #include "buscall.h"
 #include "dbusclient.h"
 #include "dbusserver.h"

@@ -7,7 +7,7 @@
  * to the end of the input is the argument of a last call in GVariant's serialised form, for the manager or
  * for the first producer. With a line "A" all calls are made at once, and are worked off in their order.
  */
-#include "analyticsproducer.h"
+#include "analyticsproducerlist.h"
 #include "dbusproducermanager.h"
 #include "fuzz.h"
 #include "producerconfig.h"

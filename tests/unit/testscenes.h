@@ -3,7 +3,7 @@
  */
 #pragma once
 
-#include "analyticsproducer.h"
+#include "analyticsproducerlist.h"
 
 #include "testbus.h"
 #include "testelements.h"
