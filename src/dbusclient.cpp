@@ -1,43 +1,43 @@
-/* The external producers: the client lists what the platform's metadata receiver announces on the bus, and
- * fetches the streams of the producers from it.
+/* The client of the platform's metadata receiver: it lists the producers that the receiver announces on the
+ * bus, and requests streams from them.
  *
- * The way of an object. It is announced (WAITING), asked for its sample frame when it is its turn (ASKED),
- * its reply is converted (CONVERTING), and its producer is listed (LISTED). It can be left out on the way,
- * with one line in the log, and stays so (LEFT_OUT); or because the sample frames of all producers together
- * would be too long (NO_ROOM), and is then asked again when another one goes. Everything that is announced
- * has the wrong type or length until it is checked.
+ * The work is in files of their own: `receiverbus` connects to the bus, `receiverwatch` reports what the
+ * receiver announces, `producerproperties` checks an object's properties, `receivercalls` makes calls,
+ * `sampleframequeue` converts sample frames, `receiverstream` requests streams. This file decides what
+ * happens to an announced object.
  *
- * An object has one entry in a table, from its announcement until it is withdrawn. What is under way for an
- * entry is cancelled when the entry goes, so that no callback meets an entry that is no more. The entry
- * remembers the name under which its producer was listed: an object whose producer was refused takes nobody
- * else's with it when it goes.
+ * An object's state. Announced objects wait for their turn (WAITING). Then the object is asked for its sample
+ * frame (ASKED), the reply is converted (CONVERTING), and the producer is listed (LISTED). An object that
+ * fails on the way is logged and left out (LEFT_OUT). An object for whose XML there is no room (NO_ROOM)
+ * waits again when another producer leaves. Types and lengths of everything announced are checked before use.
  *
- * Only DBUS_CLIENT_MAX_PRODUCERS objects at a time are asked, converted or listed. The other ones wait, in
- * their order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not remembered; when others have gone, the receiver
- * is asked for all of them again. Of its answer only a part is looked at, which is no shorter, so that it has
- * an object that is not known wherever there is room for one.
+ * An object has one entry in the table, from its announcement until it is withdrawn. The call or conversion
+ * for an entry is cancelled when the entry is removed, so callbacks never see a removed entry. The entry
+ * keeps the name under which its producer was listed. A producer that the list refused has none there, so the
+ * withdrawal of its object removes no other producer.
  *
- * Threads. The main thread does everything but one thing: request threads look an object up, when they ask
- * for its stream. The lock guards the table and the connection for that; the main thread, which alone changes
- * them, reads them without it. Request threads may hold the list's lock meanwhile, so the main thread never
- * holds this lock when it uses the list.
+ * At most DBUS_CLIENT_MAX_PRODUCERS objects are asked, converted or listed at a time; the others wait in
+ * order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not kept. When others have been withdrawn, the receiver
+ * is asked for all objects again. The part of the reply that is read is at least as long as the table, so it
+ * contains an unknown object whenever the table has room for one.
+ *
+ * Threads. Request threads look an object up when they request its stream. All else is the main thread's. The
+ * lock guards the table and the connection: the main thread, the only writer, reads them without it. Request
+ * threads can hold the list's lock when they take this one, so the main thread never uses the list under it.
  */
 #include "dbusclient.h"
 
-#include "descriptorreserve.h"
 #include "logtext.h"
 #include "producerproperties.h"
 #include "ratelimitedlog.h"
+#include "receiverbus.h"
 #include "receivercalls.h"
+#include "receiverstream.h"
 #include "receiverwatch.h"
 #include "sampleframequeue.h"
-#include "systembus.h"
 
-#include <algorithm>
 #include <cstring>
-#include <memory>
 #include <syslog.h>
-#include <utility>
 
 namespace
 {
@@ -45,24 +45,23 @@ namespace
 static_assert(RECEIVER_WATCH_MAX_OBJECTS >= DBUS_CLIENT_MAX_OBJECTS);
 
 constexpr guint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
-constexpr guint STREAM_CALL_TIMEOUT_MS = 25000; /* GDBus' default */
 
-/* Of an object that is named like its producer. */
+/* The path of the object with the longest name. */
 constexpr gsize MAX_PATH_BYTES = sizeof(RECEIVER_PRODUCERS_PATH "/") - 1 + PRODUCER_PROPERTIES_MAX_NAME_BYTES;
 
-/* For each object there may be one of these lines, and the receiver has as many objects as it wants. */
+/* Each object can cause one of these lines, and the receiver decides how many objects there are. */
 RateLimitedLog left_out_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 RateLimitedLog missed_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 enum class State { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
-/* An object that the receiver announces. */
+/* An announced object. */
 struct Announced {
   gchar *path = nullptr;
   ProducerProperties *properties = nullptr;
   State state = State::LEFT_OUT;
-  GCancellable *cancellable = nullptr;         /* of its call, in ASKED */
+  GCancellable *cancellable = nullptr;         /* the call's, in ASKED */
   SampleFrameConversion *conversion = nullptr; /* in CONVERTING */
   gchar *listed_name = nullptr;                /* in LISTED */
   gsize xml_bytes = 0;                         /* in LISTED */
@@ -73,37 +72,16 @@ struct Announced {
   Announced &operator=(const Announced &) = delete;
 };
 
-/* A stream that somebody asks for. */
-struct StreamRequest {
-  GDBusConnection *connection = nullptr;
-  gchar *path = nullptr;
-  gint channel = 0;
-  GCancellable *cancellable = nullptr;
-  gchar *source_name = nullptr;
-  DbusClientFdFunc on_fd = nullptr;
-  gpointer user_data = nullptr;
-  GDestroyNotify user_data_free = nullptr;
-
-  StreamRequest() = default;
-  ~StreamRequest();
-  StreamRequest(const StreamRequest &) = delete;
-  StreamRequest &operator=(const StreamRequest &) = delete;
-};
-
-AnalyticsProducerList *producers;  /* borrowed; NULL before the start and after the end */
-DescriptorReservation *connecting; /* of the attempt to reach the bus that is under way, or NULL */
-guint connect_id;                  /* the time-out before that, or 0 */
-guint retry_s;
-gulong closed_id;
+AnalyticsProducerList *producers; /* borrowed; NULL before dbus_client_init() and after the teardown */
 
 GMutex lock;
 GDBusConnection *connection;
 GHashTable *entries; /* of Announced by path */
 
 GQueue waiting = G_QUEUE_INIT; /* of Announced, in the state WAITING */
-guint taken_up;                /* how many are asked, converted or listed */
-gsize xml_bytes_in_all;        /* of those that are listed */
-gboolean missed;               /* objects that were one too many */
+guint taken_up;                /* the number of objects in ASKED, CONVERTING and LISTED */
+gsize xml_bytes_in_all;        /* the sum for the objects in LISTED */
+gboolean missed;               /* whether an object found the table full */
 
 Announced::~Announced()
 {
@@ -111,17 +89,6 @@ Announced::~Announced()
   g_clear_pointer(&properties, producer_properties_free);
   g_clear_object(&cancellable);
   g_free(listed_name);
-}
-
-StreamRequest::~StreamRequest()
-{
-  if (user_data_free != nullptr) {
-    user_data_free(user_data);
-  }
-  g_free(source_name);
-  g_clear_object(&cancellable);
-  g_free(path);
-  g_clear_object(&connection);
 }
 
 void
@@ -152,7 +119,7 @@ is_taken_up(State state)
 
 void ask_next();
 
-/* Counts who is taken up. */
+/* Also keeps the count of objects that are taken up. */
 void
 set_state(Announced *entry, State state)
 {
@@ -175,8 +142,8 @@ let_wait(Announced *entry)
   g_queue_push_tail(&waiting, entry);
 }
 
-/* Takes the sample frame out of the reply, unless it holds none. Whether an empty one is any good is the
- * converter's to say. */
+/* Takes the sample frame out of the reply; FALSE when it has none. The converter decides about an empty
+ * one. */
 gboolean
 take_sample_frame(GVariant *reply, gchar **json)
 {
@@ -200,7 +167,7 @@ log_failed_conversion(const Announced *entry)
          producer_properties_get_name(entry->properties));
 }
 
-/* On the bus, where every byte that is no UTF-8 text is replaced by three. */
+/* Returns the length on the bus, where three bytes replace each byte that is not valid UTF-8. */
 gsize
 count_bytes_on_bus(const gchar *xml)
 {
@@ -247,7 +214,7 @@ on_converted(const gchar *xml, gpointer user_data)
   }
 }
 
-/* Takes the sample frame of an object that can be a producer to its conversion. */
+/* Checks the object and its reply, and queues the sample frame for conversion. */
 void
 take_reply(Announced *entry, GVariant *reply)
 {
@@ -323,7 +290,7 @@ add_entry(const gchar *path, GVariant *properties)
   return entry;
 }
 
-/* The objects that are one too many are told of when they begin to be. */
+/* Logs the first object that finds the table full. */
 void
 note_missed(const gchar *path)
 {
@@ -355,7 +322,7 @@ announce(const gchar *path, GVariant *properties)
   ask_next();
 }
 
-/* Takes back what an entry has led to until now. */
+/* Reverts the entry's state to LEFT_OUT, and what that state has caused. */
 void
 undo(Announced *entry)
 {
@@ -391,7 +358,7 @@ let_wait_again(gpointer, gpointer value, gpointer)
   }
 }
 
-/* What is free now goes to those that had no place. */
+/* Gives room that has become free to objects that had none. */
 void
 fill_up(gboolean has_more_room)
 {
@@ -441,78 +408,17 @@ set_connection(GDBusConnection *new_connection)
   g_set_object(&connection, new_connection);
 }
 
-/* Nothing is announced any more, and nothing keeps the connection. */
+/* Withdraws all objects and drops the connection. */
 void
 leave_bus()
 {
   receiver_watch_stop();
   withdraw_all();
-  if (connection != nullptr) {
-    g_signal_handler_disconnect(connection, std::exchange(closed_id, 0));
-  }
+  receiver_bus_disconnect();
   set_connection(nullptr);
 }
 
-/* Returns the descriptor, for the caller to close, or -1. GLib itself does not always say what is wrong. */
-gint
-take_fd(GVariant *reply, GUnixFDList *fds)
-{
-  g_autoptr(GError) error = nullptr;
-  gint32 index = -1;
-  gint fd = -1;
-
-  if (g_variant_is_of_type(reply, G_VARIANT_TYPE("(h)"))) {
-    g_variant_get(reply, "(h)", &index);
-  }
-  if (fds != nullptr && index >= 0 && index < g_unix_fd_list_get_length(fds)) {
-    fd = g_unix_fd_list_get(fds, index, &error);
-  }
-  if (fd < 0) {
-    /* docs/compatibility.md, "line feed in a line". */
-    syslog(LOG_WARNING, "Failed to parse fd from variant: %s\n",
-           error != nullptr ? error->message : "the reply holds no such descriptor");
-  }
-  return fd;
-}
-
-void
-on_stream_fd(GVariant *reply, GUnixFDList *fds, const GError *error, gpointer user_data)
-{
-  auto *request = static_cast<StreamRequest *>(user_data);
-
-  if (reply == nullptr) {
-    g_autofree gchar *message = log_text_clip(error->message);
-    syslog(LOG_INFO, "handle_get_stream_fd failed: %s", message);
-    return;
-  }
-  request->on_fd(take_fd(reply, fds), request->source_name, request->user_data);
-}
-
-void
-free_stream_request(gpointer request)
-{
-  delete static_cast<StreamRequest *>(request);
-}
-
-gboolean
-on_stream_request(gpointer user_data)
-{
-  auto *request = static_cast<StreamRequest *>(user_data);
-  const ReceiverCall call = {
-      .connection = request->connection,
-      .path = request->path,
-      .method = "GetStreamFd",
-      .parameters = g_variant_new("(i)", request->channel),
-      .descriptors = 1,
-      .timeout_ms = STREAM_CALL_TIMEOUT_MS,
-      .cancellable = request->cancellable,
-  };
-
-  receiver_call(&call, on_stream_fd, request, free_stream_request);
-  return G_SOURCE_REMOVE;
-}
-
-/* The connection on which the object is announced, or NULL. Any thread. */
+/* Returns the connection (transfer full) if the object is announced, otherwise NULL. Any thread. */
 GDBusConnection *
 find_connection(const gchar *path)
 {
@@ -542,7 +448,7 @@ on_interfaces_added(const gchar *path, GVariant *interfaces)
   }
 }
 
-/* Without its interface an object is no producer, whatever else it has. */
+/* An object without the producer interface is not a producer. */
 static void
 on_interfaces_removed(const gchar *path, const gchar *const *interfaces)
 {
@@ -553,7 +459,7 @@ on_interfaces_removed(const gchar *path, const gchar *const *interfaces)
   }
 }
 
-/* A conversion goes on with the properties that it began with. */
+/* A conversion keeps the properties with which it began. */
 static void
 on_properties_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
 {
@@ -572,82 +478,28 @@ static const ReceiverWatchFuncs WATCH_FUNCS = {
     .on_vanished = withdraw_all,
 };
 
-/* GLib gives a connection out for as long as somebody has it, also a dead one, and then nobody else's
- * question would reach a bus that comes back. So the client lets go of it, for good. */
 static void
-on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
+on_bus_connected(GDBusConnection *connected)
 {
-  leave_bus();
-}
-
-static void connect_to_bus();
-
-static gboolean
-on_time_to_connect(gpointer)
-{
-  connect_id = 0;
-  connect_to_bus();
-  return G_SOURCE_REMOVE;
-}
-
-static void
-connect_later(const GError *error)
-{
-  receiver_watch_log_failure(error);
-  connect_id = g_timeout_add_seconds(retry_s, on_time_to_connect, nullptr);
-  retry_s = std::min<guint>(2 * retry_s, RECEIVER_WATCH_LAST_RETRY_S);
-}
-
-static void
-on_connected(GObject *, GAsyncResult *result, gpointer user_data)
-{
-  g_autoptr(DescriptorReservation) attempt = static_cast<DescriptorReservation *>(user_data);
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GDBusConnection) connected = g_bus_get_finish(result, &error);
-
-  if (connected != nullptr) {
-    system_bus_prepare(connected);
-  }
-  if (attempt != connecting) {
-    return;
-  }
-  connecting = nullptr;
-  if (connected != nullptr && g_dbus_connection_is_closed(connected)) {
-    g_set_error_literal(&error, G_IO_ERROR, G_IO_ERROR_CLOSED, "The connection is closed");
-  }
-  if (error != nullptr) {
-    connect_later(error);
-    return;
-  }
-  closed_id = g_signal_connect(connected, "closed", G_CALLBACK(on_connection_closed), nullptr);
   set_connection(connected);
   receiver_watch_start(connected, &WATCH_FUNCS);
 }
 
-/* The attempt cannot be cancelled: it is everybody's who asks for the shared connection meanwhile. */
-static void
-connect_to_bus()
-{
-  g_autoptr(GError) error = nullptr;
-
-  connecting = descriptor_reservation_new(SYSTEM_BUS_CALL_DESCRIPTORS, &error);
-  if (connecting == nullptr) {
-    connect_later(error);
-    return;
-  }
-  g_bus_get(G_BUS_TYPE_SYSTEM, nullptr, on_connected, connecting);
-}
+static const ReceiverBusFuncs BUS_FUNCS = {
+    .on_connected = on_bus_connected,
+    .on_closed = leave_bus,
+};
 
 /**
  * dbus_client_init:
  * @list: (transfer none): the daemon's producers; lives until dbus_client_teardown()
  *
- * Lists the producers that the platform's metadata receiver announces from now on, as long as it announces
- * them, and as long as the connection to the system bus lasts. Nothing waits for the bus or the receiver
- * here; while one of them fails, it is asked again. Main thread; once until dbus_client_teardown().
+ * Lists the producers that the metadata receiver announces, until it withdraws them or the connection to the
+ * system bus closes. Does not wait for the bus or the receiver, and repeats what fails. Main thread; once
+ * until dbus_client_teardown().
  *
- * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failure of the bus or of the
- * receiver to tell what there is; of one producer each, "on_get_sample_frame failed: %s", "failed to fetch
+ * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed attempt to reach the bus
+ * or to get the receiver's objects; for one producer each, "on_get_sample_frame failed: %s", "failed to fetch
  * sample frame", "failed to convert sample frame from: %s" and "left out producer object %s: %s"
  */
 void
@@ -657,9 +509,8 @@ dbus_client_init(AnalyticsProducerList *list)
   g_return_if_fail(producers == NULL);
 
   producers = list;
-  retry_s = RECEIVER_WATCH_FIRST_RETRY_S;
   entries = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free_announced);
-  connect_to_bus();
+  receiver_bus_connect(&BUS_FUNCS);
 }
 
 /**
@@ -667,19 +518,18 @@ dbus_client_init(AnalyticsProducerList *list)
  * @producer_name: (transfer none): the producer's name
  * @source_name: (transfer none): what to give to @on_fd
  * @channel: the video channel, from 1
- * @cancellable: (transfer none) (nullable): ends the request when the stream is not wanted any more
+ * @cancellable: (transfer none) (nullable): ends the request
  * @on_fd: takes the descriptor
  * @user_data: for @on_fd
  * @user_data_free: (nullable): releases @user_data
  *
- * Asks the receiver for a stream of one producer, as soon as it is its turn and a descriptor can be reserved
- * for it. The reply is handled in the main thread: @on_fd is called unless the call failed or was cancelled,
- * and @user_data_free after it in any case. Any thread, also with the list's lock held.
+ * Requests a stream of one producer, see receiver_stream_request(). Any thread, also with the list's lock
+ * held.
  *
  * Warnings: "tried to find a dbus object for producer which did not exist"; later "Failed to parse fd from
  * variant: %s\n", whereupon @on_fd gets -1. Infos: "handle_get_stream_fd failed: %s"
  *
- * Returns: whether the request was made; if not, nothing is called and @user_data stays the caller's
+ * Returns: whether the request was made; if not, nothing is called and the caller keeps @user_data
  */
 gboolean
 dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name, gint channel,
@@ -696,24 +546,23 @@ dbus_client_connect_producer(const gchar *producer_name, const gchar *source_nam
     syslog(LOG_WARNING, "tried to find a dbus object for producer which did not exist");
     return FALSE;
   }
-  auto *request = new StreamRequest;
-  request->connection = g_steal_pointer(&found);
-  request->path = g_steal_pointer(&path);
-  request->channel = channel;
-  request->cancellable = cancellable != nullptr ? G_CANCELLABLE(g_object_ref(cancellable)) : nullptr;
-  request->source_name = g_strdup(source_name);
-  request->on_fd = on_fd;
-  request->user_data = user_data;
-  request->user_data_free = user_data_free;
-  g_idle_add_full(G_PRIORITY_DEFAULT, on_stream_request, request, nullptr);
+  const ReceiverStreamRequest request = {
+      .connection = found,
+      .path = path,
+      .channel = channel,
+      .source_name = source_name,
+      .cancellable = cancellable,
+      .on_fd = on_fd,
+  };
+  receiver_stream_request(&request, user_data, user_data_free);
   return TRUE;
 }
 
 /**
  * dbus_client_teardown:
  *
- * Undoes dbus_client_init(): the external producers leave the list, and nothing is asked any more. Streams
- * that are asked for already still get their replies. Main thread.
+ * Undoes dbus_client_init(): the external producers leave the list, and the receiver is not asked any more.
+ * Streams that were requested before still get their replies. Main thread.
  */
 void
 dbus_client_teardown(void)
@@ -721,8 +570,6 @@ dbus_client_teardown(void)
   if (producers == nullptr) {
     return;
   }
-  g_clear_handle_id(&connect_id, g_source_remove);
-  connecting = nullptr; /* what is under way frees itself */
   leave_bus();
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
