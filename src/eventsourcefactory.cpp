@@ -63,7 +63,7 @@ set_filter(GstElement *source, const gchar *property, GHashTable *params, const 
 }
 
 GstElement *
-create_source(SourceFactory *self, GHashTable *params, GError **error)
+create_event_source(SourceFactory *self, GHashTable *params, GError **error)
 {
   if (!wants_events(params, error)) {
     return nullptr;
@@ -95,7 +95,7 @@ event_source_factory_class_init(EventSourceFactoryClass *klass)
 static void
 event_source_factory_iface_init(SourceFactoryInterface *iface)
 {
-  iface->create_source = create_source;
+  iface->create_source = create_event_source;
 }
 
 /**

@@ -39,10 +39,8 @@ G_DEFINE_TYPE_WITH_CODE(ExternalSourceFactory, external_source_factory, G_TYPE_O
 namespace
 {
 
-constexpr gint32 WITH_POLYGONS = 2;
-
 /* What goes from one producer to the next while a request connects them. */
-struct Connection {
+struct StreamRequests {
   ExternalSrc *source; /* borrowed */
   gint32 channel;
   guint count;
@@ -50,7 +48,7 @@ struct Connection {
 
 /* Without an element. */
 GstElement *
-fail(GError **error, const gchar *text)
+fail_request(GError **error, const gchar *text)
 {
   source_factory_fail(error, source_factory_error_quark(), "%s", text);
   return nullptr;
@@ -58,12 +56,12 @@ fail(GError **error, const gchar *text)
 
 /* With a reference of the caller's own, like every element here. */
 ExternalSrc *
-make_source(gint32 channel, GError **error)
+make_external_source(gint32 channel, GError **error)
 {
   ExternalSrc *source = external_src_new();
 
   if (source == nullptr) {
-    fail(error, "Could not construct externalsrc.");
+    fail_request(error, "Could not construct externalsrc.");
     return nullptr;
   }
   /* A request may name channel 0, on which there is nothing; the property does not take it. */
@@ -79,7 +77,7 @@ make_converter(gboolean exclude_polygon, GError **error)
   GstElement *converter = gst_element_factory_make("json2xml", "json2xml");
 
   if (converter == nullptr) {
-    return fail(error, "Could not construct json2xml.");
+    return fail_request(error, "Could not construct json2xml.");
   }
   g_object_set(converter, "exclude-polygon", exclude_polygon, nullptr);
   return GST_ELEMENT(gst_object_ref_sink(converter));
@@ -97,10 +95,10 @@ make_bin(ExternalSrc *source, gboolean exclude_polygon, GError **error)
 
   if (!gst_bin_add(GST_BIN(bin), GST_ELEMENT(source)) || !gst_bin_add(GST_BIN(bin), converter) ||
       !gst_element_link(GST_ELEMENT(source), converter)) {
-    return fail(error, "Could not link externalsrc and json2xml.");
+    return fail_request(error, "Could not link externalsrc and json2xml.");
   }
   if (!source_factory_add_ghost_pad(bin, converter)) {
-    return fail(error, "Could not add ghost pad for external metadata stream.");
+    return fail_request(error, "Could not add ghost pad for external metadata stream.");
   }
   return g_steal_pointer(&bin);
 }
@@ -117,7 +115,7 @@ on_fd(gint fd, const gchar *source_name, gpointer user_data)
 void
 connect_producer(AnalyticsProducer *producer, gpointer user_data)
 {
-  auto *connection = static_cast<Connection *>(user_data);
+  auto *connection = static_cast<StreamRequests *>(user_data);
   g_autofree gchar *source_name = nullptr;
   g_autofree gchar *name = nullptr;
   gint type = ANALYTICS_PRODUCER_BUILT_IN;
@@ -143,7 +141,7 @@ connect_producer(AnalyticsProducer *producer, gpointer user_data)
 guint
 connect_producers(AnalyticsProducerList *producers, ExternalSrc *source, gint32 channel)
 {
-  Connection connection = {source, channel, 0};
+  StreamRequests connection = {source, channel, 0};
 
   analytics_producer_list_foreach(producers, connect_producer, &connection);
   return connection.count;
@@ -161,12 +159,12 @@ push_stream_start(ExternalSrc *source)
 }
 
 GstElement *
-create_source(SourceFactory *factory, GHashTable *params, GError **error)
+create_external_source(SourceFactory *factory, GHashTable *params, GError **error)
 {
   ExternalSourceFactory *self = EXTERNAL_SOURCE_FACTORY(factory);
-  const gint32 analytics =
-      option_validation_parse_analytics(source_factory_lookup_param(params, "analytics"), error);
-  if (analytics == 0 || analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
+  const OptionValidationAnalytics analytics =
+      option_validation_lookup_analytics(params, option_validation_error_quark(), error);
+  if (analytics == OPTION_VALIDATION_ANALYTICS_OFF || analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
     return nullptr;
   }
   const gint32 channel = option_validation_lookup_channel(params, error);
@@ -174,11 +172,11 @@ create_source(SourceFactory *factory, GHashTable *params, GError **error)
     return nullptr;
   }
 
-  g_autoptr(ExternalSrc) source = make_source(channel, error);
+  g_autoptr(ExternalSrc) source = make_external_source(channel, error);
   if (source == nullptr) {
     return nullptr;
   }
-  g_autoptr(GstElement) bin = make_bin(source, analytics != WITH_POLYGONS, error);
+  g_autoptr(GstElement) bin = make_bin(source, analytics != OPTION_VALIDATION_ANALYTICS_POLYGONS, error);
   if (bin == nullptr) {
     return nullptr;
   }
@@ -205,7 +203,7 @@ external_source_factory_class_init(ExternalSourceFactoryClass *klass)
 static void
 external_source_factory_iface_init(SourceFactoryInterface *iface)
 {
-  iface->create_source = create_source;
+  iface->create_source = create_external_source;
 }
 
 /**

@@ -16,7 +16,9 @@
 namespace
 {
 
-constexpr std::array<std::string_view, 3> ANALYTICS_VALUES = {"0", "1", "2"};
+/* The text of each OptionValidationAnalytics, in its order. */
+constexpr std::array<std::string_view, OPTION_VALIDATION_ANALYTICS_INVALID> ANALYTICS_VALUES = {"0", "1",
+                                                                                                "2"};
 
 gboolean
 is_all_digits(std::string_view text)
@@ -34,6 +36,20 @@ strtol_32(const gchar *text)
     errno = ERANGE;
   }
   return static_cast<gint32>(std::clamp<glong>(value, G_MININT32, G_MAXINT32));
+}
+
+OptionValidationAnalytics
+parse_analytics(const gchar *value, GQuark domain, GError **error)
+{
+  if (value == nullptr) {
+    return OPTION_VALIDATION_ANALYTICS_OFF;
+  }
+
+  const auto *found = std::find(ANALYTICS_VALUES.begin(), ANALYTICS_VALUES.end(), value);
+  if (found == ANALYTICS_VALUES.end()) {
+    source_factory_refuse_value(error, domain, "Invalid value of 'analytics' parameter", value);
+  }
+  return static_cast<OptionValidationAnalytics>(found - ANALYTICS_VALUES.begin());
 }
 
 } // namespace
@@ -81,22 +97,43 @@ option_validation_parse_channel(const gchar *value, GError **error)
 }
 
 /**
+ * option_validation_lookup_named_channel:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @channel: (out): where to put the channel; -1 when the request has no "video_channel"
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Parses the request's "video_channel" as option_validation_parse_channel() does. Any thread.
+ *
+ * Returns: whether it is absent or valid; %FALSE with @error set
+ */
+gboolean
+option_validation_lookup_named_channel(GHashTable *params, gint32 *channel, GError **error)
+{
+  const gchar *text = source_factory_lookup_param(params, "video_channel");
+
+  *channel = text != nullptr ? option_validation_parse_channel(text, error) : -1;
+  return text == nullptr || *channel >= 0;
+}
+
+/**
  * option_validation_lookup_channel:
  * @params: (transfer none) (element-type utf8 utf8): the request's parameters
  * @error: (out) (optional): where to put the failure, unset
  *
- * The channel whose analytics a request means: the one that it names with "video_channel", or
- * %OPTION_VALIDATION_DEFAULT_CHANNEL. Any thread.
+ * Returns the channel of a request for analytics: its "video_channel", or %OPTION_VALIDATION_DEFAULT_CHANNEL.
+ * Any thread.
  *
- * Returns: the channel, or -1 with the error of option_validation_parse_channel(), which has logged it
+ * Returns: the channel; -1 with the error of option_validation_parse_channel(), which has logged it
  */
 gint32
 option_validation_lookup_channel(GHashTable *params, GError **error)
 {
-  const gchar *channel = source_factory_lookup_param(params, "video_channel");
+  gint32 channel = -1;
 
-  return channel != nullptr ? option_validation_parse_channel(channel, error)
-                            : OPTION_VALIDATION_DEFAULT_CHANNEL;
+  if (!option_validation_lookup_named_channel(params, &channel, error)) {
+    return -1;
+  }
+  return channel >= 0 ? channel : OPTION_VALIDATION_DEFAULT_CHANNEL;
 }
 
 /**
@@ -104,25 +141,31 @@ option_validation_lookup_channel(GHashTable *params, GError **error)
  * @value: (transfer none) (nullable): the text of "analytics", %NULL if the request has none
  * @error: (out) (optional): where to put the failure, unset
  *
- * Reads how much of the analytics is asked for: 0 nothing, which is also what an absent text means, 1 objects
- * with bounding boxes, 2 objects with polygons too. A bad text is logged at warning priority as well. Any
- * thread.
+ * Parses the text; an absent one means %OPTION_VALIDATION_ANALYTICS_OFF. A bad text is also logged at warning
+ * priority. Any thread.
  *
- * Returns: 0, 1 or 2, or %OPTION_VALIDATION_ANALYTICS_INVALID with @error set in the domain of
- *   option_validation_error_quark()
+ * Returns: an #OptionValidationAnalytics; %OPTION_VALIDATION_ANALYTICS_INVALID with @error set in the domain
+ *   of option_validation_error_quark()
  */
 gint32
 option_validation_parse_analytics(const gchar *value, GError **error)
 {
-  if (value == nullptr) {
-    return 0;
-  }
+  return parse_analytics(value, option_validation_error_quark(), error);
+}
 
-  const auto *found = std::find(ANALYTICS_VALUES.begin(), ANALYTICS_VALUES.end(), value);
-  if (found == ANALYTICS_VALUES.end()) {
-    source_factory_refuse_value(error, option_validation_error_quark(),
-                                "Invalid value of 'analytics' parameter", value);
-    return OPTION_VALIDATION_ANALYTICS_INVALID;
-  }
-  return static_cast<gint32>(found - ANALYTICS_VALUES.begin());
+/**
+ * option_validation_lookup_analytics:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @domain: the domain of the error
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Parses the request's "analytics" as option_validation_parse_analytics() does, with an error in the caller's
+ * domain. Any thread.
+ *
+ * Returns: the value; %OPTION_VALIDATION_ANALYTICS_INVALID with @error set
+ */
+OptionValidationAnalytics
+option_validation_lookup_analytics(GHashTable *params, GQuark domain, GError **error)
+{
+  return parse_analytics(source_factory_lookup_param(params, "analytics"), domain, error);
 }

@@ -1,12 +1,10 @@
 /* Turns a request for pan, tilt and zoom into one "statuscacheptzsrc" element. The factory's only field is
- * written before anybody else knows the factory, so any number of requests may ask it at once.
+ * written before the factory is shared, so any number of requests may ask it at once.
  */
 #include "ptzsourcefactory.h"
 
 #include "optionvalidation.h"
 #include "ptzvalidation.h"
-
-#include <array>
 
 struct _PTZSourceFactory {
   GObject parent_instance;
@@ -22,74 +20,26 @@ G_DEFINE_TYPE_WITH_CODE(PTZSourceFactory, ptz_source_factory, G_TYPE_OBJECT,
 namespace
 {
 
-/* What the element narrows itself to. Neither means both. */
-struct Filters {
-  gboolean position;
-  gboolean status;
-};
-
-/* By the value of "ptz". The first is never used, because 0 asks for no element at all. */
-constexpr std::array<Filters, 4> FILTERS = {{
-    {FALSE, FALSE},
-    {FALSE, FALSE},
-    {TRUE, FALSE},
-    {FALSE, TRUE},
-}};
-
-/* A parameter that becomes a property of the element. An absent one leaves the element's default, also for
- * the channel (docs/compatibility.md, "PTZ channel"). */
-struct Option {
-  const gchar *key;
-  const gchar *property;
-  gint32 (*parse)(const gchar *value, GError **error);
-};
-
-constexpr std::array OPTIONS = {
-    Option{"video_channel", "channel", option_validation_parse_channel},
-    Option{"ptz_pantilt_coordinate_space", "coordinate-space-pantilt", ptz_validation_parse_ptz_pantilt},
-    Option{"ptz_zoom_coordinate_space", "coordinate-space-zoom", ptz_validation_parse_ptz_zoom},
-};
-
-constexpr gint32 UNSET = -1;
-
-using OptionValues = std::array<gint32, OPTIONS.size()>;
-
-/* Reads every option that the request has. FALSE with @error set at the first bad one. */
-gboolean
-parse_options(GHashTable *params, OptionValues *values, GError **error)
-{
-  for (gsize i = 0; i < OPTIONS.size(); i++) {
-    const gchar *text = source_factory_lookup_param(params, OPTIONS[i].key);
-    if (text == nullptr) {
-      (*values)[i] = UNSET;
-      continue;
-    }
-    (*values)[i] = OPTIONS[i].parse(text, error);
-    if ((*values)[i] < 0) {
-      return FALSE;
-    }
-  }
-  return TRUE;
-}
-
+/* Sets a parameter of the request. An absent one leaves the element's default, also for the channel
+ * (docs/compatibility.md, "PTZ channel"). */
 void
-set_options(GstElement *source, const OptionValues &values)
+set_option(GstElement *source, const gchar *property, gint32 value)
 {
-  for (gsize i = 0; i < OPTIONS.size(); i++) {
-    if (values[i] != UNSET) {
-      g_object_set(source, OPTIONS[i].property, values[i], nullptr);
-    }
+  if (value >= 0) {
+    g_object_set(source, property, value, nullptr);
   }
 }
 
 GstElement *
-create_source(SourceFactory *self, GHashTable *params, GError **error)
+create_ptz_source(SourceFactory *self, GHashTable *params, GError **error)
 {
-  const gint32 ptz = ptz_validation_parse_ptz(source_factory_lookup_param(params, "ptz"), error);
-  OptionValues options;
+  const PtzValidationPtz ptz = ptz_validation_lookup_ptz(params, error);
+  gint32 channel = 0;
+  PtzValidationSpaces spaces = {};
 
-  /* A bad option fails the request even where nothing of PTZ is asked for. */
-  if (ptz < 0 || !parse_options(params, &options, error) || ptz == 0) {
+  /* A bad channel or coordinate space fails the request even without PTZ. */
+  if (ptz == PTZ_VALIDATION_PTZ_INVALID || !option_validation_lookup_named_channel(params, &channel, error) ||
+      !ptz_validation_lookup_spaces(params, &spaces, error) || ptz == PTZ_VALIDATION_PTZ_OFF) {
     return nullptr;
   }
 
@@ -99,10 +49,13 @@ create_source(SourceFactory *self, GHashTable *params, GError **error)
     return nullptr;
   }
 
-  const Filters &filters = FILTERS.at(static_cast<gsize>(ptz));
-  set_options(source, options);
-  g_object_set(source, "filter-position", filters.position, "filter-status", filters.status,
-               "ptz-move-capabilities", PTZ_SOURCE_FACTORY(self)->ptz_move_capabilities, nullptr);
+  set_option(source, "channel", channel);
+  set_option(source, "coordinate-space-pantilt", spaces.pan_tilt);
+  set_option(source, "coordinate-space-zoom", spaces.zoom);
+  /* A filter selects its kind. With neither the element gives both. */
+  g_object_set(source, "filter-position", ptz == PTZ_VALIDATION_PTZ_POSITION, "filter-status",
+               ptz == PTZ_VALIDATION_PTZ_STATUS, "ptz-move-capabilities",
+               PTZ_SOURCE_FACTORY(self)->ptz_move_capabilities, nullptr);
   return source;
 }
 
@@ -121,7 +74,7 @@ ptz_source_factory_class_init(PTZSourceFactoryClass *klass)
 static void
 ptz_source_factory_iface_init(SourceFactoryInterface *iface)
 {
-  iface->create_source = create_source;
+  iface->create_source = create_ptz_source;
 }
 
 /**

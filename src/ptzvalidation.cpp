@@ -17,7 +17,7 @@ struct Digit {
 };
 
 constexpr Digit PTZ = {
-    3,
+    PTZ_VALIDATION_PTZ_STATUS,
     "Invalid value of 'ptz'         parameter",
     "Value out of bounds for 'ptz'         parameter",
 };
@@ -48,6 +48,16 @@ parse_digit(const Digit &digit, const gchar *value, GError **error)
   return number;
 }
 
+/* FALSE with @error set for a bad text. */
+gboolean
+lookup_space(GHashTable *params, const gchar *key, const Digit &digit, gint32 *space, GError **error)
+{
+  const gchar *text = source_factory_lookup_param(params, key);
+
+  *space = text != nullptr ? parse_digit(digit, text, error) : -1;
+  return text == nullptr || *space >= 0;
+}
+
 } // namespace
 
 /**
@@ -68,16 +78,17 @@ ptz_validation_error_quark(void)
  * @value: (transfer none) (nullable): the text of "ptz", %NULL if the request has none
  * @error: (out) (optional): where to put the failure, unset
  *
- * Reads what is asked for of pan, tilt and zoom: 0 nothing, which is also what an absent text means, 1 status
- * and position, 2 position, 3 status. A bad text is logged at warning priority as well. Any thread.
+ * Parses the text; an absent one means %PTZ_VALIDATION_PTZ_OFF. A bad text is also logged at warning
+ * priority. Any thread.
  *
- * Returns: 0 to 3, or -1 with @error set in the domain of ptz_validation_error_quark()
+ * Returns: a #PtzValidationPtz; %PTZ_VALIDATION_PTZ_INVALID with @error set in the domain of
+ *   ptz_validation_error_quark()
  */
 gint32
 ptz_validation_parse_ptz(const gchar *value, GError **error)
 {
   if (value == nullptr) {
-    return 0;
+    return PTZ_VALIDATION_PTZ_OFF;
   }
   return parse_digit(PTZ, value, error);
 }
@@ -110,4 +121,38 @@ gint32
 ptz_validation_parse_ptz_zoom(const gchar *value, GError **error)
 {
   return parse_digit(ZOOM_SPACE, value, error);
+}
+
+/**
+ * ptz_validation_lookup_ptz:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Parses the request's "ptz" as ptz_validation_parse_ptz() does. Any thread.
+ *
+ * Returns: the value; %PTZ_VALIDATION_PTZ_INVALID with @error set
+ */
+PtzValidationPtz
+ptz_validation_lookup_ptz(GHashTable *params, GError **error)
+{
+  return static_cast<PtzValidationPtz>(
+      ptz_validation_parse_ptz(source_factory_lookup_param(params, "ptz"), error));
+}
+
+/**
+ * ptz_validation_lookup_spaces:
+ * @params: (transfer none) (element-type utf8 utf8): the request's parameters
+ * @spaces: (out): where to put the coordinate spaces
+ * @error: (out) (optional): where to put the failure, unset
+ *
+ * Parses the request's coordinate spaces, that of pan and tilt first, up to the first bad one, as
+ * ptz_validation_parse_ptz_pantilt() and ptz_validation_parse_ptz_zoom() do. Any thread.
+ *
+ * Returns: whether all of them are valid; %FALSE with @error set
+ */
+gboolean
+ptz_validation_lookup_spaces(GHashTable *params, PtzValidationSpaces *spaces, GError **error)
+{
+  return lookup_space(params, "ptz_pantilt_coordinate_space", PANTILT_SPACE, &spaces->pan_tilt, error) &&
+         lookup_space(params, "ptz_zoom_coordinate_space", ZOOM_SPACE, &spaces->zoom, error);
 }

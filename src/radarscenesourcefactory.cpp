@@ -24,7 +24,7 @@ static void radar_scene_source_factory_iface_init(SourceFactoryInterface *iface)
 G_DEFINE_TYPE_WITH_CODE(RadarSceneSourceFactory, radar_scene_source_factory, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(SOURCE_TYPE_FACTORY, radar_scene_source_factory_iface_init))
 
-#define PRODUCER "RadarMotionTracker"
+#define RADAR_PRODUCER "RadarMotionTracker"
 
 /* What a radar reports of an object beside its shape; docs/compatibility.md, "radar sample frame". */
 #define RADAR_APPEARANCE                                                                                     \
@@ -64,12 +64,12 @@ G_DEFINE_TYPE_WITH_CODE(RadarSceneSourceFactory, radar_scene_source_factory, G_T
 namespace
 {
 
-constexpr const char *NICE_NAME = "Quon radar motion tracker";
-constexpr const char SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(PRODUCER, RADAR_APPEARANCE);
-static_assert(sizeof SAMPLE_FRAME - 1 == 2007);
+constexpr const char *RADAR_NICE_NAME = "Quon radar motion tracker";
+constexpr const char RADAR_SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(RADAR_PRODUCER, RADAR_APPEARANCE);
+static_assert(sizeof RADAR_SAMPLE_FRAME - 1 == 2007);
 
-/* docs/compatibility.md, "blanks in texts". */
-constexpr SceneSourceKind KIND = {
+/* The runs of blanks inside are what is left of broken lines; clients know the texts so. */
+constexpr SceneSourceKind RADAR_KIND = {
     .bin_name = "radarscenesrcfactorybin",
     .source = "radarscenesrc",
     .filter_name = "radarscenefilter",
@@ -86,38 +86,17 @@ constexpr SceneSourceKind KIND = {
     .no_ghost_pad = "Could not add ghost pad for radar metadata (analytics) stream.",
 };
 
-enum class Analytics { OFF, ON, WITH_POLYGONS };
-
 /* What the converter is told. */
-struct Settings {
+struct RadarSettings {
   gboolean polygon;
   guint32 rotation;
   const gchar *source_name;
 };
 
-/* Same check and text as option_validation_parse_analytics(); docs/compatibility.md, "radar error domain". */
 gboolean
-parse_analytics(GHashTable *params, Analytics *analytics, GError **error)
+configure_radar_converter(GstElement *converter, gpointer user_data, GError **error)
 {
-  const gchar *text = source_factory_lookup_param(params, "analytics");
-
-  if (text == nullptr || g_str_equal(text, "0")) {
-    *analytics = Analytics::OFF;
-    return TRUE;
-  }
-  if (!g_str_equal(text, "1") && !g_str_equal(text, "2")) {
-    source_factory_refuse_value(error, source_factory_error_quark(), "Invalid value of 'analytics' parameter",
-                                text);
-    return FALSE;
-  }
-  *analytics = g_str_equal(text, "2") ? Analytics::WITH_POLYGONS : Analytics::ON;
-  return TRUE;
-}
-
-gboolean
-configure_converter(GstElement *converter, gpointer user_data, GError **error)
-{
-  auto settings = static_cast<const Settings *>(user_data);
+  auto settings = static_cast<const RadarSettings *>(user_data);
 
   g_object_set(converter, "polygon", settings->polygon, "velocity", TRUE, "geolocation", TRUE, "rotation",
                settings->rotation, "source-name", settings->source_name, nullptr);
@@ -143,30 +122,33 @@ find_rotation(gint32 channel, guint32 *rotation, GError **error)
 }
 
 GstElement *
-create_source(SourceFactory *factory, GHashTable *params, GError **error)
+create_radar_source(SourceFactory *factory, GHashTable *params, GError **error)
 {
   RadarSceneSourceFactory *self = RADAR_SCENE_SOURCE_FACTORY(factory);
-  Analytics analytics = Analytics::OFF;
   g_autofree gchar *source_name = nullptr;
   guint32 rotation = 0;
 
-  if (!parse_analytics(params, &analytics, error)) {
+  /* The factory's own error domain: docs/compatibility.md, "radar error domain". */
+  const OptionValidationAnalytics analytics =
+      option_validation_lookup_analytics(params, source_factory_error_quark(), error);
+  if (analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
     return nullptr;
   }
   const gint32 channel = option_validation_lookup_channel(params, error);
   if (channel < 0) {
     return nullptr;
   }
-  if (!scene_source_is_enabled(self->producers, PRODUCER, channel, &source_name) ||
-      analytics == Analytics::OFF) {
+  if (!scene_source_is_enabled(self->producers, RADAR_PRODUCER, channel, &source_name) ||
+      analytics == OPTION_VALIDATION_ANALYTICS_OFF) {
     return nullptr;
   }
   if (!find_rotation(channel, &rotation, error)) {
     return nullptr;
   }
 
-  Settings settings = {analytics == Analytics::WITH_POLYGONS, rotation, source_name};
-  return scene_source_new(&KIND, channel, settings.polygon, configure_converter, &settings, error);
+  RadarSettings settings = {analytics == OPTION_VALIDATION_ANALYTICS_POLYGONS, rotation, source_name};
+  return scene_source_new(&RADAR_KIND, channel, settings.polygon, configure_radar_converter, &settings,
+                          error);
 }
 
 } // namespace
@@ -184,7 +166,7 @@ radar_scene_source_factory_class_init(RadarSceneSourceFactoryClass *klass)
 static void
 radar_scene_source_factory_iface_init(SourceFactoryInterface *iface)
 {
-  iface->create_source = create_source;
+  iface->create_source = create_radar_source;
 }
 
 /**
@@ -202,6 +184,6 @@ radar_scene_source_factory_new(AnalyticsProducerList *producers)
   auto *self = RADAR_SCENE_SOURCE_FACTORY(g_object_new(RADAR_SCENE_TYPE_SOURCE_FACTORY, nullptr));
 
   self->producers = producers;
-  scene_source_publish_producer(producers, PRODUCER, NICE_NAME, SAMPLE_FRAME);
+  scene_source_publish_producer(producers, RADAR_PRODUCER, RADAR_NICE_NAME, RADAR_SAMPLE_FRAME);
   return self;
 }

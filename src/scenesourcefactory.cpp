@@ -42,12 +42,6 @@ constexpr const char *NICE_NAME = "Quon video motion tracker";
 constexpr const char SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(PRODUCER, "");
 static_assert(sizeof SAMPLE_FRAME - 1 == 860);
 
-/* The values of "analytics". */
-constexpr gint32 ANALYTICS_OFF = 0;
-constexpr gint32 ANALYTICS_WITH_POLYGONS = 2;
-
-constexpr gint32 NO_SPACE = -1;
-
 constexpr gint64 PROBE_INTERVAL_US = SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS * G_TIME_SPAN_MILLISECOND;
 
 /* docs/compatibility.md, "blanks in texts". */
@@ -69,11 +63,10 @@ constexpr SceneSourceKind KIND = {
 };
 
 struct Request {
-  gint32 analytics;
+  OptionValidationAnalytics analytics;
   gint32 channel;
-  gint32 ptz;
-  gint32 pan_tilt_space;
-  gint32 zoom_space;
+  PtzValidationPtz ptz;
+  PtzValidationSpaces spaces;
 };
 
 /* What the converter is told. */
@@ -84,40 +77,24 @@ struct Settings {
   const gchar *source_name;
 };
 
-/* One coordinate space, which is judged also when no PTZ is asked for. */
-gboolean
-parse_space(GHashTable *params, const gchar *key, gint32 (*parse)(const gchar *, GError **), gint32 *space,
-            GError **error)
-{
-  const gchar *text = source_factory_lookup_param(params, key);
-
-  *space = text != nullptr ? parse(text, error) : NO_SPACE;
-  return text == nullptr || *space >= 0;
-}
-
-gboolean
-parse_ptz(GHashTable *params, Request *request, GError **error)
-{
-  request->ptz = ptz_validation_parse_ptz(source_factory_lookup_param(params, "ptz"), error);
-
-  return request->ptz >= 0 &&
-         parse_space(params, "ptz_pantilt_coordinate_space", ptz_validation_parse_ptz_pantilt,
-                     &request->pan_tilt_space, error) &&
-         parse_space(params, "ptz_zoom_coordinate_space", ptz_validation_parse_ptz_zoom, &request->zoom_space,
-                     error);
-}
-
-/* FALSE without an error when the request asks for no analytics; its other parameters are not judged then. */
+/* FALSE without an error when the request asks for no analytics. Its other parameters are not checked then.
+ */
 gboolean
 parse_request(GHashTable *params, Request *request, GError **error)
 {
-  request->analytics =
-      option_validation_parse_analytics(source_factory_lookup_param(params, "analytics"), error);
-  if (request->analytics == ANALYTICS_OFF || request->analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
+  request->analytics = option_validation_lookup_analytics(params, option_validation_error_quark(), error);
+  if (request->analytics == OPTION_VALIDATION_ANALYTICS_OFF ||
+      request->analytics == OPTION_VALIDATION_ANALYTICS_INVALID) {
     return FALSE;
   }
   request->channel = option_validation_lookup_channel(params, error);
-  return request->channel >= 0 && parse_ptz(params, request, error);
+  if (request->channel < 0) {
+    return FALSE;
+  }
+  request->ptz = ptz_validation_lookup_ptz(params, error);
+  /* Bad coordinate spaces fail the request even without PTZ. */
+  return request->ptz != PTZ_VALIDATION_PTZ_INVALID &&
+         ptz_validation_lookup_spaces(params, &request->spaces, error);
 }
 
 /* Lets the calling thread rest until a point in time or the cancellation. */
@@ -215,7 +192,7 @@ activate_ptz(GstElement *converter, const Request *request, GError **error)
 {
   gboolean active = FALSE;
 
-  g_object_set(converter, "pan-tilt-space", request->pan_tilt_space, "zoom-space", request->zoom_space,
+  g_object_set(converter, "pan-tilt-space", request->spaces.pan_tilt, "zoom-space", request->spaces.zoom,
                "channel", request->channel, "ptz", TRUE, nullptr);
   g_object_get(converter, "ptz", &active, nullptr);
   if (!active) {
@@ -228,7 +205,7 @@ activate_ptz(GstElement *converter, const Request *request, GError **error)
 gboolean
 wants_polygons(const Request *request)
 {
-  return request->analytics == ANALYTICS_WITH_POLYGONS;
+  return request->analytics == OPTION_VALIDATION_ANALYTICS_POLYGONS;
 }
 
 gboolean
@@ -239,11 +216,12 @@ configure_converter(GstElement *converter, gpointer user_data, GError **error)
   g_object_set(converter, "polygon", wants_polygons(settings->request), "ptz-move-capabilities",
                settings->ptz_move_capabilities, "rotation", settings->rotation, "source-name",
                settings->source_name, nullptr);
-  return settings->request->ptz == 0 || activate_ptz(converter, settings->request, error);
+  return settings->request->ptz == PTZ_VALIDATION_PTZ_OFF ||
+         activate_ptz(converter, settings->request, error);
 }
 
 GstElement *
-create_source(SourceFactory *factory, GHashTable *params, GError **error)
+create_scene_source(SourceFactory *factory, GHashTable *params, GError **error)
 {
   SceneSourceFactory *self = SCENE_SOURCE_FACTORY(factory);
   Request request = {};
@@ -295,7 +273,7 @@ scene_source_factory_class_init(SceneSourceFactoryClass *klass)
 static void
 scene_source_factory_iface_init(SourceFactoryInterface *iface)
 {
-  iface->create_source = create_source;
+  iface->create_source = create_scene_source;
 }
 
 /**

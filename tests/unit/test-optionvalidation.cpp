@@ -1,11 +1,13 @@
 #include "optionvalidation.h"
 
 #include "logtext.h"
+#include "testfactory.h"
 #include "testhost.h"
 
 #include <cerrno>
 #include <syslog.h>
 
+using testfactory::make_params;
 using testhost::SyslogLines;
 
 using namespace std::string_literals;
@@ -55,21 +57,8 @@ expect_channel_refused(const char *text, const std::string &message)
   expect_error(error, message);
 }
 
-using Params = std::vector<std::pair<const char *, const char *>>;
-
-GHashTable *
-make_params(const Params &pairs)
-{
-  GHashTable *params = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
-
-  for (const auto &[key, value] : pairs) {
-    g_hash_table_insert(params, g_strdup(key), g_strdup(value));
-  }
-  return params;
-}
-
 void
-expect_channel_of(const Params &pairs, gint32 channel)
+expect_channel_of(const testfactory::Params &pairs, gint32 channel)
 {
   g_autoptr(GHashTable) params = make_params(pairs);
   g_autoptr(GError) error = nullptr;
@@ -236,4 +225,49 @@ TEST_F(OptionValidationTest, RefusesEveryOtherAnalyticsWithThree)
     expect_error(error, "Invalid value of 'analytics' parameter: '" + std::string(text) + "'.");
   }
   EXPECT_EQ(OPTION_VALIDATION_ANALYTICS_INVALID, 3);
+}
+
+TEST_F(OptionValidationTest, TellsARequestWithoutAChannelFromOneWithOne)
+{
+  const std::vector<std::pair<std::string, gint32>> channels = {{"7", 7}, {"0", 0}, {"", 0}};
+  g_autoptr(GHashTable) without = make_params({{"channel", "7"}});
+  g_autoptr(GError) error = nullptr;
+  gint32 channel = 99;
+
+  EXPECT_TRUE(option_validation_lookup_named_channel(without, &channel, &error));
+  EXPECT_EQ(channel, -1);
+  for (const auto &[text, expected] : channels) {
+    g_autoptr(GHashTable) with = make_params({{"video_channel", text}});
+    EXPECT_TRUE(option_validation_lookup_named_channel(with, &channel, &error)) << text;
+    EXPECT_EQ(channel, expected);
+  }
+  EXPECT_EQ(error, nullptr);
+  g_autoptr(GHashTable) bad = make_params({{"video_channel", "1a"}});
+  EXPECT_FALSE(option_validation_lookup_named_channel(bad, &channel, &error));
+  expect_error(error, invalid_channel("1a"));
+}
+
+TEST_F(OptionValidationTest, LooksAnalyticsUpInARequest)
+{
+  g_autoptr(GHashTable) without = make_params({{"video_channel", "2"}});
+  g_autoptr(GHashTable) with = make_params({{"analytics", "2"}});
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_lookup_analytics(without, option_validation_error_quark(), &error),
+            OPTION_VALIDATION_ANALYTICS_OFF);
+  EXPECT_EQ(option_validation_lookup_analytics(with, option_validation_error_quark(), &error),
+            OPTION_VALIDATION_ANALYTICS_POLYGONS);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(OptionValidationTest, RefusesAnalyticsOfARequestInTheCallersDomain)
+{
+  const GQuark domain = g_quark_from_static_string("another_error");
+  g_autoptr(GHashTable) params = make_params({{"analytics", "3"}});
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(option_validation_lookup_analytics(params, domain, &error), OPTION_VALIDATION_ANALYTICS_INVALID);
+  EXPECT_TRUE(g_error_matches(error, domain, 0));
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING, "Invalid value of 'analytics' parameter: '3'."}}));
 }

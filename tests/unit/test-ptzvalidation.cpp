@@ -1,9 +1,11 @@
 #include "ptzvalidation.h"
 
+#include "testfactory.h"
 #include "testhost.h"
 
 #include <syslog.h>
 
+using testfactory::make_params;
 using testhost::SyslogLines;
 
 namespace
@@ -65,6 +67,17 @@ class PtzValidationDomainTest : public testhost::Fixture
 {
 };
 
+class PtzRequestTest : public testhost::Fixture
+{
+protected:
+  static void expect_line(const GError *error, const std::string &text)
+  {
+    ASSERT_TRUE(g_error_matches(error, ptz_validation_error_quark(), 0));
+    EXPECT_EQ(error->message, text);
+    EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, text}}));
+  }
+};
+
 INSTANTIATE_TEST_SUITE_P(All, PtzValidationTest, testing::Values(PTZ, PANTILT, ZOOM),
                          [](const auto &validator) { return std::string(validator.param.name); });
 
@@ -122,4 +135,50 @@ TEST_P(PtzValidationTest, RefusesWithoutAPlaceForTheError)
 {
   EXPECT_EQ(GetParam().parse("x", nullptr), -1);
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, GetParam().invalid + "'x'."}}));
+}
+
+TEST_F(PtzRequestTest, LooksPtzUpInARequest)
+{
+  g_autoptr(GHashTable) without = make_params({{"analytics", "1"}});
+  g_autoptr(GHashTable) with = make_params({{"ptz", "3"}});
+  g_autoptr(GHashTable) bad = make_params({{"ptz", "4"}});
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(ptz_validation_lookup_ptz(without, &error), PTZ_VALIDATION_PTZ_OFF);
+  EXPECT_EQ(ptz_validation_lookup_ptz(with, &error), PTZ_VALIDATION_PTZ_STATUS);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(ptz_validation_lookup_ptz(bad, &error), PTZ_VALIDATION_PTZ_INVALID);
+  expect_line(error, PTZ.out_of_bounds + "'4'.");
+}
+
+TEST_F(PtzRequestTest, LooksBothSpacesUpInARequest)
+{
+  g_autoptr(GHashTable) both =
+      make_params({{"ptz_pantilt_coordinate_space", "1"}, {"ptz_zoom_coordinate_space", "2"}});
+  g_autoptr(GHashTable) one = make_params({{"ptz_zoom_coordinate_space", "0"}});
+  g_autoptr(GError) error = nullptr;
+  PtzValidationSpaces spaces = {};
+
+  EXPECT_TRUE(ptz_validation_lookup_spaces(both, &spaces, &error));
+  EXPECT_EQ(spaces.pan_tilt, 1);
+  EXPECT_EQ(spaces.zoom, 2);
+  EXPECT_TRUE(ptz_validation_lookup_spaces(one, &spaces, &error));
+  EXPECT_EQ(spaces.pan_tilt, -1);
+  EXPECT_EQ(spaces.zoom, 0);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(PtzRequestTest, RefusesTheFirstBadSpace)
+{
+  g_autoptr(GHashTable) both =
+      make_params({{"ptz_pantilt_coordinate_space", "3"}, {"ptz_zoom_coordinate_space", "x"}});
+  g_autoptr(GHashTable) one = make_params({{"ptz_zoom_coordinate_space", "x"}});
+  PtzValidationSpaces spaces = {};
+
+  g_autoptr(GError) first = nullptr;
+  EXPECT_FALSE(ptz_validation_lookup_spaces(both, &spaces, &first));
+  expect_line(first, PANTILT.out_of_bounds + "'3'.");
+  g_autoptr(GError) second = nullptr;
+  EXPECT_FALSE(ptz_validation_lookup_spaces(one, &spaces, &second));
+  expect_line(second, ZOOM.invalid + "'x'.");
 }

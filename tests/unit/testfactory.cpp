@@ -60,12 +60,20 @@ test_factory_new(CreateSource create_source)
 namespace testfactory
 {
 
-Answer::Answer(SourceFactory *factory, const Params &params)
+GHashTable *
+make_params(const Params &params)
 {
-  g_autoptr(GHashTable) table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+  GHashTable *table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+
   for (const auto &[key, value] : params) {
     g_hash_table_insert(table, g_strdup(key.c_str()), g_strdup(value.c_str()));
   }
+  return table;
+}
+
+Answer::Answer(SourceFactory *factory, const Params &params)
+{
+  g_autoptr(GHashTable) table = make_params(params);
 
   source = source_factory_create_source(factory, table, &error);
   if (source != nullptr) {

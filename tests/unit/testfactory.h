@@ -20,6 +20,9 @@ namespace testfactory
 
 using Params = std::vector<std::pair<std::string, std::string>>;
 
+/* A request's parameters as a factory gets them. The caller owns the table. */
+GHashTable *make_params(const Params &params);
+
 /* The answer of a factory to one request. The test owns the source, which no longer floats. */
 class Answer
 {
