@@ -1,21 +1,19 @@
-/* The calls of the metadata receiver's objects, in one queue.
+/* The calls to the metadata receiver's objects, in one queue.
  *
- * A bus allows a connection so many open calls, and refuses more. Bursts of clients ask for far more streams
- * than that. So calls wait here in the order in which they came, and only a part of them is open.
+ * The bus limits the pending calls of a connection and refuses more, and bursts of clients request far more
+ * streams than that. Calls therefore wait here in order, and only some of them are pending.
  *
- * A call that brings descriptors reserves them before it is made, and keeps the reservation until its reply
- * has been dealt with, also when it is given up meanwhile. Where none can be reserved the queue rests: as
- * long as the clients that need the stream are there, so is the call.
+ * A call that brings descriptors reserves them before it is made. It keeps the reservation until its reply
+ * has been handled, also after the call is given up. Without a reservation the queue backs off; the call
+ * stays as long as its client.
  *
- * A call has four ends: its reply, its failure, its time-out, and its cancellable, whichever comes first. A
- * cancelled call's function is not called.
+ * A call ends in one of four ways: reply, failure, time-out, cancellation. The function of a cancelled call
+ * is not called.
  *
- * For the bus a call is open until the receiver replies or leaves, also when nobody waits for the reply any
- * more. So time-outs and cancellables are kept here and not by GDBus, which would forget the call: one that
- * is given up gives its place to the next one, but still counts as unanswered. Of those there is a limit too,
- * so that a receiver which never replies does not use up what the daemon needs for its other calls.
- *
- * Main thread.
+ * On the bus a call is pending until the receiver replies or leaves, even when the caller has given it up.
+ * Time-outs and cancellables are therefore handled here: GDBus would forget the call. A call that is given up
+ * makes room for the next one, but still counts as unanswered. The count of unanswered calls has a limit of
+ * its own, so that a receiver that never replies leaves room for the daemon's other calls.
  */
 #include "receivercalls.h"
 
@@ -30,17 +28,17 @@
 namespace
 {
 
-/* GDBus' time-out that is none. */
+/* GDBus' value for no time-out. */
 constexpr gint NO_TIMEOUT = G_MAXINT;
 
-/* A shortage may begin and end all the time. */
+/* Shortages can begin and end often. */
 RateLimitedLog descriptors_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 RateLimitedLog answers_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
-enum class State { WAITING, UNDER_WAY, GIVEN_UP };
+enum class CallState { WAITING, UNDER_WAY, GIVEN_UP };
 
-struct Call {
-  State state = State::WAITING;
+struct QueuedCall {
+  CallState state = CallState::WAITING;
   GDBusConnection *connection = nullptr;
   gchar *path = nullptr;
   gchar *method = nullptr;
@@ -48,32 +46,32 @@ struct Call {
   guint descriptors = 0;
   guint timeout_ms = 0;
   GCancellable *cancellable = nullptr;
-  GSource *cancel_source = nullptr; /* NULL without a cancellable, and once the call is given up */
-  guint deadline_id = 0;            /* while the call is under way */
+  GSource *cancel_source = nullptr; /* NULL without a cancellable and after the call is given up */
+  guint deadline_id = 0;            /* while the call is in UNDER_WAY */
   guint tries = 0;
   DescriptorReservation *reservation = nullptr;
   ReceiverReplyFunc func = nullptr;
   gpointer user_data = nullptr;
-  GDestroyNotify user_data_free = nullptr; /* NULL once the call is given up */
+  GDestroyNotify user_data_free = nullptr; /* NULL after the call is given up */
 
-  Call() = default;
-  ~Call();
-  Call(const Call &) = delete;
-  Call &operator=(const Call &) = delete;
+  QueuedCall() = default;
+  ~QueuedCall();
+  QueuedCall(const QueuedCall &) = delete;
+  QueuedCall &operator=(const QueuedCall &) = delete;
 };
 
-using CallOwner = std::unique_ptr<Call>;
+using CallOwner = std::unique_ptr<QueuedCall>;
 
-GQueue waiting = G_QUEUE_INIT; /* of Call */
+GQueue waiting_calls = G_QUEUE_INIT; /* of QueuedCall */
 guint under_way;
-guint unanswered; /* those under way and those that were given up since */
-guint rest_id;
+guint unanswered; /* pending calls, including those that were given up */
+guint back_off_id;
 gboolean short_of_descriptors;
 gboolean short_of_answers;
 
-/* What a call has only as long as somebody waits for its end. */
+/* Releases what a call holds for its caller. */
 void
-release_caller(Call *call)
+release_caller(QueuedCall *call)
 {
   const GDestroyNotify user_data_free = std::exchange(call->user_data_free, nullptr);
 
@@ -88,7 +86,7 @@ release_caller(Call *call)
   g_clear_handle_id(&call->deadline_id, g_source_remove);
 }
 
-Call::~Call()
+QueuedCall::~QueuedCall()
 {
   release_caller(this);
   g_clear_pointer(&reservation, descriptor_reservation_free);
@@ -100,11 +98,11 @@ Call::~Call()
 
 void make_calls();
 
-/* The call itself goes with its reply. */
+/* The call itself is freed when its reply arrives. */
 void
-give_up(Call *call)
+give_up(QueuedCall *call)
 {
-  call->state = State::GIVEN_UP;
+  call->state = CallState::GIVEN_UP;
   under_way--;
   release_caller(call);
   make_calls();
@@ -113,10 +111,10 @@ give_up(Call *call)
 gboolean
 on_cancelled(GCancellable *, gpointer user_data)
 {
-  auto *call = static_cast<Call *>(user_data);
+  auto *call = static_cast<QueuedCall *>(user_data);
 
-  if (call->state == State::WAITING) {
-    g_queue_remove(&waiting, call);
+  if (call->state == CallState::WAITING) {
+    g_queue_remove(&waiting_calls, call);
     delete call;
   } else {
     give_up(call);
@@ -125,7 +123,7 @@ on_cancelled(GCancellable *, gpointer user_data)
 }
 
 void
-watch_cancellable(Call *call)
+watch_cancellable(QueuedCall *call)
 {
   call->cancel_source = g_cancellable_source_new(call->cancellable);
   g_source_set_callback(call->cancel_source, G_SOURCE_FUNC(on_cancelled), call, nullptr);
@@ -133,9 +131,9 @@ watch_cancellable(Call *call)
 }
 
 gboolean
-on_deadline(gpointer user_data)
+on_call_deadline(gpointer user_data)
 {
-  auto *call = static_cast<Call *>(user_data);
+  auto *call = static_cast<QueuedCall *>(user_data);
 
   call->deadline_id = 0;
   if (!g_cancellable_is_cancelled(call->cancellable)) {
@@ -147,24 +145,24 @@ on_deadline(gpointer user_data)
 }
 
 gboolean
-on_rested(gpointer)
+on_calls_backed_off(gpointer)
 {
-  rest_id = 0;
+  back_off_id = 0;
   make_calls();
   return G_SOURCE_REMOVE;
 }
 
 void
-rest()
+back_off_calls()
 {
-  if (rest_id == 0) {
-    rest_id = g_timeout_add(RECEIVER_CALLS_REST_MS, on_rested, nullptr);
+  if (back_off_id == 0) {
+    back_off_id = g_timeout_add(RECEIVER_CALLS_BACKOFF_MS, on_calls_backed_off, nullptr);
   }
 }
 
-/* FALSE when the call has to wait. The shortage is logged when it begins. */
+/* FALSE when the call must wait. Logs the shortage when it begins. */
 gboolean
-reserve_descriptors(Call *call)
+reserve_descriptors(QueuedCall *call)
 {
   if (call->descriptors == 0) {
     return TRUE;
@@ -178,7 +176,7 @@ reserve_descriptors(Call *call)
   return !short_of_descriptors;
 }
 
-/* FALSE when calls have to wait. The shortage is logged when it begins. */
+/* FALSE when calls must wait. Logs the shortage when it begins. */
 gboolean
 may_be_answered()
 {
@@ -193,7 +191,7 @@ may_be_answered()
   return FALSE;
 }
 
-/* The shortage ends when every call could be one that somebody waits for. */
+/* The shortage ends when all unanswered calls fit into RECEIVER_CALLS_MAX_UNDER_WAY. */
 void
 note_answer()
 {
@@ -203,27 +201,27 @@ note_answer()
   }
 }
 
-/* Behind the others, so that a producer that always refuses keeps nobody from his turn. */
+/* The call goes to the end of the queue, so that a producer that always refuses does not block the others. */
 void
 put_back(CallOwner call)
 {
-  call->state = State::WAITING;
+  call->state = CallState::WAITING;
   g_clear_handle_id(&call->deadline_id, g_source_remove);
   g_clear_pointer(&call->reservation, descriptor_reservation_free);
-  g_queue_push_tail(&waiting, call.release());
-  rest();
+  g_queue_push_tail(&waiting_calls, call.release());
+  back_off_calls();
 }
 
 gboolean
-is_to_be_tried_again(const Call *call, const GError *error)
+is_to_be_tried_again(const QueuedCall *call, const GError *error)
 {
   return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED) &&
          call->tries < RECEIVER_CALLS_MAX_TRIES;
 }
 
-/* A call that somebody waits for has ended. */
+/* Handles the end of a call that was not given up. */
 void
-take_reply(CallOwner call, GVariant *reply, GUnixFDList *fds, const GError *error)
+take_call_reply(CallOwner call, GVariant *reply, GUnixFDList *fds, const GError *error)
 {
   under_way--;
   if (g_cancellable_is_cancelled(call->cancellable)) {
@@ -239,25 +237,25 @@ take_reply(CallOwner call, GVariant *reply, GUnixFDList *fds, const GError *erro
 void
 on_reply(GObject *connection, GAsyncResult *result, gpointer user_data)
 {
-  CallOwner call(static_cast<Call *>(user_data));
+  CallOwner call(static_cast<QueuedCall *>(user_data));
   g_autoptr(GUnixFDList) fds = nullptr;
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply =
       g_dbus_connection_call_with_unix_fd_list_finish(G_DBUS_CONNECTION(connection), &fds, result, &error);
 
   note_answer();
-  if (call->state == State::UNDER_WAY) {
-    take_reply(std::move(call), reply, fds, error);
+  if (call->state == CallState::UNDER_WAY) {
+    take_call_reply(std::move(call), reply, fds, error);
   }
   make_calls();
 }
 
 void
-make_call(Call *call)
+make_call(QueuedCall *call)
 {
-  call->state = State::UNDER_WAY;
+  call->state = CallState::UNDER_WAY;
   call->tries++;
-  call->deadline_id = g_timeout_add(call->timeout_ms, on_deadline, call);
+  call->deadline_id = g_timeout_add(call->timeout_ms, on_call_deadline, call);
   under_way++;
   unanswered++;
   g_dbus_connection_call_with_unix_fd_list(
@@ -265,15 +263,15 @@ make_call(Call *call)
       call->parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, NO_TIMEOUT, nullptr, nullptr, on_reply, call);
 }
 
-/* The next call that somebody still waits for, or NULL. */
-Call *
+/* Returns the next call that is not cancelled, or NULL. Frees the cancelled ones before it. */
+QueuedCall *
 peek_next()
 {
-  while (auto *call = static_cast<Call *>(g_queue_peek_head(&waiting))) {
+  while (auto *call = static_cast<QueuedCall *>(g_queue_peek_head(&waiting_calls))) {
     if (!g_cancellable_is_cancelled(call->cancellable)) {
       return call;
     }
-    g_queue_pop_head(&waiting);
+    g_queue_pop_head(&waiting_calls);
     delete call;
   }
   return nullptr;
@@ -282,16 +280,16 @@ peek_next()
 void
 make_calls()
 {
-  while (rest_id == 0 && under_way < RECEIVER_CALLS_MAX_UNDER_WAY) {
-    Call *call = peek_next();
+  while (back_off_id == 0 && under_way < RECEIVER_CALLS_MAX_UNDER_WAY) {
+    QueuedCall *call = peek_next();
     if (call == nullptr || !may_be_answered()) {
       return;
     }
     if (!reserve_descriptors(call)) {
-      rest();
+      back_off_calls();
       return;
     }
-    g_queue_pop_head(&waiting);
+    g_queue_pop_head(&waiting_calls);
     make_call(call);
   }
 }
@@ -300,22 +298,22 @@ make_calls()
 
 /**
  * receiver_call:
- * @call: (transfer none): what to call; copied
- * @func: called with the reply or the failure, unless the call is cancelled
+ * @call: (transfer none): the call; copied
+ * @func: gets the reply or the failure, unless the call is cancelled
  * @user_data: for @func
  * @user_data_free: (nullable): releases @user_data, after @func or instead of it
  *
- * Makes a call when its turn comes. One that the bus or the receiver refuses with
- * %G_DBUS_ERROR_LIMITS_EXCEEDED is made again, %RECEIVER_CALLS_MAX_TRIES times in all. Main thread.
+ * Queues a call. A call that fails with %G_DBUS_ERROR_LIMITS_EXCEEDED is repeated, up to
+ * %RECEIVER_CALLS_MAX_TRIES tries in all. Main thread.
  *
- * Warnings, each when that begins: "streams of external producers wait: too few free file descriptors" and
- * "calls of the metadata receiver wait: it leaves %u unanswered"
+ * Warnings, each when a shortage begins: "streams of external producers wait: too few free file descriptors"
+ * and "calls of the metadata receiver wait: it leaves %u unanswered"
  */
 void
 receiver_call(const ReceiverCall *call, ReceiverReplyFunc func, gpointer user_data,
               GDestroyNotify user_data_free)
 {
-  auto copy = std::make_unique<Call>();
+  auto copy = std::make_unique<QueuedCall>();
 
   copy->connection = G_DBUS_CONNECTION(g_object_ref(call->connection));
   copy->path = g_strdup(call->path);
@@ -331,6 +329,6 @@ receiver_call(const ReceiverCall *call, ReceiverReplyFunc func, gpointer user_da
   if (copy->cancellable != nullptr) {
     watch_cancellable(copy.get());
   }
-  g_queue_push_tail(&waiting, copy.release());
+  g_queue_push_tail(&waiting_calls, copy.release());
   make_calls();
 }

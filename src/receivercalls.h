@@ -8,30 +8,29 @@ G_BEGIN_DECLS
 /**
  * RECEIVER_CALLS_MAX_UNDER_WAY:
  *
- * How many calls wait for the receiver's reply at a time; the others wait for their turn.
+ * How many calls are pending at a time; the others wait in the queue.
  */
 #define RECEIVER_CALLS_MAX_UNDER_WAY 32
 
 /**
  * RECEIVER_CALLS_MAX_UNANSWERED:
  *
- * How many calls the receiver may leave without a reply, with those that nobody waits for any more; as long
- * as there are so many, no further one is made. The bus allows a connection 128, and the daemon has others to
- * call.
+ * How many calls the receiver may leave without a reply, including those that were given up. At this number
+ * no further call is made. The bus allows a connection 128, and the daemon calls other services too.
  */
 #define RECEIVER_CALLS_MAX_UNANSWERED 96
 
 /**
- * RECEIVER_CALLS_REST_MS:
+ * RECEIVER_CALLS_BACKOFF_MS:
  *
- * How long calls rest when the bus allows no more, or no descriptor can be reserved.
+ * How long the queue backs off when the bus allows no further call or no descriptor can be reserved.
  */
-#define RECEIVER_CALLS_REST_MS 100
+#define RECEIVER_CALLS_BACKOFF_MS 100
 
 /**
  * RECEIVER_CALLS_MAX_TRIES:
  *
- * How often a call is made, when the bus or the receiver refuses it as beyond its limits.
+ * How often a call is tried when it fails with %G_DBUS_ERROR_LIMITS_EXCEEDED.
  */
 #define RECEIVER_CALLS_MAX_TRIES 50
 
@@ -41,11 +40,11 @@ G_BEGIN_DECLS
  * @path: (transfer none): the object
  * @method: a method of its producer interface
  * @parameters: (transfer floating) (nullable): a tuple
- * @descriptors: how many descriptors the reply is to bring; they are reserved before the call is made
- * @timeout_ms: how long to wait for the reply once the call is made
+ * @descriptors: how many descriptors the reply brings; they are reserved before the call is made
+ * @timeout_ms: how long the reply may take, counted from when the call is made
  * @cancellable: (transfer none) (nullable): ends the call
  *
- * A call of one of the receiver's objects.
+ * A call to an object of the receiver.
  */
 typedef struct ReceiverCall {
   GDBusConnection *connection;
@@ -64,7 +63,7 @@ typedef struct ReceiverCall {
  * @error: (transfer none) (nullable): why the call failed
  * @user_data: what receiver_call() was given
  *
- * Called in the main thread.
+ * Called on the main thread.
  */
 typedef void (*ReceiverReplyFunc)(GVariant *reply, GUnixFDList *fds, const GError *error, gpointer user_data);
 

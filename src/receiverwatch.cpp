@@ -1,17 +1,14 @@
-/* Watches what the platform's metadata receiver says of its objects.
+/* Watches the objects of the platform's metadata receiver and reports what changes.
  *
- * GLib has a client for object managers, which is of no use here: it makes main contexts on the main thread
- * whenever an object appears, and ends the process when it has no descriptor for one; it takes the types of
- * all messages for granted; and it keeps everything that it is told. This watch keeps nothing. It subscribes
- * to the signals, asks for all objects when the receiver gets its name, and passes on what has the right
- * type.
+ * GLib's client for object managers is not used. It creates main contexts on the main thread for each new
+ * object and ends the process without a free descriptor; it does not check the types of messages; and it
+ * keeps all objects without a bound. This watch keeps none. It subscribes to the signals, asks for all
+ * objects when the receiver owns its name, and reports what has the right type.
  *
- * Signals are taken from the connection that owns the receiver's name, and from no other. The watch
- * subscribes before it asks, so that no object is missed in between; an object may be reported twice.
+ * Signals count only from the owner of the receiver's name. The watch subscribes before it asks, so that it
+ * misses no object in between; an object can therefore be reported twice.
  *
- * A question that fails is asked again, after a time that doubles with each failure.
- *
- * Main thread.
+ * A failed request for the objects is repeated, after a time that doubles with each failure.
  */
 #include "receiverwatch.h"
 
@@ -32,17 +29,17 @@ constexpr const char *PROPERTIES_INTERFACE = "org.freedesktop.DBus.Properties";
 constexpr const char *OBJECTS_TYPE = "(a{oa{sa{sv}}})";
 constexpr gint DEFAULT_TIMEOUT = -1;
 
-/* The receiver sends as many signals as it wants. */
+/* The number of signals is the receiver's choice. */
 RateLimitedLog wrong_type_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 struct Watch {
-  GDBusConnection *connection; /* NULL as long as nothing is watched */
+  GDBusConnection *connection; /* NULL while stopped */
   const ReceiverWatchFuncs *funcs;
   guint name_watch_id;
-  gchar *owner; /* the unique name of the receiver, NULL as long as there is none */
+  gchar *owner; /* the receiver's unique name, or NULL */
   std::array<guint, 3> subscription_ids;
-  GCancellable *question; /* the one that is under way, or NULL */
-  guint next_question_id; /* the time-out before the next one, or 0 */
+  GCancellable *request; /* the current request for the objects, or NULL */
+  guint next_request_id; /* the time-out before the next one, or 0 */
   guint retry_s;
 };
 
@@ -53,7 +50,7 @@ void ask();
 gboolean
 on_time_to_ask(gpointer)
 {
-  watch.next_question_id = 0;
+  watch.next_request_id = 0;
   ask();
   return G_SOURCE_REMOVE;
 }
@@ -61,8 +58,8 @@ on_time_to_ask(gpointer)
 void
 ask_later()
 {
-  if (watch.next_question_id == 0) {
-    watch.next_question_id = g_timeout_add_seconds(watch.retry_s, on_time_to_ask, nullptr);
+  if (watch.next_request_id == 0) {
+    watch.next_request_id = g_timeout_add_seconds(watch.retry_s, on_time_to_ask, nullptr);
   }
 }
 
@@ -93,11 +90,11 @@ on_objects(GObject *connection, GAsyncResult *result, gpointer)
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
 
-  /* Whoever cancelled the question has put another one in its place, or none. */
+  /* What cancelled the request has already replaced or cleared it. */
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
     return;
   }
-  g_clear_object(&watch.question);
+  g_clear_object(&watch.request);
   if (reply == nullptr) {
     receiver_watch_log_failure(error);
     ask_later();
@@ -106,20 +103,20 @@ on_objects(GObject *connection, GAsyncResult *result, gpointer)
   }
   watch.retry_s = RECEIVER_WATCH_FIRST_RETRY_S;
   report_objects(reply);
-  /* A long answer was taken apart into a great many small blocks. */
+  /* A long reply leaves many small free blocks. */
   memory_trim_later();
 }
 
 void
 ask()
 {
-  watch.question = g_cancellable_new();
+  watch.request = g_cancellable_new();
   g_dbus_connection_call(watch.connection, watch.owner, RECEIVER_PRODUCERS_PATH, OBJECT_MANAGER_INTERFACE,
                          "GetManagedObjects", nullptr, G_VARIANT_TYPE(OBJECTS_TYPE), G_DBUS_CALL_FLAGS_NONE,
-                         DEFAULT_TIMEOUT, watch.question, on_objects, nullptr);
+                         DEFAULT_TIMEOUT, watch.request, on_objects, nullptr);
 }
 
-/* FALSE for a signal that is dropped, with a line in the log. */
+/* FALSE after logging a signal of another type, which is dropped. */
 gboolean
 has_type(GVariant *parameters, const gchar *type)
 {
@@ -176,7 +173,7 @@ on_properties_changed(GDBusConnection *, const gchar *, const gchar *path, const
   }
 }
 
-/* With %NULL for @path: of every object. */
+/* Subscribes to the signals of one object, or of all with NULL for @path. */
 guint
 subscribe(const gchar *interface, const gchar *signal, const gchar *path, GDBusSignalCallback callback)
 {
@@ -208,11 +205,11 @@ forget_owner()
   for (const guint id : watch.subscription_ids) {
     g_dbus_connection_signal_unsubscribe(watch.connection, id);
   }
-  if (watch.question != nullptr) {
-    g_cancellable_cancel(watch.question);
-    g_clear_object(&watch.question);
+  if (watch.request != nullptr) {
+    g_cancellable_cancel(watch.request);
+    g_clear_object(&watch.request);
   }
-  g_clear_handle_id(&watch.next_question_id, g_source_remove);
+  g_clear_handle_id(&watch.next_request_id, g_source_remove);
   g_clear_pointer(&watch.owner, g_free);
   return TRUE;
 }
@@ -232,11 +229,11 @@ on_name_vanished(GDBusConnection *, const gchar *, gpointer)
  * @connection: (transfer none): the system bus; kept until receiver_watch_stop()
  * @funcs: (transfer none): what to call; lives as long as the watch
  *
- * Begins to watch the receiver, and has the bus start it if it can. Whoever comes and goes as the receiver is
- * watched in turn. Main thread; once until receiver_watch_stop().
+ * Begins to watch the receiver, and lets the bus start it. Each later owner of the receiver's name is watched
+ * in turn. Once until receiver_watch_stop().
  *
- * Warnings: "Failed to connect to metadata-receiver over DBus: %s", later and possibly more than once; "left
- * out a signal of the metadata receiver: it has the wrong type"
+ * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed request; "left out a
+ * signal of the metadata receiver: it has the wrong type"
  */
 void
 receiver_watch_start(GDBusConnection *connection, const ReceiverWatchFuncs *funcs)
@@ -253,13 +250,13 @@ receiver_watch_start(GDBusConnection *connection, const ReceiverWatchFuncs *func
 /**
  * receiver_watch_ask_again:
  *
- * Asks the receiver for all its objects once more, a little later, unless it is being asked already or is not
- * there. Main thread.
+ * Asks the receiver for all its objects again, after the retry time. Does nothing when a request is pending
+ * or the receiver has no owner.
  */
 void
 receiver_watch_ask_again(void)
 {
-  if (watch.owner != nullptr && watch.question == nullptr) {
+  if (watch.owner != nullptr && watch.request == nullptr) {
     ask_later();
   }
 }
@@ -267,7 +264,7 @@ receiver_watch_ask_again(void)
 /**
  * receiver_watch_stop:
  *
- * Ends the watch, if there is one, and lets go of the connection. Nothing is called any more. Main thread.
+ * Ends the watch and drops the connection. Calls nothing from then on. Does nothing while stopped.
  */
 void
 receiver_watch_stop(void)
@@ -282,7 +279,7 @@ receiver_watch_stop(void)
 
 /**
  * receiver_watch_log_failure:
- * @error: (transfer none): why the receiver or its bus cannot be asked
+ * @error: (transfer none): why the bus or the receiver cannot be reached
  *
  * Any thread.
  *

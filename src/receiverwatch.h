@@ -14,7 +14,7 @@ G_BEGIN_DECLS
 /**
  * RECEIVER_PRODUCERS_PATH:
  *
- * The path of the receiver's object manager, below which its producers are.
+ * The path of the receiver's object manager. The producers' objects are below it.
  */
 #define RECEIVER_PRODUCERS_PATH "/com/quon/MetadataReceiver1/Producers"
 
@@ -28,35 +28,37 @@ G_BEGIN_DECLS
 /**
  * RECEIVER_WATCH_FIRST_RETRY_S:
  *
- * How long the watch waits before it asks again after a failure. Each further failure doubles the time.
+ * The time before the first retry after a failure. Each further failure doubles it.
  */
 #define RECEIVER_WATCH_FIRST_RETRY_S 1
 
 /**
  * RECEIVER_WATCH_LAST_RETRY_S:
  *
- * The longest time between a failure and the next question.
+ * The longest time between a failure and the retry.
  */
 #define RECEIVER_WATCH_LAST_RETRY_S 60
 
 /**
  * RECEIVER_WATCH_MAX_OBJECTS:
  *
- * How many objects of the receiver's answer are looked at, in its order.
+ * How many objects of the receiver's reply are read, in its order.
  */
 #define RECEIVER_WATCH_MAX_OBJECTS 1024
 
 /**
  * ReceiverWatchFuncs:
- * @on_interfaces_added: an object has these interfaces, an a{sa{sv}}; called again for one that is known
- * @on_interfaces_removed: an object has these interfaces no more
- * @on_objects_cut: the receiver has more objects than %RECEIVER_WATCH_MAX_OBJECTS, of which this is the first
- *   one that is not looked at
- * @on_properties_changed: properties of an object's producer interface changed: an a{sv} of the new ones, and
- *   the names of those that are not known any more
- * @on_vanished: the receiver left the bus, and its objects with it
+ * @on_interfaces_added: an object has these interfaces, an a{sa{sv}}; also called for known objects
+ * @on_interfaces_removed: an object has lost these interfaces
+ * @on_objects_cut: the receiver has more than %RECEIVER_WATCH_MAX_OBJECTS objects; this is the first one that
+ * is not read
+ * @on_properties_changed: properties of an object's producer interface have changed: an a{sv} of the new
+ * values, and the names of those that became invalid
+ * @on_vanished: the receiver has left the bus, and its objects with it
  *
- * What the receiver says. All are called in the main thread, and borrow their arguments.
+ * The receiver's reports. Called on the main thread; the arguments are borrowed.
+ *
+ * All functions of this component are for the main thread, except receiver_watch_log_failure().
  */
 typedef struct ReceiverWatchFuncs {
   void (*on_interfaces_added)(const gchar *path, GVariant *interfaces);

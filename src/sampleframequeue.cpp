@@ -1,16 +1,14 @@
-/* Converts sample frames off the main thread, a few at a time and in the order in which they come.
+/* Converts sample frames on threads of their own, a few at a time and in order.
  *
- * A conversion runs in a thread of its own, which owns it until it hands it back through the main loop.
- * Meanwhile the main thread reads and writes only those fields that the thread does not touch. A thread
- * cannot be ended from outside. So a conversion that takes too long is given up: its caller is told, its
- * place goes to the next one, and its thread stays behind until the converter lets go of it.
+ * The conversion's thread owns its fields until it hands them back through the main loop. Meanwhile the main
+ * thread uses only the other fields. A thread cannot be ended from outside. A conversion that takes too long
+ * is given up: its caller gets the failure, the next one takes its place, and the thread remains until the
+ * converter returns.
  *
- * A conversion for which there are too few descriptors or threads waits until there are enough.
+ * A conversion waits while there are too few descriptors or threads for it.
  *
- * The main thread begins conversions from a source of its own, never from inside a call, so that no caller is
- * called back before it knows what it has asked for.
- *
- * Main thread, but for the conversion itself.
+ * The main thread starts conversions from a source of its own, so that no caller is called back before
+ * sample_frame_queue_add() has returned.
  */
 #include "sampleframequeue.h"
 
@@ -22,29 +20,29 @@
 #include <utility>
 
 struct SampleFrameConversion {
-  /* The thread's, while there is one. */
+  /* Owned by the thread while it runs. */
   gchar *json;
   gchar *producer_name;
   gchar *xml;
 
-  /* The main thread's. */
-  SampleFrameFunc func; /* NULL once nobody waits for the end */
+  /* Owned by the main thread. */
+  SampleFrameFunc func; /* NULL after it was called or cancelled */
   gpointer user_data;
-  guint deadline_id; /* 0 before the thread begins, and after it is given up */
+  guint deadline_id; /* 0 before the thread starts and after it is given up */
   DescriptorReservation *reservation;
 };
 
 namespace
 {
 
-GQueue waiting = G_QUEUE_INIT; /* of SampleFrameConversion */
-guint running;
-guint stuck;    /* those that were given up, whose threads are still there */
-guint start_id; /* the source that begins the next ones, or 0 */
+GQueue waiting_conversions = G_QUEUE_INIT; /* of SampleFrameConversion */
+guint running_conversions;
+guint stuck_conversions;    /* those that were given up, whose threads are still there */
+guint start_conversions_id; /* the source that begins the next ones, or 0 */
 gboolean short_of_resources;
 
-/* A shortage may begin and end all the time. */
-RateLimitedLog shortage_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
+/* Shortages can begin and end often. */
+RateLimitedLog conversion_shortage_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 void
 free_conversion(SampleFrameConversion *conversion)
@@ -57,7 +55,7 @@ free_conversion(SampleFrameConversion *conversion)
 }
 
 void
-report(SampleFrameConversion *conversion, const gchar *xml)
+report_conversion(SampleFrameConversion *conversion, const gchar *xml)
 {
   const SampleFrameFunc func = std::exchange(conversion->func, nullptr);
 
@@ -66,71 +64,72 @@ report(SampleFrameConversion *conversion, const gchar *xml)
   }
 }
 
-gboolean start(gpointer);
+gboolean start_conversions(gpointer);
 
 void
 start_soon()
 {
-  if (start_id == 0 && !g_queue_is_empty(&waiting)) {
-    start_id = g_idle_add_full(G_PRIORITY_DEFAULT, start, nullptr, nullptr);
+  if (start_conversions_id == 0 && !g_queue_is_empty(&waiting_conversions)) {
+    start_conversions_id = g_idle_add_full(G_PRIORITY_DEFAULT, start_conversions, nullptr, nullptr);
   }
 }
 
 gboolean
-on_converted(gpointer user_data)
+on_conversion_ended(gpointer user_data)
 {
   auto *conversion = static_cast<SampleFrameConversion *>(user_data);
 
   if (conversion->deadline_id != 0) {
     g_source_remove(conversion->deadline_id);
-    running--;
+    running_conversions--;
   } else {
-    stuck--;
+    stuck_conversions--;
   }
-  report(conversion, conversion->xml);
+  report_conversion(conversion, conversion->xml);
   free_conversion(conversion);
   start_soon();
   return G_SOURCE_REMOVE;
 }
 
 gboolean
-on_deadline(gpointer user_data)
+on_conversion_deadline(gpointer user_data)
 {
   auto *conversion = static_cast<SampleFrameConversion *>(user_data);
 
   conversion->deadline_id = 0;
   g_clear_pointer(&conversion->reservation, descriptor_reservation_free);
-  running--;
-  stuck++;
-  report(conversion, nullptr);
+  running_conversions--;
+  stuck_conversions++;
+  report_conversion(conversion, nullptr);
   start_soon();
   return G_SOURCE_REMOVE;
 }
 
 /* The thread of one conversion. */
 gpointer
-convert(gpointer user_data)
+run_conversion(gpointer user_data)
 {
   auto *conversion = static_cast<SampleFrameConversion *>(user_data);
 
   conversion->xml = sample_frame_convert(&conversion->json, conversion->producer_name);
-  g_idle_add_full(G_PRIORITY_DEFAULT, on_converted, conversion, nullptr);
+  g_idle_add_full(G_PRIORITY_DEFAULT, on_conversion_ended, conversion, nullptr);
   return nullptr;
 }
 
 void
-fail(SampleFrameConversion *conversion)
+fail_conversion(SampleFrameConversion *conversion)
 {
-  report(conversion, nullptr);
+  report_conversion(conversion, nullptr);
   free_conversion(conversion);
 }
 
-/* The deadline is there before the thread, which may be through at once. */
+/* The deadline is set first, because the thread can end at once. */
 gboolean
-start_thread(SampleFrameConversion *conversion, GError **error)
+start_conversion_thread(SampleFrameConversion *conversion, GError **error)
 {
-  conversion->deadline_id = g_timeout_add_seconds(SAMPLE_FRAME_QUEUE_MAX_SECONDS, on_deadline, conversion);
-  GThread *thread = g_thread_try_new("sample-frame", convert, conversion, error);
+  conversion->deadline_id =
+      g_timeout_add_seconds(SAMPLE_FRAME_QUEUE_MAX_SECONDS, on_conversion_deadline, conversion);
+  GThread *thread = g_thread_try_new("sample-frame", run_conversion, conversion, error);
   if (thread == nullptr) {
     g_clear_handle_id(&conversion->deadline_id, g_source_remove);
     return FALSE;
@@ -139,57 +138,57 @@ start_thread(SampleFrameConversion *conversion, GError **error)
   return TRUE;
 }
 
-/* FALSE when it has to wait. */
+/* FALSE when the conversion must wait. */
 gboolean
-begin(SampleFrameConversion *conversion, GError **error)
+begin_conversion(SampleFrameConversion *conversion, GError **error)
 {
   conversion->reservation = descriptor_reservation_new(SAMPLE_FRAME_QUEUE_DESCRIPTORS, error);
   if (conversion->reservation == nullptr) {
     return FALSE;
   }
-  if (!start_thread(conversion, error)) {
+  if (!start_conversion_thread(conversion, error)) {
     g_clear_pointer(&conversion->reservation, descriptor_reservation_free);
     return FALSE;
   }
-  running++;
+  running_conversions++;
   return TRUE;
 }
 
-/* The shortage is logged when it begins. */
+/* Logs the shortage when it begins. */
 void
-rest(const GError *error)
+back_off_conversions(const GError *error)
 {
   if (!short_of_resources) {
-    rate_limited_log(&shortage_log, LOG_WARNING, "sample frames wait for their conversion: %s",
+    rate_limited_log(&conversion_shortage_log, LOG_WARNING, "sample frames wait for their conversion: %s",
                      error->message);
   }
   short_of_resources = TRUE;
-  start_id = g_timeout_add(SAMPLE_FRAME_QUEUE_REST_MS, start, nullptr);
+  start_conversions_id = g_timeout_add(SAMPLE_FRAME_QUEUE_BACKOFF_MS, start_conversions, nullptr);
 }
 
-/* Any of those that run may get stuck. Once too many are, none runs, and those that wait can fail. */
+/* Each running conversion can get stuck. When too many are, none is started, and the waiting ones fail. */
 gboolean
-has_place()
+has_room_for_conversion()
 {
-  return running == 0 ||
-         (running < SAMPLE_FRAME_QUEUE_MAX_RUNNING && running + stuck < SAMPLE_FRAME_QUEUE_MAX_STUCK);
+  return running_conversions == 0 || (running_conversions < SAMPLE_FRAME_QUEUE_MAX_RUNNING &&
+                                      running_conversions + stuck_conversions < SAMPLE_FRAME_QUEUE_MAX_STUCK);
 }
 
 gboolean
-start(gpointer)
+start_conversions(gpointer)
 {
-  start_id = 0;
-  while (has_place() && !g_queue_is_empty(&waiting)) {
+  start_conversions_id = 0;
+  while (has_room_for_conversion() && !g_queue_is_empty(&waiting_conversions)) {
     g_autoptr(GError) error = nullptr;
-    auto *conversion = static_cast<SampleFrameConversion *>(g_queue_peek_head(&waiting));
-    if (stuck == SAMPLE_FRAME_QUEUE_MAX_STUCK) {
-      g_queue_pop_head(&waiting);
-      fail(conversion);
-    } else if (begin(conversion, &error)) {
-      g_queue_pop_head(&waiting);
+    auto *conversion = static_cast<SampleFrameConversion *>(g_queue_peek_head(&waiting_conversions));
+    if (stuck_conversions == SAMPLE_FRAME_QUEUE_MAX_STUCK) {
+      g_queue_pop_head(&waiting_conversions);
+      fail_conversion(conversion);
+    } else if (begin_conversion(conversion, &error)) {
+      g_queue_pop_head(&waiting_conversions);
       short_of_resources = FALSE;
     } else {
-      rest(error);
+      back_off_conversions(error);
       break;
     }
   }
@@ -205,11 +204,11 @@ start(gpointer)
  * @func: called once with the result, unless the conversion is cancelled; never from inside this function
  * @user_data: for @func
  *
- * Converts a sample frame when its turn comes. Main thread.
+ * Queues a sample frame for conversion.
  *
  * Warnings: "sample frames wait for their conversion: %s", when a shortage of descriptors or threads begins
  *
- * Returns: (transfer none): the conversion, which goes when @func has been called
+ * Returns: (transfer none): the conversion, freed after the call of @func
  */
 SampleFrameConversion *
 sample_frame_queue_add(gchar *json, const gchar *producer_name, SampleFrameFunc func, gpointer user_data)
@@ -220,7 +219,7 @@ sample_frame_queue_add(gchar *json, const gchar *producer_name, SampleFrameFunc 
   conversion->producer_name = g_strdup(producer_name);
   conversion->func = func;
   conversion->user_data = user_data;
-  g_queue_push_tail(&waiting, conversion);
+  g_queue_push_tail(&waiting_conversions, conversion);
   start_soon();
   return conversion;
 }
@@ -229,14 +228,13 @@ sample_frame_queue_add(gchar *json, const gchar *producer_name, SampleFrameFunc 
  * sample_frame_queue_cancel:
  * @conversion: (transfer none): a conversion whose function has not been called
  *
- * Ends a conversion: its function will not be called. One that runs keeps its place until it is through.
- * Main thread.
+ * Cancels a conversion: its function is not called. A running one keeps its place until it ends.
  */
 void
 sample_frame_queue_cancel(SampleFrameConversion *conversion)
 {
   conversion->func = nullptr;
-  if (g_queue_remove(&waiting, conversion)) {
+  if (g_queue_remove(&waiting_conversions, conversion)) {
     free_conversion(conversion);
   }
 }

@@ -14,15 +14,15 @@ G_BEGIN_DECLS
 /**
  * SAMPLE_FRAME_QUEUE_MAX_SECONDS:
  *
- * How long a conversion may take. One that takes longer has failed, and the next one begins.
+ * How long a conversion may take. After that it has failed, and the next one begins.
  */
 #define SAMPLE_FRAME_QUEUE_MAX_SECONDS 10
 
 /**
  * SAMPLE_FRAME_QUEUE_MAX_STUCK:
  *
- * How many conversions that took too long may still occupy a thread. With so many, the converter is taken to
- * be broken: nothing is given to it until one of them returns.
+ * How many conversions that took too long may still occupy a thread. At this number the converter counts as
+ * broken: further conversions fail until one of them returns.
  */
 #define SAMPLE_FRAME_QUEUE_MAX_STUCK 8
 
@@ -34,16 +34,16 @@ G_BEGIN_DECLS
 #define SAMPLE_FRAME_QUEUE_DESCRIPTORS 8
 
 /**
- * SAMPLE_FRAME_QUEUE_REST_MS:
+ * SAMPLE_FRAME_QUEUE_BACKOFF_MS:
  *
- * How long conversions rest when there are too few descriptors or threads for one.
+ * How long conversions back off when there are too few descriptors or threads for one.
  */
-#define SAMPLE_FRAME_QUEUE_REST_MS 250
+#define SAMPLE_FRAME_QUEUE_BACKOFF_MS 250
 
 /**
  * SampleFrameConversion:
  *
- * A conversion that waits or runs.
+ * A conversion that waits or runs. All functions of this component are for the main thread.
  */
 typedef struct SampleFrameConversion SampleFrameConversion;
 
@@ -52,7 +52,7 @@ typedef struct SampleFrameConversion SampleFrameConversion;
  * @xml: (transfer none) (nullable): the sample frame as ONVIF XML, or %NULL when it could not be converted
  * @user_data: what sample_frame_queue_add() was given
  *
- * Called in the main thread, at the end of the conversion.
+ * Called on the main thread at the end of the conversion.
  */
 typedef void (*SampleFrameFunc)(const gchar *xml, gpointer user_data);
 
