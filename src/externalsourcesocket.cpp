@@ -55,9 +55,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace
-{
-
 /* A message as far as it has been read. */
 struct Message {
   guint32 length; /* starts from zero: what a short read leaves out counts as zero */
@@ -69,8 +66,6 @@ struct Message {
   gsize offset;       /* where in the payload it goes */
   gsize run;          /* how much has been read since nothing was there */
 };
-
-} // namespace
 
 struct _ExternalSourceSocket {
   GObject parent_instance;
@@ -94,10 +89,10 @@ struct _ExternalSourceSocket {
 
 typedef enum {
   PROP_SOURCE_NAME = 1,
-  N_PROPERTIES,
+  N_EXTERNAL_SOURCE_SOCKET_PROPERTIES,
 } ExternalSourceSocketProperty;
 
-static std::array<GParamSpec *, N_PROPERTIES> properties;
+static std::array<GParamSpec *, N_EXTERNAL_SOURCE_SOCKET_PROPERTIES> external_source_socket_properties;
 
 G_DEFINE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, G_TYPE_OBJECT)
 
@@ -606,10 +601,11 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
   object_class->finalize = external_source_socket_finalize;
   object_class->get_property = external_source_socket_get_property;
 
-  properties[PROP_SOURCE_NAME] =
+  external_source_socket_properties[PROP_SOURCE_NAME] =
       g_param_spec_string("source-name", "Name of source", "Name of source connected to this socket", nullptr,
                           static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
-  g_object_class_install_properties(object_class, properties.size(), properties.data());
+  g_object_class_install_properties(object_class, external_source_socket_properties.size(),
+                                    external_source_socket_properties.data());
 }
 
 namespace
