@@ -40,7 +40,7 @@ private:
 };
 
 void
-on_cancelled(GCancellable *cancellable, gpointer user_data)
+on_caller_cancelled(GCancellable *cancellable, gpointer user_data)
 {
   g_cancellable_cancel(G_CANCELLABLE(user_data));
 }
@@ -72,7 +72,9 @@ bus_call_sync(const BusCall *call, GCancellable *cancellable, GError **error)
   OwnContext context;
 
   const gulong handler_id =
-      cancellable != nullptr ? g_cancellable_connect(cancellable, G_CALLBACK(on_cancelled), own, nullptr) : 0;
+      cancellable != nullptr
+          ? g_cancellable_connect(cancellable, G_CALLBACK(on_caller_cancelled), own, nullptr)
+          : 0;
   g_dbus_connection_call(call->connection, call->name, call->path, call->interface, call->method,
                          call->parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, call->timeout_ms, own, on_result,
                          &result);
