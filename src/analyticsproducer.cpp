@@ -35,10 +35,10 @@ typedef enum {
   PROP_SAMPLE_FRAME_XML,
   PROP_CHANNELS_ENABLED,
   PROP_TYPE,
-  N_PROPERTIES,
+  N_ANALYTICS_PRODUCER_PROPERTIES,
 } AnalyticsProducerProperty;
 
-static std::array<GParamSpec *, N_PROPERTIES> properties;
+static std::array<GParamSpec *, N_ANALYTICS_PRODUCER_PROPERTIES> analytics_producer_properties;
 
 G_DEFINE_FINAL_TYPE(AnalyticsProducer, analytics_producer, G_TYPE_OBJECT)
 
@@ -206,14 +206,14 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
    *
    * The key in the list and in the configuration file.
    */
-  properties[PROP_NAME] = g_param_spec_string("name", "Name of the analytics producer",
-                                              "Name of the analytics producer", "", CONSTRUCT_FLAGS);
+  analytics_producer_properties[PROP_NAME] = g_param_spec_string(
+      "name", "Name of the analytics producer", "Name of the analytics producer", "", CONSTRUCT_FLAGS);
   /**
    * AnalyticsProducer:nice-name:
    *
    * For display.
    */
-  properties[PROP_NICE_NAME] =
+  analytics_producer_properties[PROP_NICE_NAME] =
       g_param_spec_string("nice-name", "Nice name of the analytics producer",
                           "Nice name of the analytics producer", "", CONSTRUCT_FLAGS);
   /**
@@ -221,7 +221,7 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
    *
    * A tt:SampleFrame document, an example of the producer's data.
    */
-  properties[PROP_SAMPLE_FRAME_XML] =
+  analytics_producer_properties[PROP_SAMPLE_FRAME_XML] =
       g_param_spec_string("sample-frame-xml", "Sample frame XML",
                           "Sample frame of producer in ONVIF XML format", "", CONSTRUCT_FLAGS);
   /**
@@ -230,7 +230,7 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
    * The producer's own array of #AnalyticsProducerChannel, to read on the main thread. Notified after each
    * change of an entry.
    */
-  properties[PROP_CHANNELS_ENABLED] =
+  analytics_producer_properties[PROP_CHANNELS_ENABLED] =
       g_param_spec_pointer("channels-enabled", "List of analytics channels",
                            "List of analytics channels supported by producer", READ_FLAGS);
   /**
@@ -238,10 +238,11 @@ analytics_producer_class_init(AnalyticsProducerClass *klass)
    *
    * An #AnalyticsProducerKind.
    */
-  properties[PROP_TYPE] = g_param_spec_int(
+  analytics_producer_properties[PROP_TYPE] = g_param_spec_int(
       "type", "Type of the analytics producer", "Type of the analytics producer", ANALYTICS_PRODUCER_BUILT_IN,
       ANALYTICS_PRODUCER_LAST_KIND, ANALYTICS_PRODUCER_BUILT_IN, CONSTRUCT_FLAGS);
-  g_object_class_install_properties(object_class, properties.size(), properties.data());
+  g_object_class_install_properties(object_class, analytics_producer_properties.size(),
+                                    analytics_producer_properties.data());
 }
 
 /**
@@ -305,7 +306,7 @@ analytics_producer_set_channel_enabled(AnalyticsProducer *self, guint32 channel,
   /* @name may be the old name, which therefore lives until the end. */
   g_autofree gchar *old_name = exchange_name(entry, enabled ? g_strdup(name) : nullptr);
   producer_config_set_name(self->name, channel, entry->name);
-  g_object_notify_by_pspec(G_OBJECT(self), properties[PROP_CHANNELS_ENABLED]);
+  g_object_notify_by_pspec(G_OBJECT(self), analytics_producer_properties[PROP_CHANNELS_ENABLED]);
 }
 
 /**

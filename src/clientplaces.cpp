@@ -20,7 +20,7 @@ struct ClientPlace {
 namespace
 {
 
-GMutex lock;
+GMutex places_lock;
 std::array<uid_t, CLIENT_PLACES> holders; /* the first @taken */
 gsize taken;
 
@@ -36,7 +36,7 @@ may_take(uid_t user)
 gboolean
 take(uid_t user)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&places_lock);
 
   if (!may_take(user)) {
     return FALSE;
@@ -81,7 +81,7 @@ client_place_free(ClientPlace *self)
 {
   g_return_if_fail(self != NULL);
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&places_lock);
   *std::find(holders.begin(), holders.begin() + taken, self->user) = holders[taken - 1];
   taken--;
   g_free(self);

@@ -53,9 +53,6 @@ typedef enum {
   CONNECTION_MANAGER_STATUS_ERROR,
 } ConnectionManagerStatus;
 
-namespace
-{
-
 struct ConnectionManagerPrivate {
   ConnectionManagerStatus status = CONNECTION_MANAGER_STATUS_NEW;
   GstElement *pipeline = nullptr;
@@ -76,8 +73,6 @@ struct ConnectionManagerPrivate {
   GCond cond;
 };
 
-} // namespace
-
 struct _ConnectionManager {
   GObject parent_instance;
 
@@ -87,10 +82,10 @@ struct _ConnectionManager {
 typedef enum {
   PROP_SOURCE_LIST = 1,
   PROP_FD,
-  N_PROPERTIES,
+  N_CONNECTION_MANAGER_PROPERTIES,
 } ConnectionManagerProperty;
 
-static std::array<GParamSpec *, N_PROPERTIES> properties;
+static std::array<GParamSpec *, N_CONNECTION_MANAGER_PROPERTIES> connection_manager_properties;
 
 G_DEFINE_FINAL_TYPE(ConnectionManager, connection_manager, G_TYPE_OBJECT)
 
@@ -122,7 +117,7 @@ constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
 
 /* The managers whose pipelines are to be taken down, oldest first, with a reference to each. The main
  * thread's alone. */
-GQueue ends = G_QUEUE_INIT;
+GQueue waiting_ends = G_QUEUE_INIT;
 
 struct ObjectUnref {
   void operator()(gpointer object) const
@@ -490,20 +485,20 @@ stop(ConnectionManager *conn)
 gboolean
 on_turn(gpointer user_data)
 {
-  for (guint i = 0; i < CONNECTION_MANAGER_MAX_ENDS_PER_TURN && !g_queue_is_empty(&ends); i++) {
-    g_autoptr(ConnectionManager) conn = CONNECTION_MANAGER(g_queue_pop_head(&ends));
+  for (guint i = 0; i < CONNECTION_MANAGER_MAX_ENDS_PER_TURN && !g_queue_is_empty(&waiting_ends); i++) {
+    g_autoptr(ConnectionManager) conn = CONNECTION_MANAGER(g_queue_pop_head(&waiting_ends));
     stop(conn);
   }
-  return g_queue_is_empty(&ends) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+  return g_queue_is_empty(&waiting_ends) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 void
 stand_in_line(ConnectionManager *conn)
 {
-  if (g_queue_is_empty(&ends)) {
+  if (g_queue_is_empty(&waiting_ends)) {
     g_idle_add_full(G_PRIORITY_DEFAULT, on_turn, nullptr, nullptr);
   }
-  g_queue_push_tail(&ends, g_object_ref(conn));
+  g_queue_push_tail(&waiting_ends, g_object_ref(conn));
 }
 
 /* Nobody waits for the client from here on. TRUE when it has been streaming. */
@@ -681,11 +676,12 @@ connection_manager_class_init(ConnectionManagerClass *klass)
   object_class->get_property = connection_manager_get_property;
   object_class->set_property = connection_manager_set_property;
 
-  properties[PROP_SOURCE_LIST] = g_param_spec_pointer("source-list", "Source List",
-                                                      "List of sources to generate the metadata xml", FLAGS);
-  properties[PROP_FD] = g_param_spec_int("fd", "File Descriptor", "The file descriptor for metadata client",
-                                         G_MININT, G_MAXINT, -1, FLAGS);
-  g_object_class_install_properties(object_class, properties.size(), properties.data());
+  connection_manager_properties[PROP_SOURCE_LIST] = g_param_spec_pointer(
+      "source-list", "Source List", "List of sources to generate the metadata xml", FLAGS);
+  connection_manager_properties[PROP_FD] = g_param_spec_int(
+      "fd", "File Descriptor", "The file descriptor for metadata client", G_MININT, G_MAXINT, -1, FLAGS);
+  g_object_class_install_properties(object_class, connection_manager_properties.size(),
+                                    connection_manager_properties.data());
 }
 
 namespace

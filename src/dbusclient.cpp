@@ -54,13 +54,13 @@ RateLimitedLog left_out_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 RateLimitedLog missed_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
-enum class State { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
+enum class ObjectState { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
 /* An announced object. */
 struct Announced {
   gchar *path = nullptr;
   ProducerProperties *properties = nullptr;
-  State state = State::LEFT_OUT;
+  ObjectState state = ObjectState::LEFT_OUT;
   GCancellable *cancellable = nullptr;         /* the call's, in ASKED */
   SampleFrameConversion *conversion = nullptr; /* in CONVERTING */
   gchar *listed_name = nullptr;                /* in LISTED */
@@ -72,16 +72,20 @@ struct Announced {
   Announced &operator=(const Announced &) = delete;
 };
 
-AnalyticsProducerList *producers; /* borrowed; NULL before dbus_client_init() and after the teardown */
+struct DbusClient {
+  AnalyticsProducerList *producers; /* borrowed; NULL before dbus_client_init() and after the teardown */
 
-GMutex lock;
-GDBusConnection *connection;
-GHashTable *entries; /* of Announced by path */
+  GMutex lock;
+  GDBusConnection *connection;
+  GHashTable *entries; /* of Announced by path */
 
-GQueue waiting = G_QUEUE_INIT; /* of Announced, in the state WAITING */
-guint taken_up;                /* the number of objects in ASKED, CONVERTING and LISTED */
-gsize xml_bytes_in_all;        /* the sum for the objects in LISTED */
-gboolean missed;               /* whether an object found the table full */
+  GQueue waiting;  /* of Announced, in the state WAITING */
+  guint taken_up;  /* the number of objects in ASKED, CONVERTING and LISTED */
+  gsize xml_bytes; /* the sum for the objects in LISTED */
+  gboolean missed; /* whether an object found the table full */
+};
+
+DbusClient dbus_client;
 
 Announced::~Announced()
 {
@@ -106,40 +110,40 @@ log_left_out(const gchar *path, const gchar *reason, RateLimitedLog *log = &left
 }
 
 Announced *
-find(const gchar *path)
+find_announced(const gchar *path)
 {
-  return static_cast<Announced *>(g_hash_table_lookup(entries, path));
+  return static_cast<Announced *>(g_hash_table_lookup(dbus_client.entries, path));
 }
 
 gboolean
-is_taken_up(State state)
+is_taken_up(ObjectState state)
 {
-  return state == State::ASKED || state == State::CONVERTING || state == State::LISTED;
+  return state == ObjectState::ASKED || state == ObjectState::CONVERTING || state == ObjectState::LISTED;
 }
 
 void ask_next();
 
 /* Also keeps the count of objects that are taken up. */
 void
-set_state(Announced *entry, State state)
+set_state(Announced *entry, ObjectState state)
 {
-  taken_up += is_taken_up(state) ? 1 : 0;
-  taken_up -= is_taken_up(entry->state) ? 1 : 0;
+  dbus_client.taken_up += is_taken_up(state) ? 1 : 0;
+  dbus_client.taken_up -= is_taken_up(entry->state) ? 1 : 0;
   entry->state = state;
 }
 
 void
-leave_out(Announced *entry)
+leave_object_out(Announced *entry)
 {
-  set_state(entry, State::LEFT_OUT);
+  set_state(entry, ObjectState::LEFT_OUT);
   ask_next();
 }
 
 void
 let_wait(Announced *entry)
 {
-  set_state(entry, State::WAITING);
-  g_queue_push_tail(&waiting, entry);
+  set_state(entry, ObjectState::WAITING);
+  g_queue_push_tail(&dbus_client.waiting, entry);
 }
 
 /* Takes the sample frame out of the reply; FALSE when it has none. The converter decides about an empty
@@ -157,7 +161,7 @@ take_sample_frame(GVariant *reply, gchar **json)
 gboolean
 is_room_for(gsize xml_bytes)
 {
-  return xml_bytes_in_all + xml_bytes <= DBUS_CLIENT_MAX_XML_BYTES_IN_ALL;
+  return dbus_client.xml_bytes + xml_bytes <= DBUS_CLIENT_MAX_XML_BYTES_IN_ALL;
 }
 
 void
@@ -185,14 +189,14 @@ list_producer(Announced *entry, const gchar *xml, gsize xml_bytes)
       analytics_producer_new(name, producer_properties_get_nice_name(properties), xml,
                              producer_properties_get_channels(properties), ANALYTICS_PRODUCER_EXTERNAL);
 
-  if (!analytics_producer_list_add(producers, producer)) {
-    leave_out(entry);
+  if (!analytics_producer_list_add(dbus_client.producers, producer)) {
+    leave_object_out(entry);
     return;
   }
-  set_state(entry, State::LISTED);
+  set_state(entry, ObjectState::LISTED);
   entry->listed_name = g_strdup(name);
   entry->xml_bytes = xml_bytes;
-  xml_bytes_in_all += entry->xml_bytes;
+  dbus_client.xml_bytes += entry->xml_bytes;
 }
 
 void
@@ -204,10 +208,10 @@ on_converted(const gchar *xml, gpointer user_data)
   entry->conversion = nullptr;
   if (xml == nullptr || xml_bytes > DBUS_CLIENT_MAX_XML_BYTES) {
     log_failed_conversion(entry);
-    leave_out(entry);
+    leave_object_out(entry);
   } else if (!is_room_for(xml_bytes)) {
     log_failed_conversion(entry);
-    set_state(entry, State::NO_ROOM);
+    set_state(entry, ObjectState::NO_ROOM);
     ask_next();
   } else {
     list_producer(entry, xml, xml_bytes);
@@ -216,22 +220,22 @@ on_converted(const gchar *xml, gpointer user_data)
 
 /* Checks the object and its reply, and queues the sample frame for conversion. */
 void
-take_reply(Announced *entry, GVariant *reply)
+take_sample_frame_reply(Announced *entry, GVariant *reply)
 {
   g_autofree gchar *json = nullptr;
   const gchar *problem = producer_properties_get_problem(entry->properties);
 
   if (problem != nullptr) {
     log_left_out(entry->path, problem);
-    leave_out(entry);
+    leave_object_out(entry);
   } else if (!take_sample_frame(reply, &json)) {
     syslog(LOG_WARNING, "failed to fetch sample frame");
-    leave_out(entry);
+    leave_object_out(entry);
   } else if (strlen(json) > DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES) {
     log_left_out(entry->path, "its sample frame is too long");
-    leave_out(entry);
+    leave_object_out(entry);
   } else {
-    set_state(entry, State::CONVERTING);
+    set_state(entry, ObjectState::CONVERTING);
     entry->conversion = sample_frame_queue_add(
         g_steal_pointer(&json), producer_properties_get_name(entry->properties), on_converted, entry);
   }
@@ -246,20 +250,20 @@ on_sample_frame(GVariant *reply, GUnixFDList *, const GError *error, gpointer us
   if (reply == nullptr) {
     g_autofree gchar *message = log_text_clip(error->message);
     syslog(LOG_WARNING, "on_get_sample_frame failed: %s", message);
-    leave_out(entry);
+    leave_object_out(entry);
     return;
   }
-  take_reply(entry, reply);
+  take_sample_frame_reply(entry, reply);
 }
 
 void
-ask(Announced *entry)
+ask_for_sample_frame(Announced *entry)
 {
-  set_state(entry, State::ASKED);
+  set_state(entry, ObjectState::ASKED);
   entry->cancellable = g_cancellable_new();
 
   const ReceiverCall call = {
-      .connection = connection,
+      .connection = dbus_client.connection,
       .path = entry->path,
       .method = "GetSampleFrame",
       .parameters = nullptr,
@@ -273,8 +277,8 @@ ask(Announced *entry)
 void
 ask_next()
 {
-  while (taken_up < DBUS_CLIENT_MAX_PRODUCERS && !g_queue_is_empty(&waiting)) {
-    ask(static_cast<Announced *>(g_queue_pop_head(&waiting)));
+  while (dbus_client.taken_up < DBUS_CLIENT_MAX_PRODUCERS && !g_queue_is_empty(&dbus_client.waiting)) {
+    ask_for_sample_frame(static_cast<Announced *>(g_queue_pop_head(&dbus_client.waiting)));
   }
 }
 
@@ -285,8 +289,8 @@ add_entry(const gchar *path, GVariant *properties)
   entry->path = g_strdup(path);
   entry->properties = producer_properties_new(properties);
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-  g_hash_table_insert(entries, entry->path, entry);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
+  g_hash_table_insert(dbus_client.entries, entry->path, entry);
   return entry;
 }
 
@@ -294,28 +298,28 @@ add_entry(const gchar *path, GVariant *properties)
 void
 note_missed(const gchar *path)
 {
-  if (!missed) {
+  if (!dbus_client.missed) {
     log_left_out(path, "there are too many", &missed_log);
   }
-  missed = TRUE;
+  dbus_client.missed = TRUE;
 }
 
 void
 announce(const gchar *path, GVariant *properties)
 {
-  Announced *known = find(path);
+  Announced *known = find_announced(path);
   if (known != nullptr) {
-    if (known->state != State::CONVERTING) {
+    if (known->state != ObjectState::CONVERTING) {
       g_clear_pointer(&known->properties, producer_properties_free);
       known->properties = producer_properties_new(properties);
     }
     return;
   }
-  if (g_hash_table_size(entries) >= DBUS_CLIENT_MAX_OBJECTS) {
+  if (g_hash_table_size(dbus_client.entries) >= DBUS_CLIENT_MAX_OBJECTS) {
     note_missed(path);
     return;
   }
-  if (taken_up >= DBUS_CLIENT_MAX_PRODUCERS) {
+  if (dbus_client.taken_up >= DBUS_CLIENT_MAX_PRODUCERS) {
     log_left_out(path, "there are too many");
   }
   let_wait(add_entry(path, properties));
@@ -327,25 +331,25 @@ void
 undo(Announced *entry)
 {
   switch (entry->state) {
-  case State::WAITING:
-    g_queue_remove(&waiting, entry);
+  case ObjectState::WAITING:
+    g_queue_remove(&dbus_client.waiting, entry);
     break;
-  case State::ASKED:
+  case ObjectState::ASKED:
     g_cancellable_cancel(entry->cancellable);
     break;
-  case State::CONVERTING:
+  case ObjectState::CONVERTING:
     sample_frame_queue_cancel(entry->conversion);
     break;
-  case State::LISTED:
-    xml_bytes_in_all -= entry->xml_bytes;
-    if (analytics_producer_list_contains(producers, entry->listed_name)) {
-      analytics_producer_list_remove(producers, entry->listed_name);
+  case ObjectState::LISTED:
+    dbus_client.xml_bytes -= entry->xml_bytes;
+    if (analytics_producer_list_contains(dbus_client.producers, entry->listed_name)) {
+      analytics_producer_list_remove(dbus_client.producers, entry->listed_name);
     }
     break;
   default:
     break;
   }
-  set_state(entry, State::LEFT_OUT);
+  set_state(entry, ObjectState::LEFT_OUT);
 }
 
 void
@@ -353,7 +357,7 @@ let_wait_again(gpointer, gpointer value, gpointer)
 {
   auto *entry = static_cast<Announced *>(value);
 
-  if (entry->state == State::NO_ROOM) {
+  if (entry->state == ObjectState::NO_ROOM) {
     let_wait(entry);
   }
 }
@@ -363,11 +367,11 @@ void
 fill_up(gboolean has_more_room)
 {
   if (has_more_room) {
-    g_hash_table_foreach(entries, let_wait_again, nullptr);
+    g_hash_table_foreach(dbus_client.entries, let_wait_again, nullptr);
   }
   ask_next();
-  if (missed && g_hash_table_size(entries) < DBUS_CLIENT_MAX_OBJECTS) {
-    missed = FALSE;
+  if (dbus_client.missed && g_hash_table_size(dbus_client.entries) < DBUS_CLIENT_MAX_OBJECTS) {
+    dbus_client.missed = FALSE;
     receiver_watch_ask_again();
   }
 }
@@ -375,12 +379,12 @@ fill_up(gboolean has_more_room)
 void
 withdraw(Announced *entry)
 {
-  const gboolean was_listed = entry->state == State::LISTED;
+  const gboolean was_listed = entry->state == ObjectState::LISTED;
 
   undo(entry);
   {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    g_hash_table_remove(entries, entry->path);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
+    g_hash_table_remove(dbus_client.entries, entry->path);
   }
   fill_up(was_listed);
 }
@@ -391,26 +395,26 @@ withdraw_all()
   GHashTableIter iter;
   gpointer entry = nullptr;
 
-  g_hash_table_iter_init(&iter, entries);
+  g_hash_table_iter_init(&iter, dbus_client.entries);
   while (g_hash_table_iter_next(&iter, nullptr, &entry)) {
     undo(static_cast<Announced *>(entry));
   }
-  missed = FALSE;
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-  g_hash_table_remove_all(entries);
+  dbus_client.missed = FALSE;
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
+  g_hash_table_remove_all(dbus_client.entries);
 }
 
 void
 set_connection(GDBusConnection *new_connection)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
 
-  g_set_object(&connection, new_connection);
+  g_set_object(&dbus_client.connection, new_connection);
 }
 
 /* Withdraws all objects and drops the connection. */
 void
-leave_bus()
+leave_receiver()
 {
   receiver_watch_stop();
   withdraw_all();
@@ -422,17 +426,17 @@ leave_bus()
 GDBusConnection *
 find_connection(const gchar *path)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
 
-  return connection != nullptr && g_hash_table_contains(entries, path)
-             ? G_DBUS_CONNECTION(g_object_ref(connection))
+  return dbus_client.connection != nullptr && g_hash_table_contains(dbus_client.entries, path)
+             ? G_DBUS_CONNECTION(g_object_ref(dbus_client.connection))
              : nullptr;
 }
 
 } // namespace
 
 static void
-on_interfaces_added(const gchar *path, GVariant *interfaces)
+on_object_added(const gchar *path, GVariant *interfaces)
 {
   g_autoptr(GVariant) properties =
       g_variant_lookup_value(interfaces, RECEIVER_PRODUCER_INTERFACE, G_VARIANT_TYPE_VARDICT);
@@ -443,16 +447,16 @@ on_interfaces_added(const gchar *path, GVariant *interfaces)
     log_left_out(path, "its path is too long");
   } else if (properties != nullptr) {
     announce(path, properties);
-  } else if (find(path) == nullptr) {
+  } else if (find_announced(path) == nullptr) {
     log_left_out(path, "it has no interface " RECEIVER_PRODUCER_INTERFACE);
   }
 }
 
 /* An object without the producer interface is not a producer. */
 static void
-on_interfaces_removed(const gchar *path, const gchar *const *interfaces)
+on_object_removed(const gchar *path, const gchar *const *interfaces)
 {
-  Announced *entry = find(path);
+  Announced *entry = find_announced(path);
 
   if (entry != nullptr && g_strv_contains(interfaces, RECEIVER_PRODUCER_INTERFACE)) {
     withdraw(entry);
@@ -461,20 +465,20 @@ on_interfaces_removed(const gchar *path, const gchar *const *interfaces)
 
 /* A conversion keeps the properties with which it began. */
 static void
-on_properties_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
+on_object_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
 {
-  const Announced *entry = find(path);
+  const Announced *entry = find_announced(path);
 
-  if (entry != nullptr && entry->state != State::CONVERTING) {
+  if (entry != nullptr && entry->state != ObjectState::CONVERTING) {
     producer_properties_change(entry->properties, changed, invalidated);
   }
 }
 
 static const ReceiverWatchFuncs WATCH_FUNCS = {
-    .on_interfaces_added = on_interfaces_added,
-    .on_interfaces_removed = on_interfaces_removed,
+    .on_interfaces_added = on_object_added,
+    .on_interfaces_removed = on_object_removed,
     .on_objects_cut = note_missed,
-    .on_properties_changed = on_properties_changed,
+    .on_properties_changed = on_object_changed,
     .on_vanished = withdraw_all,
 };
 
@@ -487,7 +491,7 @@ on_bus_connected(GDBusConnection *connected)
 
 static const ReceiverBusFuncs BUS_FUNCS = {
     .on_connected = on_bus_connected,
-    .on_closed = leave_bus,
+    .on_closed = leave_receiver,
 };
 
 /**
@@ -506,10 +510,10 @@ void
 dbus_client_init(AnalyticsProducerList *list)
 {
   g_return_if_fail(list != NULL);
-  g_return_if_fail(producers == NULL);
+  g_return_if_fail(dbus_client.producers == NULL);
 
-  producers = list;
-  entries = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free_announced);
+  dbus_client.producers = list;
+  dbus_client.entries = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, free_announced);
   receiver_bus_connect(&BUS_FUNCS);
 }
 
@@ -567,13 +571,13 @@ dbus_client_connect_producer(const gchar *producer_name, const gchar *source_nam
 void
 dbus_client_teardown(void)
 {
-  if (producers == nullptr) {
+  if (dbus_client.producers == nullptr) {
     return;
   }
-  leave_bus();
+  leave_receiver();
   {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    g_clear_pointer(&entries, g_hash_table_unref);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
+    g_clear_pointer(&dbus_client.entries, g_hash_table_unref);
   }
-  producers = nullptr;
+  dbus_client.producers = nullptr;
 }

@@ -58,7 +58,7 @@ struct Call {
 };
 
 /* Of Call. It is the first one's turn, and while there is one, a source goes on with it. */
-GQueue line = G_QUEUE_INIT;
+GQueue call_line = G_QUEUE_INIT;
 guint step_id;
 
 /* NULL when the name cannot be an element of a path. */
@@ -452,7 +452,7 @@ count_waiting_bytes()
 {
   gsize bytes = 0;
 
-  for (const GList *link = g_queue_peek_nth_link(&line, 1); link != nullptr; link = link->next) {
+  for (const GList *link = g_queue_peek_nth_link(&call_line, 1); link != nullptr; link = link->next) {
     bytes += g_variant_get_size(static_cast<const Call *>(link->data)->wanted);
   }
   return bytes;
@@ -461,9 +461,10 @@ count_waiting_bytes()
 gboolean
 has_place(const Call *call)
 {
-  return g_queue_is_empty(&line) || (g_queue_get_length(&line) <= DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS &&
-                                     count_waiting_bytes() + g_variant_get_size(call->wanted) <=
-                                         DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES);
+  return g_queue_is_empty(&call_line) ||
+         (g_queue_get_length(&call_line) <= DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS &&
+          count_waiting_bytes() + g_variant_get_size(call->wanted) <=
+              DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES);
 }
 
 gboolean
@@ -498,10 +499,10 @@ static gboolean on_step(gpointer);
 static void
 take_step()
 {
-  if (!go_on(static_cast<Call *>(g_queue_peek_head(&line)))) {
-    call_free(static_cast<Call *>(g_queue_pop_head(&line)));
+  if (!go_on(static_cast<Call *>(g_queue_peek_head(&call_line)))) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&call_line)));
   }
-  if (!g_queue_is_empty(&line)) {
+  if (!g_queue_is_empty(&call_line)) {
     step_id = producer_config_call_when_saved(on_step, nullptr);
   }
 }
@@ -525,19 +526,19 @@ line_up(Call *call)
     call_free(call);
     return;
   }
-  g_queue_push_tail(&line, call);
-  if (g_queue_get_length(&line) == 1) {
+  g_queue_push_tail(&call_line, call);
+  if (g_queue_get_length(&call_line) == 1) {
     take_step();
   }
 }
 
 /* What the calls have changed so far stays. */
 static void
-clear_line()
+clear_call_line()
 {
   g_clear_handle_id(&step_id, g_source_remove);
-  while (!g_queue_is_empty(&line)) {
-    call_free(static_cast<Call *>(g_queue_pop_head(&line)));
+  while (!g_queue_is_empty(&call_line)) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&call_line)));
   }
 }
 
@@ -615,7 +616,7 @@ leave_bus()
     return;
   }
 
-  clear_line();
+  clear_call_line();
   g_signal_handlers_disconnect_by_data(connection, &object_manager);
   g_dbus_object_manager_server_set_connection(object_manager, nullptr);
   if (manager_skeleton != nullptr) {

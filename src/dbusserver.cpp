@@ -17,7 +17,7 @@ constexpr const char *BUS_NAME = "com.quon.MetadataServer1";
 
 guint owner_id; /* 0 when the name is not asked for */
 
-GCancellable *lookup; /* cancels looking for the name's owner; NULL when the name is not asked for */
+GCancellable *owner_lookup; /* cancels looking for the name's owner; NULL when the name is not asked for */
 
 constexpr const char *NO_CONNECTION = "there is no connection to the system bus";
 
@@ -87,7 +87,7 @@ on_name_lost(GDBusConnection *connection, const gchar *, gpointer)
   }
   g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                          "GetNameOwner", g_variant_new("(s)", BUS_NAME), G_VARIANT_TYPE("(s)"),
-                         G_DBUS_CALL_FLAGS_NONE, -1, lookup, on_name_owner, nullptr);
+                         G_DBUS_CALL_FLAGS_NONE, -1, owner_lookup, on_name_owner, nullptr);
 }
 
 /**
@@ -110,7 +110,7 @@ dbus_server_init(AnalyticsProducerList *producers)
   g_return_if_fail(owner_id == 0);
 
   dbus_producer_manager_init(producers);
-  lookup = g_cancellable_new();
+  owner_lookup = g_cancellable_new();
   owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, on_bus_acquired,
                             on_name_acquired, on_name_lost, producers, nullptr);
 }
@@ -126,8 +126,8 @@ dbus_server_teardown(void)
   if (owner_id != 0) {
     g_bus_unown_name(owner_id);
     owner_id = 0;
-    g_cancellable_cancel(lookup);
-    g_clear_object(&lookup);
+    g_cancellable_cancel(owner_lookup);
+    g_clear_object(&owner_lookup);
   }
   dbus_producer_manager_teardown();
 }

@@ -29,14 +29,14 @@ struct DescriptorFilter {
 namespace
 {
 
-constexpr const char *RECEIVER_NAME = "com.quon.MetadataReceiver1";
+constexpr const char *STREAM_SERVICE_NAME = "com.quon.MetadataReceiver1";
 constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
 constexpr const char *STREAM_METHOD = "GetStreamFd";
 
 constexpr const char *DATA_KEY = "tessard-descriptor-filter";
 
 /* Of all connections. */
-RateLimitedLog refusals = RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US);
+RateLimitedLog refused_descriptors_log = RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US);
 
 constexpr const char *REFUSED_ERROR = "org.freedesktop.DBus.Error.NotSupported";
 
@@ -44,7 +44,7 @@ gboolean
 is_stream_call(GDBusMessage *message)
 {
   return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL &&
-         g_strcmp0(g_dbus_message_get_destination(message), RECEIVER_NAME) == 0 &&
+         g_strcmp0(g_dbus_message_get_destination(message), STREAM_SERVICE_NAME) == 0 &&
          g_strcmp0(g_dbus_message_get_interface(message), PRODUCER_INTERFACE) == 0 &&
          g_strcmp0(g_dbus_message_get_member(message), STREAM_METHOD) == 0;
 }
@@ -168,7 +168,8 @@ on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming
     send_answer(connection, answer);
   }
   if (passed != original) {
-    rate_limited_log(&refusals, LOG_WARNING, "refused file descriptors from %s: nobody asked for them",
+    rate_limited_log(&refused_descriptors_log, LOG_WARNING,
+                     "refused file descriptors from %s: nobody asked for them",
                      g_dbus_message_get_sender(original));
   }
   memory_hand_over_kept_blocks();

@@ -24,7 +24,7 @@ struct DescriptorReservation {
 namespace
 {
 
-GMutex lock;
+GMutex reserve_lock;
 guint64 reserved; /* by all reservations */
 
 int
@@ -49,7 +49,7 @@ are_free(guint64 count)
 gboolean
 reserve(guint count)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&reserve_lock);
 
   if (!are_free(reserved + count + DESCRIPTOR_RESERVE_SIZE)) {
     return FALSE;
@@ -95,7 +95,7 @@ descriptor_reservation_free(DescriptorReservation *self)
 {
   g_return_if_fail(self != NULL);
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&reserve_lock);
   reserved -= self->count;
   g_free(self);
 }

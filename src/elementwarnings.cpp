@@ -25,7 +25,7 @@ struct Kind {
 
 std::array<Kind, ELEMENT_WARNINGS_MAX_KINDS> kinds;
 
-RateLimitedLog others = RATE_LIMITED_LOG_INIT(ELEMENT_WARNINGS_INTERVAL_US);
+RateLimitedLog other_kinds = RATE_LIMITED_LOG_INIT(ELEMENT_WARNINGS_INTERVAL_US);
 
 /* An element's name would differ between clients. */
 const gchar *
@@ -55,7 +55,7 @@ find_log(const gchar *source, const GError *warning)
     }
   }
   if (idle == nullptr) {
-    return &others;
+    return &other_kinds;
   }
   idle->source = source;
   idle->domain = warning->domain;

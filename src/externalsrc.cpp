@@ -43,10 +43,10 @@ struct _ExternalSrc {
 typedef enum {
   PROP_NUM_SOCKETS = 1,
   PROP_VIDEO_CHANNEL,
-  N_PROPERTIES,
+  N_EXTERNAL_SRC_PROPERTIES,
 } ExternalSrcProperty;
 
-static std::array<GParamSpec *, N_PROPERTIES> properties;
+static std::array<GParamSpec *, N_EXTERNAL_SRC_PROPERTIES> external_src_properties;
 
 G_DEFINE_FINAL_TYPE(ExternalSrc, external_src, GST_TYPE_APP_SRC)
 
@@ -193,13 +193,14 @@ external_src_class_init(ExternalSrcClass *klass)
   GST_ELEMENT_CLASS(klass)->state_changed = external_src_state_changed;
   GST_BASE_SRC_CLASS(klass)->create = external_src_create;
 
-  properties[PROP_NUM_SOCKETS] =
+  external_src_properties[PROP_NUM_SOCKETS] =
       g_param_spec_uint("num-sockets", "Number of sockets", "Number of sockets to connected producers", 0,
                         G_MAXUINT, 0, static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
-  properties[PROP_VIDEO_CHANNEL] =
+  external_src_properties[PROP_VIDEO_CHANNEL] =
       g_param_spec_int("video-channel", "Videochannel", "Videochannel to get metadata for", 1, G_MAXINT, 1,
                        static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS));
-  g_object_class_install_properties(object_class, properties.size(), properties.data());
+  g_object_class_install_properties(object_class, external_src_properties.size(),
+                                    external_src_properties.data());
 }
 
 namespace

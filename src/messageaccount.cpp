@@ -51,7 +51,7 @@ struct MessageReader {
 namespace
 {
 
-GMutex lock;
+GMutex accounts_lock;
 
 /* All of it with the lock held. */
 struct Totals {
@@ -109,7 +109,7 @@ on_wake(gpointer user_data)
   Owners owners;
 
   {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
     totals.is_waking = FALSE;
     owners = take_those_that_may_begin();
   }
@@ -267,7 +267,7 @@ message_account_set_queued(MessageAccount *account, gsize bytes)
 {
   g_return_if_fail(account != NULL);
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
   set_count(account, &account->queued, bytes);
 }
 
@@ -281,7 +281,7 @@ message_account_set_queued(MessageAccount *account, gsize bytes)
 gsize
 message_account_get_total(void)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
 
   return totals.bytes;
 }
@@ -332,7 +332,7 @@ message_reader_free(MessageReader *reader)
 gboolean
 message_reader_may_begin(MessageReader *reader)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
 
   if (get_held(reader->account) > MESSAGE_ACCOUNT_CLIENT_LIMIT) {
     reader->account->is_paused = TRUE;
@@ -359,7 +359,7 @@ message_reader_may_begin(MessageReader *reader)
 void
 message_reader_begin(MessageReader *reader, gsize bytes)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
 
   set_unfinished(reader, bytes + MESSAGE_ACCOUNT_MESSAGE_OVERHEAD);
 }
@@ -373,7 +373,7 @@ message_reader_begin(MessageReader *reader, gsize bytes)
 void
 message_reader_end(MessageReader *reader)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
 
   set_unfinished(reader, 0);
 }
@@ -391,7 +391,7 @@ message_reader_stop(MessageReader *reader)
   GObject *owner = nullptr;
 
   {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
     set_unfinished(reader, 0);
     if (std::exchange(reader->is_waiting, FALSE)) {
       remove_from(&totals.waiting, reader);
@@ -414,7 +414,7 @@ message_reader_stop(MessageReader *reader)
 GObject *
 message_reader_take_excess(MessageReader *reader)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
   MessageReader *excess = find_excess(reader);
 
   if (excess == nullptr) {

@@ -12,7 +12,8 @@ namespace
 
 constexpr const char *NAME_CHARACTERS = G_CSET_A_2_Z G_CSET_a_2_z G_CSET_DIGITS "_";
 
-enum { NAME, NICE_NAME, CHANNELS, N_VALUES };
+/* Name, NiceName and SupportedChannels. */
+constexpr gsize N_VALUES = 3;
 
 } // namespace
 

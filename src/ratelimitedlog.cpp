@@ -19,7 +19,7 @@
 namespace
 {
 
-GMutex lock;
+GMutex log_lock;
 RateLimitedLog *used; /* those that have a state */
 
 struct Line {
@@ -110,7 +110,7 @@ take_last(RateLimitedLog *log, Line *line)
 gboolean
 admit(RateLimitedLog *log, Line *line)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&log_lock);
 
   note_use(log);
   if (log->begin_us == 0 || get_remaining_us(log) <= 0) {
@@ -131,7 +131,7 @@ admit(RateLimitedLog *log, Line *line)
 gboolean
 end_interval(RateLimitedLog *log, Line *line)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&log_lock);
 
   log->timeout_id = 0;
   if (log->last == nullptr) {
@@ -162,7 +162,7 @@ on_interval_over(gpointer user_data)
 gboolean
 reset_next(Line *line)
 {
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&log_lock);
   RateLimitedLog *log = used;
 
   if (log == nullptr) {
@@ -224,7 +224,7 @@ rate_limited_log_is_idle(RateLimitedLog *log)
 {
   g_return_val_if_fail(log != NULL, FALSE);
 
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&log_lock);
   return log->last == nullptr && (log->begin_us == 0 || get_remaining_us(log) <= 0);
 }
 

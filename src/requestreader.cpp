@@ -114,7 +114,7 @@ stop_reading(RequestReader *self)
 
 /* Without a condition when it is the deadline that has come. */
 gboolean
-on_ready(gint fd, GIOCondition condition, gpointer user_data)
+on_request_ready(gint fd, GIOCondition condition, gpointer user_data)
 {
   auto *self = static_cast<RequestReader *>(user_data);
 
@@ -155,7 +155,7 @@ request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc 
   self->text = g_byte_array_new();
   self->source = g_unix_fd_source_new(fd, CONDITION);
   g_source_set_ready_time(self->source, self->deadline);
-  g_source_set_callback(self->source, G_SOURCE_FUNC(on_ready), self, nullptr);
+  g_source_set_callback(self->source, G_SOURCE_FUNC(on_request_ready), self, nullptr);
   g_source_attach(self->source, nullptr);
   return self;
 }

@@ -39,9 +39,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace
-{
-
 struct ServerPrivate {
   GThreadPool *pool = nullptr;
   GIOChannel *channel = nullptr;
@@ -54,8 +51,6 @@ struct ServerPrivate {
   int spare_fd = -1;
 };
 
-} // namespace
-
 struct _Server {
   GObject parent_instance;
 
@@ -64,10 +59,10 @@ struct _Server {
 
 typedef enum {
   PROP_RUN_DIR = 1,
-  N_PROPERTIES,
+  N_SERVER_PROPERTIES,
 } ServerProperty;
 
-static std::array<GParamSpec *, N_PROPERTIES> properties;
+static std::array<GParamSpec *, N_SERVER_PROPERTIES> server_properties;
 
 G_DEFINE_FINAL_TYPE(Server, server, G_TYPE_OBJECT)
 
@@ -198,7 +193,7 @@ read_request_and_create_sources(Connection *connection, GIOChannel *channel, gch
     return nullptr;
   }
 
-  g_autoptr(HangUpWatch) watch = hang_up_watch_new(connection->fd);
+  g_autoptr(HangUpWatch) hang_up_watch = hang_up_watch_new(connection->fd);
   return create_sources(connection->server, params, g_cancellable_get_current(), failure);
 }
 
@@ -472,10 +467,10 @@ server_class_init(ServerClass *klass)
    *
    * The folder of the listening socket. Writes have no effect while the server runs; %NULL has none ever.
    */
-  properties[PROP_RUN_DIR] =
+  server_properties[PROP_RUN_DIR] =
       g_param_spec_string("run-dir", "Run directory", "Run directory", ".",
                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS));
-  g_object_class_install_properties(object_class, properties.size(), properties.data());
+  g_object_class_install_properties(object_class, server_properties.size(), server_properties.data());
 }
 
 namespace

@@ -1130,7 +1130,7 @@ TEST_F(DbusClientTest, StartsOnce)
 {
   start();
   dbus_client_init(producers_);
-  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"producers == NULL"}));
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"dbus_client.producers == NULL"}));
 }
 
 TEST_F(DbusClientTest, HandsOverAStream)
