@@ -1,25 +1,20 @@
 #include "receivercalls.h"
 
 #include "descriptorreserve.h"
-#include "systembus.h"
 #include "testbus.h"
 #include "testhost.h"
 #include "testreceiver.h"
 
 #include <algorithm>
 #include <functional>
-#include <optional>
 #include <string>
 #include <syslog.h>
 #include <utility>
 #include <vector>
 
-using testbus::Bus;
 using testhost::spin_until;
 using testhost::SyslogLines;
 using testhost::Texts;
-using testreceiver::Object;
-using testreceiver::Receiver;
 
 namespace
 {
@@ -66,42 +61,9 @@ struct Terms {
   const char *method = "GetStreamFd";
 };
 
-class ReceiverCallsTest : public testhost::Fixture
+class ReceiverCallsTest : public testreceiver::Fixture
 {
 protected:
-  static void SetUpTestSuite()
-  {
-    testbus::install();
-  }
-
-  void SetUp() override
-  {
-    Fixture::SetUp();
-    bus_.emplace();
-    receiver_.emplace();
-    connection_ = system_bus_get(nullptr, nullptr);
-  }
-
-  /* Without the bus all calls have ended. */
-  void TearDown() override
-  {
-    const testhost::Observed connection(connection_);
-
-    g_clear_object(&connection_);
-    receiver_.reset();
-    bus_.reset();
-    EXPECT_TRUE(spin_until([&connection] { return !connection.alive(); }));
-    Fixture::TearDown();
-  }
-
-  void add(const std::string &name, testbus::Answer stream_fd)
-  {
-    Object object = testreceiver::producer(name);
-
-    object.stream_fd = std::move(stream_fd);
-    receiver_->add(name, object);
-  }
-
   void call(Caller *caller, const std::string &name, GVariant *parameters = nullptr,
             const Terms &terms = {}) const
   {
@@ -111,10 +73,6 @@ protected:
 
     receiver_call(&call, Caller::on_end, caller, Caller::on_free);
   }
-
-  GDBusConnection *connection_ = nullptr;
-  std::optional<Bus> bus_;
-  std::optional<Receiver> receiver_;
 };
 
 testbus::Answer

@@ -1,24 +1,17 @@
 #include "receiverstream.h"
 
-#include "systembus.h"
-#include "testbus.h"
-#include "testhost.h"
 #include "testreceiver.h"
 
 #include <array>
 #include <fcntl.h>
-#include <optional>
 #include <string>
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
 
-using testbus::Bus;
 using testhost::spin_until;
-using testhost::SyslogLine;
 using testhost::SyslogLines;
 using testhost::Texts;
-using testreceiver::Receiver;
 
 namespace
 {
@@ -62,42 +55,9 @@ struct Stream {
   }
 };
 
-class ReceiverStreamTest : public testhost::Fixture
+class ReceiverStreamTest : public testreceiver::Fixture
 {
 protected:
-  static void SetUpTestSuite()
-  {
-    testbus::install();
-  }
-
-  void SetUp() override
-  {
-    Fixture::SetUp();
-    bus_.emplace();
-    receiver_.emplace();
-    connection_ = system_bus_get(nullptr, nullptr);
-  }
-
-  /* Without the bus all calls have ended. */
-  void TearDown() override
-  {
-    const testhost::Observed connection(connection_);
-
-    g_clear_object(&connection_);
-    receiver_.reset();
-    bus_.reset();
-    EXPECT_TRUE(spin_until([&connection] { return !connection.alive(); }));
-    Fixture::TearDown();
-  }
-
-  void add(testbus::Answer stream_fd)
-  {
-    testreceiver::Object object = testreceiver::producer("Faces");
-
-    object.stream_fd = std::move(stream_fd);
-    receiver_->add("Faces", object);
-  }
-
   /* With strings that live no longer than the call of the function. */
   void request(Stream *stream, GCancellable *cancellable = nullptr,
                GDestroyNotify free_func = Stream::on_free) const
@@ -113,10 +73,6 @@ protected:
 
     receiver_stream_request(&request, stream, free_func);
   }
-
-  GDBusConnection *connection_ = nullptr;
-  std::optional<Bus> bus_;
-  std::optional<Receiver> receiver_;
 };
 
 } // namespace
@@ -125,7 +81,7 @@ TEST_F(ReceiverStreamTest, HandsTheDescriptorOverOnTheMainThread)
 {
   std::array<int, 2> pipe = {-1, -1};
   ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
-  add(testreceiver::reply_with_fds("(handle 0,)", {pipe[0]}));
+  add("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe[0]}));
   Stream stream;
 
   std::thread([&] { request(&stream); }).join();
@@ -144,7 +100,7 @@ TEST_F(ReceiverStreamTest, HandsTheDescriptorOverOnTheMainThread)
 
 TEST_F(ReceiverStreamTest, HandsNoDescriptorOverWhenTheReplyHasNone)
 {
-  add(testbus::reply("(handle 0,)"));
+  add("Faces", testbus::reply("(handle 0,)"));
   Stream stream;
 
   request(&stream, nullptr, nullptr);
@@ -159,7 +115,7 @@ TEST_F(ReceiverStreamTest, HandsNoDescriptorOverWhenTheReplyHasNone)
 
 TEST_F(ReceiverStreamTest, ReleasesTheUserDataOfAFailedCall)
 {
-  add(testbus::refuse());
+  add("Faces", testbus::refuse());
   Stream stream;
 
   request(&stream);

@@ -1,22 +1,18 @@
 #include "receiverwatch.h"
 
-#include "systembus.h"
 #include "testbus.h"
 #include "testhost.h"
 #include "testreceiver.h"
 
 #include <gio/gio.h>
-#include <optional>
 #include <string>
 #include <syslog.h>
 #include <vector>
 
-using testbus::Bus;
 using testhost::spin_until;
 using testhost::SyslogLine;
 using testhost::SyslogLines;
 using testhost::Texts;
-using testreceiver::Receiver;
 
 namespace
 {
@@ -83,34 +79,15 @@ on_vanished()
 
 constexpr ReceiverWatchFuncs FUNCS = {on_added, on_removed, on_cut, on_changed, on_vanished};
 
-class ReceiverWatchTest : public testhost::Fixture
+class ReceiverWatchTest : public testreceiver::Fixture
 {
 protected:
-  static void SetUpTestSuite()
-  {
-    testbus::install();
-  }
-
-  void SetUp() override
-  {
-    Fixture::SetUp();
-    bus_.emplace();
-    receiver_.emplace();
-    connection_ = system_bus_get(nullptr, nullptr);
-  }
-
   void TearDown() override
   {
-    const testhost::Observed connection(connection_);
-
     receiver_watch_stop();
     heard.clear();
     waits_s.clear();
     is_impatient = false;
-    g_clear_object(&connection_);
-    receiver_.reset();
-    bus_.reset();
-    EXPECT_TRUE(spin_until([&connection] { return !connection.alive(); }));
     Fixture::TearDown();
   }
 
@@ -138,10 +115,6 @@ protected:
     EXPECT_EQ(heard, Texts({"+First 1"}));
     heard.clear();
   }
-
-  GDBusConnection *connection_ = nullptr;
-  std::optional<Bus> bus_;
-  std::optional<Receiver> receiver_;
 };
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "testreceiver.h"
 
+#include "systembus.h"
+
 #include <cstring>
 #include <gio/gunixfdlist.h>
 #include <gtest/gtest.h>
@@ -272,6 +274,42 @@ Receiver::send_signal(const std::string &path, const char *interface, const char
   if (service_.has_value()) {
     service_->send(message);
   }
+}
+
+void
+Fixture::SetUpTestSuite()
+{
+  testbus::install();
+}
+
+void
+Fixture::SetUp()
+{
+  testhost::Fixture::SetUp();
+  bus_.emplace();
+  receiver_.emplace();
+  connection_ = system_bus_get(nullptr, nullptr);
+}
+
+void
+Fixture::TearDown()
+{
+  const testhost::Observed connection(connection_);
+
+  g_clear_object(&connection_);
+  receiver_.reset();
+  bus_.reset();
+  EXPECT_TRUE(testhost::spin_until([&connection] { return !connection.alive(); }));
+  testhost::Fixture::TearDown();
+}
+
+void
+Fixture::add(const std::string &name, testbus::Answer stream_fd)
+{
+  Object object = producer(name);
+
+  object.stream_fd = std::move(stream_fd);
+  receiver_->add(name, object);
 }
 
 } // namespace testreceiver

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "testbus.h"
+#include "testhost.h"
 
 #include <map>
 #include <mutex>
@@ -89,6 +90,25 @@ private:
   std::vector<GDBusMessage *> held_;
   std::vector<std::string> calls_;
   std::optional<testbus::Service> service_;
+};
+
+/* A receiver on a bus of its own, and the daemon's connection to that bus. */
+class Fixture : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite();
+
+  void SetUp() override;
+
+  /* The connection goes with the bus, and all that waits for a reply with the connection. */
+  void TearDown() override;
+
+  /* Adds a producer with this answer to requests for its stream. */
+  void add(const std::string &name, testbus::Answer stream_fd);
+
+  GDBusConnection *connection_ = nullptr;
+  std::optional<testbus::Bus> bus_;
+  std::optional<Receiver> receiver_;
 };
 
 } // namespace testreceiver
