@@ -1,14 +1,13 @@
-/* Turns a request for analytics into one branch for all external producers that are enabled on a channel:
- * their streams come together in an ExternalSrc, and "json2xml" makes ONVIF of them. The built-in producers
- * have factories of their own.
+/* Makes one source of all external producers that are enabled on a channel for a request for analytics: an
+ * ExternalSrc merges their streams, and "json2xml" converts them to ONVIF. The built-in producers have
+ * factories of their own.
  *
- * A request only asks for the streams. They come later, on the main thread, each to the source that asked,
- * which every question keeps alive until its answer has come; a source that has stopped or left its bin by
- * then closes what it gets. Meanwhile one frame of the daemon's own lets the client's pipeline start, however
- * silent the producers are.
+ * A request only asks for the streams. The descriptors arrive later, on the main thread. Each pending stream
+ * request holds a reference to its ExternalSrc, which closes the descriptors that arrive after it has stopped
+ * or left its bin. Until the producers send, one frame of the daemon's own lets the client's pipeline
+ * pre-roll.
  *
- * The factory's field is written once, before the first request, so any number of requests may ask it at
- * once.
+ * The factory's field is written before the first request, so several requests can use it at once.
  */
 #include "externalsourcefactory.h"
 
@@ -39,14 +38,14 @@ G_DEFINE_TYPE_WITH_CODE(ExternalSourceFactory, external_source_factory, G_TYPE_O
 namespace
 {
 
-/* What goes from one producer to the next while a request connects them. */
+/* The stream requests of one client's request. */
 struct StreamRequests {
   ExternalSrc *source; /* borrowed */
   gint32 channel;
   guint count;
 };
 
-/* Without an element. */
+/* Sets the error and returns no element. */
 GstElement *
 fail_request(GError **error, const gchar *text)
 {
@@ -54,7 +53,7 @@ fail_request(GError **error, const gchar *text)
   return nullptr;
 }
 
-/* With a reference of the caller's own, like every element here. */
+/* Returns a full reference, as all functions here that make elements do. */
 ExternalSrc *
 make_external_source(gint32 channel, GError **error)
 {
@@ -64,7 +63,7 @@ make_external_source(gint32 channel, GError **error)
     fail_request(error, "Could not construct externalsrc.");
     return nullptr;
   }
-  /* A request may name channel 0, on which there is nothing; the property does not take it. */
+  /* A request can name channel 0, which has no producers; the property does not accept it. */
   if (channel > 0) {
     g_object_set(source, "video-channel", channel, nullptr);
   }
@@ -103,24 +102,24 @@ make_bin(ExternalSrc *source, gboolean exclude_polygon, GError **error)
   return g_steal_pointer(&bin);
 }
 
-/* On the main thread, with the descriptor that becomes the source's. */
+/* Hands a stream's descriptor to the source, on the main thread. */
 void
 on_fd(gint fd, const gchar *source_name, gpointer user_data)
 {
   external_src_add_socket(TESSARD_EXTERNAL_SRC(user_data), fd, source_name);
 }
 
-/* A producer whose stream cannot be asked for counts all the same: its client gets the others, and a stream
- * that stays open for those. */
+/* A producer whose stream cannot be requested counts too: the client then gets the other producers' data,
+ * over a stream that stays open. */
 void
 connect_producer(AnalyticsProducer *producer, gpointer user_data)
 {
-  auto *connection = static_cast<StreamRequests *>(user_data);
+  auto *requests = static_cast<StreamRequests *>(user_data);
   g_autofree gchar *source_name = nullptr;
   g_autofree gchar *name = nullptr;
   gint type = ANALYTICS_PRODUCER_BUILT_IN;
 
-  if (!analytics_producer_get_channel_enabled(producer, static_cast<guint32>(connection->channel),
+  if (!analytics_producer_get_channel_enabled(producer, static_cast<guint32>(requests->channel),
                                               &source_name)) {
     return;
   }
@@ -129,22 +128,22 @@ connect_producer(AnalyticsProducer *producer, gpointer user_data)
     return;
   }
 
-  connection->count++;
-  g_object_ref(connection->source);
-  if (!dbus_client_connect_producer(name, source_name, connection->channel,
-                                    external_src_get_cancellable(connection->source), on_fd,
-                                    connection->source, g_object_unref)) {
-    g_object_unref(connection->source);
+  requests->count++;
+  g_object_ref(requests->source);
+  if (!dbus_client_connect_producer(name, source_name, requests->channel,
+                                    external_src_get_cancellable(requests->source), on_fd, requests->source,
+                                    g_object_unref)) {
+    g_object_unref(requests->source);
   }
 }
 
 guint
 connect_producers(AnalyticsProducerList *producers, ExternalSrc *source, gint32 channel)
 {
-  StreamRequests connection = {source, channel, 0};
+  StreamRequests requests = {source, channel, 0};
 
-  analytics_producer_list_foreach(producers, connect_producer, &connection);
-  return connection.count;
+  analytics_producer_list_foreach(producers, connect_producer, &requests);
+  return requests.count;
 }
 
 void
@@ -180,7 +179,7 @@ create_external_source(SourceFactory *factory, GHashTable *params, GError **erro
   if (bin == nullptr) {
     return nullptr;
   }
-  /* Before anybody is asked: a producer may be quicker than this thread, and this frame is the first. */
+  /* Before the streams are requested, because this frame must be the first. */
   push_stream_start(source);
   if (connect_producers(self->producers, source, channel) == 0) {
     return nullptr;

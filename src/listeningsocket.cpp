@@ -26,9 +26,8 @@ is_activated_socket(gint fd, const gchar *path)
   return sd_is_socket_unix(fd, SOCK_STREAM, 1, path, 0) > 0;
 }
 
-/* With two sockets for one path the start fails. Each matching socket causes a close of @first_fd: the first
- * close succeeds, every further one fails and is logged, and the other sockets stay open. The process ends
- * after a failed start. */
+/* Closes the first socket once for every matching one (docs/compatibility.md, "several activated sockets").
+ * The start fails, and the process ends. */
 void
 refuse_activated_sockets(gint first_fd, gint end_fd, const gchar *path)
 {
@@ -65,8 +64,8 @@ bind_to_path(gint fd, const gchar *path)
 {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  /* The limit is one character below what the address holds. A longer path is bound under its truncated name;
-   * then chmod() of the whole path fails, and so does the start. */
+  /* docs/compatibility.md, "socket path length". A longer path is cut here, and setting the mode of the whole
+   * path then fails the start. */
   g_strlcpy(address.sun_path, path, sizeof address.sun_path - 1);
 
   return bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;

@@ -1,5 +1,5 @@
-/* Judges the parameters that several kinds of metadata have in common. The functions keep no state and write
- * nothing but their answer, the error and, for a bad value, a line of the log.
+/* Parses the parameters that several kinds of metadata share. The functions keep no state. A bad value sets
+ * the error and writes one line to the log.
  *
  * Texts: docs/compatibility.md, "blanks in texts".
  */
@@ -26,7 +26,7 @@ is_all_digits(std::string_view text)
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-/* strtol() as it is where a long has 32 bits, whatever it has here. */
+/* strtol() of a platform whose long has 32 bits. */
 gint32
 strtol_32(const gchar *text)
 {
@@ -57,7 +57,7 @@ parse_analytics(const gchar *value, GQuark domain, GError **error)
 /**
  * option_validation_error_quark:
  *
- * The domain of the errors about a channel and about analytics. All have code 0. Any thread.
+ * The domain of the errors about channels and analytics. All have code 0.
  *
  * Returns: the quark of "option_validation_error"
  */
@@ -72,8 +72,8 @@ option_validation_error_quark(void)
  * @value: (transfer none): the text of "video_channel"
  * @error: (out) (optional): where to put the failure, unset
  *
- * Reads a channel's number: decimal digits and nothing else. An empty text is channel 0. A bad text is logged
- * at warning priority as well. Any thread.
+ * Parses a channel's number: decimal digits only. An empty text means channel 0. A bad text is also logged at
+ * warning priority.
  *
  * Returns: the channel, or -1 with @error set in the domain of option_validation_error_quark()
  */
@@ -102,7 +102,7 @@ option_validation_parse_channel(const gchar *value, GError **error)
  * @channel: (out): where to put the channel; -1 when the request has no "video_channel"
  * @error: (out) (optional): where to put the failure, unset
  *
- * Parses the request's "video_channel" as option_validation_parse_channel() does. Any thread.
+ * Parses the request's "video_channel" as option_validation_parse_channel() does.
  *
  * Returns: whether it is absent or valid; %FALSE with @error set
  */
@@ -120,8 +120,7 @@ option_validation_lookup_named_channel(GHashTable *params, gint32 *channel, GErr
  * @params: (transfer none) (element-type utf8 utf8): the request's parameters
  * @error: (out) (optional): where to put the failure, unset
  *
- * Returns the channel of a request for analytics: its "video_channel", or %OPTION_VALIDATION_DEFAULT_CHANNEL.
- * Any thread.
+ * Finds the channel of a request for analytics: its "video_channel", or %OPTION_VALIDATION_DEFAULT_CHANNEL.
  *
  * Returns: the channel; -1 with the error of option_validation_parse_channel(), which has logged it
  */
@@ -142,7 +141,7 @@ option_validation_lookup_channel(GHashTable *params, GError **error)
  * @error: (out) (optional): where to put the failure, unset
  *
  * Parses the text; an absent one means %OPTION_VALIDATION_ANALYTICS_OFF. A bad text is also logged at warning
- * priority. Any thread.
+ * priority.
  *
  * Returns: an #OptionValidationAnalytics; %OPTION_VALIDATION_ANALYTICS_INVALID with @error set in the domain
  *   of option_validation_error_quark()
@@ -160,7 +159,7 @@ option_validation_parse_analytics(const gchar *value, GError **error)
  * @error: (out) (optional): where to put the failure, unset
  *
  * Parses the request's "analytics" as option_validation_parse_analytics() does, with an error in the caller's
- * domain. Any thread.
+ * domain.
  *
  * Returns: the value; %OPTION_VALIDATION_ANALYTICS_INVALID with @error set
  */

@@ -18,7 +18,7 @@ G_BEGIN_DECLS
  * @OPTION_VALIDATION_ANALYTICS_POLYGONS: objects with bounding boxes and polygons
  * @OPTION_VALIDATION_ANALYTICS_INVALID: the text is refused
  *
- * The values of the parameter "analytics".
+ * The values of the parameter "analytics". Any thread can call the functions of this component.
  */
 typedef enum {
   OPTION_VALIDATION_ANALYTICS_OFF = 0,

@@ -1,5 +1,5 @@
-/* Judges the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state and
- * write nothing but their answer, the error and, for a bad value, a line of the log.
+/* Parses the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state. A
+ * bad value sets the error and writes one line to the log.
  *
  * Texts: docs/compatibility.md, "blanks in texts".
  */
@@ -63,7 +63,7 @@ lookup_space(GHashTable *params, const gchar *key, const Digit &digit, gint32 *s
 /**
  * ptz_validation_error_quark:
  *
- * The domain of the errors about pan, tilt and zoom. All have code 0. Any thread.
+ * The domain of the errors about pan, tilt and zoom. All have code 0.
  *
  * Returns: the quark of "ptz_validation_error"
  */
@@ -79,7 +79,7 @@ ptz_validation_error_quark(void)
  * @error: (out) (optional): where to put the failure, unset
  *
  * Parses the text; an absent one means %PTZ_VALIDATION_PTZ_OFF. A bad text is also logged at warning
- * priority. Any thread.
+ * priority.
  *
  * Returns: a #PtzValidationPtz; %PTZ_VALIDATION_PTZ_INVALID with @error set in the domain of
  *   ptz_validation_error_quark()
@@ -98,7 +98,7 @@ ptz_validation_parse_ptz(const gchar *value, GError **error)
  * @value: (transfer none): the text of "ptz_pantilt_coordinate_space"
  * @error: (out) (optional): where to put the failure, unset
  *
- * Reads the coordinate space of pan and tilt. A bad text is logged at warning priority as well. Any thread.
+ * Parses the coordinate space of pan and tilt. A bad text is also logged at warning priority.
  *
  * Returns: 0 to 2, or -1 with @error set in the domain of ptz_validation_error_quark()
  */
@@ -113,7 +113,7 @@ ptz_validation_parse_ptz_pantilt(const gchar *value, GError **error)
  * @value: (transfer none): the text of "ptz_zoom_coordinate_space"
  * @error: (out) (optional): where to put the failure, unset
  *
- * Reads the coordinate space of zoom. A bad text is logged at warning priority as well. Any thread.
+ * Parses the coordinate space of zoom. A bad text is also logged at warning priority.
  *
  * Returns: 0 to 2, or -1 with @error set in the domain of ptz_validation_error_quark()
  */
@@ -128,7 +128,7 @@ ptz_validation_parse_ptz_zoom(const gchar *value, GError **error)
  * @params: (transfer none) (element-type utf8 utf8): the request's parameters
  * @error: (out) (optional): where to put the failure, unset
  *
- * Parses the request's "ptz" as ptz_validation_parse_ptz() does. Any thread.
+ * Parses the request's "ptz" as ptz_validation_parse_ptz() does.
  *
  * Returns: the value; %PTZ_VALIDATION_PTZ_INVALID with @error set
  */
@@ -146,7 +146,7 @@ ptz_validation_lookup_ptz(GHashTable *params, GError **error)
  * @error: (out) (optional): where to put the failure, unset
  *
  * Parses the request's coordinate spaces, that of pan and tilt first, up to the first bad one, as
- * ptz_validation_parse_ptz_pantilt() and ptz_validation_parse_ptz_zoom() do. Any thread.
+ * ptz_validation_parse_ptz_pantilt() and ptz_validation_parse_ptz_zoom() do.
  *
  * Returns: whether all of them are valid; %FALSE with @error set
  */

@@ -12,7 +12,7 @@ G_BEGIN_DECLS
  * @PTZ_VALIDATION_PTZ_POSITION: position
  * @PTZ_VALIDATION_PTZ_STATUS: status
  *
- * The values of the parameter "ptz".
+ * The values of the parameter "ptz". Any thread can call the functions of this component.
  */
 typedef enum {
   PTZ_VALIDATION_PTZ_INVALID = -1,

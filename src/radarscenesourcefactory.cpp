@@ -1,9 +1,8 @@
-/* Turns a request for analytics into the scenes of the radar motion tracker on one channel, and publishes the
- * tracker as a producer. It answers beside the factory of video scenes, and judges both of its parameters
- * first, also in a request that asks for no analytics.
+/* Makes a source of the radar motion tracker's scenes for a request for analytics, and publishes the tracker
+ * as a producer. A request can get both video and radar scenes. The two parameters are checked first, also
+ * for a request without analytics.
  *
- * The factory's field is written once, before the first request, so any number of requests may ask it at
- * once.
+ * The factory's field is written before the first request, so several requests can use it at once.
  */
 #include "radarscenesourcefactory.h"
 
@@ -68,7 +67,7 @@ constexpr const char *RADAR_NICE_NAME = "Quon radar motion tracker";
 constexpr const char RADAR_SAMPLE_FRAME[] = SCENE_SAMPLE_FRAME(RADAR_PRODUCER, RADAR_APPEARANCE);
 static_assert(sizeof RADAR_SAMPLE_FRAME - 1 == 2007);
 
-/* The runs of blanks inside are what is left of broken lines; clients know the texts so. */
+/* docs/compatibility.md, "blanks in texts". */
 constexpr SceneSourceKind RADAR_KIND = {
     .bin_name = "radarscenesrcfactorybin",
     .source = "radarscenesrc",
@@ -86,7 +85,7 @@ constexpr SceneSourceKind RADAR_KIND = {
     .no_ghost_pad = "Could not add ghost pad for radar metadata (analytics) stream.",
 };
 
-/* What the converter is told. */
+/* The converter's settings. */
 struct RadarSettings {
   gboolean polygon;
   guint32 rotation;
@@ -103,7 +102,7 @@ configure_radar_converter(GstElement *converter, gpointer user_data, GError **er
   return TRUE;
 }
 
-/* FALSE when the platform cannot be asked for a shortage of descriptors. */
+/* FALSE when too few descriptors are free for the query. */
 gboolean
 find_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
@@ -173,7 +172,7 @@ radar_scene_source_factory_iface_init(SourceFactoryInterface *iface)
  * radar_scene_source_factory_new:
  * @producers: (transfer none): the list to publish the radar motion tracker in; it outlives the factory
  *
- * The producer configuration has been set up. The producer stays in the list when the factory goes. Main
+ * Needs the producer configuration. The producer stays in the list when the factory is finalised. Main
  * thread.
  *
  * Returns: (transfer full): a new factory of radar scene sources

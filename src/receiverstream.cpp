@@ -66,7 +66,7 @@ take_stream_fd(GVariant *reply, GUnixFDList *fds)
     fd = g_unix_fd_list_get(fds, index, &error);
   }
   if (fd < 0) {
-    /* The line feed belongs to the text. */
+    /* docs/compatibility.md, "line feed in a line". */
     syslog(LOG_WARNING, "Failed to parse fd from variant: %s\n",
            error != nullptr ? error->message : "the reply holds no such descriptor");
   }

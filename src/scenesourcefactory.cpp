@@ -1,13 +1,12 @@
-/* Turns a request for analytics into the scenes of the video motion tracker on one channel, and publishes the
- * tracker as a producer.
+/* Makes a source of the video motion tracker's scenes for a request for analytics, and publishes the tracker
+ * as a producer.
  *
- * A request is judged before anything is waited for: its parameters in a fixed order, then whether the
- * tracker is enabled on its channel. Only then does it wait for a scene provider, and only then does it ask
- * the bus. The factory's fields are written once, before the first request, so any number of requests may ask
- * it at once, and each waits for itself.
+ * A request's parameters are checked first, in a fixed order, then whether the tracker is enabled on the
+ * channel. Only then does the request wait for a scene provider, and after that query the bus. The factory's
+ * fields are written before the first request, so several requests can use it at once; each waits for itself.
  *
- * The wait ends with a provider, at its deadline, with a shortage of descriptors, or when the current
- * GCancellable of the calling thread is cancelled. Resting takes no descriptor: the cancellation wakes a
+ * The wait ends with a provider, at the deadline, with a shortage of descriptors, or when the calling
+ * thread's current GCancellable is cancelled. Waiting takes no descriptor: the cancellation signals a
  * condition.
  */
 #include "scenesourcefactory.h"
@@ -69,7 +68,7 @@ struct Request {
   PtzValidationSpaces spaces;
 };
 
-/* What the converter is told. */
+/* The converter's settings. */
 struct Settings {
   const Request *request;
   gint32 ptz_move_capabilities;
@@ -97,7 +96,7 @@ parse_request(GHashTable *params, Request *request, GError **error)
          ptz_validation_lookup_spaces(params, &request->spaces, error);
 }
 
-/* Lets the calling thread rest until a point in time or the cancellation. */
+/* Lets the calling thread sleep until a point in time or the cancellation. */
 class Rest
 {
 public:
@@ -155,8 +154,7 @@ milliseconds_until(gint64 deadline_us)
   return static_cast<gint>(left_us / G_TIME_SPAN_MILLISECOND);
 }
 
-/* Keeps the calling thread until its deadline at most. FALSE without an error when nobody has come by then.
- */
+/* Waits for a scene provider. FALSE without an error when there is none at the deadline. */
 gboolean
 wait_for_scene_provider(SceneRunningFunc scene_running_func, GError **error)
 {
@@ -186,7 +184,7 @@ wait_for_scene_provider(SceneRunningFunc scene_running_func, GError **error)
   return FALSE;
 }
 
-/* A converter that has no PTZ to offer does not take the property. */
+/* A converter without PTZ refuses the property. */
 gboolean
 activate_ptz(GstElement *converter, const Request *request, GError **error)
 {
@@ -280,9 +278,9 @@ scene_source_factory_iface_init(SourceFactoryInterface *iface)
  * scene_source_factory_new:
  * @producers: (transfer none): the list to publish the video motion tracker in; it outlives the factory
  * @ptz_move_capabilities: what the PTZ driver can move, 0 when unknown
- * @scene_running_func: tells whether a scene provider is running
+ * @scene_running_func: whether a scene provider is running
  *
- * The producer configuration has been set up. The producer stays in the list when the factory goes. Main
+ * Needs the producer configuration. The producer stays in the list when the factory is finalised. Main
  * thread.
  *
  * Returns: (transfer full): a new factory of scene sources
