@@ -1,12 +1,12 @@
-/* Bounds how many clients stream at once, so that a program that connects without end cannot take all that
- * the machine has, and keeps some of that room for the users of other programs.
+/* Limits how many clients stream at once, and keeps part of the places for users who have none. A program
+ * that connects without end cannot use up the machine or shut the users of other programs out.
  *
- * A client's request takes a place before anything of a pipeline is made, and gives it back when the last of
- * the pipeline has gone. A user that holds no place takes any free one. A user that holds one takes another
- * only while more than CLIENT_PLACES_KEPT are free. So a single user holds all but these at most, and each of
- * as many others is still served once.
+ * A client's request takes a place before any part of its pipeline is made, and the place is free again when
+ * the pipeline has gone. A user without a place can take any free one. A user with a place can take another
+ * only while more than CLIENT_PLACES_KEPT are free. So one user can hold all places but these, and as many
+ * other users still get one each.
  *
- * The places of the process are one account, like the descriptors that they stand for.
+ * The process has one account of places, as it has one of descriptors.
  */
 #include "clientplaces.h"
 
@@ -21,10 +21,10 @@ namespace
 {
 
 GMutex places_lock;
-std::array<uid_t, CLIENT_PLACES> holders; /* the first @taken */
+std::array<uid_t, CLIENT_PLACES> holders; /* the first @taken entries are in use */
 gsize taken;
 
-/* With the lock held. */
+/* Called with the lock held. */
 gboolean
 may_take(uid_t user)
 {
@@ -49,12 +49,12 @@ take(uid_t user)
 
 /**
  * client_place_new:
- * @user: whose client it is
+ * @user: the client's user
  *
- * Takes a place. Any thread.
+ * Takes a place.
  *
  * Returns: (transfer full) (nullable): the place, to be freed when the client's pipeline has gone; %NULL when
- *   @user can have none
+ *   no place is left for @user
  */
 ClientPlace *
 client_place_new(uid_t user)
@@ -72,7 +72,7 @@ client_place_new(uid_t user)
  * client_place_free:
  * @self: (transfer full): a place
  *
- * Gives the place back. Any thread.
+ * Gives the place back.
  *
  * Warnings: "self != NULL" is a precondition.
  */

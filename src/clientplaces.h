@@ -15,14 +15,14 @@ G_BEGIN_DECLS
 /**
  * CLIENT_PLACES_KEPT:
  *
- * How many of the places are kept for users that hold none.
+ * How many of the places are kept for users without one.
  */
 #define CLIENT_PLACES_KEPT 32
 
 /**
  * ClientPlace:
  *
- * One user's right to have a client stream.
+ * One user's right to one streaming client. Any thread can call the functions of this component.
  */
 typedef struct ClientPlace ClientPlace;
 

@@ -9,36 +9,36 @@ G_BEGIN_DECLS
 /**
  * DBUS_CLIENT_MAX_OBJECTS:
  *
- * How many of the receiver's objects are known at a time.
+ * How many of the receiver's objects are in the table at a time.
  */
 #define DBUS_CLIENT_MAX_OBJECTS 1024
 
 /**
  * DBUS_CLIENT_MAX_PRODUCERS:
  *
- * How many of the known objects are producers, or are about to be; the others wait until one of these goes.
+ * How many of these objects are producers or become producers; the others wait until one of these leaves.
  */
 #define DBUS_CLIENT_MAX_PRODUCERS 96
 
 /**
  * DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES:
  *
- * The length of a sample frame, in JSON.
+ * The longest length of a sample frame in JSON.
  */
 #define DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES 1048576
 
 /**
  * DBUS_CLIENT_MAX_XML_BYTES:
  *
- * The length of a sample frame, in XML.
+ * The longest length of a sample frame in XML.
  */
 #define DBUS_CLIENT_MAX_XML_BYTES 262144
 
 /**
  * DBUS_CLIENT_MAX_XML_BYTES_IN_ALL:
  *
- * The length of all listed producers' sample frames in XML together. One message of the control service holds
- * all of them, and the bus disconnects whoever sends a message of more than 32 MiB.
+ * The longest length of all listed producers' sample frames in XML together. One message of the control
+ * service has all of them, and the bus disconnects the sender of a message of more than 32 MiB.
  */
 #define DBUS_CLIENT_MAX_XML_BYTES_IN_ALL 8388608
 
@@ -48,7 +48,7 @@ G_BEGIN_DECLS
  * @source_name: (transfer none): what dbus_client_connect_producer() was given
  * @user_data: what dbus_client_connect_producer() was given
  *
- * Called in the main thread.
+ * Called on the main thread.
  */
 typedef void (*DbusClientFdFunc)(gint fd, const gchar *source_name, gpointer user_data);
 

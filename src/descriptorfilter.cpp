@@ -1,16 +1,16 @@
-/* Keeps file descriptors out that others attach to messages. The kernel installs them in the daemon as soon
- * as a message is read, whoever sent it, and a message that waits for the main loop keeps them: a few peers
- * could take all that the daemon may have. No call that the daemon serves and no signal that it listens to
- * carries any, so only one kind of message may: the reply to a call for a stream of the metadata receiver.
+/* Refuses file descriptors that peers attach to messages. The kernel installs them in the daemon as soon as a
+ * message is read, whoever sent it, and a message that waits for the main loop keeps them, so a few peers
+ * could use up the daemon's descriptors. No call that the daemon serves and no signal that it subscribes to
+ * has descriptors. Only one kind of message may have one: the reply to a stream request of the daemon's own.
  *
- * Such a reply is known by the serial of the call. Its sender needs no check: the bus passes a reply on only
- * from the peer that got the call, unless its policy allows replies that nobody asked for, and then GDBus,
- * which goes by the serial too, would take the reply anyway. The first reply ends the call, so what comes
- * through is never more than one message a call.
+ * Such a reply is identified by the serial of the call. Its sender is not checked: the bus delivers replies
+ * only from the peer that got the call, unless its policy allows unrequested replies, and then GDBus, which
+ * uses the serial too, would accept the reply anyway. The first reply ends the call, so at most one message
+ * passes for each call.
  *
- * Everything here but the life of a filter is for GDBus' own thread: it reads and writes all messages of all
- * connections, so there is no lock. A refused message's descriptors are closed there, when GDBus releases it
- * right behind the filter.
+ * Everything except the life of a filter runs on GDBus' own thread, which reads and writes the messages of
+ * all connections. So there is no lock. The descriptors of a refused message are closed on that thread too,
+ * when GDBus releases the message after the filter.
  */
 #include "descriptorfilter.h"
 
@@ -23,7 +23,7 @@
 #include <vector>
 
 struct DescriptorFilter {
-  std::vector<guint32> stream_calls; /* serials of those without a reply, the oldest first */
+  std::vector<guint32> stream_calls; /* serials of the calls without a reply, the oldest first */
 };
 
 namespace
@@ -35,7 +35,7 @@ constexpr const char *STREAM_METHOD = "GetStreamFd";
 
 constexpr const char *DATA_KEY = "tessard-descriptor-filter";
 
-/* Of all connections. */
+/* For all connections. */
 RateLimitedLog refused_descriptors_log = RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US);
 
 constexpr const char *REFUSED_ERROR = "org.freedesktop.DBus.Error.NotSupported";
@@ -49,7 +49,7 @@ is_stream_call(GDBusMessage *message)
          g_strcmp0(g_dbus_message_get_member(message), STREAM_METHOD) == 0;
 }
 
-/* A peer may send a type that the enumeration cannot hold. */
+/* A peer can send a type that the enumeration does not have. */
 gboolean
 is_reply(GDBusMessage *message)
 {
@@ -58,7 +58,7 @@ is_reply(GDBusMessage *message)
   return type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR;
 }
 
-/* GLib has no list when none could be installed for lack of free numbers; the header still announces them. */
+/* Without free descriptor numbers GLib has no list; the header still has the count. */
 gboolean
 has_descriptors(GDBusMessage *message)
 {
@@ -68,7 +68,7 @@ has_descriptors(GDBusMessage *message)
          (fds != nullptr && g_unix_fd_list_get_length(fds) > 0);
 }
 
-/* The bus tells when the peer of an open call leaves, but a peer that stays may never reply. */
+/* The bus ends the call of a peer that leaves, but a peer that stays may never reply. */
 void
 note_stream_call(DescriptorFilter *filter, guint32 serial)
 {
@@ -78,7 +78,7 @@ note_stream_call(DescriptorFilter *filter, guint32 serial)
   filter->stream_calls.push_back(serial);
 }
 
-/* Whether it was open. */
+/* Returns whether the call had no reply yet. */
 gboolean
 end_stream_call(DescriptorFilter *filter, guint32 serial)
 {
@@ -91,7 +91,7 @@ end_stream_call(DescriptorFilter *filter, guint32 serial)
   return TRUE;
 }
 
-/* Also notes that a call for a stream has its reply. */
+/* Also ends the stream call that the message replies to. */
 gboolean
 may_pass(DescriptorFilter *filter, GDBusMessage *message)
 {
@@ -102,7 +102,7 @@ may_pass(DescriptorFilter *filter, GDBusMessage *message)
          (ends_call && g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
 }
 
-/* The bus ends the connection of who sends an answer without a serial or to no possible name. */
+/* The bus disconnects a peer that replies without a serial or to an impossible name. */
 gboolean
 wants_answer(GDBusMessage *message)
 {
@@ -135,7 +135,7 @@ new_answer(GDBusMessage *call)
   return answer;
 }
 
-/* What comes in place of a reply, so that nobody waits for one. */
+/* Makes the failure that replaces a refused reply, so that the caller does not wait. */
 GDBusMessage *
 new_failed_reply(GDBusMessage *reply)
 {
@@ -179,7 +179,7 @@ on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming
 /**
  * descriptor_filter_new:
  *
- * A filter for the messages of one connection, of which it has seen none. Any thread.
+ * Makes a filter for the messages of a new connection. Any thread.
  *
  * Returns: (transfer full): the filter, for descriptor_filter_free()
  */
@@ -193,7 +193,7 @@ descriptor_filter_new(void)
  * descriptor_filter_free:
  * @filter: (transfer full): a filter
  *
- * Any thread, when no other uses the filter.
+ * Frees a filter that no other thread uses. Any thread.
  */
 void
 descriptor_filter_free(DescriptorFilter *filter)
@@ -206,14 +206,14 @@ descriptor_filter_free(DescriptorFilter *filter)
  * @filter: (transfer none): the connection's filter
  * @message: (transfer full): the connection's next message, which may be locked
  * @incoming: whether it was received; otherwise it is about to be sent
- * @answer: (out) (transfer full) (nullable): what to send to the sender of @message
+ * @answer: (out) (transfer full) (nullable): the reply to the sender of @message
  *
- * Decides what becomes of a message. What is sent passes as it is. So does what is received, unless it has
- * descriptors and is not the reply to a call for a stream that passed before: then a reply becomes a failure
- * of the same call, and everything else is dropped, a call that wants a reply with @answer. One thread at a
- * time.
+ * Passes or refuses a message. Sent messages pass. Received messages pass too, unless they have descriptors
+ * and are not the reply to a stream call that has passed. A refused reply is replaced by a failure of the
+ * same call; other refused messages are dropped, and a call that expects a reply gets @answer. One thread at
+ * a time.
  *
- * Returns: (transfer full) (nullable): the message to go on with; %NULL when there is none
+ * Returns: (transfer full) (nullable): the message that passes; %NULL when it is dropped
  */
 GDBusMessage *
 descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean incoming,
@@ -238,20 +238,20 @@ descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean
 
 /**
  * descriptor_filter_add:
- * @connection: (transfer none): a connection to a bus that has no such filter yet
+ * @connection: (transfer none): a connection to a bus, without a filter
  *
- * Puts every message of the connection through a filter, as long as the connection lives. Any thread.
+ * Filters all messages of the connection for as long as it lives. Any thread.
  *
  * Warnings, on GDBus' thread, at most one each %DESCRIPTOR_FILTER_LOG_INTERVAL_US: "refused file descriptors
- * from %s: nobody asked for them", with the count of those that were left out
+ * from %s: nobody asked for them", with the count of the lines that were left out
  */
 void
 descriptor_filter_add(GDBusConnection *connection)
 {
   DescriptorFilter *filter = descriptor_filter_new();
 
-  /* The connection outlives every call of the filter. A filter's own release function would need somebody who
-   * runs this thread's main context behind the end of the connection. */
+  /* The connection outlives all calls of the filter. GDBus would call a release function of the filter in
+   * this thread's main context, which may not run any more when the connection ends. */
   g_object_set_data_full(G_OBJECT(connection), DATA_KEY, filter, [](gpointer data) {
     descriptor_filter_free(static_cast<DescriptorFilter *>(data));
   });

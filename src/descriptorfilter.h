@@ -7,22 +7,22 @@ G_BEGIN_DECLS
 /**
  * DESCRIPTOR_FILTER_MAX_CALLS:
  *
- * How many calls for a stream of a connection may wait for their descriptor. As many as dbus-daemon lets a
- * connection have open by default; of more, the oldest one gets no descriptor any more.
+ * How many stream calls of a connection can wait for their descriptor: the number of open calls that the bus
+ * allows a connection by default. With more, the reply to the oldest call is refused.
  */
 #define DESCRIPTOR_FILTER_MAX_CALLS 128
 
 /**
  * DESCRIPTOR_FILTER_LOG_INTERVAL_US:
  *
- * How long a line about refused descriptors keeps the next one back, in microseconds.
+ * The shortest time between two lines about refused descriptors, in microseconds.
  */
 #define DESCRIPTOR_FILTER_LOG_INTERVAL_US G_TIME_SPAN_SECOND
 
 /**
  * DescriptorFilter:
  *
- * What a connection's filter remembers between two messages. One thread at a time.
+ * The state of a connection's filter. One thread at a time.
  */
 typedef struct DescriptorFilter DescriptorFilter;
 

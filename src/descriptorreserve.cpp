@@ -1,16 +1,16 @@
-/* Keeps file descriptors free for what must not fail.
+/* Keeps file descriptors free for operations that must not fail.
  *
  * GLib ends the process when it cannot make a main context, which takes a descriptor, and clients and
- * producers decide how many descriptors the daemon needs. So code that opens descriptors on behalf of others,
- * or makes a main context, reserves them first. A reservation succeeds only if DESCRIPTOR_RESERVE_SIZE
- * descriptors stay free beyond everything that is reserved.
+ * producers decide how many descriptors the daemon needs. Code that opens descriptors for them, or makes a
+ * main context, therefore reserves descriptors first. A reservation succeeds only if DESCRIPTOR_RESERVE_SIZE
+ * descriptors stay free beyond all reserved ones.
  *
- * A reservation lasts while its holder opens descriptors. Once they are open they count as used, and the
- * holder frees the reservation. Until then an opened descriptor counts twice: the sum is never too low.
+ * A reservation lasts while its holder opens descriptors. Then the descriptors count as used, and the holder
+ * frees the reservation. In between an open descriptor counts twice, so the sum is never too low.
  *
- * The kernel is asked which descriptors are open, because elements of the platform open descriptors that
- * nobody here sees. Looking needs no descriptor. It begins at the highest number, where descriptors are free
- * as long as there are many.
+ * The kernel is asked which descriptors are open, because platform elements open descriptors without a
+ * reservation. Asking takes no descriptor. It begins at the highest number: while there are many free
+ * descriptors, they are there.
  */
 #include "descriptorreserve.h"
 
@@ -25,7 +25,7 @@ namespace
 {
 
 GMutex reserve_lock;
-guint64 reserved; /* by all reservations */
+guint64 reserved; /* the sum of all reservations */
 
 int
 get_limit()
@@ -36,7 +36,7 @@ get_limit()
   return static_cast<int>(MIN(limit.rlim_cur, static_cast<rlim_t>(G_MAXINT)));
 }
 
-/* F_GETFD succeeds for every open descriptor, also for one that can be neither read nor polled. */
+/* F_GETFD succeeds for all open descriptors, including those that cannot be read or polled. */
 gboolean
 are_free(guint64 count)
 {
@@ -62,11 +62,10 @@ reserve(guint count)
 
 /**
  * descriptor_reservation_new:
- * @count: how many descriptors are about to be opened at most; with 0 the reserve is only looked at
+ * @count: the largest number of descriptors that the caller opens; 0 only checks the reserve
  * @error: (out) (optional): where to put the failure
  *
- * Reserves descriptors, if the reserve stays untouched. Takes microseconds while descriptors abound. Any
- * thread.
+ * Reserves descriptors if the reserve stays untouched. Takes microseconds while many are free.
  *
  * Returns: (transfer full) (nullable): the reservation, to be freed once the descriptors are open or not
  *   needed; %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when too few are free
@@ -88,7 +87,7 @@ descriptor_reservation_new(guint count, GError **error)
  * descriptor_reservation_free:
  * @self: (transfer full): a reservation
  *
- * Gives the reserved descriptors back. Any thread.
+ * Gives the reserved descriptors back.
  */
 void
 descriptor_reservation_free(DescriptorReservation *self)

@@ -7,14 +7,14 @@ G_BEGIN_DECLS
 /**
  * DESCRIPTOR_RESERVE_SIZE:
  *
- * How many file descriptors stay free, whatever is reserved: for the bus, the producers' file and the log.
+ * How many file descriptors always stay free, for the bus, the producers' file and the log.
  */
 #define DESCRIPTOR_RESERVE_SIZE 32
 
 /**
  * DescriptorReservation:
  *
- * File descriptors that are promised to somebody who is about to open them.
+ * Descriptors that the holder is about to open. Any thread can call the functions of this component.
  */
 typedef struct DescriptorReservation DescriptorReservation;
 

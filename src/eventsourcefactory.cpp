@@ -1,5 +1,5 @@
-/* Turns a request for events into one "onvifeventsrc" element. The factory has no state, so any number of
- * requests may ask it at once.
+/* Makes an "onvifeventsrc" element for a request for events. The factory has no state, so several requests
+ * can use it at once.
  */
 #include "eventsourcefactory.h"
 
@@ -19,7 +19,7 @@ G_DEFINE_TYPE_WITH_CODE(EventSourceFactory, event_source_factory, G_TYPE_OBJECT,
 namespace
 {
 
-/* Whether the request asks for events. FALSE with @error set when "event" is neither on nor off. */
+/* Returns whether the request asks for events; FALSE with @error set for a bad value of "event". */
 gboolean
 wants_events(GHashTable *params, GError **error)
 {
@@ -36,8 +36,8 @@ wants_events(GHashTable *params, GError **error)
   return TRUE;
 }
 
-/* Undoes backslash escapes. A lone backslash at the end escapes nothing: g_strcompress() drops it with a
- * warning, and any client can send one, so it is dropped before. */
+/* Decodes backslash escapes. Any client can send a lone backslash at the end, which g_strcompress() drops
+ * with a warning, so it is removed before. */
 gchar *
 unescape(const gchar *escaped)
 {
@@ -48,7 +48,7 @@ unescape(const gchar *escaped)
   return g_strcompress(complete);
 }
 
-/* Hands one filter of the request to the element. Absent, the element keeps its own default. */
+/* Sets one filter of the request. An absent one leaves the element's default. */
 void
 set_filter(GstElement *source, const gchar *property, GHashTable *params, const gchar *key)
 {
@@ -57,7 +57,7 @@ set_filter(GstElement *source, const gchar *property, GHashTable *params, const 
     return;
   }
 
-  /* A header line cannot carry a line break, so filters travel with backslash escapes. */
+  /* A header line cannot contain a line break, so filters have backslash escapes. */
   g_autofree gchar *filter = unescape(escaped);
   g_object_set(source, property, filter, nullptr);
 }
@@ -101,7 +101,7 @@ event_source_factory_iface_init(SourceFactoryInterface *iface)
 /**
  * event_source_factory_new:
  *
- * Any thread.
+ * Makes a factory. Any thread.
  *
  * Returns: (transfer full): a new factory of event sources
  */

@@ -1,12 +1,12 @@
-/* Tells a thread that waits on behalf of a client when that client has hung up.
+/* Tells a thread that works for a client when the client has hung up.
  *
- * The thread has a cancellable as its current one while it works for the client. The functions that it calls
- * can check that cancellable: a source factory knows no clients. The main loop watches the descriptor and
- * cancels. A client that ends its writing half only is still there and is waiting for its reply.
+ * The watch makes a cancellable the thread's current one, where the functions that the thread calls can find
+ * it: a source factory knows no clients. The main loop watches the descriptor and cancels. A client that ends
+ * only its writing half has not hung up; it waits for its reply.
  *
- * The main loop's callback holds a reference to the cancellable and touches nothing else. So a watch may go
- * at any time, on the thread that it is for, while the callback runs; the descriptor may be closed right
- * afterwards, and its number be another client's.
+ * The main loop's callback holds a reference to the cancellable and uses nothing else. The watch can
+ * therefore be freed on its own thread while the callback runs. Afterwards the descriptor may be closed at
+ * once and its number become another client's.
  */
 #include "hangupwatch.h"
 
@@ -32,10 +32,10 @@ on_hang_up(gint fd, GIOCondition condition, gpointer user_data)
 
 /**
  * hang_up_watch_new:
- * @fd: a client's connected stream socket, which has to stay open as long as the watch is there
+ * @fd: a client's connected stream socket; open for as long as the watch lives
  *
- * Makes a new cancellable the calling thread's current one, and has the main loop cancel it when the client
- * hangs up. Any thread.
+ * Makes a new cancellable the calling thread's current one. The main loop cancels it when the client hangs
+ * up. Any thread.
  *
  * Returns: (transfer full): the watch, to be freed by the calling thread
  */
@@ -57,8 +57,8 @@ hang_up_watch_new(int fd)
  * hang_up_watch_free:
  * @self: (transfer full): the watch that the calling thread made last
  *
- * Ends the watch and makes the thread's former cancellable its current one again. The thread that made
- * @self.
+ * Ends the watch and makes the thread's previous cancellable its current one again. Called on the thread that
+ * made @self.
  *
  * Warnings: "self != NULL" is a precondition.
  */
@@ -78,9 +78,9 @@ hang_up_watch_free(HangUpWatch *self)
  * hang_up_watch_is_gone:
  * @fd: a client's connected stream socket
  *
- * Looks once, without waiting. Any thread.
+ * Checks without waiting. Any thread.
  *
- * Returns: %TRUE when the client has hung up; %FALSE also when it has ended its writing half alone
+ * Returns: whether the client has hung up; a client that has ended only its writing half has not
  */
 gboolean
 hang_up_watch_is_gone(int fd)

@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * HangUpWatch:
  *
- * Cancels what a thread does for a client when that client hangs up.
+ * Cancels a thread's work for a client when the client hangs up.
  */
 typedef struct HangUpWatch HangUpWatch;
 

@@ -1,6 +1,6 @@
 /* The properties of an external producer, as the metadata receiver announces them on the bus. Type and length
- * of each value are checked when it arrives. A value that fails the check is dropped, and the reason is kept
- * in its place: so an announced object costs a bounded amount of memory, whatever is said of it.
+ * of each value are checked when it arrives. A value that fails the check is dropped and its problem is kept,
+ * so that an announced object takes a bounded amount of memory.
  */
 #include "producerproperties.h"
 
@@ -39,7 +39,7 @@ is_of_type(GVariant *value, const gchar *type)
   return value != nullptr && g_variant_is_of_type(value, G_VARIANT_TYPE(type));
 }
 
-/* These three take a value over, %NULL for one that there is none of, and return what is wrong with it. */
+/* The next three functions store a value, or NULL for an absent one, and return its problem or NULL. */
 const gchar *
 take_name(ProducerProperties *self, GVariant *value)
 {
@@ -97,7 +97,7 @@ struct Property {
   const gchar *(*take)(ProducerProperties *self, GVariant *value);
 };
 
-/* In the order in which their problems count. */
+/* In the order in which their problems are reported. */
 constexpr std::array<Property, N_VALUES> PROPERTIES = {{
     {"Name", take_name},
     {"NiceName", take_nice_name},
@@ -141,9 +141,9 @@ producer_properties_free(ProducerProperties *self)
  * producer_properties_change:
  * @self: (transfer none): the properties
  * @changed: (transfer none): an a{sv} with new values
- * @invalidated: (transfer none) (array zero-terminated=1): the names of values that are not known any more
+ * @invalidated: (transfer none) (array zero-terminated=1): the names of values that became invalid
  *
- * Follows a change. Names that are none of a producer's are ignored.
+ * Applies a change. Ignores names that a producer does not have.
  */
 void
 producer_properties_change(ProducerProperties *self, GVariant *changed, const gchar *const *invalidated)
@@ -160,8 +160,8 @@ producer_properties_change(ProducerProperties *self, GVariant *changed, const gc
  * producer_properties_get_problem:
  * @self: (transfer none): the properties
  *
- * Returns: (transfer none) (nullable): why they make no producer, a static text for the log; %NULL when they
- *   do
+ * Returns: (transfer none) (nullable): why the object is not a producer, a static text for the log; %NULL
+ * when it is
  */
 const gchar *
 producer_properties_get_problem(const ProducerProperties *self)

@@ -28,7 +28,7 @@ G_BEGIN_DECLS
 /**
  * ProducerProperties:
  *
- * What the metadata receiver says of one producer.
+ * The announced properties of one producer.
  */
 typedef struct ProducerProperties ProducerProperties;
 

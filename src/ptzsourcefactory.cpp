@@ -1,4 +1,4 @@
-/* Turns a request for pan, tilt and zoom into one "statuscacheptzsrc" element. The factory's only field is
+/* Makes a "statuscacheptzsrc" element for a request for pan, tilt and zoom. The factory's only field is
  * written before the factory is shared, so any number of requests may ask it at once.
  */
 #include "ptzsourcefactory.h"
@@ -79,9 +79,9 @@ ptz_source_factory_iface_init(SourceFactoryInterface *iface)
 
 /**
  * ptz_source_factory_new:
- * @ptz_move_capabilities: what the camera's head can move, as its driver says it; 0 if that is not known
+ * @ptz_move_capabilities: the movements of the camera's head, as its driver reports them; 0 when unknown
  *
- * Any thread.
+ * Makes a factory. Any thread.
  *
  * Returns: (transfer full): a new factory of PTZ sources
  */

@@ -1,11 +1,11 @@
-/* Collects the text of one client's request on the main loop, so that no thread ever waits for a client.
+/* Collects the text of one client's request on the main loop, so that no thread waits for a client.
  *
- * What a client sends behind its request belongs to the stream, which reads the same descriptor by other
- * means. So a turn looks at what has arrived, finds the request's end in it, and takes nothing behind that.
+ * Bytes behind the request belong to the stream, which reads the same descriptor by other means. A turn
+ * therefore peeks at the input, finds the end of the request in it, and removes nothing behind that.
  *
- * The text is bounded in length and in time, and so is a turn. The reader ends when the request is whole or
- * wrong, when the client has ended its half, past either bound, and when reading fails. The last two have a
- * text, which stands in the client's reply.
+ * Length and time of the text are limited, and so is a turn. The reader ends when the request is complete or
+ * malformed, when the client has ended its writing half, when a limit is exceeded, and when reading fails.
+ * The last two cases have a failure text, which is part of the client's reply.
  */
 #include "requestreader.h"
 
@@ -23,7 +23,7 @@ struct RequestReader {
   gint64 deadline; /* monotonic, microseconds */
   RequestReaderFunc on_end;
   gpointer user_data;
-  GSource *source; /* as long as there is more to read */
+  GSource *source; /* NULL once reading has stopped */
   GByteArray *text;
   RequestScan scan;
   gchar *failure;
@@ -43,7 +43,7 @@ is_time_left(RequestReader *self)
   return FALSE;
 }
 
-/* FALSE with the failure set when the text is as long as it may be. */
+/* FALSE with the failure set when the text has reached its longest length. */
 gboolean
 is_room_left(RequestReader *self)
 {
@@ -54,8 +54,8 @@ is_room_left(RequestReader *self)
   return FALSE;
 }
 
-/* Puts what has arrived behind the text and leaves it in the socket. FALSE at the end of the stream, and with
- * the failure set when reading fails. */
+/* Appends the arrived bytes to the text and leaves them in the socket. FALSE at the end of the stream; FALSE
+ * with the failure set when reading fails. */
 gboolean
 look_at_input(RequestReader *self)
 {
@@ -65,15 +65,15 @@ look_at_input(RequestReader *self)
   g_byte_array_set_size(self->text, before + count);
   const gssize arrived = recv(self->fd, self->text->data + before, count, MSG_PEEK | MSG_DONTWAIT);
   if (arrived < 0) {
-    /* Out-of-band data alone cannot be read, and the poll would report it for ever. */
+    /* Out-of-band data alone cannot be read, and poll() would report it forever. */
     self->failure = g_strdup(errno == EAGAIN ? "" : g_strerror(errno));
   }
   g_byte_array_set_size(self->text, before + std::max<gssize>(arrived, 0));
   return arrived > 0;
 }
 
-/* Reads the text from @before on once more, which takes it from the socket. FALSE with the failure set when
- * it is not there again, as out-of-band data may not be. */
+/* Removes the text from @before on from the socket by a second read. FALSE with the failure set when the
+ * bytes are not there any more, which out-of-band data can cause. */
 gboolean
 remove_input(RequestReader *self, gsize before)
 {
@@ -87,7 +87,7 @@ remove_input(RequestReader *self, gsize before)
   return FALSE;
 }
 
-/* One turn. FALSE when nothing more has to be read. */
+/* Reads in one turn. FALSE when the reader has nothing more to read. */
 gboolean
 take_input(RequestReader *self)
 {
@@ -112,7 +112,7 @@ stop_reading(RequestReader *self)
   }
 }
 
-/* Without a condition when it is the deadline that has come. */
+/* @condition is 0 at the deadline. */
 gboolean
 on_request_ready(gint fd, GIOCondition condition, gpointer user_data)
 {
@@ -130,10 +130,10 @@ on_request_ready(gint fd, GIOCondition condition, gpointer user_data)
 
 /**
  * request_reader_new:
- * @fd: a connected stream socket, which has to stay open as long as the reader reads
- * @max_bytes: how long the request may be, at least 1
- * @timeout_ms: how many milliseconds from now it may take to arrive
- * @on_end: what to call once no more has to be waited for
+ * @fd: a connected stream socket; open for as long as the reader reads
+ * @max_bytes: the longest length of the request, at least 1
+ * @timeout_ms: how many milliseconds the request may take, counted from now
+ * @on_end: called when the reader ends
  * @user_data: for @on_end
  *
  * Begins to read one request, in the default main context. Main thread.
@@ -163,10 +163,10 @@ request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc 
 /**
  * request_reader_get_text:
  * @self: (transfer none): a reader that has called its function
- * @length: (out): how many bytes the text has
+ * @length: (out): the length of the text in bytes
  *
- * What was read, and was removed from the socket: at most all of the request, and nothing behind it. One
- * thread at a time.
+ * The bytes that were removed from the socket: at most the whole request, nothing behind it. One thread at a
+ * time.
  *
  * Returns: (transfer none) (array length=length) (nullable): the text, without a NUL behind it
  */
@@ -181,10 +181,10 @@ request_reader_get_text(const RequestReader *self, gsize *length)
  * request_reader_get_failure:
  * @self: (transfer none): a reader that has called its function
  *
- * Why the text is not whole. One thread at a time.
+ * Why the text is incomplete. One thread at a time.
  *
- * Returns: (transfer none) (nullable): a reason, perhaps an empty one; %NULL when the text is whole or wrong,
- *   or the client has ended its half behind it
+ * Returns: (transfer none) (nullable): a reason, possibly empty; %NULL when the text is complete or
+ * malformed, or the client has ended its writing half
  */
 const gchar *
 request_reader_get_failure(const RequestReader *self)
@@ -196,7 +196,7 @@ request_reader_get_failure(const RequestReader *self)
  * request_reader_free:
  * @self: (transfer full): a reader
  *
- * Stops reading and forgets the text. The descriptor stays open. Main thread until the reader has called its
+ * Stops reading and frees the text. The descriptor stays open. Main thread until the reader has called its
  * function, any thread afterwards.
  *
  * Warnings: "self != NULL" is a precondition.

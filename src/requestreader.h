@@ -7,23 +7,23 @@ G_BEGIN_DECLS
 /**
  * REQUEST_READER_BYTES_PER_TURN:
  *
- * How many bytes of one connection the main loop reads before it turns to everybody else.
+ * How many bytes of one connection the main loop reads in one turn.
  */
 #define REQUEST_READER_BYTES_PER_TURN 4096
 
 /**
  * RequestReader:
  *
- * The text of one client's request, while it arrives and afterwards.
+ * The text of one client's request.
  */
 typedef struct RequestReader RequestReader;
 
 /**
  * RequestReaderFunc:
- * @reader: (transfer none): the reader, which reads no more; may be freed at once, also by another thread
+ * @reader: (transfer none): the reader, which has stopped; can be freed at once, also by another thread
  * @user_data: what was given to request_reader_new()
  *
- * Called once, on the main thread, when no more of the request has to be waited for.
+ * Called once, on the main thread, when the reader ends.
  */
 typedef void (*RequestReaderFunc)(RequestReader *reader, gpointer user_data);
 
