@@ -2,30 +2,29 @@
  *
  *   sources -> onvifxmlmetadatastreamdoc -> queue -> gdppay -> fdsink
  *
- * Who keeps it alive. The request's handler holds the reference that made the manager and drops it once the
- * client is streaming. The blocking probe, the socket watch and the bus watch each hold one while they are
- * installed; a sync point on its way holds one until it is delivered; the line of ends holds one. Whoever
- * sees the end first, a watch or a prepare whose pipeline refuses to play, takes the others away, and
- * finalisation closes the descriptor. Nothing else closes it, and no element can keep the manager from being
- * finalised.
+ * References. The request's handler holds the reference that made the manager and drops it once the client
+ * streams. The blocking probe, the socket watch and the bus watch hold one each while they are installed; a
+ * pending sync point holds one until it is delivered; the queue of ended managers holds one. The first to see
+ * the end, a watch or a prepare whose pipeline refuses to play, removes the others. Finalisation closes the
+ * descriptor, and nothing else does. No element can keep the manager from being finalised.
  *
- * How it ends. Taking a pipeline down stops its threads and waits for them, which takes milliseconds, and
- * many clients may go at once. So the watch that sees the end only detaches the client: both watches go, its
- * stream is closed, a prepare that waits comes back. The manager then stands in line, and each turn of the
- * main loop takes a bounded number of pipelines down.
+ * The end. Taking a pipeline down stops its threads and waits for them, which takes milliseconds, and many
+ * clients can go at once. The watch that sees the end therefore only detaches the client: both watches are
+ * removed, the client's stream is closed, and a waiting prepare returns. Then the manager is queued, and each
+ * turn of the main loop takes a bounded number of pipelines down.
  *
- * What does not stop. An element may fail on its way to NULL, and its pipeline with it. Then every element is
- * stopped singly, and one that refuses still is taken out of the pipeline and left behind, alone, with
- * whatever thread it has of its own.
+ * Elements that do not stop. An element can fail on its way to NULL, and then its pipeline fails too. Each
+ * element is then stopped singly. One that still refuses is taken out of the pipeline and left behind, with
+ * its own threads.
  *
- * Which threads. A pool thread prepares and starts. A streaming thread runs the probe. The main thread runs
- * the watches and the stop routine. A thread of GStreamer's own delivers sync points, because a serialised
- * event waits for the stream it goes into, and the stream waits for a client that does not read.
+ * Threads. A pool thread prepares and starts. A streaming thread runs the probe. The main thread runs the
+ * watches and the stop routine. A thread of GStreamer's pool delivers sync points, because a serialised event
+ * waits for the stream, and the stream waits for a client that does not read.
  *
- * What the lock guards. The status, the ids of probe and watches, and the counting of sync points. A watch is
- * installed and its id is stored under the lock, and its callback takes the lock before it looks at the id,
- * so that a callback never meets a watch without an id and throws a message away. The lock is never held
- * while an element changes state.
+ * The lock guards the status, the ids of probe and watches, and the counts of sync points. A watch is
+ * installed and its id stored under the lock, and its callback takes the lock before it reads the id. So a
+ * callback never runs without an id and never drops a message. The lock is not held while an element changes
+ * state.
  */
 #include "connectionmanager.h"
 
@@ -115,8 +114,8 @@ constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
     {"fdsink", SINK_NAME},
 }};
 
-/* The managers whose pipelines are to be taken down, oldest first, with a reference to each. The main
- * thread's alone. */
+/* The ended managers whose pipelines still exist, oldest first, with a reference to each. For the main thread
+ * only. */
 GQueue waiting_ends = G_QUEUE_INIT;
 
 struct ObjectUnref {
@@ -126,7 +125,7 @@ struct ObjectUnref {
   }
 };
 
-/* A full reference, never a floating one. */
+/* A full reference, not a floating one. */
 using ElementRef = std::unique_ptr<GstElement, ObjectUnref>;
 using CommonElements = std::array<ElementRef, N_COMMON_ELEMENTS>;
 
@@ -194,7 +193,7 @@ add_sources(GstElement *pipeline, GList *sources, GstElement *document)
   return TRUE;
 }
 
-/* Builds the pipeline and stores it. On failure nothing is stored, and what was built goes. */
+/* Builds the pipeline and stores it. On failure stores nothing and frees what was built. */
 gboolean
 build_pipeline(ConnectionManager *conn)
 {
@@ -221,9 +220,8 @@ build_pipeline(ConnectionManager *conn)
 }
 
 /* The sink writes whole buffers. On a blocking socket such a write waits, in pieces, for a client that reads
- * slowly or not at all, and a state change to NULL waits for the write; on a non-blocking one the sink waits
- * in its poll, which a state change interrupts. A time-out for sending is not as good: it holds for each
- * piece anew. */
+ * slowly or not at all, and a state change to NULL waits for the write. On a non-blocking one the sink waits
+ * in poll(), which a state change interrupts. A send time-out is no alternative: it applies to each piece. */
 void
 make_writes_interruptible(int fd)
 {
@@ -235,7 +233,7 @@ make_writes_interruptible(int fd)
   }
 }
 
-/* With the lock held and a reference of the caller's own, since the probe's goes. */
+/* Called with the lock held. The caller has a reference, because that of the probe is dropped. */
 void
 release_hold(ConnectionManager *conn)
 {
@@ -268,8 +266,8 @@ children_from_sink_up(GstBin *bin)
   return children;
 }
 
-/* Lets go whatever threads of other elements are inside an element that does not stop, the one that is held
- * at the sink for example: those elements could not stop either. */
+/* Releases threads of other elements that wait inside an element that does not stop, for example at the
+ * blocked sink. Otherwise those elements could not stop either. */
 void
 flush(GstElement *element)
 {
@@ -281,8 +279,9 @@ flush(GstElement *element)
   gst_element_foreach_sink_pad(element, flush_pad, nullptr);
 }
 
-/* GStreamer would free an element that is not in NULL together with what its threads still use. So it keeps a
- * reference that nobody drops. Out of its bin and unlinked it keeps nothing but itself. */
+/* GStreamer would free an element that is not in NULL together with data that its threads still use. The
+ * element therefore keeps a reference that is never dropped. Out of its bin and unlinked it keeps no other
+ * object. */
 void
 leave_behind(GstBin *bin, GstElement *element)
 {
@@ -306,10 +305,10 @@ stop_element(GstElement *element)
   return FALSE;
 }
 
-/* Stops each child of a bin that cannot stop as a whole, asks those that refuse once more when the others
- * have stopped, and takes out whoever still refuses. The sink comes first: a source may be waiting for room
- * behind it. Nothing starts meanwhile: the bin's attempt has ended whatever change another thread had begun.
- */
+/* Stops each child of a bin that cannot stop as a whole, tries those that refuse again when the others have
+ * stopped, and takes out those that still refuse. The sink is first, because a source may wait for room in
+ * the elements after it. No child starts meanwhile: the bin's attempt has ended state changes of other
+ * threads. */
 void
 stop_children(GstBin *bin)
 {
@@ -323,7 +322,7 @@ stop_children(GstBin *bin)
   }
 }
 
-/* Takes the pipeline down, or as much of it as stops. */
+/* Takes the pipeline down, except elements that do not stop. */
 void
 stop_pipeline(ConnectionManager *conn)
 {
@@ -335,8 +334,8 @@ stop_pipeline(ConnectionManager *conn)
   set_to_null(conn->priv->pipeline);
 }
 
-/* Ends a pipeline that refused to play. Were the probe left, manager, pipeline, pad and probe would keep each
- * other for ever. */
+/* Ends a pipeline that refused to play. With the probe left, manager, pipeline, pad and probe would keep each
+ * other alive forever. */
 void
 abandon(ConnectionManager *conn)
 {
@@ -359,7 +358,7 @@ take_pending_sync(ConnectionManager *conn)
   return TRUE;
 }
 
-/* On a thread of GStreamer's own. */
+/* Runs on a thread of GStreamer's pool. */
 void
 deliver_sync_points(GstElement *document, gpointer user_data)
 {
@@ -371,7 +370,7 @@ deliver_sync_points(GstElement *document, gpointer user_data)
   }
 }
 
-/* With the lock held, in STARTED. At most one thread delivers for one client. */
+/* Called with the lock held, in STARTED. At most one thread delivers for one client. */
 void
 start_delivering(ConnectionManager *conn)
 {
@@ -382,8 +381,8 @@ start_delivering(ConnectionManager *conn)
   gst_element_call_async(conn->priv->document, deliver_sync_points, g_object_ref(conn), g_object_unref);
 }
 
-/* Takes one sync point in, to be delivered now or by the start that has been announced. FALSE when the client
- * has no business to ask for one yet. */
+/* Accepts one sync point, for delivery now or by the announced start. FALSE when the client may not request
+ * one yet. */
 gboolean
 take_sync_point(ConnectionManager *conn)
 {
@@ -404,9 +403,9 @@ take_sync_point(ConnectionManager *conn)
   return TRUE;
 }
 
-/* A client decides when this is called, so the status is judged by hand: a precondition macro can be compiled
- * out, and its warning is all that is wanted of it. A client also decides how often, so it is warned of only
- * so often. */
+/* A client decides when this is called. The status is therefore checked without a precondition macro, which
+ * can be compiled out, and only the macro's warning is raised. A client also decides how often, so the number
+ * of warnings is limited. */
 void
 send_set_sync_point_event(ConnectionManager *conn)
 {
@@ -422,7 +421,7 @@ typedef enum {
   BUS_SIDE,
 } StopSide;
 
-/* Takes both watches away but the calling one, which GLib removes when its callback returns. */
+/* Removes both watches except the calling one, which GLib removes when its callback returns. */
 void
 remove_watches(ConnectionManager *conn, StopSide side)
 {
@@ -442,7 +441,8 @@ remove_watches(ConnectionManager *conn, StopSide side)
   }
 }
 
-/* Drops the sync points that wait; no more can come without the socket watch. TRUE when one is under way. */
+/* Drops the waiting sync points; without the socket watch there will be no more. TRUE when one is being
+ * delivered. */
 gboolean
 cancel_sync_points(ConnectionManager *conn)
 {
@@ -452,11 +452,11 @@ cancel_sync_points(ConnectionManager *conn)
   return conn->priv->delivering_syncs;
 }
 
-/* A sync point under way keeps the document element from changing its state, and waits for the stream, which
- * may wait for the client. So what is behind the document stops first: then the stream runs empty, the sync
- * point gets through, and the rest can follow. A change of the pipeline's own that another thread has begun
- * must not bring these elements back meanwhile, so they no longer follow the pipeline. That is for good:
- * nothing starts it again. */
+/* During its delivery a sync point keeps the document element from changing its state, and waits for the
+ * stream, which may wait for the client. The elements after the document therefore stop first. Then the
+ * stream drains, the sync point passes, and the other elements can stop. A state change of the pipeline on
+ * another thread must not restart these elements, so their state is locked for good: the pipeline is not
+ * started again. */
 void
 stop_behind_document(ConnectionManager *conn)
 {
@@ -468,7 +468,7 @@ stop_behind_document(ConnectionManager *conn)
   }
 }
 
-/* Takes the pipeline of a manager down whose client is detached. */
+/* Takes the pipeline of a detached client down. */
 void
 stop(ConnectionManager *conn)
 {
@@ -481,7 +481,7 @@ stop(ConnectionManager *conn)
   release_hold(conn);
 }
 
-/* Every turn of the main loop calls this once while somebody stands in line, whatever else it dispatches. */
+/* Called once in each turn of the main loop while the queue is not empty. */
 gboolean
 on_turn(gpointer user_data)
 {
@@ -501,7 +501,7 @@ stand_in_line(ConnectionManager *conn)
   g_queue_push_tail(&waiting_ends, g_object_ref(conn));
 }
 
-/* Nobody waits for the client from here on. TRUE when it has been streaming. */
+/* Ends all waits for the client. TRUE when the client was streaming. */
 gboolean
 set_ended(ConnectionManager *conn, ConnectionManagerStatus status)
 {
@@ -512,9 +512,9 @@ set_ended(ConnectionManager *conn, ConnectionManagerStatus status)
   return was_started;
 }
 
-/* The end of the stream, on the main thread, from inside one of the two watches. The calling watch's
- * reference keeps the manager until its callback returns. A streaming client that still reads sees its end
- * now, and not when its pipeline's turn comes. Before the start the socket stays open for the reply. */
+/* Ends the stream, on the main thread, from one of the two watches. The reference of the calling watch keeps
+ * the manager until the callback returns. A streaming client that still reads sees the end now, not when its
+ * pipeline is taken down. Before the start the socket stays open for the reply. */
 void
 end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
 {
@@ -525,8 +525,8 @@ end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
   stand_in_line(conn);
 }
 
-/* Reads what has arrived, once and without waiting: a line that the client leaves unfinished stays with the
- * scanner and keeps nobody. FALSE when the client's input has ended, in whatever way. */
+/* Reads once, without waiting. The scanner keeps an unfinished line. FALSE when the client's input has ended
+ * or failed. */
 gboolean
 read_client_input(ConnectionManager *conn, guint *syncs)
 {
@@ -546,7 +546,7 @@ read_client_input(ConnectionManager *conn, guint *syncs)
   return FALSE;
 }
 
-/* The watches are installed from a pool thread under the lock, so whoever gets it here sees their ids. */
+/* A pool thread installs the watches under the lock, so the ids are visible here. */
 gboolean
 is_watched(ConnectionManager *conn, const guint *watch_id)
 {
@@ -555,7 +555,7 @@ is_watched(ConnectionManager *conn, const guint *watch_id)
   return *watch_id != 0;
 }
 
-/* A failed write means that the client went away, which is nobody's mistake. */
+/* A failed write only means that the client has gone. */
 void
 log_pipeline_error(GstMessage *message)
 {
@@ -568,8 +568,8 @@ log_pipeline_error(GstMessage *message)
   }
 }
 
-/* A pipeline that refuses to play says why on its bus, where no watch reads it any more. The first error is
- * the one that led to the others. */
+/* A pipeline that refuses to play has posted the reason on its bus, which has no watch. The first error
+ * caused the others. */
 void
 log_refusal_to_play(ConnectionManager *conn)
 {
@@ -581,7 +581,7 @@ log_refusal_to_play(ConnectionManager *conn)
   }
 }
 
-/* Sources come floating or not; from here on each is the manager's by one full reference. */
+/* Sources can be floating or not. Afterwards the manager has one full reference to each. */
 void
 take_sources(ConnectionManager *conn, GList *sources)
 {
@@ -687,8 +687,8 @@ connection_manager_class_init(ConnectionManagerClass *klass)
 namespace
 {
 
-/* Runs on a streaming thread, which stays blocked at the sink until the probe is removed. A probe that comes
- * too late to be waited for changes nothing. */
+/* Runs on a streaming thread, which stays blocked at the sink until the probe is removed. Changes nothing
+ * when the prepare does not wait any more. */
 GstPadProbeReturn
 on_first_data(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
 {
@@ -768,9 +768,9 @@ add_watches(ConnectionManager *conn)
       gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, on_bus_message, g_object_ref(conn), g_object_unref);
 }
 
-/* Sets the pipeline playing and watches it. FALSE when it refuses. @needs_data: whether an end without any
- * data is a failure, which it is not of a live pipeline. Only at PAUSED a pipeline tells that it is live:
- * from there on the sink, which waits for data, makes the change asynchronous. */
+/* Sets the pipeline playing and watches it. FALSE when it refuses. Sets @needs_data to whether an end without
+ * data is a failure, which does not apply to a live pipeline. A pipeline reports only at PAUSED that it is
+ * live: after that the sink, which waits for data, makes the change asynchronous. */
 gboolean
 play(ConnectionManager *conn, gboolean *needs_data)
 {
@@ -786,7 +786,7 @@ play(ConnectionManager *conn, gboolean *needs_data)
     log_refusal_to_play(conn);
     return FALSE;
   }
-  /* The first change may be through before the second one begins. */
+  /* The first change can be complete before the second one begins. */
   const gboolean async = paused == GST_STATE_CHANGE_ASYNC || playing == GST_STATE_CHANGE_ASYNC;
   *needs_data = async && paused != GST_STATE_CHANGE_NO_PREROLL;
 
@@ -798,9 +798,8 @@ play(ConnectionManager *conn, gboolean *needs_data)
   return TRUE;
 }
 
-/* Waits until the first data is held at the sink, without a limit: some kinds of metadata have nothing to say
- * for long. The client ends the wait by hanging up. FALSE when the stream has come to an end, which the main
- * thread takes care of. */
+/* Waits without a limit until the first data is held at the sink: some kinds of metadata are silent for long.
+ * The client ends the wait by hanging up. FALSE when the stream has ended, which the main thread handles. */
 gboolean
 wait_for_preroll(ConnectionManager *conn)
 {
@@ -817,11 +816,11 @@ wait_for_preroll(ConnectionManager *conn)
 /**
  * connection_manager_new:
  * @src_lists: (transfer full) (element-type GstElement): the sources, each with one source pad to link
- * @fd: the client's connected stream socket, which the manager closes when it goes
+ * @fd: the client's connected stream socket, which the manager closes when it is finalised
  *
  * Makes the manager of one client. Any thread.
  *
- * Warnings: "src_lists != NULL" and "fd != -1" are preconditions; when one fails, nothing is taken over.
+ * Warnings: "src_lists != NULL" and "fd != -1" are preconditions; when one fails, the caller keeps both.
  *
  * Returns: (transfer full) (nullable): a new manager
  */
@@ -840,15 +839,15 @@ connection_manager_new(GList *src_lists, int fd)
  * @conn: (transfer none): a new manager
  *
  * Builds the pipeline, sets it playing and waits, without a limit of time, until its first data is held at
- * the sink or it has come to an end. What goes wrong is logged at error priority. To be called once, on a
- * thread other than the main one, while the main context is being run.
+ * the sink or the stream has ended. Failures are logged at error priority. Called once, on a thread other
+ * than the main one, while the main context runs.
  *
- * A live pipeline counts as prepared once it plays: when it ends before its first data, its client is told
- * "OK" all the same and sees the end behind that. So nothing depends on which comes first.
+ * A live pipeline counts as prepared once it plays. When it ends before its first data, the client still gets
+ * "OK" and then sees the end, so the result does not depend on the order of the two.
  *
  * Warnings: "conn != NULL", "conn->priv->fd != -1" and "conn->priv->src_lists != NULL" are preconditions.
  *
- * Returns: %TRUE when the client may be told "OK"
+ * Returns: whether the reply to the client is "OK"
  */
 gboolean
 connection_manager_prepare(ConnectionManager *conn)
@@ -874,9 +873,8 @@ connection_manager_prepare(ConnectionManager *conn)
  * connection_manager_announce_start:
  * @conn: (transfer none): a prepared manager
  *
- * To be called right before the client is told "OK". A "SYNC" line that is read from now on may be the
- * client's answer to that reply, so it is kept for connection_manager_start() instead of being refused. Any
- * thread.
+ * Called right before "OK" is sent. A "SYNC" line that is read from now on can be the client's response to
+ * that reply, so it is kept for connection_manager_start() and not refused. Any thread.
  *
  * Warnings: "conn != NULL" is a precondition.
  */
@@ -893,9 +891,8 @@ connection_manager_announce_start(ConnectionManager *conn)
  * connection_manager_start:
  * @conn: (transfer none): a prepared manager
  *
- * Releases the hold at the sink, so that data flows to the client. To be called right after the client has
- * been told "OK". When the stream has ended meanwhile, nothing flows, and the hold goes with the pipeline.
- * Any thread.
+ * Releases the hold at the sink, so that data flows to the client. Called right after "OK" was sent. When the
+ * stream has ended meanwhile, no data flows, and the hold ends with the pipeline. Any thread.
  *
  * Warnings: "conn != NULL" is a precondition.
  */

@@ -1,24 +1,24 @@
 /* The producers on the bus: one object each below the root, and at the root, beside GLib's object manager,
- * the interface that changes several at once. GLib keeps the objects, which are found by path; there is no
- * table of them here.
+ * the interface that changes several producers at once. GLib keeps the objects by path; this component has no
+ * table of its own.
  *
- * A producer's name is the last element of its object's path as it is. A producer whose name cannot be that
- * has no object; clients can have its data all the same.
+ * A producer's name is the last element of its object's path. A producer whose name cannot be that has no
+ * object; clients can still have its data.
  *
- * Calls of both methods stand in one line, in the order of their arrival, and have their turn one after the
- * other: none sees half of another. At its turn a call is judged as a whole before anything changes. Then
- * every tuple is one change in memory, which is on disk before the next one is made; request threads see it
- * at once. A producer that a call changes tells of nothing until the last change is on disk: then its object
- * shows all changes, and the reply follows. The main thread does all of this, in short steps: the
- * configuration calls it back when a change is on disk.
+ * Calls of both methods are queued in the order of their arrival and executed one after the other, so no call
+ * sees part of another. A call is checked as a whole before anything changes. Then each tuple is one change
+ * in memory, which is on disk before the next one is made; request threads see it at once. A producer that a
+ * call changes sends no notification until the last change is on disk. Then its object shows all changes, and
+ * the reply follows. The main thread does all of this, in short steps: the configuration calls it back when a
+ * change is on disk.
  *
- * No connection between a producer and its object keeps either: it ends with the first of the two. A call in
- * the line holds its producer and the interface that it came by. One that arrives for an object that has gone
- * is refused by GLib, and one whose object goes while it waits or in the middle ends with the same error.
- * When the connection goes, the line goes with it.
+ * A producer and its object do not keep each other; their signal connections end with the first of the two. A
+ * queued call holds its producer and the interface that received it. GLib refuses a call for an object that
+ * has been removed, and a call whose object is removed while it waits or is executed ends with the same
+ * error. When the connection closes, the queue is dropped.
  *
- * When the bus goes away its connection is let go of. GLib shares one connection among all, for as long as
- * somebody has it: only so can the daemon's own calls reach a bus that comes back.
+ * When the bus goes away, its connection is dropped. GLib shares one connection for as long as there is a
+ * reference to it, and only without one can the daemon's own calls reach a bus that is back.
  */
 #include "dbusproducermanager.h"
 
@@ -39,10 +39,10 @@ constexpr const char *CHANNEL_TYPE = "(ibs)";
 
 GDBusObjectManagerServer *object_manager;
 
-/* Exported as long as there is a connection. */
+/* Exported while there is a connection. */
 MetadataServer1ProducerManager *manager_skeleton;
 
-/* One of SetChannelsEnabled has a producer, and one of SetProducersEnabled has none. */
+/* A call of SetChannelsEnabled has a producer, a call of SetProducersEnabled has none. */
 struct Call {
   GDBusInterfaceSkeleton *skeleton;
   GDBusMethodInvocation *invocation; /* NULL once it is answered */
@@ -54,10 +54,10 @@ struct Call {
   gsize entry;        /* the next one of `wanted`, for a call without a producer */
   gsize tuple;        /* the next one of the producer's */
   gboolean missed;    /* something could not be applied */
-  GPtrArray *changed; /* the producers that tell nothing until the end */
+  GPtrArray *changed; /* the producers whose notifications are held back until the end */
 };
 
-/* Of Call. It is the first one's turn, and while there is one, a source goes on with it. */
+/* Of Call. The first one is being executed; a source continues it. */
 GQueue call_line = G_QUEUE_INIT;
 guint step_id;
 
@@ -116,7 +116,7 @@ make_skeleton(AnalyticsProducer *producer)
   return skeleton;
 }
 
-/* No supported channel is beyond the range of int32, so that no negative one is taken for a supported one. */
+/* Supported channels are within the range of int32, so a negative number matches none. */
 gboolean
 supports_all(AnalyticsProducer *producer, GVariant *channels)
 {
@@ -132,7 +132,7 @@ supports_all(AnalyticsProducer *producer, GVariant *channels)
   return TRUE;
 }
 
-/* The name in a tuple that disables is ignored, however long it is. */
+/* The name in a tuple that disables is ignored, whatever its length. */
 gboolean
 names_fit(GVariant *channels)
 {
@@ -171,7 +171,7 @@ validate_channels(AnalyticsProducer *producer, GVariant *channels, GError **erro
   return TRUE;
 }
 
-/* One entry of a call for several producers, and the producer of its name, if there is one. Both are held. */
+/* One entry of a call for several producers, and the producer of that name or NULL. Holds both. */
 struct Change {
   AnalyticsProducer *producer;
   GVariant *channels;
@@ -194,8 +194,8 @@ struct Change {
   Change &operator=(const Change &) = delete;
 };
 
-/* A missing producer outweighs an unsupported channel, and that a name that is too long, wherever they are.
- */
+/* Reports a missing producer before an unsupported channel, and that before a name that is too long, whatever
+ * their order in the call. */
 gboolean
 validate_producers(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
 {
@@ -237,7 +237,7 @@ call_new(gpointer skeleton, GDBusMethodInvocation *invocation, GVariant *wanted)
   return call;
 }
 
-/* So that a producer's object shows all changes of a call at once. */
+/* Holds notifications back, so that a producer's object shows all changes of a call at once. */
 void
 hold_notifications(Call *call, AnalyticsProducer *producer)
 {
@@ -281,7 +281,7 @@ answer(Call *call, const GError *error)
   }
 }
 
-/* With the words of GLib, which refuses later calls. */
+/* Uses GLib's text, with which GLib refuses later calls. */
 void
 set_gone_error(const Call *call, GError **error)
 {
@@ -333,7 +333,7 @@ supports_next(const Call *call, AnalyticsProducer *producer, GVariant *channels)
   return analytics_producer_is_channel_supported(producer, static_cast<guint32>(channel));
 }
 
-/* Whether a change is on its way to the disk. */
+/* Returns whether a change is being saved. */
 gboolean
 apply_next_of_producer(Call *call)
 {
@@ -348,7 +348,7 @@ apply_next_of_producer(Call *call)
   return TRUE;
 }
 
-/* A producer that comes again in the middle is another one, perhaps with other channels. */
+/* A producer that is listed again during the call is a new one, possibly with other channels. */
 gboolean
 apply_next_of_entry(Call *call, const Change &change)
 {
@@ -368,7 +368,7 @@ apply_next_of_entry(Call *call, const Change &change)
   return TRUE;
 }
 
-/* What can be applied is, and stays so when something else cannot. */
+/* Applies what can be applied; a later failure does not undo it. */
 gboolean
 apply_next_of_all(Call *call)
 {
@@ -381,7 +381,7 @@ apply_next_of_all(Call *call)
   return FALSE;
 }
 
-/* Before anything changes. */
+/* Checks the call before anything changes. */
 gboolean
 judge(Call *call, GError **error)
 {
@@ -410,7 +410,7 @@ set_missed_error(const Call *call, GError **error)
   }
 }
 
-/* One step: a change that is on its way to the disk, or the answer. FALSE with the answer. */
+/* Takes one step: a change that is being saved, or the reply. FALSE with the reply. */
 gboolean
 go_on(Call *call)
 {
@@ -428,7 +428,7 @@ go_on(Call *call)
   return FALSE;
 }
 
-/* An entry without a tuple costs a look-up, like one with a tuple, and counts as much. */
+/* An entry without a tuple takes a look-up too and counts as one tuple. */
 gsize
 count_tuples(const Call *call)
 {
@@ -446,7 +446,7 @@ count_tuples(const Call *call)
   return count;
 }
 
-/* Of those behind the first one. */
+/* Returns the size of the calls after the first one. */
 gsize
 count_waiting_bytes()
 {
@@ -495,7 +495,7 @@ on_channels_enabled_notify(AnalyticsProducer *producer, GParamSpec *, MetadataSe
 
 static gboolean on_step(gpointer);
 
-/* Gives the first call of the line one step, and has the next step follow when the disk is ready for it. */
+/* Takes one step of the first call. The next step follows when the change is on disk. */
 static void
 take_step()
 {
@@ -515,7 +515,7 @@ on_step(gpointer)
   return G_SOURCE_REMOVE;
 }
 
-/* Takes the call. */
+/* Queues the call, which it takes over. */
 static void
 line_up(Call *call)
 {
@@ -532,7 +532,7 @@ line_up(Call *call)
   }
 }
 
-/* What the calls have changed so far stays. */
+/* Fails all queued calls; their changes so far stay. */
 static void
 clear_call_line()
 {
@@ -564,7 +564,7 @@ on_handle_set_producers_enabled(MetadataServer1ProducerManager *skeleton, GDBusM
   return TRUE;
 }
 
-/* Connecting to an object, as both do here, keeps it while it is called, and ends with it. */
+/* Both connections hold their object during a call and end with it. */
 static void
 connect_to_producer(MetadataServer1Producer *skeleton, AnalyticsProducer *producer)
 {
@@ -606,8 +606,8 @@ on_producer_removed(AnalyticsProducer *producer)
   }
 }
 
-/* Leaves no trace of this component on the connection, and keeps it no longer. Calls in the line are answered
- * if the connection still can. */
+/* Removes this component's objects from the connection and drops it. Replies to queued calls while the
+ * connection is open. */
 static void
 leave_bus()
 {
@@ -652,8 +652,8 @@ export_manager(GDBusConnection *connection, AnalyticsProducerList *producers)
  * dbus_producer_manager_init:
  * @producers: (transfer none): the daemon's producers
  *
- * Has each producer that is added to the list from now on made an object, and each that is removed deprived
- * of it. Nobody sees the objects before dbus_producer_manager_on_bus_acquired(). Main thread, as is every
+ * Makes an object for each producer that is added to the list from now on, and removes the object with the
+ * producer. The objects are exported by dbus_producer_manager_on_bus_acquired(). Main thread, as is every
  * later change of the list.
  *
  * Warnings, when a producer is added: "producer \"%s\" is not on the bus: its name cannot end an object's
@@ -672,15 +672,15 @@ dbus_producer_manager_init(AnalyticsProducerList *producers)
 
 /**
  * dbus_producer_manager_on_bus_acquired:
- * @connection: (transfer none): the connection to show the objects on; kept until it is closed, or until
+ * @connection: (transfer none): the connection on which to export the objects; kept until it closes, or until
  *   dbus_producer_manager_teardown()
- * @producers: (transfer none): the daemon's producers; must live as long as @connection is kept
+ * @producers: (transfer none): the daemon's producers; lives for as long as @connection is kept
  *
- * Shows the objects that there are and will be, and the manager's interface at their root. A connection that
- * is closed already is left alone. Main thread, after dbus_producer_manager_init().
+ * Exports the producers' objects, current and later ones, and the manager's interface at their root. Ignores
+ * a connection that is closed. Main thread, after dbus_producer_manager_init().
  *
  * Warnings: "Error connecting callback for SetProducersEnabled", "failed to export interface '%s': %s"; the
- * producers' objects are there all the same
+ * producers' objects are exported even so
  */
 void
 dbus_producer_manager_on_bus_acquired(GDBusConnection *connection, AnalyticsProducerList *producers)
@@ -701,9 +701,9 @@ dbus_producer_manager_on_bus_acquired(GDBusConnection *connection, AnalyticsProd
 /**
  * dbus_producer_manager_teardown:
  *
- * Withdraws every object, and lets go of the connection and of all that dbus_producer_manager_init() made.
- * Calls that have not been answered fail; what they have changed so far stays. The list's callbacks stay, so
- * the list must not change any more. Main thread, before producer_config_free().
+ * Removes all objects, drops the connection and frees what dbus_producer_manager_init() made. Calls without a
+ * reply fail; their changes so far stay. The list keeps the callbacks, so it must not change any more. Main
+ * thread, before producer_config_free().
  */
 void
 dbus_producer_manager_teardown(void)
