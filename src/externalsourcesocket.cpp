@@ -1,10 +1,11 @@
-/* Reads one producer's stream, cuts it into messages and hands each on as a JSON frame.
+/* Reads one producer's stream into messages (messagecutter.h) and hands each on as a JSON frame.
  *
  * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read
  * (docs/compatibility.md, "partial messages"). Set: a message must be complete when its length is read,
  * otherwise it is discarded. Clear: the pieces are collected until the message is complete. A pause delays
  * the producer, which can then write only the first part of a message, so a stream that was paused collects
- * pieces in both modes until it has caught up: until nothing is left to read between two messages.
+ * pieces in both modes until it has caught up: until nothing is left to read between two messages. This file
+ * selects the mode, the cutter implements it.
  *
  * Reads: no read waits for the producer, and none changes or trusts the flags of the open file, which other
  * processes and other sockets may share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs,
@@ -26,12 +27,12 @@
  *
  * Threads: the main thread reads, delivers, pauses and resumes. Any thread closes.
  *
- * Lock: it guards the channel, the message that is being read, the id of the watch and whether the stream is
- * catching up. The reader holds it for one turn. Close holds it while it shuts the channel down, so that
- * no read uses a descriptor number that already belongs to another file. The account's lock is taken under
- * it. No callback is called with the lock held, no other socket is closed, and no watch is removed, because
- * that can release the user data. The owner may hold a lock of its own while it closes without notification,
- * and may take that lock in the callbacks.
+ * Lock: it guards the channel, the cutter with the message that is being read, the deadline of that, the id
+ * of the watch and whether the stream is catching up. The reader holds it for one turn. Close holds it while
+ * it shuts the channel down, so that no read uses a descriptor number that already belongs to another file.
+ * The account's lock is taken under it. No callback is called with the lock held, no other socket is closed,
+ * and no watch is removed, because that can release the user data. The owner may hold a lock of its own while
+ * it closes without notification, and may take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
@@ -40,12 +41,12 @@
 #include "externalsourcesocket.h"
 
 #include "logtext.h"
+#include "messagecutter.h"
 #include "ratelimitedlog.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -55,23 +56,10 @@
 #include <unistd.h>
 #include <utility>
 
-/* A message as far as it has been read. */
-struct Message {
-  guint32 length; /* starts from zero: what a short read leaves out counts as zero */
-  gsize length_read;
-  gint64 deadline_us; /* monotonic; 0 until a turn has left the message unfinished */
-  guint8 *frame;      /* NULL until the length is known */
-  gsize size;         /* the frame's */
-  gsize left;         /* how much of the payload is still to be read */
-  gsize offset;       /* where in the payload it goes */
-  gsize run;          /* how much has been read since nothing was there */
-};
-
 struct _ExternalSourceSocket {
   GObject parent_instance;
 
   gchar *source_name;
-  gchar *frame_start;
   MessageReader *reader;
   gint closed;             /* atomic */
   gint holders;            /* atomic */
@@ -80,7 +68,8 @@ struct _ExternalSourceSocket {
   GMutex lock;
   guint watch_id;
   GIOChannel *channel; /* NULL once closed */
-  Message message;
+  MessageCutter *cutter;
+  gint64 deadline_us; /* of the message; monotonic, 0 until a turn has left it unfinished */
   ExternalSourceSocketDataFunc on_data;
   ExternalSourceSocketCloseFunc on_close;
   GDestroyNotify user_data_free;
@@ -102,11 +91,11 @@ namespace
 /* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
 constexpr gsize BUFFER_SIZE = 64 * 1024;
 
-/* How many sockets there are, and how many of them have a message that a turn has left unfinished. Atomic. */
+/* How many sockets are open, and how many of them have a message that a turn has left unfinished. Atomic. */
 gint open_sockets;
 gint unfinished_messages;
 
-/* Producers give as many streams as there are clients that ask. */
+/* Limited, because each client that asks for a producer can cause such a line. */
 RateLimitedLog refusals = RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
@@ -114,7 +103,7 @@ constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_
 /* Reads from a descriptor like read(), but fails with EAGAIN where that would wait. */
 using ReadFunc = gssize (*)(gint fd, gchar *buf, gsize count);
 
-/* Whether poll() has anything to report, be it data, the end or a failure. */
+/* Whether poll() reports data, the end of the stream or a failure. */
 gboolean
 is_readable(gint fd)
 {
@@ -255,8 +244,8 @@ log_read_failure(const char *what, const char *message, int error_number)
          g_strerror(error_number));
 }
 
-/* One read of the channel, in pieces of its buffer's size. Asked for more at once, GLib first gathers all of
- * it in that buffer, which never shrinks again and ends the process where it cannot grow. */
+/* Reads from the channel in steps of its buffer's size. For a longer read GLib first collects all bytes in
+ * the buffer, which never shrinks again and which ends the process when it cannot grow. */
 GIOStatus
 read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read, GError **error)
 {
@@ -277,13 +266,19 @@ read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read,
   return status;
 }
 
-/* The same, but what fails is logged. @what is read is named for that. */
+/* Reads into the message, at most @limit bytes of its payload, and logs a failure with the name of @what is
+ * read. With the lock held. */
 GIOStatus
-read_logged(ExternalSourceSocket *self, const char *what, gpointer data, gsize count, gsize *bytes_read)
+read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *count)
 {
   g_autoptr(GError) error = nullptr;
-  const GIOStatus status = read_channel(self->channel, data, count, bytes_read, &error);
+  gsize size = 0;
+  guint8 *space = message_cutter_get_space(self->cutter, limit, &size);
+  const GIOStatus status = read_channel(self->channel, space, size, count, &error);
 
+  if (status == G_IO_STATUS_NORMAL) {
+    message_cutter_add(self->cutter, *count);
+  }
   if (status == G_IO_STATUS_ERROR) {
     const int error_number = errno;
     log_read_failure(what, error->message, error_number);
@@ -291,12 +286,27 @@ read_logged(ExternalSourceSocket *self, const char *what, gpointer data, gsize c
   return status;
 }
 
-/* Whether a message may come in pieces. The answer is the same from its first byte to its last. With the lock
- * held. */
-gboolean
-keeps_pieces(ExternalSourceSocket *self)
+/* Reads while the cutter is in this state. %G_IO_STATUS_NORMAL when it is in another one, or when @share
+ * bytes of a payload have been read. With the lock held. */
+GIOStatus
+read_in_state(ExternalSourceSocket *self, MessageCutterState state, const char *what, gsize share)
 {
-  return self->is_blocking || self->is_catching_up;
+  GIOStatus status = G_IO_STATUS_NORMAL;
+
+  while (status == G_IO_STATUS_NORMAL && share > 0 && message_cutter_get_state(self->cutter) == state) {
+    gsize count = 0;
+    status = read_piece(self, what, share, &count);
+    share -= count;
+  }
+  return status;
+}
+
+/* Between two messages, with the lock held. */
+void
+set_is_catching_up(ExternalSourceSocket *self, gboolean is_catching_up)
+{
+  self->is_catching_up = is_catching_up;
+  message_cutter_set_keeps_pieces(self->cutter, self->is_blocking || is_catching_up);
 }
 
 /* With the lock held, and not after the close. */
@@ -311,130 +321,58 @@ has_read_ahead(ExternalSourceSocket *self)
 void
 check_caught_up(ExternalSourceSocket *self)
 {
-  const gboolean is_between_messages = self->message.length_read == 0;
-
-  if (self->is_catching_up && is_between_messages && !has_read_ahead(self) &&
+  if (self->is_catching_up && !message_cutter_has_begun(self->cutter) && !has_read_ahead(self) &&
       !is_readable(g_io_channel_unix_get_fd(self->channel))) {
-    self->is_catching_up = FALSE;
+    set_is_catching_up(self, FALSE);
   }
 }
 
-GIOStatus
-read_length(ExternalSourceSocket *self)
-{
-  Message *message = &self->message;
-  auto *bytes = reinterpret_cast<guint8 *>(&message->length);
-
-  while (message->length_read < sizeof message->length) {
-    gsize count = 0;
-    const GIOStatus status = read_logged(self, "length", bytes + message->length_read,
-                                         sizeof message->length - message->length_read, &count);
-    if (status != G_IO_STATUS_NORMAL) {
-      return status;
-    }
-    /* Without collecting pieces, a short length counts as read (docs/compatibility.md, "short length"). */
-    message->length_read = keeps_pieces(self) ? message->length_read + count : sizeof message->length;
-  }
-  return G_IO_STATUS_NORMAL;
-}
-
-gsize
-get_frame_size(ExternalSourceSocket *self)
-{
-  return strlen(self->frame_start) + self->message.length + strlen(EXTERNAL_SOURCE_FRAME_END);
-}
-
-/* Memory that a length asks for must not end the process. What no read reaches is zero, never what the memory
- * held before. */
+/* Whether a turn has left the message that is being read unfinished. With the lock held. */
 gboolean
-make_frame(ExternalSourceSocket *self)
+goes_on(ExternalSourceSocket *self)
 {
-  Message *message = &self->message;
-  const gsize start_size = strlen(self->frame_start);
-
-  message->size = get_frame_size(self);
-  message->frame = static_cast<guint8 *>(g_try_malloc0(message->size));
-  if (message->frame == nullptr) {
-    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
-    return FALSE;
-  }
-  std::copy_n(self->frame_start, start_size, message->frame);
-  std::copy_n(EXTERNAL_SOURCE_FRAME_END, strlen(EXTERNAL_SOURCE_FRAME_END),
-              message->frame + start_size + message->length);
-  message->left = message->length;
-  return TRUE;
+  return self->deadline_us != 0;
 }
 
-/* Whether a turn has left the message that is being read unfinished. */
-gboolean
-goes_on(const Message *message)
-{
-  return message->deadline_us != 0;
-}
-
-/* How much of a payload this turn may read. */
+/* How much of a payload this turn may read. With the lock held. */
 gsize
-get_share(const Message *message)
+get_share(ExternalSourceSocket *self)
 {
-  const gsize sockets =
-      std::max(g_atomic_int_get(goes_on(message) ? &unfinished_messages : &open_sockets), 1);
+  const gsize sockets = std::max(g_atomic_int_get(goes_on(self) ? &unfinished_messages : &open_sockets), 1);
 
   return std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / sockets, EXTERNAL_SOURCE_MIN_READ_BYTES);
 }
 
-/* %G_IO_STATUS_NORMAL when nothing is left to be read, or the turn is over. */
-GIOStatus
-read_payload(ExternalSourceSocket *self)
-{
-  Message *message = &self->message;
-  guint8 *payload = message->frame + strlen(self->frame_start);
-  gsize share = get_share(message);
-
-  while (message->left > 0 && share > 0) {
-    const gsize wanted = std::min(message->left, share);
-    gsize count = 0;
-    const GIOStatus status = read_logged(self, "data", payload + message->offset, wanted, &count);
-    if (status != G_IO_STATUS_NORMAL) {
-      return status;
-    }
-    message->left -= count;
-    message->offset += count;
-    message->run += count;
-    share -= count;
-    /* Without collecting pieces, each further read begins at the size of the one before it
-     * (docs/compatibility.md, "overlapping reads"). */
-    if (count < wanted && !keeps_pieces(self)) {
-      message->offset = std::exchange(message->run, 0);
-    }
-  }
-  return G_IO_STATUS_NORMAL;
-}
-
-/* Makes the socket ready for the next message. Frees nothing. */
+/* With the lock held. */
 void
-clear_message(ExternalSourceSocket *self)
+clear_deadline(ExternalSourceSocket *self)
 {
-  if (goes_on(&self->message)) {
+  if (goes_on(self)) {
     g_atomic_int_add(&unfinished_messages, -1);
   }
-  self->message = {};
+  self->deadline_us = 0;
 }
 
+/* With the lock held. */
 void
 drop_message(ExternalSourceSocket *self)
 {
-  g_free(self->message.frame);
-  clear_message(self);
+  message_cutter_discard(self->cutter);
+  clear_deadline(self);
   message_reader_end(self->reader);
 }
 
-/* What a message leaves when nothing more of it is read in this turn. With the lock held. */
+/* Ends the turn of a message, of which nothing more is there when @status is %G_IO_STATUS_AGAIN. With the
+ * lock held. */
 void
 settle_message(ExternalSourceSocket *self, GIOStatus status)
 {
+  if (status == G_IO_STATUS_AGAIN) {
+    message_cutter_end_piece(self->cutter);
+  }
   if (status == G_IO_STATUS_NORMAL) {
-    clear_message(self);
-  } else if (status != G_IO_STATUS_AGAIN || !keeps_pieces(self)) {
+    clear_deadline(self);
+  } else if (status != G_IO_STATUS_AGAIN || !message_cutter_has_begun(self->cutter)) {
     drop_message(self);
   }
   check_caught_up(self);
@@ -444,16 +382,16 @@ settle_message(ExternalSourceSocket *self, GIOStatus status)
 GIOStatus
 begin_message(ExternalSourceSocket *self)
 {
-  const GIOStatus status = read_length(self);
+  const GIOStatus status = read_in_state(self, MESSAGE_CUTTER_LENGTH, "length", G_MAXSIZE);
 
-  if (status != G_IO_STATUS_NORMAL || self->message.length == 0) {
+  if (status != G_IO_STATUS_NORMAL || message_cutter_get_state(self->cutter) != MESSAGE_CUTTER_NEEDS_FRAME) {
     return status;
   }
-  if (self->message.length > EXTERNAL_SOURCE_MAX_PAYLOAD) {
+  if (message_cutter_get_length(self->cutter) > EXTERNAL_SOURCE_MAX_PAYLOAD) {
     log_read_failure("data", g_strerror(EMSGSIZE), EMSGSIZE);
     return G_IO_STATUS_ERROR;
   }
-  message_reader_begin(self->reader, get_frame_size(self));
+  message_reader_begin(self->reader, message_cutter_get_frame_size(self->cutter));
   return G_IO_STATUS_NORMAL;
 }
 
@@ -467,14 +405,15 @@ start_message(ExternalSourceSocket *self, gboolean *needs_room)
   if (self->channel == nullptr) {
     return G_IO_STATUS_AGAIN;
   }
-  if (self->message.frame != nullptr) {
+  if (message_cutter_get_state(self->cutter) != MESSAGE_CUTTER_LENGTH) {
     return G_IO_STATUS_NORMAL;
   }
   const GIOStatus status = begin_message(self);
   if (status != G_IO_STATUS_NORMAL) {
     settle_message(self, status);
   }
-  *needs_room = status == G_IO_STATUS_NORMAL && self->message.length > 0;
+  *needs_room =
+      status == G_IO_STATUS_NORMAL && message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_NEEDS_FRAME;
   return status;
 }
 
@@ -503,26 +442,44 @@ make_room(ExternalSourceSocket *self)
   }
 }
 
+/* The length that a producer announces must not end the process for lack of memory. FALSE when there is none;
+ * that is logged. With the lock held. */
+gboolean
+make_frame(ExternalSourceSocket *self)
+{
+  const gboolean is_made = message_cutter_make_frame(self->cutter);
+
+  if (!is_made) {
+    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
+  }
+  return is_made;
+}
+
+/* Makes the frame, if it is not there yet, and reads the turn's share of the payload. With the lock held. */
+GIOStatus
+read_payload(ExternalSourceSocket *self)
+{
+  if (message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_NEEDS_FRAME && !make_frame(self)) {
+    return G_IO_STATUS_ERROR;
+  }
+  return read_in_state(self, MESSAGE_CUTTER_PAYLOAD, "data", get_share(self));
+}
+
 /* @frame stays NULL after a message without a payload. */
 GIOStatus
 continue_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
-  Message *message = &self->message;
-  GIOStatus status = G_IO_STATUS_NORMAL;
 
   if (self->channel == nullptr) {
     return G_IO_STATUS_AGAIN;
   }
-  if (message->length > 0) {
-    status = message->frame != nullptr || make_frame(self) ? read_payload(self) : G_IO_STATUS_ERROR;
-  }
-  if (status == G_IO_STATUS_NORMAL && message->left > 0) {
+  const GIOStatus status = read_payload(self);
+  if (status == G_IO_STATUS_NORMAL && message_cutter_get_state(self->cutter) != MESSAGE_CUTTER_COMPLETE) {
     return G_IO_STATUS_AGAIN;
   }
   if (status == G_IO_STATUS_NORMAL) {
-    *size = message->size;
-    *frame = message->frame;
+    *frame = message_cutter_take_frame(self->cutter, size);
   }
   settle_message(self, status);
   return status;
@@ -573,7 +530,7 @@ external_source_socket_finalize(GObject *object)
   ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
 
   g_free(self->source_name);
-  g_free(self->frame_start);
+  g_clear_pointer(&self->cutter, message_cutter_free);
   g_clear_pointer(&self->reader, message_reader_free);
   g_mutex_clear(&self->lock);
   g_datalist_clear(&object->qdata);
@@ -611,15 +568,13 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
 namespace
 {
 
-/* GLib looks at what a channel has read ahead only after it has waited for the descriptor, and nothing may
- * end that wait. So a watch is ready by its own time as long as there is something, and when the time of an
- * unfinished message is over. With the lock held. */
+/* GLib checks what a channel has read ahead only after poll() has returned, and poll() may never return. So
+ * the ready time of the watch is now while something is read ahead, and otherwise the deadline of an
+ * unfinished message. With the lock held. */
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
-  const gint64 deadline_us = self->message.deadline_us;
-
-  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : deadline_us != 0 ? deadline_us : -1);
+  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : goes_on(self) ? self->deadline_us : -1);
 }
 
 /* Prepares the next turn. What a message that has taken too long lacks, as the log names it, or NULL. */
@@ -627,41 +582,42 @@ const char *
 find_overdue(ExternalSourceSocket *self)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
-  Message *message = &self->message;
-  const gint64 now_us = message->length_read > 0 ? g_get_monotonic_time() : 0;
+  const gboolean has_begun = message_cutter_has_begun(self->cutter);
+  const gint64 now_us = has_begun ? g_get_monotonic_time() : 0;
 
   if (self->channel == nullptr) {
     return nullptr;
   }
-  if (message->length_read > 0 && !goes_on(message)) {
-    message->deadline_us = now_us + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
+  if (has_begun && !goes_on(self)) {
+    self->deadline_us = now_us + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
     g_atomic_int_inc(&unfinished_messages);
   }
-  if (message->length_read > 0 && now_us >= message->deadline_us) {
-    return message->frame != nullptr ? "data" : "length";
+  if (has_begun && now_us >= self->deadline_us) {
+    return message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_LENGTH ? "length" : "data";
   }
   set_ready_time(self, g_main_current_source());
   return nullptr;
 }
 
-/* Between two messages, whether the next one has to wait. Then this turn is the watch's last, and the account
- * resumes the socket. To be asked before a turn, and after it too: what a producer sends once its message has
- * filled the queue may come in pieces. */
+/* Whether the socket is between two messages and the account does not let the next one begin. If so, the
+ * caller removes the watch, and the account resumes the socket. Called before each turn, and after it too:
+ * what a producer sends behind the message that has filled the queue may come in pieces. */
 gboolean
 has_to_wait(ExternalSourceSocket *self)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
 
-  if (self->channel == nullptr || self->message.length_read > 0 || message_reader_may_begin(self->reader)) {
+  if (self->channel == nullptr || message_cutter_has_begun(self->cutter) ||
+      message_reader_may_begin(self->reader)) {
     return FALSE;
   }
   self->watch_id = 0;
-  self->is_catching_up = TRUE;
+  set_is_catching_up(self, TRUE);
   return TRUE;
 }
 
-/* One message each time, so that a producer with much to say does not keep the main loop: what the channel
- * has read ahead makes it ready again. */
+/* Reads one message per dispatch, so that a busy producer does not block the main loop. What the channel has
+ * read ahead makes the watch ready again. */
 gboolean
 on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 {
@@ -701,11 +657,11 @@ add_watch(ExternalSourceSocket *self)
   self->watch_id =
       g_io_add_watch_full(self->channel, G_PRIORITY_DEFAULT, CONDITIONS, on_ready, hold(self), release_hold);
   if (self->watch_id == 0) {
-    /* Not the last one: the socket is open. */
+    /* Never the last holder: the open socket is one. */
     release_hold(self);
     return;
   }
-  /* It stays until somebody removes it by its id, which nobody can know yet. */
+  /* The watch stays until it is removed by its id, which other threads read only with the lock. */
   set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
 }
 
@@ -723,8 +679,8 @@ on_resume(GObject *owner)
 
 /* Why a descriptor cannot carry a stream. NULL when it can, and for a folder, whose read fails.
  *
- * No watch on another kind would ever rest: poll() reports a device or an event counter as readable again
- * and again, and a descriptor that only names a file as invalid. */
+ * A watch on any other kind would never be idle: poll() always reports a device or an event counter as
+ * readable, and a descriptor that only names a file as invalid. */
 const gchar *
 find_refusal(gint fd)
 {
@@ -771,6 +727,14 @@ accept_descriptor(gint fd, const gchar *source_name)
   return reason == nullptr;
 }
 
+MessageCutter *
+make_cutter(const gchar *source_name)
+{
+  g_autofree gchar *frame_start = g_strdup_printf(EXTERNAL_SOURCE_FRAME_START, source_name);
+
+  return message_cutter_new(frame_start, EXTERNAL_SOURCE_FRAME_END);
+}
+
 /* FALSE when the stream cannot be read; that is logged. */
 gboolean
 start_reading(ExternalSourceSocket *self)
@@ -785,6 +749,7 @@ start_reading(ExternalSourceSocket *self)
   g_io_channel_set_buffer_size(self->channel, BUFFER_SIZE);
 
   self->is_blocking = (fcntl(g_io_channel_unix_get_fd(self->channel), F_GETFL) & O_NONBLOCK) == 0;
+  set_is_catching_up(self, FALSE);
 
   add_watch(self);
   if (self->watch_id == 0) {
@@ -826,9 +791,9 @@ shut_down(ExternalSourceSocket *self)
  * Reads a producer's stream in the default main context until it ends, fails or is closed. The socket then
  * closes the descriptor; until then it keeps itself alive.
  *
- * Between two messages, the stream is read only while @account lets one begin; the producer meets a pause as
- * a stream that takes no more, and not even its hanging up is noticed meanwhile. The pause loses nothing:
- * from then until the stream has been found empty between two messages, messages may come in pieces in either
+ * Between two messages, the stream is read only while @account lets one begin. During such a pause the
+ * producer cannot write more than the descriptor buffers, and its hang-up is not noticed. No message is lost:
+ * from the pause until nothing is left to read between two messages, messages may come in pieces in either
  * mode of the descriptor. A message that takes longer than EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS, and one for
  * whose length there is no room, end the stream, which is logged at error priority.
  *
@@ -862,7 +827,7 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
   }
   auto *self = TESSARD_EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
   self->source_name = g_strdup(source_name);
-  self->frame_start = g_strdup_printf(EXTERNAL_SOURCE_FRAME_START, source_name);
+  self->cutter = make_cutter(source_name);
   self->reader = message_reader_new(account, G_OBJECT(self), on_resume);
   self->channel = make_channel(consumer_fd);
   self->on_data = on_data;
@@ -884,10 +849,9 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
  * @self: (transfer none): a socket
  * @notify: whether to call the function that is told of the stream's end
  *
- * Closes the socket and its descriptor, once: whoever comes later does nothing, and does not wait for the
- * first. Without @notify that function is not called by this close; one last frame may still be being
- * delivered on the main thread, which is why the user data are released only after that. A failure is logged
- * at error priority. Any thread.
+ * Closes the socket and its descriptor. Only the first call does so; a later one returns at once and does not
+ * wait for the first. Without @notify the function is not called. The main thread may still deliver one last
+ * frame after that; the user data are released afterwards. A failure is logged at error priority. Any thread.
  *
  * Warnings: "self != NULL" is a precondition.
  */

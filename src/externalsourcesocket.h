@@ -9,24 +9,24 @@ G_BEGIN_DECLS
 /**
  * EXTERNAL_SOURCE_FRAME_START:
  *
- * What stands before the items in a producer's JSON frame: a format that takes the name of the source, which
- * nothing escapes.
+ * The text before the items in a producer's JSON frame: a format that takes the name of the source, which is
+ * not escaped.
  */
 #define EXTERNAL_SOURCE_FRAME_START "{\"Source\":\"%s\",\"Data\":{\"Item\":["
 
 /**
  * EXTERNAL_SOURCE_FRAME_END:
  *
- * What stands behind the items in a producer's JSON frame.
+ * The text behind the items in a producer's JSON frame.
  */
 #define EXTERNAL_SOURCE_FRAME_END "]}}"
 
 /**
  * EXTERNAL_SOURCE_MAX_PAYLOAD:
  *
- * The length of the longest message that is read from a producer. The producers' format knows no limit; this
- * one is the daemon's, because a stream that is out of step announces any length, and all that follows would
- * be swallowed.
+ * The length of the longest payload that is read from a producer. The format of the stream has no limit. The
+ * daemon has one because a stream that is out of step can announce any length, and all that follows would
+ * count as one payload.
  */
 #define EXTERNAL_SOURCE_MAX_PAYLOAD (64 * 1024 * 1024)
 
@@ -40,16 +40,16 @@ G_BEGIN_DECLS
 /**
  * EXTERNAL_SOURCE_TURN_BYTES:
  *
- * How many bytes of messages that begin all sockets together read in one turn of the main loop, and how many
- * of messages that go on. Of the former each open socket takes an equal share, of the latter each socket with
- * such a message, but EXTERNAL_SOURCE_MIN_READ_BYTES at least.
+ * How many bytes all sockets together read in one turn of the main loop of payloads that begin, and how many
+ * of payloads that an earlier turn has left unfinished. All open sockets have an equal share of the first,
+ * the sockets with an unfinished message of the second. A share is at least EXTERNAL_SOURCE_MIN_READ_BYTES.
  */
 #define EXTERNAL_SOURCE_TURN_BYTES (2 * 1024 * 1024)
 
 /**
  * EXTERNAL_SOURCE_MIN_READ_BYTES:
  *
- * How many bytes of a message a socket may read in one turn of the main loop, however many sockets there are.
+ * How many bytes of a payload a socket may read in one turn of the main loop, however many sockets there are.
  */
 #define EXTERNAL_SOURCE_MIN_READ_BYTES (4 * 1024)
 
