@@ -1,6 +1,5 @@
-/* Start-up, and nothing else. What happens when is the order of the steps in main() and run(). */
+/* Start-up, in the order of the steps in main() and run(). */
 #include "analyticsproducerlist.h"
-#include "buscall.h"
 #include "dbusclient.h"
 #include "dbusserver.h"
 #include "eventsourcefactory.h"
@@ -8,12 +7,13 @@
 #include "memory.h"
 #include "neededelements.h"
 #include "producerconfig.h"
+#include "ptzcoordinator.h"
 #include "ptzsourcefactory.h"
 #include "radarscenesourcefactory.h"
 #include "ratelimitedlog.h"
+#include "scenemanager.h"
 #include "scenesourcefactory.h"
 #include "server.h"
-#include "systembus.h"
 #include "terminal.h"
 
 #include <cerrno>
@@ -33,16 +33,7 @@ constexpr const char *DEFAULT_RUN_DIR = "/run/tessard";
 constexpr int RUN_DIR_MODE = 0771;
 constexpr mode_t PROCESS_UMASK = 002;
 
-constexpr const char *PTZ_COORDINATOR_NAME = "com.quon.PTZ.Coordinator";
-constexpr const char *PTZ_COORDINATOR_PATH = "/com/quon/PTZ/Coordinator/1";
-constexpr const char *PTZ_COORDINATOR_INTERFACE = "com.quon.PTZ.Coordinator";
-constexpr const char *MOVE_CAPABILITIES_PROPERTY = "DriverMoveCapabilities";
-
-constexpr const char *SCENE_MANAGER_NAME = "com.quon.VideoSceneManager1";
-constexpr const char *SCENE_MANAGER_PATH = "/com/quon/VideoSceneManager1";
-constexpr const char *SCENE_MANAGER_INTERFACE = "com.quon.VideoSceneManager1.Scene";
-
-/* A kind of metadata that the daemon offers if the platform brings a plug-in for it. */
+/* A kind of metadata that the daemon offers when the platform's plug-in for it is installed. */
 struct Kind {
   const gchar *plugin;
   const gchar *adding;
@@ -166,94 +157,6 @@ is_offered(const Kind &kind)
   return offered;
 }
 
-/* NULL when @value holds nothing, or is nothing that could. */
-GVariant *
-get_first_child(GVariant *value)
-{
-  if (value == nullptr || !g_variant_is_container(value) || g_variant_n_children(value) == 0) {
-    return nullptr;
-  }
-  return g_variant_get_child_value(value, 0);
-}
-
-GVariant *
-get_coordinator_property(const gchar *property, GError **error)
-{
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, error);
-  if (bus == nullptr) {
-    return nullptr;
-  }
-  constexpr auto FLAGS = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
-                                                      G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
-  g_autoptr(GDBusProxy) proxy =
-      g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, FLAGS, nullptr, PTZ_COORDINATOR_NAME,
-                                    PTZ_COORDINATOR_PATH, "org.freedesktop.DBus.Properties", nullptr, error);
-  if (proxy == nullptr) {
-    return nullptr;
-  }
-  return g_dbus_proxy_call_sync(proxy, "Get", g_variant_new("(ss)", PTZ_COORDINATOR_INTERFACE, property),
-                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error);
-}
-
-/* What the bus brings is not to be trusted: another type must not end the daemon. */
-gboolean
-unpack_int32(GVariant *reply, gint32 *number, GError **error)
-{
-  g_autoptr(GVariant) boxed = get_first_child(reply);
-  g_autoptr(GVariant) value = get_first_child(boxed);
-
-  if (value == nullptr || !g_variant_is_of_type(value, G_VARIANT_TYPE_INT32)) {
-    g_set_error_literal(error, g_variant_parse_error_quark(), 0, "Failed to unpack variant");
-    return FALSE;
-  }
-  *number = g_variant_get_int32(value);
-  return TRUE;
-}
-
-/* What the camera's head can move, as its driver reports it; 0 without a report. */
-gint32
-query_move_capabilities()
-{
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = get_coordinator_property(MOVE_CAPABILITIES_PROPERTY, &error);
-  gint32 capabilities = 0;
-
-  if (reply == nullptr || !unpack_int32(reply, &capabilities, &error)) {
-    /* docs/compatibility.md, "last blank of a line". */
-    syslog(LOG_INFO, "could not get property %s from %s: %s ", MOVE_CAPABILITIES_PROPERTY,
-           PTZ_COORDINATOR_PATH, error->message);
-  }
-  return capabilities;
-}
-
-/* Calls without a proxy: a new proxy loads all properties, which are not needed here, and waits for them with
- * GDBus' default time-out. NULL without an error when there is no answer. */
-GVariant *
-call_scene_manager(const gchar *method, gint timeout_ms, GCancellable *cancellable, GError **error)
-{
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_find(&reservation, error);
-  if (bus == nullptr) {
-    return nullptr;
-  }
-  const BusCall call = {bus,     SCENE_MANAGER_NAME, SCENE_MANAGER_PATH, SCENE_MANAGER_INTERFACE, method,
-                        nullptr, timeout_ms};
-
-  return bus_call_sync(&call, cancellable, nullptr);
-}
-
-/* Whether somebody provides scenes of a channel at least. Called on the request server's pool threads. */
-gboolean
-is_scene_provider_running(gint timeout_ms, GCancellable *cancellable, GError **error)
-{
-  g_autoptr(GVariant) reply = call_scene_manager("GetNumberOfChannels", timeout_ms, cancellable, error);
-  g_autoptr(GVariant) channels = get_first_child(reply);
-
-  return channels != nullptr && g_variant_is_of_type(channels, G_VARIANT_TYPE_INT32) &&
-         g_variant_get_int32(channels) > 0;
-}
-
 /* The order of registration is the order of the sources in every client's pipeline. */
 void
 add_factories(Server *server, AnalyticsProducerList *producers)
@@ -264,12 +167,12 @@ add_factories(Server *server, AnalyticsProducerList *producers)
     register_factory(server, event_source_factory_new());
   }
   if (is_offered(PTZ)) {
-    move_capabilities = query_move_capabilities();
+    move_capabilities = ptz_coordinator_query_move_capabilities(nullptr);
     register_factory(server, ptz_source_factory_new(move_capabilities));
   }
   if (is_offered(SCENES)) {
-    register_factory(server,
-                     scene_source_factory_new(producers, move_capabilities, is_scene_provider_running));
+    register_factory(
+        server, scene_source_factory_new(producers, move_capabilities, scene_manager_is_provider_running));
   }
   if (is_offered(RADAR_SCENES)) {
     register_factory(server, radar_scene_source_factory_new(producers));

@@ -6,6 +6,7 @@
  */
 #include "radarscenesourcefactory.h"
 
+#include "captureservice.h"
 #include "optionvalidation.h"
 #include "scenesource.h"
 #include "sourcefactory.h"
@@ -106,13 +107,13 @@ configure_radar_converter(GstElement *converter, gpointer user_data, GError **er
 gboolean
 find_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
-  g_autoptr(GError) shortage = nullptr;
+  g_autoptr(GError) cause = nullptr;
 
-  if (scene_source_query_rotation(channel, rotation, &shortage)) {
+  if (capture_service_query_rotation(channel, rotation, nullptr, &cause)) {
     return TRUE;
   }
-  if (shortage != nullptr) {
-    g_propagate_error(error, g_steal_pointer(&shortage));
+  if (cause != nullptr) {
+    g_propagate_error(error, g_steal_pointer(&cause));
     return FALSE;
   }
   /* docs/compatibility.md, "rotation failure". */

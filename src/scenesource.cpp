@@ -1,25 +1,20 @@
 /* What the factories of scenes have in common, for one channel of the camera: the built-in producer and
- * whether it is enabled, the picture's rotation, and the bin
+ * whether it is enabled, and the bin
  *
  *   source -> capsfilter -> converter -> "src"
  *
- * Nothing here keeps a state, and everything but the publishing runs on the pool threads that ask the
- * factories. What differs between the kinds, the order of the steps included, is the factories' own.
+ * Nothing here has a state. Everything except the publishing runs on the pool threads that call the
+ * factories. What differs between the kinds, including the order of the steps, is in the factories.
  */
 #include "scenesource.h"
 
 #include "producerconfig.h"
 #include "sourcefactory.h"
-#include "systembus.h"
 
 #include <array>
 
 namespace
 {
-
-constexpr const char *CAPTURE_NAME = "com.quon.Capt1";
-constexpr const char *CAPTURE_CHANNEL_PATH = "/com/quon/Capt1/Channels/%d";
-constexpr const char *CAPTURE_CHANNEL_INTERFACE = "com.quon.Capt1.Channel";
 
 gboolean
 fail(GError **error, const gchar *text)
@@ -28,25 +23,7 @@ fail(GError **error, const gchar *text)
   return FALSE;
 }
 
-/* The settings of a channel, as the capture service answers. NULL when it does not answer, or with something
- * else than one variant: only what was asked for is unpacked. */
-GVariant *
-get_channel_settings(GDBusConnection *bus, gint32 channel)
-{
-  g_autofree gchar *path = g_strdup_printf(CAPTURE_CHANNEL_PATH, channel);
-  g_autoptr(GVariant) reply =
-      g_dbus_connection_call_sync(bus, CAPTURE_NAME, path, "org.freedesktop.DBus.Properties", "Get",
-                                  g_variant_new("(ss)", CAPTURE_CHANNEL_INTERFACE, "settings"), nullptr,
-                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  GVariant *settings = nullptr;
-
-  if (reply != nullptr && g_variant_is_of_type(reply, G_VARIANT_TYPE("(v)"))) {
-    g_variant_get(reply, "(v)", &settings);
-  }
-  return settings;
-}
-
-/* With a reference of the caller's own, so that whatever fails behind it leaves nothing floating. */
+/* Returns a full reference, so that a later failure leaves no floating one. */
 GstElement *
 make_element(const gchar *factory, const gchar *name, const gchar *failure, GError **error)
 {
@@ -78,7 +55,7 @@ make_filter(const SceneSourceKind *kind, gint32 channel, gboolean polygon, GErro
     return nullptr;
   }
 
-  /* Whoever asks for analytics at all gets bounding boxes. */
+  /* Every request for analytics gets bounding boxes. */
   g_autoptr(GstCaps) caps =
       gst_caps_new_simple(kind->media_type, "bounding-box", G_TYPE_BOOLEAN, TRUE, "polygon", G_TYPE_BOOLEAN,
                           polygon, "velocity", G_TYPE_BOOLEAN, TRUE, "channel", G_TYPE_INT, channel, nullptr);
@@ -144,38 +121,6 @@ scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gin
 
   *source_name = nullptr;
   return producer != nullptr && analytics_producer_get_channel_enabled(producer, channel, source_name);
-}
-
-/**
- * scene_source_query_rotation:
- * @channel: a channel
- * @rotation: (out): the rotation of its picture in degrees; 0 when the capture service names none as an
- *   unsigned number, and on failure
- * @error: (out) (optional): where to put a shortage of descriptors; no other failure is an error
- *
- * Asks the capture service on the system bus and waits for the answer, with GDBus' default time-out (25
- * seconds). Logs nothing: what a failure means is the caller's to say. Any thread but the main thread, which
- * never waits.
- *
- * Returns: %FALSE without an error when there is no bus, no service, or no answer that holds the channel's
- *   settings; %FALSE with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when too few descriptors are free to
- *   ask
- */
-gboolean
-scene_source_query_rotation(gint32 channel, guint32 *rotation, GError **error)
-{
-  *rotation = 0;
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GDBusConnection) bus = system_bus_find(&reservation, error);
-  if (bus == nullptr) {
-    return FALSE;
-  }
-  g_autoptr(GVariant) settings = get_channel_settings(bus, channel);
-  if (settings == nullptr || !g_variant_is_of_type(settings, G_VARIANT_TYPE_VARDICT)) {
-    return FALSE;
-  }
-  g_variant_lookup(settings, "rotation", "u", rotation);
-  return TRUE;
 }
 
 /**

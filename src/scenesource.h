@@ -96,8 +96,6 @@ void scene_source_publish_producer(AnalyticsProducerList *producers, const gchar
 gboolean scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gint32 channel,
                                  gchar **source_name);
 
-gboolean scene_source_query_rotation(gint32 channel, guint32 *rotation, GError **error);
-
 GstElement *scene_source_new(const SceneSourceKind *kind, gint32 channel, gboolean polygon,
                              SceneSourceConfigureFunc configure, gpointer user_data, GError **error);
 

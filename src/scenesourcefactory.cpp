@@ -1,16 +1,17 @@
 /* Makes a source of the video motion tracker's scenes for a request for analytics, and publishes the tracker
  * as a producer.
  *
- * A request's parameters are checked first, in a fixed order, then whether the tracker is enabled on the
- * channel. Only then does the request wait for a scene provider, and after that query the bus. The factory's
- * fields are written before the first request, so several requests can use it at once; each waits for itself.
+ * Order: first the parameters are checked in a fixed order, then whether the tracker is enabled on the
+ * channel. Only then does the request wait for a scene provider, and last it asks the capture service. The
+ * factory's fields are written before the first request, so several requests can use it at once.
  *
- * The wait ends with a provider, at the deadline, with a shortage of descriptors, or when the calling
- * thread's current GCancellable is cancelled. Waiting takes no descriptor: the cancellation signals a
- * condition.
+ * Wait: it ends with a provider, at the deadline, with a shortage of descriptors, or when the calling
+ * thread's current GCancellable is cancelled. Between two probes it takes no descriptor: the cancellation
+ * signals a condition.
  */
 #include "scenesourcefactory.h"
 
+#include "captureservice.h"
 #include "optionvalidation.h"
 #include "ptzvalidation.h"
 #include "scenesource.h"
@@ -97,10 +98,10 @@ parse_request(GHashTable *params, Request *request, GError **error)
 }
 
 /* Lets the calling thread sleep until a point in time or the cancellation. */
-class Rest
+class Pause
 {
 public:
-  explicit Rest(GCancellable *cancellable) : cancellable_(cancellable)
+  explicit Pause(GCancellable *cancellable) : cancellable_(cancellable)
   {
     g_mutex_init(&lock_);
     g_cond_init(&cancelled_);
@@ -110,15 +111,15 @@ public:
   }
 
   /* g_cancellable_disconnect() waits for a callback that is running. */
-  ~Rest()
+  ~Pause()
   {
     g_cancellable_disconnect(cancellable_, handler_id_);
     g_cond_clear(&cancelled_);
     g_mutex_clear(&lock_);
   }
 
-  Rest(const Rest &) = delete;
-  Rest &operator=(const Rest &) = delete;
+  Pause(const Pause &) = delete;
+  Pause &operator=(const Pause &) = delete;
 
   void until(gint64 end_us)
   {
@@ -133,7 +134,7 @@ public:
 private:
   static void on_cancelled(GCancellable *, gpointer user_data)
   {
-    auto *self = static_cast<Rest *>(user_data);
+    auto *self = static_cast<Pause *>(user_data);
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock_);
 
     g_cond_signal(&self->cancelled_);
@@ -159,21 +160,21 @@ gboolean
 wait_for_scene_provider(SceneRunningFunc scene_running_func, GError **error)
 {
   GCancellable *cancellable = g_cancellable_get_current();
-  Rest rest(cancellable);
+  Pause pause(cancellable);
   const gint64 deadline_us =
       g_get_monotonic_time() + SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS * G_TIME_SPAN_SECOND;
 
   for (gint left_ms = milliseconds_until(deadline_us); left_ms > 0;
        left_ms = milliseconds_until(deadline_us)) {
-    g_autoptr(GError) shortage = nullptr;
-    if (scene_running_func(MIN(left_ms, SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS), cancellable, &shortage)) {
+    g_autoptr(GError) cause = nullptr;
+    if (scene_running_func(MIN(left_ms, SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS), cancellable, &cause)) {
       return TRUE;
     }
-    if (shortage != nullptr) {
-      g_propagate_error(error, g_steal_pointer(&shortage));
+    if (cause != nullptr) {
+      g_propagate_error(error, g_steal_pointer(&cause));
       return FALSE;
     }
-    rest.until(MIN(deadline_us, g_get_monotonic_time() + PROBE_INTERVAL_US));
+    pause.until(MIN(deadline_us, g_get_monotonic_time() + PROBE_INTERVAL_US));
     if (g_cancellable_set_error_if_cancelled(cancellable, error)) {
       return FALSE;
     }
@@ -237,7 +238,7 @@ create_scene_source(SourceFactory *factory, GHashTable *params, GError **error)
   }
   /* Without a rotation the request goes on without scenes (docs/compatibility.md, "rotation failure"). A
    * shortage of descriptors fails it. */
-  if (!scene_source_query_rotation(request.channel, &rotation, error)) {
+  if (!capture_service_query_rotation(request.channel, &rotation, nullptr, error)) {
     return nullptr;
   }
 

@@ -9,35 +9,36 @@ G_BEGIN_DECLS
 /**
  * SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS:
  *
- * How many seconds a request waits for a scene provider at most, the time that the provider takes to answer
- * included.
+ * How many seconds a request waits for a scene provider at most, including the time that the provider takes
+ * to reply.
  */
 #define SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS 300
 
 /**
  * SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS:
  *
- * How long a request that waits for a scene provider rests before it looks for one again.
+ * How long a request that waits for a scene provider pauses between two probes.
  */
 #define SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS 1000
 
 /**
  * SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS:
  *
- * How long a scene provider may take to answer.
+ * How long a scene provider may take to reply to a probe.
  */
 #define SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS 1000
 
 /**
  * SceneRunningFunc:
- * @timeout_ms: how many milliseconds the answer may take; with 0 it is not waited for
- * @cancellable: (nullable): ends the wait for the answer
- * @error: (out) (optional): where to put a shortage of descriptors; nothing else is an error
+ * @timeout_ms: how many milliseconds the reply may take; with 0 the function does not wait for it
+ * @cancellable: (nullable): ends the wait for the reply
+ * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
+ *   no errors
  *
  * Called on the request server's pool threads, for several requests at once.
  *
  * Returns: whether a scene provider is running; %FALSE with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES
- *   when too few descriptors are free to ask
+ *   when too few descriptors are free to ask, or to %G_IO_ERROR_CANCELLED
  */
 typedef gboolean (*SceneRunningFunc)(gint timeout_ms, GCancellable *cancellable, GError **error);
 

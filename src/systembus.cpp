@@ -1,13 +1,14 @@
-/* The one way to the system bus for threads that wait for replies. GLib shares one connection among all who
- * hold it, makes a new one when nobody does, and has each of them end the process when the bus goes away. The
- * daemon's clients do not need the bus for what they already receive, so the connection does not end the
- * process here.
+/* How the daemon's threads call services on the system bus and wait for the reply. GLib shares one connection
+ * among all its users, makes a new one when there are none, and by default ends the process when the bus goes
+ * away. The daemon's clients do not need the bus for what they already receive, so the connection does not
+ * end the process here.
  *
- * A call that waits makes a main context, and GLib ends the process when that finds no descriptor. So the
- * connection comes with a reservation, which the caller holds as long as it waits.
+ * A call that waits makes a main context, and GLib ends the process when there is no descriptor for that. So
+ * each call holds a reservation of descriptors while it waits.
  */
 #include "systembus.h"
 
+#include "buscall.h"
 #include "descriptorfilter.h"
 
 namespace
@@ -16,6 +17,19 @@ namespace
 constexpr const char *PREPARED_KEY = "tessard-system-bus-prepared";
 
 GMutex prepare_lock;
+
+/* Like system_bus_get(), but only a shortage of descriptors is an error. */
+GDBusConnection *
+find_bus(DescriptorReservation **reservation, GError **error)
+{
+  g_autoptr(GError) cause = nullptr;
+  GDBusConnection *connection = system_bus_get(reservation, &cause);
+
+  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
+    g_propagate_error(error, g_steal_pointer(&cause));
+  }
+  return connection;
+}
 
 } // namespace
 
@@ -56,36 +70,66 @@ system_bus_get(DescriptorReservation **reservation, GError **error)
 }
 
 /**
- * system_bus_find:
- * @reservation: (out) (optional) (transfer full): the same as for system_bus_get()
- * @error: (out) (optional): where to put a shortage of descriptors; no other failure is an error
+ * system_bus_call:
+ * @object: what to call
+ * @method: the method
+ * @arguments: (nullable): a tuple, of which this takes a floating reference
+ * @timeout_ms: how long the reply may take, -1 for GDBus' default of 25 seconds; with 0 the function does not
+ *   wait for it
+ * @cancellable: (nullable): ends the wait for the reply
+ * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
+ *   no errors
  *
- * Does what system_bus_get() does, for callers to whom a bus that is missing is no failure. Any thread.
+ * Calls a method and waits for the reply. Makes no proxy: a new proxy loads all properties, and waits for
+ * them with GDBus' default timeout. Any thread.
  *
- * Returns: (transfer full) (nullable): the connection; %NULL without an error when the bus cannot be reached,
- *   %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when %SYSTEM_BUS_CALL_DESCRIPTORS descriptors
- *   cannot be reserved
+ * Returns: (transfer full) (nullable): the reply; %NULL without an error when there is no bus, no service or
+ *   no reply; %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when %SYSTEM_BUS_CALL_DESCRIPTORS
+ *   descriptors cannot be reserved, or to %G_IO_ERROR_CANCELLED
  */
-GDBusConnection *
-system_bus_find(DescriptorReservation **reservation, GError **error)
+GVariant *
+system_bus_call(const SystemBusObject *object, const gchar *method, GVariant *arguments, gint timeout_ms,
+                GCancellable *cancellable, GError **error)
 {
-  g_autoptr(GError) cause = nullptr;
-  GDBusConnection *connection = system_bus_get(reservation, &cause);
-
-  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) {
-    g_propagate_error(error, g_steal_pointer(&cause));
+  g_autoptr(GVariant) taken = arguments != nullptr ? g_variant_ref_sink(arguments) : nullptr;
+  g_autoptr(DescriptorReservation) reservation = nullptr;
+  g_autoptr(GDBusConnection) bus = find_bus(&reservation, error);
+  if (bus == nullptr) {
+    return nullptr;
   }
-  return connection;
+  const BusCall call = {bus, object->name, object->path, object->interface, method, taken, timeout_ms};
+  GVariant *reply = bus_call_sync(&call, cancellable, nullptr);
+  if (reply == nullptr) {
+    g_cancellable_set_error_if_cancelled(cancellable, error);
+  }
+  return reply;
+}
+
+/**
+ * system_bus_get_first_child:
+ * @value: (nullable): a reply, or a part of one
+ *
+ * Unpacks what comes from the bus, which may be of any type.
+ *
+ * Returns: (transfer full) (nullable): the first child; %NULL when @value has none or cannot have any
+ */
+GVariant *
+system_bus_get_first_child(GVariant *value)
+{
+  if (value == nullptr || !g_variant_is_container(value) || g_variant_n_children(value) == 0) {
+    return nullptr;
+  }
+  return g_variant_get_child_value(value, 0);
 }
 
 /**
  * system_bus_prepare:
  * @connection: (transfer none): a connection to the system bus
  *
- * Makes a connection one that the daemon can live with: the bus may go away, and nobody on the bus can take
- * the daemon's descriptors. What system_bus_get() returns is prepared; whoever has a connection in another
- * way prepares it before the first call on it, because the descriptor in the reply to an earlier call for a
- * stream would be refused. More often does no harm. Any thread.
+ * Prepares a connection for the daemon: the process survives the end of the bus, and the descriptor filter
+ * rejects descriptors that the daemon has not asked for. system_bus_get() returns a prepared connection. A
+ * connection from elsewhere must be prepared before the first call on it: the filter rejects the descriptor
+ * in the reply to an earlier call. Further calls of this function have no effect. Any thread.
  */
 void
 system_bus_prepare(GDBusConnection *connection)

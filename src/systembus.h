@@ -11,9 +11,33 @@ G_BEGIN_DECLS
  */
 #define SYSTEM_BUS_CALL_DESCRIPTORS 8
 
+/**
+ * SYSTEM_BUS_PROPERTIES:
+ *
+ * The interface of an object's properties.
+ */
+#define SYSTEM_BUS_PROPERTIES "org.freedesktop.DBus.Properties"
+
+/**
+ * SystemBusObject:
+ * @name: the bus name of a service
+ * @path: the path of one of its objects
+ * @interface: an interface of the object
+ *
+ * Where a call goes.
+ */
+typedef struct {
+  const gchar *name;
+  const gchar *path;
+  const gchar *interface;
+} SystemBusObject;
+
 GDBusConnection *system_bus_get(DescriptorReservation **reservation, GError **error);
 
-GDBusConnection *system_bus_find(DescriptorReservation **reservation, GError **error);
+GVariant *system_bus_call(const SystemBusObject *object, const gchar *method, GVariant *arguments,
+                          gint timeout_ms, GCancellable *cancellable, GError **error);
+
+GVariant *system_bus_get_first_child(GVariant *value);
 
 void system_bus_prepare(GDBusConnection *connection);
 

@@ -1,7 +1,7 @@
 #include "dbusserver.h"
 
+#include "captureservice.h"
 #include "producerconfig.h"
-#include "scenesource.h"
 #include "systembus.h"
 #include "testbus.h"
 #include "testhost.h"
@@ -269,11 +269,11 @@ TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
   bus_.reset();
   expect_log({NAME_LOST, NO_BUS});
   wait_for_release();
-  EXPECT_FALSE(scene_source_query_rotation(1, &rotation, nullptr));
+  EXPECT_FALSE(capture_service_query_rotation(1, &rotation, nullptr, nullptr));
 
   bus_.emplace();
   Service capture("com.quon.Capt1", testbus::reply("(<{'rotation': <uint32 180>}>,)"));
-  EXPECT_TRUE(scene_source_query_rotation(1, &rotation, nullptr));
+  EXPECT_TRUE(capture_service_query_rotation(1, &rotation, nullptr, nullptr));
   EXPECT_EQ(rotation, 180U);
   const Peer tool;
   EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";

@@ -6,11 +6,14 @@
 
 #include <array>
 #include <atomic>
+#include <string>
 #include <thread>
 
 using testbus::Bus;
 using testbus::Peer;
+using testbus::Service;
 using testhost::FreeDescriptors;
+using testhost::Texts;
 
 namespace
 {
@@ -33,6 +36,31 @@ __wrap_descriptor_filter_add(GDBusConnection *connection)
 
 namespace
 {
+
+constexpr SystemBusObject OBJECT = {"com.quon.Test", "/com/quon/Test/1", "com.quon.Test.Interface"};
+
+GVariant *
+call(GCancellable *cancellable, GError **error)
+{
+  return system_bus_call(&OBJECT, "Get", nullptr, -1, cancellable, error);
+}
+
+std::string
+print(GVariant *value)
+{
+  g_autofree gchar *text = value != nullptr ? g_variant_print(value, FALSE) : g_strdup("none");
+
+  return text;
+}
+
+std::string
+first_child(const char *text)
+{
+  g_autoptr(GVariant) value = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
+  g_autoptr(GVariant) child = system_bus_get_first_child(value);
+
+  return print(child);
+}
 
 class SystemBusTest : public testhost::Fixture
 {
@@ -131,42 +159,6 @@ TEST_F(SystemBusTest, FailsWhileTooFewDescriptorsAreFree)
   }
 }
 
-TEST_F(SystemBusTest, FindsTheSharedConnection)
-{
-  const Bus bus;
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GError) error = nullptr;
-
-  g_autoptr(GDBusConnection) connection = system_bus_find(&reservation, &error);
-  ASSERT_NE(connection, nullptr);
-  EXPECT_NE(reservation, nullptr);
-  EXPECT_EQ(error, nullptr);
-  g_autoptr(GDBusConnection) other = system_bus_get(nullptr, nullptr);
-  EXPECT_EQ(other, connection);
-}
-
-TEST_F(SystemBusTest, FindsNothingWithoutABus)
-{
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GError) error = nullptr;
-
-  EXPECT_EQ(system_bus_find(&reservation, &error), nullptr);
-  EXPECT_EQ(reservation, nullptr);
-  EXPECT_EQ(error, nullptr);
-}
-
-TEST_F(SystemBusTest, FailsToFindTheBusWhileTooFewDescriptorsAreFree)
-{
-  const Bus bus;
-  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);
-  g_autoptr(DescriptorReservation) reservation = nullptr;
-  g_autoptr(GError) error = nullptr;
-
-  EXPECT_EQ(system_bus_find(&reservation, &error), nullptr);
-  EXPECT_EQ(reservation, nullptr);
-  EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
-}
-
 TEST_F(SystemBusTest, KeepsTheReservationForTheCaller)
 {
   const Bus bus;
@@ -196,4 +188,96 @@ TEST_F(SystemBusTest, NeedsNoMoreDescriptorsThanItReserves)
       connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping",
       nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
   EXPECT_NE(reply, nullptr);
+}
+
+TEST_F(SystemBusTest, CallsAMethod)
+{
+  const Bus bus;
+  Service service(OBJECT.name, testbus::reply("('first', 2)"));
+  g_autoptr(GError) error = nullptr;
+
+  g_autoptr(GVariant) reply =
+      system_bus_call(&OBJECT, "Add", g_variant_new("(ss)", "a", "b"), -1, nullptr, &error);
+  EXPECT_EQ(print(reply), "('first', 2)");
+  g_autoptr(GVariant) other = system_bus_call(&OBJECT, "Get", nullptr, -1, nullptr, &error);
+  EXPECT_EQ(print(other), "('first', 2)");
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(service.take_calls(), (Texts{"/com/quon/Test/1 com.quon.Test.Interface.Add ('a', 'b')",
+                                         "/com/quon/Test/1 com.quon.Test.Interface.Get ()"}));
+}
+
+TEST_F(SystemBusTest, FailsToCallWithoutAnErrorForWhatIsMissingOnTheBus)
+{
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(call(nullptr, &error), nullptr) << "no bus";
+  const Bus bus;
+  EXPECT_EQ(call(nullptr, &error), nullptr) << "no service";
+  const Service service(OBJECT.name, testbus::refuse());
+  EXPECT_EQ(call(nullptr, &error), nullptr) << "no reply";
+  EXPECT_EQ(error, nullptr);
+}
+
+/* An error name from which GDBus makes a GError of the domain and the code in it. */
+TEST_F(SystemBusTest, TakesNoErrorOfAServiceForItsOwn)
+{
+  const Bus bus;
+  const Service service(OBJECT.name, [](GDBusMessage *call) {
+    g_autoptr(GError) error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "made up");
+    g_autofree gchar *name = g_dbus_error_encode_gerror(error);
+    return g_dbus_message_new_method_error_literal(call, name, error->message);
+  });
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(call(cancellable, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(SystemBusTest, EndsACallAtItsTimeout)
+{
+  const Bus bus;
+  Service service(OBJECT.name, testbus::reply("()"));
+  service.set_slow(true);
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(system_bus_call(&OBJECT, "Get", nullptr, 0, nullptr, &error), nullptr);
+  EXPECT_EQ(system_bus_call(&OBJECT, "Get", nullptr, 1, nullptr, &error), nullptr);
+  EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(SystemBusTest, EndsACallThatIsCancelled)
+{
+  const Bus bus;
+  Service service(OBJECT.name, testbus::reply("()"));
+  service.set_slow(true);
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  g_autoptr(GError) error = nullptr;
+  std::thread caller([&] { EXPECT_EQ(call(cancellable, &error), nullptr); });
+
+  EXPECT_TRUE(testhost::spin_until([&] { return service.calls_size() == 1; }));
+  g_cancellable_cancel(cancellable);
+  caller.join();
+  EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
+}
+
+TEST_F(SystemBusTest, FailsToCallWithAnErrorWhileTooFewDescriptorsAreFree)
+{
+  const Bus bus;
+  const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);
+  g_autoptr(GError) error = nullptr;
+
+  EXPECT_EQ(call(nullptr, &error), nullptr);
+  EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
+}
+
+TEST_F(SystemBusTest, GetsTheFirstChildOfAnyValue)
+{
+  EXPECT_EQ(first_child("(1, 'two')"), "1");
+  EXPECT_EQ(first_child("<'boxed'>"), "'boxed'");
+  EXPECT_EQ(first_child("[uint32 3, 4]"), "3");
+  EXPECT_EQ(first_child("()"), "none");
+  EXPECT_EQ(first_child("@as []"), "none");
+  EXPECT_EQ(first_child("'text'"), "none");
+  EXPECT_EQ(system_bus_get_first_child(nullptr), nullptr);
 }

@@ -1,7 +1,5 @@
 #include "testbus.h"
 
-#include "testhost.h"
-
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -230,6 +228,26 @@ Bus::~Bus()
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
   unlink(socket_path().c_str());
+}
+
+void
+Fixture::SetUpTestSuite()
+{
+  install();
+}
+
+void
+Fixture::SetUp()
+{
+  testhost::Fixture::SetUp();
+  bus_.emplace();
+}
+
+void
+Fixture::TearDown()
+{
+  bus_.reset();
+  testhost::Fixture::TearDown();
 }
 
 Answer

@@ -6,6 +6,8 @@
  */
 #pragma once
 
+#include "testhost.h"
+
 #include <condition_variable>
 #include <functional>
 #include <gio/gio.h>
@@ -35,6 +37,17 @@ public:
 
 private:
   GPid pid_ = 0;
+};
+
+/* A test with a bus, which it may take away and bring back. */
+class Fixture : public testhost::Fixture
+{
+protected:
+  static void SetUpTestSuite();
+  void SetUp() override;
+  void TearDown() override;
+
+  std::optional<Bus> bus_;
 };
 
 /* Makes a reply to a call, without sending it, or none, when the test sends one later. Called on the

@@ -1,4 +1,4 @@
-#include "scenesource.h"
+#include "captureservice.h"
 
 #include "systembus.h"
 #include "testbus.h"
@@ -10,7 +10,6 @@
 #include <ostream>
 #include <thread>
 
-using testbus::Bus;
 using testbus::Service;
 using testhost::Texts;
 
@@ -41,32 +40,13 @@ query(gint32 channel = 1)
   Result result = {FALSE, 4711};
   g_autoptr(GError) error = nullptr;
 
-  result.ok = scene_source_query_rotation(channel, &result.rotation, &error);
+  result.ok = capture_service_query_rotation(channel, &result.rotation, nullptr, &error);
   EXPECT_EQ(error, nullptr);
   return result;
 }
 
-class SceneSourceTest : public testhost::Fixture
+class CaptureServiceTest : public testbus::Fixture
 {
-protected:
-  static void SetUpTestSuite()
-  {
-    testbus::install();
-  }
-
-  void SetUp() override
-  {
-    Fixture::SetUp();
-    bus_.emplace();
-  }
-
-  void TearDown() override
-  {
-    bus_.reset();
-    Fixture::TearDown();
-  }
-
-  std::optional<Bus> bus_;
 };
 
 void
@@ -83,7 +63,7 @@ expect_results(const Texts &bodies, const Result &result)
 
 } // namespace
 
-TEST_F(SceneSourceTest, AsksForTheSettingsOfTheChannel)
+TEST_F(CaptureServiceTest, AsksForTheSettingsOfTheChannel)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
 
@@ -101,18 +81,18 @@ TEST_F(SceneSourceTest, AsksForTheSettingsOfTheChannel)
              "'settings')"}));
 }
 
-TEST_F(SceneSourceTest, FindsTheRotationAmongOtherSettings)
+TEST_F(CaptureServiceTest, FindsTheRotationAmongOtherSettings)
 {
   expect_results({"(<{'width': <uint32 1920>, 'rotation': <uint32 270>, 'name': <'door'>}>,)"}, {TRUE, 270});
   expect_results({"(<{'rotation': <uint32 4294967295>}>,)"}, {TRUE, G_MAXUINT32});
 }
 
-TEST_F(SceneSourceTest, TakesNoRotationForZero)
+TEST_F(CaptureServiceTest, TakesNoRotationForZero)
 {
   expect_results({"(<@a{sv} {}>,)", "(<{'Rotation': <uint32 90>}>,)", "(<{'': <uint32 90>}>,)"}, {TRUE, 0});
 }
 
-TEST_F(SceneSourceTest, TakesARotationOfAnotherTypeForZero)
+TEST_F(CaptureServiceTest, TakesARotationOfAnotherTypeForZero)
 {
   expect_results({"(<{'rotation': <90>}>,)", "(<{'rotation': <'90'>}>,)", "(<{'rotation': <uint64 90>}>,)",
                   "(<{'rotation': <90.0>}>,)", "(<{'rotation': <true>}>,)",
@@ -121,7 +101,7 @@ TEST_F(SceneSourceTest, TakesARotationOfAnotherTypeForZero)
                  {TRUE, 0});
 }
 
-TEST_F(SceneSourceTest, FailsForAReplyThatIsNotOneVariant)
+TEST_F(CaptureServiceTest, FailsForAReplyThatIsNotOneVariant)
 {
   expect_results({"()", "(uint32 90,)", "('rotation',)", "({'rotation': <uint32 90>},)",
                   "(<{'rotation': <uint32 90>}>, 'more')", "('more', <{'rotation': <uint32 90>}>)",
@@ -130,7 +110,7 @@ TEST_F(SceneSourceTest, FailsForAReplyThatIsNotOneVariant)
                  FAILURE);
 }
 
-TEST_F(SceneSourceTest, FailsForSettingsThatAreNoDictionaryOfVariants)
+TEST_F(CaptureServiceTest, FailsForSettingsThatAreNoDictionaryOfVariants)
 {
   expect_results({"(<uint32 90>,)", "(<'rotation'>,)", "(<('rotation', <uint32 90>)>,)",
                   "(<[('rotation', <uint32 90>)]>,)", "(<{'rotation': uint32 90}>,)",
@@ -139,7 +119,7 @@ TEST_F(SceneSourceTest, FailsForSettingsThatAreNoDictionaryOfVariants)
                  FAILURE);
 }
 
-TEST_F(SceneSourceTest, FailsWhenTheServiceRefuses)
+TEST_F(CaptureServiceTest, FailsWhenTheServiceRefuses)
 {
   Service capture(CAPTURE, testbus::refuse());
 
@@ -147,20 +127,19 @@ TEST_F(SceneSourceTest, FailsWhenTheServiceRefuses)
   EXPECT_EQ(capture.take_calls().size(), 1U);
 }
 
-TEST_F(SceneSourceTest, FailsWithoutTheService)
+TEST_F(CaptureServiceTest, FailsWithoutTheService)
 {
   EXPECT_EQ(query(), FAILURE);
 }
 
-TEST_F(SceneSourceTest, FailsWithoutABus)
+TEST_F(CaptureServiceTest, FailsWithoutABus)
 {
   bus_.reset();
 
   EXPECT_EQ(query(), FAILURE);
 }
 
-/* The only failure that is an error. */
-TEST_F(SceneSourceTest, FailsWithAnErrorWhenTooFewDescriptorsAreFree)
+TEST_F(CaptureServiceTest, FailsWithAnErrorWhenTooFewDescriptorsAreFree)
 {
   constexpr guint ENOUGH = DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS;
 
@@ -169,7 +148,7 @@ TEST_F(SceneSourceTest, FailsWithAnErrorWhenTooFewDescriptorsAreFree)
     g_autoptr(GError) error = nullptr;
     guint32 rotation = 4711;
 
-    EXPECT_FALSE(scene_source_query_rotation(1, &rotation, &error)) << count;
+    EXPECT_FALSE(capture_service_query_rotation(1, &rotation, nullptr, &error)) << count;
     EXPECT_EQ(rotation, 0U);
     EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES)) << count;
   }
@@ -177,7 +156,24 @@ TEST_F(SceneSourceTest, FailsWithAnErrorWhenTooFewDescriptorsAreFree)
   EXPECT_EQ(query(), FAILURE);
 }
 
-TEST_F(SceneSourceTest, FindsABusThatComesLater)
+TEST_F(CaptureServiceTest, FailsWithAnErrorWhenItIsCancelled)
+{
+  Service capture(CAPTURE, testbus::reply(ROTATION_180));
+  capture.set_slow(true);
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  g_autoptr(GError) error = nullptr;
+  guint32 rotation = 4711;
+  auto result = std::async(std::launch::async,
+                           [&] { return capture_service_query_rotation(1, &rotation, cancellable, &error); });
+
+  ASSERT_TRUE(testhost::spin_until([&] { return capture.calls_size() == 1; }));
+  g_cancellable_cancel(cancellable);
+  EXPECT_FALSE(result.get());
+  EXPECT_EQ(rotation, 0U);
+  EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
+}
+
+TEST_F(CaptureServiceTest, FindsABusThatComesLater)
 {
   bus_.reset();
   EXPECT_EQ(query(), FAILURE);
@@ -187,7 +183,7 @@ TEST_F(SceneSourceTest, FindsABusThatComesLater)
   EXPECT_EQ(query(), (Result{TRUE, 180}));
 }
 
-TEST_F(SceneSourceTest, WaitsForASlowAnswer)
+TEST_F(CaptureServiceTest, WaitsForASlowAnswer)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
   capture.set_slow(true);
@@ -199,7 +195,7 @@ TEST_F(SceneSourceTest, WaitsForASlowAnswer)
   EXPECT_EQ(result.get(), (Result{TRUE, 180}));
 }
 
-TEST_F(SceneSourceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
+TEST_F(CaptureServiceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
 {
   std::optional<Service> capture;
   capture.emplace(CAPTURE, testbus::reply(ROTATION_180));
@@ -212,7 +208,7 @@ TEST_F(SceneSourceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
 }
 
 /* The process has a connection of its own as well, as the daemon has: GLib shares it with the query. */
-TEST_F(SceneSourceTest, OutlivesTheBus)
+TEST_F(CaptureServiceTest, OutlivesTheBus)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
   g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
@@ -229,7 +225,7 @@ TEST_F(SceneSourceTest, OutlivesTheBus)
   EXPECT_EQ(query(), FAILURE);
 }
 
-TEST_F(SceneSourceTest, AnswersTwoThreadsAtOnce)
+TEST_F(CaptureServiceTest, AnswersTwoThreadsAtOnce)
 {
   Service capture(CAPTURE, [](GDBusMessage *call) {
     const bool first = g_str_has_suffix(g_dbus_message_get_path(call), "/1");

@@ -1,0 +1,93 @@
+#include "ptzcoordinator.h"
+
+#include "testbus.h"
+#include "testhost.h"
+
+#include <syslog.h>
+#include <thread>
+
+using testbus::Service;
+using testhost::SyslogLines;
+using testhost::Texts;
+
+namespace
+{
+
+constexpr const char *COORDINATOR = "com.quon.PTZ.Coordinator";
+
+SyslogLines
+failure(const std::string &reason)
+{
+  return {{LOG_INFO, "could not get property DriverMoveCapabilities from /com/quon/PTZ/Coordinator/1: " +
+                         reason + " "}};
+}
+
+class PTZCoordinatorTest : public testbus::Fixture
+{
+protected:
+  /* There are no capabilities, and the log has one line with the reason. */
+  static void expect_failure(const std::string &reason)
+  {
+    EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 0);
+    EXPECT_EQ(testhost::take_syslog(), failure(reason));
+  }
+};
+
+} // namespace
+
+TEST_F(PTZCoordinatorTest, AsksForTheMoveCapabilities)
+{
+  Service coordinator(COORDINATOR, testbus::reply("(<7>,)"));
+
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 7);
+  EXPECT_EQ(coordinator.take_calls(),
+            (Texts{"/com/quon/PTZ/Coordinator/1 org.freedesktop.DBus.Properties.Get "
+                   "('com.quon.PTZ.Coordinator', 'DriverMoveCapabilities')"}));
+}
+
+TEST_F(PTZCoordinatorTest, TakesAnyNumber)
+{
+  Service coordinator(COORDINATOR, testbus::reply("(<-2147483648>,)"));
+
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), G_MININT32);
+  coordinator.set_answer(testbus::reply("(<2147483647>, 'more')"));
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), G_MAXINT32);
+}
+
+TEST_F(PTZCoordinatorTest, LogsAReplyOfAnotherType)
+{
+  Service coordinator(COORDINATOR, testbus::refuse());
+
+  for (const char *body :
+       {"()", "(7,)", "(<uint32 7>,)", "(<'7'>,)", "(<<7>>,)", "(<@ai []>,)", "('more', <7>)"}) {
+    coordinator.set_answer(testbus::reply(body));
+    expect_failure("Failed to unpack variant");
+  }
+}
+
+TEST_F(PTZCoordinatorTest, LogsAnAbsentCoordinator)
+{
+  expect_failure(
+      "GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: The name com.quon.PTZ.Coordinator was "
+      "not provided by any .service files");
+}
+
+TEST_F(PTZCoordinatorTest, LogsAnAbsentBus)
+{
+  bus_.reset();
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 0);
+  EXPECT_EQ(testhost::take_syslog().size(), 1U);
+}
+
+TEST_F(PTZCoordinatorTest, EndsWhenItIsCancelled)
+{
+  Service coordinator(COORDINATOR, testbus::reply("(<7>,)"));
+  coordinator.set_slow(true);
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  std::thread caller([&] { EXPECT_EQ(ptz_coordinator_query_move_capabilities(cancellable), 0); });
+
+  EXPECT_TRUE(testhost::spin_until([&] { return coordinator.calls_size() == 1; }));
+  g_cancellable_cancel(cancellable);
+  caller.join();
+  EXPECT_EQ(testhost::take_syslog(), failure("Operation was cancelled"));
+}
