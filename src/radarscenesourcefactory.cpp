@@ -103,13 +103,13 @@ configure_radar_converter(GstElement *converter, gpointer user_data, GError **er
   return TRUE;
 }
 
-/* FALSE when too few descriptors are free for the query. */
+/* FALSE when too few descriptors are free for the query, or when the request is cancelled. */
 gboolean
 find_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
   g_autoptr(GError) cause = nullptr;
 
-  if (capture_service_query_rotation(channel, rotation, nullptr, &cause)) {
+  if (capture_service_query_rotation(channel, rotation, g_cancellable_get_current(), &cause)) {
     return TRUE;
   }
   if (cause != nullptr) {

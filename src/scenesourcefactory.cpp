@@ -238,7 +238,7 @@ create_scene_source(SourceFactory *factory, GHashTable *params, GError **error)
   }
   /* Without a rotation the request goes on without scenes (docs/compatibility.md, "rotation failure"). A
    * shortage of descriptors fails it. */
-  if (!capture_service_query_rotation(request.channel, &rotation, nullptr, error)) {
+  if (!capture_service_query_rotation(request.channel, &rotation, g_cancellable_get_current(), error)) {
     return nullptr;
   }
 

@@ -277,6 +277,11 @@ TEST_F(RadarSceneSourceFactoryTest, FailsWhenTooFewDescriptorsAreFreeToAsk)
   expect_shortage({{"analytics", "1"}});
 }
 
+TEST_F(RadarSceneSourceFactoryTest, FailsWhenItIsCancelledWhileTheCaptureServiceDoesNotReply)
+{
+  expect_cancelled_while_asking({{"analytics", "1"}});
+}
+
 TEST_F(RadarSceneSourceFactoryTest, GoesOnUnturnedWhenTheCaptureServiceAnswersWrong)
 {
   capture().set_answer(testbus::refuse());

@@ -656,6 +656,11 @@ TEST_F(SceneSourceFactoryTest, FailsWhenTooFewDescriptorsAreFreeToAsk)
   expect_shortage({{"analytics", "1"}});
 }
 
+TEST_F(SceneSourceFactoryTest, FailsWhenItIsCancelledWhileTheCaptureServiceDoesNotReply)
+{
+  expect_cancelled_while_asking({{"analytics", "1"}});
+}
+
 TEST_F(SceneSourceFactoryTest, DeclinesSilentlyWhenTheCaptureServiceAnswersWrong)
 {
   capture().set_answer(testbus::refuse());

@@ -4,6 +4,7 @@
 #include "systembus.h"
 
 #include <fstream>
+#include <future>
 
 using testelements::ReplacedFactory;
 using testelements::Unusable;
@@ -310,6 +311,25 @@ Fixture::expect_shortage(const Params &params)
   EXPECT_EQ(answer.source, nullptr);
   EXPECT_TRUE(g_error_matches(answer.error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
   EXPECT_EQ(capture().take_calls(), testhost::Texts());
+  EXPECT_EQ(testhost::take_syslog(), testhost::SyslogLines());
+}
+
+void
+Fixture::expect_cancelled_while_asking(const Params &params)
+{
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  capture().set_slow(true);
+  auto request = std::async(std::launch::async, [&] {
+    g_cancellable_push_current(cancellable);
+    const Answer answer(factory_, params);
+    g_cancellable_pop_current(cancellable);
+    EXPECT_EQ(answer.source, nullptr);
+    EXPECT_TRUE(g_error_matches(answer.error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
+  });
+
+  EXPECT_TRUE(testhost::spin_until([this] { return capture().calls_size() == 1; }));
+  g_cancellable_cancel(cancellable);
+  request.get();
   EXPECT_EQ(testhost::take_syslog(), testhost::SyslogLines());
 }
 

@@ -99,6 +99,9 @@ protected:
    */
   void expect_shortage(const testfactory::Params &params);
 
+  /* A request that is cancelled while the capture service does not reply fails, and logs nothing. */
+  void expect_cancelled_while_asking(const testfactory::Params &params);
+
   /* @params make a bin when nothing is in the way. */
   void expect_failures_to_make(const testfactory::Params &params, const BinNames &names,
                                const BuildTexts &texts) const;
