@@ -485,7 +485,8 @@ producer_config_free(void)
  * @producer: (transfer none): a producer's name
  * @channel: a video channel, from 1
  *
- * Any thread.
+ * A name in the file with an unknown escape sequence reads as the installed GLib reads it: as it stands, or
+ * not at all. Any thread.
  *
  * Returns: (transfer full) (nullable): the configuration name, never empty; %NULL when the producer is not
  *   enabled on the channel
