@@ -2,8 +2,8 @@
 # shellcheck disable=SC2034 # what the sourcing scripts use looks unused from here
 # The kinds of builds that check and soak test, and what it takes to run them; sourced behind common.sh.
 
-# Beside -Db_sanitize: shared objects leave the runtime's symbols to the program, and the normal build has shown all
-# warnings; on instrumented code the compiler sees ghosts. Optimising the address build would take three times as long
+# Beside -Db_sanitize: shared objects leave the runtime's symbols to the program, and warnings are shown by the normal
+# build alone, because instrumented code causes false ones. Optimising the address build would take three times as long
 # and hardly speed up its tests.
 SANITIZED=(-Db_lundef=false -Dwarning_level=0 -Dwerror=false)
 ADDRESS_OPTIONS=("-Db_sanitize=address,undefined" -Doptimization=0 "${SANITIZED[@]}")
@@ -32,4 +32,34 @@ DAEMON_THREAD_ENVIRONMENT=("${FIXED_LAYOUT[@]}" env
 # Builds those files of a build folder that standard input names, one a line, and no more.
 build_files() {
   xargs -d '\n' ninja -C "$1"
+}
+
+# What is built beside the normal build: compiler, build type, and "lto" for link-time optimisation. The flags of a plain
+# build are those that the distribution builds its packages with.
+MATRIX=("g++ release" "g++ plain" "g++ release lto" "clang++ release" "clang++ debugoptimized" "clang++ plain")
+
+declare -A C_COMPILERS=([g++]=gcc [clang++]=clang)
+
+# How much of the default configuration is built: what is installed on a camera, or all.
+MATRIX_PRODUCT=(-Dsim=false -Dtests=false -Ddocs=false)
+MATRIX_ALL=(-Dsim=true -Dtests=true -Ddocs=true)
+
+# Configures a build folder: its path, the compiler, the build type, options. A configured one keeps its compiler and
+# flags, so that it is made again.
+configure_anew() (
+  build=$1 compiler=$2 type=$3
+  shift 3
+  [ "$type" != plain ] || eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
+  rm -rf -- "$build"
+  CC=${C_COMPILERS[$compiler]} CXX=$compiler meson setup "$@" "$build" "$TOP"
+)
+
+# Builds one kind of the matrix, with warnings as errors: the kind, further options.
+build_kind() {
+  local compiler type lto build=$TOP/build-matrix/${1// /-}
+  read -r compiler type lto <<<"$1"
+  shift
+  set -- "-Dbuildtype=$type" "-Db_lto=$([ "$lto" = lto ] && echo true || echo false)" -Dwerror=true "$@"
+  configured "$build" "$@" || configure_anew "$build" "$compiler" "$type" "$@"
+  meson compile -C "$build"
 }
