@@ -1,9 +1,10 @@
 """The fixtures of the system tests.
 
 The daemon comes from a staged installation: TESSARD_STAGE names its root, or else one is made from the build folder
-that TESSARD_BUILD names (build-desk/ by default), which has the tests' own libraries in any case. It was configured
-with its tests, the prefix /usr and producers_conf=producers.conf, so that each daemon has its producers in the folder
-that it is started in. With ONVIF_SCHEMA_DIR every document received is validated against the official schemas."""
+that TESSARD_BUILD names (build-desk/ by default), which has the tests' own libraries in any case. Each daemon keeps its
+producers in the folder that it is started in: if the option producers_conf is an absolute path, the tests use a daemon
+of their own, which differs from the installed one in that path only. With ONVIF_SCHEMA_DIR every document received is
+validated against the official schemas."""
 
 import contextlib
 import os

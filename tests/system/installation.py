@@ -1,7 +1,9 @@
 """The staged installation under test, and what stands around it: the user that the daemon runs as, folders that this
 user can reach, GStreamer plug-ins by choice and a private system bus."""
 
+import functools
 import grp
+import json
 import math
 import os
 import pathlib
@@ -61,6 +63,18 @@ def run_by_root():
 def build_folder():
     """The build folder of the installation under test."""
     return pathlib.Path(os.environ.get("TESSARD_BUILD", TREE / "build-desk")).resolve()
+
+
+@functools.cache
+def build_option(name):
+    """The value of an option that the build folder is configured with."""
+    options = json.loads((build_folder() / "meson-info/intro-buildoptions.json").read_text(encoding="utf-8"))
+    return next(option["value"] for option in options if option["name"] == name)
+
+
+def staged_prefix(stage):
+    """The folder of a staged installation that the prefix became."""
+    return stage / pathlib.PurePath(build_option("prefix")).relative_to("/")
 
 
 def unprivileged():
@@ -132,14 +146,14 @@ class Installation:
 
     def __init__(self, stage, workspace):
         self.workspace = workspace
-        self.stage = stage
-        self.tessard = stage / "usr/bin/tessard"
-        self.simcamera = self._only(stage, "usr/lib/**/tessard/sim/simcamera")
-        self.bus_policy = stage / "usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
+        self.prefix = staged_prefix(stage)
+        self.tessard = self._daemon()
+        self.simcamera = self._only("lib*/**/tessard/sim/simcamera")
+        self.bus_policy = self.prefix / build_option("datadir") / "dbus-1/system.d/com.quon.MetadataServer1.conf"
         self.testhost = self._test_library("tests/system/preload/libtesthost.so")
         # Only a build with the thread sanitizer has it.
         self.tsan_glib = self._test_library("tests/tsan/libtsan-glib-preload.so")
-        self.plugins = {name: self._only(stage, f"usr/lib/**/tessard/sim/plugins/libgst{name}.so")
+        self.plugins = {name: self._only(f"lib*/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
@@ -147,10 +161,15 @@ class Installation:
                                 for name in (EVENT_PLUGIN, JSON_PLUGIN)}
         self.plugin_environments = {}
 
-    @staticmethod
-    def _only(stage, pattern):
-        (path,) = stage.glob(pattern)
+    def _only(self, pattern):
+        (path,) = self.prefix.glob(pattern)
         return path
+
+    def _daemon(self):
+        """The installed daemon, or the tests' own if the installed one has its producers in one file of the system."""
+        if os.path.isabs(build_option("producers_conf")):
+            return self._readable_copy(build_folder() / "tests/system/tessard", 0o755)
+        return self.prefix / "bin/tessard"
 
     def _test_library(self, name):
         """A copy of a library that the build made, which the daemon's user can read; None when the build has none."""
@@ -192,11 +211,11 @@ class Installation:
     def _copy_match(self, match):
         return str(self._readable_copy(pathlib.Path(match.group())))
 
-    def _readable_copy(self, original):
+    def _readable_copy(self, original, mode=0o644):
         copy = self.workspace.path / original.name
         if not copy.exists():
             shutil.copyfile(original, copy)
-            copy.chmod(0o644)
+            copy.chmod(mode)
         return copy
 
 

@@ -19,7 +19,7 @@ def test_tests_install_nothing(installation):
     assert installed
     assert [path for path in installed
             if path.startswith((f"{build_folder()}/tests/", f"{TREE}/tests/"))] == []
-    assert list(installation.stage.glob("usr/lib/**/tessard/tests")) == []
+    assert list(installation.prefix.glob("**/tessard/tests")) == []
 
 
 @pytest.mark.parametrize("prefix, warned", [("/usr", False), ("/usr/local", True), ("/opt/tessard", True)])
