@@ -256,6 +256,15 @@ tessard_sim_event_src_event(GstBaseSrc *base, GstEvent *event)
   return TRUE;
 }
 
+static GstStateChangeReturn
+tessard_sim_event_src_change_state(GstElement *element, GstStateChange transition)
+{
+  if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
+    TESSARD_SIM_EVENT_SRC(element)->state->wait.set_flushing(false);
+  }
+  return GST_ELEMENT_CLASS(tessard_sim_event_src_parent_class)->change_state(element, transition);
+}
+
 static GstFlowReturn
 tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
 {
@@ -264,7 +273,11 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
   for (;;) {
     sim::WakeReason wake = self->state->wait.wait_until(streaming.cursor.next_change_deadline());
     if (wake == sim::WakeReason::FLUSHING) {
-      return GST_FLOW_FLUSHING;
+      const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
+      if (flow != GST_FLOW_OK) {
+        return flow;
+      }
+      continue;
     }
 
     std::vector<onvif::EventMessage> messages;
@@ -295,6 +308,7 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
   object_class->set_property = tessard_sim_event_src_set_property;
   object_class->get_property = tessard_sim_event_src_get_property;
   object_class->finalize = tessard_sim_event_src_finalize;
+  element_class->change_state = tessard_sim_event_src_change_state;
   base_class->start = tessard_sim_event_src_start;
   base_class->unlock = tessard_sim_event_src_unlock;
   base_class->unlock_stop = tessard_sim_event_src_unlock_stop;

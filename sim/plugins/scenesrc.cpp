@@ -189,12 +189,24 @@ on_event(GstBaseSrc *base, GstEvent *event)
   return TRUE;
 }
 
+GstStateChangeReturn
+change_state(GstElement *element, GstStateChange transition)
+{
+  if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
+    as_scene_src(element)->state->wait.set_flushing(false);
+  }
+  return GST_ELEMENT_CLASS(parent_class)->change_state(element, transition);
+}
+
 GstFlowReturn
 create(GstPushSrc *push, GstBuffer **buffer)
 {
   State *state = as_scene_src(push)->state;
-  if (wait_for_next(*state) == sim::WakeReason::FLUSHING) {
-    return GST_FLOW_FLUSHING;
+  while (wait_for_next(*state) == sim::WakeReason::FLUSHING) {
+    const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
+    if (flow != GST_FLOW_OK) {
+      return flow;
+    }
   }
   *buffer = sim::scene_to_buffer(state->scenes.next_scene());
   return GST_FLOW_OK;
@@ -240,6 +252,7 @@ class_init(gpointer klass, gpointer class_data)
   object_class->set_property = set_property;
   object_class->get_property = get_property;
   object_class->finalize = finalize;
+  element_class->change_state = change_state;
   base_class->get_caps = get_caps;
   base_class->fixate = fixate;
   base_class->set_caps = set_caps;

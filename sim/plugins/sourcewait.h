@@ -9,6 +9,14 @@
  *   unlock_stop  set_flushing(false)
  *   event        handle_event(), and the parent class's function for all other events
  *
+ * GStreamer 1.26 also calls unlock when the source is paused, and stops the task of a source that returns
+ * GST_FLOW_FLUSHING, even if the source plays again by then. Two further functions of the source therefore
+ * differ from those of a source that only flushes:
+ *
+ *   change_state  from paused to playing, set_flushing(false) comes first
+ *   create        when FLUSHING ended the wait, it calls gst_base_src_wait_playing() and waits again if that
+ *                 returns GST_FLOW_OK
+ *
  * A common base class is not possible: every plug-in has its own copy of this code, one process may load
  * several plug-ins, and GObject registers a class name once. */
 

@@ -251,6 +251,15 @@ tessard_sim_ptz_src_event(GstBaseSrc *base, GstEvent *event)
   return TRUE;
 }
 
+static GstStateChangeReturn
+tessard_sim_ptz_src_change_state(GstElement *element, GstStateChange transition)
+{
+  if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
+    TESSARD_SIM_PTZ_SRC(element)->state->wait.set_flushing(false);
+  }
+  return GST_ELEMENT_CLASS(tessard_sim_ptz_src_parent_class)->change_state(element, transition);
+}
+
 static GstFlowReturn
 tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
 {
@@ -260,7 +269,11 @@ tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
     gint64 deadline = std::min(streaming.cursor.next_change_deadline(), streaming.repeat_at);
     sim::WakeReason wake = state->wait.wait_until(deadline);
     if (wake == sim::WakeReason::FLUSHING) {
-      return GST_FLOW_FLUSHING;
+      const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
+      if (flow != GST_FLOW_OK) {
+        return flow;
+      }
+      continue;
     }
 
     sim::WorldTime now = streaming.cursor.now();
@@ -309,6 +322,7 @@ tessard_sim_ptz_src_class_init(TessardSimPtzSrcClass *klass)
   object_class->set_property = tessard_sim_ptz_src_set_property;
   object_class->get_property = tessard_sim_ptz_src_get_property;
   object_class->finalize = tessard_sim_ptz_src_finalize;
+  element_class->change_state = tessard_sim_ptz_src_change_state;
   base_class->start = tessard_sim_ptz_src_start;
   base_class->unlock = tessard_sim_ptz_src_unlock;
   base_class->unlock_stop = tessard_sim_ptz_src_unlock_stop;
