@@ -167,7 +167,7 @@ add_factories(Server *server, AnalyticsProducerList *producers)
     register_factory(server, event_source_factory_new());
   }
   if (is_offered(PTZ)) {
-    move_capabilities = ptz_coordinator_query_move_capabilities(nullptr);
+    move_capabilities = ptz_coordinator_query_move_capabilities();
     register_factory(server, ptz_source_factory_new(move_capabilities));
   }
   if (is_offered(SCENES)) {

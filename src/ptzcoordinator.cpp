@@ -16,7 +16,7 @@ constexpr const char *MOVE_CAPABILITIES_PROPERTY = "DriverMoveCapabilities";
 /* Calls through a proxy. When a coordinator that the bus can start does not start, the proxy's error names
  * that, and the log shows the text. */
 GVariant *
-get_property(const gchar *property, GCancellable *cancellable, GError **error)
+get_property(const gchar *property, GError **error)
 {
   g_autoptr(DescriptorReservation) reservation = nullptr;
   g_autoptr(GDBusConnection) bus = system_bus_get(&reservation, error);
@@ -26,12 +26,12 @@ get_property(const gchar *property, GCancellable *cancellable, GError **error)
   constexpr auto FLAGS = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                                       G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
   g_autoptr(GDBusProxy) proxy = g_dbus_proxy_new_sync(bus, FLAGS, nullptr, COORDINATOR.name, COORDINATOR.path,
-                                                      COORDINATOR.interface, cancellable, error);
+                                                      COORDINATOR.interface, nullptr, error);
   if (proxy == nullptr) {
     return nullptr;
   }
   return g_dbus_proxy_call_sync(proxy, "Get", g_variant_new("(ss)", COORDINATOR_INTERFACE, property),
-                                G_DBUS_CALL_FLAGS_NONE, -1, cancellable, error);
+                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error);
 }
 
 gboolean
@@ -52,7 +52,6 @@ unpack_int32(GVariant *reply, gint32 *number, GError **error)
 
 /**
  * ptz_coordinator_query_move_capabilities:
- * @cancellable: (nullable): ends the wait for the reply
  *
  * Asks the PTZ coordinator and waits for the reply, with GDBus' default timeout of 25 seconds. A failure is
  * logged at info priority. Any thread.
@@ -60,10 +59,10 @@ unpack_int32(GVariant *reply, gint32 *number, GError **error)
  * Returns: the move capabilities of the PTZ driver; 0 on failure
  */
 gint32
-ptz_coordinator_query_move_capabilities(GCancellable *cancellable)
+ptz_coordinator_query_move_capabilities(void)
 {
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = get_property(MOVE_CAPABILITIES_PROPERTY, cancellable, &error);
+  g_autoptr(GVariant) reply = get_property(MOVE_CAPABILITIES_PROPERTY, &error);
   gint32 capabilities = 0;
 
   if (reply == nullptr || !unpack_int32(reply, &capabilities, &error)) {

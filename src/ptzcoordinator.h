@@ -1,9 +1,9 @@
 #pragma once
 
-#include <gio/gio.h>
+#include <glib.h>
 
 G_BEGIN_DECLS
 
-gint32 ptz_coordinator_query_move_capabilities(GCancellable *cancellable);
+gint32 ptz_coordinator_query_move_capabilities(void);
 
 G_END_DECLS

@@ -4,7 +4,6 @@
 #include "testhost.h"
 
 #include <syslog.h>
-#include <thread>
 
 using testbus::Service;
 using testhost::SyslogLines;
@@ -28,7 +27,7 @@ protected:
   /* There are no capabilities, and the log has one line with the reason. */
   static void expect_failure(const std::string &reason)
   {
-    EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 0);
+    EXPECT_EQ(ptz_coordinator_query_move_capabilities(), 0);
     EXPECT_EQ(testhost::take_syslog(), failure(reason));
   }
 };
@@ -39,7 +38,7 @@ TEST_F(PTZCoordinatorTest, AsksForTheMoveCapabilities)
 {
   Service coordinator(COORDINATOR, testbus::reply("(<7>,)"));
 
-  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 7);
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(), 7);
   EXPECT_EQ(coordinator.take_calls(),
             (Texts{"/com/quon/PTZ/Coordinator/1 org.freedesktop.DBus.Properties.Get "
                    "('com.quon.PTZ.Coordinator', 'DriverMoveCapabilities')"}));
@@ -49,9 +48,9 @@ TEST_F(PTZCoordinatorTest, TakesAnyNumber)
 {
   Service coordinator(COORDINATOR, testbus::reply("(<-2147483648>,)"));
 
-  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), G_MININT32);
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(), G_MININT32);
   coordinator.set_answer(testbus::reply("(<2147483647>, 'more')"));
-  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), G_MAXINT32);
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(), G_MAXINT32);
 }
 
 TEST_F(PTZCoordinatorTest, LogsAReplyOfAnotherType)
@@ -75,19 +74,6 @@ TEST_F(PTZCoordinatorTest, LogsAnAbsentCoordinator)
 TEST_F(PTZCoordinatorTest, LogsAnAbsentBus)
 {
   bus_.reset();
-  EXPECT_EQ(ptz_coordinator_query_move_capabilities(nullptr), 0);
+  EXPECT_EQ(ptz_coordinator_query_move_capabilities(), 0);
   EXPECT_EQ(testhost::take_syslog().size(), 1U);
-}
-
-TEST_F(PTZCoordinatorTest, EndsWhenItIsCancelled)
-{
-  Service coordinator(COORDINATOR, testbus::reply("(<7>,)"));
-  coordinator.set_slow(true);
-  g_autoptr(GCancellable) cancellable = g_cancellable_new();
-  std::thread caller([&] { EXPECT_EQ(ptz_coordinator_query_move_capabilities(cancellable), 0); });
-
-  EXPECT_TRUE(testhost::spin_until([&] { return coordinator.calls_size() == 1; }));
-  g_cancellable_cancel(cancellable);
-  caller.join();
-  EXPECT_EQ(testhost::take_syslog(), failure("Operation was cancelled"));
 }
