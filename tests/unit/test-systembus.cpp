@@ -261,6 +261,17 @@ TEST_F(SystemBusTest, EndsACallThatIsCancelled)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
+TEST_F(SystemBusTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogether)
+{
+  constexpr SystemBusObject BUS = {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"};
+  const Bus bus;
+  g_autoptr(GDBusConnection) held = system_bus_get(nullptr, nullptr);
+
+  testbus::expect_no_loss_when_cancelled([&](GCancellable *cancellable) {
+    return system_bus_call(&BUS, "GetId", nullptr, -1, cancellable, nullptr);
+  });
+}
+
 TEST_F(SystemBusTest, FailsToCallWithAnErrorWhileTooFewDescriptorsAreFree)
 {
   const Bus bus;

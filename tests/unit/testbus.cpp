@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string_view>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -170,6 +171,16 @@ free_call(gpointer user_data)
   g_object_unref(call->connection);
   g_object_unref(call->message);
   delete call;
+}
+
+/* Keeps the calling thread busy for so long: the moments of a cancellation are finer than a sleep. */
+void
+spin_for(gint64 time_us)
+{
+  const gint64 end_us = g_get_monotonic_time() + time_us;
+
+  while (g_get_monotonic_time() < end_us) {
+  }
 }
 
 void
@@ -456,6 +467,31 @@ on_reply(GObject *connection, GAsyncResult *result, gpointer user_data)
 }
 
 } // namespace
+
+void
+expect_no_loss_when_cancelled(const CancellableCall &call)
+{
+  constexpr unsigned ROUNDS = 3000;
+  constexpr unsigned LONGEST_US = 400;
+  std::minstd_rand chance(1);
+  unsigned replies = 0;
+  const gsize before = testhost::open_descriptors().size();
+
+  for (unsigned round = 0; round < ROUNDS; round++) {
+    const unsigned delay_us = chance() % LONGEST_US;
+    g_autoptr(GCancellable) cancellable = g_cancellable_new();
+    std::thread canceller([cancellable, delay_us] {
+      spin_for(delay_us);
+      g_cancellable_cancel(cancellable);
+    });
+    g_autoptr(GVariant) reply = call(cancellable);
+    canceller.join();
+    replies += reply != nullptr ? 1 : 0;
+  }
+  EXPECT_GT(replies, 0U);
+  EXPECT_LT(replies, ROUNDS);
+  EXPECT_TRUE(testhost::spin_until([before] { return testhost::open_descriptors().size() <= before; }));
+}
 
 Peer::Peer() : connection_(connect_to_bus())
 {

@@ -108,6 +108,13 @@ private:
   std::thread thread_;
 };
 
+/* A call of the code under test that waits for its reply. NULL when it is cancelled first. */
+using CancellableCall = std::function<GVariant *(GCancellable *cancellable)>;
+
+/* Calls many times, and cancels each call from another thread at another moment between its begin and long
+ * after its reply. Some calls must get their reply and some must not; none may leave a descriptor open. */
+void expect_no_loss_when_cancelled(const CancellableCall &call);
+
 /* Somebody on the bus who asks the code under test, in the default main context, where that answers. */
 class Peer
 {
