@@ -1,24 +1,23 @@
-/* The head of a client's branch of external producers: gathers their streams and pushes each frame as one
- * buffer, without a time stamp.
+/* The source element of a client's external producers. It reads their streams and pushes each frame as one
+ * buffer without a time stamp.
  *
- * Who keeps whom. The element has one reference on each socket of its list. Each open socket has one on the
- * element, so that an element goes only after its sockets have been closed, by their producers or by its
- * stop.
+ * Lifetime: the element has a reference to each socket in its list. Each open socket has one to the element,
+ * so the element is finalized after its last socket is closed, when the producer hangs up or the element
+ * stops.
  *
- * Which threads. The main thread adds sockets and runs their callbacks. Whoever changes the pipeline's state
- * stops the element. A streaming thread takes the buffers.
+ * Threads: the main thread adds sockets and runs their callbacks. The thread that changes the pipeline's
+ * state stops the element. A streaming thread takes the buffers.
  *
- * What the lock guards. The list, whether the element is closing, and the order in which the length of the
- * queue is told to the account. Under it the locks of the application source, of the sockets and of the
- * account may be taken, none of which is ever held when this one is taken: a socket calls back without its
- * own, and so does the application source. The element closes its sockets without notification, so the close
- * callback never meets the lock in its own thread.
+ * Lock: protects the list, the closing flag, and the order in which lengths of the queue are reported to the
+ * account. The locks of the application source, the sockets and the account are taken under it. None of them
+ * is held when it is taken, because the application source and the sockets release theirs before a callback.
+ * The element closes its sockets without notification, so on_close() never runs under the lock.
  *
- * A client that does not read. The application source takes whatever is pushed. So the account of the client
- * (messageaccount.h) is told how much waits in it, after each push and after each buffer that a streaming
- * thread has taken. When that is too much the sockets are paused, for this client alone, and its producers
- * see a stream that takes no more. Of two threads that tell at once, the one that has looked at the queue
- * last tells last, because both look and tell under the lock.
+ * Flow control: the application source accepts every buffer. The element reports the length of its queue to
+ * the client's account (messageaccount.h) after each push and after each buffer that a streaming thread
+ * takes. While the account is beyond its limit, the sockets of this client are paused, and the writes of its
+ * producers block. The lock makes reading and reporting the length one step, so the last report is the
+ * newest.
  */
 #include "externalsrc.h"
 
@@ -33,10 +32,10 @@ struct _ExternalSrc {
 
   gboolean closing;
   GPtrArray *sockets;
-  guint num_sockets; /* the length of the list, atomic: for those who read it without the lock */
+  guint num_sockets; /* the length of the list; atomic, so that the property is read without the lock */
   gint32 video_channel;
-  GCancellable *cancellable; /* never changes */
-  MessageAccount *account;   /* likewise */
+  GCancellable *cancellable; /* constant */
+  MessageAccount *account;   /* constant */
   GMutex lock;
 };
 
@@ -53,7 +52,7 @@ G_DEFINE_FINAL_TYPE(ExternalSrc, external_src, GST_TYPE_APP_SRC)
 namespace
 {
 
-/* These four with the lock held. */
+/* The next four functions are called with the lock held. */
 
 ExternalSourceSocket *
 get_socket(ExternalSrc *src, guint index)
@@ -62,13 +61,13 @@ get_socket(ExternalSrc *src, guint index)
 }
 
 void
-count_sockets(ExternalSrc *src)
+update_num_sockets(ExternalSrc *src)
 {
   g_atomic_int_set(&src->num_sockets, src->sockets->len);
 }
 
 void
-count_queue(ExternalSrc *src)
+report_queue(ExternalSrc *src)
 {
   auto *app_src = GST_APP_SRC(src);
   const guint64 overhead = gst_app_src_get_current_level_buffers(app_src) * MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
@@ -76,8 +75,8 @@ count_queue(ExternalSrc *src)
   message_account_set_queued(src->account, gst_app_src_get_current_level_bytes(app_src) + overhead);
 }
 
-/* For good: an element is not used again. Streams that are still asked for are not wanted any more, and
- * descriptors that still arrive are closed at once. */
+/* Final: the element cannot be used again. Cancels pending requests for streams; descriptors that arrive
+ * later are closed immediately. */
 void
 close_all(ExternalSrc *src)
 {
@@ -87,7 +86,7 @@ close_all(ExternalSrc *src)
     external_source_socket_close(get_socket(src, i), FALSE);
   }
   g_ptr_array_set_size(src->sockets, 0);
-  count_sockets(src);
+  update_num_sockets(src);
 }
 
 } // namespace
@@ -109,7 +108,7 @@ external_src_finalize(GObject *object)
 
   g_ptr_array_unref(src->sockets);
   g_object_unref(src->cancellable);
-  /* What still waits goes with the parent class. */
+  /* The parent class frees the queue. */
   message_account_set_queued(src->account, 0);
   message_account_unref(src->account);
   g_mutex_clear(&src->lock);
@@ -134,14 +133,14 @@ external_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *
   }
 }
 
-/* There is no other writable property, so the id is not looked at. */
+/* The only writable property is the channel. */
 static void
 external_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   TESSARD_EXTERNAL_SRC(object)->video_channel = g_value_get_int(value);
 }
 
-/* Does not chain up: no parent class implements this. */
+/* No parent class implements this function, so there is nothing to chain up to. */
 static void
 external_src_state_changed(GstElement *element, GstState old_state, GstState new_state, GstState pending)
 {
@@ -150,12 +149,12 @@ external_src_state_changed(GstElement *element, GstState old_state, GstState new
   if (old_state == GST_STATE_PAUSED && new_state == GST_STATE_READY) {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
     close_all(src);
-    count_queue(src);
+    report_queue(src);
   }
 }
 
-/* An element without a bus has been taken out of its bin. When its pipeline has failed early it was never
- * PAUSED; its sockets would then keep it, unseen by anybody, for as long as their producers live. */
+/* The bus becomes NULL when the element is removed from its bin. If the pipeline failed before PAUSED, this
+ * is the only notice: open sockets would otherwise keep the element until their producers hang up. */
 static void
 external_src_set_bus(GstElement *element, GstBus *bus)
 {
@@ -168,7 +167,7 @@ external_src_set_bus(GstElement *element, GstBus *bus)
   }
 }
 
-/* On a streaming thread, which waits here for the next buffer. */
+/* Called on a streaming thread, which waits here for the next buffer. */
 static GstFlowReturn
 external_src_create(GstBaseSrc *base_src, guint64 offset, guint size, GstBuffer **buffer)
 {
@@ -177,7 +176,7 @@ external_src_create(GstBaseSrc *base_src, guint64 offset, guint size, GstBuffer 
       GST_BASE_SRC_CLASS(external_src_parent_class)->create(base_src, offset, size, buffer);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
 
-  count_queue(src);
+  report_queue(src);
   return result;
 }
 
@@ -206,7 +205,7 @@ external_src_class_init(ExternalSrcClass *klass)
 namespace
 {
 
-/* What comes of a push is nobody's concern: an element that has stopped drops the buffer. */
+/* The result of the push is not needed: a stopped element drops the buffer. */
 void
 on_data(ExternalSourceSocket *socket, guint8 *frame, gsize size, gpointer user_data)
 {
@@ -215,10 +214,10 @@ on_data(ExternalSourceSocket *socket, guint8 *frame, gsize size, gpointer user_d
   gst_app_src_push_buffer(GST_APP_SRC(src), gst_buffer_new_wrapped(frame, size));
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
-  count_queue(src);
+  report_queue(src);
 }
 
-/* A producer that goes does not end the stream, not even the last one. */
+/* The client's stream continues after the last producer has hung up. */
 void
 on_close(ExternalSourceSocket *socket, gpointer user_data)
 {
@@ -229,7 +228,7 @@ on_close(ExternalSourceSocket *socket, gpointer user_data)
   }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
   g_ptr_array_remove(src->sockets, socket);
-  count_sockets(src);
+  update_num_sockets(src);
 }
 
 } // namespace
@@ -237,7 +236,7 @@ on_close(ExternalSourceSocket *socket, gpointer user_data)
 /**
  * external_src_new:
  *
- * Makes an element without producers. There is no element factory for it. Any thread.
+ * Makes an element without producers. The element has no factory.
  *
  * Returns: (transfer floating): a new element
  */
@@ -251,15 +250,14 @@ external_src_new(void)
  * external_src_add_socket:
  * @src: (transfer none): the element
  * @fd: (transfer full): the descriptor of a producer's stream, or -1 from a reply without one
- * @source_name: the name that stands in every frame of this producer
+ * @source_name: the configuration name in every frame of this producer
  *
- * Reads one more producer, until its stream ends, the element goes from PAUSED to READY or it is taken out of
- * its bin. After either of the last two the descriptor is closed at once. A descriptor that
- * external_source_socket_new() refuses is closed and the element goes on without it; the line at warning
- * priority names @source_name. Any thread.
+ * Adds a producer and reads its stream until the stream ends, the element changes from PAUSED to READY, or
+ * the element is removed from its bin. After one of the last two events, @fd is closed immediately. If
+ * external_source_socket_new() refuses @fd, it is closed with a warning that names @source_name.
  *
- * Warnings: "src != NULL" and "source_name != NULL" are preconditions; when one fails, the descriptor is not
- * taken over. "consumer_fd > -1" when @fd is negative and the element still takes streams.
+ * Warnings: "src != NULL" and "source_name != NULL" are preconditions; if one fails, the caller keeps @fd.
+ * "consumer_fd > -1" when @fd is negative and the element still accepts streams.
  */
 void
 external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
@@ -278,17 +276,17 @@ external_src_add_socket(ExternalSrc *src, gint fd, const gchar *source_name)
     return;
   }
   g_ptr_array_add(src->sockets, socket);
-  count_sockets(src);
+  update_num_sockets(src);
 }
 
 /**
  * external_src_get_cancellable:
  * @src: (transfer none): the element
  *
- * Whoever asks for a stream on behalf of the element ends the question when this is cancelled. Any thread.
+ * Ends the requests for streams that are made for the element.
  *
- * Returns: (transfer none): what is cancelled when the element wants no more streams: when it goes from
- *   PAUSED to READY or is taken out of its bin
+ * Returns: (transfer none): a cancellable, which is cancelled when the element changes from PAUSED to READY
+ *   or is removed from its bin
  */
 GCancellable *
 external_src_get_cancellable(ExternalSrc *src)

@@ -5,6 +5,12 @@
 
 G_BEGIN_DECLS
 
+/**
+ * ExternalSrc:
+ *
+ * The source element of the external producers of one client. Any thread can call the functions of this
+ * component.
+ */
 #define EXTERNAL_TYPE_SRC (external_src_get_type())
 G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, TESSARD, EXTERNAL_SRC, GstAppSrc)
 

@@ -1,31 +1,30 @@
-/* Counts the bytes that clients hold of their producers' messages, and says who may begin a further one.
+/* Counts the bytes of producers' messages that clients hold, and decides which client can begin a message.
  *
- * What counts. A client holds its messages that are being read, each with all that is allocated for it from
- * the moment its length is known, and what waits in its queue. MESSAGE_ACCOUNT_MESSAGE_OVERHEAD is added for
- * each message. What a pipeline keeps behind the queue does not count.
+ * Count: a client holds its unfinished messages, each with its whole allocation from the moment when its
+ * length is known, and its queue. MESSAGE_ACCOUNT_MESSAGE_OVERHEAD is added for each message. Data behind the
+ * queue does not count.
  *
- * Rules. A client that holds more than MESSAGE_ACCOUNT_CLIENT_LIMIT begins no message until it holds no more
- * than MESSAGE_ACCOUNT_CLIENT_RESUME. While all clients together hold more than MESSAGE_ACCOUNT_TOTAL_LIMIT,
- * no client begins one. A message that has begun is not paused.
+ * Rules: a client that holds more than MESSAGE_ACCOUNT_CLIENT_LIMIT begins no message until it holds at most
+ * MESSAGE_ACCOUNT_CLIENT_RESUME. While all clients together hold more than MESSAGE_ACCOUNT_TOTAL_LIMIT, no
+ * client begins a message. An unfinished message is never paused.
  *
- * When a message that begins makes the sum exceed MESSAGE_ACCOUNT_TOTAL_LIMIT, messages that are being read
- * end until the sum is within the limit, each time the longest one of the client that holds most. Of equal
- * ones the one that began first ends. Only clients that hold more than MESSAGE_ACCOUNT_CLIENT_LIMIT lose
- * messages. When none of them has a message left, the message that began is no longer than that limit, and
- * is read. So the sum never exceeds both limits together.
+ * When a message that begins makes the sum exceed MESSAGE_ACCOUNT_TOTAL_LIMIT, unfinished messages end until
+ * the sum is within the limit: each time the longest one of the client that holds most, and of equal ones the
+ * one that began first. Only clients that hold more than MESSAGE_ACCOUNT_CLIENT_LIMIT lose messages. If none
+ * of them has an unfinished message, the new message is not longer than that limit, and is read. So the sum
+ * never exceeds both limits together.
  *
- * A reader whose length comes in pieces may begin before the sum exceeds the limit, and know its length only
- * afterwards. If no other message can end to make room, its own message ends.
+ * If a message begins with a part of its length, the sum can exceed the limit before the length is known. If
+ * no other message can then end, this message ends.
  *
- * Waiting. A reader that may not begin waits. Any thread may lower a count. When that lets a waiting reader
- * go on, a source in the default main context is added, at most one at a time, which calls the readers on the
- * main thread: whoever lowers a count may hold locks that a reader needs. No wake-up is missed, because a
- * reader is told to wait and listed under the same lock under which counts change.
+ * Waiting: a reader that cannot begin waits. When a count decreases, on any thread, and a waiting reader can
+ * begin, one idle source of the default main context calls the readers on the main thread: the thread that
+ * changes the count can hold locks that a reader needs. The decision to wait and the entry in the list of
+ * waiting readers are one step under the lock, so no wake-up is missed.
  *
- * Lock: one for all accounts. Under it no other lock is taken but those of GLib, and no function of an owner
- * is called.
+ * Lock: one for all accounts. Only locks of GLib are taken under it, and no function of an owner is called.
  *
- * Lifetime: a reader keeps its account. The list of those that wait has a reference to each reader's owner,
+ * Lifetime: a reader has a reference to its account. The list of waiting readers has one to each owner,
  * which message_reader_stop() drops.
  */
 #include "messageaccount.h"
@@ -37,14 +36,14 @@
 struct MessageAccount {
   gsize unfinished; /* the sum of its readers' messages */
   gsize queued;
-  gboolean is_paused; /* was beyond its limit when a message was to begin, and has not come down since */
+  gboolean is_paused; /* exceeded the client limit, and has not reached the resume limit since */
 };
 
 struct MessageReader {
   MessageAccount *account;
-  GObject *owner; /* borrowed, but while the reader waits */
+  GObject *owner; /* borrowed, except while the reader waits */
   MessageReaderResumeFunc resume;
-  gsize unfinished; /* 0 while no message is being read */
+  gsize unfinished; /* 0 without an unfinished message */
   gboolean is_waiting;
 };
 
@@ -53,10 +52,10 @@ namespace
 
 GMutex accounts_lock;
 
-/* All of it with the lock held. */
+/* Protected by the lock. */
 struct Totals {
   gsize bytes = 0;                         /* of all accounts */
-  std::vector<MessageReader *> unfinished; /* those with a message, in the order in which these began */
+  std::vector<MessageReader *> unfinished; /* readers with a message, in the order in which these began */
   std::vector<MessageReader *> waiting;
   gboolean is_waking = FALSE;
 };
@@ -65,7 +64,7 @@ Totals totals;
 
 using Owners = std::vector<std::pair<MessageReaderResumeFunc, GObject *>>;
 
-/* These with the lock held. */
+/* The next four functions are called with the lock held. */
 
 gsize
 get_held(const MessageAccount *account)
@@ -86,7 +85,7 @@ remove_from(std::vector<MessageReader *> *readers, MessageReader *reader)
 }
 
 Owners
-take_those_that_may_begin()
+take_owners_to_resume()
 {
   Owners owners;
 
@@ -101,9 +100,7 @@ take_those_that_may_begin()
   return owners;
 }
 
-} // namespace
-
-static gboolean
+gboolean
 on_wake(gpointer user_data)
 {
   Owners owners;
@@ -111,7 +108,7 @@ on_wake(gpointer user_data)
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&accounts_lock);
     totals.is_waking = FALSE;
-    owners = take_those_that_may_begin();
+    owners = take_owners_to_resume();
   }
   for (const auto &[resume, owner] : owners) {
     resume(owner);
@@ -120,10 +117,7 @@ on_wake(gpointer user_data)
   return G_SOURCE_REMOVE;
 }
 
-namespace
-{
-
-/* These with the lock held. */
+/* All functions below are called with the lock held. */
 
 void
 wake_waiting()
@@ -135,7 +129,6 @@ wake_waiting()
   g_idle_add_full(G_PRIORITY_DEFAULT, on_wake, nullptr, nullptr);
 }
 
-/* Sets one of an account's counts. */
 void
 set_count(MessageAccount *account, gsize *count, gsize bytes)
 {
@@ -169,7 +162,7 @@ set_unfinished(MessageReader *reader, gsize bytes)
   set_count(reader->account, &reader->account->unfinished, others + bytes);
 }
 
-/* NULL when no client that reads a message exceeds the limit of a client. */
+/* NULL when no client with an unfinished message exceeds the client limit. */
 MessageReader *
 find_biggest()
 {
@@ -187,7 +180,7 @@ find_biggest()
   return biggest;
 }
 
-/* Whose message has to end for that of @newest, which may have ended meanwhile. */
+/* Finds the reader whose message has to end for the message of @newest, which may have ended already. */
 MessageReader *
 find_excess(MessageReader *newest)
 {
@@ -214,9 +207,7 @@ clear_account(gpointer data)
 /**
  * message_account_new:
  *
- * Makes the account of a client that holds nothing. Any thread.
- *
- * Returns: (transfer full): a new account
+ * Returns: (transfer full): the account of a client that holds nothing
  */
 MessageAccount *
 message_account_new(void)
@@ -227,8 +218,6 @@ message_account_new(void)
 /**
  * message_account_ref:
  * @account: (transfer none): an account
- *
- * Any thread.
  *
  * Returns: (transfer full): the account
  */
@@ -242,9 +231,9 @@ message_account_ref(MessageAccount *account)
  * message_account_unref:
  * @account: (transfer full): an account
  *
- * Frees the account with its last reference. Any thread.
+ * Frees the account with its last reference.
  *
- * Warnings: "account->unfinished == 0" and "account->queued == 0" are to hold for an account that goes.
+ * Warnings: "account->unfinished == 0" and "account->queued == 0" are preconditions of the last one.
  */
 void
 message_account_unref(MessageAccount *account)
@@ -255,10 +244,10 @@ message_account_unref(MessageAccount *account)
 /**
  * message_account_set_queued:
  * @account: (transfer none): an account
- * @bytes: what waits in the client's queue now
+ * @bytes: the bytes in the client's queue
  *
- * To be called after each change of the queue, in the order of the changes. Any thread, also with a lock held
- * that a resume function takes.
+ * Must be called after each change of the queue, in the order of the changes. The caller can hold a lock that
+ * a resume function takes.
  *
  * Warnings: "account != NULL" is a precondition.
  */
@@ -274,9 +263,7 @@ message_account_set_queued(MessageAccount *account, gsize bytes)
 /**
  * message_account_get_total:
  *
- * Any thread.
- *
- * Returns: what all clients together hold
+ * Returns: the bytes that all clients together hold
  */
 gsize
 message_account_get_total(void)
@@ -290,9 +277,7 @@ message_account_get_total(void)
  * message_reader_new:
  * @account: (transfer none): the client's account
  * @owner: (transfer none): the object that reads; it stops and frees the reader
- * @resume: called when @owner waited and may begin a message
- *
- * Any thread.
+ * @resume: called when @owner waited and can begin a message
  *
  * Returns: (transfer full): a new reader
  */
@@ -309,9 +294,7 @@ message_reader_new(MessageAccount *account, GObject *owner, MessageReaderResumeF
 
 /**
  * message_reader_free:
- * @reader: (transfer full): a reader that has been stopped, or has done nothing
- *
- * Any thread.
+ * @reader: (transfer full): a reader that was stopped, or never used
  */
 void
 message_reader_free(MessageReader *reader)
@@ -322,12 +305,12 @@ message_reader_free(MessageReader *reader)
 
 /**
  * message_reader_may_begin:
- * @reader: (transfer none): a reader that reads no message
+ * @reader: (transfer none): a reader without an unfinished message
  *
- * To be asked before the first byte of a message is read. With %FALSE the reader waits from now on: its
- * resume function is called once, when it may ask again. Main thread.
+ * Must be called before the first byte of a message is read. After %FALSE the reader waits: its resume
+ * function is called once, when a message can begin.
  *
- * Returns: whether a message may begin
+ * Returns: whether a message can begin
  */
 gboolean
 message_reader_may_begin(MessageReader *reader)
@@ -350,11 +333,11 @@ message_reader_may_begin(MessageReader *reader)
 
 /**
  * message_reader_begin:
- * @reader: (transfer none): a reader that reads no message
- * @bytes: what is about to be allocated for the message, without MESSAGE_ACCOUNT_MESSAGE_OVERHEAD
+ * @reader: (transfer none): a reader without an unfinished message
+ * @bytes: the bytes that the message's memory will have, without MESSAGE_ACCOUNT_MESSAGE_OVERHEAD
  *
- * Charges a message whose length is known. Before its memory is allocated, message_reader_take_excess() says
- * whose has to go for it. Main thread.
+ * Counts a message whose length is known. Before its memory is allocated, the caller ends the messages that
+ * message_reader_take_excess() returns.
  */
 void
 message_reader_begin(MessageReader *reader, gsize bytes)
@@ -368,7 +351,7 @@ message_reader_begin(MessageReader *reader, gsize bytes)
  * message_reader_end:
  * @reader: (transfer none): a reader
  *
- * The reader's message, if it has one, has been freed or is in the client's queue. Any thread.
+ * Uncounts the reader's message, if it has one: it was freed, or is in the client's queue.
  */
 void
 message_reader_end(MessageReader *reader)
@@ -382,8 +365,8 @@ message_reader_end(MessageReader *reader)
  * message_reader_stop:
  * @reader: (transfer none): a reader whose stream has ended
  *
- * Ends the reader's message, if it has one, and its waiting. A resume function may be under way. To be called
- * with a reference on the owner. Any thread.
+ * Uncounts the reader's message, if it has one, and ends its wait. The resume function can be running. The
+ * caller must hold a reference to the owner.
  */
 void
 message_reader_stop(MessageReader *reader)
@@ -403,11 +386,11 @@ message_reader_stop(MessageReader *reader)
 
 /**
  * message_reader_take_excess:
- * @reader: (transfer none): a reader whose message has just begun
+ * @reader: (transfer none): a reader that began a message
  *
- * To be called after message_reader_begin(), until there is nothing more or the message that began is the one
- * that ends. Each owner has to end its stream for lack of memory; its message counts no longer. When
- * @reader's message has ended meanwhile, nothing has to go for it. Main thread.
+ * Must be called repeatedly after message_reader_begin(), until it returns %NULL or the owner of @reader.
+ * Each returned owner has to end its stream for lack of memory; its message is already uncounted. If the
+ * message of @reader has ended meanwhile, no other has to end.
  *
  * Returns: (transfer full) (nullable): the owner of a reader whose message has to end
  */

@@ -7,37 +7,40 @@ G_BEGIN_DECLS
 /**
  * MESSAGE_ACCOUNT_CLIENT_LIMIT:
  *
- * How many bytes a client may hold before its readers begin no further message.
+ * The bytes that a client can hold. While it holds more, its readers begin no message.
  */
 #define MESSAGE_ACCOUNT_CLIENT_LIMIT (8 * 1024 * 1024)
 
 /**
  * MESSAGE_ACCOUNT_CLIENT_RESUME:
  *
- * To how many bytes a client that was beyond its limit has to come down before its readers begin messages
- * again. The distance to the limit keeps them from stopping and starting with every single message.
+ * The bytes at which the readers of a client that exceeded its limit begin messages again. The distance to
+ * the limit keeps them from pausing and resuming with each message.
  */
 #define MESSAGE_ACCOUNT_CLIENT_RESUME (4 * 1024 * 1024)
 
 /**
  * MESSAGE_ACCOUNT_TOTAL_LIMIT:
  *
- * How many bytes all clients together may hold before no reader at all begins a message.
+ * The bytes that all clients together can hold. While they hold more, no reader begins a message.
  */
 #define MESSAGE_ACCOUNT_TOTAL_LIMIT (128 * 1024 * 1024)
 
 /**
  * MESSAGE_ACCOUNT_MESSAGE_OVERHEAD:
  *
- * What a message costs beside its own bytes, which is most of the cost of a short one: its buffer, its memory
- * block and its place in a queue. Whoever charges a message adds this.
+ * The bytes that are counted for each message in addition to its own: for its buffer, its memory block and
+ * its place in a queue.
  */
 #define MESSAGE_ACCOUNT_MESSAGE_OVERHEAD 512
 
 /**
  * MessageAccount:
  *
- * What one client holds of the messages of its producers.
+ * The bytes of producers' messages that one client holds.
+ *
+ * Any thread can call the functions of this component, except message_reader_may_begin(),
+ * message_reader_begin() and message_reader_take_excess(), which are for the main thread.
  */
 typedef struct MessageAccount MessageAccount;
 
@@ -50,9 +53,9 @@ typedef struct MessageReader MessageReader;
 
 /**
  * MessageReaderResumeFunc:
- * @owner: (transfer none): what message_reader_new() was given
+ * @owner: (transfer none): the owner that was passed to message_reader_new()
  *
- * Called on the main thread, with no lock held, when a reader that was told to wait may ask again.
+ * Called on the main thread, with no lock held, when a waiting reader can begin a message.
  */
 typedef void (*MessageReaderResumeFunc)(GObject *owner);
 
