@@ -1,13 +1,13 @@
-/* Lines of the log that others can cause at any rate. An interval begins with a line and has a few of them.
- * The further ones are left out and counted. At the end of the interval the last of these is written with the
- * count of the others, and begins the next interval. So nothing stays untold for longer than an interval, and
- * a line that repeats itself all the time is written once an interval.
+/* Limits the rate of log lines that peers can cause. An interval begins with a line and has a limited number
+ * of them; further lines are suppressed and counted. At the end of the interval the last suppressed line is
+ * written with the count of the others, and begins the next interval. So a suppressed line is reported after
+ * one interval at the latest, and a line that repeats continuously is written once per interval.
  *
- * The end of an interval is a time-out of the default main context, which exists only while a line is left
- * out. While that context is not iterated, the count waits for the next line.
+ * A time-out of the default main context ends an interval; it exists only while a line is suppressed. If that
+ * context is not iterated, the next written line has the count.
  *
- * One lock guards all lines. It is held to decide and to count, never while a line is written: a log that
- * does not keep up stops one thread alone.
+ * One lock protects all lines. It is held to decide and count, never while a line is written, so a slow log
+ * blocks only the thread that writes.
  */
 #include "ratelimitedlog.h"
 
@@ -20,12 +20,12 @@ namespace
 {
 
 GMutex log_lock;
-RateLimitedLog *used; /* those that have a state */
+RateLimitedLog *used; /* the list of states that are not at their initial value */
 
 struct Line {
   int priority = LOG_WARNING;
   gchar *text = nullptr;
-  guint64 left_out = 0; /* before it */
+  guint64 suppressed = 0; /* before it */
 
   Line() = default;
   ~Line();
@@ -41,15 +41,15 @@ Line::~Line()
 void
 write_line(const Line &line)
 {
-  if (line.left_out > 0) {
+  if (line.suppressed > 0) {
     syslog(line.priority, "%s (%" G_GUINT64_FORMAT " more since the last such line)", line.text,
-           line.left_out);
+           line.suppressed);
   } else {
     syslog(line.priority, "%s", line.text);
   }
 }
 
-/* All below with the lock held. */
+/* The next six functions are called with the lock held. */
 
 void
 note_use(RateLimitedLog *log)
@@ -80,15 +80,15 @@ wait_for_end(RateLimitedLog *log)
 {
   const gint64 remaining_us = std::max<gint64>(get_remaining_us(log), 0);
 
-  /* Rounded up, so that the interval is over then. */
+  /* Rounded up, so that the interval is over at the time-out. */
   log->timeout_id =
       g_timeout_add(static_cast<guint>(remaining_us / G_TIME_SPAN_MILLISECOND) + 1, on_interval_over, log);
 }
 
 void
-leave_out(RateLimitedLog *log, Line *line)
+suppress(RateLimitedLog *log, Line *line)
 {
-  log->left_out++;
+  log->suppressed++;
   g_free(log->last);
   log->last = g_steal_pointer(&line->text);
   log->priority = line->priority;
@@ -97,16 +97,16 @@ leave_out(RateLimitedLog *log, Line *line)
   }
 }
 
-/* The line that was left out last, which is not left out any more. */
+/* Takes the last suppressed line, with the count of the others. */
 void
 take_last(RateLimitedLog *log, Line *line)
 {
   line->text = g_steal_pointer(&log->last);
   line->priority = log->priority;
-  line->left_out = std::exchange(log->left_out, 0) - 1;
+  line->suppressed = std::exchange(log->suppressed, 0) - 1;
 }
 
-/* FALSE when the line is left out. */
+/* FALSE when the line is suppressed. */
 gboolean
 admit(RateLimitedLog *log, Line *line)
 {
@@ -117,17 +117,17 @@ admit(RateLimitedLog *log, Line *line)
     begin_interval(log);
   }
   if (log->written == log->burst) {
-    leave_out(log, line);
+    suppress(log, line);
     return FALSE;
   }
   log->written++;
-  line->left_out = std::exchange(log->left_out, 0);
+  line->suppressed = std::exchange(log->suppressed, 0);
   g_clear_pointer(&log->last, g_free);
   return TRUE;
 }
 
-/* FALSE when there is nothing to tell now. What was left out may have been told with another line, and what
- * is left out since belongs to that line's interval. */
+/* FALSE when there is nothing to write. The count of the suppressed lines may have been written with another
+ * line; lines that were suppressed since belong to that line's interval. */
 gboolean
 end_interval(RateLimitedLog *log, Line *line)
 {
@@ -158,7 +158,7 @@ on_interval_over(gpointer user_data)
   return G_SOURCE_REMOVE;
 }
 
-/* FALSE when none is used any more. Leaves @line without a text when nothing was left out. */
+/* Resets the next used state. FALSE when there is none. @line gets no text if no line was suppressed. */
 gboolean
 reset_next(Line *line)
 {
@@ -183,14 +183,14 @@ reset_next(Line *line)
 
 /**
  * rate_limited_log:
- * @log: the line's state, shared by all who log it
+ * @log: the line's state
  * @priority: a priority of syslog()
  * @format: a format of printf(), without a line feed at its end
  * @...: its arguments
  *
- * Logs a line unless @log's interval has had its lines already. When lines were left out since the last one
- * that was written, " (N more since the last such line)" stands at the end. The main context's thread writes
- * the line that was left out last when the interval is over. Any thread.
+ * Writes a line to the log, or suppresses it if the interval of @log already has its lines. If lines were
+ * suppressed since the last written one, the line ends in " (N more since the last such line)". When the
+ * interval is over, the thread of the default main context writes the last suppressed line.
  */
 void
 rate_limited_log(RateLimitedLog *log, int priority, const gchar *format, ...)
@@ -214,10 +214,9 @@ rate_limited_log(RateLimitedLog *log, int priority, const gchar *format, ...)
  * rate_limited_log_is_idle:
  * @log: a line's state
  *
- * Whether the next line of @log would be written, without a count. Such a state may be used for another line.
- * Any thread.
+ * Checks whether the next line would be written without a count. The state can then be used for another line.
  *
- * Returns: %TRUE when no interval is under way and no line is left out
+ * Returns: %TRUE when no interval is in progress and no line is suppressed
  */
 gboolean
 rate_limited_log_is_idle(RateLimitedLog *log)
@@ -231,8 +230,8 @@ rate_limited_log_is_idle(RateLimitedLog *log)
 /**
  * rate_limited_log_flush:
  *
- * Writes the line that was left out last of each #RateLimitedLog, without waiting for the end of its
- * interval, and takes them all back to their initial value. For the end of the process. Main thread.
+ * Writes the last suppressed line of each #RateLimitedLog without waiting for the end of its interval, and
+ * resets all states to their initial value. For the end of the process.
  */
 void
 rate_limited_log_flush(void)

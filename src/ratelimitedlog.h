@@ -7,30 +7,31 @@ G_BEGIN_DECLS
 /**
  * RATE_LIMITED_LOG_INTERVAL_US:
  *
- * The interval of a line that has no reason for another one, in microseconds.
+ * The default length of an interval, in microseconds.
  */
 #define RATE_LIMITED_LOG_INTERVAL_US (10 * G_TIME_SPAN_SECOND)
 
 /**
  * RATE_LIMITED_LOG_BURST:
  *
- * How many lines an interval has where each of them names something else.
+ * The lines in an interval for a text with varying content.
  */
 #define RATE_LIMITED_LOG_BURST 20
 
 /**
  * RateLimitedLog:
- * @interval_us: how long an interval is, in microseconds; not changed while a line is logged
- * @burst: how many lines are written in an interval
+ * @interval_us: the length of an interval, in microseconds; not changed while a line is logged
+ * @burst: the lines that are written in an interval
  *
- * One line of the log that somebody outside can cause at any rate. Lives as long as the process, or until
- * rate_limited_log_flush(). Initialised with RATE_LIMITED_LOG_INIT():
+ * One line of the log that peers can cause at any rate. Must exist until the process ends or
+ * rate_limited_log_flush() is called. Any thread can call the functions of this component, except
+ * rate_limited_log_flush(), which is for the main thread. Initialised with RATE_LIMITED_LOG_INIT():
  *
  *     RateLimitedLog refusals = RATE_LIMITED_LOG_INIT(G_TIME_SPAN_SECOND);
  *     ...
  *     rate_limited_log(&refusals, LOG_WARNING, "refused a call from %s", sender);
  *
- * Lines that may keep each other back share one; lines that may not have one each.
+ * Lines that can suppress each other share one state; all others have one each.
  */
 typedef struct RateLimitedLog RateLimitedLog;
 
@@ -39,17 +40,17 @@ struct RateLimitedLog {
   guint burst;
   gint64 begin_us; /*< private >*/      /* of the interval; 0 before the first line */
   guint written; /*< private >*/        /* in the interval */
-  guint64 left_out; /*< private >*/     /* since the line that was written last */
-  gchar *last; /*< private >*/          /* the line that was left out last, NULL if none is */
+  guint64 suppressed; /*< private >*/   /* since the last written line */
+  gchar *last; /*< private >*/          /* the last suppressed line, NULL for none */
   int priority; /*< private >*/         /* of that line */
   guint timeout_id; /*< private >*/     /* of the end of the interval, or 0 */
   gboolean is_used;                     /*< private >*/
-  RateLimitedLog *next; /*< private >*/ /* of those that are used */
+  RateLimitedLog *next; /*< private >*/ /* in the list of used states */
 };
 
 /**
  * RATE_LIMITED_LOG_INIT:
- * @interval_us: how long an interval is, in microseconds
+ * @interval_us: the length of an interval, in microseconds
  *
  * The initial value of a #RateLimitedLog with one line in an interval.
  */
@@ -57,8 +58,8 @@ struct RateLimitedLog {
 
 /**
  * RATE_LIMITED_LOG_INIT_BURST:
- * @interval_us: how long an interval is, in microseconds
- * @burst: how many lines are written in an interval, at least 1
+ * @interval_us: the length of an interval, in microseconds
+ * @burst: the lines that are written in an interval, at least 1
  *
  * The initial value of a #RateLimitedLog.
  */
