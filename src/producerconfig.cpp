@@ -1,26 +1,26 @@
-/* The file that keeps on which channels each analytics producer is enabled, and under which configuration
- * name. Nothing else in the daemon touches it. It is read once, at start-up; from then on the key file in
- * memory is what counts, and every change replaces the file as a whole and durably. What somebody else writes
- * into the file meanwhile is lost with the next change, and so are its comments.
+/* The file that stores on which channels each analytics producer is enabled, and under which configuration
+ * name. The file is read once, at start-up. Afterwards the key file in memory is authoritative, and each
+ * change replaces the whole file durably. Comments, and changes by other programs, are lost with the next
+ * write.
  *
- * A group is named "Producers.", the channel's number less one, "." and the producer's name. Its key "Name"
- * holds the configuration name; an empty or absent one means disabled. For a producer that is built in, the
- * groups are also the list of the channels that it supports, so disabling never removes a group.
+ * A group is named "Producers.", the channel's number minus 1, "." and the producer's name. Its key "Name"
+ * has the configuration name; an empty or absent one means disabled. The groups of a built-in producer are
+ * also the list of its supported channels, so disabling never removes a group.
  *
- * A save writes the new content beside the file, under a name of this component's own, and renames it; so a
- * reader never sees half a file. One process at a time may use a file: a second one would take the other's
- * new content for something left behind.
+ * A save writes the new content to a temporary file and renames it, so a reader never sees an incomplete
+ * file. Only one process at a time can use a file: a second one would remove the temporary file of the first
+ * as a leftover.
  *
- * Threads: one thread, from set-up to release, does all the writing and works its jobs off in order. Each
- * save writes what is in memory when the save begins, so an older content never follows a newer one. Nobody
- * waits for a save: who wants to know its end queues a job behind it.
+ * Threads: one thread, from set-up to release, processes all jobs in order. A save writes the content of
+ * memory at its begin, so older content never replaces newer. No thread waits for a save; to be notified of
+ * its end, a caller queues a job behind it.
  *
- * As long as the file is older than memory, because a save failed, a time-out of the default main context
- * queues another save. Any save that succeeds ends the time-out.
+ * After a failed save the file is older than memory. A time-out of the default main context then queues saves
+ * until one succeeds.
  *
- * One lock guards what is in memory: the key file, the time-out's id and the number of saves to come. It is
- * never held while the disk is waited for. It is taken last: under it only GLib takes locks of its own.
- * Set-up and release come before and after every other use and take none.
+ * Lock: protects the key file, the id of the time-out and the number of pending saves. It is never held
+ * during disk access, and only locks of GLib are taken under it. Set-up and release run before and after all
+ * other use, and take no lock.
  */
 #include "producerconfig.h"
 
@@ -46,47 +46,47 @@ constexpr const char *NAME_KEY = "Name";
 enum class JobKind {
   SAVE_CHANGE,
   SAVE_AGAIN,
-  TELL,
+  NOTIFY,
   END,
 };
 
 struct Job {
   JobKind kind;
-  GSource *source; /* the one to dispatch, for TELL; owned */
+  GSource *source; /* owned; for NOTIFY, the source to dispatch */
 };
 
-/* The file may have any number of groups. */
+/* The number of groups in the file is not limited. */
 RateLimitedLog long_names_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 struct ProducerConfig {
   GMutex lock;
-  const gchar *path; /* the caller's */
+  const gchar *path; /* borrowed */
   GKeyFile *key_file;
   guint retry_id;      /* 0 unless the file is older than memory */
-  guint saves_to_come; /* queued or under way */
+  guint pending_saves; /* queued or in progress */
   GAsyncQueue *jobs;
   GThread *thread;
 };
 
 ProducerConfig config;
 
-/* Channel 0 does not exist, but may be asked for: it wraps to the highest index, which no supported channel
- * has. */
+/* Channel 0 does not exist. Its index wraps to the highest one, which no supported channel has. */
 gchar *
 format_group(const gchar *producer, guint32 channel)
 {
   return g_strdup_printf("%s%u.%s", GROUP_PREFIX, channel - 1, producer);
 }
 
-/* Nobody else makes a file of this name, so that it can be removed and written over unasked. */
+/* No other program uses this name, so the file can be removed or overwritten. */
 gchar *
 make_temporary_path()
 {
   return g_strconcat(config.path, PRODUCER_CONFIG_TEMPORARY_SUFFIX, nullptr);
 }
 
-/* A save that was killed leaves its new content behind, whole or not. It is no failure when that stays. */
+/* An interrupted save leaves the temporary file. If it cannot be removed, the next save reports the failure.
+ */
 void
 remove_leftover()
 {
@@ -103,7 +103,7 @@ has_long_name(const gchar *group)
   return name != nullptr && strlen(name) > PRODUCER_CONFIG_MAX_NAME_BYTES;
 }
 
-/* GLib lists a group as often as it stands in the file. */
+/* GLib lists a repeated group repeatedly. */
 void
 warn_of_long_names()
 {
@@ -119,7 +119,7 @@ warn_of_long_names()
   }
 }
 
-/* GLib takes these names only, and takes anything else for a mistake in the program. */
+/* Checks what GLib checks as a precondition. */
 gboolean
 can_name_group(const gchar *group)
 {
@@ -197,7 +197,7 @@ sync_and_close(int fd, const gchar *path, GError **error)
   return TRUE;
 }
 
-/* The mode is the one that GLib's own functions give. */
+/* The mode is that of GLib's own functions. */
 gboolean
 write_new_file(const gchar *path, std::string_view data, GError **error)
 {
@@ -247,7 +247,7 @@ replace_file(GError **error)
   return FALSE;
 }
 
-/* Only then does the replacement outlive a loss of power. */
+/* Makes the rename durable. */
 gboolean
 sync_folder(GError **error)
 {
@@ -283,11 +283,11 @@ queue_job(JobKind kind, GSource *source = nullptr)
   g_async_queue_push(config.jobs, job);
 }
 
-/* The caller has the lock. */
+/* Called with the lock held. */
 void
 queue_save(JobKind kind)
 {
-  config.saves_to_come++;
+  config.pending_saves++;
   queue_job(kind);
 }
 
@@ -307,26 +307,24 @@ parse_channel(const gchar *group)
   return static_cast<guint32>(value) + 1;
 }
 
-} // namespace
-
-/* A save that is to come brings everything, so none is added. */
-static gboolean
+/* A pending save writes all of memory, so no other is added. */
+gboolean
 on_retry(gpointer)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
 
-  if (config.retry_id != 0 && config.saves_to_come == 0) {
+  if (config.retry_id != 0 && config.pending_saves == 0) {
     queue_save(JobKind::SAVE_AGAIN);
   }
   return G_SOURCE_CONTINUE;
 }
 
-static void
+void
 end_save(gboolean saved)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&config.lock);
 
-  config.saves_to_come--;
+  config.pending_saves--;
   if (saved) {
     stop_retrying();
   } else if (config.retry_id == 0) {
@@ -334,7 +332,7 @@ end_save(gboolean saved)
   }
 }
 
-static void
+void
 save_change()
 {
   g_autoptr(GError) error = nullptr;
@@ -346,7 +344,7 @@ save_change()
   }
 }
 
-static void
+void
 save_again()
 {
   const gboolean saved = save(nullptr);
@@ -357,17 +355,17 @@ save_again()
   }
 }
 
-/* The source may have been removed meanwhile. */
-static void
+/* The source can be removed already. */
+void
 make_ready(GSource *source)
 {
   g_source_set_ready_time(source, 0);
   g_source_unref(source);
 }
 
-/* The saving thread. */
-static gpointer
-work_off_jobs(gpointer)
+/* The writer thread. */
+gpointer
+process_jobs(gpointer)
 {
   while (true) {
     g_autofree auto *job = static_cast<Job *>(g_async_queue_pop(config.jobs));
@@ -379,7 +377,7 @@ work_off_jobs(gpointer)
     case JobKind::SAVE_AGAIN:
       save_again();
       break;
-    case JobKind::TELL:
+    case JobKind::NOTIFY:
       make_ready(job->source);
       break;
     case JobKind::END:
@@ -390,23 +388,23 @@ work_off_jobs(gpointer)
   }
 }
 
-static gboolean
+gboolean
 dispatch_once(GSource *, GSourceFunc function, gpointer user_data)
 {
   function(user_data);
   return G_SOURCE_REMOVE;
 }
 
-/* Ready when its time has come, and not before. */
-static GSourceFuncs told_source_funcs = {nullptr, nullptr, dispatch_once, nullptr, nullptr, nullptr};
+/* Without prepare and check, a source is ready at its ready time only. */
+GSourceFuncs notify_source_funcs = {nullptr, nullptr, dispatch_once, nullptr, nullptr, nullptr};
 
-static gboolean
+gboolean
 start_thread()
 {
   g_autoptr(GError) error = nullptr;
 
   config.jobs = g_async_queue_new();
-  config.thread = g_thread_try_new("producer-config", work_off_jobs, nullptr, &error);
+  config.thread = g_thread_try_new("producer-config", process_jobs, nullptr, &error);
   if (config.thread == nullptr) {
     syslog(LOG_WARNING, "could not start the thread that writes producer config: %s", error->message);
     return FALSE;
@@ -414,7 +412,7 @@ start_thread()
   return TRUE;
 }
 
-static void
+void
 end_thread()
 {
   if (config.thread != nullptr) {
@@ -424,18 +422,20 @@ end_thread()
   g_clear_pointer(&config.jobs, g_async_queue_unref);
 }
 
+} // namespace
+
 /**
  * producer_config_setup:
  * @path: (transfer none): the file, which must exist; kept until producer_config_free()
  *
- * Loads the file, and starts the thread that saves it. A file that is missing or malformed is fatal to the
- * daemon, which never creates it. What a killed save left beside the file, under its name and
- * #PRODUCER_CONFIG_TEMPORARY_SUFFIX, is removed. Main thread, before every other use.
+ * Loads the file and starts the thread that writes it. Never creates the file: without it the daemon does not
+ * start. Removes the temporary file of an interrupted save (#PRODUCER_CONFIG_TEMPORARY_SUFFIX). Must be
+ * called before all other functions.
  *
- * Warnings: "could not load producer config from '%s': %s". `errno` then tells what the system met, or EINVAL
- * when it is the content that is wrong. "could not start the thread that writes producer config: %s", with
- * `errno` EAGAIN. "configuration name longer than %d bytes in producers.conf: %s" for
- * each group whose name exceeds #PRODUCER_CONFIG_MAX_NAME_BYTES; the name counts as it is.
+ * Warnings: "could not load producer config from '%s': %s", with the system's `errno`, or EINVAL for
+ * malformed content; "could not start the thread that writes producer config: %s", with `errno` EAGAIN;
+ * "configuration name longer than %d bytes in producers.conf: %s" for each group whose name exceeds
+ * #PRODUCER_CONFIG_MAX_NAME_BYTES and is used even so
  *
  * Returns: whether the file is loaded and can be saved
  */
@@ -468,8 +468,8 @@ producer_config_setup(const gchar *path)
 /**
  * producer_config_free:
  *
- * Undoes producer_config_setup(). Waits for the saves that are to come; a file that could not be written is
- * not tried again. Main thread, after every other use.
+ * Undoes producer_config_setup(). Waits for pending saves; does not retry a failed one. Must be called after
+ * all other functions.
  */
 void
 producer_config_free(void)
@@ -485,8 +485,8 @@ producer_config_free(void)
  * @producer: (transfer none): a producer's name
  * @channel: a video channel, from 1
  *
- * A name in the file with an unknown escape sequence reads as the installed GLib reads it: as it stands, or
- * not at all. Any thread.
+ * The installed GLib decides about a name with an unknown escape sequence: it returns the sequence unchanged,
+ * or no name.
  *
  * Returns: (transfer full) (nullable): the configuration name, never empty; %NULL when the producer is not
  *   enabled on the channel
@@ -513,15 +513,13 @@ producer_config_get_name(const gchar *producer, guint32 channel)
  * @name: (transfer none) (nullable): the configuration name under which to enable the producer, or %NULL to
  *   disable it. An empty name is stored like %NULL, and so reads as disabled at the next start.
  *
- * Changes one channel in memory, and has the whole file replaced by what is in memory, once for each call and
- * in their order. Does not wait for that: see producer_config_call_when_saved(). When the file cannot be
- * written, memory keeps the change, and the next write brings it to the file: that of another change, or the
- * one that the default main context asks for every #PRODUCER_CONFIG_RETRY_SECONDS. A producer that cannot be
- * part of a group's name, or a name that is not UTF-8, changes nothing. Of all text, form feeds at the
- * beginning of @name alone do not survive the file: GLib neither escapes nor reads them. Any thread.
+ * Changes one channel in memory, and queues a save of the whole file. Does not wait for the save; see
+ * producer_config_call_when_saved(). If the save fails, the change stays in memory, and the next save writes
+ * it: that of another change, or the retry, every #PRODUCER_CONFIG_RETRY_SECONDS. A producer that cannot be
+ * part of a group's name, or a name that is not UTF-8, changes nothing. Form feeds at the beginning of @name
+ * are lost in the file: GLib does not escape them, and skips them when it reads.
  *
- * Infos: "wrote to producerconfig what could not be written before", when a write that was tried again has
- * succeeded
+ * Infos: "wrote to producerconfig what could not be written before", when a retry succeeds
  *
  * Warnings: "could not write name to producerconfig: %s"
  */
@@ -544,12 +542,11 @@ producer_config_set_name(const gchar *producer, guint32 channel, const gchar *na
 
 /**
  * producer_config_call_when_saved:
- * @function: called once, in the default main context; what it returns does not count
+ * @function: called once, in the default main context; its result is ignored
  * @user_data: for @function
  *
- * Has @function called when every change that was made before this call has been written durably, or could
- * not be. Until then the source can be removed, as every other one, also after producer_config_free(). Any
- * thread.
+ * Calls @function when the saves of all earlier changes have succeeded or failed. Until then the source can
+ * be removed, also after producer_config_free().
  *
  * Returns: the id of the source, greater than 0
  */
@@ -558,10 +555,10 @@ producer_config_call_when_saved(GSourceFunc function, gpointer user_data)
 {
   g_return_val_if_fail(function != NULL, 0);
 
-  GSource *source = g_source_new(&told_source_funcs, sizeof(GSource));
+  GSource *source = g_source_new(&notify_source_funcs, sizeof(GSource));
   g_source_set_callback(source, function, user_data, nullptr);
   const guint id = g_source_attach(source, nullptr);
-  queue_job(JobKind::TELL, source);
+  queue_job(JobKind::NOTIFY, source);
   return id;
 }
 
@@ -569,10 +566,10 @@ producer_config_call_when_saved(GSourceFunc function, gpointer user_data)
  * producer_config_get_supported_channels:
  * @producer: (transfer none): a built-in producer's name
  *
- * Looks for the producer's groups. Any thread.
+ * Reads the producer's groups.
  *
- * Warnings: "invalid format of group in producers.conf: %s" for each group of the producer whose index is
- * malformed; it is left out.
+ * Warnings: "invalid format of group in producers.conf: %s" for each group of the producer with a malformed
+ * index, which is skipped
  *
  * Returns: (transfer full) (element-type guint32): the video channels, from 1, in the order of the file;
  *   possibly none

@@ -7,25 +7,28 @@ G_BEGIN_DECLS
 /**
  * PRODUCER_CONFIG_TEMPORARY_SUFFIX:
  *
- * What the file's name is extended by while its new content is written. A file of that name is the daemon's,
- * which removes it at its start and writes over it.
+ * The suffix of the temporary file for new content. The daemon overwrites a file of that name, and removes it
+ * at start-up.
  */
 #define PRODUCER_CONFIG_TEMPORARY_SUFFIX ".tessard-new"
 
 /**
  * PRODUCER_CONFIG_MAX_NAME_BYTES:
  *
- * How long a configuration name may be that is asked for on the bus, where all names together have to fit
- * into one message. The file may hold longer ones.
+ * The longest configuration name that a call on the bus can set: all names together must fit into one
+ * message. The file can have longer ones.
  */
 #define PRODUCER_CONFIG_MAX_NAME_BYTES 256
 
 /**
  * PRODUCER_CONFIG_RETRY_SECONDS:
  *
- * How often a file that could not be written is tried again.
+ * The interval of the retries when the file cannot be written.
  */
 #define PRODUCER_CONFIG_RETRY_SECONDS 60
+
+/* Any thread can call the functions of this component, except producer_config_setup() and
+ * producer_config_free(), which are for the main thread. */
 
 gboolean producer_config_setup(const gchar *path);
 
