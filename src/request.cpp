@@ -1,14 +1,13 @@
-/* Reads the text of one request: the line "OPEN\n", header lines "key=value" and the empty line that ends
- * them. Lines end as GLib's line reader finds them on its own: a line feed, a carriage return with or without
- * one, a NUL and a paragraph separator all end a line, and so does the end of the stream behind a last line.
+/* Parses the text of one request: the line "OPEN\n", header lines "key=value" and an empty line. Line ends
+ * are those that GLib's line reader detects: a line feed, a carriage return with or without a line feed, a
+ * NUL, a paragraph separator, and the end of the stream after a last line.
  *
- * No key is judged here. What a key means is the business of the source factories. Failures are reply texts,
- * not errors: they carry the client's own bytes, which need not be text.
+ * Keys are not checked here; the source factories interpret them. Failures are reply texts and not errors,
+ * because they contain the client's bytes, which can be any.
  *
- * A request is scanned while its text arrives and read once it has arrived. The scan only finds out where the
- * text ends: it keeps two positions, looks at every byte once and stores nothing, so the main loop can afford
- * it for every client. Of a line it judges only whether the request ends there; request_read() ends at the
- * same line.
+ * A request is scanned while its text arrives, and parsed when it is complete. The scan only finds the end of
+ * the text. It stores two offsets and reads every byte once, so the main loop can do it for every client. It
+ * checks only whether a line ends the request; request_read() ends at the same line.
  */
 #include "request.h"
 
@@ -19,7 +18,7 @@ namespace
 
 constexpr std::string_view PARAGRAPH_SEPARATOR = "\xe2\x80\xa9";
 
-/* How many bytes the line end takes that @rest begins with. 0 when there is none. */
+/* Returns the length of the line end at the beginning of @rest, or 0. */
 gsize
 measure_line_end(std::string_view rest)
 {
@@ -34,14 +33,14 @@ measure_line_end(std::string_view rest)
   }
 }
 
-/* Whether the next byte has to tell what line end @rest begins with. */
+/* Whether it depends on the next byte which line end is at the beginning of @rest. */
 gboolean
 is_line_end_open(std::string_view rest)
 {
   return rest == "\r" || (rest.size() < PARAGRAPH_SEPARATOR.size() && PARAGRAPH_SEPARATOR.starts_with(rest));
 }
 
-/* Whether a line is the last that is read: the empty line, or one that makes the request wrong. */
+/* Whether a line is the last one that is parsed: the empty line, or a malformed one. */
 gboolean
 is_last_line(std::string_view line, std::string_view line_end, gboolean is_first)
 {
@@ -73,8 +72,8 @@ read_open(GIOChannel *channel, gchar **failure)
   return TRUE;
 }
 
-/* Blanks around the "=" and before the key are kept, an empty value is a value, and of a repeated key the
- * last line counts. */
+/* Blanks around the "=" and before the key belong to key and value. A value can be empty. The last line of a
+ * repeated key applies. */
 gboolean
 insert_parameter(GHashTable *params, const gchar *line, gchar **failure)
 {
@@ -89,8 +88,8 @@ insert_parameter(GHashTable *params, const gchar *line, gchar **failure)
   return TRUE;
 }
 
-/* Reads one header line into the table. FALSE at the header's end, and with @failure set when the header is
- * wrong. */
+/* Reads one header line into the table. FALSE at the header's end; FALSE with @failure set when the header
+ * is malformed. */
 gboolean
 read_header_line(GIOChannel *channel, GHashTable *params, gchar **failure)
 {
@@ -114,16 +113,15 @@ read_header_line(GIOChannel *channel, GHashTable *params, gchar **failure)
 
 /**
  * request_scan:
- * @scan: (transfer none): the state of one request, as the call before left it
- * @text: (array length=length): all that has arrived of it, what was scanned before included
- * @length: how many bytes that is
- * @end: (out): how many of them are the request's, set only with %TRUE
+ * @scan: (transfer none): the state of the scan
+ * @text: (array length=length): the text that has arrived, including the part that was scanned before
+ * @length: the length of @text
+ * @end: (out): the length of the request, set only with %TRUE
  *
- * Looks for the end of a request: behind its empty line, or behind the first line that makes it wrong. One
- * thread at a time for one @scan.
+ * Looks for the end of a request: its empty line, or its first malformed line.
  *
- * Returns: %TRUE when the request has ended, so that request_read() makes the same of @text up to @end
- *   whatever follows; @scan is then of no further use
+ * Returns: %TRUE when the request has ended: the result of request_read() does not depend on bytes after
+ *   @end. @scan cannot be used again.
  */
 gboolean
 request_scan(RequestScan *scan, const gchar *text, gsize length, gsize *end)
@@ -151,13 +149,13 @@ request_scan(RequestScan *scan, const gchar *text, gsize length, gsize *end)
 
 /**
  * request_read:
- * @channel: (transfer none): a channel that has the request's text, just made
- * @failure: (out) (transfer full): the whole reply to a request that cannot be read, unset before
+ * @channel: (transfer none): a new channel for the request's text
+ * @failure: (out) (transfer full): the whole reply to a request that cannot be parsed; %NULL before the call
  *
- * Reads one request up to and with the empty line that ends it. Any thread.
+ * Reads and parses one request, including its empty line.
  *
- * Returns: (transfer full) (nullable) (element-type utf8 utf8): the request's parameters, keys and values
- * owned by the table
+ * Returns: (transfer full) (nullable) (element-type utf8 utf8): the request's parameters; the table owns keys
+ *   and values
  */
 GHashTable *
 request_read(GIOChannel *channel, gchar **failure)

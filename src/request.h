@@ -7,11 +7,12 @@ G_BEGIN_DECLS
 /**
  * RequestScan:
  *
- * How far the text of one request has been looked at. Zero-filled is the start of the text.
+ * The state of the scan of one request's text. Initialised with zeros. Any thread can call the functions of
+ * this component, one at a time for one state or channel.
  */
 typedef struct {
-  gsize line; /*< private >*/    /* where the current line begins */
-  gsize scanned; /*< private >*/ /* up to where no line end is missing */
+  gsize line; /*< private >*/    /* the offset of the current line */
+  gsize scanned; /*< private >*/ /* the offset up to which all line ends are known */
 } RequestScan;
 
 gboolean request_scan(RequestScan *scan, const gchar *text, gsize length, gsize *end);

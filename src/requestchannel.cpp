@@ -1,9 +1,9 @@
-/* The channel between a pool thread and one client: it reads the request's text from memory, where a
- * RequestReader has collected it, and writes the reply to the socket. So reading never waits, and GLib's line
- * reader may read ahead.
+/* The channel between a pool thread and one client. It reads the request's text from memory, where a
+ * RequestReader has collected it, so reading never blocks and GLib's line reader can read ahead. It writes
+ * the reply to the socket.
  *
- * A request that did not arrive as a whole is read as far as it goes. Behind that the channel ends like the
- * client's stream, or fails with the reason.
+ * The text can be incomplete. After its last byte the channel reports the end of the stream, or the failure
+ * of the reader.
  */
 #include "requestchannel.h"
 
@@ -17,17 +17,16 @@
 namespace
 {
 
-/* A reply fits into the buffer of a socket that nothing was written to, so this bound is for the odd client
- * that has made the buffer smaller. */
+/* A reply fits into the empty buffer of a socket, so the limit matters only if the client has reduced the
+ * size of the buffer. */
 constexpr int WRITE_TIMEOUT_MS = 1000;
 
 constexpr gsize DISCARD_SIZE = 4096;
 
-/* GLib hands out GIOChannel pointers; the first member makes them ours. */
 struct RequestChannel {
-  GIOChannel channel;
+  GIOChannel channel; /* must be the first member */
   int fd;
-  const gchar *text; /* what was not read yet */
+  const gchar *text; /* the unread part */
   gsize length;
   const gchar *failure;
   gboolean write_failed;
@@ -71,7 +70,7 @@ on_read(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError 
   return G_IO_STATUS_ERROR;
 }
 
-/* FALSE with errno set when there is none in time. @deadline: monotonic, microseconds. */
+/* FALSE with errno set if there is no room before @deadline (monotonic, microseconds). */
 gboolean
 wait_for_room(int fd, gint64 deadline)
 {
@@ -89,8 +88,8 @@ wait_for_room(int fd, gint64 deadline)
   return ready > 0;
 }
 
-/* Writes what fits. Negative with errno set on failure, also when there is no room in time. A socket takes
- * far more than poll() reports room for, so poll() is asked only when nothing fits. */
+/* Writes as much as fits. Returns -1 with errno set on failure, and if there is no room in time. A socket can
+ * accept data while poll() reports no room, so poll() is called only after a failed write. */
 ssize_t
 write_in_time(int fd, const gchar *buf, gsize count)
 {
@@ -103,8 +102,8 @@ write_in_time(int fd, const gchar *buf, gsize count)
   return written;
 }
 
-/* GLib keeps what could not be written and tries again when the channel goes. By then the descriptor may be
- * closed, and its number another client's, so after a failure everything is taken and thrown away. */
+/* GLib keeps unwritten data and retries when the channel is freed. The descriptor can then be closed, and its
+ * number belong to another client. Therefore, after a failure, all further data is accepted and dropped. */
 GIOStatus
 on_write(GIOChannel *channel, const gchar *buf, gsize count, gsize *bytes_written, GError **error)
 {
@@ -131,8 +130,8 @@ on_free(GIOChannel *channel)
   g_free(from_channel(channel));
 }
 
-/* GLib asks for the flags, and sets them, when a channel goes with something left to write. Reads never wait
- * here and writes are bounded in time whatever the flags say, so there are none. */
+/* GLib gets and sets the flags when a channel with unwritten data is freed. Reads never block and writes have
+ * a limit of time, so no flag applies. */
 GIOFlags
 on_get_flags(GIOChannel *channel)
 {
@@ -145,7 +144,7 @@ on_set_flags(GIOChannel *channel, GIOFlags flags, GError **error)
   return G_IO_STATUS_NORMAL;
 }
 
-/* Nobody seeks in a request or watches its channel, and the descriptor is not the channel's to close. */
+/* Requests need no seeking and no watches, and the channel does not own the descriptor. */
 GIOFuncs request_channel_funcs = {
     .io_read = on_read,
     .io_write = on_write,
@@ -161,17 +160,18 @@ GIOFuncs request_channel_funcs = {
 
 /**
  * request_channel_new:
- * @fd: a connected stream socket, for the reply; stays open when the channel goes
- * @text: (transfer none) (array length=length) (nullable): what was read of the request, kept by the caller
- * @length: how many bytes that is
- * @failure: (transfer none) (nullable): why there is no more, kept by the caller; %NULL when the client's
- *   stream ends behind @text, or nothing behind @text matters
+ * @fd: a connected stream socket for the reply, which the channel does not close
+ * @text: (transfer none) (array length=length) (nullable): the request's text; must live as long as the
+ *   channel
+ * @length: the length of @text
+ * @failure: (transfer none) (nullable): why the text is incomplete; must live as long as the channel. %NULL
+ *   when the text is complete or malformed, or the client has ended its stream after @text
  *
- * Makes a channel for one request and its reply. Reading beyond @text fails with a %G_IO_CHANNEL_ERROR that
- * has @failure as its message. One thread at a time.
+ * Makes a channel for one request and its reply. Reading beyond @text fails with a %G_IO_CHANNEL_ERROR whose
+ * message is @failure.
  *
- * Returns: (transfer full): a channel for g_io_channel_read_line(), g_io_channel_write_chars(),
- *   g_io_channel_flush() and g_io_channel_unref(); others are not served
+ * Returns: (transfer full): a channel that supports only g_io_channel_read_line(),
+ *   g_io_channel_write_chars(), g_io_channel_flush() and g_io_channel_unref()
  */
 GIOChannel *
 request_channel_new(int fd, const gchar *text, gsize length, const gchar *failure)
@@ -182,7 +182,7 @@ request_channel_new(int fd, const gchar *text, gsize length, const gchar *failur
   self->channel.funcs = &request_channel_funcs;
   self->channel.is_readable = TRUE;
   self->channel.is_writeable = TRUE;
-  /* Bytes from the start, so that a reply can end in a NUL even if the encoding cannot be set later. */
+  /* Without an encoding, a reply can end in a NUL even if setting the encoding fails later. */
   g_clear_pointer(&self->channel.encoding, g_free);
   self->fd = fd;
   self->text = text;
@@ -193,18 +193,17 @@ request_channel_new(int fd, const gchar *text, gsize length, const gchar *failur
 
 /**
  * request_channel_discard_input:
- * @fd: a connected stream socket, about to be closed
+ * @fd: a connected stream socket that is about to be closed
  *
- * Ends what the client can send and throws away what has arrived. The client reads what it was sent and then
- * the end of the stream; a socket that is closed with something unread would give it an error instead. Waits
- * for nobody. Any thread.
+ * Shuts the socket down for reading and drops all input. Otherwise closing a socket with unread input would
+ * give the client an error instead of the reply and the end of the stream. Does not block.
  */
 void
 request_channel_discard_input(int fd)
 {
   std::array<gchar, DISCARD_SIZE> data;
 
-  /* Nothing arrives after the shutdown, so the loop ends with what the socket's buffer held. */
+  /* No data arrives after the shutdown, so the loop ends. */
   shutdown(fd, SHUT_RD);
   while (recv(fd, data.data(), data.size(), MSG_DONTWAIT) > 0) {
   }

@@ -1,7 +1,7 @@
 /* Collects the text of one client's request on the main loop, so that no thread waits for a client.
  *
- * Bytes behind the request belong to the stream, which reads the same descriptor by other means. A turn
- * therefore peeks at the input, finds the end of the request in it, and removes nothing behind that.
+ * Bytes after the request belong to the stream, for which another component reads the same descriptor. A turn
+ * therefore peeks at the input, finds the end of the request in it, and removes nothing after that.
  *
  * Length and time of the text are limited, and so is a turn. The reader ends when the request is complete or
  * malformed, when the client has ended its writing half, when a limit is exceeded, and when reading fails.
@@ -73,7 +73,7 @@ look_at_input(RequestReader *self)
 }
 
 /* Removes the text from @before on from the socket by a second read. FALSE with the failure set when the
- * bytes are not there any more, which out-of-band data can cause. */
+ * bytes are gone, which out-of-band data can cause. */
 gboolean
 remove_input(RequestReader *self, gsize before)
 {
@@ -136,7 +136,7 @@ on_request_ready(gint fd, GIOCondition condition, gpointer user_data)
  * @on_end: called when the reader ends
  * @user_data: for @on_end
  *
- * Begins to read one request, in the default main context. Main thread.
+ * Begins to read one request, in the default main context.
  *
  * Returns: (transfer full): a new reader, which reads until it calls @on_end or is freed
  */
@@ -165,10 +165,9 @@ request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc 
  * @self: (transfer none): a reader that has called its function
  * @length: (out): the length of the text in bytes
  *
- * The bytes that were removed from the socket: at most the whole request, nothing behind it. One thread at a
- * time.
+ * Returns the bytes that were removed from the socket: at most the whole request, and nothing after it.
  *
- * Returns: (transfer none) (array length=length) (nullable): the text, without a NUL behind it
+ * Returns: (transfer none) (array length=length) (nullable): the text, without a terminating NUL
  */
 const gchar *
 request_reader_get_text(const RequestReader *self, gsize *length)
@@ -181,10 +180,8 @@ request_reader_get_text(const RequestReader *self, gsize *length)
  * request_reader_get_failure:
  * @self: (transfer none): a reader that has called its function
  *
- * Why the text is incomplete. One thread at a time.
- *
- * Returns: (transfer none) (nullable): a reason, possibly empty; %NULL when the text is complete or
- * malformed, or the client has ended its writing half
+ * Returns: (transfer none) (nullable): why the text is incomplete, possibly an empty text; %NULL when the
+ *   text is complete or malformed, or the client has ended its writing half
  */
 const gchar *
 request_reader_get_failure(const RequestReader *self)
@@ -196,8 +193,7 @@ request_reader_get_failure(const RequestReader *self)
  * request_reader_free:
  * @self: (transfer full): a reader
  *
- * Stops reading and frees the text. The descriptor stays open. Main thread until the reader has called its
- * function, any thread afterwards.
+ * Stops reading and frees the text. The descriptor stays open.
  *
  * Warnings: "self != NULL" is a precondition.
  */

@@ -7,21 +7,22 @@ G_BEGIN_DECLS
 /**
  * REQUEST_READER_BYTES_PER_TURN:
  *
- * How many bytes of one connection the main loop reads in one turn.
+ * The bytes of one connection that the main loop reads in one turn.
  */
 #define REQUEST_READER_BYTES_PER_TURN 4096
 
 /**
  * RequestReader:
  *
- * The text of one client's request.
+ * The text of one client's request. The functions of a reader are for the main thread until it has called its
+ * function, then for any one thread at a time.
  */
 typedef struct RequestReader RequestReader;
 
 /**
  * RequestReaderFunc:
- * @reader: (transfer none): the reader, which has stopped; can be freed at once, also by another thread
- * @user_data: what was given to request_reader_new()
+ * @reader: (transfer none): the reader, which has stopped and can be freed, also by another thread
+ * @user_data: the data that was passed to request_reader_new()
  *
  * Called once, on the main thread, when the reader ends.
  */
