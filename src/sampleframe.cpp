@@ -1,8 +1,6 @@
-/* A producer's sample frame, turned from its JSON into ONVIF XML by the very element that converts its data,
- * in a pipeline that lives for one buffer.
- *
- * Every call has a pipeline of its own, so any number of threads may convert at once. The JSON belongs to the
- * caller until it is in the buffer, and from there on to the buffer, whatever becomes of that.
+/* Converts a producer's sample frame from JSON to ONVIF XML, with the element that also converts the
+ * producer's data. Each call makes its own pipeline for one buffer, so any number of threads can convert at
+ * the same time.
  */
 #include "sampleframe.h"
 
@@ -18,7 +16,7 @@ namespace
 
 constexpr GstClockTime TIMEOUT = SAMPLE_FRAME_TIMEOUT_MS * GST_MSECOND;
 
-/* An element with a reference of the caller's own, or NULL. */
+/* Returns a full reference, not a floating one, or NULL. */
 GstElement *
 make_element(const gchar *factory)
 {
@@ -27,7 +25,7 @@ make_element(const gchar *factory)
   return element != nullptr ? GST_ELEMENT(gst_object_ref_sink(element)) : nullptr;
 }
 
-/* The two ends belong to the pipeline. */
+/* The caller borrows @source and @sink from the pipeline. */
 GstElement *
 make_pipeline(GstAppSrc **source, GstAppSink **sink)
 {
@@ -53,7 +51,7 @@ make_pipeline(GstAppSrc **source, GstAppSink **sink)
   return g_steal_pointer(&pipeline);
 }
 
-/* Takes the text over. */
+/* Takes ownership of the text. */
 void
 append_text(GstBuffer *buffer, gchar *text)
 {
@@ -94,15 +92,16 @@ pull_text(GstAppSink *sink)
 
 /**
  * sample_frame_convert:
- * @json: (inout) (transfer full): the sample frame as the producer gave it. Set to %NULL once the frame has
- *   been taken over, which it is as soon as there is a pipeline for it; left alone when there is none
+ * @json: (inout) (transfer full): the producer's sample frame; set to %NULL, except when no pipeline can be
+ *   made for it: then the caller keeps it
  * @producer_name: (transfer none): the name of the producer
  *
- * Waits up to %SAMPLE_FRAME_TIMEOUT_MS for the converter. Any thread. "json != NULL" and
- * "producer_name != NULL" are preconditions; nothing else is said of a failure.
+ * Waits up to %SAMPLE_FRAME_TIMEOUT_MS for the converter's output. Logs nothing. Any thread.
  *
- * Returns: (transfer full) (nullable): the sample frame as ONVIF XML, or %NULL when there is no converter or
- *   nothing came of it
+ * Warnings: "json != NULL" and "producer_name != NULL" are preconditions.
+ *
+ * Returns: (transfer full) (nullable): the sample frame as ONVIF XML; %NULL when there is no converter, or it
+ *   has no output in time
  */
 gchar *
 sample_frame_convert(gchar **json, const gchar *producer_name)
@@ -123,7 +122,7 @@ sample_frame_convert(gchar **json, const gchar *producer_name)
   if (gst_app_src_push_buffer(source, frame) != GST_FLOW_OK) {
     return nullptr;
   }
-  /* docs/compatibility.md, "conversion state". Only a broken converter gets here. */
+  /* docs/compatibility.md, "conversion state". */
   if (gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_ASYNC) {
     return nullptr;
   }

@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * SAMPLE_FRAME_TIMEOUT_MS:
  *
- * How long the converter has for one sample frame.
+ * The longest wait for the converter's output for one sample frame.
  */
 #define SAMPLE_FRAME_TIMEOUT_MS 5000
 

@@ -1,6 +1,6 @@
-/* The seam between the request server and the kinds of metadata that the daemon can produce. The server knows
- * nothing of a kind; a factory knows nothing of a client. A factory declines with NULL and no error, and
- * fails with NULL and an error: only the error tells the two apart.
+/* The interface between the server and the kinds of metadata that the daemon produces. The server does not
+ * depend on kinds, and a factory does not depend on clients. A factory declines with NULL and no error, and
+ * fails with NULL and an error.
  */
 #include "sourcefactory.h"
 
@@ -18,8 +18,7 @@ source_factory_default_init(SourceFactoryInterface *iface)
 /**
  * source_factory_error_quark:
  *
- * The domain of every error that a factory reports. All of them have code 0; the message tells them apart.
- * Any thread.
+ * The domain of the errors of factories. All have code 0 and differ in their messages.
  *
  * Returns: the quark of "source_factory_error"
  */
@@ -35,14 +34,13 @@ source_factory_error_quark(void)
  * @params: (transfer none) (element-type utf8 utf8): the request's parameters
  * @error: (out) (optional): where to put the failure
  *
- * Asks one factory for a source. No argument is checked here: an object of a class that is no factory is a
- * programming error. Any thread.
+ * Requests a source from one factory. Does not check its arguments.
  *
- * When the calling thread's current #GCancellable is cancelled, the source is not needed. A factory that
- * waits then ends its wait and fails the request.
+ * The calling thread's current #GCancellable is cancelled when the source is not needed. A factory that waits
+ * then ends its wait and fails the request.
  *
  * Returns: (transfer full) (nullable): a new element, usually floating, with one source pad to link; %NULL
- *   without an error when the factory has nothing to contribute, %NULL with one when the request fails
+ *   without an error when the factory declines; %NULL with an error when the request fails
  */
 GstElement *
 source_factory_create_source(SourceFactory *self, GHashTable *params, GError **error)
@@ -54,8 +52,6 @@ source_factory_create_source(SourceFactory *self, GHashTable *params, GError **e
  * source_factory_lookup_param:
  * @params: (transfer none) (element-type utf8 utf8): the request's parameters
  * @key: the key of one of them
- *
- * Any thread.
  *
  * Returns: (transfer none) (nullable): the parameter's text, which lives as long as @params; %NULL if the
  *   request does not have it
@@ -71,10 +67,10 @@ source_factory_lookup_param(GHashTable *params, const gchar *key)
  * @bin: (transfer none): the bin that a factory builds
  * @last: (transfer none): the element in it whose pad "src" is the bin's output
  *
- * Gives @bin the one pad that a source has to have, "src". An element without such a pad is the platform's
- * fault, and no reason for GStreamer to complain. Any thread.
+ * Adds the pad that a source must have, "src". If @last, an element of the platform, has no such pad, this
+ * function fails without a warning of GStreamer.
  *
- * Returns: %FALSE when there is no pad to show, or it cannot be added
+ * Returns: whether the pad was added
  */
 gboolean
 source_factory_add_ghost_pad(GstElement *bin, GstElement *last)
@@ -94,9 +90,8 @@ source_factory_add_ghost_pad(GstElement *bin, GstElement *last)
  * @domain: the error's domain
  * @format: a printf format of the message, followed by its arguments
  *
- * Refuses a request: sets an error with code 0 in @domain and logs the same text at warning priority, so that
- * client and log never tell different stories. For a text of the client's there is
- * source_factory_refuse_value(). Any thread.
+ * Refuses a request: sets an error with code 0 in @domain and logs the same text at warning priority. A text
+ * of the client must be passed to source_factory_refuse_value() instead.
  */
 void
 source_factory_fail(GError **error, GQuark domain, const gchar *format, ...)
@@ -117,9 +112,9 @@ source_factory_fail(GError **error, GQuark domain, const gchar *format, ...)
  * @problem: what is wrong with @value
  * @value: the client's text, any bytes
  *
- * Refuses a request for one of its texts: sets an error with code 0 in @domain and the message "@problem:
- * '@value'.", and logs the same at warning priority. The error has the whole text; the log's line has what
- * log_text_clip() makes of it. Any thread.
+ * Refuses a request because of one of its texts: sets an error with code 0 in @domain and the message
+ * "@problem: '@value'.", and logs the same at warning priority. The error has the whole @value; the log has
+ * the result of log_text_clip().
  */
 void
 source_factory_refuse_value(GError **error, GQuark domain, const gchar *problem, const gchar *value)

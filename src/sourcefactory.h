@@ -9,12 +9,13 @@ G_DECLARE_INTERFACE(SourceFactory, source_factory, SOURCE, FACTORY, GObject)
 
 /**
  * SourceFactoryInterface:
- * @create_source: answers one request with a new element, with %NULL (nothing to contribute) or with an
- * error
+ * @create_source: returns a new element for one request, %NULL (no contribution), or %NULL with an error
  *
- * Called on the request server's pool threads, at the same time for different requests, so an
- * implementation keeps no state of a request. The parameter table is the caller's: it is read, never
- * changed or kept.
+ * A factory of sources for one kind of metadata. @create_source is called on the server's pool threads, for
+ * different requests at the same time, so it stores no state of a request. It must not change or keep the
+ * table of parameters.
+ *
+ * Any thread can call the functions of this component.
  */
 struct _SourceFactoryInterface {
   GTypeInterface parent_iface;
