@@ -1,5 +1,5 @@
-/* Texts from outside, on their way into the log: bounded in length, and on one line, so that nobody writes
- * lines that look like the daemon's.
+/* Prepares texts of peers for the log: limits their length and keeps them in one line, so that a peer cannot
+ * forge lines of the daemon.
  */
 #include "logtext.h"
 
@@ -8,7 +8,7 @@
 namespace
 {
 
-/* Separators of lines and paragraphs are no control characters. */
+/* Unicode does not classify separators of lines and paragraphs as control characters. */
 gboolean
 breaks_line(gunichar character)
 {
@@ -26,7 +26,7 @@ append_escaped(GString *line, const gchar *begin, const gchar *end)
   }
 }
 
-/* Appends the character at @text, or its first byte if that begins none, and returns what follows. */
+/* Appends the character at @text, or its first byte if it is not valid, and returns the position after it. */
 const gchar *
 append_next(GString *line, const gchar *text, const gchar *end)
 {
@@ -48,10 +48,10 @@ append_next(GString *line, const gchar *text, const gchar *end)
  * log_text_clip:
  * @text: (transfer none): any bytes
  *
- * Makes a text fit for a line of the log: bytes that are no UTF-8 text, control characters and separators of
- * lines become "\xHH" each; a backslash stays what it is. Of what comes out, as many whole characters stay as
- * fit into %LOG_TEXT_MAX_BYTES, followed by "... (N bytes left out)" with the count of those of @text. Any
- * thread.
+ * Converts a text for a line of the log. Each byte of a control character, of a separator of lines or
+ * paragraphs, and of invalid UTF-8 becomes "\xHH"; backslashes are not escaped. If the result exceeds
+ * %LOG_TEXT_MAX_BYTES, it is cut after a whole character or escape and followed by "... (N bytes left out)",
+ * where N counts bytes of @text. Any thread.
  *
  * Returns: (transfer full): UTF-8 text without a line break
  */

@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * LOG_TEXT_MAX_BYTES:
  *
- * How many bytes of a line of the log a text takes that comes from outside.
+ * The length of a peer's text in a line of the log.
  */
 #define LOG_TEXT_MAX_BYTES 1024
 

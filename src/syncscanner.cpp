@@ -1,9 +1,8 @@
-/* Finds the "SYNC\n" lines in what a client sends after "OK". The input comes in pieces of any size and a
- * line may never end, so nothing is collected: a line is followed only as long as it still agrees with the
- * one line that has a meaning, and of a character in several bytes only the bytes so far are kept.
+/* Finds "SYNC\n" lines in a client's input after "OK". The input arrives in pieces of any size, and a line
+ * can be endless. The scanner therefore stores no line. It stores how many bytes of the current line match
+ * "SYNC\n", and the bytes of an incomplete character.
  *
- * The input is UTF-8 text. Text that is not ends the client's stream, and a NUL counts as such: no text line
- * holds one.
+ * The input must be UTF-8 text without NULs; other input ends the client's stream.
  */
 #include "syncscanner.h"
 
@@ -15,10 +14,10 @@ namespace
 
 constexpr std::string_view SYNC_LINE = "SYNC\n";
 
-/* The value of `matched` for a line that is already known to be another one. */
+/* The value of `matched` for a line that does not match. */
 constexpr guchar OTHER_LINE = 0xff;
 
-/* Takes one byte into the character that it belongs to. FALSE when no character goes that way. */
+/* Adds one byte to the current character. FALSE when the result is not valid. */
 gboolean
 take_character_byte(SyncScanner *scanner, gchar byte)
 {
@@ -35,17 +34,17 @@ take_character_byte(SyncScanner *scanner, gchar byte)
   return character != static_cast<gunichar>(-1);
 }
 
-/* Follows the current line by one byte. TRUE when that byte ended a "SYNC\n". */
+/* Compares one byte of the current line. TRUE when it is the end of a "SYNC\n". */
 gboolean
 take_line_byte(SyncScanner *scanner, gchar byte)
 {
-  const gboolean agrees = scanner->matched != OTHER_LINE && SYNC_LINE[scanner->matched] == byte;
+  const gboolean matches = scanner->matched != OTHER_LINE && SYNC_LINE[scanner->matched] == byte;
 
   if (byte == '\n') {
     scanner->matched = 0;
-    return agrees;
+    return matches;
   }
-  scanner->matched = agrees ? scanner->matched + 1 : OTHER_LINE;
+  scanner->matched = matches ? scanner->matched + 1 : OTHER_LINE;
   return FALSE;
 }
 
@@ -55,12 +54,12 @@ take_line_byte(SyncScanner *scanner, gchar byte)
  * sync_scanner_feed:
  * @scanner: (transfer none): the state of one client's input
  * @data: (array length=length): the next bytes of the input
- * @length: how many
- * @syncs: (out): how many "SYNC\n" lines ended in @data; those before a wrong byte count
+ * @length: the length of @data
+ * @syncs: (out): the number of "SYNC\n" lines that end in @data before an invalid byte
  *
- * One thread at a time for one @scanner.
+ * Any thread, one at a time for one @scanner.
  *
- * Returns: %FALSE when the input is not UTF-8 text; @scanner is then of no further use
+ * Returns: %FALSE when the input is not UTF-8 text; @scanner cannot be used again
  */
 gboolean
 sync_scanner_feed(SyncScanner *scanner, const gchar *data, gsize length, guint *syncs)
