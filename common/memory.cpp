@@ -1,25 +1,24 @@
-/* How the C library's allocator keeps and returns memory.
+/* Configures the C library's allocator and returns free memory to the system.
  *
  * By default the allocator raises its mapping threshold with each large block that is freed. Later large
- * blocks then come from heaps, where one small block that stays keeps everything below it, and each further
- * thread may get a heap of its own. A fixed threshold lets every large block go when it is freed; few heaps
- * leave few holes.
+ * blocks then come from heaps, which cannot shrink below a block that is still in use, and each thread can
+ * get its own heap. With a fixed threshold, large blocks return to the system when they are freed; with few
+ * heaps, less free memory lies between blocks that are in use.
  *
- * What small blocks leave free is returned by a trim, which takes the lock of each heap while it goes through
- * it. A thread of its own trims, so that nobody waits for more than that. It trims twice for a request: at
- * once and an interval later, because what asks may still have to be freed. Requests that come meanwhile are
- * one.
+ * A trim returns the free memory of the heaps. It locks each heap, so it runs on a separate thread, and other
+ * threads wait at most for one heap. A request causes two trims, one immediately and one after the interval,
+ * because the caller's own memory may not be freed yet. Requests in between cause no further trims.
  *
- * For each thread the allocator keeps up to seven freed blocks of every small size. No trim returns them, and
- * each can keep a page that is otherwise free. Only the thread itself gets them, by allocating, and if it
- * frees them, the allocator keeps them again. So threads that stay take them, and a thread that ends frees
- * them: for that one the allocator keeps nothing.
+ * For each thread the allocator keeps up to seven freed blocks of every small size. A trim does not return
+ * them, and each can keep a page that is otherwise free. Only the thread itself can allocate them, and they
+ * are kept again when it frees them. So threads that stay allocate these blocks and hand them over to a
+ * thread that frees them and ends, for which the allocator keeps none.
  *
- * GLib before 2.76 has small blocks of its own, its slices, and keeps all that were ever in use at one time.
- * It can be told to take them from the C library's allocator instead, but only before its own initialisation,
- * which is over when main() begins.
+ * GLib before 2.76 has its own allocator for small blocks, the slices, which never returns memory. GLib can
+ * use the C library's allocator instead, but only if this is set before GLib's initialisation, which is
+ * complete when main() begins.
  *
- * Another allocator, a sanitizer's for example, ignores all of this.
+ * Other allocators, for example a sanitizer's, ignore these settings.
  */
 #include "memory.h"
 
@@ -29,13 +28,13 @@
 namespace
 {
 
-constexpr guint TRIMS_FOR_A_REQUEST = 2;
+constexpr guint TRIMS_PER_REQUEST = 2;
 
-/* The freed blocks that the allocator keeps for a thread: their sizes, and how many of each. */
+/* The sizes of the freed blocks that the allocator keeps for a thread, and the number of each size. */
 constexpr gsize SMALLEST_KEPT = 24;
 constexpr gsize LARGEST_KEPT = 1032;
 constexpr gsize STEP_OF_KEPT = 16;
-constexpr gsize KEPT_OF_A_SIZE = 7;
+constexpr gsize KEPT_PER_SIZE = 7;
 
 struct Block {
   Block *next;
@@ -43,19 +42,22 @@ struct Block {
 
 GMutex lock;
 GCond changed;
-GThread *trimmer; /* the main thread's alone */
-guint trims_left; /* guarded by the lock, like all that follow */
+GThread *trimmer; /* for the main thread only */
+
+/* Protected by the lock. */
+guint trims_left;
 guint trims_begun;
 Block *handed_over;
-gboolean main_thread_asked;
+gboolean is_main_thread_due; /* whether the main thread must hand its blocks over */
 gboolean stopping;
 
-/* The blocks that the allocator keeps for the calling thread, or as many others, before @rest. */
+/* Allocates the blocks that the allocator keeps for the calling thread, or as many others, and prepends them
+ * to @rest. */
 Block *
 take_kept_blocks(Block *rest)
 {
   for (gsize size = SMALLEST_KEPT; size <= LARGEST_KEPT; size += STEP_OF_KEPT) {
-    for (gsize i = 0; i < KEPT_OF_A_SIZE; i++) {
+    for (gsize i = 0; i < KEPT_PER_SIZE; i++) {
       auto *block = static_cast<Block *>(g_malloc(size));
       block->next = std::exchange(rest, block);
     }
@@ -72,7 +74,7 @@ free_blocks(gpointer user_data)
   return nullptr;
 }
 
-/* Takes the list. */
+/* Takes ownership of the list. */
 void
 free_blocks_on_thread(Block *blocks)
 {
@@ -86,36 +88,36 @@ free_blocks_on_thread(Block *blocks)
 }
 
 gboolean
-answer_trimmer(gpointer)
+on_main_thread_due(gpointer)
 {
   memory_hand_over_kept_blocks();
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-  main_thread_asked = FALSE;
+  is_main_thread_due = FALSE;
   g_cond_signal(&changed);
   return G_SOURCE_REMOVE;
 }
 
-/* With the lock held. Waits until the main thread has handed its blocks over. FALSE when this thread has to
- * end. */
+/* Waits until the main thread has handed its blocks over. FALSE when the calling thread must end. Called with
+ * the lock held. */
 gboolean
-ask_main_thread()
+wait_for_main_thread()
 {
   g_autoptr(GSource) source = g_idle_source_new();
 
-  /* A loop that always has something to do dispatches this in its turn. */
+  /* With the priority of an idle source, a busy main loop would never dispatch it. */
   g_source_set_priority(source, G_PRIORITY_DEFAULT);
-  g_source_set_callback(source, answer_trimmer, nullptr, nullptr);
-  main_thread_asked = TRUE;
+  g_source_set_callback(source, on_main_thread_due, nullptr, nullptr);
+  is_main_thread_due = TRUE;
   g_source_attach(source, nullptr);
-  while (!stopping && main_thread_asked) {
+  while (!stopping && is_main_thread_due) {
     g_cond_wait(&changed, &lock);
   }
   g_source_destroy(source);
   return !stopping;
 }
 
-/* With the lock held. FALSE when the thread has to end. */
+/* FALSE when the calling thread must end. Called with the lock held. */
 gboolean
 wait_for_request(gint64 not_before_us)
 {
@@ -129,38 +131,48 @@ wait_for_request(gint64 not_before_us)
   return !stopping;
 }
 
+/* Waits for the next trim and takes the blocks that were handed over for it. FALSE when the calling thread
+ * must end. */
+gboolean
+begin_trim(gint64 not_before_us, Block **blocks)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+
+  if (!wait_for_request(not_before_us) || !wait_for_main_thread()) {
+    return FALSE;
+  }
+  *blocks = std::exchange(handed_over, nullptr);
+  trims_left--;
+  trims_begun++;
+  return TRUE;
+}
+
 gpointer
 trim_on_request(gpointer user_data)
 {
   gint64 not_before_us = 0;
+  Block *blocks = nullptr;
 
-  g_mutex_lock(&lock);
-  while (wait_for_request(not_before_us) && ask_main_thread()) {
-    Block *blocks = std::exchange(handed_over, nullptr);
-    trims_left--;
-    trims_begun++;
-    g_mutex_unlock(&lock);
+  while (begin_trim(not_before_us, &blocks)) {
     free_blocks_on_thread(blocks);
     malloc_trim(0);
     not_before_us = g_get_monotonic_time() + G_TIME_SPAN_MILLISECOND * MEMORY_TRIM_INTERVAL_MS;
-    g_mutex_lock(&lock);
   }
-  g_mutex_unlock(&lock);
   return nullptr;
 }
 
 #if !GLIB_CHECK_VERSION(2, 76, 0) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void
-give_up_slices()
+disable_slices()
 {
   G_GNUC_BEGIN_IGNORE_DEPRECATIONS
   g_slice_set_config(G_SLICE_CONFIG_ALWAYS_MALLOC, TRUE);
   G_GNUC_END_IGNORE_DEPRECATIONS
 }
 
-/* What stands in this section of a program runs before the initialisation of any library. Nothing but such a
- * setting can be made there. */
-[[gnu::used, gnu::section(".preinit_array")]] void (*const BEFORE_LIBRARIES)() = give_up_slices;
+/* Functions in this section run before the initialisation of any library. They must do no more than such a
+ * setting. */
+[[gnu::used, gnu::section(".preinit_array")]] void (*const BEFORE_LIBRARIES)() = disable_slices;
 #endif
 
 } // namespace
@@ -168,8 +180,8 @@ give_up_slices()
 /**
  * memory_set_up:
  *
- * Fixes the allocator's mapping threshold and the number of its heaps. To be called first of all in main(),
- * before there is another thread. A program that has this function has no slices of GLib's from its start.
+ * Sets the allocator's mapping threshold and the number of its heaps. Must be called first in main(), before
+ * another thread exists. GLib uses no slices in a program that links this component.
  */
 void
 memory_set_up(void)
@@ -181,10 +193,9 @@ memory_set_up(void)
 /**
  * memory_start_trimming:
  *
- * Starts the thread that trims for memory_trim_later(). If it cannot be started, nothing is ever trimmed.
- * Main thread.
+ * Starts the thread that trims for memory_trim_later(). If it cannot be started, there are no trims.
  *
- * Warnings: "trimmer == NULL" is a precondition: it has not been started, or was stopped since.
+ * Warnings: "trimmer == NULL" is a precondition: the thread is not running.
  */
 void
 memory_start_trimming(void)
@@ -197,26 +208,24 @@ memory_start_trimming(void)
 /**
  * memory_trim_later:
  *
- * Asks for what is free, and what is freed shortly, to be given back to the system. Never waits for that. At
- * most one trim begins within MEMORY_TRIM_INTERVAL_MS, however often this is called, and none before the
- * default main context has been iterated. Any thread.
+ * Requests a trim now and one after the interval. Does not wait for them. At most one trim begins within
+ * MEMORY_TRIM_INTERVAL_MS, and none before the default main context is iterated.
  */
 void
 memory_trim_later(void)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
 
-  trims_left = TRIMS_FOR_A_REQUEST;
+  trims_left = TRIMS_PER_REQUEST;
   g_cond_signal(&changed);
 }
 
 /**
  * memory_hand_over_kept_blocks:
  *
- * Hands over the freed blocks that the allocator keeps for the calling thread, for the next trim to return.
- * Takes effect once before each trim, and only while a trim is wanted: 450 allocations then. Threads that
- * stay call this when they have finished a piece of work. The main thread need not: it is asked before each
- * trim. Any thread.
+ * Hands the freed blocks that the allocator keeps for the calling thread over to the next trim. Makes 450
+ * allocations, at most once before each requested trim; otherwise has no effect. Long-running threads call
+ * this after each piece of work, except the main thread, which the trim thread waits for.
  */
 void
 memory_hand_over_kept_blocks(void)
@@ -233,8 +242,8 @@ memory_hand_over_kept_blocks(void)
 /**
  * memory_free_kept_blocks:
  *
- * Frees the freed blocks that the allocator keeps for the calling thread, for later trims to return. Starts a
- * thread and waits for its end. For threads that may have nothing to do for long. Any thread.
+ * Frees the blocks that the allocator keeps for the calling thread, so that later trims can return them.
+ * Starts a thread and waits for its end. For threads that can be idle for long.
  */
 void
 memory_free_kept_blocks(void)
@@ -245,7 +254,7 @@ memory_free_kept_blocks(void)
 /**
  * memory_stop_trimming:
  *
- * Ends what memory_start_trimming() began, and waits for a trim that is under way. Main thread.
+ * Stops the thread after the current trim, if there is one.
  */
 void
 memory_stop_trimming(void)
@@ -253,10 +262,11 @@ memory_stop_trimming(void)
   if (trimmer == nullptr) {
     return;
   }
-  g_mutex_lock(&lock);
-  stopping = TRUE;
-  g_cond_signal(&changed);
-  g_mutex_unlock(&lock);
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    stopping = TRUE;
+    g_cond_signal(&changed);
+  }
   g_thread_join(std::exchange(trimmer, nullptr));
   free_blocks(std::exchange(handed_over, nullptr));
   stopping = FALSE;

@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * MEMORY_MMAP_THRESHOLD:
  *
- * From how many bytes on a block is a mapping of its own, which goes back to the system when the block is
+ * The size in bytes from which a block is a separate mapping, which returns to the system when the block is
  * freed.
  */
 #define MEMORY_MMAP_THRESHOLD (256 * 1024)
@@ -15,16 +15,19 @@ G_BEGIN_DECLS
 /**
  * MEMORY_MAX_ARENAS:
  *
- * Into how many heaps the threads of a program share.
+ * The number of heaps that the threads of a program share.
  */
 #define MEMORY_MAX_ARENAS 2
 
 /**
  * MEMORY_TRIM_INTERVAL_MS:
  *
- * How long two trims are apart, at least.
+ * The minimum time between two trims.
  */
 #define MEMORY_TRIM_INTERVAL_MS 2000
+
+/* Any thread can call the functions of this component, except memory_set_up(), memory_start_trimming() and
+ * memory_stop_trimming(), which are for the main thread. */
 
 void memory_set_up(void);
 

@@ -1,19 +1,19 @@
-/* Calls a method on the bus and waits for the reply, until a cancellable is cancelled.
+/* Calls a method on the bus and waits for the reply or a cancellation.
  *
- * GDBus can do that too, but when a call is cancelled while its reply arrives, the waiting call returns
- * before GDBus' own source for the cancellation is dispatched. That source keeps the call, and the call keeps
- * the main context that it waited in, for ever: a descriptor is lost each time.
+ * The synchronous call of GDBus leaks: if the call is cancelled while its reply arrives, it returns before
+ * GDBus' source for the cancellation is dispatched. The source then keeps the call, and the call keeps its
+ * main context and one descriptor, forever.
  *
- * So the waiting is done here, in a main context that is dispatched until nothing is left in it. GDBus gets a
- * cancellable of this call's own, which is cancelled with the caller's. Once the two have been disconnected,
- * no further source is added.
+ * This function therefore makes an asynchronous call and iterates its own main context until no source is
+ * ready. GDBus gets a separate cancellable, which is cancelled together with the caller's. After the two are
+ * disconnected, no further source is added.
  */
 #include "buscall.h"
 
 namespace
 {
 
-/* Makes a main context the calling thread's own, as long as this object lives. */
+/* A new main context, which is the calling thread's default one while the object exists. */
 class OwnContext
 {
 public:
@@ -29,7 +29,7 @@ public:
   OwnContext(const OwnContext &) = delete;
   OwnContext &operator=(const OwnContext &) = delete;
 
-  /* FALSE when nothing was dispatched. */
+  /* FALSE when no source was dispatched. */
   gboolean dispatch(gboolean may_wait)
   {
     return g_main_context_iteration(context_, may_wait);
@@ -55,11 +55,11 @@ on_result(GObject *source, GAsyncResult *result, gpointer user_data)
 
 /**
  * bus_call_sync:
- * @call: (transfer none): what to call
+ * @call: (transfer none): the call
  * @cancellable: (transfer none) (nullable): ends the wait for the reply
  * @error: (out) (optional): where to put the failure
  *
- * Calls a method and waits for the reply. Opens one descriptor while it waits. Any thread.
+ * Calls a method and waits for the reply. Opens one descriptor during the wait. Any thread.
  *
  * Returns: (transfer full) (nullable): the reply, of any type; %NULL with @error set (%G_DBUS_ERROR,
  *   %G_IO_ERROR), %G_IO_ERROR_CANCELLED among others
@@ -81,7 +81,7 @@ bus_call_sync(const BusCall *call, GCancellable *cancellable, GError **error)
   while (result == nullptr) {
     context.dispatch(TRUE);
   }
-  /* Waits for a cancellation that is under way. */
+  /* Waits for a cancellation that is in progress. */
   g_cancellable_disconnect(cancellable, handler_id);
   while (context.dispatch(FALSE)) {
   }
