@@ -1,12 +1,12 @@
-/* Limits how many clients stream at once, and keeps part of the places for users who have none. A program
- * that connects without end cannot use up the machine or shut the users of other programs out.
+/* Limits the number of streaming clients, and keeps some places for users without one. A program that
+ * connects repeatedly can neither exhaust the machine nor lock out other users.
  *
- * A client's request takes a place before any part of its pipeline is made, and the place is free again when
- * the pipeline has gone. A user without a place can take any free one. A user with a place can take another
- * only while more than CLIENT_PLACES_KEPT are free. So one user can hold all places but these, and as many
- * other users still get one each.
+ * A request takes a place before its pipeline is built; the place becomes free when the pipeline is released.
+ * A user without a place can take any free one. A user with a place can take another one only while more than
+ * CLIENT_PLACES_KEPT are free. So one user can hold all places except these, and that many other users still
+ * get one each.
  *
- * The process has one account of places, as it has one of descriptors.
+ * The places are shared by the whole process.
  */
 #include "clientplaces.h"
 
@@ -28,7 +28,8 @@ gsize taken;
 gboolean
 may_take(uid_t user)
 {
-  const bool holds_one = std::find(holders.begin(), holders.begin() + taken, user) != holders.begin() + taken;
+  const gboolean holds_one =
+      std::find(holders.begin(), holders.begin() + taken, user) != holders.begin() + taken;
 
   return taken < (holds_one ? CLIENT_PLACES - CLIENT_PLACES_KEPT : CLIENT_PLACES);
 }
@@ -53,8 +54,8 @@ take(uid_t user)
  *
  * Takes a place.
  *
- * Returns: (transfer full) (nullable): the place, to be freed when the client's pipeline has gone; %NULL when
- *   no place is left for @user
+ * Returns: (transfer full) (nullable): the place, to be freed when the client's pipeline is released; %NULL
+ *   when no place is left for @user
  */
 ClientPlace *
 client_place_new(uid_t user)
@@ -72,7 +73,7 @@ client_place_new(uid_t user)
  * client_place_free:
  * @self: (transfer full): a place
  *
- * Gives the place back.
+ * Returns the place.
  *
  * Warnings: "self != NULL" is a precondition.
  */

@@ -8,14 +8,14 @@ G_BEGIN_DECLS
 /**
  * CLIENT_PLACES:
  *
- * How many clients may stream at once.
+ * The number of clients that can stream at the same time.
  */
 #define CLIENT_PLACES 256
 
 /**
  * CLIENT_PLACES_KEPT:
  *
- * How many of the places are kept for users without one.
+ * The number of places that are kept for users without one.
  */
 #define CLIENT_PLACES_KEPT 32
 

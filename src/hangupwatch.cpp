@@ -1,12 +1,11 @@
-/* Tells a thread that works for a client when the client has hung up.
+/* Cancels a thread's work for a client when the client hangs up.
  *
- * The watch makes a cancellable the thread's current one, where the functions that the thread calls can find
- * it: a source factory knows no clients. The main loop watches the descriptor and cancels. A client that ends
- * only its writing half has not hung up; it waits for its reply.
+ * The watch makes a cancellable the thread's current one, so that source factories can use it without knowing
+ * the client. The main loop watches the descriptor and cancels. A client that ends only its writing half has
+ * not hung up: it waits for its reply.
  *
  * The main loop's callback holds a reference to the cancellable and uses nothing else. The watch can
- * therefore be freed on its own thread while the callback runs. Afterwards the descriptor may be closed at
- * once and its number become another client's.
+ * therefore be freed on its thread while the callback runs, and the descriptor can be closed immediately.
  */
 #include "hangupwatch.h"
 
