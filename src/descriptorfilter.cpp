@@ -1,16 +1,15 @@
-/* Refuses file descriptors that peers attach to messages. The kernel installs them in the daemon as soon as a
- * message is read, whoever sent it, and a message that waits for the main loop keeps them, so a few peers
- * could use up the daemon's descriptors. No call that the daemon serves and no signal that it subscribes to
- * has descriptors. Only one kind of message may have one: the reply to a stream request of the daemon's own.
+/* Refuses file descriptors that peers attach to messages. The kernel installs them in the daemon when a
+ * message is read, and a message that waits for the main loop keeps them, so a few peers could use up the
+ * daemon's descriptors. No call that the daemon serves and no signal that it subscribes to has descriptors.
+ * Only the reply to one of the daemon's stream calls can have one.
  *
  * Such a reply is identified by the serial of the call. Its sender is not checked: the bus delivers replies
  * only from the peer that got the call, unless its policy allows unrequested replies, and then GDBus, which
  * uses the serial too, would accept the reply anyway. The first reply ends the call, so at most one message
  * passes for each call.
  *
- * Everything except the life of a filter runs on GDBus' own thread, which reads and writes the messages of
- * all connections. So there is no lock. The descriptors of a refused message are closed on that thread too,
- * when GDBus releases the message after the filter.
+ * Filters are used on GDBus' thread, which reads and writes the messages of all connections, so there is no
+ * lock. GDBus releases a refused message, and closes its descriptors, on the same thread.
  */
 #include "descriptorfilter.h"
 
@@ -35,7 +34,7 @@ constexpr const char *STREAM_METHOD = "GetStreamFd";
 
 constexpr const char *DATA_KEY = "tessard-descriptor-filter";
 
-/* For all connections. */
+/* Shared by all connections. */
 RateLimitedLog refused_descriptors_log = RATE_LIMITED_LOG_INIT(DESCRIPTOR_FILTER_LOG_INTERVAL_US);
 
 constexpr const char *REFUSED_ERROR = "org.freedesktop.DBus.Error.NotSupported";
@@ -104,7 +103,7 @@ may_pass(DescriptorFilter *filter, GDBusMessage *message)
 
 /* The bus disconnects a peer that replies without a serial or to an impossible name. */
 gboolean
-wants_answer(GDBusMessage *message)
+expects_reply(GDBusMessage *message)
 {
   const gchar *sender = g_dbus_message_get_sender(message);
 
@@ -127,12 +126,12 @@ new_error(guint32 reply_serial, const gchar *text)
 }
 
 GDBusMessage *
-new_answer(GDBusMessage *call)
+new_refusal(GDBusMessage *call)
 {
-  GDBusMessage *answer = new_error(g_dbus_message_get_serial(call), "No call here takes file descriptors");
+  GDBusMessage *reply = new_error(g_dbus_message_get_serial(call), "No call here takes file descriptors");
 
-  g_dbus_message_set_destination(answer, g_dbus_message_get_sender(call));
-  return answer;
+  g_dbus_message_set_destination(reply, g_dbus_message_get_sender(call));
+  return reply;
 }
 
 /* Makes the failure that replaces a refused reply, so that the caller does not wait. */
@@ -140,7 +139,7 @@ GDBusMessage *
 new_failed_reply(GDBusMessage *reply)
 {
   GDBusMessage *failure = new_error(g_dbus_message_get_reply_serial(reply),
-                                    "The reply has file descriptors that nobody asked for");
+                                    "The reply has file descriptors that were not requested");
 
   g_dbus_message_set_serial(failure, g_dbus_message_get_serial(reply));
   g_dbus_message_set_header(failure, G_DBUS_MESSAGE_HEADER_FIELD_SENDER,
@@ -149,37 +148,37 @@ new_failed_reply(GDBusMessage *reply)
 }
 
 void
-send_answer(GDBusConnection *connection, GDBusMessage *answer)
+send_reply(GDBusConnection *connection, GDBusMessage *reply)
 {
-  g_dbus_connection_send_message(connection, answer, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+  g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
 }
 
-} // namespace
-
-static GDBusMessage *
+GDBusMessage *
 on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming, gpointer user_data)
 {
   auto *filter = static_cast<DescriptorFilter *>(user_data);
   g_autoptr(GDBusMessage) original = G_DBUS_MESSAGE(g_object_ref(message));
-  g_autoptr(GDBusMessage) answer = nullptr;
-  GDBusMessage *passed = descriptor_filter_pass(filter, message, incoming, &answer);
+  g_autoptr(GDBusMessage) reply = nullptr;
+  GDBusMessage *passed = descriptor_filter_pass(filter, message, incoming, &reply);
 
-  if (answer != nullptr) {
-    send_answer(connection, answer);
+  if (reply != nullptr) {
+    send_reply(connection, reply);
   }
   if (passed != original) {
     rate_limited_log(&refused_descriptors_log, LOG_WARNING,
-                     "refused file descriptors from %s: nobody asked for them",
+                     "refused file descriptors from %s: the daemon did not request them",
                      g_dbus_message_get_sender(original));
   }
   memory_hand_over_kept_blocks();
   return passed;
 }
 
+} // namespace
+
 /**
  * descriptor_filter_new:
  *
- * Makes a filter for the messages of a new connection. Any thread.
+ * Makes a filter for the messages of a new connection.
  *
  * Returns: (transfer full): the filter, for descriptor_filter_free()
  */
@@ -193,7 +192,7 @@ descriptor_filter_new(void)
  * descriptor_filter_free:
  * @filter: (transfer full): a filter
  *
- * Frees a filter that no other thread uses. Any thread.
+ * Frees a filter that no other thread uses.
  */
 void
 descriptor_filter_free(DescriptorFilter *filter)
@@ -206,20 +205,19 @@ descriptor_filter_free(DescriptorFilter *filter)
  * @filter: (transfer none): the connection's filter
  * @message: (transfer full): the connection's next message, which may be locked
  * @incoming: whether it was received; otherwise it is about to be sent
- * @answer: (out) (transfer full) (nullable): the reply to the sender of @message
+ * @reply: (out) (transfer full) (nullable): the reply to the sender of @message
  *
  * Passes or refuses a message. Sent messages pass. Received messages pass too, unless they have descriptors
  * and are not the reply to a stream call that has passed. A refused reply is replaced by a failure of the
- * same call; other refused messages are dropped, and a call that expects a reply gets @answer. One thread at
- * a time.
+ * same call; other refused messages are dropped, and a call that expects a reply gets @reply.
  *
  * Returns: (transfer full) (nullable): the message that passes; %NULL when it is dropped
  */
 GDBusMessage *
 descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean incoming,
-                       GDBusMessage **answer)
+                       GDBusMessage **reply)
 {
-  *answer = nullptr;
+  *reply = nullptr;
   if (!incoming) {
     if (is_stream_call(message)) {
       note_stream_call(filter, g_dbus_message_get_serial(message));
@@ -230,8 +228,8 @@ descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean
     return message;
   }
   g_autoptr(GDBusMessage) refused = message;
-  if (wants_answer(refused)) {
-    *answer = new_answer(refused);
+  if (expects_reply(refused)) {
+    *reply = new_refusal(refused);
   }
   return is_reply(refused) ? new_failed_reply(refused) : nullptr;
 }
@@ -240,18 +238,18 @@ descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean
  * descriptor_filter_add:
  * @connection: (transfer none): a connection to a bus, without a filter
  *
- * Filters all messages of the connection for as long as it lives. Any thread.
+ * Filters all messages of the connection while it exists.
  *
  * Warnings, on GDBus' thread, at most one each %DESCRIPTOR_FILTER_LOG_INTERVAL_US: "refused file descriptors
- * from %s: nobody asked for them", with the count of the lines that were left out
+ * from %s: the daemon did not request them", with the count of the suppressed lines
  */
 void
 descriptor_filter_add(GDBusConnection *connection)
 {
   DescriptorFilter *filter = descriptor_filter_new();
 
-  /* The connection outlives all calls of the filter. GDBus would call a release function of the filter in
-   * this thread's main context, which may not run any more when the connection ends. */
+  /* The connection outlives all calls of the filter. GDBus would call a release function in this thread's
+   * main context, which may have stopped when the connection ends. */
   g_object_set_data_full(G_OBJECT(connection), DATA_KEY, filter, [](gpointer data) {
     descriptor_filter_free(static_cast<DescriptorFilter *>(data));
   });

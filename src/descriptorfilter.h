@@ -7,8 +7,8 @@ G_BEGIN_DECLS
 /**
  * DESCRIPTOR_FILTER_MAX_CALLS:
  *
- * How many stream calls of a connection can wait for their descriptor: the number of open calls that the bus
- * allows a connection by default. With more, the reply to the oldest call is refused.
+ * The number of a connection's stream calls that can wait for a descriptor: the default limit of the bus for
+ * pending calls of a connection. With more, the reply to the oldest call is refused.
  */
 #define DESCRIPTOR_FILTER_MAX_CALLS 128
 
@@ -22,7 +22,8 @@ G_BEGIN_DECLS
 /**
  * DescriptorFilter:
  *
- * The state of a connection's filter. One thread at a time.
+ * The state of a connection's filter. Any thread can call the functions of this component, one at a time for
+ * one filter.
  */
 typedef struct DescriptorFilter DescriptorFilter;
 
@@ -31,7 +32,7 @@ DescriptorFilter *descriptor_filter_new(void);
 void descriptor_filter_free(DescriptorFilter *filter);
 
 GDBusMessage *descriptor_filter_pass(DescriptorFilter *filter, GDBusMessage *message, gboolean incoming,
-                                     GDBusMessage **answer);
+                                     GDBusMessage **reply);
 
 void descriptor_filter_add(GDBusConnection *connection);
 

@@ -87,7 +87,7 @@ OPEN_TO_ALL = """\
 </busconfig>
 """
 
-REFUSED_LINE = re.compile(r"refused file descriptors from :1\.\d+: nobody asked for them"
+REFUSED_LINE = re.compile(r"refused file descriptors from :1\.\d+: the daemon did not request them"
                           r"( \(\d+ more since the last such line\))?")
 
 

@@ -146,7 +146,8 @@ TEST_F(DBusServerTest, TakesNoDescriptors)
       tool.connection(), call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
   ASSERT_NE(reply, nullptr);
   EXPECT_STREQ(g_dbus_message_get_error_name(reply), "org.freedesktop.DBus.Error.NotSupported");
-  expect_log({{LOG_WARNING, "refused file descriptors from " + tool.name() + ": nobody asked for them"}});
+  expect_log(
+      {{LOG_WARNING, "refused file descriptors from " + tool.name() + ": the daemon did not request them"}});
 }
 
 TEST_F(DBusServerTest, WaitsForNothingAtItsStart)

@@ -198,7 +198,7 @@ protected:
     EXPECT_EQ(g_dbus_message_get_reply_serial(passed.get()), reply_serial);
     EXPECT_STREQ(g_dbus_message_get_sender(passed.get()), PEER);
     EXPECT_STREQ(g_dbus_message_get_error_name(passed.get()), REFUSED);
-    EXPECT_EQ(error_text(passed.get()), "The reply has file descriptors that nobody asked for");
+    EXPECT_EQ(error_text(passed.get()), "The reply has file descriptors that were not requested");
     EXPECT_EQ(g_dbus_message_get_unix_fd_list(passed.get()), nullptr);
     EXPECT_EQ(g_dbus_message_get_num_unix_fds(passed.get()), 0U);
   }
@@ -434,7 +434,7 @@ TEST_F(DescriptorFilterTest, RefusesDescriptorsOnTheBusWithoutTheMainLoop)
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines.front().priority, LOG_WARNING);
   EXPECT_EQ(lines.front().text,
-            "refused file descriptors from " + stranger.name() + ": nobody asked for them");
+            "refused file descriptors from " + stranger.name() + ": the daemon did not request them");
   EXPECT_LE(lines.size(), seconds + 1);
   rate_limited_log_flush();
   EXPECT_LE(testhost::take_syslog().size(), 1U);
