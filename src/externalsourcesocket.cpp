@@ -1,42 +1,41 @@
-/* Reads one producer's stream into messages (messagecutter.h) and hands each on as a JSON frame.
+/* Reads one producer's stream into messages (messagecutter.h) and delivers each as a JSON frame.
  *
- * Modes: O_NONBLOCK, as it is set when the descriptor arrives, selects how messages are read
- * (docs/compatibility.md, "partial messages"). Set: a message must be complete when its length is read,
- * otherwise it is discarded. Clear: the pieces are collected until the message is complete. A pause delays
- * the producer, which can then write only the first part of a message, so a stream that was paused collects
- * pieces in both modes until it has caught up: until nothing is left to read between two messages. This file
- * selects the mode, the cutter implements it.
+ * Modes: the descriptor's O_NONBLOCK at its arrival selects how messages are read (docs/compatibility.md,
+ * "partial messages"). Set: a message must be complete when its length is read, otherwise it is discarded.
+ * Clear: the pieces are collected until the message is complete. During a pause the producer may be able to
+ * write only the first part of a message. Therefore a stream that was paused collects pieces in both modes
+ * until it has caught up, that is, until there is no data to read between two messages. This file selects the
+ * mode, the cutter implements it.
  *
- * Reads: no read waits for the producer, and none changes or trusts the flags of the open file, which other
- * processes and other sockets may share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs,
- * and in older kernels all pipes, do not support RWF_NOWAIT; they are read by vmsplice() or splice() with
- * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable. Only a file system that waits for a
- * peer could make such a read wait.
+ * Reads: no read blocks, and none changes or trusts the flags of the open file, which other processes and
+ * other sockets can share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs, and in older
+ * kernels all pipes, do not support RWF_NOWAIT; they are read by vmsplice() or splice() with
+ * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable; such a read can block only in a file
+ * system that waits for a peer.
  *
- * Turns: one dispatch reads one message at most, and of its payload no more than this socket's share of
- * EXTERNAL_SOURCE_TURN_BYTES. All open sockets have an equal share for a message that begins, so that a turn
- * of the main loop is bounded however many are ready, and none waits for another. For a message that goes on,
- * only the sockets with such a message share the same number of bytes: idle sockets do not slow it down. A
- * message that a turn cuts is not in pieces in the sense of the modes: the next turn goes on with the read.
+ * Turns: one dispatch reads one message at most, and of its payload at most this socket's share of
+ * EXTERNAL_SOURCE_TURN_BYTES. For a message that begins, all open sockets have an equal share, which limits a
+ * turn of the main loop, and no socket waits for another. For an unfinished message, only the sockets with
+ * one share, so idle sockets do not slow it down. The end of a turn does not count as the end of a piece.
  *
- * Memory: a message's frame is allocated when its length is known, and the payload is read into its place.
- * The account (messageaccount.h) counts it from then until it has been handed on. Between two messages the
- * account decides whether the next may begin; if not, the socket is paused until the account resumes it. When
- * a message needs room that there is not, the account names the sockets whose streams end for it, this one
- * perhaps. A message that has begun is never paused, and has EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS.
+ * Memory: a message's frame is allocated when its length is known, and the payload is read into it. The
+ * account (messageaccount.h) counts it from then until it is delivered. Between two messages the account
+ * decides whether the next one can begin; if not, the socket is paused until the account resumes it. When
+ * there is no room for a message, the account selects the sockets whose streams end, possibly this one. An
+ * unfinished message is never paused, and must be complete within EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS.
  *
- * Threads: the main thread reads, delivers, pauses and resumes. Any thread closes.
+ * Threads: the main thread reads, delivers, pauses and resumes. Any thread can close.
  *
- * Lock: it guards the channel, the cutter with the message that is being read, the deadline of that, the id
- * of the watch and whether the stream is catching up. The reader holds it for one turn. Close holds it while
- * it shuts the channel down, so that no read uses a descriptor number that already belongs to another file.
- * The account's lock is taken under it. No callback is called with the lock held, no other socket is closed,
- * and no watch is removed, because that can release the user data. The owner may hold a lock of its own while
- * it closes without notification, and may take that lock in the callbacks.
+ * Lock: protects the channel, the cutter with the current message, its deadline, the id of the watch, and
+ * whether the stream is catching up. The reader holds it for one turn. Close holds it while it shuts the
+ * channel down, so no read uses a descriptor number that already belongs to another file. The account's lock
+ * is taken under it. While it is held, no callback is called, no other socket is closed, and no watch is
+ * removed, because that can release the user data. The owner can hold its own lock while it closes a socket
+ * without notification, and can take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
- * has no watch, because poll() would report a hang-up again and again; the account has a reference then.
+ * has no watch, because poll() would report a hang-up continuously; the account then has a reference.
  */
 #include "externalsourcesocket.h"
 
@@ -64,12 +63,12 @@ struct _ExternalSourceSocket {
   gint closed;             /* atomic */
   gint holders;            /* atomic */
   gboolean is_blocking;    /* the mode in which the descriptor arrived */
-  gboolean is_catching_up; /* was paused, and has not found the stream empty between two messages since */
+  gboolean is_catching_up; /* was paused, and the stream has not been empty between two messages since */
   GMutex lock;
   guint watch_id;
   GIOChannel *channel; /* NULL once closed */
   MessageCutter *cutter;
-  gint64 deadline_us; /* of the message; monotonic, 0 until a turn has left it unfinished */
+  gint64 deadline_us; /* of the unfinished message; monotonic, 0 without one */
   ExternalSourceSocketDataFunc on_data;
   ExternalSourceSocketCloseFunc on_close;
   GDestroyNotify user_data_free;
@@ -88,19 +87,19 @@ G_DEFINE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, G_TYPE_OBJECT)
 namespace
 {
 
-/* What a pipe holds: fewer reads a message than with GLib's own 1 KiB. */
+/* The capacity of a pipe. GLib's default of 1 KiB would need more reads for a message. */
 constexpr gsize BUFFER_SIZE = 64 * 1024;
 
-/* How many sockets are open, and how many of them have a message that a turn has left unfinished. Atomic. */
+/* The numbers of open sockets and of unfinished messages. Atomic. */
 gint open_sockets;
 gint unfinished_messages;
 
-/* Limited, because each client that asks for a producer can cause such a line. */
+/* Each client that requests a producer's stream can cause such a line. */
 RateLimitedLog refusals = RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
-/* Reads from a descriptor like read(), but fails with EAGAIN where that would wait. */
+/* Reads from a descriptor like read(), but fails with EAGAIN instead of blocking. */
 using ReadFunc = gssize (*)(gint fd, gchar *buf, gsize count);
 
 /* Whether poll() reports data, the end of the stream or a failure. */
@@ -118,7 +117,7 @@ read_socket(gint fd, gchar *buf, gsize count)
   return recv(fd, buf, count, MSG_DONTWAIT);
 }
 
-/* Moves the bytes into a pipe of its own and takes all of them from there. */
+/* Moves the bytes into a temporary pipe and reads them from there. */
 gssize
 read_spliced(gint fd, gchar *buf, gsize count)
 {
@@ -147,7 +146,7 @@ read_pipe(gint fd, gchar *buf, gsize count)
   if (size >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
     return size;
   }
-  /* To a FIFO that is open for reading and writing vmsplice() would write. */
+  /* vmsplice() would write to a FIFO that is open for reading and writing. */
   return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY ? vmsplice(fd, &piece, 1, SPLICE_F_NONBLOCK)
                                                       : read_spliced(fd, buf, count);
 }
@@ -162,7 +161,7 @@ read_file(gint fd, gchar *buf, gsize count)
   return read(fd, buf, count);
 }
 
-/* Sets errno when it fails. */
+/* Sets errno on failure. */
 template <ReadFunc READ>
 GIOStatus
 read_descriptor(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
@@ -182,7 +181,7 @@ read_descriptor(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
   return G_IO_STATUS_ERROR;
 }
 
-/* GLib's functions of a channel, but with this read. */
+/* Returns GLib's functions of a channel with READ for reading. */
 template <ReadFunc READ>
 GIOFuncs *
 get_funcs(const GIOFuncs *glib_funcs)
@@ -244,8 +243,8 @@ log_read_failure(const char *what, const char *message, int error_number)
          g_strerror(error_number));
 }
 
-/* Reads from the channel in steps of its buffer's size. For a longer read GLib first collects all bytes in
- * the buffer, which never shrinks again and which ends the process when it cannot grow. */
+/* Reads from the channel in steps of its buffer's size. For a longer read GLib would grow the buffer, which
+ * never shrinks, and end the process when it cannot grow. */
 GIOStatus
 read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read, GError **error)
 {
@@ -266,8 +265,8 @@ read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read,
   return status;
 }
 
-/* Reads into the message, at most @limit bytes of its payload, and logs a failure with the name of @what is
- * read. With the lock held. */
+/* Reads into the message, at most @limit bytes of its payload. Logs a failure, in which @what names the part
+ * of the message. Called with the lock held. */
 GIOStatus
 read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *count)
 {
@@ -286,8 +285,8 @@ read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *cou
   return status;
 }
 
-/* Reads while the cutter is in this state. %G_IO_STATUS_NORMAL when it is in another one, or when @share
- * bytes of a payload have been read. With the lock held. */
+/* Reads while the cutter is in @state. Returns G_IO_STATUS_NORMAL when it is in another one, or when @share
+ * bytes have been read. Called with the lock held. */
 GIOStatus
 read_in_state(ExternalSourceSocket *self, MessageCutterState state, const char *what, gsize share)
 {
@@ -301,7 +300,7 @@ read_in_state(ExternalSourceSocket *self, MessageCutterState state, const char *
   return status;
 }
 
-/* Between two messages, with the lock held. */
+/* Called between two messages, with the lock held. */
 void
 set_is_catching_up(ExternalSourceSocket *self, gboolean is_catching_up)
 {
@@ -309,15 +308,15 @@ set_is_catching_up(ExternalSourceSocket *self, gboolean is_catching_up)
   message_cutter_set_keeps_pieces(self->cutter, self->is_blocking || is_catching_up);
 }
 
-/* With the lock held, and not after the close. */
+/* Called with the lock held, while the socket is open. */
 gboolean
 has_read_ahead(ExternalSourceSocket *self)
 {
   return (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
 }
 
-/* Ends the catching up when nothing is left to read between two messages. With the lock held, and not after
- * the close. */
+/* Ends the catching up when there is no data to read between two messages. Called with the lock held, while
+ * the socket is open. */
 void
 check_caught_up(ExternalSourceSocket *self)
 {
@@ -327,33 +326,34 @@ check_caught_up(ExternalSourceSocket *self)
   }
 }
 
-/* Whether a turn has left the message that is being read unfinished. With the lock held. */
+/* Whether an earlier turn has begun the current message. Called with the lock held. */
 gboolean
-goes_on(ExternalSourceSocket *self)
+is_unfinished(ExternalSourceSocket *self)
 {
   return self->deadline_us != 0;
 }
 
-/* How much of a payload this turn may read. With the lock held. */
+/* Returns the payload bytes that this turn can read. Called with the lock held. */
 gsize
 get_share(ExternalSourceSocket *self)
 {
-  const gsize sockets = std::max(g_atomic_int_get(goes_on(self) ? &unfinished_messages : &open_sockets), 1);
+  const gsize sockets =
+      std::max(g_atomic_int_get(is_unfinished(self) ? &unfinished_messages : &open_sockets), 1);
 
   return std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / sockets, EXTERNAL_SOURCE_MIN_READ_BYTES);
 }
 
-/* With the lock held. */
+/* Called with the lock held. */
 void
 clear_deadline(ExternalSourceSocket *self)
 {
-  if (goes_on(self)) {
+  if (is_unfinished(self)) {
     g_atomic_int_add(&unfinished_messages, -1);
   }
   self->deadline_us = 0;
 }
 
-/* With the lock held. */
+/* Called with the lock held. */
 void
 drop_message(ExternalSourceSocket *self)
 {
@@ -362,10 +362,9 @@ drop_message(ExternalSourceSocket *self)
   message_reader_end(self->reader);
 }
 
-/* Ends the turn of a message, of which nothing more is there when @status is %G_IO_STATUS_AGAIN. With the
- * lock held. */
+/* Ends a message's turn after its last read, which had this @status. Called with the lock held. */
 void
-settle_message(ExternalSourceSocket *self, GIOStatus status)
+end_turn(ExternalSourceSocket *self, GIOStatus status)
 {
   if (status == G_IO_STATUS_AGAIN) {
     message_cutter_end_piece(self->cutter);
@@ -378,7 +377,7 @@ settle_message(ExternalSourceSocket *self, GIOStatus status)
   check_caught_up(self);
 }
 
-/* With the lock held. Charges a message with a payload. */
+/* Reads the length, and counts a message with a payload in the account. Called with the lock held. */
 GIOStatus
 begin_message(ExternalSourceSocket *self)
 {
@@ -395,8 +394,8 @@ begin_message(ExternalSourceSocket *self)
   return G_IO_STATUS_NORMAL;
 }
 
-/* Reads the length of the next message, unless one has begun. %G_IO_STATUS_NORMAL when a payload may follow,
- * and @needs_room when its memory is not there yet. */
+/* Reads the length of the next message, unless it is known. Returns G_IO_STATUS_NORMAL when the payload can
+ * be read; sets @needs_room when the frame must be allocated first. */
 GIOStatus
 start_message(ExternalSourceSocket *self, gboolean *needs_room)
 {
@@ -410,7 +409,7 @@ start_message(ExternalSourceSocket *self, gboolean *needs_room)
   }
   const GIOStatus status = begin_message(self);
   if (status != G_IO_STATUS_NORMAL) {
-    settle_message(self, status);
+    end_turn(self, status);
   }
   *needs_room =
       status == G_IO_STATUS_NORMAL && message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_NEEDS_FRAME;
@@ -426,8 +425,8 @@ end_for_lack_of_memory(ExternalSourceSocket *self)
   external_source_socket_close(self, TRUE);
 }
 
-/* Ends the streams that the account names, until there is room for this socket's message or its own stream
- * has ended. Without the lock. */
+/* Ends the streams that the account selects, until there is room for this socket's message or its own stream
+ * has ended. Called without the lock. */
 void
 make_room(ExternalSourceSocket *self)
 {
@@ -442,8 +441,8 @@ make_room(ExternalSourceSocket *self)
   }
 }
 
-/* The length that a producer announces must not end the process for lack of memory. FALSE when there is none;
- * that is logged. With the lock held. */
+/* Allocates the frame. A producer chooses its length, so a lack of memory must not end the process; it is
+ * logged. Called with the lock held. */
 gboolean
 make_frame(ExternalSourceSocket *self)
 {
@@ -455,7 +454,7 @@ make_frame(ExternalSourceSocket *self)
   return is_made;
 }
 
-/* Makes the frame, if it is not there yet, and reads the turn's share of the payload. With the lock held. */
+/* Makes the frame if necessary, and reads the turn's share of the payload. Called with the lock held. */
 GIOStatus
 read_payload(ExternalSourceSocket *self)
 {
@@ -481,12 +480,12 @@ continue_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
   if (status == G_IO_STATUS_NORMAL) {
     *frame = message_cutter_take_frame(self->cutter, size);
   }
-  settle_message(self, status);
+  end_turn(self, status);
   return status;
 }
 
-/* Reads what is there of one message and within the turn's share, and never waits. %G_IO_STATUS_AGAIN when it
- * is not complete, or when the socket has been closed meanwhile. */
+/* Reads one message within the turn's share, as far as it is available. Returns G_IO_STATUS_AGAIN when the
+ * message is incomplete or the socket was closed meanwhile. */
 GIOStatus
 read_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
 {
@@ -499,7 +498,7 @@ read_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
   return status == G_IO_STATUS_NORMAL ? continue_message(self, frame, size) : status;
 }
 
-/* Takes @frame over. */
+/* Takes ownership of @frame. */
 void
 deliver(ExternalSourceSocket *self, guint8 *frame, gsize size)
 {
@@ -522,8 +521,8 @@ external_source_socket_init(ExternalSourceSocket *self)
   g_mutex_init(&self->lock);
 }
 
-/* Does not chain up, and so clears itself the data that GLib attaches to an object. The close has released
- * channel and watch. */
+/* Does not chain up, and therefore clears the object's associated data itself. The close has released channel
+ * and watch. */
 static void
 external_source_socket_finalize(GObject *object)
 {
@@ -568,16 +567,17 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
 namespace
 {
 
-/* GLib checks what a channel has read ahead only after poll() has returned, and poll() may never return. So
- * the ready time of the watch is now while something is read ahead, and otherwise the deadline of an
- * unfinished message. With the lock held. */
+/* GLib checks a channel's buffer only after poll() has returned, which may never happen. Therefore the watch
+ * is ready immediately while the buffer has data, and otherwise at the deadline of an unfinished message.
+ * Called with the lock held. */
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
-  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : goes_on(self) ? self->deadline_us : -1);
+  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : is_unfinished(self) ? self->deadline_us : -1);
 }
 
-/* Prepares the next turn. What a message that has taken too long lacks, as the log names it, or NULL. */
+/* Prepares the next turn. Returns the log's name for the missing part of a message whose deadline has passed,
+ * or NULL. */
 const char *
 find_overdue(ExternalSourceSocket *self)
 {
@@ -588,7 +588,7 @@ find_overdue(ExternalSourceSocket *self)
   if (self->channel == nullptr) {
     return nullptr;
   }
-  if (has_begun && !goes_on(self)) {
+  if (has_begun && !is_unfinished(self)) {
     self->deadline_us = now_us + G_TIME_SPAN_MILLISECOND * EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS;
     g_atomic_int_inc(&unfinished_messages);
   }
@@ -599,11 +599,11 @@ find_overdue(ExternalSourceSocket *self)
   return nullptr;
 }
 
-/* Whether the socket is between two messages and the account does not let the next one begin. If so, the
- * caller removes the watch, and the account resumes the socket. Called before each turn, and after it too:
- * what a producer sends behind the message that has filled the queue may come in pieces. */
+/* Pauses the socket if it is between two messages and the account does not let the next one begin. If TRUE,
+ * the caller removes the watch, and the account resumes the socket. Called before each turn, and also after
+ * it: data after the message that has filled the queue can come in pieces. */
 gboolean
-has_to_wait(ExternalSourceSocket *self)
+pause_if_necessary(ExternalSourceSocket *self)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
 
@@ -616,8 +616,8 @@ has_to_wait(ExternalSourceSocket *self)
   return TRUE;
 }
 
-/* Reads one message per dispatch, so that a busy producer does not block the main loop. What the channel has
- * read ahead makes the watch ready again. */
+/* Reads one message per dispatch, so that a busy producer does not block the main loop. Data in the channel's
+ * buffer makes the watch ready again. */
 gboolean
 on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 {
@@ -629,7 +629,7 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
     external_source_socket_close(self, TRUE);
     return G_SOURCE_CONTINUE;
   }
-  if (has_to_wait(self)) {
+  if (pause_if_necessary(self)) {
     return G_SOURCE_REMOVE;
   }
   switch (read_message(self, &frame, &size)) {
@@ -647,21 +647,21 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
     log_read_failure(overdue, g_strerror(ETIMEDOUT), ETIMEDOUT);
     external_source_socket_close(self, TRUE);
   }
-  return has_to_wait(self) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+  return pause_if_necessary(self) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
-/* With the lock held. */
+/* Called with the lock held. */
 void
 add_watch(ExternalSourceSocket *self)
 {
   self->watch_id =
       g_io_add_watch_full(self->channel, G_PRIORITY_DEFAULT, CONDITIONS, on_ready, hold(self), release_hold);
   if (self->watch_id == 0) {
-    /* Never the last holder: the open socket is one. */
+    /* The open socket still is a holder. */
     release_hold(self);
     return;
   }
-  /* The watch stays until it is removed by its id, which other threads read only with the lock. */
+  /* The watch exists: other threads need the lock to read its id and remove it. */
   set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
 }
 
@@ -677,10 +677,10 @@ on_resume(GObject *owner)
   }
 }
 
-/* Why a descriptor cannot carry a stream. NULL when it can, and for a folder, whose read fails.
+/* Returns why a descriptor cannot be a stream. Returns NULL when it can, and for a folder, whose read fails.
  *
- * A watch on any other kind would never be idle: poll() always reports a device or an event counter as
- * readable, and a descriptor that only names a file as invalid. */
+ * A watch on any other kind would always be ready: poll() always reports a device or an event counter as
+ * readable, and an O_PATH descriptor as invalid. */
 const gchar *
 find_refusal(gint fd)
 {
@@ -708,8 +708,8 @@ find_refusal(gint fd)
   }
 }
 
-/* FALSE when the descriptor has been refused; that is logged. The receiver can cause a negative one, so it is
- * checked by hand: a precondition macro can be compiled out. */
+/* Logs a refusal. The receiver can cause a negative descriptor, which is therefore checked without a
+ * precondition macro: that can be compiled out. */
 gboolean
 accept_descriptor(gint fd, const gchar *source_name)
 {
@@ -735,7 +735,7 @@ make_cutter(const gchar *source_name)
   return message_cutter_new(frame_start, EXTERNAL_SOURCE_FRAME_END);
 }
 
-/* FALSE when the stream cannot be read; that is logged. */
+/* Logs a failure. */
 gboolean
 start_reading(ExternalSourceSocket *self)
 {
@@ -759,7 +759,7 @@ start_reading(ExternalSourceSocket *self)
   return TRUE;
 }
 
-/* With the lock held. Closes the descriptor. */
+/* Closes the descriptor. Called with the lock held. */
 void
 shut_down(ExternalSourceSocket *self)
 {
@@ -778,36 +778,35 @@ shut_down(ExternalSourceSocket *self)
 
 /**
  * external_source_socket_new:
- * @consumer_fd: (transfer full): the descriptor of a producer's stream; the mode in which it is, blocking or
- *   not, decides whether a message may come in pieces
- * @source_name: the name that stands in every frame
- * @account: (transfer none): what the client holds; decides when a message may begin
+ * @consumer_fd: (transfer full): the descriptor of a producer's stream; its O_NONBLOCK decides whether a
+ *   message can come in pieces
+ * @source_name: the configuration name in every frame
+ * @account: (transfer none): the client's account, which decides when a message can begin
  * @on_data: called with each frame
  * @on_close: called when the stream ends
  * @user_data: (transfer full): for both
- * @user_data_free: (nullable): releases @user_data when the socket is closed and no callback is under way; on
- *   any thread
+ * @user_data_free: (nullable): releases @user_data, on any thread, when the socket is closed and no callback
+ *   is in progress
  *
  * Reads a producer's stream in the default main context until it ends, fails or is closed. The socket then
  * closes the descriptor; until then it keeps itself alive.
  *
- * Between two messages, the stream is read only while @account lets one begin. During such a pause the
- * producer cannot write more than the descriptor buffers, and its hang-up is not noticed. No message is lost:
- * from the pause until nothing is left to read between two messages, messages may come in pieces in either
- * mode of the descriptor. A message that takes longer than EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS, and one for
- * whose length there is no room, end the stream, which is logged at error priority.
+ * Between two messages the stream is read only while @account lets one begin. During such a pause the
+ * producer can write only until the descriptor's buffer is full, and its hang-up is not detected. No message
+ * is lost: after a pause, messages can come in pieces in both modes until there is no data to read between
+ * two messages. A message that takes longer than EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS, and one for which there
+ * is no room, end the stream, which is logged at error priority.
  *
- * A descriptor that cannot carry a stream is closed and @user_data is released, with a line at warning
- * priority that names @source_name: one that is not open for reading, and one that is neither a pipe nor a
- * socket nor a file. So is one that cannot be watched, with a line that names nobody. A folder is accepted;
- * its first read fails, which is logged at error priority. A negative descriptor releases @user_data too. Any
- * thread.
+ * A descriptor that is not open for reading, or is neither a pipe nor a socket nor a file, is closed and
+ * @user_data is released, with a warning that names @source_name. The same happens, with a warning that does
+ * not name it, if the descriptor cannot be watched. A folder is accepted; its first read fails, which is
+ * logged at error priority. A negative descriptor releases @user_data too.
  *
  * Warnings: "source_name != NULL", "account != NULL", "on_data != NULL" and "on_close != NULL" are
- * preconditions; when one fails, neither the descriptor nor @user_data is taken over. A negative descriptor
- * raises the same kind of warning, "consumer_fd > -1", also where preconditions are not checked.
+ * preconditions; if one fails, the caller keeps descriptor and @user_data. A negative descriptor raises
+ * "consumer_fd > -1", also where preconditions are not checked.
  *
- * Returns: (transfer full) (nullable): a new socket, or %NULL when @consumer_fd is no stream
+ * Returns: (transfer full) (nullable): a new socket, or %NULL when @consumer_fd is refused
  */
 ExternalSourceSocket *
 external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAccount *account,
@@ -847,11 +846,11 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
 /**
  * external_source_socket_close:
  * @self: (transfer none): a socket
- * @notify: whether to call the function that is told of the stream's end
+ * @notify: whether to call the #ExternalSourceSocketCloseFunc
  *
- * Closes the socket and its descriptor. Only the first call does so; a later one returns at once and does not
- * wait for the first. Without @notify the function is not called. The main thread may still deliver one last
- * frame after that; the user data are released afterwards. A failure is logged at error priority. Any thread.
+ * Closes the socket and its descriptor. Only the first call has an effect; a later one returns immediately
+ * and does not wait for the first. The main thread can still deliver one last frame; the user data are
+ * released after that. A failure is logged at error priority.
  *
  * Warnings: "self != NULL" is a precondition.
  */

@@ -1,16 +1,15 @@
-/* Cuts a stream of bytes into messages and puts each into its frame. It reads nothing itself: the reader asks
- * where the next bytes go and how many there may be, reads them to that place, and says how many came. So a
- * payload is read straight into its frame.
+/* Cuts a stream of bytes into messages and puts each into its frame. The cutter has no I/O: it tells the
+ * reader where to store the next bytes and how many, and the reader reports how many it has stored. So a
+ * payload is read directly into its frame.
  *
  * Format: a message is the length of its payload, 32 bits in the host's byte order, and the payload. Its
  * frame is the payload between two fixed texts. A message with a length of 0 has no frame.
  *
- * Modes: a cutter that keeps pieces collects them until the message is complete. One that does not discards a
- * message whose bytes are not all there (docs/compatibility.md, "partial messages"): a length that is read
- * only in part counts as complete, with zeros for its other bytes (docs/compatibility.md, "short length"),
- * and behind a part of a payload the next part goes to the offset that is the size of that part
- * (docs/compatibility.md, "overlapping reads"). A part ends with a read that returns less than there was
- * space for, so the reader may divide a payload into any number of reads.
+ * Modes: a cutter that keeps pieces collects them until the message is complete. A cutter that does not
+ * discards an incomplete message (docs/compatibility.md, "partial messages"). It completes a partly read
+ * length with zeros (docs/compatibility.md, "short length"), and stores each further part of a payload at an
+ * offset equal to the size of the part before it (docs/compatibility.md, "overlapping reads"). Only a read
+ * that fills less than its space ends a part, so the reader can divide a payload into any number of reads.
  */
 #include "messagecutter.h"
 
@@ -18,21 +17,21 @@
 #include <string>
 #include <utility>
 
-/* A message as far as it has been read. */
+/* The current message. */
 struct Message {
-  guint32 length; /* starts from zero: what a short read leaves out counts as zero */
+  guint32 length; /* zero before it is read, so that a short length is completed with zeros */
   gsize length_read;
   guint8 *frame; /* NULL until it is made */
-  gsize left;    /* how much of the payload is still to be read */
-  gsize offset;  /* where in the payload it goes */
-  gsize run;     /* how much of the payload has been read since a read came short */
+  gsize left;    /* the number of payload bytes to read */
+  gsize offset;  /* of the next read in the payload */
+  gsize run;     /* the number of payload bytes since the last short read */
 };
 
 struct MessageCutter {
   std::string frame_start;
   std::string frame_end;
   gboolean keeps_pieces;
-  gsize asked; /* for how many bytes there is space; 0 when the reader has not asked */
+  gsize space; /* the size that the reader last got; 0 when it has none */
   Message message;
 };
 
@@ -64,8 +63,8 @@ add_to_payload(MessageCutter *self, gsize count, gboolean is_short)
 
 /**
  * message_cutter_new:
- * @frame_start: what stands before the payload in every frame
- * @frame_end: what stands behind it
+ * @frame_start: the text before the payload in every frame
+ * @frame_end: the text after it
  *
  * Returns: (transfer full): a cutter between two messages, which keeps no pieces
  */
@@ -77,7 +76,7 @@ message_cutter_new(const gchar *frame_start, const gchar *frame_end)
 
 /**
  * message_cutter_free:
- * @self: (transfer full): a cutter, with whatever message has begun
+ * @self: (transfer full): a cutter, in any state
  */
 void
 message_cutter_free(MessageCutter *self)
@@ -89,9 +88,11 @@ message_cutter_free(MessageCutter *self)
 /**
  * message_cutter_set_keeps_pieces:
  * @self: a cutter
- * @keeps_pieces: whether a message may come in pieces
+ * @keeps_pieces: whether pieces of a message are collected
  *
- * Applies to the messages that follow. Warnings: that no message has begun is a precondition.
+ * Applies to the following messages.
+ *
+ * Warnings: that no message has begun is a precondition.
  */
 void
 message_cutter_set_keeps_pieces(MessageCutter *self, gboolean keeps_pieces)
@@ -125,7 +126,7 @@ message_cutter_get_state(const MessageCutter *self)
  * message_cutter_has_begun:
  * @self: a cutter
  *
- * Returns: whether there is at least one byte of a message that has been neither taken nor discarded
+ * Returns: whether at least one byte of the current message was added
  */
 gboolean
 message_cutter_has_begun(const MessageCutter *self)
@@ -135,7 +136,7 @@ message_cutter_has_begun(const MessageCutter *self)
 
 /**
  * message_cutter_get_length:
- * @self: a cutter whose message has its length
+ * @self: a cutter that has the message's length
  *
  * Returns: the length of the payload
  */
@@ -147,9 +148,9 @@ message_cutter_get_length(const MessageCutter *self)
 
 /**
  * message_cutter_get_frame_size:
- * @self: a cutter whose message has its length
+ * @self: a cutter that has the message's length
  *
- * Returns: the size of the frame that a payload of this length takes
+ * Returns: the size of the message's frame
  */
 gsize
 message_cutter_get_frame_size(const MessageCutter *self)
@@ -161,12 +162,12 @@ message_cutter_get_frame_size(const MessageCutter *self)
  * message_cutter_make_frame:
  * @self: a cutter that needs a frame
  *
- * Allocates the frame with its two texts. Its payload is zero where no read puts anything. The caller has
- * checked the length before: any length can come.
+ * Allocates the frame with its two texts and a payload of zeros. Does not limit the length; the caller checks
+ * it before.
  *
  * Warnings: that @self needs a frame is a precondition.
  *
- * Returns: %FALSE when there is no memory; the state is then as before
+ * Returns: %FALSE without a change when there is no memory
  */
 gboolean
 message_cutter_make_frame(MessageCutter *self)
@@ -188,14 +189,14 @@ message_cutter_make_frame(MessageCutter *self)
 /**
  * message_cutter_get_space:
  * @self: a cutter that expects bytes of a length or of a payload
- * @limit: how many bytes of a payload to ask for at most, more than 0; a length is always asked for in full
- * @size: (out): how many bytes may come, at least one
+ * @limit: the largest number of payload bytes, at least 1; does not apply to the bytes of a length
+ * @size: (out): the size of the space, at least 1
  *
- * Says where the next bytes go. message_cutter_add() follows when some have come there.
+ * Returns the space for the next bytes. When some are stored there, message_cutter_add() must be called.
  *
  * Warnings: that @self expects bytes and that @limit is not 0 are preconditions.
  *
- * Returns: (transfer none): the place, valid until the message is taken or discarded
+ * Returns: (transfer none): the space, valid until the message is taken or discarded
  */
 guint8 *
 message_cutter_get_space(MessageCutter *self, gsize limit, gsize *size)
@@ -208,34 +209,34 @@ message_cutter_get_space(MessageCutter *self, gsize limit, gsize *size)
   g_return_val_if_fail(limit > 0, nullptr);
 
   if (state == MESSAGE_CUTTER_LENGTH) {
-    *size = self->asked = sizeof message->length - message->length_read;
+    *size = self->space = sizeof message->length - message->length_read;
     return reinterpret_cast<guint8 *>(&message->length) + message->length_read;
   }
-  *size = self->asked = std::min(message->left, limit);
+  *size = self->space = std::min(message->left, limit);
   return message->frame + self->frame_start.size() + message->offset;
 }
 
 /**
  * message_cutter_add:
- * @self: a cutter that has been asked for space
- * @count: how many bytes have come to the place that message_cutter_get_space() has named last, at least one
+ * @self: a cutter that has returned space
+ * @count: the number of bytes that were stored at the beginning of that space, at least 1
  *
- * Takes the bytes into the message, which changes the state when they complete the length or the payload.
+ * Adds the bytes to the message. Changes the state when they complete the length or the payload.
  *
- * Warnings: that @count is not 0, and not more than there was space for, are preconditions.
+ * Warnings: "count > 0" and "count <= space" are preconditions.
  */
 void
 message_cutter_add(MessageCutter *self, gsize count)
 {
-  const gsize asked = std::exchange(self->asked, 0);
+  const gsize space = std::exchange(self->space, 0);
 
   g_return_if_fail(count > 0);
-  g_return_if_fail(count <= asked);
+  g_return_if_fail(count <= space);
 
   if (message_cutter_get_state(self) == MESSAGE_CUTTER_LENGTH) {
     add_to_length(self, count);
   } else {
-    add_to_payload(self, count, count < asked);
+    add_to_payload(self, count, count < space);
   }
 }
 
@@ -243,8 +244,8 @@ message_cutter_add(MessageCutter *self, gsize count)
  * message_cutter_end_piece:
  * @self: a cutter
  *
- * Says that nothing more is there at present. Discards the message unless @self keeps pieces. The end of a
- * reader's turn is no end of a piece.
+ * Called when there is no more data at present. Discards the message unless @self keeps pieces. Not called at
+ * the end of a reader's turn.
  */
 void
 message_cutter_end_piece(MessageCutter *self)
@@ -258,14 +259,14 @@ message_cutter_end_piece(MessageCutter *self)
  * message_cutter_discard:
  * @self: a cutter
  *
- * Releases what there is of a message. The next byte is the first one of the next message.
+ * Discards the current message. The next byte is the first one of the next message.
  */
 void
 message_cutter_discard(MessageCutter *self)
 {
   g_free(self->message.frame);
   self->message = {};
-  self->asked = 0;
+  self->space = 0;
 }
 
 /**
@@ -273,12 +274,12 @@ message_cutter_discard(MessageCutter *self)
  * @self: a cutter whose message is complete
  * @size: (out): the size of the frame
  *
- * The next byte is the first one of the next message.
+ * Ends the message. The next byte is the first one of the next message.
  *
  * Warnings: that the message is complete is a precondition.
  *
- * Returns: (transfer full) (nullable): the frame, without a terminator, for g_free(); %NULL after a message
- *   with a length of 0
+ * Returns: (transfer full) (nullable): the frame, without a terminating NUL, for g_free(); %NULL for a
+ * message with a length of 0
  */
 guint8 *
 message_cutter_take_frame(MessageCutter *self, gsize *size)

@@ -7,16 +7,17 @@ G_BEGIN_DECLS
 /**
  * MessageCutter:
  *
- * Where a stream stands: between two messages, or somewhere in one. One thread at a time uses a cutter.
+ * The position in a stream: between two messages, or inside one. Any thread can call the functions of this
+ * component, one at a time for one cutter.
  */
 typedef struct MessageCutter MessageCutter;
 
 /**
  * MessageCutterState:
- * @MESSAGE_CUTTER_LENGTH: the next bytes belong to a message's length, of which there may be some
- * @MESSAGE_CUTTER_NEEDS_FRAME: the length is known, and message_cutter_make_frame() comes next
- * @MESSAGE_CUTTER_PAYLOAD: the next bytes belong to the payload
- * @MESSAGE_CUTTER_COMPLETE: message_cutter_take_frame() comes next
+ * @MESSAGE_CUTTER_LENGTH: bytes of a message's length
+ * @MESSAGE_CUTTER_NEEDS_FRAME: a call of message_cutter_make_frame(); the length is known
+ * @MESSAGE_CUTTER_PAYLOAD: bytes of the payload
+ * @MESSAGE_CUTTER_COMPLETE: a call of message_cutter_take_frame()
  *
  * What a cutter expects.
  */

@@ -337,7 +337,7 @@ TEST_F(MessageCutterTest, TakesNoMoreBytesThanThereIsSpaceFor)
   message_cutter_get_space(cutter, 1, &size);
   message_cutter_add(cutter, 0);
   EXPECT_FALSE(message_cutter_has_begun(cutter));
-  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"count <= asked", "count <= asked", "count > 0"}));
+  EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"count <= space", "count <= space", "count > 0"}));
 }
 
 TEST_F(MessageCutterTest, ChangesTheModeOnlyBetweenTwoMessages)
