@@ -2,10 +2,10 @@
  *
  * Modes: the descriptor's O_NONBLOCK at its arrival selects how messages are read (docs/compatibility.md,
  * "partial messages"). Set: a message must be complete when its length is read, otherwise it is discarded.
- * Clear: the pieces are collected until the message is complete. During a pause the producer may be able to
- * write only the first part of a message. Therefore a stream that was paused collects pieces in both modes
- * until it has caught up, that is, until there is no data to read between two messages. This file selects the
- * mode, the cutter implements it.
+ * Clear: the pieces are collected until the message is complete. A producer may be able to
+ * write only the first part of a message during a pause. Therefore a stream that was paused collects pieces
+ * in both modes until it has caught up, that is, until there is no data to read between two messages. This
+ * file selects the mode, the cutter implements it.
  *
  * Reads: no read blocks, and none changes or trusts the flags of the open file, which other processes and
  * other sockets can share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs, and in older
@@ -436,7 +436,7 @@ make_room(ExternalSourceSocket *self)
     g_autoptr(GObject) owner = message_reader_take_excess(self->reader);
     is_over = owner == nullptr || owner == G_OBJECT(self);
     if (owner != nullptr) {
-      end_for_lack_of_memory(TESSARD_EXTERNAL_SOURCE_SOCKET(owner));
+      end_for_lack_of_memory(EXTERNAL_SOURCE_SOCKET(owner));
     }
   }
 }
@@ -526,7 +526,7 @@ external_source_socket_init(ExternalSourceSocket *self)
 static void
 external_source_socket_finalize(GObject *object)
 {
-  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
+  ExternalSourceSocket *self = EXTERNAL_SOURCE_SOCKET(object);
 
   g_free(self->source_name);
   g_clear_pointer(&self->cutter, message_cutter_free);
@@ -538,7 +538,7 @@ external_source_socket_finalize(GObject *object)
 static void
 external_source_socket_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
-  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(object);
+  ExternalSourceSocket *self = EXTERNAL_SOURCE_SOCKET(object);
 
   switch (id) {
   case PROP_SOURCE_NAME:
@@ -668,7 +668,7 @@ add_watch(ExternalSourceSocket *self)
 void
 on_resume(GObject *owner)
 {
-  ExternalSourceSocket *self = TESSARD_EXTERNAL_SOURCE_SOCKET(owner);
+  ExternalSourceSocket *self = EXTERNAL_SOURCE_SOCKET(owner);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
 
   if (self->channel != nullptr) {
@@ -824,7 +824,7 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
     }
     return nullptr;
   }
-  auto *self = TESSARD_EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
+  auto *self = EXTERNAL_SOURCE_SOCKET(g_object_new(EXTERNAL_TYPE_SOURCE_SOCKET, nullptr));
   self->source_name = g_strdup(source_name);
   self->cutter = make_cutter(source_name);
   self->reader = message_reader_new(account, G_OBJECT(self), on_resume);

@@ -58,7 +58,7 @@ G_BEGIN_DECLS
  * The stream of one producer for one client. Any thread can call the functions of this component.
  */
 #define EXTERNAL_TYPE_SOURCE_SOCKET (external_source_socket_get_type())
-G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, TESSARD, EXTERNAL_SOURCE_SOCKET, GObject)
+G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, EXTERNAL, SOURCE_SOCKET, GObject)
 
 /**
  * ExternalSourceSocketDataFunc:

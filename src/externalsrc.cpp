@@ -57,7 +57,7 @@ namespace
 ExternalSourceSocket *
 get_socket(ExternalSrc *src, guint index)
 {
-  return TESSARD_EXTERNAL_SOURCE_SOCKET(g_ptr_array_index(src->sockets, index));
+  return EXTERNAL_SOURCE_SOCKET(g_ptr_array_index(src->sockets, index));
 }
 
 void
@@ -104,7 +104,7 @@ external_src_init(ExternalSrc *src)
 static void
 external_src_finalize(GObject *object)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(object);
+  ExternalSrc *src = EXTERNAL_SRC(object);
 
   g_ptr_array_unref(src->sockets);
   g_object_unref(src->cancellable);
@@ -119,7 +119,7 @@ external_src_finalize(GObject *object)
 static void
 external_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(object);
+  ExternalSrc *src = EXTERNAL_SRC(object);
 
   switch (id) {
   case PROP_NUM_SOCKETS:
@@ -137,14 +137,14 @@ external_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *
 static void
 external_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
-  TESSARD_EXTERNAL_SRC(object)->video_channel = g_value_get_int(value);
+  EXTERNAL_SRC(object)->video_channel = g_value_get_int(value);
 }
 
 /* No parent class implements this function, so there is nothing to chain up to. */
 static void
 external_src_state_changed(GstElement *element, GstState old_state, GstState new_state, GstState pending)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(element);
+  ExternalSrc *src = EXTERNAL_SRC(element);
 
   if (old_state == GST_STATE_PAUSED && new_state == GST_STATE_READY) {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
@@ -158,7 +158,7 @@ external_src_state_changed(GstElement *element, GstState old_state, GstState new
 static void
 external_src_set_bus(GstElement *element, GstBus *bus)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(element);
+  ExternalSrc *src = EXTERNAL_SRC(element);
 
   GST_ELEMENT_CLASS(external_src_parent_class)->set_bus(element, bus);
   if (bus == nullptr) {
@@ -171,7 +171,7 @@ external_src_set_bus(GstElement *element, GstBus *bus)
 static GstFlowReturn
 external_src_create(GstBaseSrc *base_src, guint64 offset, guint size, GstBuffer **buffer)
 {
-  ExternalSrc *src = TESSARD_EXTERNAL_SRC(base_src);
+  ExternalSrc *src = EXTERNAL_SRC(base_src);
   const GstFlowReturn result =
       GST_BASE_SRC_CLASS(external_src_parent_class)->create(base_src, offset, size, buffer);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&src->lock);
@@ -243,7 +243,7 @@ on_close(ExternalSourceSocket *socket, gpointer user_data)
 ExternalSrc *
 external_src_new(void)
 {
-  return TESSARD_EXTERNAL_SRC(g_object_new(EXTERNAL_TYPE_SRC, nullptr));
+  return EXTERNAL_SRC(g_object_new(EXTERNAL_TYPE_SRC, nullptr));
 }
 
 /**

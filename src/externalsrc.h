@@ -12,7 +12,7 @@ G_BEGIN_DECLS
  * component.
  */
 #define EXTERNAL_TYPE_SRC (external_src_get_type())
-G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, TESSARD, EXTERNAL_SRC, GstAppSrc)
+G_DECLARE_FINAL_TYPE(ExternalSrc, external_src, EXTERNAL, SRC, GstAppSrc)
 
 ExternalSrc *external_src_new(void);
 

@@ -105,7 +105,7 @@ __wrap_dbus_client_connect_producer(const gchar *producer_name, const gchar *sou
                                     GCancellable *cancellable, DbusClientFdFunc on_fd, gpointer user_data,
                                     GDestroyNotify user_data_free)
 {
-  EXPECT_EQ(cancellable, external_src_get_cancellable(TESSARD_EXTERNAL_SRC(user_data)));
+  EXPECT_EQ(cancellable, external_src_get_cancellable(EXTERNAL_SRC(user_data)));
   return receiver->ask(producer_name, {"", on_fd, source_name, user_data, user_data_free}, channel);
 }
 
@@ -144,7 +144,7 @@ source_of(GstElement *bin)
 {
   gpointer oldest = g_list_last(GST_BIN(bin)->children)->data;
 
-  EXPECT_TRUE(TESSARD_IS_EXTERNAL_SRC(oldest));
+  EXPECT_TRUE(EXTERNAL_IS_SRC(oldest));
   return GST_ELEMENT(oldest);
 }
 

@@ -552,7 +552,7 @@ TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItsPipelineGoesWithoutHavingStarted)
   Producer producer(Carrier::PIPE, Mode::BLOCKING);
   Producer late(Carrier::PIPE, Mode::BLOCKING);
   Branch branch;
-  auto *src = TESSARD_EXTERNAL_SRC(gst_object_ref(branch.src));
+  auto *src = EXTERNAL_SRC(gst_object_ref(branch.src));
 
   add(branch, producer);
   producer.send(teststream::message("1"));
