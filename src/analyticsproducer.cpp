@@ -4,11 +4,11 @@
  * It is enabled exactly where it has a name, in memory and in the file. The set of channels and the other
  * properties of a producer do not change after construction.
  *
- * Threads. The main thread alone writes an entry's flag and name. Request threads read them through the
- * functions that copy. Writers and these functions take the entries' lock, one for all producers. The lock is
- * held for a copy or an exchange, not while the file's copy changes or a notification is sent. No other lock
- * is taken under it. The main thread is the only writer and may read entries without the lock, so the
- * producer's own array of entries is for the main thread only.
+ * Threads: only the main thread writes an entry's flag and name. Request threads read them through functions
+ * that copy. Writers and these functions take the entries' lock, one for all producers. The lock is held for
+ * a copy or an exchange, not while the configuration changes or a notification is sent. No other lock is
+ * taken under it. The main thread reads entries without the lock, because it is the only writer; the
+ * producer's own array of entries is therefore for the main thread only.
  */
 #include "analyticsproducer.h"
 
@@ -51,7 +51,7 @@ constexpr guint32 MAX_CHANNEL = G_MAXINT32;
 RateLimitedLog channels_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
-/* Guards `enabled` and `name` of each entry of all producers. */
+/* Protects `enabled` and `name` of each entry of all producers. */
 GMutex entries_lock;
 
 void
@@ -63,7 +63,7 @@ free_channel(gpointer data)
   g_free(entry);
 }
 
-/* Returns the first entry of the channel. The set of entries is constant, so no lock is needed. */
+/* The set of entries is constant, so no lock is needed. */
 AnalyticsProducerChannel *
 find_channel(AnalyticsProducer *self, guint32 channel)
 {

@@ -11,7 +11,7 @@ G_BEGIN_DECLS
  *   stream descriptor
  * @ANALYTICS_PRODUCER_LAST_KIND: the end of the property's range; no producer is of this kind
  *
- * Where a producer's data comes from: the values of #AnalyticsProducer:type.
+ * The origin of a producer's data: the values of #AnalyticsProducer:type.
  */
 typedef enum {
   ANALYTICS_PRODUCER_BUILT_IN = 0,
@@ -38,8 +38,8 @@ typedef struct {
  *
  * A producer of analytics data that a client can request.
  *
- * Main thread, except analytics_producer_get_channel_enabled() and analytics_producer_is_channel_supported(),
- * which any thread can call.
+ * The functions of this component are for the main thread, except analytics_producer_get_channel_enabled()
+ * and analytics_producer_is_channel_supported(), which any thread can call.
  */
 #define ANALYTICS_TYPE_PRODUCER (analytics_producer_get_type())
 G_DECLARE_FINAL_TYPE(AnalyticsProducer, analytics_producer, ANALYTICS, PRODUCER, GObject)

@@ -1,4 +1,4 @@
-/* The daemon's one table of producers of analytics data.
+/* The table of the daemon's producers of analytics data.
  *
  * The list's lock is held during the callbacks and during each function called by foreach. It is taken before
  * the lock of the producers' entries and that of the producers' file.
@@ -62,7 +62,7 @@ analytics_producer_list_free(AnalyticsProducerList *list)
  * @on_added: (nullable): called for each producer that is added from now on
  * @on_removed: (nullable): called for each producer that is removed from now on, while it is still listed
  *
- * Replaces both callbacks. They run in the thread that changes the list.
+ * Replaces both callbacks. They are called on the thread that changes the list.
  */
 void
 analytics_producer_list_set_callbacks(AnalyticsProducerList *list, AnalyticsProducerFunc on_added,

@@ -9,8 +9,7 @@ G_BEGIN_DECLS
  *
  * The daemon's producers by name.
  *
- * Any thread can call the functions of a list. In the daemon the main thread alone adds and removes
- * producers.
+ * Any thread can call the functions of a list. In the daemon only the main thread adds and removes producers.
  */
 typedef struct AnalyticsProducerList AnalyticsProducerList;
 
@@ -25,7 +24,7 @@ typedef void (*AnalyticsProducerFunc)(AnalyticsProducer *producer);
 /**
  * AnalyticsProducerForeachFunc:
  * @producer: (transfer none): a producer of the list
- * @user_data: what analytics_producer_list_foreach() was given
+ * @user_data: the data that was passed to analytics_producer_list_foreach()
  *
  * Called with the list's lock held: it must not call a function of the list.
  */

@@ -1,30 +1,29 @@
-/* One client's pipeline, from the reply to its request to the close of its socket:
+/* One client's pipeline, from its construction until the client's descriptor is closed:
  *
  *   sources -> onvifxmlmetadatastreamdoc -> queue -> gdppay -> fdsink
  *
- * References. The request's handler holds the reference that made the manager and drops it once the client
- * streams. The blocking probe, the socket watch and the bus watch hold one each while they are installed; a
- * pending sync point holds one until it is delivered; the queue of ended managers holds one. The first to see
- * the end, a watch or a prepare whose pipeline refuses to play, removes the others. Finalisation closes the
- * descriptor, and nothing else does. No element can keep the manager from being finalised.
+ * References: the request's handler holds the first reference and drops it when the client streams. The
+ * blocking probe, the socket watch and the bus watch hold one each while they are installed, a pending sync
+ * point until it is delivered, and the queue of ended managers until the pipeline is down. The code that
+ * detects the end, a watch or a prepare whose pipeline refuses to play, removes the others. Only finalisation
+ * closes the descriptor. No element can keep the manager from being finalised.
  *
- * The end. Taking a pipeline down stops its threads and waits for them, which takes milliseconds, and many
- * clients can go at once. The watch that sees the end therefore only detaches the client: both watches are
- * removed, the client's stream is closed, and a waiting prepare returns. Then the manager is queued, and each
- * turn of the main loop takes a bounded number of pipelines down.
+ * End: tearing a pipeline down stops its threads and waits for them, which takes milliseconds, and many
+ * clients can end at the same time. The watch that detects the end therefore only detaches the client: both
+ * watches are removed, the client's stream is closed, and a waiting prepare returns. Then the manager is
+ * queued, and each turn of the main loop tears a limited number of pipelines down.
  *
- * Elements that do not stop. An element can fail on its way to NULL, and then its pipeline fails too. Each
- * element is then stopped singly. One that still refuses is taken out of the pipeline and left behind, with
- * its own threads.
+ * Elements that do not stop: if an element fails the change to NULL, its pipeline fails it too. Each element
+ * is then stopped individually. An element that still fails is removed from the pipeline and left behind,
+ * with its own threads.
  *
- * Threads. A pool thread prepares and starts. A streaming thread runs the probe. The main thread runs the
+ * Threads: a pool thread prepares and starts. A streaming thread runs the probe. The main thread runs the
  * watches and the stop routine. A thread of GStreamer's pool delivers sync points, because a serialised event
  * waits for the stream, and the stream waits for a client that does not read.
  *
- * The lock guards the status, the ids of probe and watches, and the counts of sync points. A watch is
- * installed and its id stored under the lock, and its callback takes the lock before it reads the id. So a
- * callback never runs without an id and never drops a message. The lock is not held while an element changes
- * state.
+ * Lock: protects the status, the ids of probe and watches, and the counts of sync points. A watch is
+ * installed and its id stored under the lock, and its callback takes the lock before it reads the id, so a
+ * callback always finds its id and no message is lost. The lock is not held while an element changes state.
  */
 #include "connectionmanager.h"
 
@@ -55,16 +54,16 @@ typedef enum {
 struct ConnectionManagerPrivate {
   ConnectionManagerStatus status = CONNECTION_MANAGER_STATUS_NEW;
   GstElement *pipeline = nullptr;
-  GstPad *held_pad = nullptr; /* the sink's, as long as the probe is there */
+  GstPad *held_pad = nullptr; /* the sink's; NULL without the probe */
   gulong probe_id = 0;
   GstElement *document = nullptr;        /* borrowed from the pipeline */
-  std::array<GstElement *, 3> tail = {}; /* likewise: what is behind the document, the sink first */
+  std::array<GstElement *, 3> tail = {}; /* borrowed: the elements after the document, the sink first */
   GList *src_lists = nullptr;
   int fd = -1;
   guint bus_watch_id = 0;
   guint socket_watch_id = 0;
-  SyncScanner scanner = {};    /* the main thread's alone */
-  guint early_sync_points = 0; /* likewise */
+  SyncScanner scanner = {};    /* for the main thread only */
+  guint early_sync_points = 0; /* for the main thread only */
   gboolean start_announced = FALSE;
   guint pending_syncs = 0;
   gboolean delivering_syncs = FALSE;
@@ -105,7 +104,7 @@ struct ElementMake {
   const char *name;
 };
 
-/* What every client's pipeline has behind its sources, in data order. */
+/* The elements after the sources in every client's pipeline, in data order. */
 enum { DOCUMENT, QUEUE, PAYLOADER, SINK, N_COMMON_ELEMENTS };
 constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
     {"onvifxmlmetadatastreamdoc", nullptr},
@@ -116,7 +115,7 @@ constexpr std::array<ElementMake, N_COMMON_ELEMENTS> COMMON_ELEMENTS = {{
 
 /* The ended managers whose pipelines still exist, oldest first, with a reference to each. For the main thread
  * only. */
-GQueue waiting_ends = G_QUEUE_INIT;
+GQueue ended_managers = G_QUEUE_INIT;
 
 struct ObjectUnref {
   void operator()(gpointer object) const
@@ -129,7 +128,7 @@ struct ObjectUnref {
 using ElementRef = std::unique_ptr<GstElement, ObjectUnref>;
 using CommonElements = std::array<ElementRef, N_COMMON_ELEMENTS>;
 
-/* With the lock held. */
+/* Called with the lock held. */
 void
 set_status(ConnectionManager *conn, ConnectionManagerStatus status)
 {
@@ -193,7 +192,7 @@ add_sources(GstElement *pipeline, GList *sources, GstElement *document)
   return TRUE;
 }
 
-/* Builds the pipeline and stores it. On failure stores nothing and frees what was built. */
+/* Builds the pipeline and stores it. Stores nothing on failure. */
 gboolean
 build_pipeline(ConnectionManager *conn)
 {
@@ -305,10 +304,10 @@ stop_element(GstElement *element)
   return FALSE;
 }
 
-/* Stops each child of a bin that cannot stop as a whole, tries those that refuse again when the others have
- * stopped, and takes out those that still refuse. The sink is first, because a source may wait for room in
- * the elements after it. No child starts meanwhile: the bin's attempt has ended state changes of other
- * threads. */
+/* Stops each child of a bin that cannot stop as a whole, retries those that fail when the others have
+ * stopped, and removes those that fail again. The sink is first, because a source may wait for room in the
+ * elements after it. No child starts meanwhile: the bin's attempt has ended state changes of other threads.
+ */
 void
 stop_children(GstBin *bin)
 {
@@ -322,7 +321,7 @@ stop_children(GstBin *bin)
   }
 }
 
-/* Takes the pipeline down, except elements that do not stop. */
+/* Tears the pipeline down, except elements that do not stop. */
 void
 stop_pipeline(ConnectionManager *conn)
 {
@@ -334,8 +333,8 @@ stop_pipeline(ConnectionManager *conn)
   set_to_null(conn->priv->pipeline);
 }
 
-/* Ends a pipeline that refused to play. With the probe left, manager, pipeline, pad and probe would keep each
- * other alive forever. */
+/* Ends a pipeline that refused to play. If the probe stayed, manager, pipeline and pad would never be freed.
+ */
 void
 abandon(ConnectionManager *conn)
 {
@@ -358,7 +357,7 @@ take_pending_sync(ConnectionManager *conn)
   return TRUE;
 }
 
-/* Runs on a thread of GStreamer's pool. */
+/* Called on a thread of GStreamer's pool. */
 void
 deliver_sync_points(GstElement *document, gpointer user_data)
 {
@@ -381,8 +380,7 @@ start_delivering(ConnectionManager *conn)
   gst_element_call_async(conn->priv->document, deliver_sync_points, g_object_ref(conn), g_object_unref);
 }
 
-/* Accepts one sync point, for delivery now or by the announced start. FALSE when the client may not request
- * one yet. */
+/* Accepts one sync point, for delivery now or by the announced start. FALSE before that. */
 gboolean
 take_sync_point(ConnectionManager *conn)
 {
@@ -403,9 +401,8 @@ take_sync_point(ConnectionManager *conn)
   return TRUE;
 }
 
-/* A client decides when this is called. The status is therefore checked without a precondition macro, which
- * can be compiled out, and only the macro's warning is raised. A client also decides how often, so the number
- * of warnings is limited. */
+/* A client decides when and how often this is called. The status is therefore checked without a precondition
+ * macro, which can be compiled out, and the number of warnings is limited. */
 void
 send_set_sync_point_event(ConnectionManager *conn)
 {
@@ -416,10 +413,7 @@ send_set_sync_point_event(ConnectionManager *conn)
   }
 }
 
-typedef enum {
-  SOCKET_SIDE,
-  BUS_SIDE,
-} StopSide;
+enum class StopSide { SOCKET, BUS };
 
 /* Removes both watches except the calling one, which GLib removes when its callback returns. */
 void
@@ -433,15 +427,15 @@ remove_watches(ConnectionManager *conn, StopSide side)
     socket_watch_id = std::exchange(conn->priv->socket_watch_id, 0);
   }
 
-  if (side == BUS_SIDE && socket_watch_id != 0 && !g_source_remove(socket_watch_id)) {
+  if (side == StopSide::BUS && socket_watch_id != 0 && !g_source_remove(socket_watch_id)) {
     syslog(LOG_WARNING, "Could not remove metadata socket I/O watch.");
   }
-  if (side == SOCKET_SIDE && bus_watch_id != 0 && !g_source_remove(bus_watch_id)) {
+  if (side == StopSide::SOCKET && bus_watch_id != 0 && !g_source_remove(bus_watch_id)) {
     syslog(LOG_WARNING, "Could not remove metadata bus watch watch.");
   }
 }
 
-/* Drops the waiting sync points; without the socket watch there will be no more. TRUE when one is being
+/* Drops the waiting sync points; without the socket watch there are no further ones. TRUE while one is being
  * delivered. */
 gboolean
 cancel_sync_points(ConnectionManager *conn)
@@ -455,8 +449,7 @@ cancel_sync_points(ConnectionManager *conn)
 /* During its delivery a sync point keeps the document element from changing its state, and waits for the
  * stream, which may wait for the client. The elements after the document therefore stop first. Then the
  * stream drains, the sync point passes, and the other elements can stop. A state change of the pipeline on
- * another thread must not restart these elements, so their state is locked for good: the pipeline is not
- * started again. */
+ * another thread must not restart these elements, so their state is locked and stays locked. */
 void
 stop_behind_document(ConnectionManager *conn)
 {
@@ -468,7 +461,7 @@ stop_behind_document(ConnectionManager *conn)
   }
 }
 
-/* Takes the pipeline of a detached client down. */
+/* Tears the pipeline of a detached client down. */
 void
 stop(ConnectionManager *conn)
 {
@@ -485,20 +478,20 @@ stop(ConnectionManager *conn)
 gboolean
 on_turn(gpointer user_data)
 {
-  for (guint i = 0; i < CONNECTION_MANAGER_MAX_ENDS_PER_TURN && !g_queue_is_empty(&waiting_ends); i++) {
-    g_autoptr(ConnectionManager) conn = CONNECTION_MANAGER(g_queue_pop_head(&waiting_ends));
+  for (guint i = 0; i < CONNECTION_MANAGER_MAX_ENDS_PER_TURN && !g_queue_is_empty(&ended_managers); i++) {
+    g_autoptr(ConnectionManager) conn = CONNECTION_MANAGER(g_queue_pop_head(&ended_managers));
     stop(conn);
   }
-  return g_queue_is_empty(&waiting_ends) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+  return g_queue_is_empty(&ended_managers) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 void
-stand_in_line(ConnectionManager *conn)
+queue_end(ConnectionManager *conn)
 {
-  if (g_queue_is_empty(&waiting_ends)) {
+  if (g_queue_is_empty(&ended_managers)) {
     g_idle_add_full(G_PRIORITY_DEFAULT, on_turn, nullptr, nullptr);
   }
-  g_queue_push_tail(&waiting_ends, g_object_ref(conn));
+  g_queue_push_tail(&ended_managers, g_object_ref(conn));
 }
 
 /* Ends all waits for the client. TRUE when the client was streaming. */
@@ -512,9 +505,9 @@ set_ended(ConnectionManager *conn, ConnectionManagerStatus status)
   return was_started;
 }
 
-/* Ends the stream, on the main thread, from one of the two watches. The reference of the calling watch keeps
- * the manager until the callback returns. A streaming client that still reads sees the end now, not when its
- * pipeline is taken down. Before the start the socket stays open for the reply. */
+/* Ends the stream. Called on the main thread by one of the two watches, whose reference keeps the manager
+ * until the callback returns. A streaming client sees the end now, not when its pipeline is down. Before the
+ * start the socket stays open for the reply. */
 void
 end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
 {
@@ -522,11 +515,10 @@ end(ConnectionManager *conn, StopSide side, ConnectionManagerStatus status)
   if (set_ended(conn, status)) {
     shutdown(conn->priv->fd, SHUT_WR);
   }
-  stand_in_line(conn);
+  queue_end(conn);
 }
 
-/* Reads once, without waiting. The scanner keeps an unfinished line. FALSE when the client's input has ended
- * or failed. */
+/* Reads once, without blocking. FALSE when the client's input has ended or failed. */
 gboolean
 read_client_input(ConnectionManager *conn, guint *syncs)
 {
@@ -555,7 +547,7 @@ is_watched(ConnectionManager *conn, const guint *watch_id)
   return *watch_id != 0;
 }
 
-/* A failed write only means that the client has gone. */
+/* A failed write only means that the client has hung up. */
 void
 log_pipeline_error(GstMessage *message)
 {
@@ -687,8 +679,8 @@ connection_manager_class_init(ConnectionManagerClass *klass)
 namespace
 {
 
-/* Runs on a streaming thread, which stays blocked at the sink until the probe is removed. Changes nothing
- * when the prepare does not wait any more. */
+/* Called on a streaming thread, which stays blocked at the sink until the probe is removed. Has no effect
+ * after the end of the prepare's wait. */
 GstPadProbeReturn
 on_first_data(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
 {
@@ -711,7 +703,7 @@ on_socket(gint fd, GIOCondition condition, gpointer user_data)
     return G_SOURCE_CONTINUE;
   }
   if (!read_client_input(conn, &syncs)) {
-    end(conn, SOCKET_SIDE, CONNECTION_MANAGER_STATUS_STOPPED);
+    end(conn, StopSide::SOCKET, CONNECTION_MANAGER_STATUS_STOPPED);
     return G_SOURCE_REMOVE;
   }
   for (guint i = 0; i < syncs; i++) {
@@ -730,11 +722,11 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
   }
   switch (GST_MESSAGE_TYPE(message)) {
   case GST_MESSAGE_EOS:
-    end(conn, BUS_SIDE, CONNECTION_MANAGER_STATUS_STOPPED);
+    end(conn, StopSide::BUS, CONNECTION_MANAGER_STATUS_STOPPED);
     return G_SOURCE_REMOVE;
   case GST_MESSAGE_ERROR:
     log_pipeline_error(message);
-    end(conn, BUS_SIDE, CONNECTION_MANAGER_STATUS_ERROR);
+    end(conn, StopSide::BUS, CONNECTION_MANAGER_STATUS_ERROR);
     return G_SOURCE_REMOVE;
   case GST_MESSAGE_WARNING:
     element_warnings_log(message);
@@ -755,7 +747,7 @@ hold_at_sink(ConnectionManager *conn)
       gst_pad_add_probe(conn->priv->held_pad, TYPE, on_first_data, g_object_ref(conn), g_object_unref);
 }
 
-/* With the lock held. */
+/* Called with the lock held. */
 void
 add_watches(ConnectionManager *conn)
 {
@@ -768,9 +760,10 @@ add_watches(ConnectionManager *conn)
       gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, on_bus_message, g_object_ref(conn), g_object_unref);
 }
 
-/* Sets the pipeline playing and watches it. FALSE when it refuses. Sets @needs_data to whether an end without
- * data is a failure, which does not apply to a live pipeline. A pipeline reports only at PAUSED that it is
- * live: after that the sink, which waits for data, makes the change asynchronous. */
+/* Sets the pipeline to PLAYING and watches it. FALSE when it refuses. Sets @needs_data to whether an end
+ * without data is a failure, which it is not for a live pipeline. Only the change to PAUSED reports that a
+ * pipeline is live; in the change to PLAYING the sink, which waits for data, makes the result asynchronous.
+ */
 gboolean
 play(ConnectionManager *conn, gboolean *needs_data)
 {
@@ -798,8 +791,8 @@ play(ConnectionManager *conn, gboolean *needs_data)
   return TRUE;
 }
 
-/* Waits without a limit until the first data is held at the sink: some kinds of metadata are silent for long.
- * The client ends the wait by hanging up. FALSE when the stream has ended, which the main thread handles. */
+/* Waits until the first data is held at the sink. The wait has no limit of time, because some kinds of
+ * metadata are rare; a hang-up of the client ends it. FALSE when the stream has ended. */
 gboolean
 wait_for_preroll(ConnectionManager *conn)
 {
@@ -818,7 +811,7 @@ wait_for_preroll(ConnectionManager *conn)
  * @src_lists: (transfer full) (element-type GstElement): the sources, each with one source pad to link
  * @fd: the client's connected stream socket, which the manager closes when it is finalised
  *
- * Makes the manager of one client. Any thread.
+ * Makes the manager of one client.
  *
  * Warnings: "src_lists != NULL" and "fd != -1" are preconditions; when one fails, the caller keeps both.
  *
@@ -838,11 +831,11 @@ connection_manager_new(GList *src_lists, int fd)
  * connection_manager_prepare:
  * @conn: (transfer none): a new manager
  *
- * Builds the pipeline, sets it playing and waits, without a limit of time, until its first data is held at
- * the sink or the stream has ended. Failures are logged at error priority. Called once, on a thread other
- * than the main one, while the main context runs.
+ * Builds the pipeline, sets it to PLAYING and waits, without a limit of time, until its first data is held at
+ * the sink or the stream has ended. Failures are logged at error priority. Called once, while the main
+ * context runs.
  *
- * A live pipeline counts as prepared once it plays. When it ends before its first data, the client still gets
+ * A live pipeline counts as prepared when it plays. If it ends before its first data, the client still gets
  * "OK" and then sees the end, so the result does not depend on the order of the two.
  *
  * Warnings: "conn != NULL", "conn->priv->fd != -1" and "conn->priv->src_lists != NULL" are preconditions.
@@ -873,8 +866,8 @@ connection_manager_prepare(ConnectionManager *conn)
  * connection_manager_announce_start:
  * @conn: (transfer none): a prepared manager
  *
- * Called right before "OK" is sent. A "SYNC" line that is read from now on can be the client's response to
- * that reply, so it is kept for connection_manager_start() and not refused. Any thread.
+ * Called immediately before "OK" is sent. A "SYNC" line that is read after this call can be the client's
+ * response to that reply, so it is kept for connection_manager_start() and not refused.
  *
  * Warnings: "conn != NULL" is a precondition.
  */
@@ -891,8 +884,8 @@ connection_manager_announce_start(ConnectionManager *conn)
  * connection_manager_start:
  * @conn: (transfer none): a prepared manager
  *
- * Releases the hold at the sink, so that data flows to the client. Called right after "OK" was sent. When the
- * stream has ended meanwhile, no data flows, and the hold ends with the pipeline. Any thread.
+ * Releases the hold at the sink, so that data flows to the client. Called immediately after "OK" is sent. If
+ * the stream has ended meanwhile, no data flows, and the hold ends with the pipeline.
  *
  * Warnings: "conn != NULL" is a precondition.
  */

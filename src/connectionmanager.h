@@ -7,26 +7,32 @@ G_BEGIN_DECLS
 /**
  * CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS:
  *
- * How many sync points of one client may wait for delivery. One more adds nothing that the waiting ones do
- * not bring, and is dropped.
+ * The number of a client's sync points that can wait for delivery. Further ones have no additional effect,
+ * and are dropped.
  */
 #define CONNECTION_MANAGER_MAX_PENDING_SYNC_POINTS 16
 
 /**
  * CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS:
  *
- * How many sync points that one client asks for before its stream has started are warned of. All of them are
- * refused.
+ * The number of warnings about sync points that one client requests before its stream has started. All such
+ * sync points are refused.
  */
 #define CONNECTION_MANAGER_MAX_EARLY_SYNC_WARNINGS 16
 
 /**
  * CONNECTION_MANAGER_MAX_ENDS_PER_TURN:
  *
- * How many pipelines are taken down in one turn of the main loop. The others that have ended wait in line.
+ * The number of pipelines that are torn down in one turn of the main loop. Others wait in a queue.
  */
 #define CONNECTION_MANAGER_MAX_ENDS_PER_TURN 1
 
+/**
+ * ConnectionManager:
+ *
+ * The pipeline of one client. Any thread can call the functions of this component, except
+ * connection_manager_prepare(), which blocks and must not be called on the main thread.
+ */
 #define CONNECTION_TYPE_MANAGER (connection_manager_get_type())
 G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
 
