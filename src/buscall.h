@@ -12,7 +12,7 @@ G_BEGIN_DECLS
  * @interface: (transfer none): an interface of the object
  * @method: (transfer none): a method of the interface
  * @parameters: (transfer floating) (nullable): a tuple
- * @timeout_ms: the longest wait for the reply, -1 for GDBus' default of 25 seconds
+ * @timeout_ms: the longest wait for the reply, -1 for GDBus' default of 25 s
  *
  * A method call.
  */

@@ -1,4 +1,4 @@
-/* What the daemon asks the platform's video capture service: the rotation of a channel's picture. */
+/* Queries the platform's video capture service for the rotation of a channel's picture. */
 #include "captureservice.h"
 
 #include "systembus.h"
@@ -38,7 +38,7 @@ get_settings(gint32 channel, GCancellable *cancellable, GError **error)
  * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
  *   no errors
  *
- * Asks the capture service and waits for the reply, with GDBus' default timeout of 25 seconds. Logs nothing.
+ * Calls the capture service and waits for the reply, with GDBus' default time-out of 25 s. Logs nothing.
  * Any thread except the main thread.
  *
  * Returns: %FALSE without an error when there is no bus, no service, or no reply with the channel's settings;

@@ -1,4 +1,4 @@
-/* What the daemon asks the platform's PTZ coordinator: which moves the camera's head can make. */
+/* Queries the platform's PTZ coordinator for the movements of the camera's head. */
 #include "ptzcoordinator.h"
 
 #include "systembus.h"
@@ -53,7 +53,7 @@ unpack_int32(GVariant *reply, gint32 *number, GError **error)
 /**
  * ptz_coordinator_query_move_capabilities:
  *
- * Asks the PTZ coordinator and waits for the reply, with GDBus' default timeout of 25 seconds. A failure is
+ * Calls the PTZ coordinator and waits for the reply, with GDBus' default time-out of 25 s. A failure is
  * logged at info priority. Any thread.
  *
  * Returns: the move capabilities of the PTZ driver; 0 on failure

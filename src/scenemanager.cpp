@@ -1,4 +1,4 @@
-/* What the daemon asks the platform's video scene manager: whether there are scenes. */
+/* Queries the platform's video scene manager for whether there are scenes. */
 #include "scenemanager.h"
 
 #include "systembus.h"
@@ -13,15 +13,14 @@ constexpr SystemBusObject SCENES = {"com.quon.VideoSceneManager1", "/com/quon/Vi
 
 /**
  * scene_manager_is_provider_running:
- * @timeout_ms: how many milliseconds the reply may take; with 0 the function does not wait for it
+ * @timeout_ms: the longest wait for the reply, in milliseconds; 0 makes the call without waiting for it
  * @cancellable: (nullable): ends the wait for the reply
  * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
  *   no errors
  *
- * Asks the scene manager for how many channels it has scenes. Logs nothing. Any thread except the main
- * thread.
+ * Calls the scene manager for its number of channels. Logs nothing. Any thread except the main thread.
  *
- * Returns: %TRUE when it is at least one; %FALSE with @error set as system_bus_call() sets it
+ * Returns: whether it is at least 1; %FALSE with @error set as system_bus_call() sets it
  */
 gboolean
 scene_manager_is_provider_running(gint timeout_ms, GCancellable *cancellable, GError **error)

@@ -1,10 +1,9 @@
-/* How the daemon's threads call services on the system bus and wait for the reply. GLib shares one connection
- * among all its users, makes a new one when there are none, and by default ends the process when the bus goes
- * away. The daemon's clients do not need the bus for what they already receive, so the connection does not
- * end the process here.
+/* Calls services on the system bus and waits for their replies. GLib shares one connection among all users,
+ * makes a new one when there are no references to it, and by default ends the process when the bus goes away.
+ * That is switched off here: clients that stream do not need the bus.
  *
- * A call that waits makes a main context, and GLib ends the process when there is no descriptor for that. So
- * each call holds a reservation of descriptors while it waits.
+ * A call that waits makes a main context, and GLib ends the process when there is no descriptor for that.
+ * Each call therefore holds a reservation of descriptors while it waits.
  */
 #include "systembus.h"
 
@@ -18,7 +17,7 @@ constexpr const char *PREPARED_KEY = "tessard-system-bus-prepared";
 
 GMutex prepare_lock;
 
-/* Like system_bus_get(), but only a shortage of descriptors is an error. */
+/* Like system_bus_get(), but sets @error only for a shortage of descriptors. */
 GDBusConnection *
 find_bus(DescriptorReservation **reservation, GError **error)
 {
@@ -35,13 +34,12 @@ find_bus(DescriptorReservation **reservation, GError **error)
 
 /**
  * system_bus_get:
- * @reservation: (out) (optional) (transfer full): what the calls that wait need; to be held until the last of
- *   them has returned. Set to %NULL on failure
+ * @reservation: (out) (optional) (transfer full): the descriptors for calls that wait; must be held until the
+ *   last of them has returned. Set to %NULL on failure
  * @error: (out) (optional): where to put the failure
  *
- * Gets the shared connection, making it when there is none. What is called on the bus while the connection is
- * held, through GLib's functions for a bus type too, uses this connection. May block while it connects. Any
- * thread.
+ * Returns the shared connection. Makes a new one, which can block, if there is none. While the connection is
+ * held, GLib's functions for a bus type use it too.
  *
  * Returns: (transfer full) (nullable): the connection, %NULL with @error set (%G_IO_ERROR, %G_DBUS_ERROR)
  *   when the bus cannot be reached; %G_IO_ERROR_TOO_MANY_OPEN_FILES means that %SYSTEM_BUS_CALL_DESCRIPTORS
@@ -71,17 +69,17 @@ system_bus_get(DescriptorReservation **reservation, GError **error)
 
 /**
  * system_bus_call:
- * @object: what to call
+ * @object: the target
  * @method: the method
- * @arguments: (nullable): a tuple, of which this takes a floating reference
- * @timeout_ms: how long the reply may take, -1 for GDBus' default of 25 seconds; with 0 the function does not
- *   wait for it
+ * @arguments: (transfer floating) (nullable): a tuple
+ * @timeout_ms: the longest wait for the reply, in milliseconds; -1 for GDBus' default of 25 s; 0 makes the
+ *   call without waiting for it
  * @cancellable: (nullable): ends the wait for the reply
  * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
  *   no errors
  *
- * Calls a method and waits for the reply. Makes no proxy: a new proxy loads all properties, and waits for
- * them with GDBus' default timeout. Any thread.
+ * Calls a method and waits for the reply. Makes no proxy, because a new proxy loads all properties and waits
+ * for them with GDBus' default time-out.
  *
  * Returns: (transfer full) (nullable): the reply; %NULL without an error when there is no bus, no service or
  *   no reply; %NULL with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES when %SYSTEM_BUS_CALL_DESCRIPTORS
@@ -109,7 +107,7 @@ system_bus_call(const SystemBusObject *object, const gchar *method, GVariant *ar
  * system_bus_get_first_child:
  * @value: (nullable): a reply, or a part of one
  *
- * Unpacks what comes from the bus, which may be of any type.
+ * Unpacks a value from the bus, which can have any type.
  *
  * Returns: (transfer full) (nullable): the first child; %NULL when @value has none or cannot have any
  */
@@ -127,9 +125,9 @@ system_bus_get_first_child(GVariant *value)
  * @connection: (transfer none): a connection to the system bus
  *
  * Prepares a connection for the daemon: the process survives the end of the bus, and the descriptor filter
- * rejects descriptors that the daemon has not asked for. system_bus_get() returns a prepared connection. A
- * connection from elsewhere must be prepared before the first call on it: the filter rejects the descriptor
- * in the reply to an earlier call. Further calls of this function have no effect. Any thread.
+ * refuses descriptors that the daemon has not requested. system_bus_get() returns a prepared connection. Any
+ * other connection must be prepared before the first call on it: the filter refuses the descriptor in the
+ * reply to an earlier call. Further calls of this function have no effect.
  */
 void
 system_bus_prepare(GDBusConnection *connection)

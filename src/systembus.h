@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * SYSTEM_BUS_CALL_DESCRIPTORS:
  *
- * How many descriptors a new connection and a call that waits for its reply open at most.
+ * The largest number of descriptors that a new connection and a call that waits for its reply open together.
  */
 #define SYSTEM_BUS_CALL_DESCRIPTORS 8
 
@@ -24,7 +24,7 @@ G_BEGIN_DECLS
  * @path: the path of one of its objects
  * @interface: an interface of the object
  *
- * Where a call goes.
+ * The target of a call. Any thread can call the functions of this component.
  */
 typedef struct {
   const gchar *name;
