@@ -1,29 +1,31 @@
 /* The client of the platform's metadata receiver: it lists the producers that the receiver announces on the
  * bus, and requests streams from them.
  *
- * The work is in files of their own: `receiverbus` connects to the bus, `receiverwatch` reports what the
- * receiver announces, `producerproperties` checks an object's properties, `receivercalls` makes calls,
- * `sampleframequeue` converts sample frames, `receiverstream` requests streams. This file decides what
+ * Other files do the work: `receiverbus` connects to the bus, `receiverwatch` reports what the receiver
+ * announces, `producerproperties` checks an object's properties, `receivercalls` makes calls,
+ * `sampleframequeue` converts sample frames, and `receiverstream` requests streams. This file decides what
  * happens to an announced object.
  *
- * An object's state. Announced objects wait for their turn (WAITING). Then the object is asked for its sample
- * frame (ASKED), the reply is converted (CONVERTING), and the producer is listed (LISTED). An object that
- * fails on the way is logged and left out (LEFT_OUT). An object for whose XML there is no room (NO_ROOM)
- * waits again when another producer leaves. Types and lengths of everything announced are checked before use.
+ * States: an announced object waits for its turn (WAITING). Then its sample frame is requested (REQUESTED)
+ * and converted (CONVERTING), and the producer is listed (LISTED). An object that fails a step is logged and
+ * left out (LEFT_OUT). An object for whose XML there is no room (NO_ROOM) waits again when another producer
+ * is removed. Types and lengths of all announced values are checked before use.
  *
- * An object has one entry in the table, from its announcement until it is withdrawn. The call or conversion
- * for an entry is cancelled when the entry is removed, so callbacks never see a removed entry. The entry
- * keeps the name under which its producer was listed. A producer that the list refused has none there, so the
- * withdrawal of its object removes no other producer.
+ * Table: an object has one entry, from its announcement until its removal. A removal cancels the entry's call
+ * or conversion, so callbacks never see a removed entry. The entry has the name under which its producer is
+ * listed. If the list refused the producer, the entry has no such name, so its removal does not remove
+ * another producer.
  *
- * At most DBUS_CLIENT_MAX_PRODUCERS objects are asked, converted or listed at a time; the others wait in
- * order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not kept. When others have been withdrawn, the receiver
- * is asked for all objects again. The part of the reply that is read is at least as long as the table, so it
- * contains an unknown object whenever the table has room for one.
+ * Limits: at most DBUS_CLIENT_MAX_PRODUCERS objects are requested, converted or listed at a time; the others
+ * wait in order. Objects beyond DBUS_CLIENT_MAX_OBJECTS are not stored. When others have been removed, all
+ * objects are requested from the receiver again. The part of the reply that is read is at least as long as
+ * the table, so it contains an unknown object whenever the table has room for one.
  *
- * Threads. Request threads look an object up when they request its stream. All else is the main thread's. The
- * lock guards the table and the connection: the main thread, the only writer, reads them without it. Request
- * threads can hold the list's lock when they take this one, so the main thread never uses the list under it.
+ * Threads: request threads look up an object to request its stream. All other code runs on the main thread.
+ *
+ * Lock: protects the table and the connection. The main thread, the only writer, reads them without it.
+ * Request threads can hold the list's lock when they take this one, so the main thread never uses the list
+ * under it.
  */
 #include "dbusclient.h"
 
@@ -46,22 +48,22 @@ static_assert(RECEIVER_WATCH_MAX_OBJECTS >= DBUS_CLIENT_MAX_OBJECTS);
 
 constexpr guint SAMPLE_FRAME_CALL_TIMEOUT_MS = 10000;
 
-/* The path of the object with the longest name. */
+/* The length of the path with the longest name. */
 constexpr gsize MAX_PATH_BYTES = sizeof(RECEIVER_PRODUCERS_PATH "/") - 1 + PRODUCER_PROPERTIES_MAX_NAME_BYTES;
 
-/* Each object can cause one of these lines, and the receiver decides how many objects there are. */
+/* Each object can cause such a line, and the receiver decides how many objects there are. */
 RateLimitedLog left_out_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
-RateLimitedLog missed_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
+RateLimitedLog full_table_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
-enum class ObjectState { WAITING, ASKED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
+enum class ObjectState { WAITING, REQUESTED, CONVERTING, LISTED, LEFT_OUT, NO_ROOM };
 
 /* An announced object. */
 struct Announced {
   gchar *path = nullptr;
   ProducerProperties *properties = nullptr;
   ObjectState state = ObjectState::LEFT_OUT;
-  GCancellable *cancellable = nullptr;         /* the call's, in ASKED */
+  GCancellable *cancellable = nullptr;         /* of the call, in REQUESTED */
   SampleFrameConversion *conversion = nullptr; /* in CONVERTING */
   gchar *listed_name = nullptr;                /* in LISTED */
   gsize xml_bytes = 0;                         /* in LISTED */
@@ -79,10 +81,10 @@ struct DbusClient {
   GDBusConnection *connection;
   GHashTable *entries; /* of Announced by path */
 
-  GQueue waiting;  /* of Announced, in the state WAITING */
-  guint taken_up;  /* the number of objects in ASKED, CONVERTING and LISTED */
-  gsize xml_bytes; /* the sum for the objects in LISTED */
-  gboolean missed; /* whether an object found the table full */
+  GQueue waiting;    /* of Announced, in the state WAITING */
+  guint active;      /* the number of objects in REQUESTED, CONVERTING and LISTED */
+  gsize xml_bytes;   /* the sum for the objects in LISTED */
+  gboolean was_full; /* whether the table was full when an object was announced */
 };
 
 DbusClient dbus_client;
@@ -116,19 +118,19 @@ find_announced(const gchar *path)
 }
 
 gboolean
-is_taken_up(ObjectState state)
+is_active(ObjectState state)
 {
-  return state == ObjectState::ASKED || state == ObjectState::CONVERTING || state == ObjectState::LISTED;
+  return state == ObjectState::REQUESTED || state == ObjectState::CONVERTING || state == ObjectState::LISTED;
 }
 
-void ask_next();
+void request_next();
 
-/* Also keeps the count of objects that are taken up. */
+/* Also updates the count of active objects. */
 void
 set_state(Announced *entry, ObjectState state)
 {
-  dbus_client.taken_up += is_taken_up(state) ? 1 : 0;
-  dbus_client.taken_up -= is_taken_up(entry->state) ? 1 : 0;
+  dbus_client.active += is_active(state) ? 1 : 0;
+  dbus_client.active -= is_active(entry->state) ? 1 : 0;
   entry->state = state;
 }
 
@@ -136,18 +138,18 @@ void
 leave_object_out(Announced *entry)
 {
   set_state(entry, ObjectState::LEFT_OUT);
-  ask_next();
+  request_next();
 }
 
 void
-let_wait(Announced *entry)
+queue_object(Announced *entry)
 {
   set_state(entry, ObjectState::WAITING);
   g_queue_push_tail(&dbus_client.waiting, entry);
 }
 
-/* Takes the sample frame out of the reply; FALSE when it has none. The converter decides about an empty
- * one. */
+/* Copies the sample frame from the reply; FALSE when it has none. The converter decides about an empty one.
+ */
 gboolean
 take_sample_frame(GVariant *reply, gchar **json)
 {
@@ -212,7 +214,7 @@ on_converted(const gchar *xml, gpointer user_data)
   } else if (!is_room_for(xml_bytes)) {
     log_failed_conversion(entry);
     set_state(entry, ObjectState::NO_ROOM);
-    ask_next();
+    request_next();
   } else {
     list_producer(entry, xml, xml_bytes);
   }
@@ -257,9 +259,9 @@ on_sample_frame(GVariant *reply, GUnixFDList *, const GError *error, gpointer us
 }
 
 void
-ask_for_sample_frame(Announced *entry)
+request_sample_frame(Announced *entry)
 {
-  set_state(entry, ObjectState::ASKED);
+  set_state(entry, ObjectState::REQUESTED);
   entry->cancellable = g_cancellable_new();
 
   const ReceiverCall call = {
@@ -275,10 +277,10 @@ ask_for_sample_frame(Announced *entry)
 }
 
 void
-ask_next()
+request_next()
 {
-  while (dbus_client.taken_up < DBUS_CLIENT_MAX_PRODUCERS && !g_queue_is_empty(&dbus_client.waiting)) {
-    ask_for_sample_frame(static_cast<Announced *>(g_queue_pop_head(&dbus_client.waiting)));
+  while (dbus_client.active < DBUS_CLIENT_MAX_PRODUCERS && !g_queue_is_empty(&dbus_client.waiting)) {
+    request_sample_frame(static_cast<Announced *>(g_queue_pop_head(&dbus_client.waiting)));
   }
 }
 
@@ -294,14 +296,14 @@ add_entry(const gchar *path, GVariant *properties)
   return entry;
 }
 
-/* Logs the first object that finds the table full. */
+/* Logs the first object that does not fit into the table. */
 void
-note_missed(const gchar *path)
+note_full_table(const gchar *path)
 {
-  if (!dbus_client.missed) {
-    log_left_out(path, "there are too many", &missed_log);
+  if (!dbus_client.was_full) {
+    log_left_out(path, "there are too many", &full_table_log);
   }
-  dbus_client.missed = TRUE;
+  dbus_client.was_full = TRUE;
 }
 
 void
@@ -316,17 +318,17 @@ announce(const gchar *path, GVariant *properties)
     return;
   }
   if (g_hash_table_size(dbus_client.entries) >= DBUS_CLIENT_MAX_OBJECTS) {
-    note_missed(path);
+    note_full_table(path);
     return;
   }
-  if (dbus_client.taken_up >= DBUS_CLIENT_MAX_PRODUCERS) {
+  if (dbus_client.active >= DBUS_CLIENT_MAX_PRODUCERS) {
     log_left_out(path, "there are too many");
   }
-  let_wait(add_entry(path, properties));
-  ask_next();
+  queue_object(add_entry(path, properties));
+  request_next();
 }
 
-/* Reverts the entry's state to LEFT_OUT, and what that state has caused. */
+/* Sets the entry's state to LEFT_OUT and reverts the effects of the previous one. */
 void
 undo(Announced *entry)
 {
@@ -334,7 +336,7 @@ undo(Announced *entry)
   case ObjectState::WAITING:
     g_queue_remove(&dbus_client.waiting, entry);
     break;
-  case ObjectState::ASKED:
+  case ObjectState::REQUESTED:
     g_cancellable_cancel(entry->cancellable);
     break;
   case ObjectState::CONVERTING:
@@ -353,31 +355,31 @@ undo(Announced *entry)
 }
 
 void
-let_wait_again(gpointer, gpointer value, gpointer)
+queue_object_without_room(gpointer, gpointer value, gpointer)
 {
   auto *entry = static_cast<Announced *>(value);
 
   if (entry->state == ObjectState::NO_ROOM) {
-    let_wait(entry);
+    queue_object(entry);
   }
 }
 
-/* Gives room that has become free to objects that had none. */
+/* Retries objects without room after a removal. */
 void
-fill_up(gboolean has_more_room)
+use_free_room(gboolean has_more_room)
 {
   if (has_more_room) {
-    g_hash_table_foreach(dbus_client.entries, let_wait_again, nullptr);
+    g_hash_table_foreach(dbus_client.entries, queue_object_without_room, nullptr);
   }
-  ask_next();
-  if (dbus_client.missed && g_hash_table_size(dbus_client.entries) < DBUS_CLIENT_MAX_OBJECTS) {
-    dbus_client.missed = FALSE;
+  request_next();
+  if (dbus_client.was_full && g_hash_table_size(dbus_client.entries) < DBUS_CLIENT_MAX_OBJECTS) {
+    dbus_client.was_full = FALSE;
     receiver_watch_ask_again();
   }
 }
 
 void
-withdraw(Announced *entry)
+remove_entry(Announced *entry)
 {
   const gboolean was_listed = entry->state == ObjectState::LISTED;
 
@@ -386,11 +388,11 @@ withdraw(Announced *entry)
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
     g_hash_table_remove(dbus_client.entries, entry->path);
   }
-  fill_up(was_listed);
+  use_free_room(was_listed);
 }
 
 void
-withdraw_all()
+remove_all_entries()
 {
   GHashTableIter iter;
   gpointer entry = nullptr;
@@ -399,7 +401,7 @@ withdraw_all()
   while (g_hash_table_iter_next(&iter, nullptr, &entry)) {
     undo(static_cast<Announced *>(entry));
   }
-  dbus_client.missed = FALSE;
+  dbus_client.was_full = FALSE;
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&dbus_client.lock);
   g_hash_table_remove_all(dbus_client.entries);
 }
@@ -412,17 +414,17 @@ set_connection(GDBusConnection *new_connection)
   g_set_object(&dbus_client.connection, new_connection);
 }
 
-/* Withdraws all objects and drops the connection. */
+/* Removes all objects and drops the connection. */
 void
 leave_receiver()
 {
   receiver_watch_stop();
-  withdraw_all();
+  remove_all_entries();
   receiver_bus_disconnect();
   set_connection(nullptr);
 }
 
-/* Returns the connection (transfer full) if the object is announced, otherwise NULL. Any thread. */
+/* Returns the connection (transfer full) if the object is announced, otherwise NULL. Called on any thread. */
 GDBusConnection *
 find_connection(const gchar *path)
 {
@@ -433,9 +435,7 @@ find_connection(const gchar *path)
              : nullptr;
 }
 
-} // namespace
-
-static void
+void
 on_object_added(const gchar *path, GVariant *interfaces)
 {
   g_autoptr(GVariant) properties =
@@ -453,18 +453,18 @@ on_object_added(const gchar *path, GVariant *interfaces)
 }
 
 /* An object without the producer interface is not a producer. */
-static void
+void
 on_object_removed(const gchar *path, const gchar *const *interfaces)
 {
   Announced *entry = find_announced(path);
 
   if (entry != nullptr && g_strv_contains(interfaces, RECEIVER_PRODUCER_INTERFACE)) {
-    withdraw(entry);
+    remove_entry(entry);
   }
 }
 
-/* A conversion keeps the properties with which it began. */
-static void
+/* The properties do not change during the conversion. */
+void
 on_object_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated)
 {
   const Announced *entry = find_announced(path);
@@ -474,33 +474,35 @@ on_object_changed(const gchar *path, GVariant *changed, const gchar *const *inva
   }
 }
 
-static const ReceiverWatchFuncs WATCH_FUNCS = {
+constexpr ReceiverWatchFuncs WATCH_FUNCS = {
     .on_interfaces_added = on_object_added,
     .on_interfaces_removed = on_object_removed,
-    .on_objects_cut = note_missed,
+    .on_objects_cut = note_full_table,
     .on_properties_changed = on_object_changed,
-    .on_vanished = withdraw_all,
+    .on_vanished = remove_all_entries,
 };
 
-static void
+void
 on_bus_connected(GDBusConnection *connected)
 {
   set_connection(connected);
   receiver_watch_start(connected, &WATCH_FUNCS);
 }
 
-static const ReceiverBusFuncs BUS_FUNCS = {
+constexpr ReceiverBusFuncs BUS_FUNCS = {
     .on_connected = on_bus_connected,
     .on_closed = leave_receiver,
 };
 
+} // namespace
+
 /**
  * dbus_client_init:
- * @list: (transfer none): the daemon's producers; lives until dbus_client_teardown()
+ * @list: (transfer none): the daemon's producers; must exist until dbus_client_teardown()
  *
- * Lists the producers that the metadata receiver announces, until it withdraws them or the connection to the
- * system bus closes. Does not wait for the bus or the receiver, and repeats what fails. Main thread; once
- * until dbus_client_teardown().
+ * Adds the producers that the metadata receiver announces to the list, and removes each one when the receiver
+ * removes it or the connection to the system bus closes. Does not wait for the bus or the receiver, and
+ * repeats failed attempts. Must not be called again before dbus_client_teardown().
  *
  * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed attempt to reach the bus
  * or to get the receiver's objects; for one producer each, "on_get_sample_frame failed: %s", "failed to fetch
@@ -520,15 +522,14 @@ dbus_client_init(AnalyticsProducerList *list)
 /**
  * dbus_client_connect_producer:
  * @producer_name: (transfer none): the producer's name
- * @source_name: (transfer none): what to give to @on_fd
+ * @source_name: (transfer none): the name that is passed to @on_fd
  * @channel: the video channel, from 1
  * @cancellable: (transfer none) (nullable): ends the request
  * @on_fd: takes the descriptor
  * @user_data: for @on_fd
  * @user_data_free: (nullable): releases @user_data
  *
- * Requests a stream of one producer, see receiver_stream_request(). Any thread, also with the list's lock
- * held.
+ * Requests a stream of one producer, see receiver_stream_request(). The caller can hold the list's lock.
  *
  * Warnings: "tried to find a dbus object for producer which did not exist"; later "Failed to parse fd from
  * variant: %s\n", whereupon @on_fd gets -1. Infos: "handle_get_stream_fd failed: %s"
@@ -565,8 +566,8 @@ dbus_client_connect_producer(const gchar *producer_name, const gchar *source_nam
 /**
  * dbus_client_teardown:
  *
- * Undoes dbus_client_init(): the external producers leave the list, and the receiver is not asked any more.
- * Streams that were requested before still get their replies. Main thread.
+ * Undoes dbus_client_init(): removes the external producers from the list and stops watching the receiver.
+ * Earlier requests for streams still get their replies.
  */
 void
 dbus_client_teardown(void)

@@ -9,14 +9,15 @@ G_BEGIN_DECLS
 /**
  * DBUS_CLIENT_MAX_OBJECTS:
  *
- * How many of the receiver's objects are in the table at a time.
+ * The number of the receiver's objects that are in the table at a time.
  */
 #define DBUS_CLIENT_MAX_OBJECTS 1024
 
 /**
  * DBUS_CLIENT_MAX_PRODUCERS:
  *
- * How many of these objects are producers or become producers; the others wait until one of these leaves.
+ * The number of these objects that are producers or become producers at a time. The others wait until one of
+ * these is removed.
  */
 #define DBUS_CLIENT_MAX_PRODUCERS 96
 
@@ -44,11 +45,14 @@ G_BEGIN_DECLS
 
 /**
  * DbusClientFdFunc:
- * @fd: (transfer full): the stream's descriptor, or -1 when the receiver's reply held none
- * @source_name: (transfer none): what dbus_client_connect_producer() was given
- * @user_data: what dbus_client_connect_producer() was given
+ * @fd: (transfer full): the stream's descriptor, or -1 when the receiver's reply has none
+ * @source_name: (transfer none): the name that was passed to dbus_client_connect_producer()
+ * @user_data: the data that was passed to dbus_client_connect_producer()
  *
  * Called on the main thread.
+ *
+ * The functions of this component are for the main thread, except dbus_client_connect_producer(), which any
+ * thread can call.
  */
 typedef void (*DbusClientFdFunc)(gint fd, const gchar *source_name, gpointer user_data);
 

@@ -1,7 +1,5 @@
-/* The daemon's name on the system bus. Whether it has the name changes nothing but who is able to find it:
- * the producers' objects are on the connection as long as that lives, and clients' streams need neither.
- *
- * Main thread, in the default main context.
+/* Owns the daemon's name on the system bus. The name only makes the control service easy to find: the
+ * producers' objects are exported while there is a connection, and clients' streams need neither.
  */
 #include "dbusserver.h"
 
@@ -15,9 +13,9 @@ namespace
 
 constexpr const char *BUS_NAME = "com.quon.MetadataServer1";
 
-guint owner_id; /* 0 when the name is not asked for */
+guint owner_id; /* 0 before dbus_server_init() and after the teardown */
 
-GCancellable *owner_lookup; /* cancels looking for the name's owner; NULL when the name is not asked for */
+GCancellable *owner_lookup; /* cancels the look-up of the name's owner; NULL like owner_id */
 
 constexpr const char *NO_CONNECTION = "there is no connection to the system bus";
 
@@ -27,7 +25,7 @@ log_unavailable(const gchar *reason)
   syslog(LOG_WARNING, "The control service is unavailable: %s.", reason);
 }
 
-/* A connection that owns the name by now has logged that it acquired it. */
+/* Logs nothing if the daemon owns the name by now: that was logged when the name was acquired. */
 void
 log_owner(GDBusConnection *connection, GVariant *reply)
 {
@@ -40,9 +38,7 @@ log_owner(GDBusConnection *connection, GVariant *reply)
   }
 }
 
-} // namespace
-
-static void
+void
 on_bus_acquired(GDBusConnection *connection, const gchar *, gpointer user_data)
 {
   syslog(LOG_INFO, "Bus acquired");
@@ -50,14 +46,14 @@ on_bus_acquired(GDBusConnection *connection, const gchar *, gpointer user_data)
   dbus_producer_manager_on_bus_acquired(connection, static_cast<AnalyticsProducerList *>(user_data));
 }
 
-static void
+void
 on_name_acquired(GDBusConnection *, const gchar *, gpointer)
 {
   syslog(LOG_INFO, "DBus-name acquired");
 }
 
-/* GLib does not pass on why the bus gave no name. A name without an owner is one that the policy refused. */
-static void
+/* GLib does not report why the name was lost. If the name has no owner, the policy refused it. */
+void
 on_name_owner(GObject *source, GAsyncResult *result, gpointer)
 {
   GDBusConnection *connection = G_DBUS_CONNECTION(source);
@@ -75,9 +71,9 @@ on_name_owner(GObject *source, GAsyncResult *result, gpointer)
   }
 }
 
-/* There is no bus, the bus went away, another process owns the name or the policy refuses it;
- * docs/compatibility.md, "lost bus name". The daemon stays in the bus' queue, so the name may still come. */
-static void
+/* There is no bus, the bus went away, another process owns the name, or the policy refuses it. The daemon
+ * stays in the bus' queue for the name; docs/compatibility.md, "lost bus name". */
+void
 on_name_lost(GDBusConnection *connection, const gchar *, gpointer)
 {
   syslog(LOG_INFO, "DBus-name was lost");
@@ -90,18 +86,19 @@ on_name_lost(GDBusConnection *connection, const gchar *, gpointer)
                          G_DBUS_CALL_FLAGS_NONE, -1, owner_lookup, on_name_owner, nullptr);
 }
 
+} // namespace
+
 /**
  * dbus_server_init:
- * @producers: (transfer none): the daemon's producers; must live until dbus_server_teardown()
+ * @producers: (transfer none): the daemon's producers; must exist until dbus_server_teardown()
  *
- * Begins to export the producers and asks for the daemon's name on the system bus. The rest comes about in
- * the main loop: nothing waits for the bus here, and without one the daemon just has no control service. Main
- * thread.
+ * Exports the producers and requests the daemon's name on the system bus. Does not wait for the bus. Without
+ * one, the daemon has no control service.
  *
  * Infos: "Bus acquired", "DBus-name acquired", "DBus-name was lost"
  *
- * Warnings: "The control service is unavailable: %s." says why the name was lost: no bus, another owner, or
- * the bus' policy
+ * Warnings: "The control service is unavailable: %s.", with the reason: no bus, another owner, or the bus'
+ * policy
  */
 void
 dbus_server_init(AnalyticsProducerList *producers)
@@ -118,7 +115,7 @@ dbus_server_init(AnalyticsProducerList *producers)
 /**
  * dbus_server_teardown:
  *
- * Gives the name up and withdraws every object. Nothing happens before dbus_server_init(). Main thread.
+ * Releases the name and removes all objects. Has no effect before dbus_server_init().
  */
 void
 dbus_server_teardown(void)

@@ -1,14 +1,11 @@
 /* Connects to the bus of the metadata receiver, which is the system bus, and keeps the connection.
  *
  * Connecting does not block. A failed attempt is repeated, after a time that doubles with each failure. An
- * attempt cannot be cancelled: all of the process shares GLib's one connection, and another thread may wait
- * for the same attempt. An attempt that is given up is therefore ignored when it ends.
+ * attempt cannot be cancelled: the whole process shares one connection of GLib, and another thread may wait
+ * for the same attempt. An abandoned attempt is therefore ignored when it ends.
  *
- * A connection that the bus has closed is dropped and not replaced. GLib hands out its shared connection,
- * even a closed one, as long as someone holds a reference, and requests could then not reach a bus that is
- * back.
- *
- * Main thread.
+ * A connection that the bus has closed is dropped and not replaced. GLib returns its shared connection, even
+ * a closed one, while there is a reference to it, and requests could then not reach a bus that is back.
  */
 #include "receiverbus.h"
 
@@ -24,7 +21,7 @@ namespace
 
 struct ReceiverBus {
   const ReceiverBusFuncs *funcs;  /* NULL while disconnected */
-  DescriptorReservation *attempt; /* the current attempt's, which owns it, or NULL */
+  DescriptorReservation *attempt; /* owned by the current attempt; NULL without one */
   guint retry_id;                 /* the time-out before the next attempt, or 0 */
   guint retry_s;
   GDBusConnection *connection; /* NULL until the attempt succeeds */
@@ -36,7 +33,7 @@ ReceiverBus receiver_bus;
 void start_attempt();
 
 gboolean
-on_time_for_attempt(gpointer)
+on_attempt_time(gpointer)
 {
   receiver_bus.retry_id = 0;
   start_attempt();
@@ -47,7 +44,7 @@ void
 retry_later(const GError *error)
 {
   receiver_watch_log_failure(error);
-  receiver_bus.retry_id = g_timeout_add_seconds(receiver_bus.retry_s, on_time_for_attempt, nullptr);
+  receiver_bus.retry_id = g_timeout_add_seconds(receiver_bus.retry_s, on_attempt_time, nullptr);
   receiver_bus.retry_s = std::min<guint>(2 * receiver_bus.retry_s, RECEIVER_WATCH_LAST_RETRY_S);
 }
 
@@ -100,12 +97,12 @@ start_attempt()
 
 /**
  * receiver_bus_connect:
- * @funcs: (transfer none): what to call; lives until receiver_bus_disconnect()
+ * @funcs: (transfer none): the callbacks; must exist until receiver_bus_disconnect()
  *
- * Begins to connect, and repeats the attempt until it succeeds. Calls nothing before it returns.
+ * Begins to connect, and repeats the attempt until it succeeds. Calls no callback before it returns.
  *
- * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed attempt. The component
- * must be disconnected, which is a precondition.
+ * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed attempt.
+ * "receiver_bus.funcs == NULL" is a precondition: the component is disconnected.
  */
 void
 receiver_bus_connect(const ReceiverBusFuncs *funcs)
@@ -120,7 +117,8 @@ receiver_bus_connect(const ReceiverBusFuncs *funcs)
 /**
  * receiver_bus_disconnect:
  *
- * Drops the connection or ends the attempts. Calls nothing from then on. Does nothing while disconnected.
+ * Drops the connection or ends the attempts. No callback is called afterwards. Has no effect while
+ * disconnected.
  */
 void
 receiver_bus_disconnect(void)

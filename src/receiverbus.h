@@ -9,7 +9,7 @@ G_BEGIN_DECLS
  * @on_connected: (not nullable): the connection is open; the argument is borrowed
  * @on_closed: (not nullable): the bus has closed the connection; the callback calls receiver_bus_disconnect()
  *
- * Called on the main thread.
+ * Called on the main thread. The functions of this component are for the main thread.
  */
 typedef struct ReceiverBusFuncs {
   void (*on_connected)(GDBusConnection *connection);

@@ -3,17 +3,17 @@
  * The bus limits the pending calls of a connection and refuses more, and bursts of clients request far more
  * streams than that. Calls therefore wait here in order, and only some of them are pending.
  *
- * A call that brings descriptors reserves them before it is made. It keeps the reservation until its reply
- * has been handled, also after the call is given up. Without a reservation the queue backs off; the call
- * stays as long as its client.
+ * Descriptors: they are reserved before a call whose reply has some, until the reply is handled, also after
+ * the call is abandoned. If they cannot be reserved, the queue backs off, and the call waits as long as its
+ * client.
  *
- * A call ends in one of four ways: reply, failure, time-out, cancellation. The function of a cancelled call
- * is not called.
+ * End: a call ends with a reply, a failure, a time-out or a cancellation. The function of a cancelled call is
+ * not called.
  *
- * On the bus a call is pending until the receiver replies or leaves, even when the caller has given it up.
- * Time-outs and cancellables are therefore handled here: GDBus would forget the call. A call that is given up
- * makes room for the next one, but still counts as unanswered. The count of unanswered calls has a limit of
- * its own, so that a receiver that never replies leaves room for the daemon's other calls.
+ * Limit: on the bus a call is pending until the receiver replies or leaves, even when the caller has
+ * abandoned it. Time-outs and cancellations are therefore handled here, because GDBus would not count the
+ * call. An abandoned call makes room for the next one, but still counts as unanswered. Unanswered calls have
+ * their own limit, so that a receiver that never replies leaves room for the daemon's other calls.
  */
 #include "receivercalls.h"
 
@@ -28,14 +28,14 @@
 namespace
 {
 
-/* GDBus' value for no time-out. */
+/* The value that GDBus treats as no time-out. */
 constexpr gint NO_TIMEOUT = G_MAXINT;
 
 /* Shortages can begin and end often. */
 RateLimitedLog descriptors_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
-RateLimitedLog answers_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
+RateLimitedLog replies_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
-enum class CallState { WAITING, UNDER_WAY, GIVEN_UP };
+enum class CallState { WAITING, PENDING, ABANDONED };
 
 struct QueuedCall {
   CallState state = CallState::WAITING;
@@ -46,13 +46,13 @@ struct QueuedCall {
   guint descriptors = 0;
   guint timeout_ms = 0;
   GCancellable *cancellable = nullptr;
-  GSource *cancel_source = nullptr; /* NULL without a cancellable and after the call is given up */
-  guint deadline_id = 0;            /* while the call is in UNDER_WAY */
+  GSource *cancel_source = nullptr; /* NULL without a cancellable and in ABANDONED */
+  guint deadline_id = 0;            /* in PENDING */
   guint tries = 0;
   DescriptorReservation *reservation = nullptr;
   ReceiverReplyFunc func = nullptr;
   gpointer user_data = nullptr;
-  GDestroyNotify user_data_free = nullptr; /* NULL after the call is given up */
+  GDestroyNotify user_data_free = nullptr; /* NULL in ABANDONED */
 
   QueuedCall() = default;
   ~QueuedCall();
@@ -63,13 +63,13 @@ struct QueuedCall {
 using CallOwner = std::unique_ptr<QueuedCall>;
 
 GQueue waiting_calls = G_QUEUE_INIT; /* of QueuedCall */
-guint under_way;
-guint unanswered; /* pending calls, including those that were given up */
+guint pending_calls;
+guint unanswered; /* pending and abandoned calls */
 guint back_off_id;
 gboolean short_of_descriptors;
-gboolean short_of_answers;
+gboolean short_of_replies;
 
-/* Releases what a call holds for its caller. */
+/* Releases the resources that a call holds for its caller. */
 void
 release_caller(QueuedCall *call)
 {
@@ -100,10 +100,10 @@ void make_calls();
 
 /* The call itself is freed when its reply arrives. */
 void
-give_up(QueuedCall *call)
+abandon_call(QueuedCall *call)
 {
-  call->state = CallState::GIVEN_UP;
-  under_way--;
+  call->state = CallState::ABANDONED;
+  pending_calls--;
   release_caller(call);
   make_calls();
 }
@@ -117,7 +117,7 @@ on_cancelled(GCancellable *, gpointer user_data)
     g_queue_remove(&waiting_calls, call);
     delete call;
   } else {
-    give_up(call);
+    abandon_call(call);
   }
   return G_SOURCE_REMOVE;
 }
@@ -140,7 +140,7 @@ on_call_deadline(gpointer user_data)
     g_autoptr(GError) error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "Timeout was reached");
     call->func(nullptr, nullptr, error, call->user_data);
   }
-  give_up(call);
+  abandon_call(call);
   return G_SOURCE_REMOVE;
 }
 
@@ -178,26 +178,26 @@ reserve_descriptors(QueuedCall *call)
 
 /* FALSE when calls must wait. Logs the shortage when it begins. */
 gboolean
-may_be_answered()
+has_room_for_call()
 {
   if (unanswered < RECEIVER_CALLS_MAX_UNANSWERED) {
     return TRUE;
   }
-  if (!short_of_answers) {
-    rate_limited_log(&answers_log, LOG_WARNING,
+  if (!short_of_replies) {
+    rate_limited_log(&replies_log, LOG_WARNING,
                      "calls of the metadata receiver wait: it leaves %u unanswered", unanswered);
   }
-  short_of_answers = TRUE;
+  short_of_replies = TRUE;
   return FALSE;
 }
 
 /* The shortage ends when all unanswered calls fit into RECEIVER_CALLS_MAX_UNDER_WAY. */
 void
-note_answer()
+note_reply()
 {
   unanswered--;
   if (unanswered <= RECEIVER_CALLS_MAX_UNDER_WAY) {
-    short_of_answers = FALSE;
+    short_of_replies = FALSE;
   }
 }
 
@@ -213,21 +213,21 @@ put_back(CallOwner call)
 }
 
 gboolean
-is_to_be_tried_again(const QueuedCall *call, const GError *error)
+must_be_repeated(const QueuedCall *call, const GError *error)
 {
   return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED) &&
          call->tries < RECEIVER_CALLS_MAX_TRIES;
 }
 
-/* Handles the end of a call that was not given up. */
+/* Handles the end of a pending call. */
 void
 take_call_reply(CallOwner call, GVariant *reply, GUnixFDList *fds, const GError *error)
 {
-  under_way--;
+  pending_calls--;
   if (g_cancellable_is_cancelled(call->cancellable)) {
     return;
   }
-  if (is_to_be_tried_again(call.get(), error)) {
+  if (must_be_repeated(call.get(), error)) {
     put_back(std::move(call));
     return;
   }
@@ -243,8 +243,8 @@ on_reply(GObject *connection, GAsyncResult *result, gpointer user_data)
   g_autoptr(GVariant) reply =
       g_dbus_connection_call_with_unix_fd_list_finish(G_DBUS_CONNECTION(connection), &fds, result, &error);
 
-  note_answer();
-  if (call->state == CallState::UNDER_WAY) {
+  note_reply();
+  if (call->state == CallState::PENDING) {
     take_call_reply(std::move(call), reply, fds, error);
   }
   make_calls();
@@ -253,10 +253,10 @@ on_reply(GObject *connection, GAsyncResult *result, gpointer user_data)
 void
 make_call(QueuedCall *call)
 {
-  call->state = CallState::UNDER_WAY;
+  call->state = CallState::PENDING;
   call->tries++;
   call->deadline_id = g_timeout_add(call->timeout_ms, on_call_deadline, call);
-  under_way++;
+  pending_calls++;
   unanswered++;
   g_dbus_connection_call_with_unix_fd_list(
       call->connection, RECEIVER_NAME, call->path, RECEIVER_PRODUCER_INTERFACE, call->method,
@@ -280,9 +280,9 @@ peek_next()
 void
 make_calls()
 {
-  while (back_off_id == 0 && under_way < RECEIVER_CALLS_MAX_UNDER_WAY) {
+  while (back_off_id == 0 && pending_calls < RECEIVER_CALLS_MAX_UNDER_WAY) {
     QueuedCall *call = peek_next();
-    if (call == nullptr || !may_be_answered()) {
+    if (call == nullptr || !has_room_for_call()) {
       return;
     }
     if (!reserve_descriptors(call)) {
@@ -299,12 +299,12 @@ make_calls()
 /**
  * receiver_call:
  * @call: (transfer none): the call; copied
- * @func: gets the reply or the failure, unless the call is cancelled
+ * @func: called with the reply or the failure, unless the call is cancelled
  * @user_data: for @func
  * @user_data_free: (nullable): releases @user_data, after @func or instead of it
  *
  * Queues a call. A call that fails with %G_DBUS_ERROR_LIMITS_EXCEEDED is repeated, up to
- * %RECEIVER_CALLS_MAX_TRIES tries in all. Main thread.
+ * %RECEIVER_CALLS_MAX_TRIES tries in all.
  *
  * Warnings, each when a shortage begins: "streams of external producers wait: too few free file descriptors"
  * and "calls of the metadata receiver wait: it leaves %u unanswered"

@@ -1,9 +1,7 @@
 /* Requests streams of external producers from the metadata receiver.
  *
- * Any thread makes a request. The main loop takes it over and makes the call, which waits for its turn among
- * the receiver's other calls. The reply must bring the stream's descriptor.
- *
- * A request owns its user data until the end of the call, whatever the end is.
+ * Any thread can make a request. The main loop queues the call among the receiver's other calls. The reply
+ * must have the stream's descriptor. A request owns its user data until the call has ended.
  */
 #include "receiverstream.h"
 
@@ -17,7 +15,7 @@ namespace
 
 constexpr guint STREAM_CALL_TIMEOUT_MS = 25000; /* GDBus' default */
 
-/* A request with copies and references of its own. */
+/* A request that owns its values. */
 struct StreamRequest {
   GDBusConnection *connection = nullptr;
   gchar *path = nullptr;
@@ -112,10 +110,9 @@ on_stream_request(gpointer user_data)
  * @user_data: for @request's on_fd
  * @user_data_free: (nullable): releases @user_data
  *
- * Requests a stream as soon as it is its turn and a descriptor can be reserved for it. The reply is handled
- * on the main thread: on_fd is called with the descriptor (transfer full) unless the call fails or is
- * cancelled.
- * @user_data_free is called at the end in all cases. Any thread.
+ * Queues a request for a stream. The reply is handled on the main thread: on_fd is called with the descriptor
+ * (transfer full) unless the call fails or is cancelled. @user_data_free is called at the end in all cases.
+ * Any thread.
  *
  * Warnings: "Failed to parse fd from variant: %s\n", whereupon on_fd gets -1. Infos: "handle_get_stream_fd
  * failed: %s"

@@ -9,7 +9,7 @@ G_BEGIN_DECLS
  * @connection: (transfer none): the system bus
  * @path: (transfer none): the producer's object
  * @channel: the video channel, from 1
- * @source_name: (transfer none): what @on_fd gets
+ * @source_name: (transfer none): the name that is passed to @on_fd
  * @cancellable: (transfer none) (nullable): ends the request
  * @on_fd: takes the descriptor
  *

@@ -1,12 +1,12 @@
-/* Watches the objects of the platform's metadata receiver and reports what changes.
+/* Watches the objects of the platform's metadata receiver and reports changes.
  *
- * GLib's client for object managers is not used. It creates main contexts on the main thread for each new
- * object and ends the process without a free descriptor; it does not check the types of messages; and it
- * keeps all objects without a bound. This watch keeps none. It subscribes to the signals, asks for all
- * objects when the receiver owns its name, and reports what has the right type.
+ * GLib's client for object managers is not used: it makes a main context on the main thread for each new
+ * object, and ends the process if there is no free descriptor; it does not check the types of messages; and
+ * it stores all objects without a limit. This watch stores none. It subscribes to the signals, requests all
+ * objects when the receiver owns its name, and reports those with the right type.
  *
- * Signals count only from the owner of the receiver's name. The watch subscribes before it asks, so that it
- * misses no object in between; an object can therefore be reported twice.
+ * Signals are accepted only from the owner of the receiver's name. The watch subscribes before it requests
+ * the objects, so that it misses none in between; an object can therefore be reported twice.
  *
  * A failed request for the objects is repeated, after a time that doubles with each failure.
  */
@@ -29,7 +29,7 @@ constexpr const char *PROPERTIES_INTERFACE = "org.freedesktop.DBus.Properties";
 constexpr const char *OBJECTS_TYPE = "(a{oa{sa{sv}}})";
 constexpr gint DEFAULT_TIMEOUT = -1;
 
-/* The number of signals is the receiver's choice. */
+/* The receiver decides how many signals there are. */
 RateLimitedLog wrong_type_log = RATE_LIMITED_LOG_INIT(RATE_LIMITED_LOG_INTERVAL_US);
 
 struct Watch {
@@ -45,21 +45,21 @@ struct Watch {
 
 Watch watch;
 
-void ask();
+void request_objects();
 
 gboolean
-on_time_to_ask(gpointer)
+on_request_time(gpointer)
 {
   watch.next_request_id = 0;
-  ask();
+  request_objects();
   return G_SOURCE_REMOVE;
 }
 
 void
-ask_later()
+request_objects_later()
 {
   if (watch.next_request_id == 0) {
-    watch.next_request_id = g_timeout_add_seconds(watch.retry_s, on_time_to_ask, nullptr);
+    watch.next_request_id = g_timeout_add_seconds(watch.retry_s, on_request_time, nullptr);
   }
 }
 
@@ -90,14 +90,14 @@ on_objects(GObject *connection, GAsyncResult *result, gpointer)
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariant) reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
 
-  /* What cancelled the request has already replaced or cleared it. */
+  /* The code that cancelled the request has already replaced or cleared it. */
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
     return;
   }
   g_clear_object(&watch.request);
   if (reply == nullptr) {
     receiver_watch_log_failure(error);
-    ask_later();
+    request_objects_later();
     watch.retry_s = std::min<guint>(2 * watch.retry_s, RECEIVER_WATCH_LAST_RETRY_S);
     return;
   }
@@ -108,7 +108,7 @@ on_objects(GObject *connection, GAsyncResult *result, gpointer)
 }
 
 void
-ask()
+request_objects()
 {
   watch.request = g_cancellable_new();
   g_dbus_connection_call(watch.connection, watch.owner, RECEIVER_PRODUCERS_PATH, OBJECT_MANAGER_INTERFACE,
@@ -116,7 +116,7 @@ ask()
                          DEFAULT_TIMEOUT, watch.request, on_objects, nullptr);
 }
 
-/* FALSE after logging a signal of another type, which is dropped. */
+/* Logs a signal of another type, which is dropped. */
 gboolean
 has_type(GVariant *parameters, const gchar *type)
 {
@@ -192,7 +192,7 @@ on_name_appeared(GDBusConnection *, const gchar *, const gchar *owner, gpointer)
                 on_interfaces_removed),
       subscribe(PROPERTIES_INTERFACE, "PropertiesChanged", nullptr, on_properties_changed),
   };
-  ask();
+  request_objects();
 }
 
 /* FALSE when there was no owner. */
@@ -227,10 +227,10 @@ on_name_vanished(GDBusConnection *, const gchar *, gpointer)
 /**
  * receiver_watch_start:
  * @connection: (transfer none): the system bus; kept until receiver_watch_stop()
- * @funcs: (transfer none): what to call; lives as long as the watch
+ * @funcs: (transfer none): the callbacks; must exist until receiver_watch_stop()
  *
- * Begins to watch the receiver, and lets the bus start it. Each later owner of the receiver's name is watched
- * in turn. Once until receiver_watch_stop().
+ * Begins to watch the receiver, and lets the bus start it. Watches each later owner of the receiver's name
+ * too. Must not be called again before receiver_watch_stop().
  *
  * Warnings: "Failed to connect to metadata-receiver over DBus: %s", for each failed request; "left out a
  * signal of the metadata receiver: it has the wrong type"
@@ -250,21 +250,21 @@ receiver_watch_start(GDBusConnection *connection, const ReceiverWatchFuncs *func
 /**
  * receiver_watch_ask_again:
  *
- * Asks the receiver for all its objects again, after the retry time. Does nothing when a request is pending
- * or the receiver has no owner.
+ * Requests all objects from the receiver again, after the retry time. Has no effect when a request is pending
+ * or the receiver's name has no owner.
  */
 void
 receiver_watch_ask_again(void)
 {
   if (watch.owner != nullptr && watch.request == nullptr) {
-    ask_later();
+    request_objects_later();
   }
 }
 
 /**
  * receiver_watch_stop:
  *
- * Ends the watch and drops the connection. Calls nothing from then on. Does nothing while stopped.
+ * Ends the watch and drops the connection. No callback is called afterwards. Has no effect while stopped.
  */
 void
 receiver_watch_stop(void)
@@ -280,8 +280,6 @@ receiver_watch_stop(void)
 /**
  * receiver_watch_log_failure:
  * @error: (transfer none): why the bus or the receiver cannot be reached
- *
- * Any thread.
  *
  * Warnings: "Failed to connect to metadata-receiver over DBus: %s"
  */

@@ -42,7 +42,7 @@ G_BEGIN_DECLS
 /**
  * RECEIVER_WATCH_MAX_OBJECTS:
  *
- * How many objects of the receiver's reply are read, in its order.
+ * The number of objects of the receiver's reply that are read, in its order.
  */
 #define RECEIVER_WATCH_MAX_OBJECTS 1024
 
@@ -50,8 +50,8 @@ G_BEGIN_DECLS
  * ReceiverWatchFuncs:
  * @on_interfaces_added: an object has these interfaces, an a{sa{sv}}; also called for known objects
  * @on_interfaces_removed: an object has lost these interfaces
- * @on_objects_cut: the receiver has more than %RECEIVER_WATCH_MAX_OBJECTS objects; this is the first one that
- * is not read
+ * @on_objects_cut: the receiver has more than %RECEIVER_WATCH_MAX_OBJECTS objects, and this is the first one
+ * that is not read
  * @on_properties_changed: properties of an object's producer interface have changed: an a{sv} of the new
  * values, and the names of those that became invalid
  * @on_vanished: the receiver has left the bus, and its objects with it
