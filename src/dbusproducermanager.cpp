@@ -1,9 +1,9 @@
-/* The producers on the bus: one object each below the root, and at the root, beside GLib's object manager,
- * the interface that changes several producers at once. GLib keeps the objects by path; this component has no
- * table of its own.
+/* Exports the producers on the bus: one object each below the root. The root has GLib's object manager and
+ * the interface that changes several producers in one call. GLib stores the objects by path; this component
+ * has no table.
  *
- * A producer's name is the last element of its object's path. A producer whose name cannot be that has no
- * object; clients can still have its data.
+ * A producer's name is the last element of its object's path. A producer whose name is not valid there has no
+ * object; clients can still request its data.
  *
  * Calls of both methods are queued in the order of their arrival and executed one after the other, so no call
  * sees part of another. A call is checked as a whole before anything changes. Then each tuple is one change
@@ -12,13 +12,13 @@
  * the reply follows. The main thread does all of this, in short steps: the configuration calls it back when a
  * change is on disk.
  *
- * A producer and its object do not keep each other; their signal connections end with the first of the two. A
- * queued call holds its producer and the interface that received it. GLib refuses a call for an object that
- * has been removed, and a call whose object is removed while it waits or is executed ends with the same
- * error. When the connection closes, the queue is dropped.
+ * A producer and its object have no references to each other; their signal connections end with the first of
+ * the two. A queued call holds its producer and the interface that received it. GLib refuses a call for an
+ * object that was removed, and a call whose object is removed while it waits or is executed ends with the
+ * same error. When the connection closes, the queue is dropped.
  *
- * When the bus goes away, its connection is dropped. GLib shares one connection for as long as there is a
- * reference to it, and only without one can the daemon's own calls reach a bus that is back.
+ * When the bus goes away, the connection is dropped. GLib shares one connection while there is a reference to
+ * it, and the daemon's own calls can reach a bus that is back only after the last reference is dropped.
  */
 #include "dbusproducermanager.h"
 
@@ -39,27 +39,27 @@ constexpr const char *CHANNEL_TYPE = "(ibs)";
 
 GDBusObjectManagerServer *object_manager;
 
-/* Exported while there is a connection. */
+/* NULL without a connection. */
 MetadataServer1ProducerManager *manager_skeleton;
 
 /* A call of SetChannelsEnabled has a producer, a call of SetProducersEnabled has none. */
 struct Call {
   GDBusInterfaceSkeleton *skeleton;
-  GDBusMethodInvocation *invocation; /* NULL once it is answered */
+  GDBusMethodInvocation *invocation; /* NULL after the reply */
   GVariant *wanted;
   AnalyticsProducer *producer;
   AnalyticsProducerList *producers; /* borrowed; NULL for a call with a producer */
 
-  gboolean judged;
-  gsize entry;        /* the next one of `wanted`, for a call without a producer */
-  gsize tuple;        /* the next one of the producer's */
-  gboolean missed;    /* something could not be applied */
-  GPtrArray *changed; /* the producers whose notifications are held back until the end */
+  gboolean is_checked;
+  gsize entry;         /* the next one of `wanted`, for a call without a producer */
+  gsize tuple;         /* the next one of the producer */
+  gboolean has_failed; /* whether a part could not be applied */
+  GPtrArray *changed;  /* the producers whose notifications are frozen until the end */
 };
 
-/* Of Call. The first one is being executed; a source continues it. */
-GQueue call_line = G_QUEUE_INIT;
-guint step_id;
+/* Of Call. The first one is being executed. */
+GQueue queued_calls = G_QUEUE_INIT;
+guint step_id; /* the source that continues the first call, or 0 */
 
 /* NULL when the name cannot be an element of a path. */
 gchar *
@@ -79,7 +79,7 @@ get_property(AnalyticsProducer *producer, const gchar *name)
   return text;
 }
 
-/* A message is UTF-8, but a sample frame is what an element of the platform's made. */
+/* A message must be UTF-8, but a sample frame comes from an element of the platform. */
 gchar *
 get_valid_property(AnalyticsProducer *producer, const gchar *name)
 {
@@ -102,7 +102,7 @@ set_channels(MetadataServer1Producer *skeleton, GPtrArray *channels)
   metadata_server1_producer_set_channels_enabled(skeleton, g_variant_builder_end(&builder));
 }
 
-/* Copies the texts once (docs/compatibility.md, "texts on the bus"); the channels follow the producer. */
+/* Copies the texts; only the channels follow the producer (docs/compatibility.md, "texts on the bus"). */
 MetadataServer1Producer *
 make_skeleton(AnalyticsProducer *producer)
 {
@@ -132,7 +132,7 @@ supports_all(AnalyticsProducer *producer, GVariant *channels)
   return TRUE;
 }
 
-/* The name in a tuple that disables is ignored, whatever its length. */
+/* The name in a tuple that disables is ignored, so its length is not limited. */
 gboolean
 names_fit(GVariant *channels)
 {
@@ -237,9 +237,9 @@ call_new(gpointer skeleton, GDBusMethodInvocation *invocation, GVariant *wanted)
   return call;
 }
 
-/* Holds notifications back, so that a producer's object shows all changes of a call at once. */
+/* Freezes notifications, so that a producer's object shows all changes of a call at once. */
 void
-hold_notifications(Call *call, AnalyticsProducer *producer)
+freeze_notifications(Call *call, AnalyticsProducer *producer)
 {
   if (!g_ptr_array_find(call->changed, producer, nullptr)) {
     g_object_freeze_notify(G_OBJECT(producer));
@@ -248,7 +248,7 @@ hold_notifications(Call *call, AnalyticsProducer *producer)
 }
 
 void
-release_notifications(Call *call)
+thaw_notifications(Call *call)
 {
   for (guint i = 0; i < call->changed->len; i++) {
     g_object_thaw_notify(G_OBJECT(g_ptr_array_index(call->changed, i)));
@@ -257,7 +257,7 @@ release_notifications(Call *call)
 }
 
 void
-complete(Call *call)
+return_success(Call *call)
 {
   GDBusMethodInvocation *invocation = std::exchange(call->invocation, nullptr);
 
@@ -271,19 +271,19 @@ complete(Call *call)
 }
 
 void
-answer(Call *call, const GError *error)
+return_result(Call *call, const GError *error)
 {
-  release_notifications(call);
+  thaw_notifications(call);
   if (error != nullptr) {
     g_dbus_method_invocation_return_gerror(std::exchange(call->invocation, nullptr), error);
   } else {
-    complete(call);
+    return_success(call);
   }
 }
 
-/* Uses GLib's text, with which GLib refuses later calls. */
+/* Uses the text with which GLib refuses a later call. */
 void
-set_gone_error(const Call *call, GError **error)
+set_removed_error(const Call *call, GError **error)
 {
   g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, "No such interface “%s” on object at path %s",
               g_dbus_method_invocation_get_interface_name(call->invocation),
@@ -295,8 +295,8 @@ call_free(Call *call)
 {
   if (call->invocation != nullptr) {
     g_autoptr(GError) error = nullptr;
-    set_gone_error(call, &error);
-    answer(call, error);
+    set_removed_error(call, &error);
+    return_result(call, error);
   }
   g_object_unref(call->skeleton);
   g_variant_unref(call->wanted);
@@ -306,7 +306,7 @@ call_free(Call *call)
 }
 
 gboolean
-is_withdrawn(const Call *call)
+is_removed(const Call *call)
 {
   return g_dbus_interface_skeleton_get_connection(call->skeleton) == nullptr;
 }
@@ -320,7 +320,7 @@ apply_tuple(Call *call, AnalyticsProducer *producer, GVariant *channels)
 
   g_variant_get_child(channels, call->tuple, "(ibs)", &channel, &enabled, &name);
   call->tuple++;
-  hold_notifications(call, producer);
+  freeze_notifications(call, producer);
   analytics_producer_set_channel_enabled(producer, static_cast<guint32>(channel), enabled, name);
 }
 
@@ -340,8 +340,8 @@ apply_next_of_producer(Call *call)
   if (call->tuple == g_variant_n_children(call->wanted)) {
     return FALSE;
   }
-  if (is_withdrawn(call)) {
-    call->missed = TRUE;
+  if (is_removed(call)) {
+    call->has_failed = TRUE;
     return FALSE;
   }
   apply_tuple(call, call->producer, call->wanted);
@@ -358,7 +358,7 @@ apply_next_of_entry(Call *call, const Change &change)
     return FALSE;
   }
   if (change.producer == nullptr || (count > 0 && !supports_next(call, change.producer, change.channels))) {
-    call->missed = TRUE;
+    call->has_failed = TRUE;
     return FALSE;
   }
   if (count == 0) {
@@ -381,29 +381,29 @@ apply_next_of_all(Call *call)
   return FALSE;
 }
 
-/* Checks the call before anything changes. */
+/* Checks the call in its first step, before any change. */
 gboolean
-judge(Call *call, GError **error)
+check_call(Call *call, GError **error)
 {
-  if (call->judged) {
+  if (call->is_checked) {
     return TRUE;
   }
-  call->judged = TRUE;
+  call->is_checked = TRUE;
   if (call->producer == nullptr) {
     return validate_producers(call->producers, call->wanted, error);
   }
-  if (is_withdrawn(call)) {
-    set_gone_error(call, error);
+  if (is_removed(call)) {
+    set_removed_error(call, error);
     return FALSE;
   }
   return validate_channels(call->producer, call->wanted, error);
 }
 
 void
-set_missed_error(const Call *call, GError **error)
+set_failure(const Call *call, GError **error)
 {
   if (call->producer != nullptr) {
-    set_gone_error(call, error);
+    set_removed_error(call, error);
   } else {
     g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_FAILED,
                         "Failed to apply configuration to producer");
@@ -412,23 +412,23 @@ set_missed_error(const Call *call, GError **error)
 
 /* Takes one step: a change that is being saved, or the reply. FALSE with the reply. */
 gboolean
-go_on(Call *call)
+execute_step(Call *call)
 {
   g_autoptr(GError) error = nullptr;
 
-  if (judge(call, &error)) {
+  if (check_call(call, &error)) {
     if (call->producer != nullptr ? apply_next_of_producer(call) : apply_next_of_all(call)) {
       return TRUE;
     }
-    if (call->missed) {
-      set_missed_error(call, &error);
+    if (call->has_failed) {
+      set_failure(call, &error);
     }
   }
-  answer(call, error);
+  return_result(call, error);
   return FALSE;
 }
 
-/* An entry without a tuple takes a look-up too and counts as one tuple. */
+/* An entry without tuples needs a look-up too, and counts as one tuple. */
 gsize
 count_tuples(const Call *call)
 {
@@ -452,17 +452,17 @@ count_waiting_bytes()
 {
   gsize bytes = 0;
 
-  for (const GList *link = g_queue_peek_nth_link(&call_line, 1); link != nullptr; link = link->next) {
+  for (const GList *link = g_queue_peek_nth_link(&queued_calls, 1); link != nullptr; link = link->next) {
     bytes += g_variant_get_size(static_cast<const Call *>(link->data)->wanted);
   }
   return bytes;
 }
 
 gboolean
-has_place(const Call *call)
+fits_into_queue(const Call *call)
 {
-  return g_queue_is_empty(&call_line) ||
-         (g_queue_get_length(&call_line) <= DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS &&
+  return g_queue_is_empty(&queued_calls) ||
+         (g_queue_get_length(&queued_calls) <= DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS &&
           count_waiting_bytes() + g_variant_get_size(call->wanted) <=
               DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES);
 }
@@ -475,16 +475,14 @@ check_limits(const Call *call, GError **error)
                 DBUS_PRODUCER_MANAGER_MAX_TUPLES);
     return FALSE;
   }
-  if (!has_place(call)) {
+  if (!fits_into_queue(call)) {
     g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED, "Too many calls wait");
     return FALSE;
   }
   return TRUE;
 }
 
-} // namespace
-
-static void
+void
 on_channels_enabled_notify(AnalyticsProducer *producer, GParamSpec *, MetadataServer1Producer *skeleton)
 {
   gpointer channels = nullptr;
@@ -493,79 +491,79 @@ on_channels_enabled_notify(AnalyticsProducer *producer, GParamSpec *, MetadataSe
   set_channels(skeleton, static_cast<GPtrArray *>(channels));
 }
 
-static gboolean on_step(gpointer);
+gboolean on_step(gpointer);
 
-/* Takes one step of the first call. The next step follows when the change is on disk. */
-static void
-take_step()
+/* Executes one step of the first call. The next step follows when the change is on disk. */
+void
+execute_next_step()
 {
-  if (!go_on(static_cast<Call *>(g_queue_peek_head(&call_line)))) {
-    call_free(static_cast<Call *>(g_queue_pop_head(&call_line)));
+  if (!execute_step(static_cast<Call *>(g_queue_peek_head(&queued_calls)))) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&queued_calls)));
   }
-  if (!g_queue_is_empty(&call_line)) {
+  if (!g_queue_is_empty(&queued_calls)) {
     step_id = producer_config_call_when_saved(on_step, nullptr);
   }
 }
 
-static gboolean
+gboolean
 on_step(gpointer)
 {
   step_id = 0;
-  take_step();
+  execute_next_step();
   return G_SOURCE_REMOVE;
 }
 
-/* Queues the call, which it takes over. */
-static void
-line_up(Call *call)
+/* Takes ownership of the call. */
+void
+queue_call(Call *call)
 {
   g_autoptr(GError) error = nullptr;
 
   if (!check_limits(call, &error)) {
-    answer(call, error);
+    return_result(call, error);
     call_free(call);
     return;
   }
-  g_queue_push_tail(&call_line, call);
-  if (g_queue_get_length(&call_line) == 1) {
-    take_step();
+  g_queue_push_tail(&queued_calls, call);
+  if (g_queue_get_length(&queued_calls) == 1) {
+    execute_next_step();
   }
 }
 
-/* Fails all queued calls; their changes so far stay. */
-static void
-clear_call_line()
+/* Fails all queued calls. Changes that were applied stay. */
+void
+drop_queued_calls()
 {
   g_clear_handle_id(&step_id, g_source_remove);
-  while (!g_queue_is_empty(&call_line)) {
-    call_free(static_cast<Call *>(g_queue_pop_head(&call_line)));
+  while (!g_queue_is_empty(&queued_calls)) {
+    call_free(static_cast<Call *>(g_queue_pop_head(&queued_calls)));
   }
 }
 
-static gboolean
+gboolean
 on_handle_set_channels_enabled(MetadataServer1Producer *skeleton, GDBusMethodInvocation *invocation,
                                GVariant *enabled_channels, AnalyticsProducer *producer)
 {
   Call *call = call_new(skeleton, invocation, enabled_channels);
 
   call->producer = ANALYTICS_PRODUCER(g_object_ref(producer));
-  line_up(call);
+  queue_call(call);
   return TRUE;
 }
 
-static gboolean
+gboolean
 on_handle_set_producers_enabled(MetadataServer1ProducerManager *skeleton, GDBusMethodInvocation *invocation,
                                 GVariant *enabled_producers, gpointer user_data)
 {
   Call *call = call_new(skeleton, invocation, enabled_producers);
 
   call->producers = static_cast<AnalyticsProducerList *>(user_data);
-  line_up(call);
+  queue_call(call);
   return TRUE;
 }
 
-/* Both connections hold their object during a call and end with it. */
-static void
+/* Both signal connections hold their object during a call, and end with it. */
+void
 connect_to_producer(MetadataServer1Producer *skeleton, AnalyticsProducer *producer)
 {
   g_signal_connect_object(producer, "notify::channels-enabled", G_CALLBACK(on_channels_enabled_notify),
@@ -577,7 +575,7 @@ connect_to_producer(MetadataServer1Producer *skeleton, AnalyticsProducer *produc
   }
 }
 
-static void
+void
 on_producer_added(AnalyticsProducer *producer)
 {
   g_autofree gchar *name = get_property(producer, "name");
@@ -595,7 +593,7 @@ on_producer_added(AnalyticsProducer *producer)
   g_dbus_object_manager_server_export(object_manager, object);
 }
 
-static void
+void
 on_producer_removed(AnalyticsProducer *producer)
 {
   g_autofree gchar *name = get_property(producer, "name");
@@ -608,7 +606,7 @@ on_producer_removed(AnalyticsProducer *producer)
 
 /* Removes this component's objects from the connection and drops it. Replies to queued calls while the
  * connection is open. */
-static void
+void
 leave_bus()
 {
   g_autoptr(GDBusConnection) connection = g_dbus_object_manager_server_get_connection(object_manager);
@@ -616,7 +614,7 @@ leave_bus()
     return;
   }
 
-  clear_call_line();
+  drop_queued_calls();
   g_signal_handlers_disconnect_by_data(connection, &object_manager);
   g_dbus_object_manager_server_set_connection(object_manager, nullptr);
   if (manager_skeleton != nullptr) {
@@ -625,13 +623,13 @@ leave_bus()
   }
 }
 
-static void
+void
 on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
 {
   leave_bus();
 }
 
-static void
+void
 export_manager(GDBusConnection *connection, AnalyticsProducerList *producers)
 {
   g_autoptr(MetadataServer1ProducerManager) skeleton = metadata_server1_producer_manager_skeleton_new();
@@ -648,13 +646,14 @@ export_manager(GDBusConnection *connection, AnalyticsProducerList *producers)
   manager_skeleton = g_steal_pointer(&skeleton);
 }
 
+} // namespace
+
 /**
  * dbus_producer_manager_init:
  * @producers: (transfer none): the daemon's producers
  *
  * Makes an object for each producer that is added to the list from now on, and removes the object with the
- * producer. The objects are exported by dbus_producer_manager_on_bus_acquired(). Main thread, as is every
- * later change of the list.
+ * producer. dbus_producer_manager_on_bus_acquired() exports the objects.
  *
  * Warnings, when a producer is added: "producer \"%s\" is not on the bus: its name cannot end an object's
  * path", "Error connecting callback for SetChannelsEnabled"
@@ -674,10 +673,10 @@ dbus_producer_manager_init(AnalyticsProducerList *producers)
  * dbus_producer_manager_on_bus_acquired:
  * @connection: (transfer none): the connection on which to export the objects; kept until it closes, or until
  *   dbus_producer_manager_teardown()
- * @producers: (transfer none): the daemon's producers; lives for as long as @connection is kept
+ * @producers: (transfer none): the daemon's producers; must exist while @connection is kept
  *
  * Exports the producers' objects, current and later ones, and the manager's interface at their root. Ignores
- * a connection that is closed. Main thread, after dbus_producer_manager_init().
+ * a closed connection. Must be called after dbus_producer_manager_init().
  *
  * Warnings: "Error connecting callback for SetProducersEnabled", "failed to export interface '%s': %s"; the
  * producers' objects are exported even so
@@ -701,9 +700,9 @@ dbus_producer_manager_on_bus_acquired(GDBusConnection *connection, AnalyticsProd
 /**
  * dbus_producer_manager_teardown:
  *
- * Removes all objects, drops the connection and frees what dbus_producer_manager_init() made. Calls without a
- * reply fail; their changes so far stay. The list keeps the callbacks, so it must not change any more. Main
- * thread, before producer_config_free().
+ * Removes all objects, drops the connection and undoes dbus_producer_manager_init(). Queued calls fail;
+ * changes that were applied stay. The list keeps the callbacks, so it must not be changed afterwards. Must be
+ * called before producer_config_free().
  */
 void
 dbus_producer_manager_teardown(void)

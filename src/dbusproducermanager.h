@@ -9,25 +9,27 @@ G_BEGIN_DECLS
 /**
  * DBUS_PRODUCER_MANAGER_MAX_TUPLES:
  *
- * How many tuples one call may have. Each is a durable write of its own. An entry of SetProducersEnabled
- * without any tuple counts as one.
+ * The number of tuples in one call. Each causes one durable write. An entry of SetProducersEnabled without
+ * tuples counts as one.
  */
 #define DBUS_PRODUCER_MANAGER_MAX_TUPLES 4096
 
 /**
  * DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS:
  *
- * How many calls may wait while another one is worked off.
+ * The number of calls that can wait while another one is executed.
  */
 #define DBUS_PRODUCER_MANAGER_MAX_WAITING_CALLS 64
 
 /**
  * DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES:
  *
- * How large the arguments of the calls that wait may be together: a few of the longest, or all calls of
- * usual length. The call that is worked off does not count; it has the bus' limit for a message.
+ * The size of the arguments of all waiting calls together: a few of the longest calls, or all calls of usual
+ * length. The call that is executed does not count; it has the bus' limit for a message.
  */
 #define DBUS_PRODUCER_MANAGER_MAX_WAITING_BYTES (8 * 1024 * 1024)
+
+/* The functions of this component are for the main thread, as are all changes of the list of producers. */
 
 void dbus_producer_manager_init(AnalyticsProducerList *producers);
 
