@@ -101,7 +101,7 @@ event_source_factory_iface_init(SourceFactoryInterface *iface)
 /**
  * event_source_factory_new:
  *
- * Makes a factory. Any thread.
+ * Any thread.
  *
  * Returns: (transfer full): a new factory of event sources
  */

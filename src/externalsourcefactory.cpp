@@ -1,11 +1,11 @@
-/* Makes one source of all external producers that are enabled on a channel for a request for analytics: an
- * ExternalSrc merges their streams, and "json2xml" converts them to ONVIF. The built-in producers have
- * factories of their own.
+/* For a request for analytics, makes one source of all external producers that are enabled on its channel: an
+ * ExternalSrc merges their streams, and "json2xml" converts them to ONVIF. Other factories make the sources
+ * of the built-in producers.
  *
- * A request only asks for the streams. The descriptors arrive later, on the main thread. Each pending stream
- * request holds a reference to its ExternalSrc, which closes the descriptors that arrive after it has stopped
- * or left its bin. Until the producers send, one frame of the daemon's own lets the client's pipeline
- * pre-roll.
+ * The factory only requests the streams. The descriptors arrive later, on the main thread. Each pending
+ * stream request holds a reference to its ExternalSrc, which closes the descriptors that arrive after it has
+ * stopped or left its bin. One frame of the daemon lets the client's pipeline pre-roll before the producers
+ * send data.
  *
  * The factory's field is written before the first request, so several requests can use it at once.
  */
@@ -53,7 +53,7 @@ fail_request(GError **error, const gchar *text)
   return nullptr;
 }
 
-/* Returns a full reference, as all functions here that make elements do. */
+/* Returns a full reference, like all functions here that make elements, except make_bin(). */
 ExternalSrc *
 make_external_source(gint32 channel, GError **error)
 {
@@ -67,7 +67,7 @@ make_external_source(gint32 channel, GError **error)
   if (channel > 0) {
     g_object_set(source, "video-channel", channel, nullptr);
   }
-  return TESSARD_EXTERNAL_SRC(gst_object_ref_sink(source));
+  return EXTERNAL_SRC(gst_object_ref_sink(source));
 }
 
 GstElement *
@@ -82,7 +82,7 @@ make_converter(gboolean exclude_polygon, GError **error)
   return GST_ELEMENT(gst_object_ref_sink(converter));
 }
 
-/* Floating. */
+/* Returns a floating reference. */
 GstElement *
 make_bin(ExternalSrc *source, gboolean exclude_polygon, GError **error)
 {
@@ -102,15 +102,14 @@ make_bin(ExternalSrc *source, gboolean exclude_polygon, GError **error)
   return g_steal_pointer(&bin);
 }
 
-/* Hands a stream's descriptor to the source, on the main thread. */
+/* Called on the main thread. */
 void
 on_fd(gint fd, const gchar *source_name, gpointer user_data)
 {
-  external_src_add_socket(TESSARD_EXTERNAL_SRC(user_data), fd, source_name);
+  external_src_add_socket(EXTERNAL_SRC(user_data), fd, source_name);
 }
 
-/* A producer whose stream cannot be requested counts too: the client then gets the other producers' data,
- * over a stream that stays open. */
+/* A producer whose stream cannot be requested counts too, so that the client's stream stays open. */
 void
 connect_producer(AnalyticsProducer *producer, gpointer user_data)
 {
@@ -179,7 +178,7 @@ create_external_source(SourceFactory *factory, GHashTable *params, GError **erro
   if (bin == nullptr) {
     return nullptr;
   }
-  /* Before the streams are requested, because this frame must be the first. */
+  /* This frame must be the first, so it is pushed before the streams are requested. */
   push_stream_start(source);
   if (connect_producers(self->producers, source, channel) == 0) {
     return nullptr;
@@ -207,7 +206,7 @@ external_source_factory_iface_init(SourceFactoryInterface *iface)
 
 /**
  * external_source_factory_new:
- * @producers: (transfer none): the list of all producers; it outlives the factory
+ * @producers: (transfer none): the list of all producers; must outlive the factory
  *
  * Any thread.
  *

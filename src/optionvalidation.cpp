@@ -26,7 +26,7 @@ is_all_digits(std::string_view text)
   return text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-/* strtol() of a platform whose long has 32 bits. */
+/* Works like strtol() on a platform whose long has 32 bits. */
 gint32
 strtol_32(const gchar *text)
 {

@@ -1,5 +1,5 @@
-/* Makes a "statuscacheptzsrc" element for a request for pan, tilt and zoom. The factory's only field is
- * written before the factory is shared, so any number of requests may ask it at once.
+/* Makes a "statuscacheptzsrc" element for a request for pan, tilt and zoom. The factory's field is written
+ * before the first request, so several requests can use it at once.
  */
 #include "ptzsourcefactory.h"
 
@@ -52,7 +52,7 @@ create_ptz_source(SourceFactory *self, GHashTable *params, GError **error)
   set_option(source, "channel", channel);
   set_option(source, "coordinate-space-pantilt", spaces.pan_tilt);
   set_option(source, "coordinate-space-zoom", spaces.zoom);
-  /* A filter selects its kind. With neither the element gives both. */
+  /* A filter selects one kind. Without a filter the element produces both. */
   g_object_set(source, "filter-position", ptz == PTZ_VALIDATION_PTZ_POSITION, "filter-status",
                ptz == PTZ_VALIDATION_PTZ_STATUS, "ptz-move-capabilities",
                PTZ_SOURCE_FACTORY(self)->ptz_move_capabilities, nullptr);
@@ -81,7 +81,7 @@ ptz_source_factory_iface_init(SourceFactoryInterface *iface)
  * ptz_source_factory_new:
  * @ptz_move_capabilities: the movements of the camera's head, as its driver reports them; 0 when unknown
  *
- * Makes a factory. Any thread.
+ * Any thread.
  *
  * Returns: (transfer full): a new factory of PTZ sources
  */

@@ -1,4 +1,4 @@
-/* Parses the parameters about pan, tilt and zoom, each of which is one digit. The functions keep no state. A
+/* Parses the parameters for pan, tilt and zoom, each of which is one digit. The functions keep no state. A
  * bad value sets the error and writes one line to the log.
  *
  * Texts: docs/compatibility.md, "blanks in texts".

@@ -26,7 +26,7 @@ G_DEFINE_TYPE_WITH_CODE(RadarSceneSourceFactory, radar_scene_source_factory, G_T
 
 #define RADAR_PRODUCER "RadarMotionTracker"
 
-/* What a radar reports of an object beside its shape; docs/compatibility.md, "radar sample frame". */
+/* A radar's data about an object besides its shape; docs/compatibility.md, "radar sample frame". */
 #define RADAR_APPEARANCE                                                                                     \
   "      <tt:Class>"                                                                                         \
   "        <tt:ClassCandidate>"                                                                              \
@@ -103,7 +103,7 @@ configure_radar_converter(GstElement *converter, gpointer user_data, GError **er
   return TRUE;
 }
 
-/* FALSE when too few descriptors are free for the query, or when the request is cancelled. */
+/* FALSE with @error set when too few descriptors are free for the query, or the request is cancelled. */
 gboolean
 find_rotation(gint32 channel, guint32 *rotation, GError **error)
 {
@@ -171,10 +171,10 @@ radar_scene_source_factory_iface_init(SourceFactoryInterface *iface)
 
 /**
  * radar_scene_source_factory_new:
- * @producers: (transfer none): the list to publish the radar motion tracker in; it outlives the factory
+ * @producers: (transfer none): the list to which the radar motion tracker is added; must outlive the factory
  *
- * Needs the producer configuration. The producer stays in the list when the factory is finalised. Main
- * thread.
+ * Must be called after producer_config_setup(). The producer stays in the list when the factory is finalised.
+ * Main thread.
  *
  * Returns: (transfer full): a new factory of radar scene sources
  */

@@ -1,10 +1,10 @@
-/* What the factories of scenes have in common, for one channel of the camera: the built-in producer and
- * whether it is enabled, and the bin
+/* The common code of the factories of scenes. It publishes a built-in producer, checks whether the producer
+ * is enabled on a channel, and builds the bin for one channel:
  *
  *   source -> capsfilter -> converter -> "src"
  *
- * Nothing here has a state. Everything except the publishing runs on the pool threads that call the
- * factories. What differs between the kinds, including the order of the steps, is in the factories.
+ * The functions keep no state. Differences between the kinds of scenes, including the order of the steps, are
+ * in the factories.
  */
 #include "scenesource.h"
 
@@ -23,7 +23,7 @@ fail(GError **error, const gchar *text)
   return FALSE;
 }
 
-/* Returns a full reference, so that a later failure leaves no floating one. */
+/* Returns a full reference, not a floating one. */
 GstElement *
 make_element(const gchar *factory, const gchar *name, const gchar *failure, GError **error)
 {
@@ -83,13 +83,13 @@ add_all(GstElement *bin, const std::array<Addition, 3> &additions, GError **erro
 
 /**
  * scene_source_publish_producer:
- * @producers: (transfer none): where the producer is listed
+ * @producers: (transfer none): the list of producers
  * @name: the producer's name
- * @nice_name: its name for people
- * @sample_frame_xml: what its output looks like
+ * @nice_name: its name for display
+ * @sample_frame_xml: an example of its data
  *
- * Makes a built-in producer with the channels that the producer configuration knows for it, and leaves it to
- * the list. Main thread, before the first request.
+ * Makes a built-in producer with the channels in the producer configuration, and adds it to the list. Must be
+ * called before the first request.
  */
 void
 scene_source_publish_producer(AnalyticsProducerList *producers, const gchar *name, const gchar *nice_name,
@@ -104,12 +104,10 @@ scene_source_publish_producer(AnalyticsProducerList *producers, const gchar *nam
 
 /**
  * scene_source_is_enabled:
- * @producers: (transfer none): where the producer is listed
+ * @producers: (transfer none): the list of producers
  * @name: the producer's name
  * @channel: a channel, also one that the producer does not support
- * @source_name: (out) (transfer full) (nullable): the name under which the producer is enabled there
- *
- * Any thread.
+ * @source_name: (out) (transfer full) (nullable): the configuration name on @channel
  *
  * Returns: whether the producer is listed and enabled on @channel
  */
@@ -126,14 +124,14 @@ scene_source_is_enabled(AnalyticsProducerList *producers, const gchar *name, gin
 /**
  * scene_source_new:
  * @kind: the kind of scenes
- * @channel: the channel whose scenes are asked for
+ * @channel: the channel of the scenes
  * @polygon: whether objects have polygons
  * @configure: called once, with the new converter
  * @user_data: for @configure
  * @error: (out) (optional): where to put the failure
  *
- * Builds the bin. A failure of its own is in the domain source_factory_error_quark(), with the text of @kind,
- * and logged as a warning; everything made until then is released. Any thread.
+ * Builds the bin. A failure, except one of @configure, has the domain source_factory_error_quark() and the
+ * text of @kind, and is logged at warning priority.
  *
  * Returns: (transfer floating) (nullable): a bin with one pad, "src"; %NULL with @error set
  */

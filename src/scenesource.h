@@ -9,7 +9,7 @@ G_BEGIN_DECLS
 /**
  * SCENE_SAMPLE_FRAME:
  * @producer: the source of the frame, a string literal
- * @more_appearance: what its object shows beside its shape, a string literal
+ * @more_appearance: the elements after the shape of its object, a string literal
  *
  * A sample frame of scenes as a string literal: the document pretty-printed with two blanks per level of
  * depth and joined into one line; docs/compatibility.md, "blanks in sample frames".
@@ -49,19 +49,22 @@ G_BEGIN_DECLS
  * SceneSourceKind:
  * @bin_name: the name of the bin
  * @source: the factory of the element that produces scenes, and the element's name
- * @filter_name: the name of the caps filter behind it
- * @media_type: what the filter lets through
- * @converter: the factory of the element that makes them ONVIF, and the element's name
- * @no_source: the error when @source cannot be made
- * @no_filter: the same for the caps filter
- * @no_converter: the same for @converter
- * @converter_not_added: the error when the converter cannot be put into the bin
- * @filter_not_added: the same for the caps filter
- * @source_not_added: the same for the source
- * @not_linked: the error when the three cannot be linked
+ * @filter_name: the name of the caps filter after it
+ * @media_type: the media type that the filter passes
+ * @converter: the factory of the element that converts scenes to ONVIF, and the element's name
+ * @no_source: the error when the source cannot be made
+ * @no_filter: the error when the caps filter cannot be made
+ * @no_converter: the error when the converter cannot be made
+ * @converter_not_added: the error when the converter cannot be added to the bin
+ * @filter_not_added: the error when the caps filter cannot be added to the bin
+ * @source_not_added: the error when the source cannot be added to the bin
+ * @not_linked: the error when the three elements cannot be linked
  * @no_ghost_pad: the error when the bin cannot get its pad
  *
- * What tells one kind of scene source from another: names, and the texts that a client reads.
+ * A kind of scene source: names, and the texts of errors.
+ *
+ * Any thread can call the functions of this component, except scene_source_publish_producer(), which is for
+ * the main thread.
  */
 typedef struct {
   const gchar *bin_name;
@@ -83,10 +86,10 @@ typedef struct {
 /**
  * SceneSourceConfigureFunc:
  * @converter: (transfer none): the new converter, in no bin yet
- * @user_data: what was given with the function
+ * @user_data: the data that was passed with the function
  * @error: (out) (optional): where to put the failure
  *
- * Returns: whether the converter can be used; %FALSE with @error set ends the building
+ * Returns: whether the converter can be used; %FALSE with @error set
  */
 typedef gboolean (*SceneSourceConfigureFunc)(GstElement *converter, gpointer user_data, GError **error);
 

@@ -2,11 +2,11 @@
  * as a producer.
  *
  * Order: first the parameters are checked in a fixed order, then whether the tracker is enabled on the
- * channel. Only then does the request wait for a scene provider, and last it asks the capture service. The
+ * channel. Then the request waits for a scene provider, and finally queries the capture service. The
  * factory's fields are written before the first request, so several requests can use it at once.
  *
  * Wait: it ends with a provider, at the deadline, with a shortage of descriptors, or when the calling
- * thread's current GCancellable is cancelled. Between two probes it takes no descriptor: the cancellation
+ * thread's current GCancellable is cancelled. Between two probes it uses no descriptor: the cancellation
  * signals a condition.
  */
 #include "scenesourcefactory.h"
@@ -97,7 +97,7 @@ parse_request(GHashTable *params, Request *request, GError **error)
          ptz_validation_lookup_spaces(params, &request->spaces, error);
 }
 
-/* Lets the calling thread sleep until a point in time or the cancellation. */
+/* Blocks the calling thread until a point in time or the cancellation. */
 class Pause
 {
 public:
@@ -146,7 +146,7 @@ private:
   GCond cancelled_;
 };
 
-/* 0 once the deadline has passed. */
+/* Returns 0 after the deadline. */
 gint
 milliseconds_until(gint64 deadline_us)
 {
@@ -227,17 +227,18 @@ create_scene_source(SourceFactory *factory, GHashTable *params, GError **error)
   g_autofree gchar *source_name = nullptr;
   guint32 rotation = 0;
 
-  /* docs/compatibility.md, "scene request gate". Guards no data, and is released before any wait. */
-  g_mutex_lock(&self->lock);
-  g_mutex_unlock(&self->lock);
+  /* docs/compatibility.md, "scene request gate". */
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+  }
 
   if (!parse_request(params, &request, error) ||
       !scene_source_is_enabled(self->producers, PRODUCER, request.channel, &source_name) ||
       !wait_for_scene_provider(self->scene_running_func, error)) {
     return nullptr;
   }
-  /* Without a rotation the request goes on without scenes (docs/compatibility.md, "rotation failure"). A
-   * shortage of descriptors fails it. */
+  /* Without a rotation the factory declines (docs/compatibility.md, "rotation failure"). A shortage of
+   * descriptors fails the request. */
   if (!capture_service_query_rotation(request.channel, &rotation, g_cancellable_get_current(), error)) {
     return nullptr;
   }
@@ -277,12 +278,12 @@ scene_source_factory_iface_init(SourceFactoryInterface *iface)
 
 /**
  * scene_source_factory_new:
- * @producers: (transfer none): the list to publish the video motion tracker in; it outlives the factory
- * @ptz_move_capabilities: what the PTZ driver can move, 0 when unknown
- * @scene_running_func: whether a scene provider is running
+ * @producers: (transfer none): the list to which the video motion tracker is added; must outlive the factory
+ * @ptz_move_capabilities: the movements of the camera's head, as its driver reports them; 0 when unknown
+ * @scene_running_func: returns whether a scene provider is running
  *
- * Needs the producer configuration. The producer stays in the list when the factory is finalised. Main
- * thread.
+ * Must be called after producer_config_setup(). The producer stays in the list when the factory is finalised.
+ * Main thread.
  *
  * Returns: (transfer full): a new factory of scene sources
  */

@@ -9,36 +9,35 @@ G_BEGIN_DECLS
 /**
  * SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS:
  *
- * How many seconds a request waits for a scene provider at most, including the time that the provider takes
- * to reply.
+ * The longest wait of a request for a scene provider, in seconds, including the provider's time to reply.
  */
 #define SCENE_SOURCE_FACTORY_MAX_WAIT_SECONDS 300
 
 /**
  * SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS:
  *
- * How long a request that waits for a scene provider pauses between two probes.
+ * The time between two probes while a request waits for a scene provider.
  */
 #define SCENE_SOURCE_FACTORY_PROBE_INTERVAL_MS 1000
 
 /**
  * SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS:
  *
- * How long a scene provider may take to reply to a probe.
+ * The longest wait for the reply to a probe.
  */
 #define SCENE_SOURCE_FACTORY_PROBE_TIMEOUT_MS 1000
 
 /**
  * SceneRunningFunc:
- * @timeout_ms: how many milliseconds the reply may take; with 0 the function does not wait for it
+ * @timeout_ms: the longest wait for the reply, in milliseconds; 0 makes the call without waiting for it
  * @cancellable: (nullable): ends the wait for the reply
  * @error: (out) (optional): where to put a shortage of descriptors or the cancellation; other failures are
  *   no errors
  *
- * Called on the request server's pool threads, for several requests at once.
+ * Called on the server's pool threads, for several requests at once.
  *
  * Returns: whether a scene provider is running; %FALSE with @error set to %G_IO_ERROR_TOO_MANY_OPEN_FILES
- *   when too few descriptors are free to ask, or to %G_IO_ERROR_CANCELLED
+ *   when too few descriptors are free for the probe, or to %G_IO_ERROR_CANCELLED
  */
 typedef gboolean (*SceneRunningFunc)(gint timeout_ms, GCancellable *cancellable, GError **error);
 
