@@ -1,13 +1,12 @@
-/* Converts sample frames on threads of their own, a few at a time and in order.
+/* Converts sample frames in order, each on its own thread and a few at a time.
  *
- * The conversion's thread owns its fields until it hands them back through the main loop. Meanwhile the main
- * thread uses only the other fields. A thread cannot be ended from outside. A conversion that takes too long
- * is given up: its caller gets the failure, the next one takes its place, and the thread remains until the
- * converter returns.
+ * The thread owns some fields of a conversion until it returns them through the main loop; the main thread
+ * owns the others. A thread cannot be cancelled. A conversion that takes too long is therefore abandoned: its
+ * caller gets the failure, the next one begins, and the thread remains until the converter returns.
  *
  * A conversion waits while there are too few descriptors or threads for it.
  *
- * The main thread starts conversions from a source of its own, so that no caller is called back before
+ * Conversions are started by a source of the main loop, so that no function is called before
  * sample_frame_queue_add() has returned.
  */
 #include "sampleframequeue.h"
@@ -28,7 +27,7 @@ struct SampleFrameConversion {
   /* Owned by the main thread. */
   SampleFrameFunc func; /* NULL after it was called or cancelled */
   gpointer user_data;
-  guint deadline_id; /* 0 before the thread starts and after it is given up */
+  guint deadline_id; /* 0 before the start and after the conversion is abandoned */
   DescriptorReservation *reservation;
 };
 
@@ -37,8 +36,8 @@ namespace
 
 GQueue waiting_conversions = G_QUEUE_INIT; /* of SampleFrameConversion */
 guint running_conversions;
-guint stuck_conversions;    /* those that were given up, whose threads are still there */
-guint start_conversions_id; /* the source that begins the next ones, or 0 */
+guint stuck_conversions;    /* abandoned ones, whose threads still run */
+guint start_conversions_id; /* the source that starts the next ones, or 0 */
 gboolean short_of_resources;
 
 /* Shortages can begin and end often. */
@@ -123,7 +122,7 @@ fail_conversion(SampleFrameConversion *conversion)
   free_conversion(conversion);
 }
 
-/* The deadline is set first, because the thread can end at once. */
+/* The deadline is set first, because the thread can end immediately. */
 gboolean
 start_conversion_thread(SampleFrameConversion *conversion, GError **error)
 {
@@ -166,7 +165,7 @@ back_off_conversions(const GError *error)
   start_conversions_id = g_timeout_add(SAMPLE_FRAME_QUEUE_BACKOFF_MS, start_conversions, nullptr);
 }
 
-/* Each running conversion can get stuck. When too many are, none is started, and the waiting ones fail. */
+/* Each running conversion can get stuck, so running ones count towards the limit of stuck ones. */
 gboolean
 has_room_for_conversion()
 {
@@ -228,7 +227,7 @@ sample_frame_queue_add(gchar *json, const gchar *producer_name, SampleFrameFunc 
  * sample_frame_queue_cancel:
  * @conversion: (transfer none): a conversion whose function has not been called
  *
- * Cancels a conversion: its function is not called. A running one keeps its place until it ends.
+ * Cancels a conversion: its function is not called. A running one still counts as running until it ends.
  */
 void
 sample_frame_queue_cancel(SampleFrameConversion *conversion)

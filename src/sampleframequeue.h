@@ -7,21 +7,21 @@ G_BEGIN_DECLS
 /**
  * SAMPLE_FRAME_QUEUE_MAX_RUNNING:
  *
- * How many sample frames are converted at a time; the others wait.
+ * The number of sample frames that are converted at a time; the others wait.
  */
 #define SAMPLE_FRAME_QUEUE_MAX_RUNNING 2
 
 /**
  * SAMPLE_FRAME_QUEUE_MAX_SECONDS:
  *
- * How long a conversion may take. After that it has failed, and the next one begins.
+ * The longest time of a conversion. After that it has failed, and the next one begins.
  */
 #define SAMPLE_FRAME_QUEUE_MAX_SECONDS 10
 
 /**
  * SAMPLE_FRAME_QUEUE_MAX_STUCK:
  *
- * How many conversions that took too long may still occupy a thread. At this number the converter counts as
+ * The number of abandoned conversions that still occupy a thread. At this number the converter counts as
  * broken: further conversions fail until one of them returns.
  */
 #define SAMPLE_FRAME_QUEUE_MAX_STUCK 8
@@ -29,14 +29,14 @@ G_BEGIN_DECLS
 /**
  * SAMPLE_FRAME_QUEUE_DESCRIPTORS:
  *
- * How many descriptors the pipeline of a conversion opens at most.
+ * The largest number of descriptors that the pipeline of a conversion opens.
  */
 #define SAMPLE_FRAME_QUEUE_DESCRIPTORS 8
 
 /**
  * SAMPLE_FRAME_QUEUE_BACKOFF_MS:
  *
- * How long conversions back off when there are too few descriptors or threads for one.
+ * The back-off when there are too few descriptors or threads for a conversion.
  */
 #define SAMPLE_FRAME_QUEUE_BACKOFF_MS 250
 
@@ -50,7 +50,7 @@ typedef struct SampleFrameConversion SampleFrameConversion;
 /**
  * SampleFrameFunc:
  * @xml: (transfer none) (nullable): the sample frame as ONVIF XML, or %NULL when it could not be converted
- * @user_data: what sample_frame_queue_add() was given
+ * @user_data: the data that was passed to sample_frame_queue_add()
  *
  * Called on the main thread at the end of the conversion.
  */
