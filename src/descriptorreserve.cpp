@@ -8,9 +8,9 @@
  * A reservation lasts while its holder opens descriptors. Then the descriptors count as used, and the holder
  * frees the reservation. In between an open descriptor counts twice, so the sum is never too low.
  *
- * The kernel is asked which descriptors are open, because platform elements open descriptors without a
- * reservation. Asking takes no descriptor. It begins at the highest number: while there are many free
- * descriptors, they are there.
+ * Platform elements open descriptors without a reservation, so the kernel is queried for open descriptors.
+ * The query needs no descriptor. It begins at the highest number, where the descriptors are free as long as
+ * there are many.
  */
 #include "descriptorreserve.h"
 
@@ -87,7 +87,7 @@ descriptor_reservation_new(guint count, GError **error)
  * descriptor_reservation_free:
  * @self: (transfer full): a reservation
  *
- * Gives the reserved descriptors back.
+ * Ends the reservation.
  */
 void
 descriptor_reservation_free(DescriptorReservation *self)

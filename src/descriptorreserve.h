@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * DESCRIPTOR_RESERVE_SIZE:
  *
- * How many file descriptors always stay free, for the bus, the producers' file and the log.
+ * The number of file descriptors that always stay free, for the bus, the producers' file and the log.
  */
 #define DESCRIPTOR_RESERVE_SIZE 32
 

@@ -1,8 +1,9 @@
-/* What the elements of clients' pipelines warn of: a converter of a frame that it drops, a detector of a box
- * outside the picture. The stream goes on, and an element may warn of every frame of every client.
+/* Logs warnings of the elements in clients' pipelines, for example of a converter about a malformed frame.
+ * The stream continues after a warning, so each frame of each client can cause one.
  *
- * A kind is the factory of the element with the domain and the code of the warning, so that all clients'
- * elements share a line. A kind whose interval is over gives its place to another one.
+ * The rate is limited for each kind of warning. A kind is the element's factory with the domain and code of
+ * the warning, so the elements of all clients share a line. A kind whose interval is over is replaced by a
+ * new one.
  */
 #include "elementwarnings.h"
 
@@ -27,7 +28,7 @@ std::array<Kind, ELEMENT_WARNINGS_MAX_KINDS> kinds;
 
 RateLimitedLog other_kinds = RATE_LIMITED_LOG_INIT(ELEMENT_WARNINGS_INTERVAL_US);
 
-/* An element's name would differ between clients. */
+/* Returns the element's factory, because its name differs between clients. */
 const gchar *
 get_source(GstMessage *message)
 {
@@ -63,8 +64,7 @@ find_log(const gchar *source, const GError *warning)
   return &idle->log;
 }
 
-/* GStreamer puts the place in the element's code before the element's own details, with a line feed between.
- */
+/* The debug text is the position in the element's code, a line feed, and the element's details. */
 gchar *
 make_text(const GError *warning, const gchar *debug)
 {
@@ -81,8 +81,8 @@ make_text(const GError *warning, const gchar *debug)
  * element_warnings_log:
  * @message: (transfer none): a warning on the bus of a client's pipeline
  *
- * Logs a warning of an element, or counts it when its kind has had a line less than
- * %ELEMENT_WARNINGS_INTERVAL_US ago. Main thread.
+ * Logs a warning of an element, at most one of its kind in %ELEMENT_WARNINGS_INTERVAL_US, with the count of
+ * the others. Main thread.
  *
  * Warnings: "Warning from %s in metadata connection manager pipeline: %s"
  */

@@ -7,14 +7,14 @@ G_BEGIN_DECLS
 /**
  * ELEMENT_WARNINGS_INTERVAL_US:
  *
- * How long a warning is only counted after a line about its kind, in microseconds.
+ * The interval in which each kind of warning has one line, in microseconds.
  */
 #define ELEMENT_WARNINGS_INTERVAL_US (60 * G_TIME_SPAN_SECOND)
 
 /**
  * ELEMENT_WARNINGS_MAX_KINDS:
  *
- * How many kinds of warnings have a line of their own in an interval. All others share one more.
+ * The number of kinds of warnings that have separate lines. All others share one more.
  */
 #define ELEMENT_WARNINGS_MAX_KINDS 32
 

@@ -1,8 +1,6 @@
-/* The socket on which the server listens. systemd may have passed one for the path (socket activation), which
- * is then used as it is. Otherwise this component binds a socket of its own and gives it the mode that lets
- * owner and group connect.
- *
- * The component keeps no state. The texts name the metadata server, the only user.
+/* Opens the socket on which the server listens. A socket that systemd has passed for the path (socket
+ * activation) is used unchanged. Otherwise a new socket is bound, with a mode that lets owner and group
+ * connect.
  */
 #include "listeningsocket.h"
 
@@ -26,8 +24,7 @@ is_activated_socket(gint fd, const gchar *path)
   return sd_is_socket_unix(fd, SOCK_STREAM, 1, path, 0) > 0;
 }
 
-/* Closes the first socket once for every matching one (docs/compatibility.md, "several activated sockets").
- * The start fails, and the process ends. */
+/* Closes the first socket once for each matching one; docs/compatibility.md, "several activated sockets". */
 void
 refuse_activated_sockets(gint first_fd, gint end_fd, const gchar *path)
 {
@@ -114,7 +111,7 @@ create_listening_socket(const gchar *path)
 
 /**
  * listening_socket_open:
- * @path: (transfer none): where the clients connect
+ * @path: (transfer none): the path to which the clients connect
  *
  * Takes the listening socket that systemd passed for @path. Without one, replaces the file at @path by a new
  * socket with mode 0660. Leaves LISTEN_FDS and LISTEN_PID in the environment. Main thread.

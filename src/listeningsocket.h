@@ -7,7 +7,7 @@ G_BEGIN_DECLS
 /**
  * LISTENING_SOCKET_BACKLOG:
  *
- * How many connections the kernel keeps until they are accepted.
+ * The number of connections that the kernel queues until they are accepted.
  */
 #define LISTENING_SOCKET_BACKLOG 10
 

@@ -33,7 +33,7 @@ constexpr const char *DEFAULT_RUN_DIR = "/run/tessard";
 constexpr int RUN_DIR_MODE = 0771;
 constexpr mode_t PROCESS_UMASK = 002;
 
-/* A kind of metadata that the daemon offers when the platform's plug-in for it is installed. */
+/* A kind of metadata that the daemon offers if the platform's plug-in for it is installed. */
 struct Kind {
   const gchar *plugin;
   const gchar *adding;
@@ -72,7 +72,7 @@ refuse_root()
              "su -c \"env GST_REGISTRY=/etc/gstreamer/registry.bin /usr/bin/tessard\" -s /bin/sh metadata\n");
 }
 
-/* A write to a client that has gone then fails with an error, instead of ending the daemon. */
+/* Otherwise a write to a client that has hung up would end the daemon. */
 void
 ignore_sigpipe()
 {
@@ -114,7 +114,7 @@ print_version()
   g_print("%s\n", gst_version);
 }
 
-/* Hook for ports to a platform: runs before the daemon sets up anything. Empty here. */
+/* A hook for ports to a platform, which runs before any other set-up. */
 void
 tessard_init()
 {
@@ -131,7 +131,6 @@ create_run_dir(const gchar *run_dir)
   return TRUE;
 }
 
-/* By the name of the plug-in, not of an element in it. */
 gboolean
 has_plugin(const gchar *name)
 {
@@ -140,7 +139,7 @@ has_plugin(const gchar *name)
   return plugin != nullptr;
 }
 
-/* Takes the factory over. */
+/* Takes ownership of the factory. */
 void
 register_factory(Server *server, gpointer factory)
 {
@@ -191,7 +190,7 @@ load_producer_config()
   return TRUE;
 }
 
-/* Nothing in the daemon quits the loop: it runs until a signal ends the process. */
+/* The loop runs until a signal ends the process. */
 int
 run(const gchar *run_dir)
 {
@@ -201,9 +200,9 @@ run(const gchar *run_dir)
   }
   memory_start_trimming();
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-  /* Outlives the server, whose factories borrow it. */
+  /* Must outlive the server, whose factories borrow it. */
   g_autoptr(AnalyticsProducerList) producers = nullptr;
-  g_autoptr(Server) server = TESSARD_SERVER(g_object_new(server_get_type(), "run-dir", run_dir, nullptr));
+  g_autoptr(Server) server = TESSARD_SERVER(g_object_new(TESSARD_TYPE_SERVER, "run-dir", run_dir, nullptr));
 
   if (!load_producer_config()) {
     return EXIT_FAILURE;
@@ -218,7 +217,6 @@ run(const gchar *run_dir)
     syslog(LOG_ERR, "Could not start server.");
     return EXIT_FAILURE;
   }
-  /* Without the receiver service there are no external producers, and everything else is there. */
   syslog(LOG_INFO, "Setting up D-Bus client.");
   dbus_client_init(producers);
   g_main_loop_run(loop);

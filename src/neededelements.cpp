@@ -1,5 +1,5 @@
-/* The GStreamer elements that clients' pipelines are made of. A missing one fails requests only when they
- * arrive, so the start checks for them all. The registry has the answer in memory, and no plug-in is loaded.
+/* Checks at start-up whether the GStreamer elements of clients' pipelines are installed: without the check,
+ * only failed requests would show that one is missing. The look-up in the registry loads no plug-in.
  */
 #include "neededelements.h"
 
@@ -11,7 +11,7 @@
 namespace
 {
 
-/* An element that is needed where one of @plugins is installed, or always when there are none. */
+/* An element that is needed if one of @plugins is installed; without @plugins it is always needed. */
 struct Need {
   const gchar *element;
   std::array<const gchar *, 2> plugins;
@@ -31,7 +31,7 @@ constexpr std::array NEEDS = {
     Need{"scene2xml", {"scene"}},
     Need{"radarscenesrc", {"radarscene"}},
     Need{"radarscene2xml", {"radarscene"}},
-    /* A request for analytics fails without it, also where there are no external producers. */
+    /* A request for analytics fails without it, also if there are no external producers. */
     Need{"json2xml", {"scene", "radarscene"}},
 };
 
@@ -58,12 +58,12 @@ is_missing(const Need &need)
 /**
  * needed_elements_check:
  *
- * Looks for every element without which requests for what is installed fail. To be called after GStreamer is
+ * Looks for the elements that requests need with the installed plug-ins. Must be called after GStreamer is
  * initialised. Any thread.
  *
  * Warnings: "GStreamer elements are missing, and requests that need them fail: %s.", once for all of them
  *
- * Returns: %TRUE when nothing is missing
+ * Returns: whether all elements are installed
  */
 gboolean
 needed_elements_check(void)

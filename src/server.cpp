@@ -1,20 +1,20 @@
 /* Accepts clients, reads their requests and starts their streams. The main thread accepts connections and
- * reads requests. Two pool threads ask the factories for sources and prepare the pipelines. A connection
- * whose request succeeds goes to a ConnectionManager, and the server keeps no trace of it.
+ * reads requests. Two pool threads request sources from the factories and prepare the pipelines. A
+ * ConnectionManager takes over a connection whose request succeeds.
  *
  * A connection waits twice: on the main loop until its request is complete, then in the queue of the pool.
  * Pool threads never wait for a client to send, so a slow or silent client delays no other. Limits:
  * SERVER_MAX_WAITING_REQUESTS for both waits together, SERVER_MAX_UNFINISHED_REQUESTS for the connections of
  * one user in the first.
  *
- * Threads. Factories are registered before the start and stay until finalisation, so pool threads read the
+ * Threads: factories are registered before the start and stay until finalisation, so pool threads read the
  * list without a lock. The main thread owns everything else of the instance. It also owns each Connection
- * until the Connection is queued; from then on one pool thread owns it.
+ * until the Connection is queued; after that one pool thread owns it.
  *
- * Descriptors. Clients decide how many are open, and DESCRIPTOR_RESERVE_SIZE of them must stay free. A pool
+ * Descriptors: clients decide how many are open, and DESCRIPTOR_RESERVE_SIZE of them must stay free. A pool
  * thread reserves the descriptors of a pipeline, and takes the client's place among the streaming clients,
- * before it makes any part of the pipeline. The main thread refuses a connection that touches the reserve as
- * soon as it is accepted: in the backlog the connection would wake the accept watch forever.
+ * before it makes any part of the pipeline. The main thread accepts a connection that touches the reserve and
+ * refuses it immediately: in the backlog the connection would wake the accept watch forever.
  */
 #include "server.h"
 
@@ -42,10 +42,10 @@
 struct ServerPrivate {
   GThreadPool *pool = nullptr;
   GIOChannel *channel = nullptr;
-  guint watch_id = 0; /* the accept watch, or the time-out that puts it back */
+  guint watch_id = 0; /* the accept watch, or the time-out that installs it again */
   gchar *socket_path = nullptr;
   GSList *factories = nullptr;
-  GQueue reading = G_QUEUE_INIT; /* the Connections whose requests have not arrived */
+  GQueue reading = G_QUEUE_INIT; /* the Connections whose requests are incomplete */
   gboolean running = FALSE;
   gchar *run_dir = g_strdup(".");
   int spare_fd = -1;
@@ -88,7 +88,7 @@ struct Connection {
   uid_t user;
   RequestReader *reader;
   ClientPlace *place;                 /* while a pool thread handles the request */
-  DescriptorReservation *reservation; /* the same */
+  DescriptorReservation *reservation; /* while a pool thread handles the request */
 };
 
 void
@@ -114,7 +114,7 @@ connection_free(Connection *connection)
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(Connection, connection_free)
 
-/* A write fails only when the client has hung up, which needs no handling here. */
+/* A write that fails because the client has hung up needs no handling. */
 void
 reply(GIOChannel *channel, const gchar *text)
 {
@@ -159,8 +159,8 @@ take_resources(Connection *connection, gchar **failure)
   return TRUE;
 }
 
-/* Asks all factories in the order of registration. Returns NULL and sets @failure when the request fails or
- * @cancellable is cancelled, that is, when the client has hung up. */
+/* Calls all factories in the order of registration. Returns NULL and sets @failure when the request fails or
+ * the client has hung up, which cancels @cancellable. */
 GList *
 create_sources(Server *self, GHashTable *params, GCancellable *cancellable, gchar **failure)
 {
@@ -245,7 +245,7 @@ handle_connection(Connection *item)
   serve(connection, channel, sources);
 }
 
-/* Runs on a pool thread, which can be idle for long afterwards. */
+/* Called on a pool thread, which can be idle for long afterwards. */
 void
 handle_request(gpointer item, gpointer user_data)
 {
@@ -260,8 +260,8 @@ discard_request(gpointer item)
   connection_free(static_cast<Connection *>(item));
 }
 
-/* Queues a connection whose request is complete, or cannot become complete. Closes it instead when the client
- * has hung up. */
+/* Queues a connection when its request is complete or has failed, or closes it when the client has hung up.
+ */
 void
 on_request_read(RequestReader *reader, gpointer user_data)
 {
@@ -340,10 +340,10 @@ refuse_for_shortage(int fd)
   close_accepted(fd);
 }
 
-/* Can fail even after give_up_spare_descriptor(), when another thread takes the free number first. It is
- * therefore called again after every accepted connection. */
+/* Can fail even after close_spare_descriptor(), when another thread uses the free number first. It is
+ * therefore called again after each accepted connection. */
 void
-keep_spare_descriptor(Server *self)
+open_spare_descriptor(Server *self)
 {
   if (self->priv->spare_fd < 0) {
     self->priv->spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -351,15 +351,15 @@ keep_spare_descriptor(Server *self)
 }
 
 void
-give_up_spare_descriptor(Server *self)
+close_spare_descriptor(Server *self)
 {
   if (self->priv->spare_fd >= 0) {
     close(std::exchange(self->priv->spare_fd, -1));
   }
 }
 
-/* Platform elements open descriptors without a reservation, so no descriptor may be free. The spare one is
- * then closed to make room for a waiting connection, which is accepted and refused. FALSE when the connection
+/* Platform elements open descriptors without a reservation and can use up all of them. The spare one is then
+ * closed to make room for a waiting connection, which is accepted and refused. FALSE when the connection
  * still waits. */
 gboolean
 refuse_waiting_connection(Server *self, int listening_fd)
@@ -368,12 +368,12 @@ refuse_waiting_connection(Server *self, int listening_fd)
     return FALSE;
   }
 
-  give_up_spare_descriptor(self);
+  close_spare_descriptor(self);
   const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd >= 0) {
     refuse_for_shortage(fd);
   }
-  keep_spare_descriptor(self);
+  open_spare_descriptor(self);
   return fd >= 0;
 }
 
@@ -465,7 +465,7 @@ server_class_init(ServerClass *klass)
   /**
    * Server:run-dir:
    *
-   * The folder of the listening socket. Writes have no effect while the server runs; %NULL has none ever.
+   * The folder of the listening socket. Changes while the server runs, and %NULL, are ignored.
    */
   server_properties[PROP_RUN_DIR] =
       g_param_spec_string("run-dir", "Run directory", "Run directory", ".",
@@ -486,7 +486,7 @@ on_backed_off(gpointer user_data)
 }
 
 /* Removes the accept watch for SERVER_ACCEPT_BACKOFF_MS: a connection or an error that it cannot handle would
- * wake it again at once and keep the main loop busy. Returns what the watch's callback has to return. */
+ * wake it again immediately and keep the main loop busy. Returns the result for the watch's callback. */
 gboolean
 back_off(Server *self)
 {
@@ -525,7 +525,7 @@ on_accept(GIOChannel *channel, GIOCondition condition, gpointer user_data)
   } else {
     refuse_for_shortage(fd);
   }
-  keep_spare_descriptor(self);
+  open_spare_descriptor(self);
   return G_SOURCE_CONTINUE;
 }
 
@@ -542,9 +542,9 @@ watch_for_connections(Server *self)
 /**
  * server_register_source_factory:
  * @self: (transfer none): a stopped server
- * @factory: (transfer none): a factory; each request asks the factories in the order of registration
+ * @factory: (transfer none): a factory; each request calls the factories in the order of registration
  *
- * Takes a reference to the factory. Main thread.
+ * Adds a factory, to which the server takes a reference.
  *
  * Warnings: "priv->running == FALSE" and "factory != NULL" are preconditions; nothing changes when one of
  * them fails.
@@ -565,7 +565,7 @@ server_register_source_factory(Server *self, SourceFactory *factory)
  * @self: (transfer none): a server
  *
  * Opens the listening socket at "metadata" in the run directory and begins to accept connections. The server
- * holds a reference to itself until server_stop(). Main thread.
+ * holds a reference to itself until server_stop().
  *
  * Errors in the log: those of listening_socket_open(); "Could not create thread pool for metadata server:
  * '%s'."
@@ -592,7 +592,7 @@ server_start(Server *self)
   }
 
   g_object_ref(self);
-  keep_spare_descriptor(self);
+  open_spare_descriptor(self);
   priv->channel = g_io_channel_unix_new(fd);
   watch_for_connections(self);
   priv->socket_path = g_steal_pointer(&socket_path);
@@ -606,7 +606,7 @@ server_start(Server *self)
  *
  * Undoes server_start(): drops the requests that are incomplete or queued, waits for those that pool threads
  * handle, closes the listening socket and removes its file, also of a socket that systemd passed. Streaming
- * clients continue. Does nothing when the server does not run. The caller must hold a reference. Main thread.
+ * clients continue. Has no effect when the server does not run. The caller must hold a reference.
  *
  * Warnings: "Could not remove metadata server's I/O watch."; "Could not shut down metadata server's io
  * channel: %s"; "Could not remove metadata server socket file."
@@ -631,6 +631,6 @@ server_stop(Server *self)
     syslog(LOG_WARNING, "Could not remove metadata server socket file.");
   }
   g_clear_pointer(&priv->socket_path, g_free);
-  give_up_spare_descriptor(self);
+  close_spare_descriptor(self);
   priv->running = FALSE;
 }

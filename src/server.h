@@ -7,44 +7,44 @@ G_BEGIN_DECLS
 /**
  * SERVER_MAX_WAITING_REQUESTS:
  *
- * A new connection is kept only while at most this many others wait, for the end of their request or for a
- * pool thread. So the highest number of waiting connections is one more.
+ * A new connection is kept only while at most this many others wait, for the rest of their request or for a
+ * pool thread. So the largest number of waiting connections is one more.
  */
 #define SERVER_MAX_WAITING_REQUESTS 100
 
 /**
  * SERVER_MAX_UNFINISHED_REQUESTS:
  *
- * How many of the waiting connections may be of one user and without a complete request.
+ * The number of waiting connections of one user that have no complete request.
  */
 #define SERVER_MAX_UNFINISHED_REQUESTS 64
 
 /**
  * SERVER_MAX_REQUEST_BYTES:
  *
- * The length of the longest request, from "OPEN" to the empty line.
+ * The longest request, from "OPEN" to the empty line.
  */
 #define SERVER_MAX_REQUEST_BYTES (64 * 1024)
 
 /**
  * SERVER_REQUEST_TIMEOUT_MS:
  *
- * How long a client may take to send its request, counted from the acceptance of its connection.
+ * The time for a client to send its request, from the acceptance of its connection.
  */
 #define SERVER_REQUEST_TIMEOUT_MS (10 * 1000)
 
 /**
  * SERVER_ACCEPT_BACKOFF_MS:
  *
- * How long no connection is accepted after one that could be neither accepted nor refused.
+ * The time without accepting after a connection that could be neither accepted nor refused.
  */
 #define SERVER_ACCEPT_BACKOFF_MS 250
 
 /**
  * SERVER_PIPELINE_DESCRIPTORS:
  *
- * How many descriptors a client's pipeline opens at most: four of its own, and two for each platform element
- * (one source of each kind, and the document element).
+ * The largest number of descriptors that a client's pipeline opens: four of its own, and two for each
+ * platform element (one source of each kind, and the document element).
  */
 #define SERVER_PIPELINE_DESCRIPTORS 16
 
@@ -55,7 +55,12 @@ G_BEGIN_DECLS
  */
 #define SERVER_SHORTAGE_WARNING_INTERVAL_MS 1000
 
-#define SERVER_TYPE (server_get_type())
+/**
+ * Server:
+ *
+ * The server of the clients' socket. The functions of this component are for the main thread.
+ */
+#define TESSARD_TYPE_SERVER (server_get_type())
 G_DECLARE_FINAL_TYPE(Server, server, TESSARD, SERVER, GObject)
 
 void server_register_source_factory(Server *self, SourceFactory *factory);

@@ -1,4 +1,4 @@
-/* For a person who starts the daemon by hand. All functions are for the main thread, at the start. */
+/* Makes the daemon usable from a terminal. */
 #include "terminal.h"
 
 #include <syslog.h>
@@ -7,8 +7,8 @@
 /**
  * terminal_show_log:
  *
- * Has every later line of the log written to standard error too, when that is a terminal. Otherwise changes
- * nothing: a service manager keeps standard error in the same log, which would then have each line twice.
+ * Writes later lines of the log to standard error too, if that is a terminal. Otherwise standard error may go
+ * to the same log, which would then have each line twice.
  */
 void
 terminal_show_log(void)
@@ -20,13 +20,12 @@ terminal_show_log(void)
 
 /**
  * terminal_check_arguments:
- * @argc: how many arguments are left after the options were parsed, the program's name included
+ * @argc: the number of arguments after the options were parsed, including the program's name
  * @argv: these arguments
  *
- * The daemon has options alone. An argument that is none is refused on standard error, with a line on the
- * usage.
+ * Refuses all arguments except options: prints the first one to standard error, with a line about the usage.
  *
- * Returns: %FALSE when there is such an argument
+ * Returns: %FALSE when there is an argument
  */
 gboolean
 terminal_check_arguments(int argc, char **argv)
