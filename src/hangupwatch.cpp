@@ -31,10 +31,10 @@ on_hang_up(gint fd, GIOCondition condition, gpointer user_data)
 
 /**
  * hang_up_watch_new:
- * @fd: a client's connected stream socket; open for as long as the watch lives
+ * @fd: a client's connected stream socket; must stay open while the watch exists
  *
  * Makes a new cancellable the calling thread's current one. The main loop cancels it when the client hangs
- * up. Any thread.
+ * up.
  *
  * Returns: (transfer full): the watch, to be freed by the calling thread
  */
@@ -56,8 +56,7 @@ hang_up_watch_new(int fd)
  * hang_up_watch_free:
  * @self: (transfer full): the watch that the calling thread made last
  *
- * Ends the watch and makes the thread's previous cancellable its current one again. Called on the thread that
- * made @self.
+ * Ends the watch and makes the thread's previous cancellable its current one again.
  *
  * Warnings: "self != NULL" is a precondition.
  */
@@ -77,7 +76,7 @@ hang_up_watch_free(HangUpWatch *self)
  * hang_up_watch_is_gone:
  * @fd: a client's connected stream socket
  *
- * Checks without waiting. Any thread.
+ * Does not block.
  *
  * Returns: whether the client has hung up; a client that has ended only its writing half has not
  */

@@ -7,7 +7,8 @@ G_BEGIN_DECLS
 /**
  * HangUpWatch:
  *
- * Cancels a thread's work for a client when the client hangs up.
+ * Cancels a thread's work for a client when the client hangs up. Any thread can call the functions of this
+ * component; the thread that makes a watch also frees it.
  */
 typedef struct HangUpWatch HangUpWatch;
 

@@ -19,7 +19,7 @@ typedef struct MessageCutter MessageCutter;
  * @MESSAGE_CUTTER_PAYLOAD: bytes of the payload
  * @MESSAGE_CUTTER_COMPLETE: a call of message_cutter_take_frame()
  *
- * What a cutter expects.
+ * What a cutter expects next.
  */
 typedef enum {
   MESSAGE_CUTTER_LENGTH,

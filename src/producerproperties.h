@@ -7,21 +7,21 @@ G_BEGIN_DECLS
 /**
  * PRODUCER_PROPERTIES_MAX_NAME_BYTES:
  *
- * The length of a producer's name.
+ * The longest name of a producer.
  */
 #define PRODUCER_PROPERTIES_MAX_NAME_BYTES 255
 
 /**
  * PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES:
  *
- * The length of a producer's name for display.
+ * The longest name of a producer for display.
  */
 #define PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES 1024
 
 /**
  * PRODUCER_PROPERTIES_MAX_CHANNELS:
  *
- * How many video channels a producer may support.
+ * The number of video channels of a producer.
  */
 #define PRODUCER_PROPERTIES_MAX_CHANNELS 256
 

@@ -131,8 +131,8 @@ on_request_ready(gint fd, GIOCondition condition, gpointer user_data)
 /**
  * request_reader_new:
  * @fd: a connected stream socket; open for as long as the reader reads
- * @max_bytes: the longest length of the request, at least 1
- * @timeout_ms: how many milliseconds the request may take, counted from now
+ * @max_bytes: the limit for the length of the request, at least 1
+ * @timeout_ms: the limit for the time of the request, in milliseconds from now
  * @on_end: called when the reader ends
  * @user_data: for @on_end
  *
