@@ -24,19 +24,19 @@ get_property(const gchar *path, GVariant *properties, const gchar *name, const G
   return producer_bus_check_type(value, name, type, error) ? g_steal_pointer(&value) : nullptr;
 }
 
-bool
+gboolean
 read_text(const gchar *path, GVariant *properties, const gchar *name, std::string *text, GError **error)
 {
   g_autoptr(GVariant) value = get_property(path, properties, name, G_VARIANT_TYPE_STRING, error);
 
   if (value == nullptr) {
-    return false;
+    return FALSE;
   }
   *text = g_variant_get_string(value, nullptr);
-  return true;
+  return TRUE;
 }
 
-bool
+gboolean
 comes_before(const Producer &one, const Producer &other)
 {
   return one.name != other.name ? one.name < other.name : one.path < other.path;

@@ -22,7 +22,6 @@
 #include <gio/gunixoutputstream.h>
 #include <glib-unix.h>
 #include <gst/app/gstappsink.h>
-#include <mutex>
 #include <unistd.h>
 #include <vector>
 
@@ -72,7 +71,7 @@ struct Session {
   gboolean shows_progress = FALSE;
   ProgressLine progress;
 
-  std::mutex lock; /* guards the two below */
+  GMutex lock; /* protects the next two */
   gboolean finished = FALSE;
   GError *outcome = nullptr;
 };
@@ -80,6 +79,7 @@ struct Session {
 Session::Session(const StreamOptions *stream_options)
     : options(stream_options), loop(g_main_loop_new(nullptr, FALSE)), cancellable(g_cancellable_new())
 {
+  g_mutex_init(&lock);
 }
 
 Session::~Session()
@@ -91,6 +91,7 @@ Session::~Session()
   g_clear_object(&cancellable);
   g_clear_pointer(&loop, g_main_loop_unref);
   g_clear_error(&outcome);
+  g_mutex_clear(&lock);
   if (output_fd >= 0 && output_fd != STDOUT_FILENO) {
     close(output_fd);
   }
@@ -112,7 +113,7 @@ finish(Session *session, GError *outcome)
   g_autoptr(GError) owned = outcome;
 
   {
-    const std::lock_guard guard(session->lock);
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&session->lock);
     if (session->finished) {
       return;
     }

@@ -24,8 +24,7 @@ struct _TessardSimJsonToXml {
 };
 
 enum {
-  PROP_0,
-  PROP_EXCLUDE_POLYGON,
+  PROP_EXCLUDE_POLYGON = 1,
   PROP_SAMPLE_FRAME,
   N_PROPERTIES,
 };

@@ -42,8 +42,7 @@ struct _TessardSimEventSrc {
 };
 
 enum {
-  PROP_0,
-  PROP_EVENT_TOPIC,
+  PROP_EVENT_TOPIC = 1,
   PROP_EVENT_CONTENT,
   N_PROPERTIES,
 };
@@ -158,7 +157,7 @@ read_contents(TessardSimEventSrc *self, const char *text)
 } /* namespace */
 
 static void
-tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   State *state = TESSARD_SIM_EVENT_SRC(object)->state;
   GST_OBJECT_LOCK(object);
@@ -172,13 +171,13 @@ tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *valu
     state->event_content = g_value_dup_string(value);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
   GST_OBJECT_UNLOCK(object);
 }
 
 static void
-tessard_sim_event_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+tessard_sim_event_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
   State *state = TESSARD_SIM_EVENT_SRC(object)->state;
   GST_OBJECT_LOCK(object);
@@ -190,7 +189,7 @@ tessard_sim_event_src_get_property(GObject *object, guint id, GValue *value, GPa
     g_value_set_string(value, state->event_content);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
   GST_OBJECT_UNLOCK(object);
 }

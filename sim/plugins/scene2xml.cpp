@@ -192,14 +192,14 @@ effective_options(SceneConverter *self)
 }
 
 void
-set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(object));
   std::visit(ValueReader{as_converter(object)->state->options, value}, PROPERTIES[id - 1].option);
 }
 
 void
-get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
   Options options = effective_options(as_converter(object));
   std::visit(ValueWriter{options, value}, PROPERTIES[id - 1].option);

@@ -35,8 +35,7 @@ struct SceneSrcClass {
 };
 
 enum {
-  PROP_0,
-  PROP_VIDEO_CHANNEL,
+  PROP_VIDEO_CHANNEL = 1,
   N_PROPERTIES,
 };
 
@@ -92,10 +91,10 @@ channel_of(SceneSrc *self)
 }
 
 void
-set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   if (id != PROP_VIDEO_CHANNEL) {
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     return;
   }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(object));
@@ -103,10 +102,10 @@ set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
 }
 
 void
-get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
   if (id != PROP_VIDEO_CHANNEL) {
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     return;
   }
   g_value_set_int(value, channel_of(as_scene_src(object)));

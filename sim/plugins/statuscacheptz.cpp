@@ -49,8 +49,7 @@ struct _TessardSimPtzSrc {
 };
 
 enum {
-  PROP_0,
-  PROP_CHANNEL,
+  PROP_CHANNEL = 1,
   PROP_COORDINATE_SPACE_PANTILT,
   PROP_COORDINATE_SPACE_ZOOM,
   PROP_FILTER_POSITION,
@@ -135,7 +134,7 @@ next_fragment(StreamingState &streaming, sim::WorldTime now)
 } /* namespace */
 
 static void
-tessard_sim_ptz_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec)
+tessard_sim_ptz_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   Properties &chosen = TESSARD_SIM_PTZ_SRC(object)->state->properties;
   GST_OBJECT_LOCK(object);
@@ -159,13 +158,13 @@ tessard_sim_ptz_src_set_property(GObject *object, guint id, const GValue *value,
     chosen.move_capabilities = g_value_get_int(value);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
   GST_OBJECT_UNLOCK(object);
 }
 
 static void
-tessard_sim_ptz_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec)
+tessard_sim_ptz_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
   const Properties &chosen = TESSARD_SIM_PTZ_SRC(object)->state->properties;
   GST_OBJECT_LOCK(object);
@@ -189,7 +188,7 @@ tessard_sim_ptz_src_get_property(GObject *object, guint id, GValue *value, GPara
     g_value_set_int(value, chosen.move_capabilities);
     break;
   default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
   GST_OBJECT_UNLOCK(object);
 }
