@@ -264,10 +264,10 @@ AnalyticsProducer *
 analytics_producer_new(const gchar *name, const gchar *nice_name, const gchar *sample_frame_xml,
                        GArray *supported_channels, gint type)
 {
-  g_return_val_if_fail(name != NULL, NULL);
-  g_return_val_if_fail(nice_name != NULL, NULL);
-  g_return_val_if_fail(sample_frame_xml != NULL, NULL);
-  g_return_val_if_fail(supported_channels != NULL, NULL);
+  g_return_val_if_fail(name != NULL, nullptr);
+  g_return_val_if_fail(nice_name != NULL, nullptr);
+  g_return_val_if_fail(sample_frame_xml != NULL, nullptr);
+  g_return_val_if_fail(supported_channels != NULL, nullptr);
 
   AnalyticsProducer *self =
       ANALYTICS_PRODUCER(g_object_new(ANALYTICS_TYPE_PRODUCER, "name", name, "nice-name", nice_name,
@@ -364,7 +364,7 @@ analytics_producer_is_channel_supported(AnalyticsProducer *self, guint32 channel
 GPtrArray *
 analytics_producer_get_all_channels_enabled(AnalyticsProducer *self)
 {
-  g_return_val_if_fail(ANALYTICS_IS_PRODUCER(self), NULL);
+  g_return_val_if_fail(ANALYTICS_IS_PRODUCER(self), nullptr);
 
   return self->channels;
 }

@@ -186,8 +186,8 @@ analytics_producer_list_contains(AnalyticsProducerList *list, const gchar *name)
 AnalyticsProducer *
 analytics_producer_list_get_producer(AnalyticsProducerList *list, const gchar *name)
 {
-  g_return_val_if_fail(list != NULL, NULL);
-  g_return_val_if_fail(name != NULL, NULL);
+  g_return_val_if_fail(list != NULL, nullptr);
+  g_return_val_if_fail(name != NULL, nullptr);
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&list->lock);
   AnalyticsProducer *producer = lookup(list, name);

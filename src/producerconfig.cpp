@@ -494,7 +494,7 @@ producer_config_free(void)
 gchar *
 producer_config_get_name(const gchar *producer, guint32 channel)
 {
-  g_return_val_if_fail(producer != NULL, NULL);
+  g_return_val_if_fail(producer != NULL, nullptr);
 
   g_autofree gchar *group = format_group(producer, channel);
   g_autofree gchar *name = nullptr;
@@ -577,7 +577,7 @@ producer_config_call_when_saved(GSourceFunc function, gpointer user_data)
 GArray *
 producer_config_get_supported_channels(const gchar *producer)
 {
-  g_return_val_if_fail(producer != NULL, NULL);
+  g_return_val_if_fail(producer != NULL, nullptr);
 
   GArray *channels = g_array_new(TRUE, TRUE, sizeof(guint32));
   g_autofree gchar *suffix = g_strconcat(".", producer, nullptr);

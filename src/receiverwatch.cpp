@@ -238,7 +238,7 @@ on_name_vanished(GDBusConnection *, const gchar *, gpointer)
 void
 receiver_watch_start(GDBusConnection *connection, const ReceiverWatchFuncs *funcs)
 {
-  g_return_if_fail(watch.connection == nullptr);
+  g_return_if_fail(watch.connection == NULL);
 
   watch.connection = G_DBUS_CONNECTION(g_object_ref(connection));
   watch.funcs = funcs;

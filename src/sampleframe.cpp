@@ -110,7 +110,7 @@ sample_frame_convert(gchar **json, const gchar *producer_name)
     g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "json != NULL");
     return nullptr;
   }
-  g_return_val_if_fail(producer_name != NULL, NULL);
+  g_return_val_if_fail(producer_name != NULL, nullptr);
 
   GstAppSrc *source = nullptr;
   GstAppSink *sink = nullptr;

@@ -63,13 +63,13 @@ report_conversion(SampleFrameConversion *conversion, const gchar *xml)
   }
 }
 
-gboolean start_conversions(gpointer);
+gboolean on_conversions_ready(gpointer);
 
 void
 start_soon()
 {
   if (start_conversions_id == 0 && !g_queue_is_empty(&waiting_conversions)) {
-    start_conversions_id = g_idle_add_full(G_PRIORITY_DEFAULT, start_conversions, nullptr, nullptr);
+    start_conversions_id = g_idle_add_full(G_PRIORITY_DEFAULT, on_conversions_ready, nullptr, nullptr);
   }
 }
 
@@ -162,7 +162,7 @@ back_off_conversions(const GError *error)
                      error->message);
   }
   short_of_resources = TRUE;
-  start_conversions_id = g_timeout_add(SAMPLE_FRAME_QUEUE_BACKOFF_MS, start_conversions, nullptr);
+  start_conversions_id = g_timeout_add(SAMPLE_FRAME_QUEUE_BACKOFF_MS, on_conversions_ready, nullptr);
 }
 
 /* Each running conversion can get stuck, so running ones count towards the limit of stuck ones. */
@@ -174,7 +174,7 @@ has_room_for_conversion()
 }
 
 gboolean
-start_conversions(gpointer)
+on_conversions_ready(gpointer)
 {
   start_conversions_id = 0;
   while (has_room_for_conversion() && !g_queue_is_empty(&waiting_conversions)) {

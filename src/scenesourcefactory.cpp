@@ -291,7 +291,7 @@ SceneSourceFactory *
 scene_source_factory_new(AnalyticsProducerList *producers, gint32 ptz_move_capabilities,
                          SceneRunningFunc scene_running_func)
 {
-  g_return_val_if_fail(scene_running_func, NULL);
+  g_return_val_if_fail(scene_running_func, nullptr);
 
   auto *self = SCENE_SOURCE_FACTORY(g_object_new(SCENE_TYPE_SOURCE_FACTORY, nullptr));
   self->producers = producers;

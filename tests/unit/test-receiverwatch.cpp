@@ -265,7 +265,7 @@ TEST_F(ReceiverWatchTest, StartsOnce)
 {
   start();
   start();
-  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"watch.connection == nullptr"}));
+  EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"watch.connection == NULL"}));
 }
 
 /* The waits double up to a bound, and begin anew with an answer and with another receiver. */
