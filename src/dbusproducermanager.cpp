@@ -7,10 +7,10 @@
  *
  * Calls of both methods are queued in the order of their arrival and executed one after the other, so no call
  * sees part of another. A call is checked as a whole before anything changes. Then each tuple is one change
- * in memory, which is on disk before the next one is made; request threads see it at once. A producer that a
- * call changes sends no notification until the last change is on disk. Then its object shows all changes, and
- * the reply follows. The main thread does all of this, in short steps: the configuration calls it back when a
- * change is on disk.
+ * in memory, which is on disk before the next one is made; request threads see it immediately. A producer
+ * that a call changes sends no notification until the last change is on disk. Then its object shows all
+ * changes, and the reply follows. The main thread does all of this, in short steps: the configuration calls
+ * it back when a change is on disk.
  *
  * A producer and its object have no references to each other; their signal connections end with the first of
  * the two. A queued call holds its producer and the interface that received it. GLib refuses a call for an

@@ -2,10 +2,10 @@
  *
  * Modes: the descriptor's O_NONBLOCK at its arrival selects how messages are read (docs/compatibility.md,
  * "partial messages"). Set: a message must be complete when its length is read, otherwise it is discarded.
- * Clear: the pieces are collected until the message is complete. A producer may be able to
- * write only the first part of a message during a pause. Therefore a stream that was paused collects pieces
- * in both modes until it has caught up, that is, until there is no data to read between two messages. This
- * file selects the mode, the cutter implements it.
+ * Clear: the pieces are collected until the message is complete. A producer may be able to write only the
+ * first part of a message during a pause. Therefore a stream that was paused collects pieces in both modes
+ * until it has caught up, that is, until there is no data to read between two messages. This file selects the
+ * mode, the cutter implements it.
  *
  * Reads: no read blocks, and none changes or trusts the flags of the open file, which other processes and
  * other sockets can share. A socket is read with MSG_DONTWAIT, a pipe with RWF_NOWAIT. FIFOs, and in older
@@ -15,8 +15,8 @@
  *
  * Turns: one dispatch reads one message at most, and of its payload at most this socket's share of
  * EXTERNAL_SOURCE_TURN_BYTES. For a message that begins, all open sockets have an equal share, which limits a
- * turn of the main loop, and no socket waits for another. For an unfinished message, only the sockets with
- * one share, so idle sockets do not slow it down. The end of a turn does not count as the end of a piece.
+ * turn of the main loop, and no socket waits for another. For an unfinished message, only the sockets that
+ * have one share the limit, so idle sockets do not slow it down. The end of a turn does not end a piece.
  *
  * Memory: a message's frame is allocated when its length is known, and the payload is read into it. The
  * account (messageaccount.h) counts it from then until it is delivered. Between two messages the account

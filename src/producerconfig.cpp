@@ -103,7 +103,7 @@ has_long_name(const gchar *group)
   return name != nullptr && strlen(name) > PRODUCER_CONFIG_MAX_NAME_BYTES;
 }
 
-/* GLib lists a repeated group repeatedly. */
+/* GLib lists a group once for each occurrence in the file. */
 void
 warn_of_long_names()
 {
@@ -119,7 +119,7 @@ warn_of_long_names()
   }
 }
 
-/* Checks what GLib checks as a precondition. */
+/* Other names fail a precondition of GLib. */
 gboolean
 can_name_group(const gchar *group)
 {

@@ -33,7 +33,7 @@ measure_line_end(std::string_view rest)
   }
 }
 
-/* Whether it depends on the next byte which line end is at the beginning of @rest. */
+/* Whether the next byte decides which line end @rest begins with. */
 gboolean
 is_line_end_open(std::string_view rest)
 {

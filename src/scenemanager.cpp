@@ -1,4 +1,4 @@
-/* Queries the platform's video scene manager for whether there are scenes. */
+/* Queries whether the platform's video scene manager has scenes. */
 #include "scenemanager.h"
 
 #include "systembus.h"

@@ -85,7 +85,7 @@ typedef struct {
 
 /**
  * SceneSourceConfigureFunc:
- * @converter: (transfer none): the new converter, in no bin yet
+ * @converter: (transfer none): the new converter, before it is added to the bin
  * @user_data: the data that was passed with the function
  * @error: (out) (optional): where to put the failure
  *
