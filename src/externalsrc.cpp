@@ -2,7 +2,7 @@
  * buffer without a time stamp.
  *
  * Lifetime: the element has a reference to each socket in its list. Each open socket has one to the element,
- * so the element is finalized after its last socket is closed, when the producer hangs up or the element
+ * so the element is finalised after its last socket is closed, when the producer hangs up or the element
  * stops.
  *
  * Threads: the main thread adds sockets and runs their callbacks. The thread that changes the pipeline's

@@ -14,8 +14,8 @@
  * of them has an unfinished message, the new message is not longer than that limit, and is read. So the sum
  * never exceeds both limits together.
  *
- * If a message begins with a part of its length, the sum can exceed the limit before the length is known. If
- * no other message can then end, this message ends.
+ * If only a part of a message's length has arrived, the sum can exceed the limit before the length is known.
+ * If no other message can then end, this message ends.
  *
  * Waiting: a reader that cannot begin waits. When a count decreases, on any thread, and a waiting reader can
  * begin, one idle source of the default main context calls the readers on the main thread: the thread that

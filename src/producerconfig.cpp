@@ -12,7 +12,7 @@
  * as a leftover.
  *
  * Threads: one thread, from set-up to release, processes all jobs in order. A save writes the content of
- * memory at its begin, so older content never replaces newer. No thread waits for a save; to be notified of
+ * memory at its start, so older content never replaces newer. No thread waits for a save; to be notified of
  * its end, a caller queues a job behind it.
  *
  * After a failed save the file is older than memory. A time-out of the default main context then queues saves
