@@ -52,7 +52,7 @@ write_notification(xmlTextWriter *writer, const EventMessage &message)
   xml_end(writer);
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * event_message_to_document:
@@ -100,4 +100,4 @@ event_messages_to_fragment(const std::vector<EventMessage> &messages, std::span<
   return fragment_to_buffer(text);
 }
 
-} /* namespace onvif */
+} // namespace onvif

@@ -27,4 +27,4 @@ xmlDoc *event_message_to_document(const EventMessage &message);
 GstBuffer *event_messages_to_fragment(const std::vector<EventMessage> &messages,
                                       std::span<const XmlNamespace> topics);
 
-} /* namespace onvif */
+} // namespace onvif

@@ -64,7 +64,7 @@ write_candidate(xmlTextWriter *writer, const char *type, double likelihood)
   xml_end(writer);
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * frame_write_shape:
@@ -138,4 +138,4 @@ frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)
   xml_end(writer);
 }
 
-} /* namespace onvif */
+} // namespace onvif

@@ -19,4 +19,4 @@ void frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centr
 void frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double> likelihood);
 void frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted);
 
-} /* namespace onvif */
+} // namespace onvif

@@ -21,4 +21,4 @@ struct Box {
   bool operator==(const Box &) const = default;
 };
 
-} /* namespace onvif */
+} // namespace onvif

@@ -8,7 +8,7 @@ namespace
 
 constexpr const char *SYNC_POINT_NAME = "GstMetaDataStreamSetSyncPoint";
 
-} /* namespace */
+} // namespace
 
 /**
  * sync_point_event_new:
@@ -47,4 +47,4 @@ fragment_to_buffer(xmlBuffer *text)
   return gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes, size, 0, size, bytes, xmlFree);
 }
 
-} /* namespace onvif */
+} // namespace onvif

@@ -19,4 +19,4 @@ GstEvent *sync_point_event_new();
 bool is_sync_point_event(GstEvent *event);
 GstBuffer *fragment_to_buffer(xmlBuffer *text);
 
-} /* namespace onvif */
+} // namespace onvif

@@ -35,7 +35,7 @@ number_text(double value, int decimals)
   return number.find_first_not_of("-0.") == number.npos && number.front() == '-' ? number.substr(1) : number;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * xml_start:
@@ -200,4 +200,4 @@ xml_date_time(gint64 utc)
   return g_date_time_format(time, "%Y-%m-%dT%H:%M:%S.%fZ");
 }
 
-} /* namespace onvif */
+} // namespace onvif

@@ -38,4 +38,4 @@ char *xml_clean_text(const char *text);
 char *xml_clean_beginning(const char *text, glong max_characters);
 char *xml_date_time(gint64 utc);
 
-} /* namespace onvif */
+} // namespace onvif

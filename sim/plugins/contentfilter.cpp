@@ -115,7 +115,7 @@ check_result(bool failed, GError *found, GError **error)
   return found == nullptr && !failed;
 }
 
-} /* namespace */
+} // namespace
 
 void
 ContentFilter::Free::operator()(xmlXPathCompExpr *expression) const
@@ -184,4 +184,4 @@ ContentFilter::matches(const onvif::EventMessage &message, GError **error) const
   return xmlXPathCastToBoolean(result) != 0;
 }
 
-} /* namespace sim */
+} // namespace sim

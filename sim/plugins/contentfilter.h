@@ -35,4 +35,4 @@ private:
 
 GQuark content_filter_error_quark();
 
-} /* namespace sim */
+} // namespace sim

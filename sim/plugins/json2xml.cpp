@@ -117,7 +117,7 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
   }
 }
 
-} /* namespace */
+} // namespace
 
 static void
 tessard_sim_json_to_xml_init(TessardSimJsonToXml *self)

@@ -338,7 +338,7 @@ Walk::take(char wanted)
   return true;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * json_form_check:
@@ -362,4 +362,4 @@ json_form_check(std::string *text)
   return walk.to_the_end() ? std::optional<JsonForm>(walk.form()) : std::nullopt;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -22,4 +22,4 @@ struct JsonForm {
 
 std::optional<JsonForm> json_form_check(std::string *text);
 
-} /* namespace sim */
+} // namespace sim

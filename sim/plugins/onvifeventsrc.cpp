@@ -34,7 +34,7 @@ struct State {
   sim::SourceWait wait;
 };
 
-} /* namespace */
+} // namespace
 
 struct _TessardSimEventSrc {
   GstPushSrc parent_instance;
@@ -154,7 +154,7 @@ read_contents(TessardSimEventSrc *self, const char *text)
   return streaming.contents.has_value();
 }
 
-} /* namespace */
+} // namespace
 
 static void
 tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)

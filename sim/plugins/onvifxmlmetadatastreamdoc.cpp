@@ -38,7 +38,7 @@ struct State {
   Output output;
 };
 
-} /* namespace */
+} // namespace
 
 struct _TessardSimMetadataStreamDoc {
   GstElement parent_instance;
@@ -306,7 +306,7 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
   return gst_pad_event_default(pad, parent, event);
 }
 
-} /* namespace */
+} // namespace
 
 static void
 tessard_sim_metadata_stream_doc_init(TessardSimMetadataStreamDoc *self)

@@ -94,7 +94,7 @@ write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const FrameConte
   onvif::xml_end(writer);
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * producer_frame_to_fragment:
@@ -122,4 +122,4 @@ producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view,
   return onvif::fragment_to_buffer(text);
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -14,4 +14,4 @@ struct ProducerView {
 
 GstBuffer *producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival);
 
-} /* namespace sim */
+} // namespace sim

@@ -401,7 +401,7 @@ is_one_frame(const JsonForm &form)
   return form.members[0] == FRAME_MEMBERS && form.members[1] == DATA_MEMBERS;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * producer_frame_from_buffer:
@@ -439,4 +439,4 @@ producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws)
                                                                  : std::nullopt;
 }
 
-} /* namespace sim */
+} // namespace sim

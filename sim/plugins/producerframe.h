@@ -49,4 +49,4 @@ constexpr const char *STREAM_START_SOURCE = "StreamStart";
 
 std::optional<ProducerFrame> producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws);
 
-} /* namespace sim */
+} // namespace sim

@@ -95,7 +95,7 @@ write_move_status(xmlTextWriter *writer, const char *name, bool moving)
   onvif::xml_end(writer);
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * ptz_status_write:
@@ -141,4 +141,4 @@ ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gin
   onvif::xml_end(writer);
 }
 
-} /* namespace sim */
+} // namespace sim

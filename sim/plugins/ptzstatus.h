@@ -30,4 +30,4 @@ struct PtzView {
 
 void ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc);
 
-} /* namespace sim */
+} // namespace sim

@@ -28,7 +28,7 @@ plugin_init(GstPlugin *plugin)
   return sim::scene_plugin_register(plugin, &RADAR_SCENE);
 }
 
-} /* namespace */
+} // namespace
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, radarscene, "Radar scenes of the simulated camera",
                   plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")

@@ -42,4 +42,4 @@ element_register_class(GstPlugin *plugin, const ElementDescription &element, GTy
   return element_register(plugin, element.name, type);
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -18,4 +18,4 @@ bool element_register(GstPlugin *plugin, const char *name, GType type);
 bool element_register_class(GstPlugin *plugin, const ElementDescription &element, GType parent,
                             const GTypeInfo &info);
 
-} /* namespace sim */
+} // namespace sim

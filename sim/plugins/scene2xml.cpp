@@ -356,7 +356,7 @@ instance_init(GTypeInstance *instance, gpointer klass)
   gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(instance), FALSE);
 }
 
-} /* namespace */
+} // namespace
 
 namespace sim
 {
@@ -379,4 +379,4 @@ scene_converter_type_info(const ScenePlugin *description)
   };
 }
 
-} /* namespace sim */
+} // namespace sim

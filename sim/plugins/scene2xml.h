@@ -7,4 +7,4 @@ namespace sim
 
 GTypeInfo scene_converter_type_info(const ScenePlugin *description);
 
-} /* namespace sim */
+} // namespace sim

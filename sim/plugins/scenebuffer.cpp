@@ -229,7 +229,7 @@ read_variant(GstBuffer *buffer)
   return g_variant_is_normal_form(variant) ? g_steal_pointer(&variant) : nullptr;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * scene_to_buffer:
@@ -283,4 +283,4 @@ scene_from_buffer(GstBuffer *buffer)
   return scene;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -17,4 +17,4 @@ constexpr gsize SCENE_BYTES_MAX = 65536;
 GstBuffer *scene_to_buffer(const Scene &scene);
 std::optional<Scene> scene_from_buffer(GstBuffer *buffer);
 
-} /* namespace sim */
+} // namespace sim

@@ -172,7 +172,7 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
   onvif::xml_end(writer);
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * scene_can_rotate:
@@ -207,4 +207,4 @@ scene_to_fragment(const Scene &scene, const SceneView &view, const std::optional
   return onvif::fragment_to_buffer(text);
 }
 
-} /* namespace sim */
+} // namespace sim

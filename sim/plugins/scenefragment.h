@@ -24,4 +24,4 @@ struct SceneView {
 bool scene_can_rotate(guint rotation);
 GstBuffer *scene_to_fragment(const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz);
 
-} /* namespace sim */
+} // namespace sim

@@ -27,4 +27,4 @@ scene_plugin_register(GstPlugin *plugin, const ScenePlugin *description)
                                 scene_converter_type_info(description));
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -17,4 +17,4 @@ struct ScenePlugin {
 
 bool scene_plugin_register(GstPlugin *plugin, const ScenePlugin *description);
 
-} /* namespace sim */
+} // namespace sim

@@ -280,7 +280,7 @@ instance_init(GTypeInstance *instance, gpointer klass)
   gst_base_src_set_do_timestamp(GST_BASE_SRC(instance), TRUE);
 }
 
-} /* namespace */
+} // namespace
 
 namespace sim
 {
@@ -303,4 +303,4 @@ scene_src_type_info(const ScenePlugin *description)
   };
 }
 
-} /* namespace sim */
+} // namespace sim

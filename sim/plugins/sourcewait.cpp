@@ -87,4 +87,4 @@ SourceWait::wait_until(gint64 deadline)
   return std::exchange(sync_requested_, false) ? WakeReason::SYNC_POINT : WakeReason::DEADLINE;
 }
 
-} /* namespace sim */
+} // namespace sim

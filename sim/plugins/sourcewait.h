@@ -50,4 +50,4 @@ private:
   bool sync_requested_ = false;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -41,7 +41,7 @@ struct State {
   sim::SourceWait wait;
 };
 
-} /* namespace */
+} // namespace
 
 struct _TessardSimPtzSrc {
   GstPushSrc parent_instance;
@@ -131,7 +131,7 @@ next_fragment(StreamingState &streaming, sim::WorldTime now)
   return fragment_new(streaming, ptz, now);
 }
 
-} /* namespace */
+} // namespace
 
 static void
 tessard_sim_ptz_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)

@@ -69,7 +69,7 @@ find_error(std::string_view topic)
   return nullptr;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * TopicExpression::parse:
@@ -139,4 +139,4 @@ TopicExpression::matches(std::string_view topic) const
   return false;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -39,4 +39,4 @@ private:
 
 GQuark topic_expression_error_quark();
 
-} /* namespace sim */
+} // namespace sim

@@ -65,7 +65,7 @@ crossing_message(gint64 object_id, Direction direction, gint64 utc)
   };
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * world_event_from_change:
@@ -124,4 +124,4 @@ world_event_examples()
           crossing_message(1, Direction::LEFT_TO_RIGHT, 0)};
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -19,4 +19,4 @@ std::vector<onvif::EventMessage> world_events_of_state(const World &world, World
                                                        const Settings &settings);
 std::vector<onvif::EventMessage> world_event_examples();
 
-} /* namespace sim */
+} // namespace sim

@@ -77,4 +77,4 @@ parse_number(const std::string &argument, const char *what, gint64 minimum, gint
   return true;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -19,4 +19,4 @@ bool check_text(const char *argument, GError **error);
 bool parse_number(const std::string &argument, const char *what, gint64 minimum, gint64 maximum,
                   gint64 *number, GError **error);
 
-} /* namespace sim */
+} // namespace sim

@@ -32,7 +32,7 @@ call_bus(GDBusConnection *connection, const char *method, GVariant *arguments, g
   return true;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * bus_connect:
@@ -173,4 +173,4 @@ bus_name_release(GDBusConnection *connection, const char *name, GError **error)
   return call_bus(connection, "ReleaseName", g_variant_new("(s)", name), &result, error);
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -14,4 +14,4 @@ bool bus_register_object(GDBusConnection *connection, const char *path, const ch
 bool bus_name_own(GDBusConnection *connection, const char *name, GError **error);
 bool bus_name_release(GDBusConnection *connection, const char *name, GError **error);
 
-} /* namespace sim */
+} // namespace sim

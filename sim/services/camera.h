@@ -22,4 +22,4 @@ struct Camera {
       rotations; /* index: channel - 1; unset: not in the settings */
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -44,7 +44,7 @@ on_call(GDBusConnection *connection, const gchar *sender, const gchar *path, con
   }
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * control_publish:
@@ -104,4 +104,4 @@ control_tell(GDBusConnection *connection, const char *const *command, char **res
   return false;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -8,4 +8,4 @@ namespace sim
 bool control_publish(Platform *platform, GDBusConnection *connection, GError **error);
 bool control_tell(GDBusConnection *connection, const char *const *command, char **result, GError **error);
 
-} /* namespace sim */
+} // namespace sim

@@ -103,7 +103,7 @@ prepare(const WrongReply &wrong, const Arguments &arguments, Fault *fault, GErro
   return prepare_reply(fault, &body, error);
 }
 
-} /* namespace */
+} // namespace
 
 void
 Fault::Free::operator()(GVariant *variant) const
@@ -159,4 +159,4 @@ fault_list(std::span<const WrongReply> wrong_replies)
   return list;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -42,4 +42,4 @@ bool fault_parse(const Arguments &arguments, std::span<const WrongReply> wrong_r
                  GError **error);
 std::string fault_list(std::span<const WrongReply> wrong_replies);
 
-} /* namespace sim */
+} // namespace sim

@@ -44,4 +44,4 @@ public:
   virtual std::string sample_frame() const = 0;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -19,7 +19,7 @@ namespace
 
 constexpr gsize READ_BYTES = 65536;
 
-} /* namespace */
+} // namespace
 
 /* The messages of one stream. */
 class InputFeed::Listener : public MessageSource
@@ -173,4 +173,4 @@ InputFeed::set_watching(bool watching)
   }
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -39,4 +39,4 @@ private:
   guint watch_ = 0;
 };
 
-} /* namespace sim */
+} // namespace sim

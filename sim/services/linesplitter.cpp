@@ -13,7 +13,7 @@ is_empty(std::string_view line)
   return line.empty() || line == "\r";
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * LineSplitter::push:
@@ -80,4 +80,4 @@ LineSplitter::dropped() const
   return dropped_;
 }
 
-} /* namespace sim */
+} // namespace sim

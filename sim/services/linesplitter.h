@@ -26,4 +26,4 @@ private:
   bool dropping_ = false; /* whether the current line is too long */
 };
 
-} /* namespace sim */
+} // namespace sim

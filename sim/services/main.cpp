@@ -270,7 +270,7 @@ ensure_standard_input()
   }
 }
 
-} /* namespace */
+} // namespace
 
 int
 main(int argc, char **argv)

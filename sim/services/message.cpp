@@ -97,4 +97,4 @@ Message::advance(gsize bytes)
   sent_ += bytes;
 }
 
-} /* namespace sim */
+} // namespace sim

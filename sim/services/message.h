@@ -39,4 +39,4 @@ private:
   std::array<iovec, 2> parts_ = {};
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -87,7 +87,7 @@ stream_reply(Producer *producer, gint32 channel, GError **error)
   return Reply{.body = g_variant_new("(h)", 0), .fds = g_unix_fd_list_new_from_array(&fd, 1)};
 }
 
-} /* namespace */
+} // namespace
 
 MetadataReceiver::MetadataReceiver(const Camera &camera)
     : Service("receiver", "com.quon.MetadataReceiver1", WRONG_REPLIES), camera_(camera),
@@ -337,4 +337,4 @@ MetadataReceiver::on_call(const std::weak_ptr<Producer> &called, const char *met
         });
 }
 
-} /* namespace sim */
+} // namespace sim

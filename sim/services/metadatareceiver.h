@@ -52,4 +52,4 @@ private:
   std::map<std::string, Announced> producers_;
 };
 
-} /* namespace sim */
+} // namespace sim

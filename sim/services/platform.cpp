@@ -94,4 +94,4 @@ Platform::publish(GDBusConnection *connection, GError **error)
                      [&](const auto &service) { return service->publish(connection, error); });
 }
 
-} /* namespace sim */
+} // namespace sim

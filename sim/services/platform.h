@@ -24,4 +24,4 @@ private:
   std::vector<std::unique_ptr<Service>> services_;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -79,7 +79,7 @@ open_pair(const Descriptors &descriptors, int fds[2], GError **error)
   return true;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * Producer:
@@ -312,4 +312,4 @@ Producer::fault_of(Method method) const
   return faults_[static_cast<gsize>(method)];
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -59,4 +59,4 @@ private:
   std::vector<std::unique_ptr<Stream>> streams_;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -139,7 +139,7 @@ producer_interface_class_init(ProducerInterfaceClass *klass)
   skeleton_class->flush = flush;
 }
 
-} /* namespace */
+} // namespace
 
 namespace sim
 {
@@ -164,4 +164,4 @@ producer_interface_new(const std::string &name, ProducerProperties properties, P
   return G_DBUS_INTERFACE_SKELETON(self);
 }
 
-} /* namespace sim */
+} // namespace sim

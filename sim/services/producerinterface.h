@@ -23,4 +23,4 @@ using ProducerCall =
 GDBusInterfaceSkeleton *producer_interface_new(const std::string &name, ProducerProperties properties,
                                                ProducerCall call);
 
-} /* namespace sim */
+} // namespace sim

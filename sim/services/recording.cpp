@@ -113,7 +113,7 @@ cut_into_lines(std::string_view content, const std::string &path, Recording *rec
   return !recording->lines.empty() || refuse(error, "'%s' has no line", path.c_str());
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * recording_find_stamp:
@@ -178,4 +178,4 @@ recording_load(const std::string &path, GError **error)
   return recording;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -32,4 +32,4 @@ struct Recording {
 std::optional<Recording::Stamp> recording_find_stamp(std::string_view line);
 std::shared_ptr<const Recording> recording_load(const std::string &path, GError **error);
 
-} /* namespace sim */
+} // namespace sim

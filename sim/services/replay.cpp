@@ -74,7 +74,7 @@ private:
   Replay replay_;
 };
 
-} /* namespace */
+} // namespace
 
 /**
  * Replay:
@@ -170,4 +170,4 @@ ReplayFeed::sample_frame() const
   return std::string(shared_text_view(recording_->lines.front().text));
 }
 
-} /* namespace sim */
+} // namespace sim

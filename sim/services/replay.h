@@ -59,4 +59,4 @@ private:
   const ReplayOptions &options_;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -76,7 +76,7 @@ object_text(const SceneObject &object)
          number_text(object.likelihood) + "}";
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * scene_to_item:
@@ -112,4 +112,4 @@ scene_example_item(std::optional<ObjectType> only, bool polygons)
   return scene_to_item({.utc = EXAMPLE_UTC, .objects = scene_objects(objects, details), .deleted = {}});
 }
 
-} /* namespace sim */
+} // namespace sim

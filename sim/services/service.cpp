@@ -70,7 +70,7 @@ reply_later(GDBusMethodInvocation *invocation, ReplyMaker make_reply, guint dela
                      [](gpointer data) { delete static_cast<DelayedReply *>(data); });
 }
 
-} /* namespace */
+} // namespace
 
 Service::Service(const char *nick, const char *bus_name, std::span<const WrongReply> wrong_replies)
     : nick_(nick), bus_name_(bus_name), wrong_replies_(wrong_replies)
@@ -254,4 +254,4 @@ Service::reply_property(GDBusMethodInvocation *invocation, const char *name, GVa
   g_dbus_method_invocation_return_value(invocation, g_variant_new_tuple(&all, 1));
 }
 
-} /* namespace sim */
+} // namespace sim

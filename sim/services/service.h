@@ -57,4 +57,4 @@ private:
   guint64 calls_ = 0;
 };
 
-} /* namespace sim */
+} // namespace sim

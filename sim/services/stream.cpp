@@ -17,7 +17,7 @@ constexpr auto NOTHING = static_cast<GIOCondition>(0);
 constexpr gint64 IMMEDIATELY = 0;
 constexpr gint64 NO_TIME = -1;
 
-} /* namespace */
+} // namespace
 
 struct Stream::Source {
   GSource base;
@@ -146,4 +146,4 @@ Stream::write_piece()
   return true;
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -47,4 +47,4 @@ private:
   Source *source_;  /* owned */
 };
 
-} /* namespace sim */
+} // namespace sim

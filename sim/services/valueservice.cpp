@@ -52,7 +52,7 @@ number_of_channels(const Camera &camera)
   return g_variant_new_int32(static_cast<gint32>(camera.channels));
 }
 
-} /* namespace */
+} // namespace
 
 constinit const ValueServiceDescription PTZ_COORDINATOR = {
     .nick = "ptz",
@@ -109,4 +109,4 @@ ValueService::on_call(GDBusConnection *connection, const gchar *sender, const gc
   }
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -40,4 +40,4 @@ private:
   const Camera &camera_;
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -321,7 +321,7 @@ find_verb(const std::string &name, GError **error)
   return nullptr;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * verbs_run:
@@ -376,4 +376,4 @@ verbs_describe()
   return text;
 }
 
-} /* namespace sim */
+} // namespace sim

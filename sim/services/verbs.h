@@ -8,4 +8,4 @@ namespace sim
 std::optional<std::string> verbs_run(Platform *platform, const Arguments &command, GError **error);
 std::string verbs_describe();
 
-} /* namespace sim */
+} // namespace sim

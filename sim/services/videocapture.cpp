@@ -29,7 +29,7 @@ constexpr std::array WRONG_REPLIES = {
     WrongReply{"empty", "()"},
 };
 
-} /* namespace */
+} // namespace
 
 VideoCapture::VideoCapture(const Camera &camera)
     : Service("capture", "com.quon.Capt1", WRONG_REPLIES), camera_(camera),
@@ -116,4 +116,4 @@ VideoCapture::settings_of(const char *path) const
   return g_variant_dict_end(&settings);
 }
 
-} /* namespace sim */
+} // namespace sim

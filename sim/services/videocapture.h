@@ -34,4 +34,4 @@ private:
   GDBusNodeInfo *introspection_; /* owned */
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -37,7 +37,7 @@ private:
   SceneSequence scenes_;
 };
 
-} /* namespace */
+} // namespace
 
 /**
  * WorldFeed:
@@ -60,4 +60,4 @@ WorldFeed::sample_frame() const
   return scene_example_item(only_, polygons_);
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -23,4 +23,4 @@ private:
   const bool polygons_;
 };
 
-} /* namespace sim */
+} // namespace sim

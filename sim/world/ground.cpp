@@ -37,7 +37,7 @@ range_of(const Object &object)
   return MIDDLE_RANGE + object.centre.y * HALF_DEPTH;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * ground_position:
@@ -97,4 +97,4 @@ ground_location(const Polar &position)
   };
 }
 
-} /* namespace sim */
+} // namespace sim

@@ -34,4 +34,4 @@ Velocity ground_velocity(const Object &object);
 double ground_size(const Object &object);
 GeoLocation ground_location(const Polar &position);
 
-} /* namespace sim */
+} // namespace sim

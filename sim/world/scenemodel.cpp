@@ -81,7 +81,7 @@ scene_object(const Object &object, const SceneDetails &details)
   return seen;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * scene_type_name:
@@ -114,4 +114,4 @@ scene_objects(const std::vector<Object> &objects, const SceneDetails &details)
   return seen;
 }
 
-} /* namespace sim */
+} // namespace sim

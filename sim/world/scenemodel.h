@@ -47,4 +47,4 @@ struct SceneDetails {
 const char *scene_type_name(ObjectType type);
 std::vector<SceneObject> scene_objects(const std::vector<Object> &objects, const SceneDetails &details);
 
-} /* namespace sim */
+} // namespace sim

@@ -18,7 +18,7 @@ departed_ids(const std::vector<gint64> &before, const std::vector<gint64> &prese
   return left;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * SceneSequence::open:
@@ -100,4 +100,4 @@ SceneSequence::next_utc() const
   return arrival.has_value() ? std::max(position_utc + INTERVAL, settings_utc(settings, *arrival)) : latest;
 }
 
-} /* namespace sim */
+} // namespace sim

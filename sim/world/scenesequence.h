@@ -35,4 +35,4 @@ private:
   std::vector<gint64> present_; /* ids of the objects in the previous scene */
 };
 
-} /* namespace sim */
+} // namespace sim

@@ -117,7 +117,7 @@ divide_rounding_up(gint64 value, gint64 divisor)
   return value % divisor > 0 ? quotient + 1 : quotient;
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * settings_load:
@@ -185,4 +185,4 @@ settings_utc(const Settings &settings, WorldTime time)
   return divide_rounding_up(time, settings.speed) + settings.epoch * G_USEC_PER_SEC;
 }
 
-} /* namespace sim */
+} // namespace sim

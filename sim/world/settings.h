@@ -31,4 +31,4 @@ bool settings_has_ptz(const Settings &settings, int channel);
 WorldTime settings_world_time(const Settings &settings, gint64 utc);
 gint64 settings_utc(const Settings &settings, WorldTime time);
 
-} /* namespace sim */
+} // namespace sim

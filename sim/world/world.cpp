@@ -331,7 +331,7 @@ add_drive_changes(guint64 seed, const Drive &drive, WorldTime after, WorldTime u
   }
 }
 
-} /* namespace */
+} // namespace
 
 /**
  * World:
@@ -488,4 +488,4 @@ World::first_arrival_between(WorldTime after, WorldTime until, std::optional<Obj
   return first;
 }
 
-} /* namespace sim */
+} // namespace sim

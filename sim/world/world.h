@@ -99,4 +99,4 @@ private:
   guint64 seed_;
 };
 
-} /* namespace sim */
+} // namespace sim

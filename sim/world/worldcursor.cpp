@@ -10,7 +10,7 @@ namespace
  */
 constexpr gint64 MAX_CATCH_UP = 10 * G_USEC_PER_SEC;
 
-} /* namespace */
+} // namespace
 
 /**
  * WorldCursor::open:
@@ -99,4 +99,4 @@ WorldCursor::advance_to(WorldTime time)
   started_ = true;
 }
 
-} /* namespace sim */
+} // namespace sim

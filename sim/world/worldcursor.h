@@ -29,4 +29,4 @@ private:
   bool started_ = false;   /* whether position_ is valid */
 };
 
-} /* namespace sim */
+} // namespace sim
