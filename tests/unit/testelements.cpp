@@ -1,13 +1,12 @@
 #include "testelements.h"
 
+#include "testlist.h"
+
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <gst/base/gstpushsrc.h>
-#include <map>
-#include <mutex>
 #include <ostream>
-#include <utility>
 
 using testelements::Behaviour;
 using testelements::SentEvent;
@@ -15,12 +14,10 @@ using testelements::SentEvent;
 namespace
 {
 
-constexpr const char *SOURCE_CAPS = "application/x-test";
 constexpr const char *DOCUMENT_CAPS = "application/x-onvif-metadata";
 
-std::mutex lock;
-std::vector<SentEvent> sent_events;
-std::vector<std::string> filters;
+testhost::List<SentEvent> sent_events;
+testhost::List<std::string> filters;
 std::atomic<Behaviour> event_source_behaviour = Behaviour::ONE_BUFFER;
 std::atomic<bool> default_event_handling = false;
 std::atomic<unsigned> error_count = 0;
@@ -158,7 +155,7 @@ test_source_finalize(GObject *object)
 static void
 test_source_class_init(TestSourceClass *klass)
 {
-  g_autoptr(GstCaps) caps = gst_caps_from_string(SOURCE_CAPS);
+  g_autoptr(GstCaps) caps = gst_caps_from_string(testelements::SOURCE_CAPS);
   GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
   GstBaseSrcClass *base_class = GST_BASE_SRC_CLASS(klass);
 
@@ -227,11 +224,10 @@ static void
 test_event_source_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
   TestEventSource *self = test_event_source(object);
-  std::lock_guard guard(lock);
 
   g_free(self->values[id]);
   self->values[id] = g_value_dup_string(value);
-  filters.push_back(std::string(pspec->name) + "=" + self->values[id]);
+  filters.add(std::string(pspec->name) + "=" + self->values[id]);
 }
 
 static void
@@ -250,13 +246,13 @@ test_event_source_class_init(TestEventSourceClass *klass)
       g_param_spec_string("event-content", "Content", "Content", nullptr, G_PARAM_READWRITE));
 }
 
-/* The document element: passes on what any of its sources has, behind one start of its own. */
+/* The document element: passes on the buffers of all its sources after one start of the stream. */
 
 struct TestDocument {
   GstElement parent_instance;
 
   GstPad *src;
-  GMutex lock; /* one at a time down the stream */
+  GMutex lock; /* serialises what is pushed */
   gint n_pads;
   gint n_ended;
   gboolean begun;
@@ -340,12 +336,10 @@ test_document_send_event(GstElement *element, GstEvent *event)
 {
   const GstStructure *structure = gst_event_get_structure(event);
   const GstEventTypeFlags flags = gst_event_type_get_flags(GST_EVENT_TYPE(event));
-  {
-    std::lock_guard guard(lock);
-    sent_events.push_back({GST_EVENT_TYPE(event), (flags & GST_EVENT_TYPE_SERIALIZED) != 0,
-                           structure != nullptr ? gst_structure_get_name(structure) : "",
-                           structure != nullptr ? gst_structure_n_fields(structure) : 0});
-  }
+
+  sent_events.add({GST_EVENT_TYPE(event), (flags & GST_EVENT_TYPE_SERIALIZED) != 0,
+                   structure != nullptr ? gst_structure_get_name(structure) : "",
+                   structure != nullptr ? gst_structure_n_fields(structure) : 0});
   if (default_event_handling) {
     return GST_ELEMENT_CLASS(test_document_parent_class)->send_event(element, event);
   }
@@ -375,7 +369,7 @@ test_document_init(TestDocument *self)
 static void
 test_document_class_init(TestDocumentClass *klass)
 {
-  g_autoptr(GstCaps) sink_caps = gst_caps_from_string(SOURCE_CAPS);
+  g_autoptr(GstCaps) sink_caps = gst_caps_from_string(testelements::SOURCE_CAPS);
   g_autoptr(GstCaps) src_caps = gst_caps_from_string(DOCUMENT_CAPS);
   GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
 
@@ -390,521 +384,43 @@ test_document_class_init(TestDocumentClass *klass)
   gst_element_class_set_static_metadata(element_class, "Test document", "Muxer", "Driven by a test", "tests");
 }
 
-/* The elements that remember what is set on them. */
-
-namespace
-{
-
-struct RememberedProperty {
-  const char *name;
-  GType type;
-};
-
-struct RememberingElement {
-  const char *factory;
-  const char *type_name;
-  const char *sink_caps; /* none for a source */
-  const char *src_caps;
-  std::vector<RememberedProperty> properties;
-};
-
-const std::array REMEMBERING_ELEMENTS = {
-    RememberingElement{"statuscacheptzsrc",
-                       "TestPtzSource",
-                       nullptr,
-                       SOURCE_CAPS,
-                       {{"channel", G_TYPE_INT},
-                        {"coordinate-space-pantilt", G_TYPE_INT},
-                        {"coordinate-space-zoom", G_TYPE_INT},
-                        {"filter-position", G_TYPE_BOOLEAN},
-                        {"filter-status", G_TYPE_BOOLEAN},
-                        {"ptz-move-capabilities", G_TYPE_INT}}},
-    RememberingElement{"scenesrc",
-                       "TestSceneSource",
-                       nullptr,
-                       "application/vnd.quon.scene",
-                       {{"video-channel", G_TYPE_INT}}},
-    RememberingElement{"scene2xml",
-                       "TestSceneConverter",
-                       "application/vnd.quon.scene",
-                       SOURCE_CAPS,
-                       {{"polygon", G_TYPE_BOOLEAN},
-                        {"ptz-move-capabilities", G_TYPE_INT},
-                        {"rotation", G_TYPE_UINT},
-                        {"source-name", G_TYPE_STRING},
-                        {"pan-tilt-space", G_TYPE_INT},
-                        {"zoom-space", G_TYPE_INT},
-                        {"channel", G_TYPE_INT},
-                        {"ptz", G_TYPE_BOOLEAN}}},
-    RememberingElement{"radarscenesrc",
-                       "TestRadarSceneSource",
-                       nullptr,
-                       "application/vnd.quon.radarscene",
-                       {{"video-channel", G_TYPE_INT}}},
-    RememberingElement{"radarscene2xml",
-                       "TestRadarSceneConverter",
-                       "application/vnd.quon.radarscene",
-                       SOURCE_CAPS,
-                       {{"polygon", G_TYPE_BOOLEAN},
-                        {"velocity", G_TYPE_BOOLEAN},
-                        {"geolocation", G_TYPE_BOOLEAN},
-                        {"rotation", G_TYPE_UINT},
-                        {"source-name", G_TYPE_STRING}}},
-    RememberingElement{
-        "json2xml", "TestJsonConverter", "ANY", SOURCE_CAPS, {{"exclude-polygon", G_TYPE_BOOLEAN}}},
-};
-
-std::vector<std::string> settings_made;
-std::atomic<bool> ptz_is_refused = false;
-
-} // namespace
-
-struct TestRememberingElement {
-  GstElement parent_instance;
-
-  std::string *current_settings; /* of the call that sets properties right now */
-  gboolean ptz;
-};
-
-struct TestRememberingElementClass {
-  GstElementClass parent_class;
-};
-
-GType test_remembering_element_get_type();
-G_DEFINE_TYPE(TestRememberingElement, test_remembering_element, GST_TYPE_ELEMENT)
-
-static TestRememberingElement *
-test_remembering_element(gpointer instance)
-{
-  return G_TYPE_CHECK_INSTANCE_CAST(instance, test_remembering_element_get_type(), TestRememberingElement);
-}
-
-static void
-test_remembering_element_set_property(GObject *object, guint, const GValue *value, GParamSpec *pspec)
-{
-  TestRememberingElement *self = test_remembering_element(object);
-  g_auto(GValue) text = G_VALUE_INIT;
-
-  g_value_init(&text, G_TYPE_STRING);
-  g_value_transform(value, &text);
-  *self->current_settings += std::string(" ") + pspec->name + "=" + g_value_get_string(&text);
-  if (strcmp(pspec->name, "ptz") == 0) {
-    self->ptz = g_value_get_boolean(value) && !ptz_is_refused;
-  }
-}
-
-/* Only "ptz" is ever read. */
-static void
-test_remembering_element_get_property(GObject *object, guint, GValue *value, GParamSpec *pspec)
-{
-  if (strcmp(pspec->name, "ptz") == 0) {
-    g_value_set_boolean(value, test_remembering_element(object)->ptz);
-  }
-}
-
-/* Called once behind each call that sets properties, however many. */
-static void
-test_remembering_element_dispatch_properties_changed(GObject *object, guint n_pspecs, GParamSpec **pspecs)
-{
-  const std::string settings = std::exchange(*test_remembering_element(object)->current_settings, {});
-
-  if (!settings.empty()) {
-    std::lock_guard guard(lock);
-    settings_made.push_back(GST_OBJECT_NAME(object) + settings);
-  }
-  G_OBJECT_CLASS(test_remembering_element_parent_class)
-      ->dispatch_properties_changed(object, n_pspecs, pspecs);
-}
-
-static void
-test_remembering_element_init(TestRememberingElement *self)
-{
-  self->current_settings = new std::string;
-}
-
-static void
-test_remembering_element_finalize(GObject *object)
-{
-  delete test_remembering_element(object)->current_settings;
-
-  G_OBJECT_CLASS(test_remembering_element_parent_class)->finalize(object);
-}
-
-static void
-test_remembering_element_class_init(TestRememberingElementClass *klass)
-{
-  GObjectClass *object_class = G_OBJECT_CLASS(klass);
-
-  object_class->finalize = test_remembering_element_finalize;
-  object_class->dispatch_properties_changed = test_remembering_element_dispatch_properties_changed;
-}
-
-static GParamSpec *
-remembered_property_spec(const RememberedProperty &property)
-{
-  const char *name = property.name;
-
-  switch (property.type) {
-  case G_TYPE_BOOLEAN:
-    return g_param_spec_boolean(name, name, name, FALSE, G_PARAM_READWRITE);
-  case G_TYPE_INT:
-    return g_param_spec_int(name, name, name, G_MININT, G_MAXINT, 0, G_PARAM_READWRITE);
-  case G_TYPE_UINT:
-    return g_param_spec_uint(name, name, name, 0, G_MAXUINT, 0, G_PARAM_READWRITE);
-  default:
-    return g_param_spec_string(name, name, name, nullptr, G_PARAM_READWRITE);
-  }
-}
-
-static void
-add_pad_template(GstElementClass *klass, const char *name, GstPadDirection direction, const char *media_type)
-{
-  g_autoptr(GstCaps) caps = gst_caps_from_string(media_type);
-
-  gst_element_class_add_pad_template(klass, gst_pad_template_new(name, direction, GST_PAD_ALWAYS, caps));
-}
-
-static void
-remembering_element_class_init(gpointer klass, gpointer user_data)
-{
-  const auto *description = static_cast<const RememberingElement *>(user_data);
-  GObjectClass *object_class = G_OBJECT_CLASS(klass);
-  guint id = 0;
-
-  /* Not inherited. */
-  object_class->get_property = test_remembering_element_get_property;
-  object_class->set_property = test_remembering_element_set_property;
-  for (const RememberedProperty &property : description->properties) {
-    g_object_class_install_property(object_class, ++id, remembered_property_spec(property));
-  }
-  if (description->sink_caps != nullptr) {
-    add_pad_template(GST_ELEMENT_CLASS(klass), "sink", GST_PAD_SINK, description->sink_caps);
-  }
-  add_pad_template(GST_ELEMENT_CLASS(klass), "src", GST_PAD_SRC, description->src_caps);
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Memory", "Test", "Remembers", "tests");
-}
-
-static void
-remembering_element_init(GTypeInstance *instance, gpointer klass)
-{
-  for (const char *name : {"sink", "src"}) {
-    GstPadTemplate *templ = gst_element_class_get_pad_template(GST_ELEMENT_CLASS(klass), name);
-    if (templ != nullptr) {
-      gst_element_add_pad(GST_ELEMENT(instance), gst_pad_new_from_template(templ, name));
-    }
-  }
-}
-
-static void
-register_remembering_element(const RememberingElement &description)
-{
-  const GTypeInfo info = {
-      .class_size = sizeof(TestRememberingElementClass),
-      .class_init = remembering_element_class_init,
-      .class_data = &description,
-      .instance_size = sizeof(TestRememberingElement),
-      .instance_init = remembering_element_init,
-  };
-
-  if (g_type_from_name(description.type_name) == G_TYPE_INVALID) {
-    const GType type = g_type_register_static(test_remembering_element_get_type(), description.type_name,
-                                              &info, static_cast<GTypeFlags>(0));
-    gst_element_register(nullptr, description.factory, GST_RANK_NONE, type);
-  }
-}
-
-/* Elements of any type, but for one thing. */
-
-static GObjectClass *
-usable_class(gpointer instance)
-{
-  return G_OBJECT_CLASS(g_type_class_peek_parent(G_OBJECT_GET_CLASS(instance)));
-}
-
-/* Those that fail in a state change. */
-
-namespace
-{
-
-using testelements::StateFailure;
-
-/* Both under the lock: how the elements of a type fail that are made from now on, and how the living ones do.
- */
-std::map<GType, StateFailure> failures_of_types;
-std::map<GstElement *, StateFailure> failures_of_elements;
-
-/* Whether this very change fails, and @works as the failure has it. */
-bool
-take_state_failure(GstElement *element, GstStateChange change, bool *works)
-{
-  std::lock_guard guard(lock);
-  StateFailure &failure = failures_of_elements.at(element);
-
-  *works = failure.works;
-  if (failure.change != change || failure.times == 0) {
-    return false;
-  }
-  failure.times -= failure.times != testelements::FOR_EVER ? 1 : 0;
-  return true;
-}
-
-} // namespace
-
-static void
-failing_constructed(GObject *object)
-{
-  usable_class(object)->constructed(object);
-
-  std::lock_guard guard(lock);
-  failures_of_elements[GST_ELEMENT(object)] = failures_of_types.at(G_OBJECT_TYPE(object));
-}
-
-static void
-failing_finalize(GObject *object)
-{
-  {
-    std::lock_guard guard(lock);
-    failures_of_elements.erase(GST_ELEMENT(object));
-  }
-  usable_class(object)->finalize(object);
-}
-
-static GstStateChangeReturn
-failing_change_state(GstElement *element, GstStateChange change)
-{
-  bool works = true;
-  const bool fails = take_state_failure(element, change, &works);
-  GstStateChangeReturn result = GST_STATE_CHANGE_FAILURE;
-
-  if (!fails || works) {
-    result = GST_ELEMENT_CLASS(usable_class(element))->change_state(element, change);
-  }
-  return fails ? GST_STATE_CHANGE_FAILURE : result;
-}
-
-static void
-failing_class_init(gpointer klass, gpointer)
-{
-  G_OBJECT_CLASS(klass)->constructed = failing_constructed;
-  G_OBJECT_CLASS(klass)->finalize = failing_finalize;
-  GST_ELEMENT_CLASS(klass)->change_state = failing_change_state;
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Failing", "Test", "Failing", "tests");
-}
-
-/* Those that cannot be used. */
-
-static GstPadLinkReturn
-refuse_link(GstPad *, GstObject *, GstPad *)
-{
-  return GST_PAD_LINK_REFUSED;
-}
-
-static void
-unlinkable_constructed(GObject *object)
-{
-  usable_class(object)->constructed(object);
-
-  for (GList *pad = GST_ELEMENT(object)->pads; pad != nullptr; pad = pad->next) {
-    gst_pad_set_link_function(GST_PAD(pad->data), refuse_link);
-  }
-}
-
-static void
-without_source_pad_constructed(GObject *object)
-{
-  GstElement *element = GST_ELEMENT(object);
-  usable_class(object)->constructed(object);
-
-  while (element->srcpads != nullptr) {
-    gst_element_remove_pad(element, GST_PAD(element->srcpads->data));
-  }
-}
-
-static void
-taken_constructed(GObject *object)
-{
-  usable_class(object)->constructed(object);
-
-  /* Any object serves: a bin asks only whether there is a parent. */
-  GST_OBJECT_PARENT(object) = GST_OBJECT(gst_registry_get());
-}
-
-static void
-ended_constructed(GObject *object)
-{
-  GstFlowReturn result = GST_FLOW_ERROR;
-  usable_class(object)->constructed(object);
-
-  g_signal_emit_by_name(object, "end-of-stream", &result);
-}
-
-static void
-never_waiting_constructed(GObject *object)
-{
-  usable_class(object)->constructed(object);
-
-  g_object_set(object, "async", FALSE, nullptr);
-}
-
-static void
-unusable_dispose(GObject *object)
-{
-  GST_OBJECT_PARENT(object) = nullptr;
-
-  usable_class(object)->dispose(object);
-}
-
 namespace testelements
 {
-namespace
-{
-
-struct UnusableKind {
-  const char *prefix;
-  void (*constructed)(GObject *object);
-};
-
-/* In the order of Unusable. */
-constexpr std::array UNUSABLE_KINDS = {
-    UnusableKind{"TestUnlinkable", unlinkable_constructed},
-    UnusableKind{"TestWithoutSourcePad", without_source_pad_constructed},
-    UnusableKind{"TestTaken", taken_constructed},
-    UnusableKind{"TestEnded", ended_constructed},
-    UnusableKind{"TestNeverWaiting", never_waiting_constructed},
-};
-
-void
-unusable_class_init(gpointer klass, gpointer user_data)
-{
-  G_OBJECT_CLASS(klass)->constructed = static_cast<const UnusableKind *>(user_data)->constructed;
-  G_OBJECT_CLASS(klass)->dispose = unusable_dispose;
-  gst_element_class_set_static_metadata(GST_ELEMENT_CLASS(klass), "Unusable", "Test", "Unusable", "tests");
-}
-
-/* A type like @usable, but for what @class_init does. */
-GType
-derived_type(GType usable, const std::string &prefix, GClassInitFunc class_init, gconstpointer class_data)
-{
-  const std::string name = prefix + g_type_name(usable);
-  const GType known = g_type_from_name(name.c_str());
-  if (known != G_TYPE_INVALID) {
-    return known;
-  }
-  GTypeQuery query = {};
-  g_type_query(usable, &query);
-  const GTypeInfo info = {
-      .class_size = static_cast<guint16>(query.class_size),
-      .class_init = class_init,
-      .class_data = class_data,
-      .instance_size = static_cast<guint16>(query.instance_size),
-  };
-
-  return g_type_register_static(usable, name.c_str(), &info, static_cast<GTypeFlags>(0));
-}
-
-GType
-unusable_type(GType usable, Unusable kind)
-{
-  const UnusableKind &description = UNUSABLE_KINDS.at(static_cast<gsize>(kind));
-
-  return derived_type(usable, description.prefix, unusable_class_init, &description);
-}
-
-GType
-failing_type(GType usable, const StateFailure &failure)
-{
-  const GType type = derived_type(usable, "TestFailing", failing_class_init, nullptr);
-  std::lock_guard guard(lock);
-
-  failures_of_types[type] = failure;
-  return type;
-}
-
-/* What a factory makes. */
-GType
-type_made_by(const char *factory_name)
-{
-  g_autoptr(GstElementFactory) known = gst_element_factory_find(factory_name);
-  g_autoptr(GstPluginFeature) loaded = gst_plugin_feature_load(GST_PLUGIN_FEATURE(known));
-
-  return gst_element_factory_get_element_type(GST_ELEMENT_FACTORY(loaded));
-}
-
-} // namespace
 
 void
 install()
 {
   gst_element_register(nullptr, "onvifxmlmetadatastreamdoc", GST_RANK_NONE, test_document_get_type());
   gst_element_register(nullptr, "onvifeventsrc", GST_RANK_NONE, test_event_source_get_type());
-  for (const RememberingElement &description : REMEMBERING_ELEMENTS) {
-    register_remembering_element(description);
-  }
+  install_recording_elements();
+}
+
+GType
+source_type()
+{
+  return test_source_get_type();
 }
 
 GstElement *
-make_source(Behaviour behaviour)
+make_source_of_type(GType type, Behaviour behaviour, bool live)
 {
-  auto *source = test_source(g_object_new(test_source_get_type(), nullptr));
-
-  source->behaviour = behaviour;
-  return GST_ELEMENT(source);
-}
-
-GstElement *
-make_live_source(Behaviour behaviour)
-{
-  GstElement *source = make_source(behaviour);
-
-  gst_base_src_set_live(GST_BASE_SRC(source), TRUE);
-  return source;
-}
-
-GstElement *
-make_failing_source(Behaviour behaviour, const StateFailure &failure, bool live)
-{
-  auto *source = test_source(g_object_new(failing_type(test_source_get_type(), failure), nullptr));
+  auto *source = test_source(g_object_new(type, nullptr));
 
   source->behaviour = behaviour;
   gst_base_src_set_live(GST_BASE_SRC(source), live);
   return GST_ELEMENT(source);
 }
 
-std::vector<GstElement *>
-failing_elements()
+GstElement *
+make_source(Behaviour behaviour)
 {
-  std::lock_guard guard(lock);
-  std::vector<GstElement *> elements;
-
-  elements.reserve(failures_of_elements.size());
-  for (const auto &failing : failures_of_elements) {
-    elements.push_back(failing.first);
-  }
-  return elements;
-}
-
-gsize
-release_failing_elements()
-{
-  {
-    std::lock_guard guard(lock);
-    for (auto &failing : failures_of_elements) {
-      failing.second.times = 0;
-    }
-  }
-
-  const std::vector<GstElement *> elements = failing_elements();
-  for (GstElement *element : elements) {
-    gst_element_set_state(element, GST_STATE_NULL);
-    gst_object_unref(element);
-  }
-  return elements.size();
+  return make_source_of_type(source_type(), behaviour, false);
 }
 
 GstElement *
-make_unusable(Unusable kind)
+make_live_source(Behaviour behaviour)
 {
-  return GST_ELEMENT(g_object_new(unusable_type(GST_TYPE_ELEMENT, kind), nullptr));
+  return make_source_of_type(source_type(), behaviour, true);
 }
 
 void
@@ -922,27 +438,7 @@ errors_reported()
 std::vector<std::string>
 take_filters()
 {
-  std::lock_guard guard(lock);
-
-  return std::exchange(filters, {});
-}
-
-std::vector<std::string>
-take_settings()
-{
-  std::lock_guard guard(lock);
-
-  return std::exchange(settings_made, {});
-}
-
-WithoutPtz::WithoutPtz()
-{
-  ptz_is_refused = true;
-}
-
-WithoutPtz::~WithoutPtz()
-{
-  ptz_is_refused = false;
+  return filters.take();
 }
 
 std::ostream &
@@ -955,16 +451,12 @@ operator<<(std::ostream &stream, const SentEvent &event)
 std::vector<SentEvent>
 take_sent_events()
 {
-  std::lock_guard guard(lock);
-
-  return std::exchange(sent_events, {});
+  return sent_events.take();
 }
 
 gsize
 sent_events_size()
 {
-  std::lock_guard guard(lock);
-
   return sent_events.size();
 }
 
@@ -976,41 +468,6 @@ DefaultEventHandling::DefaultEventHandling()
 DefaultEventHandling::~DefaultEventHandling()
 {
   default_event_handling = false;
-}
-
-WithoutFactory::WithoutFactory(const char *name)
-    : feature_(gst_registry_lookup_feature(gst_registry_get(), name))
-{
-  g_assert(feature_ != nullptr);
-  gst_registry_remove_feature(gst_registry_get(), feature_);
-}
-
-WithoutFactory::~WithoutFactory()
-{
-  gst_registry_add_feature(gst_registry_get(), feature_);
-  gst_object_unref(feature_);
-}
-
-ReplacedFactory::ReplacedFactory(const char *name, Unusable kind)
-    : ReplacedFactory(name, unusable_type(type_made_by(name), kind))
-{
-}
-
-ReplacedFactory::ReplacedFactory(const char *name, const StateFailure &failure)
-    : ReplacedFactory(name, failing_type(type_made_by(name), failure))
-{
-}
-
-ReplacedFactory::ReplacedFactory(const char *name, GType type) : without_(name), name_(name)
-{
-  gst_element_register(nullptr, name, GST_RANK_NONE, type);
-}
-
-ReplacedFactory::~ReplacedFactory()
-{
-  g_autoptr(GstPluginFeature) replacement = gst_registry_lookup_feature(gst_registry_get(), name_);
-
-  gst_registry_remove_feature(gst_registry_get(), replacement);
 }
 
 } // namespace testelements

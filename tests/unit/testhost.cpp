@@ -1,6 +1,7 @@
 #include "testhost.h"
 
 #include "ratelimitedlog.h"
+#include "testlist.h"
 
 #include <algorithm>
 #include <array>
@@ -15,7 +16,6 @@
 #include <fstream>
 #include <gio/gio.h>
 #include <map>
-#include <mutex>
 #include <string_view>
 #include <syslog.h>
 #include <unistd.h>
@@ -31,12 +31,11 @@ constexpr gint64 ASLEEP_US = 20 * G_TIME_SPAN_MILLISECOND;
 constexpr gsize MAX_LINE_BYTES = 128 * 1024;
 constexpr int MAX_DESCRIPTORS = 1024;
 
-/* Of all that GStreamer makes, what a pipeline that was not released would leave. */
+/* The types of objects that a pipeline leaves when it is not released. */
 constexpr const char *TRACERS = "leaks(filters=\"GstElement,GstPad,GstBus\")";
 
-std::mutex lock;
-SyslogLines syslog_lines;
-Texts glib_messages;
+List<SyslogLine> syslog_lines;
+List<std::string> glib_messages;
 
 void keep_syslog_line(int priority, const char *format, va_list args) G_GNUC_PRINTF(2, 0);
 
@@ -47,24 +46,22 @@ keep_syslog_line(int priority, const char *format, va_list args)
   const int length = vsnprintf(text.data(), text.size(), format, args);
 
   text.resize(std::min<gsize>(length, text.size() - 1));
-  std::lock_guard guard(lock);
-  syslog_lines.push_back({priority, text});
+  syslog_lines.add({priority, text});
 }
 
 void
 on_glib_message(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer)
 {
-  /* Seen by nobody who does not ask for it. */
+  /* GLib hides these by default. */
   if ((level & (G_LOG_LEVEL_DEBUG | G_LOG_LEVEL_INFO)) != 0) {
     return;
   }
-  std::lock_guard guard(lock);
-  glib_messages.push_back(std::string(domain != nullptr ? domain : "") + ": " + message);
+  glib_messages.add(std::string(domain != nullptr ? domain : "") + ": " + message);
 }
 
 struct Sleep {
   bool asleep = false;
-  std::string count; /* how often the thread has gone to sleep */
+  std::string count; /* how often the thread has begun to sleep */
 
   bool operator==(const Sleep &) const = default;
 };
@@ -85,7 +82,7 @@ sleep_of(pid_t tid)
   return sleep;
 }
 
-/* The tracer that is told of every GStreamer object. */
+/* The tracer that records every GStreamer object. */
 GstTracer *leaks_tracer;
 
 void
@@ -111,7 +108,7 @@ count_objects(const GstStructure *activity, const char *list_name, int step,
   }
 }
 
-/* The numbers of a context's sources rise by one, so that two new ones enclose all that came between. */
+/* Source ids of a context increase by one, so two new ids enclose all those between them. */
 guint
 next_source_id()
 {
@@ -147,7 +144,7 @@ added(const std::set<T> &before, const std::set<T> &after)
   return difference;
 }
 
-/* For the signal handler, which may touch no string. */
+/* For the signal handler, which must not use a std::string. */
 std::array<char, 256> running_test;
 
 void
@@ -191,8 +188,8 @@ play_to_the_end(GstElement *pipeline)
   gst_element_set_state(pipeline, GST_STATE_NULL);
 }
 
-/* What GStreamer and GLib set up once and keep, such as clocks and spawners of threads, would look as if the
- * first test that needs it had left it behind. */
+/* GStreamer and GLib create some objects and threads once and keep them, for example clocks. Creates them
+ * here, so that they do not count as left behind by the first test that needs them. */
 void
 warm_up()
 {
@@ -203,8 +200,8 @@ warm_up()
   play_to_the_end(pipeline);
   gst_element_call_async(
       pipeline, [](GstElement *, gpointer) {}, nullptr, nullptr);
-  /* Another thread's reference, were it the last one, would close the pipeline's descriptors while the first
-   * test counts them. */
+  /* Waits for the other thread's reference. If that were the last one, its release would close descriptors
+   * while the first test counts them. */
   while (GST_OBJECT_REFCOUNT_VALUE(pipeline) > 1) {
     g_thread_yield();
   }
@@ -221,32 +218,24 @@ operator<<(std::ostream &stream, const SyslogLine &line)
 SyslogLines
 take_syslog()
 {
-  std::lock_guard guard(lock);
-
-  return std::exchange(syslog_lines, {});
+  return syslog_lines.take();
 }
 
 gsize
 syslog_size()
 {
-  std::lock_guard guard(lock);
-
   return syslog_lines.size();
 }
 
 Texts
 take_glib_messages()
 {
-  std::lock_guard guard(lock);
-
-  return std::exchange(glib_messages, {});
+  return glib_messages.take();
 }
 
 gsize
 glib_messages_size()
 {
-  std::lock_guard guard(lock);
-
   return glib_messages.size();
 }
 
@@ -273,7 +262,7 @@ bool
 spin_until(const std::function<bool()> &condition, gint64 limit_us)
 {
   const gint64 end = g_get_monotonic_time() + limit_us;
-  /* What is waited for may come about without the main context's being woken. */
+  /* The condition can become true without an event in the main context. */
   const guint tick = g_timeout_add(
       TICK_MS, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
   bool holds = condition();
@@ -347,7 +336,7 @@ FreeDescriptors::FreeDescriptors(rlim_t count)
 
   getrlimit(RLIMIT_NOFILE, &before_);
   limit = before_;
-  /* Up to the first one that is too many, and no lower: poll() looks at the limit too. */
+  /* The highest limit with this number of free descriptors: poll() checks the limit too. */
   limit.rlim_cur = 0;
   for (rlim_t left = count + 1; left > 0; limit.rlim_cur++) {
     left -= taken.contains(static_cast<int>(limit.rlim_cur)) ? 0 : 1;
@@ -478,8 +467,8 @@ Fixture::TearDown()
   EXPECT_TRUE(spin_until([this] { return count_threads() <= threads_; })) << "threads left";
 
   EXPECT_EQ(sources_since(first_source_id_), std::set<guint>()) << "sources left in the main context";
-  EXPECT_EQ(take_syslog(), SyslogLines()) << "lines that no test expected";
-  EXPECT_EQ(take_glib_messages(), Texts()) << "messages that no test expected";
+  EXPECT_EQ(take_syslog(), SyslogLines()) << "lines that the test did not expect";
+  EXPECT_EQ(take_glib_messages(), Texts()) << "messages that the test did not expect";
 
   std::error_code error;
   std::filesystem::remove_all(dir_, error);
@@ -500,7 +489,7 @@ Fixture::path(const std::string &name) const
 
 } // namespace testhost
 
-/* These stand before the C library's own, also for callers that are compiled with fortified headers. */
+/* These replace the functions of the C library, also for callers compiled with fortified headers. */
 extern "C" {
 
 void __syslog_chk(int priority, int flag, const char *format, ...) G_GNUC_PRINTF(3, 4);
@@ -540,7 +529,7 @@ __vsyslog_chk(int priority, int, const char *format, va_list args)
 int
 main(int argc, char **argv)
 {
-  /* Nothing but GStreamer's own elements and those of the tests, and no idle thread that lingers. */
+  /* Only elements of GStreamer and of the tests are available, and no idle thread stays. */
   g_unsetenv("GST_PLUGIN_PATH");
   g_unsetenv("GST_PLUGIN_PATH_1_0");
   g_setenv("GST_TRACERS", testhost::TRACERS, TRUE);

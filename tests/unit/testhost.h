@@ -1,12 +1,12 @@
-/* What every unit test stands on: the world around the code under test, seen and bounded.
+/* The fixture of every unit test.
  *
- * What the code logs is caught before it leaves the process, through syslog and through GLib. A test takes
- * the lines that it expects; a line that no test took is a failure. So every text is known to the tests.
+ * It records all log lines of the code under test, of syslog and of GLib. A test takes the lines that it
+ * expects; any other line fails the test.
  *
- * Nothing may be left of a test: no source in the default main context, no descriptor, no thread and no
- * GStreamer object that was not there before. What ends on another thread is waited for, within a bound.
+ * After a test, the main context has no new source, and the process no new descriptor, thread or GStreamer
+ * object. The fixture waits, within a bound, for those that end on another thread.
  *
- * A test that hangs is killed by a watchdog that names it.
+ * A watchdog names and kills a test that hangs.
  */
 #pragma once
 
@@ -40,7 +40,7 @@ using Texts = std::vector<std::string>;
 /* All lines since the last call, in order. Any thread. */
 SyslogLines take_syslog();
 
-/* How many lines wait to be taken. Any thread. */
+/* The number of lines that were not taken. Any thread. */
 gsize syslog_size();
 
 /* All messages that GLib logged since the last call, each as "domain: text". Any thread. */
@@ -48,18 +48,17 @@ Texts take_glib_messages();
 
 gsize glib_messages_size();
 
-/* The same, but for failed preconditions of the daemon's own: the failed expressions. Another message fails
- * the test. */
+/* The expressions of the failed preconditions in these messages. Any other message fails the test. */
 Texts take_failed_preconditions();
 
 /* Runs the default main context until @condition holds. FALSE when it does not within the bound. */
 bool spin_until(const std::function<bool()> &condition, gint64 limit_us = SPIN_LIMIT_US);
 
-/* Dispatches everything in the default main context that is ready, and nothing that is not. */
+/* Dispatches the ready sources of the default main context, without waiting. */
 void dispatch_ready();
 
-/* Waits until the thread @tid of this process sleeps, and has done so for longer than a contended lock would
- * make it. FALSE when it does not within the bound. Any other thread. */
+/* Waits until the thread @tid of this process sleeps for longer than a thread that waits for a contended
+ * lock. FALSE when it does not within the bound. Any other thread. */
 bool wait_until_asleep(pid_t tid);
 
 /* Waits until the calling thread's current cancellable is cancelled. FALSE when there is none, or it is not
@@ -69,7 +68,7 @@ bool wait_until_cancelled();
 /* The numbers of the open descriptors. */
 std::set<int> open_descriptors();
 
-/* Leaves only so many descriptors to open, as long as this object lives. */
+/* Limits the number of descriptors that can be opened, while this object lives. */
 class FreeDescriptors
 {
 public:
@@ -84,15 +83,15 @@ private:
 
 gsize count_threads();
 
-/* Type and address, divided by a blank, of every living element, pad and bus. */
+/* Type, blank and address of every living element, pad and bus. */
 std::set<std::string> live_objects();
 
 gsize resident_bytes();
 
-/* What all threads of the process have used together. */
+/* Of all threads of the process. */
 gint64 processor_time_us();
 
-/* The longest time for which the main context dispatched nothing while this object lived. */
+/* Measures the longest time for which the main context dispatches nothing. */
 class LatencyMeter
 {
 public:
@@ -111,7 +110,7 @@ private:
   gint64 longest_us_ = 0;
 };
 
-/* Whether an object still lives. Does not keep it. */
+/* Has a weak reference to an object. */
 class Observed
 {
 public:
@@ -132,7 +131,7 @@ protected:
   void SetUp() override;
   void TearDown() override;
 
-  /* The test's own folder, which goes with it. */
+  /* A folder of this test, which is removed after it. */
   const std::string &dir() const;
   std::string path(const std::string &name) const;
 
