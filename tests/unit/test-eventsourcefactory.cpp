@@ -8,8 +8,8 @@
 #include <syslog.h>
 #include <thread>
 
-using testfactory::Answer;
 using testfactory::Params;
+using testfactory::Result;
 using testhost::Texts;
 
 namespace
@@ -35,9 +35,9 @@ protected:
     Fixture::TearDown();
   }
 
-  Answer ask(const Params &params) const
+  Result request(const Params &params) const
   {
-    return Answer(factory_, params);
+    return Result(factory_, params);
   }
 
   void expect_declined(const Params &params) const
@@ -61,17 +61,13 @@ private:
 
 } // namespace
 
-TEST_F(EventSourceFactoryTest, IsAPlainObjectThatIsAFactory)
+TEST_F(EventSourceFactoryTest, IsAPlainObjectWithTheFactoryInterface)
 {
-  const GType type = event_source_factory_get_type();
   GTypeQuery query = {};
-  g_type_query(type, &query);
+  g_type_query(event_source_factory_get_type(), &query);
 
-  EXPECT_STREQ(g_type_name(type), "EventSourceFactory");
-  EXPECT_EQ(g_type_parent(type), static_cast<GType>(G_TYPE_OBJECT));
-  EXPECT_TRUE(g_type_is_a(type, SOURCE_TYPE_FACTORY));
   EXPECT_EQ(query.instance_size, sizeof(GObject));
-  EXPECT_EQ(query.class_size, sizeof(GObjectClass));
+  testfactory::expect_plain_factory(event_source_factory_get_type(), "EventSourceFactory");
 }
 
 TEST_F(EventSourceFactoryTest, DeclinesAnEmptyRequest)
@@ -84,7 +80,7 @@ TEST_F(EventSourceFactoryTest, DeclinesARequestWithoutEventButWithFilters)
   expect_declined({{"event_topic", "tns1:Device//."}, {"event_content", "boolean(//*)"}});
 }
 
-TEST_F(EventSourceFactoryTest, DeclinesARequestForNoEvents)
+TEST_F(EventSourceFactoryTest, DeclinesARequestThatDisablesEvents)
 {
   expect_declined({{"event", "0"}});
   expect_declined({{"event", "0"}, {"event_topic", "\\"}, {"ptz", "1"}});
@@ -97,7 +93,7 @@ TEST_F(EventSourceFactoryTest, RefusesEveryOtherValue)
   }
 }
 
-TEST_F(EventSourceFactoryTest, LogsAFitPartOfAHostileValue)
+TEST_F(EventSourceFactoryTest, EscapesAndClipsAHostileValueInTheLog)
 {
   expect_hostile_values_refused("event", "Invalid value of 'event' parameter");
 }
@@ -105,53 +101,53 @@ TEST_F(EventSourceFactoryTest, LogsAFitPartOfAHostileValue)
 TEST_F(EventSourceFactoryTest, MakesAnElementThatKeepsItsDefaults)
 {
   testelements::take_filters();
-  const Answer answer = ask({{"event", "1"}});
+  const Result result = request({{"event", "1"}});
 
-  ASSERT_NE(answer.source, nullptr);
-  EXPECT_EQ(answer.error, nullptr);
-  EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(answer.source)), "onvifeventsrc");
-  EXPECT_EQ(GST_OBJECT_PARENT(answer.source), nullptr);
-  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(answer.source), "testeventsource"));
-  EXPECT_EQ(answer.property("event-topic"), "default topic");
-  EXPECT_EQ(answer.property("event-content"), "default content");
+  ASSERT_NE(result.source, nullptr);
+  EXPECT_EQ(result.error, nullptr);
+  EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(result.source)), "onvifeventsrc");
+  EXPECT_EQ(GST_OBJECT_PARENT(result.source), nullptr);
+  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(result.source), "testeventsource"));
+  EXPECT_EQ(result.property("event-topic"), "default topic");
+  EXPECT_EQ(result.property("event-content"), "default content");
   EXPECT_EQ(testelements::take_filters(), Texts());
 }
 
 TEST_F(EventSourceFactoryTest, SetsTheTopicAlone)
 {
   testelements::take_filters();
-  const Answer answer = ask({{"event", "1"}, {"event_topic", "tns1:Device//."}});
+  const Result result = request({{"event", "1"}, {"event_topic", "tns1:Device//."}});
 
-  ASSERT_NE(answer.source, nullptr);
+  ASSERT_NE(result.source, nullptr);
   EXPECT_EQ(testelements::take_filters(), (Texts{"event-topic=tns1:Device//."}));
 }
 
 TEST_F(EventSourceFactoryTest, SetsTheContentAlone)
 {
   testelements::take_filters();
-  const Answer answer = ask({{"event", "1"}, {"event_content", "boolean(//tt:SimpleItem)"}});
+  const Result result = request({{"event", "1"}, {"event_content", "boolean(//tt:SimpleItem)"}});
 
-  ASSERT_NE(answer.source, nullptr);
+  ASSERT_NE(result.source, nullptr);
   EXPECT_EQ(testelements::take_filters(), (Texts{"event-content=boolean(//tt:SimpleItem)"}));
 }
 
-TEST_F(EventSourceFactoryTest, SetsAnEmptyFilterToo)
+TEST_F(EventSourceFactoryTest, SetsAnEmptyFilter)
 {
-  const Answer answer = ask({{"event", "1"}, {"event_topic", ""}});
+  const Result result = request({{"event", "1"}, {"event_topic", ""}});
 
-  ASSERT_NE(answer.source, nullptr);
-  EXPECT_EQ(answer.property("event-topic"), "");
+  ASSERT_NE(result.source, nullptr);
+  EXPECT_EQ(result.property("event-topic"), "");
 }
 
-TEST_F(EventSourceFactoryTest, UndoesTheEscapesOfBothFilters)
+TEST_F(EventSourceFactoryTest, ReplacesTheEscapesOfBothFilters)
 {
-  const Answer answer = ask({{"event", "1"},
-                             {"event_topic", R"(a\nb\tc\\d\"e\101\x)"},
-                             {"event_content", R"(\r\b\f\v\303\251\n)"}});
+  const Result result = request({{"event", "1"},
+                                 {"event_topic", R"(a\nb\tc\\d\"e\101\x)"},
+                                 {"event_content", R"(\r\b\f\v\303\251\n)"}});
 
-  ASSERT_NE(answer.source, nullptr);
-  EXPECT_EQ(answer.property("event-topic"), "a\nb\tc\\d\"eAx");
-  EXPECT_EQ(answer.property("event-content"), "\r\b\f\v\u00e9\n");
+  ASSERT_NE(result.source, nullptr);
+  EXPECT_EQ(result.property("event-topic"), "a\nb\tc\\d\"eAx");
+  EXPECT_EQ(result.property("event-content"), "\r\b\f\v\u00e9\n");
 }
 
 TEST_F(EventSourceFactoryTest, DropsALoneBackslashAtTheEndOfAFilterWithoutAWarning)
@@ -160,10 +156,10 @@ TEST_F(EventSourceFactoryTest, DropsALoneBackslashAtTheEndOfAFilterWithoutAWarni
        {std::pair(R"(cut\)", "cut"), std::pair(R"(cut\\\)", R"(cut\)"), std::pair(R"(cut\\)", R"(cut\)"),
         std::pair(R"(\1\)", "\1"), std::pair(R"(\n\)", "\n"), std::pair(R"(\)", ""),
         std::pair(R"(\\)", R"(\)")}) {
-    const Answer answer = ask({{"event", "1"}, {"event_topic", escaped}});
+    const Result result = request({{"event", "1"}, {"event_topic", escaped}});
 
-    ASSERT_NE(answer.source, nullptr);
-    EXPECT_EQ(answer.property("event-topic"), topic) << escaped;
+    ASSERT_NE(result.source, nullptr);
+    EXPECT_EQ(result.property("event-topic"), topic) << escaped;
     EXPECT_EQ(testhost::take_glib_messages(), Texts()) << escaped;
   }
 }
@@ -176,18 +172,18 @@ TEST_F(EventSourceFactoryTest, FailsWithoutThePlatformsElement)
   expect_refused({{"event", "1"}, {"event_topic", "x"}}, "Could not construct onvifeventsrc.");
 }
 
-TEST_F(EventSourceFactoryTest, AnswersTwoThreadsAtOnce)
+TEST_F(EventSourceFactoryTest, ServesTwoThreadsAtOnce)
 {
   std::atomic<int> right = 0;
-  const auto ask_often = [&right, this](const char *topic) {
+  const auto request_often = [&right, this](const char *topic) {
     for (int i = 0; i < 50; i++) {
-      const Answer answer = ask({{"event", "1"}, {"event_topic", topic}});
-      right += answer.source != nullptr && answer.property("event-topic") == topic ? 1 : 0;
+      const Result result = request({{"event", "1"}, {"event_topic", topic}});
+      right += result.source != nullptr && result.property("event-topic") == topic ? 1 : 0;
     }
   };
 
-  std::thread other(ask_often, "the other's");
-  ask_often("one's");
+  std::thread other(request_often, "the other's");
+  request_often("one's");
   other.join();
   EXPECT_EQ(right, 100);
 }

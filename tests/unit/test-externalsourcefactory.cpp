@@ -7,6 +7,7 @@
 #include "testelements.h"
 #include "testfactory.h"
 #include "testhost.h"
+#include "testproducers.h"
 
 #include <algorithm>
 #include <array>
@@ -23,15 +24,15 @@
 using testelements::ReplacedFactory;
 using testelements::Unusable;
 using testelements::WithoutFactory;
-using testfactory::Answer;
 using testfactory::Params;
+using testfactory::Result;
 using testhost::Texts;
 
 namespace
 {
 
-/* A stream that the factory asked for, until the test answers. */
-struct Question {
+/* A request for a stream, until the test replies. */
+struct StreamRequest {
   std::string text; /* producer, name in frames, channel */
   DbusClientFdFunc on_fd;
   std::string source_name;
@@ -40,31 +41,31 @@ struct Question {
 };
 
 /* Stands in for the client of the receiver service. Any thread. */
-class Receiver
+class ReceiverClient
 {
 public:
-  gboolean ask(const gchar *producer, Question question, gint channel)
+  gboolean add(const gchar *producer, StreamRequest request, gint channel)
   {
     std::lock_guard guard(lock_);
 
-    frames_ = gst_app_src_get_current_level_buffers(GST_APP_SRC(question.user_data));
-    question.text = std::string(producer) + " as " + question.source_name + " on " + std::to_string(channel);
-    questions_.push_back(std::move(question));
-    return answers_;
+    frames_ = gst_app_src_get_current_level_buffers(GST_APP_SRC(request.user_data));
+    request.text = std::string(producer) + " as " + request.source_name + " on " + std::to_string(channel);
+    requests_.push_back(std::move(request));
+    return connected_;
   }
 
-  /* The questions since the last call, by text, since the order is that of the producers. */
-  std::vector<Question> take()
+  /* The requests since the last call, sorted by text: the list of producers has no order. */
+  std::vector<StreamRequest> take()
   {
     std::lock_guard guard(lock_);
-    std::vector<Question> questions = std::exchange(questions_, {});
+    std::vector<StreamRequest> requests = std::exchange(requests_, {});
 
-    std::sort(questions.begin(), questions.end(),
-              [](const Question &one, const Question &other) { return one.text < other.text; });
-    return questions;
+    std::sort(requests.begin(), requests.end(),
+              [](const StreamRequest &one, const StreamRequest &other) { return one.text < other.text; });
+    return requests;
   }
 
-  /* How many frames the source had at the last question. */
+  /* How many frames the source had at the last request. */
   guint64 frames()
   {
     std::lock_guard guard(lock_);
@@ -72,22 +73,22 @@ public:
     return frames_;
   }
 
-  /* With FALSE, no question is ever answered. */
-  void set_answers(gboolean answers)
+  /* Whether requests can be made. */
+  void set_connected(gboolean connected)
   {
     std::lock_guard guard(lock_);
 
-    answers_ = answers;
+    connected_ = connected;
   }
 
 private:
   std::mutex lock_;
-  std::vector<Question> questions_;
-  gboolean answers_ = TRUE;
+  std::vector<StreamRequest> requests_;
+  gboolean connected_ = TRUE;
   guint64 frames_ = 0;
 };
 
-Receiver *receiver;
+ReceiverClient *receiver;
 bool no_source = false;
 
 } // namespace
@@ -106,7 +107,7 @@ __wrap_dbus_client_connect_producer(const gchar *producer_name, const gchar *sou
                                     GDestroyNotify user_data_free)
 {
   EXPECT_EQ(cancellable, external_src_get_cancellable(EXTERNAL_SRC(user_data)));
-  return receiver->ask(producer_name, {"", on_fd, source_name, user_data, user_data_free}, channel);
+  return receiver->add(producer_name, {"", on_fd, source_name, user_data, user_data_free}, channel);
 }
 
 ExternalSrc *
@@ -118,22 +119,22 @@ __wrap_external_src_new(void)
 namespace
 {
 
-/* Answers without a stream. */
+/* Replies without a stream. */
 void
-release(const std::vector<Question> &questions)
+release(const std::vector<StreamRequest> &requests)
 {
-  for (const Question &question : questions) {
-    question.user_data_free(question.user_data);
+  for (const StreamRequest &request : requests) {
+    request.user_data_free(request.user_data);
   }
 }
 
 Texts
-texts(const std::vector<Question> &questions)
+texts(const std::vector<StreamRequest> &requests)
 {
   Texts texts;
 
-  for (const Question &question : questions) {
-    texts.push_back(question.text);
+  for (const StreamRequest &request : requests) {
+    texts.push_back(request.text);
   }
   return texts;
 }
@@ -148,7 +149,7 @@ source_of(GstElement *bin)
   return GST_ELEMENT(oldest);
 }
 
-/* Whether anybody has the other end of a pipe. */
+/* Whether the other end of a pipe is open. */
 bool
 has_reader(int fd)
 {
@@ -189,7 +190,7 @@ first_buffer(GstElement *bin)
 class ExternalSourceFactoryTest : public testhost::Fixture
 {
 protected:
-  /* In a place whose time is not UTC. */
+  /* The local time is not UTC. */
   static void SetUpTestSuite()
   {
     g_setenv("TZ", "JST-9", TRUE);
@@ -198,7 +199,7 @@ protected:
   }
 
   /* Two applications, one of them enabled on channels 1 and 3, the other on 1 and, as the built-in producer,
-   * on 5. Channel 2 has nobody. */
+   * on 5. Channel 2 has no producer. */
   void SetUp() override
   {
     Fixture::SetUp();
@@ -230,19 +231,14 @@ protected:
 
   void add_producer(const char *name, gint type)
   {
-    g_autoptr(GArray) channels = g_array_new(FALSE, FALSE, sizeof(guint32));
-    for (guint32 channel = 1; channel <= 5; channel++) {
-      g_array_append_val(channels, channel);
-    }
-    g_autoptr(AnalyticsProducer) producer =
-        analytics_producer_new(name, name, "<tt:SampleFrame/>", channels, type);
+    g_autoptr(AnalyticsProducer) producer = testproducers::make_producer(name, {1, 2, 3, 4, 5}, type);
 
     ASSERT_TRUE(analytics_producer_list_add(producers_, producer));
   }
 
-  Answer ask(const Params &params)
+  Result request(const Params &params)
   {
-    return Answer(factory_, params);
+    return Result(factory_, params);
   }
 
   void expect_refused(const Params &params, GQuark domain, const std::string &text)
@@ -255,7 +251,7 @@ protected:
     expect_refused({{"analytics", "1"}}, source_factory_error_quark(), text);
   }
 
-  Receiver receiver_;
+  ReceiverClient receiver_;
   std::string configuration_;
   AnalyticsProducerList *producers_ = nullptr;
   SourceFactory *factory_ = nullptr;
@@ -263,21 +259,14 @@ protected:
 
 } // namespace
 
-TEST_F(ExternalSourceFactoryTest, IsAPlainObjectThatIsAFactory)
+TEST_F(ExternalSourceFactoryTest, IsAPlainObjectWithTheFactoryInterface)
 {
-  const GType type = external_source_factory_get_type();
-  GTypeQuery query = {};
-  g_type_query(type, &query);
-
-  EXPECT_STREQ(g_type_name(type), "ExternalSourceFactory");
-  EXPECT_EQ(g_type_parent(type), static_cast<GType>(G_TYPE_OBJECT));
-  EXPECT_TRUE(g_type_is_a(type, SOURCE_TYPE_FACTORY));
-  EXPECT_EQ(query.class_size, sizeof(GObjectClass));
+  testfactory::expect_plain_factory(external_source_factory_get_type(), "ExternalSourceFactory");
 }
 
 /* Parameters. */
 
-TEST_F(ExternalSourceFactoryTest, DeclinesARequestForNoAnalyticsAndJudgesNothingElseInIt)
+TEST_F(ExternalSourceFactoryTest, DeclinesARequestWithoutAnalyticsAndIgnoresItsOtherParameters)
 {
   for (const Params &params : {Params{}, Params{{"analytics", "0"}}, Params{{"video_channel", "abc"}},
                                Params{{"analytics", "0"}, {"video_channel", "abc"}}}) {
@@ -302,7 +291,7 @@ TEST_F(ExternalSourceFactoryTest, RefusesABadChannel)
   EXPECT_EQ(testelements::take_settings(), Texts());
 }
 
-/* Who is asked. */
+/* Producers that are requested. */
 
 TEST_F(ExternalSourceFactoryTest, DeclinesAChannelOnWhichNoExternalProducerIsEnabled)
 {
@@ -313,29 +302,29 @@ TEST_F(ExternalSourceFactoryTest, DeclinesAChannelOnWhichNoExternalProducerIsEna
   }
 }
 
-TEST_F(ExternalSourceFactoryTest, NeitherAsksNorCountsABuiltInProducer)
+TEST_F(ExternalSourceFactoryTest, IgnoresABuiltInProducer)
 {
   testfactory::expect_declined(factory_, {{"analytics", "1"}, {"video_channel", "5"}});
 }
 
-TEST_F(ExternalSourceFactoryTest, AsksEachEnabledProducerForTheFirstChannelUnlessTheRequestNamesOne)
+TEST_F(ExternalSourceFactoryTest, RequestsEachEnabledProducerOnTheFirstChannelByDefault)
 {
-  const Answer answer = ask({{"analytics", "1"}});
-  EXPECT_NE(answer.source, nullptr);
-  const std::vector<Question> questions = receiver_.take();
+  const Result result = request({{"analytics", "1"}});
+  EXPECT_NE(result.source, nullptr);
+  const std::vector<StreamRequest> requests = receiver_.take();
 
-  EXPECT_EQ(texts(questions), (Texts{"Cars as street on 1", "People as front door on 1"}));
-  release(questions);
+  EXPECT_EQ(texts(requests), (Texts{"Cars as street on 1", "People as front door on 1"}));
+  release(requests);
 }
 
-TEST_F(ExternalSourceFactoryTest, AsksForTheChannelOfTheRequest)
+TEST_F(ExternalSourceFactoryTest, RequestsProducersOnTheChannelOfTheRequest)
 {
-  const Answer answer = ask({{"analytics", "2"}, {"video_channel", "3"}});
-  EXPECT_NE(answer.source, nullptr);
-  const std::vector<Question> questions = receiver_.take();
+  const Result result = request({{"analytics", "2"}, {"video_channel", "3"}});
+  EXPECT_NE(result.source, nullptr);
+  const std::vector<StreamRequest> requests = receiver_.take();
 
-  EXPECT_EQ(texts(questions), (Texts{"People as yard on 3"}));
-  release(questions);
+  EXPECT_EQ(texts(requests), (Texts{"People as yard on 3"}));
+  release(requests);
 }
 
 TEST_F(ExternalSourceFactoryTest, FollowsAProducerThatIsEnabledAndRemoved)
@@ -345,10 +334,10 @@ TEST_F(ExternalSourceFactoryTest, FollowsAProducerThatIsEnabledAndRemoved)
 
   analytics_producer_set_channel_enabled(producer, 2, TRUE, "gate");
   {
-    const Answer answer = ask(params);
-    const std::vector<Question> questions = receiver_.take();
-    EXPECT_EQ(texts(questions), (Texts{"Cars as gate on 2"}));
-    release(questions);
+    const Result result = request(params);
+    const std::vector<StreamRequest> requests = receiver_.take();
+    EXPECT_EQ(texts(requests), (Texts{"Cars as gate on 2"}));
+    release(requests);
   }
   analytics_producer_list_remove(producers_, "Cars");
   testfactory::expect_declined(factory_, params);
@@ -358,32 +347,32 @@ TEST_F(ExternalSourceFactoryTest, FollowsAProducerThatIsEnabledAndRemoved)
 
 TEST_F(ExternalSourceFactoryTest, BuildsABinOfSourceAndConverter)
 {
-  const Answer answer = ask({{"analytics", "1"}, {"video_channel", "3"}});
+  const Result result = request({{"analytics", "1"}, {"video_channel", "3"}});
   release(receiver_.take());
-  ASSERT_NE(answer.source, nullptr);
-  EXPECT_EQ(answer.error, nullptr);
-  EXPECT_EQ(G_OBJECT_TYPE(answer.source), GST_TYPE_BIN);
-  EXPECT_STREQ(GST_OBJECT_NAME(answer.source), "externalsrcfactorybin");
-  EXPECT_EQ(GST_BIN_NUMCHILDREN(answer.source), 2);
+  ASSERT_NE(result.source, nullptr);
+  EXPECT_EQ(result.error, nullptr);
+  EXPECT_EQ(G_OBJECT_TYPE(result.source), GST_TYPE_BIN);
+  EXPECT_STREQ(GST_OBJECT_NAME(result.source), "externalsrcfactorybin");
+  EXPECT_EQ(GST_BIN_NUMCHILDREN(result.source), 2);
 
-  g_autoptr(GstElement) converter = gst_bin_get_by_name(GST_BIN(answer.source), "json2xml");
+  g_autoptr(GstElement) converter = gst_bin_get_by_name(GST_BIN(result.source), "json2xml");
   ASSERT_NE(converter, nullptr);
   EXPECT_EQ(testfactory::factory_name(converter), "json2xml");
-  GstElement *source = source_of(answer.source);
+  GstElement *source = source_of(result.source);
   gint channel = 0;
   g_object_get(source, "video-channel", &channel, nullptr);
   EXPECT_EQ(channel, 3);
   testfactory::expect_linked(source, converter);
-  testfactory::expect_ghost_pad(answer.source, converter);
+  testfactory::expect_ghost_pad(result.source, converter);
 }
 
-TEST_F(ExternalSourceFactoryTest, LeavesPolygonsOutUnlessTheRequestAsksForThem)
+TEST_F(ExternalSourceFactoryTest, ExcludesPolygonsUnlessTheyAreRequested)
 {
   {
-    const Answer answer = ask({{"analytics", "1"}});
+    const Result result = request({{"analytics", "1"}});
     EXPECT_EQ(testelements::take_settings(), (Texts{"json2xml exclude-polygon=TRUE"}));
   }
-  const Answer answer = ask({{"analytics", "2"}});
+  const Result result = request({{"analytics", "2"}});
   EXPECT_EQ(testelements::take_settings(), (Texts{"json2xml exclude-polygon=FALSE"}));
   release(receiver_.take());
 }
@@ -392,13 +381,13 @@ TEST_F(ExternalSourceFactoryTest, StartsTheStreamWithAFrameOfTheMonotonicAndTheU
 {
   const gint64 before_us = g_get_monotonic_time();
   g_autoptr(GDateTime) before = g_date_time_new_now_utc();
-  const Answer answer = ask({{"analytics", "1"}});
+  const Result result = request({{"analytics", "1"}});
   release(receiver_.take());
   const gint64 after_us = g_get_monotonic_time();
   g_autoptr(GDateTime) after = g_date_time_new_now_utc();
-  ASSERT_NE(answer.source, nullptr);
+  ASSERT_NE(result.source, nullptr);
 
-  const std::string frame = first_buffer(answer.source);
+  const std::string frame = first_buffer(result.source);
   std::smatch found;
   ASSERT_TRUE(std::regex_match(
       frame, found,
@@ -416,9 +405,9 @@ TEST_F(ExternalSourceFactoryTest, StartsTheStreamWithAFrameOfTheMonotonicAndTheU
   EXPECT_GE(g_date_time_difference(after, utc), 0);
 }
 
-TEST_F(ExternalSourceFactoryTest, HasTheFirstFrameBeforeAnyProducerIsAsked)
+TEST_F(ExternalSourceFactoryTest, HasTheFirstFrameBeforeAnyProducerIsRequested)
 {
-  const Answer answer = ask({{"analytics", "1"}, {"video_channel", "3"}});
+  const Result result = request({{"analytics", "1"}, {"video_channel", "3"}});
   release(receiver_.take());
 
   EXPECT_EQ(receiver_.frames(), 1U);
@@ -426,19 +415,19 @@ TEST_F(ExternalSourceFactoryTest, HasTheFirstFrameBeforeAnyProducerIsAsked)
 
 /* The streams. */
 
-TEST_F(ExternalSourceFactoryTest, GivesEachStreamToTheSourceThatAsked)
+TEST_F(ExternalSourceFactoryTest, GivesEachStreamToTheSourceThatRequestedIt)
 {
-  const Answer answer = ask({{"analytics", "1"}});
-  ASSERT_NE(answer.source, nullptr);
-  GstElement *source = source_of(answer.source);
+  const Result result = request({{"analytics", "1"}});
+  ASSERT_NE(result.source, nullptr);
+  GstElement *source = source_of(result.source);
   std::vector<int> producers;
   guint sockets = 0;
 
-  for (const Question &question : receiver_.take()) {
+  for (const StreamRequest &request : receiver_.take()) {
     std::array<int, 2> fds = {-1, -1};
     ASSERT_EQ(pipe(fds.data()), 0);
-    question.on_fd(fds[0], question.source_name.c_str(), question.user_data);
-    question.user_data_free(question.user_data);
+    request.on_fd(fds[0], request.source_name.c_str(), request.user_data);
+    request.user_data_free(request.user_data);
     producers.push_back(fds[1]);
   }
   g_object_get(source, "num-sockets", &sockets, nullptr);
@@ -453,62 +442,62 @@ TEST_F(ExternalSourceFactoryTest, GivesEachStreamToTheSourceThatAsked)
   }));
 }
 
-TEST_F(ExternalSourceFactoryTest, CopesWithAStreamThatFailed)
+TEST_F(ExternalSourceFactoryTest, IgnoresAStreamThatFailed)
 {
-  const Answer answer = ask({{"analytics", "1"}, {"video_channel", "3"}});
-  ASSERT_NE(answer.source, nullptr);
-  GstElement *source = source_of(answer.source);
-  const std::vector<Question> questions = receiver_.take();
+  const Result result = request({{"analytics", "1"}, {"video_channel", "3"}});
+  ASSERT_NE(result.source, nullptr);
+  GstElement *source = source_of(result.source);
+  const std::vector<StreamRequest> requests = receiver_.take();
   guint sockets = 1;
 
-  ASSERT_EQ(questions.size(), 1U);
-  questions[0].on_fd(-1, "yard", questions[0].user_data);
+  ASSERT_EQ(requests.size(), 1U);
+  requests[0].on_fd(-1, "yard", requests[0].user_data);
   EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1"}));
-  release(questions);
+  release(requests);
   g_object_get(source, "num-sockets", &sockets, nullptr);
   EXPECT_EQ(sockets, 0U);
 }
 
-TEST_F(ExternalSourceFactoryTest, KeepsTheSourceUntilEveryQuestionIsAnswered)
+TEST_F(ExternalSourceFactoryTest, KeepsTheSourceUntilEveryReply)
 {
-  auto answer = std::make_unique<Answer>(factory_, Params{{"analytics", "1"}});
-  ASSERT_NE(answer->source, nullptr);
-  const testhost::Observed source(source_of(answer->source));
-  const std::vector<Question> questions = receiver_.take();
+  auto result = std::make_unique<Result>(factory_, Params{{"analytics", "1"}});
+  ASSERT_NE(result->source, nullptr);
+  const testhost::Observed source(source_of(result->source));
+  const std::vector<StreamRequest> requests = receiver_.take();
 
-  answer.reset();
-  ASSERT_EQ(questions.size(), 2U);
-  questions[0].user_data_free(questions[0].user_data);
+  result.reset();
+  ASSERT_EQ(requests.size(), 2U);
+  requests[0].user_data_free(requests[0].user_data);
   EXPECT_TRUE(source.alive());
-  questions[1].user_data_free(questions[1].user_data);
+  requests[1].user_data_free(requests[1].user_data);
   EXPECT_FALSE(source.alive());
 }
 
-TEST_F(ExternalSourceFactoryTest, CountsAProducerThatCannotBeAskedAndKeepsNothingForIt)
+TEST_F(ExternalSourceFactoryTest, BuildsABinAlsoIfNoRequestCanBeMadeAndKeepsNothing)
 {
-  receiver_.set_answers(FALSE);
-  auto answer = std::make_unique<Answer>(factory_, Params{{"analytics", "1"}});
-  ASSERT_NE(answer->source, nullptr);
-  const testhost::Observed source(source_of(answer->source));
+  receiver_.set_connected(FALSE);
+  auto result = std::make_unique<Result>(factory_, Params{{"analytics", "1"}});
+  ASSERT_NE(result->source, nullptr);
+  const testhost::Observed source(source_of(result->source));
   EXPECT_EQ(receiver_.take().size(), 2U);
 
-  answer.reset();
+  result.reset();
   EXPECT_FALSE(source.alive());
 }
 
 TEST_F(ExternalSourceFactoryTest, ClosesTheStreamsOfABinThatNeverPlayedWithTheBin)
 {
-  auto answer = std::make_unique<Answer>(factory_, Params{{"analytics", "1"}, {"video_channel", "3"}});
-  ASSERT_NE(answer->source, nullptr);
-  const testhost::Observed source(source_of(answer->source));
-  const std::vector<Question> questions = receiver_.take();
-  ASSERT_EQ(questions.size(), 1U);
+  auto result = std::make_unique<Result>(factory_, Params{{"analytics", "1"}, {"video_channel", "3"}});
+  ASSERT_NE(result->source, nullptr);
+  const testhost::Observed source(source_of(result->source));
+  const std::vector<StreamRequest> requests = receiver_.take();
+  ASSERT_EQ(requests.size(), 1U);
   std::array<int, 2> fds = {-1, -1};
   ASSERT_EQ(pipe(fds.data()), 0);
 
-  questions[0].on_fd(fds[0], "yard", questions[0].user_data);
-  release(questions);
-  answer.reset();
+  requests[0].on_fd(fds[0], "yard", requests[0].user_data);
+  release(requests);
+  result.reset();
   EXPECT_FALSE(source.alive());
   EXPECT_FALSE(has_reader(fds[1]));
   close(fds[1]);
@@ -516,17 +505,17 @@ TEST_F(ExternalSourceFactoryTest, ClosesTheStreamsOfABinThatNeverPlayedWithTheBi
 
 TEST_F(ExternalSourceFactoryTest, ClosesAStreamThatComesAfterItsBinHasGone)
 {
-  auto answer = std::make_unique<Answer>(factory_, Params{{"analytics", "1"}, {"video_channel", "3"}});
-  ASSERT_NE(answer->source, nullptr);
-  const std::vector<Question> questions = receiver_.take();
-  ASSERT_EQ(questions.size(), 1U);
+  auto result = std::make_unique<Result>(factory_, Params{{"analytics", "1"}, {"video_channel", "3"}});
+  ASSERT_NE(result->source, nullptr);
+  const std::vector<StreamRequest> requests = receiver_.take();
+  ASSERT_EQ(requests.size(), 1U);
   std::array<int, 2> fds = {-1, -1};
   ASSERT_EQ(pipe(fds.data()), 0);
 
-  answer.reset();
-  questions[0].on_fd(fds[0], "yard", questions[0].user_data);
+  result.reset();
+  requests[0].on_fd(fds[0], "yard", requests[0].user_data);
   EXPECT_FALSE(has_reader(fds[1]));
-  release(questions);
+  release(requests);
   close(fds[1]);
 }
 
@@ -539,7 +528,7 @@ TEST_F(ExternalSourceFactoryTest, FailsWithoutASource)
   no_source = false;
 }
 
-TEST_F(ExternalSourceFactoryTest, FailsWithoutAConverterAlsoWhereNobodyIsEnabled)
+TEST_F(ExternalSourceFactoryTest, FailsWithoutAConverterAlsoIfNoProducerIsEnabled)
 {
   const WithoutFactory no_converter("json2xml");
 
@@ -569,22 +558,22 @@ TEST_F(ExternalSourceFactoryTest, FailsWhenTheBinCannotGetItsPad)
   expect_build_failure("Could not add ghost pad for external metadata stream.");
 }
 
-TEST_F(ExternalSourceFactoryTest, AnswersTwoThreadsAtOnce)
+TEST_F(ExternalSourceFactoryTest, ServesTwoThreadsAtOnce)
 {
   constexpr int ROUNDS = 50;
-  const auto ask_often = [this](const char *channel) {
+  const auto request_often = [this](const char *channel) {
     int right = 0;
     for (int i = 0; i < ROUNDS; i++) {
-      const Answer answer = ask({{"analytics", "1"}, {"video_channel", channel}});
-      right += answer.source != nullptr ? 1 : 0;
+      const Result result = request({{"analytics", "1"}, {"video_channel", channel}});
+      right += result.source != nullptr ? 1 : 0;
     }
     return right;
   };
 
-  auto other = std::async(std::launch::async, ask_often, "3");
-  EXPECT_EQ(ask_often("1"), ROUNDS);
+  auto other = std::async(std::launch::async, request_often, "3");
+  EXPECT_EQ(request_often("1"), ROUNDS);
   EXPECT_EQ(other.get(), ROUNDS);
-  const std::vector<Question> questions = receiver_.take();
-  EXPECT_EQ(questions.size(), 3U * ROUNDS);
-  release(questions);
+  const std::vector<StreamRequest> requests = receiver_.take();
+  EXPECT_EQ(requests.size(), 3U * ROUNDS);
+  release(requests);
 }

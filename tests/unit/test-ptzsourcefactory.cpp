@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <thread>
 
-using testfactory::Answer;
 using testfactory::Params;
+using testfactory::Result;
 using testhost::Texts;
 
 namespace
@@ -63,11 +63,11 @@ protected:
   /* The calls that set properties of the element that the factory makes, each as "property=value ...". */
   Texts settings_for(const Params &params) const
   {
-    const Answer answer(factory_, params);
+    const Result result(factory_, params);
     Texts settings;
 
-    EXPECT_EQ(answer.error, nullptr);
-    EXPECT_NE(answer.source, nullptr);
+    EXPECT_EQ(result.error, nullptr);
+    EXPECT_NE(result.source, nullptr);
     for (const std::string &setting : testelements::take_settings()) {
       settings.push_back(setting.substr(setting.find(' ') + 1));
     }
@@ -79,7 +79,7 @@ protected:
 
 } // namespace
 
-TEST_F(PTZSourceFactoryTest, IsAnObjectWithOneFieldThatIsAFactory)
+TEST_F(PTZSourceFactoryTest, IsAnObjectWithOneFieldAndTheFactoryInterface)
 {
   const GType type = ptz_source_factory_get_type();
   GTypeQuery query = {};
@@ -97,7 +97,7 @@ TEST_F(PTZSourceFactoryTest, DeclinesAnEmptyRequest)
   expect_declined({});
 }
 
-TEST_F(PTZSourceFactoryTest, DeclinesARequestForNoPtz)
+TEST_F(PTZSourceFactoryTest, DeclinesARequestThatDisablesPtz)
 {
   expect_declined({{"ptz", "0"}});
   expect_declined({{"ptz", "0"},
@@ -107,32 +107,32 @@ TEST_F(PTZSourceFactoryTest, DeclinesARequestForNoPtz)
   expect_declined({{"video_channel", "3"}, {"analytics", "2"}});
 }
 
-TEST_F(PTZSourceFactoryTest, MakesAnElementWithNoNameOfItsOwn)
+TEST_F(PTZSourceFactoryTest, MakesAnElementWithoutASpecialName)
 {
-  const Answer answer(factory_, {{"ptz", "1"}});
+  const Result result(factory_, {{"ptz", "1"}});
 
-  ASSERT_NE(answer.source, nullptr);
-  EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(answer.source)), "statuscacheptzsrc");
-  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(answer.source), "testptzsource"));
-  EXPECT_EQ(GST_OBJECT_PARENT(answer.source), nullptr);
+  ASSERT_NE(result.source, nullptr);
+  EXPECT_STREQ(GST_OBJECT_NAME(gst_element_get_factory(result.source)), "statuscacheptzsrc");
+  EXPECT_TRUE(g_str_has_prefix(GST_OBJECT_NAME(result.source), "testptzsource"));
+  EXPECT_EQ(GST_OBJECT_PARENT(result.source), nullptr);
 }
 
-TEST_F(PTZSourceFactoryTest, LeavesChannelAndSpacesAtTheElementsDefaultsWhenTheyAreAbsent)
+TEST_F(PTZSourceFactoryTest, KeepsTheDefaultsOfTheElementForAbsentParameters)
 {
   EXPECT_EQ(settings_for({{"ptz", "1"}}), (Texts{STATUS_AND_POSITION}));
 }
 
-TEST_F(PTZSourceFactoryTest, LeavesTheStatusOutForPositionOnly)
+TEST_F(PTZSourceFactoryTest, FiltersTheStatusForPositionOnly)
 {
   EXPECT_EQ(settings_for({{"ptz", "2"}, {"video_channel", "3"}}), (Texts{"channel=3", POSITION_ONLY}));
 }
 
-TEST_F(PTZSourceFactoryTest, LeavesThePositionOutForStatusOnly)
+TEST_F(PTZSourceFactoryTest, FiltersThePositionForStatusOnly)
 {
   EXPECT_EQ(settings_for({{"ptz", "3"}}), (Texts{STATUS_ONLY}));
 }
 
-TEST_F(PTZSourceFactoryTest, SetsEachOptionThatIsGiven)
+TEST_F(PTZSourceFactoryTest, SetsEachParameter)
 {
   EXPECT_EQ(
       settings_for({{"ptz", "1"},
@@ -144,13 +144,13 @@ TEST_F(PTZSourceFactoryTest, SetsEachOptionThatIsGiven)
             (Texts{"coordinate-space-zoom=0", STATUS_AND_POSITION}));
 }
 
-TEST_F(PTZSourceFactoryTest, PassesAnyMoveCapabilitiesOnUnchanged)
+TEST_F(PTZSourceFactoryTest, SetsAnyMoveCapabilitiesUnchanged)
 {
   for (const gint32 capabilities : {0, 1, G_MAXINT32, G_MININT32}) {
     g_autoptr(SourceFactory) factory = ptz_source_factory_new(capabilities);
-    const Answer answer(factory, {{"ptz", "1"}});
+    const Result result(factory, {{"ptz", "1"}});
 
-    ASSERT_NE(answer.source, nullptr);
+    ASSERT_NE(result.source, nullptr);
     EXPECT_TRUE(g_str_has_suffix(testelements::take_settings().back().c_str(),
                                  (" ptz-move-capabilities=" + std::to_string(capabilities)).c_str()));
   }
@@ -164,7 +164,7 @@ TEST_F(PTZSourceFactoryTest, RefusesABadPtz)
                  "Invalid value of 'ptz'         parameter: ''.");
 }
 
-TEST_F(PTZSourceFactoryTest, LogsAFitPartOfAHostileValue)
+TEST_F(PTZSourceFactoryTest, EscapesAndClipsAHostileValueInTheLog)
 {
   expect_hostile_values_refused("ptz", "Invalid value of 'ptz'         parameter");
   expect_hostile_values_refused("ptz_pantilt_coordinate_space",
@@ -173,13 +173,13 @@ TEST_F(PTZSourceFactoryTest, LogsAFitPartOfAHostileValue)
                                 "Invalid value of 'ptz zoom coordinate space'         parameter");
 }
 
-TEST_F(PTZSourceFactoryTest, RefusesABadChannelEvenWithoutPtz)
+TEST_F(PTZSourceFactoryTest, RefusesABadChannelAlsoWithoutPtz)
 {
   expect_refused({{"video_channel", "x"}}, option_validation_error_quark(),
                  "Invalid value of 'channel'           parameter: 'x'.");
 }
 
-TEST_F(PTZSourceFactoryTest, RefusesABadSpaceEvenWhenPtzIsOff)
+TEST_F(PTZSourceFactoryTest, RefusesABadSpaceAlsoWithoutPtz)
 {
   expect_refused({{"ptz", "0"}, {"ptz_zoom_coordinate_space", "5"}}, ptz_validation_error_quark(),
                  "Value out of bounds for         'ptz zoom coordinate space' parameter: '5'.");
@@ -187,7 +187,7 @@ TEST_F(PTZSourceFactoryTest, RefusesABadSpaceEvenWhenPtzIsOff)
                  "Invalid value of         'ptz pantilt coordinate space' parameter: 'a'.");
 }
 
-TEST_F(PTZSourceFactoryTest, TellsTheFirstBadParameterOfPtzChannelPantiltZoom)
+TEST_F(PTZSourceFactoryTest, ReportsTheFirstBadParameterOfPtzChannelPantiltZoom)
 {
   Params params = {{"ptz_zoom_coordinate_space", "9"},
                    {"ptz_pantilt_coordinate_space", "8"},
@@ -215,18 +215,18 @@ TEST_F(PTZSourceFactoryTest, FailsWithoutThePlatformsElement)
   expect_refused({{"ptz", "1"}}, source_factory_error_quark(), "Could not construct statuscacheptzsrc.");
 }
 
-TEST_F(PTZSourceFactoryTest, AnswersTwoThreadsAtOnce)
+TEST_F(PTZSourceFactoryTest, ServesTwoThreadsAtOnce)
 {
   constexpr int TIMES = 50;
-  const auto ask_often = [this](const char *channel) {
+  const auto request_often = [this](const char *channel) {
     for (int i = 0; i < TIMES; i++) {
-      const Answer answer(factory_, {{"ptz", "1"}, {"video_channel", channel}});
-      EXPECT_NE(answer.source, nullptr);
+      const Result result(factory_, {{"ptz", "1"}, {"video_channel", channel}});
+      EXPECT_NE(result.source, nullptr);
     }
   };
 
-  std::thread other(ask_often, "1");
-  ask_often("2");
+  std::thread other(request_often, "1");
+  request_often("2");
   other.join();
   const Texts settings = testelements::take_settings();
   for (const char *set : {" channel=1", " channel=2"}) {

@@ -71,7 +71,7 @@ make_params(const Params &params)
   return table;
 }
 
-Answer::Answer(SourceFactory *factory, const Params &params)
+Result::Result(SourceFactory *factory, const Params &params)
 {
   g_autoptr(GHashTable) table = make_params(params);
 
@@ -83,14 +83,14 @@ Answer::Answer(SourceFactory *factory, const Params &params)
   EXPECT_EQ(g_hash_table_size(table), params.size());
 }
 
-Answer::~Answer()
+Result::~Result()
 {
   g_clear_object(&source);
   g_clear_error(&error);
 }
 
 std::string
-Answer::property(const char *name) const
+Result::property(const char *name) const
 {
   g_auto(GValue) value = G_VALUE_INIT;
   g_auto(GValue) text = G_VALUE_INIT;
@@ -104,20 +104,20 @@ Answer::property(const char *name) const
 void
 expect_declined(SourceFactory *factory, const Params &params)
 {
-  const Answer answer(factory, params);
+  const Result result(factory, params);
 
-  EXPECT_EQ(answer.source, nullptr);
-  EXPECT_EQ(answer.error, nullptr);
+  EXPECT_EQ(result.source, nullptr);
+  EXPECT_EQ(result.error, nullptr);
 }
 
 void
 expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text)
 {
-  const Answer answer(factory, params);
+  const Result result(factory, params);
 
-  EXPECT_EQ(answer.source, nullptr);
-  ASSERT_TRUE(g_error_matches(answer.error, domain, 0));
-  EXPECT_EQ(answer.error->message, text);
+  EXPECT_EQ(result.source, nullptr);
+  ASSERT_TRUE(g_error_matches(result.error, domain, 0));
+  EXPECT_EQ(result.error->message, text);
   EXPECT_EQ(testhost::take_syslog(), (testhost::SyslogLines{{LOG_WARNING, text}}));
 }
 
@@ -140,14 +140,26 @@ expect_hostile_values_refused(SourceFactory *factory, const std::string &key, GQ
                               const std::string &problem)
 {
   for (const HostileValue &hostile : hostile_values()) {
-    const Answer answer(factory, {{key, hostile.value}});
+    const Result result(factory, {{key, hostile.value}});
 
-    EXPECT_EQ(answer.source, nullptr);
-    ASSERT_TRUE(g_error_matches(answer.error, domain, 0));
-    EXPECT_EQ(answer.error->message, problem + ": '" + hostile.value + "'.");
+    EXPECT_EQ(result.source, nullptr);
+    ASSERT_TRUE(g_error_matches(result.error, domain, 0));
+    EXPECT_EQ(result.error->message, problem + ": '" + hostile.value + "'.");
     EXPECT_EQ(testhost::take_syslog(),
               (testhost::SyslogLines{{LOG_WARNING, problem + ": '" + hostile.logged + "'."}}));
   }
+}
+
+void
+expect_plain_factory(GType type, const char *name)
+{
+  GTypeQuery query = {};
+
+  g_type_query(type, &query);
+  EXPECT_STREQ(query.type_name, name);
+  EXPECT_EQ(g_type_parent(type), static_cast<GType>(G_TYPE_OBJECT));
+  EXPECT_TRUE(g_type_is_a(type, SOURCE_TYPE_FACTORY));
+  EXPECT_EQ(query.class_size, sizeof(GObjectClass));
 }
 
 void

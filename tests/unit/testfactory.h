@@ -1,4 +1,4 @@
-/* A source factory whose answers a test gives, and what a factory under test answers. */
+/* A source factory that a test controls, and the checks of what a factory under test returns. */
 #pragma once
 
 #include "sourcefactory.h"
@@ -12,7 +12,7 @@ G_DECLARE_FINAL_TYPE(TestFactory, test_factory, TEST, FACTORY, GObject)
 
 using CreateSource = std::function<GstElement *(GHashTable *params, GError **error)>;
 
-/* @create_source runs on the threads that ask the factory. */
+/* @create_source runs on the threads that call the factory. */
 TestFactory *test_factory_new(CreateSource create_source);
 
 namespace testfactory
@@ -23,14 +23,14 @@ using Params = std::vector<std::pair<std::string, std::string>>;
 /* A request's parameters as a factory gets them. The caller owns the table. */
 GHashTable *make_params(const Params &params);
 
-/* The answer of a factory to one request. The test owns the source, which no longer floats. */
-class Answer
+/* What a factory returns for one request. This object owns the source, which no longer floats. */
+class Result
 {
 public:
-  Answer(SourceFactory *factory, const Params &params);
-  ~Answer();
-  Answer(const Answer &) = delete;
-  Answer &operator=(const Answer &) = delete;
+  Result(SourceFactory *factory, const Params &params);
+  ~Result();
+  Result(const Result &) = delete;
+  Result &operator=(const Result &) = delete;
 
   /* A property of the source as text. */
   std::string property(const char *name) const;
@@ -39,13 +39,13 @@ public:
   GError *error = nullptr;
 };
 
-/* The factory has nothing to contribute. */
+/* The factory returns neither a source nor an error. */
 void expect_declined(SourceFactory *factory, const Params &params);
 
-/* The factory fails with @text, which is also the one line that it logs, as a warning. */
+/* The factory fails with @text and logs it as one warning. */
 void expect_refused(SourceFactory *factory, const Params &params, GQuark domain, const std::string &text);
 
-/* A text of a client's that no line of the log may hold as it is, and what stands there in its place. */
+/* A parameter that a log line must not contain as it is, and its form in the log. */
 struct HostileValue {
   std::string value;
   std::string logged;
@@ -53,17 +53,20 @@ struct HostileValue {
 
 const std::vector<HostileValue> &hostile_values();
 
-/* Whether each hostile value of the parameter @key fails as it is, and with a fit line of the log. */
+/* Each hostile value of the parameter @key fails: the error has the value, the log its escaped form. */
 void expect_hostile_values_refused(SourceFactory *factory, const std::string &key, GQuark domain,
                                    const std::string &problem);
+
+/* The type is a plain GObject of this name that implements the factory interface. */
+void expect_plain_factory(GType type, const char *name);
 
 /* The name of the factory that made an element. */
 std::string factory_name(GstElement *element);
 
-/* Whether the pad "src" of one is linked to the pad "sink" of the other. */
+/* The pad "src" of @from is linked to the pad "sink" of @to. */
 void expect_linked(GstElement *from, GstElement *to);
 
-/* Whether the bin has one pad, "src", which shows that of @last. */
+/* The bin has one pad, "src", a ghost of the one of @last. */
 void expect_ghost_pad(GstElement *bin, GstElement *last);
 
 } // namespace testfactory
