@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <gst/app/gstappsink.h>
 #include <memory>
+#include <optional>
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
@@ -61,7 +62,7 @@ text_of(GstBuffer *buffer)
   return text;
 }
 
-/* An element and a sink that takes one buffer whenever it is asked for one. */
+/* An element and a sink from which a test pulls buffers. */
 class Branch
 {
 public:
@@ -113,18 +114,12 @@ public:
     return gst_app_src_get_current_level_bytes(GST_APP_SRC(src));
   }
 
-  /* What the account counts while no message is being read. */
-  static gsize held_bytes()
-  {
-    return message_account_get_total();
-  }
-
   bool ended() const
   {
     return gst_app_sink_is_eos(sink_);
   }
 
-  /* NULL when there is none yet. */
+  /* NULL without a buffer. */
   GstSample *pull() const
   {
     return gst_app_sink_try_pull_sample(sink_, 0);
@@ -156,13 +151,13 @@ private:
   GstAppSink *sink_;
 };
 
-/* Numbered messages, sent as fast as they are taken; what they look like follows from the number. */
+/* Numbered messages, whose content depends on the number. */
 class Numbered
 {
 public:
   using Size = gsize (*)(gsize number);
 
-  Numbered(gsize count, Size size) : count_(count), size_(size)
+  Numbered(gsize number, Size size) : count(number), size_(size)
   {
   }
 
@@ -179,24 +174,24 @@ public:
     return teststream::frame(NAME, payload(number));
   }
 
-  /* One message, or what is left of one. FALSE when not all of it goes without waiting. */
+  /* Sends a message, or the rest of one. FALSE when not all of it fits. */
   bool send_one(const Producer &producer)
   {
     if (!is_cut()) {
-      bytes_ = teststream::message(payload(sent_));
+      bytes_ = teststream::message(payload(sent));
       offset_ = 0;
     }
     const gsize size = producer.send_some(bytes_.data() + offset_, bytes_.size() - offset_);
     offset_ += size;
-    total_ += size;
-    sent_ += is_cut() ? 0 : 1;
+    total += size;
+    sent += is_cut() ? 0 : 1;
     return !is_cut();
   }
 
-  /* As much as goes without waiting. FALSE when all has been sent. */
+  /* Sends as much as fits. FALSE when all is sent. */
   bool send_some(const Producer &producer)
   {
-    while (sent_ < count_) {
+    while (sent < count) {
       if (!send_one(producer)) {
         return true;
       }
@@ -210,31 +205,17 @@ public:
     return offset_ < bytes_.size();
   }
 
-  gsize sent() const
-  {
-    return sent_;
-  }
-
-  gsize count() const
-  {
-    return count_;
-  }
-
-  gsize total() const
-  {
-    return total_;
-  }
+  const gsize count;
+  gsize sent = 0;
+  gsize total = 0;
 
 private:
-  gsize count_;
   Size size_;
-  gsize sent_ = 0;
-  gsize total_ = 0;
   std::string bytes_;
   gsize offset_ = 0;
 };
 
-/* Takes what a branch delivers until all of @messages has come, in order. */
+/* Pulls the buffers of a branch until all messages have arrived, in order. */
 void
 expect_all(const Branch &branch, const Numbered &messages, const std::function<void()> &meanwhile)
 {
@@ -248,7 +229,7 @@ expect_all(const Branch &branch, const Numbered &messages, const std::function<v
           gst_sample_unref(sample);
           number++;
         }
-        return number == messages.count() || testing::Test::HasFailure();
+        return number == messages.count || testing::Test::HasFailure();
       },
       60 * G_TIME_SPAN_SECOND))
       << number;
@@ -269,6 +250,28 @@ protected:
   {
     external_src_add_socket(branch.src, producer.consumer_fd, NAME);
   }
+};
+
+/* An element, and a producer with a blocking pipe. */
+class ExternalSrcStreamTest : public ExternalSrcTest
+{
+protected:
+  void SetUp() override
+  {
+    ExternalSrcTest::SetUp();
+    branch_.emplace();
+    producer_.emplace(Carrier::PIPE, Mode::BLOCKING);
+  }
+
+  void TearDown() override
+  {
+    producer_.reset();
+    branch_.reset();
+    ExternalSrcTest::TearDown();
+  }
+
+  std::optional<Branch> branch_;
+  std::optional<Producer> producer_;
 };
 
 } // namespace
@@ -335,7 +338,7 @@ TEST_F(ExternalSrcTest, KeepsTheApplicationSourcesDefaults)
   }
 }
 
-TEST_F(ExternalSrcTest, TakesAVideoChannelFromOneOn)
+TEST_F(ExternalSrcTest, AcceptsAVideoChannelFromOneOn)
 {
   Branch branch;
 
@@ -376,18 +379,15 @@ TEST_F(ExternalSrcTest, WarnsOfUnknownProperties)
       << messages[0];
 }
 
-TEST_F(ExternalSrcTest, ChecksTheArgumentsOfASocket)
+TEST_F(ExternalSrcStreamTest, ChecksTheArgumentsOfASocket)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-
-  external_src_add_socket(nullptr, producer.consumer_fd, NAME);
-  external_src_add_socket(branch.src, producer.consumer_fd, nullptr);
+  external_src_add_socket(nullptr, producer_->consumer_fd, NAME);
+  external_src_add_socket(branch_->src, producer_->consumer_fd, nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"src != NULL", "source_name != NULL"}));
-  EXPECT_EQ(close(producer.consumer_fd), 0);
+  EXPECT_EQ(close(producer_->consumer_fd), 0);
 }
 
-/* The branch's destructor finds a reference that is left. */
+/* The branch's destructor detects a reference that is left. */
 TEST_F(ExternalSrcTest, WarnsOfANegativeDescriptorAndKeepsNoReference)
 {
   Branch branch;
@@ -397,7 +397,7 @@ TEST_F(ExternalSrcTest, WarnsOfANegativeDescriptorAndKeepsNoReference)
   EXPECT_EQ(num_sockets(branch.src), 0U);
 }
 
-TEST_F(ExternalSrcTest, TakesANegativeDescriptorSilentlyOnceItCloses)
+TEST_F(ExternalSrcTest, IgnoresANegativeDescriptorWhileItCloses)
 {
   Branch branch;
 
@@ -407,20 +407,17 @@ TEST_F(ExternalSrcTest, TakesANegativeDescriptorSilentlyOnceItCloses)
   EXPECT_EQ(num_sockets(branch.src), 0U);
 }
 
-TEST_F(ExternalSrcTest, DeliversEachMessageAsOneBufferWithoutTimes)
+TEST_F(ExternalSrcStreamTest, DeliversEachMessageAsOneBufferWithoutTimes)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
+  branch_->play();
+  add(*branch_, *producer_);
+  /* GStreamer's base class sets the decoding time of the first buffer to 0. */
+  producer_->send(teststream::message("first"));
+  EXPECT_EQ(branch_->wait_for_text(), teststream::frame(NAME, "first"));
 
-  branch.play();
-  add(branch, producer);
-  /* GStreamer's base class starts a stream with a decoding time of 0, whatever its first buffer is. */
-  producer.send(teststream::message("first"));
-  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "first"));
-
-  producer.send(teststream::message("{}") + teststream::message("{},{}"));
+  producer_->send(teststream::message("{}") + teststream::message("{},{}"));
   for (const char *payload : {"{}", "{},{}"}) {
-    g_autoptr(GstSample) sample = branch.wait_for_sample();
+    g_autoptr(GstSample) sample = branch_->wait_for_sample();
     ASSERT_NE(sample, nullptr);
     GstBuffer *buffer = gst_sample_get_buffer(sample);
     EXPECT_EQ(text_of(buffer), teststream::frame(NAME, payload));
@@ -432,7 +429,7 @@ TEST_F(ExternalSrcTest, DeliversEachMessageAsOneBufferWithoutTimes)
   }
 }
 
-TEST_F(ExternalSrcTest, GathersManyProducers)
+TEST_F(ExternalSrcTest, MergesSeveralProducers)
 {
   Branch branch;
   Producer one(Carrier::PIPE, Mode::BLOCKING);
@@ -467,7 +464,7 @@ TEST_F(ExternalSrcTest, CountsTheOpenStreams)
   EXPECT_TRUE(testhost::spin_until([&] { return num_sockets(branch.src) == 0; }));
 }
 
-TEST_F(ExternalSrcTest, GoesOnWithoutProducers)
+TEST_F(ExternalSrcTest, ContinuesWithoutProducers)
 {
   Branch branch;
   Producer one(Carrier::PIPE, Mode::BLOCKING);
@@ -483,16 +480,13 @@ TEST_F(ExternalSrcTest, GoesOnWithoutProducers)
   EXPECT_FALSE(branch.ended());
 }
 
-TEST_F(ExternalSrcTest, KeepsWhatComesBeforeTheStart)
+TEST_F(ExternalSrcStreamTest, KeepsMessagesFromBeforeTheStart)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-
-  add(branch, producer);
-  producer.send(teststream::message("1"));
+  add(*branch_, *producer_);
+  producer_->send(teststream::message("1"));
   testhost::dispatch_ready();
-  branch.play();
-  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  branch_->play();
+  EXPECT_EQ(branch_->wait_for_text(), teststream::frame(NAME, "1"));
 }
 
 TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItStops)
@@ -515,39 +509,33 @@ TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItStops)
   EXPECT_FALSE(is_open(other.consumer_fd));
 }
 
-TEST_F(ExternalSrcTest, ClosesDescriptorsThatComeAfterItsStop)
+TEST_F(ExternalSrcStreamTest, ClosesDescriptorsThatAreAddedAfterItsStop)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-
-  branch.play();
-  branch.set_state(GST_STATE_READY);
-  add(branch, producer);
-  EXPECT_FALSE(is_open(producer.consumer_fd));
-  EXPECT_EQ(num_sockets(branch.src), 0U);
-  branch.play();
+  branch_->play();
+  branch_->set_state(GST_STATE_READY);
+  add(*branch_, *producer_);
+  EXPECT_FALSE(is_open(producer_->consumer_fd));
+  EXPECT_EQ(num_sockets(branch_->src), 0U);
+  branch_->play();
 
   Producer late(Carrier::PIPE, Mode::BLOCKING);
-  add(branch, late);
+  add(*branch_, late);
   EXPECT_FALSE(is_open(late.consumer_fd));
 }
 
-TEST_F(ExternalSrcTest, ClosesNothingAtOtherChangesOfState)
+TEST_F(ExternalSrcStreamTest, ClosesNothingAtOtherChangesOfState)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-
-  add(branch, producer);
-  branch.set_state(GST_STATE_READY);
-  branch.set_state(GST_STATE_NULL);
-  branch.play();
-  EXPECT_EQ(num_sockets(branch.src), 1U);
-  EXPECT_FALSE(g_cancellable_is_cancelled(external_src_get_cancellable(branch.src)));
-  producer.send(teststream::message("1"));
-  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  add(*branch_, *producer_);
+  branch_->set_state(GST_STATE_READY);
+  branch_->set_state(GST_STATE_NULL);
+  branch_->play();
+  EXPECT_EQ(num_sockets(branch_->src), 1U);
+  EXPECT_FALSE(g_cancellable_is_cancelled(external_src_get_cancellable(branch_->src)));
+  producer_->send(teststream::message("1"));
+  EXPECT_EQ(branch_->wait_for_text(), teststream::frame(NAME, "1"));
 }
 
-TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItsPipelineGoesWithoutHavingStarted)
+TEST_F(ExternalSrcTest, ClosesItsSocketsWithAPipelineThatNeverStarted)
 {
   Producer producer(Carrier::PIPE, Mode::BLOCKING);
   Producer late(Carrier::PIPE, Mode::BLOCKING);
@@ -566,7 +554,7 @@ TEST_F(ExternalSrcTest, ClosesItsSocketsWhenItsPipelineGoesWithoutHavingStarted)
   gst_object_unref(src);
 }
 
-TEST_F(ExternalSrcTest, LivesUntilItsProducersHaveGone)
+TEST_F(ExternalSrcTest, LivesUntilItsProducersHangUp)
 {
   ExternalSrc *src = external_src_new();
   Observed observed(src);
@@ -580,109 +568,98 @@ TEST_F(ExternalSrcTest, LivesUntilItsProducersHaveGone)
   EXPECT_TRUE(testhost::spin_until([&] { return !observed.alive(); }));
 }
 
-TEST_F(ExternalSrcTest, LivesOnWithoutASocketThatCannotBeSetUp)
+TEST_F(ExternalSrcStreamTest, IgnoresASocketThatCannotBeSetUp)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-
   faults::fail_next(faults::Call::IO_CHANNEL_SET_ENCODING);
-  add(branch, producer);
-  EXPECT_EQ(num_sockets(branch.src), 0U);
-  EXPECT_FALSE(is_open(producer.consumer_fd));
+  add(*branch_, *producer_);
+  EXPECT_EQ(num_sockets(branch_->src), 0U);
+  EXPECT_FALSE(is_open(producer_->consumer_fd));
   EXPECT_EQ(testhost::take_syslog(),
             (SyslogLines{{LOG_WARNING, "Failed to set encoding on channel: No such encoding"}}));
 }
 
-TEST_F(ExternalSrcTest, LivesOnWithoutADescriptorThatIsNoStream)
+TEST_F(ExternalSrcStreamTest, IgnoresADescriptorThatIsNotAStream)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
   const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
 
-  branch.play();
-  add(branch, producer);
-  external_src_add_socket(branch.src, fd, NAME);
-  EXPECT_EQ(num_sockets(branch.src), 1U);
+  branch_->play();
+  add(*branch_, *producer_);
+  external_src_add_socket(branch_->src, fd, NAME);
+  EXPECT_EQ(num_sockets(branch_->src), 1U);
   EXPECT_FALSE(is_open(fd));
   EXPECT_EQ(testhost::take_syslog(),
             (SyslogLines{{LOG_WARNING, R"(closed the stream of producer "tracker": it is a device)"}}));
-  producer.send(teststream::message("1"));
-  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  producer_->send(teststream::message("1"));
+  EXPECT_EQ(branch_->wait_for_text(), teststream::frame(NAME, "1"));
 }
 
-TEST_F(ExternalSrcTest, BoundsWhatWaitsForAClientThatDoesNotRead)
+TEST_F(ExternalSrcStreamTest, BoundsTheMessagesOfAClientThatDoesNotRead)
 {
   constexpr gsize MESSAGE_SIZE = 100 * 1000;
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
   Producer other(Carrier::PIPE, Mode::BLOCKING);
   Numbered messages(500, [](gsize) { return MESSAGE_SIZE; });
   const gsize limit = MESSAGE_ACCOUNT_CLIENT_LIMIT + messages.frame(0).size();
 
-  branch.set_state(GST_STATE_PAUSED);
-  add(branch, producer);
+  branch_->set_state(GST_STATE_PAUSED);
+  add(*branch_, *producer_);
   EXPECT_TRUE(testhost::spin_until([&] {
-    messages.send_some(producer);
-    EXPECT_LE(branch.queued_bytes(), limit);
-    return branch.held_bytes() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
+    messages.send_some(*producer_);
+    EXPECT_LE(branch_->queued_bytes(), limit);
+    return message_account_get_total() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
   }));
 
-  /* The message that has begun is read on. Then it stays so, also for a producer who comes now. */
-  add(branch, other);
+  /* The unfinished message is read to its end, then no other one begins, also none of another producer. */
+  add(*branch_, other);
   other.send(teststream::message("unread"));
   for (int i = 0; i < 1000; i++) {
-    messages.send_some(producer);
+    messages.send_some(*producer_);
     testhost::dispatch_ready();
   }
-  EXPECT_LE(branch.queued_bytes(), limit);
-  EXPECT_LT(messages.total(), 2 * limit);
-  external_src_add_socket(branch.src, -1, NAME);
+  EXPECT_LE(branch_->queued_bytes(), limit);
+  EXPECT_LT(messages.total, 2 * limit);
+  external_src_add_socket(branch_->src, -1, NAME);
   EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"consumer_fd > -1"}));
   other.hang_up();
-  EXPECT_EQ(num_sockets(branch.src), 2U);
-  branch.stop();
-  EXPECT_FALSE(is_open(producer.consumer_fd));
+  EXPECT_EQ(num_sockets(branch_->src), 2U);
+  branch_->stop();
+  EXPECT_FALSE(is_open(producer_->consumer_fd));
 }
 
-TEST_F(ExternalSrcTest, CountsWhatWaitsForItsClient)
+TEST_F(ExternalSrcStreamTest, CountsTheMessagesInItsQueue)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
-  const auto expected = [&branch] {
-    return branch.queued_bytes() +
-           gst_app_src_get_current_level_buffers(GST_APP_SRC(branch.src)) * MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
+  const auto expected = [&] {
+    return branch_->queued_bytes() + gst_app_src_get_current_level_buffers(GST_APP_SRC(branch_->src)) *
+                                         MESSAGE_ACCOUNT_MESSAGE_OVERHEAD;
   };
 
-  branch.set_state(GST_STATE_PAUSED);
-  add(branch, producer);
+  branch_->set_state(GST_STATE_PAUSED);
+  add(*branch_, *producer_);
   for (int i = 0; i < 100; i++) {
-    producer.send(teststream::message(std::string(i * 10 + 1, 'x')));
+    producer_->send(teststream::message(std::string(i * 10 + 1, 'x')));
     testhost::dispatch_ready();
   }
-  EXPECT_TRUE(testhost::spin_until([&] { return Branch::held_bytes() == expected(); }));
-  EXPECT_GT(Branch::held_bytes(), 90U * (MESSAGE_ACCOUNT_MESSAGE_OVERHEAD + 1));
-  branch.play();
+  EXPECT_TRUE(testhost::spin_until([&] { return message_account_get_total() == expected(); }));
+  EXPECT_GT(message_account_get_total(), 90U * (MESSAGE_ACCOUNT_MESSAGE_OVERHEAD + 1));
+  branch_->play();
   for (int i = 0; i < 50; i++) {
-    branch.wait_for_text();
+    branch_->wait_for_text();
   }
-  EXPECT_TRUE(testhost::spin_until([&] { return Branch::held_bytes() == expected(); }));
-  EXPECT_GT(Branch::held_bytes(), 0U);
-  branch.stop();
-  EXPECT_EQ(Branch::held_bytes(), 0U);
+  EXPECT_TRUE(testhost::spin_until([&] { return message_account_get_total() == expected(); }));
+  EXPECT_GT(message_account_get_total(), 0U);
+  branch_->stop();
+  EXPECT_EQ(message_account_get_total(), 0U);
 }
 
-TEST_F(ExternalSrcTest, AClientThatHoldsTooMuchStopsTheOthersUntilItGoes)
+TEST_F(ExternalSrcStreamTest, ContinuesAfterAnotherClientThatHoldsTooMuchHasStopped)
 {
-  /* So that each is within its own limit. */
+  /* Each stays within its own limit. */
   constexpr gsize CLIENTS = 2 * MESSAGE_ACCOUNT_TOTAL_LIMIT / MESSAGE_ACCOUNT_CLIENT_LIMIT;
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
   std::vector<std::unique_ptr<Branch>> stuck;
   std::vector<std::unique_ptr<Producer>> producers;
   const std::string bytes = teststream::message(std::string(60 * 1000, 'x'));
 
-  branch.play();
-  add(branch, producer);
+  branch_->play();
+  add(*branch_, *producer_);
   for (gsize i = 0; i < CLIENTS; i++) {
     stuck.push_back(std::make_unique<Branch>());
     producers.push_back(std::make_unique<Producer>(Carrier::SOCKET, Mode::BLOCKING));
@@ -695,33 +672,31 @@ TEST_F(ExternalSrcTest, AClientThatHoldsTooMuchStopsTheOthersUntilItGoes)
       sent[i] =
           (sent[i] + producers[i]->send_some(bytes.data() + sent[i], bytes.size() - sent[i])) % bytes.size();
     }
-    return Branch::held_bytes() > MESSAGE_ACCOUNT_TOTAL_LIMIT;
+    return message_account_get_total() > MESSAGE_ACCOUNT_TOTAL_LIMIT;
   }));
-  EXPECT_LE(Branch::held_bytes(), MESSAGE_ACCOUNT_TOTAL_LIMIT + MESSAGE_ACCOUNT_CLIENT_LIMIT);
-  producer.send(teststream::message("1"));
+  EXPECT_LE(message_account_get_total(), MESSAGE_ACCOUNT_TOTAL_LIMIT + MESSAGE_ACCOUNT_CLIENT_LIMIT);
+  producer_->send(teststream::message("1"));
   testhost::dispatch_ready();
-  EXPECT_EQ(branch.pull(), nullptr);
+  EXPECT_EQ(branch_->pull(), nullptr);
 
   stuck.back()->stop();
-  EXPECT_EQ(branch.wait_for_text(), teststream::frame(NAME, "1"));
+  EXPECT_EQ(branch_->wait_for_text(), teststream::frame(NAME, "1"));
 }
 
-TEST_F(ExternalSrcTest, LosesNothingForAClientThatReadsLate)
+TEST_F(ExternalSrcStreamTest, LosesNothingForAClientThatReadsLate)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
   Numbered messages(500, [](gsize) { return gsize{100 * 1000}; });
 
-  branch.set_state(GST_STATE_PAUSED);
-  add(branch, producer);
+  branch_->set_state(GST_STATE_PAUSED);
+  add(*branch_, *producer_);
   EXPECT_TRUE(testhost::spin_until([&] {
-    messages.send_some(producer);
-    return branch.held_bytes() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
+    messages.send_some(*producer_);
+    return message_account_get_total() > MESSAGE_ACCOUNT_CLIENT_LIMIT;
   }));
-  branch.play();
-  expect_all(branch, messages, [&] {
-    messages.send_some(producer);
-    EXPECT_LE(branch.queued_bytes(), MESSAGE_ACCOUNT_CLIENT_LIMIT + messages.frame(0).size());
+  branch_->play();
+  expect_all(*branch_, messages, [&] {
+    messages.send_some(*producer_);
+    EXPECT_LE(branch_->queued_bytes(), MESSAGE_ACCOUNT_CLIENT_LIMIT + messages.frame(0).size());
   });
 }
 
@@ -737,12 +712,12 @@ TEST_F(ExternalSrcTest, LosesNothingOfANonBlockingStreamForAClientThatReadsInBur
     add(branch, producer);
 
     for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
-      /* While the stream is read, each message is there as a whole. */
-      while (branch.held_bytes() <= MESSAGE_ACCOUNT_CLIENT_LIMIT) {
+      /* While the stream is read, each message fits completely. */
+      while (message_account_get_total() <= MESSAGE_ACCOUNT_CLIENT_LIMIT) {
         ASSERT_TRUE(messages.send_one(producer));
         testhost::dispatch_ready();
       }
-      /* Now it is paused, and the producer fills it. */
+      /* The stream is paused, and the producer fills it. */
       while (messages.send_one(producer)) {
       }
       EXPECT_TRUE(testhost::spin_until([&] {
@@ -751,32 +726,30 @@ TEST_F(ExternalSrcTest, LosesNothingOfANonBlockingStreamForAClientThatReadsInBur
           gst_sample_unref(sample);
           received++;
         }
-        return received == messages.sent() || HasFailure();
+        return received == messages.sent || HasFailure();
       }));
     }
   }
 }
 
-TEST_F(ExternalSrcTest, DeliversManyMessagesCompleteAndInOrder)
+TEST_F(ExternalSrcStreamTest, DeliversManyMessagesCompleteAndInOrder)
 {
-  Branch branch;
-  Producer producer(Carrier::PIPE, Mode::BLOCKING);
   /* Most are small, one in a hundred is big, up to 200 KB. */
   Numbered messages(10 * 1000,
                     [](gsize number) { return number % 100 == 0 ? number * 20 + 10 : number % 1000 + 10; });
 
-  branch.play();
-  add(branch, producer);
+  branch_->play();
+  add(*branch_, *producer_);
   std::thread sender([&] {
-    while (messages.send_some(producer)) {
+    while (messages.send_some(*producer_)) {
       g_thread_yield();
     }
   });
-  expect_all(branch, messages, [] {});
+  expect_all(*branch_, messages, [] {});
   sender.join();
 }
 
-TEST_F(ExternalSrcTest, StopsWhileItsProducersComeAndGo)
+TEST_F(ExternalSrcTest, StopsWhileProducersConnectAndHangUp)
 {
   constexpr int ROUNDS = 500;
   const std::string bytes = teststream::message(std::string(1000, 'x'));
