@@ -5,8 +5,8 @@
 
 G_BEGIN_DECLS
 
-/* Registers an event source factory with a new server, and asks it for a source with no parameter at all.
- * TRUE when it declines. */
+/* Registers an event source factory with a new server, and requests a source without parameters. TRUE when
+ * it declines. */
 gboolean use_factory_from_c(void);
 
 /* Counts the "SYNC" lines in a text. */

@@ -219,7 +219,7 @@ TEST_F(AnalyticsProducerTest, HasDefaults)
   EXPECT_EQ(entries(producer), std::vector<Entry>());
 }
 
-TEST_F(AnalyticsProducerTest, KeepsWhatItIsMadeWith)
+TEST_F(AnalyticsProducerTest, HasTheValuesOfItsConstruction)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {3, 1, 2}, ANALYTICS_PRODUCER_BUILT_IN);
 
@@ -286,7 +286,7 @@ TEST_F(AnalyticsProducerTest, CopiesAndReplacesAText)
   }
 }
 
-TEST_F(AnalyticsProducerTest, NeedsAllThatItIsMadeWith)
+TEST_F(AnalyticsProducerTest, ChecksTheArgumentsOfItsConstruction)
 {
   g_autoptr(GArray) none = g_array_new(FALSE, FALSE, sizeof(guint32));
 
@@ -299,7 +299,7 @@ TEST_F(AnalyticsProducerTest, NeedsAllThatItIsMadeWith)
       (Texts{"name != NULL", "nice_name != NULL", "sample_frame_xml != NULL", "supported_channels != NULL"}));
 }
 
-TEST_F(AnalyticsProducerTest, StartsEnabledWhereTheConfigurationHoldsAName)
+TEST_F(AnalyticsProducerTest, IsInitiallyEnabledOnChannelsWithAConfiguredName)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Stored", {1, 2, 3});
 
@@ -310,7 +310,7 @@ TEST_F(AnalyticsProducerTest, StartsEnabledWhereTheConfigurationHoldsAName)
   EXPECT_EQ(state(producer, 3), "disabled");
 }
 
-TEST_F(AnalyticsProducerTest, LendsItsChannels)
+TEST_F(AnalyticsProducerTest, ReturnsItsOwnChannels)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {1});
 
@@ -334,7 +334,7 @@ TEST_F(AnalyticsProducerTest, IsEnabledAndDisabled)
   EXPECT_TRUE(content().ends_with("[Producers.1.Any]\nName=\n"));
 }
 
-TEST_F(AnalyticsProducerTest, TakesAnythingButZeroAsEnabled)
+TEST_F(AnalyticsProducerTest, TreatsAnyValueButZeroAsEnabled)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {1});
 
@@ -362,7 +362,7 @@ TEST_F(AnalyticsProducerTest, IsEnabledUnderItsOwnName)
   EXPECT_EQ(state(producer, 2), "[stored name]");
 }
 
-TEST_F(AnalyticsProducerTest, NeedsANameToBeEnabledUnder)
+TEST_F(AnalyticsProducerTest, RefusesToEnableAChannelWithoutAName)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Stored", {2});
 
@@ -396,7 +396,7 @@ TEST_F(AnalyticsProducerTest, RefusesAChannelThatItDoesNotSupport)
   const Notifications notifications(producer);
   const std::string before = content();
 
-  /* The log has the channel as the bus does, where it is a signed number. */
+  /* The log has the signed number that the bus has. */
   for (const gint32 logged : {0, 1, 7, -1}) {
     const auto channel = static_cast<guint32>(logged);
     EXPECT_FALSE(analytics_producer_is_channel_supported(producer, channel));
@@ -414,7 +414,7 @@ TEST_F(AnalyticsProducerTest, RefusesAChannelThatItDoesNotSupport)
   EXPECT_EQ(notifications.count, 0);
 }
 
-TEST_F(AnalyticsProducerTest, MaySupportNoChannel)
+TEST_F(AnalyticsProducerTest, CanSupportNoChannel)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {});
 
@@ -431,7 +431,7 @@ TEST_F(AnalyticsProducerTest, ChangesTheFirstOfTwoEntriesOfAChannel)
   EXPECT_EQ(state(producer, 1), "[profile]");
 }
 
-TEST_F(AnalyticsProducerTest, TakesChannelZeroForWhatItIsGiven)
+TEST_F(AnalyticsProducerTest, AcceptsChannelZero)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {0, 1});
 
@@ -441,7 +441,7 @@ TEST_F(AnalyticsProducerTest, TakesChannelZeroForWhatItIsGiven)
   EXPECT_EQ(entries(next), (std::vector<Entry>{{0, TRUE, "odd"}, {1, FALSE, ""}}));
 }
 
-TEST_F(AnalyticsProducerTest, LeavesOutChannelsThatWouldBeNegativeElsewhere)
+TEST_F(AnalyticsProducerTest, LeavesOutChannelsThatAreNegativeOnTheBus)
 {
   g_autoptr(AnalyticsProducer) producer =
       make_producer("Any", {MAX_CHANNEL + 1, 2, MAX_CHANNEL, G_MAXUINT32});
@@ -451,7 +451,7 @@ TEST_F(AnalyticsProducerTest, LeavesOutChannelsThatWouldBeNegativeElsewhere)
             (SyslogLines{{LOG_WARNING, "left out 2 channels above 2147483647 of producer Any"}}));
 }
 
-TEST_F(AnalyticsProducerTest, StaysEnabledWhenTheFileCannotHoldIt)
+TEST_F(AnalyticsProducerTest, StaysEnabledWhenTheFileCannotBeWritten)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("a[b]\n", {1});
   const Notifications notifications(producer);
@@ -464,7 +464,7 @@ TEST_F(AnalyticsProducerTest, StaysEnabledWhenTheFileCannotHoldIt)
   EXPECT_EQ(notifications.count, 1);
 }
 
-TEST_F(AnalyticsProducerTest, NeedsAProducerToAsk)
+TEST_F(AnalyticsProducerTest, ChecksForAProducer)
 {
   g_autofree gchar *name = nullptr;
 
@@ -476,9 +476,9 @@ TEST_F(AnalyticsProducerTest, NeedsAProducerToAsk)
   EXPECT_EQ(testhost::take_failed_preconditions(), Texts(4, "ANALYTICS_IS_PRODUCER(self)"));
 }
 
-/* Request threads ask while the main thread changes what they ask for. What they get is one of the names that
- * there were, whole; that no name is freed under them is for the sanitizers to see. */
-TEST_F(AnalyticsProducerTest, IsAskedByThreadsWhileItChanges)
+/* Request threads read names while the main thread changes them. Each read returns one complete name; the
+ * sanitizers detect a name that is freed too early. */
+TEST_F(AnalyticsProducerTest, IsReadByThreadsWhileItChanges)
 {
   constexpr int CHANGES = 200;
   const std::array<std::string, 2> names = {std::string(30, 'a'), std::string(60, 'b')};
@@ -486,7 +486,7 @@ TEST_F(AnalyticsProducerTest, IsAskedByThreadsWhileItChanges)
   std::atomic<bool> done = false;
   std::atomic<int> wrong = 0;
   std::atomic<int> enabled_seen = 0;
-  const auto ask = [&] {
+  const auto read = [&] {
     while (!done) {
       g_autofree gchar *name = nullptr;
       const gboolean enabled = analytics_producer_get_channel_enabled(producer, 2, &name);
@@ -497,8 +497,8 @@ TEST_F(AnalyticsProducerTest, IsAskedByThreadsWhileItChanges)
     }
   };
 
-  std::thread first(ask);
-  std::thread second(ask);
+  std::thread first(read);
+  std::thread second(read);
   for (int i = 0; i < CHANGES || enabled_seen == 0; i++) {
     analytics_producer_set_channel_enabled(producer, 2, i % 3 != 2, names[i % 3 % 2].c_str());
     saves::wait();

@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 namespace
 {
 
-/* What the callbacks and the functions for each producer saw. They have no user data. */
+/* The calls of the callbacks and of the function of foreach, which have no user data. */
 Texts calls;
 std::function<void(AnalyticsProducer *)> in_callback;
 
@@ -77,7 +77,7 @@ protected:
     Fixture::TearDown();
   }
 
-  /* The list alone keeps it. */
+  /* Only the list holds the producer. */
   AnalyticsProducer *add(const std::string &name, const Channels &channels = {1})
   {
     g_autoptr(AnalyticsProducer) producer = make_producer(name, channels);
@@ -99,7 +99,7 @@ protected:
     return {sorted.begin(), sorted.end()};
   }
 
-  /* Whether another thread that uses the list now has to wait until @function, which is called, returns. */
+  /* Calls @function. Returns whether another thread that uses the list waits until @function returns. */
   void expect_locked_while_called()
   {
     std::promise<void> begun;
@@ -160,7 +160,7 @@ TEST_F(AnalyticsProducerListTest, RefusesASecondProducerOfTheSameName)
   EXPECT_EQ(found, first);
 }
 
-TEST_F(AnalyticsProducerListTest, GivesAReferenceToAProducer)
+TEST_F(AnalyticsProducerListTest, ReturnsAReferenceToAProducer)
 {
   AnalyticsProducer *producer = add("Any");
 
@@ -186,7 +186,7 @@ TEST_F(AnalyticsProducerListTest, RemovesAProducer)
   EXPECT_EQ(names(), (Texts{"Other"}));
 }
 
-TEST_F(AnalyticsProducerListTest, LeavesARemovedProducerToItsOtherOwners)
+TEST_F(AnalyticsProducerListTest, KeepsARemovedProducerThatHasOtherReferences)
 {
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {1});
   analytics_producer_list_add(list_, producer);
@@ -207,7 +207,7 @@ TEST_F(AnalyticsProducerListTest, WarnsOfTheRemovalOfAnUnknownProducer)
   EXPECT_EQ(names(), (Texts{"Any"}));
 }
 
-TEST_F(AnalyticsProducerListTest, GoesThroughAllProducers)
+TEST_F(AnalyticsProducerListTest, CallsTheFunctionForAllProducers)
 {
   EXPECT_EQ(names(), Texts());
   add("A");
@@ -256,7 +256,7 @@ TEST_F(AnalyticsProducerListTest, IsLockedDuringBothCallbacks)
   EXPECT_EQ(take_calls(), (Texts{"removed Any"}));
 }
 
-TEST_F(AnalyticsProducerListTest, IsLockedWhileItGoesThroughAllProducers)
+TEST_F(AnalyticsProducerListTest, IsLockedWhileItCallsTheFunction)
 {
   std::function<void()> hook = [this] { expect_locked_while_called(); };
   add("Any");
@@ -281,7 +281,7 @@ TEST_F(AnalyticsProducerListTest, LetsACallbackUseTheProducer)
   EXPECT_EQ(take_calls(), (Texts{"added Any"}));
 }
 
-TEST_F(AnalyticsProducerListTest, NeedsAListAndAProducer)
+TEST_F(AnalyticsProducerListTest, ChecksItsArguments)
 {
   const auto nothing = [](AnalyticsProducer *, gpointer) {};
   g_autoptr(AnalyticsProducer) producer = make_producer("Any", {1});
@@ -307,13 +307,13 @@ TEST_F(AnalyticsProducerListTest, NeedsAListAndAProducer)
             (Texts{"function != NULL", "name != NULL", "name != NULL", "name != NULL"}));
 }
 
-/* A request's threads go through the list and ask producers, which come, change and go meanwhile. */
+/* Request threads iterate the list and read producers, while these are added, changed and removed. */
 TEST_F(AnalyticsProducerListTest, IsUsedByThreadsWhileItChanges)
 {
   constexpr int CHANGES = 100;
   std::atomic<bool> done = false;
   std::atomic<int> seen = 0;
-  const auto ask = [&] {
+  const auto read = [&] {
     while (!done) {
       analytics_producer_list_foreach(
           list_,
@@ -331,8 +331,8 @@ TEST_F(AnalyticsProducerListTest, IsUsedByThreadsWhileItChanges)
     }
   };
 
-  std::thread first(ask);
-  std::thread second(ask);
+  std::thread first(read);
+  std::thread second(read);
   for (int i = 0; i < CHANGES || seen == 0; i++) {
     AnalyticsProducer *producer = add("Any");
     analytics_producer_set_channel_enabled(producer, 1, TRUE, "profile");

@@ -51,7 +51,7 @@ TEST_F(BusCallTest, FailsWithTheErrorOfTheBus)
   EXPECT_EQ(bus_call_sync(&same, nullptr, nullptr), nullptr);
 }
 
-TEST_F(BusCallTest, EndsWhenItIsCancelledBefore)
+TEST_F(BusCallTest, EndsWhenItIsAlreadyCancelled)
 {
   const Peer peer;
   const BusCall call = call_of(peer, "GetId");
@@ -63,7 +63,7 @@ TEST_F(BusCallTest, EndsWhenItIsCancelledBefore)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
-TEST_F(BusCallTest, EndsWhenItIsCancelledMeanwhile)
+TEST_F(BusCallTest, EndsWhenItIsCancelledDuringTheCall)
 {
   constexpr const char *NAME = "com.quon.Test";
   const Peer peer;
@@ -79,7 +79,7 @@ TEST_F(BusCallTest, EndsWhenItIsCancelledMeanwhile)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
-TEST_F(BusCallTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogether)
+TEST_F(BusCallTest, LosesNoDescriptorWhenReplyAndCancellationCoincide)
 {
   const Peer peer;
 

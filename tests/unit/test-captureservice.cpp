@@ -63,7 +63,7 @@ expect_results(const Texts &bodies, const Result &result)
 
 } // namespace
 
-TEST_F(CaptureServiceTest, AsksForTheSettingsOfTheChannel)
+TEST_F(CaptureServiceTest, RequestsTheSettingsOfTheChannel)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
 
@@ -110,7 +110,7 @@ TEST_F(CaptureServiceTest, FailsForAReplyThatIsNotOneVariant)
                  FAILURE);
 }
 
-TEST_F(CaptureServiceTest, FailsForSettingsThatAreNoDictionaryOfVariants)
+TEST_F(CaptureServiceTest, FailsForSettingsOfAnotherType)
 {
   expect_results({"(<uint32 90>,)", "(<'rotation'>,)", "(<('rotation', <uint32 90>)>,)",
                   "(<[('rotation', <uint32 90>)]>,)", "(<{'rotation': uint32 90}>,)",
@@ -173,7 +173,7 @@ TEST_F(CaptureServiceTest, FailsWithAnErrorWhenItIsCancelled)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
-TEST_F(CaptureServiceTest, FindsABusThatComesLater)
+TEST_F(CaptureServiceTest, UsesABusThatStartsLater)
 {
   bus_.reset();
   EXPECT_EQ(query(), FAILURE);
@@ -183,7 +183,7 @@ TEST_F(CaptureServiceTest, FindsABusThatComesLater)
   EXPECT_EQ(query(), (Result{TRUE, 180}));
 }
 
-TEST_F(CaptureServiceTest, WaitsForASlowAnswer)
+TEST_F(CaptureServiceTest, WaitsForASlowReply)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
   capture.set_slow(true);
@@ -195,7 +195,7 @@ TEST_F(CaptureServiceTest, WaitsForASlowAnswer)
   EXPECT_EQ(result.get(), (Result{TRUE, 180}));
 }
 
-TEST_F(CaptureServiceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
+TEST_F(CaptureServiceTest, FailsWhenTheServiceLeavesWithoutAReply)
 {
   std::optional<Service> capture;
   capture.emplace(CAPTURE, testbus::reply(ROTATION_180));
@@ -207,8 +207,8 @@ TEST_F(CaptureServiceTest, FailsWhenTheServiceGoesInsteadOfAnswering)
   EXPECT_EQ(result.get(), FAILURE);
 }
 
-/* The process has a connection of its own as well, as the daemon has: GLib shares it with the query. */
-TEST_F(CaptureServiceTest, OutlivesTheBus)
+/* The test holds a connection too, like the daemon; GLib shares it with the query. */
+TEST_F(CaptureServiceTest, SurvivesTheEndOfTheBus)
 {
   Service capture(CAPTURE, testbus::reply(ROTATION_180));
   g_autoptr(GDBusConnection) shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
@@ -225,7 +225,7 @@ TEST_F(CaptureServiceTest, OutlivesTheBus)
   EXPECT_EQ(query(), FAILURE);
 }
 
-TEST_F(CaptureServiceTest, AnswersTwoThreadsAtOnce)
+TEST_F(CaptureServiceTest, ServesTwoThreadsAtOnce)
 {
   Service capture(CAPTURE, [](GDBusMessage *call) {
     const bool first = g_str_has_suffix(g_dbus_message_get_path(call), "/1");

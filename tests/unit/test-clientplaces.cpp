@@ -28,14 +28,14 @@ constexpr gsize SHARED = CLIENT_PLACES - CLIENT_PLACES_KEPT;
 class ClientPlacesTest : public testhost::Fixture
 {
 protected:
-  /* No place is left over from a test. */
+  /* Each test ends without places. */
   void TearDown() override
   {
     EXPECT_EQ(take(0, CLIENT_PLACES).size(), SHARED);
     Fixture::TearDown();
   }
 
-  /* As many as the user gets, and so many at most. */
+  /* Takes places for the user until one is refused, at most @most. */
   static Places take(uid_t user, gsize most)
   {
     Places places;
@@ -58,7 +58,7 @@ protected:
 
 } // namespace
 
-TEST_F(ClientPlacesTest, GivesOneUserAllButThoseThatAreKept)
+TEST_F(ClientPlacesTest, GivesOneUserAllPlacesButTheKeptOnes)
 {
   const Places places = take(ALICE, CLIENT_PLACES);
 
@@ -66,7 +66,7 @@ TEST_F(ClientPlacesTest, GivesOneUserAllButThoseThatAreKept)
   EXPECT_FALSE(can_take(ALICE));
 }
 
-TEST_F(ClientPlacesTest, GivesEachUserThatHasNoneOneOfThoseThatAreKept)
+TEST_F(ClientPlacesTest, GivesEachUserWithoutAPlaceAKeptOne)
 {
   const Places places = take(ALICE, CLIENT_PLACES);
   Places kept;
@@ -90,8 +90,8 @@ TEST_F(ClientPlacesTest, CountsThePlacesOfAllUsersTogether)
   EXPECT_FALSE(can_take(ALICE));
 }
 
-/* Of whoever takes a kept place, nobody else's share gets smaller for good. */
-TEST_F(ClientPlacesTest, TakesAPlaceBackForTheUserThatHadIt)
+/* After a kept place is returned, all users can take as many places as before. */
+TEST_F(ClientPlacesTest, ReturnsAPlaceOfTheUserThatHeldIt)
 {
   Places places = take(ALICE, CLIENT_PLACES);
   Place kept(client_place_new(BOB));
@@ -107,20 +107,20 @@ TEST_F(ClientPlacesTest, TakesAPlaceBackForTheUserThatHadIt)
   EXPECT_EQ(take(BOB, CLIENT_PLACES).size(), SHARED);
 }
 
-TEST_F(ClientPlacesTest, KnowsTheSuperuserAndTheHighestUser)
+TEST_F(ClientPlacesTest, CountsThePlacesOfTheSuperuserAndTheHighestUser)
 {
   for (const uid_t user : {uid_t(0), uid_t(-2)}) {
     EXPECT_EQ(take(user, CLIENT_PLACES).size(), SHARED) << user;
   }
 }
 
-TEST_F(ClientPlacesTest, RefusesToFreeNothing)
+TEST_F(ClientPlacesTest, ChecksItsArgument)
 {
   client_place_free(nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(), (testhost::Texts{"self != NULL"}));
 }
 
-TEST_F(ClientPlacesTest, ThreadsNeverHoldMoreThanThereIs)
+TEST_F(ClientPlacesTest, LimitsThePlacesOfAllThreads)
 {
   constexpr guint THREADS = 4;
   constexpr guint ROUNDS = 500;

@@ -66,15 +66,14 @@ protected:
     Fixture::TearDown();
   }
 
-  /* Waits until so many lines were logged, and sees that these are they. */
+  /* Waits for this number of lines and compares them. */
   static void expect_log(const SyslogLines &lines)
   {
     EXPECT_TRUE(testhost::spin_until([&lines] { return testhost::syslog_size() >= lines.size(); }));
     EXPECT_EQ(testhost::take_syslog(), lines);
   }
 
-  /* Waits until the server has the bus and logged exactly what it should, and keeps an eye on the connection.
-   */
+  /* Waits until the server has the bus and has logged these lines. Observes the connection. */
   void expect_bus(const SyslogLines &name_lines = {NAME_ACQUIRED})
   {
     SyslogLines lines = {BUS_ACQUIRED};
@@ -85,7 +84,7 @@ protected:
     shared_.emplace(bus);
   }
 
-  /* Nobody has the shared connection any more, so that the next one will be new. */
+  /* The shared connection has no reference, so GLib will make a new one. */
   void wait_for_release()
   {
     EXPECT_TRUE(testhost::spin_until([this] { return !shared_.has_value() || !shared_->alive(); }));
@@ -130,7 +129,7 @@ TEST_F(DBusServerTest, ServesUnderItsName)
   EXPECT_EQ(enable(tool, "One"), "()");
 }
 
-TEST_F(DBusServerTest, TakesNoDescriptors)
+TEST_F(DBusServerTest, RefusesDescriptors)
 {
   bus_.emplace();
   dbus_server_init(producers_);
@@ -150,7 +149,7 @@ TEST_F(DBusServerTest, TakesNoDescriptors)
       {{LOG_WARNING, "refused file descriptors from " + tool.name() + ": the daemon did not request them"}});
 }
 
-TEST_F(DBusServerTest, WaitsForNothingAtItsStart)
+TEST_F(DBusServerTest, DoesNotBlockAtItsStart)
 {
   bus_.emplace();
   dbus_server_init(producers_);
@@ -164,7 +163,7 @@ TEST_F(DBusServerTest, WaitsForNothingAtItsStart)
   EXPECT_EQ(testhost::take_syslog(), SyslogLines());
 }
 
-TEST_F(DBusServerTest, GivesItsNameUpAtTearDown)
+TEST_F(DBusServerTest, ReleasesItsNameAtTearDown)
 {
   bus_.emplace();
   dbus_server_init(producers_);
@@ -188,7 +187,7 @@ TEST_F(DBusServerTest, StartsAgainAfterTearDown)
   expect_bus();
 }
 
-TEST_F(DBusServerTest, GetsTheNameWhenItsOwnerGivesItUp)
+TEST_F(DBusServerTest, GetsTheNameWhenItsOwnerReleasesIt)
 {
   bus_.emplace();
   const Peer owner;
@@ -220,7 +219,7 @@ TEST_F(DBusServerTest, CancelsItsLookUpAtTearDown)
   EXPECT_EQ(testhost::take_syslog(), SyslogLines());
 }
 
-TEST_F(DBusServerTest, DoesWithoutABus)
+TEST_F(DBusServerTest, WorksWithoutABus)
 {
   dbus_server_init(producers_);
   expect_log({NAME_LOST, NO_BUS});
@@ -231,10 +230,10 @@ TEST_F(DBusServerTest, DoesWithoutABus)
   ASSERT_NE(bus, nullptr);
   shared_.emplace(bus);
   const Peer tool;
-  EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";
+  EXPECT_FALSE(tool.has_owner(NAME)) << "it does not request the name again";
 }
 
-TEST_F(DBusServerTest, OutlivesTheBus)
+TEST_F(DBusServerTest, SurvivesTheEndOfTheBus)
 {
   bus_.emplace();
   dbus_server_init(producers_);
@@ -247,7 +246,7 @@ TEST_F(DBusServerTest, OutlivesTheBus)
   analytics_producer_list_remove(producers_, "One");
 }
 
-TEST_F(DBusServerTest, OutlivesTheBusWhileItWaitsForItsName)
+TEST_F(DBusServerTest, SurvivesTheEndOfTheBusWhileItIsQueuedForItsName)
 {
   bus_.emplace();
   {
@@ -261,7 +260,7 @@ TEST_F(DBusServerTest, OutlivesTheBusWhileItWaitsForItsName)
   add("One");
 }
 
-TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
+TEST_F(DBusServerTest, StaysOffABusThatComesBack)
 {
   guint32 rotation = 0;
   bus_.emplace();
@@ -277,7 +276,7 @@ TEST_F(DBusServerTest, LeavesTheBusThatComesBackToTheRestOfTheDaemon)
   EXPECT_TRUE(capture_service_query_rotation(1, &rotation, nullptr, nullptr));
   EXPECT_EQ(rotation, 180U);
   const Peer tool;
-  EXPECT_FALSE(tool.has_owner(NAME)) << "it asks no more";
+  EXPECT_FALSE(tool.has_owner(NAME)) << "it does not request the name again";
 }
 
 TEST_F(DBusServerTest, ChecksItsArguments)

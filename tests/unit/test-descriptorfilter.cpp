@@ -36,7 +36,7 @@ own(GDBusMessage *message)
   return {message, g_object_unref};
 }
 
-/* What somebody attaches: the ends of pipes, whose other ends tell when they have been closed. */
+/* The descriptors of a message: ends of pipes, whose other ends detect that they are closed. */
 class Attached
 {
 public:
@@ -66,7 +66,7 @@ public:
     return list_.get();
   }
 
-  /* From now on only messages have them. */
+  /* Closes them here, so that only messages have them. */
   void let_go()
   {
     list_.reset();
@@ -95,7 +95,7 @@ attach(GDBusMessage *message, const Attached &attached)
   return message;
 }
 
-/* As the bus passes it on. */
+/* A message in the form in which the bus forwards it. */
 GDBusMessage *
 received(GDBusMessage *message, guint32 serial = SERIAL, const char *sender = PEER)
 {
@@ -160,7 +160,7 @@ protected:
     testbus::install();
   }
 
-  /* Takes the message over. Returns what goes on, and leaves what is answered in answer_. */
+  /* Takes the message over. Returns the message that passes and puts the reply into answer_. */
   Message receive(GDBusMessage *message)
   {
     GDBusMessage *answer = nullptr;
@@ -178,7 +178,7 @@ protected:
     return passed.get() == message;
   }
 
-  /* Neither goes on nor is answered. */
+  /* The message does not pass and gets no reply. */
   void expect_dropped(GDBusMessage *message)
   {
     const Message passed = receive(message);
@@ -227,7 +227,7 @@ on_look(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gc
   g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
-/* Lets calls of com.quon.Test at "/" wait for the default main context. */
+/* Exports com.quon.Test at "/" in the default main context. */
 void
 serve(const Peer &peer)
 {
@@ -243,7 +243,7 @@ serve(const Peer &peer)
       << error->message;
 }
 
-/* What a peer calls is sent as it is, and waited for without running the default main context. */
+/* A call of a peer is sent unchanged, and its reply awaited without the default main context. */
 Message
 call_and_wait(const Peer &peer, GDBusMessage *call)
 {
@@ -258,7 +258,7 @@ call_and_wait(const Peer &peer, GDBusMessage *call)
 
 } // namespace
 
-TEST_F(DescriptorFilterTest, PassesWhatHasNoDescriptors)
+TEST_F(DescriptorFilterTest, PassesMessagesWithoutDescriptors)
 {
   EXPECT_TRUE(passes(received(new_call())));
   EXPECT_TRUE(passes(received(new_signal())));
@@ -267,7 +267,7 @@ TEST_F(DescriptorFilterTest, PassesWhatHasNoDescriptors)
   EXPECT_TRUE(passes(received(attach(new_call(), Attached(0)))));
 }
 
-TEST_F(DescriptorFilterTest, PassesWhatIsSent)
+TEST_F(DescriptorFilterTest, PassesOutgoingMessages)
 {
   const Attached attached(3);
 
@@ -276,7 +276,7 @@ TEST_F(DescriptorFilterTest, PassesWhatIsSent)
   send(attach(new_return(7), attached), 3);
 }
 
-TEST_F(DescriptorFilterTest, AnswersACallWithDescriptors)
+TEST_F(DescriptorFilterTest, RepliesToACallWithDescriptors)
 {
   Attached attached(16);
   GDBusMessage *call = received(attach(new_call(), attached));
@@ -294,7 +294,7 @@ TEST_F(DescriptorFilterTest, AnswersACallWithDescriptors)
   EXPECT_FALSE(g_dbus_message_get_locked(answer_.get()));
 }
 
-TEST_F(DescriptorFilterTest, AnswersOnlyWhoWantsAndCanHaveAnAnswer)
+TEST_F(DescriptorFilterTest, RepliesOnlyToCallsThatExpectAReply)
 {
   const Attached attached;
   GDBusMessage *quiet = attach(new_call(), attached);
@@ -330,7 +330,7 @@ TEST_F(DescriptorFilterTest, CountsDescriptorsThatCouldNotBeInstalled)
   expect_dropped(received(signal));
 }
 
-TEST_F(DescriptorFilterTest, PassesTheReplyToACallForAStreamOnce)
+TEST_F(DescriptorFilterTest, PassesTheReplyToARequestForAStreamOnce)
 {
   const Attached attached;
 
@@ -358,7 +358,7 @@ TEST_F(DescriptorFilterTest, ReplacesRepliesToOtherCalls)
   EXPECT_TRUE(attached.closed());
 }
 
-TEST_F(DescriptorFilterTest, PassesNoErrorWithDescriptors)
+TEST_F(DescriptorFilterTest, ReplacesErrorsWithDescriptors)
 {
   const Attached attached;
 
@@ -367,7 +367,7 @@ TEST_F(DescriptorFilterTest, PassesNoErrorWithDescriptors)
   expect_replaced(received(attach(new_return(5), attached)), 5);
 }
 
-TEST_F(DescriptorFilterTest, ForgetsACallWithItsReply)
+TEST_F(DescriptorFilterTest, ForgetsACallAfterItsReply)
 {
   const Attached attached;
 
@@ -395,7 +395,7 @@ TEST_F(DescriptorFilterTest, ForgetsTheOldestOfTooManyCalls)
   }
 }
 
-TEST_F(DescriptorFilterTest, KeepsAnOldCallBesideManyThatAreAnswered)
+TEST_F(DescriptorFilterTest, KeepsAnOldCallWhileManyOthersGetReplies)
 {
   const Attached attached;
 
@@ -440,7 +440,7 @@ TEST_F(DescriptorFilterTest, RefusesDescriptorsOnTheBusWithoutTheMainLoop)
   EXPECT_LE(testhost::take_syslog().size(), 1U);
 }
 
-TEST_F(DescriptorFilterTest, LetsAStreamThroughOnTheBus)
+TEST_F(DescriptorFilterTest, PassesAStreamOnTheBus)
 {
   const Bus bus;
   const Attached attached;
@@ -459,7 +459,7 @@ TEST_F(DescriptorFilterTest, LetsAStreamThroughOnTheBus)
   EXPECT_EQ(g_unix_fd_list_get_length(g_dbus_message_get_unix_fd_list(reply.get())), 1);
 }
 
-TEST_F(DescriptorFilterTest, MakesAnotherReplyWithDescriptorsFailAtOnce)
+TEST_F(DescriptorFilterTest, FailsAnotherReplyWithDescriptorsImmediately)
 {
   const Bus bus;
   const Attached attached;
@@ -476,8 +476,8 @@ TEST_F(DescriptorFilterTest, MakesAnotherReplyWithDescriptorsFailAtOnce)
   EXPECT_EQ(testhost::take_syslog().size(), 1U);
 }
 
-/* Held back by GLib's own time-out, the call still waits for the bus. */
-TEST_F(DescriptorFilterTest, ClosesTheDescriptorsOfAReplyThatIsLate)
+/* The caller's time-out has ended, but the call is still pending on the bus. */
+TEST_F(DescriptorFilterTest, ClosesTheDescriptorsOfALateReply)
 {
   const Bus bus;
   Attached attached;
@@ -500,7 +500,7 @@ TEST_F(DescriptorFilterTest, ClosesTheDescriptorsOfAReplyThatIsLate)
   EXPECT_TRUE(testhost::spin_until([&attached] { return attached.closed(); }));
 }
 
-TEST_F(DescriptorFilterTest, GoesWithItsConnection)
+TEST_F(DescriptorFilterTest, IsReleasedWithItsConnection)
 {
   const Bus bus;
   auto daemon = std::make_unique<Peer>();

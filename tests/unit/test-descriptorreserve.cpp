@@ -27,7 +27,7 @@ can_reserve(guint count)
 
 } // namespace
 
-TEST_F(DescriptorReserveTest, ReservesWhatIsFreeBeyondTheReserve)
+TEST_F(DescriptorReserveTest, ReservesFreeDescriptorsBeyondTheReserve)
 {
   const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + 5);
 
@@ -37,7 +37,7 @@ TEST_F(DescriptorReserveTest, ReservesWhatIsFreeBeyondTheReserve)
   EXPECT_FALSE(can_reserve(G_MAXUINT));
 }
 
-TEST_F(DescriptorReserveTest, RefusesWithAnErrorThatNamesTheShortage)
+TEST_F(DescriptorReserveTest, FailsWithAnErrorThatNamesTheShortage)
 {
   for (rlim_t count = 0; count < DESCRIPTOR_RESERVE_SIZE; count++) {
     const FreeDescriptors free(count);
@@ -49,7 +49,7 @@ TEST_F(DescriptorReserveTest, RefusesWithAnErrorThatNamesTheShortage)
   }
 }
 
-TEST_F(DescriptorReserveTest, ReservationsAddUpAndAreGivenBack)
+TEST_F(DescriptorReserveTest, AddsReservationsUpUntilTheirRelease)
 {
   const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + 5);
   g_autoptr(DescriptorReservation) first = descriptor_reservation_new(3, nullptr);
@@ -65,7 +65,7 @@ TEST_F(DescriptorReserveTest, ReservationsAddUpAndAreGivenBack)
   EXPECT_FALSE(can_reserve(4));
 }
 
-TEST_F(DescriptorReserveTest, AnOpenDescriptorIsNotFreeWhateverItIs)
+TEST_F(DescriptorReserveTest, CountsEveryOpenDescriptor)
 {
   const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + 1);
   ASSERT_TRUE(can_reserve(1));
@@ -80,7 +80,7 @@ TEST_F(DescriptorReserveTest, AnOpenDescriptorIsNotFreeWhateverItIs)
   EXPECT_TRUE(can_reserve(1));
 }
 
-TEST_F(DescriptorReserveTest, ThreadsNeverReserveMoreThanThereIs)
+TEST_F(DescriptorReserveTest, LimitsTheReservationsOfAllThreads)
 {
   constexpr guint FREE = 10;
   constexpr guint THREADS = 4;

@@ -13,7 +13,7 @@ using testhost::SyslogLines;
 namespace
 {
 
-/* An element of a factory, as long as this object lives. */
+/* An element of this factory. */
 class Element
 {
 public:
@@ -71,7 +71,7 @@ protected:
     Fixture::TearDown();
   }
 
-  /* Ends all intervals. The counts that waited for that. */
+  /* Ends all intervals and returns the lines of their counts. */
   static SyslogLines flush()
   {
     rate_limited_log_flush();
@@ -89,7 +89,7 @@ TEST_F(ElementWarningsTest, LogsTheFactoryAndTheText)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{line("queue", "Something is left out.")}));
 }
 
-TEST_F(ElementWarningsTest, LogsTheElementsDetailsWithoutTheirPlaceInItsCode)
+TEST_F(ElementWarningsTest, LogsTheDetailsWithoutFileAndLine)
 {
   const Element queue("queue");
 
@@ -151,7 +151,7 @@ TEST_F(ElementWarningsTest, LogsALineForEachSourceDomainAndCode)
                                                   line("queue", "three"), line("queue", "four")}));
 }
 
-TEST_F(ElementWarningsTest, SharesALineAmongTheKindsBeyondTheBound)
+TEST_F(ElementWarningsTest, SharesALineAmongTheKindsBeyondTheLimit)
 {
   const Element queue("queue");
   SyslogLines expected;
@@ -167,7 +167,7 @@ TEST_F(ElementWarningsTest, SharesALineAmongTheKindsBeyondTheBound)
                                                     " (1 more since the last such line)")}));
 }
 
-TEST_F(ElementWarningsTest, GivesThePlaceOfAKindWhoseIntervalIsOverToAnother)
+TEST_F(ElementWarningsTest, ReusesThePlaceOfAKindAfterItsInterval)
 {
   const Element queue("queue");
 

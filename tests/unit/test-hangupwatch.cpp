@@ -10,7 +10,7 @@
 namespace
 {
 
-/* One connection, of which the test has both ends. */
+/* Both ends of a connection. */
 class HangUpWatchTest : public testhost::Fixture
 {
 protected:
@@ -40,7 +40,7 @@ is_ready(const std::future<bool> &result)
 
 } // namespace
 
-TEST_F(HangUpWatchTest, IsThereAsLongAsItIsTheThreadsCurrentWork)
+TEST_F(HangUpWatchTest, SetsTheCurrentCancellableOfTheThread)
 {
   {
     g_autoptr(HangUpWatch) watch = hang_up_watch_new(fd_);
@@ -69,7 +69,7 @@ TEST_F(HangUpWatchTest, CancelsOnAnotherThreadWhenTheClientHangsUp)
   EXPECT_TRUE(waiting.get());
 }
 
-TEST_F(HangUpWatchTest, CancelsForAClientThatHadHungUpBefore)
+TEST_F(HangUpWatchTest, CancelsForAClientThatHasHungUpBefore)
 {
   client_->hang_up();
   g_autoptr(HangUpWatch) watch = hang_up_watch_new(fd_);
@@ -77,8 +77,8 @@ TEST_F(HangUpWatchTest, CancelsForAClientThatHadHungUpBefore)
   EXPECT_TRUE(testhost::spin_until([] { return g_cancellable_is_cancelled(g_cancellable_get_current()); }));
 }
 
-/* Neither takes the main loop's time. */
-TEST_F(HangUpWatchTest, CaresForNothingButTheHangUp)
+/* The main loop does not dispatch the watch for these events. */
+TEST_F(HangUpWatchTest, IgnoresEverythingButTheHangUp)
 {
   g_autoptr(HangUpWatch) watch = hang_up_watch_new(fd_);
   ASSERT_TRUE(client_->send("SYNC\n"));
@@ -92,7 +92,7 @@ TEST_F(HangUpWatchTest, CaresForNothingButTheHangUp)
   EXPECT_TRUE(hang_up_watch_is_gone(fd_));
 }
 
-TEST_F(HangUpWatchTest, KnowsAClientThatHasEndedBothHalvesAsGone)
+TEST_F(HangUpWatchTest, DetectsAClientThatHasEndedBothHalves)
 {
   int fd = -1;
   Client client = Client::connect_pair(&fd);
@@ -105,8 +105,8 @@ TEST_F(HangUpWatchTest, KnowsAClientThatHasEndedBothHalvesAsGone)
   EXPECT_EQ(close(fd), 0);
 }
 
-/* A number that is closed is given to the next client at once, whose hang-up means nothing here. */
-TEST_F(HangUpWatchTest, SeesNothingOfWhoeverGetsTheDescriptorNext)
+/* The next client gets the number of a closed descriptor. Its hang-up must not cancel. */
+TEST_F(HangUpWatchTest, IgnoresTheNextOwnerOfTheDescriptor)
 {
   g_autoptr(GCancellable) cancellable = nullptr;
   {
@@ -123,14 +123,14 @@ TEST_F(HangUpWatchTest, SeesNothingOfWhoeverGetsTheDescriptorNext)
   EXPECT_EQ(close(next), 0);
 }
 
-TEST_F(HangUpWatchTest, RefusesToFreeNothing)
+TEST_F(HangUpWatchTest, ChecksItsArgument)
 {
   hang_up_watch_free(nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(), (testhost::Texts{"self != NULL"}));
 }
 
-/* The client hangs up while the watch is being made, while it is there and while it goes. */
-TEST_F(HangUpWatchTest, ComesAndGoesWhileClientsHangUp)
+/* The client hangs up before, during and after the construction of the watch, and during its release. */
+TEST_F(HangUpWatchTest, CanBeMadeAndFreedWhileClientsHangUp)
 {
   constexpr int ROUNDS = 500;
   auto working = std::async(std::launch::async, [] {

@@ -32,7 +32,7 @@ repeat(const std::string &character, gsize count)
 
 } // namespace
 
-TEST_F(LogTextTest, KeepsWhatFits)
+TEST_F(LogTextTest, KeepsATextWithinTheLimit)
 {
   const std::string longest(LOG_TEXT_MAX_BYTES, 'x');
 
@@ -41,7 +41,7 @@ TEST_F(LogTextTest, KeepsWhatFits)
   EXPECT_EQ(clip(longest), longest);
 }
 
-TEST_F(LogTextTest, ClipsWhatIsLonger)
+TEST_F(LogTextTest, ClipsALongerText)
 {
   const std::string longest(LOG_TEXT_MAX_BYTES, 'x');
 
@@ -53,8 +53,8 @@ class LogTextCharacterTest : public LogTextTest, public testing::WithParamInterf
 {
 };
 
-/* With the limit before, in and behind each byte of it. */
-TEST_P(LogTextCharacterTest, IsKeptAsAWhole)
+/* The limit is before, within and after the bytes of the character. */
+TEST_P(LogTextCharacterTest, IsKeptOrDroppedAsAWhole)
 {
   const std::string character = GetParam();
 
@@ -79,7 +79,7 @@ class LogTextEscapeTest : public LogTextTest, public testing::WithParamInterface
 {
 };
 
-TEST_P(LogTextEscapeTest, MakesOneLineOfText)
+TEST_P(LogTextEscapeTest, MakesOneLine)
 {
   EXPECT_EQ(clip("<" + GetParam().text + ">"), "<" + GetParam().line + ">");
   EXPECT_EQ(clip(GetParam().text), GetParam().line);
@@ -96,8 +96,8 @@ INSTANTIATE_TEST_SUITE_P(Texts, LogTextEscapeTest,
                                          Escape{"\xc0\xaf", R"(\xc0\xaf)"}, Escape{R"(a\nb)", R"(a\nb)"},
                                          Escape{"100 %s%n", "100 %s%n"}, Escape{"\u00e4", "\u00e4"}));
 
-/* The bound is that of the line. */
-TEST_F(LogTextTest, CountsWhatAnEscapeTakes)
+/* The limit applies to the line. */
+TEST_F(LogTextTest, CountsTheLengthOfEscapes)
 {
   constexpr gsize ESCAPED = 4;
   const gsize fitting = LOG_TEXT_MAX_BYTES / ESCAPED;

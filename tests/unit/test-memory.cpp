@@ -23,7 +23,7 @@ std::atomic<unsigned> trims;
 std::atomic<gint64> last_trim_us;
 std::atomic<gint64> shortest_us;
 
-/* The sanitizers bring an allocator of their own. */
+/* The sanitizers have their own allocator. */
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool HAS_OWN_ALLOCATOR = true;
 #else
@@ -45,7 +45,7 @@ count_mappings()
   return mallinfo2().hblks;
 }
 
-/* How many heaps the allocator tells of. */
+/* The number of heaps that the allocator reports. */
 gsize
 count_heaps()
 {
@@ -65,7 +65,7 @@ count_heaps()
   return count;
 }
 
-/* In whole pages, what the process has in memory. */
+/* The resident memory of the process, in whole pages. */
 gsize
 count_resident_pages()
 {
@@ -101,20 +101,7 @@ scatter_kept_blocks()
   return others;
 }
 
-/* How many pages @work returns of those in which blocks are kept for the calling thread. */
-gsize
-count_returned_pages(const std::function<void()> &work)
-{
-  const std::vector<Block> others = scatter_kept_blocks();
-  malloc_trim(0);
-  const gsize before = count_resident_pages();
-
-  work();
-  const gsize after = count_resident_pages();
-  return before - std::min(before, after);
-}
-
-/* Empties what the allocator keeps for the calling thread: its next allocation increases the bytes in use. */
+/* Takes all that the allocator keeps for the calling thread, so that the next allocation takes more. */
 std::vector<Block>
 take_kept_blocks()
 {
@@ -126,7 +113,7 @@ take_kept_blocks()
   return blocks;
 }
 
-/* A thread of the program that stays. Frees blocks and, once told, hands over what is kept of them. */
+/* A thread that stays. It frees blocks and, on request, hands over what the allocator keeps of them. */
 class Worker
 {
 public:
@@ -221,8 +208,8 @@ __wrap_malloc_trim(size_t padding)
 }
 #pragma GCC visibility pop
 
-/* First of all, before anything has changed the allocator's mind. */
-TEST_F(AllocatorTest, MapsLargeBlocksWhateverWasFreedBefore)
+/* The first test, because freed blocks can change the thresholds of the allocator. */
+TEST_F(MemoryTest, MapsLargeBlocksAlsoAfterLargerOnesWereFreed)
 {
   memory_set_up();
   for (const gsize mib : {1, 8, 16, 30}) {
@@ -239,7 +226,7 @@ TEST_F(AllocatorTest, MapsLargeBlocksWhateverWasFreedBefore)
   EXPECT_EQ(count_mappings(), before + 1);
 }
 
-TEST_F(AllocatorTest, ManyThreadsShareFewHeaps)
+TEST_F(MemoryTest, LimitsTheHeapsOfManyThreads)
 {
   constexpr gsize THREADS = 16;
   std::atomic<gsize> holding = 0;
@@ -247,7 +234,7 @@ TEST_F(AllocatorTest, ManyThreadsShareFewHeaps)
   std::vector<std::thread> threads;
 
   memory_set_up();
-  /* Other threads may have theirs already. */
+  /* Other threads can have heaps already. */
   const gsize before = count_heaps();
   for (gsize i = 0; i < THREADS; i++) {
     threads.emplace_back([&] {
@@ -301,7 +288,7 @@ TEST_F(AllocatorTest, FreesWhatIsKeptForTheCallingThread)
             300U);
 }
 
-TEST_F(AllocatorTest, AThreadHandsOverOnceBeforeATrim)
+TEST_F(MemoryTest, HandsOverOnceBeforeATrim)
 {
   memory_start_trimming();
   memory_trim_later();
@@ -314,7 +301,7 @@ TEST_F(AllocatorTest, AThreadHandsOverOnceBeforeATrim)
   memory_stop_trimming();
 }
 
-TEST_F(AllocatorTest, AThreadHandsNothingOverUnlessATrimIsWanted)
+TEST_F(MemoryTest, HandsNothingOverWithoutARequestedTrim)
 {
   memory_start_trimming();
   memory_trim_later();
@@ -327,11 +314,11 @@ TEST_F(AllocatorTest, AThreadHandsNothingOverUnlessATrimIsWanted)
   memory_stop_trimming();
 }
 
-TEST_F(MemoryTest, StopsWhileTheMainThreadIsAsked)
+TEST_F(MemoryTest, StopsBeforeTheMainThreadHandsOver)
 {
   memory_start_trimming();
   memory_trim_later();
-  /* Nothing of it is dispatched here. */
+  /* The main context dispatches nothing here. */
   const gint64 end_us = g_get_monotonic_time() + 10 * G_TIME_SPAN_SECOND;
   while (!g_main_context_pending(nullptr) && g_get_monotonic_time() < end_us) {
     g_thread_yield();
@@ -342,7 +329,7 @@ TEST_F(MemoryTest, StopsWhileTheMainThreadIsAsked)
   EXPECT_EQ(trims, 0U);
 }
 
-TEST_F(AllocatorTest, GLibKeepsNoSmallBlocks)
+TEST_F(MemoryTest, UsesTheAllocatorForSmallBlocksOfGLib)
 {
   constexpr gsize BLOCKS = 200000;
   constexpr gsize SIZE = 64;
@@ -360,14 +347,14 @@ TEST_F(AllocatorTest, GLibKeepsNoSmallBlocks)
   EXPECT_LT(mallinfo2().uordblks, before + BLOCKS * SIZE / 10);
 }
 
-TEST_F(MemoryTest, TrimsNothingUnlessItIsStarted)
+TEST_F(MemoryTest, DoesNotTrimBeforeItIsStarted)
 {
   memory_trim_later();
   memory_stop_trimming();
   EXPECT_EQ(trims, 0U);
 }
 
-TEST_F(MemoryTest, TrimsOnceAtOnceAndOnceAfterABurst)
+TEST_F(MemoryTest, TrimsImmediatelyAndOnceAfterABurst)
 {
   const gint64 begun_us = g_get_monotonic_time();
   memory_start_trimming();
@@ -384,7 +371,7 @@ TEST_F(MemoryTest, TrimsOnceAtOnceAndOnceAfterABurst)
   EXPECT_EQ(trims, 3U);
 }
 
-TEST_F(MemoryTest, StopsWhileATrimIsWaitedFor)
+TEST_F(MemoryTest, StopsBeforeAScheduledTrim)
 {
   memory_start_trimming();
   memory_trim_later();
@@ -398,7 +385,7 @@ TEST_F(MemoryTest, StopsWhileATrimIsWaitedFor)
   memory_stop_trimming();
 }
 
-TEST_F(MemoryTest, IsStartedOnce)
+TEST_F(MemoryTest, StartsOnce)
 {
   memory_start_trimming();
   memory_start_trimming();

@@ -63,7 +63,7 @@ public:
     message_reader_end(reader);
   }
 
-  /* How often since the last call, when all that is ready has been dispatched. */
+  /* Dispatches everything that is ready. Returns the number of resumes since the last call. */
   unsigned take_resumes()
   {
     testhost::dispatch_ready();
@@ -104,7 +104,7 @@ public:
   Owner other{account};
 };
 
-/* Whose messages have to end for that of @newest, in order. */
+/* The readers whose messages end for that of @newest, in order. */
 std::vector<GObject *>
 take_excess(const Owner &newest)
 {
@@ -131,7 +131,7 @@ protected:
 
 } // namespace
 
-TEST_F(MessageAccountTest, CountsMessagesThatAreReadAndQueues)
+TEST_F(MessageAccountTest, CountsUnfinishedMessagesAndQueues)
 {
   Client client;
   Client other;
@@ -153,7 +153,7 @@ TEST_F(MessageAccountTest, CountsMessagesThatAreReadAndQueues)
   EXPECT_EQ(message_account_get_total(), 7U);
 }
 
-TEST_F(MessageAccountTest, StoppingAReaderEndsItsMessage)
+TEST_F(MessageAccountTest, EndsTheMessageOfAReaderThatStops)
 {
   Client client;
 
@@ -162,7 +162,7 @@ TEST_F(MessageAccountTest, StoppingAReaderEndsItsMessage)
   EXPECT_EQ(message_account_get_total(), 0U);
 }
 
-TEST_F(MessageAccountTest, WarnsOfAnAccountThatIsNotEmptyWhenItGoes)
+TEST_F(MessageAccountTest, WarnsOfAnAccountThatIsReleasedWhileNotEmpty)
 {
   MessageAccount *account = message_account_new();
 
@@ -174,7 +174,7 @@ TEST_F(MessageAccountTest, WarnsOfAnAccountThatIsNotEmptyWhenItGoes)
   ASSERT_EQ(messages.size(), 1U);
   EXPECT_NE(messages[0].find("account->queued == 0"), std::string::npos) << messages[0];
 
-  /* The sum still has it. */
+  /* The total still includes it. */
   MessageAccount *rest = message_account_new();
   message_account_set_queued(rest, G_MAXSIZE - 4);
   message_account_unref(rest);
@@ -187,7 +187,7 @@ TEST_F(MessageAccountTest, ChecksForAnAccount)
   EXPECT_EQ(testhost::take_failed_preconditions(), (Texts{"account != NULL"}));
 }
 
-TEST_F(MessageAccountTest, LetsAClientBeginUpToItsLimit)
+TEST_F(MessageAccountTest, AllowsMessagesUpToTheLimitOfTheClient)
 {
   Client client;
 
@@ -198,7 +198,7 @@ TEST_F(MessageAccountTest, LetsAClientBeginUpToItsLimit)
   EXPECT_FALSE(client.other.may_begin());
 }
 
-TEST_F(MessageAccountTest, ResumesAClientThatHasComeDownFarEnough)
+TEST_F(MessageAccountTest, ResumesAClientAtTheLowerLimit)
 {
   Client client;
   Client busy;
@@ -233,7 +233,7 @@ TEST_F(MessageAccountTest, ResumesAClientWhoseMessageHasEnded)
   EXPECT_EQ(client.one.take_resumes(), 0U);
 }
 
-TEST_F(MessageAccountTest, LetsNobodyBeginWhileAllHoldTooMuch)
+TEST_F(MessageAccountTest, RefusesAllMessagesBeyondTheTotalLimit)
 {
   Client full;
   Client client;
@@ -254,7 +254,7 @@ TEST_F(MessageAccountTest, LetsNobodyBeginWhileAllHoldTooMuch)
   EXPECT_EQ(full.one.take_resumes(), 0U);
   EXPECT_EQ(paused.one.take_resumes(), 0U);
 
-  /* What waits for both goes on when it has both, in either order. */
+  /* A reader that waits for both limits resumes after both, in either order. */
   paused.queue(0);
   EXPECT_EQ(paused.one.take_resumes(), 1U);
   client.queue(2 * MESSAGE_ACCOUNT_CLIENT_LIMIT);
@@ -263,7 +263,7 @@ TEST_F(MessageAccountTest, LetsNobodyBeginWhileAllHoldTooMuch)
   EXPECT_EQ(full.one.take_resumes(), 1U);
 }
 
-TEST_F(MessageAccountTest, AsksAgainWhoHasToWaitAgain)
+TEST_F(MessageAccountTest, ResumesAReaderThatWaitsAgain)
 {
   Client client;
   unsigned rounds = 0;
@@ -302,7 +302,7 @@ TEST_F(MessageAccountTest, HasNoExcessWithinTheLimit)
   client.one.end();
 }
 
-TEST_F(MessageAccountTest, TakesTheLongestMessageOfTheClientThatHoldsMost)
+TEST_F(MessageAccountTest, EndsTheLongestMessageOfTheClientThatHoldsMost)
 {
   Client queueing;
   Client reading;
@@ -322,7 +322,7 @@ TEST_F(MessageAccountTest, TakesTheLongestMessageOfTheClientThatHoldsMost)
   EXPECT_EQ(take_excess(reading.other), (Objects{queueing.one.object}));
 }
 
-TEST_F(MessageAccountTest, TakesAsMuchAsItNeeds)
+TEST_F(MessageAccountTest, EndsAsManyMessagesAsNecessary)
 {
   Client first;
   Client second;
@@ -339,7 +339,7 @@ TEST_F(MessageAccountTest, TakesAsMuchAsItNeeds)
   EXPECT_EQ(take_excess(third.other), (Objects{first.one.object, second.one.object}));
 }
 
-TEST_F(MessageAccountTest, TakesTheFirstOfEqualOnes)
+TEST_F(MessageAccountTest, EndsTheFirstOfEqualMessages)
 {
   Client first;
   Client second;
@@ -351,7 +351,7 @@ TEST_F(MessageAccountTest, TakesTheFirstOfEqualOnes)
   EXPECT_EQ(take_excess(first.other), (Objects{first.one.object}));
 }
 
-TEST_F(MessageAccountTest, TakesNothingFromClientsWithinTheirLimit)
+TEST_F(MessageAccountTest, EndsNoMessageOfClientsWithinTheirLimit)
 {
   Client full;
   Client client;
@@ -363,12 +363,12 @@ TEST_F(MessageAccountTest, TakesNothingFromClientsWithinTheirLimit)
   EXPECT_EQ(take_excess(other.one), Objects());
   EXPECT_FALSE(client.other.may_begin());
 
-  /* The client that holds most among those that have a message to end. */
+  /* Of the clients with an unfinished message, the one that holds most. */
   client.other.begin(MESSAGE_ACCOUNT_CLIENT_LIMIT);
   EXPECT_EQ(take_excess(client.other), (Objects{client.other.object}));
 }
 
-TEST_F(MessageAccountTest, TakesAMessageThatBeginsThoughNobodyMay)
+TEST_F(MessageAccountTest, EndsAMessageThatBeginsBeyondTheTotalLimit)
 {
   Client full;
   Client client;
@@ -378,7 +378,7 @@ TEST_F(MessageAccountTest, TakesAMessageThatBeginsThoughNobodyMay)
   EXPECT_EQ(take_excess(client.one), (Objects{client.one.object}));
 }
 
-TEST_F(MessageAccountTest, TakesNothingForAMessageThatHasEndedMeanwhile)
+TEST_F(MessageAccountTest, EndsNoMessageForOneThatHasEnded)
 {
   Client full;
   Client first;
@@ -391,17 +391,17 @@ TEST_F(MessageAccountTest, TakesNothingForAMessageThatHasEndedMeanwhile)
   EXPECT_EQ(take_excess(last.one), Objects());
 }
 
-TEST_F(MessageAccountTest, MissesNoWakeUpWhateverThreadLowersACount)
+TEST_F(MessageAccountTest, ResumesWhicheverThreadLowersACount)
 {
   constexpr unsigned ROUNDS = 20 * 1000;
   Client client;
   Client full;
-  std::atomic<unsigned> asked = 0;
+  std::atomic<unsigned> checked = 0;
   std::atomic<bool> over = false;
 
   std::thread lowering([&] {
     for (unsigned round = 1; round <= ROUNDS; round++) {
-      while (asked < round && !over) {
+      while (checked < round && !over) {
         g_thread_yield();
       }
       for (unsigned waited = 0; waited < round % 97; waited++) {
@@ -411,13 +411,13 @@ TEST_F(MessageAccountTest, MissesNoWakeUpWhateverThreadLowersACount)
     }
   });
   for (unsigned round = 1; round <= ROUNDS && !HasFailure(); round++) {
-    /* One or the other keeps the reader from beginning, until it is lowered, before this asks or after. */
+    /* One of the counts stops the reader. Another thread lowers it before or after this call. */
     if (round % 2 == 0) {
       client.queue(MESSAGE_ACCOUNT_CLIENT_LIMIT + 1);
     } else {
       full.queue(MESSAGE_ACCOUNT_TOTAL_LIMIT + 1);
     }
-    asked = round;
+    checked = round;
     if (!client.one.may_begin()) {
       EXPECT_TRUE(testhost::spin_until([&] { return client.one.resumes.exchange(0) == 1; })) << round;
     }
@@ -426,7 +426,7 @@ TEST_F(MessageAccountTest, MissesNoWakeUpWhateverThreadLowersACount)
   lowering.join();
 }
 
-TEST_F(MessageAccountTest, MayBeUsedByManyThreads)
+TEST_F(MessageAccountTest, CanBeUsedByManyThreads)
 {
   constexpr int ROUNDS = 2000;
 

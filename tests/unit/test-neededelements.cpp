@@ -12,7 +12,7 @@ using testhost::SyslogLines;
 namespace
 {
 
-/* A plug-in of this name in the registry, without elements of its own, as long as this object lives. */
+/* Adds a plug-in of this name without elements to the registry, while this object lives. */
 class Plugin
 {
 public:
@@ -76,14 +76,14 @@ class NeededByAKindTest : public NeededElementsTest, public testing::WithParamIn
 
 } // namespace
 
-TEST_F(NeededElementsTest, SaysNothingWhenAllAreThere)
+TEST_F(NeededElementsTest, LogsNothingWhenNoneIsMissing)
 {
   const Plugin scenes("scene");
 
   EXPECT_TRUE(needed_elements_check());
 }
 
-TEST_F(NeededElementsTest, NamesAllThatAreMissingInOneLine)
+TEST_F(NeededElementsTest, NamesAllMissingElementsInOneLine)
 {
   const WithoutFactory document("onvifxmlmetadatastreamdoc");
   const WithoutFactory payloader("gdppay");
@@ -103,7 +103,7 @@ INSTANTIATE_TEST_SUITE_P(Elements, AlwaysNeededTest,
                          testing::Values("onvifxmlmetadatastreamdoc", "queue", "gdppay", "fdsink",
                                          "capsfilter", "appsrc", "appsink"));
 
-TEST_P(NeededByAKindTest, IsNamedOnlyWhereThePluginIs)
+TEST_P(NeededByAKindTest, IsNamedOnlyIfThePluginIsInstalled)
 {
   const WithoutFactory without(GetParam().element);
 

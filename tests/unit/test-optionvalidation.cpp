@@ -86,12 +86,12 @@ TEST_F(OptionValidationTest, HasItsOwnErrorDomain)
   EXPECT_STREQ(g_quark_to_string(option_validation_error_quark()), "option_validation_error");
 }
 
-TEST_F(OptionValidationTest, TakesAnEmptyChannelForChannelZero)
+TEST_F(OptionValidationTest, ParsesAnEmptyChannelAsZero)
 {
   expect_channel("", 0);
 }
 
-TEST_F(OptionValidationTest, TakesDecimalDigitsForAChannel)
+TEST_F(OptionValidationTest, ParsesDecimalDigitsAsAChannel)
 {
   expect_channel("0", 0);
   expect_channel("1", 1);
@@ -100,15 +100,15 @@ TEST_F(OptionValidationTest, TakesDecimalDigitsForAChannel)
   expect_channel("2147483646", 2147483646);
 }
 
-TEST_F(OptionValidationTest, RefusesAChannelWithAnythingButDigits)
+TEST_F(OptionValidationTest, RefusesAChannelWithOtherCharacters)
 {
   for (const char *text : {"-1", "+1", " 1", "1 ", "1a", "a1", "0x1", "1.0", "\u0661", "%s", "-", "é"}) {
     expect_channel_refused(text, invalid_channel(text));
   }
 }
 
-/* The error has the value as it is. */
-TEST_F(OptionValidationTest, LogsAFitPartOfAHostileValue)
+/* The error has the unchanged value. */
+TEST_F(OptionValidationTest, EscapesAndClipsAHostileValueInTheLog)
 {
   const std::string digits(LOG_TEXT_MAX_BYTES, '9');
   for (const auto &[value, logged] :
@@ -125,7 +125,7 @@ TEST_F(OptionValidationTest, LogsAFitPartOfAHostileValue)
   }
 }
 
-TEST_F(OptionValidationTest, LogsAFitPartOfAChannelWithTooManyDigits)
+TEST_F(OptionValidationTest, ClipsAChannelWithTooManyDigitsInTheLog)
 {
   const std::string digits(LOG_TEXT_MAX_BYTES, '9');
   g_autoptr(GError) error = nullptr;
@@ -135,7 +135,7 @@ TEST_F(OptionValidationTest, LogsAFitPartOfAChannelWithTooManyDigits)
                channel_out_of_bounds(digits + "... (2 bytes left out)"));
 }
 
-TEST_F(OptionValidationTest, PutsElevenBlanksIntoTheFirstChannelTextAndNineIntoTheOther)
+TEST_F(OptionValidationTest, HasElevenBlanksInTheFirstChannelTextAndNineInTheOther)
 {
   expect_channel_refused("x", "Invalid value of 'channel'" + std::string(11, ' ') + "parameter: 'x'.");
   expect_channel_refused("99999999999", "Value out of bounds for 'channel'" + std::string(9, ' ') +
@@ -152,7 +152,7 @@ TEST_F(OptionValidationTest, RefusesAChannelBeyond32Bits)
   }
 }
 
-TEST_F(OptionValidationTest, TakesTheLargestChannelUnlessErrnoAlreadyReadsErange)
+TEST_F(OptionValidationTest, AcceptsTheLargestChannelUnlessErrnoIsErange)
 {
   expect_channel("2147483647", G_MAXINT32);
 
@@ -163,7 +163,7 @@ TEST_F(OptionValidationTest, TakesTheLargestChannelUnlessErrnoAlreadyReadsErange
   expect_channel("2147483647", G_MAXINT32);
 }
 
-TEST_F(OptionValidationTest, LeavesErrnoAsItIsForAGoodChannel)
+TEST_F(OptionValidationTest, KeepsErrnoForAValidChannel)
 {
   errno = ERANGE;
 
@@ -171,19 +171,19 @@ TEST_F(OptionValidationTest, LeavesErrnoAsItIsForAGoodChannel)
   EXPECT_EQ(errno, ERANGE);
 }
 
-TEST_F(OptionValidationTest, RefusesAChannelWithoutAPlaceForTheError)
+TEST_F(OptionValidationTest, RefusesAChannelForACallerWithoutAnError)
 {
   EXPECT_EQ(option_validation_parse_channel("one", nullptr), -1);
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, invalid_channel("one")}}));
 }
 
-TEST_F(OptionValidationTest, TakesTheFirstChannelForARequestThatNamesNone)
+TEST_F(OptionValidationTest, UsesTheFirstChannelForARequestWithoutOne)
 {
   expect_channel_of({}, OPTION_VALIDATION_DEFAULT_CHANNEL);
   expect_channel_of({{"channel", "7"}, {"analytics", "2"}}, 1);
 }
 
-TEST_F(OptionValidationTest, TakesTheChannelThatARequestNames)
+TEST_F(OptionValidationTest, UsesTheChannelOfARequest)
 {
   expect_channel_of({{"video_channel", "7"}}, 7);
   expect_channel_of({{"video_channel", ""}}, 0);
@@ -198,7 +198,7 @@ TEST_F(OptionValidationTest, RefusesABadChannelOfARequest)
   expect_error(error, invalid_channel("1a"));
 }
 
-TEST_F(OptionValidationTest, TakesNoAnalyticsForNone)
+TEST_F(OptionValidationTest, ParsesAbsentAnalyticsAsOff)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -206,7 +206,7 @@ TEST_F(OptionValidationTest, TakesNoAnalyticsForNone)
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(OptionValidationTest, TakesTheThreeKindsOfAnalytics)
+TEST_F(OptionValidationTest, ParsesTheThreeValuesOfAnalytics)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -216,7 +216,7 @@ TEST_F(OptionValidationTest, TakesTheThreeKindsOfAnalytics)
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(OptionValidationTest, RefusesEveryOtherAnalyticsWithThree)
+TEST_F(OptionValidationTest, ReturnsThreeForInvalidAnalytics)
 {
   for (const char *text : {"3", "", " 1", "1 ", "01", "-1", "true", "22", "%d"}) {
     g_autoptr(GError) error = nullptr;
@@ -227,7 +227,7 @@ TEST_F(OptionValidationTest, RefusesEveryOtherAnalyticsWithThree)
   EXPECT_EQ(OPTION_VALIDATION_ANALYTICS_INVALID, 3);
 }
 
-TEST_F(OptionValidationTest, TellsARequestWithoutAChannelFromOneWithOne)
+TEST_F(OptionValidationTest, DistinguishesRequestsWithAndWithoutAChannel)
 {
   const std::vector<std::pair<std::string, gint32>> channels = {{"7", 7}, {"0", 0}, {"", 0}};
   g_autoptr(GHashTable) without = make_params({{"channel", "7"}});
@@ -247,7 +247,7 @@ TEST_F(OptionValidationTest, TellsARequestWithoutAChannelFromOneWithOne)
   expect_error(error, invalid_channel("1a"));
 }
 
-TEST_F(OptionValidationTest, LooksAnalyticsUpInARequest)
+TEST_F(OptionValidationTest, ParsesTheAnalyticsOfARequest)
 {
   g_autoptr(GHashTable) without = make_params({{"video_channel", "2"}});
   g_autoptr(GHashTable) with = make_params({{"analytics", "2"}});

@@ -69,7 +69,7 @@ quoted(gsize length)
   return "'" + std::string(length, 'x') + "'";
 }
 
-/* That many channels, as a value. */
+/* A value with this number of channels. */
 std::string
 channels(gsize count)
 {
@@ -89,7 +89,7 @@ values(const std::string &name, const std::string &nice_name, const std::string 
 
 } // namespace
 
-TEST_F(ProducerPropertiesTest, KeepsWhatIsSaid)
+TEST_F(ProducerPropertiesTest, KeepsTheProperties)
 {
   g_autoptr(ProducerProperties) properties = make(GOOD);
 
@@ -99,7 +99,7 @@ TEST_F(ProducerPropertiesTest, KeepsWhatIsSaid)
   EXPECT_EQ(channels_of(properties), Channels({3, 1, 2}));
 }
 
-TEST_F(ProducerPropertiesTest, KeepsWhatIsAtTheBounds)
+TEST_F(ProducerPropertiesTest, AcceptsValuesAtTheLimits)
 {
   g_autoptr(ProducerProperties) longest =
       make(values(quoted(PRODUCER_PROPERTIES_MAX_NAME_BYTES), quoted(PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES),
@@ -165,7 +165,7 @@ const std::array ODD = {
 
 } // namespace
 
-TEST_P(OddPropertiesTest, MakeNoProducerUntilTheyAreChanged)
+TEST_P(OddPropertiesTest, AreRefusedUntilTheyAreCorrected)
 {
   g_autoptr(ProducerProperties) properties = make(GetParam().text);
   EXPECT_STREQ(producer_properties_get_problem(properties), GetParam().problem);
@@ -175,7 +175,7 @@ TEST_P(OddPropertiesTest, MakeNoProducerUntilTheyAreChanged)
   EXPECT_EQ(channels_of(properties), Channels({3, 1, 2}));
 }
 
-TEST_P(OddPropertiesTest, AreNoProducersAnyMore)
+TEST_P(OddPropertiesTest, AreRefusedAfterAChange)
 {
   g_autoptr(ProducerProperties) properties = make(GOOD);
 
@@ -185,7 +185,7 @@ TEST_P(OddPropertiesTest, AreNoProducersAnyMore)
 
 INSTANTIATE_TEST_SUITE_P(Values, OddPropertiesTest, testing::ValuesIn(ODD));
 
-TEST_F(ProducerPropertiesTest, TellsTheFirstOfSeveralProblems)
+TEST_F(ProducerPropertiesTest, ReportsTheFirstOfSeveralProblems)
 {
   g_autoptr(ProducerProperties) properties = make("{}");
 
@@ -198,7 +198,7 @@ TEST_F(ProducerPropertiesTest, TellsTheFirstOfSeveralProblems)
   EXPECT_STREQ(producer_properties_get_problem(properties), NO_NAME);
 }
 
-TEST_F(ProducerPropertiesTest, ChangeOnlyWhatIsNamed)
+TEST_F(ProducerPropertiesTest, ChangesOnlyTheNamedProperties)
 {
   g_autoptr(ProducerProperties) properties = make(GOOD);
 
@@ -209,7 +209,7 @@ TEST_F(ProducerPropertiesTest, ChangeOnlyWhatIsNamed)
   EXPECT_EQ(channels_of(properties), Channels({3, 1, 2}));
 }
 
-TEST_F(ProducerPropertiesTest, ForgetWhatIsInvalidated)
+TEST_F(ProducerPropertiesTest, DropsInvalidatedProperties)
 {
   g_autoptr(ProducerProperties) properties = make(GOOD);
 
@@ -217,7 +217,7 @@ TEST_F(ProducerPropertiesTest, ForgetWhatIsInvalidated)
   EXPECT_STREQ(producer_properties_get_problem(properties), NO_NICE_NAME);
 }
 
-TEST_F(ProducerPropertiesTest, KeepWhatIsBothChangedAndInvalidated)
+TEST_F(ProducerPropertiesTest, KeepsPropertiesThatAreBothChangedAndInvalidated)
 {
   g_autoptr(ProducerProperties) properties = make(GOOD);
 

@@ -24,7 +24,7 @@ failure(const std::string &reason)
 class PTZCoordinatorTest : public testbus::Fixture
 {
 protected:
-  /* There are no capabilities, and the log has one line with the reason. */
+  /* The capabilities are 0, and one line has the reason. */
   static void expect_failure(const std::string &reason)
   {
     EXPECT_EQ(ptz_coordinator_query_move_capabilities(), 0);
@@ -34,7 +34,7 @@ protected:
 
 } // namespace
 
-TEST_F(PTZCoordinatorTest, AsksForTheMoveCapabilities)
+TEST_F(PTZCoordinatorTest, RequestsTheMoveCapabilities)
 {
   Service coordinator(COORDINATOR, testbus::reply("(<7>,)"));
 
@@ -44,7 +44,7 @@ TEST_F(PTZCoordinatorTest, AsksForTheMoveCapabilities)
                    "('com.quon.PTZ.Coordinator', 'DriverMoveCapabilities')"}));
 }
 
-TEST_F(PTZCoordinatorTest, TakesAnyNumber)
+TEST_F(PTZCoordinatorTest, AcceptsAnyNumber)
 {
   Service coordinator(COORDINATOR, testbus::reply("(<-2147483648>,)"));
 

@@ -88,7 +88,7 @@ TEST_F(PtzValidationDomainTest, HasItsOwnName)
   EXPECT_STREQ(g_quark_to_string(ptz_validation_error_quark()), "ptz_validation_error");
 }
 
-TEST_F(PtzValidationDomainTest, TakesAnAbsentPtzForNone)
+TEST_F(PtzValidationDomainTest, ParsesAnAbsentPtzAsOff)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -96,7 +96,7 @@ TEST_F(PtzValidationDomainTest, TakesAnAbsentPtzForNone)
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_P(PtzValidationTest, TakesEachDigitUpToTheHighest)
+TEST_P(PtzValidationTest, AcceptsEachDigitUpToTheHighest)
 {
   for (gint32 digit = 0; digit <= GetParam().highest; digit++) {
     g_autoptr(GError) error = nullptr;
@@ -120,8 +120,8 @@ TEST_P(PtzValidationTest, RefusesAnythingButOneDigitAsInvalid)
   }
 }
 
-/* The error has the value as it is. */
-TEST_P(PtzValidationTest, LogsAFitPartOfAHostileValue)
+/* The error has the unchanged value. */
+TEST_P(PtzValidationTest, EscapesAndClipsAHostileValueInTheLog)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -131,13 +131,13 @@ TEST_P(PtzValidationTest, LogsAFitPartOfAHostileValue)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, GetParam().invalid + R"('1\x0a'.)"}}));
 }
 
-TEST_P(PtzValidationTest, RefusesWithoutAPlaceForTheError)
+TEST_P(PtzValidationTest, RefusesAValueForACallerWithoutAnError)
 {
   EXPECT_EQ(GetParam().parse("x", nullptr), -1);
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, GetParam().invalid + "'x'."}}));
 }
 
-TEST_F(PtzRequestTest, LooksPtzUpInARequest)
+TEST_F(PtzRequestTest, ParsesThePtzOfARequest)
 {
   g_autoptr(GHashTable) without = make_params({{"analytics", "1"}});
   g_autoptr(GHashTable) with = make_params({{"ptz", "3"}});
@@ -151,7 +151,7 @@ TEST_F(PtzRequestTest, LooksPtzUpInARequest)
   expect_line(error, PTZ.out_of_bounds + "'4'.");
 }
 
-TEST_F(PtzRequestTest, LooksBothSpacesUpInARequest)
+TEST_F(PtzRequestTest, ParsesBothSpacesOfARequest)
 {
   g_autoptr(GHashTable) both =
       make_params({{"ptz_pantilt_coordinate_space", "1"}, {"ptz_zoom_coordinate_space", "2"}});

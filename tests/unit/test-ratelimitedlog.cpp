@@ -18,7 +18,7 @@ constexpr gint64 SHORT_US = 20 * G_TIME_SPAN_MILLISECOND;
 class RateLimitedLogTest : public testhost::Fixture
 {
 protected:
-  /* They are let go of when the test has ended. */
+  /* The fixture flushes them after the test. */
   RateLimitedLog log_ = RATE_LIMITED_LOG_INIT(LONGER_THAN_A_TEST_US);
   RateLimitedLog other_ = RATE_LIMITED_LOG_INIT(LONGER_THAN_A_TEST_US);
 };
@@ -45,11 +45,11 @@ wait_for_lines(gsize count)
 
 TEST_F(RateLimitedLogTest, LogsTheFirstLineWithItsPriority)
 {
-  rate_limited_log(&log_, LOG_ERR, "refused %s for the %dth time: 100%%", "somebody", 7);
-  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_ERR, "refused somebody for the 7th time: 100%"}}));
+  rate_limited_log(&log_, LOG_ERR, "refused %s for the %dth time: 100%%", "a client", 7);
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_ERR, "refused a client for the 7th time: 100%"}}));
 }
 
-TEST_F(RateLimitedLogTest, LeavesLinesOutAndTellsTheCountOnce)
+TEST_F(RateLimitedLogTest, SuppressesLinesAndReportsTheCountOnce)
 {
   for (int i = 0; i < 4; i++) {
     rate_limited_log(&log_, LOG_WARNING, "refused");
@@ -62,7 +62,7 @@ TEST_F(RateLimitedLogTest, LeavesLinesOutAndTellsTheCountOnce)
             (SyslogLines{{LOG_WARNING, line_with_count(3)}, {LOG_WARNING, "refused"}}));
 }
 
-TEST_F(RateLimitedLogTest, NeverTakesTheTextForAFormat)
+TEST_F(RateLimitedLogTest, NeverUsesTheTextAsAFormat)
 {
   rate_limited_log(&log_, LOG_INFO, "refused %s", "%s%n");
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_INFO, "refused %s%n"}}));
@@ -83,7 +83,7 @@ TEST_F(RateLimitedLogTest, LogsAgainAfterItsInterval)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "refused"}, {LOG_WARNING, last}}));
 }
 
-TEST_F(RateLimitedLogTest, KeepsItsCountPerLine)
+TEST_F(RateLimitedLogTest, CountsEachLineSeparately)
 {
   rate_limited_log(&log_, LOG_WARNING, "refused");
   rate_limited_log(&log_, LOG_WARNING, "refused");
@@ -131,8 +131,7 @@ TEST_F(RateLimitedLogTest, WritesABurst)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, with_count("refused 4", 1)}}));
 }
 
-/* Though no line follows. */
-TEST_F(RateLimitedLogTest, TellsTheLastLineWhenItsIntervalIsOver)
+TEST_F(RateLimitedLogTest, WritesTheLastLineAtTheEndOfTheIntervalWithoutAnother)
 {
   log_.interval_us = SHORT_US;
   const gint64 begin_us = g_get_monotonic_time();
@@ -146,7 +145,7 @@ TEST_F(RateLimitedLogTest, TellsTheLastLineWhenItsIntervalIsOver)
             (SyslogLines{{LOG_WARNING, "refused 0"}, {LOG_INFO, with_count("refused 3", 2)}}));
 }
 
-TEST_F(RateLimitedLogTest, TellsASingleLineAsItIs)
+TEST_F(RateLimitedLogTest, WritesASingleSuppressedLineUnchanged)
 {
   log_.interval_us = SHORT_US;
 
@@ -156,8 +155,8 @@ TEST_F(RateLimitedLogTest, TellsASingleLineAsItIs)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "refused 1"}, {LOG_WARNING, "refused 2"}}));
 }
 
-/* A line that repeats itself without an end is written once an interval. */
-TEST_F(RateLimitedLogTest, BeginsAnIntervalWithTheLineThatItTellsAtTheEnd)
+/* A line that repeats forever is written once in each interval. */
+TEST_F(RateLimitedLogTest, BeginsAnIntervalWithTheLineAtTheEndOfTheLast)
 {
   constexpr gsize LINES = 4;
   log_.interval_us = SHORT_US;
@@ -173,8 +172,8 @@ TEST_F(RateLimitedLogTest, BeginsAnIntervalWithTheLineThatItTellsAtTheEnd)
   testhost::take_syslog();
 }
 
-/* What the next line has told is not told again when the time-out that was for it is due. */
-TEST_F(RateLimitedLogTest, KeepsTheTimeOfTheIntervalThatALineBegins)
+/* The time-out of the previous interval does not repeat the count. */
+TEST_F(RateLimitedLogTest, KeepsTheIntervalThatALineBegins)
 {
   log_.interval_us = SHORT_US;
 
@@ -195,7 +194,7 @@ TEST_F(RateLimitedLogTest, KeepsTheTimeOfTheIntervalThatALineBegins)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "refused again"}}));
 }
 
-TEST_F(RateLimitedLogTest, FlushTellsOfEveryLineAndBeginsAnew)
+TEST_F(RateLimitedLogTest, FlushWritesEveryLineAndResetsTheIntervals)
 {
   for (RateLimitedLog *log : {&log_, &other_}) {
     for (int i = 0; i < 3; i++) {
@@ -213,14 +212,14 @@ TEST_F(RateLimitedLogTest, FlushTellsOfEveryLineAndBeginsAnew)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "refused"}}));
 }
 
-TEST_F(RateLimitedLogTest, IsIdleWhenItsIntervalIsOverAndNothingIsLeftOut)
+TEST_F(RateLimitedLogTest, IsIdleAfterItsIntervalWithoutSuppressedLines)
 {
   EXPECT_TRUE(rate_limited_log_is_idle(&log_));
   rate_limited_log(&log_, LOG_WARNING, "refused");
   EXPECT_FALSE(rate_limited_log_is_idle(&log_)) << "in its interval";
   rate_limited_log(&log_, LOG_WARNING, "refused");
   log_.interval_us = 0;
-  EXPECT_FALSE(rate_limited_log_is_idle(&log_)) << "with a line left out";
+  EXPECT_FALSE(rate_limited_log_is_idle(&log_)) << "with a suppressed line";
   testhost::take_syslog();
 
   rate_limited_log(&log_, LOG_WARNING, "refused");

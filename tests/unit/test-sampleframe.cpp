@@ -27,7 +27,7 @@ constexpr const char *FRAME = R"({"Source":"Faces","Data":{"Item":[{"UtcTime":"2
 constexpr gint64 TIMEOUT_US = SAMPLE_FRAME_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
 constexpr gint64 SOON_US = TIMEOUT_US / 2;
 
-/* Who owns the JSON after a conversion. */
+/* The owner of the JSON after a conversion. */
 enum class Owner { CALLER, CONVERSION };
 
 class SampleFrameTest : public testhost::Fixture
@@ -36,7 +36,7 @@ protected:
   static void SetUpTestSuite()
   {
     testelements::install();
-    /* In place of the converter among those. */
+    /* Replaces the converter. */
     testconverter::install();
   }
 
@@ -64,7 +64,7 @@ convert(const std::string &json = JSON, const std::string &producer = "Faces",
   return xml != nullptr ? std::optional<std::string>(xml) : std::nullopt;
 }
 
-/* What is left of a pipeline that was released as it was. */
+/* The objects of a pipeline that was released without a stop. */
 void
 expect_left_pipeline()
 {
@@ -74,19 +74,19 @@ expect_left_pipeline()
 
 } // namespace
 
-TEST_F(SampleFrameTest, ConvertsTheFrameThatHoldsTheJson)
+TEST_F(SampleFrameTest, ConvertsTheFrameWithTheJson)
 {
   EXPECT_EQ(convert(), converted(FRAME));
   EXPECT_EQ(testconverter::take_inputs(), std::vector<Input>({{FRAME, 3, true}}));
 }
 
-TEST_F(SampleFrameTest, PutsTheNameInWithoutEscaping)
+TEST_F(SampleFrameTest, InsertsTheNameWithoutEscapes)
 {
   EXPECT_EQ(convert("1", R"(a"b\c%s</x>)"), converted(R"({"Source":"a"b\c%s</x>","Data":{"Item":[1]}})"));
   EXPECT_EQ(convert("1", ""), converted(R"({"Source":"","Data":{"Item":[1]}})"));
 }
 
-TEST_F(SampleFrameTest, PassesTheJsonOnAsItIs)
+TEST_F(SampleFrameTest, InsertsTheJsonUnchanged)
 {
   EXPECT_EQ(convert("no % JSON \x80"),
             converted("{\"Source\":\"Faces\",\"Data\":{\"Item\":[no % JSON \x80]}}"));
@@ -96,32 +96,32 @@ TEST_F(SampleFrameTest, PassesTheJsonOnAsItIs)
   EXPECT_EQ(convert(big), converted(R"({"Source":"Faces","Data":{"Item":[)" + big + "]}}"));
 }
 
-TEST_F(SampleFrameTest, UsesTheFramesOfTheProducersStreams)
+TEST_F(SampleFrameTest, UsesTheFormatOfStreamFrames)
 {
   g_autofree gchar *start = g_strdup_printf(EXTERNAL_SOURCE_FRAME_START, "Faces");
 
   EXPECT_EQ(std::string(start) + JSON + EXTERNAL_SOURCE_FRAME_END, FRAME);
 }
 
-TEST_F(SampleFrameTest, TakesABufferOfSeveralMemoriesAsOneText)
+TEST_F(SampleFrameTest, ReturnsABufferOfSeveralMemoriesAsOneText)
 {
   testconverter::set_behaviour(Behaviour::IN_PIECES);
   EXPECT_EQ(convert(), converted(FRAME));
 }
 
-TEST_F(SampleFrameTest, TakesTheFirstOfSeveralBuffers)
+TEST_F(SampleFrameTest, ReturnsTheFirstOfSeveralBuffers)
 {
   testconverter::set_behaviour(Behaviour::CONVERT_TWICE);
   EXPECT_EQ(convert(), converted(FRAME));
 }
 
-TEST_F(SampleFrameTest, TakesAnEmptyBufferAsAnEmptyText)
+TEST_F(SampleFrameTest, ReturnsAnEmptyBufferAsAnEmptyText)
 {
   testconverter::set_behaviour(Behaviour::EMPTY);
   EXPECT_EQ(convert(), "");
 }
 
-TEST_F(SampleFrameTest, KeepsAllBytesAndEndsThemWithANul)
+TEST_F(SampleFrameTest, KeepsAllBytesAndAppendsANul)
 {
   testconverter::set_behaviour(Behaviour::BYTES);
   gchar *json = g_strdup(JSON);
@@ -131,7 +131,7 @@ TEST_F(SampleFrameTest, KeepsAllBytesAndEndsThemWithANul)
   EXPECT_EQ(std::string(xml, testconverter::BYTES.size() + 1), testconverter::BYTES + '\0');
 }
 
-TEST_F(SampleFrameTest, NeedsJsonAndAName)
+TEST_F(SampleFrameTest, ChecksItsArguments)
 {
   gchar *json = nullptr;
 
@@ -156,7 +156,7 @@ class MissingElementTest : public SampleFrameTest, public testing::WithParamInte
 {
 };
 
-TEST_P(MissingElementTest, LeavesTheJsonToTheCallerAtOnce)
+TEST_P(MissingElementTest, LeavesTheJsonToTheCallerImmediately)
 {
   const WithoutFactory without(GetParam());
   const gint64 begin_us = g_get_monotonic_time();
@@ -175,7 +175,7 @@ TEST_P(MissingElementTest, LeavesTheJsonToTheCallerWhenItRefusesTheLink)
   EXPECT_EQ(convert(JSON, "Faces", Owner::CALLER), std::nullopt);
 }
 
-TEST_F(SampleFrameTest, TakesTheJsonOverEvenWhenTheFrameIsRefused)
+TEST_F(SampleFrameTest, TakesTheJsonOverAlsoWhenTheFrameIsRefused)
 {
   const ReplacedFactory ended("appsrc", Unusable::HAS_ENDED);
 
@@ -183,7 +183,7 @@ TEST_F(SampleFrameTest, TakesTheJsonOverEvenWhenTheFrameIsRefused)
   EXPECT_EQ(testconverter::take_inputs(), std::vector<Input>());
 }
 
-TEST_F(SampleFrameTest, GivesUpAtOnceWhenTheConverterFails)
+TEST_F(SampleFrameTest, FailsImmediatelyWhenTheConverterFails)
 {
   testconverter::set_behaviour(Behaviour::FAIL);
   const gint64 begin_us = g_get_monotonic_time();
@@ -192,7 +192,7 @@ TEST_F(SampleFrameTest, GivesUpAtOnceWhenTheConverterFails)
   EXPECT_LT(g_get_monotonic_time() - begin_us, SOON_US);
 }
 
-TEST_F(SampleFrameTest, GivesUpAfterItsTimeWhenNothingComes)
+TEST_F(SampleFrameTest, FailsAfterItsTimeWithoutOutput)
 {
   testconverter::set_behaviour(Behaviour::SWALLOW);
   const gint64 begin_us = g_get_monotonic_time();
@@ -201,12 +201,12 @@ TEST_F(SampleFrameTest, GivesUpAfterItsTimeWhenNothingComes)
   const gint64 taken_us = g_get_monotonic_time() - begin_us;
   EXPECT_GE(taken_us, TIMEOUT_US);
   EXPECT_LT(taken_us, TIMEOUT_US + SOON_US);
-  /* And that the pipeline was stopped and released is what every test's end looks for. */
+  /* The fixture checks that the pipeline is stopped and released. */
   EXPECT_FALSE(testconverter::stop_left_pipeline());
 }
 
-/* Anything but that the change of state goes on is a failure, even success, and then the pipeline is left as
- * it is. GStreamer keeps one that has been woken, with its thread and its descriptors. */
+/* Only an asynchronous change of state is accepted. After any other result, even success, the pipeline is not
+ * stopped, and GStreamer keeps one that has started, with its thread and descriptors. */
 class StrictAnswerTest : public SampleFrameTest, public testing::WithParamInterface<Behaviour>
 {
 };
@@ -223,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, StrictAnswerTest,
                          testing::Values(Behaviour::REFUSE_TO_START, Behaviour::LIVE),
                          testing::PrintToStringParamName());
 
-TEST_F(SampleFrameTest, TakesSuccessForAFailureToo)
+TEST_F(SampleFrameTest, TreatsSuccessAsAFailure)
 {
   const ReplacedFactory never_waiting("appsink", Unusable::NEVER_WAITS);
 
@@ -231,7 +231,7 @@ TEST_F(SampleFrameTest, TakesSuccessForAFailureToo)
   expect_left_pipeline();
 }
 
-TEST_F(SampleFrameTest, LeavesNothingOfAPipelineThatCannotBeWoken)
+TEST_F(SampleFrameTest, ReleasesAPipelineThatCannotStart)
 {
   testconverter::set_behaviour(Behaviour::REFUSE_TO_WAKE);
 

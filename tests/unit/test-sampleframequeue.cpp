@@ -54,7 +54,7 @@ set_no_threads(bool none)
   no_threads = none;
 }
 
-/* Lets the converter keep what it gets, as long as this object lives. */
+/* The converter holds its conversions while this object lives. */
 class Hold
 {
 public:
@@ -82,7 +82,7 @@ private:
   }
 };
 
-/* Lets conversions take too long, as long as this object lives. */
+/* Conversions exceed their time while this object lives. */
 class Deadline
 {
 public:
@@ -100,7 +100,7 @@ public:
   Deadline &operator=(const Deadline &) = delete;
 };
 
-/* What becomes of a conversion. */
+/* The result of a conversion. */
 struct Caller {
   SampleFrameConversion *conversion = nullptr;
   unsigned calls = 0;
@@ -153,7 +153,7 @@ protected:
   void TearDown() override
   {
     EXPECT_TRUE(spin_until([] { return count_converting() == 0; }));
-    /* They come back through the main context. */
+    /* Their results arrive in the main context. */
     Caller last;
     last.add("last", "Faces");
     EXPECT_TRUE(spin_until([&last] { return last.calls == 1; }));
@@ -165,7 +165,7 @@ protected:
 
 } // namespace
 
-/* The names are the linker's, and so is the wish that they be visible. */
+/* The linker defines these names and needs them to be visible. */
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -211,7 +211,7 @@ __wrap_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GErr
 }
 #pragma GCC visibility pop
 
-TEST_F(SampleFrameQueueTest, ConvertsOffTheCallersBack)
+TEST_F(SampleFrameQueueTest, ConvertsOnAnotherThread)
 {
   Caller caller;
 
@@ -223,7 +223,7 @@ TEST_F(SampleFrameQueueTest, ConvertsOffTheCallersBack)
   EXPECT_EQ(caller.calls, 1);
 }
 
-TEST_F(SampleFrameQueueTest, TellsThatNothingCameOfIt)
+TEST_F(SampleFrameQueueTest, ReportsAFailedConversion)
 {
   Caller caller;
 
@@ -232,7 +232,7 @@ TEST_F(SampleFrameQueueTest, TellsThatNothingCameOfIt)
   EXPECT_EQ(caller.xml, std::nullopt);
 }
 
-TEST_F(SampleFrameQueueTest, ConvertsAFewAtATimeInTheirOrder)
+TEST_F(SampleFrameQueueTest, LimitsRunningConversionsAndKeepsTheirOrder)
 {
   constexpr gsize COUNT = 5 * SAMPLE_FRAME_QUEUE_MAX_RUNNING;
   std::optional<Hold> hold(std::in_place);
@@ -253,7 +253,7 @@ TEST_F(SampleFrameQueueTest, ConvertsAFewAtATimeInTheirOrder)
   EXPECT_EQ(begun, conversions);
 }
 
-TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledWhileItWaits)
+TEST_F(SampleFrameQueueTest, DropsAQueuedConversionThatIsCancelled)
 {
   std::optional<Hold> hold(std::in_place);
   const Callers callers = add(SAMPLE_FRAME_QUEUE_MAX_RUNNING);
@@ -271,7 +271,7 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledWhileItWaits)
   EXPECT_EQ(std::count(converted.begin(), converted.end(), xml_of("cancelled", "Faces")), 0);
 }
 
-TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledBeforeItsTurn)
+TEST_F(SampleFrameQueueTest, DropsAConversionThatIsCancelledBeforeItStarts)
 {
   Caller cancelled;
 
@@ -281,8 +281,8 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledBeforeItsTurn)
   EXPECT_EQ(cancelled.calls, 0);
 }
 
-/* Its place is taken until it is through. */
-TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledWhileItRuns)
+/* It keeps its place until it ends. */
+TEST_F(SampleFrameQueueTest, IgnoresTheResultOfACancelledConversion)
 {
   std::optional<Hold> hold(std::in_place);
   const Callers cancelled = add(SAMPLE_FRAME_QUEUE_MAX_RUNNING);
@@ -302,7 +302,7 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledWhileItRuns)
   }
 }
 
-TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledAndThenTakesTooLong)
+TEST_F(SampleFrameQueueTest, IgnoresACancelledConversionThatExceedsItsTime)
 {
   std::optional<Hold> hold(std::in_place);
   std::optional<Deadline> deadline(std::in_place);
@@ -316,7 +316,7 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledAndThenTakesTooLong)
   Caller next;
   next.add("next", "Faces");
 
-  /* In the place of one that takes too long. */
+  /* Starts in the place of one that exceeded its time. */
   ASSERT_TRUE(spin_until([] { return count_converting() == SAMPLE_FRAME_QUEUE_MAX_RUNNING + 1; }));
   hold.reset();
   ASSERT_TRUE(spin_until([&next] { return next.calls == 1; }));
@@ -325,7 +325,7 @@ TEST_F(SampleFrameQueueTest, ForgetsWhatIsCancelledAndThenTakesTooLong)
   }
 }
 
-TEST_F(SampleFrameQueueTest, GivesUpWhatTakesTooLong)
+TEST_F(SampleFrameQueueTest, FailsAConversionThatExceedsItsTime)
 {
   std::optional<Hold> hold(std::in_place);
   std::optional<Deadline> deadline(std::in_place);
@@ -341,9 +341,9 @@ TEST_F(SampleFrameQueueTest, GivesUpWhatTakesTooLong)
   EXPECT_TRUE(have_failed(stuck));
 }
 
-/* No more than so many threads are ever stuck; then every conversion fails, and when one returns all is well
- * again. */
-TEST_F(SampleFrameQueueTest, GivesTheConverterUpWhenTooManyTakeTooLong)
+/* At the limit of stuck threads every conversion fails. When one thread returns, conversions succeed again.
+ */
+TEST_F(SampleFrameQueueTest, FailsAllConversionsWhileTooManyAreStuck)
 {
   constexpr gsize COUNT = SAMPLE_FRAME_QUEUE_MAX_STUCK + 20;
   std::optional<Hold> hold(std::in_place);
@@ -369,8 +369,8 @@ TEST_F(SampleFrameQueueTest, GivesTheConverterUpWhenTooManyTakeTooLong)
   EXPECT_LE(converted.size(), SAMPLE_FRAME_QUEUE_MAX_STUCK + 1);
 }
 
-/* An odd one takes the last place, so that one fewer runs than could. */
-TEST_F(SampleFrameQueueTest, HasNeverMoreThreadsThanItMayLose)
+/* The last stuck conversion reduces the number that can run. */
+TEST_F(SampleFrameQueueTest, LimitsItsThreadsToThoseThatCanBeStuck)
 {
   std::optional<Hold> hold(std::in_place);
   {
@@ -405,7 +405,7 @@ TEST_F(SampleFrameQueueTest, WaitsForDescriptors)
       SyslogLines({{LOG_WARNING, "sample frames wait for their conversion: Too few free file descriptors"}}));
 }
 
-/* One conversion's reservation is held until it has ended. */
+/* A conversion holds its reservation until its end. */
 TEST_F(SampleFrameQueueTest, ReservesDescriptorsForEachConversion)
 {
   std::optional<Hold> hold(std::in_place);
@@ -438,8 +438,8 @@ TEST_F(SampleFrameQueueTest, WaitsForThreads)
             SyslogLines({{LOG_WARNING, "sample frames wait for their conversion: No more threads"}}));
 }
 
-/* Each shortage is told of once. */
-TEST_F(SampleFrameQueueTest, TellsOfEveryShortage)
+/* Each shortage is logged once. */
+TEST_F(SampleFrameQueueTest, LogsEachShortage)
 {
   for (unsigned i = 0; i < 2; i++) {
     set_no_threads(true);

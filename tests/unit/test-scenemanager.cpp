@@ -31,7 +31,7 @@ class SceneManagerTest : public testbus::Fixture
 
 } // namespace
 
-TEST_F(SceneManagerTest, AsksForTheNumberOfChannels)
+TEST_F(SceneManagerTest, RequestsTheNumberOfChannels)
 {
   Service manager(SCENE_MANAGER, testbus::reply("(1,)"));
 

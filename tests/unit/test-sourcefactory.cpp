@@ -62,7 +62,7 @@ TEST_F(SourceFactoryTest, HasItsOwnErrorDomain)
   EXPECT_EQ(source_factory_error_quark(), source_factory_error_quark());
 }
 
-TEST_F(SourceFactoryTest, HandsTheCallOnUnchanged)
+TEST_F(SourceFactoryTest, ForwardsTheCallUnchanged)
 {
   GHashTable *seen_params = nullptr;
   GError **seen_error = nullptr;
@@ -89,7 +89,7 @@ TEST_F(SourceFactoryTest, LeavesTheErrorOfAFactoryThatDeclinesUntouched)
   EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(SourceFactoryTest, PassesOnTheErrorOfAFactoryThatFails)
+TEST_F(SourceFactoryTest, ForwardsTheErrorOfAFactoryThatFails)
 {
   g_autoptr(TestFactory) factory = test_factory_new([](GHashTable *, GError **error) {
     source_factory_fail(error, source_factory_error_quark(), "No.");
@@ -116,14 +116,14 @@ TEST_F(SourceFactoryTest, FailSetsAnErrorAndLogsTheSameText)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Value '50%s' of 7."}}));
 }
 
-TEST_F(SourceFactoryTest, FailLogsForACallerThatWantsNoError)
+TEST_F(SourceFactoryTest, FailLogsForACallerWithoutAnError)
 {
-  source_factory_fail(nullptr, source_factory_error_quark(), "Nobody asks.");
+  source_factory_fail(nullptr, source_factory_error_quark(), "No error.");
 
-  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Nobody asks."}}));
+  EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "No error."}}));
 }
 
-TEST_F(SourceFactoryTest, RefusesAValueInTheSameWordsToClientAndLog)
+TEST_F(SourceFactoryTest, RefusesAValueWithTheSameTextInErrorAndLog)
 {
   const GQuark domain = g_quark_from_static_string("another_domain");
   g_autoptr(GError) error = nullptr;
@@ -137,8 +137,8 @@ TEST_F(SourceFactoryTest, RefusesAValueInTheSameWordsToClientAndLog)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Invalid %s: '50%s'."}}));
 }
 
-/* The client is told all of it. */
-TEST_F(SourceFactoryTest, RefusesALongValueWithABoundedLine)
+/* The error has the complete value. */
+TEST_F(SourceFactoryTest, ClipsALongValueInTheLog)
 {
   const std::string longest(LOG_TEXT_MAX_BYTES, 'x');
   g_autoptr(GError) error = nullptr;
@@ -151,7 +151,7 @@ TEST_F(SourceFactoryTest, RefusesALongValueWithABoundedLine)
             (SyslogLines{{LOG_WARNING, "No: '" + longest + "... (2 bytes left out)'."}}));
 }
 
-TEST_F(SourceFactoryTest, RefusesAnyBytesWithALineOfText)
+TEST_F(SourceFactoryTest, EscapesAnyBytesInTheLog)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -162,14 +162,14 @@ TEST_F(SourceFactoryTest, RefusesAnyBytesWithALineOfText)
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, R"(No: 'a\x0a\xff\x1b'.)"}}));
 }
 
-TEST_F(SourceFactoryTest, RefusesAValueForACallerThatWantsNoError)
+TEST_F(SourceFactoryTest, RefusesAValueForACallerWithoutAnError)
 {
   source_factory_refuse_value(nullptr, source_factory_error_quark(), "Invalid", "x");
 
   EXPECT_EQ(testhost::take_syslog(), (SyslogLines{{LOG_WARNING, "Invalid: 'x'."}}));
 }
 
-TEST_F(SourceFactoryTest, LooksUpAParameterWithoutCopyingIt)
+TEST_F(SourceFactoryTest, LooksUpAParameterWithoutACopy)
 {
   gchar value[] = "1";
   g_hash_table_insert(params_, const_cast<gchar *>("event"), value);
@@ -178,7 +178,7 @@ TEST_F(SourceFactoryTest, LooksUpAParameterWithoutCopyingIt)
   EXPECT_EQ(source_factory_lookup_param(params_, "ptz"), nullptr);
 }
 
-TEST_F(SourceFactoryTest, ShowsTheOutputOfTheLastElementAsTheBins)
+TEST_F(SourceFactoryTest, AddsAGhostPadOfTheLastElement)
 {
   g_autoptr(GstElement) bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr)));
   GstElement *last = gst_element_factory_make("identity", nullptr);
@@ -191,7 +191,7 @@ TEST_F(SourceFactoryTest, ShowsTheOutputOfTheLastElementAsTheBins)
   EXPECT_EQ(GST_PAD_PARENT(target), last);
 }
 
-TEST_F(SourceFactoryTest, ShowsNothingOfAnElementWithoutAnOutput)
+TEST_F(SourceFactoryTest, AddsNoGhostPadOfAnElementWithoutASourcePad)
 {
   g_autoptr(GstElement) bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr)));
   GstElement *last = gst_element_factory_make("fakesink", nullptr);

@@ -45,7 +45,7 @@ scan(const std::string &input, const std::vector<gsize> &ends)
   return outcome;
 }
 
-/* What GLib's own line reader makes of the same input. It gives no line of a read with wrong bytes in it. */
+/* The result of GLib's line reader for the same input. It returns no line of a read with invalid bytes. */
 Outcome
 read_lines(const std::string &input)
 {
@@ -131,12 +131,12 @@ const std::vector<Case> CASES = {
 
 } // namespace
 
-TEST_P(SyncScannerTest, CountsInOnePiece)
+TEST_P(SyncScannerTest, CountsInputInOnePiece)
 {
   EXPECT_EQ(scan(GetParam().input, {}), GetParam().outcome);
 }
 
-TEST_P(SyncScannerTest, CountsInTwoPiecesCutAnywhere)
+TEST_P(SyncScannerTest, CountsInputInAnyTwoPieces)
 {
   const std::string &input = GetParam().input;
   const gsize step = std::max<gsize>(input.size() / 64, 1);
@@ -146,7 +146,7 @@ TEST_P(SyncScannerTest, CountsInTwoPiecesCutAnywhere)
   }
 }
 
-TEST_P(SyncScannerTest, CountsByteByByte)
+TEST_P(SyncScannerTest, CountsSingleBytes)
 {
   std::vector<gsize> ends(GetParam().input.size());
 

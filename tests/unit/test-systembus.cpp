@@ -79,7 +79,7 @@ protected:
 
 } // namespace
 
-TEST_F(SystemBusTest, GetsTheSharedConnectionThatSurvivesTheBus)
+TEST_F(SystemBusTest, ReturnsTheSharedConnectionWithoutExitOnClose)
 {
   const Bus bus;
   g_autoptr(GError) error = nullptr;
@@ -109,7 +109,7 @@ TEST_F(SystemBusTest, PreparesAConnectionOnce)
   EXPECT_EQ(filters_added, 2);
 }
 
-TEST_F(SystemBusTest, PreparesAConnectionOnceForThreadsThatComeTogether)
+TEST_F(SystemBusTest, PreparesAConnectionOnceForSimultaneousThreads)
 {
   constexpr int ROUNDS = 20;
   constexpr int THREADS = 4;
@@ -206,7 +206,7 @@ TEST_F(SystemBusTest, CallsAMethod)
                                          "/com/quon/Test/1 com.quon.Test.Interface.Get ()"}));
 }
 
-TEST_F(SystemBusTest, FailsToCallWithoutAnErrorForWhatIsMissingOnTheBus)
+TEST_F(SystemBusTest, FailsWithoutAnErrorIfBusServiceOrReplyIsMissing)
 {
   g_autoptr(GError) error = nullptr;
 
@@ -218,8 +218,8 @@ TEST_F(SystemBusTest, FailsToCallWithoutAnErrorForWhatIsMissingOnTheBus)
   EXPECT_EQ(error, nullptr);
 }
 
-/* An error name from which GDBus makes a GError of the domain and the code in it. */
-TEST_F(SystemBusTest, TakesNoErrorOfAServiceForItsOwn)
+/* GDBus maps this error name to a GError of its domain and code. */
+TEST_F(SystemBusTest, DistinguishesErrorsOfAServiceFromItsOwn)
 {
   const Bus bus;
   const Service service(OBJECT.name, [](GDBusMessage *call) {
@@ -261,7 +261,7 @@ TEST_F(SystemBusTest, EndsACallThatIsCancelled)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
 }
 
-TEST_F(SystemBusTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogether)
+TEST_F(SystemBusTest, LosesNoDescriptorWhenReplyAndCancellationCoincide)
 {
   constexpr SystemBusObject BUS = {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"};
   const Bus bus;
@@ -272,7 +272,7 @@ TEST_F(SystemBusTest, LosesNoDescriptorWhenTheReplyAndTheCancellationComeTogethe
   });
 }
 
-TEST_F(SystemBusTest, FailsToCallWithAnErrorWhileTooFewDescriptorsAreFree)
+TEST_F(SystemBusTest, FailsACallWithAnErrorWhileTooFewDescriptorsAreFree)
 {
   const Bus bus;
   const FreeDescriptors free(DESCRIPTOR_RESERVE_SIZE + SYSTEM_BUS_CALL_DESCRIPTORS - 1);
@@ -282,7 +282,7 @@ TEST_F(SystemBusTest, FailsToCallWithAnErrorWhileTooFewDescriptorsAreFree)
   EXPECT_TRUE(g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES));
 }
 
-TEST_F(SystemBusTest, GetsTheFirstChildOfAnyValue)
+TEST_F(SystemBusTest, ReturnsTheFirstChildOfAnyValue)
 {
   EXPECT_EQ(first_child("(1, 'two')"), "1");
   EXPECT_EQ(first_child("<'boxed'>"), "'boxed'");

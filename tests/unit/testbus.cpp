@@ -19,12 +19,12 @@ namespace
 {
 
 constexpr const char *ADDRESS_VARIABLE = "DBUS_SYSTEM_BUS_ADDRESS";
-/* That of its thread's main context. */
+/* Of this thread's main context. */
 constexpr gsize DESCRIPTORS_THAT_GDBUS_KEEPS = 1;
 
 constexpr std::string_view SOCKET_PLACEHOLDER = "@socket@";
 
-/* Goes with the process. */
+/* Lives as long as the process. */
 class Directory
 {
 public:
@@ -80,7 +80,7 @@ write_configuration()
   return path;
 }
 
-/* The bus goes with the test program, however that ends. */
+/* The kernel ends the bus with the test program. */
 void
 on_child_setup(gpointer)
 {
@@ -100,7 +100,7 @@ connect_to_bus()
   return connection;
 }
 
-/* What the bus itself says. */
+/* Messages of the bus itself. */
 GVariant *
 ask_bus(GDBusConnection *connection, const char *method, GVariant *arguments)
 {
@@ -156,7 +156,7 @@ describe(GDBusMessage *call)
          g_dbus_message_get_member(call) + " " + arguments;
 }
 
-/* A call on its way to the service's thread. */
+/* A call that is passed to the service's thread. */
 struct Call {
   Service *service;
   GDBusConnection *connection;
@@ -173,7 +173,7 @@ free_call(gpointer user_data)
   delete call;
 }
 
-/* Keeps the calling thread busy for so long: the moments of a cancellation are finer than a sleep. */
+/* Keeps the calling thread busy: a sleep is too coarse for the moments of a cancellation. */
 void
 spin_for(gint64 time_us)
 {
@@ -198,7 +198,7 @@ install()
   if (std::exchange(installed, true)) {
     return;
   }
-  /* Tasks bring a thread and a descriptor of their own. */
+  /* A task creates a thread and a descriptor. */
   g_type_ensure(G_TYPE_TASK);
   const gsize before = testhost::open_descriptors().size();
   g_setenv(ADDRESS_VARIABLE, ("unix:path=" + socket_path()).c_str(), TRUE);
@@ -208,7 +208,7 @@ install()
     g_dbus_connection_close_sync(connection, nullptr, nullptr);
   }
 
-  /* What else has been opened is closed by GDBus' thread, in its own time. */
+  /* The thread of GDBus closes all other descriptors later. */
   EXPECT_TRUE(testhost::spin_until([before] {
     return testhost::open_descriptors().size() == before + DESCRIPTORS_THAT_GDBUS_KEEPS;
   })) << "GDBus keeps more or less than expected";
@@ -228,7 +228,7 @@ Bus::Bus()
       on_child_setup, nullptr, &pid_, nullptr, &output, nullptr, &error);
   g_assert_no_error(error);
 
-  /* Printed once the bus listens. */
+  /* The bus prints its address when it listens. */
   char first = '\0';
   EXPECT_EQ(read(output, &first, 1), 1) << "the bus did not start";
   close(output);
@@ -382,8 +382,7 @@ Service::run(const char *name)
   }
 
   g_main_loop_run(loop_);
-  /* Connection and context keep each other as long as the word of the end, or a call before it, is on its
-   * way. */
+  /* Connection and context hold each other until the end, or a call before it, is dispatched. */
   g_dbus_connection_close_sync(connection, nullptr, nullptr);
   while (!closed) {
     g_main_context_iteration(context_, TRUE);
@@ -394,7 +393,7 @@ Service::run(const char *name)
   g_main_context_pop_thread_default(context_);
 }
 
-/* On GDBus' own thread, which every connection of the process shares: nothing may be waited for here. */
+/* On the thread of GDBus, which all connections of the process share: it must not block. */
 GDBusMessage *
 Service::on_message(GDBusConnection *connection, GDBusMessage *message, gboolean incoming, gpointer user_data)
 {
@@ -574,7 +573,7 @@ Peer::listen(const std::string &sender)
   subscription_id_ =
       g_dbus_connection_signal_subscribe(connection_, sender.c_str(), nullptr, nullptr, nullptr, nullptr,
                                          G_DBUS_SIGNAL_FLAGS_NONE, on_signal, this, nullptr);
-  /* The bus knows of it once it has answered something later. */
+  /* The reply to a later call proves that the bus has processed it. */
   has_owner(sender.c_str());
 }
 

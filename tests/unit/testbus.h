@@ -1,8 +1,6 @@
-/* The camera's message bus as the daemon's components need it: a real one of the test program's own, in place
- * of the system's, with services whose answers a test chooses.
+/* A private message bus in place of the system bus, with services whose replies a test selects.
  *
- * Every service answers on a thread of its own, so a test may ask it synchronously, and may let an answer
- * wait.
+ * Each service has a thread, so that a test can make synchronous calls and can delay a reply.
  */
 #pragma once
 
@@ -21,12 +19,11 @@
 namespace testbus
 {
 
-/* Makes this process look for the system's bus where a Bus will be, and nowhere else. Called before a test
- * sets up, so that what GLib keeps once it has talked to a bus does not look as if the test had left it
- * behind. Once in a process is enough. */
+/* Sets the address of the system bus to that of Bus. Called before the first test, so that the objects that
+ * GLib keeps after its first use of a bus do not count as left behind. Once in a process is enough. */
 void install();
 
-/* The bus. One at a time; without it there is none. */
+/* The bus. One at a time; without it the process has no bus. */
 class Bus
 {
 public:
@@ -39,7 +36,7 @@ private:
   GPid pid_ = 0;
 };
 
-/* A test with a bus, which it may take away and bring back. */
+/* A test with a bus, which it can stop and start. */
 class Fixture : public testhost::Fixture
 {
 protected:
@@ -50,40 +47,40 @@ protected:
   std::optional<Bus> bus_;
 };
 
-/* Makes a reply to a call, without sending it, or none, when the test sends one later. Called on the
- * service's thread. */
+/* Makes a reply to a call without sending it, or NULL when the test sends one later. Called on the service's
+ * thread. */
 using Answer = std::function<GDBusMessage *(GDBusMessage *call)>;
 
 /* A reply with a body in GVariant's text format, which is a tuple: "(<uint32 90>,)". */
 Answer reply(const std::string &body);
 
-/* A failure with a D-Bus error of the tests' own. */
+/* A failure with a D-Bus error of the tests. */
 Answer refuse();
 
-/* A name on the bus that answers every call in the same way, whatever its object, interface and arguments. */
+/* A name on the bus with the same reply to every call of any object, interface and arguments. */
 class Service
 {
 public:
   Service(const char *name, Answer answer);
 
-  /* A call that still waits for its answer gets none from the service, but the bus' word that it is gone. */
+  /* The bus replies to pending calls that the service is gone. */
   ~Service();
   Service(const Service &) = delete;
   Service &operator=(const Service &) = delete;
 
   void set_answer(Answer answer);
 
-  /* Sends a reply or a signal of the service's. The bus may be gone by then. */
+  /* Sends a reply or a signal. The bus can be gone already. */
   void send(GDBusMessage *message);
 
-  /* Gives the name up and takes it again, without leaving the bus. */
+  /* Releases the name and requests it again, without leaving the bus. */
   void take_name_again(const char *name);
 
   /* The calls since the last call of this, in order, each as "object interface.method arguments". */
   std::vector<std::string> take_calls();
   gsize calls_size();
 
-  /* Lets every call wait for its answer from now on, or no longer. */
+  /* Whether calls get no reply. */
   void set_slow(bool slow);
 
 private:
@@ -111,11 +108,11 @@ private:
 /* A call of the code under test that waits for its reply. NULL when it is cancelled first. */
 using CancellableCall = std::function<GVariant *(GCancellable *cancellable)>;
 
-/* Calls many times, and cancels each call from another thread at another moment between its begin and long
- * after its reply. Some calls must get their reply and some must not; none may leave a descriptor open. */
+/* Makes many calls and cancels each from another thread, at moments from its start to long after its reply.
+ * Some calls must get their reply, some must not, and none may leave a descriptor open. */
 void expect_no_loss_when_cancelled(const CancellableCall &call);
 
-/* Somebody on the bus who asks the code under test, in the default main context, where that answers. */
+/* A connection that calls the code under test, which replies in the default main context. */
 class Peer
 {
 public:
@@ -126,21 +123,21 @@ public:
 
   GDBusConnection *connection() const;
 
-  /* Closes the connection, and waits until everybody has been told. */
+  /* Closes the connection and waits until its "closed" signal is emitted. */
   void close();
 
-  /* The connection's own name, which the bus chose. */
+  /* The unique name of the connection. */
   std::string name() const;
 
   void own(const char *name) const;
   void release(const char *name) const;
   bool has_owner(const char *name) const;
 
-  /* What becomes of a call: the reply's body in GVariant's text format, or the name of the D-Bus error, ": "
-   * and its text; nothing yet. */
+  /* The result of a call, if it has ended: the reply's body in GVariant's text format, or the name of the
+   * D-Bus error, ": " and its text. */
   using Outcome = std::shared_ptr<std::optional<std::string>>;
 
-  /* What is asked of whom. The arguments are a tuple, of which this takes a floating reference. */
+  /* A call. The arguments are a tuple, of which this takes a floating reference. */
   struct Call {
     std::string destination;
     std::string path;
@@ -152,7 +149,7 @@ public:
   Outcome start(const Call &call) const;
   std::string call(const Call &call) const;
 
-  /* Notes the signals of this sender from now on, each as "object interface.signal arguments". */
+  /* Records the signals of this sender from now on, each as "object interface.signal arguments". */
   void listen(const std::string &sender);
   std::vector<std::string> take_signals();
 

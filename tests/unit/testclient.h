@@ -1,5 +1,5 @@
-/* The other end of a connection: what a client sends, and what it is sent. Nothing here blocks; what has to
- * be waited for is waited for in the default main context, within a bound.
+/* The client's end of a connection. No function blocks; those that wait run the default main context, within
+ * a bound.
  */
 #pragma once
 
@@ -19,38 +19,37 @@ public:
   /* A client of a server that listens at @path. */
   static Client connect_to(const std::string &path);
 
-  /* A client whose server's end is @server_end, which is the caller's. */
+  /* A client whose server's end is @server_end, which the caller owns. */
   static Client connect_pair(int *server_end);
 
   /* FALSE when the server's end is closed. */
   bool send(const std::string &bytes);
 
-  /* As much of @bytes as goes without waiting, with the flags of send(). */
+  /* Sends as much of @bytes as fits, with the flags of send(). */
   gsize send_some(const std::string &bytes, int flags = 0);
 
-  /* Sends until the server's end takes no more for good, and waits for room meanwhile. The error's number.
-   * Any thread. */
+  /* Sends, and waits for room, until the server's end fails. Returns the error number. */
   int send_until_refused();
 
-  /* Ends what the client sends; it goes on reading. */
+  /* Shuts the connection down for writing. */
   void half_close();
   void hang_up();
 
-  /* How many bytes nobody has read at the server's end. */
+  /* The number of unread bytes at the server's end. */
   gsize unread();
 
   /* All bytes received so far. */
   const std::string &received();
 
-  /* Whether the server's end is closed and all that it sent was received. An error in place of the end fails
+  /* TRUE when the server's end is closed and everything that it sent is received. An error fails
    * the test. */
   bool ended();
 
-  /* Whether an error came in place of the end: the server's end was closed with something unread, or was
-   * never accepted. */
+  /* TRUE after an error instead of the end: the server closed its end with unread bytes, or never accepted
+   * it. */
   bool was_reset();
 
-  /* Waits for a NUL and gives what stands before it. */
+  /* Waits for a NUL and returns the text before it. */
   std::string wait_for_reply();
 
   bool wait_for_bytes(gsize count);

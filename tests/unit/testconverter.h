@@ -1,5 +1,4 @@
-/* The platform's converter of producers' data, "json2xml", as a test wants it to behave. Registered in this
- * process.
+/* A stand-in for the platform's converter "json2xml" with selectable behaviour, registered in this process.
  */
 #pragma once
 
@@ -14,18 +13,18 @@ namespace testconverter
 void install();
 
 enum class Behaviour {
-  CONVERT,         /* XML_START, what came in, XML_END */
-  CONVERT_TWICE,   /* the same in two buffers, the second one with something else */
-  IN_PIECES,       /* the same, each part in a memory of its own */
+  CONVERT,         /* XML_START, the input, XML_END */
+  CONVERT_TWICE,   /* the same, and a second buffer with other content */
+  IN_PIECES,       /* the same in several memories */
   EMPTY,           /* a buffer of no bytes */
-  BYTES,           /* BYTES, which are not all text */
-  BAD_TEXT,        /* as many bytes as came in, none of which is text */
-  SWALLOW,         /* nothing, ever */
-  HOLD,            /* nothing as long as there is a Hold, and then as CONVERT */
+  BYTES,           /* BYTES, not all of them text */
+  BAD_TEXT,        /* as many bytes as the input has, none of them text */
+  SWALLOW,         /* no output */
+  HOLD,            /* nothing while a Hold lives, then like CONVERT */
   FAIL,            /* an error of the stream */
   REFUSE_TO_WAKE,  /* the change of state to READY fails */
   REFUSE_TO_START, /* the change of state to PAUSED fails */
-  LIVE,            /* says in every state that it has no data before it plays */
+  LIVE,            /* reports in every state that it has no data before PLAYING */
 };
 
 constexpr const char *XML_START = "<tt:SampleFrame>";
@@ -34,10 +33,10 @@ inline const std::string BYTES("<a\0b\0>", 6);
 
 std::ostream &operator<<(std::ostream &stream, Behaviour behaviour);
 
-/* What those elements do that are made from now on; CONVERT at first. Any thread. */
+/* The behaviour of new elements; initially CONVERT. Any thread. */
 void set_behaviour(Behaviour behaviour);
 
-/* Keeps what comes to an element that is to HOLD it, as long as this object lives. There is one at a time. */
+/* Holds the buffers of elements with HOLD while this object lives. There is one at a time. */
 class Hold
 {
 public:
@@ -46,18 +45,18 @@ public:
   Hold(const Hold &) = delete;
   Hold &operator=(const Hold &) = delete;
 
-  /* How many buffers wait, at this moment and at most until now. */
+  /* The number of held buffers, now and at most until now. */
   unsigned waiting() const;
   unsigned most_waiting() const;
 };
 
-/* Stops the pipeline of the element that was made last. FALSE when the pipeline is gone. */
+/* Stops the pipeline of the newest element. FALSE when the pipeline is gone. */
 bool stop_left_pipeline();
 
-/* The text that CONVERT makes of this one. */
+/* The output of CONVERT for this input. */
 std::string converted(const std::string &text);
 
-/* What an element was given. */
+/* The input of an element. */
 struct Input {
   std::string text;
   unsigned memories;
@@ -68,7 +67,7 @@ struct Input {
 
 std::ostream &operator<<(std::ostream &stream, const Input &input);
 
-/* Everything since the last call, in order. Any thread. */
+/* All inputs since the last call, in order. Any thread. */
 std::vector<Input> take_inputs();
 
 } // namespace testconverter

@@ -1,4 +1,4 @@
-/* Producers of the tests, and what they say of themselves. */
+/* Producers of the tests and their properties. */
 #pragma once
 
 #include "analyticsproducer.h"
@@ -16,7 +16,7 @@ AnalyticsProducer *make_producer(const std::string &name, const Channels &channe
 
 std::string text_property(AnalyticsProducer *producer, const char *name);
 
-/* What a producer says of one channel: its name in brackets, or "disabled". */
+/* The state of a channel: its name in brackets, or "disabled". */
 std::string state(AnalyticsProducer *producer, guint32 channel);
 
 guint references(gpointer object);

@@ -1,6 +1,4 @@
-/* The platform's metadata receiver on the private bus, with the objects, the properties and the replies that
- * a test wants it to have.
- */
+/* The platform's metadata receiver on the private bus, with selectable objects, properties and replies. */
 #pragma once
 
 #include "testbus.h"
@@ -15,7 +13,7 @@
 namespace testreceiver
 {
 
-/* What the receiver says of one of its objects. */
+/* An object of the receiver and its replies. */
 struct Object {
   std::string interfaces; /* a{sa{sv}} in GVariant's text format */
   testbus::Answer sample_frame;
@@ -25,51 +23,51 @@ struct Object {
 /* The interface of a producer with these properties, a{sv} in GVariant's text format. */
 std::string with_properties(const std::string &properties);
 
-/* A producer of the channels 1 and 2 that answers as it should. */
+/* A producer of the channels 1 and 2 with correct replies. */
 Object producer(const std::string &name);
 
-/* A reply with these descriptors, which stay the caller's, and a body that is a tuple. */
+/* A reply with these descriptors, which the caller keeps, and a body that is a tuple. */
 testbus::Answer reply_with_fds(const std::string &body, const std::vector<int> &fds);
 
 class Receiver
 {
 public:
-  /* On the bus from here on. */
+  /* Puts the receiver on the bus. */
   Receiver();
   ~Receiver();
   Receiver(const Receiver &) = delete;
   Receiver &operator=(const Receiver &) = delete;
 
-  /* Adds an object of this name below the root, and tells, when on the bus. */
+  /* Adds an object of this name below the root. On the bus, it sends the signal. */
   void add(const std::string &element, Object object);
   void add(const std::string &name);
   void remove(const std::string &element);
 
-  /* Takes an object's interface away, but not the object. */
+  /* Removes an interface of an object, but not the object. */
   void remove_interface(const std::string &element, const std::string &interface);
 
-  /* Sends a signal whose body is a tuple in GVariant's text format; to everybody who listens, or to one
-   * connection whether it listens or not. */
+  /* Sends a signal whose body is a tuple in GVariant's text format, to all subscribers or to one connection.
+   */
   void emit(const std::string &path, const char *interface, const char *signal, const std::string &body,
             const char *destination = nullptr);
 
-  /* What answers GetManagedObjects in place of the objects, until it is empty. */
+  /* Replies to GetManagedObjects in place of the objects, unless it is empty. */
   void set_managed_objects(testbus::Answer answer);
 
-  /* Leaves the bus and takes its objects along. */
+  /* Leaves the bus and removes all objects. */
   void leave();
   void come_back();
 
-  /* The same without leaving the bus: calls that wait can still be answered. */
+  /* The same without leaving the bus, so that pending calls can still get a reply. */
   void come_back_at_once();
 
-  /* An answer that waits for a release. */
+  /* An answer that holds calls until their release. */
   testbus::Answer hold();
 
-  /* How many wait. */
+  /* The number of held calls. */
   gsize held();
 
-  /* Sends an answer to all calls that wait; those who called may have gone. */
+  /* Sends this answer to all held calls; the callers can have left the bus. */
   void release_held(const testbus::Answer &answer);
 
   /* The calls of producers' methods since the last call of this, in order, each as "element method
@@ -92,7 +90,7 @@ private:
   std::optional<testbus::Service> service_;
 };
 
-/* A receiver on a bus of its own, and the daemon's connection to that bus. */
+/* A receiver on a private bus, and the daemon's connection to that bus. */
 class Fixture : public testhost::Fixture
 {
 protected:
@@ -100,7 +98,7 @@ protected:
 
   void SetUp() override;
 
-  /* The connection goes with the bus, and all that waits for a reply with the connection. */
+  /* The end of the bus closes the connection and ends all pending calls. */
   void TearDown() override;
 
   /* Adds a producer with this answer to requests for its stream. */

@@ -1,4 +1,4 @@
-/* A producer's end of a stream: what it sends, message by message or byte by byte. */
+/* A producer's end of a stream, which sends messages or single bytes. */
 #pragma once
 
 #include <glib.h>
@@ -7,17 +7,17 @@
 namespace teststream
 {
 
-/* A FIFO is what a pipe is once it has been opened by a path. */
+/* A FIFO is a pipe that is opened by its path. */
 enum class Carrier { PIPE, FIFO, SOCKET };
 enum class Mode { BLOCKING, NON_BLOCKING };
 
 /* A length before a payload. */
 std::string message(const std::string &payload);
 
-/* The frame that comes of it. */
+/* The frame of this message. */
 std::string frame(const std::string &source_name, const std::string &payload);
 
-/* Opens the file of a descriptor once more, with an open file description of its own. */
+/* Opens the file of a descriptor again, with a new open file description. */
 int reopen(int fd, int flags);
 
 class Producer
@@ -28,15 +28,15 @@ public:
   Producer(const Producer &) = delete;
   Producer &operator=(const Producer &) = delete;
 
-  /* All of @bytes, which have to fit. Any thread. */
+  /* Sends all of @bytes, which must fit. Any thread. */
   void send(const std::string &bytes) const;
 
-  /* As much of @bytes as goes without waiting. Any thread. */
+  /* Sends as much of @bytes as fits. Any thread. */
   gsize send_some(const char *bytes, gsize count) const;
 
   void hang_up();
 
-  /* The consumer's end, which is closed by whoever takes it. */
+  /* The consumer's end, which the code under test closes. */
   int consumer_fd = -1;
 
 private:

@@ -4,8 +4,8 @@
 #include <ostream>
 #include <string>
 
-/* A text from an untrusted client as a test's parameter: any bytes in any number, so that reports show only
- * an escaped beginning. */
+/* A text of an untrusted client as a parameter of a test. It can have any bytes and any length, so reports
+ * show only its escaped beginning. */
 struct HostileText {
   std::string text;
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-/* One event as a receiver reads it out of XML. */
+/* An event that was read from XML. */
 struct ReadEvent {
   std::string topic;
   std::string operation; /* empty for an event that is no property */
@@ -15,7 +15,7 @@ struct ReadEvent {
   bool operator==(const ReadEvent &) const = default;
 };
 
-/* One status of a PTZ head as a receiver reads it out of XML; what is not there is empty. */
+/* A status of a PTZ head that was read from XML. Missing parts are empty. */
 struct ReadPtzStatus {
   std::string pan;
   std::string tilt;

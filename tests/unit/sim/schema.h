@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
-/* Whether the environment variable ONVIF_SCHEMA_DIR names the official schemas. */
+/* TRUE when the environment variable ONVIF_SCHEMA_DIR names the official schemas. */
 bool have_onvif_schemas();
 
-/* Whether the schemas allow a document with nothing but this child of tt:MetadataStream. */
+/* TRUE when the schemas allow a document with only this child of tt:MetadataStream. */
 testing::AssertionResult is_valid_fragment(const std::string &fragment);

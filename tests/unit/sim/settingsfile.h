@@ -2,7 +2,7 @@
 
 #include <string>
 
-/* A settings file that the simulated camera reads for as long as this object lives. */
+/* A settings file that the simulated camera reads while this object lives. */
 class SettingsFile
 {
 public:

@@ -5,17 +5,17 @@
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(GstHarness, gst_harness_teardown)
 
-/* A live source by itself, and what it produces. */
+/* Harnesses of live sources and checks of their output. */
 GstHarness *play(GstElement *element);
 GstHarness *play_with_caps(GstElement *element, const std::string &caps);
 std::string pull_text(GstHarness *harness);
 void drop_queued(GstHarness *harness);
 
-/* Whether it takes no custom event but the one that it knows. */
+/* The source refuses custom events other than the sync point. */
 void expect_other_event_refused(GstHarness *harness);
 
-/* Whether its stream begins as every live source's: at least one buffer has been pulled. */
+/* The stream has the sticky events of a live source. Called after the first buffer. */
 void expect_sticky_events_in_order(GstHarness *harness);
 
-/* Whether it is live, and so many buffers have timestamps that never go back. */
+/* The source is live, and the timestamps of this number of buffers never decrease. */
 void expect_live_with_timestamps(GstHarness *harness, int buffers);

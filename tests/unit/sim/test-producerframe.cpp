@@ -59,7 +59,7 @@ protected:
     return frame.value_or(ProducerFrame());
   }
 
-  /* What there is without the part that is wrong. */
+  /* The result without the invalid part. */
   static ProducerFrame read_flawed(const std::string &text, const char *flaw)
   {
     ProducerFlaws flaws;

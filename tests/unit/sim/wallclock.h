@@ -2,8 +2,8 @@
 
 #include <glib.h>
 
-/* Sets the wall clock that the program and its plug-ins see, relative to the real one, in microseconds. */
+/* Sets the wall clock of the program and its plug-ins, in microseconds relative to the real one. */
 void set_wall_clock_offset(gint64 offset);
 
-/* Sets it after that many more reads, as another process may between any two reads. */
+/* Sets it after this number of further reads, like another process between two reads. */
 void set_wall_clock_offset_after(int reads, gint64 offset);
