@@ -23,7 +23,7 @@ namespace
 {
 
 std::mutex lock;
-/* Each with how many calls come before the one that fails. */
+/* The values are how many calls succeed before the one that fails. */
 std::map<faults::Call, unsigned> failing_calls;
 std::map<int, unsigned> failing_closes;
 std::set<std::string> failing_signals;
@@ -47,7 +47,7 @@ struct TimeOut {
   guint seconds;
 };
 
-/* Nothing while seconds have their length. */
+/* Empty while seconds are not shortened. */
 std::optional<std::vector<TimeOut>> short_time_outs;
 
 template <typename Key>
@@ -336,7 +336,7 @@ ShortSeconds::count() const
 
 } // namespace faults
 
-/* The names are the linker's, and so is the wish that they be visible. */
+/* The linker requires these names and that they are visible. */
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -348,10 +348,10 @@ int __real_fsync(int fd);
 int __wrap_fsync(int fd);
 int __real_listen(int fd, int backlog);
 int __wrap_listen(int fd, int backlog);
-/* What open() is called where files may be large. */
+/* The name of open() with 64-bit offsets. */
 int __real_open64(const char *path, int flags, ...);
 int __wrap_open64(const char *path, int flags, ...);
-/* What preadv2() is called where files may be large. */
+/* The name of preadv2() with 64-bit offsets. */
 ssize_t __real_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags);
 ssize_t __wrap_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags);
 ssize_t __real_recv(int fd, void *buf, size_t count, int flags);

@@ -1,6 +1,6 @@
-/* Failures of the system and of the libraries that cannot be brought about from outside. The linker puts the
- * functions of this file before the real ones (see the "--wrap" arguments in the build), for calls from the
- * daemon's components and from the tests, and not for those from libraries.
+/* Injected faults: failures of the system and of libraries that a test cannot cause from outside. The linker
+ * replaces the functions (the "--wrap" arguments in meson.build) in the daemon's components and in the tests,
+ * but not in libraries.
  */
 #pragma once
 
@@ -27,20 +27,17 @@ enum class Call {
   TRY_MALLOC0,
 };
 
-/* Makes the next such call fail, behind so many that do not. */
+/* Makes the next call fail after @skipped calls. */
 void fail_next(Call call, unsigned skipped = 0);
 
-/* Makes the next close of this descriptor, behind so many that do not fail, close it and report a failure
- * with EIO. */
+/* Makes the next close of @fd after @skipped ones close it and report EIO. */
 void fail_close_of(int fd, unsigned skipped = 0);
 
-/* Counts the calls of accept4(), and makes them all fail, as long as this object lives. There is one at a
- * time.
- */
+/* Counts the calls of accept4(), and makes all of them fail, while this object lives. Only one may exist. */
 class Accepts
 {
 public:
-  /* With 0 the calls are only counted. */
+  /* 0 counts the calls only. */
   explicit Accepts(int error_number);
   ~Accepts();
   Accepts(const Accepts &) = delete;
@@ -52,32 +49,31 @@ public:
 /* Makes the next connection to this signal fail. */
 void fail_next_connection_to(const std::string &signal);
 
-/* Begins to keep the calls that make up a durable save, each as its name and what it was given, and the
- * replies to calls on the bus. */
+/* Starts to record the calls of a durable save and the replies to calls on the bus, each as "NAME ARGUMENT".
+ */
 void keep_file_calls();
 
-/* Those that were kept, in order, and an end to it. */
+/* Stops recording and takes the records, in order. */
 std::vector<std::string> take_file_calls();
 
-/* How many were kept until now. */
 gsize file_calls_size();
 
-/* How many calls have read from a descriptor so far, but for read() itself. */
+/* The number of calls that have read from a descriptor, without read() itself. */
 unsigned read_call_count();
 
-/* Gives every request only a part of its time, as long as this is not 1. */
+/* Divides the time limit of each request. */
 void divide_request_time(unsigned divisor);
 
-/* Called once, on the calling thread, right after a pipeline's bus got its next watch. */
+/* Runs @hook once, on the calling thread, after the next watch of a pipeline's bus is installed. */
 void after_next_bus_watch(std::function<void()> hook);
 
-/* Called once, on the thread that sets it, right after that thread's next g_mutex_unlock(). */
+/* Runs @hook once, on the thread that sets it, after that thread's next g_mutex_unlock(). */
 void after_next_unlock(std::function<void()> hook);
 
-/* Called once, on the calling thread, before the next fsync(). */
+/* Runs @hook once, on the calling thread, before the next fsync(). */
 void before_next_fsync(std::function<void()> hook);
 
-/* Holds the thread that makes the next call of fsync(), before it does, until this object lets it go or ends.
+/* Blocks the thread that calls fsync() next, before the call, until this object releases it or is destroyed.
  */
 class HeldSync
 {
@@ -87,10 +83,10 @@ public:
   HeldSync(const HeldSync &) = delete;
   HeldSync &operator=(const HeldSync &) = delete;
 
-  /* Whether the thread is there. */
+  /* Whether the thread is blocked. */
   bool is_holding() const;
 
-  /* Waits for it, and dispatches nothing. FALSE when it does not come within the bound. */
+  /* Waits until the thread is blocked, and dispatches nothing. FALSE after SPIN_LIMIT_US. */
   bool wait() const;
 
   void release();
@@ -100,32 +96,30 @@ private:
   std::shared_ptr<State> state_;
 };
 
-/* Called once, on the calling thread, right after the next flush of a channel. */
+/* Runs @hook once, on the calling thread, after the next flush of a channel. */
 void after_next_flush(std::function<void()> hook);
 
-/* Called on the reading thread after every read of a channel that found nothing, until it is set to nothing.
+/* Runs @hook on the reading thread after each read of a channel that finds no data, until it is set to null.
  */
 void after_empty_reads(std::function<void()> hook);
 
-/* Stands in for the clock and for every rest that a thread takes with g_cond_wait_until(), as long as this
- * object lives. The clock stands still but for the time that the thread which looks at it has rested and
- * spent. There is one at a time.
+/* Replaces the clock and each wait in g_cond_wait_until() while this object lives. For each thread the clock
+ * advances only by the time that the thread has waited and spent. Only one may exist.
  */
 class Rests
 {
 public:
-  /* Called on the resting thread with the length in microseconds, in place of the wait. */
+  /* @rest is called on the waiting thread with the length of the wait, in its place. */
   explicit Rests(std::function<void(gint64 us)> rest);
   ~Rests();
   Rests(const Rests &) = delete;
   Rests &operator=(const Rests &) = delete;
 
-  /* Lets time pass for the calling thread. */
+  /* Advances the clock of the calling thread. */
   static void spend(gint64 us);
 };
 
-/* Takes the end off every rest that a thread takes with g_cond_wait_until(), as long as this object lives:
- * only another thread can end it. There is one at a time. */
+/* Removes the time limit of each g_cond_wait_until() while this object lives. Only one may exist. */
 class EndlessRests
 {
 public:
@@ -135,9 +129,7 @@ public:
   EndlessRests &operator=(const EndlessRests &) = delete;
 };
 
-/* Makes the seconds of every time-out that begins milliseconds, as long as this object lives. There is one at
- * a time.
- */
+/* Makes each second of g_timeout_add_seconds() a millisecond while this object lives. Only one may exist. */
 class ShortSeconds
 {
 public:
@@ -146,10 +138,10 @@ public:
   ShortSeconds(const ShortSeconds &) = delete;
   ShortSeconds &operator=(const ShortSeconds &) = delete;
 
-  /* The lengths in seconds of all time-outs that began. */
+  /* The lengths in seconds of all timeouts that were added. */
   std::vector<unsigned> begun() const;
 
-  /* How many of them have not ended. */
+  /* How many of them are still there. */
   unsigned count() const;
 };
 
