@@ -19,8 +19,8 @@ namespace
 
 const Texts NOTHING;
 
-/* What a reader finds: the bytes of a piece, and behind them either nothing for the moment or, when the piece
- * is one of several that come while it reads, the next one. */
+/* Bytes that arrive together. The read after them finds no data if they are the last piece; otherwise the
+ * next piece arrives in time for it. */
 struct Piece {
   std::string bytes;
   bool is_last = true;
@@ -40,7 +40,7 @@ protected:
     message_cutter_set_keeps_pieces(cutter, TRUE);
   }
 
-  /* Reads as much of the front of @bytes as there is space for. */
+  /* Moves as many bytes from the front of @bytes into the cutter as it has space for. */
   void read_some(std::string *bytes, gsize limit = G_MAXSIZE) const
   {
     gsize size = 0;
@@ -52,8 +52,7 @@ protected:
     message_cutter_add(cutter, count);
   }
 
-  /* Does one step of what the state asks for. The frames of the messages that it completes come to @frames.
-   */
+  /* Does what the state requires. Appends the frame of a complete message to @frames. */
   void step(std::string *bytes, Texts *frames, gsize limit) const
   {
     if (message_cutter_get_state(cutter) == MESSAGE_CUTTER_NEEDS_FRAME) {
@@ -69,7 +68,7 @@ protected:
     }
   }
 
-  /* What a reader delivers that reads @pieces, and @limit bytes of a payload at a time at most. */
+  /* The frames of @pieces, read with at most @limit bytes of a payload at a time. */
   Texts cut(const std::vector<Piece> &pieces, gsize limit = G_MAXSIZE) const
   {
     Texts frames;
@@ -88,7 +87,7 @@ protected:
   MessageCutter *cutter = message_cutter_new("<", ">");
 };
 
-/* @text, a byte to a piece. */
+/* @text as pieces of one byte. */
 std::vector<Piece>
 single_bytes(const std::string &text)
 {
@@ -118,7 +117,7 @@ TEST_F(MessageCutterTest, GivesNoFrameForALengthOfZero)
   EXPECT_EQ(cut({{message("") + message("next")}}), (Texts{"none", "<next>"}));
 }
 
-TEST_F(MessageCutterTest, TakesFrameTextsOfAnyLength)
+TEST_F(MessageCutterTest, AcceptsFrameTextsOfAnyLength)
 {
   g_clear_pointer(&cutter, message_cutter_free);
   cutter = message_cutter_new("", "");
@@ -129,7 +128,7 @@ TEST_F(MessageCutterTest, TakesFrameTextsOfAnyLength)
   EXPECT_EQ(cut({{message("x")}}), (Texts{"before x behind"}));
 }
 
-TEST_F(MessageCutterTest, TellsWhatItExpects)
+TEST_F(MessageCutterTest, ReportsItsState)
 {
   std::string bytes = message("payload");
   std::string rest = bytes.substr(2);
@@ -159,7 +158,7 @@ TEST_F(MessageCutterTest, TellsWhatItExpects)
   EXPECT_FALSE(message_cutter_has_begun(cutter));
 }
 
-TEST_F(MessageCutterTest, AsksForTheLengthInFullAndForNoMoreOfThePayloadThanTheLimit)
+TEST_F(MessageCutterTest, LimitsTheSpaceForAPayloadButNotForALength)
 {
   std::string bytes = message("0123456789");
   gsize size = 0;
@@ -174,7 +173,7 @@ TEST_F(MessageCutterTest, AsksForTheLengthInFullAndForNoMoreOfThePayloadThanTheL
   EXPECT_EQ(size, 10U);
 }
 
-TEST_F(MessageCutterTest, ReadsAPayloadToItsPlaceInTheFrame)
+TEST_F(MessageCutterTest, ReadsAPayloadIntoItsFrame)
 {
   std::string bytes = message("0123456789");
   gsize size = 0;
@@ -191,12 +190,11 @@ TEST_F(MessageCutterTest, LimitsDoNotChangeAMessage)
 {
   const std::string text = message("0123456789") + message("next");
 
-  for (const gsize limit : {1, 2, 3, 9, 10, 11}) {
-    EXPECT_EQ(cut({{text}}, limit), (Texts{"<0123456789>", "<next>"})) << limit;
-  }
-  keep_pieces();
-  for (const gsize limit : {1, 2, 3, 9, 10, 11}) {
-    EXPECT_EQ(cut({{text}}, limit), (Texts{"<0123456789>", "<next>"})) << limit;
+  for (const bool keeps_pieces : {false, true}) {
+    message_cutter_set_keeps_pieces(cutter, keeps_pieces);
+    for (const gsize limit : {1, 2, 3, 9, 10, 11}) {
+      EXPECT_EQ(cut({{text}}, limit), (Texts{"<0123456789>", "<next>"})) << limit;
+    }
   }
 }
 
@@ -212,21 +210,21 @@ TEST_F(MessageCutterTest, KeepsPiecesCutAnywhere)
   EXPECT_EQ(cut(single_bytes(text)), (Texts{"<payload>", "<next>"}));
 }
 
-TEST_F(MessageCutterTest, DiscardsAPayloadThatIsNotAllThere)
+TEST_F(MessageCutterTest, DiscardsAnIncompletePayload)
 {
   EXPECT_EQ(cut({{message("payload").substr(0, 7)}, {message("next")}}), (Texts{"<next>"}));
   EXPECT_EQ(cut({{message("payload").substr(0, 4)}, {message("next")}}), (Texts{"<next>"}));
   EXPECT_FALSE(message_cutter_has_begun(cutter));
 }
 
-TEST_F(MessageCutterTest, TakesAShortLengthAsItIs)
+TEST_F(MessageCutterTest, TakesAShortLengthAsComplete)
 {
   EXPECT_EQ(cut({{"\4", false}, {"next"}}), (Texts{"<next>"}));
   EXPECT_EQ(cut({{"\4\0"s, false}, {"next"}}), (Texts{"<next>"}));
   EXPECT_EQ(cut({{std::string(1, '\0')}, {message("next")}}), (Texts{"none", "<next>"}));
 }
 
-TEST_F(MessageCutterTest, JoinsAPayloadInTwoPiecesThatComeWhileItIsRead)
+TEST_F(MessageCutterTest, JoinsAPayloadOfTwoPieces)
 {
   const std::string text = message("0123456789");
 
@@ -236,11 +234,11 @@ TEST_F(MessageCutterTest, JoinsAPayloadInTwoPiecesThatComeWhileItIsRead)
   }
 }
 
-TEST_F(MessageCutterTest, PutsAThirdPieceWhereTheSecondOneAloneWouldEnd)
+TEST_F(MessageCutterTest, StoresAThirdPieceAtTheSizeOfTheSecond)
 {
   const std::string length = message("0123456789").substr(0, sizeof(guint32));
 
-  /* 0123 at 0, 456 at 4, 789 at 3. Zero where none went. */
+  /* 0123 at 0, 456 at 4, 789 at 3, zeros behind them. */
   EXPECT_EQ(cut({{length + "0123", false}, {"456", false}, {"789"}}), (Texts{"<0127896\0\0\0>"s}));
   keep_pieces();
   EXPECT_EQ(cut({{length + "0123", false}, {"456", false}, {"789"}}), (Texts{"<0123456789>"}));
@@ -250,12 +248,11 @@ TEST_F(MessageCutterTest, CountsAReadAsShortOnlyWhenLessCameThanWasAskedFor)
 {
   const std::string length = message("0123456789").substr(0, sizeof(guint32));
 
-  /* With this limit the first piece is two full reads. So only the second one ends short, 7 bytes behind the
-   * begin. */
+  /* With this limit the first piece is two full reads, and only the second one ends in a short read, at 7. */
   EXPECT_EQ(cut({{length + "0123", false}, {"456", false}, {"789"}}, 2), (Texts{"<0123456789>"}));
 }
 
-TEST_F(MessageCutterTest, DiscardsWhatHasBegun)
+TEST_F(MessageCutterTest, DiscardsABegunMessage)
 {
   std::string bytes = message("payload");
 
@@ -273,7 +270,7 @@ TEST_F(MessageCutterTest, DiscardsWhatHasBegun)
   EXPECT_EQ(cut({{message("next")}}), (Texts{"<next>"}));
 }
 
-TEST_F(MessageCutterTest, MayBeFreedWithinAMessage)
+TEST_F(MessageCutterTest, CanBeFreedDuringAMessage)
 {
   std::string bytes = message("payload");
 
@@ -327,7 +324,7 @@ TEST_F(MessageCutterTest, HasSpaceOnlyWhenItExpectsBytes)
             (Texts{"limit > 0", "state == MESSAGE_CUTTER_LENGTH || state == MESSAGE_CUTTER_PAYLOAD"}));
 }
 
-TEST_F(MessageCutterTest, TakesNoMoreBytesThanThereIsSpaceFor)
+TEST_F(MessageCutterTest, RefusesMoreBytesThanItHasSpaceFor)
 {
   gsize size = 0;
 
