@@ -20,7 +20,7 @@ namespace
 
 constexpr const char *FAILURE = "Failed to connect to metadata-receiver over DBus: ";
 
-/* What the component called. */
+/* The callbacks, in order. */
 Texts calls;
 GWeakRef connection;
 
@@ -102,7 +102,7 @@ TEST_F(ReceiverBusTest, ConnectsWithoutBlocking)
   EXPECT_EQ(calls, Texts({"connected"}));
 }
 
-TEST_F(ReceiverBusTest, DropsAConnectionThatTheBusClosesAndMakesNoOther)
+TEST_F(ReceiverBusTest, DropsAClosedConnectionAndDoesNotReconnect)
 {
   receiver_bus_connect(&FUNCS);
   expect_calls({"connected"});
@@ -117,7 +117,7 @@ TEST_F(ReceiverBusTest, DropsAConnectionThatTheBusClosesAndMakesNoOther)
   expect_calls({"connected", "closed", "connected"});
 }
 
-TEST_F(ReceiverBusTest, RetriesLessAndLessOften)
+TEST_F(ReceiverBusTest, RetriesWithIncreasingIntervals)
 {
   const std::vector<unsigned> waits = {1, 2, 4, 8, 16, 32, 60, 60};
   ASSERT_EQ(waits.front(), RECEIVER_WATCH_FIRST_RETRY_S);
@@ -146,7 +146,7 @@ TEST_F(ReceiverBusTest, RetriesUntilThereIsABus)
   expect_calls({"connected"});
 }
 
-TEST_F(ReceiverBusTest, CallsNothingForAnAttemptThatWasGivenUp)
+TEST_F(ReceiverBusTest, CallsNothingForACancelledAttempt)
 {
   receiver_bus_connect(&FUNCS);
   receiver_bus_disconnect();
@@ -161,7 +161,7 @@ TEST_F(ReceiverBusTest, CallsNothingForAnAttemptThatWasGivenUp)
   EXPECT_EQ(calls, Texts({"connected"}));
 }
 
-TEST_F(ReceiverBusTest, DropsARetryThatWaits)
+TEST_F(ReceiverBusTest, CancelsAPendingRetry)
 {
   const faults::ShortSeconds seconds;
   {

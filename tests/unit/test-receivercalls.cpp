@@ -22,7 +22,7 @@ namespace
 constexpr const char *ROOT = "/com/quon/MetadataReceiver1/Producers/";
 constexpr guint LONG_MS = 60000;
 
-/* Somebody who makes a call. */
+/* The user data of a call. */
 struct Caller {
   GCancellable *cancellable = g_cancellable_new();
   unsigned ends = 0;
@@ -36,6 +36,11 @@ struct Caller {
   ~Caller()
   {
     g_object_unref(cancellable);
+  }
+
+  bool wait_until_freed() const
+  {
+    return spin_until([this] { return frees > 0; });
   }
 
   static void on_end(GVariant *reply, GUnixFDList *, const GError *error, gpointer user_data)
@@ -73,6 +78,16 @@ protected:
 
     receiver_call(&call, Caller::on_end, caller, Caller::on_free);
   }
+
+  bool wait_until_held(gsize count)
+  {
+    return spin_until([&] { return receiver_->held() == count; });
+  }
+
+  static bool wait_until_freed(const std::vector<Caller> &callers)
+  {
+    return std::ranges::all_of(callers, [](const Caller &caller) { return caller.wait_until_freed(); });
+  }
 };
 
 testbus::Answer
@@ -86,14 +101,14 @@ refuse_as_beyond_limits()
 
 } // namespace
 
-TEST_F(ReceiverCallsTest, PassesOnAReply)
+TEST_F(ReceiverCallsTest, DeliversAReply)
 {
   Caller caller;
   add("Faces", testbus::reply("('text', 1)"));
 
   call(&caller, "Faces", g_variant_new("(i)", 3));
   EXPECT_EQ(caller.ends, 0);
-  ASSERT_TRUE(spin_until([&caller] { return caller.frees > 0; }));
+  ASSERT_TRUE(caller.wait_until_freed());
   EXPECT_EQ(caller.end, "('text', 1)");
   EXPECT_EQ(receiver_->take_calls(), Texts({"Faces GetStreamFd (3,)"}));
   testhost::dispatch_ready();
@@ -101,29 +116,29 @@ TEST_F(ReceiverCallsTest, PassesOnAReply)
   EXPECT_EQ(caller.frees, 1);
 }
 
-TEST_F(ReceiverCallsTest, PassesOnAFailure)
+TEST_F(ReceiverCallsTest, DeliversAnError)
 {
   Caller caller;
   add("Faces", testbus::refuse());
 
   call(&caller, "Faces");
-  ASSERT_TRUE(spin_until([&caller] { return caller.frees > 0; }));
+  ASSERT_TRUE(caller.wait_until_freed());
   EXPECT_EQ(caller.end, "GDBus.Error:com.quon.Test.Error: No.");
 }
 
-TEST_F(ReceiverCallsTest, NeedsNoCancellableAndNothingToRelease)
+TEST_F(ReceiverCallsTest, NeedsNoCancellableAndNoReleaseFunction)
 {
   Caller caller;
   const std::string path = ROOT + std::string("Faces");
-  const ReceiverCall nobodys = {connection_, path.c_str(), "GetStreamFd", nullptr, 0, LONG_MS, nullptr};
+  const ReceiverCall call = {connection_, path.c_str(), "GetStreamFd", nullptr, 0, LONG_MS, nullptr};
   add("Faces", testbus::reply("()"));
 
-  receiver_call(&nobodys, Caller::on_end, &caller, nullptr);
+  receiver_call(&call, Caller::on_end, &caller, nullptr);
   ASSERT_TRUE(spin_until([&caller] { return caller.ends > 0; }));
   EXPECT_EQ(caller.end, "()");
 }
 
-TEST_F(ReceiverCallsTest, MakesAFewAtATimeInTheirOrder)
+TEST_F(ReceiverCallsTest, LimitsConcurrentCallsAndKeepsTheirOrder)
 {
   constexpr gint COUNT = 2 * RECEIVER_CALLS_MAX_UNDER_WAY;
   std::vector<Caller> callers(COUNT);
@@ -134,43 +149,43 @@ TEST_F(ReceiverCallsTest, MakesAFewAtATimeInTheirOrder)
     calls.push_back("Faces GetStreamFd (" + std::to_string(i) + ",)");
   }
 
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  ASSERT_TRUE(wait_until_held(RECEIVER_CALLS_MAX_UNDER_WAY));
   testhost::dispatch_ready();
   EXPECT_EQ(receiver_->held(), RECEIVER_CALLS_MAX_UNDER_WAY);
   receiver_->release_held(testbus::reply("()"));
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  ASSERT_TRUE(wait_until_held(RECEIVER_CALLS_MAX_UNDER_WAY));
   receiver_->release_held(testbus::reply("()"));
-  ASSERT_TRUE(spin_until([&callers] { return callers.back().frees == 1; }));
+  ASSERT_TRUE(callers.back().wait_until_freed());
   EXPECT_EQ(receiver_->take_calls(), calls);
 }
 
-TEST_F(ReceiverCallsTest, GivesUpWhatIsNotAnsweredInTime)
+TEST_F(ReceiverCallsTest, TimesOutACallWithoutReply)
 {
   constexpr guint SHORT_MS = 10;
   Caller slow;
   add("Faces", receiver_->hold());
   call(&slow, "Faces", nullptr, {.timeout_ms = SHORT_MS});
 
-  ASSERT_TRUE(spin_until([&slow] { return slow.frees > 0; }));
+  ASSERT_TRUE(slow.wait_until_freed());
   EXPECT_EQ(slow.end, "Timeout was reached");
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  ASSERT_TRUE(wait_until_held(1));
   receiver_->release_held(testbus::reply("()"));
   Caller next;
   add("Plates", testbus::reply("('next',)"));
   call(&next, "Plates");
-  ASSERT_TRUE(spin_until([&next] { return next.frees > 0; }));
+  ASSERT_TRUE(next.wait_until_freed());
   EXPECT_EQ(slow.ends, 1);
   EXPECT_EQ(slow.frees, 1);
 }
 
-TEST_F(ReceiverCallsTest, EndsWithoutAWordWhenItIsCancelled)
+TEST_F(ReceiverCallsTest, EndsSilentlyWhenCancelled)
 {
   std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNDER_WAY + 2);
   add("Faces", receiver_->hold());
   for (Caller &caller : callers) {
     call(&caller, "Faces");
   }
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  ASSERT_TRUE(wait_until_held(RECEIVER_CALLS_MAX_UNDER_WAY));
 
   for (Caller &caller : callers) {
     g_cancellable_cancel(caller.cancellable);
@@ -183,7 +198,7 @@ TEST_F(ReceiverCallsTest, EndsWithoutAWordWhenItIsCancelled)
   Caller next;
   add("Plates", testbus::reply("()"));
   call(&next, "Plates");
-  ASSERT_TRUE(spin_until([&next] { return next.frees > 0; }));
+  ASSERT_TRUE(next.wait_until_freed());
   for (const Caller &caller : callers) {
     EXPECT_EQ(caller.ends, 0);
     EXPECT_EQ(caller.frees, 1);
@@ -191,8 +206,8 @@ TEST_F(ReceiverCallsTest, EndsWithoutAWordWhenItIsCancelled)
   EXPECT_EQ(receiver_->calls_size(), RECEIVER_CALLS_MAX_UNDER_WAY + 1);
 }
 
-/* For the bus a call that was given up is still open. */
-TEST_F(ReceiverCallsTest, StopsCallingAReceiverThatNeverAnswers)
+/* The bus counts a cancelled call until its reply. */
+TEST_F(ReceiverCallsTest, StopsCallingAReceiverThatNeverReplies)
 {
   constexpr gsize WAVES = RECEIVER_CALLS_MAX_UNANSWERED / RECEIVER_CALLS_MAX_UNDER_WAY;
   add("Faces", receiver_->hold());
@@ -201,14 +216,11 @@ TEST_F(ReceiverCallsTest, StopsCallingAReceiverThatNeverAnswers)
     for (Caller &caller : callers) {
       call(&caller, "Faces");
     }
-    ASSERT_TRUE(spin_until([&] { return receiver_->held() == wave * RECEIVER_CALLS_MAX_UNDER_WAY; }));
+    ASSERT_TRUE(wait_until_held(wave * RECEIVER_CALLS_MAX_UNDER_WAY));
     for (Caller &caller : callers) {
       g_cancellable_cancel(caller.cancellable);
     }
-    ASSERT_TRUE(spin_until([&callers] {
-      return std::all_of(callers.begin(), callers.end(),
-                         [](const Caller &caller) { return caller.frees == 1; });
-    }));
+    ASSERT_TRUE(wait_until_freed(callers));
   }
   EXPECT_EQ(testhost::take_syslog(), SyslogLines());
 
@@ -225,11 +237,11 @@ TEST_F(ReceiverCallsTest, StopsCallingAReceiverThatNeverAnswers)
   EXPECT_EQ(receiver_->held(), RECEIVER_CALLS_MAX_UNANSWERED);
   add("Faces", testbus::reply("()"));
   receiver_->release_held(testbus::reply("()"));
-  ASSERT_TRUE(spin_until([&others] { return others.back().frees == 1; }));
+  ASSERT_TRUE(others.back().wait_until_freed());
   EXPECT_EQ(others.back().end, "()");
 }
 
-TEST_F(ReceiverCallsTest, CallsAReceiverThatComesBackWithoutAnAnswer)
+TEST_F(ReceiverCallsTest, CallsAReturningReceiverThatLeftCallsUnanswered)
 {
   constexpr guint SHORT_MS = 10;
   std::vector<Caller> callers(RECEIVER_CALLS_MAX_UNANSWERED);
@@ -237,28 +249,25 @@ TEST_F(ReceiverCallsTest, CallsAReceiverThatComesBackWithoutAnAnswer)
   for (Caller &caller : callers) {
     call(&caller, "Faces", nullptr, {.timeout_ms = SHORT_MS});
   }
-  ASSERT_TRUE(spin_until([&callers] {
-    return std::all_of(callers.begin(), callers.end(),
-                       [](const Caller &caller) { return caller.frees == 1; });
-  }));
+  ASSERT_TRUE(wait_until_freed(callers));
   Caller next;
   call(&next, "Plates", nullptr, {});
   EXPECT_EQ(testhost::take_syslog().size(), 1);
   EXPECT_EQ(next.frees, 0);
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNANSWERED; }));
+  ASSERT_TRUE(wait_until_held(RECEIVER_CALLS_MAX_UNANSWERED));
 
   receiver_->leave();
   add("Plates", testbus::reply("()"));
-  ASSERT_TRUE(spin_until([&next] { return next.frees == 1; }));
+  ASSERT_TRUE(next.wait_until_freed());
   receiver_->come_back();
   Caller last;
   call(&last, "Plates");
-  ASSERT_TRUE(spin_until([&last] { return last.frees == 1; }));
+  ASSERT_TRUE(last.wait_until_freed());
   EXPECT_EQ(last.end, "()");
 }
 
-/* It is called again behind the others. */
-TEST_F(ReceiverCallsTest, LetsNobodyWaitForAProducerThatAlwaysRefuses)
+/* Refused calls are repeated behind the others. */
+TEST_F(ReceiverCallsTest, CallsOtherProducersWhileOneAlwaysRefuses)
 {
   std::vector<Caller> refused(2 * RECEIVER_CALLS_MAX_UNDER_WAY);
   Caller other;
@@ -269,40 +278,40 @@ TEST_F(ReceiverCallsTest, LetsNobodyWaitForAProducerThatAlwaysRefuses)
   }
   call(&other, "Plates");
 
-  ASSERT_TRUE(spin_until([&other] { return other.frees == 1; }));
+  ASSERT_TRUE(other.wait_until_freed());
   for (Caller &caller : refused) {
     EXPECT_EQ(caller.ends, 0);
     g_cancellable_cancel(caller.cancellable);
   }
-  ASSERT_TRUE(spin_until([&refused] { return refused.back().frees == 1; }));
-  /* Comes when the queue rests no more. */
+  ASSERT_TRUE(refused.back().wait_until_freed());
+  /* Is made when the back-off is over. */
   Caller last;
   call(&last, "Plates");
-  ASSERT_TRUE(spin_until([&last] { return last.frees == 1; }));
+  ASSERT_TRUE(last.wait_until_freed());
 }
 
-TEST_F(ReceiverCallsTest, HoldsItsDescriptorsUntilTheReply)
+TEST_F(ReceiverCallsTest, HoldsItsReservationUntilTheReply)
 {
   Caller first;
   Caller second;
   add("Faces", receiver_->hold());
   call(&first, "Faces", nullptr, {.descriptors = 1});
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == 1; }));
+  ASSERT_TRUE(wait_until_held(1));
   const testhost::FreeDescriptors one(DESCRIPTOR_RESERVE_SIZE + 1);
 
   g_cancellable_cancel(first.cancellable);
-  ASSERT_TRUE(spin_until([&first] { return first.frees == 1; }));
+  ASSERT_TRUE(first.wait_until_freed());
   call(&second, "Faces", nullptr, {.descriptors = 1});
   EXPECT_EQ(
       testhost::take_syslog(),
       SyslogLines({{LOG_WARNING, "streams of external producers wait: too few free file descriptors"}}));
   add("Faces", testbus::reply("()"));
   receiver_->release_held(testbus::reply("()"));
-  ASSERT_TRUE(spin_until([&second] { return second.frees == 1; }));
+  ASSERT_TRUE(second.wait_until_freed());
   EXPECT_EQ(second.end, "()");
 }
 
-TEST_F(ReceiverCallsTest, CanBeMadeFromInsideAnEnd)
+TEST_F(ReceiverCallsTest, CanBeMadeFromACallback)
 {
   Caller next;
   std::function<void()> on_end = [&] { call(&next, "Faces"); };
@@ -316,7 +325,7 @@ TEST_F(ReceiverCallsTest, CanBeMadeFromInsideAnEnd)
         (*static_cast<std::function<void()> *>(user_data))();
       },
       &on_end, nullptr);
-  ASSERT_TRUE(spin_until([&next] { return next.frees == 1; }));
+  ASSERT_TRUE(next.wait_until_freed());
   EXPECT_EQ(next.end, "()");
 }
 
@@ -327,13 +336,10 @@ TEST_F(ReceiverCallsTest, FailsWithItsConnection)
   for (Caller &caller : callers) {
     call(&caller, "Faces");
   }
-  ASSERT_TRUE(spin_until([this] { return receiver_->held() == RECEIVER_CALLS_MAX_UNDER_WAY; }));
+  ASSERT_TRUE(wait_until_held(RECEIVER_CALLS_MAX_UNDER_WAY));
 
   bus_.reset();
-  ASSERT_TRUE(spin_until([&callers] {
-    return std::all_of(callers.begin(), callers.end(),
-                       [](const Caller &caller) { return caller.frees == 1; });
-  }));
+  ASSERT_TRUE(wait_until_freed(callers));
   for (const Caller &caller : callers) {
     EXPECT_EQ(caller.ends, 1);
   }

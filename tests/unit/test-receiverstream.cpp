@@ -58,7 +58,7 @@ struct Stream {
 class ReceiverStreamTest : public testreceiver::Fixture
 {
 protected:
-  /* With strings that live no longer than the call of the function. */
+  /* The strings live only as long as the call. */
   void request(Stream *stream, GCancellable *cancellable = nullptr,
                GDestroyNotify free_func = Stream::on_free) const
   {
@@ -77,7 +77,7 @@ protected:
 
 } // namespace
 
-TEST_F(ReceiverStreamTest, HandsTheDescriptorOverOnTheMainThread)
+TEST_F(ReceiverStreamTest, PassesTheDescriptorOnTheMainThread)
 {
   std::array<int, 2> pipe = {-1, -1};
   ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
@@ -98,7 +98,7 @@ TEST_F(ReceiverStreamTest, HandsTheDescriptorOverOnTheMainThread)
   close(pipe[1]);
 }
 
-TEST_F(ReceiverStreamTest, HandsNoDescriptorOverWhenTheReplyHasNone)
+TEST_F(ReceiverStreamTest, PassesNoDescriptorWhenTheReplyHasNone)
 {
   add("Faces", testbus::reply("(handle 0,)"));
   Stream stream;
@@ -107,7 +107,7 @@ TEST_F(ReceiverStreamTest, HandsNoDescriptorOverWhenTheReplyHasNone)
   ASSERT_TRUE(spin_until([&stream] { return !stream.calls.empty(); }));
   EXPECT_EQ(stream.calls, Texts({"on_fd front door"}));
   EXPECT_EQ(stream.fd, -1);
-  /* The line feed belongs to the text. */
+  /* docs/compatibility.md, "line feed in a line". */
   EXPECT_EQ(
       testhost::take_syslog(),
       (SyslogLines{{LOG_WARNING, "Failed to parse fd from variant: the reply holds no such descriptor\n"}}));

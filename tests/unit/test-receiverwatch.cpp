@@ -25,9 +25,10 @@ constexpr const char *PROPERTIES = "org.freedesktop.DBus.Properties";
 const SyslogLine REFUSED = {LOG_WARNING, "Failed to connect to metadata-receiver over DBus: "
                                          "GDBus.Error:com.quon.Test.Error: No."};
 
-Texts heard;
-std::vector<guint> waits_s; /* between questions */
-bool is_impatient;          /* whether those are left out */
+/* The callbacks, in order. */
+Texts events;
+std::vector<guint> waits_s; /* before each retry */
+bool has_short_waits;       /* whether each lasts a millisecond */
 
 std::string
 name_of(const gchar *path)
@@ -48,19 +49,19 @@ join(const gchar *const *names)
 void
 on_added(const gchar *path, GVariant *interfaces)
 {
-  heard.push_back("+" + name_of(path) + " " + std::to_string(g_variant_n_children(interfaces)));
+  events.push_back("+" + name_of(path) + " " + std::to_string(g_variant_n_children(interfaces)));
 }
 
 void
 on_removed(const gchar *path, const gchar *const *interfaces)
 {
-  heard.push_back("-" + name_of(path) + " " + join(interfaces));
+  events.push_back("-" + name_of(path) + " " + join(interfaces));
 }
 
 void
 on_cut(const gchar *path)
 {
-  heard.push_back("!" + name_of(path));
+  events.push_back("!" + name_of(path));
 }
 
 void
@@ -68,13 +69,13 @@ on_changed(const gchar *path, GVariant *changed, const gchar *const *invalidated
 {
   g_autofree gchar *text = g_variant_print(changed, FALSE);
 
-  heard.push_back("*" + name_of(path) + " " + text + " " + join(invalidated));
+  events.push_back("*" + name_of(path) + " " + text + " " + join(invalidated));
 }
 
 void
 on_vanished()
 {
-  heard.emplace_back("vanished");
+  events.emplace_back("vanished");
 }
 
 constexpr ReceiverWatchFuncs FUNCS = {on_added, on_removed, on_cut, on_changed, on_vanished};
@@ -85,9 +86,9 @@ protected:
   void TearDown() override
   {
     receiver_watch_stop();
-    heard.clear();
+    events.clear();
     waits_s.clear();
-    is_impatient = false;
+    has_short_waits = false;
     Fixture::TearDown();
   }
 
@@ -96,30 +97,38 @@ protected:
     receiver_watch_start(connection_, &FUNCS);
   }
 
-  /* Everything until now, and no more. */
-  void expect_heard(Texts texts)
+  /* Expects these events until now and no others. */
+  void expect_events(Texts texts)
   {
     receiver_->emit(ROOT, MANAGER, "InterfacesAdded", "(objectpath '/last', @a{sa{sv}} {})");
     texts.emplace_back("+last 0");
-    EXPECT_TRUE(spin_until([&texts] { return heard.size() >= texts.size() && heard.back() == "+last 0"; }));
-    EXPECT_EQ(heard, texts);
-    heard.clear();
+    EXPECT_TRUE(spin_until([&texts] { return events.size() >= texts.size() && events.back() == "+last 0"; }));
+    EXPECT_EQ(events, texts);
+    events.clear();
   }
 
-  /* Starts, and waits until the receiver has said all. */
-  void start_and_listen()
+  /* Starts and takes the event of one object. */
+  void start_with_object()
   {
     receiver_->add("First");
     start();
-    ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
-    EXPECT_EQ(heard, Texts({"+First 1"}));
-    heard.clear();
+    ASSERT_TRUE(spin_until([] { return !events.empty(); }));
+    EXPECT_EQ(events, Texts({"+First 1"}));
+    events.clear();
+  }
+
+  /* The signals arrive before the reply to a call. */
+  void receive_all_signals_of_stranger() const
+  {
+    g_autoptr(GVariant) reply =
+        g_dbus_connection_call_sync(connection_, "com.quon.Stranger1", "/", "com.quon.Other1", "Anything",
+                                    nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
   }
 };
 
 } // namespace
 
-/* The names are the linker's, and so is the wish that they be visible. */
+/* The linker requires these names and that they are visible. */
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -130,28 +139,28 @@ guint
 __wrap_g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer user_data)
 {
   waits_s.push_back(interval);
-  return is_impatient ? g_timeout_add(1, function, user_data)
-                      : __real_g_timeout_add_seconds(interval, function, user_data);
+  return has_short_waits ? g_timeout_add(1, function, user_data)
+                         : __real_g_timeout_add_seconds(interval, function, user_data);
 }
 }
 #pragma GCC visibility pop
 
-TEST_F(ReceiverWatchTest, TellsWhatThereIsAndWhatChanges)
+TEST_F(ReceiverWatchTest, ReportsObjectsAndTheirChanges)
 {
-  start_and_listen();
+  start_with_object();
 
   receiver_->add("Second");
   receiver_->emit(std::string(ROOT) + "/Second", PROPERTIES, "PropertiesChanged",
                   "('com.quon.MetadataReceiver1.Producer', {'Name': <'Other'>}, ['NiceName', 'x'])");
   receiver_->remove("Second");
   receiver_->remove_interface("First", "");
-  expect_heard(
+  expect_events(
       {"+Second 1", "*Second {'Name': <'Other'>} NiceName x", std::string("-Second ") + PRODUCER, "-First "});
 }
 
-TEST_F(ReceiverWatchTest, IgnoresWhatIsNotAProducers)
+TEST_F(ReceiverWatchTest, IgnoresOtherSignals)
 {
-  start_and_listen();
+  start_with_object();
 
   receiver_->emit(std::string(ROOT) + "/First", PROPERTIES, "PropertiesChanged",
                   "('com.quon.Other1', {'Name': <'Other'>}, @as [])");
@@ -159,15 +168,15 @@ TEST_F(ReceiverWatchTest, IgnoresWhatIsNotAProducers)
                   "(objectpath '/x', @a{sa{sv}} {})");
   receiver_->emit(ROOT, "com.quon.Other1", "InterfacesAdded", "(objectpath '/x', @a{sa{sv}} {})");
   receiver_->emit(ROOT, MANAGER, "Other", "(1,)");
-  expect_heard({});
+  expect_events({});
 }
 
-/* Whether they are sent to all or to the daemon alone. */
-TEST_F(ReceiverWatchTest, IgnoresStrangers)
+/* The signals are broadcast or sent to the daemon. */
+TEST_F(ReceiverWatchTest, IgnoresSignalsOfOtherSenders)
 {
   const char *daemon = g_dbus_connection_get_unique_name(connection_);
   testbus::Service stranger("com.quon.Stranger1", testbus::refuse());
-  start_and_listen();
+  start_with_object();
 
   for (const char *destination : {static_cast<const char *>(nullptr), daemon}) {
     for (const char *body : {"(objectpath '/x', @a{sa{sv}} {})", "(1,)"}) {
@@ -183,55 +192,49 @@ TEST_F(ReceiverWatchTest, IgnoresStrangers)
       stranger.send(message);
     }
   }
-  /* Theirs have arrived before the answer to a call. */
-  g_autoptr(GVariant) reply =
-      g_dbus_connection_call_sync(connection_, "com.quon.Stranger1", "/", "com.quon.Other1", "Anything",
-                                  nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  expect_heard({});
+  receive_all_signals_of_stranger();
+  expect_events({});
 }
 
-/* Names that the bus gives away are not to be had from anybody else. */
-TEST_F(ReceiverWatchTest, IgnoresWhatOthersSayOfTheName)
+TEST_F(ReceiverWatchTest, IgnoresForgedChangesOfTheNamesOwner)
 {
   testbus::Service stranger("com.quon.Stranger1", testbus::refuse());
-  start_and_listen();
+  start_with_object();
 
   g_autoptr(GDBusMessage) message =
       g_dbus_message_new_signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged");
   g_dbus_message_set_destination(message, g_dbus_connection_get_unique_name(connection_));
   g_dbus_message_set_body(message, g_variant_new("(sss)", RECEIVER_NAME, ":1.1", ""));
   stranger.send(message);
-  g_autoptr(GVariant) reply =
-      g_dbus_connection_call_sync(connection_, "com.quon.Stranger1", "/", "com.quon.Other1", "Anything",
-                                  nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  expect_heard({});
+  receive_all_signals_of_stranger();
+  expect_events({});
 }
 
-TEST_F(ReceiverWatchTest, FollowsTheName)
+TEST_F(ReceiverWatchTest, FollowsTheOwnerOfTheName)
 {
-  start_and_listen();
+  start_with_object();
 
   receiver_->leave();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
   receiver_->come_back();
-  ASSERT_TRUE(spin_until([] { return heard.size() >= 2; }));
-  EXPECT_EQ(heard, Texts({"vanished", "+First 1"}));
+  ASSERT_TRUE(spin_until([] { return events.size() >= 2; }));
+  EXPECT_EQ(events, Texts({"vanished", "+First 1"}));
 }
 
-TEST_F(ReceiverWatchTest, IsSilentAboutAReceiverThatIsNotThere)
+TEST_F(ReceiverWatchTest, ReportsNothingUntilTheReceiverAppears)
 {
   receiver_->leave();
   start();
 
   receiver_->add("First");
   receiver_->come_back();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
-  EXPECT_EQ(heard, Texts({"+First 1"}));
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
+  EXPECT_EQ(events, Texts({"+First 1"}));
 }
 
-TEST_F(ReceiverWatchTest, CallsNothingOnceItHasStopped)
+TEST_F(ReceiverWatchTest, CallsNothingAfterStop)
 {
-  start_and_listen();
+  start_with_object();
 
   receiver_->add("Second");
   receiver_->leave();
@@ -239,11 +242,11 @@ TEST_F(ReceiverWatchTest, CallsNothingOnceItHasStopped)
   testbus::Peer peer;
   EXPECT_TRUE(spin_until([&peer] { return !peer.has_owner(RECEIVER_NAME); }));
   testhost::dispatch_ready();
-  EXPECT_EQ(heard, Texts());
+  EXPECT_EQ(events, Texts());
   receiver_watch_stop();
 }
 
-TEST_F(ReceiverWatchTest, CanStopAtAnyMoment)
+TEST_F(ReceiverWatchTest, CanStopAtAnyTime)
 {
   receiver_->set_managed_objects(receiver_->hold());
   start();
@@ -258,7 +261,7 @@ TEST_F(ReceiverWatchTest, CanStopAtAnyMoment)
   EXPECT_EQ(testhost::take_syslog(), SyslogLines({REFUSED}));
   receiver_->release_held(testbus::reply("(@a{oa{sa{sv}}} {'/x': {}},)"));
   receiver_->set_managed_objects({});
-  start_and_listen();
+  start_with_object();
 }
 
 TEST_F(ReceiverWatchTest, StartsOnce)
@@ -268,13 +271,13 @@ TEST_F(ReceiverWatchTest, StartsOnce)
   EXPECT_EQ(testhost::take_failed_preconditions(), Texts({"watch.connection == NULL"}));
 }
 
-/* The waits double up to a bound, and begin anew with an answer and with another receiver. */
-TEST_F(ReceiverWatchTest, AsksLessAndLessOften)
+/* The waits double up to a limit. A reply and a new owner of the name reset them. */
+TEST_F(ReceiverWatchTest, RetriesWithIncreasingIntervals)
 {
   const std::vector<guint> waits = {1, 2, 4, 8, 16, 32, 60, 60};
   ASSERT_EQ(waits.front(), RECEIVER_WATCH_FIRST_RETRY_S);
   ASSERT_EQ(waits.back(), RECEIVER_WATCH_LAST_RETRY_S);
-  is_impatient = true;
+  has_short_waits = true;
   receiver_->set_managed_objects(testbus::refuse());
   start();
   ASSERT_TRUE(spin_until([&waits] { return waits_s.size() >= waits.size(); }));
@@ -282,7 +285,7 @@ TEST_F(ReceiverWatchTest, AsksLessAndLessOften)
 
   receiver_->set_managed_objects({});
   receiver_->add("First");
-  ASSERT_TRUE(spin_until([] { return heard.size() == 2; }));
+  ASSERT_TRUE(spin_until([] { return events.size() == 2; }));
   waits_s.clear();
   receiver_->set_managed_objects(testbus::refuse());
   receiver_watch_ask_again();
@@ -290,7 +293,7 @@ TEST_F(ReceiverWatchTest, AsksLessAndLessOften)
   EXPECT_EQ(std::vector<guint>(waits_s.begin(), waits_s.begin() + 4), std::vector<guint>({1, 1, 2, 4}));
 
   receiver_->leave();
-  ASSERT_TRUE(spin_until([] { return heard.back() == "vanished"; }));
+  ASSERT_TRUE(spin_until([] { return events.back() == "vanished"; }));
   waits_s.clear();
   receiver_->come_back();
   ASSERT_TRUE(spin_until([] { return waits_s.size() >= 2; }));
@@ -300,8 +303,7 @@ TEST_F(ReceiverWatchTest, AsksLessAndLessOften)
   EXPECT_EQ(lines, SyslogLines(lines.size(), REFUSED));
 }
 
-/* Those are the first ones. */
-TEST_F(ReceiverWatchTest, LooksAtABoundedNumberOfObjects)
+TEST_F(ReceiverWatchTest, ReportsTheFirstObjectsUpToALimit)
 {
   constexpr gsize TOO_MANY = 3;
   const auto objects = [](gsize count) {
@@ -313,33 +315,33 @@ TEST_F(ReceiverWatchTest, LooksAtABoundedNumberOfObjects)
   };
   receiver_->set_managed_objects(objects(RECEIVER_WATCH_MAX_OBJECTS));
   start();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
-  EXPECT_EQ(heard.size(), RECEIVER_WATCH_MAX_OBJECTS);
-  EXPECT_EQ(heard.front(), "+first 0");
-  EXPECT_EQ(heard.back(), "+object1023 0");
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
+  EXPECT_EQ(events.size(), RECEIVER_WATCH_MAX_OBJECTS);
+  EXPECT_EQ(events.front(), "+first 0");
+  EXPECT_EQ(events.back(), "+object1023 0");
 
-  heard.clear();
+  events.clear();
   receiver_->set_managed_objects(objects(RECEIVER_WATCH_MAX_OBJECTS + TOO_MANY));
   receiver_watch_ask_again();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
-  EXPECT_EQ(heard.size(), RECEIVER_WATCH_MAX_OBJECTS + 1);
-  EXPECT_EQ(heard[RECEIVER_WATCH_MAX_OBJECTS - 1], "+object1023 0");
-  EXPECT_EQ(heard.back(), "!object1024");
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
+  EXPECT_EQ(events.size(), RECEIVER_WATCH_MAX_OBJECTS + 1);
+  EXPECT_EQ(events[RECEIVER_WATCH_MAX_OBJECTS - 1], "+object1023 0");
+  EXPECT_EQ(events.back(), "!object1024");
 }
 
-TEST_F(ReceiverWatchTest, AsksAgainOnceForSeveralReasons)
+TEST_F(ReceiverWatchTest, MergesSeveralRetries)
 {
-  is_impatient = true;
-  start_and_listen();
+  has_short_waits = true;
+  start_with_object();
 
   receiver_watch_ask_again();
   receiver_watch_ask_again();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
-  expect_heard({"+First 1"});
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
+  expect_events({"+First 1"});
   EXPECT_EQ(waits_s, std::vector<guint>({RECEIVER_WATCH_FIRST_RETRY_S}));
 }
 
-TEST_F(ReceiverWatchTest, AsksNobodyAgain)
+TEST_F(ReceiverWatchTest, DoesNotRetryWithoutAReceiver)
 {
   receiver_watch_ask_again();
   receiver_->leave();
@@ -350,14 +352,14 @@ TEST_F(ReceiverWatchTest, AsksNobodyAgain)
   EXPECT_EQ(waits_s, std::vector<guint>());
 }
 
-TEST_F(ReceiverWatchTest, ForgetsToAskAReceiverThatLeaves)
+TEST_F(ReceiverWatchTest, CancelsTheRetryWhenTheReceiverLeaves)
 {
-  start_and_listen();
+  start_with_object();
   receiver_watch_ask_again();
 
   receiver_->leave();
-  ASSERT_TRUE(spin_until([] { return !heard.empty(); }));
+  ASSERT_TRUE(spin_until([] { return !events.empty(); }));
   receiver_->come_back();
-  ASSERT_TRUE(spin_until([] { return heard.size() == 2; }));
-  expect_heard({"vanished", "+First 1"});
+  ASSERT_TRUE(spin_until([] { return events.size() == 2; }));
+  expect_events({"vanished", "+First 1"});
 }

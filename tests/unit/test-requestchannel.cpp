@@ -17,10 +17,10 @@ using namespace std::string_literals;
 namespace
 {
 
-/* More than one read takes, and less than a socket holds. */
+/* More bytes than one read returns, and fewer than a socket holds. */
 constexpr gsize MORE_BYTES = 20'000;
 
-/* One connection, whose server's end has a request channel. */
+/* A connection with a request channel at the server's end. */
 class RequestChannelTest : public testhost::Fixture
 {
 protected:
@@ -31,7 +31,7 @@ protected:
     channel_ = request_channel_new(fd_, text_.data(), text_.size(), failure);
   }
 
-  /* What is read of a text and the end behind it. */
+  /* The outcome of a text that ends, or fails, behind its last byte. */
   Outcome read(const std::string &text, const char *failure = nullptr)
   {
     open(text, failure);
@@ -44,6 +44,14 @@ protected:
   {
     close_connection();
     Fixture::TearDown();
+  }
+
+  /* Writes the whole reply, with its NUL, into the channel and flushes it. */
+  GIOStatus reply(const std::string &text, GError **error = nullptr)
+  {
+    EXPECT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
+    g_io_channel_write_chars(channel_, text.c_str(), static_cast<gssize>(text.size()) + 1, nullptr, nullptr);
+    return g_io_channel_flush(channel_, error);
   }
 
   void close_connection()
@@ -64,7 +72,7 @@ protected:
 
 } // namespace
 
-TEST_F(RequestChannelTest, ReadsTheTextWhateverItsLength)
+TEST_F(RequestChannelTest, ReadsTextsOfAnyLength)
 {
   const std::string begin = "OPEN\na=";
 
@@ -74,15 +82,15 @@ TEST_F(RequestChannelTest, ReadsTheTextWhateverItsLength)
   }
 }
 
-TEST_F(RequestChannelTest, EndsBehindTheText)
+TEST_F(RequestChannelTest, EndsAfterTheText)
 {
   EXPECT_EQ(read(""), (Outcome{false, {}, "FAIL\nCould not read request from client socket: "}));
   EXPECT_EQ(read("OPEN"), (Outcome{false, {}, "FAIL\nUnknown: request: OPEN (4)"}));
   EXPECT_EQ(read("OPEN\na=b\n"), (Outcome{false, {}, "FAIL\nCould not read request header from socket: "}));
 }
 
-/* A last line without an end is not read then. */
-TEST_F(RequestChannelTest, FailsBehindTheTextWithTheReason)
+/* After a failure, a last line without a line end is not read. */
+TEST_F(RequestChannelTest, FailsAfterTheTextWithTheReason)
 {
   EXPECT_EQ(read("OPEN", "Too late"),
             (Outcome{false, {}, "FAIL\nCould not read request from client socket: Too late"}));
@@ -93,7 +101,7 @@ TEST_F(RequestChannelTest, FailsBehindTheTextWithTheReason)
   EXPECT_EQ(read("OPEN\n\n", "Too late"), (Outcome{true, {}, ""}));
 }
 
-/* What the client has sent behind its request is the stream's. */
+/* The bytes behind a request belong to the stream. */
 TEST_F(RequestChannelTest, ReadsNothingFromTheSocket)
 {
   open("OPEN\n");
@@ -126,30 +134,26 @@ TEST_F(RequestChannelTest, WritesAReplyToAClientThatHasEndedItsHalf)
   EXPECT_EQ(client_->received(), "OK\0"s);
 }
 
-/* What could not be written is still in the channel when it is released. */
+/* The channel still holds the reply when it is released. */
 TEST_F(RequestChannelTest, FailsToWriteToAClientThatIsGone)
 {
   open();
   client_->hang_up();
-  ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
-  g_io_channel_write_chars(channel_, "OK", 3, nullptr, nullptr);
   g_autoptr(GError) error = nullptr;
 
-  EXPECT_EQ(g_io_channel_flush(channel_, &error), G_IO_STATUS_ERROR);
+  EXPECT_EQ(reply("OK", &error), G_IO_STATUS_ERROR);
   EXPECT_TRUE(g_error_matches(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_PIPE));
   g_clear_pointer(&channel_, g_io_channel_unref);
 }
 
-/* The descriptor may be closed before the channel goes, and its number given to another client. */
-TEST_F(RequestChannelTest, NeverWritesToWhoeverGetsTheDescriptorNext)
+/* The descriptor may be closed before the channel is released, and another client may get its number. */
+TEST_F(RequestChannelTest, NeverWritesToAReusedDescriptor)
 {
   int next[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, next), 0);
   open();
   client_->hang_up();
-  ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
-  g_io_channel_write_chars(channel_, "OK", 3, nullptr, nullptr);
-  EXPECT_EQ(g_io_channel_flush(channel_, nullptr), G_IO_STATUS_ERROR);
+  EXPECT_EQ(reply("OK"), G_IO_STATUS_ERROR);
 
   ASSERT_EQ(dup2(next[0], fd_), fd_);
   g_clear_pointer(&channel_, g_io_channel_unref);
@@ -161,23 +165,19 @@ TEST_F(RequestChannelTest, NeverWritesToWhoeverGetsTheDescriptorNext)
   }
 }
 
-/* It names the request, which a client may make as long as a request can be. */
-TEST_F(RequestChannelTest, WritesTheLongestReplyThoughTheClientDoesNotReadYet)
+/* The reply contains the request line, which can be as long as a request. */
+TEST_F(RequestChannelTest, WritesTheLongestReplyToAClientThatDoesNotRead)
 {
   open();
-  const std::string reply(SERVER_MAX_REQUEST_BYTES + 100, 'x');
+  const std::string longest(SERVER_MAX_REQUEST_BYTES + 100, 'x');
 
-  ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
-  EXPECT_EQ(
-      g_io_channel_write_chars(channel_, reply.data(), static_cast<gssize>(reply.size()), nullptr, nullptr),
-      G_IO_STATUS_NORMAL);
-  EXPECT_EQ(g_io_channel_flush(channel_, nullptr), G_IO_STATUS_NORMAL);
+  EXPECT_EQ(reply(longest), G_IO_STATUS_NORMAL);
   g_clear_pointer(&channel_, g_io_channel_unref);
-  EXPECT_TRUE(client_->received() == reply);
+  EXPECT_TRUE(client_->received() == longest + '\0');
 }
 
-/* The client reads nothing, so that its socket takes no more. Nor does releasing the channel wait for it. */
-TEST_F(RequestChannelTest, GivesUpWritingToAClientThatDoesNotRead)
+/* Neither the flush nor the release of the channel waits. */
+TEST_F(RequestChannelTest, FailsToWriteToAFullSocket)
 {
   open();
   const std::string filling(64 * 1024, 'x');
@@ -185,32 +185,27 @@ TEST_F(RequestChannelTest, GivesUpWritingToAClientThatDoesNotRead)
   }
   while (send(fd_, filling.data(), 1, MSG_DONTWAIT) > 0) {
   }
-  ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
   const gint64 begin = g_get_monotonic_time();
 
-  g_io_channel_write_chars(channel_, "OK", 3, nullptr, nullptr);
-  EXPECT_NE(g_io_channel_flush(channel_, nullptr), G_IO_STATUS_NORMAL);
+  EXPECT_NE(reply("OK"), G_IO_STATUS_NORMAL);
   g_clear_pointer(&channel_, g_io_channel_unref);
   EXPECT_LT(g_get_monotonic_time() - begin, 5 * G_TIME_SPAN_SECOND);
 }
 
-TEST_F(RequestChannelTest, LeavesTheDescriptorOpen)
+TEST_F(RequestChannelTest, KeepsTheDescriptorOpen)
 {
   open();
   g_clear_pointer(&channel_, g_io_channel_unref);
   EXPECT_FALSE(client_->ended());
 }
 
-/* Out-of-band bytes included. */
-TEST_F(RequestChannelTest, DiscardingLeavesTheReplyAndTheEndWhateverIsUnread)
+TEST_F(RequestChannelTest, DiscardingUnreadInputKeepsTheReplyAndTheEnd)
 {
   for (const int flags : {0, static_cast<int>(MSG_OOB)}) {
     open();
     client_->send_some(std::string(MORE_BYTES, 'x'), flags);
     client_->send_some("SYNC\n", flags);
-    ASSERT_EQ(g_io_channel_set_encoding(channel_, nullptr, nullptr), G_IO_STATUS_NORMAL);
-    g_io_channel_write_chars(channel_, "FAIL", 5, nullptr, nullptr);
-    ASSERT_EQ(g_io_channel_flush(channel_, nullptr), G_IO_STATUS_NORMAL);
+    ASSERT_EQ(reply("FAIL"), G_IO_STATUS_NORMAL);
     g_clear_pointer(&channel_, g_io_channel_unref);
     request_channel_discard_input(fd_);
     ASSERT_EQ(close(std::exchange(fd_, -1)), 0);
@@ -220,7 +215,7 @@ TEST_F(RequestChannelTest, DiscardingLeavesTheReplyAndTheEndWhateverIsUnread)
   }
 }
 
-TEST_F(RequestChannelTest, DiscardsWhatHasComeAndRefusesMore)
+TEST_F(RequestChannelTest, DiscardsTheInputAndRefusesMore)
 {
   open();
   ASSERT_TRUE(client_->send(std::string(MORE_BYTES, 'x')));
@@ -233,8 +228,8 @@ TEST_F(RequestChannelTest, DiscardsWhatHasComeAndRefusesMore)
   EXPECT_FALSE(client_->ended());
 }
 
-/* The client waits for room when the socket is full. */
-TEST_F(RequestChannelTest, DiscardingFreesAClientThatIsSending)
+/* The client blocks because the socket is full. */
+TEST_F(RequestChannelTest, DiscardingUnblocksAClientThatSends)
 {
   open();
   auto sending = std::async(std::launch::async, [this] { return client_->send_until_refused(); });

@@ -35,7 +35,7 @@ refused(const std::string &failure)
   return {false, {}, failure};
 }
 
-/* One connection, whose server's end has a reader. */
+/* A connection with a request reader at the server's end. */
 class RequestReaderTest : public testhost::Fixture
 {
 protected:
@@ -52,7 +52,7 @@ protected:
     Fixture::TearDown();
   }
 
-  /* Runs the main loop until the reader has ended, and reads what it has got. */
+  /* Runs the main loop until the reader has ended, and parses its text. */
   Outcome wait_for_outcome()
   {
     EXPECT_TRUE(testhost::spin_until([this] { return ended_; }));
@@ -63,7 +63,7 @@ protected:
     return requests::read_outcome(channel);
   }
 
-  /* What becomes of a client that sends @bytes and then no more. */
+  /* The outcome for a client that sends @bytes and half-closes. */
   Outcome read_all_of(const std::string &bytes)
   {
     open();
@@ -72,13 +72,13 @@ protected:
     return wait_for_outcome();
   }
 
-  /* Lets the reader take what was sent, and not wait for more. */
+  /* Dispatches the reader without waiting for more bytes. */
   void read_what_has_come()
   {
     testhost::dispatch_ready();
   }
 
-  /* What arrived and was not read. */
+  /* The bytes that the reader left in the socket. */
   std::string left()
   {
     std::array<char, 1024> bytes;
@@ -87,7 +87,7 @@ protected:
     return {bytes.data(), static_cast<gsize>(std::max<ssize_t>(count, 0))};
   }
 
-  /* How many bytes of the client's have not been read. */
+  /* How many bytes are in the socket. */
   int count_waiting() const
   {
     int count = -1;
@@ -123,7 +123,7 @@ private:
   }
 };
 
-/* A request that is in the socket before it is read. */
+/* A request and its outcome. */
 struct Example {
   const char *name;
   std::string bytes;
@@ -156,8 +156,8 @@ const std::vector<Example> EXAMPLES = {
     {"BlanksBefore", "OPEN\n  a=b\t \n\n", accepted({{"  a", "b"}})},
     {"EmptyValueOfBlanks", "OPEN\na=  \n\n", accepted({{"a", ""}})},
     {"RepeatedKey", "OPEN\na=1\nb=2\na=3\n\n", accepted({{"a", "3"}, {"b", "2"}})},
-    {"BackslashesStay", "OPEN\na=x\\ny\n\n", accepted({{"a", "x\\ny"}})},
-    {"BytesThatAreNoText", "OPEN\na=\xff\xfe\n\n", accepted({{"a", "\xff\xfe"}})},
+    {"Backslashes", "OPEN\na=x\\ny\n\n", accepted({{"a", "x\\ny"}})},
+    {"InvalidUtf8", "OPEN\na=\xff\xfe\n\n", accepted({{"a", "\xff\xfe"}})},
     {"CarriageReturnsWithLineFeeds", "OPEN\na=1\r\nb=2\r\n\n", accepted({{"a", "1"}, {"b", "2"}})},
     {"CarriageReturnsAlone", "OPEN\na=1\rb=2\r\n\n", accepted({{"a", "1"}, {"b", "2"}})},
     {"Nuls", "OPEN\na=1\0b=2\0\n"s, accepted({{"a", "1"}, {"b", "2"}})},
@@ -175,23 +175,22 @@ const std::vector<Example> EXAMPLES = {
     {"OpenWithNul", "OPEN\0\n\n"s, refused("FAIL\nUnknown: request: OPEN (5)")},
     {"OpenWithParagraphSeparator", "OPEN\u2029\n\n", refused("FAIL\nUnknown: request: OPEN\u2029 (7)")},
     {"OpenWithoutLineEnd", "OPEN", refused("FAIL\nUnknown: request: OPEN (4)")},
-    {"FirstLineIsNoText", "\xff%s%n\n", refused("FAIL\nUnknown: request: \xff%s%n\n (6)")},
+    {"FirstLineOfInvalidUtf8", "\xff%s%n\n", refused("FAIL\nUnknown: request: \xff%s%n\n (6)")},
 
     {"NoHeader", "OPEN\n", refused(NO_HEADER)},
     {"NoEmptyLine", "OPEN\nevent=1\n", refused(NO_HEADER)},
-    {"LastLineWithoutEndCounts", "OPEN\nevent=1", refused(NO_HEADER)},
-    {"LastLineWithoutEndIsJudged", "OPEN\nevent", refused("FAIL\nUnable to parse header line: event.")},
+    {"LastLineWithoutLineEnd", "OPEN\nevent=1", refused(NO_HEADER)},
+    {"WrongLastLineWithoutLineEnd", "OPEN\nevent", refused("FAIL\nUnable to parse header line: event.")},
     {"NoEqualsSign", "OPEN\nevent\n\n", refused("FAIL\nUnable to parse header line: event.")},
     {"NoEqualsSignAndBlanks", "OPEN\n  event  \n\n",
      refused("FAIL\nUnable to parse header line:   event  .")},
-    {"FirstWrongLineCounts", "OPEN\na=1\nwrong\nworse\n\n",
-     refused("FAIL\nUnable to parse header line: wrong.")},
+    {"TwoWrongLines", "OPEN\na=1\nwrong\nworse\n\n", refused("FAIL\nUnable to parse header line: wrong.")},
     {"EmptyLineWithCarriageReturn", "OPEN\n\r\n", refused("FAIL\nUnable to parse header line: .")},
     {"EmptyLineWithCarriageReturnAlone", "OPEN\n\rx", refused("FAIL\nUnable to parse header line: .")},
     {"EmptyLineWithNul", "OPEN\n\0"s, refused("FAIL\nUnable to parse header line: .")},
     {"EmptyLineWithParagraphSeparator", "OPEN\n\u2029", refused("FAIL\nUnable to parse header line: .")},
     {"BlankLine", "OPEN\n   \n\n", refused("FAIL\nUnable to parse header line:    .")},
-    {"HeaderLineIsNoText", "OPEN\n\xff%s\n\n", refused("FAIL\nUnable to parse header line: \xff%s.")},
+    {"HeaderLineOfInvalidUtf8", "OPEN\n\xff%s\n\n", refused("FAIL\nUnable to parse header line: \xff%s.")},
 };
 
 } // namespace
@@ -201,7 +200,6 @@ TEST_P(RequestTest, IsReadInOnePiece)
   EXPECT_EQ(read_all_of(GetParam().bytes), GetParam().outcome);
 }
 
-/* Everything behind the first byte comes later, then everything behind the second, and so on. */
 TEST_P(RequestTest, IsReadInTwoPiecesCutAnywhere)
 {
   const std::string &bytes = GetParam().bytes;
@@ -230,7 +228,7 @@ TEST_P(RequestTest, IsReadInSingleBytes)
 INSTANTIATE_TEST_SUITE_P(Requests, RequestTest, testing::ValuesIn(EXAMPLES),
                          [](const auto &example) { return std::string(example.param.name); });
 
-TEST_F(RequestReaderTest, LeavesWhatStandsBehindTheRequest)
+TEST_F(RequestReaderTest, LeavesTheBytesBehindTheRequest)
 {
   open();
   ASSERT_TRUE(client_->send("OPEN\nevent=1\n\nSYNC\nSYN"));
@@ -239,8 +237,8 @@ TEST_F(RequestReaderTest, LeavesWhatStandsBehindTheRequest)
   EXPECT_EQ(left(), "SYNC\nSYN");
 }
 
-/* The empty line is the last byte of one read, or the first of the next one. */
-TEST_F(RequestReaderTest, LeavesWhatStandsBehindARequestOfAnyLength)
+/* The empty line is at the end of one read or at the beginning of the next one. */
+TEST_F(RequestReaderTest, LeavesTheBytesBehindARequestOfAnyLength)
 {
   const std::string begin = "OPEN\na=";
   for (gsize size = REQUEST_READER_BYTES_PER_TURN - 4; size <= REQUEST_READER_BYTES_PER_TURN + 4; size++) {
@@ -253,7 +251,7 @@ TEST_F(RequestReaderTest, LeavesWhatStandsBehindARequestOfAnyLength)
   }
 }
 
-TEST_F(RequestReaderTest, LeavesWhatStandsBehindARequestWithOtherLineEnds)
+TEST_F(RequestReaderTest, LeavesTheBytesBehindARequestWithOtherLineEnds)
 {
   for (const std::string &end : {"\r"s, "\r\n"s, "\0"s, "\u2029"s}) {
     open();
@@ -268,8 +266,7 @@ TEST_F(RequestReaderTest, LeavesWhatStandsBehindARequestWithOtherLineEnds)
   }
 }
 
-/* The client goes on sending, or says nothing more: neither is waited for. */
-TEST_F(RequestReaderTest, DoesNotWaitBehindTheEndOfARequest)
+TEST_F(RequestReaderTest, DoesNotWaitAfterTheEndOfARequest)
 {
   for (const auto &[bytes, outcome] :
        {std::pair("OPEN\n\n", accepted({})),
@@ -283,7 +280,7 @@ TEST_F(RequestReaderTest, DoesNotWaitBehindTheEndOfARequest)
   }
 }
 
-TEST_F(RequestReaderTest, WaitsAsLongAsTheRequestMayGoOn)
+TEST_F(RequestReaderTest, WaitsWhileARequestIsIncomplete)
 {
   for (const char *bytes : {"", "O", "OPEN", "OPEN\r", "OPEN\n", "OPEN\na", "OPEN\na=b", "OPEN\na=b\n",
                             "OPEN\n\r", "OPEN\na\xe2\x80"}) {
@@ -295,7 +292,7 @@ TEST_F(RequestReaderTest, WaitsAsLongAsTheRequestMayGoOn)
   }
 }
 
-TEST_F(RequestReaderTest, TakesTheLongestRequest)
+TEST_F(RequestReaderTest, AcceptsTheLongestRequest)
 {
   const std::string begin = "OPEN\nevent_topic=";
   const std::string value(SERVER_MAX_REQUEST_BYTES - begin.size() - 2, 'x');
@@ -306,7 +303,7 @@ TEST_F(RequestReaderTest, TakesTheLongestRequest)
   EXPECT_EQ(left(), "SYNC\n");
 }
 
-TEST_F(RequestReaderTest, RefusesARequestThatIsOneByteLonger)
+TEST_F(RequestReaderTest, RefusesARequestOneByteTooLong)
 {
   const std::string begin = "OPEN\nevent_topic=";
   const std::string value(SERVER_MAX_REQUEST_BYTES - begin.size() - 1, 'x');
@@ -324,8 +321,7 @@ TEST_F(RequestReaderTest, RefusesAFirstLineWithoutEnd)
   EXPECT_EQ(wait_for_outcome(), refused(NO_REQUEST + "Request longer than 16 bytes"s));
 }
 
-/* Each turn of the main loop reads so much of a connection and no more. */
-TEST_F(RequestReaderTest, ReadsAPartOfALongRequestInATurn)
+TEST_F(RequestReaderTest, ReadsALongRequestInSeveralTurns)
 {
   constexpr int TURNS = 3;
   open();
@@ -338,8 +334,8 @@ TEST_F(RequestReaderTest, ReadsAPartOfALongRequestInATurn)
   }
 }
 
-/* However many lines there are in a turn, the system is asked twice: to look and to take. */
-TEST_F(RequestReaderTest, LooksOnceAndTakesOnceInATurn)
+/* The reader peeks once and reads once, regardless of the number of lines. */
+TEST_F(RequestReaderTest, MakesTwoSystemCallsInATurn)
 {
   open();
   std::string lines = "OPEN\n";
@@ -353,7 +349,7 @@ TEST_F(RequestReaderTest, LooksOnceAndTakesOnceInATurn)
   EXPECT_EQ(faults::read_call_count(), before + 2);
 }
 
-TEST_F(RequestReaderTest, GivesUpOnAClientThatSendsNothing)
+TEST_F(RequestReaderTest, TimesOutAClientThatSendsNothing)
 {
   open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
   const gint64 begin = g_get_monotonic_time();
@@ -363,7 +359,7 @@ TEST_F(RequestReaderTest, GivesUpOnAClientThatSendsNothing)
   EXPECT_LT(g_get_monotonic_time() - begin, 5 * G_TIME_SPAN_SECOND);
 }
 
-TEST_F(RequestReaderTest, GivesUpOnAHeaderWithoutEnd)
+TEST_F(RequestReaderTest, TimesOutAHeaderWithoutEnd)
 {
   open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
   ASSERT_TRUE(client_->send("OPEN\nevent=1\nptz"));
@@ -371,8 +367,8 @@ TEST_F(RequestReaderTest, GivesUpOnAHeaderWithoutEnd)
   EXPECT_EQ(wait_for_outcome(), refused(NO_HEADER + "Request not complete within 100 ms"s));
 }
 
-/* A byte now and then does not win more time, nor does one in every turn. */
-TEST_F(RequestReaderTest, GivesUpOnAClientThatTrickles)
+/* Single bytes, now and then or in each turn, do not extend the time. */
+TEST_F(RequestReaderTest, TimesOutAClientThatSendsSingleBytes)
 {
   for (const guint pause_ms : {SHORT_MS / 10, 0U}) {
     open(SERVER_MAX_REQUEST_BYTES, SHORT_MS);
@@ -393,17 +389,17 @@ TEST_F(RequestReaderTest, GivesUpOnAClientThatTrickles)
   }
 }
 
-TEST_F(RequestReaderTest, NamesTheErrorOfALostConnection)
+TEST_F(RequestReaderTest, ReportsTheErrorOfALostConnection)
 {
   open();
-  /* What a client leaves unread when it closes makes the other end's reading fail. */
+  /* A peer that closes with unread data resets the connection. */
   ASSERT_EQ(send(fd_, "x", 1, MSG_DONTWAIT), 1);
   client_->hang_up();
 
   EXPECT_EQ(wait_for_outcome(), refused(NO_REQUEST + "Connection reset by peer"s));
 }
 
-TEST_F(RequestReaderTest, NamesTheErrorOfAConnectionLostInTheHeader)
+TEST_F(RequestReaderTest, ReportsTheErrorOfAConnectionLostInTheHeader)
 {
   open();
   ASSERT_EQ(send(fd_, "x", 1, MSG_DONTWAIT), 1);
@@ -414,8 +410,7 @@ TEST_F(RequestReaderTest, NamesTheErrorOfAConnectionLostInTheHeader)
   EXPECT_EQ(wait_for_outcome(), refused(NO_HEADER + "Connection reset by peer"s));
 }
 
-/* It makes the socket readable, and there is nothing to read. */
-TEST_F(RequestReaderTest, GivesUpOnOutOfBandDataAlone)
+TEST_F(RequestReaderTest, UsesNoProcessorTimeForOutOfBandData)
 {
   open();
   ASSERT_EQ(client_->send_some("x", MSG_OOB), 1U);
@@ -440,14 +435,13 @@ TEST_F(RequestReaderTest, StopsReadingWhenItIsFreed)
   EXPECT_FALSE(client_->ended());
 }
 
-TEST_F(RequestReaderTest, RefusesToFreeNothing)
+TEST_F(RequestReaderTest, RefusesToFreeNull)
 {
   request_reader_free(nullptr);
   EXPECT_EQ(testhost::take_failed_preconditions(), (testhost::Texts{"self != NULL"}));
 }
 
-/* As somebody does who passes it on. */
-TEST_F(RequestReaderTest, MayBeFreedAsSoonAsItHasEnded)
+TEST_F(RequestReaderTest, CanBeFreedInItsCallback)
 {
   int fd = -1;
   Client client = Client::connect_pair(&fd);
