@@ -258,6 +258,29 @@ take_failed_preconditions()
   return expressions;
 }
 
+void
+expect_unknown_property_warnings(gpointer object, const char *property)
+{
+  constexpr guint UNKNOWN_ID = 99;
+  GObjectClass *object_class = G_OBJECT_GET_CLASS(object);
+  GParamSpec *pspec = g_object_class_find_property(object_class, property);
+  const bool writable = (pspec->flags & G_PARAM_WRITABLE) != 0;
+  const std::string warning = std::string("invalid property id 99 for \"") + property + "\" of type '" +
+                              G_OBJECT_TYPE_NAME(pspec) + "' in '" + G_OBJECT_TYPE_NAME(object) + "'";
+  g_auto(GValue) value = G_VALUE_INIT;
+
+  g_value_init(&value, pspec->value_type);
+  if (writable) {
+    object_class->set_property(G_OBJECT(object), UNKNOWN_ID, &value, pspec);
+  }
+  object_class->get_property(G_OBJECT(object), UNKNOWN_ID, &value, pspec);
+  const Texts messages = take_glib_messages();
+  EXPECT_EQ(messages.size(), writable ? 2U : 1U);
+  for (const std::string &message : messages) {
+    EXPECT_TRUE(message.ends_with(warning)) << message;
+  }
+}
+
 bool
 spin_until(const std::function<bool()> &condition, gint64 limit_us)
 {

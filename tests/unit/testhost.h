@@ -51,6 +51,10 @@ gsize glib_messages_size();
 /* The expressions of the failed preconditions in these messages. Any other message fails the test. */
 Texts take_failed_preconditions();
 
+/* Gets a property of a GObject under an id that its type does not know, and sets it if it is writable.
+ * Expects GLib's warning each time. */
+void expect_unknown_property_warnings(gpointer object, const char *property);
+
 /* Runs the default main context until @condition holds. FALSE when it does not within the bound. */
 bool spin_until(const std::function<bool()> &condition, gint64 limit_us = SPIN_LIMIT_US);
 
