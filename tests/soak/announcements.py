@@ -14,8 +14,8 @@ from external import numbered
 from fakereceiver import SAMPLE, FakeReceiver, Producer, message
 from installation import documented_limit
 from load import MISSING, WRONG, Budget, Failed, writable
-from receiver import LENGTH
-from tool import Tool, path_of
+from receiverclient import LENGTH
+from controlclient import ControlClient, path_of
 from visits import CHANNELS, WELL_BEHAVED
 
 # What all producers together say in a second.
@@ -56,7 +56,7 @@ class Announcements:
         self.load = load
         self.loop = asyncio.get_running_loop()
         self.budget = Budget(BYTES_PER_SECOND)
-        self.tool = Tool(load.bus)
+        self.control = ControlClient(load.bus)
         self.receiver = None
         self.comers = {}
         self.telling = set()
@@ -118,7 +118,7 @@ class Announcements:
         await self._wait_until_listed()
 
     def _are_listed(self):
-        return {path_of(name) for name in WELL_BEHAVED} <= self.tool.objects()
+        return {path_of(name) for name in WELL_BEHAVED} <= self.control.objects()
 
     async def _wait_until_listed(self):
         try:
@@ -164,7 +164,7 @@ class Announcements:
         self.kept.clear()
 
     def close(self):
-        self.tool.close()
+        self.control.close()
 
     # What producers say
 

@@ -7,7 +7,7 @@ from gi.repository import GLib
 
 from daemon import RADAR_TRACKER, VIDEO_TRACKER
 from load import WRONG, Failed
-from tool import NAME, PRODUCER, Tool, path_of
+from controlclient import NAME, PRODUCER, ControlClient, path_of
 from visits import SPARE_CHANNEL
 
 TRACKERS = (VIDEO_TRACKER, RADAR_TRACKER)
@@ -22,17 +22,17 @@ CALL_SECONDS = 60
 class Switcher:
     def __init__(self, load):
         self.load = load
-        self.tool = Tool(load.bus)
+        self.control = ControlClient(load.bus)
 
     def _start_calls(self):
         for number in range(self.load.chance.randrange(MOST_CALLS)):
             changes = [(SPARE_CHANNEL, bool(number % 2), f"storm {number}")]
-            self.tool.start_call(NAME, path_of(self.load.chance.choice(TRACKERS)), PRODUCER, "SetChannelsEnabled",
-                                 GLib.Variant("(a(ibs))", (changes,)))
+            self.control.start_call(NAME, path_of(self.load.chance.choice(TRACKERS)), PRODUCER, "SetChannelsEnabled",
+                                    GLib.Variant("(a(ibs))", (changes,)))
 
     def _set(self, tracker, changes):
-        self.tool.call(NAME, path_of(tracker), PRODUCER, "SetChannelsEnabled", GLib.Variant("(a(ibs))", (changes,)),
-                       CALL_SECONDS)
+        self.control.call(NAME, path_of(tracker), PRODUCER, "SetChannelsEnabled", GLib.Variant("(a(ibs))", (changes,)),
+                          CALL_SECONDS)
 
     def _storm(self):
         """Many calls at once and a long one; what each tracker is set to last has to be what it says then."""
@@ -42,7 +42,7 @@ class Switcher:
             changes = [(SPARE_CHANNEL, True, f"{last}, {number}")
                        for number in range(self.load.chance.randrange(1, MOST_CHANGES))]
             self._set(tracker, [*changes, (SPARE_CHANNEL, True, last)])
-        return [tracker for tracker in TRACKERS if (SPARE_CHANNEL, True, last) not in self.tool.channels(tracker)]
+        return [tracker for tracker in TRACKERS if (SPARE_CHANNEL, True, last) not in self.control.channels(tracker)]
 
     async def storm(self):
         try:
@@ -56,4 +56,4 @@ class Switcher:
 
     def close(self):
         with contextlib.suppress(GLib.Error):
-            self.tool.close()
+            self.control.close()

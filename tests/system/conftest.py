@@ -12,9 +12,9 @@ import pathlib
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "crowd", "daemon", "documents", "external", "fakereceiver",
-                               "fakeservice", "installation", "overdue", "promptness", "receiver", "refusals", "scenes",
-                               "simcamera", "tessardctl", "tool", "waiting")
+pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "external",
+                               "fakedaemon", "fakereceiver", "fakeservice", "installation", "overdue", "promptness",
+                               "receiverclient", "refusals", "scenes", "simcamera", "tessardctl", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -23,14 +23,16 @@ import gi
 gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
-from daemon import Daemon  # noqa: E402
+from controlclient import ControlClient, path_of  # noqa: E402
+from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon  # noqa: E402
 from external import BOTH_ENABLED, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
+from fakedaemon import FakeDaemon, GdpStream  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
+from fakeservice import FakeService, properties  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
 from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
-from tool import Tool  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
 
 
@@ -58,8 +60,8 @@ def bus(installation):
 
 @pytest.fixture(scope="session")
 def overdue_requests(installation):
-    """Requests that are never finished. They come with the first daemon, so that their long time-out passes while
-    other tests run. It is on a bus of its own, for the daemons of those tests want its name."""
+    """Requests that are never finished. They start with the session's first daemon, so that their long time-out elapses
+    while other tests run. Their daemon has a bus of its own, because the daemons of other tests own the same name."""
     own_bus = Bus(installation)
     daemon = Daemon(installation, own_bus)
     try:
@@ -74,7 +76,7 @@ def overdue_requests(installation):
 
 @pytest.fixture(scope="session")
 def overdue_start(installation):
-    """A daemon whose start takes long. The test that needs it first begins it; another waits for its end."""
+    """A daemon whose start takes long. The first test that uses it starts it; another test waits for its end."""
     start = OverdueStart(installation)
     yield start
     start.close()
@@ -82,7 +84,7 @@ def overdue_start(installation):
 
 @pytest.fixture(scope="session")
 def overdue_receiver(installation):
-    """A receiver that is silent for long. The test that needs it first begins it; another waits for its end."""
+    """A receiver that sends no reply for long. The first test that uses it starts it; another test waits for its end."""
     receiver = OverdueReceiver(installation)
     yield receiver
     receiver.close()
@@ -90,8 +92,7 @@ def overdue_receiver(installation):
 
 @pytest.fixture
 def launch(installation, bus, overdue_requests):
-    """Starts a daemon, by default on the session's bus, and does not wait for anything; see Daemon for the
-    arguments."""
+    """Starts a daemon, by default on the session's bus, and waits for nothing; see Daemon for the arguments."""
     with contextlib.ExitStack() as launched:
 
         def start(on=bus, **arguments):
@@ -104,7 +105,7 @@ def launch(installation, bus, overdue_requests):
 
 @pytest.fixture
 def start_daemon(launch):
-    """Starts a daemon and waits until it answers."""
+    """Starts a daemon and waits until it replies to requests."""
 
     def start(**arguments):
         daemon = launch(**arguments)
@@ -140,9 +141,9 @@ def camera(start_camera):
 
 
 @pytest.fixture
-def tool(bus):
-    """Somebody who switches producers."""
-    made = Tool(bus)
+def control(bus):
+    """A client of the daemon's control service."""
+    made = ControlClient(bus)
     yield made
     made.close()
 
@@ -157,14 +158,14 @@ def receiver(bus):
 
 
 @pytest.fixture
-def start_listing_daemon(receiver, tool, start_daemon):
+def start_listing_daemon(receiver, control, start_daemon):
     """Starts a daemon and waits until it lists all producers that the receiver has."""
 
     def start(**arguments):
         daemon = start_daemon(**{"plugins": EXTERNAL_PLUGINS, "producers": BOTH_ENABLED} | arguments)
-        wait_until_listed(tool, *(producer.name for producer in receiver.producers))
-        # Of the conversions, threads of GStreamer's may still be letting go.
-        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
+        wait_until_listed(control, *(producer.name for producer in receiver.producers))
+        # GStreamer threads of the conversions may still close descriptors.
+        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "the descriptors of the start are closed", 0.1)
         return daemon
 
     return start
@@ -172,7 +173,7 @@ def start_listing_daemon(receiver, tool, start_daemon):
 
 @pytest.fixture
 def start_bus(installation):
-    """Starts a bus that nobody else is on; see Bus for the arguments."""
+    """Starts a bus for this test alone; see Bus for the arguments."""
     with contextlib.ExitStack() as started:
 
         def start(**arguments):
@@ -190,7 +191,7 @@ def own_bus(start_bus):
 
 @pytest.fixture
 def stand_in_bus(start_bus):
-    """A bus where this process stands for the daemon."""
+    """A bus on which this process may own the daemon's name."""
     return start_bus(owner=testing_user())
 
 
@@ -202,36 +203,110 @@ def schema():
 
 
 @pytest.fixture(scope="session")
-def tool_under_test(workspace):
-    """Finds the tool, and lets GStreamer look at its plug-ins once, before a test with a time limit does."""
+def tessardctl(workspace):
+    """Checks that the program is there. Its first run makes GStreamer's registry, which tests with a time limit need."""
     if not os.path.isfile(os.environ.get("TESSARDCTL", "")):
-        pytest.fail("the environment variable TESSARDCTL must name the tool under test")
+        pytest.fail("the environment variable TESSARDCTL must name the program under test")
     assert Tessardctl("stream", "--socket", workspace.path / "nothing").finish().status == NO_CONNECTION
 
 
 @pytest.fixture(scope="session")
-def overdue_calls(tool_under_test, installation):
-    """tessardctl's calls that have no reply. They come with the first tool, as overdue requests do with the first
-    daemon."""
+def overdue_calls(tessardctl, installation):
+    """Calls of tessardctl that get no reply. They start with the session's first tessardctl, as the overdue requests do
+    with the first daemon."""
     calls = OverdueCalls(installation)
     yield calls
     calls.close()
 
 
 @pytest.fixture
-def start(overdue_calls):
-    """Starts tools, and leaves none behind."""
-    tools = []
+def start_tessardctl(overdue_calls):
+    """Starts tessardctl with these arguments."""
+    with contextlib.ExitStack() as started:
 
-    def start_tool(*args, **popen_args):
-        tools.append(Tessardctl(*args, **popen_args))
-        return tools[-1]
+        def start(*args, **popen_args):
+            command = Tessardctl(*args, **popen_args)
+            started.callback(command.clean_up)
+            return command
 
-    yield start_tool
-    for tool in tools:
-        tool.clean_up()
+        yield start
 
 
 @pytest.fixture
-def run(start):
-    return lambda *args, **popen_args: start(*args, **popen_args).finish()
+def run_tessardctl(start_tessardctl):
+    return lambda *args, **popen_args: start_tessardctl(*args, **popen_args).finish()
+
+
+@pytest.fixture
+def start_on_bus(start_tessardctl, stand_in_bus):
+    """Starts tessardctl with the bus of the test as the system bus."""
+
+    def start(*args, env=None, **popen_args):
+        bus = {"DBUS_SYSTEM_BUS_ADDRESS": stand_in_bus.address}
+        return start_tessardctl(*args, env=bus | (env or {}), **popen_args)
+
+    return start
+
+
+@pytest.fixture
+def run_on_bus(start_on_bus, tmp_path):
+    """Runs tessardctl on the bus of the test with a text as its standard input."""
+
+    def run(*args, stdin="[]", **popen_args):
+        path = tmp_path / "stdin"
+        path.write_text(stdin, encoding="utf-8")
+        with open(path, "rb") as file:
+            return start_on_bus(*args, stdin=file, **popen_args).finish()
+
+    return run
+
+
+@pytest.fixture
+def make_fake_service(stand_in_bus):
+    """Makes fake control services, which the test starts."""
+    with contextlib.ExitStack() as made:
+
+        def make():
+            service = FakeService(stand_in_bus)
+            made.callback(service.close)
+            return service
+
+        yield make
+
+
+@pytest.fixture
+def fake_service(make_fake_service):
+    """A fake control service with the two trackers, not started yet."""
+    service = make_fake_service()
+    service.producers = {
+        path_of(VIDEO_TRACKER): properties(VIDEO_TRACKER, "Quon video motion tracker",
+                                           [(2, False, ""), (1, True, "profile1")]),
+        path_of(RADAR_TRACKER): properties(RADAR_TRACKER, "Quon radar motion tracker", [(1, False, "")]),
+    }
+    return service
+
+
+@pytest.fixture
+def started_service(fake_service):
+    fake_service.start()
+    return fake_service
+
+
+@pytest.fixture
+def fake_daemon(tmp_path):
+    daemon = FakeDaemon(tmp_path / "metadata")
+    yield daemon
+    daemon.close()
+
+
+@pytest.fixture
+def gdp():
+    stream = GdpStream()
+    yield stream
+    stream.close()
+
+
+@pytest.fixture
+def start_stream(start_tessardctl, fake_daemon):
+    """Starts "tessardctl stream" with the fake daemon's socket."""
+    return lambda *args, **popen_args: start_tessardctl("stream", "--socket", fake_daemon.path, *args, **popen_args)

@@ -8,7 +8,7 @@ import re
 from client import header
 from daemon import WARNING, producers_enabled
 from installation import DOCUMENT_PLUGIN, JSON_PLUGIN
-from tool import path_of
+from controlclient import path_of
 from waiting import wait_until
 
 EXTERNAL_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
@@ -53,10 +53,10 @@ def expect_converter_warning(daemon):
     assert [match for match in matches if match[2] is None] == matches[:1]
 
 
-def wait_until_listed(tool, *names):
+def wait_until_listed(control, *names):
     """Waits until the daemon has these producers and no other external ones on the bus."""
     paths = {path_of(name) for name in names}
-    wait_until(lambda: tool.objects() == paths, f"{names} are listed")
+    wait_until(lambda: control.objects() == paths, f"{names} are listed")
 
 
 WRONG_SIGNAL = (WARNING, "left out a signal of the metadata receiver: it has the wrong type")

@@ -1,8 +1,8 @@
 """The daemon's side of the client protocol, one step at a time.
 
-A test starts the client and then walks through the connection itself: accept it, read the request, answer,
-send a piece of the stream, look at what else the client says. No step waits longer than BOUND_SECONDS.
-"""
+A test starts the client and then makes each step of the connection: accept it, read the request, send the reply, send
+a part of the stream, read what the client sends. No step waits longer than BOUND_SECONDS."""
+
 import fcntl
 import socket
 import struct
@@ -18,12 +18,25 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 METADATA_CAPS = "application/x-onvif-metadata"
 
-# The packet header of the GStreamer data protocol: the place of its type, the type of a packet with a buffer, and the
-# place of the length of the payload.
+# The packet header of the GStreamer data protocol: the position of the type, the type of a packet with a buffer, and the
+# position of the payload length.
 GDP_TYPE = slice(4, 6)
 GDP_BUFFER = b"\x00\x01"
 GDP_LENGTH = slice(6, 10)
 GDP_HEADER_BYTES = 62
+
+# The longest document that tessardctl reads.
+MAX_DOCUMENT_BYTES = 64 * 1024 * 1024
+
+
+def metadata(text):
+    return ('<tt:MetadataStream xmlns:tt="http://www.onvif.org/ver10/schema">'
+            f"<tt:Event>{text}</tt:Event></tt:MetadataStream>").encode()
+
+
+# Some documents, and the lines that tessardctl prints for them.
+DOCUMENTS = [metadata("first"), metadata("second"), metadata("third")]
+LINES = [document + b"\n" for document in DOCUMENTS]
 
 
 class FakeDaemon:
@@ -38,7 +51,7 @@ class FakeDaemon:
         self.connections = []
 
     def accept(self):
-        """The next client. Its connection lasts until it is closed, or the daemon is."""
+        """Accepts the next client. Closing the daemon closes the connection."""
         self.connections.append(Connection(self.listener.accept()[0]))
         return self.connections[-1]
 
@@ -49,7 +62,7 @@ class FakeDaemon:
         return connection
 
     def accept_stream(self):
-        """Accepts a client, reads its request and replies with OK."""
+        """Accepts a client, reads its request and sends the reply "OK"."""
         connection = self.accept_request()
         connection.send(b"OK\0")
         return connection
@@ -72,12 +85,12 @@ class Connection:
         data = b""
         while not data.endswith(b"\n\n"):
             chunk = self.sock.recv(65536)
-            assert chunk, f"the client hung up within its request, after {data!r}"
+            assert chunk, f"the client closed the connection within its request, after {data!r}"
             data += chunk
         return data
 
     def read(self, size):
-        """The next bytes from the client, fewer only at the end of the connection."""
+        """Reads `size` bytes from the client, fewer only at the end of the connection."""
         data = b""
         while len(data) < size:
             chunk = self.sock.recv(size - len(data))
@@ -96,7 +109,7 @@ class Connection:
         self.sock.sendall(data)
 
     def unread_by_client(self):
-        """The bytes that the client has not read yet, in kernel memory."""
+        """The number of sent bytes, with the kernel's overhead, that the client has not read."""
         return struct.unpack("i", fcntl.ioctl(self.sock, termios.TIOCOUTQ, b"\0" * 4))[0]
 
     def close(self):
@@ -104,7 +117,7 @@ class Connection:
 
 
 class GdpStream:
-    """Converts documents to the bytes of the daemon's payloader."""
+    """Converts documents to the bytes that the daemon's payloader makes."""
 
     def __init__(self, caps=METADATA_CAPS, checksum=True):
         Gst.init(None)
@@ -117,7 +130,7 @@ class GdpStream:
         self.pipeline.set_state(Gst.State.PLAYING)
 
     def document(self, data):
-        """The bytes up to the packet with @data and including it; the first ones of a stream have its caps."""
+        """The packets that end with the document; the first ones of a stream also carry its caps."""
         return b"".join(self.packets(data))
 
     def packets(self, data):
@@ -136,7 +149,7 @@ class GdpStream:
 
     def __pull(self):
         sample = self.sink.try_pull_sample(BOUND_SECONDS * Gst.SECOND)
-        assert sample is not None, "the payloader made nothing of it"
+        assert sample is not None, "no packet from the payloader"
         buffer = sample.get_buffer()
         return buffer.extract_dup(0, buffer.get_size())
 

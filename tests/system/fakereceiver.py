@@ -14,7 +14,7 @@ import time
 from gi.repository import Gio, GLib
 
 from fakeservice import StandIn
-from receiver import LENGTH, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from receiverclient import LENGTH, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS, wait_until
 
 # A sample frame that can be converted.

@@ -7,7 +7,7 @@ import threading
 from gi.repository import Gio, GLib
 
 from busclient import PROPERTIES, BusClient
-from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
 
 ARGUMENTS = {"GetManagedObjects": "", "SetProducersEnabled": "a{sa(ibs)}", "SetChannelsEnabled": "a(ibs)"}

@@ -16,7 +16,7 @@ from fakeservice import FakeService, properties
 from installation import PTZ_PLUGINS, Bus, documented_limit, testing_user
 from simcamera import PTZ, SimulatedCamera
 from tessardctl import Tessardctl
-from tool import Tool, path_of
+from controlclient import ControlClient, path_of
 from waiting import wait_until
 
 TIMEOUT_SECONDS = documented_limit("server.h", "SERVER_REQUEST_TIMEOUT_MS") / 1000
@@ -118,7 +118,7 @@ class OverdueReceiver:
 
     def __init__(self, installation):
         self.bus = Bus(installation)
-        self.tool = Tool(self.bus)
+        self.control = ControlClient(self.bus)
         self.receiver = FakeReceiver(self.bus)
         self.receiver.add(DETECTOR)
         self.kept = []
@@ -137,15 +137,15 @@ class OverdueReceiver:
             self.receiver.tell_objects(call)
 
     def is_silent(self):
-        return self.tool.objects() == set()
+        return self.control.objects() == set()
 
     def wait_until_listed(self):
         self.timer.join()
-        wait_until_listed(self.tool, DETECTOR)
+        wait_until_listed(self.control, DETECTOR)
 
     def close(self):
         self.timer.cancel()
-        self.tool.close()
+        self.control.close()
         self.receiver.close()
         self.daemon.log.take()
         self.daemon.finish()
@@ -159,20 +159,20 @@ class OverdueCall(threading.Thread):
         super().__init__(daemon=True)
         # On a busy machine the command may have begun to wait long before its start is over here.
         self.began = time.monotonic()
-        self.tool = Tessardctl(*words)
+        self.command = Tessardctl(*words)
         self.seconds = None
         self.patience_seconds = seconds + TOLERANCE_SECONDS
         self.start()
 
     def run(self):
-        self.out, self.err = self.tool.process.communicate()
+        self.out, self.err = self.command.process.communicate()
         self.seconds = time.monotonic() - self.began
 
     def wait(self):
         """The status and what was written, once the command has ended."""
         self.join(self.patience_seconds)
         assert not self.is_alive()
-        return self.tool.process.returncode, self.out, self.err
+        return self.command.process.returncode, self.out, self.err
 
 
 class OverdueCalls:
@@ -218,7 +218,7 @@ class OverdueCalls:
 
     def close(self):
         for call in self.calls.values():
-            call.tool.process.kill()
+            call.command.process.kill()
             call.wait()
         for service in self.services:
             service.close()

@@ -1,13 +1,32 @@
-"""tessardctl as a process. TESSARDCTL names the tool under test."""
+"""tessardctl as a process. TESSARDCTL names the program under test."""
 
 import os
 import select
 import signal
 import subprocess
+import typing
 
+from daemon import VIDEO_TRACKER
 from waiting import BOUND_SECONDS
 
 SUCCESS, REFUSED, USAGE, NO_CONNECTION, TIMED_OUT, ENDED, MALFORMED, LOCAL = range(8)
+
+# A valid command line of every command that uses the bus.
+BUS_COMMANDS = {
+    "producers": ["producers"],
+    "list": ["list"],
+    "show": ["show", VIDEO_TRACKER],
+    "enable": ["enable", VIDEO_TRACKER, "1", "profile1"],
+    "disable": ["disable", VIDEO_TRACKER, "1"],
+    "apply": ["apply", "-"],
+    "monitor": ["monitor"],
+}
+
+# What a configuration name must not contain, and its name in messages.
+BAD_CHARACTERS = [('"', "a quotation mark"), ("\\", "a backslash"), ("\n", "a control character"),
+                  ("\x01", "a control character"), ("\x7f", "a control character")]
+
+ENDED_TEXT = b"tessardctl: The daemon ended the stream.\n"
 
 
 def read_some(fd):
@@ -17,7 +36,7 @@ def read_some(fd):
 
 
 def read_lines(fd, count):
-    """Exactly @count lines; the output must not have more by then."""
+    """Reads exactly `count` lines; fails if more have been written by then."""
     data = b""
     while data.count(b"\n") < count:
         chunk = read_some(fd)
@@ -27,9 +46,15 @@ def read_lines(fd, count):
     return data.splitlines(keepends=True)
 
 
-class Result:
-    def __init__(self, status, out, err):
-        self.status, self.out, self.err = status, out, err
+class Result(typing.NamedTuple):
+    status: int
+    out: bytes
+    err: bytes
+
+
+def failure(status, text, out=b""):
+    """The result of a command that ends with this message."""
+    return Result(status, out, f"tessardctl: {text}\n".encode())
 
 
 class Tessardctl:
@@ -45,12 +70,16 @@ class Tessardctl:
     def out(self):
         return self.process.stdout.fileno()
 
+    def lines(self, count):
+        """The next lines of the output, as text."""
+        return [line.decode().removesuffix("\n") for line in read_lines(self.out, count)]
+
     def kill(self, number=signal.SIGINT):
         self.process.send_signal(number)
 
     def finish(self):
         out, err = self.process.communicate(timeout=BOUND_SECONDS)
-        return Result(self.process.returncode, out, err)
+        return Result(self.process.returncode, out or b"", err or b"")
 
     def end_by(self, number=signal.SIGINT):
         self.kill(number)

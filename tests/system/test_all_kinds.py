@@ -15,7 +15,7 @@ from documents import EVENTS, INITIALIZED, LINE_CROSSED, PTZ, SCENE
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN,
                           SIMULATED_PLUGINS)
 from scenes import BUSY_SECONDS, ROUNDING, Tracks, interpolate
-from tool import path_of
+from controlclient import path_of
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 # The simulated camera's external producer of persons.
@@ -40,7 +40,7 @@ PRODUCERS = producers_enabled({
 
 
 @pytest.fixture
-def start_full_daemon(start_camera, start_daemon, tool):
+def start_full_daemon(start_camera, start_daemon, control):
     """Starts a camera that has everything on all of its channels, and a daemon on it that knows the external producer
     unless it cannot convert what that says."""
 
@@ -50,7 +50,7 @@ def start_full_daemon(start_camera, start_daemon, tool):
                     "world_seconds": BUSY_SECONDS, "ptz_channels": (1, 2, 3)}
         daemon = start_daemon(**defaults | arguments)
         if JSON_PLUGIN in daemon.plugins:
-            wait_until(lambda: path_of(PERSONS_PRODUCER) in tool.objects(), "the external producer is listed")
+            wait_until(lambda: path_of(PERSONS_PRODUCER) in control.objects(), "the external producer is listed")
         return daemon
 
     return start

@@ -151,7 +151,7 @@ ENDING_LIMIT = 2048
 ANSWERS_BETWEEN = 5
 
 
-def test_clients_that_end_at_once_keep_nobody(start_daemon, tool):
+def test_clients_that_end_at_once_keep_nobody(start_daemon, control):
     daemon = start_daemon()
     daemon.limit_descriptors(ENDING_LIMIT)
     with contextlib.ExitStack() as stack:
@@ -165,7 +165,7 @@ def test_clients_that_end_at_once_keep_nobody(start_daemon, tool):
         answers = 0
         deadline = time.monotonic() + BOUND_SECONDS
         while daemon.descriptors() > daemon.idle_descriptors and time.monotonic() < deadline:
-            tool.objects()
+            control.objects()
             answers += 1
         for client in clients:
             client.read_to_end()

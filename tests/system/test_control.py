@@ -11,7 +11,7 @@ from daemon import (NAME_ACQUIRED_LINE, NAME_REFUSED_LINES, NO_BUS_LINE, NO_CONN
 from fakereceiver import all_connected
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
 from simcamera import CAPTURE
-from tool import NAME, Tool, path_of
+from controlclient import NAME, ControlClient, path_of
 from waiting import BOUND_SECONDS, wait_until
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
@@ -56,63 +56,63 @@ def source_of_scenes(daemon):
 # What it shows and changes
 
 
-def test_built_in_producers_are_listed(daemon, tool):
-    assert tool.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
+def test_built_in_producers_are_listed(daemon, control):
+    assert control.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
     for producer in (VIDEO_TRACKER, RADAR_TRACKER):
-        properties = tool.properties(producer)
+        properties = control.properties(producer)
         assert properties["Name"] == producer
         assert properties["SampleFrameXML"].startswith("<tt:SampleFrame ")
         assert properties["ChannelsEnabled"] == [(1, False, ""), (2, False, "")]
 
 
-def test_producers_without_their_plugin_are_not_listed(start_daemon, tool):
+def test_producers_without_their_plugin_are_not_listed(start_daemon, control):
     start_daemon()
 
-    assert tool.objects() == set()
+    assert control.objects() == set()
 
 
-def test_enabling_a_producer_answers_requests_for_it(camera, daemon, tool):
+def test_enabling_a_producer_answers_requests_for_it(camera, daemon, control):
     assert source_of_scenes(daemon) is None
 
-    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     assert source_of_scenes(daemon) == "left door"
 
-    tool.set_producers({VIDEO_TRACKER: [(1, True, "right door")]})
+    control.set_producers({VIDEO_TRACKER: [(1, True, "right door")]})
     assert source_of_scenes(daemon) == "right door"
 
-    tool.set_channels(VIDEO_TRACKER, (1, False, ""))
+    control.set_channels(VIDEO_TRACKER, (1, False, ""))
     assert source_of_scenes(daemon) is None
 
 
-def test_running_streams_keep_what_they_began_with(camera, daemon, tool):
-    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+def test_running_streams_keep_what_they_began_with(camera, daemon, control):
+    control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     with daemon.client() as client:
         stream = client.start(SCENES)
         stream.next_document()
 
-        tool.set_channels(VIDEO_TRACKER, (1, False, ""))
+        control.set_channels(VIDEO_TRACKER, (1, False, ""))
         for _ in range(3):
             stream.next_document()
 
 
-def test_restart_keeps_what_was_enabled(camera, start, tool):
+def test_restart_keeps_what_was_enabled(camera, start, control):
     first = start()
-    tool.set_producers({VIDEO_TRACKER: [(1, True, "door \"ä\" = [x]\n")], RADAR_TRACKER: [(2, True, " yard ")]})
+    control.set_producers({VIDEO_TRACKER: [(1, True, "door \"ä\" = [x]\n")], RADAR_TRACKER: [(2, True, " yard ")]})
     first.end()
     start(producers=first.producers_conf.read_text(encoding="utf-8"))
 
-    assert tool.channels(VIDEO_TRACKER) == [(1, True, "door \"ä\" = [x]\n"), (2, False, "")]
-    assert tool.channels(RADAR_TRACKER) == [(1, False, ""), (2, True, " yard ")]
+    assert control.channels(VIDEO_TRACKER) == [(1, True, "door \"ä\" = [x]\n"), (2, False, "")]
+    assert control.channels(RADAR_TRACKER) == [(1, False, ""), (2, True, " yard ")]
 
 
-def test_refused_calls_change_nothing(daemon, tool):
+def test_refused_calls_change_nothing(daemon, control):
     before = daemon.producers_conf.read_text(encoding="utf-8")
 
     with pytest.raises(GLib.Error) as failed:
-        tool.set_channels(VIDEO_TRACKER, (1, True, "x"), (-1, True, "x"))
+        control.set_channels(VIDEO_TRACKER, (1, True, "x"), (-1, True, "x"))
     assert error_text(failed.value) == "Tried to enable/disable producer on non-supported channel"
     with pytest.raises(GLib.Error) as failed:
-        tool.set_producers({"Nobody": [], VIDEO_TRACKER: [(1, True, "x")]})
+        control.set_producers({"Nobody": [], VIDEO_TRACKER: [(1, True, "x")]})
     assert error_text(failed.value) == "Producer with specified name does not exist"
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
 
@@ -121,46 +121,46 @@ def test_refused_calls_change_nothing(daemon, tool):
 HUGE_NAME = "x" * (17 * 1024 * 1024)
 
 
-def test_huge_names_are_refused_and_the_bus_keeps_the_daemon(daemon, tool):
+def test_huge_names_are_refused_and_the_bus_keeps_the_daemon(daemon, control):
     before = daemon.producers_conf.read_text(encoding="utf-8")
 
-    for change in (lambda: tool.set_channels(VIDEO_TRACKER, (1, True, HUGE_NAME)),
-                   lambda: tool.set_producers({RADAR_TRACKER: [(1, True, HUGE_NAME)]})):
+    for change in (lambda: control.set_channels(VIDEO_TRACKER, (1, True, HUGE_NAME)),
+                   lambda: control.set_producers({RADAR_TRACKER: [(1, True, HUGE_NAME)]})):
         with pytest.raises(GLib.Error) as failed:
             change()
         assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.LimitsExceeded"
         assert error_text(failed.value) == f"Configuration name is longer than {NAME_BYTES} bytes"
-    assert tool.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
-    assert set(tool.names(VIDEO_TRACKER, RADAR_TRACKER).values()) == {""}
+    assert control.objects() == {path_of(VIDEO_TRACKER), path_of(RADAR_TRACKER)}
+    assert set(control.names(VIDEO_TRACKER, RADAR_TRACKER).values()) == {""}
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
 
 
-def test_longest_name_is_taken(daemon, tool):
+def test_longest_name_is_taken(daemon, control):
     name = "ü" * (NAME_BYTES // 2)
-    tool.set_channels(VIDEO_TRACKER, (1, True, name))
+    control.set_channels(VIDEO_TRACKER, (1, True, name))
 
-    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER)[VIDEO_TRACKER, 1] == name
+    assert control.names(VIDEO_TRACKER, RADAR_TRACKER)[VIDEO_TRACKER, 1] == name
     assert stored_names(daemon.producers_conf)[VIDEO_TRACKER, 1] == name
 
 
-def test_longer_name_in_the_file_is_used_and_told(launch, tool):
+def test_longer_name_in_the_file_is_used_and_told(launch, control):
     name = "x" * (NAME_BYTES + 1)
     daemon = launch(plugins=PLUGINS, producers=producers_enabled({(VIDEO_TRACKER, 1): name}))
     daemon.start_lines.insert(1, (WARNING, f"configuration name longer than {NAME_BYTES} bytes in producers.conf: "
                                            f"Producers.0.{VIDEO_TRACKER}"))
     daemon.wait_until_ready()
 
-    assert tool.channels(VIDEO_TRACKER) == [(1, True, name), (2, False, "")]
+    assert control.channels(VIDEO_TRACKER) == [(1, True, name), (2, False, "")]
 
 
 # Many calls
 
 
-def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
+def test_two_tools_at_once_lose_nothing(bus, daemon, control):
     acknowledged = {VIDEO_TRACKER: 0, RADAR_TRACKER: 0}
 
     def switch(producer):
-        own = Tool(bus)
+        own = ControlClient(bus)
         for i in range(CALLS):
             if i % 2:
                 own.set_channels(producer, (1, True, f"{producer} {i}"))
@@ -179,7 +179,7 @@ def test_two_tools_at_once_lose_nothing(bus, daemon, tool):
     assert acknowledged == {VIDEO_TRACKER: CALLS, RADAR_TRACKER: CALLS}
     expected = {(producer, channel): name for producer in acknowledged
                 for channel, name in ((1, f"{producer} {CALLS - 1}"), (2, f"{producer} last"))}
-    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == expected
+    assert control.names(VIDEO_TRACKER, RADAR_TRACKER) == expected
     assert stored_names(daemon.producers_conf) == expected
 
 
@@ -232,9 +232,9 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start):
 def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera):
     with all_connected(own_bus):
         daemon = start(on=own_bus)
-    tool = Tool(own_bus)
-    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
-    tool.close()
+    control = ControlClient(own_bus)
+    control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    control.close()
 
     own_bus.stop()
     assert daemon.log.take(2) == NO_CONNECTION_LINES

@@ -13,7 +13,7 @@ from gi.repository import Gio, GLib
 from client import header
 from daemon import VIDEO_TRACKER, WARNING
 from installation import BUS_CONFIGURATION, EVENT_PLUGINS, JSON_PLUGIN, SCENE_PLUGIN, run_by_root
-from tool import NAME, OBJECT_MANAGER, ROOT, Tool
+from controlclient import NAME, OBJECT_MANAGER, ROOT, ControlClient
 from waiting import BOUND_SECONDS, wait_until
 
 PLUGINS = (*EVENT_PLUGINS, SCENE_PLUGIN, JSON_PLUGIN)
@@ -116,12 +116,12 @@ def sent_by(peers):
     return [int(peer.communicate(timeout=BOUND_SECONDS)[0]) for peer in peers]
 
 
-def error_of_call_with_descriptor(tool):
+def error_of_call_with_descriptor(control):
     descriptors = Gio.UnixFDList.new()
     descriptors.append(sys.stdout.fileno())
     with pytest.raises(GLib.Error) as failed:
-        tool.connection.call_with_unix_fd_list_sync(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects", None, None,
-                                                    Gio.DBusCallFlags.NONE, -1, descriptors, None)
+        control.connection.call_with_unix_fd_list_sync(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects", None, None,
+                                                       Gio.DBusCallFlags.NONE, -1, descriptors, None)
     return Gio.DBusError.get_remote_error(failed.value)
 
 
@@ -137,16 +137,16 @@ def ask_with_platform(daemon):
 
 
 def endure(daemon, bus, destination, limit):
-    """Has a client and a tool served while the storm lasts, and sees that it leaves nothing."""
-    tool = Tool(bus)
+    """Has a client and a control served while the storm lasts, and sees that it leaves nothing."""
+    control = ControlClient(bus)
     with daemon.client() as client:
         stream = client.start()
         stream.next_document()
         daemon.limit_descriptors(limit_of(daemon, limit))
         served = 0
-        with storm(bus, tool.owner_of(NAME) if destination == "unique name" else NAME) as peers:
+        with storm(bus, control.owner_of(NAME) if destination == "unique name" else NAME) as peers:
             while any(peer.poll() is None for peer in peers):
-                tool.set_channels(VIDEO_TRACKER, (1, True, f"name {served}"))
+                control.set_channels(VIDEO_TRACKER, (1, True, f"name {served}"))
                 client.sync()
                 stream.next_document()
                 if limit:
@@ -158,7 +158,7 @@ def endure(daemon, bus, destination, limit):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all descriptors are closed")
     with daemon.client() as client:
         client.start().next_document()
-    return tool
+    return control
 
 
 @pytest.mark.parametrize("destination, limit", [("name", 512), ("unique name", None)])
@@ -166,14 +166,14 @@ def test_storm_that_the_bus_lets_through(open_bus, start_camera, start_daemon, d
     start_camera(on=open_bus)
     daemon = start_daemon(on=open_bus, plugins=PLUGINS)
     began = time.monotonic()
-    tool = endure(daemon, open_bus, destination, limit)
+    control = endure(daemon, open_bus, destination, limit)
 
     lines = daemon.log.take(1)
     assert {priority for priority, _ in lines} == {WARNING}
     assert [text for _, text in lines if not REFUSED_LINE.fullmatch(text)] == []
     assert len(lines) <= time.monotonic() - began + 1
-    assert error_of_call_with_descriptor(tool) == "org.freedesktop.DBus.Error.NotSupported"
-    tool.close()
+    assert error_of_call_with_descriptor(control) == "org.freedesktop.DBus.Error.NotSupported"
+    control.close()
     daemon.log.take()
 
 
@@ -181,9 +181,9 @@ def test_storm_that_the_bus_lets_through(open_bus, start_camera, start_daemon, d
 def test_storm_that_the_policy_stops(own_bus, start_camera, start_daemon, destination, limit):
     start_camera(on=own_bus)
     daemon = start_daemon(on=own_bus, plugins=PLUGINS)
-    tool = endure(daemon, own_bus, destination, limit)
+    control = endure(daemon, own_bus, destination, limit)
 
-    assert error_of_call_with_descriptor(tool) == "org.freedesktop.DBus.Error.AccessDenied"
-    tool.close()
+    assert error_of_call_with_descriptor(control) == "org.freedesktop.DBus.Error.AccessDenied"
+    control.close()
     # Of what had come through, the daemon would have logged that it refused it.
     assert daemon.log.take() == []

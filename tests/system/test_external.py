@@ -191,21 +191,21 @@ def test_name_that_breaks_its_own_frames_costs_nobody_else(receiver, start_listi
 # Switching producers on the bus
 
 
-def test_enabled_renamed_and_disabled_while_clients_stream(receiver, tool, start_listing_daemon):
+def test_enabled_renamed_and_disabled_while_clients_stream(receiver, control, start_listing_daemon):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon(producers="")
     expect_nothing(daemon, analytics=1)
 
-    tool.set_channels(DETECTOR, (1, True, "first"))
+    control.set_channels(DETECTOR, (1, True, "first"))
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         first = detector.wait_for_stream()
         first.send(numbered(1))
         expect_told(stream, ("first", 1))
 
-        tool.set_channels(DETECTOR, (1, True, "second"))
+        control.set_channels(DETECTOR, (1, True, "second"))
         assert source_of(daemon, detector, 2) == "second"
-        tool.set_channels(DETECTOR, (1, False, ""))
+        control.set_channels(DETECTOR, (1, False, ""))
         expect_nothing(daemon, analytics=1)
 
         # What streams keeps what it had.
@@ -215,12 +215,12 @@ def test_enabled_renamed_and_disabled_while_clients_stream(receiver, tool, start
     expect_idle(daemon)
 
 
-def test_enabled_producer_does_not_join_what_streams(receiver, tool, start_listing_daemon):
+def test_enabled_producer_does_not_join_what_streams(receiver, control, start_listing_daemon):
     detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
     daemon = start_listing_daemon(producers=DETECTOR_ENABLED)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
-        tool.set_channels(COUNTER, (1, True, YARD))
+        control.set_channels(COUNTER, (1, True, YARD))
         assert source_of(daemon, counter, 1) == YARD
 
         detector.wait_for_stream().send(numbered(2))
@@ -231,12 +231,12 @@ def test_enabled_producer_does_not_join_what_streams(receiver, tool, start_listi
 # Built-in producers
 
 
-def test_built_in_producer_does_not_count(start_camera, receiver, tool, start_daemon):
+def test_built_in_producer_does_not_count(start_camera, receiver, control, start_daemon):
     start_camera("--services", f"{CAPTURE},{SCENES}")
     detector = receiver.add(DETECTOR)
     daemon = start_daemon(plugins=(SCENE_PLUGIN, *EXTERNAL_PLUGINS), world_seconds=4, speed=4,
                           producers=producers_enabled({(VIDEO_TRACKER, 1): "video"}))
-    wait_until_listed(tool, VIDEO_TRACKER, DETECTOR)
+    wait_until_listed(control, VIDEO_TRACKER, DETECTOR)
     with daemon.client() as client:
         documents = itertools.islice(client.start(ANALYTICS).documents(), 10)
 
@@ -260,12 +260,12 @@ def test_without_the_converter_there_are_no_analytics(start_daemon, start_camera
         assert client.start(header(event=1)).next_document().kind == EVENTS
 
 
-def test_without_the_converter_no_producer_is_listed(receiver, tool, start_daemon):
+def test_without_the_converter_no_producer_is_listed(receiver, control, start_daemon):
     daemon = start_daemon(plugins=())
     receiver.add(DETECTOR)
 
     assert daemon.log.take(1) == [(WARNING, f"failed to convert sample frame from: {DETECTOR}")]
-    assert tool.objects() == set()
+    assert control.objects() == set()
 
 
 # Wrong values

@@ -18,7 +18,7 @@ from documents import Document
 from external import ANALYTICS, COUNTER, DETECTOR, NUMBER, SOURCE, numbered
 from fakereceiver import message
 from installation import SANITIZED
-from receiver import LENGTH
+from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 # Whoever sees something odd once sees it again.

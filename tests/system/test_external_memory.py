@@ -13,7 +13,7 @@ from daemon import ERROR, producers_enabled
 from external import ANALYTICS, COUNTER, DETECTOR, GATE, expect_converter_warning, expect_told, numbered
 from installation import SANITIZED, documented_limit
 from promptness import expect_prompt, times
-from receiver import LENGTH
+from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 MIB = 1024 * 1024
@@ -137,15 +137,15 @@ def answer_with_long_messages(call):
     os.close(fd)
 
 
-def test_reading_long_messages_keeps_nobody_waiting(receiver, start_listing_daemon, tool):
+def test_reading_long_messages_keeps_nobody_waiting(receiver, start_listing_daemon, control):
     detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
     detector.on_stream = answer_with_long_messages
     daemon = start_listing_daemon()
-    undisturbed = times(tool.objects)
+    undisturbed = times(control.objects)
     with contextlib.ExitStack() as running:
         for _ in range(LONG_READERS):
             running.enter_context(daemon.client()).start(ANALYTICS)
-        disturbed = times(tool.objects)
+        disturbed = times(control.objects)
         # They are still being read.
         assert daemon.descriptors() > daemon.idle_descriptors + LONG_READERS
         counter.wait_for_stream(LONG_READERS)

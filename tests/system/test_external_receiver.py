@@ -18,9 +18,9 @@ from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DE
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
 from overdue import PATIENCE_SECONDS
-from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from receiverclient import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import RECEIVER
-from tool import Tool
+from controlclient import ControlClient
 from waiting import BOUND_SECONDS, wait_until
 
 MAX_PRODUCERS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_PRODUCERS")
@@ -92,7 +92,7 @@ def test_silent_receiver_delays_nobody(overdue_receiver):
 
 
 @pytest.mark.parametrize("first", ["daemon", "receiver"])
-def test_producers_are_listed_whoever_is_first(receiver, start_daemon, tool, first):
+def test_producers_are_listed_whoever_is_first(receiver, start_daemon, control, first):
     def announce():
         receiver.add(DETECTOR, channels=(3, 1, 2))
         receiver.add(COUNTER, channels=())
@@ -102,43 +102,43 @@ def test_producers_are_listed_whoever_is_first(receiver, start_daemon, tool, fir
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
     if first == "daemon":
         announce()
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
-    properties = tool.properties(DETECTOR)
+    properties = control.properties(DETECTOR)
     assert (properties["Name"], properties["NiceName"]) == (DETECTOR, f"The {DETECTOR}")
     # In the order announced.
     assert properties["ChannelsEnabled"] == [(3, False, ""), (1, True, GATE), (2, False, "")]
-    assert tool.channels(COUNTER) == []
+    assert control.channels(COUNTER) == []
     assert daemon.log.take() == []
 
 
-def test_sample_frame_is_converted(receiver, daemon, tool):
+def test_sample_frame_is_converted(receiver, daemon, control):
     receiver.add(DETECTOR, sample='{"Objects":[{"Id":7,"Type":"Human","Likelihood":0.5}],"Deleted":[6]}')
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
-    frame = etree.fromstring(tool.properties(DETECTOR)["SampleFrameXML"])
+    frame = etree.fromstring(control.properties(DETECTOR)["SampleFrameXML"])
     assert frame.tag == f"{{{NAMESPACES['tt']}}}SampleFrame"
     assert frame.get("Source") == DETECTOR
     assert [found.get("ObjectId") for found in frame.iterfind("tt:Object", NAMESPACES)] == ["7"]
     assert frame.xpath("string(.//tt:Class/tt:Type)", namespaces=NAMESPACES) == "Human"
 
 
-def test_producer_that_goes_is_listed_no_more(receiver, daemon, tool):
+def test_producer_that_goes_is_listed_no_more(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
 
         receiver.remove(detector)
-        wait_until_listed(tool, COUNTER)
+        wait_until_listed(control, COUNTER)
         # What streams goes on.
         running.send(numbered(1))
         expect_told(stream, (GATE, 1))
 
         receiver.announce(detector)
-        wait_until_listed(tool, DETECTOR, COUNTER)
+        wait_until_listed(control, DETECTOR, COUNTER)
         with daemon.client() as second:
             other = second.start(ANALYTICS)
             detector.wait_for_stream(2).send(numbered(2))
@@ -146,19 +146,19 @@ def test_producer_that_goes_is_listed_no_more(receiver, daemon, tool):
     assert daemon.log.take() == []
 
 
-def test_producers_that_come_and_go_leave_nothing_behind(receiver, daemon, tool):
+def test_producers_that_come_and_go_leave_nothing_behind(receiver, daemon, control):
     for _ in range(50):
         detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
         receiver.remove(detector)
         receiver.remove(counter)
     receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the conversions' descriptors are closed")
     assert daemon.log.take() == []
 
 
-def test_producers_are_limited_in_number(receiver, daemon, tool):
+def test_producers_are_limited_in_number(receiver, daemon, control):
     # One after the other, none of which is ever listed.
     hopeless = Producer("odd")
     fail_with(hopeless, "no")
@@ -169,54 +169,54 @@ def test_producers_are_limited_in_number(receiver, daemon, tool):
     listed = [receiver.add(f"listed{number}") for number in range(MAX_PRODUCERS)]
     last = receiver.add("last")
     assert daemon.log.take(1) == [left_out(last, "there are too many")]
-    wait_until_listed(tool, *(producer.name for producer in listed))
+    wait_until_listed(control, *(producer.name for producer in listed))
 
     receiver.remove(listed.pop())
     receiver.remove(last)
     receiver.announce(last)
-    wait_until_listed(tool, "last", *(producer.name for producer in listed))
+    wait_until_listed(control, "last", *(producer.name for producer in listed))
 
 
 # Names that are taken
 
 
-def test_producer_named_like_a_built_in_one_is_refused(receiver, start_daemon, tool):
+def test_producer_named_like_a_built_in_one_is_refused(receiver, start_daemon, control):
     daemon = start_daemon(plugins=(SCENE_PLUGIN, *EXTERNAL_PLUGINS))
-    before = tool.properties(VIDEO_TRACKER)
+    before = control.properties(VIDEO_TRACKER)
     intruder = receiver.add(VIDEO_TRACKER)
     assert daemon.log.take(1) == [already_there(VIDEO_TRACKER)]
-    assert tool.properties(VIDEO_TRACKER) == before
+    assert control.properties(VIDEO_TRACKER) == before
 
     receiver.remove(intruder)
     receiver.add(DETECTOR)
-    wait_until_listed(tool, VIDEO_TRACKER, DETECTOR)
-    assert tool.properties(VIDEO_TRACKER) == before
+    wait_until_listed(control, VIDEO_TRACKER, DETECTOR)
+    assert control.properties(VIDEO_TRACKER) == before
 
 
-def test_second_object_of_the_same_name_is_refused(receiver, daemon, tool):
+def test_second_object_of_the_same_name_is_refused(receiver, daemon, control):
     first = receiver.add(DETECTOR, channels=(1,))
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     second = receiver.add(DETECTOR, element="second", channels=(2,))
     assert daemon.log.take(1) == [already_there(DETECTOR)]
 
     receiver.remove(second)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
-    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [1]
+    wait_until_listed(control, DETECTOR, COUNTER)
+    assert [channel for channel, _, _ in control.channels(DETECTOR)] == [1]
     receiver.remove(first)
-    wait_until_listed(tool, COUNTER)
+    wait_until_listed(control, COUNTER)
 
 
-def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon, tool):
+def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
     detector.properties["Name"] = GLib.Variant("s", COUNTER)
     receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
                   GLib.Variant("(sa{sv}as)", (PRODUCER, {"Name": detector.properties["Name"]}, [])))
     receiver.remove(detector)
-    wait_until_listed(tool, COUNTER)
+    wait_until_listed(control, COUNTER)
 
 
 # What is announced wrongly
@@ -242,7 +242,7 @@ def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon
     pytest.param("SupportedChannels", GLib.Variant("au", range(1, MAX_CHANNELS + 2)), "it supports too many channels",
                  id="many channels"),
 ])
-def test_wrong_property_costs_its_object_alone(receiver, daemon, tool, name, value, reason):
+def test_wrong_property_costs_its_object_alone(receiver, daemon, control, name, value, reason):
     odd = Producer("odd")
     if value is None:
         del odd.properties[name]
@@ -252,58 +252,58 @@ def test_wrong_property_costs_its_object_alone(receiver, daemon, tool, name, val
     receiver.add(DETECTOR)
 
     assert daemon.log.take(1) == [left_out(odd, reason)]
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     receiver.remove(odd)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
     assert daemon.log.take() == []
 
 
-def test_longest_names_are_listed(receiver, daemon, tool):
+def test_longest_names_are_listed(receiver, daemon, control):
     name = "x" * MAX_NAME_BYTES
     producer = Producer(name, channels=range(1, MAX_CHANNELS + 1))
     producer.properties["NiceName"] = GLib.Variant("s", "y" * MAX_NICE_NAME_BYTES)
     receiver.announce(producer)
-    wait_until_listed(tool, name)
+    wait_until_listed(control, name)
 
-    assert tool.properties(name)["NiceName"] == "y" * MAX_NICE_NAME_BYTES
-    assert len(tool.channels(name)) == MAX_CHANNELS
+    assert control.properties(name)["NiceName"] == "y" * MAX_NICE_NAME_BYTES
+    assert len(control.channels(name)) == MAX_CHANNELS
 
 
-def test_object_without_the_interface_costs_itself_alone(receiver, daemon, tool):
+def test_object_without_the_interface_costs_itself_alone(receiver, daemon, control):
     other = Producer("other")
     other.interfaces = {"com.quon.MetadataReceiver1.Consumer": other.properties}
     receiver.announce(other)
     receiver.add(DETECTOR)
 
     assert daemon.log.take(1) == [left_out(other, f"it has no interface {PRODUCER}")]
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     receiver.remove(other)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
 
-def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_again(receiver, daemon, tool):
+def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_again(receiver, daemon, control):
     detector = Producer(DETECTOR)
     detector.interfaces = {PRODUCER: detector.properties, "com.quon.MetadataReceiver1.Consumer": {}}
     receiver.announce(detector)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
 
         receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (detector.path, [PRODUCER])))
-        wait_until_listed(tool)
+        wait_until_listed(control)
         running.send(numbered(1))
         expect_told(stream, (GATE, 1))
 
     receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                   GLib.Variant("(oa{sa{sv}})", (detector.path, {PRODUCER: detector.properties})))
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     assert daemon.log.take() == []
 
 
-def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, daemon, tool):
+def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, daemon, control):
     listed = [Producer(f"listed{number}") for number in range(MAX_PRODUCERS)]
     for producer in listed:
         producer.interfaces = {PRODUCER: producer.properties, "com.quon.MetadataReceiver1.Consumer": {}}
@@ -313,27 +313,27 @@ def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, dae
 
     first = listed.pop(0)
     receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (first.path, [PRODUCER])))
-    wait_until_listed(tool, "last", *(producer.name for producer in listed))
+    wait_until_listed(control, "last", *(producer.name for producer in listed))
 
 
-def test_producers_that_were_too_many_are_listed_when_others_go(receiver, daemon, tool):
+def test_producers_that_were_too_many_are_listed_when_others_go(receiver, daemon, control):
     producers = [receiver.add(f"producer{number}") for number in range(MAX_PRODUCERS + TOO_MANY)]
     lines = [left_out(producer, "there are too many") for producer in producers[MAX_PRODUCERS:]]
     lines[LOG_BURST:] = [with_count(lines[-1], TOO_MANY - LOG_BURST - 1)]
     assert daemon.log.take(len(lines)) == lines
-    wait_until_listed(tool, *(producer.name for producer in producers[:MAX_PRODUCERS]))
+    wait_until_listed(control, *(producer.name for producer in producers[:MAX_PRODUCERS]))
 
     for producer in producers[:GOING]:
         receiver.remove(producer)
-    wait_until_listed(tool, *(producer.name for producer in producers[GOING:]))
+    wait_until_listed(control, *(producer.name for producer in producers[GOING:]))
     assert daemon.log.take() == []
 
 
-def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, tool):
+def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, control):
     receiver.add(DETECTOR, channels=(2147483647, 2147483648, 1, 4294967295))
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
-    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [2147483647, 1]
+    assert [channel for channel, _, _ in control.channels(DETECTOR)] == [2147483647, 1]
     assert daemon.log.take() == [(WARNING, f"left out 2 channels above 2147483647 of producer {DETECTOR}")]
 
 
@@ -342,25 +342,25 @@ def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, tool):
 
 @pytest.mark.parametrize("body", [None, GLib.Variant("(i)", (1,)), GLib.Variant("(as)", (["{}"],)),
                                   GLib.Variant("(ss)", ("{}", "{}")), GLib.Variant("(v)", (GLib.Variant("s", "{}"),))])
-def test_answer_that_is_no_sample_frame(receiver, daemon, tool, body):
+def test_answer_that_is_no_sample_frame(receiver, daemon, control, body):
     odd = Producer("odd")
     reply_with(odd, body)
     receiver.announce(odd)
     receiver.add(DETECTOR)
 
     assert daemon.log.take(1) == [NOT_FETCHED]
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
 
 @pytest.mark.parametrize("text", ["No sample yet.", "100 %s%n", "größer"])
-def test_failed_sample_frame(receiver, daemon, tool, text):
+def test_failed_sample_frame(receiver, daemon, control, text):
     odd = Producer("odd")
     fail_with(odd, text)
     receiver.announce(odd)
     receiver.add(DETECTOR)
 
     assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {error_of(text)}")]
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
 
 def test_long_error_does_not_fill_the_log(receiver, daemon):
@@ -372,7 +372,7 @@ def test_long_error_does_not_fill_the_log(receiver, daemon):
     assert daemon.log.take(1) == [(WARNING, f"on_get_sample_frame failed: {message}")]
 
 
-def test_sample_frame_is_limited_in_length(receiver, daemon, tool):
+def test_sample_frame_is_limited_in_length(receiver, daemon, control):
     def sample(length):
         return numbered(1).ljust(length)
 
@@ -380,19 +380,19 @@ def test_sample_frame_is_limited_in_length(receiver, daemon, tool):
     assert daemon.log.take(1) == [left_out(odd, "its sample frame is too long")]
 
 
-def test_slow_sample_frame_keeps_nobody(receiver, daemon, tool):
+def test_slow_sample_frame_keeps_nobody(receiver, daemon, control):
     slow = Producer("slow")
     slow.on_sample = slow.keep
     receiver.announce(slow)
     receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
     slow.tell_sample(slow.kept.pop())
-    wait_until_listed(tool, "slow", DETECTOR)
+    wait_until_listed(control, "slow", DETECTOR)
     assert daemon.log.take() == []
 
 
-def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, tool):
+def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, control):
     gone = Producer(DETECTOR)
     gone.on_sample = gone.keep
     receiver.announce(gone)
@@ -400,20 +400,20 @@ def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, 
     receiver.remove(gone)
     successor = receiver.add(DETECTOR, channels=(2,))
     gone.tell_sample(gone.kept.pop())
-    wait_until_listed(tool, DETECTOR)
-    assert [channel for channel, _, _ in tool.channels(DETECTOR)] == [2]
+    wait_until_listed(control, DETECTOR)
+    assert [channel for channel, _, _ in control.channels(DETECTOR)] == [2]
 
     receiver.remove(successor)
-    wait_until_listed(tool)
+    wait_until_listed(control)
     assert daemon.log.take() == []
 
 
-def test_sample_frame_that_never_comes_is_given_up(receiver, daemon, tool):
+def test_sample_frame_that_never_comes_is_given_up(receiver, daemon, control):
     silent = Producer("silent")
     silent.on_sample = silent.keep
     receiver.announce(silent)
     receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     asked = time.monotonic()
     expect_answers_while(daemon, lambda: daemon.log.lines)
 
@@ -422,14 +422,14 @@ def test_sample_frame_that_never_comes_is_given_up(receiver, daemon, tool):
     # Now it is too late.
     silent.tell_sample(silent.kept.pop())
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
 
-def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, tool):
+def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, control):
     receiver.add("odd", sample="no JSON")
     asked = time.monotonic()
     detector = receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         detector.wait_for_stream().send(numbered(1))
@@ -444,14 +444,14 @@ def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, tool):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the descriptors are closed")
 
 
-def test_platform_that_cannot_convert_lists_nobody(receiver, tool, start_daemon):
+def test_platform_that_cannot_convert_lists_nobody(receiver, control, start_daemon):
     daemon = start_daemon(plugins=(EVENT_PLUGIN,))
     receiver.add(DETECTOR)
     receiver.add(COUNTER)
 
     # They are converted side by side.
     assert sorted(daemon.log.take(2)) == [not_converted(COUNTER), not_converted(DETECTOR)]
-    assert tool.objects() == set()
+    assert control.objects() == set()
 
 
 # What the receiver itself says wrongly
@@ -460,45 +460,45 @@ def not_connected(reason):
     return (WARNING, f"Failed to connect to metadata-receiver over DBus: {reason}")
 
 
-def expect_asked_again(receiver, launch, tool, failure):
+def expect_asked_again(receiver, launch, control, failure):
     """Expects that a daemon takes what the receiver announces meanwhile, and all of it once the receiver tells."""
     receiver.add(DETECTOR)
     daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED, repeated_lines=[not_connected(failure)])
     daemon.log.wait_for(len(daemon.start_lines) + len(BUS_LINES) + 1)
     daemon.wait_until_ready()
     receiver.add(COUNTER)
-    wait_until_listed(tool, COUNTER)
+    wait_until_listed(control, COUNTER)
 
     receiver.on_objects = receiver.tell_objects
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
 
 @pytest.mark.parametrize("body", [None, GLib.Variant("(s)", ("x",)), GLib.Variant("(a{oa{ss}})", ({"/a": {"x": "y"}},)),
                                   GLib.Variant("(a{sa{sa{sv}}})", ({},)), GLib.Variant("(a{oa{sa{sv}}}i)", ({}, 1))])
-def test_receiver_that_answers_wrongly_is_asked_again(receiver, launch, tool, body):
+def test_receiver_that_answers_wrongly_is_asked_again(receiver, launch, control, body):
     receiver.on_objects = lambda call: call.reply(body)
     returned = body.get_type_string() if body else "()"
-    expect_asked_again(receiver, launch, tool,
+    expect_asked_again(receiver, launch, control,
                        f"Method \u201c{OBJECT_MANAGER}.GetManagedObjects\u201d returned type \u201c{returned}\u201d, "
                        "but expected \u201c(a{oa{sa{sv}}})\u201d")
 
 
-def test_receiver_that_fails_is_asked_again(receiver, launch, tool):
+def test_receiver_that_fails_is_asked_again(receiver, launch, control):
     receiver.on_objects = lambda call: call.fail("No list.")
-    expect_asked_again(receiver, launch, tool, error_of("No list."))
+    expect_asked_again(receiver, launch, control, error_of("No list."))
 
 
-def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon, tool):
+def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon, control):
     receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     receiver.leave()
-    wait_until_listed(tool)
+    wait_until_listed(control)
 
     receiver.on_objects = lambda call: call.fail("No list.")
     receiver.come_back()
     daemon.log.wait_for(1)
     receiver.on_objects = receiver.tell_objects
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     assert set(daemon.log.take()) == {not_connected(error_of("No list."))}
 
 
@@ -511,72 +511,72 @@ def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon,
     *[(path_of(DETECTOR), PROPERTIES, "PropertiesChanged", body)
       for body in (None, GLib.Variant("(s)", (PRODUCER,)), GLib.Variant("(sa{ss}as)", (PRODUCER, {"Name": "x"}, [])))],
 ])
-def test_wrong_signal_is_left_out(receiver, daemon, tool, path, interface, name, body):
+def test_wrong_signal_is_left_out(receiver, daemon, control, path, interface, name, body):
     receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
 
     receiver.emit(path, interface, name, body)
     assert daemon.log.take(1) == [WRONG_SIGNAL]
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
     assert daemon.log.take() == []
 
 
-def test_strangers_announce_nothing(bus, receiver, daemon, tool):
+def test_strangers_announce_nothing(bus, receiver, daemon, control):
     stranger = FakeReceiver(bus)
     stranger.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                   GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces)))
     stranger.close()
     receiver.add(DETECTOR)
 
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     assert daemon.log.take() == []
 
 
 # The receiver comes and goes
 
 
-def test_receiver_that_leaves_and_comes_back(receiver, daemon, tool):
+def test_receiver_that_leaves_and_comes_back(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
-    wait_until_listed(tool, DETECTOR)
-    tool.set_channels(DETECTOR, (2, True, "two"))
-    enabled = tool.channels(DETECTOR)
+    wait_until_listed(control, DETECTOR)
+    control.set_channels(DETECTOR, (2, True, "two"))
+    enabled = control.channels(DETECTOR)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
         for number in range(3):
             receiver.leave()
-            wait_until_listed(tool)
+            wait_until_listed(control)
             with daemon.client() as other:
                 assert other.ask(ANALYTICS) == NOTHING_ASKED
             running.send(numbered(number))
             expect_told(stream, (GATE, number))
 
             receiver.come_back()
-            wait_until_listed(tool, DETECTOR)
-            assert tool.channels(DETECTOR) == enabled
+            wait_until_listed(control, DETECTOR)
+            assert control.channels(DETECTOR) == enabled
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
     assert daemon.log.take() == []
 
 
-def test_receiver_that_comes_back_with_others(bus, start_daemon, tool):
+def test_receiver_that_comes_back_with_others(bus, start_daemon, control):
     first = FakeReceiver(bus)
     first.add(DETECTOR)
     first.start()
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), producers=BOTH_ENABLED)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     with daemon.client() as client:
         stream = client.start(ANALYTICS_AND_EVENTS)
         first.producers[0].wait_for_stream().send(numbered(1))
         expect_told(stream, (GATE, 1))
         # With all of its streams.
         first.close()
-        wait_until_listed(tool)
+        wait_until_listed(control)
 
         second = FakeReceiver(bus)
         counter = second.add(COUNTER)
         second.start()
-        wait_until_listed(tool, COUNTER)
+        wait_until_listed(control, COUNTER)
         with daemon.client() as other:
             streams = other.start(ANALYTICS)
             counter.wait_for_stream().send(numbered(1))
@@ -586,49 +586,49 @@ def test_receiver_that_comes_back_with_others(bus, start_daemon, tool):
     assert daemon.log.take() == []
 
 
-def test_camera_whose_receiver_goes_and_comes_back(start_camera, start_daemon, tool):
+def test_camera_whose_receiver_goes_and_comes_back(start_camera, start_daemon, control):
     camera = start_camera("--rate", "20", producers="PersonDetector")
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, world_seconds=4)
-    wait_until_listed(tool, "PersonDetector")
-    tool.set_channels("PersonDetector", (1, True, "persons"))
+    wait_until_listed(control, "PersonDetector")
+    control.set_channels("PersonDetector", (1, True, "persons"))
     with daemon.client() as client:
         frames = told(client.start(ANALYTICS))
         assert next(frames)[0] == "persons"
 
         camera.absent(RECEIVER)
-        wait_until_listed(tool)
+        wait_until_listed(control)
         camera.present(RECEIVER)
-        wait_until_listed(tool, "PersonDetector")
-        assert tool.channels("PersonDetector")[0] == (1, True, "persons")
+        wait_until_listed(control, "PersonDetector")
+        assert control.channels("PersonDetector")[0] == (1, True, "persons")
         with daemon.client() as second:
             assert next(told(second.start(ANALYTICS)))[0] == "persons"
     assert daemon.log.take() == []
 
 
-def test_camera_that_is_killed_ends_no_stream(start_camera, start_daemon, tool):
+def test_camera_that_is_killed_ends_no_stream(start_camera, start_daemon, control):
     camera = start_camera(producers="PersonDetector")
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), world_seconds=4)
-    wait_until_listed(tool, "PersonDetector")
-    tool.set_channels("PersonDetector", (1, True, "persons"))
+    wait_until_listed(control, "PersonDetector")
+    control.set_channels("PersonDetector", (1, True, "persons"))
     with daemon.client() as client:
         stream = client.start(ANALYTICS_AND_EVENTS)
         next(told(stream))
         camera.end(signal.SIGKILL)
-        wait_until_listed(tool)
+        wait_until_listed(control)
 
         start_camera(producers="PersonDetector")
-        wait_until_listed(tool, "PersonDetector")
+        wait_until_listed(control, "PersonDetector")
         expect_alive(client, stream)
     assert daemon.log.take() == []
 
 
 def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
-    receiver, tool = FakeReceiver(own_bus), Tool(own_bus)
+    receiver, control = FakeReceiver(own_bus), ControlClient(own_bus)
     detector = receiver.add(DETECTOR)
     receiver.start()
     daemon = start_daemon(on=own_bus, plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED)
-    wait_until_listed(tool, DETECTOR)
-    tool.close()
+    wait_until_listed(control, DETECTOR)
+    control.close()
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()

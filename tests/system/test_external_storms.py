@@ -19,10 +19,10 @@ from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRON
                       not_converted, numbered, told, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, RADAR_PLUGIN, SANITIZED, documented_limit
-from receiver import OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from receiverclient import OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from simcamera import CAPTURE, RECEIVER
-from tool import NAME
-from tool import path_of as listed_path_of
+from controlclient import NAME
+from controlclient import path_of as listed_path_of
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
 MAX_OBJECTS = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_OBJECTS")
@@ -59,7 +59,7 @@ CROWDED_DESCRIPTORS, EVENT_CLIENTS, BURST_CLIENTS = 512, 110, 83
 # Haste
 
 
-def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed(bus, start_daemon, tool):
+def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed(bus, start_daemon, control):
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS)
     for number in range(ROUNDS):
         names = [f"round{number}_{name}" for name in "abc"]
@@ -70,8 +70,8 @@ def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed
             for producer in receiver.producers:
                 receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                               GLib.Variant("(oa{sa{sv}})", (producer.path, producer.interfaces)))
-            wait_until_listed(tool, *names)
-        wait_until_listed(tool)
+            wait_until_listed(control, *names)
+        wait_until_listed(control)
     assert daemon.log.take() == []
 
 
@@ -104,7 +104,7 @@ class SlowStreams:
 
 
 @pytest.fixture
-def start_crowd(start_camera, bus, start_daemon, tool):
+def start_crowd(start_camera, bus, start_daemon, control):
     """Starts a camera with a radar, a receiver with a crowd of producers, and a daemon with all of them enabled."""
     made = []
 
@@ -118,7 +118,7 @@ def start_crowd(start_camera, bus, start_daemon, tool):
         receiver.start()
         daemon = start_daemon(plugins=(RADAR_PLUGIN, *EXTERNAL_PLUGINS), producers=CROWD_AND_RADAR_ENABLED)
         daemon.limit_descriptors(MANY_DESCRIPTORS)
-        wait_until_listed(tool, RADAR_TRACKER, *CROWD)
+        wait_until_listed(control, RADAR_TRACKER, *CROWD)
         daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
         return camera, receiver, daemon
 
@@ -235,7 +235,7 @@ def expect_some_reply(client):
         client.read_reply()
 
 
-def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_daemon, tool):
+def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_daemon, control):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): GATE, (DETECTOR, 2): GATE}))
     daemon.limit_descriptors(MANY_DESCRIPTORS)
@@ -249,11 +249,11 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
         with daemon.client() as client:
             request_if_possible(client, ANALYTICS)
             with contextlib.suppress(GLib.Error):
-                tool.set_producers({DETECTOR: [(1, True, GATE)]})
+                control.set_producers({DETECTOR: [(1, True, GATE)]})
             assert daemon.process.poll() is None, f"with {free} descriptors: {daemon.take_stderr()}"
         daemon.limit_descriptors(MANY_DESCRIPTORS)
 
-        wait_until_listed(tool, DETECTOR, late.name)
+        wait_until_listed(control, DETECTOR, late.name)
         # On another channel, for the stream of the client before may still come.
         with daemon.client() as client:
             stream = client.start(header(analytics=1, video_channel=2))
@@ -264,7 +264,7 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
         detector.streams.remove(running)
         running.close()
         receiver.remove(late)
-        wait_until_listed(tool, DETECTOR)
+        wait_until_listed(control, DETECTOR)
     daemon.log.take()
 
 
@@ -283,7 +283,7 @@ def restart(receiver, daemon):
     assert daemon.process.poll() is None, daemon.take_stderr()
 
 
-def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemon, tool):
+def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemon, control):
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
     daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
@@ -297,11 +297,11 @@ def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemo
         receiver.add(DETECTOR)
         restart(receiver, daemon)
     daemon.limit_descriptors(CROWDED_DESCRIPTORS)
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     daemon.log.take()
 
 
-def test_bursts_of_streams_end_nobody(start_crowd, tool):
+def test_bursts_of_streams_end_nobody(start_crowd, control):
     _, receiver, daemon = start_crowd()
     daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
@@ -318,7 +318,7 @@ def test_bursts_of_streams_end_nobody(start_crowd, tool):
         for producer in receiver.producers:
             producer.close()
     daemon.limit_descriptors(MANY_DESCRIPTORS)
-    wait_until_listed(tool, RADAR_TRACKER, *CROWD)
+    wait_until_listed(control, RADAR_TRACKER, *CROWD)
     before = {producer: len(producer.streams) for producer in receiver.producers}
     with daemon.client() as client:
         client.request(ANALYTICS)
@@ -340,14 +340,14 @@ SIGNALS = ((OBJECT_MANAGER, "InterfacesAdded"), (OBJECT_MANAGER, "InterfacesRemo
 PATHS = (ROOT, path_of(DETECTOR), path_of("nobody"), "/", "/elsewhere")
 
 
-def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, tool):
+def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, control):
     daemon = daemon_listing_detector
     # Objects outside the receiver's root, which it has named.
     for path in ("/elsewhere", "/com/quon/Other"):
         receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                       GLib.Variant("(oa{sa{sv}})", (path, Producer("elsewhere").interfaces)))
         assert daemon.log.take(1) == [(WARNING, f"left out producer object {path}: it is not below {ROOT}")]
-    (owner,) = tool.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
+    (owner,) = control.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
     wrong = 0
     for destination in (None, owner):
         for path, (interface, signal), body in itertools.product(PATHS, SIGNALS, WRONG_BODIES):
@@ -359,13 +359,13 @@ def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, to
     # One at once, and all others together a while later.
     assert daemon.log.take(2) == [WRONG_SIGNAL, with_count(WRONG_SIGNAL, wrong - 2)]
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
     assert daemon.log.take() == []
 
 
-def test_strangers_signals_are_nobodys(bus, receiver, daemon_listing_detector, tool):
+def test_strangers_signals_are_nobodys(bus, receiver, daemon_listing_detector, control):
     daemon = daemon_listing_detector
-    (owner,) = tool.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
+    (owner,) = control.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
     right = [(OBJECT_MANAGER, "InterfacesAdded",
               GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces))),
              (OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path_of(DETECTOR), [PRODUCER]))),
@@ -378,7 +378,7 @@ def test_strangers_signals_are_nobodys(bus, receiver, daemon_listing_detector, t
                 stranger.client.connection.emit_signal(destination, path, interface, signal, body)
         stranger.client.connection.flush_sync(None)
         receiver.add(COUNTER)
-        wait_until_listed(tool, DETECTOR, COUNTER)
+        wait_until_listed(control, DETECTOR, COUNTER)
     assert daemon.log.take() == []
 
 
@@ -401,37 +401,37 @@ def sample_of(xml_bytes):
     return f'{{"Objects":[{objects}]}}'
 
 
-def xml_bytes_of(tool, names):
-    return [len(tool.properties(name)["SampleFrameXML"].encode()) for name in names]
+def xml_bytes_of(control, names):
+    return [len(control.properties(name)["SampleFrameXML"].encode()) for name in names]
 
 
-def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_listing_daemon, tool):
+def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_listing_daemon, control):
     daemon = start_listing_daemon()
     too_long = sample_of(MAX_XML_BYTES * 3 // 2)
     assert MAX_PRODUCERS * MAX_XML_BYTES * 3 // 2 > BUS_MESSAGE_BYTES
     alone = [receiver.add(f"alone{number}", sample=too_long) for number in range(MAX_PRODUCERS)]
-    wait_until(lambda: len(daemon.log.lines) >= MAX_PRODUCERS or len(tool.objects()) >= MAX_PRODUCERS,
+    wait_until(lambda: len(daemon.log.lines) >= MAX_PRODUCERS or len(control.objects()) >= MAX_PRODUCERS,
                "each is listed or refused", ALL_CONVERTED_SECONDS)
-    assert tool.has_owner(NAME)
+    assert control.has_owner(NAME)
     assert sorted(daemon.log.take()) == sorted(not_converted(producer.name) for producer in alone)
     for producer in alone:
         receiver.remove(producer)
 
     sample = sample_of(MAX_XML_BYTES * 2 // 3)
     together = [receiver.add(f"together{number}", sample=sample) for number in range(MAX_PRODUCERS)]
-    wait_until(lambda: len(daemon.log.lines) + len(tool.objects()) >= MAX_PRODUCERS,
+    wait_until(lambda: len(daemon.log.lines) + len(control.objects()) >= MAX_PRODUCERS,
                "each is listed or refused", ALL_CONVERTED_SECONDS)
     refused = daemon.log.take()
     listed = [producer for producer in together if not_converted(producer.name) not in refused]
-    wait_until_listed(tool, *(producer.name for producer in listed))
-    lengths = xml_bytes_of(tool, [producer.name for producer in listed])
+    wait_until_listed(control, *(producer.name for producer in listed))
+    lengths = xml_bytes_of(control, [producer.name for producer in listed])
     assert MAX_XML_BYTES // 2 < max(lengths) <= MAX_XML_BYTES
     assert MAX_XML_BYTES_IN_ALL - max(lengths) < sum(lengths) <= MAX_XML_BYTES_IN_ALL
-    assert tool.has_owner(NAME)
+    assert control.has_owner(NAME)
 
     # One of them goes, and another one takes its place; all others are refused once more.
     receiver.remove(listed.pop())
-    wait_until(lambda: len(tool.objects()) == len(listed) + 1, "another one is listed")
+    wait_until(lambda: len(control.objects()) == len(listed) + 1, "another one is listed")
     wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", ALL_CONVERTED_SECONDS)
     assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
 
@@ -522,7 +522,7 @@ def test_objects_without_an_end_leave_little_in_memory_and_in_the_log(receiver, 
     assert len(left_out) <= 1 + (LOG_BURST + 1) * (1 + (time.monotonic() - began) / LOG_SECONDS)
 
 
-def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, tool):
+def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, control):
     receiver.add(DETECTOR)
     daemon = start_listing_daemon()
     (detector,) = receiver.producers
@@ -531,7 +531,7 @@ def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, 
         receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
                       GLib.Variant("(sa{sv}as)", (PRODUCER, {name: GLib.Variant("s", "x" * FLOOD_CHANGE_BYTES)}, [])))
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
     expect_memory_back(daemon, before, FLOOD_CHANGE_BYTES)
     assert daemon.log.take() == []
@@ -540,7 +540,7 @@ def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, 
 # A converter that hangs
 
 
-def test_converter_that_hangs_costs_its_producer_alone(installation, receiver, start_daemon, tool, workspace):
+def test_converter_that_hangs_costs_its_producer_alone(installation, receiver, start_daemon, control, workspace):
     _, plugins = installation.new_plugin_folder(EXTERNAL_PLUGINS, failing=True)
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, environment=plugins)
     threads = daemon.threads()
@@ -551,13 +551,13 @@ def test_converter_that_hangs_costs_its_producer_alone(installation, receiver, s
     receiver.add(DETECTOR)
     wait_until(lambda: len(daemon.log.lines) >= len(stuck), "they are given up", CONVERSION_SECONDS + 20)
     assert sorted(daemon.log.take()) == [not_converted(producer.name) for producer in stuck]
-    wait_until_listed(tool, DETECTOR)
+    wait_until_listed(control, DETECTOR)
     receiver.add(COUNTER)
-    wait_until_listed(tool, DETECTOR, COUNTER)
+    wait_until_listed(control, DETECTOR, COUNTER)
 
     # What is given up stays so, and its threads go when the converter lets go.
     (folder / "hang").unlink()
     wait_until(lambda: daemon.threads() <= threads + 2, "the threads have ended")
-    assert tool.objects() == {listed_path_of(name) for name in (DETECTOR, COUNTER)}
+    assert control.objects() == {listed_path_of(name) for name in (DETECTOR, COUNTER)}
     with daemon.client() as client:
         assert client.ask("") == NOTHING_ASKED

@@ -15,7 +15,7 @@ from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERN
                       expect_converter_warning, expect_told, numbered, read_numbers, told)
 from fakereceiver import Stream, message
 from installation import EVENT_PLUGIN, documented_limit
-from receiver import LENGTH
+from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until
 
 MAX_PAYLOAD_BYTES = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MAX_PAYLOAD")

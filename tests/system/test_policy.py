@@ -9,7 +9,7 @@ import tessardctl
 from busclient import BusClient
 from daemon import VIDEO_TRACKER
 from installation import ADMIN_GROUP, UNPRIVILEGED_USER, Bus, run_by_root
-from tool import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
 
 # Replaces the administrators' group; every Debian has it.

@@ -47,10 +47,10 @@ def test_file_without_producers_is_enough(start_daemon, producers):
     assert daemon.producers_conf.read_text(encoding="utf-8") == producers
 
 
-def test_file_to_begin_with_knows_channel_1_of_both_trackers(start_daemon, tool):
+def test_file_to_begin_with_knows_channel_1_of_both_trackers(start_daemon, control):
     shipped = (TREE / "data/producers.conf").read_text(encoding="utf-8")
     daemon = start_daemon(plugins=(SCENE_PLUGIN, *RADAR_PLUGINS), producers=shipped)
 
-    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == {(VIDEO_TRACKER, 1): "", (RADAR_TRACKER, 1): ""}
-    tool.set_channels(VIDEO_TRACKER, (1, True, "profile1"))
+    assert control.names(VIDEO_TRACKER, RADAR_TRACKER) == {(VIDEO_TRACKER, 1): "", (RADAR_TRACKER, 1): ""}
+    control.set_channels(VIDEO_TRACKER, (1, True, "profile1"))
     assert stored_names(daemon.producers_conf) == {(VIDEO_TRACKER, 1): "profile1", (RADAR_TRACKER, 1): ""}

@@ -14,7 +14,7 @@ from gi.repository import GLib
 from daemon import INFO, RADAR_TRACKER, VIDEO_TRACKER, WARNING, Daemon, stored_names
 from installation import (RADAR_PLUGINS, SCENE_PLUGINS, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, Bus, documented_limit,
                           run_by_root)
-from tool import NAME, Tool
+from controlclient import NAME, ControlClient
 from waiting import BOUND_SECONDS, wait_until
 
 PLUGINS = tuple({*SCENE_PLUGINS, *RADAR_PLUGINS})
@@ -169,12 +169,12 @@ def temporary_files(folder):
     return list(folder.glob("producers.conf?*"))
 
 
-def change_while_saves_fail(failure, daemon, tool):
+def change_while_saves_fail(failure, daemon, control):
     """Makes a change that is acknowledged and in effect, but not saved."""
     failure.begin(daemon)
-    tool.set_channels(VIDEO_TRACKER, (1, True, "left door"))
+    control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     assert daemon.log.take(1) == [(WARNING, f"could not write name to producerconfig: {failure.reason}")]
-    assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == CHANGED
+    assert control.names(VIDEO_TRACKER, RADAR_TRACKER) == CHANGED
     failure.check(daemon)
     failure.end(daemon)
 
@@ -192,15 +192,15 @@ class Retry:
         self.failure = kind(workspace)
         self.bus = Bus(installation)
         self.daemon = Daemon(installation, self.bus, plugins=PLUGINS, **self.failure.arguments())
-        self.tool = Tool(self.bus)
+        self.control = ControlClient(self.bus)
 
     def begin(self):
         self.daemon.wait_until_ready()
         self.began = time.monotonic()
-        change_while_saves_fail(self.failure, self.daemon, self.tool)
+        change_while_saves_fail(self.failure, self.daemon, self.control)
 
     def close(self):
-        self.tool.close()
+        self.control.close()
         self.daemon.finish()
         self.bus.stop()
 
@@ -227,11 +227,11 @@ def failure(request, workspace):
 # Before the retries, which the first test begins, are over.
 
 
-def test_change_that_cannot_be_saved_comes_with_the_next(retries, failure, start_daemon, tool):
+def test_change_that_cannot_be_saved_comes_with_the_next(retries, failure, start_daemon, control):
     daemon = start_daemon(plugins=PLUGINS, **failure.arguments())
-    change_while_saves_fail(failure, daemon, tool)
+    change_while_saves_fail(failure, daemon, control)
 
-    tool.set_channels(RADAR_TRACKER, (2, True, "yard"))
+    control.set_channels(RADAR_TRACKER, (2, True, "yard"))
     expect_stored(failure, daemon, CHANGED | {(RADAR_TRACKER, 2): "yard"})
     assert daemon.log.take() == []
 
@@ -239,9 +239,9 @@ def test_change_that_cannot_be_saved_comes_with_the_next(retries, failure, start
 class Storm(threading.Thread):
     """Changes one channel after the other by each of the methods in turn, until the daemon is gone."""
 
-    def __init__(self, tool, names):
+    def __init__(self, control, names):
         super().__init__(daemon=True)
-        self.tool = tool
+        self.control = control
         self.acknowledged = dict(names)
         self.sent = dict(names)
         self.calls = 0
@@ -254,16 +254,16 @@ class Storm(threading.Thread):
                 name = f"{time.monotonic_ns()}"
                 self.sent[VIDEO_TRACKER, channel] = name
                 if self.calls % 2:
-                    self.tool.set_producers({VIDEO_TRACKER: [(channel, True, name)]})
+                    self.control.set_producers({VIDEO_TRACKER: [(channel, True, name)]})
                 else:
-                    self.tool.set_channels(VIDEO_TRACKER, (channel, True, name))
+                    self.control.set_channels(VIDEO_TRACKER, (channel, True, name))
                 self.acknowledged[VIDEO_TRACKER, channel] = name
                 self.calls += 1
 
 
-def kill_in_a_storm(daemon, tool, names):
+def kill_in_a_storm(daemon, control, names):
     """What the file says afterwards, and whether the kill came in the middle of a save."""
-    storm = Storm(tool, names)
+    storm = Storm(control, names)
     calls = random.randrange(MAX_CALLS)
     wait_until(lambda: storm.calls >= calls, "the storm goes on")
     assert daemon.end(signal.SIGKILL) == -signal.SIGKILL
@@ -274,8 +274,8 @@ def kill_in_a_storm(daemon, tool, names):
     return stored, temporary_files(daemon.folder) != []
 
 
-def start_again(daemon, tool):
-    wait_until(lambda: not tool.has_owner(NAME), "the bus knows that the daemon is gone")
+def start_again(daemon, control):
+    wait_until(lambda: not control.has_owner(NAME), "the bus knows that the daemon is gone")
     daemon.start_again()
     daemon.wait_until_ready()
 
@@ -287,16 +287,16 @@ def kill_again_and_again(installation, rounds):
         started.callback(bus.stop)
         daemon = Daemon(installation, bus, plugins=PLUGINS)
         started.callback(daemon.finish)
-        tool = Tool(bus)
-        started.callback(tool.close)
+        control = ControlClient(bus)
+        started.callback(control.close)
         daemon.wait_until_ready()
 
         names, cut_saves = UNCHANGED, 0
         for _ in range(rounds):
-            names, cut_save = kill_in_a_storm(daemon, tool, names)
+            names, cut_save = kill_in_a_storm(daemon, control, names)
             cut_saves += cut_save
-            start_again(daemon, tool)
-            assert tool.names(VIDEO_TRACKER, RADAR_TRACKER) == names
+            start_again(daemon, control)
+            assert control.names(VIDEO_TRACKER, RADAR_TRACKER) == names
             assert temporary_files(daemon.folder) == []
     return cut_saves
 

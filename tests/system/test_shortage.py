@@ -12,7 +12,7 @@ import pytest
 from client import header
 from daemon import ERROR, NOTHING_ASKED, RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
 from installation import SIMULATED_PLUGINS, TREE, documented_limit
-from tool import path_of
+from controlclient import path_of
 from waiting import wait_until, wait_until_settled
 
 RESERVE = documented_limit("descriptorreserve.h", "DESCRIPTOR_RESERVE_SIZE")
@@ -60,14 +60,14 @@ PRODUCERS = producers_enabled({
 
 
 @pytest.fixture
-def full_daemon(start_camera, start_daemon, tool):
+def full_daemon(start_camera, start_daemon, control):
     """A daemon on a camera that has everything, once it knows the external producers and nothing is left of that."""
     camera = start_camera("--channels", str(len(CHANNELS)))
     daemon = start_daemon(plugins=SIMULATED_PLUGINS, coordinator_line=None, producers=PRODUCERS, speed=4,
                           ptz_channels=CHANNELS)
     for name in EXTERNAL:
         camera.add_producer(name)
-    wait_until(lambda: tool.objects() >= {path_of(name) for name in EXTERNAL}, "the external producers are listed")
+    wait_until(lambda: control.objects() >= {path_of(name) for name in EXTERNAL}, "the external producers are listed")
     # The first client has plug-ins loaded and threads made that stay.
     with daemon.client() as client:
         client.start(header(**KINDS["all"])).next_document()

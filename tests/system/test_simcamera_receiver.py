@@ -12,7 +12,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import PROPERTIES, error_text
-from receiver import NAME, PRODUCER, ReceiverClient, Watcher, path_of
+from receiverclient import NAME, PRODUCER, ReceiverClient, Watcher, path_of
 from simcamera import RECEIVER, Refused, SimulatedCamera
 from waiting import BOUND_SECONDS, wait_until
 

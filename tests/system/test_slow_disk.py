@@ -10,7 +10,7 @@ from busclient import BusClient
 from daemon import VIDEO_TRACKER, stored_names
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, SCENE_PLUGIN
 from promptness import expect_prompt, times
-from tool import MANAGER, NAME, PRODUCER, ROOT, path_of
+from controlclient import MANAGER, NAME, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, DOCUMENT_PLUGIN)
@@ -65,14 +65,14 @@ CALLS = {
 
 
 @pytest.mark.parametrize("call", CALLS)
-def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, tool, call):
+def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, control, call):
     def start_client():
         with daemon.client() as client:
             assert client.ask("event=1\n") == "OK"
 
     # A real ping is answered by the connection's own thread, and a property by the main loop.
     def ping():
-        tool.get(NAME, path_of(VIDEO_TRACKER), PRODUCER, "Name")
+        control.get(NAME, path_of(VIDEO_TRACKER), PRODUCER, "Name")
 
     undisturbed_pings, undisturbed_starts = times(ping), times(start_client)
     change = Change(bus, *CALLS[call])
@@ -83,5 +83,5 @@ def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, tool, ca
 
     assert change.finish() >= LEAST_SECONDS
     names = {(VIDEO_TRACKER, channel): name for channel, _, name in TUPLES_OF_CALL}
-    assert tool.names(VIDEO_TRACKER) == names
+    assert control.names(VIDEO_TRACKER) == names
     assert stored_names(daemon.producers_conf) == names

@@ -11,7 +11,7 @@ import pytest
 
 from fakeservice import FakeService, properties
 from installation import TREE
-from tool import path_of
+from controlclient import path_of
 from waiting import BOUND_SECONDS, wait_until
 
 BASH = TREE / "tools/completion/tessardctl.bash"
@@ -20,7 +20,7 @@ ZSH = TREE / "tools/completion/_tessardctl"
 COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "help"]
 
 # Calls the completion function as bash does on a tab, with the words as bash splits them.
-ASK_BASH = """\
+COMPLETE = """\
 set -u
 source "$0"
 COMP_LINE=$1 COMP_POINT=${#1}
@@ -30,18 +30,18 @@ _tessardctl "$TESSARDCTL" "" ""
 
 
 @pytest.fixture
-def offered(tool_under_test, stand_in_bus, tmp_path):
+def offered(tessardctl, stand_in_bus, tmp_path):
     """The candidates of bash at the end of a line behind "tessardctl"."""
 
-    def ask(line, bus=stand_in_bus.address):
+    def complete(line, bus=stand_in_bus.address):
         result = subprocess.run(
-            ["bash", "-c", ASK_BASH, BASH, "tessardctl " + line], cwd=tmp_path, capture_output=True, text=True,
+            ["bash", "-c", COMPLETE, BASH, "tessardctl " + line], cwd=tmp_path, capture_output=True, text=True,
             timeout=BOUND_SECONDS, check=True,
             env=os.environ | {"LC_ALL": "C.UTF-8", "DBUS_SYSTEM_BUS_ADDRESS": bus})
         assert result.stderr == ""
         return result.stdout.splitlines()
 
-    return ask
+    return complete
 
 
 @pytest.fixture
@@ -54,12 +54,12 @@ def service(stand_in_bus):
     started.close()
 
 
-def options_of(run, *command):
-    return re.findall(r"^  (?:-\w, )?(--[a-z-]+)", run(*command, "--help").out.decode(), re.MULTILINE)
+def options_of(run_tessardctl, *command):
+    return re.findall(r"^  (?:-\w, )?(--[a-z-]+)", run_tessardctl(*command, "--help").out.decode(), re.MULTILINE)
 
 
-def test_commands(offered, run):
-    listed = re.search(r"Commands:\n((?:  .*\n)+)", run("--help").out.decode()).group(1)
+def test_commands(offered, run_tessardctl):
+    listed = re.search(r"Commands:\n((?:  .*\n)+)", run_tessardctl("--help").out.decode()).group(1)
     assert [line.split()[0] for line in listed.splitlines()] == COMMANDS
     assert offered("") == COMMANDS
     assert offered("s") == ["stream", "show"]
@@ -70,10 +70,10 @@ def test_commands(offered, run):
 
 
 @pytest.mark.parametrize("command", [[], *([command] for command in COMMANDS)])
-def test_options(offered, run, command):
+def test_options(offered, run_tessardctl, command):
     words = "".join(word + " " for word in command)
     assert offered(words + "-") == offered(words + "--")
-    assert sorted(offered(words + "--")) == sorted(options_of(run, *command))
+    assert sorted(offered(words + "--")) == sorted(options_of(run_tessardctl, *command))
 
 
 def test_options_by_their_beginning(offered):
@@ -82,8 +82,8 @@ def test_options_by_their_beginning(offered):
 
 
 @pytest.mark.parametrize("command", COMMANDS)
-def test_options_that_take_a_value_are_known(offered, run, command):
-    help_text = run(command, "--help").out.decode()
+def test_options_that_take_a_value_are_known(offered, run_tessardctl, command):
+    help_text = run_tessardctl(command, "--help").out.decode()
     for option in re.findall(r"^  (--[a-z-]+)=", help_text, re.MULTILINE):
         assert offered(f"{command} {option} --") == []
 
@@ -158,11 +158,12 @@ def test_bash_knows_the_function():
     assert result.stdout == "complete -F _tessardctl tessardctl\n"
 
 
-def test_zsh_offers_the_same(run):
+def test_zsh_offers_the_same(run_tessardctl):
     text = ZSH.read_text(encoding="utf-8")
     assert text.startswith("#compdef tessardctl\n")
     assert re.findall(r"^    '(\w+):", text, re.MULTILINE) == COMMANDS
-    every_option = {option for command in COMMANDS for option in options_of(run, command)} | set(options_of(run))
+    every_option = {option for command in ([], *([name] for name in COMMANDS))
+                    for option in options_of(run_tessardctl, *command)}
     described = set(re.findall(r"'(?:\([^)]*\))?(--[a-z-]+)=?\[", text))
     assert described == every_option
 
@@ -211,7 +212,7 @@ class Zsh:
     def lines(self):
         return self.offered.read_text(encoding="utf-8").splitlines()
 
-    def ask(self, line):
+    def complete(self, line):
         wait_until(lambda: "start" in self.lines(), "zsh reads a line")
         os.write(self.terminal, f"tessardctl {line}\x18".encode())
         wait_until(lambda: "end" in self.lines(), "zsh completes the line")
@@ -224,11 +225,11 @@ class Zsh:
 
 
 @pytest.fixture
-def offered_by_zsh(tool_under_test, stand_in_bus, tmp_path):
+def offered_by_zsh(tessardctl, stand_in_bus, tmp_path):
     if shutil.which("zsh") is None:
         pytest.skip("zsh is not installed")
     zsh = Zsh(tmp_path, stand_in_bus.address)
-    yield zsh.ask
+    yield zsh.complete
     zsh.close()
 
 

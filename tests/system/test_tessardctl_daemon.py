@@ -42,22 +42,22 @@ def daemon(start_with_trackers):
 
 
 @pytest.fixture
-def control(start, bus):
-    return lambda command, *args: start(command, "--bus", bus.address, *args)
+def start_on_bus(start_tessardctl, bus):
+    return lambda command, *args: start_tessardctl(command, "--bus", bus.address, *args)
 
 
 @pytest.fixture
-def ask(control):
-    return lambda *args: control(*args).finish()
+def run_on_bus(start_on_bus):
+    return lambda *args: start_on_bus(*args).finish()
 
 
-def test_what_there_is(daemon, ask):
-    result = ask("producers")
+def test_what_there_is(daemon, run_on_bus):
+    result = run_on_bus("producers")
     assert (result.status, result.out.decode(), result.err) == (SUCCESS, TABLE, b"")
 
 
-def test_all_about_one(daemon, ask):
-    result = ask("show", VIDEO_TRACKER)
+def test_all_about_one(daemon, run_on_bus):
+    result = run_on_bus("show", VIDEO_TRACKER)
     head, frame = result.out.decode().split("Sample frame:\n")
     assert head == ("Name: VideoMotionTracker\nNice name: Quon video motion tracker\n"
                     "Object: /com/quon/MetadataServer1/Producers/VideoMotionTracker\n"
@@ -66,12 +66,12 @@ def test_all_about_one(daemon, ask):
     assert frame.endswith("\n</tt:SampleFrame>\n")
 
 
-def test_switching_is_kept_and_seen(daemon, ask, control):
-    monitor = control("monitor")
+def test_switching_is_kept_and_seen(daemon, run_on_bus, start_on_bus):
+    monitor = start_on_bus("monitor")
     assert read_lines(monitor.out, 1) == [b"daemon present, producers: 2\n"]
 
-    assert ask("enable", RADAR_TRACKER, "1", "forecourt").status == SUCCESS
-    assert ask("disable", VIDEO_TRACKER, "2").status == SUCCESS
+    assert run_on_bus("enable", RADAR_TRACKER, "1", "forecourt").status == SUCCESS
+    assert run_on_bus("disable", VIDEO_TRACKER, "2").status == SUCCESS
 
     assert read_lines(monitor.out, 2) == [b"enabled RadarMotionTracker 1: forecourt\n",
                                           b"disabled VideoMotionTracker 2\n"]
@@ -90,47 +90,47 @@ def test_switching_is_kept_and_seen(daemon, ask, control):
     (["enable", VIDEO_TRACKER, "1", "x" * 257], "Configuration name is longer than 256 bytes"),
     (["enable", "unknown", "1", "x"], "There is no producer 'unknown'."),
 ])
-def test_refused_switch_changes_nothing(daemon, ask, command, reason):
-    result = ask(*command)
+def test_refused_switch_changes_nothing(daemon, run_on_bus, command, reason):
+    result = run_on_bus(*command)
     assert (result.status, result.out, result.err.decode()) == (REFUSED, b"", f"tessardctl: {reason}\n")
-    assert ask("producers").out.decode() == TABLE
+    assert run_on_bus("producers").out.decode() == TABLE
 
 
-def apply(ask, path, producers):
+def apply(run_on_bus, path, producers):
     path.write_text(json.dumps(producers), encoding="utf-8")
-    return ask("apply", str(path))
+    return run_on_bus("apply", str(path))
 
 
 def channels(*tuples):
     return [{"Channel": channel, "Enabled": enabled, "Configuration": name} for channel, enabled, name in tuples]
 
 
-def test_going_back_to_how_things_were(daemon, ask, tmp_path):
-    before = json.loads(ask("producers", "--json").out)
-    result = apply(ask, tmp_path / "file", [
+def test_going_back_to_how_things_were(daemon, run_on_bus, tmp_path):
+    before = json.loads(run_on_bus("producers", "--json").out)
+    result = apply(run_on_bus, tmp_path / "file", [
         {"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"), (2, False, ""))},
         {"Name": RADAR_TRACKER, "Channels": channels((1, True, "b"))}])
     assert (result.status, result.err) == (SUCCESS, b"")
-    assert ask("producers").out.decode() != TABLE
+    assert run_on_bus("producers").out.decode() != TABLE
 
-    assert apply(ask, tmp_path / "file", before).status == SUCCESS
-    assert ask("producers").out.decode() == TABLE
+    assert apply(run_on_bus, tmp_path / "file", before).status == SUCCESS
+    assert run_on_bus("producers").out.decode() == TABLE
 
 
 @pytest.mark.parametrize("name, channel, reason", [
     ("unknown", 1, "Producer with specified name does not exist"),
     (RADAR_TRACKER, 2, "Videochannel is not supported on producer. Channels of 'RadarMotionTracker': 1."),
 ])
-def test_refused_file_changes_nothing(daemon, ask, tmp_path, name, channel, reason):
-    result = apply(ask, tmp_path / "file", [{"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"))},
+def test_refused_file_changes_nothing(daemon, run_on_bus, tmp_path, name, channel, reason):
+    result = apply(run_on_bus, tmp_path / "file", [{"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"))},
                                             {"Name": name, "Channels": channels((channel, True, "b"))}])
     assert (result.status, result.err.decode()) == (REFUSED, f"tessardctl: {reason}\n")
-    assert ask("producers").out.decode() == TABLE
+    assert run_on_bus("producers").out.decode() == TABLE
 
 
-def test_monitor_survives_a_restart(start_with_trackers, control):
+def test_monitor_survives_a_restart(start_with_trackers, start_on_bus):
     first = start_with_trackers()
-    monitor = control("monitor")
+    monitor = start_on_bus("monitor")
     assert read_lines(monitor.out, 1) == [b"daemon present, producers: 2\n"]
 
     first.end()

@@ -15,7 +15,7 @@ def path_of(producer):
     return f"{ROOT}/{producer}"
 
 
-class Tool(BusClient):
+class ControlClient(BusClient):
     """One connection; its calls return plain Python values."""
 
     def objects(self):
