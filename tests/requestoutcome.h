@@ -1,4 +1,4 @@
-/* What becomes of one request, for the tests that read requests and for the fuzz target that does. */
+/* The outcome of one request, for the unit tests and the fuzz targets that read requests. */
 #pragma once
 
 #include "request.h"
@@ -30,7 +30,7 @@ operator<<(std::ostream &stream, const Outcome &outcome)
   return stream;
 }
 
-/* What request_read() makes of what can be read from @channel. */
+/* The outcome of request_read() on @channel. */
 inline Outcome
 read_outcome(GIOChannel *channel)
 {

@@ -1,5 +1,4 @@
-/* The end of saves of the producers' file, for the tests and the fuzz targets that look at what they led to.
- */
+/* Waits for saves of the producers' file, for the unit tests and the fuzz targets. */
 #pragma once
 
 #include "producerconfig.h"
@@ -14,7 +13,7 @@ set_saved(gpointer saved)
   return G_SOURCE_REMOVE;
 }
 
-/* Runs the default main context until every change that was made is saved, or could not be. */
+/* Runs the default main context until each change is saved or its save has failed. */
 inline void
 wait()
 {
@@ -26,7 +25,7 @@ wait()
   }
 }
 
-/* A change and its save. */
+/* Makes a change and waits for its save. */
 inline void
 set_name(const gchar *producer, guint32 channel, const gchar *name)
 {

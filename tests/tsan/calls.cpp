@@ -1,5 +1,5 @@
-// Hand-overs to the main context that gets the reply to a call on a bus: whatever went before the call goes
-// before its callback. In between are GDBus' thread and the tasks of the library.
+// Hand-overs to the main context that gets the reply to a D-Bus call: all that precedes the call happens
+// before its callback. GDBus' thread and the library's tasks are in between.
 #include "real.h"
 
 #include <gio/gio.h>
@@ -24,7 +24,7 @@ on_reply(GObject *source, GAsyncResult *result, gpointer user_data)
 
 } // namespace
 
-// Only for calls whose reply somebody wants.
+// For calls with a callback only.
 INTERPOSED void
 g_dbus_connection_call_with_unix_fd_list(GDBusConnection *connection, const gchar *bus_name,
                                          const gchar *object_path, const gchar *interface_name,

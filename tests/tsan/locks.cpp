@@ -1,5 +1,5 @@
-// The locks of GLib: some are futexes, which the sanitizer does not see, the others are made of POSIX locks
-// inside the library, where it does not look.
+// GLib's locks: some are futexes, which the sanitizer does not see; the others are POSIX locks inside the
+// library, which is not instrumented.
 #include "real.h"
 
 #include <cstring>
@@ -68,8 +68,8 @@ is_of_gio(void *address)
   return dladdr(address, &info) != 0 && strstr(info.dli_fname, "/libgio-2.0.so") != nullptr;
 }
 
-// GDBus counts the references to its workers itself, out of sight; the one that drops the last reference
-// clears the locks. All that was done under a lock comes before. No lock is taken for this: it would count in
+// GDBus counts the references to its workers itself, which the sanitizer does not see. The thread that drops
+// the last reference clears the locks, after all work under them. No lock is taken here: it would be part of
 // the lock order.
 void
 order_by_unseen_count(GMutex *mutex)
@@ -77,7 +77,7 @@ order_by_unseen_count(GMutex *mutex)
   __tsan_acquire(mutex);
 }
 
-// What a wait does with the mutex.
+// A wait releases the mutex and takes it again.
 class Wait
 {
 public:

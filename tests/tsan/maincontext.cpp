@@ -1,6 +1,6 @@
-// Hand-overs to the thread that runs a main context: whatever went before a source was attached, or before
-// its ready time was set, goes before its callback, and the callback goes before what the removal of the
-// source or the end of a main loop leads to.
+// Hand-overs to the thread that runs a main context: all that precedes the attachment of a source, or a new
+// ready time, happens before the source's callback; the callback happens before the data is freed and before
+// the main loop returns.
 #include "real.h"
 
 #include <atomic>
@@ -23,7 +23,7 @@ callback_ref(gpointer callback)
   static_cast<Callback *>(callback)->references++;
 }
 
-// Called behind every dispatch, and when the source is destroyed.
+// Called after every dispatch, and when the source is destroyed.
 void
 callback_unref(gpointer user_data)
 {
@@ -37,7 +37,7 @@ callback_unref(gpointer user_data)
   delete callback;
 }
 
-// Called right before every dispatch, on the thread that dispatches.
+// Called before every dispatch, on the thread that dispatches.
 void
 callback_get(gpointer user_data, GSource *source, GSourceFunc *func, gpointer *data)
 {
@@ -64,7 +64,7 @@ as_source_func(Function func)
   return reinterpret_cast<GSourceFunc>(reinterpret_cast<gpointer>(func));
 }
 
-// What GLib's own functions that add a source do, but by way of the functions below.
+// Like GLib's own functions that add a source, but with the functions below.
 guint
 add(GSource *source, gint priority, GSourceFunc func, gpointer data, GDestroyNotify notify)
 {

@@ -1,8 +1,7 @@
-// What reference counts order: all that a thread has done with an object before it drops its reference goes
-// before what the thread that drops the last one does with it. A reference that is not the last is dropped
-// right here, so that whoever then finds himself the last comes after everybody else's release for certain.
-// That leaves out what the libraries do of their own at this point, the notification of toggle references,
-// which nothing here has.
+// The order of reference counts: all that a thread does with an object before it drops its reference happens
+// before the thread that drops the last reference frees the object. A reference that is not the last is
+// dropped here, so that the thread with the last one follows all other releases. The libraries would also
+// notify toggle references at this point; no object of the tests has one.
 #include "real.h"
 
 #include <gst/gst.h>

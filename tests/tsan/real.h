@@ -2,8 +2,8 @@
 
 #include <dlfcn.h>
 
-// The functions below stand in front of the library's own of the same name, for the program and for every
-// library that it loads; only the library's calls of its own functions are bound already and pass them by.
+// An interposed function replaces the library's function of the same name for the program and for every
+// library that it loads, except for the library's calls of its own functions.
 #define INTERPOSED extern "C" __attribute__((visibility("default")))
 
 // The library's own function, as "real".

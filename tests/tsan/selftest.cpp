@@ -1,5 +1,5 @@
-// Whether the thread build sees what it is for. Each case runs in a process of its own, which the sanitizer
-// ends with a status of its own when it has reported something.
+// Tests that ThreadSanitizer reports races and accepts correct hand-overs. Each case runs in its own process,
+// which exits with the sanitizer's status after a report.
 #include "selftest.h"
 
 #include <cstdlib>

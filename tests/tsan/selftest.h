@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <ostream>
 
-// Something that threads do, and the report that the sanitizer has to make of it.
+// Some work on threads, and the report that the sanitizer must make of it.
 struct Case {
   const char *name;
   void (*run)();
@@ -35,8 +35,7 @@ class SelfTest : public testing::TestWithParam<Case>
 {
 };
 
-// A thread that is joined at the end of its scope. Its start and its end are the only order between it and
-// the rest that comes from the thread itself.
+// A thread that is joined at the end of its scope. Only its start and its end order it with other threads.
 class Thread
 {
 public:
@@ -62,7 +61,7 @@ private:
   GThread *thread_;
 };
 
-// Waits for another thread without any order that the sanitizer would see.
+// Waits for another thread without an order that the sanitizer sees.
 inline void
 wait_unseen(const std::atomic<bool> &done)
 {

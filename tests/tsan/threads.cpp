@@ -1,5 +1,5 @@
-// Hand-overs between threads that go through GLib's own locks: thread pools, queues and one-time set-up. Each
-// is shown to the sanitizer as the order that the lock inside makes, no finer and no coarser.
+// Hand-overs between threads under GLib's own locks: thread pools, queues and one-time initialisation. The
+// sanitizer gets exactly the order that the lock inside makes.
 #include "real.h"
 
 #include <glib.h>
@@ -11,7 +11,7 @@
 namespace
 {
 
-// What a pool runs in place of the function that it was made for.
+// The pool runs this instead of the function that it was made with.
 struct PoolWork {
   GFunc func;
   gpointer user_data;
@@ -61,7 +61,7 @@ g_thread_pool_push(GThreadPool *pool, gpointer data, GError **error)
   return real(pool, data, error);
 }
 
-// A pool that is not waited for still needs its work.
+// Without a wait the pool still needs its work.
 INTERPOSED void
 g_thread_pool_free(GThreadPool *pool, gboolean immediate, gboolean wait)
 {

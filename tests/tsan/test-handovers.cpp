@@ -23,25 +23,25 @@ add()
 constexpr auto NOTHING = [] {};
 
 void
-use_pool(void (*behind_push)())
+use_pool(void (*after_push)())
 {
   GThreadPool *pool = g_thread_pool_new([](gpointer item, gpointer) { ++*static_cast<int *>(item); }, nullptr,
                                         1, TRUE, nullptr);
   add();
   g_thread_pool_push(pool, &value, nullptr);
-  behind_push();
+  after_push();
   g_thread_pool_free(pool, FALSE, TRUE);
   add();
 }
 
 void
-use_queue(void (*behind_push)())
+use_queue(void (*after_push)())
 {
   g_autoptr(GAsyncQueue) queue = g_async_queue_new();
   Thread thread([&] {
     add();
     g_async_queue_push(queue, &value);
-    behind_push();
+    after_push();
   });
   ++*static_cast<int *>(g_async_queue_timeout_pop(queue, LIMIT_USEC));
 }
@@ -71,15 +71,15 @@ add_and_quit()
   g_main_loop_quit(get_loop());
 }
 
-// Runs a main loop and, from within it, another thread that does something that ends it.
+// Runs a main loop, which starts another thread; the work of that thread quits the loop.
 void
-run_loop_beside(void (*work)(), void (*behind_loop)())
+run_loop_beside(void (*work)(), void (*after_loop)())
 {
   std::unique_ptr<Thread> thread;
   auto start = [&] { thread = std::make_unique<Thread>(work); };
   g_idle_add_once([](gpointer data) { (*static_cast<decltype(start) *>(data))(); }, &start);
   g_main_loop_run(get_loop());
-  behind_loop();
+  after_loop();
 }
 
 gboolean
@@ -129,9 +129,9 @@ attach_source()
   g_source_attach(source, nullptr);
 }
 
-// Another thread says when the source is ready.
+// Another thread sets the source's ready time.
 void
-make_source_ready(void (*behind_ready)())
+make_source_ready(void (*after_ready)())
 {
   static GSourceFuncs funcs = {nullptr,
                                nullptr,
@@ -145,7 +145,7 @@ make_source_ready(void (*behind_ready)())
   Thread thread([&] {
     add();
     g_source_set_ready_time(source, 0);
-    behind_ready();
+    after_ready();
   });
   g_main_loop_run(get_loop());
 }
@@ -171,7 +171,7 @@ wake_up()
   add();
 }
 
-// Nobody is at its other end, so a call fails. Its callback hears of that in the main context all the same.
+// The other end is closed, so a call fails. Its callback still runs in the main context.
 GDBusConnection *
 make_connection()
 {
@@ -184,7 +184,7 @@ make_connection()
                                     nullptr, nullptr);
 }
 
-// Kept, because dropping it would be an order of its own.
+// Never released: its release would order the threads.
 GDBusConnection *
 get_connection()
 {
@@ -192,14 +192,14 @@ get_connection()
   return connection;
 }
 
-// The callback goes on when the other thread is through, so that nothing that the library does with the call
-// behind it makes an order.
+// The callback waits, unseen, until the other thread has ended its part: nothing that the library does after
+// the call can order the threads.
 void
-call_on_bus(void (*behind_call)())
+call_on_bus(void (*after_call)())
 {
   static std::atomic<bool> called;
   get_connection();
-  auto work = [behind_call] {
+  auto work = [after_call] {
     add();
     g_dbus_connection_call_with_unix_fd_list(
         get_connection(), nullptr, "/", "com.quon.Test", "Call", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
@@ -209,14 +209,14 @@ call_on_bus(void (*behind_call)())
           add_and_quit();
         },
         nullptr);
-    behind_call();
+    after_call();
     called.store(true, std::memory_order_relaxed);
   };
   Thread thread(work);
   g_main_loop_run(get_loop());
 }
 
-// A thread that nobody joins hands over through the main context.
+// A thread that is never joined hands over through the main context.
 void
 start_thread()
 {
@@ -228,7 +228,7 @@ start_thread()
   g_thread_unref(g_thread_try_new("unjoined", work, nullptr, nullptr));
 }
 
-// The callback has run on this thread before another one removes its source and frees what it uses.
+// After the callback has run on this thread, another thread removes its source and frees its data.
 void
 remove_elsewhere()
 {
@@ -250,10 +250,9 @@ remove_elsewhere()
   ran.store(true, std::memory_order_relaxed);
 }
 
-// Another thread removes the watch while its callback runs, so that the callback's thread releases what it
-// uses.
+// Another thread removes the watch while its callback runs, so the callback's thread frees the data.
 void
-remove_while_dispatched(void (*behind_removal)(int *data))
+remove_while_dispatched(void (*after_removal)(int *data))
 {
   static std::atomic<bool> running;
   static std::atomic<bool> removed;
@@ -276,14 +275,14 @@ remove_while_dispatched(void (*behind_removal)(int *data))
     wait_unseen(running);
     g_source_remove(id);
     removed.store(true, std::memory_order_relaxed);
-    behind_removal(data);
+    after_removal(data);
   });
   g_main_loop_run(get_loop());
 }
 
-// Many hold what the last of them frees.
+// Two threads hold the data; the last one to release it frees it.
 void
-hold_on_two_threads(void (*behind_release)(int *data))
+hold_on_two_threads(void (*after_release)(int *data))
 {
   struct Held {
     gint holders = 2;
@@ -294,12 +293,12 @@ hold_on_two_threads(void (*behind_release)(int *data))
     g_atomic_int_add(data, 1);
     if (g_atomic_int_dec_and_test(&held.holders))
       delete data;
-    behind_release(data);
+    after_release(data);
   };
   Thread thread(use_and_release), other_thread(use_and_release);
 }
 
-// Whoever drops the last reference reads and frees its state.
+// The thread that drops the last reference reads and frees the state.
 struct Thing {
   GObject parent;
   int *value;
@@ -376,33 +375,33 @@ INSTANTIATE_TEST_SUITE_P(
     HandOvers, SelfTest,
     testing::Values(
         Case{"PoolAndBack", [] { use_pool(NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindPush", [] { use_pool(add); }, RACE},
+        Case{"TouchedAfterPush", [] { use_pool(add); }, RACE},
         Case{"Queue", [] { use_queue(NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindQueuePush", [] { use_queue(add); }, RACE},
+        Case{"TouchedAfterQueuePush", [] { use_queue(add); }, RACE},
         Case{"Once", [] { Thread thread(set_up_once), other_thread(set_up_once); }, NO_REPORT},
         Case{"Idle", [] { run_loop_beside(add_idle, NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindIdle", [] { run_loop_beside([] { add_idle(), add(); }, NOTHING); }, RACE},
+        Case{"TouchedAfterIdle", [] { run_loop_beside([] { add_idle(), add(); }, NOTHING); }, RACE},
         Case{"Timeout", [] { run_loop_beside(add_timeout, NOTHING); }, NO_REPORT},
         Case{"DescriptorWatch", [] { run_loop_beside(add_descriptor_watch, NOTHING); }, NO_REPORT},
         Case{"ChannelWatch", [] { run_loop_beside(add_channel_watch, NOTHING); }, NO_REPORT},
         Case{"Source", [] { run_loop_beside(attach_source, NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindAttach", [] { run_loop_beside([] { attach_source(), add(); }, NOTHING); }, RACE},
+        Case{"TouchedAfterAttach", [] { run_loop_beside([] { attach_source(), add(); }, NOTHING); }, RACE},
         Case{"ReadySource", [] { make_source_ready(NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindReadyTime", [] { make_source_ready(add); }, RACE},
+        Case{"TouchedAfterReadyTime", [] { make_source_ready(add); }, RACE},
         Case{"Invoke", [] { run_loop_beside(invoke, NOTHING); }, NO_REPORT},
         Case{"BusCall", [] { call_on_bus(NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindBusCall", [] { call_on_bus(add); }, RACE},
+        Case{"TouchedAfterBusCall", [] { call_on_bus(add); }, RACE},
         Case{"UnjoinedThread", [] { run_loop_beside(start_thread, NOTHING); }, NO_REPORT},
-        Case{"TouchedBehindUnjoinedThread", [] { run_loop_beside([] { start_thread(), add(); }, NOTHING); },
+        Case{"TouchedAfterUnjoinedThread", [] { run_loop_beside([] { start_thread(), add(); }, NOTHING); },
              RACE},
         Case{"Quit", [] { run_loop_beside(add_and_quit, add); }, NO_REPORT},
-        Case{"TouchedBehindQuit", [] { run_loop_beside([] { add_and_quit(), add(); }, add); }, RACE},
+        Case{"TouchedAfterQuit", [] { run_loop_beside([] { add_and_quit(), add(); }, add); }, RACE},
         Case{"WakeUp", wake_up, NO_REPORT}, Case{"SourceRemovedElsewhere", remove_elsewhere, NO_REPORT},
         Case{"WatchRemovedWhileDispatched", [] { remove_while_dispatched([](int *) {}); }, NO_REPORT},
-        Case{"TouchedBehindRemovalOfWatch", [] { remove_while_dispatched([](int *data) { ++*data; }); },
+        Case{"TouchedAfterRemovalOfWatch", [] { remove_while_dispatched([](int *data) { ++*data; }); },
              RACE_OR_USE_AFTER_FREE},
         Case{"LastHolder", [] { hold_on_two_threads([](int *) {}); }, NO_REPORT},
-        Case{"TouchedBehindRelease", [] { hold_on_two_threads([](int *data) { ++*data; }); },
+        Case{"TouchedAfterRelease", [] { hold_on_two_threads([](int *data) { ++*data; }); },
              RACE_OR_USE_AFTER_FREE},
         Case{"LastReference", drop_on_two_threads, NO_REPORT},
         Case{"ReferenceOfAnother", drop_under_another_thread, RACE_OR_USE_AFTER_FREE},

@@ -27,8 +27,7 @@ constexpr auto NOTHING = [] {};
 class Pipeline
 {
 public:
-  Pipeline(void (*before_post)(), void (*behind_post)())
-      : before_post_(before_post), behind_post_(behind_post)
+  Pipeline(void (*before_post)(), void (*after_post)()) : before_post_(before_post), after_post_(after_post)
   {
     gst_init(nullptr, nullptr);
     loop_ = g_main_loop_new(nullptr, FALSE);
@@ -47,7 +46,7 @@ public:
   Pipeline(const Pipeline &) = delete;
   Pipeline &operator=(const Pipeline &) = delete;
 
-  // The first buffer makes the streaming thread post.
+  // The streaming thread posts when the first buffer arrives.
   void post_from_streaming_thread()
   {
     g_autoptr(GstPad) pad = gst_element_get_static_pad(source_, "src");
@@ -75,7 +74,7 @@ private:
     before_post_();
     gst_element_post_message(
         source_, gst_message_new_application(GST_OBJECT(source_), gst_structure_new_empty("first")));
-    behind_post_();
+    after_post_();
     posted_.store(true, std::memory_order_relaxed);
   }
 
@@ -89,8 +88,8 @@ private:
     gst_bus_remove_watch(bus);
   }
 
-  // Goes on when the other thread is through with its part, so that none of the locks that this one takes on
-  // its way back makes an order between the two.
+  // Waits, unseen, until the other thread has ended its part: no lock that this thread takes on its way back
+  // can order the two.
   static gboolean on_message(GstBus *, GstMessage *message, gpointer user_data)
   {
     auto *self = static_cast<Pipeline *>(user_data);
@@ -104,7 +103,7 @@ private:
   }
 
   void (*before_post_)();
-  void (*behind_post_)();
+  void (*after_post_)();
   std::atomic<bool> posted_ = false;
   GMainLoop *loop_;
   GstElement *pipeline_;
@@ -122,9 +121,9 @@ touch_beside_streaming_thread()
   pipeline.post_from_streaming_thread();
 }
 
-// From the thread that pushes into an application source to the one that takes from it.
+// From the thread that pushes a buffer into an application source to the streaming thread.
 void
-push_to_streaming_thread(void (*behind_push)())
+push_to_streaming_thread(void (*after_push)())
 {
   gst_init(nullptr, nullptr);
   g_autoptr(GstElement) pipeline = gst_parse_launch("appsrc name=source ! fakesink sync=false", nullptr);
@@ -144,11 +143,11 @@ push_to_streaming_thread(void (*behind_push)())
   add();
   g_signal_emit_by_name(source, "push-buffer", buffer, &result);
   wait_unseen(received);
-  behind_push();
+  after_push();
   gst_element_set_state(pipeline, GST_STATE_NULL);
 }
 
-// Whoever drops the last reference frees the memory, by way of the library.
+// The thread that drops the last reference frees the memory, inside the library.
 void
 drop_buffer_on_two_threads()
 {
@@ -170,13 +169,13 @@ drop_buffer_on_two_threads()
 INSTANTIATE_TEST_SUITE_P(
     Pipelines, SelfTest,
     testing::Values(Case{"Message", [] { Pipeline(add, NOTHING).post_from_streaming_thread(); }, NO_REPORT},
-                    Case{"TouchedBehindPost",
+                    Case{"TouchedAfterPost",
                          [] { Pipeline(NOTHING, add_when_received).post_from_streaming_thread(); }, RACE},
                     Case{"CallAsync", [] { Pipeline(add, NOTHING).post_asynchronously(); }, NO_REPORT},
-                    Case{"TouchedBehindPostInCallAsync",
+                    Case{"TouchedAfterPostInCallAsync",
                          [] { Pipeline(NOTHING, add_when_received).post_asynchronously(); }, RACE},
-                    Case{"TouchedBesideStreamingThread", touch_beside_streaming_thread, RACE},
+                    Case{"TouchedDuringStreamingThread", touch_beside_streaming_thread, RACE},
                     Case{"Push", [] { push_to_streaming_thread(NOTHING); }, NO_REPORT},
-                    Case{"TouchedBehindPush", [] { push_to_streaming_thread(add); }, RACE},
+                    Case{"TouchedAfterPush", [] { push_to_streaming_thread(add); }, RACE},
                     Case{"LastReferenceToBuffer", drop_buffer_on_two_threads, NO_REPORT}),
     case_name);

@@ -4,7 +4,7 @@ namespace
 {
 
 struct Shared {
-  GMutex mutex; // these two are never initialised, as a static mutex may be
+  GMutex mutex; // like a static mutex, these two are not initialised
   GMutex other_mutex;
   GCond cond;
   GRecMutex rec_mutex;
@@ -113,7 +113,7 @@ in_two_threads(void (*first)(), void (*second)())
   Thread other_thread(second);
 }
 
-// The mutex is held by the other thread all the time, so that trying it gives no order.
+// The other thread holds the mutex all the time, so a failed attempt to lock it gives no order.
 void
 add_when_tried_in_vain()
 {
