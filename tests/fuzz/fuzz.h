@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 namespace fuzz
 {
 
-// Ends the run as a finding, whatever the build does with assert().
+// Reports a finding, also in builds without assert().
 inline void
 require(bool holds, const char *what)
 {
@@ -29,8 +29,8 @@ as_text(const uint8_t *data, size_t size)
   return {reinterpret_cast<const char *>(data), size};
 }
 
-// Cuts the data into at most max_pieces pieces of random lengths. The data itself seeds the choice, so that
-// an input is always cut the same way and a seed file holds nothing but what its name says.
+// Cuts the data into at most max_pieces pieces of random lengths. The data seeds the random numbers, so an
+// input is always cut the same way and needs no bytes for it.
 inline std::vector<std::string_view>
 cut_into_pieces(std::string_view data, size_t max_pieces)
 {

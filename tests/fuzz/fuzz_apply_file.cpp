@@ -1,5 +1,5 @@
-// A file for "tessardctl apply" in any bytes: either an error with its line and column, or a request that the
-// bus can carry. Of an accepted file a JSON library makes the same request.
+// A file of arbitrary bytes for "tessardctl apply": it yields either an error with line and column, or a
+// request that the bus can carry. A JSON library makes the same request of an accepted file.
 #include "applyfile.h"
 #include "fuzz.h"
 

@@ -1,4 +1,4 @@
-// A content filter in any bytes, compiled and evaluated on one message of every topic.
+// A content filter of arbitrary bytes, compiled and evaluated on one message of each topic.
 #include "contentfilter.h"
 #include "fuzz.h"
 #include "worldevents.h"
@@ -13,7 +13,7 @@ using sim::ContentFilter;
 void
 check_error(const GError *error)
 {
-  fuzz::require(error->message[0] != '\0', "an error says something");
+  fuzz::require(error->message[0] != '\0', "an error has a text");
   fuzz::require(g_utf8_validate(error->message, -1, nullptr), "an error is text");
 }
 
@@ -33,7 +33,7 @@ evaluate(const ContentFilter &filter, const onvif::EventMessage &message)
 {
   g_autoptr(GError) error = nullptr;
   std::optional<bool> wanted = filter.matches(message, &error);
-  fuzz::require(wanted.has_value() && error == nullptr, "a filter that was tried out can be evaluated");
+  fuzz::require(wanted.has_value() && error == nullptr, "a compiled filter can be evaluated");
   return *wanted;
 }
 
@@ -53,7 +53,7 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
   for (const onvif::EventMessage &message : sim::world_event_examples()) {
     bool wanted = evaluate(*filter, message);
     if (opposite.has_value())
-      fuzz::require(evaluate(*opposite, message) != wanted, "the opposite filter gives the opposite");
+      fuzz::require(evaluate(*opposite, message) != wanted, "the negated filter has the opposite result");
   }
   return 0;
 }

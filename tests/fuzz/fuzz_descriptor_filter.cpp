@@ -1,7 +1,7 @@
-// The messages of a connection in any bytes, put through the filter that keeps descriptors out, and compared
-// with a plain model of it: whether a message passes, is dropped or becomes a failure, and what is answered.
-// Some messages are read as GDBus reads what it received, others are made of parts that matter to the filter;
-// the latter can also be what no bus passes on.
+// Messages of arbitrary bytes pass the filter that keeps descriptors out. A simple model predicts whether a
+// message passes, is dropped or becomes an error, and which reply the sender gets. Some messages are parsed
+// as GDBus parses received ones, others are built from the parts that the filter checks; the latter include
+// messages that no bus delivers.
 #include "descriptorfilter.h"
 #include "fuzz.h"
 
@@ -17,19 +17,19 @@
 namespace
 {
 
-// What the first byte of a message says.
+// The first byte of a message.
 constexpr guint8 IS_INCOMING = 0x01;
 constexpr guint8 IS_BLOB = 0x02;
 constexpr guint8 HAS_LIST = 0x04;
 constexpr guint8 DESCRIPTOR_SHIFT = 3;
 constexpr guint8 DESCRIPTOR_MASK = 0x03;
 
-// As many types as the enumeration can hold; a message that is read can have any other.
+// Types that the enumeration can hold; a parsed message can also have others.
 constexpr guint8 TYPE_MASK = 0x07;
 
 constexpr const char *REFUSED = "org.freedesktop.DBus.Error.NotSupported";
 
-// The parts that matter, in any header field.
+// The texts that the filter checks, for any header field.
 constexpr std::array TEXTS = {
     "com.quon.MetadataReceiver1",
     "com.quon.MetadataReceiver1.Producer",
@@ -53,7 +53,7 @@ constexpr std::array TEXT_FIELDS = {
 
 bool in_filter;
 
-// A precondition that fails in the filter is a finding. Reading any bytes may have GLib complain.
+// A failed precondition of the filter is a finding. GLib may warn while it parses arbitrary bytes.
 void
 on_glib_message(const gchar *, GLogLevelFlags, const gchar *text, gpointer)
 {
@@ -98,7 +98,7 @@ private:
   std::string_view rest_;
 };
 
-// Small numbers, so that a reply often finds its call; high ones are for messages that are read.
+// Small numbers, so that a reply often matches a call; parsed messages also have high ones.
 std::optional<guint32>
 read_number(Reader *reader)
 {
@@ -146,7 +146,7 @@ make_message(Reader *reader)
   set_number(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_REPLY_SERIAL, read_number(reader));
   for (GDBusMessageHeaderField field : TEXT_FIELDS)
     g_dbus_message_set_header(message.get(), field, read_text(reader));
-  // What it announces may be another number than what came with it.
+  // The announced number may differ from the number of descriptors.
   set_number(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_NUM_UNIX_FDS, read_number(reader));
   return message;
 }
@@ -156,7 +156,7 @@ read_blob(Reader *reader)
 {
   gsize size = reader->byte();
   std::string blob(reader->text(size | static_cast<gsize>(reader->byte()) << 8U));
-  // GDBus reads this much before it knows how long a message is.
+  // GDBus reads this many bytes before it knows the length of a message.
   if (blob.size() < 16)
     return own(nullptr);
   return own(g_dbus_message_new_from_blob(reinterpret_cast<guchar *>(blob.data()), blob.size(),
@@ -186,8 +186,8 @@ is_unique_name(const std::string &name)
   return !name.empty() && g_dbus_is_unique_name(name.c_str());
 }
 
-// Every serial that was ever used for a call of a stream is in one list, and the last that many of it without
-// a reply are those that wait.
+// One list has every serial that a call for a stream used. The last ones without a reply, up to the limit,
+// are the calls that wait.
 class Model
 {
 public:
@@ -251,15 +251,15 @@ private:
   std::vector<guint32> waiting_;
 };
 
-// What GDBus writes must be what another GDBus can read.
+// Another GDBus must be able to read what GDBus writes.
 void
 check_encoding(GDBusMessage *message)
 {
   gsize size = 0;
   guchar *blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-  fuzz::require(blob != nullptr, "what the filter makes can be written");
+  fuzz::require(blob != nullptr, "the filter's message can be serialised");
   Message read = own(g_dbus_message_new_from_blob(blob, size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
-  fuzz::require(read != nullptr, "what the filter makes can be read");
+  fuzz::require(read != nullptr, "the filter's message can be parsed");
   g_free(blob);
 }
 
@@ -267,14 +267,14 @@ void
 check_error(GDBusMessage *error, guint32 reply_serial)
 {
   fuzz::require(g_dbus_message_get_message_type(error) == G_DBUS_MESSAGE_TYPE_ERROR, "it is an error");
-  fuzz::require(g_dbus_message_get_reply_serial(error) == reply_serial, "it is of the call");
+  fuzz::require(g_dbus_message_get_reply_serial(error) == reply_serial, "it replies to the call");
   fuzz::require(text_of(g_dbus_message_get_error_name(error)) == REFUSED, "it has the error's name");
   fuzz::require(g_dbus_message_get_unix_fd_list(error) == nullptr, "it has no descriptors");
   fuzz::require(g_dbus_message_get_num_unix_fds(error) == 0, "it announces no descriptors");
   check_encoding(error);
 }
 
-// What has to be known of a message when it is gone.
+// The properties of a message that are checked after it has been released.
 struct Header {
   explicit Header(GDBusMessage *message)
       : serial(g_dbus_message_get_serial(message)), reply_serial(g_dbus_message_get_reply_serial(message)),
@@ -290,13 +290,15 @@ struct Header {
 void
 check(GDBusMessage *passed, GDBusMessage *answer, const Header &header, const Expectation &expected)
 {
-  fuzz::require((answer != nullptr) == expected.answered, "it is answered as the model says");
+  fuzz::require((answer != nullptr) == expected.answered, "it gets a reply if the model says so");
   if (answer != nullptr) {
     check_error(answer, header.serial);
-    fuzz::require(text_of(g_dbus_message_get_destination(answer)) == header.sender, "who asked is answered");
-    fuzz::require(!g_dbus_message_get_locked(answer), "the answer can be sent");
+    fuzz::require(text_of(g_dbus_message_get_destination(answer)) == header.sender,
+                  "the caller gets the reply");
+    fuzz::require(!g_dbus_message_get_locked(answer), "the reply can be sent");
   }
-  fuzz::require((passed == nullptr) == (expected.fate == Fate::DROPPED), "it is dropped as the model says");
+  fuzz::require((passed == nullptr) == (expected.fate == Fate::DROPPED),
+                "it is dropped if the model says so");
   if (expected.fate == Fate::REPLACED) {
     check_error(passed, header.reply_serial);
     fuzz::require(g_dbus_message_get_serial(passed) == header.serial, "it keeps the serial");
@@ -320,8 +322,10 @@ pass(DescriptorFilter *filter, Model *model, Message message, bool incoming)
   in_filter = false;
   Message answer = own(made);
 
-  fuzz::require((alive != nullptr) == (expected.fate == Fate::PASSES), "what is refused is released at once");
-  fuzz::require((passed.get() == original) == (expected.fate == Fate::PASSES), "it passes as the model says");
+  fuzz::require((alive != nullptr) == (expected.fate == Fate::PASSES),
+                "a refused message is released at once");
+  fuzz::require((passed.get() == original) == (expected.fate == Fate::PASSES),
+                "it passes if the model says so");
   check(passed.get(), answer.get(), header, expected);
   if (alive != nullptr)
     g_object_remove_weak_pointer(G_OBJECT(original), &alive);

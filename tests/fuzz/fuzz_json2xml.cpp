@@ -1,5 +1,5 @@
-// What a producer sends, in any bytes, as the daemon frames it or as a frame of its own: left out with a
-// reason, or written as XML under the producer's own name and within the limits.
+// Arbitrary bytes from a producer, in the daemon's frame or as a whole frame: the frame is either left out
+// with a reason, or written as XML with the producer's own name and within the limits.
 #include "fuzz.h"
 #include "jsonform.h"
 #include "producerfragment.h"
@@ -24,7 +24,7 @@ constexpr gint64 END_OF_2099 = G_GINT64_CONSTANT(4102444799) * G_USEC_PER_SEC;
 void
 require_in_picture(double x, double y)
 {
-  fuzz::require(x >= -1 && x <= 1 && y >= -1 && y <= 1, "places are in the picture");
+  fuzz::require(x >= -1 && x <= 1 && y >= -1 && y <= 1, "positions are in the picture");
 }
 
 void
@@ -34,7 +34,7 @@ check_object(const ProducerObject &object)
     require_in_picture(object.box->left, object.box->top);
     require_in_picture(object.box->right, object.box->bottom);
     fuzz::require(object.box->left <= object.box->right && object.box->bottom <= object.box->top,
-                  "boxes stand upright");
+                  "the edges of boxes are in order");
   }
   if (object.centre.has_value())
     require_in_picture(object.centre->x, object.centre->y);
@@ -74,7 +74,7 @@ count_children(xmlNode *node, const char *name)
   return count;
 }
 
-// The element is one frame, whatever it is called.
+// The element is one frame; its name is not checked.
 void
 check_element(xmlNode *element, const ProducerItem &item)
 {
@@ -109,7 +109,7 @@ check_fragment(const ProducerFrame &frame, const sim::ProducerView &view)
   gst_buffer_unmap(buffer, &map);
 }
 
-// What passes the walk, json-glib has no objections to.
+// json-glib accepts what the parser accepts.
 void
 check_form(std::string text)
 {
@@ -118,7 +118,7 @@ check_form(std::string text)
   g_autoptr(JsonParser) parser = json_parser_new();
   fuzz::require(json_parser_load_from_data(parser, text.data(), static_cast<gssize>(text.size()), nullptr) !=
                     FALSE,
-                "what passes is JSON");
+                "an accepted frame is JSON");
 }
 
 std::optional<ProducerFrame>
@@ -154,6 +154,6 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
   std::optional<ProducerFrame> framed =
       read_frame("{\"Source\":\"" + std::string(SOURCE) + "\",\"Data\":{\"Item\":[" + text + "]}}");
   if (framed.has_value())
-    fuzz::require(framed->source == SOURCE, "a producer speaks for itself");
+    fuzz::require(framed->source == SOURCE, "a frame has its producer's name");
   return 0;
 }

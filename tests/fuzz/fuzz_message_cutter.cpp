@@ -1,5 +1,5 @@
-// A stream of messages in pieces, cut by the component that the product uses and by a plain model that looks
-// at the whole stream. An input is the modes, the length of a turn, and the pieces.
+// The message cutter cuts a stream of messages that arrives in pieces; a simple model cuts the whole stream.
+// An input has the modes, the length of a turn, and the pieces.
 #include "fuzz.h"
 #include "messagecutter.h"
 
@@ -15,10 +15,10 @@ namespace
 constexpr const char *FRAME_START = "{start}";
 constexpr const char *FRAME_END = "{end}";
 
-// The reader refuses longer ones.
+// The cutter refuses longer ones.
 constexpr guint32 MAX_PAYLOAD = 4096;
 
-// The byte before a piece: its size, and whether the next piece comes while it is read.
+// The byte before a piece: its size, and whether the next piece arrives while it is read.
 constexpr guint8 SIZE_MASK = 0x7f;
 constexpr guint8 MORE_COMES = 0x80;
 
@@ -44,7 +44,7 @@ struct Stream {
     return end != ends.end() && end->second;
   }
 
-  // The end of the piece that the byte at this place is in.
+  // The end of the piece that has the byte at this position.
   size_t piece_end(size_t place) const
   {
     return ends.upper_bound(place)->first;
@@ -122,7 +122,7 @@ private:
     return outcome.is_refused;
   }
 
-  // Where pieces are kept, they do not matter.
+  // Mode that collects pieces: their boundaries have no effect.
   void cut_collected()
   {
     std::string_view rest = bytes_.substr(place_);
@@ -137,7 +137,8 @@ private:
     outcome.frames.push_back(length > 0 ? make_frame(std::string(rest.substr(sizeof length, length))) : "");
   }
 
-  // Otherwise the length is what the piece has of it, and the payload what comes until nothing is there.
+  // Otherwise the length has the bytes that the piece has of it, and the payload ends when no byte is
+  // available.
   void cut_at_once()
   {
     const size_t end = std::min(place_ + sizeof(guint32), stream_.piece_end(place_));
@@ -154,7 +155,7 @@ private:
       outcome.has_begun = !stream_.is_dry(place_);
   }
 
-  // The parts of a payload between the ends of pieces. An end that is a turn's end too is none.
+  // The parts of a payload between the ends of pieces. The end of a turn does not count.
   std::vector<std::string_view> find_parts(size_t left)
   {
     std::vector<std::string_view> parts;
@@ -171,7 +172,7 @@ private:
     return parts;
   }
 
-  // Each part stands where the part before it alone would end.
+  // Each part begins at the size of the part before it.
   static std::string join(const std::vector<std::string_view> &parts, guint32 length)
   {
     std::string payload(length, '\0');

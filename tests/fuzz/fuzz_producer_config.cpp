@@ -1,8 +1,9 @@
-/* A producers' file in any bytes behind two lines, a producer's name and a configuration name for it. GLib
- * alone tells which groups and values the file has; what they mean is compared with a plain model.
+/* Two lines, a producer's name and a configuration name for it, and then a producers' file of arbitrary
+ * bytes. GLib reads its groups and values; a simple model interprets them.
  */
 #include "fuzz.h"
 #include "producerconfig.h"
+#include "producersfile.h"
 #include "ratelimitedlog.h"
 #include "saves.h"
 
@@ -11,9 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <sys/mman.h>
 #include <syslog.h>
-#include <unistd.h>
 #include <utility>
 
 namespace
@@ -33,40 +32,13 @@ take_syslog()
   return std::exchange(syslog_lines, {});
 }
 
-/* The file, in memory. Nothing can be created beside it, so that every save fails. */
-class File
-{
-public:
-  File() : fd_(memfd_create("producers.conf", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_))
-  {
-    fuzz::require(fd_ >= 0, "memfd_create");
-    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
-  }
-
-  void write(std::string_view content) const
-  {
-    fuzz::require(ftruncate(fd_, 0) == 0, "ftruncate");
-    fuzz::require(pwrite(fd_, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
-                  "pwrite");
-  }
-
-  const char *path() const
-  {
-    return path_.c_str();
-  }
-
-private:
-  int fd_;
-  std::string path_;
-};
-
 std::string
 text_of(std::string_view line)
 {
   return std::string(line.substr(0, line.find('\0')));
 }
 
-/* Takes the first line off. */
+/* Removes the first line. */
 std::string
 take_line(std::string_view *input)
 {
@@ -77,7 +49,7 @@ take_line(std::string_view *input)
   return text_of(line);
 }
 
-/* What index the text is, if it is one. Nothing at all is the first. */
+/* The index that the text is; an empty text is the first. */
 std::optional<guint32>
 parse_index(std::string_view text)
 {
@@ -109,7 +81,7 @@ parse_group(const std::string &group)
   return end != group.npos ? parse_index(std::string_view(group).substr(begin, end - begin)) : std::nullopt;
 }
 
-/* One warning for each group of a producer's channel whose name is long. */
+/* A warning for each group of a producer's channel with a long name. */
 Lines
 long_name_lines(GKeyFile *key_file)
 {
@@ -127,7 +99,7 @@ long_name_lines(GKeyFile *key_file)
   return lines;
 }
 
-/* As they are written: the first ones, and the last one with the count of those between. */
+/* As the log has them: the first ones, and the last one with the count of those between. */
 Lines
 limited(Lines lines)
 {
@@ -234,7 +206,7 @@ check_loaded(GKeyFile *key_file, const std::string &producer, const std::string 
 
 } // namespace
 
-/* What the code under test logs stays here. */
+/* Checks the log lines of the code under test. */
 extern "C" void
 syslog(int priority, const char *format, ...)
 {
@@ -243,14 +215,15 @@ syslog(int priority, const char *format, ...)
   g_autofree gchar *line = g_strdup_vprintf(format, args);
   va_end(args);
 
-  fuzz::require(priority == LOG_WARNING, "what is logged is a warning");
+  fuzz::require(priority == LOG_WARNING, "a log line is a warning");
   syslog_lines.emplace_back(line);
 }
 
 int
 LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-  static const File file;
+  static const fuzz::ProducersFile file;
+  g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
   std::string_view input = fuzz::as_text(data, size);
   const std::string producer = take_line(&input);
   const std::string name = take_line(&input);

@@ -1,16 +1,18 @@
-/* Calls of both methods of the control service with any arguments of the right type, over a connection
- * without a bus, and compared with a plain model: what is refused, with which error, and what is applied.
+/* Calls of both methods of the control service with arbitrary arguments of the right type, over a connection
+ * without a bus. A simple model predicts which calls fail, with which error, and what the others change.
  *
- * The input is lines. "S" and a producer's name begin a call on its object, "M" one on the manager's, and "P"
- * and a name an entry of the latter. "+" or "-", a channel, a blank and a name are a tuple; "x" or "u" and a
- * number make the name of the last one longer, by characters of one byte or of two. What follows "R" or "r"
- * to the end of the input is the argument of a last call in GVariant's serialised form, for the manager or
- * for the first producer. With a line "A" all calls are made at once, and are worked off in their order.
+ * The input consists of lines. "S" and a producer's name begin a call on its object, "M" begins one on the
+ * manager's, and "P" and a name begin an entry of the latter. "+" or "-", a channel, a blank and a name are a
+ * tuple; "x" or "u" and a number make the name of the last tuple longer, by characters of one byte or of two.
+ * After "R" or "r" the rest of the input is the argument of a last call in GVariant's serialised form, for
+ * the manager or for the first producer. With a line "A" all calls are made at once; the service handles them
+ * in order.
  */
 #include "analyticsproducerlist.h"
 #include "dbusproducermanager.h"
 #include "fuzz.h"
 #include "producerconfig.h"
+#include "producersfile.h"
 #include "saves.h"
 
 #include <algorithm>
@@ -22,10 +24,8 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <syslog.h>
-#include <unistd.h>
 #include <utility>
 
 namespace
@@ -68,17 +68,16 @@ struct Entry {
   Tuples tuples;
 };
 
-/* One call: of a producer's method when it is for one, or else of the manager's. */
+/* One call of a producer's method or of the manager's. */
 struct Call {
   std::optional<std::string> producer;
   std::vector<Entry> entries;
 };
 
-/* Also counted by the thread that saves. */
+/* The thread that saves counts them too. */
 std::atomic<gsize> write_failures;
 
-/* What the producers are, and what becomes of them. A longer name than a call may give has come from the
- * file. */
+/* The state of the producers. A name that is longer than a call may set comes from the file. */
 class Model
 {
 public:
@@ -93,7 +92,7 @@ public:
     state_["Two"][1] = std::string(300, 'l');
   }
 
-  /* The outcome. */
+  /* Returns the outcome. */
   std::string call(const Call &call)
   {
     if (count_tuples(call) > 4096) {
@@ -179,7 +178,7 @@ public:
     return server_;
   }
 
-  /* A body or an error, once it has come. */
+  /* A body or an error, after its arrival. */
   struct Reply {
     Reply() = default;
     ~Reply()
@@ -238,30 +237,12 @@ private:
   GDBusConnection *client_ = nullptr;
 };
 
-/* A producers' file, empty and in memory. Nothing can be created beside it, so that every save fails. */
-class File
-{
-public:
-  File() : fd_(memfd_create("producers.conf", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_))
-  {
-    fuzz::require(fd_ >= 0, "memfd_create");
-  }
-
-  const char *path() const
-  {
-    return path_.c_str();
-  }
-
-private:
-  int fd_;
-  std::string path_;
-};
-
-/* A daemon's control service, which stays: to make one takes longer than to call it. */
+/* A daemon's control service, one for all inputs: to make one takes longer than to call it. */
 class Service
 {
 public:
-  Service(const Connection &connection, const File &file) : list_(analytics_producer_list_new())
+  Service(const Connection &connection, const fuzz::ProducersFile &file)
+      : list_(analytics_producer_list_new())
   {
     fuzz::require(producer_config_setup(file.path()), "the file is loaded");
     dbus_producer_manager_init(list_);
@@ -271,7 +252,7 @@ public:
     dbus_producer_manager_on_bus_acquired(connection.server(), list_);
   }
 
-  /* Makes the producers what they are in the model. */
+  /* Sets the producers to the model's state. */
   void reset(const Model &model) const
   {
     for (gsize i = 0; i < PRODUCERS.size(); i++) {
@@ -316,7 +297,7 @@ as_valid_text(std::string_view bytes)
   return text;
 }
 
-/* The number that the text begins with, and the rest behind it. */
+/* Takes the number at the beginning of the text. */
 template <typename Number>
 Number
 take_number(std::string_view *text)
@@ -356,7 +337,7 @@ append_tuple(std::vector<Call> *calls, bool enabled, std::string_view text)
   }
 }
 
-/* A producer that has no object counts as the first one that has. */
+/* A producer without an object is replaced by the first one with an object. */
 Call
 begin_producer_call(std::string_view name)
 {
@@ -440,7 +421,7 @@ read_tuples(GVariant *array)
   return tuples;
 }
 
-/* What any bytes mean as an argument. */
+/* Interprets arbitrary bytes as an argument. */
 Call
 read_serialised(bool for_manager, std::string_view bytes)
 {
@@ -516,10 +497,10 @@ check_state(const Service &service, const Model &model)
                     "the producers are the model's");
     }
   }
-  fuzz::require(write_failures == model.changes(), "every change is written once, and nothing else");
+  fuzz::require(write_failures == model.changes(), "each change is saved once, and there is no other save");
 }
 
-/* What the bus shows of one producer. */
+/* Compares one producer's properties on the bus with the model. */
 void
 check_shown(GVariant *objects, const Model &model, gsize index)
 {
@@ -582,7 +563,7 @@ call_at_once(const Connection &connection, const Service &service, const std::ve
 
 } // namespace
 
-/* What the code under test logs stays here. */
+/* Checks the log lines of the code under test. */
 extern "C" void
 syslog(int priority, const char *format, ...)
 {
@@ -591,7 +572,7 @@ syslog(int priority, const char *format, ...)
   g_autofree gchar *line = g_strdup_vprintf(format, args);
   va_end(args);
 
-  fuzz::require(priority == LOG_WARNING, "what is logged is a warning");
+  fuzz::require(priority == LOG_WARNING, "a log line is a warning");
   write_failures += g_str_has_prefix(line, "could not write name to producerconfig: ") ? 1 : 0;
 }
 
@@ -599,7 +580,7 @@ int
 LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
   static const Connection connection;
-  static const File file;
+  static const fuzz::ProducersFile file;
   static const Service service(connection, file);
   Model model;
 

@@ -1,7 +1,6 @@
-/* What the metadata receiver says of one producer: the values that it begins with, a change of them, and the
- * names of those that are not known any more, each in the bytes of a GVariant, as it comes from the bus. Two
- * bytes each before the first two tell how long they are. What is left of the properties is compared with a
- * plain model.
+/* The properties of one producer from the metadata receiver: their first values, changed values, and the
+ * names of invalidated ones, each as the bytes of a GVariant from the bus. The first two have their length in
+ * two bytes in front. A simple model predicts the resulting properties.
  */
 #include "fuzz.h"
 #include "producerproperties.h"
@@ -17,7 +16,7 @@ namespace
 
 using Channels = std::vector<guint32>;
 
-/* A value, or why there is none. */
+/* A value, or the reason for its absence. */
 template <typename T> struct Known {
   std::optional<T> value;
   std::string problem;
@@ -29,7 +28,7 @@ struct Model {
   Known<Channels> channels;
 };
 
-/* Cuts a part off whose length stands before it. */
+/* Takes a part, which follows its length. */
 std::string_view
 take_part(std::string_view *input)
 {
@@ -44,7 +43,7 @@ take_part(std::string_view *input)
   return part;
 }
 
-/* Whatever the bytes are, what comes from the bus is in normal form. */
+/* Values from the bus are in normal form, so arbitrary bytes are brought into it. */
 GVariant *
 make_variant(const char *type, std::string_view bytes)
 {
@@ -54,7 +53,7 @@ make_variant(const char *type, std::string_view bytes)
   return g_variant_get_normal_form(value);
 }
 
-/* The first one of that name. */
+/* Returns the first value with that name. */
 GVariant *
 find(GVariant *values, const char *name)
 {
@@ -116,7 +115,7 @@ take_channels(GVariant *value)
   return {channels, ""};
 }
 
-/* With no names of what is not known any more, everything that is missing is not known. */
+/* Without names of invalidated properties, each missing property is invalid. */
 void
 update(Model *model, GVariant *values, const gchar *const *invalidated)
 {

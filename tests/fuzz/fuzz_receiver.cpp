@@ -1,17 +1,19 @@
-/* All that the metadata receiver can say, to the whole of its client. A bus of this program's own has one
- * peer more than the client, the receiver, and says what the input wants.
+/* Arbitrary messages from the metadata receiver to its whole client. This program plays the bus and the
+ * receiver on one connection to the client. Unlike the receivers of the other tests it needs no dbus-daemon,
+ * which would take most of the time, and it sends bodies of wrong types.
  *
- * The input is a list of records, each a byte that says what it is, two with the length of the rest, and the
- * rest: a GVariant's type, a NUL and its bytes. A type that is none stands for the right one. So everything
- * comes in the right and in wrong types.
+ * The input is a list of records: a byte with the kind of message, two bytes with the length of the rest, and
+ * the rest, a GVariant's type, a NUL and its bytes. An invalid type is replaced by the correct one. So each
+ * message occurs with correct and with wrong types.
  *
- * Whatever is said, the list of producers stays within its bounds, what is listed is what was said, and
- * nothing is listed any more once the receiver has left.
+ * After all messages the list of producers is within its limits, the listed properties are valid, and the
+ * list is empty when the client has ended.
  */
 #include "dbusclient.h"
 #include "fuzz.h"
 #include "producerconfig.h"
 #include "producerproperties.h"
+#include "producersfile.h"
 #include "ratelimitedlog.h"
 #include "receiverwatch.h"
 
@@ -25,7 +27,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <sys/mman.h>
 #include <syslog.h>
 #include <thread>
 #include <utility>
@@ -41,7 +42,7 @@ constexpr const char *PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char *FENCE = "/fence";
 constexpr size_t MAX_RECORDS = 64;
 
-enum Kind : uint8_t { ADDED, REMOVED, CHANGED, OBJECTS, SAMPLE, NAME_GOES, NAME_COMES, N_KINDS };
+enum Kind : uint8_t { ADDED, REMOVED, CHANGED, OBJECTS, SAMPLE, VANISHES, APPEARS, N_KINDS };
 
 struct Record {
   Kind kind;
@@ -49,7 +50,7 @@ struct Record {
   GVariant *body;
 };
 
-/* The bus and everybody on it but the client, in a thread of its own. */
+/* The bus and the receiver, in a thread of their own. */
 class Bus
 {
 public:
@@ -60,7 +61,7 @@ public:
     g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), TRUE);
   }
 
-  /* What is answered from now on, NULL for an error. */
+  /* Sets the body of later replies, NULL for an error. */
   void set_objects(GVariant *body)
   {
     std::lock_guard guard(lock_);
@@ -83,31 +84,31 @@ public:
     send(message);
   }
 
-  /* Has the receiver come or go. When it comes, the client asks it for its objects. */
+  /* Makes the receiver appear or vanish. When it appears, the client requests its objects. */
   void set_owner(bool present)
   {
     if (owned_.exchange(present) == present) {
       return;
     }
-    const unsigned before = questions_;
+    const unsigned before = object_requests_;
     send_signal(BUS_NAME, "/org/freedesktop/DBus", BUS_NAME, "NameOwnerChanged",
                 g_variant_new("(sss)", RECEIVER_NAME, present ? "" : OWNER, present ? OWNER : ""));
     if (present) {
-      wait_for_question(before);
+      wait_for_object_request(before);
     }
   }
 
-  /* The answer to the question wakes the main loop. */
-  void wait_for_question(unsigned before) const
+  /* The reply wakes the main loop. */
+  void wait_for_object_request(unsigned before) const
   {
-    while (questions_ == before) {
+    while (object_requests_ == before) {
       g_main_context_iteration(nullptr, TRUE);
     }
   }
 
-  unsigned questions() const
+  unsigned object_requests() const
   {
-    return questions_;
+    return object_requests_;
   }
 
 private:
@@ -155,21 +156,21 @@ private:
     }
     if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
       auto *self = static_cast<Bus *>(user_data);
-      g_autoptr(GDBusMessage) reply = self->answer(message);
+      g_autoptr(GDBusMessage) reply = self->make_reply(message);
       g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     }
     g_object_unref(message);
     return nullptr;
   }
 
-  GDBusMessage *answer(GDBusMessage *call)
+  GDBusMessage *make_reply(GDBusMessage *call)
   {
     const std::string method = g_dbus_message_get_member(call);
     GDBusMessage *reply = g_dbus_message_new_method_reply(call);
     std::lock_guard guard(lock_);
 
     g_dbus_message_set_sender(reply, BUS_NAME);
-    questions_ += method == "GetManagedObjects" ? 1 : 0;
+    object_requests_ += method == "GetManagedObjects" ? 1 : 0;
     if (method == "Hello") {
       g_dbus_message_set_body(reply, g_variant_new("(s)", CLIENT));
     } else if (method == "StartServiceByName") {
@@ -203,14 +204,14 @@ private:
   GVariant *objects_ = nullptr;
   GVariant *sample_ = nullptr;
   std::atomic<bool> owned_ = true;
-  std::atomic<unsigned> questions_ = 0;
+  std::atomic<unsigned> object_requests_ = 0;
   GMainContext *context_;
   std::thread thread_;
 };
 
-std::atomic<bool> fence_heard;
+std::atomic<bool> fence_passed;
 
-/* Another type where the input has none that is one, or that a message could not have. */
+/* Has the type of the input if that is valid and a message can have it, or else the correct one. */
 GVariant *
 make_body(std::string_view input, const char *right_type)
 {
@@ -229,7 +230,7 @@ make_body(std::string_view input, const char *right_type)
   return g_variant_get_normal_form(value);
 }
 
-/* NULL for what no message can carry. */
+/* NULL if no message can carry the body. */
 GVariant *
 take_if_carried(GVariant *body)
 {
@@ -271,9 +272,9 @@ parse(std::string_view input)
     const auto kind = static_cast<Kind>(first % N_KINDS);
     const size_t length = static_cast<uint8_t>(input[1]) * 256 + static_cast<uint8_t>(input[2]);
     const std::string_view rest = input.substr(3, length);
-    GVariant *body = kind < NAME_GOES ? take_if_carried(make_body(rest, TYPES[kind])) : nullptr;
+    GVariant *body = kind < VANISHES ? take_if_carried(make_body(rest, TYPES[kind])) : nullptr;
 
-    if (body != nullptr || kind >= NAME_GOES) {
+    if (body != nullptr || kind >= VANISHES) {
       records.push_back({kind, path_of(first / N_KINDS), body});
     }
     input.remove_prefix(3 + rest.size());
@@ -281,15 +282,16 @@ parse(std::string_view input)
   return records;
 }
 
-/* Everything until now has been heard. The fence's line may be one that is left out, and then the last. */
+/* Returns when the client has handled all messages so far. The fence's log line may be held back as the last
+ * one. */
 void
 wait_for_fence(Bus *bus)
 {
-  fence_heard = false;
+  fence_passed = false;
   bus->send_signal(
       OWNER, RECEIVER_PRODUCERS_PATH, MANAGER, "InterfacesAdded",
       g_variant_new("(o@a{sa{sv}})", FENCE, g_variant_new_array(G_VARIANT_TYPE("{sa{sv}}"), nullptr, 0)));
-  while (!fence_heard) {
+  while (!fence_passed) {
     g_main_context_iteration(nullptr, TRUE);
     rate_limited_log_flush();
   }
@@ -303,9 +305,11 @@ check_listed(AnalyticsProducer *producer, gpointer user_data)
 
   g_object_get(producer, "name", &name, "nice-name", &nice_name, nullptr);
   fuzz::require(strlen(name) > 0 && strlen(name) <= PRODUCER_PROPERTIES_MAX_NAME_BYTES,
-                "a name has its bounds");
-  fuzz::require(strlen(nice_name) <= PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES, "a nice name has its bounds");
-  fuzz::require(static_cast<std::set<std::string> *>(user_data)->insert(name).second, "a name is there once");
+                "a name is within its limits");
+  fuzz::require(strlen(nice_name) <= PRODUCER_PROPERTIES_MAX_NICE_NAME_BYTES,
+                "a nice name is within its limit");
+  fuzz::require(static_cast<std::set<std::string> *>(user_data)->insert(name).second,
+                "a name is listed once");
 }
 
 void
@@ -314,7 +318,7 @@ check_list(AnalyticsProducerList *list)
   std::set<std::string> names;
 
   analytics_producer_list_foreach(list, check_listed, &names);
-  fuzz::require(names.size() <= DBUS_CLIENT_MAX_PRODUCERS, "the list has its bound");
+  fuzz::require(names.size() <= DBUS_CLIENT_MAX_PRODUCERS, "the list is within its limit");
 }
 
 bool
@@ -328,7 +332,7 @@ is_empty(AnalyticsProducerList *list)
 }
 
 void
-say(Bus *bus, const Record &record)
+send(Bus *bus, const Record &record)
 {
   switch (record.kind) {
   case ADDED:
@@ -347,19 +351,19 @@ say(Bus *bus, const Record &record)
     bus->set_sample(record.body);
     break;
   default:
-    bus->set_owner(record.kind == NAME_COMES);
+    bus->set_owner(record.kind == APPEARS);
     break;
   }
 }
 
 } // namespace
 
-/* The names are the linker's. */
+/* The linker calls the replacement of a function so. */
 extern "C" gchar *__wrap_sample_frame_convert(gchar **json, const gchar *producer_name);
 
-/* The first answers are there from the start. */
+/* The first replies are set before the client starts. */
 static void
-set_first_answers(Bus *bus, const std::vector<Record> &records)
+set_first_replies(Bus *bus, const std::vector<Record> &records)
 {
   const auto find = [&records](Kind kind) -> GVariant * {
     const auto found = std::find_if(records.begin(), records.end(),
@@ -371,7 +375,7 @@ set_first_answers(Bus *bus, const std::vector<Record> &records)
   bus->set_sample(find(SAMPLE));
 }
 
-/* In place of the platform's converter. */
+/* Replaces the platform's converter. */
 gchar *
 __wrap_sample_frame_convert(gchar **json, const gchar *)
 {
@@ -382,13 +386,12 @@ __wrap_sample_frame_convert(gchar **json, const gchar *)
 static void
 set_up_names()
 {
-  const int fd = memfd_create("producers.conf", MFD_CLOEXEC);
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  static const fuzz::ProducersFile empty;
 
-  fuzz::require(producer_config_setup(path.c_str()), "an empty producers' file");
+  fuzz::require(producer_config_setup(empty.path()), "an empty producers' file");
 }
 
-/* What the code under test logs stays here. */
+/* Checks the log lines of the code under test. */
 extern "C" void
 syslog(int, const char *format, ...)
 {
@@ -397,9 +400,9 @@ syslog(int, const char *format, ...)
   g_autofree gchar *line = g_strdup_vprintf(format, args);
   va_end(args);
 
-  fuzz::require(g_utf8_validate(line, -1, nullptr), "a line is text");
+  fuzz::require(g_utf8_validate(line, -1, nullptr), "a log line is UTF-8");
   if (g_str_has_prefix(line, "left out producer object /fence: ")) {
-    fence_heard = true;
+    fence_passed = true;
   }
 }
 
@@ -414,19 +417,19 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
   const std::vector<Record> records = parse(fuzz::as_text(data, size));
   AnalyticsProducerList *list = analytics_producer_list_new();
 
-  const unsigned before = bus.questions();
-  set_first_answers(&bus, records);
+  const unsigned before = bus.object_requests();
+  set_first_replies(&bus, records);
   dbus_client_init(list);
-  bus.wait_for_question(before);
+  bus.wait_for_object_request(before);
   for (const Record &record : records) {
-    say(&bus, record);
+    send(&bus, record);
     g_main_context_iteration(nullptr, FALSE);
   }
   bus.set_owner(true);
   wait_for_fence(&bus);
   check_list(list);
   dbus_client_teardown();
-  fuzz::require(is_empty(list), "nothing is left");
+  fuzz::require(is_empty(list), "the list is empty");
   analytics_producer_list_free(list);
   while (g_main_context_iteration(nullptr, FALSE)) {
   }

@@ -1,5 +1,5 @@
-// A request in any bytes, collected and parsed as the server does it, and compared with a plain model of what
-// a request is: the reply text or the parameters, and what is left unread for the stream.
+// A request of arbitrary bytes, collected and parsed as the server does it. A simple model predicts the reply
+// text or the parameters, and which bytes remain unread for the stream.
 #include "fuzz.h"
 #include "requestchannel.h"
 #include "requestmodel.h"
@@ -18,15 +18,15 @@ using requests::Outcome;
 namespace
 {
 
-// Longer than one read of GLib's, and short enough that an input often goes beyond it.
+// Longer than one read by GLib, and short enough that inputs often exceed it.
 constexpr gsize MAX_REQUEST_BYTES = 1500;
-// Fits into a socket's buffer at once, so that nobody has to read while it is being written.
+// Fits into a socket's buffer, so all of it can be written before the first read.
 constexpr gsize MAX_INPUT_BYTES = 8 * 1024;
-// Far less than the descriptors that may be on their way between two sockets.
+// Far fewer than the descriptors that can be in transit between two sockets.
 constexpr gsize MAX_PIECES = 16;
 constexpr guint TIMEOUT_MS = 10 * 1000;
 
-// The client's end of a connection; the server's is there as long.
+// The client's end of a connection; the server's end has the same lifetime.
 class Client
 {
 public:
@@ -65,8 +65,8 @@ private:
   std::array<int, 2> ends_;
 };
 
-// One read of a socket never goes beyond a message that carries a descriptor, so these pieces arrive one by
-// one although all of them are written before the first is read.
+// A read of a socket ends at a message that carries a descriptor, so these pieces arrive one by one although
+// all are written before the first read.
 void
 send_piece(int fd, std::string_view piece)
 {
@@ -105,13 +105,13 @@ on_end(RequestReader *, gpointer ended)
   *static_cast<bool *>(ended) = true;
 }
 
-// As many turns of the main loop as the request takes. The client says no more, so that each turn ends it or
-// reads on.
+// Runs the main loop for as many turns as the request needs. The client sends nothing more, so each turn ends
+// the request or reads more of it.
 void
 collect(RequestReader *reader, const bool &ended)
 {
   while (!ended)
-    fuzz::require(g_main_context_iteration(nullptr, FALSE), "nothing is waited for");
+    fuzz::require(g_main_context_iteration(nullptr, FALSE), "no more input is expected");
   gsize length = 0;
   request_reader_get_text(reader, &length);
   fuzz::require(length <= MAX_REQUEST_BYTES, "the bound holds");
@@ -131,10 +131,10 @@ read_request(GIOChannel *channel)
 void
 check_rest(std::string_view input, const std::string &rest, const Expectation &expected)
 {
-  fuzz::require(input.ends_with(rest), "what is left is the end of the input");
+  fuzz::require(input.ends_with(rest), "the unread bytes are the end of the input");
   gsize taken = input.size() - rest.size();
   fuzz::require(taken >= expected.min_taken, "the whole request has been read");
-  fuzz::require(taken <= expected.max_taken, "nothing behind the request has been read");
+  fuzz::require(taken <= expected.max_taken, "no byte after the request has been read");
 }
 
 enum class Ending {

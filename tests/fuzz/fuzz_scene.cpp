@@ -1,4 +1,5 @@
-// A scene in any bytes, as a converter gets it: refused, or within the limits of the format and in XML.
+// A scene of arbitrary bytes for a converter: it is refused, or within the limits of the format and written
+// as XML.
 #include "fuzz.h"
 #include "scenebuffer.h"
 #include "scenefragment.h"
@@ -25,14 +26,14 @@ is_within(double value, double low, double high)
 void
 require_in_picture(double x, double y)
 {
-  fuzz::require(is_within(x, -1, 1) && is_within(y, -1, 1), "places are in the picture");
+  fuzz::require(is_within(x, -1, 1) && is_within(y, -1, 1), "positions are in the picture");
 }
 
 void
 require_measures(double angle, double measure)
 {
-  fuzz::require(is_within(angle, -180, 180), "angles have no more than half a turn");
-  fuzz::require(is_within(measure, 0, 100000), "measures are bounded");
+  fuzz::require(is_within(angle, -180, 180), "angles are at most half a turn");
+  fuzz::require(is_within(measure, 0, 100000), "sizes are bounded");
 }
 
 void
@@ -46,7 +47,7 @@ check_object(const SceneObject &object)
     require_in_picture(object.box->left, object.box->top);
     require_in_picture(object.box->right, object.box->bottom);
     fuzz::require(object.box->left <= object.box->right && object.box->bottom <= object.box->top,
-                  "boxes stand upright");
+                  "the edges of boxes are in order");
   }
   fuzz::require(object.polygon.empty() ||
                     (object.polygon.size() >= 3 && object.polygon.size() <= sim::SCENE_POINTS_MAX),
@@ -67,7 +68,7 @@ read_buffer(const GstMapInfo &map)
   return fuzz::as_text(map.data, map.size);
 }
 
-// A scene has one form only, so writing it yields the input again.
+// A scene has one form only, so its serialised form is the input.
 void
 check_writing(const Scene &scene, std::string_view input)
 {

@@ -1,6 +1,6 @@
-// What several clients do to a server, from their connecting to the end: an input is a script of what they
-// send and when they leave. A plain model says which reply each of them must get. The server is one for all
-// inputs, and after each its descriptors are back.
+// Several clients of one server, from connection to end: an input is a script of what they send and when they
+// leave. A simple model predicts the reply of each client. All inputs use the same server, whose descriptors
+// are all closed after each input.
 #include "descriptorreserve.h"
 #include "fuzz.h"
 #include "requestmodel.h"
@@ -25,7 +25,7 @@
 #include <unistd.h>
 #include <utility>
 
-// What the daemon logs would cost more than its work.
+// Log lines would take longer than the work under test.
 extern "C" void
 syslog(int, const char *, ...)
 {
@@ -37,7 +37,7 @@ __syslog_chk(int, int, const char *, ...)
 {
 }
 
-// The only factory: the parameter "source" says how it answers.
+// The only factory: the parameter "source" selects its result.
 
 typedef struct {
   GObject parent_instance;
@@ -153,7 +153,7 @@ open_descriptors()
   return open;
 }
 
-// Sockets and event descriptors, which are what a client costs. The sanitizers open others at any time.
+// Counts sockets and event descriptors, which a client needs. The sanitizers open others at any time.
 gsize
 count_descriptors()
 {
@@ -175,7 +175,7 @@ spin_until(const std::function<bool()> &condition)
   g_source_remove(tick);
 }
 
-// One connection. Its sockets are read as soon as something comes, by the main context.
+// One connection. The main context reads its socket as soon as data arrives.
 class Client
 {
 public:
@@ -233,7 +233,7 @@ public:
     return sent_;
   }
 
-  // The request is whole, so that no more has to come for a reply.
+  // The request is complete, so the reply needs no more input.
   bool is_complete() const
   {
     return requests::Model(sent_, SERVER_MAX_REQUEST_BYTES).run().outcome.accepted;
@@ -265,7 +265,7 @@ private:
     ssize_t length = 0;
     while ((length = recv(fd_, data.data(), data.size(), MSG_DONTWAIT)) > 0)
       received_.append(data.data(), length);
-    // What a client sends behind its request is the stream's, which may be closed with some of it unread.
+    // Bytes after the request belong to the stream, which may be closed while some of them are unread.
     bool streamed = received_.starts_with("OK");
     fuzz::require(length == 0 || errno == EAGAIN || streamed, "the end is no error");
     ended_ = length == 0 || errno != EAGAIN;
@@ -286,7 +286,7 @@ private:
     return replies;
   }
 
-  // A client that goes on sending, or ends its half, may do so before its pipeline is ready or behind that.
+  // A client may send more, or shut down its half, before or after its pipeline is ready.
   static std::set<std::string> replies_to(const requests::Params &params, bool interferes)
   {
     auto found = params.find(SOURCE_KEY);
@@ -302,7 +302,7 @@ private:
     return {kind == LACKS ? NOT_CREATED : NOTHING};
   }
 
-  // On a machine that is too busy, a request may have met its time-out.
+  // On a busy machine a request may time out.
   bool is_overdue() const
   {
     return g_get_monotonic_time() >= begin_us_ + SERVER_REQUEST_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
@@ -317,7 +317,7 @@ private:
   bool ended_ = false;
 };
 
-// The one server, in a folder that goes with the process.
+// The server, in a folder that is removed with the process.
 class Host
 {
 public:
@@ -350,8 +350,8 @@ private:
   Server *server_;
 };
 
-// Descriptors that are short for as long as this lives. The limit is above the number of those that are open,
-// or poll() would refuse to wait for them: a process whose limit stands still never has more.
+// A shortage of descriptors for the lifetime of the object. The limit is at least the number of open
+// descriptors: poll() refuses more than the limit, which a process with a constant limit never has.
 class Shortage
 {
 public:
@@ -377,7 +377,7 @@ private:
   rlimit before_ = {};
 };
 
-// What a command byte means: the client in its lowest two bits, and what it does in the others.
+// A command byte: the client in its lowest two bits, the command in the others.
 enum Command {
   SEND,      // as many bytes as the next byte says
   SEND_LONG, // as many times 256 bytes as the next byte says, all of them the byte behind it
@@ -389,7 +389,7 @@ enum Command {
   N_COMMANDS,
 };
 
-// With so many free descriptors every client of a script is served.
+// With this number of free descriptors each client of a script is served.
 constexpr gsize ENOUGH = DESCRIPTOR_RESERVE_SIZE + MAX_CLIENTS * (SERVER_PIPELINE_DESCRIPTORS + 1);
 
 class Script
@@ -427,8 +427,8 @@ private:
     return bytes;
   }
 
-  // A connection that waits at the socket is accepted, so that the next one always finds room. The client's
-  // own descriptor is none of those that are short.
+  // Waits until the server accepts the connection, so that the backlog always has room. The client's own
+  // descriptor does not count as used.
   Client &there(std::unique_ptr<Client> &client)
   {
     if (!client) {
@@ -442,7 +442,7 @@ private:
     return *client;
   }
 
-  // Who has reserved descriptors gets them: pipelines that are being made are waited for.
+  // Waits for pipelines that are being built: they have reserved their descriptors.
   void leave_descriptors(gsize count)
   {
     wait_for_replies();
@@ -487,7 +487,7 @@ private:
     }
   }
 
-  // Clients that have not sent all of their requests keep nobody waiting.
+  // Clients with incomplete requests delay no other client.
   static void wait_for_reply(const Client &client)
   {
     if (client.is_complete())
@@ -519,7 +519,7 @@ private:
   bool was_short_ = false;
 };
 
-// Of GLib's messages only the one about a sync point that comes too early is a client's doing.
+// The only GLib message that a client can cause is the one about an early sync point.
 void
 expect_early_sync_point(const gchar *, GLogLevelFlags, const gchar *message, gpointer)
 {
@@ -537,7 +537,7 @@ install_elements()
   g_log_set_default_handler(expect_early_sync_point, nullptr);
 }
 
-// What is made at its first use and then stays.
+// Opens descriptors that are made at first use and stay open.
 void
 open_what_stays()
 {

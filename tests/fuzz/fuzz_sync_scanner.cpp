@@ -1,5 +1,5 @@
-// A client's input behind its request, in pieces of any size, compared with what splitting the whole of it
-// into lines and characters gives.
+// A client's input after its request, in pieces of any size. A model splits the whole input into lines and
+// characters.
 #include "fuzz.h"
 #include "syncscanner.h"
 
@@ -12,8 +12,8 @@ constexpr size_t MAX_PIECES = 64;
 
 constexpr std::string_view SYNC_LINE = "SYNC\n";
 
-// Sequences of UTF-8 by what their first byte announces. The last two never make a character, but are read as
-// far as they are announced, like those that take more bytes than their character needs.
+// UTF-8 sequences by the length that their first byte announces. The last two are never valid, but are read
+// to the announced length, like overlong sequences.
 struct SequenceKind {
   unsigned char mask;
   unsigned char lead;
@@ -47,7 +47,7 @@ is_character(std::string_view sequence, const SequenceKind &kind)
          (character < 0xd800 || character > 0xdfff);
 }
 
-// Where the sequence at the beginning of the text proves wrong, if it does.
+// The position at which the first sequence of the text is found to be invalid.
 std::optional<size_t>
 find_wrong_byte(std::string_view text, size_t *size)
 {
@@ -108,8 +108,8 @@ check(const std::vector<std::string_view> &pieces, const Reference &reference)
     guint syncs = G_MAXUINT;
     bool good = sync_scanner_feed(&scanner, piece.data(), piece.size(), &syncs);
     size_t end = fed + piece.size();
-    fuzz::require(syncs == count_syncs(reference, fed, end), "the piece ends as many lines as it should");
-    fuzz::require(good == (reference.good_bytes >= end), "the piece is refused if its text is wrong");
+    fuzz::require(syncs == count_syncs(reference, fed, end), "the number of lines is the model's");
+    fuzz::require(good == (reference.good_bytes >= end), "the piece is refused if its text is invalid");
     if (!good)
       return;
     fed = end;

@@ -1,4 +1,4 @@
-// A topic expression in any bytes and, behind the last line feed, a topic to try it on.
+// A topic expression of arbitrary bytes and, after the last line feed, a topic to match.
 #include "fuzz.h"
 #include "topicexpression.h"
 
@@ -50,7 +50,7 @@ parse(const std::string &text)
   fuzz::require(expression.has_value() != (error != nullptr), "either an expression or an error");
   if (error != nullptr) {
     std::string_view message = error->message;
-    fuzz::require(!message.empty(), "an error says something");
+    fuzz::require(!message.empty(), "an error has a text");
     fuzz::require(std::all_of(message.begin(), message.end(), is_printable), "an error is plain text");
   }
   return expression;
@@ -97,7 +97,7 @@ check_refused(const std::string &text)
   bool bounded = text.size() <= TopicExpression::MAX_LENGTH && paths.size() <= TopicExpression::MAX_PATHS;
   bool all = std::all_of(paths.begin(), paths.end(),
                          [](const std::string &path) { return parse(path).has_value(); });
-  fuzz::require(!(bounded && all), "an expression of good paths is good");
+  fuzz::require(!(bounded && all), "an expression of valid paths is valid");
 }
 
 } // namespace

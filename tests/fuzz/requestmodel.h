@@ -1,4 +1,4 @@
-// A plain model of what a request is, for the targets that send requests.
+// A simple model of requests, for the targets that send them.
 #pragma once
 
 #include "requestoutcome.h"
@@ -17,7 +17,7 @@ struct Line {
   gsize terminator_size = 0;
 };
 
-// What the reader has to make of the input, and how far it may read for that.
+// The expected outcome of the input, and how many of its bytes may be read.
 struct Expectation {
   Outcome outcome;
   gsize min_taken = 0;
@@ -37,7 +37,7 @@ terminator_at(std::string_view rest)
 class Model
 {
 public:
-  // All that a client sends before it ends its half, and how much of that may be read.
+  // `input` is all that a client sends before it shuts down its half; `max_bytes` of it may be read.
   Model(std::string_view input, gsize max_bytes)
       : readable_(input.substr(0, max_bytes)), max_bytes_(max_bytes), bounded_(input.size() >= max_bytes)
   {
@@ -109,7 +109,7 @@ private:
     return bounded_ ? "Request longer than " + std::to_string(max_bytes_) + " bytes" : "";
   }
 
-  // A request that fails has been read no further than to the line feed behind what is wrong with it.
+  // A malformed request is read up to the line feed after the malformed part at most.
   gsize end_of_input_line() const
   {
     gsize last = position_ > 0 ? position_ - 1 : 0;
