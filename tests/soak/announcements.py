@@ -70,7 +70,7 @@ class Announcements:
 
     def _make_receiver(self):
         receiver = FakeReceiver(self.load.bus)
-        receiver.on_objects = lambda call: self._answer(lambda: receiver.tell_objects(call))
+        receiver.on_objects = lambda call: self._answer(lambda: receiver.send_objects(call))
         for name, tell in (dict.fromkeys(WELL_BEHAVED, self._tell_numbers) | self.misbehaved).items():
             producer = receiver.add(name, channels=CHANNELS)
             producer.nonblocking = name in NONBLOCKING
@@ -82,7 +82,7 @@ class Announcements:
     def _set_answers(self, producer, tell):
         """Has the producer's streams told by this coroutine."""
         producer.on_stream = lambda call: self._answer(lambda: self._give(producer, tell, call))
-        producer.on_sample = lambda call: self._answer(lambda: producer.tell_sample(call))
+        producer.on_sample = lambda call: self._answer(lambda: producer.send_sample(call))
 
     def _answer(self, answer):
         """Answers a call, or keeps it. The receiver may have left the bus meanwhile."""
@@ -132,9 +132,9 @@ class Announcements:
     async def leave_and_come_back(self):
         """Streams stay."""
         self.load.steady_since = None
-        await asyncio.to_thread(self.receiver.leave)
+        await asyncio.to_thread(self.receiver.release_name)
         await self.load.pause(0, 2)
-        await asyncio.to_thread(self.receiver.come_back)
+        await asyncio.to_thread(self.receiver.take_name)
         await self._wait_until_listed()
 
     async def restart(self):
@@ -242,7 +242,7 @@ class Announcements:
             call.reply(GLib.Variant("(i)", (1,)))
         else:
             producer.sample = self.load.chance.choice(SAMPLES)
-            producer.tell_sample(call)
+            producer.send_sample(call)
 
     def _give_somehow(self, producer, tell, call):
         """A stream, or something else, or a stream later."""

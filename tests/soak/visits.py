@@ -7,7 +7,7 @@ import socket
 import time
 
 from client import REPLY_MAX_BYTES, header
-from daemon import NOTHING_ASKED
+from daemon import NOTHING_REQUESTED
 from documents import Document
 from external import NUMBER, SOURCE
 from fakedaemon import GDP_BUFFER, GDP_HEADER_BYTES, GDP_LENGTH, GDP_TYPE
@@ -49,8 +49,8 @@ class Kind:
 
     pauses_seconds: for how long its numbers may wait for longer messages of the same client"""
 
-    def __init__(self, marks=(), numbers=False, pauses_seconds=0, **wishes):
-        self.request = f"OPEN\n{header(**wishes)}\n".encode()
+    def __init__(self, marks=(), numbers=False, pauses_seconds=0, **fields):
+        self.request = f"OPEN\n{header(**fields)}\n".encode()
         self.marks = frozenset(marks)
         self.numbers = numbers
         self.pauses_seconds = pauses_seconds
@@ -160,7 +160,7 @@ class Visit:
                 return self.take(len(self.arrived)).decode(errors="replace") + " and the end"
         return self.take(end + 1)[:-1].decode(errors="replace")
 
-    async def ask(self, request):
+    async def request(self, request):
         """The reply to a request. A daemon that refuses may do so before all of it has been sent."""
         asked = time.monotonic()
         async with self.load.step("a reply", REFUSED):
@@ -173,8 +173,8 @@ class Visit:
     async def start(self, kind):
         """Asks for a stream that has to be granted."""
         asked = time.monotonic()
-        reply = await self.ask(kind.request)
-        if reply == NOTHING_ASKED and kind.numbers and not self.load.is_steady(asked):
+        reply = await self.request(kind.request)
+        if reply == NOTHING_REQUESTED and kind.numbers and not self.load.is_steady(asked):
             raise Waived
         if reply != "OK":
             raise Failed(REFUSED, f"reply {reply!r}")
@@ -297,18 +297,18 @@ MALFORMED = [
     (NOT_OPEN, "FAIL\nUnknown: request: open\n (5)"),
     (b"\xff\xfe\n", "FAIL\nUnknown: request: "),
     (NO_VALUE, "FAIL\nUnable to parse header line: no value."),
-    (b"OPEN\n\n", NOTHING_ASKED),
+    (b"OPEN\n\n", NOTHING_REQUESTED),
     (b"OPEN\nevent=2\n\n", f"FAIL\nUnable to create source: {INVALID_EVENT.format('2')}."),
     (b"OPEN\nanalytics=9\n\n", f"FAIL\nUnable to create source: {INVALID_ANALYTICS.format('9')}."),
     (TOO_LONG, "FAIL\nCould not read request header from socket: "),
 ]
 
 
-async def ask_wrongly(load, name):
+async def send_malformed_request(load, name):
     """What is malformed is told so, and then the end comes."""
     request, expected = load.chance.choice(MALFORMED)
     async with Visit(load) as visit:
-        reply = await visit.ask(request)
+        reply = await visit.request(request)
         if not reply.startswith(expected):
             raise Failed(REFUSED, f"reply {reply!r} to {request[:40]!r}")
         await visit.end()
@@ -362,7 +362,7 @@ async def close_half_of_a_request(load, name):
     async with Visit(load) as visit:
         await visit.send(b"OPEN\nevent=1\n")
         visit.socket.shutdown(socket.SHUT_WR)
-        reply = await visit.ask(b"")
+        reply = await visit.request(b"")
         if not reply.startswith("FAIL\n"):
             raise Failed(REFUSED, f"reply {reply!r} to half a request")
         await visit.end()
@@ -420,7 +420,7 @@ WEIGHTS = {
     behave_shortly: 460,
     behave_for_long: 15,
     read_slowly: 15,
-    ask_wrongly: 150,
+    send_malformed_request: 150,
     hang_up_at_once: 60,
     hang_up_within_the_request: 60,
     hang_up_before_the_reply: 60,

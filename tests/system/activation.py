@@ -10,12 +10,12 @@ import sys
 
 FIRST_DESCRIPTOR = 3
 
-# Where the sockets wait until the descriptors to be passed on are free for them.
+# The sockets get descriptors from this number on until the final ones are free.
 FIRST_WAITING_DESCRIPTOR = 100
 
 
 def listen(path):
-    """A descriptor that listens at `path`, in place of whoever listened there before."""
+    """A descriptor that listens at `path`, in place of an earlier one."""
     if os.path.lexists(path):
         os.unlink(path)
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listening:

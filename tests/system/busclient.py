@@ -1,4 +1,4 @@
-"""Somebody on the private bus who asks services, one question at a time."""
+"""A client on the private bus, which makes one call at a time."""
 
 import subprocess
 import threading
@@ -26,7 +26,7 @@ class BusClient:
                                          Gio.DBusCallFlags.NO_AUTO_START, int(seconds * 1000), None)
 
     def start_call(self, name, path, interface, method, arguments=None):
-        """Sends a call and does not wait for what becomes of it."""
+        """Sends a call without waiting for its reply."""
         message = Gio.DBusMessage.new_method_call(name, path, interface, method)
         if arguments is not None:
             message.set_body(arguments)
@@ -34,23 +34,23 @@ class BusClient:
         self.connection.flush_sync(None)
 
     def get(self, name, path, interface, prop, **arguments):
-        """The reply to a standard "Get" of a property."""
+        """Returns the reply to a standard "Get" of a property."""
         return self.call(name, path, PROPERTIES, "Get", GLib.Variant("(ss)", (interface, prop)), **arguments)
 
     def has_owner(self, name):
         return self.call(*BUS, "NameHasOwner", GLib.Variant("(s)", (name,))).unpack()[0]
 
     def owner_of(self, name):
-        """The connection's own name."""
+        """The unique name of the owner."""
         return self.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (name,))).unpack()[0]
 
     def own(self, name):
-        """Takes a name until the connection is closed."""
+        """Owns a name until the connection is closed."""
         do_not_queue, primary_owner = 4, 1
         reply = self.call(*BUS, "RequestName", GLib.Variant("(su)", (name, do_not_queue)))
         assert reply.unpack() == (primary_owner,)
 
-    def give_up(self, name):
+    def release(self, name):
         released = 1
         reply = self.call(*BUS, "ReleaseName", GLib.Variant("(s)", (name,)))
         assert reply.unpack() == (released,)
@@ -60,7 +60,7 @@ class BusClient:
 
 
 class BusMonitor:
-    """Counts the calls of one method at a name, whether anybody owns it or not."""
+    """Counts the calls of one method to a name, with or without an owner."""
 
     def __init__(self, bus, name, method):
         self.calls = 0
@@ -82,5 +82,5 @@ class BusMonitor:
 
 
 def error_text(error):
-    """What a service said when it failed a call."""
+    """The message of a service's error."""
     return error.message.removeprefix(f"GDBus.Error:{Gio.DBusError.get_remote_error(error)}: ")

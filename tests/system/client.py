@@ -1,5 +1,5 @@
-"""A client of the daemon that shares no code with it: the request and the reply over a plain socket, the stream through
-GStreamer's own depayloader."""
+"""A client that shares no code with the daemon: requests and replies over a plain socket, streams through GStreamer's
+depayloader."""
 
 import array
 import contextlib
@@ -18,7 +18,7 @@ from gi.repository import Gst  # noqa: E402
 from documents import Document  # noqa: E402
 from waiting import BOUND_SECONDS, wait_until_settled  # noqa: E402
 
-# Looked up here: PyGObject does that at the first use, and not well when that is in several threads at once.
+# Looked up here: PyGObject looks them up at first use, which is not safe in several threads at once.
 SAMPLE, BUFFER = Gst.Sample, Gst.Buffer
 
 METADATA_CAPS = "application/x-onvif-metadata"
@@ -26,17 +26,17 @@ METADATA_CAPS = "application/x-onvif-metadata"
 REPLY_MAX_BYTES = 256 * 1024
 
 
-def header(**wishes):
-    """A request's header lines: header(ptz=1, video_channel=2)."""
-    return "".join(f"{key}={value}\n" for key, value in wishes.items())
+def header(**fields):
+    """Returns header lines: header(ptz=1, video_channel=2)."""
+    return "".join(f"{key}={value}\n" for key, value in fields.items())
 
 
 class ConnectionEnded(Exception):
-    """The daemon closed the connection; the text is what had come before."""
+    """The daemon closed the connection; the text is what arrived before."""
 
 
 class StreamEnded(Exception):
-    """The stream came to its end."""
+    """The stream has ended."""
 
 
 class Client:
@@ -45,7 +45,7 @@ class Client:
     def __init__(self, path):
         self.stream = None
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        # The kernel's time-out, because with one of Python's own a full backlog would be an error at once.
+        # The kernel's time-out: with Python's, a full backlog is an immediate error.
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", BOUND_SECONDS, 0))
         try:
             self.socket.connect(str(path))
@@ -73,7 +73,7 @@ class Client:
         self.socket.sendall(data)
 
     def read_reply(self):
-        """Reads one reply up to its NUL, and not a byte of what follows."""
+        """Reads one reply up to its NUL, and no byte of the stream."""
         reply = b""
         while not reply.endswith(b"\0"):
             if len(reply) > REPLY_MAX_BYTES:
@@ -86,14 +86,14 @@ class Client:
         return reply[:-1]
 
     def read_to_end(self):
-        """Reads until the daemon closes the connection. An error in place of the end fails the test."""
+        """Reads until the daemon closes the connection. An error instead of the end fails the test."""
         data = b""
         while arrived := self.socket.recv(65536):
             data += arrived
         return data
 
     def read_exactly(self, size):
-        """Reads so many bytes, which have to come before the end."""
+        """Reads `size` bytes, which must arrive before the end."""
         data = b""
         while len(data) < size:
             arrived = self.socket.recv(size - len(data))
@@ -102,22 +102,22 @@ class Client:
             data += arrived
         return data
 
-    def ask(self, header):
+    def request(self, header):
         """Sends a request with these header lines and returns the text of the reply."""
-        self.request(header)
+        self.send_request(header)
         return self.read_reply().decode()
 
-    def request(self, header):
-        """Sends a request with these header lines and does not wait for the reply."""
+    def send_request(self, header):
+        """Sends a request with these header lines without waiting for the reply."""
         self.send(f"OPEN\n{header}\n".encode())
 
-    def is_answered(self):
-        """Whether anything has come, or the end."""
+    def has_input(self):
+        """Whether data, or the end, has arrived."""
         return select.select([self.socket], [], [], 0)[0] != []
 
     def start(self, header="event=1\n"):
-        """Asks for a stream, which has to be granted."""
-        assert self.ask(header) == "OK"
+        """Requests a stream, which must be granted."""
+        assert self.request(header) == "OK"
         return self.open_stream()
 
     def open_stream(self):
@@ -127,14 +127,14 @@ class Client:
     def sync(self):
         self.send(b"SYNC\n")
 
-    # What waits in the socket
+    # Data in the socket
 
     def unread(self):
-        """How many bytes the client has not read."""
+        """The number of bytes that the client has not read."""
         return self._bytes_in(termios.FIONREAD)
 
     def unsent(self):
-        """How many bytes the daemon has not read."""
+        """The number of bytes that the daemon has not read."""
         return self._bytes_in(termios.TIOCOUTQ)
 
     def _bytes_in(self, direction):
@@ -145,40 +145,40 @@ class Client:
 
 @contextlib.contextmanager
 def stuck_client(daemon, header="event=1\n", seconds=1):
-    """A client that reads nothing, once its socket has been full for so long."""
+    """A client that reads nothing and whose socket has been full for this time."""
     with daemon.client() as client:
-        assert client.ask(header) == "OK"
+        assert client.request(header) == "OK"
 
-        def ask_for_more():
+        def request_more():
             client.sync()
             return client.unread()
 
-        wait_until_settled(ask_for_more, "the client's socket is full", seconds)
+        wait_until_settled(request_more, "the client's socket is full", seconds)
         assert client.unread() > 0
         yield client
 
 
 class Stream:
-    """What follows the reply "OK", document by document."""
+    """The stream after the reply "OK", document by document."""
 
     def __init__(self, connection):
         self.pipeline = Gst.parse_launch("fdsrc name=source ! gdpdepay ! appsink name=sink sync=false")
         self.sink = self.pipeline.get_by_name("sink")
-        # The pipeline's own, so that it can outlive the client's.
+        # The pipeline's own descriptor can outlive the client's.
         self.connection = connection.dup()
         self.pipeline.get_by_name("source").set_property("fd", self.connection.fileno())
         self.pipeline.set_state(Gst.State.PLAYING)
 
     def read_no_further_than(self, count):
-        """Reads nothing while so many documents wait to be taken."""
+        """Stops reading while `count` documents have not been taken."""
         self.sink.set_property("max-buffers", count)
 
     def next_document(self, seconds=BOUND_SECONDS):
-        """The next document, checked in every way that holds for all of them."""
+        """The next document, parsed and validated."""
         return Document(self.next_data(seconds))
 
     def next_data(self, seconds=BOUND_SECONDS):
-        """The next document as it is, for those who expect so many that checking takes too long."""
+        """The bytes of the next document, for tests with more documents than can be validated in time."""
         sample = self.sink.emit("try-pull-sample", int(seconds * Gst.SECOND))
         if sample is None:
             self._fail_unless_ended(seconds)
@@ -193,29 +193,29 @@ class Stream:
         assert self.sink.get_property("eos"), f"no document within {seconds} s"
 
     def documents(self, seconds=BOUND_SECONDS):
-        """The documents as they come; the test fails when it still wants more after so many seconds."""
+        """Yields documents; fails if the test still needs one after this time."""
         deadline = time.monotonic() + seconds
         while time.monotonic() < deadline:
             yield self.next_document()
-        raise AssertionError(f"what was waited for did not come within {seconds} s")
+        raise AssertionError(f"the expected documents did not arrive within {seconds} s")
 
     def events(self):
-        """The events of the documents as they come, with the same bound."""
+        """Yields the events of the documents, with the same time limit."""
         for document in self.documents():
             yield from document.events
 
     def statuses(self):
-        """The states of the PTZ head, but not those within frames; with the same bound."""
+        """Yields the PTZ statuses outside of frames, with the same time limit."""
         for document in self.documents():
             yield from document.ptz
 
     def frames(self):
-        """The frames of the documents as they come, with the same bound."""
+        """Yields the frames of the documents, with the same time limit."""
         for document in self.documents():
             yield from document.frames
 
     def read_to_end(self):
-        """Reads until the daemon ends the stream; what comes until then has to be whole."""
+        """Reads until the daemon ends the stream; all documents before the end must be complete."""
         with contextlib.suppress(StreamEnded):
             for _ in self.documents():
                 pass

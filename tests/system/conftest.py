@@ -1,10 +1,10 @@
 """The fixtures of the system tests.
 
-The daemon comes from a staged installation: TESSARD_STAGE names its root, or else one is made from the build folder
-that TESSARD_BUILD names (build-desk/ by default), which has the tests' own libraries in any case. Each daemon keeps its
-producers in the folder that it is started in: if the option producers_conf is an absolute path, the tests use a daemon
-of their own, which differs from the installed one in that path only. With ONVIF_SCHEMA_DIR every document received is
-validated against the official schemas."""
+The daemon comes from a staged installation: TESSARD_STAGE names its root; without it the tests stage the build folder
+that TESSARD_BUILD names (default: build-desk/). The build folder has the tests' own libraries. Each daemon has its
+producers.conf in its working folder: if the option producers_conf is an absolute path, the tests use a second daemon
+that differs in this path only. With ONVIF_SCHEMA_DIR each received document is validated against the official
+schemas."""
 
 import contextlib
 import os
@@ -84,7 +84,7 @@ def overdue_start(installation):
 
 @pytest.fixture(scope="session")
 def overdue_receiver(installation):
-    """A receiver that sends no reply for long. The first test that uses it starts it; another test waits for its end."""
+    """A receiver that sends no reply for long. The first test that uses it starts it; another waits for its end."""
     receiver = OverdueReceiver(installation)
     yield receiver
     receiver.close()
@@ -204,7 +204,7 @@ def schema():
 
 @pytest.fixture(scope="session")
 def tessardctl(workspace):
-    """Checks that the program is there. Its first run makes GStreamer's registry, which tests with a time limit need."""
+    """Checks that the program exists. Its first run makes GStreamer's registry, for tests with a time limit."""
     if not os.path.isfile(os.environ.get("TESSARDCTL", "")):
         pytest.fail("the environment variable TESSARDCTL must name the program under test")
     assert Tessardctl("stream", "--socket", workspace.path / "nothing").finish().status == NO_CONNECTION

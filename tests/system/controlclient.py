@@ -16,7 +16,7 @@ def path_of(producer):
 
 
 class ControlClient(BusClient):
-    """One connection; its calls return plain Python values."""
+    """One connection. Its calls return Python values."""
 
     def objects(self):
         """The paths of all producers."""
@@ -30,7 +30,7 @@ class ControlClient(BusClient):
         return self.get(NAME, path_of(producer), PRODUCER, "ChannelsEnabled").unpack()[0]
 
     def names(self, *producers):
-        """The configuration name of each of the producers and channels, empty where disabled."""
+        """The configuration name of each channel of these producers, empty if disabled."""
         return {(producer, channel): name for producer in producers for channel, _, name in self.channels(producer)}
 
     def set_channels(self, producer, *channels):

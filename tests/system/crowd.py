@@ -1,4 +1,4 @@
-"""Clients of another user, or of the one who tests, that connect to the daemon and keep their connections."""
+"""Clients of another user, or of the testing user, that connect to the daemon and keep their connections."""
 
 import ast
 import os
@@ -8,8 +8,8 @@ import sys
 from installation import run_by_root
 from waiting import BOUND_SECONDS
 
-# Connects as often as it is told, goes on to send, and leaves when its input ends. For each line of its input it prints
-# what the next client's reply is, in one line. It has no time-out: whoever started it ends it.
+# Opens a number of connections, sends on them, and exits when its input ends. For each line of its input it prints the
+# next client's reply, as one line. It has no time-out; the test ends it.
 PROGRAM = """\
 import select, socket, sys
 
@@ -42,17 +42,17 @@ while True:
 
 
 class Crowd:
-    """So many clients, once they are connected.
+    """A number of connected clients.
 
-    user: their number of a user, None for the one who tests; only root can be anybody else
-    beginning: what each of them sends at once
-    drip: what each of them sends now and then"""
+    user: the id of their user, None for the testing user; only root can use another one
+    beginning: the bytes that each client sends at once
+    drip: the bytes that each client sends repeatedly"""
 
     def __init__(self, daemon, count, user=None, beginning="", drip=""):
         assert user is None or run_by_root()
         socket_group = os.stat(daemon.socket_path).st_gid
         other = {} if user is None else {"user": user, "group": socket_group, "extra_groups": []}
-        # The folder is the program's own, for the path to it may be closed to that user.
+        # The program starts in the folder, because that user may not be able to enter the path to it.
         self.process = subprocess.Popen(
             [sys.executable, "-I", "-c", PROGRAM, str(count), beginning, drip, "0.05"], stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, text=True, cwd=daemon.run_dir, **other)
@@ -65,7 +65,7 @@ class Crowd:
         self.close()
 
     def next_reply(self):
-        """The reply to the next of them, which has to come."""
+        """The reply to the next client, which must arrive."""
         self.process.stdin.write("\n")
         self.process.stdin.flush()
         reply = ast.literal_eval(self.process.stdout.readline())
@@ -73,7 +73,7 @@ class Crowd:
         return reply[:-1].decode()
 
     def close(self):
-        """Has all of them leave."""
+        """Closes all connections."""
         self.process.stdin.close()
         self.process.wait(BOUND_SECONDS)
         self.process.stdout.close()

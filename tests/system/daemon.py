@@ -1,7 +1,7 @@
-"""The daemon as shipped, as a process of its own, and all that it tells: its log lines, its standard error, its end.
+"""The shipped daemon as a process, with its log lines, its standard error and its exit status.
 
-What a test does not expect is a failure: every log line after the start and everything on standard error has to be
-taken by the test, and the daemon has to live until it is told to end."""
+A test must take each log line after the start and all text on standard error, and the daemon must run until the test
+ends it; otherwise the test fails."""
 
 import contextlib
 import itertools
@@ -31,8 +31,8 @@ VIDEO_TRACKER, RADAR_TRACKER = "VideoMotionTracker", "RadarMotionTracker"
 
 
 def producers_enabled(names):
-    """A producers' file: both built-in trackers support the first two channels, and are enabled on those that
-    `names` has, under the names there: {(VIDEO_TRACKER, 1): "Front"}."""
+    """Returns a producers' file. Both built-in trackers support the first two channels; `names` has the configuration
+    names of enabled channels: {(VIDEO_TRACKER, 1): "Front"}."""
     supported = {(tracker, channel): "" for tracker in (VIDEO_TRACKER, RADAR_TRACKER) for channel in (1, 2)}
     file = GLib.KeyFile()
     for (tracker, channel), name in (supported | names).items():
@@ -42,7 +42,7 @@ def producers_enabled(names):
 
 
 def stored_names(path):
-    """What a producers' file says: the configuration name of each producer and channel, empty where disabled."""
+    """Reads a producers' file: the configuration name of each producer and channel, empty if disabled."""
     file = GLib.KeyFile()
     assert file.load_from_file(str(path), GLib.KeyFileFlags.NONE)
     groups, _ = file.get_groups()
@@ -55,7 +55,7 @@ def stored_names(path):
 
 PRODUCERS = producers_enabled({})
 
-# What the daemon says of each kind of metadata when its plug-in is installed, and when it is not.
+# The log line for each kind of metadata with and without its plug-in.
 KIND_LINES = {
     EVENT_PLUGIN: ("Adding event source factory.", "Events not enabled, not adding event factory."),
     PTZ_PLUGIN: ("Adding PTZ source factory.", "PTZ not enabled, not adding PTZ factory."),
@@ -72,7 +72,7 @@ NO_COORDINATOR = no_move_capabilities("GDBus.Error:org.freedesktop.DBus.Error.Se
                                       "com.quon.PTZ.Coordinator was not provided by any .service files")
 
 
-# The last line of a start. What the daemon says of the bus comes after it, and the server was started before.
+# The last line of a start. Lines about the bus follow; the server has already started.
 STARTED_LINE = (INFO, "Setting up D-Bus client.")
 
 
@@ -81,7 +81,7 @@ def missing_elements(*names):
 
 
 def missing_lines(plugins):
-    """What it says at its start of elements that plug-ins do not bring: the converter is needed for analytics."""
+    """The start's warning about elements that the plug-ins lack. Analytics needs the converter."""
     needed = {DOCUMENT_PLUGIN}
     if {SCENE_PLUGIN, RADAR_PLUGIN} & set(plugins):
         needed.add(JSON_PLUGIN)
@@ -90,8 +90,8 @@ def missing_lines(plugins):
 
 
 def start_lines(plugins, coordinator_line=NO_COORDINATOR):
-    """What a daemon logs at its start with these plug-ins. The coordinator's line tells why the head's move
-    capabilities are not known; it is None where they are."""
+    """The log lines of a start with these plug-ins. `coordinator_line` gives the reason for unknown move capabilities,
+    None if they are known."""
     lines = [(INFO, "Starting."), (INFO, "Setting up D-Bus server.")]
     for plugin, (adding, missing) in KIND_LINES.items():
         lines.append((INFO, adding if plugin in plugins else missing))
@@ -103,7 +103,7 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
 START_LINES = start_lines(EVENT_PLUGINS)
 START_LINES_UP_TO_SERVER = START_LINES[:START_LINES.index(STARTED_LINE)]
 
-# What the daemon says of the bus after its start: it has its name there, there is no bus, the policy refuses the name.
+# Log lines about the bus after the start: the name is acquired, there is no bus, the policy refuses the name.
 BUS_ACQUIRED_LINE = (INFO, "Bus acquired")
 NAME_ACQUIRED_LINE = (INFO, "DBus-name acquired")
 NAME_LOST_LINE = (INFO, "DBus-name was lost")
@@ -111,7 +111,7 @@ BUS_LINES = [BUS_ACQUIRED_LINE, NAME_ACQUIRED_LINE]
 
 
 def unavailable(reason):
-    """Why the daemon has no control service on the bus."""
+    """The warning that the daemon has no control service on the bus."""
     return (WARNING, f"The control service is unavailable: {reason}.")
 
 
@@ -121,18 +121,17 @@ NAME_REFUSED_LINES = [BUS_ACQUIRED_LINE, NAME_LOST_LINE,
 
 
 def name_taken_lines(owner):
-    """What it says when the connection `owner` has its name."""
+    """The lines when the connection `owner` has its name."""
     return [BUS_ACQUIRED_LINE, NAME_LOST_LINE, unavailable(f"{owner} has the name com.quon.MetadataServer1")]
 
 
 NO_BUS_LINE = (WARNING,
                "Failed to connect to metadata-receiver over DBus: Could not connect: No such file or directory")
 
-NOTHING_ASKED = "FAIL\nBad request, no metadata can be produced."
+NOTHING_REQUESTED = "FAIL\nBad request, no metadata can be produced."
 NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error."
 
-# How many lines of its own, each of which names something else, it writes before it counts them, and for how long it
-# counts.
+# The number of different lines that it writes before it counts further ones, and the interval of a count.
 LOG_BURST = documented_limit("ratelimitedlog.h", "RATE_LIMITED_LOG_BURST")
 LOG_SECONDS = documented_limit("ratelimitedlog.h", "RATE_LIMITED_LOG_INTERVAL_US") / 1e6
 
@@ -140,27 +139,27 @@ LOGGED_TEXT_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
 
 
 def with_count(line, count):
-    """The last line of those that were left out, which tells of so many others."""
+    """The last one of several suppressed lines, with the count of the others."""
     priority, text = line
     return (priority, f"{text} ({count} more since the last such line)")
 
 
 def clipped(text):
-    """What a line has of a longer text of one-byte characters."""
+    """A long text of one-byte characters as a log line has it."""
     return f"{text[:LOGGED_TEXT_BYTES]}... ({len(text) - LOGGED_TEXT_BYTES} bytes left out)"
 
 
 COUNTED = re.compile(r"(.*) \(\d+ more since the last such line\)", re.DOTALL)
 
-# The warning about a sync point that was asked for before the reply.
+# The warning about a sync point that was requested before the reply.
 EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS_STARTED' failed"
 
 
 class Log:
-    """Takes in the lines that the preloaded library sends, as (priority, text)."""
+    """Receives the lines that the preloaded library sends, as (priority, text)."""
 
     LINE_MAX_BYTES = 64 * 1024
-    MARK = b"the line up to which all have arrived"
+    MARK = b"all earlier lines have arrived"
 
     def __init__(self, path):
         self.path = str(path)
@@ -171,7 +170,7 @@ class Log:
         self.taken = set()
         self.marks = 0
         self.changed = threading.Condition()
-        # The kernel keeps few datagrams, so that somebody has to read them all the time.
+        # The kernel's queue holds few datagrams, so a thread reads them all the time.
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
@@ -191,13 +190,13 @@ class Log:
             sender.sendto(datagram, self.path)
 
     def wait_for(self, count):
-        """Waits until there are so many lines that nobody took, and leaves them."""
+        """Waits until `count` lines have not been taken, and does not take them."""
         with self.changed:
             arrived = self.changed.wait_for(lambda: len(self.lines) >= count, BOUND_SECONDS)
             assert arrived, f"{count} log lines expected, got {self.lines}"
 
     def take(self, count=0):
-        """Takes all lines sent so far, but first waits until there are at least so many."""
+        """Waits for at least `count` lines and takes all lines sent so far."""
         self.wait_for(count)
         with self.changed:
             marks = self.marks
@@ -209,8 +208,8 @@ class Log:
         return lines
 
     def is_count_of_taken(self, line):
-        """Whether it only counts lines that were left out since one that was taken. It comes at the end of an interval,
-        so a test may be over before it."""
+        """Whether the line counts suppressed repetitions of a taken line. It is written at the end of an interval,
+        which may be after the test."""
         priority, text = line
         match = COUNTED.fullmatch(text)
         return match is not None and (priority, match[1]) in self.taken
@@ -224,22 +223,22 @@ class Log:
 class Daemon:
     """One daemon; the fixtures `daemon`, `start_daemon` and `launch` make one and clean up after it.
 
-    plugins: what the simulated camera has installed
-    coordinator_line: what it logs about the PTZ coordinator, None where that answers as it should
-    speed: how much faster than the clock the simulated world goes
-    world_seconds: how far the simulated world's story has come at the start, or up to one second of the clock
-        further; None for as far as the time of day has it
-    ptz_channels: which video channels look through the PTZ head
+    plugins: the installed plug-ins of the simulated camera
+    coordinator_line: the log line about the PTZ coordinator, None if its reply is correct
+    speed: the speed of the simulated world relative to the clock
+    world_seconds: the time in the simulated world at the start, exact to one second of the clock; None for a time that
+        follows from the time of day
+    ptz_channels: the video channels of the PTZ head
     run_dir, run_dir_option: the run folder, by default one that does not exist yet, and the option that names it,
-        None to leave it out
-    options: what else stands on the daemon's command line
-    producers: what is in the daemon's producers.conf at its start, None for no such file
-    environment: variables on top of the usual ones
-    sanitizer_options: options of the address sanitizer on top of the session's
-    umask, user: with which the daemon starts; the user in the form of Popen's arguments
-    wrapper: makes the command line that starts the daemon and that command's own environment of the daemon's
-    bus_lines: what the daemon says of the bus
-    repeated_lines: what it may say again and again, at any time after its start; a test may take them all the same"""
+        None for no option
+    options: further command-line options
+    producers: the contents of producers.conf at the start, None for no file
+    environment: additional variables
+    sanitizer_options: additional options of the address sanitizer
+    umask, user: the daemon's umask and user; the user in the form of Popen's arguments
+    wrapper: converts the daemon's command line and environment to those of a command that starts it
+    bus_lines: the log lines about the bus
+    repeated_lines: lines that may occur any number of times after the start; a test may also take them"""
 
     def __init__(self, installation, bus, plugins=EVENT_PLUGINS, coordinator_line=NO_COORDINATOR, speed=1,
                  world_seconds=None, ptz_channels=(1,), run_dir=None, run_dir_option="--run-dir", options=(),
@@ -282,7 +281,7 @@ class Daemon:
     def _write_simulation(self, speed, world_seconds, ptz_channels):
         lines = ["[World]", f"speed={speed}"]
         if world_seconds is not None:
-            # Told in whole seconds.
+            # In whole seconds.
             epoch = time.gmtime(int(time.time() - world_seconds / speed))
             lines.append(time.strftime("epoch=%Y-%m-%dT%H:%M:%SZ", epoch))
         lines += ["[PTZ]", f"channels={';'.join(map(str, ptz_channels))}"]
@@ -304,8 +303,8 @@ class Daemon:
     # Life
 
     def wait_until_ready(self):
-        """Waits until the daemon answers a request, so that nothing of its start is left to do."""
-        wait_until(self._answers, "the daemon answers")
+        """Waits until the daemon replies to a request; its start is complete then."""
+        wait_until(self._replies, "the daemon replies")
         lines = [*self.start_lines, *self.bus_lines]
         wait_until(lambda: len(self._without_repeated(self.log.lines)) >= len(lines), f"{lines} are logged")
         assert self._without_repeated(self.log.take()) == lines
@@ -321,11 +320,11 @@ class Daemon:
         sockets = (line.split() for line in pathlib.Path("/proc/net/unix").read_text(encoding="utf-8").splitlines())
         return any(fields[5] == connected and fields[7:] == [str(self.socket_path)] for fields in sockets)
 
-    def _answers(self):
+    def _replies(self):
         assert self.process.poll() is None, f"the daemon ended: {self.take_stderr()} {self.log.lines}"
         try:
             with Client(self.socket_path) as client:
-                return client.ask("") == NOTHING_ASKED
+                return client.request("") == NOTHING_REQUESTED
         except (FileNotFoundError, ConnectionRefusedError, ConnectionEnded):
             return False
 
@@ -341,7 +340,7 @@ class Daemon:
         return self.wait()
 
     def start_again(self):
-        """Starts the daemon once more where it was, after it has ended."""
+        """Starts the daemon again in the same folder, after its end."""
         assert self.ended
         assert self._unexpected_on_stderr() == []
         self.stderr_taken = 0
@@ -349,7 +348,7 @@ class Daemon:
         self._start(*self.start_arguments)
 
     def finish(self):
-        """Ends the daemon if it should still run, and fails when there was anything that nobody expected."""
+        """Ends the daemon if the test has not, and fails if log or standard error have unexpected lines."""
         try:
             if not self.ended:
                 assert self.process.poll() is None, f"the daemon ended: {self.take_stderr()}"
@@ -365,26 +364,26 @@ class Daemon:
     def client(self):
         return Client(self.socket_path)
 
-    # What it tells
+    # Output
 
     def stdout(self):
         return self.stdout_path.read_text(encoding="utf-8")
 
     def take_stderr(self):
-        """What nobody took yet."""
+        """The text that has not been taken yet."""
         text = self.stderr_path.read_text(encoding="utf-8", errors="backslashreplace")[self.stderr_taken:]
         self.stderr_taken += len(text)
         return text
 
     def allow_on_stderr(self, text):
-        """Lines that hold `text` may come or not."""
+        """Allows, but does not require, lines that contain `text`."""
         self.stderr_allowed.append(text)
 
     def _unexpected_on_stderr(self):
         return [line for line in self.take_stderr().splitlines()
                 if line and not any(text in line for text in self.stderr_allowed)]
 
-    # What it takes of the machine
+    # Resources
 
     @property
     def proc(self):
@@ -399,19 +398,18 @@ class Daemon:
         return len(os.listdir(self.proc / "fd"))
 
     def open_files(self):
-        """What each of its descriptors is, by number."""
+        """The target of each descriptor, by number."""
         folder = self.proc / "fd"
         return {int(number): os.readlink(folder / number) for number in os.listdir(folder)}
 
     def limit_descriptors(self, limit):
-        """Lets the running daemon open no number from this one on, until it is let again."""
-        # Root itself may not everywhere, but the daemon's own user.
+        """Sets the running daemon's limit of descriptors."""
+        # Root itself is not allowed to in some containers, the daemon's user is.
         subprocess.run(["prlimit", f"--pid={self.process.pid}", f"--nofile={limit}:"], check=True, cwd="/",
                        **unprivileged())
 
     def leave_descriptors(self, count, at_least=0):
-        """Lets the running daemon open only so many descriptors more, until it is let again; or some more, so that the
-        limit is not below `at_least`."""
+        """Lets the running daemon open `count` more descriptors, or more if the limit would be below `at_least`."""
         taken = set(map(int, os.listdir(self.proc / "fd")))
         free = (number for number in itertools.count() if number not in taken)
         self.limit_descriptors(max(at_least, next(itertools.islice(free, count, None))))
@@ -422,8 +420,8 @@ class Daemon:
     def processor_seconds(self):
         return processor_seconds(self.process.pid)
 
-    def is_at_rest(self, seconds):
-        """Whether none of its threads runs, or waits for a processor, during so many seconds."""
+    def is_idle_for(self, seconds):
+        """Whether no thread runs, or waits for a processor, for this time."""
         end = time.monotonic() + seconds
         wait_until(lambda: self._runs() or time.monotonic() >= end, "the time has passed")
         return time.monotonic() >= end and not self._runs()
@@ -437,14 +435,14 @@ class Daemon:
                 yield (task / "stat").read_text(encoding="utf-8").rpartition(")")[2].split()[0]
 
     def processor_share(self, seconds):
-        """How much of one core the daemon takes during so many seconds."""
+        """The share of one core that the daemon uses during this time."""
         before = self.processor_seconds()
         end = time.monotonic() + seconds
         wait_until(lambda: time.monotonic() >= end, "the time has passed")
         return (self.processor_seconds() - before) / seconds
 
     def private_bytes(self):
-        """What it alone has in memory."""
+        """Its memory that is not shared with other processes."""
         rollup = (self.proc / "smaps_rollup").read_text(encoding="ascii")
         return 1024 * sum(map(int, re.findall(r"^Private_(?:Clean|Dirty): +(\d+) kB$", rollup, re.MULTILINE)))
 
@@ -453,11 +451,11 @@ class Daemon:
 
 
 def processor_seconds(pid):
-    # Behind the name, which may hold anything.
+    # The fields after the name, which may contain any character.
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def plain(command, environment):
-    """The wrapper that is none."""
+    """The wrapper that changes nothing."""
     return command, environment

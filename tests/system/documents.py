@@ -1,5 +1,4 @@
-"""ONVIF metadata documents: every one that a test receives is parsed, and validated where the official schemas are at
-hand."""
+"""ONVIF metadata documents: each received document is parsed, and validated if the official schemas are available."""
 
 import datetime
 import functools
@@ -8,7 +7,7 @@ import pathlib
 
 SCHEMA_DIR = os.environ.get("ONVIF_SCHEMA_DIR")
 if SCHEMA_DIR:
-    # libxml2 looks at this once, when it is first used.
+    # libxml2 reads this variable once, at its first use.
     os.environ["XML_CATALOG_FILES"] = str(pathlib.Path(SCHEMA_DIR, "catalog.xml").resolve())
 
 from lxml import etree  # noqa: E402
@@ -26,7 +25,7 @@ DIGITAL_INPUT = "tns1:Device/Trigger/DigitalInput"
 MOTION_ALARM = "tns1:VideoSource/MotionAlarm"
 LINE_CROSSED = "tns1:VideoAnalytics/tnsimcam:LineDetector/Crossed"
 
-# What a document can hold, by the tag of its one child.
+# The kinds of documents, by the tag of the one child.
 EVENTS, PTZ, SCENE = "Event", "PTZ", "VideoAnalytics"
 
 IDLE, MOVING = "IDLE", "MOVING"
@@ -50,7 +49,7 @@ def schema():
 
 
 def validate(root):
-    """Raises etree.DocumentInvalid, with what is wrong, for a document that the schemas do not allow."""
+    """Raises etree.DocumentInvalid, with the reason, for an invalid document."""
     schema().assertValid(root)
 
 
@@ -59,7 +58,7 @@ def parse_time(text):
 
 
 def find(element, path):
-    """None also if there is no element."""
+    """The first match, None without a match or an element."""
     return None if element is None else element.find(path, NAMESPACES)
 
 
@@ -68,7 +67,7 @@ def find_all(element, path):
 
 
 def text_of(element, path):
-    """The text of what is found there, None if nothing is."""
+    """The text of the first match, None without a match."""
     found = find(element, path)
     return None if found is None else found.text or ""
 
@@ -99,7 +98,7 @@ class Event:
 
 
 class PtzStatus:
-    """Where a PTZ head looks and what of it moves. What was left out is None."""
+    """Position and movement of a PTZ head. An absent part is None."""
 
     def __init__(self, status):
         self.parts = [etree.QName(part).localname for part in status]
@@ -114,12 +113,12 @@ class PtzStatus:
         self.zoom_status = text_of(status, "tt:MoveStatus/tt:Zoom")
 
     @property
-    def rests(self):
+    def is_idle(self):
         return self.pan_tilt_status == self.zoom_status == IDLE
 
 
 class RadarInfo:
-    """What only the radar measures: degrees, metres and metres per second."""
+    """Measurements of the radar: degrees, metres and metres per second."""
 
     def __init__(self, info):
         self.angle, self.range = numbers(find(info, "qurt:PolarCoordinate"), "angle", "range")
@@ -128,7 +127,7 @@ class RadarInfo:
 
 
 class SceneObject:
-    """One object of a frame. What was left out is None."""
+    """One object of a frame. An absent part is None."""
 
     def __init__(self, found):
         appearance = find(found, "tt:Appearance")
@@ -149,7 +148,7 @@ class SceneObject:
 
 
 class Frame:
-    """What was in the picture at one moment, who has left it, and where the PTZ head looked if it tells that."""
+    """The objects in the picture at one time, the deleted objects, and the PTZ status if there is one."""
 
     def __init__(self, frame):
         status = find(frame, "tt:PTZStatus")

@@ -1,4 +1,4 @@
-"""External producers: what they say, and how it comes to a client."""
+"""External producers: their messages, and the frames of these that clients receive."""
 
 import datetime
 import itertools
@@ -13,23 +13,23 @@ from waiting import wait_until
 
 EXTERNAL_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
 
-# Without polygons.
+# Analytics without polygons.
 ANALYTICS = header(analytics=1)
 
-# For a stream that shows that it goes on though no producer tells anything.
+# Events show that a stream continues without messages of producers.
 ANALYTICS_AND_EVENTS = header(analytics=1, event=1)
 
 DETECTOR, COUNTER = "Detector", "Counter"
 
-# Under which names they are enabled on the first channel.
+# Their configuration names on the first channel.
 GATE, YARD = "the gate's", "the yard's"
 
-# The producers' file that has one of them enabled.
+# Producers' files with one of them, and with both enabled.
 DETECTOR_ENABLED = producers_enabled({(DETECTOR, 1): GATE})
 BOTH_ENABLED = producers_enabled({(DETECTOR, 1): GATE, (COUNTER, 1): YARD})
 
 
-# Whose frame a document has, and the numbers in it, for those who expect so many that parsing takes too long.
+# The producer of a document's frame, and the numbers in it, for tests with too many documents to parse.
 SOURCE = re.compile(rb'<tt:Frame [^>]*Source="([^"]*)"')
 NUMBER = re.compile(rb'<tt:Delete ObjectId="(\d+)"')
 
@@ -39,13 +39,13 @@ CONVERTER_WARNING = re.compile(r"Warning from json2xml in metadata connection ma
 
 
 def numbered(*numbers):
-    """An item that carries numbers to its receiver: as the ids of objects that have left."""
+    """An item that carries numbers to its receiver, as ids of deleted objects."""
     return json.dumps({"Deleted": numbers}, separators=(",", ":"))
 
 
 def expect_converter_warning(daemon):
-    """The converter warns of malformed frames: in one line, and with the count of the others in another one at the end of
-    each interval."""
+    """Expects the converter's warning about malformed frames: one line at once, and counts of the others at the end of
+    an interval."""
     lines = daemon.log.take(1)
     matches = [CONVERTER_WARNING.fullmatch(text) for _, text in lines]
     assert all(matches)
@@ -54,7 +54,7 @@ def expect_converter_warning(daemon):
 
 
 def wait_until_listed(control, *names):
-    """Waits until the daemon has these producers and no other external ones on the bus."""
+    """Waits until the daemon has exactly these external producers on the bus."""
     paths = {path_of(name) for name in names}
     wait_until(lambda: control.objects() == paths, f"{names} are listed")
 
@@ -67,30 +67,31 @@ def not_converted(name):
 
 
 def left_out(producer, reason):
-    """What the daemon says of an object that is not good for a producer."""
+    """The warning about an object that is no valid producer."""
     return (WARNING, f"left out producer object {producer.path}: {reason}")
 
 
-def told(stream):
-    """What producers tell, as it comes: (source, numbers) of each frame, without what only opens the stream."""
+def producer_frames(stream):
+    """Yields (source, numbers) of each frame of a producer, without the first frame of the stream."""
     for frame in stream.frames():
         if frame.source is not None:
             yield frame.source, [int(number) for number in frame.deleted]
 
 
-def expect_told(stream, *expected):
-    """Expects the next frames of producers to be these, each a source and its numbers."""
-    assert list(itertools.islice(told(stream), len(expected))) == [(source, numbers) for source, *numbers in expected]
+def expect_frames(stream, *expected):
+    """Expects these next frames of producers, each a source and its numbers."""
+    frames = list(itertools.islice(producer_frames(stream), len(expected)))
+    assert frames == [(source, numbers) for source, *numbers in expected]
 
 
 def read_numbers(stream, source, count):
-    """The next numbers of one source, until there are so many."""
-    numbers = itertools.chain.from_iterable(found for found_source, found in told(stream) if found_source == source)
+    """The next `count` numbers of one source."""
+    numbers = itertools.chain.from_iterable(found for name, found in producer_frames(stream) if name == source)
     return list(itertools.islice(numbers, count))
 
 
 def expect_alive(client, stream):
-    """Expects of a stream that has events too that it goes on."""
-    asked = datetime.datetime.now(datetime.timezone.utc)
+    """Expects that a stream with events continues."""
+    requested = datetime.datetime.now(datetime.timezone.utc)
     client.sync()
-    assert any(event.time >= asked for event in stream.events())
+    assert any(event.time >= requested for event in stream.events())

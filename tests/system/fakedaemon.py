@@ -18,8 +18,8 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 METADATA_CAPS = "application/x-onvif-metadata"
 
-# The packet header of the GStreamer data protocol: the position of the type, the type of a packet with a buffer, and the
-# position of the payload length.
+# The packet header of the GStreamer data protocol: the position of the type, the type of a packet with a buffer, and
+# the position of the payload length.
 GDP_TYPE = slice(4, 6)
 GDP_BUFFER = b"\x00\x01"
 GDP_LENGTH = slice(6, 10)

@@ -1,5 +1,6 @@
-"""A stand-in for the platform's metadata receiver: its producers say byte for byte what a test writes, and answer as
-wrongly and as late as it wants. For producers that behave there is the simulated camera."""
+"""A fake of the platform's metadata receiver, for the system tests and the soak: its producers send the bytes that a
+test writes, and the test can replace or delay each reply. Tests that need correct producers only use the simulated
+camera."""
 
 import array
 import contextlib
@@ -13,7 +14,7 @@ import time
 
 from gi.repository import Gio, GLib
 
-from fakeservice import StandIn
+from fakeservice import BusService
 from receiverclient import LENGTH, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from waiting import BOUND_SECONDS, wait_until
 
@@ -31,13 +32,13 @@ PRODUCER_NODE = Gio.DBusNodeInfo.new_for_xml(
 
 
 def message(payload):
-    """One message of a stream: the length in the machine's byte order, and the payload."""
+    """One message of a stream: the length in the host's byte order, and the payload."""
     data = payload.encode() if isinstance(payload, str) else payload
     return LENGTH.pack(len(data)) + data
 
 
 class Call:
-    """A method call that has come, for exactly one answer or none."""
+    """A received method call, for at most one reply."""
 
     def __init__(self, connection, invocation, arguments):
         self.connection = connection
@@ -45,7 +46,7 @@ class Call:
         self.arguments = arguments
 
     def reply(self, body=None, fds=None):
-        """Replies with any body, whatever its type; fds: the descriptor list, which the caller keeps."""
+        """Replies with a body of any type; fds: the descriptor list, which the caller keeps."""
         reply = Gio.DBusMessage.new_method_reply(self.message)
         if body is not None:
             reply.set_body(body)
@@ -64,7 +65,7 @@ class Call:
 
 
 class Stream:
-    """The end of one stream that is written to. Every write has a bound."""
+    """The write end of one stream. Each write has a time limit."""
 
     def __init__(self, fd, channel):
         self.fd = fd
@@ -76,11 +77,11 @@ class Stream:
         self.write(b"".join(map(message, payloads)))
 
     def write(self, data, seconds=BOUND_SECONDS):
-        """Writes bytes as they are, all of them."""
-        assert self.write_until_full(data, seconds) == len(data), f"the stream takes nothing for {seconds} s"
+        """Writes all of these bytes."""
+        assert self.write_until_full(data, seconds) == len(data), f"the stream accepts nothing for {seconds} s"
 
     def write_until_full(self, data, seconds):
-        """Writes until the stream has taken nothing for so long; how many bytes it took."""
+        """Writes until the stream has accepted nothing for this time; returns the number of bytes written."""
         left = memoryview(data)
         deadline = time.monotonic() + seconds
         while left:
@@ -90,22 +91,22 @@ class Stream:
             try:
                 left = left[os.write(self.fd, left):]
             except BlockingIOError:
-                # A pipe has some room, but not for the whole of so small a write.
+                # A pipe has some room, but too little for a small write, which is atomic.
                 continue
             deadline = time.monotonic() + seconds
         return len(data) - len(left)
 
     def unread(self):
-        """How many bytes the other end has not taken."""
+        """The number of bytes that the other end has not read."""
         count = array.array("i", [0])
         fcntl.ioctl(self.fd, termios.TIOCOUTQ if stat.S_ISSOCK(os.fstat(self.fd).st_mode) else termios.FIONREAD, count)
         return count[0]
 
     def wait_until_taken(self):
-        wait_until(lambda: self.unread() == 0, "everything has been taken")
+        wait_until(lambda: self.unread() == 0, "all data has been read")
 
     def is_closed(self):
-        """Whether nobody has the other end any more."""
+        """Whether the read end is closed."""
         poll = select.poll()
         poll.register(self.fd, 0)
         return any(events & (select.POLLERR | select.POLLHUP) for _, events in poll.poll(0))
@@ -119,13 +120,13 @@ class Stream:
 class Producer:
     """One announced object.
 
-    properties: what is announced of it
+    properties: its announced properties
     sample: its sample frame
-    on_sample, on_stream: take a Call in place of the right answer, in the thread of the receiver
-    make_pair: makes the two ends of a stream; what is read from comes first
-    nonblocking: whether the end that is given away is in that mode
-    streams: those that have been given away
-    kept: calls to be answered later, if keep() is what takes them"""
+    on_sample, on_stream: handle a Call instead of the correct reply, in the receiver's thread
+    make_pair: makes the read end and the write end of a stream
+    nonblocking: whether the read end is non-blocking
+    streams: the streams sent so far
+    kept: calls for a later reply, if keep() is their handler"""
 
     def __init__(self, name, channels=(1, 2, 3), element=None, sample=SAMPLE):
         self.name = name
@@ -137,7 +138,7 @@ class Producer:
         }
         self.interfaces = {PRODUCER: self.properties}
         self.sample = sample
-        self.on_sample = self.tell_sample
+        self.on_sample = self.send_sample
         self.on_stream = self.give_stream
         self.make_pair = os.pipe
         self.nonblocking = False
@@ -150,11 +151,11 @@ class Producer:
     def keep(self, call):
         self.kept.append(call)
 
-    def tell_sample(self, call):
+    def send_sample(self, call):
         call.reply(GLib.Variant("(s)", (self.sample,)))
 
     def give_stream(self, call):
-        """Answers with the descriptor of a new stream, and keeps the end to write to."""
+        """Replies with the descriptor of a new stream, and keeps the write end."""
         read_fd, write_fd = self.make_pair()
         os.set_blocking(read_fd, not self.nonblocking)
         self.streams.append(Stream(write_fd, *call.arguments))
@@ -165,7 +166,7 @@ class Producer:
         self.make_pair = make_sockets
 
     def wait_for_stream(self, count=1):
-        """Waits until so many streams have been given away, and returns the last one."""
+        """Waits until `count` streams have been sent, and returns the last one of these."""
         wait_until(lambda: len(self.streams) >= count, f"{count} streams of {self.path}")
         return self.streams[count - 1]
 
@@ -178,17 +179,16 @@ def make_sockets():
     return tuple(end.detach() for end in socket.socketpair())
 
 
-class FakeReceiver(StandIn):
-    """The owner of the receiver's name. Producers may come and go before it has started, while it is there and while
-    it has left.
+class FakeReceiver(BusService):
+    """The owner of the receiver's name. Producers can be added and removed at any time, also without the name.
 
-    on_objects: takes a Call for all objects in place of the right answer, in the thread of the receiver"""
+    on_objects: handles a Call for all objects instead of the correct reply, in the receiver's thread"""
 
     def __init__(self, bus):
         super().__init__(bus, NAME)
         self.producers = []
         self.gone = []
-        self.on_objects = self.tell_objects
+        self.on_objects = self.send_objects
         self.answering = {}
         self.present = False
 
@@ -200,12 +200,12 @@ class FakeReceiver(StandIn):
     def _on_objects(self, connection, sender, path, interface, method, arguments, invocation):
         self.on_objects(Call(connection, invocation, ()))
 
-    def tell_objects(self, call):
+    def send_objects(self, call):
         objects = {producer.path: producer.interfaces for producer in self.producers}
         call.reply(GLib.Variant("(a{oa{sa{sv}}})", (objects,)))
 
     def _register(self, producer):
-        """Has calls to its path answered by this producer, also those that come after it has been removed."""
+        """Makes this producer handle calls to its path, also after its removal."""
         is_new = producer.path not in self.answering
         self.answering[producer.path] = producer
         if is_new:
@@ -216,10 +216,10 @@ class FakeReceiver(StandIn):
         self.answering[path].on_call(method, Call(connection, invocation, arguments.unpack()))
 
     def _in_thread(self, work):
-        """Has something done by the thread that answers, and waits for it."""
+        """Calls a function in the receiver's thread, and waits for its end."""
         done = []
         self.context.invoke_full(GLib.PRIORITY_DEFAULT, lambda: done.append(work()) and False)
-        wait_until(lambda: done, "the receiver's thread has done it")
+        wait_until(lambda: done, "the receiver's thread has called it")
 
     def start(self):
         super().start()
@@ -237,18 +237,18 @@ class FakeReceiver(StandIn):
         return producer
 
     def remove(self, producer):
-        """Takes a producer's object away; its streams stay."""
+        """Removes a producer's object; its streams stay open."""
         self.producers.remove(producer)
         self.gone.append(producer)
         self.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
                   GLib.Variant("(oas)", (producer.path, list(producer.interfaces))))
 
-    def leave(self):
-        """Gives up the name; the streams stay."""
-        self.client.give_up(NAME)
+    def release_name(self):
+        """Releases the name; the streams stay open."""
+        self.client.release(NAME)
         self.present = False
 
-    def come_back(self):
+    def take_name(self):
         self.client.own(NAME)
         self.present = True
 
@@ -260,13 +260,13 @@ class FakeReceiver(StandIn):
 
 @contextlib.contextmanager
 def all_connected(bus):
-    """For the start of a daemon, all of which has its connection to the bus at the end."""
+    """Around the start of a daemon: returns when each part of the daemon has its bus connection."""
     receiver = FakeReceiver(bus)
-    asked = []
-    receiver.on_objects = asked.append
+    calls = []
+    receiver.on_objects = calls.append
     receiver.start()
     try:
         yield
-        wait_until(lambda: asked, "all of the daemon has the connection")
+        wait_until(lambda: calls, "the daemon calls the receiver")
     finally:
         receiver.close()

@@ -1,5 +1,4 @@
-"""A stand-in for the daemon on the bus: its name, its producers, and answers as wrong as a test wants them; and what
-any stand-in has to do."""
+"""A fake of the daemon's control service, whose replies a test can replace; and the base of all fake services."""
 
 import contextlib
 import threading
@@ -16,7 +15,7 @@ SAMPLE_FRAME = '<tt:SampleFrame xmlns:tt="http://www.onvif.org/ver10/schema"><tt
 
 
 def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
-    """A producer's, each of the type that the interface says."""
+    """A producer's properties, with the types of the interface."""
     return {
         "Name": GLib.Variant("s", name),
         "NiceName": GLib.Variant("s", nice_name),
@@ -25,8 +24,8 @@ def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
     }
 
 
-class StandIn:
-    """One owner of a name, who answers in a thread of its own."""
+class BusService:
+    """The owner of a name, which handles calls in its own thread."""
 
     def __init__(self, bus, name):
         self.name = name
@@ -45,11 +44,11 @@ class StandIn:
         self.context.pop_thread_default()
 
     def _register_all(self):
-        """Puts everything on the bus that is there from the start. What is registered is answered by this thread."""
+        """Registers the first objects, on the service's thread."""
         raise NotImplementedError
 
     def start(self):
-        """Takes the name."""
+        """Owns the name."""
         self.thread.start()
         assert self.started.wait(BOUND_SECONDS)
 
@@ -58,7 +57,7 @@ class StandIn:
         self.client.connection.flush_sync(None)
 
     def close(self):
-        """Gives up the name, once, by leaving the bus."""
+        """Leaves the bus; a second call has no effect."""
         with contextlib.suppress(GLib.Error):
             self.client.close()
         if self.thread.is_alive():
@@ -66,14 +65,14 @@ class StandIn:
             self.thread.join(BOUND_SECONDS)
 
 
-class FakeService(StandIn):
-    """One owner of the daemon's name, who is started once the producers and replies are set.
+class FakeService(BusService):
+    """The owner of the daemon's name. Producers and replies are set before its start.
 
-    producers: properties by object path; what GetManagedObjects tells
-    replies: by method, what to reply in place of the right thing
-    errors: by method, the error's name and message
-    silent: methods that are never answered; leaving: methods in the middle of which the service leaves
-    calls: what came, as (path, method, arguments); flags: with which message flags"""
+    producers: properties by object path, for GetManagedObjects
+    replies: bodies instead of the correct ones, by method
+    errors: names and messages of errors, by method
+    silent: methods that get no reply; leaving: methods whose call makes the service leave the bus
+    calls: received calls, as (path, method, arguments); flags: their message flags"""
 
     def __init__(self, bus):
         super().__init__(bus, NAME)
@@ -123,12 +122,12 @@ class FakeService(StandIn):
         objects = {path: {PRODUCER: values} for path, values in self.producers.items()}
         return GLib.Variant("(a{oa{sa{sv}}})", (objects,))
 
-    def answer_kept(self):
-        """Answers what asked for the objects and was kept waiting."""
+    def reply_to_kept(self):
+        """Replies to a kept call for the objects."""
         self.kept.pop().return_value(self._objects())
 
     def set_calls(self):
-        """The calls that change something."""
+        """The calls that change producers."""
         return [call for call in self.calls if call[1] != "GetManagedObjects"]
 
     # Signals

@@ -1,5 +1,5 @@
-"""The staged installation under test, and what stands around it: the user that the daemon runs as, folders that this
-user can reach, GStreamer plug-ins by choice and a private system bus."""
+"""The staged installation under test and its environment: the daemon's user, folders that this user can access,
+selected GStreamer plug-ins and a private system bus."""
 
 import functools
 import grp
@@ -22,13 +22,13 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 
-# Whether the installed programs have the address sanitizer, which is slow and brings an allocator of its own.
+# Whether the installed programs have AddressSanitizer, which is slow and has its own allocator.
 SANITIZED = "ASAN_OPTIONS" in os.environ
 
 UNPRIVILEGED_USER = "nobody"
 UNPRIVILEGED_GROUP = "nogroup"
 
-# What GStreamer itself brings to the daemon's pipelines; all else on the machine stays out of sight.
+# GStreamer's own plug-ins that the daemon needs; no other plug-in of the machine is visible.
 STANDARD_PLUGINS = ("coreelements", "gdp", "app")
 
 EVENT_PLUGIN = "onvifeventsrc"
@@ -39,19 +39,19 @@ JSON_PLUGIN = "json2xml"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
 SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
-# What a client that asks for events needs.
+# Plug-ins for requests for events.
 EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
 
-# What one that asks for PTZ needs.
+# Plug-ins for requests for PTZ.
 PTZ_PLUGINS = (PTZ_PLUGIN, DOCUMENT_PLUGIN)
 
-# What one that asks for scenes or radar scenes needs: no analytics at all without the converter of external producers.
+# Plug-ins for requests for scenes and radar scenes: all analytics needs the converter of external producers.
 SCENE_PLUGINS = (SCENE_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 RADAR_PLUGINS = (RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
 BUS_CONFIGURATION = TREE / "scripts/private-bus.conf.in"
 
-# Whom the installed bus policy names, each once.
+# The user and the group in the installed bus policy, which names each once.
 DAEMON_USER = "tessard"
 ADMIN_GROUP = "tessard-admin"
 
@@ -73,12 +73,12 @@ def build_option(name):
 
 
 def staged_prefix(stage):
-    """The folder of a staged installation that the prefix became."""
+    """The prefix within a staged installation."""
     return stage / pathlib.PurePath(build_option("prefix")).relative_to("/")
 
 
 def unprivileged():
-    """Arguments for subprocess that drop a root's privileges; others run things as themselves."""
+    """Arguments for subprocess that drop root's privileges; empty for other users."""
     if not run_by_root():
         return {}
     return {"user": UNPRIVILEGED_USER, "group": UNPRIVILEGED_GROUP, "extra_groups": []}
@@ -88,7 +88,7 @@ def testing_user():
     return pwd.getpwuid(os.geteuid()).pw_name
 
 
-# GLib's names for a time in microseconds.
+# GLib's names for times, in microseconds.
 TIME_SPANS = {"G_TIME_SPAN_MILLISECOND": 1000, "G_TIME_SPAN_SECOND": 1000 * 1000}
 
 
@@ -104,8 +104,8 @@ def value_of(expression, names=None):
 
 
 def defined_limits(header):
-    """The numbers that a header defines, by name. Texts, types and macros with arguments are left out; a number that
-    is written in any other way than as a sum is an error."""
+    """The numbers that a header defines, by name, without texts, types and macros with arguments. A number must be a
+    sum of products."""
     numbers = {}
     for name, value in re.findall(r"^#define (\w+) +([^\n]+)$", header.read_text(encoding="utf-8"), re.MULTILINE):
         if '"' not in value and not re.search(r"\w\(", value):
@@ -114,13 +114,12 @@ def defined_limits(header):
 
 
 def documented_limit(header, name):
-    """The value of a constant that a header of the daemon defines. The tests of the documentation compare it with
-    what is told there."""
+    """The value of a constant in a header of the daemon. The tests of the documentation compare it with the docs."""
     return defined_limits(TREE / "src" / header)[name]
 
 
 class Workspace:
-    """A folder of this session's own, which the daemon's user can enter wherever the tree itself is kept."""
+    """A folder of this session, which the daemon's user can enter even if it cannot enter the source tree."""
 
     def __init__(self):
         self.path = pathlib.Path(tempfile.mkdtemp(prefix="tessard-test-", dir="/tmp"))
@@ -128,7 +127,7 @@ class Workspace:
         self.count = 0
 
     def folder(self, mode=0o755):
-        """A new folder that belongs to the daemon's user. Its path is short, as a socket's has to be."""
+        """A new folder of the daemon's user, with a path that is short enough for sockets."""
         self.count += 1
         path = self.path / str(self.count)
         path.mkdir()
@@ -142,7 +141,7 @@ class Workspace:
 
 
 class Installation:
-    """Where everything of one staged installation is, and of the tests' libraries, which are never installed."""
+    """The paths of a staged installation, and of the tests' libraries, which are never installed."""
 
     def __init__(self, stage, workspace):
         self.workspace = workspace
@@ -166,20 +165,19 @@ class Installation:
         return path
 
     def _daemon(self):
-        """The installed daemon, or the tests' own if the installed one has its producers in one file of the system."""
+        """The installed daemon, or the tests' own if the installed one has an absolute path of producers.conf."""
         if os.path.isabs(build_option("producers_conf")):
             return self._readable_copy(build_folder() / "tests/system/tessard", 0o755)
         return self.prefix / "bin/tessard"
 
     def _test_library(self, name):
-        """A copy of a library that the build made, which the daemon's user can read; None when the build has none."""
+        """A copy of a library from the build folder, which the daemon's user can read; None if there is none."""
         original = build_folder() / name
         return self._readable_copy(original) if original.exists() else None
 
     def new_plugin_folder(self, names, failing=False, without=()):
-        """A folder with exactly the named plug-ins beside GStreamer's own, and the variables that point to it. Where
-        there is a plug-in that fails as its test wishes, `failing` takes that one. `without` leaves some of GStreamer's
-        own out."""
+        """A folder with exactly these plug-ins and GStreamer's own except `without`, and the variables that select it.
+        With `failing`, plug-ins that can fail on command replace the simulated ones."""
         folder = self.workspace.folder()
         plugins = self.plugins | (self.failing_plugins if failing else {})
         for name in (set(STANDARD_PLUGINS) - set(without)) | set(names):
@@ -193,15 +191,15 @@ class Installation:
         }
 
     def plugin_environment(self, names):
-        """The same, but one folder for all who ask for the same plug-ins."""
+        """The variables for these plug-ins. Daemons with the same plug-ins share a folder."""
         key = frozenset(names)
         if key not in self.plugin_environments:
             _, self.plugin_environments[key] = self.new_plugin_folder(names)
         return self.plugin_environments[key]
 
     def sanitizer_environment(self, more=None):
-        """The sanitizers' variables of this session with more options, made fit for the daemon: its user can read the
-        files that they name, and the preloaded library may come before the sanitizer's own."""
+        """The session's sanitizer variables with further options, adapted for the daemon: its user can read their files,
+        and the preloaded library may precede the sanitizer's runtime."""
         variables = {name: re.sub(r"(?<=\bsuppressions=)[^:]+", self._copy_match, value)
                      for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
         options = [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0", more]
@@ -220,13 +218,11 @@ class Installation:
 
 
 class Bus:
-    """A message bus of this session's own, which stands for the system's and has the installed policy for the daemon's
-    name.
+    """A private message bus, used as the system bus, with the installed policy for the daemon's name.
 
-    owner: the user that stands in for the daemon's, by default the one that daemons are started as
-    administrators: the group that stands in for the administrators', by default that of the user who tests; root needs
-    none
-    text: the bus' configuration, if not the usual one; "@socket@" and "@policy@" in it stand for the paths"""
+    owner: the user that may own the daemon's name, by default the user of started daemons
+    administrators: the administrators' group, by default that of the testing user; root needs none
+    text: a configuration instead of the default one; "@socket@" and "@policy@" in it are replaced by the paths"""
 
     def __init__(self, installation, owner=None, administrators=None, text=None):
         folder = installation.workspace.folder()
@@ -243,24 +239,24 @@ class Bus:
 
     @staticmethod
     def _policy(installation, owner, administrators):
-        """The installed policy as it is, but for whom it names: they are not there on a machine that only tests."""
+        """The installed policy with another user and group, because those of an installation may not exist here."""
         text = installation.bus_policy.read_text(encoding="utf-8")
         owner = owner or (UNPRIVILEGED_USER if run_by_root() else testing_user())
         if not run_by_root():
             administrators = administrators or grp.getgrgid(os.getegid()).gr_name
-        for placeholder, stand_in in ((f'user="{DAEMON_USER}"', f'user="{owner}"'),
+        for placeholder, replacement in ((f'user="{DAEMON_USER}"', f'user="{owner}"'),
                                       (f'group="{ADMIN_GROUP}"', f'group="{administrators or ADMIN_GROUP}"')):
             assert text.count(placeholder) == 1
-            text = text.replace(placeholder, stand_in)
+            text = text.replace(placeholder, replacement)
         return text
 
     def start(self):
-        """Also after stop(), at the same address again."""
+        """Starts the bus, after stop() at the same address."""
         self.process = subprocess.Popen(
             ["dbus-daemon", f"--config-file={self.configuration}", "--nofork", "--nopidfile", "--nosyslog",
              "--print-address=1"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, cwd="/", text=True, **unprivileged())
-        # Printed once the bus listens. What follows the comma is new with each start.
+        # Printed when the bus listens. The part after the comma changes with each start.
         self.address, _, _ = self.process.stdout.readline().strip().partition(",")
         assert self.address.startswith("unix:path="), "the private bus did not start"
 
@@ -273,7 +269,7 @@ class Bus:
 
 
 def make_stage(workspace):
-    """Installs the build folder below the workspace."""
+    """Stages the build folder in the workspace."""
     stage = workspace.path / "stage"
     subprocess.run(["meson", "install", "--no-rebuild", "--quiet", "-C", build_folder(), "--destdir", stage],
                    check=True, umask=0o022)

@@ -1,6 +1,5 @@
-"""What never comes to an end by itself, and how it is ended: the daemon's requests that are never finished, its start
-whose question to the PTZ coordinator is never answered, a metadata receiver that is silent for long, and tessardctl's
-calls to a daemon that never replies."""
+"""Operations that only a time-out ends: incomplete requests, a start whose call of the PTZ coordinator gets no reply, a
+metadata receiver that is silent for long, and tessardctl's calls of a daemon that never replies."""
 
 import json
 import select
@@ -21,19 +20,19 @@ from waiting import wait_until
 
 TIMEOUT_SECONDS = documented_limit("server.h", "SERVER_REQUEST_TIMEOUT_MS") / 1000
 
-# How long the daemon waits for an answer on the bus; GDBus's default.
+# The daemon's time-out for a reply on the bus, which is GDBus's default.
 PATIENCE_SECONDS = 25
 
-# How long tessardctl waits for the bus and for a reply, and for each change on top of that.
+# tessardctl's time-out for the bus and for a reply, and the additional time for each change.
 CALL_SECONDS = documented_limit("../tools/producerbus.h", "PRODUCER_BUS_TIMEOUT_SECONDS")
 CHANGE_SECONDS = documented_limit("../tools/producerbus.h", "PRODUCER_BUS_SECONDS_PER_CHANGE")
 
-# How much later than its time-out an answer may come on a busy machine.
+# The delay of a time-out that is allowed on a busy machine.
 TOLERANCE_SECONDS = 10
 
 
 class OverdueRequest(threading.Thread):
-    """Sends a first piece of a request and, if wanted, one more byte now and then, until there is an answer."""
+    """Sends the beginning of a request and then, optionally, repeated bytes, until there is a reply."""
 
     def __init__(self, path, first, trickle=b"", pause_seconds=1):
         super().__init__(daemon=True)
@@ -43,7 +42,7 @@ class OverdueRequest(threading.Thread):
         self.first = first
         self.trickle = trickle
         self.pause_seconds = pause_seconds
-        self.answer = None
+        self.reply = None
         self.seconds = None
         self.start()
 
@@ -52,9 +51,9 @@ class OverdueRequest(threading.Thread):
             self.client.send(self.first)
             while self.trickle and not select.select([self.client.socket], [], [], self.pause_seconds)[0]:
                 self.client.send(self.trickle)
-            self.answer = self.client.read_reply().decode()
+            self.reply = self.client.read_reply().decode()
         except (ConnectionEnded, OSError) as end:
-            self.answer = repr(end)
+            self.reply = repr(end)
         self.seconds = time.monotonic() - self.began
 
     def wait(self):
@@ -68,7 +67,7 @@ class OverdueRequest(threading.Thread):
 
 
 class OverdueRequests:
-    """One of each kind; neither keeps anybody else waiting."""
+    """One request of each kind; neither delays other clients."""
 
     def __init__(self, daemon):
         self.daemon = daemon
@@ -81,7 +80,7 @@ class OverdueRequests:
 
 
 class OverdueStart:
-    """A daemon on a bus where the PTZ coordinator never answers."""
+    """A daemon on a bus where the PTZ coordinator never replies."""
 
     def __init__(self, installation):
         self.bus = Bus(installation)
@@ -97,8 +96,8 @@ class OverdueStart:
         return self.daemon.socket_path.exists()
 
     def wait(self):
-        """Waits until the daemon answers, having said why it does not know; how long its start took."""
-        wait_until(self.has_socket, "the daemon has lost its patience", PATIENCE_SECONDS + TOLERANCE_SECONDS)
+        """Waits until the daemon is ready and has logged the time-out; returns the duration of its start."""
+        wait_until(self.has_socket, "the daemon's call has timed out", PATIENCE_SECONDS + TOLERANCE_SECONDS)
         self.daemon.wait_until_ready()
         self.over = True
         return self.daemon.socket_path.stat().st_mtime - self.began
@@ -112,7 +111,7 @@ class OverdueStart:
 
 
 class OverdueReceiver:
-    """A metadata receiver that answers nothing for longer than the daemon waits, and a daemon that asks it."""
+    """A metadata receiver that sends no reply for longer than the daemon's time-out, and a daemon that calls it."""
 
     SILENT_SECONDS = 28
 
@@ -127,14 +126,14 @@ class OverdueReceiver:
         self.began = time.monotonic()
         self.daemon = Daemon(installation, self.bus, plugins=EXTERNAL_PLUGINS)
         wait_until(lambda: self.kept, "the receiver has been asked")
-        self.timer = threading.Timer(self.SILENT_SECONDS, self._answer)
+        self.timer = threading.Timer(self.SILENT_SECONDS, self._reply)
         self.timer.start()
         self.daemon.wait_until_ready()
 
-    def _answer(self):
-        self.receiver.on_objects = self.receiver.tell_objects
+    def _reply(self):
+        self.receiver.on_objects = self.receiver.send_objects
         for call in self.kept:
-            self.receiver.tell_objects(call)
+            self.receiver.send_objects(call)
 
     def is_silent(self):
         return self.control.objects() == set()
@@ -157,7 +156,7 @@ class OverdueCall(threading.Thread):
 
     def __init__(self, seconds, *words):
         super().__init__(daemon=True)
-        # On a busy machine the command may have begun to wait long before its start is over here.
+        # Before the start: on a busy machine the command may wait long before Popen returns.
         self.began = time.monotonic()
         self.command = Tessardctl(*words)
         self.seconds = None
@@ -169,14 +168,14 @@ class OverdueCall(threading.Thread):
         self.seconds = time.monotonic() - self.began
 
     def wait(self):
-        """The status and what was written, once the command has ended."""
+        """The status and the output of the command, after its end."""
         self.join(self.patience_seconds)
         assert not self.is_alive()
         return self.command.process.returncode, self.out, self.err
 
 
 class OverdueCalls:
-    """A command for each call of the daemon that has no reply, and one on a bus that says nothing."""
+    """A command for each call of the daemon that gets no reply, and one on a silent bus."""
 
     CHANGES = 3
 

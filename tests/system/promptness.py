@@ -1,4 +1,4 @@
-"""How long the daemon may take for one client while another keeps it busy."""
+"""Time limits for the service of one client while others keep the daemon busy."""
 
 import statistics
 import time
@@ -9,16 +9,15 @@ TRIES = 50
 MEDIAN_SECONDS = 0.020
 WORST_SECONDS = 0.250
 
-# A daemon with a sanitizer may take so many times as long.
+# The factor for a daemon with a sanitizer.
 SLOWNESS = 5 if SANITIZED else 1
 
-# How many times as long as without what keeps the daemon busy, where a sanitizer or a busy machine makes that long by
-# itself.
+# The factor to the times without other clients, which a sanitizer or a busy machine can make long.
 SLOWED = 3
 
 
 def times(function):
-    """How long each of the tries takes."""
+    """The duration of each try."""
     seconds = []
     for _ in range(TRIES):
         began = time.monotonic()

@@ -1,4 +1,4 @@
-"""What the daemon sees of the metadata receiver: producers that come and go, and their streams."""
+"""A client of the metadata receiver: the producers on the bus, their signals and their streams."""
 
 import json
 import os
@@ -24,7 +24,7 @@ def path_of(name):
 
 
 class Stream:
-    """One stream's descriptor. Every read has a bound."""
+    """One stream's descriptor. Each read has a time limit."""
 
     def __init__(self, fd):
         self.fd = fd
@@ -33,13 +33,13 @@ class Stream:
         return os.get_blocking(self.fd)
 
     def has_something(self, seconds=0):
-        """Whether there are bytes, or the end, within so long."""
+        """Whether data, or the end, arrives within this time."""
         poll = select.poll()
         poll.register(self.fd, select.POLLIN)
         return bool(poll.poll(seconds * 1000))
 
     def read_some(self, size):
-        """What a read gives as soon as there is anything; nothing at the end."""
+        """Reads as soon as there is data; returns no bytes at the end."""
         if not self.has_something(BOUND_SECONDS):
             pytest.fail(f"nothing to read within {BOUND_SECONDS} s")
         return os.read(self.fd, size)
@@ -53,7 +53,7 @@ class Stream:
         return data
 
     def message(self):
-        """The next message's bytes."""
+        """The bytes of the next message."""
         (length,) = LENGTH.unpack(self._read(LENGTH.size))
         return self._read(length)
 
@@ -61,11 +61,11 @@ class Stream:
         return [self.message() for _ in range(count)]
 
     def item(self):
-        """The next message as the item that it should be."""
+        """The next message as an item."""
         return json.loads(self.message())
 
     def expect_end(self):
-        """The stream has ended, whatever may have been on its way."""
+        """Expects the end of the stream, possibly after more data."""
         while self.read_some(65536):
             pass
 
@@ -76,40 +76,40 @@ class Stream:
 
 
 class ReceiverClient(BusClient):
-    """Asks the metadata receiver. Whatever streams it opens, close() closes."""
+    """One connection. close() closes the streams that it opened."""
 
     def __init__(self, bus):
         super().__init__(bus)
         self.streams = []
 
     def producers(self):
-        """Properties by object path, as the object manager tells."""
+        """Properties by object path, from the object manager."""
         return self.call(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects").unpack()[0]
 
     def names(self):
         return {path.removeprefix(f"{ROOT}/") for path in self.producers()}
 
     def properties(self, name):
-        """The text form of a producer's properties, as the object manager tells."""
+        """The text form of a producer's properties, from the object manager."""
         objects = self.call(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects").get_child_value(0)
         interfaces = objects.lookup_value(path_of(name), GLib.VariantType("a{sa{sv}}"))
         return interfaces.lookup_value(PRODUCER, GLib.VariantType("a{sv}")).print_(True)
 
-    def ask_sample_frame(self, name, **arguments):
-        """The reply, whatever it is."""
+    def request_sample_frame(self, name, **arguments):
+        """Returns the reply, which may have any type."""
         return self.call(NAME, path_of(name), PRODUCER, "GetSampleFrame", **arguments)
 
     def sample_frame(self, name):
-        return self.ask_sample_frame(name).unpack()[0]
+        return self.request_sample_frame(name).unpack()[0]
 
-    def ask_stream(self, name, channel=1, seconds=BOUND_SECONDS):
-        """The reply, whatever it is, and the list of its descriptors."""
+    def request_stream(self, name, channel=1, seconds=BOUND_SECONDS):
+        """Returns the reply, which may have any type, and the list of its descriptors."""
         return self.connection.call_with_unix_fd_list_sync(
             NAME, path_of(name), PRODUCER, "GetStreamFd", GLib.Variant("(i)", (channel,)), None,
             Gio.DBusCallFlags.NO_AUTO_START, int(seconds * 1000), None, None)
 
     def open(self, name, channel=1):
-        reply, descriptors = self.ask_stream(name, channel)
+        reply, descriptors = self.request_stream(name, channel)
         assert reply.get_type_string() == "(h)"
         (fd,) = descriptors.steal_fds()
         assert reply.unpack() == (0,)
@@ -123,7 +123,7 @@ class ReceiverClient(BusClient):
 
 
 class Watcher:
-    """An object manager client, as the daemon has one: what it was told, in its order."""
+    """An object manager client like the daemon's; `seen` has its signals in order."""
 
     def __init__(self, bus):
         self.context = GLib.MainContext()
@@ -131,32 +131,32 @@ class Watcher:
         self.client = BusClient(bus)
         self.manager = Gio.DBusObjectManagerClient.new_sync(
             self.client.connection, Gio.DBusObjectManagerClientFlags.NONE, NAME, ROOT, None, None, None)
-        self.told = []
-        self.manager.connect("object-added", lambda _, added: self.told.append(("added", *self._see(added))))
-        self.manager.connect("object-removed", lambda _, gone: self.told.append(("removed", *self._see(gone))))
+        self.seen = []
+        self.manager.connect("object-added", lambda _, added: self.seen.append(("added", *self._names(added))))
+        self.manager.connect("object-removed", lambda _, removed: self.seen.append(("removed", *self._names(removed))))
         self.context.pop_thread_default()
 
     @staticmethod
-    def _see(seen):
-        """The object's own name, and what it says that it is."""
-        interface = seen.get_interface(PRODUCER)
+    def _names(found):
+        """The last part of the object's path, and its property Name."""
+        interface = found.get_interface(PRODUCER)
         name = interface.get_cached_property("Name") if interface else None
-        return seen.get_object_path().removeprefix(f"{ROOT}/"), name.print_(True) if name else None
+        return found.get_object_path().removeprefix(f"{ROOT}/"), name.print_(True) if name else None
 
     def wait(self, count):
-        """Waits until it was told so much, and returns that."""
-        def is_told():
+        """Waits for `count` signals, and returns all so far."""
+        def has_seen():
             while self.context.iteration(False):
                 pass
-            return len(self.told) >= count
+            return len(self.seen) >= count
 
-        # What the manager asks while it is told something is answered in the context of then.
+        # The manager's own calls get their replies in the context that is current at the time of the call.
         self.context.push_thread_default()
         try:
-            wait_until(is_told, f"told {count} times")
+            wait_until(has_seen, f"{count} signals")
         finally:
             self.context.pop_thread_default()
-        return self.told
+        return self.seen
 
     def close(self):
         self.client.close()

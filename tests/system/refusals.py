@@ -1,4 +1,4 @@
-"""What a request with a wrong value is told, character for character."""
+"""The replies to requests with wrong values, character for character."""
 
 from client import header
 from daemon import WARNING
@@ -18,7 +18,7 @@ PAN_TILT_SPACE_OUT_OF_BOUNDS = (f"Value out of bounds for{RUN}'ptz pantilt coord
 INVALID_ZOOM_SPACE = f"Invalid value of 'ptz zoom coordinate space'{RUN}parameter: '{{}}'."
 ZOOM_SPACE_OUT_OF_BOUNDS = f"Value out of bounds for{RUN}'ptz zoom coordinate space' parameter: '{{}}'."
 
-# Each key with values that are refused, and how.
+# Keys with refused values, and the texts of the refusals.
 WRONG_CHANNELS = [
     *[("video_channel", value, INVALID_CHANNEL)
       for value in ("x", "-1", "+1", " 1", "1a", "0x1", "1.0", "1 1", "\N{ARABIC-INDIC DIGIT ONE}")],
@@ -38,9 +38,9 @@ WRONG_ANALYTICS = [("analytics", value, INVALID_ANALYTICS)
                    for value in ("", "3", "01", " 1", "yes", "1.0", "%n")]
 
 
-def expect_refused(daemon, wishes, text):
-    """Asks, and expects this text as the reason of the refusal and as the one line in the log."""
+def expect_refused(daemon, fields, text):
+    """Sends a request, and expects this text as the reason of its refusal and as the only line in the log."""
     with daemon.client() as client:
-        assert client.ask(header(**wishes)) == f"FAIL\nUnable to create source: {text}."
+        assert client.request(header(**fields)) == f"FAIL\nUnable to create source: {text}."
         assert client.read_to_end() == b""
     assert daemon.log.take() == [(WARNING, text)]

@@ -1,27 +1,27 @@
-"""Scenes of the video and of the radar: what tells them apart, and how their objects move."""
+"""Scenes of the video and of the radar: their differences, and the movement of their objects."""
 
 import itertools
 
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
 from installation import RADAR_PLUGIN, RADAR_PLUGINS, SCENE_PLUGIN, SCENE_PLUGINS
 
-# The story's second from which on there is always somebody in the picture for a while.
+# From this second of the simulation's cycle the picture has objects for some time.
 BUSY_SECONDS = 4
 
-# As far from the edges the picture does not clip an object's centre.
+# Within this distance from the middle, the picture's edges do not clip an object's centre.
 INSIDE = 0.99
 
-# How exactly the places of objects are told, also where they are between two of these.
+# The precision of positions, and of positions between two of them.
 ROUNDING = 0.0005
 
-# The same for what is told by the radar, in its degrees and metres.
+# The precision of the radar's degrees and metres.
 RADAR_ROUNDING = 0.001
 
 NO_ROTATION = (WARNING, "could not get rotation from capt, using rotation 0")
 
 
 class SceneKind:
-    """One of the two kinds of scenes, for tests of what they have in common."""
+    """One of the two kinds of scenes, for tests that both have in common."""
 
     def __init__(self, tracker, plugin, plugins, elements):
         self.tracker = tracker
@@ -33,7 +33,7 @@ class SceneKind:
         return self.plugin
 
     def enabled(self, *names):
-        """The producers' file that has this kind alone enabled, on the first channels under these names."""
+        """A producers' file with this kind alone enabled, on the first channels with these names."""
         return producers_enabled({(self.tracker, channel): name for channel, name in enumerate(names, 1)})
 
 
@@ -46,7 +46,7 @@ def is_inside(point):
 
 
 def rotate(point, degrees):
-    """Where a point of the picture is when the picture is turned clockwise."""
+    """A point of the picture after a clockwise rotation."""
     x, y = point
     for _ in range(degrees // 90):
         x, y = y, -x
@@ -54,26 +54,25 @@ def rotate(point, degrees):
 
 
 def seen_by_radar(info):
-    """Where in the picture that is not turned the radar has an object."""
+    """The radar's position of an object, in the picture without rotation."""
     return info.angle / 20, (info.range - 20) / 15
 
 
 def objects_of(frames):
-    """The objects of the frames as they come."""
+    """Yields the objects of the frames."""
     for frame in frames:
         yield from frame.objects.values()
 
 
 def interpolate(before, after, time):
-    """Where something is at `time` that moves straight at an even speed. `before` and `after` are each a time and the
-    coordinates then."""
+    """The position at `time` of a linear movement. `before` and `after` are each a time and the coordinates."""
     (start, first), (end, last) = before, after
     part = (time - start) / (end - start) if end > start else 0
     return tuple(low + (high - low) * part for low, high in zip(first, last))
 
 
 class Tracks:
-    """Where each object has been seen inside the picture."""
+    """The positions of each object inside the picture."""
 
     def __init__(self):
         self.seen = {}
@@ -84,13 +83,13 @@ class Tracks:
                 self.seen.setdefault(found.id, []).append((frame.time, found.centre))
 
     def at(self, name, time):
-        """Where the object was then, None if it was not seen both before and after."""
+        """The position of the object at this time, None without a position before and after it."""
         for before, after in itertools.pairwise(self.seen.get(name, [])):
             if before[0] <= time <= after[0]:
                 return interpolate(before, after, time)
         return None
 
     def direction(self, name):
-        """Which way the object goes, in the words of a crossing."""
+        """The object's direction, as a crossing reports it."""
         places = [place for _, place in self.seen[name]]
         return "LeftToRight" if places[0][0] < places[-1][0] else "RightToLeft"

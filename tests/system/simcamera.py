@@ -1,4 +1,4 @@
-"""The simulated camera's services, a program of its own on a bus of the tests', and its verbs as methods."""
+"""The simulated camera's services, a program on a private bus, with its verbs as methods."""
 
 import os
 import signal
@@ -12,17 +12,17 @@ SERVICES = (PTZ, CAPTURE, SCENES, RECEIVER)
 
 
 class Refused(Exception):
-    """The camera did not do what it was told; the text says why."""
+    """The camera refused a verb; the text is the reason."""
 
 
 class SimulatedCamera:
     """One simcamera; the fixtures `camera` and `start_camera` make one and clean up after it.
 
     options: its command line
-    bus: where it plays, which it takes for the system's bus
-    producers: which of its own external producers it has, with commas; all if that is not said
-    stdin: its standard input; closed if that is None
-    variables: what its environment has beside the usual"""
+    bus: its system bus
+    producers: its built-in external producers, separated by commas; None for all
+    stdin: its standard input; None for a closed one
+    variables: additional environment variables"""
 
     def __init__(self, installation, bus, *options, producers=None, stdin=subprocess.DEVNULL, variables=None):
         self.program = str(installation.simcamera)
@@ -43,21 +43,21 @@ class SimulatedCamera:
                 "stderr": subprocess.PIPE, "cwd": "/", "text": True}
 
     def wait_until_ready(self):
-        """Waits until all names are owned. An end in place of that ends the wait too."""
+        """Waits until the camera owns all its names; fails if it ends before."""
         assert self.process.stdout.readline() == "ready\n", self.process.communicate(timeout=BOUND_SECONDS)
 
     def end(self, number=signal.SIGTERM):
-        """Ends the camera by a signal; its status and all that it wrote since it was ready."""
+        """Ends the camera by a signal; returns its status and its output since it was ready."""
         self.process.send_signal(number)
         return self.wait()
 
     def wait(self):
-        """Waits for the camera to end; its status and all that it wrote."""
+        """Waits for the end of the camera; returns its status and its output."""
         out, err = self.process.communicate(timeout=BOUND_SECONDS)
         return self.process.returncode, out, err
 
     def finish(self):
-        """Ends the camera if it should still run, and fails when it has anything to complain about."""
+        """Ends the camera if the test has not, and fails if it wrote anything."""
         try:
             if self.process.returncode is None:
                 assert self.end() == (0, "", "")
@@ -68,13 +68,13 @@ class SimulatedCamera:
     # Verbs
 
     def run_tell(self, *words):
-        """`simcamera tell` with these words: its status and what it wrote."""
+        """Runs `simcamera tell` with these words; returns its status and its output."""
         client = subprocess.run([self.program, "tell", *words], timeout=BOUND_SECONDS, check=False,
                                 **self._pipes(), **unprivileged())
         return client.returncode, client.stdout, client.stderr
 
     def tell(self, *words):
-        """Has a verb done, and returns the answer."""
+        """Sends a verb and returns the reply."""
         status, out, err = self.run_tell(*map(str, words))
         if status != 0:
             raise Refused(err)
@@ -94,7 +94,7 @@ class SimulatedCamera:
         self.tell("clear-fault", service)
 
     def calls(self, service):
-        """How often the service has been asked."""
+        """The number of calls to the service."""
         return int(self.tell("calls", service))
 
     def channels(self, count):
@@ -128,7 +128,7 @@ class SimulatedCamera:
         self.tell("clear-producer-faults", name)
 
     def streams(self, name):
-        """How many streams of the producer are open."""
+        """The number of open streams of the producer."""
         return int(self.tell("streams", name))
 
     def hang_up(self, name):
@@ -140,7 +140,7 @@ class SimulatedCamera:
     def pieces(self, name, size, pause_ms):
         self.tell("pieces", name, size, pause_ms)
 
-    # What it holds
+    # Resources
 
     def descriptor_count(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))

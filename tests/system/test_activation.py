@@ -44,7 +44,7 @@ def run_dir(workspace):
     return workspace.folder()
 
 
-def test_socket_of_systemd_is_used_as_it_is(start_daemon, run_dir):
+def test_activated_socket_keeps_its_mode(start_daemon, run_dir):
     path = run_dir / "metadata"
     daemon = start_daemon(run_dir=run_dir, wrapper=by_systemd(path))
     for line in ("Listening on", "Communication attempt on fd", "Execing", "Spawned"):
@@ -65,7 +65,7 @@ def test_only_socket_of_the_path_is_used(start_daemon, run_dir):
         client.start().next_document()
 
 
-def test_without_a_socket_of_the_path_the_daemon_makes_its_own(start_daemon, run_dir):
+def test_daemon_makes_its_socket_without_an_activated_one_for_its_path(start_daemon, run_dir):
     daemon = start_daemon(run_dir=run_dir, wrapper=with_sockets(run_dir / "other"))
 
     assert stat.S_IMODE(daemon.socket_path.stat().st_mode) == 0o660

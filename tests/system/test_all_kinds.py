@@ -1,5 +1,5 @@
-"""Every kind of metadata in one stream: events, the PTZ head's state, both kinds of scenes and what an external
-producer detects, all of one world."""
+"""Every kind of metadata in one stream: events, PTZ status, both kinds of scenes and the detections of an external
+producer, all of one simulated world."""
 
 import concurrent.futures
 import datetime
@@ -21,14 +21,14 @@ from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 # The simulated camera's external producer of persons.
 PERSONS_PRODUCER = "PersonDetector"
 
-# Under which names the trackers and the external producer are enabled, so that each is known by the frames' source.
+# The configuration names of the trackers and the external producer, which are the sources of their frames.
 VIDEO, RADAR, PERSONS = "the video's", "the radar's", "the persons'"
 
 EVERY_KIND = {EVENTS, PTZ, VIDEO, RADAR, PERSONS}
 
 EVERYTHING = {"event": 1, "ptz": 1, "analytics": 2}
 
-# What is enabled on each channel: everything, and each kind of scenes alone.
+# All producers are enabled on one channel, each kind of scenes alone on another one.
 ALL_CHANNEL, VIDEO_CHANNEL, RADAR_CHANNEL = 1, 2, 3
 PRODUCERS = producers_enabled({
     (VIDEO_TRACKER, ALL_CHANNEL): VIDEO,
@@ -41,8 +41,8 @@ PRODUCERS = producers_enabled({
 
 @pytest.fixture
 def start_full_daemon(start_camera, start_daemon, control):
-    """Starts a camera that has everything on all of its channels, and a daemon on it that knows the external producer
-    unless it cannot convert what that says."""
+    """Starts a camera with all services and channels, and a daemon. Waits until the external producer is listed, if the
+    daemon has the converter."""
 
     def start(**arguments):
         start_camera("--channels", "3", producers=PERSONS_PRODUCER)
@@ -61,7 +61,7 @@ def now():
 
 
 def kind_of(document):
-    """None for what only opens the external producers' part of a stream."""
+    """The kind of a document; None for the first frame of external producers."""
     if document.kind != SCENE:
         return document.kind
     (frame,) = document.frames
@@ -69,7 +69,7 @@ def kind_of(document):
 
 
 def read_until_every(kinds, documents, count=10):
-    """Reads so many documents at least, until all of these kinds have come; which have come altogether."""
+    """Reads at least `count` documents, until all of these kinds have arrived; returns the kinds that have arrived."""
     found = set()
     for read, document in enumerate(documents, 1):
         found.add(kind_of(document))
@@ -79,7 +79,7 @@ def read_until_every(kinds, documents, count=10):
 
 
 def expect_kinds(daemon, kinds):
-    """Expects of a request for everything that it gets these kinds."""
+    """Expects these kinds in the stream of a request for all kinds."""
     with daemon.client() as client:
         assert read_until_every(kinds, client.start(header(**EVERYTHING)).documents()) == kinds
 
@@ -90,11 +90,11 @@ def test_one_request_gets_every_kind(start_full_daemon):
 
 # The order of the sources
 
-# As GStreamer names them.
+# GStreamer's names of the sources.
 SOURCES_IN_ORDER = ["tessardsimeventsrc0", "tessardsimptzsrc0", "scenesrcfactorybin", "radarscenesrcfactorybin",
                     "externalsrcfactorybin"]
 
-# What GStreamer traces of a source and its pad of the document element.
+# GStreamer's trace of the link between a source and its pad of the document element.
 LINKED = re.compile(r"linked (\w+):src and tessardsimmetadatastreamdoc0:sink_(\d+), successful$",
                     re.MULTILINE)
 
@@ -104,7 +104,7 @@ def test_sources_are_in_the_order_of_registration(start_full_daemon, workspace):
     daemon = start_full_daemon(environment={"GST_DEBUG": "GST_PADS:4", "GST_DEBUG_FILE": str(trace),
                                             "GST_DEBUG_NO_COLOR": "1"})
     with daemon.client() as client:
-        # The order of the lines has nothing to do with it.
+        # The order of the header lines has no effect.
         client.start(header(**dict(reversed(EVERYTHING.items())))).next_document()
         linked = LINKED.findall(trace.read_text(encoding="utf-8"))
 
@@ -119,7 +119,7 @@ def reported_crossings(document):
 
 
 def are_on_one_line(points):
-    """Whether all points are where the line through the two that are farthest apart is."""
+    """Whether all points are on the line through the lowest and the highest one."""
     low, high = min(points, key=lambda point: point[1]), max(points, key=lambda point: point[1])
     return all(interpolate((low[1], low), (high[1], high), point[1])[0] == pytest.approx(point[0], abs=0.01)
                for point in points)
@@ -145,7 +145,7 @@ def test_crossings_are_those_of_the_objects_in_the_scenes(start_full_daemon):
             if len(places) >= 4:
                 break
 
-    # Everybody has crossed the same line, wherever that is.
+    # All objects crossed the same line.
     assert are_on_one_line(places.values())
     assert len({event.data["ObjectId"] for event in reported}) == len(reported)
 
@@ -164,7 +164,7 @@ def test_objects_look_alike_to_video_and_radar(start_full_daemon):
     assert all(objects[VIDEO][name] == objects[RADAR][name] for name in known)
 
 
-# Seconds of the story, a little before the head turns and then zooms.
+# Seconds of the simulation's cycle, shortly before the head turns and then zooms.
 BEFORE_MOVES = 4
 
 
@@ -172,19 +172,17 @@ def position(status):
     return (*status.pan_tilt, status.zoom)
 
 
-def expect_told_alike(before, within, after):
-    """Expects what a frame tells of the head to lie between what the head's own metadata tells.
-
-    Returns whether the head moved."""
+def expect_between(before, within, after):
+    """Expects that a frame's PTZ status is between two statuses of the PTZ metadata. Returns whether the head moved."""
     if (before.pan_tilt_status, before.zoom_status) != (after.pan_tilt_status, after.zoom_status):
         return False
     expected = interpolate((before.time, position(before)), (after.time, position(after)), within.time)
     assert position(within) == pytest.approx(expected, abs=ROUNDING)
     assert (within.pan_tilt_status, within.zoom_status) == (before.pan_tilt_status, before.zoom_status)
-    return not before.rests
+    return not before.is_idle
 
 
-def test_frames_tell_the_same_of_the_head_as_its_own_metadata(start_full_daemon):
+def test_frames_have_the_ptz_status_of_the_ptz_metadata(start_full_daemon):
     daemon = start_full_daemon(speed=3, world_seconds=BEFORE_MOVES)
     statuses, told = [], []
     while_moving = while_resting = 0
@@ -195,7 +193,7 @@ def test_frames_tell_the_same_of_the_head_as_its_own_metadata(start_full_daemon)
                 statuses.append(status)
                 for before, after in itertools.pairwise(statuses[-2:]):
                     between = [status for status in told if before.time <= status.time <= after.time]
-                    moved = [expect_told_alike(before, status, after) for status in between]
+                    moved = [expect_between(before, status, after) for status in between]
                     while_moving += sum(moved)
                     while_resting += len(moved) - sum(moved)
             if while_moving >= 3 and while_resting >= 3:
@@ -205,11 +203,11 @@ def test_frames_tell_the_same_of_the_head_as_its_own_metadata(start_full_daemon)
 # Sync points
 
 
-def shows_state_since(document, asked):
-    """Whether the document shows how things were at that moment or later."""
+def shows_state_since(document, requested):
+    """Whether the document shows the state at this time or later."""
     times = [event.time for event in document.events if event.operation == INITIALIZED]
     times += [shown.time for shown in (*document.ptz, *document.frames)]
-    return any(time >= asked for time in times)
+    return any(time >= requested for time in times)
 
 
 def test_sync_point_makes_every_kind_of_the_camera_show_its_state(start_full_daemon):
@@ -217,11 +215,11 @@ def test_sync_point_makes_every_kind_of_the_camera_show_its_state(start_full_dae
         stream = client.start(header(**EVERYTHING))
         read_until_every(EVERY_KIND, stream.documents())
         for _ in range(3):
-            asked = now()
+            requested = now()
             client.sync()
-            # External producers are not asked for anything; they tell what they see when they see it.
+            # External producers get no sync points.
             read_until_every(EVERY_KIND - {PERSONS}, (document for document in stream.documents()
-                                                      if shows_state_since(document, asked)), count=0)
+                                                      if shows_state_since(document, requested)), count=0)
 
 
 # What is missing
@@ -238,42 +236,42 @@ def test_camera_without_one_kind_has_the_others(start_full_daemon, plugin, kind)
 def test_camera_that_cannot_make_documents_has_nothing(start_full_daemon):
     daemon = start_full_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != DOCUMENT_PLUGIN])
     with daemon.client() as client:
-        assert client.ask(header(**EVERYTHING)) == NOT_PRODUCED
+        assert client.request(header(**EVERYTHING)) == NOT_PRODUCED
 
     assert daemon.log.take() == [(ERROR, "Could not create onvifxmlmetadatastreamdoc.")]
 
 
 # Crowds
 
-SCENE_WISHES = [
+SCENE_FIELDS = [
     ({}, set()),
     ({"analytics": 1, "video_channel": ALL_CHANNEL}, {VIDEO, RADAR, PERSONS}),
     ({"analytics": 2, "video_channel": VIDEO_CHANNEL}, {VIDEO}),
     ({"analytics": 1, "video_channel": RADAR_CHANNEL}, {RADAR}),
 ]
 
-# Every mix of kinds, as the wishes of a request and the kinds that they bring.
+# Every combination of kinds: the header fields of a request and the kinds in its stream.
 MIXES = [(events | head | scenes, kinds | ({EVENTS} if events else set()) | ({PTZ} if head else set()))
-         for events in ({}, {"event": 1}) for head in ({}, {"ptz": 1}) for scenes, kinds in SCENE_WISHES][1:]
+         for events in ({}, {"event": 1}) for head in ({}, {"ptz": 1}) for scenes, kinds in SCENE_FIELDS][1:]
 
 CLIENTS = 20
 ROUNDS = 2
 
-# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+# The number of idle threads that GLib keeps for a time.
 SPARE_THREADS = 8
 
-# These threads take memory, and the allocators, above all the address sanitizer's, do not give back all at once.
+# These threads use memory, and allocators, above all AddressSanitizer's, do not release all memory at once.
 RESIDENT_GROWTH = 1.5
 
 
 def receive_mixes(daemon):
-    """Clients with every mix, all of them there at once."""
+    """Runs clients with every combination, all at the same time."""
     together = threading.Barrier(CLIENTS)
 
     def receive(mix):
-        wishes, kinds = mix
+        fields, kinds = mix
         with daemon.client() as client:
-            stream = client.start(header(**wishes))
+            stream = client.start(header(**fields))
             together.wait(BOUND_SECONDS)
             assert read_until_every(kinds, stream.documents(), count=3) == kinds
 
@@ -297,7 +295,7 @@ def test_clients_with_every_mix_leave_nothing_behind(start_full_daemon):
     assert daemon.log.take() == []
 
 
-def test_client_that_does_not_read_keeps_nobody(start_full_daemon):
+def test_client_that_does_not_read_delays_no_others(start_full_daemon):
     daemon = start_full_daemon(speed=100)
     with stuck_client(daemon, header(**EVERYTHING)):
         expect_kinds(daemon, EVERY_KIND)

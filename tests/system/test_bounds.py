@@ -1,5 +1,4 @@
-"""The tables of what is bounded, in the documentation: every bound that the headers name is there with its value, and
-nothing else."""
+"""The tables of limits in the documentation: they have each limit of the headers with its value, and no other one."""
 
 import re
 
@@ -9,23 +8,23 @@ from installation import TREE, defined_limits, value_of
 
 DOCUMENTATION = TREE / "docs/architecture.md"
 
-# Of the daemon, of what it shares with other programs, and of the tools. Every number that a header of these defines is
-# a bound unless it stands here; so is a number of a component's own whose name has one of the words.
+# The source folders of the daemon, of code that it shares with other programs, and of tessardctl. Each number in their
+# headers is a limit except those in NO_BOUNDS; a component's own number is one if its name has one of BOUND_WORDS.
 FOLDERS = ("src", "common", "tools")
 NO_BOUNDS = {"OPTION_VALIDATION_DEFAULT_CHANNEL"}
 OWN_NUMBER = re.compile(r"^constexpr [\w:]+ ([A-Z0-9_]+) = ([\d*+ ]+);", re.MULTILINE)
 BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "THREADS", "TIMEOUT"}
 
-# What a row tells is more by this: a newcomer is taken while at most so many wait.
+# Added to a constant to get the documented number: a new client is accepted while at most that many wait.
 TOLD_MORE = {"SERVER_MAX_WAITING_REQUESTS": 1}
 
-# How a table begins, whatever its first column is about.
+# The head of a table; its first column has any title.
 TABLE = re.compile(r"^\|[^|\n]*\| bound \| where it is named \|\n\|[-|]*\|\n((?:\|.*\|\n)+)", re.MULTILINE)
 NAME = re.compile(r"`([A-Z][A-Z0-9_]+)`")
 
 KIB, MIB = 1024, 1024 * 1024
 
-# In what units times are counted, by the last word of a constant's name.
+# The unit of a time, by the last word of the constant's name.
 MILLISECONDS = {"US": 1 / 1000, "MS": 1, "S": 1000, "SECONDS": 1000}
 
 
@@ -44,7 +43,7 @@ def constants():
 
 
 def rows():
-    """Each row as the text of the bound and the names of its constants."""
+    """Each row as the text of the limit and the names of its constants."""
     tables = TABLE.findall(DOCUMENTATION.read_text(encoding="utf-8"))
     cells = [line.strip("|").split(" | ") for table in tables for line in table.splitlines()]
     assert len(tables) >= 2 and all(len(row) == 3 for row in cells), cells
@@ -55,8 +54,8 @@ CONSTANTS = constants()
 ROWS = rows()
 
 
-def ways_to_tell(name, value):
-    """A constant's value as a row may tell it, each as a regular expression."""
+def notations_of(name, value):
+    """The notations of a constant's value in a row, as regular expressions."""
     milliseconds = MILLISECONDS.get(name.rpartition("_")[2])
     if milliseconds is not None:
         value = round(value * milliseconds)
@@ -73,7 +72,7 @@ def ways_to_tell(name, value):
 def test_bound_is_documented_with_its_value(name, value):
     bounds = [bound for bound, names in ROWS if name in names]
     assert bounds, f"{DOCUMENTATION} does not name {name}"
-    assert any(re.search(way, bound) for way in ways_to_tell(name, value) for bound in bounds), \
+    assert any(re.search(way, bound) for way in notations_of(name, value) for bound in bounds), \
         f"{name} is {value}, not: {bounds}"
 
 
@@ -84,7 +83,7 @@ def test_documented_names_are_those_of_the_headers():
 # The comparison itself
 
 
-@pytest.mark.parametrize("name, value, bound, told", [
+@pytest.mark.parametrize("name, value, bound, matches", [
     ("A_MAX_BYTES", 65536, "65,536 bytes", True),
     ("A_MAX_BYTES", 65536, "64 KiB", True),
     ("A_MAX_BYTES", 65536, "64 MiB", False),
@@ -105,5 +104,5 @@ def test_documented_names_are_those_of_the_headers():
     ("A_TIME_S", 60, "60 s", True),
     ("A_TIME_S", 60, "60 seconds", False),
 ])
-def test_values_are_compared_with_their_units(name, value, bound, told):
-    assert any(re.search(way, bound) for way in ways_to_tell(name, value)) == told
+def test_values_are_compared_with_their_units(name, value, bound, matches):
+    assert any(re.search(way, bound) for way in notations_of(name, value)) == matches

@@ -1,4 +1,4 @@
-"""Many clients, and clients that misbehave: whatever one does, the others are served, and nothing is left behind."""
+"""Many clients, and clients that violate the protocol: all others are served, and no resource leaks."""
 
 import concurrent.futures
 import contextlib
@@ -9,16 +9,16 @@ import time
 import pytest
 
 from client import stuck_client
-from daemon import NOTHING_ASKED
+from daemon import NOTHING_REQUESTED
 from documents import INITIALIZED
 from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
 
 MIB = 1024 * 1024
 
-# How long anybody may have to wait for a first document while others misbehave.
+# The time limit for a first document while other clients violate the protocol.
 OTHERS_SECONDS = 2
 
-# How soon what a client took is free again once it is gone.
+# The time limit for the release of a client's resources after its end.
 FREED_SECONDS = 2
 
 
@@ -36,7 +36,7 @@ def expect_nothing_left(daemon):
 
 @pytest.fixture
 def frugal_daemon(start_daemon):
-    """One that uses freed memory again at once, where the address sanitizer would set it aside for long."""
+    """A daemon that reuses freed memory soon, which AddressSanitizer would keep in quarantine for long."""
     return start_daemon(sanitizer_options="quarantine_size_mb=1")
 
 
@@ -68,11 +68,11 @@ def send_half_a_request(client):
     client.send(b"OPEN\nevent")
 
 
-def ask_for_nothing(client):
-    assert client.ask("") == NOTHING_ASKED
+def request_nothing(client):
+    assert client.request("") == NOTHING_REQUESTED
 
 
-def ask_wrongly(client):
+def send_malformed_request(client):
     client.send(b"wrong\n")
     client.read_to_end()
 
@@ -82,7 +82,7 @@ def leave_before_the_reply(client):
 
 
 def leave_without_reading(client):
-    assert client.ask("event=1\n") == "OK"
+    assert client.request("event=1\n") == "OK"
 
 
 def leave_while_reading(client):
@@ -107,13 +107,13 @@ def send_what_is_no_text(client):
     stream.read_to_end()
 
 
-WAYS_TO_GO = [connect_only, send_half_a_request, ask_for_nothing, ask_wrongly, leave_before_the_reply,
+WAYS_TO_GO = [connect_only, send_half_a_request, request_nothing, send_malformed_request, leave_before_the_reply,
               leave_without_reading, leave_while_reading, leave_after_a_sync, close_the_writing_half,
               send_what_is_no_text]
 
 
 def come_and_go(daemon, count):
-    """So many clients, a few of them at a time, each going in another way."""
+    """Runs `count` clients, a few of them at a time, which end in different ways."""
 
     def visit(go):
         with daemon.client() as client:
@@ -123,10 +123,10 @@ def come_and_go(daemon, count):
         list(clients.map(visit, itertools.islice(itertools.cycle(WAYS_TO_GO), count)))
 
 
-# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+# The number of idle threads that GLib keeps for a time.
 SPARE_THREADS = 8
 
-# What the allocators, above all that of the address sanitizer, do not give back at once.
+# Memory that the allocators, above all AddressSanitizer's, do not release at once.
 RESIDENT_TOLERANCE = 6 * MIB
 
 
@@ -144,14 +144,14 @@ def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
     assert frugal_daemon.log.take() == []
 
 
-# Clients that end at once, nearly as many as one user may have, the limit of descriptors that fits them, and how many
-# answers the daemon gives others between the ends at least.
+# The number of clients that end at once, nearly the limit of one user, the limit of descriptors for them, and the least
+# number of replies to other clients between their ends.
 ENDING = 220
 ENDING_LIMIT = 2048
-ANSWERS_BETWEEN = 5
+REPLIES_BETWEEN = 5
 
 
-def test_clients_that_end_at_once_keep_nobody(start_daemon, control):
+def test_clients_that_end_at_once_delay_no_others(start_daemon, control):
     daemon = start_daemon()
     daemon.limit_descriptors(ENDING_LIMIT)
     with contextlib.ExitStack() as stack:
@@ -162,21 +162,21 @@ def test_clients_that_end_at_once_keep_nobody(start_daemon, control):
         with suspended(daemon.process):
             for client in clients:
                 client.close_writing()
-        answers = 0
+        replies = 0
         deadline = time.monotonic() + BOUND_SECONDS
         while daemon.descriptors() > daemon.idle_descriptors and time.monotonic() < deadline:
             control.objects()
-            answers += 1
+            replies += 1
         for client in clients:
             client.read_to_end()
     expect_nothing_left(daemon)
-    assert answers > ANSWERS_BETWEEN
+    assert replies > REPLIES_BETWEEN
 
 
 # Clients that do not read
 
 
-def test_client_that_does_not_read_keeps_nobody(start_daemon):
+def test_client_that_does_not_read_delays_no_others(start_daemon):
     daemon = start_daemon(speed=100)
     with stuck_client(daemon):
         expect_service(daemon)
@@ -192,7 +192,7 @@ def test_client_that_reads_late_gets_whole_documents(start_daemon):
     with stuck_client(start_daemon(speed=100)) as client:
         stream = client.open_stream()
 
-        # More than what had been waiting.
+        # More than were queued.
         assert len(list(itertools.islice(stream.documents(), 500))) == 500
 
 
@@ -209,17 +209,17 @@ def test_signal_ends_the_daemon_while_clients_do_not_read(start_daemon):
 GDP_HEADER_BYTES = 62
 GDP_LENGTH = slice(6, 10)
 
-# More than a socket holds, so that whoever writes it has to wait for the client.
+# More than a socket holds, so that a write of it waits for the client.
 LARGE_BYTES = 256 * 1024
 
 
-# When the source is held for so long, all that it has to tell then becomes one document that large; after some seconds
-# more it would show the present state instead.
+# After this delay the source sends all pending events in one large document; after a longer delay it would send the
+# current state instead.
 HELD_SECONDS = 7
 
 
 def read_up_to_a_large_packet(client):
-    """Reads whole packets, and of the first large one the header alone."""
+    """Reads whole packets, and only the header of the first large one."""
     deadline = time.monotonic() + BOUND_SECONDS
     while time.monotonic() < deadline:
         header = client.read_exactly(GDP_HEADER_BYTES)
@@ -227,10 +227,10 @@ def read_up_to_a_large_packet(client):
         if length >= LARGE_BYTES:
             return
         client.read_exactly(length)
-    pytest.fail("no large packet came")
+    pytest.fail("no large packet arrived")
 
 
-def test_client_that_stops_reading_within_a_large_document_keeps_nobody(start_daemon):
+def test_client_that_stops_reading_within_a_large_document_delays_no_others(start_daemon):
     daemon = start_daemon(speed=100)
     with stuck_client(daemon, seconds=HELD_SECONDS) as client:
         read_up_to_a_large_packet(client)
@@ -247,22 +247,22 @@ def test_client_that_stops_reading_within_a_large_document_keeps_nobody(start_da
 
 # Clients that send too much
 
-# By how much the daemon's memory may still grow with what a client sends. The client sends much more.
+# The allowed growth of the daemon's memory during a flood; the client sends much more.
 FLOOD_TOLERANCE = 8 * MIB
 
 
 def flood(daemon, client, piece):
-    """Sends many times the piece, which others must not notice, and waits until the daemon has taken all."""
+    """Sends the piece many times, which must not delay others, and waits until the daemon has read all."""
     for _ in range(64):
         client.send(piece)
     expect_service(daemon)
-    wait_until(lambda: client.unsent() == 0, "the daemon has taken all")
+    wait_until(lambda: client.unsent() == 0, "the daemon has read all")
     return daemon.resident_bytes()
 
 
 @pytest.mark.parametrize("piece", [pytest.param(b"x" * MIB, id="endless line"),
                                    pytest.param(b"SYNC\n" * 10000, id="sync points")])
-def test_flood_takes_no_memory_and_keeps_nobody(frugal_daemon, piece):
+def test_flood_takes_no_memory_and_delays_no_others(frugal_daemon, piece):
     with frugal_daemon.client() as client:
         stream = client.start()
         resident = flood(frugal_daemon, client, piece)
@@ -276,7 +276,7 @@ def test_flood_takes_no_memory_and_keeps_nobody(frugal_daemon, piece):
 
 def test_flood_of_sync_points_without_reading(frugal_daemon):
     with frugal_daemon.client() as client:
-        assert client.ask("event=1\n") == "OK"
+        assert client.request("event=1\n") == "OK"
         resident = flood(frugal_daemon, client, b"SYNC\n" * 10000)
 
         assert flood(frugal_daemon, client, b"SYNC\n" * 10000) <= resident + FLOOD_TOLERANCE

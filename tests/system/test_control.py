@@ -1,4 +1,4 @@
-"""The control service on the bus: what it changes, what it keeps, and what becomes of it without a bus."""
+"""The control service on the bus: changes of producers, their storage, and the daemon without a bus."""
 
 import threading
 
@@ -6,7 +6,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import BusClient, error_text
-from daemon import (NAME_ACQUIRED_LINE, NAME_REFUSED_LINES, NO_BUS_LINE, NO_CONNECTION_LINES, NOTHING_ASKED,
+from daemon import (NAME_ACQUIRED_LINE, NAME_REFUSED_LINES, NO_BUS_LINE, NO_CONNECTION_LINES, NOTHING_REQUESTED,
                     RADAR_TRACKER, VIDEO_TRACKER, WARNING, name_taken_lines, producers_enabled, stored_names)
 from fakereceiver import all_connected
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, documented_limit
@@ -20,7 +20,7 @@ NAME_BYTES = documented_limit("producerconfig.h", "PRODUCER_CONFIG_MAX_NAME_BYTE
 
 SCENES = "analytics=1\nvideo_channel=1\n"
 
-# How many calls each of two tools makes.
+# The number of calls of each of two control clients.
 CALLS = 500
 
 
@@ -38,10 +38,10 @@ def daemon(start):
 
 
 def source_of_scenes(daemon):
-    """The name under which a client receives scenes; None when there are none."""
+    """The source of the scenes that a client receives; None without scenes."""
     with daemon.client() as client:
-        reply = client.ask(SCENES)
-        if reply == NOTHING_ASKED:
+        reply = client.request(SCENES)
+        if reply == NOTHING_REQUESTED:
             return None
         assert reply == "OK"
         stream = client.open_stream()
@@ -53,7 +53,7 @@ def source_of_scenes(daemon):
     return None
 
 
-# What it shows and changes
+# Properties and changes
 
 
 def test_built_in_producers_are_listed(daemon, control):
@@ -71,7 +71,7 @@ def test_producers_without_their_plugin_are_not_listed(start_daemon, control):
     assert control.objects() == set()
 
 
-def test_enabling_a_producer_answers_requests_for_it(camera, daemon, control):
+def test_enabled_producer_serves_requests(camera, daemon, control):
     assert source_of_scenes(daemon) is None
 
     control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
@@ -84,7 +84,7 @@ def test_enabling_a_producer_answers_requests_for_it(camera, daemon, control):
     assert source_of_scenes(daemon) is None
 
 
-def test_running_streams_keep_what_they_began_with(camera, daemon, control):
+def test_running_streams_keep_their_producers(camera, daemon, control):
     control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     with daemon.client() as client:
         stream = client.start(SCENES)
@@ -143,7 +143,7 @@ def test_longest_name_is_taken(daemon, control):
     assert stored_names(daemon.producers_conf)[VIDEO_TRACKER, 1] == name
 
 
-def test_longer_name_in_the_file_is_used_and_told(launch, control):
+def test_longer_name_in_the_file_is_used_and_logged(launch, control):
     name = "x" * (NAME_BYTES + 1)
     daemon = launch(plugins=PLUGINS, producers=producers_enabled({(VIDEO_TRACKER, 1): name}))
     daemon.start_lines.insert(1, (WARNING, f"configuration name longer than {NAME_BYTES} bytes in producers.conf: "
@@ -156,7 +156,7 @@ def test_longer_name_in_the_file_is_used_and_told(launch, control):
 # Many calls
 
 
-def test_two_tools_at_once_lose_nothing(bus, daemon, control):
+def test_two_control_clients_at_once_lose_nothing(bus, daemon, control):
     acknowledged = {VIDEO_TRACKER: 0, RADAR_TRACKER: 0}
 
     def switch(producer):
@@ -192,7 +192,7 @@ def test_without_a_bus_clients_are_served(start_daemon, workspace):
 
     with daemon.client() as client:
         client.start().next_document()
-        # The daemon looks for it again and again.
+        # The daemon tries to connect repeatedly.
         assert set(daemon.log.take(2)) == {NO_BUS_LINE}
 
 
@@ -216,7 +216,7 @@ def test_with_the_name_refused_clients_are_served(start_bus, start_daemon):
         client.start().next_document()
 
 
-def test_bus_that_goes_away_ends_no_stream(own_bus, start):
+def test_bus_that_stops_ends_no_stream(own_bus, start):
     with all_connected(own_bus):
         daemon = start(on=own_bus)
     with daemon.client() as client:
@@ -229,7 +229,7 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start):
         stream.next_document()
 
 
-def test_bus_that_comes_back_serves_requests_again(own_bus, start, start_camera):
+def test_restarted_bus_serves_requests_again(own_bus, start, start_camera):
     with all_connected(own_bus):
         daemon = start(on=own_bus)
     control = ControlClient(own_bus)

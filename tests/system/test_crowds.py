@@ -1,4 +1,4 @@
-"""Crowds of clients: those who are slow or silent keep nobody waiting, and those who stream leave room for others."""
+"""Crowds of clients: slow and silent ones do not delay others, and streaming ones leave places for others."""
 
 import contextlib
 import re
@@ -8,7 +8,7 @@ import pytest
 
 from client import header
 from crowd import Crowd
-from daemon import NOTHING_ASKED, WARNING
+from daemon import NOTHING_REQUESTED, WARNING
 from installation import documented_limit, run_by_root
 from promptness import expect_prompt, times
 from waiting import wait_until
@@ -25,20 +25,20 @@ NO_PLACE_LINE = re.compile(rf"{re.escape(NO_PLACE)}( \((?P<more>\d+) more since 
 WARNING_SECONDS = documented_limit("server.h", "SERVER_SHORTAGE_WARNING_INTERVAL_MS") / 1000
 NOT_CREATED = "FAIL\nCould not create metadata, Internal server error."
 
-# Users that need not exist; nobody else is one of them.
+# Ids of users that need not exist and that no other process has.
 STRANGERS = range(61000, 61000 + KEPT_PLACES + 1)
 
 needs_root = pytest.mark.skipif(not run_by_root(), reason="only root can be several users")
 
 
-# Those who say nothing, or not all
+# Silent and slow clients
 
 
 def times_to_ok(daemon):
-    """How long each of some clients waits, one after the other."""
+    """The times until "OK" of several clients, one after the other."""
     def start():
         with daemon.client() as client:
-            assert client.ask("event=1\n") == "OK"
+            assert client.request("event=1\n") == "OK"
 
     return times(start)
 
@@ -55,7 +55,7 @@ WAYS_TO_WAIT = {
 
 
 @pytest.mark.parametrize("way", WAYS_TO_WAIT)
-def test_slow_clients_of_the_same_user_keep_nobody_waiting(daemon, way):
+def test_slow_clients_delay_no_others_of_the_same_user(daemon, way):
     count = 60
     alone = times_to_ok(daemon)
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")
@@ -66,7 +66,7 @@ def test_slow_clients_of_the_same_user_keep_nobody_waiting(daemon, way):
 
 @needs_root
 @pytest.mark.parametrize("way", WAYS_TO_WAIT)
-def test_slow_clients_of_another_user_keep_nobody_waiting(daemon, way):
+def test_slow_clients_of_another_user_delay_no_others(daemon, way):
     count = 100
     alone = times_to_ok(daemon)
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")
@@ -85,11 +85,11 @@ def test_newest_of_a_users_slow_clients_is_dropped(daemon):
                 assert dropped.read_to_end() == b""
         assert daemon.log.take() == [DROPPED] * 3
 
-        # Whoever sends all of it makes room for one.
+        # A complete request makes room for another client.
         last.send(b"\n")
-        assert last.read_reply().decode() == NOTHING_ASKED
+        assert last.read_reply().decode() == NOTHING_REQUESTED
         with daemon.client() as client:
-            assert client.ask("") == NOTHING_ASKED
+            assert client.request("") == NOTHING_REQUESTED
 
 
 @needs_root
@@ -104,16 +104,16 @@ def test_newest_of_all_users_slow_clients_is_dropped(daemon):
 
         first.close()
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + MAX_WAITING - MAX_UNFINISHED,
-                   "those who left are closed")
+                   "the connections of the closed clients are closed")
         with daemon.client() as client:
-            assert client.ask("") == NOTHING_ASKED
+            assert client.request("") == NOTHING_REQUESTED
 
 
-# Those who stream
+# Streaming clients
 
 EVENT_REQUEST = f"OPEN\n{header(event=1)}\n"
 
-# What that many clients of events need, at five each, and the reserve.
+# Enough for that many clients of events, with five each, and the reserve.
 ENOUGH_DESCRIPTORS = 2048
 
 
@@ -123,19 +123,19 @@ def expect_streams(daemon, count):
 
 def expect_refusal(daemon):
     with daemon.client() as client:
-        assert client.ask(header(event=1)) == NOT_CREATED
+        assert client.request(header(event=1)) == NOT_CREATED
         assert client.read_to_end() == b""
 
 
-def refusals_told(daemon):
-    """Of how many refusals the lines tell that nobody took."""
+def logged_refusals(daemon):
+    """The number of refusals in the lines that have not been taken."""
     counts = [NO_PLACE_LINE.fullmatch(text) for priority, text in daemon.log.lines if priority == WARNING]
     return sum(1 + int(match["more"] or 0) for match in counts if match)
 
 
 def expect_few_warnings(daemon, refusals, began):
-    """One line at once; when an interval is over, one line counts the rest."""
-    wait_until(lambda: refusals_told(daemon) == refusals, "all refusals are told")
+    """Expects one line at once, and one line with the count of the others at the end of an interval."""
+    wait_until(lambda: logged_refusals(daemon) == refusals, "all refusals are logged")
     (first, *others) = daemon.log.take()
     assert first == (WARNING, NO_PLACE)
     assert len(others) <= (time.monotonic() - began) / WARNING_SECONDS
@@ -143,17 +143,17 @@ def expect_few_warnings(daemon, refusals, began):
 
 
 def stream_in_all_shared_places(stack, daemon):
-    """Clients of the user who tests; each has its "OK"."""
+    """Opens streams for clients of the testing user, until all shared places are used."""
     daemon.limit_descriptors(ENOUGH_DESCRIPTORS)
     clients = []
     while len(clients) < SHARED_PLACES:
         clients.append(stack.enter_context(daemon.client()))
-        assert clients[-1].ask(header(event=1)) == "OK"
+        assert clients[-1].request(header(event=1)) == "OK"
     expect_streams(daemon, SHARED_PLACES)
     return clients
 
 
-def test_one_user_has_all_places_but_those_that_are_kept(daemon):
+def test_one_user_gets_all_places_but_the_kept_ones(daemon):
     with contextlib.ExitStack() as stack:
         first, *_ = stream_in_all_shared_places(stack, daemon)
         began = time.monotonic()
@@ -169,7 +169,7 @@ def test_one_user_has_all_places_but_those_that_are_kept(daemon):
 
 
 @needs_root
-def test_each_place_that_is_kept_serves_a_user_that_has_none(daemon):
+def test_kept_places_serve_users_without_a_place(daemon):
     with contextlib.ExitStack() as stack:
         stream_in_all_shared_places(stack, daemon)
         for stranger in STRANGERS[:KEPT_PLACES]:
@@ -178,7 +178,7 @@ def test_each_place_that_is_kept_serves_a_user_that_has_none(daemon):
         expect_streams(daemon, PLACES)
         assert daemon.log.take() == []
 
-        # Now there is none left, for whomever.
+        # No place is left for any user.
         began = time.monotonic()
         for user in (None, STRANGERS[0], STRANGERS[-1]):
             with Crowd(daemon, 1, user=user, beginning=EVENT_REQUEST) as refused:

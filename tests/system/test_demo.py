@@ -1,4 +1,4 @@
-"""The demo: its options, what it prints, what it keeps running for other terminals, and that it leaves nothing."""
+"""The demo: its options, its output, its services for other terminals, and its end, which leaves no process or file."""
 
 import contextlib
 import os
@@ -15,7 +15,7 @@ from waiting import wait_until
 
 DEMO = TREE / "demo"
 
-# The demo starts five programs one after the other, and waits 30 s for each.
+# The demo starts five programs in sequence, and waits 30 s for each.
 DEMO_SECONDS = 150
 STREAM_SECONDS = 5
 
@@ -35,7 +35,7 @@ def processes_of(folder):
 
 
 class Demo:
-    """A running demo. Its output goes to files, where a test looks for lines."""
+    """A running demo. Its output goes to files, which the tests read."""
 
     def __init__(self, installation, folder, *args, stdin=subprocess.DEVNULL):
         self.out_path, self.err_path = folder / "out", folder / "err"
@@ -55,7 +55,7 @@ class Demo:
         return self.err_path.read_text(encoding="utf-8")
 
     def wait_for(self, pattern):
-        """Waits until the output has a match of a regular expression, and returns that."""
+        """Waits until the output matches a regular expression, and returns the match."""
 
         def search():
             match = re.search(pattern, self.out, re.MULTILINE)
@@ -68,7 +68,7 @@ class Demo:
         return pathlib.Path(self.wait_for(r"socket (/tmp/tessard\.\w+)/run/metadata$")[1])
 
     def finish(self):
-        """Waits for the end, and makes sure that nothing is left."""
+        """Waits for the end, and expects that no file or process is left."""
         status = self.process.wait(DEMO_SECONDS)
         for folder in re.findall(r"/tmp/tessard\.\w+", self.out):
             assert not pathlib.Path(folder).exists()
@@ -105,7 +105,7 @@ def env_file(tmp_path):
 
 @pytest.fixture
 def serving(start_demo, env_file):
-    """A demo that serves."""
+    """A demo with --serve."""
     demo = start_demo("--serve", "--env", env_file)
     wait_until(lambda: env_file.exists() or demo.process.poll() is not None, "the demo serves", DEMO_SECONDS)
     assert demo.process.poll() is None, demo.err
@@ -113,7 +113,7 @@ def serving(start_demo, env_file):
 
 
 def in_another_terminal(lines, command):
-    """Runs a command behind shell lines, in a shell without any other variable of the demo."""
+    """Runs a command after shell lines, in a shell without other variables of the demo."""
     kept = {name: value for name, value in os.environ.items() if name == "PATH" or name.endswith("SAN_OPTIONS")}
     return subprocess.run(["sh", "-c", f"{lines}\n{command}"], env=kept | {"LC_ALL": "C.UTF-8"},
                           stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=DEMO_SECONDS)
@@ -171,7 +171,7 @@ def test_stream_with_a_producer_of_standard_input(start_demo):
 
 
 class TestServe:
-    def test_environment_file_serves_another_terminal(self, serving, env_file):
+    def test_environment_file_works_in_another_terminal(self, serving, env_file):
         names = [line.split("=")[0] for line in env_file.read_text(encoding="utf-8").splitlines()]
         assert names == [f"export {name}" for name in
                          ("DBUS_SYSTEM_BUS_ADDRESS", "TESSARD_SOCKET", "GST_PLUGIN_PATH", "PATH")]
@@ -185,7 +185,7 @@ class TestServe:
         assert run("tessardctl stream --event --count 1").stdout.count("</tt:MetadataStream>") == 1
         assert run('test -f "$GST_PLUGIN_PATH/libgstonvifeventsrc.so"').returncode == 0
 
-        # What the daemon logs from then on is printed.
+        # Later log lines of the daemon are printed.
         assert run("tessardctl stream --analytics 9").returncode == REFUSED
         serving.wait_for(r"^tessard: Invalid value of 'analytics' parameter: '9'\.$")
         assert "Starting." not in serving.out
@@ -201,7 +201,7 @@ class TestServe:
         assert "PersonDetector" in in_another_terminal(lines, "tessardctl producers").stdout
         assert demo.end_by(signal.SIGTERM) == 143
 
-    def test_daemon_that_ends_is_the_end(self, serving, env_file):
+    def test_demo_ends_with_the_daemon(self, serving, env_file):
         folder = serving.work_folder()
         daemons = [process for process, command in processes_of(folder).items() if command[0].endswith(b"/bin/tessard")]
         assert len(daemons) == 1

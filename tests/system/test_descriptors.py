@@ -1,4 +1,4 @@
-"""Peers on the bus that attach file descriptors to everything that they send to the daemon."""
+"""Peers on the bus that attach file descriptors to all messages to the daemon."""
 
 import contextlib
 import os
@@ -21,15 +21,15 @@ PLUGINS = (*EVENT_PLUGINS, SCENE_PLUGIN, JSON_PLUGIN)
 PEERS = 4
 STORM_SECONDS = 3
 
-# As many as the bus takes in one message.
+# The bus' limit for one message.
 ATTACHED = 16
 
 # Neither the daemon's user nor an administrator, where root tests.
 STRANGER = {"user": "daemon", "group": "daemon", "extra_groups": []} if run_by_root() else {}
 
-# Sends the daemon what it can with descriptors, and tells how many messages that were. The kernel bounds how many
-# descriptors of a user's are under way between processes, and takes it out on everything else that this user has; so
-# the peer waits now and then until what it sent has been read.
+# Sends all kinds of messages with descriptors to the daemon, and prints their number. The kernel limits a user's
+# descriptors in transit, also for the user's other processes, so the peer waits repeatedly until its messages have been
+# read.
 STORM = """\
 import sys, time
 from gi.repository import Gio, GLib
@@ -74,8 +74,8 @@ while time.monotonic() < end:
 print(sent)
 """
 
-# Behind the installed policy: everything may be sent to the daemon, also replies that it did not ask for. The bus keeps
-# so many descriptors for the daemon that it does not have to refuse anybody else's call.
+# Added to the installed policy: all messages to the daemon are allowed, including unrequested replies. The bus queues
+# enough descriptors for the daemon, so that it never refuses calls of other peers.
 OPEN_TO_ALL = """\
   <limit name="max_outgoing_unix_fds">65536</limit>
   <policy context="mandatory">
@@ -98,7 +98,7 @@ def open_bus(start_bus):
 
 @contextlib.contextmanager
 def storm(bus, destination):
-    """Several peers at once; gives their processes."""
+    """Runs several peers at once; yields their processes."""
     command = [sys.executable, "-I", "-c", STORM, bus.address, destination, ROOT, str(STORM_SECONDS), str(ATTACHED)]
     peers = [subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True, cwd="/", **STRANGER)
              for _ in range(PEERS)]
@@ -112,7 +112,7 @@ def storm(bus, destination):
 
 
 def sent_by(peers):
-    """How many messages each has sent, once all are through."""
+    """The number of messages of each peer, after the end of all peers."""
     return [int(peer.communicate(timeout=BOUND_SECONDS)[0]) for peer in peers]
 
 
@@ -126,18 +126,18 @@ def error_of_call_with_descriptor(control):
 
 
 def limit_of(daemon, limit):
-    """A number is the limit itself; None leaves a few more than what the daemon has open."""
+    """Returns `limit`; if that is None, a few more descriptors than the daemon has open."""
     return limit or max(map(int, os.listdir(daemon.proc / "fd"))) + ATTACHED + 4
 
 
-def ask_with_platform(daemon):
-    """Makes a request for which the daemon asks services of the platform."""
+def request_with_platform_calls(daemon):
+    """Makes a request for which the daemon calls services of the platform."""
     with daemon.client() as client:
         client.start(header(event=1, analytics=2, video_channel=1)).next_document()
 
 
 def endure(daemon, bus, destination, limit):
-    """Has a client and a control served while the storm lasts, and sees that it leaves nothing."""
+    """Expects that a client and a control client are served during the storm, and that no descriptor leaks."""
     control = ControlClient(bus)
     with daemon.client() as client:
         stream = client.start()
@@ -150,7 +150,7 @@ def endure(daemon, bus, destination, limit):
                 client.sync()
                 stream.next_document()
                 if limit:
-                    ask_with_platform(daemon)
+                    request_with_platform_calls(daemon)
                 served += 1
             assert min(sent_by(peers)) > 0
         assert served > 0
@@ -162,7 +162,7 @@ def endure(daemon, bus, destination, limit):
 
 
 @pytest.mark.parametrize("destination, limit", [("name", 512), ("unique name", None)])
-def test_storm_that_the_bus_lets_through(open_bus, start_camera, start_daemon, destination, limit):
+def test_storm_that_the_bus_delivers(open_bus, start_camera, start_daemon, destination, limit):
     start_camera(on=open_bus)
     daemon = start_daemon(on=open_bus, plugins=PLUGINS)
     began = time.monotonic()
@@ -178,12 +178,12 @@ def test_storm_that_the_bus_lets_through(open_bus, start_camera, start_daemon, d
 
 
 @pytest.mark.parametrize("destination, limit", [("name", 512), ("unique name", None)])
-def test_storm_that_the_policy_stops(own_bus, start_camera, start_daemon, destination, limit):
+def test_storm_that_the_policy_refuses(own_bus, start_camera, start_daemon, destination, limit):
     start_camera(on=own_bus)
     daemon = start_daemon(on=own_bus, plugins=PLUGINS)
     control = endure(daemon, own_bus, destination, limit)
 
     assert error_of_call_with_descriptor(control) == "org.freedesktop.DBus.Error.AccessDenied"
     control.close()
-    # Of what had come through, the daemon would have logged that it refused it.
+    # The daemon would log that it refused delivered messages.
     assert daemon.log.take() == []

@@ -1,5 +1,5 @@
-"""Requests for what external producers tell: who is asked for it, under which name it comes, and what there is when
-nobody tells anything."""
+"""Requests for the metadata of external producers: the selected producers, the sources of their frames, and streams
+without any."""
 
 import datetime
 import itertools
@@ -7,10 +7,10 @@ import itertools
 import pytest
 
 from client import header
-from daemon import NOTHING_ASKED, VIDEO_TRACKER, WARNING, producers_enabled
+from daemon import NOTHING_REQUESTED, VIDEO_TRACKER, WARNING, producers_enabled
 from documents import EVENTS
 from external import (ANALYTICS, COUNTER, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, YARD,
-                      expect_converter_warning, expect_told, numbered, wait_until_listed)
+                      expect_converter_warning, expect_frames, numbered, wait_until_listed)
 from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS, documented_limit
 from refusals import WRONG_ANALYTICS, WRONG_CHANNELS, expect_refused
 from simcamera import CAPTURE, SCENES
@@ -24,52 +24,52 @@ POLYGON = ('{"Objects":[{"Id":1,"BoundingBox":{"Left":-0.5,"Top":0.5,"Right":0.5
            '"Polygon":[[-0.5,0.5],[0.5,0.5],[0,-0.5]]}]}')
 
 
-def expect_nothing(daemon, **wishes):
+def expect_nothing(daemon, **fields):
     with daemon.client() as client:
-        assert client.ask(header(**wishes)) == NOTHING_ASKED
+        assert client.request(header(**fields)) == NOTHING_REQUESTED
 
 
 def expect_idle(daemon):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
 
 
-def source_of(daemon, producer, number, **wishes):
-    """Under which name a new client receives what the producer tells it."""
+def source_of(daemon, producer, number, **fields):
+    """The source of the producer's frames in the stream of a new client."""
     streams = len(producer.streams)
     with daemon.client() as client:
-        stream = client.start(header(**{"analytics": 1} | wishes))
+        stream = client.start(header(**{"analytics": 1} | fields))
         producer.wait_for_stream(streams + 1).send(numbered(number))
         for frame in stream.frames():
             if frame.deleted == [str(number)]:
                 return frame.source
 
 
-# How a stream begins
+# The beginning of a stream
 
 
 def test_first_document_only_opens_the_stream(receiver, start_listing_daemon):
     receiver.add(DETECTOR)
     daemon = start_listing_daemon()
-    asked = datetime.datetime.now(datetime.timezone.utc)
+    requested = datetime.datetime.now(datetime.timezone.utc)
     with daemon.client() as client:
         document = client.start(ANALYTICS).next_document()
 
     (frame,) = document.frames
     assert (frame.source, frame.objects, frame.deleted) == (None, {}, [])
-    assert frame.time >= asked - datetime.timedelta(seconds=1)
+    assert frame.time >= requested - datetime.timedelta(seconds=1)
     expect_idle(daemon)
 
 
-def test_every_frame_has_the_name_under_which_its_producer_is_enabled(receiver, start_listing_daemon):
+def test_every_frame_has_the_configuration_name_of_its_producer(receiver, start_listing_daemon):
     detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
     daemon = start_listing_daemon()
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         for number in range(5):
             detector.wait_for_stream().send(numbered(number))
-            expect_told(stream, (GATE, number))
+            expect_frames(stream, (GATE, number))
             counter.wait_for_stream().send(numbered(number, -number))
-            expect_told(stream, (YARD, number, -number))
+            expect_frames(stream, (YARD, number, -number))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
@@ -86,11 +86,11 @@ def test_message_of_several_items_is_one_document(receiver, start_listing_daemon
     assert [(frame.source, frame.deleted) for frame in frames] == [(GATE, ["1"]), (GATE, ["2"]), (GATE, ["3"])]
 
 
-@pytest.mark.parametrize("wishes, polygons", [(ANALYTICS, False), (WITH_POLYGONS, True)])
-def test_polygons_come_when_asked_for(receiver, start_listing_daemon, wishes, polygons):
+@pytest.mark.parametrize("fields, polygons", [(ANALYTICS, False), (WITH_POLYGONS, True)])
+def test_polygons_are_sent_on_request(receiver, start_listing_daemon, fields, polygons):
     detector = receiver.add(DETECTOR)
     with start_listing_daemon().client() as client:
-        stream = client.start(wishes)
+        stream = client.start(fields)
         stream.next_document()
         detector.wait_for_stream().send(POLYGON)
         (frame,) = stream.next_document().frames
@@ -99,20 +99,20 @@ def test_polygons_come_when_asked_for(receiver, start_listing_daemon, wishes, po
     assert frame.objects["1"].polygon == ([(-0.5, 0.5), (0.5, 0.5), (0, -0.5)] if polygons else None)
 
 
-def test_sync_point_leaves_the_stream_as_it_is(receiver, start_listing_daemon):
+def test_sync_point_does_not_change_the_stream(receiver, start_listing_daemon):
     detector = receiver.add(DETECTOR)
     with start_listing_daemon().client() as client:
         stream = client.start(ANALYTICS)
         for number in range(3):
             client.sync()
             detector.wait_for_stream().send(numbered(number))
-            expect_told(stream, (GATE, number))
+            expect_frames(stream, (GATE, number))
 
 
 # Channels and names
 
 
-def test_channel_is_the_first_unless_asked_for(receiver, start_listing_daemon):
+def test_default_channel_is_the_first(receiver, start_listing_daemon):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): "one", (DETECTOR, 2): "two"}))
 
@@ -122,18 +122,18 @@ def test_channel_is_the_first_unless_asked_for(receiver, start_listing_daemon):
     assert [stream.channel for stream in detector.streams] == [1, 1, 2]
 
 
-@pytest.mark.parametrize("wishes", [{"analytics": 1, "video_channel": 2}, {"analytics": 1, "video_channel": 0},
+@pytest.mark.parametrize("fields", [{"analytics": 1, "video_channel": 2}, {"analytics": 1, "video_channel": 0},
                                     {"analytics": 2, "video_channel": 2147483646}, {"analytics": 0}, {}])
-def test_channel_that_is_not_enabled_brings_nothing(receiver, start_listing_daemon, wishes):
+def test_disabled_channel_yields_no_metadata(receiver, start_listing_daemon, fields):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon()
 
-    expect_nothing(daemon, **wishes)
+    expect_nothing(daemon, **fields)
     expect_idle(daemon)
     assert detector.streams == []
 
 
-def test_channel_that_the_producer_does_not_support_brings_nothing(receiver, start_listing_daemon):
+def test_unsupported_channel_yields_no_metadata(receiver, start_listing_daemon):
     detector = receiver.add(DETECTOR, channels=(2,))
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): "one", (DETECTOR, 2): "two"}))
 
@@ -141,7 +141,7 @@ def test_channel_that_the_producer_does_not_support_brings_nothing(receiver, sta
     assert source_of(daemon, detector, 1, video_channel=2) == "two"
 
 
-def test_channel_that_is_not_enabled_leaves_the_events(receiver, start_listing_daemon):
+def test_disabled_channel_does_not_affect_events(receiver, start_listing_daemon):
     receiver.add(DETECTOR)
     daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS), speed=100)
     with daemon.client() as client:
@@ -150,7 +150,7 @@ def test_channel_that_is_not_enabled_leaves_the_events(receiver, start_listing_d
         assert {document.kind for document in itertools.islice(documents, 10)} == {EVENTS}
 
 
-def test_producer_that_is_not_there_brings_nothing(start_daemon):
+def test_missing_producer_yields_no_metadata(start_daemon):
     expect_nothing(start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED), analytics=1)
 
 
@@ -168,13 +168,13 @@ def test_source_is_the_configuration_name(receiver, start_listing_daemon, name):
     assert source_of(daemon, detector, 1) == name
 
 
-# The name goes into the frame as it is.
+# The name is not escaped in the frame; docs/compatibility.md, "unescaped names".
 @pytest.mark.parametrize("name", [
     'the "gate"',
     "back\\slash",
     '","Data":{"Item":[{"Deleted":[666]}]},"Source":"another',
 ])
-def test_name_that_breaks_its_own_frames_costs_nobody_else(receiver, start_listing_daemon, name):
+def test_name_that_makes_frames_malformed_affects_its_producer_alone(receiver, start_listing_daemon, name):
     detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): name, (COUNTER, 1): YARD}))
     with daemon.client() as client:
@@ -182,13 +182,13 @@ def test_name_that_breaks_its_own_frames_costs_nobody_else(receiver, start_listi
         for number in range(10):
             detector.wait_for_stream().send(numbered(number))
             counter.wait_for_stream().send(numbered(number))
-            expect_told(stream, (YARD, number))
+            expect_frames(stream, (YARD, number))
 
     expect_idle(daemon)
     expect_converter_warning(daemon)
 
 
-# Switching producers on the bus
+# Enabling and disabling on the bus
 
 
 def test_enabled_renamed_and_disabled_while_clients_stream(receiver, control, start_listing_daemon):
@@ -201,21 +201,21 @@ def test_enabled_renamed_and_disabled_while_clients_stream(receiver, control, st
         stream = client.start(ANALYTICS)
         first = detector.wait_for_stream()
         first.send(numbered(1))
-        expect_told(stream, ("first", 1))
+        expect_frames(stream, ("first", 1))
 
         control.set_channels(DETECTOR, (1, True, "second"))
         assert source_of(daemon, detector, 2) == "second"
         control.set_channels(DETECTOR, (1, False, ""))
         expect_nothing(daemon, analytics=1)
 
-        # What streams keeps what it had.
+        # A running stream keeps its producers and names.
         first.send(numbered(3))
-        expect_told(stream, ("first", 3))
+        expect_frames(stream, ("first", 3))
 
     expect_idle(daemon)
 
 
-def test_enabled_producer_does_not_join_what_streams(receiver, control, start_listing_daemon):
+def test_newly_enabled_producer_does_not_join_running_streams(receiver, control, start_listing_daemon):
     detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
     daemon = start_listing_daemon(producers=DETECTOR_ENABLED)
     with daemon.client() as client:
@@ -224,14 +224,14 @@ def test_enabled_producer_does_not_join_what_streams(receiver, control, start_li
         assert source_of(daemon, counter, 1) == YARD
 
         detector.wait_for_stream().send(numbered(2))
-        expect_told(stream, (GATE, 2))
+        expect_frames(stream, (GATE, 2))
         assert len(counter.streams) == 1
 
 
 # Built-in producers
 
 
-def test_built_in_producer_does_not_count(start_camera, receiver, control, start_daemon):
+def test_built_in_producer_has_no_external_stream(start_camera, receiver, control, start_daemon):
     start_camera("--services", f"{CAPTURE},{SCENES}")
     detector = receiver.add(DETECTOR)
     daemon = start_daemon(plugins=(SCENE_PLUGIN, *EXTERNAL_PLUGINS), world_seconds=4, speed=4,
@@ -240,7 +240,7 @@ def test_built_in_producer_does_not_count(start_camera, receiver, control, start
     with daemon.client() as client:
         documents = itertools.islice(client.start(ANALYTICS).documents(), 10)
 
-        # Not even one without a source, which would open the external producers' part.
+        # Also no first frame of external producers, which has no source.
         assert [[frame.source for frame in document.frames] for document in documents] == [["video"]] * 10
     assert detector.streams == []
 
@@ -248,14 +248,14 @@ def test_built_in_producer_does_not_count(start_camera, receiver, control, start
 # Without the converter
 
 
-@pytest.mark.parametrize("wishes", [{"analytics": 1}, {"analytics": 2, "video_channel": 2},
+@pytest.mark.parametrize("fields", [{"analytics": 1}, {"analytics": 2, "video_channel": 2},
                                     {"event": 1, "ptz": 1, "analytics": 1}])
-def test_without_the_converter_there_are_no_analytics(start_daemon, start_camera, wishes):
+def test_without_the_converter_there_are_no_analytics(start_daemon, start_camera, fields):
     start_camera()
     daemon = start_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != JSON_PLUGIN], coordinator_line=None,
                           producers=producers_enabled({(VIDEO_TRACKER, 1): "video"}))
 
-    expect_refused(daemon, wishes, NO_CONVERTER)
+    expect_refused(daemon, fields, NO_CONVERTER)
     with daemon.client() as client:
         assert client.start(header(event=1)).next_document().kind == EVENTS
 
@@ -280,7 +280,7 @@ def test_wrong_values_are_refused(receiver, start_listing_daemon, key, value, te
     assert detector.streams == []
 
 
-def test_wrong_channel_is_not_looked_at_unless_asked_for(receiver, start_listing_daemon):
+def test_wrong_channel_is_ignored_without_analytics(receiver, start_listing_daemon):
     receiver.add(DETECTOR)
     daemon = start_listing_daemon()
 

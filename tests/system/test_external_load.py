@@ -1,5 +1,4 @@
-"""External producers with much to say to several clients, and clients that leave while their streams are still to
-come."""
+"""External producers with many messages to several clients, and clients that leave before their streams arrive."""
 
 import concurrent.futures
 import itertools
@@ -13,7 +12,7 @@ import pytest
 from gi.repository import GLib
 
 from client import header
-from daemon import NOTHING_ASKED, producers_enabled
+from daemon import NOTHING_REQUESTED, producers_enabled
 from documents import Document
 from external import ANALYTICS, COUNTER, DETECTOR, NUMBER, SOURCE, numbered
 from fakereceiver import message
@@ -21,27 +20,26 @@ from installation import SANITIZED
 from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
 
-# Whoever sees something odd once sees it again.
+# A fixed seed, so that a failure can be repeated.
 SEED = 2407
 
-# How many messages each producer sends to each client. One in so many has any length up to the longest, the others are
-# short; within that, each order of magnitude is as frequent as the next.
-# A daemon with a sanitizer takes many times as long for each number.
+# The number of messages of each producer to each client. One in ONE_IN_LONG has any length up to the longest, the
+# others are short; lengths are distributed logarithmically. A daemon with a sanitizer is many times slower.
 MESSAGES = 1_000 if SANITIZED else 10_000
 ONE_IN_LONG = 100 if SANITIZED else 10
 SHORTEST_BYTES, SHORT_BYTES, LONGEST_BYTES = 10, 2_000, 200_000
 
-# What json2xml takes in one item.
+# json2xml's limit of ids in one item.
 MAX_IDS = 1024
 
-# Every so many documents one is checked in every way.
+# One document in this many is parsed and validated.
 CHECKED = 200
 
-# How long all of them may take. An instrumented daemon needs a good part of it for what one client has waiting, and
-# until then takes nothing more for that client.
+# The time limit for all messages. An instrumented daemon needs much of it to convert the queue of one client, and reads
+# nothing more for that client meanwhile.
 LOAD_SECONDS = 300
 
-# Who is enabled on each channel, and on which channel each client is.
+# The enabled producers of each channel, and the channel of each client.
 NAMES = {DETECTOR: "the gate's", COUNTER: "the yard's"}
 CHANNELS = {1: (DETECTOR, COUNTER), 2: (DETECTOR,), 3: (COUNTER,)}
 CLIENT_CHANNELS = (1, 1, 2, 2, 3)
@@ -52,13 +50,13 @@ RACES = 500
 AT_ONCE = 4
 LATEST_MILLISECONDS = 30
 
-# How many may still be without their stream when another begins: the bus lets a daemon wait for 128 answers.
+# The number of clients that may wait for their streams when another one begins: the bus allows 128 pending replies.
 MAX_PENDING = 64
 
-# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+# The number of idle threads that GLib keeps for a time.
 SPARE_THREADS = 8
 
-# What the allocators do not give back at once.
+# Memory that the allocators do not release at once.
 RESIDENT_GROWTH = 1.5
 
 
@@ -68,15 +66,14 @@ def random_size(chance):
 
 
 def ids_of_message(number, count):
-    """Numbers that no other message has, of the same length each, but the first one may be short."""
+    """Numbers that no other message has. All but the first one have the same length."""
     return [number, *range(10**15 + number * 10**5, 10**15 + number * 10**5 + count - 1)]
 
 
 def make_payload(number, size):
-    """A message of exactly this size and the numbers in it. One that is too short for its number is without any, and is
-    known by its place."""
+    """A message of exactly this size, and the numbers in it. A message that is too short for its number has none."""
     filler = len(f",{10**15}")
-    # A little less than what fits, for each item has some bytes of its own.
+    # A little less than fits, because each item has some bytes besides its numbers.
     ids = ids_of_message(number, max(1, size * 9 // 10 // filler))
     items = [numbered(*ids[start:start + MAX_IDS]) for start in range(0, len(ids), MAX_IDS)]
     text = ",".join(items)
@@ -86,7 +83,7 @@ def make_payload(number, size):
 
 
 class Script:
-    """What one producer says to everybody: its bytes, and the numbers of each message as they arrive."""
+    """The messages of one producer to each client: their bytes, and the numbers of each message as they arrive."""
 
     def __init__(self, seed):
         chance = random.Random(seed)
@@ -97,8 +94,8 @@ class Script:
         self.expected = [[str(number).encode() for number in ids] for _, ids in payloads]
 
 
-def speak_at_once(producer, script, writers):
-    """Has the producer say everything on each stream as soon as it is asked for it."""
+def send_at_once(producer, script, writers):
+    """Makes the producer send all messages on each stream as soon as the stream is requested."""
 
     def give(call):
         producer.give_stream(call)
@@ -109,7 +106,7 @@ def speak_at_once(producer, script, writers):
 
 
 def receive_all(daemon, channel, scripts):
-    """Receives everything of the producers of a channel, each in its order and nothing else."""
+    """Receives all messages of a channel's producers, in the order of each producer and without others."""
     left = {NAMES[producer].encode(): iter(scripts[producer].expected) for producer in CHANNELS[channel]}
     missing = MESSAGES * len(left)
     with daemon.client() as client:
@@ -143,8 +140,8 @@ def test_each_client_gets_all_of_its_channel_in_order(detector, counter, start_l
     counter.use_sockets()
     scripts = {DETECTOR: Script(SEED), COUNTER: Script(SEED + 1)}
     writers = []
-    speak_at_once(detector, scripts[DETECTOR], writers)
-    speak_at_once(counter, scripts[COUNTER], writers)
+    send_at_once(detector, scripts[DETECTOR], writers)
+    send_at_once(counter, scripts[COUNTER], writers)
     daemon = start_listing_daemon(producers=ENABLED, sanitizer_options="quarantine_size_mb=16")
 
     with concurrent.futures.ThreadPoolExecutor(len(CLIENT_CHANNELS)) as clients:
@@ -159,26 +156,26 @@ def test_each_client_gets_all_of_its_channel_in_order(detector, counter, start_l
 
 
 class LateStreams:
-    """Has a producer give its streams some time after they were asked for, each with messages already in it."""
+    """Makes a producer send its streams some time after their requests, each with messages already in it."""
 
     def __init__(self, producer, context):
         self.chance = random.Random(SEED)
         self.context = context
-        self.asked = 0
-        self.given = 0
+        self.requested = 0
+        self.sent = 0
         self.kept = []
-        producer.on_stream = self.answer
+        producer.on_stream = self.reply_later
 
     def pending(self):
-        return self.asked - self.given
+        return self.requested - self.sent
 
-    def answer(self, call):
-        self.asked += 1
+    def reply_later(self, call):
+        self.requested += 1
         timer = GLib.timeout_source_new(self.chance.randrange(LATEST_MILLISECONDS))
-        timer.set_callback(lambda _: self.give(call))
+        timer.set_callback(lambda _: self.reply(call))
         timer.attach(self.context)
 
-    def give(self, call):
+    def reply(self, call):
         read_fd, write_fd = os.pipe()
         os.write(write_fd, message(numbered(1)) * 10 + LENGTH.pack(100))
         call.reply(GLib.Variant("(h)", (0,)), [read_fd])
@@ -187,7 +184,7 @@ class LateStreams:
             os.close(write_fd)
         else:
             self.kept.append(write_fd)
-        self.given += 1
+        self.sent += 1
         return False
 
     def close(self):
@@ -196,18 +193,18 @@ class LateStreams:
 
 
 def leave_somewhere(daemon, late_streams, number):
-    """Asks for a stream, and leaves at any moment."""
-    wait_until(lambda: late_streams.pending() < MAX_PENDING, "earlier streams have been given")
+    """Requests a stream, and leaves at a random time."""
+    wait_until(lambda: late_streams.pending() < MAX_PENDING, "earlier streams have been sent")
     chance = random.Random(number)
     with daemon.client() as client:
-        client.request(ANALYTICS)
+        client.send_request(ANALYTICS)
         for _ in range(chance.randrange(4)):
             select.select([client.socket], [], [], chance.randrange(LATEST_MILLISECONDS) / 1000)
-            if client.is_answered():
+            if client.has_input():
                 client.read_exactly(1)
-    # A request whose client has gone waits for its turn all the same, and only so many may wait.
+    # The request of a client that has left still waits for its turn, and the number of waiting requests is limited.
     with daemon.client() as client:
-        assert client.ask("") == NOTHING_ASKED
+        assert client.request("") == NOTHING_REQUESTED
 
 
 def run_races(daemon, late_streams, numbers):
@@ -215,18 +212,18 @@ def run_races(daemon, late_streams, numbers):
         list(clients.map(lambda number: leave_somewhere(daemon, late_streams, number), numbers, timeout=LOAD_SECONDS))
 
 
-def test_clients_that_leave_before_their_streams_come_leave_nothing_behind(receiver, detector, start_listing_daemon):
+def test_clients_that_leave_before_their_streams_arrive_leak_nothing(receiver, detector, start_listing_daemon):
     late_streams = LateStreams(detector, receiver.context)
     daemon = start_listing_daemon(sanitizer_options="quarantine_size_mb=1")
     threads = daemon.threads()
     run_races(daemon, late_streams, range(RACES // 5))
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first clients' descriptors are closed")
-    resident = wait_until_settled(daemon.resident_bytes, "the memory that is always used is in use")
+    resident = wait_until_settled(daemon.resident_bytes, "the memory that stays in use has been allocated")
 
     run_races(daemon, late_streams, range(RACES // 5, RACES))
-    wait_until(lambda: late_streams.pending() == 0, "every stream that was asked for has been given")
-    # Nothing is asked for a client that has gone before its turn.
-    assert RACES // 10 < late_streams.given <= RACES
+    wait_until(lambda: late_streams.pending() == 0, "every requested stream has been sent")
+    # No stream is requested for a client that left before its turn.
+    assert RACES // 10 < late_streams.sent <= RACES
 
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
     wait_until(lambda: daemon.threads() <= threads + SPARE_THREADS, "their threads have ended")

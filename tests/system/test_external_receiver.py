@@ -1,5 +1,4 @@
-"""Which external producers there are: what the metadata receiver announces, how wrongly it may, and what becomes of
-them when it goes."""
+"""The list of external producers: correct and wrong announcements of the metadata receiver, and its absence."""
 
 import signal
 import time
@@ -9,12 +8,12 @@ from gi.repository import GLib
 from lxml import etree
 
 from busclient import PROPERTIES
-from daemon import (BUS_LINES, LOG_BURST, NO_CONNECTION_LINES, NOTHING_ASKED, VIDEO_TRACKER, WARNING, clipped,
+from daemon import (BUS_LINES, LOG_BURST, NO_CONNECTION_LINES, NOTHING_REQUESTED, VIDEO_TRACKER, WARNING, clipped,
                     with_count)
 from documents import NAMESPACES
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE,
-                      WRONG_SIGNAL, YARD, expect_alive, expect_told, left_out, not_converted, numbered, told,
-                      wait_until_listed)
+                      WRONG_SIGNAL, YARD, expect_alive, expect_frames, left_out, not_converted, numbered,
+                      producer_frames, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, SCENE_PLUGIN, documented_limit
 from overdue import PATIENCE_SECONDS
@@ -29,14 +28,14 @@ MAX_NICE_NAME_BYTES = documented_limit("producerproperties.h", "PRODUCER_PROPERT
 MAX_CHANNELS = documented_limit("producerproperties.h", "PRODUCER_PROPERTIES_MAX_CHANNELS")
 MAX_SAMPLE_BYTES = documented_limit("dbusclient.h", "DBUS_CLIENT_MAX_SAMPLE_FRAME_BYTES")
 
-# How many are announced beyond those that are listed, and how many of these go.
+# The number of producers beyond the limit, and of listed ones that are removed.
 TOO_MANY, GOING = 24, 90
 
-# How long a conversion may take, and an answer with the sample frame.
+# The time limits of a conversion, and of the reply with a sample frame.
 CONVERSION_SECONDS = documented_limit("sampleframe.h", "SAMPLE_FRAME_TIMEOUT_MS") / 1000
 ANSWER_SECONDS = 10
 
-# How long anybody may wait for the daemon while it waits for somebody else.
+# The time limit of a reply while the daemon waits for a service.
 PROMPT_SECONDS = 2
 
 NOT_FETCHED = (WARNING, "failed to fetch sample frame")
@@ -63,36 +62,36 @@ def reply_with(producer, body):
     producer.on_sample = lambda call: call.reply(body)
 
 
-def expect_answers_while(daemon, condition):
-    """Asks the daemon again and again, and each time it has to answer at once, until the condition holds."""
+def expect_replies_while(daemon, condition):
+    """Sends requests, each of which must get a prompt reply, until the condition holds."""
     while not condition():
-        asked = time.monotonic()
+        requested = time.monotonic()
         with daemon.client() as client:
-            assert client.ask("") == NOTHING_ASKED
-        assert time.monotonic() - asked < PROMPT_SECONDS
+            assert client.request("") == NOTHING_REQUESTED
+        assert time.monotonic() - requested < PROMPT_SECONDS
 
 
 @pytest.fixture
 def daemon(start_listing_daemon):
-    """One that knows no external producer yet."""
+    """A daemon without an external producer."""
     return start_listing_daemon()
 
 
-# First of all, for it takes long
+# The first test, because its receiver takes long
 
 
-def test_silent_receiver_delays_nobody(overdue_receiver):
+def test_silent_receiver_delays_no_client(overdue_receiver):
     with overdue_receiver.daemon.client() as client:
-        assert client.ask(ANALYTICS) == NOTHING_ASKED
-    assert time.monotonic() - overdue_receiver.began < PATIENCE_SECONDS, "the receiver is asked for the first time"
+        assert client.request(ANALYTICS) == NOTHING_REQUESTED
+    assert time.monotonic() - overdue_receiver.began < PATIENCE_SECONDS, "the receiver is called for the first time"
     assert overdue_receiver.is_silent()
 
 
-# What is listed
+# Listed producers
 
 
 @pytest.mark.parametrize("first", ["daemon", "receiver"])
-def test_producers_are_listed_whoever_is_first(receiver, start_daemon, control, first):
+def test_producers_are_listed_in_either_order_of_start(receiver, start_daemon, control, first):
     def announce():
         receiver.add(DETECTOR, channels=(3, 1, 2))
         receiver.add(COUNTER, channels=())
@@ -123,7 +122,7 @@ def test_sample_frame_is_converted(receiver, daemon, control):
     assert frame.xpath("string(.//tt:Class/tt:Type)", namespaces=NAMESPACES) == "Human"
 
 
-def test_producer_that_goes_is_listed_no_more(receiver, daemon, control):
+def test_removed_producer_is_not_listed(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
@@ -133,20 +132,20 @@ def test_producer_that_goes_is_listed_no_more(receiver, daemon, control):
 
         receiver.remove(detector)
         wait_until_listed(control, COUNTER)
-        # What streams goes on.
+        # A running stream continues.
         running.send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
 
         receiver.announce(detector)
         wait_until_listed(control, DETECTOR, COUNTER)
         with daemon.client() as second:
             other = second.start(ANALYTICS)
             detector.wait_for_stream(2).send(numbered(2))
-            expect_told(other, (GATE, 2))
+            expect_frames(other, (GATE, 2))
     assert daemon.log.take() == []
 
 
-def test_producers_that_come_and_go_leave_nothing_behind(receiver, daemon, control):
+def test_added_and_removed_producers_leak_nothing(receiver, daemon, control):
     for _ in range(50):
         detector, counter = receiver.add(DETECTOR), receiver.add(COUNTER)
         receiver.remove(detector)
@@ -159,7 +158,7 @@ def test_producers_that_come_and_go_leave_nothing_behind(receiver, daemon, contr
 
 
 def test_producers_are_limited_in_number(receiver, daemon, control):
-    # One after the other, none of which is ever listed.
+    # In sequence; none of them is ever listed.
     hopeless = Producer("odd")
     fail_with(hopeless, "no")
     for _ in range(3):
@@ -177,7 +176,7 @@ def test_producers_are_limited_in_number(receiver, daemon, control):
     wait_until_listed(control, "last", *(producer.name for producer in listed))
 
 
-# Names that are taken
+# Names in use
 
 
 def test_producer_named_like_a_built_in_one_is_refused(receiver, start_daemon, control):
@@ -207,7 +206,7 @@ def test_second_object_of_the_same_name_is_refused(receiver, daemon, control):
     wait_until_listed(control, COUNTER)
 
 
-def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon, control):
+def test_producer_that_takes_the_name_of_another_is_removed_alone(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
@@ -219,7 +218,7 @@ def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon
     wait_until_listed(control, COUNTER)
 
 
-# What is announced wrongly
+# Wrong announcements
 
 
 @pytest.mark.parametrize("name, value, reason", [
@@ -242,7 +241,7 @@ def test_producer_that_calls_itself_by_anothers_name_goes_alone(receiver, daemon
     pytest.param("SupportedChannels", GLib.Variant("au", range(1, MAX_CHANNELS + 2)), "it supports too many channels",
                  id="many channels"),
 ])
-def test_wrong_property_costs_its_object_alone(receiver, daemon, control, name, value, reason):
+def test_wrong_property_affects_its_object_alone(receiver, daemon, control, name, value, reason):
     odd = Producer("odd")
     if value is None:
         del odd.properties[name]
@@ -270,7 +269,7 @@ def test_longest_names_are_listed(receiver, daemon, control):
     assert len(control.channels(name)) == MAX_CHANNELS
 
 
-def test_object_without_the_interface_costs_itself_alone(receiver, daemon, control):
+def test_object_without_the_interface_is_left_out(receiver, daemon, control):
     other = Producer("other")
     other.interfaces = {"com.quon.MetadataReceiver1.Consumer": other.properties}
     receiver.announce(other)
@@ -283,7 +282,7 @@ def test_object_without_the_interface_costs_itself_alone(receiver, daemon, contr
     wait_until_listed(control, DETECTOR, COUNTER)
 
 
-def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_again(receiver, daemon, control):
+def test_object_that_loses_its_interface_is_no_producer_until_it_gets_it_again(receiver, daemon, control):
     detector = Producer(DETECTOR)
     detector.interfaces = {PRODUCER: detector.properties, "com.quon.MetadataReceiver1.Consumer": {}}
     receiver.announce(detector)
@@ -295,7 +294,7 @@ def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_aga
         receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (detector.path, [PRODUCER])))
         wait_until_listed(control)
         running.send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
 
     receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                   GLib.Variant("(oa{sa{sv}})", (detector.path, {PRODUCER: detector.properties})))
@@ -303,7 +302,7 @@ def test_object_that_loses_only_its_interface_is_no_producer_until_it_has_it_aga
     assert daemon.log.take() == []
 
 
-def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, daemon, control):
+def test_object_that_loses_its_interface_releases_its_place(receiver, daemon, control):
     listed = [Producer(f"listed{number}") for number in range(MAX_PRODUCERS)]
     for producer in listed:
         producer.interfaces = {PRODUCER: producer.properties, "com.quon.MetadataReceiver1.Consumer": {}}
@@ -316,7 +315,7 @@ def test_object_that_loses_only_its_interface_gives_its_place_back(receiver, dae
     wait_until_listed(control, "last", *(producer.name for producer in listed))
 
 
-def test_producers_that_were_too_many_are_listed_when_others_go(receiver, daemon, control):
+def test_producers_beyond_the_limit_are_listed_when_others_are_removed(receiver, daemon, control):
     producers = [receiver.add(f"producer{number}") for number in range(MAX_PRODUCERS + TOO_MANY)]
     lines = [left_out(producer, "there are too many") for producer in producers[MAX_PRODUCERS:]]
     lines[LOG_BURST:] = [with_count(lines[-1], TOO_MANY - LOG_BURST - 1)]
@@ -329,7 +328,7 @@ def test_producers_that_were_too_many_are_listed_when_others_go(receiver, daemon
     assert daemon.log.take() == []
 
 
-def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, control):
+def test_channels_that_no_request_can_name_are_left_out(receiver, daemon, control):
     receiver.add(DETECTOR, channels=(2147483647, 2147483648, 1, 4294967295))
     wait_until_listed(control, DETECTOR)
 
@@ -342,7 +341,7 @@ def test_channels_that_nobody_can_ask_for_are_left_out(receiver, daemon, control
 
 @pytest.mark.parametrize("body", [None, GLib.Variant("(i)", (1,)), GLib.Variant("(as)", (["{}"],)),
                                   GLib.Variant("(ss)", ("{}", "{}")), GLib.Variant("(v)", (GLib.Variant("s", "{}"),))])
-def test_answer_that_is_no_sample_frame(receiver, daemon, control, body):
+def test_reply_without_a_sample_frame(receiver, daemon, control, body):
     odd = Producer("odd")
     reply_with(odd, body)
     receiver.announce(odd)
@@ -380,26 +379,26 @@ def test_sample_frame_is_limited_in_length(receiver, daemon, control):
     assert daemon.log.take(1) == [left_out(odd, "its sample frame is too long")]
 
 
-def test_slow_sample_frame_keeps_nobody(receiver, daemon, control):
+def test_slow_sample_frame_delays_no_others(receiver, daemon, control):
     slow = Producer("slow")
     slow.on_sample = slow.keep
     receiver.announce(slow)
     receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
 
-    slow.tell_sample(slow.kept.pop())
+    slow.send_sample(slow.kept.pop())
     wait_until_listed(control, "slow", DETECTOR)
     assert daemon.log.take() == []
 
 
-def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, control):
+def test_sample_frame_of_a_removed_object_lists_no_producer(receiver, daemon, control):
     gone = Producer(DETECTOR)
     gone.on_sample = gone.keep
     receiver.announce(gone)
-    wait_until(lambda: gone.kept, "its sample frame is asked for")
+    wait_until(lambda: gone.kept, "its sample frame is requested")
     receiver.remove(gone)
     successor = receiver.add(DETECTOR, channels=(2,))
-    gone.tell_sample(gone.kept.pop())
+    gone.send_sample(gone.kept.pop())
     wait_until_listed(control, DETECTOR)
     assert [channel for channel, _, _ in control.channels(DETECTOR)] == [2]
 
@@ -408,24 +407,24 @@ def test_sample_frame_of_an_object_that_has_gone_lists_nobody(receiver, daemon, 
     assert daemon.log.take() == []
 
 
-def test_sample_frame_that_never_comes_is_given_up(receiver, daemon, control):
+def test_sample_frame_that_never_arrives_is_abandoned(receiver, daemon, control):
     silent = Producer("silent")
     silent.on_sample = silent.keep
     receiver.announce(silent)
     receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
     asked = time.monotonic()
-    expect_answers_while(daemon, lambda: daemon.log.lines)
+    expect_replies_while(daemon, lambda: daemon.log.lines)
 
     assert ANSWER_SECONDS - PROMPT_SECONDS < time.monotonic() - asked < ANSWER_SECONDS + BOUND_SECONDS
     assert daemon.log.take() == [(WARNING, "on_get_sample_frame failed: Timeout was reached")]
-    # Now it is too late.
-    silent.tell_sample(silent.kept.pop())
+    # The reply is too late.
+    silent.send_sample(silent.kept.pop())
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
 
 
-def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, control):
+def test_conversion_without_a_result_delays_no_others(receiver, daemon, control):
     receiver.add("odd", sample="no JSON")
     asked = time.monotonic()
     detector = receiver.add(DETECTOR)
@@ -433,35 +432,36 @@ def test_conversion_that_yields_nothing_keeps_nobody(receiver, daemon, control):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         detector.wait_for_stream().send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
         assert time.monotonic() - asked < CONVERSION_SECONDS
-        expect_answers_while(daemon, lambda: daemon.log.lines)
+        expect_replies_while(daemon, lambda: daemon.log.lines)
         detector.wait_for_stream().send(numbered(2))
-        expect_told(stream, (GATE, 2))
+        expect_frames(stream, (GATE, 2))
 
     assert CONVERSION_SECONDS - 1 < time.monotonic() - asked
     assert daemon.log.take() == [not_converted("odd")]
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the descriptors are closed")
 
 
-def test_platform_that_cannot_convert_lists_nobody(receiver, control, start_daemon):
+def test_platform_without_a_converter_lists_no_producer(receiver, control, start_daemon):
     daemon = start_daemon(plugins=(EVENT_PLUGIN,))
     receiver.add(DETECTOR)
     receiver.add(COUNTER)
 
-    # They are converted side by side.
+    # They are converted concurrently.
     assert sorted(daemon.log.take(2)) == [not_converted(COUNTER), not_converted(DETECTOR)]
     assert control.objects() == set()
 
 
-# What the receiver itself says wrongly
+# Wrong messages of the receiver
 
 def not_connected(reason):
     return (WARNING, f"Failed to connect to metadata-receiver over DBus: {reason}")
 
 
-def expect_asked_again(receiver, launch, control, failure):
-    """Expects that a daemon takes what the receiver announces meanwhile, and all of it once the receiver tells."""
+def expect_repeated_call(receiver, launch, control, failure):
+    """Expects that a daemon lists producers that are announced after a failed call, and all producers after a correct
+    reply."""
     receiver.add(DETECTOR)
     daemon = launch(plugins=EXTERNAL_PLUGINS, producers=BOTH_ENABLED, repeated_lines=[not_connected(failure)])
     daemon.log.wait_for(len(daemon.start_lines) + len(BUS_LINES) + 1)
@@ -469,35 +469,35 @@ def expect_asked_again(receiver, launch, control, failure):
     receiver.add(COUNTER)
     wait_until_listed(control, COUNTER)
 
-    receiver.on_objects = receiver.tell_objects
+    receiver.on_objects = receiver.send_objects
     wait_until_listed(control, DETECTOR, COUNTER)
 
 
 @pytest.mark.parametrize("body", [None, GLib.Variant("(s)", ("x",)), GLib.Variant("(a{oa{ss}})", ({"/a": {"x": "y"}},)),
                                   GLib.Variant("(a{sa{sa{sv}}})", ({},)), GLib.Variant("(a{oa{sa{sv}}}i)", ({}, 1))])
-def test_receiver_that_answers_wrongly_is_asked_again(receiver, launch, control, body):
+def test_receiver_with_a_wrong_reply_is_called_again(receiver, launch, control, body):
     receiver.on_objects = lambda call: call.reply(body)
     returned = body.get_type_string() if body else "()"
-    expect_asked_again(receiver, launch, control,
+    expect_repeated_call(receiver, launch, control,
                        f"Method \u201c{OBJECT_MANAGER}.GetManagedObjects\u201d returned type \u201c{returned}\u201d, "
                        "but expected \u201c(a{oa{sa{sv}}})\u201d")
 
 
-def test_receiver_that_fails_is_asked_again(receiver, launch, control):
+def test_receiver_that_fails_is_called_again(receiver, launch, control):
     receiver.on_objects = lambda call: call.fail("No list.")
-    expect_asked_again(receiver, launch, control, error_of("No list."))
+    expect_repeated_call(receiver, launch, control, error_of("No list."))
 
 
-def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon, control):
+def test_receiver_that_fails_after_its_return_is_called_again(receiver, daemon, control):
     receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
-    receiver.leave()
+    receiver.release_name()
     wait_until_listed(control)
 
     receiver.on_objects = lambda call: call.fail("No list.")
-    receiver.come_back()
+    receiver.take_name()
     daemon.log.wait_for(1)
-    receiver.on_objects = receiver.tell_objects
+    receiver.on_objects = receiver.send_objects
     wait_until_listed(control, DETECTOR)
     assert set(daemon.log.take()) == {not_connected(error_of("No list."))}
 
@@ -511,7 +511,7 @@ def test_receiver_that_fails_when_it_comes_back_is_asked_again(receiver, daemon,
     *[(path_of(DETECTOR), PROPERTIES, "PropertiesChanged", body)
       for body in (None, GLib.Variant("(s)", (PRODUCER,)), GLib.Variant("(sa{ss}as)", (PRODUCER, {"Name": "x"}, [])))],
 ])
-def test_wrong_signal_is_left_out(receiver, daemon, control, path, interface, name, body):
+def test_wrong_signal_is_ignored(receiver, daemon, control, path, interface, name, body):
     receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
 
@@ -522,7 +522,7 @@ def test_wrong_signal_is_left_out(receiver, daemon, control, path, interface, na
     assert daemon.log.take() == []
 
 
-def test_strangers_announce_nothing(bus, receiver, daemon, control):
+def test_signals_of_other_senders_are_ignored(bus, receiver, daemon, control):
     stranger = FakeReceiver(bus)
     stranger.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                   GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces)))
@@ -533,10 +533,10 @@ def test_strangers_announce_nothing(bus, receiver, daemon, control):
     assert daemon.log.take() == []
 
 
-# The receiver comes and goes
+# The receiver leaves and returns
 
 
-def test_receiver_that_leaves_and_comes_back(receiver, daemon, control):
+def test_receiver_that_leaves_and_returns(receiver, daemon, control):
     detector = receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
     control.set_channels(DETECTOR, (2, True, "two"))
@@ -545,21 +545,21 @@ def test_receiver_that_leaves_and_comes_back(receiver, daemon, control):
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
         for number in range(3):
-            receiver.leave()
+            receiver.release_name()
             wait_until_listed(control)
             with daemon.client() as other:
-                assert other.ask(ANALYTICS) == NOTHING_ASKED
+                assert other.request(ANALYTICS) == NOTHING_REQUESTED
             running.send(numbered(number))
-            expect_told(stream, (GATE, number))
+            expect_frames(stream, (GATE, number))
 
-            receiver.come_back()
+            receiver.take_name()
             wait_until_listed(control, DETECTOR)
             assert control.channels(DETECTOR) == enabled
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
     assert daemon.log.take() == []
 
 
-def test_receiver_that_comes_back_with_others(bus, start_daemon, control):
+def test_receiver_that_returns_with_other_producers(bus, start_daemon, control):
     first = FakeReceiver(bus)
     first.add(DETECTOR)
     first.start()
@@ -568,8 +568,8 @@ def test_receiver_that_comes_back_with_others(bus, start_daemon, control):
     with daemon.client() as client:
         stream = client.start(ANALYTICS_AND_EVENTS)
         first.producers[0].wait_for_stream().send(numbered(1))
-        expect_told(stream, (GATE, 1))
-        # With all of its streams.
+        expect_frames(stream, (GATE, 1))
+        # Closes its streams, too.
         first.close()
         wait_until_listed(control)
 
@@ -580,19 +580,19 @@ def test_receiver_that_comes_back_with_others(bus, start_daemon, control):
         with daemon.client() as other:
             streams = other.start(ANALYTICS)
             counter.wait_for_stream().send(numbered(1))
-            expect_told(streams, (YARD, 1))
+            expect_frames(streams, (YARD, 1))
         second.close()
         expect_alive(client, stream)
     assert daemon.log.take() == []
 
 
-def test_camera_whose_receiver_goes_and_comes_back(start_camera, start_daemon, control):
+def test_camera_whose_receiver_leaves_and_returns(start_camera, start_daemon, control):
     camera = start_camera("--rate", "20", producers="PersonDetector")
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, world_seconds=4)
     wait_until_listed(control, "PersonDetector")
     control.set_channels("PersonDetector", (1, True, "persons"))
     with daemon.client() as client:
-        frames = told(client.start(ANALYTICS))
+        frames = producer_frames(client.start(ANALYTICS))
         assert next(frames)[0] == "persons"
 
         camera.absent(RECEIVER)
@@ -601,7 +601,7 @@ def test_camera_whose_receiver_goes_and_comes_back(start_camera, start_daemon, c
         wait_until_listed(control, "PersonDetector")
         assert control.channels("PersonDetector")[0] == (1, True, "persons")
         with daemon.client() as second:
-            assert next(told(second.start(ANALYTICS)))[0] == "persons"
+            assert next(producer_frames(second.start(ANALYTICS)))[0] == "persons"
     assert daemon.log.take() == []
 
 
@@ -612,7 +612,7 @@ def test_camera_that_is_killed_ends_no_stream(start_camera, start_daemon, contro
     control.set_channels("PersonDetector", (1, True, "persons"))
     with daemon.client() as client:
         stream = client.start(ANALYTICS_AND_EVENTS)
-        next(told(stream))
+        next(producer_frames(stream))
         camera.end(signal.SIGKILL)
         wait_until_listed(control)
 
@@ -622,7 +622,7 @@ def test_camera_that_is_killed_ends_no_stream(start_camera, start_daemon, contro
     assert daemon.log.take() == []
 
 
-def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
+def test_bus_that_stops_ends_no_stream(own_bus, start_daemon):
     receiver, control = FakeReceiver(own_bus), ControlClient(own_bus)
     detector = receiver.add(DETECTOR)
     receiver.start()
@@ -632,25 +632,25 @@ def test_bus_that_goes_away_ends_no_stream(own_bus, start_daemon):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
-        # So that no reply is on its way.
+        # No reply is pending after this.
         running.send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
 
         own_bus.stop()
         assert daemon.log.take(2) == NO_CONNECTION_LINES
         running.send(numbered(2))
-        expect_told(stream, (GATE, 2))
+        expect_frames(stream, (GATE, 2))
         with daemon.client() as other:
-            assert other.ask(ANALYTICS) == NOTHING_ASKED
+            assert other.request(ANALYTICS) == NOTHING_REQUESTED
         running.send(numbered(3))
-        expect_told(stream, (GATE, 3))
+        expect_frames(stream, (GATE, 3))
     receiver.close()
     assert daemon.log.take() == []
 
 
-# Last of all, for it takes long
+# The last test, because its receiver takes long
 
 
-def test_receiver_that_is_slow_at_first_is_asked_again(overdue_receiver):
+def test_receiver_that_is_slow_at_first_is_called_again(overdue_receiver):
     overdue_receiver.wait_until_listed()
     assert overdue_receiver.daemon.log.take(1) == [not_connected("Timeout was reached")]

@@ -1,5 +1,5 @@
-"""External producers and their receiver at their worst: in crowds, in haste, without descriptors, with what is too long
-or has the wrong type, and on a platform whose converter hangs. The daemon lives, and loses nothing that it can have."""
+"""External producers and their receiver under stress: crowds, bursts, lack of descriptors, data that is too long or has
+a wrong type, and a converter that hangs. The daemon keeps running and loses nothing that is within its limits."""
 
 import concurrent.futures
 import contextlib
@@ -14,9 +14,9 @@ from gi.repository import GLib
 
 from busclient import BUS, PROPERTIES
 from client import ConnectionEnded, header
-from daemon import LOG_BURST, LOG_SECONDS, NOTHING_ASKED, RADAR_TRACKER, WARNING, producers_enabled, with_count
-from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_told,
-                      not_converted, numbered, told, wait_until_listed)
+from daemon import LOG_BURST, LOG_SECONDS, NOTHING_REQUESTED, RADAR_TRACKER, WARNING, producers_enabled, with_count
+from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_frames,
+                      not_converted, numbered, producer_frames, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
 from installation import EVENT_PLUGIN, RADAR_PLUGIN, SANITIZED, documented_limit
 from receiverclient import OBJECT_MANAGER, PRODUCER, ROOT, path_of
@@ -34,13 +34,13 @@ MAX_UNANSWERED = documented_limit("receivercalls.h", "RECEIVER_CALLS_MAX_UNANSWE
 CONVERSION_SECONDS = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_SECONDS")
 CONVERSIONS_AT_ONCE = documented_limit("sampleframequeue.h", "SAMPLE_FRAME_QUEUE_MAX_RUNNING")
 
-# With a sanitizer, on a busy machine, each may take all the time that it has.
+# With a sanitizer on a busy machine, each conversion may take its whole time limit.
 ALL_CONVERTED_SECONDS = MAX_PRODUCERS * CONVERSION_SECONDS / CONVERSIONS_AT_ONCE
 
-# What the bus lets everybody leave unanswered.
+# The bus' limit of pending replies of a connection.
 BUS_REPLIES = 128
 
-# What a bus takes in one message.
+# The bus' limit of a message.
 BUS_MESSAGE_BYTES = 32 * 1024 * 1024
 
 ROUNDS = 15
@@ -49,17 +49,17 @@ CROWD_OF_PRODUCERS, CROWD_OF_CLIENTS = 8, 40
 CROWD = [f"producer{number}" for number in range(CROWD_OF_PRODUCERS)]
 CROWD_AND_RADAR_ENABLED = producers_enabled({(name, 1): name for name in CROWD} | {(RADAR_TRACKER, 1): "radar"})
 
-# More than any crowd here needs.
+# More than each crowd needs.
 MANY_DESCRIPTORS = 8192
 
-# What a daemon of few descriptors is asked for: more than there is room for.
+# A low limit of descriptors, and numbers of clients that need more.
 CROWDED_DESCRIPTORS, EVENT_CLIENTS, BURST_CLIENTS = 512, 110, 83
 
 
-# Haste
+# Bursts
 
 
-def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed(bus, start_daemon, control):
+def test_producers_announced_at_the_start_of_the_receiver_are_listed(bus, start_daemon, control):
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS)
     for number in range(ROUNDS):
         names = [f"round{number}_{name}" for name in "abc"]
@@ -79,25 +79,25 @@ def test_producers_that_are_announced_with_the_receivers_first_breath_are_listed
 
 
 class SlowStreams:
-    """Has producers give their streams in a while, all that have been asked for by then at once."""
+    """Makes producers send their streams after a delay, all requested ones at once."""
 
     PAUSE_MS = 200
 
     def __init__(self, context):
         self.context = context
-        self.open = []
-        self.most_open = 0
+        self.pending = []
+        self.most_pending = 0
 
     def keep(self, producer, call):
-        if not self.open:
+        if not self.pending:
             timer = GLib.timeout_source_new(self.PAUSE_MS)
-            timer.set_callback(self._give)
+            timer.set_callback(self._reply)
             timer.attach(self.context)
-        self.open.append((producer, call))
-        self.most_open = max(self.most_open, len(self.open))
+        self.pending.append((producer, call))
+        self.most_pending = max(self.most_pending, len(self.pending))
 
-    def _give(self, _):
-        calls, self.open = self.open, []
+    def _reply(self, _):
+        calls, self.pending = self.pending, []
         for producer, call in calls:
             producer.give_stream(call)
         return False
@@ -119,7 +119,7 @@ def start_crowd(start_camera, bus, start_daemon, control):
         daemon = start_daemon(plugins=(RADAR_PLUGIN, *EXTERNAL_PLUGINS), producers=CROWD_AND_RADAR_ENABLED)
         daemon.limit_descriptors(MANY_DESCRIPTORS)
         wait_until_listed(control, RADAR_TRACKER, *CROWD)
-        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "nothing is left of the start", 0.1)
+        daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "the descriptors of the start are closed", 0.1)
         return camera, receiver, daemon
 
     yield start
@@ -128,10 +128,10 @@ def start_crowd(start_camera, bus, start_daemon, control):
 
 
 def read_from_all(client):
-    """Reads until every producer of the crowd has told something."""
+    """Reads until each producer of the crowd has sent a frame."""
     stream = client.open_stream()
     sources = set()
-    for source, _ in told(stream):
+    for source, _ in producer_frames(stream):
         sources.add(source)
         if sources >= set(CROWD):
             return sources - {"radar"}
@@ -147,7 +147,7 @@ def test_crowd_of_clients_gets_every_stream_of_a_crowd_of_producers(start_crowd)
     with contextlib.ExitStack() as stack:
         clients = [stack.enter_context(daemon.client()) for _ in range(CROWD_OF_CLIENTS)]
         for client in clients:
-            client.request(ANALYTICS)
+            client.send_request(ANALYTICS)
         for client in clients:
             assert client.read_reply() == b"OK"
         for producer in receiver.producers:
@@ -158,38 +158,38 @@ def test_crowd_of_clients_gets_every_stream_of_a_crowd_of_producers(start_crowd)
             assert list(readers.map(read_from_all, clients)) == [set(CROWD)] * CROWD_OF_CLIENTS
 
     assert [len(producer.streams) for producer in receiver.producers] == [CROWD_OF_CLIENTS] * CROWD_OF_PRODUCERS
-    assert streams.most_open == MAX_UNDER_WAY
+    assert streams.most_pending == MAX_UNDER_WAY
     assert camera.calls(CAPTURE) == CROWD_OF_CLIENTS
-    # Nobody's radar was left unturned.
+    # All radar scenes have their rotation.
     assert daemon.log.take() == []
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
 
 
 def reply_too_late(call):
-    """With a stream that nobody takes any more."""
+    """Replies with a stream after its client has left."""
     read_fd, write_fd = os.pipe()
     call.reply(GLib.Variant("(h)", (0,)), [read_fd])
     os.close(read_fd)
     os.close(write_fd)
 
 
-def test_crowds_that_go_while_the_receiver_holds_its_replies_leave_nothing_behind(start_crowd):
+def test_crowds_that_leave_while_the_receiver_delays_its_replies_leak_nothing(start_crowd):
     camera, receiver, daemon = start_crowd()
     threads = daemon.threads()
     kept = []
     for producer in receiver.producers:
         producer.on_stream = kept.append
 
-    # More than the bus lets the daemon leave open.
+    # More than the bus allows pending.
     for crowd in range(BUS_REPLIES // MAX_UNDER_WAY + 1):
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(daemon.client()) for _ in range(CROWD_OF_CLIENTS)]
             for client in clients:
-                client.request(ANALYTICS)
+                client.send_request(ANALYTICS)
             for client in clients:
                 assert client.read_reply() == b"OK"
             wait_until(lambda: len(kept) >= min((crowd + 1) * MAX_UNDER_WAY, MAX_UNANSWERED),
-                       "the receiver is asked")
+                       "the receiver is called")
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
         wait_until(lambda: daemon.threads() <= threads + CROWD_OF_PRODUCERS, "their threads have ended")
     assert len(kept) == MAX_UNANSWERED
@@ -197,9 +197,9 @@ def test_crowds_that_go_while_the_receiver_holds_its_replies_leave_nothing_behin
         (WARNING, f"calls of the metadata receiver wait: it leaves {MAX_UNANSWERED} unanswered")]
 
     with daemon.client() as client:
-        client.request(ANALYTICS)
+        client.send_request(ANALYTICS)
         assert client.read_reply() == b"OK"
-        # The platform is still asked, and answers.
+        # The platform is still called, and replies.
         assert camera.calls(CAPTURE) == (crowd + 1) * CROWD_OF_CLIENTS + 1
         assert daemon.log.take() == []
         for producer in receiver.producers:
@@ -217,20 +217,20 @@ def test_crowds_that_go_while_the_receiver_holds_its_replies_leave_nothing_behin
 
 
 def allow_shortage(daemon):
-    """GStreamer and GLib complain by themselves."""
+    """Allows messages of GStreamer and GLib about the shortage."""
     daemon.allow_on_stderr("Too many open files")
     daemon.allow_on_stderr("CRITICAL")
     daemon.allow_on_stderr("WARNING")
 
 
-def request_if_possible(client, wishes):
-    """Of a daemon that may have turned the client away already."""
+def request_if_possible(client, fields):
+    """Sends a request to a daemon that may already have refused the client."""
     with contextlib.suppress(OSError):
-        client.request(wishes)
+        client.send_request(fields)
 
 
 def expect_some_reply(client):
-    """Of a daemon that may turn its clients away."""
+    """Reads the reply of a daemon that may refuse its clients."""
     with contextlib.suppress(ConnectionEnded, OSError):
         client.read_reply()
 
@@ -244,8 +244,8 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
     for free in range(41):
         daemon.leave_descriptors(free)
         late = receiver.add(f"late{free}")
-        receiver.leave()
-        receiver.come_back()
+        receiver.release_name()
+        receiver.take_name()
         with daemon.client() as client:
             request_if_possible(client, ANALYTICS)
             with contextlib.suppress(GLib.Error):
@@ -254,13 +254,13 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
         daemon.limit_descriptors(MANY_DESCRIPTORS)
 
         wait_until_listed(control, DETECTOR, late.name)
-        # On another channel, for the stream of the client before may still come.
+        # On another channel, because the stream of the earlier client may still arrive.
         with daemon.client() as client:
             stream = client.start(header(analytics=1, video_channel=2))
             running = wait_until(lambda: next((found for found in detector.streams if found.channel == 2), None),
-                                 "the stream is asked for")
+                                 "the stream is requested")
             running.send(numbered(free))
-            expect_told(stream, (GATE, free))
+            expect_frames(stream, (GATE, free))
         detector.streams.remove(running)
         running.close()
         receiver.remove(late)
@@ -269,21 +269,21 @@ def test_nothing_is_lost_while_descriptors_are_short(receiver, start_listing_dae
 
 
 def restart(receiver, daemon):
-    """Has the receiver leave and come back, and waits until the daemon has seen it."""
-    asked = []
+    """Makes the receiver leave and return, and waits until the daemon calls it."""
+    calls = []
 
-    def tell(call):
-        asked.append(call)
-        receiver.tell_objects(call)
+    def reply(call):
+        calls.append(call)
+        receiver.send_objects(call)
 
-    receiver.leave()
-    receiver.on_objects = tell
-    receiver.come_back()
-    wait_until(lambda: asked or daemon.process.poll() is not None, "the daemon asks for all producers")
+    receiver.release_name()
+    receiver.on_objects = reply
+    receiver.take_name()
+    wait_until(lambda: calls or daemon.process.poll() is not None, "the daemon requests all producers")
     assert daemon.process.poll() is None, daemon.take_stderr()
 
 
-def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemon, control):
+def test_crowd_of_event_clients_leaves_descriptors_for_a_producer(receiver, start_daemon, control):
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
     daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
@@ -292,7 +292,7 @@ def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemo
             client = stack.enter_context(daemon.client())
             request_if_possible(client, header(event=1))
             expect_some_reply(client)
-        # Those that were turned away may have left some.
+        # Refused clients may have left some descriptors.
         daemon.leave_descriptors(0)
         receiver.add(DETECTOR)
         restart(receiver, daemon)
@@ -301,7 +301,7 @@ def test_crowd_of_event_clients_leaves_room_for_a_producer(receiver, start_daemo
     daemon.log.take()
 
 
-def test_bursts_of_streams_end_nobody(start_crowd, control):
+def test_bursts_of_streams_do_not_end_the_daemon(start_crowd, control):
     _, receiver, daemon = start_crowd()
     daemon.limit_descriptors(CROWDED_DESCRIPTORS)
     allow_shortage(daemon)
@@ -321,7 +321,7 @@ def test_bursts_of_streams_end_nobody(start_crowd, control):
     wait_until_listed(control, RADAR_TRACKER, *CROWD)
     before = {producer: len(producer.streams) for producer in receiver.producers}
     with daemon.client() as client:
-        client.request(ANALYTICS)
+        client.send_request(ANALYTICS)
         assert client.read_reply() == b"OK"
         for producer, count in before.items():
             producer.wait_for_stream(count + 1)
@@ -340,9 +340,9 @@ SIGNALS = ((OBJECT_MANAGER, "InterfacesAdded"), (OBJECT_MANAGER, "InterfacesRemo
 PATHS = (ROOT, path_of(DETECTOR), path_of("nobody"), "/", "/elsewhere")
 
 
-def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, control):
+def test_signals_of_wrong_types_do_not_end_the_daemon(receiver, daemon_listing_detector, control):
     daemon = daemon_listing_detector
-    # Objects outside the receiver's root, which it has named.
+    # Objects outside the receiver's root, which it announces.
     for path in ("/elsewhere", "/com/quon/Other"):
         receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
                       GLib.Variant("(oa{sa{sv}})", (path, Producer("elsewhere").interfaces)))
@@ -356,14 +356,14 @@ def test_signals_of_wrong_types_end_nobody(receiver, daemon_listing_detector, co
             wrong += path == ROOT or interface == PROPERTIES
     receiver.client.connection.flush_sync(None)
 
-    # One at once, and all others together a while later.
+    # One line at once, and the count of all others at the end of the interval.
     assert daemon.log.take(2) == [WRONG_SIGNAL, with_count(WRONG_SIGNAL, wrong - 2)]
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
     assert daemon.log.take() == []
 
 
-def test_strangers_signals_are_nobodys(bus, receiver, daemon_listing_detector, control):
+def test_all_signals_of_other_senders_are_ignored(bus, receiver, daemon_listing_detector, control):
     daemon = daemon_listing_detector
     (owner,) = control.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
     right = [(OBJECT_MANAGER, "InterfacesAdded",
@@ -392,8 +392,8 @@ def daemon_listing_detector(receiver, start_listing_daemon):
 
 
 def sample_of(xml_bytes):
-    """A sample frame whose XML has about so many bytes, most of them of few JSON values: with a sanitizer the converter
-    takes long for each value."""
+    """A sample frame whose XML has about this many bytes, from few JSON values: an instrumented converter is slow for
+    each value."""
     kind = "&" * 64
     count = xml_bytes // len(f"<tt:Object ObjectId='100'><tt:Appearance><tt:Class><tt:Type>{kind.replace('&', '&amp;')}"
                              "</tt:Type></tt:Class></tt:Appearance></tt:Object>")
@@ -405,7 +405,7 @@ def xml_bytes_of(control, names):
     return [len(control.properties(name)["SampleFrameXML"].encode()) for name in names]
 
 
-def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_listing_daemon, control):
+def test_too_long_sample_frames_do_not_end_the_bus_connection(receiver, start_listing_daemon, control):
     daemon = start_listing_daemon()
     too_long = sample_of(MAX_XML_BYTES * 3 // 2)
     assert MAX_PRODUCERS * MAX_XML_BYTES * 3 // 2 > BUS_MESSAGE_BYTES
@@ -429,28 +429,29 @@ def test_sample_frames_that_are_too_long_do_not_cost_the_bus(receiver, start_lis
     assert MAX_XML_BYTES_IN_ALL - max(lengths) < sum(lengths) <= MAX_XML_BYTES_IN_ALL
     assert control.has_owner(NAME)
 
-    # One of them goes, and another one takes its place; all others are refused once more.
+    # One producer is removed, and another one is listed instead; all others are refused again.
     receiver.remove(listed.pop())
     wait_until(lambda: len(control.objects()) == len(listed) + 1, "another one is listed")
     wait_until(lambda: len(daemon.log.lines) >= len(refused) - 1, "all others are refused", ALL_CONVERTED_SECONDS)
     assert len(daemon.log.take(len(refused) - 1)) == len(refused) - 1
 
 
-# Objects and properties without an end
+# Floods of objects and properties
 
-# What the platform's receiver says at its worst. A sanitizer tests no memory bound, and is slow.
+# Sizes of the floods. Builds with a sanitizer check no memory limit, and are slow.
 FLOOD_OBJECTS = 10_000 if SANITIZED else 50_000
 FLOOD_CHANGES, FLOOD_CHANGE_BYTES = 30, 8 * 1024 * 1024
 
-# How long it may take to hear all of it.
+# The time limit for all messages of a flood.
 FLOOD_SECONDS = 120
 
-# What may stay of it, with all objects that are known and beside GDBus' buffer, which is as long as the longest message.
+# The allowed growth of memory, including all known objects, in addition to GDBus' buffer, which has the size of the
+# longest message.
 FLOOD_GROWTH_BYTES = 4 * 1024 * 1024
 
 LAST = "/last"
 
-# What is said of an object that does not answer, and of one that is too many or is none.
+# Log lines about objects without a reply, and about objects beyond the limit or outside the root.
 NO_ANSWER = re.compile(r"on_get_sample_frame failed: .*")
 CALLS_WAIT = re.compile(rf"calls of the metadata receiver wait: it leaves {MAX_UNANSWERED} unanswered"
                         r"( \(\d+ more since the last such line\))?")
@@ -460,17 +461,17 @@ LEFT_OUT = re.compile(rf"left out producer object (\S+): (there are too many|it 
 
 def announce_in_one_reply(receiver, objects):
     """Returns the length of the longest message."""
-    asked = threading.Event()
+    replied = threading.Event()
     body = GLib.Variant("(a{oa{sa{sv}}})", (objects,))
 
     def reply(call):
         call.reply(body)
-        asked.set()
+        replied.set()
 
     receiver.on_objects = reply
-    receiver.leave()
-    receiver.come_back()
-    assert asked.wait(BOUND_SECONDS)
+    receiver.release_name()
+    receiver.take_name()
+    assert replied.wait(BOUND_SECONDS)
     return body.get_size()
 
 
@@ -483,20 +484,20 @@ def announce_one_by_one(receiver, objects):
 
 
 def announce_last(receiver):
-    """What is said of this object comes behind everything else."""
+    """The log line about this object follows all others."""
     receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (LAST, {})))
 
 
 def expect_memory_back(daemon, before, message_bytes):
-    """Expects what the daemon alone has in memory to be hardly more than before. A sanitizer's allocator keeps what it
-    likes."""
+    """Expects that the daemon's private memory is hardly larger than before. A sanitizer's allocator keeps freed
+    memory."""
     if not SANITIZED:
         bound = before + message_bytes + FLOOD_GROWTH_BYTES
         wait_until(lambda: daemon.private_bytes() < bound, f"no more than {bound} bytes")
 
 
 @pytest.mark.parametrize("announce", [announce_in_one_reply, announce_one_by_one])
-def test_objects_without_an_end_leave_little_in_memory_and_in_the_log(receiver, start_listing_daemon, announce):
+def test_flood_of_objects_leaves_little_in_memory_and_in_the_log(receiver, start_listing_daemon, announce):
     daemon = start_listing_daemon()
     before = daemon.private_bytes()
     began = time.monotonic()
@@ -510,15 +511,15 @@ def test_objects_without_an_end_leave_little_in_memory_and_in_the_log(receiver, 
     def heard_last():
         return any(text.startswith(f"left out producer object {LAST}: ") for _, text in list(daemon.log.lines))
 
-    wait_until(lambda: unanswered() >= MAX_OBJECTS and heard_last(), "all known objects are asked", FLOOD_SECONDS)
+    wait_until(lambda: unanswered() >= MAX_OBJECTS and heard_last(), "all known objects are called", FLOOD_SECONDS)
     expect_memory_back(daemon, before, message_bytes)
     lines = daemon.log.take()
     left_out = [text for _, text in lines if LEFT_OUT.fullmatch(text)]
     unanswered_lines = [text for _, text in lines if NO_ANSWER.fullmatch(text)]
     assert len(unanswered_lines) == MAX_OBJECTS
-    # The receiver, busy with its own signals, may answer late.
+    # The receiver, busy with its own signals, may reply late.
     assert all(CALLS_WAIT.fullmatch(text) for _, text in lines if text not in left_out + unanswered_lines)
-    # With the first one that is not known, and those that are told at the end of an interval.
+    # Includes the first unknown object, and lines at the end of an interval.
     assert len(left_out) <= 1 + (LOG_BURST + 1) * (1 + (time.monotonic() - began) / LOG_SECONDS)
 
 
@@ -540,24 +541,24 @@ def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, 
 # A converter that hangs
 
 
-def test_converter_that_hangs_costs_its_producer_alone(installation, receiver, start_daemon, control, workspace):
+def test_converter_that_hangs_affects_its_producer_alone(installation, receiver, start_daemon, control, workspace):
     _, plugins = installation.new_plugin_folder(EXTERNAL_PLUGINS, failing=True)
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, environment=plugins)
     threads = daemon.threads()
     folder = workspace.folder()
     (folder / "hang").touch()
-    # They would take both places for good.
+    # They would occupy both places for ever.
     stuck = [receiver.add(f"stuck{number}", sample=f'{{"hang":"{folder}/hang"}}') for number in range(2)]
     receiver.add(DETECTOR)
-    wait_until(lambda: len(daemon.log.lines) >= len(stuck), "they are given up", CONVERSION_SECONDS + 20)
+    wait_until(lambda: len(daemon.log.lines) >= len(stuck), "they are abandoned", CONVERSION_SECONDS + 20)
     assert sorted(daemon.log.take()) == [not_converted(producer.name) for producer in stuck]
     wait_until_listed(control, DETECTOR)
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
 
-    # What is given up stays so, and its threads go when the converter lets go.
+    # Abandoned producers stay unlisted, and their threads end when the converter continues.
     (folder / "hang").unlink()
     wait_until(lambda: daemon.threads() <= threads + 2, "the threads have ended")
     assert control.objects() == {listed_path_of(name) for name in (DETECTOR, COUNTER)}
     with daemon.client() as client:
-        assert client.ask("") == NOTHING_ASKED
+        assert client.request("") == NOTHING_REQUESTED

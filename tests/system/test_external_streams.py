@@ -1,5 +1,5 @@
-"""The streams of external producers: how they are asked for, how messages may come, and that a bad one harms nobody
-else."""
+"""The streams of external producers: their requests, the arrival of messages, and bad streams, which do not affect
+others."""
 
 import itertools
 import json
@@ -10,9 +10,9 @@ import threading
 import pytest
 from gi.repository import GLib
 
-from daemon import ERROR, INFO, NOTHING_ASKED, WARNING
+from daemon import ERROR, INFO, NOTHING_REQUESTED, WARNING
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
-                      expect_converter_warning, expect_told, numbered, read_numbers, told)
+                      expect_converter_warning, expect_frames, numbered, read_numbers, producer_frames)
 from fakereceiver import Stream, message
 from installation import EVENT_PLUGIN, documented_limit
 from receiverclient import LENGTH
@@ -25,23 +25,23 @@ NEGATIVE_DESCRIPTOR = "assertion 'consumer_fd > -1' failed"
 NO_OBJECT = (WARNING, "tried to find a dbus object for producer which did not exist")
 TOO_LONG = (ERROR, "Could not read request data from client socket: Message too long: Message too long")
 
-# More than twice of what everything on the way from a producer to a client takes: messages of this length, with so many
-# numbers in each.
+# More than twice the capacity of all buffers from a producer to a client: the number of messages, their length, and the
+# count of numbers in each.
 FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 25_000, 20
 
-# Messages that a pipe and a socket take in one piece, how many numbers each has, and how often the client reads nothing.
-# A socket cuts what is longer than some 36 KB, and the daemon may read between the pieces.
+# The length of messages that a pipe and a socket accept in one piece, the count of numbers in each, and the number of
+# pauses of the client. A socket splits data beyond some 36 KB, and the daemon may read between the parts.
 BURST_BYTES, BURST_NUMBERS, BURST_ROUNDS = 30_000, 300, 8
 
-# For how long a stream that takes nothing is full.
+# A stream that has accepted nothing for this time is full.
 STUCK_SECONDS = 1
 
-# For how long the daemon is watched while it has nothing to do, and how much of a core it may take meanwhile.
-REST_SECONDS = 0.5
-RESTING_SHARE = 0.5
+# The time for which an idle daemon is observed, and the share of a core that it may use meanwhile.
+IDLE_SECONDS = 0.5
+IDLE_SHARE = 0.5
 
-# How much the daemon may keep for a client that does not read: its queue, what is being converted, and what allocators
-# do not give back.
+# The daemon's memory for a client that does not read: its queue, data in conversion, and memory that allocators do not
+# release.
 RESIDENT_GROWTH_BYTES = 24 * 1024 * 1024
 
 
@@ -74,13 +74,13 @@ def expect_idle(daemon):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
 
 
-def expect_answer(daemon):
+def expect_reply(daemon):
     with daemon.client() as client:
-        assert client.ask("") == NOTHING_ASKED
+        assert client.request("") == NOTHING_REQUESTED
 
 
 def read_all_numbers(stream, count):
-    """The numbers of so many documents of a producer, which are too many to be checked in every way."""
+    """The numbers of `count` documents of a producer, which are too many to be parsed."""
     numbers = []
     while count > 0:
         found = [int(number) for number in re.findall(rb'<tt:Delete ObjectId="(\d+)"', stream.next_data())]
@@ -89,22 +89,22 @@ def read_all_numbers(stream, count):
     return numbers
 
 
-# Asking for a stream
+# Requests for a stream
 
 
 @pytest.mark.parametrize("text", ["No stream.", "", "100 %s%n"])
-def test_failed_stream_costs_its_producer_alone(detector, counter, daemon, text):
+def test_failed_stream_affects_its_producer_alone(detector, counter, daemon, text):
     detector.on_stream = lambda call: call.fail(text)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
         assert daemon.log.take(1) == [stream_failed(text)]
 
     expect_idle(daemon)
 
 
-def test_only_producer_that_fails_leaves_a_stream_that_says_nothing(detector, start_listing_daemon):
+def test_failure_of_the_only_producer_leaves_an_empty_stream(detector, start_listing_daemon):
     detector.on_stream = lambda call: call.fail("No stream.")
     daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
     with daemon.client() as client:
@@ -115,97 +115,97 @@ def test_only_producer_that_fails_leaves_a_stream_that_says_nothing(detector, st
     expect_idle(daemon)
 
 
-def answer_without_list(call):
+def reply_without_list(call):
     call.reply(GLib.Variant("(h)", (0,)))
 
 
-def answer_with_wrong_index(index):
-    def answer(call):
+def reply_with_wrong_index(index):
+    def reply(call):
         read_fd, write_fd = os.pipe()
         call.reply(GLib.Variant("(h)", (index,)), [read_fd])
         os.close(read_fd)
         os.close(write_fd)
 
-    return answer
+    return reply
 
 
-def answer_with_wrong_type(body):
-    def answer(call):
+def reply_with_wrong_type(body):
+    def reply(call):
         with open("/dev/null", "rb") as file:
             call.reply(body, [file.fileno()])
 
-    return answer
+    return reply
 
 
 @pytest.mark.parametrize("answer", [
-    pytest.param(answer_without_list, id="no list"),
-    *[pytest.param(answer_with_wrong_index(index), id=f"index {index}") for index in (1, 2147483647, -1, -2147483648)],
-    *[pytest.param(answer_with_wrong_type(body), id=str(body))
+    pytest.param(reply_without_list, id="no list"),
+    *[pytest.param(reply_with_wrong_index(index), id=f"index {index}") for index in (1, 2147483647, -1, -2147483648)],
+    *[pytest.param(reply_with_wrong_type(body), id=str(body))
       for body in (None, GLib.Variant("(i)", (0,)), GLib.Variant("(hh)", (0, 0)), GLib.Variant("(s)", ("0",)))],
 ])
-def test_answer_without_a_descriptor_costs_its_producer_alone(detector, counter, daemon, answer):
+def test_reply_without_a_descriptor_affects_its_producer_alone(detector, counter, daemon, answer):
     detector.on_stream = answer
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
         assert daemon.log.take(1) == [NO_DESCRIPTOR]
         wait_until(lambda: NEGATIVE_DESCRIPTOR in daemon.take_stderr(), "the warning is on standard error")
 
     expect_idle(daemon)
 
 
-def answer_with_file(path, flags):
-    def answer(call):
+def reply_with_file(path, flags):
+    def reply(call):
         fd = os.open(path, flags)
         call.reply(GLib.Variant("(h)", (0,)), [fd])
         os.close(fd)
 
-    return answer
+    return reply
 
 
-def answer_with_write_end(call):
+def reply_with_write_end(call):
     read_fd, write_fd = os.pipe()
     call.reply(GLib.Variant("(h)", (0,)), [write_fd])
     os.close(read_fd)
     os.close(write_fd)
 
 
-def answer_with_event_counter(call):
-    # Each read takes one of them.
+def reply_with_event_counter(call):
+    # Each read decrements the counter.
     fd = os.eventfd(2**32 - 1, os.EFD_SEMAPHORE)
     call.reply(GLib.Variant("(h)", (0,)), [fd])
     os.close(fd)
 
 
 @pytest.mark.parametrize("answer, reason", [
-    pytest.param(answer_with_file("/dev/zero", os.O_RDONLY), "it is a device", id="endless device"),
-    pytest.param(answer_with_file("/dev/null", os.O_RDONLY), "it is a device", id="empty device"),
-    pytest.param(answer_with_file("/dev/null", os.O_WRONLY), "it is not open for reading", id="write-only device"),
-    pytest.param(answer_with_file("/", os.O_PATH), "it is not open for reading", id="path"),
-    pytest.param(answer_with_write_end, "it is not open for reading", id="write end"),
-    pytest.param(answer_with_event_counter, "it is neither a pipe nor a socket nor a file", id="event counter"),
+    pytest.param(reply_with_file("/dev/zero", os.O_RDONLY), "it is a device", id="endless device"),
+    pytest.param(reply_with_file("/dev/null", os.O_RDONLY), "it is a device", id="empty device"),
+    pytest.param(reply_with_file("/dev/null", os.O_WRONLY), "it is not open for reading", id="write-only device"),
+    pytest.param(reply_with_file("/", os.O_PATH), "it is not open for reading", id="path"),
+    pytest.param(reply_with_write_end, "it is not open for reading", id="write end"),
+    pytest.param(reply_with_event_counter, "it is neither a pipe nor a socket nor a file", id="event counter"),
 ])
-def test_descriptor_that_is_no_stream_costs_its_producer_alone(detector, counter, daemon, answer, reason):
+def test_descriptor_that_is_no_stream_affects_its_producer_alone(detector, counter, daemon, answer, reason):
     detector.on_stream = answer
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
         assert daemon.log.take(1) == [(WARNING, f'closed the stream of producer "{GATE}": {reason}')]
-        assert daemon.processor_share(REST_SECONDS) < RESTING_SHARE
+        assert daemon.processor_share(IDLE_SECONDS) < IDLE_SHARE
         counter.wait_for_stream().send(numbered(2))
-        expect_told(stream, (YARD, 2))
+        expect_frames(stream, (YARD, 2))
 
     expect_idle(daemon)
 
 
 def test_folder_fails_when_it_is_read(detector, counter, daemon):
-    detector.on_stream = answer_with_file("/", os.O_RDONLY)
+    detector.on_stream = reply_with_file("/", os.O_RDONLY)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
         assert daemon.log.take(1) == [
             (ERROR, "Could not read request length from client socket: Is a directory: Is a directory"),
         ]
@@ -216,20 +216,20 @@ def test_folder_fails_when_it_is_read(detector, counter, daemon):
 def test_file_is_read_to_its_end(detector, counter, daemon, tmp_path):
     path = tmp_path / "messages"
     path.write_bytes(message(numbered(1)) + message(numbered(2)))
-    detector.on_stream = answer_with_file(path, os.O_RDONLY)
+    detector.on_stream = reply_with_file(path, os.O_RDONLY)
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
-        expect_told(stream, (GATE, 1), (GATE, 2))
+        expect_frames(stream, (GATE, 1), (GATE, 2))
         counter.wait_for_stream().send(numbered(3))
-        expect_told(stream, (YARD, 3))
-        assert daemon.processor_share(REST_SECONDS) < RESTING_SHARE
+        expect_frames(stream, (YARD, 3))
+        assert daemon.processor_share(IDLE_SECONDS) < IDLE_SHARE
 
     expect_idle(daemon)
     assert daemon.log.take() == []
 
 
-def test_second_descriptor_of_an_answer_is_used_when_it_says_so(detector, daemon):
-    def answer(call):
+def test_reply_selects_one_of_several_descriptors(detector, daemon):
+    def reply(call):
         first_read, first_write = os.pipe()
         second_read, second_write = os.pipe()
         os.write(second_write, message(numbered(2)))
@@ -237,9 +237,9 @@ def test_second_descriptor_of_an_answer_is_used_when_it_says_so(detector, daemon
         for fd in (first_read, first_write, second_read, second_write):
             os.close(fd)
 
-    detector.on_stream = answer
+    detector.on_stream = reply
     with daemon.client() as client:
-        expect_told(client.start(ANALYTICS), (GATE, 2))
+        expect_frames(client.start(ANALYTICS), (GATE, 2))
 
     expect_idle(daemon)
 
@@ -249,22 +249,22 @@ def test_late_stream_joins_while_the_others_go_on(detector, counter, daemon):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
-        expect_answer(daemon)
+        expect_frames(stream, (YARD, 1))
+        expect_reply(daemon)
 
         detector.give_stream(detector.kept.pop())
         detector.wait_for_stream().send(numbered(2))
-        expect_told(stream, (GATE, 2))
+        expect_frames(stream, (GATE, 2))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
 
 
-def test_descriptor_that_comes_after_the_client_has_gone_is_closed(detector, daemon):
+def test_descriptor_that_arrives_after_the_client_left_is_closed(detector, daemon):
     detector.on_stream = detector.keep
     with daemon.client() as client:
         client.start(ANALYTICS).next_document()
-        wait_until(lambda: detector.kept, "a stream is asked for")
+        wait_until(lambda: detector.kept, "a stream is requested")
     expect_idle(daemon)
 
     detector.give_stream(detector.kept.pop())
@@ -281,7 +281,7 @@ def test_producer_whose_object_has_another_name_is_not_found(receiver, start_lis
         stream = client.start(ANALYTICS)
         assert daemon.log.take(1) == [NO_OBJECT]
         counter.wait_for_stream().send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
 
     expect_idle(daemon)
     assert odd.streams == []
@@ -299,11 +299,11 @@ def test_messages_in_pieces_are_delivered_whole(kind_of_stream, detector, counte
             pieces.write(bytes([byte]))
             pieces.wait_until_taken()
             if number % 4 == 0:
-                # Nobody waits for the rest.
-                expect_answer(daemon)
+                # The daemon does not wait for the rest.
+                expect_reply(daemon)
                 counter.wait_for_stream().send(numbered(number))
         expected = [(GATE, [1, 2, 3]), (GATE, [4])]
-        frames = list(itertools.islice(told(stream), len(expected) + len(range(0, len(data), 4))))
+        frames = list(itertools.islice(producer_frames(stream), len(expected) + len(range(0, len(data), 4))))
 
     assert [frame for frame in frames if frame[0] == GATE] == expected
     assert [numbers for source, numbers in frames if source == YARD] == [[n] for n in range(0, len(data), 4)]
@@ -313,7 +313,7 @@ def test_messages_in_pieces_are_delivered_whole(kind_of_stream, detector, counte
 
 @pytest.mark.parametrize("size", [65535, 65536, 200_000, 1_000_000])
 def test_long_message_is_delivered_whole(kind_of_stream, detector, daemon, size):
-    # Ids that tell where something is missing, twice or misplaced, over the whole length.
+    # Ids that show missing, repeated and misplaced parts over the whole length.
     items = [numbered(*range(start, start + 1000)) for start in range(10**15, 10**15 + size // 17000 * 1000, 1000)]
     payload = ",".join(items).ljust(size)
     with daemon.client() as client:
@@ -325,35 +325,35 @@ def test_long_message_is_delivered_whole(kind_of_stream, detector, daemon, size)
     expect_idle(daemon)
 
 
-def test_empty_messages_are_nothing(kind_of_stream, detector, daemon):
+def test_empty_messages_are_ignored(kind_of_stream, detector, daemon):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         detector.wait_for_stream().send("", numbered(1), "", "", numbered(2))
-        expect_told(stream, (GATE, 1), (GATE, 2))
+        expect_frames(stream, (GATE, 1), (GATE, 2))
 
     assert daemon.log.take() == []
 
 
-def test_descriptor_that_does_not_block_has_whole_messages(kind_of_stream, detector, daemon):
+def test_nonblocking_descriptor_needs_whole_messages(kind_of_stream, detector, daemon):
     detector.nonblocking = True
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         feed = detector.wait_for_stream()
         feed.send(numbered(1), numbered(2, 3))
-        expect_told(stream, (GATE, 1), (GATE, 2, 3))
+        expect_frames(stream, (GATE, 1), (GATE, 2, 3))
 
-        # What is not there when a message is begun makes it void.
+        # A message that is incomplete when its header is read is discarded.
         feed.write(LENGTH.pack(100) + b'{"Deleted":[666]}')
         feed.wait_until_taken()
-        expect_answer(daemon)
+        expect_reply(daemon)
         feed.send(numbered(4))
-        expect_told(stream, (GATE, 4))
+        expect_frames(stream, (GATE, 4))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
 
 
-def test_same_read_end_again_is_read_in_the_same_way(kind_of_stream, detector, daemon):
+def test_read_end_that_is_sent_again_is_read_in_the_same_mode(kind_of_stream, detector, daemon):
     read_fd, write_fd = detector.make_pair()
     detector.on_stream = lambda call: call.reply(GLib.Variant("(h)", (0,)), [read_fd])
     feed = Stream(write_fd, 1)
@@ -363,9 +363,9 @@ def test_same_read_end_again_is_read_in_the_same_way(kind_of_stream, detector, d
             data = message(numbered(number))
             feed.write(data[:10])
             feed.wait_until_taken()
-            expect_answer(daemon)
+            expect_reply(daemon)
             feed.write(data[10:])
-            expect_told(stream, (GATE, number))
+            expect_frames(stream, (GATE, number))
             assert os.get_blocking(read_fd)
         expect_idle(daemon)
     os.close(read_fd)
@@ -378,14 +378,14 @@ def test_stream_that_ends_in_a_message_drops_it(kind_of_stream, detector, counte
         stream = client.start(ANALYTICS)
         feed, other = detector.wait_for_stream(), counter.wait_for_stream()
         other.send(numbered(1))
-        expect_told(stream, (YARD, 1))
+        expect_frames(stream, (YARD, 1))
         feed.write(message(numbered(1)) + message(numbered(666))[:-1])
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
         with_both = daemon.descriptors()
         feed.close()
         wait_until(lambda: daemon.descriptors() == with_both - 1, "the stream is closed")
         other.send(numbered(2))
-        expect_told(stream, (YARD, 2))
+        expect_frames(stream, (YARD, 2))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
@@ -397,11 +397,11 @@ def test_endless_message_ends_its_producer_alone(kind_of_stream, detector, count
         stream = client.start(ANALYTICS)
         feed = detector.wait_for_stream()
         feed.write(message(numbered(1)) + LENGTH.pack(length) + b"{" * 1000)
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
         assert daemon.log.take(1) == [TOO_LONG]
         wait_until(feed.is_closed, "the stream is closed")
         counter.wait_for_stream().send(numbered(2))
-        expect_told(stream, (YARD, 2))
+        expect_frames(stream, (YARD, 2))
 
     expect_idle(daemon)
 
@@ -412,16 +412,16 @@ def test_announced_length_takes_no_memory_of_its_own(detector, daemon):
         before = daemon.resident_bytes()
         detector.wait_for_stream().write(LENGTH.pack(MAX_PAYLOAD_BYTES))
         detector.wait_for_stream().wait_until_taken()
-        expect_answer(daemon)
+        expect_reply(daemon)
         assert daemon.resident_bytes() < before + MAX_PAYLOAD_BYTES / 4
 
     expect_idle(daemon)
 
 
-# Producers that hang up
+# Ends of streams
 
 
-def test_producer_that_hangs_up_goes_alone(kind_of_stream, detector, counter, daemon):
+def test_stream_that_ends_does_not_affect_others(kind_of_stream, detector, counter, daemon):
     with daemon.client() as client, daemon.client() as other:
         stream = client.start(ANALYTICS)
         first = detector.wait_for_stream()
@@ -430,32 +430,32 @@ def test_producer_that_hangs_up_goes_alone(kind_of_stream, detector, counter, da
         second = detector.wait_for_stream(2)
         first.send(numbered(1))
         second.send(numbered(1))
-        expect_told(stream, (GATE, 1))
-        expect_told(others, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
+        expect_frames(others, (GATE, 1))
         counter.wait_for_stream(2)
         for each, its_client in zip(counter.streams, (stream, others)):
             each.send(numbered(2))
-            expect_told(its_client, (YARD, 2))
+            expect_frames(its_client, (YARD, 2))
         with_all = daemon.descriptors()
         first.close()
         wait_until(lambda: daemon.descriptors() == with_all - 1, "the one stream is closed")
 
         second.send(numbered(2))
-        expect_told(others, (GATE, 2))
+        expect_frames(others, (GATE, 2))
         for each, its_client in zip(counter.streams, (stream, others)):
             each.send(numbered(3))
-            expect_told(its_client, (YARD, 3))
+            expect_frames(its_client, (YARD, 3))
 
     expect_idle(daemon)
     assert daemon.log.take() == []
 
 
-def test_last_producer_that_hangs_up_does_not_end_the_stream(kind_of_stream, detector, start_listing_daemon):
+def test_end_of_the_last_producers_stream_does_not_end_the_clients(kind_of_stream, detector, start_listing_daemon):
     daemon = start_listing_daemon(plugins=(EVENT_PLUGIN, *EXTERNAL_PLUGINS))
     with daemon.client() as client:
         stream = client.start(ANALYTICS_AND_EVENTS)
         detector.wait_for_stream().send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
         with_it = daemon.descriptors()
         detector.streams[0].close()
         wait_until(lambda: daemon.descriptors() == with_it - 1, "the stream is closed")
@@ -469,7 +469,7 @@ def test_client_that_leaves_closes_its_streams(kind_of_stream, detector, counter
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         detector.wait_for_stream().send(numbered(1))
-        expect_told(stream, (GATE, 1))
+        expect_frames(stream, (GATE, 1))
 
     wait_until(detector.streams[0].is_closed, "the detector's stream is closed")
     wait_until(counter.wait_for_stream().is_closed, "the counter's stream is closed")
@@ -509,9 +509,9 @@ def test_malformed_message_is_left_out(detector, counter, daemon, payload):
         feed = detector.wait_for_stream()
         for number in range(3):
             feed.send(payload, numbered(number))
-            expect_told(stream, (GATE, number))
+            expect_frames(stream, (GATE, number))
         counter.wait_for_stream().send(numbered(3))
-        expect_told(stream, (YARD, 3))
+        expect_frames(stream, (YARD, 3))
 
     expect_idle(daemon)
     expect_converter_warning(daemon)
@@ -519,7 +519,7 @@ def test_malformed_message_is_left_out(detector, counter, daemon, payload):
 
 @pytest.mark.parametrize("text", ["<a href='x'>&amp;</a>", "</tt:Type></tt:Class>", "]]>", "<!-- --", "&#0;&lol;",
                                   "%s%n", "\u202e\ufffe", "\U0001f4f7"], ids=repr)
-def test_markup_comes_as_the_text_that_it_is(detector, daemon, text):
+def test_markup_arrives_as_text(detector, daemon, text):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
         stream.next_document()
@@ -531,10 +531,10 @@ def test_markup_comes_as_the_text_that_it_is(detector, daemon, text):
 
 @pytest.mark.parametrize("character, is_malformed", [("\0", True), ("\x01", True), ("\x1f", True), ("\ud800", True),
                                                      ("\uffff", False)])
-def test_what_xml_does_not_allow_breaks_no_document(detector, daemon, character, is_malformed):
+def test_characters_outside_xml_break_no_document(detector, daemon, character, is_malformed):
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
-        # As JSON escapes it.
+        # As a JSON escape.
         detector.wait_for_stream().send(of_type(f"a{character}b"), numbered(1))
         for frame in stream.frames():
             if frame.deleted == ["1"]:
@@ -553,18 +553,18 @@ def flood():
                     for number in range(FLOOD_MESSAGES))
 
 
-def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_stream, detector, start_listing_daemon,
+def test_client_that_does_not_read_slows_down_its_own_streams_alone(kind_of_stream, detector, start_listing_daemon,
                                                                         flood):
     daemon = start_listing_daemon(sanitizer_options="quarantine_size_mb=1")
     with daemon.client() as stuck, daemon.client() as reader:
-        assert stuck.ask(ANALYTICS) == "OK"
+        assert stuck.request(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
         before = daemon.resident_bytes()
         taken = slow.write_until_full(flood, STUCK_SECONDS)
         assert 0 < taken < len(flood) / 2, "the producer is slowed down"
         assert daemon.resident_bytes() - before < RESIDENT_GROWTH_BYTES
 
-        # The same producer's stream to another client is as fast as ever.
+        # The same producer's stream to another client is not slowed down.
         stream = reader.start(ANALYTICS)
         fast = detector.wait_for_stream(2)
         received = []
@@ -584,12 +584,12 @@ def test_client_that_does_not_read_slows_its_producer_for_itself_alone(kind_of_s
 
 
 def is_taken(feed, daemon):
-    """Whether the daemon takes what has been written. When it has come to rest without, everything behind it is full."""
-    wait_until(lambda: feed.unread() == 0 or daemon.is_at_rest(STUCK_SECONDS / 2), "the daemon takes it or rests")
+    """Whether the daemon reads all written data. If it is idle before, all buffers after it are full."""
+    wait_until(lambda: feed.unread() == 0 or daemon.is_idle_for(STUCK_SECONDS / 2), "the daemon reads it or is idle")
     return feed.unread() == 0
 
 
-def test_client_that_reads_in_bursts_loses_nothing_of_a_stream_that_does_not_block(kind_of_stream, detector, daemon):
+def test_client_that_reads_in_bursts_loses_nothing_of_a_nonblocking_stream(kind_of_stream, detector, daemon):
     detector.nonblocking = True
     count = itertools.count()
     received = []
@@ -603,7 +603,7 @@ def test_client_that_reads_in_bursts_loses_nothing_of_a_stream_that_does_not_blo
         stream.read_no_further_than(1)
         feed = detector.wait_for_stream()
         for _ in range(BURST_ROUNDS):
-            # While the daemon reads, each message is there as a whole. What it leaves there tells that it has paused.
+            # While the daemon reads, each message is there as a whole. Unread data shows that it has paused.
             feed.write(next_message())
             while is_taken(feed, daemon):
                 feed.write(next_message())
@@ -626,7 +626,7 @@ def test_client_that_reads_in_bursts_loses_nothing_of_a_stream_that_does_not_blo
 
 def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detector, daemon, flood):
     with daemon.client() as stuck:
-        assert stuck.ask(ANALYTICS) == "OK"
+        assert stuck.request(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
         slow.write_until_full(flood, STUCK_SECONDS)
 
@@ -634,9 +634,9 @@ def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detect
     expect_idle(daemon)
 
 
-def test_producer_that_hangs_up_on_a_client_that_does_not_read_loses_nothing(kind_of_stream, detector, daemon, flood):
+def test_stream_that_ends_before_its_client_reads_loses_nothing(kind_of_stream, detector, daemon, flood):
     with daemon.client() as stuck:
-        assert stuck.ask(ANALYTICS) == "OK"
+        assert stuck.request(ANALYTICS) == "OK"
         slow = detector.wait_for_stream()
         whole = slow.write_until_full(flood, STUCK_SECONDS) // len(message(" " * FLOOD_BYTES))
         slow.close()

@@ -4,7 +4,7 @@ import itertools
 
 import pytest
 
-from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED
+from daemon import ERROR, NOTHING_REQUESTED, NOT_PRODUCED
 from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM
 
 EVENTS_LOOKED_AT = 20
@@ -91,7 +91,7 @@ def test_last_filter_of_a_request_counts(fast_daemon):
 ])
 def test_malformed_filter(daemon, line):
     with daemon.client() as client:
-        assert client.ask(f"event=1\n{line}\n") == NOT_PRODUCED
+        assert client.request(f"event=1\n{line}\n") == NOT_PRODUCED
         assert client.read_to_end() == b""
 
     ((priority, text),) = daemon.log.take(1)
@@ -103,9 +103,9 @@ def test_malformed_filter(daemon, line):
         client.start().next_document()
 
 
-def test_malformed_filter_is_ignored_when_no_events_are_asked(daemon):
+def test_malformed_filter_is_ignored_without_events(daemon):
     with daemon.client() as client:
-        assert client.ask("event=0\nevent_topic=|\n") == NOTHING_ASKED
+        assert client.request("event=0\nevent_topic=|\n") == NOTHING_REQUESTED
 
 
 def test_filter_that_fails_later_is_logged_and_ends_the_stream(fast_daemon):
@@ -113,7 +113,7 @@ def test_filter_that_fails_later_is_logged_and_ends_the_stream(fast_daemon):
     fails_at_a_crossing = '//tt:SimpleItem[@Name="ObjectId"]/@Value > 1 and unknown()'
     with fast_daemon.client() as client:
         # A crossing that comes before the reply fails the request instead.
-        assert client.ask(f"event=1\nevent_content={fails_at_a_crossing}\n") in ("OK", NOT_PRODUCED)
+        assert client.request(f"event=1\nevent_content={fails_at_a_crossing}\n") in ("OK", NOT_PRODUCED)
         client.read_to_end()
 
     ((priority, text),) = fast_daemon.log.take(1)

@@ -58,7 +58,7 @@ def make_tree(tmp_path):
     return Tree(tmp_path)
 
 
-def test_tree_that_keeps_to_its_floors(tree):
+def test_tree_without_a_violation(tree):
     assert tree.check() == (0, ["8 files include only files of lower floors"])
 
 
@@ -87,7 +87,7 @@ def test_component_that_is_missing_from_the_table(tree, name):
 
 
 @pytest.mark.parametrize("name, component", [("src/request.cpp", "request"), ("src/dbus/meson.build", "binding1")])
-def test_component_that_is_listed_and_gone(tree, name, component):
+def test_component_that_is_listed_without_a_file(tree, name, component):
     (tree.root / name).unlink()
     tree.write("src/reader.cpp", "")
     assert tree.check() == (1, [f"{component} is in the table of floors and not in the tree"])

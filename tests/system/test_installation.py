@@ -23,7 +23,7 @@ def test_tests_install_nothing(installation):
 
 
 @pytest.mark.parametrize("prefix, warned", [("/usr", False), ("/usr/local", True), ("/opt/tessard", True)])
-def test_prefix_whose_policies_the_bus_does_not_read_is_warned_of(tmp_path, prefix, warned):
+def test_warning_about_a_prefix_whose_policies_the_bus_does_not_read(tmp_path, prefix, warned):
     setup = subprocess.run(["meson", "setup", f"--prefix={prefix}", *SMALLEST, tmp_path / "build", TREE],
                            stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True)
 

@@ -45,7 +45,7 @@ def exchange(daemon, key, value):
 
 @pytest.mark.parametrize("plugins, key, text, character", REFUSALS)
 @pytest.mark.parametrize("length", [LOGGED_TEXT_BYTES, LOGGED_TEXT_BYTES + 1, DIGITS, MAX_REQUEST_BYTES - 100])
-def test_long_value_is_told_whole_and_logged_in_part(start_daemon, plugins, key, text, character, length):
+def test_long_value_is_whole_in_the_reply_and_clipped_in_the_log(start_daemon, plugins, key, text, character, length):
     daemon = start_daemon(plugins=plugins)
     value = character * length
 
@@ -56,7 +56,7 @@ def test_long_value_is_told_whole_and_logged_in_part(start_daemon, plugins, key,
 
 @pytest.mark.parametrize("plugins, key, text", [(EVENT_PLUGINS, "event", EVENT), (PTZ_PLUGINS, "video_channel", CHANNEL),
                                                 (PTZ_PLUGINS, "ptz", PTZ), (RADAR_PLUGINS, "analytics", ANALYTICS)])
-def test_hostile_value_is_told_as_it_is_and_logged_as_one_line(start_daemon, plugins, key, text):
+def test_hostile_value_is_unchanged_in_the_reply_and_one_line_in_the_log(start_daemon, plugins, key, text):
     daemon = start_daemon(plugins=plugins)
     before, after = text.encode().split(b"%s")
 
@@ -69,7 +69,7 @@ def test_many_requests_make_one_short_line_each(start_daemon):
     request = header(video_channel="9" * DIGITS)
     for _ in range(REQUESTS):
         with daemon.client() as client:
-            assert client.ask(request).startswith("FAIL\nUnable to create source: Value out of bounds")
+            assert client.request(request).startswith("FAIL\nUnable to create source: Value out of bounds")
 
     lines = daemon.log.take(REQUESTS)
     assert lines == [(WARNING, CHANNEL_BOUNDS % clipped("9" * DIGITS))] * REQUESTS

@@ -32,8 +32,8 @@ def start_failing(installation, start_daemon):
 
     def start(fails, works=False, times=FOR_EVER):
         _, environment = installation.new_plugin_folder(PLUGINS, failing=True)
-        wishes = {"TESTPLUGIN_FAILS": fails, "TESTPLUGIN_WORKS": str(int(works)), "TESTPLUGIN_TIMES": str(times)}
-        return start_daemon(plugins=PLUGINS, environment=environment | wishes)
+        fields = {"TESTPLUGIN_FAILS": fails, "TESTPLUGIN_WORKS": str(int(works)), "TESTPLUGIN_TIMES": str(times)}
+        return start_daemon(plugins=PLUGINS, environment=environment | fields)
 
     return start
 
@@ -60,7 +60,7 @@ def expect_service(daemon):
 
 def be_refused(daemon):
     with daemon.client() as client:
-        assert client.ask(header(event=1)) == NOT_PRODUCED
+        assert client.request(header(event=1)) == NOT_PRODUCED
         assert client.read_to_end() == b""
 
 
@@ -113,7 +113,7 @@ def test_stream_that_fails_at_once_is_granted(start_failing):
     daemon = start_failing("STREAM")
     for _ in range(ROUNDS):
         with daemon.client() as client:
-            assert client.ask(header(event=1)) == "OK"
+            assert client.request(header(event=1)) == "OK"
             client.open_stream().read_to_end()
 
     line = (ERROR, "Error in metadata connection manager pipeline: No events.")
@@ -122,10 +122,10 @@ def test_stream_that_fails_at_once_is_granted(start_failing):
     expect_service(daemon)
 
 
-def test_stream_of_a_client_that_has_ended_its_half_is_granted(daemon):
+def test_stream_of_a_half_closed_client_is_granted(daemon):
     for _ in range(ROUNDS):
         with daemon.client() as client:
-            client.request(header(event=1))
+            client.send_request(header(event=1))
             client.close_writing()
             assert client.read_reply() == b"OK"
             client.open_stream().read_to_end()

@@ -1,4 +1,4 @@
-"""What each user can do on a bus with the installed policy."""
+"""The rights of each user on a bus with the installed policy."""
 
 import subprocess
 import sys
@@ -21,8 +21,8 @@ ADMINISTRATOR = {"user": "daemon", "group": "daemon", "extra_groups": [STAND_IN_
 ROOT_USER = {"user": "root", "group": "root", "extra_groups": []}
 DAEMON = {"user": UNPRIVILEGED_USER, "group": "daemon", "extra_groups": []}
 
-# Makes one call, with so many descriptors, and prints the D-Bus error that it fails with, if it does. A program of its
-# own, for its user.
+# Makes one call with a number of descriptors, and prints the D-Bus error of a failed call. A separate program, because
+# it runs as another user.
 CALLER = """\
 import sys
 from gi.repository import Gio, GLib
@@ -39,8 +39,7 @@ except GLib.Error as error:
     print(Gio.DBusError.get_remote_error(error))
 """
 
-# Sends a signal and an unrequested reply to one peer, each with a descriptor, and waits until the bus has seen
-# them.
+# Sends a signal and an unrequested reply to one peer, each with a descriptor, and waits until the bus has handled both.
 SENDER = """\
 import sys
 from gi.repository import Gio, GLib
@@ -97,7 +96,7 @@ def daemon(policed_bus, start_daemon):
 
 
 def run_as(user, program, *arguments):
-    """What a Python program prints."""
+    """Returns the output of a Python program."""
     process = subprocess.run([sys.executable, "-I", "-c", program, *arguments], stdin=subprocess.DEVNULL,
                              capture_output=True, text=True, cwd="/", check=True, timeout=BOUND_SECONDS, **user)
     assert process.stderr == ""
@@ -105,7 +104,7 @@ def run_as(user, program, *arguments):
 
 
 def call(bus, user, name, path, interface, method, arguments="()", descriptors=0):
-    """Has a user make a call; the name of the D-Bus error, empty when it succeeded."""
+    """Makes a call as a user; returns the name of the D-Bus error, empty on success."""
     return run_as(user, CALLER, bus.address, name, path, interface, method, arguments, str(descriptors))
 
 
@@ -171,7 +170,7 @@ def test_any_user_receives_changes(daemon, policed_bus):
 
 @pytest.fixture(params=["name", "unique name"])
 def destination(request, daemon, policed_bus):
-    """What the daemon can be sent to."""
+    """The destinations of messages to the daemon."""
     if request.param == "name":
         return NAME
     client = BusClient(policed_bus)
@@ -187,7 +186,7 @@ def test_calls_with_descriptors_are_refused(daemon, policed_bus, destination, us
     assert call(policed_bus, user, *read_call, descriptors=1) == REFUSED
     assert call(policed_bus, user, *read_call, descriptors=16) == REFUSED
     assert call(policed_bus, user, *read_call) == ""
-    # Of what had come through, the daemon would have logged that it refused it.
+    # The daemon would log that it refused delivered messages.
     assert daemon.log.take() == []
 
 
@@ -205,20 +204,21 @@ def test_other_messages_with_descriptors_are_refused(daemon, policed_bus, destin
      "disable producers.\n"),
     (ADMINISTRATOR, tessardctl.SUCCESS, ""),
 ])
-def test_tessardctl_reports_a_refusal(daemon, policed_bus, start, user, status, error):
-    listed = start("producers", "--bus", policed_bus.address, "--names", cwd="/", **user).finish()
-    changed = start("enable", "--bus", policed_bus.address, VIDEO_TRACKER, "1", "x", cwd="/", **user).finish()
+def test_tessardctl_reports_a_refusal(daemon, policed_bus, start_tessardctl, user, status, error):
+    listed = start_tessardctl("producers", "--bus", policed_bus.address, "--names", cwd="/", **user).finish()
+    changed = start_tessardctl("enable", "--bus", policed_bus.address, VIDEO_TRACKER, "1", "x", cwd="/",
+                               **user).finish()
 
-    assert (listed.status, listed.out.decode(), listed.err) == (tessardctl.SUCCESS, f"{VIDEO_TRACKER}\n", b"")
-    assert (changed.status, changed.out, changed.err.decode()) == (status, b"", error)
+    assert listed == (tessardctl.SUCCESS, f"{VIDEO_TRACKER}\n".encode(), b"")
+    assert changed == (status, b"", error.encode())
 
 
-def test_tessardctl_apply_names_the_group(daemon, policed_bus, start, tmp_path):
+def test_tessardctl_apply_names_the_group(daemon, policed_bus, start_tessardctl, tmp_path):
     path = tmp_path / "changes.json"
     path.write_text(f'[{{"Name": "{VIDEO_TRACKER}", "Channels": [{{"Channel": 9, "Enabled": false}}]}}]',
                     encoding="ascii")
     with open(path, "rb") as file:
-        result = start("apply", "--bus", policed_bus.address, "-", stdin=file, cwd="/", **STRANGER).finish()
+        result = start_tessardctl("apply", "--bus", policed_bus.address, "-", stdin=file, cwd="/", **STRANGER).finish()
 
     assert result.status == tessardctl.REFUSED
     assert result.err.decode().endswith(

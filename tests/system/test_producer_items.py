@@ -309,19 +309,19 @@ def test_schema_is_one():
     jsonschema.Draft7Validator.check_schema(SCHEMA)
 
 
-def test_element_tells_whole_what_the_schema_accepts(convert):
+def test_element_writes_all_that_the_schema_accepts(convert):
     expect_outcomes(convert, ITEMS)
     for text, outcome in ITEMS:
         assert accepted_by_schema(text) == (outcome == WHOLE), text[:200]
 
 
-def test_element_refuses_what_the_schema_cannot_say(convert):
+def test_element_refuses_values_that_the_schema_cannot_exclude(convert):
     expect_outcomes(convert, BEYOND_THE_SCHEMA)
     for text, _ in BEYOND_THE_SCHEMA:
         assert accepted_by_schema(text), text[:200]
 
 
-def test_documented_items_are_told_whole(convert):
+def test_documented_items_are_written_completely(convert):
     items = documented_items()
     assert len(items) == 4
     results = convert(items)
@@ -335,7 +335,7 @@ def test_documented_items_are_told_whole(convert):
         assert frame.deleted == [str(left) for left in item.get("Deleted", [])]
 
 
-def test_documented_example_is_told_as_documented(convert):
+def test_documented_example_has_the_documented_output(convert):
     (result,) = convert(documented_items()[:1])
     (frame,) = frames_of(result[0])
     seen = frame.objects["12"]
@@ -346,7 +346,7 @@ def test_documented_example_is_told_as_documented(convert):
     assert (seen.type, seen.likelihood) == ("Human", 0.96)
 
 
-def test_recordings_are_told_whole(convert):
+def test_recordings_are_written_completely(convert):
     recordings = list((TREE / "sim/recordings").glob("*.jsonl"))
     assert recordings
     for recording in recordings:

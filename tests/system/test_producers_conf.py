@@ -33,7 +33,7 @@ def test_malformed_file_is_fatal(launch):
                            "group, or comment", "Invalid argument")
 
 
-def test_folder_in_the_files_place_is_fatal(launch):
+def test_folder_instead_of_the_file_is_fatal(launch):
     daemon = launch(producers=None, wrapper=lambda command, environment: (
         ["sh", "-c", 'mkdir producers.conf; exec "$0" "$@"', *command], environment))
 
@@ -47,7 +47,7 @@ def test_file_without_producers_is_enough(start_daemon, producers):
     assert daemon.producers_conf.read_text(encoding="utf-8") == producers
 
 
-def test_file_to_begin_with_knows_channel_1_of_both_trackers(start_daemon, control):
+def test_shipped_file_has_channel_1_of_both_trackers(start_daemon, control):
     shipped = (TREE / "data/producers.conf").read_text(encoding="utf-8")
     daemon = start_daemon(plugins=(SCENE_PLUGIN, *RADAR_PLUGINS), producers=shipped)
 

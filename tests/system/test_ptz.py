@@ -7,7 +7,7 @@ import math
 import pytest
 
 from client import header
-from daemon import NOTHING_ASKED
+from daemon import NOTHING_REQUESTED
 from documents import IDLE, MOVING, PAN_TILT_SPACES, PTZ, ZOOM_SPACES
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, PTZ_PLUGINS
 from refusals import (CHANNEL_OUT_OF_BOUNDS, INVALID_CHANNEL, INVALID_EVENT, INVALID_PAN_TILT_SPACE,
@@ -45,13 +45,13 @@ def now():
     return datetime.datetime.now(datetime.timezone.utc)
 
 
-def first_document(daemon, **wishes):
+def first_document(daemon, **fields):
     with daemon.client() as client:
-        return client.start(header(**wishes)).next_document()
+        return client.start(header(**fields)).next_document()
 
 
-def first_status(daemon, **wishes):
-    (status,) = first_document(daemon, **wishes).ptz
+def first_status(daemon, **fields):
+    (status,) = first_document(daemon, **fields).ptz
     return status
 
 
@@ -63,7 +63,7 @@ def first_status(daemon, **wishes):
     (POSITION_ONLY, ["Position", "UtcTime"]),
     (STATUS_ONLY, ["MoveStatus", "UtcTime"]),
 ])
-def test_request_chooses_what_is_told(ptz_daemon, ptz, parts):
+def test_request_selects_the_parts_of_the_status(ptz_daemon, ptz, parts):
     began = now()
     with ptz_daemon.client() as client:
         stream = client.start(header(ptz=ptz))
@@ -75,7 +75,7 @@ def test_request_chooses_what_is_told(ptz_daemon, ptz, parts):
             assert began <= status.time <= now()
 
 
-def test_status_and_position_are_whole(ptz_daemon):
+def test_status_and_position_are_complete(ptz_daemon):
     status = first_status(ptz_daemon, ptz=STATUS_AND_POSITION)
 
     assert all(-1 <= coordinate <= 1 for coordinate in status.pan_tilt)
@@ -83,19 +83,19 @@ def test_status_and_position_are_whole(ptz_daemon):
     assert {status.pan_tilt_status, status.zoom_status} <= {IDLE, MOVING}
 
 
-@pytest.mark.parametrize("wishes", [{}, {"ptz": 0}, {"video_channel": 1, "ptz_zoom_coordinate_space": 1},
+@pytest.mark.parametrize("fields", [{}, {"ptz": 0}, {"video_channel": 1, "ptz_zoom_coordinate_space": 1},
                                     {"ptz": 0, "ptz_pantilt_coordinate_space": 2}])
-def test_nothing_is_told_unless_asked_for(ptz_daemon, wishes):
+def test_no_metadata_without_a_request_for_it(ptz_daemon, fields):
     with ptz_daemon.client() as client:
-        assert client.ask(header(**wishes)) == NOTHING_ASKED
+        assert client.request(header(**fields)) == NOTHING_REQUESTED
 
 
-@pytest.mark.parametrize("wishes", [{"ptz": 1}, {"ptz": 4}, {"video_channel": "x"}])
-def test_camera_without_a_head_does_not_know_the_keys(start_daemon, wishes):
+@pytest.mark.parametrize("fields", [{"ptz": 1}, {"ptz": 4}, {"video_channel": "x"}])
+def test_camera_without_a_head_does_not_know_the_keys(start_daemon, fields):
     daemon = start_daemon(plugins=EVENT_PLUGINS)
 
     with daemon.client() as client:
-        assert client.ask(header(**wishes)) == NOTHING_ASKED
+        assert client.request(header(**fields)) == NOTHING_REQUESTED
 
 
 # Channels
@@ -109,17 +109,17 @@ def test_head_of_a_channel(start_ptz_daemon, channels, text):
     assert first_status(daemon, ptz=1, video_channel=text).parts == ["Position", "MoveStatus", "UtcTime"]
 
 
-@pytest.mark.parametrize("channels, wishes", [((1,), {"video_channel": 2}), ((1,), {"video_channel": 0}),
+@pytest.mark.parametrize("channels, fields", [((1,), {"video_channel": 2}), ((1,), {"video_channel": 0}),
                                               ((2,), {}), ((), {"video_channel": 1})])
-def test_channel_without_a_head_has_no_state(start_ptz_daemon, channels, wishes):
+def test_channel_without_a_head_has_no_status(start_ptz_daemon, channels, fields):
     daemon = start_ptz_daemon(ptz_channels=channels)
 
-    document = first_document(daemon, ptz=1, **wishes)
+    document = first_document(daemon, ptz=1, **fields)
 
     assert (document.kind, document.ptz) == (PTZ, [])
 
 
-def test_channels_of_one_head_are_told_the_same(start_ptz_daemon):
+def test_channels_of_one_head_have_the_same_status(start_ptz_daemon):
     daemon = start_ptz_daemon(ptz_channels=(1, 4))
     with daemon.client() as first, daemon.client() as fourth:
         streams = [client.start(header(ptz=1, video_channel=channel))
@@ -146,20 +146,20 @@ def rest_of_all(clients, streams):
         seen = [status_since(client, stream) for client, stream in zip(clients, streams)]
         again = status_since(clients[0], streams[0])
         before = seen[0]
-        if all(status.rests for status in (*seen, again)) and (again.pan_tilt, again.zoom) == (
+        if all(status.is_idle for status in (*seen, again)) and (again.pan_tilt, again.zoom) == (
                 before.pan_tilt, before.zoom):
             return seen
     pytest.fail("the head does not rest")
 
 
-def test_spaces_are_the_generic_ones_unless_asked_for(ptz_daemon):
+def test_default_spaces_are_the_generic_ones(ptz_daemon):
     status = first_status(ptz_daemon, ptz=POSITION_ONLY)
 
     assert (status.pan_tilt_space, status.zoom_space) == (PAN_TILT_SPACES[0], ZOOM_SPACES[0])
 
 
 @pytest.mark.parametrize("space", [0, 1, 2])
-def test_spaces_are_chosen_one_by_one(ptz_daemon, space):
+def test_each_space_can_be_selected(ptz_daemon, space):
     pan_tilt = first_status(ptz_daemon, ptz=1, ptz_pantilt_coordinate_space=space)
     zoom = first_status(ptz_daemon, ptz=1, ptz_zoom_coordinate_space=space)
     both = first_status(ptz_daemon, ptz=1, ptz_pantilt_coordinate_space=space,
@@ -175,7 +175,7 @@ def part_of_range(value, ends):
     return (value - low) / (high - low)
 
 
-def test_spaces_tell_the_same_position(ptz_daemon):
+def test_spaces_have_the_same_position(ptz_daemon):
     with ptz_daemon.client() as first, ptz_daemon.client() as second, ptz_daemon.client() as third:
         clients = (first, second, third)
         streams = [client.start(header(ptz=1, ptz_pantilt_coordinate_space=space,
@@ -203,7 +203,7 @@ PAN, TILT, ZOOM = 1, 2, 4
     (ZOOM, False, True),
     (0, True, True),
 ])
-def test_what_cannot_move_is_not_told(start_camera, start_ptz_daemon, capabilities, pan_tilt, zoom):
+def test_fixed_axes_are_left_out(start_camera, start_ptz_daemon, capabilities, pan_tilt, zoom):
     start_camera("--move-capabilities", str(capabilities))
     daemon = start_ptz_daemon(coordinator_line=None)
 
@@ -239,7 +239,7 @@ def test_wrong_ptz(ptz_daemon):
 
 
 @pytest.mark.parametrize("asked", [{}, {"ptz": 0}, {"ptz": 1}], ids=["not asked", "none", "asked"])
-def test_wrong_channel_or_space_is_refused_whether_the_head_is_asked_for_or_not(ptz_daemon, asked):
+def test_wrong_channel_or_space_is_refused_with_and_without_ptz(ptz_daemon, asked):
     for key, value, text in WRONG_CHANNELS + WRONG_SPACES:
         expect_refused(ptz_daemon, asked | {key: value}, text.format(value))
 
@@ -254,7 +254,7 @@ WRONG_IN_ORDER = [
 
 
 @pytest.mark.parametrize("first", range(len(WRONG_IN_ORDER)))
-def test_first_of_several_wrong_values_is_told(start_daemon, first):
+def test_first_of_several_wrong_values_is_reported(start_daemon, first):
     daemon = start_daemon(plugins=[EVENT_PLUGIN, PTZ_PLUGIN, DOCUMENT_PLUGIN])
     wrong = WRONG_IN_ORDER[first:]
     _, value, text = wrong[0]
@@ -269,7 +269,7 @@ def test_first_of_several_wrong_values_is_told(start_daemon, first):
     ("ptz_pantilt_coordinate_space", "x", INVALID_PAN_TILT_SPACE),
     ("ptz_zoom_coordinate_space", "x", INVALID_ZOOM_SPACE),
 ])
-def test_wrong_value_costs_the_events_too(start_daemon, key, value, text):
+def test_wrong_value_fails_the_request_for_events_too(start_daemon, key, value, text):
     daemon = start_daemon(plugins=[EVENT_PLUGIN, PTZ_PLUGIN, DOCUMENT_PLUGIN])
 
     expect_refused(daemon, {"event": 1, key: value}, text.format(value))
@@ -282,7 +282,7 @@ def test_last_line_of_a_key_counts(ptz_daemon):
         assert next(stream.statuses()).parts == ["Position", "UtcTime"]
 
 
-def test_element_that_is_gone_since_the_start(installation, start_ptz_daemon):
+def test_element_that_is_removed_after_the_start(installation, start_ptz_daemon):
     folder, environment = installation.new_plugin_folder(PTZ_PLUGINS)
     # The first start loads the plug-in to see what it is, the second one knows.
     start_ptz_daemon(environment=environment).end()
@@ -305,7 +305,7 @@ def test_sync_point_shows_the_state_again(ptz_daemon):
             assert any(status.time >= asked for status in stream.statuses())
 
 
-def test_sync_point_is_answered_also_without_a_head(ptz_daemon):
+def test_sync_point_yields_the_status_without_a_head_too(ptz_daemon):
     with ptz_daemon.client() as client:
         stream = client.start(header(ptz=1, video_channel=2))
         stream.next_document()

@@ -35,10 +35,10 @@ def start_radar_daemon(start_daemon):
     return start
 
 
-def some_objects(daemon, **wishes):
+def some_objects(daemon, **fields):
     """The first few objects that come, each as often as it is told."""
     with daemon.client() as client:
-        return list(itertools.islice(objects_of(client.start(header(**wishes)).frames()), 5))
+        return list(itertools.islice(objects_of(client.start(header(**fields)).frames()), 5))
 
 
 # What is told
@@ -68,7 +68,7 @@ def test_objects_have_their_place_on_the_earth(camera, start_radar_daemon):
 
 
 @pytest.mark.parametrize("degrees", [0, 90, 180, 270])
-def test_picture_is_turned_but_not_the_radar(start_camera, start_radar_daemon, degrees):
+def test_rotation_does_not_apply_to_the_radars_measurements(start_camera, start_radar_daemon, degrees):
     start_camera("--rotation", f"1={degrees}")
     inside = [found for found in some_objects(start_radar_daemon("one"), analytics=1)
               if is_inside(found.centre)]
@@ -78,12 +78,12 @@ def test_picture_is_turned_but_not_the_radar(start_camera, start_radar_daemon, d
     assert inside != []
 
 
-def test_radar_knows_nothing_of_a_head(camera, start_radar_daemon):
+def test_radar_frames_have_no_ptz_status(camera, start_radar_daemon):
     daemon = start_radar_daemon("one", "two")
-    for wishes in ({"ptz": 1}, {"ptz": 1, "video_channel": 2},
+    for fields in ({"ptz": 1}, {"ptz": 1, "video_channel": 2},
                    *({key: value} for key, value, _ in WRONG_PTZ + WRONG_SPACES)):
         with daemon.client() as client:
-            (frame,) = client.start(header(analytics=1, **wishes)).next_document().frames
+            (frame,) = client.start(header(analytics=1, **fields)).next_document().frames
         assert frame.ptz is None
 
 
@@ -100,14 +100,14 @@ def test_radar_does_not_need_the_scene_provider(camera, start_radar_daemon):
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 2)
 
 
-def test_each_request_without_rotation_is_warned_of(start_radar_daemon):
+def test_each_request_without_rotation_logs_a_warning(start_radar_daemon):
     daemon = start_radar_daemon("one", "two")
-    for wishes in ({"analytics": 1}, {"analytics": 2, "video_channel": 2}):
-        assert some_objects(daemon, **wishes) != []
+    for fields in ({"analytics": 1}, {"analytics": 2, "video_channel": 2}):
+        assert some_objects(daemon, **fields) != []
         assert daemon.log.take() == [NO_ROTATION]
 
 
-def test_bus_that_is_gone_costs_the_rotation_alone(own_bus, start_radar_daemon):
+def test_stopped_bus_affects_the_rotation_alone(own_bus, start_radar_daemon):
     with all_connected(own_bus):
         daemon = start_radar_daemon("one", on=own_bus)
     own_bus.stop()
@@ -138,7 +138,7 @@ def test_one_request_gets_both_kinds_of_scenes(camera, start_daemon):
 
 
 @pytest.mark.parametrize("names", [{"video": "tracker"}, {"radar": "radar"}])
-def test_kind_that_is_not_enabled_leaves_the_other(camera, start_daemon, names):
+def test_disabled_kind_does_not_affect_the_other(camera, start_daemon, names):
     assert sources(start_with_both(start_daemon, **names)) == set(names.values())
     assert camera.calls(CAPTURE) == 1
 
@@ -155,20 +155,20 @@ def test_without_rotation_only_the_radar_has_scenes(camera, start_daemon):
 
 
 @pytest.mark.parametrize("asked", [{}, {"analytics": 0}, {"analytics": 1}], ids=["not asked", "none", "asked"])
-def test_wrong_channel_is_refused_whether_scenes_are_asked_for_or_not(start_radar_daemon, asked):
+def test_wrong_channel_is_refused_with_and_without_scenes(start_radar_daemon, asked):
     daemon = start_radar_daemon("one")
 
     for key, value, text in WRONG_CHANNELS:
         expect_refused(daemon, asked | {key: value}, text.format(value))
 
 
-def test_wrong_channel_costs_the_events_too(start_radar_daemon):
+def test_wrong_channel_fails_the_request_for_events_too(start_radar_daemon):
     daemon = start_radar_daemon(plugins=(EVENT_PLUGIN, *RADAR_PLUGINS))
 
     expect_refused(daemon, {"event": 1, "video_channel": "abc"}, INVALID_CHANNEL.format("abc"))
 
 
-def test_first_of_several_wrong_values_is_told(start_radar_daemon):
+def test_first_of_several_wrong_values_is_reported(start_radar_daemon):
     daemon = start_radar_daemon("one", plugins=(EVENT_PLUGIN, *RADAR_PLUGINS))
 
     expect_refused(daemon, {"video_channel": "x", "analytics": "3", "event": "2"}, INVALID_EVENT.format("2"))
@@ -176,7 +176,7 @@ def test_first_of_several_wrong_values_is_told(start_radar_daemon):
     expect_refused(daemon, {"video_channel": "x"}, INVALID_CHANNEL.format("x"))
 
 
-def test_factory_of_the_head_judges_first(camera, start_radar_daemon):
+def test_factory_of_ptz_checks_first(camera, start_radar_daemon):
     daemon = start_radar_daemon("one", plugins=(PTZ_PLUGIN, *RADAR_PLUGINS), coordinator_line=None)
 
     expect_refused(daemon, {"analytics": "3", "video_channel": "x"}, INVALID_CHANNEL.format("x"))

@@ -2,7 +2,7 @@
 
 import pytest
 
-from daemon import ERROR, NOTHING_ASKED, NOT_PRODUCED, WARNING
+from daemon import ERROR, NOTHING_REQUESTED, NOT_PRODUCED, WARNING
 from documents import INITIALIZED
 from installation import EVENT_PLUGIN, EVENT_PLUGINS, documented_limit
 
@@ -12,7 +12,7 @@ GDP_VERSION = b"\x01\x00"
 
 NO_REQUEST = b"FAIL\nCould not read request from client socket: "
 NO_HEADER = b"FAIL\nCould not read request header from socket: "
-NOTHING = NOTHING_ASKED.encode()
+NOTHING = NOTHING_REQUESTED.encode()
 TOO_LONG = b"Request longer than %d bytes" % MAX_REQUEST_BYTES
 
 PARAGRAPH_SEPARATOR = "\u2029".encode()
@@ -58,7 +58,7 @@ def close_writing(client):
     (b"\xff\xfe%s%n\n", unknown(b"\xff\xfe%s%n\n", 7)),
     (b"SYNC\n", unknown(b"SYNC\n", 5)),
 ])
-def test_first_line_that_is_no_open(daemon, request_bytes, reply):
+def test_malformed_first_line(daemon, request_bytes, reply):
     assert exchange(daemon, request_bytes) == reply + b"\0"
 
 
@@ -88,7 +88,7 @@ def test_request_that_ends_too_early(daemon, request_bytes, reply):
     (b"OPEN\nevent=1\nOPEN\n\n", unparsable(b"OPEN")),
     (b"OPEN\n\xff%s\n", unparsable(b"\xff%s")),
 ])
-def test_header_line_that_is_none(daemon, request_bytes, reply):
+def test_malformed_header_line(daemon, request_bytes, reply):
     assert exchange(daemon, request_bytes) == reply + b"\0"
 
 
@@ -113,7 +113,7 @@ def test_header_line_that_is_none(daemon, request_bytes, reply):
     b"event=0\nevent_topic=|||\nevent_content=(((\n",
     b"\xff=\xfe\n",
 ])
-def test_nothing_asked(daemon, header):
+def test_nothing_requested(daemon, header):
     assert exchange(daemon, b"OPEN\n" + header + b"\n") == NOTHING + b"\0"
 
 
@@ -128,7 +128,7 @@ def test_nothing_asked(daemon, header):
     "event=true\nevent=1\n",
     "analytics=0\nnobody=knows\nevent=1\nptz=\n",
 ])
-def test_events_asked(daemon, header):
+def test_events_requested(daemon, header):
     with daemon.client() as client:
         stream = client.start(header)
 
@@ -151,7 +151,7 @@ def test_wrong_event_value(daemon, line, value):
     assert daemon.log.take() == [(WARNING, wrong_event(value))]
 
 
-def test_ok_is_the_first_that_a_client_receives(daemon):
+def test_ok_precedes_the_stream(daemon):
     with daemon.client() as client:
         client.send(b"OPEN\nevent=1\n\n")
         received = client.read_exactly(len(b"OK\0" + GDP_VERSION))
@@ -202,7 +202,7 @@ def test_client_that_does_not_wait_for_its_reply(daemon, request_bytes):
             client.send(request_bytes)
 
     with daemon.client() as other:
-        assert other.ask("") == NOTHING_ASKED
+        assert other.request("") == NOTHING_REQUESTED
 
 
 def test_element_that_is_missing(start_daemon):
@@ -212,7 +212,7 @@ def test_element_that_is_missing(start_daemon):
     assert daemon.log.take() == [(ERROR, "Could not create onvifxmlmetadatastreamdoc.")]
 
 
-def test_source_that_is_gone_since_the_start(installation, start_daemon):
+def test_source_that_is_removed_after_the_start(installation, start_daemon):
     folder, environment = installation.new_plugin_folder(EVENT_PLUGINS)
     # The first start loads the plug-in to see what it is, the second one knows.
     start_daemon(environment=environment).end()

@@ -227,7 +227,7 @@ def failure(request, workspace):
 # Before the retries, which the first test begins, are over.
 
 
-def test_change_that_cannot_be_saved_comes_with_the_next(retries, failure, start_daemon, control):
+def test_change_that_cannot_be_saved_is_saved_with_the_next(retries, failure, start_daemon, control):
     daemon = start_daemon(plugins=PLUGINS, **failure.arguments())
     change_while_saves_fail(failure, daemon, control)
 

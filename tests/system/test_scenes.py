@@ -10,7 +10,7 @@ import pytest
 
 from busclient import BusMonitor
 from client import header
-from daemon import NOTHING_ASKED, producers_enabled
+from daemon import NOTHING_REQUESTED, producers_enabled
 from documents import EVENTS, PAN_TILT_SPACES, SCENE, ZOOM_SPACES
 from installation import (EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGINS,
                           documented_limit)
@@ -41,22 +41,22 @@ def start_scene_daemon(start_daemon):
     return start
 
 
-def first_frame(daemon, **wishes):
+def first_frame(daemon, **fields):
     with daemon.client() as client:
-        (frame,) = client.start(header(**wishes)).next_document().frames
+        (frame,) = client.start(header(**fields)).next_document().frames
     return frame
 
 
-def expect_nothing(daemon, **wishes):
+def expect_nothing(daemon, **fields):
     with daemon.client() as client:
-        assert client.ask(header(**wishes)) == NOTHING_ASKED
+        assert client.request(header(**fields)) == NOTHING_REQUESTED
 
 
 # What is told
 
 
 @pytest.mark.parametrize("analytics, polygons", [(WITH_BOXES, False), (WITH_POLYGONS, True)])
-def test_objects_have_what_was_asked_for(camera, start_scene_daemon, kind, analytics, polygons):
+def test_objects_have_the_requested_parts(camera, start_scene_daemon, kind, analytics, polygons):
     daemon = start_scene_daemon(kind, "one")
     with daemon.client() as client:
         stream = client.start(header(analytics=analytics))
@@ -81,7 +81,7 @@ def test_first_document_is_one_frame(camera, start_scene_daemon, kind):
     assert document.frames[0].ptz is None
 
 
-def test_who_leaves_is_told_once(camera, start_scene_daemon, kind):
+def test_object_that_leaves_is_deleted_once(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one")
     present, gone = set(), []
     with daemon.client() as client:
@@ -96,12 +96,12 @@ def test_who_leaves_is_told_once(camera, start_scene_daemon, kind):
     assert len(set(gone)) == len(gone)
 
 
-@pytest.mark.parametrize("wishes", [{}, {"analytics": 0}, {"video_channel": 1},
+@pytest.mark.parametrize("fields", [{}, {"analytics": 0}, {"video_channel": 1},
                                     {"analytics": 0, "video_channel": 2}])
-def test_nothing_is_told_unless_asked_for(camera, start_scene_daemon, kind, wishes):
+def test_no_metadata_without_a_request_for_it(camera, start_scene_daemon, kind, fields):
     daemon = start_scene_daemon(kind, "one", "two")
 
-    expect_nothing(daemon, **wishes)
+    expect_nothing(daemon, **fields)
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
@@ -111,7 +111,7 @@ def test_camera_without_scenes_has_none(camera, start_daemon):
     expect_nothing(daemon, analytics=1)
 
 
-def test_sync_point_is_answered(camera, start_scene_daemon, kind):
+def test_sync_point_yields_the_current_state(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one", speed=1)
     with daemon.client() as client:
         stream = client.start(header(analytics=1))
@@ -124,7 +124,7 @@ def test_sync_point_is_answered(camera, start_scene_daemon, kind):
 # Channels and names
 
 
-def test_channel_is_the_first_unless_asked_for(camera, start_scene_daemon, kind):
+def test_default_channel_is_the_first(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one", "two")
 
     assert first_frame(daemon, analytics=1).source == "one"
@@ -155,25 +155,25 @@ def test_source_is_the_configuration_name(camera, start_scene_daemon, kind, name
     assert first_frame(daemon, analytics=1).source == name
 
 
-@pytest.mark.parametrize("wishes", [{}, {"video_channel": 1}, {"video_channel": 3}, {"video_channel": ""},
+@pytest.mark.parametrize("fields", [{}, {"video_channel": 1}, {"video_channel": 3}, {"video_channel": ""},
                                     {"video_channel": 2147483646}])
-def test_channel_that_is_not_enabled_brings_nothing(camera, start_scene_daemon, kind, wishes):
+def test_disabled_channel_yields_no_metadata(camera, start_scene_daemon, kind, fields):
     daemon = start_scene_daemon(kind, "", "two")
     # Whoever waited for this would not be done in time.
     camera.absent(SCENES)
 
-    expect_nothing(daemon, analytics=1, **wishes)
+    expect_nothing(daemon, analytics=1, **fields)
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
-def test_producers_file_without_the_tracker_brings_nothing(camera, start_daemon, kind):
+def test_producers_file_without_the_tracker_yields_no_metadata(camera, start_daemon, kind):
     daemon = start_daemon(plugins=kind.plugins, producers="")
 
     expect_nothing(daemon, analytics=1)
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
-def test_channel_that_is_not_enabled_leaves_the_events(camera, start_daemon, kind):
+def test_disabled_channel_does_not_affect_events(camera, start_daemon, kind):
     daemon = start_daemon(plugins=(EVENT_PLUGIN, *kind.plugins), producers=kind.enabled("", "two"), speed=100)
     with daemon.client() as client:
         documents = client.start(header(event=1, analytics=1)).documents()
@@ -201,7 +201,7 @@ def compare_places(plain, turned, degrees):
             return
 
 
-def test_picture_is_turned_as_the_capture_service_says(start_camera, start_scene_daemon, kind):
+def test_picture_has_the_rotation_of_the_capture_service(start_camera, start_scene_daemon, kind):
     camera = start_camera("--channels", "4", "--rotation", "2=90", "--rotation", "3=180", "--rotation", "4=270")
     daemon = start_scene_daemon(kind, "one", "two", "three", "four")
     with contextlib.ExitStack() as stack:
@@ -213,7 +213,7 @@ def test_picture_is_turned_as_the_capture_service_says(start_camera, start_scene
     assert camera.calls(CAPTURE) == 4
 
 
-def test_picture_is_not_turned_unless_the_capture_service_says_so(camera, start_scene_daemon, kind):
+def test_picture_is_not_rotated_without_the_capture_service(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one", "two")
     with daemon.client() as first, daemon.client() as second:
         one = first.start(header(analytics=1))
@@ -225,7 +225,7 @@ def test_picture_is_not_turned_unless_the_capture_service_says_so(camera, start_
         compare_places(one, two, 0)
 
 
-def test_picture_is_turned_as_it_was_at_the_request(camera, start_scene_daemon, kind):
+def test_picture_keeps_the_rotation_of_the_request(camera, start_scene_daemon, kind):
     daemon = start_scene_daemon(kind, "one")
     with daemon.client() as first, daemon.client() as second:
         plain = first.start(header(analytics=1))
@@ -234,7 +234,7 @@ def test_picture_is_turned_as_it_was_at_the_request(camera, start_scene_daemon, 
         compare_places(plain, turned, 180)
 
 
-def test_capture_service_that_tells_no_rotation(start_camera, start_scene_daemon, kind):
+def test_capture_service_without_a_rotation(start_camera, start_scene_daemon, kind):
     start_camera("--rotation", "1=none")
     daemon = start_scene_daemon(kind, "one", "two")
     with daemon.client() as first, daemon.client() as second:
@@ -253,7 +253,7 @@ def test_rotation_of_another_type_counts_as_none(start_camera, start_scene_daemo
         compare_places(plain, second.start(header(analytics=1)), 0)
 
 
-def test_slow_capture_service_is_waited_for(start_camera, start_scene_daemon, kind):
+def test_request_waits_for_a_slow_capture_service(start_camera, start_scene_daemon, kind):
     camera = start_camera("--rotation", "1=90", "--fault", "capture=slow:300")
     daemon = start_scene_daemon(kind, "one", "two")
     with daemon.client() as first, daemon.client() as second:
@@ -285,14 +285,14 @@ FAILURES = [no_service, no_object, inject_fault("error"), inject_fault("error", 
             inject_fault("reply", "(<{'rotation': <uint32 90>}>, 1)")]
 
 
-def expect_no_rotation(daemon, kind, **wishes):
+def expect_no_rotation(daemon, kind, **fields):
     """Expects of a request what becomes of it when nobody tells the rotation."""
     if kind is VIDEO:
-        expect_nothing(daemon, **wishes)
+        expect_nothing(daemon, **fields)
         assert daemon.log.take() == []
         return
     with daemon.client() as client:
-        frames = client.start(header(**wishes)).frames()
+        frames = client.start(header(**fields)).frames()
         found = next(found for found in objects_of(frames) if is_inside(found.centre))
         assert found.centre == pytest.approx(seen_by_radar(found.radar), abs=RADAR_ROUNDING)
     assert daemon.log.take() == [NO_ROTATION]
@@ -307,15 +307,15 @@ def test_capture_service_that_fails(start_camera, start_scene_daemon, kind, fail
     expect_no_rotation(daemon, kind, analytics=1, video_channel=2)
 
 
-def test_capture_service_that_ends_without_an_answer(start_camera, start_scene_daemon, kind):
+def test_capture_service_that_ends_without_a_reply(start_camera, start_scene_daemon, kind):
     camera = start_camera("--fault", "capture=never")
     daemon = start_scene_daemon(kind, "one")
     with daemon.client() as client:
-        client.request(header(analytics=1))
+        client.send_request(header(analytics=1))
         wait_until(lambda: camera.calls(CAPTURE) == 1, "the daemon asks for the rotation")
         camera.end()
 
-        assert client.read_reply().decode() == (NOTHING_ASKED if kind is VIDEO else "OK")
+        assert client.read_reply().decode() == (NOTHING_REQUESTED if kind is VIDEO else "OK")
     assert daemon.log.take() == ([] if kind is VIDEO else [NO_ROTATION])
 
 
@@ -344,20 +344,20 @@ def start_and_expect_frames(client):
     assert next(client.open_stream().frames()).source == "one"
 
 
-def test_provider_is_asked_once_when_it_is_there(camera, start_scene_daemon):
+def test_provider_is_called_once(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one")
 
     assert first_frame(daemon, analytics=1).source == "one"
     assert camera.calls(SCENES) == 1
 
 
-def test_absent_provider_is_waited_for(camera, monitor, start_scene_daemon):
+def test_request_waits_for_an_absent_provider(camera, monitor, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one")
     camera.absent(SCENES)
     with daemon.client() as client:
-        client.request(header(analytics=1))
+        client.send_request(header(analytics=1))
         wait_until(lambda: monitor.calls >= 2, "the daemon looks for the provider twice")
-        assert not client.is_answered()
+        assert not client.has_input()
         camera.present(SCENES)
 
         start_and_expect_frames(client)
@@ -368,7 +368,7 @@ WRONG_ANSWERS = [["error"], ["never"], ["slow", "5000"], ["wrong-type"], ["wrong
                  ["nested"], ["empty"], ["reply", "(-1,)"], ["reply", "(int64 1,)"]]
 
 
-def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, start_scene_daemon):
+def test_request_waits_for_a_provider_with_a_wrong_reply(start_bus, start_camera, start_scene_daemon):
     # All at once, because each takes seconds.
     cameras, daemons = [], []
     with contextlib.ExitStack() as stack:
@@ -378,10 +378,10 @@ def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, sta
             daemons.append(start_scene_daemon(VIDEO, "one", on=bus))
         clients = [stack.enter_context(daemon.client()) for daemon in daemons]
         for client in clients:
-            client.request(header(analytics=1))
+            client.send_request(header(analytics=1))
         for camera in cameras:
             wait_until(lambda camera=camera: camera.calls(SCENES) >= 2, "the daemon asks the provider again")
-        assert not any(client.is_answered() for client in clients)
+        assert not any(client.has_input() for client in clients)
         for camera in cameras:
             camera.clear_fault(SCENES)
 
@@ -391,30 +391,30 @@ def test_provider_with_a_wrong_answer_is_waited_for(start_bus, start_camera, sta
         assert daemon.log.take() == []
 
 
-def test_provider_that_hangs_is_asked_again_and_again(camera, monitor, start_scene_daemon):
+def test_provider_that_hangs_is_called_repeatedly(camera, monitor, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one")
     with daemon.client() as client:
         with suspended(camera.process):
-            client.request(header(analytics=1))
+            client.send_request(header(analytics=1))
             wait_until(lambda: monitor.calls >= 4, "the daemon looks for the provider four times")
-            assert not client.is_answered()
+            assert not client.has_input()
 
         start_and_expect_frames(client)
     assert daemon.log.take() == []
 
 
-def test_requests_that_wait_keep_those_behind_them(camera, start_scene_daemon):
+def test_waiting_requests_delay_later_ones(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one", "two", plugins=(EVENT_PLUGIN, *SCENE_PLUGINS))
     camera.channels(0)
     with daemon.client() as first, daemon.client() as second, daemon.client() as third:
         # Both threads for requests are taken.
-        first.request(header(analytics=1))
-        second.request(header(analytics=2))
+        first.send_request(header(analytics=1))
+        second.send_request(header(analytics=2))
         wait_until(lambda: camera.calls(SCENES) >= 2, "the daemon asks for both")
-        third.request(header(event=1))
+        third.send_request(header(event=1))
         before = camera.calls(SCENES)
         wait_until(lambda: camera.calls(SCENES) >= before + 2, "the daemon asks for both again")
-        assert not any(client.is_answered() for client in (first, second, third))
+        assert not any(client.has_input() for client in (first, second, third))
         camera.channels(2)
 
         start_and_expect_frames(first)
@@ -424,15 +424,15 @@ def test_requests_that_wait_keep_those_behind_them(camera, start_scene_daemon):
     assert daemon.log.take() == []
 
 
-def test_one_request_that_waits_keeps_nobody(camera, start_scene_daemon):
+def test_one_waiting_request_delays_no_others(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one", plugins=(EVENT_PLUGIN, *SCENE_PLUGINS))
     camera.channels(0)
     with daemon.client() as waiting, daemon.client() as other:
-        waiting.request(header(event=1, analytics=1))
+        waiting.send_request(header(event=1, analytics=1))
         wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon asks the provider")
 
         assert other.start(header(event=1)).next_document().kind == EVENTS
-        assert not waiting.is_answered()
+        assert not waiting.has_input()
 
 
 # How soon a request that waits ends when its client hangs up: the median of so many tries.
@@ -445,7 +445,7 @@ def seconds_to_go(daemon, monitor):
     before = wait_until_settled(daemon.descriptors, "no request takes any descriptors")
     calls = monitor.calls
     with daemon.client() as gone:
-        gone.request(header(analytics=1))
+        gone.send_request(header(analytics=1))
         wait_until(lambda: monitor.calls > calls, "the daemon looks for the provider")
     began = time.monotonic()
     wait_until(lambda: daemon.descriptors() == before, "what the request took is free")
@@ -472,7 +472,7 @@ def test_waiting_ends_with_the_daemon(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one")
     camera.channels(0)
     with daemon.client() as client:
-        client.request(header(analytics=1))
+        client.send_request(header(analytics=1))
         wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon asks the provider")
         daemon.end()
 
@@ -483,7 +483,7 @@ def test_waiting_ends_with_the_daemon(camera, start_scene_daemon):
 
 
 @pytest.mark.parametrize("ptz", [1, 2, 3])
-def test_frames_tell_of_the_head(camera, start_scene_daemon, ptz):
+def test_frames_have_the_ptz_status(camera, start_scene_daemon, ptz):
     daemon = start_scene_daemon(VIDEO, "one")
     frame = first_frame(daemon, analytics=1, ptz=ptz)
 
@@ -494,7 +494,7 @@ def test_frames_tell_of_the_head(camera, start_scene_daemon, ptz):
 
 
 @pytest.mark.parametrize("space", [0, 1, 2])
-def test_frames_tell_of_the_head_in_the_spaces_asked_for(camera, start_scene_daemon, space):
+def test_frames_have_the_ptz_status_in_the_requested_spaces(camera, start_scene_daemon, space):
     daemon = start_scene_daemon(VIDEO, "one")
     frame = first_frame(daemon, analytics=1, ptz=1, ptz_pantilt_coordinate_space=space,
                         ptz_zoom_coordinate_space=2 - space)
@@ -503,9 +503,9 @@ def test_frames_tell_of_the_head_in_the_spaces_asked_for(camera, start_scene_dae
     assert frame.ptz.zoom_space == ZOOM_SPACES[2 - space]
 
 
-@pytest.mark.parametrize("wishes", [{}, {"ptz": 0}, {"ptz_pantilt_coordinate_space": 1}])
-def test_frames_do_not_tell_of_the_head_unless_asked_for(camera, start_scene_daemon, wishes):
-    assert first_frame(start_scene_daemon(VIDEO, "one"), analytics=1, **wishes).ptz is None
+@pytest.mark.parametrize("fields", [{}, {"ptz": 0}, {"ptz_pantilt_coordinate_space": 1}])
+def test_frames_have_no_ptz_status_without_a_request_for_it(camera, start_scene_daemon, fields):
+    assert first_frame(start_scene_daemon(VIDEO, "one"), analytics=1, **fields).ptz is None
 
 
 def test_move_capabilities_are_not_known_without_the_ptz_plugin(start_camera, start_scene_daemon):
@@ -587,7 +587,7 @@ WRONG_IN_ORDER_WITH_PTZ = [
 
 @pytest.mark.parametrize("plugins, order", [((), WRONG_IN_ORDER), ((PTZ_PLUGIN,), WRONG_IN_ORDER_WITH_PTZ)],
                          ids=["without PTZ", "with PTZ"])
-def test_first_of_several_wrong_values_is_told(start_scene_daemon, plugins, order):
+def test_first_of_several_wrong_values_is_reported(start_scene_daemon, plugins, order):
     daemon = start_scene_daemon(VIDEO, "one", plugins=(EVENT_PLUGIN, RADAR_PLUGIN, *SCENE_PLUGINS, *plugins))
 
     for first, (_, value, text) in enumerate(order):
@@ -598,7 +598,7 @@ def test_first_of_several_wrong_values_is_told(start_scene_daemon, plugins, orde
         expect_refused(daemon, dict(reversed(wrong.items())), text.format(value))
 
 
-def test_elements_that_are_gone_since_the_start(camera, installation, start_scene_daemon, kind):
+def test_elements_that_are_removed_after_the_start(camera, installation, start_scene_daemon, kind):
     folder, environment = installation.new_plugin_folder(kind.plugins)
     # The first start loads the plug-in to see what it is, the second one knows.
     start_scene_daemon(kind, "one", environment=environment).end()

@@ -10,7 +10,7 @@ import time
 import pytest
 
 from client import header
-from daemon import ERROR, NOTHING_ASKED, RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
+from daemon import ERROR, NOTHING_REQUESTED, RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
 from installation import SIMULATED_PLUGINS, TREE, documented_limit
 from controlclient import path_of
 from waiting import wait_until, wait_until_settled
@@ -94,17 +94,17 @@ def expect_idle(daemon):
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
 
 
-def ask(client, wishes):
+def request_metadata(client, fields):
     """Asks for metadata and returns the text of the reply, which may be there before the request."""
     with contextlib.suppress(BrokenPipeError):
-        client.request(header(**wishes))
+        client.send_request(header(**fields))
     return client.read_reply().decode()
 
 
-def ask_and_read(daemon, wishes):
+def request_and_read(daemon, fields):
     """Asks for metadata; whether it came. Otherwise there has to be the text and then the end."""
     with daemon.client() as client:
-        reply = ask(client, wishes)
+        reply = request_metadata(client, fields)
         if reply == "OK":
             client.open_stream().next_document()
             return True
@@ -130,9 +130,9 @@ def test_every_number_of_free_descriptors_serves_or_refuses(full_daemon, kind):
     served = {}
     for count in range(ENOUGH + 1):
         with free_descriptors(full_daemon, count):
-            served[count] = ask_and_read(full_daemon, KINDS[kind])
+            served[count] = request_and_read(full_daemon, KINDS[kind])
             expect_idle(full_daemon)
-        assert ask_and_read(full_daemon, KINDS[kind])
+        assert request_and_read(full_daemon, KINDS[kind])
         expect_idle(full_daemon)
 
     assert served[ENOUGH]
@@ -144,10 +144,10 @@ def test_clients_without_a_descriptor_are_refused_one_by_one(full_daemon):
     began = time.monotonic()
     with free_descriptors(full_daemon, 0):
         for _ in range(10):
-            assert not ask_and_read(full_daemon, KINDS["event"])
+            assert not request_and_read(full_daemon, KINDS["event"])
 
     expect_only_shortages(full_daemon, began, without_any=10)
-    assert ask_and_read(full_daemon, KINDS["all"])
+    assert request_and_read(full_daemon, KINDS["all"])
 
 
 def test_waiting_clients_leave_the_reserve(full_daemon):
@@ -156,14 +156,14 @@ def test_waiting_clients_leave_the_reserve(full_daemon):
         silent = [stack.enter_context(full_daemon.client()) for _ in range(3)]
         wait_until(lambda: full_daemon.descriptors() == full_daemon.idle_descriptors + 3, "they are accepted")
         for _ in range(10):
-            assert not ask_and_read(full_daemon, KINDS["event"])
+            assert not request_and_read(full_daemon, KINDS["event"])
         assert full_daemon.descriptors() == full_daemon.idle_descriptors + 3
         for client in silent:
-            client.request("")
-            assert client.read_reply().decode() in (NOTHING_ASKED, NOT_CREATED)
+            client.send_request("")
+            assert client.read_reply().decode() in (NOTHING_REQUESTED, NOT_CREATED)
 
     expect_only_shortages(full_daemon, began)
-    assert ask_and_read(full_daemon, KINDS["all"])
+    assert request_and_read(full_daemon, KINDS["all"])
 
 
 # A crowd
@@ -177,19 +177,19 @@ CROWD_LIMIT = 512
 AT_ONCE = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS")
 
 
-def test_each_client_of_a_crowd_is_answered(full_daemon):
+def test_each_client_of_a_crowd_gets_a_reply(full_daemon):
     began = time.monotonic()
     full_daemon.limit_descriptors(CROWD_LIMIT)
     with contextlib.ExitStack() as stack:
 
-        def ask_for(kind):
+        def request_kind(kind):
             client = stack.enter_context(full_daemon.client())
-            reply = ask(client, KINDS[kind])
+            reply = request_metadata(client, KINDS[kind])
             assert reply in ("OK", NOT_CREATED)
             return client, reply == "OK"
 
         with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
-            asked = list(clients.map(ask_for, itertools.islice(itertools.cycle(KINDS), CROWD)))
+            asked = list(clients.map(request_kind, itertools.islice(itertools.cycle(KINDS), CROWD)))
 
         served = [client for client, is_served in asked if is_served]
         assert 0 < len(served) < CROWD
@@ -202,7 +202,7 @@ def test_each_client_of_a_crowd_is_answered(full_daemon):
 
     expect_idle(full_daemon)
     expect_only_shortages(full_daemon, began)
-    assert ask_and_read(full_daemon, KINDS["all"])
+    assert request_and_read(full_daemon, KINDS["all"])
 
 
 # What clients cost
@@ -235,7 +235,7 @@ def limit_in_unit(name):
 
 
 @pytest.mark.parametrize("kind", KINDS)
-def test_client_costs_what_the_docs_say(full_daemon, kind):
+def test_client_needs_the_documented_descriptors(full_daemon, kind):
     descriptors, with_producers, threads = DOCUMENTED_COSTS[NAMES_IN_DOCS[kind]]
     descriptors += len(EXTERNAL) if with_producers else 0
     idle_threads = wait_until_settled(full_daemon.threads, "threads of the start have ended")
@@ -248,7 +248,7 @@ def test_client_costs_what_the_docs_say(full_daemon, kind):
         wait_until(lambda: full_daemon.threads() == idle_threads + MEASURED * threads, "their threads have been made")
 
 
-def test_descriptors_of_the_service_are_those_of_the_sum():
+def test_descriptor_limit_of_the_service_is_the_documented_sum():
     rows = re.search(r"^\| descriptors \| sum \|\n\|---\|---\|\n((?:\|.*\n)+)", DOCS, re.MULTILINE).group(1)
     sums = {name: number(value) for name, value in re.findall(r"^\| (.+) \| ([\d,]+) \|$", rows, re.MULTILINE)}
     *parts, together = sums.values()
@@ -261,7 +261,7 @@ def test_descriptors_of_the_service_are_those_of_the_sum():
     assert f"{parts[0]} descriptors, and {together - parts[0]} for the daemon itself" in re.sub(r"\s+", " ", MANUAL)
 
 
-def test_descriptors_run_out_before_threads_whatever_clients_ask_for():
+def test_descriptors_run_out_before_threads_for_every_request():
     descriptors, tasks = limit_in_unit("LimitNOFILE"), limit_in_unit("TasksMax")
     (own_threads,) = map(int, re.findall(r"threads, and (\d+) are for the daemon itself", DOCS))
 

@@ -117,7 +117,7 @@ def test_no_document_at_all(show):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_signal_does_not_cost_the_summary(number):
+def test_summary_is_printed_after_a_signal(number):
     with subprocess.Popen([SHOW_METADATA], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
         process.stdin.write(event())
         process.stdin.flush()

@@ -35,7 +35,7 @@ SAMPLE_FRAME = (
     '{"UtcTime":"2024-01-01T00:00:00.000000Z","Objects":[{"Id":2,"BoundingBox":{"Left":0.18,"Top":0.14,"Right":0.62,'
     '"Bottom":-0.14},"Type":"Vehicle","Likelihood":0.92}],"Deleted":[]}')
 
-RIGHT_ANSWERS = {
+RIGHT_REPLIES = {
     PTZ: "(<7>,)",
     CAPTURE: "(<{'rotation': <uint32 0>}>,)",
     SCENES: "(2,)",
@@ -58,13 +58,13 @@ VERBS = ("absent, present, inject-fault, clear-fault, calls, channels, rotation,
 KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
 
-class Asker(BusClient):
+class Caller(BusClient):
     """Asks what the daemon asks."""
 
     def capture(self, channel=1, **arguments):
         return self.get(BUS_NAMES[CAPTURE], f"{CAPTURE_PATH}/{channel}", *CAPTURE_PROPERTY, **arguments)
 
-    def ask(self, service, **arguments):
+    def call_service(self, service, **arguments):
         """The reply as GVariant's text format has it."""
         if service == PTZ:
             reply = self.get(*PTZ_OBJECT, *PTZ_PROPERTY, **arguments)
@@ -87,8 +87,8 @@ def start_camera(start_camera):
 
 
 @pytest.fixture
-def asker(bus):
-    connected = Asker(bus)
+def caller(bus):
+    connected = Caller(bus)
     yield connected
     connected.close()
 
@@ -102,54 +102,54 @@ def start_failing(installation, bus, *options):
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_services_answer_what_the_daemon_asks(camera, asker, service):
-    assert asker.ask(service) == RIGHT_ANSWERS[service]
+def test_services_reply_to_the_daemons_calls(camera, caller, service):
+    assert caller.call_service(service) == RIGHT_REPLIES[service]
 
 
 @pytest.mark.parametrize("value", [-2147483648, 0, 2147483647])
-def test_move_capabilities_are_what_was_asked_for(start_camera, asker, value):
+def test_move_capabilities_are_the_option(start_camera, caller, value):
     camera = start_camera("--move-capabilities", str(value))
-    assert asker.ask(PTZ) == f"(<{value}>,)"
+    assert caller.call_service(PTZ) == f"(<{value}>,)"
 
     camera.move_capabilities(3)
-    assert asker.ask(PTZ) == "(<3>,)"
+    assert caller.call_service(PTZ) == "(<3>,)"
 
     camera.move_capabilities(value)
-    assert asker.ask(PTZ) == f"(<{value}>,)"
+    assert caller.call_service(PTZ) == f"(<{value}>,)"
 
 
-def test_rotation_is_told_for_each_channel(start_camera, asker):
+def test_each_channel_has_its_rotation(start_camera, caller):
     camera = start_camera("--rotation", "1=90", "--rotation", "3=none", "--channels", "3")
-    assert [asker.rotation(channel) for channel in (1, 2, 3)] == [
+    assert [caller.rotation(channel) for channel in (1, 2, 3)] == [
         "(<{'rotation': <uint32 90>}>,)", "(<{'rotation': <uint32 0>}>,)", "(<@a{sv} {}>,)"]
 
     camera.rotation(1, "none")
     camera.rotation(2, 4294967295)
     camera.rotation(3, 180)
-    assert [asker.rotation(channel) for channel in (1, 2, 3)] == [
+    assert [caller.rotation(channel) for channel in (1, 2, 3)] == [
         "(<@a{sv} {}>,)", "(<{'rotation': <uint32 4294967295>}>,)", "(<{'rotation': <uint32 180>}>,)"]
 
 
 @pytest.mark.parametrize("count", [0, 1, MAX_CHANNELS])
-def test_every_channel_is_an_object_and_counted(start_camera, asker, count):
+def test_every_channel_is_an_object_and_counted(start_camera, caller, count):
     start_camera("--channels", str(count))
 
-    introspection = asker.call(BUS_NAMES[CAPTURE], CAPTURE_PATH, "org.freedesktop.DBus.Introspectable",
-                               "Introspect").unpack()[0]
+    introspection = caller.call(BUS_NAMES[CAPTURE], CAPTURE_PATH, "org.freedesktop.DBus.Introspectable",
+                                "Introspect").unpack()[0]
     nodes = [node.path for node in Gio.DBusNodeInfo.new_for_xml(introspection).nodes]
     assert sorted(nodes, key=int) == [str(channel) for channel in range(1, count + 1)]
-    assert asker.ask(SCENES) == f"({count},)"
+    assert caller.call_service(SCENES) == f"({count},)"
 
 
-def test_channels_come_and_go_with_their_rotation(camera, asker):
+def test_channels_are_added_and_removed_with_their_rotation(camera, caller):
     camera.rotation(2, 270)
     camera.channels(1)
     with pytest.raises(GLib.Error) as failed:
-        asker.capture(2)
+        caller.capture(2)
     assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.UnknownMethod"
 
     camera.channels(2)
-    assert asker.rotation(2) == "(<{'rotation': <uint32 270>}>,)"
+    assert caller.rotation(2) == "(<{'rotation': <uint32 270>}>,)"
 
 
 @pytest.mark.parametrize("name, path, interface, values", [
@@ -160,11 +160,11 @@ def test_channels_come_and_go_with_their_rotation(camera, asker):
                                            "'NiceName': <'Simulated vehicle detector'>, "
                                            "'SupportedChannels': <[uint32 1, 2]>},)"),
 ])
-def test_all_properties_can_be_read_at_once(camera, asker, name, path, interface, values):
+def test_all_properties_can_be_read_at_once(camera, caller, name, path, interface, values):
     for service in SERVICES:
         camera.inject_fault(service, "never")
 
-    reply = asker.call(name, path, PROPERTIES, "GetAll", GLib.Variant("(s)", (interface,)))
+    reply = caller.call(name, path, PROPERTIES, "GetAll", GLib.Variant("(s)", (interface,)))
     assert reply.print_(True) == values
     assert [camera.calls(service) for service in SERVICES] == [0] * len(SERVICES)
 
@@ -195,49 +195,49 @@ WRONG_REPLIES = [
 
 
 @pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
-def test_wrong_replies_are_sent_as_they_are(camera, asker, service, how, reply):
+def test_wrong_replies_are_sent_as_they_are(camera, caller, service, how, reply):
     camera.inject_fault(service, how)
-    assert asker.ask(service) == reply
+    assert caller.call_service(service) == reply
 
     camera.clear_fault(service)
-    assert asker.ask(service) == RIGHT_ANSWERS[service]
+    assert caller.call_service(service) == RIGHT_REPLIES[service]
 
 
 @pytest.mark.parametrize("service, how, reply", WRONG_REPLIES)
-def test_wrong_replies_can_be_asked_for_from_the_start(start_camera, asker, service, how, reply):
+def test_wrong_replies_can_be_injected_from_the_start(start_camera, caller, service, how, reply):
     start_camera("--fault", f"{service}={how}")
 
-    assert asker.ask(service) == reply
+    assert caller.call_service(service) == reply
 
 
 @pytest.mark.parametrize("service", SERVICES)
 @pytest.mark.parametrize("reply", ["(@av [],)", "('two', 'words')", "(<[1, 2]>,)", "({'rotation': 'a=b:c'},)"])
-def test_any_reply_can_be_asked_for(start_camera, asker, service, reply):
+def test_any_reply_can_be_injected(start_camera, caller, service, reply):
     camera = start_camera("--fault", f"{service}=reply:{reply}")
-    assert asker.ask(service) == reply
+    assert caller.call_service(service) == reply
 
     camera.inject_fault(service, "error")
     camera.inject_fault(service, "reply", reply)
-    assert asker.ask(service) == reply
+    assert caller.call_service(service) == reply
 
 
-def expect_error(asker, service, text):
+def expect_error(caller, service, text):
     with pytest.raises(GLib.Error) as failed:
-        asker.ask(service)
+        caller.call_service(service)
     assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.Failed"
     assert error_text(failed.value) == text
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_errors_come_with_their_text(camera, asker, service):
+def test_errors_have_their_text(camera, caller, service):
     camera.inject_fault(service, "error", "No such ü: 1=2")
-    expect_error(asker, service, "No such ü: 1=2")
+    expect_error(caller, service, "No such ü: 1=2")
 
     camera.inject_fault(service, "error", "")
-    expect_error(asker, service, "")
+    expect_error(caller, service, "")
 
     camera.inject_fault(service, "error")
-    expect_error(asker, service, DEFAULT_ERROR_TEXT)
+    expect_error(caller, service, DEFAULT_ERROR_TEXT)
 
 
 @pytest.mark.parametrize("option, text", [
@@ -245,59 +245,59 @@ def test_errors_come_with_their_text(camera, asker, service):
     ("ptz=error:", ""),
     ("ptz=error:No such ü: 1=2", "No such ü: 1=2"),
 ])
-def test_errors_can_be_asked_for_from_the_start(start_camera, asker, option, text):
+def test_errors_can_be_injected_from_the_start(start_camera, caller, option, text):
     start_camera("--fault", option)
 
-    expect_error(asker, PTZ, text)
+    expect_error(caller, PTZ, text)
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_slow_answers_are_right_and_late(camera, asker, service):
+def test_slow_replies_are_correct_and_late(camera, caller, service):
     camera.inject_fault(service, "slow", SLOW_MS)
     began = time.monotonic()
-    assert asker.ask(service) == RIGHT_ANSWERS[service]
+    assert caller.call_service(service) == RIGHT_REPLIES[service]
 
     assert time.monotonic() - began >= SLOW_MS / 1000
 
 
-def test_slow_service_keeps_nobody_else_waiting(camera, asker):
+def test_slow_service_delays_no_other(camera, caller):
     camera.inject_fault(PTZ, "slow", 600000)
     with pytest.raises(GLib.Error) as failed:
-        asker.ask(PTZ, seconds=SLOW_MS / 1000)
+        caller.call_service(PTZ, seconds=SLOW_MS / 1000)
     assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
 
-    assert asker.ask(CAPTURE) == RIGHT_ANSWERS[CAPTURE]
-    assert asker.ask(SCENES) == RIGHT_ANSWERS[SCENES]
+    assert caller.call_service(CAPTURE) == RIGHT_REPLIES[CAPTURE]
+    assert caller.call_service(SCENES) == RIGHT_REPLIES[SCENES]
     camera.clear_fault(PTZ)
-    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+    assert caller.call_service(PTZ) == RIGHT_REPLIES[PTZ]
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_no_answer_ever_comes(camera, asker, service):
+def test_fault_never_suppresses_the_reply(camera, caller, service):
     camera.inject_fault(service, "never")
     with pytest.raises(GLib.Error) as failed:
-        asker.ask(service, seconds=SLOW_MS / 1000)
+        caller.call_service(service, seconds=SLOW_MS / 1000)
     assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
 
     camera.clear_fault(service)
-    assert asker.ask(service) == RIGHT_ANSWERS[service]
+    assert caller.call_service(service) == RIGHT_REPLIES[service]
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_a_fault_affects_one_service_only(camera, asker, service):
+def test_a_fault_affects_one_service_only(camera, caller, service):
     camera.inject_fault(service, "empty")
 
-    assert {other: asker.ask(other) for other in SERVICES} == RIGHT_ANSWERS | {service: "()"}
+    assert {other: caller.call_service(other) for other in SERVICES} == RIGHT_REPLIES | {service: "()"}
 
 
-def test_every_question_counts_whatever_becomes_of_it(camera, asker):
+def test_every_call_is_counted(camera, caller):
     assert camera.calls(PTZ) == 0
-    asker.ask(PTZ)
+    caller.call_service(PTZ)
     camera.inject_fault(PTZ, "error")
     with pytest.raises(GLib.Error):
-        asker.ask(PTZ)
+        caller.call_service(PTZ)
     camera.inject_fault(PTZ, "never")
-    asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
+    caller.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
 
     wait_until(lambda: camera.calls(PTZ) == 3, "the third question has arrived")
     assert [camera.calls(service) for service in (CAPTURE, SCENES)] == [0, 0]
@@ -307,50 +307,50 @@ def test_every_question_counts_whatever_becomes_of_it(camera, asker):
 
 
 @pytest.mark.parametrize("there", [(), (PTZ,), (CAPTURE, SCENES), SERVICES])
-def test_only_chosen_services_are_there(start_camera, asker, there):
+def test_only_chosen_services_are_there(start_camera, caller, there):
     start_camera("--services", ",".join(there))
 
-    assert {service for service, name in BUS_NAMES.items() if asker.has_owner(name)} == set(there)
-    assert asker.has_owner(CONTROL_NAME)
+    assert {service for service, name in BUS_NAMES.items() if caller.has_owner(name)} == set(there)
+    assert caller.has_owner(CONTROL_NAME)
 
 
 @pytest.mark.parametrize("service", SERVICES)
-def test_services_vanish_and_appear_before_the_verb_returns(camera, asker, service):
+def test_services_vanish_and_appear_before_the_verb_returns(camera, caller, service):
     for _ in range(5):
         camera.absent(service)
-        assert not asker.has_owner(BUS_NAMES[service])
+        assert not caller.has_owner(BUS_NAMES[service])
         camera.present(service)
-        assert asker.has_owner(BUS_NAMES[service])
-        assert asker.ask(service) == RIGHT_ANSWERS[service]
+        assert caller.has_owner(BUS_NAMES[service])
+        assert caller.call_service(service) == RIGHT_REPLIES[service]
 
 
-def test_absent_from_the_start_and_present_later(start_camera, asker):
+def test_absent_from_the_start_and_present_later(start_camera, caller):
     camera = start_camera("--services", "")
     with pytest.raises(GLib.Error) as failed:
-        asker.ask(SCENES)
+        caller.call_service(SCENES)
     assert Gio.DBusError.get_remote_error(failed.value) == "org.freedesktop.DBus.Error.NameHasNoOwner"
 
     camera.present(SCENES)
-    assert asker.ask(SCENES) == RIGHT_ANSWERS[SCENES]
+    assert caller.call_service(SCENES) == RIGHT_REPLIES[SCENES]
 
 
-def test_telling_twice_is_telling_once(camera, asker):
+def test_repeated_verbs_have_no_further_effect(camera, caller):
     camera.absent(PTZ)
     camera.absent(PTZ)
-    assert not asker.has_owner(BUS_NAMES[PTZ])
+    assert not caller.has_owner(BUS_NAMES[PTZ])
     camera.present(PTZ)
     camera.present(PTZ)
-    assert asker.has_owner(BUS_NAMES[PTZ])
+    assert caller.has_owner(BUS_NAMES[PTZ])
 
 
 @pytest.mark.parametrize("name", [*BUS_NAMES.values(), CONTROL_NAME])
-def test_taken_name_is_an_error(installation, bus, asker, name):
-    asker.own(name)
+def test_taken_name_is_an_error(installation, bus, caller, name):
+    caller.own(name)
 
     assert start_failing(installation, bus) == (FAILURE, "", f"simcamera: the name {name} is taken\n")
 
 
-def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
+def test_service_cannot_appear_while_its_name_is_taken(camera, bus, caller):
     camera.absent(PTZ)
     other = BusClient(bus)
     other.own(BUS_NAMES[PTZ])
@@ -359,9 +359,9 @@ def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
 
     # Nor does it wait in a queue for the name.
     other.close()
-    wait_until(lambda: not asker.has_owner(BUS_NAMES[PTZ]), "nobody has the name")
+    wait_until(lambda: not caller.has_owner(BUS_NAMES[PTZ]), "nobody has the name")
     camera.present(PTZ)
-    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+    assert caller.call_service(PTZ) == RIGHT_REPLIES[PTZ]
 
 
 # What is refused
@@ -410,17 +410,17 @@ def test_service_cannot_appear_while_its_name_is_taken(camera, bus, asker):
     (["move-capabilities", "-2147483649"],
      "the move capabilities must be a number from -2147483648 to 2147483647, not '-2147483649'"),
 ])
-def test_wrong_verbs_are_refused_and_change_nothing(camera, asker, words, text):
+def test_wrong_verbs_are_refused_and_change_nothing(camera, caller, words, text):
     assert camera.run_tell(*words) == (FAILURE, "", f"simcamera: {text}\n")
 
-    assert {service: asker.ask(service) for service in SERVICES} == RIGHT_ANSWERS
+    assert {service: caller.call_service(service) for service in SERVICES} == RIGHT_REPLIES
 
 
-def test_reply_that_is_no_gvariant_is_refused(camera, asker):
+def test_reply_that_is_no_gvariant_is_refused(camera, caller):
     with pytest.raises(Refused, match="^simcamera: the reply is not in GVariant's text format: .+\n$"):
         camera.inject_fault(PTZ, "reply", "(5")
 
-    assert asker.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+    assert caller.call_service(PTZ) == RIGHT_REPLIES[PTZ]
 
 
 def test_channels_that_are_gone_cannot_be_rotated(camera):
@@ -430,12 +430,12 @@ def test_channels_that_are_gone_cannot_be_rotated(camera):
         camera.rotation(1, 90)
 
 
-def test_a_fault_stays_when_the_next_one_is_refused(camera, asker):
+def test_a_fault_stays_when_the_next_one_is_refused(camera, caller):
     camera.inject_fault(PTZ, "empty")
     with pytest.raises(Refused):
         camera.inject_fault(PTZ, "slow", "fast")
 
-    assert asker.ask(PTZ) == "()"
+    assert caller.call_service(PTZ) == "()"
 
 
 def test_words_that_are_not_utf8_are_refused(camera, installation, bus):
@@ -446,7 +446,7 @@ def test_words_that_are_not_utf8_are_refused(camera, installation, bus):
     assert err == "simcamera: '�' is not UTF-8\nTry 'simcamera --help'.\n"
 
 
-def test_telling_without_a_camera_fails(installation, own_bus):
+def test_verb_without_a_camera_fails(installation, own_bus):
     camera = SimulatedCamera(installation, own_bus)
     camera.wait_until_ready()
     assert camera.end() == (0, "", "")
@@ -468,10 +468,10 @@ def test_telling_without_a_camera_fails(installation, own_bus):
     (["now"], "unexpected argument 'now'"),
     (["--wrong"], "Unknown option --wrong"),
 ])
-def test_wrong_options_are_refused_with_a_hint(installation, bus, asker, options, text):
+def test_wrong_options_are_refused_with_a_hint(installation, bus, caller, options, text):
     assert start_failing(installation, bus, *options) == (
         USAGE, "", f"simcamera: {text}\nTry 'simcamera --help'.\n")
-    assert not asker.has_owner(CONTROL_NAME)
+    assert not caller.has_owner(CONTROL_NAME)
 
 
 @pytest.mark.parametrize("words, text", [
@@ -505,12 +505,12 @@ def test_bus_can_be_named(installation, bus, own_bus, start_camera):
         camera.tell("absent", PTZ)
 
     assert camera.tell("--bus", own_bus.address, "calls", PTZ) == "0\n"
-    alone = Asker(own_bus)
-    assert alone.ask(PTZ) == RIGHT_ANSWERS[PTZ]
+    alone = Caller(own_bus)
+    assert alone.call_service(PTZ) == RIGHT_REPLIES[PTZ]
     alone.close()
 
 
-def test_bus_that_is_not_there_is_an_error(installation, bus, workspace):
+def test_missing_bus_is_an_error(installation, bus, workspace):
     status, out, err = start_failing(installation, bus, "--bus", f"unix:path={workspace.path}/nothing")
 
     assert (status, out) == (FAILURE, "")
@@ -518,18 +518,18 @@ def test_bus_that_is_not_there_is_an_error(installation, bus, workspace):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_signals_end_it_and_nothing_stays(start_camera, asker, number):
+def test_signals_end_the_camera(start_camera, caller, number):
     camera = start_camera()
     camera.inject_fault(PTZ, "slow", 600000)
-    asker.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
+    caller.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
     wait_until(lambda: camera.calls(PTZ) == 1, "the question has arrived")
 
     assert camera.end(number) == (0, "", "")
-    assert not any(asker.has_owner(name) for name in (*BUS_NAMES.values(), CONTROL_NAME))
+    assert not any(caller.has_owner(name) for name in (*BUS_NAMES.values(), CONTROL_NAME))
     start_camera()
 
 
-def test_it_ends_with_its_bus(installation, own_bus):
+def test_camera_ends_with_its_bus(installation, own_bus):
     camera = SimulatedCamera(installation, own_bus)
     camera.wait_until_ready()
     own_bus.process.terminate()

@@ -153,7 +153,7 @@ def check_object(seen, kind, polygon):
 
 
 @pytest.mark.parametrize("name", BUILT_INS)
-def test_streams_tell_who_is_there_and_once_who_has_left(fast_camera, client, name):
+def test_streams_have_the_present_objects_and_each_deletion_once(fast_camera, client, name):
     stream = client.open(name)
     present, seen_ids, left_ids = set(), set(), []
 
@@ -171,7 +171,7 @@ def test_streams_tell_who_is_there_and_once_who_has_left(fast_camera, client, na
     assert seen_ids >= set(left_ids)
 
 
-def test_first_item_comes_at_once_and_tells_of_now(camera, client):
+def test_first_item_is_immediate_and_current(camera, client):
     before = time.time()
     for name in BUILT_INS:
         item = client.open(name).item()
@@ -195,7 +195,7 @@ def test_items_come_ten_times_a_second_or_every_two_seconds(camera, client):
     assert min(empty) >= 0.1
 
 
-def test_all_tell_of_the_same_objects(fast_camera, client):
+def test_all_producers_have_the_same_objects(fast_camera, client):
     """A producer of everything, by whatever name, tells of the union of what the built-in ones tell."""
     fast_camera.add_producer("Everything")
     streams = {name: client.open(name) for name in ("Everything", *BUILT_INS)}
@@ -224,7 +224,7 @@ def test_streams_do_not_disturb_each_other(camera, client):
     second.item()
 
 
-def test_unread_world_is_skipped_not_kept(fast_camera, client):
+def test_items_are_skipped_while_a_message_is_written(fast_camera, client):
     """While a message takes its time, the others that are told meanwhile are not kept for later."""
     for name in ("Slow", "Quick"):
         fast_camera.add_producer(name)
@@ -246,7 +246,7 @@ def test_unread_world_is_skipped_not_kept(fast_camera, client):
 @pytest.mark.parametrize("channel", [0, 3, -1, 2147483647])
 def test_channels_that_are_not_supported_get_no_stream(camera, client, channel):
     with pytest.raises(GLib.Error) as failed:
-        client.ask_stream(PERSONS, channel)
+        client.request_stream(PERSONS, channel)
 
     assert remote_error(failed) == ("InvalidArgs", f"PersonDetector does not support channel {channel}")
     assert camera.streams(PERSONS) == 0
@@ -265,7 +265,7 @@ def test_streams_are_bounded(camera, client):
 # Recordings
 
 
-def test_recording_is_replayed_as_of_now_and_anew(start_camera, client, record):
+def test_recording_is_replayed_with_current_times_and_repeated(start_camera, client, record):
     offsets = [0, 0.2, 0.3, 0.3]
     path = record(*(item_at(offset, Number=number) for number, offset in enumerate(offsets)))
     start_camera("--producer", f"Mine={path}")
@@ -281,7 +281,7 @@ def test_recording_is_replayed_as_of_now_and_anew(start_camera, client, record):
     assert all(item["Objects"] == [{"UtcTime": "inner"}] for item in items)
 
 
-def test_replay_keeps_the_recorded_pace(start_camera, client, record):
+def test_replay_keeps_the_recorded_intervals(start_camera, client, record):
     start_camera("--producer", f"Mine={record(item_at(0), item_at(0.3))}")
     stream = client.open("Mine")
     stream.message()
@@ -340,7 +340,7 @@ def test_once_hangs_up_after_the_last_line(start_camera, client, record):
     assert client.open("Mine").message() == b"one"
 
 
-def test_replay_waits_for_a_reader_who_does_not_read(start_camera, client, record):
+def test_replay_waits_for_its_reader(start_camera, client, record):
     """With nobody reading, the pipe fills up, and nothing is lost or kept elsewhere."""
     lines = [b"%d" % number + LARGE_LINE for number in range(5)]
     camera = start_camera("--once", "--rate", "0", "--producer", f"Mine={record(*lines)}")
@@ -353,14 +353,14 @@ def test_replay_waits_for_a_reader_who_does_not_read(start_camera, client, recor
     stream.expect_end()
 
 
-def test_longest_line_goes_through(start_camera, client, record):
+def test_longest_line_is_delivered(start_camera, client, record):
     line = b"x" * MAX_LINE_BYTES
     start_camera("--once", "--producer", f"Mine={record(line)}")
 
     assert client.open("Mine").message() == line
 
 
-def test_recorded_producer_tells_of_itself(start_camera, client, record):
+def test_recorded_producer_has_properties_and_a_sample_frame(start_camera, client, record):
     start_camera("--producer", f"My_1={record(b'first', b'second')}")
 
     assert client.producers()[path_of("My_1")] == {
@@ -368,7 +368,7 @@ def test_recorded_producer_tells_of_itself(start_camera, client, record):
     assert client.sample_frame("My_1") == "first"
 
 
-def test_sample_frame_is_text_whatever_the_file_has(start_camera, client, record):
+def test_sample_frame_is_valid_text_for_any_file(start_camera, client, record):
     start_camera("--producer", f"Mine={record(bytes([255, 0, 65]))}")
 
     assert client.sample_frame("Mine") == "��A"
@@ -410,14 +410,14 @@ def test_longest_name_is_taken(start_camera, client, record):
     ([b"x" * (MAX_LINE_BYTES + 1)], f"has a line longer than {MAX_LINE_BYTES} bytes"),
     ([b"1"] * (MAX_FILE_LINES + 1), f"has more than {MAX_FILE_LINES} lines"),
 ], ids=["empty", "empty lines", "long line", "many lines"])
-def test_files_that_are_no_recordings_are_refused(camera, client, record, lines, text):
+def test_invalid_recordings_are_refused(camera, client, record, lines, text):
     path = record(*lines)
 
     assert refused(camera, "add-producer", "Mine", path) == f"'{path}' {text}"
     assert client.names() == set(BUILT_INS)
 
 
-def test_files_that_are_too_large_are_refused(camera, workspace):
+def test_too_large_files_are_refused(camera, workspace):
     path = workspace.folder() / "recording"
     with open(path, "wb") as file:
         file.truncate(MAX_FILE_BYTES + 1)
@@ -425,7 +425,7 @@ def test_files_that_are_too_large_are_refused(camera, workspace):
     assert refused(camera, "add-producer", "Mine", path) == f"'{path}' is longer than {MAX_FILE_BYTES} bytes"
 
 
-def test_files_that_cannot_be_read_are_refused(camera, workspace):
+def test_unreadable_files_are_refused(camera, workspace):
     folder = workspace.folder()
 
     assert refused(camera, "add-producer", "Mine", folder) == f"'{folder}' is not a regular file"
@@ -436,7 +436,7 @@ def test_files_that_cannot_be_read_are_refused(camera, workspace):
 # Standard input
 
 
-def test_input_goes_line_by_line_to_all_who_listen(start_camera, client):
+def test_input_is_sent_line_by_line_to_all_streams(start_camera, client):
     camera = start_camera("--producer", "Mine=-", stdin=subprocess.PIPE)
     first, second = client.open("Mine"), client.open("Mine")
     camera.process.stdin.write("one\n\ntwo")
@@ -449,7 +449,7 @@ def test_input_goes_line_by_line_to_all_who_listen(start_camera, client):
     assert [first.messages(2), second.messages(2)] == [[b"two halves", b"three"]] * 2
 
 
-def test_input_waits_for_the_first_listener(start_camera, client):
+def test_input_waits_for_the_first_stream(start_camera, client):
     reader, writer = os.pipe()
     os.write(writer, b"one\ntwo\nlast")
     os.close(writer)
@@ -476,7 +476,7 @@ def test_input_ends_its_streams_with_once(start_camera, client):
     assert client.open("Mine").read_some(1) == b""
 
 
-def test_input_is_not_read_while_nobody_listens(start_camera, client):
+def test_input_is_not_read_without_a_stream(start_camera, client):
     reader, writer = os.pipe()
     camera = start_camera("--producer", "Mine=-", stdin=reader)
     os.close(reader)
@@ -492,7 +492,7 @@ def test_input_is_not_read_while_nobody_listens(start_camera, client):
     os.close(writer)
 
 
-def test_input_waits_for_the_slowest_listener(start_camera, client):
+def test_input_waits_for_the_slowest_stream(start_camera, client):
     lines = [b"%d" % number + LARGE_LINE for number in range(5)]
     reader, writer = os.pipe()
     start_camera("--producer", "Mine=-", stdin=reader)
@@ -512,7 +512,7 @@ def test_input_waits_for_the_slowest_listener(start_camera, client):
         feeder.join(BOUND_SECONDS)
 
 
-def test_too_long_lines_of_the_input_are_left_out(installation, bus, client, workspace):
+def test_input_lines_that_are_too_long_are_left_out(installation, bus, client, workspace):
     path = workspace.folder() / "input"
     path.write_bytes(b"x" * (MAX_LINE_BYTES + 1) + b"\nshort\n")
     with open(path, "rb") as file:
@@ -523,14 +523,14 @@ def test_too_long_lines_of_the_input_are_left_out(installation, bus, client, wor
     assert camera.end() == (0, "", f"simcamera: left out a line longer than {MAX_LINE_BYTES} bytes\n")
 
 
-def test_closed_input_is_an_empty_one(start_camera, client):
+def test_closed_input_is_an_empty_input(start_camera, client):
     """What has the place of standard input then must not be read."""
     start_camera("--producer", "Mine=-", "--once", stdin=None)
 
     client.open("Mine").expect_end()
 
 
-def test_one_producer_at_most_reads_the_input(camera, client):
+def test_at_most_one_producer_reads_the_input(camera, client):
     camera.add_producer("Mine", "-")
     assert refused(camera, "add-producer", "Other", "-") == "'Mine' reads the standard input already"
 
@@ -561,7 +561,7 @@ def test_wrong_options_are_refused_with_a_hint(installation, bus, options, text)
         USAGE, "", f"simcamera: {text}\nTry 'simcamera --help'.\n")
 
 
-def test_removed_producers_are_hung_up_and_come_back(camera, client, watch):
+def test_streams_of_a_removed_producer_end_and_it_can_be_added_again(camera, client, watch):
     stream = client.open(PERSONS)
     watcher = watch()
     camera.remove_producer(PERSONS)
@@ -583,7 +583,7 @@ def test_added_producers_replay_a_file(camera, client, record):
     assert client.producers()[path_of(PERSONS)][PRODUCER]["NiceName"] == PERSONS
 
 
-def test_later_streams_have_the_pace_of_then(camera, client, record):
+def test_later_streams_have_the_current_rate(camera, client, record):
     camera.add_producer("Mine", record(item_at(0), item_at(3000)))
     waiting = client.open("Mine")
     first = waiting.item()
@@ -606,7 +606,7 @@ def test_producers_are_bounded(camera, client):
     assert len(client.names()) == MAX_PRODUCERS
 
 
-def test_whole_service_goes_and_comes_back(camera, client, watch):
+def test_service_vanishes_and_appears(camera, client, watch):
     watcher = watch()
     names = [(name, f"'{name}'") for name in (PERSONS, VEHICLES)]
     camera.absent(RECEIVER)
@@ -632,7 +632,7 @@ def test_hang_up_ends_streams_and_the_producer_stays(camera, client, watch):
 
 
 @pytest.mark.parametrize("kind", [["pipe"], ["socket"]])
-def test_descriptors_are_back_after_streams_have_ended(start_camera, client, record, kind):
+def test_descriptors_are_closed_after_streams(start_camera, client, record, kind):
     camera = start_camera("--rate", "0", "--producer", f"Mine={record(b'x')}")
     names = (PERSONS, "Mine")
     for name in names:
@@ -673,7 +673,7 @@ def test_descriptors_are_of_the_chosen_kind(camera, client, kind, is_socket, is_
     assert form(usual) == ("pipe", True)
 
 
-def test_messages_come_in_pieces(start_camera, client, record):
+def test_messages_are_sent_in_pieces(start_camera, client, record):
     camera = start_camera("--rate", "0", "--producer", f"Mine={record(b'abcdefgh')}")
     camera.pieces("Mine", 3, SLOW_MS)
     stream = client.open("Mine")
@@ -685,7 +685,7 @@ def test_messages_come_in_pieces(start_camera, client, record):
     assert wait_until(stream.message, "a whole message")
 
 
-def test_pieces_keep_nobody_waiting(camera, client):
+def test_pieces_delay_no_other_stream(camera, client):
     camera.pieces(PERSONS, 1, 60000)
     stream = client.open(PERSONS)
     assert len(stream.read_some(100)) == 1
@@ -724,7 +724,7 @@ def test_properties_are_replaced_and_announced_anew(camera, client, watch, prop,
     client.open(PERSONS).item()
 
 
-def test_property_that_is_left_out_cannot_be_read(camera, client):
+def test_absent_property_cannot_be_read(camera, client):
     camera.property(PERSONS, "Name", "none")
     with pytest.raises(GLib.Error) as failed:
         client.get(NAME, path_of(PERSONS), PRODUCER, "Name")
@@ -732,12 +732,12 @@ def test_property_that_is_left_out_cannot_be_read(camera, client):
     assert remote_error(failed)[0] == "InvalidArgs"
 
 
-def test_replaced_channels_are_those_that_get_streams(camera, client):
+def test_replaced_channels_get_streams(camera, client):
     camera.property(PERSONS, "SupportedChannels", "@au [7]")
     client.open(PERSONS, channel=7).item()
 
     with pytest.raises(GLib.Error):
-        client.ask_stream(PERSONS, 1)
+        client.request_stream(PERSONS, 1)
 
 
 def test_interface_is_replaced_and_announced_anew(camera, client, watch):
@@ -777,9 +777,9 @@ def test_sample_frame_can_be_any_text(camera, client):
     assert client.sample_frame(PERSONS) == ""
 
 
-def ask(client, method, **arguments):
-    return (client.ask_sample_frame(PERSONS, **arguments) if method == "GetSampleFrame" else
-            client.ask_stream(PERSONS, **arguments)[0])
+def call_method(client, method, **arguments):
+    return (client.request_sample_frame(PERSONS, **arguments) if method == "GetSampleFrame" else
+            client.request_stream(PERSONS, **arguments)[0])
 
 
 METHODS = {"GetSampleFrame": "(s)", "GetStreamFd": "(h)"}
@@ -793,10 +793,10 @@ METHODS = {"GetSampleFrame": "(s)", "GetStreamFd": "(h)"}
 ])
 def test_wrong_replies_are_sent_as_they_are(camera, client, method, how, reply):
     camera.inject_producer_fault(PERSONS, method, *how)
-    assert ask(client, method).print_(True) == reply
+    assert call_method(client, method).print_(True) == reply
 
     camera.clear_producer_faults(PERSONS)
-    assert ask(client, method).get_type_string() == METHODS[method]
+    assert call_method(client, method).get_type_string() == METHODS[method]
 
 
 @pytest.mark.parametrize("method, how, reply", [
@@ -808,12 +808,12 @@ def test_wrong_replies_are_sent_as_they_are(camera, client, method, how, reply):
 def test_wrong_replies_with_names_are_sent_as_they_are(camera, client, method, how, reply):
     camera.inject_producer_fault(PERSONS, method, how)
 
-    assert ask(client, method).print_(True) == reply
+    assert call_method(client, method).print_(True) == reply
 
 
 def test_reply_without_a_descriptor(camera, client):
     camera.inject_producer_fault(PERSONS, "GetStreamFd", "no-descriptor")
-    reply, descriptors = client.ask_stream(PERSONS)
+    reply, descriptors = client.request_stream(PERSONS)
 
     assert reply.print_(True) == "(handle 0,)"
     assert descriptors is None
@@ -822,7 +822,7 @@ def test_reply_without_a_descriptor(camera, client):
 
 def test_reply_with_a_wrong_index(camera, client):
     camera.inject_producer_fault(PERSONS, "GetStreamFd", "wrong-index")
-    reply, descriptors = client.ask_stream(PERSONS)
+    reply, descriptors = client.request_stream(PERSONS)
 
     assert reply.print_(True) == "(handle 1,)"
     assert descriptors.get_length() == 1
@@ -831,35 +831,35 @@ def test_reply_with_a_wrong_index(camera, client):
 
 
 @pytest.mark.parametrize("method", METHODS)
-def test_errors_come_with_their_text(camera, client, method):
+def test_errors_have_their_text(camera, client, method):
     camera.inject_producer_fault(PERSONS, method, "error", "No such ü")
     with pytest.raises(GLib.Error) as failed:
-        ask(client, method)
+        call_method(client, method)
 
     assert remote_error(failed) == ("Failed", "No such ü")
     assert camera.streams(PERSONS) == 0
 
 
 @pytest.mark.parametrize("method", METHODS)
-def test_slow_answers_are_right_and_late(camera, client, method):
+def test_slow_replies_are_correct_and_late(camera, client, method):
     camera.inject_producer_fault(PERSONS, method, "slow", SLOW_MS)
     began = time.monotonic()
 
-    assert ask(client, method).get_type_string() == METHODS[method]
+    assert call_method(client, method).get_type_string() == METHODS[method]
     assert time.monotonic() - began >= SLOW_MS / 1000
 
 
 @pytest.mark.parametrize("method", METHODS)
-def test_no_answer_ever_comes(camera, client, method):
+def test_fault_never_suppresses_the_reply(camera, client, method):
     camera.inject_producer_fault(PERSONS, method, "never")
     with pytest.raises(GLib.Error) as failed:
-        ask(client, method, seconds=SLOW_MS / 1000)
+        call_method(client, method, seconds=SLOW_MS / 1000)
 
     assert failed.value.matches(Gio.io_error_quark(), Gio.IOErrorEnum.TIMED_OUT)
     assert camera.streams(PERSONS) == 0
 
 
-def test_slow_answer_of_a_producer_that_goes_is_an_error(camera, client):
+def test_slow_reply_of_a_removed_producer_is_an_error(camera, client):
     camera.inject_producer_fault(PERSONS, "GetSampleFrame", "slow", VERY_SLOW_MS)
     outcome = []
     client.connection.call(NAME, path_of(PERSONS), PRODUCER, "GetSampleFrame", None, None,
@@ -868,11 +868,11 @@ def test_slow_answer_of_a_producer_that_goes_is_an_error(camera, client):
     wait_until(lambda: camera.calls(RECEIVER) == 1, "the question has arrived")
     camera.remove_producer(PERSONS)
 
-    def is_answered():
+    def has_input():
         GLib.MainContext.default().iteration(False)
         return outcome
 
-    wait_until(is_answered, "an answer")
+    wait_until(has_input, "an answer")
 
     with pytest.raises(GLib.Error) as failed:
         client.connection.call_finish(outcome[0])
@@ -890,19 +890,19 @@ def test_a_fault_of_a_method_overrides_the_fault_of_the_service(camera, client):
     camera.inject_fault(RECEIVER, "wrong-type")
     camera.inject_producer_fault(PERSONS, "GetStreamFd", "empty")
 
-    assert client.ask_sample_frame(PERSONS).print_(True) == "(1,)"
-    assert client.ask_stream(PERSONS)[0].print_(True) == "()"
-    assert client.ask_stream(VEHICLES)[0].print_(True) == "(1,)"
+    assert client.request_sample_frame(PERSONS).print_(True) == "(1,)"
+    assert client.request_stream(PERSONS)[0].print_(True) == "()"
+    assert client.request_stream(VEHICLES)[0].print_(True) == "(1,)"
     camera.clear_fault(RECEIVER)
-    assert client.ask_stream(PERSONS)[0].print_(True) == "()"
+    assert client.request_stream(PERSONS)[0].print_(True) == "()"
     client.open(VEHICLES).item()
 
 
-def test_both_methods_of_all_producers_count(camera, client):
+def test_calls_of_both_methods_of_all_producers_are_counted(camera, client):
     client.sample_frame(PERSONS)
     client.open(VEHICLES)
     camera.inject_producer_fault(PERSONS, "GetStreamFd", "empty")
-    client.ask_stream(PERSONS)
+    client.request_stream(PERSONS)
 
     assert camera.calls(RECEIVER) == 3
 
@@ -955,7 +955,7 @@ def test_value_that_is_no_gvariant_is_refused(camera):
         camera.property(PERSONS, "Name", "(5")
 
 
-def test_signals_end_it_and_its_streams(start_camera, client):
+def test_signals_end_the_camera_and_its_streams(start_camera, client):
     camera = start_camera()
     stream = client.open(PERSONS)
     stream.item()

@@ -68,7 +68,7 @@ CALLS = {
 def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, control, call):
     def start_client():
         with daemon.client() as client:
-            assert client.ask("event=1\n") == "OK"
+            assert client.request("event=1\n") == "OK"
 
     # A real ping is answered by the connection's own thread, and a property by the main loop.
     def ping():

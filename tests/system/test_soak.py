@@ -142,7 +142,7 @@ def test_every_criterion_can_fail(build):
     assert named == {criterion.name for criterion in judge(make_run(build), PRODUCERS)}
 
 
-def test_nothing_recorded_passes_nothing_about_records():
+def test_run_without_records_fails_each_criterion_about_records():
     run = make_run()
     run.records = []
     assert failed(run) == {"most descriptors", "most threads", "most private memory", "records",
@@ -150,7 +150,7 @@ def test_nothing_recorded_passes_nothing_about_records():
 
 
 @pytest.mark.parametrize("build", [ADDRESS, THREAD])
-def test_memory_of_an_instrumented_build_is_not_judged(build):
+def test_memory_of_an_instrumented_build_has_no_criterion(build):
     run = make_run(build)
     rise(run)
     run.final.private_mib = 2000.0
@@ -159,7 +159,7 @@ def test_memory_of_an_instrumented_build_is_not_judged(build):
 
 @pytest.mark.parametrize("build", BUILDS)
 @pytest.mark.parametrize("name, bound, criterion", [("p99", MAX_P99_MS, "99 of 100"), ("worst", MAX_WORST_MS, "worst")])
-def test_busy_machine_is_known_by_the_idle_peer(build, name, bound, criterion):
+def test_latency_of_the_idle_peer_raises_the_bound(build, name, bound, criterion):
     run = make_run(build)
     setattr(run.latencies[series_name(IDLE_PEER, CALL)], name, float(bound))
     setattr(run.latencies[series_name(DAEMON, CALL)], name, MAX_TIMES_IDLE_PEER * bound * SLOWNESS[build] - 0.1)
@@ -171,7 +171,7 @@ def test_busy_machine_is_known_by_the_idle_peer(build, name, bound, criterion):
 # Growth
 
 
-def test_slope_of_a_line_is_found_through_peaks():
+def test_slope_ignores_single_peaks():
     points = [(second, 2.0 * second + (500 if second % 5 == 0 else 0)) for second in range(60)]
     assert slope(points) == pytest.approx(2.0, abs=0.2)
 
@@ -203,26 +203,26 @@ def failure(category, moment, until=None):
     (failure(REFUSED, 99.0), True), (failure(REFUSED, 98.0), False), (failure(REFUSED, 111.0), True),
     (failure(REFUSED, 112.0), False), (failure(MISSING, 95.0, 99.0), True), (failure(MISSING, 95.0, 98.0), False),
     (failure(MISSING, 95.0, 120.0), True), (failure(MISSING, 112.0, 120.0), False)])
-def test_shortage_excuses_what_it_can_have_caused(of, excused):
+def test_shortage_excuses_failures_near_it(of, excused):
     shortages = program.Shortages(daemon=None)
     shortages.windows = [[20.0, 30.0], [100.0, 110.0]]
     assert shortages.excuse(of) is excused
 
 
-def test_shortage_that_lasts_excuses_what_comes_within_it():
+def test_unfinished_shortage_excuses_failures_within_it():
     shortages = program.Shortages(daemon=None)
     shortages.windows = [[100.0, None]]
     assert shortages.excuse(failure(REFUSED, 150.0))
     assert not shortages.excuse(failure(REFUSED, 90.0))
 
 
-def test_receiver_that_hangs_answers_when_it_goes_on():
+def test_replies_of_a_hung_receiver_are_due_at_its_end():
     load = Load("socket", None, 1, 20)
     load.hangs = [(20.0, 28.0), (100.0, 107.0)]
     assert [load.answered_by(asked) for asked in (50.0, 98.0, 99.5, 105.0, 107.5)] == [50.0, 98.0, 107.0, 107.0, 107.5]
 
 
-def test_failure_tells_until_when_its_answer_may_have_been_on_its_way():
+def test_failure_has_the_time_until_which_its_reply_was_due():
     load = Load("socket", None, 1, 20)
     failed = Failed(MISSING, "it is not there", 100.0)
     failed.until = 107.0
@@ -252,13 +252,13 @@ def make_watch(name):
 
 
 @pytest.mark.parametrize("wrong", [b"", b"text", document(b"")[:-3], b"x" + document(b"")])
-def test_what_is_no_document_is_seen(wrong):
+def test_malformed_document_fails(wrong):
     with pytest.raises(Failed) as found:
         make_watch("events").look(wrong)
     assert found.value.category == WRONG
 
 
-def test_what_is_missing_is_missing():
+def test_missing_metadata_is_reported():
     watch = make_watch("events")
     watch.look(document(b""))
     assert watch.missing
@@ -268,7 +268,7 @@ def test_what_is_missing_is_missing():
     assert watch.missing
 
 
-def test_numbers_have_to_come_from_each_producer():
+def test_numbers_of_each_producer_are_required():
     watch = make_watch("external producers")
     for number in range(NUMBERS):
         watch.look(frame(WELL_BEHAVED[0], number))
@@ -279,7 +279,7 @@ def test_numbers_have_to_come_from_each_producer():
 
 
 @pytest.mark.parametrize("numbers", [(1,), (0, 0), (0, 2), (0, 1, 3)])
-def test_number_that_is_lost_or_comes_twice_is_seen(numbers):
+def test_lost_or_repeated_number_fails(numbers):
     watch = make_watch("external producers")
     with pytest.raises(Failed) as found:
         for number in numbers:
@@ -310,7 +310,7 @@ def test_complaints_and_reports_are_counted(said, complaints, reports):
     assert (log.complaints(), log.reports()) == (complaints, reports)
 
 
-def test_complaint_in_the_system_log_counts():
+def test_complaint_in_the_system_log_is_counted():
     lines = [(4, "assertion 'object != NULL' failed"), (4, "Invalid value of 'event' parameter: '2'."),
              (4, "could not write name to producerconfig: Failed to open '.': Too many open files"),
              (4, "Failed to parse fd from variant: dup: Too many open files")]
@@ -320,7 +320,7 @@ def test_complaint_in_the_system_log_counts():
     assert log.complaints() == 1
 
 
-def test_lines_of_the_daemon_are_kept_with_their_moments():
+def test_lines_of_the_daemon_are_kept_with_their_times():
     lines = [(4, "one"), (3, "two\nlines" + "x" * program.MAX_KEPT_CHARACTERS)]
     daemon = types.SimpleNamespace(log=types.SimpleNamespace(take=lambda: lines), take_stderr=lambda: "")
     kept = io.StringIO()
@@ -377,7 +377,7 @@ def test_axis_ends_at_a_round_number(top, last):
     assert 3 <= len(ticks) <= 6
 
 
-def test_docs_get_the_figures_of_all_builds_that_were_soaked(tmp_path, monkeypatch):
+def test_docs_get_the_figures_of_all_recorded_builds(tmp_path, monkeypatch):
     text, picture = tmp_path / "soak.md", tmp_path / "soak.svg"
     text.write_text(f"before\n{report.BEGIN}old\n{report.END}after\n")
     monkeypatch.setattr(report, "TEXT", text)
@@ -398,7 +398,7 @@ def test_docs_get_the_figures_of_all_builds_that_were_soaked(tmp_path, monkeypat
     assert "](soak.svg)\n\n### Thread build" in written
 
 
-def test_docs_without_records_are_left(tmp_path):
+def test_docs_stay_unchanged_without_records(tmp_path):
     before = report.TEXT.read_text(encoding="utf-8")
     assert report.document(tmp_path) == f"no records in {tmp_path}"
     assert report.TEXT.read_text(encoding="utf-8") == before

@@ -11,7 +11,7 @@ import subprocess
 
 import pytest
 
-from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_ASKED, START_LINES_UP_TO_SERVER, STARTED_LINE, missing_elements,
+from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_REQUESTED, START_LINES_UP_TO_SERVER, STARTED_LINE, missing_elements,
                     start_lines)
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, run_by_root,
                           unprivileged)
@@ -62,7 +62,7 @@ def run_dir_for_socket_path_of(workspace, length):
 @pytest.mark.parametrize("identity", [USER_ID_ZERO, GROUP_ID_ZERO, BOTH_IDS_ZERO]
                          + ([ROOT_ITSELF] if run_by_root() else []))
 @pytest.mark.parametrize("options", [(), ("--version",), ("--wrong",)])
-def test_root_is_refused_before_anything_else(launch, identity, options):
+def test_root_is_refused_first(launch, identity, options):
     daemon = launch(options=options, **identity)
 
     assert daemon.wait() == 1
@@ -76,7 +76,7 @@ def test_root_is_refused_before_anything_else(launch, identity, options):
 
 
 @pytest.mark.parametrize("option", ["--version", "-V"])
-def test_version_prints_two_lines_and_does_nothing_else(launch, option):
+def test_version_prints_two_lines(launch, option):
     daemon = launch(options=[option])
 
     assert daemon.wait() == 0
@@ -93,7 +93,7 @@ def test_version_prints_two_lines_and_does_nothing_else(launch, option):
     (["--run-dir"], "Missing argument for --run-dir"),
     (["-d"], "Missing argument for -d"),
 ])
-def test_wrong_options_are_told_with_a_hint(launch, options, message):
+def test_wrong_options_are_refused_with_a_hint(launch, options, message):
     daemon = launch(options=options, run_dir_option=None)
 
     assert daemon.wait() == 1
@@ -153,7 +153,7 @@ def test_default_run_dir(launch):
 
 
 @pytest.mark.parametrize("umask", [0o000, 0o022, 0o077])
-def test_run_dir_is_made_with_its_mode_whatever_the_umask_was(start_daemon, umask):
+def test_run_dir_has_its_mode_for_every_umask(start_daemon, umask):
     daemon = start_daemon(umask=umask)
 
     assert mode_of_run_dir(daemon) == 0o771
@@ -199,22 +199,22 @@ def test_start_logs_what_is_installed(launch, plugins):
     daemon.wait_until_ready()
 
 
-def test_elements_that_gstreamer_does_not_bring_are_named(launch, installation):
+def test_missing_gstreamer_elements_are_named(launch, installation):
     _, environment = installation.new_plugin_folder([EVENT_PLUGIN, DOCUMENT_PLUGIN], without=["gdp", "app"])
     daemon = launch(environment=environment)
     daemon.start_lines = START_LINES_UP_TO_SERVER + [missing_elements("gdppay", "appsrc", "appsink"), STARTED_LINE]
 
     daemon.wait_until_ready()
     with daemon.client() as client:
-        assert client.ask("event=1\n") == NOT_PRODUCED
+        assert client.request("event=1\n") == NOT_PRODUCED
     assert daemon.log.take(1) == [(ERROR, "Could not create gdppay.")]
 
 
-def test_without_plugins_the_server_still_answers(start_daemon):
+def test_server_replies_without_plugins(start_daemon):
     daemon = start_daemon(plugins=[])
 
     with daemon.client() as client:
-        assert client.ask("event=1\n") == NOTHING_ASKED
+        assert client.request("event=1\n") == NOTHING_REQUESTED
 
 
 # Socket
@@ -241,7 +241,7 @@ def leave_dangling_link(path):
 
 
 @pytest.mark.parametrize("leave", [leave_socket, leave_file, leave_dangling_link])
-def test_what_is_left_at_the_socket_is_replaced(start_daemon, workspace, leave):
+def test_leftover_at_the_socket_path_is_replaced(start_daemon, workspace, leave):
     run_dir = workspace.folder()
     leave(run_dir / "metadata")
     daemon = start_daemon(run_dir=run_dir)
@@ -347,7 +347,7 @@ def test_signal_ends_the_daemon_while_clients_stream(start_daemon):
         stream.read_to_end()
 
 
-def test_next_start_takes_the_place_of_one_that_was_killed(start_daemon):
+def test_start_replaces_the_socket_of_a_killed_daemon(start_daemon):
     killed = start_daemon()
     killed.end(signal.SIGKILL)
 

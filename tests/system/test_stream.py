@@ -124,11 +124,11 @@ def read_some(pipe, deadline):
     return os.read(pipe.fileno(), 65536)
 
 
-def test_stream_is_read_by_an_independent_program(installation, start_daemon):
+def test_independent_program_reads_the_stream(installation, start_daemon):
     daemon = start_daemon(speed=100)
     deadline = time.monotonic() + BOUND_SECONDS
     with daemon.client() as client:
-        assert client.ask("event=1\n") == "OK"
+        assert client.request("event=1\n") == "OK"
         with depayload_with_gst_launch(client, installation.plugin_environment([])) as program:
             received = b""
             while received.count(END_OF_DOCUMENT) < 20:
@@ -160,14 +160,14 @@ def test_sync_shows_every_state_again(daemon):
 def test_sync_right_after_the_reply_is_never_lost(daemon):
     for _ in range(100):
         with daemon.client() as client:
-            assert client.ask("event=1\n") == "OK"
+            assert client.request("event=1\n") == "OK"
             asked = now()
             client.sync()
 
             expect_states_since(client.open_stream(), asked)
 
 
-def test_sync_behind_the_request_is_left_to_the_stream(daemon):
+def test_sync_sent_with_the_request_reaches_the_stream(daemon):
     daemon.allow_on_stderr(EARLY_SYNC_WARNING)
     for _ in range(100):
         with daemon.client() as client:
@@ -183,7 +183,7 @@ def test_sync_behind_the_request_is_left_to_the_stream(daemon):
 
 
 @pytest.mark.parametrize("split", range(1, 5))
-def test_sync_that_began_behind_the_request(daemon, split):
+def test_sync_that_begins_in_the_packet_of_the_request(daemon, split):
     first, second = b"SYNC\n"[:split], b"SYNC\n"[split:]
     with daemon.client() as client:
         client.send(b"OPEN\nevent=1\n\n" + first)
@@ -239,7 +239,7 @@ def test_every_sync_in_one_write_counts_once(daemon):
         assert stream.next_document().events == []
 
 
-def test_silent_filter_sends_nothing_but_answers(start_daemon):
+def test_filter_without_matches_sends_sync_documents_alone(start_daemon):
     daemon = start_daemon(speed=100)
     with daemon.client() as client, daemon.client() as other:
         stream = client.start("event=1\nevent_topic=tns1:Nothing\n")
@@ -299,7 +299,7 @@ def test_half_close_with_a_piece_of_a_line_ends_the_stream(daemon):
         stream.read_to_end()
 
 
-def test_hang_up_frees_all_that_the_client_took(daemon):
+def test_hang_up_releases_all_resources(daemon):
     with daemon.client() as client:
         client.start().next_document()
     wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first client's descriptors are closed")

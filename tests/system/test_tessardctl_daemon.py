@@ -51,12 +51,12 @@ def run_on_bus(start_on_bus):
     return lambda *args: start_on_bus(*args).finish()
 
 
-def test_what_there_is(daemon, run_on_bus):
+def test_list_of_producers(daemon, run_on_bus):
     result = run_on_bus("producers")
     assert (result.status, result.out.decode(), result.err) == (SUCCESS, TABLE, b"")
 
 
-def test_all_about_one(daemon, run_on_bus):
+def test_all_properties_of_one_producer(daemon, run_on_bus):
     result = run_on_bus("show", VIDEO_TRACKER)
     head, frame = result.out.decode().split("Sample frame:\n")
     assert head == ("Name: VideoMotionTracker\nNice name: Quon video motion tracker\n"
@@ -66,7 +66,7 @@ def test_all_about_one(daemon, run_on_bus):
     assert frame.endswith("\n</tt:SampleFrame>\n")
 
 
-def test_switching_is_kept_and_seen(daemon, run_on_bus, start_on_bus):
+def test_switching_is_stored_and_monitored(daemon, run_on_bus, start_on_bus):
     monitor = start_on_bus("monitor")
     assert read_lines(monitor.out, 1) == [b"daemon present, producers: 2\n"]
 
@@ -105,7 +105,7 @@ def channels(*tuples):
     return [{"Channel": channel, "Enabled": enabled, "Configuration": name} for channel, enabled, name in tuples]
 
 
-def test_going_back_to_how_things_were(daemon, run_on_bus, tmp_path):
+def test_earlier_state_can_be_applied_again(daemon, run_on_bus, tmp_path):
     before = json.loads(run_on_bus("producers", "--json").out)
     result = apply(run_on_bus, tmp_path / "file", [
         {"Name": VIDEO_TRACKER, "Channels": channels((1, True, "a"), (2, False, ""))},

@@ -129,7 +129,7 @@ def test_changes_before_the_first_reply_are_in_it(waiting_monitor, fake_service)
     fake_service.add("early")
     fake_service.change(VIDEO, [(1, True, "early")])
     fake_service.remove("early")
-    fake_service.answer_kept()
+    fake_service.reply_to_kept()
     fake_service.change(VIDEO, [(1, True, "late")])
     assert waiting_monitor.lines(2) == ["daemon present, producers: 2", "enabled VideoMotionTracker 1: late"]
 

@@ -18,11 +18,11 @@ def test_request_that_takes_too_long(overdue_requests, kind, beginning):
     request = getattr(overdue_requests, kind)
     request.wait()
 
-    assert request.answer == beginning + TIMED_OUT
+    assert request.reply == beginning + TIMED_OUT
     assert TIMEOUT_SECONDS <= request.seconds <= TIMEOUT_SECONDS + TOLERANCE_SECONDS
 
 
-def test_others_are_served_once_overdue_requests_are_answered(overdue_requests):
+def test_other_clients_are_served_after_overdue_requests(overdue_requests):
     overdue_requests.silent.wait()
     overdue_requests.trickling.wait()
 
@@ -30,7 +30,7 @@ def test_others_are_served_once_overdue_requests_are_answered(overdue_requests):
         client.start().next_document()
 
 
-def test_coordinator_that_never_answers(overdue_start):
+def test_coordinator_that_never_replies(overdue_start):
     assert PATIENCE_SECONDS <= overdue_start.wait() <= PATIENCE_SECONDS + TOLERANCE_SECONDS
 
 
@@ -48,6 +48,6 @@ def test_daemon_that_never_replies_over_the_bus(overdue_calls, command, changes)
                          f"No reply within {seconds} seconds.")
 
 
-def test_bus_that_says_nothing(overdue_calls):
+def test_silent_bus(overdue_calls):
     expect_call_given_up(overdue_calls.calls["connecting"], NO_CONNECTION, CALL_SECONDS,
                          "Could not connect to the bus: No reply in time.")

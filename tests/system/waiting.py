@@ -1,4 +1,4 @@
-"""Waiting for conditions, always with a bound; and keeping others waiting."""
+"""Waits for conditions, always with a time limit; and suspends other processes."""
 
 import contextlib
 import signal
@@ -7,17 +7,17 @@ import time
 
 import pytest
 
-# Far more than anything takes on a slow machine with a sanitizer; reached only by something that never happens.
+# Far longer than each wait takes on a slow machine with a sanitizer.
 BOUND_SECONDS = 20
 
-# How often a condition that nothing announces is looked at.
+# The interval between two checks of a condition.
 LOOK_SECONDS = 0.01
 
 _never = threading.Event()
 
 
 def wait_until(condition, what, seconds=BOUND_SECONDS):
-    """Returns the first true value of condition(); fails the test when none came in time."""
+    """Returns the first true value of condition(); fails the test if there is none in time."""
     deadline = time.monotonic() + seconds
     while True:
         value = condition()
@@ -29,7 +29,7 @@ def wait_until(condition, what, seconds=BOUND_SECONDS):
 
 
 def wait_until_settled(measure, what, seconds=1, within=BOUND_SECONDS):
-    """Waits until measure() has kept its value for so long, and returns the value."""
+    """Waits until measure() has kept its value for this time, and returns the value."""
     seen = [measure(), time.monotonic()]
 
     def settled():
@@ -44,7 +44,7 @@ def wait_until_settled(measure, what, seconds=1, within=BOUND_SECONDS):
 
 @contextlib.contextmanager
 def suspended(process):
-    """While this lasts, the process keeps everything that it has and does nothing."""
+    """Suspends the process."""
     process.send_signal(signal.SIGSTOP)
     try:
         yield
