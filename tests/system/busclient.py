@@ -84,3 +84,9 @@ class BusMonitor:
 def error_text(error):
     """The message of a service's error."""
     return error.message.removeprefix(f"GDBus.Error:{Gio.DBusError.get_remote_error(error)}: ")
+
+
+def remote_error(failed):
+    """The short name and the message of the service's error that pytest.raises() caught."""
+    name = Gio.DBusError.get_remote_error(failed.value)
+    return name.removeprefix("org.freedesktop.DBus.Error."), error_text(failed.value)

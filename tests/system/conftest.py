@@ -7,6 +7,7 @@ that differs in this path only. With ONVIF_SCHEMA_DIR each received document is 
 schemas."""
 
 import contextlib
+import functools
 import os
 import pathlib
 
@@ -31,6 +32,7 @@ from fakereceiver import FakeReceiver  # noqa: E402
 from fakeservice import FakeService, properties  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
 from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
+from receiverclient import ReceiverClient, Watcher  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
@@ -77,17 +79,15 @@ def overdue_requests(installation):
 @pytest.fixture(scope="session")
 def overdue_start(installation):
     """A daemon whose start takes long. The first test that uses it starts it; another test waits for its end."""
-    start = OverdueStart(installation)
-    yield start
-    start.close()
+    with contextlib.closing(OverdueStart(installation)) as start:
+        yield start
 
 
 @pytest.fixture(scope="session")
 def overdue_receiver(installation):
     """A receiver that sends no reply for long. The first test that uses it starts it; another waits for its end."""
-    receiver = OverdueReceiver(installation)
-    yield receiver
-    receiver.close()
+    with contextlib.closing(OverdueReceiver(installation)) as receiver:
+        yield receiver
 
 
 @pytest.fixture
@@ -141,20 +141,49 @@ def camera(start_camera):
 
 
 @pytest.fixture
+def start_full_camera(start_camera):
+    """Starts the simulated camera's services with all built-in external producers."""
+    return functools.partial(start_camera, producers=None)
+
+
+@pytest.fixture
+def receiver_client(bus):
+    with contextlib.closing(ReceiverClient(bus)) as client:
+        yield client
+
+
+@pytest.fixture
+def watch(bus):
+    """Starts watchers of the metadata receiver's producers."""
+    with contextlib.ExitStack() as watchers:
+        yield lambda: watchers.enter_context(contextlib.closing(Watcher(bus)))
+
+
+@pytest.fixture
+def record(workspace):
+    """Writes a file of lines that the camera can read."""
+
+    def write(*lines):
+        path = workspace.folder() / "recording"
+        path.write_bytes(b"".join(line + b"\n" for line in lines))
+        return str(path)
+
+    return write
+
+
+@pytest.fixture
 def control(bus):
     """A client of the daemon's control service."""
-    made = ControlClient(bus)
-    yield made
-    made.close()
+    with contextlib.closing(ControlClient(bus)) as client:
+        yield client
 
 
 @pytest.fixture
 def receiver(bus):
     """A metadata receiver without producers yet."""
-    made = FakeReceiver(bus)
-    made.start()
-    yield made
-    made.close()
+    with contextlib.closing(FakeReceiver(bus)) as receiver:
+        receiver.start()
+        yield receiver
 
 
 @pytest.fixture
@@ -214,9 +243,8 @@ def tessardctl(workspace):
 def overdue_calls(tessardctl, installation):
     """Calls of tessardctl that get no reply. They start with the session's first tessardctl, as the overdue requests do
     with the first daemon."""
-    calls = OverdueCalls(installation)
-    yield calls
-    calls.close()
+    with contextlib.closing(OverdueCalls(installation)) as calls:
+        yield calls
 
 
 @pytest.fixture
@@ -294,16 +322,14 @@ def started_service(fake_service):
 
 @pytest.fixture
 def fake_daemon(tmp_path):
-    daemon = FakeDaemon(tmp_path / "metadata")
-    yield daemon
-    daemon.close()
+    with contextlib.closing(FakeDaemon(tmp_path / "metadata")) as daemon:
+        yield daemon
 
 
 @pytest.fixture
 def gdp():
-    stream = GdpStream()
-    yield stream
-    stream.close()
+    with contextlib.closing(GdpStream()) as stream:
+        yield stream
 
 
 @pytest.fixture

@@ -1,14 +1,31 @@
 """The simulated camera's services, a program on a private bus, with its verbs as methods."""
 
+import datetime
+import json
 import os
 import signal
 import subprocess
+
+import pytest
 
 from installation import unprivileged
 from waiting import BOUND_SECONDS
 
 PTZ, CAPTURE, SCENES, RECEIVER = "ptz", "capture", "scenes", "receiver"
 SERVICES = (PTZ, CAPTURE, SCENES, RECEIVER)
+
+# The built-in external producers, and the type of their objects.
+PERSONS, VEHICLES = "PersonDetector", "VehicleDetector"
+BUILT_INS = {PERSONS: "Human", VEHICLES: "Vehicle"}
+
+# Exit statuses.
+USAGE, FAILURE = 2, 1
+
+MAX_NAME_BYTES = 255
+MAX_LINE_BYTES = 16 * 1024 * 1024
+
+# Longer than operations take that do not wait, short enough for a test.
+SLOW_MS = 300
 
 
 class Refused(Exception):
@@ -144,3 +161,21 @@ class SimulatedCamera:
 
     def descriptor_count(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+
+def refused(camera, *words):
+    """The reason of the refusal of a verb."""
+    with pytest.raises(Refused) as refusal:
+        camera.tell(*words)
+    return str(refusal.value).removeprefix("simcamera: ").removesuffix("\n")
+
+
+def item_at(seconds, **more):
+    """A line of a recording, with a time relative to a fixed one."""
+    time = datetime.datetime(2020, 2, 3, tzinfo=datetime.timezone.utc) + datetime.timedelta(seconds=seconds)
+    return json.dumps({"Objects": [{"UtcTime": "inner"}], "UtcTime": time.isoformat(), **more}).encode()
+
+
+def seen_at(item):
+    """The time of an item, in seconds."""
+    return datetime.datetime.fromisoformat(item["UtcTime"].replace("Z", "+00:00")).timestamp()

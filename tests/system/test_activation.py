@@ -1,4 +1,4 @@
-"""Listening sockets that come from systemd."""
+"""Listening sockets of systemd's socket activation."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import pytest
 
 from daemon import ERROR, START_LINES_UP_TO_SERVER, plain
 
-# Passed on as a text, because the daemon's user may be unable to read the tree.
+# Passed as text, because the daemon's user may be unable to read the tree.
 ACTIVATION = pathlib.Path(__file__).with_name("activation.py").read_text(encoding="utf-8")
 
 
@@ -19,7 +19,7 @@ def variables(environment):
 
 
 def by_systemd(socket_path):
-    """Listens as a socket unit does, and starts the daemon for the first client."""
+    """Listens like a socket unit, and starts the daemon for the first client."""
 
     def wrap(command, environment):
         settings = [f"--setenv={variable}" for variable in variables(environment)]
@@ -30,7 +30,7 @@ def by_systemd(socket_path):
 
 
 def with_sockets(*paths):
-    """Passes on a listening socket for each of the paths."""
+    """Passes a listening socket for each path."""
 
     def wrap(command, environment):
         return ([sys.executable, "-c", ACTIVATION, ",".join(map(str, paths)), *variables(environment), "--",
@@ -85,8 +85,8 @@ def test_more_than_one_socket_of_the_path_is_refused(launch, run_dir, count):
     (priority, text), *rest = lines[begun:]
     assert priority == ERROR
     assert re.fullmatch(f"More than one file descriptor received for '{path}': .+", text)
-    # The first is closed once for each of them, which works only once, unless the thread of the bus connection opens
-    # something in between, which then has its number.
+    # The first socket is closed once for each of them; only the first close succeeds, unless the thread of the bus
+    # connection opens a descriptor with the same number in between.
     *failed_closes, last = rest
     assert last == (ERROR, "Could not start server.")
     assert len(failed_closes) < count

@@ -32,7 +32,7 @@ def topics(events):
     ("tns1:VideoAnalytics//.", {LINE_CROSSED}),
     ("tns1:Device//.|tns1:VideoSource//.", {DIGITAL_INPUT, MOTION_ALARM}),
     ("tns1:Nothing|tns1:VideoSource//.", {MOTION_ALARM}),
-    # With escapes: a line break, an octal code, and what needs none.
+    # With escapes: a line break, an octal code, and an unnecessary one.
     (r"tns1:Device//.\n|\ntns1:VideoSource//.", {DIGITAL_INPUT, MOTION_ALARM}),
     (r"tns1:Device\057Trigger\057DigitalInput\t", {DIGITAL_INPUT}),
     (r"tns1\:Video\Source/MotionAlarm", {MOTION_ALARM}),

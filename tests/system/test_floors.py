@@ -1,4 +1,4 @@
-"""The check of the floors: which includes it refuses, and that it holds the table and the files to be the same."""
+"""The check of the floors: refused includes, and differences between the table and the files."""
 
 import subprocess
 import sys
@@ -63,17 +63,20 @@ def test_tree_without_a_violation(tree):
 
 
 @pytest.mark.parametrize("name, text, fault", [
-    ("src/logtext.cpp", '#include "reader.h"', "src/logtext.cpp includes reader.h of floor 1, and is itself on floor 0"),
+    ("src/logtext.cpp", '#include "reader.h"',
+     "src/logtext.cpp includes reader.h of floor 1, and is itself on floor 0"),
     ("src/request.cpp", '  #  include "reader.h"',
      "src/request.cpp includes reader.h of floor 1, and is itself on floor 1"),
     ("src/request.cpp", "#include <reader.h>",
      "src/request.cpp includes reader.h of floor 1, and is itself on floor 1"),
-    ("src/logtext.h", '#include "binding1.h"', "src/logtext.h includes binding1.h of floor 0, and is itself on floor 0"),
+    ("src/logtext.h", '#include "binding1.h"',
+     "src/logtext.h includes binding1.h of floor 0, and is itself on floor 0"),
     ("common/memory.h", '#include "logtext.h"',
      "common/memory.h includes logtext.h of floor 0, and is itself on floor common"),
     ("src/reader.cpp", '#include "../sim/world.h"',
      "src/reader.cpp includes ../sim/world.h, which is no component's"),
-    ("src/sub/request.h", '#include "main.h"', "src/sub/request.h includes main.h of floor 2, and is itself on floor 1"),
+    ("src/sub/request.h", '#include "main.h"',
+     "src/sub/request.h includes main.h of floor 2, and is itself on floor 1"),
 ])
 def test_include_that_is_refused(tree, name, text, fault):
     tree.write(name, FILES.get(name, "") + text + "\n")

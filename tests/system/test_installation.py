@@ -1,4 +1,4 @@
-"""What an installation has, and what it does not."""
+"""The contents of an installation."""
 
 import json
 import subprocess

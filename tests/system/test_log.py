@@ -1,4 +1,4 @@
-"""What goes into the system log: nobody outside decides how much, nor what a line is."""
+"""The system log: clients control neither the length nor the number of its lines."""
 
 import re
 
@@ -18,8 +18,8 @@ PTZ = "Invalid value of 'ptz'         parameter: '%s'."
 ANALYTICS = "Invalid value of 'analytics' parameter: '%s'."
 EVENT = "Invalid value of 'event' parameter: '%s'."
 
-# Each kind of metadata with the parameters that its factory refuses, and how. What is long has to be a number where a
-# number is looked for.
+# The refused parameters of each kind of metadata, and the texts. Long values consist of digits if the parameter is a
+# number.
 REFUSALS = [
     pytest.param(EVENT_PLUGINS, "event", EVENT, "x", id="event"),
     pytest.param(PTZ_PLUGINS, "ptz", PTZ, "1", id="ptz"),
@@ -28,17 +28,17 @@ REFUSALS = [
     pytest.param(RADAR_PLUGINS, "analytics", ANALYTICS, "2", id="radar"),
 ]
 
-# Some bytes that move a terminal's cursor or are no text, and what the log has of them.
+# Bytes that control a terminal or are not UTF-8, and their escapes in the log.
 HOSTILE, ESCAPED = b"\x1b[2J\xff\t\x7f\xe2\x82 1", "\\x1b[2J\\xff\\x09\\x7f\\xe2\\x82 1"
 
-# As the client whose requests filled a log.
+# Enough long requests to fill a log.
 DIGITS = 4000
 REQUESTS = 200
 
 
 def exchange(daemon, key, value):
     with daemon.client() as client:
-        # Some look at their parameters only when something is asked of them.
+        # Some factories check their parameters only in requests for their metadata.
         client.send(b"OPEN\nanalytics=1\n" + key.encode() + b"=" + value + b"\n\n")
         return client.read_to_end()
 
@@ -54,8 +54,9 @@ def test_long_value_is_whole_in_the_reply_and_clipped_in_the_log(start_daemon, p
     assert daemon.log.take(1) == [(WARNING, text % logged)]
 
 
-@pytest.mark.parametrize("plugins, key, text", [(EVENT_PLUGINS, "event", EVENT), (PTZ_PLUGINS, "video_channel", CHANNEL),
-                                                (PTZ_PLUGINS, "ptz", PTZ), (RADAR_PLUGINS, "analytics", ANALYTICS)])
+@pytest.mark.parametrize("plugins, key, text", [
+    (EVENT_PLUGINS, "event", EVENT), (PTZ_PLUGINS, "video_channel", CHANNEL), (PTZ_PLUGINS, "ptz", PTZ),
+    (RADAR_PLUGINS, "analytics", ANALYTICS)])
 def test_hostile_value_is_unchanged_in_the_reply_and_one_line_in_the_log(start_daemon, plugins, key, text):
     daemon = start_daemon(plugins=plugins)
     before, after = text.encode().split(b"%s")

@@ -1,4 +1,4 @@
-"""Platform elements that fail: what the client of such an element is told, and that nothing is left of it."""
+"""Platform elements that fail: the reply to the client of such an element, and the release of all resources."""
 
 import concurrent.futures
 
@@ -19,27 +19,27 @@ NOT_STOPPED_LINE = (ERROR, "Could not stop connection manager pipeline.")
 ONE_BY_ONE = 40
 AT_ONCE = 10
 
-# Often enough for any client.
+# More often than there are clients.
 FOR_EVER = 1000
 
-# GLib keeps threads that have nothing to do for a while, and so many of them at the most.
+# The number of idle threads that GLib keeps for a time.
 SPARE_THREADS = 8
 
 
 @pytest.fixture
 def start_failing(installation, start_daemon):
-    """Starts a daemon whose event source fails in this state change, so many times each."""
+    """Starts a daemon whose event sources each fail this many times in a state change."""
 
     def start(fails, works=False, times=FOR_EVER):
         _, environment = installation.new_plugin_folder(PLUGINS, failing=True)
-        fields = {"TESTPLUGIN_FAILS": fails, "TESTPLUGIN_WORKS": str(int(works)), "TESTPLUGIN_TIMES": str(times)}
-        return start_daemon(plugins=PLUGINS, environment=environment | fields)
+        faults = {"TESTPLUGIN_FAILS": fails, "TESTPLUGIN_WORKS": str(int(works)), "TESTPLUGIN_TIMES": str(times)}
+        return start_daemon(plugins=PLUGINS, environment=environment | faults)
 
     return start
 
 
 def come_and_go(daemon, visit):
-    """Clients one after another, and some at once. Returns how many there were."""
+    """Runs clients in sequence, and some at once. Returns their number."""
     for _ in range(ONE_BY_ONE):
         visit(daemon)
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
@@ -53,7 +53,7 @@ def expect_nothing_left(daemon, threads):
 
 
 def expect_service(daemon):
-    """For a client that asks for something else."""
+    """Expects that requests for another kind are served."""
     with daemon.client() as client:
         assert client.start(header(ptz=3)).next_document().ptz
 

@@ -1,5 +1,5 @@
-"""The items of external producers: the installed converter and the JSON Schema accept and refuse the same, and what
-docs/producers.md shows is right."""
+"""The items of external producers: the installed converter and the JSON Schema accept the same items, and the examples
+in docs/producers.md are correct."""
 
 import json
 import re
@@ -20,14 +20,13 @@ from waiting import BOUND_SECONDS  # noqa: E402
 SCHEMA = json.loads((TREE / "docs/producer-item.schema.json").read_text(encoding="utf-8"))
 DOCUMENTATION = (TREE / "docs/producers.md").read_text(encoding="utf-8")
 
-# What becomes of an item: all of it is told, what is right in it is, or nothing.
+# The outcome of an item: all of it is written, the valid part is, or nothing.
 WHOLE, PART, NOTHING = "whole", "part", "nothing"
 
 SOURCE = "Producer"
 
-# Sends each text of a list through the element, and a good one behind it to know when it is done; prints for each what
-# came out and the warnings. A program of its own, for a sanitizer's runtime has to be there from the start if the
-# plug-in needs it.
+# Sends each text of a list through the element, and a valid frame after it to detect its end; prints the output and the
+# warnings for each text. A separate program, because a plug-in with a sanitizer needs its runtime from the start.
 CONVERTER = """\
 import json, sys
 import gi
@@ -101,7 +100,7 @@ TYPE_MAX = OBJECT["Type"]["maxLength"]
 MEMBERS_MAX = SCHEMA["maxProperties"]
 ID_MIN, ID_MAX = SCHEMA["definitions"]["Id"]["minimum"], SCHEMA["definitions"]["Id"]["maximum"]
 
-# Items as text, and what becomes of them. The schema accepts those that are told whole, and no others.
+# Items as text, and their outcomes. The schema accepts exactly those that are written completely.
 ITEMS = [
     ("{}", WHOLE),
     ('{"Objects": [], "Deleted": []}', WHOLE),
@@ -115,7 +114,7 @@ ITEMS = [
     ("", NOTHING),
     ("{", NOTHING),
     ('{"Objects": [],}', NOTHING),
-    ("/* nobody */ {}", NOTHING),
+    ("/* empty */ {}", NOTHING),
     ('{"Likelihood": NaN}', NOTHING),
     ('{"Other": "a\nb"}', NOTHING),
     ('{"Other": "\udcff"}', NOTHING),
@@ -229,7 +228,7 @@ ITEMS = [
     (object_with('"Likelihood": true'), PART),
 ]
 
-# What the schema has no words for: it accepts all of these.
+# Invalid items that the schema cannot exclude and accepts.
 BEYOND_THE_SCHEMA = [
     (box(0.1, 0, 0, 0), PART),
     (box(0, 0, 0, 0.1), PART),
@@ -246,7 +245,7 @@ BEYOND_THE_SCHEMA = [
 
 
 def documented_items():
-    """Every line of every JSON example."""
+    """Each line of each JSON example."""
     blocks = re.findall(r"^```json\n(.*?)^```$", DOCUMENTATION, re.MULTILINE | re.DOTALL)
     return [line for block in blocks for line in block.splitlines()]
 
@@ -272,8 +271,7 @@ def sanitizer_runtimes(plugin):
 
 @pytest.fixture(scope="module")
 def convert(installation):
-    """Sends items through the installed element, each in a frame of its own; for each what came out, and the
-    warnings."""
+    """Sends items through the installed element, each in its own frame; returns the output and the warnings of each."""
     folder, environment = installation.new_plugin_folder([JSON_PLUGIN])
     application = Gst.Registry.get().find_plugin("app").get_filename()
     (folder / "app.so").symlink_to(application)

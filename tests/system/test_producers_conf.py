@@ -9,7 +9,7 @@ STARTING = (INFO, "Starting.")
 
 
 def expect_refused(daemon, text, reason):
-    """Waits for a start that fails at the producers' file, and for nothing."""
+    """Waits for a start that fails at the producers' file."""
     assert daemon.wait() == 1
     assert daemon.log.take() == [
         STARTING,
@@ -29,8 +29,8 @@ def test_missing_file_is_fatal(launch):
 def test_malformed_file_is_fatal(launch):
     daemon = launch(producers="[Producers.0.VideoMotionTracker\n")
 
-    expect_refused(daemon, "Key file contains line “[Producers.0.VideoMotionTracker” which is not a key-value pair, "
-                           "group, or comment", "Invalid argument")
+    expect_refused(daemon, "Key file contains line “[Producers.0.VideoMotionTracker” which is not a key-value "
+                           "pair, group, or comment", "Invalid argument")
 
 
 def test_folder_instead_of_the_file_is_fatal(launch):

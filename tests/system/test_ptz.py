@@ -1,4 +1,4 @@
-"""The state of the PTZ head: what a request can choose of it, and how it follows the head."""
+"""The PTZ status: the parts that a request selects, and changes during movement."""
 
 import datetime
 import itertools
@@ -18,7 +18,7 @@ from waiting import BOUND_SECONDS
 
 STATUS_AND_POSITION, POSITION_ONLY, STATUS_ONLY = 1, 2, 3
 
-# How exactly the positions in documents are told.
+# The precision of positions in documents.
 ROUNDING = 0.0001
 
 PAN_RANGES = ((-1, 1), (-180, 180), (-math.pi, math.pi))
@@ -28,7 +28,7 @@ ZOOM_RANGES = ((0, 1), (4.3, 129), (1, 30))
 
 @pytest.fixture
 def start_ptz_daemon(start_daemon):
-    """Starts a daemon on a camera that has nothing but a PTZ head."""
+    """Starts a daemon on a camera with a PTZ head alone."""
 
     def start(**arguments):
         return start_daemon(plugins=PTZ_PLUGINS, **arguments)
@@ -55,7 +55,7 @@ def first_status(daemon, **fields):
     return status
 
 
-# What is told
+# Selected parts
 
 
 @pytest.mark.parametrize("ptz, parts", [
@@ -124,7 +124,7 @@ def test_channels_of_one_head_have_the_same_status(start_ptz_daemon):
     with daemon.client() as first, daemon.client() as fourth:
         streams = [client.start(header(ptz=1, video_channel=channel))
                    for client, channel in ((first, 1), (fourth, 4))]
-        one, other = rest_of_all((first, fourth), streams)
+        one, other = idle_statuses((first, fourth), streams)
 
     assert (one.pan_tilt, one.zoom) == (other.pan_tilt, other.zoom)
 
@@ -133,14 +133,14 @@ def test_channels_of_one_head_have_the_same_status(start_ptz_daemon):
 
 
 def status_since(client, stream):
-    """The state as a sync point shows it."""
-    asked = now()
+    """The status that a sync point yields."""
+    requested = now()
     client.sync()
-    return next(status for status in stream.statuses() if status.time >= asked)
+    return next(status for status in stream.statuses() if status.time >= requested)
 
 
-def rest_of_all(clients, streams):
-    """The state as all of them are told it, of one moment at which the head rests."""
+def idle_statuses(clients, streams):
+    """The status in each stream, all from one time at which the head does not move."""
     deadline = now() + datetime.timedelta(seconds=BOUND_SECONDS)
     while now() < deadline:
         seen = [status_since(client, stream) for client, stream in zip(clients, streams)]
@@ -149,7 +149,7 @@ def rest_of_all(clients, streams):
         if all(status.is_idle for status in (*seen, again)) and (again.pan_tilt, again.zoom) == (
                 before.pan_tilt, before.zoom):
             return seen
-    pytest.fail("the head does not rest")
+    pytest.fail("the head does not stop")
 
 
 def test_default_spaces_are_the_generic_ones(ptz_daemon):
@@ -181,18 +181,18 @@ def test_spaces_have_the_same_position(ptz_daemon):
         streams = [client.start(header(ptz=1, ptz_pantilt_coordinate_space=space,
                                        ptz_zoom_coordinate_space=space))
                    for client, space in zip(clients, range(3))]
-        seen = rest_of_all(clients, streams)
+        seen = idle_statuses(clients, streams)
 
     pans = [part_of_range(status.pan_tilt[0], ends) for status, ends in zip(seen, PAN_RANGES)]
     tilts = [part_of_range(status.pan_tilt[1], ends) for status, ends in zip(seen, TILT_RANGES)]
     zooms = [part_of_range(status.zoom, ends) for status, ends in zip(seen, ZOOM_RANGES)]
     for parts in (pans, tilts, zooms):
         assert parts == pytest.approx([parts[0]] * 3, abs=2 * ROUNDING)
-    # The middle of each range would tell nothing.
+    # At the middle of each range all spaces would agree.
     assert any(abs(part - 0.5) > 10 * ROUNDING for part in (pans[0], tilts[0], zooms[0]))
 
 
-# What the driver can move
+# Move capabilities
 
 PAN, TILT, ZOOM = 1, 2, 4
 
@@ -238,10 +238,10 @@ def test_wrong_ptz(ptz_daemon):
         expect_refused(ptz_daemon, {key: value}, text.format(value))
 
 
-@pytest.mark.parametrize("asked", [{}, {"ptz": 0}, {"ptz": 1}], ids=["not asked", "none", "asked"])
-def test_wrong_channel_or_space_is_refused_with_and_without_ptz(ptz_daemon, asked):
+@pytest.mark.parametrize("ptz", [{}, {"ptz": 0}, {"ptz": 1}], ids=["absent", "0", "1"])
+def test_wrong_channel_or_space_is_refused_with_and_without_ptz(ptz_daemon, ptz):
     for key, value, text in WRONG_CHANNELS + WRONG_SPACES:
-        expect_refused(ptz_daemon, asked | {key: value}, text.format(value))
+        expect_refused(ptz_daemon, ptz | {key: value}, text.format(value))
 
 
 WRONG_IN_ORDER = [
@@ -259,7 +259,7 @@ def test_first_of_several_wrong_values_is_reported(start_daemon, first):
     wrong = WRONG_IN_ORDER[first:]
     _, value, text = wrong[0]
 
-    # The order of the lines has nothing to do with it.
+    # The order of the header lines has no effect.
     expect_refused(daemon, {key: value for key, value, _ in reversed(wrong)}, text.format(value))
 
 
@@ -284,7 +284,7 @@ def test_last_line_of_a_key_counts(ptz_daemon):
 
 def test_element_that_is_removed_after_the_start(installation, start_ptz_daemon):
     folder, environment = installation.new_plugin_folder(PTZ_PLUGINS)
-    # The first start loads the plug-in to see what it is, the second one knows.
+    # The first start registers the plug-in, which the second one need not load.
     start_ptz_daemon(environment=environment).end()
     daemon = start_ptz_daemon(environment=environment)
     (folder / installation.plugins[PTZ_PLUGIN].name).unlink()
@@ -292,7 +292,7 @@ def test_element_that_is_removed_after_the_start(installation, start_ptz_daemon)
     expect_refused(daemon, {"ptz": 1}, "Could not construct statuscacheptzsrc.")
 
 
-# The head's life
+# Sync points and movement
 
 
 def test_sync_point_shows_the_state_again(ptz_daemon):
@@ -300,22 +300,22 @@ def test_sync_point_shows_the_state_again(ptz_daemon):
         stream = client.start(header(ptz=1))
         stream.next_document()
         for _ in range(10):
-            asked = now()
+            requested = now()
             client.sync()
-            assert any(status.time >= asked for status in stream.statuses())
+            assert any(status.time >= requested for status in stream.statuses())
 
 
 def test_sync_point_yields_the_status_without_a_head_too(ptz_daemon):
     with ptz_daemon.client() as client:
         stream = client.start(header(ptz=1, video_channel=2))
         stream.next_document()
-        # So many would not come by themselves within the bound.
+        # Without sync points, fewer would arrive within the time limit.
         for _ in range(10):
             client.sync()
             assert stream.next_document().ptz == []
 
 
-# Seconds of the story, each a little before a long move.
+# Seconds of the simulation's cycle, each shortly before a long movement.
 BEFORE_A_TURN = 0
 BEFORE_A_ZOOM = 5
 
@@ -324,18 +324,18 @@ BEFORE_A_ZOOM = 5
                                                  ("zoom", "zoom_status", BEFORE_A_ZOOM)])
 def test_position_changes_while_moving_only(start_ptz_daemon, what, status, began):
     daemon = start_ptz_daemon(speed=4, world_seconds=began)
-    told = []
+    received = []
     with daemon.client() as client:
         statuses = client.start(header(ptz=STATUS_AND_POSITION)).statuses()
         for seen in itertools.dropwhile(lambda seen: getattr(seen, status) != IDLE, statuses):
-            told.append((getattr(seen, status), getattr(seen, what)))
-            if [state for state, _ in told[-2:]] == [MOVING, IDLE]:
+            received.append((getattr(seen, status), getattr(seen, what)))
+            if [state for state, _ in received[-2:]] == [MOVING, IDLE]:
                 break
 
-    states = [state for state, _ in itertools.groupby(told, lambda one: one[0])]
+    states = [state for state, _ in itertools.groupby(received, lambda one: one[0])]
     assert states == [IDLE, MOVING, IDLE]
-    moving = [position for state, position in told if state == MOVING]
-    resting = [position for state, position in told if state == IDLE]
+    moving = [position for state, position in received if state == MOVING]
+    idle = [position for state, position in received if state == IDLE]
     assert len(set(moving)) == len(moving) > 1
-    assert len(set(resting[:-1])) == 1
-    assert resting[-1] not in resting[:-1]
+    assert len(set(idle[:-1])) == 1
+    assert idle[-1] not in idle[:-1]

@@ -1,4 +1,4 @@
-"""What is different about the radar's scenes."""
+"""Radar scenes: their differences from video scenes."""
 
 import itertools
 import math
@@ -14,18 +14,18 @@ from refusals import (INVALID_ANALYTICS, INVALID_CHANNEL, INVALID_EVENT, WRONG_C
 from scenes import BUSY_SECONDS, NO_ROTATION, RADAR, RADAR_ROUNDING, is_inside, objects_of, rotate, seen_by_radar
 from simcamera import CAPTURE, SCENES
 
-# Where the simulated camera stands.
+# The position of the simulated camera.
 CAMERA_LONGITUDE, CAMERA_LATITUDE, CAMERA_ELEVATION = -0.0015, 51.4779, 46
 
 METRES_PER_DEGREE = 111_000
 
-# How far the measures of one object may be apart, in metres and metres per second.
+# The tolerance between measurements of one object, in metres and metres per second.
 MEASURE_TOLERANCE = 0.5
 
 
 @pytest.fixture
 def start_radar_daemon(start_daemon):
-    """Starts a daemon on a camera with nothing but a radar, enabled on the first channels under these names."""
+    """Starts a daemon on a camera with a radar alone, enabled on the first channels with these names."""
 
     def start(*names, **arguments):
         defaults = {"plugins": RADAR_PLUGINS, "speed": 4, "world_seconds": BUSY_SECONDS,
@@ -36,12 +36,12 @@ def start_radar_daemon(start_daemon):
 
 
 def some_objects(daemon, **fields):
-    """The first few objects that come, each as often as it is told."""
+    """The objects of the first frames; an object can occur several times."""
     with daemon.client() as client:
         return list(itertools.islice(objects_of(client.start(header(**fields)).frames()), 5))
 
 
-# What is told
+# Measurements
 
 
 @pytest.mark.parametrize("analytics", [1, 2])
@@ -60,7 +60,7 @@ def test_objects_have_their_place_on_the_earth(camera, start_radar_daemon):
         east = (longitude - CAMERA_LONGITUDE) * METRES_PER_DEGREE * math.cos(math.radians(CAMERA_LATITUDE))
         north = (latitude - CAMERA_LATITUDE) * METRES_PER_DEGREE
 
-        # The camera looks to the east, and its angles are clockwise.
+        # The camera faces east, and its angles are clockwise.
         angle = math.radians(found.radar.angle)
         assert east == pytest.approx(found.radar.range * math.cos(angle), abs=MEASURE_TOLERANCE)
         assert north == pytest.approx(-found.radar.range * math.sin(angle), abs=MEASURE_TOLERANCE)
@@ -87,7 +87,7 @@ def test_radar_frames_have_no_ptz_status(camera, start_radar_daemon):
         assert frame.ptz is None
 
 
-# What the platform is asked
+# Calls of the platform
 
 
 def test_radar_does_not_need_the_scene_provider(camera, start_radar_daemon):
@@ -119,14 +119,14 @@ def test_stopped_bus_affects_the_rotation_alone(own_bus, start_radar_daemon):
 
 
 def start_with_both(start_daemon, **names):
-    """Starts a daemon with both kinds of scenes, enabled on the first channel under these names."""
+    """Starts a daemon with both kinds of scenes, enabled on the first channel with these names."""
     trackers = {"video": (VIDEO_TRACKER, 1), "radar": (RADAR_TRACKER, 1)}
     return start_daemon(plugins=(RADAR_PLUGIN, *SCENE_PLUGINS), speed=4, world_seconds=BUSY_SECONDS,
                         producers=producers_enabled({trackers[key]: name for key, name in names.items()}))
 
 
 def sources(daemon, count=10):
-    """Who is named in the first frames."""
+    """The sources of the first frames."""
     with daemon.client() as client:
         frames = client.start(header(analytics=1)).frames()
         return {frame.source for frame in itertools.islice(frames, count)}
@@ -154,12 +154,12 @@ def test_without_rotation_only_the_radar_has_scenes(camera, start_daemon):
 # Refusals
 
 
-@pytest.mark.parametrize("asked", [{}, {"analytics": 0}, {"analytics": 1}], ids=["not asked", "none", "asked"])
-def test_wrong_channel_is_refused_with_and_without_scenes(start_radar_daemon, asked):
+@pytest.mark.parametrize("analytics", [{}, {"analytics": 0}, {"analytics": 1}], ids=["absent", "0", "1"])
+def test_wrong_channel_is_refused_with_and_without_scenes(start_radar_daemon, analytics):
     daemon = start_radar_daemon("one")
 
     for key, value, text in WRONG_CHANNELS:
-        expect_refused(daemon, asked | {key: value}, text.format(value))
+        expect_refused(daemon, analytics | {key: value}, text.format(value))
 
 
 def test_wrong_channel_fails_the_request_for_events_too(start_radar_daemon):

@@ -1,4 +1,4 @@
-"""The text of requests and replies, byte for byte."""
+"""Requests and replies, byte for byte."""
 
 import pytest
 
@@ -31,7 +31,7 @@ def wrong_event(value):
 
 
 def exchange(daemon, request, then=None):
-    """Sends all of the request, does what is wanted, and returns everything that the daemon sends until it closes."""
+    """Sends the request, calls `then`, and returns all that the daemon sends until it closes the connection."""
     with daemon.client() as client:
         client.send(request)
         if then is not None:
@@ -126,7 +126,7 @@ def test_nothing_requested(daemon, header):
     "a=b\revent=1\n",
     "event=0\nevent=1\n",
     "event=true\nevent=1\n",
-    "analytics=0\nnobody=knows\nevent=1\nptz=\n",
+    "analytics=0\nunknown=key\nevent=1\nptz=\n",
 ])
 def test_events_requested(daemon, header):
     with daemon.client() as client:
@@ -214,7 +214,7 @@ def test_element_that_is_missing(start_daemon):
 
 def test_source_that_is_removed_after_the_start(installation, start_daemon):
     folder, environment = installation.new_plugin_folder(EVENT_PLUGINS)
-    # The first start loads the plug-in to see what it is, the second one knows.
+    # The first start registers the plug-in, which the second one need not load.
     start_daemon(environment=environment).end()
     daemon = start_daemon(environment=environment)
     (folder / installation.plugins[EVENT_PLUGIN].name).unlink()

@@ -1,4 +1,4 @@
-"""The producers' file when it cannot be written, and when the daemon is killed in a storm of changes."""
+"""The producers' file: failed writes, and a daemon that is killed during a storm of changes."""
 
 import concurrent.futures
 import contextlib
@@ -21,7 +21,7 @@ PLUGINS = tuple({*SCENE_PLUGINS, *RADAR_PLUGINS})
 
 RETRY_SECONDS = documented_limit("producerconfig.h", "PRODUCER_CONFIG_RETRY_SECONDS")
 
-# How much later than that a try may come on a busy machine, and how much earlier, for it comes with a whole second.
+# The tolerances of a retry: late on a busy machine, early because it occurs at a whole second.
 TOLERANCE_SECONDS = 10
 EARLY_SECONDS = 2
 
@@ -32,19 +32,19 @@ TEMPORARY = "producers.conf.tessard-new"
 UNCHANGED = {(VIDEO_TRACKER, 1): "", (VIDEO_TRACKER, 2): "", (RADAR_TRACKER, 1): "", (RADAR_TRACKER, 2): ""}
 CHANGED = UNCHANGED | {(VIDEO_TRACKER, 1): "left door"}
 
-NO_DISK = "a file system of its own takes root's rights"
+NO_DISK = "a private file system needs root's rights"
 
-# A killed daemon's rounds, and how many daemons go through them side by side.
+# The rounds of killed daemons, and the number of daemons that run concurrently.
 ROUNDS = 200
 LANES = 4
 
-# How many calls there are at most before somebody looks whether it is time for the kill.
+# The largest number of calls before a kill.
 MAX_CALLS = 20
 
 
 class Failure:
-    """A way in which the file cannot be written; by itself none. A subclass says what the daemon's warning is about,
-    and what the file holds then."""
+    """A cause for failed writes. A subclass has the reason in the daemon's warning, and the contents of the file after
+    a failed write."""
 
     reason = None
     stored = UNCHANGED
@@ -53,20 +53,20 @@ class Failure:
         self.faults = workspace.folder()
 
     def arguments(self):
-        """The daemon's."""
+        """Arguments of the daemon."""
         return {}
 
     def folder(self, daemon):
         return daemon.folder
 
     def begin(self, daemon):
-        """Lets saves fail from now on."""
+        """Makes later saves fail."""
 
     def end(self, daemon):
-        """Lets them succeed again."""
+        """Makes later saves succeed."""
 
     def check(self, daemon):
-        """While saves fail."""
+        """Checks the file while saves fail."""
         assert stored_names(self.folder(daemon) / "producers.conf") == self.stored
 
 
@@ -89,7 +89,7 @@ class FolderThatCannotBeOpened(ReadOnlyFolder):
 
 
 class FailedRename(Failure):
-    """A folder has the file's name."""
+    """A folder with the file's name."""
 
     reason = f"Failed to rename '{TEMPORARY}' to 'producers.conf': Is a directory"
 
@@ -125,7 +125,7 @@ class FailedSyncOfTheFolder(FailedSync):
 
 
 class FullDisk(Failure):
-    """The daemon's working folder is a small file system, which nobody else sees and which goes with the daemon."""
+    """The daemon's working folder is a small private file system, which ends with the daemon."""
 
     reason = f"Failed to write '{TEMPORARY}': No space left on device"
     MOUNT = ("mkdir disk && mount -t tmpfs -o size=64k,mode=755,uid=$0,gid=$1 tmpfs disk && "
@@ -170,7 +170,7 @@ def temporary_files(folder):
 
 
 def change_while_saves_fail(failure, daemon, control):
-    """Makes a change that is acknowledged and in effect, but not saved."""
+    """Makes a change that succeeds and is in effect, but is not saved."""
     failure.begin(daemon)
     control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     assert daemon.log.take(1) == [(WARNING, f"could not write name to producerconfig: {failure.reason}")]
@@ -186,7 +186,7 @@ def expect_stored(failure, daemon, names):
 
 
 class Retry:
-    """A daemon with a change that it could not save, but now could."""
+    """A daemon with an unsaved change, which its next retry can save."""
 
     def __init__(self, kind, installation, workspace):
         self.failure = kind(workspace)
@@ -207,7 +207,7 @@ class Retry:
 
 @pytest.fixture(scope="module")
 def retries(installation, workspace):
-    """One retry for each failure that this machine can have. They begin together and take a minute."""
+    """One retry for each failure that is possible on this machine. All start together and take a minute."""
     with contextlib.ExitStack() as started:
         made = {}
         for kind in FAILURES:
@@ -224,7 +224,7 @@ def failure(request, workspace):
     return request.param(workspace)
 
 
-# Before the retries, which the first test begins, are over.
+# Tests during the retries, which the first one starts
 
 
 def test_change_that_cannot_be_saved_is_saved_with_the_next(retries, failure, start_daemon, control):
@@ -237,7 +237,7 @@ def test_change_that_cannot_be_saved_is_saved_with_the_next(retries, failure, st
 
 
 class Storm(threading.Thread):
-    """Changes one channel after the other by each of the methods in turn, until the daemon is gone."""
+    """Changes channels in turn, with both methods in turn, until the daemon ends."""
 
     def __init__(self, control, names):
         super().__init__(daemon=True)
@@ -262,7 +262,7 @@ class Storm(threading.Thread):
 
 
 def kill_in_a_storm(daemon, control, names):
-    """What the file says afterwards, and whether the kill came in the middle of a save."""
+    """Kills the daemon during changes; returns the contents of the file, and whether a save was interrupted."""
     storm = Storm(control, names)
     calls = random.randrange(MAX_CALLS)
     wait_until(lambda: storm.calls >= calls, "the storm goes on")
@@ -275,13 +275,13 @@ def kill_in_a_storm(daemon, control, names):
 
 
 def start_again(daemon, control):
-    wait_until(lambda: not control.has_owner(NAME), "the bus knows that the daemon is gone")
+    wait_until(lambda: not control.has_owner(NAME), "the daemon has left the bus")
     daemon.start_again()
     daemon.wait_until_ready()
 
 
 def kill_again_and_again(installation, rounds):
-    """In how many rounds the kill came in the middle of a save."""
+    """Kills a daemon repeatedly; returns the number of interrupted saves."""
     with contextlib.ExitStack() as started:
         bus = Bus(installation)
         started.callback(bus.stop)
@@ -307,10 +307,10 @@ def test_killed_in_a_storm_of_changes(retries, installation):
                     for _ in range(LANES)]
         cut_saves = sum(outcome.result() for outcome in outcomes)
 
-    assert cut_saves > 0, "no kill came in the middle of a save"
+    assert cut_saves > 0, "no kill interrupted a save"
 
 
-# When they are over.
+# Tests after the retries
 
 
 @pytest.mark.parametrize("kind", FAILURES, ids=lambda kind: kind.__name__)

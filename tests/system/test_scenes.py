@@ -1,5 +1,5 @@
-"""Scenes: what a request can choose of them, when there are none, and what the daemon asks the platform for them.
-What holds for the video's scenes and the radar's alike is tested of both."""
+"""Scenes: the parts that a request selects, requests without scenes, and the daemon's calls of the platform. Tests of
+common behaviour run for video and radar scenes."""
 
 import contextlib
 import itertools
@@ -31,7 +31,7 @@ def kind(request):
 
 @pytest.fixture
 def start_scene_daemon(start_daemon):
-    """Starts a daemon on a camera with one kind of scenes, enabled on the first channels under these names."""
+    """Starts a daemon on a camera with one kind of scenes, enabled on the first channels with these names."""
 
     def start(kind, *names, **arguments):
         defaults = {"plugins": kind.plugins, "speed": 4, "world_seconds": BUSY_SECONDS,
@@ -52,7 +52,7 @@ def expect_nothing(daemon, **fields):
         assert client.request(header(**fields)) == NOTHING_REQUESTED
 
 
-# What is told
+# Selected parts
 
 
 @pytest.mark.parametrize("analytics, polygons", [(WITH_BOXES, False), (WITH_POLYGONS, True)])
@@ -159,7 +159,7 @@ def test_source_is_the_configuration_name(camera, start_scene_daemon, kind, name
                                     {"video_channel": 2147483646}])
 def test_disabled_channel_yields_no_metadata(camera, start_scene_daemon, kind, fields):
     daemon = start_scene_daemon(kind, "", "two")
-    # Whoever waited for this would not be done in time.
+    # A request that waited for this service would time out.
     camera.absent(SCENES)
 
     expect_nothing(daemon, analytics=1, **fields)
@@ -185,7 +185,7 @@ def test_disabled_channel_does_not_affect_events(camera, start_daemon, kind):
 
 
 def compare_places(plain, turned, degrees):
-    """Reads two streams of the same picture, one of them turned, until a few places have been compared."""
+    """Reads two streams of the same picture, one of them rotated, until a few positions have been compared."""
     tracks, frames = Tracks(), []
     for upright, other in zip(plain.frames(), turned.frames()):
         tracks.add(upright)
@@ -286,7 +286,7 @@ FAILURES = [no_service, no_object, inject_fault("error"), inject_fault("error", 
 
 
 def expect_no_rotation(daemon, kind, **fields):
-    """Expects of a request what becomes of it when nobody tells the rotation."""
+    """Expects the outcome of a request without a known rotation."""
     if kind is VIDEO:
         expect_nothing(daemon, **fields)
         assert daemon.log.take() == []
@@ -312,7 +312,7 @@ def test_capture_service_that_ends_without_a_reply(start_camera, start_scene_dae
     daemon = start_scene_daemon(kind, "one")
     with daemon.client() as client:
         client.send_request(header(analytics=1))
-        wait_until(lambda: camera.calls(CAPTURE) == 1, "the daemon asks for the rotation")
+        wait_until(lambda: camera.calls(CAPTURE) == 1, "the daemon requests the rotation")
         camera.end()
 
         assert client.read_reply().decode() == (NOTHING_REQUESTED if kind is VIDEO else "OK")
@@ -332,14 +332,14 @@ def test_capture_service_that_recovers(camera, start_scene_daemon, kind):
 
 @pytest.fixture
 def monitor(bus):
-    """Counts the questions to the scene provider, also while there is none."""
+    """Counts the calls of the scene provider, also while it is absent."""
     started = BusMonitor(bus, "com.quon.VideoSceneManager1", "GetNumberOfChannels")
     yield started
     started.close()
 
 
 def start_and_expect_frames(client):
-    """Reads the reply, which has to be the good one, and what comes then."""
+    """Expects the reply "OK" and a frame."""
     assert client.read_reply() == b"OK"
     assert next(client.open_stream().frames()).source == "one"
 
@@ -356,7 +356,7 @@ def test_request_waits_for_an_absent_provider(camera, monitor, start_scene_daemo
     camera.absent(SCENES)
     with daemon.client() as client:
         client.send_request(header(analytics=1))
-        wait_until(lambda: monitor.calls >= 2, "the daemon looks for the provider twice")
+        wait_until(lambda: monitor.calls >= 2, "the daemon calls the provider twice")
         assert not client.has_input()
         camera.present(SCENES)
 
@@ -364,15 +364,15 @@ def test_request_waits_for_an_absent_provider(camera, monitor, start_scene_daemo
     assert daemon.log.take() == []
 
 
-WRONG_ANSWERS = [["error"], ["never"], ["slow", "5000"], ["wrong-type"], ["wrong-number"], ["variant"],
+WRONG_REPLIES = [["error"], ["never"], ["slow", "5000"], ["wrong-type"], ["wrong-number"], ["variant"],
                  ["nested"], ["empty"], ["reply", "(-1,)"], ["reply", "(int64 1,)"]]
 
 
 def test_request_waits_for_a_provider_with_a_wrong_reply(start_bus, start_camera, start_scene_daemon):
-    # All at once, because each takes seconds.
+    # All concurrently, because each takes seconds.
     cameras, daemons = [], []
     with contextlib.ExitStack() as stack:
-        for how in WRONG_ANSWERS:
+        for how in WRONG_REPLIES:
             bus = start_bus()
             cameras.append(start_camera("--fault", f"scenes={':'.join(how)}", on=bus))
             daemons.append(start_scene_daemon(VIDEO, "one", on=bus))
@@ -380,7 +380,7 @@ def test_request_waits_for_a_provider_with_a_wrong_reply(start_bus, start_camera
         for client in clients:
             client.send_request(header(analytics=1))
         for camera in cameras:
-            wait_until(lambda camera=camera: camera.calls(SCENES) >= 2, "the daemon asks the provider again")
+            wait_until(lambda camera=camera: camera.calls(SCENES) >= 2, "the daemon calls the provider again")
         assert not any(client.has_input() for client in clients)
         for camera in cameras:
             camera.clear_fault(SCENES)
@@ -396,7 +396,7 @@ def test_provider_that_hangs_is_called_repeatedly(camera, monitor, start_scene_d
     with daemon.client() as client:
         with suspended(camera.process):
             client.send_request(header(analytics=1))
-            wait_until(lambda: monitor.calls >= 4, "the daemon looks for the provider four times")
+            wait_until(lambda: monitor.calls >= 4, "the daemon calls the provider four times")
             assert not client.has_input()
 
         start_and_expect_frames(client)
@@ -407,13 +407,13 @@ def test_waiting_requests_delay_later_ones(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one", "two", plugins=(EVENT_PLUGIN, *SCENE_PLUGINS))
     camera.channels(0)
     with daemon.client() as first, daemon.client() as second, daemon.client() as third:
-        # Both threads for requests are taken.
+        # Both threads for requests are in use.
         first.send_request(header(analytics=1))
         second.send_request(header(analytics=2))
-        wait_until(lambda: camera.calls(SCENES) >= 2, "the daemon asks for both")
+        wait_until(lambda: camera.calls(SCENES) >= 2, "the daemon calls the provider for both")
         third.send_request(header(event=1))
         before = camera.calls(SCENES)
-        wait_until(lambda: camera.calls(SCENES) >= before + 2, "the daemon asks for both again")
+        wait_until(lambda: camera.calls(SCENES) >= before + 2, "the daemon calls the provider for both again")
         assert not any(client.has_input() for client in (first, second, third))
         camera.channels(2)
 
@@ -435,20 +435,20 @@ def test_one_waiting_request_delays_no_others(camera, start_scene_daemon):
         assert not waiting.has_input()
 
 
-# How soon a request that waits ends when its client hangs up: the median of so many tries.
+# The time limit of a waiting request after its client hangs up: the median of several tries.
 GONE_SECONDS = 0.25
 TRIES_TO_GO = 5
 
 
 def seconds_to_go(daemon, monitor):
-    """How long a request outlives its client, who hangs up while it waits for the provider."""
-    before = wait_until_settled(daemon.descriptors, "no request takes any descriptors")
+    """The time that a request outlives its client, which hangs up while the request waits for the provider."""
+    before = wait_until_settled(daemon.descriptors, "no request has descriptors")
     calls = monitor.calls
     with daemon.client() as gone:
         gone.send_request(header(analytics=1))
-        wait_until(lambda: monitor.calls > calls, "the daemon looks for the provider")
+        wait_until(lambda: monitor.calls > calls, "the daemon calls the provider")
     began = time.monotonic()
-    wait_until(lambda: daemon.descriptors() == before, "what the request took is free")
+    wait_until(lambda: daemon.descriptors() == before, "the request's descriptors are closed")
     return time.monotonic() - began
 
 
@@ -487,7 +487,7 @@ def test_frames_have_the_ptz_status(camera, start_scene_daemon, ptz):
     daemon = start_scene_daemon(VIDEO, "one")
     frame = first_frame(daemon, analytics=1, ptz=ptz)
 
-    # A choice of parts is for the head's own metadata alone.
+    # The selection of parts applies to the PTZ metadata alone.
     assert frame.ptz.parts == ["Position", "MoveStatus", "UtcTime"]
     assert frame.ptz.time == frame.time
     assert (frame.ptz.pan_tilt_space, frame.ptz.zoom_space) == (PAN_TILT_SPACES[0], ZOOM_SPACES[0])
@@ -559,7 +559,7 @@ def test_wrong_ptz_or_space(camera, start_scene_daemon):
     daemon = start_scene_daemon(VIDEO, "one")
 
     for key, value, text in WRONG_PTZ + WRONG_SPACES:
-        # A channel that is not enabled does not make it right.
+        # Also refused on a disabled channel.
         wrong = {"analytics": 1, "video_channel": 2, key: value}
         expect_refused(daemon, wrong, text.format(value))
         expect_nothing(daemon, **wrong | {"analytics": 0})
@@ -575,7 +575,7 @@ WRONG_IN_ORDER = [
     ("ptz_zoom_coordinate_space", "a", INVALID_ZOOM_SPACE),
 ]
 
-# The factory of the head's state judges before that of the scenes.
+# The factory of PTZ checks before that of scenes.
 WRONG_IN_ORDER_WITH_PTZ = [
     ("event", "2", INVALID_EVENT),
     ("ptz", "4", PTZ_OUT_OF_BOUNDS),
@@ -594,13 +594,13 @@ def test_first_of_several_wrong_values_is_reported(start_scene_daemon, plugins, 
         wrong = {key: value for key, value, _ in order[first:]}
         if first > order.index(("analytics", "3", INVALID_ANALYTICS)):
             wrong["analytics"] = 1
-        # The order of the lines has nothing to do with it.
+        # The order of the header lines has no effect.
         expect_refused(daemon, dict(reversed(wrong.items())), text.format(value))
 
 
 def test_elements_that_are_removed_after_the_start(camera, installation, start_scene_daemon, kind):
     folder, environment = installation.new_plugin_folder(kind.plugins)
-    # The first start loads the plug-in to see what it is, the second one knows.
+    # The first start registers the plug-in, which the second one need not load.
     start_scene_daemon(kind, "one", environment=environment).end()
     daemon = start_scene_daemon(kind, "one", environment=environment)
     (folder / installation.plugins[kind.plugin].name).unlink()

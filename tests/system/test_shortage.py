@@ -1,5 +1,5 @@
-"""Descriptors that run out: each client is served or told, and the daemon serves everybody once there are enough again.
-And what a client of each kind costs, which the limits of the service are made for: the docs say it."""
+"""Lack of descriptors: each client is served or refused, and the daemon serves all clients when it has enough again.
+And the documented resources of a client of each kind, on which the limits of the service are based."""
 
 import concurrent.futures
 import contextlib
@@ -20,8 +20,8 @@ PIPELINE = documented_limit("server.h", "SERVER_PIPELINE_DESCRIPTORS")
 BUS_CALL = documented_limit("systembus.h", "SYSTEM_BUS_CALL_DESCRIPTORS")
 WARNING_SECONDS = documented_limit("server.h", "SERVER_SHORTAGE_WARNING_INTERVAL_MS") / 1000
 
-# Below so many, the client's connection included, nothing of a pipeline is made. With so many one is: what it has open
-# counts as reserved too until it is complete, and asking the platform takes more.
+# With fewer than TOO_FEW free descriptors, including the client's connection, no pipeline is built; with ENOUGH one is.
+# A pipeline's open descriptors also count as reserved until it is complete, and calls of the platform need more.
 TOO_FEW = RESERVE + PIPELINE + 1
 ENOUGH = RESERVE + 2 * PIPELINE + BUS_CALL + 1
 
@@ -32,7 +32,7 @@ NO_DESCRIPTOR = (ERROR, "Could not accept new request on metadata server socket:
 SHORTAGE = re.compile(r"Too few free file descriptors, refused a metadata request\."
                       r"( \(\d+ more since the last such line\))?")
 
-# What the daemon may say of the producers' streams of a client that has been served.
+# A possible log line about the producers' streams of a served client.
 STREAMS_WAIT = re.compile(r"streams of external producers wait: too few free file descriptors"
                           r"( \(\d+ more since the last such line\))?")
 
@@ -48,7 +48,7 @@ KINDS = {
     "all": {"event": 1, "ptz": 1, "analytics": 2, "video_channel": FULL_CHANNEL},
 }
 
-# The external producers, each enabled where any is.
+# The external producers, all enabled on the same channels.
 EXTERNAL = ("First", "Second", "Third")
 
 PRODUCERS = producers_enabled({
@@ -61,14 +61,14 @@ PRODUCERS = producers_enabled({
 
 @pytest.fixture
 def full_daemon(start_camera, start_daemon, control):
-    """A daemon on a camera that has everything, once it knows the external producers and nothing is left of that."""
+    """An idle daemon with all kinds of metadata, which has listed the external producers."""
     camera = start_camera("--channels", str(len(CHANNELS)))
     daemon = start_daemon(plugins=SIMULATED_PLUGINS, coordinator_line=None, producers=PRODUCERS, speed=4,
                           ptz_channels=CHANNELS)
     for name in EXTERNAL:
         camera.add_producer(name)
     wait_until(lambda: control.objects() >= {path_of(name) for name in EXTERNAL}, "the external producers are listed")
-    # The first client has plug-ins loaded and threads made that stay.
+    # The first client makes the daemon load plug-ins and start threads that stay.
     with daemon.client() as client:
         client.start(header(**KINDS["all"])).next_document()
     daemon.idle_descriptors = wait_until_settled(daemon.descriptors, "the daemon is idle")
@@ -80,7 +80,7 @@ def full_daemon(start_camera, start_daemon, control):
 
 @contextlib.contextmanager
 def free_descriptors(daemon, count):
-    """Lets the running daemon open only so many descriptors more."""
+    """Limits the running daemon to `count` more descriptors."""
     limits = (daemon.proc / "limits").read_text(encoding="ascii")
     (before,) = re.findall(r"^Max open files +(\d+)", limits, re.MULTILINE)
     daemon.leave_descriptors(count)
@@ -95,14 +95,14 @@ def expect_idle(daemon):
 
 
 def request_metadata(client, fields):
-    """Asks for metadata and returns the text of the reply, which may be there before the request."""
+    """Requests metadata and returns the text of the reply, which may arrive before the request is sent."""
     with contextlib.suppress(BrokenPipeError):
         client.send_request(header(**fields))
     return client.read_reply().decode()
 
 
 def request_and_read(daemon, fields):
-    """Asks for metadata; whether it came. Otherwise there has to be the text and then the end."""
+    """Requests metadata and returns whether it arrived. A refusal must have its text and then the end."""
     with daemon.client() as client:
         reply = request_metadata(client, fields)
         if reply == "OK":
@@ -114,8 +114,8 @@ def request_and_read(daemon, fields):
 
 
 def expect_only_shortages(daemon, began, without_any=0):
-    """Expects of the log nothing but warnings of the shortage, not too many of them since that moment, and the lines
-    about connections that came when there was no descriptor at all."""
+    """Expects that the log has only warnings about the shortage, at most one in each interval since `began`, and lines
+    about connections that found no descriptor."""
     lines = daemon.log.take()
     assert lines.count(NO_DESCRIPTOR) == without_any
     warnings = [line for line in lines if line[0] == WARNING and SHORTAGE.fullmatch(line[1])]
@@ -173,7 +173,7 @@ REQUEST_THREADS = 2
 CROWD = 150
 CROWD_LIMIT = 512
 
-# How many may wait for their replies at a time; beyond what the daemon keeps waiting, some would have none.
+# The number of clients that wait for their replies at a time, which is the daemon's limit.
 AT_ONCE = documented_limit("server.h", "SERVER_MAX_WAITING_REQUESTS")
 
 
@@ -189,12 +189,12 @@ def test_each_client_of_a_crowd_gets_a_reply(full_daemon):
             return client, reply == "OK"
 
         with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as clients:
-            asked = list(clients.map(request_kind, itertools.islice(itertools.cycle(KINDS), CROWD)))
+            outcomes = list(clients.map(request_kind, itertools.islice(itertools.cycle(KINDS), CROWD)))
 
-        served = [client for client, is_served in asked if is_served]
+        served = [client for client, is_served in outcomes if is_served]
         assert 0 < len(served) < CROWD
         assert full_daemon.descriptors() <= CROWD_LIMIT - RESERVE
-        for client, is_served in asked:
+        for client, is_served in outcomes:
             if not is_served:
                 assert client.read_to_end() == b""
         for client in served:
@@ -205,7 +205,7 @@ def test_each_client_of_a_crowd_gets_a_reply(full_daemon):
     assert request_and_read(full_daemon, KINDS["all"])
 
 
-# What clients cost
+# Resources of clients
 
 DOCS = (TREE / "docs/architecture.md").read_text(encoding="utf-8")
 MANUAL = (TREE / "docs/tessard.8").read_text(encoding="utf-8")
@@ -218,10 +218,10 @@ COST = re.compile(r"^\| ([A-Za-z ]+) \| (\d+)(, and 1 for each [a-z ]+)? \| (\d+
 DOCUMENTED_COSTS = {name: (int(descriptors), bool(producers), int(threads))
                     for name, descriptors, producers, threads in COST.findall(DOCS)}
 
-# How many clients are measured together.
+# The number of clients that are measured together.
 MEASURED = 4
 
-# What a sync point on its way takes.
+# The threads of a sync point in transit.
 SYNC_THREADS = 1
 
 

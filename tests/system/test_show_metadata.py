@@ -1,4 +1,4 @@
-"""What the demo prints of a client's stream."""
+"""The demo's output for a client's stream."""
 
 import re
 import signal
@@ -50,7 +50,7 @@ def show():
 
 
 def lines_of(result):
-    """The lines for what came: behind the first document and in front of the summary."""
+    """The lines for documents, which are between the first document and the summary."""
     assert result.stderr == ""
     _, _, rest = result.stdout.partition("What comes, a line each (times in UTC; of PTZ and scenes, one a second):\n")
     return re.match(r"\n((?:.+\n)*)\n\d+ documents, ", rest)[1].splitlines()
@@ -86,7 +86,7 @@ def test_frame_without_a_source_is_no_line(show):
 def test_every_event_and_only_some_frames_have_a_line(show):
     lines = lines_of(show(*[event()] * 5, *[frame("A")] * 5, *[frame("B")] * 5))
     assert sum("Device/Input" in line for line in lines) == 5
-    # One a second, and the test takes some time too.
+    # At most one in a second; the test may take longer than one.
     assert 1 <= sum("of A" in line for line in lines) < 5
     assert 1 <= sum("of B" in line for line in lines) < 5
 

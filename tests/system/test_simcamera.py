@@ -1,6 +1,5 @@
-"""The simulated camera's services: what they answer, the faults that can be injected, and the verbs."""
+"""The simulated camera's services: their replies, injected faults, and verbs."""
 
-import functools
 import signal
 import subprocess
 import time
@@ -9,7 +8,8 @@ import pytest
 from gi.repository import Gio, GLib
 
 from busclient import PROPERTIES, BusClient, error_text
-from simcamera import CAPTURE, PTZ, RECEIVER, SCENES, SERVICES, Refused, SimulatedCamera
+from simcamera import (CAPTURE, FAILURE, PTZ, RECEIVER, SCENES, SERVICES, SLOW_MS, USAGE, Refused,
+                       SimulatedCamera)
 from waiting import BOUND_SECONDS, wait_until
 
 CONTROL_NAME = "tessard.SimulatedCamera1"
@@ -44,12 +44,7 @@ RIGHT_REPLIES = {
 
 DEFAULT_ERROR_TEXT = "The simulated service fails."
 
-# Longer than anything takes that is not waited for, short enough for a test.
-SLOW_MS = 300
-
 MAX_CHANNELS = 16
-
-USAGE, FAILURE = 2, 1
 
 VERBS = ("absent, present, inject-fault, clear-fault, calls, channels, rotation, move-capabilities, add-producer, "
          "remove-producer, property, interface, sample-frame, inject-producer-fault, clear-producer-faults, streams, "
@@ -59,13 +54,13 @@ KINDS = "error [TEXT], reply BODY, slow MILLISECONDS, never"
 
 
 class Caller(BusClient):
-    """Asks what the daemon asks."""
+    """Makes the daemon's calls."""
 
     def capture(self, channel=1, **arguments):
         return self.get(BUS_NAMES[CAPTURE], f"{CAPTURE_PATH}/{channel}", *CAPTURE_PROPERTY, **arguments)
 
     def call_service(self, service, **arguments):
-        """The reply as GVariant's text format has it."""
+        """The reply in GVariant's text format."""
         if service == PTZ:
             reply = self.get(*PTZ_OBJECT, *PTZ_PROPERTY, **arguments)
         elif service == CAPTURE:
@@ -81,9 +76,8 @@ class Caller(BusClient):
 
 
 @pytest.fixture
-def start_camera(start_camera):
-    """Starts one with all that it has by itself."""
-    return functools.partial(start_camera, producers=None)
+def start_camera(start_full_camera):
+    return start_full_camera
 
 
 @pytest.fixture
@@ -94,11 +88,11 @@ def caller(bus):
 
 
 def start_failing(installation, bus, *options):
-    """Starts a camera that ends by itself; its status and what it wrote."""
+    """Runs a camera that ends by itself; returns its status and its output."""
     return SimulatedCamera(installation, bus, *options).wait()
 
 
-# What the services answer
+# Replies
 
 
 @pytest.mark.parametrize("service", SERVICES)
@@ -299,11 +293,11 @@ def test_every_call_is_counted(camera, caller):
     camera.inject_fault(PTZ, "never")
     caller.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
 
-    wait_until(lambda: camera.calls(PTZ) == 3, "the third question has arrived")
+    wait_until(lambda: camera.calls(PTZ) == 3, "the third call has arrived")
     assert [camera.calls(service) for service in (CAPTURE, SCENES)] == [0, 0]
 
 
-# Which services there are
+# Present and absent services
 
 
 @pytest.mark.parametrize("there", [(), (PTZ,), (CAPTURE, SCENES), SERVICES])
@@ -357,14 +351,14 @@ def test_service_cannot_appear_while_its_name_is_taken(camera, bus, caller):
     with pytest.raises(Refused, match=f"^simcamera: the name {BUS_NAMES[PTZ]} is taken\n$"):
         camera.present(PTZ)
 
-    # Nor does it wait in a queue for the name.
+    # It does not wait in a queue for the name.
     other.close()
-    wait_until(lambda: not caller.has_owner(BUS_NAMES[PTZ]), "nobody has the name")
+    wait_until(lambda: not caller.has_owner(BUS_NAMES[PTZ]), "the name has no owner")
     camera.present(PTZ)
     assert caller.call_service(PTZ) == RIGHT_REPLIES[PTZ]
 
 
-# What is refused
+# Refusals
 
 
 @pytest.mark.parametrize("words, text", [
@@ -491,12 +485,13 @@ def test_help_lists_the_verbs(installation, words):
                  "calls SERVICE", "channels N", "rotation CHANNEL DEGREES", "move-capabilities N",
                  "add-producer NAME [FILE]", "remove-producer NAME", "property NAME PROPERTY VALUE",
                  "sample-frame NAME TEXT", "inject-producer-fault NAME METHOD FAULT [ARGUMENT]",
-                 "clear-producer-faults NAME", "streams NAME", "hang-up NAME", "descriptors NAME pipe|socket [nonblocking]",
-                 "pieces NAME BYTES MILLISECONDS", "rate N|recorded", "once yes|no"):
+                 "clear-producer-faults NAME", "streams NAME", "hang-up NAME",
+                 "descriptors NAME pipe|socket [nonblocking]", "pieces NAME BYTES MILLISECONDS", "rate N|recorded",
+                 "once yes|no"):
         assert f"\n  {verb} " in help_text
 
 
-# How it lives
+# Bus, signals and end
 
 
 def test_bus_can_be_named(installation, bus, own_bus, start_camera):
@@ -522,7 +517,7 @@ def test_signals_end_the_camera(start_camera, caller, number):
     camera = start_camera()
     camera.inject_fault(PTZ, "slow", 600000)
     caller.start_call(*PTZ_OBJECT, PROPERTIES, "Get", GLib.Variant("(ss)", PTZ_PROPERTY))
-    wait_until(lambda: camera.calls(PTZ) == 1, "the question has arrived")
+    wait_until(lambda: camera.calls(PTZ) == 1, "the call has arrived")
 
     assert camera.end(number) == (0, "", "")
     assert not any(caller.has_owner(name) for name in (*BUS_NAMES.values(), CONTROL_NAME))

@@ -1,4 +1,4 @@
-"""Others are served while a call waits for a disk on which every sync takes 300 ms."""
+"""Other clients are served while a call waits for a disk whose syncs take 300 ms each."""
 
 import threading
 import time
@@ -31,7 +31,7 @@ def daemon(start_daemon, workspace):
 
 
 class Change(threading.Thread):
-    """One call with all tuples, on a connection of its own."""
+    """One call with all tuples, on its own connection."""
 
     def __init__(self, bus, *call):
         super().__init__(daemon=True)
@@ -47,7 +47,7 @@ class Change(threading.Thread):
         self.seconds = time.monotonic() - self.began
 
     def finish(self):
-        """How long it took."""
+        """Returns its duration."""
         self.join(10 * BOUND_SECONDS)
         assert self.seconds is not None, "the call failed"
         self.client.close()
@@ -70,7 +70,7 @@ def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, control,
         with daemon.client() as client:
             assert client.request("event=1\n") == "OK"
 
-    # A real ping is answered by the connection's own thread, and a property by the main loop.
+    # GDBus replies to a D-Bus ping on the connection's own thread, to a request for a property on the main loop.
     def ping():
         control.get(NAME, path_of(VIDEO_TRACKER), PRODUCER, "Name")
 
@@ -78,8 +78,8 @@ def test_others_are_served_while_a_call_waits_for_the_disk(bus, daemon, control,
     change = Change(bus, *CALLS[call])
     pings, starts = times(ping), times(start_client)
     expect_prompt(pings, undisturbed_pings, "pings")
-    expect_prompt(starts, undisturbed_starts, "the OK of clients that ask for events")
-    assert change.is_alive(), "all tries were meanwhile"
+    expect_prompt(starts, undisturbed_starts, "the OK of clients of events")
+    assert change.is_alive(), "the call outlasted all tries"
 
     assert change.finish() >= LEAST_SECONDS
     names = {(VIDEO_TRACKER, channel): name for channel, _, name in TUPLES_OF_CALL}

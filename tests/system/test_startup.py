@@ -1,4 +1,4 @@
-"""The daemon's start: identity, options, run folder, what it logs, and how it ends."""
+"""The daemon's start and end: identity, options, run folder, log and signals."""
 
 import contextlib
 import os
@@ -11,8 +11,8 @@ import subprocess
 
 import pytest
 
-from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_REQUESTED, START_LINES_UP_TO_SERVER, STARTED_LINE, missing_elements,
-                    start_lines)
+from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_REQUESTED, START_LINES_UP_TO_SERVER, STARTED_LINE,
+                    missing_elements, start_lines)
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, run_by_root,
                           unprivileged)
 
@@ -44,14 +44,14 @@ def mode_of_run_dir(daemon):
 
 
 def expect_failed_server(daemon, reason):
-    """Waits for a start that fails at the server, with exactly this line beside the usual ones."""
+    """Waits for a start that fails at the server, with exactly this additional log line."""
     assert daemon.wait() == 1
     assert daemon.log.take() == START_LINES_UP_TO_SERVER + [(ERROR, reason), CANNOT_START]
     assert daemon.stdout() == ""
 
 
 def run_dir_for_socket_path_of(workspace, length):
-    """A run folder, not yet there, whose socket has a path of this length."""
+    """The path of a missing run folder whose socket has a path of this length."""
     parent = workspace.folder()
     return parent / ("d" * (length - len(f"{parent}//metadata")))
 
@@ -139,7 +139,7 @@ def test_run_dir_has_a_short_option(start_daemon):
 
 
 def test_default_run_dir(launch):
-    # No ordinary user may write there, so that the start fails and nothing of the machine is touched.
+    # Only root can write there, so the start fails and changes nothing on the machine.
     installed = pathlib.Path(DEFAULT_RUN_DIR).exists()
     daemon = launch(run_dir_option=None)
 
@@ -187,7 +187,7 @@ def test_run_dir_that_cannot_be_made(launch, workspace):
     ]
 
 
-# What is installed
+# Installed plug-ins
 
 
 @pytest.mark.parametrize("plugins", [[EVENT_PLUGIN, DOCUMENT_PLUGIN], [EVENT_PLUGIN], [DOCUMENT_PLUGIN], [],
@@ -283,7 +283,7 @@ def test_socket_path_too_long(launch, workspace):
 
 
 def run_to_failed_start(installation, workspace, **streams):
-    """Runs a daemon whose run folder cannot be made, with the real log, and returns that folder and the process."""
+    """Runs a daemon whose run folder cannot be made, with the system's log; returns the folder and the process."""
     file = workspace.folder() / "file"
     file.touch()
     environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", **installation.plugin_environment([]),
@@ -295,7 +295,7 @@ def run_to_failed_start(installation, workspace, **streams):
 
 
 def read_terminal(fd):
-    """What was written to a terminal whose other end is closed."""
+    """Reads all data of a terminal whose other end is closed."""
     text = b""
     with contextlib.suppress(OSError):
         while data := os.read(fd, 4096):

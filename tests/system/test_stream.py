@@ -1,4 +1,4 @@
-"""What follows "OK": the documents, the sync points, and the ways in which a stream ends."""
+"""The stream after "OK": documents, sync points, and the end."""
 
 import datetime
 import itertools
@@ -15,12 +15,12 @@ from daemon import EARLY_SYNC_WARNING
 from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM, Document, validate
 from waiting import BOUND_SECONDS, wait_until
 
-# How long a client may have to wait for its first document.
+# The time limit of the first document.
 FIRST_DOCUMENT_SECONDS = 1
 
 END_OF_DOCUMENT = b"</tt:MetadataStream>"
 
-# What is true of every camera that the simulation shows.
+# The states of the simulated camera.
 STATES = {
     (DIGITAL_INPUT, "DigitalInput_1"),
     (DIGITAL_INPUT, "DigitalInput_2"),
@@ -39,7 +39,7 @@ def state_of(event):
 
 
 def expect_states_since(stream, began):
-    """Reads until every state has been shown as it was at `began` or later."""
+    """Reads until each state has been reported with a time at or after `began`."""
     shown = set()
     for event in stream.events():
         if event.operation == INITIALIZED and event.time >= began:
@@ -120,7 +120,7 @@ def depayload_with_gst_launch(client, environment):
 
 
 def read_some(pipe, deadline):
-    assert select.select([pipe], [], [], deadline - time.monotonic())[0], "nothing came in time"
+    assert select.select([pipe], [], [], deadline - time.monotonic())[0], "no data in time"
     return os.read(pipe.fileno(), 65536)
 
 
@@ -152,19 +152,19 @@ def test_sync_shows_every_state_again(daemon):
         stream = client.start()
         stream.next_document()
         for _ in range(3):
-            asked = now()
+            requested = now()
             client.sync()
-            expect_states_since(stream, asked)
+            expect_states_since(stream, requested)
 
 
 def test_sync_right_after_the_reply_is_never_lost(daemon):
     for _ in range(100):
         with daemon.client() as client:
             assert client.request("event=1\n") == "OK"
-            asked = now()
+            requested = now()
             client.sync()
 
-            expect_states_since(client.open_stream(), asked)
+            expect_states_since(client.open_stream(), requested)
 
 
 def test_sync_sent_with_the_request_reaches_the_stream(daemon):
@@ -176,10 +176,10 @@ def test_sync_sent_with_the_request_reaches_the_stream(daemon):
             stream = client.open_stream()
             stream.next_document()
 
-            # Asked for too early it may be refused, but the stream does not suffer.
-            asked = now()
+            # An early sync point may be refused, without an effect on the stream.
+            requested = now()
             client.sync()
-            expect_states_since(stream, asked)
+            expect_states_since(stream, requested)
 
 
 @pytest.mark.parametrize("split", range(1, 5))
@@ -191,9 +191,9 @@ def test_sync_that_begins_in_the_packet_of_the_request(daemon, split):
         stream = client.open_stream()
         stream.next_document()
 
-        asked = now()
+        requested = now()
         client.send(second)
-        expect_states_since(stream, asked)
+        expect_states_since(stream, requested)
 
 
 @pytest.mark.parametrize("split", range(1, 5))
@@ -203,12 +203,12 @@ def test_sync_in_two_pieces(daemon, split):
         stream = client.start()
         stream.next_document()
         client.send(first)
-        # Whatever the first piece does to the daemon, it has done by then.
+        # The daemon has read the first piece when another client has its document.
         other.start().next_document()
 
-        asked = now()
+        requested = now()
         client.send(second)
-        expect_states_since(stream, asked)
+        expect_states_since(stream, requested)
 
 
 @pytest.mark.parametrize("text", [b"sync\n", b"SYNC \n", b" SYNC\n", b"SYNC\r\n", b"SYNCSYNC\n", b"\n", b"SYN\n",
@@ -223,15 +223,15 @@ def test_other_lines_are_ignored(start_daemon, text):
         first = next(event for event in stream.events() if event.operation)
         assert first.operation == CHANGED
 
-        # And what ends the line makes no sync point of it.
-        asked = now()
+        # The rest of the line makes no sync point of it either.
+        requested = now()
         client.send(b"x\nSYNC\n")
-        expect_states_since(stream, asked)
+        expect_states_since(stream, requested)
 
 
 def test_every_sync_in_one_write_counts_once(daemon):
     with daemon.client() as client:
-        # No topic of this name exists, so that all that comes are answers to sync points.
+        # No topic has this name, so only sync points yield documents.
         stream = client.start("event=1\nevent_topic=tns1:Nothing\n")
         assert stream.next_document().events == []
         client.send(b"SYNC\nother\nSYNC\n")
@@ -275,9 +275,9 @@ def test_input_that_is_utf8_in_pieces_goes_on(daemon, text):
         for byte in text:
             client.send(bytes([byte]))
 
-        asked = now()
+        requested = now()
         client.sync()
-        expect_states_since(stream, asked)
+        expect_states_since(stream, requested)
 
 
 def test_half_close_ends_the_stream(daemon):

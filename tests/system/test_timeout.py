@@ -1,5 +1,4 @@
-"""The time that a client may take for its request, the platform for its answer, and the daemon for its reply to
-tessardctl. All of them began in earlier tests."""
+"""Time-outs of requests, of the platform's replies, and of tessardctl's calls. All of them start in earlier tests."""
 
 from overdue import CALL_SECONDS, CHANGE_SECONDS, PATIENCE_SECONDS, TIMEOUT_SECONDS, TOLERANCE_SECONDS, OverdueCalls
 from tessardctl import NO_CONNECTION
