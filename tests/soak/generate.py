@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """The load of a soak, one process: SOCKET BUS-ADDRESS SEED PATIENCE [warm-up].
 
-It goes on until its standard input ends, and prints once a second what it has counted, as JSON. With the last word,
-each kind of client comes once in place of the load."""
+It runs until its standard input ends, and prints a report once a second, as JSON. With "warm-up" it runs one client of
+each kind instead of the load."""
 
 import asyncio
 import contextlib
@@ -14,50 +14,50 @@ import types
 sys.path.insert(1, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
 sys.dont_write_bytecode = True
 
-from announcements import Announcements  # noqa: E402
-from judge import MAX_CLIENTS  # noqa: E402
+from clients import KINDS, WEIGHTS, receive_shortly, run_client, run_clients, title  # noqa: E402
+from criteria import MAX_CLIENTS  # noqa: E402
 from load import Failed, Load  # noqa: E402
+from producerload import ProducerLoad  # noqa: E402
 from switching import Switcher  # noqa: E402
-from visits import KINDS, WEIGHTS, behave_shortly, keep_a_place, make_visit, title  # noqa: E402
 
-TELL_SECONDS = 1
+REPORT_SECONDS = 1
 
-LEAVES, RESTARTS, HANGS = "receiver leaves and comes back", "receiver restarts", "receiver hangs"
+LEAVES, RESTARTS, HANGS = "receiver leaves and returns", "receiver restarts", "receiver hangs"
 
-# Everything that a whole load does; where one of them never happened, it was none.
-PARTS = (*map(title, WEIGHTS), LEAVES, RESTARTS, HANGS, "storms of switches", "producers that come",
-         "producers that go", "messages of producers that behave", "messages of any length", "unfinished messages",
+# All parts of the load, each of which must occur.
+PARTS = (*map(title, WEIGHTS), LEAVES, RESTARTS, HANGS, "storms of switches", "producers added",
+         "producers removed", "messages of correct producers", "messages of any length", "unfinished messages",
          "garbage", "messages cut short")
 
 
-def tell(load):
+def print_report(load):
     print(json.dumps(load.take_report()), flush=True)
 
 
-async def tell_regularly(load):
+async def print_reports(load):
     while True:
-        await asyncio.sleep(TELL_SECONDS)
-        tell(load)
+        await asyncio.sleep(REPORT_SECONDS)
+        print_report(load)
 
 
 async def repeat(load, work, shortest, longest):
-    """Does something again and again, with pauses."""
+    """Calls work() repeatedly, with pauses."""
     while True:
         await load.pause(shortest, longest)
         await work()
 
 
-async def disturb(load, announcements):
-    """The receiver's own troubles, one after the other, and between them producers that come and go."""
-    troubles = {LEAVES: announcements.leave_and_come_back, HANGS: announcements.hang, RESTARTS: announcements.restart}
+async def disturb(load, producers):
+    """Runs the receiver's disturbances in turn, and adds and removes producers between them."""
+    disturbances = {LEAVES: producers.leave_and_return, HANGS: producers.hang, RESTARTS: producers.restart}
     while True:
-        for name, trouble in troubles.items():
-            for _ in range(load.chance.randrange(4, 12)):
+        for name, disturbance in disturbances.items():
+            for _ in range(load.random.randrange(4, 12)):
                 await load.pause(0.5, 2)
-                await announcements.come_or_go()
-            with load.trouble(name):
+                await producers.add_or_remove()
+            with load.disturbance(name):
                 try:
-                    await trouble()
+                    await disturbance()
                 except Failed as failed:
                     load.fail(name, failed)
             load.done[name] += 1
@@ -71,13 +71,13 @@ async def input_ends():
     loop.remove_reader(sys.stdin.fileno())
 
 
-async def generate(load, announcements):
-    """The whole load, until the input ends. What breaks it ends it with an error."""
+async def generate(load, producers):
+    """Runs the whole load until the input ends, or until a part fails."""
     load.done.update(dict.fromkeys(PARTS, 0))
     load.served.update(dict.fromkeys(KINDS, 0))
     with contextlib.closing(Switcher(load)) as switcher:
-        works = [tell_regularly(load), disturb(load, announcements), repeat(load, switcher.storm, 1, 8),
-                 *(keep_a_place(load) for _ in range(MAX_CLIENTS))]
+        works = [print_reports(load), disturb(load, producers), repeat(load, switcher.storm, 1, 8),
+                 *(run_clients(load) for _ in range(MAX_CLIENTS))]
         tasks = [asyncio.create_task(work) for work in works]
         stop = asyncio.create_task(input_ends())
         done, _ = await asyncio.wait([stop, *tasks], return_when=asyncio.FIRST_COMPLETED)
@@ -90,19 +90,19 @@ async def generate(load, announcements):
 
 async def warm_up(load):
     for name in KINDS:
-        await make_visit(load, behave_shortly, name)
+        await run_client(load, receive_shortly, name)
 
 
 async def main():
     socket_path, address, seed, patience, *words = sys.argv[1:]
     load = Load(socket_path, types.SimpleNamespace(address=address), int(seed), float(patience))
-    with contextlib.closing(Announcements(load)) as announcements:
-        await announcements.start()
+    with contextlib.closing(ProducerLoad(load)) as producers:
+        await producers.start()
         try:
-            await (warm_up(load) if words else generate(load, announcements))
+            await (warm_up(load) if words else generate(load, producers))
         finally:
-            await announcements.stop()
-    tell(load)
+            await producers.stop()
+    print_report(load)
 
 
 if __name__ == "__main__":

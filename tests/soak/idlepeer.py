@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""A peer on the bus that does nothing, to compare the daemon's answers with: BUS-ADDRESS."""
+"""A peer on the bus without work, to compare the daemon's latencies with: BUS-ADDRESS."""
 
 import sys
 

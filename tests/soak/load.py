@@ -1,4 +1,4 @@
-"""What the parts of the load share: its clock, its chance, what it counts, what went wrong, and how it waits."""
+"""The common part of the load: random numbers, counters, failures, and waiting."""
 
 import asyncio
 import collections
@@ -6,20 +6,21 @@ import contextlib
 import random
 import time
 
-# Why a client that behaves did not get what it should. While descriptors are short a client may be refused, and the
-# stream of a producer may be missing; what comes wrongly never may.
+# The kinds of failures of correct clients. During a shortage of descriptors a client may be refused, and a producer's
+# stream may be missing; wrong metadata is always a failure.
 REFUSED, MISSING, WRONG = "refused", "missing", "wrong"
 
 
-# How long the receiver takes to answer when it does not hang.
-ANSWER_SECONDS = 1
+
+# The receiver's time to a reply when it does not hang.
+REPLY_SECONDS = 1
 
 
 class Failed(Exception):
-    """A client did not get what it should.
+    """A client was not served correctly.
 
-    moment: when that was asked for that did not come, or when what came was not right
-    until: until when what was asked for may have been on its way"""
+    moment: the time of the request without a result, or of the wrong result
+    until: the time until which the result was due"""
 
     def __init__(self, category, what, moment=None):
         super().__init__(what)
@@ -30,12 +31,12 @@ class Failed(Exception):
 class Load:
     """The load as a whole.
 
-    patience: after how many seconds what has not come counts as missing"""
+    patience: the time limit, in seconds, after which a result counts as missing"""
 
     def __init__(self, socket_path, bus, seed, patience):
         self.socket_path = socket_path
         self.bus = bus
-        self.chance = random.Random(seed)
+        self.random = random.Random(seed)
         self.patience = patience
         self.clients = 0
         self.served = collections.Counter()
@@ -43,40 +44,40 @@ class Load:
         self.done = collections.Counter()
         self.replies_ms = []
         self.failures = []
-        self.troubles = []
-        # Since when the receiver's producers have been as they should be; None while they are not.
+        self.disturbances = []
+        # The time since which all correct producers have been listed; None while they are not.
         self.steady_since = None
-        # When the receiver hung: began and ended.
+        # Beginning and end of each hang of the receiver.
         self.hangs = []
 
     def seconds(self, shortest, longest):
-        return self.chance.uniform(shortest, longest)
+        return self.random.uniform(shortest, longest)
 
     async def pause(self, shortest, longest):
         await asyncio.sleep(self.seconds(shortest, longest))
 
     def is_steady(self, since):
-        """Whether all producers that behave have been there since that moment."""
+        """Whether all correct producers have been listed since this time."""
         return self.steady_since is not None and self.steady_since <= since
 
-    def answered_by(self, asked):
-        """When the receiver has answered what it was asked at that moment."""
-        return max((ended for began, ended in self.hangs if began - ANSWER_SECONDS <= asked <= ended), default=asked)
+    def reply_due(self, called):
+        """The time at which the receiver has replied to a call of this time."""
+        return max((ended for began, ended in self.hangs if began - REPLY_SECONDS <= called <= ended), default=called)
 
     def fail(self, who, failed):
         self.failures.append({"who": who, "category": failed.category, "what": str(failed), "moment": failed.moment,
                               "until": failed.until})
 
     @contextlib.contextmanager
-    def trouble(self, name):
-        """What is kept to be compared with failures: when it began and ended."""
+    def disturbance(self, name):
+        """Records beginning and end of a disturbance, to compare them with failures."""
         began = time.monotonic()
         yield
-        self.troubles.append({"trouble": name, "began": began, "ended": time.monotonic()})
+        self.disturbances.append({"disturbance": name, "began": began, "ended": time.monotonic()})
 
     @contextlib.asynccontextmanager
     async def step(self, what, category=MISSING, more_seconds=0):
-        """What has to be over before the patience is, and some seconds more."""
+        """Limits the time of a step to the patience and some seconds more."""
         began = time.monotonic()
         seconds = self.patience + more_seconds
         try:
@@ -86,15 +87,15 @@ class Load:
             raise Failed(category, f"not within {seconds} s: {what}", began) from None
 
     def take_report(self):
-        """Everything counted so far, and what is new since the last time."""
+        """All counters, and the items since the last report."""
         report = {"clients": self.clients, "served": self.served, "waived": self.waived, "done": self.done,
-                  "replies_ms": self.replies_ms, "failures": self.failures, "troubles": self.troubles}
-        self.replies_ms, self.failures, self.troubles = [], [], []
+                  "replies_ms": self.replies_ms, "failures": self.failures, "disturbances": self.disturbances}
+        self.replies_ms, self.failures, self.disturbances = [], [], []
         return report
 
 
 class Budget:
-    """How many bytes may go in a second; the load must not be what takes the processors."""
+    """A limit of bytes per second, so that the load does not use all processor time."""
 
     def __init__(self, bytes_per_second):
         self.rate = bytes_per_second
@@ -117,13 +118,12 @@ async def _ready(fd, add, remove):
 
 
 async def readable(fd):
-    """Waits until there is something to read, or the end. Unlike a read of asyncio's it can be given up, and then loses
-    nothing."""
+    """Waits for data or the end. Unlike a read by asyncio it can be cancelled without a loss of data."""
     loop = asyncio.get_running_loop()
     await _ready(fd, loop.add_reader, loop.remove_reader)
 
 
 async def writable(fd):
-    """Waits until the descriptor takes something, or nobody has its other end any more."""
+    """Waits until the descriptor is writable, or its other end is closed."""
     loop = asyncio.get_running_loop()
     await _ready(fd, loop.add_writer, loop.remove_writer)

@@ -3,7 +3,7 @@
 import math
 import xml.sax.saxutils
 
-from records import PEERS, QUESTIONS, REPLY, series_name
+from records import PEERS, PROBES, REPLY, series_name
 
 WIDTH, PANEL_HEIGHT = 900, 150
 LEFT, RIGHT, TOP, GAP, BOTTOM = 80, 210, 56, 34, 44
@@ -34,8 +34,8 @@ def panels_of(records):
         Panel("private memory, MiB", [("private memory", usage("private_mib"))]),
         Panel("descriptors", [("descriptors", usage("descriptors"))]),
         Panel("threads", [("threads", usage("threads"))]),
-        *(Panel(f"bus {question}, 99th percentile, ms",
-                [(peer, p99(series_name(peer, question))) for peer in PEERS]) for question in QUESTIONS),
+        *(Panel(f"bus {probe}, 99th percentile, ms",
+                [(peer, p99(series_name(peer, probe))) for peer in PEERS]) for probe in PROBES),
         Panel("reply to a request, 99th percentile, ms", [("clients", p99(REPLY))]),
     ]
 

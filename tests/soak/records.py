@@ -1,5 +1,5 @@
-"""What a soak measures: one record each RECORD_SECONDS, and the whole run with all that it is judged by. Both are kept
-as files, so that a run can be looked at and judged again later."""
+"""The measurements of a soak: a record every RECORD_SECONDS, and the whole run with the figures of all criteria. Both
+are saved, so that a run can be evaluated again."""
 
 import csv
 import dataclasses
@@ -8,35 +8,35 @@ import statistics
 
 RECORD_SECONDS = 10
 
-# What is asked over the bus. GDBus answers a ping on a thread of its own; a property is answered by the main loop, so
-# that only this question shows whether the main loop stands still.
+# The probes over the bus. GDBus replies to a ping on its own thread; the main loop replies to the call for a property,
+# so only the call shows whether the main loop blocks.
 PING, CALL = "ping", "call"
-QUESTIONS = (PING, CALL)
+PROBES = (PING, CALL)
 
-# Who is asked: the daemon, and a peer on the same bus that does nothing else.
+# The probed peers: the daemon, and a peer on the same bus without other work.
 DAEMON, IDLE_PEER = "daemon", "idle peer"
 PEERS = (DAEMON, IDLE_PEER)
 
 MIB = 1024 * 1024
 
 
-def series_name(peer, question):
-    return f"{peer} {question}"
+def series_name(peer, probe):
+    return f"{peer} {probe}"
 
 
-def daemon_series(question):
-    return series_name(DAEMON, question)
+def daemon_series(probe):
+    return series_name(DAEMON, probe)
 
 
-# How long clients wait for their replies.
+# The clients' time to their replies.
 REPLY = "reply"
 
-SERIES = (*(series_name(peer, question) for peer in PEERS for question in QUESTIONS), REPLY)
+SERIES = (*(series_name(peer, probe) for peer in PEERS for probe in PROBES), REPLY)
 
 
 @dataclasses.dataclass
 class Latency:
-    """How long answers took, in milliseconds."""
+    """The latencies of replies, in milliseconds."""
 
     count: int
     median: float
@@ -45,7 +45,7 @@ class Latency:
 
     @classmethod
     def of(cls, values):
-        """None when nothing was asked."""
+        """None without values."""
         if not values:
             return None
         p99 = statistics.quantiles(values, n=100, method="inclusive")[-1] if len(values) > 1 else values[0]
@@ -54,7 +54,7 @@ class Latency:
 
 @dataclasses.dataclass
 class Usage:
-    """What the daemon takes of the machine."""
+    """The daemon's resources."""
 
     descriptors: int
     threads: int
@@ -78,7 +78,7 @@ class Record:
                "load_share", *(f"{series} {value}" for series in SERIES for value in ("median", "p99", "worst")))
 
     def line(self):
-        ping, call, reply = (triple(self.latencies[series]) for series in (*map(daemon_series, QUESTIONS), REPLY))
+        ping, call, reply = (triple(self.latencies[series]) for series in (*map(daemon_series, PROBES), REPLY))
         return (f"{self.seconds:6.0f} s  descriptors {self.usage.descriptors:5}  threads {self.usage.threads:4}  "
                 f"private {self.usage.private_mib:7.1f} MiB  served {self.served:6}  failed {self.failures:3}  "
                 f"ping {ping}  call {call}  reply {reply} ms")
@@ -94,7 +94,7 @@ class Record:
 
 def triple(latency):
     """Median, 99th percentile and worst, as text."""
-    return f"{latency.median:.1f}/{latency.p99:.1f}/{latency.worst:.1f}" if latency else "no answer"
+    return f"{latency.median:.1f}/{latency.p99:.1f}/{latency.worst:.1f}" if latency else "no reply"
 
 
 @dataclasses.dataclass
@@ -102,16 +102,16 @@ class Run:
     """One soak.
 
     build: the kind of build
-    idle, final: what the daemon took before the load, and once it had been gone for a while
+    idle, final: the daemon's resources before the load, and some time after it
     latencies: of the whole run, by series
-    expected_questions: how many of each should have been asked
-    done: how often the load did each thing that belongs to it
-    served: how many clients of each kind got all that they should
-    failures: what clients that behave did not get; excused: what they could not get while descriptors were short
-    waived: how many did not wait for producers whose receiver was in trouble
-    complaints: what GLib and GStreamer said to be wrong; reports: what a sanitizer reported
-    leaks: what the leak check at the end found: None if it did not run
-    ended: how the daemon ended before it was told to, if it did"""
+    expected_probes: the number of calls of each probe for the whole time
+    done: the count of each part of the load
+    served: the number of correctly served clients of each kind
+    failures: failures of correct clients; excused: those that a shortage of descriptors explains
+    waived: clients that did not wait for producers, because the receiver was disturbed
+    complaints: warnings and errors of GLib and GStreamer; reports: reports of a sanitizer
+    leaks: the result of the leak check at the end; None without one
+    ended: the reason of an early end of the daemon, None without one"""
 
     build: str
     minutes: float
@@ -119,7 +119,7 @@ class Run:
     final: Usage
     records: list
     latencies: dict
-    expected_questions: int
+    expected_probes: int
     done: dict
     served: dict
     failures: int
@@ -150,7 +150,7 @@ def as_latencies(values):
 
 
 class RecordFile:
-    """A CSV file that grows by a row with each record, so that a run that is cut short leaves what it has."""
+    """A CSV file with a row for each record, which an interrupted run leaves too."""
 
     def __init__(self, path):
         self.file = open(path, "w", encoding="utf-8", newline="")

@@ -1,10 +1,10 @@
-"""What a soak tells: its summary, its picture, and the figures of the docs."""
+"""The output of a soak: its summary, its plot, and the figures of the docs."""
 
 import pathlib
 
 import plot
-from announcements import ENABLED
-from judge import BUILDS, NORMAL, judge
+from producerload import ENABLED
+from criteria import BUILDS, NORMAL, evaluate
 from records import SERIES, Run, triple
 
 RUN_FILE = "run.json"
@@ -27,14 +27,14 @@ def summary(run, criteria):
     lines = ["", *(criterion.line() for criterion in criteria), ""]
     lines += [f"{name}: {count}" for name, count in sorted({**run.done, **run.served}.items())]
     lines += [f"{series}: {triple(run.latencies.get(series))} ms (median, 99th percentile, worst)" for series in SERIES]
-    lines += [f"excused for want of descriptors: {run.excused}", f"not kept waiting for producers: {run.waived}",
+    lines += [f"excused by a shortage of descriptors: {run.excused}", f"waived during disturbances: {run.waived}",
               f"soak, {run.build} build, {run.minutes:g} minutes: {verdict(criteria)}"]
     return "\n".join(lines)
 
 
 def table(run):
-    """The figures of a run, as Markdown."""
-    criteria = judge(run, len(ENABLED))
+    """The figures of a run in Markdown."""
+    criteria = evaluate(run, len(ENABLED))
     rows = [f"### {run.build.capitalize()} build, {run.minutes:g} minutes: {verdict(criteria)}", "",
             "| criterion | figure | bound |", "|---|---|---|",
             *(f"| {criterion.name} | {criterion.figure} | {criterion.bound} |" for criterion in criteria),
@@ -45,7 +45,7 @@ def table(run):
 
 
 def document(folder):
-    """Writes the figures of every build whose records are in the folder into the docs, and draws the normal build's."""
+    """Writes the figures of each build with records in the folder to the docs, and the plot of the normal build."""
     runs = [Run.load(path) for build in BUILDS if (path := folder / build / RUN_FILE).exists()]
     if not runs:
         return f"no records in {folder}"

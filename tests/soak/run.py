@@ -26,39 +26,39 @@ gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
 import report  # noqa: E402
-from announcements import ENABLED  # noqa: E402
+from producerload import ENABLED  # noqa: E402
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon, processor_seconds, producers_enabled  # noqa: E402
 from idlepeer import NAME as IDLE_PEER_NAME  # noqa: E402
 from installation import BUS_CONFIGURATION, SIMULATED_PLUGINS, Bus, Installation, Workspace  # noqa: E402
-from judge import ADDRESS, BUILDS, MAX_KEPT_MIB, NORMAL, SLOWNESS, THREAD, judge  # noqa: E402
+from criteria import ADDRESS, BUILDS, MAX_KEPT_MIB, NORMAL, SLOWNESS, THREAD, evaluate  # noqa: E402
 from load import WRONG  # noqa: E402
-from pings import PERIOD_MS  # noqa: E402
+from busprobe import PERIOD_MS  # noqa: E402
 from records import MIB, RECORD_SECONDS, REPLY, SERIES, Latency, Record, RecordFile, Run, Usage  # noqa: E402
 from simcamera import CAPTURE, PTZ, SCENES, SimulatedCamera  # noqa: E402
-from visits import (CHANNELS, EXTERNAL_CHANNEL, FULL_CHANNEL, RADAR_CHANNEL, VIDEO_CHANNEL, WELL_BEHAVED)  # noqa: E402
+from clients import (CHANNELS, EXTERNAL_CHANNEL, FULL_CHANNEL, RADAR_CHANNEL, VIDEO_CHANNEL, CORRECT)  # noqa: E402
 from waiting import wait_until, wait_until_settled  # noqa: E402
 
 PATIENCE_SECONDS = 20
 LOOK_SECONDS = 0.2
 
-# What the service has.
+# The limit of the service.
 DESCRIPTORS = 4096
 
-# How fast the simulated world goes.
+# The speed of the simulated world.
 SPEED = 4
 
-# How many descriptors are left to the daemon now and then, which needs 73 to serve everybody; for how long, and how
-# long it has enough.
+# The free descriptors during shortages (the daemon needs 73 to serve each client), and the times of shortages and of
+# pauses between them.
 SHORTAGES = (16, 20, 25, 30, 33, 36, 40, 50, 60, 70)
 SHORTAGE_SECONDS, PLENTY_SECONDS = (0.5, 3), (8, 20)
 
-# So long before and after a shortage a client may be refused because of it.
+# The time before and after a shortage in which it explains refusals.
 SHORTAGE_MARGIN_SECONDS = 1.5
 
-# GLib keeps threads that have nothing to do for about 15 seconds.
+# GLib keeps idle threads for about 15 seconds.
 IDLE_SECONDS = 18
 
-# How long what the load took may take to be given back.
+# The time limit for the release of the load's resources.
 QUIET_SECONDS = 120
 LEAK_CHECK_SECONDS = 120
 
@@ -66,10 +66,10 @@ PRODUCERS = producers_enabled(
     {(tracker, channel): "" for tracker in (VIDEO_TRACKER, RADAR_TRACKER) for channel in CHANNELS}
     | {(VIDEO_TRACKER, VIDEO_CHANNEL): "video", (VIDEO_TRACKER, FULL_CHANNEL): "video",
        (RADAR_TRACKER, RADAR_CHANNEL): "radar", (RADAR_TRACKER, FULL_CHANNEL): "radar"}
-    | {(name, EXTERNAL_CHANNEL): name for name in WELL_BEHAVED}
+    | {(name, EXTERNAL_CHANNEL): name for name in CORRECT}
     | {(name, FULL_CHANNEL): name for name in ENABLED})
 
-# What is behind the installed policy.
+# Added to the installed policy.
 IDLE_PEER_POLICY = f"""\
   <policy context="mandatory">
     <allow own="{IDLE_PEER_NAME}"/>
@@ -94,7 +94,7 @@ MAX_KEPT_CHARACTERS = 300
 
 
 class Process:
-    """One of the soak's own programs, whose output is read line by line in a thread."""
+    """A program of the soak, whose output a thread reads line by line."""
 
     def __init__(self, name, *arguments, on_line):
         self.process = subprocess.Popen([sys.executable, str(HERE / name), *map(str, arguments)],
@@ -111,7 +111,7 @@ class Process:
         return self.process.poll() is None
 
     def end(self, number=None):
-        """Has it end by itself, and expects that it says it did well."""
+        """Makes the program end, and expects a successful status."""
         self.process.stdin.close()
         if number is not None:
             self.process.send_signal(number)
@@ -125,7 +125,7 @@ class Process:
 
 
 class Latencies:
-    """How long answers took: since the last record, and in all."""
+    """Latencies of replies: since the last record, and of the whole run."""
 
     def __init__(self):
         self.lock = threading.Lock()
@@ -151,14 +151,14 @@ class Latencies:
 
 
 class Shortages:
-    """Takes descriptors from the daemon now and then, and knows when."""
+    """Causes shortages of the daemon's descriptors, and records their times."""
 
     def __init__(self, daemon):
         self.daemon = daemon
-        self.chance = random.Random(1)
+        self.random = random.Random(1)
         self.windows = []
         self.is_short = False
-        self.change_at = time.monotonic() + self.chance.uniform(*PLENTY_SECONDS)
+        self.change_at = time.monotonic() + self.random.uniform(*PLENTY_SECONDS)
 
     def look(self):
         now = time.monotonic()
@@ -170,12 +170,12 @@ class Shortages:
             self.windows.append([now, None])
             self._begin()
             self.is_short = True
-        self.change_at = now + self.chance.uniform(*(SHORTAGE_SECONDS if self.is_short else PLENTY_SECONDS))
+        self.change_at = now + self.random.uniform(*(SHORTAGE_SECONDS if self.is_short else PLENTY_SECONDS))
 
     def _begin(self):
         """Sets the limit, but not below the number of descriptors that are open: poll() refuses to wait for more than
         the limit, and a daemon whose limit stands still never has more."""
-        self.daemon.leave_descriptors(self.chance.choice(SHORTAGES), self.daemon.descriptors() + SHORTAGES[0])
+        self.daemon.leave_descriptors(self.random.choice(SHORTAGES), self.daemon.descriptors() + SHORTAGES[0])
 
     def end(self):
         if self.is_short:
@@ -184,7 +184,7 @@ class Shortages:
             self.is_short = False
 
     def excuse(self, failure):
-        """Whether a client could not get what it wanted because of a shortage."""
+        """Whether a shortage explains a client's failure."""
         moment, until = failure["moment"], failure["until"]
         return failure["category"] != WRONG and any(
             began - SHORTAGE_MARGIN_SECONDS <= until and moment <= (ended or moment) + SHORTAGE_MARGIN_SECONDS
@@ -192,7 +192,7 @@ class Shortages:
 
 
 class LoadReports:
-    """What the load says of itself."""
+    """The reports of the load."""
 
     def __init__(self, latencies):
         self.latencies = latencies
@@ -202,23 +202,23 @@ class LoadReports:
         self.served = {}
         self.done = {}
         self.failures = []
-        self.troubles = []
+        self.disturbances = []
 
     def on_line(self, line):
-        told = json.loads(line)
+        counters = json.loads(line)
         with self.lock:
-            self.clients, self.waived = told["clients"], told["waived"]
-            self.served, self.done = told["served"], told["done"]
-            self.failures += told["failures"]
-            self.troubles += told["troubles"]
-        self.latencies.add({REPLY: told["replies_ms"]})
+            self.clients, self.waived = counters["clients"], counters["waived"]
+            self.served, self.done = counters["served"], counters["done"]
+            self.failures += counters["failures"]
+            self.disturbances += counters["disturbances"]
+        self.latencies.add({REPLY: counters["replies_ms"]})
 
 
 class DaemonLog:
-    """What the daemon says, counted by lines that differ in more than numbers; and when it said it."""
+    """The daemon's log, counted by lines that differ in more than numbers, and the time of each line."""
 
     def __init__(self, daemon, moments):
-        """moments: the file that gets each line and when it came"""
+        """moments: the file that gets each line with its time"""
         self.daemon = daemon
         self.lines = collections.Counter()
         self.moments = moments
@@ -249,7 +249,7 @@ class DaemonLog:
 
 
 class Soak:
-    """One run, from the first process to the judgement."""
+    """One run, from its first process to its result."""
 
     def __init__(self, build, minutes, out):
         self.build = build
@@ -289,7 +289,7 @@ class Soak:
         self.daemon.limit_descriptors(DESCRIPTORS)
 
     def _end_daemon(self):
-        """Whatever it said has been counted."""
+        """Ends the daemon after all its output has been counted."""
         self.log.look()
         self.daemon.allow_on_stderr("")
         if self.daemon.process.poll() is not None:
@@ -306,11 +306,11 @@ class Soak:
                                    PATIENCE_SECONDS * SLOWNESS[self.build], *more, on_line=reports.on_line)
 
     def _warm_up(self):
-        """What is made once and stays is no growth."""
+        """Makes the daemon allocate what it keeps, which does not count as growth."""
         reports = LoadReports(Latencies())
         self._start_load(reports, "warm-up").end()
         assert not reports.failures, f"before the load: {reports.failures}"
-        assert sum(reports.served.values()) > 0, "before the load nobody was served"
+        assert sum(reports.served.values()) > 0, "no client was served before the load"
 
     def _usage(self):
         return Usage(self.daemon.descriptors(), self.daemon.threads(), self.daemon.private_bytes() / MIB)
@@ -339,11 +339,11 @@ class Soak:
         return now
 
     def _run_load(self):
-        """Until the time is over or somebody has ended who should not have."""
+        """Runs until the time is over, or until a process has ended early."""
         began = recorded = time.monotonic()
         processors = (self.daemon.processor_seconds(), processor_seconds(self.load.process.pid))
         while (now := time.monotonic()) < began + self.minutes * 60:
-            if not (self._is_alive() and self.load.is_running() and self.ping.is_running()):
+            if not (self._is_alive() and self.load.is_running() and self.probe.is_running()):
                 break
             self.shortages.look()
             self.log.look()
@@ -355,7 +355,7 @@ class Soak:
             self.shortages.end()
 
     def _quiet_down(self, idle):
-        """Waits until the daemon takes no more than before, or does not in time; what it takes then."""
+        """Waits until the daemon has released the load's resources, up to a time limit; returns its resources then."""
         def is_back():
             self.log.look()
             usage = self._usage()
@@ -368,7 +368,7 @@ class Soak:
         return self._usage()
 
     def _check_leaks(self):
-        """What the sanitizer finds that nothing points to any more; None when it does not say."""
+        """The number of leaks that the sanitizer reports."""
         self.daemon.process.send_signal(signal.SIGUSR2)
 
         def verdict():
@@ -385,23 +385,23 @@ class Soak:
         self.latencies, self.shortages = Latencies(), Shortages(self.daemon)
         self.reports = LoadReports(self.latencies)
         self._start_process("idlepeer.py", self.bus.address)
-        self.ping = self._start_process("pings.py", self.bus.address,
-                                        on_line=lambda line: self.latencies.add(json.loads(line)))
+        self.probe = self._start_process("busprobe.py", self.bus.address,
+                                         on_line=lambda line: self.latencies.add(json.loads(line)))
         self.load = self._start_load(self.reports)
         self._run_load()
         ended = None if self._is_alive() else f"ended with {self.daemon.process.poll()}"
-        self.ping.end(signal.SIGTERM)
+        self.probe.end(signal.SIGTERM)
         self.load.end()
         leaks, final = None, Usage(0, 0, 0)
         if ended is None:
-            print("waiting until all is given back", flush=True)
+            print("waiting until all resources are released", flush=True)
             final = self._quiet_down(idle)
             leaks = self._check_leaks() if self.build == ADDRESS else None
         self.log.look()
         excused = [failure for failure in self.reports.failures if self.shortages.excuse(failure)]
         done = self.reports.done | {"descriptors run out": len(self.shortages.windows)}
         run = Run(build=self.build, minutes=self.minutes, idle=idle, final=final, records=self.records,
-                  latencies=self.latencies.in_all(), expected_questions=int(self.minutes * 60 * 1000 / PERIOD_MS),
+                  latencies=self.latencies.in_all(), expected_probes=int(self.minutes * 60 * 1000 / PERIOD_MS),
                   done=done, served=self.reports.served, failures=len(self.reports.failures) - len(excused),
                   excused=len(excused), waived=self.reports.waived, complaints=self.log.complaints(),
                   reports=self.log.reports(), leaks=leaks, ended=ended)
@@ -411,17 +411,17 @@ class Soak:
         return run
 
     def _save_what_stays(self):
-        """What the descriptors and the memory of the end are of, to find what was not given back."""
+        """Saves the descriptors and memory mappings at the end, to find leaks."""
         (self.out / "descriptors").write_text("".join(f"{number} {target}\n" for number, target in
                                                       sorted(self.daemon.open_files().items())), encoding="utf-8")
         (self.out / "smaps").write_bytes((self.daemon.proc / "smaps").read_bytes())
 
     def _save_failures(self):
         failures = [failure | {"excused": self.shortages.excuse(failure)} for failure in self.reports.failures]
-        shortages = [{"trouble": "too few descriptors", "began": began, "ended": ended}
+        shortages = [{"disturbance": "too few descriptors", "began": began, "ended": ended}
                      for began, ended in self.shortages.windows]
-        troubles = sorted(self.reports.troubles + shortages, key=lambda trouble: trouble["began"])
-        for name, found in (("failures", failures), ("troubles", troubles)):
+        disturbances = sorted(self.reports.disturbances + shortages, key=lambda disturbance: disturbance["began"])
+        for name, found in (("failures", failures), ("disturbances", disturbances)):
             (self.out / name).write_text("".join(json.dumps(one) + "\n" for one in found), encoding="utf-8")
 
     def run(self):
@@ -441,7 +441,7 @@ def soak(arguments):
     run = Soak(arguments.build, arguments.minutes, arguments.out).run()
     run.save(arguments.out / report.RUN_FILE)
     (arguments.out / "soak.svg").write_text(report.picture(run), encoding="utf-8")
-    criteria = judge(run, len(ENABLED))
+    criteria = evaluate(run, len(ENABLED))
     print(report.summary(run, criteria))
     return 0 if all(criterion.passed for criterion in criteria) else 1
 
@@ -456,7 +456,7 @@ def main():
     arguments = parser.parse_args()
     if arguments.document:
         return report.document(arguments.document)
-    # So that everything that was started is ended.
+    # Runs all clean-up at this signal too.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     return soak(arguments)
 

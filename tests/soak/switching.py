@@ -1,4 +1,4 @@
-"""Somebody who switches producers in storms, and looks whether each storm ended as it should."""
+"""Storms of changes to producers, and the check of the state after each storm."""
 
 import asyncio
 import contextlib
@@ -8,11 +8,11 @@ from gi.repository import GLib
 from daemon import RADAR_TRACKER, VIDEO_TRACKER
 from load import WRONG, Failed
 from controlclient import NAME, PRODUCER, ControlClient, path_of
-from visits import SPARE_CHANNEL
+from clients import SPARE_CHANNEL
 
 TRACKERS = (VIDEO_TRACKER, RADAR_TRACKER)
 
-# How many calls come at once, and how many changes the longest call has.
+# The limits of concurrent calls, and of changes in the longest call.
 MOST_CALLS, MOST_CHANGES = 40, 400
 
 # A call waits for those before it.
@@ -25,9 +25,9 @@ class Switcher:
         self.control = ControlClient(load.bus)
 
     def _start_calls(self):
-        for number in range(self.load.chance.randrange(MOST_CALLS)):
+        for number in range(self.load.random.randrange(MOST_CALLS)):
             changes = [(SPARE_CHANNEL, bool(number % 2), f"storm {number}")]
-            self.control.start_call(NAME, path_of(self.load.chance.choice(TRACKERS)), PRODUCER, "SetChannelsEnabled",
+            self.control.start_call(NAME, path_of(self.load.random.choice(TRACKERS)), PRODUCER, "SetChannelsEnabled",
                                     GLib.Variant("(a(ibs))", (changes,)))
 
     def _set(self, tracker, changes):
@@ -35,12 +35,12 @@ class Switcher:
                           CALL_SECONDS)
 
     def _storm(self):
-        """Many calls at once and a long one; what each tracker is set to last has to be what it says then."""
+        """Makes many calls at once and a long one; returns the trackers whose state is not the last one set."""
         self._start_calls()
-        last = f"storm {self.load.chance.random()}"
+        last = f"storm {self.load.random.random()}"
         for tracker in TRACKERS:
             changes = [(SPARE_CHANNEL, True, f"{last}, {number}")
-                       for number in range(self.load.chance.randrange(1, MOST_CHANGES))]
+                       for number in range(self.load.random.randrange(1, MOST_CHANGES))]
             self._set(tracker, [*changes, (SPARE_CHANNEL, True, last)])
         return [tracker for tracker in TRACKERS if (SPARE_CHANNEL, True, last) not in self.control.channels(tracker)]
 
@@ -52,7 +52,7 @@ class Switcher:
             return
         self.load.done["storms of switches"] += 1
         for tracker in wrong:
-            self.load.fail("switches", Failed(WRONG, f"{tracker} is not as it was set"))
+            self.load.fail("switches", Failed(WRONG, f"{tracker} does not have the state that was set"))
 
     def close(self):
         with contextlib.suppress(GLib.Error):

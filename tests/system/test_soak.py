@@ -1,5 +1,5 @@
-"""What judges a soak: every criterion can fail, and what it is told is what is kept and drawn. The soak itself runs by
-hand."""
+"""The evaluation of a soak: each criterion can fail, and the records are saved and drawn correctly. The soak itself
+runs by hand."""
 
 import io
 import pathlib
@@ -16,12 +16,12 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "soak"))
 import plot  # noqa: E402
 import report  # noqa: E402
 import run as program  # noqa: E402
-from judge import (ADDRESS, BUILDS, MAX_GROWTH_MIB, MAX_KEPT_MIB, MAX_P99_MS, MAX_PRIVATE_MIB,  # noqa: E402
-                   MAX_TIMES_IDLE_PEER, MAX_WORST_MS, NORMAL, SLOWNESS, THREAD, growth, judge, slope)
+from criteria import (ADDRESS, BUILDS, MAX_GROWTH_MIB, MAX_KEPT_MIB, MAX_P99_MS, MAX_PRIVATE_MIB,  # noqa: E402
+                      MAX_TIMES_IDLE_PEER, MAX_WORST_MS, NORMAL, SLOWNESS, THREAD, growth, evaluate, slope)
 from load import MISSING, REFUSED, WRONG, Failed, Load  # noqa: E402
-from records import (CALL, DAEMON, IDLE_PEER, PING, QUESTIONS, RECORD_SECONDS, SERIES, Latency, Record,  # noqa: E402
+from records import (CALL, DAEMON, IDLE_PEER, PING, PROBES, RECORD_SECONDS, SERIES, Latency, Record,  # noqa: E402
                      RecordFile, Run, Usage, series_name)
-from visits import DOCUMENT_END, EVENT_STATE, KINDS, NUMBERS, WELL_BEHAVED, Watch  # noqa: E402
+from clients import DOCUMENT_END, EVENT_STATE, KINDS, NUMBERS, CORRECT, StreamCheck  # noqa: E402
 from waiting import BOUND_SECONDS  # noqa: E402
 
 MINUTES = 10
@@ -35,20 +35,20 @@ def make_record(number):
 
 
 def make_run(build=NORMAL):
-    """One that passes."""
+    """A run that passes."""
     return Run(build=build, minutes=MINUTES, idle=Usage(10, 5, 4.0), final=Usage(10, 5, 5.0),
                records=[make_record(number) for number in range(MINUTES * 60 // RECORD_SECONDS)],
-               latencies={series: Latency(12_000, 1.0, 20.0, 80.0) for series in SERIES}, expected_questions=12_000,
+               latencies={series: Latency(12_000, 1.0, 20.0, 80.0) for series in SERIES}, expected_probes=12_000,
                done={"storms": 100, "restarts": 20}, served={"events": 900, "PTZ": 800}, failures=0, excused=3,
                waived=4, complaints=0, reports=0, leaks=0 if build == ADDRESS else None)
 
 
 def failed(run):
-    return {criterion.name for criterion in judge(run, PRODUCERS) if not criterion.passed}
+    return {criterion.name for criterion in evaluate(run, PRODUCERS) if not criterion.passed}
 
 
 def rise(run):
-    """A leak that stays below all other bounds."""
+    """Adds a leak that stays within all other limits."""
     for number, record in enumerate(run.records):
         record.usage.private_mib += 3 * MAX_GROWTH_MIB * number / len(run.records)
 
@@ -71,13 +71,13 @@ def set_value(name, value):
     return change
 
 
-def set_latency(question, name, value):
+def set_latency(probe, name, value):
     def change(run):
-        setattr(run.latencies[series_name(DAEMON, question)], name, value)
+        setattr(run.latencies[series_name(DAEMON, probe)], name, value)
     return change
 
 
-def lose_answers(run):
+def lose_replies(run):
     run.latencies[series_name(IDLE_PEER, CALL)].count = 100
 
 
@@ -91,9 +91,9 @@ def keep_records(count):
     return change
 
 
-LATENCY_NAMES = [f"bus {question}, {name}" for question in QUESTIONS for name in ("99 of 100", "worst")]
+LATENCY_NAMES = [f"bus {probe}, {name}" for probe in PROBES for name in ("99 of 100", "worst")]
 
-# What goes wrong, what it fails, and in which builds.
+# Changes of a run, the criteria that they fail, and the builds.
 FAULTS = [
     (set_value("ended", "ended with -11"), {"the daemon lived"}, BUILDS),
     (set_value("reports", 1), {"sanitizer reports"}, BUILDS),
@@ -111,15 +111,15 @@ FAULTS = [
     (set_end("private_mib", 4.0 + MAX_KEPT_MIB + 0.1), {"private memory kept at the end"}, [NORMAL]),
     (rise, {"growth of private memory in the second half"}, [NORMAL]),
     (set_peak("private_mib", MAX_PRIVATE_MIB + 1), {"most private memory"}, [NORMAL]),
-    *[(set_latency(question, "p99", 10 * MAX_P99_MS + 1), {f"bus {question}, 99 of 100"}, BUILDS)
-      for question in QUESTIONS],
-    *[(set_latency(question, "worst", 10 * MAX_WORST_MS + 1), {f"bus {question}, worst"}, BUILDS)
-      for question in QUESTIONS],
+    *[(set_latency(probe, "p99", 10 * MAX_P99_MS + 1), {f"bus {probe}, 99 of 100"}, BUILDS)
+      for probe in PROBES],
+    *[(set_latency(probe, "worst", 10 * MAX_WORST_MS + 1), {f"bus {probe}, worst"}, BUILDS)
+      for probe in PROBES],
     (set_value("done", {"storms": 1, "restarts": 0}), {"parts of the load that never came"}, BUILDS),
     (set_value("done", {}), {"parts of the load that never came"}, BUILDS),
     (keep_records(MINUTES * 5), {"records"}, BUILDS),
-    (lose_answers, {"questions of each kind over the bus"}, BUILDS),
-    (lose_series, {"questions of each kind over the bus", *LATENCY_NAMES[:2]}, BUILDS),
+    (lose_replies, {"probes of each kind over the bus"}, BUILDS),
+    (lose_series, {"probes of each kind over the bus", *LATENCY_NAMES[:2]}, BUILDS),
 ]
 
 
@@ -139,7 +139,7 @@ def test_each_fault_fails_its_criterion(change, names, builds):
 @pytest.mark.parametrize("build", BUILDS)
 def test_every_criterion_can_fail(build):
     named = set().union(*(names for _, names, builds in FAULTS if build in builds))
-    assert named == {criterion.name for criterion in judge(make_run(build), PRODUCERS)}
+    assert named == {criterion.name for criterion in evaluate(make_run(build), PRODUCERS)}
 
 
 def test_run_without_records_fails_each_criterion_about_records():
@@ -181,17 +181,17 @@ def test_too_few_points_have_no_slope():
 
 
 def test_growth_is_that_of_the_second_half():
-    chance = random.Random(7)
+    noise = random.Random(7)
     records = [make_record(number) for number in range(120)]
     for number, record in enumerate(records):
-        record.usage.private_mib = (5.0 * number if number < 60 else 300.0) + chance.uniform(-20, 20)
+        record.usage.private_mib = (5.0 * number if number < 60 else 300.0) + noise.uniform(-20, 20)
     assert abs(growth(records)) < 10
     for number, record in enumerate(records[60:]):
         record.usage.private_mib += number
     assert growth(records) == pytest.approx(59, abs=10)
 
 
-# Who is excused
+# Excused failures
 
 
 def failure(category, moment, until=None):
@@ -219,7 +219,7 @@ def test_unfinished_shortage_excuses_failures_within_it():
 def test_replies_of_a_hung_receiver_are_due_at_its_end():
     load = Load("socket", None, 1, 20)
     load.hangs = [(20.0, 28.0), (100.0, 107.0)]
-    assert [load.answered_by(asked) for asked in (50.0, 98.0, 99.5, 105.0, 107.5)] == [50.0, 98.0, 107.0, 107.0, 107.5]
+    assert [load.reply_due(asked) for asked in (50.0, 98.0, 99.5, 105.0, 107.5)] == [50.0, 98.0, 107.0, 107.0, 107.5]
 
 
 def test_failure_has_the_time_until_which_its_reply_was_due():
@@ -231,7 +231,7 @@ def test_failure_has_the_time_until_which_its_reply_was_due():
                                                "moment": 100.0, "until": 107.0}]
 
 
-# What clients look for
+# Checks of clients
 
 
 def document(content):
@@ -244,50 +244,50 @@ def frame(source, *numbers):
                     f"{deleted}</tt:ObjectTree></tt:Frame></tt:VideoAnalytics>".encode())
 
 
-def make_watch(name):
-    """One that leaves the checks in every way to others."""
-    watch = Watch(KINDS[name])
-    watch.count = 1
-    return watch
+def make_check(name):
+    """A check that does not parse the next document."""
+    check = StreamCheck(KINDS[name])
+    check.count = 1
+    return check
 
 
 @pytest.mark.parametrize("wrong", [b"", b"text", document(b"")[:-3], b"x" + document(b"")])
 def test_malformed_document_fails(wrong):
     with pytest.raises(Failed) as found:
-        make_watch("events").look(wrong)
+        make_check("events").look(wrong)
     assert found.value.category == WRONG
 
 
 def test_missing_metadata_is_reported():
-    watch = make_watch("events")
-    watch.look(document(b""))
-    assert watch.missing
-    watch.look(document(EVENT_STATE))
-    assert not watch.missing
-    watch.expect_marks_again()
-    assert watch.missing
+    check = make_check("events")
+    check.look(document(b""))
+    assert check.missing
+    check.look(document(EVENT_STATE))
+    assert not check.missing
+    check.expect_marks_again()
+    assert check.missing
 
 
 def test_numbers_of_each_producer_are_required():
-    watch = make_watch("external producers")
+    check = make_check("external producers")
     for number in range(NUMBERS):
-        watch.look(frame(WELL_BEHAVED[0], number))
-    assert not watch.has_numbers()
+        check.look(frame(CORRECT[0], number))
+    assert not check.has_numbers()
     for number in range(NUMBERS):
-        watch.look(frame(WELL_BEHAVED[1], number))
-    assert watch.has_numbers()
+        check.look(frame(CORRECT[1], number))
+    assert check.has_numbers()
 
 
 @pytest.mark.parametrize("numbers", [(1,), (0, 0), (0, 2), (0, 1, 3)])
 def test_lost_or_repeated_number_fails(numbers):
-    watch = make_watch("external producers")
+    check = make_check("external producers")
     with pytest.raises(Failed) as found:
         for number in numbers:
-            watch.look(frame(WELL_BEHAVED[0], number))
+            check.look(frame(CORRECT[0], number))
     assert found.value.category == WRONG
 
 
-# What the daemon says
+# The daemon's output
 
 
 @pytest.mark.parametrize("said, complaints, reports", [
@@ -330,7 +330,7 @@ def test_lines_of_the_daemon_are_kept_with_their_times():
     assert all(abs(float(moment) - time.monotonic()) < BOUND_SECONDS for moment in moments)
 
 
-# What is kept
+# Records
 
 
 def test_run_is_read_as_it_was_saved(tmp_path):

@@ -1,4 +1,4 @@
-"""Clients of every kind: those that behave, with all that they should get, and those that do not."""
+"""Clients of every kind: correct ones, with the metadata that they must receive, and ones that violate the protocol."""
 
 import asyncio
 import contextlib
@@ -18,19 +18,19 @@ from refusals import INVALID_ANALYTICS, INVALID_EVENT
 READ_BYTES = 65536
 RETRY_SECONDS = 0.02
 
-# The video channels: what is enabled on each.
+# The video channels, by the producers that are enabled on them.
 VIDEO_CHANNEL, RADAR_CHANNEL, EXTERNAL_CHANNEL, FULL_CHANNEL, SPARE_CHANNEL = CHANNELS = (1, 2, 3, 4, 5)
 
-# The producers that behave, as they are enabled; each stream tells numbers from 0 on.
-WELL_BEHAVED = ("Good1", "Good2")
+# The configuration names of correct producers; each of their streams has the numbers from 0 on.
+CORRECT = ("Good1", "Good2")
 
-# Of this many documents one is checked in every way.
+# One document in this many is parsed and validated.
 CHECKED = 50
 
-# How many numbers of each producer a client waits for.
+# The count of numbers of each producer that a client waits for.
 NUMBERS = 3
 
-# How long a message may take. One of more than a client may hold keeps the client's other producers waiting meanwhile.
+# The time limit of a message. A message beyond the client's memory limit delays the client's other producers meanwhile.
 MESSAGE_SECONDS = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS") / 1000
 
 DOCUMENT_START = re.compile(rb"(?:<\?xml[^>]*\?>\s*)?<tt:MetadataStream\b")
@@ -40,14 +40,14 @@ VIDEO_FRAME, RADAR_FRAME = b'Source="video"', b'Source="radar"'
 
 
 class Waived(Exception):
-    """A client wants what nobody could have: its producers' receiver is in trouble."""
+    """A client cannot be served, because the receiver of its producers is disturbed."""
 
 
 class Kind:
-    """What a client asks for, and what has to come of it: these bytes, at the start and after each sync point, and the
-    numbers of the producers that behave.
+    """A request and the metadata that it must yield: marks, which are bytes at the start and after each sync point, and
+    the numbers of correct producers.
 
-    pauses_seconds: for how long its numbers may wait for longer messages of the same client"""
+    pauses_seconds: the time for which long messages of the same client may delay its numbers"""
 
     def __init__(self, marks=(), numbers=False, pauses_seconds=0, **fields):
         self.request = f"OPEN\n{header(**fields)}\n".encode()
@@ -69,14 +69,14 @@ KINDS = {
 }
 
 
-class Watch:
-    """Looks at each document of a stream, and knows what is still to come."""
+class StreamCheck:
+    """Checks each document of a stream, and has the marks and numbers that are missing."""
 
     def __init__(self, kind):
         self.kind = kind
         self.count = 0
         self.missing = set(kind.marks)
-        self.next_numbers = {source.encode(): 0 for source in WELL_BEHAVED}
+        self.next_numbers = {source.encode(): 0 for source in CORRECT}
 
     def look(self, document):
         if not (DOCUMENT_START.match(document) and document.rstrip().endswith(DOCUMENT_END)):
@@ -94,7 +94,7 @@ class Watch:
         expected = self.next_numbers[source.group(1)]
         found = [int(number) for number in NUMBER.findall(document)]
         if found != [expected]:
-            raise Failed(WRONG, f"{source.group(1)} told {found[:5]}, expected {expected}")
+            raise Failed(WRONG, f"{source.group(1)} sent {found[:5]}, expected {expected}")
         self.next_numbers[source.group(1)] = expected + 1
 
     def has_numbers(self):
@@ -104,7 +104,7 @@ class Watch:
         self.missing = set(self.kind.marks)
 
 
-class Visit:
+class Connection:
     """One connection."""
 
     def __init__(self, load):
@@ -129,7 +129,7 @@ class Visit:
         self.load.clients -= 1
 
     async def _connect(self):
-        """A full backlog is no connection on its way, as asyncio would take it."""
+        """Retries while the backlog is full, which asyncio would treat as a pending connection."""
         while True:
             try:
                 return self.socket.connect(self.load.socket_path)
@@ -140,7 +140,7 @@ class Visit:
         await self.loop.sock_sendall(self.socket, data)
 
     async def read_some(self, size=READ_BYTES):
-        """Takes something more in; false at the end."""
+        """Receives data; returns false at the end."""
         await readable(self.socket.fileno())
         with contextlib.suppress(ConnectionResetError):
             data = self.socket.recv(size)
@@ -154,40 +154,40 @@ class Visit:
         return data
 
     async def reply(self):
-        """The text of the reply; what has come at the end if there is none."""
+        """The text of the reply; the received text at an early end."""
         while (end := self.arrived.find(b"\0")) < 0:
             if len(self.arrived) > REPLY_MAX_BYTES or not await self.read_some():
                 return self.take(len(self.arrived)).decode(errors="replace") + " and the end"
         return self.take(end + 1)[:-1].decode(errors="replace")
 
     async def request(self, request):
-        """The reply to a request. A daemon that refuses may do so before all of it has been sent."""
-        asked = time.monotonic()
+        """Returns the reply to a request, which may arrive before all of the request has been sent."""
+        requested = time.monotonic()
         async with self.load.step("a reply", REFUSED):
             with contextlib.suppress(BrokenPipeError, ConnectionResetError):
                 await self.send(request)
             reply = await self.reply()
-        self.load.replies_ms.append((time.monotonic() - asked) * 1000)
+        self.load.replies_ms.append((time.monotonic() - requested) * 1000)
         return reply
 
     async def start(self, kind):
-        """Asks for a stream that has to be granted."""
-        asked = time.monotonic()
+        """Requests a stream, which must be granted."""
+        requested = time.monotonic()
         reply = await self.request(kind.request)
-        if reply == NOTHING_REQUESTED and kind.numbers and not self.load.is_steady(asked):
+        if reply == NOTHING_REQUESTED and kind.numbers and not self.load.is_steady(requested):
             raise Waived
         if reply != "OK":
             raise Failed(REFUSED, f"reply {reply!r}")
 
     def _take_packet(self):
-        """The next packet if all of it has arrived."""
+        """The next packet, None before it has arrived completely."""
         if len(self.arrived) < GDP_HEADER_BYTES:
             return None
         length = GDP_HEADER_BYTES + int.from_bytes(self.arrived[GDP_LENGTH], "big")
         return self.take(length) if len(self.arrived) >= length else None
 
     def take_document(self):
-        """The next document if all of it has arrived."""
+        """The next document, None before it has arrived completely."""
         while packet := self._take_packet():
             if packet[GDP_TYPE] == GDP_BUFFER:
                 return packet[GDP_HEADER_BYTES:]
@@ -201,96 +201,96 @@ class Visit:
         return document
 
     async def end(self):
-        """Waits for the end of the stream, whatever comes before it."""
+        """Waits for the end of the stream, and discards data before it."""
         async with self.load.step("the end"):
             while await self.read_some():
                 self.arrived.clear()
 
 
-# Clients that behave
+# Correct clients
 
 
-async def receive(load, visit, watch, is_enough, what, more_seconds=0):
-    """Reads documents until there is enough."""
+async def receive(load, connection, check, is_enough, what, more_seconds=0):
+    """Reads documents until is_enough() is true."""
     async with load.step(what, more_seconds=more_seconds):
         while not is_enough():
-            document = await visit.document()
+            document = await connection.document()
             if document is None:
                 raise Failed(MISSING, f"the stream ended before {what}")
-            watch.look(document)
+            check.look(document)
 
 
-async def receive_numbers(load, visit, watch, asked):
-    """Whether the numbers came; they need not where the receiver has not been as it should be all the time."""
+async def receive_numbers(load, connection, check, requested):
+    """Returns whether the numbers arrived; they are required only if the receiver was steady all the time."""
     def is_enough():
-        return watch.has_numbers() or not load.is_steady(asked)
+        return check.has_numbers() or not load.is_steady(requested)
 
     try:
-        await receive(load, visit, watch, is_enough, "the numbers of producers", watch.kind.pauses_seconds)
+        await receive(load, connection, check, is_enough, "the numbers of producers", check.kind.pauses_seconds)
     except Failed as failed:
-        # A stream that has fallen silent brings no document to look again at.
+        # Without documents, is_enough() is not called again.
         if failed.category != MISSING:
             raise
-        if load.is_steady(asked):
-            # The producers' streams may have come late, and without a descriptor for them.
-            failed.until = max(failed.moment, load.answered_by(asked))
+        if load.is_steady(requested):
+            # The producers' streams may have arrived late, during a shortage of descriptors.
+            failed.until = max(failed.moment, load.reply_due(requested))
             raise
-    return watch.has_numbers()
+    return check.has_numbers()
 
 
-async def behave(load, name, stay):
-    """Asks for one kind and gets all of it, then for as long as it stays a sync point now and then."""
-    kind, watch = KINDS[name], Watch(KINDS[name])
-    asked = time.monotonic()
-    async with Visit(load) as visit:
-        await visit.start(kind)
+async def receive_kind(load, name, stay):
+    """Requests one kind and receives all its metadata, then requests sync points for `stay` seconds."""
+    kind, check = KINDS[name], StreamCheck(KINDS[name])
+    requested = time.monotonic()
+    async with Connection(load) as connection:
+        await connection.start(kind)
         leave_at = time.monotonic() + stay
-        await receive(load, visit, watch, lambda: not watch.missing, "what was asked for")
-        complete = await receive_numbers(load, visit, watch, asked)
+        await receive(load, connection, check, lambda: not check.missing, "the requested metadata")
+        complete = await receive_numbers(load, connection, check, requested)
         while True:
-            await visit.send(b"SYNC\n")
-            watch.expect_marks_again()
-            await receive(load, visit, watch, lambda: not watch.missing, "what a sync point brings")
+            await connection.send(b"SYNC\n")
+            check.expect_marks_again()
+            await receive(load, connection, check, lambda: not check.missing, "the metadata of a sync point")
             if time.monotonic() >= leave_at:
                 break
             with contextlib.suppress(TimeoutError):
                 async with asyncio.timeout(load.seconds(1, 5)):
-                    while document := await visit.document():
-                        watch.look(document)
+                    while document := await connection.document():
+                        check.look(document)
                     raise Failed(MISSING, "the stream ended while the client stayed")
     return complete
 
 
-async def behave_shortly(load, name):
-    return await behave(load, name, 0)
+async def receive_shortly(load, name):
+    return await receive_kind(load, name, 0)
 
 
-async def behave_for_long(load, name):
-    return await behave(load, name, load.seconds(15, 90))
+async def receive_for_long(load, name):
+    return await receive_kind(load, name, load.seconds(15, 90))
 
 
 async def read_slowly(load, name):
-    """A little at a time, and whole documents all the same."""
-    watch = Watch(KINDS[name])
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
+    """Reads small pieces; all documents must be complete."""
+    check = StreamCheck(KINDS[name])
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
         leave_at = time.monotonic() + load.seconds(5, 20)
         while time.monotonic() < leave_at:
-            await visit.send(b"SYNC\n")
+            await connection.send(b"SYNC\n")
             with contextlib.suppress(TimeoutError):
                 async with asyncio.timeout(load.seconds(0.5, 2)):
-                    if not await visit.read_some(512):
+                    if not await connection.read_some(512):
                         raise Failed(MISSING, "the stream of a slow reader ended")
-            while document := visit.take_document():
-                watch.look(document)
+            while document := connection.take_document():
+                check.look(document)
             await load.pause(0.02, 0.3)
-        watch.expect_marks_again()
-        await visit.send(b"SYNC\n")
-        await receive(load, visit, watch, lambda: not watch.missing, "what a sync point brings a slow reader")
+        check.expect_marks_again()
+        await connection.send(b"SYNC\n")
+        await receive(load, connection, check, lambda: not check.missing, "a slow reader's metadata of a sync point")
     return True
 
 
-# Clients that do not
+# Clients that violate the protocol or leave early
 
 NOT_OPEN, NO_VALUE, TOO_LONG = b"open\n", b"OPEN\nno value\n\n", b"OPEN\n" + b"a=b\n" * 20000
 MALFORMED = [
@@ -305,120 +305,120 @@ MALFORMED = [
 
 
 async def send_malformed_request(load, name):
-    """What is malformed is told so, and then the end comes."""
-    request, expected = load.chance.choice(MALFORMED)
-    async with Visit(load) as visit:
-        reply = await visit.request(request)
+    """Expects the reply to a malformed request, and then the end."""
+    request, expected = load.random.choice(MALFORMED)
+    async with Connection(load) as connection:
+        reply = await connection.request(request)
         if not reply.startswith(expected):
             raise Failed(REFUSED, f"reply {reply!r} to {request[:40]!r}")
-        await visit.end()
+        await connection.end()
 
 
 async def hang_up_at_once(load, name):
-    async with Visit(load):
+    async with Connection(load):
         pass
 
 
 async def hang_up_within_the_request(load, name):
-    async with Visit(load) as visit:
-        await visit.send(KINDS[name].request[:load.chance.randrange(1, 12)])
+    async with Connection(load) as connection:
+        await connection.send(KINDS[name].request[:load.random.randrange(1, 12)])
         await load.pause(0, 0.2)
 
 
 async def hang_up_before_the_reply(load, name):
-    async with Visit(load) as visit:
-        await visit.send(KINDS[name].request)
+    async with Connection(load) as connection:
+        await connection.send(KINDS[name].request)
         await load.pause(0, 0.05)
 
 
 async def hang_up_after_the_reply(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
 
 
 async def hang_up_within_a_document(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
-        # The first document may have come together with the reply, and be all that there is.
-        if not visit.arrived:
-            async with load.step("something to read"):
-                await visit.read_some(load.chance.randrange(1, 400))
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
+        # The first document may have arrived with the reply, without a second one after it.
+        if not connection.arrived:
+            async with load.step("data to read"):
+                await connection.read_some(load.random.randrange(1, 400))
 
 
 async def hang_up_after_a_sync_point(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
-        await visit.send(b"SYNC\n" * load.chance.randrange(1, 20))
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
+        await connection.send(b"SYNC\n" * load.random.randrange(1, 20))
 
 
 async def close_half_of_a_stream(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
-        visit.socket.shutdown(socket.SHUT_WR)
-        await visit.end()
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
+        connection.socket.shutdown(socket.SHUT_WR)
+        await connection.end()
 
 
 async def close_half_of_a_request(load, name):
-    async with Visit(load) as visit:
-        await visit.send(b"OPEN\nevent=1\n")
-        visit.socket.shutdown(socket.SHUT_WR)
-        reply = await visit.request(b"")
+    async with Connection(load) as connection:
+        await connection.send(b"OPEN\nevent=1\n")
+        connection.socket.shutdown(socket.SHUT_WR)
+        reply = await connection.request(b"")
         if not reply.startswith("FAIL\n"):
             raise Failed(REFUSED, f"reply {reply!r} to half a request")
-        await visit.end()
+        await connection.end()
 
 
-async def say_what_is_no_text(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
-        await visit.send(b"\xff")
-        await visit.end()
+async def send_invalid_utf8(load, name):
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
+        await connection.send(b"\xff")
+        await connection.end()
 
 
 async def flood_with_sync_points(load, name):
-    watch = Watch(KINDS[name])
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
+    check = StreamCheck(KINDS[name])
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
         async with load.step("room for sync points"):
-            await visit.send(b"SYNC\n" * 5000)
-        await receive(load, visit, watch, lambda: watch.count >= 3, "documents of a flood")
+            await connection.send(b"SYNC\n" * 5000)
+        await receive(load, connection, check, lambda: check.count >= 3, "documents of a flood")
 
 
 async def stay_silent(load, name):
-    async with Visit(load) as visit:
+    async with Connection(load) as connection:
         with contextlib.suppress(TimeoutError):
             async with asyncio.timeout(load.seconds(2, 12)):
-                await visit.reply()
+                await connection.reply()
 
 
 async def drip(load, name):
-    """A byte now and then, which never makes a whole request."""
-    async with Visit(load) as visit:
+    """Sends single bytes, which never complete a request."""
+    async with Connection(load) as connection:
         leave_at = time.monotonic() + load.seconds(2, 12)
         for byte in b"OPEN\n" + b"a=b\n" * 1000:
             if time.monotonic() >= leave_at:
                 break
             with contextlib.suppress(BrokenPipeError, ConnectionResetError):
-                await visit.send(bytes([byte]))
+                await connection.send(bytes([byte]))
             await load.pause(0.1, 0.5)
 
 
 async def read_nothing(load, name):
-    async with Visit(load) as visit:
-        await visit.start(KINDS[name])
+    async with Connection(load) as connection:
+        await connection.start(KINDS[name])
         leave_at = time.monotonic() + load.seconds(3, 20)
         while time.monotonic() < leave_at:
             with contextlib.suppress(BlockingIOError, BrokenPipeError, ConnectionResetError):
-                visit.socket.send(b"SYNC\n" * 8)
+                connection.socket.send(b"SYNC\n" * 8)
             await load.pause(0.2, 1)
 
 
-BEHAVED = (behave_shortly, behave_for_long, read_slowly)
+RECEIVING = (receive_shortly, receive_for_long, read_slowly)
 
-# How often each is chosen, of their sum.
+# The relative frequency of each behaviour.
 WEIGHTS = {
-    behave_shortly: 460,
-    behave_for_long: 15,
+    receive_shortly: 460,
+    receive_for_long: 15,
     read_slowly: 15,
     send_malformed_request: 150,
     hang_up_at_once: 60,
@@ -429,7 +429,7 @@ WEIGHTS = {
     hang_up_after_a_sync_point: 40,
     close_half_of_a_stream: 40,
     close_half_of_a_request: 20,
-    say_what_is_no_text: 20,
+    send_invalid_utf8: 20,
     flood_with_sync_points: 10,
     stay_silent: 10,
     drip: 10,
@@ -437,35 +437,35 @@ WEIGHTS = {
 }
 
 
-def title(visit):
-    return visit.__name__.replace("_", " ")
+def title(behaviour):
+    return behaviour.__name__.replace("_", " ")
 
 
-async def make_visit(load, visit, name):
-    """One visit from its beginning to its end; whatever is wrong with it is counted."""
+async def run_client(load, behaviour, name):
+    """Runs one client and counts its outcome."""
     try:
-        complete = await visit(load, name)
+        complete = await behaviour(load, name)
     except Failed as failed:
-        load.fail(f"{title(visit)}, {name}", failed)
+        load.fail(f"{title(behaviour)}, {name}", failed)
     except Waived:
         load.waived += 1
     except ConnectionError as error:
-        load.fail(f"{title(visit)}, {name}", Failed(REFUSED, repr(error)))
+        load.fail(f"{title(behaviour)}, {name}", Failed(REFUSED, repr(error)))
     except (AssertionError, OSError, ValueError) as error:
-        load.fail(f"{title(visit)}, {name}", Failed(WRONG, repr(error)))
+        load.fail(f"{title(behaviour)}, {name}", Failed(WRONG, repr(error)))
     else:
-        load.done[title(visit)] += 1
-        if visit in BEHAVED and complete:
+        load.done[title(behaviour)] += 1
+        if behaviour in RECEIVING and complete:
             load.served[name] += 1
-        elif visit in BEHAVED:
+        elif behaviour in RECEIVING:
             load.waived += 1
 
 
-async def keep_a_place(load):
-    """One place of a client, which somebody takes again and again."""
-    visits, weights = zip(*WEIGHTS.items())
+async def run_clients(load):
+    """Runs one client after another."""
+    behaviours, weights = zip(*WEIGHTS.items())
     names = list(KINDS)
     while True:
         await load.pause(0, 1)
-        (visit,) = load.chance.choices(visits, weights)
-        await make_visit(load, visit, load.chance.choice(names))
+        (behaviour,) = load.random.choices(behaviours, weights)
+        await run_client(load, behaviour, load.random.choice(names))

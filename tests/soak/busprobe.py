@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""Asks two peers on the bus again and again, and prints once a second how long their answers took: BUS-ADDRESS.
+"""Calls two peers on the bus periodically, and prints the latencies of their replies once a second: BUS-ADDRESS.
 
-Questions go out at their time whether the one before has been answered or not, so that a peer that stands still is seen
-for as long as it does. This is a process of its own, which nothing of the load can hold up."""
+Calls are sent on time even if earlier ones have no reply, so the whole duration of a hang is measured. This is a
+separate process, which the load cannot delay."""
 
 import json
 import signal
@@ -15,12 +15,12 @@ import idlepeer
 from records import CALL, DAEMON, IDLE_PEER, PING, series_name
 
 PERIOD_MS = 50
-TELL_MS = 1000
+PRINT_MS = 1000
 
-# Of more, the bus would refuse some.
+# The bus would refuse more pending calls.
 MAX_OPEN = 30
 
-# What is not answered within this time counts with it.
+# Calls without a reply within this time count with it.
 TIMEOUT_MS = 20_000
 
 PEER, PROPERTIES = "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Properties"
@@ -34,48 +34,48 @@ ADDRESSES = {
 
 
 class Series:
-    """One question to one peer."""
+    """One probe to one peer."""
 
     def __init__(self, connection, name, path, interface, method, arguments):
         self.connection = connection
         self.destination = (name, path, interface, method, arguments)
         self.due = time.monotonic()
-        # When those were asked that have no answer yet.
+        # The times of calls without a reply.
         self.open = []
-        # When questions were due that could not be asked because too many were open.
+        # The times of due calls that were not sent because too many were pending.
         self.held = []
         self.taken_ms = []
 
-    def ask_what_is_due(self):
-        """Also what was due while this process had no processor."""
+    def send_due_calls(self):
+        """Sends all due calls, including those of times at which this process did not run."""
         now = time.monotonic()
         while self.due <= now:
             self.due += PERIOD_MS / 1000
-            self._ask(now)
+            self._send(now)
         return True
 
-    def _ask(self, now):
+    def _send(self, now):
         if len(self.open) >= MAX_OPEN:
             self.held.append(now)
             return
         self.open.append(now)
         self.connection.call(*self.destination, None, Gio.DBusCallFlags.NO_AUTO_START, TIMEOUT_MS, None,
-                             self._on_answer, now)
+                             self._on_reply, now)
 
-    def _on_answer(self, connection, result, asked):
-        answered = time.monotonic()
-        self.open.remove(asked)
+    def _on_reply(self, connection, result, sent):
+        replied = time.monotonic()
+        self.open.remove(sent)
         try:
             connection.call_finish(result)
         except GLib.Error:
-            # No answer, for whatever reason.
+            # Each error counts as no reply.
             self.taken_ms.append(float(TIMEOUT_MS))
             return
-        self.taken_ms += [(answered - due) * 1000 for due in (asked, *self.held)]
+        self.taken_ms += [(replied - due) * 1000 for due in (sent, *self.held)]
         self.held.clear()
 
-    def give_up(self):
-        """What is not answered by now took so long at the least."""
+    def count_pending(self):
+        """Adds the latencies of pending calls up to now."""
         now = time.monotonic()
         self.taken_ms += [(now - due) * 1000 for due in (*self.open, *self.held)]
 
@@ -98,18 +98,18 @@ def main():
     series = make_series(sys.argv[1])
     loop = GLib.MainLoop()
 
-    def tell():
+    def print_latencies():
         print(json.dumps({name: one.take() for name, one in series.items()}), flush=True)
         return True
 
     for one in series.values():
-        GLib.timeout_add(PERIOD_MS, one.ask_what_is_due)
-    GLib.timeout_add(TELL_MS, tell)
+        GLib.timeout_add(PERIOD_MS, one.send_due_calls)
+    GLib.timeout_add(PRINT_MS, print_latencies)
     GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
     loop.run()
     for one in series.values():
-        one.give_up()
-    tell()
+        one.count_pending()
+    print_latencies()
 
 
 if __name__ == "__main__":
