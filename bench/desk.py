@@ -1,7 +1,7 @@
-"""The daemon of the system tests, with its bus and the simulated camera, for somebody who measures it.
+"""The daemon of the system tests, with its bus and the simulated camera, for measurements.
 
-They come from the staged installation that TESSARD_STAGE names, or from one made from the build folder that
-TESSARD_BUILD names (build-desk/ by default), which has the tests' own libraries in any case."""
+TESSARD_STAGE names a staged installation; without it the build folder that TESSARD_BUILD names (default: build-desk/)
+is staged. The build folder has the tests' own libraries."""
 
 import contextlib
 import os
@@ -24,8 +24,8 @@ from simcamera import SimulatedCamera  # noqa: E402
 
 @contextlib.contextmanager
 def running_daemon(producers, *camera_options, verbs=()):
-    """A daemon that is ready, with these contents of its producers.conf and every plug-in, and its bus. The camera is
-    told the verbs before the daemon starts."""
+    """Yields a ready daemon with every plug-in and these contents of producers.conf, and its bus. The camera gets the
+    verbs before the daemon starts."""
     workspace = Workspace()
     os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
     Gst.init(None)
@@ -47,7 +47,7 @@ def running_daemon(producers, *camera_options, verbs=()):
 
 
 def print_table(subject, times, base):
-    """A row for each kind of measurement, compared with the kind `base`; times in seconds."""
+    """Prints a row for each kind of measurement, compared with the kind `base`; times in seconds."""
     base_median = statistics.median(times[base])
     print(f"| {subject} | times | median ms | p99 ms | median against {base} |")
     print("|---|---|---|---|---|")
@@ -59,8 +59,8 @@ def print_table(subject, times, base):
 
 def parse_count(parser, default):
     """Adds --count to a command line of its own, and returns the value."""
-    parser.add_argument("--count", type=int, default=default, help=f"how often to measure each (default {default})")
+    parser.add_argument("--count", type=int, default=default, help=f"measurements of each kind (default {default})")
     arguments = parser.parse_args()
     if arguments.count < 2:
-        parser.error("--count has to be 2 at least")
+        parser.error("--count must be at least 2")
     return arguments.count

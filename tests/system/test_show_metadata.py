@@ -52,13 +52,13 @@ def show():
 def lines_of(result):
     """The lines for documents, which are between the first document and the summary."""
     assert result.stderr == ""
-    _, _, rest = result.stdout.partition("What comes, a line each (times in UTC; of PTZ and scenes, one a second):\n")
+    _, _, rest = result.stdout.partition("at most one line per second for PTZ and for each source of scenes):\n")
     return re.match(r"\n((?:.+\n)*)\n\d+ documents, ", rest)[1].splitlines()
 
 
 def test_first_document_is_printed_in_full_and_indented(show):
     out = show(event(), event()).stdout
-    assert out.startswith('\nThe first document, whole:\n\n<?xml version="1.0" ?>\n<tt:MetadataStream ')
+    assert out.startswith('\nThe first document:\n\n<?xml version="1.0" ?>\n<tt:MetadataStream ')
     assert out.count("<tt:MetadataStream ") == 1
     assert '\n            <tt:SimpleItem Name="Port" Value="2"/>\n' in out
 
@@ -106,13 +106,13 @@ def test_summary_counts_by_kind(show):
 ])
 def test_missing_kinds_fail_and_missing_detections_do_not(show, needed, sources, missing, status):
     result = show(event(), needed=needed, sources=sources)
-    assert result.stdout.endswith(f"\ndid not come: {missing}\n")
+    assert result.stdout.endswith(f"\nmissing: {missing}\n")
     assert result.returncode == status
 
 
 def test_no_document_at_all(show):
     result = show(needed=["events"])
-    assert result.stdout == "\n0 documents, 0 bytes in 0 s: nothing\ndid not come: events\n"
+    assert result.stdout == "\n0 documents, 0 bytes in 0 s: nothing\nmissing: events\n"
     assert (result.returncode, result.stderr) == (1, "")
 
 

@@ -1,6 +1,6 @@
-/* A stand-in for the simulated camera's "json2xml" that hangs as long as a file exists, and otherwise makes
- * the same frame of whatever comes. Each buffer tells by its text which file: the one whose path stands
- * between HANG_START and the next quotation mark. A buffer without a path never hangs.
+/* A fake of the simulated camera's "json2xml" that hangs while a file exists, and otherwise converts each
+ * buffer to the same frame. The buffer's text names the file: its path is between HANG_START and the next
+ * quotation mark. A buffer without a path never hangs.
  */
 #include <gst/gst.h>
 #include <string>
@@ -62,7 +62,7 @@ test_converter_chain(GstPad *, GstObject *parent, GstBuffer *buffer)
   return gst_pad_push(test_converter(parent)->src, gst_buffer_new_memdup(FRAME, std::string(FRAME).size()));
 }
 
-/* What the daemon sets makes no difference here. */
+/* The properties have no effect. */
 static void
 test_converter_set_property(GObject *, guint, const GValue *, GParamSpec *)
 {

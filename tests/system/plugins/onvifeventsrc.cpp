@@ -1,12 +1,12 @@
-/* A stand-in for the simulated camera's "onvifeventsrc" whose failures a test chooses, by variables that only
- * this plug-in reads:
+/* A fake of the simulated camera's "onvifeventsrc" that fails on command. Only this plug-in reads the
+ * variables:
  *
- *   TESTPLUGIN_FAILS   the state change that fails, as GStreamer names it ("PAUSED->READY"), or "STREAM" for
- * a stream that has an error at once TESTPLUGIN_WORKS   whether the element does what belongs to that state
- * change all the same, "1" or "0" TESTPLUGIN_TIMES   how often each element fails, before the state change
- * succeeds
+ * - TESTPLUGIN_FAILS: the state change that fails, with GStreamer's name ("PAUSED->READY"), or "STREAM" for a
+ *   stream with an immediate error
+ * - TESTPLUGIN_WORKS: "1" if the element performs the state change in spite of the failure, or "0"
+ * - TESTPLUGIN_TIMES: the number of failures of each element before the state change succeeds
  *
- * The element is a live source, as the camera's is. It sends one fragment without events and then nothing.
+ * Like the camera's, the element is a live source. It sends one fragment without events and then nothing.
  */
 #include <cstdlib>
 #include <cstring>

@@ -1,23 +1,21 @@
 /*
- * What a system test needs from the machine around the daemon, put in front of the C library with LD_PRELOAD
- * so that the daemon itself stays as shipped:
+ * Functions of the C library that system tests replace in the shipped daemon, with LD_PRELOAD:
  *
- *   TESTHOST_SYSLOG   path of a UNIX datagram socket; every syslog line becomes one datagram "<priority>text"
- *   TESTHOST_UID      what getuid() answers
- *   TESTHOST_GID      what getgid() answers
- *   TESTHOST_FAULTS   path of a folder; as long as it has an entry "sync-file" or "sync-folder", fsync() of a
- * file or a folder fails with EIO, and as long as it has one "sync-slowly", every fsync() takes SLOW_SYNC
- * more
- *   TESTHOST_LEAK_CHECK  if set, SIGUSR2 has the address sanitizer look for leaks while the program goes on;
- * its report goes to standard error, and behind it a line "leak check: N", where N is 0 when it found none
+ * - TESTHOST_SYSLOG: the path of a UNIX datagram socket; each syslog line becomes one datagram
+ *   "<priority>text"
+ * - TESTHOST_UID: the result of getuid()
+ * - TESTHOST_GID: the result of getgid()
+ * - TESTHOST_FAULTS: the path of a folder; while it has an entry "sync-file" or "sync-folder", fsync() of a
+ *   file or a folder fails with EIO; while it has "sync-slowly", each fsync() takes SLOW_SYNC longer
+ * - TESTHOST_LEAK_CHECK: if set, SIGUSR2 makes AddressSanitizer check for leaks while the program runs; after
+ *   its report, standard error gets a line "leak check: N", where N is 0 without leaks
  *
- * A variable that is not set leaves its functions as the C library has them. The socket must be writable by
- * the daemon's user, and its reader should keep up: a full queue holds the daemon for at most SEND_LIMIT and
- * then costs the line.
+ * Without its variable a function is the C library's. The socket must be writable by the daemon's user, and
+ * its reader must keep up: a full queue blocks the daemon for at most SEND_LIMIT, and then the line is lost.
  *
- * In a build with the address sanitizer, whose runtime insists on being the first library, set
- * ASAN_OPTIONS=verify_asan_link_order=0 beside LD_PRELOAD. This library is not instrumented itself, so that
- * one and the same way of loading serves every build.
+ * AddressSanitizer's runtime requires to be the first library: set ASAN_OPTIONS=verify_asan_link_order=0 in
+ * addition to LD_PRELOAD. This library is not instrumented, so it is loaded in the same way in each kind of
+ * build.
  */
 
 #define _GNU_SOURCE
@@ -41,10 +39,10 @@
 #include <time.h>
 #include <unistd.h>
 
-/* Above the numbers that socket activation passes and that a test looks at. */
+/* Above the numbers of socket activation, and of the descriptors that tests check. */
 enum { SYSLOG_FD_MIN = 200 };
 
-/* A longer line is cut; a datagram's own limit is higher. */
+/* Longer lines are truncated; the limit of a datagram is higher. */
 enum { LINE_MAX_BYTES = 64 * 1024 };
 
 static const struct timeval SEND_LIMIT = {.tv_sec = 1};
@@ -53,14 +51,14 @@ static const struct timespec SLOW_SYNC = {.tv_nsec = 300 * 1000 * 1000};
 
 typedef void (*VsyslogFunc)(int priority, const char *format, va_list args);
 
-/* The fortified entry points, which the headers name only to a fortified caller. */
+/* The entry points of fortified callers, which the headers declare for these alone. */
 void __syslog_chk(int priority, int flag, const char *format, ...);
 void __vsyslog_chk(int priority, int flag, const char *format, va_list args);
 
 static struct sockaddr_un syslog_address = {.sun_family = AF_UNIX};
 static int syslog_fd = -1;
 
-/* Opened once and early, so that the log is still there when the daemon has run out of descriptors. */
+/* Opened at the start, so that the log works when the daemon has no free descriptor. */
 __attribute__((constructor)) static void
 open_syslog_socket(void)
 {
@@ -81,7 +79,7 @@ open_syslog_socket(void)
     close(fd);
 }
 
-/* The sanitizer's own, in builds with it. */
+/* Defined in builds with AddressSanitizer. */
 int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
 
 static sigset_t
@@ -94,7 +92,7 @@ leak_check_signals(void)
   return signals;
 }
 
-/* A thread, for a signal handler might interrupt the allocator. */
+/* Runs on a thread, because a signal handler could interrupt the allocator. */
 static void *
 check_leaks(void *unused)
 {
@@ -109,7 +107,7 @@ check_leaks(void *unused)
   return NULL;
 }
 
-/* All later threads inherit that the signal is blocked. */
+/* All later threads inherit the blocked signal. */
 __attribute__((constructor)) static void
 start_leak_checks(void)
 {
