@@ -58,7 +58,7 @@ def print_table(subject, times, base):
 
 
 def parse_count(parser, default):
-    """Adds --count to a command line of its own, and returns the value."""
+    """Adds --count to the options, parses the command line and returns the value."""
     parser.add_argument("--count", type=int, default=default, help=f"measurements of each kind (default {default})")
     arguments = parser.parse_args()
     if arguments.count < 2:

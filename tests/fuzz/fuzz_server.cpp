@@ -380,12 +380,12 @@ private:
 // A command byte: the client in its lowest two bits, the command in the others.
 enum Command {
   SEND,      // as many bytes as the next byte says
-  SEND_LONG, // as many times 256 bytes as the next byte says, all of them the byte behind it
+  SEND_LONG, // 256 bytes times the next byte, all with the value of the byte after it
   HALF_CLOSE,
   HANG_UP,
-  RUN,   // the server, as far as it can without more input
-  WAIT,  // for this client's reply, when its request is whole
-  SHORT, // from here on as many descriptors are free as the next byte says, or enough if it says too many
+  RUN,   // runs the server until it needs more input
+  WAIT,  // waits for this client's reply, if its request is complete
+  SHORT, // sets the number of free descriptors to the next byte, or to enough if that is too large
   N_COMMANDS,
 };
 

@@ -119,7 +119,7 @@ private:
 
   std::string_view readable_;
   gsize max_bytes_;
-  bool bounded_; // behind what is readable comes the bound, not the end of the stream
+  bool bounded_; // the readable bytes end at the limit, not at the end of the stream
   gsize position_ = 0;
 };
 

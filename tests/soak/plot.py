@@ -1,4 +1,4 @@
-"""Draws a soak as an SVG picture: one panel for each figure, over the time of the run."""
+"""Draws the plot of a soak as SVG: one panel for each figure, over the time of the run."""
 
 import math
 import xml.sax.saxutils
@@ -12,14 +12,14 @@ TICKS_Y, TICKS_X = 4, 8
 
 
 class Panel:
-    """title, and its lines: a label and the values, None where there is none, one for each time"""
+    """A title, and lines: each a label and a value for each time, None for no value."""
 
     def __init__(self, title, lines):
         self.title = title
         self.lines = lines
 
     def top(self):
-        """The highest value of its axis, never nothing."""
+        """The highest value of its axis, which is never 0."""
         return max((value for _, values in self.lines for value in values if value is not None), default=0) or 1
 
 
@@ -41,14 +41,14 @@ def panels_of(records):
 
 
 def round_step(top, ticks):
-    """A step of 1, 2 or 5 times a power of ten that makes about so many ticks."""
+    """A step of 1, 2 or 5 times a power of ten that makes about this many ticks."""
     raw = top / ticks
     power = 10 ** math.floor(math.log10(raw))
     return next(factor * power for factor in (1, 2, 5, 10) if factor * power >= raw)
 
 
 def ticks_of(top, ticks):
-    """Where the ticks of an axis are that ends at the last of them."""
+    """The positions of an axis' ticks, the last one at its end."""
     step = round_step(top, ticks)
     return [number * step for number in range(math.ceil(top / step) + 1)]
 
@@ -63,7 +63,7 @@ def line(x1, y1, x2, y2, colour):
 
 
 def paths(points, colour):
-    """The points joined; None ends a piece of the line."""
+    """Joins points; None ends a part of the line."""
     pieces, piece = [], []
     for point in [*points, None]:
         if point is not None:
@@ -76,7 +76,7 @@ def paths(points, colour):
 
 
 def draw_panel(panel, top, minutes, ticks_x):
-    """One panel with its upper edge at `top`; minutes: when each value was measured."""
+    """Draws a panel with its upper edge at `top`; minutes: the time of each value."""
     ticks_y = ticks_of(panel.top(), TICKS_Y)
 
     def x_of(minute):
@@ -103,7 +103,7 @@ def draw_panel(panel, top, minutes, ticks_x):
 
 
 def draw(run, title):
-    """The whole picture, as SVG text."""
+    """Returns the plot as SVG text."""
     panels = panels_of(run.records)
     minutes = [record.seconds / 60 for record in run.records]
     ticks_x = ticks_of(max(minutes, default=0) or 1, TICKS_X)

@@ -90,7 +90,7 @@ class OverdueStart:
         self.daemon = Daemon(installation, self.bus, plugins=PTZ_PLUGINS)
         self.daemon.start_lines = start_lines(PTZ_PLUGINS, no_move_capabilities("Timeout was reached"))
         self.over = False
-        wait_until(lambda: self.camera.calls(PTZ) == 1, "the coordinator has been asked")
+        wait_until(lambda: self.camera.calls(PTZ) == 1, "the coordinator has been called")
 
     def has_socket(self):
         return self.daemon.socket_path.exists()
@@ -125,7 +125,7 @@ class OverdueReceiver:
         self.receiver.start()
         self.began = time.monotonic()
         self.daemon = Daemon(installation, self.bus, plugins=EXTERNAL_PLUGINS)
-        wait_until(lambda: self.kept, "the receiver has been asked")
+        wait_until(lambda: self.kept, "the receiver has been called")
         self.timer = threading.Timer(self.SILENT_SECONDS, self._reply)
         self.timer.start()
         self.daemon.wait_until_ready()

@@ -112,7 +112,7 @@ def test_refused_calls_change_nothing(daemon, control):
         control.set_channels(VIDEO_TRACKER, (1, True, "x"), (-1, True, "x"))
     assert error_text(failed.value) == "Tried to enable/disable producer on non-supported channel"
     with pytest.raises(GLib.Error) as failed:
-        control.set_producers({"Nobody": [], VIDEO_TRACKER: [(1, True, "x")]})
+        control.set_producers({"Unknown": [], VIDEO_TRACKER: [(1, True, "x")]})
     assert error_text(failed.value) == "Producer with specified name does not exist"
     assert daemon.producers_conf.read_text(encoding="utf-8") == before
 

@@ -58,7 +58,7 @@ WAYS_TO_WAIT = {
 def test_slow_clients_delay_no_others_of_the_same_user(daemon, way):
     count = 60
     alone = times_to_ok(daemon)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")
     with Crowd(daemon, count, **WAYS_TO_WAIT[way]):
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + count, "all are accepted")
         expect_prompt_service(daemon, alone)
@@ -69,7 +69,7 @@ def test_slow_clients_delay_no_others_of_the_same_user(daemon, way):
 def test_slow_clients_of_another_user_delay_no_others(daemon, way):
     count = 100
     alone = times_to_ok(daemon)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")
     with Crowd(daemon, count, user=STRANGERS[0], **WAYS_TO_WAIT[way]):
         assert daemon.log.take(count - MAX_UNFINISHED) == [DROPPED] * (count - MAX_UNFINISHED)
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + MAX_UNFINISHED, "they are closed")
@@ -189,4 +189,4 @@ def test_kept_places_serve_users_without_a_place(daemon):
         with Crowd(daemon, 1, user=STRANGERS[-1], beginning=EVENT_REQUEST) as served:
             assert served.next_reply() == "OK"
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all have gone")
+    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")

@@ -112,7 +112,7 @@ def test_filter_that_fails_later_is_logged_and_ends_the_stream(fast_daemon):
     # A line crossing, which is the only kind to have an ObjectId, is no state and so not in the first document.
     fails_at_a_crossing = '//tt:SimpleItem[@Name="ObjectId"]/@Value > 1 and unknown()'
     with fast_daemon.client() as client:
-        # A crossing that comes before the reply fails the request instead.
+        # A crossing before the reply fails the request instead.
         assert client.request(f"event=1\nevent_content={fails_at_a_crossing}\n") in ("OK", NOT_PRODUCED)
         client.read_to_end()
 

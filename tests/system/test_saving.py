@@ -265,7 +265,7 @@ def kill_in_a_storm(daemon, control, names):
     """Kills the daemon during changes; returns the contents of the file, and whether a save was interrupted."""
     storm = Storm(control, names)
     calls = random.randrange(MAX_CALLS)
-    wait_until(lambda: storm.calls >= calls, "the storm goes on")
+    wait_until(lambda: storm.calls >= calls, "the storm continues")
     assert daemon.end(signal.SIGKILL) == -signal.SIGKILL
     storm.join(BOUND_SECONDS)
 

@@ -429,7 +429,7 @@ def test_one_waiting_request_delays_no_others(camera, start_scene_daemon):
     camera.channels(0)
     with daemon.client() as waiting, daemon.client() as other:
         waiting.send_request(header(event=1, analytics=1))
-        wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon asks the provider")
+        wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon calls the provider")
 
         assert other.start(header(event=1)).next_document().kind == EVENTS
         assert not waiting.has_input()
@@ -473,7 +473,7 @@ def test_waiting_ends_with_the_daemon(camera, start_scene_daemon):
     camera.channels(0)
     with daemon.client() as client:
         client.send_request(header(analytics=1))
-        wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon asks the provider")
+        wait_until(lambda: camera.calls(SCENES) >= 1, "the daemon calls the provider")
         daemon.end()
 
         assert client.read_to_end() == b""

@@ -21,7 +21,7 @@ def refused(reason, line, column, file="standard input"):
 
 
 def file_with(channel=CHANNEL, name='"a"'):
-    """The text of a file with one producer."""
+    """Returns a file with one producer."""
     return f'[{{"Name": {name}, "Channels": [{channel}]}}]'
 
 

@@ -19,7 +19,7 @@ ZSH = TREE / "tools/completion/_tessardctl"
 
 COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "help"]
 
-# Calls the completion function as bash does on a tab, with the words as bash splits them.
+# Calls the completion function like bash on a tab.
 COMPLETE = """\
 set -u
 source "$0"
@@ -31,7 +31,7 @@ _tessardctl "$TESSARDCTL" "" ""
 
 @pytest.fixture
 def offered(tessardctl, stand_in_bus, tmp_path):
-    """The candidates of bash at the end of a line behind "tessardctl"."""
+    """Returns the candidates of bash for a line after "tessardctl"."""
 
     def complete(line, bus=stand_in_bus.address):
         result = subprocess.run(
@@ -168,8 +168,8 @@ def test_zsh_offers_the_same(run_tessardctl):
     assert described == every_option
 
 
-# Start-up of an interactive zsh in which Ctrl-X writes the candidates for the word at the cursor to a file. Calls of
-# compadd that only fill arrays are zsh's own.
+# Start-up file of an interactive zsh in which Ctrl-X writes the candidates for the word at the cursor to a file. Calls
+# of compadd that only fill arrays are internal to zsh.
 ZSHRC = """\
 PS1='' OFFERED=$ZDOTDIR/offered
 fpath=(%s $fpath)
@@ -195,7 +195,7 @@ zle -N zle-line-init
 
 
 class Zsh:
-    """An interactive zsh on a terminal of its own."""
+    """An interactive zsh on its own terminal."""
 
     def __init__(self, folder, bus_address):
         self.offered = folder / "offered"

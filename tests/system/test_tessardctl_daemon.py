@@ -1,4 +1,4 @@
-"""tessardctl's commands that call the daemon over the bus, against the daemon."""
+"""tessardctl's commands that use the bus, with the daemon."""
 
 import json
 
@@ -10,7 +10,7 @@ from tessardctl import REFUSED, SUCCESS, read_lines
 
 PLUGINS = (EVENT_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
 
-# The file of producers at the start of a daemon.
+# producers.conf at the start of a daemon.
 PRODUCERS = """\
 [Producers.0.VideoMotionTracker]
 Name=

@@ -213,7 +213,7 @@ def test_bus_ends(start_monitor, started_service, stand_in_bus):
     monitor = start_monitor()
     stand_in_bus.stop()
     result = monitor.finish()
-    # The bus can disconnect the daemon first, and then signals that.
+    # The bus can disconnect the daemon first, and then sends a signal about it.
     assert result.out in (b"", b"daemon absent\n")
     assert result == failure(ENDED, "The bus closed the connection.", result.out)
 

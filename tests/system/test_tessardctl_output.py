@@ -19,7 +19,7 @@ from waiting import BOUND_SECONDS
 
 
 def receive(client, connection, data):
-    """The result of a client for which `data` is more than the socket holds."""
+    """Sends data, which can be more than the socket holds, and returns the result of the client."""
     sender = threading.Thread(target=connection.send, args=[data])
     sender.start()
     result = client.finish()
@@ -187,7 +187,7 @@ def test_huge_document_is_indented(pretty):
 
 
 class Terminal:
-    """A terminal and what is written to it."""
+    """A terminal, and the data that is written to it."""
 
     def __init__(self):
         self.master, self.slave = (os.fdopen(fd, "r+b", buffering=0) for fd in pty.openpty())
@@ -196,7 +196,7 @@ class Terminal:
         return read_some(self.master.fileno())
 
     def read_to_end(self):
-        """What is written until every process has closed the terminal."""
+        """Reads until each process has closed the terminal."""
         data = b""
         with contextlib.suppress(OSError):
             while chunk := self.read():
@@ -215,7 +215,7 @@ PROGRESS = re.compile(r"(\d+) documents, ([\d.]+)\xa0?.*?(bytes|kB), (\d+\.\d) d
 
 
 def shown(data):
-    """The texts of the progress line in their order, and what follows the line."""
+    """The texts of the progress line in order, and the output after the line."""
     head, _, tail = data.decode().replace("\r\n", "\n").partition("\n")
     assert head.startswith("\r")
     return head[1:].split("\r"), tail

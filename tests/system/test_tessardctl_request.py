@@ -18,7 +18,7 @@ CUT_REPLY = failure(ENDED, "The daemon closed the connection before its reply wa
 
 
 def undo_escapes(sent):
-    """Undoes escapes as the daemon does; in bytes, which GLib's Python binding does not accept here."""
+    """Undoes escapes like the daemon; in bytes, which GLib's Python binding does not accept here."""
     glib = ctypes.CDLL("libglib-2.0.so.0")
     glib.g_strcompress.restype = ctypes.c_char_p
     return glib.g_strcompress(ctypes.c_char_p(sent))

@@ -178,7 +178,7 @@ def test_daemon_that_closes_with_an_unread_sync_request(start_stream, fake_daemo
 
 
 def read_after_hang_up(connection):
-    """What a client sent that hung up with some of the stream unread, which resets the connection."""
+    """Reads the data of a client that hung up; with an unread part of the stream that resets the connection."""
     try:
         return connection.read_to_end()
     except ConnectionResetError:
