@@ -120,6 +120,12 @@ class Client:
         assert self.request(header) == "OK"
         return self.open_stream()
 
+    def start_reading(self, header="event=1\n"):
+        """Starts a stream, and reads its first document."""
+        stream = self.start(header)
+        stream.next_document()
+        return stream
+
     def open_stream(self):
         self.stream = Stream(self.socket)
         return self.stream

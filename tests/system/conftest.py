@@ -26,7 +26,7 @@ from gi.repository import Gst  # noqa: E402
 
 from controlclient import ControlClient, path_of  # noqa: E402
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon  # noqa: E402
-from external import BOTH_ENABLED, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
+from external import BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
 from fakedaemon import FakeDaemon, GdpStream  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
 from fakeservice import FakeService, properties  # noqa: E402
@@ -121,6 +121,11 @@ def daemon(start_daemon):
 
 
 @pytest.fixture
+def fast_daemon(start_daemon):
+    return start_daemon(speed=100)
+
+
+@pytest.fixture
 def start_camera(installation, bus):
     """Starts the simulated camera's services with the given options, by default on the session's bus and without
     external producers; see SimulatedCamera for the arguments."""
@@ -184,6 +189,16 @@ def receiver(bus):
     with contextlib.closing(FakeReceiver(bus)) as receiver:
         receiver.start()
         yield receiver
+
+
+@pytest.fixture
+def detector(receiver):
+    return receiver.add(DETECTOR)
+
+
+@pytest.fixture
+def counter(receiver):
+    return receiver.add(COUNTER)
 
 
 @pytest.fixture
@@ -336,3 +351,9 @@ def gdp():
 def start_stream(start_tessardctl, fake_daemon):
     """Starts "tessardctl stream" with the fake daemon's socket."""
     return lambda *args, **popen_args: start_tessardctl("stream", "--socket", fake_daemon.path, *args, **popen_args)
+
+
+@pytest.fixture
+def open_stream(start_stream, fake_daemon):
+    """Starts "tessardctl stream", whose request the fake daemon grants; returns the client and its connection."""
+    return lambda *args, **popen_args: (start_stream(*args, **popen_args), fake_daemon.accept_stream())

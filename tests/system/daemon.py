@@ -138,6 +138,10 @@ LOG_SECONDS = documented_limit("ratelimitedlog.h", "RATE_LIMITED_LOG_INTERVAL_US
 LOGGED_TEXT_BYTES = documented_limit("logtext.h", "LOG_TEXT_MAX_BYTES")
 
 
+# The number of idle threads that GLib keeps for a time.
+SPARE_THREADS = 8
+
+
 def with_count(line, count):
     """The last one of several suppressed lines, with the count of the others."""
     priority, text = line
@@ -364,6 +368,16 @@ class Daemon:
     def client(self):
         return Client(self.socket_path)
 
+    def expect_stream(self, header="event=1\n"):
+        """Expects that a client of its own gets a document."""
+        with self.client() as client:
+            client.start(header).next_document()
+
+    def expect_reply(self, header="", reply=NOTHING_REQUESTED):
+        """Expects this reply to a request of its own client."""
+        with self.client() as client:
+            assert client.request(header) == reply
+
     # Output
 
     def stdout(self):
@@ -396,6 +410,14 @@ class Daemon:
 
     def descriptors(self):
         return len(os.listdir(self.proc / "fd"))
+
+    def wait_until_idle(self):
+        """Waits until it has only the descriptors of an idle daemon."""
+        wait_until(lambda: self.descriptors() == self.idle_descriptors, "the clients' descriptors are closed")
+
+    def expect_idle_and_no_log(self):
+        self.wait_until_idle()
+        assert self.log.take() == []
 
     def open_files(self):
         """The target of each descriptor, by number."""

@@ -53,6 +53,10 @@ def validate(root):
     schema().assertValid(root)
 
 
+def now():
+    return datetime.datetime.now(datetime.timezone.utc)
+
+
 def parse_time(text):
     return datetime.datetime.fromisoformat(text)
 

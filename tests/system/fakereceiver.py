@@ -232,16 +232,14 @@ class FakeReceiver(BusService):
         self.producers.append(producer)
         if self.present:
             self._in_thread(lambda: self._register(producer))
-            self.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                      GLib.Variant("(oa{sa{sv}})", (producer.path, producer.interfaces)))
+            self.emit_added(ROOT, producer.path, producer.interfaces)
         return producer
 
     def remove(self, producer):
         """Removes a producer's object; its streams stay open."""
         self.producers.remove(producer)
         self.gone.append(producer)
-        self.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
-                  GLib.Variant("(oas)", (producer.path, list(producer.interfaces))))
+        self.emit_removed(ROOT, producer.path, producer.interfaces)
 
     def release_name(self):
         """Releases the name; the streams stay open."""

@@ -56,6 +56,15 @@ class BusService:
         self.client.connection.emit_signal(None, path, interface, signal, body)
         self.client.connection.flush_sync(None)
 
+    def emit_added(self, root, path, interfaces):
+        self.emit(root, OBJECT_MANAGER, "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (path, interfaces)))
+
+    def emit_removed(self, root, path, interfaces):
+        self.emit(root, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path, list(interfaces))))
+
+    def emit_changed(self, path, interface, properties):
+        self.emit(path, PROPERTIES, "PropertiesChanged", GLib.Variant("(sa{sv}as)", (interface, properties, [])))
+
     def close(self):
         """Leaves the bus; a second call has no effect."""
         with contextlib.suppress(GLib.Error):
@@ -84,6 +93,11 @@ class FakeService(BusService):
         self.calls = []
         self.flags = set()
         self.kept = []
+
+    def start(self, producers=None):
+        """Owns the name, with these producers if they are given."""
+        self.producers = self.producers if producers is None else producers
+        super().start()
 
     def _register_all(self):
         self._register(ROOT, OBJECT_MANAGER, "GetManagedObjects")
@@ -134,15 +148,13 @@ class FakeService(BusService):
 
     def add(self, name, *args, **kwargs):
         self.producers[path_of(name)] = properties(name, *args, **kwargs)
-        self.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                  GLib.Variant("(oa{sa{sv}})", (path_of(name), {PRODUCER: self.producers[path_of(name)]})))
+        self.emit_added(ROOT, path_of(name), {PRODUCER: self.producers[path_of(name)]})
 
     def remove(self, name):
         del self.producers[path_of(name)]
-        self.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path_of(name), [PRODUCER])))
+        self.emit_removed(ROOT, path_of(name), [PRODUCER])
 
     def change(self, name, channels):
         value = GLib.Variant("a(ibs)", channels)
         self.producers[path_of(name)]["ChannelsEnabled"] = value
-        self.emit(path_of(name), PROPERTIES, "PropertiesChanged",
-                  GLib.Variant("(sa{sv}as)", (PRODUCER, {"ChannelsEnabled": value}, [])))
+        self.emit_changed(path_of(name), PRODUCER, {"ChannelsEnabled": value})

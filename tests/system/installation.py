@@ -198,8 +198,8 @@ class Installation:
         return self.plugin_environments[key]
 
     def sanitizer_environment(self, more=None):
-        """The session's sanitizer variables with further options, adapted for the daemon: its user can read their files,
-        and the preloaded library may precede the sanitizer's runtime."""
+        """The session's sanitizer variables with further options, adapted for the daemon: its user can read their
+        files, and the preloaded library may precede the sanitizer's runtime."""
         variables = {name: re.sub(r"(?<=\bsuppressions=)[^:]+", self._copy_match, value)
                      for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
         options = [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0", more]

@@ -52,8 +52,7 @@ def test_activated_socket_keeps_its_mode(start_daemon, run_dir):
 
     # A socket of the daemon's own would have this mode.
     assert stat.S_IMODE(path.stat().st_mode) != 0o660
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 def test_only_socket_of_the_path_is_used(start_daemon, run_dir):
@@ -61,16 +60,14 @@ def test_only_socket_of_the_path_is_used(start_daemon, run_dir):
     daemon = start_daemon(run_dir=run_dir, wrapper=with_sockets(run_dir / "other", own, run_dir / "another"))
 
     assert stat.S_IMODE(own.stat().st_mode) != 0o660
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 def test_daemon_makes_its_socket_without_an_activated_one_for_its_path(start_daemon, run_dir):
     daemon = start_daemon(run_dir=run_dir, wrapper=with_sockets(run_dir / "other"))
 
     assert stat.S_IMODE(daemon.socket_path.stat().st_mode) == 0o660
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 @pytest.mark.parametrize("count", [2, 3])

@@ -2,7 +2,6 @@
 producer, all of one simulated world."""
 
 import concurrent.futures
-import datetime
 import itertools
 import re
 import threading
@@ -10,8 +9,8 @@ import threading
 import pytest
 
 from client import header, stuck_client
-from daemon import ERROR, NOT_PRODUCED, RADAR_TRACKER, VIDEO_TRACKER, producers_enabled
-from documents import EVENTS, INITIALIZED, LINE_CROSSED, PTZ, SCENE
+from daemon import ERROR, NOT_PRODUCED, RADAR_TRACKER, SPARE_THREADS, VIDEO_TRACKER, producers_enabled
+from documents import EVENTS, INITIALIZED, LINE_CROSSED, PTZ, SCENE, now
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN,
                           SIMULATED_PLUGINS)
 from scenes import BUSY_SECONDS, ROUNDING, Tracks, interpolate
@@ -54,10 +53,6 @@ def start_full_daemon(start_camera, start_daemon, control):
         return daemon
 
     return start
-
-
-def now():
-    return datetime.datetime.now(datetime.timezone.utc)
 
 
 def kind_of(document):
@@ -235,8 +230,7 @@ def test_camera_without_one_kind_has_the_others(start_full_daemon, plugin, kind)
 
 def test_camera_that_cannot_make_documents_has_nothing(start_full_daemon):
     daemon = start_full_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != DOCUMENT_PLUGIN])
-    with daemon.client() as client:
-        assert client.request(header(**EVERYTHING)) == NOT_PRODUCED
+    daemon.expect_reply(header(**EVERYTHING), NOT_PRODUCED)
 
     assert daemon.log.take() == [(ERROR, "Could not create onvifxmlmetadatastreamdoc.")]
 
@@ -256,9 +250,6 @@ MIXES = [(events | head | scenes, kinds | ({EVENTS} if events else set()) | ({PT
 
 CLIENTS = 20
 ROUNDS = 2
-
-# The number of idle threads that GLib keeps for a time.
-SPARE_THREADS = 8
 
 # These threads use memory, and allocators, above all AddressSanitizer's, do not release all memory at once.
 RESIDENT_GROWTH = 1.5

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from client import stuck_client
-from daemon import NOTHING_REQUESTED
+from daemon import NOTHING_REQUESTED, SPARE_THREADS
 from documents import INITIALIZED
 from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
 
@@ -30,10 +30,6 @@ def expect_service(daemon):
     assert time.monotonic() - began <= OTHERS_SECONDS
 
 
-def expect_nothing_left(daemon):
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-
-
 @pytest.fixture
 def frugal_daemon(start_daemon):
     """A daemon that reuses freed memory soon, which AddressSanitizer would keep in quarantine for long."""
@@ -43,12 +39,11 @@ def frugal_daemon(start_daemon):
 # Crowds
 
 
-def test_thirty_clients_at_once(start_daemon):
-    daemon = start_daemon(speed=100)
+def test_thirty_clients_at_once(fast_daemon):
     together = threading.Barrier(30)
 
     def receive(_):
-        with daemon.client() as client:
+        with fast_daemon.client() as client:
             stream = client.start()
             together.wait(BOUND_SECONDS)
             return list(itertools.islice(stream.documents(), 10))
@@ -57,7 +52,7 @@ def test_thirty_clients_at_once(start_daemon):
         for documents in clients.map(receive, range(30)):
             assert documents[0].events[0].operation == INITIALIZED
 
-    expect_nothing_left(daemon)
+    fast_daemon.wait_until_idle()
 
 
 def connect_only(client):
@@ -95,8 +90,7 @@ def leave_after_a_sync(client):
 
 
 def close_the_writing_half(client):
-    stream = client.start()
-    stream.next_document()
+    stream = client.start_reading()
     client.close_writing()
     stream.read_to_end()
 
@@ -123,9 +117,6 @@ def come_and_go(daemon, count):
         list(clients.map(visit, itertools.islice(itertools.cycle(WAYS_TO_GO), count)))
 
 
-# The number of idle threads that GLib keeps for a time.
-SPARE_THREADS = 8
-
 # Memory that the allocators, above all AddressSanitizer's, do not release at once.
 RESIDENT_TOLERANCE = 6 * MIB
 
@@ -133,12 +124,12 @@ RESIDENT_TOLERANCE = 6 * MIB
 def test_two_hundred_clients_leave_nothing_behind(frugal_daemon):
     threads = frugal_daemon.threads()
     come_and_go(frugal_daemon, 200)
-    expect_nothing_left(frugal_daemon)
+    frugal_daemon.wait_until_idle()
     resident = frugal_daemon.resident_bytes()
 
     come_and_go(frugal_daemon, 200)
 
-    expect_nothing_left(frugal_daemon)
+    frugal_daemon.wait_until_idle()
     wait_until(lambda: frugal_daemon.threads() <= threads + SPARE_THREADS, "the clients' threads have ended")
     wait_until(lambda: frugal_daemon.resident_bytes() <= resident + RESIDENT_TOLERANCE, "the clients' memory is free")
     assert frugal_daemon.log.take() == []
@@ -169,23 +160,22 @@ def test_clients_that_end_at_once_delay_no_others(start_daemon, control):
             replies += 1
         for client in clients:
             client.read_to_end()
-    expect_nothing_left(daemon)
+    daemon.wait_until_idle()
     assert replies > REPLIES_BETWEEN
 
 
 # Clients that do not read
 
 
-def test_client_that_does_not_read_delays_no_others(start_daemon):
-    daemon = start_daemon(speed=100)
-    with stuck_client(daemon):
-        expect_service(daemon)
-        expect_service(daemon)
+def test_client_that_does_not_read_delays_no_others(fast_daemon):
+    with stuck_client(fast_daemon):
+        expect_service(fast_daemon)
+        expect_service(fast_daemon)
 
     began = time.monotonic()
-    expect_nothing_left(daemon)
+    fast_daemon.wait_until_idle()
     assert time.monotonic() - began <= FREED_SECONDS
-    assert daemon.log.take() == []
+    assert fast_daemon.log.take() == []
 
 
 def test_client_that_reads_late_gets_whole_documents(start_daemon):
@@ -196,11 +186,10 @@ def test_client_that_reads_late_gets_whole_documents(start_daemon):
         assert len(list(itertools.islice(stream.documents(), 500))) == 500
 
 
-def test_signal_ends_the_daemon_while_clients_do_not_read(start_daemon):
-    daemon = start_daemon(speed=100)
-    with stuck_client(daemon):
+def test_signal_ends_the_daemon_while_clients_do_not_read(fast_daemon):
+    with stuck_client(fast_daemon):
         began = time.monotonic()
-        daemon.end()
+        fast_daemon.end()
 
     assert time.monotonic() - began <= FREED_SECONDS
 
@@ -230,19 +219,17 @@ def read_up_to_a_large_packet(client):
     pytest.fail("no large packet arrived")
 
 
-def test_client_that_stops_reading_within_a_large_document_delays_no_others(start_daemon):
-    daemon = start_daemon(speed=100)
-    with stuck_client(daemon, seconds=HELD_SECONDS) as client:
+def test_client_that_stops_reading_within_a_large_document_delays_no_others(fast_daemon):
+    with stuck_client(fast_daemon, seconds=HELD_SECONDS) as client:
         read_up_to_a_large_packet(client)
         wait_until_settled(lambda: client.unread(), "the client's socket is full again")
         client.close_writing()
 
         # Ending this client's stream must not wait for the client.
-        expect_service(daemon)
-        expect_service(daemon)
+        expect_service(fast_daemon)
+        expect_service(fast_daemon)
 
-    expect_nothing_left(daemon)
-    assert daemon.log.take() == []
+    fast_daemon.expect_idle_and_no_log()
 
 
 # Clients that send too much
@@ -271,7 +258,7 @@ def test_flood_takes_no_memory_and_delays_no_others(frugal_daemon, piece):
         client.close_writing()
         stream.read_to_end()
 
-    expect_nothing_left(frugal_daemon)
+    frugal_daemon.wait_until_idle()
 
 
 def test_flood_of_sync_points_without_reading(frugal_daemon):
@@ -281,4 +268,4 @@ def test_flood_of_sync_points_without_reading(frugal_daemon):
 
         assert flood(frugal_daemon, client, b"SYNC\n" * 10000) <= resident + FLOOD_TOLERANCE
 
-    expect_nothing_left(frugal_daemon)
+    frugal_daemon.wait_until_idle()

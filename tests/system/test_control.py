@@ -87,8 +87,7 @@ def test_enabled_producer_serves_requests(camera, daemon, control):
 def test_running_streams_keep_their_producers(camera, daemon, control):
     control.set_channels(VIDEO_TRACKER, (1, True, "left door"))
     with daemon.client() as client:
-        stream = client.start(SCENES)
-        stream.next_document()
+        stream = client.start_reading(SCENES)
 
         control.set_channels(VIDEO_TRACKER, (1, False, ""))
         for _ in range(3):
@@ -202,8 +201,7 @@ def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
     daemon = start_daemon(on=own_bus, bus_lines=name_taken_lines(stranger.owner_of(NAME)))
     stranger.close()
 
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
     owner.end()
     # The daemon was next in the bus' queue.
     assert daemon.log.take(1) == [NAME_ACQUIRED_LINE]
@@ -212,16 +210,14 @@ def test_with_the_name_taken_clients_are_served(own_bus, start_daemon):
 def test_with_the_name_refused_clients_are_served(start_bus, start_daemon):
     daemon = start_daemon(on=start_bus(owner="daemon"), bus_lines=NAME_REFUSED_LINES)
 
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 def test_bus_that_stops_ends_no_stream(own_bus, start):
     with all_connected(own_bus):
         daemon = start(on=own_bus)
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
 
         own_bus.stop()
         assert daemon.log.take(2) == NO_CONNECTION_LINES

@@ -37,8 +37,7 @@ needs_root = pytest.mark.skipif(not run_by_root(), reason="only root can be seve
 def times_to_ok(daemon):
     """The times until "OK" of several clients, one after the other."""
     def start():
-        with daemon.client() as client:
-            assert client.request("event=1\n") == "OK"
+        daemon.expect_reply("event=1\n", "OK")
 
     return times(start)
 
@@ -58,7 +57,7 @@ WAYS_TO_WAIT = {
 def test_slow_clients_delay_no_others_of_the_same_user(daemon, way):
     count = 60
     alone = times_to_ok(daemon)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")
+    daemon.wait_until_idle()
     with Crowd(daemon, count, **WAYS_TO_WAIT[way]):
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + count, "all are accepted")
         expect_prompt_service(daemon, alone)
@@ -69,7 +68,7 @@ def test_slow_clients_delay_no_others_of_the_same_user(daemon, way):
 def test_slow_clients_of_another_user_delay_no_others(daemon, way):
     count = 100
     alone = times_to_ok(daemon)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")
+    daemon.wait_until_idle()
     with Crowd(daemon, count, user=STRANGERS[0], **WAYS_TO_WAIT[way]):
         assert daemon.log.take(count - MAX_UNFINISHED) == [DROPPED] * (count - MAX_UNFINISHED)
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + MAX_UNFINISHED, "they are closed")
@@ -88,8 +87,7 @@ def test_newest_of_a_users_slow_clients_is_dropped(daemon):
         # A complete request makes room for another client.
         last.send(b"\n")
         assert last.read_reply().decode() == NOTHING_REQUESTED
-        with daemon.client() as client:
-            assert client.request("") == NOTHING_REQUESTED
+        daemon.expect_reply()
 
 
 @needs_root
@@ -105,8 +103,7 @@ def test_newest_of_all_users_slow_clients_is_dropped(daemon):
         first.close()
         wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors + MAX_WAITING - MAX_UNFINISHED,
                    "the connections of the closed clients are closed")
-        with daemon.client() as client:
-            assert client.request("") == NOTHING_REQUESTED
+        daemon.expect_reply()
 
 
 # Streaming clients
@@ -163,8 +160,7 @@ def test_one_user_gets_all_places_but_the_kept_ones(daemon):
 
         first.close()
         expect_streams(daemon, SHARED_PLACES - 1)
-        with daemon.client() as client:
-            client.start().next_document()
+        daemon.expect_stream()
         expect_streams(daemon, SHARED_PLACES - 1)
 
 
@@ -189,4 +185,4 @@ def test_kept_places_serve_users_without_a_place(daemon):
         with Crowd(daemon, 1, user=STRANGERS[-1], beginning=EVENT_REQUEST) as served:
             assert served.next_reply() == "OK"
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all connections are closed")
+    daemon.wait_until_idle()

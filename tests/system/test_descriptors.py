@@ -14,7 +14,7 @@ from client import header
 from daemon import VIDEO_TRACKER, WARNING
 from installation import BUS_CONFIGURATION, EVENT_PLUGINS, JSON_PLUGIN, SCENE_PLUGIN, run_by_root
 from controlclient import NAME, OBJECT_MANAGER, ROOT, ControlClient
-from waiting import BOUND_SECONDS, wait_until
+from waiting import BOUND_SECONDS
 
 PLUGINS = (*EVENT_PLUGINS, SCENE_PLUGIN, JSON_PLUGIN)
 
@@ -140,8 +140,7 @@ def endure(daemon, bus, destination, limit):
     """Expects that a client and a control client are served during the storm, and that no descriptor leaks."""
     control = ControlClient(bus)
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         daemon.limit_descriptors(limit_of(daemon, limit))
         served = 0
         with storm(bus, control.owner_of(NAME) if destination == "unique name" else NAME) as peers:
@@ -155,9 +154,8 @@ def endure(daemon, bus, destination, limit):
             assert min(sent_by(peers)) > 0
         assert served > 0
     daemon.limit_descriptors(512)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "all descriptors are closed")
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.wait_until_idle()
+    daemon.expect_stream()
     return control
 
 

@@ -7,14 +7,13 @@ import itertools
 import pytest
 
 from client import header
-from daemon import NOTHING_REQUESTED, VIDEO_TRACKER, WARNING, producers_enabled
+from daemon import VIDEO_TRACKER, WARNING, producers_enabled
 from documents import EVENTS
 from external import (ANALYTICS, COUNTER, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, YARD,
                       expect_converter_warning, expect_frames, numbered, wait_until_listed)
 from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS, documented_limit
 from refusals import WRONG_ANALYTICS, WRONG_CHANNELS, expect_refused
 from simcamera import CAPTURE, SCENES
-from waiting import wait_until
 
 WITH_POLYGONS = header(analytics=2)
 
@@ -22,15 +21,6 @@ NO_CONVERTER = "Could not construct json2xml."
 
 POLYGON = ('{"Objects":[{"Id":1,"BoundingBox":{"Left":-0.5,"Top":0.5,"Right":0.5,"Bottom":-0.5},'
            '"Polygon":[[-0.5,0.5],[0.5,0.5],[0,-0.5]]}]}')
-
-
-def expect_nothing(daemon, **fields):
-    with daemon.client() as client:
-        assert client.request(header(**fields)) == NOTHING_REQUESTED
-
-
-def expect_idle(daemon):
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
 
 
 def source_of(daemon, producer, number, **fields):
@@ -57,7 +47,7 @@ def test_first_document_only_opens_the_stream(receiver, start_listing_daemon):
     (frame,) = document.frames
     assert (frame.source, frame.objects, frame.deleted) == (None, {}, [])
     assert frame.time >= requested - datetime.timedelta(seconds=1)
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_every_frame_has_the_configuration_name_of_its_producer(receiver, start_listing_daemon):
@@ -71,15 +61,13 @@ def test_every_frame_has_the_configuration_name_of_its_producer(receiver, start_
             counter.wait_for_stream().send(numbered(number, -number))
             expect_frames(stream, (YARD, number, -number))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_message_of_several_items_is_one_document(receiver, start_listing_daemon):
     detector = receiver.add(DETECTOR)
     with start_listing_daemon().client() as client:
-        stream = client.start(ANALYTICS)
-        stream.next_document()
+        stream = client.start_reading(ANALYTICS)
         detector.wait_for_stream().send(f"{numbered(1)},{numbered(2)} , {numbered(3)}")
         frames = stream.next_document().frames
 
@@ -90,8 +78,7 @@ def test_message_of_several_items_is_one_document(receiver, start_listing_daemon
 def test_polygons_are_sent_on_request(receiver, start_listing_daemon, fields, polygons):
     detector = receiver.add(DETECTOR)
     with start_listing_daemon().client() as client:
-        stream = client.start(fields)
-        stream.next_document()
+        stream = client.start_reading(fields)
         detector.wait_for_stream().send(POLYGON)
         (frame,) = stream.next_document().frames
 
@@ -128,8 +115,8 @@ def test_disabled_channel_yields_no_metadata(receiver, start_listing_daemon, fie
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon()
 
-    expect_nothing(daemon, **fields)
-    expect_idle(daemon)
+    daemon.expect_reply(header(**fields))
+    daemon.wait_until_idle()
     assert detector.streams == []
 
 
@@ -137,7 +124,7 @@ def test_unsupported_channel_yields_no_metadata(receiver, start_listing_daemon):
     detector = receiver.add(DETECTOR, channels=(2,))
     daemon = start_listing_daemon(producers=producers_enabled({(DETECTOR, 1): "one", (DETECTOR, 2): "two"}))
 
-    expect_nothing(daemon, analytics=1)
+    daemon.expect_reply(header(analytics=1))
     assert source_of(daemon, detector, 1, video_channel=2) == "two"
 
 
@@ -151,7 +138,7 @@ def test_disabled_channel_does_not_affect_events(receiver, start_listing_daemon)
 
 
 def test_missing_producer_yields_no_metadata(start_daemon):
-    expect_nothing(start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED), analytics=1)
+    start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED).expect_reply(header(analytics=1))
 
 
 @pytest.mark.parametrize("name", [
@@ -184,7 +171,7 @@ def test_name_that_makes_frames_malformed_affects_its_producer_alone(receiver, s
             counter.wait_for_stream().send(numbered(number))
             expect_frames(stream, (YARD, number))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
     expect_converter_warning(daemon)
 
 
@@ -194,7 +181,7 @@ def test_name_that_makes_frames_malformed_affects_its_producer_alone(receiver, s
 def test_enabled_renamed_and_disabled_while_clients_stream(receiver, control, start_listing_daemon):
     detector = receiver.add(DETECTOR)
     daemon = start_listing_daemon(producers="")
-    expect_nothing(daemon, analytics=1)
+    daemon.expect_reply(header(analytics=1))
 
     control.set_channels(DETECTOR, (1, True, "first"))
     with daemon.client() as client:
@@ -206,13 +193,13 @@ def test_enabled_renamed_and_disabled_while_clients_stream(receiver, control, st
         control.set_channels(DETECTOR, (1, True, "second"))
         assert source_of(daemon, detector, 2) == "second"
         control.set_channels(DETECTOR, (1, False, ""))
-        expect_nothing(daemon, analytics=1)
+        daemon.expect_reply(header(analytics=1))
 
         # A running stream keeps its producers and names.
         first.send(numbered(3))
         expect_frames(stream, ("first", 3))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_newly_enabled_producer_does_not_join_running_streams(receiver, control, start_listing_daemon):
@@ -284,5 +271,5 @@ def test_wrong_channel_is_ignored_without_analytics(receiver, start_listing_daem
     receiver.add(DETECTOR)
     daemon = start_listing_daemon()
 
-    expect_nothing(daemon, analytics=0, video_channel="x")
-    expect_nothing(daemon, video_channel="x")
+    daemon.expect_reply(header(analytics=0, video_channel="x"))
+    daemon.expect_reply(header(video_channel="x"))

@@ -8,11 +8,10 @@ import random
 import select
 import threading
 
-import pytest
 from gi.repository import GLib
 
 from client import header
-from daemon import NOTHING_REQUESTED, producers_enabled
+from daemon import SPARE_THREADS, producers_enabled
 from documents import Document
 from external import ANALYTICS, COUNTER, DETECTOR, NUMBER, SOURCE, numbered
 from fakereceiver import message
@@ -52,9 +51,6 @@ LATEST_MILLISECONDS = 30
 
 # The number of clients that may wait for their streams when another one begins: the bus allows 128 pending replies.
 MAX_PENDING = 64
-
-# The number of idle threads that GLib keeps for a time.
-SPARE_THREADS = 8
 
 # Memory that the allocators do not release at once.
 RESIDENT_GROWTH = 1.5
@@ -126,16 +122,6 @@ def receive_all(daemon, channel, scripts):
     return count
 
 
-@pytest.fixture
-def detector(receiver):
-    return receiver.add(DETECTOR)
-
-
-@pytest.fixture
-def counter(receiver):
-    return receiver.add(COUNTER)
-
-
 def test_each_client_gets_all_of_its_channel_in_order(detector, counter, start_listing_daemon):
     counter.use_sockets()
     scripts = {DETECTOR: Script(SEED), COUNTER: Script(SEED + 1)}
@@ -151,8 +137,7 @@ def test_each_client_gets_all_of_its_channel_in_order(detector, counter, start_l
     assert received == [MESSAGES * len(CHANNELS[channel]) for channel in CLIENT_CHANNELS]
     for writer in writers:
         writer.join(BOUND_SECONDS)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 class LateStreams:
@@ -203,8 +188,7 @@ def leave_somewhere(daemon, late_streams, number):
             if client.has_input():
                 client.read_exactly(1)
     # The request of a client that has left still waits for its turn, and the number of waiting requests is limited.
-    with daemon.client() as client:
-        assert client.request("") == NOTHING_REQUESTED
+    daemon.expect_reply()
 
 
 def run_races(daemon, late_streams, numbers):
@@ -217,7 +201,7 @@ def test_clients_that_leave_before_their_streams_arrive_leak_nothing(receiver, d
     daemon = start_listing_daemon(sanitizer_options="quarantine_size_mb=1")
     threads = daemon.threads()
     run_races(daemon, late_streams, range(RACES // 5))
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first clients' descriptors are closed")
+    daemon.wait_until_idle()
     resident = wait_until_settled(daemon.resident_bytes, "the memory that stays in use has been allocated")
 
     run_races(daemon, late_streams, range(RACES // 5, RACES))
@@ -225,7 +209,7 @@ def test_clients_that_leave_before_their_streams_arrive_leak_nothing(receiver, d
     # No stream is requested for a client that left before its turn.
     assert RACES // 10 < late_streams.sent <= RACES
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    daemon.wait_until_idle()
     wait_until(lambda: daemon.threads() <= threads + SPARE_THREADS, "their threads have ended")
     wait_until(lambda: daemon.resident_bytes() <= resident * RESIDENT_GROWTH, "their memory is free")
     late_streams.close()

@@ -97,8 +97,7 @@ def test_unfinished_messages_use_bounded_memory_and_time(receiver, start_listing
             feed.send(numbered(1))
             expect_frames(stream, (COUNTER, 1))
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def come_and_go(daemon, producer):
@@ -111,7 +110,7 @@ def come_and_go(daemon, producer):
         for feed, stream in zip(producer.streams[known:], streams):
             feed.send(long_message, numbered(2))
             expect_frames(stream, (GATE, 1), (GATE, 2))
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    daemon.wait_until_idle()
 
 
 @needs_allocator
@@ -152,6 +151,6 @@ def test_reading_long_messages_delays_no_others(receiver, start_listing_daemon, 
         counter.wait_for_stream(LONG_READERS)
         expect_prompt(disturbed, undisturbed, "objects")
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    daemon.wait_until_idle()
     # The zeros of a sparse file are not JSON.
     expect_converter_warning(daemon)

@@ -8,7 +8,7 @@ from gi.repository import GLib
 from lxml import etree
 
 from busclient import PROPERTIES
-from daemon import (BUS_LINES, LOG_BURST, NO_CONNECTION_LINES, NOTHING_REQUESTED, VIDEO_TRACKER, WARNING, clipped,
+from daemon import (BUS_LINES, LOG_BURST, NO_CONNECTION_LINES, VIDEO_TRACKER, WARNING, clipped,
                     with_count)
 from documents import NAMESPACES
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE,
@@ -66,8 +66,7 @@ def expect_replies_while(daemon, condition):
     """Sends requests, each of which must get a prompt reply, until the condition holds."""
     while not condition():
         requested = time.monotonic()
-        with daemon.client() as client:
-            assert client.request("") == NOTHING_REQUESTED
+        daemon.expect_reply()
         assert time.monotonic() - requested < PROMPT_SECONDS
 
 
@@ -81,8 +80,7 @@ def daemon(start_listing_daemon):
 
 
 def test_silent_receiver_delays_no_client(overdue_receiver):
-    with overdue_receiver.daemon.client() as client:
-        assert client.request(ANALYTICS) == NOTHING_REQUESTED
+    overdue_receiver.daemon.expect_reply(ANALYTICS)
     assert time.monotonic() - overdue_receiver.began < PATIENCE_SECONDS, "the receiver is called for the first time"
     assert overdue_receiver.is_silent()
 
@@ -153,8 +151,7 @@ def test_added_and_removed_producers_leak_nothing(receiver, daemon, control):
     receiver.add(DETECTOR)
     wait_until_listed(control, DETECTOR)
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the conversions' descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_producers_are_limited_in_number(receiver, daemon, control):
@@ -212,8 +209,7 @@ def test_producer_that_takes_the_name_of_another_is_removed_alone(receiver, daem
     wait_until_listed(control, DETECTOR, COUNTER)
 
     detector.properties["Name"] = GLib.Variant("s", COUNTER)
-    receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
-                  GLib.Variant("(sa{sv}as)", (PRODUCER, {"Name": detector.properties["Name"]}, [])))
+    receiver.emit_changed(detector.path, PRODUCER, {"Name": detector.properties["Name"]})
     receiver.remove(detector)
     wait_until_listed(control, COUNTER)
 
@@ -291,13 +287,12 @@ def test_object_that_loses_its_interface_is_no_producer_until_it_gets_it_again(r
         stream = client.start(ANALYTICS)
         running = detector.wait_for_stream()
 
-        receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (detector.path, [PRODUCER])))
+        receiver.emit_removed(ROOT, detector.path, [PRODUCER])
         wait_until_listed(control)
         running.send(numbered(1))
         expect_frames(stream, (GATE, 1))
 
-    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                  GLib.Variant("(oa{sa{sv}})", (detector.path, {PRODUCER: detector.properties})))
+    receiver.emit_added(ROOT, detector.path, {PRODUCER: detector.properties})
     wait_until_listed(control, DETECTOR)
     assert daemon.log.take() == []
 
@@ -311,7 +306,7 @@ def test_object_that_loses_its_interface_releases_its_place(receiver, daemon, co
     assert daemon.log.take(1) == [left_out(last, "there are too many")]
 
     first = listed.pop(0)
-    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (first.path, [PRODUCER])))
+    receiver.emit_removed(ROOT, first.path, [PRODUCER])
     wait_until_listed(control, "last", *(producer.name for producer in listed))
 
 
@@ -440,7 +435,7 @@ def test_conversion_without_a_result_delays_no_others(receiver, daemon, control)
 
     assert CONVERSION_SECONDS - 1 < time.monotonic() - asked
     assert daemon.log.take() == [not_converted("odd")]
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the descriptors are closed")
+    daemon.wait_until_idle()
 
 
 def test_platform_without_a_converter_lists_no_producer(receiver, control, start_daemon):
@@ -524,8 +519,7 @@ def test_wrong_signal_is_ignored(receiver, daemon, control, path, interface, nam
 
 def test_signals_of_other_senders_are_ignored(bus, receiver, daemon, control):
     stranger = FakeReceiver(bus)
-    stranger.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                  GLib.Variant("(oa{sa{sv}})", (path_of("stranger"), Producer("stranger").interfaces)))
+    stranger.emit_added(ROOT, path_of("stranger"), Producer("stranger").interfaces)
     stranger.close()
     receiver.add(DETECTOR)
 
@@ -547,16 +541,14 @@ def test_receiver_that_leaves_and_returns(receiver, daemon, control):
         for number in range(3):
             receiver.release_name()
             wait_until_listed(control)
-            with daemon.client() as other:
-                assert other.request(ANALYTICS) == NOTHING_REQUESTED
+            daemon.expect_reply(ANALYTICS)
             running.send(numbered(number))
             expect_frames(stream, (GATE, number))
 
             receiver.take_name()
             wait_until_listed(control, DETECTOR)
             assert control.channels(DETECTOR) == enabled
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_receiver_that_returns_with_other_producers(bus, start_daemon, control):
@@ -640,8 +632,7 @@ def test_bus_that_stops_ends_no_stream(own_bus, start_daemon):
         assert daemon.log.take(2) == NO_CONNECTION_LINES
         running.send(numbered(2))
         expect_frames(stream, (GATE, 2))
-        with daemon.client() as other:
-            assert other.request(ANALYTICS) == NOTHING_REQUESTED
+        daemon.expect_reply(ANALYTICS)
         running.send(numbered(3))
         expect_frames(stream, (GATE, 3))
     receiver.close()

@@ -14,7 +14,7 @@ from gi.repository import GLib
 
 from busclient import BUS, PROPERTIES
 from client import ConnectionEnded, header
-from daemon import LOG_BURST, LOG_SECONDS, NOTHING_REQUESTED, RADAR_TRACKER, WARNING, producers_enabled, with_count
+from daemon import LOG_BURST, LOG_SECONDS, RADAR_TRACKER, WARNING, producers_enabled, with_count
 from external import (ANALYTICS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, WRONG_SIGNAL, expect_frames,
                       not_converted, numbered, producer_frames, wait_until_listed)
 from fakereceiver import FakeReceiver, Producer
@@ -68,8 +68,7 @@ def test_producers_announced_at_the_start_of_the_receiver_are_listed(bus, start_
                 receiver.add(name)
             receiver.start()
             for producer in receiver.producers:
-                receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                              GLib.Variant("(oa{sa{sv}})", (producer.path, producer.interfaces)))
+                receiver.emit_added(ROOT, producer.path, producer.interfaces)
             wait_until_listed(control, *names)
         wait_until_listed(control)
     assert daemon.log.take() == []
@@ -162,7 +161,7 @@ def test_crowd_of_clients_gets_every_stream_of_a_crowd_of_producers(start_crowd)
     assert camera.calls(CAPTURE) == CROWD_OF_CLIENTS
     # All radar scenes have their rotation.
     assert daemon.log.take() == []
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    daemon.wait_until_idle()
 
 
 def reply_too_late(call):
@@ -190,7 +189,7 @@ def test_crowds_that_leave_while_the_receiver_delays_its_replies_leak_nothing(st
                 assert client.read_reply() == b"OK"
             wait_until(lambda: len(kept) >= min((crowd + 1) * MAX_UNDER_WAY, MAX_UNANSWERED),
                        "the receiver is called")
-        wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+        daemon.wait_until_idle()
         wait_until(lambda: daemon.threads() <= threads + CROWD_OF_PRODUCERS, "their threads have ended")
     assert len(kept) == MAX_UNANSWERED
     assert daemon.log.take(1) == [
@@ -209,8 +208,7 @@ def test_crowds_that_leave_while_the_receiver_delays_its_replies_leak_nothing(st
         for producer in receiver.producers:
             producer.wait_for_stream().send(numbered(1))
         assert read_from_all(client) == set(CROWD)
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 # Descriptors
@@ -344,8 +342,7 @@ def test_signals_of_wrong_types_do_not_end_the_daemon(receiver, daemon_listing_d
     daemon = daemon_listing_detector
     # Objects outside the receiver's root, which it announces.
     for path in ("/elsewhere", "/com/quon/Other"):
-        receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                      GLib.Variant("(oa{sa{sv}})", (path, Producer("elsewhere").interfaces)))
+        receiver.emit_added(ROOT, path, Producer("elsewhere").interfaces)
         assert daemon.log.take(1) == [(WARNING, f"left out producer object {path}: it is not below {ROOT}")]
     (owner,) = control.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (NAME,))).unpack()
     wrong = 0
@@ -485,7 +482,7 @@ def announce_one_by_one(receiver, objects):
 
 def announce_last(receiver):
     """The log line about this object follows all others."""
-    receiver.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (LAST, {})))
+    receiver.emit_added(ROOT, LAST, {})
 
 
 def expect_memory_back(daemon, before, message_bytes):
@@ -529,8 +526,7 @@ def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, 
     (detector,) = receiver.producers
     before = daemon.private_bytes()
     for name in itertools.islice(itertools.cycle(("NiceName", "Name", "Unknown")), FLOOD_CHANGES):
-        receiver.emit(detector.path, PROPERTIES, "PropertiesChanged",
-                      GLib.Variant("(sa{sv}as)", (PRODUCER, {name: GLib.Variant("s", "x" * FLOOD_CHANGE_BYTES)}, [])))
+        receiver.emit_changed(detector.path, PRODUCER, {name: GLib.Variant("s", "x" * FLOOD_CHANGE_BYTES)})
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
 
@@ -560,5 +556,4 @@ def test_converter_that_hangs_affects_its_producer_alone(installation, receiver,
     (folder / "hang").unlink()
     wait_until(lambda: daemon.threads() <= threads + 2, "the threads have ended")
     assert control.objects() == {listed_path_of(name) for name in (DETECTOR, COUNTER)}
-    with daemon.client() as client:
-        assert client.request("") == NOTHING_REQUESTED
+    daemon.expect_reply()

@@ -10,9 +10,9 @@ import threading
 import pytest
 from gi.repository import GLib
 
-from daemon import ERROR, INFO, NOTHING_REQUESTED, WARNING
+from daemon import ERROR, INFO, WARNING
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
-                      expect_converter_warning, expect_frames, numbered, read_numbers, producer_frames)
+                      expect_converter_warning, expect_frames, numbered, producer_frames, read_numbers)
 from fakereceiver import Stream, message
 from installation import EVENT_PLUGIN, documented_limit
 from receiverclient import LENGTH
@@ -50,16 +50,6 @@ def stream_failed(text):
 
 
 @pytest.fixture
-def detector(receiver):
-    return receiver.add(DETECTOR)
-
-
-@pytest.fixture
-def counter(receiver):
-    return receiver.add(COUNTER)
-
-
-@pytest.fixture
 def daemon(detector, counter, start_listing_daemon):
     return start_listing_daemon()
 
@@ -68,15 +58,6 @@ def daemon(detector, counter, start_listing_daemon):
 def kind_of_stream(request, detector):
     if request.param == "socket":
         detector.use_sockets()
-
-
-def expect_idle(daemon):
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-
-
-def expect_reply(daemon):
-    with daemon.client() as client:
-        assert client.request("") == NOTHING_REQUESTED
 
 
 def read_all_numbers(stream, count):
@@ -101,7 +82,7 @@ def test_failed_stream_affects_its_producer_alone(detector, counter, daemon, tex
         expect_frames(stream, (YARD, 1))
         assert daemon.log.take(1) == [stream_failed(text)]
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_failure_of_the_only_producer_leaves_an_empty_stream(detector, start_listing_daemon):
@@ -112,7 +93,7 @@ def test_failure_of_the_only_producer_leaves_an_empty_stream(detector, start_lis
         assert daemon.log.take(1) == [stream_failed("No stream.")]
         expect_alive(client, stream)
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def reply_without_list(call):
@@ -152,7 +133,7 @@ def test_reply_without_a_descriptor_affects_its_producer_alone(detector, counter
         assert daemon.log.take(1) == [NO_DESCRIPTOR]
         wait_until(lambda: NEGATIVE_DESCRIPTOR in daemon.take_stderr(), "the warning is on standard error")
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def reply_with_file(path, flags):
@@ -197,7 +178,7 @@ def test_descriptor_that_is_no_stream_affects_its_producer_alone(detector, count
         counter.wait_for_stream().send(numbered(2))
         expect_frames(stream, (YARD, 2))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_folder_fails_when_it_is_read(detector, counter, daemon):
@@ -210,7 +191,7 @@ def test_folder_fails_when_it_is_read(detector, counter, daemon):
             (ERROR, "Could not read request length from client socket: Is a directory: Is a directory"),
         ]
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_file_is_read_to_its_end(detector, counter, daemon, tmp_path):
@@ -224,8 +205,7 @@ def test_file_is_read_to_its_end(detector, counter, daemon, tmp_path):
         expect_frames(stream, (YARD, 3))
         assert daemon.processor_share(IDLE_SECONDS) < IDLE_SHARE
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_reply_selects_one_of_several_descriptors(detector, daemon):
@@ -241,7 +221,7 @@ def test_reply_selects_one_of_several_descriptors(detector, daemon):
     with daemon.client() as client:
         expect_frames(client.start(ANALYTICS), (GATE, 2))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_late_stream_joins_while_the_others_go_on(detector, counter, daemon):
@@ -250,14 +230,13 @@ def test_late_stream_joins_while_the_others_go_on(detector, counter, daemon):
         stream = client.start(ANALYTICS)
         counter.wait_for_stream().send(numbered(1))
         expect_frames(stream, (YARD, 1))
-        expect_reply(daemon)
+        daemon.expect_reply()
 
         detector.give_stream(detector.kept.pop())
         detector.wait_for_stream().send(numbered(2))
         expect_frames(stream, (GATE, 2))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_descriptor_that_arrives_after_the_client_left_is_closed(detector, daemon):
@@ -265,12 +244,11 @@ def test_descriptor_that_arrives_after_the_client_left_is_closed(detector, daemo
     with daemon.client() as client:
         client.start(ANALYTICS).next_document()
         wait_until(lambda: detector.kept, "a stream is requested")
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
     detector.give_stream(detector.kept.pop())
     wait_until(detector.wait_for_stream().is_closed, "the descriptor is closed")
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_producer_whose_object_has_another_name_is_not_found(receiver, start_listing_daemon):
@@ -283,7 +261,7 @@ def test_producer_whose_object_has_another_name_is_not_found(receiver, start_lis
         counter.wait_for_stream().send(numbered(1))
         expect_frames(stream, (YARD, 1))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
     assert odd.streams == []
 
 
@@ -300,15 +278,14 @@ def test_messages_in_pieces_are_delivered_whole(kind_of_stream, detector, counte
             pieces.wait_until_taken()
             if number % 4 == 0:
                 # The daemon does not wait for the rest.
-                expect_reply(daemon)
+                daemon.expect_reply()
                 counter.wait_for_stream().send(numbered(number))
         expected = [(GATE, [1, 2, 3]), (GATE, [4])]
         frames = list(itertools.islice(producer_frames(stream), len(expected) + len(range(0, len(data), 4))))
 
     assert [frame for frame in frames if frame[0] == GATE] == expected
     assert [numbers for source, numbers in frames if source == YARD] == [[n] for n in range(0, len(data), 4)]
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 @pytest.mark.parametrize("size", [65535, 65536, 200_000, 1_000_000])
@@ -322,7 +299,7 @@ def test_long_message_is_delivered_whole(kind_of_stream, detector, daemon, size)
         numbers = read_numbers(stream, GATE, 1000 * len(items) + 1)
 
     assert numbers == [*range(10**15, 10**15 + 1000 * len(items)), 1]
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_empty_messages_are_ignored(kind_of_stream, detector, daemon):
@@ -345,12 +322,11 @@ def test_nonblocking_descriptor_needs_whole_messages(kind_of_stream, detector, d
         # A message that is incomplete when its header is read is discarded.
         feed.write(LENGTH.pack(100) + b'{"Deleted":[666]}')
         feed.wait_until_taken()
-        expect_reply(daemon)
+        daemon.expect_reply()
         feed.send(numbered(4))
         expect_frames(stream, (GATE, 4))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_read_end_that_is_sent_again_is_read_in_the_same_mode(kind_of_stream, detector, daemon):
@@ -363,11 +339,11 @@ def test_read_end_that_is_sent_again_is_read_in_the_same_mode(kind_of_stream, de
             data = message(numbered(number))
             feed.write(data[:10])
             feed.wait_until_taken()
-            expect_reply(daemon)
+            daemon.expect_reply()
             feed.write(data[10:])
             expect_frames(stream, (GATE, number))
             assert os.get_blocking(read_fd)
-        expect_idle(daemon)
+        daemon.wait_until_idle()
     os.close(read_fd)
     feed.close()
     assert daemon.log.take() == []
@@ -387,8 +363,7 @@ def test_stream_that_ends_in_a_message_drops_it(kind_of_stream, detector, counte
         other.send(numbered(2))
         expect_frames(stream, (YARD, 2))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 @pytest.mark.parametrize("length", [MAX_PAYLOAD_BYTES + 1, 2**31, 2**32 - 1])
@@ -403,7 +378,7 @@ def test_endless_message_ends_its_producer_alone(kind_of_stream, detector, count
         counter.wait_for_stream().send(numbered(2))
         expect_frames(stream, (YARD, 2))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_announced_length_takes_no_memory_of_its_own(detector, daemon):
@@ -412,10 +387,10 @@ def test_announced_length_takes_no_memory_of_its_own(detector, daemon):
         before = daemon.resident_bytes()
         detector.wait_for_stream().write(LENGTH.pack(MAX_PAYLOAD_BYTES))
         detector.wait_for_stream().wait_until_taken()
-        expect_reply(daemon)
+        daemon.expect_reply()
         assert daemon.resident_bytes() < before + MAX_PAYLOAD_BYTES / 4
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 # Ends of streams
@@ -446,8 +421,7 @@ def test_stream_that_ends_does_not_affect_others(kind_of_stream, detector, count
             each.send(numbered(3))
             expect_frames(its_client, (YARD, 3))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_end_of_the_last_producers_stream_does_not_end_the_clients(kind_of_stream, detector, start_listing_daemon):
@@ -461,8 +435,7 @@ def test_end_of_the_last_producers_stream_does_not_end_the_clients(kind_of_strea
         wait_until(lambda: daemon.descriptors() == with_it - 1, "the stream is closed")
         expect_alive(client, stream)
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_client_that_leaves_closes_its_streams(kind_of_stream, detector, counter, daemon):
@@ -473,7 +446,7 @@ def test_client_that_leaves_closes_its_streams(kind_of_stream, detector, counter
 
     wait_until(detector.streams[0].is_closed, "the detector's stream is closed")
     wait_until(counter.wait_for_stream().is_closed, "the counter's stream is closed")
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 # Hostile messages
@@ -513,7 +486,7 @@ def test_malformed_message_is_left_out(detector, counter, daemon, payload):
         counter.wait_for_stream().send(numbered(3))
         expect_frames(stream, (YARD, 3))
 
-    expect_idle(daemon)
+    daemon.wait_until_idle()
     expect_converter_warning(daemon)
 
 
@@ -521,8 +494,7 @@ def test_malformed_message_is_left_out(detector, counter, daemon, payload):
                                   "%s%n", "\u202e\ufffe", "\U0001f4f7"], ids=repr)
 def test_markup_arrives_as_text(detector, daemon, text):
     with daemon.client() as client:
-        stream = client.start(ANALYTICS)
-        stream.next_document()
+        stream = client.start_reading(ANALYTICS)
         detector.wait_for_stream().send(of_type(text, ensure_ascii=False))
         (frame,) = stream.next_document().frames
 
@@ -579,8 +551,7 @@ def test_client_that_does_not_read_slows_down_its_own_streams_alone(kind_of_stre
         rest.join(BOUND_SECONDS)
         assert numbers == list(range(FLOOD_NUMBERS * FLOOD_MESSAGES))
 
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def is_taken(feed, daemon):
@@ -620,8 +591,7 @@ def test_client_that_reads_in_bursts_loses_nothing_of_a_nonblocking_stream(kind_
         received += read_all_numbers(stream, sent - len(received) // BURST_NUMBERS)
 
     assert received == list(range(sent * BURST_NUMBERS))
-    expect_idle(daemon)
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()
 
 
 def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detector, daemon, flood):
@@ -631,7 +601,7 @@ def test_client_that_never_reads_ends_with_its_connection(kind_of_stream, detect
         slow.write_until_full(flood, STUCK_SECONDS)
 
     wait_until(slow.is_closed, "the producer's stream is closed")
-    expect_idle(daemon)
+    daemon.wait_until_idle()
 
 
 def test_stream_that_ends_before_its_client_reads_loses_nothing(kind_of_stream, detector, daemon, flood):
@@ -643,4 +613,4 @@ def test_stream_that_ends_before_its_client_reads_loses_nothing(kind_of_stream, 
         numbers = read_all_numbers(stuck.open_stream(), whole)
 
     assert numbers == list(range(FLOOD_NUMBERS * whole))
-    expect_idle(daemon)
+    daemon.wait_until_idle()

@@ -4,15 +4,10 @@ import itertools
 
 import pytest
 
-from daemon import ERROR, NOTHING_REQUESTED, NOT_PRODUCED
+from daemon import ERROR, NOT_PRODUCED
 from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM
 
 EVENTS_LOOKED_AT = 20
-
-
-@pytest.fixture
-def fast_daemon(start_daemon):
-    return start_daemon(speed=100)
 
 
 def receive_events(daemon, *header_lines):
@@ -99,13 +94,11 @@ def test_malformed_filter(daemon, line):
     kind = line.partition("=")[0].removeprefix("event_")
     assert text.startswith(
         f"Error in metadata connection manager pipeline: The {kind} filter of the events is malformed: ")
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 def test_malformed_filter_is_ignored_without_events(daemon):
-    with daemon.client() as client:
-        assert client.request("event=0\nevent_topic=|\n") == NOTHING_REQUESTED
+    daemon.expect_reply("event=0\nevent_topic=|\n")
 
 
 def test_filter_that_fails_later_is_logged_and_ends_the_stream(fast_daemon):

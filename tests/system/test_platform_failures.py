@@ -5,7 +5,7 @@ import concurrent.futures
 import pytest
 
 from client import header
-from daemon import ERROR, NOT_PRODUCED
+from daemon import ERROR, NOT_PRODUCED, SPARE_THREADS
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, PTZ_PLUGIN
 from waiting import wait_until
 
@@ -21,9 +21,6 @@ AT_ONCE = 10
 
 # More often than there are clients.
 FOR_EVER = 1000
-
-# The number of idle threads that GLib keeps for a time.
-SPARE_THREADS = 8
 
 
 @pytest.fixture
@@ -48,7 +45,7 @@ def come_and_go(daemon, visit):
 
 
 def expect_nothing_left(daemon, threads):
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
+    daemon.wait_until_idle()
     wait_until(lambda: daemon.threads() <= threads + SPARE_THREADS, "the clients' threads have ended")
 
 
@@ -65,14 +62,12 @@ def be_refused(daemon):
 
 
 def stream_and_leave(daemon):
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
 
 def stream_to_the_end(daemon):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         client.close_writing()
         stream.read_to_end()
 

@@ -7,8 +7,7 @@ import math
 import pytest
 
 from client import header
-from daemon import NOTHING_REQUESTED
-from documents import IDLE, MOVING, PAN_TILT_SPACES, PTZ, ZOOM_SPACES
+from documents import IDLE, MOVING, PAN_TILT_SPACES, PTZ, ZOOM_SPACES, now
 from installation import DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, PTZ_PLUGIN, PTZ_PLUGINS
 from refusals import (CHANNEL_OUT_OF_BOUNDS, INVALID_CHANNEL, INVALID_EVENT, INVALID_PAN_TILT_SPACE,
                       INVALID_PTZ, INVALID_ZOOM_SPACE, PAN_TILT_SPACE_OUT_OF_BOUNDS, PTZ_OUT_OF_BOUNDS,
@@ -39,10 +38,6 @@ def start_ptz_daemon(start_daemon):
 @pytest.fixture
 def ptz_daemon(start_ptz_daemon):
     return start_ptz_daemon()
-
-
-def now():
-    return datetime.datetime.now(datetime.timezone.utc)
 
 
 def first_document(daemon, **fields):
@@ -86,16 +81,14 @@ def test_status_and_position_are_complete(ptz_daemon):
 @pytest.mark.parametrize("fields", [{}, {"ptz": 0}, {"video_channel": 1, "ptz_zoom_coordinate_space": 1},
                                     {"ptz": 0, "ptz_pantilt_coordinate_space": 2}])
 def test_no_metadata_without_a_request_for_it(ptz_daemon, fields):
-    with ptz_daemon.client() as client:
-        assert client.request(header(**fields)) == NOTHING_REQUESTED
+    ptz_daemon.expect_reply(header(**fields))
 
 
 @pytest.mark.parametrize("fields", [{"ptz": 1}, {"ptz": 4}, {"video_channel": "x"}])
 def test_camera_without_a_head_does_not_know_the_keys(start_daemon, fields):
     daemon = start_daemon(plugins=EVENT_PLUGINS)
 
-    with daemon.client() as client:
-        assert client.request(header(**fields)) == NOTHING_REQUESTED
+    daemon.expect_reply(header(**fields))
 
 
 # Channels
@@ -297,8 +290,7 @@ def test_element_that_is_removed_after_the_start(installation, start_ptz_daemon)
 
 def test_sync_point_shows_the_state_again(ptz_daemon):
     with ptz_daemon.client() as client:
-        stream = client.start(header(ptz=1))
-        stream.next_document()
+        stream = client.start_reading(header(ptz=1))
         for _ in range(10):
             requested = now()
             client.sync()
@@ -307,8 +299,7 @@ def test_sync_point_shows_the_state_again(ptz_daemon):
 
 def test_sync_point_yields_the_status_without_a_head_too(ptz_daemon):
     with ptz_daemon.client() as client:
-        stream = client.start(header(ptz=1, video_channel=2))
-        stream.next_document()
+        stream = client.start_reading(header(ptz=1, video_channel=2))
         # Without sync points, fewer would arrive within the time limit.
         for _ in range(10):
             client.sync()

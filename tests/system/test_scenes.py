@@ -47,11 +47,6 @@ def first_frame(daemon, **fields):
     return frame
 
 
-def expect_nothing(daemon, **fields):
-    with daemon.client() as client:
-        assert client.request(header(**fields)) == NOTHING_REQUESTED
-
-
 # Selected parts
 
 
@@ -101,14 +96,14 @@ def test_object_that_leaves_is_deleted_once(camera, start_scene_daemon, kind):
 def test_no_metadata_without_a_request_for_it(camera, start_scene_daemon, kind, fields):
     daemon = start_scene_daemon(kind, "one", "two")
 
-    expect_nothing(daemon, **fields)
+    daemon.expect_reply(header(**fields))
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
 def test_camera_without_scenes_has_none(camera, start_daemon):
     daemon = start_daemon(plugins=(JSON_PLUGIN, *EVENT_PLUGINS), producers=VIDEO.enabled("one"))
 
-    expect_nothing(daemon, analytics=1)
+    daemon.expect_reply(header(analytics=1))
 
 
 def test_sync_point_yields_the_current_state(camera, start_scene_daemon, kind):
@@ -162,14 +157,14 @@ def test_disabled_channel_yields_no_metadata(camera, start_scene_daemon, kind, f
     # A request that waited for this service would time out.
     camera.absent(SCENES)
 
-    expect_nothing(daemon, analytics=1, **fields)
+    daemon.expect_reply(header(analytics=1, **fields))
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
 def test_producers_file_without_the_tracker_yields_no_metadata(camera, start_daemon, kind):
     daemon = start_daemon(plugins=kind.plugins, producers="")
 
-    expect_nothing(daemon, analytics=1)
+    daemon.expect_reply(header(analytics=1))
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 
@@ -288,7 +283,7 @@ FAILURES = [no_service, no_object, inject_fault("error"), inject_fault("error", 
 def expect_no_rotation(daemon, kind, **fields):
     """Expects the outcome of a request without a known rotation."""
     if kind is VIDEO:
-        expect_nothing(daemon, **fields)
+        daemon.expect_reply(header(**fields))
         assert daemon.log.take() == []
         return
     with daemon.client() as client:
@@ -562,7 +557,7 @@ def test_wrong_ptz_or_space(camera, start_scene_daemon):
         # Also refused on a disabled channel.
         wrong = {"analytics": 1, "video_channel": 2, key: value}
         expect_refused(daemon, wrong, text.format(value))
-        expect_nothing(daemon, **wrong | {"analytics": 0})
+        daemon.expect_reply(header(**wrong | {"analytics": 0}))
     assert (camera.calls(SCENES), camera.calls(CAPTURE)) == (0, 0)
 
 

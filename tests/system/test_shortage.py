@@ -90,10 +90,6 @@ def free_descriptors(daemon, count):
         daemon.limit_descriptors(before)
 
 
-def expect_idle(daemon):
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the clients' descriptors are closed")
-
-
 def request_metadata(client, fields):
     """Requests metadata and returns the text of the reply, which may arrive before the request is sent."""
     with contextlib.suppress(BrokenPipeError):
@@ -131,9 +127,9 @@ def test_every_number_of_free_descriptors_serves_or_refuses(full_daemon, kind):
     for count in range(ENOUGH + 1):
         with free_descriptors(full_daemon, count):
             served[count] = request_and_read(full_daemon, KINDS[kind])
-            expect_idle(full_daemon)
+            full_daemon.wait_until_idle()
         assert request_and_read(full_daemon, KINDS[kind])
-        expect_idle(full_daemon)
+        full_daemon.wait_until_idle()
 
     assert served[ENOUGH]
     assert not any(served[count] for count in range(TOO_FEW))
@@ -200,7 +196,7 @@ def test_each_client_of_a_crowd_gets_a_reply(full_daemon):
         for client in served:
             client.open_stream().next_document()
 
-    expect_idle(full_daemon)
+    full_daemon.wait_until_idle()
     expect_only_shortages(full_daemon, began)
     assert request_and_read(full_daemon, KINDS["all"])
 

@@ -11,8 +11,8 @@ import subprocess
 
 import pytest
 
-from daemon import (ERROR, INFO, NOT_PRODUCED, NOTHING_REQUESTED, START_LINES_UP_TO_SERVER, STARTED_LINE,
-                    missing_elements, start_lines)
+from daemon import (ERROR, INFO, NOT_PRODUCED, START_LINES_UP_TO_SERVER, STARTED_LINE, missing_elements,
+                    start_lines)
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN, run_by_root,
                           unprivileged)
 
@@ -205,16 +205,14 @@ def test_missing_gstreamer_elements_are_named(launch, installation):
     daemon.start_lines = START_LINES_UP_TO_SERVER + [missing_elements("gdppay", "appsrc", "appsink"), STARTED_LINE]
 
     daemon.wait_until_ready()
-    with daemon.client() as client:
-        assert client.request("event=1\n") == NOT_PRODUCED
+    daemon.expect_reply("event=1\n", NOT_PRODUCED)
     assert daemon.log.take(1) == [(ERROR, "Could not create gdppay.")]
 
 
 def test_server_replies_without_plugins(start_daemon):
     daemon = start_daemon(plugins=[])
 
-    with daemon.client() as client:
-        assert client.request("event=1\n") == NOTHING_REQUESTED
+    daemon.expect_reply("event=1\n")
 
 
 # Socket
@@ -340,8 +338,7 @@ def test_signals_end_the_daemon_by_their_default_action(start_daemon, number):
 def test_signal_ends_the_daemon_while_clients_stream(start_daemon):
     daemon = start_daemon()
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
 
         assert daemon.end() == -signal.SIGTERM
         stream.read_to_end()

@@ -1,6 +1,5 @@
 """The stream after "OK": documents, sync points, and the end."""
 
-import datetime
 import itertools
 import os
 import select
@@ -12,8 +11,8 @@ from lxml import etree
 
 from client import StreamEnded
 from daemon import EARLY_SYNC_WARNING
-from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM, Document, validate
-from waiting import BOUND_SECONDS, wait_until
+from documents import CHANGED, DIGITAL_INPUT, INITIALIZED, LINE_CROSSED, MOTION_ALARM, Document, now, validate
+from waiting import BOUND_SECONDS
 
 # The time limit of the first document.
 FIRST_DOCUMENT_SECONDS = 1
@@ -30,12 +29,15 @@ STATES = {
 ALL_TOPICS = {DIGITAL_INPUT, MOTION_ALARM, LINE_CROSSED}
 
 
-def now():
-    return datetime.datetime.now(datetime.timezone.utc)
-
-
 def state_of(event):
     return event.topic, *event.source.values()
+
+
+def expect_states_after(request, stream):
+    """Requests a sync point, and expects each state with a later time."""
+    began = now()
+    request()
+    expect_states_since(stream, began)
 
 
 def expect_states_since(stream, began):
@@ -53,8 +55,7 @@ def expect_states_since(stream, began):
 
 def test_first_document_comes_within_a_second(daemon):
     began = time.monotonic()
-    with daemon.client() as client:
-        client.start().next_document()
+    daemon.expect_stream()
 
     assert time.monotonic() - began <= FIRST_DOCUMENT_SECONDS
 
@@ -69,11 +70,9 @@ def test_first_document_shows_every_state(daemon):
     assert all(began <= event.time <= now() for event in events)
 
 
-def test_later_documents_show_changes(start_daemon):
-    daemon = start_daemon(speed=100)
-    with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+def test_later_documents_show_changes(fast_daemon):
+    with fast_daemon.client() as client:
+        stream = client.start_reading()
         events = list(itertools.islice(stream.events(), 100))
 
     assert {event.topic for event in events} == ALL_TOPICS
@@ -81,10 +80,9 @@ def test_later_documents_show_changes(start_daemon):
         assert event.operation == (None if event.topic == LINE_CROSSED else CHANGED)
 
 
-def test_states_change_to_the_other_value_each_time(start_daemon):
-    daemon = start_daemon(speed=100)
+def test_states_change_to_the_other_value_each_time(fast_daemon):
     values = {}
-    with daemon.client() as client:
+    with fast_daemon.client() as client:
         stream = client.start()
         for event in itertools.islice(stream.events(), 100):
             if event.topic != LINE_CROSSED:
@@ -95,10 +93,9 @@ def test_states_change_to_the_other_value_each_time(start_daemon):
         assert all(before != after for before, after in zip(series, series[1:]))
 
 
-def test_documents_are_valid(schema, start_daemon):
-    daemon = start_daemon(speed=100)
+def test_documents_are_valid(schema, fast_daemon):
     topics = set()
-    with daemon.client() as client:
+    with fast_daemon.client() as client:
         for document in client.start().documents():
             assert schema.validate(document.root), schema.error_log
             topics |= {event.topic for event in document.events}
@@ -124,10 +121,9 @@ def read_some(pipe, deadline):
     return os.read(pipe.fileno(), 65536)
 
 
-def test_independent_program_reads_the_stream(installation, start_daemon):
-    daemon = start_daemon(speed=100)
+def test_independent_program_reads_the_stream(installation, fast_daemon):
     deadline = time.monotonic() + BOUND_SECONDS
-    with daemon.client() as client:
+    with fast_daemon.client() as client:
         assert client.request("event=1\n") == "OK"
         with depayload_with_gst_launch(client, installation.plugin_environment([])) as program:
             received = b""
@@ -149,12 +145,9 @@ def test_independent_program_reads_the_stream(installation, start_daemon):
 
 def test_sync_shows_every_state_again(daemon):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         for _ in range(3):
-            requested = now()
-            client.sync()
-            expect_states_since(stream, requested)
+            expect_states_after(client.sync, stream)
 
 
 def test_sync_right_after_the_reply_is_never_lost(daemon):
@@ -177,9 +170,7 @@ def test_sync_sent_with_the_request_reaches_the_stream(daemon):
             stream.next_document()
 
             # An early sync point may be refused, without an effect on the stream.
-            requested = now()
-            client.sync()
-            expect_states_since(stream, requested)
+            expect_states_after(client.sync, stream)
 
 
 @pytest.mark.parametrize("split", range(1, 5))
@@ -191,42 +182,33 @@ def test_sync_that_begins_in_the_packet_of_the_request(daemon, split):
         stream = client.open_stream()
         stream.next_document()
 
-        requested = now()
-        client.send(second)
-        expect_states_since(stream, requested)
+        expect_states_after(lambda: client.send(second), stream)
 
 
 @pytest.mark.parametrize("split", range(1, 5))
 def test_sync_in_two_pieces(daemon, split):
     first, second = b"SYNC\n"[:split], b"SYNC\n"[split:]
     with daemon.client() as client, daemon.client() as other:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         client.send(first)
         # The daemon has read the first piece when another client has its document.
         other.start().next_document()
 
-        requested = now()
-        client.send(second)
-        expect_states_since(stream, requested)
+        expect_states_after(lambda: client.send(second), stream)
 
 
 @pytest.mark.parametrize("text", [b"sync\n", b"SYNC \n", b" SYNC\n", b"SYNC\r\n", b"SYNCSYNC\n", b"\n", b"SYN\n",
                                   b"OPEN\nevent=1\n\n", b"SYNC", "SYNCé\u2029SYNC\n".encode(),
                                   pytest.param(b"x" * 10000 + b"\n", id="long")])
-def test_other_lines_are_ignored(start_daemon, text):
-    daemon = start_daemon(speed=100)
-    with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+def test_other_lines_are_ignored(fast_daemon, text):
+    with fast_daemon.client() as client:
+        stream = client.start_reading()
         client.send(text)
         first = next(event for event in stream.events() if event.operation)
         assert first.operation == CHANGED
 
         # The rest of the line makes no sync point of it either.
-        requested = now()
-        client.send(b"x\nSYNC\n")
-        expect_states_since(stream, requested)
+        expect_states_after(lambda: client.send(b"x\nSYNC\n"), stream)
 
 
 def test_every_sync_in_one_write_counts_once(daemon):
@@ -239,11 +221,9 @@ def test_every_sync_in_one_write_counts_once(daemon):
         assert stream.next_document().events == []
 
 
-def test_filter_without_matches_sends_sync_documents_alone(start_daemon):
-    daemon = start_daemon(speed=100)
-    with daemon.client() as client, daemon.client() as other:
-        stream = client.start("event=1\nevent_topic=tns1:Nothing\n")
-        stream.next_document()
+def test_filter_without_matches_sends_sync_documents_alone(fast_daemon):
+    with fast_daemon.client() as client, fast_daemon.client() as other:
+        stream = client.start_reading("event=1\nevent_topic=tns1:Nothing\n")
         talking = other.start()
         for _ in itertools.islice(talking.events(), 20):
             pass
@@ -260,8 +240,7 @@ def test_filter_without_matches_sends_sync_documents_alone(start_daemon):
                                   b"\xf4\x90\x80\x80"])
 def test_input_that_is_no_utf8_ends_the_stream(daemon, text):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         client.send(text)
 
         stream.read_to_end()
@@ -270,20 +249,16 @@ def test_input_that_is_no_utf8_ends_the_stream(daemon, text):
 @pytest.mark.parametrize("text", ["SYNCé\n".encode(), "\u2029\n".encode(), "\U0001f4f7\n".encode()])
 def test_input_that_is_utf8_in_pieces_goes_on(daemon, text):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         for byte in text:
             client.send(bytes([byte]))
 
-        requested = now()
-        client.sync()
-        expect_states_since(stream, requested)
+        expect_states_after(client.sync, stream)
 
 
 def test_half_close_ends_the_stream(daemon):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         client.close_writing()
 
         stream.read_to_end()
@@ -291,8 +266,7 @@ def test_half_close_ends_the_stream(daemon):
 
 def test_half_close_with_a_piece_of_a_line_ends_the_stream(daemon):
     with daemon.client() as client:
-        stream = client.start()
-        stream.next_document()
+        stream = client.start_reading()
         client.send(b"SYNC")
         client.close_writing()
 
@@ -300,13 +274,11 @@ def test_half_close_with_a_piece_of_a_line_ends_the_stream(daemon):
 
 
 def test_hang_up_releases_all_resources(daemon):
-    with daemon.client() as client:
-        client.start().next_document()
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the first client's descriptors are closed")
+    daemon.expect_stream()
+    daemon.wait_until_idle()
 
     with daemon.client() as client:
         client.start().next_document()
         assert daemon.descriptors() > daemon.idle_descriptors
 
-    wait_until(lambda: daemon.descriptors() == daemon.idle_descriptors, "the client's descriptors are closed")
-    assert daemon.log.take() == []
+    daemon.expect_idle_and_no_log()

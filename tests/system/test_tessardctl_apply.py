@@ -34,8 +34,7 @@ def test_output_of_producers_is_a_valid_file(run_on_bus, started_service):
 def test_every_text_survives(run_on_bus, fake_service):
     text = "\x01\x1b\x7f\u009b\u2028\"\\u001b\\\U000e0001\U0001f600é\n\t/"
     configuration = "\u2028\U000e0001\U0001f600é/'"
-    fake_service.producers = {path_of("a"): properties(text, "a", [(1, True, configuration)])}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties(text, "a", [(1, True, configuration)])})
     assert run_on_bus("apply", "-", stdin=run_on_bus("producers", "--json").out.decode()).status == SUCCESS
     assert fake_service.set_calls() == [(ROOT, "SetProducersEnabled", ({text: [(1, True, configuration)]},))]
 

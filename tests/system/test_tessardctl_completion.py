@@ -47,9 +47,8 @@ def offered(tessardctl, stand_in_bus, tmp_path):
 @pytest.fixture
 def service(stand_in_bus):
     started = FakeService(stand_in_bus)
-    started.producers = {path_of(name): properties(name, channels=[(1, False, ""), (12, False, ""), (2, False, "")])
-                         for name in ("VideoMotionTracker", "VideoCounter", "Radar")}
-    started.start()
+    started.start({path_of(name): properties(name, channels=[(1, False, ""), (12, False, ""), (2, False, "")])
+                   for name in ("VideoMotionTracker", "VideoCounter", "Radar")})
     yield started
     started.close()
 
@@ -132,8 +131,7 @@ def test_daemon_that_never_replies_is_given_up_soon(offered, stand_in_bus):
 def test_names_are_never_run(offered, stand_in_bus, tmp_path):
     names = ["$(touch run)", "`touch run`", "a b", "a'b", "*", "-x", ";touch run"]
     evil = FakeService(stand_in_bus)
-    evil.producers = {path_of(f"p{number}"): properties(name) for number, name in enumerate(names)}
-    evil.start()
+    evil.start({path_of(f"p{number}"): properties(name) for number, name in enumerate(names)})
     given = offered("show ")
     assert not (tmp_path / "run").exists()
     unquoted = subprocess.run(["bash", "-c", "printf '%s\\n' " + " ".join(given)], cwd=tmp_path, capture_output=True,

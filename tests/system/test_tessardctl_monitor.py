@@ -71,18 +71,12 @@ def test_each_change_is_a_line(start_monitor, started_service):
 def test_no_line_without_a_change(start_monitor, started_service):
     monitor = start_monitor()
     started_service.change(VIDEO, [(1, True, "profile1"), (2, False, "")])
-    started_service.emit(path_of(VIDEO), PROPERTIES, "PropertiesChanged",
-                         GLib.Variant("(sa{sv}as)", (PRODUCER, {"NiceName": GLib.Variant("s", "n")}, [])))
-    started_service.emit(path_of(VIDEO), PROPERTIES, "PropertiesChanged",
-                         GLib.Variant("(sa{sv}as)", ("com.quon.Other", {"ChannelsEnabled": GLib.Variant("i", 1)}, [])))
-    started_service.emit(path_of("unknown"), PROPERTIES, "PropertiesChanged",
-                         GLib.Variant("(sa{sv}as)", (PRODUCER, {"ChannelsEnabled": GLib.Variant("i", 1)}, [])))
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                         GLib.Variant("(oa{sa{sv}})", (path_of("other"), {"com.quon.Other": {}})))
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
-                         GLib.Variant("(oas)", (path_of(VIDEO), ["com.quon.Other"])))
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved",
-                         GLib.Variant("(oas)", (path_of("unknown"), [PRODUCER])))
+    started_service.emit_changed(path_of(VIDEO), PRODUCER, {"NiceName": GLib.Variant("s", "n")})
+    started_service.emit_changed(path_of(VIDEO), "com.quon.Other", {"ChannelsEnabled": GLib.Variant("i", 1)})
+    started_service.emit_changed(path_of("unknown"), PRODUCER, {"ChannelsEnabled": GLib.Variant("i", 1)})
+    started_service.emit_added(ROOT, path_of("other"), {"com.quon.Other": {}})
+    started_service.emit_removed(ROOT, path_of(VIDEO), ["com.quon.Other"])
+    started_service.emit_removed(ROOT, path_of("unknown"), [PRODUCER])
     started_service.emit(ROOT, "com.quon.Other", "InterfacesAdded", GLib.Variant("(i)", (1,)))
     started_service.remove(RADAR)
     assert monitor.lines(1) == ["removed RadarMotionTracker"]
@@ -104,9 +98,8 @@ def test_daemon_restarts(start_monitor, started_service, make_fake_service):
     started_service.close()
     assert monitor.lines(1) == ["daemon absent"]
     second = make_fake_service()
-    second.producers = {path_of(VIDEO): properties(VIDEO, "n", [(1, True, "profile2"), (2, True, "p")]),
-                        path_of("New"): properties("New", "new one")}
-    second.start()
+    second.start({path_of(VIDEO): properties(VIDEO, "n", [(1, True, "profile2"), (2, True, "p")]),
+                  path_of("New"): properties("New", "new one")})
     assert monitor.lines(5) == [
         "daemon present, producers: 2",
         "removed RadarMotionTracker",
@@ -120,8 +113,7 @@ def test_daemon_restarts(start_monitor, started_service, make_fake_service):
 
 def test_another_producer_at_the_same_path(start_monitor, started_service):
     monitor = start_monitor()
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded",
-                         GLib.Variant("(oa{sa{sv}})", (path_of(VIDEO), {PRODUCER: properties("x", "X")})))
+    started_service.emit_added(ROOT, path_of(VIDEO), {PRODUCER: properties("x", "X")})
     assert monitor.lines(2) == ["removed VideoMotionTracker", "added x: X"]
 
 
@@ -138,8 +130,7 @@ def test_daemon_leaves_before_its_reply(waiting_monitor, fake_service, make_fake
     fake_service.close()
     assert waiting_monitor.lines(1) == ["daemon absent"]
     second = make_fake_service()
-    second.producers = {path_of("a"): properties("a", "A")}
-    second.start()
+    second.start({path_of("a"): properties("a", "A")})
     assert waiting_monitor.lines(2) == ["daemon present, producers: 1", "added a: A"]
 
 
@@ -162,9 +153,8 @@ def test_control_characters_are_escaped(start_monitor, started_service):
     monitor = start_monitor()
     text = "a\ndaemon absent\x1b[2J\u009b1m\u2028 100 %s%n"
     shown = "a\\u000adaemon absent\\u001b[2J\\u009b1m\\u2028 100 %s%n"
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", (
-        path_of("x"), {PRODUCER: properties(text, text, [(1, True, text)])})))
-    started_service.emit(ROOT, OBJECT_MANAGER, "InterfacesRemoved", GLib.Variant("(oas)", (path_of("x"), [PRODUCER])))
+    started_service.emit_added(ROOT, path_of("x"), {PRODUCER: properties(text, text, [(1, True, text)])})
+    started_service.emit_removed(ROOT, path_of("x"), [PRODUCER])
     assert monitor.lines(3) == [f"added {shown}: {shown}", f"enabled {shown} 1: {shown}", f"removed {shown}"]
 
 
@@ -193,8 +183,7 @@ def test_property_of_another_type(start_monitor, started_service, path, interfac
 
 
 def test_number_of_producers_is_bounded(start_monitor, fake_service):
-    fake_service.producers = {path_of(f"p{number}"): properties(f"p{number}") for number in range(MAX_PRODUCERS)}
-    fake_service.start()
+    fake_service.start({path_of(f"p{number}"): properties(f"p{number}") for number in range(MAX_PRODUCERS)})
     monitor = start_monitor(f"daemon present, producers: {MAX_PRODUCERS}")
     fake_service.change("p0", [(1, True, "c")])
     fake_service.add("p0", "n", [(1, False, "")])

@@ -27,9 +27,8 @@ def receive(client, connection, data):
     return result
 
 
-def test_one_document_a_line_each_at_once(start_stream, fake_daemon, gdp):
-    client = start_stream("--event")
-    connection = fake_daemon.accept_stream()
+def test_one_document_a_line_each_at_once(open_stream, gdp):
+    client, connection = open_stream("--event")
     for document, line in zip(DOCUMENTS, LINES):
         connection.send(gdp.document(document))
         assert read_lines(client.out, 1) == [line]
@@ -43,23 +42,23 @@ def test_one_document_a_line_each_at_once(start_stream, fake_daemon, gdp):
     ("<a>é\u2029</a>".encode(), "<a>é\u2029</a>\n".encode()),
     (b"not \xff XML \0", b"not \xff XML \0\n"),
 ])
-def test_line(start_stream, fake_daemon, gdp, document, line):
-    client = start_stream("--event", "--count", "1")
-    fake_daemon.accept_stream().send(gdp.document(document))
+def test_line(open_stream, gdp, document, line):
+    client, connection = open_stream("--event", "--count", "1")
+    connection.send(gdp.document(document))
     assert client.finish().out == line
 
 
 @pytest.mark.parametrize("options", [[], ["--pretty"]])
-def test_empty_buffer_is_no_document(start_stream, fake_daemon, gdp, options):
-    client = start_stream("--event", "--count", "1", *options)
-    fake_daemon.accept_stream().send(gdp.document(b"") + gdp.document(b"text"))
+def test_empty_buffer_is_no_document(open_stream, gdp, options):
+    client, connection = open_stream("--event", "--count", "1", *options)
+    connection.send(gdp.document(b"") + gdp.document(b"text"))
     result = client.finish()
     assert (result.status, result.out) == (SUCCESS, b"text\n")
 
 
-def test_count(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--count", "2")
-    fake_daemon.accept_stream().send(b"".join(map(gdp.document, DOCUMENTS)))
+def test_count(open_stream, gdp):
+    client, connection = open_stream("--event", "--count", "2")
+    connection.send(b"".join(map(gdp.document, DOCUMENTS)))
     assert client.finish() == (SUCCESS, b"".join(LINES[:2]), b"")
 
 
@@ -70,28 +69,27 @@ def test_huge_document(start_stream, fake_daemon, gdp):
     assert result == (SUCCESS, document + b"\n", b"")
 
 
-def test_stream_may_be_longer_than_any_document(start_stream, fake_daemon, gdp):
+def test_stream_may_be_longer_than_any_document(open_stream, gdp):
     size = 5_000_000
     count = MAX_DOCUMENT_BYTES // size + 1
-    client = start_stream("--event", "--count", str(count), "--output", "/dev/null")
-    connection = fake_daemon.accept_stream()
+    client, connection = open_stream("--event", "--count", str(count), "--output", "/dev/null")
     for _ in range(count):
         connection.send(gdp.document(b"x" * size))
     assert client.finish() == (SUCCESS, b"", b"")
 
 
-def test_file(start_stream, fake_daemon, gdp, tmp_path):
+def test_file(open_stream, gdp, tmp_path):
     path = tmp_path / "documents"
     path.write_text("what was there before")
-    client = start_stream("--event", "--count", "2", "--output", path)
-    fake_daemon.accept_stream().send(b"".join(map(gdp.document, DOCUMENTS[:2])))
+    client, connection = open_stream("--event", "--count", "2", "--output", path)
+    connection.send(b"".join(map(gdp.document, DOCUMENTS[:2])))
     assert client.finish() == (SUCCESS, b"", b"")
     assert path.read_bytes() == b"".join(LINES[:2])
 
 
-def test_dash_is_standard_output(start_stream, fake_daemon, gdp, tmp_path):
-    client = start_stream("--event", "--count", "1", "--output", "-", cwd=tmp_path)
-    fake_daemon.accept_stream().send(gdp.document(DOCUMENTS[0]))
+def test_dash_is_standard_output(open_stream, gdp, tmp_path):
+    client, connection = open_stream("--event", "--count", "1", "--output", "-", cwd=tmp_path)
+    connection.send(gdp.document(DOCUMENTS[0]))
     assert client.finish() == (SUCCESS, LINES[0], b"")
     assert list(tmp_path.glob("-")) == []
 
@@ -103,9 +101,9 @@ def test_file_that_cannot_be_opened(start_stream, fake_daemon, tmp_path):
     assert not select.select([fake_daemon.listener], [], [], 0)[0], "the daemon got a request"
 
 
-def test_full_device(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--output", "/dev/full")
-    fake_daemon.accept_stream().send(gdp.document(DOCUMENTS[0]))
+def test_full_device(open_stream, gdp):
+    client, connection = open_stream("--event", "--output", "/dev/full")
+    connection.send(gdp.document(DOCUMENTS[0]))
     assert client.finish() == failure(LOCAL, "Could not write to /dev/full: Error writing to file descriptor: No "
                                              "space left on device.")
 

@@ -161,30 +161,26 @@ def test_list_is_an_alias(run_on_bus, started_service):
 
 
 def test_no_producers(run_on_bus, fake_service):
-    fake_service.producers = {}
-    fake_service.start()
+    fake_service.start({})
     assert run_on_bus("producers").out == b"NAME  NICE NAME  CHANNEL  STATE  CONFIGURATION\n"
     assert run_on_bus("producers", "--json").out == b"[]\n"
     assert run_on_bus("producers", "--names").out == b""
 
 
 def test_producer_without_channels(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", "A")}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", "A")})
     assert run_on_bus("producers").out.splitlines()[1:] == [b"a     A          -        -      -"]
 
 
 def test_channels_in_the_order_of_numbers(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", "A", [(n, False, "") for n in (10, 9, 2147483647, -1)])}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", "A", [(n, False, "") for n in (10, 9, 2147483647, -1)])})
     assert [line.split()[2] for line in run_on_bus("producers").out.splitlines()[1:]] == [
         b"-1", b"9", b"10", b"2147483647"]
 
 
 def test_wide_and_combined_characters_keep_the_columns(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", "摄像机", [(1, False, "")]),
-                              path_of("b"): properties("b", "e\u0301tage", [(1, False, "")])}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", "摄像机", [(1, False, "")]),
+                        path_of("b"): properties("b", "e\u0301tage", [(1, False, "")])})
     assert run_on_bus("producers").out.decode().splitlines()[1:] == [
         "a     摄像机     1        disabled  -",
         "b     e\u0301tage      1        disabled  -",
@@ -199,9 +195,8 @@ def test_wide_and_combined_characters_keep_the_columns(run_on_bus, fake_service)
 @pytest.mark.parametrize("place", ["name", "nice name", "configuration"])
 def test_control_characters_are_escaped(run_on_bus, fake_service, text, shown, place):
     channels = [(1, True, text if place == "configuration" else "c")]
-    fake_service.producers = {path_of("a"): properties(text if place == "name" else "n",
-                                                       text if place == "nice name" else "N", channels)}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties(text if place == "name" else "n",
+                                                 text if place == "nice name" else "N", channels)})
     lines = run_on_bus("producers").out.decode().split("\n")
     assert len(lines) == 3 and lines[2] == ""
     assert re.split(r" {2,}", lines[1]) == [
@@ -223,8 +218,7 @@ def test_json(run_on_bus, started_service):
 
 def test_json_keeps_every_text_and_has_no_control_characters(run_on_bus, fake_service):
     text = "\x01\x1b[2J\x7f\u009b1m\u2028\u202e\"\\u001b\\\U000e0001 \U0001f600é\n\t"
-    fake_service.producers = {path_of("a"): properties(text, text, [(1, True, text)])}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties(text, text, [(1, True, text)])})
     out = run_on_bus("producers", "--json").out.decode()
     assert json.loads(out) == [{"Name": text, "NiceName": text,
                                 "Channels": [{"Channel": 1, "Enabled": True, "Configuration": text}]}]
@@ -276,8 +270,7 @@ def test_all_properties_of_one_producer(run_on_bus, started_service):
 
 
 def test_no_sample_frame(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", frame="")}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", frame="")})
     assert run_on_bus("show", "a").out.endswith(b"\nSample frame: none\n")
 
 
@@ -286,14 +279,12 @@ def test_no_sample_frame(run_on_bus, fake_service):
     ("<a>\u009b1m</a>", b'<?xml version="1.0" encoding="UTF-8"?>\n<a>\\u009b1m</a>\n'),
 ])
 def test_sample_frame_that_is_not_plain_xml(run_on_bus, fake_service, frame, shown):
-    fake_service.producers = {path_of("a"): properties("a", frame=frame)}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", frame=frame)})
     assert run_on_bus("show", "a").out.split(b"Sample frame:\n")[1] == shown
 
 
 def test_fields_hold_no_control_characters(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", "n\nChannel 1: enabled", [(2, True, "c\nd")], "")}
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", "n\nChannel 1: enabled", [(2, True, "c\nd")], "")})
     assert run_on_bus("show", "a").out.splitlines()[1:] == [
         b"Nice name: n\\u000aChannel 1: enabled", b"Object: " + path_of("a").encode(),
         b"Channel 2: enabled as 'c\\u000ad'", b"Sample frame: none"]
@@ -333,9 +324,8 @@ def test_daemon_validates_an_empty_configuration(run_on_bus, started_service):
 
 
 def test_refused_channel_of_a_producer_without_channels(run_on_bus, fake_service):
-    fake_service.producers = {path_of("a"): properties("a", "A")}
     fake_service.errors["SetChannelsEnabled"] = ("org.freedesktop.DBus.Error.Failed", "No")
-    fake_service.start()
+    fake_service.start({path_of("a"): properties("a", "A")})
     assert run_on_bus("disable", "a", "1").err == b"tessardctl: No. Channels of 'a': none.\n"
 
 
@@ -346,7 +336,6 @@ def test_switching_an_unknown_producer(run_on_bus, started_service, arguments):
 
 
 def test_producer_is_found_by_name_not_by_path(run_on_bus, fake_service):
-    fake_service.producers = {path_of("_30"): properties("a b/c")}
-    fake_service.start()
+    fake_service.start({path_of("_30"): properties("a b/c")})
     assert run_on_bus("disable", "a b/c", "1").status == SUCCESS
     assert fake_service.set_calls() == [(path_of("_30"), "SetChannelsEnabled", ([(1, False, "")],))]

@@ -81,9 +81,9 @@ def test_texts_do_not_depend_on_the_locale(start_stream, fake_daemon, locale):
     assert fake_daemon.accept_request().request == b"OPEN\nevent=1\nevent_topic=t\\303\\274r\n\n"
 
 
-def test_request_longer_than_the_socket_holds(start_stream, fake_daemon, gdp):
-    client = start_stream("--count", "1", "--event-topic", "\x01" * 120000, "--event-content", "\x02" * 120000)
-    connection = fake_daemon.accept_stream()
+def test_request_longer_than_the_socket_holds(open_stream, gdp):
+    client, connection = open_stream("--count", "1", "--event-topic", "\x01" * 120000,
+                                     "--event-content", "\x02" * 120000)
     assert connection.request == (b"OPEN\nevent=1\nevent_topic=" + b"\\001" * 120000 + b"\nevent_content="
                                   + b"\\002" * 120000 + b"\n\n")
     connection.send(gdp.document(DOCUMENTS[0]))

@@ -26,9 +26,8 @@ def bytes_in_pipe(fd):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_signal_while_streaming(start_stream, fake_daemon, gdp, number):
-    client = start_stream("--event", "--count", "9")
-    connection = fake_daemon.accept_stream()
+def test_signal_while_streaming(open_stream, gdp, number):
+    client, connection = open_stream("--event", "--count", "9")
     connection.send(gdp.document(DOCUMENTS[0]))
     assert read_lines(client.out, 1) == LINES[:1]
     assert client.end_by(number) == (SUCCESS, b"", b"")
@@ -52,9 +51,8 @@ def test_signal_while_the_request_is_stuck(start_stream, fake_daemon):
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 @pytest.mark.parametrize("options", [[], ["--pretty"]])
-def test_signal_while_the_reader_is_stuck(start_stream, fake_daemon, gdp, number, options):
-    client = start_stream("--event", *options)
-    connection = fake_daemon.accept_stream()
+def test_signal_while_the_reader_is_stuck(open_stream, gdp, number, options):
+    client, connection = open_stream("--event", *options)
     fill_output(client, connection, gdp)
     client.kill(number)
     assert client.process.wait(BOUND_SECONDS) == SUCCESS
@@ -91,9 +89,8 @@ def test_pipe_into_head(fake_daemon, gdp):
     assert (process.returncode, out, err) == (SUCCESS, LINES[0], b"")
 
 
-def test_reader_that_leaves_between_two_documents(start_stream, fake_daemon, gdp):
-    client = start_stream("--event")
-    connection = fake_daemon.accept_stream()
+def test_reader_that_leaves_between_two_documents(open_stream, gdp):
+    client, connection = open_stream("--event")
     connection.send(gdp.document(DOCUMENTS[0]))
     read_lines(client.out, 1)
     client.process.stdout.close()
@@ -115,9 +112,8 @@ def test_file_whose_reader_leaves(start_stream, fake_daemon, gdp, tmp_path):
 
 @pytest.mark.parametrize("documents", [0, 2])
 @pytest.mark.parametrize("options", [[], ["--count", "5"]])
-def test_daemon_hangs_up(start_stream, fake_daemon, gdp, documents, options):
-    client = start_stream("--event", *options)
-    connection = fake_daemon.accept_stream()
+def test_daemon_hangs_up(open_stream, gdp, documents, options):
+    client, connection = open_stream("--event", *options)
     connection.send(b"".join(map(gdp.document, DOCUMENTS[:documents])))
     connection.close()
     assert client.finish() == (ENDED, b"".join(LINES[:documents]), ENDED_TEXT)
@@ -130,24 +126,23 @@ def test_time_out_before_the_reply(start_stream, fake_daemon):
     assert connection.read_to_end() == b""
 
 
-def test_time_out_ends_a_stream_without_count(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--timeout", "2")
-    fake_daemon.accept_stream().send(gdp.document(DOCUMENTS[0]))
+def test_time_out_ends_a_stream_without_count(open_stream, gdp):
+    client, connection = open_stream("--event", "--timeout", "2")
+    connection.send(gdp.document(DOCUMENTS[0]))
     assert client.finish() == (SUCCESS, LINES[0], b"")
 
 
-def test_time_out_before_the_count(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--timeout", "2", "--count", "3")
-    fake_daemon.accept_stream().send(b"".join(map(gdp.document, DOCUMENTS[:2])))
+def test_time_out_before_the_count(open_stream, gdp):
+    client, connection = open_stream("--event", "--timeout", "2", "--count", "3")
+    connection.send(b"".join(map(gdp.document, DOCUMENTS[:2])))
     assert client.finish() == (TIMED_OUT, b"".join(LINES[:2]), b"tessardctl: 2 of 3 documents within 2 seconds.\n")
 
 
 # Sync points
 
 
-def test_one_sync_point_is_requested_when_the_stream_has_started(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--sync")
-    connection = fake_daemon.accept_stream()
+def test_one_sync_point_is_requested_when_the_stream_has_started(open_stream, gdp):
+    client, connection = open_stream("--event", "--sync")
     connection.sock.setblocking(False)
     with pytest.raises(BlockingIOError):
         connection.sock.recv(1)
@@ -160,17 +155,15 @@ def test_one_sync_point_is_requested_when_the_stream_has_started(start_stream, f
     assert connection.read_to_end() == b""
 
 
-def test_without_the_option_no_sync_point_is_requested(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--count", "2")
-    connection = fake_daemon.accept_stream()
+def test_without_the_option_no_sync_point_is_requested(open_stream, gdp):
+    client, connection = open_stream("--event", "--count", "2")
     connection.send(b"".join(map(gdp.document, DOCUMENTS)))
     assert client.finish().status == SUCCESS
     assert read_after_hang_up(connection) == b""
 
 
-def test_daemon_that_closes_with_an_unread_sync_request(start_stream, fake_daemon, gdp):
-    client = start_stream("--event", "--sync")
-    connection = fake_daemon.accept_stream()
+def test_daemon_that_closes_with_an_unread_sync_request(open_stream, gdp):
+    client, connection = open_stream("--event", "--sync")
     connection.send(gdp.document(DOCUMENTS[0]))
     wait_until(lambda: bytes_in_pipe(connection.sock) == 5, "the client requests a sync point")
     connection.close()
@@ -195,47 +188,45 @@ def expect_malformed(client, out=b""):
 
 
 @pytest.mark.parametrize("garbage", [b"\0" * 200, b"\xff" * 200], ids=["zeros", "ones"])
-def test_garbage(start_stream, fake_daemon, garbage):
-    client = start_stream("--event")
-    fake_daemon.accept_stream().send(garbage)
+def test_garbage(open_stream, garbage):
+    client, connection = open_stream("--event")
+    connection.send(garbage)
     expect_malformed(client)
 
 
-def test_garbage_behind_a_document(start_stream, fake_daemon, gdp):
-    client = start_stream("--event")
-    fake_daemon.accept_stream().send(gdp.document(DOCUMENTS[0]) + b"\xff" * 200)
+def test_garbage_behind_a_document(open_stream, gdp):
+    client, connection = open_stream("--event")
+    connection.send(gdp.document(DOCUMENTS[0]) + b"\xff" * 200)
     expect_malformed(client, LINES[0])
 
 
-def test_buffer_without_caps(start_stream, fake_daemon, gdp):
-    client = start_stream("--event")
-    fake_daemon.accept_stream().send(gdp.packets(DOCUMENTS[0])[-1])
+def test_buffer_without_caps(open_stream, gdp):
+    client, connection = open_stream("--event")
+    connection.send(gdp.packets(DOCUMENTS[0])[-1])
     expect_malformed(client)
 
 
-def test_caps_that_are_not_metadata(start_stream, fake_daemon):
+def test_caps_that_are_not_metadata(open_stream):
     other = GdpStream(caps="application/x-other")
-    client = start_stream("--event")
-    fake_daemon.accept_stream().send(other.document(DOCUMENTS[0]))
+    client, connection = open_stream("--event")
+    connection.send(other.document(DOCUMENTS[0]))
     expect_malformed(client)
     other.close()
 
 
-def test_stream_cut_within_a_document(start_stream, fake_daemon, gdp):
-    client = start_stream("--event")
-    connection = fake_daemon.accept_stream()
+def test_stream_cut_within_a_document(open_stream, gdp):
+    client, connection = open_stream("--event")
     connection.send(gdp.document(DOCUMENTS[0]) + gdp.document(DOCUMENTS[1])[:-10])
     connection.close()
     assert client.finish() == (ENDED, LINES[0], ENDED_TEXT)
 
 
-def test_document_without_end(start_stream, fake_daemon):
+def test_document_without_end(open_stream):
     unchecked = GdpStream(checksum=False)
     *before, packet = unchecked.packets(DOCUMENTS[0])
     header = bytearray(packet[:GDP_HEADER_BYTES])
     header[GDP_LENGTH] = struct.pack(">I", 0xffffffff)
-    client = start_stream("--event")
-    connection = fake_daemon.accept_stream()
+    client, connection = open_stream("--event")
     connection.send(b"".join(before) + bytes(header))
     with pytest.raises(OSError) as hung_up:
         for _ in range(2 * MAX_DOCUMENT_BYTES // 65536):
