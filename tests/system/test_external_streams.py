@@ -14,7 +14,7 @@ from daemon import ERROR, INFO, WARNING
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, COUNTER, DETECTOR, EXTERNAL_PLUGINS, GATE, YARD, expect_alive,
                       expect_converter_warning, expect_frames, numbered, producer_frames, read_numbers)
 from fakereceiver import Stream, message
-from installation import EVENT_PLUGIN, documented_limit
+from installation import EVENT_PLUGIN, SANITIZED, documented_limit
 from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until
 
@@ -30,8 +30,9 @@ TOO_LONG = (ERROR, "Could not read request data from client socket: Message too 
 FLOOD_MESSAGES, FLOOD_BYTES, FLOOD_NUMBERS = 1500, 25_000, 20
 
 # The length of messages that a pipe and a socket accept in one piece, the count of numbers in each, and the number of
-# pauses of the client. A socket splits data beyond some 36 KB, and the daemon may read between the parts.
-BURST_BYTES, BURST_NUMBERS, BURST_ROUNDS = 30_000, 300, 8
+# pauses of the client. A socket splits data beyond some 36 KB, and the daemon may read between the parts. With a
+# sanitizer a pause takes three times as long.
+BURST_BYTES, BURST_NUMBERS, BURST_ROUNDS = 30_000, 300, 3 if SANITIZED else 8
 
 # A stream that has accepted nothing for this time is full.
 STUCK_SECONDS = 1
