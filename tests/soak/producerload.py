@@ -34,7 +34,8 @@ ENABLED = (*CORRECT, *FAULTY, *TRANSIENT)
 
 ON_SOCKETS, NONBLOCKING = ("Good2", "Huge"), ("Garbage",)
 
-# Sample frames, most of them valid and one too long. GDBus keeps a buffer of the longest message.
+# Sample frames. Most are valid; the longest exceeds the limit by a few bytes only, because GDBus keeps a buffer as
+# large as the longest message.
 SAMPLES = (SAMPLE, SAMPLE, SAMPLE, SAMPLE, "{", '{"Filling":"' + "x" * (1024 * 1024) + '"}')
 
 # The time limit until the correct producers are on the bus again, after all others.

@@ -7,7 +7,7 @@
 gboolean
 use_factory_from_c(void)
 {
-  g_autoptr(Server) server = TESSARD_SERVER(g_object_new(SERVER_TYPE, NULL));
+  g_autoptr(Server) server = TESSARD_SERVER(g_object_new(TESSARD_TYPE_SERVER, NULL));
   g_autoptr(EventSourceFactory) factory = event_source_factory_new();
   g_autoptr(GHashTable) params = g_hash_table_new(g_str_hash, g_str_equal);
   g_autoptr(GError) error = NULL;

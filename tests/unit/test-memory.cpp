@@ -101,7 +101,22 @@ scatter_kept_blocks()
   return others;
 }
 
-/* Takes all that the allocator keeps for the calling thread, so that the next allocation takes more. */
+/* The number of pages that @work returns. Blocks that the allocator keeps for the calling thread are in them.
+ */
+gsize
+count_returned_pages(const std::function<void()> &work)
+{
+  const std::vector<Block> others = scatter_kept_blocks();
+  malloc_trim(0);
+  const gsize before = count_resident_pages();
+
+  work();
+  const gsize after = count_resident_pages();
+  return before - std::min(before, after);
+}
+
+/* Takes all blocks that the allocator keeps for the calling thread: its next allocation increases the bytes
+ * in use. */
 std::vector<Block>
 take_kept_blocks()
 {
@@ -172,7 +187,7 @@ protected:
   }
 };
 
-/* What the sanitizers' allocators do otherwise. */
+/* The allocator of the C library: a sanitizer replaces it. */
 class AllocatorTest : public MemoryTest
 {
 protected:
@@ -209,7 +224,7 @@ __wrap_malloc_trim(size_t padding)
 #pragma GCC visibility pop
 
 /* The first test, because freed blocks can change the thresholds of the allocator. */
-TEST_F(MemoryTest, MapsLargeBlocksAlsoAfterLargerOnesWereFreed)
+TEST_F(AllocatorTest, MapsLargeBlocksAlsoAfterLargerOnesWereFreed)
 {
   memory_set_up();
   for (const gsize mib : {1, 8, 16, 30}) {
@@ -226,7 +241,7 @@ TEST_F(MemoryTest, MapsLargeBlocksAlsoAfterLargerOnesWereFreed)
   EXPECT_EQ(count_mappings(), before + 1);
 }
 
-TEST_F(MemoryTest, LimitsTheHeapsOfManyThreads)
+TEST_F(AllocatorTest, LimitsTheHeapsOfManyThreads)
 {
   constexpr gsize THREADS = 16;
   std::atomic<gsize> holding = 0;
@@ -288,7 +303,7 @@ TEST_F(AllocatorTest, FreesWhatIsKeptForTheCallingThread)
             300U);
 }
 
-TEST_F(MemoryTest, HandsOverOnceBeforeATrim)
+TEST_F(AllocatorTest, HandsOverOnceBeforeATrim)
 {
   memory_start_trimming();
   memory_trim_later();
@@ -301,7 +316,7 @@ TEST_F(MemoryTest, HandsOverOnceBeforeATrim)
   memory_stop_trimming();
 }
 
-TEST_F(MemoryTest, HandsNothingOverWithoutARequestedTrim)
+TEST_F(AllocatorTest, HandsNothingOverWithoutARequestedTrim)
 {
   memory_start_trimming();
   memory_trim_later();
@@ -329,7 +344,7 @@ TEST_F(MemoryTest, StopsBeforeTheMainThreadHandsOver)
   EXPECT_EQ(trims, 0U);
 }
 
-TEST_F(MemoryTest, UsesTheAllocatorForSmallBlocksOfGLib)
+TEST_F(AllocatorTest, UsesTheAllocatorForSmallBlocksOfGLib)
 {
   constexpr gsize BLOCKS = 200000;
   constexpr gsize SIZE = 64;
