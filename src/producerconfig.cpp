@@ -103,15 +103,13 @@ has_long_name(const gchar *group)
   return name != nullptr && strlen(name) > PRODUCER_CONFIG_MAX_NAME_BYTES;
 }
 
-/* GLib lists a group once for each occurrence in the file. */
 void
 warn_of_long_names()
 {
   g_auto(GStrv) groups = g_key_file_get_groups(config.key_file, nullptr);
-  g_autoptr(GHashTable) seen = g_hash_table_new(g_str_hash, g_str_equal);
 
   for (gchar **group = groups; *group != nullptr; group++) {
-    if (g_str_has_prefix(*group, GROUP_PREFIX) && g_hash_table_add(seen, *group) && has_long_name(*group)) {
+    if (g_str_has_prefix(*group, GROUP_PREFIX) && has_long_name(*group)) {
       rate_limited_log(&long_names_log, LOG_WARNING,
                        "configuration name longer than %d bytes in producers.conf: %s",
                        PRODUCER_CONFIG_MAX_NAME_BYTES, *group);

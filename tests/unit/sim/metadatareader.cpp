@@ -100,7 +100,7 @@ read_all(const std::string &xml, const char *path, Item (*read)(xmlXPathContext 
   return items;
 }
 
-} /* namespace */
+} // namespace
 
 std::string
 buffer_text(GstBuffer *buffer)

@@ -17,7 +17,7 @@ stays(bool motion, sim::WorldTime from, sim::WorldTime until)
                       [](const sim::Change &change) { return change.type == sim::ChangeType::MOTION; });
 }
 
-} /* namespace */
+} // namespace
 
 void
 PrintTo(const Scenes &scenes, std::ostream *stream)

@@ -41,7 +41,7 @@ load_schema(std::string *errors)
   return xmlSchemaParse(parser);
 }
 
-} /* namespace */
+} // namespace
 
 bool
 have_onvif_schemas()

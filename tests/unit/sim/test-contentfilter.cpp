@@ -141,4 +141,4 @@ TEST(ContentFilterEvaluation, FailureOnASingleMessageIsReported)
   EXPECT_NE(error, nullptr);
 }
 
-} /* namespace */
+} // namespace

@@ -92,4 +92,4 @@ TEST(Ground, LocationHasTheRangeOfThePosition)
   }
 }
 
-} /* namespace */
+} // namespace

@@ -493,4 +493,4 @@ TEST_F(JsonChain, StreamsBesideALiveSource)
   EXPECT_EQ(segment->format, GST_FORMAT_TIME);
 }
 
-} /* namespace */
+} // namespace

@@ -148,4 +148,4 @@ TEST(JsonForm, IntegersBeyond64BitsAreReplaced)
   }
 }
 
-} /* namespace */
+} // namespace

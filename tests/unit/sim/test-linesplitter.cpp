@@ -85,4 +85,4 @@ TEST(LineSplitterTest, DropsATooLongLineInAnyChunks)
   EXPECT_EQ(splitter.dropped(), 1U);
 }
 
-} /* namespace */
+} // namespace

@@ -81,4 +81,4 @@ TEST(MessageTest, PartHoldsAReferenceToTheWhole)
   EXPECT_EQ(sim::shared_text_view(part), "cde");
 }
 
-} /* namespace */
+} // namespace

@@ -422,4 +422,4 @@ TEST_F(EventSrc, StopsWithoutWaitingForTheNextChange)
   EXPECT_EQ(gst_harness_buffers_in_queue(harness), 0u);
 }
 
-} /* namespace */
+} // namespace

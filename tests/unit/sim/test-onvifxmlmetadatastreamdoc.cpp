@@ -548,4 +548,4 @@ TEST_F(MetadataStreamDoc, SyncPointMakesTheEventSourceSendItsStates)
   EXPECT_TRUE(again);
 }
 
-} /* namespace */
+} // namespace

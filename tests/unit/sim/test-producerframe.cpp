@@ -408,4 +408,4 @@ TEST_F(ProducerFrames, LimitsAreAsDocumented)
   expect_refused(frame_of("{\"a\":\"" + filling + "x\"}"), "it is too long");
 }
 
-} /* namespace */
+} // namespace

@@ -216,4 +216,4 @@ TEST(PtzStatus, EveryViewIsValid)
   EXPECT_FALSE(is_valid_fragment("<tt:PTZ><tt:PTZStatus/></tt:PTZ>")) << "a status without its time";
 }
 
-} /* namespace */
+} // namespace

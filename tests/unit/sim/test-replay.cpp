@@ -193,4 +193,4 @@ TEST(ReplayTest, LineOfMaximumLengthIsNotMadeLonger)
   EXPECT_EQ(next(replay), line);
 }
 
-} /* namespace */
+} // namespace

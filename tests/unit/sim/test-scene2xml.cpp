@@ -481,4 +481,4 @@ TEST_P(SceneChain, OutputIsValid)
 
 INSTANTIATE_TEST_SUITE_P(Plugins, SceneChain, testing::Values(SCENE, RADAR_SCENE));
 
-} /* namespace */
+} // namespace

@@ -19,7 +19,7 @@ operator==(const SceneObject &one, const SceneObject &other)
          one.velocity == other.velocity && one.radar == other.radar;
 }
 
-} /* namespace sim */
+} // namespace sim
 
 namespace
 {
@@ -265,4 +265,4 @@ TEST_F(SceneBuffer, TimesOutsideTheLimitsAreRefused)
   EXPECT_FALSE(is_accepted("(1, -1, [], [])"));
 }
 
-} /* namespace */
+} // namespace

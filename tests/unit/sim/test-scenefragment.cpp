@@ -280,4 +280,4 @@ TEST_F(SceneFragment, SchemaRefusesAnUnknownAttribute)
   EXPECT_FALSE(is_valid_fragment(text));
 }
 
-} /* namespace */
+} // namespace

@@ -75,4 +75,4 @@ TEST(SceneItem, ExampleHasTheSelectedObjects)
   EXPECT_EQ(persons.find("\"Polygon\""), std::string::npos);
 }
 
-} /* namespace */
+} // namespace

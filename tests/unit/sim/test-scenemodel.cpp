@@ -66,4 +66,4 @@ TEST(SceneModel, ObjectAtTheEdgeIsClipped)
   }
 }
 
-} /* namespace */
+} // namespace

@@ -362,4 +362,4 @@ TEST_P(SceneSrc, IgnoresOtherEvents)
 INSTANTIATE_TEST_SUITE_P(Plugins, SceneSrc, testing::Values(SCENE, RADAR_SCENE));
 INSTANTIATE_TEST_SUITE_P(Plugins, RefusedCaps, testing::Values(SCENE, RADAR_SCENE));
 
-} /* namespace */
+} // namespace

@@ -151,4 +151,4 @@ TEST(SettingsTime, ConvertsWorldTimeToTheFirstWallClockTime)
   }
 }
 
-} /* namespace */
+} // namespace

@@ -446,4 +446,4 @@ TEST_F(PtzSrc, EveryBufferIsValid)
   EXPECT_TRUE(is_valid_fragment(EMPTY));
 }
 
-} /* namespace */
+} // namespace

@@ -100,4 +100,4 @@ TEST(TopicExpressionLimits, AreReachable)
   EXPECT_TRUE(TopicExpression::parse(most_paths.c_str(), nullptr)->matches(INPUT));
 }
 
-} /* namespace */
+} // namespace

@@ -397,4 +397,4 @@ TEST(Head, MovesThroughItsWholeRanges)
   }
 }
 
-} /* namespace */
+} // namespace

@@ -41,4 +41,4 @@ TEST_P(ClockSetBack, WaitForASceneIsLimited)
 
 INSTANTIATE_TEST_SUITE_P(Reads, ClockSetBack, testing::Range(0, READS));
 
-} /* namespace */
+} // namespace

@@ -12,7 +12,7 @@ std::atomic<gint64> wall_clock_offset = 0;
 std::atomic<gint64> later_offset = 0;
 std::atomic<int> reads_until_change = NEVER;
 
-} /* namespace */
+} // namespace
 
 void
 set_wall_clock_offset(gint64 offset)
