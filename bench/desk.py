@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The daemon of the system tests, with its bus and the simulated camera, for measurements.
 
 TESSARD_STAGE names a staged installation; without it the build folder that TESSARD_BUILD names (default: build-desk/)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Configures the C library's allocator and returns free memory to the system.
  *
  * By default the allocator raises its mapping threshold with each large block that is freed. Later large

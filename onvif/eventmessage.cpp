@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "eventmessage.h"
 
 #include "metadata.h"

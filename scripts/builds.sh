@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # what the sourcing scripts use looks unused from here
 # The kinds of builds that check and soak test, and what it takes to run them; sourced behind common.sh.

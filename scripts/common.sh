@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the sourcing scripts use the variables
 # The common part of demo, check and soak, which source it under `set -euo pipefail`.

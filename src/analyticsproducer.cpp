@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A producer of analytics data that a client can request.
  *
  * A producer knows its supported channels, and on which of them it is enabled under which configuration name.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The table of the daemon's producers of analytics data.
  *
  * The list's lock is held during the callbacks and during each function called by foreach. It is taken before

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Calls a method on the bus and waits for the reply or a cancellation.
  *
  * The synchronous call of GDBus leaks: if the call is cancelled while its reply arrives, it returns before

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Queries the platform's video capture service for the rotation of a channel's picture. */
 #include "captureservice.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Limits the number of streaming clients, and keeps some places for users without one. A program that
  * connects repeatedly can neither exhaust the machine nor lock out other users.
  *

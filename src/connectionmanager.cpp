@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* One client's pipeline, from its construction until the client's descriptor is closed:
  *
  *   sources -> onvifxmlmetadatastreamdoc -> queue -> gdppay -> fdsink

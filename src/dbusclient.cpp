@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The client of the platform's metadata receiver: it lists the producers that the receiver announces on the
  * bus, and requests streams from them.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Exports the producers on the bus: one object each below the root. The root has GLib's object manager and
  * the interface that changes several producers in one call. GLib stores the objects by path; this component
  * has no table.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Owns the daemon's name on the system bus. The name only makes the control service easy to find: the
  * producers' objects are exported while there is a connection, and clients' streams need neither.
  */

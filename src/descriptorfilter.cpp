@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Refuses file descriptors that peers attach to messages. The kernel installs them in the daemon when a
  * message is read, and a message that waits for the main loop keeps them, so a few peers could use up the
  * daemon's descriptors. No call that the daemon serves and no signal that it subscribes to has descriptors.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Keeps file descriptors free for operations that must not fail.
  *
  * GLib ends the process when it cannot make a main context, which takes a descriptor, and clients and

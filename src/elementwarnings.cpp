@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Logs warnings of the elements in clients' pipelines, for example of a converter about a malformed frame.
  * The stream continues after a warning, so each frame of each client can cause one.
  *

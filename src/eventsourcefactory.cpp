@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes an "onvifeventsrc" element for a request for events. The factory has no state, so several requests
  * can use it at once.
  */

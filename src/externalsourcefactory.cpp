@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* For a request for analytics, makes one source of all external producers that are enabled on its channel: an
  * ExternalSrc merges their streams, and "json2xml" converts them to ONVIF. Other factories make the sources
  * of the built-in producers.

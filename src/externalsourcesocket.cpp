@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Reads one producer's stream into messages (messagecutter.h) and delivers each as a JSON frame.
  *
  * Modes: the descriptor's O_NONBLOCK at its arrival selects how messages are read (docs/compatibility.md,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The source element of a client's external producers. It reads their streams and pushes each frame as one
  * buffer without a time stamp.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Cancels a thread's work for a client when the client hangs up.
  *
  * The watch makes a cancellable the thread's current one, so that source factories can use it without knowing

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Opens the socket on which the server listens. A socket that systemd has passed for the path (socket
  * activation) is used unchanged. Otherwise a new socket is bound, with a mode that lets owner and group
  * connect.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Prepares texts of peers for the log: limits their length and keeps them in one line, so that a peer cannot
  * forge lines of the daemon.
  */

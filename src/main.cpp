@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Start-up, in the order of the steps in main() and run(). */
 #include "analyticsproducerlist.h"
 #include "dbusclient.h"

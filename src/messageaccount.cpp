@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Counts the bytes of producers' messages that clients hold, and decides which client can begin a message.
  *
  * Count: a client holds its unfinished messages, each with its whole allocation from the moment when its

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Cuts a stream of bytes into messages and puts each into its frame. The cutter has no I/O: it tells the
  * reader where to store the next bytes and how many, and the reader reports how many it has stored. So a
  * payload is read directly into its frame.

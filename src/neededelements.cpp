@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Checks at start-up whether the GStreamer elements of clients' pipelines are installed: without the check,
  * only failed requests would show that one is missing. The look-up in the registry loads no plug-in.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Parses the parameters that several kinds of metadata share. The functions keep no state. A bad value sets
  * the error and writes one line to the log.
  *

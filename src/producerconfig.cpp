@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The file that stores on which channels each analytics producer is enabled, and under which configuration
  * name. The file is read once, at start-up. Afterwards the key file in memory is authoritative, and each
  * change replaces the whole file durably. Comments, and changes by other programs, are lost with the next

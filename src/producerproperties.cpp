@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The properties of an external producer, as the metadata receiver announces them on the bus. Type and length
  * of each value are checked when it arrives. A value that fails the check is dropped and its problem is kept,
  * so that an announced object takes a bounded amount of memory.

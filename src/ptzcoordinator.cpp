@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Queries the platform's PTZ coordinator for the movements of the camera's head. */
 #include "ptzcoordinator.h"
 

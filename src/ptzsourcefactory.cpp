@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes a "statuscacheptzsrc" element for a request for pan, tilt and zoom. The factory's field is written
  * before the first request, so several requests can use it at once.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Parses the parameters for pan, tilt and zoom, each of which is one digit. The functions keep no state. A
  * bad value sets the error and writes one line to the log.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes a source of the radar motion tracker's scenes for a request for analytics, and publishes the tracker
  * as a producer. A request can get both video and radar scenes. The two parameters are checked first, also
  * for a request without analytics.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Limits the rate of log lines that peers can cause. An interval begins with a line and has a limited number
  * of them; further lines are suppressed and counted. At the end of the interval the last suppressed line is
  * written with the count of the others, and begins the next interval. So a suppressed line is reported after

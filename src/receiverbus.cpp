@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Connects to the bus of the metadata receiver, which is the system bus, and keeps the connection.
  *
  * Connecting does not block. A failed attempt is repeated, after a time that doubles with each failure. An

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The calls to the metadata receiver's objects, in one queue.
  *
  * The bus limits the pending calls of a connection and refuses more, and bursts of clients request far more

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Requests streams of external producers from the metadata receiver.
  *
  * Any thread can make a request. The main loop queues the call among the receiver's other calls. The reply

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Watches the objects of the platform's metadata receiver and reports changes.
  *
  * GLib's client for object managers is not used: it makes a main context on the main thread for each new

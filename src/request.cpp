@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Parses the text of one request: the line "OPEN\n", header lines "key=value" and an empty line. Line ends
  * are those that GLib's line reader detects: a line feed, a carriage return with or without a line feed, a
  * NUL, a paragraph separator, and the end of the stream after a last line.

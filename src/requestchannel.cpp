@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The channel between a pool thread and one client. It reads the request's text from memory, where a
  * RequestReader has collected it, so reading never blocks and GLib's line reader can read ahead. It writes
  * the reply to the socket.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Collects the text of one client's request on the main loop, so that no thread waits for a client.
  *
  * Bytes after the request belong to the stream, for which another component reads the same descriptor. A turn

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Converts a producer's sample frame from JSON to ONVIF XML, with the element that also converts the
  * producer's data. Each call makes its own pipeline for one buffer, so any number of threads can convert at
  * the same time.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Converts sample frames in order, each on its own thread and a few at a time.
  *
  * The thread owns some fields of a conversion until it returns them through the main loop; the main thread

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Queries whether the platform's video scene manager has scenes. */
 #include "scenemanager.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The common code of the factories of scenes. It publishes a built-in producer, checks whether the producer
  * is enabled on a channel, and builds the bin for one channel:
  *

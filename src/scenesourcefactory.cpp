@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes a source of the video motion tracker's scenes for a request for analytics, and publishes the tracker
  * as a producer.
  *

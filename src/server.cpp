@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Accepts clients, reads their requests and starts their streams. The main thread accepts connections and
  * reads requests. Two pool threads request sources from the factories and prepare the pipelines. A
  * ConnectionManager takes over a connection whose request succeeds.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The interface between the server and the kinds of metadata that the daemon produces. The server does not
  * depend on kinds, and a factory does not depend on clients. A factory declines with NULL and no error, and
  * fails with NULL and an error.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Finds "SYNC\n" lines in a client's input after "OK". The input arrives in pieces of any size, and a line
  * can be endless. The scanner therefore stores no line. It stores how many bytes of the current line match
  * "SYNC\n", and the bytes of an incomplete character.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Calls services on the system bus and waits for their replies. GLib shares one connection among all users,
  * makes a new one when there are no references to it, and by default ends the process when the bus goes away.
  * That is switched off here: clients that stream do not need the bus.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes the daemon usable from a terminal. */
 #include "terminal.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The outcome of one request, for the unit tests and the fuzz targets that read requests. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Waits for saves of the producers' file, for the unit tests and the fuzz targets. */
 #pragma once
 

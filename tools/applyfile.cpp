@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The file of "tessardctl apply", in the form that "tessardctl producers --json" prints: an array of
  * producers, each with an array of channels.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The command lines of the commands that call the daemon over the bus.
  *
  * The daemon validates names and channels. A usage error is only what the bus cannot carry, and a

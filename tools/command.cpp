@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The common part of all commands: one error domain, whose codes are exit statuses, and one way to report
  * errors.
  */

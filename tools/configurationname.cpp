@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The name of a configuration, as the daemon copies it into each frame of an external producer: inside a JSON
  * string, without any escaping (docs/producers.md). A name with a character that JSON escapes makes every
  * such frame malformed, and the daemon accepts it all the same.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Connects to the daemon's socket, sends the request and reads the reply.
  *
  * The reply ends with a NUL and the stream follows without a gap, often in the same packet. Each read

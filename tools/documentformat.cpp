@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Formats a metadata document: on one line, unchanged otherwise, or indented for people. Both end with a line
  * break. Documents are not trusted: parsing one opens no file and no connection.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A reader of JSON that can say where in the text a fault is, and that accepts nothing but JSON.
  *
  * Errors have the form "line L, column C: REASON". Lines and columns count from 1, columns in characters.

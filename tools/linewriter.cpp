@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "linewriter.h"
 #include "command.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Start-up of tessardctl: finds the command and passes it the rest of the command line. Each command parses
  * its own options and is one row of the table below.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* "tessardctl monitor": prints a line for each change of the producers.
  *
  * Producers are identified by object path. When the daemon appears, the monitor subscribes to the signals of

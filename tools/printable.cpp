@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Makes untrusted text safe for a terminal and for line-based tools: no character of the result moves the
  * cursor, starts a line or changes the direction of the text around it.
  */

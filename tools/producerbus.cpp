@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Calls of the daemon, on the system bus or on the bus of --bus.
  *
  * Every wait is bounded. A call never activates the daemon, because only a running one has producers. The

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The commands with one request: to list producers, and to enable and disable them.
  *
  * Each parses its command line, connects, calls the daemon and prints, and stops at the first of these that

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Reads the producers from the daemon's replies and signals. The type of each value is checked, and their
  * number is bounded.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Formats producers for people and for programs. A table has one line for each channel of a producer, and no
  * control character, whatever the texts of the bus contain.
  */

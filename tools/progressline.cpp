@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "progressline.h"
 
 #include <algorithm>

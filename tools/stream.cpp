@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* "tessardctl stream": requests metadata from the daemon and writes each document.
  *
  * Three threads take part. The main thread runs the main loop with everything that can end the stream:

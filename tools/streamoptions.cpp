@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The options of "tessardctl stream" and the request that they form.
  *
  * The daemon validates the request. A usage error is only a value that does not fit one header line, and a

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "json2xml.h"
 
 #include "metadata.h"
@@ -219,5 +220,5 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml,
-                  "External producers of the simulated camera", plugin_init, VERSION, GST_LICENSE_UNKNOWN,
-                  PACKAGE, "tessard")
+                  "External producers of the simulated camera", plugin_init, VERSION, "MIT/X11", PACKAGE,
+                  "tessard")

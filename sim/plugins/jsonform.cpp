@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "jsonform.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "onvifeventsrc.h"
 
 #include "contentfilter.h"
@@ -338,4 +339,4 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifeventsrc, "Events of the simulated camera",
-                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")

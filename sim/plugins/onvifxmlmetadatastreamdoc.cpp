@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "onvifxmlmetadatastreamdoc.h"
 
 #include "metadata.h"
@@ -416,5 +417,4 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifxmlmetadatastreamdoc,
-                  "Documents of the simulated camera", plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE,
-                  "tessard")
+                  "Documents of the simulated camera", plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producerfragment.h"
 
 #include "metadata.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producerframe.h"
 
 #include "jsonform.h"

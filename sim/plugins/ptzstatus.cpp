@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ptzstatus.h"
 
 #include <array>

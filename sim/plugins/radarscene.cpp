@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sceneplugin.h"
 
 namespace
@@ -31,4 +32,4 @@ plugin_init(GstPlugin *plugin)
 } // namespace
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, radarscene, "Radar scenes of the simulated camera",
-                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")

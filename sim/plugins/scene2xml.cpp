@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scene2xml.h"
 
 #include "metadata.h"

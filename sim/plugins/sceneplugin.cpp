@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sceneplugin.h"
 
 #include "scene2xml.h"

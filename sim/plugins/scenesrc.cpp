@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scenesrc.h"
 
 #include "scenebuffer.h"

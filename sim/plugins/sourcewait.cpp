@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sourcewait.h"
 
 #include "metadata.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "statuscacheptz.h"
 
 #include "metadata.h"
@@ -344,4 +345,4 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, statuscacheptz, "PTZ status of the simulated camera",
-                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")

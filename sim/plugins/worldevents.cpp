@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "worldevents.h"
 
 #include <string>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "inputfeed.h"
 
 #include "sceneitem.h"

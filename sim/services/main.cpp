@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* simcamera, which runs the simulated camera's D-Bus services, and "simcamera tell", which controls a running
  * one.
  */

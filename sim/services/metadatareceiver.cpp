@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "metadatareceiver.h"
 
 #include "inputfeed.h"

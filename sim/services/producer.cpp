@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producer.h"
 
 #include "bus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producerinterface.h"
 
 #include "bus.h"

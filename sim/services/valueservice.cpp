@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "valueservice.h"
 
 #include "bus.h"

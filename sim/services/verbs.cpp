@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "verbs.h"
 
 /* A table of the verbs that control the camera. A verb that fails changes nothing; one that succeeds has

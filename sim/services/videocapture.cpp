@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "videocapture.h"
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ground.h"
 
 #include <cmath>

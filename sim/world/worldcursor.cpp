@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "worldcursor.h"
 
 namespace sim

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A file of arbitrary bytes for "tessardctl apply": it yields either an error with line and column, or a
 // request that the bus can carry. A JSON library makes the same request of an accepted file.
 #include "applyfile.h"

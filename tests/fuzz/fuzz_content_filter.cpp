@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A content filter of arbitrary bytes, compiled and evaluated on one message of each topic.
 #include "contentfilter.h"
 #include "fuzz.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Messages of arbitrary bytes pass the filter that keeps descriptors out. A simple model predicts whether a
 // message passes, is dropped or becomes an error, and which reply the sender gets. Some messages are parsed
 // as GDBus parses received ones, others are built from the parts that the filter checks; the latter include

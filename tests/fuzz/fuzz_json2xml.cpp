@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Arbitrary bytes from a producer, in the daemon's frame or as a whole frame: the frame is either left out
 // with a reason, or written as XML with the producer's own name and within the limits.
 #include "fuzz.h"

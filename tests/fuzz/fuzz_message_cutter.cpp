@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The message cutter cuts a stream of messages that arrives in pieces; a simple model cuts the whole stream.
 // An input has the modes, the length of a turn, and the pieces.
 #include "fuzz.h"

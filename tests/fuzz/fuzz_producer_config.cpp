@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Two lines, a producer's name and a configuration name for it, and then a producers' file of arbitrary
  * bytes. GLib reads its groups and values; a simple model interprets them.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Calls of both methods of the control service with arbitrary arguments of the right type, over a connection
  * without a bus. A simple model predicts which calls fail, with which error, and what the others change.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The properties of one producer from the metadata receiver: their first values, changed values, and the
  * names of invalidated ones, each as the bytes of a GVariant from the bus. The first two have their length in
  * two bytes in front. A simple model predicts the resulting properties.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Arbitrary messages from the metadata receiver to its whole client. This program plays the bus and the
  * receiver on one connection to the client. Unlike the receivers of the other tests it needs no dbus-daemon,
  * which would take most of the time, and it sends bodies of wrong types.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A request of arbitrary bytes, collected and parsed as the server does it. A simple model predicts the reply
 // text or the parameters, and which bytes remain unread for the stream.
 #include "fuzz.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A scene of arbitrary bytes for a converter: it is refused, or within the limits of the format and written
 // as XML.
 #include "fuzz.h"

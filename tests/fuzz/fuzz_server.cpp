@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Several clients of one server, from connection to end: an input is a script of what they send and when they
 // leave. A simple model predicts the reply of each client. All inputs use the same server, whose descriptors
 // are all closed after each input.

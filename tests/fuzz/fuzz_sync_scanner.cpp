@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A client's input after its request, in pieces of any size. A model splits the whole input into lines and
 // characters.
 #include "fuzz.h"

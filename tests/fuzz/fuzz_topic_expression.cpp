@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A topic expression of arbitrary bytes and, after the last line feed, a topic to match.
 #include "fuzz.h"
 #include "topicexpression.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A producers' file in memory. No file can be created in its folder, so every save fails.
 #pragma once
 

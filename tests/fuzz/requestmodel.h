@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A simple model of requests, for the targets that send them.
 #pragma once
 

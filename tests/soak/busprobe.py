@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Calls two peers on the bus periodically, and prints the latencies of their replies once a second: BUS-ADDRESS.
 
 Calls are sent on time even if earlier ones have no reply, so the whole duration of a hang is measured. This is a

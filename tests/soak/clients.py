@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Clients of every kind: correct ones, with the metadata that they must receive, and ones that violate the protocol."""
 
 import asyncio

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The criteria of a soak, each with its figure and its limit. docs/soak.md has the reasons."""
 
 import dataclasses

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """The load of a soak, one process: SOCKET BUS-ADDRESS SEED PATIENCE [warm-up].
 
 It runs until its standard input ends, and prints a report once a second, as JSON. With "warm-up" it runs one client of

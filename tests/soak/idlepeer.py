@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """A peer on the bus without work, to compare the daemon's latencies with: BUS-ADDRESS."""
 
 import sys

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The common part of the load: random numbers, counters, failures, and waiting."""
 
 import asyncio

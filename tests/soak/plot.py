@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Draws the plot of a soak as SVG: one panel for each figure, over the time of the run."""
 
 import math

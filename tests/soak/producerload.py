@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The metadata receiver of the soak: correct, faulty and transient producers; restarts and hangs of the receiver."""
 
 import asyncio

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The measurements of a soak: a record every RECORD_SECONDS, and the whole run with the figures of all criteria. Both
 are saved, so that a run can be evaluated again."""
 

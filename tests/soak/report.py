@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The output of a soak: its summary, its plot, and the figures of the docs."""
 
 import pathlib

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Runs a soak over a staged installation (TESSARD_STAGE), or writes the docs from the records of earlier ones; see
 docs/soak.md."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Storms of changes to producers, and the check of the state after each storm."""
 
 import asyncio

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Starts a program as systemd's socket activation does: activation.py PATH,... NAME=VALUE... -- COMMAND...
 
 Listens at every path, also several times at the same one, and then runs the command in this very process, with these

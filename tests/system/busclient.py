@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A client on the private bus, which makes one call at a time."""
 
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A client that shares no code with the daemon: requests and replies over a plain socket, streams through GStreamer's
 depayloader."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The fixtures of the system tests.
 
 The daemon comes from a staged installation: TESSARD_STAGE names its root; without it the tests stage the build folder

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A client on the bus that lists, enables and disables the daemon's producers."""
 
 from gi.repository import GLib

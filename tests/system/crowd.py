@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Clients of another user, or of the testing user, that connect to the daemon and keep their connections."""
 
 import ast

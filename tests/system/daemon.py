@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The shipped daemon as a process, with its log lines, its standard error and its exit status.
 
 A test must take each log line after the start and all text on standard error, and the daemon must run until the test

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ONVIF metadata documents: each received document is parsed, and validated if the official schemas are available."""
 
 import datetime

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """External producers: their messages, and the frames of these that clients receive."""
 
 import datetime

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The daemon's side of the client protocol, one step at a time.
 
 A test starts the client and then makes each step of the connection: accept it, read the request, send the reply, send

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A fake of the platform's metadata receiver, for the system tests and the soak: its producers send the bytes that a
 test writes, and the test can replace or delay each reply. Tests that need correct producers only use the simulated
 camera."""

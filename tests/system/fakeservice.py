@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A fake of the daemon's control service, whose replies a test can replace; and the base of all fake services."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The staged installation under test and its environment: the daemon's user, folders that this user can access,
 selected GStreamer plug-ins and a private system bus."""
 

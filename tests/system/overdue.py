@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Operations that only a time-out ends: incomplete requests, a start whose call of the PTZ coordinator gets no reply, a
 metadata receiver that is silent for long, and tessardctl's calls of a daemon that never replies."""
 

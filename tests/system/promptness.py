@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Time limits for the service of one client while others keep the daemon busy."""
 
 import statistics

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A client of the metadata receiver: the producers on the bus, their signals and their streams."""
 
 import json

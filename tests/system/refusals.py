@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The replies to requests with wrong values, character for character."""
 
 from client import header

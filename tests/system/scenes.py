@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Scenes of the video and of the radar: their differences, and the movement of their objects."""
 
 import itertools

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The simulated camera's services, a program on a private bus, with its verbs as methods."""
 
 import datetime

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl as a process. TESSARDCTL names the program under test."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Listening sockets of systemd's socket activation."""
 
 import os

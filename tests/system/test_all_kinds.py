@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every kind of metadata in one stream: events, PTZ status, both kinds of scenes and the detections of an external
 producer, all of one simulated world."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The tables of limits in the documentation: they have each limit of the headers with its value, and no other one."""
 
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Many clients, and clients that violate the protocol: all others are served, and no resource leaks."""
 
 import concurrent.futures

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """docs/compatibility.md: each entry that a comment names is on the page, and each test that the page names exists."""
 
 import re

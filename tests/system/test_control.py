@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The control service on the bus: changes of producers, their storage, and the daemon without a bus."""
 
 import threading

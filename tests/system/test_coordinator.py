@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The PTZ coordinator, which the daemon calls at its start for the move capabilities. The daemon starts after every
 outcome of the call, and logs one line with the reason if the capabilities are unknown."""
 

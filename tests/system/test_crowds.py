@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Crowds of clients: slow and silent ones do not delay others, and streaming ones leave places for others."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The demo: its options, its output, its services for other terminals, and its end, which leaves no process or file."""
 
 import contextlib

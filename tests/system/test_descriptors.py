@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Peers on the bus that attach file descriptors to all messages to the daemon."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Requests for the metadata of external producers: the selected producers, the sources of their frames, and streams
 without any."""
 

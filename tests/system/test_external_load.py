@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """External producers with many messages to several clients, and clients that leave before their streams arrive."""
 
 import concurrent.futures

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The daemon's memory for producers' messages: its limits, its time-out and its release."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The list of external producers: correct and wrong announcements of the metadata receiver, and its absence."""
 
 import signal

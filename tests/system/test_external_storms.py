@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """External producers and their receiver under stress: crowds, bursts, lack of descriptors, data that is too long or has
 a wrong type, and a converter that hangs. The daemon keeps running and loses nothing that is within its limits."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The streams of external producers: their requests, the arrival of messages, and bad streams, which do not affect
 others."""
 

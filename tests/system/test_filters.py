@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The event filters of a request, from the header line to the events that arrive."""
 
 import itertools

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The check of the floors: refused includes, and differences between the table and the files."""
 
 import subprocess

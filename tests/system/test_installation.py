@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The contents of an installation."""
 
 import json

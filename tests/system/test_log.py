@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The system log: clients control neither the length nor the number of its lines."""
 
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Platform elements that fail: the reply to the client of such an element, and the release of all resources."""
 
 import concurrent.futures

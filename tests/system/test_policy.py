@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The rights of each user on a bus with the installed policy."""
 
 import subprocess

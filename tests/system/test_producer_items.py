@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The items of external producers: the installed converter and the JSON Schema accept the same items, and the examples
 in docs/producers.md are correct."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The producers' file at the daemon's start."""
 
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The PTZ status: the parts that a request selects, and changes during movement."""
 
 import datetime

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Radar scenes: their differences from video scenes."""
 
 import itertools

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Requests and replies, byte for byte."""
 
 import pytest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The producers' file: failed writes, and a daemon that is killed during a storm of changes."""
 
 import concurrent.futures

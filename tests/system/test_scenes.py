@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Scenes: the parts that a request selects, requests without scenes, and the daemon's calls of the platform. Tests of
 common behaviour run for video and radar scenes."""
 

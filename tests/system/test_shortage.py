@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Lack of descriptors: each client is served or refused, and the daemon serves all clients when it has enough again.
 And the documented resources of a client of each kind, on which the limits of the service are based."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The demo's output for a client's stream."""
 
 import re

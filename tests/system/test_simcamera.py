@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The simulated camera's services: their replies, injected faults, and verbs."""
 
 import signal

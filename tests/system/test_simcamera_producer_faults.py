@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Faults of the simulated camera's producers: wrong properties, injected replies, and refused verbs."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The simulated camera's metadata receiver: its built-in producers, changes of producers, and the kinds of streams."""
 
 import json

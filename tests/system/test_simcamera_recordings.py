@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The simulated camera's producers of recordings: files, and standard input."""
 
 import json

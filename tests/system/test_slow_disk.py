@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Other clients are served while a call waits for a disk whose syncs take 300 ms each."""
 
 import threading

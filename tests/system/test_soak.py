@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The evaluation of a soak: each criterion can fail, and the records are saved and drawn correctly. The soak itself
 runs by hand."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The daemon's start and end: identity, options, run folder, log and signals."""
 
 import contextlib

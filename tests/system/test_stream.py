@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The stream after "OK": documents, sync points, and the end."""
 
 import itertools

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl apply, with a fake control service."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The completions of bash and zsh for tessardctl."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl's commands that use the bus, with the daemon."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl monitor, with a fake control service."""
 
 import os

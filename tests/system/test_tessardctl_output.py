@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl stream: its output and its progress line, with a fake daemon."""
 
 import contextlib

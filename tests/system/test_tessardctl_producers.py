@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl producers, show, enable and disable, and what these share with apply, with a fake control service."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl stream: the connection, the request and the reply, with a fake daemon."""
 
 import contextlib

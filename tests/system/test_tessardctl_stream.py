@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl stream: the end of a stream, sync points and malformed streams, with a fake daemon."""
 
 import errno

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """tessardctl's command line, its help and its man page."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The check with clang-tidy: what it finds in files that it checks together, and that it never takes a changed file for
 one that has passed."""
 

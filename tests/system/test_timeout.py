@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Time-outs of requests, of the platform's replies, and of tessardctl's calls. All of them start in earlier tests."""
 
 from overdue import CALL_SECONDS, CHANGE_SECONDS, PATIENCE_SECONDS, TIMEOUT_SECONDS, TOLERANCE_SECONDS, OverdueCalls

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Waits for conditions, always with a time limit; and suspends other processes."""
 
 import contextlib

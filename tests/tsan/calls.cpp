@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Hand-overs to the main context that gets the reply to a D-Bus call: all that precedes the call happens
 // before its callback. GDBus' thread and the library's tasks are in between.
 #include "real.h"

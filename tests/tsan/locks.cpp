@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // GLib's locks: some are futexes, which the sanitizer does not see; the others are POSIX locks inside the
 // library, which is not instrumented.
 #include "real.h"

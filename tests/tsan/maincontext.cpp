@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Hand-overs to the thread that runs a main context: all that precedes the attachment of a source, or a new
 // ready time, happens before the source's callback; the callback happens before the data is freed and before
 // the main loop returns.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The order of reference counts: all that a thread does with an object before it drops its reference happens
 // before the thread that drops the last reference frees the object. A reference that is not the last is
 // dropped here, so that the thread with the last one follows all other releases. The libraries would also

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Tests that ThreadSanitizer reports races and accepts correct hand-overs. Each case runs in its own process,
 // which exits with the sanitizer's status after a report.
 #include "selftest.h"

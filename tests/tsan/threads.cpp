@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Hand-overs between threads under GLib's own locks: thread pools, queues and one-time initialisation. The
 // sanitizer gets exactly the order that the lock inside makes.
 #include "real.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Injected faults: failures of the system and of libraries that a test cannot cause from outside. The linker
  * replaces the functions (the "--wrap" arguments in meson.build) in the daemon's components and in the tests,
  * but not in libraries.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A caller of the daemon's components that is written in C. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "analyticsproducerlist.h"
 
 #include "producerconfig.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "buscall.h"
 
 #include "testbus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "captureservice.h"
 
 #include "systembus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "clientplaces.h"
 
 #include "testhost.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "connectionmanager.h"
 
 #include "testconnection.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testdbusclient.h"
 
 #include "producerproperties.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "dbusproducermanager.h"
 
 #include "faults.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "dbusserver.h"
 
 #include "captureservice.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "descriptorfilter.h"
 
 #include "ratelimitedlog.h"

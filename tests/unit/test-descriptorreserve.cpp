@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "descriptorreserve.h"
 
 #include "testhost.h"

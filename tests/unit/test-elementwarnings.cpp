@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "elementwarnings.h"
 
 #include "logtext.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "eventsourcefactory.h"
 
 #include "testelements.h"

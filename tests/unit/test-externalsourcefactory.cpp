@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "externalsourcefactory.h"
 
 #include "dbusclient.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testexternalsocket.h"
 
 #include <array>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "externalsrc.h"
 
 #include "externalsourcesocket.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "hangupwatch.h"
 
 #include "testclient.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "headers.h"
 
 #include "syncscanner.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "listeningsocket.h"
 
 #include "faults.h"

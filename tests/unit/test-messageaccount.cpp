@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "messageaccount.h"
 
 #include "testhost.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "messagecutter.h"
 
 #include "faults.h"

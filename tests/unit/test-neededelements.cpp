@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "neededelements.h"
 
 #include "testelements.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "optionvalidation.h"
 
 #include "logtext.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producerconfig.h"
 
 #include "testproducerconfig.h"

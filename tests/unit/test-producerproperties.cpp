@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "producerproperties.h"
 
 #include "testhost.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ptzcoordinator.h"
 
 #include "testbus.h"

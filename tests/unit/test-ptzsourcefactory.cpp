@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ptzsourcefactory.h"
 
 #include "optionvalidation.h"

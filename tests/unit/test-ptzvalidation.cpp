@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ptzvalidation.h"
 
 #include "testfactory.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "radarscenesourcefactory.h"
 
 #include "optionvalidation.h"

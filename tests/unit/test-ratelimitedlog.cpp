@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "ratelimitedlog.h"
 
 #include "testhost.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "receiverbus.h"
 
 #include "descriptorreserve.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "receivercalls.h"
 
 #include "descriptorreserve.h"

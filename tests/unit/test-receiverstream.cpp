@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "receiverstream.h"
 
 #include "testreceiver.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "receiverwatch.h"
 
 #include "testbus.h"

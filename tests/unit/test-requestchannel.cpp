@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "requestchannel.h"
 
 #include "requestoutcome.h"

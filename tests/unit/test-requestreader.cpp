@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "requestreader.h"
 
 #include "faults.h"

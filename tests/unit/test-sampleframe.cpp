@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sampleframe.h"
 
 #include "externalsourcesocket.h"

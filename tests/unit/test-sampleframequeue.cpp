@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sampleframequeue.h"
 
 #include "descriptorreserve.h"

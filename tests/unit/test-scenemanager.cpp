@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scenemanager.h"
 
 #include "systembus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* What both factories of scenes do alike. */
 
 #include "scenesource.h"

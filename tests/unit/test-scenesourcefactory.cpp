@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scenesourcefactory.h"
 
 #include "faults.h"

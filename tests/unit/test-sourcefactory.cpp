@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sourcefactory.h"
 
 #include "logtext.h"

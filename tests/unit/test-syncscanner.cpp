@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "syncscanner.h"
 
 #include "testhost.h"

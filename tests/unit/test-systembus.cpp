@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "systembus.h"
 
 #include "descriptorfilter.h"

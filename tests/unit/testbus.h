@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A private message bus in place of the system bus, with services whose replies a test selects.
  *
  * Each service has a thread, so that a test can make synchronous calls and can delay a reply.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testclient.h"
 
 #include "testhost.h"

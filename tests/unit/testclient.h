@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The client's end of a connection. No function blocks; those that wait run the default main context, within
  * a bound.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* One client of a connection manager, and the fixture of the manager's tests. */
 #pragma once
 

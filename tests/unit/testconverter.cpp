@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testconverter.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A stand-in for the platform's converter "json2xml" with selectable behaviour, registered in this process.
  */
 #pragma once

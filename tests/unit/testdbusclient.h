@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The client of the metadata receiver with its list, a receiver and a bus of its own. */
 #pragma once
 

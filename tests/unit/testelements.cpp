@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testelements.h"
 
 #include "testlist.h"

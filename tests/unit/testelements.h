@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Stand-ins for the platform's elements, registered in this process and controlled by the tests. Elements of
  * GStreamer itself are real.
  */

@@ -1,5 +1,6 @@
-/* An external source socket with its callbacks, the producer that writes to it, and the fixture of the socket's
- * tests. */
+/* SPDX-License-Identifier: MIT */
+/* An external source socket with its callbacks, the producer that writes to it, and the fixture of the
+ * socket's tests. */
 #pragma once
 
 #include "externalsourcesocket.h"

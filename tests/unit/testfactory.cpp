@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testfactory.h"
 
 #include "logtext.h"

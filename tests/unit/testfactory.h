@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A source factory that a test controls, and the checks of what a factory under test returns. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testfailingelements.h"
 
 #include "testelements.h"

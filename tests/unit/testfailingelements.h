@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Elements that fail a state change or cannot be used, and factories that are missing or make such elements.
  */
 #pragma once

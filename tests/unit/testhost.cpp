@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testhost.h"
 
 #include "ratelimitedlog.h"

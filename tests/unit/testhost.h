@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The fixture of every unit test.
  *
  * It records all log lines of the code under test, of syslog and of GLib. A test takes the lines that it

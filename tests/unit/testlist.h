@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A list to which any thread appends, until a test takes the items. */
 #pragma once
 

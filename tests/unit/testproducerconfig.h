@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The fixture of the tests of the producer configuration: a file in a folder of its own, its content, and the
  * log lines and calls of its saves.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The fixture of the tests of the control service: a producer configuration and list, the service's
  * connection to a private bus, and a tool that calls it from there.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testproducers.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Producers of the tests and their properties. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testreceiver.h"
 
 #include "systembus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The platform's metadata receiver on the private bus, with selectable objects, properties and replies. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testrecordingelements.h"
 
 #include "testlist.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Elements that only record what is set on them: "statuscacheptzsrc", "scenesrc", "scene2xml",
  * "radarscenesrc", "radarscene2xml" and "json2xml".
  */

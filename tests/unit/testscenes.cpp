@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "testscenes.h"
 
 #include "producerconfig.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The fixture of the tests of both scene factories: a producer configuration, a producer list and a bus with
  * the capture service. For each factory, its names and texts.
  */

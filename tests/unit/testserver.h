@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The server with a socket in the test's own folder, its clients and its factories. */
 #pragma once
 

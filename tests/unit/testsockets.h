@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Listening sockets of the tests, and what systemd passes to a service. */
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A producer's end of a stream, which sends messages or single bytes. */
 #pragma once
 

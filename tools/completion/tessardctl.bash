@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Completion for tessardctl in bash. Producers and their channels come from the bus; without a reply in time there are
 # none. Text from the bus is only compared and quoted, never evaluated.

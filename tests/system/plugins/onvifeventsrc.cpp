@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A fake of the simulated camera's "onvifeventsrc" that fails on command. Only this plug-in reads the
  * variables:
  *
@@ -167,4 +168,4 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifeventsrc, "Events that fail", plugin_init,
-                  VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  VERSION, "MIT/X11", PACKAGE, "tessard")

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * Functions of the C library that system tests replace in the shipped daemon, with LD_PRELOAD:
  *

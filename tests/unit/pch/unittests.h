@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Precompiled for the unit tests: the headers of libraries that most of them include. Each test includes what
  * it uses all the same, because a build with b_pch=false has nothing else. */
 #include <algorithm>

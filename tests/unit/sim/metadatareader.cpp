@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "metadatareader.h"
 
 #include "xml.h"

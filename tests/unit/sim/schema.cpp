@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "schema.h"
 
 #include "xml.h"

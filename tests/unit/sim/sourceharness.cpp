@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sourceharness.h"
 
 #include "metadatareader.h"

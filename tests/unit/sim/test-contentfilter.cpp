@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "contentfilter.h"
 
 #include "hostiletext.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "hostiletext.h"
 #include "metadata.h"
 #include "metadatalimits.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "linesplitter.h"
 
 #include <gtest/gtest.h>

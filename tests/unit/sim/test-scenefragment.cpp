@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scenefragment.h"
 
 #include "metadatareader.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "sceneitem.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "scenesequence.h"
 #include "wallclock.h"
 #include "worldcursor.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 #include "wallclock.h"
 
 #include <atomic>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Precompiled for the unit tests of the simulated camera, see ../../pch/unittests.h. */
 #include <algorithm>
 #include <functional>
