@@ -544,7 +544,7 @@ def test_converter_that_hangs_affects_its_producer_alone(installation, receiver,
     threads = daemon.threads()
     folder = workspace.folder()
     (folder / "hang").touch()
-    # They would occupy both places for ever.
+    # They would occupy both places until the test ends.
     stuck = [receiver.add(f"stuck{number}", sample=f'{{"hang":"{folder}/hang"}}') for number in range(2)]
     receiver.add(DETECTOR)
     wait_until(lambda: len(daemon.log.lines) >= len(stuck), "they are abandoned", CONVERSION_SECONDS + 20)

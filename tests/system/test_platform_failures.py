@@ -96,7 +96,7 @@ def test_source_that_does_not_stop(start_failing, change, works, times, leave):
     count = come_and_go(daemon, leave)
 
     assert daemon.log.take(count) == [NOT_STOPPED_LINE] * count
-    # A source that refuses for ever may keep its own thread, unless it has stopped it.
+    # A source that always refuses may keep its own thread, unless it has stopped it.
     stopped = change == "READY->NULL" or (change == "PAUSED->READY" and works)
     expect_nothing_left(daemon, threads + (count if times == FOR_EVER and not stopped else 0))
     expect_service(daemon)

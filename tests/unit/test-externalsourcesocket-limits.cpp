@@ -266,7 +266,7 @@ TEST_F(ExternalSourceSocketTest, ReadsAMessageInFewTurnsBesideManyIdleStreams)
 
   for (int round = 0; round < 3; round++) {
     {
-      /* A socket that ends within its message no longer takes a share. */
+      /* A socket that ends within its message takes no share afterwards. */
       const Reader ended(open_file_with_message(payload, 0));
       g_main_context_iteration(nullptr, FALSE);
     }

@@ -136,7 +136,7 @@ test_converter_chain(GstPad *, GstObject *parent, GstBuffer *buffer)
   return convert(self, text);
 }
 
-/* Whatever the state, a pipeline with one such element gives its answer. */
+/* In each state, a pipeline with one such element gives the answer of that element. */
 static GstStateChangeReturn
 test_converter_change_state(GstElement *element, GstStateChange transition)
 {

@@ -24,7 +24,7 @@ using Params = std::vector<std::pair<std::string, std::string>>;
 /* A request's parameters as a factory gets them. The caller owns the table. */
 GHashTable *make_params(const Params &params);
 
-/* What a factory returns for one request. This object owns the source, which no longer floats. */
+/* What a factory returns for one request. This object owns the source and has sunk its floating reference. */
 class Result
 {
 public:
