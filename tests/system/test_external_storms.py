@@ -528,6 +528,8 @@ def test_long_properties_leave_little_in_memory(receiver, start_listing_daemon, 
     before = daemon.private_bytes()
     for name in itertools.islice(itertools.cycle(("NiceName", "Name", "Unknown")), FLOOD_CHANGES):
         receiver.emit_changed(detector.path, PRODUCER, {name: GLib.Variant("s", "x" * FLOOD_CHANGE_BYTES)})
+        # The bus drops messages for a daemon that has too many unread ones; this waits until the change is read.
+        control.objects()
     receiver.add(COUNTER)
     wait_until_listed(control, DETECTOR, COUNTER)
 

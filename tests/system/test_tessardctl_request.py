@@ -223,12 +223,12 @@ def test_socket_without_a_listener(run_tessardctl, fake_daemon):
     (0o660, "Permission denied; only root and members of the group 'games' can"),
     (0o600, "Permission denied"),
 ])
-def test_socket_of_another_group(run_tessardctl, workspace, mode, reason):
+def test_socket_of_another_group(run_tessardctl, installation, workspace, mode, reason):
     daemon = FakeDaemon(workspace.folder() / "metadata")
     shutil.chown(daemon.path, group="games")
     os.chmod(daemon.path, mode)
     result = run_tessardctl("stream", "--event", "--socket", daemon.path, cwd="/", user="daemon", group="daemon",
-                            extra_groups=[])
+                            extra_groups=[], env=installation.sanitizer_environment())
     assert result == no_connection(daemon.path, reason)
     daemon.close()
 
