@@ -19,7 +19,7 @@ gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
 from daemon import Daemon  # noqa: E402
-from installation import SIMULATED_PLUGINS, Bus, Installation, Workspace, make_stage  # noqa: E402
+from installation import ALL_PLUGINS, Bus, Installation, Workspace, make_stage  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 
 
@@ -41,7 +41,7 @@ def running_daemon(producers, *camera_options, verbs=()):
         camera.wait_until_ready()
         for verb in verbs:
             camera.tell(*verb)
-        daemon = Daemon(installation, bus, plugins=SIMULATED_PLUGINS, producers=producers, coordinator_line=None)
+        daemon = Daemon(installation, bus, plugins=ALL_PLUGINS, producers=producers, coordinator_line=None)
         running.callback(daemon.finish)
         daemon.wait_until_ready()
         yield daemon, bus

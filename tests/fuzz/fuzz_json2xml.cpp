@@ -13,9 +13,9 @@
 namespace
 {
 
-using sim::ProducerFrame;
-using sim::ProducerItem;
-using sim::ProducerObject;
+using plugins::ProducerFrame;
+using plugins::ProducerItem;
+using plugins::ProducerObject;
 
 constexpr const char *SOURCE = "fuzz";
 constexpr size_t MAX_PIECES = 5;
@@ -40,12 +40,13 @@ check_object(const ProducerObject &object)
   if (object.centre.has_value())
     require_in_picture(object.centre->x, object.centre->y);
   fuzz::require(object.polygon.empty() ||
-                    (object.polygon.size() >= 3 && object.polygon.size() <= sim::PRODUCER_POINTS_MAX),
+                    (object.polygon.size() >= 3 && object.polygon.size() <= plugins::PRODUCER_POINTS_MAX),
                 "polygons are polygons");
   for (const onvif::Point &point : object.polygon)
     require_in_picture(point.x, point.y);
   if (object.type.has_value())
-    fuzz::require(!object.type->empty() && g_utf8_strlen(object.type->c_str(), -1) <= sim::PRODUCER_TYPE_MAX,
+    fuzz::require(!object.type->empty() &&
+                      g_utf8_strlen(object.type->c_str(), -1) <= plugins::PRODUCER_TYPE_MAX,
                   "types are bounded");
   if (object.likelihood.has_value())
     fuzz::require(*object.likelihood >= 0 && *object.likelihood <= 1, "likelihoods are likelihoods");
@@ -54,11 +55,11 @@ check_object(const ProducerObject &object)
 void
 check_frame(const ProducerFrame &frame)
 {
-  fuzz::require(!frame.items.empty() && frame.items.size() <= sim::PRODUCER_ITEMS_MAX,
+  fuzz::require(!frame.items.empty() && frame.items.size() <= plugins::PRODUCER_ITEMS_MAX,
                 "the number of items is bounded");
   for (const ProducerItem &item : frame.items) {
-    fuzz::require(item.objects.size() <= sim::PRODUCER_OBJECTS_MAX, "the number of objects is bounded");
-    fuzz::require(item.deleted.size() <= sim::PRODUCER_OBJECTS_MAX, "the number of deletions is bounded");
+    fuzz::require(item.objects.size() <= plugins::PRODUCER_OBJECTS_MAX, "the number of objects is bounded");
+    fuzz::require(item.deleted.size() <= plugins::PRODUCER_OBJECTS_MAX, "the number of deletions is bounded");
     fuzz::require(!item.utc.has_value() || (*item.utc >= 0 && *item.utc <= END_OF_2099),
                   "the time is bounded");
     for (const ProducerObject &object : item.objects)
@@ -85,9 +86,9 @@ check_element(xmlNode *element, const ProducerItem &item)
 }
 
 void
-check_fragment(const ProducerFrame &frame, const sim::ProducerView &view)
+check_fragment(const ProducerFrame &frame, const plugins::ProducerView &view)
 {
-  g_autoptr(GstBuffer) buffer = sim::producer_frame_to_fragment(frame, view, ARRIVAL);
+  g_autoptr(GstBuffer) buffer = plugins::producer_frame_to_fragment(frame, view, ARRIVAL);
   GstMapInfo map;
   fuzz::require(gst_buffer_map(buffer, &map, GST_MAP_READ), "a buffer can be read");
   std::string_view text = fuzz::as_text(map.data, map.size);
@@ -114,7 +115,7 @@ check_fragment(const ProducerFrame &frame, const sim::ProducerView &view)
 void
 check_form(std::string text)
 {
-  if (!sim::json_form_check(&text).has_value())
+  if (!plugins::json_form_check(&text).has_value())
     return;
   g_autoptr(JsonParser) parser = json_parser_new();
   fuzz::require(json_parser_load_from_data(parser, text.data(), static_cast<gssize>(text.size()), nullptr) !=
@@ -130,8 +131,8 @@ read_frame(std::string_view text)
     gst_buffer_append_memory(buffer, gst_memory_new_wrapped(GST_MEMORY_FLAG_READONLY,
                                                             const_cast<char *>(piece.data()), piece.size(), 0,
                                                             piece.size(), nullptr, nullptr));
-  sim::ProducerFlaws flaws;
-  std::optional<ProducerFrame> frame = sim::producer_frame_from_buffer(buffer, &flaws);
+  plugins::ProducerFlaws flaws;
+  std::optional<ProducerFrame> frame = plugins::producer_frame_from_buffer(buffer, &flaws);
   fuzz::require(frame.has_value() == (flaws.fatal == nullptr), "either a frame or a reason");
   if (frame.has_value()) {
     check_frame(*frame);

@@ -30,7 +30,7 @@ import report  # noqa: E402
 from producerload import ENABLED  # noqa: E402
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon, processor_seconds, producers_enabled  # noqa: E402
 from idlepeer import NAME as IDLE_PEER_NAME  # noqa: E402
-from installation import BUS_CONFIGURATION, SIMULATED_PLUGINS, Bus, Installation, Workspace  # noqa: E402
+from installation import ALL_PLUGINS, BUS_CONFIGURATION, Bus, Installation, Workspace  # noqa: E402
 from criteria import ADDRESS, BUILDS, MAX_KEPT_MIB, NORMAL, SLOWNESS, THREAD, evaluate  # noqa: E402
 from load import WRONG  # noqa: E402
 from busprobe import PERIOD_MS  # noqa: E402
@@ -283,7 +283,7 @@ class Soak:
         if self.build == ADDRESS:
             environment["TESTHOST_LEAK_CHECK"] = "1"
         environment["LD_PRELOAD"] = ":".join(map(str, preloaded))
-        self.daemon = Daemon(installation, self.bus, plugins=SIMULATED_PLUGINS, producers=PRODUCERS,
+        self.daemon = Daemon(installation, self.bus, plugins=ALL_PLUGINS, producers=PRODUCERS,
                              coordinator_line=None, speed=SPEED, ptz_channels=CHANNELS, environment=environment)
         self.stack.callback(self._end_daemon)
         self.daemon.wait_until_ready()

@@ -38,7 +38,11 @@ SCENE_PLUGIN = "scene"
 RADAR_PLUGIN = "radarscene"
 JSON_PLUGIN = "json2xml"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
-SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN, JSON_PLUGIN, DOCUMENT_PLUGIN)
+
+# What the simulated camera brings, and what tessard itself installs.
+SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN)
+OWN_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
+ALL_PLUGINS = (*SIMULATED_PLUGINS, *OWN_PLUGINS)
 
 # Plug-ins for requests for events.
 EVENT_PLUGINS = (EVENT_PLUGIN, DOCUMENT_PLUGIN)
@@ -119,6 +123,12 @@ def documented_limit(header, name):
     return defined_limits(TREE / "src" / header)[name]
 
 
+def sanitizer_runtimes(plugin):
+    """The sanitizers' runtimes that a plug-in needs, as paths."""
+    needed = subprocess.run(["ldd", plugin], check=True, capture_output=True, text=True).stdout
+    return re.findall(r"^\s*lib[a-z]+san\.so\S* => (\S+)", needed, re.MULTILINE)
+
+
 class Workspace:
     """A folder of this session, which the daemon's user can enter even if it cannot enter the source tree."""
 
@@ -155,10 +165,11 @@ class Installation:
         self.tsan_glib = self._test_library("tests/tsan/libtsan-glib-preload.so")
         self.plugins = {name: self._only(f"lib*/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
+        self.plugins |= {name: self._only(f"lib*/**/gstreamer-1.0/libgst{name}.so") for name in OWN_PLUGINS}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
         self.failing_plugins = {name: self._test_library(f"tests/system/plugins/libgst{name}.so")
-                                for name in (EVENT_PLUGIN, JSON_PLUGIN)}
+                                for name in (EVENT_PLUGIN, JSON_PLUGIN, "platformjson")}
         self.plugin_environments = {}
 
     def _only(self, pattern):
@@ -206,6 +217,11 @@ class Installation:
         options = [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0", more]
         variables["ASAN_OPTIONS"] = ":".join(filter(None, options))
         return variables
+
+    def plugin_host_environment(self):
+        """The variables with which another program, which is not instrumented, can load the installed plug-ins."""
+        return self.sanitizer_environment("detect_leaks=0") | {
+            "LD_PRELOAD": ":".join(sanitizer_runtimes(self.plugins[JSON_PLUGIN])), "PATH": "/usr/bin:/bin"}
 
     def _copy_match(self, match):
         return str(self._readable_copy(pathlib.Path(match.group())))

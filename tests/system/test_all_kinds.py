@@ -12,8 +12,8 @@ import pytest
 from client import header, stuck_client
 from daemon import ERROR, NOT_PRODUCED, RADAR_TRACKER, SPARE_THREADS, VIDEO_TRACKER, producers_enabled
 from documents import EVENTS, INITIALIZED, LINE_CROSSED, PTZ, SCENE, now
-from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN, SCENE_PLUGIN,
-                          SIMULATED_PLUGINS)
+from installation import (ALL_PLUGINS, DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN,
+                          SCENE_PLUGIN)
 from scenes import BUSY_SECONDS, ROUNDING, Tracks, interpolate
 from controlclient import path_of
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
@@ -46,7 +46,7 @@ def start_full_daemon(start_camera, start_daemon, control):
 
     def start(**arguments):
         start_camera("--channels", "3", producers=PERSONS_PRODUCER)
-        defaults = {"plugins": SIMULATED_PLUGINS, "coordinator_line": None, "producers": PRODUCERS, "speed": 4,
+        defaults = {"plugins": ALL_PLUGINS, "coordinator_line": None, "producers": PRODUCERS, "speed": 4,
                     "world_seconds": BUSY_SECONDS, "ptz_channels": (1, 2, 3)}
         daemon = start_daemon(**defaults | arguments)
         if JSON_PLUGIN in daemon.plugins:
@@ -91,7 +91,7 @@ SOURCES_IN_ORDER = ["tessardsimeventsrc0", "tessardsimptzsrc0", "scenesrcfactory
                     "externalsrcfactorybin"]
 
 # GStreamer's trace of the link between a source and its pad of the document element.
-LINKED = re.compile(r"linked (\w+):src and tessardsimmetadatastreamdoc0:sink_(\d+), successful$",
+LINKED = re.compile(r"linked (\w+):src and tessardmetadatastreamdoc0:sink_(\d+), successful$",
                     re.MULTILINE)
 
 
@@ -224,13 +224,13 @@ def test_sync_point_makes_every_kind_of_the_camera_show_its_state(start_full_dae
 @pytest.mark.parametrize("plugin, kind", [(EVENT_PLUGIN, EVENTS), (PTZ_PLUGIN, PTZ), (SCENE_PLUGIN, VIDEO),
                                           (RADAR_PLUGIN, RADAR)])
 def test_camera_without_one_kind_has_the_others(start_full_daemon, plugin, kind):
-    daemon = start_full_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != plugin])
+    daemon = start_full_daemon(plugins=[name for name in ALL_PLUGINS if name != plugin])
 
     expect_kinds(daemon, EVERY_KIND - {kind})
 
 
 def test_camera_that_cannot_make_documents_has_nothing(start_full_daemon):
-    daemon = start_full_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != DOCUMENT_PLUGIN])
+    daemon = start_full_daemon(plugins=[name for name in ALL_PLUGINS if name != DOCUMENT_PLUGIN])
     daemon.expect_reply(header(**EVERYTHING), NOT_PRODUCED)
 
     assert daemon.log.take() == [(ERROR, "Could not create onvifxmlmetadatastreamdoc.")]

@@ -12,7 +12,7 @@ from daemon import VIDEO_TRACKER, WARNING, producers_enabled
 from documents import EVENTS
 from external import (ANALYTICS, COUNTER, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, YARD,
                       expect_converter_warning, expect_frames, numbered, wait_until_listed)
-from installation import EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, SIMULATED_PLUGINS, documented_limit
+from installation import ALL_PLUGINS, EVENT_PLUGIN, JSON_PLUGIN, SCENE_PLUGIN, documented_limit
 from refusals import WRONG_ANALYTICS, WRONG_CHANNELS, expect_refused
 from simcamera import CAPTURE, SCENES
 
@@ -240,7 +240,7 @@ def test_built_in_producer_has_no_external_stream(start_camera, receiver, contro
                                     {"event": 1, "ptz": 1, "analytics": 1}])
 def test_without_the_converter_there_are_no_analytics(start_daemon, start_camera, fields):
     start_camera()
-    daemon = start_daemon(plugins=[name for name in SIMULATED_PLUGINS if name != JSON_PLUGIN], coordinator_line=None,
+    daemon = start_daemon(plugins=[name for name in ALL_PLUGINS if name != JSON_PLUGIN], coordinator_line=None,
                           producers=producers_enabled({(VIDEO_TRACKER, 1): "video"}))
 
     expect_refused(daemon, fields, NO_CONVERTER)

@@ -2,13 +2,17 @@
 """The contents of an installation."""
 
 import json
+import pathlib
 import subprocess
 
 import pytest
 
 from installation import TREE, build_folder
 
-SMALLEST = ["-Dtests=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
+SMALLEST = ["-Dtests=false", "-Dplugins=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
+PLUGINS_ONLY = [option.replace("plugins=false", "plugins=true") for option in SMALLEST]
+UNREAD_PLUGINS = ("WARNING: GStreamer does not read plug-ins in {} unless GST_PLUGIN_PATH names it; configure with "
+                  "--prefix and --libdir like those of GStreamer.")
 UNREAD_POLICY = ("WARNING: The system bus does not read policies in {}/share/dbus-1/system.d and will refuse the "
                  "daemon its name; configure with --prefix=/usr.")
 
@@ -29,3 +33,18 @@ def test_warning_about_a_prefix_whose_policies_the_bus_does_not_read(tmp_path, p
                            stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True)
 
     assert (UNREAD_POLICY.format(prefix) in setup.stdout) is warned
+
+
+def gstreamer_plugin_folder():
+    return subprocess.run(["pkg-config", "--variable=pluginsdir", "gstreamer-1.0"], check=True, capture_output=True,
+                          text=True).stdout.strip()
+
+
+@pytest.mark.parametrize("prefix, warned", [("/usr", False), ("/opt/tessard", True)])
+def test_plugin_folder_that_gstreamer_does_not_read_is_warned_of(tmp_path, prefix, warned):
+    libdir = pathlib.Path(gstreamer_plugin_folder()).parent.relative_to("/usr")
+    setup = subprocess.run(["meson", "setup", f"--prefix={prefix}", f"--libdir={libdir}", *PLUGINS_ONLY,
+                            tmp_path / "build", TREE], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                           check=True)
+
+    assert (UNREAD_PLUGINS.format(f"{prefix}/{libdir}/gstreamer-1.0") in setup.stdout) is warned

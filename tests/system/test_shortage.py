@@ -12,7 +12,7 @@ import pytest
 
 from client import header
 from daemon import ERROR, NOTHING_REQUESTED, RADAR_TRACKER, VIDEO_TRACKER, WARNING, producers_enabled
-from installation import SIMULATED_PLUGINS, TREE, documented_limit
+from installation import ALL_PLUGINS, TREE, documented_limit
 from controlclient import path_of
 from waiting import wait_until, wait_until_settled
 
@@ -64,7 +64,7 @@ PRODUCERS = producers_enabled({
 def full_daemon(start_camera, start_daemon, control):
     """An idle daemon with all kinds of metadata, which has listed the external producers."""
     camera = start_camera("--channels", str(len(CHANNELS)))
-    daemon = start_daemon(plugins=SIMULATED_PLUGINS, coordinator_line=None, producers=PRODUCERS, speed=4,
+    daemon = start_daemon(plugins=ALL_PLUGINS, coordinator_line=None, producers=PRODUCERS, speed=4,
                           ptz_channels=CHANNELS)
     for name in EXTERNAL:
         camera.add_producer(name)

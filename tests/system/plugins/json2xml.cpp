@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: MIT */
-/* A fake of the simulated camera's "json2xml" that hangs while a file exists, and otherwise converts each
- * buffer to the same frame. The buffer's text names the file: its path is between HANG_START and the next
- * quotation mark. A buffer without a path never hangs.
- */
+/* A fake of a platform's "json2xml" that hangs while a file exists, and otherwise converts each buffer to the
+ * same frame. The buffer's text names the file: its path is between HANG_START and the next quotation mark. A
+ * buffer without a path never hangs.
+ *
+ * PLUGIN is the name of the plug-in, which its file name contains. */
 #include <gst/gst.h>
 #include <string>
 
@@ -111,6 +112,6 @@ plugin_init(GstPlugin *plugin)
 }
 
 #pragma GCC visibility push(default)
-GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml, "A converter that hangs", plugin_init,
-                  VERSION, "MIT/X11", PACKAGE, "tests")
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, PLUGIN, "A converter that hangs", plugin_init,
+                  VERSION, "LGPL", PACKAGE, "tests")
 #pragma GCC visibility pop

@@ -8,7 +8,7 @@
 
 /* The frames of external producers; docs/producers.md documents the format. */
 
-namespace sim
+namespace plugins
 {
 
 struct ProducerObject {
@@ -50,4 +50,4 @@ constexpr const char *STREAM_START_SOURCE = "StreamStart";
 
 std::optional<ProducerFrame> producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws);
 
-} // namespace sim
+} // namespace plugins

@@ -467,31 +467,4 @@ TEST_F(JsonChain, SampleFrameIsConverted)
   EXPECT_EQ(root_name(pull()), "http://www.onvif.org/ver10/schema SampleFrame");
 }
 
-/* The stream-start frame alone makes the pipeline pre-roll, without any producer. */
-TEST_F(JsonChain, StreamsBesideALiveSource)
-{
-  GstElement *documents = gst_element_factory_make("onvifxmlmetadatastreamdoc", nullptr);
-  GstElement *live = gst_element_factory_make("statuscacheptzsrc", nullptr);
-  gst_bin_add_many(GST_BIN(pipeline_), documents, live, nullptr);
-  ASSERT_TRUE(gst_element_link_many(source_, converter_, documents, sink_, nullptr));
-  ASSERT_TRUE(gst_element_link(live, documents));
-  push(STREAM_START);
-  EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
-  EXPECT_EQ(gst_element_get_state(pipeline_, nullptr, nullptr, 5 * GST_SECOND), GST_STATE_CHANGE_SUCCESS);
-  push(frame_of(EXAMPLE_ITEM));
-
-  guint frames = 0;
-  guint statuses = 0;
-  while ((frames < 2 || statuses < 1) && !HasFailure()) {
-    std::string text = pull();
-    frames += evaluate(text, "count(/tt:MetadataStream/tt:VideoAnalytics)") == "1" ? 1 : 0;
-    statuses += evaluate(text, "count(/tt:MetadataStream/tt:PTZ)") == "1" ? 1 : 0;
-  }
-  g_autoptr(GstPad) pad = gst_element_get_static_pad(sink_, "sink");
-  g_autoptr(GstEvent) event = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0);
-  const GstSegment *segment = nullptr;
-  gst_event_parse_segment(event, &segment);
-  EXPECT_EQ(segment->format, GST_FORMAT_TIME);
-}
-
-} // namespace
+} /* namespace */

@@ -5,6 +5,7 @@
 #include "producerfragment.h"
 #include "registration.h"
 
+#include <libxml/parser.h>
 #include <utility>
 
 /* Converts each frame of external producers to one fragment of ONVIF metadata. Malformed frames, or malformed
@@ -16,7 +17,7 @@
  * Threads: the object lock protects the properties. Only the streaming thread uses `was_malformed` while the
  * element runs, and before that the thread that starts it. */
 
-struct _TessardSimJsonToXml {
+struct _TessardJsonToXml {
   GstElement parent_instance;
   GstPad *src_pad; /* borrowed */
   gboolean exclude_polygon;
@@ -35,13 +36,13 @@ static GParamSpec *properties[N_PROPERTIES];
 GST_DEBUG_CATEGORY_STATIC(json_to_xml_debug);
 #define GST_CAT_DEFAULT json_to_xml_debug
 
-G_DEFINE_FINAL_TYPE(TessardSimJsonToXml, tessard_sim_json_to_xml, GST_TYPE_ELEMENT)
+G_DEFINE_FINAL_TYPE(TessardJsonToXml, tessard_json_to_xml, GST_TYPE_ELEMENT)
 
 namespace
 {
 
-sim::ProducerView
-current_view(TessardSimJsonToXml *self)
+plugins::ProducerView
+current_view(TessardJsonToXml *self)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
   return {.polygon = !self->exclude_polygon, .sample = self->sample_frame != FALSE};
@@ -49,7 +50,7 @@ current_view(TessardSimJsonToXml *self)
 
 /* Warns of the first of a series of malformed frames only. */
 void
-warn_of_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
+warn_of_flaws(TessardJsonToXml *self, const plugins::ProducerFlaws &flaws)
 {
   bool is_malformed = flaws.fatal != nullptr || flaws.partial != nullptr;
   if (std::exchange(self->was_malformed, is_malformed) || !is_malformed) {
@@ -65,7 +66,7 @@ warn_of_flaws(TessardSimJsonToXml *self, const sim::ProducerFlaws &flaws)
 }
 
 gboolean
-push_caps(TessardSimJsonToXml *self)
+push_caps(TessardJsonToXml *self)
 {
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   return gst_pad_push_event(self->src_pad, gst_event_new_caps(caps));
@@ -91,15 +92,15 @@ own_segment(GstEvent *event)
 GstFlowReturn
 on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
 {
-  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(parent);
+  TessardJsonToXml *self = TESSARD_JSON_TO_XML(parent);
   g_autoptr(GstBuffer) input = buffer;
-  sim::ProducerFlaws flaws;
-  std::optional<sim::ProducerFrame> frame = sim::producer_frame_from_buffer(input, &flaws);
+  plugins::ProducerFlaws flaws;
+  std::optional<plugins::ProducerFrame> frame = plugins::producer_frame_from_buffer(input, &flaws);
   warn_of_flaws(self, flaws);
   if (!frame.has_value()) {
     return GST_FLOW_OK;
   }
-  GstBuffer *output = sim::producer_frame_to_fragment(*frame, current_view(self), g_get_real_time());
+  GstBuffer *output = plugins::producer_frame_to_fragment(*frame, current_view(self), g_get_real_time());
   gst_buffer_copy_into(output, input, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
   return gst_pad_push(self->src_pad, output);
 }
@@ -107,7 +108,7 @@ on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
 gboolean
 on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
 {
-  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(parent);
+  TessardJsonToXml *self = TESSARD_JSON_TO_XML(parent);
   switch (GST_EVENT_TYPE(event)) {
   case GST_EVENT_STREAM_START:
     return gst_pad_event_default(pad, parent, event) && push_caps(self);
@@ -121,7 +122,7 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
 } // namespace
 
 static void
-tessard_sim_json_to_xml_init(TessardSimJsonToXml *self)
+tessard_json_to_xml_init(TessardJsonToXml *self)
 {
   GstElement *element = GST_ELEMENT(self);
   GstElementClass *klass = GST_ELEMENT_GET_CLASS(self);
@@ -136,9 +137,9 @@ tessard_sim_json_to_xml_init(TessardSimJsonToXml *self)
 }
 
 static void
-tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
+tessard_json_to_xml_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
-  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
+  TessardJsonToXml *self = TESSARD_JSON_TO_XML(object);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
   switch (id) {
   case PROP_EXCLUDE_POLYGON:
@@ -153,9 +154,9 @@ tessard_sim_json_to_xml_set_property(GObject *object, guint id, const GValue *va
 }
 
 static void
-tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
+tessard_json_to_xml_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
-  TessardSimJsonToXml *self = TESSARD_SIM_JSON_TO_XML(object);
+  TessardJsonToXml *self = TESSARD_JSON_TO_XML(object);
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(GST_OBJECT_GET_LOCK(self));
   switch (id) {
   case PROP_EXCLUDE_POLYGON:
@@ -170,12 +171,12 @@ tessard_sim_json_to_xml_get_property(GObject *object, guint id, GValue *value, G
 }
 
 static GstStateChangeReturn
-tessard_sim_json_to_xml_change_state(GstElement *element, GstStateChange transition)
+tessard_json_to_xml_change_state(GstElement *element, GstStateChange transition)
 {
   if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) {
-    TESSARD_SIM_JSON_TO_XML(element)->was_malformed = FALSE;
+    TESSARD_JSON_TO_XML(element)->was_malformed = FALSE;
   }
-  return GST_ELEMENT_CLASS(tessard_sim_json_to_xml_parent_class)->change_state(element, transition);
+  return GST_ELEMENT_CLASS(tessard_json_to_xml_parent_class)->change_state(element, transition);
 }
 
 static void
@@ -184,23 +185,24 @@ install_properties(GObjectClass *object_class)
   auto flags =
       static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
   properties[PROP_EXCLUDE_POLYGON] = g_param_spec_boolean(
-      "exclude-polygon", "Exclude polygon", "Whether to leave out the outlines of objects", FALSE, flags);
-  properties[PROP_SAMPLE_FRAME] = g_param_spec_boolean(
-      "sample-frame", "Sample frame", "Whether each text is a producer's sample, not a part of its stream",
-      FALSE, flags);
+      "exclude-polygon", "Exclude polygon", "Whether to omit the polygons of objects", FALSE, flags);
+  properties[PROP_SAMPLE_FRAME] = g_param_spec_boolean("sample-frame", "Sample frame",
+                                                       "Whether to write one tt:SampleFrame with the first "
+                                                       "item of each buffer, instead of a tt:VideoAnalytics",
+                                                       FALSE, flags);
   g_object_class_install_properties(object_class, N_PROPERTIES, properties);
 }
 
 static void
-tessard_sim_json_to_xml_class_init(TessardSimJsonToXmlClass *klass)
+tessard_json_to_xml_class_init(TessardJsonToXmlClass *klass)
 {
   GObjectClass *object_class = G_OBJECT_CLASS(klass);
   GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
 
-  GST_DEBUG_CATEGORY_INIT(json_to_xml_debug, "json2xml", 0, "External producers of the simulated camera");
-  object_class->set_property = tessard_sim_json_to_xml_set_property;
-  object_class->get_property = tessard_sim_json_to_xml_get_property;
-  element_class->change_state = tessard_sim_json_to_xml_change_state;
+  GST_DEBUG_CATEGORY_INIT(json_to_xml_debug, "json2xml", 0, "Converter of JSON detections to ONVIF");
+  object_class->set_property = tessard_json_to_xml_set_property;
+  object_class->get_property = tessard_json_to_xml_get_property;
+  element_class->change_state = tessard_json_to_xml_change_state;
   install_properties(object_class);
 
   g_autoptr(GstCaps) any = gst_caps_new_any();
@@ -209,16 +211,20 @@ tessard_sim_json_to_xml_class_init(TessardSimJsonToXmlClass *klass)
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-  gst_element_class_set_static_metadata(element_class, "JSON to ONVIF metadata", "Formatter/Metadata",
-                                        "Turns what external producers send into ONVIF metadata", "tessard");
+  gst_element_class_set_static_metadata(element_class, "JSON to ONVIF metadata converter",
+                                        "Formatter/Metadata",
+                                        "Converts the detections of applications from JSON to fragments of "
+                                        "ONVIF metadata, one for each buffer",
+                                        "tessard");
 }
 
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  return sim::element_register(plugin, "json2xml", TESSARD_SIM_TYPE_JSON_TO_XML);
+  xmlInitParser();
+  return plugins::register_unless_provided(plugin, "json2xml", TESSARD_TYPE_JSON_TO_XML);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml,
-                  "External producers of the simulated camera", plugin_init, VERSION, "MIT/X11", PACKAGE,
-                  "tessard")
+                  "Converts the detections of applications from JSON to ONVIF metadata", plugin_init, VERSION,
+                  GST_LICENSE_UNKNOWN, PACKAGE, "tessard")

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-using sim::JSON_DEPTH_MAX;
-using sim::JSON_MEMBERS_MAX;
-using sim::JSON_VALUES_MAX;
+using plugins::JSON_DEPTH_MAX;
+using plugins::JSON_MEMBERS_MAX;
+using plugins::JSON_VALUES_MAX;
 
 namespace
 {
@@ -15,7 +15,7 @@ namespace
 bool
 is_accepted(std::string text)
 {
-  return sim::json_form_check(&text).has_value();
+  return plugins::json_form_check(&text).has_value();
 }
 
 /* An array of @count values; the array is one more value. */
@@ -121,12 +121,12 @@ TEST(JsonForm, MembersOfEachObjectAreBounded)
 TEST(JsonForm, MembersAreCountedByDepth)
 {
   std::string text = "{\"a\":{\"b\":0,\"c\":{}},\"d\":[{\"e\":0}],\"f\":{\"g\":0}}";
-  std::optional<sim::JsonForm> form = sim::json_form_check(&text);
+  std::optional<plugins::JsonForm> form = plugins::json_form_check(&text);
   ASSERT_TRUE(form.has_value());
   EXPECT_EQ(form->members[0], 3u);
   EXPECT_EQ(form->members[1], 1u) << "of the last object only";
   text = "{\"a\":1,\"a\":1}";
-  EXPECT_EQ(sim::json_form_check(&text)->members[0], 2u) << "also of those with one name";
+  EXPECT_EQ(plugins::json_form_check(&text)->members[0], 2u) << "also of those with one name";
 }
 
 struct Number {
@@ -144,7 +144,7 @@ TEST(JsonForm, IntegersBeyond64BitsAreReplaced)
                                Number{"[18446744073709551616.0]", "[18446744073709551616.0]"},
                                Number{"\"18446744073709551616\"", "\"18446744073709551616\""}}) {
     std::string text = number.text;
-    EXPECT_TRUE(sim::json_form_check(&text).has_value()) << number.text;
+    EXPECT_TRUE(plugins::json_form_check(&text).has_value()) << number.text;
     EXPECT_EQ(text, number.tamed);
   }
 }

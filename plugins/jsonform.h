@@ -8,7 +8,7 @@
 
 /* A check of a text before it is parsed as JSON. */
 
-namespace sim
+namespace plugins
 {
 
 constexpr guint JSON_DEPTH_MAX = 32;
@@ -23,4 +23,4 @@ struct JsonForm {
 
 std::optional<JsonForm> json_form_check(std::string *text);
 
-} // namespace sim
+} // namespace plugins

@@ -12,7 +12,7 @@
  * So a text is checked against JSON's grammar before, in constant memory. A text that passes is JSON of
  * bounded size and depth. */
 
-namespace sim
+namespace plugins
 {
 
 namespace
@@ -363,4 +363,4 @@ json_form_check(std::string *text)
   return walk.to_the_end() ? std::optional<JsonForm>(walk.form()) : std::nullopt;
 }
 
-} // namespace sim
+} // namespace plugins

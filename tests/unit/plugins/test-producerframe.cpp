@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
-using sim::ProducerFlaws;
-using sim::ProducerFrame;
-using sim::ProducerObject;
+using plugins::ProducerFlaws;
+using plugins::ProducerFrame;
+using plugins::ProducerObject;
 
 namespace
 {
@@ -27,7 +27,7 @@ std::optional<ProducerFrame>
 read(const std::string &text, ProducerFlaws *flaws)
 {
   g_autoptr(GstBuffer) buffer = new_buffer(text);
-  return sim::producer_frame_from_buffer(buffer, flaws);
+  return plugins::producer_frame_from_buffer(buffer, flaws);
 }
 
 std::string
@@ -150,7 +150,7 @@ TEST_F(ProducerFrames, AcceptsATextInSeveralMemories)
   }
   ASSERT_EQ(gst_buffer_n_memory(buffer), 4u);
   ProducerFlaws flaws;
-  std::optional<ProducerFrame> frame = sim::producer_frame_from_buffer(buffer, &flaws);
+  std::optional<ProducerFrame> frame = plugins::producer_frame_from_buffer(buffer, &flaws);
   ASSERT_TRUE(frame.has_value()) << flaws.fatal;
   EXPECT_EQ(frame->source, "Y");
   EXPECT_EQ(frame->items[0].deleted, std::vector<gint64>{7});
@@ -164,7 +164,7 @@ TEST_F(ProducerFrames, OtherTextsAreRefused)
   expect_refused(frame_of("{},"), NO_JSON);
   expect_refused(frame_of("\"\xff\""), NO_JSON);
   expect_refused(frame_of(std::string("\"\0\"", 3)), NO_JSON);
-  expect_refused(frame_of(repeat("[", 1000000)).substr(0, sim::PRODUCER_FRAME_BYTES_MAX), NO_JSON);
+  expect_refused(frame_of(repeat("[", 1000000)).substr(0, plugins::PRODUCER_FRAME_BYTES_MAX), NO_JSON);
   expect_refused(R"({"Source":"a"b","Data":{"Item":[{}]}})", NO_JSON);
   expect_refused("[]", NOT_ONE);
   expect_refused("1", NOT_ONE);
@@ -387,24 +387,26 @@ objects_of(gsize count)
 
 TEST_F(ProducerFrames, LimitsAreAsDocumented)
 {
-  EXPECT_EQ(read_whole(frame_of(list_of("{}", sim::PRODUCER_ITEMS_MAX))).items.size(),
-            sim::PRODUCER_ITEMS_MAX);
-  expect_refused(frame_of(list_of("{}", sim::PRODUCER_ITEMS_MAX + 1)), ITEM_COUNT);
+  EXPECT_EQ(read_whole(frame_of(list_of("{}", plugins::PRODUCER_ITEMS_MAX))).items.size(),
+            plugins::PRODUCER_ITEMS_MAX);
+  expect_refused(frame_of(list_of("{}", plugins::PRODUCER_ITEMS_MAX + 1)), ITEM_COUNT);
 
-  EXPECT_EQ(read_whole(objects_of(sim::PRODUCER_OBJECTS_MAX)).items[0].objects.size(),
-            sim::PRODUCER_OBJECTS_MAX);
-  expect_refused(objects_of(sim::PRODUCER_OBJECTS_MAX + 1), BAD_LIST);
-  read_whole(frame_of("{\"Deleted\":[" + list_of("1", sim::PRODUCER_OBJECTS_MAX) + "]}"));
-  expect_refused(frame_of("{\"Deleted\":[" + list_of("1", sim::PRODUCER_OBJECTS_MAX + 1) + "]}"), BAD_LIST);
+  EXPECT_EQ(read_whole(objects_of(plugins::PRODUCER_OBJECTS_MAX)).items[0].objects.size(),
+            plugins::PRODUCER_OBJECTS_MAX);
+  expect_refused(objects_of(plugins::PRODUCER_OBJECTS_MAX + 1), BAD_LIST);
+  read_whole(frame_of("{\"Deleted\":[" + list_of("1", plugins::PRODUCER_OBJECTS_MAX) + "]}"));
+  expect_refused(frame_of("{\"Deleted\":[" + list_of("1", plugins::PRODUCER_OBJECTS_MAX + 1) + "]}"),
+                 BAD_LIST);
 
-  read_whole(item_with("\"Polygon\":[" + list_of("[0,0]", sim::PRODUCER_POINTS_MAX) + "]"));
-  read_flawed(item_with("\"Polygon\":[" + list_of("[0,0]", sim::PRODUCER_POINTS_MAX + 1) + "]"), BAD_POLYGON);
+  read_whole(item_with("\"Polygon\":[" + list_of("[0,0]", plugins::PRODUCER_POINTS_MAX) + "]"));
+  read_flawed(item_with("\"Polygon\":[" + list_of("[0,0]", plugins::PRODUCER_POINTS_MAX + 1) + "]"),
+              BAD_POLYGON);
 
-  read_whole(item_with("\"Type\":\"" + repeat("\xc3\xa9", sim::PRODUCER_TYPE_MAX) + "\""));
-  read_flawed(item_with("\"Type\":\"" + repeat("\xc3\xa9", sim::PRODUCER_TYPE_MAX + 1) + "\""), BAD_TYPE);
+  read_whole(item_with("\"Type\":\"" + repeat("\xc3\xa9", plugins::PRODUCER_TYPE_MAX) + "\""));
+  read_flawed(item_with("\"Type\":\"" + repeat("\xc3\xa9", plugins::PRODUCER_TYPE_MAX + 1) + "\""), BAD_TYPE);
 
   std::string rest = frame_of("{\"a\":\"\"}");
-  std::string filling = repeat("x", sim::PRODUCER_FRAME_BYTES_MAX - rest.size());
+  std::string filling = repeat("x", plugins::PRODUCER_FRAME_BYTES_MAX - rest.size());
   read_whole(frame_of("{\"a\":\"" + filling + "\"}"));
   expect_refused(frame_of("{\"a\":\"" + filling + "x\"}"), "it is too long");
 }

@@ -16,7 +16,7 @@
  *
  * An error inside an object drops that object only. An error outside of the objects drops the frame. */
 
-namespace sim
+namespace plugins
 {
 
 namespace
@@ -440,4 +440,4 @@ producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws)
                                                                  : std::nullopt;
 }
 
-} // namespace sim
+} // namespace plugins

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Precompiled for the unit tests of the simulated camera, see ../../pch/unittests.h. */
+/* Precompiled for the unit tests of the elements and of the simulated camera, see ../../pch/unittests.h. */
 #include <algorithm>
 #include <functional>
 #include <gst/check/gstharness.h>

@@ -41,7 +41,7 @@ struct State {
 
 } // namespace
 
-struct _TessardSimMetadataStreamDoc {
+struct _TessardMetadataStreamDoc {
   GstElement parent_instance;
   GstPad *src_pad; /* borrowed */
   State *state;
@@ -50,7 +50,7 @@ struct _TessardSimMetadataStreamDoc {
 GST_DEBUG_CATEGORY_STATIC(metadata_stream_doc_debug);
 #define GST_CAT_DEFAULT metadata_stream_doc_debug
 
-G_DEFINE_FINAL_TYPE(TessardSimMetadataStreamDoc, tessard_sim_metadata_stream_doc, GST_TYPE_ELEMENT)
+G_DEFINE_FINAL_TYPE(TessardMetadataStreamDoc, tessard_metadata_stream_doc, GST_TYPE_ELEMENT)
 
 namespace
 {
@@ -120,7 +120,7 @@ to_running_time(GstPad *pad, GstClockTime time)
 }
 
 GstBuffer *
-wrap(TessardSimMetadataStreamDoc *self, GstPad *pad, GstBuffer *fragment)
+wrap(TessardMetadataStreamDoc *self, GstPad *pad, GstBuffer *fragment)
 {
   GstBuffer *document = gst_buffer_new();
   gst_buffer_append_memory(document, gst_memory_ref(self->state->document_start));
@@ -135,7 +135,7 @@ wrap(TessardSimMetadataStreamDoc *self, GstPad *pad, GstBuffer *fragment)
 
 /* Caller holds the stream lock of the source pad. */
 void
-push_headers(TessardSimMetadataStreamDoc *self)
+push_headers(TessardMetadataStreamDoc *self)
 {
   Output &output = self->state->output;
   if (!output.headers_sent) {
@@ -157,7 +157,7 @@ push_headers(TessardSimMetadataStreamDoc *self)
 }
 
 void
-push_end_of_stream(TessardSimMetadataStreamDoc *self)
+push_end_of_stream(TessardMetadataStreamDoc *self)
 {
   GST_DEBUG_OBJECT(self, "Every input has ended");
   StreamLock lock(self->src_pad);
@@ -167,7 +167,7 @@ push_end_of_stream(TessardSimMetadataStreamDoc *self)
 
 /* Returns: whether this was the last open input; true once only */
 bool
-close_input(TessardSimMetadataStreamDoc *self, GstPad *pad)
+close_input(TessardMetadataStreamDoc *self, GstPad *pad)
 {
   Inputs &inputs = self->state->inputs;
   ObjectLock lock(self);
@@ -175,14 +175,14 @@ close_input(TessardSimMetadataStreamDoc *self, GstPad *pad)
 }
 
 guint
-flush_count(TessardSimMetadataStreamDoc *self)
+flush_count(TessardMetadataStreamDoc *self)
 {
   ObjectLock lock(self);
   return self->state->inputs.flush_count;
 }
 
 bool
-flushed_by_another(TessardSimMetadataStreamDoc *self, GstPad *pad, guint flushes_before)
+flushed_by_another(TessardMetadataStreamDoc *self, GstPad *pad, guint flushes_before)
 {
   const Inputs &inputs = self->state->inputs;
   ObjectLock lock(self);
@@ -193,7 +193,7 @@ flushed_by_another(TessardSimMetadataStreamDoc *self, GstPad *pad, guint flushes
 }
 
 bool
-start_flush(TessardSimMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
+start_flush(TessardMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
 {
   g_autoptr(GstEvent) owned = event;
   {
@@ -210,7 +210,7 @@ start_flush(TessardSimMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
 }
 
 bool
-stop_flush(TessardSimMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
+stop_flush(TessardMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
 {
   g_autoptr(GstEvent) owned = event;
   {
@@ -227,7 +227,7 @@ stop_flush(TessardSimMetadataStreamDoc *self, GstPad *pad, GstEvent *event)
 
 /* A flush cancels a previous end of stream. */
 void
-reopen_input(TessardSimMetadataStreamDoc *self, GstPad *pad)
+reopen_input(TessardMetadataStreamDoc *self, GstPad *pad)
 {
   ObjectLock lock(self);
   self->state->inputs.open.insert(pad);
@@ -245,7 +245,7 @@ push_sync_point(GstElement *element, GstPad *pad, gpointer user_data)
 
 /* Resets the state; all current pads are open. */
 void
-reset(TessardSimMetadataStreamDoc *self)
+reset(TessardMetadataStreamDoc *self)
 {
   StreamLock stream_lock(self->src_pad);
   self->state->output = {};
@@ -261,7 +261,7 @@ reset(TessardSimMetadataStreamDoc *self)
 GstFlowReturn
 on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
 {
-  TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(parent);
+  TessardMetadataStreamDoc *self = TESSARD_METADATA_STREAM_DOC(parent);
   g_autoptr(GstBuffer) fragment = buffer;
   GstBuffer *document = wrap(self, pad, fragment);
   guint flushes_before = flush_count(self);
@@ -280,7 +280,7 @@ on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
 gboolean
 on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
 {
-  TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(parent);
+  TessardMetadataStreamDoc *self = TESSARD_METADATA_STREAM_DOC(parent);
   switch (GST_EVENT_TYPE(event)) {
   case GST_EVENT_FLUSH_START:
     return start_flush(self, pad, event);
@@ -310,7 +310,7 @@ on_sink_event(GstPad *pad, GstObject *parent, GstEvent *event)
 } // namespace
 
 static void
-tessard_sim_metadata_stream_doc_init(TessardSimMetadataStreamDoc *self)
+tessard_metadata_stream_doc_init(TessardMetadataStreamDoc *self)
 {
   self->state = new State{.document_start = static_text(DOCUMENT_START),
                           .document_end = static_text(DOCUMENT_END),
@@ -323,20 +323,20 @@ tessard_sim_metadata_stream_doc_init(TessardSimMetadataStreamDoc *self)
 }
 
 static void
-tessard_sim_metadata_stream_doc_finalize(GObject *object)
+tessard_metadata_stream_doc_finalize(GObject *object)
 {
-  TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(object);
+  TessardMetadataStreamDoc *self = TESSARD_METADATA_STREAM_DOC(object);
   gst_memory_unref(self->state->document_start);
   gst_memory_unref(self->state->document_end);
   delete self->state;
-  G_OBJECT_CLASS(tessard_sim_metadata_stream_doc_parent_class)->finalize(object);
+  G_OBJECT_CLASS(tessard_metadata_stream_doc_parent_class)->finalize(object);
 }
 
 static GstPad *
-tessard_sim_metadata_stream_doc_request_new_pad(GstElement *element, GstPadTemplate *pad_template,
-                                                const char *requested_name, const GstCaps *caps)
+tessard_metadata_stream_doc_request_new_pad(GstElement *element, GstPadTemplate *pad_template,
+                                            const char *requested_name, const GstCaps *caps)
 {
-  TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(element);
+  TessardMetadataStreamDoc *self = TESSARD_METADATA_STREAM_DOC(element);
   g_autofree char *name = g_strdup(requested_name);
   if (name == nullptr) {
     ObjectLock lock(self);
@@ -353,9 +353,9 @@ tessard_sim_metadata_stream_doc_request_new_pad(GstElement *element, GstPadTempl
 
 /* Deactivating the pad waits until a buffer that the input is pushing has been pushed. */
 static void
-tessard_sim_metadata_stream_doc_release_pad(GstElement *element, GstPad *pad)
+tessard_metadata_stream_doc_release_pad(GstElement *element, GstPad *pad)
 {
-  TessardSimMetadataStreamDoc *self = TESSARD_SIM_METADATA_STREAM_DOC(element);
+  TessardMetadataStreamDoc *self = TESSARD_METADATA_STREAM_DOC(element);
   g_autoptr(GstPad) kept = GST_PAD(gst_object_ref(pad));
   gst_pad_set_active(pad, FALSE);
   gst_element_remove_pad(element, pad);
@@ -366,19 +366,19 @@ tessard_sim_metadata_stream_doc_release_pad(GstElement *element, GstPad *pad)
 }
 
 static GstStateChangeReturn
-tessard_sim_metadata_stream_doc_change_state(GstElement *element, GstStateChange transition)
+tessard_metadata_stream_doc_change_state(GstElement *element, GstStateChange transition)
 {
   if (transition == GST_STATE_CHANGE_READY_TO_PAUSED) {
-    reset(TESSARD_SIM_METADATA_STREAM_DOC(element));
+    reset(TESSARD_METADATA_STREAM_DOC(element));
   }
-  return GST_ELEMENT_CLASS(tessard_sim_metadata_stream_doc_parent_class)->change_state(element, transition);
+  return GST_ELEMENT_CLASS(tessard_metadata_stream_doc_parent_class)->change_state(element, transition);
 }
 
 static gboolean
-tessard_sim_metadata_stream_doc_send_event(GstElement *element, GstEvent *event)
+tessard_metadata_stream_doc_send_event(GstElement *element, GstEvent *event)
 {
   if (!onvif::is_sync_point_event(event)) {
-    return GST_ELEMENT_CLASS(tessard_sim_metadata_stream_doc_parent_class)->send_event(element, event);
+    return GST_ELEMENT_CLASS(tessard_metadata_stream_doc_parent_class)->send_event(element, event);
   }
   gst_event_unref(event);
   bool handled = false;
@@ -387,18 +387,18 @@ tessard_sim_metadata_stream_doc_send_event(GstElement *element, GstEvent *event)
 }
 
 static void
-tessard_sim_metadata_stream_doc_class_init(TessardSimMetadataStreamDocClass *klass)
+tessard_metadata_stream_doc_class_init(TessardMetadataStreamDocClass *klass)
 {
   GObjectClass *object_class = G_OBJECT_CLASS(klass);
   GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
 
   GST_DEBUG_CATEGORY_INIT(metadata_stream_doc_debug, "onvifxmlmetadatastreamdoc", 0,
-                          "Documents of the simulated camera");
-  object_class->finalize = tessard_sim_metadata_stream_doc_finalize;
-  element_class->request_new_pad = tessard_sim_metadata_stream_doc_request_new_pad;
-  element_class->release_pad = tessard_sim_metadata_stream_doc_release_pad;
-  element_class->change_state = tessard_sim_metadata_stream_doc_change_state;
-  element_class->send_event = tessard_sim_metadata_stream_doc_send_event;
+                          "Documents of ONVIF metadata");
+  object_class->finalize = tessard_metadata_stream_doc_finalize;
+  element_class->request_new_pad = tessard_metadata_stream_doc_request_new_pad;
+  element_class->release_pad = tessard_metadata_stream_doc_release_pad;
+  element_class->change_state = tessard_metadata_stream_doc_change_state;
+  element_class->send_event = tessard_metadata_stream_doc_send_event;
 
   g_autoptr(GstCaps) fragment_caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(
@@ -406,15 +406,20 @@ tessard_sim_metadata_stream_doc_class_init(TessardSimMetadataStreamDocClass *kla
   g_autoptr(GstCaps) document_caps = gst_caps_new_empty_simple(onvif::DOCUMENT_CAPS);
   gst_element_class_add_pad_template(element_class,
                                      gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, document_caps));
-  gst_element_class_set_static_metadata(element_class, "ONVIF metadata stream document", "Muxer/Formatter",
-                                        "Wraps each fragment of ONVIF metadata in a document", "tessard");
+  gst_element_class_set_static_metadata(
+      element_class, "ONVIF metadata stream document", "Muxer/Formatter",
+      "Joins fragments of ONVIF metadata from any number of inputs into one stream of documents, "
+      "one for each fragment",
+      "tessard");
 }
 
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  return sim::element_register(plugin, "onvifxmlmetadatastreamdoc", TESSARD_SIM_TYPE_METADATA_STREAM_DOC);
+  return plugins::register_unless_provided(plugin, "onvifxmlmetadatastreamdoc",
+                                           TESSARD_TYPE_METADATA_STREAM_DOC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifxmlmetadatastreamdoc,
-                  "Documents of the simulated camera", plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")
+                  "Joins fragments of ONVIF metadata into a stream of documents", plugin_init, VERSION,
+                  GST_LICENSE_UNKNOWN, PACKAGE, "tessard")

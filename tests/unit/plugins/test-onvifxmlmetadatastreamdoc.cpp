@@ -527,26 +527,4 @@ TEST_F(MetadataStreamDoc, PadsAreNumberedAndNamedOnRequest)
   EXPECT_STREQ(GST_PAD_NAME(named), "sink_7");
 }
 
-/* Both elements together, as in a client's pipeline. */
-TEST_F(MetadataStreamDoc, SyncPointMakesTheEventSourceSendItsStates)
-{
-  g_autoptr(GstHarness) harness = gst_harness_new_parse("onvifeventsrc event-topic=tns1:Device//. ! "
-                                                        "onvifxmlmetadatastreamdoc name=document");
-  gst_harness_use_systemclock(harness);
-  gst_harness_play(harness);
-  g_autoptr(GstBuffer) first = gst_harness_pull(harness);
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(read_events(buffer_text(first)).front().operation, "Initialized");
-
-  g_autoptr(GstElement) document = gst_bin_get_by_name(GST_BIN(harness->element), "document");
-  ASSERT_TRUE(gst_element_send_event(document, downstream_sync_point_new()));
-  bool again = false;
-  for (int pulled = 0; pulled < 10 && !again; pulled++) {
-    g_autoptr(GstBuffer) buffer = gst_harness_pull(harness);
-    ASSERT_NE(buffer, nullptr);
-    again = read_events(buffer_text(buffer)).back().operation == "Initialized";
-  }
-  EXPECT_TRUE(again);
-}
-
-} // namespace
+} /* namespace */

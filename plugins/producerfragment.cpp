@@ -4,7 +4,7 @@
 #include "metadata.h"
 #include "metadatalimits.h"
 
-namespace sim
+namespace plugins
 {
 
 namespace
@@ -123,4 +123,4 @@ producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view,
   return onvif::fragment_to_buffer(text);
 }
 
-} // namespace sim
+} // namespace plugins

@@ -5,7 +5,7 @@
 
 /* The frames of external producers as ONVIF metadata. */
 
-namespace sim
+namespace plugins
 {
 
 struct ProducerView {
@@ -15,4 +15,4 @@ struct ProducerView {
 
 GstBuffer *producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival);
 
-} // namespace sim
+} // namespace plugins

@@ -1,0 +1,13 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <gst/gst.h>
+
+/* Registers elements that a camera's platform may bring, too. */
+
+namespace plugins
+{
+
+bool register_unless_provided(GstPlugin *plugin, const char *name, GType type);
+
+} // namespace plugins
