@@ -3,6 +3,8 @@
 
 #include "metadata.h"
 
+#include <libxml/parser.h>
+
 namespace onvif
 {
 
@@ -12,45 +14,44 @@ namespace
 constexpr const char *TOPIC_DIALECT = "http://www.onvif.org/ver10/tev/topicExpression/ConcreteSet";
 
 void
-write_items(xmlTextWriter *writer, const char *list, const std::vector<EventItem> &items)
+write_items(XmlWriter *writer, const char *list, const std::vector<EventItem> &items)
 {
-  xml_start(writer, TT, list);
+  writer->start(TT, list);
   for (const EventItem &item : items) {
-    xml_start(writer, TT, "SimpleItem");
-    xml_attribute(writer, "Name", item.name);
-    xml_attribute(writer, "Value", item.value.c_str());
-    xml_end(writer);
+    writer->start(TT, "SimpleItem");
+    writer->attribute("Name", item.name);
+    writer->attribute("Value", item.value);
+    writer->end();
   }
-  xml_end(writer);
+  writer->end();
 }
 
 /* Writes the content of the open tt:Message. */
 void
-write_message_content(xmlTextWriter *writer, const EventMessage &message)
+write_message_content(XmlWriter *writer, const EventMessage &message)
 {
-  g_autofree char *utc = xml_date_time(message.utc);
-  xml_attribute(writer, "UtcTime", utc);
+  writer->attribute("UtcTime", xml_date_time(message.utc));
   if (message.operation != nullptr) {
-    xml_attribute(writer, "PropertyOperation", message.operation);
+    writer->attribute("PropertyOperation", message.operation);
   }
   write_items(writer, "Source", message.source);
   write_items(writer, "Data", message.data);
 }
 
 void
-write_notification(xmlTextWriter *writer, const EventMessage &message)
+write_notification(XmlWriter *writer, const EventMessage &message)
 {
-  xml_start(writer, WSNT, "NotificationMessage");
-  xml_start(writer, WSNT, "Topic");
-  xml_attribute(writer, "Dialect", TOPIC_DIALECT);
-  xml_text(writer, message.topic);
-  xml_end(writer);
-  xml_start(writer, WSNT, "Message");
-  xml_start(writer, TT, "Message");
+  writer->start(WSNT, "NotificationMessage");
+  writer->start(WSNT, "Topic");
+  writer->attribute("Dialect", TOPIC_DIALECT);
+  writer->text(message.topic);
+  writer->end();
+  writer->start(WSNT, "Message");
+  writer->start(TT, "Message");
   write_message_content(writer, message);
-  xml_end(writer);
-  xml_end(writer);
-  xml_end(writer);
+  writer->end();
+  writer->end();
+  writer->end();
 }
 
 } // namespace
@@ -64,14 +65,13 @@ write_notification(xmlTextWriter *writer, const EventMessage &message)
 xmlDoc *
 event_message_to_document(const EventMessage &message)
 {
-  xmlDoc *document = nullptr;
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterDoc(&document, 0);
-  xmlTextWriterStartDocument(writer, nullptr, nullptr, nullptr);
-  xml_start(writer, TT, "Message");
-  xml_declare(writer, TT);
-  write_message_content(writer, message);
-  xmlTextWriterEndDocument(writer);
-  return document;
+  XmlWriter writer;
+  writer.start(TT, "Message");
+  writer.declare(TT);
+  write_message_content(&writer, message);
+  writer.end();
+  std::string_view text = writer.written();
+  return xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, "UTF-8", XML_PARSE_NONET);
 }
 
 /**
@@ -84,21 +84,19 @@ event_message_to_document(const EventMessage &message)
 GstBuffer *
 event_messages_to_fragment(const std::vector<EventMessage> &messages, std::span<const XmlNamespace> topics)
 {
-  g_autoptr(xmlBuffer) text = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  xml_start(writer, TT, "Event");
+  XmlWriter writer;
+  writer.start(TT, "Event");
   for (const XmlNamespace &declared : {TT, WSNT, TNS1}) {
-    xml_declare(writer, declared);
+    writer.declare(declared);
   }
   for (const XmlNamespace &declared : topics) {
-    xml_declare(writer, declared);
+    writer.declare(declared);
   }
   for (const EventMessage &message : messages) {
-    write_notification(writer, message);
+    write_notification(&writer, message);
   }
-  xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return fragment_to_buffer(text);
+  writer.end();
+  return fragment_to_buffer(&writer);
 }
 
 } // namespace onvif

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "libxml.h"
 #include "xml.h"
 
 #include <gst/gst.h>

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string>
 
 namespace onvif
 {
@@ -15,8 +14,8 @@ constexpr int PICTURE_DIGITS = 4;
 
 /* A type that ONVIF's older enumeration has, and its name there. All other types are "Other". */
 struct ClassNames {
-  const char *name;
-  const char *candidate;
+  std::string_view name;
+  std::string_view candidate;
 };
 
 constexpr std::array<ClassNames, 4> CLASS_NAMES = {{
@@ -26,43 +25,43 @@ constexpr std::array<ClassNames, 4> CLASS_NAMES = {{
     {"Vehicle", "Vehical"},
 }};
 
-constexpr const char *OTHER_CANDIDATE = "Other";
+constexpr std::string_view OTHER_CANDIDATE = "Other";
 
-const char *
-candidate_of(const char *type)
+std::string_view
+candidate_of(std::string_view type)
 {
   auto found = std::find_if(CLASS_NAMES.begin(), CLASS_NAMES.end(),
-                            [type](const ClassNames &names) { return g_str_equal(names.name, type); });
+                            [type](const ClassNames &names) { return names.name == type; });
   return found != CLASS_NAMES.end() ? found->candidate : OTHER_CANDIDATE;
 }
 
 void
-write_point(xmlTextWriter *writer, const char *name, const Point &point)
+write_point(XmlWriter *writer, std::string_view name, const Point &point)
 {
-  xml_start(writer, TT, name);
-  xml_attribute_number(writer, "x", point.x, PICTURE_DIGITS);
-  xml_attribute_number(writer, "y", point.y, PICTURE_DIGITS);
-  xml_end(writer);
+  writer->start(TT, name);
+  writer->attribute_number("x", point.x, PICTURE_DIGITS);
+  writer->attribute_number("y", point.y, PICTURE_DIGITS);
+  writer->end();
 }
 
 void
-write_box(xmlTextWriter *writer, const Box &box)
+write_box(XmlWriter *writer, const Box &box)
 {
-  xml_start(writer, TT, "BoundingBox");
-  xml_attribute_number(writer, "left", box.left, PICTURE_DIGITS);
-  xml_attribute_number(writer, "top", box.top, PICTURE_DIGITS);
-  xml_attribute_number(writer, "right", box.right, PICTURE_DIGITS);
-  xml_attribute_number(writer, "bottom", box.bottom, PICTURE_DIGITS);
-  xml_end(writer);
+  writer->start(TT, "BoundingBox");
+  writer->attribute_number("left", box.left, PICTURE_DIGITS);
+  writer->attribute_number("top", box.top, PICTURE_DIGITS);
+  writer->attribute_number("right", box.right, PICTURE_DIGITS);
+  writer->attribute_number("bottom", box.bottom, PICTURE_DIGITS);
+  writer->end();
 }
 
 void
-write_candidate(xmlTextWriter *writer, const char *type, double likelihood)
+write_candidate(XmlWriter *writer, std::string_view type, double likelihood)
 {
-  xml_start(writer, TT, "ClassCandidate");
-  xml_element(writer, TT, "Type", candidate_of(type));
-  xml_element_number(writer, TT, "Likelihood", likelihood, MEASURE_DIGITS);
-  xml_end(writer);
+  writer->start(TT, "ClassCandidate");
+  writer->element(TT, "Type", candidate_of(type));
+  writer->element_number(TT, "Likelihood", likelihood, MEASURE_DIGITS);
+  writer->end();
 }
 
 } // namespace
@@ -77,44 +76,43 @@ write_candidate(xmlTextWriter *writer, const char *type, double likelihood)
  * Adds a shape.
  */
 void
-frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centre,
-                  const std::vector<Point> &polygon)
+frame_write_shape(XmlWriter *writer, const Box &box, const Point &centre, std::span<const Point> polygon)
 {
-  xml_start(writer, TT, "Shape");
+  writer->start(TT, "Shape");
   write_box(writer, box);
   write_point(writer, "CenterOfGravity", centre);
   if (!polygon.empty()) {
-    xml_start(writer, TT, "Polygon");
+    writer->start(TT, "Polygon");
     for (const Point &point : polygon) {
       write_point(writer, "Point", point);
     }
-    xml_end(writer);
+    writer->end();
   }
-  xml_end(writer);
+  writer->end();
 }
 
 /**
  * frame_write_class:
  * @writer: the writer, with an appearance open
- * @type: the object's type; only characters that XML allows
+ * @type: the object's type
  * @likelihood: the likelihood of the type, from 0 to 1
  *
  * Adds a class in the newer form and, if there is a likelihood, in the older form, which requires one.
  */
 void
-frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double> likelihood)
+frame_write_class(XmlWriter *writer, std::string_view type, std::optional<double> likelihood)
 {
-  xml_start(writer, TT, "Class");
+  writer->start(TT, "Class");
   if (likelihood.has_value()) {
     write_candidate(writer, type, *likelihood);
   }
-  xml_start(writer, TT, "Type");
+  writer->start(TT, "Type");
   if (likelihood.has_value()) {
-    xml_attribute_number(writer, "Likelihood", *likelihood, MEASURE_DIGITS);
+    writer->attribute_number("Likelihood", *likelihood, MEASURE_DIGITS);
   }
-  xml_text(writer, type);
-  xml_end(writer);
-  xml_end(writer);
+  writer->text(type);
+  writer->end();
+  writer->end();
 }
 
 /**
@@ -125,18 +123,18 @@ frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double>
  * Adds an object tree with the deleted objects, unless there are none.
  */
 void
-frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted)
+frame_write_deleted(XmlWriter *writer, std::span<const gint64> deleted)
 {
   if (deleted.empty()) {
     return;
   }
-  xml_start(writer, TT, "ObjectTree");
+  writer->start(TT, "ObjectTree");
   for (gint64 id : deleted) {
-    xml_start(writer, TT, "Delete");
-    xml_attribute(writer, "ObjectId", std::to_string(id).c_str());
-    xml_end(writer);
+    writer->start(TT, "Delete");
+    writer->attribute_integer("ObjectId", id);
+    writer->end();
   }
-  xml_end(writer);
+  writer->end();
 }
 
 } // namespace onvif

@@ -5,7 +5,7 @@
 #include "xml.h"
 
 #include <optional>
-#include <vector>
+#include <span>
 
 /* The parts of a tt:Frame that are the same for all sources of objects. */
 
@@ -15,9 +15,9 @@ namespace onvif
 /* Decimals of likelihoods and of measurements. */
 constexpr int MEASURE_DIGITS = 2;
 
-void frame_write_shape(xmlTextWriter *writer, const Box &box, const Point &centre,
-                       const std::vector<Point> &polygon);
-void frame_write_class(xmlTextWriter *writer, const char *type, std::optional<double> likelihood);
-void frame_write_deleted(xmlTextWriter *writer, const std::vector<gint64> &deleted);
+void frame_write_shape(XmlWriter *writer, const Box &box, const Point &centre,
+                       std::span<const Point> polygon);
+void frame_write_class(XmlWriter *writer, std::string_view type, std::optional<double> likelihood);
+void frame_write_deleted(XmlWriter *writer, std::span<const gint64> deleted);
 
 } // namespace onvif

@@ -36,16 +36,16 @@ is_sync_point_event(GstEvent *event)
 
 /**
  * fragment_to_buffer:
- * @text: a fragment, written; empty afterwards
+ * @writer: a fragment, written; must not be used any more
  *
  * Returns: (transfer full): a buffer that owns the text, which is not copied
  */
 GstBuffer *
-fragment_to_buffer(xmlBuffer *text)
+fragment_to_buffer(XmlWriter *writer)
 {
-  gsize size = static_cast<gsize>(xmlBufferLength(text));
-  xmlChar *bytes = xmlBufferDetach(text);
-  return gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes, size, 0, size, bytes, xmlFree);
+  gsize size = 0;
+  char *text = writer->take(&size);
+  return gst_buffer_new_wrapped(text, size);
 }
 
 } // namespace onvif

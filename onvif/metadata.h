@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "xml.h"
+
 #include <gst/gst.h>
-#include <libxml/tree.h>
 
 /* The caps and events of elements that produce ONVIF metadata. */
 
@@ -18,6 +19,6 @@ constexpr const char *DOCUMENT_CAPS = "application/x-onvif-metadata";
 
 GstEvent *sync_point_event_new();
 bool is_sync_point_event(GstEvent *event);
-GstBuffer *fragment_to_buffer(xmlBuffer *text);
+GstBuffer *fragment_to_buffer(XmlWriter *writer);
 
 } // namespace onvif

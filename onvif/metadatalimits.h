@@ -10,6 +10,6 @@ namespace onvif
 constexpr gint64 LATEST_UTC = G_GINT64_CONSTANT(4102444799) * G_USEC_PER_SEC;
 
 /* Characters of a frame's source name; the rest is cut off. */
-constexpr glong SOURCE_NAME_MAX = 1024;
+constexpr gsize SOURCE_NAME_MAX = 1024;
 
 } // namespace onvif

@@ -2,16 +2,11 @@
 #pragma once
 
 #include <glib.h>
-#include <libxml/tree.h>
-#include <libxml/xmlwriter.h>
-#include <libxml/xpath.h>
+#include <string>
+#include <string_view>
+#include <vector>
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlBuffer, xmlBufferFree)
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlDoc, xmlFreeDoc)
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlTextWriter, xmlFreeTextWriter)
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathCompExpr, xmlXPathFreeCompExpr)
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathContext, xmlXPathFreeContext)
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathObject, xmlXPathFreeObject)
+/* XML that elements write. */
 
 namespace onvif
 {
@@ -25,18 +20,56 @@ constexpr XmlNamespace TT = {"tt", "http://www.onvif.org/ver10/schema"};
 constexpr XmlNamespace WSNT = {"wsnt", "http://docs.oasis-open.org/wsn/b-2"};
 constexpr XmlNamespace TNS1 = {"tns1", "http://www.onvif.org/ver10/topics"};
 
-void xml_start(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name);
-void xml_attribute(xmlTextWriter *writer, const char *name, const char *value);
-void xml_attribute_number(xmlTextWriter *writer, const char *name, double value, int decimals);
-void xml_text(xmlTextWriter *writer, const char *text);
-void xml_element(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
-                 const char *text);
-void xml_element_number(xmlTextWriter *writer, const XmlNamespace &element_namespace, const char *name,
-                        double value, int decimals);
-void xml_declare(xmlTextWriter *writer, const XmlNamespace &declared);
-void xml_end(xmlTextWriter *writer);
-char *xml_clean_text(const char *text);
-char *xml_clean_beginning(const char *text, glong max_characters);
-char *xml_date_time(gint64 utc);
+/* The most decimals of a number. */
+constexpr int XML_DECIMALS_MAX = 9;
+
+/* Writes elements into one growing text without line breaks. Texts and values of attributes can be any bytes:
+ * they are escaped, and invalid UTF-8 and characters that XML does not allow become U+FFFD. The names of
+ * elements, attributes and prefixes are written as they are, and must stay valid as long as the writer. */
+class XmlWriter
+{
+public:
+  XmlWriter();
+  ~XmlWriter();
+  XmlWriter(const XmlWriter &) = delete;
+  XmlWriter &operator=(const XmlWriter &) = delete;
+
+  void start(const XmlNamespace &element_namespace, std::string_view name);
+  void attribute(std::string_view name, std::string_view value);
+  void attribute_number(std::string_view name, double value, int decimals);
+  void attribute_integer(std::string_view name, gint64 value);
+  void text(std::string_view text);
+  void element(const XmlNamespace &element_namespace, std::string_view name, std::string_view text);
+  void element_number(const XmlNamespace &element_namespace, std::string_view name, double value,
+                      int decimals);
+  void declare(const XmlNamespace &declared);
+  void end();
+  std::string_view written() const;
+  char *take(gsize *size);
+
+private:
+  struct Element {
+    std::string_view prefix;
+    std::string_view name;
+  };
+
+  char *room(gsize size);
+  void append(std::string_view text);
+  void append(char character);
+  void append_name(const Element &element);
+  void append_escaped(std::string_view text);
+  void append_number(double value, int decimals);
+  void begin_value(std::string_view name);
+  void close_start_tag();
+
+  char *text_;
+  gsize size_ = 0;
+  gsize allocated_;
+  bool is_in_start_tag_ = false;
+  std::vector<Element> open_;
+};
+
+std::string_view xml_beginning(std::string_view text, gsize max_characters);
+std::string xml_date_time(gint64 utc);
 
 } // namespace onvif

@@ -5,7 +5,6 @@
 #include "producerfragment.h"
 #include "registration.h"
 
-#include <libxml/parser.h>
 #include <utility>
 
 /* Converts each frame of external producers to one fragment of ONVIF metadata. Malformed frames, or malformed
@@ -221,7 +220,6 @@ tessard_json_to_xml_class_init(TessardJsonToXmlClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  xmlInitParser();
   return plugins::register_unless_provided(plugin, "json2xml", TESSARD_TYPE_JSON_TO_XML);
 }
 

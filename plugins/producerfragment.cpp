@@ -13,7 +13,7 @@ namespace
 /* Common to all items of a frame. */
 struct FrameContext {
   const ProducerView &view;
-  const char *source; /* nullptr for the start of a stream */
+  std::optional<std::string_view> source; /* unset for the start of a stream */
   gint64 arrival;
 };
 
@@ -24,48 +24,40 @@ centre_of(const ProducerObject &object)
   return object.centre.value_or(onvif::Point{(box.left + box.right) / 2, (box.bottom + box.top) / 2});
 }
 
-void
-write_type(xmlTextWriter *writer, const ProducerObject &object)
-{
-  g_autofree char *type = onvif::xml_clean_text(object.type->c_str());
-  onvif::frame_write_class(writer, type, object.likelihood);
-}
-
 /* ONVIF requires a box in a shape. */
 void
-write_appearance(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
+write_appearance(onvif::XmlWriter *writer, const ProducerObject &object, const ProducerView &view)
 {
   if (!object.box.has_value() && !object.type.has_value()) {
     return;
   }
-  onvif::xml_start(writer, onvif::TT, "Appearance");
+  writer->start(onvif::TT, "Appearance");
   if (object.box.has_value()) {
     onvif::frame_write_shape(writer, *object.box, centre_of(object),
-                             view.polygon ? object.polygon : std::vector<onvif::Point>());
+                             view.polygon ? object.polygon : std::span<const onvif::Point>());
   }
   if (object.type.has_value()) {
-    write_type(writer, object);
+    onvif::frame_write_class(writer, *object.type, object.likelihood);
   }
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 void
-write_object(xmlTextWriter *writer, const ProducerObject &object, const ProducerView &view)
+write_object(onvif::XmlWriter *writer, const ProducerObject &object, const ProducerView &view)
 {
-  onvif::xml_start(writer, onvif::TT, "Object");
-  onvif::xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  writer->start(onvif::TT, "Object");
+  writer->attribute_integer("ObjectId", object.id);
   write_appearance(writer, object, view);
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 /* Writes the attributes and content of the open tt:Frame or tt:SampleFrame. */
 void
-write_item(xmlTextWriter *writer, const ProducerItem &item, const FrameContext &context)
+write_item(onvif::XmlWriter *writer, const ProducerItem &item, const FrameContext &context)
 {
-  g_autofree char *utc = onvif::xml_date_time(item.utc.value_or(context.arrival));
-  onvif::xml_attribute(writer, "UtcTime", utc);
-  if (context.source != nullptr) {
-    onvif::xml_attribute(writer, "Source", context.source);
+  writer->attribute("UtcTime", onvif::xml_date_time(item.utc.value_or(context.arrival)));
+  if (context.source.has_value()) {
+    writer->attribute("Source", *context.source);
   }
   for (const ProducerObject &object : item.objects) {
     write_object(writer, object, context.view);
@@ -74,25 +66,25 @@ write_item(xmlTextWriter *writer, const ProducerItem &item, const FrameContext &
 }
 
 void
-write_sample(xmlTextWriter *writer, const ProducerFrame &frame, const FrameContext &context)
+write_sample(onvif::XmlWriter *writer, const ProducerFrame &frame, const FrameContext &context)
 {
-  onvif::xml_start(writer, onvif::TT, "SampleFrame");
-  onvif::xml_declare(writer, onvif::TT);
+  writer->start(onvif::TT, "SampleFrame");
+  writer->declare(onvif::TT);
   write_item(writer, frame.items.front(), context);
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 void
-write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const FrameContext &context)
+write_frames(onvif::XmlWriter *writer, const ProducerFrame &frame, const FrameContext &context)
 {
-  onvif::xml_start(writer, onvif::TT, "VideoAnalytics");
-  onvif::xml_declare(writer, onvif::TT);
+  writer->start(onvif::TT, "VideoAnalytics");
+  writer->declare(onvif::TT);
   for (const ProducerItem &item : frame.items) {
-    onvif::xml_start(writer, onvif::TT, "Frame");
+    writer->start(onvif::TT, "Frame");
     write_item(writer, item, context);
-    onvif::xml_end(writer);
+    writer->end();
   }
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 } // namespace
@@ -109,18 +101,17 @@ write_frames(xmlTextWriter *writer, const ProducerFrame &frame, const FrameConte
 GstBuffer *
 producer_frame_to_fragment(const ProducerFrame &frame, const ProducerView &view, gint64 arrival)
 {
-  bool is_start = frame.source == STREAM_START_SOURCE;
-  g_autofree char *source = onvif::xml_clean_beginning(frame.source.c_str(), onvif::SOURCE_NAME_MAX);
-  FrameContext context = {.view = view, .source = is_start ? nullptr : source, .arrival = arrival};
-  g_autoptr(xmlBuffer) text = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  if (view.sample) {
-    write_sample(writer, frame, context);
-  } else {
-    write_frames(writer, frame, context);
+  FrameContext context = {.view = view, .source = std::nullopt, .arrival = arrival};
+  if (frame.source != STREAM_START_SOURCE) {
+    context.source = onvif::xml_beginning(frame.source, onvif::SOURCE_NAME_MAX);
   }
-  xmlTextWriterFlush(writer);
-  return onvif::fragment_to_buffer(text);
+  onvif::XmlWriter writer;
+  if (view.sample) {
+    write_sample(&writer, frame, context);
+  } else {
+    write_frames(&writer, frame, context);
+  }
+  return onvif::fragment_to_buffer(&writer);
 }
 
 } // namespace plugins

@@ -3,12 +3,12 @@
 
 #include "contentfilter.h"
 #include "metadata.h"
-#include "registration.h"
 #include "sourcewait.h"
 #include "topicexpression.h"
 #include "worldcursor.h"
 #include "worldevents.h"
 
+#include <libxml/parser.h>
 #include <utility>
 
 /* A live source of the world's events. It waits for the world's next change and does not poll; a change
@@ -335,7 +335,9 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  return sim::element_register(plugin, "onvifeventsrc", TESSARD_SIM_TYPE_EVENT_SRC);
+  /* Elements filter events on several threads. */
+  xmlInitParser();
+  return gst_element_register(plugin, "onvifeventsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_EVENT_SRC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifeventsrc, "Events of the simulated camera",

@@ -59,41 +59,41 @@ can_move(const PtzView &view, int axes)
 }
 
 void
-write_coordinate(xmlTextWriter *writer, const char *name, double value, Range from, Range to)
+write_coordinate(onvif::XmlWriter *writer, const char *name, double value, Range from, Range to)
 {
   double mapped = std::lerp(to.low, to.high, (value - from.low) / (from.high - from.low));
-  onvif::xml_attribute_number(writer, name, mapped, COORDINATE_DIGITS);
+  writer->attribute_number(name, mapped, COORDINATE_DIGITS);
 }
 
 void
-write_pan_tilt(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view)
+write_pan_tilt(onvif::XmlWriter *writer, const Ptz &ptz, const PtzView &view)
 {
   const PanTiltSpace &space = space_of(PAN_TILT_SPACES, view.pan_tilt_space);
   double pan = can_move(view, PTZ_MOVES_PAN) ? ptz.pan : 0;
   double tilt = can_move(view, PTZ_MOVES_TILT) ? ptz.tilt : 0;
-  onvif::xml_start(writer, onvif::TT, "PanTilt");
+  writer->start(onvif::TT, "PanTilt");
   write_coordinate(writer, "x", pan, GENERIC_PAN_TILT, space.pan);
   write_coordinate(writer, "y", tilt, GENERIC_PAN_TILT, space.tilt);
-  onvif::xml_attribute(writer, "space", space.uri);
-  onvif::xml_end(writer);
+  writer->attribute("space", space.uri);
+  writer->end();
 }
 
 void
-write_zoom(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view)
+write_zoom(onvif::XmlWriter *writer, const Ptz &ptz, const PtzView &view)
 {
   const ZoomSpace &space = space_of(ZOOM_SPACES, view.zoom_space);
-  onvif::xml_start(writer, onvif::TT, "Zoom");
+  writer->start(onvif::TT, "Zoom");
   write_coordinate(writer, "x", ptz.zoom, GENERIC_ZOOM, space.zoom);
-  onvif::xml_attribute(writer, "space", space.uri);
-  onvif::xml_end(writer);
+  writer->attribute("space", space.uri);
+  writer->end();
 }
 
 void
-write_move_status(xmlTextWriter *writer, const char *name, bool moving)
+write_move_status(onvif::XmlWriter *writer, const char *name, bool moving)
 {
-  onvif::xml_start(writer, onvif::TT, name);
-  onvif::xml_text(writer, moving ? "MOVING" : "IDLE");
-  onvif::xml_end(writer);
+  writer->start(onvif::TT, name);
+  writer->text(moving ? "MOVING" : "IDLE");
+  writer->end();
 }
 
 } // namespace
@@ -109,37 +109,36 @@ write_move_status(xmlTextWriter *writer, const char *name, bool moving)
  * the middle of the range.
  */
 void
-ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc)
+ptz_status_write(onvif::XmlWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc)
 {
   bool pan_tilt = can_move(view, PTZ_MOVES_PAN | PTZ_MOVES_TILT);
   bool zoom = can_move(view, PTZ_MOVES_ZOOM);
-  g_autofree char *utc_text = onvif::xml_date_time(utc);
 
-  onvif::xml_start(writer, onvif::TT, "PTZStatus");
+  writer->start(onvif::TT, "PTZStatus");
   if (view.with_position) {
-    onvif::xml_start(writer, onvif::TT, "Position");
+    writer->start(onvif::TT, "Position");
     if (pan_tilt) {
       write_pan_tilt(writer, ptz, view);
     }
     if (zoom) {
       write_zoom(writer, ptz, view);
     }
-    onvif::xml_end(writer);
+    writer->end();
   }
   if (view.with_status) {
-    onvif::xml_start(writer, onvif::TT, "MoveStatus");
+    writer->start(onvif::TT, "MoveStatus");
     if (pan_tilt) {
       write_move_status(writer, "PanTilt", ptz.pan_tilt_moving);
     }
     if (zoom) {
       write_move_status(writer, "Zoom", ptz.zoom_moving);
     }
-    onvif::xml_end(writer);
+    writer->end();
   }
-  onvif::xml_start(writer, onvif::TT, "UtcTime");
-  onvif::xml_text(writer, utc_text);
-  onvif::xml_end(writer);
-  onvif::xml_end(writer);
+  writer->start(onvif::TT, "UtcTime");
+  writer->text(onvif::xml_date_time(utc));
+  writer->end();
+  writer->end();
 }
 
 } // namespace sim

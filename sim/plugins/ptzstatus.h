@@ -29,6 +29,6 @@ struct PtzView {
   bool with_status = true;
 };
 
-void ptz_status_write(xmlTextWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc);
+void ptz_status_write(onvif::XmlWriter *writer, const Ptz &ptz, const PtzView &view, gint64 utc);
 
 } // namespace sim

@@ -1,27 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include "registration.h"
 
-#include <libxml/parser.h>
-
 namespace sim
 {
-
-/**
- * element_register:
- * @plugin: the plug-in that is being loaded
- * @name: the name of the element's factory
- * @type: the element's type
- *
- * Registers an element. Initialises libxml2 before, because elements use it from several threads.
- *
- * Returns: whether the element is registered
- */
-bool
-element_register(GstPlugin *plugin, const char *name, GType type)
-{
-  xmlInitParser();
-  return gst_element_register(plugin, name, GST_RANK_NONE, type);
-}
 
 /**
  * element_register_class:
@@ -40,7 +21,7 @@ element_register_class(GstPlugin *plugin, const ElementDescription &element, GTy
                        const GTypeInfo &info)
 {
   GType type = g_type_register_static(parent, element.type_name, &info, G_TYPE_FLAG_FINAL);
-  return element_register(plugin, element.name, type);
+  return gst_element_register(plugin, element.name, GST_RANK_NONE, type);
 }
 
 } // namespace sim

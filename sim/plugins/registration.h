@@ -3,7 +3,7 @@
 
 #include <gst/gst.h>
 
-/* Registers all types of elements: those with a class of their own in C++ and those of GObject's macros. */
+/* Registers elements of which two plug-ins have the same code. */
 
 namespace sim
 {
@@ -15,7 +15,6 @@ struct ElementDescription {
   const char *description;
 };
 
-bool element_register(GstPlugin *plugin, const char *name, GType type);
 bool element_register_class(GstPlugin *plugin, const ElementDescription &element, GType parent,
                             const GTypeInfo &info);
 

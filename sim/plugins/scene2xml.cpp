@@ -214,13 +214,12 @@ finalize(GObject *object)
 }
 
 std::optional<std::string>
-clean_name(const std::optional<std::string> &name)
+short_name(const std::optional<std::string> &name)
 {
   if (!name.has_value()) {
     return std::nullopt;
   }
-  g_autofree char *clean = onvif::xml_clean_beginning(name->c_str(), onvif::SOURCE_NAME_MAX);
-  return clean;
+  return std::string(onvif::xml_beginning(*name, onvif::SOURCE_NAME_MAX));
 }
 
 guint
@@ -241,7 +240,7 @@ start(GstBaseTransform *base)
   SceneConverter *self = as_converter(base);
   Options options = effective_options(self);
   self->state->streaming = {
-      .view = {.source_name = clean_name(options.source_name),
+      .view = {.source_name = short_name(options.source_name),
                .rotation = rotation_of(self, options),
                .polygon = options.polygon,
                .velocity = options.velocity || !description_of(self).radar,

@@ -61,7 +61,8 @@ rotate_box(const Rotation &rotation, const Box &box)
 }
 
 void
-write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &view, const Rotation &rotation)
+write_shape(onvif::XmlWriter *writer, const SceneObject &object, const SceneView &view,
+            const Rotation &rotation)
 {
   std::vector<Point> polygon;
   if (view.polygon) {
@@ -75,45 +76,45 @@ write_shape(xmlTextWriter *writer, const SceneObject &object, const SceneView &v
 
 /* The rotation of the picture does not apply to the radar. */
 void
-write_radar(xmlTextWriter *writer, const SceneObject &object, const SceneView &view)
+write_radar(onvif::XmlWriter *writer, const SceneObject &object, const SceneView &view)
 {
-  onvif::xml_start(writer, onvif::TT, "Extension");
-  onvif::xml_start(writer, QURT, "RadarObjectInfo");
-  onvif::xml_declare(writer, QURT);
-  onvif::xml_start(writer, QURT, "PolarCoordinate");
-  onvif::xml_attribute_number(writer, "angle", object.radar->position.angle, onvif::MEASURE_DIGITS);
-  onvif::xml_attribute_number(writer, "range", object.radar->position.range, onvif::MEASURE_DIGITS);
-  onvif::xml_end(writer);
+  writer->start(onvif::TT, "Extension");
+  writer->start(QURT, "RadarObjectInfo");
+  writer->declare(QURT);
+  writer->start(QURT, "PolarCoordinate");
+  writer->attribute_number("angle", object.radar->position.angle, onvif::MEASURE_DIGITS);
+  writer->attribute_number("range", object.radar->position.range, onvif::MEASURE_DIGITS);
+  writer->end();
   if (view.velocity && object.velocity.has_value()) {
-    onvif::xml_start(writer, QURT, "Velocity");
-    onvif::xml_attribute_number(writer, "m-s", object.velocity->speed, onvif::MEASURE_DIGITS);
-    onvif::xml_attribute_number(writer, "angle", object.velocity->angle, onvif::MEASURE_DIGITS);
-    onvif::xml_end(writer);
+    writer->start(QURT, "Velocity");
+    writer->attribute_number("m-s", object.velocity->speed, onvif::MEASURE_DIGITS);
+    writer->attribute_number("angle", object.velocity->angle, onvif::MEASURE_DIGITS);
+    writer->end();
   }
-  onvif::xml_start(writer, QURT, "Size");
-  onvif::xml_attribute_number(writer, "m", object.radar->size, onvif::MEASURE_DIGITS);
-  onvif::xml_end(writer);
-  onvif::xml_end(writer);
-  onvif::xml_end(writer);
+  writer->start(QURT, "Size");
+  writer->attribute_number("m", object.radar->size, onvif::MEASURE_DIGITS);
+  writer->end();
+  writer->end();
+  writer->end();
 }
 
 void
-write_location(xmlTextWriter *writer, const Polar &position)
+write_location(onvif::XmlWriter *writer, const Polar &position)
 {
   GeoLocation location = ground_location(position);
-  onvif::xml_start(writer, onvif::TT, "GeoLocation");
-  onvif::xml_attribute_number(writer, "lon", location.longitude, EARTH_DIGITS);
-  onvif::xml_attribute_number(writer, "lat", location.latitude, EARTH_DIGITS);
-  onvif::xml_attribute_number(writer, "elevation", location.elevation, onvif::MEASURE_DIGITS);
-  onvif::xml_end(writer);
+  writer->start(onvif::TT, "GeoLocation");
+  writer->attribute_number("lon", location.longitude, EARTH_DIGITS);
+  writer->attribute_number("lat", location.latitude, EARTH_DIGITS);
+  writer->attribute_number("elevation", location.elevation, onvif::MEASURE_DIGITS);
+  writer->end();
 }
 
 /* ONVIF requires a box in a shape; without a box no shape is written. */
 void
-write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneView &view,
+write_appearance(onvif::XmlWriter *writer, const SceneObject &object, const SceneView &view,
                  const Rotation &rotation)
 {
-  onvif::xml_start(writer, onvif::TT, "Appearance");
+  writer->start(onvif::TT, "Appearance");
   if (object.box.has_value()) {
     write_shape(writer, object, view, rotation);
   }
@@ -124,44 +125,44 @@ write_appearance(xmlTextWriter *writer, const SceneObject &object, const SceneVi
       write_location(writer, object.radar->position);
     }
   }
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 /* In a rotated picture too, 0 is to its right and 90 away from the camera. */
 void
-write_behaviour(xmlTextWriter *writer, const Velocity &velocity, const Rotation &rotation)
+write_behaviour(onvif::XmlWriter *writer, const Velocity &velocity, const Rotation &rotation)
 {
   double yaw = std::remainder(90 - velocity.angle - rotation.degrees, 360);
-  onvif::xml_start(writer, onvif::TT, "Behaviour");
-  onvif::xml_element_number(writer, onvif::TT, "Speed", velocity.speed, onvif::MEASURE_DIGITS);
-  onvif::xml_start(writer, onvif::TT, "Direction");
-  onvif::xml_attribute_number(writer, "yaw", yaw, onvif::MEASURE_DIGITS);
-  onvif::xml_end(writer);
-  onvif::xml_end(writer);
+  writer->start(onvif::TT, "Behaviour");
+  writer->element_number(onvif::TT, "Speed", velocity.speed, onvif::MEASURE_DIGITS);
+  writer->start(onvif::TT, "Direction");
+  writer->attribute_number("yaw", yaw, onvif::MEASURE_DIGITS);
+  writer->end();
+  writer->end();
 }
 
 void
-write_object(xmlTextWriter *writer, const SceneObject &object, const SceneView &view,
+write_object(onvif::XmlWriter *writer, const SceneObject &object, const SceneView &view,
              const Rotation &rotation)
 {
-  onvif::xml_start(writer, onvif::TT, "Object");
-  onvif::xml_attribute(writer, "ObjectId", std::to_string(object.id).c_str());
+  writer->start(onvif::TT, "Object");
+  writer->attribute_integer("ObjectId", object.id);
   write_appearance(writer, object, view, rotation);
   if (view.velocity && object.velocity.has_value()) {
     write_behaviour(writer, *object.velocity, rotation);
   }
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 void
-write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
+write_frame(onvif::XmlWriter *writer, const Scene &scene, const SceneView &view,
+            const std::optional<Ptz> &ptz)
 {
   const Rotation &rotation = *find_rotation(view.rotation);
-  g_autofree char *utc = onvif::xml_date_time(scene.utc);
-  onvif::xml_start(writer, onvif::TT, "Frame");
-  onvif::xml_attribute(writer, "UtcTime", utc);
+  writer->start(onvif::TT, "Frame");
+  writer->attribute("UtcTime", onvif::xml_date_time(scene.utc));
   if (view.source_name.has_value()) {
-    onvif::xml_attribute(writer, "Source", view.source_name->c_str());
+    writer->attribute("Source", *view.source_name);
   }
   if (ptz.has_value()) {
     ptz_status_write(writer, *ptz, view.ptz, scene.utc);
@@ -170,7 +171,7 @@ write_frame(xmlTextWriter *writer, const Scene &scene, const SceneView &view, co
     write_object(writer, object, view, rotation);
   }
   onvif::frame_write_deleted(writer, scene.deleted);
-  onvif::xml_end(writer);
+  writer->end();
 }
 
 } // namespace
@@ -198,14 +199,12 @@ scene_can_rotate(guint rotation)
 GstBuffer *
 scene_to_fragment(const Scene &scene, const SceneView &view, const std::optional<Ptz> &ptz)
 {
-  g_autoptr(xmlBuffer) text = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  onvif::xml_start(writer, onvif::TT, "VideoAnalytics");
-  onvif::xml_declare(writer, onvif::TT);
-  write_frame(writer, scene, view, ptz);
-  onvif::xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return onvif::fragment_to_buffer(text);
+  onvif::XmlWriter writer;
+  writer.start(onvif::TT, "VideoAnalytics");
+  writer.declare(onvif::TT);
+  write_frame(&writer, scene, view, ptz);
+  writer.end();
+  return onvif::fragment_to_buffer(&writer);
 }
 
 } // namespace sim

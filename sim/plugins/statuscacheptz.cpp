@@ -3,7 +3,6 @@
 
 #include "metadata.h"
 #include "ptzstatus.h"
-#include "registration.h"
 #include "sourcewait.h"
 #include "worldcursor.h"
 
@@ -110,16 +109,14 @@ is_due(const StreamingState &streaming, sim::WorldTime now)
 GstBuffer *
 fragment_new(const StreamingState &streaming, const sim::Ptz &ptz, sim::WorldTime now)
 {
-  g_autoptr(xmlBuffer) text = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(text, 0);
-  onvif::xml_start(writer, onvif::TT, "PTZ");
-  onvif::xml_declare(writer, onvif::TT);
+  onvif::XmlWriter writer;
+  writer.start(onvif::TT, "PTZ");
+  writer.declare(onvif::TT);
   if (streaming.has_head) {
-    sim::ptz_status_write(writer, ptz, streaming.view, sim::settings_utc(streaming.cursor.settings(), now));
+    sim::ptz_status_write(&writer, ptz, streaming.view, sim::settings_utc(streaming.cursor.settings(), now));
   }
-  onvif::xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return onvif::fragment_to_buffer(text);
+  writer.end();
+  return onvif::fragment_to_buffer(&writer);
 }
 
 /* Returns the state at @now and schedules its repetition. */
@@ -341,7 +338,7 @@ tessard_sim_ptz_src_class_init(TessardSimPtzSrcClass *klass)
 static gboolean
 plugin_init(GstPlugin *plugin)
 {
-  return sim::element_register(plugin, "statuscacheptzsrc", TESSARD_SIM_TYPE_PTZ_SRC);
+  return gst_element_register(plugin, "statuscacheptzsrc", GST_RANK_NONE, TESSARD_SIM_TYPE_PTZ_SRC);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, statuscacheptz, "PTZ status of the simulated camera",

@@ -42,9 +42,8 @@ with_time(const Recording::Line &line, gint64 utc)
     return line.text;
   }
   const std::string_view text = shared_text_view(line.text);
-  g_autofree char *time = onvif::xml_date_time(utc);
   std::string shifted(text.substr(0, line.stamp->offset));
-  shifted.append(time).append(text.substr(line.stamp->offset + line.stamp->size));
+  shifted.append(onvif::xml_date_time(utc)).append(text.substr(line.stamp->offset + line.stamp->size));
   return shifted.size() <= Message::MAX_TEXT_BYTES ? shared_text_copy(shifted) : line.text;
 }
 

@@ -88,10 +88,9 @@ object_text(const SceneObject &object)
 std::string
 scene_to_item(const Scene &scene)
 {
-  g_autofree char *utc = onvif::xml_date_time(scene.utc);
-
-  return R"({"UtcTime":")" + std::string(utc) + R"(","Objects":)" + list_text(scene.objects, object_text) +
-         R"(,"Deleted":)" + list_text(scene.deleted, [](gint64 id) { return std::to_string(id); }) + "}";
+  return R"({"UtcTime":")" + onvif::xml_date_time(scene.utc) + R"(","Objects":)" +
+         list_text(scene.objects, object_text) + R"(,"Deleted":)" +
+         list_text(scene.deleted, [](gint64 id) { return std::to_string(id); }) + "}";
 }
 
 /**

@@ -4,7 +4,7 @@
 #include "fuzz.h"
 #include "jsonform.h"
 #include "producerfragment.h"
-#include "xml.h"
+#include "libxml.h"
 
 #include <json-glib/json-glib.h>
 #include <libxml/parser.h>

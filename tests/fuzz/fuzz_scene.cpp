@@ -4,7 +4,7 @@
 #include "fuzz.h"
 #include "scenebuffer.h"
 #include "scenefragment.h"
-#include "xml.h"
+#include "libxml.h"
 
 #include <libxml/parser.h>
 #include <string>

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "metadatareader.h"
 
+#include "libxml.h"
 #include "xml.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "schema.h"
 
+#include "libxml.h"
 #include "xml.h"
 
 #include <libxml/catalog.h>

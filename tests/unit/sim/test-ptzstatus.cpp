@@ -25,14 +25,12 @@ constexpr Ptz ZOOMING = {
 std::string
 status_text(const Ptz &ptz, const PtzView &view)
 {
-  g_autoptr(xmlBuffer) buffer = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(buffer, 0);
-  onvif::xml_start(writer, onvif::TT, "PTZ");
-  onvif::xml_declare(writer, onvif::TT);
-  sim::ptz_status_write(writer, ptz, view, UTC);
-  onvif::xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return reinterpret_cast<const char *>(xmlBufferContent(buffer));
+  onvif::XmlWriter writer;
+  writer.start(onvif::TT, "PTZ");
+  writer.declare(onvif::TT);
+  sim::ptz_status_write(&writer, ptz, view, UTC);
+  writer.end();
+  return std::string(writer.written());
 }
 
 ReadPtzStatus

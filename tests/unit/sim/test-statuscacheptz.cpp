@@ -78,14 +78,12 @@ expected_text(const PtzView &view, gint64 utc)
 {
   sim::Settings settings = sim::settings_load();
   Ptz ptz = World(settings.seed).ptz_at(sim::settings_world_time(settings, utc));
-  g_autoptr(xmlBuffer) buffer = xmlBufferCreate();
-  g_autoptr(xmlTextWriter) writer = xmlNewTextWriterMemory(buffer, 0);
-  onvif::xml_start(writer, onvif::TT, "PTZ");
-  onvif::xml_declare(writer, onvif::TT);
-  sim::ptz_status_write(writer, ptz, view, utc);
-  onvif::xml_end(writer);
-  xmlTextWriterFlush(writer);
-  return reinterpret_cast<const char *>(xmlBufferContent(buffer));
+  onvif::XmlWriter writer;
+  writer.start(onvif::TT, "PTZ");
+  writer.declare(onvif::TT);
+  sim::ptz_status_write(&writer, ptz, view, utc);
+  writer.end();
+  return std::string(writer.written());
 }
 
 bool
