@@ -13,12 +13,13 @@
  * The input is bytes without caps, so caps and byte segments from upstream have no meaning downstream. The
  * element sends its own.
  *
- * Threads: the object lock protects the properties. Only the streaming thread uses `was_malformed` while the
- * element runs, and before that the thread that starts it. */
+ * Threads: the object lock protects the properties. Only the streaming thread uses `reader`, and
+ * `was_malformed` while the element runs; before that the thread that starts it. */
 
 struct _TessardJsonToXml {
   GstElement parent_instance;
   GstPad *src_pad; /* borrowed */
+  plugins::ProducerReader *reader;
   gboolean exclude_polygon;
   gboolean sample_frame;
   gboolean was_malformed;
@@ -94,7 +95,7 @@ on_chain(GstPad *pad, GstObject *parent, GstBuffer *buffer)
   TessardJsonToXml *self = TESSARD_JSON_TO_XML(parent);
   g_autoptr(GstBuffer) input = buffer;
   plugins::ProducerFlaws flaws;
-  std::optional<plugins::ProducerFrame> frame = plugins::producer_frame_from_buffer(input, &flaws);
+  std::optional<plugins::ProducerFrame> frame = self->reader->read(input, &flaws);
   warn_of_flaws(self, flaws);
   if (!frame.has_value()) {
     return GST_FLOW_OK;
@@ -125,6 +126,7 @@ tessard_json_to_xml_init(TessardJsonToXml *self)
 {
   GstElement *element = GST_ELEMENT(self);
   GstElementClass *klass = GST_ELEMENT_GET_CLASS(self);
+  self->reader = new plugins::ProducerReader();
   GstPad *sink_pad = gst_pad_new_from_template(gst_element_class_get_pad_template(klass, "sink"), "sink");
   gst_pad_set_chain_function(sink_pad, on_chain);
   gst_pad_set_event_function(sink_pad, on_sink_event);
@@ -133,6 +135,13 @@ tessard_json_to_xml_init(TessardJsonToXml *self)
   self->src_pad = gst_pad_new_from_template(gst_element_class_get_pad_template(klass, "src"), "src");
   gst_pad_use_fixed_caps(self->src_pad);
   gst_element_add_pad(element, self->src_pad);
+}
+
+static void
+tessard_json_to_xml_finalize(GObject *object)
+{
+  delete TESSARD_JSON_TO_XML(object)->reader;
+  G_OBJECT_CLASS(tessard_json_to_xml_parent_class)->finalize(object);
 }
 
 static void
@@ -199,6 +208,7 @@ tessard_json_to_xml_class_init(TessardJsonToXmlClass *klass)
   GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
 
   GST_DEBUG_CATEGORY_INIT(json_to_xml_debug, "json2xml", 0, "Converter of JSON detections to ONVIF");
+  object_class->finalize = tessard_json_to_xml_finalize;
   object_class->set_property = tessard_json_to_xml_set_property;
   object_class->get_property = tessard_json_to_xml_get_property;
   element_class->change_state = tessard_json_to_xml_change_state;

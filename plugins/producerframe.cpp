@@ -1,15 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include "producerframe.h"
 
-#include "jsonform.h"
+#include "jsontext.h"
 #include "metadatalimits.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
-#include <json-glib/json-glib.h>
 #include <set>
+#include <vector>
 
 /* The daemon inserts a producer's text and name into a frame without checking them. Nothing in a frame is
  * trusted, not even that it is one frame with one source.
@@ -22,10 +21,10 @@ namespace plugins
 namespace
 {
 
-constexpr guint FRAME_MEMBERS = 2; /* "Source" and "Data" */
-constexpr guint DATA_MEMBERS = 1;  /* "Item" */
-constexpr guint POINTS_MIN = 3;
-constexpr guint COORDINATES = 2;
+namespace dom = simdjson::dom;
+
+constexpr gsize POINTS_MIN = 3;
+constexpr gsize COORDINATES = 2;
 
 /* A date and a time, with the highest digit at each position. */
 constexpr std::string_view TIME_SHAPE = "9999-19-39T29:59:59";
@@ -36,11 +35,38 @@ constexpr double INTEGERS_END = 9223372036854775808.0;
 
 /* A part of an object, and the function that reads it; if that fails, `flaw` is the error. */
 struct Part {
-  const char *name;
+  std::string_view name;
   bool required;
-  bool (*read)(JsonNode *value, ProducerObject *object);
+  bool (*read)(dom::element value, ProducerObject *object);
   const char *flaw;
 };
+
+/* The values of those members of an object that have one of the names, in the order of the names. Of several
+ * members with one name the last counts. */
+template <gsize COUNT> using Members = std::array<std::optional<dom::element>, COUNT>;
+
+template <gsize COUNT>
+Members<COUNT>
+find_members(dom::object object, const std::array<std::string_view, COUNT> &names)
+{
+  Members<COUNT> found;
+  for (dom::key_value_pair member : object) {
+    auto name = std::find(names.begin(), names.end(), member.key);
+    if (name != names.end()) {
+      found[static_cast<gsize>(name - names.begin())] = member.value;
+    }
+  }
+  return found;
+}
+
+/* Returns: @value as a T, unset if it is none or missing */
+template <typename T>
+std::optional<T>
+get(const std::optional<dom::element> &value)
+{
+  T got = {};
+  return value.has_value() && value->get(got) == simdjson::SUCCESS ? std::optional<T>(got) : std::nullopt;
+}
 
 bool
 is_control_character(char character)
@@ -49,36 +75,24 @@ is_control_character(char character)
 }
 
 bool
-read_number(JsonNode *node, double low, double high, double *number)
+read_number(const std::optional<dom::element> &value, double low, double high, double *number)
 {
-  if (!JSON_NODE_HOLDS_VALUE(node) ||
-      (json_node_get_value_type(node) != G_TYPE_INT64 && json_node_get_value_type(node) != G_TYPE_DOUBLE)) {
-    return false;
-  }
-  *number = json_node_get_double(node);
-  return *number >= low && *number <= high;
-}
-
-/* Returns: (transfer none) (nullable): the text, if it is one */
-const char *
-get_text(JsonNode *node)
-{
-  return JSON_NODE_HOLDS_VALUE(node) ? json_node_get_string(node) : nullptr;
+  std::optional<double> got = get<double>(value);
+  *number = got.value_or(0);
+  return got.has_value() && *number >= low && *number <= high;
 }
 
 /* A whole number may come with a fraction of zero, or with an exponent. */
 bool
-read_integer(JsonNode *node, gint64 *integer)
+read_integer(dom::element value, gint64 *integer)
 {
-  double number = 0;
-  if (!read_number(node, -INTEGERS_END, INTEGERS_END, &number)) {
-    return false;
-  }
-  if (json_node_get_value_type(node) == G_TYPE_INT64) {
-    *integer = json_node_get_int(node);
+  if (value.is_int64()) {
+    *integer = value.get_int64().value_unsafe();
     return true;
   }
-  if (number == INTEGERS_END || std::trunc(number) != number) {
+  double number = 0;
+  if (!value.is_double() || !read_number(value, -INTEGERS_END, INTEGERS_END, &number) ||
+      number == INTEGERS_END || std::trunc(number) != number) {
     return false;
   }
   *integer = static_cast<gint64>(number);
@@ -86,46 +100,41 @@ read_integer(JsonNode *node, gint64 *integer)
 }
 
 bool
-read_coordinate(JsonNode *node, double *coordinate)
+read_coordinate(const std::optional<dom::element> &value, double *coordinate)
 {
-  return read_number(node, -1, 1, coordinate);
+  return read_number(value, -1, 1, coordinate);
 }
 
 bool
-read_point(JsonNode *node, onvif::Point *point)
+read_point(dom::element value, onvif::Point *point)
 {
-  if (!JSON_NODE_HOLDS_ARRAY(node)) {
+  std::optional<dom::array> pair = get<dom::array>(value);
+  if (!pair.has_value() || pair->size() != COORDINATES) {
     return false;
   }
-  JsonArray *pair = json_node_get_array(node);
-  return json_array_get_length(pair) == COORDINATES &&
-         read_coordinate(json_array_get_element(pair, 0), &point->x) &&
-         read_coordinate(json_array_get_element(pair, 1), &point->y);
+  dom::array::iterator at = pair->begin();
+  return read_coordinate(*at, &point->x) && read_coordinate(*++at, &point->y);
 }
 
 bool
-read_side(JsonObject *box, const char *name, double *side)
+read_id(dom::element value, ProducerObject *object)
 {
-  JsonNode *node = json_object_get_member(box, name);
-  return node != nullptr && read_coordinate(node, side);
+  return read_integer(value, &object->id);
 }
 
-bool
-read_id(JsonNode *node, ProducerObject *object)
-{
-  return read_integer(node, &object->id);
-}
+constexpr std::array<std::string_view, 4> SIDES = {"Left", "Top", "Right", "Bottom"};
 
 bool
-read_box(JsonNode *node, ProducerObject *object)
+read_box(dom::element value, ProducerObject *object)
 {
-  if (!JSON_NODE_HOLDS_OBJECT(node)) {
+  std::optional<dom::object> members = get<dom::object>(value);
+  if (!members.has_value()) {
     return false;
   }
-  JsonObject *sides = json_node_get_object(node);
+  auto [left, top, right, bottom] = find_members(*members, SIDES);
   onvif::Box box;
-  if (!read_side(sides, "Left", &box.left) || !read_side(sides, "Top", &box.top) ||
-      !read_side(sides, "Right", &box.right) || !read_side(sides, "Bottom", &box.bottom)) {
+  if (!read_coordinate(left, &box.left) || !read_coordinate(top, &box.top) ||
+      !read_coordinate(right, &box.right) || !read_coordinate(bottom, &box.bottom)) {
     return false;
   }
   object->box = box;
@@ -133,10 +142,10 @@ read_box(JsonNode *node, ProducerObject *object)
 }
 
 bool
-read_centre(JsonNode *node, ProducerObject *object)
+read_centre(dom::element value, ProducerObject *object)
 {
   onvif::Point centre;
-  if (!read_point(node, &centre)) {
+  if (!read_point(value, &centre)) {
     return false;
   }
   object->centre = centre;
@@ -144,43 +153,44 @@ read_centre(JsonNode *node, ProducerObject *object)
 }
 
 bool
-read_polygon(JsonNode *node, ProducerObject *object)
+read_polygon(dom::element value, ProducerObject *object)
 {
-  if (!JSON_NODE_HOLDS_ARRAY(node)) {
+  std::optional<dom::array> points = get<dom::array>(value);
+  if (!points.has_value() || points->size() < POINTS_MIN || points->size() > PRODUCER_POINTS_MAX) {
     return false;
   }
-  JsonArray *points = json_node_get_array(node);
-  guint count = json_array_get_length(points);
-  if (count < POINTS_MIN || count > PRODUCER_POINTS_MAX) {
-    return false;
-  }
-  object->polygon.resize(count);
-  for (guint i = 0; i < count; i++) {
-    if (!read_point(json_array_get_element(points, i), &object->polygon[i])) {
+  object->polygon.reserve(points->size());
+  for (dom::element point : *points) {
+    if (!read_point(point, &object->polygon.emplace_back())) {
       return false;
     }
   }
   return true;
 }
 
-/* A line break would be written unchanged, but fragments have no line breaks. */
-bool
-read_type(JsonNode *node, ProducerObject *object)
+gsize
+count_characters(std::string_view text)
 {
-  const char *type = get_text(node);
-  if (type == nullptr || *type == '\0' || g_utf8_strlen(type, -1) > PRODUCER_TYPE_MAX ||
-      std::any_of(type, type + strlen(type), is_control_character)) {
+  return static_cast<gsize>(g_utf8_strlen(text.data(), static_cast<gssize>(text.size())));
+}
+
+bool
+read_type(dom::element value, ProducerObject *object)
+{
+  std::optional<std::string_view> type = get<std::string_view>(value);
+  if (!type.has_value() || type->empty() || count_characters(*type) > PRODUCER_TYPE_MAX ||
+      std::any_of(type->begin(), type->end(), is_control_character)) {
     return false;
   }
-  object->type = type;
+  object->type = *type;
   return true;
 }
 
 bool
-read_likelihood(JsonNode *node, ProducerObject *object)
+read_likelihood(dom::element value, ProducerObject *object)
 {
   double likelihood = 0;
-  if (!read_number(node, 0, 1, &likelihood)) {
+  if (!read_number(value, 0, 1, &likelihood)) {
     return false;
   }
   object->likelihood = likelihood;
@@ -195,6 +205,16 @@ constexpr std::array<Part, 6> PARTS = {{
     {"Type", false, read_type, "a \"Type\" is no text, empty, too long or has control characters"},
     {"Likelihood", false, read_likelihood, "a \"Likelihood\" is not from 0 to 1"},
 }};
+
+constexpr std::array<std::string_view, PARTS.size()>
+part_names()
+{
+  std::array<std::string_view, PARTS.size()> names;
+  std::transform(PARTS.begin(), PARTS.end(), names.begin(), [](const Part &part) { return part.name; });
+  return names;
+}
+
+constexpr std::array<std::string_view, PARTS.size()> PART_NAMES = part_names();
 
 bool
 refuse(ProducerFlaws *flaws, const char *flaw)
@@ -213,68 +233,47 @@ leave_out(ProducerFlaws *flaws, const char *flaw)
 
 /* Returns: (nullable): what is wrong with it */
 const char *
-read_object(JsonNode *node, ProducerObject *object)
+read_object(dom::element value, ProducerObject *object)
 {
-  if (!JSON_NODE_HOLDS_OBJECT(node)) {
+  std::optional<dom::object> members = get<dom::object>(value);
+  if (!members.has_value()) {
     return "an object is none";
   }
-  JsonObject *members = json_node_get_object(node);
-  for (const Part &part : PARTS) {
-    JsonNode *value = json_object_get_member(members, part.name);
-    if (value == nullptr ? part.required : !part.read(value, object)) {
+  Members<PARTS.size()> values = find_members(*members, PART_NAMES);
+  for (gsize i = 0; i < PARTS.size(); i++) {
+    const Part &part = PARTS[i];
+    if (values[i].has_value() ? !part.read(*values[i], object) : part.required) {
       return part.flaw;
     }
   }
   return nullptr;
 }
 
-/* Returns: (transfer none) (nullable): the array, which is empty if there is none at all */
-bool
-get_list(JsonObject *item, const char *name, JsonArray **list)
-{
-  *list = nullptr;
-  JsonNode *node = json_object_get_member(item, name);
-  if (node == nullptr) {
-    return true;
-  }
-  if (!JSON_NODE_HOLDS_ARRAY(node)) {
-    return false;
-  }
-  *list = json_node_get_array(node);
-  return json_array_get_length(*list) <= PRODUCER_OBJECTS_MAX;
-}
-
-guint
-length_of(JsonArray *list)
-{
-  return list != nullptr ? json_array_get_length(list) : 0;
-}
-
 /* Of two objects with the same id, the second is dropped: receivers would treat them as one. */
 void
-read_objects(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
+read_objects(dom::array list, ProducerItem *item, ProducerFlaws *flaws)
 {
   std::set<gint64> ids;
-  for (guint i = 0; i < length_of(list); i++) {
-    ProducerObject object = {};
-    const char *flaw = read_object(json_array_get_element(list, i), &object);
+  item->objects.reserve(list.size());
+  for (dom::element element : list) {
+    ProducerObject &object = item->objects.emplace_back();
+    const char *flaw = read_object(element, &object);
     if (flaw == nullptr && !ids.insert(object.id).second) {
       flaw = "an object's \"Id\" is there twice";
     }
     if (flaw != nullptr) {
       leave_out(flaws, flaw);
-    } else {
-      item->objects.push_back(std::move(object));
+      item->objects.pop_back();
     }
   }
 }
 
 void
-read_deleted(JsonArray *list, ProducerItem *item, ProducerFlaws *flaws)
+read_deleted(dom::array list, ProducerItem *item, ProducerFlaws *flaws)
 {
-  for (guint i = 0; i < length_of(list); i++) {
+  for (dom::element element : list) {
     gint64 id = 0;
-    if (read_integer(json_array_get_element(list, i), &id)) {
+    if (read_integer(element, &id)) {
       item->deleted.push_back(id);
     } else {
       leave_out(flaws, "one of \"Deleted\" is no whole number of 64 bits");
@@ -304,13 +303,13 @@ has_shape_of_time(std::string_view text)
 }
 
 std::optional<gint64>
-read_time(JsonNode *node)
+read_time(dom::element value)
 {
-  const char *text = get_text(node);
-  if (text == nullptr || !has_shape_of_time(text)) {
+  std::optional<std::string_view> text = get<std::string_view>(value);
+  if (!text.has_value() || !has_shape_of_time(*text)) {
     return std::nullopt;
   }
-  g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(text, nullptr);
+  g_autoptr(GDateTime) time = g_date_time_new_from_iso8601(std::string(*text).c_str(), nullptr);
   if (time == nullptr) {
     return std::nullopt;
   }
@@ -319,93 +318,117 @@ read_time(JsonNode *node)
 }
 
 void
-read_item_time(JsonObject *members, ProducerItem *item, ProducerFlaws *flaws)
+read_item_time(const std::optional<dom::element> &value, ProducerItem *item, ProducerFlaws *flaws)
 {
-  JsonNode *node = json_object_get_member(members, "UtcTime");
-  if (node == nullptr) {
+  if (!value.has_value()) {
     return;
   }
-  item->utc = read_time(node);
+  item->utc = read_time(*value);
   if (!item->utc.has_value()) {
     leave_out(flaws, "a \"UtcTime\" is no ISO 8601 time with a zone from 1970 to 2099");
   }
 }
 
+/* Whether it is missing, or an array that is not too long. */
 bool
-read_item(JsonNode *node, ProducerItem *item, ProducerFlaws *flaws)
+is_list(const std::optional<dom::element> &value)
 {
-  if (!JSON_NODE_HOLDS_OBJECT(node)) {
+  return !value.has_value() ||
+         (value->is_array() && value->get_array().value_unsafe().size() <= PRODUCER_OBJECTS_MAX);
+}
+
+constexpr std::array<std::string_view, 3> ITEM_MEMBERS = {"UtcTime", "Objects", "Deleted"};
+
+bool
+read_item(dom::element value, ProducerItem *item, ProducerFlaws *flaws)
+{
+  std::optional<dom::object> members = get<dom::object>(value);
+  if (!members.has_value()) {
     return refuse(flaws, "an item is no object");
   }
-  JsonObject *members = json_node_get_object(node);
-  JsonArray *objects = nullptr;
-  JsonArray *deleted = nullptr;
-  if (!get_list(members, "Objects", &objects) || !get_list(members, "Deleted", &deleted)) {
+  auto [time, objects, deleted] = find_members(*members, ITEM_MEMBERS);
+  if (!is_list(objects) || !is_list(deleted)) {
     return refuse(flaws, "\"Objects\" or \"Deleted\" of an item is no array or too long");
   }
-  read_item_time(members, item, flaws);
-  read_objects(objects, item, flaws);
-  read_deleted(deleted, item, flaws);
+  read_item_time(time, item, flaws);
+  if (objects.has_value()) {
+    read_objects(objects->get_array().value_unsafe(), item, flaws);
+  }
+  if (deleted.has_value()) {
+    read_deleted(deleted->get_array().value_unsafe(), item, flaws);
+  }
   return true;
 }
 
 bool
-read_items(JsonArray *list, ProducerFrame *frame, ProducerFlaws *flaws)
+read_items(dom::array list, ProducerFrame *frame, ProducerFlaws *flaws)
 {
-  guint count = json_array_get_length(list);
-  if (count == 0 || count > PRODUCER_ITEMS_MAX) {
+  if (list.size() == 0 || list.size() > PRODUCER_ITEMS_MAX) {
     return refuse(flaws, "there is no item, or too many");
   }
-  frame->items.resize(count);
-  for (guint i = 0; i < count; i++) {
-    if (!read_item(json_array_get_element(list, i), &frame->items[i], flaws)) {
+  frame->items.reserve(list.size());
+  for (dom::element item : list) {
+    if (!read_item(item, &frame->items.emplace_back(), flaws)) {
       return false;
     }
   }
   return true;
 }
 
-/* Returns: (transfer none) (nullable): the items */
-JsonArray *
-find_items(JsonObject *members)
-{
-  JsonNode *data = json_object_get_member(members, "Data");
-  if (data == nullptr || !JSON_NODE_HOLDS_OBJECT(data)) {
-    return nullptr;
-  }
-  JsonNode *items = json_object_get_member(json_node_get_object(data), "Item");
-  return items != nullptr && JSON_NODE_HOLDS_ARRAY(items) ? json_node_get_array(items) : nullptr;
-}
+constexpr std::array<std::string_view, 2> FRAME_MEMBERS = {"Source", "Data"};
+constexpr std::array<std::string_view, 1> DATA_MEMBERS = {"Item"};
 
 bool
-read_frame(JsonNode *root, ProducerFrame *frame, ProducerFlaws *flaws)
+read_data(const std::optional<std::string_view> &source, const std::optional<dom::object> &data,
+          ProducerFrame *frame, ProducerFlaws *flaws)
 {
-  if (!JSON_NODE_HOLDS_OBJECT(root)) {
-    return refuse(flaws, "it is no object");
+  std::optional<dom::array> items;
+  if (data.has_value()) {
+    items = get<dom::array>(find_members(*data, DATA_MEMBERS)[0]);
   }
-  JsonObject *members = json_node_get_object(root);
-  JsonNode *source_node = json_object_get_member(members, "Source");
-  const char *source = source_node != nullptr ? get_text(source_node) : nullptr;
-  JsonArray *items = find_items(members);
-  if (source == nullptr || items == nullptr) {
+  if (!source.has_value() || !items.has_value()) {
     return refuse(flaws, "it has no \"Source\" or no \"Data\" with \"Item\"");
   }
-  frame->source = source;
-  return read_items(items, frame, flaws);
+  frame->source = *source;
+  return read_items(*items, frame, flaws);
 }
 
-/* Otherwise a producer could close the frame that its text is inserted into and open one with another source.
- */
+/* A frame has no other members, and each of its own once. Otherwise a producer could close the frame that its
+ * text is inserted into and open one with another source. */
 bool
-is_one_frame(const JsonForm &form)
+read_frame(dom::element root, ProducerFrame *frame, ProducerFlaws *flaws)
 {
-  return form.members[0] == FRAME_MEMBERS && form.members[1] == DATA_MEMBERS;
+  std::optional<dom::object> members = get<dom::object>(root);
+  if (!members.has_value() || members->size() != FRAME_MEMBERS.size()) {
+    return refuse(flaws, "it is not one frame with one source");
+  }
+  auto [source_value, data_value] = find_members(*members, FRAME_MEMBERS);
+  std::optional<dom::object> data = get<dom::object>(data_value);
+  if (data_value.has_value() && (!data.has_value() || data->size() != DATA_MEMBERS.size())) {
+    return refuse(flaws, "it is not one frame with one source");
+  }
+  return read_data(get<std::string_view>(source_value), data, frame, flaws);
 }
 
 } // namespace
 
+/* What parsing takes; the frames themselves have copies of all that they need. */
+struct ProducerReader::Memory {
+  dom::parser parser;
+  std::vector<char> text;
+};
+
 /**
- * producer_frame_from_buffer:
+ * ProducerReader:
+ *
+ * A reader that holds no memory until it reads a frame.
+ */
+ProducerReader::ProducerReader() = default;
+
+ProducerReader::~ProducerReader() = default;
+
+/**
+ * ProducerReader::read:
  * @buffer: any bytes
  * @flaws: (out): the errors found
  *
@@ -414,7 +437,7 @@ is_one_frame(const JsonForm &form)
  * Returns: the valid parts of @buffer; unset if @flaws has a fatal error
  */
 std::optional<ProducerFrame>
-producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws)
+ProducerReader::read(GstBuffer *buffer, ProducerFlaws *flaws)
 {
   *flaws = {};
   gsize size = gst_buffer_get_size(buffer);
@@ -422,22 +445,22 @@ producer_frame_from_buffer(GstBuffer *buffer, ProducerFlaws *flaws)
     refuse(flaws, "it is too long");
     return std::nullopt;
   }
-  std::string text(size, '\0');
-  gst_buffer_extract(buffer, 0, text.data(), size);
-  std::optional<JsonForm> form = json_form_check(&text);
-  g_autoptr(JsonParser) parser = json_parser_new();
-  if (!form.has_value() ||
-      !json_parser_load_from_data(parser, text.data(), static_cast<gssize>(size), nullptr)) {
-    refuse(flaws, "it is no JSON, or beyond the limits");
-    return std::nullopt;
+  if (memory_ == nullptr) {
+    memory_ = std::make_unique<Memory>();
   }
-  if (!is_one_frame(*form)) {
-    refuse(flaws, "it is not one frame with one source");
-    return std::nullopt;
-  }
+  memory_->text.resize(size + simdjson::SIMDJSON_PADDING);
+  gst_buffer_extract(buffer, 0, memory_->text.data(), size);
+  std::optional<dom::element> root = json_text_parse(&memory_->parser, {memory_->text.data(), size});
   ProducerFrame frame;
-  return read_frame(json_parser_get_root(parser), &frame, flaws) ? std::optional(std::move(frame))
-                                                                 : std::nullopt;
+  if (!root.has_value()) {
+    refuse(flaws, "it is no JSON, or beyond the limits");
+  } else {
+    read_frame(*root, &frame, flaws);
+  }
+  if (size > PRODUCER_FRAME_BYTES_KEPT) {
+    memory_.reset();
+  }
+  return flaws->fatal == nullptr ? std::optional(std::move(frame)) : std::nullopt;
 }
 
 } // namespace plugins

@@ -467,4 +467,4 @@ TEST_F(JsonChain, SampleFrameIsConverted)
   EXPECT_EQ(root_name(pull()), "http://www.onvif.org/ver10/schema SampleFrame");
 }
 
-} /* namespace */
+} // namespace

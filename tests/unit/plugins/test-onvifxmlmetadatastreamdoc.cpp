@@ -527,4 +527,4 @@ TEST_F(MetadataStreamDoc, PadsAreNumberedAndNamedOnRequest)
   EXPECT_STREQ(GST_PAD_NAME(named), "sink_7");
 }
 
-} /* namespace */
+} // namespace

@@ -2,7 +2,6 @@
 #include "producerframe.h"
 
 #include "hostiletext.h"
-#include "jsonform.h"
 
 #include <gtest/gtest.h>
 
@@ -23,11 +22,13 @@ new_buffer(const std::string &text)
   return buffer;
 }
 
+/* One reader for all, as for the frames of a stream. */
 std::optional<ProducerFrame>
 read(const std::string &text, ProducerFlaws *flaws)
 {
+  static plugins::ProducerReader reader;
   g_autoptr(GstBuffer) buffer = new_buffer(text);
-  return plugins::producer_frame_from_buffer(buffer, flaws);
+  return reader.read(buffer, flaws);
 }
 
 std::string
@@ -140,6 +141,33 @@ TEST_F(ProducerFrames, LastOfRepeatedMembersIsUsed)
 {
   ProducerFrame frame = read_whole(frame_of(R"({"Objects":[{"Id":"one","Id":2}]})"));
   EXPECT_EQ(frame.items[0].objects[0].id, 2);
+  frame = read_whole(item_with(
+      R"("BoundingBox":1,"BoundingBox":{"Left":1,"Left":0,"Top":1,"Right":null,"Right":1,"Bottom":0})"));
+  EXPECT_EQ(frame.items[0].objects[0].box, (onvif::Box{.left = 0, .top = 1, .right = 1, .bottom = 0}));
+  frame = read_whole(frame_of(R"({"Objects":1,"Deleted":[1],"UtcTime":1,"Objects":[],"Deleted":[2],)"
+                              R"("UtcTime":"1970-01-01T00:00:00Z"})"));
+  EXPECT_EQ(frame.items[0].deleted, std::vector<gint64>{2});
+  EXPECT_EQ(frame.items[0].utc, 0);
+  read_flawed(frame_of(R"({"Objects":[{"Id":2,"Id":"one"}]})"), BAD_ID);
+}
+
+TEST_F(ProducerFrames, NumbersBeyondADoubleOr64BitsDropTheFrame)
+{
+  for (const char *number : {"1e999", "-1e999", "18446744073709551616", "-9223372036854775809"}) {
+    expect_refused(frame_of(std::string(R"({"Objects":[{"Id":)") + number + "}]}"), NO_JSON);
+    expect_refused(frame_of(std::string(R"({"Other":)") + number + "}"), NO_JSON);
+  }
+}
+
+TEST_F(ProducerFrames, ReaderGoesOnAfterALongFrame)
+{
+  for (gsize size : {plugins::PRODUCER_FRAME_BYTES_KEPT, 2 * plugins::PRODUCER_FRAME_BYTES_KEPT}) {
+    std::string filling = repeat("x", size);
+    EXPECT_EQ(read_whole(frame_of(R"({"Filling":")" + filling + R"(","Deleted":[1]})")).items[0].deleted,
+              std::vector<gint64>{1});
+    EXPECT_EQ(read_whole(frame_of(R"({"Deleted":[2]})")).items[0].deleted, std::vector<gint64>{2});
+    expect_refused(filling, NO_JSON);
+  }
 }
 
 TEST_F(ProducerFrames, AcceptsATextInSeveralMemories)
@@ -150,7 +178,8 @@ TEST_F(ProducerFrames, AcceptsATextInSeveralMemories)
   }
   ASSERT_EQ(gst_buffer_n_memory(buffer), 4u);
   ProducerFlaws flaws;
-  std::optional<ProducerFrame> frame = plugins::producer_frame_from_buffer(buffer, &flaws);
+  plugins::ProducerReader reader;
+  std::optional<ProducerFrame> frame = reader.read(buffer, &flaws);
   ASSERT_TRUE(frame.has_value()) << flaws.fatal;
   EXPECT_EQ(frame->source, "Y");
   EXPECT_EQ(frame->items[0].deleted, std::vector<gint64>{7});
@@ -227,8 +256,8 @@ TEST_F(ProducerFrames, IdsAreIntegersOf64Bits)
     EXPECT_EQ(frame.items[0].objects[0].id, id.value);
     EXPECT_EQ(frame.items[0].deleted, std::vector<gint64>{id.value});
   }
-  for (const char *id : {"0.5", "1e999", "-1e999", "1e19", "9223372036854775808", "9223372036854775808.0",
-                         "18446744073709551615", "18446744073709551616", "-9223372036854775809", "\"1\"",
+  for (const char *id : {"0.5", "1e99", "-1e99", "1e19", "9223372036854775808", "9223372036854775808.0",
+                         "18446744073709551615", "18446744073709551616.0", "-9223372036854777856.0", "\"1\"",
                          "true", "null", "[]", "[1]", "{}"}) {
     ProducerFrame frame = read_flawed(frame_of(std::string(R"({"Objects":[{"Id":)") + id + "}]}"), BAD_ID);
     EXPECT_TRUE(frame.items[0].objects.empty()) << id;
@@ -259,33 +288,23 @@ TEST_F(ProducerFrames, BoxesAreInThePictureAndNotReversed)
   EXPECT_EQ(read_whole(box_with("-1", "1.0", "1e0", "-1")).items[0].objects[0].box,
             (onvif::Box{.left = -1, .top = 1, .right = 1, .bottom = -1}));
   read_whole(box_with("0", "0", "0", "0"));
-  for (const std::string &text : {box_with("0.1", "1", "0", "-1"),
-                                  box_with("-1", "0", "1", "0.1"),
-                                  box_with("-1.0001", "1", "1", "-1"),
-                                  box_with("-1", "1.0001", "1", "-1"),
-                                  box_with("-1", "1", "1.0001", "-1"),
-                                  box_with("-1", "1", "1", "-1.0001"),
-                                  box_with("-1", "1", "1e999", "-1"),
-                                  box_with("-1", "1", "1e308", "-1"),
-                                  box_with("-1e999", "1", "1", "-1"),
-                                  box_with("18446744073709551615", "1", "1", "-1"),
-                                  box_with("-1", "-18446744073709551615", "1", "-1"),
-                                  box_with("\"0\"", "1", "1", "-1"),
-                                  box_with("null", "1", "1", "-1"),
-                                  box_with("[0]", "1", "1", "-1"),
-                                  box_with("true", "1", "1", "-1"),
-                                  item_with(R"("BoundingBox":null)"),
-                                  item_with(R"("BoundingBox":{})"),
-                                  item_with(R"("BoundingBox":[0,1,1,0])"),
-                                  item_with(R"("BoundingBox":{"Left":0,"Top":0,"Right":0})"),
-                                  item_with(R"("BoundingBox":{"left":0,"top":0,"right":0,"bottom":0})")}) {
+  for (const std::string &text :
+       {box_with("0.1", "1", "0", "-1"), box_with("-1", "0", "1", "0.1"), box_with("-1.0001", "1", "1", "-1"),
+        box_with("-1", "1.0001", "1", "-1"), box_with("-1", "1", "1.0001", "-1"),
+        box_with("-1", "1", "1", "-1.0001"), box_with("-1", "1", "1e308", "-1"),
+        box_with("18446744073709551615", "1", "1", "-1"), box_with("-1", "-9223372036854775808", "1", "-1"),
+        box_with("\"0\"", "1", "1", "-1"), box_with("null", "1", "1", "-1"), box_with("[0]", "1", "1", "-1"),
+        box_with("true", "1", "1", "-1"), item_with(R"("BoundingBox":null)"),
+        item_with(R"("BoundingBox":{})"), item_with(R"("BoundingBox":[0,1,1,0])"),
+        item_with(R"("BoundingBox":{"Left":0,"Top":0,"Right":0})"),
+        item_with(R"("BoundingBox":{"left":0,"top":0,"right":0,"bottom":0})")}) {
     EXPECT_TRUE(read_flawed(text, BAD_BOX).items[0].objects.empty()) << text;
   }
 }
 
 TEST_F(ProducerFrames, CentresAndPolygonsAreInThePicture)
 {
-  for (const char *point : {"[]", "[0]", "[0,0,0]", "[0,1.5]", "[-1.5,0]", "[0,1e999]", "[\"0\",0]",
+  for (const char *point : {"[]", "[0]", "[0,0,0]", "[0,1.5]", "[-1.5,0]", "[0,1e99]", "[\"0\",0]",
                             "{\"x\":0,\"y\":0}", "0", "null", "\"\""}) {
     std::string centre = item_with(std::string(R"("CenterOfGravity":)") + point);
     EXPECT_TRUE(read_flawed(centre, BAD_CENTRE).items[0].objects.empty()) << point;
@@ -306,7 +325,7 @@ TEST_F(ProducerFrames, TypesAndLikelihoodsAreBounded)
        {"null", "1", "true", "[]", "[\"a\"]", "{}", "\"\"", "\"a\\nb\"", "\"\\u0001\"", "\"\\u001f\""}) {
     read_flawed(item_with(std::string(R"("Type":)") + type), BAD_TYPE);
   }
-  for (const char *likelihood : {"null", "\"1\"", "true", "[]", "{}", "-0.01", "1.01", "1e999", "-1e999"}) {
+  for (const char *likelihood : {"null", "\"1\"", "true", "[]", "{}", "-0.01", "1.01", "1e99", "-1e99"}) {
     read_flawed(item_with(std::string(R"("Likelihood":)") + likelihood), BAD_LIKELIHOOD);
   }
 }

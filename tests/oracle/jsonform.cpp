@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <string_view>
 
 /* json-glib is not safe for untrusted text. It recurses for each level of nesting until the stack is
@@ -12,7 +13,7 @@
  * So a text is checked against JSON's grammar before, in constant memory. A text that passes is JSON of
  * bounded size and depth. */
 
-namespace plugins
+namespace oracle
 {
 
 namespace
@@ -284,6 +285,8 @@ Walk::number()
   }
   if (at_ == whole_end) {
     replace_huge(first);
+  } else {
+    form_.has_huge_number |= std::isinf(g_ascii_strtod(first, nullptr));
   }
   return true;
 }
@@ -324,6 +327,8 @@ Walk::replace_huge(char *first)
   if (std::from_chars(first, at_, value).ec == std::errc()) {
     return;
   }
+  guint64 unsigned_value = 0;
+  form_.has_huge_number |= std::from_chars(first, at_, unsigned_value).ec != std::errc();
   char *rest = std::copy(HUGE_NUMBER.begin(), HUGE_NUMBER.end(), first);
   std::fill(rest, at_, ' ');
 }
@@ -363,4 +368,4 @@ json_form_check(std::string *text)
   return walk.to_the_end() ? std::optional<JsonForm>(walk.form()) : std::nullopt;
 }
 
-} // namespace plugins
+} // namespace oracle

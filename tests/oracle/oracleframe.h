@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "producerframe.h"
+
+/* A second implementation of json2xml's conversion, on json-glib and libxml2, to compare with. */
+
+namespace oracle
+{
+
+struct Reading {
+  plugins::ProducerFlaws flaws;
+  bool has_huge_number = false; /* see JsonForm */
+};
+
+std::optional<plugins::ProducerFrame> read_frame_text(std::string text, Reading *reading);
+
+} // namespace oracle
