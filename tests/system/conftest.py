@@ -16,7 +16,8 @@ import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "external",
                                "fakedaemon", "fakereceiver", "fakeservice", "installation", "overdue", "promptness",
-                               "receiverclient", "refusals", "scenes", "simcamera", "tessardctl", "waiting")
+                               "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl", "users",
+                               "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 

@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "stream.h"
+
+#include <set>
+
+namespace receiver
+{
+
+/* What all producers have together. */
+class Budget
+{
+public:
+  void add(Stream *stream);
+  void remove(Stream *stream);
+  gsize stream_count() const;
+  void keep_queued_bytes();
+
+  gsize open_channels = 0;
+
+private:
+  std::set<Stream *> streams_;
+};
+
+} // namespace receiver

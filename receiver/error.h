@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <gio/gio.h>
+
+namespace receiver
+{
+
+/* What is wrong with a call. Each code has a name on the bus, com.quon.MetadataReceiver1.Error. and the text
+ * in error.cpp. */
+enum class Error {
+  INVALID_NAME,
+  INVALID_NICE_NAME,
+  INVALID_CHANNELS,
+  INVALID_SAMPLE_FRAME,
+  INVALID_OPTION,
+  NAME_TAKEN,
+  UNKNOWN_PRODUCER,
+  NOT_OWNER,
+  UNSUPPORTED_CHANNEL,
+  CHANNEL_OPEN,
+  LIMIT_EXCEEDED,
+  NO_DESCRIPTOR,
+};
+
+GQuark error_quark();
+bool refuse(GError **error, Error code, const char *format, ...) G_GNUC_PRINTF(3, 4);
+
+} // namespace receiver

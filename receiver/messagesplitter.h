@@ -1,0 +1,36 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "message.h"
+
+#include <functional>
+#include <string>
+
+namespace receiver
+{
+
+/* Splits what an application writes on a channel into messages. */
+class MessageSplitter
+{
+public:
+  enum class Fault {
+    NONE,
+    TOO_LONG, /* a length of more than %RECEIVER_MAX_MESSAGE_BYTES */
+    NOT_TEXT, /* a text that is not UTF-8, or has a NUL */
+  };
+
+  using Deliver = std::function<void(const SharedText &text)>;
+
+  Fault push(std::string_view bytes, const Deliver &deliver);
+  bool has_unfinished() const;
+  guint64 completed() const;
+
+private:
+  Fault take_next(std::string_view *bytes, const Deliver &deliver);
+  bool collect(std::string_view *bytes, gsize size);
+
+  std::string unfinished_; /* the bytes so far of a message that is not complete, with its length */
+  guint64 completed_ = 0;
+};
+
+} // namespace receiver

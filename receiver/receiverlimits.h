@@ -1,0 +1,166 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <glib.h>
+
+/**
+ * RECEIVER_MAX_PRODUCERS:
+ *
+ * How many producers are registered at a time, including those whose application has gone.
+ */
+#define RECEIVER_MAX_PRODUCERS 128
+
+/**
+ * RECEIVER_PRODUCERS_KEPT:
+ *
+ * How many of these places only users without a producer get.
+ */
+#define RECEIVER_PRODUCERS_KEPT 16
+
+/**
+ * RECEIVER_MAX_NAME_BYTES:
+ *
+ * The length of a producer's name. The daemon has the same limit.
+ */
+#define RECEIVER_MAX_NAME_BYTES 255
+
+/**
+ * RECEIVER_MAX_NICE_NAME_BYTES:
+ *
+ * The length of a producer's name for display. The daemon has the same limit.
+ */
+#define RECEIVER_MAX_NICE_NAME_BYTES 1024
+
+/**
+ * RECEIVER_MAX_PRODUCER_CHANNELS:
+ *
+ * How many video channels a producer supports. The daemon has the same limit.
+ */
+#define RECEIVER_MAX_PRODUCER_CHANNELS 256
+
+/**
+ * RECEIVER_MAX_CHANNEL_NUMBER:
+ *
+ * The highest number of a video channel: GetStreamFd has it as a signed integer.
+ */
+#define RECEIVER_MAX_CHANNEL_NUMBER 2147483647
+
+/**
+ * RECEIVER_MAX_SAMPLE_FRAME_BYTES:
+ *
+ * The length of a sample frame in JSON. The daemon accepts as much in XML, which is longer.
+ */
+#define RECEIVER_MAX_SAMPLE_FRAME_BYTES (256 * 1024)
+
+/**
+ * RECEIVER_MAX_OPEN_CHANNELS:
+ *
+ * How many channels applications have open, for all producers together.
+ */
+#define RECEIVER_MAX_OPEN_CHANNELS 512
+
+/**
+ * RECEIVER_OPEN_CHANNELS_KEPT:
+ *
+ * How many of these only producers without an open channel get: one for each producer.
+ */
+#define RECEIVER_OPEN_CHANNELS_KEPT 128
+
+/**
+ * RECEIVER_MAX_STREAMS:
+ *
+ * How many streams are open, for all producers together.
+ */
+#define RECEIVER_MAX_STREAMS 3072
+
+/**
+ * RECEIVER_MAX_CHANNEL_STREAMS:
+ *
+ * How many streams one channel of a producer has: twice the daemon's clients, because the streams of clients
+ * that have left can still be open.
+ */
+#define RECEIVER_MAX_CHANNEL_STREAMS 512
+
+/**
+ * RECEIVER_MAX_MESSAGE_BYTES:
+ *
+ * The length of an application's message, without the four bytes before it. json2xml has the same limit.
+ */
+#define RECEIVER_MAX_MESSAGE_BYTES (1024 * 1024)
+
+/**
+ * RECEIVER_MESSAGE_TIMEOUT_MS:
+ *
+ * The time from a message's first byte to its last, in milliseconds.
+ */
+#define RECEIVER_MESSAGE_TIMEOUT_MS 10000
+
+/**
+ * RECEIVER_READ_BYTES:
+ *
+ * What is read from one channel in a turn of the main loop.
+ */
+#define RECEIVER_READ_BYTES 65536
+
+/**
+ * RECEIVER_DRAIN_BYTES:
+ *
+ * What is read at most from a channel whose application has gone or opens it again: more than a pipe holds.
+ */
+#define RECEIVER_DRAIN_BYTES (2 * 1024 * 1024)
+
+/**
+ * RECEIVER_QUEUE_MAX_BYTES:
+ *
+ * The bytes of the messages that wait for a stream's reader. One message always waits.
+ */
+#define RECEIVER_QUEUE_MAX_BYTES (1024 * 1024)
+
+/**
+ * RECEIVER_QUEUE_MAX_MESSAGES:
+ *
+ * How many messages wait for a stream's reader.
+ */
+#define RECEIVER_QUEUE_MAX_MESSAGES 2048
+
+/**
+ * RECEIVER_QUEUE_MAX_AGE_MS:
+ *
+ * The time for which messages wait for a stream's reader, in milliseconds. The newest always waits.
+ */
+#define RECEIVER_QUEUE_MAX_AGE_MS 2000
+
+/**
+ * RECEIVER_MAX_QUEUED_BYTES:
+ *
+ * The bytes of the messages of all streams. A message counts once, in however many queues it is.
+ */
+#define RECEIVER_MAX_QUEUED_BYTES (256 * 1024 * 1024)
+
+/**
+ * RECEIVER_MESSAGE_OVERHEAD:
+ *
+ * What a message counts there in addition to its bytes.
+ */
+#define RECEIVER_MESSAGE_OVERHEAD 128
+
+/**
+ * RECEIVER_STREAM_PIPE_BYTES:
+ *
+ * The capacity of a stream's pipe. It is small because a message in the pipe cannot be dropped.
+ */
+#define RECEIVER_STREAM_PIPE_BYTES 4096
+
+/**
+ * RECEIVER_GRACE_SECONDS:
+ *
+ * The time for which a producer stays listed when its application has gone, in seconds.
+ */
+#define RECEIVER_GRACE_SECONDS 30
+
+/**
+ * RECEIVER_MAX_WAITING_CALLS:
+ *
+ * How many calls wait until the bus has reported their callers' users.
+ */
+#define RECEIVER_MAX_WAITING_CALLS 256

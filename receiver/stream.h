@@ -1,0 +1,76 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "message.h"
+
+#include <deque>
+#include <functional>
+#include <string>
+
+namespace receiver
+{
+
+/* The write end of one stream, with the queue of the messages that its reader has not taken yet. It ends when
+ * the reader closes its end, or when the queue is written after finish(), and then notifies its owner; the
+ * owner may also destroy it before. Main thread only. */
+class Stream
+{
+public:
+  using Ended = std::function<void(Stream *stream)>;
+
+  Stream(int fd, std::string label, Ended ended);
+  virtual ~Stream();
+  Stream(const Stream &) = delete;
+  Stream &operator=(const Stream &) = delete;
+
+  void send(const SharedText &text);
+  void finish();
+  void abort(const char *reason);
+  bool is_idle() const;
+  gsize queued_bytes() const;
+
+protected:
+  /* How messages are written. */
+  struct Pace {
+    gsize bytes;     /* at most, in one write */
+    gint64 pause_us; /* after a write that does not complete a message */
+  };
+
+  virtual Pace pace() const;
+
+  /* Called when the queue has become empty, and the stream has not ended. */
+  virtual void on_idle();
+
+private:
+  struct Source;
+
+  struct Queued {
+    SharedText text;
+    gint64 time; /* when it was queued */
+  };
+
+  static gboolean on_ready(GSource *base, GSourceFunc callback, gpointer user_data);
+
+  void wait_for(GIOCondition condition, gint64 ready_time);
+  void end_soon();
+  void advance();
+  bool write_piece();
+  void take_begun(Message *message);
+  void drop_old();
+  bool is_too_much() const;
+  void note_dropped();
+  void log_dropped(const char *what);
+
+  const int fd_; /* owned */
+  const std::string label_;
+  const Ended ended_;
+  Message current_;          /* the message of which a byte is written, until it is sent */
+  std::deque<Queued> queue_; /* the messages after it */
+  gsize queued_bytes_ = 0;   /* of all these, with their lengths */
+  guint64 dropped_ = 0;      /* since the queue was empty */
+  gint64 deadline_ = -1;     /* by which the stream has ended, after finish() */
+  bool ending_ = false;
+  Source *source_; /* owned */
+};
+
+} // namespace receiver

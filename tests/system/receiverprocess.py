@@ -1,0 +1,216 @@
+# SPDX-License-Identifier: MIT
+"""The receiver as shipped, as a process of its own, and the applications that register with it."""
+
+import array
+import fcntl
+import os
+import pathlib
+import resource
+import signal
+import struct
+import subprocess
+import termios
+
+from gi.repository import Gio, GLib
+
+from busclient import BusClient, error_text
+from daemon import ERROR, INFO, WARNING, Log
+from installation import TREE, defined_limits, unprivileged
+from receiverclient import NAME
+from waiting import BOUND_SECONDS, wait_until
+
+REGISTRY_PATH = "/com/quon/MetadataReceiver1"
+REGISTRY = "com.quon.MetadataReceiver1.Registry"
+ERROR_PREFIX = "com.quon.MetadataReceiver1.Error."
+
+LIMITS = defined_limits(TREE / "receiver/receiverlimits.h")
+
+READY = (INFO, "Ready.")
+LOST_NAME = (ERROR, "The name com.quon.MetadataReceiver1 has another owner, or the bus policy refuses it.")
+LOST_BUS = (ERROR, "The connection to the bus is closed.")
+
+SAMPLE = '{"Objects":[{"Id":1,"Type":"Human"}]}'
+
+LENGTH = struct.Struct("=I")
+
+
+def message(text):
+    data = text if isinstance(text, bytes) else text.encode()
+    return LENGTH.pack(len(data)) + data
+
+
+def ended(label, reason):
+    return (WARNING, f"{label}: ended, because {reason}")
+
+
+def not_read(name, channel):
+    return (WARNING, f"A stream of {name}, channel {channel}: is not read, messages are dropped")
+
+
+def unread_bytes(fd):
+    """How many bytes nobody has read from the pipe."""
+    count = array.array("i", [0])
+    fcntl.ioctl(fd, termios.FIONREAD, count)
+    return count[0]
+
+
+def enough_descriptors(count):
+    """Lets this process open so many."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, min(count, hard)), hard))
+
+
+class Receiver:
+    """One tessard-receiver. Every line of its log that is no information has to be taken by the test."""
+
+    def __init__(self, installation, bus, launcher=()):
+        self.folder = installation.workspace.folder()
+        self.log = Log(self.folder / "log")
+        self.environment = {
+            "PATH": os.environ["PATH"],
+            "LC_ALL": "C",
+            "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+            "LD_PRELOAD": str(installation.testhost),
+            "TESTHOST_SYSLOG": self.log.path,
+            **installation.sanitizer_environment(),
+        }
+        self.command = [*launcher, str(installation.prefix / "bin/tessard-receiver")]
+        self.process = None
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen(self.command, env=self.environment, stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd="/", text=True,
+                                        **unprivileged())
+
+    def wait_until_ready(self):
+        wait_until(lambda: READY in self.log.lines or self.process.poll() is not None, "the receiver is ready")
+        assert self.process.poll() is None, self.process.communicate()
+        assert READY in self.log.take()
+
+    def kill(self):
+        self.process.kill()
+        self.process.communicate(timeout=BOUND_SECONDS)
+
+    def end(self, number=signal.SIGTERM):
+        """Ends it by a signal; its status and what it wrote."""
+        self.process.send_signal(number)
+        return self.wait()
+
+    def wait(self):
+        out, err = self.process.communicate(timeout=BOUND_SECONDS)
+        return self.process.returncode, out, err
+
+    def take_warnings(self, count=0):
+        """All lines but information, at least so many."""
+        wait_until(lambda: len(self.warnings()) >= count, f"{count} warnings")
+        return [line for line in self.log.take() if line[0] != INFO]
+
+    def warnings(self):
+        return [line for line in list(self.log.lines) if line[0] != INFO]
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def memory(self):
+        """The resident bytes."""
+        (line,) = (line for line in pathlib.Path(f"/proc/{self.process.pid}/status").read_text("ascii").splitlines()
+                   if line.startswith("VmRSS:"))
+        return int(line.split()[1]) * 1024
+
+    def processor_seconds(self):
+        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text("ascii").rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def finish(self):
+        try:
+            if self.process.returncode is None:
+                assert self.end() == (0, "", "")
+            left = self.take_warnings()
+        finally:
+            self.process.kill()
+            self.process.wait(BOUND_SECONDS)
+            self.log.close()
+        assert left == []
+
+
+class Refused(Exception):
+    """A call failed; the name of its D-Bus error without the prefix, and the text."""
+
+
+class Application(BusClient):
+    """One connection that registers producers. close() closes it and everything that it has open, as the end of the
+    application would."""
+
+    def __init__(self, bus):
+        super().__init__(bus)
+        self.writers = []
+
+    def ask(self, method, signature, *arguments):
+        try:
+            return self.connection.call_with_unix_fd_list_sync(
+                NAME, REGISTRY_PATH, REGISTRY, method, GLib.Variant(signature, arguments), None,
+                Gio.DBusCallFlags.NO_AUTO_START, BOUND_SECONDS * 1000, None, None)
+        except GLib.Error as error:
+            name = Gio.DBusError.get_remote_error(error)
+            if name is None or not name.startswith(ERROR_PREFIX):
+                raise
+            raise Refused(name.removeprefix(ERROR_PREFIX), error_text(error)) from error
+
+    def register(self, name, nice_name=None, channels=(1, 2), sample=SAMPLE, options=None):
+        """Registers a producer; returns the application."""
+        self.ask("RegisterProducer", "(ssausa{sv})", name, nice_name if nice_name is not None else f"The {name}",
+                 channels, sample, options or {})
+        return self
+
+    def open_channel(self, name, channel=1):
+        """The write end, which close() closes."""
+        reply, descriptors = self.ask("OpenChannel", "(su)", name, channel)
+        assert reply.get_type_string() == "(h)" and reply.unpack() == (0,)
+        (fd,) = descriptors.steal_fds()
+        self.writers.append(Writer(fd))
+        return self.writers[-1]
+
+    def unregister(self, name):
+        self.ask("UnregisterProducer", "(s)", name)
+
+    def close(self):
+        for writer in self.writers:
+            writer.close()
+        if not self.connection.is_closed():
+            super().close()
+
+
+class Writer:
+    """The write end of a channel. Writing blocks; a test that hangs in it has found a fault."""
+
+    def __init__(self, fd):
+        self.fd = fd
+
+    def send(self, *texts):
+        self.write(b"".join(map(message, texts)))
+
+    def write(self, data):
+        left = memoryview(data)
+        while left:
+            left = left[os.write(self.fd, left):]
+
+    def wait_until_ended(self):
+        """Waits until the receiver has closed its end."""
+        os.set_blocking(self.fd, False)
+
+        def is_ended():
+            try:
+                os.write(self.fd, message("x"))
+            except BrokenPipeError:
+                return True
+            except BlockingIOError:
+                pass
+            return False
+
+        wait_until(is_ended, "the channel has ended")
+
+    def close(self):
+        if self.fd >= 0:
+            os.close(self.fd)
+        self.fd = -1

@@ -1,0 +1,113 @@
+# SPDX-License-Identifier: MIT
+"""What each user can do on a bus with the installed policy of the receiver."""
+
+import pytest
+
+from installation import BUS_CONFIGURATION, UNPRIVILEGED_USER, Bus, build_option, run_by_root
+from receiverclient import NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from receiverprocess import REGISTRY, REGISTRY_PATH, Application, Receiver
+from users import ADMINISTRATOR, REFUSED, ROOT_USER, STAND_IN_GROUP, STRANGER, call
+
+# Who stands in for whom of those that the policy name; every Debian has them. The administrator is in the group.
+DAEMON_USER, RECEIVER_USER = "man", UNPRIVILEGED_USER
+DAEMON = {"user": DAEMON_USER, "group": "daemon", "extra_groups": []}
+APPLICATION = ADMINISTRATOR
+RECEIVER = {"user": RECEIVER_USER, "group": "daemon", "extra_groups": []}
+
+MINE = "Mine"
+
+pytestmark = pytest.mark.skipif(not run_by_root(), reason="only root can be several users")
+
+
+def policed(installation, workspace, policy, **stand_ins):
+    """A bus with this installed policy in place of the private bus' own rules for its names."""
+    text = (installation.prefix / build_option("datadir") / "dbus-1/system.d" / policy).read_text(encoding="utf-8")
+    for placeholder, stand_in in stand_ins.items():
+        kind, _, name = placeholder.partition("_")
+        name = name.replace("_", "-")
+        assert f'{kind}="{name}"' in text
+        text = text.replace(f'{kind}="{name}"', f'{kind}="{stand_in}"')
+    path = workspace.folder() / policy
+    path.write_text(text, encoding="utf-8")
+    lines = BUS_CONFIGURATION.read_text(encoding="utf-8").splitlines(keepends=True)
+    kept = "".join(line for line in lines if "com.quon." not in line and "SimulatedCamera1" not in line)
+    return Bus(installation, text=kept.replace("</busconfig>", f"  <include>{path}</include>\n</busconfig>"))
+
+
+@pytest.fixture(scope="module")
+def receiver_bus(installation, workspace):
+    made = policed(installation, workspace, "com.quon.MetadataReceiver1.conf", **{
+        "user_tessard": DAEMON_USER, "user_tessard_receiver": RECEIVER_USER, "group_tessard_producer": STAND_IN_GROUP})
+    yield made
+    made.stop()
+
+
+@pytest.fixture
+def receiver(installation, receiver_bus):
+    """With one producer, of root's."""
+    started = Receiver(installation, receiver_bus)
+    application = None
+    try:
+        started.wait_until_ready()
+        application = Application(receiver_bus).register(MINE)
+        yield started
+    finally:
+        if application is not None:
+            application.close()
+        started.finish()
+
+
+def own_name(bus, user):
+    return call(bus, user, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+                f"('{NAME}', uint32 0)")
+
+
+def register(bus, user, descriptors=0):
+    return call(bus, user, NAME, REGISTRY_PATH, REGISTRY, "RegisterProducer",
+                "('Other', '', [uint32 1], '{}', @a{sv} {})", descriptors)
+
+
+def open_stream(bus, user, descriptors=0):
+    return call(bus, user, NAME, path_of(MINE), PRODUCER, "GetStreamFd", "(1,)", descriptors)
+
+
+def fetch_sample(bus, user, descriptors=0):
+    return call(bus, user, NAME, path_of(MINE), PRODUCER, "GetSampleFrame", "()", descriptors)
+
+
+def list_producers(bus, user, descriptors=0):
+    return call(bus, user, NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()", descriptors)
+
+
+def test_only_the_receivers_user_owns_the_name(receiver_bus):
+    assert own_name(receiver_bus, RECEIVER) == ""
+    for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
+        assert own_name(receiver_bus, user) == REFUSED
+
+
+def test_members_of_the_group_register(receiver, receiver_bus):
+    assert register(receiver_bus, APPLICATION) == ""
+    for user in (STRANGER, DAEMON):
+        assert register(receiver_bus, user) == REFUSED
+
+
+def test_root_registers(receiver, receiver_bus):
+    assert register(receiver_bus, ROOT_USER) == ""
+
+
+@pytest.mark.parametrize("ask", [open_stream, fetch_sample])
+def test_the_daemon_and_root_get_streams_and_samples(receiver, receiver_bus, ask):
+    for user in (DAEMON, ROOT_USER):
+        assert ask(receiver_bus, user) == ""
+    for user in (STRANGER, APPLICATION):
+        assert ask(receiver_bus, user) == REFUSED
+
+
+def test_everybody_lists_producers(receiver, receiver_bus):
+    for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
+        assert list_producers(receiver_bus, user) == ""
+
+
+@pytest.mark.parametrize("ask", [list_producers, fetch_sample, open_stream, register])
+def test_nobody_sends_descriptors(receiver, receiver_bus, ask):
+    assert ask(receiver_bus, ROOT_USER, 1) == REFUSED
