@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
-#include "message.h"
+#include "text.h"
 
 #include <functional>
 #include <string>
@@ -14,8 +14,8 @@ namespace sim
 /* A time that never comes. */
 constexpr gint64 NEVER = G_MAXINT64;
 
-/* The messages of one stream. The stream requests the next message when it has sent the previous one, so no
- * messages accumulate for a slow reader. */
+/* The messages of one stream alone. The stream requests the next message when it has sent the previous one,
+ * so no messages accumulate for a slow reader. */
 class MessageSource
 {
 public:
@@ -39,7 +39,15 @@ public:
   /* Notifies the stream that the results of due() and has_ended() have changed. */
   using Notify = std::function<void()>;
 
+  /* Sends a message to all streams that are open. */
+  using Deliver = std::function<void(const SharedText &text)>;
+
   virtual ~Feed() = default;
+
+  /* Called once, before any stream is opened. */
+  virtual void start(Deliver deliver)
+  {
+  }
 
   virtual std::unique_ptr<MessageSource> open(Notify notify) = 0;
   virtual std::string sample_frame() const = 0;

@@ -22,7 +22,7 @@ constexpr gsize READ_BYTES = 65536;
 
 } // namespace
 
-/* The messages of one stream. */
+/* A stream's own messages: there are none, but the stream may end with the input. */
 class InputFeed::Listener : public MessageSource
 {
 public:
@@ -34,7 +34,6 @@ public:
   ~Listener() override
   {
     std::erase(feed_->listeners_, this);
-    feed_->advance();
   }
 
   Listener(const Listener &) = delete;
@@ -42,35 +41,20 @@ public:
 
   bool has_ended() const override
   {
-    return feed_->at_end_ && line_ == nullptr && feed_->options_.once;
+    return feed_->at_end_ && feed_->options_.once;
   }
 
   gint64 due() override
   {
-    return line_ != nullptr ? g_get_monotonic_time() : NEVER;
+    return NEVER;
   }
 
   SharedText next() override
   {
-    SharedText line = std::move(line_);
-
-    line_ = nullptr;
-    feed_->advance();
-    return line;
+    return nullptr;
   }
 
-  bool has_line() const
-  {
-    return line_ != nullptr;
-  }
-
-  void deliver(SharedText line)
-  {
-    line_ = std::move(line);
-    notify_();
-  }
-
-  void notify_end()
+  void notify_end() const
   {
     notify_();
   }
@@ -78,7 +62,6 @@ public:
 private:
   InputFeed *feed_;
   const Notify notify_;
-  SharedText line_; /* the line that the stream has not taken yet */
 };
 
 /**
@@ -92,16 +75,20 @@ InputFeed::InputFeed(int fd, const ReplayOptions &options) : fd_(fd), options_(o
 
 InputFeed::~InputFeed()
 {
-  set_watching(false);
+  g_clear_handle_id(&watch_, g_source_remove);
+}
+
+void
+InputFeed::start(Deliver deliver)
+{
+  deliver_ = std::move(deliver);
+  watch_ = g_unix_fd_add(fd_, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), on_readable, this);
 }
 
 std::unique_ptr<MessageSource>
 InputFeed::open(Notify notify)
 {
-  auto listener = std::make_unique<Listener>(this, std::move(notify));
-
-  advance();
-  return listener;
+  return std::make_unique<Listener>(this, std::move(notify));
 }
 
 std::string
@@ -110,43 +97,13 @@ InputFeed::sample_frame() const
   return scene_example_item(std::nullopt, true);
 }
 
-bool
-InputFeed::is_line_pending() const
-{
-  return std::any_of(listeners_.begin(), listeners_.end(),
-                     [](const Listener *listener) { return listener->has_line(); });
-}
-
-/* Delivers the next line when every stream has taken the previous one. */
-void
-InputFeed::advance()
-{
-  if (listeners_.empty() || is_line_pending()) {
-    set_watching(false);
-    return;
-  }
-  const std::optional<SharedText> line = splitter_.pop();
-  if (splitter_.dropped() > reported_drops_) {
-    reported_drops_ = splitter_.dropped();
-    g_printerr("simcamera: left out a line longer than %" G_GSIZE_FORMAT " bytes\n", Message::MAX_TEXT_BYTES);
-  }
-  set_watching(!line.has_value() && !at_end_);
-  for (Listener *listener : listeners_) {
-    if (line.has_value()) {
-      listener->deliver(*line);
-    } else if (at_end_) {
-      listener->notify_end();
-    }
-  }
-}
-
 gboolean
 InputFeed::on_readable(gint fd, GIOCondition condition, gpointer user_data)
 {
   auto *self = static_cast<InputFeed *>(user_data);
 
   self->read_some();
-  return G_SOURCE_CONTINUE;
+  return self->at_end_ ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 void
@@ -157,20 +114,33 @@ InputFeed::read_some()
 
   if (count > 0) {
     splitter_.push({bytes.data(), static_cast<gsize>(count)});
+    deliver_lines();
   } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-    at_end_ = true;
     splitter_.finish();
+    deliver_lines();
+    end();
   }
-  advance();
 }
 
 void
-InputFeed::set_watching(bool watching)
+InputFeed::deliver_lines()
 {
-  if (watching && watch_ == 0) {
-    watch_ = g_unix_fd_add(fd_, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), on_readable, this);
-  } else if (!watching) {
-    g_clear_handle_id(&watch_, g_source_remove);
+  while (const std::optional<SharedText> line = splitter_.pop()) {
+    deliver_(*line);
+  }
+  if (splitter_.dropped() > reported_drops_) {
+    reported_drops_ = splitter_.dropped();
+    g_printerr("simcamera: left out a line longer than %" G_GSIZE_FORMAT " bytes\n", MAX_TEXT_BYTES);
+  }
+}
+
+void
+InputFeed::end()
+{
+  at_end_ = true;
+  watch_ = 0;
+  for (const Listener *listener : listeners_) {
+    listener->notify_end();
   }
 }
 

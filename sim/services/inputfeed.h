@@ -7,9 +7,9 @@
 namespace sim
 {
 
-/* Sends each line of a descriptor to all open streams. It reads only while there are streams and each of them
- * has taken the previous line. At the end of the input the streams stay open; with the option "once" they
- * end. */
+/* Sends each line of a descriptor to all open streams, like an application: the descriptor is always read,
+ * and nobody gets what came before. At the end of the input the streams stay open; with the option "once"
+ * they end. */
 class InputFeed : public Feed
 {
 public:
@@ -18,6 +18,7 @@ public:
   InputFeed(const InputFeed &) = delete;
   InputFeed &operator=(const InputFeed &) = delete;
 
+  void start(Deliver deliver) override;
   std::unique_ptr<MessageSource> open(Notify notify) override;
   std::string sample_frame() const override;
 
@@ -26,13 +27,13 @@ private:
 
   static gboolean on_readable(gint fd, GIOCondition condition, gpointer user_data);
 
-  void advance();
-  bool is_line_pending() const;
   void read_some();
-  void set_watching(bool watching);
+  void deliver_lines();
+  void end();
 
   const int fd_;
   const ReplayOptions &options_;
+  Deliver deliver_;
   std::vector<Listener *> listeners_; /* owned by their streams */
   LineSplitter splitter_;
   gsize reported_drops_ = 0;

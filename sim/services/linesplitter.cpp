@@ -55,7 +55,7 @@ LineSplitter::pop()
     const gsize size = (end == std::string::npos ? bytes_.size() : end) - begin_;
     const gsize begin = begin_;
 
-    dropping_ = dropping_ || size > Message::MAX_TEXT_BYTES;
+    dropping_ = dropping_ || size > MAX_TEXT_BYTES;
     begin_ = end != std::string::npos ? end + 1 : dropping_ ? bytes_.size() : begin_;
     searched_ = end != std::string::npos ? end + 1 : bytes_.size();
     if (end == std::string::npos) {
@@ -73,7 +73,7 @@ LineSplitter::pop()
 /**
  * LineSplitter::dropped:
  *
- * Returns: the number of lines that were dropped because they are longer than %Message::MAX_TEXT_BYTES
+ * Returns: the number of lines that were dropped because they are longer than %MAX_TEXT_BYTES
  */
 gsize
 LineSplitter::dropped() const

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
-#include "message.h"
+#include "text.h"
 
 #include <optional>
 #include <string>

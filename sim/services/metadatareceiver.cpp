@@ -3,6 +3,7 @@
 
 #include "inputfeed.h"
 #include "producerinterface.h"
+#include "receiver/receiverlimits.h"
 #include "worldfeed.h"
 
 #include <algorithm>
@@ -15,8 +16,6 @@ namespace sim
 
 namespace
 {
-
-constexpr const char *PRODUCERS_PATH = "/com/quon/MetadataReceiver1/Producers";
 
 constexpr const char *STANDARD_INPUT = "-";
 
@@ -51,24 +50,12 @@ find_built_in(const std::string &name)
   return found != BUILT_INS.end() ? found : nullptr;
 }
 
-std::string
-path_of(const std::string &name)
-{
-  return std::string(PRODUCERS_PATH) + "/" + name;
-}
-
 bool
 check_name(const std::string &name, GError **error)
 {
-  const bool element =
-      std::all_of(name.begin(), name.end(), [](char c) { return g_ascii_isalnum(c) || c == '_'; });
-
-  if (name.empty() || !element || name.size() > MetadataReceiver::MAX_NAME_BYTES) {
-    return refuse(
-        error, "a producer's name must be 1 to %" G_GSIZE_FORMAT " letters, digits and underscores, not '%s'",
-        MetadataReceiver::MAX_NAME_BYTES, name.c_str());
-  }
-  return true;
+  return receiver::name_check(name, nullptr) ||
+         refuse(error, "a producer's name must be 1 to %d letters, digits and underscores, not '%s'",
+                RECEIVER_MAX_NAME_BYTES, name.c_str());
 }
 
 std::optional<Reply>
@@ -91,23 +78,17 @@ stream_reply(Producer *producer, gint32 channel, GError **error)
 } // namespace
 
 MetadataReceiver::MetadataReceiver(const Camera &camera)
-    : Service("receiver", "com.quon.MetadataReceiver1", WRONG_REPLIES), camera_(camera),
-      manager_(g_dbus_object_manager_server_new(PRODUCERS_PATH))
+    : Service("receiver", receiver::BUS_NAME, WRONG_REPLIES), camera_(camera)
 {
   for (const BuiltIn &built_in : BUILT_INS) {
     add_producer(built_in.name, nullptr, nullptr);
   }
 }
 
-MetadataReceiver::~MetadataReceiver()
-{
-  g_object_unref(manager_);
-}
-
 bool
 MetadataReceiver::export_objects(GDBusConnection *connection, GError **error)
 {
-  g_dbus_object_manager_server_set_connection(manager_, connection);
+  directory_.set_connection(connection);
   return true;
 }
 
@@ -166,7 +147,7 @@ MetadataReceiver::choose_producers(const std::string &list, GError **error)
  * @name: its name
  * @file: (nullable): the file to replay, "-" for standard input
  * @error: set if the name is in use or invalid in an object's path, @file is not a recording, another
- * producer reads standard input, or there are %MAX_PRODUCERS producers
+ * producer reads standard input, or there are %RECEIVER_MAX_PRODUCERS producers
  *
  * Exports a producer. Without a file it reports objects of the world: a built-in producer its type, any other
  * all types.
@@ -182,8 +163,8 @@ MetadataReceiver::add_producer(const std::string &name, const std::string *file,
   if (producers_.contains(name)) {
     return refuse(error, "there is a producer '%s' already", name.c_str());
   }
-  if (producers_.size() == MAX_PRODUCERS) {
-    return refuse(error, "there are %" G_GSIZE_FORMAT " producers already", MAX_PRODUCERS);
+  if (producers_.size() == RECEIVER_MAX_PRODUCERS) {
+    return refuse(error, "there are %d producers already", RECEIVER_MAX_PRODUCERS);
   }
   std::unique_ptr<Feed> feed = make_feed(name, file, error);
   if (feed == nullptr) {
@@ -191,7 +172,7 @@ MetadataReceiver::add_producer(const std::string &name, const std::string *file,
   }
   const BuiltIn *built_in = file == nullptr ? find_built_in(name) : nullptr;
   announce(std::make_shared<Producer>(name, built_in != nullptr ? built_in->nice_name : name, camera_,
-                                      std::move(feed)),
+                                      std::move(feed), &budget_),
            file != nullptr && *file == STANDARD_INPUT);
   return true;
 }
@@ -220,27 +201,33 @@ MetadataReceiver::make_feed(const std::string &name, const std::string *file, GE
 void
 MetadataReceiver::announce(std::shared_ptr<Producer> producer, bool reads_input)
 {
-  std::shared_ptr<GDBusObjectSkeleton> object = make_object(producer, PRODUCER_INTERFACE);
+  std::shared_ptr<GDBusInterfaceSkeleton> interface = make_interface(producer, receiver::PRODUCER_INTERFACE);
   const std::string name = producer->name();
 
-  g_dbus_object_manager_server_export(manager_, object.get());
-  producers_[name] = {std::move(producer), std::move(object), reads_input};
+  directory_.add(name, interface.get());
+  producers_[name] = {std::move(producer), std::move(interface), reads_input};
 }
 
 /* The producer outlives its object's time on the bus. */
-std::shared_ptr<GDBusObjectSkeleton>
-MetadataReceiver::make_object(const std::shared_ptr<Producer> &producer, const std::string &interface_name)
+std::shared_ptr<GDBusInterfaceSkeleton>
+MetadataReceiver::make_interface(const std::shared_ptr<Producer> &producer, const std::string &interface_name)
 {
   const std::weak_ptr<Producer> weak = producer;
-  g_autoptr(GDBusInterfaceSkeleton) interface = producer_interface_new(
-      interface_name, [announced = producer.get()] { return announced->properties(); },
-      [this, weak](const char *method, GVariant *arguments, GDBusMethodInvocation *invocation) {
-        on_call(weak, method, arguments, invocation);
-      });
-  GDBusObjectSkeleton *object = g_dbus_object_skeleton_new(path_of(producer->name()).c_str());
 
-  g_dbus_object_skeleton_add_interface(object, interface);
-  return {object, g_object_unref};
+  return {producer_interface_new(
+              interface_name, [announced = producer.get()] { return announced->properties(); },
+              [this, weak](const char *method, GVariant *arguments, GDBusMethodInvocation *invocation) {
+                on_call(weak, method, arguments, invocation);
+              }),
+          g_object_unref};
+}
+
+/* Clients read properties only when an object is added. */
+void
+MetadataReceiver::list_again(const std::string &name)
+{
+  directory_.remove(name);
+  directory_.add(name, producers_[name].interface.get());
 }
 
 /**
@@ -258,7 +245,7 @@ MetadataReceiver::remove_producer(const std::string &name, GError **error)
   if (find_producer(name, error) == nullptr) {
     return false;
   }
-  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
+  directory_.remove(name);
   producers_.erase(name);
   return true;
 }
@@ -284,8 +271,7 @@ MetadataReceiver::set_property(const std::string &name, const std::string &prope
   if (producer == nullptr || !producer->set_property(property, value, error)) {
     return false;
   }
-  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
-  g_dbus_object_manager_server_export(manager_, producers_[name].object.get());
+  list_again(name);
   return true;
 }
 
@@ -309,9 +295,9 @@ MetadataReceiver::set_interface(const std::string &name, const std::string &inte
     return refuse(error, "not a name for a producer's interface: '%s'", interface.c_str());
   }
   Announced &announced = producers_[name];
-  g_dbus_object_manager_server_unexport(manager_, path_of(name).c_str());
-  announced.object = make_object(announced.producer, interface);
-  g_dbus_object_manager_server_export(manager_, announced.object.get());
+  directory_.remove(name);
+  announced.interface = make_interface(announced.producer, interface);
+  directory_.add(name, announced.interface.get());
   return true;
 }
 

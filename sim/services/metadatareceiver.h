@@ -3,22 +3,19 @@
 
 #include "camera.h"
 #include "producer.h"
+#include "receiver/directory.h"
 #include "replay.h"
 #include "service.h"
 
 namespace sim
 {
 
-/* The service that receives metadata from producers of analytics and hands out their streams. Each producer
- * is an object of an object manager. */
+/* The product's metadata receiver with the simulated camera's producers in place of applications, and with
+ * faults. */
 class MetadataReceiver : public Service
 {
 public:
-  static constexpr gsize MAX_PRODUCERS = 64;
-  static constexpr gsize MAX_NAME_BYTES = 255;
-
   explicit MetadataReceiver(const Camera &camera);
-  ~MetadataReceiver() override;
 
   Producer *find_producer(const std::string &name, GError **error) const;
   bool choose_producers(const std::string &list, GError **error);
@@ -37,19 +34,21 @@ private:
   /* A producer and its object on the bus. */
   struct Announced {
     std::shared_ptr<Producer> producer;
-    std::shared_ptr<GDBusObjectSkeleton> object;
+    std::shared_ptr<GDBusInterfaceSkeleton> interface;
     bool reads_input;
   };
 
   std::unique_ptr<Feed> make_feed(const std::string &name, const std::string *file, GError **error);
   void announce(std::shared_ptr<Producer> producer, bool reads_input);
-  std::shared_ptr<GDBusObjectSkeleton> make_object(const std::shared_ptr<Producer> &producer,
-                                                   const std::string &interface_name);
+  std::shared_ptr<GDBusInterfaceSkeleton> make_interface(const std::shared_ptr<Producer> &producer,
+                                                         const std::string &interface_name);
+  void list_again(const std::string &name);
   void on_call(const std::weak_ptr<Producer> &called, const char *method, GVariant *arguments,
                GDBusMethodInvocation *invocation);
 
   const Camera &camera_;
-  GDBusObjectManagerServer *manager_; /* owned */
+  receiver::Directory directory_;
+  receiver::Budget budget_;
   std::map<std::string, Announced> producers_;
 };
 

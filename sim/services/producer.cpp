@@ -62,22 +62,12 @@ channels_variant(guint count)
   return g_variant_builder_end(&channels);
 }
 
-/* @fds: (out): the read end and the non-blocking write end */
-bool
-open_pair(const Descriptors &descriptors, int fds[2], GError **error)
+void
+set_nonblocking(int fd, bool nonblocking)
 {
-  const int result =
-      descriptors.socket ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) : pipe2(fds, O_CLOEXEC);
+  const int flags = fcntl(fd, F_GETFL);
 
-  if (result != 0) {
-    g_set_error(error, G_IO_ERROR, g_io_error_from_errno(errno), "no stream: %s", g_strerror(errno));
-    return false;
-  }
-  fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
-  if (!descriptors.blocking) {
-    fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
-  }
-  return true;
+  fcntl(fd, F_SETFL, nonblocking ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
 }
 
 } // namespace
@@ -88,16 +78,20 @@ open_pair(const Descriptors &descriptors, int fds[2], GError **error)
  * @nice_name: its name for display
  * @camera: has the channels; outlives the producer
  * @feed: the messages of its streams
+ * @budget: (transfer none): what all producers have together; outlives the producer
  */
-Producer::Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed)
-    : name_(std::move(name)), nice_name_(std::move(nice_name)), camera_(camera), feed_(std::move(feed))
+Producer::Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed,
+                   receiver::Budget *budget)
+    : receiver::Producer({.name = std::move(name), .nice_name = std::move(nice_name)}, budget),
+      camera_(camera), feed_(std::move(feed))
 {
+  feed_->start([this](const SharedText &text) { send(text); });
 }
 
-const std::string &
-Producer::name() const
+/* The streams use the feed. */
+Producer::~Producer()
 {
-  return name_;
+  hang_up();
 }
 
 /**
@@ -130,10 +124,10 @@ Producer::property_value(const char *property) const
     return overridden->second != nullptr ? g_variant_ref(overridden->second.get()) : nullptr;
   }
   if (g_str_equal(property, NAME)) {
-    return g_variant_ref_sink(g_variant_new_string(name_.c_str()));
+    return g_variant_ref_sink(g_variant_new_string(name().c_str()));
   }
   if (g_str_equal(property, NICE_NAME)) {
-    return g_variant_ref_sink(g_variant_new_string(nice_name_.c_str()));
+    return g_variant_ref_sink(g_variant_new_string(description().nice_name.c_str()));
   }
   return g_variant_ref_sink(channels_variant(camera_.channels));
 }
@@ -154,7 +148,7 @@ Producer::sample_frame() const
 
 /* If the property is overridden by another type, every channel is supported. */
 bool
-Producer::check_channel(gint32 channel, GError **error) const
+Producer::supports(gint64 channel) const
 {
   g_autoptr(GVariant) channels = property_value(SUPPORTED_CHANNELS);
 
@@ -163,65 +157,29 @@ Producer::check_channel(gint32 channel, GError **error) const
   }
   gsize count = 0;
   auto numbers = static_cast<const guint32 *>(g_variant_get_fixed_array(channels, &count, sizeof(guint32)));
-  if (channel < 0 || std::find(numbers, numbers + count, static_cast<guint32>(channel)) == numbers + count) {
-    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "%s does not support channel %d",
-                name_.c_str(), channel);
+  return std::find(numbers, numbers + count, channel) != numbers + count;
+}
+
+bool
+Producer::open_pair(int fds[2], GError **error) const
+{
+  if (!descriptors.socket) {
+    if (!receiver::Producer::open_pair(fds, error)) {
+      return false;
+    }
+  } else if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+    g_set_error(error, G_IO_ERROR, g_io_error_from_errno(errno), "no stream: %s", g_strerror(errno));
     return false;
   }
+  set_nonblocking(fds[0], !descriptors.blocking);
+  set_nonblocking(fds[1], true);
   return true;
 }
 
-/**
- * Producer::open_stream:
- * @channel: a video channel
- * @error: set if the channel is not supported or there are %MAX_STREAMS streams
- *
- * Opens a stream. It ends when its reader closes the descriptor, when there are no more messages, or with
- * hang_up().
- *
- * Returns: (transfer full): the descriptor of the read end, or -1
- */
-int
-Producer::open_stream(gint32 channel, GError **error)
+std::unique_ptr<receiver::Stream>
+Producer::make_stream(int fd, std::string label, receiver::Stream::Ended ended)
 {
-  int fds[2] = {-1, -1};
-
-  if (!check_channel(channel, error)) {
-    return -1;
-  }
-  if (streams_.size() == MAX_STREAMS) {
-    g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED, "%s has too many streams", name_.c_str());
-    return -1;
-  }
-  if (!open_pair(descriptors, fds, error)) {
-    return -1;
-  }
-  streams_.push_back(std::make_unique<Stream>(fds[1], feed_.get(), pieces, [this](Stream *ended) {
-    std::erase_if(streams_, [ended](const auto &stream) { return stream.get() == ended; });
-  }));
-  return fds[0];
-}
-
-/**
- * Producer::hang_up:
- *
- * Closes all streams immediately, even within a message.
- */
-void
-Producer::hang_up()
-{
-  streams_.clear();
-}
-
-/**
- * Producer::stream_count:
- *
- * Returns: the number of open streams
- */
-gsize
-Producer::stream_count() const
-{
-  return streams_.size();
+  return std::make_unique<FeedStream>(fd, std::move(label), feed_.get(), pieces, std::move(ended));
 }
 
 /**

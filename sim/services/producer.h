@@ -3,7 +3,8 @@
 
 #include "camera.h"
 #include "fault.h"
-#include "stream.h"
+#include "feedstream.h"
+#include "receiver/producer.h"
 
 #include <map>
 
@@ -21,20 +22,17 @@ struct Descriptors {
   bool blocking = true;
 };
 
-/* One producer of analytics: its properties, its sample frame and its streams. Main thread only. */
-class Producer
+/* A producer of the receiver whose messages come from a feed, and whose properties, replies and streams can
+ * have faults. Main thread only. */
+class Producer : public receiver::Producer
 {
 public:
-  static constexpr gsize MAX_STREAMS = 64;
+  Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed,
+           receiver::Budget *budget);
+  ~Producer() override;
 
-  Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed);
-
-  const std::string &name() const;
   GVariant *properties() const;
-  std::string sample_frame() const;
-  int open_stream(gint32 channel, GError **error);
-  void hang_up();
-  gsize stream_count() const;
+  std::string sample_frame() const override;
 
   void set_sample_frame(const std::string &text);
   bool set_property(const std::string &property, const std::string &value, GError **error);
@@ -45,19 +43,21 @@ public:
   Descriptors descriptors;
   Pieces pieces;
 
+protected:
+  bool supports(gint64 channel) const override;
+  bool open_pair(int fds[2], GError **error) const override;
+  std::unique_ptr<receiver::Stream> make_stream(int fd, std::string label,
+                                                receiver::Stream::Ended ended) override;
+
 private:
   GVariant *property_value(const char *property) const;
-  bool check_channel(gint32 channel, GError **error) const;
 
-  const std::string name_;
-  const std::string nice_name_;
   const Camera &camera_;
   std::optional<std::string> sample_frame_; /* overrides the feed's */
   std::map<std::string, std::shared_ptr<GVariant>>
       overridden_; /* properties; one without a value is omitted */
   std::array<Fault, 2> faults_;
   const std::unique_ptr<Feed> feed_;
-  std::vector<std::unique_ptr<Stream>> streams_;
 };
 
 } // namespace sim

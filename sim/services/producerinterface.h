@@ -12,8 +12,6 @@ namespace sim
  * It is not generated, because it returns any properties that it is given, including those of a wrong type.
  */
 
-constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
-
 /* Returns: (transfer floating): the properties, a{sv} */
 using ProducerProperties = std::function<GVariant *()>;
 

@@ -109,7 +109,7 @@ cut_into_lines(std::string_view content, const std::string &path, Recording *rec
   }
   if (splitter.dropped() > 0) {
     return refuse(error, "'%s' has a line longer than %" G_GSIZE_FORMAT " bytes", path.c_str(),
-                  Message::MAX_TEXT_BYTES);
+                  MAX_TEXT_BYTES);
   }
   return !recording->lines.empty() || refuse(error, "'%s' has no line", path.c_str());
 }
@@ -152,7 +152,7 @@ recording_find_stamp(std::string_view line)
  * recording_load:
  * @path: a file
  * @error: set if the file cannot be read, has no line or more than %Recording::MAX_LINES, is longer than
- *   %Recording::MAX_BYTES, or has a line longer than %Message::MAX_TEXT_BYTES
+ *   %Recording::MAX_BYTES, or has a line longer than %MAX_TEXT_BYTES
  *
  * Reads a file of lines. Their content is not checked.
  *

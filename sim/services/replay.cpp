@@ -44,7 +44,7 @@ with_time(const Recording::Line &line, gint64 utc)
   const std::string_view text = shared_text_view(line.text);
   std::string shifted(text.substr(0, line.stamp->offset));
   shifted.append(onvif::xml_date_time(utc)).append(text.substr(line.stamp->offset + line.stamp->size));
-  return shifted.size() <= Message::MAX_TEXT_BYTES ? shared_text_copy(shifted) : line.text;
+  return shifted.size() <= MAX_TEXT_BYTES ? shared_text_copy(shifted) : line.text;
 }
 
 class ReplayMessages : public MessageSource

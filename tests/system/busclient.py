@@ -87,7 +87,6 @@ def error_text(error):
     return error.message.removeprefix(f"GDBus.Error:{Gio.DBusError.get_remote_error(error)}: ")
 
 
-def remote_error(failed):
-    """The short name and the message of the service's error that pytest.raises() caught."""
-    name = Gio.DBusError.get_remote_error(failed.value)
-    return name.removeprefix("org.freedesktop.DBus.Error."), error_text(failed.value)
+def remote_error(failed, prefix="org.freedesktop.DBus.Error."):
+    """The name without the prefix, and the message, of the service's error that pytest.raises() caught."""
+    return Gio.DBusError.get_remote_error(failed.value).removeprefix(prefix), error_text(failed.value)

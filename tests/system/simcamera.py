@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from installation import unprivileged
+from installation import TREE, defined_limits, unprivileged
 from waiting import BOUND_SECONDS
 
 PTZ, CAPTURE, SCENES, RECEIVER = "ptz", "capture", "scenes", "receiver"
@@ -22,7 +22,7 @@ BUILT_INS = {PERSONS: "Human", VEHICLES: "Vehicle"}
 # Exit statuses.
 USAGE, FAILURE = 2, 1
 
-MAX_NAME_BYTES = 255
+MAX_NAME_BYTES = defined_limits(TREE / "receiver/receiverlimits.h")["RECEIVER_MAX_NAME_BYTES"]
 MAX_LINE_BYTES = 16 * 1024 * 1024
 
 # Longer than operations take that do not wait, short enough for a test.

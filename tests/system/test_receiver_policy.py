@@ -1,14 +1,15 @@
 # SPDX-License-Identifier: MIT
-"""What each user can do on a bus with the installed policy of the receiver."""
+"""What each user can do on a bus with the installed policies of the receiver and of the simulated camera."""
 
 import pytest
 
 from installation import BUS_CONFIGURATION, UNPRIVILEGED_USER, Bus, build_option, run_by_root
 from receiverclient import NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
 from receiverprocess import REGISTRY, REGISTRY_PATH, Application, Receiver
+from simcamera import SimulatedCamera
 from users import ADMINISTRATOR, REFUSED, ROOT_USER, STAND_IN_GROUP, STRANGER, call
 
-# Who stands in for whom of those that the policy name; every Debian has them. The administrator is in the group.
+# Who stands in for whom of those that the policies name; every Debian has them. The administrator is in the group.
 DAEMON_USER, RECEIVER_USER = "man", UNPRIVILEGED_USER
 DAEMON = {"user": DAEMON_USER, "group": "daemon", "extra_groups": []}
 APPLICATION = ADMINISTRATOR
@@ -111,3 +112,19 @@ def test_everybody_lists_producers(receiver, receiver_bus):
 @pytest.mark.parametrize("ask", [list_producers, fetch_sample, open_stream, register])
 def test_nobody_sends_descriptors(receiver, receiver_bus, ask):
     assert ask(receiver_bus, ROOT_USER, 1) == REFUSED
+
+
+def test_simulated_camera_runs_on_a_bus_with_its_policy(installation, workspace):
+    """By an administrator; any user calls it."""
+    bus = policed(installation, workspace, "tessard.SimulatedCamera1.conf", group_tessard_admin="nogroup")
+    camera = SimulatedCamera(installation, bus)
+    try:
+        camera.wait_until_ready()
+        assert call(bus, STRANGER, NAME, path_of("PersonDetector"), PRODUCER, "GetSampleFrame") == ""
+        assert call(bus, STRANGER, "tessard.SimulatedCamera1", "/tessard/SimulatedCamera1", "tessard.SimulatedCamera1",
+                    "Tell", "(['calls', 'receiver'],)") == REFUSED
+        assert own_name(bus, STRANGER) == REFUSED
+        assert camera.tell("calls", "receiver") == "1\n"
+    finally:
+        camera.finish()
+        bus.stop()

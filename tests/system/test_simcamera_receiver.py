@@ -10,12 +10,13 @@ from gi.repository import GLib
 
 from busclient import remote_error
 from receiverclient import NAME, PRODUCER, path_of
+from receiverprocess import ERROR_PREFIX, LIMITS, enough_descriptors
 from simcamera import (BUILT_INS, PERSONS, RECEIVER, SLOW_MS, USAGE, VEHICLES, SimulatedCamera, item_at, refused,
                        seen_at)
 from waiting import wait_until
 
-MAX_STREAMS = 64
-MAX_PRODUCERS = 64
+MAX_STREAMS = LIMITS["RECEIVER_MAX_CHANNEL_STREAMS"]
+MAX_PRODUCERS = LIMITS["RECEIVER_MAX_PRODUCERS"]
 
 
 @pytest.fixture
@@ -170,17 +171,20 @@ def test_channels_that_are_not_supported_get_no_stream(camera, receiver_client, 
     with pytest.raises(GLib.Error) as failed:
         receiver_client.request_stream(PERSONS, channel)
 
-    assert remote_error(failed) == ("InvalidArgs", f"PersonDetector does not support channel {channel}")
+    assert remote_error(failed, ERROR_PREFIX) == ("UnsupportedChannel",
+                                                  f"PersonDetector does not support channel {channel}")
     assert camera.streams(PERSONS) == 0
 
 
 def test_streams_are_bounded(camera, receiver_client):
+    enough_descriptors(MAX_STREAMS + 200)
     for _ in range(MAX_STREAMS):
         receiver_client.open(PERSONS)
     with pytest.raises(GLib.Error) as failed:
         receiver_client.open(PERSONS)
 
-    assert remote_error(failed) == ("LimitsExceeded", "PersonDetector has too many streams")
+    assert remote_error(failed, ERROR_PREFIX) == ("LimitExceeded",
+                                                  f"Channel 1 of PersonDetector has {MAX_STREAMS} streams")
     receiver_client.open(VEHICLES).item()
 
 

@@ -10,6 +10,7 @@ import time
 import pytest
 
 from receiverclient import PRODUCER, path_of
+from receiverprocess import unread_bytes
 from simcamera import (BUILT_INS, MAX_LINE_BYTES, MAX_NAME_BYTES, PERSONS, SLOW_MS, USAGE, SimulatedCamera, item_at,
                        refused, seen_at)
 from waiting import BOUND_SECONDS, wait_until
@@ -210,16 +211,20 @@ def test_input_is_sent_line_by_line_to_all_streams(start_camera, receiver_client
     assert [first.messages(2), second.messages(2)] == [[b"two halves", b"three"]] * 2
 
 
-def test_input_waits_for_the_first_stream(start_camera, receiver_client):
-    reader, writer = os.pipe()
-    os.write(writer, b"one\ntwo\nlast")
-    os.close(writer)
-    camera = start_camera("--producer", "Mine=-", stdin=reader)
-    os.close(reader)
+def test_input_before_the_first_stream_is_dropped(start_camera, receiver_client):
+    """A stream begins with the first line that is read after it was opened."""
+    camera = start_camera("--producer", "Mine=-", stdin=subprocess.PIPE)
     assert json.loads(receiver_client.sample_frame("Mine"))["Objects"]
+    camera.process.stdin.write("one\ntwo\n" + "x" * 100000 + "\n")
+    camera.process.stdin.flush()
+    wait_until(lambda: unread_bytes(camera.process.stdin.fileno()) == 0, "all lines are read")
     stream = receiver_client.open("Mine")
+    assert not stream.has_something(SLOW_MS / 1000)
 
-    assert stream.messages(3) == [b"one", b"two", b"last"]
+    camera.process.stdin.write("three\nlast")
+    camera.process.stdin.close()
+    camera.process.stdin = None
+    assert stream.messages(2) == [b"three", b"last"]
     assert not stream.has_something(SLOW_MS / 1000)
     assert camera.streams("Mine") == 1
 
@@ -237,50 +242,48 @@ def test_input_ends_its_streams_with_once(start_camera, receiver_client):
     assert receiver_client.open("Mine").read_some(1) == b""
 
 
-def test_input_is_not_read_without_a_stream(start_camera, receiver_client):
+def test_input_is_read_without_a_stream(start_camera, receiver_client):
     reader, writer = os.pipe()
     camera = start_camera("--producer", "Mine=-", stdin=reader)
-    os.close(reader)
     stream = receiver_client.open("Mine")
     os.write(writer, b"one\n")
     assert stream.message() == b"one"
     stream.close()
     wait_until(lambda: camera.streams("Mine") == 0, "no stream is open")
     os.write(writer, b"two\nthree\n")
+    wait_until(lambda: unread_bytes(reader) == 0, "all lines are read")
+    os.close(reader)
 
     again = receiver_client.open("Mine")
-    assert again.messages(2) == [b"two", b"three"]
+    os.write(writer, b"four\n")
+    assert again.message() == b"four"
     os.close(writer)
 
 
-def test_input_waits_for_the_slowest_stream(start_camera, receiver_client):
+def test_input_waits_for_no_stream(start_camera, receiver_client):
+    """A stream that is not read keeps the newest line; the other one gets all lines."""
     lines = [b"%d" % number + LARGE_LINE for number in range(5)]
     reader, writer = os.pipe()
     start_camera("--producer", "Mine=-", stdin=reader)
     os.close(reader)
     fast, slow = receiver_client.open("Mine"), receiver_client.open("Mine")
-    with os.fdopen(writer, "wb") as file:
-        feeder = threading.Thread(target=file.write, args=(b"\n".join(lines) + b"\n",))
-        feeder.start()
-        # One line is in transit to the slow stream, and one more waits for it.
-        assert fast.messages(2) == lines[:2]
-        assert not fast.has_something(SLOW_MS / 1000)
-
-        assert slow.message() == lines[0]
-        assert fast.message() == lines[2]
-        slow.close()
-        assert fast.messages(2) == lines[3:]
-        feeder.join(BOUND_SECONDS)
+    with os.fdopen(writer, "wb", buffering=0) as file:
+        for line in lines:
+            feeder = threading.Thread(target=file.write, args=(line + b"\n",))
+            feeder.start()
+            assert fast.message() == line
+            feeder.join(BOUND_SECONDS)
+    assert slow.messages(2) == [lines[0], lines[-1]]
 
 
-def test_input_lines_that_are_too_long_are_left_out(installation, bus, receiver_client, workspace):
-    path = workspace.folder() / "input"
-    path.write_bytes(b"x" * (MAX_LINE_BYTES + 1) + b"\nshort\n")
-    with open(path, "rb") as file:
-        camera = SimulatedCamera(installation, bus, "--producer", "Mine=-", stdin=file)
+def test_input_lines_that_are_too_long_are_left_out(installation, bus, receiver_client):
+    camera = SimulatedCamera(installation, bus, "--producer", "Mine=-", stdin=subprocess.PIPE)
     camera.wait_until_ready()
+    stream = receiver_client.open("Mine")
+    camera.process.stdin.write("x" * (MAX_LINE_BYTES + 1) + "\nshort\n")
+    camera.process.stdin.flush()
 
-    assert receiver_client.open("Mine").message() == b"short"
+    assert stream.message() == b"short"
     assert camera.end() == (0, "", f"simcamera: left out a line longer than {MAX_LINE_BYTES} bytes\n")
 
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 using sim::LineSplitter;
-using sim::Message;
+using sim::MAX_TEXT_BYTES;
 
 namespace
 {
@@ -63,7 +63,7 @@ TEST(LineSplitterTest, BytesAreNotChanged)
 
 TEST(LineSplitterTest, AcceptsTheLongestLineAndDropsALongerOne)
 {
-  const std::string longest(Message::MAX_TEXT_BYTES, 'x');
+  const std::string longest(MAX_TEXT_BYTES, 'x');
   LineSplitter splitter;
   splitter.push(longest + "\n" + longest + "x\nshort\n");
   EXPECT_EQ(pop_all(splitter), std::vector<std::string>({longest, "short"}));
@@ -72,7 +72,7 @@ TEST(LineSplitterTest, AcceptsTheLongestLineAndDropsALongerOne)
 
 TEST(LineSplitterTest, DropsATooLongLineInAnyChunks)
 {
-  const std::string half(Message::MAX_TEXT_BYTES / 2 + 1, 'x');
+  const std::string half(MAX_TEXT_BYTES / 2 + 1, 'x');
   LineSplitter splitter;
   for (int i = 0; i < 5; i++) {
     splitter.push(half);

@@ -189,7 +189,7 @@ TEST(ReplayTest, RepeatedReplayNeverEnds)
 TEST(ReplayTest, LineOfMaximumLengthIsNotMadeLonger)
 {
   std::string line = line_at("01");
-  line += std::string(sim::Message::MAX_TEXT_BYTES - line.size(), ' ');
+  line += std::string(sim::MAX_TEXT_BYTES - line.size(), ' ');
   Replay replay(recording_of({line}), {}, NOW);
   EXPECT_EQ(next(replay), line);
 }
