@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr auto INPUT = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
-constexpr gint64 NO_TIME = -1;
+constexpr gint64 NO_DEADLINE = -1;
 
 const char *
 reason_of(MessageSplitter::Fault fault)
@@ -120,7 +120,7 @@ Inlet::take(std::string_view bytes)
     return fail(reason_of(fault));
   }
   if (!splitter_.has_unfinished()) {
-    g_source_set_ready_time(&source_->base, NO_TIME);
+    g_source_set_ready_time(&source_->base, NO_DEADLINE);
   } else if (!had_unfinished || splitter_.completed() > completed) {
     g_source_set_ready_time(&source_->base,
                             g_get_monotonic_time() + RECEIVER_MESSAGE_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND);
@@ -135,7 +135,7 @@ Inlet::check_time()
   const gint64 ready_time = g_source_get_ready_time(&source_->base);
 
   static_assert(RECEIVER_MESSAGE_TIMEOUT_MS == 10 * 1000);
-  return ready_time == NO_TIME || ready_time > g_get_monotonic_time() ||
+  return ready_time == NO_DEADLINE || ready_time > g_get_monotonic_time() ||
          fail("a message is not complete after 10 s");
 }
 
