@@ -15,7 +15,7 @@ from gi.repository import Gio, GLib
 from busclient import BusClient
 from daemon import WARNING
 from installation import documented_limit, run_by_root, unprivileged
-from receiverclient import NAME, PRODUCER, ReceiverClient, Watcher, path_of
+from receiverclient import LENGTH, NAME, PRODUCER, ReceiverClient, Watcher, path_of
 from receiverprocess import (ERROR_PREFIX, LIMITS, LOST_BUS, LOST_NAME, REGISTRY, REGISTRY_PATH, SAMPLE, Application,
                              Receiver, Refused, ended, enough_descriptors, message, not_read, unread_bytes)
 from waiting import BOUND_SECONDS, wait_until
@@ -27,6 +27,10 @@ GRACE_SECONDS = LIMITS["RECEIVER_GRACE_SECONDS"]
 MAX_CHANNEL_STREAMS = LIMITS["RECEIVER_MAX_CHANNEL_STREAMS"]
 
 MINE, OTHER = "Mine", "Other"
+
+# How many messages are sent one by one, and how many a second.
+PACED_MESSAGES = int(os.environ.get("TESSARD_PACED_MESSAGES", "20000"))
+PACED_RATE = 4000
 
 
 @pytest.fixture
@@ -692,30 +696,49 @@ def test_options(installation, options, status, out):
 # Many
 
 
-def test_twenty_thousand_paced_messages(receiver, application, reader):
+class NumbersReader(threading.Thread):
+    """Reads the numbers of a stream's messages in large pieces, up to the last one."""
+
+    def __init__(self, stream, last):
+        super().__init__()
+        self.stream = stream
+        self.last = last
+        self.numbers = []
+        self.start()
+
+    def run(self):
+        data = b""
+        while not self.numbers or self.numbers[-1] != self.last:
+            data += self.stream.read_some(65536)
+            begin = 0
+            while len(data) - begin >= LENGTH.size:
+                end = begin + LENGTH.size + LENGTH.unpack_from(data, begin)[0]
+                if end > len(data):
+                    break
+                self.numbers.append(int(data[begin + LENGTH.size + len('{"Number":'):end - 1]))
+                begin = end
+            data = data[begin:]
+
+
+def test_paced_messages(receiver, application, reader):
     """Two streams get each of them once and in order, while a third one is not read."""
-    count, rate = 20000, 2500
     application.register(MINE)
     writer = application.open_channel(MINE)
-    streams = [reader.open(MINE), reader.open(MINE)]
-    reader.open(MINE)
-    found = [[], []]
-    threads = [threading.Thread(target=lambda stream=stream, into=into: into.extend(read_numbers(stream, count - 1)))
-               for stream, into in zip(streams, found)]
-    for thread in threads:
-        thread.start()
+    readers = [NumbersReader(reader.open(MINE), PACED_MESSAGES - 1) for _ in range(2)]
+    unread = reader.open(MINE)
     began = time.monotonic()
-    for number, text in enumerate(numbers(count)):
-        ahead = began + number / rate - time.monotonic()
+    for number, text in enumerate(numbers(PACED_MESSAGES)):
+        ahead = began + number / PACED_RATE - time.monotonic()
         if ahead > 0.002:
             time.sleep(ahead)
         writer.send(text)
-    for thread in threads:
+    for thread in readers:
         thread.join(BOUND_SECONDS)
 
-    assert found == [list(range(count))] * 2
+    for thread in readers:
+        assert thread.numbers == list(range(PACED_MESSAGES))
     assert receiver.take_warnings(1) == [not_read(MINE, 1)]
-    reader.streams[2].close()
+    unread.close()
     assert len(receiver.take_warnings(1)) == 1
 
 
