@@ -42,8 +42,8 @@ Budget::stream_count() const
 /**
  * Budget::keep_queued_bytes:
  *
- * While all queues together have more than %RECEIVER_MAX_QUEUED_BYTES, ends the stream that has most. Call it
- * after each message.
+ * While all queues together have more than %RECEIVER_MAX_QUEUED_BYTES, ends the stream with the longest
+ * queue. Call it after each message.
  */
 void
 Budget::keep_queued_bytes()

@@ -8,7 +8,7 @@
 namespace receiver
 {
 
-/* What all producers have together. */
+/* The resources that all producers share. */
 class Budget
 {
 public:

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <set>
 
-/* The daemon leaves out a producer that it cannot list, and its reason is in the log only. What the daemon
- * would refuse is refused here, where the application gets the reason. The sample frame is not parsed: its
- * items are the converter's affair. */
+/* The daemon leaves out a producer that it cannot list, and gives the reason only in its log. The receiver
+ * refuses such a producer, so that the application gets the reason. It does not parse the sample frame: only
+ * json2xml knows the format of items. */
 
 namespace receiver
 {
@@ -91,7 +91,7 @@ name_check(const std::string &name, GError **error)
 
 /**
  * description_check:
- * @description: what an application says of its producer, in UTF-8
+ * @description: an application's description of its producer, in UTF-8
  * @error: set if a part is invalid
  *
  * Returns: whether @description is valid

@@ -8,7 +8,7 @@
 namespace receiver
 {
 
-/* What an application says of its producer. */
+/* An application's description of its producer. */
 struct Description {
   std::string name;
   std::string nice_name;

@@ -6,8 +6,8 @@
 namespace receiver
 {
 
-/* What is wrong with a call. Each code has a name on the bus, com.quon.MetadataReceiver1.Error. and the text
- * in error.cpp. */
+/* The errors of calls. The name of an error on the bus is com.quon.MetadataReceiver1.Error. and the text of
+ * its code in error.cpp. */
 enum class Error {
   INVALID_NAME,
   INVALID_NICE_NAME,

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 /* One GSource waits for input, and for the time by which an unfinished message must be complete. Each
- * dispatch reads once, so that an application that writes without a pause leaves turns to the others. */
+ * dispatch reads once, so that an application that writes without a pause delays no other source. */
 
 namespace receiver
 {
@@ -63,8 +63,8 @@ Inlet::~Inlet()
 /**
  * Inlet::drain:
  *
- * Reads what the application has written so far, at most %RECEIVER_DRAIN_BYTES. Does not call the function
- * for the end.
+ * Reads the data that the application has written so far, at most %RECEIVER_DRAIN_BYTES. Does not call the
+ * @ended of the constructor.
  *
  * Returns: whether the inlet has not ended; otherwise the caller destroys it
  */
@@ -128,7 +128,7 @@ Inlet::take(std::string_view bytes)
   return true;
 }
 
-/* Returns: whether the unfinished message, if there is one, still has time */
+/* Returns: whether there is no unfinished message, or it is within its time limit */
 bool
 Inlet::check_time()
 {

@@ -7,8 +7,8 @@ namespace receiver
 {
 
 /* The read end of a channel that an application has open. It is read whether or not the channel has streams.
- * It ends when the application closes its end or writes what is no message, and then notifies its owner; the
- * owner may also destroy it before. Main thread only. */
+ * It ends when the application closes its end or writes invalid data, and then notifies its owner; the owner
+ * may also destroy it before. Main thread only. */
 class Inlet
 {
 public:

@@ -19,7 +19,7 @@ struct Run {
   int status = EXIT_SUCCESS;
 };
 
-/* The end of the connection is the loss of the name too; the first reason counts. */
+/* A closed connection also loses the name; only the first reason is logged. */
 void
 fail(Run *run, const char *message)
 {
@@ -135,7 +135,7 @@ main(int argc, char **argv)
   memory_set_up();
   setlocale(LC_ALL, "");
   g_set_prgname("tessard-receiver");
-  signal(SIGPIPE, SIG_IGN); /* a stream's reader may close its end at any time */
+  signal(SIGPIPE, SIG_IGN); /* the reader of a stream can close its end at any time */
 
   if (!parse_options(&version, &argc, &argv, &error)) {
     return usage_error(error->message);

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <utility>
 
-/* The receiver reads the length of a message and checks that the text is UTF-8. It does not parse the items:
- * json2xml does, and drops those that are malformed. Random bytes fail one of the two checks soon. */
+/* The receiver reads the length of a message and checks that the text is UTF-8. It does not parse the items;
+ * json2xml drops malformed ones. Random bytes soon fail one of the two checks. */
 
 namespace receiver
 {
@@ -49,7 +49,7 @@ MessageSplitter::push(std::string_view bytes, const Deliver &deliver)
   return fault;
 }
 
-/* Takes the rest of one message, or as much of it as there is. */
+/* Takes the rest of one message, or the available part of it. */
 MessageSplitter::Fault
 MessageSplitter::take_next(std::string_view *bytes, const Deliver &deliver)
 {
@@ -77,7 +77,7 @@ MessageSplitter::take_next(std::string_view *bytes, const Deliver &deliver)
 
 /* Moves bytes to the unfinished message until it has @size bytes.
  *
- * Returns: whether it has so many */
+ * Returns: whether it has @size bytes */
 bool
 MessageSplitter::collect(std::string_view *bytes, gsize size)
 {

@@ -9,7 +9,7 @@
 namespace receiver
 {
 
-/* Splits what an application writes on a channel into messages. */
+/* Splits the data that an application writes to a channel into messages. */
 class MessageSplitter
 {
 public:
@@ -29,7 +29,7 @@ private:
   Fault take_next(std::string_view *bytes, const Deliver &deliver);
   bool collect(std::string_view *bytes, gsize size);
 
-  std::string unfinished_; /* the bytes so far of a message that is not complete, with its length */
+  std::string unfinished_; /* the available bytes of an incomplete message, with its length */
   guint64 completed_ = 0;
 };
 

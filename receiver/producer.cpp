@@ -32,7 +32,7 @@ refuse_for_shortage(GError **error)
 /**
  * Producer:
  * @description: a valid description
- * @budget: (transfer none): what all producers have together; outlives the producer
+ * @budget: (transfer none): the resources that all producers share; outlives the producer
  */
 Producer::Producer(Description description, Budget *budget)
     : description_(std::move(description)), budget_(budget)
@@ -182,7 +182,7 @@ Producer::open_channel_count() const
                                           [](const auto &entry) { return entry.second.inlet != nullptr; }));
 }
 
-/* An application can close a channel and open it again before the end of what it has written is read. */
+/* An application can close a channel and open it again before the receiver has read to its end. */
 bool
 Producer::check_open_channels(gint64 channel, GError **error)
 {
@@ -255,7 +255,7 @@ Producer::send(const SharedText &text)
   }
 }
 
-/* Closes the read end of the application's channel. Streams stay. */
+/* Closes the read end of the application's channel. Streams stay open. */
 void
 Producer::close_channel(gint64 channel)
 {
@@ -271,7 +271,7 @@ Producer::close_channel(gint64 channel)
 /**
  * Producer::close_channels:
  *
- * Reads what the application has written, and closes all channels that it has open. Streams stay.
+ * Reads the data that the application has written, and closes all its open channels. Streams stay open.
  */
 void
 Producer::close_channels()
@@ -356,7 +356,7 @@ Producer::remove_stream(gint64 channel, Stream *stream)
   }
 }
 
-/* Forgets a channel that nobody has open. */
+/* Deletes a channel without an inlet and streams. */
 void
 Producer::tidy(gint64 channel)
 {

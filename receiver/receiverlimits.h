@@ -6,14 +6,14 @@
 /**
  * RECEIVER_MAX_PRODUCERS:
  *
- * How many producers are registered at a time, including those whose application has gone.
+ * The number of registered producers, including those without an application.
  */
 #define RECEIVER_MAX_PRODUCERS 128
 
 /**
  * RECEIVER_PRODUCERS_KEPT:
  *
- * How many of these places only users without a producer get.
+ * The number of these places that are reserved for users without a producer.
  */
 #define RECEIVER_PRODUCERS_KEPT 16
 
@@ -34,7 +34,7 @@
 /**
  * RECEIVER_MAX_PRODUCER_CHANNELS:
  *
- * How many video channels a producer supports. The daemon has the same limit.
+ * The number of video channels of a producer. The daemon has the same limit.
  */
 #define RECEIVER_MAX_PRODUCER_CHANNELS 256
 
@@ -55,29 +55,29 @@
 /**
  * RECEIVER_MAX_OPEN_CHANNELS:
  *
- * How many channels applications have open, for all producers together.
+ * The number of channels that applications have open, for all producers together.
  */
 #define RECEIVER_MAX_OPEN_CHANNELS 512
 
 /**
  * RECEIVER_OPEN_CHANNELS_KEPT:
  *
- * How many of these only producers without an open channel get: one for each producer.
+ * The number of these places that are reserved for producers without an open channel: one for each producer.
  */
 #define RECEIVER_OPEN_CHANNELS_KEPT 128
 
 /**
  * RECEIVER_MAX_STREAMS:
  *
- * How many streams are open, for all producers together.
+ * The number of open streams, for all producers together.
  */
 #define RECEIVER_MAX_STREAMS 3072
 
 /**
  * RECEIVER_MAX_CHANNEL_STREAMS:
  *
- * How many streams one channel of a producer has: twice the daemon's clients, because the streams of clients
- * that have left can still be open.
+ * The number of streams of one channel of a producer: twice the daemon's clients, because the streams of
+ * clients that have disconnected can still be open.
  */
 #define RECEIVER_MAX_CHANNEL_STREAMS 512
 
@@ -98,14 +98,15 @@
 /**
  * RECEIVER_READ_BYTES:
  *
- * What is read from one channel in a turn of the main loop.
+ * The number of bytes that are read from one channel in a turn of the main loop.
  */
 #define RECEIVER_READ_BYTES 65536
 
 /**
  * RECEIVER_DRAIN_BYTES:
  *
- * What is read at most from a channel whose application has gone or opens it again: more than a pipe holds.
+ * The number of bytes that are read at most from a channel whose application has disconnected or opens it
+ * again: more than a pipe holds.
  */
 #define RECEIVER_DRAIN_BYTES (2 * 1024 * 1024)
 
@@ -119,7 +120,7 @@
 /**
  * RECEIVER_QUEUE_MAX_MESSAGES:
  *
- * How many messages wait for a stream's reader.
+ * The number of messages that wait for a stream's reader.
  */
 #define RECEIVER_QUEUE_MAX_MESSAGES 2048
 
@@ -133,14 +134,14 @@
 /**
  * RECEIVER_MAX_QUEUED_BYTES:
  *
- * The bytes of the messages of all streams. A message counts once, in however many queues it is.
+ * The bytes of the messages of all streams. A message that is in several queues counts once.
  */
 #define RECEIVER_MAX_QUEUED_BYTES (256 * 1024 * 1024)
 
 /**
  * RECEIVER_MESSAGE_OVERHEAD:
  *
- * What a message counts there in addition to its bytes.
+ * The number of bytes that a message counts there in addition to its own.
  */
 #define RECEIVER_MESSAGE_OVERHEAD 128
 
@@ -154,13 +155,13 @@
 /**
  * RECEIVER_GRACE_SECONDS:
  *
- * The time for which a producer stays listed when its application has gone, in seconds.
+ * The time for which a producer without an application stays listed, in seconds.
  */
 #define RECEIVER_GRACE_SECONDS 30
 
 /**
  * RECEIVER_MAX_WAITING_CALLS:
  *
- * How many calls wait until the bus has reported their callers' users.
+ * The number of calls that wait until the bus has reported their callers' users.
  */
 #define RECEIVER_MAX_WAITING_CALLS 256

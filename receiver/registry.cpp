@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <syslog.h>
 
-/* A producer is in one of three states. It has an application (`sender` is set). Its application has gone
- * (`grace` is set): it is listed and its streams are open, and its user can take it over. Or it finishes: it
- * is not listed, its name is free, and it exists until its streams have ended. */
+/* The states of a producer:
+ * - it has an application: `sender` is set;
+ * - its application has disconnected: `grace` is set, it is listed, its streams are open, and its user can
+ *   register it again;
+ * - it finishes: it is not listed, its name is free, and it exists until its streams have ended. */
 
 namespace receiver
 {
@@ -39,7 +41,7 @@ Registry::~Registry()
 /**
  * Registry::register_producer:
  * @caller: the application
- * @description: what it says of its producer
+ * @description: its description of its producer
  * @error: set if the description is invalid, the name is taken, or there are too many producers
  *
  * Registers a producer, or gives one without an application to the caller. If its description is new, it is
@@ -58,7 +60,7 @@ Registry::register_producer(const Caller &caller, const Description &description
                                    : add(caller, description, error);
 }
 
-/* The last places are for users that have none, so that one user cannot keep all others out. */
+/* The last places are reserved for users without a producer, so that one user cannot take all places. */
 bool
 Registry::check_place(const Caller &caller, GError **error) const
 {

@@ -10,11 +10,11 @@
 #include <gio/gunixfdlist.h>
 #include <optional>
 
-/* An application is known by the unique name of its connection, which the bus never uses again. With the
- * first producer that it registers, its connection is watched and its user is looked up; its calls wait
- * meanwhile, and are then served in order. The watch begins before the look-up, so that a connection that
- * closes at any time is noticed: either the look-up fails, or the bus reports it. An application without a
- * producer is forgotten. */
+/* The unique name of its connection identifies an application; the bus never reuses it. When an application
+ * registers its first producer, the service watches its connection and looks up its user. Its calls wait for
+ * the user, and are then served in order. The watch begins before the look-up, so that the service detects a
+ * connection that closes at any time: either the look-up fails, or the bus reports it. The service keeps
+ * nothing about an application without a producer. */
 
 namespace receiver
 {
@@ -42,7 +42,7 @@ channels_of(GVariant *channels)
   return {numbers, numbers + count};
 }
 
-/* No option is defined, and an application would not notice that one has no effect. */
+/* No option is defined. An error shows an application that its option has no effect. */
 bool
 check_options(GVariant *options, GError **error)
 {
@@ -55,7 +55,7 @@ check_options(GVariant *options, GError **error)
   return refuse(error, Error::INVALID_OPTION, "There is no option %s", name);
 }
 
-/* Refuses a name that nobody can have registered, so that a call that waits is short. */
+/* Refuses a name that cannot be registered, so that a call that waits is short. */
 bool
 refuse_long_name(GDBusMethodInvocation *invocation, const gchar *name)
 {
@@ -235,7 +235,7 @@ RegistryService::run_with_user(GDBusMethodInvocation *invocation, Work work)
   forget_if_unused(sender);
 }
 
-/* Runs @work after the calls of the same application that wait. It needs no user.
+/* Runs @work after the waiting calls of the same application. It needs no user.
  *
  * @invocation: (transfer full): the call, which @work completes */
 void
@@ -306,7 +306,7 @@ RegistryService::Handlers::on_user_reply(GObject *connection, GAsyncResult *resu
   }
 }
 
-/* Runs what waits for the user. */
+/* Runs the calls that wait for the user. */
 void
 RegistryService::on_user(const std::string &sender, guint32 user)
 {
@@ -340,7 +340,7 @@ RegistryService::Handlers::on_owner_changed(GDBusConnection *connection, const g
   }
 }
 
-/* The connection of an application has closed; nobody waits for its replies. */
+/* The connection of an application has closed; its replies are not needed any more. */
 void
 RegistryService::lose(const std::string &sender)
 {

@@ -9,7 +9,8 @@
 namespace receiver
 {
 
-/* The registry on the bus: it serves the calls of applications and learns when they leave. Main thread only.
+/* The registry on the bus: it serves the calls of applications and watches their connections. Main thread
+ * only.
  */
 class RegistryService
 {

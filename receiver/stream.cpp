@@ -8,16 +8,17 @@
 #include <unistd.h>
 
 /* One GSource waits until the descriptor is writable or until a time, and always for the reader to close its
- * end. The descriptor is non-blocking, so a reader that does not read blocks nobody. A message is written
- * when it is sent, and only what the descriptor does not take waits in the queue.
+ * end. The descriptor is non-blocking, so a reader that does not read blocks no other stream. send() writes
+ * a message immediately; only the bytes that the descriptor does not accept wait in the queue.
  *
- * What is dropped. A reader that comes back should get what is new, so the oldest messages go first: those
- * that are older than RECEIVER_QUEUE_MAX_AGE_MS, then as many as the newest one needs to stay within
- * RECEIVER_QUEUE_MAX_BYTES. A message of which a byte is written stays, because the reader could not find the
- * start of the next one; the newest stays, so that a long message has a place too.
+ * Dropped messages: the oldest ones, because a reader that reads again needs the new ones. First those that
+ * are older than RECEIVER_QUEUE_MAX_AGE_MS are dropped, then as many as necessary to keep the queue within
+ * RECEIVER_QUEUE_MAX_BYTES and RECEIVER_QUEUE_MAX_MESSAGES. A partly written message is never dropped,
+ * because the reader could not find the start of the next one; nor is the newest, so that a long message can
+ * be queued.
  *
- * A stream that ends does so in its own dispatch: the code that sends to all streams of a channel sees none
- * of them go. */
+ * A stream ends only in its own dispatch, so that no stream ends while a message is sent to all streams of a
+ * channel. */
 
 namespace receiver
 {
@@ -147,8 +148,8 @@ Stream::queued_bytes() const
   return queued_bytes_;
 }
 
-Stream::Pace
-Stream::pace() const
+Stream::Chunks
+Stream::chunks() const
 {
   return {G_MAXSIZE, 0};
 }
@@ -190,7 +191,7 @@ Stream::end_soon()
   wait_for(NOTHING, IMMEDIATELY);
 }
 
-/* Writes what the reader takes. */
+/* Writes until the descriptor accepts no more. */
 void
 Stream::advance()
 {
@@ -216,8 +217,8 @@ bool
 Stream::write_piece()
 {
   Message message = current_.is_sent() ? Message(queue_.front().text) : current_;
-  const Pace how = pace();
-  const std::span<const iovec> rest = message.rest(how.bytes);
+  const Chunks limits = chunks();
+  const std::span<const iovec> rest = message.rest(limits.bytes);
   const ssize_t written = writev(fd_, rest.data(), static_cast<int>(rest.size()));
 
   if (written < 0 && errno != EAGAIN && errno != EINTR) {
@@ -231,8 +232,8 @@ Stream::write_piece()
   if (written > 0 && current_.is_sent()) {
     return true;
   }
-  if (written > 0 && how.pause_us > 0) {
-    wait_for(NOTHING, g_get_monotonic_time() + how.pause_us);
+  if (written > 0 && limits.pause_us > 0) {
+    wait_for(NOTHING, g_get_monotonic_time() + limits.pause_us);
   } else {
     wait_for(G_IO_OUT, deadline_);
   }
@@ -254,7 +255,7 @@ Stream::take_begun(Message *message)
   }
 }
 
-/* Drops the oldest messages that are not begun, but never the newest. */
+/* Drops the oldest messages of which no byte is written, but never the newest. */
 void
 Stream::drop_old()
 {

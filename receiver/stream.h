@@ -10,9 +10,9 @@
 namespace receiver
 {
 
-/* The write end of one stream, with the queue of the messages that its reader has not taken yet. It ends when
- * the reader closes its end, or when the queue is written after finish(), and then notifies its owner; the
- * owner may also destroy it before. Main thread only. */
+/* The write end of one stream, with a queue of messages for its reader. It ends when the reader closes its
+ * end, or when the queue is written after finish(), and then notifies its owner; the owner may also destroy
+ * it before. Main thread only. */
 class Stream
 {
 public:
@@ -30,13 +30,13 @@ public:
   gsize queued_bytes() const;
 
 protected:
-  /* How messages are written. */
-  struct Pace {
-    gsize bytes;     /* at most, in one write */
+  /* The pieces in which messages are written. */
+  struct Chunks {
+    gsize bytes;     /* of one write, at most */
     gint64 pause_us; /* after a write that does not complete a message */
   };
 
-  virtual Pace pace() const;
+  virtual Chunks chunks() const;
 
   /* Called when the queue has become empty, and the stream has not ended. */
   virtual void on_idle();
@@ -66,7 +66,7 @@ private:
   const Ended ended_;
   Message current_;          /* the message of which a byte is written, until it is sent */
   std::deque<Queued> queue_; /* the messages after it */
-  gsize queued_bytes_ = 0;   /* of all these, with their lengths */
+  gsize queued_bytes_ = 0;   /* of current_ and queue_, with their lengths */
   guint64 dropped_ = 0;      /* since the queue was empty */
   gint64 deadline_ = -1;     /* by which the stream has ended, after finish() */
   bool ending_ = false;

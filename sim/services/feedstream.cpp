@@ -43,12 +43,12 @@ FeedStream::~FeedStream()
   g_source_unref(&timer_->base);
 }
 
-FeedStream::Pace
-FeedStream::pace() const
+FeedStream::Chunks
+FeedStream::chunks() const
 {
   const auto pause_us = static_cast<gint64>(pieces_.pause_ms) * G_TIME_SPAN_MILLISECOND;
 
-  return pieces_.bytes > 0 ? Pace{pieces_.bytes, pause_us} : Stream::pace();
+  return pieces_.bytes > 0 ? Chunks{pieces_.bytes, pause_us} : Stream::chunks();
 }
 
 /* While a message is being written, no wake-up is necessary: on_idle() follows. */

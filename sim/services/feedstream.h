@@ -25,7 +25,7 @@ public:
   ~FeedStream() override;
 
 protected:
-  Pace pace() const override;
+  Chunks chunks() const override;
   void on_idle() override;
 
 private:

@@ -22,7 +22,7 @@ constexpr gsize READ_BYTES = 65536;
 
 } // namespace
 
-/* A stream's own messages: there are none, but the stream may end with the input. */
+/* A stream has no messages of its own, but it may end with the input. */
 class InputFeed::Listener : public MessageSource
 {
 public:

@@ -8,8 +8,8 @@ namespace sim
 {
 
 /* Sends each line of a descriptor to all open streams, like an application: the descriptor is always read,
- * and nobody gets what came before. At the end of the input the streams stay open; with the option "once"
- * they end. */
+ * and a stream gets no line from before it was opened. At the end of the input the streams stay open; with
+ * the option "once" they end. */
 class InputFeed : public Feed
 {
 public:

@@ -208,7 +208,7 @@ MetadataReceiver::announce(std::shared_ptr<Producer> producer, bool reads_input)
   producers_[name] = {std::move(producer), std::move(interface), reads_input};
 }
 
-/* The producer outlives its object's time on the bus. */
+/* The producer exists longer than its object on the bus. */
 std::shared_ptr<GDBusInterfaceSkeleton>
 MetadataReceiver::make_interface(const std::shared_ptr<Producer> &producer, const std::string &interface_name)
 {

@@ -78,7 +78,7 @@ set_nonblocking(int fd, bool nonblocking)
  * @nice_name: its name for display
  * @camera: has the channels; outlives the producer
  * @feed: the messages of its streams
- * @budget: (transfer none): what all producers have together; outlives the producer
+ * @budget: (transfer none): the resources that all producers share; outlives the producer
  */
 Producer::Producer(std::string name, std::string nice_name, const Camera &camera, std::unique_ptr<Feed> feed,
                    receiver::Budget *budget)

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 // Arbitrary bytes from a producer, in the daemon's frame or as a whole frame: the frame is either left out
-// with a reason, or written as XML with the producer's own name and within the limits. A second implementation,
-// with json-glib and libxml2, reads the same values and writes the same XML.
+// with a reason, or written as XML with the producer's own name and within the limits. A second
+// implementation, with json-glib and libxml2, reads the same values and writes the same XML.
 #include "fuzz.h"
 #include "libxml.h"
 #include "oraclefragment.h"

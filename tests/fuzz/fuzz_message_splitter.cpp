@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-// What an application writes on a channel, in pieces, split by the receiver and by a plain model that looks
-// at all of it. An input is the bytes; the pieces follow from it.
+// Arbitrary bytes that an application writes to a channel, in pieces: the receiver and a simple model, which
+// has all bytes at once, find the same messages. The input also determines the pieces.
 #include "fuzz.h"
 #include "receiver/messagesplitter.h"
 #include "receiver/receiverlimits.h"

@@ -2,9 +2,9 @@
 // A scene of arbitrary bytes for a converter: it is refused, or within the limits of the format and written
 // as XML.
 #include "fuzz.h"
+#include "libxml.h"
 #include "scenebuffer.h"
 #include "scenefragment.h"
-#include "libxml.h"
 
 #include <libxml/parser.h>
 #include <string>

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-// Any bytes as a text and as the value of an attribute: libxml2 reads what was written, with U+FFFD in place
-// of what XML does not allow. The first bytes are a number, which is written correctly rounded.
+// Arbitrary bytes as a text and as the value of an attribute: libxml2 reads the same characters, with U+FFFD
+// in place of those that XML does not allow. The first bytes are a number, which is written correctly
+// rounded.
 #include "fuzz.h"
 #include "libxml.h"
 #include "xml.h"
@@ -16,7 +17,7 @@
 namespace
 {
 
-// What a receiver is told of the bytes.
+// The characters that a receiver reads.
 std::string
 expected_text(std::string_view bytes)
 {
@@ -31,7 +32,7 @@ expected_text(std::string_view bytes)
   return expected;
 }
 
-// Its first characters.
+// Its first @count characters.
 std::string
 beginning(const std::string &text, glong count)
 {

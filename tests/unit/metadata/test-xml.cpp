@@ -63,7 +63,7 @@ TEST(Xml, ElementsAreNested)
                               "<tt:B c=\"d\"/><tt:E>f</tt:E><tt:G>0.50</tt:G></tt:A>");
 }
 
-TEST(Xml, TextIsTakenOut)
+TEST(Xml, WrittenTextIsHandedOver)
 {
   XmlWriter writer;
   writer.start(TT, "A");

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The clock of the code under test, which a test can advance. GLib's own time-outs do not follow it. */
+/* The clock of the code under test. A test can advance it; GLib's own time-outs do not use it. */
 #pragma once
 
 #include <glib.h>

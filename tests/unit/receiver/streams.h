@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Both ends of streams and channels: what a reader takes, and what an application writes. */
+/* The test's ends of pipes: the read ends of streams, and the write ends of channels. */
 #pragma once
 
 #include "receiver/message.h"
@@ -12,10 +12,10 @@ namespace teststreams
 
 using Texts = std::vector<std::string>;
 
-/* A length before a text. */
+/* A text with its length before it. */
 std::string wire_form(const std::string &text);
 
-/* An open descriptor, which is closed with this object. */
+/* Owns a descriptor. */
 class Descriptor
 {
 public:
@@ -28,16 +28,16 @@ public:
   int fd() const;
   void close();
 
-  /* Writes all of it, which has to fit. */
+  /* Writes all bytes; the pipe must have room for them. */
   void write(const std::string &bytes) const;
 
-  /* What can be read without waiting, at most so much. */
+  /* Returns the bytes that can be read immediately, at most @limit. */
   std::string read_some(gsize limit) const;
 
-  /* Runs the main loop until it has read so much. */
+  /* Runs the main loop until it has read @size bytes. */
   std::string read(gsize size) const;
 
-  /* The next messages. */
+  /* Reads the next @count messages. */
   Texts messages(gsize count) const;
 
   /* Whether the other end is closed and nothing is left to read. Runs the main loop until then. */

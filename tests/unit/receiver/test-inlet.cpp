@@ -71,7 +71,7 @@ TEST_F(InletTest, ReadsMessagesInOrder)
   EXPECT_EQ(texts_, Texts({"one", "two", "three"}));
 }
 
-TEST_F(InletTest, EndsWithoutALineWhenTheApplicationCloses)
+TEST_F(InletTest, EndsWithoutALogLineWhenTheApplicationCloses)
 {
   write(wire_form("last"));
   pipe_->write_end.close();
@@ -80,7 +80,7 @@ TEST_F(InletTest, EndsWithoutALineWhenTheApplicationCloses)
   EXPECT_EQ(texts_, Texts({"last"}));
 }
 
-TEST_F(InletTest, EndsWithALineWhenTheApplicationClosesWithinAMessage)
+TEST_F(InletTest, LogsAnEndWithinAMessage)
 {
   write(wire_form("last").substr(0, 5));
   pipe_->write_end.close();
@@ -89,7 +89,7 @@ TEST_F(InletTest, EndsWithALineWhenTheApplicationClosesWithinAMessage)
   EXPECT_EQ(testhost::take_syslog(), because("the application closed it within a message"));
 }
 
-TEST_F(InletTest, EndsAtALengthThatIsTooLong)
+TEST_F(InletTest, EndsAtATooLongLength)
 {
   write(wire_form("first") + "{\"Objects\":[]}\n");
 
@@ -98,7 +98,7 @@ TEST_F(InletTest, EndsAtALengthThatIsTooLong)
   EXPECT_EQ(testhost::take_syslog(), because("a message is longer than 1 MiB"));
 }
 
-TEST_F(InletTest, EndsAtWhatIsNoText)
+TEST_F(InletTest, EndsAtInvalidText)
 {
   write(wire_form("\xff"));
 
@@ -106,7 +106,7 @@ TEST_F(InletTest, EndsAtWhatIsNoText)
   EXPECT_EQ(testhost::take_syslog(), because("a message is not UTF-8 text"));
 }
 
-TEST_F(InletTest, GivesEachMessageItsTime)
+TEST_F(InletTest, TheTimeLimitIsForEachMessage)
 {
   write(wire_form("one").substr(0, 5));
   testhost::dispatch_ready();
@@ -134,7 +134,7 @@ TEST_F(InletTest, EndsWhenAMessageTakesTooLong)
   EXPECT_EQ(testhost::take_syslog(), because("a message is not complete after 10 s"));
 }
 
-TEST_F(InletTest, DrainsWhatIsThereAndSeesTheEnd)
+TEST_F(InletTest, DrainReadsAvailableMessagesAndReportsTheEnd)
 {
   write(wire_form("one"));
   EXPECT_TRUE(inlet_->drain());

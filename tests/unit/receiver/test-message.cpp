@@ -1,25 +1,17 @@
 /* SPDX-License-Identifier: MIT */
 #include "receiver/message.h"
 #include "receiver/receiverlimits.h"
+#include "streams.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 
 using receiver::Message;
 using receiver::shared_text_copy;
+using teststreams::wire_form;
 
 namespace
 {
-
-std::string
-wire_form(const std::string &text)
-{
-  auto length = static_cast<guint32>(text.size());
-  std::string form(sizeof length, '\0');
-  std::memcpy(form.data(), &length, sizeof length);
-  return form + text;
-}
 
 std::string
 take(Message &message, gsize limit)
@@ -83,7 +75,7 @@ TEST(MessageTest, PartHoldsAReferenceToTheWhole)
   EXPECT_EQ(receiver::shared_text_view(part), "cde");
 }
 
-TEST(MessageTest, CountedTextsAreCountedOnceUntilTheLastOwnerHasGone)
+TEST(MessageTest, CountsACountedTextOnceUntilItsLastOwnerReleasesIt)
 {
   ASSERT_EQ(receiver::shared_text_counted_bytes(), 0U);
   {
@@ -101,4 +93,4 @@ TEST(MessageTest, SizeIncludesTheLength)
   EXPECT_EQ(Message(shared_text_copy("{}")).size(), 6U);
 }
 
-} /* namespace */
+} // namespace

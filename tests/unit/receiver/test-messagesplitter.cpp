@@ -42,7 +42,7 @@ TEST(MessageSplitterTest, FindsMessagesInAnyPieces)
   }
 }
 
-TEST(MessageSplitterTest, KnowsAnUnfinishedMessage)
+TEST(MessageSplitterTest, ReportsAnUnfinishedMessage)
 {
   const std::string bytes = wire_form("{}");
   Split split;
@@ -56,7 +56,7 @@ TEST(MessageSplitterTest, KnowsAnUnfinishedMessage)
   EXPECT_FALSE(split.splitter.has_unfinished());
 }
 
-TEST(MessageSplitterTest, TakesTheLongestMessageAndNoLongerOne)
+TEST(MessageSplitterTest, AcceptsTheLongestMessageAndRefusesALongerOne)
 {
   const std::string longest(RECEIVER_MAX_MESSAGE_BYTES, 'x');
   Split split;
@@ -66,7 +66,7 @@ TEST(MessageSplitterTest, TakesTheLongestMessageAndNoLongerOne)
   EXPECT_EQ(split.push(wire_form(longest + "x").substr(0, 4)), Fault::TOO_LONG);
 }
 
-TEST(MessageSplitterTest, DeliversWhatIsBeforeAFaultAndNothingAfterIt)
+TEST(MessageSplitterTest, DeliversMessagesBeforeAFaultAndNoneAfterIt)
 {
   Split split;
 
@@ -74,7 +74,7 @@ TEST(MessageSplitterTest, DeliversWhatIsBeforeAFaultAndNothingAfterIt)
   EXPECT_EQ(split.texts, Texts({"first"}));
 }
 
-TEST(MessageSplitterTest, RefusesWhatIsNoText)
+TEST(MessageSplitterTest, RefusesInvalidText)
 {
   for (const std::string &bytes : {std::string("\xff\xfe"), std::string("{\0}", 3), std::string("\xc3")}) {
     EXPECT_EQ(Split().push(wire_form(bytes)), Fault::NOT_TEXT);

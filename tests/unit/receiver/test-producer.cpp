@@ -84,7 +84,7 @@ protected:
   std::optional<Producer> producer_;
 };
 
-TEST_F(ProducerTest, PassesEveryMessageToEveryStreamOfTheChannel)
+TEST_F(ProducerTest, SendsEachMessageToAllStreamsOfTheChannel)
 {
   const Descriptor writer = open_channel(1);
   const Descriptor first = open_stream(1);
@@ -107,7 +107,7 @@ TEST_F(ProducerTest, SendsToTheStreamsOfAllChannels)
   EXPECT_EQ(second.messages(1), Texts({"{}"}));
 }
 
-TEST_F(ProducerTest, StreamsAreBlockingAndChannelsToo)
+TEST_F(ProducerTest, StreamsAndChannelsAreBlocking)
 {
   const Descriptor writer = open_channel();
   const Descriptor reader = open_stream();
@@ -138,7 +138,7 @@ TEST_F(ProducerTest, OpensAChannelOnceUntilItIsClosed)
   EXPECT_EQ(reader.messages(2), Texts({"last", "next"}));
 }
 
-TEST_F(ProducerTest, ClosesChannelsBehindTheLastMessageAndKeepsStreams)
+TEST_F(ProducerTest, ClosesChannelsAfterTheLastMessageAndKeepsStreams)
 {
   const Descriptor writer = open_channel();
   const Descriptor reader = open_stream();
@@ -179,7 +179,7 @@ TEST_F(ProducerTest, FinishesWhenTheLastStreamHasEnded)
   EXPECT_TRUE(testhost::spin_until([&finished] { return finished == 1; }));
 }
 
-TEST_F(ProducerTest, FinishesAtOnceWithoutAStream)
+TEST_F(ProducerTest, FinishesImmediatelyWithoutAStream)
 {
   int finished = 0;
   const Descriptor writer = open_channel();
@@ -188,7 +188,7 @@ TEST_F(ProducerTest, FinishesAtOnceWithoutAStream)
   EXPECT_EQ(finished, 1);
 }
 
-TEST_F(ProducerTest, HangsUpWithinAMessage)
+TEST_F(ProducerTest, HangUpEndsStreamsWithinAMessage)
 {
   const Descriptor reader = open_stream();
   producer_->send(receiver::shared_text_copy(std::string(2 * RECEIVER_STREAM_PIPE_BYTES, 'x')));
@@ -199,7 +199,7 @@ TEST_F(ProducerTest, HangsUpWithinAMessage)
   EXPECT_TRUE(reader.reaches_end());
 }
 
-TEST_F(ProducerTest, HasSoManyStreamsOnAChannel)
+TEST_F(ProducerTest, LimitsTheStreamsOfAChannel)
 {
   std::vector<Descriptor> readers;
   for (int count = 0; count < RECEIVER_MAX_CHANNEL_STREAMS; count++) {
@@ -214,7 +214,7 @@ TEST_F(ProducerTest, HasSoManyStreamsOnAChannel)
   open_stream();
 }
 
-TEST_F(ProducerTest, TheBudgetHasSoManyOpenChannelsAndOneForEachProducer)
+TEST_F(ProducerTest, LimitsOpenChannelsAndReservesOneForEachProducer)
 {
   budget_.open_channels = RECEIVER_MAX_OPEN_CHANNELS - RECEIVER_OPEN_CHANNELS_KEPT;
   const Descriptor first = open_channel(1);
@@ -222,7 +222,7 @@ TEST_F(ProducerTest, TheBudgetHasSoManyOpenChannelsAndOneForEachProducer)
   budget_.open_channels -= RECEIVER_MAX_OPEN_CHANNELS - RECEIVER_OPEN_CHANNELS_KEPT;
 }
 
-TEST_F(ProducerTest, WithoutDescriptorsCallsAreRefused)
+TEST_F(ProducerTest, RefusesCallsWithoutDescriptors)
 {
   const testhost::FreeDescriptors free(1);
 
@@ -230,10 +230,10 @@ TEST_F(ProducerTest, WithoutDescriptorsCallsAreRefused)
   expect_no_channel(1, Error::NO_DESCRIPTOR);
 }
 
-TEST_F(ProducerTest, EndsTheLongestQueueWhenAllAreTooLong)
+TEST_F(ProducerTest, EndsTheLongestQueueBeyondTheLimitOfAll)
 {
-  const Descriptor short_one = open_stream(1);
-  const Descriptor long_one = open_stream(2);
+  const Descriptor short_queue = open_stream(1);
+  const Descriptor long_queue = open_stream(2);
   const std::string text(RECEIVER_STREAM_PIPE_BYTES, 'x');
   producer_->send(receiver::shared_text_copy(text));
   const Descriptor writer = open_channel(2);

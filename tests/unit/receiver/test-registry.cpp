@@ -17,9 +17,9 @@ using teststreams::Descriptor;
 namespace
 {
 
-const Caller ANNA = {":1.1", 1000};
-const Caller ANNA_AGAIN = {":1.2", 1000};
-const Caller BERT = {":1.3", 1001};
+const Caller APPLICATION = {":1.1", 1000};
+const Caller SAME_USER = {":1.2", 1000};
+const Caller OTHER_USER = {":1.3", 1001};
 
 Description
 description(const std::string &name)
@@ -63,12 +63,12 @@ protected:
 
 TEST_F(RegistryTest, NamesAreUnique)
 {
-  EXPECT_TRUE(add(ANNA, "Mine"));
+  EXPECT_TRUE(add(APPLICATION, "Mine"));
 
-  expect_refused(ANNA, description("Mine"), Error::NAME_TAKEN);
-  expect_refused(ANNA_AGAIN, description("Mine"), Error::NAME_TAKEN);
-  expect_refused(BERT, description("Mine"), Error::NAME_TAKEN);
-  EXPECT_TRUE(add(BERT, "Other"));
+  expect_refused(APPLICATION, description("Mine"), Error::NAME_TAKEN);
+  expect_refused(SAME_USER, description("Mine"), Error::NAME_TAKEN);
+  expect_refused(OTHER_USER, description("Mine"), Error::NAME_TAKEN);
+  EXPECT_TRUE(add(OTHER_USER, "Other"));
 }
 
 TEST_F(RegistryTest, RefusesInvalidDescriptions)
@@ -79,64 +79,67 @@ TEST_F(RegistryTest, RefusesInvalidDescriptions)
     return changed;
   };
 
-  expect_refused(ANNA, with([](Description *it) { it->name = ""; }), Error::INVALID_NAME);
-  expect_refused(ANNA, with([](Description *it) { it->name = "a.b"; }), Error::INVALID_NAME);
-  expect_refused(ANNA,
+  expect_refused(APPLICATION, with([](Description *it) { it->name = ""; }), Error::INVALID_NAME);
+  expect_refused(APPLICATION, with([](Description *it) { it->name = "a.b"; }), Error::INVALID_NAME);
+  expect_refused(APPLICATION,
                  with([](Description *it) { it->name = std::string(RECEIVER_MAX_NAME_BYTES + 1, 'x'); }),
                  Error::INVALID_NAME);
-  expect_refused(ANNA, with([](Description *it) { it->nice_name = std::string(1025, 'x'); }),
+  expect_refused(APPLICATION, with([](Description *it) { it->nice_name = std::string(1025, 'x'); }),
                  Error::INVALID_NICE_NAME);
-  expect_refused(ANNA, with([](Description *it) { it->channels = {}; }), Error::INVALID_CHANNELS);
-  expect_refused(ANNA, with([](Description *it) { it->channels = {1, 0}; }), Error::INVALID_CHANNELS);
-  expect_refused(ANNA, with([](Description *it) { it->channels = {1, 1}; }), Error::INVALID_CHANNELS);
-  expect_refused(ANNA, with([](Description *it) { it->channels = {1U << 31}; }), Error::INVALID_CHANNELS);
-  expect_refused(ANNA, with([](Description *it) { it->sample_frame = ""; }), Error::INVALID_SAMPLE_FRAME);
-  expect_refused(ANNA, with([](Description *it) { it->sample_frame = "}{"; }), Error::INVALID_SAMPLE_FRAME);
-  EXPECT_TRUE(
-      registry_->register_producer(ANNA, with([](Description *it) { it->sample_frame = "\n{} "; }), nullptr));
+  expect_refused(APPLICATION, with([](Description *it) { it->channels = {}; }), Error::INVALID_CHANNELS);
+  expect_refused(APPLICATION, with([](Description *it) { it->channels = {1, 0}; }), Error::INVALID_CHANNELS);
+  expect_refused(APPLICATION, with([](Description *it) { it->channels = {1, 1}; }), Error::INVALID_CHANNELS);
+  expect_refused(APPLICATION, with([](Description *it) { it->channels = {1U << 31}; }),
+                 Error::INVALID_CHANNELS);
+  expect_refused(APPLICATION, with([](Description *it) { it->sample_frame = ""; }),
+                 Error::INVALID_SAMPLE_FRAME);
+  expect_refused(APPLICATION, with([](Description *it) { it->sample_frame = "}{"; }),
+                 Error::INVALID_SAMPLE_FRAME);
+  EXPECT_TRUE(registry_->register_producer(
+      APPLICATION, with([](Description *it) { it->sample_frame = "\n{} "; }), nullptr));
 }
 
-TEST_F(RegistryTest, OnlyTheOwnerUsesAProducer)
+TEST_F(RegistryTest, OnlyTheOwnerCanUseAProducer)
 {
-  add(ANNA, "Mine");
+  add(APPLICATION, "Mine");
 
-  EXPECT_EQ(refusal_of_channel(BERT, "Mine"), Error::NOT_OWNER);
-  EXPECT_EQ(refusal_of_channel(ANNA_AGAIN, "Mine"), Error::NOT_OWNER);
-  EXPECT_EQ(refusal_of_channel(ANNA, "Other"), Error::UNKNOWN_PRODUCER);
-  EXPECT_FALSE(registry_->unregister_producer(BERT.sender, "Mine", nullptr));
-  const Descriptor writer(registry_->open_channel(ANNA.sender, "Mine", 1, nullptr));
+  EXPECT_EQ(refusal_of_channel(OTHER_USER, "Mine"), Error::NOT_OWNER);
+  EXPECT_EQ(refusal_of_channel(SAME_USER, "Mine"), Error::NOT_OWNER);
+  EXPECT_EQ(refusal_of_channel(APPLICATION, "Other"), Error::UNKNOWN_PRODUCER);
+  EXPECT_FALSE(registry_->unregister_producer(OTHER_USER.sender, "Mine", nullptr));
+  const Descriptor writer(registry_->open_channel(APPLICATION.sender, "Mine", 1, nullptr));
   EXPECT_GE(writer.fd(), 0);
-  EXPECT_TRUE(registry_->unregister_producer(ANNA.sender, "Mine", nullptr));
-  EXPECT_FALSE(registry_->has_producer_of(ANNA.sender));
+  EXPECT_TRUE(registry_->unregister_producer(APPLICATION.sender, "Mine", nullptr));
+  EXPECT_FALSE(registry_->has_producer_of(APPLICATION.sender));
 }
 
-TEST_F(RegistryTest, AProducerWithoutAnApplicationIsKeptForItsUser)
+TEST_F(RegistryTest, KeepsAProducerWithoutAnApplicationForItsUser)
 {
-  add(ANNA, "Mine");
-  registry_->lose_application(ANNA.sender);
+  add(APPLICATION, "Mine");
+  registry_->lose_application(APPLICATION.sender);
 
-  EXPECT_FALSE(registry_->has_producer_of(ANNA.sender));
-  EXPECT_EQ(refusal_of_channel(ANNA, "Mine"), Error::NOT_OWNER);
-  expect_refused(BERT, description("Mine"), Error::NAME_TAKEN);
-  EXPECT_TRUE(add(ANNA_AGAIN, "Mine"));
-  EXPECT_TRUE(registry_->has_producer_of(ANNA_AGAIN.sender));
+  EXPECT_FALSE(registry_->has_producer_of(APPLICATION.sender));
+  EXPECT_EQ(refusal_of_channel(APPLICATION, "Mine"), Error::NOT_OWNER);
+  expect_refused(OTHER_USER, description("Mine"), Error::NAME_TAKEN);
+  EXPECT_TRUE(add(SAME_USER, "Mine"));
+  EXPECT_TRUE(registry_->has_producer_of(SAME_USER.sender));
 }
 
-TEST_F(RegistryTest, TheEndOfOneApplicationIsNotTheEndOfOthers)
+TEST_F(RegistryTest, OneApplicationEndsAlone)
 {
-  add(ANNA, "Mine");
-  add(ANNA_AGAIN, "Other");
-  registry_->lose_application(ANNA.sender);
+  add(APPLICATION, "Mine");
+  add(SAME_USER, "Other");
+  registry_->lose_application(APPLICATION.sender);
 
-  EXPECT_TRUE(registry_->has_producer_of(ANNA_AGAIN.sender));
+  EXPECT_TRUE(registry_->has_producer_of(SAME_USER.sender));
 }
 
-TEST_F(RegistryTest, LogsWhoComesAndGoes)
+TEST_F(RegistryTest, LogsRegistrationsAndDisconnections)
 {
-  add(ANNA, "Mine");
-  registry_->lose_application(ANNA.sender);
-  add(ANNA_AGAIN, "Mine");
-  registry_->unregister_producer(ANNA_AGAIN.sender, "Mine", nullptr);
+  add(APPLICATION, "Mine");
+  registry_->lose_application(APPLICATION.sender);
+  add(SAME_USER, "Mine");
+  registry_->unregister_producer(SAME_USER.sender, "Mine", nullptr);
 
   EXPECT_EQ(testhost::take_syslog(),
             SyslogLines({{LOG_INFO, "Producer Mine is registered by :1.1 of user 1000"},
@@ -145,19 +148,19 @@ TEST_F(RegistryTest, LogsWhoComesAndGoes)
                          {LOG_INFO, "Producer Mine is unregistered"}}));
 }
 
-TEST_F(RegistryTest, TheLastPlacesAreForUsersWithoutAProducer)
+TEST_F(RegistryTest, ReservesTheLastPlacesForUsersWithoutAProducer)
 {
   int count = 0;
-  while (add(ANNA, "P" + std::to_string(count))) {
+  while (add(APPLICATION, "P" + std::to_string(count))) {
     count++;
   }
   EXPECT_EQ(count, RECEIVER_MAX_PRODUCERS - RECEIVER_PRODUCERS_KEPT);
-  expect_refused(ANNA, description("Another"), Error::LIMIT_EXCEEDED);
+  expect_refused(APPLICATION, description("Another"), Error::LIMIT_EXCEEDED);
 
   for (guint user = 2000; user < 2000 + RECEIVER_PRODUCERS_KEPT; user++) {
     EXPECT_TRUE(add({":1.4", user}, "U" + std::to_string(user)));
   }
-  expect_refused(BERT, description("Another"), Error::LIMIT_EXCEEDED);
+  expect_refused(OTHER_USER, description("Another"), Error::LIMIT_EXCEEDED);
 }
 
 } // namespace

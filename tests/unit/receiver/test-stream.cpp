@@ -67,7 +67,7 @@ protected:
   int ended_ = 0;
 };
 
-TEST_F(StreamTest, WritesAtOnce)
+TEST_F(StreamTest, WritesImmediately)
 {
   send("{}");
 
@@ -75,7 +75,7 @@ TEST_F(StreamTest, WritesAtOnce)
   EXPECT_EQ(reader().read_some(100), teststreams::wire_form("{}"));
 }
 
-TEST_F(StreamTest, WritesTheRestWhenTheReaderTakesIt)
+TEST_F(StreamTest, WritesTheRestWhileTheReaderReads)
 {
   const std::string text(10 * CAPACITY, 'x');
   send(text);
@@ -87,14 +87,14 @@ TEST_F(StreamTest, WritesTheRestWhenTheReaderTakesIt)
   EXPECT_EQ(stream_->queued_bytes(), 0U);
 }
 
-TEST_F(StreamTest, EndsWhenTheReaderHasGone)
+TEST_F(StreamTest, EndsWhenTheReaderClosesItsEnd)
 {
   pipe_->read_end.close();
 
   EXPECT_TRUE(testhost::spin_until([this] { return ended_ == 1; }));
 }
 
-TEST_F(StreamTest, EndsOnceAndNotWhileItSends)
+TEST_F(StreamTest, EndsOnceAndNotInSend)
 {
   pipe_->read_end.close();
   send("{}");
@@ -105,7 +105,7 @@ TEST_F(StreamTest, EndsOnceAndNotWhileItSends)
   EXPECT_EQ(ended_, 1);
 }
 
-TEST_F(StreamTest, EndsAfterTheQueueWhenItFinishes)
+TEST_F(StreamTest, FinishEndsItAfterTheQueue)
 {
   const std::string text(2 * CAPACITY, 'x');
   send(text);
@@ -119,14 +119,14 @@ TEST_F(StreamTest, EndsAfterTheQueueWhenItFinishes)
   EXPECT_TRUE(reader().reaches_end());
 }
 
-TEST_F(StreamTest, EndsAtOnceWhenItFinishesWithoutAQueue)
+TEST_F(StreamTest, FinishEndsItImmediatelyWithoutAQueue)
 {
   stream_->finish();
 
   EXPECT_TRUE(testhost::spin_until([this] { return ended_ == 1; }));
 }
 
-TEST_F(StreamTest, DoesNotWaitLongForTheReaderWhenItFinishes)
+TEST_F(StreamTest, FinishEndsItAfterATimeIfTheReaderDoesNotRead)
 {
   const gint64 begin = g_get_monotonic_time();
   send(std::string(2 * CAPACITY, 'x'));
@@ -136,7 +136,7 @@ TEST_F(StreamTest, DoesNotWaitLongForTheReaderWhenItFinishes)
   EXPECT_GE(g_get_monotonic_time() - begin, RECEIVER_QUEUE_MAX_AGE_MS * G_TIME_SPAN_MILLISECOND);
 }
 
-TEST_F(StreamTest, DropsTheOldestBeyondTheBytes)
+TEST_F(StreamTest, DropsTheOldestBeyondTheLimitOfBytes)
 {
   const std::string begun(CAPACITY, 'x');
   const std::string text(RECEIVER_QUEUE_MAX_BYTES / 4, 'y');
@@ -154,7 +154,7 @@ TEST_F(StreamTest, DropsTheOldestBeyondTheBytes)
   EXPECT_EQ(testhost::take_syslog(), counted("is read again", 2));
 }
 
-TEST_F(StreamTest, DropsTheOldestBeyondTheNumber)
+TEST_F(StreamTest, DropsTheOldestBeyondTheLimitOfMessages)
 {
   const std::string begun(CAPACITY, 'x');
   send(begun);
@@ -170,7 +170,7 @@ TEST_F(StreamTest, DropsTheOldestBeyondTheNumber)
   EXPECT_EQ(testhost::take_syslog(), counted("has ended", 1));
 }
 
-TEST_F(StreamTest, DropsWhatIsOldWhenTheReaderComesBack)
+TEST_F(StreamTest, DropsOldMessagesWhenTheReaderReadsAgain)
 {
   const std::string begun(CAPACITY, 'x');
   send(begun);
@@ -185,7 +185,7 @@ TEST_F(StreamTest, DropsWhatIsOldWhenTheReaderComesBack)
   EXPECT_EQ(testhost::take_syslog(), counted("is read again", 2));
 }
 
-TEST_F(StreamTest, KeepsTheNewestHoweverOldAndLong)
+TEST_F(StreamTest, KeepsTheNewestAtAnyAgeAndLength)
 {
   const std::string begun(RECEIVER_QUEUE_MAX_BYTES, 'x');
   const std::string newest(RECEIVER_QUEUE_MAX_BYTES, 'y');
@@ -196,7 +196,7 @@ TEST_F(StreamTest, KeepsTheNewestHoweverOldAndLong)
   EXPECT_EQ(reader().messages(2), Texts({begun, newest}));
 }
 
-TEST_F(StreamTest, CountsEachTimeAnew)
+TEST_F(StreamTest, CountsFromZeroAfterAnEmptyQueue)
 {
   const std::string begun(CAPACITY, 'x');
   const std::string text(RECEIVER_QUEUE_MAX_BYTES, 'y');
@@ -211,7 +211,7 @@ TEST_F(StreamTest, CountsEachTimeAnew)
   }
 }
 
-TEST_F(StreamTest, EndsWithinAMessageWhenItIsAborted)
+TEST_F(StreamTest, AbortEndsItWithinAMessage)
 {
   send(std::string(2 * CAPACITY, 'x'));
   stream_->abort("it is a test");
