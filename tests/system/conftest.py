@@ -16,8 +16,8 @@ import pytest
 
 pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "external",
                                "fakedaemon", "fakereceiver", "fakeservice", "installation", "overdue", "promptness",
-                               "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl", "users",
-                               "waiting")
+                               "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl",
+                               "users", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -35,6 +35,7 @@ from fakeservice import FakeService, properties  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
 from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
 from receiverclient import ReceiverClient, Watcher  # noqa: E402
+from receiverprocess import Application, Receiver  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
@@ -157,6 +158,38 @@ def start_full_camera(start_camera):
 def receiver_client(bus):
     with contextlib.closing(ReceiverClient(bus)) as client:
         yield client
+
+
+@pytest.fixture
+def start_receiver_process(installation, bus):
+    """Starts metadata receivers."""
+    with contextlib.ExitStack() as started:
+
+        def start(on=bus):
+            receiver = Receiver(installation, on)
+            started.callback(receiver.finish)
+            receiver.wait_until_ready()
+            return receiver
+
+        yield start
+
+
+@pytest.fixture
+def receiver_process(start_receiver_process):
+    """The metadata receiver of the installation."""
+    return start_receiver_process()
+
+
+@pytest.fixture
+def start_application(bus):
+    """Connects applications of the metadata receiver to the bus."""
+    with contextlib.ExitStack() as started:
+        yield lambda: started.enter_context(contextlib.closing(Application(bus)))
+
+
+@pytest.fixture
+def application(start_application):
+    return start_application()
 
 
 @pytest.fixture

@@ -39,7 +39,7 @@ RADAR_PLUGIN = "radarscene"
 JSON_PLUGIN = "json2xml"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
 
-# What the simulated camera brings, and what tessard itself installs.
+# The plug-ins of the simulated camera, and tessard's own.
 SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN)
 OWN_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
 ALL_PLUGINS = (*SIMULATED_PLUGINS, *OWN_PLUGINS)
@@ -124,7 +124,7 @@ def documented_limit(header, name):
 
 
 def sanitizer_runtimes(plugin):
-    """The sanitizers' runtimes that a plug-in needs, as paths."""
+    """The paths of the sanitizers' runtimes that a plug-in needs."""
     needed = subprocess.run(["ldd", plugin], check=True, capture_output=True, text=True).stdout
     return re.findall(r"^\s*lib[a-z]+san\.so\S* => (\S+)", needed, re.MULTILINE)
 
@@ -219,7 +219,7 @@ class Installation:
         return variables
 
     def plugin_host_environment(self):
-        """The variables with which another program, which is not instrumented, can load the installed plug-ins."""
+        """The variables that a program without instrumentation needs to load the installed plug-ins."""
         return self.sanitizer_environment("detect_leaks=0") | {
             "LD_PRELOAD": ":".join(sanitizer_runtimes(self.plugins[JSON_PLUGIN])), "PATH": "/usr/bin:/bin"}
 

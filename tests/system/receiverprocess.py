@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The receiver as shipped, as a process of its own, and the applications that register with it."""
+"""The metadata receiver of the installation as a process, and the applications that register with it."""
 
 import array
 import fcntl
@@ -11,9 +11,10 @@ import struct
 import subprocess
 import termios
 
+import pytest
 from gi.repository import Gio, GLib
 
-from busclient import BusClient, error_text
+from busclient import BusClient, error_text, remote_error
 from daemon import ERROR, INFO, WARNING, Log
 from installation import TREE, defined_limits, unprivileged
 from receiverclient import NAME
@@ -48,20 +49,20 @@ def not_read(name, channel):
 
 
 def unread_bytes(fd):
-    """How many bytes nobody has read from the pipe."""
+    """The number of bytes in the pipe."""
     count = array.array("i", [0])
     fcntl.ioctl(fd, termios.FIONREAD, count)
     return count[0]
 
 
 def enough_descriptors(count):
-    """Lets this process open so many."""
+    """Raises the limit of this process to `count` descriptors."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, min(count, hard)), hard))
 
 
 class Receiver:
-    """One tessard-receiver. Every line of its log that is no information has to be taken by the test."""
+    """One tessard-receiver. A test must take each line of its log with a priority above "info"."""
 
     def __init__(self, installation, bus, launcher=()):
         self.folder = installation.workspace.folder()
@@ -93,7 +94,7 @@ class Receiver:
         self.process.communicate(timeout=BOUND_SECONDS)
 
     def end(self, number=signal.SIGTERM):
-        """Ends it by a signal; its status and what it wrote."""
+        """Ends it by a signal; returns its status and its output."""
         self.process.send_signal(number)
         return self.wait()
 
@@ -102,18 +103,23 @@ class Receiver:
         return self.process.returncode, out, err
 
     def take_warnings(self, count=0):
-        """All lines but information, at least so many."""
+        """Waits for at least `count` lines with a priority above "info", and takes all of these."""
         wait_until(lambda: len(self.warnings()) >= count, f"{count} warnings")
         return [line for line in self.log.take() if line[0] != INFO]
 
     def warnings(self):
         return [line for line in list(self.log.lines) if line[0] != INFO]
 
+    def wait_until_disconnected(self, name):
+        """Waits until the receiver has detected the end of the producer's application."""
+        line = (INFO, f"The application of producer {name} has gone")
+        wait_until(lambda: line in list(self.log.lines), "the receiver detects the end of the application")
+
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
     def memory(self):
-        """The resident bytes."""
+        """The resident memory in bytes."""
         (line,) = (line for line in pathlib.Path(f"/proc/{self.process.pid}/status").read_text("ascii").splitlines()
                    if line.startswith("VmRSS:"))
         return int(line.split()[1]) * 1024
@@ -135,18 +141,17 @@ class Receiver:
 
 
 class Refused(Exception):
-    """A call failed; the name of its D-Bus error without the prefix, and the text."""
+    """A call failed. The arguments are the name of its D-Bus error without ERROR_PREFIX, and the message."""
 
 
 class Application(BusClient):
-    """One connection that registers producers. close() closes it and everything that it has open, as the end of the
-    application would."""
+    """One connection that registers producers. close() closes it and its channels, like the end of an application."""
 
     def __init__(self, bus):
         super().__init__(bus)
         self.writers = []
 
-    def ask(self, method, signature, *arguments):
+    def request(self, method, signature, *arguments):
         try:
             return self.connection.call_with_unix_fd_list_sync(
                 NAME, REGISTRY_PATH, REGISTRY, method, GLib.Variant(signature, arguments), None,
@@ -159,20 +164,20 @@ class Application(BusClient):
 
     def register(self, name, nice_name=None, channels=(1, 2), sample=SAMPLE, options=None):
         """Registers a producer; returns the application."""
-        self.ask("RegisterProducer", "(ssausa{sv})", name, nice_name if nice_name is not None else f"The {name}",
+        self.request("RegisterProducer", "(ssausa{sv})", name, nice_name if nice_name is not None else f"The {name}",
                  channels, sample, options or {})
         return self
 
     def open_channel(self, name, channel=1):
-        """The write end, which close() closes."""
-        reply, descriptors = self.ask("OpenChannel", "(su)", name, channel)
+        """Returns the write end, which close() closes."""
+        reply, descriptors = self.request("OpenChannel", "(su)", name, channel)
         assert reply.get_type_string() == "(h)" and reply.unpack() == (0,)
         (fd,) = descriptors.steal_fds()
         self.writers.append(Writer(fd))
         return self.writers[-1]
 
     def unregister(self, name):
-        self.ask("UnregisterProducer", "(s)", name)
+        self.request("UnregisterProducer", "(s)", name)
 
     def close(self):
         for writer in self.writers:
@@ -182,7 +187,7 @@ class Application(BusClient):
 
 
 class Writer:
-    """The write end of a channel. Writing blocks; a test that hangs in it has found a fault."""
+    """The write end of a channel. Writes block while the receiver does not read."""
 
     def __init__(self, fd):
         self.fd = fd
@@ -210,7 +215,38 @@ class Writer:
 
         wait_until(is_ended, "the channel has ended")
 
+    def wait_until_read(self):
+        """Waits until the receiver has read everything."""
+        wait_until(lambda: unread_bytes(self.fd) == 0, "the receiver has read everything")
+
     def close(self):
         if self.fd >= 0:
             os.close(self.fd)
         self.fd = -1
+
+
+def refusal(call, *arguments, **more):
+    """The arguments of the Refused that an application's call raises."""
+    with pytest.raises(Refused) as refused:
+        call(*arguments, **more)
+    return refused.value.args
+
+
+def remote_refusal(call, *arguments):
+    """The name, without ERROR_PREFIX, of the error that a call on the bus gets."""
+    with pytest.raises(GLib.Error) as failed:
+        call(*arguments)
+    return remote_error(failed, ERROR_PREFIX)[0]
+
+
+def numbers(count, first=0):
+    """Messages with consecutive numbers."""
+    return [b'{"Number":%d}' % number for number in range(first, first + count)]
+
+
+def read_numbers(stream, last):
+    """The numbers of the next messages, up to the last one."""
+    found = []
+    while not found or found[-1] != last:
+        found.append(stream.item()["Number"])
+    return found

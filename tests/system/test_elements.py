@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""tessard's own GStreamer elements: where they are, what they say of themselves, and that a platform's replace them."""
+"""tessard's own GStreamer elements: their files, their descriptions, and their replacement by a platform's elements."""
 
 import json
 import pathlib
@@ -11,8 +11,7 @@ import pytest
 from installation import DOCUMENT_PLUGIN, JSON_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, build_option
 from waiting import BOUND_SECONDS
 
-# Prints what GStreamer's registry has: the plug-ins, and of each element that is an argument the file, the rank and the
-# texts.
+# Prints from GStreamer's registry the plug-ins, and the file, the rank and the texts of each element in the arguments.
 REGISTRY = """\
 import json, sys
 import gi
@@ -28,16 +27,16 @@ print(json.dumps({
 }))
 """
 
-# A platform's plug-in with an element "json2xml", in a file of the same name as tessard's or of another.
+# The names of a platform's plug-in with an element "json2xml": that of tessard's plug-in, or another one.
 SAME_FILE_NAME, OTHER_FILE_NAME = JSON_PLUGIN, "platformjson"
 
-# Whether GStreamer reads new plug-ins in a process of its own. That one is not instrumented and cannot read plug-ins that
-# are.
+# Whether GStreamer reads new plug-ins in a separate process. That process is not instrumented, so it cannot read
+# instrumented plug-ins.
 FORKS = ["no"] if SANITIZED else ["no", "yes"]
 
 
 class Elements:
-    """Folders with plug-ins, and what GStreamer finds in them. Its registry is kept."""
+    """Folders with plug-ins, and the elements that GStreamer finds in them. All reads share one registry."""
 
     def __init__(self, installation, workspace, fork):
         self.installation = installation
@@ -56,7 +55,7 @@ class Elements:
         return folder
 
     def platform(self, name):
-        """A folder with a platform's "json2xml" in a file of this name."""
+        """A folder with a platform's "json2xml" in a plug-in of this name."""
         return self.folder_with(self.installation.failing_plugins[name])
 
     def read(self, *folders):
@@ -81,7 +80,7 @@ def test_elements_are_installed_in_the_plugin_folder_of_gstreamer(installation):
     assert sorted(path.name for path in folder.iterdir()) == sorted(f"libgst{name}.so" for name in OWN_PLUGINS)
 
 
-def test_elements_bring_no_plugin_of_the_platform(elements):
+def test_own_folder_has_no_plugin_of_the_platform(elements):
     found = elements.read(elements.own)
 
     assert {name: pathlib.Path(element["file"]).name for name, element in found["elements"].items()} == {
@@ -90,7 +89,7 @@ def test_elements_bring_no_plugin_of_the_platform(elements):
     assert not set(SIMULATED_PLUGINS) & set(found["plugins"])
 
 
-def test_elements_do_not_speak_of_the_simulated_camera(elements):
+def test_texts_do_not_mention_the_simulated_camera(elements):
     found = elements.read(elements.own)
     texts = [found["plugins"][name] for name in OWN_PLUGINS]
     for element in found["elements"].values():
@@ -101,7 +100,7 @@ def test_elements_do_not_speak_of_the_simulated_camera(elements):
     assert [text for text in texts if not text or "simula" in text.lower()] == []
 
 
-def test_of_files_with_one_name_the_first_folder_has_it(elements):
+def test_first_folder_provides_files_of_the_same_name(elements):
     platform = elements.platform(SAME_FILE_NAME)
 
     assert elements.folder_of(JSON_PLUGIN, platform, elements.own) == platform
@@ -114,7 +113,7 @@ def test_element_of_the_platform_in_another_file_is_used(elements, platform_firs
     platform = elements.platform(OTHER_FILE_NAME)
     folders = (platform, elements.own) if platform_first else (elements.own, platform)
 
-    # As the files are read, and from the registry.
+    # First from the files, then from the registry.
     for _ in range(2):
         assert elements.folder_of(JSON_PLUGIN, *folders) == platform
         assert elements.folder_of(DOCUMENT_PLUGIN, *folders) == elements.own

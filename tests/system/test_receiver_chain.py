@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""The daemon with the real receiver: detections of applications on their way to clients, and what becomes of them when
-one of the two is killed and comes back."""
+"""The daemon with tessard-receiver: detections of applications reach clients, also after one of the two is killed and
+started again."""
 
 import contextlib
 import signal
@@ -11,37 +11,25 @@ import pytest
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, expect_alive,
                       expect_frames, numbered, producer_frames, wait_until_listed)
 from installation import EVENT_PLUGIN
-from receiverprocess import LIMITS, Application, Receiver
+from receiverprocess import LIMITS
 from waiting import wait_until
 
 KILLED = -signal.SIGKILL
 
 
 @pytest.fixture
-def receiver(installation, bus):
-    started = Receiver(installation, bus)
-    try:
-        started.wait_until_ready()
-        yield started
-    finally:
-        started.finish()
+def receiver(receiver_process):
+    return receiver_process
 
 
 @pytest.fixture
-def start_application(bus):
-    with contextlib.ExitStack() as started:
-
-        def start():
-            application = Application(bus)
-            started.callback(application.close)
-            return application.register(DETECTOR)
-
-        yield start
+def start_detector(receiver, start_application):
+    return lambda: start_application().register(DETECTOR)
 
 
 @pytest.fixture
-def application(receiver, start_application):
-    return start_application()
+def application(start_detector):
+    return start_detector()
 
 
 @pytest.fixture
@@ -58,12 +46,12 @@ def streaming(daemon, header=ANALYTICS):
 
 
 def wait_for_stream(receiver, before):
-    """Waits until the daemon has a stream that it had not before."""
+    """Waits until the daemon has opened a stream."""
     wait_until(lambda: receiver.descriptors() > before, "the daemon has opened its stream")
 
 
 def expect_delivery(daemon, receiver, writer, *numbers):
-    """A new client gets these."""
+    """Expects that a new client gets messages with these numbers."""
     before = receiver.descriptors()
     with streaming(daemon) as (_, stream):
         wait_for_stream(receiver, before)
@@ -89,7 +77,7 @@ def test_detections_reach_every_client(daemon, receiver, application):
     wait_until(lambda: receiver.descriptors() == before, "both streams have ended")
 
 
-def test_client_gets_nothing_of_the_past(daemon, receiver, application):
+def test_client_gets_no_detection_from_before_its_request(daemon, receiver, application):
     writer = application.open_channel(DETECTOR)
     for number in range(1000):
         writer.send(numbered(number))
@@ -97,7 +85,7 @@ def test_client_gets_nothing_of_the_past(daemon, receiver, application):
     expect_delivery(daemon, receiver, writer, 5000, 5001)
 
 
-def test_stream_is_there_before_the_channel(daemon, receiver, application):
+def test_stream_can_be_opened_before_the_channel(daemon, receiver, application):
     before = receiver.descriptors()
     with streaming(daemon) as (_, stream):
         wait_for_stream(receiver, before)
@@ -105,22 +93,22 @@ def test_stream_is_there_before_the_channel(daemon, receiver, application):
         expect_frames(stream, (GATE, 7))
 
 
-def test_application_that_comes_back_finds_its_clients(daemon, receiver, application, start_application, control):
+def test_application_that_registers_again_reaches_its_clients(daemon, receiver, application, start_detector, control):
     before = receiver.descriptors()
     with streaming(daemon) as (_, stream):
         wait_for_stream(receiver, before)
         application.open_channel(DETECTOR).send(numbered(1))
         expect_frames(stream, (GATE, 1))
         application.close()
-        wait_until(lambda: any("has gone" in text for _, text in receiver.log.lines), "the end is noticed")
+        receiver.wait_until_disconnected(DETECTOR)
         wait_until_listed(control, DETECTOR)
 
-        start_application().open_channel(DETECTOR).send(numbered(2))
+        start_detector().open_channel(DETECTOR).send(numbered(2))
         expect_frames(stream, (GATE, 2))
 
 
-def test_receiver_is_killed_while_clients_stream(daemon, receiver, application, start_application, control):
-    """Clients see silence, and ask again."""
+def test_receiver_is_killed_while_clients_stream(daemon, receiver, application, start_detector, control):
+    """Streams of clients continue without the producer; new requests get its detections."""
     application.open_channel(DETECTOR)
     before = receiver.descriptors()
     with streaming(daemon, ANALYTICS_AND_EVENTS) as (client, stream):
@@ -128,14 +116,14 @@ def test_receiver_is_killed_while_clients_stream(daemon, receiver, application, 
         receiver.kill()
         wait_until_listed(control)
         restart(receiver)
-        writer = start_application().open_channel(DETECTOR)
+        writer = start_detector().open_channel(DETECTOR)
         wait_until_listed(control, DETECTOR)
         expect_delivery(daemon, receiver, writer, 1, 2)
         expect_alive(client, stream)
 
 
 def test_daemon_is_killed_while_clients_stream(daemon, receiver, application, control):
-    """The application does not notice, and new clients get nothing of the past."""
+    """The application's channel stays open; new clients get no detection from before their request."""
     writer = application.open_channel(DETECTOR)
     before = receiver.descriptors()
     with streaming(daemon):
@@ -148,12 +136,12 @@ def test_daemon_is_killed_while_clients_stream(daemon, receiver, application, co
     wait_until_listed(control, DETECTOR)
 
     expect_delivery(daemon, receiver, writer, 5000)
-    wait_until(lambda: receiver.descriptors() == before, "no stream is left")
+    wait_until(lambda: receiver.descriptors() == before, "all streams are closed")
 
 
 @pytest.mark.parametrize("receiver_first", [True, False], ids=["receiver first", "daemon first"])
-def test_both_are_killed_and_come_back(daemon, receiver, application, start_application, control, receiver_first):
-    """In either order, of the ends and of the starts."""
+def test_both_are_killed_and_started_again(daemon, receiver, application, start_detector, control, receiver_first):
+    """In both orders, of the ends and of the starts."""
     application.open_channel(DETECTOR)
     before = receiver.descriptors()
     with streaming(daemon):
@@ -169,14 +157,14 @@ def test_both_are_killed_and_come_back(daemon, receiver, application, start_appl
     starts = [lambda: restart(receiver), start_daemon]
     for start in starts if receiver_first else reversed(starts):
         start()
-    writer = start_application().open_channel(DETECTOR)
+    writer = start_detector().open_channel(DETECTOR)
     wait_until_listed(control, DETECTOR)
 
     expect_delivery(daemon, receiver, writer, 1, 2, 3)
 
 
-def test_client_that_does_not_read_disturbs_nobody(daemon, receiver, application):
-    """While it is silent for longer than messages wait, another one gets everything."""
+def test_client_that_does_not_read_affects_no_other(daemon, receiver, application):
+    """Another client gets all messages for longer than messages can be queued."""
     writer = application.open_channel(DETECTOR)
     before = receiver.descriptors()
     with streaming(daemon), streaming(daemon) as (_, stream):

@@ -9,7 +9,7 @@ from receiverprocess import REGISTRY, REGISTRY_PATH, Application, Receiver
 from simcamera import SimulatedCamera
 from users import ADMINISTRATOR, REFUSED, ROOT_USER, STAND_IN_GROUP, STRANGER, call
 
-# Who stands in for whom of those that the policies name; every Debian has them. The administrator is in the group.
+# Users that replace those of the policies; every Debian has them. ADMINISTRATOR is in STAND_IN_GROUP.
 DAEMON_USER, RECEIVER_USER = "man", UNPRIVILEGED_USER
 DAEMON = {"user": DAEMON_USER, "group": "daemon", "extra_groups": []}
 APPLICATION = ADMINISTRATOR
@@ -21,7 +21,7 @@ pytestmark = pytest.mark.skipif(not run_by_root(), reason="only root can be seve
 
 
 def policed(installation, workspace, policy, **stand_ins):
-    """A bus with this installed policy in place of the private bus' own rules for its names."""
+    """A bus with an installed policy, and without the private bus' own rules for the same names."""
     text = (installation.prefix / build_option("datadir") / "dbus-1/system.d" / policy).read_text(encoding="utf-8")
     for placeholder, stand_in in stand_ins.items():
         kind, _, name = placeholder.partition("_")
@@ -45,7 +45,7 @@ def receiver_bus(installation, workspace):
 
 @pytest.fixture
 def receiver(installation, receiver_bus):
-    """With one producer, of root's."""
+    """A receiver with one producer, which root has registered."""
     started = Receiver(installation, receiver_bus)
     application = None
     try:
@@ -80,42 +80,42 @@ def list_producers(bus, user, descriptors=0):
     return call(bus, user, NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()", descriptors)
 
 
-def test_only_the_receivers_user_owns_the_name(receiver_bus):
+def test_only_the_receivers_user_can_own_the_name(receiver_bus):
     assert own_name(receiver_bus, RECEIVER) == ""
     for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
         assert own_name(receiver_bus, user) == REFUSED
 
 
-def test_members_of_the_group_register(receiver, receiver_bus):
+def test_members_of_the_group_can_register(receiver, receiver_bus):
     assert register(receiver_bus, APPLICATION) == ""
     for user in (STRANGER, DAEMON):
         assert register(receiver_bus, user) == REFUSED
 
 
-def test_root_registers(receiver, receiver_bus):
+def test_root_can_register(receiver, receiver_bus):
     assert register(receiver_bus, ROOT_USER) == ""
 
 
 @pytest.mark.parametrize("ask", [open_stream, fetch_sample])
-def test_the_daemon_and_root_get_streams_and_samples(receiver, receiver_bus, ask):
+def test_the_daemon_and_root_can_get_streams_and_samples(receiver, receiver_bus, ask):
     for user in (DAEMON, ROOT_USER):
         assert ask(receiver_bus, user) == ""
     for user in (STRANGER, APPLICATION):
         assert ask(receiver_bus, user) == REFUSED
 
 
-def test_everybody_lists_producers(receiver, receiver_bus):
+def test_any_user_can_list_producers(receiver, receiver_bus):
     for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
         assert list_producers(receiver_bus, user) == ""
 
 
 @pytest.mark.parametrize("ask", [list_producers, fetch_sample, open_stream, register])
-def test_nobody_sends_descriptors(receiver, receiver_bus, ask):
+def test_no_user_can_send_descriptors(receiver, receiver_bus, ask):
     assert ask(receiver_bus, ROOT_USER, 1) == REFUSED
 
 
-def test_simulated_camera_runs_on_a_bus_with_its_policy(installation, workspace):
-    """By an administrator; any user calls it."""
+def test_simulated_camera_can_run_on_a_bus_with_its_policy(installation, workspace):
+    """An administrator runs it; any user can call its services."""
     bus = policed(installation, workspace, "tessard.SimulatedCamera1.conf", group_tessard_admin="nogroup")
     camera = SimulatedCamera(installation, bus)
     try:
