@@ -5,7 +5,7 @@
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
 
-/* What code that reads XML needs of libxml2. */
+/* Clean-up functions of libxml2, for code that reads XML. */
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlDoc, xmlFreeDoc)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(xmlXPathCompExpr, xmlXPathFreeCompExpr)

@@ -76,8 +76,7 @@ first_character(std::string_view text)
           .is_allowed = is_allowed(character)};
 }
 
-/* Returns: what stands for an ASCII character that cannot be written as it is, and is allowed; empty for
- *   others */
+/* Returns: the reference to an ASCII character that must be escaped and that XML allows; empty for others */
 std::string_view
 reference_to(char character)
 {
@@ -101,7 +100,7 @@ reference_to(char character)
   }
 }
 
-/* Writes so many last digits of a number. Returns: their end */
+/* Writes the last @digits digits of @number. Returns: their end */
 char *
 put_digits(char *at, guint64 number, int digits)
 {
@@ -112,7 +111,7 @@ put_digits(char *at, guint64 number, int digits)
   return at + digits;
 }
 
-/* Every finite number, correctly rounded. Numbers that round to zero have no sign. Returns: its end */
+/* Writes a finite number, correctly rounded. Numbers that round to zero have no sign. Returns: its end */
 char *
 put_any_number(char *at, double value, int decimals)
 {
@@ -124,7 +123,8 @@ put_any_number(char *at, double value, int decimals)
   return end;
 }
 
-/* The same. Scaling rounds, so a number that may be half-way between two results takes the slow way. */
+/* Like put_any_number(), but faster for most numbers. Scaling rounds, so numbers that may be half-way between
+ * two results are left to put_any_number(). */
 char *
 put_number(char *at, double value, int decimals)
 {

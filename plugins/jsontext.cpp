@@ -4,8 +4,8 @@
 #include <charconv>
 
 /* simdjson checks the grammar, the encoding and the range of numbers in time in proportion to the length of
- * the text. It accepts more than this system does: escapes of NUL and of unpaired surrogates, which some
- * releases even join with what follows, a byte order mark, and JSON of any size. */
+ * the text. It accepts more than json2xml does: escapes of NUL and of unpaired surrogates, which some
+ * releases join with the next character, a byte order mark, and JSON of any size. */
 
 namespace plugins
 {

@@ -231,7 +231,7 @@ leave_out(ProducerFlaws *flaws, const char *flaw)
   }
 }
 
-/* Returns: (nullable): what is wrong with it */
+/* Returns: (nullable): the error of the object */
 const char *
 read_object(dom::element value, ProducerObject *object)
 {
@@ -412,7 +412,7 @@ read_frame(dom::element root, ProducerFrame *frame, ProducerFlaws *flaws)
 
 } // namespace
 
-/* What parsing takes; the frames themselves have copies of all that they need. */
+/* The memory for parsing; frames have copies of their values. */
 struct ProducerReader::Memory {
   dom::parser parser;
   std::vector<char> text;

@@ -3,7 +3,7 @@
 
 #include <gst/gst.h>
 
-/* Registers elements that a camera's platform may bring, too. */
+/* Registers elements that a camera's platform can also provide. */
 
 namespace plugins
 {

@@ -208,7 +208,7 @@ leave_out(ProducerFlaws *flaws, const char *flaw)
   }
 }
 
-/* Returns: (nullable): what is wrong with it */
+/* Returns: (nullable): the error of the object */
 const char *
 read_object(JsonNode *node, ProducerObject *object)
 {
@@ -404,7 +404,7 @@ is_one_frame(const JsonForm &form)
 /**
  * read_frame_text:
  * @text: any bytes
- * @reading: (out): what is told of the text
+ * @reading: (out): the errors, and the form of the text
  *
  * Reads a frame of the daemon with json-glib.
  *

@@ -3,7 +3,7 @@
 
 #include "producerframe.h"
 
-/* A second implementation of json2xml's conversion, on json-glib and libxml2, to compare with. */
+/* A second implementation of json2xml's conversion, with json-glib and libxml2; tests compare the two. */
 
 namespace oracle
 {

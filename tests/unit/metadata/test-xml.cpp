@@ -142,4 +142,4 @@ TEST(Xml, TimesAreUtc)
   EXPECT_EQ(onvif::xml_date_time(-1), "1969-12-31T23:59:59.999999Z");
 }
 
-} /* namespace */
+} // namespace
