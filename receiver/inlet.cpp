@@ -19,11 +19,12 @@ namespace
 
 constexpr auto INPUT = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
 constexpr gint64 NO_DEADLINE = -1;
+constexpr int MIB = 1 << 20;
 
 const char *
 reason_of(MessageSplitter::Fault fault)
 {
-  static_assert(RECEIVER_MAX_MESSAGE_BYTES == 1024 * 1024);
+  static_assert(RECEIVER_MAX_MESSAGE_BYTES == MIB);
   return fault == MessageSplitter::Fault::TOO_LONG ? "a message is longer than 1 MiB"
                                                    : "a message is not UTF-8 text";
 }

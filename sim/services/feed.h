@@ -45,7 +45,7 @@ public:
   virtual ~Feed() = default;
 
   /* Called once, before any stream is opened. */
-  virtual void start(Deliver deliver)
+  virtual void start(const Deliver &deliver)
   {
   }
 

@@ -79,9 +79,9 @@ InputFeed::~InputFeed()
 }
 
 void
-InputFeed::start(Deliver deliver)
+InputFeed::start(const Deliver &deliver)
 {
-  deliver_ = std::move(deliver);
+  deliver_ = deliver;
   watch_ = g_unix_fd_add(fd_, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), on_readable, this);
 }
 

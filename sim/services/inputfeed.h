@@ -18,7 +18,7 @@ public:
   InputFeed(const InputFeed &) = delete;
   InputFeed &operator=(const InputFeed &) = delete;
 
-  void start(Deliver deliver) override;
+  void start(const Deliver &deliver) override;
   std::unique_ptr<MessageSource> open(Notify notify) override;
   std::string sample_frame() const override;
 

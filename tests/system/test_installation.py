@@ -9,7 +9,7 @@ import pytest
 
 from installation import TREE, build_folder
 
-SMALLEST = ["-Dtests=false", "-Dplugins=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
+SMALLEST = ["-Dtests=false", "-Dplugins=false", "-Dreceiver=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
 PLUGINS_ONLY = [option.replace("plugins=false", "plugins=true") for option in SMALLEST]
 UNREAD_PLUGINS = ("WARNING: GStreamer does not read plug-ins in {} unless GST_PLUGIN_PATH names it; configure with "
                   "--prefix and --libdir like those of GStreamer.")
