@@ -174,13 +174,13 @@ Registry::find_owned(const std::string &sender, const std::string &name, GError 
 }
 
 /**
- * Registry::lose_application:
+ * Registry::application_disconnected:
  * @sender: an application whose connection has closed
  *
  * Closes the channels of its producers, which stay listed for %RECEIVER_GRACE_SECONDS.
  */
 void
-Registry::lose_application(const std::string &sender)
+Registry::application_disconnected(const std::string &sender)
 {
   for (auto &[name, registered] : producers_) {
     if (registered.sender == sender) {

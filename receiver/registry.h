@@ -25,7 +25,7 @@ public:
   bool register_producer(const Caller &caller, const Description &description, GError **error);
   int open_channel(const std::string &sender, const std::string &name, guint32 channel, GError **error);
   bool unregister_producer(const std::string &sender, const std::string &name, GError **error);
-  void lose_application(const std::string &sender);
+  void application_disconnected(const std::string &sender);
   bool has_producer_of(const std::string &sender) const;
 
 private:

@@ -26,13 +26,6 @@ constexpr const char *REGISTRY_PATH = "/com/quon/MetadataReceiver1";
 constexpr const char *BUS_DAEMON = "org.freedesktop.DBus";
 constexpr const char *BUS_DAEMON_PATH = "/org/freedesktop/DBus";
 
-struct FreeInvocation {
-  void operator()(GDBusMethodInvocation *invocation) const
-  {
-    g_object_unref(invocation);
-  }
-};
-
 std::vector<guint32>
 channels_of(GVariant *channels)
 {
@@ -73,7 +66,14 @@ refuse_long_name(GDBusMethodInvocation *invocation, const gchar *name)
 
 /* A call that waits. */
 struct RegistryService::Invocation {
-  std::unique_ptr<GDBusMethodInvocation, FreeInvocation> invocation;
+  struct Free {
+    void operator()(GDBusMethodInvocation *held) const
+    {
+      g_object_unref(held);
+    }
+  };
+
+  std::unique_ptr<GDBusMethodInvocation, Free> invocation;
   Work work;
 };
 
@@ -225,14 +225,14 @@ void
 RegistryService::run_with_user(GDBusMethodInvocation *invocation, Work work)
 {
   const std::string sender = g_dbus_method_invocation_get_sender(invocation);
-  Application *application = meet(sender);
+  Application *application = watch_application(sender);
 
   if (!application->user.has_value()) {
-    let_wait(application, invocation, std::move(work));
+    queue_call(application, invocation, std::move(work));
     return;
   }
   work({sender, *application->user});
-  forget_if_unused(sender);
+  remove_if_unused(sender);
 }
 
 /* Runs @work after the waiting calls of the same application. It needs no user.
@@ -245,16 +245,16 @@ RegistryService::run_in_order(GDBusMethodInvocation *invocation, Work work)
   const auto found = applications_.find(sender);
 
   if (found != applications_.end() && !found->second->user.has_value()) {
-    let_wait(found->second.get(), invocation, std::move(work));
+    queue_call(found->second.get(), invocation, std::move(work));
     return;
   }
   work({sender, 0});
-  forget_if_unused(sender);
+  remove_if_unused(sender);
 }
 
 /* Returns: the application, watched; its user is looked up */
 RegistryService::Application *
-RegistryService::meet(const std::string &sender)
+RegistryService::watch_application(const std::string &sender)
 {
   std::unique_ptr<Application> &application = applications_[sender];
 
@@ -274,7 +274,7 @@ RegistryService::meet(const std::string &sender)
 
 /* @invocation: (transfer full): the call, which gets an error if too many wait */
 void
-RegistryService::let_wait(Application *application, GDBusMethodInvocation *invocation, Work work)
+RegistryService::queue_call(Application *application, GDBusMethodInvocation *invocation, Work work)
 {
   GError *error = nullptr;
 
@@ -282,7 +282,7 @@ RegistryService::let_wait(Application *application, GDBusMethodInvocation *invoc
     const std::string sender = g_dbus_method_invocation_get_sender(invocation);
     refuse(&error, Error::LIMIT_EXCEEDED, "%d calls wait", RECEIVER_MAX_WAITING_CALLS);
     g_dbus_method_invocation_take_error(invocation, error);
-    forget_if_unused(sender);
+    remove_if_unused(sender);
     return;
   }
   waiting_++;
@@ -302,7 +302,7 @@ RegistryService::Handlers::on_user_reply(GObject *connection, GAsyncResult *resu
     g_variant_get(reply, "(u)", &user);
     call->first->on_user(call->second, user);
   } else if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-    call->first->lose(call->second);
+    call->first->on_disconnected(call->second);
   }
 }
 
@@ -320,7 +320,7 @@ RegistryService::on_user(const std::string &sender, guint32 user)
     static_cast<void>(next.invocation.release());
     next.work({sender, user});
   }
-  forget_if_unused(sender);
+  remove_if_unused(sender);
 }
 
 void
@@ -336,13 +336,13 @@ RegistryService::Handlers::on_owner_changed(GDBusConnection *connection, const g
   }
   g_variant_get(parameters, "(&s&s&s)", &name, nullptr, &owner);
   if (*owner == '\0') {
-    static_cast<RegistryService *>(user_data)->lose(name);
+    static_cast<RegistryService *>(user_data)->on_disconnected(name);
   }
 }
 
 /* The connection of an application has closed; its replies are not needed any more. */
 void
-RegistryService::lose(const std::string &sender)
+RegistryService::on_disconnected(const std::string &sender)
 {
   const auto found = applications_.find(sender);
 
@@ -351,11 +351,11 @@ RegistryService::lose(const std::string &sender)
   }
   waiting_ -= found->second->waiting.size();
   applications_.erase(found);
-  registry_->lose_application(sender);
+  registry_->application_disconnected(sender);
 }
 
 void
-RegistryService::forget_if_unused(const std::string &sender)
+RegistryService::remove_if_unused(const std::string &sender)
 {
   const auto found = applications_.find(sender);
 

@@ -32,11 +32,11 @@ private:
 
   void run_with_user(GDBusMethodInvocation *invocation, Work work);
   void run_in_order(GDBusMethodInvocation *invocation, Work work);
-  Application *meet(const std::string &sender);
-  void let_wait(Application *application, GDBusMethodInvocation *invocation, Work work);
+  Application *watch_application(const std::string &sender);
+  void queue_call(Application *application, GDBusMethodInvocation *invocation, Work work);
   void on_user(const std::string &sender, guint32 user);
-  void forget_if_unused(const std::string &sender);
-  void lose(const std::string &sender);
+  void remove_if_unused(const std::string &sender);
+  void on_disconnected(const std::string &sender);
 
   Registry *registry_;
   GDBusConnection *connection_;      /* owned */

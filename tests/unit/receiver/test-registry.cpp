@@ -116,7 +116,7 @@ TEST_F(RegistryTest, OnlyTheOwnerCanUseAProducer)
 TEST_F(RegistryTest, KeepsAProducerWithoutAnApplicationForItsUser)
 {
   add(APPLICATION, "Mine");
-  registry_->lose_application(APPLICATION.sender);
+  registry_->application_disconnected(APPLICATION.sender);
 
   EXPECT_FALSE(registry_->has_producer_of(APPLICATION.sender));
   EXPECT_EQ(refusal_of_channel(APPLICATION, "Mine"), Error::NOT_OWNER);
@@ -129,7 +129,7 @@ TEST_F(RegistryTest, OneApplicationEndsAlone)
 {
   add(APPLICATION, "Mine");
   add(SAME_USER, "Other");
-  registry_->lose_application(APPLICATION.sender);
+  registry_->application_disconnected(APPLICATION.sender);
 
   EXPECT_TRUE(registry_->has_producer_of(SAME_USER.sender));
 }
@@ -137,7 +137,7 @@ TEST_F(RegistryTest, OneApplicationEndsAlone)
 TEST_F(RegistryTest, LogsRegistrationsAndDisconnections)
 {
   add(APPLICATION, "Mine");
-  registry_->lose_application(APPLICATION.sender);
+  registry_->application_disconnected(APPLICATION.sender);
   add(SAME_USER, "Mine");
   registry_->unregister_producer(SAME_USER.sender, "Mine", nullptr);
 
