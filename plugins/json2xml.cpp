@@ -235,4 +235,4 @@ plugin_init(GstPlugin *plugin)
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, json2xml,
                   "Converts the detections of applications from JSON to ONVIF metadata", plugin_init, VERSION,
-                  GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  "MIT/X11", PACKAGE, "tessard")

@@ -422,4 +422,4 @@ plugin_init(GstPlugin *plugin)
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, onvifxmlmetadatastreamdoc,
                   "Joins fragments of ONVIF metadata into a stream of documents", plugin_init, VERSION,
-                  GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  "MIT/X11", PACKAGE, "tessard")

@@ -106,4 +106,4 @@ TEST_F(ClientPipeline, SyncPointMakesTheEventSourceSendItsStates)
   EXPECT_TRUE(again);
 }
 
-} /* namespace */
+} // namespace
