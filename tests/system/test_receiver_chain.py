@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from client import header
 from external import (ANALYTICS, ANALYTICS_AND_EVENTS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, expect_alive,
                       expect_frames, numbered, producer_frames, wait_until_listed)
 from installation import EVENT_PLUGIN
@@ -75,6 +76,16 @@ def test_detections_reach_every_client(daemon, receiver, application):
         for stream in (first, second):
             expect_frames(stream, *((GATE, number) for number in range(100)))
     wait_until(lambda: receiver.descriptors() == before, "both streams have ended")
+
+
+def test_without_a_camera_only_detections_are_offered(start_daemon, receiver, application, control):
+    daemon = start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED)
+    # There are no others.
+    wait_until_listed(control, DETECTOR)
+    for fields in ({"event": 1}, {"ptz": 1}):
+        daemon.expect_reply(header(**fields))
+    expect_delivery(daemon, receiver, application.open_channel(DETECTOR), 1, 2)
+    assert daemon.log.take() == []
 
 
 def test_client_gets_no_detection_from_before_its_request(daemon, receiver, application):
