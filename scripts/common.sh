@@ -18,11 +18,14 @@ RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
   libjson-glib-dev libsimdjson-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
+# Needed in addition for the example detector.
+DETECTOR_PACKAGES=(python3-gi python3-numpy gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
+
 # Needed in addition to soak: the helpers of the system tests use them.
 SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
 
 # Needed in addition to run every test.
-TEST_PACKAGES=("${SOAK_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
+TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
 # A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to

@@ -133,7 +133,7 @@ class TestUsage:
         assert (result.returncode, result.stderr) == (0, "")
         assert result.stdout.startswith("Usage: ./demo ")
         assert re.findall(r"^  (--[a-z]+)", result.stdout, re.MULTILINE) == [
-            "--seconds", "--producer", "--serve", "--env", "--stage", "--help"]
+            "--seconds", "--live", "--video", "--producer", "--serve", "--env", "--stage", "--help"]
 
     @pytest.mark.parametrize("args, message", [
         (["--nonsense"], "unknown argument: --nonsense"),
@@ -145,6 +145,9 @@ class TestUsage:
         (["--serve", "--seconds", "5"], "--serve streams nothing, so --seconds has no meaning"),
         (["--serve", "--env", "/dev/null"], "not a regular file: /dev/null"),
         (["--serve", "--env", "/nonexistent/file"], "cannot write to the folder of: /nonexistent/file"),
+        (["--video"], "--video needs SOURCE"),
+        (["--video", "videotestsrc"], "--video needs --live"),
+        (["--live", "--producer", "Mine=-"], "--producer needs the simulated camera, which --live does without"),
         (["--stage", "/nonexistent"], "no installation with prefix /usr below: /nonexistent"),
         (["--producer", "Mine"], "not NAME=FILE with a name of letters, digits and underscores: Mine"),
         (["--producer", "a b=-"], "not NAME=FILE with a name of letters, digits and underscores: a b=-"),
@@ -215,3 +218,37 @@ class TestServe:
         assert serving.finish() == 1
         assert serving.err == "demo: ended by itself: the daemon\n"
         assert not env_file.exists()
+
+
+class TestLive:
+    def test_detections_are_shown_and_nothing_is_simulated(self, start_demo):
+        demo = start_demo("--live", "--seconds", str(STREAM_SECONDS))
+        status = demo.finish()
+        assert (status, demo.err) == (0, ""), demo.out
+        assert re.search(r"^Detector .* enabled ", demo.out, re.MULTILINE)
+        assert "simulated" not in demo.out
+        summary = demo.out.splitlines()[-1]
+        assert re.match(r"\d+ documents, \d+ bytes in \d+ s: ", summary)
+        assert re.search(r"\b[1-9]\d* detections of Detector\b", summary)
+        # The ball, from the first second on.
+        assert re.search(r"^\d\d:\d\d:\d\d\.\d+ +detections of Detector +object \d+ at x=", demo.out, re.MULTILINE)
+
+    def test_it_serves_other_terminals(self, start_demo, env_file):
+        demo = start_demo("--live", "--serve", "--env", env_file)
+        wait_until(lambda: env_file.exists() or demo.process.poll() is not None, "the demo serves", DEMO_SECONDS)
+        documents = in_another_terminal(f'. "{env_file}"', "tessardctl stream --analytics 2 --count 3").stdout
+        assert documents.count("</tt:MetadataStream>") == 3
+        assert documents.count('Source="Detector"') >= 1
+        assert demo.end_by(signal.SIGINT) == 130
+        assert demo.err == ""
+
+    def test_it_ends_with_the_detector(self, start_demo):
+        demo = start_demo("--live", "--serve", "--video", "videotestsrc is-live=true num-buffers=150")
+        assert demo.finish() == 1
+        assert demo.err == "demo: ended by itself: the detector\n"
+
+    def test_a_wrong_video_is_named(self, start_demo):
+        demo = start_demo("--live", "--video", "nonexistentsrc")
+        assert demo.finish() == 1
+        assert 'no element "nonexistentsrc"' in demo.err
+        assert demo.err.endswith("the lines above are the logs of the detector and the receiver\n")
