@@ -17,7 +17,7 @@ from gi.repository import Gio, GLib
 from busclient import BusClient, error_text, remote_error
 from daemon import ERROR, INFO, WARNING, Log
 from installation import TREE, defined_limits, unprivileged
-from receiverclient import NAME
+from receiverclient import NAME, OBJECT_MANAGER, ROOT
 from waiting import BOUND_SECONDS, wait_until
 
 REGISTRY_PATH = "/com/quon/MetadataReceiver1"
@@ -174,7 +174,13 @@ class Application(BusClient):
         assert reply.get_type_string() == "(h)" and reply.unpack() == (0,)
         (fd,) = descriptors.steal_fds()
         self.writers.append(Writer(fd))
+        self._wait_until_sent()
         return self.writers[-1]
+
+    def _wait_until_sent(self):
+        """Waits until the receiver has closed its copy of the descriptor in its last reply, which it does before it
+        replies to a further call."""
+        self.call(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects")
 
     def unregister(self, name):
         self.request("UnregisterProducer", "(s)", name)
