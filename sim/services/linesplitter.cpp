@@ -17,6 +17,15 @@ is_empty(std::string_view line)
 } // namespace
 
 /**
+ * LineSplitter:
+ *
+ * A splitter of lines that fit into a message.
+ */
+LineSplitter::LineSplitter() : cutter_(MAX_TEXT_BYTES)
+{
+}
+
+/**
  * LineSplitter::push:
  * @bytes: the next bytes
  *
@@ -25,10 +34,7 @@ is_empty(std::string_view line)
 void
 LineSplitter::push(std::string_view bytes)
 {
-  bytes_.erase(0, begin_);
-  searched_ -= begin_;
-  begin_ = 0;
-  bytes_.append(bytes);
+  cutter_.push(bytes);
 }
 
 /**
@@ -39,7 +45,7 @@ LineSplitter::push(std::string_view bytes)
 void
 LineSplitter::finish()
 {
-  push("\n");
+  cutter_.finish();
 }
 
 /**
@@ -50,24 +56,14 @@ LineSplitter::finish()
 std::optional<SharedText>
 LineSplitter::pop()
 {
-  for (;;) {
-    const gsize end = bytes_.find('\n', searched_);
-    const gsize size = (end == std::string::npos ? bytes_.size() : end) - begin_;
-    const gsize begin = begin_;
-
-    dropping_ = dropping_ || size > MAX_TEXT_BYTES;
-    begin_ = end != std::string::npos ? end + 1 : dropping_ ? bytes_.size() : begin_;
-    searched_ = end != std::string::npos ? end + 1 : bytes_.size();
-    if (end == std::string::npos) {
-      return std::nullopt;
-    }
-    if (dropping_) {
-      dropping_ = false;
+  while (const std::optional<Line> line = cutter_.pop()) {
+    if (line->too_long) {
       dropped_++;
-    } else if (const std::string_view line(bytes_.data() + begin, size); !is_empty(line)) {
-      return shared_text_copy(line);
+    } else if (!is_empty(line->text)) {
+      return shared_text_copy(line->text);
     }
   }
+  return std::nullopt;
 }
 
 /**

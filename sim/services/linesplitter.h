@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "linecutter.h"
 #include "text.h"
 
 #include <optional>
-#include <string>
 
 namespace sim
 {
@@ -14,17 +14,16 @@ namespace sim
 class LineSplitter
 {
 public:
+  LineSplitter();
+
   void push(std::string_view bytes);
   void finish();
   std::optional<SharedText> pop();
   gsize dropped() const;
 
 private:
-  std::string bytes_;  /* bytes that are not split yet */
-  gsize begin_ = 0;    /* of the next line in `bytes_` */
-  gsize searched_ = 0; /* no line ends before this offset */
+  LineCutter cutter_;
   gsize dropped_ = 0;
-  bool dropping_ = false; /* whether the current line is too long */
 };
 
 } // namespace sim
