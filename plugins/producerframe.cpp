@@ -427,6 +427,38 @@ ProducerReader::ProducerReader() = default;
 
 ProducerReader::~ProducerReader() = default;
 
+/* Returns: (nullable): the place for a frame of @size bytes, nullptr if that is too long */
+char *
+ProducerReader::prepare(gsize size, ProducerFlaws *flaws)
+{
+  *flaws = {};
+  if (size > PRODUCER_FRAME_BYTES_MAX) {
+    refuse(flaws, "it is too long");
+    return nullptr;
+  }
+  if (memory_ == nullptr) {
+    memory_ = std::make_unique<Memory>();
+  }
+  memory_->text.resize(size + simdjson::SIMDJSON_PADDING);
+  return memory_->text.data();
+}
+
+std::optional<ProducerFrame>
+ProducerReader::parse(gsize size, ProducerFlaws *flaws)
+{
+  std::optional<dom::element> root = json_text_parse(&memory_->parser, {memory_->text.data(), size});
+  ProducerFrame frame;
+  if (!root.has_value()) {
+    refuse(flaws, "it is no JSON, or beyond the limits");
+  } else {
+    read_frame(*root, &frame, flaws);
+  }
+  if (size > PRODUCER_FRAME_BYTES_KEPT) {
+    memory_.reset();
+  }
+  return flaws->fatal == nullptr ? std::optional(std::move(frame)) : std::nullopt;
+}
+
 /**
  * ProducerReader::read:
  * @buffer: any bytes
@@ -439,28 +471,33 @@ ProducerReader::~ProducerReader() = default;
 std::optional<ProducerFrame>
 ProducerReader::read(GstBuffer *buffer, ProducerFlaws *flaws)
 {
-  *flaws = {};
   gsize size = gst_buffer_get_size(buffer);
-  if (size > PRODUCER_FRAME_BYTES_MAX) {
-    refuse(flaws, "it is too long");
+  char *text = prepare(size, flaws);
+  if (text == nullptr) {
     return std::nullopt;
   }
-  if (memory_ == nullptr) {
-    memory_ = std::make_unique<Memory>();
+  gst_buffer_extract(buffer, 0, text, size);
+  return parse(size, flaws);
+}
+
+/**
+ * ProducerReader::read:
+ * @bytes: any bytes
+ * @flaws: (out): the errors found
+ *
+ * The same for bytes that are not in a buffer.
+ *
+ * Returns: the valid parts of @bytes; unset if @flaws has a fatal error
+ */
+std::optional<ProducerFrame>
+ProducerReader::read(std::string_view bytes, ProducerFlaws *flaws)
+{
+  char *text = prepare(bytes.size(), flaws);
+  if (text == nullptr) {
+    return std::nullopt;
   }
-  memory_->text.resize(size + simdjson::SIMDJSON_PADDING);
-  gst_buffer_extract(buffer, 0, memory_->text.data(), size);
-  std::optional<dom::element> root = json_text_parse(&memory_->parser, {memory_->text.data(), size});
-  ProducerFrame frame;
-  if (!root.has_value()) {
-    refuse(flaws, "it is no JSON, or beyond the limits");
-  } else {
-    read_frame(*root, &frame, flaws);
-  }
-  if (size > PRODUCER_FRAME_BYTES_KEPT) {
-    memory_.reset();
-  }
-  return flaws->fatal == nullptr ? std::optional(std::move(frame)) : std::nullopt;
+  std::copy(bytes.begin(), bytes.end(), text);
+  return parse(bytes.size(), flaws);
 }
 
 } // namespace plugins

@@ -69,9 +69,12 @@ public:
   ProducerReader &operator=(const ProducerReader &) = delete;
 
   std::optional<ProducerFrame> read(GstBuffer *buffer, ProducerFlaws *flaws);
+  std::optional<ProducerFrame> read(std::string_view bytes, ProducerFlaws *flaws);
 
 private:
   struct Memory;
+  char *prepare(gsize size, ProducerFlaws *flaws);
+  std::optional<ProducerFrame> parse(gsize size, ProducerFlaws *flaws);
   std::unique_ptr<Memory> memory_; /* nullptr until a frame is read */
 };
 

@@ -22,13 +22,18 @@ new_buffer(const std::string &text)
   return buffer;
 }
 
-/* One reader for all, as for the frames of a stream. */
+/* One reader for all, as for the frames of a stream. It reads the same from a buffer and from bytes. */
 std::optional<ProducerFrame>
 read(const std::string &text, ProducerFlaws *flaws)
 {
   static plugins::ProducerReader reader;
   g_autoptr(GstBuffer) buffer = new_buffer(text);
-  return reader.read(buffer, flaws);
+  std::optional<ProducerFrame> frame = reader.read(std::string_view(text), flaws);
+  ProducerFlaws flaws_of_buffer;
+  EXPECT_EQ(reader.read(buffer, &flaws_of_buffer), frame) << text;
+  EXPECT_STREQ(flaws_of_buffer.fatal, flaws->fatal) << text;
+  EXPECT_STREQ(flaws_of_buffer.partial, flaws->partial) << text;
+  return frame;
 }
 
 std::string
