@@ -7,13 +7,13 @@
  * a file that contradicts itself. Nothing is sent unless all of the file is correct.
  */
 #include "applyfile.h"
+#include "boundedread.h"
 #include "command.h"
 #include "configurationname.h"
 #include "jsonreader.h"
 
 #include <array>
 #include <fcntl.h>
-#include <gio/gunixinputstream.h>
 #include <map>
 #include <set>
 #include <unistd.h>
@@ -245,22 +245,6 @@ open_file(const gchar *path)
   return g_str_equal(path, STANDARD_INPUT) ? STDIN_FILENO : open(path, O_RDONLY | O_CLOEXEC);
 }
 
-/* Reads to the end, at most one byte more than a file can have. */
-GByteArray *
-read_bounded(int fd, GError **error)
-{
-  g_autoptr(GInputStream) input = g_unix_input_stream_new(fd, fd != STDIN_FILENO);
-  g_autoptr(GByteArray) bytes = g_byte_array_sized_new(APPLY_FILE_MAX_BYTES + 1);
-  gsize size = 0;
-
-  g_byte_array_set_size(bytes, APPLY_FILE_MAX_BYTES + 1);
-  if (!g_input_stream_read_all(input, bytes->data, bytes->len, &size, nullptr, error)) {
-    return nullptr;
-  }
-  g_byte_array_set_size(bytes, static_cast<guint>(size));
-  return g_steal_pointer(&bytes);
-}
-
 } // namespace
 
 /**
@@ -314,7 +298,7 @@ apply_file_read(const gchar *path, gsize *change_count, GError **error)
   }
 
   g_autoptr(GError) cause = nullptr;
-  g_autoptr(GByteArray) bytes = read_bounded(fd, &cause);
+  g_autoptr(GByteArray) bytes = bounded_read(fd, APPLY_FILE_MAX_BYTES, &cause);
   if (bytes == nullptr) {
     g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_LOCAL, "Could not read '%s': %s.", file_name,
                 cause->message);

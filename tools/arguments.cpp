@@ -11,15 +11,16 @@
 namespace
 {
 
-constexpr gchar EXIT_STATUSES[] = "Exit status:\n"
-                                  "  0  done\n"
-                                  "  1  the daemon refused\n"
-                                  "  2  wrong usage\n"
-                                  "  3  no connection to the bus, or the daemon is not on it\n"
-                                  "  4  the daemon did not reply in time\n"
-                                  "  5  the daemon or the bus went away before the reply\n"
-                                  "  6  the daemon sent something of a wrong type\n"
-                                  "  7  a file could not be read, or the output not written";
+constexpr gchar EXIT_STATUSES[] =
+    "Exit status:\n"
+    "  0  done\n"
+    "  1  the daemon, the receiver or the bus policy refused\n"
+    "  2  wrong usage\n"
+    "  3  no connection to the bus, or the daemon or the receiver is not on it\n"
+    "  4  no reply in time\n"
+    "  5  the other side or the bus went away before the reply\n"
+    "  6  the other side sent something of a wrong type\n"
+    "  7  a file could not be read, or the output not written";
 
 gboolean
 parse_command_line(Arguments *arguments, const ArgumentRules *rules, const GOptionEntry *options, int argc,

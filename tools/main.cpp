@@ -5,6 +5,7 @@
 #include "command.h"
 #include "memory.h"
 #include "monitor.h"
+#include "produce.h"
 #include "producercommands.h"
 #include "stream.h"
 
@@ -28,6 +29,7 @@ constexpr std::array COMMANDS = {
     Command{"disable", "Disable a producer on a video channel", disable_command_run},
     Command{"apply", "Enable and disable many at once, from a file", apply_command_run},
     Command{"monitor", "Print changes of the producers as they happen", monitor_command_run},
+    Command{"produce", "Pass detections from standard input to clients", produce_command_run},
     Command{"help", "Print this help, or that of a command", help_command_run},
 };
 

@@ -21,6 +21,7 @@ BUS_COMMANDS = {
     "disable": ["disable", VIDEO_TRACKER, "1"],
     "apply": ["apply", "-"],
     "monitor": ["monitor"],
+    "produce": ["produce", "Mine"],
 }
 
 # What a configuration name must not contain, and its name in messages.

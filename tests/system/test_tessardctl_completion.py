@@ -18,7 +18,7 @@ from waiting import BOUND_SECONDS, wait_until
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
-COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "help"]
+COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce", "help"]
 
 # Calls the completion function like bash on a tab.
 COMPLETE = """\
@@ -103,7 +103,8 @@ def test_channels_of_a_producer(offered, service, command):
 
 
 @pytest.mark.parametrize("line", ["show Radar ", "disable Radar 1 ", "enable Radar 1 ", "monitor ", "producers ",
-                                  "stream ", "nothing ", "show --bus ", "stream --count "])
+                                  "stream ", "nothing ", "show --bus ", "stream --count ", "produce ",
+                                  "produce --nice-name "])
 def test_nothing_to_offer(offered, service, line):
     assert offered(line) == []
 
@@ -143,7 +144,7 @@ def test_names_are_never_run(offered, stand_in_bus, tmp_path):
     evil.close()
 
 
-@pytest.mark.parametrize("line", ["apply ", "stream --output ", "stream --socket "])
+@pytest.mark.parametrize("line", ["apply ", "stream --output ", "stream --socket ", "produce --sample "])
 def test_files(offered, tmp_path, line):
     (tmp_path / "changes.json").touch()
     (tmp_path / "other.json").touch()
@@ -163,7 +164,7 @@ def test_zsh_offers_the_same(run_tessardctl):
     assert re.findall(r"^    '(\w+):", text, re.MULTILINE) == COMMANDS
     every_option = {option for command in ([], *([name] for name in COMMANDS))
                     for option in options_of(run_tessardctl, *command)}
-    described = set(re.findall(r"'(?:\([^)]*\))?(--[a-z-]+)=?\[", text))
+    described = set(re.findall(r"'(?:\([^)]*\)|\*)?(--[a-z-]+)=?\[", text))
     assert described == every_option
 
 

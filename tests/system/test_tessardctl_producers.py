@@ -19,7 +19,7 @@ MAX_PRODUCERS = documented_limit("../tools/producers.h", "PRODUCERS_MAX")
 MAX_CHANNELS = documented_limit("../tools/producers.h", "PRODUCERS_MAX_CHANNELS")
 
 # The commands that end after one call.
-COMMANDS = {name: words for name, words in BUS_COMMANDS.items() if name not in ("list", "monitor")}
+COMMANDS = {name: words for name, words in BUS_COMMANDS.items() if name not in ("list", "monitor", "produce")}
 
 
 # Every command

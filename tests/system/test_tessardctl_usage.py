@@ -12,6 +12,7 @@ from overdue import CALL_SECONDS
 from tessardctl import BAD_CHARACTERS, BUS_COMMANDS, SUCCESS, USAGE, failure
 
 MAX_PENDING_BYTES = documented_limit("../tools/linewriter.h", "LINE_WRITER_MAX_PENDING_BYTES")
+WAIT_MS = documented_limit("../tools/produce.h", "PRODUCE_WAIT_MS")
 MAX_FILE_BYTES = documented_limit("../tools/applyfile.h", "APPLY_FILE_MAX_BYTES")
 
 
@@ -114,6 +115,14 @@ def test_version(run_tessardctl, option):
     (["disable", "a", "-1"], "Unknown option -1", "tessardctl disable"),
     (["apply"], "Missing argument FILE.", "tessardctl apply"),
     (["monitor", "a"], "Unexpected argument 'a'.", "tessardctl monitor"),
+    (["produce"], "Missing argument NAME.", "tessardctl produce"),
+    (["produce", "a", "b"], "Unexpected argument 'b'.", "tessardctl produce"),
+    (["produce", b"\xff"], "The argument NAME is not UTF-8.", "tessardctl produce"),
+    (["produce", "a", "--nice-name", b"\xff"], "The value of --nice-name is not UTF-8.", "tessardctl produce"),
+    (["produce", "a", "--sample="], "The value of --sample is empty.", "tessardctl produce"),
+    *((["produce", "a", f"--channel={value}"],
+       f"The value of --channel is '{value}', not a whole number of 32 bits.", "tessardctl produce")
+      for value in ("", "x", "-1", "1x", "0x1", " 1", "4294967296")),
     *((arguments + ["--bus="], "The value of --bus is empty.", f"tessardctl {arguments[0]}")
       for arguments in BUS_COMMANDS.values()),
 ])
@@ -156,3 +165,4 @@ def test_man_page_has_the_limits():
     assert f"may take {CALL_SECONDS} seconds each" in page
     assert f"is JSON of at most {MAX_FILE_BYTES // mebibyte} MiB" in page
     assert f"falls more than {MAX_PENDING_BYTES // mebibyte} MiB behind" in page
+    assert f"for {WAIT_MS // 1000} seconds" in page

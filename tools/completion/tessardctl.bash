@@ -6,7 +6,7 @@
 _TESSARDCTL_QUERY_SECONDS=2
 
 _tessardctl_commands() {
-  printf '%s\n' stream producers list show enable disable apply monitor help
+  printf '%s\n' stream producers list show enable disable apply monitor produce help
 }
 
 # The options of a command, or of tessardctl itself.
@@ -20,6 +20,7 @@ _tessardctl_options() {
     ;;
   producers | list) printf '%s\n' --json --names --channels --bus ;;
   show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
+  produce) printf '%s\n' --nice-name --channel --sample --strict --bus ;;
   esac
 }
 
@@ -27,7 +28,7 @@ _tessardctl_options() {
 _tessardctl_takes_value() {
   case $1 in
   --event-topic | --event-content | --analytics | --ptz | --pantilt-space | --zoom-space | --channel | --socket | \
-    --count | --timeout | --output | --channels | --bus) return 0 ;;
+    --count | --timeout | --output | --channels | --nice-name | --sample | --bus) return 0 ;;
   *) return 1 ;;
   esac
 }
@@ -78,7 +79,7 @@ _tessardctl() {
 
   if [[ -n $option ]]; then
     case $option in
-    --socket | --output) _tessardctl_offer_files "$current" ;;
+    --socket | --output | --sample) _tessardctl_offer_files "$current" ;;
     --channels) _tessardctl_offer "$current" < <(_tessardctl_query --names) ;;
     esac
   elif [[ $current == -* ]]; then
