@@ -25,8 +25,8 @@ DETECTOR_PACKAGES=(python3-gi python3-numpy gir1.2-gstreamer-1.0 gir1.2-gst-plug
 SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
 
 # Needed in addition to run every test.
-TEST_PACKAGES=("${SOAK_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
-  python3-numpy clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
+TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
+  clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
 # A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to
 # run as root), else as the same user. The command ends with its parent, even when that is killed.
