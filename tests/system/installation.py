@@ -15,6 +15,7 @@ import subprocess
 import tempfile
 
 import gi
+import pytest
 
 gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
@@ -25,6 +26,9 @@ TREE = pathlib.Path(__file__).resolve().parents[2]
 
 # Whether the installed programs have AddressSanitizer, which is slow and has its own allocator.
 SANITIZED = "ASAN_OPTIONS" in os.environ
+
+# A sanitizer's allocator keeps freed memory.
+needs_allocator = pytest.mark.skipif(SANITIZED, reason="a sanitizer's allocator is in use")
 
 UNPRIVILEGED_USER = "nobody"
 UNPRIVILEGED_GROUP = "nogroup"

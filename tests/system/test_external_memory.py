@@ -12,7 +12,7 @@ from gi.repository import GLib
 
 from daemon import ERROR, producers_enabled
 from external import ANALYTICS, COUNTER, DETECTOR, GATE, expect_converter_warning, expect_frames, numbered
-from installation import SANITIZED, documented_limit
+from installation import documented_limit, needs_allocator
 from promptness import expect_prompt, times
 from receiverclient import LENGTH
 from waiting import BOUND_SECONDS, wait_until, wait_until_settled
@@ -22,9 +22,6 @@ MIB = 1024 * 1024
 CLIENT_LIMIT = documented_limit("messageaccount.h", "MESSAGE_ACCOUNT_CLIENT_LIMIT")
 TOTAL_LIMIT = documented_limit("messageaccount.h", "MESSAGE_ACCOUNT_TOTAL_LIMIT")
 TIMEOUT_SECONDS = documented_limit("externalsourcesocket.h", "EXTERNAL_SOURCE_MESSAGE_TIMEOUT_MS") / 1000
-
-# A sanitizer's allocator keeps freed memory.
-needs_allocator = pytest.mark.skipif(SANITIZED, reason="a sanitizer's allocator is in use")
 
 TIMED_OUT = (ERROR, "Could not read request data from client socket: Connection timed out: Connection timed out")
 NO_MEMORY = (ERROR, "Could not read request data from client socket: Cannot allocate memory: Cannot allocate memory")

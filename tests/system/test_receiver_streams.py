@@ -9,6 +9,7 @@ import pytest
 from gi.repository import GLib
 
 from daemon import WARNING
+from installation import needs_allocator
 from receiverclient import LENGTH
 from receiverprocess import LIMITS, enough_descriptors, message, not_read, numbers, read_numbers, remote_refusal
 from waiting import BOUND_SECONDS, wait_until
@@ -230,6 +231,7 @@ def test_paced_messages(receiver, application, receiver_client):
 # Limits
 
 
+@needs_allocator
 def test_channel_without_a_stream_takes_no_memory(receiver, application):
     """The receiver reads a hundred times what a pipe holds, and keeps none of it."""
     application.register(MINE)
@@ -242,6 +244,7 @@ def test_channel_without_a_stream_takes_no_memory(receiver, application):
     assert receiver.memory() - before < 4 * MIB
 
 
+@needs_allocator
 def test_queues_of_unread_streams_share_their_messages(receiver, application, receiver_client):
     application.register(MINE)
     writer = application.open_channel(MINE)

@@ -100,7 +100,10 @@ attach(GDBusMessage *message, const Attached &attached)
 GDBusMessage *
 received(GDBusMessage *message, guint32 serial = SERIAL, const char *sender = PEER)
 {
-  g_dbus_message_set_serial(message, serial);
+  /* A new message has the serial 0, which cannot be set. */
+  if (serial != 0) {
+    g_dbus_message_set_serial(message, serial);
+  }
   g_dbus_message_set_sender(message, sender);
   g_dbus_message_lock(message);
   return message;
