@@ -1,44 +1,34 @@
 /* SPDX-License-Identifier: MIT */
 /* "tessardctl stream": requests metadata from the daemon and writes each document.
  *
- * Three threads take part. The main thread runs the main loop with everything that can end the stream:
- * signals, the time limit, a hang-up of the output's reader, the pipeline's bus. A task thread connects and
- * waits for the daemon's reply. The pipeline's streaming thread writes the documents. The last two can block
- * for long; one cancellable ends all their waits.
+ * The main thread runs the main loop with everything that can end the stream: signals, the time limit, a
+ * hang-up of the output's reader. Two tasks run on other threads, one after the other: the first one connects
+ * and waits for the daemon's reply, the second one reads documents and writes them. Both can block for long;
+ * one cancellable ends all their waits.
  *
- * Each of them ends the stream with finish(). The first call decides the exit status.
+ * Each thread ends the stream with finish(). The first call decides the exit status.
  */
 #include "stream.h"
+#include "clienterror.h"
 #include "command.h"
-#include "connection.h"
 #include "documentformat.h"
+#include "metadataclient.h"
 #include "progressline.h"
 #include "streamoptions.h"
 
 #include <atomic>
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <gio/gunixoutputstream.h>
 #include <glib-unix.h>
-#include <gst/app/gstappsink.h>
 #include <unistd.h>
 #include <vector>
 
 namespace
 {
 
-/* Far above any real document. Without a bound, a malformed stream could fill the memory. */
-constexpr gsize MAX_DOCUMENT_BYTES = 64 * 1024 * 1024;
-
-constexpr guint READ_BLOCK_BYTES = 64 * 1024;
-
 constexpr guint PROGRESS_INTERVAL_MS = 250;
-
-constexpr gchar SYNC_LINE[] = "SYNC\n";
-
-constexpr gchar METADATA_CAPS[] = "application/x-onvif-metadata";
 
 constexpr mode_t OUTPUT_FILE_MODE = 0666;
 
@@ -55,16 +45,11 @@ struct Session {
   std::vector<guint> sources; /* in the default main context; main thread */
 
   int output_fd = -1;
-  GOutputStream *output = nullptr; /* streaming thread, once streaming */
+  GOutputStream *output = nullptr; /* the second task's */
 
-  gboolean connecting = FALSE; /* main thread */
-  GSocket *socket = nullptr;   /* set before the pipeline plays */
-  GstElement *pipeline = nullptr;
-  GstElement *socket_source = nullptr; /* borrowed from the pipeline, as are the next two */
-  GstElement *depayloader = nullptr;
-  GstElement *sink = nullptr;
+  gboolean task_runs = FALSE;       /* main thread */
+  MetadataClient *client = nullptr; /* the second task's; main thread without a task */
 
-  gsize bytes_since_document = 0; /* streaming thread */
   std::atomic<guint64> documents = 0;
   std::atomic<guint64> bytes = 0;
 
@@ -86,8 +71,7 @@ Session::Session(const StreamOptions *stream_options)
 Session::~Session()
 {
   remove_sources();
-  g_clear_object(&pipeline);
-  g_clear_object(&socket);
+  g_clear_pointer(&client, metadata_client_free);
   g_clear_object(&output);
   g_clear_object(&cancellable);
   g_clear_pointer(&loop, g_main_loop_unref);
@@ -176,135 +160,47 @@ finish_by_write_error(Session *session, const GError *cause)
                                     get_output_name(session), cause->message));
 }
 
-/* The stream has started, so the daemon reads sync requests. Sending can only fail on a connection that has
- * ended, which the pipeline reports once it has read the rest. */
-void
-request_sync_point(Session *session)
-{
-  g_socket_send(session->socket, SYNC_LINE, strlen(SYNC_LINE), session->cancellable, nullptr);
-}
-
 GString *
-format_buffer(GstBuffer *buffer, gboolean pretty)
+format_document(GBytes *document, gboolean pretty)
 {
-  GstMapInfo map = GST_MAP_INFO_INIT;
-  if (!gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-    return nullptr;
-  }
+  gsize size = 0;
+  const auto *text = static_cast<const gchar *>(g_bytes_get_data(document, &size));
 
-  const auto *document = reinterpret_cast<const gchar *>(map.data);
-  GString *text =
-      pretty ? document_format_indented(document, map.size) : document_format_line(document, map.size);
-  gst_buffer_unmap(buffer, &map);
-  return text;
+  return pretty ? document_format_indented(text, size) : document_format_line(text, size);
 }
 
-/* Streaming thread. */
+/* The stream has started, so the daemon reads sync requests. Sending can only fail on a connection that has
+ * ended, which the next read reports. */
 void
 count_document(Session *session, gsize size)
 {
   const guint64 documents = ++session->documents;
 
   session->bytes += size;
-  session->bytes_since_document = 0;
   if (documents == 1 && session->options->sync) {
-    request_sync_point(session);
+    metadata_client_request_sync_point(session->client);
   }
   if (documents == session->options->count) {
     finish(session, nullptr);
   }
 }
 
-GstFlowReturn
-on_new_sample(GstAppSink *sink, gpointer user_data)
+/* Returns: whether the stream continues */
+gboolean
+write_document(Session *session, GBytes *document)
 {
-  auto *session = static_cast<Session *>(user_data);
-  g_autoptr(GstSample) sample = gst_app_sink_pull_sample(sink);
-  GstBuffer *buffer = sample != nullptr ? gst_sample_get_buffer(sample) : nullptr;
-  g_autoptr(GString) text = buffer != nullptr ? format_buffer(buffer, session->options->pretty) : nullptr;
+  g_autoptr(GString) text = format_document(document, session->options->pretty);
   g_autoptr(GError) error = nullptr;
 
-  if (text == nullptr) {
-    return GST_FLOW_ERROR;
-  }
   if (g_str_equal(text->str, "\n")) {
-    return GST_FLOW_OK; /* an empty buffer is not a document */
+    return TRUE; /* only white space is not a document */
   }
   if (!write_text(session, text, &error)) {
     finish_by_write_error(session, error);
-    return GST_FLOW_EOS;
-  }
-  count_document(session, gst_buffer_get_size(buffer));
-  return g_cancellable_is_cancelled(session->cancellable) ? GST_FLOW_EOS : GST_FLOW_OK;
-}
-
-/* Streaming thread: called for every block, before the depayloader collects it. */
-GstPadProbeReturn
-on_block_read(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
-{
-  auto *session = static_cast<Session *>(user_data);
-
-  session->bytes_since_document += gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info));
-  if (session->bytes_since_document <= MAX_DOCUMENT_BYTES) {
-    return GST_PAD_PROBE_OK;
-  }
-  finish(session,
-         g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_MALFORMED,
-                     "The daemon sent more than %" G_GSIZE_FORMAT " bytes without completing a document.",
-                     MAX_DOCUMENT_BYTES));
-  return GST_PAD_PROBE_DROP;
-}
-
-/* The elements belong to the bin and stay valid as long as it. */
-GstElement *
-add_element(GstBin *bin, const gchar *factory_name, GError **error)
-{
-  GstElement *element = gst_element_factory_make(factory_name, nullptr);
-
-  if (element == nullptr) {
-    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_LOCAL, "The GStreamer element '%s' is not installed.",
-                factory_name);
-    return nullptr;
-  }
-  gst_bin_add(bin, element);
-  return element;
-}
-
-void
-set_up_elements(Session *session)
-{
-  g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(METADATA_CAPS);
-  g_autoptr(GstPad) depayloader_pad = gst_element_get_static_pad(session->depayloader, "sink");
-  GstAppSinkCallbacks callbacks = {};
-
-  callbacks.new_sample = on_new_sample;
-  gst_pad_add_probe(depayloader_pad, GST_PAD_PROBE_TYPE_BUFFER, on_block_read, session, nullptr);
-  g_object_set(session->socket_source, "blocksize", READ_BLOCK_BYTES, nullptr);
-  g_object_set(session->sink, "caps", caps, "sync", FALSE, "max-buffers", 1, nullptr);
-  gst_app_sink_set_callbacks(GST_APP_SINK(session->sink), &callbacks, session, nullptr);
-}
-
-/* Built before connecting: without a pipeline the stream could not be read. */
-gboolean
-build_pipeline(Session *session, GError **error)
-{
-  g_autoptr(GError) cause = nullptr;
-  if (!gst_init_check(nullptr, nullptr, &cause)) {
-    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_LOCAL, "Could not start GStreamer: %s", cause->message);
     return FALSE;
   }
-
-  session->pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)));
-  auto *bin = GST_BIN(session->pipeline);
-  session->socket_source = add_element(bin, "fdsrc", error);
-  session->depayloader = session->socket_source != nullptr ? add_element(bin, "gdpdepay", error) : nullptr;
-  session->sink = session->depayloader != nullptr ? add_element(bin, "appsink", error) : nullptr;
-  if (session->sink == nullptr) {
-    return FALSE;
-  }
-  set_up_elements(session);
-  gst_element_link_many(session->socket_source, session->depayloader, session->sink, nullptr);
-  return TRUE;
+  count_document(session, g_bytes_get_size(document));
+  return !g_cancellable_is_cancelled(session->cancellable);
 }
 
 gboolean
@@ -361,59 +257,35 @@ on_progress_interval(gpointer user_data)
   return G_SOURCE_CONTINUE;
 }
 
-GError *
-new_ended_error(void)
+ExitStatus
+get_exit_status(const GError *cause)
 {
-  return g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_ENDED, "The daemon ended the stream.");
-}
-
-/* A read error only means that the connection has ended: the daemon closed it before it read the sync
- * request. */
-GError *
-convert_pipeline_error(GstMessage *message)
-{
-  g_autoptr(GError) cause = nullptr;
-
-  gst_message_parse_error(message, &cause, nullptr);
-  if (g_error_matches(cause, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ)) {
-    return new_ended_error();
-  }
-  return g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_MALFORMED, "The daemon's stream is malformed: %s",
-                     cause->message);
-}
-
-gboolean
-on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
-{
-  auto *session = static_cast<Session *>(user_data);
-
-  switch (GST_MESSAGE_TYPE(message)) {
-  case GST_MESSAGE_EOS:
-    finish(session, new_ended_error());
-    break;
-  case GST_MESSAGE_ERROR:
-    finish(session, convert_pipeline_error(message));
-    break;
+  switch (cause->code) {
+  case METADATA_CLIENT_ERROR_NO_CONNECTION:
+    return EXIT_STATUS_NO_CONNECTION;
+  case METADATA_CLIENT_ERROR_TIMED_OUT:
+    return EXIT_STATUS_TIMED_OUT;
+  case METADATA_CLIENT_ERROR_REFUSED:
+    return EXIT_STATUS_REFUSED;
+  case METADATA_CLIENT_ERROR_MALFORMED:
+    return EXIT_STATUS_MALFORMED;
   default:
-    break;
+    return EXIT_STATUS_ENDED;
   }
-  return G_SOURCE_CONTINUE;
+}
+
+/* A call of the client fails with an error of another domain only if it was cancelled, which finish() does
+ * after it has stored an outcome. */
+void
+finish_by_client_error(Session *session, const GError *cause)
+{
+  finish(session, g_error_new_literal(TESSARDCTL_ERROR, get_exit_status(cause), cause->message));
 }
 
 void
-start_streaming(Session *session)
+free_client(gpointer client)
 {
-  g_autoptr(GstBus) bus = gst_element_get_bus(session->pipeline);
-  constexpr auto OUTPUT_GONE = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP);
-
-  session->streaming_since_us = g_get_monotonic_time();
-  session->sources.push_back(gst_bus_add_watch(bus, on_bus_message, session));
-  session->sources.push_back(g_unix_fd_add(session->output_fd, OUTPUT_GONE, on_output_hang_up, session));
-  if (session->shows_progress) {
-    session->sources.push_back(g_timeout_add(PROGRESS_INTERVAL_MS, on_progress_interval, session));
-  }
-  g_object_set(session->socket_source, "fd", g_socket_get_fd(session->socket), nullptr);
-  gst_element_set_state(session->pipeline, GST_STATE_PLAYING);
+  metadata_client_free(static_cast<MetadataClient *>(client));
 }
 
 void
@@ -422,13 +294,60 @@ connect_in_thread(GTask *task, gpointer source_object, gpointer task_data, GCanc
   const auto *session = static_cast<const Session *>(task_data);
   g_autofree gchar *request = stream_options_build_request(session->options);
   g_autoptr(GError) error = nullptr;
-  GSocket *socket = connection_open(session->options->socket_path, request, cancellable, &error);
+  MetadataClient *client =
+      metadata_client_open(session->options->socket_path, request, 0, cancellable, &error);
 
-  if (socket != nullptr) {
-    g_task_return_pointer(task, socket, g_object_unref);
+  if (client != nullptr) {
+    g_task_return_pointer(task, client, free_client);
   } else {
     g_task_return_error(task, g_steal_pointer(&error));
   }
+}
+
+void
+stream_in_thread(GTask *task, gpointer source_object, gpointer task_data, GCancellable *cancellable)
+{
+  auto *session = static_cast<Session *>(task_data);
+  gboolean continues = TRUE;
+
+  while (continues) {
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GBytes) document = metadata_client_read(session->client, cancellable, &error);
+    continues = document != nullptr && write_document(session, document);
+    if (document == nullptr) {
+      finish_by_client_error(session, error);
+    }
+  }
+  g_task_return_boolean(task, TRUE);
+}
+
+void
+start_task(Session *session, GTaskThreadFunc run, GAsyncReadyCallback on_end)
+{
+  g_autoptr(GTask) task = g_task_new(nullptr, session->cancellable, on_end, session);
+
+  session->task_runs = TRUE;
+  g_task_set_task_data(task, session, nullptr);
+  g_task_run_in_thread(task, run);
+}
+
+void
+on_streamed(GObject *source_object, GAsyncResult *result, gpointer user_data)
+{
+  static_cast<Session *>(user_data)->task_runs = FALSE;
+}
+
+void
+start_streaming(Session *session)
+{
+  constexpr auto OUTPUT_GONE = static_cast<GIOCondition>(G_IO_ERR | G_IO_HUP);
+
+  session->streaming_since_us = g_get_monotonic_time();
+  session->sources.push_back(g_unix_fd_add(session->output_fd, OUTPUT_GONE, on_output_hang_up, session));
+  if (session->shows_progress) {
+    session->sources.push_back(g_timeout_add(PROGRESS_INTERVAL_MS, on_progress_interval, session));
+  }
+  start_task(session, stream_in_thread, on_streamed);
 }
 
 void
@@ -437,23 +356,13 @@ on_connected(GObject *source_object, GAsyncResult *result, gpointer user_data)
   auto *session = static_cast<Session *>(user_data);
   g_autoptr(GError) error = nullptr;
 
-  session->connecting = FALSE;
-  session->socket = static_cast<GSocket *>(g_task_propagate_pointer(G_TASK(result), &error));
-  if (session->socket == nullptr) {
-    finish(session, g_steal_pointer(&error));
+  session->task_runs = FALSE;
+  session->client = static_cast<MetadataClient *>(g_task_propagate_pointer(G_TASK(result), &error));
+  if (session->client == nullptr) {
+    finish_by_client_error(session, error);
   } else {
     start_streaming(session);
   }
-}
-
-void
-start_connecting(Session *session)
-{
-  g_autoptr(GTask) task = g_task_new(nullptr, session->cancellable, on_connected, session);
-
-  session->connecting = TRUE;
-  g_task_set_task_data(task, session, nullptr);
-  g_task_run_in_thread(task, connect_in_thread);
 }
 
 void
@@ -472,10 +381,9 @@ void
 tear_down(Session *session)
 {
   session->remove_sources();
-  while (session->connecting) {
+  while (session->task_runs) {
     g_main_context_iteration(nullptr, TRUE);
   }
-  gst_element_set_state(session->pipeline, GST_STATE_NULL);
   if (session->shows_progress && session->streaming_since_us != 0) {
     show_progress(session);
     session->progress.end();
@@ -491,10 +399,7 @@ run_session(Session *session)
     return command_report_outcome(error);
   }
   watch_for_end(session);
-  if (!build_pipeline(session, &error)) {
-    return command_report_outcome(error);
-  }
-  start_connecting(session);
+  start_task(session, connect_in_thread, on_connected);
   g_main_loop_run(session->loop);
   tear_down(session);
   return command_report_outcome(session->outcome);

@@ -7,6 +7,8 @@
  */
 #include "streamoptions.h"
 #include "command.h"
+#include "metadataclient.h"
+#include "metadatarequest.h"
 
 #include <array>
 #include <cmath>
@@ -15,16 +17,10 @@
 namespace
 {
 
-/* Macros, because the help text is concatenated from them. */
-#define DEFAULT_SOCKET_PATH "/run/tessard/metadata"
-#define SOCKET_VARIABLE "TESSARD_SOCKET"
-
 constexpr gchar STANDARD_OUTPUT[] = "-";
 
 constexpr gdouble MIN_TIMEOUT_SECONDS = 0.001;
 constexpr gdouble MAX_TIMEOUT_SECONDS = 30.0 * 24 * 60 * 60;
-
-constexpr gchar ESCAPED_BLANK[] = "\\040";
 
 constexpr gchar PARAGRAPH_SEPARATOR[] = "\xe2\x80\xa9";
 
@@ -49,7 +45,7 @@ constexpr gchar DESCRIPTION[] =
     "  4  --timeout expired before the daemon's reply, or before --count documents had arrived\n"
     "  5  the daemon ended the connection\n"
     "  6  the daemon sent a malformed reply or stream\n"
-    "  7  the output could not be written, or a part of GStreamer is missing";
+    "  7  the output could not be written";
 
 enum class ValueKind {
   TEXT,  /* sent escaped, so any bytes are valid */
@@ -109,7 +105,9 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
       {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel, "Video channel of --analytics and --ptz",
        "N"},
       {"socket", 0, 0, G_OPTION_ARG_FILENAME, &options->socket_path,
-       "The daemon's socket (default: $" SOCKET_VARIABLE ", or " DEFAULT_SOCKET_PATH ")", "PATH"},
+       "The daemon's socket (default: $" METADATA_CLIENT_SOCKET_VARIABLE
+       ", or " METADATA_CLIENT_DEFAULT_SOCKET ")",
+       "PATH"},
       {"count", 0, 0, G_OPTION_ARG_FILENAME, &numbers->count, "Stop after N documents", "N"},
       {"timeout", 0, 0, G_OPTION_ARG_FILENAME, &numbers->timeout,
        "Stop after SECONDS, including the time to connect; fractions are allowed", "SECONDS"},
@@ -140,15 +138,6 @@ check_one_line(const gchar *option, const gchar *value, GError **error)
     return FALSE;
   }
   return TRUE;
-}
-
-/* An empty variable counts as unset. */
-const gchar *
-get_default_socket_path(void)
-{
-  const gchar *path = g_getenv(SOCKET_VARIABLE);
-
-  return path != nullptr && *path != '\0' ? path : DEFAULT_SOCKET_PATH;
 }
 
 gboolean
@@ -195,37 +184,6 @@ parse_timeout(const gchar *text, guint *timeout_ms, GError **error)
   return TRUE;
 }
 
-/* The daemon removes white space at the end of the line and then undoes backslash escapes. Every byte that is
- * not printable ASCII is therefore escaped, so no encoding has a line end in it, and so are blanks at the
- * end. */
-void
-append_text(GString *request, const gchar *text)
-{
-  g_autofree gchar *escaped = g_strescape(text, nullptr);
-  const gsize length = strlen(escaped);
-  gsize kept = length;
-
-  while (kept > 0 && escaped[kept - 1] == ' ') {
-    kept--;
-  }
-  g_string_append_len(request, escaped, static_cast<gssize>(kept));
-  for (gsize blank = kept; blank < length; blank++) {
-    g_string_append(request, ESCAPED_BLANK);
-  }
-}
-
-void
-append_header_line(GString *request, const RequestKey &key, const gchar *value)
-{
-  g_string_append_printf(request, "%s=", key.key);
-  if (key.kind == ValueKind::TEXT) {
-    append_text(request, value);
-  } else {
-    g_string_append(request, value);
-  }
-  g_string_append_c(request, '\n');
-}
-
 } // namespace
 
 StreamOptions::~StreamOptions()
@@ -265,7 +223,7 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
     return FALSE;
   }
   if (options->socket_path == nullptr) {
-    options->socket_path = g_strdup(get_default_socket_path());
+    options->socket_path = g_strdup(metadata_client_get_default_socket());
   }
   if (g_strcmp0(options->output_path, STANDARD_OUTPUT) == 0) {
     g_clear_pointer(&options->output_path, g_free);
@@ -285,17 +243,17 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
 gchar *
 stream_options_build_request(const StreamOptions *options)
 {
-  g_autoptr(GString) request = g_string_new("OPEN\n");
+  GString *request = metadata_request_new();
 
   if (options->event || options->event_topic != nullptr || options->event_content != nullptr) {
-    g_string_append(request, "event=1\n");
+    metadata_request_add(request, "event", "1");
   }
   for (const RequestKey &key : REQUEST_KEYS) {
     const gchar *value = options->*key.value;
     if (value != nullptr) {
-      append_header_line(request, key, value);
+      const auto add = key.kind == ValueKind::TEXT ? metadata_request_add_text : metadata_request_add;
+      add(request, key.key, value);
     }
   }
-  g_string_append_c(request, '\n');
-  return g_string_free(g_steal_pointer(&request), FALSE);
+  return metadata_request_finish(request);
 }
