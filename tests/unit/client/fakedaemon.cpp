@@ -164,26 +164,27 @@ FakeDaemon::path() const
   return path_;
 }
 
-std::unique_ptr<Connection>
+Connection *
 FakeDaemon::accept()
 {
   const int fd = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
   EXPECT_GE(fd, 0) << g_strerror(errno);
-  return std::make_unique<Connection>(fd);
+  connections_.push_back(std::make_unique<Connection>(fd));
+  return connections_.back().get();
 }
 
-std::unique_ptr<Connection>
+Connection *
 FakeDaemon::accept_request()
 {
-  auto connection = accept();
+  Connection *connection = accept();
   connection->read_request();
   return connection;
 }
 
-std::unique_ptr<Connection>
+Connection *
 FakeDaemon::accept_stream()
 {
-  auto connection = accept_request();
+  Connection *connection = accept_request();
   connection->send(std::string("OK\0", 3) + stream_start());
   return connection;
 }

@@ -7,6 +7,7 @@
 #include <glib.h>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace fakedaemon
 {
@@ -65,15 +66,17 @@ public:
   FakeDaemon &operator=(const FakeDaemon &) = delete;
 
   const std::string &path() const;
-  std::unique_ptr<Connection> accept();
+  /* Accepts the next client. The end of the daemon closes the connection. */
+  Connection *accept();
   /* Accepts a client and reads its request. */
-  std::unique_ptr<Connection> accept_request();
+  Connection *accept_request();
   /* Accepts a client, reads its request, and sends "OK" and the first packets of a stream. */
-  std::unique_ptr<Connection> accept_stream();
+  Connection *accept_stream();
 
 private:
   std::string path_;
   int fd_;
+  std::vector<std::unique_ptr<Connection>> connections_;
 };
 
 } // namespace fakedaemon

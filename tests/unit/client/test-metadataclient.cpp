@@ -121,10 +121,10 @@ protected:
     return {data, size};
   }
 
-  std::unique_ptr<Connection> open_stream()
+  Connection *open_stream()
   {
     Call<Failure> opened = start_open();
-    auto connection = daemon_->accept_stream();
+    Connection *connection = daemon_->accept_stream();
     EXPECT_EQ(opened.get(), Failure());
     return connection;
   }
@@ -141,7 +141,7 @@ protected:
   Failure open_with_reply(const std::string &reply, bool close)
   {
     Call<Failure> opened = start_open();
-    auto connection = daemon_->accept_request();
+    Connection *connection = daemon_->accept_request();
     connection->send(reply.substr(0, reply.size() / 2));
     connection->send(reply.substr(reply.size() / 2));
     if (close)
@@ -169,7 +169,7 @@ protected:
 TEST_F(MetadataClientTest, SendsTheRequestAndReadsDocuments)
 {
   Call<Failure> opened = start_open("OPEN\nanalytics=2\n\n");
-  auto connection = daemon_->accept();
+  Connection *connection = daemon_->accept();
   EXPECT_EQ(connection->read_request(), "OPEN\nanalytics=2\n\n");
   connection->send("OK\0"s);
   EXPECT_EQ(opened.get(), Failure());
@@ -193,7 +193,7 @@ TEST_F(MetadataClientTest, ReadsDocumentsThatComeWithTheReply)
 TEST_F(MetadataClientTest, SendsARequestThatIsLongerThanTheSocketHolds)
 {
   Call<Failure> opened = start_open(long_request());
-  auto connection = daemon_->accept();
+  Connection *connection = daemon_->accept();
   EXPECT_EQ(connection->read(long_request().size()), long_request());
   connection->send("OK\0"s);
   EXPECT_EQ(opened.get(), Failure());
@@ -233,7 +233,7 @@ TEST_F(MetadataClientTest, ReportsTheReasonOfARefusal)
 TEST_F(MetadataClientTest, ReadsARefusalBeforeTheWholeRequestIsSent)
 {
   Call<Failure> opened = start_open(long_request());
-  auto connection = daemon_->accept();
+  Connection *connection = daemon_->accept();
   EXPECT_EQ(connection->read(5), "OPEN\n");
   connection->send("FAIL\nToo much.\0"s);
   EXPECT_EQ(opened.get(), (Failure{METADATA_CLIENT_ERROR_REFUSED, "Too much."}));
@@ -242,7 +242,7 @@ TEST_F(MetadataClientTest, ReadsARefusalBeforeTheWholeRequestIsSent)
 TEST_F(MetadataClientTest, ReadsARefusalOfADaemonThatHasHungUp)
 {
   Call<Failure> opened = start_open(long_request());
-  auto connection = daemon_->accept();
+  Connection *connection = daemon_->accept();
   connection->send("FAIL\nToo much.\0"s);
   connection->close();
   EXPECT_EQ(opened.get(), (Failure{METADATA_CLIENT_ERROR_REFUSED, "Too much."}));
@@ -283,7 +283,7 @@ TEST_F(MetadataClientTest, TimesOutWithoutAReply)
   EXPECT_EQ(open(long_request(), SHORT_US), timed_out);
 
   Call<Failure> opened = start_open(REQUEST, SHORT_US);
-  auto accepted = daemon_->accept();
+  Connection *accepted = daemon_->accept();
   accepted = daemon_->accept();
   accepted = daemon_->accept_request();
   accepted->send("O");
@@ -307,7 +307,7 @@ TEST_F(MetadataClientTest, WaitsForAPlaceInAFullQueue)
 TEST_F(MetadataClientTest, HasNoTimeLimitBehindTheReply)
 {
   Call<Failure> opened = start_open(REQUEST, 10 * G_TIME_SPAN_SECOND);
-  auto connection = daemon_->accept_stream();
+  Connection *connection = daemon_->accept_stream();
   EXPECT_EQ(opened.get(), Failure());
   Call<std::string> document_read([this] { return read(); });
   document_read.wait_until_asleep();
@@ -332,7 +332,7 @@ TEST_F(MetadataClientTest, CanBeCancelledWhileSending)
 TEST_F(MetadataClientTest, CanBeCancelledBeforeTheReply)
 {
   Call<Failure> opened = start_open();
-  auto connection = daemon_->accept_request();
+  Connection *connection = daemon_->accept_request();
   connection->send("FAIL\nhalf");
   expect_cancelled(opened);
 }
@@ -346,7 +346,7 @@ TEST_F(MetadataClientTest, CanBeCancelledInAdvance)
 
 TEST_F(MetadataClientTest, ContinuesAfterACancelledRead)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   const std::string packet = document("<whole/>");
   connection->send(packet.substr(0, HEADER_BYTES + 3));
   Call<Failure> cancelled([this] {
@@ -365,7 +365,7 @@ TEST_F(MetadataClientTest, ContinuesAfterACancelledRead)
 
 TEST_F(MetadataClientTest, ReportsTheEnd)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   connection->send(document("<a/>") + document("<cut/>").substr(0, 65));
   connection->close();
   Failure failure;
@@ -376,7 +376,7 @@ TEST_F(MetadataClientTest, ReportsTheEnd)
 
 TEST_F(MetadataClientTest, ReportsAResetAsTheEnd)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   EXPECT_TRUE(metadata_client_request_sync_point(client_));
   connection->close();
   Failure failure;
@@ -386,7 +386,7 @@ TEST_F(MetadataClientTest, ReportsAResetAsTheEnd)
 
 TEST_F(MetadataClientTest, ReportsAMalformedStream)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   connection->send(document("<a/>") + std::string(62, '\0'));
   Failure failure;
   EXPECT_EQ(read(), "<a/>");
@@ -397,7 +397,7 @@ TEST_F(MetadataClientTest, ReportsAMalformedStream)
 
 TEST_F(MetadataClientTest, ClosesTheConnectionWhenItIsFreed)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   g_clear_pointer(&client_, metadata_client_free);
   EXPECT_EQ(connection->read_to_end(), "");
 }
@@ -406,7 +406,7 @@ TEST_F(MetadataClientTest, ClosesTheConnectionWhenItIsFreed)
 
 TEST_F(MetadataClientTest, RequestsSyncPoints)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   EXPECT_TRUE(metadata_client_request_sync_point(client_));
   EXPECT_TRUE(metadata_client_request_sync_point(client_));
   EXPECT_EQ(connection->read(10), "SYNC\nSYNC\n");
@@ -414,7 +414,7 @@ TEST_F(MetadataClientTest, RequestsSyncPoints)
 
 TEST_F(MetadataClientTest, DropsSyncPointsThatTheDaemonDoesNotRead)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   gsize sent = 0;
   while (metadata_client_request_sync_point(client_))
     sent += 5;
@@ -424,7 +424,7 @@ TEST_F(MetadataClientTest, DropsSyncPointsThatTheDaemonDoesNotRead)
 
 TEST_F(MetadataClientTest, RequestsNoSyncPointFromADaemonThatHasGone)
 {
-  auto connection = open_stream();
+  Connection *connection = open_stream();
   connection->close();
   EXPECT_FALSE(metadata_client_request_sync_point(client_));
 }
