@@ -42,8 +42,9 @@ SCENE_PLUGIN = "scene"
 RADAR_PLUGIN = "radarscene"
 JSON_PLUGIN = "json2xml"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
+SOURCE_PLUGIN = "tessard"
 
-# The plug-ins of the simulated camera, and tessard's own.
+# The plug-ins of the simulated camera, and those of tessard's own that the daemon uses.
 SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN)
 OWN_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
 ALL_PLUGINS = (*SIMULATED_PLUGINS, *OWN_PLUGINS)
@@ -169,7 +170,8 @@ class Installation:
         self.tsan_glib = self._test_library("tests/tsan/libtsan-glib-preload.so")
         self.plugins = {name: self._only(f"lib*/**/tessard/sim/plugins/libgst{name}.so")
                         for name in SIMULATED_PLUGINS}
-        self.plugins |= {name: self._only(f"lib*/**/gstreamer-1.0/libgst{name}.so") for name in OWN_PLUGINS}
+        self.plugins |= {name: self._only(f"lib*/**/gstreamer-1.0/libgst{name}.so")
+                         for name in (*OWN_PLUGINS, SOURCE_PLUGIN)}
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
         self.failing_plugins = {name: self._test_library(f"tests/system/plugins/libgst{name}.so")

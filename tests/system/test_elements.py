@@ -8,7 +8,8 @@ import sys
 
 import pytest
 
-from installation import DOCUMENT_PLUGIN, JSON_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, build_option
+from installation import (DOCUMENT_PLUGIN, JSON_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, SOURCE_PLUGIN,
+                          build_option)
 from waiting import BOUND_SECONDS
 
 # Prints from GStreamer's registry the plug-ins, and the file, the rank and the texts of each element in the arguments.
@@ -77,7 +78,8 @@ def make_elements(installation, workspace, request):
 def test_elements_are_installed_in_the_plugin_folder_of_gstreamer(installation):
     folder = installation.prefix / build_option("libdir") / "gstreamer-1.0"
 
-    assert sorted(path.name for path in folder.iterdir()) == sorted(f"libgst{name}.so" for name in OWN_PLUGINS)
+    assert sorted(path.name for path in folder.iterdir()) == sorted(
+        f"libgst{name}.so" for name in (*OWN_PLUGINS, SOURCE_PLUGIN))
 
 
 def test_own_folder_has_no_plugin_of_the_platform(elements):
