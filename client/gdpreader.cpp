@@ -225,9 +225,9 @@ take_caps(GdpReader *self, GError **error)
   g_autoptr(GBytes) bytes = steal_payload(self);
   gsize size = 0;
   const auto *text = static_cast<const gchar *>(g_bytes_get_data(bytes, &size));
-  g_autofree gchar *caps = g_strndup(text, size);
+  g_autofree gchar *caps = g_strndup(text, size); /* NULL without a byte */
 
-  if (!g_utf8_validate(caps, -1, nullptr) || !is_metadata(caps)) {
+  if (caps == nullptr || !g_utf8_validate(caps, -1, nullptr) || !is_metadata(caps)) {
     return set_malformed(error, "the caps are not those of metadata.");
   }
   g_free(self->caps);

@@ -248,6 +248,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"no_caps", document("<a/>"), "a document precedes the caps."},
         Malformed{"long_caps", stream_start(std::string(GDP_READER_MAX_CAPS_BYTES, 'x')),
                   "the caps are longer than 4096 bytes."},
+        Malformed{"no_text_of_caps", packet(CAPS, ""), "the caps are not those of metadata."},
         Malformed{"empty_caps", stream_start(""), "the caps are not those of metadata."},
         Malformed{"other_caps", stream_start("application/x-other"), "the caps are not those of metadata."},
         Malformed{"longer_name", stream_start("application/x-onvif-metadata-fragment"),
