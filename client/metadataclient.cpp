@@ -19,6 +19,7 @@
 #include <gio/gunixsocketaddress.h>
 #include <glib/gstdio.h>
 #include <grp.h>
+#include <memory>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -361,17 +362,17 @@ metadata_client_open(const gchar *socket_path, const gchar *request, gint64 time
                      GCancellable *cancellable, GError **error)
 {
   const Limits limits = start_limits(timeout_us, cancellable);
-  g_autoptr(MetadataClient) self = new MetadataClient();
+  auto self = std::make_unique<MetadataClient>();
 
   self->socket = connect_to(socket_path, limits, error);
   if (self->socket == nullptr || !send_request(self->socket, request, limits, error)) {
     return nullptr;
   }
-  g_autoptr(GString) reply = read_reply(self, limits, error);
+  g_autoptr(GString) reply = read_reply(self.get(), limits, error);
   if (reply == nullptr || !check_reply(reply->str, error)) {
     return nullptr;
   }
-  return g_steal_pointer(&self);
+  return self.release();
 }
 
 /**
