@@ -26,14 +26,14 @@ const GEnumValue SPACES[] = {
 GType
 tessard_analytics_get_type(void)
 {
-  static const GEnumValue VALUES[] = {
+  static const GEnumValue values[] = {
       NOT_ASKED,
       {0, "No objects", "none"},
       {1, "Objects with bounding boxes", "boxes"},
       {2, "Objects with bounding boxes and polygons", "polygons"},
       LAST,
   };
-  static const GType type = g_enum_register_static("TessardAnalytics", VALUES);
+  static const GType type = g_enum_register_static("TessardAnalytics", values);
   return type;
 }
 
@@ -45,7 +45,7 @@ tessard_analytics_get_type(void)
 GType
 tessard_ptz_get_type(void)
 {
-  static const GEnumValue VALUES[] = {
+  static const GEnumValue values[] = {
       NOT_ASKED,
       {0, "Nothing of the PTZ head", "none"},
       {1, "Status and position", "status-and-position"},
@@ -53,7 +53,7 @@ tessard_ptz_get_type(void)
       {3, "Status only", "status"},
       LAST,
   };
-  static const GType type = g_enum_register_static("TessardPtz", VALUES);
+  static const GType type = g_enum_register_static("TessardPtz", values);
   return type;
 }
 
