@@ -10,4 +10,4 @@ plugin_init(GstPlugin *plugin)
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, tessard, "ONVIF metadata of the daemon tessard",
-                  plugin_init, VERSION, GST_LICENSE_UNKNOWN, PACKAGE, "tessard")
+                  plugin_init, VERSION, "MIT/X11", PACKAGE, "tessard")
