@@ -101,15 +101,16 @@ def time_of(sample, pipeline):
 
 def detect(pipeline, frames):
     background, tracker = Background(), Tracker()
-    while not frames.props.eos:
-        error = pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR)
-        if error:
-            sys.exit(f"{error.src.name}: {error.parse_error().gerror.message}")
+    message = None
+    while not message:
         sample = frames.emit("try-pull-sample", Gst.SECOND // 10)
         if sample:
             data = sample.get_buffer().extract_dup(0, WIDTH * HEIGHT)
             moving = background.subtract(np.frombuffer(data, np.uint8).reshape(HEIGHT, WIDTH).astype(float))
             print(json.dumps(item_of(time_of(sample, pipeline), *tracker.follow(find_boxes(moving)))), flush=True)
+        message = pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR | Gst.MessageType.EOS)
+    if message.type == Gst.MessageType.ERROR:
+        sys.exit(f"{message.src.name}: {message.parse_error().gerror.message}")
 
 
 def main():

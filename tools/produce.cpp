@@ -102,6 +102,7 @@ private:
   GError *cause = nullptr; /* why lines are dropped */
 
   gboolean ending = FALSE;
+  gboolean signalled = FALSE;
   GError *outcome = nullptr;
 };
 
@@ -448,14 +449,16 @@ Session::on_bus_closed(GDBusConnection *bus, gboolean remote_peer_vanished, GErr
 
 /* End */
 
+/* An interrupt often comes with the end of the input, because it ends the program before the pipe too. */
 gboolean
 Session::on_signal(gpointer user_data)
 {
   auto *self = static_cast<Session *>(user_data);
 
-  if (self->ending) {
+  if (self->signalled) {
     self->quit();
   } else {
+    self->signalled = TRUE;
     self->end(nullptr);
   }
   return G_SOURCE_CONTINUE;

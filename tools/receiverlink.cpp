@@ -10,7 +10,6 @@
  */
 #include "receiverlink.h"
 #include "command.h"
-#include "metadatareceiver1.h"
 #include "producerbus.h"
 
 #include <algorithm>

@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "metadatareceiver1.h"
+
 #include <gio/gio.h>
 #include <string>
 #include <vector>
@@ -25,8 +27,6 @@
 
 #define RECEIVER_LINK_BUS_NAME "com.quon.MetadataReceiver1"
 #define RECEIVER_LINK_PATH "/com/quon/MetadataReceiver1"
-
-typedef struct _MetadataReceiver1Registry MetadataReceiver1Registry;
 
 /* What is registered. The receiver checks it. */
 struct ProducerDescription {

@@ -4,14 +4,17 @@
 import datetime
 import importlib.util
 import json
+import os
 import signal
 import subprocess
 
 import jsonschema
+import lxml.etree
 import numpy
 import pytest
 
-from installation import TREE
+from daemon import NOTHING_REQUESTED
+from installation import TREE, build_folder, build_option
 from waiting import BOUND_SECONDS
 
 DETECTOR = TREE / "examples/detector.py"
@@ -167,6 +170,14 @@ def test_detector_says_what_is_wrong_with_its_source(source, status, message):
     assert message in result.stderr
 
 
+def test_detector_says_what_ends_its_video():
+    """A source that fails sends the end of the video too."""
+    result = subprocess.run([DETECTOR, "videotestsrc", "!", "identity", "error-after=5"], capture_output=True, text=True,
+                            timeout=BOUND_SECONDS, check=False)
+    assert result.returncode == 1
+    assert "Failed after iterations as requested." in result.stderr
+
+
 def mask_with(detector, *boxes):
     mask = numpy.zeros((detector.HEIGHT, detector.WIDTH), bool)
     for left, top, right, bottom in boxes:
@@ -204,3 +215,47 @@ def test_object_beyond_reach_is_another(detector):
     tracker = detector.Tracker()
     tracker.follow([(10, 10, 20, 20)])
     assert tracker.follow([(100, 10, 110, 20)]) == ({2: (100, 10, 110, 20)}, [])
+
+
+# Clients
+
+# In front of the reason in the daemon's reply.
+REFUSED = "FAIL\n"
+
+CLIENTS = [TREE / "examples/client.py", build_folder() / "examples/client"]
+
+
+@pytest.fixture
+def run_client(installation, daemon):
+    """Starts a client of the daemon with the installed elements."""
+    started = []
+
+    def start(client, *properties):
+        environment = os.environ | {"TESSARD_SOCKET": str(daemon.socket_path), "GST_PLUGIN_PATH": str(
+            installation.prefix / build_option("libdir") / "gstreamer-1.0")}
+        process = subprocess.Popen([client, *properties], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                   env=environment)
+        started.append(process)
+        return process
+
+    yield start
+    for process in started:
+        process.kill()
+        process.communicate(timeout=BOUND_SECONDS)
+
+
+@pytest.mark.parametrize("client", CLIENTS, ids=lambda client: client.name)
+def test_client_prints_documents(run_client, client):
+    process = run_client(client, "event=true")
+    for _ in range(3):
+        root = lxml.etree.fromstring(process.stdout.readline().encode())
+        assert root.tag == "{http://www.onvif.org/ver10/schema}MetadataStream"
+        assert len(root) > 0
+
+
+@pytest.mark.parametrize("client", CLIENTS, ids=lambda client: client.name)
+def test_client_prints_the_reason_of_the_daemon(run_client, client):
+    process = run_client(client, "analytics=none")
+    out, err = process.communicate(timeout=BOUND_SECONDS)
+    assert (process.returncode, out) == (1, "")
+    assert err == f"{client.name}: {NOTHING_REQUESTED.removeprefix(REFUSED)}\n"

@@ -12,14 +12,15 @@ import time
 import pytest
 from gi.repository import GLib
 
+import fakereceiver
 from external import (ANALYTICS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, expect_frames, numbered,
                       wait_until_listed)
 from fakeregistry import FakeRegistry, accept, refuse
 from installation import BUS_CONFIGURATION, TREE, Bus, defined_limits
-from receiverclient import ReceiverClient, Stream
+from receiverclient import NAME, ReceiverClient, Stream
 from receiverprocess import LIMITS, REGISTRY, Application, Receiver, unread_bytes
 from tessardctl import ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, TIMED_OUT, Tessardctl, failure
-from waiting import BOUND_SECONDS, suspended, wait_until
+from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
 
 MINE = "Mine"
 
@@ -34,6 +35,9 @@ SILENT = "The receiver does not read."
 POLICY_REFUSAL = ("The bus policy refused the call: only root and members of the group 'tessard-producer' can register "
                   "producers.")
 
+
+# Of standard input, output and error.
+STANDARD_PIPES = 3
 
 # Lines of a kilobyte: more than a pipe holds.
 FLOOD = 300
@@ -112,8 +116,8 @@ def produce_fake(start_produce, registry):
 
 
 def send(producer, *lines):
-    producer.process.stdin.write("".join(f"{line}\n" for line in lines).encode())
-    producer.process.stdin.flush()
+    """Writes lines, with a time limit."""
+    fakereceiver.Stream(producer.process.stdin.fileno(), None).write("".join(f"{line}\n" for line in lines).encode())
 
 
 def flood(producer):
@@ -143,14 +147,26 @@ def unread(producer):
 def is_deaf(producer):
     """Whether it reads its input no more."""
     send(producer, "")
-    return unread(producer) > 100
+    return wait_until_settled(lambda: unread(producer), "the input is read or not", seconds=0.5) > 0
 
 
 def start_registered(start_produce, reader, *args, **arguments):
     """Starts it with a sample frame, so that it registers before the first line."""
     producer = start_produce(MINE, "--sample", str(TREE / "examples/detector-sample.json"), *args, **arguments)
     wait_for_names(reader, MINE)
+    channels = args.count("--channel") or 1
+    wait_until(lambda: len(pipes_of(producer)) == STANDARD_PIPES + channels, "the channels are open")
     return producer
+
+
+def pipes_of(producer):
+    """The pipes that it has open."""
+    folder = f"/proc/{producer.process.pid}/fd"
+    found = []
+    for fd in os.listdir(folder):
+        with contextlib.suppress(FileNotFoundError):
+            found.append(os.readlink(f"{folder}/{fd}"))
+    return [target for target in found if target.startswith("pipe:")]
 
 
 def texts(count, start=0):
@@ -290,9 +306,7 @@ def test_line_without_an_end_takes_no_memory(receiver, reader, start_produce):
     producer = start_registered(start_produce, reader)
     before = peak()
     stream = reader.open(MINE)
-    for _ in range(64):
-        producer.process.stdin.write(b"x" * MAX_LINE)
-    send(producer, "", numbered(1))
+    send(producer, "x" * (64 * MAX_LINE), numbered(1))
     expect_messages(stream, [numbered(1)])
     assert peak() - before < 16 * MAX_LINE
     assert stderr_of(producer, 1) == b"tessardctl: Line 1 is skipped: it is too long.\n"
@@ -382,8 +396,8 @@ def test_receiver_that_is_killed_and_restarted(receiver, reader, start_produce):
     wait_for_names(reader, MINE)
     stream = reader.open(MINE)
     number = send_until_taken(producer, stream)
-    again = re.fullmatch(rb"tessardctl: The receiver takes lines again; dropped lines: (\d+)\.\n", stderr_of(producer, 1))
-    assert len(lines) <= int(again[1]) <= len(lines) + number
+    dropped = int(re.fullmatch(rb"tessardctl: .*; dropped lines: (\d+)\.\n", stderr_of(producer, 1))[1])
+    assert len(lines) <= dropped <= len(lines) + number
     assert producer.finish() == (SUCCESS, b"", b"")
 
 
@@ -471,7 +485,8 @@ def test_bus_that_goes(installation, start_bus, start_produce):
         send(producer, "{}")
         wait_until(lambda: any("is registered" in text for _, text in receiver.log.lines), "it is registered")
         own_bus.stop()
-        assert producer.finish().status == ENDED
+        assert producer.process.wait(BOUND_SECONDS) == ENDED
+        assert producer.finish().err.endswith(b"tessardctl: The bus closed the connection.\n")
         receiver.wait()
         receiver.take_warnings(1)
     finally:
@@ -633,6 +648,39 @@ def test_registration_that_is_accepted_at_the_end_is_ended(registry, produce_fak
     calls[0].reply()
     assert producer.finish() == (SUCCESS, b"", b"")
     assert registry.calls == ["RegisterProducer", "UnregisterProducer"]
+
+
+def test_signal_after_the_end_of_the_input(registry, produce_fake):
+    """An interrupt of the terminal ends the program before the pipe too: it is no second signal."""
+    calls = []
+    registry.handlers["UnregisterProducer"].put(calls.append)
+    producer = produce_fake()
+    _, stream = next_channel(registry)
+    producer.process.stdin.close()
+    producer.process.stdin = None
+    wait_until(lambda: calls, "it unregisters")
+    producer.kill()
+    assert wait_until_settled(producer.process.poll, "it waits for the reply", seconds=0.5) is None
+    calls[0].reply()
+    assert producer.finish() == (SUCCESS, b"", b"")
+    stream.close()
+
+
+def test_receiver_that_leaves_the_bus(registry, produce_fake):
+    """Its channels are closed, also when it keeps them open itself."""
+    producer = produce_fake()
+    _, stream = next_channel(registry)
+    assert stream.message() == numbered(0).encode()
+    registry.client.release(NAME)
+    assert stderr_of(producer, 1) == dropping(ABSENT)
+    stream.expect_end()
+    stream.close()
+
+    registry.client.own(NAME)
+    _, stream = next_channel(registry)
+    send_until_taken(producer, stream)
+    assert registry.calls == 2 * ["RegisterProducer", "OpenChannel"]
+    stream.close()
 
 
 # Messages
