@@ -24,12 +24,6 @@ from waiting import BOUND_SECONDS  # noqa: E402
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 
-# Whether the installed programs have AddressSanitizer, which is slow and has its own allocator.
-SANITIZED = "ASAN_OPTIONS" in os.environ
-
-# A sanitizer's allocator keeps freed memory.
-needs_allocator = pytest.mark.skipif(SANITIZED, reason="a sanitizer's allocator is in use")
-
 UNPRIVILEGED_USER = "nobody"
 UNPRIVILEGED_GROUP = "nogroup"
 
@@ -80,6 +74,14 @@ def build_option(name):
     """The value of an option that the build folder is configured with."""
     options = json.loads((build_folder() / "meson-info/intro-buildoptions.json").read_text(encoding="utf-8"))
     return next(option["value"] for option in options if option["name"] == name)
+
+
+# Whether the installed programs have AddressSanitizer, which is slow and has its own allocator. Meson sets its variables
+# for every test.
+SANITIZED = "address" in build_option("b_sanitize")
+
+# A sanitizer's allocator keeps freed memory.
+needs_allocator = pytest.mark.skipif(SANITIZED, reason="a sanitizer's allocator is in use")
 
 
 def staged_prefix(stage):
