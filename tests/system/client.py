@@ -21,10 +21,12 @@ from waiting import BOUND_SECONDS, wait_until_settled  # noqa: E402
 
 # Looked up here: PyGObject looks them up at first use, which is not safe in several threads at once.
 SAMPLE, BUFFER = Gst.Sample, Gst.Buffer
+PLAYING, NULL, ERROR = Gst.State.PLAYING, Gst.State.NULL, Gst.MessageType.ERROR
 
 METADATA_CAPS = "application/x-onvif-metadata"
 
 REPLY_MAX_BYTES = 256 * 1024
+
 
 
 def header(**fields):
@@ -174,7 +176,7 @@ class Stream:
         # The pipeline's own descriptor can outlive the client's.
         self.connection = connection.dup()
         self.pipeline.get_by_name("source").set_property("fd", self.connection.fileno())
-        self.pipeline.set_state(Gst.State.PLAYING)
+        self.pipeline.set_state(PLAYING)
 
     def read_no_further_than(self, count):
         """Stops reading while `count` documents have not been taken."""
@@ -195,7 +197,7 @@ class Stream:
         return buffer.extract_dup(0, buffer.get_size())
 
     def _fail_unless_ended(self, seconds):
-        message = self.pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR)
+        message = self.pipeline.get_bus().pop_filtered(ERROR)
         assert message is None, f"the stream is broken: {message.parse_error()}"
         assert self.sink.get_property("eos"), f"no document within {seconds} s"
 
@@ -228,5 +230,5 @@ class Stream:
                 pass
 
     def close(self):
-        self.pipeline.set_state(Gst.State.NULL)
+        self.pipeline.set_state(NULL)
         self.connection.close()
