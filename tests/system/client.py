@@ -28,7 +28,6 @@ METADATA_CAPS = "application/x-onvif-metadata"
 REPLY_MAX_BYTES = 256 * 1024
 
 
-
 def header(**fields):
     """Returns header lines: header(ptz=1, video_channel=2)."""
     return "".join(f"{key}={value}\n" for key, value in fields.items())

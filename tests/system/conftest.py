@@ -41,6 +41,15 @@ from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
 
 
+# The files that take longest. They run first, so that none of them is left for one session at the end.
+LONGEST = ("test_external_storms", "test_external_streams", "test_shortage", "test_scenes", "test_tidy", "test_saving",
+           "test_tessardctl_produce", "test_external_receiver", "test_tessardctl_completion", "test_demo")
+
+
+def pytest_collection_modifyitems(items):
+    items.sort(key=lambda item: LONGEST.index(item.path.stem) if item.path.stem in LONGEST else len(LONGEST))
+
+
 @pytest.fixture(scope="session")
 def workspace():
     made = Workspace()
