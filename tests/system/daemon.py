@@ -465,9 +465,11 @@ class Daemon:
         return (self.processor_seconds() - before) / seconds
 
     def private_bytes(self):
-        """Its memory that is not shared with other processes."""
+        """Its own memory. Clean pages of files do not count: they become private and shared as other daemons end and
+        start."""
         rollup = (self.proc / "smaps_rollup").read_text(encoding="ascii")
-        return 1024 * sum(map(int, re.findall(r"^Private_(?:Clean|Dirty): +(\d+) kB$", rollup, re.MULTILINE)))
+        (kib,) = re.findall(r"^Private_Dirty: +(\d+) kB$", rollup, re.MULTILINE)
+        return 1024 * int(kib)
 
     def resident_bytes(self):
         return int(self.status_field("VmRSS").split()[0]) * 1024
