@@ -694,6 +694,22 @@ on_first_data(GstPad *pad, GstPadProbeInfo *info, gpointer user_data)
   return GST_PAD_PROBE_OK;
 }
 
+/* Logs the warnings that an element has posted before the end, and that are not dispatched yet. */
+void
+log_last_warnings(ConnectionManager *conn)
+{
+  constexpr guint LAST_WARNINGS = 64;
+  g_autoptr(GstBus) bus = gst_pipeline_get_bus(GST_PIPELINE(conn->priv->pipeline));
+
+  for (guint i = 0; i < LAST_WARNINGS; i++) {
+    g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus, GST_MESSAGE_WARNING);
+    if (message == nullptr) {
+      return;
+    }
+    element_warnings_log(message);
+  }
+}
+
 gboolean
 on_socket(gint fd, GIOCondition condition, gpointer user_data)
 {
@@ -704,6 +720,7 @@ on_socket(gint fd, GIOCondition condition, gpointer user_data)
     return G_SOURCE_CONTINUE;
   }
   if (!read_client_input(conn, &syncs)) {
+    log_last_warnings(conn);
     end(conn, StopSide::SOCKET, CONNECTION_MANAGER_STATUS_STOPPED);
     return G_SOURCE_REMOVE;
   }

@@ -232,6 +232,21 @@ TEST_F(ConnectionManagerTest, IgnoresOtherMessagesOfThePipeline)
   request_sync_point(&connection);
 }
 
+TEST_F(ConnectionManagerTest, LogsAWarningBeforeAHangUp)
+{
+  Connection connection(Behaviour::ONE_BUFFER);
+  connection.stream();
+  connection.release();
+
+  GST_ELEMENT_WARNING(connection.source, STREAM, FAILED, ("Not so bad"), (nullptr));
+  connection.client.hang_up();
+  connection.expect_gone();
+  EXPECT_EQ(testhost::take_syslog(),
+            (SyslogLines{{LOG_WARNING,
+                          "Warning from TestSource in metadata connection manager pipeline: Not so bad"}}));
+  rate_limited_log_flush();
+}
+
 TEST_F(ConnectionManagerTest, EndsWithTheStream)
 {
   GstElement *source = gst_element_factory_make("appsrc", nullptr);
