@@ -13,7 +13,7 @@
  * The other fields of the header describe a buffer in the daemon's pipeline, whose clock the client does not
  * know. Of the events only the end of the stream has a meaning for a client.
  *
- * Memory: a payload grows as it arrives, whatever length its header announces.
+ * Memory: a payload grows as it arrives; its header's length reserves nothing.
  */
 #include "gdpreader.h"
 

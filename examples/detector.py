@@ -131,7 +131,7 @@ def main():
     pipeline.set_state(Gst.State.PLAYING)
     try:
         detect(pipeline, frames)
-    except BrokenPipeError:  # nobody reads on
+    except BrokenPipeError:  # the reader has closed the pipe
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     finally:
         pipeline.set_state(Gst.State.NULL)

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include "registration.h"
 
-/* GStreamer finds elements by name alone, whatever their rank, and of several plug-ins with an element of the
- * same name the last one that registers it has it. */
+/* GStreamer finds elements by name alone, not by rank. Of several plug-ins with an element of the same name,
+ * the last one that registers it has it. */
 
 namespace plugins
 {

@@ -195,8 +195,8 @@ struct Change {
   Change &operator=(const Change &) = delete;
 };
 
-/* Reports a missing producer before an unsupported channel, and that before a name that is too long, whatever
- * their order in the call. */
+/* Reports a missing producer before an unsupported channel, and that before a name that is too long. Their
+ * order in the call does not matter. */
 gboolean
 validate_producers(AnalyticsProducerList *producers, GVariant *wanted, GError **error)
 {

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* Formats producers for people and for programs. A table has one line for each channel of a producer, and no
- * control character, whatever the texts of the bus contain.
+ * control character, even if a text of the bus contains one.
  */
 #include "producertable.h"
 #include "documentformat.h"

@@ -60,9 +60,9 @@ def start_detector():
 
 @pytest.fixture(scope="module")
 def detector():
-    specification = importlib.util.spec_from_file_location("detector", DETECTOR)
-    module = importlib.util.module_from_spec(specification)
-    specification.loader.exec_module(module)
+    loadable = importlib.util.spec_from_file_location("detector", DETECTOR)
+    module = importlib.util.module_from_spec(loadable)
+    loadable.loader.exec_module(module)
     return module
 
 

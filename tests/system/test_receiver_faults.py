@@ -68,6 +68,7 @@ def test_time_for_an_incomplete_message_is_limited(receiver, application, receiv
     cut.write(message("never complete")[:2])
     for _ in range(4):
         slow.write(message("slow")[:5])
+        # Not to synchronise: four messages of 3 s take longer together than one may take.
         time.sleep(3)
         slow.write(message("slow")[5:])
 
