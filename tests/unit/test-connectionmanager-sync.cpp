@@ -260,6 +260,7 @@ TEST_F(ConnectionManagerTest, NothingStartsBehindTheDocumentWhileAPipelineStops)
   connection.stream_until_stuck();
   gst_element_set_state(connection.pipeline(), GST_STATE_PAUSED);
   ASSERT_TRUE(testhost::spin_until([&] { return GST_STATE(connection.pipeline()) == GST_STATE_PAUSED; }));
+  connection.wait_until_stuck();
   ASSERT_TRUE(connection.client.send("SYNC\n"));
   ASSERT_TRUE(wait_for_events(1));
   ConcurrentStart concurrent_start(connection.pipeline());

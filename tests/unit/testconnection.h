@@ -119,22 +119,19 @@ public:
     wait_until_stuck();
   }
 
-  /* Waits until the client's socket and the queue are full. */
+  /* Waits until the client's socket and the queue are full and the source waits for room. */
   void wait_until_stuck() const
   {
     GstElement *queue = element_behind(element_behind(source));
     guint max_bytes = 0;
-    gint64 full_since_us = 0;
+    testhost::IdleThreads idle_threads;
 
     ASSERT_NE(g_object_class_find_property(G_OBJECT_GET_CLASS(queue), "current-level-bytes"), nullptr);
     g_object_get(queue, "max-size-bytes", &max_bytes, nullptr);
     ASSERT_TRUE(testhost::spin_until([&] {
       guint bytes = 0;
       g_object_get(queue, "current-level-bytes", &bytes, nullptr);
-      const bool full = bytes + testelements::BIG_BUFFER_BYTES > max_bytes;
-      const gint64 now_us = g_get_monotonic_time();
-      full_since_us = full && full_since_us != 0 ? full_since_us : now_us;
-      return full && now_us - full_since_us > SHORT_US;
+      return bytes + testelements::BIG_BUFFER_BYTES > max_bytes && idle_threads.for_us(SHORT_US);
     }));
   }
 

@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gio/gio.h>
-#include <map>
 #include <string_view>
 #include <syslog.h>
 #include <unistd.h>
@@ -324,6 +323,28 @@ wait_until_asleep(pid_t tid)
     g_thread_yield();
   }
   return false;
+}
+
+bool
+IdleThreads::for_us(gint64 period_us)
+{
+  std::map<pid_t, std::string> sleeps;
+  bool asleep = true;
+
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+    const pid_t tid = std::stoi(task.path().filename());
+    if (tid != gettid()) {
+      const Sleep sleep = sleep_of(tid);
+      asleep = asleep && sleep.asleep;
+      sleeps[tid] = sleep.count;
+    }
+  }
+  const gint64 now_us = g_get_monotonic_time();
+  if (!asleep || sleeps != sleeps_) {
+    since_us_ = now_us;
+  }
+  sleeps_ = std::move(sleeps);
+  return now_us - since_us_ >= period_us;
 }
 
 bool

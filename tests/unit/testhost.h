@@ -14,6 +14,7 @@
 #include <functional>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <ostream>
 #include <set>
 #include <string>
@@ -65,6 +66,18 @@ void dispatch_ready();
 /* Waits until the thread @tid of this process sleeps for longer than a thread that waits for a contended
  * lock. FALSE when it does not within the bound. Any other thread. */
 bool wait_until_asleep(pid_t tid);
+
+/* Tells when all other threads of the process wait for something that only the calling thread can cause. */
+class IdleThreads
+{
+public:
+  /* Whether all other threads have slept since at least @period_us before, without a break. Called often. */
+  bool for_us(gint64 period_us);
+
+private:
+  std::map<pid_t, std::string> sleeps_;
+  gint64 since_us_ = g_get_monotonic_time();
+};
 
 /* Waits until the calling thread's current cancellable is cancelled. FALSE when there is none, or it is not
  * within the bound. */
