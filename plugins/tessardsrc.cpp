@@ -43,6 +43,7 @@ struct Properties {
 
 struct State {
   Properties properties;
+  GThread *pausing_thread; /* atomic: the thread that changes the state to PAUSED, or NULL */
 
   GMutex lock;
   GCond cond; /* signalled when one of the next three changes */
@@ -343,12 +344,22 @@ make_buffer(TessardSrc *self, GBytes *document, GstBuffer **buffer)
 
 /* Steps of the streaming thread */
 
-/* Called with the lock held. Returns when the source is PLAYING, without a connection if it was not, and when
- * unlock() is called. */
-void
-wait_for_playing(State *state, guint unlock_count)
+/* Called with the lock held. The pad flushes before unlock() is called for a flush or a stop. GStreamer 1.26
+ * calls unlock_stop() in the streaming thread before create(), so possibly too late: after that unlock(). */
+gboolean
+must_return(TessardSrc *self, guint unlock_count)
 {
-  while (!state->is_playing && !state->is_unlocked && state->unlock_count == unlock_count) {
+  return self->state->is_unlocked || self->state->unlock_count != unlock_count ||
+         GST_PAD_IS_FLUSHING(GST_BASE_SRC_PAD(self));
+}
+
+/* Called with the lock held. Returns when the source is PLAYING, without a connection if it was not, and when
+ * create() has to return. */
+void
+wait_for_playing(TessardSrc *self, guint unlock_count)
+{
+  State *state = self->state;
+  while (!state->is_playing && !must_return(self, unlock_count)) {
     drop_client(state);
     g_cond_wait(&state->cond, &state->lock);
   }
@@ -358,11 +369,12 @@ wait_for_playing(State *state, guint unlock_count)
  *
  * Returns: (transfer full) (nullable): the cancellable; %NULL if create() has to return */
 GCancellable *
-begin_step(State *state, guint unlock_count)
+begin_step(TessardSrc *self, guint unlock_count)
 {
+  State *state = self->state;
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&state->lock);
-  wait_for_playing(state, unlock_count);
-  if (state->is_unlocked || state->unlock_count != unlock_count) {
+  wait_for_playing(self, unlock_count);
+  if (must_return(self, unlock_count)) {
     return nullptr;
   }
   if (g_cancellable_is_cancelled(state->cancellable)) {
@@ -377,7 +389,7 @@ GstFlowReturn
 create_buffer(TessardSrc *self, guint unlock_count, GstBuffer **buffer)
 {
   while (true) {
-    g_autoptr(GCancellable) cancellable = begin_step(self->state, unlock_count);
+    g_autoptr(GCancellable) cancellable = begin_step(self, unlock_count);
     if (cancellable == nullptr) {
       return GST_FLOW_FLUSHING;
     }
@@ -560,14 +572,29 @@ tessard_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *p
   }
 }
 
+/* GStreamer 1.26 calls unlock() for a pause too, earlier versions do not. If create() returned for it, the
+ * base class would pause the streaming task afterwards, and the change to PLAYING, which starts the task, can
+ * come before that. So unlock() has no effect on this thread: set_playing() has ended the step. */
+static GstStateChangeReturn
+pause(GstElement *element)
+{
+  State *state = TESSARD_SRC(element)->state;
+  set_playing(state, FALSE);
+  g_atomic_pointer_set(&state->pausing_thread, g_thread_self());
+  const GstStateChangeReturn result =
+      GST_ELEMENT_CLASS(tessard_src_parent_class)->change_state(element, GST_STATE_CHANGE_PLAYING_TO_PAUSED);
+  g_atomic_pointer_set(&state->pausing_thread, nullptr);
+  return result;
+}
+
 static GstStateChangeReturn
 tessard_src_change_state(GstElement *element, GstStateChange transition)
 {
-  State *state = TESSARD_SRC(element)->state;
+  if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
+    return pause(element);
+  }
   if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
-    set_playing(state, TRUE);
-  } else if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
-    set_playing(state, FALSE);
+    set_playing(TESSARD_SRC(element)->state, TRUE);
   }
   return GST_ELEMENT_CLASS(tessard_src_parent_class)->change_state(element, transition);
 }
@@ -619,6 +646,9 @@ static gboolean
 tessard_src_unlock(GstBaseSrc *src)
 {
   State *state = TESSARD_SRC(src)->state;
+  if (g_atomic_pointer_get(&state->pausing_thread) == g_thread_self()) {
+    return TRUE;
+  }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&state->lock);
   state->is_unlocked = TRUE;
   state->unlock_count++;
