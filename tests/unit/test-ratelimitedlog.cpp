@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr gint64 LONGER_THAN_A_TEST_US = G_TIME_SPAN_DAY;
-constexpr gint64 SHORT_US = 20 * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 SHORT_US = 100 * G_TIME_SPAN_MILLISECOND;
 
 class RateLimitedLogTest : public testhost::Fixture
 {
