@@ -2,7 +2,8 @@
 """The fixtures of the system tests.
 
 The daemon comes from a staged installation: TESSARD_STAGE names its root; without it the tests stage the build folder
-that TESSARD_BUILD names (default: build-desk/). The build folder has the tests' own libraries. Each daemon has its
+that TESSARD_BUILD names (default: build-desk/). TESSARD_PLAIN_STAGE names an installation without a sanitizer, if the
+first one has one. The build folder has the tests' own libraries. Each daemon has its
 producers.conf in its working folder: if the option producers_conf is an absolute path, the tests use a second daemon
 that differs in this path only. With ONVIF_SCHEMA_DIR each received document is validated against the official
 schemas."""
@@ -138,13 +139,15 @@ def fast_daemon(start_daemon):
 
 
 @pytest.fixture
-def start_camera(installation, bus):
+def start_camera(installation, bus, request):
     """Starts the simulated camera's services with the given options, by default on the session's bus and without
     external producers; see SimulatedCamera for the arguments."""
+    is_subject = request.path.stem.startswith("test_simcamera")
+    program = installation.simcamera if is_subject else installation.plain_simcamera
     with contextlib.ExitStack() as started:
 
         def start(*options, on=bus, producers="", **arguments):
-            camera = SimulatedCamera(installation, on, *options, producers=producers, **arguments)
+            camera = SimulatedCamera(installation, on, *options, producers=producers, program=program, **arguments)
             started.callback(camera.finish)
             camera.wait_until_ready()
             return camera

@@ -41,6 +41,7 @@ SOURCE_PLUGIN = "tessard"
 # The plug-ins of the simulated camera, and those of tessard's own that the daemon uses.
 SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN)
 OWN_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
+SIMCAMERA = "lib*/**/tessard/sim/simcamera"
 ALL_PLUGINS = (*SIMULATED_PLUGINS, *OWN_PLUGINS)
 
 # Plug-ins for requests for events.
@@ -165,7 +166,10 @@ class Installation:
         self.workspace = workspace
         self.prefix = staged_prefix(stage)
         self.tessard = self._daemon()
-        self.simcamera = self._only("lib*/**/tessard/sim/simcamera")
+        self.simcamera = self._only(SIMCAMERA)
+        # Where the camera is not the subject of a test, a sanitizer in it would only take time.
+        plain_stage = os.environ.get("TESSARD_PLAIN_STAGE")
+        self.plain_simcamera = only(staged_prefix(pathlib.Path(plain_stage)), SIMCAMERA) if plain_stage else self.simcamera
         self.bus_policy = self.prefix / build_option("datadir") / "dbus-1/system.d/com.quon.MetadataServer1.conf"
         self.testhost = self._test_library("tests/system/preload/libtesthost.so")
         # Only a build with the thread sanitizer has it.
@@ -181,8 +185,7 @@ class Installation:
         self.plugin_environments = {}
 
     def _only(self, pattern):
-        (path,) = self.prefix.glob(pattern)
-        return path
+        return only(self.prefix, pattern)
 
     def _daemon(self):
         """The installed daemon, or the tests' own if the installed one has an absolute path of producers.conf."""
@@ -291,6 +294,12 @@ class Bus:
             self.process.wait(BOUND_SECONDS)
             self.process.stdout.close()
         self.process = None
+
+
+def only(prefix, pattern):
+    """The one file of an installation that matches the pattern."""
+    (path,) = prefix.glob(pattern)
+    return path
 
 
 def make_stage(workspace):

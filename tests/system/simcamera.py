@@ -40,10 +40,12 @@ class SimulatedCamera:
     bus: its system bus
     producers: its built-in external producers, separated by commas; None for all
     stdin: its standard input; None for a closed one
-    variables: additional environment variables"""
+    variables: additional environment variables
+    program: the path of simcamera; None for the installed one"""
 
-    def __init__(self, installation, bus, *options, producers=None, stdin=subprocess.DEVNULL, variables=None):
-        self.program = str(installation.simcamera)
+    def __init__(self, installation, bus, *options, producers=None, stdin=subprocess.DEVNULL, variables=None,
+                 program=None):
+        self.program = str(program or installation.simcamera)
         self.environment = {
             "PATH": os.environ["PATH"],
             "LC_ALL": "C.UTF-8",

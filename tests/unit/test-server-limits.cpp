@@ -483,7 +483,7 @@ TEST_P(ServerAcceptTest, BacksOffAndServesTheConnectionLater)
   {
     const gint64 begin_us = g_get_monotonic_time();
     const faults::Accepts failing(error_number);
-    EXPECT_TRUE(testhost::spin_until([&] { return failing.count() >= 3 * calls; }));
+    EXPECT_TRUE(testhost::spin_until([&, calls = calls] { return failing.count() >= 3 * calls; }));
 
     const gint64 wake_ups = failing.count() / calls;
     EXPECT_LE(wake_ups, 1 + (g_get_monotonic_time() - begin_us) / BACKOFF_US);
