@@ -231,8 +231,9 @@ def run_client(installation, daemon):
     started = []
 
     def start(client, *properties):
-        environment = os.environ | {"TESSARD_SOCKET": str(daemon.socket_path), "GST_PLUGIN_PATH": str(
-            installation.prefix / build_option("libdir") / "gstreamer-1.0")}
+        plugins = installation.prefix / build_option("libdir") / "gstreamer-1.0"
+        environment = os.environ | {"TESSARD_SOCKET": str(daemon.socket_path), "GST_PLUGIN_PATH": str(plugins),
+                                    "LD_PRELOAD": str(installation.testhost)}
         process = subprocess.Popen([client, *properties], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                    env=environment)
         started.append(process)
