@@ -41,6 +41,12 @@ MATRIX=("g++ release" "g++ plain" "g++ release lto" "clang++ release" "clang++ d
 
 declare -A C_COMPILERS=([g++]=gcc [clang++]=clang)
 
+# Meson itself puts ccache before a compiler that it selects, but not before a named one.
+CACHED=
+if command -v ccache >/dev/null; then
+  CACHED="ccache "
+fi
+
 # How much of the default configuration is built: what is installed on a camera, or all. Precompiled headers would hide
 # that a test does not include what it uses.
 MATRIX_PRODUCT=(-Dsim=false -Dtests=false -Ddocs=false)
@@ -53,7 +59,7 @@ configure_anew() (
   shift 3
   [ "$type" != plain ] || eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
   rm -rf -- "$build"
-  CC=${C_COMPILERS[$compiler]} CXX=$compiler meson setup "$@" "$build" "$TOP"
+  CC=$CACHED${C_COMPILERS[$compiler]} CXX=$CACHED$compiler meson setup "$@" "$build" "$TOP"
 )
 
 # Builds one kind of the matrix, with warnings as errors: the kind, further options.
