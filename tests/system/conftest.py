@@ -12,6 +12,7 @@ import contextlib
 import functools
 import os
 import pathlib
+import signal
 
 import pytest
 
@@ -41,6 +42,9 @@ from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
 
+
+# nohup makes programs ignore it, and those that the tests start would inherit that.
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 # The files that take longest. They run first, so that none of them is left for one session at the end.
 LONGEST = ("test_external_storms", "test_external_streams", "test_shortage", "test_scenes", "test_tidy", "test_saving",

@@ -410,7 +410,7 @@ GThreadPool *__wrap_g_thread_pool_new_full(GFunc function, gpointer user_data, G
 gboolean __real_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error);
 gboolean __wrap_g_thread_pool_push(GThreadPool *pool, gpointer item, GError **error);
 ConnectionManager *__real_connection_manager_new(GList *src_lists, int fd);
-ConnectionManager *__wrap_connection_manager_new(GList *src_lists, int fd);
+TESTHOST_REPLACEMENT ConnectionManager *__wrap_connection_manager_new(GList *src_lists, int fd);
 RequestReader *__real_request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,
                                          gpointer user_data);
 RequestReader *__wrap_request_reader_new(int fd, gsize max_bytes, guint timeout_ms, RequestReaderFunc on_end,

@@ -95,11 +95,13 @@ bool no_source = false;
 } // namespace
 
 extern "C" {
-gboolean __wrap_dbus_client_connect_producer(const gchar *producer_name, const gchar *source_name,
-                                             gint channel, GCancellable *cancellable, DbusClientFdFunc on_fd,
-                                             gpointer user_data, GDestroyNotify user_data_free);
+TESTHOST_REPLACEMENT gboolean __wrap_dbus_client_connect_producer(const gchar *producer_name,
+                                                                  const gchar *source_name, gint channel,
+                                                                  GCancellable *cancellable,
+                                                                  DbusClientFdFunc on_fd, gpointer user_data,
+                                                                  GDestroyNotify user_data_free);
 ExternalSrc *__real_external_src_new(void);
-ExternalSrc *__wrap_external_src_new(void);
+TESTHOST_REPLACEMENT ExternalSrc *__wrap_external_src_new(void);
 }
 
 gboolean

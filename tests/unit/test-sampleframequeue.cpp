@@ -170,7 +170,7 @@ protected:
 #pragma GCC visibility push(default)
 extern "C" {
 
-gchar *__wrap_sample_frame_convert(gchar **json, const gchar *producer_name);
+TESTHOST_REPLACEMENT gchar *__wrap_sample_frame_convert(gchar **json, const gchar *producer_name);
 guint __wrap_g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer user_data);
 GThread *__real_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
 GThread *__wrap_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);

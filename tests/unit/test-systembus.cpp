@@ -25,7 +25,7 @@ std::atomic<int> filters_added;
 
 extern "C" {
 void __real_descriptor_filter_add(GDBusConnection *connection);
-void __wrap_descriptor_filter_add(GDBusConnection *connection);
+TESTHOST_REPLACEMENT void __wrap_descriptor_filter_add(GDBusConnection *connection);
 }
 
 void

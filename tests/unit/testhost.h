@@ -22,6 +22,14 @@
 #include <sys/types.h>
 #include <vector>
 
+/* For a function that the linker puts in place of one of the daemon's: link-time optimisation, which does not
+ * know of the replacement, would remove it. */
+#if __has_attribute(externally_visible)
+#define TESTHOST_REPLACEMENT __attribute__((used, externally_visible))
+#else
+#define TESTHOST_REPLACEMENT __attribute__((used))
+#endif
+
 namespace testhost
 {
 
