@@ -43,7 +43,7 @@ struct Block {
 
 GMutex lock;
 GCond changed;
-GThread *trimmer; /* for the main thread only */
+GThread *trimmer; /* changed by the main thread only */
 
 /* Protected by the lock. */
 guint trims_left;
@@ -203,6 +203,7 @@ memory_start_trimming(void)
 {
   g_return_if_fail(trimmer == NULL);
 
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
   trimmer = g_thread_try_new("trim", trim_on_request, nullptr, nullptr);
 }
 
@@ -225,8 +226,9 @@ memory_trim_later(void)
  * memory_hand_over_kept_blocks:
  *
  * Hands the freed blocks that the allocator keeps for the calling thread over to the next trim. Makes 450
- * allocations, at most once before each requested trim; otherwise has no effect. Long-running threads call
- * this after each piece of work, except the main thread, which the trim thread waits for.
+ * allocations, at most once before each requested trim; otherwise, and without the thread that trims, has no
+ * effect. Long-running threads call this after each piece of work, except the main thread, which the trim
+ * thread waits for.
  */
 void
 memory_hand_over_kept_blocks(void)
@@ -234,7 +236,7 @@ memory_hand_over_kept_blocks(void)
   static thread_local guint handed_over_for = G_MAXUINT;
 
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-  if (trims_left == 0 || std::exchange(handed_over_for, trims_begun) == trims_begun) {
+  if (trimmer == nullptr || trims_left == 0 || std::exchange(handed_over_for, trims_begun) == trims_begun) {
     return;
   }
   handed_over = take_kept_blocks(handed_over);
@@ -263,12 +265,14 @@ memory_stop_trimming(void)
   if (trimmer == nullptr) {
     return;
   }
+  GThread *thread = nullptr;
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    thread = std::exchange(trimmer, nullptr);
     stopping = TRUE;
     g_cond_signal(&changed);
   }
-  g_thread_join(std::exchange(trimmer, nullptr));
+  g_thread_join(thread);
   free_blocks(std::exchange(handed_over, nullptr));
   stopping = FALSE;
   trims_left = 0;
