@@ -330,6 +330,20 @@ TEST_F(AllocatorTest, HandsNothingOverWithoutARequestedTrim)
   memory_stop_trimming();
 }
 
+TEST_F(AllocatorTest, HandsNothingOverWithoutTheThreadThatTrims)
+{
+  memory_trim_later();
+  const std::vector<Block> kept = take_kept_blocks();
+  const gsize before = mallinfo2().uordblks;
+
+  memory_hand_over_kept_blocks();
+  EXPECT_EQ(mallinfo2().uordblks, before);
+
+  /* Discards the request. */
+  memory_start_trimming();
+  memory_stop_trimming();
+}
+
 TEST_F(MemoryTest, StopsBeforeTheMainThreadHandsOver)
 {
   memory_start_trimming();
