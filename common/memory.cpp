@@ -43,7 +43,7 @@ struct Block {
 
 GMutex lock;
 GCond changed;
-GThread *trimmer; /* changed by the main thread only */
+GThread *trimmer; /* changed by the main thread, with the lock held */
 
 /* Protected by the lock. */
 guint trims_left;

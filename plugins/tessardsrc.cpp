@@ -344,8 +344,9 @@ make_buffer(TessardSrc *self, GBytes *document, GstBuffer **buffer)
 
 /* Steps of the streaming thread */
 
-/* Called with the lock held. The pad flushes before unlock() is called for a flush or a stop. GStreamer 1.26
- * calls unlock_stop() in the streaming thread before create(), so possibly too late: after that unlock(). */
+/* Called with the lock held. For a flush or a stop the pad is set to flushing before unlock() is called.
+ * GStreamer 1.26 calls unlock_stop() in the streaming thread before create(), which can undo that unlock().
+ */
 gboolean
 must_return(TessardSrc *self, guint unlock_count)
 {

@@ -3,10 +3,9 @@
 
 The daemon comes from a staged installation: TESSARD_STAGE names its root; without it the tests stage the build folder
 that TESSARD_BUILD names (default: build-desk/). TESSARD_PLAIN_STAGE names an installation without a sanitizer, if the
-first one has one. The build folder has the tests' own libraries. Each daemon has its
-producers.conf in its working folder: if the option producers_conf is an absolute path, the tests use a second daemon
-that differs in this path only. With ONVIF_SCHEMA_DIR each received document is validated against the official
-schemas."""
+first one has one. The build folder has the tests' own libraries. Each daemon has its producers.conf in its working
+folder: if the option producers_conf is an absolute path, the tests use a second daemon that differs in this path only.
+With ONVIF_SCHEMA_DIR each received document is validated against the official schemas."""
 
 import contextlib
 import functools
