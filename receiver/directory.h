@@ -8,6 +8,7 @@ namespace receiver
 {
 
 constexpr const char *BUS_NAME = "com.quon.MetadataReceiver1";
+constexpr const char *RECEIVER_PATH = "/com/quon/MetadataReceiver1";
 constexpr const char *PRODUCER_INTERFACE = "com.quon.MetadataReceiver1.Producer";
 
 /* The object manager and the producers' objects. Main thread only. */

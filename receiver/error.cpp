@@ -31,6 +31,17 @@ constexpr std::array ENTRIES = {
     entry(Error::CHANNEL_OPEN, ERROR_PREFIX "ChannelOpen"),
     entry(Error::LIMIT_EXCEEDED, ERROR_PREFIX "LimitExceeded"),
     entry(Error::NO_DESCRIPTOR, ERROR_PREFIX "NoDescriptor"),
+    entry(Error::INVALID_TOPIC, ERROR_PREFIX "InvalidTopic"),
+    entry(Error::INVALID_ITEMS, ERROR_PREFIX "InvalidItems"),
+    entry(Error::INVALID_OPERATION, ERROR_PREFIX "InvalidOperation"),
+    entry(Error::INVALID_TIME, ERROR_PREFIX "InvalidTime"),
+    entry(Error::UNKNOWN_TOPIC, ERROR_PREFIX "UnknownTopic"),
+    entry(Error::UNKNOWN_PROPERTY, ERROR_PREFIX "UnknownProperty"),
+    entry(Error::TOPIC_CONFLICT, ERROR_PREFIX "TopicConflict"),
+    entry(Error::TOO_MANY_TOPICS, ERROR_PREFIX "TooManyTopics"),
+    entry(Error::TOO_MANY_PROPERTIES, ERROR_PREFIX "TooManyProperties"),
+    entry(Error::EVENT_TOO_LARGE, ERROR_PREFIX "EventTooLarge"),
+    entry(Error::RATE_EXCEEDED, ERROR_PREFIX "RateExceeded"),
 };
 
 } // namespace

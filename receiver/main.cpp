@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* Start-up of tessard-receiver. */
+#include "eventservice.h"
 #include "memory.h"
 #include "registryservice.h"
 
@@ -116,8 +117,10 @@ run()
   receiver::Directory directory;
   receiver::Registry registry(&directory);
   receiver::RegistryService service(&registry, connection);
+  receiver::Events events(registry.budget());
+  receiver::EventService event_service(&events, connection);
   directory.set_connection(connection);
-  if (!service.publish(&error)) {
+  if (!service.publish(&error) || !event_service.publish(&error)) {
     g_printerr("tessard-receiver: %s\n", error->message);
     return EXIT_FAILURE;
   }

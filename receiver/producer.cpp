@@ -132,16 +132,10 @@ Producer::label(gint64 channel) const
   return name() + ", channel " + std::to_string(channel);
 }
 
-/* @fds: (out): the read end, blocking, and the write end, non-blocking */
 bool
 Producer::open_pair(int fds[2], GError **error) const
 {
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    return refuse_for_shortage(error);
-  }
-  make_nonblocking(fds[1]);
-  fcntl(fds[1], F_SETPIPE_SZ, RECEIVER_STREAM_PIPE_BYTES);
-  return true;
+  return stream_open_pair(fds, error);
 }
 
 std::unique_ptr<Stream>

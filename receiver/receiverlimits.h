@@ -165,3 +165,173 @@
  * The number of calls that wait until the bus has reported their callers' users.
  */
 #define RECEIVER_MAX_WAITING_CALLS 256
+
+/**
+ * RECEIVER_MAX_APPLICATION_TOPICS:
+ *
+ * The number of topics that an application has declared.
+ */
+#define RECEIVER_MAX_APPLICATION_TOPICS 256
+
+/**
+ * RECEIVER_MAX_APPLICATION_PROPERTIES:
+ *
+ * The number of properties, each a topic with values of its source, that an application has.
+ */
+#define RECEIVER_MAX_APPLICATION_PROPERTIES 1024
+
+/**
+ * RECEIVER_MAX_DECLARATIONS:
+ *
+ * The number of declared topics of all applications. A topic that two applications have declared counts
+ * twice.
+ */
+#define RECEIVER_MAX_DECLARATIONS 2048
+
+/**
+ * RECEIVER_DECLARATIONS_KEPT:
+ *
+ * The number of these places that are reserved for users without a topic.
+ */
+#define RECEIVER_DECLARATIONS_KEPT 256
+
+/**
+ * RECEIVER_MAX_DECLARATION_BYTES:
+ *
+ * The bytes of the texts of all declarations.
+ */
+#define RECEIVER_MAX_DECLARATION_BYTES (2 * 1024 * 1024)
+
+/**
+ * RECEIVER_DECLARATION_BYTES_KEPT:
+ *
+ * The number of these bytes that are reserved for users without a topic.
+ */
+#define RECEIVER_DECLARATION_BYTES_KEPT (256 * 1024)
+
+/**
+ * RECEIVER_MAX_PROPERTIES:
+ *
+ * The number of properties of all applications.
+ */
+#define RECEIVER_MAX_PROPERTIES 8192
+
+/**
+ * RECEIVER_PROPERTIES_KEPT:
+ *
+ * The number of these places that are reserved for users without a property.
+ */
+#define RECEIVER_PROPERTIES_KEPT 1024
+
+/**
+ * RECEIVER_MAX_PROPERTY_BYTES:
+ *
+ * The bytes of the present events of all properties.
+ */
+#define RECEIVER_MAX_PROPERTY_BYTES (16 * 1024 * 1024)
+
+/**
+ * RECEIVER_PROPERTY_BYTES_KEPT:
+ *
+ * The number of these bytes that are reserved for users without a property.
+ */
+#define RECEIVER_PROPERTY_BYTES_KEPT (2 * 1024 * 1024)
+
+/**
+ * RECEIVER_MAX_TOPIC_BYTES:
+ *
+ * The length of a topic.
+ */
+#define RECEIVER_MAX_TOPIC_BYTES 256
+
+/**
+ * RECEIVER_MAX_TOPIC_LEVELS:
+ *
+ * The number of names in a topic. Topic filters of events have the same limit.
+ */
+#define RECEIVER_MAX_TOPIC_LEVELS 16
+
+/**
+ * RECEIVER_MAX_EVENT_ITEMS:
+ *
+ * The number of items in the source of an event, and in its data.
+ */
+#define RECEIVER_MAX_EVENT_ITEMS 16
+
+/**
+ * RECEIVER_MAX_ITEM_NAME_BYTES:
+ *
+ * The length of the name of an item.
+ */
+#define RECEIVER_MAX_ITEM_NAME_BYTES 64
+
+/**
+ * RECEIVER_MAX_ITEM_TYPE_BYTES:
+ *
+ * The length of the type of an item.
+ */
+#define RECEIVER_MAX_ITEM_TYPE_BYTES 128
+
+/**
+ * RECEIVER_MAX_NAMESPACES:
+ *
+ * The number of namespaces of a declaration.
+ */
+#define RECEIVER_MAX_NAMESPACES 16
+
+/**
+ * RECEIVER_MAX_PREFIX_BYTES:
+ *
+ * The length of a prefix.
+ */
+#define RECEIVER_MAX_PREFIX_BYTES 32
+
+/**
+ * RECEIVER_MAX_NAMESPACE_BYTES:
+ *
+ * The length of the URI of a namespace.
+ */
+#define RECEIVER_MAX_NAMESPACE_BYTES 256
+
+/**
+ * RECEIVER_MAX_EVENT_BYTES:
+ *
+ * The length of an event as a message of a stream, without the four bytes before it.
+ */
+#define RECEIVER_MAX_EVENT_BYTES (64 * 1024)
+
+/**
+ * RECEIVER_EVENTS_PER_SECOND:
+ *
+ * The number of events that an application can emit in a second.
+ */
+#define RECEIVER_EVENTS_PER_SECOND 1000
+
+/**
+ * RECEIVER_EVENT_BURST:
+ *
+ * The number of events that an application can emit at once, after a pause.
+ */
+#define RECEIVER_EVENT_BURST 1000
+
+/**
+ * RECEIVER_MAX_EVENTS_PER_SECOND:
+ *
+ * The number of events that all applications can emit in a second, and at once after a pause.
+ */
+#define RECEIVER_MAX_EVENTS_PER_SECOND 8000
+
+/**
+ * RECEIVER_LATEST_EVENT_S:
+ *
+ * The latest time of an event, in seconds since 1970: the end of 2099. Metadata have the same limit.
+ */
+#define RECEIVER_LATEST_EVENT_S 4102444799
+
+/**
+ * RECEIVER_MAX_EVENT_STREAMS:
+ *
+ * The number of streams of events: twice the daemon's clients, because the streams of clients that have
+ * disconnected can still be open.
+ */
+#define RECEIVER_MAX_EVENT_STREAMS 512

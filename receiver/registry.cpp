@@ -239,4 +239,15 @@ Registry::has_producer_of(const std::string &sender) const
                      [&sender](const auto &entry) { return entry.second.sender == sender; });
 }
 
+/**
+ * Registry::budget:
+ *
+ * Returns: (transfer none): the resources that all streams share
+ */
+Budget *
+Registry::budget()
+{
+  return &budget_;
+}
+
 } // namespace receiver

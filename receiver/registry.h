@@ -1,17 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "applications.h"
 #include "directory.h"
 #include "producer.h"
 
 namespace receiver
 {
-
-/* The connection of an application, and its user. */
-struct Caller {
-  std::string sender; /* the unique name on the bus */
-  guint32 user;
-};
 
 /* The registered producers and their owners. Main thread only. */
 class Registry
@@ -27,6 +22,7 @@ public:
   bool unregister_producer(const std::string &sender, const std::string &name, GError **error);
   void application_disconnected(const std::string &sender);
   bool has_producer_of(const std::string &sender) const;
+  Budget *budget();
 
 private:
   struct Registered {

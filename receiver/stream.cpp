@@ -1,9 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #include "stream.h"
 
+#include "error.h"
 #include "receiverlimits.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -159,6 +161,11 @@ Stream::on_idle()
 {
 }
 
+void
+Stream::on_dropped()
+{
+}
+
 gboolean
 Stream::on_ready(GSource *base, GSourceFunc callback, gpointer user_data)
 {
@@ -259,10 +266,15 @@ Stream::take_begun(Message *message)
 void
 Stream::drop_old()
 {
+  const guint64 before = dropped_;
+
   while (queue_.size() > 1 && is_too_much()) {
     queued_bytes_ -= Message(queue_.front().text).size();
     queue_.pop_front();
     note_dropped();
+  }
+  if (dropped_ != before) {
+    on_dropped();
   }
 }
 
@@ -286,6 +298,24 @@ void
 Stream::log_dropped(const char *what)
 {
   syslog(LOG_WARNING, "%s: %s, %" G_GUINT64_FORMAT " messages were dropped", label_.c_str(), what, dropped_);
+}
+
+/**
+ * stream_open_pair:
+ * @fds: (out): the read end, blocking, and the write end, non-blocking and for a stream
+ * @error: set if there is no descriptor
+ *
+ * Returns: whether @fds are open
+ */
+bool
+stream_open_pair(int fds[2], GError **error)
+{
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    return refuse(error, Error::NO_DESCRIPTOR, "There is no descriptor: %s", g_strerror(errno));
+  }
+  fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
+  fcntl(fds[1], F_SETPIPE_SZ, RECEIVER_STREAM_PIPE_BYTES);
+  return true;
 }
 
 } // namespace receiver

@@ -25,9 +25,9 @@ public:
 
   void send(const SharedText &text);
   void finish();
-  void abort(const char *reason);
+  virtual void abort(const char *reason);
   bool is_idle() const;
-  gsize queued_bytes() const;
+  virtual gsize queued_bytes() const;
 
 protected:
   /* The pieces in which messages are written. */
@@ -40,6 +40,9 @@ protected:
 
   /* Called when the queue has become empty, and the stream has not ended. */
   virtual void on_idle();
+
+  /* Called when messages are dropped. */
+  virtual void on_dropped();
 
 private:
   struct Source;
@@ -72,5 +75,7 @@ private:
   bool ending_ = false;
   Source *source_; /* owned */
 };
+
+bool stream_open_pair(int fds[2], GError **error);
 
 } // namespace receiver
