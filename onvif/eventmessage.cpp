@@ -31,7 +31,7 @@ void
 write_message_content(XmlWriter *writer, const EventMessage &message)
 {
   writer->attribute("UtcTime", xml_date_time(message.utc));
-  if (message.operation != nullptr) {
+  if (!message.operation.empty()) {
     writer->attribute("PropertyOperation", message.operation);
   }
   write_items(writer, "Source", message.source);
@@ -55,6 +55,20 @@ write_notification(XmlWriter *writer, const EventMessage &message)
 }
 
 } // namespace
+
+/**
+ * event_message_examples:
+ *
+ * Returns: an event of a property and one without a state, for checking filters of a source whose topics are
+ * not known
+ */
+std::vector<EventMessage>
+event_message_examples()
+{
+  const std::vector<EventItem> source = {{"Source", "1"}};
+  return {{"tns1:VideoSource/MotionAlarm", "Changed", 0, source, {{"State", "true"}}},
+          {"tns1:RuleEngine/LineDetector/Crossed", "", 0, source, {{"ObjectId", "1"}}}};
+}
 
 /**
  * event_message_to_document:

@@ -13,18 +13,20 @@ namespace onvif
 {
 
 struct EventItem {
-  const char *name;
+  std::string name;
   std::string value;
 };
 
 struct EventMessage {
-  const char *topic;
-  const char *operation; /* of a property: Initialized or Changed; nullptr for an event without state */
-  gint64 utc;            /* microseconds since 1970 */
+  std::string topic;
+  std::string
+      operation; /* of a property: Initialized, Changed or Deleted; empty for an event without state */
+  gint64 utc;    /* microseconds since 1970 */
   std::vector<EventItem> source;
   std::vector<EventItem> data;
 };
 
+std::vector<EventMessage> event_message_examples();
 xmlDoc *event_message_to_document(const EventMessage &message);
 GstBuffer *event_messages_to_fragment(const std::vector<EventMessage> &messages,
                                       std::span<const XmlNamespace> topics);

@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 #include "onvifeventsrc.h"
 
-#include "contentfilter.h"
+#include "eventfilter.h"
 #include "metadata.h"
 #include "sourcewait.h"
-#include "topicexpression.h"
 #include "worldcursor.h"
 #include "worldevents.h"
 
@@ -17,22 +16,21 @@
  * pipeline pre-rolls.
  *
  * Threads: only the streaming thread uses `StreamingState` while the element runs, and before that the thread
- * that starts it. `SourceWait` locks itself. The object lock protects the properties. */
+ * that starts it. `SourceWait` locks itself. The object lock protects
+ * the properties. */
 
 namespace
 {
 
 struct StreamingState {
   sim::WorldCursor cursor;
-  std::optional<sim::TopicExpression> topics;
-  std::optional<sim::ContentFilter> contents;
+  onvif::EventFilter filter;
 };
 
 struct State {
-  char *event_topic = nullptr;
-  char *event_content = nullptr;
+  onvif::EventFilterProperties properties;
   StreamingState streaming;
-  sim::SourceWait wait;
+  onvif::SourceWait wait;
 };
 
 } // namespace
@@ -41,14 +39,6 @@ struct _TessardSimEventSrc {
   GstPushSrc parent_instance;
   State *state;
 };
-
-enum {
-  PROP_EVENT_TOPIC = 1,
-  PROP_EVENT_CONTENT,
-  N_PROPERTIES,
-};
-
-static GParamSpec *properties[N_PROPERTIES];
 
 GST_DEBUG_CATEGORY_STATIC(event_src_debug);
 #define GST_CAT_DEFAULT event_src_debug
@@ -63,20 +53,11 @@ bool
 add_if_selected(const StreamingState &streaming, onvif::EventMessage message,
                 std::vector<onvif::EventMessage> &selected, GError **error)
 {
-  if (streaming.topics.has_value() && !streaming.topics->matches(message.topic)) {
-    return true;
+  std::optional<bool> selects = streaming.filter.selects(message, error);
+  if (selects.value_or(false)) {
+    selected.push_back(std::move(message));
   }
-  if (streaming.contents.has_value()) {
-    std::optional<bool> matches = streaming.contents->matches(message, error);
-    if (!matches.has_value()) {
-      return false;
-    }
-    if (!*matches) {
-      return true;
-    }
-  }
-  selected.push_back(std::move(message));
-  return true;
+  return selects.has_value();
 }
 
 /* Adds the changes between the cursor's position and @now if @with_changes, then the state if @with_state. */
@@ -121,78 +102,18 @@ collect_new(StreamingState &streaming, bool sync_point, std::vector<onvif::Event
   return true;
 }
 
-bool
-read_topics(TessardSimEventSrc *self, const char *text)
-{
-  StreamingState &streaming = self->state->streaming;
-  streaming.topics.reset();
-  if (text == nullptr) {
-    return true;
-  }
-  g_autoptr(GError) error = nullptr;
-  streaming.topics = sim::TopicExpression::parse(text, &error);
-  if (!streaming.topics.has_value()) {
-    GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
-                      ("The topic filter of the events is malformed: %s.", error->message), (nullptr));
-  }
-  return streaming.topics.has_value();
-}
-
-bool
-read_contents(TessardSimEventSrc *self, const char *text)
-{
-  StreamingState &streaming = self->state->streaming;
-  streaming.contents.reset();
-  if (text == nullptr) {
-    return true;
-  }
-  g_autoptr(GError) error = nullptr;
-  streaming.contents = sim::ContentFilter::compile(text, &error);
-  if (!streaming.contents.has_value()) {
-    GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
-                      ("The content filter of the events is malformed: %s.", error->message), (nullptr));
-  }
-  return streaming.contents.has_value();
-}
-
 } // namespace
 
 static void
 tessard_sim_event_src_set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec)
 {
-  State *state = TESSARD_SIM_EVENT_SRC(object)->state;
-  GST_OBJECT_LOCK(object);
-  switch (id) {
-  case PROP_EVENT_TOPIC:
-    g_free(state->event_topic);
-    state->event_topic = g_value_dup_string(value);
-    break;
-  case PROP_EVENT_CONTENT:
-    g_free(state->event_content);
-    state->event_content = g_value_dup_string(value);
-    break;
-  default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
-  }
-  GST_OBJECT_UNLOCK(object);
+  TESSARD_SIM_EVENT_SRC(object)->state->properties.set(object, id, value, pspec);
 }
 
 static void
 tessard_sim_event_src_get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec)
 {
-  State *state = TESSARD_SIM_EVENT_SRC(object)->state;
-  GST_OBJECT_LOCK(object);
-  switch (id) {
-  case PROP_EVENT_TOPIC:
-    g_value_set_string(value, state->event_topic);
-    break;
-  case PROP_EVENT_CONTENT:
-    g_value_set_string(value, state->event_content);
-    break;
-  default:
-    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
-  }
-  GST_OBJECT_UNLOCK(object);
+  TESSARD_SIM_EVENT_SRC(object)->state->properties.get(object, id, value, pspec);
 }
 
 static void
@@ -208,8 +129,6 @@ static void
 tessard_sim_event_src_finalize(GObject *object)
 {
   TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(object);
-  g_free(self->state->event_topic);
-  g_free(self->state->event_content);
   delete self->state;
   G_OBJECT_CLASS(tessard_sim_event_src_parent_class)->finalize(object);
 }
@@ -218,16 +137,13 @@ static gboolean
 tessard_sim_event_src_start(GstBaseSrc *base)
 {
   TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(base);
-  GST_OBJECT_LOCK(self);
-  g_autofree char *topic = g_strdup(self->state->event_topic);
-  g_autofree char *content = g_strdup(self->state->event_content);
-  GST_OBJECT_UNLOCK(self);
-  if (!read_topics(self, topic) || !read_contents(self, content)) {
+  if (!self->state->properties.compile(GST_ELEMENT(self), &self->state->streaming.filter,
+                                       sim::world_event_examples())) {
     return FALSE;
   }
 
   self->state->streaming.cursor.open();
-  self->state->wait.clear_sync_point();
+  self->state->wait.clear();
   return TRUE;
 }
 
@@ -271,8 +187,8 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
   TessardSimEventSrc *self = TESSARD_SIM_EVENT_SRC(push);
   StreamingState &streaming = self->state->streaming;
   for (;;) {
-    sim::WakeReason wake = self->state->wait.wait_until(streaming.cursor.next_change_deadline());
-    if (wake == sim::WakeReason::FLUSHING) {
+    onvif::WakeReason wake = self->state->wait.wait_until(streaming.cursor.next_change_deadline());
+    if (wake == onvif::WakeReason::FLUSHING) {
       const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
       if (flow != GST_FLOW_OK) {
         return flow;
@@ -283,10 +199,8 @@ tessard_sim_event_src_create(GstPushSrc *push, GstBuffer **buffer)
     std::vector<onvif::EventMessage> messages;
     bool must_send = false;
     g_autoptr(GError) error = nullptr;
-    if (!collect_new(streaming, wake == sim::WakeReason::SYNC_POINT, messages, &must_send, &error)) {
-      GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
-                        ("The content filter of the events cannot be evaluated: %s.", error->message),
-                        (nullptr));
+    if (!collect_new(streaming, wake == onvif::WakeReason::SYNC_POINT, messages, &must_send, &error)) {
+      GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("%s", error->message), (nullptr));
       return GST_FLOW_ERROR;
     }
     if (messages.empty() && !must_send) {
@@ -315,14 +229,7 @@ tessard_sim_event_src_class_init(TessardSimEventSrcClass *klass)
   base_class->event = tessard_sim_event_src_event;
   GST_PUSH_SRC_CLASS(klass)->create = tessard_sim_event_src_create;
 
-  auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-  properties[PROP_EVENT_TOPIC] = g_param_spec_string(
-      "event-topic", "Event topic",
-      "ONVIF ConcreteSet topic expression that selects the topics to send; all if unset", nullptr, flags);
-  properties[PROP_EVENT_CONTENT] = g_param_spec_string(
-      "event-content", "Event content",
-      "XPath expression over tt:Message that selects the events to send; all if unset", nullptr, flags);
-  g_object_class_install_properties(object_class, N_PROPERTIES, properties);
+  onvif::EventFilterProperties::install(object_class);
 
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(onvif::FRAGMENT_CAPS);
   gst_element_class_add_pad_template(element_class,

@@ -22,7 +22,7 @@ namespace
 struct State {
   int channel = 1;
   sim::SceneSequence scenes;
-  sim::SourceWait wait;
+  onvif::SourceWait wait;
 };
 
 struct SceneSrc {
@@ -72,13 +72,13 @@ description_of(gpointer object)
 
 /* The wall clock and the monotonic clock cannot be read at the same time, so a wait may be slightly too
  * short. */
-sim::WakeReason
+onvif::WakeReason
 wait_for_next(State &state)
 {
   for (;;) {
     gint64 left = state.scenes.time_until_next();
-    sim::WakeReason wake = state.wait.wait_until(g_get_monotonic_time() + left);
-    if (wake != sim::WakeReason::DEADLINE || left <= 0) {
+    onvif::WakeReason wake = state.wait.wait_until(g_get_monotonic_time() + left);
+    if (wake != onvif::WakeReason::DEADLINE || left <= 0) {
       return wake;
     }
   }
@@ -160,7 +160,7 @@ start(GstBaseSrc *base)
   State *state = as_scene_src(base)->state;
   state->scenes.open();
   state->scenes.details.radar = description_of(base).radar;
-  state->wait.clear_sync_point();
+  state->wait.clear();
   return TRUE;
 }
 
@@ -202,7 +202,7 @@ GstFlowReturn
 create(GstPushSrc *push, GstBuffer **buffer)
 {
   State *state = as_scene_src(push)->state;
-  while (wait_for_next(*state) == sim::WakeReason::FLUSHING) {
+  while (wait_for_next(*state) == onvif::WakeReason::FLUSHING) {
     const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
     if (flow != GST_FLOW_OK) {
       return flow;

@@ -38,7 +38,7 @@ struct StreamingState {
 struct State {
   Properties properties;
   StreamingState streaming;
-  sim::SourceWait wait;
+  onvif::SourceWait wait;
 };
 
 } // namespace
@@ -219,7 +219,7 @@ tessard_sim_ptz_src_start(GstBaseSrc *base)
   streaming.cursor.open();
   streaming.view = view_from(chosen);
   streaming.has_head = sim::settings_has_ptz(streaming.cursor.settings(), chosen.channel);
-  state->wait.clear_sync_point();
+  state->wait.clear();
   return TRUE;
 }
 
@@ -264,8 +264,8 @@ tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
   StreamingState &streaming = state->streaming;
   for (;;) {
     gint64 deadline = std::min(streaming.cursor.next_change_deadline(), streaming.repeat_at);
-    sim::WakeReason wake = state->wait.wait_until(deadline);
-    if (wake == sim::WakeReason::FLUSHING) {
+    onvif::WakeReason wake = state->wait.wait_until(deadline);
+    if (wake == onvif::WakeReason::FLUSHING) {
       const GstFlowReturn flow = gst_base_src_wait_playing(GST_BASE_SRC(push));
       if (flow != GST_FLOW_OK) {
         return flow;
@@ -274,7 +274,7 @@ tessard_sim_ptz_src_create(GstPushSrc *push, GstBuffer **buffer)
     }
 
     sim::WorldTime now = streaming.cursor.now();
-    bool send = wake == sim::WakeReason::SYNC_POINT || is_due(streaming, now);
+    bool send = wake == onvif::WakeReason::SYNC_POINT || is_due(streaming, now);
     streaming.cursor.advance_to(now);
     if (send) {
       *buffer = next_fragment(streaming, now);

@@ -59,7 +59,7 @@ crossing_message(gint64 object_id, Direction direction, gint64 utc)
 {
   return {
       .topic = CROSSING_TOPIC,
-      .operation = nullptr,
+      .operation = "",
       .utc = utc,
       .source = {{"VideoSourceConfigurationToken", VIDEO_SOURCE_CONFIGURATION}, {"Rule", LINE_RULE}},
       .data = {{"ObjectId", std::to_string(object_id)}, {"Direction", direction_text(direction)}},

@@ -9,7 +9,7 @@
 namespace
 {
 
-using sim::TopicExpression;
+using onvif::TopicExpression;
 
 constexpr std::string_view SUBTREE = "//.";
 // None of these is part of an XML name or of the expression's own syntax.

@@ -6,10 +6,10 @@
 
 /* The expressions come from clients. Error messages name a path by its number and do not repeat the text. */
 
-namespace sim
+namespace onvif
 {
 
-G_DEFINE_QUARK(tessard_sim_topic_expression_error, topic_expression_error)
+G_DEFINE_QUARK(tessard_topic_expression_error, topic_expression_error)
 
 namespace
 {
@@ -120,6 +120,19 @@ TopicExpression::parse(const char *text, GError **error)
 }
 
 /**
+ * TopicExpression::is_topic:
+ * @text: any bytes without a NUL
+ *
+ * Returns: whether @text is a concrete topic, from its root
+ */
+bool
+TopicExpression::is_topic(std::string_view text)
+{
+  return text.size() <= MAX_LENGTH && g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE &&
+         find_error(text) == nullptr;
+}
+
+/**
  * TopicExpression::matches:
  * @topic: a complete topic, from its root
  *
@@ -140,4 +153,4 @@ TopicExpression::matches(std::string_view topic) const
   return false;
 }
 
-} // namespace sim
+} // namespace onvif

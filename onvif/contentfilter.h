@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 
-namespace sim
+namespace onvif
 {
 
 /* Selects events by an XPath 1.0 expression over the tt:Message, for example
@@ -22,9 +22,10 @@ public:
   /* Steps of one evaluation: far more than a useful filter needs, and only milliseconds of CPU time. */
   static constexpr unsigned long MAX_OPERATIONS = 100000;
 
-  static std::optional<ContentFilter> compile(const char *text, GError **error);
+  static std::optional<ContentFilter> compile(const char *text, std::span<const EventMessage> examples,
+                                              GError **error);
 
-  std::optional<bool> matches(const onvif::EventMessage &message, GError **error) const;
+  std::optional<bool> matches(const EventMessage &message, GError **error) const;
 
 private:
   struct Free {
@@ -36,4 +37,4 @@ private:
 
 GQuark content_filter_error_quark();
 
-} // namespace sim
+} // namespace onvif

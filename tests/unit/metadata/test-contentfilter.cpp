@@ -2,41 +2,46 @@
 #include "contentfilter.h"
 
 #include "hostiletext.h"
-#include "worldevents.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 
+using onvif::ContentFilter;
 using onvif::EventMessage;
-using sim::Change;
-using sim::ChangeType;
-using sim::ContentFilter;
 
 namespace
 {
 
-onvif::EventMessage
+EventMessage
 input_on()
 {
-  return sim::world_event_from_change({.time = 0, .type = ChangeType::INPUT, .input = 0, .state = true}, {})
-      .value();
+  return {"tns1:Device/Trigger/DigitalInput",
+          "Changed",
+          0,
+          {{"InputToken", "DigitalInput_1"}},
+          {{"LogicalState", "true"}}};
 }
 
-onvif::EventMessage
+EventMessage
 motion_off()
 {
-  return sim::world_event_from_change({.time = 0, .type = ChangeType::MOTION, .state = false}, {}).value();
+  return {"tns1:VideoSource/MotionAlarm", "Changed", 0, {{"Source", "VideoSource_1"}}, {{"State", "false"}}};
 }
 
-onvif::EventMessage
+EventMessage
 crossing()
 {
-  return sim::world_event_from_change({.time = 0,
-                                       .type = ChangeType::CROSSING,
-                                       .object_id = 12,
-                                       .direction = sim::Direction::RIGHT_TO_LEFT},
-                                      {})
-      .value();
+  return {"tns1:VideoAnalytics/tnsimcam:LineDetector/Crossed",
+          "",
+          0,
+          {{"VideoSourceConfigurationToken", "VideoSourceConfiguration_1"}, {"Rule", "Line_1"}},
+          {{"ObjectId", "12"}, {"Direction", "RightToLeft"}}};
+}
+
+std::optional<ContentFilter>
+compile(const char *text, GError **error)
+{
+  return ContentFilter::compile(text, onvif::event_message_examples(), error);
 }
 
 struct MatchCase {
@@ -54,7 +59,7 @@ TEST_P(Matching, SelectsMessages)
 {
   const MatchCase &expected = GetParam();
   g_autoptr(GError) error = nullptr;
-  std::optional<ContentFilter> filter = ContentFilter::compile(expected.expression, &error);
+  std::optional<ContentFilter> filter = compile(expected.expression, &error);
   ASSERT_TRUE(filter.has_value()) << expected.expression << ": " << error->message;
   EXPECT_EQ(filter->matches(input_on(), &error), expected.input_on);
   EXPECT_EQ(filter->matches(motion_off(), &error), expected.motion_off);
@@ -92,10 +97,10 @@ TEST_P(Refused, WithAnErrorThatDoesNotRepeatIt)
 {
   g_autoptr(GError) error = nullptr;
   testing::internal::CaptureStderr();
-  EXPECT_FALSE(ContentFilter::compile(GetParam().text.c_str(), &error).has_value());
+  EXPECT_FALSE(compile(GetParam().text.c_str(), &error).has_value());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain, sim::content_filter_error_quark());
+  EXPECT_EQ(error->domain, onvif::content_filter_error_quark());
   EXPECT_TRUE(g_str_is_ascii(error->message));
   EXPECT_LT(strlen(error->message), 100u);
 }
@@ -126,15 +131,15 @@ TEST(ContentFilterLimits, LongestExpressionIsAccepted)
   std::string tail = "'])";
   std::string text = head + std::string(ContentFilter::MAX_LENGTH - head.size() - tail.size(), 'a') + tail;
   ASSERT_EQ(text.size(), ContentFilter::MAX_LENGTH);
-  EXPECT_TRUE(ContentFilter::compile(text.c_str(), nullptr).has_value());
+  EXPECT_TRUE(compile(text.c_str(), nullptr).has_value());
 }
 
 TEST(ContentFilterEvaluation, FailureOnASingleMessageIsReported)
 {
   std::optional<ContentFilter> filter =
-      ContentFilter::compile("not(//@PropertyOperation='Initialized') or frobnicate()", nullptr);
+      compile("not(//@PropertyOperation='Initialized') or frobnicate()", nullptr);
   ASSERT_TRUE(filter.has_value());
-  onvif::EventMessage message = motion_off();
+  EventMessage message = motion_off();
   EXPECT_EQ(filter->matches(message, nullptr), true);
   message.operation = "Initialized";
   g_autoptr(GError) error = nullptr;

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-namespace sim
+namespace onvif
 {
 
 SourceWait::SourceWait()
@@ -21,15 +21,17 @@ SourceWait::~SourceWait()
 }
 
 /**
- * SourceWait::clear_sync_point:
+ * SourceWait::clear:
  *
- * Discards a pending sync point. Called when a source starts: its first buffer has the complete state anyway.
+ * Discards a pending sync point and a call of wake(). Called when a source starts: its first buffer has the
+ * complete state anyway.
  */
 void
-SourceWait::clear_sync_point()
+SourceWait::clear()
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
   sync_requested_ = false;
+  is_woken_ = false;
 }
 
 /**
@@ -57,7 +59,7 @@ SourceWait::set_flushing(bool flushing)
 bool
 SourceWait::handle_event(GstEvent *event)
 {
-  if (!onvif::is_sync_point_event(event)) {
+  if (!is_sync_point_event(event)) {
     return false;
   }
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
@@ -67,25 +69,43 @@ SourceWait::handle_event(GstEvent *event)
 }
 
 /**
+ * SourceWait::wake:
+ *
+ * Ends the wait, or the next one. Any thread.
+ */
+void
+SourceWait::wake()
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
+  is_woken_ = true;
+  g_cond_signal(&changed_);
+}
+
+/**
  * SourceWait::wait_until:
  * @deadline: end of the wait, on the clock of g_get_monotonic_time()
  *
- * Waits for the deadline, a sync point or flushing. Streaming thread only.
+ * Waits for the deadline, a sync point, wake() or flushing. Streaming thread only.
  *
- * Returns: what ended the wait; flushing has priority over a sync point, a sync point over the deadline
+ * Returns: what ended the wait; flushing has priority over a sync point, a sync point over wake(), and
+ * wake() over the deadline
  */
 WakeReason
 SourceWait::wait_until(gint64 deadline)
 {
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock_);
   bool due = false;
-  while (!flushing_ && !sync_requested_ && !due) {
+  while (!flushing_ && !sync_requested_ && !is_woken_ && !due) {
     due = !g_cond_wait_until(&changed_, &lock_, deadline);
   }
   if (flushing_) {
     return WakeReason::FLUSHING;
   }
-  return std::exchange(sync_requested_, false) ? WakeReason::SYNC_POINT : WakeReason::DEADLINE;
+  const bool is_woken = std::exchange(is_woken_, false);
+  if (std::exchange(sync_requested_, false)) {
+    return WakeReason::SYNC_POINT;
+  }
+  return is_woken ? WakeReason::WOKEN : WakeReason::DEADLINE;
 }
 
-} // namespace sim
+} // namespace onvif

@@ -3,8 +3,8 @@
 
 #include <gst/gst.h>
 
-/* The wait of a live source in its create function. A deadline, a sync point or flushing ends it. A source
- * has one instance and forwards three functions of its base class:
+/* The wait of a live source in its create function. A deadline, a sync point, another thread or flushing ends
+ * it. A source has one instance and forwards three functions of its base class:
  *
  *   unlock       set_flushing(true)
  *   unlock_stop  set_flushing(false)
@@ -21,12 +21,13 @@
  * A common base class is not possible: every plug-in has its own copy of this code, one process may load
  * several plug-ins, and GObject registers a class name once. */
 
-namespace sim
+namespace onvif
 {
 
 enum class WakeReason {
   FLUSHING,
   SYNC_POINT,
+  WOKEN,
   DEADLINE,
 };
 
@@ -38,9 +39,10 @@ public:
   SourceWait(const SourceWait &) = delete;
   SourceWait &operator=(const SourceWait &) = delete;
 
-  void clear_sync_point();
+  void clear();
   void set_flushing(bool flushing);
   bool handle_event(GstEvent *event);
+  void wake();
 
   WakeReason wait_until(gint64 deadline);
 
@@ -49,6 +51,7 @@ private:
   GCond changed_;
   bool flushing_ = false;
   bool sync_requested_ = false;
+  bool is_woken_ = false;
 };
 
-} // namespace sim
+} // namespace onvif

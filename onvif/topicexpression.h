@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace sim
+namespace onvif
 {
 
 /* Selects topics by an ONVIF ConcreteSet topic expression:
@@ -27,6 +27,8 @@ public:
 
   static std::optional<TopicExpression> parse(const char *text, GError **error);
 
+  static bool is_topic(std::string_view text);
+
   bool matches(std::string_view topic) const;
 
 private:
@@ -40,4 +42,4 @@ private:
 
 GQuark topic_expression_error_quark();
 
-} // namespace sim
+} // namespace onvif

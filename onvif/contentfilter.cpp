@@ -1,8 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 #include "contentfilter.h"
 
-#include "worldevents.h"
-
 #include <array>
 #include <cstring>
 #include <libxml/xpathInternals.h>
@@ -11,10 +9,10 @@
  * no other functions are registered. So only the length of the text and the steps of an evaluation need
  * limits. */
 
-namespace sim
+namespace onvif
 {
 
-G_DEFINE_QUARK(tessard_sim_content_filter_error, content_filter_error)
+G_DEFINE_QUARK(tessard_content_filter_error, content_filter_error)
 
 namespace
 {
@@ -71,7 +69,7 @@ context_new(xmlDoc *document, GError **found)
   context->error = on_xpath_error;
   context->userData = found;
   context->opLimit = ContentFilter::MAX_OPERATIONS;
-  for (const onvif::XmlNamespace &known : {onvif::TT, onvif::WSNT, onvif::TNS1}) {
+  for (const XmlNamespace &known : {TT, WSNT, TNS1}) {
     xmlXPathRegisterNs(context, reinterpret_cast<const xmlChar *>(known.prefix),
                        reinterpret_cast<const xmlChar *>(known.uri));
   }
@@ -127,15 +125,16 @@ ContentFilter::Free::operator()(xmlXPathCompExpr *expression) const
 /**
  * ContentFilter::compile:
  * @text: the expression, any bytes
- * @error: set if @text is not an XPath expression or cannot be evaluated on the camera's messages
+ * @examples: one event of each kind that the source sends
+ * @error: set if @text is not an XPath expression or cannot be evaluated on @examples
  *
  * libxml2 detects unknown functions, variables and prefixes in an evaluation only, so the expression is
- * evaluated on one message of each topic.
+ * evaluated on the examples.
  *
  * Returns: the filter; unset with @error set
  */
 std::optional<ContentFilter>
-ContentFilter::compile(const char *text, GError **error)
+ContentFilter::compile(const char *text, std::span<const EventMessage> examples, GError **error)
 {
   if (strnlen(text, MAX_LENGTH + 1) > MAX_LENGTH) {
     g_set_error(error, content_filter_error_quark(), 0, "It is longer than %" G_GSIZE_FORMAT " bytes",
@@ -155,7 +154,7 @@ ContentFilter::compile(const char *text, GError **error)
   if (!check_result(filter.expression_ == nullptr, found, error)) {
     return std::nullopt;
   }
-  for (const onvif::EventMessage &example : world_event_examples()) {
+  for (const EventMessage &example : examples) {
     if (!filter.matches(example, error).has_value()) {
       return std::nullopt;
     }
@@ -171,11 +170,11 @@ ContentFilter::compile(const char *text, GError **error)
  * Returns: whether the filter selects @message; unset with @error set
  */
 std::optional<bool>
-ContentFilter::matches(const onvif::EventMessage &message, GError **error) const
+ContentFilter::matches(const EventMessage &message, GError **error) const
 {
   SilentErrors silent;
   g_autoptr(GError) found = nullptr;
-  g_autoptr(xmlDoc) document = onvif::event_message_to_document(message);
+  g_autoptr(xmlDoc) document = event_message_to_document(message);
   g_autoptr(xmlXPathContext) context = context_new(document, &found);
   context->node = xmlDocGetRootElement(document);
   g_autoptr(xmlXPathObject) result = xmlXPathCompiledEval(expression_.get(), context);
@@ -185,4 +184,4 @@ ContentFilter::matches(const onvif::EventMessage &message, GError **error) const
   return xmlXPathCastToBoolean(result) != 0;
 }
 
-} // namespace sim
+} // namespace onvif

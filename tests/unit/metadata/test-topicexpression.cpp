@@ -6,7 +6,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-using sim::TopicExpression;
+using onvif::TopicExpression;
 
 namespace
 {
@@ -70,7 +70,7 @@ TEST_P(Malformed, IsRefusedWithAnErrorThatDoesNotRepeatIt)
   g_autoptr(GError) error = nullptr;
   EXPECT_FALSE(TopicExpression::parse(GetParam().text.c_str(), &error).has_value());
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain, sim::topic_expression_error_quark());
+  EXPECT_EQ(error->domain, onvif::topic_expression_error_quark());
   EXPECT_TRUE(g_str_is_ascii(error->message));
   EXPECT_LT(strlen(error->message), 100u);
 }
