@@ -15,7 +15,7 @@ import signal
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "external",
+pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "eventapplication", "external",
                                "fakedaemon", "fakereceiver", "fakeservice", "installation", "overdue", "promptness",
                                "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl",
                                "users", "waiting")

@@ -19,7 +19,7 @@ import time
 from gi.repository import GLib
 
 from client import ConnectionEnded, Client
-from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN,
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, OWN_EVENT_PLUGIN, PTZ_PLUGIN, RADAR_PLUGIN,
                           SCENE_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, documented_limit, run_by_root,
                           unprivileged)
 from waiting import BOUND_SECONDS, wait_until
@@ -94,6 +94,7 @@ def start_lines(plugins, coordinator_line=NO_COORDINATOR):
     """The log lines of a start with these plug-ins. `coordinator_line` gives the reason for unknown move capabilities,
     None if they are known."""
     lines = [(INFO, "Starting."), (INFO, "Setting up D-Bus server.")]
+    plugins = [EVENT_PLUGIN if plugin == OWN_EVENT_PLUGIN else plugin for plugin in plugins]
     for plugin, (adding, missing) in KIND_LINES.items():
         lines.append((INFO, adding if plugin in plugins else missing))
         if plugin == PTZ_PLUGIN and plugin in plugins and coordinator_line:

@@ -38,6 +38,9 @@ JSON_PLUGIN = "json2xml"
 DOCUMENT_PLUGIN = "onvifxmlmetadatastreamdoc"
 SOURCE_PLUGIN = "tessard"
 
+# tessard's own event source, whose file has the same name as the simulated one.
+OWN_EVENT_PLUGIN = "own onvifeventsrc"
+
 # The plug-ins of the simulated camera, and those of tessard's own that the daemon uses.
 SIMULATED_PLUGINS = (EVENT_PLUGIN, PTZ_PLUGIN, SCENE_PLUGIN, RADAR_PLUGIN)
 OWN_PLUGINS = (JSON_PLUGIN, DOCUMENT_PLUGIN)
@@ -178,6 +181,7 @@ class Installation:
                         for name in SIMULATED_PLUGINS}
         self.plugins |= {name: self._only(f"lib*/**/gstreamer-1.0/libgst{name}.so")
                          for name in (*OWN_PLUGINS, SOURCE_PLUGIN)}
+        self.plugins[OWN_EVENT_PLUGIN] = self._only(f"lib*/**/gstreamer-1.0/libgst{EVENT_PLUGIN}.so")
         self.plugins |= {name: pathlib.Path(Gst.Registry.get().find_plugin(name).get_filename())
                          for name in STANDARD_PLUGINS}
         self.failing_plugins = {name: self._test_library(f"tests/system/plugins/libgst{name}.so")

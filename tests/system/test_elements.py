@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-from installation import (DOCUMENT_PLUGIN, JSON_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, SOURCE_PLUGIN,
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, OWN_EVENT_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, SOURCE_PLUGIN,
                           build_option)
 from waiting import BOUND_SECONDS
 
@@ -79,7 +79,7 @@ def test_elements_are_installed_in_the_plugin_folder_of_gstreamer(installation):
     folder = installation.prefix / build_option("libdir") / "gstreamer-1.0"
 
     assert sorted(path.name for path in folder.iterdir()) == sorted(
-        f"libgst{name}.so" for name in (*OWN_PLUGINS, SOURCE_PLUGIN))
+        f"libgst{name}.so" for name in (*OWN_PLUGINS, EVENT_PLUGIN, SOURCE_PLUGIN))
 
 
 def test_own_folder_has_no_plugin_of_the_platform(elements):

@@ -3,9 +3,10 @@
 
 import pytest
 
+from eventapplication import EVENTS, EVENTS_PATH
 from installation import BUS_CONFIGURATION, UNPRIVILEGED_USER, Bus, build_option, run_by_root
 from receiverclient import NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
-from receiverprocess import REGISTRY, REGISTRY_PATH, Application, Receiver
+from receiverprocess import ERROR_PREFIX, REGISTRY, REGISTRY_PATH, Application, Receiver
 from simcamera import SimulatedCamera
 from users import ADMINISTRATOR, REFUSED, ROOT_USER, STAND_IN_GROUP, STRANGER, call
 
@@ -76,6 +77,24 @@ def fetch_sample(bus, user, descriptors=0):
     return call(bus, user, NAME, path_of(MINE), PRODUCER, "GetSampleFrame", "()", descriptors)
 
 
+def declare_topic(bus, user, descriptors=0):
+    return call(bus, user, NAME, EVENTS_PATH, EVENTS, "DeclareTopic",
+                "('tns1:A', false, @a(ss) [], @a(ss) [], @a{ss} {})", descriptors)
+
+
+def emit_undeclared(bus, user, descriptors=0):
+    return call(bus, user, NAME, EVENTS_PATH, EVENTS, "Emit", "('tns1:B', '', @a{ss} {}, @a{ss} {}, int64 0)",
+                descriptors)
+
+
+def list_topics(bus, user, descriptors=0):
+    return call(bus, user, NAME, EVENTS_PATH, EVENTS, "GetTopics", "()", descriptors)
+
+
+def open_events(bus, user, descriptors=0):
+    return call(bus, user, NAME, EVENTS_PATH, EVENTS, "GetEventStream", "()", descriptors)
+
+
 def list_producers(bus, user, descriptors=0):
     return call(bus, user, NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects", "()", descriptors)
 
@@ -104,12 +123,33 @@ def test_the_daemon_and_root_can_get_streams_and_samples(receiver, receiver_bus,
         assert ask(receiver_bus, user) == REFUSED
 
 
+def test_members_of_the_group_and_root_can_emit_events(receiver, receiver_bus):
+    for user in (APPLICATION, ROOT_USER):
+        assert declare_topic(receiver_bus, user) == ""
+        assert emit_undeclared(receiver_bus, user) == f"{ERROR_PREFIX}UnknownTopic"
+    for user in (STRANGER, DAEMON):
+        assert declare_topic(receiver_bus, user) == REFUSED
+        assert emit_undeclared(receiver_bus, user) == REFUSED
+
+
+def test_the_daemon_and_root_can_read_events(receiver, receiver_bus):
+    for user in (DAEMON, ROOT_USER):
+        assert open_events(receiver_bus, user) == ""
+    for user in (STRANGER, APPLICATION):
+        assert open_events(receiver_bus, user) == REFUSED
+
+
+def test_any_user_can_list_topics(receiver, receiver_bus):
+    for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
+        assert list_topics(receiver_bus, user) == ""
+
+
 def test_any_user_can_list_producers(receiver, receiver_bus):
     for user in (STRANGER, APPLICATION, DAEMON, ROOT_USER):
         assert list_producers(receiver_bus, user) == ""
 
 
-@pytest.mark.parametrize("ask", [list_producers, fetch_sample, open_stream, register])
+@pytest.mark.parametrize("ask", [list_producers, fetch_sample, open_stream, register, declare_topic, list_topics])
 def test_no_user_can_send_descriptors(receiver, receiver_bus, ask):
     assert ask(receiver_bus, ROOT_USER, 1) == REFUSED
 
