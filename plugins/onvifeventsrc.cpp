@@ -166,6 +166,7 @@ tessard_event_src_start(GstBaseSrc *base)
   streaming.has_warned = false;
   streaming.begin_deadline = g_get_monotonic_time() + BEGIN_TIMEOUT_US;
   streaming.reader = std::make_unique<plugins::EventReader>([state] { state->wait.wake(); });
+  state->wait.wake(); /* the states can be known already */
   return TRUE;
 }
 
