@@ -9,10 +9,10 @@ from installation import TREE, defined_limits, value_of
 
 DOCUMENTATION = TREE / "docs/architecture.md"
 
-# The source folders of the daemon, of code that it shares with other programs, of its clients, of tessard-receiver and of
-# tessardctl. Each number in their headers is a limit except those in NO_BOUNDS; a component's own number is one if its
+# The source folders of the daemon, of code that it shares with other programs, of its clients, of the library of
+# applications, of tessard-receiver and of tessardctl. Each number in their headers is a limit except those in NO_BOUNDS; a component's own number is one if its
 # name has one of BOUND_WORDS.
-FOLDERS = ("src", "common", "client", "receiver", "tools")
+FOLDERS = ("src", "common", "client", "lib", "receiver", "tools")
 NO_BOUNDS = {"OPTION_VALIDATION_DEFAULT_CHANNEL"}
 OWN_NUMBER = re.compile(r"^constexpr [\w:]+ ([A-Z0-9_]+) = ([\d*+ ]+);", re.MULTILINE)
 BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "THREADS", "TIMEOUT"}

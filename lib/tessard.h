@@ -1,0 +1,5 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "tessarderror.h"
+#include "tessarditem.h"
