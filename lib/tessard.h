@@ -3,3 +3,4 @@
 
 #include "tessarderror.h"
 #include "tessarditem.h"
+#include "tessardproducer.h"

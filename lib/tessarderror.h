@@ -27,6 +27,20 @@ G_BEGIN_DECLS
  * @TESSARD_ERROR_TOO_MANY_OBJECTS: "Objects" is full
  * @TESSARD_ERROR_TOO_MANY_DELETED: "Deleted" is full
  * @TESSARD_ERROR_TOO_MANY_VALUES: the item has as many values as the converter takes
+ * @TESSARD_ERROR_INVALID_ITEM: a text is too long for a message, not UTF-8 or no JSON object
+ * @TESSARD_ERROR_UNKNOWN_CHANNEL: the producer does not have this channel
+ * @TESSARD_ERROR_QUEUE_FULL: as much waits for the receiver as can wait
+ * @TESSARD_ERROR_CLOSED: the object is closed
+ * @TESSARD_ERROR_NOT_TAKEN: the receiver has not taken everything before the end
+ * @TESSARD_ERROR_NO_BUS: there is no connection to the bus; it is tried again
+ * @TESSARD_ERROR_BUS_CLOSED: the bus has closed the connection; it is made again
+ * @TESSARD_ERROR_NO_RECEIVER: the receiver is not on the bus
+ * @TESSARD_ERROR_CHANNEL_CLOSED: the receiver has closed a channel, which is opened again
+ * @TESSARD_ERROR_BUSY: the receiver refuses for now; it is tried again
+ * @TESSARD_ERROR_NAME_TAKEN: another application has the producer's name; it is tried again
+ * @TESSARD_ERROR_NOT_ALLOWED: the bus policy refuses calls of this user
+ * @TESSARD_ERROR_REFUSED: the receiver refuses for good
+ * @TESSARD_ERROR_MALFORMED_REPLY: what the receiver has replied is not valid
  *
  * The errors of the library.
  */
@@ -42,6 +56,20 @@ typedef enum {
   TESSARD_ERROR_TOO_MANY_OBJECTS,
   TESSARD_ERROR_TOO_MANY_DELETED,
   TESSARD_ERROR_TOO_MANY_VALUES,
+  TESSARD_ERROR_INVALID_ITEM,
+  TESSARD_ERROR_UNKNOWN_CHANNEL,
+  TESSARD_ERROR_QUEUE_FULL,
+  TESSARD_ERROR_CLOSED,
+  TESSARD_ERROR_NOT_TAKEN,
+  TESSARD_ERROR_NO_BUS,
+  TESSARD_ERROR_BUS_CLOSED,
+  TESSARD_ERROR_NO_RECEIVER,
+  TESSARD_ERROR_CHANNEL_CLOSED,
+  TESSARD_ERROR_BUSY,
+  TESSARD_ERROR_NAME_TAKEN,
+  TESSARD_ERROR_NOT_ALLOWED,
+  TESSARD_ERROR_REFUSED,
+  TESSARD_ERROR_MALFORMED_REPLY,
 } TessardError;
 
 TESSARD_API GQuark tessard_error_quark(void);

@@ -15,8 +15,9 @@ import signal
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "eventapplication", "external",
-                               "fakedaemon", "fakereceiver", "fakeservice", "installation", "overdue", "promptness",
+pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "eventapplication",
+                               "external", "fakedaemon", "fakereceiver", "fakeservice", "installation",
+                               "libraryprogram", "overdue", "promptness",
                                "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl",
                                "users", "waiting")
 
