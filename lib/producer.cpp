@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "tessardproducer.h"
 
+#include "outcome.h"
 #include "producercore.h"
 
 #include <memory>
@@ -143,20 +144,6 @@ on_news(GObject *object)
   if (news.drained) {
     g_signal_emit(self, signals[SIGNAL_DRAINED], 0);
   }
-}
-
-/* The thread of a task is its caller's, whichever thread returns it. */
-ProducerCore::Function
-return_to(GTask *task)
-{
-  return [task](const GError *error) {
-    if (error != nullptr) {
-      g_task_return_error(task, g_error_copy(error));
-    } else {
-      g_task_return_boolean(task, TRUE);
-    }
-    g_object_unref(task);
-  };
 }
 
 } // namespace
@@ -383,7 +370,7 @@ tessard_producer_init_async(GAsyncInitable *initable, int io_priority, GCancella
   GTask *task = g_task_new(initable, cancellable, callback, user_data);
 
   g_task_set_source_tag(task, reinterpret_cast<gpointer>(tessard_producer_init_async));
-  TESSARD_PRODUCER(initable)->state->core->call_when_connected(return_to(task));
+  TESSARD_PRODUCER(initable)->state->core->call_when_connected(outcome_return_to(task));
 }
 
 static gboolean
@@ -617,7 +604,7 @@ tessard_producer_close_async(TessardProducer *self, GCancellable *cancellable, G
 
   GTask *task = g_task_new(self, cancellable, callback, user_data);
   g_task_set_source_tag(task, reinterpret_cast<gpointer>(tessard_producer_close_async));
-  self->state->core->close(return_to(task));
+  self->state->core->close(outcome_return_to(task));
 }
 
 /**
@@ -636,30 +623,6 @@ tessard_producer_close_finish(TessardProducer *self, GAsyncResult *result, GErro
   return g_task_propagate_boolean(G_TASK(result), error);
 }
 
-namespace
-{
-
-/* The outcome of an operation that a thread waits for. Shared, because the worker can still unlock it when
- * the other thread goes on. */
-struct Outcome {
-  Outcome() = default;
-  Outcome(const Outcome &) = delete;
-  Outcome &operator=(const Outcome &) = delete;
-  ~Outcome()
-  {
-    g_clear_error(&error);
-    g_cond_clear(&changed);
-    g_mutex_clear(&lock);
-  }
-
-  GMutex lock = {};
-  GCond changed = {};
-  gboolean is_known = FALSE;
-  GError *error = nullptr;
-};
-
-} // namespace
-
 /**
  * tessard_producer_close:
  * @self: a producer
@@ -674,20 +637,6 @@ tessard_producer_close(TessardProducer *self, GError **error)
 {
   g_return_val_if_fail(TESSARD_IS_PRODUCER(self), FALSE);
 
-  const auto outcome = std::make_shared<Outcome>();
-  self->state->core->close([outcome](const GError *failure) {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&outcome->lock);
-    outcome->error = failure != nullptr ? g_error_copy(failure) : nullptr;
-    outcome->is_known = TRUE;
-    g_cond_signal(&outcome->changed);
-  });
-  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&outcome->lock);
-  while (!outcome->is_known) {
-    g_cond_wait(&outcome->changed, &outcome->lock);
-  }
-  if (outcome->error != nullptr) {
-    g_propagate_error(error, g_error_copy(outcome->error));
-    return FALSE;
-  }
-  return TRUE;
+  return outcome_wait([self](OutcomeFunction function) { self->state->core->close(std::move(function)); },
+                      error);
 }

@@ -2,5 +2,6 @@
 #pragma once
 
 #include "tessarderror.h"
+#include "tessardevents.h"
 #include "tessarditem.h"
 #include "tessardproducer.h"

@@ -41,6 +41,16 @@ G_BEGIN_DECLS
  * @TESSARD_ERROR_NOT_ALLOWED: the bus policy refuses calls of this user
  * @TESSARD_ERROR_REFUSED: the receiver refuses for good
  * @TESSARD_ERROR_MALFORMED_REPLY: what the receiver has replied is not valid
+ * @TESSARD_ERROR_INVALID_TOPIC: a topic has not ONVIF's form, or a prefix without a namespace
+ * @TESSARD_ERROR_INVALID_ITEMS: source or data have wrong names, types or values
+ * @TESSARD_ERROR_INVALID_OPERATION: the operation does not belong to this topic
+ * @TESSARD_ERROR_UNKNOWN_TOPIC: the topic is not declared
+ * @TESSARD_ERROR_UNKNOWN_PROPERTY: a property is deleted that is not there
+ * @TESSARD_ERROR_TOPIC_CONFLICT: another application has declared the topic in another way
+ * @TESSARD_ERROR_NOT_OWNER: another application has the property
+ * @TESSARD_ERROR_TOO_MANY_TOPICS: the application has as many topics as it can have
+ * @TESSARD_ERROR_TOO_MANY_PROPERTIES: the application has as many properties as it can have
+ * @TESSARD_ERROR_EVENT_TOO_LARGE: the event is too long
  *
  * The errors of the library.
  */
@@ -70,6 +80,16 @@ typedef enum {
   TESSARD_ERROR_NOT_ALLOWED,
   TESSARD_ERROR_REFUSED,
   TESSARD_ERROR_MALFORMED_REPLY,
+  TESSARD_ERROR_INVALID_TOPIC,
+  TESSARD_ERROR_INVALID_ITEMS,
+  TESSARD_ERROR_INVALID_OPERATION,
+  TESSARD_ERROR_UNKNOWN_TOPIC,
+  TESSARD_ERROR_UNKNOWN_PROPERTY,
+  TESSARD_ERROR_TOPIC_CONFLICT,
+  TESSARD_ERROR_NOT_OWNER,
+  TESSARD_ERROR_TOO_MANY_TOPICS,
+  TESSARD_ERROR_TOO_MANY_PROPERTIES,
+  TESSARD_ERROR_EVENT_TOO_LARGE,
 } TessardError;
 
 TESSARD_API GQuark tessard_error_quark(void);
