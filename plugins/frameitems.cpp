@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include "frameitems.h"
 
+#include <utility>
+
 /* Every frame is followed, also one without an item: objects overlap most from one frame to the next. */
 
 namespace plugins
@@ -73,7 +75,6 @@ FrameItems::make_item(gint64 utc, const std::vector<gint64> &ids)
   for (gint64 id : tracker_.report(TESSARD_ITEM_MAX_DELETED)) {
     tessard_item_add_deleted(item, id, nullptr);
   }
-  last_utc_ = utc;
   return item;
 }
 
@@ -90,7 +91,11 @@ FrameItems::make(GstBuffer *buffer, const FrameInfo &info, double min_likelihood
 {
   read(buffer, info, min_likelihood);
   std::vector<gint64> ids = tracker_.follow(boxes_);
-  return rate_.take(info.running) ? make_item(info.utc, ids) : nullptr;
+  if (!rate_.take(info.running)) {
+    return nullptr;
+  }
+  last_utc_ = info.utc;
+  return make_item(info.utc, ids);
 }
 
 /**
@@ -98,13 +103,15 @@ FrameItems::make(GstBuffer *buffer, const FrameInfo &info, double min_likelihood
  *
  * Called at the end of the stream: no object is in the picture any more.
  *
- * Returns: (transfer full) (nullable): an item with the time of the last one; %NULL if there was none
+ * Returns: (transfer full) (nullable): an item with the time of the last one; %NULL if there was none since
+ * the last end
  */
 TessardItem *
 FrameItems::make_last()
 {
   tracker_.forget_all();
-  return last_utc_.has_value() ? make_item(*last_utc_, {}) : nullptr;
+  std::optional<gint64> utc = std::exchange(last_utc_, std::nullopt);
+  return utc.has_value() ? make_item(*utc, {}) : nullptr;
 }
 
 } // namespace plugins

@@ -229,6 +229,8 @@ TEST_F(FrameItemsTest, LastItemDeletesAllObjects)
   make({{.id = 1}, {.id = 2}});
   make({{.id = 2}, {.id = 3}});
   EXPECT_EQ(make_last(), item(1, "", ",\"Deleted\":[1,2,3]"));
+  EXPECT_EQ(make_last(), "none");
+  EXPECT_EQ(make({{.id = 3}}), item(2, person(3)));
 }
 
 TEST_F(FrameItemsTest, StreamWithoutItemsHasNoLastOne)

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "tessardsrc.h"
 
+#include "complaint.h"
 #include "fakedaemon.h"
 #include "metadataclient.h"
 #include "testhost.h"
@@ -22,22 +23,6 @@ constexpr const char *ENDED = "The daemon ended the stream.";
 
 /* 2024-01-01T00:00:00.5Z */
 constexpr GstClockTime NEW_YEAR = 1704067200 * GST_SECOND + 500 * GST_MSECOND;
-
-struct Complaint {
-  GstMessageType type;
-  GQuark domain;
-  int code;
-  std::string text;
-
-  bool operator==(const Complaint &) const = default;
-};
-
-std::ostream &
-operator<<(std::ostream &stream, const Complaint &complaint)
-{
-  return stream << gst_message_type_get_name(complaint.type) << " " << g_quark_to_string(complaint.domain)
-                << " " << complaint.code << ": " << complaint.text;
-}
 
 Complaint
 resource_error(GstResourceError code, const std::string &text)
@@ -164,12 +149,7 @@ protected:
       ADD_FAILURE() << "no complaint";
       return {};
     }
-    g_autoptr(GError) error = nullptr;
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
-      gst_message_parse_error(message, &error, nullptr);
-    else
-      gst_message_parse_warning(message, &error, nullptr);
-    return {GST_MESSAGE_TYPE(message), error->domain, error->code, error->message};
+    return read_complaint(message);
   }
 
   /* The element's error; the base class adds one of its own. */
