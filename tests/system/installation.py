@@ -186,6 +186,9 @@ class Installation:
                          for name in STANDARD_PLUGINS}
         self.failing_plugins = {name: self._test_library(f"tests/system/plugins/libgst{name}.so")
                                 for name in (EVENT_PLUGIN, JSON_PLUGIN, "platformjson")}
+        # Pipelines run as the testing user, which can read the build folder.
+        self.detector_folder = workspace.folder()
+        (self.detector_folder / "libgstboxes.so").symlink_to(build_folder() / "tests/system/plugins/libgstboxes.so")
         self.plugin_environments = {}
 
     def _only(self, pattern):
@@ -236,7 +239,20 @@ class Installation:
     def plugin_host_environment(self):
         """The variables that a program without instrumentation needs to load the installed plug-ins."""
         return self.sanitizer_environment("detect_leaks=0") | {
-            "LD_PRELOAD": ":".join(sanitizer_runtimes(self.plugins[JSON_PLUGIN])), "PATH": "/usr/bin:/bin"}
+            "LD_PRELOAD": ":".join(sanitizer_runtimes(self.plugins[JSON_PLUGIN])), "PATH": "/usr/bin:/bin",
+            # For plug-ins that are linked into other folders.
+            "LD_LIBRARY_PATH": str(self.plugins[SOURCE_PLUGIN].parents[1])}
+
+    def pipeline_environment(self, bus):
+        """The variables for pipelines with the installed elements, the machine's, and the tests' own detector."""
+        plugin = self.plugins[SOURCE_PLUGIN]
+        return os.environ | self.plugin_host_environment() | {
+            "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+            "GST_PLUGIN_PATH": f"{plugin.parent}:{self.detector_folder}",
+            "GST_REGISTRY": str(self.workspace.path / "pipeline-registry.bin"),
+            "GST_REGISTRY_FORK": "no",
+            "PYTHONDONTWRITEBYTECODE": "1",
+        }
 
     def _copy_match(self, match):
         return str(self._readable_copy(pathlib.Path(match.group())))
