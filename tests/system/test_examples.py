@@ -3,6 +3,7 @@
 
 import datetime
 import importlib.util
+import itertools
 import json
 import os
 import signal
@@ -15,9 +16,14 @@ import pytest
 
 from daemon import NOTHING_REQUESTED
 from installation import TREE, build_folder, build_option
-from waiting import BOUND_SECONDS
+from waiting import BOUND_SECONDS, wait_until
 
 DETECTOR = TREE / "examples/detector.py"
+PIPELINE_DETECTOR = TREE / "examples/pipeline_detector.py"
+
+# As which it registers.
+DETECTOR_NAME = "Detector"
+
 SCHEMA = json.loads((TREE / "docs/producer-item.schema.json").read_text(encoding="utf-8"))
 
 RATE = 30  # of the test video, frames a second
@@ -43,19 +49,30 @@ def items():
 
 
 @pytest.fixture
-def start_detector():
+def start_program():
+    """Starts programs with pipes for their output."""
     started = []
 
-    def start(*source):
-        process = subprocess.Popen([DETECTOR, *source], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    def start(*command, **popen_args):
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **popen_args)
         started.append(process)
-        assert json.loads(process.stdout.readline())["Objects"] == []
         return process
 
     yield start
     for process in started:
         process.kill()
         process.communicate(timeout=BOUND_SECONDS)
+
+
+@pytest.fixture
+def start_detector(start_program):
+
+    def start(*source):
+        process = start_program(DETECTOR, *source)
+        assert json.loads(process.stdout.readline())["Objects"] == []
+        return process
+
+    return start
 
 
 @pytest.fixture(scope="module")
@@ -217,6 +234,44 @@ def test_object_beyond_reach_is_another(detector):
     assert tracker.follow([(100, 10, 110, 20)]) == ({2: (100, 10, 110, 20)}, [])
 
 
+# The detector in a pipeline
+
+
+@pytest.fixture
+def start_pipeline_detector(installation, bus, start_program):
+    return lambda *source: start_program(PIPELINE_DETECTOR, *source, env=installation.pipeline_environment(bus))
+
+
+def test_pipeline_detector_follows_the_ball(start_pipeline_detector, receiver_process, receiver_client):
+    """It is the same ball in all pictures, and never far from its place in the last one."""
+    process = start_pipeline_detector()
+    wait_until(lambda: DETECTOR_NAME in receiver_client.names(), "the detector is a producer")
+    stream = receiver_client.open(DETECTOR_NAME)
+    items = [stream.item() for _ in range(6 * RATE)]
+    validator = jsonschema.Draft7Validator(SCHEMA)
+    for item in items:
+        validator.validate(item)
+    balls = [found for item in items[-2 * RATE:] for found in item["Objects"]]
+    assert len(balls) >= 2 * RATE * LEAST_MATCHES // 100
+    assert {found["Id"] for found in balls} == {balls[0]["Id"]}
+    for earlier, later in itertools.pairwise(balls):
+        assert overlap(box_of(earlier), box_of(later)) >= 0.5
+    process.send_signal(signal.SIGINT)
+    assert process.wait(BOUND_SECONDS) == -signal.SIGINT
+
+
+def test_pipeline_detector_ends_with_its_video(start_pipeline_detector):
+    process = start_pipeline_detector("videotestsrc", "num-buffers=10")
+    assert process.wait(BOUND_SECONDS) == 0
+
+
+def test_pipeline_detector_says_what_ends_its_video(start_pipeline_detector):
+    process = start_pipeline_detector("videotestsrc", "!", "identity", "error-after=5")
+    _, err = process.communicate(timeout=BOUND_SECONDS)
+    assert process.returncode == 1
+    assert "Failed after iterations as requested." in err
+
+
 # Clients
 
 # In front of the reason in the daemon's reply.
@@ -226,23 +281,12 @@ CLIENTS = [TREE / "examples/client.py", build_folder() / "examples/client"]
 
 
 @pytest.fixture
-def run_client(installation, daemon):
+def run_client(installation, daemon, start_program):
     """Starts a client of the daemon with the installed elements."""
-    started = []
-
-    def start(client, *properties):
-        plugins = installation.prefix / build_option("libdir") / "gstreamer-1.0"
-        environment = os.environ | {"TESSARD_SOCKET": str(daemon.socket_path), "GST_PLUGIN_PATH": str(plugins),
-                                    "LD_PRELOAD": str(installation.testhost)}
-        process = subprocess.Popen([client, *properties], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                   env=environment)
-        started.append(process)
-        return process
-
-    yield start
-    for process in started:
-        process.kill()
-        process.communicate(timeout=BOUND_SECONDS)
+    plugins = installation.prefix / build_option("libdir") / "gstreamer-1.0"
+    environment = os.environ | {"TESSARD_SOCKET": str(daemon.socket_path), "GST_PLUGIN_PATH": str(plugins),
+                                "LD_PRELOAD": str(installation.testhost)}
+    return lambda client, *properties: start_program(client, *properties, env=environment)
 
 
 @pytest.mark.parametrize("client", CLIENTS, ids=lambda client: client.name)
