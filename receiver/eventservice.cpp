@@ -14,35 +14,37 @@ namespace receiver
 namespace
 {
 
-/* @pairs: a(ss) */
-EventPairs
-pairs_of(GVariant *pairs)
+/* Calls @add with both texts of each entry of a(ss) or a{ss}. */
+void
+for_each_pair(GVariant *list, const char *format, auto add)
 {
-  EventPairs result;
   GVariantIter iter;
   const gchar *first = nullptr;
   const gchar *second = nullptr;
 
-  g_variant_iter_init(&iter, pairs);
-  while (g_variant_iter_next(&iter, "(&s&s)", &first, &second)) {
-    result.emplace_back(first, second);
+  g_variant_iter_init(&iter, list);
+  while (g_variant_iter_next(&iter, format, &first, &second)) {
+    add(first, second);
   }
+}
+
+EventPairs
+pairs_of(GVariant *pairs)
+{
+  EventPairs result;
+
+  for_each_pair(pairs, "(&s&s)",
+                [&result](const gchar *name, const gchar *type) { result.emplace_back(name, type); });
   return result;
 }
 
-/* @entries: a{ss} */
 EventMap
 map_of(GVariant *entries)
 {
   EventMap result;
-  GVariantIter iter;
-  const gchar *key = nullptr;
-  const gchar *value = nullptr;
 
-  g_variant_iter_init(&iter, entries);
-  while (g_variant_iter_next(&iter, "{&s&s}", &key, &value)) {
-    result.insert_or_assign(key, value);
-  }
+  for_each_pair(entries, "{&s&s}",
+                [&result](const gchar *key, const gchar *value) { result.insert_or_assign(key, value); });
   return result;
 }
 

@@ -30,6 +30,7 @@ from gi.repository import Gst  # noqa: E402
 
 from controlclient import ControlClient, path_of  # noqa: E402
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon  # noqa: E402
+from eventapplication import EventApplication  # noqa: E402
 from external import BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, wait_until_listed  # noqa: E402
 from fakedaemon import FakeDaemon, GdpStream  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
@@ -206,6 +207,13 @@ def start_application(bus):
 @pytest.fixture
 def application(start_application):
     return start_application()
+
+
+@pytest.fixture
+def start_emitter(bus):
+    """Connects applications that emit events to the bus."""
+    with contextlib.ExitStack() as started:
+        yield lambda: started.enter_context(contextlib.closing(EventApplication(bus)))
 
 
 @pytest.fixture

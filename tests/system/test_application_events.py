@@ -13,7 +13,7 @@ import pytest
 
 from client import header
 from daemon import ERROR, NOT_PRODUCED
-from eventapplication import (ACME, CROSSED, EVENTS, EVENTS_PATH, MOTION, OBJECT, TAMPER, EventApplication)
+from eventapplication import ACME, CROSSED, MOTION, OBJECT, TAMPER
 from installation import DOCUMENT_PLUGIN, OWN_EVENT_PLUGIN, SANITIZED
 from receiverprocess import LIMITS
 from waiting import BOUND_SECONDS, wait_until
@@ -27,12 +27,6 @@ KILLED = -signal.SIGKILL
 @pytest.fixture
 def receiver(receiver_process):
     return receiver_process
-
-
-@pytest.fixture
-def start_emitter(bus):
-    with contextlib.ExitStack() as started:
-        yield lambda: started.enter_context(contextlib.closing(EventApplication(bus)))
 
 
 @pytest.fixture

@@ -9,7 +9,7 @@ import pytest
 from gi.repository import GLib
 
 from eventapplication import (ACME, CROSSED, CURRENT, EVENTS, EVENTS_PATH, MOTION, OBJECT, RESYNC, SOURCE, STATE,
-                              TAMPER, EventApplication, summary)
+                              TAMPER, summary)
 from installation import run_by_root
 from receiverclient import NAME
 from receiverprocess import ERROR_PREFIX, LIMITS, refusal, remote_refusal
@@ -24,12 +24,6 @@ NOT_READ = (4, "A stream of events: is not read, messages are dropped")
 @pytest.fixture(autouse=True)
 def receiver(receiver_process):
     return receiver_process
-
-
-@pytest.fixture
-def start_emitter(bus):
-    with contextlib.ExitStack() as started:
-        yield lambda: started.enter_context(contextlib.closing(EventApplication(bus)))
 
 
 @pytest.fixture
