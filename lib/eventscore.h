@@ -116,7 +116,7 @@ private:
 
   /* With the lock. */
   GMutex lock = {};
-  gboolean is_away = TRUE;
+  gboolean is_away = FALSE; /* also while that is not known yet */
   std::map<std::string, DeclaredTopic> topics;
   EventQueue queue;
   std::map<std::string, Event> states; /* the present one of each property */

@@ -3,6 +3,7 @@
  * its own options and is one row of the table below.
  */
 #include "command.h"
+#include "emit.h"
 #include "memory.h"
 #include "monitor.h"
 #include "produce.h"
@@ -30,6 +31,8 @@ constexpr std::array COMMANDS = {
     Command{"apply", "Enable and disable many at once, from a file", apply_command_run},
     Command{"monitor", "Print changes of the producers as they happen", monitor_command_run},
     Command{"produce", "Pass detections from standard input to clients", produce_command_run},
+    Command{"emit", "Emit an event, or those of the lines on standard input", emit_command_run},
+    Command{"topics", "List the topics of events", topics_command_run},
     Command{"help", "Print this help, or that of a command", help_command_run},
 };
 

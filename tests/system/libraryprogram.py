@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """Python programs that use the installed library of applications."""
 
+import os
+import select
 import subprocess
 import sys
 
@@ -24,20 +26,29 @@ class Program:
         folders = {"LD_LIBRARY_PATH": str(library.parent), "GI_TYPELIB_PATH": str(library.parent / "girepository-1.0")}
         self.process = subprocess.Popen(
             [sys.executable, "-c", text, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            text=True, cwd="/", env=installation.plugin_host_environment() | folders
+            bufsize=0, cwd="/", env=installation.plugin_host_environment() | folders
             | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address, "PYTHONDONTWRITEBYTECODE": "1"})
+        self.output = b""
 
     def send(self, *lines):
-        self.process.stdin.write("".join(f"{line}\n" for line in lines))
-        self.process.stdin.flush()
+        data = memoryview("".join(f"{line}\n" for line in lines).encode())
+        while data:
+            data = data[self.process.stdin.write(data):]
 
     def line(self):
-        return self.process.stdout.readline().rstrip("\n")
+        """The next line of its output, with a time limit."""
+        while b"\n" not in self.output:
+            readable, _, _ = select.select([self.process.stdout], [], [], BOUND_SECONDS)
+            some = os.read(self.process.stdout.fileno(), 65536) if readable else b""
+            assert some, f"no line after {self.output}"
+            self.output += some
+        line, _, self.output = self.output.partition(b"\n")
+        return line.decode()
 
     def finish(self):
         """Ends its input; returns its status and what it has printed since."""
         out, err = self.process.communicate(timeout=BOUND_SECONDS)
-        return self.process.returncode, out, err
+        return self.process.returncode, (self.output + out).decode(), err.decode()
 
     def kill(self):
         self.process.kill()

@@ -260,7 +260,7 @@ def test_receiver_that_does_not_read(registry, start_program):
     wait_until(lambda: program.process.poll() is None, "it still closes")
     reader = [number_in(message) for message in read_to_end(stream)]
     out, err = program.process.communicate(timeout=30)
-    assert err == "" and reader == sorted(set(reader))
+    assert err == b"" and reader == sorted(set(reader))
     assert len(reader) + int(out.splitlines()[-1]) == 5000
     stream.close()
     other.close()

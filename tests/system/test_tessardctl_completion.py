@@ -18,7 +18,8 @@ from waiting import BOUND_SECONDS, wait_until
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
-COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce", "help"]
+COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce", "emit", "topics",
+            "help"]
 
 # Calls the completion function like bash on a tab.
 COMPLETE = """\

@@ -6,7 +6,7 @@
 _TESSARDCTL_QUERY_SECONDS=2
 
 _tessardctl_commands() {
-  printf '%s\n' stream producers list show enable disable apply monitor produce help
+  printf '%s\n' stream producers list show enable disable apply monitor produce emit topics help
 }
 
 # The options of a command, or of tessardctl itself.
@@ -21,6 +21,8 @@ _tessardctl_options() {
   producers | list) printf '%s\n' --json --names --channels --bus ;;
   show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
   produce) printf '%s\n' --nice-name --channel --sample --strict --bus ;;
+  emit) printf '%s\n' --property --operation --source --data --namespace --lines --bus ;;
+  topics) printf '%s\n' --json --bus ;;
   esac
 }
 
@@ -28,7 +30,8 @@ _tessardctl_options() {
 _tessardctl_takes_value() {
   case $1 in
   --event-topic | --event-content | --analytics | --ptz | --pantilt-space | --zoom-space | --channel | --socket | \
-    --count | --timeout | --output | --channels | --nice-name | --sample | --bus) return 0 ;;
+    --count | --timeout | --output | --channels | --nice-name | --sample | \
+    --operation | --source | --data | --namespace | --bus) return 0 ;;
   *) return 1 ;;
   esac
 }
