@@ -8,6 +8,8 @@ The source is a GStreamer description that ends with the decoded video of a came
     detector.py v4l2src device=/dev/video0
     detector.py rtspsrc location=rtsp://camera/stream ! decodebin
     detector.py filesrc location=street.mp4 ! decodebin
+
+With --events it also emits events: one for each object that crosses a line, and the state of the motion alarm.
 """
 import argparse
 import datetime
@@ -31,6 +33,7 @@ MIN_CELLS = 3             # of an object; less is noise
 SAMPLE_EVERY = 8          # frames; the background is the median of the latest samples,
 SAMPLES = 31              # so that what stands still for half of their time becomes background
 PATIENCE = 15             # frames for which an object can be hidden and keep its id
+LINE = -0.25              # where the vertical line is, from -1 at the left to 1 at the right
 
 
 class Background:
@@ -92,6 +95,35 @@ def item_of(time, seen, gone):
             "Objects": [{"Id": number, "BoundingBox": box_of(*box)} for number, box in seen.items()]}
 
 
+class Events:
+    """Who crosses the line, and whether there is an object, as events for recorders."""
+
+    CROSSED, MOTION = "tns1:RuleEngine/LineDetector/Crossed", "tns1:VideoSource/MotionAlarm"
+    RULE = {"VideoSourceConfigurationToken": "1", "VideoAnalyticsConfigurationToken": "1", "Rule": "Line"}
+
+    def __init__(self):
+        gi.require_version("Tessard", "1.0")
+        from gi.repository import Tessard
+        self.sides, self.motion, self.events = {}, None, Tessard.Events()
+        self.events.connect("refused", lambda _, topic, reason: print(f"{topic}: {reason}", file=sys.stderr))
+        self.events.declare(self.CROSSED, False, [f"{name}:tt:ReferenceToken" for name in self.RULE],
+                            ["ObjectId:xs:integer"], None)
+        self.events.declare(self.MOTION, True, ["Source:tt:ReferenceToken"], ["State:xs:boolean"], None)
+
+    def follow(self, time, seen, gone):
+        microseconds = round(time.timestamp() * 1e6)
+        for number, (left, _, right, _) in seen.items():
+            side = (left + right) / WIDTH - 1 > LINE
+            if self.sides.get(number, side) != side:
+                self.events.emit(self.CROSSED, None, self.RULE, {"ObjectId": str(number)}, microseconds)
+            self.sides[number] = side
+        for number in gone:
+            del self.sides[number]
+        if self.motion != bool(self.sides):
+            self.motion = bool(self.sides)
+            self.events.emit(self.MOTION, "Changed", {"Source": "1"}, {"State": str(self.motion).lower()}, microseconds)
+
+
 def time_of(sample, pipeline):
     """The time of the frame: now, less its age."""
     running = sample.get_segment().to_running_time(Gst.Format.TIME, sample.get_buffer().pts)
@@ -99,7 +131,7 @@ def time_of(sample, pipeline):
     return datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(microseconds=age // 1000)
 
 
-def detect(pipeline, frames):
+def detect(pipeline, frames, events):
     background, tracker = Background(), Tracker()
     message = None
     while not message:
@@ -107,7 +139,10 @@ def detect(pipeline, frames):
         if sample:
             data = sample.get_buffer().extract_dup(0, WIDTH * HEIGHT)
             moving = background.subtract(np.frombuffer(data, np.uint8).reshape(HEIGHT, WIDTH).astype(float))
-            print(json.dumps(item_of(time_of(sample, pipeline), *tracker.follow(find_boxes(moving)))), flush=True)
+            time, (seen, gone) = time_of(sample, pipeline), tracker.follow(find_boxes(moving))
+            print(json.dumps(item_of(time, seen, gone)), flush=True)
+            if events:
+                events.follow(time, seen, gone)
         message = pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR | Gst.MessageType.EOS)
     if message.type == Gst.MessageType.ERROR:
         sys.exit(f"{message.src.name}: {message.parse_error().gerror.message}")
@@ -115,8 +150,10 @@ def detect(pipeline, frames):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--events", action="store_true", help="emit events")
     parser.add_argument("source", nargs=argparse.REMAINDER, help="the video, as gst-launch-1.0 takes it")
-    source = " ".join(parser.parse_args().source) or "videotestsrc is-live=true pattern=ball"
+    arguments = parser.parse_args()
+    source = " ".join(arguments.source) or "videotestsrc is-live=true pattern=ball"
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: sys.exit())
     Gst.init(None)
@@ -129,12 +166,15 @@ def main():
     # A live video goes on when analysing it takes too long; a file waits.
     frames.props.drop = pipeline.set_state(Gst.State.PAUSED) == Gst.StateChangeReturn.NO_PREROLL
     pipeline.set_state(Gst.State.PLAYING)
+    events = Events() if arguments.events else None
     try:
-        detect(pipeline, frames)
+        detect(pipeline, frames, events)
     except BrokenPipeError:  # the reader has closed the pipe
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     finally:
         pipeline.set_state(Gst.State.NULL)
+        if events:
+            events.events.close()
 
 
 if __name__ == "__main__":

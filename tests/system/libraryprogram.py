@@ -18,16 +18,21 @@ from gi.repository import GLib, Tessard
 """
 
 
+def library_environment(installation, bus):
+    """The variables with which a program without instrumentation uses the installed library on a bus."""
+    (library,) = installation.prefix.glob("lib*/**/libtessard-1.0.so.0")
+    return installation.plugin_host_environment() | {
+        "LD_LIBRARY_PATH": str(library.parent), "GI_TYPELIB_PATH": str(library.parent / "girepository-1.0"),
+        "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "PYTHONDONTWRITEBYTECODE": "1"}
+
+
 class Program:
     """A program, given as its text. Its standard input and output are pipes of lines."""
 
     def __init__(self, installation, bus, text, *args):
-        (library,) = installation.prefix.glob("lib*/**/libtessard-1.0.so.0")
-        folders = {"LD_LIBRARY_PATH": str(library.parent), "GI_TYPELIB_PATH": str(library.parent / "girepository-1.0")}
         self.process = subprocess.Popen(
             [sys.executable, "-c", text, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            bufsize=0, cwd="/", env=installation.plugin_host_environment() | folders
-            | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address, "PYTHONDONTWRITEBYTECODE": "1"})
+            bufsize=0, cwd="/", env=library_environment(installation, bus))
         self.output = b""
 
     def send(self, *lines):
