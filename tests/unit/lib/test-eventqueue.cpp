@@ -1,0 +1,83 @@
+/* SPDX-License-Identifier: MIT */
+#include "eventqueue.h"
+
+#include "testhost.h"
+
+namespace
+{
+
+class EventQueueTest : public testhost::Fixture
+{
+protected:
+  static Event event(const std::string &value)
+  {
+    Event made;
+    made.topic = "tns1:Other";
+    made.data["Value"] = value;
+    return made;
+  }
+
+  static Event state(const std::string &source, const std::string &value)
+  {
+    Event made = event(value);
+    made.topic = "tns1:Property";
+    made.is_property = TRUE;
+    made.source["Source"] = source;
+    return made;
+  }
+
+  std::vector<std::string> values()
+  {
+    std::vector<std::string> found;
+    while (!queue.is_empty()) {
+      found.push_back(queue.pop().data["Value"]);
+    }
+    return found;
+  }
+
+  EventQueue queue;
+};
+
+} // namespace
+
+TEST_F(EventQueueTest, KeepsEveryStateWhileTheReceiverIsThere)
+{
+  queue.push(state("1", "a"), FALSE);
+  queue.push(event("b"), FALSE);
+  EXPECT_TRUE(queue.push(state("1", "c"), FALSE).empty());
+  EXPECT_EQ(values(), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(EventQueueTest, KeepsTheLastStateOfEachPropertyWhileItIsAway)
+{
+  queue.push(state("1", "a"), TRUE);
+  queue.push(state("2", "b"), TRUE);
+  const std::vector<Event> dropped = queue.push(state("1", "c"), TRUE);
+  ASSERT_EQ(dropped.size(), 1U);
+  EXPECT_EQ(dropped[0].data.at("Value"), "a");
+  EXPECT_EQ(values(), (std::vector<std::string>{"b", "c"}));
+}
+
+TEST_F(EventQueueTest, KeepsTheNewestOfTheOthersAndEveryProperty)
+{
+  queue.push(state("1", "state"), TRUE);
+  for (guint i = 0; i < TESSARD_EVENTS_MAX_QUEUED; i++) {
+    EXPECT_TRUE(queue.push(event(std::to_string(i)), TRUE).empty());
+  }
+  const std::vector<Event> dropped = queue.push(event("last"), TRUE);
+  ASSERT_EQ(dropped.size(), 1U);
+  EXPECT_EQ(dropped[0].data.at("Value"), "0");
+  EXPECT_TRUE(queue.has_property(event_key(state("1", ""))));
+  EXPECT_FALSE(queue.has_property(event_key(state("2", ""))));
+  const std::vector<std::string> left = values();
+  EXPECT_EQ(left.size(), gsize{TESSARD_EVENTS_MAX_QUEUED + 1});
+  EXPECT_EQ(left.front(), "state");
+  EXPECT_EQ(left.back(), "last");
+}
+
+TEST_F(EventQueueTest, PutsBackInFront)
+{
+  queue.push(event("b"), FALSE);
+  queue.put_back(event("a"));
+  EXPECT_EQ(values(), (std::vector<std::string>{"a", "b"}));
+}
