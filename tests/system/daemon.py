@@ -20,8 +20,8 @@ from gi.repository import GLib
 
 from client import ConnectionEnded, Client
 from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, EVENT_PLUGINS, JSON_PLUGIN, OWN_EVENT_PLUGIN, PTZ_PLUGIN,
-                          RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, documented_limit, run_by_root,
-                          unprivileged)
+                          RADAR_PLUGIN, SCENE_PLUGIN, UNPRIVILEGED_GROUP, UNPRIVILEGED_USER, documented_limit,
+                          run_by_root, unprivileged)
 from waiting import BOUND_SECONDS, wait_until
 
 ERROR = 3

@@ -8,8 +8,8 @@ import sys
 
 import pytest
 
-from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, OWN_EVENT_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS, SOURCE_PLUGIN,
-                          build_option)
+from installation import (DOCUMENT_PLUGIN, EVENT_PLUGIN, JSON_PLUGIN, OWN_PLUGINS, SANITIZED, SIMULATED_PLUGINS,
+                          SOURCE_PLUGIN, build_option)
 from waiting import BOUND_SECONDS
 
 # Prints from GStreamer's registry the plug-ins, and the file, the rank and the texts of each element in the arguments.

@@ -49,8 +49,8 @@ def test_events_reach_a_stream(emitter, reader):
         "UtcTime": "2023-11-14T22:13:20.123456Z", "Source": [["Source", "1"]],
         "Data": [["State", "1"], ["Text", '"\\\u00e4\n']]}
     assert stream.item() == {
-        "Topic": CROSSED, "Namespaces": {}, "Property": False, "Operation": "", "UtcTime": "1970-01-01T00:00:00.000001Z",
-        "Source": [["Source", "1"]], "Data": [["ObjectId", "7"]]}
+        "Topic": CROSSED, "Namespaces": {}, "Property": False, "Operation": "",
+        "UtcTime": "1970-01-01T00:00:00.000001Z", "Source": [["Source", "1"]], "Data": [["ObjectId", "7"]]}
 
 
 def test_time_0_is_now(emitter, reader):
