@@ -135,8 +135,8 @@ on_news(GObject *object)
   if (std::exchange(state->told_dropped, news.dropped) != news.dropped) {
     g_object_notify_by_pspec(object, properties[PROP_DROPPED]);
   }
-  if (news.interruption != nullptr) {
-    g_signal_emit(self, signals[SIGNAL_INTERRUPTED], 0, news.interruption);
+  for (const GError *interruption : news.interruptions) {
+    g_signal_emit(self, signals[SIGNAL_INTERRUPTED], 0, interruption);
   }
   if (news.failure != nullptr) {
     g_signal_emit(self, signals[SIGNAL_FAILED], 0, news.failure);
@@ -349,7 +349,8 @@ tessard_producer_class_init(TessardProducerClass *klass)
    * @self: the producer
    * @reason: an error of %TESSARD_ERROR
    *
-   * Items are not taken for now. The library tries again.
+   * Items are not taken for now. The library tries again; an application that does not want to wait for this
+   * closes the producer. When several reasons come before the main context runs, each is told once.
    */
   signals[SIGNAL_INTERRUPTED] = tessard_producer_new_signal("interrupted", 1, G_TYPE_ERROR, G_TYPE_NONE);
 

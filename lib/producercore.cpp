@@ -52,11 +52,25 @@ check_text(const gchar *text, GError **error)
   return flaw == nullptr;
 }
 
+void
+free_errors(std::vector<GError *> *errors)
+{
+  std::for_each(errors->begin(), errors->end(), g_error_free);
+  errors->clear();
+}
+
+gboolean
+has_code(const std::vector<GError *> &errors, int code)
+{
+  return std::any_of(errors.begin(), errors.end(),
+                     [code](const GError *error) { return error->code == code; });
+}
+
 } // namespace
 
 ProducerNews::~ProducerNews()
 {
-  g_clear_error(&interruption);
+  free_errors(&interruptions);
   g_clear_error(&failure);
 }
 
@@ -79,7 +93,7 @@ ProducerCore::ProducerCore(std::string bus_address, ProducerDescription producer
 
 ProducerCore::~ProducerCore()
 {
-  g_clear_error(&interruption);
+  free_errors(&interruptions);
   g_clear_error(&failure);
   g_mutex_clear(&lock);
 }
@@ -215,7 +229,7 @@ ProducerCore::take_news(ProducerNews *news)
   news->enabled = enabled;
   news->dropped = dropped_published;
   news->drained = std::exchange(drained, FALSE);
-  news->interruption = g_steal_pointer(&interruption);
+  news->interruptions = std::exchange(interruptions, {});
   if (std::exchange(failure_is_new, FALSE)) {
     news->failure = g_error_copy(failure);
   }
@@ -382,8 +396,8 @@ ProducerCore::interrupted(const GError *reason)
   receiver_takes = FALSE;
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    if (interruption == nullptr) {
-      interruption = g_error_copy(reason);
+    if (!has_code(interruptions, reason->code)) {
+      interruptions.push_back(g_error_copy(reason));
     }
   }
   notifier->schedule();

@@ -22,7 +22,7 @@ struct ProducerNews {
   EnabledChannels enabled;
   guint64 dropped = 0;
   gboolean drained = FALSE;
-  GError *interruption = nullptr; /* the first one since the last news */
+  std::vector<GError *> interruptions; /* since the last news, in their order, each code once */
   GError *failure = nullptr;
 };
 
@@ -118,7 +118,7 @@ private:
   guint pending = 0;
   gboolean drained = FALSE;
   gboolean closed = FALSE;
-  GError *interruption = nullptr;
+  std::vector<GError *> interruptions;
   GError *failure = nullptr;
   gboolean failure_is_new = FALSE;
 };

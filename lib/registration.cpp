@@ -239,7 +239,8 @@ Registration::receiver_vanished(const GError *reason)
   if (g_error_matches(reason, TESSARD_ERROR, TESSARD_ERROR_NO_BUS)) {
     client->bus_failed(reason);
   }
-  if (sample_frame.has_value() && !ending) {
+  const gboolean is_end_of_bus = g_error_matches(reason, TESSARD_ERROR, TESSARD_ERROR_BUS_CLOSED);
+  if ((sample_frame.has_value() || is_end_of_bus) && !ending) {
     client->interrupted(reason);
   }
 }
@@ -362,6 +363,10 @@ Registration::take_failure(const GError *cause)
   const Remedy remedy = look_up(name).remedy;
   g_autoptr(GError) error = convert_error(cause);
 
+  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
+    /* The end of the bus, which the link reports. */
+    return;
+  }
   if (ending) {
     if (!registered) {
       client->ended();

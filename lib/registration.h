@@ -33,7 +33,8 @@ public:
     virtual void channel_opened(guint32 channel, int fd) = 0;
     /* The receiver is not there. All its channels are closed. */
     virtual void receiver_lost() = 0;
-    /* Items are not taken for now, for this reason. It is tried again. */
+    /* Items are not taken for now, for this reason. It is tried again. Without a sample frame, only the end
+     * of the bus is told. */
     virtual void interrupted(const GError *reason) = 0;
     /* The receiver has refused for good. Only another receiver is tried. */
     virtual void refused(const GError *reason) = 0;

@@ -54,6 +54,33 @@ producer.connect("failed", lambda _, error: tell("failed:", error.message))
 GLib.MainLoop().run()
 """
 
+# The same, whose main loop runs when its input has a line.
+LATE_LISTENER = LISTENER.replace("GLib.MainLoop()", """
+import time
+while not producer.get_ready():
+    time.sleep(0.01)
+tell("waits")
+sys.stdin.readline()
+GLib.MainLoop()""")
+
+# The same with an item, of which it prints whether it waits.
+WAITING_LISTENER = LISTENER.replace("GLib.MainLoop()", """
+producer.connect("interrupted", lambda *_: tell("waiting", producer.get_pending()))
+producer.send_json(1, "{}")
+GLib.MainLoop()""")
+
+# Prints its interruptions, and sends nothing.
+SILENT = PREFACE + """
+def on_new(source, result):
+    global producer
+    producer = Tessard.Producer.new_finish(result)
+    producer.connect("interrupted", lambda _, error: print(error.message, flush=True))
+    print("connected", flush=True)
+
+Tessard.Producer.new_async("Mine", None, [1], None, None, on_new)
+GLib.MainLoop().run()
+"""
+
 # Applications that end without a word, one after the other: each sends one item and goes when it is written.
 RESTARTS = PREFACE + """
 import time
@@ -334,6 +361,47 @@ def test_refusal_that_passes(registry, start_program, error):
     program = start_program(LISTENER, MINE, on=registry.bus)
     assert program.line() == f"interrupted: The receiver refuses for now: No: {error}."
     assert program.line() == "ready True"
+
+
+def test_each_reason_is_told(registry, start_program):
+    """Also if the main loop runs late."""
+    program = start_program(LATE_LISTENER, MINE, on=registry.bus)
+    streams = [*next_stream(registry)]
+    assert program.line() == "waits"
+    for stream in streams:
+        stream.close()
+    streams = [*next_stream(registry)]
+    registry.client.release(NAME)
+    registry.client.own(NAME)
+    streams += next_stream(registry)
+    program.send("")
+    lines = [program.line() for _ in range(3)]
+    lines.remove("ready True")
+    assert lines == ["interrupted: The receiver has closed a channel.",
+                     "interrupted: The receiver is not on the bus: 'com.quon.MetadataReceiver1' has no owner."]
+    for stream in streams:
+        stream.close()
+
+
+@pytest.mark.parametrize("method", ["RegisterProducer", "OpenChannel"])
+def test_bus_that_ends_during_a_call(registry, start_program, method):
+    """The receiver has not replied, and has not refused either: the item waits for the next one."""
+    registry.handlers[method].put(lambda call: None)
+    program = start_program(WAITING_LISTENER, MINE, on=registry.bus)
+    wait_until(lambda: method in registry.calls, "it calls")
+    registry.bus.stop()
+    lines = [program.line(), program.line()]
+    if "not on the bus" in lines[0]:
+        # The bus has disconnected the receiver first.
+        lines = [program.line(), program.line()]
+    assert lines == ["interrupted: The bus closed the connection.", "waiting 1"]
+
+
+def test_bus_that_ends_before_the_first_item(registry, start_program):
+    program = start_program(SILENT, on=registry.bus)
+    assert program.line() == "connected"
+    registry.bus.stop()
+    assert program.line() == "The bus closed the connection."
 
 
 def test_bus_that_restarts(installation, start_bus, start_program):
