@@ -167,7 +167,7 @@ tessard_producer_constructed(GObject *object)
       state->bus_address, ProducerDescription{state->name, state->nice_name, state->channels},
       Notifier::create(object, on_news));
   if (!state->sample_frame.empty()) {
-    state->core->set_sample_frame(state->sample_frame);
+    state->core->set_sample_frame(state->sample_frame.c_str());
   }
   state->core->start();
 }

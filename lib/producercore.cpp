@@ -126,10 +126,10 @@ ProducerCore::call_when_connected(Function function)
 
 /**
  * ProducerCore::set_sample_frame:
- * @text: the sample frame; the first one counts
+ * @text: (transfer none): the sample frame; the first one counts
  */
 void
-ProducerCore::set_sample_frame(std::string text)
+ProducerCore::set_sample_frame(const gchar *text)
 {
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
@@ -137,7 +137,7 @@ ProducerCore::set_sample_frame(std::string text)
       return;
     }
     has_sample_frame = TRUE;
-    sample_frame = std::move(text);
+    sample_frame = text;
   }
   wake();
 }
@@ -194,7 +194,9 @@ ProducerCore::send(guint32 channel, const gchar *text, GError **error)
                 "Too much waits for the receiver on channel %u: the item is dropped.", channel);
   }
   const guint gone = expired + (fits ? 0 : 1);
-  count(gone, gone);
+  if (gone > 0) {
+    count(gone, gone);
+  }
   wake();
   return fits;
 }
@@ -298,24 +300,31 @@ ProducerCore::wake()
 void
 ProducerCore::write_queued()
 {
-  std::optional<std::string> sample;
-
   if (registration == nullptr) {
     return;
   }
-  {
-    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    if (has_sample_frame) {
-      sample = sample_frame;
-    }
-  }
-  if (sample.has_value()) {
-    registration->set_sample_frame(*sample);
+  if (!sample_frame_passed) {
+    pass_sample_frame();
   }
   for (const auto &channel : channels) {
     channel->pipe.write_queued();
   }
   tell_dropped();
+}
+
+void
+ProducerCore::pass_sample_frame()
+{
+  std::string sample;
+  {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    if (!has_sample_frame) {
+      return;
+    }
+    sample.swap(sample_frame);
+  }
+  sample_frame_passed = TRUE;
+  registration->set_sample_frame(sample);
 }
 
 void

@@ -43,7 +43,7 @@ public:
   /* For any thread. */
   void start();
   void call_when_connected(Function function);
-  void set_sample_frame(std::string text);
+  void set_sample_frame(const gchar *text);
   gboolean send(guint32 channel, const gchar *text, GError **error);
   void close(Function function);
   void take_news(ProducerNews *news);
@@ -70,6 +70,7 @@ private:
   void begin();
   void wake();
   void write_queued();
+  void pass_sample_frame();
   void take_listing(const std::optional<EnabledChannels> &enabled);
   void finish_connecting(const GError *error);
   gboolean check_open(GError **error);
@@ -93,6 +94,7 @@ private:
   std::unique_ptr<Registration> registration;
   std::vector<Function> connect_functions;
   gboolean connected = FALSE;
+  gboolean sample_frame_passed = FALSE; /* to the registration */
   gboolean receiver_takes = TRUE; /* whether the receiver can take what is queued; %TRUE until it is known */
   std::vector<Function> close_functions;
   std::shared_ptr<ProducerCore> kept; /* while it closes */
@@ -108,7 +110,7 @@ private:
 
   /* With the lock. */
   GMutex lock = {};
-  std::string sample_frame;
+  std::string sample_frame; /* empty once it is passed */
   gboolean has_sample_frame = FALSE;
   gboolean ready = FALSE;
   gboolean listed = FALSE;
