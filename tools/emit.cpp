@@ -7,6 +7,7 @@
 #include "emit.h"
 #include "arguments.h"
 #include "command.h"
+#include "libraryerror.h"
 #include "linecutter.h"
 #include "output.h"
 #include "printable.h"
@@ -125,28 +126,6 @@ struct Interruption {
   GError *reason = nullptr;
 };
 
-ExitStatus
-status_of(const GError *error)
-{
-  switch (error->code) {
-  case TESSARD_ERROR_NO_BUS:
-  case TESSARD_ERROR_NO_RECEIVER:
-    return EXIT_STATUS_NO_CONNECTION;
-  case TESSARD_ERROR_BUS_CLOSED:
-    return EXIT_STATUS_ENDED;
-  case TESSARD_ERROR_MALFORMED_REPLY:
-    return EXIT_STATUS_MALFORMED;
-  default:
-    return EXIT_STATUS_REFUSED;
-  }
-}
-
-void
-set_outcome(GError **error, const GError *cause)
-{
-  g_set_error_literal(error, TESSARDCTL_ERROR, status_of(cause), cause->message);
-}
-
 void
 on_interrupted(TessardEvents *events, const GError *reason, gpointer user_data)
 {
@@ -221,7 +200,7 @@ EventsSession::wait_for(const Wait *wait, GError **error)
     return TRUE;
   }
   if (interruption.reason != nullptr) {
-    set_outcome(error, interruption.reason);
+    g_propagate_error(error, library_error_convert(interruption.reason));
   } else {
     g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_TIMED_OUT, "The receiver does not reply.");
   }
@@ -239,7 +218,7 @@ EventsSession::emit(const EventText &event, GError **error)
 
   if (!tessard_events_declare(events, event.topic.c_str(), event.is_property, source.data(), data.data(),
                               event.namespaces, &cause)) {
-    set_outcome(error, cause);
+    g_propagate_error(error, library_error_convert(cause));
     return FALSE;
   }
   tessard_events_emit_async(events, event.topic.c_str(),
@@ -249,7 +228,7 @@ EventsSession::emit(const EventText &event, GError **error)
     return FALSE;
   }
   if (!tessard_events_emit_finish(events, wait->result, &cause)) {
-    set_outcome(error, cause);
+    g_propagate_error(error, library_error_convert(cause));
     return FALSE;
   }
   return TRUE;
@@ -268,7 +247,7 @@ EventsSession::get_topics(GError **error)
   }
   GVariant *topics = tessard_events_get_topics_finish(events, wait->result, &cause);
   if (topics == nullptr) {
-    set_outcome(error, cause);
+    g_propagate_error(error, library_error_convert(cause));
   }
   return topics;
 }

@@ -1,31 +1,31 @@
 /* SPDX-License-Identifier: MIT */
-/* "tessardctl produce": passes items from standard input to the metadata receiver.
+/* "tessardctl produce": passes items from standard input to the metadata receiver, by the library of
+ * applications.
  *
- * Of each line that is an item, every channel gets a message; then the next line is read. So at most one line
- * waits for the receiver, and a fast program is slowed down to the receiver's pace. A line that has waited
- * for PRODUCE_WAIT_MS is dropped, and so are all further ones until the receiver takes messages again:
- * a program is never stopped for long, and clients do not get items of the past. While the receiver is not on
+ * Of each line that is an item, every channel gets a message. The library gets the lines in batches: when a
+ * batch is full, the next line waits until the receiver has taken all of it. So few lines wait, and a fast
+ * program is slowed down to the receiver's pace. When lines have waited for PRODUCE_WAIT_MS, all further ones
+ * are dropped until the receiver has taken the batch, or the library has dropped it because of its age: a
+ * program is never stopped for long, and clients do not get items of the past. While the receiver is not on
  * the bus, lines are dropped at once.
  *
- * Everything runs on the main thread, in one main loop, which nothing blocks: standard input is read when it
- * has data, channels do not block, and a message that standard error does not take is left out.
+ * Nothing blocks the main loop: standard input is read when it has data, the library has a thread of its own,
+ * and a message that standard error does not take is left out.
  */
 #include "produce.h"
-#include "channelwriter.h"
 #include "command.h"
+#include "libraryerror.h"
 #include "linecutter.h"
 #include "produceoptions.h"
-#include "producerbus.h"
 #include "produceritem.h"
-#include "receiverlink.h"
+#include "tessardproducer.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <glib-unix.h>
-#include <memory>
 #include <optional>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -34,12 +34,16 @@ constexpr gsize READ_BYTES = 65536;
 
 constexpr gchar WHITE_SPACE[] = " \t\r";
 
-constexpr gchar ABSENT[] = "The receiver is not on the bus: '" RECEIVER_LINK_BUS_NAME "' has no owner.";
+/* The lines that the library has got since it had none that waits. */
+struct Batch {
+  guint lines = 0;
+  gsize bytes = 0;
+};
 
 class Session
 {
 public:
-  Session(GDBusConnection *connection, const ProduceOptions *options);
+  explicit Session(const ProduceOptions *options);
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
   ~Session();
@@ -47,67 +51,57 @@ public:
   const GError *run();
 
 private:
-  static const ReceiverLinkEvents LINK_EVENTS;
-
   static gboolean on_input(gint fd, GIOCondition condition, gpointer user_data);
   static gboolean on_waited(gpointer user_data);
-  static gboolean on_end_time(gpointer user_data);
   static gboolean on_signal(gpointer user_data);
-  static void on_bus_closed(GDBusConnection *connection, gboolean remote_peer_vanished, GError *error,
-                            gpointer user_data);
-  static void on_written(ChannelWriter *writer, gpointer user_data);
-  static void on_channel_end(ChannelWriter *writer, gpointer user_data);
-  static void on_channel_open(guint32 channel, int fd, gpointer user_data);
-  static void on_absent(gpointer user_data);
-  static void on_delay(const gchar *reason, gpointer user_data);
-  static void on_failure(GError *error, gpointer user_data);
-  static void on_unregistered(gpointer user_data);
+  static void on_connected(GObject *producer, GAsyncResult *result, gpointer user_data);
+  static void on_ready(TessardProducer *producer, GParamSpec *pspec, gpointer user_data);
+  static void on_drained(TessardProducer *producer, gpointer user_data);
+  static void on_interrupted(TessardProducer *producer, const GError *reason, gpointer user_data);
+  static void on_failed(TessardProducer *producer, const GError *reason, gpointer user_data);
+  static void on_closed(GObject *producer, GAsyncResult *result, gpointer user_data);
 
-  void start_link(const std::string &sample_frame);
   void watch_input(gboolean watching);
   void read_input();
   void take_lines();
   void take_line(const Line &line);
   gboolean check(const Line &line);
   void report_flaw(const Line &line, const gchar *consequence, const gchar *flaw);
-  gboolean can_write() const;
+  gboolean is_drained();
+  gboolean can_send();
   gboolean pass_held_line();
-  void start_dropping(ExitStatus status, const gchar *reason);
+  void send_held_line();
+  void watch_time();
+  void start_dropping(GError *reason);
   void stop_dropping();
+  guint64 take_dropped_by_library();
   void end(GError *outcome);
-  void end_when_written();
   void quit();
 
-  GDBusConnection *connection;
   const ProduceOptions *options;
+  TessardProducer *producer;
   GMainLoop *loop;
   guint interrupted;
   guint terminated;
-  gulong closed;
   guint input = 0;       /* the watch, while lines are read */
-  guint wait_source = 0; /* while a line waits */
-  guint end_source = 0;
+  guint wait_source = 0; /* while lines wait */
 
   LineCutter cutter{PRODUCE_MAX_LINE_BYTES};
   ProducerItemChecker checker;
-  std::vector<std::unique_ptr<ChannelWriter>> writers;
-  std::unique_ptr<ReceiverLink> link;   /* NULL until there is a sample frame */
-  std::optional<std::string> held_line; /* waits until it can be written */
+  std::optional<std::string> held_line; /* waits until the library gets it */
+  Batch batch;
   gboolean input_ended = FALSE;
-  gboolean taking_lines = FALSE;
   gboolean was_open = FALSE; /* whether all channels have been open */
 
   gboolean dropping = FALSE;
-  guint64 dropped = 0;     /* since then */
-  GError *cause = nullptr; /* why lines are dropped */
+  guint64 dropped = 0;       /* lines, since then */
+  guint64 dropped_items = 0; /* of the library, as far as they are told */
+  GError *cause = nullptr;   /* why lines are dropped */
 
   gboolean ending = FALSE;
   gboolean signalled = FALSE;
   GError *outcome = nullptr;
 };
-
-const ReceiverLinkEvents Session::LINK_EVENTS = {on_channel_open, on_absent, on_delay, on_failure,
-                                                 on_unregistered};
 
 gboolean
 takes_text(int fd)
@@ -132,31 +126,39 @@ is_blank(const std::string &text)
   return text.find_first_not_of(WHITE_SPACE) == std::string::npos;
 }
 
-Session::Session(GDBusConnection *bus_connection, const ProduceOptions *produce_options)
-    : connection(bus_connection), options(produce_options), loop(g_main_loop_new(nullptr, FALSE)),
-      interrupted(g_unix_signal_add(SIGINT, on_signal, this)),
-      terminated(g_unix_signal_add(SIGTERM, on_signal, this)),
-      closed(g_signal_connect(connection, "closed", G_CALLBACK(on_bus_closed), this))
+TessardProducer *
+new_producer(const ProduceOptions *options)
 {
-  for (const guint32 channel : options->channels) {
-    writers.push_back(std::make_unique<ChannelWriter>(channel, on_written, on_channel_end, this));
-  }
-  if (!options->sample_frame.empty()) {
-    start_link(options->sample_frame);
-  }
+  GVariant *channels = g_variant_new_fixed_array(G_VARIANT_TYPE_UINT32, options->channels.data(),
+                                                 options->channels.size(), sizeof(guint32));
+
+  return TESSARD_PRODUCER(g_object_new(TESSARD_TYPE_PRODUCER, "name", options->name.c_str(), "nice-name",
+                                       options->nice_name.c_str(), "channels", channels, "sample-frame",
+                                       options->sample_frame.c_str(), "bus-address",
+                                       options->arguments.bus_address, nullptr));
 }
 
+Session::Session(const ProduceOptions *produce_options)
+    : options(produce_options), producer(new_producer(options)), loop(g_main_loop_new(nullptr, FALSE)),
+      interrupted(g_unix_signal_add(SIGINT, on_signal, this)),
+      terminated(g_unix_signal_add(SIGTERM, on_signal, this))
+{
+  g_signal_connect(producer, "notify::ready", G_CALLBACK(on_ready), this);
+  g_signal_connect(producer, "drained", G_CALLBACK(on_drained), this);
+  g_signal_connect(producer, "interrupted", G_CALLBACK(on_interrupted), this);
+  g_signal_connect(producer, "failed", G_CALLBACK(on_failed), this);
+}
+
+/* The main loop does not run any more: results of the producer that come later have no effect. */
 Session::~Session()
 {
-  ending = TRUE;
-  g_signal_handler_disconnect(connection, closed);
-  link.reset();
+  g_signal_handlers_disconnect_by_data(producer, this);
   watch_input(FALSE);
   g_clear_handle_id(&wait_source, g_source_remove);
-  g_clear_handle_id(&end_source, g_source_remove);
   g_source_remove(terminated);
   g_source_remove(interrupted);
   g_main_loop_unref(loop);
+  g_object_unref(producer);
   g_clear_error(&cause);
   g_clear_error(&outcome);
 }
@@ -165,17 +167,21 @@ Session::~Session()
 const GError *
 Session::run()
 {
-  take_lines();
+  g_async_initable_init_async(G_ASYNC_INITABLE(producer), G_PRIORITY_DEFAULT, nullptr, on_connected, this);
   g_main_loop_run(loop);
   return outcome;
 }
 
 void
-Session::start_link(const std::string &sample_frame)
+Session::on_connected(GObject *object, GAsyncResult *result, gpointer user_data)
 {
-  link = std::make_unique<ReceiverLink>(
-      connection, ProducerDescription{options->name, options->nice_name, options->channels, sample_frame},
-      &LINK_EVENTS, this);
+  auto *self = static_cast<Session *>(user_data);
+  g_autoptr(GError) error = nullptr;
+
+  if (!g_async_initable_init_finish(G_ASYNC_INITABLE(object), result, &error)) {
+    self->end(library_error_convert(error));
+  }
+  self->take_lines();
 }
 
 /* Input */
@@ -220,22 +226,18 @@ Session::read_input()
 void
 Session::take_lines()
 {
-  if (taking_lines) {
-    return;
-  }
-  taking_lines = TRUE;
   while (!ending && pass_held_line()) {
     const std::optional<Line> line = cutter.pop();
     if (line.has_value()) {
       take_line(*line);
-    } else if (input_ended) {
+    } else if (input_ended && (dropping || is_drained())) {
       end(dropping && !was_open ? g_error_copy(cause) : nullptr);
     } else {
       break;
     }
   }
-  taking_lines = FALSE;
-  watch_input(!ending && !held_line.has_value());
+  watch_input(!ending && !input_ended && !held_line.has_value());
+  watch_time();
 }
 
 void
@@ -243,11 +245,9 @@ Session::take_line(const Line &line)
 {
   if (!is_blank(line.text) || line.too_long) {
     if (check(line)) {
+      tessard_producer_set_sample_frame(producer, line.text.c_str());
       held_line = line.text;
     }
-  }
-  if (held_line.has_value() && link == nullptr) {
-    start_link(*held_line);
   }
 }
 
@@ -288,13 +288,25 @@ Session::report_flaw(const Line &line, const gchar *consequence, const gchar *fl
 /* Output */
 
 gboolean
-Session::can_write() const
+Session::is_drained()
 {
-  return std::all_of(writers.begin(), writers.end(),
-                     [](const auto &writer) { return writer->is_open() && !writer->is_writing(); });
+  if (batch.lines > 0 && tessard_producer_get_pending(producer) == 0) {
+    batch = {};
+  }
+  return batch.lines == 0;
 }
 
-/* Writes or drops the line that waits.
+/* Whether the library can get the held line. While lines are dropped, all of the batch must be gone first. */
+gboolean
+Session::can_send()
+{
+  const gboolean fits = batch.lines < PRODUCE_MAX_BATCH_LINES &&
+                        batch.bytes + held_line->size() <= PRODUCE_MAX_BATCH_BYTES && !dropping;
+
+  return (is_drained() || fits) && tessard_producer_get_ready(producer);
+}
+
+/* Sends or drops the line that waits.
  *
  * Returns: whether no line waits any more */
 gboolean
@@ -303,25 +315,42 @@ Session::pass_held_line()
   if (!held_line.has_value()) {
     return TRUE;
   }
-  if (can_write()) {
+  if (can_send()) {
     stop_dropping();
-    const std::string message = producer_item_make_message(*held_line);
-    for (const auto &writer : writers) {
-      if (writer->is_open()) {
-        writer->write(message);
-      }
-    }
+    send_held_line();
   } else if (dropping) {
     dropped++;
   } else {
-    if (wait_source == 0) {
-      wait_source = g_timeout_add(PRODUCE_WAIT_MS, on_waited, this);
-    }
     return FALSE;
   }
-  g_clear_handle_id(&wait_source, g_source_remove);
   held_line.reset();
   return TRUE;
+}
+
+/* The library counts what it drops. */
+void
+Session::send_held_line()
+{
+  if (batch.lines == 0) {
+    g_clear_handle_id(&wait_source, g_source_remove);
+  }
+  for (const guint32 channel : options->channels) {
+    tessard_producer_send_json(producer, channel, held_line->c_str(), nullptr);
+  }
+  batch.lines++;
+  batch.bytes += held_line->size();
+  was_open = TRUE;
+}
+
+/* Limits the time for which lines wait, here or in the library. */
+void
+Session::watch_time()
+{
+  if (ending || dropping || (!held_line.has_value() && is_drained())) {
+    g_clear_handle_id(&wait_source, g_source_remove);
+  } else if (wait_source == 0) {
+    wait_source = g_timeout_add(PRODUCE_WAIT_MS, on_waited, this);
+  }
 }
 
 gboolean
@@ -330,18 +359,22 @@ Session::on_waited(gpointer user_data)
   auto *self = static_cast<Session *>(user_data);
 
   self->wait_source = 0;
-  self->start_dropping(EXIT_STATUS_TIMED_OUT, "The receiver does not read.");
+  self->start_dropping(
+      g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_TIMED_OUT, "The receiver does not read."));
   return G_SOURCE_REMOVE;
 }
 
+/* Takes @reason. */
 void
-Session::start_dropping(ExitStatus status, const gchar *reason)
+Session::start_dropping(GError *reason)
 {
+  g_autoptr(GError) owned = reason;
+
   if (!dropping && !ending) {
-    g_autofree gchar *message = g_strdup_printf("%s Lines are dropped until it takes them.", reason);
+    g_autofree gchar *message = g_strdup_printf("%s Lines are dropped until it takes them.", owned->message);
     print_note(message);
     g_clear_error(&cause);
-    cause = g_error_new_literal(TESSARDCTL_ERROR, status, reason);
+    cause = g_steal_pointer(&owned);
     dropping = TRUE;
     dropped = 0;
   }
@@ -352,6 +385,7 @@ void
 Session::stop_dropping()
 {
   if (dropping) {
+    dropped += take_dropped_by_library();
     g_autofree gchar *message =
         g_strdup_printf("The receiver takes lines again; dropped lines: %" G_GUINT64_FORMAT ".", dropped);
     print_note(message);
@@ -359,92 +393,61 @@ Session::stop_dropping()
   }
 }
 
-void
-Session::on_written(ChannelWriter *writer, gpointer user_data)
+/* Returns: how many lines it has dropped since the last call. A line is an item in each channel. */
+guint64
+Session::take_dropped_by_library()
 {
-  auto *self = static_cast<Session *>(user_data);
+  const guint64 before = std::exchange(dropped_items, tessard_producer_get_dropped(producer));
+  const guint64 channels = options->channels.size();
 
-  if (self->ending) {
-    self->end_when_written();
-  } else {
-    self->take_lines();
-  }
+  return (dropped_items - before + channels - 1) / channels;
 }
 
+/* Producer */
+
 void
-Session::on_channel_end(ChannelWriter *writer, gpointer user_data)
+Session::on_ready(TessardProducer *producer, GParamSpec *pspec, gpointer user_data)
 {
   auto *self = static_cast<Session *>(user_data);
 
-  if (self->ending) {
-    self->end_when_written();
-    return;
-  }
-  self->link->reopen(writer->channel());
-  self->start_dropping(EXIT_STATUS_ENDED, "The receiver has closed a channel.");
-}
-
-/* Receiver */
-
-void
-Session::on_channel_open(guint32 channel, int fd, gpointer user_data)
-{
-  auto *self = static_cast<Session *>(user_data);
-  const auto found = std::find_if(self->writers.begin(), self->writers.end(),
-                                  [channel](const auto &writer) { return writer->channel() == channel; });
-
-  if (self->ending || found == self->writers.end()) {
-    close(fd);
-    return;
-  }
-  (*found)->open(fd);
-  self->was_open = self->was_open || self->can_write();
+  self->was_open = self->was_open || tessard_producer_get_ready(producer);
   self->take_lines();
 }
 
 void
-Session::on_absent(gpointer user_data)
+Session::on_drained(TessardProducer *producer, gpointer user_data)
 {
   auto *self = static_cast<Session *>(user_data);
 
-  for (const auto &writer : self->writers) {
-    writer->close();
-  }
-  if (self->ending) {
+  g_clear_handle_id(&self->wait_source, g_source_remove);
+  self->take_lines();
+}
+
+/* The library tries again after each of these. The command does not wait for another application or a bus. */
+void
+Session::on_interrupted(TessardProducer *producer, const GError *reason, gpointer user_data)
+{
+  auto *self = static_cast<Session *>(user_data);
+  GError *error = library_error_convert(reason);
+
+  switch (reason->code) {
+  case TESSARD_ERROR_NAME_TAKEN:
+  case TESSARD_ERROR_NO_BUS:
+    self->end(error);
+    break;
+  case TESSARD_ERROR_BUS_CLOSED:
+    self->end(error);
     self->quit();
-    return;
+    break;
+  default:
+    self->start_dropping(error);
   }
-  self->start_dropping(EXIT_STATUS_NO_CONNECTION, ABSENT);
 }
 
 void
-Session::on_delay(const gchar *reason, gpointer user_data)
+Session::on_failed(TessardProducer *producer, const GError *reason, gpointer user_data)
 {
-  auto *self = static_cast<Session *>(user_data);
-  g_autofree gchar *sentence = g_strdup_printf("The receiver refuses for now: %.500s.", reason);
-
-  self->start_dropping(EXIT_STATUS_REFUSED, sentence);
-}
-
-void
-Session::on_failure(GError *error, gpointer user_data)
-{
-  static_cast<Session *>(user_data)->end(error);
-}
-
-void
-Session::on_unregistered(gpointer user_data)
-{
-  static_cast<Session *>(user_data)->quit();
-}
-
-void
-Session::on_bus_closed(GDBusConnection *bus, gboolean remote_peer_vanished, GError *error, gpointer user_data)
-{
-  auto *self = static_cast<Session *>(user_data);
-
-  self->end(g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_ENDED, "The bus closed the connection."));
-  self->quit();
+  static_cast<Session *>(user_data)->end(library_error_convert(reason));
 }
 
 /* End */
@@ -464,8 +467,9 @@ Session::on_signal(gpointer user_data)
   return G_SOURCE_CONTINUE;
 }
 
-/* Ends the session when what is being written is written and the producer is unregistered, or when the time
- * for that is over. Takes @error, which is NULL for success. Only the first call counts. */
+/* Ends the session when the receiver has taken the lines that the library has and the producer is
+ * unregistered, or when the library's time for that is over. Takes @error, which is NULL for success. Only
+ * the first call counts. */
 void
 Session::end(GError *error)
 {
@@ -477,35 +481,17 @@ Session::end(GError *error)
   ending = TRUE;
   outcome = g_steal_pointer(&owned);
   watch_input(FALSE);
-  g_clear_handle_id(&wait_source, g_source_remove);
-  end_source = g_timeout_add(PRODUCE_END_MS, on_end_time, this);
-  end_when_written();
+  watch_time();
+  tessard_producer_close_async(producer, nullptr, on_closed, this);
 }
 
+/* Lines that the receiver has not taken by then are no failure: a signal has ended the command, or a message
+ * says that lines are dropped. */
 void
-Session::end_when_written()
+Session::on_closed(GObject *object, GAsyncResult *result, gpointer user_data)
 {
-  const gboolean writing =
-      std::any_of(writers.begin(), writers.end(), [](const auto &writer) { return writer->is_writing(); });
-  if (writing) {
-    return;
-  }
-  for (const auto &writer : writers) {
-    writer->close();
-  }
-  if (link == nullptr || !link->unregister()) {
-    quit();
-  }
-}
-
-gboolean
-Session::on_end_time(gpointer user_data)
-{
-  auto *self = static_cast<Session *>(user_data);
-
-  self->end_source = 0;
-  self->quit();
-  return G_SOURCE_REMOVE;
+  tessard_producer_close_finish(TESSARD_PRODUCER(object), result, nullptr);
+  static_cast<Session *>(user_data)->quit();
 }
 
 void
@@ -535,11 +521,7 @@ produce_command_run(int argc, char **argv)
     return g_error_matches(error, TESSARDCTL_ERROR, EXIT_STATUS_LOCAL) ? command_report_outcome(error)
                                                                        : command_usage_error(error->message);
   }
-  g_autoptr(GDBusConnection) connection = producer_bus_connect(options.arguments.bus_address, &error);
-  if (connection == nullptr) {
-    return command_report_outcome(error);
-  }
 
-  Session session(connection, &options);
+  Session session(&options);
   return command_report_outcome(session.run());
 }

@@ -6,16 +6,23 @@
 /**
  * PRODUCE_WAIT_MS:
  *
- * The time for which a line waits until the receiver takes it, in milliseconds. Then lines are dropped.
+ * The time for which lines wait until the receiver takes them, in milliseconds. Then lines are dropped.
  */
 #define PRODUCE_WAIT_MS 5000
 
 /**
- * PRODUCE_END_MS:
+ * PRODUCE_MAX_BATCH_LINES:
  *
- * The time for the last line and for the end of the registration, in milliseconds.
+ * How many lines the library gets before the receiver has taken all earlier ones.
  */
-#define PRODUCE_END_MS 5000
+#define PRODUCE_MAX_BATCH_LINES 128
+
+/**
+ * PRODUCE_MAX_BATCH_BYTES:
+ *
+ * The length of these lines. The library always gets one line.
+ */
+#define PRODUCE_MAX_BATCH_BYTES (16 * 1024)
 
 G_BEGIN_DECLS
 

@@ -1,8 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* The items of producers (docs/producers.md): their checks, and their messages. */
+/* The checks of producers' items (docs/producers.md). */
 #include "produceritem.h"
-
-#include <cstring>
 
 namespace
 {
@@ -31,20 +29,4 @@ ProducerItemChecker::check(std::string_view text, plugins::ProducerFlaws *flaws)
     flaws->fatal = "it is more than one item";
   }
   return flaws->fatal == nullptr;
-}
-
-/**
- * producer_item_make_message:
- * @text: an item of at most %PRODUCE_MAX_LINE_BYTES bytes
- *
- * Returns: the message with the item, for a channel of the receiver
- */
-std::string
-producer_item_make_message(std::string_view text)
-{
-  const guint32 length = static_cast<guint32>(text.size());
-  std::string message(sizeof length, '\0');
-
-  memcpy(message.data(), &length, sizeof length);
-  return message.append(text);
 }

@@ -25,5 +25,3 @@ private:
   plugins::ProducerReader reader;
   std::string frame;
 };
-
-std::string producer_item_make_message(std::string_view text);

@@ -61,6 +61,17 @@ class Stream:
     def messages(self, count):
         return [self.message() for _ in range(count)]
 
+    def messages_to_end(self):
+        data = b""
+        while some := self.read_some(1 << 20):
+            data += some
+        messages = []
+        while data:
+            (length,) = LENGTH.unpack_from(data)
+            messages.append(data[LENGTH.size:LENGTH.size + length])
+            data = data[LENGTH.size + length:]
+        return messages
+
     def item(self):
         """The next message as an item."""
         return json.loads(self.message())

@@ -240,7 +240,7 @@ def test_nothing_is_lost_that_is_not_counted(registry, start_program):
         other.close()
         registry.client.own(NAME)
     stream, other = next_stream(registry)
-    reader = threading.Thread(target=lambda: received.extend(map(number_in, read_to_end(stream))))
+    reader = threading.Thread(target=lambda: received.extend(map(number_in, stream.messages_to_end())))
     reader.start()
     feeder.stop()
     status, out, err = program.finish()
@@ -250,18 +250,6 @@ def test_nothing_is_lost_that_is_not_counted(registry, start_program):
     assert len(received) + int(out.splitlines()[-1]) == feeder.count - 1
     stream.close()
     other.close()
-
-
-def read_to_end(stream):
-    data = b""
-    while some := stream.read_some(1 << 20):
-        data += some
-    messages = []
-    while data:
-        length = int.from_bytes(data[:4], "little")
-        messages.append(data[4:4 + length])
-        data = data[4 + length:]
-    return messages
 
 
 def test_hundred_restarts_of_the_application(receiver_process, receiver_client, application, start_program):
@@ -285,7 +273,7 @@ def test_receiver_that_does_not_read(registry, start_program):
     program.process.stdin.close()
     program.process.stdin = None
     wait_until(lambda: program.process.poll() is None, "it still closes")
-    reader = [number_in(message) for message in read_to_end(stream)]
+    reader = [number_in(message) for message in stream.messages_to_end()]
     out, err = program.process.communicate(timeout=30)
     assert err == b"" and reader == sorted(set(reader))
     assert len(reader) + int(out.splitlines()[-1]) == 5000

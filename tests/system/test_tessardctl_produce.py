@@ -17,7 +17,7 @@ from external import (ANALYTICS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, G
                       wait_until_listed)
 from fakeregistry import FakeRegistry, accept, refuse
 from installation import BUS_CONFIGURATION, TREE, Bus, defined_limits
-from receiverclient import NAME, ReceiverClient, Stream
+from receiverclient import LENGTH, NAME, ReceiverClient, Stream
 from receiverprocess import LIMITS, REGISTRY, Application, Receiver, unread_bytes
 from tessardctl import ENDED, LOCAL, MALFORMED, NO_CONNECTION, REFUSED, SUCCESS, TIMED_OUT, Tessardctl, failure
 from waiting import BOUND_SECONDS, suspended, wait_until, wait_until_settled
@@ -26,7 +26,7 @@ MINE = "Mine"
 
 MAX_LINE = defined_limits(TREE / "tools/produceritem.h")["PRODUCE_MAX_LINE_BYTES"]
 MAX_SAMPLE = defined_limits(TREE / "tools/produceoptions.h")["PRODUCE_MAX_SAMPLE_BYTES"]
-END_SECONDS = defined_limits(TREE / "tools/produce.h")["PRODUCE_END_MS"] / 1000
+END_SECONDS = defined_limits(TREE / "lib/tessardproducer.h")["TESSARD_PRODUCER_CLOSE_MS"] / 1000
 
 ABSENT = "The receiver is not on the bus: 'com.quon.MetadataReceiver1' has no owner."
 CLOSED = "The receiver has closed a channel."
@@ -396,7 +396,7 @@ def test_receiver_that_is_killed_and_restarted(receiver, reader, start_produce):
     wait_for_names(reader, MINE)
     stream = reader.open(MINE)
     number = send_until_taken(producer, stream)
-    dropped = int(re.fullmatch(rb"tessardctl: .*; dropped lines: (\d+)\.\n", stderr_of(producer, 1))[1])
+    dropped = dropped_lines(producer)
     assert len(lines) <= dropped <= len(lines) + number
     assert producer.finish() == (SUCCESS, b"", b"")
 
@@ -413,6 +413,13 @@ def send_until_taken(producer, stream):
 
     wait_until(taken, "a line arrives")
     return sent
+
+
+def dropped_lines(producer):
+    """How many lines were dropped, as its next message says."""
+    message = re.fullmatch(rb"tessardctl: The receiver takes lines again; dropped lines: (\d+)\.\n",
+                           stderr_of(producer, 1))
+    return int(message[1])
 
 
 def test_receiver_that_starts_later(installation, bus, reader, start_produce):
@@ -456,6 +463,41 @@ def test_receiver_that_does_not_read(receiver, reader, start_produce):
     assert stderr_of(producer, 1) == taking_again(FLOOD - len(numbers))
 
 
+LONG_LINE = json.dumps({"Text": "x" * 100_000})
+
+
+def test_few_lines_that_the_receiver_does_not_read(registry, produce_fake):
+    """More than a pipe holds, and less than the library keeps. Each line arrives or is counted."""
+    producer = produce_fake(lines=(LONG_LINE, *texts(3)))
+    _, stream = next_channel(registry)
+    assert stderr_of(producer, 1) == dropping(SILENT)
+    assert stream.message() == LONG_LINE.encode()
+    sent = send_until_taken(producer, stream)
+    dropped = dropped_lines(producer)
+    assert producer.finish() == (SUCCESS, b"", b"")
+    assert len(stream.messages_to_end()) + dropped == 3 + sent
+    stream.close()
+
+
+def test_input_ends_while_the_receiver_does_not_read(registry, produce_fake):
+    producer = produce_fake(lines=(LONG_LINE, numbered(1)))
+    _, stream = next_channel(registry)
+    assert producer.finish() == (SUCCESS, b"", dropping(SILENT))
+    stream.close()
+
+
+def test_input_ends_before_the_receiver_reads(registry, produce_fake):
+    """The command waits for it."""
+    producer = produce_fake(lines=(LONG_LINE, *texts(3)))
+    _, stream = next_channel(registry)
+    producer.process.stdin.close()
+    producer.process.stdin = None
+    wait_until(stream.has_something, "the first line is in the pipe")
+    assert stream.messages_to_end() == [line.encode() for line in (LONG_LINE, *texts(3))]
+    assert producer.finish() == (SUCCESS, b"", b"")
+    stream.close()
+
+
 def test_signal_while_the_receiver_does_not_read(receiver, reader, start_produce):
     producer = start_registered(start_produce, reader)
     with suspended(receiver.process):
@@ -474,6 +516,16 @@ def test_two_signals_end_it_at_once(receiver, reader, start_produce):
         started = time.monotonic()
         assert producer.end_by() == (SUCCESS, b"", b"")
         assert time.monotonic() - started < END_SECONDS - 1
+
+
+def test_bus_that_goes_before_the_first_line(registry, start_produce):
+    registry.start()
+    producer = start_produce(MINE, on=registry.bus)
+    send(producer, "")
+    wait_until(lambda: unread(producer) == 0, "it is connected and reads")
+    registry.bus.stop()
+    assert producer.process.wait(BOUND_SECONDS) == ENDED
+    assert producer.finish() == failure(ENDED, "The bus closed the connection.")
 
 
 def test_bus_that_goes(installation, start_bus, start_produce):
@@ -501,6 +553,18 @@ def test_name_that_is_taken(receiver, reader, bus, run_produce):
         application.register(MINE)
         owner = application.connection.get_unique_name()
         assert run_produce(MINE, text="{}\n") == failure(REFUSED, f"{owner} has registered {MINE}")
+
+
+def test_name_that_is_taken_while_the_receiver_is_away(registry, produce_fake):
+    producer = produce_fake()
+    _, stream = next_channel(registry)
+    registry.handlers["RegisterProducer"].put(refuse("NameTaken"))
+    registry.client.release(NAME)
+    assert stderr_of(producer, 1) == dropping(ABSENT)
+    registry.client.own(NAME)
+    assert producer.process.wait(BOUND_SECONDS) == REFUSED
+    assert producer.finish() == failure(REFUSED, "No: NameTaken")
+    stream.close()
 
 
 @pytest.mark.parametrize("arguments, message", [
@@ -591,6 +655,26 @@ def test_channel_that_the_receiver_closes(registry, produce_fake):
     assert registry.calls == ["RegisterProducer"] + 3 * ["OpenChannel"]
     first.close()
     second.close()
+
+
+@pytest.mark.parametrize("channels", [1, 2])
+def test_lines_that_the_receiver_has_not_read(registry, produce_fake, channels):
+    """They count as dropped when it closes the channels, once for all of them."""
+    lines = texts(10)
+    producer = produce_fake(*(f"--channel={number + 1}" for number in range(channels)), lines=lines)
+    streams = [next_channel(registry)[1] for _ in range(channels)]
+    full = sum(LENGTH.size + len(line) for line in lines)
+    wait_until(lambda: all(unread_bytes(stream.fd) == full for stream in streams), "all is written")
+    for stream in streams:
+        stream.close()
+    assert stderr_of(producer, 1) == dropping(CLOSED)
+    streams = [next_channel(registry)[1] for _ in range(channels)]
+    sent = send_until_taken(producer, streams[0])
+    dropped = dropped_lines(producer)
+    assert producer.finish() == (SUCCESS, b"", b"")
+    for stream in streams:
+        assert len(stream.messages_to_end()) + dropped == len(lines) + sent
+        stream.close()
 
 
 @pytest.mark.parametrize("error", ["UnknownProducer", "NotOwner"])

@@ -82,16 +82,4 @@ TEST_F(ProducerItemTest, FlawsAreThoseOfTheLastText)
   expect_good("{}");
 }
 
-TEST(ProducerMessage, IsTheLengthAndTheText)
-{
-  const std::string text = R"({"Type":"Zähler"})";
-  const std::string message = producer_item_make_message(text);
-  guint32 length = 0;
-
-  ASSERT_EQ(message.size(), sizeof length + text.size());
-  memcpy(&length, message.data(), sizeof length);
-  EXPECT_EQ(length, text.size());
-  EXPECT_EQ(message.substr(sizeof length), text);
-}
-
 } // namespace
