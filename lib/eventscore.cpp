@@ -153,13 +153,18 @@ EventsCore::start()
 
 /**
  * EventsCore::declare:
- * @topic: a topic; another declaration of it is replaced
+ * @topic: a topic; another declaration of it is replaced, and the same one changes nothing
  */
 void
 EventsCore::declare(EventTopic topic)
 {
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
+    const auto known = topics.find(topic.name);
+    if (known != topics.end() && known->second.declaration == Declaration::MADE &&
+        known->second.topic == topic) {
+      return;
+    }
     DeclaredTopic &declared = topics[topic.name];
     g_clear_error(&declared.refusal);
     declared.declaration = Declaration::NEEDED;

@@ -21,6 +21,8 @@ struct EventTopic {
   Items source;
   Items data;
   EventItems namespaces; /* URIs by prefix */
+
+  bool operator==(const EventTopic &other) const = default;
 };
 
 /* What has changed for the application. Owns its errors. */

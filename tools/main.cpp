@@ -9,6 +9,7 @@
 #include "produce.h"
 #include "producercommands.h"
 #include "stream.h"
+#include "topics.h"
 
 #include <array>
 #include <clocale>

@@ -15,13 +15,11 @@
 #include "produce.h"
 #include "command.h"
 #include "libraryerror.h"
-#include "linecutter.h"
+#include "lineinput.h"
 #include "produceoptions.h"
 #include "produceritem.h"
 #include "tessardproducer.h"
 
-#include <array>
-#include <cerrno>
 #include <glib-unix.h>
 #include <optional>
 #include <unistd.h>
@@ -29,8 +27,6 @@
 
 namespace
 {
-
-constexpr gsize READ_BYTES = 65536;
 
 constexpr gchar WHITE_SPACE[] = " \t\r";
 
@@ -51,7 +47,7 @@ public:
   const GError *run();
 
 private:
-  static gboolean on_input(gint fd, GIOCondition condition, gpointer user_data);
+  static void on_more_input(GError *error, gpointer user_data);
   static gboolean on_waited(gpointer user_data);
   static gboolean on_signal(gpointer user_data);
   static void on_connected(GObject *producer, GAsyncResult *result, gpointer user_data);
@@ -61,8 +57,6 @@ private:
   static void on_failed(TessardProducer *producer, const GError *reason, gpointer user_data);
   static void on_closed(GObject *producer, GAsyncResult *result, gpointer user_data);
 
-  void watch_input(gboolean watching);
-  void read_input();
   void take_lines();
   void take_line(const Line &line);
   gboolean check(const Line &line);
@@ -83,14 +77,12 @@ private:
   GMainLoop *loop;
   guint interrupted;
   guint terminated;
-  guint input = 0;       /* the watch, while lines are read */
   guint wait_source = 0; /* while lines wait */
 
-  LineCutter cutter{PRODUCE_MAX_LINE_BYTES};
+  LineInput input{PRODUCE_MAX_LINE_BYTES, on_more_input, this};
   ProducerItemChecker checker;
   std::optional<std::string> held_line; /* waits until the library gets it */
   Batch batch;
-  gboolean input_ended = FALSE;
   gboolean was_open = FALSE; /* whether all channels have been open */
 
   gboolean dropping = FALSE;
@@ -153,7 +145,6 @@ Session::Session(const ProduceOptions *produce_options)
 Session::~Session()
 {
   g_signal_handlers_disconnect_by_data(producer, this);
-  watch_input(FALSE);
   g_clear_handle_id(&wait_source, g_source_remove);
   g_source_remove(terminated);
   g_source_remove(interrupted);
@@ -187,39 +178,14 @@ Session::on_connected(GObject *object, GAsyncResult *result, gpointer user_data)
 /* Input */
 
 void
-Session::watch_input(gboolean watching)
+Session::on_more_input(GError *error, gpointer user_data)
 {
-  if (!watching) {
-    g_clear_handle_id(&input, g_source_remove);
-  } else if (input == 0) {
-    input =
-        g_unix_fd_add(STDIN_FILENO, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), on_input, this);
+  auto *self = static_cast<Session *>(user_data);
+
+  if (error != nullptr) {
+    self->end(error);
   }
-}
-
-gboolean
-Session::on_input(gint fd, GIOCondition condition, gpointer user_data)
-{
-  static_cast<Session *>(user_data)->read_input();
-  return G_SOURCE_CONTINUE;
-}
-
-void
-Session::read_input()
-{
-  std::array<gchar, READ_BYTES> bytes;
-  const gssize count = read(STDIN_FILENO, bytes.data(), bytes.size());
-
-  if (count > 0) {
-    cutter.push({bytes.data(), static_cast<gsize>(count)});
-  } else if (count == 0) {
-    cutter.finish();
-    input_ended = TRUE;
-  } else if (errno != EAGAIN && errno != EINTR) {
-    end(g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_LOCAL, "Could not read standard input: %s.",
-                    g_strerror(errno)));
-  }
-  take_lines();
+  self->take_lines();
 }
 
 /* Takes lines until one waits, or until more input is needed. */
@@ -227,16 +193,16 @@ void
 Session::take_lines()
 {
   while (!ending && pass_held_line()) {
-    const std::optional<Line> line = cutter.pop();
+    const std::optional<Line> line = input.pop();
     if (line.has_value()) {
       take_line(*line);
-    } else if (input_ended && (dropping || is_drained())) {
+    } else if (input.has_ended() && (dropping || is_drained())) {
       end(dropping && !was_open ? g_error_copy(cause) : nullptr);
     } else {
       break;
     }
   }
-  watch_input(!ending && !input_ended && !held_line.has_value());
+  input.set_reading(!ending && !held_line.has_value());
   watch_time();
 }
 
@@ -480,7 +446,7 @@ Session::end(GError *error)
   }
   ending = TRUE;
   outcome = g_steal_pointer(&owned);
-  watch_input(FALSE);
+  input.set_reading(FALSE);
   watch_time();
   tessard_producer_close_async(producer, nullptr, on_closed, this);
 }
