@@ -463,37 +463,59 @@ def test_receiver_that_does_not_read(receiver, reader, start_produce):
     assert stderr_of(producer, 1) == taking_again(FLOOD - len(numbers))
 
 
-LONG_LINE = json.dumps({"Text": "x" * 100_000})
+# Lines that a pipe holds, and then some that it does not, because the first of these is too long.
+FITTING = [json.dumps({"Number": number, "Text": "x" * 1000}) for number in range(40)]
+WAITING = [json.dumps({"Text": "x" * 12_000}), *texts(3)]
 
 
-def test_few_lines_that_the_receiver_does_not_read(registry, produce_fake):
-    """More than a pipe holds, and less than the library keeps. Each line arrives or is counted."""
-    producer = produce_fake(lines=(LONG_LINE, *texts(3)))
+@pytest.fixture
+def produce_waiting(registry, produce_fake):
+    """Starts it at a fake registry that does not read, with lines that wait. Returns it with its stream."""
+    producer = produce_fake(lines=FITTING)
     _, stream = next_channel(registry)
+    full = sum(LENGTH.size + len(line) for line in FITTING)
+    wait_until(lambda: unread_bytes(stream.fd) == full, "the first lines are in the pipe")
+    send(producer, *WAITING)
+    yield producer, stream
+    stream.close()
+
+
+def test_few_lines_that_the_receiver_does_not_read(produce_waiting):
+    """Each line arrives or is counted."""
+    producer, stream = produce_waiting
     assert stderr_of(producer, 1) == dropping(SILENT)
-    assert stream.message() == LONG_LINE.encode()
+    expect_messages(stream, FITTING + WAITING[:1])
     sent = send_until_taken(producer, stream)
     dropped = dropped_lines(producer)
     assert producer.finish() == (SUCCESS, b"", b"")
-    assert len(stream.messages_to_end()) + dropped == 3 + sent
-    stream.close()
+    assert len(stream.messages_to_end()) + dropped == len(WAITING[1:]) + sent
 
 
-def test_input_ends_while_the_receiver_does_not_read(registry, produce_fake):
-    producer = produce_fake(lines=(LONG_LINE, numbered(1)))
-    _, stream = next_channel(registry)
+def test_input_ends_while_the_receiver_does_not_read(produce_waiting):
+    producer, _ = produce_waiting
     assert producer.finish() == (SUCCESS, b"", dropping(SILENT))
-    stream.close()
 
 
-def test_input_ends_before_the_receiver_reads(registry, produce_fake):
+def test_input_ends_before_the_receiver_reads(produce_waiting):
     """The command waits for it."""
-    producer = produce_fake(lines=(LONG_LINE, *texts(3)))
-    _, stream = next_channel(registry)
+    producer, stream = produce_waiting
     producer.process.stdin.close()
     producer.process.stdin = None
-    wait_until(stream.has_something, "the first line is in the pipe")
-    assert stream.messages_to_end() == [line.encode() for line in (LONG_LINE, *texts(3))]
+    assert stream.messages_to_end() == [line.encode() for line in FITTING + WAITING]
+    assert producer.finish() == (SUCCESS, b"", b"")
+
+
+def test_input_is_read_at_the_pace_of_the_receiver(registry, start_produce, tmp_path):
+    """More lines than the library keeps."""
+    lines = texts(5 * defined_limits(TREE / "lib/messagequeue.h")["TESSARD_QUEUE_MAX_ITEMS"])
+    path = tmp_path / "lines"
+    path.write_text("".join(f"{line}\n" for line in lines), encoding="utf-8")
+    registry.start()
+    with path.open("rb") as file:
+        producer = start_produce(MINE, on=registry.bus, stdin=file)
+    _, stream = next_channel(registry)
+    wait_until_settled(lambda: unread_bytes(stream.fd), "the pipe is full", seconds=0.2)
+    expect_messages(stream, lines)
     assert producer.finish() == (SUCCESS, b"", b"")
     stream.close()
 
