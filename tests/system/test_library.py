@@ -151,9 +151,11 @@ def test_program_of_five_lines(receiver_process, start_program):
 
 def test_items_reach_clients_as_onvif(receiver_process, control, start_daemon, start_program):
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED)
+    idle = receiver_process.descriptors()
     program = start_program(SENDER, DETECTOR)
     program.send(detections(0))
     wait_until_listed(control, DETECTOR)
+    wait_until(lambda: receiver_process.descriptors() == idle + 2, "the channels are open")
     before = receiver_process.descriptors()
     with daemon.client() as client:
         stream = client.start(ANALYTICS)

@@ -36,6 +36,8 @@ POLICY_REFUSAL = ("The bus policy refused the call: only root and members of the
                   "producers.")
 
 
+SAMPLE = str(TREE / "examples/detector-sample.json")
+
 # Of standard input, output and error.
 STANDARD_PIPES = 3
 
@@ -152,11 +154,14 @@ def is_deaf(producer):
 
 def start_registered(start_produce, reader, *args, **arguments):
     """Starts it with a sample frame, so that it registers before the first line."""
-    producer = start_produce(MINE, "--sample", str(TREE / "examples/detector-sample.json"), *args, **arguments)
+    producer = start_produce(MINE, "--sample", SAMPLE, *args, **arguments)
     wait_for_names(reader, MINE)
-    channels = args.count("--channel") or 1
-    wait_until(lambda: len(pipes_of(producer)) == STANDARD_PIPES + channels, "the channels are open")
+    wait_for_channels(producer, args.count("--channel") or 1)
     return producer
+
+
+def wait_for_channels(producer, count=1):
+    wait_until(lambda: len(pipes_of(producer)) == STANDARD_PIPES + count, "the channels are open")
 
 
 def pipes_of(producer):
@@ -182,9 +187,9 @@ def expect_messages(stream, lines):
 
 def test_lines_reach_clients_as_onvif(receiver, control, start_daemon, start_produce):
     daemon = start_daemon(plugins=EXTERNAL_PLUGINS, producers=DETECTOR_ENABLED)
-    producer = start_produce(DETECTOR)
-    send(producer, numbered(0))
+    producer = start_produce(DETECTOR, "--sample", SAMPLE)
     wait_until_listed(control, DETECTOR)
+    wait_for_channels(producer)
     before = receiver.descriptors()
     with daemon.client() as client:
         stream = client.start(ANALYTICS)
@@ -354,8 +359,9 @@ def test_last_line_needs_no_line_feed(receiver, reader, start_produce):
 
 def test_producer_of_one_line_is_registered(receiver, run_produce):
     assert run_produce(MINE, text="{}") == (SUCCESS, b"", b"")
-    assert any(f"Producer {MINE} is registered by " in text for _, text in receiver.log.lines)
-    assert any(f"Producer {MINE} is unregistered" in text for _, text in receiver.log.lines)
+    for what in ("registered by ", "unregistered"):
+        wait_until(lambda what=what: any(f"Producer {MINE} is {what}" in text for _, text in list(receiver.log.lines)),
+                   f"it is {what}")
 
 
 def test_empty_input_is_no_failure(receiver, run_produce):
