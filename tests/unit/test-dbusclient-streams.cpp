@@ -87,7 +87,7 @@ refuse_as_beyond_limits(std::atomic<unsigned> *left, testbus::Answer otherwise)
 TEST_F(DbusClientTest, PassesADescriptorToTheClient)
 {
   Pipe pipe;
-  start_with_stream(testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
+  start_with_stream(testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
   StreamClient client;
 
   ASSERT_TRUE(client.connect("Faces", 3));
@@ -108,7 +108,7 @@ TEST_F(DbusClientTest, ClosesUnusedDescriptorsOfAReply)
 {
   Pipe wanted;
   Pipe other;
-  start_with_stream(testreceiver::reply_with_fds("(handle 1,)", {other.ends[0], wanted.ends[0]}));
+  start_with_stream(testbus::reply_with_fds("(handle 1,)", {other.ends[0], wanted.ends[0]}));
   StreamClient client;
 
   ASSERT_TRUE(client.connect("Faces"));
@@ -130,7 +130,7 @@ TEST_P(OddStreamTest, GivesNoDescriptor)
   if (with_fd) {
     fds.push_back(pipe.ends[0]);
   }
-  start_with_stream(with_fd ? testreceiver::reply_with_fds(body, fds) : testbus::reply(body));
+  start_with_stream(with_fd ? testbus::reply_with_fds(body, fds) : testbus::reply(body));
   StreamClient client;
 
   ASSERT_TRUE(client.connect("Faces"));
@@ -268,7 +268,7 @@ TEST_F(DbusClientTest, ServesRequestsOfOtherThreads)
   constexpr unsigned THREADS = 2;
   constexpr unsigned REQUESTS = 50;
   Pipe pipe;
-  start_with_stream(testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
+  start_with_stream(testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
   std::vector<StreamClient> clients(THREADS * REQUESTS);
   std::vector<std::thread> threads;
 
@@ -294,7 +294,7 @@ TEST_F(DbusClientTest, ReleasesTheUserDataOfEachRequest)
   constexpr unsigned RACES = 500;
   constexpr unsigned AT_A_TIME = 50; /* below the limit of the bus */
   Pipe pipe;
-  start_with_stream(testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
+  start_with_stream(testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
   std::atomic<unsigned> freed = 0;
   std::atomic<unsigned> requests = 0;
 
@@ -325,7 +325,7 @@ TEST_F(DbusClientTest, LimitsConcurrentRequests)
   constexpr unsigned PRODUCERS = 8;
   constexpr unsigned CLIENTS = 40;
   Pipe pipe;
-  const testbus::Answer answer = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]});
+  const testbus::Answer answer = testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]});
   for (unsigned i = 0; i < PRODUCERS; i++) {
     receiver_->add("P" + std::to_string(i), with_stream("P" + std::to_string(i), receiver_->hold()));
   }
@@ -359,7 +359,7 @@ TEST_F(DbusClientTest, RepeatsACallThatExceedsALimit)
   Object faces = testreceiver::producer("Faces");
   faces.sample_frame = refuse_as_beyond_limits(&sample_frame_refusals, faces.sample_frame);
   faces.stream_fd =
-      refuse_as_beyond_limits(&stream_refusals, testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
+      refuse_as_beyond_limits(&stream_refusals, testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
   start_with("Faces", faces);
   StreamClient client;
 
@@ -390,7 +390,7 @@ TEST_F(DbusClientTest, ReservesADescriptorForEachStream)
   Pipe pipe;
   /* The sample frame is held: the threads of a conversion would close descriptors at any time. */
   Object faces = with_sample_frame("Faces", receiver_->hold());
-  faces.stream_fd = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]});
+  faces.stream_fd = testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]});
   receiver_->add("Faces", faces);
   start();
   wait_until_held(1);
@@ -417,7 +417,7 @@ TEST_F(DbusClientTest, ListsAndServesAfterAShortageOfDescriptors)
   expect_listed_after_another({});
   for (rlim_t free = 0; free <= DESCRIPTOR_RESERVE_SIZE + SAMPLE_FRAME_QUEUE_DESCRIPTORS; free++) {
     const std::string name = "P" + std::to_string(free);
-    const Object object = with_stream(name, testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
+    const Object object = with_stream(name, testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]}));
     StreamClient client;
     {
       const testhost::FreeDescriptors few(free);
@@ -445,7 +445,7 @@ TEST_F(DbusClientTest, KeepsTheConnectionWhenAReplyFindsNoFreeDescriptor)
     g_autoptr(GDBusMessage) sent = nullptr;
     std::optional<testhost::FreeDescriptors> none;
     receiver_->release_held([&](GDBusMessage *call) {
-      sent = testreceiver::reply_with_fds("(handle 0,)", {pipe.ends[0]})(call);
+      sent = testbus::reply_with_fds("(handle 0,)", {pipe.ends[0]})(call);
       none.emplace(0);
       return G_DBUS_MESSAGE(g_object_ref(sent));
     });

@@ -82,7 +82,7 @@ TEST_F(ReceiverStreamTest, PassesTheDescriptorOnTheMainThread)
 {
   std::array<int, 2> pipe = {-1, -1};
   ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
-  add("Faces", testreceiver::reply_with_fds("(handle 0,)", {pipe[0]}));
+  add("Faces", testbus::reply_with_fds("(handle 0,)", {pipe[0]}));
   Stream stream;
 
   std::thread([&] { request(&stream); }).join();

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gio/gunixfdlist.h>
 #include <iterator>
 #include <random>
 #include <string_view>
@@ -278,10 +279,31 @@ reply(const std::string &body)
 }
 
 Answer
+refuse(const std::string &name, const std::string &text)
+{
+  return [name, text](GDBusMessage *call) {
+    return g_dbus_message_new_method_error_literal(call, name.c_str(), text.c_str());
+  };
+}
+
+Answer
 refuse()
 {
-  return [](GDBusMessage *call) {
-    return g_dbus_message_new_method_error_literal(call, "com.quon.Test.Error", "No.");
+  return refuse("com.quon.Test.Error", "No.");
+}
+
+Answer
+reply_with_fds(const std::string &body, const std::vector<int> &fds)
+{
+  return [body, fds](GDBusMessage *call) {
+    GDBusMessage *message = reply(body)(call);
+    g_autoptr(GUnixFDList) list = g_unix_fd_list_new();
+
+    for (const int fd : fds) {
+      EXPECT_GE(g_unix_fd_list_append(list, fd, nullptr), 0);
+    }
+    g_dbus_message_set_unix_fd_list(message, list);
+    return message;
   };
 }
 
@@ -373,11 +395,12 @@ Service::run(const char *name)
   const guint filter_id = g_dbus_connection_add_filter(connection, on_message, this, nullptr);
   bool closed = false;
   g_signal_connect(connection, "closed", G_CALLBACK(on_closed), &closed);
+  connection_ = connection;
   own_name(connection, name);
+  /* Calls can come from here on. */
   wait_for_earlier_calls(connection);
   {
     std::lock_guard guard(lock_);
-    connection_ = connection;
     ready_ = true;
     changed_.notify_all();
   }
@@ -436,6 +459,38 @@ Service::answer(GDBusMessage *call)
   g_autoptr(GDBusMessage) message = make_reply(call);
   if (message != nullptr) {
     send(message);
+  }
+}
+
+HeldCalls::~HeldCalls()
+{
+  for (GDBusMessage *call : calls_.take()) {
+    g_object_unref(call);
+  }
+}
+
+Answer
+HeldCalls::hold()
+{
+  return [this](GDBusMessage *call) -> GDBusMessage * {
+    calls_.add(G_DBUS_MESSAGE(g_object_ref(call)));
+    return nullptr;
+  };
+}
+
+gsize
+HeldCalls::size()
+{
+  return calls_.size();
+}
+
+void
+HeldCalls::release(Service *service, const Answer &answer)
+{
+  for (GDBusMessage *call : calls_.take()) {
+    g_autoptr(GDBusMessage) message = answer(call);
+    service->send(message);
+    g_object_unref(call);
   }
 }
 
@@ -546,6 +601,15 @@ Peer::has_owner(const char *name) const
 
   g_variant_get(reply, "(b)", &owned);
   return owned != FALSE;
+}
+
+gsize
+Peer::count_names() const
+{
+  g_autoptr(GVariant) reply = ask_bus(connection_, "ListNames", nullptr);
+  g_autoptr(GVariant) names = g_variant_get_child_value(reply, 0);
+
+  return g_variant_n_children(names);
 }
 
 Peer::Outcome

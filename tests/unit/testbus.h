@@ -6,6 +6,7 @@
 #pragma once
 
 #include "testhost.h"
+#include "testlist.h"
 
 #include <condition_variable>
 #include <functional>
@@ -55,8 +56,12 @@ using Answer = std::function<GDBusMessage *(GDBusMessage *call)>;
 /* A reply with a body in GVariant's text format, which is a tuple: "(<uint32 90>,)". */
 Answer reply(const std::string &body);
 
-/* A failure with a D-Bus error of the tests. */
+/* A failure with a D-Bus error, or with one of the tests. */
+Answer refuse(const std::string &name, const std::string &text);
 Answer refuse();
+
+/* A reply with these descriptors, which the caller keeps, and a body that is a tuple. */
+Answer reply_with_fds(const std::string &body, const std::vector<int> &fds);
 
 /* A name on the bus with the same reply to every call of any object, interface and arguments. */
 class Service
@@ -106,6 +111,26 @@ private:
   std::thread thread_;
 };
 
+/* Calls that get their reply later. Any thread. */
+class HeldCalls
+{
+public:
+  HeldCalls() = default;
+  ~HeldCalls();
+  HeldCalls(const HeldCalls &) = delete;
+  HeldCalls &operator=(const HeldCalls &) = delete;
+
+  /* An answer that holds calls until their release. */
+  Answer hold();
+  gsize size();
+
+  /* Sends this answer to all held calls; the callers can have left the bus. */
+  void release(Service *service, const Answer &answer);
+
+private:
+  testhost::List<GDBusMessage *> calls_;
+};
+
 /* A call of the code under test that waits for its reply. NULL when it is cancelled first. */
 using CancellableCall = std::function<GVariant *(GCancellable *cancellable)>;
 
@@ -133,6 +158,9 @@ public:
   void own(const char *name) const;
   void release(const char *name) const;
   bool has_owner(const char *name) const;
+
+  /* The number of names on the bus, each connection's own one included. */
+  gsize count_names() const;
 
   /* The result of a call, if it has ended: the reply's body in GVariant's text format, or the name of the
    * D-Bus error, ": " and its text. */

@@ -3,8 +3,6 @@
 
 #include "systembus.h"
 
-#include <cstring>
-#include <gio/gunixfdlist.h>
 #include <gtest/gtest.h>
 #include <utility>
 
@@ -67,32 +65,9 @@ producer(const std::string &name)
           testbus::reply("('{}',)"), testbus::refuse()};
 }
 
-Answer
-reply_with_fds(const std::string &body, const std::vector<int> &fds)
-{
-  return [body, fds](GDBusMessage *call) {
-    GDBusMessage *message = testbus::reply(body)(call);
-    g_autoptr(GUnixFDList) list = g_unix_fd_list_new();
-
-    for (const int fd : fds) {
-      EXPECT_GE(g_unix_fd_list_append(list, fd, nullptr), 0);
-    }
-    g_dbus_message_set_unix_fd_list(message, list);
-    return message;
-  };
-}
-
 Receiver::Receiver()
 {
   come_back();
-}
-
-Receiver::~Receiver()
-{
-  service_.reset();
-  for (GDBusMessage *call : held_) {
-    g_object_unref(call);
-  }
 }
 
 void
@@ -166,34 +141,19 @@ Receiver::come_back_at_once()
 Answer
 Receiver::hold()
 {
-  return [this](GDBusMessage *call) -> GDBusMessage * {
-    std::lock_guard guard(lock_);
-    held_.push_back(G_DBUS_MESSAGE(g_object_ref(call)));
-    return nullptr;
-  };
+  return held_.hold();
 }
 
 gsize
 Receiver::held()
 {
-  std::lock_guard guard(lock_);
-
   return held_.size();
 }
 
 void
 Receiver::release_held(const Answer &answer)
 {
-  std::vector<GDBusMessage *> calls;
-  {
-    std::lock_guard guard(lock_);
-    calls = std::exchange(held_, {});
-  }
-  for (GDBusMessage *call : calls) {
-    g_autoptr(GDBusMessage) message = answer(call);
-    service_->send(message);
-    g_object_unref(call);
-  }
+  held_.release(&*service_, answer);
 }
 
 std::vector<std::string>

@@ -27,15 +27,11 @@ std::string with_properties(const std::string &properties);
 /* A producer of the channels 1 and 2 with correct replies. */
 Object producer(const std::string &name);
 
-/* A reply with these descriptors, which the caller keeps, and a body that is a tuple. */
-testbus::Answer reply_with_fds(const std::string &body, const std::vector<int> &fds);
-
 class Receiver
 {
 public:
   /* Puts the receiver on the bus. */
   Receiver();
-  ~Receiver();
   Receiver(const Receiver &) = delete;
   Receiver &operator=(const Receiver &) = delete;
 
@@ -86,7 +82,7 @@ private:
   std::mutex lock_;
   std::map<std::string, Object> objects_;
   testbus::Answer managed_objects_;
-  std::vector<GDBusMessage *> held_;
+  testbus::HeldCalls held_;
   std::vector<std::string> calls_;
   std::optional<testbus::Service> service_;
 };

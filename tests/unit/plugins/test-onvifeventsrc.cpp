@@ -3,7 +3,6 @@
 #include "onvifeventsrc.h"
 
 #include "testbus.h"
-#include "testreceiver.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -109,7 +108,7 @@ protected:
 
   void start_receiver()
   {
-    receiver_.emplace(NAME, testreceiver::reply_with_fds("(handle 0,)", {pipe_->read_end()}));
+    receiver_.emplace(NAME, testbus::reply_with_fds("(handle 0,)", {pipe_->read_end()}));
   }
 
   void play(const char *topic = nullptr, const char *content = nullptr)
@@ -195,7 +194,7 @@ TEST_F(OnvifEventSrcTest, FiltersApply)
 
 TEST_F(OnvifEventSrcTest, WaitsForTheReceiver)
 {
-  receiver_.emplace("com.quon.Other", testreceiver::reply_with_fds("(handle 0,)", {pipe_->read_end()}));
+  receiver_.emplace("com.quon.Other", testbus::reply_with_fds("(handle 0,)", {pipe_->read_end()}));
   play();
   EXPECT_EQ(pull(), "");
 
@@ -238,7 +237,7 @@ TEST_F(OnvifEventSrcTest, AMalformedStreamEnds)
     Pipe stream;
     stream.send(alarm("Initialized", "1", "true"));
     stream.send(CURRENT);
-    receiver_.emplace(NAME, testreceiver::reply_with_fds("(handle 0,)", {stream.read_end()}));
+    receiver_.emplace(NAME, testbus::reply_with_fds("(handle 0,)", {stream.read_end()}));
     play();
     EXPECT_EQ(pull(), "Initialized 1 true\n");
 
@@ -253,7 +252,7 @@ TEST_F(OnvifEventSrcTest, AWrongReplyIsNoStream)
 {
   const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
   for (const testbus::Answer &answer :
-       {testreceiver::reply_with_fds("(handle 0,)", {file}), testbus::reply("(handle 0,)"),
+       {testbus::reply_with_fds("(handle 0,)", {file}), testbus::reply("(handle 0,)"),
         testbus::reply("('text',)"), testbus::reply("(handle 7,)"), testbus::refuse()}) {
     receiver_.emplace(NAME, answer);
     play();

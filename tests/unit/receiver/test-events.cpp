@@ -1,18 +1,18 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/error.h"
 #include "receiver/events.h"
 #include "receiver/receiverlimits.h"
-#include "streams.h"
+#include "testclock.h"
 #include "testhost.h"
+#include "testpipes.h"
 
 #include <optional>
 
 using receiver::Caller;
 using receiver::EventRequest;
 using testhost::SyslogLines;
-using teststreams::Descriptor;
-using teststreams::Texts;
+using testpipes::Descriptor;
+using testpipes::Texts;
 
 namespace
 {

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/error.h"
 #include "receiver/eventstore.h"
 #include "receiver/receiverlimits.h"
+#include "testclock.h"
 #include "testhost.h"
 
 using receiver::Caller;

@@ -1,17 +1,17 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/inlet.h"
 #include "receiver/receiverlimits.h"
-#include "streams.h"
+#include "testclock.h"
 #include "testhost.h"
+#include "testpipes.h"
 
 #include <optional>
 #include <syslog.h>
 
 using receiver::Inlet;
 using testhost::SyslogLines;
-using teststreams::Texts;
-using teststreams::wire_form;
+using testpipes::Texts;
+using testpipes::wire_form;
 
 namespace
 {
@@ -23,9 +23,9 @@ protected:
   {
     testhost::Fixture::SetUp();
     testclock::reset();
-    pipe_.emplace(teststreams::open_pipe());
+    pipe_.emplace(testpipes::open_pipe());
     inlet_.emplace(
-        teststreams::duplicate(pipe_->read_end), "The channel",
+        testpipes::duplicate(pipe_->read_end), "The channel",
         [this](const receiver::SharedText &text) { texts_.emplace_back(receiver::shared_text_view(text)); },
         [this](Inlet *) {
           ended_++;
@@ -56,7 +56,7 @@ protected:
     return {{LOG_WARNING, std::string("The channel: ended, because ") + reason}};
   }
 
-  std::optional<teststreams::Pipe> pipe_;
+  std::optional<testpipes::Pipe> pipe_;
   std::optional<Inlet> inlet_;
   Texts texts_;
   int ended_ = 0;

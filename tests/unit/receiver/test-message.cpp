@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include "receiver/message.h"
 #include "receiver/receiverlimits.h"
-#include "streams.h"
+#include "testpipes.h"
 
 #include <gtest/gtest.h>
 #include <string>
 
 using receiver::Message;
 using receiver::shared_text_copy;
-using teststreams::wire_form;
+using testpipes::wire_form;
 
 namespace
 {

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 #include "receiver/messagesplitter.h"
 #include "receiver/receiverlimits.h"
-#include "streams.h"
+#include "testpipes.h"
 
 #include <gtest/gtest.h>
 
 using receiver::MessageSplitter;
-using teststreams::Texts;
-using teststreams::wire_form;
+using testpipes::Texts;
+using testpipes::wire_form;
 using Fault = MessageSplitter::Fault;
 
 namespace

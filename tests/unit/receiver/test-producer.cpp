@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/error.h"
 #include "receiver/producer.h"
 #include "receiver/receiverlimits.h"
-#include "streams.h"
+#include "testclock.h"
 #include "testhost.h"
+#include "testpipes.h"
 
 #include <fcntl.h>
 #include <optional>
@@ -13,9 +13,9 @@
 using receiver::Budget;
 using receiver::Error;
 using receiver::Producer;
-using teststreams::Descriptor;
-using teststreams::Texts;
-using teststreams::wire_form;
+using testpipes::Descriptor;
+using testpipes::Texts;
+using testpipes::wire_form;
 
 namespace
 {

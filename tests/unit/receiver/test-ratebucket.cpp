@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/ratebucket.h"
+#include "testclock.h"
 
 #include <gtest/gtest.h>
 

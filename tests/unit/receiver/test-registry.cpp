@@ -2,8 +2,8 @@
 #include "receiver/error.h"
 #include "receiver/receiverlimits.h"
 #include "receiver/registry.h"
-#include "streams.h"
 #include "testhost.h"
+#include "testpipes.h"
 
 #include <optional>
 #include <syslog.h>
@@ -12,7 +12,7 @@ using receiver::Caller;
 using receiver::Description;
 using receiver::Error;
 using testhost::SyslogLines;
-using teststreams::Descriptor;
+using testpipes::Descriptor;
 
 namespace
 {

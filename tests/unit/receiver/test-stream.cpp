@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
 #include "receiver/receiverlimits.h"
 #include "receiver/stream.h"
-#include "streams.h"
+#include "testclock.h"
 #include "testhost.h"
+#include "testpipes.h"
 
 #include <optional>
 #include <syslog.h>
@@ -11,7 +11,7 @@
 using receiver::shared_text_copy;
 using receiver::Stream;
 using testhost::SyslogLines;
-using teststreams::Texts;
+using testpipes::Texts;
 
 namespace
 {
@@ -34,8 +34,8 @@ protected:
   {
     testhost::Fixture::SetUp();
     testclock::reset();
-    pipe_.emplace(teststreams::open_pipe(CAPACITY));
-    stream_.emplace(teststreams::duplicate(pipe_->write_end), "The stream", [this](Stream *) { end(); });
+    pipe_.emplace(testpipes::open_pipe(CAPACITY));
+    stream_.emplace(testpipes::duplicate(pipe_->write_end), "The stream", [this](Stream *) { end(); });
     pipe_->write_end.close();
   }
 
@@ -57,12 +57,12 @@ protected:
     stream_->send(shared_text_copy(text));
   }
 
-  const teststreams::Descriptor &reader() const
+  const testpipes::Descriptor &reader() const
   {
     return pipe_->read_end;
   }
 
-  std::optional<teststreams::Pipe> pipe_;
+  std::optional<testpipes::Pipe> pipe_;
   std::optional<Stream> stream_;
   int ended_ = 0;
 };
@@ -72,7 +72,7 @@ TEST_F(StreamTest, WritesImmediately)
   send("{}");
 
   EXPECT_TRUE(stream_->is_idle());
-  EXPECT_EQ(reader().read_some(100), teststreams::wire_form("{}"));
+  EXPECT_EQ(reader().read_some(100), testpipes::wire_form("{}"));
 }
 
 TEST_F(StreamTest, WritesTheRestWhileTheReaderReads)

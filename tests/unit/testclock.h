@@ -1,5 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-/* The clock of the code under test. A test can advance it; GLib's own time-outs do not use it. */
+/* The clock of the code under test, on all threads. A test can advance it; GLib's own time-outs do not use
+ * it.
+ */
 #pragma once
 
 #include <glib.h>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "streams.h"
+#include "testpipes.h"
 
 #include "testhost.h"
 
@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace teststreams
+namespace testpipes
 {
 
 std::string
@@ -122,4 +122,4 @@ duplicate(const Descriptor &descriptor)
   return fcntl(descriptor.fd(), F_DUPFD_CLOEXEC, 0);
 }
 
-} // namespace teststreams
+} // namespace testpipes

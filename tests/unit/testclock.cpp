@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: MIT */
-#include "clock.h"
+#include "testclock.h"
+
+#include <atomic>
 
 namespace
 {
 
-gint64 advanced_us;
+std::atomic<gint64> advanced_us;
 
 } // namespace
 

@@ -2,12 +2,11 @@
 /* The test's ends of pipes: the read ends of streams, and the write ends of channels. */
 #pragma once
 
-#include "receiver/message.h"
-
+#include <glib.h>
 #include <string>
 #include <vector>
 
-namespace teststreams
+namespace testpipes
 {
 
 using Texts = std::vector<std::string>;
@@ -58,4 +57,4 @@ Pipe open_pipe(int capacity = 0);
 /* A duplicate, for code that takes a descriptor. */
 int duplicate(const Descriptor &descriptor);
 
-} // namespace teststreams
+} // namespace testpipes
