@@ -3,6 +3,8 @@
 
 #include "testhost.h"
 
+#include <set>
+
 namespace
 {
 
@@ -80,4 +82,54 @@ TEST_F(EventQueueTest, PutsBackInFront)
   queue.push(event("b"), FALSE);
   queue.put_back(event("a"));
   EXPECT_EQ(values(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(EventQueueTest, PutsBackInFrontOfAFullQueue)
+{
+  for (guint i = 0; i < TESSARD_EVENTS_MAX_QUEUED; i++) {
+    queue.push(event(std::to_string(i)), TRUE);
+  }
+  queue.put_back(event("pending"));
+  const std::vector<Event> dropped = queue.push(event("last"), TRUE);
+  ASSERT_EQ(dropped.size(), 1U);
+  EXPECT_EQ(dropped[0].data.at("Value"), "pending");
+  EXPECT_EQ(values().size(), gsize{TESSARD_EVENTS_MAX_QUEUED + 1});
+}
+
+TEST_F(EventQueueTest, KeepsTheLastStateAlsoForASlowReceiver)
+{
+  queue.push(state("1", "a"), FALSE);
+  for (guint i = 1; i < TESSARD_EVENTS_MAX_QUEUED; i++) {
+    queue.push(event(std::to_string(i)), FALSE);
+  }
+  const std::vector<Event> dropped = queue.push(state("1", "b"), FALSE);
+  ASSERT_EQ(dropped.size(), 1U);
+  EXPECT_EQ(dropped[0].data.at("Value"), "a");
+}
+
+TEST_F(EventQueueTest, ClearReturnsEverything)
+{
+  queue.push(state("1", "a"), FALSE);
+  queue.push(event("b"), FALSE);
+  const std::vector<Event> dropped = queue.clear();
+  ASSERT_EQ(dropped.size(), 2U);
+  EXPECT_EQ(dropped[0].data.at("Value"), "a");
+  EXPECT_EQ(dropped[1].data.at("Value"), "b");
+  EXPECT_TRUE(queue.is_empty());
+  for (guint i = 0; i < TESSARD_EVENTS_MAX_QUEUED; i++) {
+    EXPECT_TRUE(queue.push(event(std::to_string(i)), TRUE).empty());
+  }
+}
+
+TEST_F(EventQueueTest, PropertiesDifferByTopicAndSource)
+{
+  Event other = state("1", "a");
+  other.topic = "tns1:Other";
+  Event more = state("1", "a");
+  more.source["More"] = "1";
+  const std::set<std::string> keys = {event_key(state("1", "a")), event_key(state("2", "a")),
+                                      event_key(other), event_key(more)};
+
+  EXPECT_EQ(keys.size(), 4U);
+  EXPECT_EQ(event_key(state("1", "a")), event_key(state("1", "b")));
 }
