@@ -426,7 +426,6 @@ EventsCore::take_declared(const std::string &name, const GError *cause)
   g_autoptr(GError) error = convert_error(cause);
 
   if (error == nullptr) {
-    delay.reset();
     return;
   }
   const gboolean passes = error->code == TESSARD_ERROR_BUSY;

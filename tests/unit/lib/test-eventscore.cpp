@@ -355,6 +355,22 @@ TEST_F(EventsCoreTest, TopicThatTheReceiverHasForgottenIsDeclaredAgain)
   receiver_->expect_calls({crossed(1), DECLARE_CROSSED, crossed(1)});
 }
 
+TEST_F(EventsCoreTest, ReceiverThatForgetsATopicAtOnceIsAskedEverMoreSlowly)
+{
+  receiver_->set_answer("Emit", refuse(RECEIVER_ERROR("UnknownTopic"), "Not declared"));
+  start_with_topics();
+  timers::take_begun();
+  emit_crossed(1);
+  for (const guint wait : {TESSARD_FIRST_RETRY_MS, 2 * TESSARD_FIRST_RETRY_MS, 4 * TESSARD_FIRST_RETRY_MS}) {
+    expect_told({"interrupted: " + failure(TESSARD_ERROR_UNKNOWN_TOPIC, "Not declared")});
+    EXPECT_EQ(timers::take_begun(), Lengths{wait});
+    EXPECT_TRUE(timers::fire(wait));
+  }
+  expect_told({"interrupted: " + failure(TESSARD_ERROR_UNKNOWN_TOPIC, "Not declared")});
+  receiver_->expect_calls(
+      {crossed(1), DECLARE_CROSSED, crossed(1), DECLARE_CROSSED, crossed(1), DECLARE_CROSSED, crossed(1)});
+}
+
 TEST_F(EventsCoreTest, PolicyThatForbidsCallsIsTold)
 {
   const std::string not_allowed = failure(
