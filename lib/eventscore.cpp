@@ -628,6 +628,7 @@ EventsCore::finish_close()
   worker_invoke([self = shared_from_this()] {
     self->close_timer.clear();
     self->link.reset();
+    self->forget_owner(); /* the link can have brought another one meanwhile */
     self->kept.reset();
   });
 }

@@ -5,6 +5,7 @@
 #include "tessardevents.h"
 #include "testlibrary.h"
 #include "timers.h"
+#include "worker.h"
 
 #include <thread>
 
@@ -623,6 +624,23 @@ TEST_F(EventsCoreTest, TopicsAfterTheEndAreAnError)
   on_worker([] {});
   core_->get_topics([&](GVariant *, const GError *error) { topics.add(describe(error)); });
   topics.expect({failure(TESSARD_ERROR_CLOSED, "The events are closed.")});
+}
+
+/* The receiver can still come before the link to the bus ends. */
+TEST_F(EventsCoreTest, KeepsNothingOfAReceiverThatComesAtTheEnd)
+{
+  const testbus::Peer peer;
+  GObject *connection = G_OBJECT(peer.connection());
+
+  start_with_topics();
+  core_->close([&](const GError *) {
+    worker_invoke([client = static_cast<BusLink::Client *>(core_.get()), bus = peer.connection()] {
+      client->receiver_appeared(bus, ":1.1");
+    });
+  });
+  EXPECT_TRUE(testhost::spin_until([&] { return core_.use_count() == 1; }));
+  g_clear_object(&object_);
+  EXPECT_TRUE(testhost::spin_until([&] { return g_atomic_int_get(&connection->ref_count) == 1; }));
 }
 
 /* Several threads emit while the receiver restarts: each event has one outcome. */
