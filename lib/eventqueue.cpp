@@ -1,11 +1,29 @@
 /* SPDX-License-Identifier: MIT */
 /* While the receiver is away, only the last state of each property counts. Of all other events, the newest
- * stay.
+ * stay, and so do the newest deletions: an application can delete any number of properties one after the
+ * other.
  */
 #include "eventqueue.h"
 
 #include <algorithm>
 #include <utility>
+
+namespace
+{
+
+gboolean
+is_deletion(const Event &event)
+{
+  return event.is_property && event.operation == EVENT_DELETED;
+}
+
+gboolean
+is_no_property(const Event &event)
+{
+  return !event.is_property;
+}
+
+} // namespace
 
 /**
  * event_key:
@@ -55,10 +73,14 @@ EventQueue::push(Event event, gboolean is_away)
 {
   std::vector<Event> dropped;
 
-  if (!event.is_property && ++others > TESSARD_EVENTS_MAX_QUEUED) {
-    remove_oldest(&dropped);
-  } else if (event.is_property && (is_away || events.size() >= TESSARD_EVENTS_MAX_QUEUED)) {
+  if (event.is_property && (is_away || events.size() >= TESSARD_EVENTS_MAX_QUEUED)) {
     remove_property(event_key(event), &dropped);
+  }
+  count(event, 1);
+  if (!event.is_property && others > TESSARD_EVENTS_MAX_QUEUED) {
+    remove_oldest(is_no_property, &dropped);
+  } else if (is_deletion(event) && deletions > TESSARD_EVENTS_MAX_PROPERTIES) {
+    remove_oldest(is_deletion, &dropped);
   }
   events.push_back(std::move(event));
   return dropped;
@@ -71,7 +93,7 @@ EventQueue::push(Event event, gboolean is_away)
 void
 EventQueue::put_back(Event event)
 {
-  others += event.is_property ? 0 : 1;
+  count(event, 1);
   events.push_front(std::move(event));
 }
 
@@ -86,7 +108,7 @@ EventQueue::pop()
   Event event = std::move(events.front());
 
   events.pop_front();
-  others -= event.is_property ? 0 : 1;
+  count(event, -1);
   return event;
 }
 
@@ -102,7 +124,16 @@ EventQueue::clear()
 
   events.clear();
   others = 0;
+  deletions = 0;
   return dropped;
+}
+
+/* Counts an event that comes or goes. */
+void
+EventQueue::count(const Event &event, gint change)
+{
+  others += is_no_property(event) ? change : 0;
+  deletions += is_deletion(event) ? change : 0;
 }
 
 void
@@ -112,17 +143,17 @@ EventQueue::remove_property(const std::string &key, std::vector<Event> *dropped)
     return !event.is_property || event_key(event) != key;
   });
 
+  std::for_each(kept, events.end(), [this](const Event &event) { count(event, -1); });
   std::move(kept, events.end(), std::back_inserter(*dropped));
   events.erase(kept, events.end());
 }
 
 void
-EventQueue::remove_oldest(std::vector<Event> *dropped)
+EventQueue::remove_oldest(gboolean (*matches)(const Event &event), std::vector<Event> *dropped)
 {
-  const auto oldest =
-      std::find_if(events.begin(), events.end(), [](const Event &event) { return !event.is_property; });
+  const auto oldest = std::find_if(events.begin(), events.end(), matches);
 
+  count(*oldest, -1);
   dropped->push_back(std::move(*oldest));
   events.erase(oldest);
-  others--;
 }

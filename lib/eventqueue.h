@@ -18,9 +18,13 @@
 /**
  * TESSARD_EVENTS_MAX_PROPERTIES:
  *
- * How many properties an object can have. The receiver accepts no more of an application.
+ * How many properties an object can have. The receiver accepts no more of an application. As many deletions
+ * of properties can wait for the receiver.
  */
 #define TESSARD_EVENTS_MAX_PROPERTIES 1024
+
+/* The operation that ends a property. */
+#define EVENT_DELETED "Deleted"
 
 using EventItems = std::map<std::string, std::string>;
 
@@ -53,9 +57,11 @@ public:
   std::vector<Event> clear();
 
 private:
+  void count(const Event &event, gint change);
   void remove_property(const std::string &key, std::vector<Event> *dropped);
-  void remove_oldest(std::vector<Event> *dropped);
+  void remove_oldest(gboolean (*matches)(const Event &event), std::vector<Event> *dropped);
 
   std::deque<Event> events;
-  gsize others = 0; /* those that are no states of properties */
+  gint others = 0;    /* those that are no states of properties */
+  gint deletions = 0; /* those of properties */
 };

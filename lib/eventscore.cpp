@@ -200,7 +200,7 @@ EventsCore::emit(Event event, GError **error)
     event.serial = ++serial;
     if (event.is_property) {
       const std::string key = event_key(event);
-      if (event.operation == "Deleted") {
+      if (event.operation == EVENT_DELETED) {
         states.erase(key);
       } else if (states.count(key) == 0 && states.size() == TESSARD_EVENTS_MAX_PROPERTIES) {
         g_set_error(error, TESSARD_ERROR, TESSARD_ERROR_TOO_MANY_PROPERTIES,

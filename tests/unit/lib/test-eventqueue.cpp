@@ -133,3 +133,36 @@ TEST_F(EventQueueTest, PropertiesDifferByTopicAndSource)
   EXPECT_EQ(keys.size(), 4U);
   EXPECT_EQ(event_key(state("1", "a")), event_key(state("1", "b")));
 }
+
+/* While the receiver is away, an application can make and delete any number of properties. */
+TEST_F(EventQueueTest, KeepsTheNewestOfTheDeletedProperties)
+{
+  const auto deleted = [](guint number) {
+    Event made = state(std::to_string(number), "");
+    made.operation = "Deleted";
+    return made;
+  };
+
+  for (guint i = 0; i < TESSARD_EVENTS_MAX_PROPERTIES; i++) {
+    queue.push(state(std::to_string(i), ""), TRUE);
+    EXPECT_EQ(queue.push(deleted(i), TRUE).size(), 1U) << "the state";
+  }
+  const std::vector<Event> dropped = queue.push(deleted(TESSARD_EVENTS_MAX_PROPERTIES), TRUE);
+  ASSERT_EQ(dropped.size(), 1U);
+  EXPECT_EQ(event_key(dropped[0]), event_key(deleted(0)));
+  EXPECT_TRUE(queue.push(event("other"), TRUE).empty());
+  EXPECT_EQ(values().size(), gsize{TESSARD_EVENTS_MAX_PROPERTIES + 1});
+}
+
+/* A property that is there again takes the place of its deletion. */
+TEST_F(EventQueueTest, CountsNoDeletionThatIsReplaced)
+{
+  Event deleted = state("1", "");
+  deleted.operation = "Deleted";
+
+  for (guint i = 0; i < TESSARD_EVENTS_MAX_PROPERTIES + 10; i++) {
+    EXPECT_EQ(queue.push(deleted, TRUE).size(), i == 0 ? 0U : 1U);
+    EXPECT_EQ(queue.push(state("1", "again"), TRUE).size(), 1U);
+  }
+  EXPECT_EQ(values(), std::vector<std::string>{"again"});
+}
