@@ -33,7 +33,9 @@ protected:
   {
     told_.expect({});
     service_.reset();
-    EXPECT_EQ(G_OBJECT(cancellable_)->ref_count, 1U) << "the call has released it";
+    EXPECT_TRUE(testhost::spin_until([this] {
+      return g_atomic_int_get(&G_OBJECT(cancellable_)->ref_count) == 1;
+    })) << "the call has released it";
     g_clear_object(&cancellable_);
     peer_.reset();
     BusFixture::TearDown();

@@ -223,6 +223,7 @@ TEST_F(BusLinkTest, GivesUpABusThatDoesNotReply)
   told_.expect({NO_REPLY});
   EXPECT_EQ(timers::take_begun(), (Lengths{TESSARD_CONNECT_MS, TESSARD_FIRST_RETRY_MS, TESSARD_CONNECT_MS,
                                            2 * TESSARD_FIRST_RETRY_MS}));
+  link_.reset();
 }
 
 TEST_F(BusLinkTest, EndsWhileItConnects)
@@ -230,6 +231,7 @@ TEST_F(BusLinkTest, EndsWhileItConnects)
   const SilentSocket silent(path("silent"));
 
   connect("unix:path=" + path("silent"));
+  link_.reset();
 }
 
 /* The connection is there, but the worker has not yet been told. */

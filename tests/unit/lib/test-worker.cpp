@@ -74,7 +74,7 @@ TEST_F(WorkerTest, ReleasesAFunctionAfterItsCall)
 {
   const auto owned = std::make_shared<int>(0);
 
-  worker_invoke([owned] { EXPECT_EQ(owned.use_count(), 2); });
+  worker_invoke([owned] { EXPECT_GE(owned.use_count(), 2); });
   on_worker([] {});
   EXPECT_TRUE(testhost::spin_until([&] { return owned.use_count() == 1; }));
 }
