@@ -47,6 +47,17 @@ RetryDelay::reset()
   milliseconds = TESSARD_FIRST_RETRY_MS;
 }
 
+/**
+ * bus_closed_error:
+ *
+ * Returns: (transfer full): the error of %TESSARD_ERROR for the end of a connection
+ */
+GError *
+bus_closed_error(void)
+{
+  return g_error_new_literal(TESSARD_ERROR, TESSARD_ERROR_BUS_CLOSED, "The bus closed the connection.");
+}
+
 void
 BusLink::Client::bus_connected(GDBusConnection *new_connection)
 {
@@ -160,8 +171,7 @@ void
 BusLink::on_closed(GDBusConnection *bus, gboolean remote_peer_vanished, GError *error, gpointer user_data)
 {
   auto *self = static_cast<BusLink *>(user_data);
-  g_autoptr(GError) reason =
-      g_error_new_literal(TESSARD_ERROR, TESSARD_ERROR_BUS_CLOSED, "The bus closed the connection.");
+  g_autoptr(GError) reason = bus_closed_error();
 
   self->disconnect();
   self->timer.start_timer(self->delay.next(), [self] { self->connect(); });

@@ -72,6 +72,9 @@ convert_error(const GError *cause)
   g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
   g_autoptr(GError) stripped = g_error_copy(cause);
 
+  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
+    return bus_closed_error();
+  }
   if (name == nullptr) {
     return g_error_new(TESSARD_ERROR, TESSARD_ERROR_MALFORMED_REPLY,
                        "The receiver sent a malformed reply: %s.", cause->message);
@@ -82,6 +85,13 @@ convert_error(const GError *cause)
   }
   g_dbus_error_strip_remote_error(stripped);
   return g_error_new_literal(TESSARD_ERROR, code, *stripped->message != '\0' ? stripped->message : name);
+}
+
+/* Whether the same call can succeed later. */
+gboolean
+can_pass(const GError *error)
+{
+  return error->code == TESSARD_ERROR_BUSY || error->code == TESSARD_ERROR_BUS_CLOSED;
 }
 
 GVariant *
@@ -428,7 +438,7 @@ EventsCore::take_declared(const std::string &name, const GError *cause)
   if (error == nullptr) {
     return;
   }
-  const gboolean passes = error->code == TESSARD_ERROR_BUSY;
+  const gboolean passes = can_pass(error);
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
     DeclaredTopic &declared = topics.at(name);
@@ -450,7 +460,7 @@ EventsCore::take_emitted(const GError *cause)
 {
   g_autoptr(GError) error = convert_error(cause);
 
-  if (error == nullptr || (error->code != TESSARD_ERROR_BUSY && error->code != TESSARD_ERROR_UNKNOWN_TOPIC)) {
+  if (error == nullptr || (!can_pass(error) && error->code != TESSARD_ERROR_UNKNOWN_TOPIC)) {
     delay.reset();
     finish_current(error);
     return;

@@ -442,6 +442,32 @@ TEST_F(EventsCoreTest, EventOfAPendingCallIsSentAgain)
   receiver_->expect_calls({crossed(1), DECLARE_ALARM, DECLARE_CROSSED, crossed(1), crossed(2)});
 }
 
+/* A pending call fails before the end of the connection is told. */
+TEST_F(EventsCoreTest, EventOfACallThatTheEndOfTheBusEndsIsSentAgain)
+{
+  const std::string closed = failure(TESSARD_ERROR_BUS_CLOSED, "The bus closed the connection.");
+  testlibrary::Told topics;
+
+  receiver_->hold("Emit");
+  receiver_->hold("GetTopics");
+  start_with_topics();
+  core_->get_topics([&](GVariant *, const GError *error) { topics.add(describe(error)); });
+  emit_crossed(1, "event");
+  receiver_->wait_for_held(2);
+  bus_.reset();
+  expect_told({"interrupted: " + closed});
+  topics.expect({closed});
+  EXPECT_EQ(core_->get_dropped(), 0U);
+  receiver_->leave();
+  receiver_->forget_calls();
+  bus_.emplace();
+  receiver_->accept("Emit");
+  receiver_->come_back();
+  EXPECT_TRUE(timers::fire(TESSARD_FIRST_RETRY_MS));
+  outcomes_.expect({"event: no error"});
+  receiver_->expect_calls({DECLARE_ALARM, DECLARE_CROSSED, crossed(1)});
+}
+
 TEST_F(EventsCoreTest, WhileTheReceiverIsAwayTheLastStateWaits)
 {
   const std::string full =
@@ -617,11 +643,11 @@ TEST_F(EventsCoreTest, CloseIsOverWhenTheReceiverLeaves)
 TEST_F(EventsCoreTest, TopicsAfterTheEndAreAnError)
 {
   testlibrary::Told topics;
+  testlibrary::Told closed;
 
-  start_with_topics();
-  core_->close(nullptr);
-  on_worker([] {});
-  on_worker([] {});
+  start();
+  core_->close([&](const GError *error) { closed.add(describe(error)); });
+  closed.expect({"no error"});
   core_->get_topics([&](GVariant *, const GError *error) { topics.add(describe(error)); });
   topics.expect({failure(TESSARD_ERROR_CLOSED, "The events are closed.")});
 }

@@ -271,6 +271,21 @@ TEST_F(RegistrationTest, ClosedBusIsNotAMissingBus)
       {"lost", "interrupted: " + failure(TESSARD_ERROR_BUS_CLOSED, "The bus closed the connection.")});
 }
 
+/* A pending call fails before the end of the connection is told. */
+TEST_F(RegistrationTest, BusThatEndsDuringACallIsNoRefusal)
+{
+  const std::string closed =
+      "interrupted: " + failure(TESSARD_ERROR_BUS_CLOSED, "The bus closed the connection.");
+
+  receiver_->hold("RegisterProducer");
+  start();
+  set_sample_frame();
+  receiver_->wait_for_held(1);
+  receiver_->expect_calls({REGISTER});
+  bus_.reset();
+  told_.expect({"connected", "lost", "lost", closed});
+}
+
 TEST_P(PassingRefusalTest, IsFollowedByAnotherAttempt)
 {
   const Refusal &refusal = GetParam();
