@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The timers of the code under test, which are over when the test says so. The linker puts them in place of
+/* The timers of the worker, which are over when the test says so. The linker puts them in place of
  * g_timeout_source_new().
  */
 #pragma once
