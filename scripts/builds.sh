@@ -39,6 +39,10 @@ build_files() {
 # build are those that the distribution builds its packages with.
 MATRIX=("g++ release" "g++ plain" "g++ release lto" "clang++ release" "clang++ debugoptimized" "clang++ plain")
 
+# The library alone, with what a comparison of binary interfaces reads.
+ABI_OPTIONS=(-Dbuildtype=debug -Dtests=false -Dtools=false -Dplugins=false -Dreceiver=false -Dsim=false -Ddocs=false
+  -Dintrospection=disabled)
+
 declare -A C_COMPILERS=([g++]=gcc [clang++]=clang)
 
 # Meson itself puts ccache before a compiler that it selects, but not before a named one.
@@ -61,6 +65,12 @@ configure_anew() (
   rm -rf -- "$build"
   CC=$CACHED${C_COMPILERS[$compiler]} CXX=$CACHED$compiler meson setup "$@" "$build" "$TOP"
 )
+
+# Builds libtessard-1.0 in a folder, with complete debugging information.
+build_abi() {
+  configured "$1" "${ABI_OPTIONS[@]}" || configure_anew "$1" g++ debug "${ABI_OPTIONS[@]}"
+  ninja -C "$1" lib/libtessard-1.0.so.0
+}
 
 # Builds one kind of the matrix, with warnings as errors: the kind, further options.
 build_kind() {

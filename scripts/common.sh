@@ -28,6 +28,9 @@ SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstrea
 TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
   clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
 
+# Needed in addition for check --all.
+ALL_PACKAGES=(abigail-tools)
+
 # A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to
 # run as root), else as the same user. The command ends with its parent, even when that is killed.
 UNPRIVILEGED_USER=nobody
