@@ -10,18 +10,21 @@ from installation import TREE, defined_limits, value_of
 DOCUMENTATION = TREE / "docs/architecture.md"
 
 # The source folders of the daemon, of code that it shares with other programs, of its clients, of the library of
-# applications, of tessard-receiver and of tessardctl. Each number in their headers is a limit except those in NO_BOUNDS; a component's own number is one if its
-# name has one of BOUND_WORDS.
+# applications, of tessard-receiver and of tessardctl. Each number in their headers is a limit except those in NO_BOUNDS;
+# a component's own number is one if its name has one of BOUND_WORDS. So is a number in these headers of plugins/.
 FOLDERS = ("src", "common", "client", "lib", "receiver", "tools")
+PLUGIN_HEADERS = [TREE / "plugins" / name for name in (
+    "eventqueue.h", "eventtable.h", "objecttracker.h", "producerelement.h", "receiverevent.h")]
 NO_BOUNDS = {"OPTION_VALIDATION_DEFAULT_CHANNEL"}
 OWN_NUMBER = re.compile(r"^constexpr [\w:]+ ([A-Z0-9_]+) = ([\d*+ ]+);", re.MULTILINE)
-BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "THREADS", "TIMEOUT"}
+BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "PATIENCE", "THREADS", "TIMEOUT"}
 
 # Added to a constant to get the documented number: a new client is accepted while at most that many wait.
 TOLD_MORE = {"SERVER_MAX_WAITING_REQUESTS": 1}
 
 # The head of a table; its first column has any title.
-TABLE = re.compile(r"^\|[^|\n]*\| bound \| where it is named \|\n\|[-|]*\|\n((?:\|.*\|\n)+)", re.MULTILINE)
+TABLE = re.compile(r"^\|[^|\n]*\| bound \| where it is named(?: in `plugins/`)? \|\n\|[-|]*\|\n((?:\|.*\|\n)+)",
+                   re.MULTILINE)
 NAME = re.compile(r"`([A-Z][A-Z0-9_]+)`")
 
 KIB, MIB = 1024, 1024 * 1024
@@ -36,9 +39,9 @@ def files(pattern):
 
 def constants():
     found = {}
-    for header in files("*.h"):
+    for header in files("*.h") + PLUGIN_HEADERS:
         found |= defined_limits(header)
-    for source in files("*.cpp"):
+    for source in files("*.cpp") + PLUGIN_HEADERS:
         own = OWN_NUMBER.findall(source.read_text(encoding="utf-8"))
         found |= {name: value_of(value) for name, value in own if not BOUND_WORDS.isdisjoint(name.split("_"))}
     return {name: value + TOLD_MORE.get(name, 0) for name, value in found.items() if name not in NO_BOUNDS}
