@@ -22,6 +22,8 @@ BUS_COMMANDS = {
     "apply": ["apply", "-"],
     "monitor": ["monitor"],
     "produce": ["produce", "Mine"],
+    "emit": ["emit", "tns1:Device/Trigger"],
+    "topics": ["topics"],
 }
 
 # What a configuration name must not contain, and its name in messages.

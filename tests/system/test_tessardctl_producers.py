@@ -18,8 +18,9 @@ from controlclient import PRODUCER, ROOT, path_of
 MAX_PRODUCERS = documented_limit("../tools/producers.h", "PRODUCERS_MAX")
 MAX_CHANNELS = documented_limit("../tools/producers.h", "PRODUCERS_MAX_CHANNELS")
 
-# The commands that end after one call.
-COMMANDS = {name: words for name, words in BUS_COMMANDS.items() if name not in ("list", "monitor", "produce")}
+# The commands that call the daemon, and end after one call.
+COMMANDS = {name: words for name, words in BUS_COMMANDS.items()
+            if name not in ("list", "monitor", "produce", "emit", "topics")}
 
 
 # Every command
