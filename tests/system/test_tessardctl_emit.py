@@ -8,15 +8,18 @@ import subprocess
 
 import pytest
 
-from eventapplication import CROSSED, MOTION, EventApplication, EventStream, summary
-from installation import TREE, defined_limits
+from eventapplication import CROSSED, EVENTS, MOTION, EventApplication, EventStream, summary
+from installation import BUS_CONFIGURATION, TREE, defined_limits
 from receiverprocess import LIMITS as RECEIVER_LIMITS
+from receiverprocess import Receiver
 from tessardctl import NO_CONNECTION, REFUSED, SUCCESS, USAGE, Tessardctl, failure, read_lines
 from waiting import BOUND_SECONDS
 
 EMIT_MAX_LINE_BYTES = defined_limits(TREE / "tools/emitlines.h")["EMIT_MAX_LINE_BYTES"]
 
 ABSENT = "The receiver is not on the bus: 'com.quon.MetadataReceiver1' has no owner."
+POLICY_REFUSAL = ("The bus policy refused the call: only root and members of the group 'tessard-producer' can emit "
+                  "events.")
 ALARM = [MOTION, "--property", "--source", "Source:tt:ReferenceToken=1", "--data", "State:xs:boolean=true"]
 
 
@@ -103,6 +106,18 @@ def test_wrong_usage(run, arguments, message):
 @pytest.mark.parametrize("arguments", [["emit", CROSSED, "--data", "A=1"], ["topics"]])
 def test_no_receiver(bus, run, arguments):
     assert run(*arguments) == failure(NO_CONNECTION, ABSENT)
+
+
+@pytest.mark.parametrize("arguments", [["emit", CROSSED, "--data", "A=1"], ["topics"]])
+def test_bus_policy_refuses(installation, start_bus, tessardctl, arguments):
+    rule = f'<policy context="mandatory"><deny send_interface="{EVENTS}"/></policy></busconfig>'
+    own_bus = start_bus(text=BUS_CONFIGURATION.read_text(encoding="utf-8").replace("</busconfig>", rule))
+    receiver = Receiver(installation, own_bus)
+    try:
+        receiver.wait_until_ready()
+        assert Tessardctl(*arguments, "--bus", own_bus.address).finish() == failure(REFUSED, POLICY_REFUSAL)
+    finally:
+        receiver.finish()
 
 
 def test_lines(receiver_process, events, run):
