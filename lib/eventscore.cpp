@@ -225,7 +225,7 @@ EventsCore::emit(Event event, GError **error)
   }
   g_autoptr(GError) full = g_error_new_literal(TESSARD_ERROR, TESSARD_ERROR_QUEUE_FULL,
                                                "The event was dropped while the receiver was away.");
-  drop(std::move(lost), full);
+  drop(lost, full);
   wake();
   return TRUE;
 }
@@ -237,7 +237,7 @@ EventsCore::emit(Event event, GError **error)
 void
 EventsCore::get_topics(TopicsFunction function)
 {
-  worker_invoke([self = shared_from_this(), function] {
+  worker_invoke([self = shared_from_this(), function = std::move(function)] {
     self->topics_functions.push_back(function);
     self->call_topics();
   });
@@ -256,7 +256,7 @@ EventsCore::close(Event::Function function)
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
     closed = TRUE;
   }
-  worker_invoke([self = shared_from_this(), function] { self->begin_close(function); });
+  worker_invoke([self = shared_from_this(), function = std::move(function)] { self->begin_close(function); });
 }
 
 /**
@@ -504,7 +504,7 @@ EventsCore::finish_current(const GError *error)
 
 /* Counts events and tells their callers. Any thread. */
 void
-EventsCore::drop(std::vector<Event> events, const GError *error)
+EventsCore::drop(const std::vector<Event> &events, const GError *error)
 {
   if (events.empty()) {
     return;
@@ -627,7 +627,7 @@ EventsCore::finish_close()
     error = g_error_new(TESSARD_ERROR, TESSARD_ERROR_NOT_TAKEN,
                         "The receiver has not taken %" G_GSIZE_FORMAT " events.", lost.size());
   }
-  drop(std::move(lost), absence != nullptr ? absence : error);
+  drop(lost, absence != nullptr ? absence : error);
   for (const Event::Function &function : std::exchange(close_functions, {})) {
     function(error);
   }

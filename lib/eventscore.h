@@ -85,7 +85,7 @@ private:
   void take_declared(const std::string &name, const GError *error);
   void take_emitted(const GError *error);
   void finish_current(const GError *error);
-  void drop(std::vector<Event> events, const GError *error);
+  void drop(const std::vector<Event> &events, const GError *error);
   void refuse(const std::string &topic, const GError *error);
   void interrupt(const GError *reason);
   void retry_later();
