@@ -42,7 +42,6 @@ private:
   guint milliseconds = TESSARD_FIRST_RETRY_MS;
 };
 
-/* GDBus tells pending calls of the end of a connection before it tells BusLink. */
 GError *bus_closed_error(void);
 
 /* A connection to the bus of its own, made again whenever it ends, and the presence of the receiver on it.

@@ -59,8 +59,8 @@ on_news(GObject *object)
   if (std::exchange(self->state->told_dropped, news.dropped) != news.dropped) {
     g_object_notify_by_pspec(object, properties[PROP_DROPPED]);
   }
-  if (news.interruption != nullptr) {
-    g_signal_emit(self, signals[SIGNAL_INTERRUPTED], 0, news.interruption);
+  for (const GError *interruption : news.interruptions) {
+    g_signal_emit(self, signals[SIGNAL_INTERRUPTED], 0, interruption);
   }
   if (news.refusal != nullptr) {
     g_signal_emit(self, signals[SIGNAL_REFUSED], 0, news.refused_topic.c_str(), news.refusal);
@@ -227,7 +227,8 @@ tessard_events_class_init(TessardEventsClass *klass)
    * @self: the object
    * @reason: an error of %TESSARD_ERROR
    *
-   * Events are not taken for now. The library tries again.
+   * Events are not taken for now. The library tries again. When several reasons come before the main context
+   * runs, each is told once.
    */
   signals[SIGNAL_INTERRUPTED] = g_signal_new("interrupted", TESSARD_TYPE_EVENTS, G_SIGNAL_RUN_LAST, 0,
                                              nullptr, nullptr, nullptr, G_TYPE_NONE, 1, G_TYPE_ERROR);

@@ -69,12 +69,11 @@ convert_error(const GError *cause)
   if (cause == nullptr) {
     return nullptr;
   }
-  g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
-  g_autoptr(GError) stripped = g_error_copy(cause);
-
   if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
     return bus_closed_error();
   }
+  g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
+  g_autoptr(GError) stripped = g_error_copy(cause);
   if (name == nullptr) {
     return g_error_new(TESSARD_ERROR, TESSARD_ERROR_MALFORMED_REPLY,
                        "The receiver sent a malformed reply: %s.", cause->message);
@@ -85,13 +84,6 @@ convert_error(const GError *cause)
   }
   g_dbus_error_strip_remote_error(stripped);
   return g_error_new_literal(TESSARD_ERROR, code, *stripped->message != '\0' ? stripped->message : name);
-}
-
-/* Whether the same call can succeed later. */
-gboolean
-can_pass(const GError *error)
-{
-  return error->code == TESSARD_ERROR_BUSY || error->code == TESSARD_ERROR_BUS_CLOSED;
 }
 
 GVariant *
@@ -122,7 +114,6 @@ make_map(const EventItems &items)
 
 EventsNews::~EventsNews()
 {
-  g_clear_error(&interruption);
   g_clear_error(&refusal);
 }
 
@@ -144,7 +135,6 @@ EventsCore::~EventsCore()
     g_clear_error(&declared.refusal);
   }
   g_clear_error(&absence);
-  g_clear_error(&interruption);
   g_clear_error(&refusal);
   g_mutex_clear(&lock);
 }
@@ -270,7 +260,7 @@ EventsCore::take_news(EventsNews *news)
 
   news->dropped = dropped;
   news->drained = std::exchange(drained, FALSE);
-  news->interruption = g_steal_pointer(&interruption);
+  news->interruptions = std::exchange(interruptions, {});
   news->refused_topic = std::exchange(refused_topic, {});
   news->refusal = g_steal_pointer(&refusal);
 }
@@ -301,9 +291,7 @@ EventsCore::receiver_appeared(GDBusConnection *bus, const gchar *new_owner)
 {
   forget_owner();
   g_clear_error(&absence);
-  connection = G_DBUS_CONNECTION(g_object_ref(bus));
-  owner = new_owner;
-  cancellable = g_cancellable_new();
+  calls.begin(bus, new_owner);
   delay.reset();
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
@@ -340,12 +328,7 @@ void
 EventsCore::forget_owner()
 {
   retry.clear();
-  if (cancellable != nullptr) {
-    g_cancellable_cancel(cancellable);
-  }
-  g_clear_object(&cancellable);
-  g_clear_object(&connection);
-  calling = FALSE;
+  calls.end();
   g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
   is_away = TRUE;
   if (current.has_value()) {
@@ -357,8 +340,8 @@ EventsCore::forget_owner()
 void
 EventsCore::proceed()
 {
-  if (connection != nullptr && !calling && !retry.is_set() && !finished && !call_declare()) {
-    while (!calling && call_emit()) {
+  if (calls.has_owner() && !calls.is_calling() && !retry.is_set() && !finished && !call_declare()) {
+    while (!calls.is_calling() && call_emit()) {
     }
   }
   close_when_sent();
@@ -367,11 +350,9 @@ EventsCore::proceed()
 void
 EventsCore::call(const BusMethod *method, GVariant *arguments, BusReplyFunction function)
 {
-  calling = TRUE;
-  bus_call(
-      connection, owner.c_str(), method, arguments, cancellable,
+  calls.call(
+      method, arguments,
       [this, reply_function = std::move(function)](GVariant *reply, GUnixFDList *fds, const GError *error) {
-        calling = FALSE;
         reply_function(reply, fds, error);
         proceed();
       });
@@ -438,7 +419,7 @@ EventsCore::take_declared(const std::string &name, const GError *cause)
   if (error == nullptr) {
     return;
   }
-  const gboolean passes = can_pass(error);
+  const gboolean passes = error->code == TESSARD_ERROR_BUSY;
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
     DeclaredTopic &declared = topics.at(name);
@@ -460,7 +441,7 @@ EventsCore::take_emitted(const GError *cause)
 {
   g_autoptr(GError) error = convert_error(cause);
 
-  if (error == nullptr || (!can_pass(error) && error->code != TESSARD_ERROR_UNKNOWN_TOPIC)) {
+  if (error == nullptr || (error->code != TESSARD_ERROR_BUSY && error->code != TESSARD_ERROR_UNKNOWN_TOPIC)) {
     delay.reset();
     finish_current(error);
     return;
@@ -539,9 +520,7 @@ EventsCore::interrupt(const GError *reason)
 {
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    if (interruption == nullptr) {
-      interruption = g_error_copy(reason);
-    }
+    interruptions.add(reason);
   }
   notifier->schedule();
 }
@@ -556,21 +535,19 @@ EventsCore::retry_later()
 void
 EventsCore::call_topics()
 {
-  if (connection == nullptr && absence == nullptr) {
+  if (!calls.has_owner() && absence == nullptr) {
     return;
   }
   for (const TopicsFunction &function : std::exchange(topics_functions, {})) {
-    if (connection == nullptr) {
+    if (!calls.has_owner()) {
       function(nullptr, absence);
       continue;
     }
-    /* This call is never cancelled: when the receiver leaves, the bus replies. */
-    g_autoptr(GCancellable) none = g_cancellable_new();
-    bus_call(connection, owner.c_str(), &GET_TOPICS, g_variant_new("()"), none,
-             [function](GVariant *reply, GUnixFDList *fds, const GError *cause) {
-               g_autoptr(GError) error = convert_error(cause);
-               function(reply, error);
-             });
+    calls.call_beside(&GET_TOPICS, g_variant_new("()"),
+                      [function](GVariant *reply, GUnixFDList *fds, const GError *cause) {
+                        g_autoptr(GError) error = convert_error(cause);
+                        function(reply, error);
+                      });
   }
 }
 
@@ -602,7 +579,7 @@ EventsCore::close_when_sent()
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
     is_sent = queue.is_empty() && !current.has_value();
   }
-  if (closing && (is_sent || absence != nullptr) && !calling) {
+  if (closing && (is_sent || absence != nullptr) && !calls.is_calling()) {
     finish_close();
   }
 }

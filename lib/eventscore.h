@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
-#include "buscall.h"
 #include "buslink.h"
+#include "errorlist.h"
 #include "eventqueue.h"
 #include "notifier.h"
+#include "ownercalls.h"
 
 #include <functional>
 #include <memory>
@@ -34,13 +35,13 @@ struct EventsNews {
 
   guint64 dropped = 0;
   gboolean drained = FALSE;
-  GError *interruption = nullptr;
+  ErrorList interruptions; /* since the last news */
   std::string refused_topic;
   GError *refusal = nullptr;
 };
 
 /* The part of an object with events that does the work, on the worker. */
-class EventsCore : public std::enable_shared_from_this<EventsCore>, public BusLink::Client
+class EventsCore final : public std::enable_shared_from_this<EventsCore>, public BusLink::Client
 {
 public:
   /* Called on the worker with a reply of the type "(a(sba(ss)a(ss)a{ss}))", or an error of TESSARD_ERROR. */
@@ -99,11 +100,8 @@ private:
 
   /* Of the worker. */
   std::unique_ptr<BusLink> link;
-  GDBusConnection *connection = nullptr; /* of the receiver; NULL while there is none */
-  std::string owner;
-  GCancellable *cancellable = nullptr;
-  GError *absence = nullptr; /* why the receiver is not there, once that is known */
-  gboolean calling = FALSE;
+  OwnerCalls calls;
+  GError *absence = nullptr;    /* why the receiver is not there, once that is known */
   std::optional<Event> current; /* the event of the pending call */
   WorkerSource retry;
   RetryDelay delay;
@@ -126,7 +124,7 @@ private:
   guint64 dropped = 0;
   gboolean drained = FALSE;
   gboolean closed = FALSE;
-  GError *interruption = nullptr;
+  ErrorList interruptions;
   std::string refused_topic;
   GError *refusal = nullptr;
 };

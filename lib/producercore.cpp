@@ -52,25 +52,10 @@ check_text(const gchar *text, GError **error)
   return flaw == nullptr;
 }
 
-void
-free_errors(std::vector<GError *> *errors)
-{
-  std::for_each(errors->begin(), errors->end(), g_error_free);
-  errors->clear();
-}
-
-gboolean
-has_code(const std::vector<GError *> &errors, int code)
-{
-  return std::any_of(errors.begin(), errors.end(),
-                     [code](const GError *error) { return error->code == code; });
-}
-
 } // namespace
 
 ProducerNews::~ProducerNews()
 {
-  free_errors(&interruptions);
   g_clear_error(&failure);
 }
 
@@ -93,7 +78,6 @@ ProducerCore::ProducerCore(std::string bus_address, ProducerDescription producer
 
 ProducerCore::~ProducerCore()
 {
-  free_errors(&interruptions);
   g_clear_error(&failure);
   g_mutex_clear(&lock);
 }
@@ -405,9 +389,7 @@ ProducerCore::interrupted(const GError *reason)
   receiver_takes = FALSE;
   {
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
-    if (!has_code(interruptions, reason->code)) {
-      interruptions.push_back(g_error_copy(reason));
-    }
+    interruptions.add(reason);
   }
   notifier->schedule();
   close_when_written();

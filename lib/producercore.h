@@ -2,6 +2,7 @@
 #pragma once
 
 #include "channelpipe.h"
+#include "errorlist.h"
 #include "listing.h"
 #include "notifier.h"
 #include "registration.h"
@@ -22,14 +23,14 @@ struct ProducerNews {
   EnabledChannels enabled;
   guint64 dropped = 0;
   gboolean drained = FALSE;
-  std::vector<GError *> interruptions; /* since the last news, in their order, each code once */
+  ErrorList interruptions; /* since the last news */
   GError *failure = nullptr;
 };
 
 /* The part of a producer that does the work, on the worker. */
-class ProducerCore : public std::enable_shared_from_this<ProducerCore>,
-                     public Registration::Client,
-                     public ChannelPipe::Client
+class ProducerCore final : public std::enable_shared_from_this<ProducerCore>,
+                           public Registration::Client,
+                           public ChannelPipe::Client
 {
 public:
   /* Called on the worker with an error of TESSARD_ERROR, or NULL. */
@@ -120,7 +121,7 @@ private:
   guint pending = 0;
   gboolean drained = FALSE;
   gboolean closed = FALSE;
-  std::vector<GError *> interruptions;
+  ErrorList interruptions;
   GError *failure = nullptr;
   gboolean failure_is_new = FALSE;
 };

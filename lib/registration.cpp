@@ -206,7 +206,7 @@ Registration::end()
   if (registered) {
     call_unregister();
   }
-  return registered || calling;
+  return registered || calls.is_calling();
 }
 
 void
@@ -221,9 +221,7 @@ Registration::receiver_appeared(GDBusConnection *bus, const gchar *new_owner)
   forget_owner();
   g_clear_error(&absence);
   client->receiver_lost();
-  connection = G_DBUS_CONNECTION(g_object_ref(bus));
-  owner = new_owner;
-  cancellable = g_cancellable_new();
+  calls.begin(bus, new_owner);
   closed = description.channels;
   delay.reset();
   proceed();
@@ -249,12 +247,7 @@ void
 Registration::forget_owner()
 {
   retry.clear();
-  if (cancellable != nullptr) {
-    g_cancellable_cancel(cancellable);
-  }
-  g_clear_object(&cancellable);
-  g_clear_object(&connection);
-  calling = FALSE;
+  calls.end();
   registered = FALSE;
   gave_up = FALSE;
 }
@@ -263,7 +256,8 @@ Registration::forget_owner()
 void
 Registration::proceed()
 {
-  if (connection == nullptr || calling || ending || gave_up || retry.is_set() || !sample_frame.has_value()) {
+  if (!calls.has_owner() || calls.is_calling() || ending || gave_up || retry.is_set() ||
+      !sample_frame.has_value()) {
     return;
   }
   if (!registered) {
@@ -271,18 +265,6 @@ Registration::proceed()
   } else if (!closed.empty()) {
     call_open(closed.front());
   }
-}
-
-void
-Registration::call(const BusMethod *method, GVariant *arguments, BusReplyFunction function)
-{
-  calling = TRUE;
-  bus_call(
-      connection, owner.c_str(), method, arguments, cancellable,
-      [this, reply_function = std::move(function)](GVariant *reply, GUnixFDList *fds, const GError *error) {
-        calling = FALSE;
-        reply_function(reply, fds, error);
-      });
 }
 
 /* What the bus cannot carry is refused here. */
@@ -298,25 +280,26 @@ Registration::call_register()
   }
   GVariant *channels = g_variant_new_fixed_array(G_VARIANT_TYPE_UINT32, description.channels.data(),
                                                  description.channels.size(), sizeof(guint32));
-  call(&REGISTER,
-       g_variant_new("(ss@aus@a{sv})", description.name.c_str(), description.nice_name.c_str(), channels,
-                     sample_frame->c_str(), g_variant_new("a{sv}", nullptr)),
-       [this](GVariant *reply, GUnixFDList *fds, const GError *error) { take_registered(error); });
+  calls.call(&REGISTER,
+             g_variant_new("(ss@aus@a{sv})", description.name.c_str(), description.nice_name.c_str(),
+                           channels, sample_frame->c_str(), g_variant_new("a{sv}", nullptr)),
+             [this](GVariant *reply, GUnixFDList *fds, const GError *error) { take_registered(error); });
 }
 
 void
 Registration::call_open(guint32 channel)
 {
-  call(&OPEN, g_variant_new("(su)", description.name.c_str(), channel),
-       [this](GVariant *reply, GUnixFDList *fds, const GError *error) { take_opened(reply, fds, error); });
+  calls.call(
+      &OPEN, g_variant_new("(su)", description.name.c_str(), channel),
+      [this](GVariant *reply, GUnixFDList *fds, const GError *error) { take_opened(reply, fds, error); });
 }
 
 /* An error is the end, too. */
 void
 Registration::call_unregister()
 {
-  call(&UNREGISTER, g_variant_new("(s)", description.name.c_str()),
-       [this](GVariant *reply, GUnixFDList *fds, const GError *error) { client->ended(); });
+  calls.call(&UNREGISTER, g_variant_new("(s)", description.name.c_str()),
+             [this](GVariant *reply, GUnixFDList *fds, const GError *error) { client->ended(); });
 }
 
 void
@@ -363,10 +346,6 @@ Registration::take_failure(const GError *cause)
   const Remedy remedy = look_up(name).remedy;
   g_autoptr(GError) error = convert_error(cause);
 
-  if (g_error_matches(cause, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
-    /* The end of the bus, which the link reports. */
-    return;
-  }
   if (ending) {
     if (!registered) {
       client->ended();
@@ -388,7 +367,7 @@ Registration::take_failure(const GError *cause)
 void
 Registration::retry_later()
 {
-  if (!retry.is_set() && connection != nullptr && !ending) {
+  if (!retry.is_set() && calls.has_owner() && !ending) {
     retry.start_timer(delay.next(), [this] { proceed(); });
   }
 }

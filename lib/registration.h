@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
-#include "buscall.h"
 #include "buslink.h"
+#include "ownercalls.h"
 
 #include <optional>
 #include <string>
@@ -17,7 +17,7 @@ struct ProducerDescription {
 
 /* Registers a producer at the receiver and opens its channels, whenever the receiver is on the bus. For the
  * worker. */
-class Registration : public BusLink::Client
+class Registration final : public BusLink::Client
 {
 public:
   /* Errors are of TESSARD_ERROR. */
@@ -61,7 +61,6 @@ private:
 
   void forget_owner();
   void proceed();
-  void call(const BusMethod *method, GVariant *arguments, BusReplyFunction function);
   void call_register();
   void call_open(guint32 channel);
   void call_unregister();
@@ -75,10 +74,7 @@ private:
   std::optional<std::string> sample_frame;
   GError *absence = nullptr; /* why the receiver is not there */
 
-  GDBusConnection *connection = nullptr; /* of the receiver; NULL while there is none */
-  std::string owner;
-  GCancellable *cancellable = nullptr; /* for the calls of this owner */
-  gboolean calling = FALSE;
+  OwnerCalls calls;
   gboolean registered = FALSE;
   gboolean gave_up = FALSE; /* until there is another owner */
   gboolean ending = FALSE;

@@ -122,8 +122,8 @@ protected:
 
     core_->take_news(&news);
     drained_ += news.drained ? 1 : 0;
-    if (news.interruption != nullptr) {
-      told_.push_back("interrupted: " + describe(news.interruption));
+    for (const GError *interruption : news.interruptions) {
+      told_.push_back("interrupted: " + describe(interruption));
     }
     if (news.refusal != nullptr) {
       told_.push_back("refused " + news.refused_topic + ": " + describe(news.refusal));
