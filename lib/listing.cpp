@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* The daemon's control service lists the producers that it has accepted; docs/dbus.md documents it. The reply
  * to the first call can be older than a signal that has come before it, never newer: GDBus delivers both in
- * the order of the bus. So whatever comes last counts.
+ * the order of the bus. So the last one counts.
  */
 #include "listing.h"
 

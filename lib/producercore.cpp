@@ -441,7 +441,7 @@ ProducerCore::channel_closed(ChannelPipe *pipe, const LostMessages &lost)
   interrupted(reason);
 }
 
-/* @is_lost: whether nobody reads what is in the pipes */
+/* @is_lost: whether what is in the pipes has no reader */
 void
 ProducerCore::close_pipes(gboolean is_lost)
 {

@@ -24,7 +24,7 @@ std::weak_ptr<EventHub> current_hub;
 /**
  * EventHub::get:
  *
- * Returns: the hub, which lives as long as somebody has it
+ * Returns: the hub, which lives as long as it has a holder
  */
 std::shared_ptr<EventHub>
 EventHub::get()

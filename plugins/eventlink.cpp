@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 /* The link has its own connection to the bus: an application that links this code can refuse descriptors on
- * the shared one. A call goes to the receiver's name without starting it; if nobody owns the name, the change
- * of its owner causes the next call. After any other failure, a time-out does. */
+ * the shared one. A call goes to the receiver's name without starting it; if the name has no owner, the
+ * change of its owner causes the next call. After any other failure, a time-out does. */
 
 GST_DEBUG_CATEGORY_STATIC(event_link_debug);
 #define GST_CAT_DEFAULT event_link_debug

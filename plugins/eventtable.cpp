@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "eventtable.h"
 
-/* Whoever gets the states and then all published events knows at any time which properties exist. Three
+/* A reader that gets the states and then all published events knows at any time which properties exist. Three
  * things take a property away: its event Deleted; the receiver's states after a loss, which do not have it
  * any more; and the end of the receiver. The last two become an event Deleted with the last data. */
 

@@ -8,7 +8,7 @@
 #include <memory>
 
 /* Buffers pass through unchanged. The streaming thread reads their detections, makes an item and hands it to
- * the library, which never blocks. Whatever becomes of the item, the buffer goes on.
+ * the library, which never blocks. The buffer goes on in every case.
  *
  * The streaming thread uses everything between start() and stop(), and the object lock protects the
  * properties. Counters are atomic. */

@@ -7,8 +7,8 @@
 
 #include <libxml/tree.h>
 
-/* The receiver checks what applications send. Nothing here relies on it: whatever becomes markup is checked,
- * and the XML writer escapes the rest. Members with other names are ignored. */
+/* The receiver checks what applications send. Nothing here relies on it: all text that becomes markup is
+ * checked, and the XML writer escapes the rest. Members with other names are ignored. */
 
 namespace plugins
 {

@@ -154,7 +154,7 @@ EventStore::declare(const Caller &caller, EventTopic topic, GError **error)
   return true;
 }
 
-/* A topic with other items is replaced if nobody but the caller's user has left it behind. */
+/* A topic with other items is replaced if only the caller's user has left it behind. */
 bool
 EventStore::check_conflicts(const Caller &caller, const EventTopic &topic, GError **error) const
 {
@@ -299,7 +299,7 @@ EventStore::give(Property *property, const std::string &sender)
   property->owner = sender;
 }
 
-/* Removes what nobody else has declared, and an application that has gone with its last topic. */
+/* Removes what no other application has declared, and an application that has gone with its last topic. */
 void
 EventStore::remove_declaration(const std::string &sender, const std::string &topic)
 {

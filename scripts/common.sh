@@ -16,7 +16,8 @@ STOP_SECONDS=5
 # Needed to build and run. Meson finds Debian's library folder with dpkg-dev.
 RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
-  libjson-glib-dev libsimdjson-dev gobject-introspection libgirepository1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
+  libjson-glib-dev libsimdjson-dev gobject-introspection libgirepository1.0-dev
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
 
 # Needed in addition for the example detector.
 DETECTOR_PACKAGES=(python3-gi python3-numpy gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)

@@ -237,7 +237,7 @@ def test_undeclared_events_do_not_arrive(daemon, emitter, start_emitter):
 
 
 def test_flood_ends_with_the_present_state(daemon, emitter):
-    """A client that reads gets the last state, whatever was refused or dropped before."""
+    """A client that reads gets the last state, also when others were refused or dropped before."""
     with streaming(daemon) as (client, stream):
         stream.next_document()
         for number in range(5 * LIMITS["RECEIVER_EVENT_BURST"]):
@@ -345,7 +345,7 @@ def test_event_arrives_promptly(daemon, emitter):
     assert statistics.median(times) < 0.2
 
 
-def test_hung_receiver_delays_nobody(daemon, receiver, emitter):
+def test_hung_receiver_delays_no_client(daemon, receiver, emitter):
     """The reply comes without the states, which follow; a client's end does not wait."""
     receiver.process.send_signal(signal.SIGSTOP)
     try:
