@@ -45,24 +45,6 @@ forget_ended()
   set_timers.erase(ended, set_timers.end());
 }
 
-bool
-fire_one(guint milliseconds)
-{
-  std::lock_guard guard(lock);
-  forget_ended();
-  const auto found = std::find_if(set_timers.begin(), set_timers.end(), [milliseconds](const Timer &timer) {
-    return timer.milliseconds == milliseconds;
-  });
-
-  if (found == set_timers.end()) {
-    return false;
-  }
-  g_source_set_ready_time(found->source, 0);
-  g_source_unref(found->source);
-  set_timers.erase(found);
-  return true;
-}
-
 } // namespace
 
 /* The names are the linker's, and it requires that the first one be visible. */
@@ -99,7 +81,25 @@ timers::count_set()
 }
 
 bool
+timers::try_to_fire(guint milliseconds)
+{
+  std::lock_guard guard(lock);
+  forget_ended();
+  const auto found = std::find_if(set_timers.begin(), set_timers.end(), [milliseconds](const Timer &timer) {
+    return timer.milliseconds == milliseconds;
+  });
+
+  if (found == set_timers.end()) {
+    return false;
+  }
+  g_source_set_ready_time(found->source, 0);
+  g_source_unref(found->source);
+  set_timers.erase(found);
+  return true;
+}
+
+bool
 timers::fire(guint milliseconds)
 {
-  return testhost::spin_until([milliseconds] { return fire_one(milliseconds); });
+  return testhost::spin_until([milliseconds] { return try_to_fire(milliseconds); });
 }

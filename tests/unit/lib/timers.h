@@ -19,4 +19,7 @@ gsize count_set();
 /* Waits until a timer of this length is set, and ends it. FALSE when it is not within the bound. */
 bool fire(guint milliseconds);
 
+/* Does not wait, so that the main loop does not run. */
+bool try_to_fire(guint milliseconds);
+
 } // namespace timers
