@@ -66,13 +66,14 @@ EventLink::EventLink(GMainContext *context, GCancellable *cancellable, Began beg
   init_debug();
 }
 
-/* The replies of cancelled calls are in the context. */
+/* The replies of cancelled calls are in the context, and signals of the bus that came before the end of the
+ * subscription: each of them holds the connection and the context. */
 EventLink::~EventLink()
 {
   cancel_retry();
   stream_.reset();
   disconnect();
-  while (calls_ > 0) {
+  while (calls_ > 0 || g_main_context_pending(context_)) {
     g_main_context_iteration(context_, TRUE);
   }
 }

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
 #include <unistd.h>
@@ -292,6 +293,19 @@ TEST_F(OnvifEventSrcTest, StartsAndStopsOften)
   for (int i = 0; i < 50; i++) {
     play();
     harness_.reset();
+  }
+}
+
+/* The bus tells of the owner while the thread that would take it ends. */
+TEST_F(OnvifEventSrcTest, ReceiverThatLeavesAtTheEndLeavesNothingBehind)
+{
+  for (int i = 0; i < 100; i++) {
+    receiver_.emplace(NAME, testbus::reply("(handle 0,)"));
+    play();
+    EXPECT_EQ(pull(), "");
+    std::thread leaving([this] { receiver_.reset(); });
+    harness_.reset();
+    leaving.join();
   }
 }
 
