@@ -122,6 +122,13 @@ def send(producer, *lines):
     fakereceiver.Stream(producer.process.stdin.fileno(), None).write("".join(f"{line}\n" for line in lines).encode())
 
 
+def wait_until_taken(producer, number):
+    """Sends a line that is no item, and waits until it is named: then those before it are sent or dropped."""
+    send(producer, "no item")
+    message = f"tessardctl: Line {number + 1} is skipped: it is no JSON, or beyond the limits.\n"
+    assert stderr_of(producer, 1) == message.encode()
+
+
 def flood(producer):
     """Sends more than the pipe to the receiver holds, in numbered lines."""
     send(producer, *(json.dumps({"Number": number, "Text": "x" * 1000}) for number in range(FLOOD)))
@@ -395,7 +402,7 @@ def test_receiver_that_is_killed_and_restarted(receiver, reader, start_produce):
     assert stderr_of(producer, 1) in (dropping(CLOSED), dropping(ABSENT))
     lines = texts(5000)
     send(producer, *lines)
-    wait_until(lambda: unread(producer) == 0, "the lines are read")
+    wait_until_taken(producer, 1 + len(lines))
 
     receiver.start()
     receiver.wait_until_ready()
@@ -459,7 +466,7 @@ def test_receiver_that_does_not_read(receiver, reader, start_produce):
     with suspended(receiver.process):
         flood(producer)
         assert stderr_of(producer, 1) == dropping(SILENT)
-        wait_until(lambda: unread(producer) == 0, "the lines are read")
+        wait_until_taken(producer, 1 + FLOOD)
     numbers = []
     while stream.has_something(1):
         numbers.append(stream.item()["Number"])

@@ -7,6 +7,7 @@ namespace
 {
 
 std::atomic<gint64> advanced_us;
+std::atomic<gint64> stopped_at; /* 0 while it goes */
 
 } // namespace
 
@@ -17,17 +18,26 @@ extern "C" gint64 __real_g_get_monotonic_time();
 gint64
 __wrap_g_get_monotonic_time()
 {
-  return __real_g_get_monotonic_time() + advanced_us;
+  const gint64 stopped = stopped_at;
+
+  return (stopped != 0 ? stopped : __real_g_get_monotonic_time()) + advanced_us;
 }
 
 void
 testclock::reset()
 {
   advanced_us = 0;
+  stopped_at = 0;
 }
 
 void
 testclock::advance_ms(gint64 milliseconds)
 {
   advanced_us += milliseconds * G_TIME_SPAN_MILLISECOND;
+}
+
+void
+testclock::stop()
+{
+  stopped_at = __real_g_get_monotonic_time();
 }

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* The clock of the code under test, on all threads. A test can advance it; GLib's own time-outs do not use
- * it.
+/* The clock of the code under test, on all threads. A test can advance it, and stop it; GLib's own time-outs
+ * do not use it.
  */
 #pragma once
 
@@ -11,5 +11,6 @@ namespace testclock
 
 void reset();
 void advance_ms(gint64 milliseconds);
+void stop(); /* until reset() */
 
 } // namespace testclock

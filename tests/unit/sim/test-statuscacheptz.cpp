@@ -106,16 +106,31 @@ rests(const Ptz &ptz)
   return !ptz.pan_tilt_moving && !ptz.zoom_moving;
 }
 
+/* Settings for a world that is now as wanted. The clocks of the worlds differ by seconds. All worlds have
+ * drives in the same places, so that at some moments there is no such world with another seed. */
+std::string
+settings_for_moment(const std::function<bool(const World &world, WorldTime now)> &is_wanted)
+{
+  constexpr gint64 MAX_SHIFT_S = 3600;
+  sim::Settings settings;
+  const gint64 last = settings.epoch - MAX_SHIFT_S;
+  while (settings.epoch > last &&
+         !is_wanted(World(settings.seed), sim::settings_world_time(settings, g_get_real_time()))) {
+    settings.epoch--;
+  }
+  EXPECT_GT(settings.epoch, last) << "there is no such moment";
+  g_autoptr(GDateTime) epoch = g_date_time_new_from_unix_utc(settings.epoch);
+  g_autofree gchar *text = g_date_time_format(epoch, "%Y-%m-%dT%H:%M:%SZ");
+  return "[World]\nepoch=" + std::string(text) + "\n";
+}
+
 /* Settings for a world whose head is idle, or moves, for `duration` from now on. */
 std::string
 settings_for_steady_head(bool resting, gint64 duration)
 {
-  WorldTime now = sim::settings_world_time({}, g_get_real_time());
-  guint64 seed = 0;
-  while (rests(World(seed).ptz_at(now)) != resting || head_changes(World(seed), now, now + duration)) {
-    seed++;
-  }
-  return "[World]\nseed=" + std::to_string(seed) + "\n";
+  return settings_for_moment([=](const World &world, WorldTime now) {
+    return rests(world.ptz_at(now)) == resting && !head_changes(world, now, now + duration);
+  });
 }
 
 /* A world without any change from now until `until`, with an idle head. */
@@ -129,12 +144,10 @@ find_quiet_world()
 {
   constexpr gint64 QUIET = 2 * G_USEC_PER_SEC;
   gint64 utc = g_get_real_time();
-  WorldTime now = sim::settings_world_time({}, utc);
-  guint64 seed = 0;
-  while (World(seed).next_change_after(now) - now < QUIET || !rests(World(seed).ptz_at(now))) {
-    seed++;
-  }
-  return {"[World]\nseed=" + std::to_string(seed) + "\n", utc + QUIET};
+  std::string settings = settings_for_moment([](const World &world, WorldTime now) {
+    return world.next_change_after(now) - now >= QUIET && rests(world.ptz_at(now));
+  });
+  return {settings, utc + QUIET};
 }
 
 TEST_F(PtzSrc, StartsWithOneOfEachStickyEventInOrder)
