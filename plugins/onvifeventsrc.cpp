@@ -84,6 +84,7 @@ make_buffer(TessardEventSrc *self, const std::vector<plugins::SharedEvent> &batc
       declared.try_emplace(prefix, onvif::XmlNamespace{prefix.c_str(), uri.c_str()});
     }
   }
+  namespaces.reserve(declared.size());
   for (const auto &[prefix, entry] : declared) {
     namespaces.push_back(entry);
   }

@@ -30,6 +30,7 @@ pointers_to(const std::vector<std::string> &texts)
 {
   std::vector<const gchar *> pointers;
 
+  pointers.reserve(texts.size() + 1);
   for (const std::string &text : texts) {
     pointers.push_back(text.c_str());
   }

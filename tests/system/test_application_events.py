@@ -243,7 +243,8 @@ def test_flood_ends_with_the_present_state(daemon, emitter):
         for number in range(5 * LIMITS["RECEIVER_EVENT_BURST"]):
             emitter.send_alarm("1", "true" if number % 2 else "false")
         wait_until(lambda: emits_last(emitter), "the rate allows an event")
-        wait_until_state(stream, motion("Changed", "last", "false"))
+        # When a slow machine has lost events on the way, the states come again.
+        wait_until_state(stream, motion("Changed", "last", "false"), motion("Initialized", "last", "false"))
         client.sync()
         wait_until_state(stream, motion("Initialized", "last", "false"))
 
@@ -258,10 +259,10 @@ def emits_last(emitter):
     return True
 
 
-def wait_until_state(stream, expected):
-    """Reads up to an event."""
+def wait_until_state(stream, *expected):
+    """Reads up to one of these events."""
     for event in stream.events():
-        if summary(event) == expected:
+        if summary(event) in expected:
             return
 
 
