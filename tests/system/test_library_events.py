@@ -2,10 +2,13 @@
 """The library of applications, used from Python: events on their way through the receiver."""
 
 import contextlib
+import re
 
 import pytest
 
 from eventapplication import CROSSED, MOTION, EventApplication, EventStream, summary
+from external import ANALYTICS_AND_EVENTS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, wait_until_listed
+from installation import OWN_EVENT_PLUGIN, TREE
 from libraryprogram import PREFACE, Program, needs_introspection
 
 pytestmark = pytest.mark.usefixtures("introspection")
@@ -182,3 +185,31 @@ loop.run()
 """)
     assert program.finish() == (0, "[('tns1:VideoSource/acme:Tamper/Covered', False, [], [('Level', 'xs:int')], "
                                    "{'acme': 'http://acme.example/topics'})]\n", "")
+
+
+def documented_program():
+    """The program of the page that sends an item and emits an event again and again."""
+    text = (TREE / "docs/any-linux-box.md").read_text(encoding="utf-8")
+    (program,) = (found for found in re.findall(r"```python\n(.*?)```", text, re.DOTALL) if "events" in found)
+    assert len(program.splitlines()) <= 15
+    return program.replace('"Mine"', f'"{DETECTOR}"')
+
+
+def expect_both(stream):
+    """Expects the alarm and then, or before, a box."""
+    found = set()
+    while found != {"alarm", "box"}:
+        document = stream.next_document()
+        found |= {"alarm" for event in document.events
+                  if (event.topic, *event.source.values(), *event.data.values()) == (MOTION, "1", "true")}
+        found |= {"box" for frame in document.frames
+                  if frame.source == GATE and frame.objects["12"].box == (-0.6, 0.6, -0.2, 0.2)}
+
+
+def test_program_of_15_lines_reaches_a_first_and_a_late_client(receiver_process, control, start_daemon, start_program):
+    daemon = start_daemon(plugins=(*EXTERNAL_PLUGINS, OWN_EVENT_PLUGIN), producers=DETECTOR_ENABLED)
+    start_program(documented_program())
+    wait_until_listed(control, DETECTOR)
+    with daemon.client() as first, daemon.client() as late:
+        expect_both(first.start(ANALYTICS_AND_EVENTS))
+        expect_both(late.start(ANALYTICS_AND_EVENTS))
