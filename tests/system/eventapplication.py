@@ -4,6 +4,7 @@
 from gi.repository import Gio, GLib
 
 from busclient import error_text
+from daemon import WARNING
 from receiverclient import NAME, Stream
 from receiverprocess import ERROR_PREFIX, Application, Refused
 from waiting import BOUND_SECONDS
@@ -27,6 +28,9 @@ SIGNATURES = {
     "GetTopics": "()",
     "GetEventStream": "()",
 }
+
+# A warning of the receiver.
+NOT_READ = (WARNING, "A stream of events: is not read, messages are dropped")
 
 CURRENT = {"Current": True}
 RESYNC = {"Resync": True}

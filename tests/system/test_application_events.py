@@ -13,7 +13,7 @@ import pytest
 
 from client import header
 from daemon import ERROR, NOT_PRODUCED
-from eventapplication import ACME, CROSSED, MOTION, OBJECT, TAMPER
+from eventapplication import ACME, CROSSED, MOTION, NOT_READ, OBJECT, TAMPER
 from installation import DOCUMENT_PLUGIN, OWN_EVENT_PLUGIN, SANITIZED
 from receiverprocess import LIMITS
 from waiting import BOUND_SECONDS, wait_until
@@ -236,17 +236,19 @@ def test_undeclared_events_do_not_arrive(daemon, emitter, start_emitter):
         assert take(stream, 1) == [crossed(1)]
 
 
-def test_flood_ends_with_the_present_state(daemon, emitter):
-    """A client that reads gets the last state, also when others were refused or dropped before."""
+def test_flood_ends_with_the_present_state(daemon, receiver, emitter):
+    """A client that reads gets the last state, also when others were refused, or dropped by a slow machine."""
     with streaming(daemon) as (client, stream):
         stream.next_document()
         for number in range(5 * LIMITS["RECEIVER_EVENT_BURST"]):
             emitter.send_alarm("1", "true" if number % 2 else "false")
         wait_until(lambda: emits_last(emitter), "the rate allows an event")
-        # When a slow machine has lost events on the way, the states come again.
+        # When events are dropped, the states come again.
         wait_until_state(stream, motion("Changed", "last", "false"), motion("Initialized", "last", "false"))
         client.sync()
         wait_until_state(stream, motion("Initialized", "last", "false"))
+    warnings = receiver.take_warnings()
+    assert warnings[:1] in ([], [NOT_READ]) and all("messages were dropped" in text for _, text in warnings[1::2])
 
 
 def emits_last(emitter):

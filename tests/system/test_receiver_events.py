@@ -8,8 +8,8 @@ import time
 import pytest
 from gi.repository import GLib
 
-from eventapplication import (ACME, CROSSED, CURRENT, EVENTS, EVENTS_PATH, MOTION, OBJECT, RESYNC, SOURCE, STATE,
-                              TAMPER, summary)
+from eventapplication import (ACME, CROSSED, CURRENT, EVENTS, EVENTS_PATH, MOTION, NOT_READ, OBJECT, RESYNC, SOURCE,
+                              STATE, TAMPER, summary)
 from installation import run_by_root
 from receiverclient import NAME
 from receiverprocess import ERROR_PREFIX, LIMITS, refusal, remote_refusal
@@ -17,8 +17,6 @@ from users import STRANGER, call
 from waiting import BOUND_SECONDS, wait_until
 
 GRACE_SECONDS = LIMITS["RECEIVER_GRACE_SECONDS"]
-
-NOT_READ = (4, "A stream of events: is not read, messages are dropped")
 
 
 @pytest.fixture(autouse=True)

@@ -6,9 +6,9 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <thread>
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
+#include <thread>
 #include <unistd.h>
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(GstHarness, gst_harness_teardown)
