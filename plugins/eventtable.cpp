@@ -33,6 +33,9 @@ is_same(const ReceiverEvent &one, const ReceiverEvent &other)
                     other.message.data.end(), same_item);
 }
 
+/* Twice what a property counts at the receiver in addition to texts and items. */
+static_assert(sizeof(ReceiverEvent) <= 2 * 128);
+
 gsize
 cost_of(const ReceiverEvent &event)
 {

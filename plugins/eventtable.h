@@ -9,8 +9,8 @@
 namespace plugins
 {
 
-/* The limits of the present states, the same as the receiver's. What a state counts in addition to its texts
- * is the size of its objects. */
+/* The limits of the present states. They hold all that the receiver can send: it has as many properties, and
+ * half of the bytes, of which each property counts the same texts and items, and 128 in addition. */
 constexpr gsize EVENT_TABLE_MAX_PROPERTIES = 8192;
 constexpr gsize EVENT_TABLE_MAX_BYTES = 32 * 1024 * 1024;
 

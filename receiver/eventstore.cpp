@@ -43,14 +43,15 @@ key_of(const EventTopic &topic, const EventTexts &source)
   return key;
 }
 
+/* The topic counts for each property, because the event of each has its texts. */
 gsize
-size_of(const EventValues &values)
+size_of(const EventTopic &topic, const EventValues &values)
 {
-  gsize bytes = OVERHEAD;
+  gsize bytes = OVERHEAD + topic.size();
 
   for (const EventTexts *texts : {&values.source, &values.data}) {
     for (const std::string &text : *texts) {
-      bytes += text.size();
+      bytes += RECEIVER_EVENT_ITEM_OVERHEAD + text.size();
     }
   }
   return bytes;
@@ -430,7 +431,7 @@ EventStore::check_property_places(const Emission &emission, GError **error) cons
   const gsize places = RECEIVER_MAX_PROPERTIES - (has_one ? RECEIVER_PROPERTIES_KEPT : 0);
   const gsize bytes = RECEIVER_MAX_PROPERTY_BYTES - (has_one ? RECEIVER_PROPERTY_BYTES_KEPT : 0);
   const gsize before = property != nullptr ? property->bytes : 0;
-  const gsize after = size_of(emission.values);
+  const gsize after = size_of(*emission.topic, emission.values);
   const bool fits = after <= before || property_bytes_ - before + after <= bytes;
   return ((property != nullptr || properties_.size() < places) && fits) ||
          refuse(error, Error::LIMIT_EXCEEDED, "There are %zu properties with %zu bytes", properties_.size(),
@@ -462,7 +463,7 @@ EventStore::store(Emission *emission)
     erase(emission->number);
     return;
   }
-  const gsize bytes = size_of(emission->values);
+  const gsize bytes = size_of(*emission->topic, emission->values);
   if (emission->property == nullptr) {
     emission->number = ++newest_;
     numbers_.emplace(emission->key, emission->number);

@@ -224,9 +224,17 @@
 #define RECEIVER_PROPERTIES_KEPT 1024
 
 /**
+ * RECEIVER_EVENT_ITEM_OVERHEAD:
+ *
+ * The number of bytes that an item of a property counts in addition to its texts.
+ */
+#define RECEIVER_EVENT_ITEM_OVERHEAD 64
+
+/**
  * RECEIVER_MAX_PROPERTY_BYTES:
  *
- * The bytes of the present events of all properties.
+ * The bytes of the present events of all properties: their texts and those of their topics, and
+ * %RECEIVER_EVENT_ITEM_OVERHEAD for each item. The daemon's pipelines keep twice as much.
  */
 #define RECEIVER_MAX_PROPERTY_BYTES (16 * 1024 * 1024)
 

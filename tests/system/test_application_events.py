@@ -15,7 +15,7 @@ from client import header
 from daemon import ERROR, NOT_PRODUCED
 from eventapplication import ACME, CROSSED, MOTION, NOT_READ, OBJECT, TAMPER
 from installation import DOCUMENT_PLUGIN, OWN_EVENT_PLUGIN, SANITIZED
-from receiverprocess import LIMITS
+from receiverprocess import LIMITS, Refused
 from waiting import BOUND_SECONDS, wait_until
 
 GRACE_SECONDS = LIMITS["RECEIVER_GRACE_SECONDS"]
@@ -280,6 +280,50 @@ def test_many_states_arrive(daemon, receiver, start_emitter):
         assert {source for _, operation, source, _ in take(stream, 1800) if operation == "Initialized"} == expected
         client.sync()
         assert {source for _, _, source, _ in take(stream, 1800)} == expected
+
+
+def test_longest_properties_leave_others_their_events(daemon, receiver, emitter, start_emitter):
+    """The daemon has room for all properties that the receiver takes."""
+    emitter.alarm("1", False)
+    with streaming(daemon) as (_, stream):
+        stream.next_document()
+        while add_longest_properties(start_emitter()):
+            pass
+        emitter.alarm("1", True)
+        found = []
+        while not found or found[-1][2] != {"State": "true"}:
+            found += [(event.operation, event.source, event.data) for event in stream.next_document().events
+                      if event.topic == MOTION]
+    assert {operation for operation, _, _ in found} <= {"Initialized", "Changed"}
+    assert set(receiver.take_warnings()[:1]) <= {NOT_READ}
+
+
+def add_longest_properties(application):
+    """Adds as many properties as an application can have; returns whether there is room for further ones."""
+    namespaces = {f"p{number:02}": f"urn:{number}:".ljust(LIMITS["RECEIVER_MAX_NAMESPACE_BYTES"], "x")
+                  for number in range(LIMITS["RECEIVER_MAX_NAMESPACES"])}
+    topic = "/".join(f"{prefix}:T" for prefix in namespaces)
+    names = [f"N{number}".ljust(LIMITS["RECEIVER_MAX_ITEM_NAME_BYTES"], "x")
+             for number in range(LIMITS["RECEIVER_MAX_EVENT_ITEMS"])]
+    items = [(name, "xs:string") for name in names]
+    application.declare(topic, source=items, data=items, namespaces=namespaces)
+    for number in range(LIMITS["RECEIVER_MAX_APPLICATION_PROPERTIES"]):
+        values = dict.fromkeys(names, "")
+        source = values | {names[0]: f"{application.connection.get_unique_name()} {number}"}
+        refusal = wait_until(lambda: emit_or_refusal(application, topic, source, values), "the rate allows an event")
+        if refusal != "taken":
+            assert refusal == "LimitExceeded"
+            return False
+    return True
+
+
+def emit_or_refusal(application, topic, source, data):
+    """None if the application has to wait."""
+    try:
+        application.emit(topic, "Changed", source, data)
+    except Refused as refused:
+        return None if refused.args[0] == "RateExceeded" else refused.args[0]
+    return "taken"
 
 
 def test_receiver_restarts_under_load(daemon, receiver, start_emitter):

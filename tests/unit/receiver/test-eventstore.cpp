@@ -512,6 +512,38 @@ TEST_F(EventStoreTest, PropertiesHaveALimitOfBytes)
   EXPECT_EQ(emit(APPLICATION, alarm("Changed", "1", longest)), "");
 }
 
+TEST_F(EventStoreTest, PropertiesCountTheTextsOfTheirTopic)
+{
+  EventTopic large = motion();
+  for (int i = 1; i < RECEIVER_MAX_EVENT_ITEMS; i++) {
+    std::string name = "N" + std::to_string(i);
+    name.resize(RECEIVER_MAX_ITEM_NAME_BYTES, 'x');
+    large.data.emplace_back(name, "xs:string");
+  }
+  std::string refused;
+  gsize emitted = 0;
+  for (int application = 0; refused.empty() && application < 10; application++) {
+    const Caller caller = {":2." + std::to_string(application), 1000};
+    ASSERT_EQ(declare(caller, large), "");
+    for (int i = 0; refused.empty() && i < RECEIVER_MAX_APPLICATION_PROPERTIES; i++) {
+      EventRequest request = alarm("Changed", std::to_string(application) + "." + std::to_string(i));
+      for (gsize item = 1; item < large.data.size(); item++) {
+        request.data[large.data[item].first] = "";
+      }
+      refill();
+      refused = emit(caller, request);
+      emitted += refused.empty() ? 1 : 0;
+    }
+  }
+
+  EXPECT_EQ(refused, "LimitExceeded");
+  const gsize least = RECEIVER_MESSAGE_OVERHEAD + large.size() +
+                      (large.source.size() + large.data.size()) * RECEIVER_EVENT_ITEM_OVERHEAD;
+  const gsize limit = RECEIVER_MAX_PROPERTY_BYTES - RECEIVER_PROPERTY_BYTES_KEPT;
+  EXPECT_LE(emitted * least, limit);
+  EXPECT_GT((emitted + 1) * (least + 20), limit);
+}
+
 TEST_F(EventStoreTest, OneUserCannotHaveAllPlacesOfProperties)
 {
   std::string refused;
