@@ -36,6 +36,7 @@ from fakedaemon import FakeDaemon, GdpStream  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
 from fakeservice import FakeService, properties  # noqa: E402
 from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
+from libraryprogram import Program, needs_introspection  # noqa: E402
 from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
 from receiverclient import ReceiverClient, Watcher  # noqa: E402
 from receiverprocess import Application, Receiver  # noqa: E402
@@ -233,6 +234,25 @@ def record(workspace):
         return str(path)
 
     return write
+
+
+@pytest.fixture
+def introspection():
+    """Skips the test if the library cannot be used from Python."""
+    needs_introspection()
+
+
+@pytest.fixture
+def start_program(installation, bus):
+    """Starts Python programs that use the library."""
+    with contextlib.ExitStack() as started:
+
+        def start(text, *args, on=bus):
+            program = Program(installation, on, text, *args)
+            started.callback(program.clean_up)
+            return program
+
+        yield start
 
 
 @pytest.fixture

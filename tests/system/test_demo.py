@@ -220,6 +220,7 @@ class TestServe:
         assert not env_file.exists()
 
 
+@pytest.mark.usefixtures("introspection")
 class TestLive:
     def test_detections_are_shown_and_nothing_is_simulated(self, start_demo):
         demo = start_demo("--live", "--seconds", str(STREAM_SECONDS))

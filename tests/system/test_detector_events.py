@@ -14,7 +14,7 @@ import pytest
 from client import header
 from eventapplication import CROSSED, MOTION
 from installation import DOCUMENT_PLUGIN, OWN_EVENT_PLUGIN, TREE
-from libraryprogram import library_environment, needs_introspection
+from libraryprogram import library_environment
 from waiting import BOUND_SECONDS
 
 DETECTOR = TREE / "examples/detector.py"
@@ -43,8 +43,7 @@ def true_crossings():
 
 
 @pytest.fixture
-def detector(installation, bus, receiver_process):
-    needs_introspection()
+def detector(introspection, installation, bus, receiver_process):
     process = subprocess.Popen([DETECTOR, "--events", *VIDEO.format(live="true").split()], stdout=subprocess.DEVNULL,
                                stderr=subprocess.PIPE, text=True,
                                env=library_environment(installation, bus) | {"PATH": os.environ["PATH"]})

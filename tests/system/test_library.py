@@ -15,7 +15,7 @@ from external import (ANALYTICS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, G
                       numbered as detections, wait_until_listed)
 from fakeregistry import FakeRegistry, accept, refuse
 from installation import TREE
-from libraryprogram import PREFACE, Program, needs_introspection
+from libraryprogram import PREFACE
 from receiverclient import NAME, Stream
 from waiting import wait_until
 
@@ -95,23 +95,6 @@ for number in range(int(sys.argv[1])):
     if os.waitpid(child, 0)[1] != 0:
         sys.exit(f"an item of application {number} is dropped")
 """
-
-
-@pytest.fixture
-def introspection():
-    needs_introspection()
-
-
-@pytest.fixture
-def start_program(installation, bus):
-    with contextlib.ExitStack() as started:
-
-        def start(text, *args, on=bus):
-            program = Program(installation, on, text, *args)
-            started.callback(program.clean_up)
-            return program
-
-        yield start
 
 
 @pytest.fixture

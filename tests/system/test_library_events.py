@@ -6,10 +6,10 @@ import re
 
 import pytest
 
-from eventapplication import CROSSED, MOTION, EventApplication, EventStream, summary
+from eventapplication import CROSSED, MOTION, EventApplication, summary
 from external import ANALYTICS_AND_EVENTS, DETECTOR, DETECTOR_ENABLED, EXTERNAL_PLUGINS, GATE, wait_until_listed
 from installation import OWN_EVENT_PLUGIN, TREE
-from libraryprogram import PREFACE, Program, needs_introspection
+from libraryprogram import PREFACE
 
 pytestmark = pytest.mark.usefixtures("introspection")
 
@@ -62,23 +62,6 @@ ABSENT = "The receiver is not on the bus: 'com.quon.MetadataReceiver1' has no ow
 
 
 @pytest.fixture
-def introspection():
-    needs_introspection()
-
-
-@pytest.fixture
-def start_program(installation, bus):
-    with contextlib.ExitStack() as started:
-
-        def start(text, *args):
-            program = Program(installation, bus, text, *args)
-            started.callback(program.clean_up)
-            return program
-
-        yield start
-
-
-@pytest.fixture
 def other(bus):
     """An application of the test itself, which also reads the stream of events."""
     with contextlib.closing(EventApplication(bus)) as application:
@@ -88,14 +71,7 @@ def other(bus):
 @pytest.fixture
 def open_events(other):
     """Opens streams of events."""
-    with contextlib.ExitStack() as opened:
-
-        def start():
-            _, descriptors = other.events_call("GetEventStream")
-            (fd,) = descriptors.steal_fds()
-            return opened.enter_context(contextlib.closing(EventStream(fd)))
-
-        yield start
+    return other.open_events
 
 
 def test_events_arrive(receiver_process, open_events, start_program):

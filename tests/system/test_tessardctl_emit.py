@@ -28,13 +28,10 @@ ALARM = [MOTION, "--property", "--source", "Source:tt:ReferenceToken=1", "--data
 def events(bus):
     """The stream of events, and an application of the test itself."""
     with contextlib.closing(EventApplication(bus)) as application:
-        _, descriptors = application.events_call("GetEventStream")
-        (fd,) = descriptors.steal_fds()
-        stream = EventStream(fd)
+        stream = application.open_events()
         stream.up_to_current()
         stream.application = application
         yield stream
-        stream.close()
 
 
 @pytest.fixture
