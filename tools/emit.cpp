@@ -110,9 +110,8 @@ emit_command_run(int argc, char **argv)
     return command_usage_error(error->message);
   }
   if (from_lines) {
-    emit_lines(arguments.bus_address, &error);
-  } else {
-    EventsSession(arguments.bus_address).emit(event, &error);
+    return emit_lines(arguments.bus_address);
   }
+  EventsSession(arguments.bus_address).emit(event, &error);
   return command_report_outcome(error);
 }

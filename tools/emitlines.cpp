@@ -7,11 +7,11 @@
  */
 #include "emitlines.h"
 #include "command.h"
+#include "commandend.h"
 #include "eventssession.h"
 #include "libraryerror.h"
 #include "lineinput.h"
 
-#include <glib-unix.h>
 #include <memory>
 
 namespace
@@ -27,7 +27,7 @@ public:
   LineEmitter &operator=(const LineEmitter &) = delete;
   ~LineEmitter();
 
-  gboolean run(GError **error);
+  const GError *run();
 
 private:
   /* An event that the receiver has to take. */
@@ -37,7 +37,7 @@ private:
   };
 
   static void on_more(GError *error, gpointer user_data);
-  static gboolean on_signal(gpointer user_data);
+  static void on_end(gpointer user_data);
   static void on_interrupted(TessardEvents *events, const GError *reason, gpointer user_data);
   static void on_emitted(GObject *events, GAsyncResult *result, gpointer user_data);
   static void on_closed(GObject *events, GAsyncResult *result, gpointer user_data);
@@ -47,27 +47,19 @@ private:
   void report_skipped(guint64 line, const gchar *reason);
   void take_outcome(guint64 line, const GError *error);
   void report_dropped();
-  void end(GError *outcome);
 
   TessardEvents *events;
-  GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
-  guint interrupted;
-  guint terminated;
+  CommandEnd end{on_end, this};
   LineInput input{EMIT_MAX_LINE_BYTES, on_more, this};
   simdjson::dom::parser parser;
 
   guint pending = 0;
   guint64 dropped = 0;       /* events, since the receiver has been away */
   GError *absence = nullptr; /* why it is away */
-  gboolean ending = FALSE;
-  gboolean signalled = FALSE;
-  GError *outcome = nullptr;
 };
 
 LineEmitter::LineEmitter(const gchar *bus_address)
-    : events(TESSARD_EVENTS(g_object_new(TESSARD_TYPE_EVENTS, "bus-address", bus_address, nullptr))),
-      interrupted(g_unix_signal_add(SIGINT, on_signal, this)),
-      terminated(g_unix_signal_add(SIGTERM, on_signal, this))
+    : events(TESSARD_EVENTS(g_object_new(TESSARD_TYPE_EVENTS, "bus-address", bus_address, nullptr)))
 {
   g_signal_connect(events, "interrupted", G_CALLBACK(on_interrupted), this);
 }
@@ -76,24 +68,15 @@ LineEmitter::~LineEmitter()
 {
   g_signal_handlers_disconnect_by_data(events, this);
   g_object_unref(events);
-  g_source_remove(terminated);
-  g_source_remove(interrupted);
-  g_main_loop_unref(loop);
   g_clear_error(&absence);
-  g_clear_error(&outcome);
 }
 
-/* Returns: whether the receiver has taken the events */
-gboolean
-LineEmitter::run(GError **error)
+/* Returns: (nullable): the error of %TESSARDCTL_ERROR that ended it */
+const GError *
+LineEmitter::run()
 {
   take_lines();
-  g_main_loop_run(loop);
-  if (outcome != nullptr) {
-    g_propagate_error(error, g_steal_pointer(&outcome));
-    return FALSE;
-  }
-  return TRUE;
+  return end.run();
 }
 
 /* Input */
@@ -104,7 +87,7 @@ LineEmitter::on_more(GError *error, gpointer user_data)
   auto *self = static_cast<LineEmitter *>(user_data);
 
   if (error != nullptr) {
-    self->end(error);
+    self->end.begin(error);
   }
   self->take_lines();
 }
@@ -114,7 +97,7 @@ LineEmitter::take_lines()
 {
   gboolean can_take = TRUE;
 
-  while (!ending) {
+  while (!end.has_begun()) {
     can_take = absence != nullptr || pending < EMIT_MAX_PENDING;
     const std::optional<Line> line = can_take ? input.pop() : std::nullopt;
     if (!line.has_value()) {
@@ -123,9 +106,9 @@ LineEmitter::take_lines()
     take_line(*line);
   }
   if (can_take && input.has_ended()) {
-    end(nullptr);
+    end.begin(nullptr);
   }
-  input.set_reading(!ending && can_take);
+  input.set_reading(!end.has_begun() && can_take);
 }
 
 void
@@ -168,7 +151,7 @@ LineEmitter::on_interrupted(TessardEvents *, const GError *reason, gpointer user
     return;
   }
   self->absence = library_error_convert(reason);
-  if (!self->ending) {
+  if (!self->end.has_begun()) {
     g_autofree gchar *message = g_strdup_printf("%s Events wait for it.", reason->message);
     command_print_error(message);
   }
@@ -202,7 +185,7 @@ LineEmitter::take_outcome(guint64 line, const GError *error)
     break;
   case TESSARD_ERROR_NOT_ALLOWED:
   case TESSARD_ERROR_MALFORMED_REPLY:
-    end(library_error_convert(error));
+    end.begin(library_error_convert(error));
     break;
   case TESSARD_ERROR_NOT_TAKEN:
   case TESSARD_ERROR_NO_BUS:
@@ -231,33 +214,14 @@ LineEmitter::report_dropped()
 
 /* End */
 
-gboolean
-LineEmitter::on_signal(gpointer user_data)
+/* The end is when the receiver has taken what it can take. */
+void
+LineEmitter::on_end(gpointer user_data)
 {
   auto *self = static_cast<LineEmitter *>(user_data);
 
-  if (self->signalled) {
-    g_main_loop_quit(self->loop);
-  }
-  self->signalled = TRUE;
-  self->end(nullptr);
-  return G_SOURCE_CONTINUE;
-}
-
-/* Ends the command when the receiver has taken what it can take. Takes @error, which is NULL for success.
- * Only the first call counts. */
-void
-LineEmitter::end(GError *error)
-{
-  g_autoptr(GError) owned = error;
-
-  if (ending) {
-    return;
-  }
-  ending = TRUE;
-  outcome = g_steal_pointer(&owned);
-  input.set_reading(FALSE);
-  tessard_events_close_async(events, nullptr, on_closed, this);
+  self->input.set_reading(FALSE);
+  tessard_events_close_async(self->events, nullptr, on_closed, self);
 }
 
 /* The outcomes of all events are known before. */
@@ -267,13 +231,14 @@ LineEmitter::on_closed(GObject *events, GAsyncResult *result, gpointer user_data
   auto *self = static_cast<LineEmitter *>(user_data);
   g_autoptr(GError) error = nullptr;
 
-  if (!tessard_events_close_finish(TESSARD_EVENTS(events), result, &error) && self->outcome == nullptr) {
-    self->outcome = self->absence != nullptr ? g_steal_pointer(&self->absence)
-                                             : g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_TIMED_OUT,
-                                                           "The receiver does not reply.");
-    g_prefix_error(&self->outcome, "%s ", error->message);
+  if (!tessard_events_close_finish(TESSARD_EVENTS(events), result, &error)) {
+    GError *outcome = self->absence != nullptr ? g_error_copy(self->absence)
+                                               : g_error_new(TESSARDCTL_ERROR, EXIT_STATUS_TIMED_OUT,
+                                                             "The receiver does not reply.");
+    g_prefix_error(&outcome, "%s ", error->message);
+    self->end.set_outcome(outcome);
   }
-  g_main_loop_quit(self->loop);
+  self->end.finish();
 }
 
 } // namespace
@@ -281,16 +246,16 @@ LineEmitter::on_closed(GObject *events, GAsyncResult *result, gpointer user_data
 /**
  * emit_lines:
  * @bus_address: (nullable): the bus, %NULL for the system bus
- * @error: return location for an error of %TESSARDCTL_ERROR
  *
- * Emits events until the end of standard input, or until a signal.
+ * Emits events until the end of standard input, or until a signal. Reports lines that are wrong or refused,
+ * and the outcome.
  *
- * Returns: whether the receiver has taken all of them, or refused them one by one
+ * Returns: the exit status
  */
-gboolean
-emit_lines(const gchar *bus_address, GError **error)
+int
+emit_lines(const gchar *bus_address)
 {
   LineEmitter emitter(bus_address);
 
-  return emitter.run(error);
+  return command_report_outcome(emitter.run());
 }

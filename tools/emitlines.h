@@ -17,4 +17,4 @@
  */
 #define EMIT_MAX_PENDING 256
 
-gboolean emit_lines(const gchar *bus_address, GError **error);
+int emit_lines(const gchar *bus_address);

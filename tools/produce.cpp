@@ -14,13 +14,13 @@
  */
 #include "produce.h"
 #include "command.h"
+#include "commandend.h"
 #include "libraryerror.h"
 #include "lineinput.h"
 #include "produceoptions.h"
 #include "produceritem.h"
 #include "tessardproducer.h"
 
-#include <glib-unix.h>
 #include <optional>
 #include <unistd.h>
 #include <utility>
@@ -49,7 +49,7 @@ public:
 private:
   static void on_more_input(GError *error, gpointer user_data);
   static gboolean on_waited(gpointer user_data);
-  static gboolean on_signal(gpointer user_data);
+  static void on_end(gpointer user_data);
   static void on_connected(GObject *producer, GAsyncResult *result, gpointer user_data);
   static void on_ready(TessardProducer *producer, GParamSpec *pspec, gpointer user_data);
   static void on_drained(TessardProducer *producer, gpointer user_data);
@@ -69,14 +69,9 @@ private:
   void start_dropping(GError *reason);
   void stop_dropping();
   guint64 take_dropped_by_library();
-  void end(GError *outcome);
-  void quit();
 
   const ProduceOptions *options;
   TessardProducer *producer;
-  GMainLoop *loop;
-  guint interrupted;
-  guint terminated;
   guint wait_source = 0; /* while lines wait */
 
   LineInput input{PRODUCE_MAX_LINE_BYTES, on_more_input, this};
@@ -90,9 +85,7 @@ private:
   guint64 dropped_items = 0; /* of the library, as far as they are told */
   GError *cause = nullptr;   /* why lines are dropped */
 
-  gboolean ending = FALSE;
-  gboolean signalled = FALSE;
-  GError *outcome = nullptr;
+  CommandEnd end{on_end, this};
 };
 
 gboolean
@@ -131,9 +124,7 @@ new_producer(const ProduceOptions *options)
 }
 
 Session::Session(const ProduceOptions *produce_options)
-    : options(produce_options), producer(new_producer(options)), loop(g_main_loop_new(nullptr, FALSE)),
-      interrupted(g_unix_signal_add(SIGINT, on_signal, this)),
-      terminated(g_unix_signal_add(SIGTERM, on_signal, this))
+    : options(produce_options), producer(new_producer(options))
 {
   g_signal_connect(producer, "notify::ready", G_CALLBACK(on_ready), this);
   g_signal_connect(producer, "drained", G_CALLBACK(on_drained), this);
@@ -146,12 +137,8 @@ Session::~Session()
 {
   g_signal_handlers_disconnect_by_data(producer, this);
   g_clear_handle_id(&wait_source, g_source_remove);
-  g_source_remove(terminated);
-  g_source_remove(interrupted);
-  g_main_loop_unref(loop);
   g_object_unref(producer);
   g_clear_error(&cause);
-  g_clear_error(&outcome);
 }
 
 /* Returns: (nullable): the error of %TESSARDCTL_ERROR that ended the session */
@@ -159,8 +146,7 @@ const GError *
 Session::run()
 {
   g_async_initable_init_async(G_ASYNC_INITABLE(producer), G_PRIORITY_DEFAULT, nullptr, on_connected, this);
-  g_main_loop_run(loop);
-  return outcome;
+  return end.run();
 }
 
 void
@@ -170,7 +156,7 @@ Session::on_connected(GObject *object, GAsyncResult *result, gpointer user_data)
   g_autoptr(GError) error = nullptr;
 
   if (!g_async_initable_init_finish(G_ASYNC_INITABLE(object), result, &error)) {
-    self->end(library_error_convert(error));
+    self->end.begin(library_error_convert(error));
   }
   self->take_lines();
 }
@@ -183,7 +169,7 @@ Session::on_more_input(GError *error, gpointer user_data)
   auto *self = static_cast<Session *>(user_data);
 
   if (error != nullptr) {
-    self->end(error);
+    self->end.begin(error);
   }
   self->take_lines();
 }
@@ -192,17 +178,17 @@ Session::on_more_input(GError *error, gpointer user_data)
 void
 Session::take_lines()
 {
-  while (!ending && pass_held_line()) {
+  while (!end.has_begun() && pass_held_line()) {
     const std::optional<Line> line = input.pop();
     if (line.has_value()) {
       take_line(*line);
     } else if (input.has_ended() && (dropping || is_drained())) {
-      end(dropping && !was_open ? g_error_copy(cause) : nullptr);
+      end.begin(dropping && !was_open ? g_error_copy(cause) : nullptr);
     } else {
       break;
     }
   }
-  input.set_reading(!ending && !held_line.has_value());
+  input.set_reading(!end.has_begun() && !held_line.has_value());
   watch_time();
 }
 
@@ -235,7 +221,7 @@ Session::check(const Line &line)
   } else if (flaws.partial != nullptr) {
     report_flaw(line, "left out in part", flaws.partial);
   }
-  return flaws.fatal == nullptr && !ending;
+  return flaws.fatal == nullptr && !end.has_begun();
 }
 
 void
@@ -245,7 +231,7 @@ Session::report_flaw(const Line &line, const gchar *consequence, const gchar *fl
       g_strdup_printf("Line %" G_GUINT64_FORMAT " is %s: %s.", line.number, consequence, flaw);
 
   if (options->strict) {
-    end(g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, message));
+    end.begin(g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, message));
   } else {
     print_note(message);
   }
@@ -312,7 +298,7 @@ Session::send_held_line()
 void
 Session::watch_time()
 {
-  if (ending || dropping || (!held_line.has_value() && is_drained())) {
+  if (end.has_begun() || dropping || (!held_line.has_value() && is_drained())) {
     g_clear_handle_id(&wait_source, g_source_remove);
   } else if (wait_source == 0) {
     wait_source = g_timeout_add(PRODUCE_WAIT_MS, on_waited, this);
@@ -336,7 +322,7 @@ Session::start_dropping(GError *reason)
 {
   g_autoptr(GError) owned = reason;
 
-  if (!dropping && !ending) {
+  if (!dropping && !end.has_begun()) {
     g_autofree gchar *message = g_strdup_printf("%s Lines are dropped until it takes them.", owned->message);
     print_note(message);
     g_clear_error(&cause);
@@ -399,11 +385,11 @@ Session::on_interrupted(TessardProducer *producer, const GError *reason, gpointe
   switch (reason->code) {
   case TESSARD_ERROR_NAME_TAKEN:
   case TESSARD_ERROR_NO_BUS:
-    self->end(error);
+    self->end.begin(error);
     break;
   case TESSARD_ERROR_BUS_CLOSED:
-    self->end(error);
-    self->quit();
+    self->end.begin(error);
+    self->end.finish();
     break;
   default:
     self->start_dropping(error);
@@ -413,42 +399,21 @@ Session::on_interrupted(TessardProducer *producer, const GError *reason, gpointe
 void
 Session::on_failed(TessardProducer *producer, const GError *reason, gpointer user_data)
 {
-  static_cast<Session *>(user_data)->end(library_error_convert(reason));
+  static_cast<Session *>(user_data)->end.begin(library_error_convert(reason));
 }
 
 /* End */
 
-/* An interrupt often comes with the end of the input, because it ends the program before the pipe too. */
-gboolean
-Session::on_signal(gpointer user_data)
+/* The end is when the receiver has taken the lines that the library has and the producer is unregistered, or
+ * when the library's time for that is over. */
+void
+Session::on_end(gpointer user_data)
 {
   auto *self = static_cast<Session *>(user_data);
 
-  if (self->signalled) {
-    self->quit();
-  } else {
-    self->signalled = TRUE;
-    self->end(nullptr);
-  }
-  return G_SOURCE_CONTINUE;
-}
-
-/* Ends the session when the receiver has taken the lines that the library has and the producer is
- * unregistered, or when the library's time for that is over. Takes @error, which is NULL for success. Only
- * the first call counts. */
-void
-Session::end(GError *error)
-{
-  g_autoptr(GError) owned = error;
-
-  if (ending) {
-    return;
-  }
-  ending = TRUE;
-  outcome = g_steal_pointer(&owned);
-  input.set_reading(FALSE);
-  watch_time();
-  tessard_producer_close_async(producer, nullptr, on_closed, this);
+  self->input.set_reading(FALSE);
+  self->watch_time();
+  tessard_producer_close_async(self->producer, nullptr, on_closed, self);
 }
 
 /* Lines that the receiver has not taken by then are no failure: a signal has ended the command, or a message
@@ -457,13 +422,7 @@ void
 Session::on_closed(GObject *object, GAsyncResult *result, gpointer user_data)
 {
   tessard_producer_close_finish(TESSARD_PRODUCER(object), result, nullptr);
-  static_cast<Session *>(user_data)->quit();
-}
-
-void
-Session::quit()
-{
-  g_main_loop_quit(loop);
+  static_cast<Session *>(user_data)->end.finish();
 }
 
 } // namespace
