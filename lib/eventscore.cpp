@@ -556,7 +556,8 @@ EventsCore::begin_close(Event::Function function)
 {
   if (finished) {
     if (function) {
-      function(nullptr);
+      g_autoptr(GError) outcome = make_outcome();
+      function(outcome);
     }
     return;
   }
@@ -584,11 +585,19 @@ EventsCore::close_when_sent()
   }
 }
 
+/* Returns: (nullable): that events are lost */
+GError *
+EventsCore::make_outcome() const
+{
+  return not_taken == 0 ? nullptr
+                        : g_error_new(TESSARD_ERROR, TESSARD_ERROR_NOT_TAKEN,
+                                      "The receiver has not taken %" G_GSIZE_FORMAT " events.", not_taken);
+}
+
 /* What calls this can be a part of what is released. */
 void
 EventsCore::finish_close()
 {
-  g_autoptr(GError) error = nullptr;
   std::vector<Event> lost;
 
   if (finished) {
@@ -600,13 +609,11 @@ EventsCore::finish_close()
     g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&lock);
     lost = queue.clear();
   }
-  if (!lost.empty()) {
-    error = g_error_new(TESSARD_ERROR, TESSARD_ERROR_NOT_TAKEN,
-                        "The receiver has not taken %" G_GSIZE_FORMAT " events.", lost.size());
-  }
-  drop(lost, absence != nullptr ? absence : error);
+  not_taken = lost.size();
+  g_autoptr(GError) outcome = make_outcome();
+  drop(lost, absence != nullptr ? absence : outcome);
   for (const Event::Function &function : std::exchange(close_functions, {})) {
-    function(error);
+    function(outcome);
   }
   absence = absence != nullptr
                 ? absence

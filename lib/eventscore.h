@@ -93,6 +93,7 @@ private:
   void call_topics();
   void begin_close(Event::Function function);
   void close_when_sent();
+  GError *make_outcome() const;
   void finish_close();
 
   const std::string address;
@@ -107,6 +108,7 @@ private:
   RetryDelay delay;
   std::vector<TopicsFunction> topics_functions;
   std::vector<Event::Function> close_functions;
+  gsize not_taken = 0;              /* events that were dropped because of the end */
   std::shared_ptr<EventsCore> kept; /* while it closes */
   gboolean closing = FALSE;
   gboolean finished = FALSE;

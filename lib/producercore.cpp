@@ -532,7 +532,8 @@ void
 ProducerCore::begin_close(Function function)
 {
   if (function != nullptr && finished) {
-    function(nullptr);
+    g_autoptr(GError) outcome = make_outcome();
+    function(outcome);
     return;
   }
   if (function != nullptr) {
@@ -568,24 +569,28 @@ ProducerCore::close_when_written()
   }
 }
 
+/* Returns: (nullable): that items are lost */
+GError *
+ProducerCore::make_outcome() const
+{
+  return not_taken == 0 ? nullptr
+                        : g_error_new(TESSARD_ERROR, TESSARD_ERROR_NOT_TAKEN,
+                                      "The receiver has not taken %u items.", not_taken);
+}
+
 /* What calls this can be a part of what is released. */
 void
 ProducerCore::finish_close()
 {
-  g_autoptr(GError) error = nullptr;
-
   if (finished) {
     return;
   }
   finished = TRUE;
   not_taken += drop_queued();
   close_pipes(FALSE);
-  if (not_taken > 0) {
-    error = g_error_new(TESSARD_ERROR, TESSARD_ERROR_NOT_TAKEN, "The receiver has not taken %u items.",
-                        not_taken);
-  }
+  g_autoptr(GError) outcome = make_outcome();
   for (const Function &function : std::exchange(close_functions, {})) {
-    function(error);
+    function(outcome);
   }
   g_autoptr(GError) no_connection =
       g_error_new_literal(TESSARD_ERROR, TESSARD_ERROR_CLOSED, "The producer is closed.");

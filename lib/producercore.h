@@ -83,6 +83,7 @@ private:
   void update_ready();
   void begin_close(Function function);
   void close_when_written();
+  GError *make_outcome() const;
   void finish_close();
 
   const std::string address;

@@ -623,6 +623,8 @@ TEST_F(EventsCoreTest, CloseDoesNotWaitForAReceiverThatIsNotThere)
   closed.expect({not_taken(1)});
   outcomes_.expect({"event: " + ABSENT});
   EXPECT_EQ(core_->get_dropped(), 1U);
+  core_->close([&](const GError *error) { closed.add("late " + describe(error)); });
+  closed.expect({"late " + not_taken(1)});
 }
 
 TEST_F(EventsCoreTest, CloseIsOverWhenTheReceiverLeaves)

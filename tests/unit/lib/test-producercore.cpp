@@ -528,6 +528,8 @@ TEST_F(ProducerCoreTest, EveryCallerOfCloseGetsTheOutcome)
   core_->close([&](const GError *error) { outcome.add("first " + describe(error)); });
   core_->close([&](const GError *error) { outcome.add("second " + describe(error)); });
   outcome.expect({"first " + not_taken(1), "second " + not_taken(1)});
+  core_->close([&](const GError *error) { outcome.add("late " + describe(error)); });
+  outcome.expect({"late " + not_taken(1)});
 }
 
 TEST_F(ProducerCoreTest, CloseEndsTheWaitForTheBus)
