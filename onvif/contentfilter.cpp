@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include "contentfilter.h"
 
+#include "silenterrors.h"
+
 #include <array>
 #include <cstring>
 #include <libxml/xpathInternals.h>
@@ -75,32 +77,6 @@ context_new(xmlDoc *document, GError **found)
   }
   return context;
 }
-
-void
-on_generic_error(void *user_data, const char *format, ...)
-{
-}
-
-/* Suppresses libxml2's generic error handler of the calling thread, which prints some errors, including the
- * client's text, to standard error. */
-class SilentErrors
-{
-public:
-  SilentErrors() : handler_(xmlGenericError), context_(xmlGenericErrorContext)
-  {
-    xmlSetGenericErrorFunc(nullptr, on_generic_error);
-  }
-  ~SilentErrors()
-  {
-    xmlSetGenericErrorFunc(context_, handler_);
-  }
-  SilentErrors(const SilentErrors &) = delete;
-  SilentErrors &operator=(const SilentErrors &) = delete;
-
-private:
-  xmlGenericErrorFunc handler_;
-  void *context_;
-};
 
 /* Sets @error from the context's handler. In a few cases a call fails without calling the handler. */
 bool

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: MIT */
+#include "rtpdepay.h"
+#include "rtppay.h"
 #include "tessardsrc.h"
 
 #ifdef HAVE_PRODUCER
@@ -15,7 +17,9 @@ plugin_init(GstPlugin *plugin)
     return FALSE;
   }
 #endif
-  return gst_element_register(plugin, "tessardsrc", GST_RANK_NONE, TESSARD_TYPE_SRC);
+  return gst_element_register(plugin, "tessardsrc", GST_RANK_NONE, TESSARD_TYPE_SRC) &&
+         gst_element_register(plugin, "tessardrtppay", GST_RANK_SECONDARY, TESSARD_TYPE_RTP_PAY) &&
+         gst_element_register(plugin, "tessardrtpdepay", GST_RANK_SECONDARY, TESSARD_TYPE_RTP_DEPAY);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, tessard, "ONVIF metadata of the daemon tessard",

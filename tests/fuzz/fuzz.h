@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <random>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -44,6 +45,18 @@ cut_into_pieces(std::string_view data, size_t max_pieces)
   if (!data.empty())
     pieces.push_back(data);
   return pieces;
+}
+
+inline std::vector<std::string>
+split(std::string_view text, char separator)
+{
+  std::vector<std::string> parts;
+  for (size_t end = text.find(separator); end != text.npos; end = text.find(separator)) {
+    parts.emplace_back(text.substr(0, end));
+    text.remove_prefix(end + 1);
+  }
+  parts.emplace_back(text);
+  return parts;
 }
 
 } // namespace fuzz

@@ -29,18 +29,6 @@ as_xml(const std::string &text)
   return reinterpret_cast<const xmlChar *>(text.c_str());
 }
 
-std::vector<std::string>
-split(std::string_view text, char separator)
-{
-  std::vector<std::string> parts;
-  for (size_t end = text.find(separator); end != text.npos; end = text.find(separator)) {
-    parts.emplace_back(text.substr(0, end));
-    text.remove_prefix(end + 1);
-  }
-  parts.emplace_back(text);
-  return parts;
-}
-
 bool
 has_space(const std::string &value)
 {
@@ -75,7 +63,7 @@ check_value(const std::string &type, const std::string &value)
 void
 check_names(const EventTopic &topic)
 {
-  const std::vector<std::string> names = split(topic.name, '/');
+  const std::vector<std::string> names = fuzz::split(topic.name, '/');
   fuzz::require(topic.name.size() <= RECEIVER_MAX_TOPIC_BYTES, "the length is bounded");
   fuzz::require(names.size() <= RECEIVER_MAX_TOPIC_LEVELS, "the depth is bounded");
   fuzz::require(names[0].find(':') != std::string::npos, "the root has a prefix");
@@ -128,8 +116,8 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
   // D-Bus has only such texts.
   if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr))
     return 0;
-  for (const std::string &line : split(text, '\n')) {
-    const std::vector<std::string> parts = split(line, '\t');
+  for (const std::string &line : fuzz::split(text, '\n')) {
+    const std::vector<std::string> parts = fuzz::split(line, '\t');
     if (parts.size() == 1) {
       topic.name = line;
     } else if (parts.size() == 2) {
