@@ -17,7 +17,9 @@ STOP_SECONDS=5
 RUN_PACKAGES=(g++ dpkg-dev meson ninja-build pkg-config dbus-daemon python3
   libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libsystemd-dev libxml2-dev
   libjson-glib-dev libsimdjson-dev gobject-introspection libgirepository1.0-dev
-  gstreamer1.0-plugins-base gstreamer1.0-plugins-bad)
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-bad
+  libgstrtspserver-1.0-dev libmosquitto-dev libsoup-3.0-dev
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly glib-networking)
 
 # Needed in addition for the example detector.
 DETECTOR_PACKAGES=(python3-gi python3-numpy gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0)
@@ -27,10 +29,14 @@ SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstrea
 
 # Needed in addition to run every test.
 TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
-  clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck)
+  clang clang-format clang-tidy libclang-rt-14-dev git mandoc shellcheck zlib1g-dev ffmpeg iproute2 openssl
+  mosquitto mosquitto-clients)
+
+# Packages with a service of their name, which Debian starts with the machine. The tests run their own processes.
+SERVICE_PACKAGES=(mosquitto)
 
 # Needed in addition for check --all.
-ALL_PACKAGES=(abigail-tools)
+ALL_PACKAGES=(abigail-tools chromium fonts-dejavu-core)
 
 # A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to
 # run as root), else as the same user. The command ends with its parent, even when that is killed.
@@ -156,6 +162,16 @@ missing_packages() {
   done
 }
 
+# Ends the services of these packages, and keeps them from starting with the machine.
+disable_services() {
+  local package
+  for package; do
+    case " ${SERVICE_PACKAGES[*]} " in
+    *" $package "*) as_root service "$package" stop && as_root update-rc.d "$package" disable || return 1 ;;
+    esac
+  done
+}
+
 install_missing() {
   local missing log
   command -v dpkg-query >/dev/null || die "this needs Debian's package tools; see the README for what to install"
@@ -167,8 +183,8 @@ install_missing() {
   say "installing ${#missing[@]} packages: ${missing[*]}"
   log=$WORK/packages.log
   local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=120)
-  if ! { as_root "${apt[@]}" update && as_root "${apt[@]}" install --no-install-recommends "${missing[@]}"; } \
-    >"$log" 2>&1; then
+  if ! { as_root "${apt[@]}" update && as_root "${apt[@]}" install --no-install-recommends "${missing[@]}" &&
+    disable_services "${missing[@]}"; } >"$log" 2>&1; then
     tail -n 15 "$log" >&2
     die "could not install: ${missing[*]}"
   fi
@@ -219,14 +235,16 @@ wait_until() {
   done
 }
 
-# Prints the bus policy that is installed below $STAGE, with users of this machine: the user that runs the daemon here
-# replaces the daemon's, and the group of a caller that is not root replaces the administrators'.
+# Prints the bus policy that is installed below $STAGE, with the user that runs the programs here for the daemon's, and
+# its group for the administrators'.
 bus_policy() {
-  local replacements=(-e "s|user=\"tessard\"|user=\"$UNPRIVILEGED_USER\"|")
+  local user=$UNPRIVILEGED_USER group=$UNPRIVILEGED_GROUP
   if [ "$(id -u)" != 0 ]; then
-    replacements=(-e "s|user=\"tessard\"|user=\"$(id -un)\"|" -e "s|group=\"tessard-admin\"|group=\"$(id -gn)\"|")
+    user=$(id -un)
+    group=$(id -gn)
   fi
-  sed "${replacements[@]}" "$STAGE/usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
+  sed -e "s|user=\"tessard\"|user=\"$user\"|" -e "s|group=\"tessard-admin\"|group=\"$group\"|" \
+    "$STAGE/usr/share/dbus-1/system.d/com.quon.MetadataServer1.conf"
 }
 
 # Starts a private bus at $WORK/bus/socket. The machine's system bus is not used.

@@ -8,6 +8,7 @@
 #include "monitor.h"
 #include "produce.h"
 #include "producercommands.h"
+#include "snapshot.h"
 #include "stream.h"
 #include "topics.h"
 
@@ -24,6 +25,7 @@ int help_command_run(int argc, char **argv);
 
 constexpr std::array COMMANDS = {
     Command{"stream", "Print the metadata that the daemon streams", stream_command_run},
+    Command{"snapshot", "Draw the objects of one document as SVG", snapshot_command_run},
     Command{"producers", "List the analytics producers", producers_command_run},
     Command{"list", "The same as producers", producers_command_run},
     Command{"show", "Print all about one producer", show_command_run},

@@ -64,7 +64,7 @@ connect_in_time(const gchar *address, GError **error)
   /* GLib can shorten a time-out in seconds by rounding. */
   const guint time_out = g_timeout_add(PRODUCER_BUS_TIMEOUT_SECONDS * 1000, on_connect_time_out, cancellable);
 
-  g_dbus_connection_new_for_address(address, CONNECTION_FLAGS, nullptr, cancellable, on_connected, &result);
+  producer_bus_connect_async(address, cancellable, on_connected, &result);
   while (result == nullptr) {
     g_main_context_iteration(nullptr, TRUE);
   }
@@ -104,6 +104,22 @@ convert_remote_failure(const GError *cause)
 }
 
 } // namespace
+
+/**
+ * producer_bus_connect_async:
+ * @address: (transfer none): the bus
+ * @cancellable: (transfer none): ends the attempt, which has no time limit
+ * @callback: for g_dbus_connection_new_for_address_finish()
+ * @user_data: for @callback
+ *
+ * Opens a private connection; the process survives its end.
+ */
+void
+producer_bus_connect_async(const gchar *address, GCancellable *cancellable, GAsyncReadyCallback callback,
+                           gpointer user_data)
+{
+  g_dbus_connection_new_for_address(address, CONNECTION_FLAGS, nullptr, cancellable, callback, user_data);
+}
 
 /**
  * producer_bus_connect:
@@ -157,12 +173,8 @@ producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *i
       connection, PRODUCER_BUS_NAME, path, interface, method, arguments, nullptr,
       G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(seconds * 1000), nullptr, &cause);
 
-  if (reply == nullptr && is_refused_by_policy(interface, cause)) {
-    g_set_error_literal(error, TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, NOT_ALLOWED);
-    return nullptr;
-  }
   if (reply == nullptr) {
-    g_propagate_error(error, producer_bus_convert_failure(cause, seconds));
+    g_propagate_error(error, producer_bus_convert_call_failure(interface, cause, seconds));
     return nullptr;
   }
   return producer_bus_check_type(reply, method, reply_type, error) ? g_steal_pointer(&reply) : nullptr;
@@ -188,6 +200,24 @@ producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *t
               "What the daemon sent for %s has the type '%s', not '%s'.", what,
               g_variant_get_type_string(body), wanted);
   return FALSE;
+}
+
+/**
+ * producer_bus_convert_call_failure:
+ * @interface: (transfer none): the interface of the method that was called
+ * @cause: (transfer none): the error of GDBus for the call
+ * @seconds: the time limit of the call
+ *
+ * Returns: (transfer full): the error of producer_bus_convert_failure(), or that for a refusal of the bus
+ * policy
+ */
+GError *
+producer_bus_convert_call_failure(const gchar *interface, const GError *cause, guint seconds)
+{
+  if (is_refused_by_policy(interface, cause)) {
+    return g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, NOT_ALLOWED);
+  }
+  return producer_bus_convert_failure(cause, seconds);
 }
 
 /**

@@ -3,7 +3,7 @@
 
 #include <gio/gio.h>
 
-/* producer_bus_connect() is for the main thread, the other functions for any. */
+/* The functions that connect are for the main thread, the other functions for any. */
 
 /**
  * PRODUCER_BUS_TIMEOUT_SECONDS:
@@ -33,10 +33,13 @@
 #define PRODUCER_BUS_OBJECTS_TYPE G_VARIANT_TYPE("(a{oa{sa{sv}}})")
 #define PRODUCER_BUS_INTERFACES_TYPE G_VARIANT_TYPE("a{sa{sv}}")
 
+void producer_bus_connect_async(const gchar *address, GCancellable *cancellable, GAsyncReadyCallback callback,
+                                gpointer user_data);
 GDBusConnection *producer_bus_connect(const gchar *address, GError **error);
 GVariant *producer_bus_call(GDBusConnection *connection, const gchar *path, const gchar *interface,
                             const gchar *method, GVariant *arguments, const GVariantType *reply_type,
                             gsize change_count, GError **error);
 gboolean producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *type, GError **error);
+GError *producer_bus_convert_call_failure(const gchar *interface, const GError *cause, guint seconds);
 gboolean producer_bus_is_refusal_of_daemon(const GError *error);
 GError *producer_bus_convert_failure(const GError *cause, guint seconds);

@@ -9,7 +9,7 @@
  * Each thread ends the stream with finish(). The first call decides the exit status.
  */
 #include "stream.h"
-#include "clienterror.h"
+#include "clientstatus.h"
 #include "command.h"
 #include "documentformat.h"
 #include "metadataclient.h"
@@ -257,29 +257,12 @@ on_progress_interval(gpointer user_data)
   return G_SOURCE_CONTINUE;
 }
 
-ExitStatus
-get_exit_status(const GError *cause)
-{
-  switch (cause->code) {
-  case METADATA_CLIENT_ERROR_NO_CONNECTION:
-    return EXIT_STATUS_NO_CONNECTION;
-  case METADATA_CLIENT_ERROR_TIMED_OUT:
-    return EXIT_STATUS_TIMED_OUT;
-  case METADATA_CLIENT_ERROR_REFUSED:
-    return EXIT_STATUS_REFUSED;
-  case METADATA_CLIENT_ERROR_MALFORMED:
-    return EXIT_STATUS_MALFORMED;
-  default:
-    return EXIT_STATUS_ENDED;
-  }
-}
-
 /* A call of the client fails with an error of another domain only if it was cancelled, which finish() does
  * after it has stored an outcome. */
 void
 finish_by_client_error(Session *session, const GError *cause)
 {
-  finish(session, g_error_new_literal(TESSARDCTL_ERROR, get_exit_status(cause), cause->message));
+  finish(session, g_error_new_literal(TESSARDCTL_ERROR, client_status_of(cause), cause->message));
 }
 
 void

@@ -10,9 +10,7 @@
 #include "metadataclient.h"
 #include "metadatarequest.h"
 
-#include <array>
 #include <cmath>
-#include <cstring>
 
 namespace
 {
@@ -21,8 +19,6 @@ constexpr gchar STANDARD_OUTPUT[] = "-";
 
 constexpr gdouble MIN_TIMEOUT_SECONDS = 0.001;
 constexpr gdouble MAX_TIMEOUT_SECONDS = 30.0 * 24 * 60 * 60;
-
-constexpr gchar PARAGRAPH_SEPARATOR[] = "\xe2\x80\xa9";
 
 constexpr gchar SUMMARY[] =
     "Requests metadata from tessard and prints it as it arrives: ONVIF documents, one per line.\n"
@@ -47,29 +43,6 @@ constexpr gchar DESCRIPTION[] =
     "  6  the daemon sent a malformed reply or stream\n"
     "  7  the output could not be written";
 
-enum class ValueKind {
-  TEXT,  /* sent escaped, so any bytes are valid */
-  PLAIN, /* sent unchanged */
-};
-
-struct RequestKey {
-  const gchar *key;
-  const gchar *option;
-  gchar *StreamOptions::*value;
-  ValueKind kind;
-};
-
-constexpr std::array REQUEST_KEYS = {
-    RequestKey{"event_topic", "--event-topic", &StreamOptions::event_topic, ValueKind::TEXT},
-    RequestKey{"event_content", "--event-content", &StreamOptions::event_content, ValueKind::TEXT},
-    RequestKey{"analytics", "--analytics", &StreamOptions::analytics, ValueKind::PLAIN},
-    RequestKey{"video_channel", "--channel", &StreamOptions::channel, ValueKind::PLAIN},
-    RequestKey{"ptz", "--ptz", &StreamOptions::ptz, ValueKind::PLAIN},
-    RequestKey{"ptz_pantilt_coordinate_space", "--pantilt-space", &StreamOptions::pantilt_space,
-               ValueKind::PLAIN},
-    RequestKey{"ptz_zoom_coordinate_space", "--zoom-space", &StreamOptions::zoom_space, ValueKind::PLAIN},
-};
-
 /* Numbers that GLib's parser would read in octal, or accept as infinite, are parsed from text. */
 struct NumberTexts {
   NumberTexts() = default;
@@ -89,21 +62,8 @@ gboolean
 parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char ***argv, GError **error)
 {
   const GOptionEntry entries[] = {
-      {"event", 0, 0, G_OPTION_ARG_NONE, &options->event, "Ask for events", nullptr},
-      {"event-topic", 0, 0, G_OPTION_ARG_FILENAME, &options->event_topic,
-       "Ask for events that match a topic expression", "TEXT"},
-      {"event-content", 0, 0, G_OPTION_ARG_FILENAME, &options->event_content,
-       "Ask for events that match a message content filter", "TEXT"},
-      {"analytics", 0, 0, G_OPTION_ARG_FILENAME, &options->analytics,
-       "Ask for detected objects: 1 with bounding boxes, 2 with polygons too", "N"},
-      {"ptz", 0, 0, G_OPTION_ARG_FILENAME, &options->ptz,
-       "Ask for pan, tilt and zoom: 1 status and position, 2 position, 3 status", "N"},
-      {"pantilt-space", 0, 0, G_OPTION_ARG_FILENAME, &options->pantilt_space,
-       "Coordinate space of pan and tilt, 0 to 2", "N"},
-      {"zoom-space", 0, 0, G_OPTION_ARG_FILENAME, &options->zoom_space, "Coordinate space of zoom, 0 to 2",
-       "N"},
-      {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->channel, "Video channel of --analytics and --ptz",
-       "N"},
+      {"channel", 0, 0, G_OPTION_ARG_FILENAME, &options->request.channel,
+       "Video channel of --analytics and --ptz", "N"},
       {"socket", 0, 0, G_OPTION_ARG_FILENAME, &options->socket_path,
        "The daemon's socket (default: $" METADATA_CLIENT_SOCKET_VARIABLE
        ", or " METADATA_CLIENT_DEFAULT_SOCKET ")",
@@ -123,34 +83,16 @@ parse_command_line(StreamOptions *options, NumberTexts *numbers, int *argc, char
 
   g_option_context_set_summary(context, SUMMARY);
   g_option_context_set_description(context, DESCRIPTION);
+  request_options_add(&options->request, context);
   g_option_context_add_main_entries(context, entries, nullptr);
   return g_option_context_parse(context, argc, argv, error);
-}
-
-/* For the daemon, a carriage return and a paragraph separator end a line too. */
-gboolean
-check_one_line(const gchar *option, const gchar *value, GError **error)
-{
-  if (value != nullptr &&
-      (strpbrk(value, "\r\n") != nullptr || strstr(value, PARAGRAPH_SEPARATOR) != nullptr)) {
-    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE, "The value of %s has more than one line.",
-                option);
-    return FALSE;
-  }
-  return TRUE;
 }
 
 gboolean
 check_values(const StreamOptions *options, GError **error)
 {
-  for (const RequestKey &key : REQUEST_KEYS) {
-    const gchar *value = options->*key.value;
-    if (key.kind == ValueKind::PLAIN &&
-        (!command_check_not_empty(key.option, value, error) || !check_one_line(key.option, value, error))) {
-      return FALSE;
-    }
-  }
-  return command_check_not_empty("--socket", options->socket_path, error) &&
+  return request_options_check(&options->request, error) &&
+         command_check_not_empty("--socket", options->socket_path, error) &&
          command_check_not_empty("--output", options->output_path, error);
 }
 
@@ -165,36 +107,17 @@ parse_count(const gchar *text, guint64 *count, GError **error)
   return FALSE;
 }
 
-gboolean
-parse_timeout(const gchar *text, guint *timeout_ms, GError **error)
+void
+add_key(const gchar *key, const gchar *value, gboolean is_text, gpointer user_data)
 {
-  if (text == nullptr) {
-    return TRUE;
-  }
-
-  gchar *end = nullptr;
-  const gdouble seconds = g_ascii_strtod(text, &end);
-  if (end == text || *end != '\0' || !(seconds >= MIN_TIMEOUT_SECONDS && seconds <= MAX_TIMEOUT_SECONDS)) {
-    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
-                "The value of --timeout is '%s', not a number of seconds from %g to %.0f.", text,
-                MIN_TIMEOUT_SECONDS, MAX_TIMEOUT_SECONDS);
-    return FALSE;
-  }
-  *timeout_ms = static_cast<guint>(std::lround(seconds * 1000));
-  return TRUE;
+  const auto add = is_text ? metadata_request_add_text : metadata_request_add;
+  add(static_cast<GString *>(user_data), key, value);
 }
 
 } // namespace
 
 StreamOptions::~StreamOptions()
 {
-  g_free(event_topic);
-  g_free(event_content);
-  g_free(analytics);
-  g_free(ptz);
-  g_free(pantilt_space);
-  g_free(zoom_space);
-  g_free(channel);
   g_free(socket_path);
   g_free(output_path);
 }
@@ -229,14 +152,39 @@ stream_options_parse(StreamOptions *options, int argc, char **argv, GError **err
     g_clear_pointer(&options->output_path, g_free);
   }
   return check_values(options, error) && parse_count(numbers.count, &options->count, error) &&
-         parse_timeout(numbers.timeout, &options->timeout_ms, error);
+         stream_options_parse_timeout(numbers.timeout, &options->timeout_ms, error);
+}
+
+/**
+ * stream_options_parse_timeout:
+ * @text: (transfer none) (nullable): the value of --timeout, %NULL without the option
+ * @timeout_ms: (inout): the time in milliseconds; unchanged without the option
+ * @error: return location for an error, whose message is for the user
+ *
+ * Returns: %FALSE when the value is not a number of seconds in the range
+ */
+gboolean
+stream_options_parse_timeout(const gchar *text, guint *timeout_ms, GError **error)
+{
+  if (text == nullptr) {
+    return TRUE;
+  }
+
+  gchar *end = nullptr;
+  const gdouble seconds = g_ascii_strtod(text, &end);
+  if (end == text || *end != '\0' || !(seconds >= MIN_TIMEOUT_SECONDS && seconds <= MAX_TIMEOUT_SECONDS)) {
+    g_set_error(error, TESSARDCTL_ERROR, EXIT_STATUS_USAGE,
+                "The value of --timeout is '%s', not a number of seconds from %g to %.0f.", text,
+                MIN_TIMEOUT_SECONDS, MAX_TIMEOUT_SECONDS);
+    return FALSE;
+  }
+  *timeout_ms = static_cast<guint>(std::lround(seconds * 1000));
+  return TRUE;
 }
 
 /**
  * stream_options_build_request:
  * @options: (transfer none): parsed options
- *
- * A filter of events requests events as well.
  *
  * Returns: (transfer full): the request's text, from "OPEN" to the empty line
  */
@@ -245,15 +193,6 @@ stream_options_build_request(const StreamOptions *options)
 {
   GString *request = metadata_request_new();
 
-  if (options->event || options->event_topic != nullptr || options->event_content != nullptr) {
-    metadata_request_add(request, "event", "1");
-  }
-  for (const RequestKey &key : REQUEST_KEYS) {
-    const gchar *value = options->*key.value;
-    if (value != nullptr) {
-      const auto add = key.kind == ValueKind::TEXT ? metadata_request_add_text : metadata_request_add;
-      add(request, key.key, value);
-    }
-  }
+  request_options_foreach(&options->request, add_key, request);
   return metadata_request_finish(request);
 }

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
-#include <glib.h>
+#include "requestoptions.h"
 
-/* stream_options_parse() is for the main thread, stream_options_build_request() for any. */
+/* stream_options_parse() is for the main thread, the other functions for any. */
 
 /* The options of "tessardctl stream". Texts hold the bytes of the command line, NULL without the option. */
 struct StreamOptions {
@@ -12,14 +12,7 @@ struct StreamOptions {
   StreamOptions &operator=(const StreamOptions &) = delete;
   ~StreamOptions();
 
-  gboolean event = FALSE;
-  gchar *event_topic = nullptr;
-  gchar *event_content = nullptr;
-  gchar *analytics = nullptr;
-  gchar *ptz = nullptr;
-  gchar *pantilt_space = nullptr;
-  gchar *zoom_space = nullptr;
-  gchar *channel = nullptr;
+  RequestOptions request;
   gchar *socket_path = nullptr;
   gchar *output_path = nullptr; /* NULL for standard output */
   gboolean sync = FALSE;
@@ -29,4 +22,5 @@ struct StreamOptions {
 };
 
 gboolean stream_options_parse(StreamOptions *options, int argc, char **argv, GError **error);
+gboolean stream_options_parse_timeout(const gchar *text, guint *timeout_ms, GError **error);
 gchar *stream_options_build_request(const StreamOptions *options);

@@ -15,11 +15,12 @@ import signal
 
 import pytest
 
-pytest.register_assert_rewrite("busclient", "client", "controlclient", "crowd", "daemon", "documents", "eventapplication",
-                               "external", "fakedaemon", "fakereceiver", "fakeservice", "installation",
-                               "libraryprogram", "overdue", "promptness",
-                               "receiverclient", "receiverprocess", "refusals", "scenes", "simcamera", "tessardctl",
-                               "users", "waiting")
+pytest.register_assert_rewrite("broker", "busclient", "chromium", "client", "controlclient", "crowd", "daemon",
+                               "documents", "eventapplication", "external", "fakedaemon", "fakereceiver",
+                               "fakeservice", "gatewayprocess", "installation", "libraryprogram", "mqttdocuments",
+                               "mqttfeed", "mqttgateway", "overdue", "promptness", "receiverclient",
+                               "receiverprocess", "refusals", "rtspclient", "rtspgateway", "scenes", "simcamera",
+                               "tessardctl", "users", "viewgateway", "waiting")
 
 import documents  # noqa: E402  (prepares libxml2 before anything else uses it)
 
@@ -28,6 +29,7 @@ import gi
 gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
+from broker import Broker, Subscriber  # noqa: E402
 from controlclient import ControlClient, path_of  # noqa: E402
 from daemon import RADAR_TRACKER, VIDEO_TRACKER, Daemon  # noqa: E402
 from eventapplication import EventApplication  # noqa: E402
@@ -35,13 +37,17 @@ from external import BOTH_ENABLED, COUNTER, DETECTOR, EXTERNAL_PLUGINS, wait_unt
 from fakedaemon import FakeDaemon, GdpStream  # noqa: E402
 from fakereceiver import FakeReceiver  # noqa: E402
 from fakeservice import FakeService, properties  # noqa: E402
-from installation import Bus, Installation, Workspace, make_stage, testing_user  # noqa: E402
+from installation import Bus, Installation, Workspace, make_stage, user_of_tests  # noqa: E402
 from libraryprogram import Program, needs_introspection  # noqa: E402
+from mqttfeed import Feed  # noqa: E402
+from mqttgateway import STATUS, MqttGateway  # noqa: E402
 from overdue import OverdueCalls, OverdueReceiver, OverdueRequests, OverdueStart  # noqa: E402
 from receiverclient import ReceiverClient, Watcher  # noqa: E402
 from receiverprocess import Application, Receiver  # noqa: E402
+from rtspgateway import SMALL_VIDEO, Gateway  # noqa: E402
 from simcamera import SimulatedCamera  # noqa: E402
 from tessardctl import NO_CONNECTION, Tessardctl  # noqa: E402
+from viewgateway import View  # noqa: E402
 from waiting import wait_until_settled  # noqa: E402
 
 
@@ -315,7 +321,7 @@ def own_bus(start_bus):
 @pytest.fixture
 def stand_in_bus(start_bus):
     """A bus on which this process may own the daemon's name."""
-    return start_bus(owner=testing_user())
+    return start_bus(owner=user_of_tests())
 
 
 @pytest.fixture
@@ -418,6 +424,101 @@ def started_service(fake_service):
 def fake_daemon(tmp_path):
     with contextlib.closing(FakeDaemon(tmp_path / "metadata")) as daemon:
         yield daemon
+
+
+@pytest.fixture
+def reachable_daemon(workspace):
+    """A fake daemon whose socket the gateways' user can open."""
+    with contextlib.closing(FakeDaemon(workspace.folder() / "metadata")) as daemon:
+        os.chmod(daemon.path, 0o777)
+        yield daemon
+
+
+@pytest.fixture
+def start_broker(workspace):
+    """Starts brokers; see Broker for the arguments."""
+    with contextlib.ExitStack() as started:
+
+        def start(*options, **more):
+            broker = Broker(workspace, *options, **more)
+            started.callback(broker.finish)
+            return broker
+
+        yield start
+
+
+@pytest.fixture
+def broker(start_broker):
+    return start_broker()
+
+
+@pytest.fixture
+def start_mqtt(installation, bus):
+    """Starts tessard-mqtt with a daemon's socket, a broker and the keys of each group of its key file."""
+    if not (installation.prefix / "bin/tessard-mqtt").exists():
+        pytest.skip("tessard-mqtt is not built")
+    with contextlib.ExitStack() as started:
+
+        def start(socket_path, broker, **groups):
+            gateway = MqttGateway(installation, bus, socket_path, broker, **groups)
+            started.callback(gateway.finish)
+            return gateway
+
+        yield start
+
+
+@pytest.fixture
+def feed(reachable_daemon):
+    with contextlib.closing(Feed(reachable_daemon)) as fed:
+        yield fed
+
+
+@pytest.fixture
+def subscriber(broker):
+    with Subscriber(broker) as client:
+        yield client
+
+
+@pytest.fixture
+def start_fed(feed, broker, subscriber, start_mqtt):
+    """Starts a gateway with a fake daemon."""
+
+    def start(**groups):
+        gateway = start_mqtt(feed.daemon.path, broker, **groups)
+        subscriber.wait_for_topic(STATUS)
+        return gateway
+
+    return start
+
+
+@pytest.fixture
+def serve(installation, bus):
+    """Starts tessard-rtsp with a daemon's socket; without options it serves events and a small picture."""
+    if not (installation.prefix / "bin/tessard-rtsp").exists():
+        pytest.skip("tessard-rtsp is not built")
+    with contextlib.ExitStack() as started:
+
+        def start(socket_path, *options, **more):
+            gateway = Gateway(installation, bus, socket_path, *(options or ("--event", "--video", SMALL_VIDEO)), **more)
+            started.callback(gateway.finish)
+            return gateway
+
+        yield start
+
+
+@pytest.fixture
+def view(installation, bus):
+    """Starts tessard-view with a daemon's socket, by default on the session's bus."""
+    if not (installation.prefix / "bin/tessard-view").exists():
+        pytest.skip("tessard-view is not built")
+    with contextlib.ExitStack() as started:
+
+        def start(socket_path, *options, on=bus, **more):
+            gateway = View(installation, on, socket_path, *options, **more)
+            started.callback(gateway.finish)
+            return gateway
+
+        yield start
 
 
 @pytest.fixture

@@ -213,6 +213,14 @@ class Log:
         self.taken.update(lines)
         return lines
 
+    def take_first(self):
+        """Waits for a line and takes it alone."""
+        self.wait_for(1)
+        with self.changed:
+            line = self.lines.pop(0)
+        self.taken.update([line])
+        return line
+
     def is_count_of_taken(self, line):
         """Whether the line counts suppressed repetitions of a taken line. It is written at the end of an interval,
         which may be after the test."""

@@ -100,7 +100,7 @@ def unprivileged():
     return {"user": UNPRIVILEGED_USER, "group": UNPRIVILEGED_GROUP, "extra_groups": []}
 
 
-def testing_user():
+def user_of_tests():
     return pwd.getpwuid(os.geteuid()).pw_name
 
 
@@ -289,7 +289,7 @@ class Bus:
     def _policy(installation, owner, administrators):
         """The installed policy with another user and group, because those of an installation may not exist here."""
         text = installation.bus_policy.read_text(encoding="utf-8")
-        owner = owner or (UNPRIVILEGED_USER if run_by_root() else testing_user())
+        owner = owner or (UNPRIVILEGED_USER if run_by_root() else user_of_tests())
         if not run_by_root():
             administrators = administrators or grp.getgrgid(os.getegid()).gr_name
         for placeholder, replacement in ((f'user="{DAEMON_USER}"', f'user="{owner}"'),

@@ -13,7 +13,7 @@ from daemon import Daemon, no_move_capabilities, start_lines
 from external import DETECTOR, EXTERNAL_PLUGINS, wait_until_listed
 from fakereceiver import FakeReceiver
 from fakeservice import FakeService, properties
-from installation import PTZ_PLUGINS, Bus, documented_limit, testing_user
+from installation import PTZ_PLUGINS, Bus, documented_limit, user_of_tests
 from simcamera import PTZ, SimulatedCamera
 from tessardctl import Tessardctl
 from controlclient import ControlClient, path_of
@@ -185,7 +185,7 @@ class OverdueCalls:
         self.silent_bus = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.silent_bus.bind(str(self.folder / "silent-bus"))
         self.silent_bus.listen()
-        self.buses = [Bus(installation, owner=testing_user()) for _ in range(2)]
+        self.buses = [Bus(installation, owner=user_of_tests()) for _ in range(2)]
         self.services = [self._start_service(self.buses[0], "GetManagedObjects"),
                          self._start_service(self.buses[1], "SetChannelsEnabled", "SetProducersEnabled")]
         list_bus, change_bus = (bus.address for bus in self.buses)

@@ -11,10 +11,12 @@ DOCUMENTATION = TREE / "docs/architecture.md"
 
 # The source folders of the daemon, of code that it shares with other programs, of its clients, of the library of
 # applications, of tessard-receiver and of tessardctl. Each number in their headers is a limit except those in NO_BOUNDS;
-# a component's own number is one if its name has one of BOUND_WORDS. So is a number in these headers of plugins/.
-FOLDERS = ("src", "common", "client", "lib", "receiver", "tools")
+# a component's own number is one if its name has one of BOUND_WORDS. So is a number in these single headers.
+FOLDERS = ("src", "common", "client", "lib", "receiver", "tools", "gateways/common", "gateways/rtsp",
+           "gateways/mqtt", "gateways/view")
 PLUGIN_HEADERS = [TREE / "plugins" / name for name in (
-    "eventqueue.h", "eventtable.h", "objecttracker.h", "producerelement.h", "receiverevent.h")]
+    "eventqueue.h", "eventtable.h", "objecttracker.h", "producerelement.h", "receiverevent.h", "rtpdocument.h")]
+SINGLE_HEADERS = PLUGIN_HEADERS + [TREE / "onvif/metadatajson.h"]
 NO_BOUNDS = {"OPTION_VALIDATION_DEFAULT_CHANNEL"}
 OWN_NUMBER = re.compile(r"^constexpr [\w:]+ ([A-Z0-9_]+) = ([\d*+ ]+);", re.MULTILINE)
 BOUND_WORDS = {"BACKLOG", "LIMIT", "MAX", "PATIENCE", "THREADS", "TIMEOUT"}
@@ -39,9 +41,9 @@ def files(pattern):
 
 def constants():
     found = {}
-    for header in files("*.h") + PLUGIN_HEADERS:
+    for header in files("*.h") + SINGLE_HEADERS:
         found |= defined_limits(header)
-    for source in files("*.cpp") + PLUGIN_HEADERS:
+    for source in files("*.cpp") + SINGLE_HEADERS:
         own = OWN_NUMBER.findall(source.read_text(encoding="utf-8"))
         found |= {name: value_of(value) for name, value in own if not BOUND_WORDS.isdisjoint(name.split("_"))}
     return {name: value + TOLD_MORE.get(name, 0) for name, value in found.items() if name not in NO_BOUNDS}

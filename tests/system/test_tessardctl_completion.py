@@ -18,8 +18,8 @@ from waiting import BOUND_SECONDS, wait_until
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
-COMMANDS = ["stream", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce", "emit", "topics",
-            "help"]
+COMMANDS = ["stream", "snapshot", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce",
+            "emit", "topics", "help"]
 
 # Calls the completion function like bash on a tab.
 COMPLETE = """\
@@ -63,10 +63,10 @@ def test_commands(offered, run_tessardctl):
     listed = re.search(r"Commands:\n((?:  .*\n)+)", run_tessardctl("--help").out.decode()).group(1)
     assert [line.split()[0] for line in listed.splitlines()] == COMMANDS
     assert offered("") == COMMANDS
-    assert offered("s") == ["stream", "show"]
-    assert offered("--help s") == ["stream", "show"]
+    assert offered("s") == ["stream", "snapshot", "show"]
+    assert offered("--help s") == ["stream", "snapshot", "show"]
     assert offered("help ") == COMMANDS
-    assert offered("help s") == ["stream", "show"]
+    assert offered("help s") == ["stream", "snapshot", "show"]
     assert offered("help show ") == []
 
 
@@ -145,7 +145,8 @@ def test_names_are_never_run(offered, stand_in_bus, tmp_path):
     evil.close()
 
 
-@pytest.mark.parametrize("line", ["apply ", "stream --output ", "stream --socket ", "produce --sample "])
+@pytest.mark.parametrize("line", ["apply ", "snapshot ", "snapshot --input ", "stream --output ", "stream --socket ",
+                                  "produce --sample "])
 def test_files(offered, tmp_path, line):
     (tmp_path / "changes.json").touch()
     (tmp_path / "other.json").touch()
@@ -236,8 +237,8 @@ def offered_by_zsh(tessardctl, stand_in_bus, tmp_path):
 
 @pytest.mark.parametrize("line, candidates", [
     ("", sorted(COMMANDS)),
-    ("s", ["show", "stream"]),
-    ("help s", ["show", "stream"]),
+    ("s", ["show", "snapshot", "stream"]),
+    ("help s", ["show", "snapshot", "stream"]),
     ("stream --event-", ["--event-content", "--event-topic"]),
     ("stream --analytics=", ["0", "1", "2"]),
     ("list --", ["--bus", "--channels", "--help", "--json", "--names"]),

@@ -6,7 +6,7 @@
 _TESSARDCTL_QUERY_SECONDS=2
 
 _tessardctl_commands() {
-  printf '%s\n' stream producers list show enable disable apply monitor produce emit topics help
+  printf '%s\n' stream snapshot producers list show enable disable apply monitor produce emit topics help
 }
 
 # The options of a command, or of tessardctl itself.
@@ -17,6 +17,10 @@ _tessardctl_options() {
   stream)
     printf '%s\n' --event --event-topic --event-content --analytics --ptz --pantilt-space --zoom-space --channel \
       --socket --count --timeout --sync --pretty --output
+    ;;
+  snapshot)
+    printf '%s\n' --event --event-topic --event-content --analytics --ptz --pantilt-space --zoom-space --channel \
+      --socket --timeout --input
     ;;
   producers | list) printf '%s\n' --json --names --channels --bus ;;
   show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
@@ -30,7 +34,7 @@ _tessardctl_options() {
 _tessardctl_takes_value() {
   case $1 in
   --event-topic | --event-content | --analytics | --ptz | --pantilt-space | --zoom-space | --channel | --socket | \
-    --count | --timeout | --output | --channels | --nice-name | --sample | \
+    --count | --timeout | --output | --input | --channels | --nice-name | --sample | \
     --operation | --source | --data | --namespace | --bus) return 0 ;;
   *) return 1 ;;
   esac
@@ -82,7 +86,7 @@ _tessardctl() {
 
   if [[ -n $option ]]; then
     case $option in
-    --socket | --output | --sample) _tessardctl_offer_files "$current" ;;
+    --socket | --output | --input | --sample) _tessardctl_offer_files "$current" ;;
     --channels) _tessardctl_offer "$current" < <(_tessardctl_query --names) ;;
     esac
   elif [[ $current == -* ]]; then
@@ -92,7 +96,7 @@ _tessardctl() {
     /0 | help/0) _tessardctl_offer "$current" < <(_tessardctl_commands) ;;
     show/0 | enable/0 | disable/0) _tessardctl_offer "$current" < <(_tessardctl_query --names) ;;
     enable/1 | disable/1) _tessardctl_offer "$current" < <(_tessardctl_query --channels "${given[0]}") ;;
-    apply/0) _tessardctl_offer_files "$current" ;;
+    apply/0 | snapshot/0) _tessardctl_offer_files "$current" ;;
     esac
   fi
 }

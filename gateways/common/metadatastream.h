@@ -1,0 +1,69 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include "requestoptions.h"
+
+#include <functional>
+#include <gst/gst.h>
+#include <string>
+
+namespace gateway
+{
+
+/**
+ * GATEWAY_RESTART_SECONDS:
+ *
+ * The time before a stream of metadata that failed is requested again, in seconds.
+ */
+#define GATEWAY_RESTART_SECONDS 5
+
+/* What a gateway asks the daemon for. */
+struct MetadataRequest {
+  const RequestOptions *options;
+  std::string socket_path;
+};
+
+GstElement *new_metadata_source(const MetadataRequest &request, guint channel, GError **error);
+
+/* The daemon's stream of one request and channel, in a pipeline of its own. It begins again whenever it ends.
+ *
+ * All functions are for the main thread. The callbacks are called on the pipeline's thread. */
+class MetadataStream
+{
+public:
+  using DocumentFunction = std::function<void(GstBuffer *document)>;
+  using FailureFunction = std::function<void()>;
+
+  MetadataStream(const MetadataRequest *request, guint channel, DocumentFunction on_document);
+  ~MetadataStream();
+  MetadataStream(const MetadataStream &) = delete;
+  MetadataStream &operator=(const MetadataStream &) = delete;
+
+  void set_failure_function(FailureFunction on_failure);
+  void start();
+  void stop();
+  bool is_started() const;
+  void send_sync_point();
+
+private:
+  void begin();
+  void end();
+  void log_failure(const char *text);
+  void handle_message(GstMessage *message);
+  static GstBusSyncReply on_posted(GstBus *bus, GstMessage *message, gpointer user_data);
+  static gboolean on_message(GstBus *bus, GstMessage *message, gpointer user_data);
+  static gboolean on_restart(gpointer user_data);
+
+  const MetadataRequest *request_;
+  guint channel_;
+  DocumentFunction on_document_;
+  FailureFunction on_failure_;
+  GstElement *pipeline_ = nullptr;
+  GstElement *source_ = nullptr; /* borrowed from the pipeline */
+  guint watch_ = 0;
+  guint restart_ = 0;
+  std::string failure_; /* the last one that was logged */
+  gint64 failure_us_ = 0;
+};
+
+} // namespace gateway
