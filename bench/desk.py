@@ -24,16 +24,22 @@ from simcamera import SimulatedCamera  # noqa: E402
 
 
 @contextlib.contextmanager
-def running_daemon(producers, *camera_options, verbs=()):
-    """Yields a ready daemon with every plug-in and these contents of producers.conf, and its bus. The camera gets the
-    verbs before the daemon starts."""
+def installed():
+    """Yields the staged installation."""
     workspace = Workspace()
     os.environ.setdefault("GST_REGISTRY", str(workspace.path / "client-registry.bin"))
     Gst.init(None)
-    with contextlib.ExitStack() as running:
-        running.callback(workspace.remove)
+    try:
         stage = os.environ.get("TESSARD_STAGE")
-        installation = Installation(pathlib.Path(stage).resolve() if stage else make_stage(workspace), workspace)
+        yield Installation(pathlib.Path(stage).resolve() if stage else make_stage(workspace), workspace)
+    finally:
+        workspace.remove()
+
+
+@contextlib.contextmanager
+def running_daemon_of(installation, producers, *camera_options, verbs=()):
+    """Yields a ready daemon of the installation; see running_daemon()."""
+    with contextlib.ExitStack() as running:
         bus = Bus(installation)
         running.callback(bus.stop)
         camera = SimulatedCamera(installation, bus, *camera_options)
@@ -45,6 +51,15 @@ def running_daemon(producers, *camera_options, verbs=()):
         running.callback(daemon.finish)
         daemon.wait_until_ready()
         yield daemon, bus
+
+
+@contextlib.contextmanager
+def running_daemon(producers, *camera_options, verbs=()):
+    """Yields a ready daemon with every plug-in and these contents of producers.conf, and its bus. The camera gets the
+    verbs before the daemon starts."""
+    with installed() as installation:
+        with running_daemon_of(installation, producers, *camera_options, verbs=verbs) as running:
+            yield running
 
 
 def print_table(subject, times, base):
