@@ -2,11 +2,13 @@
 """The demo: its options, its output, its services for other terminals, and its end, which leaves no process or file."""
 
 import contextlib
+import json
 import os
 import pathlib
 import re
 import signal
 import subprocess
+import urllib.request
 
 import pytest
 
@@ -133,16 +135,17 @@ class TestUsage:
         assert (result.returncode, result.stderr) == (0, "")
         assert result.stdout.startswith("Usage: ./demo ")
         assert re.findall(r"^  (--[a-z]+)", result.stdout, re.MULTILINE) == [
-            "--seconds", "--live", "--video", "--producer", "--serve", "--env", "--stage", "--help"]
+            "--seconds", "--live", "--video", "--producer", "--serve", "--view", "--env", "--stage", "--help"]
 
     @pytest.mark.parametrize("args, message", [
         (["--nonsense"], "unknown argument: --nonsense"),
         (["--seconds"], "--seconds needs a number"),
         (["--seconds", "0"], "not a number of seconds from 1 to 99999: 0"),
         (["--seconds=1s"], "not a number of seconds from 1 to 99999: 1s"),
-        (["--env", "file"], "--env needs --serve"),
+        (["--env", "file"], "--env needs --serve or --view"),
         (["--serve", "--env"], "--env needs FILE"),
-        (["--serve", "--seconds", "5"], "--serve streams nothing, so --seconds has no meaning"),
+        (["--serve", "--seconds", "5"], "--serve and --view stream nothing, so --seconds has no meaning"),
+        (["--view", "--seconds=5"], "--serve and --view stream nothing, so --seconds has no meaning"),
         (["--serve", "--env", "/dev/null"], "not a regular file: /dev/null"),
         (["--serve", "--env", "/nonexistent/file"], "cannot write to the folder of: /nonexistent/file"),
         (["--video"], "--video needs SOURCE"),
@@ -218,6 +221,36 @@ class TestServe:
         assert serving.finish() == 1
         assert serving.err == "demo: ended by itself: the daemon\n"
         assert not env_file.exists()
+
+
+class TestView:
+    @pytest.fixture(autouse=True)
+    def needs_view(self, installation):
+        if not (installation.prefix / "bin/tessard-view").exists():
+            pytest.skip("tessard-view is not built")
+
+    def test_it_prints_the_address(self, start_demo):
+        """The page is there, streams frames of every producer, and its switches work."""
+        demo = start_demo("--view")
+        address = demo.wait_for(r"^== in a browser: (http://127\.0\.0\.1:\d+/)#token=([0-9a-f]{64})$")
+        demo.wait_for(r"^== serving until Ctrl-C; in another terminal:$")
+        with urllib.request.urlopen(address[1], timeout=DEMO_SECONDS) as reply:
+            assert b"<title>tessard view</title>" in reply.read()
+        missing = {"Entrance", "Forecourt", "Persons"}
+        with urllib.request.urlopen(f"{address[1]}stream?channel=1", timeout=DEMO_SECONDS) as stream:
+            for line in stream:
+                if line.startswith(b'data: {"Frame":'):
+                    missing.discard(json.loads(line.removeprefix(b"data: "))["Frame"][0].get("@Source"))
+                if not missing:
+                    break
+        assert not missing
+        change = json.dumps({"producer": "PersonDetector", "channel": 1, "enabled": False}).encode()
+        request = urllib.request.Request(f"{address[1]}producers", change, {
+            "Content-Type": "application/json", "Authorization": f"Bearer {address[2]}", "Origin": address[1][:-1]})
+        with urllib.request.urlopen(request, timeout=DEMO_SECONDS) as reply:
+            assert reply.status == 204
+        assert demo.end_by(signal.SIGINT) == 130
+        assert demo.err == ""
 
 
 @pytest.mark.usefixtures("introspection")
