@@ -14,10 +14,12 @@
  * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable; such a read can block only in a file
  * system that waits for a peer.
  *
- * Turns: one dispatch reads one message at most, and of its payload at most this socket's share of
- * EXTERNAL_SOURCE_TURN_BYTES. For a message that begins, all open sockets have an equal share, which limits a
- * turn of the main loop, and no socket waits for another. For an unfinished message, only the sockets that
- * have one share the limit, so idle sockets do not slow it down. The end of a turn does not end a piece.
+ * Turns: one dispatch reads at most EXTERNAL_SOURCE_TURN_MESSAGES messages, and of their payloads at most
+ * this socket's share of EXTERNAL_SOURCE_TURN_BYTES. If the first message begins in this turn, all open
+ * sockets have an equal share, which limits a turn of the main loop, and no socket waits for another. If it
+ * is an unfinished one, only the sockets that have one share the limit, so idle sockets do not slow it down.
+ * The end of a turn does not end a piece. A further message begins only if its first bytes are read already,
+ * and within this socket's share of EXTERNAL_SOURCE_TURN_US.
  *
  * Memory: a message's frame is allocated when its length is known, and the payload is read into it. The
  * account (messageaccount.h) counts it from then until it is delivered. Between two messages the account
@@ -27,12 +29,12 @@
  *
  * Threads: the main thread reads, delivers, pauses and resumes. Any thread can close.
  *
- * Lock: protects the channel, the cutter with the current message, its deadline, the id of the watch, and
- * whether the stream is catching up. The reader holds it for one turn. Close holds it while it shuts the
- * channel down, so no read uses a descriptor number that already belongs to another file. The account's lock
- * is taken under it. While it is held, no callback is called, no other socket is closed, and no watch is
- * removed, because that can release the user data. The owner can hold its own lock while it closes a socket
- * without notification, and can take that lock in the callbacks.
+ * Lock: protects the channel, the cutter with the current message, its deadline, the turn's limits, the id of
+ * the watch, and whether the stream is catching up. The reader holds it for one message. Close holds it while
+ * it shuts the channel down, so no read uses a descriptor number that already belongs to another file. The
+ * account's lock is taken under it. While it is held, no callback is called, no other socket is closed, and
+ * no watch is removed, because that can release the user data. The owner can hold its own lock while it
+ * closes a socket without notification, and can take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
@@ -56,6 +58,13 @@
 #include <unistd.h>
 #include <utility>
 
+/* What is left of a turn's limits. */
+struct Turn {
+  gsize bytes; /* of payloads */
+  guint messages;
+  gint64 end_us; /* monotonic; no message begins after it, except the first */
+};
+
 struct _ExternalSourceSocket {
   GObject parent_instance;
 
@@ -70,6 +79,7 @@ struct _ExternalSourceSocket {
   GIOChannel *channel; /* NULL once closed */
   MessageCutter *cutter;
   gint64 deadline_us; /* of the unfinished message; monotonic, 0 without one */
+  Turn turn;          /* the current or last one */
   ExternalSourceSocketDataFunc on_data;
   ExternalSourceSocketCloseFunc on_close;
   GDestroyNotify user_data_free;
@@ -286,17 +296,17 @@ read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *cou
   return status;
 }
 
-/* Reads while the cutter is in @state. Returns G_IO_STATUS_NORMAL when it is in another one, or when @share
- * bytes have been read. Called with the lock held. */
+/* Reads while the cutter is in @state. Returns G_IO_STATUS_NORMAL when it is in another one, or when @limit
+ * bytes have been read, which are subtracted from it. Called with the lock held. */
 GIOStatus
-read_in_state(ExternalSourceSocket *self, MessageCutterState state, const char *what, gsize share)
+read_in_state(ExternalSourceSocket *self, MessageCutterState state, const char *what, gsize *limit)
 {
   GIOStatus status = G_IO_STATUS_NORMAL;
 
-  while (status == G_IO_STATUS_NORMAL && share > 0 && message_cutter_get_state(self->cutter) == state) {
+  while (status == G_IO_STATUS_NORMAL && *limit > 0 && message_cutter_get_state(self->cutter) == state) {
     gsize count = 0;
-    status = read_piece(self, what, share, &count);
-    share -= count;
+    status = read_piece(self, what, *limit, &count);
+    *limit -= count;
   }
   return status;
 }
@@ -334,14 +344,27 @@ is_unfinished(ExternalSourceSocket *self)
   return self->deadline_us != 0;
 }
 
-/* Returns the payload bytes that this turn can read. Called with the lock held. */
-gsize
-get_share(ExternalSourceSocket *self)
+void
+begin_turn(ExternalSourceSocket *self)
 {
-  const gsize sockets =
-      std::max(g_atomic_int_get(is_unfinished(self) ? &unfinished_messages : &open_sockets), 1);
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+  const gsize sockets = std::max(g_atomic_int_get(&open_sockets), 1);
+  const gsize readers = is_unfinished(self) ? std::max(g_atomic_int_get(&unfinished_messages), 1) : sockets;
 
-  return std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / sockets, EXTERNAL_SOURCE_MIN_READ_BYTES);
+  self->turn = {std::max<gsize>(EXTERNAL_SOURCE_TURN_BYTES / readers, EXTERNAL_SOURCE_MIN_READ_BYTES),
+                EXTERNAL_SOURCE_TURN_MESSAGES,
+                g_get_monotonic_time() + static_cast<gint64>(EXTERNAL_SOURCE_TURN_US / sockets)};
+}
+
+/* Whether the turn's limits allow a further message, of which there is data. Called after each message. */
+gboolean
+continues_turn(ExternalSourceSocket *self)
+{
+  g_autoptr(GMutexLocker) locker = g_mutex_locker_new(&self->lock);
+
+  self->turn.messages--;
+  return self->channel != nullptr && self->turn.messages > 0 && self->turn.bytes > 0 &&
+         has_read_ahead(self) && g_get_monotonic_time() < self->turn.end_us;
 }
 
 /* Called with the lock held. */
@@ -363,9 +386,9 @@ drop_message(ExternalSourceSocket *self)
   message_reader_end(self->reader);
 }
 
-/* Ends a message's turn after its last read, which had this @status. Called with the lock held. */
+/* Ends the reading of a message, after a last read with this @status. Called with the lock held. */
 void
-end_turn(ExternalSourceSocket *self, GIOStatus status)
+end_reading(ExternalSourceSocket *self, GIOStatus status)
 {
   if (status == G_IO_STATUS_AGAIN) {
     message_cutter_end_piece(self->cutter);
@@ -382,7 +405,8 @@ end_turn(ExternalSourceSocket *self, GIOStatus status)
 GIOStatus
 begin_message(ExternalSourceSocket *self)
 {
-  const GIOStatus status = read_in_state(self, MESSAGE_CUTTER_LENGTH, "length", G_MAXSIZE);
+  gsize limit = G_MAXSIZE;
+  const GIOStatus status = read_in_state(self, MESSAGE_CUTTER_LENGTH, "length", &limit);
 
   if (status != G_IO_STATUS_NORMAL || message_cutter_get_state(self->cutter) != MESSAGE_CUTTER_NEEDS_FRAME) {
     return status;
@@ -410,7 +434,7 @@ start_message(ExternalSourceSocket *self, gboolean *needs_room)
   }
   const GIOStatus status = begin_message(self);
   if (status != G_IO_STATUS_NORMAL) {
-    end_turn(self, status);
+    end_reading(self, status);
   }
   *needs_room =
       status == G_IO_STATUS_NORMAL && message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_NEEDS_FRAME;
@@ -455,14 +479,14 @@ make_frame(ExternalSourceSocket *self)
   return is_made;
 }
 
-/* Makes the frame if necessary, and reads the turn's share of the payload. Called with the lock held. */
+/* Makes the frame if necessary, and reads of the payload what the turn allows. Called with the lock held. */
 GIOStatus
 read_payload(ExternalSourceSocket *self)
 {
   if (message_cutter_get_state(self->cutter) == MESSAGE_CUTTER_NEEDS_FRAME && !make_frame(self)) {
     return G_IO_STATUS_ERROR;
   }
-  return read_in_state(self, MESSAGE_CUTTER_PAYLOAD, "data", get_share(self));
+  return read_in_state(self, MESSAGE_CUTTER_PAYLOAD, "data", &self->turn.bytes);
 }
 
 /* @frame stays NULL after a message without a payload. */
@@ -481,11 +505,11 @@ continue_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
   if (status == G_IO_STATUS_NORMAL) {
     *frame = message_cutter_take_frame(self->cutter, size);
   }
-  end_turn(self, status);
+  end_reading(self, status);
   return status;
 }
 
-/* Reads one message within the turn's share, as far as it is available. Returns G_IO_STATUS_AGAIN when the
+/* Reads one message within the turn's limits, as far as it is available. Returns G_IO_STATUS_AGAIN when the
  * message is incomplete or the socket was closed meanwhile. */
 GIOStatus
 read_message(ExternalSourceSocket *self, guint8 **frame, gsize *size)
@@ -617,22 +641,13 @@ pause_if_necessary(ExternalSourceSocket *self)
   return TRUE;
 }
 
-/* Reads one message per dispatch, so that a busy producer does not block the main loop. Data in the channel's
- * buffer makes the watch ready again. */
-gboolean
-on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
+/* Reads one message, as far as it is available, and delivers it when it is complete. */
+void
+relay_message(ExternalSourceSocket *self)
 {
-  auto *self = static_cast<ExternalSourceSocket *>(user_data);
   guint8 *frame = nullptr;
   gsize size = 0;
 
-  if ((condition & G_IO_IN) == 0 && (condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0) {
-    external_source_socket_close(self, TRUE);
-    return G_SOURCE_CONTINUE;
-  }
-  if (pause_if_necessary(self)) {
-    return G_SOURCE_REMOVE;
-  }
   switch (read_message(self, &frame, &size)) {
   case G_IO_STATUS_NORMAL:
     deliver(self, frame, size);
@@ -642,6 +657,25 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
   default:
     external_source_socket_close(self, TRUE);
   }
+}
+
+/* Relays the messages of one turn. Data in the channel's buffer makes the watch ready again. */
+gboolean
+on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
+{
+  auto *self = static_cast<ExternalSourceSocket *>(user_data);
+
+  if ((condition & G_IO_IN) == 0 && (condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) != 0) {
+    external_source_socket_close(self, TRUE);
+    return G_SOURCE_CONTINUE;
+  }
+  begin_turn(self);
+  do {
+    if (pause_if_necessary(self)) {
+      return G_SOURCE_REMOVE;
+    }
+    relay_message(self);
+  } while (continues_turn(self));
 
   const char *overdue = find_overdue(self);
   if (overdue != nullptr) {
@@ -651,7 +685,9 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
   return pause_if_necessary(self) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
-/* Called with the lock held. */
+/* GLib takes the descriptor of a source that cannot recurse out of poll() during each dispatch, which costs
+ * two wake-ups of the main loop. This watch could recurse, but does not: its callbacks do not iterate the
+ * main context. Called with the lock held. */
 void
 add_watch(ExternalSourceSocket *self)
 {
@@ -663,7 +699,9 @@ add_watch(ExternalSourceSocket *self)
     return;
   }
   /* The watch exists: other threads need the lock to read its id and remove it. */
-  set_ready_time(self, g_main_context_find_source_by_id(nullptr, self->watch_id));
+  GSource *watch = g_main_context_find_source_by_id(nullptr, self->watch_id);
+  g_source_set_can_recurse(watch, TRUE);
+  set_ready_time(self, watch);
 }
 
 void

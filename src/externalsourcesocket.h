@@ -41,8 +41,9 @@ G_BEGIN_DECLS
  * EXTERNAL_SOURCE_TURN_BYTES:
  *
  * The payload bytes that all sockets together read in one turn of the main loop. The limit applies separately
- * to messages that begin, with an equal share for each open socket, and to unfinished messages, with an equal
- * share for each socket that has one. A share is at least EXTERNAL_SOURCE_MIN_READ_BYTES.
+ * to sockets between two messages, with an equal share for each open socket, and to sockets with an
+ * unfinished message, with an equal share for each of these. A share is at least
+ * EXTERNAL_SOURCE_MIN_READ_BYTES.
  */
 #define EXTERNAL_SOURCE_TURN_BYTES (2 * 1024 * 1024)
 
@@ -52,6 +53,21 @@ G_BEGIN_DECLS
  * The payload bytes that a socket can always read in one turn of the main loop.
  */
 #define EXTERNAL_SOURCE_MIN_READ_BYTES (4 * 1024)
+
+/**
+ * EXTERNAL_SOURCE_TURN_MESSAGES:
+ *
+ * The messages that a socket reads in one turn of the main loop.
+ */
+#define EXTERNAL_SOURCE_TURN_MESSAGES 32
+
+/**
+ * EXTERNAL_SOURCE_TURN_US:
+ *
+ * The time for which all sockets together begin further messages in one turn of the main loop, with an equal
+ * share for each open socket. A socket always can begin one message.
+ */
+#define EXTERNAL_SOURCE_TURN_US 2000
 
 /**
  * ExternalSourceSocket:
@@ -68,9 +84,9 @@ G_DECLARE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, EXTERNAL, SOU
  * @size: its length
  * @user_data: the data that was passed to external_source_socket_new()
  *
- * Called on the main thread for each message, with no lock of the socket held. It can close the socket. When
- * another thread closes the socket, one last call can be in progress. The message counts as unfinished until
- * the function returns.
+ * Called on the main thread for each message, with no lock of the socket held. It can close the socket, and
+ * must not iterate the default main context. When another thread closes the socket, one last call can be in
+ * progress. The message counts as unfinished until the function returns.
  */
 typedef void (*ExternalSourceSocketDataFunc)(ExternalSourceSocket *socket, guint8 *frame, gsize size,
                                              gpointer user_data);
@@ -80,8 +96,8 @@ typedef void (*ExternalSourceSocketDataFunc)(ExternalSourceSocket *socket, guint
  * @socket: (transfer none): the socket
  * @user_data: the data that was passed to external_source_socket_new()
  *
- * Called once when the producer's stream has ended or failed, with no lock of the socket held. Not called by
- * a close without notification.
+ * Called once when the producer's stream has ended or failed, with no lock of the socket held. Must not
+ * iterate the default main context. Not called by a close without notification.
  */
 typedef void (*ExternalSourceSocketCloseFunc)(ExternalSourceSocket *socket, gpointer user_data);
 

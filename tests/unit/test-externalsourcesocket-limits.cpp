@@ -17,6 +17,7 @@ namespace
 
 constexpr gint64 STALL_US = 2 * G_TIME_SPAN_SECOND;
 constexpr gsize MIB = 1024 * 1024;
+constexpr off_t READ_AHEAD = 64 * 1024;
 
 const SyslogLines NO_MEMORY = failure("data", "Cannot allocate memory");
 
@@ -28,17 +29,21 @@ begin_message(const Producer &producer, gsize length)
   testhost::dispatch_ready();
 }
 
-/* A file with one message. */
 int
-open_file_with_message(const std::string &payload, int flags)
+open_file_with(const std::string &bytes, int flags)
 {
-  const std::string bytes = message(payload);
   const int written = open_empty_file();
 
   EXPECT_EQ(write(written, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   const int fd = teststream::reopen(written, O_RDONLY | flags);
   close(written);
   return fd;
+}
+
+int
+open_file_with_message(const std::string &payload, int flags)
+{
+  return open_file_with(message(payload), flags);
 }
 
 std::string
@@ -218,17 +223,89 @@ TEST_F(ExternalSourceSocketTest, EndlessEmptyMessagesDoNotBlockTheMainLoop)
       nullptr);
   EXPECT_TRUE(testhost::spin_until([&] { return turns == TURNS; }));
   EXPECT_LT(latency.longest_us(), STALL_US);
-  /* One message in each turn needs no more bytes than the read-ahead. */
   EXPECT_GT(lseek(shared_fd, 0, SEEK_CUR), 0);
-  EXPECT_LE(lseek(shared_fd, 0, SEEK_CUR), 64 * 1024);
+  EXPECT_LE(lseek(shared_fd, 0, SEEK_CUR),
+            static_cast<off_t>(TURNS * EXTERNAL_SOURCE_TURN_MESSAGES * sizeof(guint32) + READ_AHEAD));
   EXPECT_EQ(reader.events, NOTHING);
   close(shared_fd);
+}
+
+TEST_F(ExternalSourceSocketTest, EndlessMessagesLeaveOtherSourcesTheirTurns)
+{
+  struct Other {
+    const Reader *reader;
+    gsize turns;
+    gsize seen;
+    gsize most;
+  };
+  constexpr gsize TURNS = 100;
+  const faults::Rests clock([](gint64) {});
+  const std::string bytes = message("1");
+  std::string endless;
+  for (gsize i = 0; i < 2 * TURNS * EXTERNAL_SOURCE_TURN_MESSAGES; i++) {
+    endless += bytes;
+  }
+  Reader reader(open_file_with(endless, 0));
+  Other other = {&reader, 0, 0, 0};
+  const auto count = [](gpointer user_data) -> gboolean {
+    auto *self = static_cast<Other *>(user_data);
+    self->most = std::max(self->most, self->reader->events.size() - self->seen);
+    self->seen = self->reader->events.size();
+    return ++self->turns < TURNS;
+  };
+
+  g_idle_add_full(G_PRIORITY_DEFAULT, count, &other, nullptr);
+  while (other.turns < TURNS) {
+    ASSERT_TRUE(g_main_context_iteration(nullptr, FALSE));
+  }
+  EXPECT_EQ(other.most, EXTERNAL_SOURCE_TURN_MESSAGES);
+}
+
+/* Each delivery takes the given time, and a turn always relays one message. */
+TEST_F(ExternalSourceSocketTest, BeginsNoMessageAfterItsShareOfTheTurnsTime)
+{
+  constexpr gsize SOCKETS = 4;
+  constexpr gint64 SHARE_US = EXTERNAL_SOURCE_TURN_US / SOCKETS;
+  const faults::Rests clock([](gint64) {});
+  const std::vector<std::unique_ptr<Stream>> idle = idle_streams(SOCKETS - 1);
+
+  for (const auto &[delivery_us, messages] : {std::pair(SHARE_US / 5, 5U), std::pair(SHARE_US * 3, 1U)}) {
+    Stream stream(Carrier::PIPE, Mode::BLOCKING);
+    stream.during_data = [us = delivery_us] { faults::Rests::spend(us); };
+    for (gsize i = 0; i < 20; i++) {
+      stream.send(message("1"));
+    }
+
+    for (gsize turn = 1; turn <= 3; turn++) {
+      g_main_context_iteration(nullptr, FALSE);
+      EXPECT_EQ(stream.events.size(), turn * messages);
+    }
+    EXPECT_EQ(stream.take_events().size(), 20U);
+  }
+}
+
+TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfManyMessagesInEachTurn)
+{
+  constexpr gsize IDLE = 255;
+  constexpr gsize SHARE = EXTERNAL_SOURCE_TURN_BYTES / (IDLE + 1);
+  const faults::Rests clock([](gint64) {});
+  const std::string payload(SHARE / 4, 'x');
+  const std::vector<std::unique_ptr<Stream>> idle = idle_streams(IDLE);
+  Stream stream(Carrier::PIPE, Mode::BLOCKING);
+
+  for (gsize i = 0; i < 12; i++) {
+    stream.send(message(payload));
+  }
+  for (gsize turn = 1; turn <= 2; turn++) {
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_EQ(stream.events.size(), turn * 4);
+  }
+  EXPECT_EQ(stream.take_events(), frames(Texts(12, payload)));
 }
 
 TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfAMessageInEachTurn)
 {
   constexpr gsize SOCKETS = 4;
-  constexpr off_t READ_AHEAD = 64 * 1024;
   constexpr off_t SHARE = EXTERNAL_SOURCE_TURN_BYTES / SOCKETS;
   const std::string payload = numbers(8 * MIB);
   for (const int flags : {0, O_NONBLOCK}) {
