@@ -14,6 +14,10 @@
  * SPLICE_F_NONBLOCK. A file is read when poll() reports it as readable; such a read can block only in a file
  * system that waits for a peer.
  *
+ * Read-ahead: one read stores the missing bytes of a message where they belong, in its frame, and what comes
+ * after them in a buffer, from which the next messages are copied. The buffer is small, so that a short
+ * message needs few reads, and most of a long one is not copied.
+ *
  * Turns: one dispatch reads at most EXTERNAL_SOURCE_TURN_MESSAGES messages, and of their payloads at most
  * this socket's share of EXTERNAL_SOURCE_TURN_BYTES. If the first message begins in this turn, all open
  * sockets have an equal share, which limits a turn of the main loop, and no socket waits for another. If it
@@ -29,12 +33,12 @@
  *
  * Threads: the main thread reads, delivers, pauses and resumes. Any thread can close.
  *
- * Lock: protects the channel, the cutter with the current message, its deadline, the turn's limits, the id of
- * the watch, and whether the stream is catching up. The reader holds it for one message. Close holds it while
- * it shuts the channel down, so no read uses a descriptor number that already belongs to another file. The
- * account's lock is taken under it. While it is held, no callback is called, no other socket is closed, and
- * no watch is removed, because that can release the user data. The owner can hold its own lock while it
- * closes a socket without notification, and can take that lock in the callbacks.
+ * Lock: protects the channel, the read-ahead, the cutter with the current message, its deadline, the turn's
+ * limits, the id of the watch, and whether the stream is catching up. The reader holds it for one message.
+ * Close holds it while it shuts the channel down, so no read uses a descriptor number that already belongs to
+ * another file. The account's lock is taken under it. While it is held, no callback is called, no other
+ * socket is closed, and no watch is removed, because that can release the user data. The owner can hold its
+ * own lock while it closes a socket without notification, and can take that lock in the callbacks.
  *
  * Lifetime: the open socket and each of its watches count as holders. The holders share one reference to the
  * object and one to the user data. The last holder to go releases both, on its own thread. A paused socket
@@ -65,6 +69,20 @@ struct Turn {
   gint64 end_us; /* monotonic; no message begins after it, except the first */
 };
 
+/* Two places, one behind the other, for the bytes that a read returns. */
+using ReadSpace = std::array<iovec, 2>;
+
+/* Reads from a descriptor like readv(), but fails with EAGAIN instead of blocking. */
+using ReadFunc = gssize (*)(gint fd, ReadSpace *space);
+
+/* Bytes that were read beyond a message. */
+struct ReadAhead {
+  gsize size;
+  guint8 *bytes;
+  gsize begin; /* of those that are not copied yet */
+  gsize end;
+};
+
 struct _ExternalSourceSocket {
   GObject parent_instance;
 
@@ -77,6 +95,8 @@ struct _ExternalSourceSocket {
   GMutex lock;
   guint watch_id;
   GIOChannel *channel; /* NULL once closed */
+  ReadFunc read;       /* constant */
+  ReadAhead read_ahead;
   MessageCutter *cutter;
   gint64 deadline_us; /* of the unfinished message; monotonic, 0 without one */
   Turn turn;          /* the current or last one */
@@ -98,8 +118,9 @@ G_DEFINE_FINAL_TYPE(ExternalSourceSocket, external_source_socket, G_TYPE_OBJECT)
 namespace
 {
 
-/* The capacity of a pipe. GLib's default of 1 KiB would need more reads for a message. */
-constexpr gsize BUFFER_SIZE = 64 * 1024;
+/* The sizes of the read-ahead. A socket can have datagrams, of which a read drops what does not fit. */
+constexpr gsize READ_AHEAD_SIZE = 16 * 1024;
+constexpr gsize SOCKET_READ_AHEAD_SIZE = 64 * 1024;
 
 /* The numbers of open sockets and of unfinished messages. Atomic. */
 gint open_sockets;
@@ -109,9 +130,6 @@ gint unfinished_messages;
 RateLimitedLog refusals = RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
 constexpr auto CONDITIONS = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
-
-/* Reads from a descriptor like read(), but fails with EAGAIN instead of blocking. */
-using ReadFunc = gssize (*)(gint fd, gchar *buf, gsize count);
 
 /* Whether poll() reports data, the end of the stream or a failure. */
 gboolean
@@ -123,23 +141,28 @@ is_readable(gint fd)
 }
 
 gssize
-read_socket(gint fd, gchar *buf, gsize count)
+read_socket(gint fd, ReadSpace *space)
 {
-  return recv(fd, buf, count, MSG_DONTWAIT);
+  msghdr message = {};
+
+  message.msg_iov = space->data();
+  message.msg_iovlen = space->size();
+  return recvmsg(fd, &message, MSG_DONTWAIT);
 }
 
 /* Moves the bytes into a temporary pipe and reads them from there. */
 gssize
-read_spliced(gint fd, gchar *buf, gsize count)
+read_spliced(gint fd, ReadSpace *space)
 {
   std::array<gint, 2> ends = {-1, -1};
 
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     return -1;
   }
+  const gsize count = space->front().iov_len + space->back().iov_len;
   gssize size = splice(fd, nullptr, ends[1], nullptr, count, SPLICE_F_NONBLOCK);
   if (size > 0) {
-    size = read(ends[0], buf, size);
+    size = readv(ends[0], space->data(), space->size());
   }
   const int error_number = errno;
   close(ends[0]);
@@ -149,81 +172,39 @@ read_spliced(gint fd, gchar *buf, gsize count)
 }
 
 gssize
-read_pipe(gint fd, gchar *buf, gsize count)
+read_pipe(gint fd, ReadSpace *space)
 {
-  const iovec piece = {buf, count};
-  const gssize size = preadv2(fd, &piece, 1, -1, RWF_NOWAIT);
+  const gssize size = preadv2(fd, space->data(), space->size(), -1, RWF_NOWAIT);
 
   if (size >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
     return size;
   }
   /* vmsplice() would write to a FIFO that is open for reading and writing. */
-  return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY ? vmsplice(fd, &piece, 1, SPLICE_F_NONBLOCK)
-                                                      : read_spliced(fd, buf, count);
+  return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY
+             ? vmsplice(fd, space->data(), space->size(), SPLICE_F_NONBLOCK)
+             : read_spliced(fd, space);
 }
 
 gssize
-read_file(gint fd, gchar *buf, gsize count)
+read_file(gint fd, ReadSpace *space)
 {
   if (!is_readable(fd)) {
     errno = EAGAIN;
     return -1;
   }
-  return read(fd, buf, count);
+  return readv(fd, space->data(), space->size());
 }
 
-/* Sets errno on failure. */
-template <ReadFunc READ>
-GIOStatus
-read_descriptor(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read, GError **error)
+/* Selects how the descriptor is read. */
+void
+set_reader(ExternalSourceSocket *self, gint fd)
 {
-  const gssize size = TEMP_FAILURE_RETRY(READ(g_io_channel_unix_get_fd(channel), buf, count));
-  const int error_number = errno;
-
-  *bytes_read = std::max<gssize>(size, 0);
-  if (size >= 0) {
-    return size > 0 ? G_IO_STATUS_NORMAL : G_IO_STATUS_EOF;
-  }
-  if (error_number == EAGAIN) {
-    return G_IO_STATUS_AGAIN;
-  }
-  g_set_error_literal(error, G_IO_CHANNEL_ERROR, G_IO_CHANNEL_ERROR_FAILED, g_strerror(error_number));
-  errno = error_number;
-  return G_IO_STATUS_ERROR;
-}
-
-/* Returns GLib's functions of a channel with READ for reading. */
-template <ReadFunc READ>
-GIOFuncs *
-get_funcs(const GIOFuncs *glib_funcs)
-{
-  static GIOFuncs funcs = [glib_funcs] {
-    GIOFuncs copy = *glib_funcs;
-    copy.io_read = read_descriptor<READ>;
-    return copy;
-  }();
-
-  return &funcs;
-}
-
-GIOChannel *
-make_channel(gint fd)
-{
-  GIOChannel *channel = g_io_channel_unix_new(fd);
   struct stat status = {};
 
   fstat(fd, &status);
-  switch (status.st_mode & S_IFMT) {
-  case S_IFSOCK:
-    channel->funcs = get_funcs<read_socket>(channel->funcs);
-    break;
-  case S_IFIFO:
-    channel->funcs = get_funcs<read_pipe>(channel->funcs);
-    break;
-  default:
-    channel->funcs = get_funcs<read_file>(channel->funcs);
-  }
-  return channel;
+  self->read = S_ISSOCK(status.st_mode) ? read_socket : S_ISFIFO(status.st_mode) ? read_pipe : read_file;
+  self->read_ahead.size = S_ISSOCK(status.st_mode) ? SOCKET_READ_AHEAD_SIZE : READ_AHEAD_SIZE;
+  self->read_ahead.bytes = static_cast<guint8 *>(g_malloc(self->read_ahead.size));
 }
 
 ExternalSourceSocket *
@@ -248,32 +229,64 @@ release_hold(gpointer user_data)
 }
 
 void
-log_read_failure(const char *what, const char *message, int error_number)
+log_read_failure(const char *what, int error_number)
 {
-  syslog(LOG_ERR, "Could not read request %s from client socket: %s: %s", what, message,
-         g_strerror(error_number));
+  const char *text = g_strerror(error_number);
+
+  syslog(LOG_ERR, "Could not read request %s from client socket: %s: %s", what, text, text);
 }
 
-/* Reads from the channel in steps of its buffer's size. For a longer read GLib would grow the buffer, which
- * never shrinks, and end the process when it cannot grow. */
-GIOStatus
-read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read, GError **error)
+gboolean
+has_read_ahead(const ExternalSourceSocket *self)
 {
-  auto *buffer = static_cast<gchar *>(data);
-  GIOStatus status = G_IO_STATUS_NORMAL;
+  return self->read_ahead.begin < self->read_ahead.end;
+}
 
-  *bytes_read = 0;
-  while (*bytes_read < count && status == G_IO_STATUS_NORMAL) {
-    gsize piece = 0;
-    status = g_io_channel_read_chars(channel, buffer + *bytes_read,
-                                     std::min(count - *bytes_read, BUFFER_SIZE), &piece, error);
-    *bytes_read += piece;
-  }
-  if (*bytes_read > 0) {
-    g_clear_error(error);
+/* Returns the number of copied bytes. */
+gsize
+copy_read_ahead(ReadAhead *ahead, guint8 *space, gsize size)
+{
+  const gsize count = std::min(size, ahead->end - ahead->begin);
+
+  std::copy_n(ahead->bytes + ahead->begin, count, space);
+  ahead->begin += count;
+  return count;
+}
+
+/* Reads once, into the space and into the read-ahead, which is empty. Sets errno on failure. */
+GIOStatus
+read_descriptor(ExternalSourceSocket *self, guint8 *space, gsize size, gsize *count)
+{
+  ReadAhead *ahead = &self->read_ahead;
+  ReadSpace places = {{{space, size}, {ahead->bytes, ahead->size}}};
+  const gssize read = TEMP_FAILURE_RETRY(self->read(g_io_channel_unix_get_fd(self->channel), &places));
+
+  if (read > 0) {
+    *count = std::min<gsize>(read, size);
+    ahead->begin = 0;
+    ahead->end = read - *count;
     return G_IO_STATUS_NORMAL;
   }
-  return status;
+  if (read == 0) {
+    return G_IO_STATUS_EOF;
+  }
+  return errno == EAGAIN ? G_IO_STATUS_AGAIN : G_IO_STATUS_ERROR;
+}
+
+/* Reads until the space is full or a read fails. The failure of a read after others is not reported; the next
+ * one repeats it. */
+GIOStatus
+read_stream(ExternalSourceSocket *self, guint8 *space, gsize size, gsize *bytes_read)
+{
+  GIOStatus status = G_IO_STATUS_NORMAL;
+
+  *bytes_read = copy_read_ahead(&self->read_ahead, space, size);
+  while (*bytes_read < size && status == G_IO_STATUS_NORMAL) {
+    gsize count = 0;
+    status = read_descriptor(self, space + *bytes_read, size - *bytes_read, &count);
+    *bytes_read += count;
+  }
+  return *bytes_read > 0 ? G_IO_STATUS_NORMAL : status;
 }
 
 /* Reads into the message, at most @limit bytes of its payload. Logs a failure, in which @what names the part
@@ -281,17 +294,15 @@ read_channel(GIOChannel *channel, gpointer data, gsize count, gsize *bytes_read,
 GIOStatus
 read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *count)
 {
-  g_autoptr(GError) error = nullptr;
   gsize size = 0;
   guint8 *space = message_cutter_get_space(self->cutter, limit, &size);
-  const GIOStatus status = read_channel(self->channel, space, size, count, &error);
+  const GIOStatus status = read_stream(self, space, size, count);
 
   if (status == G_IO_STATUS_NORMAL) {
     message_cutter_add(self->cutter, *count);
   }
   if (status == G_IO_STATUS_ERROR) {
-    const int error_number = errno;
-    log_read_failure(what, error->message, error_number);
+    log_read_failure(what, errno);
   }
   return status;
 }
@@ -317,13 +328,6 @@ set_is_catching_up(ExternalSourceSocket *self, gboolean is_catching_up)
 {
   self->is_catching_up = is_catching_up;
   message_cutter_set_keeps_pieces(self->cutter, self->is_blocking || is_catching_up);
-}
-
-/* Called with the lock held, while the socket is open. */
-gboolean
-has_read_ahead(ExternalSourceSocket *self)
-{
-  return (g_io_channel_get_buffer_condition(self->channel) & G_IO_IN) != 0;
 }
 
 /* Ends the catching up when there is no data to read between two messages. Called with the lock held, while
@@ -412,7 +416,7 @@ begin_message(ExternalSourceSocket *self)
     return status;
   }
   if (message_cutter_get_length(self->cutter) > EXTERNAL_SOURCE_MAX_PAYLOAD) {
-    log_read_failure("data", g_strerror(EMSGSIZE), EMSGSIZE);
+    log_read_failure("data", EMSGSIZE);
     return G_IO_STATUS_ERROR;
   }
   message_reader_begin(self->reader, message_cutter_get_frame_size(self->cutter));
@@ -445,7 +449,7 @@ void
 end_for_lack_of_memory(ExternalSourceSocket *self)
 {
   if (g_atomic_int_get(&self->closed) == 0) {
-    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
+    log_read_failure("data", ENOMEM);
   }
   external_source_socket_close(self, TRUE);
 }
@@ -474,7 +478,7 @@ make_frame(ExternalSourceSocket *self)
   const gboolean is_made = message_cutter_make_frame(self->cutter);
 
   if (!is_made) {
-    log_read_failure("data", g_strerror(ENOMEM), ENOMEM);
+    log_read_failure("data", ENOMEM);
   }
   return is_made;
 }
@@ -554,6 +558,7 @@ external_source_socket_finalize(GObject *object)
   ExternalSourceSocket *self = EXTERNAL_SOURCE_SOCKET(object);
 
   g_free(self->source_name);
+  g_free(self->read_ahead.bytes);
   g_clear_pointer(&self->cutter, message_cutter_free);
   g_clear_pointer(&self->reader, message_reader_free);
   g_mutex_clear(&self->lock);
@@ -592,9 +597,8 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
 namespace
 {
 
-/* GLib checks a channel's buffer only after poll() has returned, which may never happen. Therefore the watch
- * is ready immediately while the buffer has data, and otherwise at the deadline of an unfinished message.
- * Called with the lock held. */
+/* The watch is ready immediately while there is read-ahead, and otherwise at the deadline of an unfinished
+ * message. Called with the lock held. */
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
@@ -659,7 +663,7 @@ relay_message(ExternalSourceSocket *self)
   }
 }
 
-/* Relays the messages of one turn. Data in the channel's buffer makes the watch ready again. */
+/* Relays the messages of one turn. Read-ahead makes the watch ready again. */
 gboolean
 on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 {
@@ -679,7 +683,7 @@ on_ready(GIOChannel *channel, GIOCondition condition, gpointer user_data)
 
   const char *overdue = find_overdue(self);
   if (overdue != nullptr) {
-    log_read_failure(overdue, g_strerror(ETIMEDOUT), ETIMEDOUT);
+    log_read_failure(overdue, ETIMEDOUT);
     external_source_socket_close(self, TRUE);
   }
   return pause_if_necessary(self) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
@@ -785,7 +789,6 @@ start_reading(ExternalSourceSocket *self)
     syslog(LOG_WARNING, "Failed to set encoding on channel: %s", error->message);
     return FALSE;
   }
-  g_io_channel_set_buffer_size(self->channel, BUFFER_SIZE);
 
   self->is_blocking = (fcntl(g_io_channel_unix_get_fd(self->channel), F_GETFL) & O_NONBLOCK) == 0;
   set_is_catching_up(self, FALSE);
@@ -867,7 +870,8 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
   self->source_name = g_strdup(source_name);
   self->cutter = make_cutter(source_name);
   self->reader = message_reader_new(account, G_OBJECT(self), on_resume);
-  self->channel = make_channel(consumer_fd);
+  self->channel = g_io_channel_unix_new(consumer_fd);
+  set_reader(self, consumer_fd);
   self->on_data = on_data;
   self->on_close = on_close;
   self->user_data = user_data;

@@ -26,6 +26,7 @@ struct Message {
   gsize left;    /* the number of payload bytes to read */
   gsize offset;  /* of the next read in the payload */
   gsize run;     /* the number of payload bytes since the last short read */
+  gsize stored;  /* the end of the payload bytes that are stored */
 };
 
 struct MessageCutter {
@@ -55,6 +56,7 @@ add_to_payload(MessageCutter *self, gsize count, gboolean is_short)
   message->left -= count;
   message->offset += count;
   message->run += count;
+  message->stored = std::max(message->stored, message->offset);
   if (is_short && !self->keeps_pieces) {
     message->offset = std::exchange(message->run, 0);
   }
@@ -163,8 +165,7 @@ message_cutter_get_frame_size(const MessageCutter *self)
  * message_cutter_make_frame:
  * @self: a cutter that needs a frame
  *
- * Allocates the frame with its two texts and a payload of zeros. Does not limit the length; the caller checks
- * it before.
+ * Allocates the frame with its two texts. Does not limit the length; the caller checks it before.
  *
  * Warnings: that @self needs a frame is a precondition.
  *
@@ -177,7 +178,7 @@ message_cutter_make_frame(MessageCutter *self)
 
   Message *message = &self->message;
 
-  message->frame = static_cast<guint8 *>(g_try_malloc0(message_cutter_get_frame_size(self)));
+  message->frame = static_cast<guint8 *>(g_try_malloc(message_cutter_get_frame_size(self)));
   if (message->frame == nullptr) {
     return FALSE;
   }
@@ -275,7 +276,8 @@ message_cutter_discard(MessageCutter *self)
  * @self: a cutter whose message is complete
  * @size: (out): the size of the frame
  *
- * Ends the message. The next byte is the first one of the next message.
+ * Ends the message. The next byte is the first one of the next message. Zeros are at the end of a payload
+ * whose parts overlapped.
  *
  * Warnings: that the message is complete is a precondition.
  *
@@ -288,8 +290,13 @@ message_cutter_take_frame(MessageCutter *self, gsize *size)
   *size = 0;
   g_return_val_if_fail(message_cutter_get_state(self) == MESSAGE_CUTTER_COMPLETE, nullptr);
 
-  guint8 *frame = std::exchange(self->message.frame, nullptr);
-  *size = frame != nullptr ? message_cutter_get_frame_size(self) : 0;
+  const Message *message = &self->message;
+  guint8 *frame = message->frame;
+  if (frame != nullptr) {
+    std::fill_n(frame + self->frame_start.size() + message->stored, message->length - message->stored, 0);
+    *size = message_cutter_get_frame_size(self);
+  }
+  self->message.frame = nullptr;
   message_cutter_discard(self);
   return frame;
 }

@@ -102,6 +102,26 @@ run_once(std::function<void()> *hook)
   }
 }
 
+/* Returns the result of a read. */
+ssize_t
+run_after_empty_read(ssize_t size)
+{
+  std::function<void()> hook;
+
+  if (size >= 0 || errno != EAGAIN) {
+    return size;
+  }
+  {
+    std::lock_guard guard(lock);
+    hook = empty_read_hook;
+  }
+  if (hook) {
+    hook();
+  }
+  errno = EAGAIN;
+  return size;
+}
+
 } // namespace
 
 namespace faults
@@ -357,6 +377,8 @@ ssize_t __real_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, 
 ssize_t __wrap_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags);
 ssize_t __real_recv(int fd, void *buf, size_t count, int flags);
 ssize_t __wrap_recv(int fd, void *buf, size_t count, int flags);
+ssize_t __real_recvmsg(int fd, msghdr *message, int flags);
+ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags);
 ssize_t __real_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags);
 ssize_t __wrap_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags);
 ssize_t __real_vmsplice(int fd, const iovec *pieces, size_t count, unsigned flags);
@@ -377,10 +399,6 @@ guint __wrap_g_io_add_watch_full(GIOChannel *channel, gint priority, GIOConditio
                                  gpointer user_data, GDestroyNotify notify);
 GIOStatus __real_g_io_channel_flush(GIOChannel *channel, GError **error);
 GIOStatus __wrap_g_io_channel_flush(GIOChannel *channel, GError **error);
-GIOStatus __real_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
-                                         GError **error);
-GIOStatus __wrap_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
-                                         GError **error);
 GIOStatus __real_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 GIOStatus __wrap_g_io_channel_set_encoding(GIOChannel *channel, const gchar *encoding, GError **error);
 gulong __real_g_signal_connect_data(gpointer instance, const gchar *signal, GCallback handler,
@@ -399,8 +417,8 @@ gint64 __real_g_get_monotonic_time(void);
 gint64 __wrap_g_get_monotonic_time(void);
 void __real_g_mutex_unlock(GMutex *mutex);
 void __wrap_g_mutex_unlock(GMutex *mutex);
-gpointer __real_g_try_malloc0(gsize size);
-gpointer __wrap_g_try_malloc0(gsize size);
+gpointer __real_g_try_malloc(gsize size);
+gpointer __wrap_g_try_malloc(gsize size);
 GThread *__real_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
 GThread *__wrap_g_thread_try_new(const gchar *name, GThreadFunc func, gpointer data, GError **error);
 GThreadPool *__real_g_thread_pool_new_full(GFunc function, gpointer user_data, GDestroyNotify item_free,
@@ -499,7 +517,7 @@ ssize_t
 __wrap_preadv64v2(int fd, const iovec *pieces, int count, off_t offset, int flags)
 {
   read_calls++;
-  return __real_preadv64v2(fd, pieces, count, offset, flags);
+  return run_after_empty_read(__real_preadv64v2(fd, pieces, count, offset, flags));
 }
 
 ssize_t
@@ -510,17 +528,24 @@ __wrap_recv(int fd, void *buf, size_t count, int flags)
 }
 
 ssize_t
+__wrap_recvmsg(int fd, msghdr *message, int flags)
+{
+  read_calls++;
+  return run_after_empty_read(__real_recvmsg(fd, message, flags));
+}
+
+ssize_t
 __wrap_splice(int from, off_t *from_offset, int to, off_t *to_offset, size_t count, unsigned flags)
 {
   read_calls++;
-  return __real_splice(from, from_offset, to, to_offset, count, flags);
+  return run_after_empty_read(__real_splice(from, from_offset, to, to_offset, count, flags));
 }
 
 ssize_t
 __wrap_vmsplice(int fd, const iovec *pieces, size_t count, unsigned flags)
 {
   read_calls++;
-  return __real_vmsplice(fd, pieces, count, flags);
+  return run_after_empty_read(__real_vmsplice(fd, pieces, count, flags));
 }
 
 guint
@@ -554,23 +579,6 @@ __wrap_g_io_channel_flush(GIOChannel *channel, GError **error)
   const GIOStatus status = __real_g_io_channel_flush(channel, error);
 
   run_once(&flush_hook);
-  return status;
-}
-
-GIOStatus
-__wrap_g_io_channel_read_chars(GIOChannel *channel, gchar *buf, gsize count, gsize *bytes_read,
-                               GError **error)
-{
-  const GIOStatus status = __real_g_io_channel_read_chars(channel, buf, count, bytes_read, error);
-  std::function<void()> hook;
-  {
-    std::lock_guard guard(lock);
-    hook = empty_read_hook;
-  }
-
-  if (hook && status == G_IO_STATUS_AGAIN) {
-    hook();
-  }
   return status;
 }
 
@@ -657,9 +665,9 @@ __wrap_g_mutex_unlock(GMutex *mutex)
 }
 
 gpointer
-__wrap_g_try_malloc0(gsize size)
+__wrap_g_try_malloc(gsize size)
 {
-  return take_failure(faults::Call::TRY_MALLOC0) ? nullptr : __real_g_try_malloc0(size);
+  return take_failure(faults::Call::TRY_MALLOC) ? nullptr : __real_g_try_malloc(size);
 }
 
 GThread *

@@ -25,7 +25,7 @@ enum class Call {
   THREAD_NEW,
   THREAD_POOL_NEW,
   THREAD_POOL_PUSH,
-  TRY_MALLOC0,
+  TRY_MALLOC,
 };
 
 /* Makes the next call fail after @skipped calls. */
@@ -100,8 +100,7 @@ private:
 /* Runs @hook once, on the calling thread, after the next flush of a channel. */
 void after_next_flush(std::function<void()> hook);
 
-/* Runs @hook on the reading thread after each read of a channel that finds no data, until it is set to null.
- */
+/* Runs @hook on the reading thread after each read of a stream that finds no data, until it is null. */
 void after_empty_reads(std::function<void()> hook);
 
 /* Replaces the clock and each wait in g_cond_wait_until() while this object lives. For each thread the clock

@@ -17,7 +17,7 @@ namespace
 
 constexpr gint64 STALL_US = 2 * G_TIME_SPAN_SECOND;
 constexpr gsize MIB = 1024 * 1024;
-constexpr off_t READ_AHEAD = 64 * 1024;
+constexpr off_t READ_AHEAD = 16 * 1024 + sizeof(guint32);
 
 const SyslogLines NO_MEMORY = failure("data", "Cannot allocate memory");
 

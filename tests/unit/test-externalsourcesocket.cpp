@@ -233,7 +233,7 @@ TEST_P(AnyStreamTest, EndsWithoutMemoryForTheFrame)
 {
   Stream stream(GetParam());
 
-  faults::fail_next(faults::Call::TRY_MALLOC0);
+  faults::fail_next(faults::Call::TRY_MALLOC);
   stream.send(message("1"));
   EXPECT_EQ(stream.take_events(), ENDED);
   EXPECT_EQ(testhost::take_syslog(), failure("data", "Cannot allocate memory"));

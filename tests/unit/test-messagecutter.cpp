@@ -287,7 +287,7 @@ TEST_F(MessageCutterTest, ReportsMissingMemory)
   Texts frames;
 
   read_some(&bytes);
-  faults::fail_next(faults::Call::TRY_MALLOC0);
+  faults::fail_next(faults::Call::TRY_MALLOC);
   EXPECT_FALSE(message_cutter_make_frame(cutter));
   EXPECT_EQ(message_cutter_get_state(cutter), MESSAGE_CUTTER_NEEDS_FRAME);
   step(&bytes, &frames, G_MAXSIZE);
