@@ -28,6 +28,7 @@
  */
 #include "connectionmanager.h"
 
+#include "clientcredentials.h"
 #include "elementwarnings.h"
 #include "memory.h"
 #include "ratelimitedlog.h"
@@ -330,6 +331,7 @@ stop_pipeline(ConnectionManager *conn)
     return;
   }
   syslog(LOG_ERR, "Could not stop connection manager pipeline.");
+  client_credentials_log(conn->priv->fd, "an element of the stream did not stop");
   stop_children(GST_BIN(conn->priv->pipeline));
   set_to_null(conn->priv->pipeline);
 }
@@ -535,6 +537,7 @@ read_client_input(ConnectionManager *conn, guint *syncs)
   }
   if (length < 0 && errno == EAGAIN) {
     syslog(LOG_ERR, "Reading incoming metadata request interrupted, shutting down.");
+    client_credentials_log(conn->priv->fd, "stream ended: there was no input to read");
   }
   return FALSE;
 }
@@ -550,7 +553,7 @@ is_watched(ConnectionManager *conn, const guint *watch_id)
 
 /* A failed write only means that the client has hung up. */
 void
-log_pipeline_error(GstMessage *message)
+log_pipeline_error(ConnectionManager *conn, GstMessage *message)
 {
   g_autoptr(GError) error = nullptr;
   g_autofree gchar *debug = nullptr;
@@ -558,6 +561,7 @@ log_pipeline_error(GstMessage *message)
   gst_message_parse_error(message, &error, &debug);
   if (!g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE)) {
     syslog(LOG_ERR, "Error in metadata connection manager pipeline: %s.", error->message);
+    client_credentials_log(conn->priv->fd, "stream failed: %s", error->message);
   }
 }
 
@@ -570,7 +574,7 @@ log_refusal_to_play(ConnectionManager *conn)
   g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
 
   if (message != nullptr) {
-    log_pipeline_error(message);
+    log_pipeline_error(conn, message);
   }
 }
 
@@ -743,7 +747,7 @@ on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
     end(conn, StopSide::BUS, CONNECTION_MANAGER_STATUS_STOPPED);
     return G_SOURCE_REMOVE;
   case GST_MESSAGE_ERROR:
-    log_pipeline_error(message);
+    log_pipeline_error(conn, message);
     end(conn, StopSide::BUS, CONNECTION_MANAGER_STATUS_ERROR);
     return G_SOURCE_REMOVE;
   case GST_MESSAGE_WARNING:

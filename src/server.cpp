@@ -19,6 +19,7 @@
  */
 #include "server.h"
 
+#include "clientcredentials.h"
 #include "clientplaces.h"
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
@@ -35,6 +36,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <glib/gstdio.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -73,6 +75,10 @@ namespace
 constexpr int POOL_THREADS = 2;
 
 constexpr const char *NOT_CREATED = "FAIL\nCould not create metadata, Internal server error.";
+constexpr const char *NOT_PRODUCED = "FAIL\nCould not produce metadata, Internal server error.";
+
+/* Every refusal is this and a reason. */
+constexpr std::string_view FAILURE_START = "FAIL\n";
 
 constexpr const char *PLACE_KEY = "tessard-client-place";
 
@@ -121,6 +127,14 @@ reply(GIOChannel *channel, const gchar *text)
 {
   g_io_channel_write_chars(channel, text, static_cast<gssize>(strlen(text) + 1), nullptr, nullptr);
   g_io_channel_flush(channel, nullptr);
+}
+
+/* Sends the whole reply to a request that fails. */
+void
+refuse(int fd, GIOChannel *channel, const gchar *failure)
+{
+  client_credentials_log(fd, "request refused: %s", failure + FAILURE_START.size());
+  reply(channel, failure);
 }
 
 void
@@ -206,7 +220,7 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   g_autoptr(ConnectionManager) manager = connection_manager_new(sources, connection->fd);
   if (manager == nullptr) {
     g_list_free_full(sources, gst_object_unref);
-    reply(channel, NOT_CREATED);
+    refuse(connection->fd, channel, NOT_CREATED);
     return;
   }
 
@@ -214,7 +228,7 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   g_object_set_data_full(G_OBJECT(manager), PLACE_KEY, std::exchange(connection->place, nullptr),
                          [](gpointer place) { client_place_free(static_cast<ClientPlace *>(place)); });
   if (!connection_manager_prepare(manager)) {
-    reply(channel, "FAIL\nCould not produce metadata, Internal server error.");
+    refuse(fd, channel, NOT_PRODUCED);
     request_channel_discard_input(fd);
     return;
   }
@@ -240,7 +254,7 @@ handle_connection(Connection *item)
   g_autofree gchar *failure = nullptr;
   GList *sources = read_request_and_create_sources(connection, channel, &failure);
   if (sources == nullptr) {
-    reply(channel, failure);
+    refuse(connection->fd, channel, failure);
     return;
   }
   serve(connection, channel, sources);
@@ -276,20 +290,10 @@ on_request_read(RequestReader *reader, gpointer user_data)
   g_autoptr(GError) error = nullptr;
   if (!g_thread_pool_push(priv->pool, connection, &error)) {
     syslog(LOG_WARNING, "Could not push metadata client request: %s.", error->message);
+    client_credentials_log(connection->fd, "connection closed: %s", error->message);
     return;
   }
   g_steal_pointer(&connection);
-}
-
-/* Returns the user of the client's process. */
-uid_t
-get_user(int fd)
-{
-  ucred credentials = {};
-  socklen_t size = sizeof credentials;
-
-  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
-  return credentials.uid;
 }
 
 gboolean
@@ -308,9 +312,10 @@ may_wait(Server *self, uid_t user)
 void
 read_request(Server *self, int fd)
 {
-  const uid_t user = get_user(fd);
+  const uid_t user = client_credentials_get_user(fd);
   if (!may_wait(self, user)) {
     syslog(LOG_WARNING, "Too many unprocessed metadata requests, dropping one.");
+    client_credentials_log(fd, "connection closed: too many requests wait");
     close_accepted(fd);
     return;
   }
@@ -337,6 +342,7 @@ void
 refuse_for_shortage(int fd)
 {
   log_shortage();
+  client_credentials_log(fd, "request refused: too few free file descriptors");
   send(fd, NOT_CREATED, strlen(NOT_CREATED) + 1, MSG_DONTWAIT | MSG_NOSIGNAL);
   close_accepted(fd);
 }

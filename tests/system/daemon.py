@@ -27,6 +27,7 @@ from waiting import BOUND_SECONDS, wait_until
 ERROR = 3
 WARNING = 4
 INFO = 6
+DEBUG = 7
 
 VIDEO_TRACKER, RADAR_TRACKER = "VideoMotionTracker", "RadarMotionTracker"
 
@@ -162,7 +163,8 @@ EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS
 
 
 class Log:
-    """Receives the lines that the preloaded library sends, as (priority, text)."""
+    """Receives the lines that the preloaded library sends, as (priority, text). Those of debug priority are in a list of
+    their own, which a test need not read."""
 
     LINE_MAX_BYTES = 64 * 1024
     MARK = b"all earlier lines have arrived"
@@ -173,6 +175,7 @@ class Log:
         self.socket.bind(self.path)
         os.chmod(self.path, 0o666)
         self.lines = []
+        self.debug_lines = []
         self.taken = set()
         self.marks = 0
         self.changed = threading.Condition()
@@ -187,7 +190,10 @@ class Log:
                     self.marks += 1
                 else:
                     priority, text = re.fullmatch(r"<(\d+)>(.*)", datagram.decode(), re.DOTALL).groups()
-                    self.lines.append((int(priority), text))
+                    if int(priority) == DEBUG:
+                        self.debug_lines.append(text)
+                    else:
+                        self.lines.append((int(priority), text))
                 self.changed.notify_all()
 
     def _send(self, datagram):

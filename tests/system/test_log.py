@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The system log: clients control neither the length nor the number of its lines."""
 
+import os
 import re
 
 import pytest
@@ -75,6 +76,36 @@ def test_many_requests_make_one_short_line_each(start_daemon):
 
     lines = daemon.log.take(REQUESTS)
     assert lines == [(WARNING, CHANNEL_BOUNDS % clipped("9" * DIGITS))] * REQUESTS
+
+
+def own_lines(*texts):
+    """The lines of debug priority about clients of this process."""
+    return [f"process {os.getpid()} of user {os.getuid()}: {text}" for text in texts]
+
+
+def test_client_of_a_refusal_is_in_a_line_of_its_own(start_daemon):
+    daemon = start_daemon()
+    # The first request, which waits for the start, is refused too.
+    assert set(daemon.log.debug_lines) == set(own_lines("request refused: Bad request, no metadata can be produced."))
+    daemon.log.debug_lines.clear()
+
+    exchange(daemon, "event", HOSTILE)
+    assert daemon.log.take(1) == [(WARNING, EVENT % ESCAPED)]
+    with daemon.client() as client:
+        client.send(b"CLOSE\n")
+        assert client.read_to_end() == b"FAIL\nUnknown: request: CLOSE\n (6)\0"
+    assert daemon.log.take() == []
+    assert daemon.log.debug_lines == own_lines(
+        f"request refused: Unable to create source: {EVENT % ESCAPED}.",
+        "request refused: Unknown: request: CLOSE\\x0a (6)")
+
+
+def test_stream_has_no_line_about_its_client(daemon):
+    daemon.log.debug_lines.clear()
+    daemon.expect_stream()
+
+    assert daemon.log.take() == []
+    assert daemon.log.debug_lines == []
 
 
 def test_unit_limits_the_rate_of_lines():

@@ -26,6 +26,7 @@ struct End {
   const char *name;
   void (*end)(Connection *connection);
   SyslogLines lines;
+  const char *told = nullptr; /* of the client, at debug priority; NULL for nothing */
 };
 
 const std::vector<End> ENDS = {
@@ -42,13 +43,15 @@ const std::vector<End> ENDS = {
      [](Connection *connection) {
        GST_ELEMENT_ERROR(connection->source, STREAM, FAILED, ("Out of order"), (nullptr));
      },
-     {{LOG_ERR, "Error in metadata connection manager pipeline: Out of order."}}},
+     {{LOG_ERR, "Error in metadata connection manager pipeline: Out of order."}},
+     "stream failed: Out of order"},
     /* docs/compatibility.md, "two full stops". */
     {"PipelineErrorWithAFullStop",
      [](Connection *connection) {
        GST_ELEMENT_ERROR(connection->source, RESOURCE, READ, ("100%% lost."), (nullptr));
      },
-     {{LOG_ERR, "Error in metadata connection manager pipeline: 100% lost.."}}},
+     {{LOG_ERR, "Error in metadata connection manager pipeline: 100% lost.."}},
+     "stream failed: 100% lost."},
     {"FailedWrite",
      [](Connection *connection) {
        GST_ELEMENT_ERROR(connection->source, RESOURCE, WRITE, ("Client gone"), (nullptr));
@@ -59,6 +62,15 @@ const std::vector<End> ENDS = {
 class ConnectionManagerEndTest : public ConnectionManagerTest, public testing::WithParamInterface<End>
 {
 };
+
+/* The lines about the client, which is this process. */
+testhost::Texts
+lines_about_the_client(const End &end)
+{
+  const std::string client = "process " + std::to_string(getpid()) + " of user " + std::to_string(getuid());
+
+  return end.told != nullptr ? testhost::Texts{client + ": " + end.told} : testhost::Texts();
+}
 
 /* One iteration of the main loop. It dispatches everything that is ready when it begins. */
 void
@@ -212,6 +224,7 @@ TEST_P(ConnectionManagerEndTest, OfAStreamReleasesTheManager)
   GetParam().end(&connection);
   connection.expect_gone();
   EXPECT_EQ(testhost::take_syslog(), GetParam().lines);
+  EXPECT_EQ(testhost::take_debug_lines(), lines_about_the_client(GetParam()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Ends, ConnectionManagerEndTest, testing::ValuesIn(ENDS),

@@ -42,6 +42,10 @@ protected:
     EXPECT_EQ(dropped.received(), "");
     EXPECT_EQ(testhost::take_syslog(),
               (SyslogLines{{LOG_WARNING, "Too many unprocessed metadata requests, dropping one."}}));
+    const Texts told = testhost::take_debug_lines();
+    EXPECT_EQ(told.empty() ? "nothing" : told.back(), "process " + std::to_string(getpid()) + " of user " +
+                                                          std::to_string(getuid()) +
+                                                          ": connection closed: too many requests wait");
   }
 
   static void expect_refused(Client *client)

@@ -35,6 +35,7 @@ constexpr int MAX_DESCRIPTORS = 1024;
 constexpr const char *TRACERS = "leaks(filters=\"GstElement,GstPad,GstBus\")";
 
 List<SyslogLine> syslog_lines;
+List<std::string> debug_lines;
 List<std::string> glib_messages;
 
 void keep_syslog_line(int priority, const char *format, va_list args) G_GNUC_PRINTF(2, 0);
@@ -46,7 +47,11 @@ keep_syslog_line(int priority, const char *format, va_list args)
   const int length = vsnprintf(text.data(), text.size(), format, args);
 
   text.resize(std::min<gsize>(length, text.size() - 1));
-  syslog_lines.add({priority, text});
+  if (priority == LOG_DEBUG) {
+    debug_lines.add(text);
+  } else {
+    syslog_lines.add({priority, text});
+  }
 }
 
 void
@@ -219,6 +224,12 @@ SyslogLines
 take_syslog()
 {
   return syslog_lines.take();
+}
+
+Texts
+take_debug_lines()
+{
+  return debug_lines.take();
 }
 
 gsize
@@ -513,6 +524,7 @@ Fixture::TearDown()
 
   EXPECT_EQ(sources_since(first_source_id_), std::set<guint>()) << "sources left in the main context";
   EXPECT_EQ(take_syslog(), SyslogLines()) << "lines that the test did not expect";
+  take_debug_lines();
   EXPECT_EQ(take_glib_messages(), Texts()) << "messages that the test did not expect";
 
   std::error_code error;

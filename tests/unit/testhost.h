@@ -47,8 +47,11 @@ std::ostream &operator<<(std::ostream &stream, const SyslogLine &line);
 using SyslogLines = std::vector<SyslogLine>;
 using Texts = std::vector<std::string>;
 
-/* All lines since the last call, in order. Any thread. */
+/* All lines since the last call, in order, without those of debug priority. Any thread. */
 SyslogLines take_syslog();
+
+/* The texts of debug priority since the last call, in order. A test need not take them. Any thread. */
+Texts take_debug_lines();
 
 /* The number of lines that were not taken. Any thread. */
 gsize syslog_size();

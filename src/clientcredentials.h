@@ -1,0 +1,15 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <glib.h>
+#include <sys/types.h>
+
+G_BEGIN_DECLS
+
+/* Any thread can call the functions of this component. */
+
+uid_t client_credentials_get_user(gint fd);
+
+void client_credentials_log(gint fd, const gchar *format, ...) G_GNUC_PRINTF(2, 3);
+
+G_END_DECLS
