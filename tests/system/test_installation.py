@@ -2,12 +2,15 @@
 """The contents of an installation."""
 
 import json
+import os
 import pathlib
+import re
 import subprocess
 
 import pytest
 
-from installation import TREE, build_folder
+from controlclient import NAME
+from installation import TREE, build_folder, build_option
 
 SMALLEST = ["-Dtests=false", "-Dplugins=false", "-Dreceiver=false", "-Dsim=false", "-Dtools=false", "-Ddocs=false"]
 PLUGINS_ONLY = [option.replace("plugins=false", "plugins=true") for option in SMALLEST]
@@ -48,3 +51,50 @@ def test_plugin_folder_that_gstreamer_does_not_read_is_warned_of(tmp_path, prefi
                            check=True)
 
     assert (UNREAD_PLUGINS.format(f"{prefix}/{libdir}/gstreamer-1.0") in setup.stdout) is warned
+
+
+@pytest.fixture
+def pkg_config(installation):
+    """Asks for the installed tessard.pc, as the build of another program does."""
+    environment = os.environ | {"PKG_CONFIG_PATH": str(installation.prefix / build_option("datadir") / "pkgconfig")}
+
+    def ask(option):
+        return subprocess.run(["pkg-config", option, "tessard"], env=environment, check=True, capture_output=True,
+                              text=True).stdout.strip()
+
+    return ask
+
+
+@pytest.fixture
+def packaged(pkg_config):
+    return lambda name: pkg_config(f"--variable={name}")
+
+
+def test_package_has_the_clients_socket(packaged):
+    main = (TREE / "src/main.cpp").read_text(encoding="utf-8")
+    unit = (TREE / "data/tessard.socket").read_text(encoding="utf-8")
+    (run_dir,) = re.findall(r'DEFAULT_RUN_DIR = "(.*)";', main)
+
+    assert packaged("socket") == f"{run_dir}/metadata"
+    assert f"\nListenStream={packaged('socket')}\n" in unit
+
+
+def test_package_has_the_bus_name_and_its_interfaces(installation, packaged):
+    prefix, folder = build_option("prefix"), packaged("interfaces_dir")
+    described = installation.prefix / pathlib.PurePath(folder).relative_to(prefix) / f"{packaged('bus_name')}.xml"
+
+    assert packaged("bus_name") == NAME
+    assert f'<interface name="{NAME}.Producer">' in described.read_text(encoding="utf-8")
+
+
+def test_package_has_the_producers_file(packaged):
+    option = build_option("producers_conf")
+
+    assert packaged("producers_conf") == (option if os.path.isabs(option) else "/etc/tessard/producers.conf")
+
+
+def test_package_has_the_version(pkg_config):
+    project = json.loads((build_folder() / "meson-info/intro-projectinfo.json").read_text(encoding="utf-8"))
+
+    assert pkg_config("--modversion") == project["version"]
+    assert pkg_config("--libs") == ""
