@@ -2,7 +2,7 @@
 /* Measures the processor time that tessardproducer takes for a video frame, of all threads of the process,
  * and prints a table. The element identity is measured beside it: both get the same frames in turn.
  *
- *   ninja -C build-desk bench/tessardproducer-times && build-desk/bench/tessardproducer-times
+ *   ninja -C build-desk benchmarks/tessardproducer-times && build-desk/benchmarks/tessardproducer-times
  *
  * With a receiver on the bus, which "./demo --serve --env FILE" starts, items are sent, otherwise they are
  * dropped. The table says which.

@@ -3,7 +3,7 @@
  * and prints a table. The conversion with json-glib and libxml2, which tests compare with, is measured beside
  * it: both convert the same frames in turn.
  *
- *   ninja -C build-desk bench/json2xml-times && build-desk/bench/json2xml-times
+ *   ninja -C build-desk benchmarks/json2xml-times && build-desk/benchmarks/json2xml-times
  */
 #include "oraclefragment.h"
 #include "oracleframe.h"

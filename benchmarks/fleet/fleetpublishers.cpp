@@ -10,7 +10,7 @@
  * prefix, and the payload, with tabs between them. States and changes are retained; states are sent once, at
  * the begin.
  *
- * bench/fleet-load starts this program. */
+ * benchmarks/fleet-load starts this program. */
 #include "fleetoptions.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
  * time in a message to its arrival in this process. Messages with a time before the beginning or after the
  * end do not count.
  *
- * bench/fleet-load starts this program. */
+ * benchmarks/fleet-load starts this program. */
 #include "fleetoptions.h"
 
 #include <algorithm>
