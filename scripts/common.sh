@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the sourcing scripts use the variables
-# The common part of demo, check and soak, which source it under `set -euo pipefail`.
+# The common part of demo, check, soak and bench, which source it under `set -euo pipefail`.
 #
 # `start` starts every long-running process in a process group of its own. `cleanup` ends them; the traps below call it
 # on every exit of the script. Temporary files are in $WORK, below /tmp, because the tree itself may be in a folder that

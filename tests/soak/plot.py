@@ -1,10 +1,14 @@
 # SPDX-License-Identifier: MIT
 """Draws the plot of a soak as SVG: one panel for each figure, over the time of the run."""
 
-import math
-import xml.sax.saxutils
+import pathlib
+import sys
 
-from records import PEERS, PROBES, REPLY, series_name
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+
+from svg import document, line, paths, text, ticks_of  # noqa: E402
+
+from records import PEERS, PROBES, REPLY, series_name  # noqa: E402
 
 WIDTH, PANEL_HEIGHT = 900, 150
 LEFT, RIGHT, TOP, GAP, BOTTOM = 80, 210, 56, 34, 44
@@ -39,41 +43,6 @@ def panels_of(records):
                 [(peer, p99(series_name(peer, probe))) for peer in PEERS]) for probe in PROBES),
         Panel("reply to a request, 99th percentile, ms", [("clients", p99(REPLY))]),
     ]
-
-
-def round_step(top, ticks):
-    """A step of 1, 2 or 5 times a power of ten that makes about this many ticks."""
-    raw = top / ticks
-    power = 10 ** math.floor(math.log10(raw))
-    return next(factor * power for factor in (1, 2, 5, 10) if factor * power >= raw)
-
-
-def ticks_of(top, ticks):
-    """The positions of an axis' ticks, the last one at its end."""
-    step = round_step(top, ticks)
-    return [number * step for number in range(math.ceil(top / step) + 1)]
-
-
-def text(x, y, content, anchor="start", size=12, more=""):
-    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" font-size="{size}"{more}>'
-            f"{xml.sax.saxutils.escape(content)}</text>")
-
-
-def line(x1, y1, x2, y2, colour):
-    return f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"/>'
-
-
-def paths(points, colour):
-    """Joins points; None ends a part of the line."""
-    pieces, piece = [], []
-    for point in [*points, None]:
-        if point is not None:
-            piece.append("%.1f,%.1f" % point)
-        elif piece:
-            pieces.append(piece)
-            piece = []
-    return [f'<polyline fill="none" stroke="{colour}" stroke-width="1.5" points="{" ".join(found)}"/>'
-            for found in pieces]
 
 
 def draw_panel(panel, top, minutes, ticks_x):
@@ -117,7 +86,4 @@ def draw(run, title):
         x = LEFT + (WIDTH - LEFT - RIGHT) * tick / ticks_x[-1]
         drawn.append(text(x, bottom, f"{tick:g}", "middle"))
     drawn.append(text((LEFT + WIDTH - RIGHT) / 2, bottom + 20, "minutes", "middle"))
-    body = "\n".join(drawn)
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" '
-            f'height="{height}" font-family="sans-serif" fill="#222222">\n'
-            f'<rect width="{WIDTH}" height="{height}" fill="#ffffff"/>\n{body}\n</svg>\n')
+    return document(WIDTH, height, drawn)

@@ -1,0 +1,173 @@
+# SPDX-License-Identifier: MIT
+"""The processor time and the throughput of messages from a producer to its clients.
+
+The daemon and the bare pipeline have the same pass-through elements, so that their difference is the daemon's. In a
+round each client gets the same number of messages from a stream of its own. The rounds of a pair follow each other; the
+processor time is that of all threads of the measured process."""
+
+import contextlib
+import os
+import shutil
+
+import figures
+from plots import Chart
+from stage import Bus, Daemon, Load, Process, connects, running, wait_until
+from tables import Goal, Table, bytes_text, microseconds
+
+NAME = "relay"
+DAEMON, BARE, COPY, PRODUCT, BROKER = "daemon", "bare pipeline", "bare copy", "with json2xml", "mosquitto"
+
+SIZES = (50, 200, 1024, 10 * 1024, 100 * 1024)
+CLIENTS = (1, 8, 32)
+BROKER_CLIENTS = (1, 32)
+
+# About the time of a round on one core, with the rough cost of a message: for each one, and for each of its bytes.
+ROUND_SECONDS = 0.12
+MESSAGE_SECONDS, BYTE_SECONDS = 15e-6, 0.7e-9
+PRODUCT_MESSAGE_SECONDS, PRODUCT_BYTE_SECONDS = 40e-6, 40e-9
+LEAST_MESSAGES = 8
+
+GOAL = 1.05
+
+
+def count_for(size, clients, effort, product=False):
+    """The messages of a round for each client."""
+    each = PRODUCT_MESSAGE_SECONDS if product else MESSAGE_SECONDS
+    byte = PRODUCT_BYTE_SECONDS if product else BYTE_SECONDS
+    return max(LEAST_MESSAGES, int(effort.scale * ROUND_SECONDS / (each + byte * size) / clients))
+
+
+def program_load(stage, plugins, name, clients):
+    """A load through a program that inherits its streams."""
+    program = stage.program(name)
+    return Load(stage, ["program", clients, program], plugins.environment(program))
+
+
+def daemon_load(stage, bus, daemon, clients):
+    """A load through a daemon on whose bus nothing else is."""
+    return Load(stage, ["daemon", daemon.socket_path, daemon.pid, clients],
+                dict(os.environ) | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address})
+
+
+@contextlib.contextmanager
+def started_daemon(stage, plugins, **arguments):
+    """A daemon with a bus of its own."""
+    with running(Bus(stage)) as bus, running(Daemon(stage, bus, plugins, **arguments)) as daemon:
+        yield bus, daemon.wait_until_listening()
+
+
+def broker_program():
+    """The path of mosquitto, None if it is not installed."""
+    return shutil.which("mosquitto", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
+
+
+@contextlib.contextmanager
+def started_broker(stage):
+    folder = stage.new_folder()
+    path = folder / "socket"
+    # Without a limit of the queue nothing is dropped; the load limits what is under way.
+    (folder / "mosquitto.conf").write_text(
+        f"listener 0 {path}\nallow_anonymous true\npersistence false\nmax_queued_messages 0\n"
+        "log_dest stderr\nlog_type error\n", encoding="utf-8")
+    with running(Process(stage, [broker_program(), "-c", folder / "mosquitto.conf"], dict(os.environ),
+                         folder)) as broker:
+        wait_until(lambda: broker.check() or connects(path), "mosquitto listens")
+        yield broker, path
+
+
+def measure_rounds(loads, size, clients, effort):
+    """Interleaved rounds of each load: the processor time of a delivered message, and the deliveries in a second."""
+    counts = {kind: count_for(size, clients, effort, kind == PRODUCT) for kind in loads}
+    results = {kind: {"processor": [], "rate": []} for kind in loads}
+    for kind, load in loads.items():
+        load.relay(size, counts[kind])
+    for number in range(effort.pairs):
+        # Each second pair runs backwards, so that none is always first.
+        for kind in list(loads) if number % 2 == 0 else reversed(list(loads)):
+            processor, wall = loads[kind].relay(size, counts[kind])
+            deliveries = counts[kind] * clients
+            results[kind]["processor"].append(processor / deliveries)
+            results[kind]["rate"].append(deliveries / wall)
+    return results
+
+
+def measure_clients(stage, clients, effort):
+    """All sizes to this number of clients."""
+    with contextlib.ExitStack() as opened:
+        plain, product = stage.pass_through(), stage.product()
+        targets = {
+            DAEMON: daemon_load(stage, *opened.enter_context(started_daemon(stage, plain)), clients),
+            BARE: program_load(stage, plain, "benchpipeline", clients),
+            COPY: program_load(stage, plain, "benchcopy", clients),
+            PRODUCT: daemon_load(stage, *opened.enter_context(started_daemon(stage, product)), clients),
+        }
+        if broker_program() and clients in BROKER_CLIENTS:
+            broker, path = opened.enter_context(started_broker(stage))
+            targets[BROKER] = Load(stage, ["broker", path, broker.pid, clients], dict(os.environ))
+        for load in targets.values():
+            opened.enter_context(running(load))
+        return {str(size): measure_rounds(targets, size, clients, effort) for size in effort.some(SIZES)}
+
+
+def measure(stage, effort):
+    return {str(clients): measure_clients(stage, clients, effort) for clients in effort.some(CLIENTS)}
+
+
+def estimates(kinds):
+    """The medians of a cell, and the ratios against both yardsticks."""
+    times = {kind: result["processor"] for kind, result in kinds.items()}
+    return ({kind: figures.estimate(values) for kind, values in times.items()},
+            figures.ratio(times[DAEMON], times[BARE]), figures.ratio(times[DAEMON], times[COPY]))
+
+
+def clients_text(number):
+    return "1 client" if number == "1" else f"{number} clients"
+
+
+def time_table(clients, sizes):
+    rows = []
+    for size, kinds in sizes.items():
+        medians, against_bare, against_copy = estimates(kinds)
+        rows.append((bytes_text(int(size)),
+                     *(microseconds(medians[kind].median) for kind in (COPY, BARE, DAEMON)),
+                     against_bare.text(), against_bare.interval_text(), against_copy.text(),
+                     microseconds(medians[PRODUCT].median),
+                     microseconds(medians[BROKER].median) if BROKER in medians else "-"))
+    return Table(f"Relay to {clients_text(clients)}, processor time of a delivered message",
+                 ("message", "copy, µs", "bare, µs", "daemon, µs", "daemon / bare", "interval", "daemon / copy",
+                  "with json2xml, µs", "mosquitto, µs"), rows)
+
+
+def rate_table(data):
+    kinds = (COPY, BARE, DAEMON, PRODUCT, BROKER)
+
+    def rate(results, kind):
+        return f"{figures.estimate(results[kind]['rate']).median:.0f}" if kind in results else "-"
+
+    return Table("Relay, deliveries in a second", ("clients", "message", *kinds),
+                 [(clients, bytes_text(int(size)), *(rate(results, kind) for kind in kinds))
+                  for clients, sizes in data.items() for size, results in sizes.items()])
+
+
+def tables(data):
+    return [*(time_table(clients, sizes) for clients, sizes in data.items()), rate_table(data)]
+
+
+def goals(data):
+    found = []
+    for clients, text in (("1", "1 client"), ("32", "32 clients, against 32 bare pipelines in one process")):
+        for size in map(str, SIZES):
+            kinds = data.get(clients, {}).get(size)
+            found.append(Goal(f"processor time of a relayed message of {bytes_text(int(size))} against the bare "
+                              f"pipeline, {text}", GOAL, estimates(kinds)[1] if kinds else None))
+    return found
+
+
+def plots(data):
+    """The processor time over the size, for each number of clients."""
+    def points(sizes, kind):
+        return [(int(size), figures.estimate(kinds[kind]["processor"]).median * 1e6) for size, kinds in sizes.items()]
+
+    return {"relay": [Chart(f"Processor time of a delivered message, {clients_text(clients)}", "message, bytes", "µs",
+                            {kind: points(sizes, kind) for kind in (COPY, BARE, DAEMON)}, log_x=True)
+                      for clients, sizes in data.items()]}

@@ -1,0 +1,116 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: MIT
+"""Measures an installed tessard, prints tables in Markdown, and writes the results as JSON with plots as SVG."""
+
+import argparse
+import grp
+import json
+import os
+import pathlib
+import pwd
+import sys
+import time
+import typing
+
+sys.dont_write_bytecode = True
+
+import machine  # noqa: E402
+import plots  # noqa: E402
+import relay  # noqa: E402
+from stage import Failed, Stage  # noqa: E402
+from tables import goal_table  # noqa: E402
+
+BENCHMARKS = {module.NAME: module for module in (relay,)}
+PAIRS = 15
+UNPRIVILEGED_USER, UNPRIVILEGED_GROUP = "nobody", "nogroup"
+
+
+class Effort(typing.NamedTuple):
+    """How much is measured: the number of pairs, the factor of each round's length, and whether of several sizes and
+    numbers of clients only the first one is measured."""
+
+    pairs: int
+    scale: float
+    brief: bool
+
+    def some(self, values):
+        return values[:1] if self.brief else values
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("names", nargs="*", metavar="NAME",
+                        help=f"benchmarks to run, of {', '.join(BENCHMARKS)} (default: all)")
+    parser.add_argument("--out", type=pathlib.Path, default=pathlib.Path("."), help="folder for the results")
+    parser.add_argument("--pairs", type=int, default=PAIRS, help=f"measurements of each ratio (default {PAIRS})")
+    parser.add_argument("--brief", action="store_true",
+                        help="short rounds, and only the first of several sizes and numbers: shows that it works")
+    arguments = parser.parse_args()
+    unknown = set(arguments.names) - set(BENCHMARKS)
+    if unknown or arguments.pairs < 1:
+        parser.error(f"unknown benchmark: {', '.join(sorted(unknown))}" if unknown else "--pairs must be at least 1")
+    return arguments
+
+
+def drop_privileges(out):
+    """The daemon refuses to run as root, so everything runs as a user without files."""
+    if os.geteuid() != 0:
+        return
+    user, group = pwd.getpwnam(UNPRIVILEGED_USER).pw_uid, grp.getgrnam(UNPRIVILEGED_GROUP).gr_gid
+    os.chown(out, user, group)
+    os.setgroups([])
+    os.setgid(group)
+    os.setuid(user)
+
+
+def all_goals(data):
+    """The goals of all benchmarks; those of one that did not run are not measured."""
+    return [goal for name, module in BENCHMARKS.items() for goal in module.goals(data.get(name, {}))]
+
+
+def report(data):
+    """The tables in Markdown."""
+    tables = [goal_table(all_goals(data))]
+    tables += [table for name in data for table in BENCHMARKS[name].tables(data[name])]
+    return "\n".join(table.text() for table in tables)
+
+
+def write_plots(data, out):
+    for name in data:
+        for file_name, charts in BENCHMARKS[name].plots(data[name]).items():
+            (out / f"{file_name}.svg").write_text(plots.draw(charts), encoding="utf-8")
+
+
+def measure(names, effort):
+    """Runs benchmarks one after the other; returns what the result file has."""
+    os.umask(0o022)
+    stage = Stage()
+    results = {"machine": machine.describe(stage), "date": time.strftime("%Y-%m-%d", time.gmtime()),
+               "pairs": effort.pairs, "seconds": {}, "benchmarks": {}}
+    try:
+        for name in names:
+            print(f"== {name}", file=sys.stderr, flush=True)
+            began = time.monotonic()
+            results["benchmarks"][name] = BENCHMARKS[name].measure(stage, effort)
+            results["seconds"][name] = round(time.monotonic() - began, 1)
+    finally:
+        stage.remove()
+    return results
+
+
+def main():
+    arguments = parse_arguments()
+    drop_privileges(arguments.out)
+    effort = Effort(arguments.pairs, 0.05 if arguments.brief else 1, arguments.brief)
+    try:
+        results = measure([name for name in BENCHMARKS if not arguments.names or name in arguments.names], effort)
+    except Failed as failure:
+        return f"bench: {failure}"
+    (arguments.out / "results.json").write_text(json.dumps(results, indent=1) + "\n", encoding="utf-8")
+    write_plots(results["benchmarks"], arguments.out)
+    print(report(results["benchmarks"]))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
