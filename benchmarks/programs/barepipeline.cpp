@@ -7,6 +7,7 @@
 #include "streams.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gst/app/gstappsrc.h>

@@ -14,13 +14,14 @@ import typing
 
 sys.dont_write_bytecode = True
 
+import latency  # noqa: E402
 import machine  # noqa: E402
 import plots  # noqa: E402
 import relay  # noqa: E402
 from stage import Failed, Stage  # noqa: E402
 from tables import goal_table  # noqa: E402
 
-BENCHMARKS = {module.NAME: module for module in (relay,)}
+BENCHMARKS = {module.NAME: module for module in (relay, latency)}
 PAIRS = 15
 UNPRIVILEGED_USER, UNPRIVILEGED_GROUP = "nobody", "nogroup"
 
