@@ -7,7 +7,6 @@ is staged. The build folder has the tests' own libraries."""
 import contextlib
 import os
 import pathlib
-import statistics
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
@@ -38,7 +37,8 @@ def installed():
 
 @contextlib.contextmanager
 def running_daemon_of(installation, producers, *camera_options, verbs=()):
-    """Yields a ready daemon of the installation; see running_daemon()."""
+    """Yields a ready daemon of the installation with every plug-in and these contents of producers.conf, and its bus.
+    The camera gets the verbs before the daemon starts."""
     with contextlib.ExitStack() as running:
         bus = Bus(installation)
         running.callback(bus.stop)
@@ -51,32 +51,3 @@ def running_daemon_of(installation, producers, *camera_options, verbs=()):
         running.callback(daemon.finish)
         daemon.wait_until_ready()
         yield daemon, bus
-
-
-@contextlib.contextmanager
-def running_daemon(producers, *camera_options, verbs=()):
-    """Yields a ready daemon with every plug-in and these contents of producers.conf, and its bus. The camera gets the
-    verbs before the daemon starts."""
-    with installed() as installation:
-        with running_daemon_of(installation, producers, *camera_options, verbs=verbs) as running:
-            yield running
-
-
-def print_table(subject, times, base):
-    """Prints a row for each kind of measurement, compared with the kind `base`; times in seconds."""
-    base_median = statistics.median(times[base])
-    print(f"| {subject} | times | median ms | p99 ms | median against {base} |")
-    print("|---|---|---|---|---|")
-    for kind, values in times.items():
-        median = statistics.median(values)
-        p99 = statistics.quantiles(values, n=100, method="inclusive")[-1]
-        print(f"| {kind} | {len(values)} | {median * 1000:.2f} | {p99 * 1000:.2f} | {median / base_median:.2f} |")
-
-
-def parse_count(parser, default):
-    """Adds --count to the options, parses the command line and returns the value."""
-    parser.add_argument("--count", type=int, default=default, help=f"measurements of each kind (default {default})")
-    arguments = parser.parse_args()
-    if arguments.count < 2:
-        parser.error("--count must be at least 2")
-    return arguments.count

@@ -14,6 +14,7 @@
  * within the interval. A round ends when every client has every message, and prints the processor time of the
  * measured process and the time on the clock. A paced round adds the time of each message from its write to
  * its arrival, in the order of the writes. All times are in nanoseconds. */
+#include "streams.h"
 #include "target.h"
 
 #include <algorithm>
@@ -46,12 +47,6 @@ read_clock(clockid_t clock)
 
   clock_gettime(clock, &time);
   return time.tv_sec * G_GINT64_CONSTANT(1000000000) + time.tv_nsec;
-}
-
-gint64
-now_ns()
-{
-  return read_clock(CLOCK_MONOTONIC);
 }
 
 [[noreturn]] void

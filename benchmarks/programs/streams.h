@@ -14,5 +14,8 @@ struct StreamPair {
 
 bool parse_stream_pair(const char *text, StreamPair *pair);
 bool read_exactly(int fd, void *data, gsize size);
+int connect_to(const char *path);
+void set_nonblocking(int fd);
+gint64 now_ns();
 
 } // namespace benchmarks

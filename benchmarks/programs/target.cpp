@@ -5,18 +5,18 @@
 
 #include "benchreceiver.h"
 #include "messages.h"
+#include "streams.h"
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
+#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <poll.h>
 #include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,12 +40,6 @@ fail(GError **error, const char *what)
   return false;
 }
 
-void
-set_nonblocking(int fd)
-{
-  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-}
-
 /* Runs the main context until the condition holds. Returns false if it does not in time. */
 bool
 iterate_until(const std::function<bool()> &holds)
@@ -64,21 +58,6 @@ iterate_until(const std::function<bool()> &holds)
     errno = ETIMEDOUT;
   }
   return held;
-}
-
-int
-connect_to(const char *path)
-{
-  sockaddr_un address = {};
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-
-  address.sun_family = AF_UNIX;
-  g_strlcpy(address.sun_path, path, sizeof address.sun_path);
-  if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
 }
 
 bool

@@ -11,7 +11,7 @@ import shutil
 
 import figures
 from plots import Chart
-from stage import Bus, Daemon, Load, Process, connects, running, wait_until
+from stage import Load, Process, connects, running, started_daemon, wait_until
 from tables import Goal, Table, bytes_text, microseconds
 
 NAME = "relay"
@@ -47,13 +47,6 @@ def daemon_load(stage, bus, daemon, clients):
     """A load through a daemon on whose bus nothing else is."""
     return Load(stage, ["daemon", daemon.socket_path, daemon.pid, clients],
                 dict(os.environ) | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address})
-
-
-@contextlib.contextmanager
-def started_daemon(stage, plugins, **arguments):
-    """A daemon with a bus of its own."""
-    with running(Bus(stage)) as bus, running(Daemon(stage, bus, plugins, **arguments)) as daemon:
-        yield bus, daemon.wait_until_listening()
 
 
 def broker_program():
@@ -171,3 +164,19 @@ def plots(data):
     return {"relay": [Chart(f"Processor time of a delivered message, {clients_text(clients)}", "message, bytes", "µs",
                             {kind: points(sizes, kind) for kind in (COPY, BARE, DAEMON)}, log_x=True)
                       for clients, sizes in data.items()]}
+
+
+def fits(data):
+    """The processor time of a delivery over the bytes of a message, and over the clients of the smallest message."""
+    found = []
+    for clients, sizes in data.items():
+        for kind in (COPY, BARE, DAEMON):
+            points = [(int(size), figures.estimate(kinds[kind]["processor"]).median * 1e6)
+                      for size, kinds in sizes.items()]
+            found.append((f"processor time of a delivery, {kind}, {clients_text(clients)}", "bytes of a message", "µs",
+                          points))
+    for kind in (COPY, BARE, DAEMON):
+        points = [(int(clients), figures.estimate(sizes["1024"][kind]["processor"]).median * 1e6)
+                  for clients, sizes in data.items() if "1024" in sizes]
+        found.append((f"processor time of a delivery of 1 KB, {kind}", "clients", "µs", points))
+    return found

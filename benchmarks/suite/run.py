@@ -14,14 +14,17 @@ import typing
 
 sys.dont_write_bytecode = True
 
+import control  # noqa: E402
 import latency  # noqa: E402
 import machine  # noqa: E402
 import plots  # noqa: E402
 import relay  # noqa: E402
+import request  # noqa: E402
+import start  # noqa: E402
 from stage import Failed, Stage  # noqa: E402
 from tables import goal_table  # noqa: E402
 
-BENCHMARKS = {module.NAME: module for module in (relay, latency)}
+BENCHMARKS = {module.NAME: module for module in (relay, latency, request, start, control)}
 PAIRS = 15
 UNPRIVILEGED_USER, UNPRIVILEGED_GROUP = "nobody", "nogroup"
 

@@ -19,9 +19,29 @@ import time
 BOUND_SECONDS = 30
 LOOK_SECONDS = 0.002
 PRODUCER = "Benchmark"
+DETECTIONS = "PersonDetector"
+
+# The header lines of a request for each kind of metadata. A request names only the channel, so the producer that is
+# enabled there selects the kind of analytics.
+KINDS = {
+    "events": "event=1",
+    "ptz": "ptz=1",
+    "video": "analytics=2;video_channel=2",
+    "radar": "analytics=2;video_channel=3",
+    "detections": "analytics=2;video_channel=1",
+}
+KINDS_ENABLED = f"""\
+[Producers.0.{DETECTIONS}]
+Name=detections
+[Producers.1.VideoMotionTracker]
+Name=video
+[Producers.2.RadarMotionTracker]
+Name=radar
+"""
 
 # GStreamer's own plug-ins that the daemon needs.
 STANDARD_PLUGINS = ("coreelements", "gdp", "app")
+OWN_PLUGINS = ("json2xml", "onvifxmlmetadatastreamdoc")
 PLUGIN_FOLDERS = ("/usr/lib/*/gstreamer-1.0", "/usr/lib/gstreamer-1.0", "/usr/lib64/gstreamer-1.0")
 
 _libc = ctypes.CDLL(None)
@@ -50,10 +70,9 @@ def wait_until(condition, what, seconds=BOUND_SECONDS, look=LOOK_SECONDS):
         _never.wait(look)
 
 
-def processor_nanoseconds(pid):
-    """The processor time of all threads of a process so far, also of those that have ended."""
-    # Linux' number of another process' clock: the complement of its id, and 2 for the exact time.
-    return time.clock_gettime_ns((~pid << 3) | 2)
+def pause(seconds):
+    """Lets the measured processes come to rest."""
+    _never.wait(seconds)
 
 
 def connects(path):
@@ -64,6 +83,16 @@ def connects(path):
         except (FileNotFoundError, ConnectionRefusedError):
             return False
     return True
+
+
+def accepts(path, header):
+    """Whether the daemon grants a request."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+        connection.settimeout(BOUND_SECONDS)
+        connection.connect(str(path))
+        lines = header.replace(";", "\n")
+        connection.sendall(f"OPEN\n{lines}\n\n".encode())
+        return connection.recv(2) == b"OK"
 
 
 class Stage:
@@ -117,10 +146,14 @@ class Stage:
         """The plug-ins with which the daemon's own cost is measured."""
         return self.plugin_set([self.elements / "libgstpassthrough.so"])
 
-    def product(self, *more):
+    def every_kind(self, all_of_system=False):
+        """The product's converter and document element, and the simulated camera's sources."""
+        names = ("onvifeventsrc", "statuscacheptz", "scene", "radarscene")
+        return self.plugin_set([*map(self.own_plugin, OWN_PLUGINS), *map(self.sim_plugin, names)], all_of_system)
+
+    def product(self, *more, all_of_system=False):
         """The product's converter and document element, and further plug-ins."""
-        names = ("json2xml", "onvifxmlmetadatastreamdoc")
-        return self.plugin_set([*map(self.own_plugin, names), *more])
+        return self.plugin_set([*map(self.own_plugin, OWN_PLUGINS), *more], all_of_system)
 
 
 class PluginSet:
@@ -212,36 +245,57 @@ class Daemon(Process):
         return self
 
 
-class Load(Process):
-    """A program that writes messages and reads what a process makes of them; see load.cpp."""
+class Commanded(Process):
+    """A program of the benchmarks that runs a command for each line and answers with a line of times."""
 
-    def __init__(self, stage, arguments, environment):
-        self.what = " ".join(map(str, arguments))
-        super().__init__(stage, [stage.program("benchload"), *arguments], environment, stdin=subprocess.PIPE,
+    def __init__(self, stage, name, arguments, environment):
+        self.what = " ".join(map(str, [name, *arguments]))
+        super().__init__(stage, [stage.program(name), *arguments], environment, stdin=subprocess.PIPE,
                          stdout=subprocess.PIPE, text=True, bufsize=1)
-        if self._answer() != ["ready"]:
-            raise self.failed("does not start")
 
-    def _answer(self):
+    def read_words(self):
         line = self.process.stdout.readline()
         if not line:
             self.process.wait(BOUND_SECONDS)
-            raise self.failed(f"ended with {self.what}")
+            raise self.failed(f"ended: {self.what}")
         return line.split()
 
     def start(self, *words):
-        """Begins a round."""
+        """Begins a command."""
         self.process.stdin.write(" ".join(map(str, words)) + "\n")
 
     def finish(self):
-        """Waits for the end of the round; returns its times in seconds."""
-        return [int(word) / 1e9 for word in self._answer()]
+        """Waits for the end of the command; returns its times in seconds."""
+        return [int(word) / 1e9 for word in self.read_words()]
+
+    def tell(self, *words):
+        """Runs a command; returns its times in seconds."""
+        self.start(*words)
+        return self.finish()
+
+
+class Load(Commanded):
+    """A program that writes messages and reads what a process makes of them; see load.cpp."""
+
+    def __init__(self, stage, arguments, environment):
+        super().__init__(stage, "benchload", arguments, environment)
+        if self.read_words() != ["ready"]:
+            raise self.failed("does not start")
 
     def relay(self, size, count):
         """Sends messages as fast as possible; returns the processor time and the time of all together."""
-        self.start("relay", size, count)
-        processor, wall = self.finish()
+        processor, wall = self.tell("relay", size, count)
         return processor, wall
+
+
+class Camera(Process):
+    """The services of the simulated camera, with one producer of detections."""
+
+    def __init__(self, stage, bus):
+        super().__init__(stage, [stage.simcamera, "--channels", "3", "--producers", DETECTIONS],
+                         dict(os.environ) | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address}, stdout=subprocess.PIPE, text=True)
+        if self.process.stdout.readline() != "ready\n":
+            raise self.failed("does not start")
 
 
 @contextlib.contextmanager
@@ -251,3 +305,18 @@ def running(process):
         yield process
     finally:
         process.end()
+
+
+@contextlib.contextmanager
+def started_daemon(stage, plugins, **arguments):
+    """A daemon with a bus of its own."""
+    with running(Bus(stage)) as bus, running(Daemon(stage, bus, plugins, **arguments)) as daemon:
+        yield bus, daemon.wait_until_listening()
+
+
+@contextlib.contextmanager
+def daemon_with_camera(stage, plugins):
+    """A daemon that can produce every kind of metadata for which it has plug-ins."""
+    with running(Bus(stage)) as bus, running(Camera(stage, bus)), \
+            running(Daemon(stage, bus, plugins, KINDS_ENABLED)) as daemon:
+        yield bus, daemon.wait_until_listening()
