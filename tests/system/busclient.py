@@ -45,6 +45,17 @@ class BusClient:
         """The unique name of the owner."""
         return self.call(*BUS, "GetNameOwner", GLib.Variant("(s)", (name,))).unpack()[0]
 
+    def is_connected(self, process):
+        """Whether this process has a connection to the bus. One that leaves meanwhile has none."""
+        def pid_of(name):
+            try:
+                return self.call(*BUS, "GetConnectionUnixProcessID", GLib.Variant("(s)", (name,))).unpack()[0]
+            except GLib.Error:
+                return None
+
+        (names,) = self.call(*BUS, "ListNames").unpack()
+        return process.pid in [pid_of(name) for name in names if name.startswith(":")]
+
     def own(self, name):
         """Owns a name until the connection is closed."""
         do_not_queue, primary_owner = 4, 1

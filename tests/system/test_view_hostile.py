@@ -164,8 +164,11 @@ def test_requests_leave_nothing_behind(gateway, witness):
 
 
 @pytest.fixture(name="source")
-def make_source(reachable_daemon, view, gdp):
-    """A gateway, and a function that sends documents of its daemon, as soon as there is a client."""
+def make_source(reachable_daemon, view, gdp, control):
+    """A gateway that has its connection to the bus, and a function that sends documents of its daemon, as soon as there
+    is a client."""
+    gateway = view(reachable_daemon.path)
+    wait_until(lambda: control.is_connected(gateway.process), "the gateway is connected to the bus")
     streams = []
 
     def send(*texts):
@@ -174,7 +177,7 @@ def make_source(reachable_daemon, view, gdp):
         for text in texts:
             streams[0].send(gdp.document(text))
 
-    return view(reachable_daemon.path), send
+    return gateway, send
 
 
 @needs_allocator
