@@ -163,8 +163,8 @@ EARLY_SYNC_WARNING = "assertion 'conn->priv->status == CONNECTION_MANAGER_STATUS
 
 
 class Log:
-    """Receives the lines that the preloaded library sends, as (priority, text). Those of debug priority are in a list of
-    their own, which a test need not read."""
+    """Receives the lines that the preloaded library sends, as (priority, text). The texts of debug priority are in a
+    list of their own, which a test need not read."""
 
     LINE_MAX_BYTES = 64 * 1024
     MARK = b"all earlier lines have arrived"
