@@ -253,12 +253,13 @@ copy_read_ahead(ReadAhead *ahead, guint8 *space, gsize size)
   return count;
 }
 
-/* Reads once, into the space and into the read-ahead, which is empty. Sets errno on failure. */
+/* Reads once, into the space and up to @ahead_size bytes into the read-ahead, which is empty. Sets errno on
+ * failure. */
 GIOStatus
-read_descriptor(ExternalSourceSocket *self, guint8 *space, gsize size, gsize *count)
+read_descriptor(ExternalSourceSocket *self, guint8 *space, gsize size, gsize ahead_size, gsize *count)
 {
   ReadAhead *ahead = &self->read_ahead;
-  ReadSpace places = {{{space, size}, {ahead->bytes, ahead->size}}};
+  ReadSpace places = {{{space, size}, {ahead->bytes, ahead_size}}};
   const gssize read = TEMP_FAILURE_RETRY(self->read(g_io_channel_unix_get_fd(self->channel), &places));
 
   if (read > 0) {
@@ -276,27 +277,29 @@ read_descriptor(ExternalSourceSocket *self, guint8 *space, gsize size, gsize *co
 /* Reads until the space is full or a read fails. The failure of a read after others is not reported; the next
  * one repeats it. */
 GIOStatus
-read_stream(ExternalSourceSocket *self, guint8 *space, gsize size, gsize *bytes_read)
+read_stream(ExternalSourceSocket *self, guint8 *space, gsize size, gsize ahead_size, gsize *bytes_read)
 {
   GIOStatus status = G_IO_STATUS_NORMAL;
 
   *bytes_read = copy_read_ahead(&self->read_ahead, space, size);
   while (*bytes_read < size && status == G_IO_STATUS_NORMAL) {
     gsize count = 0;
-    status = read_descriptor(self, space + *bytes_read, size - *bytes_read, &count);
+    status = read_descriptor(self, space + *bytes_read, size - *bytes_read, ahead_size, &count);
     *bytes_read += count;
   }
   return *bytes_read > 0 ? G_IO_STATUS_NORMAL : status;
 }
 
-/* Reads into the message, at most @limit bytes of its payload. Logs a failure, in which @what names the part
- * of the message. Called with the lock held. */
+/* Reads into the message, at most @limit bytes of its payload. A read that can reach the limit reads nothing
+ * ahead, because that would be for the next turn. Logs a failure, in which @what names the part of the
+ * message. Called with the lock held. */
 GIOStatus
 read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *count)
 {
   gsize size = 0;
   guint8 *space = message_cutter_get_space(self->cutter, limit, &size);
-  const GIOStatus status = read_stream(self, space, size, count);
+  const gsize ahead_size = size < limit ? self->read_ahead.size : 0;
+  const GIOStatus status = read_stream(self, space, size, ahead_size, count);
 
   if (status == G_IO_STATUS_NORMAL) {
     message_cutter_add(self->cutter, *count);
@@ -597,12 +600,20 @@ external_source_socket_class_init(ExternalSourceSocketClass *klass)
 namespace
 {
 
-/* The watch is ready immediately while there is read-ahead, and otherwise at the deadline of an unfinished
- * message. Called with the lock held. */
+/* The watch is ready immediately while there is read-ahead, and at the deadline of an unfinished message or
+ * earlier. Each change of the time wakes the main loop, so an earlier time of a message before stays: it
+ * causes one read without data. Called with the lock held. */
 void
 set_ready_time(ExternalSourceSocket *self, GSource *watch)
 {
-  g_source_set_ready_time(watch, has_read_ahead(self) ? 0 : is_unfinished(self) ? self->deadline_us : -1);
+  const gint64 time_us = has_read_ahead(self) ? 0 : is_unfinished(self) ? self->deadline_us : -1;
+  const gint64 last_us = g_source_get_ready_time(watch);
+  const gboolean is_needed =
+      time_us == 0 || last_us <= g_get_monotonic_time() || (time_us > 0 && time_us < last_us);
+
+  if (is_needed) {
+    g_source_set_ready_time(watch, time_us);
+  }
 }
 
 /* Prepares the next turn. Returns the log's name for the missing part of a message whose deadline has passed,

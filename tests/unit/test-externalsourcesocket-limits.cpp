@@ -82,6 +82,7 @@ TEST_F(ExternalSourceSocketTest, EndsMessagesThatTakeTooLong)
   Stream dripping(Carrier::PIPE, Mode::BLOCKING);
   Stream paused(Carrier::PIPE, Mode::NON_BLOCKING);
   Stream between(Carrier::PIPE, Mode::BLOCKING);
+  Stream later(Carrier::PIPE, Mode::BLOCKING);
 
   const gint64 begun_us = g_get_monotonic_time();
   silent_length.send(long_message.substr(0, 1));
@@ -89,19 +90,25 @@ TEST_F(ExternalSourceSocketTest, EndsMessagesThatTakeTooLong)
   dripping.send(long_message.substr(0, 1000));
   paused.send_in_a_pause(long_message.substr(0, 1000));
   between.send(message("1"));
+  later.send(message("1").substr(0, 2));
   const auto drip = [](gpointer user_data) -> gboolean {
     const char byte = 'x';
     static_cast<Stream *>(user_data)->send_some(&byte, 1);
     return G_SOURCE_CONTINUE;
   };
   const guint dripping_id = g_timeout_add(DRIP_MS, drip, &dripping);
+  const auto begin_next = [](gpointer user_data) {
+    static_cast<Stream *>(user_data)->send(message("1").substr(2) + message("2").substr(0, 2));
+  };
+  g_timeout_add_once(4 * DRIP_MS, begin_next, &later);
 
   EXPECT_TRUE(testhost::spin_until([&] {
     return silent_length.released || silent_data.released || dripping.released || paused.released;
   }));
   EXPECT_GE(g_get_monotonic_time(), begun_us + LIMIT_US);
   EXPECT_TRUE(testhost::spin_until([&] {
-    return silent_length.released && silent_data.released && dripping.released && paused.released;
+    return silent_length.released && silent_data.released && dripping.released && paused.released &&
+           later.released;
   }));
   EXPECT_LT(g_get_monotonic_time(), begun_us + 2 * LIMIT_US);
   g_source_remove(dripping_id);
@@ -110,11 +117,12 @@ TEST_F(ExternalSourceSocketTest, EndsMessagesThatTakeTooLong)
     EXPECT_EQ(stream->take_events(), ENDED);
   }
   EXPECT_EQ(between.take_events(), frames({"1"}));
+  EXPECT_EQ(later.take_events(), frames({"1"}, ENDED));
   SyslogLines lines = testhost::take_syslog();
   std::ranges::sort(lines, {}, &testhost::SyslogLine::text);
   const SyslogLines data = failure("data", "Connection timed out");
   const SyslogLines length = failure("length", "Connection timed out");
-  EXPECT_EQ(lines, (SyslogLines{data[0], data[0], data[0], length[0]}));
+  EXPECT_EQ(lines, (SyslogLines{data[0], data[0], data[0], length[0], length[0]}));
 }
 
 TEST_F(ExternalSourceSocketTest, RestartsTheTimeLimitForEachMessage)
@@ -301,6 +309,38 @@ TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfManyMessagesInEachTurn)
     EXPECT_EQ(stream.events.size(), turn * 4);
   }
   EXPECT_EQ(stream.take_events(), frames(Texts(12, payload)));
+}
+
+/* A wake-up would make another descriptor ready in poll(). */
+TEST_F(ExternalSourceSocketTest, DoesNotWakeTheMainLoopForEachMessage)
+{
+  static int stream_fd;
+  static unsigned wake_ups;
+  constexpr unsigned COUNT = 20;
+  const std::string bytes = message(std::string(1000, 'x'));
+  Stream stream(Carrier::PIPE, Mode::BLOCKING);
+  GPollFunc poll_func = g_main_context_get_poll_func(nullptr);
+
+  testhost::dispatch_ready();
+  stream_fd = stream.consumer_fd;
+  wake_ups = 0;
+  g_main_context_set_poll_func(nullptr, [](GPollFD *fds, guint count, gint timeout) {
+    const gint ready = g_poll(fds, count, timeout);
+    wake_ups += std::any_of(fds, fds + count,
+                            [](const GPollFD &fd) { return fd.fd != stream_fd && fd.revents != 0; });
+    return ready;
+  });
+  for (unsigned i = 0; i < COUNT; i++) {
+    stream.send(bytes.substr(0, 500));
+    testhost::dispatch_ready();
+    stream.send(bytes.substr(500) + bytes);
+    testhost::dispatch_ready();
+  }
+  g_main_context_set_poll_func(nullptr, poll_func);
+
+  /* The first incomplete message sets the time of its deadline. */
+  EXPECT_LE(wake_ups, 1U);
+  EXPECT_EQ(stream.take_events().size(), 2 * COUNT);
 }
 
 TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfAMessageInEachTurn)
