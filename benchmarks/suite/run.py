@@ -15,16 +15,18 @@ import typing
 sys.dont_write_bytecode = True
 
 import control  # noqa: E402
+import growth  # noqa: E402
 import latency  # noqa: E402
 import machine  # noqa: E402
 import plots  # noqa: E402
 import relay  # noqa: E402
 import request  # noqa: E402
+import size  # noqa: E402
 import start  # noqa: E402
 from stage import Failed, Stage  # noqa: E402
 from tables import goal_table  # noqa: E402
 
-BENCHMARKS = {module.NAME: module for module in (relay, latency, request, start, control)}
+BENCHMARKS = {module.NAME: module for module in (relay, latency, request, start, size, control, growth)}
 PAIRS = 15
 UNPRIVILEGED_USER, UNPRIVILEGED_GROUP = "nobody", "nogroup"
 
@@ -76,6 +78,8 @@ def report(data):
     """The tables in Markdown."""
     tables = [goal_table(all_goals(data))]
     tables += [table for name in data for table in BENCHMARKS[name].tables(data[name])]
+    if growth.NAME in data:
+        tables.append(growth.fit_table([fit for name in data for fit in BENCHMARKS[name].fits(data[name])]))
     return "\n".join(table.text() for table in tables)
 
 
