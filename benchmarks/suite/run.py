@@ -8,11 +8,16 @@ import json
 import os
 import pathlib
 import pwd
+import shutil
+import signal
 import sys
+import tempfile
 import time
 import typing
 
 sys.dont_write_bytecode = True
+# In the tree a part of the plots is there; an installation has it beside this file.
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
 
 import control  # noqa: E402
 import growth  # noqa: E402
@@ -23,11 +28,12 @@ import relay  # noqa: E402
 import request  # noqa: E402
 import size  # noqa: E402
 import start  # noqa: E402
-from stage import Failed, Stage  # noqa: E402
+from stage import Failed, Stage, die_with_parent  # noqa: E402
 from tables import goal_table  # noqa: E402
 
 BENCHMARKS = {module.NAME: module for module in (relay, latency, request, start, size, control, growth)}
 PAIRS = 15
+ENDS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 UNPRIVILEGED_USER, UNPRIVILEGED_GROUP = "nobody", "nogroup"
 
 
@@ -58,15 +64,31 @@ def parse_arguments():
     return arguments
 
 
-def drop_privileges(out):
-    """The daemon refuses to run as root, so everything runs as a user without files."""
-    if os.geteuid() != 0:
-        return
+def drop_privileges():
+    """Becomes a user without files."""
     user, group = pwd.getpwnam(UNPRIVILEGED_USER).pw_uid, grp.getgrnam(UNPRIVILEGED_GROUP).gr_gid
-    os.chown(out, user, group)
     os.setgroups([])
     os.setgid(group)
     os.setuid(user)
+    die_with_parent()
+
+
+def run_unprivileged(arguments):
+    """Measures in a process of another user, because the daemon refuses to run as root, and takes its results."""
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="tessard-results-", dir="/tmp"))
+    shutil.chown(folder, UNPRIVILEGED_USER, UNPRIVILEGED_GROUP)
+    child = os.fork()
+    if child == 0:
+        drop_privileges()
+        arguments.out = folder
+        sys.exit(run(arguments))
+    try:
+        status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+        for path in folder.iterdir():
+            shutil.copyfile(path, arguments.out / path.name)
+    finally:
+        shutil.rmtree(folder)
+    return status
 
 
 def all_goals(data):
@@ -83,10 +105,10 @@ def report(data):
     return "\n".join(table.text() for table in tables)
 
 
-def write_plots(data, out):
-    for name in data:
-        for file_name, charts in BENCHMARKS[name].plots(data[name]).items():
-            (out / f"{file_name}.svg").write_text(plots.draw(charts), encoding="utf-8")
+def draw_plots(data):
+    """The plots as SVG text, by name."""
+    return {name: plots.draw(charts) for benchmark in data
+            for name, charts in BENCHMARKS[benchmark].plots(data[benchmark]).items()}
 
 
 def measure(names, effort):
@@ -106,18 +128,34 @@ def measure(names, effort):
     return results
 
 
-def main():
-    arguments = parse_arguments()
-    drop_privileges(arguments.out)
+def run(arguments):
+    """Measures, prints the tables and writes the results; returns the exit status."""
     effort = Effort(arguments.pairs, 0.05 if arguments.brief else 1, arguments.brief)
     try:
         results = measure([name for name in BENCHMARKS if not arguments.names or name in arguments.names], effort)
     except Failed as failure:
-        return f"bench: {failure}"
+        print(f"bench: {failure}", file=sys.stderr)
+        return 1
     (arguments.out / "results.json").write_text(json.dumps(results, indent=1) + "\n", encoding="utf-8")
-    write_plots(results["benchmarks"], arguments.out)
-    print(report(results["benchmarks"]))
+    for name, picture in draw_plots(results["benchmarks"]).items():
+        (arguments.out / f"{name}.svg").write_text(picture, encoding="utf-8")
+    print(report(results["benchmarks"]), flush=True)
     return 0
+
+
+def on_end(number, frame):
+    """Ends everything that runs. A second signal, to the group for example, does not disturb this."""
+    for ending in ENDS:
+        signal.signal(ending, signal.SIG_IGN)
+    sys.exit(128 + number)
+
+
+def main():
+    for number in ENDS:
+        signal.signal(number, on_end)
+    arguments = parse_arguments()
+    arguments.out.mkdir(parents=True, exist_ok=True)
+    return run_unprivileged(arguments) if os.geteuid() == 0 else run(arguments)
 
 
 if __name__ == "__main__":

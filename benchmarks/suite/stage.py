@@ -54,7 +54,7 @@ class Failed(Exception):
 
 
 def die_with_parent():
-    """For Popen: the process gets a signal at the end of this one."""
+    """Lets the calling process get a signal at the end of its parent. A change of its user ends this."""
     _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
