@@ -10,7 +10,7 @@ import sys
 
 sys.dont_write_bytecode = True
 
-import run
+import bench
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 TEXT = "performance.md"
@@ -28,11 +28,11 @@ def write(results, docs):
     """Replaces what is between the two marks of the page, and the plots."""
     head, rest = (docs / TEXT).read_text(encoding="utf-8").split(BEGIN)
     _, tail = rest.split(END)
-    pictures = run.draw_plots(results["benchmarks"])
+    pictures = bench.draw_plots(results["benchmarks"])
     links = [f"![The curves of {name}](performance-{name}.svg)\n" for name in pictures]
     for name, picture in pictures.items():
         (docs / f"performance-{name}.svg").write_text(picture, encoding="utf-8")
-    body = "\n".join([machine_text(results), run.report(results["benchmarks"]), *links])
+    body = "\n".join([machine_text(results), bench.report(results["benchmarks"]), *links])
     (docs / TEXT).write_text(f"{head}{BEGIN}\n{body}\n{END}{tail}", encoding="utf-8")
 
 
