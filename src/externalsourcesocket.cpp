@@ -291,14 +291,14 @@ read_stream(ExternalSourceSocket *self, guint8 *space, gsize size, gsize ahead_s
 }
 
 /* Reads into the message, at most @limit bytes of its payload. A read that can reach the limit reads nothing
- * ahead, because that would be for the next turn. Logs a failure, in which @what names the part of the
- * message. Called with the lock held. */
+ * ahead, because that would be for the next turn; except from a socket, which drops the rest of a datagram.
+ * Logs a failure, in which @what names the part of the message. Called with the lock held. */
 GIOStatus
 read_piece(ExternalSourceSocket *self, const char *what, gsize limit, gsize *count)
 {
   gsize size = 0;
   guint8 *space = message_cutter_get_space(self->cutter, limit, &size);
-  const gsize ahead_size = size < limit ? self->read_ahead.size : 0;
+  const gsize ahead_size = size < limit || self->read == read_socket ? self->read_ahead.size : 0;
   const GIOStatus status = read_stream(self, space, size, ahead_size, count);
 
   if (status == G_IO_STATUS_NORMAL) {

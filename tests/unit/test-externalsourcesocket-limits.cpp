@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sys/socket.h>
 
 using testhost::SyslogLines;
 using testhost::Texts;
@@ -309,6 +310,24 @@ TEST_F(ExternalSourceSocketTest, ReadsABoundedPartOfManyMessagesInEachTurn)
     EXPECT_EQ(stream.events.size(), turn * 4);
   }
   EXPECT_EQ(stream.take_events(), frames(Texts(12, payload)));
+}
+
+TEST_F(ExternalSourceSocketTest, KeepsTheRestOfADatagramForTheNextTurn)
+{
+  constexpr gsize IDLE = 255;
+  constexpr gsize SHARE = EXTERNAL_SOURCE_TURN_BYTES / (IDLE + 1);
+  const std::string payload = numbers(2 * SHARE);
+  const std::string bytes = message(payload);
+  const std::vector<std::unique_ptr<Stream>> idle = idle_streams(IDLE);
+  std::array<int, 2> ends = {-1, -1};
+
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+  ASSERT_EQ(send(ends[1], bytes.data(), 10, 0), 10);
+  ASSERT_EQ(send(ends[1], bytes.data() + 10, bytes.size() - 10, 0), static_cast<ssize_t>(bytes.size() - 10));
+  Reader reader(ends[0]);
+  testhost::dispatch_ready();
+  EXPECT_EQ(reader.events, frames({payload}));
+  close(ends[1]);
 }
 
 /* A wake-up would make another descriptor ready in poll(). */
