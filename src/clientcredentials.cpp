@@ -20,30 +20,23 @@ namespace
 RateLimitedLog credentials_log =
     RATE_LIMITED_LOG_INIT_BURST(RATE_LIMITED_LOG_INTERVAL_US, RATE_LIMITED_LOG_BURST);
 
-/* FALSE if @fd is not a connected UNIX socket. */
-gboolean
-read_credentials(gint fd, ucred *credentials)
-{
-  socklen_t size = sizeof *credentials;
-
-  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, credentials, &size) == 0;
-}
-
 } // namespace
 
 /**
- * client_credentials_get_user:
+ * client_credentials_get:
  * @fd: a client's connection
  *
- * Returns: the user of the client's process; 0 if @fd is not a connected UNIX socket
+ * Returns: the client's process, 0 for one that the daemon's PID namespace does not have, and its user; the
+ *   process -1 and the user 0 if @fd is not a UNIX socket
  */
-uid_t
-client_credentials_get_user(gint fd)
+ClientCredentials
+client_credentials_get(gint fd)
 {
-  ucred credentials = {};
+  ucred credentials = {-1, 0, 0};
+  socklen_t size = sizeof credentials;
 
-  read_credentials(fd, &credentials);
-  return credentials.uid;
+  getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+  return {credentials.pid, credentials.uid};
 }
 
 /**
@@ -54,15 +47,15 @@ client_credentials_get_user(gint fd)
  *
  * Logs at debug priority which client it happened to: "process %d of user %u: %s". The text is cut like
  * log_text_clip() does, and at most %RATE_LIMITED_LOG_BURST lines are written in
- * %RATE_LIMITED_LOG_INTERVAL_US. Logs nothing if @fd is not a connected UNIX socket.
+ * %RATE_LIMITED_LOG_INTERVAL_US. Logs nothing if @fd is not a UNIX socket.
  */
 void
 client_credentials_log(gint fd, const gchar *format, ...)
 {
-  ucred credentials = {};
+  const ClientCredentials credentials = client_credentials_get(fd);
   va_list arguments;
 
-  if (!read_credentials(fd, &credentials)) {
+  if (credentials.pid < 0) {
     return;
   }
   va_start(arguments, format);

@@ -8,7 +8,17 @@ G_BEGIN_DECLS
 
 /* Any thread can call the functions of this component. */
 
-uid_t client_credentials_get_user(gint fd);
+/**
+ * ClientCredentials:
+ * @pid: the process that connected
+ * @uid: its user
+ */
+typedef struct {
+  pid_t pid;
+  uid_t uid;
+} ClientCredentials;
+
+ClientCredentials client_credentials_get(gint fd);
 
 void client_credentials_log(gint fd, const gchar *format, ...) G_GNUC_PRINTF(2, 3);
 

@@ -7,7 +7,8 @@
  * blocking probe, the socket watch and the bus watch hold one each while they are installed, a pending sync
  * point until it is delivered, and the queue of ended managers until the pipeline is down. The code that
  * detects the end, a watch or a prepare whose pipeline refuses to play, removes the others. Only finalisation
- * closes the descriptor. No element can keep the manager from being finalised.
+ * closes the descriptor. No element can keep the manager from being finalised. The probe that counts
+ * documents has a reference to the client's record only.
  *
  * End: tearing a pipeline down stops its threads and waits for them, which takes milliseconds, and many
  * clients can end at the same time. The watch that detects the end therefore only detaches the client: both
@@ -29,6 +30,7 @@
 #include "connectionmanager.h"
 
 #include "clientcredentials.h"
+#include "clientrecord.h"
 #include "elementwarnings.h"
 #include "memory.h"
 #include "ratelimitedlog.h"
@@ -62,6 +64,7 @@ struct ConnectionManagerPrivate {
   std::array<GstElement *, 3> tail = {}; /* borrowed: the elements after the document, the sink first */
   GList *src_lists = nullptr;
   int fd = -1;
+  ClientRecord *record = nullptr; /* constant since the prepare; NULL for a client without one */
   guint bus_watch_id = 0;
   guint socket_watch_id = 0;
   SyncScanner scanner = {};    /* for the main thread only */
@@ -218,6 +221,39 @@ build_pipeline(ConnectionManager *conn)
   conn->priv->tail = {elements[SINK].get(), elements[PAYLOADER].get(), elements[QUEUE].get()};
   conn->priv->pipeline = pipeline.release();
   return TRUE;
+}
+
+/* Called on the streaming thread that writes to the client, for each document or list of documents. */
+GstPadProbeReturn
+on_documents(GstPad *, GstPadProbeInfo *info, gpointer user_data)
+{
+  auto *record = static_cast<ClientRecord *>(user_data);
+
+  if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+    client_record_add_documents(record, 1, gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info)));
+  } else {
+    GstBufferList *list = GST_PAD_PROBE_INFO_BUFFER_LIST(info);
+    client_record_add_documents(record, gst_buffer_list_length(list), gst_buffer_list_calculate_size(list));
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+/* Counts documents where they enter the payloader, which adds headers of its own. */
+void
+count_documents(ConnectionManager *conn)
+{
+  constexpr auto TYPE =
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
+  ClientRecord *record = conn->priv->record;
+  if (record == nullptr) {
+    return;
+  }
+
+  const auto [sink, payloader, queue] = conn->priv->tail;
+  g_autoptr(GstPad) pad = gst_element_get_static_pad(payloader, "sink");
+  gst_pad_add_probe(pad, TYPE, on_documents, client_record_ref(record),
+                    [](gpointer data) { client_record_unref(static_cast<ClientRecord *>(data)); });
+  client_record_set_queue(record, queue);
 }
 
 /* The sink writes whole buffers. On a blocking socket such a write waits, in pieces, for a client that reads
@@ -613,6 +649,7 @@ connection_manager_finalize(GObject *object)
 {
   ConnectionManager *self = CONNECTION_MANAGER(object);
 
+  g_clear_pointer(&self->priv->record, client_record_close);
   g_clear_pointer(&self->priv->pipeline, gst_object_unref);
   g_list_free_full(self->priv->src_lists, release_source);
   if (close(self->priv->fd) < 0) {
@@ -850,6 +887,24 @@ connection_manager_new(GList *src_lists, int fd)
 }
 
 /**
+ * connection_manager_set_record:
+ * @conn: (transfer none): a new manager without a record
+ * @record: (transfer full): the client's record
+ *
+ * Counts the client's documents in @record, and closes it when the manager is finalised. Called before
+ * connection_manager_prepare().
+ *
+ * Warnings: "conn != NULL" is a precondition; when it fails, the caller keeps @record.
+ */
+void
+connection_manager_set_record(ConnectionManager *conn, ClientRecord *record)
+{
+  g_return_if_fail(conn != NULL);
+
+  conn->priv->record = record;
+}
+
+/**
  * connection_manager_prepare:
  * @conn: (transfer none): a new manager
  *
@@ -875,6 +930,7 @@ connection_manager_prepare(ConnectionManager *conn)
     return FALSE;
   }
   make_writes_interruptible(conn->priv->fd);
+  count_documents(conn);
   hold_at_sink(conn);
   gboolean needs_data = TRUE;
   if (!play(conn, &needs_data)) {
@@ -920,6 +976,9 @@ connection_manager_start(ConnectionManager *conn)
   if (conn->priv->status == CONNECTION_MANAGER_STATUS_PREPARED) {
     release_hold(conn);
     set_status(conn, CONNECTION_MANAGER_STATUS_STARTED);
+    if (conn->priv->record != nullptr) {
+      client_record_set_streaming(conn->priv->record);
+    }
     start_delivering(conn);
   }
 }

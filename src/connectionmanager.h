@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "clientrecord.h"
+
 #include <gst/gst.h>
 
 G_BEGIN_DECLS
@@ -38,6 +40,8 @@ G_BEGIN_DECLS
 G_DECLARE_FINAL_TYPE(ConnectionManager, connection_manager, CONNECTION, MANAGER, GObject)
 
 ConnectionManager *connection_manager_new(GList *src_lists, int fd);
+
+void connection_manager_set_record(ConnectionManager *conn, ClientRecord *record);
 
 gboolean connection_manager_prepare(ConnectionManager *conn);
 

@@ -5,6 +5,7 @@
 #include "dbusserver.h"
 
 #include "dbusproducermanager.h"
+#include "dbusstatus.h"
 #include "systembus.h"
 
 #include <syslog.h>
@@ -45,6 +46,7 @@ on_bus_acquired(GDBusConnection *connection, const gchar *, gpointer user_data)
   syslog(LOG_INFO, "Bus acquired");
   system_bus_prepare(connection);
   dbus_producer_manager_on_bus_acquired(connection, static_cast<AnalyticsProducerList *>(user_data));
+  dbus_status_on_bus_acquired(connection);
 }
 
 void
@@ -93,8 +95,8 @@ on_name_lost(GDBusConnection *connection, const gchar *, gpointer)
  * dbus_server_init:
  * @producers: (transfer none): the daemon's producers; must exist until dbus_server_teardown()
  *
- * Exports the producers and requests the daemon's name on the system bus. Does not wait for the bus. Without
- * one, the daemon has no control service.
+ * Exports the producers and the daemon's status, and requests the daemon's name on the system bus. Does not
+ * wait for the bus. Without one, the daemon has no control service.
  *
  * Infos: "Bus acquired", "DBus-name acquired", "DBus-name was lost"
  *
@@ -108,6 +110,7 @@ dbus_server_init(AnalyticsProducerList *producers)
   g_return_if_fail(owner_id == 0);
 
   dbus_producer_manager_init(producers);
+  dbus_status_init();
   owner_lookup = g_cancellable_new();
   owner_id = g_bus_own_name(G_BUS_TYPE_SYSTEM, BUS_NAME, G_BUS_NAME_OWNER_FLAGS_NONE, on_bus_acquired,
                             on_name_acquired, on_name_lost, producers, nullptr);
@@ -127,5 +130,6 @@ dbus_server_teardown(void)
     g_cancellable_cancel(owner_lookup);
     g_clear_object(&owner_lookup);
   }
+  dbus_status_teardown();
   dbus_producer_manager_teardown();
 }

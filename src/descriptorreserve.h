@@ -13,6 +13,13 @@ G_BEGIN_DECLS
 #define DESCRIPTOR_RESERVE_SIZE 32
 
 /**
+ * DESCRIPTOR_RESERVE_MAX_NUMBER:
+ *
+ * The numbers from this one on are not searched for open descriptors.
+ */
+#define DESCRIPTOR_RESERVE_MAX_NUMBER 65536
+
+/**
  * DescriptorReservation:
  *
  * Descriptors that the holder is about to open. Any thread can call the functions of this component.
@@ -22,6 +29,8 @@ typedef struct DescriptorReservation DescriptorReservation;
 DescriptorReservation *descriptor_reservation_new(guint count, GError **error);
 
 void descriptor_reservation_free(DescriptorReservation *self);
+
+guint descriptor_reserve_count_open(guint *limit);
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(DescriptorReservation, descriptor_reservation_free)
 

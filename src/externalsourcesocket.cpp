@@ -48,6 +48,7 @@
 
 #include "logtext.h"
 #include "messagecutter.h"
+#include "producermeter.h"
 #include "ratelimitedlog.h"
 
 #include <algorithm>
@@ -88,6 +89,7 @@ struct _ExternalSourceSocket {
 
   gchar *source_name;
   MessageReader *reader;
+  ProducerMeter *meter;
   gint closed;             /* atomic */
   gint holders;            /* atomic */
   gboolean is_blocking;    /* the mode in which the descriptor arrived */
@@ -384,13 +386,35 @@ clear_deadline(ExternalSourceSocket *self)
   self->deadline_us = 0;
 }
 
+/* Counts a message that begins and is discarded. Called with the lock held, before it is discarded. */
+void
+count_dropped(ExternalSourceSocket *self)
+{
+  if (message_cutter_has_begun(self->cutter)) {
+    producer_meter_add_dropped(self->meter);
+  }
+}
+
 /* Called with the lock held. */
 void
 drop_message(ExternalSourceSocket *self)
 {
+  count_dropped(self);
   message_cutter_discard(self->cutter);
   clear_deadline(self);
   message_reader_end(self->reader);
+}
+
+/* Ends a piece, and counts the message if that discards it. Called with the lock held. */
+void
+end_piece(ExternalSourceSocket *self)
+{
+  const gboolean has_begun = message_cutter_has_begun(self->cutter);
+
+  message_cutter_end_piece(self->cutter);
+  if (has_begun && !message_cutter_has_begun(self->cutter)) {
+    producer_meter_add_dropped(self->meter);
+  }
 }
 
 /* Ends the reading of a message, after a last read with this @status. Called with the lock held. */
@@ -398,7 +422,7 @@ void
 end_reading(ExternalSourceSocket *self, GIOStatus status)
 {
   if (status == G_IO_STATUS_AGAIN) {
-    message_cutter_end_piece(self->cutter);
+    end_piece(self);
   }
   if (status == G_IO_STATUS_NORMAL) {
     clear_deadline(self);
@@ -539,8 +563,10 @@ deliver(ExternalSourceSocket *self, guint8 *frame, gsize size)
   }
   if (g_atomic_int_get(&self->closed) == 0) {
     self->on_data(self, frame, size, self->user_data);
+    producer_meter_add_message(self->meter, size);
   } else {
     g_free(frame);
+    producer_meter_add_dropped(self->meter);
   }
   message_reader_end(self->reader);
 }
@@ -564,6 +590,7 @@ external_source_socket_finalize(GObject *object)
   g_free(self->read_ahead.bytes);
   g_clear_pointer(&self->cutter, message_cutter_free);
   g_clear_pointer(&self->reader, message_reader_free);
+  g_clear_pointer(&self->meter, producer_meter_free);
   g_mutex_clear(&self->lock);
   g_datalist_clear(&object->qdata);
 }
@@ -881,6 +908,7 @@ external_source_socket_new(gint consumer_fd, const gchar *source_name, MessageAc
   self->source_name = g_strdup(source_name);
   self->cutter = make_cutter(source_name);
   self->reader = message_reader_new(account, G_OBJECT(self), on_resume);
+  self->meter = producer_meter_new(source_name);
   self->channel = g_io_channel_unix_new(consumer_fd);
   set_reader(self, consumer_fd);
   self->on_data = on_data;

@@ -21,6 +21,7 @@
 
 #include "clientcredentials.h"
 #include "clientplaces.h"
+#include "clientrecord.h"
 #include "connectionmanager.h"
 #include "descriptorreserve.h"
 #include "hangupwatch.h"
@@ -90,11 +91,12 @@ RateLimitedLog places_log =
 
 /* One accepted connection and its resources, until the reply to its request. */
 struct Connection {
-  Server *server; /* borrowed */
-  int fd;         /* -1 once a manager owns it */
-  uid_t user;
+  Server *server;                /* borrowed */
+  int fd;                        /* -1 once a manager owns it */
+  ClientCredentials credentials; /* of the client's process */
   RequestReader *reader;
   ClientPlace *place;                 /* while a pool thread handles the request */
+  ClientRecord *record;               /* while a pool thread handles the request */
   DescriptorReservation *reservation; /* while a pool thread handles the request */
 };
 
@@ -112,6 +114,7 @@ connection_free(Connection *connection)
 {
   g_clear_pointer(&connection->reader, request_reader_free);
   g_clear_pointer(&connection->reservation, descriptor_reservation_free);
+  g_clear_pointer(&connection->record, client_record_close);
   g_clear_pointer(&connection->place, client_place_free);
   if (connection->fd >= 0) {
     close_accepted(connection->fd);
@@ -158,7 +161,7 @@ make_failure(const GError *error)
 gboolean
 take_resources(Connection *connection, gchar **failure)
 {
-  connection->place = client_place_new(connection->user);
+  connection->place = client_place_new(connection->credentials.uid);
   if (connection->place == nullptr) {
     rate_limited_log(&places_log, LOG_WARNING, "Too many metadata clients, refused a metadata request.");
     *failure = g_strdup(NOT_CREATED);
@@ -207,13 +210,14 @@ read_request_and_create_sources(Connection *connection, GIOChannel *channel, gch
   if (params == nullptr || !take_resources(connection, failure)) {
     return nullptr;
   }
+  connection->record = client_record_new(connection->credentials.pid, connection->credentials.uid, params);
 
   g_autoptr(HangUpWatch) hang_up_watch = hang_up_watch_new(connection->fd);
   return create_sources(connection->server, params, g_cancellable_get_current(), failure);
 }
 
-/* Streams the sources to the client. The manager takes over descriptor and place; the channel only writes the
- * reply. The reservation ends when the pipeline has opened all of its descriptors. */
+/* Streams the sources to the client. The manager takes over descriptor, place and record; the channel only
+ * writes the reply. The reservation ends when the pipeline has opened all of its descriptors. */
 void
 serve(Connection *connection, GIOChannel *channel, GList *sources)
 {
@@ -227,6 +231,7 @@ serve(Connection *connection, GIOChannel *channel, GList *sources)
   const int fd = std::exchange(connection->fd, -1);
   g_object_set_data_full(G_OBJECT(manager), PLACE_KEY, std::exchange(connection->place, nullptr),
                          [](gpointer place) { client_place_free(static_cast<ClientPlace *>(place)); });
+  connection_manager_set_record(manager, std::exchange(connection->record, nullptr));
   if (!connection_manager_prepare(manager)) {
     refuse(fd, channel, NOT_PRODUCED);
     request_channel_discard_input(fd);
@@ -303,7 +308,7 @@ may_wait(Server *self, uid_t user)
   guint unfinished = 0;
 
   for (const GList *item = reading->head; item != nullptr; item = item->next) {
-    unfinished += static_cast<Connection *>(item->data)->user == user ? 1 : 0;
+    unfinished += static_cast<Connection *>(item->data)->credentials.uid == user ? 1 : 0;
   }
   return g_thread_pool_unprocessed(self->priv->pool) + reading->length <= SERVER_MAX_WAITING_REQUESTS &&
          unfinished < SERVER_MAX_UNFINISHED_REQUESTS;
@@ -312,8 +317,8 @@ may_wait(Server *self, uid_t user)
 void
 read_request(Server *self, int fd)
 {
-  const uid_t user = client_credentials_get_user(fd);
-  if (!may_wait(self, user)) {
+  const ClientCredentials credentials = client_credentials_get(fd);
+  if (!may_wait(self, credentials.uid)) {
     syslog(LOG_WARNING, "Too many unprocessed metadata requests, dropping one.");
     client_credentials_log(fd, "connection closed: too many requests wait");
     close_accepted(fd);
@@ -323,7 +328,7 @@ read_request(Server *self, int fd)
   auto *connection = g_new0(Connection, 1);
   connection->server = self;
   connection->fd = fd;
-  connection->user = user;
+  connection->credentials = credentials;
   connection->reader = request_reader_new(fd, SERVER_MAX_REQUEST_BYTES, SERVER_REQUEST_TIMEOUT_MS,
                                           on_request_read, connection);
   g_queue_push_tail(&self->priv->reading, connection);

@@ -71,7 +71,8 @@ TEST_F(ClientCredentialsTest, LogsNothingAboutOtherDescriptors)
   client_credentials_log(pipe_fds[0], "request refused");
   client_credentials_log(-1, "request refused");
   EXPECT_EQ(testhost::take_debug_lines(), testhost::Texts());
-  EXPECT_EQ(client_credentials_get_user(-1), 0U);
+  EXPECT_EQ(client_credentials_get(-1).pid, -1);
+  EXPECT_EQ(client_credentials_get(-1).uid, 0U);
   close(pipe_fds[0]);
   close(pipe_fds[1]);
 }
@@ -86,7 +87,8 @@ TEST_F(ClientCredentialsTest, WritesALimitedNumberOfLines)
             testhost::Texts(RATE_LIMITED_LOG_BURST, own_line("request refused")));
 }
 
-TEST_F(ClientCredentialsTest, GetsTheUser)
+TEST_F(ClientCredentialsTest, GetsProcessAndUser)
 {
-  EXPECT_EQ(client_credentials_get_user(fd_), getuid());
+  EXPECT_EQ(client_credentials_get(fd_).pid, getpid());
+  EXPECT_EQ(client_credentials_get(fd_).uid, getuid());
 }

@@ -81,6 +81,22 @@ TEST_F(DescriptorReserveTest, CountsEveryOpenDescriptor)
   EXPECT_TRUE(can_reserve(1));
 }
 
+TEST_F(DescriptorReserveTest, TellsHowManyDescriptorsAreOpen)
+{
+  const FreeDescriptors free(5);
+  struct rlimit descriptors = {};
+  guint limit = 0;
+  const guint before = descriptor_reserve_count_open(&limit);
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+
+  EXPECT_EQ(limit, descriptors.rlim_cur);
+  EXPECT_EQ(before, testhost::open_descriptors().size());
+  const int fd = open("/dev/null", O_PATH | O_CLOEXEC);
+  EXPECT_EQ(descriptor_reserve_count_open(&limit), before + 1);
+  close(fd);
+  EXPECT_EQ(descriptor_reserve_count_open(&limit), before);
+}
+
 TEST_F(DescriptorReserveTest, LimitsTheReservationsOfAllThreads)
 {
   constexpr guint FREE = 10;

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: MIT */
+#include "producermeter.h"
+
 #include "testexternalsocket.h"
 
 #include <array>
@@ -26,6 +28,22 @@ class BlockingStreamTest : public ExternalSourceSocketTest, public testing::With
 class NonBlockingStreamTest : public ExternalSourceSocketTest, public testing::WithParamInterface<Carrier>
 {
 };
+
+/* What the stream of this name has delivered and dropped, as "delivered/dropped". */
+std::string
+counts_of(const char *source)
+{
+  ProducerCounts totals = {};
+  g_autoptr(GPtrArray) producers = producer_meter_list(&totals);
+
+  for (guint i = 0; i < producers->len; i++) {
+    const auto *counts = static_cast<ProducerCounts *>(g_ptr_array_index(producers, i));
+    if (g_str_equal(counts->source, source)) {
+      return std::to_string(counts->messages) + "/" + std::to_string(counts->dropped);
+    }
+  }
+  return "nothing";
+}
 
 constexpr std::array CARRIERS = {Carrier::PIPE, Carrier::FIFO, Carrier::SOCKET};
 
@@ -164,6 +182,41 @@ TEST_P(NonBlockingStreamTest, DropsAnIncompletePayload)
     stream.send(message("next"));
     EXPECT_EQ(stream.take_events(), frames({"next"})) << cut;
   }
+}
+
+TEST_P(NonBlockingStreamTest, CountsWhatItDeliversAndDrops)
+{
+  const std::string name = "counted non-blocking " + carrier_name(GetParam());
+  {
+    Stream stream(GetParam(), Mode::NON_BLOCKING, name.c_str());
+
+    stream.send(message("") + message("1"));
+    stream.take_events();
+    EXPECT_EQ(counts_of(name.c_str()), "1/0");
+    stream.send(message(LONG).substr(0, 7));
+    stream.take_events();
+    EXPECT_EQ(counts_of(name.c_str()), "1/1");
+    stream.send(message("2"));
+    stream.take_events();
+    EXPECT_EQ(counts_of(name.c_str()), "2/1");
+  }
+  EXPECT_EQ(counts_of(name.c_str()), "2/1");
+}
+
+TEST_P(BlockingStreamTest, CountsWhatItDeliversAndDrops)
+{
+  const std::string name = "counted blocking " + carrier_name(GetParam());
+  {
+    Stream stream(GetParam(), Mode::BLOCKING, name.c_str());
+
+    stream.send(message(LONG).substr(0, 7));
+    stream.take_events();
+    EXPECT_EQ(counts_of(name.c_str()), "0/0");
+    stream.send(message(LONG).substr(7) + message("1") + message(LONG).substr(0, 2));
+    stream.take_events();
+    EXPECT_EQ(counts_of(name.c_str()), "2/0");
+  }
+  EXPECT_EQ(counts_of(name.c_str()), "2/1") << "the stream has ended in a message";
 }
 
 TEST_P(NonBlockingStreamTest, TakesAShortLengthAsComplete)

@@ -1,11 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include "testserver.h"
 
+#include "clientrecord.h"
 #include "faults.h"
 
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <gio/gio.h>
+#include <unistd.h>
 
 using testelements::Behaviour;
 using testhost::SyslogLines;
@@ -250,6 +253,42 @@ TEST_F(ServerTest, RepliesOkAndStreams)
 
   EXPECT_EQ(client.received().substr(0, 3), "OK\0"s);
   EXPECT_FALSE(client.ended());
+}
+
+TEST_F(ServerTest, RecordsItsClients)
+{
+  start_with_events();
+  {
+    Client client = connect_streaming();
+    ClientTotals totals = {};
+    g_autoptr(GPtrArray) clients = client_record_list(&totals);
+    ASSERT_EQ(clients->len, 1U);
+    const auto *shown = static_cast<ClientSnapshot *>(g_ptr_array_index(clients, 0));
+    EXPECT_EQ(shown->pid, getpid());
+    EXPECT_EQ(shown->uid, getuid());
+    EXPECT_TRUE(shown->is_streaming);
+    EXPECT_STREQ(static_cast<const gchar *>(g_hash_table_lookup(shown->request, "event")), "1");
+    EXPECT_EQ(shown->documents, 1U);
+    EXPECT_EQ(shown->bytes, strlen(testelements::DOCUMENT_TEXT));
+  }
+  EXPECT_TRUE(testhost::spin_until([] {
+    ClientTotals totals = {};
+    g_autoptr(GPtrArray) clients = client_record_list(&totals);
+    return clients->len == 0;
+  }));
+}
+
+TEST_F(ServerTest, RecordsNoRefusedClient)
+{
+  start_with_events();
+  ClientTotals totals = {};
+
+  EXPECT_EQ(ask("OPEN\n\n"), NO_METADATA);
+  EXPECT_EQ(ask("OPEN\nevent=9\n\n"),
+            "FAIL\nUnable to create source: Invalid value of 'event' parameter: '9'..");
+  testhost::take_syslog();
+  g_autoptr(GPtrArray) clients = client_record_list(&totals);
+  EXPECT_EQ(clients->len, 0U);
 }
 
 TEST_F(ServerTest, ReadsASyncLineSentWithTheRequestAsPartOfTheStream)
