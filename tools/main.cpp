@@ -9,6 +9,7 @@
 #include "produce.h"
 #include "producercommands.h"
 #include "snapshot.h"
+#include "status.h"
 #include "stream.h"
 #include "topics.h"
 
@@ -33,6 +34,7 @@ constexpr std::array COMMANDS = {
     Command{"disable", "Disable a producer on a video channel", disable_command_run},
     Command{"apply", "Enable and disable many at once, from a file", apply_command_run},
     Command{"monitor", "Print changes of the producers as they happen", monitor_command_run},
+    Command{"status", "Print the clients, producers and limits of the daemon", status_command_run},
     Command{"produce", "Pass detections from standard input to clients", produce_command_run},
     Command{"emit", "Emit an event, or those of the lines on standard input", emit_command_run},
     Command{"topics", "List the topics of events", topics_command_run},

@@ -8,6 +8,7 @@
 #include "command.h"
 
 #include <array>
+#include <span>
 
 namespace
 {
@@ -26,6 +27,17 @@ constexpr gchar NOT_ALLOWED[] = "The bus policy refused the call: only root and 
                                 "group '" PRODUCER_BUS_ADMIN_GROUP "' can enable and disable producers.";
 
 constexpr gchar ABSENT[] = "The daemon is not on the bus: '" PRODUCER_BUS_NAME "' has no owner.";
+
+constexpr gchar NO_STATUS[] = "The daemon does not tell its status: it is older than this tessardctl.";
+
+/* Those of the daemon's status, which earlier daemons and their policies do not have. */
+constexpr std::array STATUS_FAILURES = {
+    BusFailure{"org.freedesktop.DBus.Error.UnknownMethod", EXIT_STATUS_REFUSED, NO_STATUS},
+    BusFailure{"org.freedesktop.DBus.Error.UnknownInterface", EXIT_STATUS_REFUSED, NO_STATUS},
+    BusFailure{"org.freedesktop.DBus.Error.UnknownObject", EXIT_STATUS_REFUSED, NO_STATUS},
+    BusFailure{"org.freedesktop.DBus.Error.AccessDenied", EXIT_STATUS_REFUSED,
+               "The bus policy refused the call: it does not let this user read the daemon's status."},
+};
 
 constexpr std::array BUS_FAILURES = {
     BusFailure{"org.freedesktop.DBus.Error.ServiceUnknown", EXIT_STATUS_NO_CONNECTION, ABSENT},
@@ -87,16 +99,27 @@ is_refused_by_policy(const gchar *interface, const GError *cause)
          g_error_matches(cause, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
 }
 
+/* NULL when the failure is none of these. */
+GError *
+find_failure(std::span<const BusFailure> failures, const gchar *name)
+{
+  for (const BusFailure &failure : failures) {
+    if (g_strcmp0(failure.name, name) == 0) {
+      return g_error_new_literal(TESSARDCTL_ERROR, failure.status, failure.text);
+    }
+  }
+  return nullptr;
+}
+
 GError *
 convert_remote_failure(const GError *cause)
 {
   g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
   g_autoptr(GError) stripped = g_error_copy(cause);
+  GError *known = find_failure(BUS_FAILURES, name);
 
-  for (const BusFailure &failure : BUS_FAILURES) {
-    if (g_str_equal(failure.name, name)) {
-      return g_error_new_literal(TESSARDCTL_ERROR, failure.status, failure.text);
-    }
+  if (known != nullptr) {
+    return known;
   }
   g_dbus_error_strip_remote_error(stripped);
   return g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_REFUSED,
@@ -209,11 +232,16 @@ producer_bus_check_type(GVariant *body, const gchar *what, const GVariantType *t
  * @seconds: the time limit of the call
  *
  * Returns: (transfer full): the error of producer_bus_convert_failure(), or that for a refusal of the bus
- * policy
+ * policy, or for a daemon without the interface of the status
  */
 GError *
 producer_bus_convert_call_failure(const gchar *interface, const GError *cause, guint seconds)
 {
+  if (g_str_equal(interface, PRODUCER_BUS_STATUS)) {
+    g_autofree gchar *name = g_dbus_error_get_remote_error(cause);
+    GError *known = find_failure(STATUS_FAILURES, name);
+    return known != nullptr ? known : producer_bus_convert_failure(cause, seconds);
+  }
   if (is_refused_by_policy(interface, cause)) {
     return g_error_new_literal(TESSARDCTL_ERROR, EXIT_STATUS_REFUSED, NOT_ALLOWED);
   }

@@ -27,6 +27,8 @@
 #define PRODUCER_BUS_ROOT "/com/quon/MetadataServer1/Producers"
 #define PRODUCER_BUS_PRODUCER "com.quon.MetadataServer1.Producer"
 #define PRODUCER_BUS_MANAGER "com.quon.MetadataServer1.ProducerManager"
+#define PRODUCER_BUS_STATUS_PATH "/com/quon/MetadataServer1/Status"
+#define PRODUCER_BUS_STATUS "com.quon.MetadataServer1.Status"
 #define PRODUCER_BUS_OBJECT_MANAGER "org.freedesktop.DBus.ObjectManager"
 
 /* The reply of GetManagedObjects, and the interfaces of one object in it. */

@@ -5,43 +5,15 @@
 #include "producertable.h"
 #include "documentformat.h"
 #include "printable.h"
+#include "texttable.h"
 
-#include <algorithm>
-#include <array>
 #include <json-glib/json-glib.h>
 
 namespace
 {
 
-constexpr gsize COLUMNS = 5;
-
-constexpr gint COLUMN_GAP = 2;
-
 /* Printed for the configuration of a disabled channel, and for a channel that does not exist. */
 constexpr gchar NOTHING[] = "-";
-
-using Row = std::array<std::string, COLUMNS>;
-
-std::string
-make_printable(const std::string &text)
-{
-  g_autofree gchar *printable = printable_line(text.c_str());
-
-  return printable;
-}
-
-/* In columns of a terminal. */
-gint
-measure_width(const std::string &text)
-{
-  gint width = 0;
-
-  for (const gchar *p = text.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
-    const gunichar c = g_utf8_get_char(p);
-    width += g_unichar_iszerowidth(c) ? 0 : g_unichar_iswide(c) ? 2 : 1;
-  }
-  return width;
-}
 
 const gchar *
 get_state(const ProducerChannel &channel)
@@ -49,47 +21,23 @@ get_state(const ProducerChannel &channel)
   return channel.enabled ? "enabled" : "disabled";
 }
 
-std::vector<Row>
+std::vector<TextTableRow>
 make_rows(const Producers &producers)
 {
-  std::vector<Row> rows = {{"NAME", "NICE NAME", "CHANNEL", "STATE", "CONFIGURATION"}};
+  std::vector<TextTableRow> rows = {{"NAME", "NICE NAME", "CHANNEL", "STATE", "CONFIGURATION"}};
 
   for (const Producer &producer : producers) {
-    const std::string name = make_printable(producer.name);
-    const std::string nice_name = make_printable(producer.nice_name);
+    const std::string name = text_table_make_cell(producer.name);
+    const std::string nice_name = text_table_make_cell(producer.nice_name);
     if (producer.channels.empty()) {
       rows.push_back({name, nice_name, NOTHING, NOTHING, NOTHING});
     }
     for (const ProducerChannel &channel : producer.channels) {
       rows.push_back({name, nice_name, std::to_string(channel.channel), get_state(channel),
-                      channel.enabled ? make_printable(channel.configuration) : NOTHING});
+                      channel.enabled ? text_table_make_cell(channel.configuration) : NOTHING});
     }
   }
   return rows;
-}
-
-std::array<gint, COLUMNS>
-measure_columns(const std::vector<Row> &rows)
-{
-  std::array<gint, COLUMNS> widths = {};
-
-  for (const Row &row : rows) {
-    for (gsize column = 0; column < COLUMNS; column++) {
-      widths[column] = std::max(widths[column], measure_width(row[column]));
-    }
-  }
-  return widths;
-}
-
-/* The last column is not padded. */
-void
-append_row(GString *table, const Row &row, const std::array<gint, COLUMNS> &widths)
-{
-  for (gsize column = 0; column + 1 < COLUMNS; column++) {
-    const gint padding = widths[column] - measure_width(row[column]) + COLUMN_GAP;
-    g_string_append_printf(table, "%s%*s", row[column].c_str(), padding, "");
-  }
-  g_string_append_printf(table, "%s\n", row[COLUMNS - 1].c_str());
 }
 
 void
@@ -129,7 +77,7 @@ add_producer(JsonBuilder *builder, const Producer &producer)
 void
 append_field(GString *text, const gchar *field, const std::string &value)
 {
-  g_string_append_printf(text, "%s: %s\n", field, make_printable(value).c_str());
+  g_string_append_printf(text, "%s: %s\n", field, text_table_make_cell(value).c_str());
 }
 
 void
@@ -137,7 +85,7 @@ append_channel(GString *text, const ProducerChannel &channel)
 {
   g_string_append_printf(text, "Channel %d: %s", channel.channel, get_state(channel));
   if (channel.enabled) {
-    g_string_append_printf(text, " as '%s'", make_printable(channel.configuration).c_str());
+    g_string_append_printf(text, " as '%s'", text_table_make_cell(channel.configuration).c_str());
   }
   g_string_append_c(text, '\n');
 }
@@ -153,14 +101,7 @@ append_channel(GString *text, const ProducerChannel &channel)
 gchar *
 producer_table_format(const Producers &producers)
 {
-  const std::vector<Row> rows = make_rows(producers);
-  const std::array<gint, COLUMNS> widths = measure_columns(rows);
-  g_autoptr(GString) table = g_string_new(nullptr);
-
-  for (const Row &row : rows) {
-    append_row(table, row, widths);
-  }
-  return g_string_free(g_steal_pointer(&table), FALSE);
+  return text_table_format(make_rows(producers), "lllll");
 }
 
 /**
@@ -198,7 +139,7 @@ producer_table_format_names(const Producers &producers)
   g_autoptr(GString) names = g_string_new(nullptr);
 
   for (const Producer &producer : producers) {
-    g_string_append_printf(names, "%s\n", make_printable(producer.name).c_str());
+    g_string_append_printf(names, "%s\n", text_table_make_cell(producer.name).c_str());
   }
   return g_string_free(g_steal_pointer(&names), FALSE);
 }

@@ -10,6 +10,8 @@ ROOT = "/com/quon/MetadataServer1/Producers"
 PRODUCER = "com.quon.MetadataServer1.Producer"
 MANAGER = "com.quon.MetadataServer1.ProducerManager"
 OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
+STATUS_PATH = "/com/quon/MetadataServer1/Status"
+STATUS = "com.quon.MetadataServer1.Status"
 
 
 def path_of(producer):
@@ -22,6 +24,10 @@ class ControlClient(BusClient):
     def objects(self):
         """The paths of all producers."""
         return set(self.call(NAME, ROOT, OBJECT_MANAGER, "GetManagedObjects").unpack()[0])
+
+    def status(self):
+        """What the daemon tells about itself."""
+        return self.call(NAME, STATUS_PATH, STATUS, "GetStatus").unpack()[0]
 
     def properties(self, producer):
         return self.call(NAME, path_of(producer), PROPERTIES, "GetAll", GLib.Variant("(s)", (PRODUCER,))).unpack()[0]

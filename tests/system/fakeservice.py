@@ -7,10 +7,11 @@ import threading
 from gi.repository import Gio, GLib
 
 from busclient import PROPERTIES, BusClient
-from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, STATUS, STATUS_PATH, path_of
 from waiting import BOUND_SECONDS
 
-ARGUMENTS = {"GetManagedObjects": "", "SetProducersEnabled": "a{sa(ibs)}", "SetChannelsEnabled": "a(ibs)"}
+ARGUMENTS = {"GetManagedObjects": "", "GetStatus": "", "SetProducersEnabled": "a{sa(ibs)}",
+             "SetChannelsEnabled": "a(ibs)"}
 
 SAMPLE_FRAME = '<tt:SampleFrame xmlns:tt="http://www.onvif.org/ver10/schema"><tt:Object/></tt:SampleFrame>'
 
@@ -23,6 +24,36 @@ def properties(name, nice_name="Nice", channels=(), frame=SAMPLE_FRAME):
         "SampleFrameXML": GLib.Variant("s", frame),
         "ChannelsEnabled": GLib.Variant("a(ibs)", list(channels)),
     }
+
+
+# The values of the daemon's status with their types, without clients and sources.
+LIMITS = {"Clients": ("u", 256), "ClientsKept": ("u", 32), "Descriptors": ("u", 4096), "DescriptorsKept": ("u", 32),
+          "ClientHeldBytes": ("t", 8 << 20), "HeldBytes": ("t", 128 << 20)}
+STATUS_VALUES = {
+    "Version": ("s", "1.2.3"), "StartTime": ("x", 1_700_000_000), "Uptime": ("t", 7_500_000_000),
+    "ClientsTotal": ("t", 12), "DocumentsTotal": ("t", 5031), "BytesTotal": ("t", 7_654_321),
+    "MessagesTotal": ("t", 890), "MessageBytesTotal": ("t", 421_888), "DroppedTotal": ("t", 1),
+    "HeldBytes": ("t", 2048), "Descriptors": ("u", 31)}
+CLIENT_VALUES = {
+    "Id": ("t", 1), "Pid": ("u", 4711), "Uid": ("u", 0), "Streaming": ("b", True), "Request": ("a{ss}", {}),
+    "Documents": ("t", 0), "Bytes": ("t", 0), "QueueItems": ("u", 0), "QueueBytes": ("u", 0), "Age": ("t", 0),
+    "LastDocumentAge": ("x", -1)}
+SOURCE_VALUES = {"Source": ("s", "gate"), "Streams": ("u", 1), "Messages": ("t", 0), "Bytes": ("t", 0),
+                 "Dropped": ("t", 0)}
+
+
+def variants(values, **changes):
+    """Values with their types; changes keep the type of the value that they replace."""
+    assert changes.keys() <= values.keys()
+    return {key: GLib.Variant(kind, changes.get(key, value)) for key, (kind, value) in values.items()}
+
+
+def status(clients=(), sources=(), **changes):
+    """The daemon's status as it is on the bus; clients and sources: changes of the values of each."""
+    return variants(STATUS_VALUES, **changes) | {
+        "Clients": GLib.Variant("aa{sv}", [variants(CLIENT_VALUES, **client) for client in clients]),
+        "Producers": GLib.Variant("aa{sv}", [variants(SOURCE_VALUES, **source) for source in sources]),
+        "Limits": GLib.Variant("a{sv}", variants(LIMITS))}
 
 
 class BusService:
@@ -79,16 +110,20 @@ class FakeService(BusService):
     """The owner of the daemon's name. Producers and replies are set before its start.
 
     producers: properties by object path, for GetManagedObjects
+    statuses: replies to GetStatus, of which the last one stays
     replies: bodies instead of the correct ones, by method
     errors: names and messages of errors, by method
+    absent: methods that the service does not have
     silent: methods that get no reply; leaving: methods whose call makes the service leave the bus
     calls: received calls, as (path, method, arguments); flags: their message flags"""
 
     def __init__(self, bus):
         super().__init__(bus, NAME)
         self.producers = {}
+        self.statuses = [status()]
         self.replies = {}
         self.errors = {}
+        self.absent = set()
         self.silent = set()
         self.leaving = set()
         self.calls = []
@@ -103,13 +138,16 @@ class FakeService(BusService):
     def _register_all(self):
         self._register(ROOT, OBJECT_MANAGER, "GetManagedObjects")
         self._register(ROOT, MANAGER, "SetProducersEnabled")
+        self._register(STATUS_PATH, STATUS, "GetStatus")
         for path in self.producers:
             self._register(path, PRODUCER, "SetChannelsEnabled")
 
     def _register(self, path, interface, method):
+        if method in self.absent:
+            return
         reply = self.replies.get(method)
         returned = (reply.get_type_string()[1:-1] if reply is not None else
-                    "a{oa{sa{sv}}}" if method == "GetManagedObjects" else "")
+                    {"GetManagedObjects": "a{oa{sa{sv}}}", "GetStatus": "a{sv}"}.get(method, ""))
         arguments = f'<arg type="{ARGUMENTS[method]}" direction="in"/>' if ARGUMENTS[method] else ""
         results = f'<arg type="{returned}" direction="out"/>' if returned else ""
         node = Gio.DBusNodeInfo.new_for_xml(
@@ -130,6 +168,9 @@ class FakeService(BusService):
             invocation.return_value(self.replies[method])
         elif method == "GetManagedObjects":
             invocation.return_value(self._objects())
+        elif method == "GetStatus":
+            values = self.statuses.pop(0) if len(self.statuses) > 1 else self.statuses[0]
+            invocation.return_value(GLib.Variant("(a{sv})", (values,)))
         else:
             invocation.return_value(None)
 

@@ -21,6 +21,7 @@ BUS_COMMANDS = {
     "disable": ["disable", VIDEO_TRACKER, "1"],
     "apply": ["apply", "-"],
     "monitor": ["monitor"],
+    "status": ["status", "--json"],
     "produce": ["produce", "Mine"],
     "emit": ["emit", "tns1:Device/Trigger"],
     "topics": ["topics"],

@@ -18,8 +18,8 @@ from waiting import BOUND_SECONDS, wait_until
 BASH = TREE / "tools/completion/tessardctl.bash"
 ZSH = TREE / "tools/completion/_tessardctl"
 
-COMMANDS = ["stream", "snapshot", "producers", "list", "show", "enable", "disable", "apply", "monitor", "produce",
-            "emit", "topics", "help"]
+COMMANDS = ["stream", "snapshot", "producers", "list", "show", "enable", "disable", "apply", "monitor", "status",
+            "produce", "emit", "topics", "help"]
 
 # Calls the completion function like bash on a tab.
 COMPLETE = """\
@@ -63,10 +63,10 @@ def test_commands(offered, run_tessardctl):
     listed = re.search(r"Commands:\n((?:  .*\n)+)", run_tessardctl("--help").out.decode()).group(1)
     assert [line.split()[0] for line in listed.splitlines()] == COMMANDS
     assert offered("") == COMMANDS
-    assert offered("s") == ["stream", "snapshot", "show"]
-    assert offered("--help s") == ["stream", "snapshot", "show"]
+    assert offered("s") == ["stream", "snapshot", "show", "status"]
+    assert offered("--help s") == ["stream", "snapshot", "show", "status"]
     assert offered("help ") == COMMANDS
-    assert offered("help s") == ["stream", "snapshot", "show"]
+    assert offered("help s") == ["stream", "snapshot", "show", "status"]
     assert offered("help show ") == []
 
 

@@ -58,6 +58,7 @@ def test_calls_do_not_start_the_daemon(run_on_bus, started_service, command):
 each_call = pytest.mark.parametrize("method, command", [
     ("GetManagedObjects", "producers"), ("GetManagedObjects", "show"), ("GetManagedObjects", "enable"),
     ("SetChannelsEnabled", "enable"), ("SetChannelsEnabled", "disable"), ("SetProducersEnabled", "apply"),
+    ("GetStatus", "status"),
 ])
 
 
@@ -86,7 +87,7 @@ def test_daemon_leaves_before_its_reply(run_on_bus, fake_service, method, comman
 def test_reply_of_another_type(run_on_bus, fake_service, method, command):
     fake_service.replies[method] = GLib.Variant("(s)", ("what?",))
     fake_service.start()
-    expected = "(a{oa{sa{sv}}})" if method == "GetManagedObjects" else "()"
+    expected = {"GetManagedObjects": "(a{oa{sa{sv}}})", "GetStatus": "(a{sv})"}.get(method, "()")
     assert run_on_bus(*COMMANDS[command]) == failure(
         MALFORMED, f"What the daemon sent for {method} has the type '(s)', not '{expected}'.")
 

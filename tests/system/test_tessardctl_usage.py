@@ -50,7 +50,7 @@ def test_stream_help_names_every_option_and_status(run_tessardctl):
 
 @pytest.mark.parametrize("command, arguments", [
     ("producers", ""), ("list", ""), ("show", " NAME"), ("enable", " NAME CHANNEL CONFIGURATION"),
-    ("disable", " NAME CHANNEL"), ("apply", " FILE"), ("monitor", ""),
+    ("disable", " NAME CHANNEL"), ("apply", " FILE"), ("monitor", ""), ("status", ""),
 ])
 def test_help_of_commands_that_use_the_bus(run_tessardctl, command, arguments):
     result = run_tessardctl(command, "--help")
@@ -123,6 +123,8 @@ def test_version(run_tessardctl, option):
     (["disable", "a", "-1"], "Unknown option -1", "tessardctl disable"),
     (["apply"], "Missing argument FILE.", "tessardctl apply"),
     (["monitor", "a"], "Unexpected argument 'a'.", "tessardctl monitor"),
+    (["status", "now"], "Unexpected argument 'now'.", "tessardctl status"),
+    (["status", "--json", "--metrics"], "Only one of --json and --metrics is allowed.", "tessardctl status"),
     (["produce"], "Missing argument NAME.", "tessardctl produce"),
     (["produce", "a", "b"], "Unexpected argument 'b'.", "tessardctl produce"),
     (["produce", b"\xff"], "The argument NAME is not UTF-8.", "tessardctl produce"),

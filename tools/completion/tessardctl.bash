@@ -6,7 +6,7 @@
 _TESSARDCTL_QUERY_SECONDS=2
 
 _tessardctl_commands() {
-  printf '%s\n' stream snapshot producers list show enable disable apply monitor produce emit topics help
+  printf '%s\n' stream snapshot producers list show enable disable apply monitor status produce emit topics help
 }
 
 # The options of a command, or of tessardctl itself.
@@ -24,6 +24,7 @@ _tessardctl_options() {
     ;;
   producers | list) printf '%s\n' --json --names --channels --bus ;;
   show | enable | disable | apply | monitor) printf '%s\n' --bus ;;
+  status) printf '%s\n' --json --metrics --bus ;;
   produce) printf '%s\n' --nice-name --channel --sample --strict --bus ;;
   emit) printf '%s\n' --property --operation --source --data --namespace --lines --bus ;;
   topics) printf '%s\n' --json --bus ;;
