@@ -53,7 +53,7 @@ typedef struct {
 
 /**
  * ClientTotals:
- * @clients: the clients that had a record since the daemon's start
+ * @clients: the clients that had a record since the daemon's start, also those whose request was refused then
  * @documents: their documents
  * @bytes: the bytes of these
  *

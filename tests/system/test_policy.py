@@ -10,7 +10,7 @@ import tessardctl
 from busclient import BusClient
 from daemon import VIDEO_TRACKER
 from installation import ADMIN_GROUP, UNPRIVILEGED_USER, Bus, run_by_root
-from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, path_of
+from controlclient import MANAGER, NAME, OBJECT_MANAGER, PRODUCER, ROOT, STATUS, STATUS_PATH, path_of
 from users import ADMINISTRATOR, REFUSED, ROOT_USER, STAND_IN_GROUP, STRANGER, call, run_as
 from waiting import BOUND_SECONDS
 
@@ -111,6 +111,7 @@ def test_other_users_change_nothing(daemon, policed_bus, change):
     (ROOT, OBJECT_MANAGER, "GetManagedObjects", "()"),
     (ROOT, "org.freedesktop.DBus.Introspectable", "Introspect", "()"),
     (ROOT, "org.freedesktop.DBus.Peer", "Ping", "()"),
+    (STATUS_PATH, STATUS, "GetStatus", "()"),
     (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Introspectable", "Introspect", "()"),
     (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "Get", f"('{PRODUCER}', 'ChannelsEnabled')"),
     (path_of(VIDEO_TRACKER), "org.freedesktop.DBus.Properties", "GetAll", f"('{PRODUCER}',)"),
