@@ -88,9 +88,8 @@ descriptor_reservation_new(guint count, GError **error)
  * descriptor_reserve_count_open:
  * @limit: (out): the number of descriptors that can be open
  *
- * Counts the open descriptors. The kernel gives out the lowest free number, so that no open descriptor of the
- * daemon has one beyond DESCRIPTOR_RESERVE_MAX_NUMBER, however high the limit is. Takes some 0.1 microseconds
- * for each number below the limit. Any thread.
+ * Counts the open descriptors with numbers below DESCRIPTOR_RESERVE_MAX_NUMBER. Takes less than 0.1
+ * microseconds for each number up to that or to the limit. Any thread.
  *
  * Returns: the number of open descriptors
  */

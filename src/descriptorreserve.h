@@ -15,9 +15,10 @@ G_BEGIN_DECLS
 /**
  * DESCRIPTOR_RESERVE_MAX_NUMBER:
  *
- * The numbers from this one on are not searched for open descriptors.
+ * The numbers from this one on are not searched for open descriptors. The kernel gives out the lowest free
+ * number, and all clients with the most producers have some 26,000.
  */
-#define DESCRIPTOR_RESERVE_MAX_NUMBER 65536
+#define DESCRIPTOR_RESERVE_MAX_NUMBER 32768
 
 /**
  * DescriptorReservation:

@@ -83,7 +83,6 @@ TEST_F(DescriptorReserveTest, CountsEveryOpenDescriptor)
 
 TEST_F(DescriptorReserveTest, TellsHowManyDescriptorsAreOpen)
 {
-  const FreeDescriptors free(5);
   struct rlimit descriptors = {};
   guint limit = 0;
   const guint before = descriptor_reserve_count_open(&limit);
