@@ -18,7 +18,7 @@ import pytest
 pytest.register_assert_rewrite("broker", "busclient", "chromium", "client", "controlclient", "crowd", "daemon",
                                "documents", "eventapplication", "external", "fakedaemon", "fakereceiver",
                                "fakeservice", "gatewayprocess", "installation", "libraryprogram", "mqttdocuments",
-                               "mqttfeed", "mqttgateway", "overdue", "promptness", "receiverclient",
+                               "mqttfeed", "mqttgateway", "openmetrics", "overdue", "promptness", "receiverclient",
                                "receiverprocess", "refusals", "rtspclient", "rtspgateway", "scenes", "simcamera",
                                "tessardctl", "users", "viewgateway", "waiting")
 
