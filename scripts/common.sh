@@ -29,7 +29,7 @@ SOAK_PACKAGES=(libgtest-dev python3-pytest python3-gi python3-lxml gir1.2-gstrea
 
 # Needed in addition to run every test.
 TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-tools systemd python3-pytest-xdist python3-jsonschema
-  clang clang-format clang-tidy libclang-rt-14-dev git man-db mandoc shellcheck zlib1g-dev ffmpeg iproute2 openssl
+  kconfig-frontends clang clang-format clang-tidy libclang-rt-14-dev git man-db mandoc shellcheck zlib1g-dev ffmpeg iproute2 openssl
   mosquitto mosquitto-clients)
 
 # Packages with a service of their name, which Debian starts with the machine. The tests run their own processes.

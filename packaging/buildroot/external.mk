@@ -1,0 +1,2 @@
+# SPDX-License-Identifier: MIT
+include $(sort $(wildcard $(BR2_EXTERNAL_TESSARD_PATH)/package/*/*.mk))
