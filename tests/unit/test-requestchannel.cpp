@@ -77,7 +77,7 @@ TEST_F(RequestChannelTest, ReadsTextsOfAnyLength)
 {
   const std::string begin = "OPEN\na=";
 
-  for (const gsize size : {0UL, 1UL, 1000UL, 1024UL, 5000UL, MORE_BYTES}) {
+  for (const gsize size : std::initializer_list<gsize>{0, 1, 1000, 1024, 5000, MORE_BYTES}) {
     const std::string value(size, 'x');
     EXPECT_EQ(read(begin + value + "\n\n"), (Outcome{true, {{"a", value}}, ""}));
   }
