@@ -1,0 +1,56 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# A chroot with a Debian release and a copy of the tree in /src; sourced behind common.sh. The sourcing script sets
+# $ROOT, the absolute path of its folder, and runs as root.
+
+# Where this machine gets its own release from.
+package_source() {
+  local codename source
+  codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+  # shellcheck disable=SC2016 # expanded by apt
+  source=$(apt-get indextargets --format '$(REPO_URI)' "Identifier: Packages" "Component: main" "Codename: $codename" |
+    head -n 1)
+  [ -n "$source" ] || die "apt has no package source with $codename"
+  printf '%s\n' "$source"
+}
+
+# Makes a chroot with release $1, unless it exists. The folder is complete once the file is there.
+make_chroot() {
+  local mark=$ROOT/etc/tessard-chroot-$1
+  [ ! -e "$mark" ] || return 0
+  say "making a chroot in $ROOT"
+  rm -rf -- "$ROOT"
+  run debootstrap --variant=minbase "$1" "$ROOT" "$(package_source)"
+  install -d -- "$ROOT/src" "$ROOT/schemas"
+  touch -- "$mark"
+}
+
+# Runs a shell command in the chroot, with mounts and processes of its own, which end with it: the command, settings of
+# its environment (NAME=value).
+inside() {
+  local command=$1
+  shift
+  # shellcheck disable=SC2016 # expanded by the inner shell
+  run unshare --mount --pid --fork --kill-child bash -c '
+    mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" || exit
+    root=$0 command=$1
+    shift
+    exec chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+      DEBIAN_FRONTEND=noninteractive "$@" bash -c "$command"' "$ROOT" "$command" "$@"
+}
+
+# Installs the packages in the chroot that are missing there.
+install_inside() {
+  ! inside "dpkg-query -W $* >/dev/null 2>&1" || return 0
+  say "installing packages there"
+  inside "apt-get -q update && apt-get -q -y install --no-install-recommends $*"
+}
+
+# Copies what git would commit; unchanged files keep their times, for ninja. What is called build... in /src stays.
+copy_tree() {
+  say "copying the tree"
+  (cd "$TOP" && git -c safe.directory="$TOP" ls-files -z --cached --others --exclude-standard |
+    while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done >"$WORK/files")
+  find "$ROOT/src" -mindepth 1 -maxdepth 1 ! \( -type d -name 'build*' \) -exec rm -rf -- {} +
+  tar -C "$TOP" --null -T "$WORK/files" -cf - | tar -C "$ROOT/src" -xf -
+}
