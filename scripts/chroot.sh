@@ -14,10 +14,14 @@ package_source() {
   printf '%s\n' "$source"
 }
 
-# Makes a chroot with release $1, unless it exists. The folder is complete once the file is there.
+# Makes a chroot with release $1, unless it exists. It is complete once the file is there; until then debootstrap's
+# folder tells that nothing else is in it.
 make_chroot() {
   local mark=$ROOT/etc/tessard-chroot-$1
   [ ! -e "$mark" ] || return 0
+  if [ ! -d "$ROOT/debootstrap" ] && [ -n "$(ls -A -- "$ROOT" 2>/dev/null)" ]; then
+    die "$ROOT is neither empty nor a chroot with $1; remove it first"
+  fi
   say "making a chroot in $ROOT"
   rm -rf -- "$ROOT"
   run debootstrap --variant=minbase "$1" "$ROOT" "$(package_source)"
