@@ -38,6 +38,22 @@ def test_warning_about_a_prefix_whose_policies_the_bus_does_not_read(tmp_path, p
     assert (UNREAD_POLICY.format(prefix) in setup.stdout) is warned
 
 
+def install_new(stage, content):
+    """Installs a file like `meson install` does, and returns its content then."""
+    shipped = stage / "shipped"
+    shipped.write_text(content, encoding="utf-8")
+    subprocess.run([TREE / "data/install-new", shipped, "/state/producers.conf"], check=True,
+                   env={"PATH": "/usr/bin:/bin", "DESTDIR": str(stage)}, stdin=subprocess.DEVNULL)
+    return (stage / "state/producers.conf").read_text(encoding="utf-8")
+
+
+def test_installing_again_keeps_what_the_daemon_has_written(tmp_path):
+    assert install_new(tmp_path, "first") == "first"
+
+    (tmp_path / "state/producers.conf").write_text("changed", encoding="utf-8")
+    assert install_new(tmp_path, "second") == "changed"
+
+
 def gstreamer_plugin_folder():
     return subprocess.run(["pkg-config", "--variable=pluginsdir", "gstreamer-1.0"], check=True, capture_output=True,
                           text=True).stdout.strip()
