@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# A chroot with a Debian release and a copy of the tree in /src; sourced behind common.sh. The sourcing script sets
-# $ROOT, the absolute path of its folder, and runs as root.
+# Chroots with a Debian release and a copy of the tree; sourced behind common.sh, by scripts that run as root. $ROOT is the
+# absolute path of the chroot's folder, where no other is named.
 
-# Where this machine gets its own release from.
+# Prints where this machine gets its own release from.
 package_source() {
   local codename source
   codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
@@ -29,18 +29,21 @@ make_chroot() {
   touch -- "$mark"
 }
 
-# Runs a shell command in the chroot, with mounts and processes of its own, which end with it: the command, settings of
-# its environment (NAME=value).
-inside() {
-  local command=$1
-  shift
+# Runs a shell command in chroot $1, with mounts and processes of its own, which end with it: the command, and variables
+# as NAME=VALUE. It runs in the process group of the caller.
+in_chroot() {
+  local root=$1 command=$2
+  shift 2
   # shellcheck disable=SC2016 # expanded by the inner shell
-  run unshare --mount --pid --fork --kill-child bash -c '
-    mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" || exit
-    root=$0 command=$1
-    shift
-    exec chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
-      DEBIAN_FRONTEND=noninteractive "$@" bash -c "$command"' "$ROOT" "$command" "$@"
+  unshare --mount --pid --fork --kill-child bash -c '
+    mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
+      exec chroot "$0" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+        DEBIAN_FRONTEND=noninteractive "${@:2}" bash -c "$1"' "$root" "$command" "$@"
+}
+
+# The same in $ROOT, in a process group of its own.
+inside() {
+  run in_chroot "$ROOT" "$@"
 }
 
 # Installs the packages in the chroot that are missing there.
@@ -50,11 +53,12 @@ install_inside() {
   inside "apt-get -q update && apt-get -q -y install --no-install-recommends $*"
 }
 
-# Copies what git would commit; unchanged files keep their times, for ninja. What is called build... in /src stays.
+# Copies what git would commit to folder $1, and removes all else there but folders whose names match $2. Unchanged files
+# keep their times, for ninja.
 copy_tree() {
   say "copying the tree"
   (cd "$TOP" && git -c safe.directory="$TOP" ls-files -z --cached --others --exclude-standard |
     while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done >"$WORK/files")
-  find "$ROOT/src" -mindepth 1 -maxdepth 1 ! \( -type d -name 'build*' \) -exec rm -rf -- {} +
-  tar -C "$TOP" --null -T "$WORK/files" -cf - | tar -C "$ROOT/src" -xf -
+  find "$1" -mindepth 1 -maxdepth 1 ! \( -type d -name "$2" \) -exec rm -rf -- {} +
+  tar -C "$TOP" --null -T "$WORK/files" -cf - | tar -C "$1" -xf -
 }

@@ -36,7 +36,7 @@ TEST_PACKAGES=("${SOAK_PACKAGES[@]}" "${DETECTOR_PACKAGES[@]}" zsh gstreamer1.0-
 SERVICE_PACKAGES=(mosquitto)
 
 # Needed in addition for check --all.
-ALL_PACKAGES=(abigail-tools chromium fonts-dejavu-core)
+ALL_PACKAGES=(abigail-tools chromium fonts-dejavu-core debootstrap systemd-container curl)
 
 # A prefix that runs a command unprivileged: as a user without files when root runs the script (the daemon refuses to
 # run as root), else as the same user. The command ends with its parent, even when that is killed.
@@ -77,6 +77,12 @@ run() {
   stop_group "$STARTED_PID"
   unset 'STARTED[-1]'
   return "$status"
+}
+
+# What `run` runs when the first failure of a function is to end it.
+in_strict_shell() {
+  set -e
+  "$@"
 }
 
 # Runs a step and prints its output only when it fails. A function must join its commands with &&, because in a
