@@ -9,8 +9,7 @@ import statistics
 import time
 
 import figures
-from relay import BARE, COPY, DAEMON, count_for, daemon_load, program_load
-from stage import running, started_daemon
+from relay import BARE, COPY, DAEMON, count_for, open_yardsticks
 from tables import Goal, Table, microseconds
 
 NAME = "latency"
@@ -62,14 +61,8 @@ def largest_rate(load, effort):
 
 def measure(stage, effort):
     with contextlib.ExitStack() as opened:
-        plain = stage.pass_through()
-        loads = {
-            DAEMON: daemon_load(stage, *opened.enter_context(started_daemon(stage, plain)), 1),
-            BARE: program_load(stage, plain, "benchpipeline", 1),
-            COPY: program_load(stage, plain, "benchcopy", 1),
-        }
+        loads = open_yardsticks(stage, opened, stage.pass_through(), 1)
         for load in loads.values():
-            opened.enter_context(running(load))
             load.relay(SIZE, LEAST_MESSAGES)
         rate = largest_rate(loads[DAEMON], effort) / 2
         rounds = {SLOW: [], FAST: []}

@@ -7,6 +7,8 @@ import platform
 import re
 import subprocess
 
+from relay import broker_program
+
 
 def first_match(path, pattern):
     """The text of a pattern's group in a file, "unknown" without one."""
@@ -26,6 +28,12 @@ def output(command):
     return " ".join((done.stdout + done.stderr).split())
 
 
+def broker_version():
+    """The version of mosquitto, "not installed" without it."""
+    found = re.search(r"mosquitto version (\S+)", output([broker_program(), "-h"]) if broker_program() else "")
+    return found[1] if found else "not installed"
+
+
 def describe(stage):
     """What the results depend on."""
     return {
@@ -37,5 +45,6 @@ def describe(stage):
         "system": first_match("/etc/os-release", r'^PRETTY_NAME="?([^"\n]*)'),
         "load at the start": f"{os.getloadavg()[0]:.2f}",
         "tessard": output([stage.tessard, "--version"]),
+        "mosquitto": broker_version(),
         "python": platform.python_version(),
     }

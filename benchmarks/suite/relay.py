@@ -84,22 +84,27 @@ def measure_rounds(loads, size, clients, effort):
     return results
 
 
+def open_yardsticks(stage, opened, plugins, clients):
+    """Loads through the daemon and both yardsticks, with the same plug-ins."""
+    bus, daemon = opened.enter_context(started_daemon(stage, plugins))
+    return {
+        DAEMON: opened.enter_context(running(daemon_load(stage, bus, daemon, clients))),
+        BARE: opened.enter_context(running(program_load(stage, plugins, "benchpipeline", clients))),
+        COPY: opened.enter_context(running(program_load(stage, plugins, "benchcopy", clients))),
+    }
+
+
 def measure_clients(stage, clients, effort):
     """All sizes to this number of clients."""
     with contextlib.ExitStack() as opened:
-        plain, product = stage.pass_through(), stage.product()
-        targets = {
-            DAEMON: daemon_load(stage, *opened.enter_context(started_daemon(stage, plain)), clients),
-            BARE: program_load(stage, plain, "benchpipeline", clients),
-            COPY: program_load(stage, plain, "benchcopy", clients),
-            PRODUCT: daemon_load(stage, *opened.enter_context(started_daemon(stage, product)), clients),
-        }
+        loads = open_yardsticks(stage, opened, stage.pass_through(), clients)
+        bus, daemon = opened.enter_context(started_daemon(stage, stage.product()))
+        loads[PRODUCT] = opened.enter_context(running(daemon_load(stage, bus, daemon, clients)))
         if broker_program() and clients in BROKER_CLIENTS:
             broker, path = opened.enter_context(started_broker(stage))
-            targets[BROKER] = Load(stage, ["broker", path, broker.pid, clients], dict(os.environ))
-        for load in targets.values():
-            opened.enter_context(running(load))
-        return {str(size): measure_rounds(targets, size, clients, effort) for size in effort.some(SIZES)}
+            loads[BROKER] = opened.enter_context(running(
+                Load(stage, ["broker", path, broker.pid, clients], dict(os.environ))))
+        return {str(size): measure_rounds(loads, size, clients, effort) for size in effort.some(SIZES)}
 
 
 def measure(stage, effort):
