@@ -26,7 +26,8 @@ namespace
 constexpr std::string_view FRAME_START = "{\"Source\":\"Benchmark\",\"Data\":{\"Item\":[";
 constexpr std::string_view FRAME_END = "]}}";
 
-/* The daemon's limit of a client's queued messages. */
+/* The daemon's limit of a client's queued messages. With a shorter queue the threads wait for each other more
+ * often, which costs more. */
 constexpr guint64 QUEUE_BYTES = G_GUINT64_CONSTANT(8) * 1024 * 1024;
 
 GstElement *
