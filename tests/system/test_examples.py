@@ -29,6 +29,7 @@ SCHEMA = json.loads((TREE / "docs/producer-item.schema.json").read_text(encoding
 RATE = 30  # of the test video, frames a second
 FRAMES = 230
 COMPARED_FRAMES = 100
+LEAST_EXACT_TIMES = 15
 LEAST_MATCHES = 95
 
 WIDTH, HEIGHT = 320, 240
@@ -151,9 +152,10 @@ def test_times_of_the_detector_are_those_of_the_frames(start_detector):
     times = [time_of(json.loads(process.stdout.readline())) for _ in range(20)]
     after = datetime.datetime.now(datetime.timezone.utc)
     assert before < times[0] and times[-1] < after
-    for earlier, later in zip(times, times[1:]):
-        frames = (later - earlier).total_seconds() * RATE
-        assert round(frames) >= 1 and abs(frames - round(frames)) < 0.2
+    frames = [(later - earlier).total_seconds() * RATE for earlier, later in zip(times, times[1:])]
+    assert all(round(count) >= 1 for count in frames)
+    # The detector reads two clocks for a time, and a busy machine can let others run between the two.
+    assert len([count for count in frames if abs(count - round(count)) < 0.2]) >= LEAST_EXACT_TIMES
 
 
 def test_detector_finds_nothing_in_a_still_picture():
