@@ -27,6 +27,7 @@ SECTIONS = {
     "snapshot": ["snapshot"],
     "producers, list, show, enable, disable, apply, monitor": [
         "producers", "list", "show", "enable", "disable", "apply", "monitor"],
+    "status": ["status"],
     "produce": ["produce"],
     "emit, topics": ["emit", "topics"],
 }

@@ -15,7 +15,7 @@ from recipes import (LAYER, PACKAGE, PROVIDERS, TOOL_RECIPES, Assignments, Board
                      SyntaxFault, YoctoRecipe, accepts, described, options_in, project_options, sysusers)
 
 # The options that a recipe leaves to Meson's default.
-LEFT_OPTIONS = {"fuzz_seconds"}
+LEFT_OPTIONS = {"fuzz_seconds", "systemdsystemunitdir"}
 # Modules of the tests, and one whose recipe depends on a class or on another package of the board.
 OTHER_MODULES = {"", "gtest", "gstreamer-check-1.0", "gobject-introspection-1.0"}
 
@@ -74,7 +74,7 @@ def test_every_feature_option_of_meson_can_be_chosen(recipe):
     choices = {name for name, option in project_options().items() if option["type"] in ("combo", "boolean")}
     chosen = set().union(*(options_in(enabled) for enabled, _, _ in recipe.features.values()))
 
-    assert choices - chosen == {"introspection", "sim", "tests", "fuzz"}
+    assert choices - chosen == {"introspection", "sim", "tests", "benchmarks", "fuzz"}
     assert all(BuildrootPackage((name,)).options[name] in ("true", "enabled") for name in FEATURES)
     assert BuildrootPackage(FEATURES, ["BR2_PACKAGE_GOBJECT_INTROSPECTION=y"]).options["introspection"] == "enabled"
 
@@ -135,7 +135,7 @@ def test_yocto_variables_name_packages_that_exist(recipe):
 
 
 # What bitbake puts into the main, the development and the documentation package by itself.
-USUAL_FILES = ["${sysconfdir}", "${includedir}", "${libdir}/*.so", "${libdir}/pkgconfig", "${mandir}"]
+USUAL_FILES = ["${sysconfdir}", "${includedir}", "${libdir}/*.so", "${libdir}/pkgconfig", "${datadir}/pkgconfig", "${mandir}"]
 
 
 def test_yocto_packages_take_every_file_that_is_installed(recipe):

@@ -21,6 +21,7 @@ TESSARD_CONF_OPTS = \
 	-Dproducers_conf=$(call qstrip,$(BR2_PACKAGE_TESSARD_PRODUCERS_CONF)) \
 	-Dsim=false \
 	-Dtests=false \
+	-Dbenchmarks=false \
 	-Ddocs=false \
 	-Dfuzz=false
 

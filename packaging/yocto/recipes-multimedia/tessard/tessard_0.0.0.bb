@@ -34,7 +34,7 @@ GIR_MESON_OPTION = "introspection"
 GIR_MESON_ENABLE_FLAG = "enabled"
 GIR_MESON_DISABLE_FLAG = "disabled"
 
-EXTRA_OEMESON = "-Dproducers_conf=${TESSARD_PRODUCERS_CONF} -Dsim=false -Dtests=false -Dfuzz=false"
+EXTRA_OEMESON = "-Dproducers_conf=${TESSARD_PRODUCERS_CONF} -Dsim=false -Dtests=false -Dbenchmarks=false -Dfuzz=false"
 
 PACKAGE_BEFORE_PN = " \
     ${PN}-receiver \
@@ -84,6 +84,7 @@ FILES:${PN}-view = " \
 FILES:${PN} += " \
     ${datadir}/dbus-1/interfaces \
     ${datadir}/dbus-1/system.d \
+    ${datadir}/tessard \
     ${nonarch_libdir}/systemd/system \
     ${nonarch_libdir}/sysusers.d \
     ${nonarch_libdir}/tmpfiles.d \
