@@ -175,6 +175,7 @@ open_all(std::vector<Live> *all, gsize count, const std::string &kind)
   const gsize first = all->size();
   std::vector<gint64> documents;
 
+  documents.reserve(count);
   for (gsize i = 0; i < count; i++) {
     all->push_back(start_live(kind));
   }

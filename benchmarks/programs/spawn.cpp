@@ -50,6 +50,7 @@ spawn(std::vector<std::string> words, int out)
   posix_spawn_file_actions_t actions;
   pid_t pid = 0;
 
+  arguments.reserve(words.size() + 1);
   for (std::string &word : words) {
     arguments.push_back(word.data());
   }
