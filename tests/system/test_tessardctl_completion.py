@@ -237,8 +237,8 @@ def offered_by_zsh(tessardctl, stand_in_bus, tmp_path):
 
 @pytest.mark.parametrize("line, candidates", [
     ("", sorted(COMMANDS)),
-    ("s", ["show", "snapshot", "stream"]),
-    ("help s", ["show", "snapshot", "stream"]),
+    ("s", ["show", "snapshot", "status", "stream"]),
+    ("help s", ["show", "snapshot", "status", "stream"]),
     ("stream --event-", ["--event-content", "--event-topic"]),
     ("stream --analytics=", ["0", "1", "2"]),
     ("list --", ["--bus", "--channels", "--help", "--json", "--names"]),
