@@ -71,7 +71,8 @@ struct Turn {
 };
 
 /* Two places, one behind the other, for the bytes that a read returns. */
-using ReadSpace = std::array<iovec, 2>;
+constexpr int READ_PLACES = 2;
+using ReadSpace = std::array<iovec, READ_PLACES>;
 
 /* Reads from a descriptor like readv(), but fails with EAGAIN instead of blocking. */
 using ReadFunc = gssize (*)(gint fd, ReadSpace *space);
@@ -148,7 +149,7 @@ read_socket(gint fd, ReadSpace *space)
   msghdr message = {};
 
   message.msg_iov = space->data();
-  message.msg_iovlen = space->size();
+  message.msg_iovlen = READ_PLACES;
   return recvmsg(fd, &message, MSG_DONTWAIT);
 }
 
@@ -164,7 +165,7 @@ read_spliced(gint fd, ReadSpace *space)
   const gsize count = space->front().iov_len + space->back().iov_len;
   gssize size = splice(fd, nullptr, ends[1], nullptr, count, SPLICE_F_NONBLOCK);
   if (size > 0) {
-    size = readv(ends[0], space->data(), space->size());
+    size = readv(ends[0], space->data(), READ_PLACES);
   }
   const int error_number = errno;
   close(ends[0]);
@@ -176,14 +177,14 @@ read_spliced(gint fd, ReadSpace *space)
 gssize
 read_pipe(gint fd, ReadSpace *space)
 {
-  const gssize size = preadv2(fd, space->data(), space->size(), -1, RWF_NOWAIT);
+  const gssize size = preadv2(fd, space->data(), READ_PLACES, -1, RWF_NOWAIT);
 
   if (size >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
     return size;
   }
   /* vmsplice() would write to a FIFO that is open for reading and writing. */
   return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY
-             ? vmsplice(fd, space->data(), space->size(), SPLICE_F_NONBLOCK)
+             ? vmsplice(fd, space->data(), READ_PLACES, SPLICE_F_NONBLOCK)
              : read_spliced(fd, space);
 }
 
@@ -194,7 +195,7 @@ read_file(gint fd, ReadSpace *space)
     errno = EAGAIN;
     return -1;
   }
-  return readv(fd, space->data(), space->size());
+  return readv(fd, space->data(), READ_PLACES);
 }
 
 /* Selects how the descriptor is read. */
