@@ -32,13 +32,13 @@ make_chroot() {
 # Runs a shell command in chroot $1, with mounts and processes of its own, which end with it: the command, and variables
 # as NAME=VALUE. It runs in the process group of the caller.
 in_chroot() {
-  local root=$1 command=$2
+  local folder=$1 command=$2
   shift 2
   # shellcheck disable=SC2016 # expanded by the inner shell
   unshare --mount --pid --fork --kill-child bash -c '
     mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
       exec chroot "$0" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
-        DEBIAN_FRONTEND=noninteractive "${@:2}" bash -c "$1"' "$root" "$command" "$@"
+        DEBIAN_FRONTEND=noninteractive "${@:2}" bash -c "$1"' "$folder" "$command" "$@"
 }
 
 # The same in $ROOT, in a process group of its own.

@@ -105,7 +105,7 @@ take_snapshot(const ClientRecord *record, gint64 now_us)
 
 /* Only one thread changes the counter, so that no locked instruction is necessary. */
 void
-add(std::atomic<guint64> *counter, guint64 count)
+count_alone(std::atomic<guint64> *counter, guint64 count)
 {
   counter->store(counter->load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
 }
@@ -225,8 +225,8 @@ client_record_set_streaming(ClientRecord *self)
 void
 client_record_add_documents(ClientRecord *self, guint count, gsize bytes)
 {
-  add(&self->documents, count);
-  add(&self->bytes, bytes);
+  count_alone(&self->documents, count);
+  count_alone(&self->bytes, bytes);
   self->last_us.store(g_get_monotonic_time(), std::memory_order_relaxed);
 }
 

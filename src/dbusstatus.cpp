@@ -189,7 +189,7 @@ on_handle_get_status(MetadataServer1Status *skeleton, GDBusMethodInvocation *inv
 }
 
 void
-leave_bus()
+unexport_status()
 {
   if (status_skeleton == nullptr) {
     return;
@@ -201,9 +201,9 @@ leave_bus()
 }
 
 void
-on_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
+on_status_connection_closed(GDBusConnection *, gboolean, GError *, gpointer)
 {
-  leave_bus();
+  unexport_status();
 }
 
 } // namespace
@@ -247,7 +247,7 @@ dbus_status_on_bus_acquired(GDBusConnection *connection)
     syslog(LOG_WARNING, "failed to export interface '%s': %s", STATUS_INTERFACE, error->message);
     return;
   }
-  g_signal_connect(connection, "closed", G_CALLBACK(on_connection_closed), &status_skeleton);
+  g_signal_connect(connection, "closed", G_CALLBACK(on_status_connection_closed), &status_skeleton);
   status_skeleton = g_steal_pointer(&skeleton);
 }
 
@@ -259,5 +259,5 @@ dbus_status_on_bus_acquired(GDBusConnection *connection)
 void
 dbus_status_teardown(void)
 {
-  leave_bus();
+  unexport_status();
 }

@@ -86,7 +86,7 @@ find_or_make(const std::string &source)
 }
 
 void
-add(std::atomic<guint64> *counter, guint64 count)
+count_shared(std::atomic<guint64> *counter, guint64 count)
 {
   counter->fetch_add(count, std::memory_order_relaxed);
 }
@@ -154,10 +154,10 @@ producer_meter_free(ProducerMeter *self)
 void
 producer_meter_add_message(ProducerMeter *self, gsize bytes)
 {
-  add(&self->counters.messages, 1);
-  add(&self->counters.bytes, bytes);
-  add(&sums.messages, 1);
-  add(&sums.bytes, bytes);
+  count_shared(&self->counters.messages, 1);
+  count_shared(&self->counters.bytes, bytes);
+  count_shared(&sums.messages, 1);
+  count_shared(&sums.bytes, bytes);
 }
 
 /**
@@ -169,8 +169,8 @@ producer_meter_add_message(ProducerMeter *self, gsize bytes)
 void
 producer_meter_add_dropped(ProducerMeter *self)
 {
-  add(&self->counters.dropped, 1);
-  add(&sums.dropped, 1);
+  count_shared(&self->counters.dropped, 1);
+  count_shared(&sums.dropped, 1);
 }
 
 /**
