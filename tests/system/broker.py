@@ -22,6 +22,9 @@ PROGRAM = shutil.which("mosquitto", path=f"{os.environ['PATH']}:/usr/sbin")
 
 SECRET = "open sesame"
 
+# How long the broker has to end after a signal before the next one.
+SIGNAL_SECONDS = 0.5
+
 
 def free_port():
     while True:
@@ -120,8 +123,16 @@ class Broker:
         return True
 
     def end(self, number=signal.SIGTERM):
+        wait_until(lambda: self._ends(number), "the broker ends")
+
+    def _ends(self, number):
+        """mosquitto loses a signal that comes after it listens and before its main loop, so each look repeats it."""
         self.process.send_signal(number)
-        self.process.wait(BOUND_SECONDS)
+        try:
+            self.process.wait(SIGNAL_SECONDS)
+        except subprocess.TimeoutExpired:
+            return False
+        return True
 
     def log(self):
         return self.log_path.read_text(encoding="utf-8", errors="backslashreplace")
