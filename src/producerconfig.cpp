@@ -43,6 +43,7 @@ namespace
 
 constexpr const char *GROUP_PREFIX = "Producers.";
 constexpr const char *NAME_KEY = "Name";
+constexpr guint64 LONG_WAIT_US = 50 * G_TIME_SPAN_MILLISECOND;
 
 enum class JobKind {
   SAVE_CHANGE,
@@ -362,29 +363,53 @@ make_ready(GSource *source)
   g_source_unref(source);
 }
 
+/* Waits for the next job. While that takes long, free memory is given back. Not earlier: the main thread then
+ * handles the end of a save, and both would compete for the allocator. */
+Job *
+take_next_job()
+{
+  auto *job = static_cast<Job *>(g_async_queue_timeout_pop(config.jobs, LONG_WAIT_US));
+
+  if (job == nullptr) {
+    memory_trim_later();
+    memory_hand_over_kept_blocks();
+    job = static_cast<Job *>(g_async_queue_pop(config.jobs));
+  }
+  return job;
+}
+
+/* FALSE when the thread must end. Takes ownership of the job. */
+gboolean
+process_job(Job *job)
+{
+  g_autofree Job *owned = job;
+
+  switch (job->kind) {
+  case JobKind::SAVE_CHANGE:
+    save_change();
+    break;
+  case JobKind::SAVE_AGAIN:
+    save_again();
+    break;
+  case JobKind::NOTIFY:
+    make_ready(job->source);
+    break;
+  case JobKind::END:
+    return FALSE;
+  }
+  return TRUE;
+}
+
 /* The writer thread. */
 gpointer
 process_jobs(gpointer)
 {
-  while (true) {
-    g_autofree auto *job = static_cast<Job *>(g_async_queue_pop(config.jobs));
+  auto *job = static_cast<Job *>(g_async_queue_pop(config.jobs));
 
-    switch (job->kind) {
-    case JobKind::SAVE_CHANGE:
-      save_change();
-      break;
-    case JobKind::SAVE_AGAIN:
-      save_again();
-      break;
-    case JobKind::NOTIFY:
-      make_ready(job->source);
-      break;
-    case JobKind::END:
-      return nullptr;
-    }
-    memory_trim_later();
-    memory_hand_over_kept_blocks();
+  while (process_job(job)) {
+    job = take_next_job();
   }
+  return nullptr;
 }
 
 gboolean
