@@ -5,12 +5,14 @@
  *
  * Each line of standard input is a command:
  *
- *   change COUNT         one call that gives the producer a new name on the channels 1 to COUNT: for one
- * channel SetChannelsEnabled, for more SetProducersEnabled replace COUNT FILE   as many durable replacements
- * of a file beside FILE, with FILE's content ping                 one call without arguments, to the daemon
+ *   change COUNT         one call that gives the producer a new name on the channels 1 to COUNT: for one or
+ *                        none SetChannelsEnabled, for more SetProducersEnabled
+ *   replace COUNT FILE   as many durable replacements of a file beside FILE, with FILE's content
+ *   ping                 one call without arguments, to the daemon
  *   await                calls the daemon until it replies
  *
- * It prints the time in nanoseconds. */
+ * It prints the time in nanoseconds.
+ */
 #include "streams.h"
 
 #include <cstdio>
@@ -94,7 +96,7 @@ change(GDBusConnection *bus, const std::string &producer, int count)
   for (int channel = 1; channel <= count; channel++) {
     g_variant_builder_add(&tuples, "(ibs)", channel, TRUE, name.c_str());
   }
-  if (count == 1) {
+  if (count <= 1) {
     call(bus, path.c_str(), "com.quon.MetadataServer1.Producer", "SetChannelsEnabled",
          g_variant_new("(a(ibs))", &tuples));
     return;
@@ -151,7 +153,7 @@ run_command(GDBusConnection *bus, const std::string &producer, const std::string
 
   words >> command >> count >> path;
   const gint64 began = now_ns();
-  if (command == "change" && count > 0) {
+  if (command == "change" && count >= 0) {
     change(bus, producer, count);
   } else if (command == "replace" && count > 0) {
     replace_often(path, count);

@@ -12,7 +12,7 @@ from plots import Chart
 from relay import daemon_load
 from request import REST_SECONDS
 from stage import KINDS, Commanded, daemon_with_camera, pause, running, started_daemon
-from tables import Goal, Table
+from tables import Fit, Goal, Table
 
 NAME = "growth"
 
@@ -103,16 +103,20 @@ def plots(data):
 
 
 def fits(data):
-    return [(f"share of a core at {RATE} messages a second to each client", "clients", "of a core", share_points(data)),
-            ('time to "OK" for events', "clients that stream already", "ms", request_points(data))]
+    return [Fit(f"share of a core at {RATE} messages a second to each client", "clients", "of a core",
+                share_points(data), "the more messages there are, the more of them a thread finds when it wakes"),
+            Fit('time to "OK" for events', "clients that stream already", "ms", request_points(data),
+                "the times of single requests differ by more than the clients add")]
+
+
+def row_of(fit):
+    line = figures.line(fit.points)
+    is_linear = line.fit >= LINEAR_FIT
+    return (fit.figure, fit.variable, f"{line.start:.3g} {fit.unit}", f"{line.slope:.3g} {fit.unit}",
+            f"{line.fit:.3f}", "yes" if is_linear else f"**no**: {fit.why}")
 
 
 def fit_table(found):
     """The lines through what all benchmarks measured."""
-    rows = []
-    for what, variable, unit, points in found:
-        if len(points) > 2:
-            line = figures.line(points)
-            rows.append((what, variable, f"{line.start:.3g} {unit}", f"{line.slope:.3g} {unit}", f"{line.fit:.3f}",
-                         "yes" if line.fit >= LINEAR_FIT else "**no**"))
-    return Table("Growth, as a straight line", ("figure", "over", "at 0", "for each", "explained", "linear"), rows)
+    return Table("Growth, as a straight line", ("figure", "over", "at 0", "for each", "explained", "linear"),
+                 [row_of(fit) for fit in found if len(fit.points) > 2])

@@ -7,15 +7,23 @@ processor time is that of all threads of the measured process."""
 
 import contextlib
 import os
+import pathlib
+import re
 import shutil
+import statistics
 
 import figures
 from plots import Chart
 from stage import Load, Process, connects, running, started_daemon, wait_until
-from tables import Goal, Table, bytes_text, microseconds
+from tables import Fit, Goal, Table, bytes_text, microseconds
 
 NAME = "relay"
 DAEMON, BARE, COPY, PRODUCT, BROKER = "daemon", "bare pipeline", "bare copy", "with json2xml", "mosquitto"
+PIPELINES = (DAEMON, BARE)
+
+# The kinds of threads: they read producers' streams, run the source element, or write to the client behind the queue.
+READER, SOURCE, QUEUE = THREADS = ("reader", "source", "queue")
+WAITS = re.compile(r"^voluntary_ctxt_switches:\s*(\d+)$", re.MULTILINE)
 
 SIZES = (50, 200, 1024, 10 * 1024, 100 * 1024)
 CLIENTS = (1, 8, 32)
@@ -46,7 +54,7 @@ def program_load(stage, plugins, name, clients):
 def daemon_load(stage, bus, daemon, clients):
     """A load through a daemon on whose bus nothing else is."""
     return Load(stage, ["daemon", daemon.socket_path, daemon.pid, clients],
-                dict(os.environ) | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address})
+                dict(os.environ) | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address}, daemon.pid)
 
 
 def broker_program():
@@ -68,17 +76,50 @@ def started_broker(stage):
         yield broker, path
 
 
+def kind_of_thread(name):
+    if name.startswith("queue"):
+        return QUEUE
+    return SOURCE if name.startswith(("externalsrc", "appsrc")) else READER
+
+
+def usage_of_threads(pid):
+    """The processor time in seconds of each kind of thread, and how often they waited. Leaves out threads that end."""
+    found = {kind: [0, 0] for kind in THREADS}
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        try:
+            name, times, status = ((task / file).read_text(encoding="utf-8") for file in ("comm", "schedstat", "status"))
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+        of_kind = found[kind_of_thread(name)]
+        of_kind[0] += int(times.split()[0]) / 1e9
+        of_kind[1] += int(WAITS.search(status)[1])
+    return found
+
+
+def relay_by_thread(load, size, count, deliveries):
+    """A round, and for each delivery the processor time and the waits of each kind of thread."""
+    before = usage_of_threads(load.measured_pid)
+    times = load.relay(size, count)
+    after = usage_of_threads(load.measured_pid)
+    return times, {kind: [(new - old) / deliveries for old, new in zip(before[kind], after[kind])] for kind in THREADS}
+
+
 def measure_rounds(loads, size, clients, effort):
-    """Interleaved rounds of each load: the processor time of a delivered message, and the deliveries in a second."""
+    """Interleaved rounds of each load: the processor time of a delivered message, and the deliveries in a second. Of
+    the two pipelines also what each kind of thread does."""
     counts = {kind: count_for(size, clients, effort, kind == PRODUCT) for kind in loads}
-    results = {kind: {"processor": [], "rate": []} for kind in loads}
+    results = {kind: {"processor": [], "rate": [], "threads": []} for kind in loads}
     for kind, load in loads.items():
         load.relay(size, counts[kind])
     for number in range(effort.pairs):
         # Each second pair runs backwards, so that none is always first.
         for kind in list(loads) if number % 2 == 0 else reversed(list(loads)):
-            processor, wall = loads[kind].relay(size, counts[kind])
             deliveries = counts[kind] * clients
+            if kind in PIPELINES:
+                (processor, wall), threads = relay_by_thread(loads[kind], size, counts[kind], deliveries)
+                results[kind]["threads"].append(threads)
+            else:
+                processor, wall = loads[kind].relay(size, counts[kind])
             results[kind]["processor"].append(processor / deliveries)
             results[kind]["rate"].append(deliveries / wall)
     return results
@@ -147,8 +188,22 @@ def rate_table(data):
                   for clients, sizes in data.items() for size, results in sizes.items()])
 
 
+def thread_table(data):
+    """Where the pipelines' processor time goes, and how often their threads wait for a message."""
+    def cells(rounds):
+        for kind in THREADS:
+            seconds, waits = (statistics.median(found[kind][index] for found in rounds) for index in range(2))
+            yield f"{microseconds(seconds)} ({waits:.2f})"
+
+    return Table("Relay, processor time of a delivered message by thread, µs, and how often the thread waited",
+                 ("clients", "message", *(f"{side}: {kind}" for side in PIPELINES for kind in THREADS)),
+                 [(clients, bytes_text(int(size)),
+                   *(cell for side in PIPELINES for cell in cells(kinds[side]["threads"])))
+                  for clients, sizes in data.items() for size, kinds in sizes.items()])
+
+
 def tables(data):
-    return [*(time_table(clients, sizes) for clients, sizes in data.items()), rate_table(data)]
+    return [*(time_table(clients, sizes) for clients, sizes in data.items()), thread_table(data), rate_table(data)]
 
 
 def goals(data):
@@ -178,10 +233,11 @@ def fits(data):
         for kind in (COPY, BARE, DAEMON):
             points = [(int(size), figures.estimate(kinds[kind]["processor"]).median * 1e6)
                       for size, kinds in sizes.items()]
-            found.append((f"processor time of a delivery, {kind}, {clients_text(clients)}", "bytes of a message", "µs",
-                          points))
+            found.append(Fit(f"processor time of a delivery, {kind}, {clients_text(clients)}", "bytes of a message",
+                             "µs", points, "short messages share reads and wake-ups, long ones leave the caches"))
     for kind in (COPY, BARE, DAEMON):
         points = [(int(clients), figures.estimate(sizes["1024"][kind]["processor"]).median * 1e6)
                   for clients, sizes in data.items() if "1024" in sizes]
-        found.append((f"processor time of a delivery of 1 KB, {kind}", "clients", "µs", points))
+        found.append(Fit(f"processor time of a delivery of 1 KB, {kind}", "clients", "µs", points,
+                         "with some clients a thread finds more messages when it wakes, with many the caches are full"))
     return found

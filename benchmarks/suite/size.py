@@ -5,16 +5,19 @@ document element and event source and the three of GStreamer that it needs; with
 simulated camera's sources too.
 
 Private memory is what no other process maps. Its clean part, pages of files, becomes shared when another program uses
-the same library; the dirty part does not depend on others. The idle daemon of the goals is therefore alone on its bus,
-and the memory of a client is a difference with the clients' program running before and after."""
+the same library; the dirty part does not depend on others. The idle daemon of the goals is therefore alone on its bus.
+Beside it stands a program with the same libraries that only initialises GStreamer and connects to the bus.
+
+The first client loads the plug-ins of its pipeline, which all others use. The memory of a client is therefore what each
+further one adds."""
 
 import os
 import re
 
 import figures
 from plots import Chart
-from stage import KINDS, Commanded, accepts, daemon_with_camera, pause, running, started_daemon, wait_until
-from tables import Goal, Table
+from stage import KINDS, Bus, Commanded, accepts, daemon_with_camera, pause, running, started_daemon, wait_until
+from tables import Fit, Goal, Table
 
 NAME = "size"
 OWN, ALL = "own", "all"
@@ -76,15 +79,27 @@ def measure_kind(stage, plugins, kind, counts):
         return found
 
 
-def measure_start(stage, plugins, clients_opened):
-    """The usage of an idle daemon, and its private memory for each of some clients for events."""
+def measure_libraries(stage, plugins):
+    """The usage of a program with the daemon's libraries that does nothing with them, alone on its bus."""
+    with running(Bus(stage)) as bus:
+        environment = plugins.environment("benchlibraries") | {"DBUS_SYSTEM_BUS_ADDRESS": bus.address}
+        with running(Commanded(stage, "benchlibraries", ["bus"], environment)) as program:
+            program.read_words()
+            return settled_usage(program.pid, SETTLED_SECONDS)
+
+
+def measure_start(stage, plugins, further_clients):
+    """The usage of an idle daemon, and its private memory for the first client for events and for each further one."""
     with started_daemon(stage, plugins) as (_, daemon):
-        idle = settled_usage(daemon.pid, SETTLED_SECONDS)
+        found = {IDLE: settled_usage(daemon.pid, SETTLED_SECONDS)}
         with clients_of(stage, daemon) as clients:
-            before = settled_usage(daemon.pid, SETTLED_SECONDS)
-            clients.tell("open", clients_opened, KINDS["events"])
-            full = settled_usage(daemon.pid, SETTLED_SECONDS)
-        return {IDLE: idle, "client": (full["private"] - before["private"]) / clients_opened}
+            private = []
+            for count in (0, 1, further_clients):
+                if count:
+                    clients.tell("open", count, KINDS["events"])
+                private.append(settled_usage(daemon.pid, SETTLED_SECONDS)["private"])
+    none, first, all_of_them = private
+    return found | {"first client": first - none, "client": (all_of_them - first) / further_clients}
 
 
 def part_of(path):
@@ -118,6 +133,7 @@ def measure(stage, effort):
         with started_daemon(stage, plugins):
             pass
     return {
+        "libraries": [measure_libraries(stage, own) for _ in range(starts)],
         "starts": [measure_start(stage, own, SAMPLE_CLIENTS if not effort.brief else 1) for _ in range(starts)],
         "kinds": {name: {kind: measure_kind(stage, plugins, kind, counts) for kind in effort.some(KINDS_OF[name])}
                   for name, plugins in sets.items()},
@@ -125,16 +141,40 @@ def measure(stage, effort):
     }
 
 
+def memory_texts(found):
+    return (f"{found[name] / MIB:.1f}" for name in ("private", "dirty", "proportional", "resident"))
+
+
 def row_of(plugins, kind, moment, found):
-    memory = (f"{found[name] / MIB:.1f}" for name in ("private", "dirty", "proportional", "resident"))
-    return (plugins, kind, moment, *memory, found["threads"], found["descriptors"])
+    return (plugins, kind, moment, *memory_texts(found), found["threads"], found["descriptors"])
+
+
+def medians(samples):
+    return {name: figures.estimate([sample[name] for sample in samples]).median for name in samples[0]}
+
+
+def idle_table(data):
+    rows = [("the daemon's libraries, GStreamer initialised, on the bus", medians(data["libraries"])),
+            ("the idle daemon", medians([start[IDLE] for start in data["starts"]]))]
+    return Table("Size of the idle daemon, with own plug-ins and alone, and of its libraries",
+                 ("program", "private, MiB", "of it dirty, MiB", "proportional, MiB", "resident, MiB"),
+                 [(name, *memory_texts(found)) for name, found in rows])
+
+
+def client_table(data):
+    first, further = (figures.estimate([start[name] / 1024 for start in data["starts"]])
+                      for name in ("first client", "client"))
+    return Table("Private memory of clients for events", ("client", "KiB", "interval"),
+                 [("the first, with the plug-ins that it loads", first.text(0), first.interval_text(0)),
+                  (f"each of {SAMPLE_CLIENTS} further ones", further.text(0), further.interval_text(0))])
 
 
 def tables(data):
     rows = [row_of(plugins, kind, moment, found) for plugins, kinds in data["kinds"].items()
             for kind, moments in kinds.items() for moment, found in moments.items()]
     sizes = data["installed"]
-    return [Table("Size of the daemon", ("plug-ins", "kind", "clients", "private, MiB", "of it dirty, MiB",
+    return [idle_table(data), client_table(data),
+            Table("Size of the daemon", ("plug-ins", "kind", "clients", "private, MiB", "of it dirty, MiB",
                                          "proportional, MiB", "resident, MiB", "threads", "descriptors"), rows),
             Table("Installed size, stripped", ("part", "KiB"),
                   [(part, f"{size / 1024:.0f}") for part, size in (sizes | {"all": sum(sizes.values())}).items()])]
@@ -147,13 +187,13 @@ def goals(data):
     text = "memory of the idle daemon with document element, json2xml and event source alone"
     return [Goal(f"private {text}", PRIVATE_GOAL, measured(lambda start: start[IDLE]["private"] / MIB), "MiB"),
             Goal(f"resident {text}", RESIDENT_GOAL, measured(lambda start: start[IDLE]["resident"] / MIB), "MiB"),
-            Goal("private memory of a streaming client", CLIENT_GOAL, measured(lambda start: start["client"] / 1024),
-                 "KiB", 0)]
+            Goal("private memory of each further streaming client", CLIENT_GOAL,
+                 measured(lambda start: start["client"] / 1024), "KiB", 0)]
 
 
-def points_of(moments):
+def points_of(moments, leave_out=(GONE,)):
     return [(0 if moment == IDLE else int(moment), found["private"] / 1024)
-            for moment, found in moments.items() if moment != GONE]
+            for moment, found in moments.items() if moment not in leave_out]
 
 
 def plots(data):
@@ -163,5 +203,7 @@ def plots(data):
 
 
 def fits(data):
-    return [(f"private memory, {kind}, {plugins} plug-ins", "clients", "KiB", points_of(moments))
+    """From the first client on, which loads the plug-ins."""
+    return [Fit(f"private memory, {kind}, {plugins} plug-ins", "clients, from the first on", "KiB",
+                points_of(moments, (IDLE, GONE)), "memory is counted in pages, and free blocks lie between used ones")
             for plugins, kinds in data["kinds"].items() for kind, moments in kinds.items()]

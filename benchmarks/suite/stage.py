@@ -277,10 +277,16 @@ class Commanded(Process):
 class Load(Commanded):
     """A program that writes messages and reads what a process makes of them; see load.cpp."""
 
-    def __init__(self, stage, arguments, environment):
+    def __init__(self, stage, arguments, environment, measured_pid=None):
         super().__init__(stage, "benchload", arguments, environment)
         if self.read_words() != ["ready"]:
             raise self.failed("does not start")
+        self.measured_pid = measured_pid or self._child()
+
+    def _child(self):
+        """The process of a program that the load has started."""
+        children = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/children").read_text(encoding="ascii").split()
+        return int(children[0]) if children else None
 
     def relay(self, size, count):
         """Sends messages as fast as possible; returns the processor time and the time of all together."""

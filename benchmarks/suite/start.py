@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The time from the start of the daemon's process until it listens, beside a program that only initialises GStreamer,
-with all plug-ins of the system. Each has its registry of plug-ins, which an earlier start has written."""
+with all plug-ins of the system. Each has its registry of plug-ins, which an earlier start has written. A second program
+that does no more is linked with the daemon's libraries; the rest is the daemon's own."""
 
 import contextlib
 import os
@@ -10,7 +11,7 @@ from stage import Bus, Commanded, running
 from tables import Goal, Table, milliseconds
 
 NAME = "start"
-DAEMON, BARE = "daemon", "gst_init"
+DAEMON, LIBRARIES, BARE = "daemon", "libraries", "gst_init"
 GOAL = 1.5
 
 
@@ -30,6 +31,8 @@ def measure(stage, effort):
         commands = {
             DAEMON: (spawner(stage, opened, plugins.environment("tessard") | address),
                      ("listening", folder / "metadata", stage.tessard, "--run-dir", folder)),
+            LIBRARIES: (spawner(stage, opened, plugins.environment("benchlibraries")),
+                        ("byte", stage.program("benchlibraries"))),
             BARE: (spawner(stage, opened, plugins.environment("benchstart")), ("byte", stage.program("benchstart"))),
         }
         times = {side: [] for side in commands}
@@ -43,11 +46,12 @@ def measure(stage, effort):
 
 def tables(data):
     times = data["times"]
-    ratio = figures.ratio(times[DAEMON], times[BARE])
+    ratio, libraries = (figures.ratio(times[side], times[BARE]) for side in (DAEMON, LIBRARIES))
+    medians = (milliseconds(figures.estimate(times[side]).median) for side in (BARE, LIBRARIES, DAEMON))
     title = f"Start to listening, with a registry of {data['registry bytes'] / 1e6:.1f} MB"
-    return [Table(title, ("gst_init, ms", "daemon, ms", "daemon / gst_init", "interval"),
-                  [(milliseconds(figures.estimate(times[BARE]).median),
-                    milliseconds(figures.estimate(times[DAEMON]).median), ratio.text(), ratio.interval_text())])]
+    return [Table(title, ("gst_init, ms", "the same with the daemon's libraries, ms", "daemon, ms",
+                          "libraries / gst_init", "daemon / gst_init", "interval"),
+                  [(*medians, libraries.text(), ratio.text(), ratio.interval_text())])]
 
 
 def goals(data):

@@ -37,6 +37,17 @@ class Goal(typing.NamedTuple):
                 "met" if self.is_met() else "**not met**")
 
 
+class Fit(typing.NamedTuple):
+    """Points through which a straight line is laid: what they are, over which variable, in which unit, and why they
+    may lie beside the line."""
+
+    figure: str
+    variable: str
+    unit: str
+    points: list
+    why: str
+
+
 def row_text(cells):
     return "| " + " | ".join(str(cell).replace("|", "\\|") for cell in cells) + " |"
 
