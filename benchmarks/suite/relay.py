@@ -87,7 +87,8 @@ def usage_of_threads(pid):
     found = {kind: [0, 0] for kind in THREADS}
     for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
         try:
-            name, times, status = ((task / file).read_text(encoding="utf-8") for file in ("comm", "schedstat", "status"))
+            name, times, status = ((task / file).read_text(encoding="utf-8")
+                                   for file in ("comm", "schedstat", "status"))
         except (FileNotFoundError, ProcessLookupError):
             continue
         of_kind = found[kind_of_thread(name)]
