@@ -33,6 +33,9 @@ CLIENT_FILES = ("client/gdpreader.cpp", "client/metadataclient.cpp", "tools/prod
 # The function with which the metadata receiver refuses a call: an error, its kind, the text.
 RECEIVER_REFUSAL, RECEIVER_TEXT = "refuse", 2
 
+# The functions with which tessard-view refuses a request, and the file whose errors it sends.
+VIEW_REFUSALS, VIEW_FILE = ("http_error", "on_done"), "switchrequest.cpp"
+
 REPLY = "FAIL\\n"
 
 
@@ -101,7 +104,11 @@ CLIENT_ERRORS = {comparable(literal.text) for literal in literals_of([TREE / nam
                  if is_message(literal)}
 RECEIVER_ERRORS = {comparable(literal.text) for literal in literals_of(sources("receiver"), MACROS)
                    if literal.function == RECEIVER_REFUSAL and len(literal.arguments) == RECEIVER_TEXT + 1}
-ALL_REFUSALS = DAEMON_REFUSALS | CLIENT_ERRORS | RECEIVER_ERRORS
+VIEW_ERRORS = {comparable(literal.text) for path in sources("gateways/view")
+               for literal in literals(path.read_text(encoding="utf-8"), MACROS)
+               if (literal.function in VIEW_REFUSALS or path.name == VIEW_FILE) and is_message(literal)
+               and literal.text.endswith(".")}
+ALL_REFUSALS = DAEMON_REFUSALS | CLIENT_ERRORS | RECEIVER_ERRORS | VIEW_ERRORS
 
 
 def without_value(text, known):
@@ -129,7 +136,7 @@ def test_each_text_on_the_page_is_in_the_code():
 
 
 def test_each_refusal_is_on_the_page():
-    assert DAEMON_REFUSALS and CLIENT_ERRORS and RECEIVER_ERRORS
+    assert DAEMON_REFUSALS and CLIENT_ERRORS and RECEIVER_ERRORS and VIEW_ERRORS
     assert ALL_REFUSALS - {text for text, _ in REFUSALS} == set()
 
 
