@@ -18,6 +18,15 @@ USAGE = 2
 CHANGELOG = "# Changelog\n\n## [Unreleased]\n\n## [1.2.3] - 2026-11-23\n\n### Added\n\n- Something.\n"
 MESON = "project('tessard', 'c',\n  version: '{}',\n  license: 'MIT')\n"
 
+DEBIAN = "debian/changelog"
+BUILDROOT = "packaging/buildroot/package/tessard/tessard.mk"
+YOCTO = "packaging/yocto/recipes-multimedia/tessard/tessard_1.2.3.bb"
+PACKAGES = {
+    DEBIAN: "tessard ({}) unstable; urgency=medium\n\n  * Something.\n",
+    BUILDROOT: "TESSARD_VERSION = {}\nTESSARD_LICENSE = MIT\n",
+    YOCTO: 'LICENSE = "MIT"\n',
+}
+
 KINDS = ["Added", "Changed", "Deprecated", "Removed", "Fixed", "Security"]
 
 
@@ -33,6 +42,9 @@ class Repository:
             shutil.copy(TREE / "scripts" / name, path / "scripts" / name)
         self.write("meson.build", MESON.format("1.2.3"))
         self.write("CHANGELOG.md", CHANGELOG)
+        for name, text in PACKAGES.items():
+            (path / name).parent.mkdir(parents=True)
+            self.write(name, text.format("1.2.3"))
         self.git("init", "--quiet")
         self.commit()
 
@@ -74,8 +86,8 @@ def test_archive_has_the_tree_of_the_tag_and_its_sum(repository):
     assert (repository.out / "tessard-1.2.3.tar.xz.sha256sum").read_text(encoding="ascii") == line
     with tarfile.open(archive) as content:
         files = {member.name: member.mode for member in content if member.isfile()}
-    assert files == {"tessard-1.2.3/CHANGELOG.md": 0o644, "tessard-1.2.3/meson.build": 0o644,
-                     "tessard-1.2.3/scripts/common.sh": 0o644, "tessard-1.2.3/scripts/release": 0o755}
+    assert files == {f"tessard-1.2.3/{name}": 0o644 for name in ("CHANGELOG.md", "meson.build", *PACKAGES)} | {
+        "tessard-1.2.3/scripts/common.sh": 0o644, "tessard-1.2.3/scripts/release": 0o755}
 
 
 def test_archive_of_a_tag_has_the_same_bytes_each_time(repository):
@@ -122,6 +134,27 @@ def test_version_that_is_not_in_the_changelog_is_refused(repository, text):
     repository.expect_refused("CHANGELOG.md has no section ## [1.2.3] - YYYY-MM-DD")
 
 
+@pytest.mark.parametrize("name, reason", [
+    (DEBIAN, "debian/changelog has no version 1.2.3"),
+    (BUILDROOT, f"{BUILDROOT} has another version than 1.2.3"),
+])
+@pytest.mark.parametrize("version", ["1.2.4", "1.2.30", "1x2y3"])
+def test_packages_of_another_version_are_refused(repository, name, reason, version):
+    repository.write(name, PACKAGES[name].format(version))
+    repository.commit()
+    repository.git("tag", "v1.2.3")
+
+    repository.expect_refused(reason)
+
+
+def test_recipe_of_another_version_is_refused(repository):
+    (repository.path / YOCTO).rename((repository.path / YOCTO).with_name("tessard_1.2.2.bb"))
+    repository.commit()
+    repository.git("tag", "v1.2.3")
+
+    repository.expect_refused(f"there is no {YOCTO}")
+
+
 @pytest.mark.parametrize("words", [(), ("a", "b", "c")])
 def test_wrong_usage(repository, words):
     status, out, err = repository.release(*words)
@@ -149,3 +182,11 @@ def test_changelog_has_the_usual_form():
         kinds = re.findall(r"^### (.*)$", section, re.MULTILINE)
         assert kinds == [kind for kind in KINDS if kind in kinds] and len(kinds) == len(set(kinds))
         assert re.split(r"^### .*$", section, flags=re.MULTILINE)[0].strip() == "", "each entry has a kind"
+
+
+def test_packages_of_the_tree_itself_have_its_version():
+    version = re.search(r"^  version: '(.*)',$", (TREE / "meson.build").read_text(encoding="utf-8"), re.MULTILINE)[1]
+
+    assert (TREE / DEBIAN).read_text(encoding="utf-8").startswith(f"tessard ({version}) ")
+    assert f"TESSARD_VERSION = {version}\n" in (TREE / BUILDROOT).read_text(encoding="utf-8")
+    assert (TREE / YOCTO).with_name(f"tessard_{version}.bb").exists()
