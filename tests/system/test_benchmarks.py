@@ -28,11 +28,11 @@ BOUND_SECONDS = 300
 
 # The tables that a short run of each benchmark has, by the start of their titles.
 TITLES = {
-    "relay": ["Relay to 1 client", "Relay, deliveries"],
+    "relay": ["Relay to 1 client", "Relay, processor time of a delivered message by thread", "Relay, deliveries"],
     "latency": ["Latency"],
     "request": ["Requests"],
     "start": ["Start to listening"],
-    "size": ["Size of the daemon", "Installed size"],
+    "size": ["Size of the idle daemon", "Private memory of clients", "Size of the daemon", "Installed size"],
     "control": ["Changes of producers"],
     "growth": ["Share of a core"],
 }
