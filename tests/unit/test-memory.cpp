@@ -12,7 +12,9 @@
 #include <malloc.h>
 #include <memory>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using testhost::Texts;
@@ -102,17 +104,36 @@ scatter_kept_blocks()
   return others;
 }
 
-/* The number of pages that @work returns. Blocks that the allocator keeps for the calling thread are in them.
- */
+/* The resident pages of the heap from the first of these blocks to its end. */
+gsize
+count_heap_pages(const std::vector<Block> &blocks, const guint8 *end)
+{
+  const gsize page_size = sysconf(_SC_PAGESIZE);
+  const auto first = std::min_element(blocks.begin(), blocks.end(), [](const Block &one, const Block &other) {
+    return std::less<>()(one.get(), other.get());
+  });
+  auto *page = reinterpret_cast<guint8 *>(reinterpret_cast<guintptr>(first->get()) / page_size * page_size);
+  gsize count = 0;
+
+  for (; page < end; page += page_size) {
+    unsigned char state = 0;
+    count += mincore(page, page_size, &state) == 0 && (state & 1) != 0 ? 1 : 0;
+  }
+  return count;
+}
+
+/* The number of the heap's pages that @work returns. Blocks that the allocator keeps for the calling thread
+ * are in them. */
 gsize
 count_returned_pages(const std::function<void()> &work)
 {
   const std::vector<Block> others = scatter_kept_blocks();
   malloc_trim(0);
-  const gsize before = count_resident_pages();
+  const auto *end = static_cast<const guint8 *>(sbrk(0));
+  const gsize before = count_heap_pages(others, end);
 
   work();
-  const gsize after = count_resident_pages();
+  const gsize after = count_heap_pages(others, end);
   return before - std::min(before, after);
 }
 

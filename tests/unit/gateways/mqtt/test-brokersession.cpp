@@ -7,6 +7,10 @@
 #include "testhost.h"
 
 #include <fstream>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace
 {
@@ -23,6 +27,20 @@ using namespace std::string_literals;
 
 const Published ONLINE = {"p/status", "online", 1, true, ""};
 const Published OFFLINE = {"p/status", "offline", 1, true, ""};
+
+/* Whether the system has the option that tells a connection's received bytes; emulators of other
+ * architectures may not have it. */
+bool
+counts_received()
+{
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct tcp_info info = {};
+  socklen_t size = sizeof info;
+  const bool is_read = getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
+
+  close(fd);
+  return is_read && size >= offsetof(struct tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received;
+}
 
 /* The test is session and broker in turns, on one thread. */
 class BrokerSessionTest : public testhost::Fixture
@@ -273,6 +291,9 @@ TEST_F(BrokerSessionTest, EndsWhenTheBrokerSendsGarbage)
 
 TEST_F(BrokerSessionTest, EndsWhenTheBrokerSendsMessages)
 {
+  if (!counts_received()) {
+    GTEST_SKIP() << "the system does not count what a connection receives";
+  }
   connect();
   const std::string message = packet(fakebroker::PUBLISH, text("p/x") + std::string(10000, 'x'));
   for (int i = 0; i * 10000 < 2 * MQTT_RECEIVED_BYTES_MAX; i++) {
@@ -283,6 +304,9 @@ TEST_F(BrokerSessionTest, EndsWhenTheBrokerSendsMessages)
 
 TEST_F(BrokerSessionTest, EndsWhenTheBrokerBeginsAHugePacket)
 {
+  if (!counts_received()) {
+    GTEST_SKIP() << "the system does not count what a connection receives";
+  }
   connect();
   peer_->send("\x30\xff\xff\xff\x7f"); /* 256 MiB follow */
   for (int i = 0; i * 10000 < MQTT_RECEIVED_BYTES_MAX / 2; i++) {
