@@ -112,7 +112,7 @@ MetadataStream::MetadataStream(const MetadataRequest *request, guint channel, Do
 
 MetadataStream::~MetadataStream()
 {
-  end();
+  stop();
 }
 
 /**
@@ -136,19 +136,31 @@ MetadataStream::set_failure_function(FailureFunction on_failure)
 void
 MetadataStream::start()
 {
-  if (!is_started()) {
-    begin();
+  if (is_started()) {
+    return;
   }
+  if (request_->producers != nullptr) {
+    is_watching_ = true;
+    request_->producers->watch_channel(this, channel_,
+                                       [this](const std::string &enabled) { follow(enabled); });
+  }
+  begin();
 }
 
 /**
  * MetadataStream::stop:
  *
- * Ends the stream. Waits for the callback, which is not called afterwards.
+ * Ends the stream. Waits for the callback, which is not called afterwards. A stopped stream can be deleted on
+ * any thread.
  */
 void
 MetadataStream::stop()
 {
+  if (is_watching_) {
+    request_->producers->unwatch_channel(this);
+    is_watching_ = false;
+  }
+  enabled_producers_.reset();
   end();
 }
 
@@ -202,12 +214,35 @@ void
 MetadataStream::end()
 {
   g_clear_handle_id(&restart_, g_source_remove);
+  g_clear_handle_id(&renew_, g_source_remove);
   g_clear_handle_id(&watch_, g_source_remove);
   if (pipeline_ != nullptr) {
     gst_element_set_state(pipeline_, GST_STATE_NULL);
     g_clear_pointer(&pipeline_, gst_object_unref);
     source_ = nullptr;
   }
+}
+
+/* @enabled_producers: a text that is another one when other producers are enabled on the channel. The
+ *   daemon's stream has those that were enabled when it was requested. */
+void
+MetadataStream::follow(const std::string &enabled_producers)
+{
+  const bool has_changed = enabled_producers_.has_value() && *enabled_producers_ != enabled_producers;
+  enabled_producers_ = enabled_producers;
+  if (has_changed && renew_ == 0) {
+    renew_ = g_timeout_add(GATEWAY_RENEW_MS, on_renew, this);
+  }
+}
+
+gboolean
+MetadataStream::on_renew(gpointer user_data)
+{
+  auto *self = static_cast<MetadataStream *>(user_data);
+  self->renew_ = 0;
+  self->end();
+  self->begin();
+  return G_SOURCE_REMOVE;
 }
 
 void

@@ -1,10 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include "producerfollower.h"
 #include "requestoptions.h"
 
 #include <functional>
 #include <gst/gst.h>
+#include <optional>
 #include <string>
 
 namespace gateway
@@ -17,15 +19,24 @@ namespace gateway
  */
 #define GATEWAY_RESTART_SECONDS 5
 
+/**
+ * GATEWAY_RENEW_MS:
+ *
+ * How long a stream waits for further changes of its producers before it is requested again, in milliseconds.
+ */
+#define GATEWAY_RENEW_MS 200
+
 /* What a gateway asks the daemon for. */
 struct MetadataRequest {
   const RequestOptions *options;
   std::string socket_path;
+  ProducerFollower *producers = nullptr; /* whose changes begin the streams again; outlives them */
 };
 
 GstElement *new_metadata_source(const MetadataRequest &request, guint channel, GError **error);
 
-/* The daemon's stream of one request and channel, in a pipeline of its own. It begins again whenever it ends.
+/* The daemon's stream of one request and channel, in a pipeline of its own. It begins again whenever it ends,
+ * and when other producers are enabled on the channel.
  *
  * All functions are for the main thread. The callbacks are called on the pipeline's thread. */
 class MetadataStream
@@ -48,11 +59,13 @@ public:
 private:
   void begin();
   void end();
+  void follow(const std::string &enabled_producers);
   void log_failure(const char *text);
   void handle_message(GstMessage *message);
   static GstBusSyncReply on_posted(GstBus *bus, GstMessage *message, gpointer user_data);
   static gboolean on_message(GstBus *bus, GstMessage *message, gpointer user_data);
   static gboolean on_restart(gpointer user_data);
+  static gboolean on_renew(gpointer user_data);
 
   const MetadataRequest *request_;
   guint channel_;
@@ -62,6 +75,9 @@ private:
   GstElement *source_ = nullptr; /* borrowed from the pipeline */
   guint watch_ = 0;
   guint restart_ = 0;
+  guint renew_ = 0;
+  bool is_watching_ = false;
+  std::optional<std::string> enabled_producers_;
   std::string failure_; /* the last one that was logged */
   gint64 failure_us_ = 0;
 };

@@ -96,6 +96,10 @@ void
 Publisher::start()
 {
   link_.start();
+  if (config_->publishes_metadata && strcmp(config_->metadata.analytics, "0") != 0) {
+    producers_ = std::make_unique<gateway::ProducerFollower>(nullptr);
+    metadata_request_.producers = producers_.get();
+  }
   for (auto &stream : streams_) {
     stream->start();
   }

@@ -39,6 +39,7 @@ private:
   const Config *config_;
   gateway::MetadataRequest events_request_;
   gateway::MetadataRequest metadata_request_;
+  std::unique_ptr<gateway::ProducerFollower> producers_; /* once analytics are published */
   Outbox outbox_;
   BrokerLink link_;
   QuietLog malformed_;

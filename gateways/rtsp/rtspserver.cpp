@@ -139,7 +139,10 @@ Server::set_up(const Options &options, GError **error)
   g_autofree char *port = g_strdup_printf("%d", options.port);
   gst_rtsp_server_set_address(server_, options.address);
   gst_rtsp_server_set_service(server_, port);
-  request_ = {&options.request, options.socket_path};
+  if (options.request.analytics != nullptr) {
+    producers_ = std::make_unique<gateway::ProducerFollower>(nullptr);
+  }
+  request_ = {&options.request, options.socket_path, producers_.get()};
   return set_up_access(options, error) && set_up_ports(options, error) && add_mounts(options, error);
 }
 

@@ -32,6 +32,7 @@ private:
 
   GstRTSPServer *server_;
   GstRTSPAddressPool *ports_;
+  std::unique_ptr<gateway::ProducerFollower> producers_; /* if the request has analytics */
   gateway::MetadataRequest request_ = {};
   std::unique_ptr<ClientGuard> guard_;
   const char *scheme_ = "rtsp";

@@ -119,22 +119,9 @@ struct ProducerService::Switch {
  * @on_changed: see %ChangedFunction
  */
 ProducerService::ProducerService(const char *bus_address, ChangedFunction on_changed)
-    : bus_address_(bus_address != nullptr ? bus_address : ""), on_changed_(std::move(on_changed)),
-      text_(event_text("producers", json_of(nullptr)))
+    : on_changed_(std::move(on_changed)), text_(event_text("producers", json_of(nullptr))),
+      follower_(bus_address, [this](const ProducersByPath *producers) { show(producers); })
 {
-  connect();
-}
-
-/* The main loop runs no more: calls that wait have no reply. */
-ProducerService::~ProducerService()
-{
-  if (connecting_ != nullptr) {
-    g_cancellable_cancel(connecting_);
-    g_clear_object(&connecting_);
-  }
-  g_clear_handle_id(&time_out_, g_source_remove);
-  g_clear_handle_id(&retry_, g_source_remove);
-  disconnect();
 }
 
 /**
@@ -158,8 +145,7 @@ ProducerService::text() const
 std::string
 ProducerService::enabled_on(guint channel) const
 {
-  const auto found = enabled_.find(static_cast<gint32>(channel));
-  return found != enabled_.end() ? found->second : "";
+  return follower_.enabled_on(channel);
 }
 
 /**
@@ -190,10 +176,10 @@ ProducerService::set_enabled(const SwitchRequest &request, DoneFunction on_done)
       g_variant_new("(ibs)", request.channel, request.enabled, request.enabled ? configuration.c_str() : "");
   GVariant *channels = g_variant_new_array(G_VARIANT_TYPE("(ibs)"), &tuple, 1);
   switches_++;
-  g_dbus_connection_call(connection_, PRODUCER_BUS_NAME, path->second.c_str(), PRODUCER_BUS_PRODUCER,
-                         "SetChannelsEnabled", g_variant_new_tuple(&channels, 1), G_VARIANT_TYPE_UNIT,
-                         G_DBUS_CALL_FLAGS_NO_AUTO_START, SWITCH_SECONDS * 1000, nullptr, on_switched,
-                         new Switch{this, std::move(on_done)});
+  g_dbus_connection_call(follower_.connection(), PRODUCER_BUS_NAME, path->second.c_str(),
+                         PRODUCER_BUS_PRODUCER, "SetChannelsEnabled", g_variant_new_tuple(&channels, 1),
+                         G_VARIANT_TYPE_UNIT, G_DBUS_CALL_FLAGS_NO_AUTO_START, SWITCH_SECONDS * 1000, nullptr,
+                         on_switched, new Switch{this, std::move(on_done)});
 }
 
 void
@@ -211,122 +197,6 @@ ProducerService::on_switched(GObject *source_object, GAsyncResult *result, gpoin
   done->on_done(http_status_of(error), error->message);
 }
 
-void
-ProducerService::connect()
-{
-  g_autoptr(GError) error = nullptr;
-  g_autofree gchar *address = bus_address_.empty()
-                                  ? g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error)
-                                  : g_strdup(bus_address_.c_str());
-  if (address == nullptr) {
-    fail(error->message);
-    return;
-  }
-  connecting_ = g_cancellable_new();
-  time_out_ = g_timeout_add_seconds(PRODUCER_BUS_TIMEOUT_SECONDS, on_connect_time_out, this);
-  producer_bus_connect_async(address, connecting_, on_connected, this);
-}
-
-gboolean
-ProducerService::on_connect_time_out(gpointer user_data)
-{
-  auto *self = static_cast<ProducerService *>(user_data);
-  self->time_out_ = 0;
-  g_cancellable_cancel(self->connecting_);
-  return G_SOURCE_REMOVE;
-}
-
-void
-ProducerService::on_connected(GObject *source_object, GAsyncResult *result, gpointer user_data)
-{
-  auto *self = static_cast<ProducerService *>(user_data);
-  g_autoptr(GError) error = nullptr;
-  GDBusConnection *connection = g_dbus_connection_new_for_address_finish(result, &error);
-  g_clear_handle_id(&self->time_out_, g_source_remove);
-  g_clear_object(&self->connecting_);
-  if (connection == nullptr) {
-    self->fail(error->message);
-    return;
-  }
-  self->take_connection(connection);
-}
-
-/* @connection: (transfer full) */
-void
-ProducerService::take_connection(GDBusConnection *connection)
-{
-  connection_ = connection;
-  g_signal_connect(connection_, "closed", G_CALLBACK(on_bus_closed), this);
-  watch_ = std::make_unique<ProducerWatch>(
-      connection_, ProducerWatch::Callbacks{
-                       .on_present = [this](const ProducersByPath &producers) { show(&producers); },
-                       .on_changed = [this](const ProducersByPath &producers) { show(&producers); },
-                       .on_absent = [this]() { show(nullptr); },
-                       .on_failed =
-                           [this](GError *error) {
-                             fail(error->message);
-                             g_error_free(error);
-                           },
-                   });
-}
-
-void
-ProducerService::on_bus_closed(GDBusConnection *connection, gboolean remote_peer_vanished, GError *error,
-                               gpointer user_data)
-{
-  static_cast<ProducerService *>(user_data)->fail("The bus closed the connection.");
-}
-
-void
-ProducerService::disconnect()
-{
-  watch_.reset();
-  if (connection_ != nullptr) {
-    g_signal_handlers_disconnect_by_data(connection_, this);
-    g_dbus_connection_close(connection_, nullptr, nullptr, nullptr);
-    g_clear_object(&connection_);
-  }
-}
-
-/* Begins again later. */
-void
-ProducerService::fail(const char *message)
-{
-  show(nullptr);
-  if (message != failure_) {
-    failure_ = message;
-    syslog(LOG_WARNING, "The producers are not known: %s", message);
-  }
-  if (retry_ == 0) {
-    retry_ = g_timeout_add_seconds(VIEW_RETRY_SECONDS, on_retry, this);
-  }
-}
-
-gboolean
-ProducerService::on_retry(gpointer user_data)
-{
-  auto *self = static_cast<ProducerService *>(user_data);
-  self->retry_ = 0;
-  self->disconnect();
-  self->connect();
-  return G_SOURCE_REMOVE;
-}
-
-void
-ProducerService::remember(const ProducersByPath &producers)
-{
-  failure_.clear();
-  enabled_.clear();
-  for (const auto &[path, producer] : producers) {
-    paths_.emplace(producer.name, path);
-    for (const ProducerChannel &channel : producer.channels) {
-      if (channel.enabled) {
-        enabled_[channel.channel] += producer.name + "\n" + channel.configuration + "\n";
-      }
-    }
-  }
-}
-
 /* @producers: (nullable): %NULL while they are not known */
 void
 ProducerService::show(const ProducersByPath *producers)
@@ -335,11 +205,13 @@ ProducerService::show(const ProducersByPath *producers)
   is_available_ = producers != nullptr;
   paths_.clear();
   if (json.size() > VIEW_EVENT_BYTES_MAX) {
-    fail("There are too many.");
+    follower_.begin_again("There are too many.");
     return;
   }
   if (producers != nullptr) {
-    remember(*producers);
+    for (const auto &[path, producer] : *producers) {
+      paths_.emplace(producer.name, path);
+    }
   }
   Text text = event_text("producers", json);
   if (*text != *text_) {

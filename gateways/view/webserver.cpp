@@ -253,6 +253,9 @@ void
 WebServer::show_producers()
 {
   send_to_streams("producers", producers_->text());
+  if (options_->request.analytics == nullptr) {
+    return;
+  }
   for (const auto &[channel, feed] : feeds_) {
     feed->follow(producers_->enabled_on(channel));
   }

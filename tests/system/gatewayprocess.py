@@ -49,6 +49,7 @@ def gateway_environment(installation, bus, log):
         "PATH": os.environ["PATH"],
         "LC_ALL": "C",
         "LD_LIBRARY_PATH": installation.pipeline_environment(bus)["LD_LIBRARY_PATH"],
+        "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
         "LD_PRELOAD": str(installation.testhost),
         "TESTHOST_SYSLOG": log.path,
         "GST_REGISTRY_UPDATE": "no",
