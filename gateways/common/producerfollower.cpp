@@ -14,6 +14,23 @@
 namespace gateway
 {
 
+/* A connection to the bus that is being made, which can outlive the follower: NULL then. Belongs to its
+ * callback. */
+struct ProducerFollower::Attempt {
+  ProducerFollower *follower;
+  GCancellable *cancellable = g_cancellable_new();
+
+  explicit Attempt(ProducerFollower *of) : follower(of)
+  {
+  }
+  ~Attempt()
+  {
+    g_object_unref(cancellable);
+  }
+  Attempt(const Attempt &) = delete;
+  Attempt &operator=(const Attempt &) = delete;
+};
+
 /**
  * ProducerFollower:
  * @bus_address: (nullable): the bus; %NULL for the system bus
@@ -27,9 +44,9 @@ ProducerFollower::ProducerFollower(const char *bus_address, ProducersFunction on
 
 ProducerFollower::~ProducerFollower()
 {
-  if (connecting_ != nullptr) {
-    g_cancellable_cancel(connecting_);
-    g_clear_object(&connecting_);
+  if (attempt_ != nullptr) {
+    attempt_->follower = nullptr;
+    g_cancellable_cancel(attempt_->cancellable);
   }
   g_clear_handle_id(&time_out_, g_source_remove);
   g_clear_handle_id(&retry_, g_source_remove);
@@ -117,9 +134,9 @@ ProducerFollower::connect()
     begin_again(error->message);
     return;
   }
-  connecting_ = g_cancellable_new();
+  attempt_ = new Attempt(this);
   time_out_ = g_timeout_add_seconds(PRODUCER_BUS_TIMEOUT_SECONDS, on_connect_time_out, this);
-  producer_bus_connect_async(address, connecting_, on_connected, this);
+  producer_bus_connect_async(address, attempt_->cancellable, on_connected, attempt_);
 }
 
 gboolean
@@ -127,23 +144,27 @@ ProducerFollower::on_connect_time_out(gpointer user_data)
 {
   auto *self = static_cast<ProducerFollower *>(user_data);
   self->time_out_ = 0;
-  g_cancellable_cancel(self->connecting_);
+  g_cancellable_cancel(self->attempt_->cancellable);
   return G_SOURCE_REMOVE;
 }
 
 void
 ProducerFollower::on_connected(GObject *source_object, GAsyncResult *result, gpointer user_data)
 {
-  auto *self = static_cast<ProducerFollower *>(user_data);
+  const std::unique_ptr<Attempt> attempt(static_cast<Attempt *>(user_data));
+  ProducerFollower *self = attempt->follower;
   g_autoptr(GError) error = nullptr;
-  GDBusConnection *connection = g_dbus_connection_new_for_address_finish(result, &error);
+  g_autoptr(GDBusConnection) connection = g_dbus_connection_new_for_address_finish(result, &error);
+  if (self == nullptr) {
+    return;
+  }
   g_clear_handle_id(&self->time_out_, g_source_remove);
-  g_clear_object(&self->connecting_);
+  self->attempt_ = nullptr;
   if (connection == nullptr) {
     self->begin_again(error->message);
     return;
   }
-  self->take_connection(connection);
+  self->take_connection(g_steal_pointer(&connection));
 }
 
 /* @connection: (transfer full) */

@@ -43,6 +43,7 @@ private:
     guint channel;
     EnabledFunction on_enabled;
   };
+  struct Attempt;
 
   void connect();
   void take_connection(GDBusConnection *connection);
@@ -57,7 +58,7 @@ private:
 
   std::string bus_address_; /* empty for the system bus */
   ProducersFunction on_producers_;
-  GCancellable *connecting_ = nullptr;
+  Attempt *attempt_ = nullptr; /* the one under way */
   guint time_out_ = 0;
   guint retry_ = 0;
   GDBusConnection *connection_ = nullptr;

@@ -12,7 +12,8 @@ namespace view
 {
 
 /* The producers of the daemon's control service, as the page shows and switches them. All functions and
- * callbacks are for the main thread. */
+ * callbacks are for the main thread, which must not go on after the object is deleted: calls that wait have
+ * no reply. */
 class ProducerService
 {
 public:
