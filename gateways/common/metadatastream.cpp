@@ -117,8 +117,8 @@ MetadataStream::~MetadataStream()
 
 /**
  * MetadataStream::set_failure_function:
- * @on_failure: called on the pipeline's thread when a connection of the daemon ends, or there is none;
- * between the last document of a connection and the first one of the next
+ * @on_failure: called when a connection of the daemon ends, or there is none; between the last document of a
+ *   connection and the first one of the next
  *
  * To be called before start().
  */
@@ -141,6 +141,7 @@ MetadataStream::start()
   }
   if (request_->producers != nullptr) {
     is_watching_ = true;
+    enabled_producers_ = request_->producers->enabled_on(channel_);
     request_->producers->watch_channel(this, channel_,
                                        [this](const std::string &enabled) { follow(enabled); });
   }
@@ -160,7 +161,6 @@ MetadataStream::stop()
     request_->producers->unwatch_channel(this);
     is_watching_ = false;
   }
-  enabled_producers_.reset();
   end();
 }
 
@@ -228,9 +228,11 @@ MetadataStream::end()
 void
 MetadataStream::follow(const std::string &enabled_producers)
 {
-  const bool has_changed = enabled_producers_.has_value() && *enabled_producers_ != enabled_producers;
+  if (enabled_producers == enabled_producers_) {
+    return;
+  }
   enabled_producers_ = enabled_producers;
-  if (has_changed && renew_ == 0) {
+  if (renew_ == 0) {
     renew_ = g_timeout_add(GATEWAY_RENEW_MS, on_renew, this);
   }
 }
@@ -241,6 +243,9 @@ MetadataStream::on_renew(gpointer user_data)
   auto *self = static_cast<MetadataStream *>(user_data);
   self->renew_ = 0;
   self->end();
+  if (self->on_failure_) {
+    self->on_failure_();
+  }
   self->begin();
   return G_SOURCE_REMOVE;
 }

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <gst/gst.h>
-#include <optional>
 #include <string>
 
 namespace gateway
@@ -38,7 +37,8 @@ GstElement *new_metadata_source(const MetadataRequest &request, guint channel, G
 /* The daemon's stream of one request and channel, in a pipeline of its own. It begins again whenever it ends,
  * and when other producers are enabled on the channel.
  *
- * All functions are for the main thread. The callbacks are called on the pipeline's thread. */
+ * All functions are for the main thread. The callbacks are called on the pipeline's thread, or on the main
+ * thread while the pipeline has none; never two at once. */
 class MetadataStream
 {
 public:
@@ -77,8 +77,8 @@ private:
   guint restart_ = 0;
   guint renew_ = 0;
   bool is_watching_ = false;
-  std::optional<std::string> enabled_producers_;
-  std::string failure_; /* the last one that was logged */
+  std::string enabled_producers_; /* those of the present stream */
+  std::string failure_;           /* the last one that was logged */
   gint64 failure_us_ = 0;
 };
 

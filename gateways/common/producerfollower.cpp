@@ -81,15 +81,12 @@ ProducerFollower::enabled_on(guint channel) const
  * ProducerFollower::watch_channel:
  * @watcher: identifies the caller for unwatch_channel()
  * @channel: a channel
- * @on_enabled: called whenever the producers have changed, and at once if they are known. It must not add or
- *   remove watchers.
+ * @on_enabled: called whenever the producers have become known or have changed. It must not add or remove
+ *   watchers.
  */
 void
 ProducerFollower::watch_channel(const void *watcher, guint channel, EnabledFunction on_enabled)
 {
-  if (is_known_) {
-    on_enabled(enabled_on(channel));
-  }
   watchers_.insert_or_assign(watcher, Watcher{channel, std::move(on_enabled)});
 }
 

@@ -84,49 +84,13 @@ ChannelFeed::send(const std::string &key, const Text &text)
   }
 }
 
-/**
- * ChannelFeed::follow:
- * @enabled_producers: a text that is another one when other producers are enabled on the channel
- *
- * Requests the stream again if they have changed: the daemon's stream has those that are enabled at the time
- * of the request.
- */
-void
-ChannelFeed::follow(const std::string &enabled_producers)
-{
-  const bool has_changed = enabled_producers_.has_value() && *enabled_producers_ != enabled_producers;
-  enabled_producers_ = enabled_producers;
-  if (has_changed && !clients_.empty() && renew_ == 0) {
-    renew_ = g_timeout_add(VIEW_RENEW_MS, on_renew, this);
-  }
-}
-
 void
 ChannelFeed::end()
 {
-  g_clear_handle_id(&renew_, g_source_remove);
   inbox_.close();
   stream_.stop();
   is_connected_ = false;
   store_.clear();
-}
-
-void
-ChannelFeed::renew()
-{
-  end();
-  take_items({connection_item(false)});
-  inbox_.open();
-  stream_.start();
-}
-
-gboolean
-ChannelFeed::on_renew(gpointer user_data)
-{
-  auto *self = static_cast<ChannelFeed *>(user_data);
-  self->renew_ = 0;
-  self->renew();
-  return G_SOURCE_REMOVE;
 }
 
 void

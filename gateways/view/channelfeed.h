@@ -5,7 +5,6 @@
 #include "metadatastream.h"
 #include "statestore.h"
 
-#include <optional>
 #include <set>
 
 namespace view
@@ -26,12 +25,9 @@ public:
   void add(Connection *client, const Text &producers);
   void remove(Connection *client);
   void send(const std::string &key, const Text &text);
-  void follow(const std::string &enabled_producers);
 
 private:
   void end();
-  void renew();
-  static gboolean on_renew(gpointer user_data);
   void take_document(GstBuffer *document);
   void take_failure();
   void log_refused(const char *reason);
@@ -40,12 +36,10 @@ private:
 
   guint channel_;
   std::set<Connection *> clients_;
-  std::optional<std::string> enabled_producers_; /* nothing until they are known */
-  guint renew_ = 0;
   StateStore store_;
   Inbox inbox_;
-  bool is_connected_ = false;    /* on the stream's thread */
-  gint64 refused_logged_us_ = 0; /* on the stream's thread */
+  bool is_connected_ = false;    /* of the stream's callbacks */
+  gint64 refused_logged_us_ = 0; /* of the stream's callbacks */
   gateway::MetadataStream stream_;
 };
 

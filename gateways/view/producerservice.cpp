@@ -136,16 +136,14 @@ ProducerService::text() const
 }
 
 /**
- * ProducerService::enabled_on:
- * @channel: a channel
+ * ProducerService::follower:
  *
- * Returns: a text that is another one when other producers are enabled on the channel; while the daemon is
- * not there, the last one
+ * Returns: (transfer none): what follows the producers, for streams of their metadata
  */
-std::string
-ProducerService::enabled_on(guint channel) const
+gateway::ProducerFollower *
+ProducerService::follower()
 {
-  return follower_.enabled_on(channel);
+  return &follower_;
 }
 
 /**

@@ -28,7 +28,7 @@ public:
   ProducerService &operator=(const ProducerService &) = delete;
 
   const Text &text() const;
-  std::string enabled_on(guint channel) const;
+  gateway::ProducerFollower *follower();
   void set_enabled(const SwitchRequest &request, DoneFunction on_done);
 
 private:

@@ -115,17 +115,9 @@
 /**
  * VIEW_RETRY_SECONDS:
  *
- * The time before the bus, or a video, is tried again after a failure, in seconds.
+ * The time before a video is tried again after a failure, in seconds.
  */
 #define VIEW_RETRY_SECONDS 5
-
-/**
- * VIEW_RENEW_MS:
- *
- * How long a channel waits for further changes of its producers before it requests its stream again, in
- * milliseconds.
- */
-#define VIEW_RENEW_MS 200
 
 /**
  * VIEW_SWITCHES_MAX:

@@ -157,6 +157,9 @@ WebServer::listen(GError **error)
   }
   port_ = listener_->port();
   producers_ = std::make_unique<ProducerService>(options_->bus_address, [this]() { show_producers(); });
+  if (options_->request.analytics != nullptr) {
+    request_.producers = producers_->follower();
+  }
   check_ = g_timeout_add_seconds(1, on_check, this);
   comment_ = g_timeout_add_seconds(VIEW_COMMENT_SECONDS, on_comment, this);
   return true;
@@ -253,12 +256,6 @@ void
 WebServer::show_producers()
 {
   send_to_streams("producers", producers_->text());
-  if (options_->request.analytics == nullptr) {
-    return;
-  }
-  for (const auto &[channel, feed] : feeds_) {
-    feed->follow(producers_->enabled_on(channel));
-  }
 }
 
 /* Returns: (nullable): the refusal of a request that another site can have made; %NULL if it is none */

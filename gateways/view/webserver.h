@@ -71,11 +71,11 @@ private:
   static gboolean on_comment(gpointer user_data);
 
   const Options *options_ = nullptr;
+  std::unique_ptr<ProducerService> producers_; /* once the server listens */
   gateway::MetadataRequest request_ = {};
   std::string token_;
   std::map<guint, std::unique_ptr<ChannelFeed>> feeds_;
   std::map<guint, std::unique_ptr<VideoFeed>> videos_;
-  std::unique_ptr<ProducerService> producers_;
   std::unique_ptr<Listener> listener_;
   std::list<std::unique_ptr<Connection>> connections_; /* the oldest first */
   SoupServer *server_;

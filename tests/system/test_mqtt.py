@@ -43,7 +43,9 @@ def record_documents(daemon):
 
 @needs_schemas
 def test_messages_are_those_of_the_documents(start_full_daemon, feed, start_fed, subscriber):  # noqa: F811
-    recorded = record_documents(start_full_daemon())
+    daemon = start_full_daemon()
+    recorded = record_documents(daemon)
+    daemon.end()  # A gateway that learns of its producers would request the stream again.
     start_fed()
     wanted = []
     for received in recorded:

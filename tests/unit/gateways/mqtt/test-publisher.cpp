@@ -5,8 +5,8 @@
 #include "fakedaemon.h"
 #include "mqttlimits.h"
 #include "tessardsrc.h"
+#include "testbus.h"
 #include "testclock.h"
-#include "testhost.h"
 
 #include <syslog.h>
 
@@ -49,13 +49,14 @@ frame(const std::string &attributes)
   return document("<tt:VideoAnalytics><tt:Frame UtcTime=\"T\" " + attributes + "/></tt:VideoAnalytics>");
 }
 
-/* A publisher between a daemon and a broker. The first stream that it requests is that of events. */
-class PublisherTest : public testhost::Fixture
+/* A publisher between a daemon and a broker. The first stream that it requests is that of events. There is
+ * a bus, without the daemon. */
+class PublisherTest : public testbus::Fixture
 {
 protected:
   void SetUp() override
   {
-    testhost::Fixture::SetUp();
+    testbus::Fixture::SetUp();
     testclock::reset();
     gst_element_register(nullptr, "tessardsrc", GST_RANK_NONE, TESSARD_TYPE_SRC);
     mosquitto_lib_init();
@@ -75,7 +76,7 @@ protected:
     mosquitto_lib_cleanup();
     testhost::take_syslog();
     testclock::reset();
-    testhost::Fixture::TearDown();
+    testbus::Fixture::TearDown();
   }
 
   /* The broker's thread says goodbye to the test. */
