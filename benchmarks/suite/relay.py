@@ -23,6 +23,7 @@ PIPELINES = (DAEMON, BARE)
 
 # The kinds of threads: they read producers' streams, run the source element, or write to the client behind the queue.
 READER, SOURCE, QUEUE = THREADS = ("reader", "source", "queue")
+HAS_SCHEDSTAT = pathlib.Path("/proc/self/schedstat").exists()
 WAITS = re.compile(r"^voluntary_ctxt_switches:\s*(\d+)$", re.MULTILINE)
 
 SIZES = (50, 200, 1024, 10 * 1024, 100 * 1024)
@@ -83,12 +84,13 @@ def kind_of_thread(name):
 
 
 def usage_of_threads(pid):
-    """The processor time in seconds of each kind of thread, and how often they waited. Leaves out threads that end."""
+    """The processor time in seconds of each kind of thread, which is 0 where the kernel does not tell it, and how often
+    they waited. Leaves out threads that end."""
     found = {kind: [0, 0] for kind in THREADS}
     for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
         try:
-            name, times, status = ((task / file).read_text(encoding="utf-8")
-                                   for file in ("comm", "schedstat", "status"))
+            name, status = ((task / file).read_text(encoding="utf-8") for file in ("comm", "status"))
+            times = (task / "schedstat").read_text(encoding="utf-8") if HAS_SCHEDSTAT else "0"
         except (FileNotFoundError, ProcessLookupError):
             continue
         of_kind = found[kind_of_thread(name)]
@@ -194,7 +196,7 @@ def thread_table(data):
     def cells(rounds):
         for kind in THREADS:
             seconds, waits = (statistics.median(found[kind][index] for found in rounds) for index in range(2))
-            yield f"{microseconds(seconds)} ({waits:.2f})"
+            yield f"{microseconds(seconds) if seconds else '-'} ({waits:.2f})"
 
     return Table("Relay, processor time of a delivered message by thread, µs, and how often the thread waited",
                  ("clients", "message", *(f"{side}: {kind}" for side in PIPELINES for kind in THREADS)),
