@@ -17,6 +17,7 @@
 #include "producersfile.h"
 #include "ratelimitedlog.h"
 #include "receiverwatch.h"
+#include "systembus.h"
 
 #include <algorithm>
 #include <atomic>
@@ -40,7 +41,7 @@ constexpr const char *OWNER = ":1.1";
 constexpr const char *CLIENT = ":1.2";
 constexpr const char *MANAGER = "org.freedesktop.DBus.ObjectManager";
 constexpr const char *PROPERTIES = "org.freedesktop.DBus.Properties";
-constexpr const char *FENCE = "/fence";
+constexpr const char *FENCE = "com.quon.Fence";
 constexpr size_t MAX_RECORDS = 64;
 
 enum Kind : uint8_t { ADDED, REMOVED, CHANGED, OBJECTS, SAMPLE, VANISHES, APPEARS, N_KINDS };
@@ -210,8 +211,6 @@ private:
   std::thread thread_;
 };
 
-std::atomic<bool> fence_passed;
-
 /* Has the type of the input if that is valid and a message can have it, or else the correct one. */
 GVariant *
 make_body(std::string_view input, const char *right_type)
@@ -283,19 +282,30 @@ parse(std::string_view input)
   return records;
 }
 
-/* Returns when the client has handled all messages so far. The fence's log line may be held back as the last
- * one. */
+void
+on_fence(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *, GVariant *,
+         gpointer is_passed)
+{
+  *static_cast<bool *>(is_passed) = true;
+}
+
+/* Returns when the client has handled all messages so far. GDBus dispatches the signals of a connection in
+ * their order. */
 void
 wait_for_fence(Bus *bus)
 {
-  fence_passed = false;
-  bus->send_signal(
-      OWNER, RECEIVER_PRODUCERS_PATH, MANAGER, "InterfacesAdded",
-      g_variant_new("(o@a{sa{sv}})", FENCE, g_variant_new_array(G_VARIANT_TYPE("{sa{sv}}"), nullptr, 0)));
-  while (!fence_passed) {
+  bool is_passed = false;
+  g_autoptr(GDBusConnection) connection = system_bus_get(nullptr, nullptr);
+  const guint subscription =
+      g_dbus_connection_signal_subscribe(connection, OWNER, FENCE, nullptr, nullptr, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, on_fence, &is_passed, nullptr);
+
+  bus->send_signal(OWNER, "/", FENCE, "Passed", g_variant_new("()"));
+  while (!is_passed) {
     g_main_context_iteration(nullptr, TRUE);
-    rate_limited_log_flush();
   }
+  g_dbus_connection_signal_unsubscribe(connection, subscription);
+  rate_limited_log_flush();
 }
 
 void
@@ -402,9 +412,6 @@ syslog(int, const char *format, ...)
   va_end(args);
 
   fuzz::require(g_utf8_validate(line, -1, nullptr), "a log line is UTF-8");
-  if (g_str_has_prefix(line, "left out producer object /fence: ")) {
-    fence_passed = true;
-  }
 }
 
 int
