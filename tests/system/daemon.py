@@ -322,12 +322,16 @@ class Daemon:
 
     # Life
 
-    def wait_until_ready(self):
+    def wait_until_started(self):
         """Waits until the daemon replies to a request; its start is complete then."""
         wait_until(self._replies, "the daemon replies")
         lines = [*self.start_lines, *self.bus_lines]
         wait_until(lambda: len(self._without_repeated(self.log.lines)) >= len(lines), f"{lines} are logged")
         assert self._without_repeated(self.log.take()) == lines
+
+    def wait_until_ready(self):
+        """Waits for the daemon's start and the end of the first request. There must be no other client."""
+        self.wait_until_started()
         wait_until(lambda: not self._has_clients(), "the daemon has closed the connection")
         self.idle_descriptors = self.descriptors()
 

@@ -119,7 +119,7 @@ def test_objects_come_back_with_the_daemon(start, start_gateway, writer, receive
         # So the daemon has the gateway's request before it knows the detector.
         with suspended(receiver_process.process):
             daemon.start_again()
-            daemon.wait_until_ready()
+            daemon.wait_until_started()
             wait_until(lambda: connections_of(daemon.socket_path) > 0, "the gateway has connected")
         gateway.expect_frame(GATE)
     # tessard-mqtt has a stream of events too, which can end later, and without events and the detector there is nothing

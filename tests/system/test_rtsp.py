@@ -459,13 +459,13 @@ def test_udp(daemon, serve):
 
 
 class Sniffer:
-    """The datagrams to a group and a port on the loopback interface. The server's socket does not share its port, so
-    another one of this machine cannot have it."""
+    """The datagrams to a group on the loopback interface, since its creation, and to the port that is set later. The
+    server's socket does not share its port, so another one of this machine cannot have it."""
 
     IP_PROTOCOLS, UDP = 0x0800, 17
 
-    def __init__(self, group, port):
-        self.destination = socket.inet_aton(group), port
+    def __init__(self, group):
+        self.group, self.port = socket.inet_aton(group), None
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(self.IP_PROTOCOLS))
         self.socket.settimeout(BOUND_SECONDS)
         self.socket.bind(("lo", self.IP_PROTOCOLS))
@@ -475,7 +475,7 @@ class Sniffer:
             packet = self.socket.recv(65536)
             header = (packet[0] & 15) * 4
             found = packet[16:20], int.from_bytes(packet[header + 2:header + 4], "big")
-            if packet[9] == self.UDP and found == self.destination:
+            if packet[9] == self.UDP and found == (self.group, self.port):
                 return packet[header + 8:]
 
 
@@ -483,15 +483,16 @@ class Sniffer:
 def test_multicast(daemon, serve):
     group = "239.255.77.1"
     gateway = serve(daemon.socket_path, "--event", "--no-video", "--multicast", group)
-    with gateway.client() as client:
+    # The first document can be sent before the reply to SETUP is here.
+    sniffer = Sniffer(group)
+    with sniffer.socket, gateway.client() as client:
         client.describe()
         transport = client.setup_transport(0, "RTP/AVP;multicast")
         assert f"destination={group};" in transport and "ttl=1;" in transport
-        sniffer = Sniffer(group, int(re.search(r";port=(\d+)-", transport)[1]))
-        with sniffer.socket:
-            client.play()
-            assert Packet(sniffer.next()).payload == EMPTY
-            assert is_state(Document(next_document(sniffer.next)))
+        sniffer.port = int(re.search(r";port=(\d+)-", transport)[1])
+        client.play()
+        assert Packet(sniffer.next()).payload == EMPTY
+        assert is_state(Document(next_document(sniffer.next)))
 
 
 def test_multicast_must_be_allowed(daemon, serve):
