@@ -1,12 +1,16 @@
 /* SPDX-License-Identifier: MIT */
 #include "boundedinput.h"
 
+#include "requesthead.h"
+
 #include <algorithm>
 
 struct _BoundedInput {
   GFilterInputStream parent_instance;
 
   gsize left;
+  view::RequestHead *head;
+  gboolean has_refused;
   BoundedInputFunc on_closed; /* NULL after its call, and when it is forgotten */
   gpointer user_data;
 };
@@ -30,6 +34,14 @@ base_of(gpointer self)
 static void
 bounded_input_init(BoundedInput *self)
 {
+  self->head = new view::RequestHead;
+}
+
+static void
+bounded_input_finalize(GObject *object)
+{
+  delete BOUNDED_INPUT(object)->head;
+  G_OBJECT_CLASS(bounded_input_parent_class)->finalize(object);
 }
 
 /* The engine closes its side also by dropping it. */
@@ -53,10 +65,17 @@ bounded_input_read(GInputStream *stream, void *buffer, gsize count, GCancellable
   }
   const gssize size = g_pollable_stream_read(G_INPUT_STREAM(base_of(self)), buffer,
                                              std::min(count, self->left), FALSE, cancellable, error);
-  if (size > 0) {
-    self->left -= static_cast<gsize>(size);
+  if (size < 0) {
+    return size;
   }
-  return size;
+  self->left -= static_cast<gsize>(size);
+  if (size > 0 ? self->head->append({static_cast<char *>(buffer), static_cast<gsize>(size)})
+               : self->head->end()) {
+    return size;
+  }
+  self->has_refused = TRUE;
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "The length of the request is not known.");
+  return -1;
 }
 
 static gboolean
@@ -73,6 +92,7 @@ static void
 bounded_input_class_init(BoundedInputClass *klass)
 {
   G_OBJECT_CLASS(klass)->dispose = bounded_input_dispose;
+  G_OBJECT_CLASS(klass)->finalize = bounded_input_finalize;
   G_INPUT_STREAM_CLASS(klass)->read_fn = bounded_input_read;
   G_INPUT_STREAM_CLASS(klass)->close_fn = bounded_input_close;
 }
@@ -101,7 +121,7 @@ bounded_input_pollable_init(GPollableInputStreamInterface *iface)
  * bounded_input_new:
  * @base: (transfer none): the stream to read; it must be pollable
  * @bytes_max: how much can be read before reading fails
- * @on_closed:: called when the stream is closed or released
+ * @on_closed: called when the stream is closed or released
  * @user_data: for @on_closed
  *
  * Returns: (transfer full): the bounded stream
@@ -114,6 +134,18 @@ bounded_input_new(GInputStream *base, gsize bytes_max, BoundedInputFunc on_close
   self->on_closed = on_closed;
   self->user_data = user_data;
   return self;
+}
+
+/**
+ * bounded_input_has_refused:
+ * @self: the stream
+ *
+ * Returns: whether the head of the request was withheld; reading has failed then
+ */
+gboolean
+bounded_input_has_refused(BoundedInput *self)
+{
+  return self->has_refused;
 }
 
 /**

@@ -1,9 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #include "connection.h"
 
+#include "httpreply.h"
 #include "viewlimits.h"
 
 #include <array>
+#include <libsoup/soup.h>
 #include <sys/socket.h>
 
 namespace view
@@ -316,7 +318,10 @@ void
 Connection::on_engine_closed(gpointer user_data)
 {
   auto *self = static_cast<Connection *>(user_data);
-  if (self->state_ == State::REQUEST || self->state_ == State::ENDING) {
+  if (self->state_ == State::REQUEST && bounded_input_has_refused(self->input_)) {
+    self->state_ = State::WAITING;
+    self->reply(http_error(SOUP_STATUS_BAD_REQUEST, "The length of the request is not known.", {}));
+  } else if (self->state_ == State::REQUEST || self->state_ == State::ENDING) {
     self->close();
   }
 }

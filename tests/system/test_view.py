@@ -2,10 +2,12 @@
 """tessard-view: its page, the streams of events and of pictures, and what a client that comes late gets."""
 
 import contextlib
+import http.client
 import json
 import pathlib
 import re
 import signal
+import socket
 
 import pytest
 
@@ -143,6 +145,22 @@ def test_two_hosts(daemon, view):
     with gateway.connect() as peer:
         peer.sendall(f"GET / HTTP/1.1\r\nHost: {gateway.host}\r\nHost: evil.example\r\n\r\n".encode())
         assert peer.recv(65536).split()[1] in (b"400", b"403")
+
+
+@pytest.mark.parametrize("header", ["Content-Length: x", "Transfer-Encoding: gzip"])
+@pytest.mark.parametrize("is_ended", [False, True])
+def test_unknown_length(daemon, view, header, is_ended):
+    """Also of a request that ends with the client's side."""
+    gateway = view(daemon.socket_path)
+    with gateway.connect() as peer:
+        head = f"GET / HTTP/1.1\r\nHost: {gateway.host}\r\n{header}\r\n"
+        peer.sendall((head if is_ended else f"{head}\r\n").encode())
+        if is_ended:
+            peer.shutdown(socket.SHUT_WR)
+        reply = http.client.HTTPResponse(peer)
+        reply.begin()
+        assert (reply.status, json.loads(reply.read())) == (400, {"error": "The length of the request is not known."})
+        assert {name: reply.getheader(name) for name in HEADERS} == HEADERS
 
 
 def test_old_version_without_a_host(daemon, view):

@@ -160,6 +160,17 @@ def test_requests_leave_nothing_behind(gateway, witness):
     assert grown is None or gateway.status_bytes("VmRSS") - grown < 16 * MIB
 
 
+@needs_allocator
+def test_unknown_lengths_leave_nothing_behind(gateway, witness):
+    path = "/" + 16 * 1024 * "a"
+    before = gateway.status_bytes("VmRSS")
+    for _ in range(4000):
+        with gateway.connect() as peer:
+            peer.sendall(f"GET {path} HTTP/1.1\r\nHost: {gateway.host}\r\nContent-Length: x\r\n\r\n".encode())
+            assert peer.recv(12) == b"HTTP/1.1 400"
+    assert gateway.status_bytes("VmRSS") - before < 16 * MIB
+
+
 # Clients that do not read
 
 
