@@ -35,12 +35,9 @@ build_files() {
   xargs -d '\n' ninja -C "$1"
 }
 
-# What is built beside the normal build: compiler, build type, and "lto" for link-time optimisation. The flags of a plain
-# build are those that the distribution builds its packages with.
+# What `check --all` builds beside the normal build: compiler, build type, and "lto" for link-time optimisation. The flags
+# of a plain build are those that the distribution builds its packages with.
 MATRIX=("g++ release" "g++ plain" "g++ release lto" "clang++ release" "clang++ debugoptimized" "clang++ plain")
-
-# Those of them that `check` builds without --all. The fuzz targets are built with the other compiler.
-MATRIX_RELEASES=("g++ release")
 
 # The library alone, with what a comparison of binary interfaces reads.
 ABI_OPTIONS=(-Dbuildtype=debug -Dtests=false -Dtools=false -Dplugins=false -Dreceiver=false -Dsim=false -Ddocs=false
@@ -54,10 +51,8 @@ if command -v ccache >/dev/null; then
   CACHED="ccache "
 fi
 
-# How much of the default configuration is built: what is installed on a camera, or all. Precompiled headers would hide
-# that a test does not include what it uses.
-MATRIX_PRODUCT=(-Dsim=false -Dtests=false -Ddocs=false)
-MATRIX_ALL=(-Dsim=true -Dtests=true -Ddocs=true -Db_pch=false)
+# All of the tree. Precompiled headers would hide that a test does not include what it uses.
+MATRIX_OPTIONS=(-Dsim=true -Dtests=true -Ddocs=true -Db_pch=false)
 
 # Configures a build folder: its path, the compiler, the build type, options. A configured one keeps its compiler and
 # flags, so that it is made again.
