@@ -58,8 +58,9 @@ new_metadata_track()
 {
   GstElement *track = gst_element_factory_make("appsrc", nullptr);
   g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(METADATA_CAPS);
+  constexpr guint64 BYTES_MAX = RTSP_QUEUED_BYTES_MAX;
   g_object_set(track, "caps", caps, "is-live", TRUE, "do-timestamp", TRUE, "format", GST_FORMAT_TIME,
-               "max-bytes", RTSP_QUEUED_BYTES_MAX, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM, nullptr);
+               "max-bytes", BYTES_MAX, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM, nullptr);
   gst_app_src_push_buffer(GST_APP_SRC(track), gst_buffer_new_memdup(EMPTY_DOCUMENT, strlen(EMPTY_DOCUMENT)));
   return track;
 }
