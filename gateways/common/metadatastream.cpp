@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "metadatastream.h"
 
+#include <cstring>
 #include <gst/app/gstappsink.h>
 #include <syslog.h>
 
@@ -66,6 +67,18 @@ new_sink(MetadataStream::DocumentFunction *on_document)
 }
 
 } // namespace
+
+/**
+ * requests_analytics:
+ * @options: what is asked for
+ *
+ * Returns: whether the metadata depends on the producers that are enabled
+ */
+bool
+requests_analytics(const RequestOptions &options)
+{
+  return options.analytics != nullptr && strcmp(options.analytics, "0") != 0;
+}
 
 /**
  * new_metadata_source:

@@ -32,6 +32,7 @@ struct MetadataRequest {
   ProducerFollower *producers = nullptr; /* whose changes begin the streams again; outlives them */
 };
 
+bool requests_analytics(const RequestOptions &options);
 GstElement *new_metadata_source(const MetadataRequest &request, guint channel, GError **error);
 
 /* The daemon's stream of one request and channel, in a pipeline of its own. It begins again whenever it ends,

@@ -96,7 +96,7 @@ void
 Publisher::start()
 {
   link_.start();
-  if (config_->publishes_metadata && strcmp(config_->metadata.analytics, "0") != 0) {
+  if (config_->publishes_metadata && gateway::requests_analytics(config_->metadata)) {
     producers_ = std::make_unique<gateway::ProducerFollower>(nullptr);
     metadata_request_.producers = producers_.get();
   }

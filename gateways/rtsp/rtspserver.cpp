@@ -139,7 +139,7 @@ Server::set_up(const Options &options, GError **error)
   g_autofree char *port = g_strdup_printf("%d", options.port);
   gst_rtsp_server_set_address(server_, options.address);
   gst_rtsp_server_set_service(server_, port);
-  if (options.request.analytics != nullptr) {
+  if (gateway::requests_analytics(options.request)) {
     producers_ = std::make_unique<gateway::ProducerFollower>(nullptr);
   }
   request_ = {&options.request, options.socket_path, producers_.get()};

@@ -74,7 +74,7 @@ bounded_input_read(GInputStream *stream, void *buffer, gsize count, GCancellable
     return size;
   }
   self->has_refused = TRUE;
-  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "The length of the request is not known.");
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "The head of the request is withheld.");
   return -1;
 }
 

@@ -157,7 +157,7 @@ WebServer::listen(GError **error)
   }
   port_ = listener_->port();
   producers_ = std::make_unique<ProducerService>(options_->bus_address, [this]() { show_producers(); });
-  if (options_->request.analytics != nullptr) {
+  if (gateway::requests_analytics(options_->request)) {
     request_.producers = producers_->follower();
   }
   check_ = g_timeout_add_seconds(1, on_check, this);

@@ -275,6 +275,15 @@ TEST_F(MetadataStreamTest, SendsSyncPoints)
   EXPECT_EQ(connection->read(5), "SYNC\n");
 }
 
+TEST_F(MetadataStreamTest, KnowsRequestsOfAnalytics)
+{
+  EXPECT_FALSE(gateway::requests_analytics(options_));
+  options_.analytics = g_strdup("0");
+  EXPECT_FALSE(gateway::requests_analytics(options_));
+  options_.analytics[0] = '1';
+  EXPECT_TRUE(gateway::requests_analytics(options_));
+}
+
 TEST_F(MetadataStreamTest, RefusesAnUnknownValue)
 {
   options_.analytics = g_strdup("many");
